@@ -1,0 +1,35 @@
+# Warnings, sanitizers and link choices of every target of the tree.
+
+add_library(qor_options INTERFACE)
+target_compile_options(qor_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor)
+
+if(QOR_SANITIZE)
+    target_compile_options(qor_options INTERFACE -fsanitize=${QOR_SANITIZE} -fno-sanitize-recover=all
+                                                 -fno-omit-frame-pointer)
+    target_link_options(qor_options INTERFACE -fsanitize=${QOR_SANITIZE})
+endif()
+
+# For what ships: tool, library, modules. Test programs keep the shared run-time.
+add_library(qor_shipped INTERFACE)
+target_link_libraries(qor_shipped INTERFACE qor_options)
+if(QOR_STATIC_RUNTIME)
+    target_link_options(qor_shipped INTERFACE -static-libstdc++ -static-libgcc)
+endif()
+target_link_options(qor_shipped INTERFACE LINKER:--gc-sections LINKER:-O1)
+target_compile_options(qor_shipped INTERFACE -ffunction-sections -fdata-sections)
+
+# A client needs the headers and nothing else.
+add_library(qor_client INTERFACE)
+target_include_directories(qor_client INTERFACE ${PROJECT_SOURCE_DIR}/qorcore/include)
+
+# The sources that match, without those of the other platforms.
+function(qor_platform_sources result)
+    list(TRANSFORM ARGN PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
+    file(GLOB sources CONFIGURE_DEPENDS ${ARGN})
+    if(WIN32)
+        list(FILTER sources EXCLUDE REGEX "_posix\\.cpp$")
+    else()
+        list(FILTER sources EXCLUDE REGEX "_windows\\.cpp$")
+    endif()
+    set(${result} ${sources} PARENT_SCOPE)
+endfunction()

@@ -1,0 +1,251 @@
+// The object model that every client carries: reference-counted objects, components with named interfaces, and
+// the owned run of bytes. Inline, on top of the table; the lines that assertions and allocations name are
+// constants of the contract.
+#pragma once
+
+#include "qor/glue/primitives.h"
+#include "qor/system/Interface.h"
+#include "qor/system/Memory.h"
+
+#include <cstring>
+#include <utility>
+
+namespace qor::glue {
+
+inline constexpr char common_file[] = "qorcore/include/qor/glue/impl_common";
+
+// Tells the framework of a new object, so that the allocation log can name its type. Silent before the table is
+// bound.
+inline void announce(const void* object, const char* type_name) noexcept {
+    if (is_bound())
+        qorAnnounceObject(object, type_name);
+}
+
+} // namespace qor::glue
+
+// Storage of framework objects: operator new takes the source location, as in
+// `new ("util/tool/main", 55) tool_app`.
+#define QOR_TRACKED_NEW                                                                                      \
+    static void* operator new(std::size_t size, const char* file, int line) {                                \
+        return qor::glue::or_throw(qor::glue::qor_do_new(size, file, line));                                 \
+    }                                                                                                        \
+    static void operator delete(void* object) noexcept { qor::glue::qor_do_delete(object); }                 \
+    static void operator delete(void* object, const char*, int) noexcept { qor::glue::qor_do_delete(object); }
+
+// A reference-counted object with one interface. It is born holding one reference, and the last Release ends it.
+// References may be added and dropped on any thread. The name is kept by pointer.
+class qorRefObject {
+public:
+    explicit qorRefObject(const char* name) noexcept : m_type_name(name) {
+        qor::glue::announce(this, name);
+        m_refcount.Set(1);
+    }
+    qorRefObject(const qorRefObject&) = delete;
+    qorRefObject& operator=(const qorRefObject&) = delete;
+    virtual ~qorRefObject() {
+        if (m_refcount.Read() != 0)
+            qor::glue::assert_failed("m_refcount.Read() == 0", "virtual qorRefObject::~qorRefObject()",
+                                     qor::glue::common_file, 894);
+    }
+
+    // Called once, before the object is destroyed.
+    virtual void OnFinalRelease() noexcept {}
+
+    const char* TypeName() const noexcept { return m_type_name; }
+
+    void AddRef() noexcept { m_refcount.Increment(); }
+    void Release() noexcept {
+        if (!m_refcount.DecrementAndTestZero())
+            return;
+        OnFinalRelease();
+        delete this;
+    }
+
+    QOR_TRACKED_NEW
+
+private:
+    const char* m_type_name;
+    qorAtomic2 m_refcount;
+};
+
+// A reference-counted object with a table of named interfaces. Interfaces are set while it is constructed, before
+// other threads see it, and only read afterwards. Names are kept by pointer.
+class qorComponent2 {
+public:
+    explicit qorComponent2(const char* name) : m_data(new shared_record{name}) {
+        m_data->refcount.Set(1);
+        qor::glue::announce(this, name);
+    }
+    qorComponent2() : m_data(new shared_record{"**type.not.set**"}) {
+        m_data->refcount.Set(1);
+        qor::glue::announce(this, nullptr);
+    }
+    qorComponent2(const qorComponent2&) = delete;
+    qorComponent2& operator=(const qorComponent2&) = delete;
+    virtual ~qorComponent2() {
+        if (m_data->refcount.Read() != 0)
+            qor::glue::assert_failed("m_data->refcount.Read() == 0",
+                                     "virtual qorComponent2::~qorComponent2()", qor::glue::common_file, 973);
+        if (m_data->interfaces != nullptr)
+            qor_do_free(m_data->interfaces, qor::glue::common_file, 976);
+        delete m_data;
+    }
+
+    // Called once, before the object is destroyed.
+    virtual void OnFinalRelease() noexcept {}
+
+    void object_AddRef() noexcept { m_data->refcount.Increment(); }
+    void object_Release() noexcept {
+        if (!m_data->refcount.DecrementAndTestZero())
+            return;
+        OnFinalRelease();
+        delete this;
+    }
+
+    // Offers `iface` under `name`; a successful query adds a reference to `owner`. Of two under one name the
+    // first one set is found. Throws std::bad_alloc.
+    void x_SetInterface2(const char* name, void* iface, IQORInterface* owner) {
+        const uint32 count = m_data->interface_count;
+        m_data->interfaces = static_cast<interface_entry*>(
+            m_data->interfaces == nullptr
+                ? qor_do_malloc(0, sizeof(interface_entry), true, qor::glue::common_file, 1005)
+                : qor_do_realloc(m_data->interfaces, (count + 1ull) * sizeof(interface_entry),
+                                 qor::glue::common_file, 1007));
+        m_data->interfaces[count] = {name, iface, owner};
+        m_data->interface_count = count + 1;
+    }
+
+    // The same for an interface that is its own owner.
+    void x_SetInterface(const char* name, void* iface) {
+        x_SetInterface2(name, iface, static_cast<IQORInterface*>(iface));
+    }
+
+    // Returns 1 and the interface with a new reference, or 0 and leaves *out as it was.
+    int object_QueryInterface(const char* name, void** out) noexcept {
+        const interface_entry* const entry = find(name);
+        if (entry == nullptr)
+            return 0;
+        *out = entry->iface;
+        entry->owner->AddRef();
+        return 1;
+    }
+
+    // 1 if there is such an interface, else 0; no reference is taken.
+    int object_TestInterface(const char* name) const noexcept { return find(name) != nullptr ? 1 : 0; }
+
+    QOR_TRACKED_NEW
+
+private:
+    struct interface_entry {
+        const char* name;
+        void* iface;
+        IQORInterface* owner;
+    };
+
+    struct shared_record {
+        const char* type_name;
+        qorAtomic2 refcount{};
+        interface_entry* interfaces = nullptr;
+        uint32 interface_count = 0;
+    };
+
+    const interface_entry* find(const char* name) const noexcept {
+        for (uint32 i = 0; i < m_data->interface_count; ++i)
+            if (std::strcmp(m_data->interfaces[i].name, name) == 0)
+                return &m_data->interfaces[i];
+        return nullptr;
+    }
+
+    shared_record* m_data;
+};
+
+#undef QOR_TRACKED_NEW
+
+// One owned run of bytes. Operations that install new bytes free the old ones first; none of them is undone
+// when memory runs out (std::bad_alloc), the block is then empty. Not thread-safe.
+class qorDataBlock {
+public:
+    qorDataBlock() noexcept = default;
+    qorDataBlock(const qorDataBlock&) = delete;
+    qorDataBlock& operator=(const qorDataBlock&) = delete;
+    ~qorDataBlock() { release(); }
+
+    void Free() noexcept {
+        release();
+        m_data = {};
+    }
+
+    // New bytes, not cleared.
+    void* Create(uint32 n) {
+        Free();
+        m_data.bytes = qor_do_malloc(0, n, true, qor::glue::common_file, 1842);
+        m_data.size = n;
+        return m_data.bytes;
+    }
+
+    void AttachCopy(const void* src, uint32 n) {
+        void* const bytes = Create(n);
+        if (n != 0)
+            std::memcpy(bytes, src, n);
+    }
+
+    // Takes over `p`, a block of the tracked allocator.
+    void Attach(void* p, uint32 n) noexcept {
+        Free();
+        m_data = {p, n};
+    }
+
+    void Steal(qorDataBlock& src) noexcept {
+        Free();
+        m_data = std::exchange(src.m_data, {});
+    }
+
+    // The caller owns the bytes from now on and frees them with qor_do_free.
+    void* Detach() noexcept { return std::exchange(m_data, {}).bytes; }
+
+    // Keeps the bytes up to the smaller of both sizes.
+    void* Realloc(uint32 n) {
+        m_data.bytes = qor_do_realloc(m_data.bytes, n, qor::glue::common_file, 1887);
+        m_data.size = n;
+        return m_data.bytes;
+    }
+
+    // A block copied onto itself is empty: it frees its bytes before it looks at the source.
+    void Copy(const qorDataBlock& src) {
+        Free();
+        if (src.m_data.bytes != nullptr) {
+            m_data.bytes = qor_do_memdup(src.m_data.bytes, src.m_data.size, qor::glue::common_file, 1897);
+            m_data.size = src.m_data.size;
+        }
+    }
+
+    void* ptr() noexcept { return m_data.bytes; }
+    const void* ptr() const noexcept { return m_data.bytes; }
+
+    // An offset that is not below the size is reported, and the address is returned all the same.
+    void* ptr_at(uint32 offset) noexcept {
+        if (offset >= m_data.size)
+            qor::glue::assert_failed("offset < m_data.size", "void* qorDataBlock::ptr_at(uint32)",
+                                     qor::glue::common_file, 1858);
+        return static_cast<char*>(m_data.bytes) + offset;
+    }
+    const void* ptr_at(uint32 offset) const noexcept {
+        if (offset >= m_data.size)
+            qor::glue::assert_failed("offset < m_data.size", "const void* qorDataBlock::ptr_at(uint32) const",
+                                     qor::glue::common_file, 1865);
+        return static_cast<const char*>(m_data.bytes) + offset;
+    }
+
+    uint32 Size() const noexcept { return m_data.size; }
+
+private:
+    void release() noexcept {
+        if (m_data.bytes != nullptr)
+            qor_do_free(m_data.bytes, qor::glue::common_file, 1809);
+    }
+
+    struct {
+        void* bytes = nullptr;
+        uint32 size = 0;
+    } m_data;
+};

@@ -1,0 +1,202 @@
+// The POSIX half of what a client compiles in: how it binds to libqor, and the critical section and the event
+// under the synchronisation primitives (primitives.h).
+#pragma once
+
+#include "qor/glue/binding.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dlfcn.h>
+#include <pthread.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace qor::glue {
+
+#ifndef QOR_INSIDE
+
+inline constexpr char bind_function[] = "const qor::glue::binding_table* qor::glue::bind()";
+
+// The debugger channel of a POSIX system is the system log: a failed binding never writes to the console.
+inline void debugger_message(const char* text) noexcept { syslog(LOG_USER | LOG_DEBUG, "%s", text); }
+
+// What was printed before the first bound call is not lost; destructors and atexit routines do not run.
+[[noreturn]] inline void end_process() noexcept {
+    std::fflush(nullptr);
+    _exit(100);
+}
+
+// libqor.so from the executable's own folder, or null. RTLD_NOW: a damaged library fails here, not later.
+inline void* load_beside_executable() noexcept {
+    constexpr char name[] = "libqor.so";
+    char path[8192 + sizeof name];
+    const ssize_t length = readlink("/proc/self/exe", path, 8192);
+    if (length <= 0)
+        return nullptr;
+    path[length] = '\0';
+    char* const slash = std::strrchr(path, '/');
+    if (slash == nullptr)
+        return nullptr;
+    std::memcpy(slash + 1, name, sizeof name);
+    return dlopen(path, RTLD_NOW | RTLD_LOCAL);
+}
+
+[[gnu::noinline, gnu::cold]] inline const binding_table* bind() noexcept {
+    void* library = load_beside_executable();
+    if (library == nullptr) {
+        debugger_message("FAILED dlopen() of libqor.so\n");
+        // The bare name follows the executable's run path: there lies the library of an installed tool.
+        library = dlopen("libqor.so", RTLD_NOW | RTLD_LOCAL);
+        if (library == nullptr) {
+            debugger_message("FAILED path-base dlopen() of libqor.so\n");
+            assert_failed("false", bind_function, impl_file, 77);
+            end_process();
+        }
+        debugger_message("WARNING Loaded libqor.so using name only\n");
+    }
+    auto* const entry = reinterpret_cast<binding_point*>(dlsym(library, "glue_binding_point"));
+    if (entry == nullptr) {
+        debugger_message("FAILED dlsym() on libqor.so for main entry point\n");
+        assert_failed("false", bind_function, impl_file, 92);
+        end_process();
+    }
+    const binding_table* const funcs = entry();
+    s_funcs.store(funcs, std::memory_order_release);
+    if (funcs == nullptr) {
+        assert_failed("s_funcs != NULL", bind_function, impl_file, 99);
+        end_process();
+    }
+    return funcs;
+}
+
+#endif
+
+// A mutex that the thread which owns it may enter again.
+class critical_section {
+public:
+    static critical_section* create() noexcept {
+        auto* const made = static_cast<critical_section*>(std::malloc(sizeof(critical_section)));
+        if (made == nullptr)
+            return nullptr;
+        pthread_mutexattr_t attributes;
+        pthread_mutexattr_init(&attributes);
+        pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+        pthread_mutex_init(&made->m_mutex, &attributes);
+        pthread_mutexattr_destroy(&attributes);
+        return made;
+    }
+
+    static void destroy(critical_section* self) noexcept {
+        if (self != nullptr)
+            pthread_mutex_destroy(&self->m_mutex);
+        std::free(self);
+    }
+
+    static void enter(critical_section* self) noexcept {
+        if (self != nullptr)
+            pthread_mutex_lock(&self->m_mutex);
+    }
+
+    static void leave(critical_section* self) noexcept {
+        if (self != nullptr)
+            pthread_mutex_unlock(&self->m_mutex);
+    }
+
+private:
+    pthread_mutex_t m_mutex;
+};
+
+// An event as the operating system's event objects are: set or not, and reset by hand or by the one waiter
+// that it releases.
+class event {
+public:
+    static event* create(bool set) noexcept {
+        auto* const made = static_cast<event*>(std::malloc(sizeof(event)));
+        if (made == nullptr)
+            return nullptr;
+        pthread_condattr_t attributes;
+        pthread_condattr_init(&attributes);
+        // A wait with a limit must not move when somebody sets the clock.
+        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+        const int failed = pthread_cond_init(&made->m_changed, &attributes);
+        pthread_condattr_destroy(&attributes);
+        if (failed != 0 || pthread_mutex_init(&made->m_lock, nullptr) != 0) {
+            std::free(made);
+            return nullptr;
+        }
+        made->m_set = set;
+        return made;
+    }
+
+    static void destroy(event* self) noexcept {
+        if (self == nullptr)
+            return;
+        pthread_cond_destroy(&self->m_changed);
+        pthread_mutex_destroy(&self->m_lock);
+        std::free(self);
+    }
+
+    // Waking under the lock lets a waiter destroy the event as soon as it has seen it set.
+    static void set(event* self, bool wake_all) noexcept {
+        if (self == nullptr)
+            return;
+        pthread_mutex_lock(&self->m_lock);
+        self->m_set = true;
+        if (wake_all)
+            pthread_cond_broadcast(&self->m_changed);
+        else
+            pthread_cond_signal(&self->m_changed);
+        pthread_mutex_unlock(&self->m_lock);
+    }
+
+    static void reset(event* self) noexcept {
+        if (self == nullptr)
+            return;
+        pthread_mutex_lock(&self->m_lock);
+        self->m_set = false;
+        pthread_mutex_unlock(&self->m_lock);
+    }
+
+    enum class outcome { signalled, timed_out, failed };
+
+    // A limit of 0 is the system's infinite wait, as 0xFFFFFFFF is.
+    static outcome wait(event* self, uint32 ms, bool auto_reset) noexcept {
+        if (self == nullptr)
+            return outcome::failed;
+        const bool limited = ms != 0 && ms != UINT_MAX;
+        timespec until{};
+        if (limited) {
+            clock_gettime(CLOCK_MONOTONIC, &until);
+            until.tv_sec += static_cast<time_t>(ms / 1000);
+            until.tv_nsec += static_cast<long>(ms % 1000) * 1'000'000;
+            if (until.tv_nsec >= 1'000'000'000) {
+                until.tv_nsec -= 1'000'000'000;
+                ++until.tv_sec;
+            }
+        }
+        int result = pthread_mutex_lock(&self->m_lock);
+        if (result != 0)
+            return outcome::failed;
+        while (!self->m_set && result == 0)
+            result = limited ? pthread_cond_timedwait(&self->m_changed, &self->m_lock, &until)
+                             : pthread_cond_wait(&self->m_changed, &self->m_lock);
+        // Set in the last moment counts as signalled.
+        const bool signalled = self->m_set;
+        if (signalled && auto_reset)
+            self->m_set = false;
+        pthread_mutex_unlock(&self->m_lock);
+        if (signalled)
+            return outcome::signalled;
+        return result == ETIMEDOUT ? outcome::timed_out : outcome::failed;
+    }
+
+private:
+    pthread_mutex_t m_lock;
+    pthread_cond_t m_changed;
+    bool m_set;
+};
+
+} // namespace qor::glue

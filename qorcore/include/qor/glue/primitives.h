@@ -1,0 +1,163 @@
+// The locks, events and the atomic counter of the framework. They run inline on the operating system and never
+// call the library, but for a failed assertion, and that only once the table is bound.
+//
+// The lines that assertions name are constants of the contract, not lines of this file.
+#pragma once
+
+#include "qor/glue/binding.h"
+
+#if defined(_WIN32)
+#include "qor/glue/impl_windows.h"
+#else
+#include "qor/glue/impl_posix.h"
+#endif
+
+#include <atomic>
+
+namespace qor::glue {
+
+inline constexpr char unlimited_wait_expression[] =
+    "::WaitForSingleObject(m_event, 0xffffffff) == ((((DWORD)0x00000000)) + 0)";
+
+inline bool limited_wait(event* on, uint32 ms, bool auto_reset, const char* func, int line) noexcept {
+    const event::outcome result = event::wait(on, ms, auto_reset);
+    if (result == event::outcome::failed)
+        assert_failed("result == WAIT_TIMEOUT", func, impl_file, line);
+    return result == event::outcome::signalled;
+}
+
+} // namespace qor::glue
+
+// A mutex; the thread that owns it may lock it again and must then unlock it as often. Not copyable.
+class qorFastMutex2 {
+public:
+    qorFastMutex2() noexcept : m_pCrit(qor::glue::critical_section::create()) {
+        if (m_pCrit == nullptr)
+            qor::glue::assert_failed("m_pCrit != NULL", "qorFastMutex2::qorFastMutex2()", qor::glue::impl_file,
+                                     147);
+    }
+    qorFastMutex2(const qorFastMutex2&) = delete;
+    qorFastMutex2& operator=(const qorFastMutex2&) = delete;
+    ~qorFastMutex2() { qor::glue::critical_section::destroy(m_pCrit); }
+
+    void Lock() noexcept { qor::glue::critical_section::enter(m_pCrit); }
+    void Unlock() noexcept { qor::glue::critical_section::leave(m_pCrit); }
+
+private:
+    qor::glue::critical_section* m_pCrit;
+};
+
+// Holds at most one mutex, and lets go of it at the end of its scope.
+class qorAutoLockFastMutex2 {
+public:
+    qorAutoLockFastMutex2() noexcept = default;
+    explicit qorAutoLockFastMutex2(qorFastMutex2* mutex) noexcept : m_mutex(mutex) { m_mutex->Lock(); }
+    qorAutoLockFastMutex2(const qorAutoLockFastMutex2&) = delete;
+    qorAutoLockFastMutex2& operator=(const qorAutoLockFastMutex2&) = delete;
+    ~qorAutoLockFastMutex2() {
+        if (m_mutex != nullptr)
+            m_mutex->Unlock();
+    }
+
+    // Locking while one is held is a programming error: it is reported, the one held is left, the new one locked.
+    void Lock(qorFastMutex2* mutex) noexcept {
+        if (m_mutex != nullptr) {
+            qor::glue::assert_failed("m_mutex == NULL", "void qorAutoLockFastMutex2::Lock(qorFastMutex2*)",
+                                     "qorcore/include/qor/glue/impl_common", 861);
+            m_mutex->Unlock();
+        }
+        m_mutex = mutex;
+        m_mutex->Lock();
+    }
+
+    void Unlock() noexcept {
+        if (m_mutex == nullptr) {
+            qor::glue::assert_failed("m_mutex != NULL", "void qorAutoLockFastMutex2::Unlock()",
+                                     "qorcore/include/qor/glue/impl_common", 871);
+            return;
+        }
+        m_mutex->Unlock();
+        m_mutex = nullptr;
+    }
+
+private:
+    qorFastMutex2* m_mutex = nullptr;
+};
+
+// Open or closed; while it is open, everyone who waits or comes to wait passes.
+class qorGate {
+public:
+    explicit qorGate(bool open) noexcept : m_event(qor::glue::event::create(open)) {
+        if (m_event == nullptr)
+            qor::glue::assert_failed("m_event != NULL", "qorGate::qorGate(bool)", qor::glue::impl_file, 175);
+    }
+    qorGate(const qorGate&) = delete;
+    qorGate& operator=(const qorGate&) = delete;
+    virtual ~qorGate() { qor::glue::event::destroy(m_event); }
+
+    void Open() noexcept { qor::glue::event::set(m_event, true); }
+    void Close() noexcept { qor::glue::event::reset(m_event); }
+
+    // Returns when the gate is open.
+    void Wait() noexcept {
+        if (qor::glue::event::wait(m_event, 0, false) != qor::glue::event::outcome::signalled)
+            qor::glue::assert_failed(qor::glue::unlimited_wait_expression, "void qorGate::Wait()",
+                                     qor::glue::impl_file, 195);
+    }
+
+    // True: open; false: the time ran out. A limit of 0 milliseconds is no limit at all, not a poll.
+    bool Wait(uint32 ms) noexcept {
+        return qor::glue::limited_wait(m_event, ms, false, "bool qorGate::Wait(uint32)", 204);
+    }
+
+private:
+    qor::glue::event* m_event;
+};
+
+// Each Set lets one waiter pass, the one who waits or the next to come.
+class qorTrigger {
+public:
+    explicit qorTrigger(bool set) noexcept : m_event(qor::glue::event::create(set)) {
+        if (m_event == nullptr)
+            qor::glue::assert_failed("m_event != NULL", "qorTrigger::qorTrigger(bool)", qor::glue::impl_file,
+                                     214);
+    }
+    qorTrigger(const qorTrigger&) = delete;
+    qorTrigger& operator=(const qorTrigger&) = delete;
+    ~qorTrigger() { qor::glue::event::destroy(m_event); }
+
+    void Set() noexcept { qor::glue::event::set(m_event, false); }
+
+    void Wait() noexcept {
+        if (qor::glue::event::wait(m_event, 0, true) != qor::glue::event::outcome::signalled)
+            qor::glue::assert_failed(qor::glue::unlimited_wait_expression, "void qorTrigger::Wait()",
+                                     qor::glue::impl_file, 229);
+    }
+
+    // As qorGate::Wait(uint32): 0 waits without limit.
+    bool Wait(uint32 ms) noexcept {
+        return qor::glue::limited_wait(m_event, ms, true, "bool qorTrigger::Wait(uint32)", 238);
+    }
+
+private:
+    qor::glue::event* m_event;
+};
+
+// A signed 32-bit counter. Changes are full barriers; Read is a plain load.
+class qorAtomic2 {
+public:
+    int32 Read() const noexcept { return m_value.load(std::memory_order_acquire); }
+    void Set(int32 value) noexcept { m_value.exchange(value); }
+    void Increment() noexcept { m_value.fetch_add(1); }
+    void Decrement() noexcept { m_value.fetch_sub(1); }
+
+    // True when the value was `expected` and is now `desired`; otherwise nothing has changed.
+    bool CompareAndExchange(int32 expected, int32 desired) noexcept {
+        return m_value.compare_exchange_strong(expected, desired);
+    }
+
+    bool DecrementAndTestZero() noexcept { return m_value.fetch_sub(1) == 1; }
+
+private:
+    std::atomic<int32> m_value{0};
+};

@@ -1,0 +1,25 @@
+// The number types of the framework, the same width and the same C++ type on every platform, so that
+// overloads and printf formats ("%llu" for uint64) mean the same everywhere.
+#pragma once
+
+#include <cstddef>
+
+using int8 = signed char;
+using uint8 = unsigned char;
+using int16 = short;
+using uint16 = unsigned short;
+using int32 = int;
+using uint32 = unsigned int;
+using int64 = long long;
+using uint64 = unsigned long long;
+
+static_assert(sizeof(int16) == 2 && sizeof(int32) == 4 && sizeof(int64) == 8);
+
+// The compiler checks the arguments of printf-style operations; positions count `this` as 1.
+#if defined(__MINGW32__)
+#define QOR_PRINTF(format_position, first_argument)                                                          \
+    __attribute__((format(gnu_printf, format_position, first_argument)))
+#else
+#define QOR_PRINTF(format_position, first_argument)                                                          \
+    __attribute__((format(printf, format_position, first_argument)))
+#endif

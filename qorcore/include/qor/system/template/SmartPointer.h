@@ -1,0 +1,109 @@
+// The owning pointer to a reference-counted object: everything that has AddRef and Release.
+#pragma once
+
+#include "qor/glue/binding.h"
+
+#include <string_view>
+#include <utility>
+
+namespace qor::glue {
+
+// The name of a type as g++ writes it into its function texts; other compilers' texts are cut to the same.
+template <class TYPE>
+consteval std::string_view type_name() {
+    constexpr std::string_view text = __PRETTY_FUNCTION__;
+    constexpr std::size_t begin = text.find("TYPE = ") + 7;
+    constexpr std::size_t end = text.find_first_of(";]", begin);
+    return text.substr(begin, end - begin);
+}
+
+// "<signature> [with TYPE = <name>]", made once per type at compile time: assertions name the function so.
+template <class TYPE, std::size_t SIZE>
+struct function_text {
+    char text[SIZE + sizeof " [with TYPE = ]" - 1 + type_name<TYPE>().size()];
+
+    consteval explicit function_text(const char (&signature)[SIZE]) {
+        char* at = text;
+        const auto put = [&at](std::string_view part) {
+            for (const char c : part)
+                *at++ = c;
+        };
+        put({signature, SIZE - 1});
+        put(" [with TYPE = ");
+        put(type_name<TYPE>());
+        put("]");
+        *at = '\0';
+    }
+};
+
+inline constexpr char smart_pointer_file[] = "qorcore/include/qor/system/template/SmartPointer";
+
+} // namespace qor::glue
+
+// Copies share the object, each with a reference of its own. A null pointer is allowed; dereferencing one is a
+// programming error that is reported.
+template <class TYPE>
+class zetSmartPointer {
+public:
+    zetSmartPointer() noexcept = default;
+    zetSmartPointer(const zetSmartPointer& other) noexcept : m_ptr(other.m_ptr) {
+        if (m_ptr != nullptr)
+            m_ptr->AddRef();
+    }
+    zetSmartPointer(zetSmartPointer&& other) noexcept : m_ptr(std::exchange(other.m_ptr, nullptr)) {}
+    zetSmartPointer& operator=(zetSmartPointer other) noexcept {
+        std::swap(m_ptr, other.m_ptr);
+        return *this;
+    }
+    ~zetSmartPointer() { Empty(); }
+
+    TYPE* operator->() const noexcept {
+        static constexpr auto func = make_text("TYPE* zetSmartPointer<TYPE>::operator->() const");
+        if (m_ptr == nullptr) [[unlikely]]
+            qor::glue::assert_failed("m_ptr != NULL", func.text, qor::glue::smart_pointer_file, 138);
+        return m_ptr;
+    }
+
+    // The pointer itself, checked: for calls that take a plain pointer.
+    TYPE* operator*() const noexcept {
+        static constexpr auto func = make_text("TYPE* zetSmartPointer<TYPE>::operator*() const");
+        if (m_ptr == nullptr) [[unlikely]]
+            qor::glue::assert_failed("m_ptr != NULL", func.text, qor::glue::smart_pointer_file, 130);
+        return m_ptr;
+    }
+
+    // Takes over the first reference of an object fresh from `new`. Attaching what is already held is a
+    // programming error: its reference would be counted once too often.
+    void AttachNew(TYPE* ptr) noexcept {
+        static constexpr auto func = make_text("void zetSmartPointer<TYPE>::AttachNew(TYPE*)");
+        if (ptr == m_ptr) [[unlikely]]
+            qor::glue::assert_failed("ptr != m_ptr", func.text, qor::glue::smart_pointer_file, 180);
+        Empty();
+        m_ptr = ptr;
+    }
+
+    // Releases the object held.
+    void Empty() noexcept {
+        if (TYPE* const held = std::exchange(m_ptr, nullptr))
+            held->Release();
+    }
+
+    // For out-parameters: releases the object held and returns where the new reference goes.
+    TYPE** Out() noexcept {
+        Empty();
+        return &m_ptr;
+    }
+
+    // Gives the reference away to the caller.
+    TYPE* Detach() noexcept { return std::exchange(m_ptr, nullptr); }
+
+    bool IsEmpty() const noexcept { return m_ptr == nullptr; }
+
+private:
+    template <std::size_t SIZE>
+    static consteval auto make_text(const char (&signature)[SIZE]) {
+        return qor::glue::function_text<TYPE, SIZE>(signature);
+    }
+
+    TYPE* m_ptr = nullptr;
+};
