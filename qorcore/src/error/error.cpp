@@ -1,0 +1,84 @@
+// The last error of each thread.
+#include "error/error.h"
+
+#include "catalog/catalog.h"
+#include "error/error_state.h"
+#include "object.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace {
+
+struct definition {
+    uint32 number;
+    qorErrorClass error_class;
+};
+
+constexpr definition definitions[] = {
+#define QOR_ERROR(number, name, error_class, text) {number, qorErrorClass::error_class},
+#include "qor/system/errors.def"
+#undef QOR_ERROR
+};
+
+static_assert(std::is_sorted(std::begin(definitions), std::end(definitions),
+                             [](const definition& a, const definition& b) { return a.number < b.number; }));
+
+const definition* find_definition(uint32 number) noexcept {
+    const auto* const found =
+        std::lower_bound(std::begin(definitions), std::end(definitions), number,
+                         [](const definition& a, uint32 wanted) { return a.number < wanted; });
+    return found != std::end(definitions) && found->number == number ? found : nullptr;
+}
+
+thread_local qor::error::state last_error;
+
+} // namespace
+
+qor::error::state::state(uint32 wanted, const char* const* texts)
+    : number(find_definition(wanted) != nullptr ? wanted : uint32{qorError_unknown}) {
+    if (texts == nullptr)
+        return;
+    for (uint32 i = 0; i < max_inserts; ++i)
+        inserts[i] = texts[i] != nullptr ? texts[i] : "";
+}
+
+qorErrorClass qor::error::state::error_class() const noexcept { return find_definition(number)->error_class; }
+
+std::string qor::error::state::text() const {
+    const char* texts[max_inserts];
+    std::transform(std::begin(inserts), std::end(inserts), texts, [](const std::string& s) { return s.c_str(); });
+    return qor::catalog::expand(qor::catalog::find("qorcore", number), texts);
+}
+
+const qor::error::state& qor::error::current() noexcept { return last_error; }
+
+void qor::error::make_current(const state& error) noexcept { last_error = error; }
+
+void qor::error::set(qorErrorNumber number, std::initializer_list<const char*> inserts) noexcept {
+    const char* texts[state::max_inserts] = {};
+    std::copy_n(inserts.begin(), std::min<std::size_t>(inserts.size(), state::max_inserts), texts);
+    last_error = state(number, texts);
+}
+
+void qor::error::set_with_reason(qorErrorNumber number, const char* subject, int code) noexcept {
+    set(number, {subject, system_reason(code).c_str()});
+}
+
+void qor::glue::qorSetLastError(uint32 number, const char* const* inserts) noexcept {
+    last_error = qor::error::state(number, inserts);
+}
+
+void qor::glue::qorClearLastError() noexcept { last_error = {}; }
+
+uint32 qor::glue::qorGetLastError_text(qorString& out) noexcept {
+    const std::string text = last_error.text();
+    out.Set(text.data(), static_cast<int32>(text.size()));
+    return last_error.number;
+}
+
+void qor::glue::fputerr(std::FILE* stream, bool newline) noexcept {
+    qorString text;
+    qorGetLastError_text(text);
+    text.Put(stream, newline);
+}

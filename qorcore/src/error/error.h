@@ -1,0 +1,20 @@
+// Inside the library: setting the calling thread's last error.
+#pragma once
+
+#include "qor/qor.h"
+
+#include <initializer_list>
+#include <string>
+
+namespace qor::error {
+
+// At most ten inserts; the texts are copied.
+void set(qorErrorNumber number, std::initializer_list<const char*> inserts = {}) noexcept;
+
+// What the operating system says of one of its error codes (errno), in its own words.
+std::string system_reason(int code);
+
+// An error whose last insert is the system's reason, as in cannot_open_file: subject, reason.
+void set_with_reason(qorErrorNumber number, const char* subject, int code) noexcept;
+
+} // namespace qor::error

@@ -1,0 +1,81 @@
+// Errors as objects.
+#include "catalog/catalog.h"
+#include "error/error_state.h"
+#include "object.h"
+#include "process/process.h"
+
+namespace {
+
+class error_message final : public qor::object<IQORErrorMessage> {
+public:
+    explicit error_message(const qor::error::state& error)
+        : object("qorcore.error_message", "IQORErrorMessage"), m_error(error) {}
+
+    uint32 GetErrorNumber() noexcept override { return m_error.number; }
+    bool IsError() noexcept override { return m_error.number != qorError_none; }
+    qorErrorClass GetErrorClass() noexcept override { return m_error.error_class(); }
+
+    void GetMessage(qorString& out) noexcept override {
+        const std::string text = m_error.text();
+        out.Set(text.data(), static_cast<int32>(text.size()));
+    }
+
+    bool Put(std::FILE* stream, bool newline) noexcept override {
+        qorString text;
+        GetMessage(text);
+        return text.Put(stream, newline);
+    }
+
+    void Report() noexcept override {
+        fputmsg(stderr, "qorcore", 1020, qor::process::name(), m_error.text().c_str());
+    }
+
+    const qor::error::state& error() const noexcept { return m_error; }
+
+private:
+    const qor::error::state m_error;
+};
+
+void create(const qor::error::state& error, IQORErrorMessage** out) {
+    *out = new ("qorcore/src/error/error_objects", __LINE__) error_message(error);
+}
+
+class error_builder final : public qor::object<IQORErrorBuilder> {
+public:
+    error_builder() : object("qorcore.error_builder", "IQORErrorBuilder") {}
+
+    void SetNumber(uint32 number) noexcept override {
+        const qor::error::state known(number, nullptr);
+        m_error.number = known.number;
+    }
+
+    void AddInsert(const char* text) noexcept override {
+        if (m_count < qor::error::state::max_inserts)
+            m_error.inserts[m_count++] = text != nullptr ? text : "";
+    }
+
+    void Build(IQORErrorMessage** out) noexcept override { create(m_error, out); }
+    void SetLastError() noexcept override { qor::error::make_current(m_error); }
+
+private:
+    qor::error::state m_error;
+    uint32 m_count = 0;
+};
+
+} // namespace
+
+void qor::glue::qorGetLastError_message(IQORErrorMessage** out) noexcept { create(qor::error::current(), out); }
+
+void qor::glue::qorSetLastErrorMessage(IQORErrorMessage* message) noexcept {
+    // Every error message is made here, so it is known what stands behind the interface.
+    qor::error::make_current(static_cast<error_message*>(message)->error());
+}
+
+void qor::glue::create_IQORErrorMessage(uint32 number, const char* const* inserts,
+                                        IQORErrorMessage** out) noexcept {
+    create(qor::error::state(number, inserts), out);
+}
+
+void qor::glue::create_IQORErrorBuilder(IQORErrorBuilder** out) noexcept {
+    *out = new ("qorcore/src/error/error_objects", __LINE__) error_builder;
+}

@@ -1,0 +1,34 @@
+// Inside the library: unbuffered files, the seam to the operating system. Results are error codes of the system
+// (errno), 0 for success; qor::error::system_reason words them.
+#pragma once
+
+#include <cstddef>
+
+namespace qor::file {
+
+class raw_file {
+public:
+    enum class access { read, truncate, append };
+
+    raw_file() noexcept = default;
+    raw_file(const raw_file&) = delete;
+    raw_file& operator=(const raw_file&) = delete;
+    ~raw_file() { close(); }
+
+    // A folder cannot be opened. Child processes that run another program do not inherit the file, and it never takes
+    // the place of a closed standard stream.
+    int open(const char* path, access how) noexcept;
+    void close() noexcept;
+    bool is_open() const noexcept { return m_handle >= 0; }
+
+    // Up to `size` bytes; *count 0 is the end of the file.
+    int read(void* bytes, std::size_t size, std::size_t* count) noexcept;
+
+    // All of them, however many calls it takes.
+    int write(const void* bytes, std::size_t size) noexcept;
+
+private:
+    int m_handle = -1;
+};
+
+} // namespace qor::file

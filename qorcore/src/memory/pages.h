@@ -1,0 +1,18 @@
+// Inside the allocator: what it asks of the operating system.
+#pragma once
+
+#include "qor/system/Types.h"
+
+namespace qor::memory {
+
+// Whole zeroed pages, or null.
+void* map_pages(uint64 size) noexcept;
+void unmap_pages(void* pages, uint64 size) noexcept;
+
+// A block at a multiple of `alignment`, a power of two, that std::free takes back; null: no memory.
+void* allocate_aligned(uint64 alignment, uint64 size) noexcept;
+
+// Has three routines called around every fork: in the parent before and after it, and in the child.
+void watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept, void (*in_child)() noexcept) noexcept;
+
+} // namespace qor::memory

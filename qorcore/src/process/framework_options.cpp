@@ -1,0 +1,141 @@
+// One table: what an option is called, what it takes, what it does. The command line beats the environment.
+#include "process/framework_options.h"
+
+#include "catalog/catalog.h"
+#include "debug/trace.h"
+#include "error/error.h"
+#include "memory/tracking.h"
+#include "process/process.h"
+
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view prefix = "--qor-";
+
+// `source` is what the user wrote, the option or the variable, to be named in an error.
+using action = bool (*)(const char* source, const std::string& value);
+
+bool set_language(const char* source, const std::string& value) {
+    std::string why;
+    if (qor::catalog::set_languages(value, why))
+        return true;
+    qor::error::set(qorError_option_bad_value, {source, value.c_str(), why.c_str()});
+    return false;
+}
+
+bool check_written(const char* source, const std::string& path, int reason) {
+    if (reason != 0)
+        qor::error::set(qorError_option_cannot_write,
+                        {source, path.c_str(), qor::error::system_reason(reason).c_str()});
+    return reason == 0;
+}
+
+bool trace_to_file(const char* source, const std::string& value) {
+    return check_written(source, value, qor::debug::attach_file(value.c_str()));
+}
+
+bool enable_codes(const char*, const std::string& value) {
+    std::size_t begin = 0;
+    while (begin <= value.size()) {
+        const std::size_t end = std::min(value.find(',', begin), value.size());
+        if (end != begin)
+            qor::glue::qorDebugEnableCode(value.substr(begin, end - begin).c_str(), true);
+        begin = end + 1;
+    }
+    return true;
+}
+
+bool start_allocation_log(const char* source, const std::string& value) {
+    return check_written(source, value, qor::memory::start_log(value));
+}
+
+struct option {
+    const char* name; // behind the prefix
+    const char* variable;
+    const char* value_name;
+    action carry_out;
+};
+
+// In the order in which they are carried out: errors come in the user's language, and the trace of the rest goes
+// where it should.
+constexpr option options[] = {
+    {"language", "QOR_LANGUAGE", "LIST", set_language},
+    {"debug-file", "QOR_DEBUG_FILE", "FILE", trace_to_file},
+    {"debug", "QOR_DEBUG", "NAMES", enable_codes},
+    {"memcheck", "QOR_MEMCHECK", "FILE", start_allocation_log},
+};
+
+static_assert(std::size(options) == qor::process::option_count);
+
+struct settings {
+    std::optional<std::string> values[std::size(options)];
+};
+
+// False: not one of ours, or without its value.
+bool read_option(const char* word, settings& wanted) {
+    const std::string_view text = std::string_view(word).substr(prefix.size());
+    const std::size_t equals = std::min(text.find('='), text.size());
+    for (std::size_t i = 0; i < std::size(options); ++i) {
+        if (text.substr(0, equals) != options[i].name)
+            continue;
+        if (equals + 1 >= text.size()) {
+            const std::string option_word = std::string(word, prefix.size() + equals);
+            qor::error::set(qorError_option_needs_value, {option_word.c_str(), options[i].value_name});
+            return false;
+        }
+        wanted.values[i] = text.substr(equals + 1);
+        return true;
+    }
+    qor::error::set(qorError_unknown_framework_option,
+                    {std::string(word, prefix.size() + equals).c_str()});
+    return false;
+}
+
+bool take_from(qorStringArray& args, settings& wanted) {
+    for (uint32 i = 0; i < args.GetCount() && std::strcmp(args[i], "--") != 0;) {
+        if (std::strncmp(args[i], prefix.data(), prefix.size()) != 0) {
+            ++i;
+            continue;
+        }
+        if (!read_option(args[i], wanted))
+            return false;
+        args.RemoveAt(i, 1);
+    }
+    return true;
+}
+
+} // namespace
+
+const qor::process::option_help qor::process::option_helps[] = {
+    {1001, 1002}, // --qor-debug
+    {1003, 1004}, // --qor-debug-file
+    {1005, 1006}, // --qor-memcheck
+    {1007, 1008}, // --qor-language
+};
+
+bool qor::process::apply_framework_options(qorStringArray& args) {
+    settings wanted;
+    if (!take_from(args, wanted))
+        return false;
+    bool logging = false;
+    for (std::size_t i = 0; i < std::size(options); ++i) {
+        std::string source = std::string(prefix) + options[i].name;
+        if (!wanted.values[i]) {
+            const char* const value = environment(options[i].variable);
+            if (value == nullptr)
+                continue;
+            wanted.values[i] = value;
+            source = options[i].variable;
+        }
+        if (!options[i].carry_out(source.c_str(), *wanted.values[i]))
+            return false;
+        logging |= options[i].carry_out == start_allocation_log;
+    }
+    if (!logging)
+        memory::stop_tracking();
+    return true;
+}

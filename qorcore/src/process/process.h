@@ -1,0 +1,25 @@
+// Inside the library: what it knows of the process it runs in.
+#pragma once
+
+#include <string>
+
+namespace qor::process {
+
+// The name given to qorInitProcess; before that, the executable's.
+const char* name() noexcept;
+void set_name(const char* name);
+
+unsigned long process_id() noexcept;
+unsigned long thread_id() noexcept;
+
+// The folder in which libqor lies, with its separator; empty if it cannot be told.
+std::string library_folder();
+
+// The value of an environment variable, or null where it is unset or empty, or where the process runs with rights
+// that its caller does not have.
+const char* environment(const char* variable) noexcept;
+
+// A standard stream that the caller closed must not become the next file that somebody opens.
+void keep_standard_streams() noexcept;
+
+} // namespace qor::process

@@ -1,0 +1,43 @@
+#include "process/process.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+std::string& process_name() {
+    static std::string name = program_invocation_short_name;
+    return name;
+}
+
+} // namespace
+
+const char* qor::process::name() noexcept { return process_name().c_str(); }
+void qor::process::set_name(const char* name) { process_name() = name; }
+
+unsigned long qor::process::process_id() noexcept { return static_cast<unsigned long>(getpid()); }
+unsigned long qor::process::thread_id() noexcept { return static_cast<unsigned long>(gettid()); }
+
+std::string qor::process::library_folder() {
+    Dl_info info;
+    if (dladdr(reinterpret_cast<void*>(&qor::process::library_folder), &info) == 0 || info.dli_fname == nullptr)
+        return {};
+    const std::string path = info.dli_fname;
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+}
+
+const char* qor::process::environment(const char* variable) noexcept {
+    const char* const value = secure_getenv(variable);
+    return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+void qor::process::keep_standard_streams() noexcept {
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
+        // Opened the wrong way round, so that using the stream still fails as it should.
+        if (fcntl(stream, F_GETFD) < 0 && errno == EBADF)
+            (void)open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+}

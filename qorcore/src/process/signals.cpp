@@ -1,0 +1,86 @@
+// Process signals, delivered to one handler on a thread of our own.
+#include "process/signals.h"
+
+#include "error/error.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+// Never destroyed: the thread waits until the process ends.
+struct shared_state {
+    std::mutex lock;
+    std::condition_variable delivered;
+    IQORSignalHandler* handler = nullptr;
+    bool has_thread = false;
+    bool delivering = false;
+    std::thread::id thread;
+};
+
+shared_state& state() {
+    static shared_state* const made = new shared_state;
+    return *made;
+}
+
+void deliver(qorSignal signal) {
+    shared_state& shared = state();
+    std::unique_lock hold(shared.lock);
+    IQORSignalHandler* const handler = shared.handler;
+    if (handler == nullptr)
+        return;
+    handler->AddRef();
+    shared.delivering = true;
+    hold.unlock();
+    handler->Signal(signal);
+    hold.lock();
+    shared.delivering = false;
+    shared.delivered.notify_all();
+    hold.unlock();
+    handler->Release();
+}
+
+void run() noexcept {
+    {
+        const std::lock_guard hold(state().lock);
+        state().thread = std::this_thread::get_id();
+    }
+    for (;;)
+        deliver(qor::process::wait_for_signal());
+}
+
+// 0, or the system's error code.
+int start_catching(shared_state& shared) {
+    if (!shared.has_thread) {
+        if (const int reason = qor::process::start_signal_thread(run))
+            return reason;
+        shared.has_thread = true;
+    }
+    return qor::process::catch_signals();
+}
+
+} // namespace
+
+bool qor::glue::qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
+    shared_state& shared = state();
+    std::unique_lock hold(shared.lock);
+    if (handler != nullptr && shared.handler == nullptr) {
+        if (const int reason = start_catching(shared)) {
+            qor::error::set(qorError_signals_unavailable, {qor::error::system_reason(reason).c_str()});
+            return false;
+        }
+    }
+    if (handler != nullptr)
+        handler->AddRef();
+    else if (shared.handler != nullptr)
+        qor::process::release_signals();
+    IQORSignalHandler* const old = std::exchange(shared.handler, handler);
+    // The caller may end the old handler as soon as this returns.
+    if (std::this_thread::get_id() != shared.thread)
+        shared.delivered.wait(hold, [&shared] { return !shared.delivering; });
+    hold.unlock();
+    if (old != nullptr)
+        old->Release();
+    return true;
+}

@@ -1,0 +1,112 @@
+#include "process/signals.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace {
+
+struct caught_signal {
+    int number;
+    qorSignal meaning;
+};
+
+constexpr caught_signal signals[] = {
+    {SIGINT, qorSignal::interrupt},
+    {SIGTERM, qorSignal::terminate},
+    {SIGHUP, qorSignal::hangup},
+    {SIGQUIT, qorSignal::quit},
+};
+constexpr std::size_t signal_count = sizeof signals / sizeof *signals;
+
+// All that the asynchronous handler touches.
+std::atomic<unsigned> pending[signal_count];
+std::atomic<int> wake{-1};
+static_assert(std::atomic<unsigned>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
+
+struct sigaction previous[signal_count];
+bool caught[signal_count];
+
+extern "C" void on_signal(int number) {
+    const int saved = errno;
+    for (std::size_t i = 0; i < signal_count; ++i)
+        if (signals[i].number == number)
+            pending[i].fetch_add(1);
+    const std::uint64_t one = 1;
+    // The only failure is a counter that is full, and then the thread is awake anyway.
+    (void)!write(wake.load(), &one, sizeof one);
+    errno = saved;
+}
+
+// The child has no signal thread, and its signals must not wake the parent's.
+void after_fork_in_child() { qor::process::release_signals(); }
+
+void* thread_main(void* run) {
+    reinterpret_cast<void (*)() noexcept>(run)();
+    return nullptr;
+}
+
+} // namespace
+
+int qor::process::catch_signals() noexcept {
+    for (std::size_t i = 0; i < signal_count; ++i) {
+        if (sigaction(signals[i].number, nullptr, &previous[i]) != 0)
+            return errno;
+        // Started with nohup or in the background, a process is meant to stay deaf.
+        if (previous[i].sa_handler == SIG_IGN)
+            continue;
+        struct sigaction action = {};
+        action.sa_handler = on_signal;
+        action.sa_flags = SA_RESTART;
+        sigemptyset(&action.sa_mask);
+        if (sigaction(signals[i].number, &action, nullptr) != 0)
+            return errno;
+        caught[i] = true;
+    }
+    return 0;
+}
+
+void qor::process::release_signals() noexcept {
+    for (std::size_t i = 0; i < signal_count; ++i) {
+        if (caught[i])
+            sigaction(signals[i].number, &previous[i], nullptr);
+        caught[i] = false;
+    }
+}
+
+int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
+    const int event = eventfd(0, EFD_CLOEXEC);
+    if (event < 0)
+        return errno;
+    wake.store(event);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    pthread_t thread;
+    const int failed = pthread_create(&thread, nullptr, thread_main, reinterpret_cast<void*>(run));
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (failed != 0) {
+        close(event);
+        return failed;
+    }
+    pthread_detach(thread);
+    pthread_atfork(nullptr, nullptr, after_fork_in_child);
+    return 0;
+}
+
+qorSignal qor::process::wait_for_signal() noexcept {
+    for (;;) {
+        for (std::size_t i = 0; i < signal_count; ++i) {
+            unsigned count = pending[i].load();
+            while (count != 0)
+                if (pending[i].compare_exchange_weak(count, count - 1))
+                    return signals[i].meaning;
+        }
+        std::uint64_t woken;
+        (void)!read(wake.load(), &woken, sizeof woken);
+    }
+}
