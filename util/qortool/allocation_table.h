@@ -1,0 +1,80 @@
+// The table of live blocks: 2^20 buckets by address, each a chain of blocks of 1,024 slots.
+//
+// The order of slots is what the report shows, and it is part of the contract: a release blanks a slot, and the
+// earliest blank slot of a bucket is the next to be used. Two live slots may hold one address; the earlier one
+// is found first. Address 0 marks a blank slot and cannot be held.
+//
+// A block has 1,024 slots, but memory for no more than it has used: its slots come in powers of two, addresses
+// packed in front, so that a search is a scan of a few cache lines. The rest of a slot is its size and the
+// number of its origin.
+#pragma once
+
+#include "qor/system/Types.h"
+
+#include <cstddef>
+
+class allocation_table {
+public:
+    // Memory: this header, then `capacity` addresses, then as many slot_data.
+    struct __block {
+        struct slot_data {
+            uint32 size;
+            uint32 origin;
+        };
+
+        static constexpr uint32 slot_count = 1024;
+        static constexpr std::size_t full_size = 16 + slot_count * (sizeof(uint64) + sizeof(slot_data));
+
+        __block* next;
+        uint16 capacity;    // slots that have memory; those behind it are blank
+        uint16 first_blank; // no slot before this one is blank
+        uint32 rank;        // of its memory in the arena
+
+        uint64* addresses() noexcept { return reinterpret_cast<uint64*>(this + 1); }
+        const uint64* addresses() const noexcept { return reinterpret_cast<const uint64*>(this + 1); }
+        slot_data* data() noexcept { return reinterpret_cast<slot_data*>(addresses() + capacity); }
+        const slot_data* data() const noexcept { return reinterpret_cast<const slot_data*>(addresses() + capacity); }
+    };
+
+    // Names a slot: blocks move when they grow, so a slot that is kept is kept by its place.
+    struct __entry {
+        uint32 bucket;
+        uint32 block; // its number in the chain
+        uint32 slot;
+    };
+
+    static constexpr uint32 bucket_count = 1u << 20;
+
+    static constexpr uint32 bucket_of(uint64 address) noexcept {
+        return static_cast<uint32>(address >> 10) & (bucket_count - 1);
+    }
+
+    // The earliest blank slot of the address's bucket. It stays blank until `set` gives it an address. Throws
+    // std::bad_alloc.
+    __entry find_blank(uint64 address);
+
+    // The earliest slot that holds the address; false: none does.
+    bool find_entry(uint64 address, __entry& found) const noexcept;
+
+    // Blanks the earliest slot that holds the address; false: none does. Address 0 is "held" by any blank slot.
+    bool release(uint64 address) noexcept;
+
+    void set(const __entry& entry, uint64 address, uint32 size, uint32 origin) noexcept;
+    uint32 origin(const __entry& entry) const noexcept;
+    void set_origin(const __entry& entry, uint32 origin) noexcept;
+
+    // Calls visit(address, size, origin) for every live slot: buckets, chains and slots in their order.
+    template <class VISIT>
+    void walk(VISIT visit) const {
+        for (const __block* const head : m_heads)
+            for (const __block* block = head; block != nullptr; block = block->next)
+                for (uint32 slot = 0; slot < block->capacity; ++slot)
+                    if (const uint64 address = block->addresses()[slot])
+                        visit(address, block->data()[slot].size, block->data()[slot].origin);
+    }
+
+private:
+    __block* resolve(const __entry& entry) const noexcept;
+
+    __block* m_heads[bucket_count] = {};
+};

@@ -1,0 +1,74 @@
+// The heap-log analyser: replays an mtrace log, joined with an allocation log of the framework if there is one, or
+// an allocation log alone, and reports leaks and bad frees.
+#pragma once
+
+#include "allocation_table.h"
+#include "origin_table.h"
+#include "qor/qor.h"
+#include "report_streams.h"
+
+// Carries the head of every bucket (8 MiB), so it always lives on the heap. One object serves one replay.
+class mtrace_proc : public qorRefObject {
+public:
+    mtrace_proc();
+
+    // One or two words: the mtrace log and the log to join. False: the last error says why.
+    bool Execute_MTRACE(qorStringArray& args);
+
+    // One word: the allocation log.
+    bool Execute_MEMCHECK(qorStringArray& args);
+
+    using __entry = allocation_table::__entry;
+    using __block = allocation_table::__block;
+
+    // One record of an mtrace log.
+    struct __mtrace_line {
+        uint64 address = 0;
+        uint32 size = 0;
+        bool is_alloc = false;
+        qorString caller;
+    };
+
+    // One record of an allocation log; what its kind does not carry is 0 or empty.
+    struct __memcheck_line {
+        char code = '\0';
+        uint64 address = 0;
+        uint32 size = 0;
+        uint8 bt = 0;
+        qorString file;
+        int32 line = 0;
+        qorString type_name;
+    };
+
+private:
+    // Blocks that the framework mapped directly: malloc, and so an mtrace log, never saw them.
+    static constexpr uint8 huge_block = 3;
+    static constexpr uint32 look_ahead_limit = 1024;
+
+    // The next valid record; lines that cannot be used are skipped, with a warning where that is a fault. False at
+    // the end of the log.
+    bool read_mtrace(__mtrace_line& out);
+    bool read_memcheck_line(__memcheck_line& out);
+
+    bool open(zetSmartPointer<IQORSimpleFileReader>& reader, const char* path);
+    void mtrace_allocation(const __mtrace_line& rec);
+    bool mtrace_read_memcheck_for(uint64 address, __memcheck_line& out);
+    void mtrace_add_memcheck_data(const __entry& entry, uint64 address);
+    void mtrace_handle_huge_entry(const __memcheck_line& rec);
+    void enter_memcheck(const __memcheck_line& rec);
+    void set_type_name(const __entry& entry, const qorString& type_name);
+    void memcheck_record(const __memcheck_line& rec);
+    void list_look_ahead();
+    void report_leaks();
+    void report_free_without_alloc(const __mtrace_line& rec);
+    void report_free_without_alloc(const __memcheck_line& rec);
+
+    uint32 m_debug_code;
+    zetSmartPointer<IQORSimpleFileReader> m_mtrace_file;
+    zetSmartPointer<IQORSimpleFileReader> m_memcheck_file;
+    allocation_table m_table;
+    zetArray<__memcheck_line> m_look_ahead;
+    origin_table m_origins;
+    qorString m_line;
+    report_streams m_streams;
+};

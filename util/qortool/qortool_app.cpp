@@ -1,0 +1,203 @@
+#include "qortool_app.h"
+
+#include <cstring>
+#include <iterator>
+
+namespace {
+
+constexpr char source[] = "util/qortool/main";
+constexpr char main_function[] = "int qortool_app::Main(qorStringArray&)";
+constexpr char catalog[] = "qortool";
+constexpr char version[] = "3.35.21";
+
+// Exit codes of the shell itself; every other one is an action's.
+constexpr int exit_unknown_option = 2;
+constexpr int exit_no_action = 10;
+constexpr int exit_unknown_action = 13;
+
+} // namespace
+
+struct qortool_app::option_row {
+    const char* name;
+    int (qortool_app::*handler)(const char* value);
+    uint32 syntax;
+    uint32 description;
+};
+
+// A row without a handler is an action that this build does not have.
+struct qortool_app::action_row {
+    const char* name;
+    int (qortool_app::*handler)(qorStringArray& args);
+    uint32 syntax;
+    uint32 description;
+};
+
+const qortool_app::option_row qortool_app::s_options[] = {
+    {"quiet", &qortool_app::opt_quiet, 8, 9},
+};
+
+// The order is that of the search and of the help text.
+const qortool_app::action_row qortool_app::s_actions[] = {
+    {"help", &qortool_app::func_help, 2, 3},
+    {"sysinfo", nullptr, 56, 57},
+    {"netlist", nullptr, 12, 13},
+    {"pwcrypt", nullptr, 23, 24},
+    {"ttyinfo", nullptr, 25, 26},
+    {"list-serial", nullptr, 54, 55},
+    {"md5sum", nullptr, 27, 28},
+    {"lookup", nullptr, 29, 30},
+    {"userinfo", nullptr, 59, 60},
+    {"timer-check", nullptr, 44, 45},
+    {"simd-test", nullptr, 51, 52},
+    {"dow", nullptr, 31, 32},
+    {"debug-control", nullptr, 34, 35},
+    {"mtrace", &qortool_app::func_mtrace, 78, 79},
+    {"memcheck", &qortool_app::func_memcheck, 83, 84},
+    {"tztest", nullptr, 80, 81},
+    {"path-list", nullptr, 85, 86},
+    {"logon", nullptr, 87, 88},
+};
+
+qortool_app::qortool_app() : qorComponent2("qorcore.qortool.qortool_app") {
+    m_debug_code = qorDebugAllocateCode("system.util.qortool");
+}
+
+qortool_app::~qortool_app() {
+    qorAutoLockFastMutex2 hold(&m_fifo_lock);
+    m_fifo_gate.Close();
+    while (m_fifo_head != nullptr)
+        delete std::exchange(m_fifo_head, m_fifo_head->next);
+    m_fifo_tail = nullptr;
+    m_fifo_count = 0;
+}
+
+int qortool_app::find_option(const char* name) {
+    for (std::size_t i = 0; i < std::size(s_options); ++i)
+        if (std::strcmp(s_options[i].name, name) == 0)
+            return static_cast<int>(i);
+    return -1;
+}
+
+int qortool_app::find_action(const char* name) {
+    for (std::size_t i = 0; i < std::size(s_actions); ++i)
+        if (std::strcmp(s_actions[i].name, name) == 0)
+            return static_cast<int>(i);
+    return -1;
+}
+
+int qortool_app::opt_quiet(const char*) {
+    m_quiet = true;
+    return 0;
+}
+
+void qortool_app::print_banner() {
+    qorString text;
+    if (text.LoadString(catalog, 1))
+        text.Put(stdout, true);
+    text.Format(catalog, 73, version);
+    text.Put(stdout, true);
+}
+
+int qortool_app::Main(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "Main");
+    qorString name;
+    qorString value;
+    while (qorNextOption(args, name, value)) {
+        const int option = find_option(name);
+        if (option < 0) {
+            fputmsg(stderr, catalog, 11, name);
+            return exit_unknown_option;
+        }
+        if (const int result = (this->*s_options[option].handler)(value))
+            return result;
+    }
+    if (!m_quiet)
+        print_banner();
+    qorString temp;
+    if (args.IsEmpty()) {
+        if (!temp.LoadString(catalog, 5))
+            qorAssertFailed("temp.LoadString(\"qortool\", 5)", main_function, source, 167);
+        temp.Put(stdout, true);
+        return exit_no_action;
+    }
+    const qorString action_name(args[0]);
+    args.RemoveAt(0, 1);
+    const int action = find_action(action_name);
+    if (action < 0) {
+        fputmsg(stderr, catalog, 10, action_name);
+        return exit_unknown_action;
+    }
+    if (s_actions[action].handler == nullptr) {
+        fputmsg(stderr, "qorcore", 1024, action_name);
+        return 1;
+    }
+    const int result = (this->*s_actions[action].handler)(args);
+    if (result == 0 && !m_quiet) {
+        if (!temp.LoadString(catalog, 6))
+            qorAssertFailed("temp.LoadString(\"qortool\", 6)", main_function, source, 192);
+        temp.Put(stdout, true);
+    }
+    return result;
+}
+
+// Returns 1 on purpose: a script that ends up in the help text has not done what it was written for.
+int qortool_app::func_help(qorStringArray&) {
+    const qorDebugSeq trace(m_debug_code, "func_help");
+    fputmsg(stderr, catalog, 7, true);
+    fixed_fprintf(stderr, "\n");
+    for (const action_row& row : s_actions)
+        if (row.syntax != 0)
+            qorWriteHelpLine(stderr, catalog, row.syntax, row.description);
+    fixed_fprintf(stderr, "\n");
+    for (const option_row& row : s_options)
+        qorWriteHelpLine(stderr, catalog, row.syntax, row.description);
+    fixed_fprintf(stderr, "\n");
+    qorWriteToolkitHelp(stderr);
+    fixed_fprintf(stderr, "\n");
+    return 1;
+}
+
+void qortool_app::queue(const deferred_call& call) {
+    fifo_node* const node = new fifo_node{nullptr, call};
+    qorAutoLockFastMutex2 hold(&m_fifo_lock);
+    if (m_fifo_tail != nullptr) {
+        m_fifo_tail->next = node;
+        m_fifo_tail = node;
+        ++m_fifo_count;
+    } else {
+        m_fifo_head = m_fifo_tail = node;
+        m_fifo_count = 1;
+        m_fifo_gate.Open();
+    }
+}
+
+// Whatever the signal is, it queues a stop marker: what was queued before it still runs.
+void qortool_app::Signal(qorSignal) noexcept { queue({}); }
+
+bool qortool_app::process_fifo() {
+    qorSetSignalHandler(this);
+    for (;;) {
+        m_fifo_gate.Wait();
+        qorAutoLockFastMutex2 hold(&m_fifo_lock);
+        // The gate can be found open although another pass has taken the last entry.
+        if (m_fifo_head == nullptr) {
+            m_fifo_gate.Close();
+            continue;
+        }
+        fifo_node* const node = std::exchange(m_fifo_head, m_fifo_head->next);
+        deferred_call call = node->call;
+        delete node;
+        if (m_fifo_head == nullptr) {
+            m_fifo_tail = nullptr;
+            m_fifo_gate.Close();
+            m_fifo_count = 0;
+        } else {
+            --m_fifo_count;
+        }
+        hold.Unlock();
+        if (call.is_empty())
+            break;
+        (this->*call.op)(call);
+    }
+    return qorSetSignalHandler(nullptr);
+}

@@ -1,0 +1,66 @@
+// The application object: the command line becomes one action call, and the action's result the exit code.
+#pragma once
+
+#include "qor/qor.h"
+
+class qortool_app : public qorComponent2, public IQORInterface, private IQORSignalHandler {
+public:
+    qortool_app();
+
+    void AddRef() noexcept override { object_AddRef(); }
+    void Release() noexcept override { object_Release(); }
+    int QueryInterface(const char* name, void** out) noexcept override {
+        return object_QueryInterface(name, out);
+    }
+
+    // Runs the action that `args` names and returns the exit code of the process.
+    int Main(qorStringArray& args);
+
+    // The signal queue: work that an action wants to have done on its own thread, one piece after the other, until
+    // a signal arrives. The operation gets the call that it was queued as. Any thread may queue and signal.
+    struct deferred_call {
+        void (qortool_app::*op)(deferred_call& self) = nullptr;
+        bool is_empty() const noexcept { return op == nullptr; }
+    };
+
+    // Runs what is queued until it meets a stop marker, which a signal queues. Returns what giving the signals back
+    // returned.
+    bool process_fifo();
+
+protected:
+    ~qortool_app() override;
+
+    // Open to derived classes because no action of today queues anything.
+    void queue(const deferred_call& call);
+    void Signal(qorSignal signal) noexcept override;
+    uint32 queued() const noexcept { return m_fifo_count; }
+
+private:
+    struct fifo_node {
+        fifo_node* next;
+        deferred_call call;
+    };
+
+    struct option_row;
+    struct action_row;
+    static const option_row s_options[];
+    static const action_row s_actions[];
+
+    static int find_option(const char* name);
+    static int find_action(const char* name);
+    void print_banner();
+
+    int opt_quiet(const char* value);
+
+    int func_help(qorStringArray& args);
+    int func_mtrace(qorStringArray& args);
+    int func_memcheck(qorStringArray& args);
+
+    uint32 m_debug_code = 0;
+    bool m_quiet = false;
+    qorFastMutex2 m_fifo_lock;
+    qorGate m_fifo_gate{false};
+    fifo_node* m_fifo_head = nullptr;
+    fifo_node* m_fifo_tail = nullptr;
+    uint32 m_fifo_count = 0;
+};

@@ -1,0 +1,33 @@
+// The two output streams of a replay. Standard error is chatty (a counter every few records), so it is buffered;
+// no byte of it changes. Where both streams end in one place, a terminal or one file, their lines still come in
+// the order in which they were written.
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+
+class report_streams {
+public:
+    report_streams();
+    report_streams(const report_streams&) = delete;
+    report_streams& operator=(const report_streams&) = delete;
+    ~report_streams();
+
+    // Findings go here; what was said on the other stream before is written out first if that matters.
+    std::FILE* out();
+
+    // Progress and warnings go here. What a person watches is never older than `patience`.
+    std::FILE* err();
+
+private:
+    static constexpr auto patience = std::chrono::milliseconds(100);
+
+    void switch_to(std::FILE* stream);
+
+    bool m_one_place;
+    std::FILE* m_last = nullptr;
+    std::chrono::steady_clock::time_point m_flushed;
+};
+
+// Whether standard output and standard error end in the same terminal or file.
+bool streams_share_a_place();
