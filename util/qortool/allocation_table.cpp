@@ -96,6 +96,10 @@ void allocation_table::set(const __entry& entry, uint64 address, uint32 size, ui
     block->data()[entry.slot] = {size, origin};
 }
 
+uint64 allocation_table::address(const __entry& entry) const noexcept {
+    return resolve(entry)->addresses()[entry.slot];
+}
+
 uint32 allocation_table::origin(const __entry& entry) const noexcept {
     return resolve(entry)->data()[entry.slot].origin;
 }

@@ -49,6 +49,16 @@ public:
         return static_cast<uint32>(address >> 10) & (bucket_count - 1);
     }
 
+    // Ask the processor for the memory that a search for the address will read: the bucket's head, and, when that
+    // has had time to arrive, the first block.
+    void prefetch_head(uint64 address) const noexcept { __builtin_prefetch(&m_heads[bucket_of(address)]); }
+    void prefetch_block(uint64 address) const noexcept {
+        if (const __block* const block = m_heads[bucket_of(address)]) {
+            __builtin_prefetch(block);
+            __builtin_prefetch(reinterpret_cast<const char*>(block) + 64);
+        }
+    }
+
     // The earliest blank slot of the address's bucket. It stays blank until `set` gives it an address. Throws
     // std::bad_alloc.
     __entry find_blank(uint64 address);
@@ -60,6 +70,7 @@ public:
     bool release(uint64 address) noexcept;
 
     void set(const __entry& entry, uint64 address, uint32 size, uint32 origin) noexcept;
+    uint64 address(const __entry& entry) const noexcept;
     uint32 origin(const __entry& entry) const noexcept;
     void set_origin(const __entry& entry, uint32 origin) noexcept;
 

@@ -2,16 +2,7 @@
 #include "log_fields.h"
 #include "mtrace_proc.h"
 
-#include <cstdlib>
-
 namespace {
-
-int digit_value(char c) noexcept {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    const char lower = static_cast<char>(c | 0x20);
-    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
-}
 
 void assign(qorString& target, std::string_view text) noexcept {
     target.Set(text.data(), static_cast<int32>(text.size()));
@@ -22,52 +13,79 @@ int printed_length(std::string_view word) noexcept { return static_cast<int>(wor
 
 } // namespace
 
-uint64 log_fields::hexadecimal(std::string_view word) noexcept {
-    // The usual form, by hand: the C library takes three times as long.
-    const char* at = word.data();
-    const char* const end = at + word.size();
-    if (word.size() > 2 && at[0] == '0' && (at[1] == 'x' || at[1] == 'X') && digit_value(at[2]) >= 0)
-        at += 2;
-    if (end - at > 16 || (at != end && digit_value(*at) < 0))
-        return std::strtoull(word.data(), nullptr, 16);
-    uint64 value = 0;
-    for (; at != end; ++at) {
-        const int digit = digit_value(*at);
-        if (digit < 0)
-            break;
-        value = value << 4 | static_cast<uint64>(digit);
-    }
-    return value;
+bool mtrace_proc::log::open(const char* path) {
+    create_IQORSimpleFileReader(m_file.Out());
+    m_next = m_end = nullptr;
+    return m_file->Open(path, 0);
 }
 
-uint64 log_fields::unsigned_number(std::string_view word) noexcept {
-    if (word.size() > 2 && word[0] == '0' && word[1] == 'x')
-        return hexadecimal(word);
-    return std::strtoull(word.data(), nullptr, 0);
+bool mtrace_proc::log::next_line_at_hand(std::string_view& line) {
+    return log_fields::next_line(m_next, m_end, line);
 }
 
-int64 log_fields::signed_number(std::string_view word) noexcept { return std::strtoll(word.data(), nullptr, 0); }
+bool mtrace_proc::log::next_line(std::string_view& line) {
+    while (!next_line_at_hand(line))
+        if (!next_run())
+            return false;
+    return true;
+}
+
+bool mtrace_proc::log::next_run() {
+    uint64 size = 0;
+    if (!m_file->ReadLines(&m_next, &size))
+        return false;
+    m_end = m_next + size;
+    return true;
+}
+
+// False: the line is none of the log's own, such as a comment.
+bool mtrace_proc::parse_mtrace(std::string_view line, mtrace_words& words) const {
+    qorDebug(m_debug_code, "mtrace line: [%.*s]", printed_length(line), line.data());
+    if (line.empty() || line[0] != '@')
+        return false;
+    std::string_view rest = line.substr(1);
+    words.caller = log_fields::next_word(rest);
+    words.code = log_fields::next_word(rest);
+    const std::string_view address = log_fields::next_word(rest);
+    const std::string_view size = log_fields::next_word(rest);
+    words.is_valid = !address.empty();
+    words.address = log_fields::hexadecimal(address);
+    words.size = size.empty() ? 0 : static_cast<uint32>(log_fields::unsigned_number(size));
+    return true;
+}
+
+// False: the end of the log.
+bool mtrace_proc::read_ahead() {
+    // A trace shows each line when it is read, so with a trace it is not read before its turn.
+    const uint32 limit = qor::glue::debug_is_on(m_debug_code) ? 1 : read_ahead_limit;
+    m_ahead_next = m_ahead_count = 0;
+    std::string_view line;
+    do {
+        while (m_ahead_count < limit && m_mtrace_file.next_line_at_hand(line)) {
+            if (!parse_mtrace(line, m_ahead[m_ahead_count]))
+                continue;
+            m_table.prefetch_head(m_ahead[m_ahead_count].address);
+            ++m_ahead_count;
+        }
+        // Lines of the next run would take the place of those at hand.
+    } while (m_ahead_count == 0 && m_mtrace_file.next_run());
+    for (uint32 i = 0; i < m_ahead_count; ++i)
+        m_table.prefetch_block(m_ahead[i].address);
+    return m_ahead_count != 0;
+}
 
 bool mtrace_proc::read_mtrace(__mtrace_line& out) {
     const qorDebugSeq trace(m_debug_code, "read_mtrace");
-    while (m_mtrace_file->ReadLine(m_line)) {
-        m_line.TrimBoth();
-        qorDebug(m_debug_code, "mtrace line: [%s]", m_line.Text());
-        if (m_line.IsEmpty() || m_line[0] != '@')
-            continue;
-        std::string_view rest(m_line.Text() + 1, m_line.Length() - 1);
-        const std::string_view caller = log_fields::next_word(rest);
-        const std::string_view code = log_fields::next_word(rest);
-        const std::string_view address = log_fields::next_word(rest);
-        const std::string_view size = log_fields::next_word(rest);
-        if (address.empty()) {
+    while (m_ahead_next < m_ahead_count || read_ahead()) {
+        const mtrace_words& words = m_ahead[m_ahead_next++];
+        if (!words.is_valid) {
             fixed_fprintf(m_streams.err(), "WARNING Invalid line in mtrace() file\n");
             continue;
         }
-        assign(out.caller, caller);
-        out.address = log_fields::hexadecimal(address);
-        out.size = size.empty() ? 0 : static_cast<uint32>(log_fields::unsigned_number(size));
-        switch (code[0]) {
+        assign(out.caller, words.caller);
+        out.address = words.address;
+        out.size = words.size;
+        switch (words.code[0]) {
         case '+':
         case '>':
             out.is_alloc = true;
@@ -78,7 +96,8 @@ bool mtrace_proc::read_mtrace(__mtrace_line& out) {
             break;
         default:
             // The size still tells what the line must have been.
-            fixed_fprintf(m_streams.err(), "WARNING Bad code token [%.*s]\n", printed_length(code), code.data());
+            fixed_fprintf(m_streams.err(), "WARNING Bad code token [%.*s]\n", printed_length(words.code),
+                          words.code.data());
             out.is_alloc = out.size != 0;
             break;
         }
@@ -90,12 +109,12 @@ bool mtrace_proc::read_mtrace(__mtrace_line& out) {
 
 bool mtrace_proc::read_memcheck_line(__memcheck_line& out) {
     const qorDebugSeq trace(m_debug_code, "read_memcheck_line");
-    while (m_memcheck_file->ReadLine(m_line)) {
-        m_line.TrimBoth();
-        if (m_line.IsEmpty() || m_line[0] == '#')
+    std::string_view line;
+    while (m_memcheck_file.next_line(line)) {
+        if (line.empty() || line[0] == '#')
             continue;
-        const char code = m_line[0];
-        std::string_view rest(m_line.Text() + 1, m_line.Length() - 1);
+        const char code = line[0];
+        std::string_view rest = line.substr(1);
         std::string_view words[5]; // address, and what the code makes of the others
         uint32 count = 0;
         while (count < 5 && !(words[count] = log_fields::next_word(rest)).empty())

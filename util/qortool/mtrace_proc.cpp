@@ -1,6 +1,6 @@
 #include "mtrace_proc.h"
 
-#include <string_view>
+#include <algorithm>
 
 namespace {
 
@@ -11,22 +11,17 @@ std::string_view view(const qorString& text) noexcept { return {text.Text(), tex
 mtrace_proc::mtrace_proc()
     : qorRefObject("qorcore.qortool.mtrace_proc"), m_debug_code(qorDebugAllocateCode("qortool.mtrace")) {}
 
-bool mtrace_proc::open(zetSmartPointer<IQORSimpleFileReader>& reader, const char* path) {
-    create_IQORSimpleFileReader(reader.Out());
-    return reader->Open(path, 0);
-}
-
 bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "Execute_MTRACE");
     if (args.IsEmpty() || args.GetCount() > 2) {
         fixed_fprintf(m_streams.err(), "ERROR wrong number of arguments\n");
         return false;
     }
-    if (!open(m_mtrace_file, args[0])) {
+    if (!m_mtrace_file.open(args[0])) {
         qorDebug(m_debug_code, "FAIL cannot open mtrace file");
         return false;
     }
-    if (args.GetCount() == 2 && !open(m_memcheck_file, args[1])) {
+    if (args.GetCount() == 2 && !m_memcheck_file.open(args[1])) {
         qorDebug(m_debug_code, "FAIL cannot open memcheck file");
         return false;
     }
@@ -50,21 +45,24 @@ bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
 void mtrace_proc::mtrace_allocation(const __mtrace_line& rec) {
     const __entry entry = m_table.find_blank(rec.address);
     m_table.set(entry, rec.address, rec.size, m_origins.of_caller(view(rec.caller)));
-    mtrace_add_memcheck_data(entry, rec.address);
+    if (m_memcheck_file.is_given())
+        mtrace_add_memcheck_data(entry);
 }
 
 // The bounded look-ahead into the other log. What it meets on the way is kept for later, except what needs no
 // partner: huge blocks enter the table at once, and frees say nothing that the mtrace log does not.
 bool mtrace_proc::mtrace_read_memcheck_for(uint64 address, __memcheck_line& out) {
     const qorDebugSeq trace(m_debug_code, "mtrace_read_memcheck_for");
-    if (m_memcheck_file.IsEmpty())
+    if (!m_memcheck_file.is_given())
         return false;
-    for (uint32 i = 0; i < m_look_ahead.GetCount(); ++i)
-        if (m_look_ahead[i].address == address) {
-            out = m_look_ahead[i];
-            m_look_ahead.RemoveAt(i, 1);
-            return true;
-        }
+    const __memcheck_line* const found =
+        std::find_if(m_look_ahead.begin(), m_look_ahead.end(),
+                     [address](const __memcheck_line& known) { return known.address == address; });
+    if (found != m_look_ahead.end()) {
+        out = *found;
+        m_look_ahead.RemoveAt(static_cast<uint32>(found - m_look_ahead.begin()), 1);
+        return true;
+    }
     if (m_look_ahead.GetCount() >= look_ahead_limit)
         return false;
     while (read_memcheck_line(out)) {
@@ -80,11 +78,12 @@ bool mtrace_proc::mtrace_read_memcheck_for(uint64 address, __memcheck_line& out)
     return false;
 }
 
-// Greedy on purpose: takes every record for the address within reach, the last of each kind counts.
-void mtrace_proc::mtrace_add_memcheck_data(const __entry& entry, uint64 address) {
+// Greedy on purpose: takes every record for the address within reach, the last of each kind counts. The slot says
+// for which: one that was written with address 0 is blank, and a huge block met on the way may take it.
+void mtrace_proc::mtrace_add_memcheck_data(const __entry& entry) {
     const qorDebugSeq trace(m_debug_code, "mtrace_add_memcheck_data");
     __memcheck_line rec;
-    while (mtrace_read_memcheck_for(address, rec)) {
+    while (mtrace_read_memcheck_for(m_table.address(entry), rec)) {
         if (rec.code == 'A') {
             origin_table::origin known = m_origins.get(m_table.origin(entry));
             known.file = view(rec.file);
@@ -130,7 +129,7 @@ bool mtrace_proc::Execute_MEMCHECK(qorStringArray& args) {
         fixed_fprintf(m_streams.err(), "ERROR wrong number of arguments\n");
         return false;
     }
-    if (!open(m_memcheck_file, args[0])) {
+    if (!m_memcheck_file.open(args[0])) {
         qorDebug(m_debug_code, "FAIL %s", "m_memcheck_file->Open(args[0])");
         return false;
     }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -39,27 +40,29 @@ uint32 hash_text(std::string_view text) noexcept {
 template <class EQUAL>
 uint32 origin_table::index::find(uint32 hash, EQUAL equal) const {
     const std::size_t mask = m_cells.size() - 1;
-    for (std::size_t cell = hash & mask;; cell = (cell + 1) & mask)
-        if (m_cells[cell] == none || equal(m_cells[cell]))
-            return m_cells[cell];
-}
-
-template <class HASH_OF>
-void origin_table::index::add(uint32 hash, uint32 number, uint32 count, HASH_OF hash_of) {
-    if (std::size_t{count} * 2 >= m_cells.size()) {
-        m_cells.assign(m_cells.size() * 2, none);
-        for (uint32 old = 0; old < number; ++old)
-            put(hash_of(old), old);
+    for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+        const cell& each = m_cells[at];
+        if (each.number == none || (each.hash == hash && equal(each.number)))
+            return each.number;
     }
-    put(hash, number);
 }
 
-void origin_table::index::put(uint32 hash, uint32 number) noexcept {
+void origin_table::index::add(uint32 hash, uint32 number) {
+    if (++m_used * 2 > m_cells.size()) {
+        const std::vector<cell> old = std::exchange(m_cells, std::vector<cell>(m_cells.size() * 2, cell{0, none}));
+        for (const cell& each : old)
+            if (each.number != none)
+                put(each);
+    }
+    put({hash, number});
+}
+
+void origin_table::index::put(cell added) noexcept {
     const std::size_t mask = m_cells.size() - 1;
-    std::size_t cell = hash & mask;
-    while (m_cells[cell] != none)
-        cell = (cell + 1) & mask;
-    m_cells[cell] = number;
+    std::size_t at = added.hash & mask;
+    while (m_cells[at].number != none)
+        at = (at + 1) & mask;
+    m_cells[at] = added;
 }
 
 // Number 0 is the empty text, and the origin of which nothing is known.
@@ -111,13 +114,13 @@ uint32 origin_table::text_number(std::string_view text) {
     const uint32 hash = hash_text(text);
     const uint32 found = m_text_index.find(hash, [&](uint32 number) {
         const text_record& known = m_texts[number];
-        return known.hash == hash && std::string_view(known.text, known.length) == text;
+        return std::string_view(known.text, known.length) == text;
     });
     if (found != none)
         return found;
     const uint32 number = static_cast<uint32>(m_texts.size());
-    m_texts.push_back({keep(text), static_cast<uint32>(text.size()), hash, none});
-    m_text_index.add(hash, number, number + 1, [this](uint32 old) { return m_texts[old].hash; });
+    m_texts.push_back({keep(text), static_cast<uint32>(text.size()), none});
+    m_text_index.add(hash, number);
     return number;
 }
 
@@ -129,6 +132,6 @@ uint32 origin_table::record_number(const origin_record& record) {
         return found;
     const uint32 number = static_cast<uint32>(m_records.size());
     m_records.push_back(record);
-    m_record_index.add(hash, number, number + 1, [this](uint32 old) { return hash_of(m_records[old]); });
+    m_record_index.add(hash, number);
     return number;
 }

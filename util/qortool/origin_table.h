@@ -33,7 +33,6 @@ private:
     struct text_record {
         const char* text;
         uint32 length;
-        uint32 hash;
         uint32 as_caller; // the origin that has only this caller, or none
     };
 
@@ -49,15 +48,21 @@ private:
     // Open addressing over the numbers of records: a power of two of cells, at most half of them used.
     class index {
     public:
-        index() : m_cells(64, none) {}
+        // The number with this hash for which `equal` holds, or none.
         template <class EQUAL>
         uint32 find(uint32 hash, EQUAL equal) const;
-        template <class HASH_OF>
-        void add(uint32 hash, uint32 number, uint32 count, HASH_OF hash_of);
+        void add(uint32 hash, uint32 number);
 
     private:
-        void put(uint32 hash, uint32 number) noexcept;
-        std::vector<uint32> m_cells;
+        struct cell {
+            uint32 hash;
+            uint32 number;
+        };
+
+        void put(cell added) noexcept;
+
+        std::vector<cell> m_cells = std::vector<cell>(64, cell{0, none});
+        std::size_t m_used = 0;
     };
 
     static uint32 hash_of(const origin_record& record) noexcept;

@@ -1,8 +1,12 @@
 // printf to a stream, with a result that no locale changes.
 #include "qor/qor.h"
+#include "string/format_fixed.h"
 
 int qor::glue::fixed_vfprintf(std::FILE* stream, const char* format, std::va_list arguments) noexcept {
-    qorString text;
-    text.PrintV(format, arguments);
-    return text.Put(stream, false) ? static_cast<int>(text.Length()) : -1;
+    qor::string::working_memory memory;
+    std::string_view text;
+    if (!qor::string::format_fixed(memory, text, format, arguments) ||
+        std::fwrite(text.data(), 1, text.size(), stream) != text.size())
+        return -1;
+    return static_cast<int>(text.size());
 }

@@ -93,7 +93,8 @@ public:
     char* LockBuffer(uint32 size) noexcept { return qor::glue::qorString_LockBuffer(this, size); }
     void UnlockBuffer(int32 length = -1) noexcept { qor::glue::qorString_UnlockBuffer(this, length); }
 
-    // ---- comparison: negative, zero or positive, by unsigned bytes, case-sensitive unless the name says so
+    // ---- comparison: negative, zero or positive, by unsigned bytes, case-sensitive unless the name says so;
+    // without case, letters count as lower case. CompareN compares at most the first `count` bytes of both.
     int Compare(const char* text) const noexcept { return qor::glue::qorString_Compare(this, text); }
     int CompareN(const char* text, uint32 count) const noexcept {
         return qor::glue::qorString_CompareN(this, text, count);
@@ -101,8 +102,8 @@ public:
     int CompareNoCase(const char* text) const noexcept { return qor::glue::qorString_CompareNoCase(this, text); }
 
     // ---- searching: the position, or -1. The forward forms look at `start` and behind it, the reverse forms at
-    // `start` and before it (-1: from the end). A character is a Unicode code point. An empty text is found at
-    // `start`.
+    // `start` and before it (-1: from the end). A character is a Unicode code point; what is none is not found.
+    // An empty text is found at `start`.
     int32 FindByte(char byte, uint32 start = 0) const noexcept {
         return qor::glue::qorString_FindByte(this, byte, start);
     }
@@ -165,13 +166,15 @@ public:
     bool SplitAtByte(char byte, qorString& left, qorString& right) const noexcept {
         return qor::glue::qorString_SplitAtByte(this, byte, left, right);
     }
-    // Takes the first word and the white space around it out of the string. False: there is no word.
+    // Takes the first word and the white space around it out of the string. False: there is no word, and both
+    // are empty then. Where `token` is the string itself, it is the word.
     bool ExtractFirstToken_WS(qorString& token) noexcept {
         return qor::glue::qorString_ExtractFirstToken_WS(this, token);
     }
 
-    // ---- parts of a file name: "dir/archive.tar.gz" is "dir/", "archive.tar" and "gz". A dot in front of the
-    // name (".profile") begins no extension. Windows separates folders by '\\', '/' and a drive's ':' too.
+    // ---- parts of a file name: "dir/archive.tar.gz" is "dir/", "archive.tar" and "gz". Dots in front of the
+    // name (".profile", "..") begin no extension. Each result may be the string itself. Windows separates folders
+    // by '\\', '/' and a drive's ':' too.
     void FileName(qorString& out) const noexcept { qor::glue::qorString_FileName(this, out); }
     void FilePath(qorString& out) const noexcept { qor::glue::qorString_FilePath(this, out); }
     void FileExtension(qorString& out) const noexcept { qor::glue::qorString_FileExtension(this, out); }
@@ -192,6 +195,7 @@ public:
         qor::glue::qorString_PrintV(this, format, arguments);
     }
     void FormatInteger(int64 value) noexcept { qor::glue::qorString_FormatInteger(this, value); }
+    // Base 2 to 36, digits beyond 9 in lower case; with another base the string is empty.
     void FormatUnsigned(uint64 value, uint32 base = 10) noexcept {
         qor::glue::qorString_FormatUnsigned(this, value, base);
     }
@@ -227,11 +231,14 @@ public:
     }
 
     // ---- streams
-    // Writes the text as it is, NULs included, and a newline behind it if asked. False: it could not be written.
+    // Writes the text as it is, NULs included, and a newline behind it if asked, in one go. False: it could not
+    // be written (last error); a buffered stream may find that out later.
     bool Put(std::FILE* stream, bool newline) const noexcept {
         return qor::glue::qorString_Put(this, stream, newline);
     }
-    // Reads one line without its end (LF or CR LF). False: the end of the input, or a read error.
+    // Reads one line, of any length, without its end (LF or CR LF); what follows the last line end is a line
+    // too unless it is empty. False: the end of the input, or a read error, which is then the last error; the
+    // string is empty.
     bool GetLine(std::FILE* stream) noexcept { return qor::glue::qorString_GetLine(this, stream); }
 
     // ---- character sets. Lengths are in units; -1: up to a zero unit. What is no valid character becomes

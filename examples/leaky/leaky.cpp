@@ -1,0 +1,100 @@
+// A program that leaks on purpose: what the demo logs in samples/ were recorded from.
+//
+// It keeps a list of readings the way a real program might, and forgets some of what it allocated: an object with a
+// type name, blocks with a source line, and a block of malloc of which only the caller is known.
+#include "qor/qor.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+
+namespace {
+
+constexpr char source[] = "examples/leaky/leaky";
+
+// Announces its type name; the allocation log shows it.
+class reading : public qorRefObject {
+public:
+    explicit reading(double value) : qorRefObject("examples.leaky.reading") {
+        for (double& sample : m_samples)
+            sample = value;
+    }
+    double mean() const {
+        double sum = 0;
+        for (const double sample : m_samples)
+            sum += sample;
+        return sum / static_cast<double>(std::size(m_samples));
+    }
+
+private:
+    double m_samples[96];
+};
+
+// One reading in four is forgotten: its reference is given up without a Release.
+double take_readings(int count) {
+    zetArray<zetSmartPointer<reading>> readings;
+    double sum = 0;
+    for (int i = 0; i < count; ++i) {
+        zetSmartPointer<reading> one;
+        one.AttachNew(new (source, __LINE__) reading(i * 0.5));
+        sum += one->mean();
+        readings.Append(one);
+    }
+    for (int i = 3; i < count; i += 4)
+        (void)readings[static_cast<uint32>(i)].Detach();
+    return sum;
+}
+
+// The last page is never freed.
+void write_report(int pages) {
+    constexpr uint64 page_size = 4096;
+    zetArray<char*> written;
+    for (int i = 0; i < pages; ++i) {
+        char* const page = static_cast<char*>(qor_do_malloc(0, page_size, true, source, __LINE__));
+        std::snprintf(page, page_size, "page %d of %d", i + 1, pages);
+        written.Append(page);
+    }
+    for (uint32 i = 0; i < written.GetCount(); ++i) {
+        std::printf("%s\n", written[i]);
+        if (i + 1 != written.GetCount())
+            qor_do_free(written[i], source, __LINE__);
+    }
+}
+
+// Keeps the compiler from taking out allocations that nobody uses.
+void* volatile used;
+
+// Memory of the C library, which no framework log shows.
+void fill_table() {
+    for (std::size_t size = 100; size <= 500; size += 100) {
+        used = std::malloc(size);
+        if (size != 300)
+            std::free(used);
+    }
+}
+
+// Pages that come straight from the system: the mtrace log never shows them, the framework's does.
+void use_huge_block() {
+    constexpr uint64 size = 8 * 1024 * 1024;
+    char* const scratch = static_cast<char*>(qor_do_huge_alloc(size, source, __LINE__));
+    scratch[size - 1] = 1;
+    qor_do_huge_free(scratch, source, __LINE__);
+    (void)qor_do_huge_alloc(size, source, __LINE__);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    qorStringArray args;
+    args.SetFromArgVec(argc, argv);
+    if (!qorInitProcess("leaky", args, 0)) {
+        fputerr(stderr, true);
+        return 1;
+    }
+    std::printf("sum of means: %.1f\n", take_readings(8));
+    write_report(3);
+    fill_table();
+    use_huge_block();
+    qorCleanup();
+    return 0;
+}

@@ -1,0 +1,144 @@
+#!/usr/bin/env python3
+"""Runs qortool and the plain replay over the same logs and requires equal bytes on both streams.
+
+    compare.py --tool PATH [--count N] [--seed S] [--keep FOLDER]
+
+First the cases of corpus/: each folder holds an `mtrace` log, a `memcheck` log or both, and for at
+least one run the hand-checked bytes it must write, RUN.out and RUN.err, where RUN is `mtrace`,
+`joined` or `memcheck`. Both replays have to match those files, so that a mistake both make still
+shows. Then N generated pairs, seeds S, S+1, ... A pair that differs is kept in FOLDER.
+"""
+
+import argparse
+import difflib
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+
+import generate
+import replay
+
+CORPUS = pathlib.Path(__file__).resolve().parent / "corpus"
+RUNS = {
+    "mtrace": ("mtrace", ("mtrace",)),
+    "joined": ("mtrace", ("mtrace", "memcheck")),
+    "memcheck": ("memcheck", ("memcheck",)),
+}
+TIMEOUT_SECONDS = 120
+DIFF_LINES = 20
+
+
+def possible_runs(folder):
+    """(run, action, log paths) of every run that the logs in a folder allow."""
+    for run, (action, logs) in RUNS.items():
+        paths = [folder / log for log in logs]
+        if all(path.exists() for path in paths):
+            yield run, action, paths
+
+
+def show_difference(title, expected, actual, expected_name, actual_name):
+    print(title)
+    lines = difflib.unified_diff(
+        [repr(line)[2:-1] for line in expected.splitlines(keepends=True)],
+        [repr(line)[2:-1] for line in actual.splitlines(keepends=True)],
+        expected_name,
+        actual_name,
+        lineterm="",
+        n=1,
+    )
+    for number, line in enumerate(lines):
+        if number == DIFF_LINES:
+            print("  ...")
+            break
+        print("  " + line[:300])
+
+
+def run_tool(tool, action, paths):
+    """(standard output, standard error, exit code) of one quiet run."""
+    done = subprocess.run(
+        [tool, "--quiet", action, *paths], stdin=subprocess.DEVNULL, capture_output=True, timeout=TIMEOUT_SECONDS
+    )
+    return done.stdout, done.stderr, done.returncode
+
+
+def compare_run(tool, title, action, paths):
+    """True when both write the same; also hands back what the plain replay wrote."""
+    out, err = replay.replay(action, *paths)
+    tool_out, tool_err, code = run_tool(tool, action, paths)
+    agree = True
+    for stream, expected, actual in (("out", out, tool_out), ("err", err, tool_err)):
+        if expected != actual:
+            show_difference(f"{title}: standard {stream} differs", expected, actual, "replay.py", "qortool")
+            agree = False
+    if code != 0:
+        print(f"{title}: qortool ended with {code}")
+        agree = False
+    return agree, {"out": out, "err": err}
+
+
+def compare_corpus(tool):
+    """(cases that agree, cases) of the corpus."""
+    good = total = 0
+    for folder in sorted(path for path in CORPUS.iterdir() if path.is_dir()):
+        total += 1
+        agree = True
+        checked = 0
+        for run, action, paths in possible_runs(folder):
+            same, written = compare_run(tool, f"corpus/{folder.name} {run}", action, paths)
+            agree = agree and same
+            if not (folder / f"{run}.out").exists():
+                continue
+            checked += 1
+            for stream, actual in written.items():
+                expected = (folder / f"{run}.{stream}").read_bytes()
+                if expected != actual:
+                    title = f"corpus/{folder.name} {run}: replay.py misses the expected standard {stream}"
+                    show_difference(title, expected, actual, f"{run}.{stream}", "replay.py")
+                    agree = False
+        if checked == 0:
+            print(f"corpus/{folder.name}: no expected output")
+            agree = False
+        good += agree
+    return good, total
+
+
+def compare_seed(tool, seed, keep):
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        for log, data in zip(("mtrace", "memcheck"), generate.generate(seed)):
+            (folder / log).write_bytes(data)
+        # Every run is made, so that one report shows all that is wrong with a pair.
+        results = [
+            compare_run(tool, f"seed {seed} {run}", action, paths)[0] for run, action, paths in possible_runs(folder)
+        ]
+        if all(results):
+            return True
+        kept = keep / f"seed-{seed}"
+        kept.mkdir(parents=True, exist_ok=True)
+        for log in ("mtrace", "memcheck"):
+            shutil.copy(folder / log, kept / log)
+        print(f"seed {seed}: the pair is kept in {kept}")
+        return False
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Compares qortool with the plain replay, byte for byte.")
+    parser.add_argument("--tool", required=True, help="the qortool to test")
+    parser.add_argument("--count", type=int, default=600, help="how many generated pairs (default 600)")
+    parser.add_argument("--seed", type=int, default=1, help="the first seed (default 1)")
+    default = pathlib.Path(tempfile.gettempdir()) / "qor-replay"
+    parser.add_argument("--keep", type=pathlib.Path, default=default, help=f"where pairs that differ go ({default})")
+    options = parser.parse_args()
+    tool = str(pathlib.Path(options.tool).resolve())
+
+    good, total = compare_corpus(tool)
+    print(f"{good} of {total} corpus cases agree")
+    pairs = sum(compare_seed(tool, options.seed + i, options.keep) for i in range(options.count))
+    print(f"{pairs} pairs agree" + (f", {options.count - pairs} differ" if pairs < options.count else ""))
+    return 0 if pairs > 0 and pairs == options.count and total > 0 and good == total else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
