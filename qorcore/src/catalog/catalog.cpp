@@ -1,0 +1,68 @@
+// The process's messages: its languages and the catalogs that came with the library.
+#include "catalog/catalog.h"
+
+#include "catalog/inserts.h"
+#include "catalog/languages.h"
+#include "catalog/translations.h"
+#include "process/process.h"
+#include "process/resources.h"
+
+namespace {
+
+using qor::catalog::translations;
+
+// Both are never destroyed: messages are printed until the process is gone, also by its last clean-up
+// routines.
+translations& all_texts() {
+    static auto& texts = *new translations(&qor::process::find_resource);
+    return texts;
+}
+
+std::vector<std::string>& wanted_languages() {
+    static auto& languages = *new auto(qor::catalog::languages_of_environment(&qor::process::environment));
+    return languages;
+}
+
+} // namespace
+
+std::string_view qor::catalog::find(std::string_view catalog, uint32 number) {
+    return all_texts().find(catalog, number, wanted_languages());
+}
+
+std::string_view qor::catalog::find_in(std::string_view catalog, uint32 number, std::string_view language) {
+    return all_texts().find(catalog, number, with_fallbacks(language));
+}
+
+std::string qor::catalog::expand(std::string_view text, const char* const* inserts) {
+    std::string result;
+    while (!text.empty()) {
+        if (const insert place = leading_insert(text); place.length != 0) {
+            const char* const content = inserts != nullptr ? inserts[place.number - 1] : nullptr;
+            result += content != nullptr ? content : "";
+            text.remove_prefix(place.length);
+        } else {
+            result += text.front();
+            text.remove_prefix(1);
+        }
+    }
+    return result;
+}
+
+bool qor::catalog::set_languages(std::string_view list, std::string& why) {
+    std::string_view refused;
+    if (parse_languages(list, wanted_languages(), refused))
+        return true;
+    const std::string name(refused);
+    const char* const inserts[max_inserts] = {name.c_str()};
+    why = expand(find("qorcore", name.empty() ? 1031 : 1030), inserts);
+    return false;
+}
+
+std::vector<std::string> qor::catalog::active_languages() {
+    std::vector<std::string> active;
+    for (const std::string& language : wanted_languages())
+        if (all_texts().has(language))
+            active.push_back(language);
+    active.emplace_back("en");
+    return active;
+}

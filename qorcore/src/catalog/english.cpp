@@ -1,0 +1,138 @@
+// The English text of every message: what is printed where no other language has it, and what translations
+// are measured by. Numbers are never moved or reused. {1} to {10} are inserts.
+//
+// The syntax texts of help stand in a column of their own: 34 characters at most, in every language.
+#include "catalog/catalog.h"
+
+#include <algorithm>
+#include <functional>
+
+namespace {
+
+using qor::catalog::built_in;
+using qor::catalog::message;
+
+// What the tool says.
+constexpr message qortool[] = {
+    {1, "qortool - tries out and inspects the facilities of the framework"},
+    {2, "help"},
+    {3, "Show this list of actions and options."},
+    {5, "No action was given. 'qortool help' lists the actions."},
+    {6, "The action has succeeded."},
+    {7, "Usage: qortool [options] <action> [arguments]\n\nThe actions, and below them the options:"},
+    {8, "--quiet"},
+    {9, "Leave out the banner, headings and the message of success."},
+    {10, "There is no action '{1}'. 'qortool help' lists the actions."},
+    {11, "There is no option '--{1}'. 'qortool help' lists the options."},
+    {12, "netlist"},
+    {13, "List the network interfaces with their addresses."},
+    {14, "Network interfaces:\n"},
+    {15, "(none)"},
+    {16, "Name:              {1}"},
+    {17, "Description:       {1}"},
+    {18, "Hardware address:  {1}"},
+    {19, "IPv4 address:      {1}"},
+    {20, "Further IPv4:      {1}"},
+    {21, "The network interfaces cannot be listed: {1}"},
+    {22, "Display name:      {1}"},
+    {23, "pwcrypt <password>"},
+    {24, "Print the form in which the framework stores a password."},
+    {25, "ttyinfo <port>"},
+    {26, "Open a serial port and show its name and location."},
+    {27, "md5sum <file>"},
+    {28, "Print the MD5 digest of a file."},
+    {29, "lookup <host>"},
+    {30, "Print the addresses of a host."},
+    {31, "dow <day>/<month>/<year>"},
+    {32, "Print the weekday of a date."},
+    {33, "This date cannot be used. A date is written day/month/year: 28/3/2021."},
+    {34, "debug-control <host> <port>"},
+    {35, "Switch the trace codes of another process on and off."},
+    {36, "The action '{1}' has no option '--{2}'. 'qortool help' shows what it takes."},
+    {37, "The number of arguments is wrong for the action '{1}'. 'qortool help' shows what it takes."},
+    {44, "timer-check"},
+    {45, "Compare the tick counter with the system time once a second, until it is stopped."},
+    {46, "Comparing the tick counter with the system time; Ctrl-C stops it."},
+    {47, "Connecting ..."},
+    {48, "Logged in. 'help' lists the commands; the end of the input ends the console."},
+    {49, "help              Show this list of commands."},
+    {50, "disable <name>    Switch a trace code off."},
+    {51, "simd-test"},
+    {52, "Measure the framework's memory routines beside those of the C library."},
+    {53, "Measuring memory routines: 1000 calls each, over eight buffers of 64 MiB."},
+    {54, "list-serial"},
+    {55, "List the serial ports with their locations."},
+    {56, "sysinfo [--developer]"},
+    {57, "Report on the host; --developer adds the sizes of some types of the framework."},
+    {58, "System information:\n"},
+    {59, "userinfo <user>"},
+    {60, "Show a user account with its rights and groups."},
+    {63, "There is no such command. 'help' lists the commands."},
+    {64, "The arguments do not fit this command. 'help' shows what it takes."},
+    {65, "Commands:"},
+    {66, "show-all          List all trace codes of the process."},
+    {67, "show-enabled      List the trace codes that are on."},
+    {68, "enable <name>     Switch a trace code on."},
+    {69, "disable-all       Switch all trace codes off."},
+    {70, "Trace codes of the process:"},
+    {71, "No trace code is on."},
+    {72, "Trace codes that are on:"},
+    {73, "Version {1}"},
+    {78, "mtrace <log> [<memcheck log>]"},
+    {79, "Report leaks and bad frees from an mtrace log; a memcheck log adds source lines and types."},
+    {80, "tztest"},
+    {81, "Show how a local time near the change to summer time is converted."},
+    {82, "IPv6 address:      {1}"},
+    {83, "memcheck <memcheck log>"},
+    {84, "Report leaks and bad frees from a log that --qor-memcheck wrote."},
+    {85, "path-list"},
+    {86, "List the named folders of the framework with their paths."},
+    {87, "logon <user> <password>"},
+    {88, "Log a user on and show the account; only a super-user may do this."},
+    {89, "User information:"},
+    {90, "Logging on ..."},
+    {91, "Logged on."},
+};
+
+// What the framework says: its errors, and from 1000 on all else.
+constexpr message qorcore[] = {
+#define QOR_ERROR(number, name, error_class, text) {number, text},
+#include "qor/system/errors.def"
+#undef QOR_ERROR
+    {1000, "Options of the framework, for every program that is built on it:"},
+    {1001, "--qor-debug=NAMES"},
+    {1002, "Switch trace codes on, for instance 'system.*' (or set QOR_DEBUG)."},
+    {1003, "--qor-debug-file=FILE"},
+    {1004, "Write the trace to FILE, not to standard error (or set QOR_DEBUG_FILE)."},
+    {1005, "--qor-memcheck=FILE"},
+    {1006, "Log this process's allocations in FILE, for 'qortool memcheck' (or set QOR_MEMCHECK)."},
+    {1007, "--qor-language=LIST"},
+    {1008, "Languages for messages, the best first, for instance 'de:fr' (or set QOR_LANGUAGE)."},
+    {1020, "{1}: {2}"},
+    {1021, "{1}: assertion failed: {2}, in {3} ({4}:{5})"},
+    {1022, "The results could not be written: {1}."},
+    {1023, "The results could not be written."},
+    {1024, "The action '{1}' is not in this build."},
+    {1030, "'{1}' is not the name of a language"},
+    {1031, "it names no language"},
+};
+
+constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}};
+
+// Each look-up relies on the order; an empty text would pass for a missing message.
+static_assert(std::ranges::all_of(catalogs, [](const built_in& each) {
+    return std::ranges::adjacent_find(each.messages, std::ranges::greater_equal(), &message::number) ==
+               each.messages.end() &&
+           std::ranges::none_of(each.messages, &std::string_view::empty, &message::text);
+}));
+
+} // namespace
+
+std::span<const qor::catalog::built_in> qor::catalog::english() noexcept {
+    return catalogs;
+}
+
+const message* qor::catalog::find_message(std::span<const message> messages, uint32 number) noexcept {
+    const auto found = std::ranges::lower_bound(messages, number, {}, &message::number);
+    return found != messages.end() && found->number == number ? &*found : nullptr;
+}

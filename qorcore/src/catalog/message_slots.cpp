@@ -1,0 +1,80 @@
+// What clients reach of the message catalogs.
+#include "catalog/catalog.h"
+#include "catalog/inserts.h"
+#include "qor/qor.h"
+
+namespace {
+
+std::string_view name_of(const char* catalog) noexcept {
+    return catalog != nullptr ? catalog : "";
+}
+
+// Without a language it is the user's choice.
+std::string_view find_text(const char* catalog, uint32 number, const char* language = nullptr) {
+    return language != nullptr ? qor::catalog::find_in(name_of(catalog), number, language)
+                               : qor::catalog::find(name_of(catalog), number);
+}
+
+void assign(qorString& string, std::string_view text) noexcept {
+    qor::glue::qorString_Set(&string, text.data(), static_cast<uint32>(text.size()));
+}
+
+// The result of all operations: false says that there is no such message, and then the string is empty.
+bool assign_expanded(qorString& string, std::string_view text, const char* const* inserts) {
+    assign(string, qor::catalog::expand(text, inserts));
+    return !text.empty();
+}
+
+} // namespace
+
+bool qor::glue::qorString_Format(qorString* self, const char* catalog, uint32 number,
+                                 const char* const* inserts) noexcept {
+    return assign_expanded(*self, find_text(catalog, number), inserts);
+}
+
+bool qor::glue::qorString_FormatEx(qorString* self, const char* catalog, uint32 number, const char* language,
+                                   const char* const* inserts) noexcept {
+    return assign_expanded(*self, find_text(catalog, number, language), inserts);
+}
+
+void qor::glue::qorString_FormatString(qorString* self, const char* text,
+                                       const char* const* inserts) noexcept {
+    assign_expanded(*self, text != nullptr ? text : "", inserts);
+}
+
+bool qor::glue::qorString_LoadString(qorString* self, const char* catalog, uint32 number) noexcept {
+    const std::string_view text = find_text(catalog, number);
+    assign(*self, text);
+    return !text.empty();
+}
+
+bool qor::glue::qorString_LoadStringEx(qorString* self, const char* catalog, uint32 number,
+                                       const char* language) noexcept {
+    const std::string_view text = find_text(catalog, number, language);
+    assign(*self, text);
+    return !text.empty();
+}
+
+bool qor::glue::fputmsg(std::FILE* stream, const char* catalog, uint32 number, const char* const* inserts,
+                        bool newline) noexcept {
+    const std::string_view text = find_text(catalog, number);
+    std::string line;
+    if (!text.empty()) {
+        line = qor::catalog::expand(text, inserts);
+    } else {
+        line.append(name_of(catalog)).append(":").append(std::to_string(number));
+        for (std::size_t i = 0; inserts != nullptr && i < qor::catalog::max_inserts; ++i)
+            if (inserts[i] != nullptr)
+                line.append(" ").append(inserts[i]);
+    }
+    if (newline)
+        line += '\n';
+    // In one call, so that lines of several threads do not mix.
+    return std::fwrite(line.data(), 1, line.size(), stream) == line.size() && !text.empty();
+}
+
+void qor::glue::qorGetActiveCatalogLanguages(qorStringArray& out) noexcept {
+    out.Empty();
+    for (const std::string& language : qor::catalog::active_languages())
+        out.Append(language.c_str());
+}
