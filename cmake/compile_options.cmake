@@ -1,7 +1,8 @@
 # Warnings, sanitizers and link choices of every target of the tree.
 
 add_library(qor_options INTERFACE)
-target_compile_options(qor_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor)
+target_compile_options(qor_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
+                                             -ffunction-sections -fdata-sections)
 
 if(QOR_SANITIZE)
     target_compile_options(qor_options INTERFACE -fsanitize=${QOR_SANITIZE} -fno-sanitize-recover=all
@@ -9,14 +10,12 @@ if(QOR_SANITIZE)
     target_link_options(qor_options INTERFACE -fsanitize=${QOR_SANITIZE})
 endif()
 
-# For what ships: tool, library, modules. Test programs keep the shared run-time.
+# How what ships is linked: tool, library, modules. Test programs keep the shared run-time.
 add_library(qor_shipped INTERFACE)
-target_link_libraries(qor_shipped INTERFACE qor_options)
 if(QOR_STATIC_RUNTIME)
     target_link_options(qor_shipped INTERFACE -static-libstdc++ -static-libgcc)
 endif()
 target_link_options(qor_shipped INTERFACE LINKER:--gc-sections LINKER:-O1)
-target_compile_options(qor_shipped INTERFACE -ffunction-sections -fdata-sections)
 
 # A client needs the headers and nothing else.
 add_library(qor_client INTERFACE)

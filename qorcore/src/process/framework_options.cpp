@@ -95,17 +95,20 @@ bool read_option(const char* word, settings& wanted) {
     return false;
 }
 
+// False: some option was wrong. The others are still read, because one of them may say in which language to report
+// that.
 bool take_from(qorStringArray& args, settings& wanted) {
+    bool understood = true;
     for (uint32 i = 0; i < args.GetCount() && std::strcmp(args[i], "--") != 0;) {
         if (std::strncmp(args[i], prefix.data(), prefix.size()) != 0) {
             ++i;
             continue;
         }
         if (!read_option(args[i], wanted))
-            return false;
+            understood = false;
         args.RemoveAt(i, 1);
     }
-    return true;
+    return understood;
 }
 
 } // namespace
@@ -119,10 +122,12 @@ const qor::process::option_help qor::process::option_helps[] = {
 
 bool qor::process::apply_framework_options(qorStringArray& args) {
     settings wanted;
-    if (!take_from(args, wanted))
-        return false;
+    const bool understood = take_from(args, wanted);
     bool logging = false;
     for (std::size_t i = 0; i < std::size(options); ++i) {
+        // The language is the first: even a wrong command line is reported in it.
+        if (i != 0 && !understood)
+            return false;
         std::string source = std::string(prefix) + options[i].name;
         if (!wanted.values[i]) {
             const char* const value = environment(options[i].variable);

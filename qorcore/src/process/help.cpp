@@ -1,6 +1,7 @@
 // The two columns of a help text.
 #include "process/framework_options.h"
 
+#include <algorithm>
 #include <string>
 
 namespace {
@@ -8,6 +9,12 @@ namespace {
 // Where descriptions begin; a longer syntax has its description on the next line.
 constexpr std::size_t indent = 2;
 constexpr std::size_t column = 38;
+
+// What takes a place on the screen: bytes that continue a character do not.
+std::size_t width(const std::string& text) {
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+}
 
 } // namespace
 
@@ -19,10 +26,10 @@ void qor::glue::qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 
     right.LoadString(catalog, description);
     std::string line(indent, ' ');
     line += left.Text();
-    if (line.size() + 2 > column)
+    if (width(line) + 2 > column)
         line += '\n' + std::string(column, ' ');
     else
-        line.resize(column, ' ');
+        line.append(column - width(line), ' ');
     line += right.Text();
     line += '\n';
     std::fwrite(line.data(), 1, line.size(), stream);

@@ -50,6 +50,10 @@ inline bool qorDebugEnableCode(const char* pattern, bool enable) noexcept {
     return qor::glue::qorDebugEnableCode(pattern, enable);
 }
 
+// The names of all codes of this process, and of those that are on, in the order of their allocation.
+inline void qorDebugGetCodes(qorStringArray& out) noexcept { qor::glue::qorDebugGetCodes(out); }
+inline void qorDebugGetEnabledCodes(qorStringArray& out) noexcept { qor::glue::qorDebugGetEnabledCodes(out); }
+
 // Sends the trace of this process to the end of a file. False: it cannot be written (last error). Null: back to
 // standard error.
 inline bool qorDebugAttachFile(const char* path) noexcept { return qor::glue::qorDebugAttachFile(path); }

@@ -1,0 +1,26 @@
+// Inside the library: the storage of string arrays.
+//
+// All slots of the storage are strings, those behind the count too: they keep the storage of elements that
+// were there before, and an array that is filled again and again, as with the words of each line of a file,
+// stops allocating after a few rounds.
+#pragma once
+
+#include "qor/qor.h"
+
+#include <cstdint>
+
+namespace qor::string {
+
+// No elements; their storage waits for the next ones.
+inline void restart(qorStringArray& array) noexcept {
+    array.m_data.count = 0;
+}
+
+// Whether a string is one of the array's own, which filling the array would overwrite.
+inline bool is_element(const qorStringArray& array, const qorString& text) noexcept {
+    const auto address = reinterpret_cast<std::uintptr_t>(&text);
+    const auto begin = reinterpret_cast<std::uintptr_t>(array.m_data.elements);
+    return address - begin < array.m_data.alloc * sizeof(qorString);
+}
+
+} // namespace qor::string

@@ -1,0 +1,84 @@
+// Strings: numbers and printf, and reading from and writing to streams.
+#include "error/error.h"
+#include "string/format_fixed.h"
+#include "string/string_data.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+
+using qor::string::assign;
+
+namespace {
+
+template <class NUMBER>
+void format_number(qorString& self, NUMBER value, int base) noexcept {
+    char digits[64]; // 64 binary ones, or a sign and 19 decimals
+    const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value, base);
+    assign(self, {digits, static_cast<std::size_t>(end.ptr - digits)});
+}
+
+} // namespace
+
+void qor::glue::qorString_FormatInteger(qorString* self, int64 value) noexcept {
+    format_number(*self, value, 10);
+}
+
+void qor::glue::qorString_FormatUnsigned(qorString* self, uint64 value, uint32 base) noexcept {
+    if (base < 2 || base > 36)
+        assign(*self, "");
+    else
+        format_number(*self, value, static_cast<int>(base));
+}
+
+void qor::glue::qorString_PrintV(qorString* self, const char* format, std::va_list arguments) noexcept {
+    // Formatted apart, for the arguments may lie in this string.
+    qor::string::working_memory memory;
+    std::string_view text;
+    qor::string::format_fixed(memory, text, format, arguments);
+    assign(*self, text);
+}
+
+bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool newline) noexcept {
+    // One call for the whole line: on an unbuffered stream, or where several threads write, two would tear
+    // it.
+    qor::string::working_memory memory;
+    const char* text = self->Text();
+    std::size_t length = self->Length();
+    if (newline) {
+        char* const line = memory.get(length + 1);
+        std::memcpy(line, text, length);
+        line[length] = '\n';
+        text = line;
+        ++length;
+    }
+    if (std::fwrite(text, 1, length, stream) == length)
+        return true;
+    qor::error::set_with_reason(qorError_cannot_write_file, "stream", errno);
+    return false;
+}
+
+bool qor::glue::qorString_GetLine(qorString* self, std::FILE* stream) noexcept {
+    self->Empty();
+    char piece[512];
+    uint32 used = 0;
+    bool any = false;
+    int byte;
+    while ((byte = std::getc(stream)) != EOF && byte != '\n') {
+        any = true;
+        if (used == sizeof piece) {
+            qorString_Append(self, piece, used);
+            used = 0;
+        }
+        piece[used++] = static_cast<char>(byte);
+    }
+    if (byte == EOF && !std::feof(stream)) {
+        qor::error::set_with_reason(qorError_cannot_read_file, "stream", errno);
+        self->Empty();
+        return false;
+    }
+    qorString_Append(self, piece, used);
+    if (byte == '\n' && self->m_data.length != 0 && self->m_data.text[self->m_data.length - 1] == '\r')
+        qorString_Remove(self, self->m_data.length - 1, 1);
+    return any || byte == '\n';
+}

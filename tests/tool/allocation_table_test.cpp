@@ -1,0 +1,198 @@
+// The packed table beside a plain one that spells the rules out: chains of blocks of 1,024 slots.
+#include "allocation_table.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <map>
+#include <memory>
+#include <random>
+#include <vector>
+
+namespace {
+
+struct live {
+    uint64 address;
+    uint32 size;
+    uint32 origin;
+    bool operator==(const live&) const = default;
+};
+
+class plain_table {
+public:
+    struct place {
+        std::vector<std::array<live, 1024>>* chain;
+        std::size_t block;
+        std::size_t slot;
+    };
+
+    place find_blank(uint64 address) {
+        auto& chain = m_buckets[(address >> 10) & 0xfffff];
+        for (std::size_t block = 0; block < chain.size(); ++block)
+            for (std::size_t slot = 0; slot < 1024; ++slot)
+                if (chain[block][slot].address == 0)
+                    return {&chain, block, slot};
+        chain.emplace_back();
+        return {&chain, chain.size() - 1, 0};
+    }
+
+    bool find(uint64 address, place& found) {
+        auto& chain = m_buckets[(address >> 10) & 0xfffff];
+        for (std::size_t block = 0; block < chain.size(); ++block)
+            for (std::size_t slot = 0; slot < 1024; ++slot)
+                if (chain[block][slot].address == address) {
+                    found = {&chain, block, slot};
+                    return true;
+                }
+        return false;
+    }
+
+    bool release(uint64 address) {
+        place found{};
+        if (!find(address, found))
+            return false;
+        (*found.chain)[found.block][found.slot].address = 0;
+        return true;
+    }
+
+    std::vector<live> walk() const {
+        std::vector<live> all;
+        for (const auto& [bucket, chain] : m_buckets)
+            for (const auto& block : chain)
+                for (const live& each : block)
+                    if (each.address != 0)
+                        all.push_back(each);
+        return all;
+    }
+
+private:
+    std::map<uint64, std::vector<std::array<live, 1024>>> m_buckets;
+};
+
+std::vector<live> walk(const allocation_table& table) {
+    std::vector<live> all;
+    table.walk([&](uint64 address, uint32 size, uint32 origin) { all.push_back({address, size, origin}); });
+    return all;
+}
+
+struct both_tables {
+    std::unique_ptr<allocation_table> packed = std::make_unique<allocation_table>();
+    plain_table plain;
+
+    void allocate(uint64 address, uint32 size) {
+        const allocation_table::__entry entry = packed->find_blank(address);
+        const plain_table::place place = plain.find_blank(address);
+        ASSERT_EQ(entry.block, place.block);
+        ASSERT_EQ(entry.slot, place.slot);
+        packed->set(entry, address, size, size + 1);
+        (*place.chain)[place.block][place.slot] = {address, size, size + 1};
+    }
+
+    void release(uint64 address) { ASSERT_EQ(packed->release(address), plain.release(address)) << address; }
+
+    void look_up(uint64 address) {
+        allocation_table::__entry entry{};
+        plain_table::place place{};
+        const bool found = plain.find(address, place);
+        ASSERT_EQ(packed->find_entry(address, entry), found);
+        if (found) {
+            ASSERT_EQ(entry.block, place.block);
+            ASSERT_EQ(entry.slot, place.slot);
+            ASSERT_EQ(packed->address(entry), address);
+        }
+    }
+
+    void compare() { ASSERT_EQ(walk(*packed), plain.walk()); }
+};
+
+// Draws addresses so that buckets are shared, chains grow past one block, and releases miss now and then.
+void run_random(unsigned seed, unsigned steps, uint64 spread, unsigned keep_percent) {
+    std::mt19937_64 random(seed);
+    both_tables tables;
+    std::vector<uint64> known{1};
+    for (unsigned step = 0; step < steps; ++step) {
+        const unsigned what = static_cast<unsigned>(random() % 100);
+        const uint64 old = known[random() % known.size()];
+        if (what < keep_percent) {
+            // Same span, same bucket from above bit 29, or a repeated address.
+            const uint64 fresh = 1 + random() % spread + ((random() % 4) << 30);
+            const uint64 address = random() % 16 == 0 ? old : fresh;
+            tables.allocate(address, static_cast<uint32>(step));
+            known.push_back(address);
+        } else if (what < 98) {
+            tables.release(old);
+        } else {
+            tables.look_up(old);
+        }
+        if (::testing::Test::HasFatalFailure())
+            return;
+    }
+    tables.compare();
+}
+
+TEST(AllocationTable, AgreesWithThePlainTableOnFewBuckets) {
+    for (unsigned seed = 0; seed < 20; ++seed)
+        run_random(seed, 6000, 3000, 60);
+}
+
+TEST(AllocationTable, AgreesWithThePlainTableWhereABucketOverflows) {
+    for (unsigned seed = 0; seed < 5; ++seed)
+        run_random(seed, 9000, 1022, 70);
+}
+
+TEST(AllocationTable, AgreesWithThePlainTableOnManyBuckets) {
+    for (unsigned seed = 0; seed < 5; ++seed)
+        run_random(seed, 20000, uint64{1} << 34, 55);
+}
+
+TEST(AllocationTable, ABucketHoldsMoreThanOneBlock) {
+    both_tables tables;
+    for (uint32 i = 0; i < 1025; ++i)
+        tables.allocate(0x40000 + i % 1024, i);
+    allocation_table::__entry last = tables.packed->find_blank(0x40000);
+    EXPECT_EQ(last.block, 1u);
+    EXPECT_EQ(last.slot, 1u);
+    tables.release(0x40000); // slot 0 of the first block
+    const allocation_table::__entry reused = tables.packed->find_blank(0x40000);
+    EXPECT_EQ(reused.block, 0u);
+    EXPECT_EQ(reused.slot, 0u);
+    tables.compare();
+}
+
+TEST(AllocationTable, AddressesThatShareABucketAreToldApart) {
+    both_tables tables;
+    tables.allocate(0x1000, 1);
+    tables.allocate(0x1000 + (uint64{1} << 30), 2);
+    EXPECT_EQ(allocation_table::bucket_of(0x1000), allocation_table::bucket_of(0x1000 + (uint64{1} << 30)));
+    tables.release(0x1000);
+    tables.look_up(0x1000);
+    tables.look_up(0x1000 + (uint64{1} << 30));
+    tables.compare();
+}
+
+TEST(AllocationTable, AHeldSlotStaysValidWhileItsBlockGrows) {
+    allocation_table& table = *new allocation_table; // 8 MiB: too large for a stack
+    const allocation_table::__entry held = table.find_blank(0x1000);
+    table.set(held, 0x1000, 7, 70);
+    for (uint32 i = 1; i < 3000; ++i)
+        table.set(table.find_blank(0x1000), 0x1000 + i % 1024, i, i);
+    EXPECT_EQ(table.address(held), 0x1000u);
+    EXPECT_EQ(table.origin(held), 70u);
+    table.set_origin(held, 71);
+    EXPECT_EQ(walk(table).front(), (live{0x1000, 7, 71}));
+    delete &table;
+}
+
+TEST(AllocationTable, AddressZeroIsHeldByAnyBlankSlotOfItsBucket) {
+    both_tables tables;
+    tables.release(0); // no block yet
+    tables.allocate(0x10, 1);
+    tables.release(0); // the slots behind the first are blank
+    tables.allocate(0, 2);
+    tables.compare(); // it cannot be held
+    for (uint32 i = 1; i < 1024; ++i)
+        tables.allocate(0x10 + i % 1000, i);
+    tables.release(0); // every slot of the one block is live
+}
+
+} // namespace
