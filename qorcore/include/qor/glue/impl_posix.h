@@ -10,7 +10,10 @@
 #include <cstring>
 #include <ctime>
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <link.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -29,6 +32,21 @@ inline void debugger_message(const char* text) noexcept { syslog(LOG_USER | LOG_
     _exit(100);
 }
 
+// A file that was cut off is mapped by the loader all the same, and the process dies where the rest is missing. The
+// table of sections stands at the end of a library, so a file that holds all of it is whole.
+inline bool is_whole(const char* path) noexcept {
+    const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (file < 0)
+        return false;
+    ElfW(Ehdr) header;
+    struct stat status;
+    const bool known = read(file, &header, sizeof header) == static_cast<ssize_t>(sizeof header) &&
+                       std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && fstat(file, &status) == 0;
+    close(file);
+    return known && static_cast<uint64>(status.st_size) >=
+                        header.e_shoff + static_cast<uint64>(header.e_shnum) * header.e_shentsize;
+}
+
 // libqor.so from the executable's own folder, or null. RTLD_NOW: a damaged library fails here, not later.
 inline void* load_beside_executable() noexcept {
     constexpr char name[] = "libqor.so";
@@ -41,15 +59,38 @@ inline void* load_beside_executable() noexcept {
     if (slash == nullptr)
         return nullptr;
     std::memcpy(slash + 1, name, sizeof name);
-    return dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    return is_whole(path) ? dlopen(path, RTLD_NOW | RTLD_LOCAL) : nullptr;
+}
+
+// The bare name follows the executable's run path: there lies the library of an installed tool. The loader is asked
+// where it will look, because it does not see what is_whole sees. What it finds in its cache is its own affair.
+inline void* load_by_name() noexcept {
+    void* const self = dlopen(nullptr, RTLD_LAZY);
+    Dl_serinfo measure;
+    if (self == nullptr || dlinfo(self, RTLD_DI_SERINFOSIZE, &measure) != 0)
+        return nullptr;
+    auto* const places = static_cast<Dl_serinfo*>(std::malloc(measure.dls_size));
+    if (places == nullptr)
+        return nullptr;
+    *places = measure;
+    bool usable = dlinfo(self, RTLD_DI_SERINFO, places) == 0;
+    for (unsigned i = 0; usable && i < places->dls_cnt; ++i) {
+        char path[8192];
+        const int length = std::snprintf(path, sizeof path, "%s/libqor.so", places->dls_serpath[i].dls_name);
+        if (length < static_cast<int>(sizeof path) && access(path, F_OK) == 0) {
+            usable = is_whole(path);
+            break;
+        }
+    }
+    std::free(places);
+    return usable ? dlopen("libqor.so", RTLD_NOW | RTLD_LOCAL) : nullptr;
 }
 
 [[gnu::noinline, gnu::cold]] inline const binding_table* bind() noexcept {
     void* library = load_beside_executable();
     if (library == nullptr) {
         debugger_message("FAILED dlopen() of libqor.so\n");
-        // The bare name follows the executable's run path: there lies the library of an installed tool.
-        library = dlopen("libqor.so", RTLD_NOW | RTLD_LOCAL);
+        library = load_by_name();
         if (library == nullptr) {
             debugger_message("FAILED path-base dlopen() of libqor.so\n");
             assert_failed("false", bind_function, impl_file, 77);

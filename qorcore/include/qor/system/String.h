@@ -17,7 +17,11 @@ namespace qor::glue {
 inline uint32 text_length(const char* text, int32 length) noexcept {
     if (text == nullptr)
         return 0;
-    return length < 0 ? static_cast<uint32>(std::strlen(text)) : static_cast<uint32>(length);
+    if (length >= 0)
+        return static_cast<uint32>(length);
+    // A text that cannot be counted is refused as too long, not cut.
+    const std::size_t counted = std::strlen(text);
+    return counted < 0xffffffff ? static_cast<uint32>(counted) : 0xffffffff;
 }
 
 } // namespace qor::glue
