@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <thread>
+#include <utility>
 
 namespace {
 
@@ -31,7 +33,29 @@ const definition* find_definition(uint32 number) noexcept {
     return found != std::end(definitions) && found->number == number ? found : nullptr;
 }
 
-thread_local qor::error::state last_error;
+// The thread that loaded the library, which is the process's main thread.
+const std::thread::id main_thread = std::this_thread::get_id();
+
+// Exit handlers run after the main thread's own objects are gone, and they too may fail and report. So its error stays
+// to the end; that of every other thread goes with the thread.
+thread_local qor::error::state* last_error = nullptr;
+
+struct last_error_owner {
+    ~last_error_owner() {
+        if (std::this_thread::get_id() != main_thread)
+            delete std::exchange(last_error, nullptr);
+    }
+    void attend() const noexcept {}
+};
+thread_local const last_error_owner owner;
+
+qor::error::state& own_state() {
+    if (last_error == nullptr) {
+        last_error = new qor::error::state;
+        owner.attend(); // makes it, so that the thread's end frees the state
+    }
+    return *last_error;
+}
 
 } // namespace
 
@@ -51,14 +75,14 @@ std::string qor::error::state::text() const {
     return qor::catalog::expand(qor::catalog::find("qorcore", number), texts);
 }
 
-const qor::error::state& qor::error::current() noexcept { return last_error; }
+const qor::error::state& qor::error::current() noexcept { return own_state(); }
 
-void qor::error::make_current(const state& error) noexcept { last_error = error; }
+void qor::error::make_current(const state& error) noexcept { own_state() = error; }
 
 void qor::error::set(qorErrorNumber number, std::initializer_list<const char*> inserts) noexcept {
     const char* texts[state::max_inserts] = {};
     std::copy_n(inserts.begin(), std::min<std::size_t>(inserts.size(), state::max_inserts), texts);
-    last_error = state(number, texts);
+    own_state() = state(number, texts);
 }
 
 void qor::error::set_with_reason(qorErrorNumber number, const char* subject, int code) noexcept {
@@ -66,15 +90,15 @@ void qor::error::set_with_reason(qorErrorNumber number, const char* subject, int
 }
 
 void qor::glue::qorSetLastError(uint32 number, const char* const* inserts) noexcept {
-    last_error = qor::error::state(number, inserts);
+    own_state() = qor::error::state(number, inserts);
 }
 
-void qor::glue::qorClearLastError() noexcept { last_error = {}; }
+void qor::glue::qorClearLastError() noexcept { own_state() = {}; }
 
 uint32 qor::glue::qorGetLastError_text(qorString& out) noexcept {
-    const std::string text = last_error.text();
+    const std::string text = own_state().text();
     out.Set(text.data(), static_cast<int32>(text.size()));
-    return last_error.number;
+    return own_state().number;
 }
 
 void qor::glue::fputerr(std::FILE* stream, bool newline) noexcept {

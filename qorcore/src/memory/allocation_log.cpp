@@ -24,11 +24,15 @@ unsigned long long number(const void* address) noexcept {
 } // namespace
 
 int qor::memory::allocation_log::open(const std::string& path) {
-    const int reason = m_file.open(path.c_str(), file::raw_file::access::truncate);
-    if (reason != 0)
-        return reason;
+    m_first_path = path;
+    return open_file(path);
+}
+
+int qor::memory::allocation_log::open_file(const std::string& path) {
     m_path = path;
     m_buffer.clear();
+    if (const int reason = m_file.open(path.c_str(), file::raw_file::access::truncate))
+        return reason;
     m_buffer.reserve(buffer_size);
     char text[128];
     const int length = std::snprintf(text, sizeof text, "# allocation log of process %lu; replay it with: qortool memcheck\n",
@@ -76,10 +80,7 @@ void qor::memory::allocation_log::finish() {
 void qor::memory::allocation_log::continue_in_child(const live_blocks& blocks) {
     if (!is_open())
         return;
-    m_finishing = false;
-    const std::string path = m_path + '.' + std::to_string(process::process_id());
-    if (const int reason = open(path)) {
-        m_file.close();
+    if (const int reason = open_file(m_first_path + '.' + std::to_string(process::process_id()))) {
         give_up(reason);
         return;
     }

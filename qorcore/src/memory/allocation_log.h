@@ -38,8 +38,11 @@ private:
     void flush();
     void give_up(int reason);
 
+    int open_file(const std::string& path);
+
     file::raw_file m_file;
-    std::string m_path;
+    std::string m_first_path; // of the process that was told to log
+    std::string m_path;       // of this process
     std::string m_buffer;
     bool m_finishing = false;
 };

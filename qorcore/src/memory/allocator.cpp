@@ -25,7 +25,8 @@ std::atomic<bool> tracking{true};
 
 // Never destroyed: blocks are freed until the very end of the process.
 struct shared_state {
-    std::recursive_mutex lock;
+    // Not recursive: a child process must be able to unlock what its parent's thread locked.
+    std::mutex lock;
     qor::memory::live_blocks blocks;
     qor::memory::allocation_log log;
     std::unordered_map<void*, uint64> huge_sizes;
@@ -36,12 +37,12 @@ shared_state& state() {
     return *made;
 }
 
-using guard = std::lock_guard<std::recursive_mutex>;
+using guard = std::lock_guard<std::mutex>;
 
 bool is_tracking() noexcept { return tracking.load(std::memory_order_acquire); }
 
+// These two are called with the lock held.
 void note_new(void* block, uint64 size, block_type type, const char* file, int line) {
-    const guard hold(state().lock);
     if (!is_tracking())
         return;
     state().blocks.add(block, size, type, file, line);
@@ -51,7 +52,6 @@ void note_new(void* block, uint64 size, block_type type, const char* file, int l
 
 // False: the block is not alive and must not be given back.
 bool note_end(const void* block, block_type unknown_type) {
-    const guard hold(state().lock);
     if (!is_tracking())
         return true;
     const qor::memory::live_block* const known = state().blocks.find(block);
@@ -67,27 +67,33 @@ bool note_end(const void* block, block_type unknown_type) {
 void* allocate(uint64 alignment, uint64 size, block_type type, const char* file, int line) noexcept {
     void* const block = alignment <= alignof(std::max_align_t) ? std::malloc(size != 0 ? size : 1)
                                                                : qor::memory::allocate_aligned(alignment, size);
-    if (block != nullptr && is_tracking()) [[unlikely]]
+    if (block != nullptr && is_tracking()) [[unlikely]] {
+        const guard hold(state().lock);
         note_new(block, size, type, file, line);
+    }
     return block;
 }
 
 void release(void* block, block_type type) noexcept {
     if (block == nullptr)
         return;
-    if (is_tracking() && !note_end(block, type)) [[unlikely]]
-        return;
+    if (is_tracking()) [[unlikely]] {
+        const guard hold(state().lock);
+        if (!note_end(block, type))
+            return;
+    }
     std::free(block);
 }
 
 // The old block ends before the C library can give its address to somebody else; if it stays, it begins again.
 void* reallocate_tracked(void* block, uint64 size, const char* file, int line) {
-    const guard hold(state().lock);
+    std::unique_lock hold(state().lock);
     const qor::memory::live_block* const known = state().blocks.find(block);
     const qor::memory::live_block old =
         known != nullptr ? *known : qor::memory::live_block{block, 0, block_type::memory, file, line, nullptr, 0};
     if (!note_end(block, block_type::memory)) {
         // Not a live block: the caller gets the memory that it asked for, and the report the bad free.
+        hold.unlock();
         return allocate(0, size, block_type::memory, file, line);
     }
     void* const moved = std::realloc(block, size);
@@ -181,11 +187,12 @@ char* qor::glue::qor_do_strndup(const char* text, uint64 length, const char* fil
 }
 
 void* qor::glue::qor_do_huge_alloc(uint64 size, const char* file, int line) noexcept {
-    void* const block = qor::memory::map_pages(size);
+    const uint64 mapped = size != 0 ? size : 1;
+    void* const block = qor::memory::map_pages(mapped);
     if (block == nullptr)
         return nullptr;
     const guard hold(state().lock);
-    state().huge_sizes.insert_or_assign(block, size);
+    state().huge_sizes.insert_or_assign(block, mapped);
     note_new(block, size, block_type::huge, file, line);
     return block;
 }
@@ -193,18 +200,22 @@ void* qor::glue::qor_do_huge_alloc(uint64 size, const char* file, int line) noex
 void qor::glue::qor_do_huge_free(void* block, const char* file, int line) noexcept {
     if (block == nullptr)
         return;
-    const guard hold(state().lock);
-    const bool alive = note_end(block, block_type::huge);
-    const auto mapped = state().huge_sizes.find(block);
-    if (mapped == state().huge_sizes.end()) {
-        // Without its size it cannot be given back. A log has shown it already.
-        if (alive)
-            qor::glue::qorAssertFailed("block is a live huge block", "void qor_do_huge_free(void*, const char*, int)", file,
-                                       line);
-        return;
+    bool alive;
+    uint64 size = 0;
+    {
+        const guard hold(state().lock);
+        alive = note_end(block, block_type::huge);
+        const auto mapped = state().huge_sizes.find(block);
+        if (mapped != state().huge_sizes.end()) {
+            size = mapped->second;
+            state().huge_sizes.erase(mapped);
+        }
     }
-    qor::memory::unmap_pages(block, mapped->second);
-    state().huge_sizes.erase(mapped);
+    // Without its size a block cannot be given back. Where there is a log, it has shown that already.
+    if (size != 0)
+        qor::memory::unmap_pages(block, size);
+    else if (alive)
+        qorAssertFailed("block is a live huge block", "void qor_do_huge_free(void*, const char*, int)", file, line);
 }
 
 void* qor::glue::qor_do_new(uint64 size, const char* file, int line) noexcept {
@@ -214,7 +225,7 @@ void* qor::glue::qor_do_new(uint64 size, const char* file, int line) noexcept {
 void qor::glue::qor_do_delete(void* object) noexcept { release(object, block_type::object); }
 
 void qor::glue::qorAnnounceObject(const void* object, const char* type_name) noexcept {
-    if (!is_tracking() || type_name == nullptr) [[likely]]
+    if (!is_tracking() || type_name == nullptr || *type_name == '\0') [[likely]]
         return;
     const guard hold(state().lock);
     // Objects that live elsewhere, on a stack or inside another, have no block to name.

@@ -6,11 +6,11 @@
 
 void* qor::memory::map_pages(uint64 size) noexcept {
     void* const pages =
-        mmap(nullptr, size != 0 ? size : 1, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return pages != MAP_FAILED ? pages : nullptr;
 }
 
-void qor::memory::unmap_pages(void* pages, uint64 size) noexcept { munmap(pages, size != 0 ? size : 1); }
+void qor::memory::unmap_pages(void* pages, uint64 size) noexcept { munmap(pages, size); }
 
 void* qor::memory::allocate_aligned(uint64 alignment, uint64 size) noexcept {
     void* block = nullptr;

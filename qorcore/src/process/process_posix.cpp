@@ -8,9 +8,10 @@
 
 namespace {
 
+// Never destroyed: exit handlers too report under this name.
 std::string& process_name() {
-    static std::string name = program_invocation_short_name;
-    return name;
+    static std::string* const name = new std::string(program_invocation_short_name);
+    return *name;
 }
 
 } // namespace

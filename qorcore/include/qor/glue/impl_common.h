@@ -161,8 +161,8 @@ private:
 
 #undef QOR_TRACKED_NEW
 
-// One owned run of bytes. Operations that install new bytes free the old ones first; none of them is undone
-// when memory runs out (std::bad_alloc), the block is then empty. Not thread-safe.
+// One owned run of bytes. Operations that install new bytes free the old ones first, so when memory runs out
+// (std::bad_alloc) the block is empty; only after a failed Realloc it is as it was. Not thread-safe.
 class qorDataBlock {
 public:
     qorDataBlock() noexcept = default;

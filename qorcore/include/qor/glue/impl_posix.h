@@ -23,12 +23,15 @@ namespace qor::glue {
 
 inline constexpr char bind_function[] = "const qor::glue::binding_table* qor::glue::bind()";
 
-// The debugger channel of a POSIX system is the system log: a failed binding never writes to the console.
+// The debugger channel of a POSIX system is the system log: a failed binding never writes to the console, unless
+// the host itself has asked for that with openlog.
 inline void debugger_message(const char* text) noexcept { syslog(LOG_USER | LOG_DEBUG, "%s", text); }
 
-// What was printed before the first bound call is not lost; destructors and atexit routines do not run.
+// What was printed before the first bound call is not lost; destructors and atexit routines do not run. Only the two
+// output streams are flushed: another thread may be reading from standard input and hold its lock.
 [[noreturn]] inline void end_process() noexcept {
-    std::fflush(nullptr);
+    std::fflush(stdout);
+    std::fflush(stderr);
     _exit(100);
 }
 
@@ -77,7 +80,7 @@ inline void* load_by_name() noexcept {
     for (unsigned i = 0; usable && i < places->dls_cnt; ++i) {
         char path[8192];
         const int length = std::snprintf(path, sizeof path, "%s/libqor.so", places->dls_serpath[i].dls_name);
-        if (length < static_cast<int>(sizeof path) && access(path, F_OK) == 0) {
+        if (length < static_cast<int>(sizeof path) && access(path, R_OK) == 0) {
             usable = is_whole(path);
             break;
         }
@@ -154,7 +157,7 @@ private:
 // that it releases.
 class event {
 public:
-    static event* create(bool set) noexcept {
+    static event* create(bool manual_reset, bool set) noexcept {
         auto* const made = static_cast<event*>(std::malloc(sizeof(event)));
         if (made == nullptr)
             return nullptr;
@@ -168,6 +171,7 @@ public:
             std::free(made);
             return nullptr;
         }
+        made->m_manual_reset = manual_reset;
         made->m_set = set;
         return made;
     }
@@ -181,12 +185,12 @@ public:
     }
 
     // Waking under the lock lets a waiter destroy the event as soon as it has seen it set.
-    static void set(event* self, bool wake_all) noexcept {
+    static void set(event* self) noexcept {
         if (self == nullptr)
             return;
         pthread_mutex_lock(&self->m_lock);
         self->m_set = true;
-        if (wake_all)
+        if (self->m_manual_reset)
             pthread_cond_broadcast(&self->m_changed);
         else
             pthread_cond_signal(&self->m_changed);
@@ -204,7 +208,7 @@ public:
     enum class outcome { signalled, timed_out, failed };
 
     // A limit of 0 is the system's infinite wait, as 0xFFFFFFFF is.
-    static outcome wait(event* self, uint32 ms, bool auto_reset) noexcept {
+    static outcome wait(event* self, uint32 ms) noexcept {
         if (self == nullptr)
             return outcome::failed;
         const bool limited = ms != 0 && ms != UINT_MAX;
@@ -226,7 +230,7 @@ public:
                              : pthread_cond_wait(&self->m_changed, &self->m_lock);
         // Set in the last moment counts as signalled.
         const bool signalled = self->m_set;
-        if (signalled && auto_reset)
+        if (signalled && !self->m_manual_reset)
             self->m_set = false;
         pthread_mutex_unlock(&self->m_lock);
         if (signalled)
@@ -237,6 +241,7 @@ public:
 private:
     pthread_mutex_t m_lock;
     pthread_cond_t m_changed;
+    bool m_manual_reset;
     bool m_set;
 };
 

@@ -19,8 +19,8 @@ namespace qor::glue {
 inline constexpr char unlimited_wait_expression[] =
     "::WaitForSingleObject(m_event, 0xffffffff) == ((((DWORD)0x00000000)) + 0)";
 
-inline bool limited_wait(event* on, uint32 ms, bool auto_reset, const char* func, int line) noexcept {
-    const event::outcome result = event::wait(on, ms, auto_reset);
+inline bool limited_wait(event* on, uint32 ms, const char* func, int line) noexcept {
+    const event::outcome result = event::wait(on, ms);
     if (result == event::outcome::failed)
         assert_failed("result == WAIT_TIMEOUT", func, impl_file, line);
     return result == event::outcome::signalled;
@@ -87,7 +87,7 @@ private:
 // Open or closed; while it is open, everyone who waits or comes to wait passes.
 class qorGate {
 public:
-    explicit qorGate(bool open) noexcept : m_event(qor::glue::event::create(open)) {
+    explicit qorGate(bool open) noexcept : m_event(qor::glue::event::create(true, open)) {
         if (m_event == nullptr)
             qor::glue::assert_failed("m_event != NULL", "qorGate::qorGate(bool)", qor::glue::impl_file, 175);
     }
@@ -95,19 +95,19 @@ public:
     qorGate& operator=(const qorGate&) = delete;
     virtual ~qorGate() { qor::glue::event::destroy(m_event); }
 
-    void Open() noexcept { qor::glue::event::set(m_event, true); }
+    void Open() noexcept { qor::glue::event::set(m_event); }
     void Close() noexcept { qor::glue::event::reset(m_event); }
 
     // Returns when the gate is open.
     void Wait() noexcept {
-        if (qor::glue::event::wait(m_event, 0, false) != qor::glue::event::outcome::signalled)
+        if (qor::glue::event::wait(m_event, 0) != qor::glue::event::outcome::signalled)
             qor::glue::assert_failed(qor::glue::unlimited_wait_expression, "void qorGate::Wait()",
                                      qor::glue::impl_file, 195);
     }
 
     // True: open; false: the time ran out. A limit of 0 milliseconds is no limit at all, not a poll.
     bool Wait(uint32 ms) noexcept {
-        return qor::glue::limited_wait(m_event, ms, false, "bool qorGate::Wait(uint32)", 204);
+        return qor::glue::limited_wait(m_event, ms, "bool qorGate::Wait(uint32)", 204);
     }
 
 private:
@@ -117,7 +117,7 @@ private:
 // Each Set lets one waiter pass, the one who waits or the next to come.
 class qorTrigger {
 public:
-    explicit qorTrigger(bool set) noexcept : m_event(qor::glue::event::create(set)) {
+    explicit qorTrigger(bool set) noexcept : m_event(qor::glue::event::create(false, set)) {
         if (m_event == nullptr)
             qor::glue::assert_failed("m_event != NULL", "qorTrigger::qorTrigger(bool)", qor::glue::impl_file,
                                      214);
@@ -126,17 +126,17 @@ public:
     qorTrigger& operator=(const qorTrigger&) = delete;
     ~qorTrigger() { qor::glue::event::destroy(m_event); }
 
-    void Set() noexcept { qor::glue::event::set(m_event, false); }
+    void Set() noexcept { qor::glue::event::set(m_event); }
 
     void Wait() noexcept {
-        if (qor::glue::event::wait(m_event, 0, true) != qor::glue::event::outcome::signalled)
+        if (qor::glue::event::wait(m_event, 0) != qor::glue::event::outcome::signalled)
             qor::glue::assert_failed(qor::glue::unlimited_wait_expression, "void qorTrigger::Wait()",
                                      qor::glue::impl_file, 229);
     }
 
     // As qorGate::Wait(uint32): 0 waits without limit.
     bool Wait(uint32 ms) noexcept {
-        return qor::glue::limited_wait(m_event, ms, true, "bool qorTrigger::Wait(uint32)", 238);
+        return qor::glue::limited_wait(m_event, ms, "bool qorTrigger::Wait(uint32)", 238);
     }
 
 private:

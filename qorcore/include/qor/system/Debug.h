@@ -8,13 +8,13 @@
 #include "qor/glue/impl_common.h"
 
 #include <cstdarg>
+#include <type_traits>
 
 namespace qor::glue {
 
 #ifdef QOR_INSIDE
 
 inline const qorDebugFlag* debug_flags() noexcept { return qorDebugGetFlags(); }
-inline void fetch_debug_flags() noexcept {}
 
 #else
 
@@ -23,14 +23,18 @@ inline void fetch_debug_flags() noexcept {}
 #endif
 inline constinit std::atomic<const qorDebugFlag*> s_debug_flags{nullptr};
 
-inline const qorDebugFlag* debug_flags() noexcept { return s_debug_flags.load(std::memory_order_acquire); }
-inline void fetch_debug_flags() noexcept {
-    s_debug_flags.store(qorDebugGetFlags(), std::memory_order_release);
+// Null before the table is bound: tracing never binds.
+inline const qorDebugFlag* debug_flags() noexcept {
+    const qorDebugFlag* flags = s_debug_flags.load(std::memory_order_acquire);
+    if (flags == nullptr && is_bound()) [[unlikely]] {
+        flags = qorDebugGetFlags();
+        s_debug_flags.store(flags, std::memory_order_release);
+    }
+    return flags;
 }
 
 #endif
 
-// False before the first code was allocated, so that tracing never binds.
 inline bool debug_is_on(uint32 code) noexcept {
     const qorDebugFlag* const flags = debug_flags();
     return flags != nullptr && flags[code % qorDebugMaxCodes].load(std::memory_order_relaxed) != 0;
@@ -40,7 +44,6 @@ inline bool debug_is_on(uint32 code) noexcept {
 
 // The code of a dotted name, the same at each call. 0 when all codes are taken: it can never be switched on.
 inline uint32 qorDebugAllocateCode(const char* name) noexcept {
-    qor::glue::fetch_debug_flags();
     return qor::glue::qorDebugAllocateCode(name);
 }
 
@@ -85,6 +88,9 @@ public:
     template <class... ARGUMENTS>
         requires(sizeof...(ARGUMENTS) > 0)
     qorDebugSeq(uint32 code, const char* format, ARGUMENTS... arguments) noexcept : m_code(code) {
+        static_assert(((std::is_arithmetic_v<ARGUMENTS> || std::is_enum_v<ARGUMENTS> ||
+                        std::is_pointer_v<ARGUMENTS>)&&...),
+                      "printf takes numbers and pointers");
         if (!qor::glue::debug_is_on(code))
             return;
         make_name(format, arguments...);

@@ -6,6 +6,10 @@
 #include "qor/system/String.h"
 #include "qor/system/template/SmartPointer.h"
 
+// windows.h makes a macro of this name, which would rename the member below. Its function has the names GetMessageA
+// and GetMessageW.
+#undef GetMessage
+
 enum class qorErrorClass : uint32 {
     none,     // no error
     internal, // the framework's own fault

@@ -47,7 +47,8 @@ public:
         m_vec.Collapse(index, count);
     }
 
-    // Checked by the vector: an index that is not below the count is reported, and there is no such element.
+    // Checked by the vector: an index that is not below the count is reported, and what is returned must not
+    // be used.
     TYPE& operator[](uint32 index) noexcept { return *static_cast<TYPE*>(m_vec.ptr(index)); }
     const TYPE& operator[](uint32 index) const noexcept { return *static_cast<const TYPE*>(m_vec.ptr(index)); }
 

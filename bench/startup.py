@@ -1,0 +1,67 @@
+#!/usr/bin/env python3
+"""The start-up of `qortool --quiet help` beside that of coreutils md5sum with an empty file.
+
+    startup.py --tool PATH [--brief] [--limit RATIO]
+
+Both are started in turn; the times are medians of the wall clock from the start of the process to its end.
+The exit code is 1 if the tool takes more than RATIO (1.5) times as long.
+"""
+
+import argparse
+import os
+import shutil
+import statistics
+import sys
+import tempfile
+import time
+
+ENVIRONMENT = {"PATH": "/usr/bin:/bin", "LC_ALL": "C"}
+
+
+def milliseconds(words, expected_code):
+    """One run, its output thrown away."""
+    devnull = os.open(os.devnull, os.O_WRONLY)
+    try:
+        begin = time.perf_counter_ns()
+        child = os.posix_spawn(words[0], words, ENVIRONMENT, file_actions=[(os.POSIX_SPAWN_DUP2, devnull, 1),
+                                                                           (os.POSIX_SPAWN_DUP2, devnull, 2)])
+        _, status = os.waitpid(child, 0)
+        end = time.perf_counter_ns()
+    finally:
+        os.close(devnull)
+    code = os.waitstatus_to_exitcode(status)
+    if code != expected_code:
+        sys.exit(f"{' '.join(words)} ended with {code} instead of {expected_code}")
+    return (end - begin) / 1e6
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tool", required=True)
+    parser.add_argument("--brief", action="store_true")
+    parser.add_argument("--limit", type=float, default=1.5)
+    options = parser.parse_args()
+    md5sum = shutil.which("md5sum") or sys.exit("there is no md5sum here")
+
+    with tempfile.NamedTemporaryFile() as empty:
+        programs = {
+            "qortool --quiet help": ([options.tool, "--quiet", "help"], 1),
+            "md5sum of nothing": ([md5sum, empty.name], 0),
+        }
+        times = {name: [] for name in programs}
+        for round_number in range((20 if options.brief else 400) + 1):
+            for name, run in programs.items():
+                taken = milliseconds(*run)
+                if round_number > 0:  # the first one reads the files from the disk
+                    times[name].append(taken)
+
+    medians = {name: statistics.median(taken) for name, taken in times.items()}
+    for name, median in medians.items():
+        print(f"{name:24} {median:6.2f} ms")
+    tool, peer = medians.values()
+    print(f"{'ratio':24} {tool / peer:6.2f} (at most {options.limit})")
+    return 0 if tool / peer <= options.limit else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,221 @@
+// The Windows half of what a client compiles in: how it binds to libqor, its wide command line, and the critical
+// section and the event under the synchronisation primitives (primitives.h).
+//
+// The few system calls are declared here. windows.h would bring thousands of names into every client, macros among
+// them that rename members of ours (GetMessage); a client that includes it itself, before or after, sees the same
+// declarations once more.
+#pragma once
+
+#include "qor/glue/binding.h"
+
+#include <cstdlib>
+#include <cwchar>
+
+struct HINSTANCE__;
+struct _RTL_CRITICAL_SECTION;
+struct _SECURITY_ATTRIBUTES;
+
+extern "C" {
+__declspec(dllimport) unsigned long __stdcall GetModuleFileNameW(HINSTANCE__*, wchar_t*, unsigned long);
+__declspec(dllimport) HINSTANCE__* __stdcall LoadLibraryExW(const wchar_t*, void*, unsigned long);
+__declspec(dllimport) HINSTANCE__* __stdcall LoadLibraryW(const wchar_t*);
+__declspec(dllimport) long long(__stdcall* __stdcall GetProcAddress(HINSTANCE__*, const char*))();
+__declspec(dllimport) void __stdcall OutputDebugStringW(const wchar_t*);
+__declspec(dllimport) __declspec(noreturn) void __stdcall ExitProcess(unsigned int);
+
+__declspec(dllimport) wchar_t* __stdcall GetCommandLineW();
+__declspec(dllimport) wchar_t** __stdcall CommandLineToArgvW(const wchar_t*, int*);
+__declspec(dllimport) void* __stdcall GlobalFree(void*);
+__declspec(dllimport) int __stdcall WideCharToMultiByte(unsigned int, unsigned long, const wchar_t*, int, char*,
+                                                        int, const char*, int*);
+
+__declspec(dllimport) void __stdcall InitializeCriticalSection(_RTL_CRITICAL_SECTION*);
+__declspec(dllimport) void __stdcall DeleteCriticalSection(_RTL_CRITICAL_SECTION*);
+__declspec(dllimport) void __stdcall EnterCriticalSection(_RTL_CRITICAL_SECTION*);
+__declspec(dllimport) void __stdcall LeaveCriticalSection(_RTL_CRITICAL_SECTION*);
+
+__declspec(dllimport) void* __stdcall CreateEventW(_SECURITY_ATTRIBUTES*, int, int, const wchar_t*);
+__declspec(dllimport) int __stdcall SetEvent(void*);
+__declspec(dllimport) int __stdcall ResetEvent(void*);
+__declspec(dllimport) unsigned long __stdcall WaitForSingleObject(void*, unsigned long);
+__declspec(dllimport) int __stdcall CloseHandle(void*);
+}
+
+namespace qor::glue {
+
+#ifndef QOR_INSIDE
+
+inline constexpr char bind_function[] = "const qor::glue::binding_table* qor::glue::bind()";
+
+// The module in whose folder libqor is looked for; null is the executable.
+inline constinit HINSTANCE__* s_hinst = nullptr;
+
+// The debugger channel: a failed binding never writes to the console.
+inline void debugger_message(const wchar_t* text) noexcept { OutputDebugStringW(text); }
+
+// What was printed before the first bound call is not lost. Only the two output streams are flushed: another thread
+// may be reading from standard input and hold its lock.
+[[noreturn]] inline void end_process() noexcept {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    ExitProcess(100);
+}
+
+// libqor.dll from the folder of the executable (or of s_hinst), or null. Its path keeps to the system's limit of 260
+// characters, although the buffer is larger: a deeper folder counts as one without the library.
+inline HINSTANCE__* load_beside_executable() noexcept {
+    constexpr wchar_t name[] = L"libqor.dll";
+    constexpr std::size_t path_limit = 260;
+    constexpr unsigned long with_altered_search_path = 8; // what libqor itself needs comes from its folder
+    wchar_t path[8192];
+    const unsigned long length = GetModuleFileNameW(s_hinst, path, 8192);
+    if (length == 0 || length == 8192)
+        return nullptr;
+    wchar_t* const backslash = std::wcsrchr(path, L'\\');
+    if (backslash == nullptr)
+        return nullptr;
+    const std::size_t position = static_cast<std::size_t>(backslash - path);
+    // wcscpy_s would end the process over a name that does not fit.
+    if (position + sizeof name / sizeof *name > path_limit)
+        return nullptr;
+    wcscpy_s(backslash + 1, path_limit - position, name);
+    return LoadLibraryExW(path, nullptr, with_altered_search_path);
+}
+
+[[gnu::noinline, gnu::cold]] inline const binding_table* bind() noexcept {
+    HINSTANCE__* library = load_beside_executable();
+    if (library == nullptr) {
+        debugger_message(L"FAILED LoadLibraryExW() of libqor.dll\n");
+        library = LoadLibraryW(L"libqor.dll");
+        if (library == nullptr) {
+            debugger_message(L"FAILED path-base LoadLibraryW() of libqor.dll\n");
+            assert_failed("false", bind_function, impl_file, 77);
+            end_process();
+        }
+        debugger_message(L"WARNING Loaded libqor.dll using name only\n");
+    }
+    auto* const entry = reinterpret_cast<binding_point*>(
+        reinterpret_cast<void (*)()>(GetProcAddress(library, "glue_binding_point")));
+    if (entry == nullptr) {
+        debugger_message(L"FAILED GetProcAddress() on libqor.dll for main entry point\n");
+        assert_failed("false", bind_function, impl_file, 92);
+        end_process();
+    }
+    const binding_table* const funcs = entry();
+    s_funcs.store(funcs, std::memory_order_release);
+    if (funcs == nullptr) {
+        assert_failed("s_funcs != NULL", bind_function, impl_file, 99);
+        end_process();
+    }
+    return funcs;
+}
+
+// A system text as UTF-8; what is no character becomes a replacement.
+inline void append_utf16(qorStringArray& words, const wchar_t* text) noexcept {
+    constexpr unsigned int utf8 = 65001;
+    const int size = WideCharToMultiByte(utf8, 0, text, -1, nullptr, 0, nullptr, nullptr);
+    void* const memory = qor_do_malloc(0, static_cast<uint64>(size), false, impl_file, 120);
+    char* const bytes = static_cast<char*>(memory);
+    if (bytes != nullptr && WideCharToMultiByte(utf8, 0, text, -1, bytes, size, nullptr, nullptr) > 0)
+        qorStringArray_Append(&words, bytes, static_cast<uint32>(size - 1));
+    qor_do_free(memory, impl_file, 120);
+}
+
+#endif
+
+// A mutex that the thread which owns it may enter again.
+class critical_section {
+public:
+    static critical_section* create() noexcept {
+        auto* const made = static_cast<critical_section*>(std::malloc(sizeof(critical_section)));
+        if (made != nullptr)
+            InitializeCriticalSection(made->section());
+        return made;
+    }
+
+    static void destroy(critical_section* self) noexcept {
+        if (self != nullptr)
+            DeleteCriticalSection(self->section());
+        std::free(self);
+    }
+
+    static void enter(critical_section* self) noexcept {
+        if (self != nullptr)
+            EnterCriticalSection(self->section());
+    }
+
+    static void leave(critical_section* self) noexcept {
+        if (self != nullptr)
+            LeaveCriticalSection(self->section());
+    }
+
+private:
+    _RTL_CRITICAL_SECTION* section() noexcept { return reinterpret_cast<_RTL_CRITICAL_SECTION*>(m_storage); }
+
+    // As large as the system's structure: four pointers, and two numbers of 32 bits.
+    alignas(void*) unsigned char m_storage[4 * sizeof(void*) + 8];
+};
+
+// An event of the operating system; the pointer is its handle.
+class event {
+public:
+    // Reset by hand, or by the one waiter that it releases.
+    static event* create(bool manual_reset, bool set) noexcept {
+        return static_cast<event*>(CreateEventW(nullptr, manual_reset, set, nullptr));
+    }
+
+    static void destroy(event* self) noexcept {
+        if (self != nullptr)
+            CloseHandle(self);
+    }
+
+    static void set(event* self) noexcept { SetEvent(self); }
+    static void reset(event* self) noexcept { ResetEvent(self); }
+
+    enum class outcome { signalled, timed_out, failed };
+
+    // A limit of 0 is the system's infinite wait, as 0xFFFFFFFF is.
+    static outcome wait(event* self, uint32 ms) noexcept {
+        constexpr unsigned long infinite = 0xffffffff;
+        constexpr unsigned long wait_timeout = 258;
+        switch (WaitForSingleObject(self, ms != 0 ? ms : infinite)) {
+        case 0:
+            return outcome::signalled;
+        case wait_timeout:
+            return outcome::timed_out;
+        default:
+            return outcome::failed;
+        }
+    }
+
+private:
+    event() = delete;
+};
+
+} // namespace qor::glue
+
+#ifndef QOR_INSIDE
+
+// For a client that is a library itself: libqor lies in the folder of that module, not of the executable. Once, before
+// the first call.
+inline void qorwinSetInstanceHandle(void* module) noexcept {
+    if (qor::glue::s_hinst != nullptr)
+        qor::glue::assert_failed("s_hinst == NULL", "void qorwinSetInstanceHandle(void*)", qor::glue::impl_file, 26);
+    qor::glue::s_hinst = static_cast<HINSTANCE__*>(module);
+}
+
+// Fills `args` with the words of the process's command line, without the program's name: for a client that has no
+// main, or one whose arguments went through a code page.
+inline void qorwinSetupProcessArgs(qorStringArray& args) noexcept {
+    int count = 0;
+    wchar_t** const argvec = CommandLineToArgvW(GetCommandLineW(), &count);
+    if (argvec == nullptr)
+        qor::glue::assert_failed("argvec != NULL", "void qorwinSetupProcessArgs(qorStringArray&)",
+                                 qor::glue::impl_file, 115);
+    qor::glue::qorStringArray_Empty(&args);
+    for (int i = 1; argvec != nullptr && i < count; ++i)
+        qor::glue::append_utf16(args, argvec[i]);
+    GlobalFree(argvec);
+}
+
+#endif

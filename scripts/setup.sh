@@ -1,0 +1,81 @@
+# shellcheck shell=bash disable=SC2034,SC2154  # names that pass between this file and its callers
+# Sourced by ./run and ./test: what a build needs, and how a preset is built.
+# The caller sets `tree`, the folder of the repository. Everything said here goes to standard error,
+# because the standard output of ./run belongs to qortool alone.
+
+# What has to be there, as "package=probe". A probe is a command, or the path of a file. It is looked
+# for first: a host that has a tool from elsewhere needs no package, and the look costs no process.
+needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja")
+needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "python3=python3" "libc-devtools=mtrace")
+
+say() { printf '%s\n' "$@" >&2; }
+
+die() {
+    say "$@"
+    exit 1
+}
+
+# install_missing NEED...: installs the packages whose probes fail, or ends with what to type.
+install_missing() {
+    local need probe missing=()
+    for need in "$@"; do
+        probe=${need#*=}
+        if [[ $probe == /* ]]; then [[ -e $probe ]]; else command -v "$probe" >/dev/null; fi ||
+            missing+=("${need%%=*}")
+    done
+    ((${#missing[@]})) || return 0
+
+    command -v apt-get >/dev/null ||
+        die "These are missing: ${missing[*]} (their Debian names)." \
+            "This host has no apt-get: please install them with its own package manager."
+
+    local as_root=() install=(apt-get install -y --no-install-recommends "${missing[@]}")
+    if ((EUID != 0)); then
+        # A password can be asked for only where somebody can answer.
+        if command -v sudo >/dev/null && { sudo -n true 2>/dev/null || [[ -t 0 && -t 2 ]]; }; then
+            as_root=(sudo)
+        else
+            die "These packages are missing: ${missing[*]}" \
+                "Installing them takes root. Please type as root:" \
+                "    apt-get update && ${install[*]}"
+        fi
+    fi
+
+    say "Installing ${missing[*]}; this may take a minute ..."
+    # Another apt may be at work on a fresh machine: wait for it instead of failing.
+    local log quiet=(-qq -o Dpkg::Use-Pty=0 -o DPkg::Lock::Timeout=300)
+    as_root+=(env DEBIAN_FRONTEND=noninteractive)
+    # Hundreds of lines that matter only when something went wrong.
+    log=$({ "${as_root[@]}" apt-get update "${quiet[@]}" && "${as_root[@]}" "${install[@]}" "${quiet[@]}"; } \
+        </dev/null 2>&1) || die "$log" "These packages could not be installed: ${missing[*]}"
+}
+
+# build PRESET: configures and builds it where something has changed; silent where nothing has.
+# Standard input is left alone: it belongs to what is built. Returns non-zero on failure, in words
+# instead of through `set -e`, which bash switches off in a function whose result is tested.
+build() {
+    local dir=$tree/build/$1
+    mkdir -p "$tree/build" || return
+    # One build at a time: two terminals may well start the first one together.
+    { flock 9 && configure "$1" "$dir" && run_ninja "$dir"; } </dev/null >&2 9>"$dir.lock"
+}
+
+# CMake regenerates by itself when a CMakeLists.txt changes, but not when a preset does. The stamp
+# says which tree was configured, because CMake refuses a build folder that has moved.
+configure() {
+    local stamp=$2/.configured fresh=()
+    if [[ -f $stamp ]]; then
+        if [[ $(<"$stamp") != "$tree" ]]; then
+            fresh=(--fresh)
+        elif [[ $tree/CMakePresets.json -ot $stamp ]]; then
+            return
+        fi
+    fi
+    (cd "$tree" && cmake "${fresh[@]}" --preset "$1" --log-level=WARNING) && echo "$tree" >"$stamp"
+}
+
+# What ninja says when it has nothing to do is not worth a line in every ./run.
+run_ninja() {
+    local noise=(-e '^ninja: Entering' -e '^ninja: no work' -e 'Re-checking globbed')
+    ninja -C "$1" | { grep --line-buffered -v "${noise[@]}" || true; }
+}

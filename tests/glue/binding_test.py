@@ -1,0 +1,274 @@
+#!/usr/bin/env python3
+"""Runs a client with every kind of missing, damaged and misplaced libqor, and looks at all that it does.
+
+    binding_test.py --bin FOLDER --tool PATH --compiler PATH --include FOLDER [--instrumented]
+
+FOLDER holds the client, libqor.so, the preloaded recorder of the system log and the libraries that are sound
+but wrong. --instrumented: the build has a sanitizer in it, whose own dlopen does not follow the executable's
+run path, so the library is shown to the bare-name load by LD_LIBRARY_PATH instead.
+"""
+
+import argparse
+import os
+import random
+import re
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+LOG_USER_DEBUG = 8 | 7
+NOT_BESIDE = f"{LOG_USER_DEBUG} FAILED dlopen() of libqor.so\n"
+NOT_ANYWHERE = NOT_BESIDE + f"{LOG_USER_DEBUG} FAILED path-base dlopen() of libqor.so\n"
+BY_NAME = NOT_BESIDE + f"{LOG_USER_DEBUG} WARNING Loaded libqor.so using name only\n"
+NO_EXPORT = f"{LOG_USER_DEBUG} FAILED dlsym() on libqor.so for main entry point\n"
+
+LOST = (100, b"before the first call\n", b"")
+BOUND = (0, b"before the first call\nbound\nend\n", b"")
+
+NOBODY = 65534
+PT_LOAD = 1
+
+options = None
+
+
+def segments(image):
+    """(offset, size in the file) of the parts of an ELF image that a loader maps."""
+    assert image[:5] == b"\x7fELF\x02", "a 64-bit ELF file"
+    at, = struct.unpack_from("<Q", image, 32)
+    size, count = struct.unpack_from("<HH", image, 54)
+    for n in range(count):
+        kind, _, offset, _, _, in_file = struct.unpack_from("<IIQQQQ", image, at + n * size)
+        if kind == PT_LOAD:
+            yield offset, in_file
+
+
+class Binding(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = Path(folder.name).resolve()
+        self.root.chmod(0o777)
+        self.bin = self.root / "bin"
+        self.bin.mkdir()
+        self.log = self.root / "log"
+        self.library = self.bin / "libqor.so"
+        self.client = self.copy("client", self.bin)
+        self.recorder = self.copy("fake_syslog.so", self.root)
+        self.real = (options.bin / "libqor.so").read_bytes()
+
+    def copy(self, name, to):
+        return Path(shutil.copy(options.bin / name, to))
+
+    def run_client(self, *words, client=None, environment=None, **more):
+        """(exit code, standard output, standard error) of a run; the log is then in self.log."""
+        self.log.unlink(missing_ok=True)
+        environment = {
+            "PATH": "/usr/bin:/bin",
+            "LD_PRELOAD": str(self.recorder),
+            "FAKE_SYSLOG": str(self.log),
+            # A preloaded library comes before the sanitizer's own, which does not like that.
+            "ASAN_OPTIONS": "verify_asan_link_order=0",
+            **(environment or {}),
+        }
+        run = subprocess.run([client or self.client, *words], stdin=subprocess.DEVNULL, capture_output=True,
+                             env=environment, timeout=120, **more)
+        return run.returncode, run.stdout, run.stderr
+
+    def logged(self):
+        return self.log.read_text() if self.log.exists() else ""
+
+    def check(self, expected, log, **more):
+        self.assertEqual(self.run_client(**more), expected)
+        self.assertEqual(self.logged(), log)
+
+    def check_damaged(self, image):
+        self.library.write_bytes(image)
+        self.check(LOST, NOT_ANYWHERE)
+
+    # ---- the library is beside the client
+
+    def test_beside_the_client(self):
+        self.library.write_bytes(self.real)
+        self.check(BOUND, "")
+
+    def test_beside_the_client_from_another_folder(self):
+        self.library.write_bytes(self.real)
+        self.check(BOUND, "", cwd="/")
+
+    def test_beside_the_file_that_a_link_leads_to(self):
+        self.library.write_bytes(self.real)
+        link = self.root / "link"
+        link.symlink_to(self.client)
+        self.check(BOUND, "", client=link)
+
+    def test_a_long_path(self):
+        folder = self.root.joinpath(*["a-long-name-" * 15] * 6)
+        folder.mkdir(parents=True)
+        self.assertGreater(len(str(folder)), 1024)
+        (folder / "libqor.so").write_bytes(self.real)
+        self.check(BOUND, "", client=self.copy("client", folder))
+
+    # ---- no library that could be loaded
+
+    def test_missing(self):
+        self.check(LOST, NOT_ANYWHERE)
+
+    def test_empty(self):
+        self.check_damaged(b"")
+
+    def test_cut_off(self):
+        """Wherever the file ends. A loader maps what is left of it and dies on the rest, if it is let."""
+        size = len(self.real)
+        places = {1, 4, 16, 63, 64, 65, 120, 500, 1000, 4095, 4096, 4097, size // 4, size // 2,
+                  size * 3 // 4, size - 1}
+        for offset, in_file in segments(self.real):
+            places |= {offset, offset + 1, offset + in_file // 2, offset + in_file - 1, offset + in_file}
+        for place in sorted(places - {0}):
+            with self.subTest(place=place, of=size):
+                self.check_damaged(self.real[:place])
+
+    def test_random_bytes(self):
+        self.check_damaged(random.Random(1).randbytes(50000))
+
+    def test_random_bytes_behind_a_good_start(self):
+        self.check_damaged(self.real[:16] + random.Random(2).randbytes(50000))
+
+    def test_zeros(self):
+        self.check_damaged(bytes(len(self.real)))
+
+    def test_text(self):
+        self.check_damaged(b"#!/bin/sh\necho this is not a library\n")
+
+    def test_another_machine(self):
+        machine = bytearray(self.real)
+        machine[18:20] = b"\xff\x7f"
+        self.check_damaged(machine)
+
+    def test_another_word_size(self):
+        machine = bytearray(self.real)
+        machine[4] = 1
+        self.check_damaged(machine)
+
+    def test_a_folder_of_that_name(self):
+        self.library.mkdir()
+        self.check(LOST, NOT_ANYWHERE)
+
+    def test_a_link_to_nothing(self):
+        self.library.symlink_to(self.root / "nothing")
+        self.check(LOST, NOT_ANYWHERE)
+
+    def test_a_link_to_itself(self):
+        self.library.symlink_to(self.library)
+        self.check(LOST, NOT_ANYWHERE)
+
+    def test_unreadable(self):
+        self.library.write_bytes(self.real)
+        self.library.chmod(0)
+        # Nothing is unreadable to root.
+        somebody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
+        self.bin.chmod(0o755)
+        self.client.chmod(0o755)
+        self.recorder.chmod(0o755)
+        self.check(LOST, NOT_ANYWHERE, **somebody)
+
+    def test_unresolved_symbols(self):
+        self.copy("unresolved.so", self.library)
+        self.check(LOST, NOT_ANYWHERE)
+
+    # ---- a library that is not libqor
+
+    def test_without_the_export(self):
+        self.copy("without_export.so", self.library)
+        self.check(LOST, NO_EXPORT)
+
+    def test_a_null_table(self):
+        self.copy("null_table.so", self.library)
+        self.check(LOST, "")
+
+    # ---- by its bare name
+
+    def by_name(self):
+        folder = self.root / "lib"
+        folder.mkdir(exist_ok=True)
+        (folder / "libqor.so").write_bytes(self.real)
+        return {"environment": {"LD_LIBRARY_PATH": str(folder)} if options.instrumented else None}
+
+    def test_by_name_along_the_run_path(self):
+        self.check(BOUND, BY_NAME, **self.by_name())
+
+    def test_by_name_where_the_one_beside_is_damaged(self):
+        more = self.by_name()
+        self.library.write_bytes(b"")
+        self.check(BOUND, BY_NAME, **more)
+
+    def test_by_name_without_the_export(self):
+        more = self.by_name()
+        self.copy("without_export.so", self.root / "lib" / "libqor.so")
+        self.check(LOST, BY_NAME + NO_EXPORT, **more)
+
+    def test_by_name_cut_off(self):
+        more = self.by_name()
+        (self.root / "lib" / "libqor.so").write_bytes(self.real[:len(self.real) // 4])
+        self.check(LOST, NOT_ANYWHERE, **more)
+
+    def test_not_in_the_current_folder(self):
+        (self.root / "libqor.so").write_bytes(self.real)
+        self.check(LOST, NOT_ANYWHERE, cwd=self.root)
+
+    # ---- the tool itself
+
+    def test_the_tool_beside_its_library_and_installed(self):
+        beside = self.run_client("--quiet", "help", client=options.tool)
+        tool = Path(shutil.copy(options.tool, self.bin))
+        more = self.by_name()
+        installed = self.run_client("--quiet", "help", client=tool, **more)
+        self.assertEqual(self.logged(), BY_NAME)
+        self.assertEqual(installed, beside)
+        self.assertEqual(installed[0], 1)
+        self.assertIn(b"memcheck", b"".join(installed[1:]))
+
+    def test_the_tool_without_its_library(self):
+        tool = Path(shutil.copy(options.tool, self.bin))
+        self.assertEqual(self.run_client("help", client=tool), (100, b"", b""))
+        self.assertEqual(self.logged(), NOT_ANYWHERE)
+
+
+class Linking(unittest.TestCase):
+    """A client needs the headers and a compiler, nothing else."""
+
+    def test_compiles_with_the_headers_alone(self):
+        with tempfile.TemporaryDirectory() as folder:
+            source = Path(__file__).resolve().parent / "client.cpp"
+            out = Path(folder) / "client"
+            run = subprocess.run([options.compiler, "-std=c++20", "-Wall", "-Wextra", "-Wpedantic", "-Werror",
+                                  "-I", options.include, source, "-o", out], capture_output=True, text=True,
+                                 timeout=120)
+            self.assertEqual((run.returncode, run.stderr), (0, ""))
+            self.imports_nothing_of_ours(out)
+
+    def test_the_tool_imports_nothing_of_the_library(self):
+        self.imports_nothing_of_ours(options.tool)
+
+    def imports_nothing_of_ours(self, program):
+        needed = subprocess.check_output(["readelf", "-dW", program], text=True)
+        libraries = re.findall(r"\(NEEDED\).*\[(.*)\]", needed)
+        self.assertIn("libc.so.6", libraries)
+        self.assertEqual([name for name in libraries if "qor" in name], [])
+        undefined = subprocess.check_output(["nm", "-D", "--undefined-only", program], text=True)
+        self.assertIn(" dlopen", undefined)
+        self.assertEqual(re.findall(r".*(?:qor|QOR|zet|glue_).*", undefined), [])
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--bin", type=Path, required=True)
+    parser.add_argument("--tool", type=Path, required=True)
+    parser.add_argument("--compiler", required=True)
+    parser.add_argument("--include", required=True)
+    parser.add_argument("--instrumented", action="store_true")
+    options, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0], *rest])

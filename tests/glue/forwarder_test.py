@@ -1,0 +1,68 @@
+#!/usr/bin/env python3
+"""Looks at what the compiler made of the forwarders, and at what libqor exports.
+
+    forwarder_test.py --object FORWARDERS --expected SLOTS --library LIBQOR
+
+A bound call costs one load of the table's address, one test and one indirect jump through its slot. The
+arguments stay where they are, so nothing else may stand on the way, least of all a call that allocates. What
+runs when the table is not bound yet does not count.
+"""
+
+import argparse
+import re
+import subprocess
+import sys
+import unittest
+
+options = None
+
+# Arguments of one byte are passed on extended, which the compiler does not take on trust: the register stays
+# the same.
+EXTENSION = re.compile(r"^mov[sz]bl\s+%(?:([ds])il,%e\1i|([cd])l,%e\2x|(r[89])b,%\3d)\n", re.MULTILINE)
+
+# The way of a bound call, in the words of the disassembler. The table's address is in a register that carries
+# no argument.
+PATTERN = re.compile(r"""
+    (?:endbr64\n)?
+    mov\s+0x0\(%rip\),%(rax|r10|r11)\n
+    test\s+%\1,%\1\n
+    je\s+[0-9a-f]+\s<(?:[^>]*)>\n
+    (?:notrack\s)?jmp\s+\*(?:0x(?P<offset>[0-9a-f]+))?\(%\1\)\n
+""", re.VERBOSE)
+
+
+def functions():
+    """(slot number, instructions) of each function of the object."""
+    text = subprocess.check_output(["objdump", "-d", "--no-show-raw-insn", options.object], text=True)
+    for number, body in re.findall(r"^[0-9a-f]+ <forward_(\d+)>:\n((?:[^\n]+\n)+)", text, re.MULTILINE):
+        lines = [line.split("\t", 1)[1] for line in body.splitlines() if "\t" in line]
+        yield int(number), "".join(re.sub(r"\s*#.*", "", line).strip() + "\n" for line in lines)
+
+
+class Forwarders(unittest.TestCase):
+    def test_each_is_a_load_a_test_and_a_jump_through_its_slot(self):
+        seen = []
+        for number, instructions in functions():
+            with self.subTest(slot=number):
+                match = PATTERN.match(EXTENSION.sub("", instructions))
+                self.assertTrue(match, instructions)
+                self.assertEqual(int(match["offset"] or "0", 16), number * 8)
+            seen.append(number)
+        with open(options.expected, encoding="utf-8") as listing:
+            written = [int(line.split()[0]) for line in listing if line.split()[1] == "slot"]
+        self.assertEqual(sorted(seen), written)
+        self.assertGreater(len(seen), 100)
+
+    def test_libqor_exports_one_symbol(self):
+        exported = subprocess.check_output(["nm", "-D", "--defined-only", "--format=posix", options.library],
+                                           text=True)
+        symbols = [line.split()[:2] for line in exported.splitlines()]
+        self.assertEqual(symbols, [["glue_binding_point", "T"]])
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    for name in ("object", "expected", "library"):
+        parser.add_argument(f"--{name}", required=True)
+    options, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0], *rest])

@@ -1,0 +1,113 @@
+// What the inline classes make of their forwarders: fixed arguments, two slots in turn, and nothing at all.
+#include "support/recording_table.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using qor::test::assertion;
+using qor::test::recording_table;
+using calls = std::vector<std::string>;
+
+// The string operations that a test looks at are written down and then carried out by the real table.
+calls s_calls;
+const qor::glue::binding_table* s_real = nullptr;
+
+void string_init(qorString* self, uint32 capacity) noexcept {
+    s_calls.push_back("init " + std::to_string(capacity));
+    s_real->qorString_Init(self, capacity);
+}
+void string_set(qorString* self, const char* text, uint32 length) noexcept {
+    s_calls.push_back("set " + std::string(text, length));
+    s_real->qorString_Set(self, text, length);
+}
+void array_init(qorStringArray* self) noexcept {
+    s_calls.push_back("array");
+    s_real->qorStringArray_Init(self);
+}
+void array_empty(qorStringArray* self) noexcept {
+    s_calls.push_back("array empty");
+    s_real->qorStringArray_Empty(self);
+}
+
+class Forwarding : public testing::Test {
+protected:
+    Forwarding() {
+        s_calls.clear();
+        s_real = &real;
+        table.rows.qorString_Init = string_init;
+        table.rows.qorString_Set = string_set;
+        table.rows.qorStringArray_Init = array_init;
+        table.rows.qorStringArray_Empty = array_empty;
+    }
+
+    static calls taken() { return std::exchange(s_calls, {}); }
+
+    const qor::glue::binding_table real = *qor::glue::table();
+    recording_table table;
+};
+
+TEST_F(Forwarding, AStringBeginsWithCapacityZero) {
+    const qorString text;
+    EXPECT_EQ(taken(), calls{"init 0"});
+    EXPECT_STREQ(text.Text(), "");
+}
+
+TEST_F(Forwarding, ACopiedStringIsInitialisedAndThenAssigned) {
+    const qorString source("five\0!", 6);
+    EXPECT_EQ(taken(), (calls{"init 6", "set " + std::string("five\0!", 6)}));
+    const qorString copy(source);
+    EXPECT_EQ(taken(), (calls{"init 6", "set " + std::string("five\0!", 6)}));
+    EXPECT_TRUE(copy == source);
+}
+
+TEST_F(Forwarding, AStringArrayIsEmptiedByEmptyAndByItsEnd) {
+    {
+        qorStringArray words;
+        EXPECT_EQ(taken(), calls{"array"});
+        words.Empty();
+        EXPECT_EQ(taken(), calls{"array empty"});
+    }
+    EXPECT_EQ(taken(), calls{"array empty"});
+}
+
+TEST_F(Forwarding, AnElementIsReadWithoutTheTable) {
+    qorStringArray words;
+    words.Append("first");
+    words.Append("second");
+    EXPECT_TRUE(table.unbound([&] {
+        EXPECT_EQ(words.GetCount(), 2u);
+        EXPECT_FALSE(words.IsEmpty());
+        EXPECT_STREQ(words[1], "second");
+        EXPECT_STREQ(words.GetAt(0), "first");
+        EXPECT_STREQ(words[2], "");
+    }));
+    EXPECT_EQ(table.take(), calls{});
+}
+
+TEST_F(Forwarding, AnIndexBeyondTheEndIsReportedAndYieldsAnEmptyText) {
+    const std::string report =
+        assertion("index < m_data.count", "const char* qorStringArray::operator[](uint32) const",
+                  "qorcore/include/qor/glue/impl_common", 109);
+    qorStringArray words;
+    EXPECT_STREQ(words[0], "");
+    EXPECT_EQ(table.take(), calls{report});
+    words.Append("first");
+    EXPECT_STREQ(words.GetAt(1), "");
+    EXPECT_STREQ(words[0xffffffff], "");
+    EXPECT_EQ(table.take(), calls(2, report));
+    EXPECT_STREQ(words[0], "first");
+    EXPECT_EQ(table.take(), calls{});
+}
+
+TEST_F(Forwarding, AByteOfAStringIsChecked) {
+    const qorString text("ab");
+    EXPECT_EQ(text[1], 'b');
+    EXPECT_EQ(table.take(), calls{});
+    EXPECT_EQ(text[2], '\0');
+    EXPECT_EQ(table.take(),
+              calls{assertion("index < (int32)m_data.length", "char qorString::operator[](int32) const",
+                              "qorcore/include/qor/glue/impl_common", 71)});
+}
+
+} // namespace

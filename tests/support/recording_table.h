@@ -1,0 +1,58 @@
+// A binding table that writes down what a client asks of the library.
+#pragma once
+
+#include "qor/qor.h"
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace qor::test {
+
+// While one lives, calls of this client go through a copy of the library's table. Assertions, announcements
+// of objects and the memory operations are noted as text and then carried out, but for assertions, which are
+// only noted. Blocks are named #1, #2, … in the order in which they were handed out. One at a time; threads
+// may call.
+class recording_table {
+public:
+    recording_table();
+    recording_table(const recording_table&) = delete;
+    recording_table& operator=(const recording_table&) = delete;
+    ~recording_table();
+
+    // The calls since the last take, in order.
+    std::vector<std::string> take();
+
+    // Runs `action` as a client that has not bound yet. Tells whether it is still unbound afterwards.
+    static bool unbound(const std::function<void()>& action);
+
+    // The table in use: a test may replace further rows.
+    glue::binding_table rows;
+
+    // Called for each announced object, before the call is noted.
+    std::function<void(const void* object)> on_announce;
+
+    // While it is set, the memory operations find no memory.
+    bool exhausted = false;
+
+private:
+    friend struct recorders;
+
+    void note(std::string call);
+    std::string name_of(const void* block);
+    template <class POINTER>
+    POINTER noted(std::string call, POINTER block);
+
+    const glue::binding_table* m_real;
+    std::mutex m_lock;
+    std::vector<std::string> m_calls;
+    std::map<const void*, std::string> m_names;
+    unsigned m_blocks = 0;
+};
+
+// The note of a failed assertion.
+std::string assertion(const std::string& expr, const std::string& func, const std::string& file, int line);
+
+} // namespace qor::test

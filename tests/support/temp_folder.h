@@ -1,0 +1,46 @@
+// A folder for the files of one test, gone with the object; and whole files as texts.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+namespace qor::test {
+
+inline std::string read_file(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file.is_open()) << path;
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class temp_folder {
+public:
+    temp_folder() : m_path(testing::TempDir() + "/qor.XXXXXX") {
+        if (mkdtemp(m_path.data()) == nullptr)
+            std::abort();
+    }
+    temp_folder(const temp_folder&) = delete;
+    temp_folder& operator=(const temp_folder&) = delete;
+    ~temp_folder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+
+    std::string operator/(std::string_view name) const { return m_path + '/' + std::string(name); }
+
+    // A new file with these bytes; its path.
+    std::string file(std::string_view name, std::string_view bytes) const {
+        std::ofstream(*this / name, std::ios::binary) << bytes;
+        return *this / name;
+    }
+
+private:
+    std::string m_path;
+};
+
+} // namespace qor::test

@@ -1,0 +1,130 @@
+// The signal queue of the application object.
+#include "qortool_app.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <thread>
+#include <vector>
+
+namespace {
+
+class app_under_test : public qortool_app {
+public:
+    using qortool_app::queue;
+    using qortool_app::queued;
+    using qortool_app::Signal;
+
+    deferred_call call(void (app_under_test::*op)(deferred_call&)) {
+        return {static_cast<void (qortool_app::*)(deferred_call&)>(op)};
+    }
+
+    void first(deferred_call&) { order.push_back(1); }
+    void second(deferred_call&) { order.push_back(2); }
+    void again(deferred_call& self) {
+        order.push_back(3);
+        if (order.size() < 4)
+            queue(self); // a call knows itself
+        else
+            Signal(qorSignal::interrupt);
+    }
+    void interrupt(deferred_call&) {
+        order.push_back(4);
+        threads.push_back(std::this_thread::get_id());
+        std::raise(SIGINT);
+    }
+
+    std::vector<int> order;
+    std::vector<std::thread::id> threads;
+};
+
+zetSmartPointer<app_under_test> make_app() {
+    zetSmartPointer<app_under_test> app;
+    app.AttachNew(new ("tests/tool/qortool_app_test", __LINE__) app_under_test);
+    return app;
+}
+
+bool has_default_handling(int signal) {
+    struct sigaction now;
+    sigaction(signal, nullptr, &now);
+    return now.sa_handler == SIG_DFL;
+}
+
+TEST(QortoolApp, ASignalEndsAnEmptyQueueAndIsGivenBack) {
+    const auto app = make_app();
+    app->Signal(qorSignal::terminate);
+    EXPECT_EQ(app->queued(), 1u);
+    EXPECT_TRUE(app->process_fifo());
+    EXPECT_EQ(app->queued(), 0u);
+    EXPECT_TRUE(has_default_handling(SIGINT));
+}
+
+TEST(QortoolApp, TwoSignalsQueueTwoMarkersOfWhichOneStays) {
+    const auto app = make_app();
+    app->Signal(qorSignal::interrupt);
+    app->Signal(qorSignal::quit);
+    EXPECT_EQ(app->queued(), 2u);
+    app->process_fifo();
+    EXPECT_EQ(app->queued(), 1u);
+    app->process_fifo(); // the marker that stayed ends the next loop at once
+    EXPECT_EQ(app->queued(), 0u);
+}
+
+TEST(QortoolApp, WhatWasQueuedBeforeTheSignalStillRunsInOrder) {
+    const auto app = make_app();
+    app->queue(app->call(&app_under_test::first));
+    app->queue(app->call(&app_under_test::second));
+    app->Signal(qorSignal::interrupt);
+    app->queue(app->call(&app_under_test::first));
+    app->process_fifo();
+    EXPECT_EQ(app->order, (std::vector<int>{1, 2}));
+    EXPECT_EQ(app->queued(), 1u);
+}
+
+TEST(QortoolApp, ACallGetsItselfAndMayQueueItselfAgain) {
+    const auto app = make_app();
+    app->queue(app->call(&app_under_test::again));
+    app->process_fifo();
+    EXPECT_EQ(app->order, (std::vector<int>{3, 3, 3, 3}));
+}
+
+TEST(QortoolApp, ARealSignalOfTheProcessEndsTheLoop) {
+    const auto app = make_app();
+    app->queue(app->call(&app_under_test::interrupt));
+    app->process_fifo();
+    EXPECT_EQ(app->order, std::vector<int>{4});
+    EXPECT_EQ(app->threads, std::vector<std::thread::id>{std::this_thread::get_id()});
+    EXPECT_TRUE(has_default_handling(SIGINT));
+}
+
+TEST(QortoolApp, OtherThreadsMayQueueWhileTheLoopRuns) {
+    const auto app = make_app();
+    constexpr int threads = 4;
+    constexpr int calls = 500;
+    std::atomic<int> ready{0};
+    std::vector<std::thread> workers;
+    for (int i = 0; i < threads; ++i)
+        workers.emplace_back([&app, &ready] {
+            for (int k = 0; k < calls; ++k)
+                app->queue(app->call(&app_under_test::first));
+            if (++ready == threads)
+                app->Signal(qorSignal::interrupt); // behind all the others
+        });
+    app->process_fifo();
+    for (std::thread& worker : workers)
+        worker.join();
+    EXPECT_EQ(app->order.size(), std::size_t{threads * calls});
+    EXPECT_EQ(app->queued(), 0u);
+}
+
+// The leak sanitizer sees whether all of them are freed.
+TEST(QortoolApp, EntriesStillQueuedGoWithTheObject) {
+    const auto app = make_app();
+    for (int i = 0; i < 10; ++i)
+        app->queue(app->call(&app_under_test::first));
+    app->Signal(qorSignal::interrupt);
+    EXPECT_EQ(app->queued(), 11u);
+}
+
+} // namespace
