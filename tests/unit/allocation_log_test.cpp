@@ -544,7 +544,11 @@ TEST_F(allocation_log, a_child_goes_on_in_a_file_of_its_own) {
 }
 
 TEST_F(allocation_log, children_are_forked_while_other_threads_allocate) {
-    const story told = story_of(forks_between_threads);
+    // A child does not have the threads that would free their blocks, and the sanitizers do not know that.
+    const ending ended = play(forks_between_threads, {m_path}, {"ASAN_OPTIONS=detect_leaks=0", "TSAN_OPTIONS=report_thread_leaks=0"});
+    EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+    EXPECT_EQ(ended.err, "");
+    const story told = tell(read_file(m_path));
     EXPECT_EQ(told.events, events{});
     EXPECT_EQ(told.leaks, events{});
     const std::vector<std::string> children = logs_of_children(m_path);

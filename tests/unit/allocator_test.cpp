@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <numeric>
@@ -144,7 +145,7 @@ TEST(allocator, growing_and_shrinking_keeps_the_bytes) {
         const std::size_t size = random() % 100000 + 1;
         block = static_cast<unsigned char*>(qor_do_realloc(block, size, file, __LINE__));
         const std::size_t kept = std::min(model.size(), size);
-        ASSERT_EQ(std::memcmp(block, model.data(), kept), 0);
+        ASSERT_TRUE(std::equal(block, block + kept, model.begin()));
         model.resize(size);
         for (std::size_t i = kept; i < size; ++i)
             block[i] = model[i] = static_cast<unsigned char>(random());

@@ -24,7 +24,8 @@ uint32 hash_text(std::string_view text) noexcept {
     uint64 state = left;
     uint64 word = 0;
     if (left < 8) {
-        std::memcpy(&word, at, left);
+        if (left != 0)
+            std::memcpy(&word, at, left);
         return finish(mix(state, word));
     }
     for (; left > 8; at += 8, left -= 8) {

@@ -34,11 +34,11 @@ void deliver(qorSignal signal) {
     shared.delivering = true;
     hold.unlock();
     handler->Signal(signal);
+    // Before anyone may believe that the handler is no longer in use.
+    handler->Release();
     hold.lock();
     shared.delivering = false;
     shared.delivered.notify_all();
-    hold.unlock();
-    handler->Release();
 }
 
 void run() noexcept {
