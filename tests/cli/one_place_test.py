@@ -1,0 +1,75 @@
+#!/usr/bin/env python3
+"""Both streams of a replay in one place, a file or a terminal: lines stand in the order in which they were written.
+
+usage: one_place_test.py --tool PATH
+"""
+
+import argparse
+import os
+import pty
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+# Findings between warnings and counters, so that any other order shows.
+LOG = b"".join([
+    b"@ first\n",
+    b"@ a - 0x1000\n",
+    b"@ a x 0x2000 5\n",
+    *(b"@ a + 0x%x 1\n@ a - 0x%x\n" % (0x100000 + i, 0x100000 + i) for i in range(10)),
+    b"@ a - 0x3000\n",
+])
+EXPECTED = b"".join([
+    b"Processing mtrace file...\n",
+    b"WARNING Invalid line in mtrace() file\n",
+    b"BAD FREE at 0x1000 (not allocated)\n",
+    b"WARNING Bad code token [x]\n",
+    b"20\r",
+    b"BAD FREE at 0x3000 (not allocated)\n",
+    b"\n",
+    b"Scanning data...\n",
+    b"LEAK at 0x2000 size 5 type 0 caller [a] type_name [] file [] line 0\n",
+    b"Leaked 1 objects totalling 5 bytes\n",
+    b"Done\n",
+])
+
+
+class OnePlace(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+        (self.folder / "log").write_bytes(LOG)
+
+    def run_tool(self, place):
+        code = subprocess.run([tool, "--quiet", "mtrace", "log"], cwd=self.folder, stdin=subprocess.DEVNULL,
+                              stdout=place, stderr=place, timeout=120).returncode
+        self.assertEqual(code, 0)
+
+    def test_a_file(self):
+        with open(self.folder / "out", "wb") as out:
+            self.run_tool(out)
+        self.assertEqual((self.folder / "out").read_bytes(), EXPECTED)
+
+    def test_a_terminal(self):
+        ours, its = pty.openpty()
+        self.run_tool(its)
+        os.close(its)
+        seen = b""
+        try:
+            while part := os.read(ours, 65536):
+                seen += part
+        except OSError:  # the other side is closed
+            pass
+        os.close(ours)
+        self.assertEqual(seen, EXPECTED.replace(b"\n", b"\r\n"))
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--tool", required=True, type=os.path.abspath)
+    options, rest = parser.parse_known_args()
+    tool = options.tool
+    unittest.main(argv=[sys.argv[0], *rest])
