@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <thread>
 
 namespace {
@@ -15,6 +16,7 @@ struct shared_state {
     std::condition_variable delivered;
     IQORSignalHandler* handler = nullptr;
     bool has_thread = false;
+    bool catching = false;
     bool delivering = false;
     std::thread::id thread;
 };
@@ -57,15 +59,25 @@ int start_catching(shared_state& shared) {
             return reason;
         shared.has_thread = true;
     }
-    return qor::process::catch_signals();
+    const int reason = qor::process::catch_signals();
+    shared.catching = reason == 0;
+    return reason;
 }
 
 } // namespace
 
+// Built anew in its place: the lock may be held, and the condition waited for, by threads that the child does
+// not have. The reference to the handler is the child's now, to be given back when it sets another.
+void qor::process::forget_signal_thread() noexcept {
+    shared_state& shared = state();
+    IQORSignalHandler* const handler = shared.handler;
+    (::new (&shared) shared_state)->handler = handler;
+}
+
 bool qor::glue::qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
     shared_state& shared = state();
     std::unique_lock hold(shared.lock);
-    if (handler != nullptr && shared.handler == nullptr) {
+    if (handler != nullptr && !shared.catching) {
         if (const int reason = start_catching(shared)) {
             qor::error::set(qorError_signals_unavailable, {qor::error::system_reason(reason).c_str()});
             return false;
@@ -73,7 +85,7 @@ bool qor::glue::qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
     }
     if (handler != nullptr)
         handler->AddRef();
-    else if (shared.handler != nullptr)
+    else if (std::exchange(shared.catching, false))
         qor::process::release_signals();
     IQORSignalHandler* const old = std::exchange(shared.handler, handler);
     // The caller may end the old handler as soon as this returns.

@@ -17,4 +17,8 @@ int start_signal_thread(void (*run)() noexcept) noexcept;
 // On that thread: the next signal, however long it takes.
 qorSignal wait_for_signal() noexcept;
 
+// The other way round, called in the child of a fork: it has neither that thread nor signals that are caught,
+// and can begin again.
+void forget_signal_thread() noexcept;
+
 } // namespace qor::process

@@ -30,6 +30,10 @@ static_assert(std::atomic<unsigned>::is_always_lock_free && std::atomic<int>::is
 struct sigaction previous[signal_count];
 bool caught[signal_count];
 
+// The signal thread blocks all signals. A child that is forked on it would begin its life deaf.
+sigset_t mask_of_the_host;
+thread_local bool is_signal_thread = false;
+
 extern "C" void on_signal(int number) {
     const int saved = errno;
     for (std::size_t i = 0; i < signal_count; ++i)
@@ -41,10 +45,20 @@ extern "C" void on_signal(int number) {
     errno = saved;
 }
 
-// The child has no signal thread, and its signals must not wake the parent's.
-void after_fork_in_child() { qor::process::release_signals(); }
+// The child has no signal thread, its signals must not wake the parent's, and the parent's are not its own.
+void after_fork_in_child() {
+    qor::process::release_signals();
+    close(wake.exchange(-1));
+    for (std::atomic<unsigned>& count : pending)
+        count.store(0);
+    qor::process::forget_signal_thread();
+    if (is_signal_thread)
+        pthread_sigmask(SIG_SETMASK, &mask_of_the_host, nullptr);
+    is_signal_thread = false;
+}
 
 void* thread_main(void* run) {
+    is_signal_thread = true;
     reinterpret_cast<void (*)() noexcept>(run)();
     return nullptr;
 }
@@ -83,19 +97,19 @@ int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
         return errno;
     wake.store(event);
     sigset_t all;
-    sigset_t before;
     sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
+    pthread_sigmask(SIG_SETMASK, &all, &mask_of_the_host);
     pthread_t thread;
     const int failed = pthread_create(&thread, nullptr, thread_main, reinterpret_cast<void*>(run));
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_sigmask(SIG_SETMASK, &mask_of_the_host, nullptr);
     if (failed != 0) {
         close(event);
         return failed;
     }
     pthread_detach(thread);
-    pthread_atfork(nullptr, nullptr, after_fork_in_child);
-    return 0;
+    // Once: a child that starts a thread of its own has inherited this.
+    static const int watching_forks = pthread_atfork(nullptr, nullptr, after_fork_in_child);
+    return watching_forks;
 }
 
 qorSignal qor::process::wait_for_signal() noexcept {

@@ -1,0 +1,365 @@
+// Signals and what they do to a process as a whole: each scene is one of its own.
+#include "qor/qor.h"
+#include "support/scenes.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <functional>
+#include <mutex>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using qor::test::ending;
+using qor::test::play;
+using qor::test::scene;
+using qor::test::words;
+
+constexpr int numbers[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
+// Notes what it gets, in ways that only an ordinary thread may use.
+class recorder : public IQORSignalHandler {
+public:
+    explicit recorder(std::function<void(qorSignal)> act = {}) : m_act(std::move(act)) {}
+    virtual ~recorder() = default;
+
+    void AddRef() noexcept override { ++m_references; }
+    void Release() noexcept override { --m_references; }
+    int QueryInterface(const char*, void**) noexcept override { return 0; }
+
+    void Signal(qorSignal signal) noexcept override {
+        if (m_act)
+            m_act(signal);
+        const std::lock_guard hold(m_lock);
+        qorString text;
+        text.Printf("%u %s", static_cast<unsigned>(signal), std::string(2000, 'x').c_str());
+        m_signals.push_back(signal);
+        m_changed.notify_all();
+    }
+
+    // False: they did not come in time.
+    bool wait_for(std::size_t count) {
+        std::unique_lock hold(m_lock);
+        return m_changed.wait_for(hold, std::chrono::seconds(20), [&] { return m_signals.size() >= count; });
+    }
+
+    std::vector<qorSignal> signals() {
+        const std::lock_guard hold(m_lock);
+        return m_signals;
+    }
+
+    int references() const { return m_references; }
+
+private:
+    const std::function<void(qorSignal)> m_act;
+    std::atomic<int> m_references{0};
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    std::vector<qorSignal> m_signals;
+};
+
+void pause_for(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
+
+void (*disposition(int number))(int) {
+    struct sigaction now {};
+    sigaction(number, nullptr, &now);
+    return now.sa_handler;
+}
+
+// How the child, which runs `act`, ends: the exit code, or 128 and the signal.
+int in_child(const std::function<int()>& act) {
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(20); // a child that hangs ends as one killed by SIGALRM
+        _exit(act());
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void expect_success(const scene& which, const words& arguments = {}) {
+    const ending ended = play(which, arguments);
+    EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------- delivery
+
+namespace {
+
+// The thread that the system interrupts holds the lock that the handler needs. A handler that ran inside the
+// interruption would wait for ever.
+int act_not_inside_the_interruption(const words&) {
+    std::mutex lock;
+    recorder handler([&lock](qorSignal) { const std::lock_guard hold(lock); });
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    {
+        const std::lock_guard hold(lock);
+        raise(SIGINT);
+        pause_for(20);
+        EXPECT_EQ(handler.signals().size(), 0u);
+    }
+    EXPECT_TRUE(handler.wait_for(1));
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    return 0;
+}
+const scene not_inside_the_interruption{"signals_not_inside", act_not_inside_the_interruption};
+
+// raise() returns after the system has delivered, so none of these can merge with another.
+int act_bursts(const words&) {
+    recorder handler([](qorSignal) { pause_for(1); });
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    for (int round = 0; round < 100; ++round)
+        for (const int number : numbers)
+            raise(number);
+    EXPECT_TRUE(handler.wait_for(400));
+    pause_for(20);
+    const std::vector<qorSignal> got = handler.signals();
+    EXPECT_EQ(got.size(), 400u);
+    for (const qorSignal kind :
+         {qorSignal::interrupt, qorSignal::terminate, qorSignal::hangup, qorSignal::quit})
+        EXPECT_EQ(std::count(got.begin(), got.end(), kind), 100);
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    return 0;
+}
+const scene bursts{"signals_bursts", act_bursts};
+
+int act_system_calls(const words&) {
+    recorder handler;
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    const pthread_t me = pthread_self();
+    std::thread sender([me, &ends] {
+        pause_for(20);
+        pthread_kill(me, SIGINT);
+        pause_for(20);
+        EXPECT_EQ(write(ends[1], "x", 1), 1);
+    });
+    char byte = 0;
+    EXPECT_EQ(read(ends[0], &byte, 1), 1);
+    sender.join();
+    errno = ENOENT;
+    raise(SIGINT);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(handler.wait_for(2));
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    return 0;
+}
+const scene system_calls{"signals_system_calls", act_system_calls};
+
+} // namespace
+
+TEST(SignalsOfAProcess, come_outside_the_interruption) { expect_success(not_inside_the_interruption); }
+TEST(SignalsOfAProcess, of_a_burst_none_is_lost) { expect_success(bursts); }
+TEST(SignalsOfAProcess, do_not_disturb_system_calls) { expect_success(system_calls); }
+
+// ---------------------------------------------------------------- removal and replacement
+
+namespace {
+
+// Its last reference is given back slowly; a handler that is still touched afterwards would show.
+class slow_release : public recorder {
+public:
+    using recorder::recorder;
+    void Release() noexcept override {
+        pause_for(20);
+        recorder::Release();
+    }
+};
+
+int act_removal_is_the_end(const words&) {
+    for (int round = 0; round < 5; ++round) {
+        std::atomic<bool> inside{false};
+        slow_release handler([&](qorSignal) { inside = true; });
+        EXPECT_TRUE(qorSetSignalHandler(&handler));
+        raise(SIGINT);
+        while (!inside)
+            pause_for(1);
+        EXPECT_TRUE(qorSetSignalHandler(nullptr));
+        EXPECT_EQ(handler.references(), 0);
+    }
+    return 0;
+}
+const scene removal_is_the_end{"signals_removal_is_the_end", act_removal_is_the_end};
+
+int act_same_again(const words&) {
+    recorder handler;
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    EXPECT_EQ(handler.references(), 1);
+    raise(SIGINT);
+    EXPECT_TRUE(handler.wait_for(1));
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    EXPECT_EQ(handler.references(), 0);
+    return 0;
+}
+const scene same_again{"signals_same_again", act_same_again};
+
+// Between two handlers a signal must not find the process without one.
+int act_storm(const words&) {
+    recorder always;
+    EXPECT_TRUE(qorSetSignalHandler(&always));
+    std::atomic<bool> stop{false};
+    std::thread sender([&stop] {
+        while (!stop)
+            kill(getpid(), SIGTERM);
+    });
+    for (int round = 0; round < 300; ++round) {
+        recorder handler;
+        EXPECT_TRUE(qorSetSignalHandler(&handler));
+        EXPECT_TRUE(qorSetSignalHandler(&always));
+        EXPECT_EQ(handler.references(), 0);
+    }
+    stop = true;
+    sender.join();
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    return 0;
+}
+const scene storm{"signals_storm", act_storm};
+
+} // namespace
+
+TEST(SignalsOfAProcess, after_removal_nobody_touches_the_handler) { expect_success(removal_is_the_end); }
+TEST(SignalsOfAProcess, handlers_are_replaced_in_a_storm) { expect_success(storm); }
+TEST(SignalsOfAProcess, a_handler_may_be_set_again) { expect_success(same_again); }
+
+// ---------------------------------------------------------------- what the process had before
+
+namespace {
+
+int act_given_back(const words& arguments) {
+    recorder handler;
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    raise(std::stoi(arguments[0]));
+    return 0;
+}
+const scene given_back{"signals_given_back", act_given_back};
+
+int act_other_signals(const words&) {
+    recorder handler;
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    for (int number = 1; number < NSIG; ++number) {
+        if (std::find(std::begin(numbers), std::end(numbers), number) == std::end(numbers) &&
+            number != SIGSEGV && number != SIGBUS && number != SIGFPE && number != SIGILL &&
+            number != SIGABRT && number != SIGSYS) {
+            EXPECT_TRUE(disposition(number) == SIG_DFL) << number;
+        }
+    }
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    return 0;
+}
+const scene other_signals{"signals_others", act_other_signals};
+
+} // namespace
+
+TEST(SignalsOfAProcess, of_other_kinds_are_left_alone) { expect_success(other_signals); }
+
+TEST(SignalsOfAProcess, given_back_they_end_the_process) {
+    for (const int number : numbers)
+        EXPECT_EQ(play(given_back, {std::to_string(number)}).code, 128 + number);
+}
+
+// ---------------------------------------------------------------- forks
+
+namespace {
+
+int act_child_with_a_handler(const words& arguments) {
+    recorder of_the_parent;
+    EXPECT_TRUE(qorSetSignalHandler(&of_the_parent));
+    // A thread that still starts may hold a lock of the address sanitizer's allocator, which the child
+    // inherits.
+    raise(SIGTERM);
+    EXPECT_TRUE(of_the_parent.wait_for(1));
+    pause_for(20);
+    if (arguments[0] == "removed") {
+        EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    }
+    EXPECT_EQ(in_child([] {
+                  recorder handler;
+                  if (!qorSetSignalHandler(&handler))
+                      return 1;
+                  raise(SIGTERM);
+                  if (!handler.wait_for(1))
+                      return 2;
+                  return qorSetSignalHandler(nullptr) && handler.references() == 0 ? 0 : 3;
+              }),
+              0);
+    EXPECT_EQ(of_the_parent.signals().size(), 1u);
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    EXPECT_EQ(of_the_parent.references(), 0);
+    return 0;
+}
+const scene child_with_a_handler{"signals_child_with_a_handler", act_child_with_a_handler};
+
+int act_forked_during_a_call(const words&) {
+    std::atomic<bool> inside{false};
+    std::atomic<bool> go_on{false};
+    recorder handler([&](qorSignal) {
+        inside = true;
+        while (!go_on)
+            pause_for(1);
+    });
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    raise(SIGINT);
+    while (!inside)
+        pause_for(1);
+    EXPECT_EQ(in_child([] {
+                  qorCleanup();
+                  return 0;
+              }),
+              0);
+    go_on = true;
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    return 0;
+}
+const scene forked_during_a_call{"signals_forked_during_a_call", act_forked_during_a_call};
+
+int act_forked_inside(const words&) {
+    std::atomic<int> code{-1};
+    recorder handler([&](qorSignal) {
+        code = in_child([] {
+            recorder another;
+            if (!qorSetSignalHandler(&another))
+                return 1;
+            raise(SIGTERM);
+            if (!another.wait_for(1))
+                return 2;
+            qorCleanup();
+            return 0;
+        });
+    });
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    raise(SIGINT);
+    EXPECT_TRUE(handler.wait_for(1));
+    EXPECT_EQ(code, 0);
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    return 0;
+}
+const scene forked_inside{"signals_forked_inside", act_forked_inside};
+
+} // namespace
+
+// The thread sanitizer does not let a child of a process with threads start a thread.
+#if !defined(__SANITIZE_THREAD__)
+TEST(SignalsOfAProcess, a_child_may_set_a_handler_of_its_own) {
+    expect_success(child_with_a_handler, {"kept"});
+    expect_success(child_with_a_handler, {"removed"});
+}
+
+TEST(SignalsOfAProcess, a_child_may_be_forked_inside_a_call) { expect_success(forked_inside); }
+#endif
+
+TEST(SignalsOfAProcess, a_child_that_is_forked_during_a_call_can_clean_up) {
+    expect_success(forked_during_a_call);
+}
