@@ -15,6 +15,10 @@ add_library(qor_shipped INTERFACE)
 if(QOR_STATIC_RUNTIME)
     target_link_options(qor_shipped INTERFACE -static-libstdc++ -static-libgcc)
 endif()
+if(WIN32)
+    # There the run-time is not part of the system, so that every program brings its own, threads included.
+    target_link_options(qor_options INTERFACE -static)
+endif()
 target_link_options(qor_shipped INTERFACE LINKER:--gc-sections LINKER:-O1)
 
 # A client needs the headers and nothing else.

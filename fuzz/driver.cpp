@@ -6,16 +6,16 @@
 // seconds allow; where both are given, whichever ends first. The same seed gives the same mutations. On a
 // crash the input is left in the file "crash-input" of the current folder, to be replayed from a folder of
 // its own.
+#include "crash_input.h"
+
 #include <algorithm>
 #include <charconv>
 #include <chrono>
-#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -23,7 +23,6 @@
 #include <random>
 #include <string>
 #include <string_view>
-#include <unistd.h>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -44,36 +43,6 @@ namespace {
 constexpr std::size_t max_size = 1 << 16;
 
 std::string current_input;
-
-void leave_input() {
-    const int file = open("crash-input", O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    const char* at = current_input.data();
-    std::size_t left = current_input.size();
-    while (file >= 0 && left != 0) {
-        const ssize_t written = write(file, at, left);
-        if (written <= 0)
-            break;
-        at += written;
-        left -= static_cast<std::size_t>(written);
-    }
-    constexpr std::string_view said = "the input is in crash-input\n";
-    (void)!write(STDERR_FILENO, said.data(), said.size());
-}
-
-void leave_input_and_die(int signal_number) {
-    leave_input();
-    std::signal(signal_number, SIG_DFL);
-    std::raise(signal_number);
-}
-
-void catch_crashes() {
-    for (const int each : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) {
-        struct sigaction present;
-        // Where a sanitizer has the signal already, it has more to say of it, and ends with SIGABRT.
-        if (sigaction(each, nullptr, &present) == 0 && present.sa_handler == SIG_DFL)
-            std::signal(each, leave_input_and_die);
-    }
-}
 
 void run(std::string input) {
     current_input = std::move(input);
@@ -266,7 +235,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: %s CORPUS_DIR... [--runs=N] [--seconds=T] [--seed=S]\n", argv[0]);
         return 2;
     }
-    catch_crashes();
+    leave_input_on_crash(current_input);
     try {
         const std::uint64_t inputs = run_all(wanted);
         std::printf("%llu inputs, %s\n", static_cast<unsigned long long>(inputs),

@@ -15,6 +15,6 @@ constexpr qor::glue::binding_table table = {
 
 } // namespace
 
-extern "C" [[gnu::visibility("default")]] const qor::glue::binding_table* glue_binding_point() noexcept {
+extern "C" const qor::glue::binding_table* glue_binding_point() noexcept {
     return &table;
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Both streams of a replay in one place, a file or a terminal: lines stand in the order in which they were written.
 
-usage: one_place_test.py --tool PATH
+usage: one_place_test.py --tool PATH [--runner WORDS]
 """
 
 import argparse
@@ -12,6 +12,9 @@ import sys
 import tempfile
 import unittest
 from pathlib import Path
+
+sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
+from tool import Tool, add_options  # noqa: E402  # beside this folder
 
 # Findings between warnings and counters, so that any other order shows.
 LOG = b"".join([
@@ -44,14 +47,14 @@ class OnePlace(unittest.TestCase):
         (self.folder / "log").write_bytes(LOG)
 
     def run_tool(self, place):
-        code = subprocess.run([tool, "--quiet", "mtrace", "log"], cwd=self.folder, stdin=subprocess.DEVNULL,
+        code = subprocess.run([*tool.command, "--quiet", "mtrace", "log"], cwd=self.folder, stdin=subprocess.DEVNULL,
                               stdout=place, stderr=place, timeout=120).returncode
         self.assertEqual(code, 0)
 
     def test_a_file(self):
         with open(self.folder / "out", "wb") as out:
             self.run_tool(out)
-        self.assertEqual((self.folder / "out").read_bytes(), EXPECTED)
+        self.assertEqual(tool.printed((self.folder / "out").read_bytes()), EXPECTED)
 
     def test_a_terminal(self):
         ours, its = pty.openpty()
@@ -69,7 +72,7 @@ class OnePlace(unittest.TestCase):
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--tool", required=True, type=os.path.abspath)
+    add_options(parser)
     options, rest = parser.parse_known_args()
-    tool = options.tool
+    tool = Tool(options.tool, options.runner)
     unittest.main(argv=[sys.argv[0], *rest])

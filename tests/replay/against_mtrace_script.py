@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Compares qortool with the C library's own `mtrace` script on recorded logs.
 
-    against_mtrace_script.py --tool PATH LOG...
+    against_mtrace_script.py --tool PATH [--runner WORDS] LOG...
 
 Both must name the same leaked blocks, each with its address and size, and the same bad frees: in the
 whole log, and in its second half, a recording that began late and so holds many bad frees.
@@ -32,6 +32,9 @@ import re
 import subprocess
 import sys
 import tempfile
+
+sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+import tool as under_test  # noqa: E402  # beside this folder
 
 COMMON_LINE = re.compile(rb"@ \S+ (?:[+>] 0x[1-9a-f][0-9a-f]* (?:0x[0-9a-f]+|0)|[-<] 0x[1-9a-f][0-9a-f]*)$")
 
@@ -72,7 +75,7 @@ def compare(tool, title, lines, folder):
     duplicates = {int(number) for number in SCRIPT_DUPLICATE.findall(verdict)}
     kept = [line for number, line in enumerate(common, 1) if number not in duplicates]
     (folder / "tool").write_bytes(b"".join(line + b"\n" for line in kept))
-    report = run([tool, "--quiet", "mtrace", folder / "tool"], (0,))
+    report = tool.printed(run([*tool.command, "--quiet", "mtrace", folder / "tool"], (0,)))
 
     leaks = collections.Counter(
         (int(address, 16), int(size or b"0", 16) & 0xFFFFFFFF) for address, size in SCRIPT_LEAK.findall(verdict)
@@ -95,10 +98,10 @@ def compare(tool, title, lines, folder):
 
 def main():
     parser = argparse.ArgumentParser(description="Compares qortool with the C library's mtrace script.")
-    parser.add_argument("--tool", required=True, help="the qortool to test")
+    under_test.add_options(parser)
     parser.add_argument("logs", nargs="+", type=pathlib.Path, metavar="LOG")
     options = parser.parse_args()
-    tool = str(pathlib.Path(options.tool).resolve())
+    tool = under_test.Tool(options.tool, options.runner)
     results = []
     with tempfile.TemporaryDirectory() as name:
         for log in options.logs:

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs qortool and the plain replay over the same logs and requires equal bytes on both streams.
 
-    compare.py --tool PATH [--count N] [--seed S] [--keep FOLDER]
+    compare.py --tool PATH [--runner WORDS] [--count N] [--seed S] [--keep FOLDER]
 
 First the cases of corpus/: each folder holds an `mtrace` log, a `memcheck` log or both, and for at
 least one run the hand-checked bytes it must write, RUN.out and RUN.err, where RUN is `mtrace`,
@@ -19,6 +19,9 @@ import tempfile
 
 import generate
 import replay
+
+sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+import tool as under_test  # noqa: E402  # beside this folder
 
 CORPUS = pathlib.Path(__file__).resolve().parent / "corpus"
 RUNS = {
@@ -58,9 +61,9 @@ def show_difference(title, expected, actual, expected_name, actual_name):
 def run_tool(tool, action, paths):
     """(standard output, standard error, exit code) of one quiet run."""
     done = subprocess.run(
-        [tool, "--quiet", action, *paths], stdin=subprocess.DEVNULL, capture_output=True, timeout=TIMEOUT_SECONDS
+        [*tool.command, "--quiet", action, *paths], stdin=subprocess.DEVNULL, capture_output=True, timeout=TIMEOUT_SECONDS
     )
-    return done.stdout, done.stderr, done.returncode
+    return tool.printed(done.stdout), tool.printed(done.stderr), done.returncode
 
 
 def compare_run(tool, title, action, paths):
@@ -125,13 +128,13 @@ def compare_seed(tool, seed, keep):
 
 def main():
     parser = argparse.ArgumentParser(description="Compares qortool with the plain replay, byte for byte.")
-    parser.add_argument("--tool", required=True, help="the qortool to test")
+    under_test.add_options(parser)
     parser.add_argument("--count", type=int, default=600, help="how many generated pairs (default 600)")
     parser.add_argument("--seed", type=int, default=1, help="the first seed (default 1)")
     default = pathlib.Path(tempfile.gettempdir()) / "qor-replay"
     parser.add_argument("--keep", type=pathlib.Path, default=default, help=f"where pairs that differ go ({default})")
     options = parser.parse_args()
-    tool = str(pathlib.Path(options.tool).resolve())
+    tool = under_test.Tool(options.tool, options.runner)
 
     good, total = compare_corpus(tool)
     print(f"{good} of {total} corpus cases agree")

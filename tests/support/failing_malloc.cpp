@@ -1,10 +1,12 @@
 #include "support/failing_malloc.h"
 
+#include <atomic>
 #include <cstddef>
 
 namespace {
 
-thread_local bool s_failing = false;
+// Of all threads: a variable of one thread may itself need memory.
+std::atomic<bool> s_failing{false};
 
 } // namespace
 

@@ -4,7 +4,7 @@
 
 namespace qor::test {
 
-// While one lives, this thread's malloc fails.
+// While one lives, malloc fails.
 class failing_malloc {
 public:
     failing_malloc() noexcept;

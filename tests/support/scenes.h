@@ -21,22 +21,21 @@ private:
 };
 
 struct ending {
-    int code; // the exit code, or 128 and the signal that killed it
+    int code; // the exit code; where signals kill, 128 and the signal
     std::string out;
     std::string err;
 };
 
 // Runs a program to its end, with an environment in which nothing of the framework is set but `environment`
-// ("NAME=VALUE"). Standard input is empty.
+// ("NAME=VALUE"). Standard input is empty. In what it printed, a line end is one byte on every system.
 ending run(const words& command, const words& environment = {});
 
-// The command that plays a scene; behind "sh -c" its standard streams can be redirected.
+// Where the test program itself lies.
+std::string this_program();
+
+// The command that plays a scene.
 words command(const scene& which, const words& arguments = {});
 
 ending play(const scene& which, const words& arguments = {}, const words& environment = {});
-
-// The same with redirections as the shell writes them: ">&-".
-ending play_redirected(const scene& which, const std::string& redirections, const words& arguments = {},
-                       const words& environment = {});
 
 } // namespace qor::test

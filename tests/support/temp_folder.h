@@ -3,10 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
 #include <string_view>
 
@@ -20,9 +20,11 @@ inline std::string read_file(const std::filesystem::path& path) {
 
 class temp_folder {
 public:
-    temp_folder() : m_path(testing::TempDir() + "/qor.XXXXXX") {
-        if (mkdtemp(m_path.data()) == nullptr)
-            std::abort();
+    temp_folder() {
+        std::random_device random;
+        do
+            m_path = testing::TempDir() + "/qor." + std::to_string(random());
+        while (!std::filesystem::create_directory(m_path));
     }
     temp_folder(const temp_folder&) = delete;
     temp_folder& operator=(const temp_folder&) = delete;

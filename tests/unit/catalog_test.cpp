@@ -1,5 +1,6 @@
 #include "catalog/catalog.h"
 #include "qor/qor.h"
+#include "support/platform.h"
 
 #include <gtest/gtest.h>
 
@@ -10,22 +11,20 @@ using qor::catalog::expand;
 // What a stream got.
 class captured {
 public:
-    captured() : m_stream(open_memstream(&m_text, &m_size)) {}
+    captured() : m_stream(std::tmpfile()) {}
     captured(const captured&) = delete;
     captured& operator=(const captured&) = delete;
-    ~captured() {
-        std::fclose(m_stream);
-        std::free(m_text);
-    }
+    ~captured() { std::fclose(m_stream); }
     std::FILE* stream() const { return m_stream; }
     std::string text() const {
-        std::fflush(m_stream);
-        return {m_text, m_size};
+        std::rewind(m_stream);
+        std::string result;
+        for (int byte; (byte = std::getc(m_stream)) != EOF;)
+            result += static_cast<char>(byte);
+        return result;
     }
 
 private:
-    char* m_text = nullptr;
-    std::size_t m_size = 0;
     std::FILE* m_stream;
 };
 
@@ -176,7 +175,8 @@ TEST_F(catalog, a_missing_message_loses_nothing) {
 }
 
 TEST_F(catalog, a_stream_that_takes_nothing_is_told) {
-    std::FILE* const full = std::fopen("/dev/full", "w");
+    QOR_NEEDS_FULL_DISK();
+    std::FILE* const full = std::fopen(qor::test::full_disk, "w");
     ASSERT_NE(full, nullptr);
     std::setvbuf(full, nullptr, _IONBF, 0);
     EXPECT_FALSE(::fputmsg(full, "qortool", 65, true));

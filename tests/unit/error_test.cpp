@@ -1,5 +1,6 @@
 #include "catalog/catalog.h"
 #include "qor/qor.h"
+#include "support/platform.h"
 #include "support/scenes.h"
 
 #include <gtest/gtest.h>
@@ -239,7 +240,7 @@ TEST_F(error, a_report_names_the_process) {
 TEST_F(error, before_the_process_has_started_a_report_names_the_executable) {
     const qor::test::ending ended = qor::test::play(report, {"not"});
     EXPECT_EQ(ended.code, 0) << ended.out;
-    EXPECT_EQ(ended.err, std::string(program_invocation_short_name) + ": Cannot open 'f': r.\n");
+    EXPECT_EQ(ended.err, qor::test::program_name() + ": Cannot open 'f': r.\n");
 }
 
 TEST_F(error, messages_are_made_from_number_and_inserts) {

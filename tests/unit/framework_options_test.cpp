@@ -1,5 +1,6 @@
 // The options of the framework itself: each scene is a process of its own, for they are taken once.
 #include "qor/qor.h"
+#include "support/platform.h"
 #include "support/scenes.h"
 #include "support/temp_folder.h"
 
@@ -131,20 +132,21 @@ TEST_F(framework_options, the_allocation_log_goes_to_a_file) {
 TEST_F(framework_options, files_that_cannot_be_written_are_errors) {
     const std::string folder = m_folder / "";
     const std::string beyond = m_folder / "no/file";
+    const qor::test::reasons reasons = qor::test::system_reasons();
     for (const char* const name : {"--qor-memcheck", "--qor-debug-file"}) {
         expect_error({std::string(name) + '=' + beyond}, {},
                      "23 The file that '" + std::string(name) + "' names cannot be written: '" + beyond +
-                         "': No such file or directory.");
+                         "': " + reasons.no_folder + ".");
         expect_error({std::string(name) + '=' + folder}, {},
                      "23 The file that '" + std::string(name) + "' names cannot be written: '" + folder +
-                         "': Is a directory.");
+                         "': " + reasons.a_folder + ".");
     }
     expect_error({}, {"QOR_MEMCHECK=" + beyond},
                  "23 The file that 'QOR_MEMCHECK' names cannot be written: '" + beyond +
-                     "': No such file or directory.");
+                     "': " + reasons.no_folder + ".");
     expect_error({}, {"QOR_DEBUG_FILE=" + beyond},
                  "23 The file that 'QOR_DEBUG_FILE' names cannot be written: '" + beyond +
-                     "': No such file or directory.");
+                     "': " + reasons.no_folder + ".");
 }
 
 TEST_F(framework_options, a_value_that_is_no_language_is_an_error) {
@@ -178,7 +180,11 @@ TEST_F(framework_options, an_empty_variable_is_unset) {
 }
 
 TEST_F(framework_options, an_error_is_in_the_language_that_was_asked_for) {
-    const ending german = play(start, {"--qor-memcheck=/no/such/folder/file", "--qor-language=de"});
-    EXPECT_EQ(german.code, 1);
+    const std::string path = m_folder / "no/file";
+    const std::string option = "--qor-memcheck=" + path;
+    const ending english = play(start, {option});
+    const ending german = play(start, {option, "--qor-language=de"});
     EXPECT_TRUE(german.out.starts_with("23 ")) << german.out;
+    EXPECT_NE(german.out.find(path), std::string::npos) << german.out;
+    EXPECT_NE(german.out, english.out);
 }

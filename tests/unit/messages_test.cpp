@@ -56,7 +56,7 @@ std::vector<shipped_file> shipped_files() {
     for (const auto& entry : std::filesystem::directory_iterator(QOR_MESSAGES_DIR)) {
         const std::filesystem::path& path = entry.path();
         EXPECT_EQ(path.extension(), ".msg") << path;
-        files.push_back({path.stem().stem(), path.stem().extension().string().substr(1), path});
+        files.push_back({path.stem().stem().string(), path.stem().extension().string().substr(1), path});
     }
     std::ranges::sort(files, {}, &shipped_file::path);
     return files;
@@ -142,7 +142,7 @@ TEST(messages, each_file_has_exactly_the_numbers_of_english_in_order) {
 TEST(messages, no_text_of_a_file_falls_back) {
     for (const shipped_file& file : shipped_files()) {
         const auto messages = english(file.catalog);
-        const qor::catalog::translation texts = qor::catalog::load_catalog(file.path, messages);
+        const qor::catalog::translation texts = qor::catalog::load_catalog(file.path.string(), messages);
         ASSERT_EQ(texts.size(), messages.size()) << file.path;
         for (std::size_t i = 0; i < texts.size(); ++i)
             EXPECT_NE(texts[i], "") << file.path << ' ' << messages[i].number;

@@ -1,12 +1,9 @@
 #include "process/process.h"
 #include "qor/qor.h"
+#include "support/platform.h"
 #include "support/scenes.h"
-#include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 
@@ -123,7 +120,7 @@ TEST(process, a_cleanup_routine_must_be_one) {
 namespace {
 
 const scene names{"process_names", [](const words&) {
-    EXPECT_STREQ(qor::process::name(), program_invocation_short_name);
+    EXPECT_EQ(qor::process::name(), qor::test::program_name());
     qorStringArray args;
     EXPECT_TRUE(start({"word"}, args));
     EXPECT_STREQ(qor::process::name(), "watcher");
@@ -181,48 +178,4 @@ TEST(process, an_assertion_in_an_exit_handler_names_the_process) {
     const ending ended = play(late_assertion);
     EXPECT_EQ(ended.code, 0);
     EXPECT_EQ(ended.err, std::string(long_name) + ": assertion failed: expression, in function (file:7)\n");
-}
-
-// ---------------------------------------------------------------- closed standard streams
-
-namespace {
-
-// The first argument names the streams that the caller closed, the second is a file for the trace.
-const scene closed_streams{"process_closed_streams", [](const words& arguments) {
-    qorStringArray args;
-    EXPECT_TRUE(start({"--qor-debug-file=" + arguments[1], "--qor-debug=*"}, args));
-    const uint32 code = qorDebugAllocateCode("a.code");
-    qorDebug(code, "traced");
-    for (int stream = 0; stream <= 2; ++stream) {
-        EXPECT_NE(fcntl(stream, F_GETFD), -1) << stream;
-        if (arguments[0].find(static_cast<char>('0' + stream)) == std::string::npos)
-            continue;
-        // It is there but cannot be used, as its caller wanted it.
-        char byte = 'x';
-        if (stream == 0)
-            EXPECT_EQ(read(stream, &byte, 1), -1);
-        else
-            EXPECT_EQ(write(stream, &byte, 1), -1) << stream;
-    }
-    qorCleanup();
-    const int mine = open("/dev/null", O_RDONLY);
-    EXPECT_GT(mine, 2);
-    return 0;
-}};
-
-} // namespace
-
-TEST(process, closed_standard_streams_stay_useless_and_taken) {
-    const std::map<std::string, std::string> ways = {{"", ""},          {"0", "<&-"},         {"1", ">&-"},
-                                                     {"2", "2>&-"},     {"01", "<&- >&-"},    {"12", ">&- 2>&-"},
-                                                     {"02", "<&- 2>&-"}, {"012", "<&- >&- 2>&-"}};
-    for (const auto& [streams, redirections] : ways) {
-        const qor::test::temp_folder folder;
-        const std::string path = folder / "trace";
-        const ending ended = qor::test::play_redirected(closed_streams, redirections, {streams, path});
-        EXPECT_EQ(ended.code, 0) << streams << ended.out << ended.err;
-        const std::string trace = qor::test::read_file(path);
-        EXPECT_TRUE(trace.ends_with("a.code traced\n")) << streams << trace;
-        EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), 1) << streams << trace;
-    }
 }

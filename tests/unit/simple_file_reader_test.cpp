@@ -1,45 +1,22 @@
 #include "catalog/catalog.h"
-#include "qor/qor.h"
-#include "support/scenes.h"
-#include "support/temp_folder.h"
+#include "reader_support.h"
+#include "support/platform.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <random>
-#include <sys/stat.h>
-#include <thread>
-#include <unistd.h>
 
 namespace {
 
+using qor::test::last_error;
+using qor::test::make_reader;
+using qor::test::read_all;
+using qor::test::reader_pointer;
 using qor::test::temp_folder;
+using qor::test::view;
 using qor::test::words;
-using reader_pointer = zetSmartPointer<IQORSimpleFileReader>;
 
 constexpr std::size_t block = 256 * 1024; // the reader's own
-
-std::string view(const qorString& text) { return {text.Text(), text.Length()}; }
-
-std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return view(text);
-}
-
-reader_pointer make_reader() {
-    reader_pointer reader;
-    create_IQORSimpleFileReader(reader.Out());
-    return reader;
-}
-
-words read_all(IQORSimpleFileReader* reader) {
-    words lines;
-    qorString line("what was there before");
-    while (reader->ReadLine(line))
-        lines.push_back(view(line));
-    return lines;
-}
 
 // The plain way: what lies between line feeds, without a carriage return in front of them.
 words split(const std::string& bytes) {
@@ -129,39 +106,16 @@ TEST_F(simple_file_reader, a_folder_a_missing_file_and_an_empty_name) {
     const reader_pointer reader = make_reader();
     const std::string folder = m_folder / "";
     EXPECT_FALSE(reader->Open(folder.c_str(), 0));
-    EXPECT_EQ(last_error(), "Cannot open '" + folder + "': Is a directory.");
+    const qor::test::reasons reasons = qor::test::system_reasons();
+    EXPECT_EQ(last_error(), "Cannot open '" + folder + "': " + reasons.a_folder + ".");
     const std::string missing = m_folder / "missing";
     EXPECT_FALSE(reader->Open(missing.c_str(), 0));
-    EXPECT_EQ(last_error(), "Cannot open '" + missing + "': No such file or directory.");
+    EXPECT_EQ(last_error(), "Cannot open '" + missing + "': " + reasons.no_file + ".");
     EXPECT_FALSE(reader->Open("", 0));
-    EXPECT_EQ(last_error(), "Cannot open '': No such file or directory.");
+    EXPECT_EQ(last_error(), "Cannot open '': " + reasons.no_name + ".");
     const std::string beyond = m_folder.file("file", "x") + "/beyond";
     EXPECT_FALSE(reader->Open(beyond.c_str(), 0));
-    EXPECT_EQ(last_error(), "Cannot open '" + beyond + "': Not a directory.");
-}
-
-namespace {
-
-constexpr int nobody = 65534;
-
-// Rights mean nothing to a super-user, so the scene gives them up.
-const qor::test::scene unreadable{"reader_unreadable", [](const words& arguments) {
-    if (geteuid() == 0 && setuid(nobody) != 0)
-        return 1;
-    const reader_pointer reader = make_reader();
-    EXPECT_FALSE(reader->Open(arguments[0].c_str(), 0));
-    EXPECT_EQ(last_error(), "Cannot open '" + arguments[0] + "': Permission denied.");
-    return 0;
-}};
-
-} // namespace
-
-TEST_F(simple_file_reader, an_unreadable_file) {
-    const std::string path = m_folder.file("secret", "x");
-    ASSERT_EQ(chmod(path.c_str(), 0), 0);
-    ASSERT_EQ(chmod((m_folder / "").c_str(), 0755), 0);
-    const qor::test::ending ended = qor::test::play(unreadable, {path});
-    EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+    EXPECT_EQ(last_error(), "Cannot open '" + beyond + "': " + reasons.below_a_file + ".");
 }
 
 TEST_F(simple_file_reader, flags_are_refused) {
@@ -195,15 +149,6 @@ TEST_F(simple_file_reader, the_end_of_a_file_is_no_error_and_stays_the_end) {
     EXPECT_EQ(last_error(), "There is no error to report.");
 }
 
-TEST_F(simple_file_reader, a_read_error_is_the_last_error) {
-    const reader_pointer reader = make_reader();
-    // Opens, but its first page is not mapped.
-    ASSERT_TRUE(reader->Open("/proc/self/mem", 0));
-    qorString line;
-    EXPECT_FALSE(reader->ReadLine(line));
-    EXPECT_EQ(last_error(), "Cannot read '/proc/self/mem': Input/output error.");
-}
-
 TEST_F(simple_file_reader, a_second_open_begins_anew) {
     const reader_pointer reader = make_reader();
     const std::string first = m_folder.file("first", "a\nb\nc\n");
@@ -218,74 +163,6 @@ TEST_F(simple_file_reader, a_second_open_begins_anew) {
     EXPECT_EQ(view(line), "a");
     EXPECT_FALSE(reader->Open((m_folder / "missing").c_str(), 0));
     EXPECT_FALSE(reader->ReadLine(line));
-}
-
-TEST_F(simple_file_reader, the_last_release_closes_the_file) {
-    const std::string path = m_folder.file("text", "a\n");
-    const int free_before = open("/dev/null", O_RDONLY);
-    close(free_before);
-    {
-        const reader_pointer reader = make_reader();
-        ASSERT_TRUE(reader->Open(path.c_str(), 0));
-        ASSERT_TRUE(reader->Open(path.c_str(), 0));
-        EXPECT_EQ(fcntl(free_before, F_GETFD), FD_CLOEXEC);
-    }
-    EXPECT_EQ(fcntl(free_before, F_GETFD), -1);
-}
-
-TEST_F(simple_file_reader, a_pipe_that_is_fed_slowly) {
-    const std::string path = m_folder / "pipe";
-    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    std::thread writer([&path] {
-        const int pipe = open(path.c_str(), O_WRONLY);
-        for (const char* const piece : {"fir", "st\r", "\nsecond", "\n", "\nlast"}) {
-            EXPECT_GT(write(pipe, piece, std::strlen(piece)), 0);
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        close(pipe);
-    });
-    const reader_pointer reader = make_reader();
-    EXPECT_TRUE(reader->Open(path.c_str(), 0));
-    EXPECT_EQ(read_all(*reader), (words{"first", "second", "", "last"}));
-    writer.join();
-}
-
-TEST_F(simple_file_reader, a_line_of_a_pipe_comes_before_its_end) {
-    const std::string path = m_folder / "pipe";
-    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    // A pipe that the test holds open at both ends: nobody waits in open().
-    const int pipe = open(path.c_str(), O_RDWR);
-    const reader_pointer reader = make_reader();
-    ASSERT_TRUE(reader->Open(path.c_str(), 0));
-    qorString line;
-    for (const char* const text : {"one\n", "two\n"}) {
-        ASSERT_EQ(write(pipe, text, 4), 4);
-        EXPECT_TRUE(reader->ReadLine(line));
-        EXPECT_EQ(view(line), std::string(text, 3));
-    }
-    close(pipe);
-}
-
-namespace {
-
-const qor::test::scene standard_input{"reader_standard_input", [](const words&) {
-    const reader_pointer reader = make_reader();
-    EXPECT_TRUE(reader->Open("/dev/stdin", 0));
-    EXPECT_EQ(read_all(*reader), (words{"first", "second"}));
-    return 0;
-}};
-
-} // namespace
-
-TEST_F(simple_file_reader, standard_input) {
-    const std::string path = m_folder.file("text", "first\nsecond");
-    for (const std::string& redirection : {"<" + path, "< <(cat " + path + ")"}) {
-        words shell{"bash", "-c", "exec \"$@\" " + redirection, "bash"};
-        for (const std::string& word : qor::test::command(standard_input))
-            shell.push_back(word);
-        const qor::test::ending ended = qor::test::run(shell);
-        EXPECT_EQ(ended.code, 0) << redirection << ended.out << ended.err;
-    }
 }
 
 TEST_F(simple_file_reader, a_query_knows_two_names) {

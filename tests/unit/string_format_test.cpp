@@ -1,13 +1,13 @@
-#include "string_support.h"
+#include "format_support.h"
+#include "support/platform.h"
+#include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cinttypes>
 #include <climits>
-#include <filesystem>
 #include <fstream>
-#include <locale.h>
 #include <memory>
 
 using namespace std::string_literals;
@@ -45,45 +45,9 @@ std::vector<std::string> lines_of(const std::string& contents) {
     return lines;
 }
 
-// For formats that the compiler would warn of.
-void print(qorString& text, const char* format, ...) {
-    std::va_list arguments;
-    va_start(arguments, format);
-    text.PrintV(format, arguments);
-    va_end(arguments);
-}
-
 uint32 last_error() {
     qorString text;
     return qorGetLastError(text);
-}
-
-// A locale with a decimal comma, of the C library's own form, so that the test needs none to be installed.
-class comma_locale {
-public:
-    comma_locale() : m_folder(testing::TempDir() + "comma_locale") {
-        static constexpr char numeric[] =
-            "\x14\x11\x03\x20\x06\0\0\0\x20\0\0\0\x22\0\0\0\x24\0\0\0\x28\0\0\0\x2c\0\0\0\x30\0\0\0"
-            ",\0.\0\3\3\0\0,\0\0\0.\0\0\0ANSI_X3.4-1968";
-        std::filesystem::create_directories(m_folder + "/comma");
-        std::ofstream(m_folder + "/comma/LC_NUMERIC", std::ios::binary).write(numeric, sizeof numeric);
-        setenv("LOCPATH", m_folder.c_str(), 1);
-        setlocale(LC_NUMERIC, "comma");
-    }
-    ~comma_locale() {
-        setlocale(LC_NUMERIC, "C");
-        unsetenv("LOCPATH");
-        std::filesystem::remove_all(m_folder);
-    }
-
-private:
-    std::string m_folder;
-};
-
-bool decimal_comma_is_in_force() {
-    char text[16];
-    std::snprintf(text, sizeof text, "%.1f", 0.5);
-    return text == "0,5"s;
 }
 
 TEST(StringFormat, Numbers) {
@@ -158,34 +122,11 @@ TEST(StringFormat, WhatTheCLibraryRefusesLeavesItEmpty) {
     qorString text("before");
     text.Printf("%ls", L"\x20ac");
     EXPECT_TRUE(text.IsEmpty());
-    text = "before";
-    print(text, "%2147483648d", 1);
-    EXPECT_TRUE(text.IsEmpty());
-}
-
-void expect_results_of_the_c_locale() {
-    ASSERT_TRUE(decimal_comma_is_in_force());
-    qorString text;
-    print(text, "%.2f %'d %g", 3.5, 1234567, 0.25);
-    EXPECT_EQ(bytes(text), "3.50 1234567 0.25");
-    text.Printf("%2000.1f", 0.5);
-    EXPECT_EQ(bytes(text), std::string(1997, ' ') + "0.5");
-    EXPECT_TRUE(decimal_comma_is_in_force()) << "the caller's locale is not touched";
 }
 
 TEST(StringFormat, TheProcessesLocaleDoesNotChangeTheResult) {
-    const comma_locale comma;
+    const qor::test::comma_locale comma;
     expect_results_of_the_c_locale();
-    EXPECT_EQ(uselocale(nullptr), LC_GLOBAL_LOCALE);
-}
-
-TEST(StringFormat, TheThreadsLocaleDoesNotChangeTheResult) {
-    const comma_locale comma;
-    const locale_t own = duplocale(LC_GLOBAL_LOCALE);
-    uselocale(own);
-    expect_results_of_the_c_locale();
-    EXPECT_EQ(uselocale(LC_GLOBAL_LOCALE), own);
-    freelocale(own);
 }
 
 TEST(StringFormat, AgreesWithTheCLibrary) {
@@ -221,7 +162,8 @@ TEST(StringStream, PutWritesTheTextAsItIs) {
 }
 
 TEST(StringStream, PutSaysThatItCouldNot) {
-    const std::string path = testing::TempDir() + "string_put";
+    const qor::test::temp_folder folder;
+    const std::string path = folder / "file";
     std::ofstream(path) << "text";
     const stream file(std::fopen(path.c_str(), "r"));
     qorClearLastError();
@@ -232,7 +174,6 @@ TEST(StringStream, PutSaysThatItCouldNot) {
     qorClearLastError();
     EXPECT_FALSE(qorString().Put(file.get(), true));
     EXPECT_EQ(last_error(), qorError_cannot_write_file);
-    std::filesystem::remove(path);
 }
 
 TEST(StringStream, LinesAndTheirEnds) {
@@ -267,7 +208,8 @@ TEST(StringStream, TheLineBufferIsReused) {
 }
 
 TEST(StringStream, AReadErrorIsNotTheEndOfTheInput) {
-    const std::string path = testing::TempDir() + "string_get_line";
+    const qor::test::temp_folder folder;
+    const std::string path = folder / "file";
     const stream file(std::fopen(path.c_str(), "w"));
     qorString line("before");
     qorClearLastError();
@@ -278,7 +220,6 @@ TEST(StringStream, AReadErrorIsNotTheEndOfTheInput) {
     qorClearLastError();
     EXPECT_FALSE(line.GetLine(holding("").get()));
     EXPECT_EQ(last_error(), qorError_none);
-    std::filesystem::remove(path);
 }
 
 } // namespace

@@ -44,6 +44,14 @@ TEST(StringCompare, TheFirstBytes) {
     EXPECT_EQ(qorString("abcd").CompareN(end.get(), 3), 0);
 }
 
+// The C library's strcasecmp takes other bytes for letters on some systems.
+std::string lower_case(std::string text) {
+    for (char& c : text)
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+    return text;
+}
+
 TEST(StringCompare, AgreesWithTheCLibrary) {
     generator random(21);
     const std::string alphabet = "abAB_[\x80\xff";
@@ -55,7 +63,8 @@ TEST(StringCompare, AgreesWithTheCLibrary) {
         ASSERT_EQ(sign(text.Compare(right.c_str())), sign(std::strcmp(left.c_str(), right.c_str())));
         ASSERT_EQ(sign(text.CompareN(right.c_str(), count)),
                   sign(std::strncmp(left.c_str(), right.c_str(), count)));
-        ASSERT_EQ(sign(text.CompareNoCase(right.c_str())), sign(strcasecmp(left.c_str(), right.c_str())));
+        ASSERT_EQ(sign(text.CompareNoCase(right.c_str())),
+                  sign(std::strcmp(lower_case(left).c_str(), lower_case(right).c_str())));
     }
 }
 

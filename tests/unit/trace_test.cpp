@@ -1,4 +1,5 @@
 #include "qor/qor.h"
+#include "support/platform.h"
 #include "support/scenes.h"
 #include "support/temp_folder.h"
 
@@ -9,7 +10,6 @@
 #include <regex>
 #include <sstream>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -185,17 +185,14 @@ TEST_F(trace, a_line_holds_time_process_thread_and_code) {
     const std::string line = read_file(m_path);
     std::smatch match;
     ASSERT_TRUE(std::regex_match(line, match, std::regex(std::string(head_pattern) + "(.*)\n"))) << line;
-    std::tm utc{};
-    utc.tm_year = std::stoi(match[1]) - 1900;
-    utc.tm_mon = std::stoi(match[2]) - 1;
-    utc.tm_mday = std::stoi(match[3]);
-    utc.tm_hour = std::stoi(match[4]);
-    utc.tm_min = std::stoi(match[5]);
-    utc.tm_sec = std::stoi(match[6]);
-    EXPECT_GE(timegm(&utc), before);
-    EXPECT_LE(timegm(&utc), after);
-    EXPECT_EQ(match[7], std::to_string(getpid()));
-    EXPECT_EQ(match[8], std::to_string(gettid()));
+    const auto number = [&match](std::size_t index) { return std::stoi(match[index]); };
+    using namespace std::chrono;
+    const sys_seconds written = sys_days(year(number(1)) / number(2) / number(3)) + hours(number(4)) +
+                                minutes(number(5)) + seconds(number(6));
+    EXPECT_GE(system_clock::to_time_t(written), before);
+    EXPECT_LE(system_clock::to_time_t(written), after);
+    EXPECT_EQ(match[7], qor::test::process_id());
+    EXPECT_EQ(match[8], qor::test::thread_id());
     EXPECT_EQ(match[9], name + " text and 7");
 }
 
@@ -214,10 +211,11 @@ TEST_F(trace, texts_of_any_kind) {
 }
 
 TEST_F(trace, errno_and_the_last_error_are_left_alone) {
+    QOR_NEEDS_FULL_DISK();
     const std::string name = fresh_name("errno");
     const uint32 code = qorDebugAllocateCode(name.c_str());
     qorDebugEnableCode(name.c_str(), true);
-    ASSERT_TRUE(qorDebugAttachFile("/dev/full"));
+    ASSERT_TRUE(qorDebugAttachFile(qor::test::full_disk));
     qorClearLastError();
     errno = ENOENT;
     qorDebug(code, "%d", 1);

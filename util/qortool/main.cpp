@@ -1,6 +1,7 @@
 // The process entry: the framework's start and end around one action.
 //
 // Source names and lines in assertions and allocations are constants: reports compare across versions.
+#include "entry.h"
 #include "qortool_app.h"
 
 #include <cerrno>
@@ -27,7 +28,7 @@ int finish_output(int code) {
 
 } // namespace
 
-int main(int argc, char* const* argv) {
+int run_tool(int argc, char* const* argv) {
     qorStringArray args;
     args.SetFromArgVec(argc, argv);
     if (!qorInitProcess("qortool", args, 0)) {

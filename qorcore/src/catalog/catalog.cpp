@@ -4,12 +4,13 @@
 #include "catalog/inserts.h"
 #include "catalog/languages.h"
 #include "catalog/translations.h"
-#include "process/process.h"
+#include "catalog/user_settings.h"
 #include "process/resources.h"
 
 namespace {
 
 using qor::catalog::translations;
+using qor::catalog::user_setting;
 
 // Both are never destroyed: messages are printed until the process is gone, also by its last clean-up
 // routines.
@@ -19,7 +20,7 @@ translations& all_texts() {
 }
 
 std::vector<std::string>& wanted_languages() {
-    static auto& languages = *new auto(qor::catalog::languages_of_environment(&qor::process::environment));
+    static auto& languages = *new auto(qor::catalog::languages_of_environment(&user_setting));
     return languages;
 }
 

@@ -11,8 +11,11 @@ namespace qor::error {
 // At most ten inserts; the texts are copied.
 void set(qorErrorNumber number, std::initializer_list<const char*> inserts = {}) noexcept;
 
-// What the operating system says of one of its error codes (errno), in its own words.
+// What the operating system says of one of its error codes, in its own words.
 std::string system_reason(int code);
+
+// The system's code for what the C library's stream operation that was called last failed with.
+int stream_failure() noexcept;
 
 // An error whose last insert is the system's reason, as in cannot_open_file: subject, reason.
 void set_with_reason(qorErrorNumber number, const char* subject, int code) noexcept;

@@ -1,5 +1,6 @@
 #include "error/error.h"
 
+#include <cerrno>
 #include <cstring>
 
 std::string qor::error::system_reason(int code) {
@@ -7,3 +8,5 @@ std::string qor::error::system_reason(int code) {
     // The C library's GNU form returns the text, which need not lie in the buffer.
     return strerror_r(code, text, sizeof text);
 }
+
+int qor::error::stream_failure() noexcept { return errno; }

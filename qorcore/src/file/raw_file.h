@@ -1,8 +1,9 @@
-// Inside the library: unbuffered files, the seam to the operating system. Results are error codes of the system
-// (errno), 0 for success; qor::error::system_reason words them.
+// Inside the library: unbuffered files, the seam to the operating system. Results are error codes of the system, 0 for
+// success; qor::error::system_reason words them.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace qor::file {
 
@@ -28,7 +29,7 @@ public:
     int write(const void* bytes, std::size_t size) noexcept;
 
 private:
-    int m_handle = -1;
+    std::intptr_t m_handle = -1; // the system's
 };
 
 } // namespace qor::file

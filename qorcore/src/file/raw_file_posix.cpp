@@ -50,14 +50,14 @@ int qor::file::raw_file::open(const char* path, access how) noexcept {
 
 void qor::file::raw_file::close() noexcept {
     if (m_handle >= 0)
-        ::close(m_handle);
+        ::close(static_cast<int>(m_handle));
     m_handle = -1;
 }
 
 int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count) noexcept {
     ssize_t got;
     do
-        got = ::read(m_handle, bytes, size);
+        got = ::read(static_cast<int>(m_handle), bytes, size);
     while (got < 0 && errno == EINTR);
     *count = got > 0 ? static_cast<std::size_t>(got) : 0;
     return got < 0 ? errno : 0;
@@ -66,7 +66,7 @@ int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count)
 int qor::file::raw_file::write(const void* bytes, std::size_t size) noexcept {
     const char* at = static_cast<const char*>(bytes);
     while (size != 0) {
-        const ssize_t written = ::write(m_handle, at, size);
+        const ssize_t written = ::write(static_cast<int>(m_handle), at, size);
         if (written < 0 && errno == EINTR)
             continue;
         if (written < 0)

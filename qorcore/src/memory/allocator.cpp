@@ -82,7 +82,7 @@ void release(void* block, block_type type) noexcept {
         if (!note_end(block, type))
             return;
     }
-    std::free(block);
+    qor::memory::give_back(block);
 }
 
 // The old block ends before the C library can give its address to somebody else; if it stays, it begins again.
@@ -96,7 +96,7 @@ void* reallocate_tracked(void* block, uint64 size, const char* file, int line) {
         hold.unlock();
         return allocate(0, size, block_type::memory, file, line);
     }
-    void* const moved = std::realloc(block, size);
+    void* const moved = qor::memory::change_size(block, size);
     if (moved != nullptr)
         note_new(moved, size, old.type, file, line);
     else
@@ -159,7 +159,7 @@ void* qor::glue::qor_do_realloc(void* block, uint64 size, const char* file, int 
     const uint64 wanted = size != 0 ? size : 1;
     if (is_tracking()) [[unlikely]]
         return reallocate_tracked(block, wanted, file, line);
-    return std::realloc(block, wanted);
+    return qor::memory::change_size(block, wanted);
 }
 
 void qor::glue::qor_do_free(void* block, const char*, int) noexcept { release(block, block_type::memory); }

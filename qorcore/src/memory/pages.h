@@ -9,8 +9,12 @@ namespace qor::memory {
 void* map_pages(uint64 size) noexcept;
 void unmap_pages(void* pages, uint64 size) noexcept;
 
-// A block at a multiple of `alignment`, a power of two, that std::free takes back; null: no memory.
+// A block at a multiple of `alignment`, a power of two; null: no memory.
 void* allocate_aligned(uint64 alignment, uint64 size) noexcept;
+
+// std::realloc and std::free that take aligned blocks too. The new block is aligned for any type, no more.
+void* change_size(void* block, uint64 size) noexcept;
+void give_back(void* block) noexcept;
 
 // Has three routines called around every fork: in the parent before and after it, and in the child.
 void watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept, void (*in_child)() noexcept) noexcept;

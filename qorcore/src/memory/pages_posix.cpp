@@ -17,6 +17,10 @@ void* qor::memory::allocate_aligned(uint64 alignment, uint64 size) noexcept {
     return posix_memalign(&block, alignment, size) == 0 ? block : nullptr;
 }
 
+void* qor::memory::change_size(void* block, uint64 size) noexcept { return std::realloc(block, size); }
+
+void qor::memory::give_back(void* block) noexcept { std::free(block); }
+
 void qor::memory::watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept,
                               void (*in_child)() noexcept) noexcept {
     pthread_atfork(before, in_parent, in_child);

@@ -38,7 +38,7 @@ bool take_cleanup(cleanup_entry& entry) {
 } // namespace
 
 bool qor::glue::qorInitProcess(const char* name, qorStringArray& args, unsigned flags) noexcept {
-    qor::process::keep_standard_streams();
+    qor::process::set_up_standard_streams();
     qor::process::set_name(name);
     if (flags != 0) {
         qor::error::set(qorError_invalid_argument, {"qorInitProcess", "flags"});

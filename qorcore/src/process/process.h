@@ -19,7 +19,8 @@ std::string library_folder();
 // that its caller does not have.
 const char* environment(const char* variable) noexcept;
 
-// A standard stream that the caller closed must not become the next file that somebody opens.
-void keep_standard_streams() noexcept;
+// Makes the standard streams safe to print to: one that the caller closed must not become the next file that somebody
+// opens, and a console must take what comes for UTF-8.
+void set_up_standard_streams() noexcept;
 
 } // namespace qor::process

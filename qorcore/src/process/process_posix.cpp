@@ -36,7 +36,7 @@ const char* qor::process::environment(const char* variable) noexcept {
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
-void qor::process::keep_standard_streams() noexcept {
+void qor::process::set_up_standard_streams() noexcept {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
         // Opened the wrong way round, so that using the stream still fails as it should.
         if (fcntl(stream, F_GETFD) < 0 && errno == EBADF)

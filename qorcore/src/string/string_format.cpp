@@ -3,7 +3,6 @@
 #include "string/format_fixed.h"
 #include "string/string_data.h"
 
-#include <cerrno>
 #include <charconv>
 #include <cstring>
 
@@ -54,7 +53,7 @@ bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool new
     }
     if (std::fwrite(text, 1, length, stream) == length)
         return true;
-    qor::error::set_with_reason(qorError_cannot_write_file, "stream", errno);
+    qor::error::set_with_reason(qorError_cannot_write_file, "stream", qor::error::stream_failure());
     return false;
 }
 
@@ -73,7 +72,7 @@ bool qor::glue::qorString_GetLine(qorString* self, std::FILE* stream) noexcept {
         piece[used++] = static_cast<char>(byte);
     }
     if (byte == EOF && !std::feof(stream)) {
-        qor::error::set_with_reason(qorError_cannot_read_file, "stream", errno);
+        qor::error::set_with_reason(qorError_cannot_read_file, "stream", qor::error::stream_failure());
         self->Empty();
         return false;
     }

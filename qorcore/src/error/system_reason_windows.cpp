@@ -1,0 +1,23 @@
+#include "error/error.h"
+#include "string/wide_windows.h"
+
+#include <cstdlib>
+#include <windows.h>
+
+std::string qor::error::system_reason(int code) {
+    wchar_t text[512];
+    DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                                  static_cast<DWORD>(code), 0, text, sizeof text / sizeof *text, nullptr);
+    if (length == 0)
+        return "error " + std::to_string(code);
+    // The system ends its sentences with a full stop and a line end; here they become part of one.
+    while (length != 0 && (text[length - 1] <= L' ' || text[length - 1] == L'.'))
+        --length;
+    return string::from_wide({text, length});
+}
+
+int qor::error::stream_failure() noexcept {
+    // The C library keeps the system's code beside its own, unless it found the fault itself: then the stream was
+    // opened for something else, or is closed.
+    return _doserrno != 0 ? static_cast<int>(_doserrno) : ERROR_INVALID_HANDLE;
+}

@@ -1,0 +1,84 @@
+#include "file/raw_file.h"
+#include "string/wide_windows.h"
+
+#include <algorithm>
+#include <windows.h>
+
+namespace {
+
+// ERROR_DIRECTORY_NOT_SUPPORTED, younger than many a header.
+constexpr int operation_on_folder = 336;
+
+HANDLE as_handle(std::intptr_t value) noexcept { return reinterpret_cast<HANDLE>(value); }
+
+int last_error() noexcept { return static_cast<int>(GetLastError()); }
+
+// As much as the system takes in one call.
+DWORD piece(std::size_t size) noexcept { return static_cast<DWORD>(std::min<std::size_t>(size, 0x40000000)); }
+
+HANDLE open_handle(const wchar_t* path, qor::file::raw_file::access how) noexcept {
+    using access = qor::file::raw_file::access;
+    // Others may read, write and delete what is open here, as on every other system.
+    constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    switch (how) {
+    case access::read:
+        return CreateFileW(path, GENERIC_READ, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    case access::truncate:
+        return CreateFileW(path, GENERIC_WRITE, share, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    case access::append:
+        return CreateFileW(path, FILE_APPEND_DATA, share, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    }
+    return INVALID_HANDLE_VALUE;
+}
+
+bool is_folder(const wchar_t* path) noexcept {
+    const DWORD attributes = GetFileAttributesW(path);
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+} // namespace
+
+int qor::file::raw_file::open(const char* path, access how) noexcept {
+    close();
+    std::wstring wide;
+    if (!string::to_wide(path, wide))
+        return ERROR_INVALID_NAME;
+    const HANDLE handle = open_handle(wide.c_str(), how);
+    if (handle == INVALID_HANDLE_VALUE) {
+        const int reason = last_error();
+        // "Access denied" would send the user to look for rights that are not the matter.
+        return reason == ERROR_ACCESS_DENIED && is_folder(wide.c_str()) ? operation_on_folder : reason;
+    }
+    m_handle = reinterpret_cast<std::intptr_t>(handle);
+    return 0;
+}
+
+void qor::file::raw_file::close() noexcept {
+    if (is_open())
+        CloseHandle(as_handle(m_handle));
+    m_handle = -1;
+}
+
+int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count) noexcept {
+    DWORD got = 0;
+    *count = 0;
+    if (!ReadFile(as_handle(m_handle), bytes, piece(size), &got, nullptr)) {
+        const int reason = last_error();
+        // Nobody writes into the pipe any more: its end.
+        return reason == ERROR_BROKEN_PIPE || reason == ERROR_HANDLE_EOF ? 0 : reason;
+    }
+    *count = got;
+    return 0;
+}
+
+int qor::file::raw_file::write(const void* bytes, std::size_t size) noexcept {
+    const char* at = static_cast<const char*>(bytes);
+    while (size != 0) {
+        DWORD written = 0;
+        if (!WriteFile(as_handle(m_handle), at, piece(size), &written, nullptr))
+            return last_error();
+        at += written;
+        size -= written;
+    }
+    return 0;
+}

@@ -1,0 +1,84 @@
+#include "process/process.h"
+#include "string/wide_windows.h"
+
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <windows.h>
+
+namespace {
+
+// More than any path has.
+constexpr DWORD max_path = 32768;
+
+std::string module_path(HMODULE module) {
+    std::wstring path(max_path, L'\0');
+    path.resize(GetModuleFileNameW(module, path.data(), max_path));
+    return qor::string::from_wide(path);
+}
+
+// "C:\Tools\client.exe" is "client".
+std::string executable_name() {
+    std::string name = module_path(nullptr);
+    name.erase(0, name.find_last_of('\\') + 1);
+    return name.substr(0, name.find_last_of('.'));
+}
+
+// Never destroyed: exit handlers too report under this name.
+std::string& process_name() {
+    static std::string* const name = new std::string(executable_name());
+    return *name;
+}
+
+UINT console_before = 0;
+
+void restore_console() { SetConsoleOutputCP(console_before); }
+
+} // namespace
+
+const char* qor::process::name() noexcept { return process_name().c_str(); }
+void qor::process::set_name(const char* name) { process_name() = name; }
+
+unsigned long qor::process::process_id() noexcept { return GetCurrentProcessId(); }
+unsigned long qor::process::thread_id() noexcept { return GetCurrentThreadId(); }
+
+std::string qor::process::library_folder() {
+    HMODULE self = nullptr;
+    if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                            reinterpret_cast<const wchar_t*>(&qor::process::library_folder), &self))
+        return {};
+    const std::string path = module_path(self);
+    const std::size_t backslash = path.rfind('\\');
+    return backslash == std::string::npos ? std::string() : path.substr(0, backslash + 1);
+}
+
+const char* qor::process::environment(const char* variable) noexcept {
+    // The system's own variables are UTF-16. What was converted stays where it is until the variable changes, as it
+    // does in the C library's environment.
+    static std::mutex lock;
+    static auto& values = *new std::map<std::string, std::string>;
+    std::wstring name;
+    if (!string::to_wide(variable, name))
+        return nullptr;
+    std::wstring value(GetEnvironmentVariableW(name.c_str(), nullptr, 0), L'\0');
+    value.resize(GetEnvironmentVariableW(name.c_str(), value.data(), static_cast<DWORD>(value.size())));
+    if (value.empty())
+        return nullptr;
+    const std::string converted = string::from_wide(value);
+    const std::lock_guard hold(lock);
+    std::string& kept = values[variable];
+    if (kept != converted)
+        kept = converted;
+    return kept.c_str();
+}
+
+// No file takes the place of a closed stream here: handles are not numbered like that. But a console shows bytes as
+// its code page says, which is seldom UTF-8. The console belongs to the user: it gets its code page back.
+void qor::process::set_up_standard_streams() noexcept {
+    if (console_before != 0)
+        return;
+    console_before = GetConsoleOutputCP();
+    if (console_before == 0 || console_before == CP_UTF8 || !SetConsoleOutputCP(CP_UTF8))
+        return;
+    std::atexit(restore_console);
+}

@@ -1,0 +1,29 @@
+// UTF-8 from and to the system's UTF-16.
+#include "string/wide_windows.h"
+
+#include <windows.h>
+
+bool qor::string::to_wide(std::string_view text, std::wstring& out) {
+    out.clear();
+    if (text.empty())
+        return true;
+    if (text.find('\0') != text.npos)
+        return false;
+    // A character takes no more units of UTF-16 than bytes of UTF-8.
+    out.resize(text.size());
+    const int length = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()),
+                                           out.data(), static_cast<int>(out.size()));
+    out.resize(static_cast<std::size_t>(length));
+    return length != 0;
+}
+
+std::string qor::string::from_wide(std::wstring_view text) {
+    // And no unit takes more than three bytes.
+    std::string out(text.size() * 3, '\0');
+    const int length =
+        text.empty() ? 0
+                     : WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
+                                           static_cast<int>(out.size()), nullptr, nullptr);
+    out.resize(static_cast<std::size_t>(length));
+    return out;
+}

@@ -1,0 +1,27 @@
+#!/usr/bin/env python3
+"""Runs a program in a terminal of its own: some things exist only there, such as Ctrl-C.
+
+    in_terminal.py PROGRAM WORDS...
+
+Its standard input is the terminal; what it writes goes where ours does. The exit code is the program's.
+"""
+
+import os
+import pty
+import sys
+
+
+def main():
+    out, err = os.dup(1), os.dup(2)
+    child, terminal = pty.fork()
+    if child == 0:
+        os.dup2(out, 1)
+        os.dup2(err, 2)
+        os.execvp(sys.argv[1], sys.argv[1:])
+    code = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+    os.close(terminal)
+    return code
+
+
+if __name__ == "__main__":
+    sys.exit(main())

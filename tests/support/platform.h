@@ -1,0 +1,47 @@
+// What tests have to know of the system that they run on.
+#pragma once
+
+#include <string>
+
+namespace qor::test {
+
+std::string process_id();
+std::string thread_id(); // the calling thread's
+
+// Ctrl-C, sent to this process by itself.
+void interrupt_process();
+
+// The program's name as it is without being told.
+std::string program_name();
+
+// How the system words what went wrong with a path.
+struct reasons {
+    std::string no_file;   // the last part is not there
+    std::string no_folder; // a part before it is not there
+    std::string a_folder;  // it is a folder
+    std::string below_a_file;
+    std::string no_name; // an empty text
+};
+reasons system_reasons();
+
+// A file that takes no byte, as on a full disk. Null: this system has none.
+extern const char* const full_disk;
+
+// A locale whose decimal point is a comma, for as long as this object lives.
+class comma_locale {
+public:
+    comma_locale();
+    comma_locale(const comma_locale&) = delete;
+    comma_locale& operator=(const comma_locale&) = delete;
+    ~comma_locale();
+
+private:
+    std::string m_folder;
+};
+
+} // namespace qor::test
+
+// For tests of a full disk.
+#define QOR_NEEDS_FULL_DISK()                                                                                \
+    if (qor::test::full_disk == nullptr)                                                                     \
+    GTEST_SKIP() << "this system has no file that is always full"

@@ -1,0 +1,43 @@
+#include "support/platform.h"
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <filesystem>
+#include <windows.h>
+
+namespace {
+
+// Wine and Windows word them differently, and a Windows of another language differently again.
+std::string wording(DWORD code) {
+    char text[512];
+    DWORD length = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0, text,
+                                  sizeof text, nullptr);
+    if (length == 0)
+        return "error " + std::to_string(code);
+    while (length != 0 && (text[length - 1] == '\n' || text[length - 1] == '\r' || text[length - 1] == '.'))
+        --length;
+    return {text, length};
+}
+
+} // namespace
+
+std::string qor::test::process_id() { return std::to_string(GetCurrentProcessId()); }
+std::string qor::test::thread_id() { return std::to_string(GetCurrentThreadId()); }
+std::string qor::test::program_name() {
+    wchar_t self[MAX_PATH];
+    return std::filesystem::path(self, self + GetModuleFileNameW(nullptr, self, MAX_PATH)).stem().string();
+}
+
+void qor::test::interrupt_process() { EXPECT_NE(GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0), 0) << GetLastError(); }
+
+const char* const qor::test::full_disk = nullptr;
+
+qor::test::reasons qor::test::system_reasons() {
+    constexpr DWORD operation_on_folder = 336;
+    return {wording(ERROR_FILE_NOT_FOUND), wording(ERROR_PATH_NOT_FOUND), wording(operation_on_folder),
+            wording(ERROR_PATH_NOT_FOUND), wording(ERROR_PATH_NOT_FOUND)};
+}
+
+qor::test::comma_locale::comma_locale() { std::setlocale(LC_NUMERIC, "German_Germany.1252"); }
+qor::test::comma_locale::~comma_locale() { std::setlocale(LC_NUMERIC, "C"); }

@@ -1,0 +1,25 @@
+// The signals of POSIX and the application object's loop.
+#include "qortool_app.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+namespace {
+
+class app_under_test : public qortool_app {
+public:
+    using qortool_app::Signal;
+};
+
+TEST(QortoolApp, AfterTheLoopSignalsAreHandledAsBefore) {
+    zetSmartPointer<app_under_test> app;
+    app.AttachNew(new ("tests/tool/qortool_app_test_posix", __LINE__) app_under_test);
+    app->Signal(qorSignal::terminate);
+    EXPECT_TRUE(app->process_fifo());
+    struct sigaction now;
+    sigaction(SIGINT, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, SIG_DFL);
+}
+
+} // namespace

@@ -1,0 +1,226 @@
+// The allocation log where processes fork and disks can be made to fill up.
+#include "allocation_log_support.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using qor::test::log::allocation_log;
+using qor::test::log::events;
+using qor::test::log::here;
+using qor::test::log::start;
+using qor::test::log::tell;
+using qor::test::log::thing;
+using qor::test::log::work;
+using qor::test::log::story;
+using qor::test::ending;
+using qor::test::play;
+using qor::test::read_file;
+using qor::test::scene;
+using qor::test::words;
+
+using posix_allocation_log = allocation_log;
+
+} // namespace
+
+// ---------------------------------------------------------------- forks
+
+namespace {
+
+// The exit code of the child, which runs `act` and exits as a program does.
+template <class ACT>
+int in_child(ACT act, pid_t* process = nullptr) {
+    const pid_t child = fork();
+    if (child == 0)
+        std::exit(act());
+    if (process != nullptr)
+        *process = child;
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void* s_block;
+
+void* s_late;
+thing* s_object;
+
+void free_late() {
+    qor_do_free(s_late, here, 99);
+    s_object->Release();
+}
+
+const scene forks{"log_forks", [](const words& arguments) {
+    start(arguments[0]);
+    s_block = qor_do_malloc(0, 10, true, here, 1);
+    s_object = new (here, 2) thing("of.the.parent");
+    qor_do_free(qor_do_malloc(0, 30, true, here, 3), here, 99);
+    pid_t child = 0;
+    EXPECT_EQ(in_child(
+                  [] {
+                      qor_do_free(s_block, here, 99);
+                      s_object->Release();
+                      qor_do_free(qor_do_malloc(0, 40, true, here, 4), here, 99);
+                      return 0;
+                  },
+                  &child),
+              0);
+    EXPECT_EQ(rename((arguments[0] + '.' + std::to_string(child)).c_str(), (arguments[0] + ".child").c_str()), 0);
+    qor_do_free(s_block, here, 99);
+    qor_do_free(qor_do_malloc(0, 50, true, here, 5), here, 99);
+    s_object->Release();
+    return 0;
+}};
+
+const scene forks_between_threads{"log_forks_between_threads", [](const words& arguments) {
+    start(arguments[0]);
+    std::vector<std::thread> workers;
+    for (unsigned i = 0; i < 2; ++i)
+        workers.emplace_back(work, i, 20'000);
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(in_child([] {
+                      alarm(30); // instead of waiting for ever for a lock that nobody will open
+                      work(7, 50);
+                      return 0;
+                  }),
+                  0);
+    for (std::thread& each : workers)
+        each.join();
+    return 0;
+}};
+
+const scene fork_without_folder{"log_fork_without_folder", [](const words& arguments) {
+    start(arguments[0]);
+    const std::string folder = arguments[0].substr(0, arguments[0].rfind('/'));
+    EXPECT_EQ(rename(folder.c_str(), (folder + ".moved").c_str()), 0);
+    pid_t child = 0;
+    EXPECT_EQ(in_child(
+                  [] {
+                      work(7, 50);
+                      return 0;
+                  },
+                  &child),
+              0);
+    EXPECT_EQ(rename((folder + ".moved").c_str(), folder.c_str()), 0);
+    qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
+    std::printf("%d", child);
+    return 0;
+}};
+
+const scene fork_at_the_end{"log_fork_at_the_end", [](const words& arguments) {
+    std::atexit([] {
+        if (fork() == 0)
+            free_late();
+        else
+            wait(nullptr);
+    });
+    start(arguments[0]);
+    s_late = qor_do_malloc(0, 10, true, here, 1);
+    s_object = new (here, 2) thing;
+    return 0;
+}};
+
+std::vector<std::string> logs_of_children(const std::string& path) {
+    std::vector<std::string> result;
+    for (const auto& each : std::filesystem::directory_iterator(std::filesystem::path(path).parent_path()))
+        if (each.path() != path)
+            result.push_back(each.path());
+    return result;
+}
+
+} // namespace
+
+TEST_F(posix_allocation_log, a_child_goes_on_in_a_file_of_its_own) {
+    const std::string size = std::to_string(sizeof(thing));
+    EXPECT_EQ(story_of(forks).events, (events{"A 1 10 0", "A 2 " + size + " 1", "T 2 of.the.parent", "A 3 30 0",
+                                              "F 3 0", "F 1 0", "A 5 50 0", "F 5 0", "F 2 1"}));
+    const std::string log = read_file(m_path + ".child");
+    EXPECT_EQ(tell(log).events, (events{"A 1 10 0", "A 2 " + size + " 1", "T 2 of.the.parent", "F 1 0", "F 2 1",
+                                        "A 4 40 0", "F 4 0"}));
+    EXPECT_NE(log.substr(0, log.find('\n')), read_file(m_path).substr(0, log.find('\n')));
+    EXPECT_EQ(replay(m_path), "No leaks found\n");
+}
+
+// The address sanitizer's allocator does not let go of its own locks in a child.
+#if !defined(__SANITIZE_ADDRESS__)
+TEST_F(posix_allocation_log, children_are_forked_while_other_threads_allocate) {
+    // A child does not have the threads that would free their blocks, and the sanitizers do not know that.
+    const ending ended = play(forks_between_threads, {m_path}, {"ASAN_OPTIONS=detect_leaks=0", "TSAN_OPTIONS=report_thread_leaks=0"});
+    EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+    EXPECT_EQ(ended.err, "");
+    const story told = tell(read_file(m_path));
+    EXPECT_EQ(told.events, events{});
+    EXPECT_EQ(told.leaks, events{});
+    const std::vector<std::string> children = logs_of_children(m_path);
+    EXPECT_EQ(children.size(), 20u);
+    for (const std::string& path : children)
+        EXPECT_EQ(tell(read_file(path)).events, events{});
+}
+#endif
+
+TEST_F(posix_allocation_log, a_child_that_cannot_write_goes_on_without) {
+    std::filesystem::create_directory(m_folder / "sub");
+    const std::string path = m_folder / "sub/log";
+    const ending ended = play(fork_without_folder, {path});
+    EXPECT_EQ(ended.code, 0) << ended.out;
+    EXPECT_EQ(ended.err,
+              "program: the allocation log '" + path + "." + ended.out + "' ends here: No such file or directory\n");
+    EXPECT_EQ(tell(read_file(path)).events, (events{"A 1 10 0", "F 1 0"}));
+}
+
+TEST_F(posix_allocation_log, a_child_that_is_forked_at_the_very_end) {
+    play_scene(fork_at_the_end);
+    const std::vector<std::string> children = logs_of_children(m_path);
+    ASSERT_EQ(children.size(), 1u);
+    const std::string size = std::to_string(sizeof(thing));
+    EXPECT_EQ(tell(read_file(children[0])).events,
+              (events{"A 1 10 0", "A 2 " + size + " 1", "T 2 thing", "F 1 0", "F 2 1"}));
+}
+
+// ---------------------------------------------------------------- a log that cannot be written
+
+namespace {
+
+// So little that it is written only at the end.
+const scene little_work{"log_little_work", [](const words& arguments) {
+    start(arguments[0]);
+    work(1, 20);
+    return 0;
+}};
+
+const scene much_work{"log_much_work", [](const words& arguments) {
+    start(arguments[0]);
+    work(1, 20'000);
+    return 0;
+}};
+
+const scene full_later{"log_full_later", [](const words& arguments) {
+    start(arguments[0]);
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{100'000, 100'000};
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    work(1, 20'000);
+    return 0;
+}};
+
+} // namespace
+
+TEST_F(posix_allocation_log, a_full_disk_ends_the_log_and_not_the_process) {
+    for (const scene* each : {&much_work, &little_work}) {
+        const ending ended = play(*each, {"/dev/full"});
+        EXPECT_EQ(ended.code, 0) << ended.out;
+        EXPECT_EQ(ended.err, "program: the allocation log '/dev/full' ends here: No space left on device\n");
+    }
+}
+
+TEST_F(posix_allocation_log, a_disk_that_fills_up_leaves_what_was_written) {
+    const ending ended = play_scene(full_later);
+    EXPECT_EQ(ended.code, 0) << ended.out;
+    EXPECT_EQ(ended.err, "program: the allocation log '" + m_path + "' ends here: File too large\n");
+    EXPECT_GT(read_file(m_path).size(), 30'000u);
+}

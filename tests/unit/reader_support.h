@@ -1,0 +1,34 @@
+// What the tests of the line reader share.
+#pragma once
+
+#include "qor/qor.h"
+#include "support/scenes.h"
+#include "support/temp_folder.h"
+
+namespace qor::test {
+
+using reader_pointer = zetSmartPointer<IQORSimpleFileReader>;
+
+inline std::string view(const qorString& text) { return {text.Text(), text.Length()}; }
+
+inline std::string last_error() {
+    qorString text;
+    qorGetLastError(text);
+    return view(text);
+}
+
+inline reader_pointer make_reader() {
+    reader_pointer reader;
+    create_IQORSimpleFileReader(reader.Out());
+    return reader;
+}
+
+inline words read_all(IQORSimpleFileReader* reader) {
+    words lines;
+    qorString line("what was there before");
+    while (reader->ReadLine(line))
+        lines.push_back(view(line));
+    return lines;
+}
+
+} // namespace qor::test

@@ -1,0 +1,128 @@
+// The line reader and the files of POSIX: rights, descriptors, pipes.
+#include "reader_support.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using qor::test::last_error;
+using qor::test::make_reader;
+using qor::test::read_all;
+using qor::test::reader_pointer;
+using qor::test::view;
+using qor::test::words;
+
+class posix_file_reader : public testing::Test {
+protected:
+    const qor::test::temp_folder m_folder;
+};
+
+} // namespace
+
+namespace {
+
+constexpr int nobody = 65534;
+
+// Rights mean nothing to a super-user, so the scene gives them up.
+const qor::test::scene unreadable{"reader_unreadable", [](const words& arguments) {
+    if (geteuid() == 0 && setuid(nobody) != 0)
+        return 1;
+    const reader_pointer reader = make_reader();
+    EXPECT_FALSE(reader->Open(arguments[0].c_str(), 0));
+    EXPECT_EQ(last_error(), "Cannot open '" + arguments[0] + "': Permission denied.");
+    return 0;
+}};
+
+} // namespace
+
+TEST_F(posix_file_reader, an_unreadable_file) {
+    const std::string path = m_folder.file("secret", "x");
+    ASSERT_EQ(chmod(path.c_str(), 0), 0);
+    ASSERT_EQ(chmod((m_folder / "").c_str(), 0755), 0);
+    const qor::test::ending ended = qor::test::play(unreadable, {path});
+    EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+}
+
+TEST_F(posix_file_reader, a_read_error_is_the_last_error) {
+    const reader_pointer reader = make_reader();
+    // Opens, but its first page is not mapped.
+    ASSERT_TRUE(reader->Open("/proc/self/mem", 0));
+    qorString line;
+    EXPECT_FALSE(reader->ReadLine(line));
+    EXPECT_EQ(last_error(), "Cannot read '/proc/self/mem': Input/output error.");
+}
+
+TEST_F(posix_file_reader, the_last_release_closes_the_file) {
+    const std::string path = m_folder.file("text", "a\n");
+    const int free_before = open("/dev/null", O_RDONLY);
+    close(free_before);
+    {
+        const reader_pointer reader = make_reader();
+        ASSERT_TRUE(reader->Open(path.c_str(), 0));
+        ASSERT_TRUE(reader->Open(path.c_str(), 0));
+        EXPECT_EQ(fcntl(free_before, F_GETFD), FD_CLOEXEC);
+    }
+    EXPECT_EQ(fcntl(free_before, F_GETFD), -1);
+}
+
+TEST_F(posix_file_reader, a_pipe_that_is_fed_slowly) {
+    const std::string path = m_folder / "pipe";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    std::thread writer([&path] {
+        const int pipe = open(path.c_str(), O_WRONLY);
+        for (const char* const piece : {"fir", "st\r", "\nsecond", "\n", "\nlast"}) {
+            EXPECT_GT(write(pipe, piece, std::strlen(piece)), 0);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        close(pipe);
+    });
+    const reader_pointer reader = make_reader();
+    EXPECT_TRUE(reader->Open(path.c_str(), 0));
+    EXPECT_EQ(read_all(*reader), (words{"first", "second", "", "last"}));
+    writer.join();
+}
+
+TEST_F(posix_file_reader, a_line_of_a_pipe_comes_before_its_end) {
+    const std::string path = m_folder / "pipe";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    // A pipe that the test holds open at both ends: nobody waits in open().
+    const int pipe = open(path.c_str(), O_RDWR);
+    const reader_pointer reader = make_reader();
+    ASSERT_TRUE(reader->Open(path.c_str(), 0));
+    qorString line;
+    for (const char* const text : {"one\n", "two\n"}) {
+        ASSERT_EQ(write(pipe, text, 4), 4);
+        EXPECT_TRUE(reader->ReadLine(line));
+        EXPECT_EQ(view(line), std::string(text, 3));
+    }
+    close(pipe);
+}
+
+namespace {
+
+const qor::test::scene standard_input{"reader_standard_input", [](const words&) {
+    const reader_pointer reader = make_reader();
+    EXPECT_TRUE(reader->Open("/dev/stdin", 0));
+    EXPECT_EQ(read_all(*reader), (words{"first", "second"}));
+    return 0;
+}};
+
+} // namespace
+
+TEST_F(posix_file_reader, standard_input) {
+    const std::string path = m_folder.file("text", "first\nsecond");
+    for (const std::string& redirection : {"<" + path, "< <(cat " + path + ")"}) {
+        words shell{"bash", "-c", "exec \"$@\" " + redirection, "bash"};
+        for (const std::string& word : qor::test::command(standard_input))
+            shell.push_back(word);
+        const qor::test::ending ended = qor::test::run(shell);
+        EXPECT_EQ(ended.code, 0) << redirection << ended.out << ended.err;
+    }
+}
