@@ -1,6 +1,8 @@
 // What tests have to know of the system that they run on.
 #pragma once
 
+#include "support/temp_folder.h"
+
 #include <string>
 
 namespace qor::test {
@@ -36,7 +38,7 @@ public:
     ~comma_locale();
 
 private:
-    std::string m_folder;
+    temp_folder m_folder;
 };
 
 } // namespace qor::test

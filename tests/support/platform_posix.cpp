@@ -24,18 +24,17 @@ qor::test::reasons qor::test::system_reasons() {
 }
 
 // Of the C library's own form, so that none needs to be installed.
-qor::test::comma_locale::comma_locale() : m_folder(testing::TempDir() + "comma_locale") {
+qor::test::comma_locale::comma_locale() {
     static constexpr char numeric[] =
         "\x14\x11\x03\x20\x06\0\0\0\x20\0\0\0\x22\0\0\0\x24\0\0\0\x28\0\0\0\x2c\0\0\0\x30\0\0\0"
         ",\0.\0\3\3\0\0,\0\0\0.\0\0\0ANSI_X3.4-1968";
-    std::filesystem::create_directories(m_folder + "/comma");
-    std::ofstream(m_folder + "/comma/LC_NUMERIC", std::ios::binary).write(numeric, sizeof numeric);
-    setenv("LOCPATH", m_folder.c_str(), 1);
+    std::filesystem::create_directory(m_folder / "comma");
+    std::ofstream(m_folder / "comma/LC_NUMERIC", std::ios::binary).write(numeric, sizeof numeric);
+    setenv("LOCPATH", m_folder.path().c_str(), 1);
     std::setlocale(LC_NUMERIC, "comma");
 }
 
 qor::test::comma_locale::~comma_locale() {
     std::setlocale(LC_NUMERIC, "C");
     unsetenv("LOCPATH");
-    std::filesystem::remove_all(m_folder);
 }

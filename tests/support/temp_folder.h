@@ -33,6 +33,7 @@ public:
         std::filesystem::remove_all(m_path, ignored);
     }
 
+    const std::string& path() const { return m_path; }
     std::string operator/(std::string_view name) const { return m_path + '/' + std::string(name); }
 
     // A new file with these bytes; its path.

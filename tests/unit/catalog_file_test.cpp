@@ -1,9 +1,7 @@
 #include "catalog/catalog_file.h"
+#include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
 
 namespace {
 
@@ -22,18 +20,12 @@ const translation only_one = {"eins", "", "", ""};
 
 class catalog_on_disk : public testing::Test {
 protected:
-    catalog_on_disk() { std::filesystem::create_directories(folder); }
-    ~catalog_on_disk() override { std::filesystem::remove_all(folder); }
-
     std::string write(const char* name, const std::string& content) const {
-        std::ofstream(folder / name, std::ios::binary) << content;
-        return (folder / name).string();
+        return folder.file(name, content);
     }
     static translation load(const std::string& path) { return qor::catalog::load_catalog(path, english); }
 
-    const std::filesystem::path folder =
-        std::filesystem::path(testing::TempDir()) /
-        (std::string("qor_catalog_file_") + testing::UnitTest::GetInstance()->current_test_info()->name());
+    const qor::test::temp_folder folder;
 };
 
 } // namespace
@@ -137,8 +129,8 @@ TEST_F(catalog_on_disk, is_read_whole) {
 }
 
 TEST_F(catalog_on_disk, may_be_missing_or_no_file) {
-    EXPECT_EQ(load((folder / "missing.msg").string()), none);
-    EXPECT_EQ(load(folder.string()), none);
+    EXPECT_EQ(load(folder / "missing.msg"), none);
+    EXPECT_EQ(load(folder.path()), none);
     EXPECT_EQ(load(write("file", "1 eins") + "/below.msg"), none);
     EXPECT_EQ(load(write("empty.msg", "")), none);
 }

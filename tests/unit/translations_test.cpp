@@ -1,40 +1,35 @@
 #include "catalog/translations.h"
+#include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
 namespace {
 
 using languages = std::vector<std::string>;
 
-std::filesystem::path folder;
+const qor::test::temp_folder* folder;
 std::atomic<int> searches;
 
 std::string find_file(std::string_view name) {
     ++searches;
-    const std::filesystem::path path = folder / name;
-    return std::filesystem::exists(path) ? path.string() : std::string();
+    const std::string path = *folder / name;
+    return std::filesystem::exists(path) ? path : std::string();
 }
 
 class translations : public testing::Test {
 protected:
     translations() {
-        folder = std::filesystem::path(testing::TempDir()) /
-                 (std::string("qor_translations_") +
-                  testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::create_directories(folder);
+        folder = &files;
         searches = 0;
     }
-    ~translations() override { std::filesystem::remove_all(folder); }
 
-    static void write(const char* name, const char* content) {
-        std::ofstream(folder / name, std::ios::binary) << content;
-    }
+    static void write(const char* name, const char* content) { folder->file(name, content); }
 
+    const qor::test::temp_folder files;
     qor::catalog::translations texts{&find_file};
 };
 
@@ -91,7 +86,7 @@ TEST_F(translations, texts_stay_where_they_are) {
 TEST_F(translations, a_language_is_there_if_it_has_a_text) {
     write("qorcore.de.msg", "2 speicher\n");
     write("qortool.fr.msg", "nothing of use\n");
-    std::filesystem::create_directory(folder / "qortool.it.msg");
+    std::filesystem::create_directory(*folder / "qortool.it.msg");
     EXPECT_TRUE(texts.has("de"));
     EXPECT_FALSE(texts.has("fr"));
     EXPECT_FALSE(texts.has("it"));
