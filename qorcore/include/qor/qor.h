@@ -16,5 +16,6 @@
 #include "qor/system/StringArray.h"
 #include "qor/system/Types.h"
 #include "qor/system/Vector.h"
+#include "qor/system/mt/NumericArray_impl.h"
 #include "qor/system/template/Array.h"
 #include "qor/system/template/SmartPointer.h"
