@@ -3,6 +3,7 @@
 
 #include "qor/glue/binding.h"
 
+#include <initializer_list>
 #include <string_view>
 #include <utility>
 
@@ -17,23 +18,24 @@ consteval std::string_view type_name() {
     return text.substr(begin, end - begin);
 }
 
-// "<signature> [with TYPE = <name>]", made once per type at compile time: assertions name the function so.
-template <class TYPE, std::size_t SIZE>
-struct function_text {
-    char text[SIZE + sizeof " [with TYPE = ]" - 1 + type_name<TYPE>().size()];
+// A text put together at compile time; LENGTH is that of all parts.
+template <std::size_t LENGTH>
+struct joined_text {
+    char text[LENGTH + 1] = {};
 
-    consteval explicit function_text(const char (&signature)[SIZE]) {
+    consteval joined_text(std::initializer_list<std::string_view> parts) {
         char* at = text;
-        const auto put = [&at](std::string_view part) {
+        for (const std::string_view part : parts)
             for (const char c : part)
                 *at++ = c;
-        };
-        put({signature, SIZE - 1});
-        put(" [with TYPE = ");
-        put(type_name<TYPE>());
-        put("]");
-        *at = '\0';
     }
+};
+
+// "<signature> [with TYPE = <name>]": assertions name the functions of templates so.
+template <class TYPE, std::size_t SIZE>
+struct function_text : joined_text<SIZE - 1 + sizeof " [with TYPE = ]" - 1 + type_name<TYPE>().size()> {
+    consteval explicit function_text(const char (&signature)[SIZE])
+        : function_text::joined_text({{signature, SIZE - 1}, " [with TYPE = ", type_name<TYPE>(), "]"}) {}
 };
 
 inline constexpr char smart_pointer_file[] = "qorcore/include/qor/system/template/SmartPointer";
