@@ -6,6 +6,7 @@
 #include "qor/glue/impl_common.h"
 #include "qor/glue/primitives.h"
 #include "qor/system/Debug.h"
+#include "qor/system/Digest.h"
 #include "qor/system/Error.h"
 #include "qor/system/File.h"
 #include "qor/system/Interface.h"
@@ -18,4 +19,5 @@
 #include "qor/system/Vector.h"
 #include "qor/system/mt/NumericArray_impl.h"
 #include "qor/system/template/Array.h"
+#include "qor/system/template/Object.h"
 #include "qor/system/template/SmartPointer.h"

@@ -17,11 +17,13 @@
 
 class IQORDataSink;
 class IQORDataSource;
+class IQORDigestEngine;
 class IQORErrorBuilder;
 class IQORErrorMessage;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
 class qorDataBlock;
+class qorFile;
 class qorString;
 class qorStringArray;
 class qorVector;

@@ -1,13 +1,13 @@
-// Inside the library: a reference-counted implementation of one interface.
+// A reference-counted implementation of one interface: derive from it, and write the interface's own operations.
 #pragma once
 
-#include "qor/qor.h"
+#include "qor/glue/impl_common.h"
 
 #include <cstring>
 
 namespace qor {
 
-// `interface_name` is what a query may ask for, beside the root's name.
+// `interface_name` is what a query may ask for, beside the root's name. Both names are kept by pointer.
 template <class INTERFACE>
 class object : public qorRefObject, public INTERFACE {
 public:
