@@ -43,7 +43,7 @@ const char* const qor::test::full_disk = can_be_opened("Z:/dev/full") ? "Z:/dev/
 qor::test::reasons qor::test::system_reasons() {
     constexpr DWORD operation_on_folder = 336;
     return {wording(ERROR_FILE_NOT_FOUND), wording(ERROR_PATH_NOT_FOUND), wording(operation_on_folder),
-            wording(ERROR_PATH_NOT_FOUND), wording(ERROR_PATH_NOT_FOUND)};
+            wording(ERROR_PATH_NOT_FOUND), wording(ERROR_PATH_NOT_FOUND), wording(ERROR_DISK_FULL)};
 }
 
 qor::test::comma_locale::comma_locale() { std::setlocale(LC_NUMERIC, "German_Germany.1252"); }
