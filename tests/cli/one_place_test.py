@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Both streams of a replay in one place, a file or a terminal: lines stand in the order in which they were written.
 
-usage: one_place_test.py --tool PATH [--runner WORDS]
+usage: one_place_test.py --tool PATH [--runner PROGRAM]
 """
 
 import argparse

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs a Windows client with every kind of missing, damaged and misplaced libqor.dll, and looks at all that it does.
 
-    binding_test_windows.py --bin FOLDER --tool PATH --runner WORDS --compiler PATH --objdump PATH --include FOLDER
+    binding_test_windows.py --bin FOLDER --tool PATH --runner PROGRAM --compiler PATH --objdump PATH --include FOLDER
 
 FOLDER holds the client, libqor.dll and the libraries that are sound but wrong. What is said to the debugger is read
 from Wine, which prints it when it is asked to; a real Windows shows it to a debugger alone.
@@ -69,7 +69,7 @@ class Binding(unittest.TestCase):
         """((exit code, standard output), messages) of a run. `path` is put in front of the places where Windows looks."""
         environment = {**os.environ, "WINEDEBUG": "-all,warn+seh", "WINEPATH": path}
         more.setdefault("cwd", self.root)  # Windows looks in the current folder, too
-        run = subprocess.run([*options.runner.split("|"), client or self.client, *words], stdin=subprocess.DEVNULL,
+        run = subprocess.run([options.runner, client or self.client, *words], stdin=subprocess.DEVNULL,
                              capture_output=True, env=environment, timeout=120, **more)
         # Wine's own lines say which thread and what kind they are; the program prints nothing here.
         said = [line for line in run.stderr.splitlines() if not re.match(rb"[0-9a-f]{4}:", line)]
