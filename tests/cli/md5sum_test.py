@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Whole runs of `qortool md5sum` beside coreutils md5sum, and over files that are not what they seem.
 
-usage: md5sum_test.py --tool PATH [--runner WORDS]
+usage: md5sum_test.py --tool PATH [--runner PROGRAM]
 """
 
 import argparse

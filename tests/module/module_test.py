@@ -2,7 +2,7 @@
 """Runs clients with every kind of missing, damaged and misplaced module: what is wrong with it is an error of the
 operation that needs it, and never the end of the process.
 
-    module_test.py --bin FOLDER [--runner WORDS]
+    module_test.py --bin FOLDER [--runner PROGRAM]
 
 FOLDER holds libqor, in its folder "qor" the module qor-openssl, the clients digest and twice, and the libraries that are
 sound but wrong.
@@ -205,7 +205,7 @@ def main():
     global options
     parser = argparse.ArgumentParser()
     parser.add_argument("--bin", type=Path, required=True)
-    parser.add_argument("--runner", default="")
+    parser.add_argument("--runner", help="what starts the programs, where they are another system's")
     options = parser.parse_args()
     options.bin = options.bin.resolve()
     options.library, options.program = (".dll", ".exe") if options.runner else (".so", "")
