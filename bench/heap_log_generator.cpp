@@ -53,7 +53,7 @@ struct CallSite {
 // A log file that ends the program when it cannot be written.
 class Log {
 public:
-    explicit Log(const char* path) : m_path(path), m_file(std::fopen(path, "w")) {
+    explicit Log(const char* path) : m_path(path), m_file(std::fopen(path, "wb")) {
         if (m_file == nullptr)
             fail(path);
     }
@@ -146,9 +146,10 @@ private:
     }
 
     void allocated(void* block, size_t size, char code, const CallSite& site) {
-        m_mtrace.write("@ %s %c %p %#zx\n", site.caller.c_str(), code, block, size);
+        // As the C library of Linux writes them, wherever the log is made.
+        const auto address = reinterpret_cast<uintptr_t>(block);
+        m_mtrace.write("@ %s %c %#zx %#zx\n", site.caller.c_str(), code, address, size);
         if (m_memcheck != nullptr) {
-            const auto address = reinterpret_cast<uintptr_t>(block);
             m_memcheck->write("A %zx %zu 0 %s\n", address, size, site.source.c_str());
             if (percent(kTypedPercent))
                 m_memcheck->write("T %zx %s\n", address, site.type_name.c_str());
@@ -157,9 +158,10 @@ private:
     }
 
     void released(const void* block, char code, const CallSite& site) {
-        m_mtrace.write("@ %s %c %p\n", site.caller.c_str(), code, block);
+        const auto address = reinterpret_cast<uintptr_t>(block);
+        m_mtrace.write("@ %s %c %#zx\n", site.caller.c_str(), code, address);
         if (m_memcheck != nullptr)
-            m_memcheck->write("F %zx 0\n", reinterpret_cast<uintptr_t>(block));
+            m_memcheck->write("F %zx 0\n", address);
         ++m_lines;
     }
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Replays one generated heap log with qortool and with the C library's `mtrace` script, turn by turn.
 
-    replay.py --tool PATH --generator PATH [--lines N] [--live M] [--rounds R] [--seed S]
+    replay.py --tool PATH --generator PATH [--runner PROGRAM] [--lines N] [--live M] [--rounds R] [--seed S]
               [--brief] [--min-ratio X] [--max-bytes Y]
 
 Prints the medians, how many times faster qortool is, its lines per second, its peak memory, and how
@@ -47,6 +47,7 @@ def main():
     parser = argparse.ArgumentParser(description="Replay speed of qortool beside the C library's mtrace script.")
     parser.add_argument("--tool", required=True, type=pathlib.Path)
     parser.add_argument("--generator", required=True, type=pathlib.Path, help="the built heap_log_generator")
+    parser.add_argument("--runner", help="what starts these two, where they are another system's")
     parser.add_argument("--lines", type=int, help="lines of the log (default 5000000)")
     parser.add_argument("--live", type=int, help="live blocks it climbs to (default: a fifth of the lines)")
     parser.add_argument("--rounds", type=int, default=3)
@@ -58,22 +59,23 @@ def main():
     lines = options.lines or (BRIEF_LINES if options.brief else 5_000_000)
     live = options.live or lines // 5
     rounds = 1 if options.brief else options.rounds
+    start = [options.runner] if options.runner else []
 
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         log, memcheck_log = folder / "log.mtrace", folder / "log.memcheck"
         numbers = ["--lines", str(lines), "--live", str(live), "--seed", str(options.seed)]
         made = subprocess.run(
-            [options.generator.resolve(), *numbers, "--memcheck", memcheck_log, log],
+            [*start, options.generator.resolve(), *numbers, "--memcheck", memcheck_log, log],
             check=True,
             capture_output=True,
             text=True,
         )
         peak_live = int(re.search(r"peak_live (\d+)", made.stdout).group(1))
-        tool = str(options.tool.resolve())
+        tool = [*start, options.tool.resolve(), "--quiet", "mtrace"]
         commands = {
-            "qortool": [tool, "--quiet", "mtrace", log],
-            "joined": [tool, "--quiet", "mtrace", log, memcheck_log],
+            "qortool": [*tool, log],
+            "joined": [*tool, log, memcheck_log],
             "script": ["mtrace", log],
         }
         # Turn by turn, so that whatever else the machine does falls on all alike.

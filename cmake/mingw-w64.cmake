@@ -12,9 +12,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Debian keeps the 64-bit one out of the way. Without Wine there are no tests, but everything builds.
+# Without Wine there are no tests, but everything builds. Debian keeps the 64-bit one out of the way.
 find_program(QOR_WINE NAMES wine64 PATHS /usr/lib/wine)
 if(QOR_WINE)
-    set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/in-wine ${QOR_WINE}
-                                      ${CMAKE_BINARY_DIR}/wine)
+    set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/in-wine)
 endif()

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 r"""Runs the tool as a whole and compares what it prints, to the byte.
 
-    golden.py --tool PATH [--runner WORDS] [--update] [--list] [CASE...]
+    golden.py --tool PATH [--runner PROGRAM] [--update] [--list] [CASE...]
 
 A CASE is a group ("mtrace"), a case ("mtrace/empty-log") or nothing for all of them. Each case is one file
 cases/<group>/<name>.case, and is run in a fresh folder with a clean environment: once as written, and once

@@ -1,4 +1,3 @@
-#include "support/failing_malloc.h"
 #include "support/recording_table.h"
 
 #include <gtest/gtest.h>

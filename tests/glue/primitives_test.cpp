@@ -1,6 +1,6 @@
 // The locks, events and the counter. A test that something does NOT happen looks for a short while and can
 // miss a fault on a slow machine; it can never report one that is not there.
-#include "support/failing_malloc.h"
+#include "support/exhaustion.h"
 #include "support/recording_table.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@
 namespace {
 
 using qor::test::assertion;
-using qor::test::failing_malloc;
+using qor::test::refuse_next_request;
 using qor::test::recording_table;
 using calls = std::vector<std::string>;
 
@@ -92,7 +92,7 @@ TEST(FastMutex, ItsOwnerMayLockItAgainAndUnlocksItAsOften) {
 
 TEST(FastMutex, ReportsThatThereIsNoMemory) {
     recording_table table;
-    const failing_malloc failing;
+    refuse_next_request();
     qorFastMutex2 mutex;
     EXPECT_EQ(table.take(),
               calls{assertion("m_pCrit != NULL", "qorFastMutex2::qorFastMutex2()", windows_file, 147)});
@@ -104,7 +104,7 @@ TEST(FastMutex, ReportsThatThereIsNoMemory) {
 TEST(FastMutex, IsSilentWithoutATable) {
     recording_table table;
     EXPECT_TRUE(table.unbound([] {
-        const failing_malloc failing;
+        refuse_next_request();
         qorFastMutex2 mutex;
         mutex.Lock();
         mutex.Unlock();
@@ -295,7 +295,7 @@ TEST(Gate, WaitsAtLeastAsLongAsItsLimit) {
 
 TEST(Gate, ReportsWhatItCannotDo) {
     recording_table table;
-    const failing_malloc failing;
+    refuse_next_request();
     qorGate gate(true);
     EXPECT_EQ(table.take(), calls{assertion("m_event != NULL", "qorGate::qorGate(bool)", windows_file, 175)});
     gate.Open();
@@ -312,7 +312,7 @@ TEST(Gate, ReportsWhatItCannotDo) {
 TEST(Gate, IsSilentWithoutATable) {
     recording_table table;
     EXPECT_TRUE(table.unbound([] {
-        const failing_malloc failing;
+        refuse_next_request();
         qorGate gate(true);
         gate.Wait();
         EXPECT_FALSE(gate.Wait(1));
@@ -393,7 +393,7 @@ TEST(Trigger, TwoThreadsPassABallBackAndForth) {
 
 TEST(Trigger, ReportsWhatItCannotDo) {
     recording_table table;
-    const failing_malloc failing;
+    refuse_next_request();
     qorTrigger trigger(true);
     EXPECT_EQ(table.take(),
               calls{assertion("m_event != NULL", "qorTrigger::qorTrigger(bool)", windows_file, 214)});
@@ -409,7 +409,7 @@ TEST(Trigger, ReportsWhatItCannotDo) {
 TEST(Trigger, IsSilentWithoutATable) {
     recording_table table;
     EXPECT_TRUE(table.unbound([] {
-        const failing_malloc failing;
+        refuse_next_request();
         qorTrigger trigger(true);
         trigger.Wait();
         EXPECT_FALSE(trigger.Wait(1));

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Compares qortool with the C library's own `mtrace` script on recorded logs.
 
-    against_mtrace_script.py --tool PATH [--runner WORDS] LOG...
+    against_mtrace_script.py --tool PATH [--runner PROGRAM] LOG...
 
 Both must name the same leaked blocks, each with its address and size, and the same bad frees: in the
 whole log, and in its second half, a recording that began late and so holds many bad frees.

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs qortool and the plain replay over the same logs and requires equal bytes on both streams.
 
-    compare.py --tool PATH [--runner WORDS] [--count N] [--seed S] [--keep FOLDER]
+    compare.py --tool PATH [--runner PROGRAM] [--count N] [--seed S] [--keep FOLDER]
 
 First the cases of corpus/: each folder holds an `mtrace` log, a `memcheck` log or both, and for at
 least one run the hand-checked bytes it must write, RUN.out and RUN.err, where RUN is `mtrace`,

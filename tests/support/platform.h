@@ -23,6 +23,7 @@ struct reasons {
     std::string a_folder;  // it is a folder
     std::string below_a_file;
     std::string no_name; // an empty text
+    std::string full;    // no room is left on the disk
 };
 reasons system_reasons();
 

@@ -20,7 +20,7 @@ const char* const qor::test::full_disk = "/dev/full";
 
 qor::test::reasons qor::test::system_reasons() {
     return {"No such file or directory", "No such file or directory", "Is a directory", "Not a directory",
-            "No such file or directory"};
+            "No such file or directory", "No space left on device"};
 }
 
 // Of the C library's own form, so that none needs to be installed.

@@ -20,6 +20,12 @@ std::string wording(DWORD code) {
     return {text, length};
 }
 
+bool can_be_opened(const char* path) {
+    const HANDLE file = CreateFileA(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
+                                    nullptr);
+    return file != INVALID_HANDLE_VALUE && CloseHandle(file) != 0;
+}
+
 } // namespace
 
 std::string qor::test::process_id() { return std::to_string(GetCurrentProcessId()); }
@@ -31,12 +37,13 @@ std::string qor::test::program_name() {
 
 void qor::test::interrupt_process() { EXPECT_NE(GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0), 0) << GetLastError(); }
 
-const char* const qor::test::full_disk = nullptr;
+// Windows itself has none, but Wine shows the files of its host as a drive.
+const char* const qor::test::full_disk = can_be_opened("Z:/dev/full") ? "Z:/dev/full" : nullptr;
 
 qor::test::reasons qor::test::system_reasons() {
     constexpr DWORD operation_on_folder = 336;
     return {wording(ERROR_FILE_NOT_FOUND), wording(ERROR_PATH_NOT_FOUND), wording(operation_on_folder),
-            wording(ERROR_PATH_NOT_FOUND), wording(ERROR_PATH_NOT_FOUND)};
+            wording(ERROR_PATH_NOT_FOUND), wording(ERROR_PATH_NOT_FOUND), wording(ERROR_DISK_FULL)};
 }
 
 qor::test::comma_locale::comma_locale() { std::setlocale(LC_NUMERIC, "German_Germany.1252"); }

@@ -18,15 +18,13 @@ REASON = re.compile(b"|".join(map(re.escape, REASONS)))
 
 def add_options(parser):
     parser.add_argument("--tool", help="the program to run")
-    parser.add_argument("--runner", default="", help="the words, separated by '|', of what starts the program")
+    parser.add_argument("--runner", help="what starts the program, where it is another system's")
 
 
 class Tool:
-    """`runner` is what CMake calls an emulator: a list of words that come before the program."""
-
-    def __init__(self, path, runner=""):
+    def __init__(self, path, runner=None):
         self.path = Path(path).resolve()
-        self.command = [*filter(None, runner.split("|")), str(self.path)]
+        self.command = [*filter(None, [runner]), str(self.path)]
         self.for_windows = self.path.suffix == ".exe"
 
     def environment(self):

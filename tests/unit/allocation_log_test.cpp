@@ -1,4 +1,5 @@
 #include "allocation_log_support.h"
+#include "support/platform.h"
 
 #include <gtest/gtest.h>
 
@@ -283,4 +284,34 @@ TEST_F(allocation_log, lines_of_many_threads_are_whole_and_in_order) {
     EXPECT_EQ(told.events, events{});
     EXPECT_EQ(told.leaks, events{});
     EXPECT_EQ(replay(m_path), "No leaks found\n");
+}
+
+// ---------------------------------------------------------------- a log that cannot be written
+
+namespace {
+
+// So little that it is written only at the end.
+const scene little_work{"log_little_work", [](const words& arguments) {
+    start(arguments[0]);
+    work(1, 20);
+    return 0;
+}};
+
+const scene much_work{"log_much_work", [](const words& arguments) {
+    start(arguments[0]);
+    work(1, 20'000);
+    return 0;
+}};
+
+} // namespace
+
+TEST_F(allocation_log, a_full_disk_ends_the_log_and_not_the_process) {
+    QOR_NEEDS_FULL_DISK();
+    const std::string full = qor::test::full_disk;
+    for (const scene* each : {&much_work, &little_work}) {
+        const ending ended = play(*each, {full});
+        EXPECT_EQ(ended.code, 0) << ended.out;
+        EXPECT_EQ(ended.err, "program: the allocation log '" + full + "' ends here: " +
+                                 qor::test::system_reasons().full + "\n");
+    }
 }

@@ -1,4 +1,4 @@
-// The allocation log where processes fork and disks can be made to fill up.
+// The allocation log where processes fork and files have limits.
 #include "allocation_log_support.h"
 
 #include <csignal>
@@ -186,19 +186,6 @@ TEST_F(posix_allocation_log, a_child_that_is_forked_at_the_very_end) {
 
 namespace {
 
-// So little that it is written only at the end.
-const scene little_work{"log_little_work", [](const words& arguments) {
-    start(arguments[0]);
-    work(1, 20);
-    return 0;
-}};
-
-const scene much_work{"log_much_work", [](const words& arguments) {
-    start(arguments[0]);
-    work(1, 20'000);
-    return 0;
-}};
-
 const scene full_later{"log_full_later", [](const words& arguments) {
     start(arguments[0]);
     std::signal(SIGXFSZ, SIG_IGN);
@@ -209,14 +196,6 @@ const scene full_later{"log_full_later", [](const words& arguments) {
 }};
 
 } // namespace
-
-TEST_F(posix_allocation_log, a_full_disk_ends_the_log_and_not_the_process) {
-    for (const scene* each : {&much_work, &little_work}) {
-        const ending ended = play(*each, {"/dev/full"});
-        EXPECT_EQ(ended.code, 0) << ended.out;
-        EXPECT_EQ(ended.err, "program: the allocation log '/dev/full' ends here: No space left on device\n");
-    }
-}
 
 TEST_F(posix_allocation_log, a_disk_that_fills_up_leaves_what_was_written) {
     const ending ended = play_scene(full_later);

@@ -191,20 +191,6 @@ int act_removal_is_the_end(const words&) {
 }
 const scene removal_is_the_end{"signals_removal_is_the_end", act_removal_is_the_end};
 
-int act_same_again(const words&) {
-    recorder handler;
-    EXPECT_TRUE(qorSetSignalHandler(nullptr));
-    EXPECT_TRUE(qorSetSignalHandler(&handler));
-    EXPECT_TRUE(qorSetSignalHandler(&handler));
-    EXPECT_EQ(handler.references(), 1);
-    raise(SIGINT);
-    EXPECT_TRUE(handler.wait_for(1));
-    EXPECT_TRUE(qorSetSignalHandler(nullptr));
-    EXPECT_EQ(handler.references(), 0);
-    return 0;
-}
-const scene same_again{"signals_same_again", act_same_again};
-
 // Between two handlers a signal must not find the process without one.
 int act_storm(const words&) {
     recorder always;
@@ -231,7 +217,6 @@ const scene storm{"signals_storm", act_storm};
 
 TEST(SignalsOfAProcess, after_removal_nobody_touches_the_handler) { expect_success(removal_is_the_end); }
 TEST(SignalsOfAProcess, handlers_are_replaced_in_a_storm) { expect_success(storm); }
-TEST(SignalsOfAProcess, a_handler_may_be_set_again) { expect_success(same_again); }
 
 // ---------------------------------------------------------------- what the process had before
 

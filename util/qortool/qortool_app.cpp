@@ -44,7 +44,7 @@ const qortool_app::action_row qortool_app::s_actions[] = {
     {"pwcrypt", nullptr, 23, 24},
     {"ttyinfo", nullptr, 25, 26},
     {"list-serial", nullptr, 54, 55},
-    {"md5sum", nullptr, 27, 28},
+    {"md5sum", &qortool_app::func_md5sum, 27, 28},
     {"lookup", nullptr, 29, 30},
     {"userinfo", nullptr, 59, 60},
     {"timer-check", nullptr, 44, 45},

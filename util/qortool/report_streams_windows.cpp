@@ -9,7 +9,7 @@ bool is_console(HANDLE stream) noexcept {
     return GetConsoleMode(stream, &mode) != 0;
 }
 
-// Two handles of one open file or pipe, as the shell makes them for "2>&1". Not every system of today can tell.
+// Two handles of one open file or pipe, as the shell makes them for "2>&1". Windows 10 is the first that can tell.
 bool is_same_object(HANDLE a, HANDLE b) noexcept {
     using compare = BOOL(WINAPI*)(HANDLE, HANDLE);
     const auto function = reinterpret_cast<compare>(
@@ -17,18 +17,10 @@ bool is_same_object(HANDLE a, HANDLE b) noexcept {
     return function != nullptr && function(a, b) != 0;
 }
 
-bool is_same_file(HANDLE a, HANDLE b) noexcept {
-    BY_HANDLE_FILE_INFORMATION first;
-    BY_HANDLE_FILE_INFORMATION second;
-    return GetFileInformationByHandle(a, &first) != 0 && GetFileInformationByHandle(b, &second) != 0 &&
-           first.dwVolumeSerialNumber == second.dwVolumeSerialNumber &&
-           first.nFileIndexHigh == second.nFileIndexHigh && first.nFileIndexLow == second.nFileIndexLow;
-}
-
 } // namespace
 
 bool streams_share_a_place() {
     const HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
     const HANDLE err = GetStdHandle(STD_ERROR_HANDLE);
-    return (is_console(out) && is_console(err)) || is_same_object(out, err) || is_same_file(out, err);
+    return (is_console(out) && is_console(err)) || is_same_object(out, err);
 }

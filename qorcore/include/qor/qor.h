@@ -7,6 +7,7 @@
 #include "qor/glue/primitives.h"
 #include "qor/system/Colour.h"
 #include "qor/system/Debug.h"
+#include "qor/system/Digest.h"
 #include "qor/system/Error.h"
 #include "qor/system/File.h"
 #include "qor/system/Geometry.h"
@@ -22,4 +23,5 @@
 #include "qor/system/Vector.h"
 #include "qor/system/mt/NumericArray_impl.h"
 #include "qor/system/template/Array.h"
+#include "qor/system/template/Object.h"
 #include "qor/system/template/SmartPointer.h"

@@ -115,6 +115,7 @@ constexpr message qorcore[] = {
     {1024, "The action '{1}' is not in this build."},
     {1030, "'{1}' is not the name of a language"},
     {1031, "it names no language"},
+    {1040, "it is no library, or only a part of one"},
 };
 
 constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}};

@@ -3,7 +3,7 @@
 
 #include "catalog/catalog.h"
 #include "error/error_state.h"
-#include "object.h"
+#include "qor/system/template/Object.h"
 
 #include <algorithm>
 #include <iterator>

@@ -1,7 +1,7 @@
 // Errors as objects.
 #include "catalog/catalog.h"
 #include "error/error_state.h"
-#include "object.h"
+#include "qor/system/template/Object.h"
 #include "process/process.h"
 
 namespace {

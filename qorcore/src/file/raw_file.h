@@ -9,7 +9,11 @@ namespace qor::file {
 
 class raw_file {
 public:
-    enum class access { read, truncate, append };
+    // `positions` is reading at any place: of files on a disk only, not of pipes and devices.
+    enum class access { read, positions, truncate, append };
+
+    // What open() returns for `positions` of something else.
+    static const int no_positions;
 
     raw_file() noexcept = default;
     raw_file(const raw_file&) = delete;
@@ -24,6 +28,11 @@ public:
 
     // Up to `size` bytes; *count 0 is the end of the file.
     int read(void* bytes, std::size_t size, std::size_t* count) noexcept;
+
+    // The same from a place of choice; less than `size` only at the end of the file.
+    int read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept;
+
+    int size(std::uint64_t* bytes) noexcept;
 
     // All of them, however many calls it takes.
     int write(const void* bytes, std::size_t size) noexcept;

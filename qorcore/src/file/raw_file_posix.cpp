@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +13,8 @@ int open_flags(qor::file::raw_file::access how) noexcept {
     switch (how) {
     case access::read:
         return O_RDONLY;
+    case access::positions:
+        return O_RDONLY | O_NONBLOCK; // never waits for the other end of a pipe
     case access::truncate:
         return O_WRONLY | O_CREAT | O_TRUNC;
     case access::append:
@@ -20,10 +23,23 @@ int open_flags(qor::file::raw_file::access how) noexcept {
     return O_RDONLY;
 }
 
+// Opening is an act on its own for a device, and a pipe notices: they are looked at from outside.
+int reason_against_positions(const struct stat& status) noexcept {
+    if (S_ISDIR(status.st_mode))
+        return EISDIR;
+    return S_ISREG(status.st_mode) ? 0 : qor::file::raw_file::no_positions;
+}
+
 } // namespace
+
+const int qor::file::raw_file::no_positions = ESPIPE;
 
 int qor::file::raw_file::open(const char* path, access how) noexcept {
     close();
+    struct stat status;
+    if (how == access::positions && stat(path, &status) == 0)
+        if (const int reason = reason_against_positions(status))
+            return reason;
     int handle;
     do
         handle = ::open(path, open_flags(how) | O_CLOEXEC | O_NOCTTY, 0666);
@@ -39,10 +55,16 @@ int qor::file::raw_file::open(const char* path, access how) noexcept {
             return reason;
         handle = moved;
     }
-    struct stat status;
-    if (fstat(handle, &status) == 0 && S_ISDIR(status.st_mode)) {
+    int reason = 0;
+    if (fstat(handle, &status) != 0)
+        reason = errno;
+    else if (how == access::positions)
+        reason = reason_against_positions(status);
+    else if (S_ISDIR(status.st_mode))
+        reason = EISDIR;
+    if (reason != 0) {
         ::close(handle);
-        return EISDIR;
+        return reason;
     }
     m_handle = handle;
     return 0;
@@ -61,6 +83,32 @@ int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count)
     while (got < 0 && errno == EINTR);
     *count = got > 0 ? static_cast<std::size_t>(got) : 0;
     return got < 0 ? errno : 0;
+}
+
+int qor::file::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept {
+    // Beyond that a file has no places.
+    constexpr std::uint64_t end = std::numeric_limits<off_t>::max();
+    char* const begin = static_cast<char*>(bytes);
+    for (*count = 0; *count < size && offset + *count <= end;) {
+        const ssize_t got = pread(static_cast<int>(m_handle), begin + *count, size - *count,
+                                  static_cast<off_t>(offset + *count));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return errno;
+        if (got == 0)
+            break;
+        *count += static_cast<std::size_t>(got);
+    }
+    return 0;
+}
+
+int qor::file::raw_file::size(std::uint64_t* bytes) noexcept {
+    struct stat status;
+    if (fstat(static_cast<int>(m_handle), &status) != 0)
+        return errno;
+    *bytes = static_cast<std::uint64_t>(status.st_size);
+    return 0;
 }
 
 int qor::file::raw_file::write(const void* bytes, std::size_t size) noexcept {

@@ -22,6 +22,7 @@ HANDLE open_handle(const wchar_t* path, qor::file::raw_file::access how) noexcep
     constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     switch (how) {
     case access::read:
+    case access::positions:
         return CreateFileW(path, GENERIC_READ, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     case access::truncate:
         return CreateFileW(path, GENERIC_WRITE, share, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -38,6 +39,8 @@ bool is_folder(const wchar_t* path) noexcept {
 
 } // namespace
 
+const int qor::file::raw_file::no_positions = ERROR_SEEK_ON_DEVICE;
+
 int qor::file::raw_file::open(const char* path, access how) noexcept {
     close();
     std::wstring wide;
@@ -48,6 +51,10 @@ int qor::file::raw_file::open(const char* path, access how) noexcept {
         const int reason = last_error();
         // "Access denied" would send the user to look for rights that are not the matter.
         return reason == ERROR_ACCESS_DENIED && is_folder(wide.c_str()) ? operation_on_folder : reason;
+    }
+    if (how == access::positions && GetFileType(handle) != FILE_TYPE_DISK) {
+        CloseHandle(handle);
+        return no_positions;
     }
     m_handle = reinterpret_cast<std::intptr_t>(handle);
     return 0;
@@ -68,6 +75,32 @@ int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count)
         return reason == ERROR_BROKEN_PIPE || reason == ERROR_HANDLE_EOF ? 0 : reason;
     }
     *count = got;
+    return 0;
+}
+
+int qor::file::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept {
+    char* const begin = static_cast<char*>(bytes);
+    for (*count = 0; *count < size;) {
+        OVERLAPPED place{};
+        place.Offset = static_cast<DWORD>(offset + *count);
+        place.OffsetHigh = static_cast<DWORD>((offset + *count) >> 32);
+        DWORD got = 0;
+        if (!ReadFile(as_handle(m_handle), begin + *count, piece(size - *count), &got, &place)) {
+            const int reason = last_error();
+            return reason == ERROR_HANDLE_EOF ? 0 : reason;
+        }
+        if (got == 0)
+            break;
+        *count += got;
+    }
+    return 0;
+}
+
+int qor::file::raw_file::size(std::uint64_t* bytes) noexcept {
+    LARGE_INTEGER size;
+    if (!GetFileSizeEx(as_handle(m_handle), &size))
+        return last_error();
+    *bytes = static_cast<std::uint64_t>(size.QuadPart);
     return 0;
 }
 

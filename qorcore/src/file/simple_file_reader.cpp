@@ -2,7 +2,7 @@
 #include "error/error.h"
 #include "file/raw_file.h"
 #include "memory/allocator.h"
-#include "object.h"
+#include "qor/system/template/Object.h"
 
 #include <algorithm>
 #include <cstring>

@@ -17,6 +17,7 @@
 
 class IQORDataSink;
 class IQORDataSource;
+class IQORDigestEngine;
 class IQORErrorBuilder;
 class IQORErrorMessage;
 class IQORMemoryDataSink;
@@ -24,6 +25,7 @@ class IQORMemoryDataSource;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
 class qorDataBlock;
+class qorFile;
 class qorRational;
 class qorString;
 class qorStringArray;

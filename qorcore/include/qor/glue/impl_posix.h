@@ -19,6 +19,21 @@
 
 namespace qor::glue {
 
+// A file that was cut off is mapped by the loader all the same, and the process dies where the rest is missing. The
+// table of sections stands at the end of a library, so a file that holds all of it is whole.
+inline bool is_whole(const char* path) noexcept {
+    const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (file < 0)
+        return false;
+    ElfW(Ehdr) header;
+    struct stat status;
+    const bool known = read(file, &header, sizeof header) == static_cast<ssize_t>(sizeof header) &&
+                       std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && fstat(file, &status) == 0;
+    close(file);
+    return known && static_cast<uint64>(status.st_size) >=
+                        header.e_shoff + static_cast<uint64>(header.e_shnum) * header.e_shentsize;
+}
+
 #ifndef QOR_INSIDE
 
 inline constexpr char bind_function[] = "const qor::glue::binding_table* qor::glue::bind()";
@@ -33,21 +48,6 @@ inline void debugger_message(const char* text) noexcept { syslog(LOG_USER | LOG_
     std::fflush(stdout);
     std::fflush(stderr);
     _exit(100);
-}
-
-// A file that was cut off is mapped by the loader all the same, and the process dies where the rest is missing. The
-// table of sections stands at the end of a library, so a file that holds all of it is whole.
-inline bool is_whole(const char* path) noexcept {
-    const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (file < 0)
-        return false;
-    ElfW(Ehdr) header;
-    struct stat status;
-    const bool known = read(file, &header, sizeof header) == static_cast<ssize_t>(sizeof header) &&
-                       std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && fstat(file, &status) == 0;
-    close(file);
-    return known && static_cast<uint64>(status.st_size) >=
-                        header.e_shoff + static_cast<uint64>(header.e_shnum) * header.e_shentsize;
 }
 
 // libqor.so from the executable's own folder, or null. RTLD_NOW: a damaged library fails here, not later.

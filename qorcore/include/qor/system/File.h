@@ -1,8 +1,42 @@
-// Files. The line reader is the first of the family.
+// Files: the file object with positioned reads, and the line reader.
 #pragma once
 
 #include "qor/system/Interface.h"
 #include "qor/system/String.h"
+
+// The ways to open a file, to be added up. Reading a file that is there, while others may write to it, is 21, and the
+// only sum there is so far.
+inline constexpr uint32 qorFileReading = 1;
+inline constexpr uint32 qorFileExisting = 4;
+inline constexpr uint32 qorFileShared = 16;
+
+// A file on a disk, read from any place in it. The object closes its file when it is destroyed. Operations that fail
+// set the thread's last error, which names the path. Opening and closing belong to one thread; reads may run on several.
+class qorFile {
+public:
+    qorFile() noexcept { qor::glue::qorFile_Init(this); }
+    qorFile(const qorFile&) = delete;
+    qorFile& operator=(const qorFile&) = delete;
+    ~qorFile() { qor::glue::qorFile_Destroy(this); }
+
+    // Opens a file in place of one that may be open already. Folders, pipes and devices cannot be opened, and opening
+    // never waits.
+    bool Open(const char* path, uint32 mode) noexcept { return qor::glue::qorFile_Open(this, path, mode); }
+    void Close() noexcept { qor::glue::qorFile_Close(this); }
+
+    // In bytes, as it is now. 0 where it cannot be told.
+    uint64 GetSize() const noexcept { return qor::glue::qorFile_GetSize(this); }
+
+    // Reads exactly `length` bytes at `offset`. False if the file ends before them: what the buffer holds is then
+    // undefined.
+    bool ReadAt(uint64 offset, void* buffer, uint32 length) const noexcept {
+        return qor::glue::qorFile_ReadAt(this, offset, buffer, length);
+    }
+
+    struct {
+        void* file; // the library's; null is closed
+    } m_data;
+};
 
 inline constexpr uint32 qorReadLinesPadding = 64;
 

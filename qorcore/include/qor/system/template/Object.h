@@ -1,7 +1,7 @@
-// Inside the library: a reference-counted implementation of one interface.
+// A reference-counted implementation of one interface: derive from it, and write the interface's own operations.
 #pragma once
 
-#include "qor/qor.h"
+#include "qor/glue/impl_common.h"
 
 #include <algorithm>
 #include <cstring>
@@ -9,7 +9,8 @@
 
 namespace qor {
 
-// A query may ask for `interface_name`, for the interface that it extends if it does, and for the root.
+// A query may ask for `interface_name`, for the interface that it extends if it does, and for the root. All names are kept
+// by pointer.
 template <class INTERFACE>
 class object : public qorRefObject, public INTERFACE {
 public:

@@ -1,0 +1,86 @@
+#include "digest_engine.h"
+
+#include <openssl/err.h>
+#include <openssl/evp.h>
+
+#include <memory>
+
+namespace {
+
+constexpr char source[] = "qorcore/modules/openssl/digest_engine";
+
+struct freer {
+    void operator()(EVP_MD* digest) const noexcept { EVP_MD_free(digest); }
+    void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
+};
+using digest_pointer = std::unique_ptr<EVP_MD, freer>;
+using context_pointer = std::unique_ptr<EVP_MD_CTX, freer>;
+
+// The operation that failed, and OpenSSL's reason; always false.
+bool failed(const char* operation) noexcept {
+    char reason[256];
+    ERR_error_string_n(ERR_get_error(), reason, sizeof reason);
+    ERR_clear_error();
+    qorSetLastError(qorError_crypto_failed, operation, reason);
+    return false;
+}
+
+class digest_engine final : public qor::object<IQORDigestEngine> {
+public:
+    digest_engine(digest_pointer digest, context_pointer context) noexcept
+        : object("qorcore.openssl.digest_engine", "IQORDigestEngine"), m_digest(std::move(digest)),
+          m_message(std::move(context)) {}
+
+    bool Reset() noexcept override {
+        return EVP_DigestInit_ex2(m_message.get(), m_digest.get(), nullptr) == 1 || failed("EVP_DigestInit_ex2");
+    }
+
+    bool Update(const void* data, uint32 length) noexcept override {
+        return EVP_DigestUpdate(m_message.get(), data, length) == 1 || failed("EVP_DigestUpdate");
+    }
+
+    bool GetDigest(uint8_Array& out) noexcept override {
+        // The end of a message takes its context with it, so it is a copy that ends.
+        const context_pointer message(EVP_MD_CTX_new());
+        if (message == nullptr || EVP_MD_CTX_copy_ex(message.get(), m_message.get()) != 1)
+            return failed("EVP_MD_CTX_copy_ex");
+        uint8 digest[EVP_MAX_MD_SIZE];
+        unsigned size = 0;
+        if (EVP_DigestFinal_ex(message.get(), digest, &size) != 1)
+            return failed("EVP_DigestFinal_ex");
+        try {
+            out.Empty();
+            out.Append(digest, size);
+            return true;
+        } catch (const std::bad_alloc&) {
+            qorSetLastError(qorError_out_of_memory);
+            return false;
+        }
+    }
+
+private:
+    digest_pointer m_digest;
+    context_pointer m_message;
+};
+
+} // namespace
+
+bool create_digest_engine(const char* algorithm, IQORDigestEngine** out) noexcept {
+    digest_pointer digest(EVP_MD_fetch(nullptr, algorithm, nullptr));
+    if (digest == nullptr)
+        return failed("EVP_MD_fetch");
+    context_pointer context(EVP_MD_CTX_new());
+    if (context == nullptr)
+        return failed("EVP_MD_CTX_new");
+    zetSmartPointer<digest_engine> engine;
+    try {
+        engine.AttachNew(new (source, __LINE__) digest_engine(std::move(digest), std::move(context)));
+    } catch (const std::bad_alloc&) {
+        qorSetLastError(qorError_out_of_memory);
+        return false;
+    }
+    if (!engine->Reset())
+        return false;
+    *out = engine.Detach();
+    return true;
+}

@@ -1,0 +1,13 @@
+#include "glue/own_table.h"
+
+#include "qor/qor.h"
+
+constinit const qor::glue::binding_table qor::glue::own_table = {
+#define QOR_SLOT(number, result, op, parameters, arguments) .op = &qor::glue::op,
+#define QOR_RESERVED(number, op) .op = nullptr,
+#define QOR_ROOM(first, count) .room_##first = {},
+#include "qor/glue/slots.def"
+#undef QOR_SLOT
+#undef QOR_RESERVED
+#undef QOR_ROOM
+};

@@ -1,0 +1,55 @@
+#include "module/module.h"
+
+#include "error/error.h"
+#include "glue/own_table.h"
+#include "process/process.h"
+#include "process/resources.h"
+#include "qor/glue/module.h"
+
+#include <map>
+#include <mutex>
+
+namespace {
+
+using qor::glue::module_point;
+using qor::glue::module_table;
+
+// Null: the last error says why.
+const module_table* load(const std::string& file) {
+    const std::string path = qor::process::find_resource(file);
+    if (path.empty()) {
+        qor::error::set(qorError_module_missing, {(qor::process::library_folder() + file).c_str()});
+        return nullptr;
+    }
+    std::string reason;
+    void* const library = qor::module::load_library(path, reason);
+    if (library == nullptr) {
+        qor::error::set(qorError_module_damaged, {path.c_str(), reason.c_str()});
+        return nullptr;
+    }
+    auto* const entry = reinterpret_cast<module_point*>(qor::module::find_export(library, "glue_module_point"));
+    const module_table* const table = entry != nullptr ? entry(&qor::glue::own_table) : nullptr;
+    if (table == nullptr)
+        qor::error::set(qorError_module_wrong, {path.c_str()});
+    return table;
+}
+
+// What could be loaded stays; what could not is tried again, for somebody may have put it right.
+const module_table* find(const char* module) {
+    static std::mutex lock;
+    static auto& loaded = *new std::map<std::string, const module_table*>;
+    const std::string file = module + std::string(qor::module::file_extension);
+    const std::lock_guard hold(lock);
+    const module_table*& table = loaded[file];
+    if (table == nullptr)
+        table = load(file);
+    return table;
+}
+
+} // namespace
+
+bool qor::module::create_object(const char* module, const char* interface_name, const char* kind,
+                                void** out) noexcept {
+    const module_table* const table = find(module);
+    return table != nullptr && table->create_object(interface_name, kind, out);
+}

@@ -1,0 +1,22 @@
+#include "catalog/catalog.h"
+#include "module/module.h"
+#include "qor/glue/impl_posix.h"
+
+#include <dlfcn.h>
+
+const char* const qor::module::file_extension = ".so";
+
+// RTLD_NOW: what it needs and nobody has is missed here, not later. RTLD_LOCAL: what it brings stays its own.
+void* qor::module::load_library(const std::string& path, std::string& reason) {
+    if (!glue::is_whole(path.c_str())) {
+        reason = catalog::find("qorcore", 1040);
+        return nullptr;
+    }
+    void* const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr)
+        if (const char* const text = dlerror())
+            reason = text;
+    return library;
+}
+
+void* qor::module::find_export(void* library, const char* name) noexcept { return dlsym(library, name); }

@@ -1,0 +1,29 @@
+#include "error/error.h"
+#include "module/module.h"
+#include "string/wide_windows.h"
+
+#include <algorithm>
+#include <windows.h>
+
+const char* const qor::module::file_extension = ".dll";
+
+void* qor::module::load_library(const std::string& path, std::string& reason) {
+    std::wstring wide;
+    if (!string::to_wide(path.c_str(), wide)) {
+        reason = error::system_reason(ERROR_INVALID_NAME);
+        return nullptr;
+    }
+    std::replace(wide.begin(), wide.end(), L'/', L'\\'); // the loader knows no other separator
+    // A damaged library is an error to report, not a box that waits for somebody to click it away.
+    DWORD mode = 0;
+    SetThreadErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX, &mode);
+    const HMODULE library = LoadLibraryExW(wide.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+    if (library == nullptr)
+        reason = error::system_reason(static_cast<int>(GetLastError()));
+    SetThreadErrorMode(mode, nullptr);
+    return library;
+}
+
+void* qor::module::find_export(void* library, const char* name) noexcept {
+    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
+}

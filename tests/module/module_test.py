@@ -1,0 +1,217 @@
+#!/usr/bin/env python3
+"""Runs clients with every kind of missing, damaged and misplaced module: what is wrong with it is an error of the
+operation that needs it, and never the end of the process.
+
+    module_test.py --bin FOLDER [--runner PROGRAM]
+
+FOLDER holds libqor, in its folder "qor" the module qor-openssl, the clients digest and twice, and the libraries that are
+sound but wrong.
+"""
+
+import argparse
+import hashlib
+import os
+import random
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
+from tool import Tool  # noqa: E402  # beside this folder
+
+NOBODY = 65534
+TEXT = b"the text\n"
+
+options = None
+
+
+class Modules(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="qor.")
+        self.addCleanup(folder.cleanup)
+        self.root = Path(folder.name).resolve()
+        self.root.chmod(0o755)
+        (self.root / "text").write_bytes(TEXT)
+        self.bin = self.root / "bin"
+        (self.bin / "qor").mkdir(parents=True)
+        self.library = self.copy("libqor" + options.library, self.bin)
+        self.module = self.bin / "qor" / ("qor-openssl" + options.library)
+        self.real = (options.bin / "qor" / self.module.name).read_bytes()
+
+    def copy(self, name, to):
+        return Path(shutil.copy(options.bin / name, to))
+
+    def start(self, client, *words, **more):
+        tool = Tool(self.copy(client + options.program, self.bin), options.runner)
+        return subprocess.Popen([*tool.command, *words], cwd=self.root, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, env=tool.environment(), **more)
+
+    def end(self, process, given=b""):
+        """(exit code, standard output, standard error), with the line ends of POSIX"""
+        out, err = process.communicate(given, timeout=120)
+        return process.returncode, *(text.replace(b"\r\n", b"\n").decode() for text in (out, err))
+
+    def path(self, path):
+        """As the programs print it: Wine has this system's files on a drive Z:."""
+        if not options.runner:
+            return str(path)
+        return "Z:" + str(path.parent).replace("/", "\\").removesuffix("\\qor") + (
+            "\\qor/" if path.parent.name == "qor" else "\\") + path.name
+
+    def digest(self, algorithm="sha256", **more):
+        return self.end(self.start("digest", algorithm, "text", **more))
+
+    def check_works(self, algorithm="sha256"):
+        expected = hashlib.new(algorithm, TEXT, usedforsecurity=False).hexdigest()
+        self.assertEqual(self.digest(algorithm), (0, expected + "  text\n", ""))
+
+    def check_fails(self, message, **more):
+        for algorithm in ("sha1", "sha256", "sha512"):
+            code, out, err = self.digest(algorithm, **more)
+            self.assertEqual((code, out), (1, ""), err)
+            self.assertRegex(err, "^" + message + "\n$")
+        # What needs no module does not care.
+        self.check_works("md5")
+
+    def check_missing(self, **more):
+        # It is the folder of the library that is named.
+        self.check_fails(f"The module '{self.quoted(self.bin / self.module.name)}' is missing or cannot be read\\.", **more)
+
+    def check_damaged(self, image, reason=".+"):
+        self.module.write_bytes(image)
+        self.check_fails(f"The module '{self.quoted(self.module)}' cannot be loaded: {reason}\\.")
+
+    def check_wrong(self):
+        self.check_fails(f"The file '{self.quoted(self.module)}' is no module that this library can use\\.")
+
+    def quoted(self, path):
+        return self.path(path).replace("\\", "\\\\").replace(".", "\\.")
+
+    # ---- a sound module
+
+    def test_in_the_folder_qor(self):
+        self.module.write_bytes(self.real)
+        for algorithm in ("md5", "sha1", "sha256", "sha512"):
+            self.check_works(algorithm)
+
+    def test_beside_the_library(self):
+        (self.bin / self.module.name).write_bytes(self.real)
+        self.check_works()
+
+    # ---- none that could be loaded
+
+    def test_missing(self):
+        self.check_missing()
+
+    def test_a_folder_of_that_name(self):
+        self.module.mkdir()
+        self.check_missing()
+
+    def test_empty(self):
+        self.check_damaged(b"")
+
+    def test_cut_off(self):
+        """Wherever the file ends."""
+        size = len(self.real)
+        for place in (1, 4, 63, 64, 65, 500, 4095, 4096, 4097, size // 4, size // 2, size * 3 // 4, size - 1):
+            with self.subTest(place=place, of=size):
+                self.check_damaged(self.real[:place])
+
+    def test_random_bytes(self):
+        self.check_damaged(random.Random(1).randbytes(50000))
+
+    def test_random_bytes_behind_a_good_start(self):
+        self.check_damaged(self.real[:16] + random.Random(2).randbytes(50000))
+
+    def test_zeros(self):
+        self.check_damaged(bytes(len(self.real)))
+
+    def test_text(self):
+        self.check_damaged(b"this is not a library\n" * 1000)
+
+    # ---- a library that is no module
+
+    def test_without_the_export(self):
+        self.copy("without_export" + options.library, self.module)
+        self.check_wrong()
+
+    def test_another_library_of_ours(self):
+        shutil.copy(self.library, self.module)
+        self.check_wrong()
+
+    def test_a_module_that_cannot_work_with_this_library(self):
+        self.copy("refusing_module" + options.library, self.module)
+        self.check_wrong()
+
+    def test_needs_what_nobody_has(self):
+        self.copy("unresolved" + options.library, self.module)
+        self.check_fails(f"The module '{self.quoted(self.module)}' cannot be loaded: .+\\.")
+
+    # ---- in one process
+
+    def test_put_right_while_the_process_runs(self):
+        process = self.start("twice", "sha1")
+        process.stdout.readline()  # the first attempt is over
+        self.module.write_bytes(self.real)
+        self.assertEqual(self.end(process, b"\n"), (0, "made\n", ""))
+
+    def test_taken_away_while_it_is_used(self):
+        self.module.write_bytes(self.real)
+        process = self.start("twice", "sha1")
+        self.assertEqual(process.stdout.readline().split(), [b"made"])
+        if not options.runner:  # Windows does not give up the file of a loaded library
+            self.module.unlink()
+        self.assertEqual(self.end(process, b"\n"), (0, "made\n", ""))
+
+
+class ModulesPosix(Modules):
+    """What only POSIX has, beside the rest."""
+
+    def test_unreadable(self):
+        self.module.write_bytes(self.real)
+        self.module.chmod(0)
+        # Nothing is unreadable to root.
+        self.check_missing(**({"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}))
+
+    def test_a_link_to_nothing(self):
+        self.module.symlink_to(self.root / "nothing")
+        self.check_missing()
+
+    def test_another_machine(self):
+        machine = bytearray(self.real)
+        machine[18:20] = b"\xff\x7f"
+        self.check_damaged(machine)
+
+    def test_the_reason_of_a_part_of_a_library(self):
+        self.check_damaged(self.real[:-1], "it is no library, or only a part of one")
+
+    def test_installed(self):
+        """The library lies in lib, its modules in lib/qor, and the program follows its run path."""
+        lib = self.root / "lib"
+        shutil.move(self.bin / "qor", lib / "qor")
+        shutil.move(self.library, lib)
+        (lib / "qor" / self.module.name).write_bytes(self.real)
+        environment = {"LD_LIBRARY_PATH": str(lib)}  # the sanitizers' own dlopen does not follow run paths
+        self.copy("digest", self.bin)
+        run = subprocess.run([self.bin / "digest", "sha1", "text"], cwd=self.root, env=environment, capture_output=True,
+                             timeout=120, text=True)
+        self.assertEqual((run.returncode, run.stdout), (0, hashlib.sha1(TEXT).hexdigest() + "  text\n"), run.stderr)
+
+
+def main():
+    global options
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--bin", type=Path, required=True)
+    parser.add_argument("--runner", help="what starts the programs, where they are another system's")
+    options = parser.parse_args()
+    options.bin = options.bin.resolve()
+    options.library, options.program = (".dll", ".exe") if options.runner else (".so", "")
+    tests = unittest.defaultTestLoader.loadTestsFromTestCase(Modules if options.runner else ModulesPosix)
+    return 0 if unittest.TextTestRunner(verbosity=2).run(tests).wasSuccessful() else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

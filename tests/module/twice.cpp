@@ -1,0 +1,22 @@
+// Wants an engine, waits for a line, and wants it again: what became of a module in between?
+#include "qor/qor.h"
+
+#include <cstdio>
+
+namespace {
+
+void attempt(const char* algorithm) {
+    zetSmartPointer<IQORDigestEngine> engine;
+    uint8_Array digest;
+    const bool made = qorCreateDigestEngine(algorithm, engine.Out()) && engine->GetDigest(digest);
+    std::puts(made ? "made" : "failed");
+    std::fflush(stdout);
+}
+
+} // namespace
+
+int main(int, char** argv) {
+    attempt(argv[1]);
+    (void)std::getchar();
+    attempt(argv[1]);
+}

@@ -1,0 +1,24 @@
+#include "support/exhaustion.h"
+
+#include <atomic>
+#include <cstddef>
+
+namespace {
+
+// Of all threads: a variable of one thread may itself need memory.
+std::atomic<bool> s_refusing{false};
+
+} // namespace
+
+void qor::test::refuse_next_request() noexcept { s_refusing = true; }
+bool qor::test::is_refused() noexcept { return s_refusing.exchange(false); }
+
+extern "C" {
+
+// The names are the linker's.
+void* __real_malloc(std::size_t size);
+void* __wrap_malloc(std::size_t size);
+
+void* __wrap_malloc(std::size_t size) { return qor::test::is_refused() ? nullptr : __real_malloc(size); }
+
+} // extern "C"

@@ -1,0 +1,39 @@
+// The loop of the application object while it waits, and what it leaves behind.
+#include "app_with_a_loop.h"
+
+using qor::test::app_pointer;
+using qor::test::app_with_a_loop;
+using qor::test::make_app;
+using qor::test::pause_for;
+
+TEST(QortoolAppLoop, WaitsForWorkAndForItsEnd) {
+    const app_pointer app = make_app();
+    std::atomic<bool> ended{false};
+    std::thread loop([&app, &ended] {
+        app->process_fifo();
+        ended = true;
+    });
+    for (int round = 1; round <= 3; ++round) {
+        app->queue_op(&app_with_a_loop::count);
+        while (app->counted != round)
+            pause_for(1);
+        pause_for(10);
+        EXPECT_FALSE(ended);
+    }
+    app->Signal(qorSignal::quit);
+    loop.join();
+    EXPECT_TRUE(ended);
+}
+
+// The framework references the object only while the loop runs: the last Release here destroys it, at once
+// and on this thread.
+TEST(QortoolAppLoop, ARealSignalLeavesNoReference) {
+    for (int round = 0; round < 50; ++round) {
+        bool destroyed = false;
+        app_pointer app = make_app(&destroyed);
+        app->queue_op(&app_with_a_loop::interrupt);
+        EXPECT_TRUE(app->process_fifo());
+        app.Empty();
+        EXPECT_TRUE(destroyed);
+    }
+}

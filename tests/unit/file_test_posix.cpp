@@ -1,0 +1,127 @@
+// The file object and what POSIX has beside files: pipes, devices, rights, links.
+#include "qor/qor.h"
+#include "reader_support.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+using qor::test::last_error;
+using qor::test::words;
+
+constexpr uint32 reading = qorFileReading | qorFileExisting | qorFileShared;
+constexpr int nobody = 65534;
+
+std::string no_disk_file(const std::string& path) {
+    return "Cannot open '" + path + "': it is a pipe or a device, and only a file on a disk will do.";
+}
+
+// Rights mean nothing to a super-user, so the scene gives them up.
+const qor::test::scene unreadable{"file_unreadable", [](const words& arguments) {
+    if (geteuid() == 0 && setuid(nobody) != 0)
+        return 1;
+    qorFile from;
+    EXPECT_FALSE(from.Open(arguments[0].c_str(), reading));
+    EXPECT_EQ(last_error(), "Cannot open '" + arguments[0] + "': Permission denied.");
+    return 0;
+}};
+
+class posix_file : public testing::Test {
+protected:
+    const qor::test::temp_folder m_folder;
+};
+
+} // namespace
+
+TEST_F(posix_file, an_unreadable_file) {
+    const std::string path = m_folder.file("secret", "x");
+    ASSERT_EQ(chmod(path.c_str(), 0), 0);
+    ASSERT_EQ(chmod(m_folder.path().c_str(), 0755), 0);
+    const qor::test::ending ended = qor::test::play(unreadable, {path});
+    EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+}
+
+// A pipe that nobody writes to would make an ordinary open wait for ever.
+TEST_F(posix_file, a_pipe) {
+    const std::string path = m_folder / "pipe";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    qorFile from;
+    EXPECT_FALSE(from.Open(path.c_str(), reading));
+    EXPECT_EQ(last_error(), no_disk_file(path));
+}
+
+// Nor does it notice that somebody looked: a writer that found a reader would write, and get a broken pipe.
+TEST_F(posix_file, a_pipe_is_not_touched) {
+    const std::string path = m_folder / "pipe";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    const int writer = open(path.c_str(), O_WRONLY);
+    ASSERT_EQ(write(writer, "x", 1), 1);
+    qorFile from;
+    EXPECT_FALSE(from.Open(path.c_str(), reading));
+    char byte = 0;
+    EXPECT_EQ(read(reader, &byte, 1), 1);
+    EXPECT_EQ(byte, 'x');
+    close(writer);
+    close(reader);
+}
+
+TEST_F(posix_file, devices) {
+    qorFile from;
+    for (const char* const path : {"/dev/null", "/dev/zero"}) {
+        EXPECT_FALSE(from.Open(path, reading));
+        EXPECT_EQ(last_error(), no_disk_file(path));
+    }
+}
+
+TEST_F(posix_file, a_socket) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = m_folder / "s";
+    ASSERT_LT(path.size(), sizeof address.sun_path);
+    path.copy(address.sun_path, path.size());
+    const int bound = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(bind(bound, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    qorFile from;
+    EXPECT_FALSE(from.Open(path.c_str(), reading));
+    EXPECT_EQ(last_error(), no_disk_file(path));
+    close(bound);
+}
+
+TEST_F(posix_file, links) {
+    const std::string path = m_folder.file("f", "text");
+    const std::string link = m_folder / "link";
+    const std::string to_itself = m_folder / "to itself";
+    ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
+    ASSERT_EQ(symlink(to_itself.c_str(), to_itself.c_str()), 0);
+    qorFile from;
+    ASSERT_TRUE(from.Open(link.c_str(), reading));
+    EXPECT_EQ(from.GetSize(), 4u);
+    EXPECT_FALSE(from.Open(to_itself.c_str(), reading));
+    EXPECT_EQ(last_error(), "Cannot open '" + to_itself + "': Too many levels of symbolic links.");
+}
+
+TEST_F(posix_file, a_read_error_is_the_last_error) {
+    qorFile from;
+    // Opens, but its first page is not mapped.
+    ASSERT_TRUE(from.Open("/proc/self/mem", reading));
+    char byte;
+    EXPECT_FALSE(from.ReadAt(0, &byte, 1));
+    EXPECT_EQ(last_error(), "Cannot read '/proc/self/mem': Input/output error.");
+}
+
+// What another program is started with is its own affair.
+TEST_F(posix_file, child_processes_do_not_inherit_it) {
+    qorFile from;
+    const int next = dup(STDERR_FILENO);
+    close(next);
+    ASSERT_TRUE(from.Open(m_folder.file("f", "x").c_str(), reading));
+    EXPECT_EQ(fcntl(next, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}

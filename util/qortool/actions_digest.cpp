@@ -1,0 +1,60 @@
+// md5sum: the digest of a file.
+#include "action_arguments.h"
+#include "qortool_app.h"
+
+#include <algorithm>
+
+namespace {
+
+// Bounds the memory, whatever the size of the file.
+constexpr uint32 block_size = 65536;
+
+char hex_digit(int nibble) { return static_cast<char>(nibble < 10 ? '0' + nibble : 'A' + nibble - 10); }
+
+void print_digest(const uint8_Array& digest) {
+    for (uint32 i = 0; i < digest.GetCount(); ++i) {
+        const uint8 byte = *digest.GetElementPtr(i);
+        fixed_fprintf(stdout, "%c%c", hex_digit(byte >> 4), hex_digit(byte & 15));
+    }
+}
+
+} // namespace
+
+int qortool_app::func_md5sum(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "func_md5sum");
+    if (!check_arguments(args, "md5sum", 1))
+        return 1;
+    qorFile file;
+    if (!file.Open(args[0], qorFileReading | qorFileExisting | qorFileShared)) {
+        qorString reason;
+        qorGetLastError(reason);
+        fixed_fprintf(stderr, "FAILED to open file %s\n", args[0]);
+        reason.Put(stderr, true);
+        return 1;
+    }
+    zetSmartPointer<IQORDigestEngine> engine;
+    if (!qorCreateDigestEngine("md5", engine.Out())) {
+        fixed_fprintf(stderr, "FAILED to create MD5 digest engine\n");
+        fputerr(stderr, true);
+        return 1;
+    }
+    uint8 buffer[block_size];
+    const uint64 size = file.GetSize();
+    for (uint64 offset = 0; offset < size;) {
+        const uint32 length = static_cast<uint32>(std::min<uint64>(size - offset, block_size));
+        if (!file.ReadAt(offset, buffer, length)) {
+            fixed_fprintf(stderr, "ERROR reading from file");
+            fputerr(stderr, true);
+            return 1;
+        }
+        engine->Update(buffer, length);
+        offset += length;
+    }
+    uint8_Array digest;
+    engine->GetDigest(digest);
+    if (!m_quiet)
+        fixed_fprintf(stdout, "Hash: [");
+    print_digest(digest);
+    fixed_fprintf(stdout, m_quiet ? "\n" : "]\n");
+    return 0;
+}
