@@ -9,7 +9,10 @@ namespace qor::file {
 
 class raw_file {
 public:
-    enum class access { read, truncate, append };
+    enum class access { read, truncate, append, create };
+
+    // What open() says when a file that it should create is there already.
+    static const int is_taken;
 
     raw_file() noexcept = default;
     raw_file(const raw_file&) = delete;
@@ -25,8 +28,12 @@ public:
     // Up to `size` bytes; *count 0 is the end of the file.
     int read(void* bytes, std::size_t size, std::size_t* count) noexcept;
 
-    // All of them, however many calls it takes.
+    // All of them, however many calls it takes. A file that may grow no further and a pipe without a reader are errors
+    // like any other, no signals.
     int write(const void* bytes, std::size_t size) noexcept;
+
+    // Ends a file that is written here after its first `size` bytes. What has no size stays as it is.
+    void cut(std::uint64_t size) noexcept;
 
 private:
     std::intptr_t m_handle = -1; // the system's
