@@ -100,13 +100,16 @@ const scene quick_child{"log_quick_child", [](const words& arguments) {
     return 0;
 }};
 
+// What each of them leaves stays in reach, or a sanitizer would tell of it.
+void* s_generations[3];
+
 const scene three_generations{"log_three_generations", [](const words& arguments) {
     start(arguments[0]);
-    s_block = qor_do_malloc(0, 10, true, here, 1);
+    s_generations[0] = qor_do_malloc(0, 10, true, here, 1);
     EXPECT_EQ(in_child([] {
-                  s_block = qor_do_malloc(0, 20, true, here, 2);
+                  s_generations[1] = qor_do_malloc(0, 20, true, here, 2);
                   return in_child([] {
-                      s_block = qor_do_malloc(0, 30, true, here, 3);
+                      s_generations[2] = qor_do_malloc(0, 30, true, here, 3);
                       return 0;
                   });
               }),
