@@ -101,7 +101,7 @@ const scene quick_child{"log_quick_child", [](const words& arguments) {
 }};
 
 // What each of them leaves stays in reach, or a sanitizer would tell of it.
-void* s_generations[3];
+void* volatile s_generations[3];
 
 const scene three_generations{"log_three_generations", [](const words& arguments) {
     start(arguments[0]);
