@@ -1,7 +1,9 @@
 // A program that leaks on purpose: what the demo logs in samples/ were recorded from.
 //
 // It keeps a list of readings the way a real program might, and forgets some of what it allocated: an object with a
-// type name, blocks with a source line, and a block of malloc of which only the caller is known.
+// type name, blocks with a source line, a block that has grown, pages that never went through malloc, and a block of
+// malloc of which only the caller is known. Once it frees a block twice, where a log is written: that shows it, and
+// without one the C library would end the program.
 #include "qor/qor.h"
 
 #include <cstdio>
@@ -45,8 +47,20 @@ double take_readings(int count) {
     return sum;
 }
 
-// The last page is never freed.
-void write_report(int pages) {
+// A line grows with what is written to it, and the first one stays.
+void write_lines(int count) {
+    constexpr uint64 first = 5000;
+    for (int i = 0; i < count; ++i) {
+        char* line = static_cast<char*>(qor_do_malloc(0, first, true, source, __LINE__));
+        std::snprintf(line, first, "line %d", i + 1);
+        line = static_cast<char*>(qor_do_realloc(line, 3 * first, source, __LINE__));
+        if (i != 0)
+            qor_do_free(line, source, __LINE__);
+    }
+}
+
+// The last page is never freed, the first one twice.
+void write_report(int pages, bool is_logged) {
     constexpr uint64 page_size = 4096;
     zetArray<char*> written;
     for (int i = 0; i < pages; ++i) {
@@ -59,6 +73,8 @@ void write_report(int pages) {
         if (i + 1 != written.GetCount())
             qor_do_free(written[i], source, __LINE__);
     }
+    if (is_logged)
+        qor_do_free(written[0], source, __LINE__);
 }
 
 // Keeps the compiler from taking out allocations that nobody uses.
@@ -87,12 +103,16 @@ void use_huge_block() {
 int main(int argc, char** argv) {
     qorStringArray args;
     args.SetFromArgVec(argc, argv);
+    // The framework takes its options out of the words, and the program's name.
+    const uint32 words = args.GetCount();
     if (!qorInitProcess("leaky", args, 0)) {
         fputerr(stderr, true);
         return 1;
     }
+    const bool is_logged = std::getenv("QOR_MEMCHECK") != nullptr || args.GetCount() + 1 < words;
     std::printf("sum of means: %.1f\n", take_readings(8));
-    write_report(3);
+    write_report(3, is_logged);
+    write_lines(2);
     fill_table();
     use_huge_block();
     qorCleanup();

@@ -17,6 +17,8 @@ namespace qor::test::log {
 // The blocks of the scenes say that they come from here; the library has blocks of its own in the log.
 inline constexpr char here[] = "here";
 
+using events = std::vector<std::string>;
+
 inline constexpr uint64 too_much = uint64{1} << 62;
 
 struct record {
@@ -98,6 +100,22 @@ inline story tell(const std::string& log) {
     return result;
 }
 
+// The process that says at the beginning of a log that it wrote it.
+inline std::string process_of(const std::string& log) {
+    constexpr std::string_view begin = "# allocation log of process ";
+    EXPECT_TRUE(log.starts_with(begin)) << log.substr(0, 100);
+    return log.substr(begin.size(), log.find(';') - begin.size());
+}
+
+// The other files in the folder of a log.
+inline words logs_of_children(const std::string& path) {
+    words result;
+    for (const auto& each : std::filesystem::directory_iterator(std::filesystem::path(path).parent_path()))
+        if (each.path() != path)
+            result.push_back(each.path().string());
+    return result;
+}
+
 inline void start(const std::string& path) {
     qorStringArray args;
     args.Append("program");
@@ -136,7 +154,21 @@ protected:
     const std::string m_path = m_folder / "log";
 };
 
-using events = std::vector<std::string>;
+// What lives until the handlers of exit() run.
+inline void* s_late;
+inline thing* s_object;
+
+inline void allocate_late() {
+    s_late = qor_do_malloc(0, 10, true, here, 1);
+    s_object = new (here, 2) thing;
+}
+
+inline void free_late() {
+    qor_do_free(s_late, here, 99);
+    s_object->Release();
+}
+
+inline const events late_events{"A 1 10 0", "A 2 " + std::to_string(sizeof(thing)) + " 1", "T 2 thing", "F 1 0", "F 2 1"};
 
 inline void work(unsigned seed, int rounds) {
     std::mt19937 random(seed);
@@ -159,5 +191,8 @@ inline void work(unsigned seed, int rounds) {
     for (void* const block : blocks)
         qor_do_free(block, here, 99);
 }
+
+// Enough for many writes of the log.
+extern const scene much_work;
 
 } // namespace qor::test::log

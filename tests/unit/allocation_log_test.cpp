@@ -3,26 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <thread>
 
-namespace {
-
-using qor::test::log::allocation_log;
-using qor::test::log::events;
-using qor::test::log::here;
-using qor::test::log::start;
-using qor::test::log::story;
-using qor::test::log::tell;
-using qor::test::log::thing;
-using qor::test::log::too_much;
-using qor::test::log::work;
-using qor::test::ending;
-using qor::test::play;
-using qor::test::read_file;
-using qor::test::scene;
-using qor::test::words;
-
-} // namespace
+namespace qor::test::log {
 
 // ---------------------------------------------------------------- what is written
 
@@ -94,6 +78,7 @@ const scene reallocation{"log_reallocation", [](const words& arguments) {
     start(arguments[0]);
     void* block = qor_do_realloc(nullptr, 10, here, 1);
     block = qor_do_realloc(block, 8, here, 2);
+    block = qor_do_realloc(block, 0, here, 6);
     block = qor_do_realloc(block, 1 << 20, here, 3);
     EXPECT_THROW(qor_do_realloc(block, too_much, here, 4), std::bad_alloc);
     EXPECT_THROW(qor_do_malloc(0, too_much, true, here, 5), std::bad_alloc);
@@ -107,6 +92,20 @@ const scene huge{"log_huge", [](const words& arguments) {
     EXPECT_THROW(qor_do_huge_alloc(too_much, here, 2), std::bad_alloc);
     qor_do_huge_free(block, here, 99);
     qor_do_huge_free(block, here, 99);
+    return 0;
+}};
+
+// Given back by the operation for the other kind, then by the right one.
+const scene wrong_frees{"log_wrong_frees", [](const words& arguments) {
+    start(arguments[0]);
+    void* const block = qor_do_malloc(0, 10, true, here, 1);
+    void* const pages = qor_do_huge_alloc(20, here, 2);
+    qor_do_huge_free(block, here, 99);
+    qor_do_free(pages, here, 99);
+    std::memset(block, 0, 10);
+    std::memset(pages, 0, 20);
+    qor_do_free(block, here, 99);
+    qor_do_huge_free(pages, here, 99);
     return 0;
 }};
 
@@ -129,10 +128,7 @@ const scene bad_frees{"log_bad_frees", [](const words& arguments) {
 
 TEST_F(allocation_log, begins_with_a_comment_that_names_the_process) {
     play_scene(plain);
-    const std::string log = read_file(m_path);
-    int process = 0;
-    EXPECT_EQ(std::sscanf(log.c_str(), "# allocation log of process %d;", &process), 1) << log;
-    EXPECT_GT(process, 1);
+    EXPECT_GT(std::stoi(process_of(read_file(m_path))), 1);
 }
 
 TEST_F(allocation_log, plain_blocks) {
@@ -168,7 +164,7 @@ TEST_F(allocation_log, a_reallocation_is_an_end_and_a_beginning) {
     const ending ended = play(reallocation, {m_path}, {"ASAN_OPTIONS=allocator_may_return_null=1",
                                                        "TSAN_OPTIONS=allocator_may_return_null=1"});
     EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
-    EXPECT_EQ(tell(read_file(m_path)).events, (events{"A 1 10 0", "F 1 0", "A 2 8 0", "F 2 0", "A 3 1048576 0",
+    EXPECT_EQ(tell(read_file(m_path)).events, (events{"A 1 10 0", "F 1 0", "A 2 8 0", "F 2 0", "A 6 0 0", "F 6 0", "A 3 1048576 0",
                                                       // What could not grow stands as it was.
                                                       "F 3 0", "A 3 1048576 0", "F 3 0"}));
 }
@@ -186,25 +182,125 @@ TEST_F(allocation_log, a_bad_free_is_written_and_goes_no_further) {
     EXPECT_TRUE(report.ends_with("No leaks found\n")) << report;
 }
 
-// ---------------------------------------------------------------- the end of the process
+TEST_F(allocation_log, a_block_of_the_other_kind_is_not_given_back) {
+    const story told = story_of(wrong_frees);
+    EXPECT_EQ(told.events, (events{"A 1 10 0", "A 2 20 3", "F 1 0", "F 2 3", "F ? 0", "F ? 3"}));
+    EXPECT_EQ(told.leaks, events{});
+}
+
+// ---------------------------------------------------------------- when it begins
 
 namespace {
 
-void* s_late;
-thing* s_object;
-
-void free_late() {
-    qor_do_free(s_late, here, 99);
-    s_object->Release();
+void initialise(const words& arguments) {
+    qorStringArray args;
+    args.Append("program");
+    for (const std::string& word : arguments)
+        args.Append(word.c_str());
+    EXPECT_TRUE(qorInitProcess("program", args, 0));
 }
+
+// The framework is used, and never started.
+const scene never_started{"log_never_started", [](const words&) {
+    qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
+    return 0;
+}};
+
+const scene started{"log_started", [](const words& arguments) {
+    void* const early = qor_do_malloc(0, 10, true, here, 1);
+    initialise(arguments);
+    qor_do_free(early, here, 99);
+    qor_do_free(qor_do_malloc(0, 20, true, here, 2), here, 99);
+    return 0;
+}};
+
+// Blocks that are forgotten by then, or that nobody ever noted, are freed as if there were no log.
+const scene late_start{"log_late_start", [](const words& arguments) {
+    void* const early = qor_do_malloc(0, 10, true, here, 1);
+    if (arguments[1] == "after a start without")
+        initialise({});
+    else
+        for (int i = 0; i < 1 << 20; ++i)
+            qor_do_free(qor_do_malloc(0, 1, true, "elsewhere", 1), here, 99);
+    start(arguments[0]);
+    qor_do_free(early, here, 99);
+    qor_do_free(qor_do_malloc(0, 20, true, here, 2), here, 99);
+    return 0;
+}};
+
+// Starts a framework program, this one, without telling it of a log.
+const scene starts_another{"log_starts_another", [](const words& arguments) {
+    qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
+    if (arguments.empty()) {
+        EXPECT_EQ(std::system(('"' + this_program() + "\" --scene log_starts_another again").c_str()), 0);
+        qor_do_free(qor_do_malloc(0, 20, true, here, 2), here, 99);
+    }
+    return 0;
+}};
+
+} // namespace
+
+TEST_F(allocation_log, the_environment_asks_for_one_with_the_first_block) {
+    for (const scene* each : {&never_started, &started}) {
+        const ending ended = play(*each, {}, {"QOR_MEMCHECK=" + m_path});
+        EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+        EXPECT_EQ(ended.err, "");
+        events expected{"A 1 10 0", "F 1 0"};
+        if (each == &started)
+            expected.insert(expected.end(), {"A 2 20 0", "F 2 0"});
+        EXPECT_EQ(tell(read_file(m_path)).events, expected);
+    }
+}
+
+TEST_F(allocation_log, the_command_line_beats_the_environment) {
+    const ending ended = play(started, {"--qor-memcheck=" + m_path}, {"QOR_MEMCHECK=" + m_path + ".other"});
+    EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+    EXPECT_EQ(tell(read_file(m_path)).events, (events{"A 1 10 0", "F 1 0", "A 2 20 0", "F 2 0"}));
+    EXPECT_FALSE(std::filesystem::exists(m_path + ".other"));
+}
+
+TEST_F(allocation_log, a_late_one_knows_nothing_of_earlier_blocks) {
+    for (const char* const when : {"after a start without", "after very many blocks"}) {
+        const ending ended = play(late_start, {m_path, when});
+        EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+        EXPECT_EQ(ended.err, "");
+        EXPECT_EQ(tell(read_file(m_path)).events, (events{"A 2 20 0", "F 2 0"})) << when;
+    }
+}
+
+TEST_F(allocation_log, a_program_that_is_started_does_not_write_over_it) {
+    const ending ended = play(starts_another, {}, {"QOR_MEMCHECK=" + m_path});
+    EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+    EXPECT_EQ(tell(read_file(m_path)).events, (events{"A 1 10 0", "F 1 0", "A 2 20 0", "F 2 0"}));
+    const words children = logs_of_children(m_path);
+    ASSERT_EQ(children.size(), 1u);
+    const std::string log = read_file(children[0]);
+    EXPECT_EQ(tell(log).events, (events{"A 1 10 0", "F 1 0"}));
+    EXPECT_EQ(children[0], m_path + '.' + process_of(log));
+}
+
+TEST_F(allocation_log, a_name_may_hold_the_process) {
+    const std::string path = m_folder / "of.%p.log";
+    for (int run = 0; run < 2; ++run) {
+        const ending ended = play(never_started, {}, {"QOR_MEMCHECK=" + path});
+        EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+    }
+    const words logs = logs_of_children(path);
+    ASSERT_EQ(logs.size(), 2u);
+    for (const std::string& each : logs)
+        EXPECT_EQ(each, m_folder / ("of." + process_of(read_file(each)) + ".log"));
+}
+
+// ---------------------------------------------------------------- the end of the process
+
+namespace {
 
 // With the way to end as a second argument.
 const scene end{"log_end", [](const words& arguments) {
     // Registered before the log's own handler, so it runs after that.
     std::atexit(free_late);
     start(arguments[0]);
-    s_late = qor_do_malloc(0, 10, true, here, 1);
-    s_object = new (here, 2) thing;
+    allocate_late();
     for (int i = 0; i < 5000; ++i)
         qor_do_free(qor_do_malloc(0, 1, true, "elsewhere", i), here, 99);
     if (arguments[1] == "cleanup")
@@ -217,12 +313,11 @@ const scene end{"log_end", [](const words& arguments) {
 } // namespace
 
 TEST_F(allocation_log, is_whole_however_the_process_ends) {
-    const std::string size = std::to_string(sizeof(thing));
     for (const char* const way : {"return", "exit", "cleanup"}) {
         const ending ended = play(end, {m_path, way});
         EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
         const story told = tell(read_file(m_path));
-        EXPECT_EQ(told.events, (events{"A 1 10 0", "A 2 " + size + " 1", "T 2 thing", "F 1 0", "F 2 1"})) << way;
+        EXPECT_EQ(told.events, late_events) << way;
         EXPECT_EQ(told.leaks, events{}) << way;
         EXPECT_EQ(replay(m_path), "No leaks found\n");
     }
@@ -297,13 +392,13 @@ const scene little_work{"log_little_work", [](const words& arguments) {
     return 0;
 }};
 
+} // namespace
+
 const scene much_work{"log_much_work", [](const words& arguments) {
     start(arguments[0]);
     work(1, 20'000);
     return 0;
 }};
-
-} // namespace
 
 TEST_F(allocation_log, a_full_disk_ends_the_log_and_not_the_process) {
     QOR_NEEDS_FULL_DISK();
@@ -315,3 +410,5 @@ TEST_F(allocation_log, a_full_disk_ends_the_log_and_not_the_process) {
                                  qor::test::system_reasons().full + "\n");
     }
 }
+
+} // namespace qor::test::log

@@ -164,11 +164,19 @@ TEST(allocator, huge_blocks_are_zeroed_pages) {
     }
 }
 
-TEST(allocator, a_huge_block_that_is_none_is_reported) {
-    testing::internal::CaptureStderr();
+namespace {
+
+// Where a log is written, that shows it.
+const qor::test::scene no_huge_block{"allocator_no_huge_block", [](const words&) {
     int none = 0;
     qor_do_huge_free(&none, "the/caller", 17);
-    const std::string report = testing::internal::GetCapturedStderr();
+    return 0;
+}};
+
+} // namespace
+
+TEST(allocator, a_huge_block_that_is_none_is_reported) {
+    const std::string report = qor::test::play(no_huge_block).err;
     EXPECT_NE(report.find("assertion failed: block is a live huge block"), std::string::npos) << report;
     EXPECT_NE(report.find("(the/caller:17)"), std::string::npos) << report;
 }

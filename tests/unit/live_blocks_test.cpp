@@ -75,7 +75,7 @@ TEST(live_blocks, many_comings_and_goings) {
     std::map<std::uintptr_t, uint64> model;
     std::map<uint64, std::uintptr_t> by_age;
     for (uint64 round = 1; round < 50000; ++round) {
-        const std::uintptr_t address = 16 * (random() % 3000);
+        const std::uintptr_t address = 16 * (1 + random() % 3000);
         if (const auto old = model.find(address); old != model.end()) {
             by_age.erase(old->second);
             model.erase(old);

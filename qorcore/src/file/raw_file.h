@@ -10,10 +10,11 @@ namespace qor::file {
 class raw_file {
 public:
     // `positions` is reading at any place: of files on a disk only, not of pipes and devices.
-    enum class access { read, positions, truncate, append };
+    enum class access { read, positions, truncate, append, create };
 
-    // What open() returns for `positions` of something else.
+    // What open() says for `positions` of something else, and when a file that it should create is there already.
     static const int no_positions;
+    static const int is_taken;
 
     raw_file() noexcept = default;
     raw_file(const raw_file&) = delete;
@@ -34,8 +35,12 @@ public:
 
     int size(std::uint64_t* bytes) noexcept;
 
-    // All of them, however many calls it takes.
+    // All of them, however many calls it takes. A file that may grow no further and a pipe without a reader are errors
+    // like any other, no signals.
     int write(const void* bytes, std::size_t size) noexcept;
+
+    // Ends a file that is written here after its first `size` bytes. What has no size stays as it is.
+    void cut(std::uint64_t size) noexcept;
 
 private:
     std::intptr_t m_handle = -1; // the system's

@@ -1,6 +1,7 @@
 #include "file/raw_file.h"
 
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <limits>
 #include <sys/stat.h>
@@ -19,6 +20,8 @@ int open_flags(qor::file::raw_file::access how) noexcept {
         return O_WRONLY | O_CREAT | O_TRUNC;
     case access::append:
         return O_WRONLY | O_CREAT | O_APPEND;
+    case access::create:
+        return O_WRONLY | O_CREAT | O_EXCL;
     }
     return O_RDONLY;
 }
@@ -30,9 +33,35 @@ int reason_against_positions(const struct stat& status) noexcept {
     return S_ISREG(status.st_mode) ? 0 : qor::file::raw_file::no_positions;
 }
 
+// While one lives, this thread gets no signal for a write that fails: it would end the host.
+class no_write_signals {
+public:
+    no_write_signals() noexcept {
+        sigemptyset(&m_signals);
+        sigaddset(&m_signals, SIGXFSZ);
+        sigaddset(&m_signals, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &m_signals, &m_before);
+    }
+    no_write_signals(const no_write_signals&) = delete;
+    no_write_signals& operator=(const no_write_signals&) = delete;
+    ~no_write_signals() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+
+    // After a write has failed: takes away the signal that waits for the end of this object.
+    void take(int reason) noexcept {
+        constexpr timespec no_time{};
+        if (reason == EFBIG || reason == EPIPE)
+            sigtimedwait(&m_signals, nullptr, &no_time);
+    }
+
+private:
+    sigset_t m_signals;
+    sigset_t m_before;
+};
+
 } // namespace
 
 const int qor::file::raw_file::no_positions = ESPIPE;
+const int qor::file::raw_file::is_taken = EEXIST;
 
 int qor::file::raw_file::open(const char* path, access how) noexcept {
     close();
@@ -112,15 +141,23 @@ int qor::file::raw_file::size(std::uint64_t* bytes) noexcept {
 }
 
 int qor::file::raw_file::write(const void* bytes, std::size_t size) noexcept {
+    no_write_signals quiet;
     const char* at = static_cast<const char*>(bytes);
     while (size != 0) {
         const ssize_t written = ::write(static_cast<int>(m_handle), at, size);
         if (written < 0 && errno == EINTR)
             continue;
-        if (written < 0)
-            return errno;
+        if (written < 0) {
+            const int reason = errno;
+            quiet.take(reason);
+            return reason;
+        }
         at += written;
         size -= static_cast<std::size_t>(written);
     }
     return 0;
+}
+
+void qor::file::raw_file::cut(std::uint64_t size) noexcept {
+    (void)!ftruncate(static_cast<int>(m_handle), static_cast<off_t>(size));
 }

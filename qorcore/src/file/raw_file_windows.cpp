@@ -28,6 +28,8 @@ HANDLE open_handle(const wchar_t* path, qor::file::raw_file::access how) noexcep
         return CreateFileW(path, GENERIC_WRITE, share, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     case access::append:
         return CreateFileW(path, FILE_APPEND_DATA, share, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    case access::create:
+        return CreateFileW(path, GENERIC_WRITE, share, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
     }
     return INVALID_HANDLE_VALUE;
 }
@@ -40,6 +42,7 @@ bool is_folder(const wchar_t* path) noexcept {
 } // namespace
 
 const int qor::file::raw_file::no_positions = ERROR_SEEK_ON_DEVICE;
+const int qor::file::raw_file::is_taken = ERROR_FILE_EXISTS;
 
 int qor::file::raw_file::open(const char* path, access how) noexcept {
     close();
@@ -114,4 +117,10 @@ int qor::file::raw_file::write(const void* bytes, std::size_t size) noexcept {
         size -= written;
     }
     return 0;
+}
+
+void qor::file::raw_file::cut(std::uint64_t size) noexcept {
+    FILE_END_OF_FILE_INFO end;
+    end.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
+    SetFileInformationByHandle(as_handle(m_handle), FileEndOfFileInfo, &end, sizeof end);
 }

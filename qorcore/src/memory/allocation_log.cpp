@@ -3,73 +3,86 @@
 #include "error/error.h"
 #include "process/process.h"
 
-#include <cinttypes>
-#include <cstdio>
+#include <charconv>
+#include <utility>
 
 namespace {
 
-// A word of the log holds no white space, whatever a file or a type is called.
-std::string word(const char* text) {
-    std::string result = text;
-    for (char& c : result)
-        if (static_cast<unsigned char>(c) <= ' ')
-            c = '_';
-    return result;
-}
-
-unsigned long long number(const void* address) noexcept {
-    return static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(address));
-}
+constexpr std::string_view process_mark = "%p";
 
 } // namespace
 
-int qor::memory::allocation_log::open(const std::string& path) {
-    m_first_path = path;
-    return open_file(path);
+std::string qor::memory::log_name_for_children(const std::string& name) {
+    return name.find(process_mark) != std::string::npos ? name : name + '.' + std::string(process_mark);
 }
 
-int qor::memory::allocation_log::open_file(const std::string& path) {
-    m_path = path;
-    m_buffer.clear();
-    if (const int reason = m_file.open(path.c_str(), file::raw_file::access::truncate))
+int qor::memory::allocation_log::open(const std::string& name, const live_blocks& blocks) {
+    m_name = name;
+    if (const int reason = open_file())
         return reason;
+    for (const live_block& block : blocks.in_order()) {
+        allocated(block);
+        if (block.type_name != nullptr)
+            named(block.address, block.type_name);
+    }
+    // Many a child leaves by _exit, or becomes another program, and that writes nothing.
+    flush();
+    return 0;
+}
+
+// A name that holds the process never takes the place of another file: processes are numbered again after a while, and
+// one process may run several programs.
+int qor::memory::allocation_log::open_file() {
+    using access = file::raw_file::access;
+    m_buffer.clear();
     m_buffer.reserve(buffer_size);
-    char text[128];
-    const int length = std::snprintf(text, sizeof text, "# allocation log of process %lu; replay it with: qortool memcheck\n",
-                                     process::process_id());
-    line(text, static_cast<std::size_t>(length));
+    m_whole = 0;
+    m_written = 0;
+    const std::string process = std::to_string(process::process_id());
+    m_path = m_name;
+    const std::size_t mark = m_name.find(process_mark);
+    if (mark != std::string::npos)
+        m_path.replace(mark, process_mark.size(), process);
+    const std::string first = m_path;
+    int reason = m_file.open(m_path.c_str(), mark != std::string::npos ? access::create : access::truncate);
+    for (int i = 2; reason == file::raw_file::is_taken; ++i) {
+        m_path = first + '.' + std::to_string(i);
+        reason = m_file.open(m_path.c_str(), access::create);
+    }
+    if (reason != 0)
+        return reason;
+    add("# allocation log of process " + process + "; replay it with: qortool memcheck");
+    end_line();
     return 0;
 }
 
 void qor::memory::allocation_log::allocated(const live_block& block) {
-    char text[96];
-    int length = std::snprintf(text, sizeof text, "A %llx %llu %u", number(block.address), block.size,
-                               static_cast<unsigned>(block.type));
-    if (block.file == nullptr || *block.file == '\0') {
-        text[length++] = '\n';
-        line(text, static_cast<std::size_t>(length));
-        return;
+    add_address('A', block.address);
+    add(" ");
+    add_number(block.size, 10);
+    add(" ");
+    add_number(static_cast<unsigned>(block.type), 10);
+    if (block.file != nullptr && *block.file != '\0') {
+        add(" ");
+        add_word(block.file);
+        add(block.line < 0 ? " -" : " ");
+        add_number(block.line < 0 ? 0u - static_cast<unsigned>(block.line) : static_cast<unsigned>(block.line), 10);
     }
-    std::string whole(text, static_cast<std::size_t>(length));
-    whole += ' ';
-    whole += word(block.file);
-    length = std::snprintf(text, sizeof text, " %d\n", block.line);
-    whole.append(text, static_cast<std::size_t>(length));
-    line(whole.data(), whole.size());
+    end_line();
 }
 
 void qor::memory::allocation_log::freed(const void* address, block_type type) {
-    char text[64];
-    const int length =
-        std::snprintf(text, sizeof text, "F %llx %u\n", number(address), static_cast<unsigned>(type));
-    line(text, static_cast<std::size_t>(length));
+    add_address('F', address);
+    add(" ");
+    add_number(static_cast<unsigned>(type), 10);
+    end_line();
 }
 
 void qor::memory::allocation_log::named(const void* address, const char* type_name) {
-    char text[32];
-    const int length = std::snprintf(text, sizeof text, "T %llx ", number(address));
-    const std::string whole = std::string(text, static_cast<std::size_t>(length)) + word(type_name) + '\n';
-    line(whole.data(), whole.size());
+    add_address('T', address);
+    add(" ");
+    add_word(type_name);
+    end_line();
 }
 
 void qor::memory::allocation_log::finish() {
@@ -80,35 +93,57 @@ void qor::memory::allocation_log::finish() {
 void qor::memory::allocation_log::continue_in_child(const live_blocks& blocks) {
     if (!is_open())
         return;
-    if (const int reason = open_file(m_first_path + '.' + std::to_string(process::process_id()))) {
+    if (const int reason = open(log_name_for_children(m_name), blocks))
         give_up(reason);
-        return;
-    }
-    for (const live_block& block : blocks.in_order()) {
-        allocated(block);
-        if (block.type_name != nullptr)
-            named(block.address, block.type_name);
-    }
 }
 
-void qor::memory::allocation_log::line(const char* text, std::size_t length) {
-    if (m_buffer.size() + length > buffer_size)
+std::string qor::memory::allocation_log::take_last_words() { return std::exchange(m_last_words, {}); }
+
+void qor::memory::allocation_log::add(std::string_view text) { m_buffer += text; }
+
+void qor::memory::allocation_log::add_number(unsigned long long value, int base) {
+    char text[24];
+    add({text, std::to_chars(text, text + sizeof text, value, base).ptr});
+}
+
+void qor::memory::allocation_log::add_address(char letter, const void* address) {
+    const char begin[] = {letter, ' '};
+    add({begin, sizeof begin});
+    add_number(reinterpret_cast<std::uintptr_t>(address), 16);
+}
+
+// A word of the log holds no white space, whatever a file or a type is called.
+void qor::memory::allocation_log::add_word(const char* text) {
+    for (; *text != '\0'; ++text)
+        m_buffer += static_cast<unsigned char>(*text) <= ' ' ? '_' : *text;
+}
+
+void qor::memory::allocation_log::end_line() {
+    m_buffer += '\n';
+    // Without the new line, if that is what makes it too much.
+    if (m_buffer.size() > buffer_size)
         flush();
-    m_buffer.append(text, length);
-    if (m_finishing)
+    m_whole = m_buffer.size();
+    if (m_finishing || m_whole > buffer_size)
         flush();
 }
 
 void qor::memory::allocation_log::flush() {
-    if (is_open() && !m_buffer.empty())
-        if (const int reason = m_file.write(m_buffer.data(), m_buffer.size()))
+    if (is_open() && m_whole != 0) {
+        if (const int reason = m_file.write(m_buffer.data(), m_whole))
             give_up(reason);
-    m_buffer.clear();
+        else
+            m_written += m_whole;
+    }
+    m_buffer.erase(0, m_whole);
+    m_whole = 0;
 }
 
-// A full disk ends the log, never the program that is being watched.
+// A full disk ends the log, after a whole line, and never the program that is being watched.
 void qor::memory::allocation_log::give_up(int reason) {
+    if (is_open())
+        m_file.cut(m_written);
     m_file.close();
-    std::fprintf(stderr, "%s: the allocation log '%s' ends here: %s\n", process::name(), m_path.c_str(),
-                 error::system_reason(reason).c_str());
+    m_last_words = std::string(process::name()) + ": the allocation log '" + m_path +
+                   "' ends here: " + error::system_reason(reason) + '\n';
 }

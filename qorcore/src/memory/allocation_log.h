@@ -12,15 +12,21 @@
 #include "memory/live_blocks.h"
 
 #include <string>
+#include <string_view>
 
 namespace qor::memory {
 
+// "%p" in the name of a log stands for the process that writes it. This is the name for the processes that come from
+// one: `name` itself, if each of them makes another file of it.
+std::string log_name_for_children(const std::string& name);
+
 class allocation_log {
 public:
-    static constexpr std::size_t buffer_size = 64 * 1024;
+    // About a hundred lines. A larger one would hardly save time: the call costs as much as two or three lines.
+    static constexpr std::size_t buffer_size = 4 * 1024;
 
-    // 0, or the system's error code.
-    int open(const std::string& path);
+    // Begins with the blocks that live already. 0, or the system's error code.
+    int open(const std::string& name, const live_blocks& blocks);
     bool is_open() const noexcept { return m_file.is_open(); }
 
     void allocated(const live_block& block);
@@ -30,20 +36,30 @@ public:
     // Writes what is buffered, and from now on each line at once: the process is about to end.
     void finish();
 
-    // In the child of a fork: the lines in the buffer are the parent's, the child goes on in FILE.<pid>.
+    // In the child of a fork: the lines in the buffer are the parent's, the child goes on in a file of its own.
     void continue_in_child(const live_blocks& blocks);
 
+    // Why the log ended before the process; empty: it did not. Told once, and printed by who holds no lock.
+    bool has_last_words() const noexcept { return !m_last_words.empty(); }
+    std::string take_last_words();
+
 private:
-    void line(const char* text, std::size_t length);
+    int open_file();
+    void add(std::string_view text);
+    void add_number(unsigned long long value, int base);
+    void add_address(char letter, const void* address);
+    void add_word(const char* text);
+    void end_line();
     void flush();
     void give_up(int reason);
 
-    int open_file(const std::string& path);
-
     file::raw_file m_file;
-    std::string m_first_path; // of the process that was told to log
-    std::string m_path;       // of this process
-    std::string m_buffer;
+    std::string m_name; // as it was given, of this process
+    std::string m_path;
+    std::string m_last_words;
+    std::string m_buffer;         // whole lines, but for the one that is being made
+    std::size_t m_whole = 0;      // how much of it is whole lines
+    std::uint64_t m_written = 0;  // bytes of the file
     bool m_finishing = false;
 };
 

@@ -3,6 +3,9 @@
 // Until the process has started it is not known whether a log is wanted, so blocks are remembered; the log then
 // begins with those that still live, and no later free is a bad one. While a log is written, a free of what is
 // not alive is logged and goes no further: the report can show it because the process survives it.
+//
+// A process need not start the framework to use it. So a log that the environment asks for begins with the first block,
+// and who has not started after very many blocks is taken for one that never will.
 #include "memory/allocator.h"
 
 #include "error/error.h"
@@ -10,11 +13,14 @@
 #include "memory/live_blocks.h"
 #include "memory/pages.h"
 #include "memory/tracking.h"
+#include "process/process.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 
 namespace {
@@ -23,21 +29,66 @@ using qor::memory::block_type;
 
 std::atomic<bool> tracking{true};
 
-// Never destroyed: blocks are freed until the very end of the process.
+// How many blocks the start of the process is waited for.
+constexpr uint64 patience = 1 << 20;
+
 struct shared_state {
     // Not recursive: a child process must be able to unlock what its parent's thread locked.
     std::mutex lock;
     qor::memory::live_blocks blocks;
     qor::memory::allocation_log log;
     std::unordered_map<void*, uint64> huge_sizes;
+    // Some living blocks are not among `blocks`: what is not known may be one of them.
+    bool has_forgotten = false;
 };
 
+int open_log(shared_state& shared, const std::string& name);
+
+// Never destroyed: blocks are freed until the very end of the process.
 shared_state& state() {
-    static shared_state* const made = new shared_state;
+    alignas(shared_state) static std::byte place[sizeof(shared_state)];
+    static shared_state* const made = [] {
+        auto* const shared = new (place) shared_state;
+        // Which log is wanted is for the command line to say, where it does.
+        const char* const name = qor::process::environment(qor::memory::log_variable);
+        if (name != nullptr && !qor::process::has_argument(qor::memory::log_option))
+            (void)open_log(*shared, name); // if it fails, the start of the process will report it
+        return shared;
+    }();
     return *made;
 }
 
-using guard = std::lock_guard<std::mutex>;
+void forget_blocks(shared_state& shared) noexcept {
+    tracking.store(false, std::memory_order_release);
+    shared.has_forgotten = true;
+    shared.blocks.clear();
+}
+
+// Holds the lock. That a log has ended is said when it is free again: who prints may have to wait for a thread that
+// wants it.
+class guard {
+public:
+    guard() : m_hold(state().lock) {}
+    guard(const guard&) = delete;
+    guard& operator=(const guard&) = delete;
+    ~guard() { unlock(); }
+
+    void unlock() {
+        if (!m_hold.owns_lock())
+            return;
+        std::string last_words;
+        if (state().log.has_last_words()) [[unlikely]] {
+            last_words = state().log.take_last_words();
+            forget_blocks(state());
+        }
+        m_hold.unlock();
+        if (!last_words.empty())
+            std::fputs(last_words.c_str(), stderr);
+    }
+
+private:
+    std::unique_lock<std::mutex> m_hold;
+};
 
 bool is_tracking() noexcept { return tracking.load(std::memory_order_acquire); }
 
@@ -45,30 +96,41 @@ bool is_tracking() noexcept { return tracking.load(std::memory_order_acquire); }
 void note_new(void* block, uint64 size, block_type type, const char* file, int line) {
     if (!is_tracking())
         return;
-    state().blocks.add(block, size, type, file, line);
+    const qor::memory::live_block& noted = state().blocks.add(block, size, type, file, line);
     if (state().log.is_open())
-        state().log.allocated(*state().blocks.find(block));
+        state().log.allocated(noted);
+    else if (state().blocks.additions() > patience)
+        forget_blocks(state());
 }
 
-// False: the block is not alive and must not be given back.
-bool note_end(const void* block, block_type unknown_type) {
+// False: this is no free of a live block, and must go no further.
+bool note_end(const void* block, block_type type) {
     if (!is_tracking())
         return true;
     const qor::memory::live_block* const known = state().blocks.find(block);
+    const bool is_huge = type == block_type::huge;
+    // Pages and blocks of malloc are not given back in the same way.
+    const bool is_bad = known != nullptr ? is_huge != (known->type == block_type::huge) : !state().has_forgotten;
     if (state().log.is_open()) {
-        state().log.freed(block, known != nullptr ? known->type : unknown_type);
-        if (known == nullptr)
+        if (known != nullptr || is_bad)
+            state().log.freed(block, known != nullptr ? known->type : type);
+        if (is_bad)
             return false;
     }
     state().blocks.remove(block);
     return true;
 }
 
+// The C library would give nothing, or take the block away, for a size of 0; here it stays a block.
+std::size_t at_least_a_byte(uint64 size) noexcept { return size != 0 ? size : 1; }
+
+void* change_size(void* block, uint64 size) noexcept { return qor::memory::change_size(block, at_least_a_byte(size)); }
+
 void* allocate(uint64 alignment, uint64 size, block_type type, const char* file, int line) noexcept {
-    void* const block = alignment <= alignof(std::max_align_t) ? std::malloc(size != 0 ? size : 1)
+    void* const block = alignment <= alignof(std::max_align_t) ? std::malloc(at_least_a_byte(size))
                                                                : qor::memory::allocate_aligned(alignment, size);
     if (block != nullptr && is_tracking()) [[unlikely]] {
-        const guard hold(state().lock);
+        const guard hold;
         note_new(block, size, type, file, line);
     }
     return block;
@@ -78,7 +140,7 @@ void release(void* block, block_type type) noexcept {
     if (block == nullptr)
         return;
     if (is_tracking()) [[unlikely]] {
-        const guard hold(state().lock);
+        const guard hold;
         if (!note_end(block, type))
             return;
     }
@@ -87,7 +149,7 @@ void release(void* block, block_type type) noexcept {
 
 // The old block ends before the C library can give its address to somebody else; if it stays, it begins again.
 void* reallocate_tracked(void* block, uint64 size, const char* file, int line) {
-    std::unique_lock hold(state().lock);
+    guard hold;
     const qor::memory::live_block* const known = state().blocks.find(block);
     const qor::memory::live_block old =
         known != nullptr ? *known : qor::memory::live_block{block, 0, block_type::memory, file, line, nullptr, 0};
@@ -96,7 +158,7 @@ void* reallocate_tracked(void* block, uint64 size, const char* file, int line) {
         hold.unlock();
         return allocate(0, size, block_type::memory, file, line);
     }
-    void* const moved = qor::memory::change_size(block, size);
+    void* const moved = change_size(block, size);
     if (moved != nullptr)
         note_new(moved, size, old.type, file, line);
     else
@@ -109,33 +171,36 @@ void after_fork_in_parent() noexcept { state().lock.unlock(); }
 void after_fork_in_child() noexcept {
     state().log.continue_in_child(state().blocks);
     state().lock.unlock();
+    const guard hold; // prints what there is to say
 }
 
 void finish_log() noexcept {
-    const guard hold(state().lock);
+    const guard hold;
     state().log.finish();
 }
 
-} // namespace
-
-int qor::memory::start_log(const std::string& path) {
-    const guard hold(state().lock);
-    if (const int reason = state().log.open(path))
+int open_log(shared_state& shared, const std::string& name) {
+    if (const int reason = shared.log.open(name, shared.blocks))
         return reason;
-    for (const live_block& block : state().blocks.in_order()) {
-        state().log.allocated(block);
-        if (block.type_name != nullptr)
-            state().log.named(block.address, block.type_name);
-    }
-    watch_forks(before_fork, after_fork_in_parent, after_fork_in_child);
+    // The programs that this process starts inherit the variable: they are not to write over its log.
+    if (qor::process::environment(qor::memory::log_variable) != nullptr)
+        qor::process::set_environment(qor::memory::log_variable, qor::memory::log_name_for_children(name).c_str());
+    tracking.store(true, std::memory_order_release);
+    qor::memory::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child);
     std::atexit([] { finish_log(); });
     return 0;
 }
 
+} // namespace
+
+int qor::memory::start_log(const std::string& name) {
+    const guard hold;
+    return state().log.is_open() ? 0 : open_log(state(), name);
+}
+
 void qor::memory::stop_tracking() noexcept {
-    const guard hold(state().lock);
-    tracking.store(false, std::memory_order_release);
-    state().blocks.clear();
+    const guard hold;
+    forget_blocks(state());
 }
 
 void qor::memory::exhausted(uint64 size, const char* file, int line) noexcept {
@@ -155,11 +220,9 @@ void* qor::glue::qor_do_malloc(uint64 alignment, uint64 size, bool, const char* 
 void* qor::glue::qor_do_realloc(void* block, uint64 size, const char* file, int line) noexcept {
     if (block == nullptr)
         return allocate(0, size, block_type::memory, file, line);
-    // The C library would free the block for a size of 0; here it stays a block.
-    const uint64 wanted = size != 0 ? size : 1;
     if (is_tracking()) [[unlikely]]
-        return reallocate_tracked(block, wanted, file, line);
-    return qor::memory::change_size(block, wanted);
+        return reallocate_tracked(block, size, file, line);
+    return change_size(block, size);
 }
 
 void qor::glue::qor_do_free(void* block, const char*, int) noexcept { release(block, block_type::memory); }
@@ -187,11 +250,11 @@ char* qor::glue::qor_do_strndup(const char* text, uint64 length, const char* fil
 }
 
 void* qor::glue::qor_do_huge_alloc(uint64 size, const char* file, int line) noexcept {
-    const uint64 mapped = size != 0 ? size : 1;
+    const uint64 mapped = at_least_a_byte(size);
     void* const block = qor::memory::map_pages(mapped);
     if (block == nullptr)
         return nullptr;
-    const guard hold(state().lock);
+    const guard hold;
     state().huge_sizes.insert_or_assign(block, mapped);
     note_new(block, size, block_type::huge, file, line);
     return block;
@@ -203,7 +266,7 @@ void qor::glue::qor_do_huge_free(void* block, const char* file, int line) noexce
     bool alive;
     uint64 size = 0;
     {
-        const guard hold(state().lock);
+        const guard hold;
         alive = note_end(block, block_type::huge);
         const auto mapped = state().huge_sizes.find(block);
         if (mapped != state().huge_sizes.end()) {
@@ -227,7 +290,7 @@ void qor::glue::qor_do_delete(void* object) noexcept { release(object, block_typ
 void qor::glue::qorAnnounceObject(const void* object, const char* type_name) noexcept {
     if (!is_tracking() || type_name == nullptr || *type_name == '\0') [[likely]]
         return;
-    const guard hold(state().lock);
+    const guard hold;
     // Objects that live elsewhere, on a stack or inside another, have no block to name.
     if (qor::memory::live_block* const block = state().blocks.find(object)) {
         block->type_name = type_name;

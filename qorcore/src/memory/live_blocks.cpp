@@ -1,23 +1,96 @@
 #include "memory/live_blocks.h"
 
-#include <algorithm>
+#include "memory/pages.h"
 
-void qor::memory::live_blocks::add(const void* address, uint64 size, block_type type, const char* file,
-                                   int line) {
-    m_blocks.insert_or_assign(address, live_block{address, size, type, file, line, nullptr, m_next++});
+#include <algorithm>
+#include <cstdint>
+#include <new>
+
+namespace {
+
+constexpr std::size_t first_capacity = 1024;
+
+} // namespace
+
+qor::memory::live_block& qor::memory::live_blocks::add(const void* address, uint64 size, block_type type,
+                                                       const char* file, int line) {
+    if (2 * (m_count + 1) > m_capacity)
+        grow();
+    live_block& slot = m_slots[place(address)];
+    m_count += slot.address == nullptr;
+    slot = {address, size, type, file, line, nullptr, m_additions++};
+    return slot;
+}
+
+// The blocks behind the gap move up, so that every block can be reached from its home without a gap.
+void qor::memory::live_blocks::remove(const void* address) {
+    if (find(address) == nullptr)
+        return;
+    std::size_t gap = place(address);
+    for (std::size_t at = gap;;) {
+        at = (at + 1) & (m_capacity - 1);
+        if (m_slots[at].address == nullptr)
+            break;
+        const std::size_t from_home = (at - home(m_slots[at].address)) & (m_capacity - 1);
+        if (from_home >= ((at - gap) & (m_capacity - 1))) {
+            m_slots[gap] = m_slots[at];
+            gap = at;
+        }
+    }
+    m_slots[gap].address = nullptr;
+    --m_count;
 }
 
 qor::memory::live_block* qor::memory::live_blocks::find(const void* address) {
-    const auto found = m_blocks.find(address);
-    return found != m_blocks.end() ? &found->second : nullptr;
+    if (m_count == 0)
+        return nullptr;
+    live_block& slot = m_slots[place(address)];
+    return slot.address != nullptr ? &slot : nullptr;
 }
 
 std::vector<qor::memory::live_block> qor::memory::live_blocks::in_order() const {
     std::vector<live_block> blocks;
-    blocks.reserve(m_blocks.size());
-    for (const auto& [address, block] : m_blocks)
-        blocks.push_back(block);
+    blocks.reserve(m_count);
+    std::copy_if(m_slots, m_slots + m_capacity, std::back_inserter(blocks),
+                 [](const live_block& slot) { return slot.address != nullptr; });
     std::sort(blocks.begin(), blocks.end(),
               [](const live_block& a, const live_block& b) { return a.sequence < b.sequence; });
     return blocks;
+}
+
+void qor::memory::live_blocks::clear() noexcept {
+    if (m_slots != nullptr)
+        unmap_pages(m_slots, m_capacity * sizeof *m_slots);
+    m_slots = nullptr;
+    m_capacity = m_count = 0;
+}
+
+// Blocks lie at multiples of 16, and neighbours are often alive together.
+std::size_t qor::memory::live_blocks::home(const void* address) const noexcept {
+    const auto number = reinterpret_cast<std::uintptr_t>(address);
+    return (number * 0x9e3779b97f4a7c15u >> 20) & (m_capacity - 1);
+}
+
+// The slot with this address, or the free one where it would be put.
+std::size_t qor::memory::live_blocks::place(const void* address) const noexcept {
+    std::size_t at = home(address);
+    while (m_slots[at].address != nullptr && m_slots[at].address != address)
+        at = (at + 1) & (m_capacity - 1);
+    return at;
+}
+
+void qor::memory::live_blocks::grow() {
+    const std::size_t capacity = std::max(first_capacity, 2 * m_capacity);
+    auto* const slots = static_cast<live_block*>(map_pages(capacity * sizeof(live_block)));
+    if (slots == nullptr)
+        throw std::bad_alloc();
+    live_block* const old = m_slots;
+    const std::size_t old_capacity = m_capacity;
+    m_slots = slots;
+    m_capacity = capacity;
+    for (std::size_t i = 0; i < old_capacity; ++i)
+        if (old[i].address != nullptr)
+            m_slots[place(old[i].address)] = old[i];
+    if (old != nullptr)
+        unmap_pages(old, old_capacity * sizeof *old);
 }

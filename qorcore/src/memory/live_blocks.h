@@ -1,11 +1,13 @@
 // Inside the allocator: which tracked blocks are alive, and who asked for them. Kept only while somebody may want to
 // know: until the process has started, and as long as an allocation log is written. The caller holds the
 // allocator's lock.
+//
+// Its own memory is pages of the system, not blocks of malloc: what the bookkeeping needs is not for the logs.
 #pragma once
 
 #include "qor/system/Types.h"
 
-#include <unordered_map>
+#include <cstddef>
 #include <vector>
 
 namespace qor::memory {
@@ -14,7 +16,7 @@ namespace qor::memory {
 enum class block_type : uint8 { memory = 0, object = 1, huge = 3 };
 
 struct live_block {
-    const void* address;
+    const void* address; // null: a free slot
     uint64 size;
     block_type type;
     const char* file;
@@ -25,17 +27,32 @@ struct live_block {
 
 class live_blocks {
 public:
-    void add(const void* address, uint64 size, block_type type, const char* file, int line);
-    void remove(const void* address) { m_blocks.erase(address); }
+    live_blocks() noexcept = default;
+    live_blocks(const live_blocks&) = delete;
+    live_blocks& operator=(const live_blocks&) = delete;
+    ~live_blocks() { clear(); }
+
+    // An address holds one block. The result lives until the next change.
+    live_block& add(const void* address, uint64 size, block_type type, const char* file, int line);
+    void remove(const void* address);
     live_block* find(const void* address);
 
     // The oldest first.
     std::vector<live_block> in_order() const;
-    void clear() { m_blocks = {}; }
+    void clear() noexcept;
+
+    // How many were ever added.
+    uint64 additions() const noexcept { return m_additions; }
 
 private:
-    std::unordered_map<const void*, live_block> m_blocks;
-    uint64 m_next = 0;
+    std::size_t home(const void* address) const noexcept;
+    std::size_t place(const void* address) const noexcept;
+    void grow();
+
+    live_block* m_slots = nullptr; // a power of two of them, at most half in use; collisions go to the next slot
+    std::size_t m_capacity = 0;
+    std::size_t m_count = 0;
+    uint64 m_additions = 0;
 };
 
 } // namespace qor::memory

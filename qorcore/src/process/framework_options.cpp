@@ -66,7 +66,7 @@ constexpr option options[] = {
     {"language", "QOR_LANGUAGE", "LIST", set_language},
     {"debug-file", "QOR_DEBUG_FILE", "FILE", trace_to_file},
     {"debug", "QOR_DEBUG", "NAMES", enable_codes},
-    {"memcheck", "QOR_MEMCHECK", "FILE", start_allocation_log},
+    {"memcheck", qor::memory::log_variable, "FILE", start_allocation_log},
 };
 
 static_assert(std::size(options) == qor::process::option_count);

@@ -19,6 +19,13 @@ std::string library_folder();
 // that its caller does not have.
 const char* environment(const char* variable) noexcept;
 
+// Sets a variable for the programs that this process starts.
+void set_environment(const char* variable, const char* value) noexcept;
+
+// Whether a word of this process's command line begins like this. For those who cannot wait until the framework has
+// read it.
+bool has_argument(const char* begin) noexcept;
+
 // Makes the standard streams safe to print to: one that the caller closed must not become the next file that somebody
 // opens, and a console must take what comes for UTF-8.
 void set_up_standard_streams() noexcept;

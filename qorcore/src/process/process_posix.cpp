@@ -1,5 +1,7 @@
 #include "process/process.h"
 
+#include "file/raw_file.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -34,6 +36,22 @@ std::string qor::process::library_folder() {
 const char* qor::process::environment(const char* variable) noexcept {
     const char* const value = secure_getenv(variable);
     return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+void qor::process::set_environment(const char* variable, const char* value) noexcept {
+    setenv(variable, value, 1);
+}
+
+bool qor::process::has_argument(const char* begin) noexcept {
+    // Each word ends with a NUL.
+    file::raw_file words;
+    std::string text;
+    if (words.open("/proc/self/cmdline", file::raw_file::access::read) != 0)
+        return false;
+    char piece[4096];
+    for (std::size_t count; words.read(piece, sizeof piece, &count) == 0 && count != 0;)
+        text.append(piece, count);
+    return text.find('\0' + std::string(begin)) != std::string::npos;
 }
 
 void qor::process::set_up_standard_streams() noexcept {

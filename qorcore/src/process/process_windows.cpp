@@ -72,6 +72,22 @@ const char* qor::process::environment(const char* variable) noexcept {
     return kept.c_str();
 }
 
+void qor::process::set_environment(const char* variable, const char* value) noexcept {
+    std::wstring name;
+    std::wstring wide;
+    if (string::to_wide(variable, name) && string::to_wide(value, wide))
+        SetEnvironmentVariableW(name.c_str(), wide.c_str());
+}
+
+bool qor::process::has_argument(const char* begin) noexcept {
+    std::wstring wide;
+    if (!string::to_wide(begin, wide))
+        return false;
+    // A word in quotes counts too, as it should.
+    const std::wstring line = GetCommandLineW();
+    return line.find(L' ' + wide) != std::wstring::npos || line.find(L'"' + wide) != std::wstring::npos;
+}
+
 // No file takes the place of a closed stream here: handles are not numbered like that. But a console shows bytes as
 // its code page says, which is seldom UTF-8. The console belongs to the user: it gets its code page back.
 void qor::process::set_up_standard_streams() noexcept {

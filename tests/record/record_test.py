@@ -1,0 +1,229 @@
+#!/usr/bin/env python3
+"""Records programs with scripts/record and looks at what qortool finds in the logs.
+
+    record_test.py --bin FOLDER --record SCRIPT --source FOLDER [--instrumented]
+
+FOLDER holds qortool, the example `leaky` and `troubles`; the other is that of the tree. --instrumented: they are built
+with a sanitizer, and cannot be recorded.
+"""
+
+import argparse
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+options = None
+
+LINE = re.compile(r"= Start|@ \S.* [-+<>!] (0x[0-9a-f]+|\(nil\))( 0x[0-9a-f]+| 0)?")
+LEAK = re.compile(r"LEAK at 0x[0-9a-f]+ size (\d+) type (\d+) caller \[(.*)\] type_name \[(.*)\] file \[(.*)\] line (\d+)")
+
+
+def line_of(text):
+    """The number of the one line of the example that holds `text`."""
+    source = (options.source / "examples/leaky/leaky.cpp").read_text().splitlines()
+    numbers = [number for number, line in enumerate(source, 1) if text in line]
+    assert len(numbers) == 1, (text, numbers)
+    return numbers[0]
+
+
+class Recorded(unittest.TestCase):
+    def setUp(self):
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", "XDG_CACHE_HOME": str(self.folder / "cache")}
+
+    def enterContext(self, manager):
+        """As in Python 3.11."""
+        result = manager.__enter__()
+        self.addCleanup(manager.__exit__, None, None, None)
+        return result
+
+    def record(self, *words, prefix=("-o", "log")):
+        return subprocess.run([options.record, *prefix, "--", *map(str, words)], cwd=self.folder, env=self.environment,
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True)
+
+    def refused(self, reason, *words):
+        done = self.record(*words)
+        self.assertEqual((done.returncode, done.stdout), (1, ""))
+        self.assertEqual(done.stderr.count("\n"), 1, done.stderr)
+        self.assertIn(reason, done.stderr)
+        self.assertEqual(list(self.folder.glob("log*")), [])
+
+    def trouble(self, name, code=0):
+        """Records it; the lines of its log."""
+        done = self.record(options.bin / "troubles", name)
+        self.assertEqual(done.returncode, code, done.stderr)
+        self.messages = done.stderr
+        return self.lines("log.mtrace")
+
+    def lines(self, name):
+        text = (self.folder / name).read_text()
+        self.assertTrue(text.endswith("\n"))
+        lines = text.splitlines()
+        for line in lines:
+            self.assertTrue(LINE.fullmatch(line), line)
+        return lines
+
+    def children(self):
+        return sorted(path.name for path in self.folder.glob("log.mtrace.*"))
+
+    def report(self, action, *logs):
+        done = subprocess.run([options.bin / "qortool", "--quiet", action, *logs], cwd=self.folder,
+                              env=self.environment, capture_output=True, text=True)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertNotIn("WARNING", done.stderr)
+        return done.stdout
+
+    def leaks(self, report):
+        """How often a block of each size leaked, of those that the program marks by theirs."""
+        sizes = [int(match[1]) for match in LEAK.finditer(report)]
+        return {size: sizes.count(size) for size in sorted(set(sizes)) if 71000 <= size <= 73999 and size != 72704}
+
+
+class Programs(Recorded):
+    def test_the_leaks_of_the_example(self):
+        done = self.record(options.bin / "leaky")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual(done.stdout, "sum of means: 14.0\npage 1 of 3\npage 2 of 3\npage 3 of 3\n")
+        self.assertRegex(done.stderr, r"\Arecord: log\.mtrace: \d+ allocations and releases\n"
+                                      r"record: log\.memcheck: \d+ lines of the framework\n"
+                                      r"record: now type: qortool mtrace log\.mtrace log\.memcheck\n\Z")
+        source = "examples/leaky/leaky"
+        reading = (792, "examples.leaky.reading", source, line_of("new (source, __LINE__) reading"))
+        expected = sorted([
+            reading,
+            reading,
+            (4096, "", source, line_of("qor_do_malloc(0, page_size")),
+            (15000, "", source, line_of("qor_do_realloc(line")),
+            (8 << 20, "", source, line_of("(void)qor_do_huge_alloc")),
+        ])
+        alone = self.report("memcheck", "log.memcheck")
+        found = [(int(m[1]), m[4], m[5], int(m[6])) for m in LEAK.finditer(alone)]
+        self.assertEqual(sorted(found), expected)
+        self.assertEqual(alone.count("BAD FREE"), 1, alone)
+        joined = self.report("mtrace", "log.mtrace", "log.memcheck")
+        found = [(int(m[1]), m[4], m[5], int(m[6])) for m in LEAK.finditer(joined) if m[5]]
+        self.assertEqual(sorted(found), expected)
+        self.assertRegex(joined, r"LEAK at \S+ size 300 type 0 caller \[\S*/leaky:\S+\] type_name \[\] file \[\] line 0\n")
+        self.assertNotIn("BAD FREE", joined)
+
+    def test_a_program_that_is_found_along_the_path_names_the_log(self):
+        done = self.record("true", prefix=())
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertRegex(done.stderr, r"\Arecord: true\.mtrace: \d+ allocations and releases\n"
+                                      r"record: now type: qortool mtrace true\.mtrace\n\Z")
+        self.assertEqual([path.name for path in self.folder.iterdir() if path.is_file()], ["true.mtrace"])
+
+    def test_streams_and_code_are_the_programs(self):
+        done = self.record("sh", "-c", "echo out; echo err >&2; exit 5")
+        self.assertEqual((done.returncode, done.stdout), (5, "out\n"))
+        self.assertTrue(done.stderr.startswith("err\nrecord: "), done.stderr)
+
+    def test_what_cannot_be_recorded(self):
+        self.refused("no such program", "./nothing")
+        static = self.folder / "static"
+        source = self.folder / "static.c"
+        source.write_text("int main(void) { return 0; }\n")
+        subprocess.run(["cc", "-static", "-o", static, source], check=True)
+        self.refused("is statically linked", static)
+        script = self.folder / "script"
+        script.write_text(f"#!{static}\n")
+        script.chmod(0o755)
+        self.refused("is statically linked", script)
+        subprocess.run(["cc", "-fsanitize=address", "-o", self.folder / "checked", source], check=True)
+        self.refused("is built with a sanitizer", self.folder / "checked")
+        if os.geteuid() == 0:
+            foreign = self.folder / "foreign"
+            shutil.copy("/bin/true", foreign)
+            os.chown(foreign, 65534, -1)
+            foreign.chmod(0o4755)
+            self.refused("is set-user-id", foreign)
+
+
+class Troubles(Recorded):
+    def test_forks(self):
+        self.trouble("fork_twice")
+        self.assertIn("record: log.mtrace.<pid>: the same of 2 forked children\n", self.messages)
+        reports = [self.report("mtrace", name) for name in ("log.mtrace", *self.children())]
+        for report in reports:
+            self.assertNotIn("BAD FREE", report)
+        parent, *others = map(self.leaks, reports)
+        self.assertEqual(parent, {71001: 1, 71002: 1})
+        self.assertCountEqual(others, [{71002: 1, 72001: 1}, {71002: 1, 73001: 1}])
+        self.trouble("leave_at_once", 7)
+        self.assertEqual(self.children(), [], "those of an earlier run are gone")
+
+    def test_a_child_that_only_starts_a_program_leaves_no_log(self):
+        self.trouble("fork_and_execute")
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1})
+        self.assertEqual(self.children(), [])
+
+    def test_a_process_that_leaves_at_once(self):
+        self.trouble("leave_at_once", 7)
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1})
+
+    def test_a_block_that_is_freed_twice(self):
+        """The C library ends the process before the line of the second release; those before it are there."""
+        lines = self.trouble("free_twice", 134)
+        self.assertIn("double free", self.messages)
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71002: 1})
+        self.assertRegex(lines[-1], r" - 0x[0-9a-f]+$")
+
+    def test_a_process_that_is_killed(self):
+        self.trouble("be_killed", 137)
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 2000})
+
+    def test_descriptors_that_are_closed(self):
+        self.trouble("close_everything")
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1, 71002: 1})
+
+    def test_descriptors_that_become_the_programs(self):
+        self.trouble("reuse_descriptors")
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1})
+        self.assertEqual((self.folder / "mine").read_bytes(), b"")
+
+    def test_a_log_that_may_grow_no_further(self):
+        self.trouble("meet_a_limit")
+        self.assertEqual(self.messages.count("ends here: File too large\n"), 1, self.messages)
+        self.assertGreater((self.folder / "log.mtrace").stat().st_size, 19900)
+
+    def test_forks_between_threads(self):
+        self.trouble("fork_between_threads")
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {})
+        children = self.children()
+        self.assertEqual(len(children), 20)
+        for name in children:
+            self.lines(name)
+            report = self.report("mtrace", name)
+            self.assertEqual(self.leaks(report).get(72001), 1, report)
+            self.assertNotIn("BAD FREE", report)
+
+    def test_a_program_in_the_place_of_another(self):
+        self.trouble("become_another", 7)
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1})
+
+
+class Instrumented(Recorded):
+    def test_what_cannot_be_recorded(self):
+        self.refused("is built with a sanitizer", options.bin / "leaky")
+
+
+def main():
+    global options
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--bin", type=lambda path: pathlib.Path(path).resolve(), required=True)
+    parser.add_argument("--record", type=lambda path: pathlib.Path(path).resolve(), required=True)
+    parser.add_argument("--source", type=lambda path: pathlib.Path(path).resolve(), required=True)
+    parser.add_argument("--instrumented", action="store_true")
+    options = parser.parse_args()
+    cases = [Instrumented] if options.instrumented else [Programs, Troubles]
+    suite = unittest.TestSuite(map(unittest.defaultTestLoader.loadTestsFromTestCase, cases))
+    return 0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
