@@ -6,12 +6,15 @@
 //
 // A block has 1,024 slots, but memory for no more than it has used: its slots come in powers of two, addresses
 // packed in front, so that a search is a scan of a few cache lines. The rest of a slot is its size and the
-// number of its origin.
+// number of its origin. A chain of more than one block is not scanned: it has an index.
 #pragma once
 
+#include "chain_index.h"
 #include "qor/system/Types.h"
 
 #include <cstddef>
+#include <unordered_map>
+#include <vector>
 
 class allocation_table {
 public:
@@ -28,7 +31,8 @@ public:
         __block* next;
         uint16 capacity;    // slots that have memory; those behind it are blank
         uint16 first_blank; // no slot before this one is blank
-        uint32 rank;        // of its memory in the arena
+        uint16 rank;        // of its memory in the arena
+        bool has_chain;     // it is the first of several, and the chain has an index
 
         uint64* addresses() noexcept { return reinterpret_cast<uint64*>(this + 1); }
         const uint64* addresses() const noexcept { return reinterpret_cast<const uint64*>(this + 1); }
@@ -63,13 +67,14 @@ public:
     // std::bad_alloc.
     __entry find_blank(uint64 address);
 
-    // The earliest slot that holds the address; false: none does.
-    bool find_entry(uint64 address, __entry& found) const noexcept;
+    // The earliest slot that holds the address, which is not 0; false: none does.
+    bool find_entry(uint64 address, __entry& found) noexcept;
 
     // Blanks the earliest slot that holds the address; false: none does. Address 0 is "held" by any blank slot.
     bool release(uint64 address) noexcept;
 
-    void set(const __entry& entry, uint64 address, uint32 size, uint32 origin) noexcept;
+    // The slot is a blank one, just found.
+    void set(const __entry& entry, uint64 address, uint32 size, uint32 origin);
     uint64 address(const __entry& entry) const noexcept;
     uint32 origin(const __entry& entry) const noexcept;
     void set_origin(const __entry& entry, uint32 origin) noexcept;
@@ -84,8 +89,36 @@ public:
                         visit(address, block->data()[slot].size, block->data()[slot].origin);
     }
 
+    // Gives every live slot the origin renumber(origin).
+    template <class RENUMBER>
+    void renumber_origins(RENUMBER renumber) {
+        for (__block* const head : m_heads)
+            for (__block* block = head; block != nullptr; block = block->next)
+                for (uint32 slot = 0; slot < block->capacity; ++slot)
+                    if (block->addresses()[slot] != 0)
+                        block->data()[slot].origin = renumber(block->data()[slot].origin);
+    }
+
 private:
+    // A chain of more than one block.
+    struct chain {
+        std::vector<__block*> blocks;
+        chain_index index;
+
+        uint64 address_at(uint32 place) const noexcept {
+            return blocks[place / __block::slot_count]->addresses()[place % __block::slot_count];
+        }
+        void append(__block* block);
+        // The first blank slot, which may lie behind those that have memory. False: every block is full.
+        bool find_blank(uint32& number, uint32& slot) noexcept;
+    };
+
+    chain& chain_of(uint32 bucket) noexcept { return m_chains.find(bucket)->second; }
+    void make_chain(uint32 bucket);
+    __entry find_blank_in_chain(uint32 bucket);
+    bool release_in_chain(uint64 address) noexcept;
     __block* resolve(const __entry& entry) const noexcept;
 
     __block* m_heads[bucket_count] = {};
+    std::unordered_map<uint32, chain> m_chains; // by bucket
 };

@@ -1,6 +1,5 @@
 #include "log_fields.h"
 
-#include <array>
 #include <bit>
 #include <cstdlib>
 #include <cstring>
@@ -42,20 +41,70 @@ const char* find_space(const char* at) noexcept {
 
 #endif
 
-constexpr uint8 no_digit = 0xff;
+bool is_digit_16(char c) noexcept {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
 
-constexpr std::array<uint8, 256> digit_values = [] {
-    std::array<uint8, 256> values{};
-    values.fill(no_digit);
-    for (uint8 i = 0; i < 10; ++i)
-        values[static_cast<std::size_t>('0') + i] = i;
-    for (uint8 i = 0; i < 6; ++i)
-        values[static_cast<std::size_t>('a') + i] = values[static_cast<std::size_t>('A') + i] =
-            static_cast<uint8>(10 + i);
-    return values;
-}();
+// The number that up to 16 hexadecimal digits make, and how many they are.
+struct digits_16 {
+    uint64 value;
+    unsigned count;
+};
 
-uint8 digit_value(char c) noexcept { return digit_values[static_cast<unsigned char>(c)]; }
+digits_16 read_digits_16(const char* at) noexcept;
+
+#if defined(__SSE2__)
+
+// All sixteen bytes at once, whatever they are: numbers of all lengths cost the same, and no branch is guessed wrong.
+digits_16 read_digits_16(const char* at) noexcept {
+    static_assert(qorReadLinesPadding >= sizeof(__m128i));
+    const auto at_most = [](__m128i bytes, char limit) {
+        return _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(limit)), bytes);
+    };
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+    const __m128i digit = _mm_sub_epi8(bytes, _mm_set1_epi8('0'));
+    const __m128i letter = _mm_sub_epi8(_mm_or_si128(bytes, _mm_set1_epi8(0x20)), _mm_set1_epi8('a'));
+    const __m128i is_digit = at_most(digit, 9);
+    const __m128i is_letter = at_most(letter, 5);
+    const unsigned good = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(is_digit, is_letter)));
+    const unsigned count = static_cast<unsigned>(std::countr_one(good));
+    const __m128i nibbles =
+        _mm_or_si128(_mm_and_si128(is_digit, digit),
+                     _mm_and_si128(is_letter, _mm_add_epi8(letter, _mm_set1_epi8(10))));
+    // Two nibbles to a byte, eight bytes to a word, of which the first byte counts most.
+    const __m128i pairs = _mm_and_si128(_mm_or_si128(_mm_slli_epi16(nibbles, 4), _mm_srli_epi16(nibbles, 8)),
+                                        _mm_set1_epi16(0xff));
+    const uint64 packed = static_cast<uint64>(_mm_cvtsi128_si64(_mm_packus_epi16(pairs, pairs)));
+    const uint64 all = __builtin_bswap64(packed);
+    return {count == 0 ? 0 : all >> (64 - 4 * count), count};
+}
+
+#else
+
+digits_16 read_digits_16(const char* at) noexcept {
+    digits_16 digits{0, 0};
+    for (; digits.count < 16 && is_digit_16(at[digits.count]); ++digits.count) {
+        const char c = at[digits.count];
+        digits.value = digits.value << 4 | static_cast<uint64>(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10);
+    }
+    return digits;
+}
+
+#endif
+
+// A word of one to eight digits that does not begin like an octal number.
+bool read_decimal(std::string_view word, uint64& value) noexcept {
+    const std::size_t size = word.size();
+    if (size == 0 || size > 8 || (word[0] == '0' && size > 1))
+        return false;
+    value = 0;
+    for (const char c : word) {
+        if (c < '0' || c > '9')
+            return false;
+        value = value * 10 + static_cast<uint64>(c - '0');
+    }
+    return true;
+}
 
 } // namespace
 
@@ -85,28 +134,25 @@ std::string_view log_fields::next_word(std::string_view& rest) noexcept {
 }
 
 uint64 log_fields::hexadecimal(std::string_view word) noexcept {
-    // The usual form, by hand: the C library takes three times as long.
+    // The usual form, by hand: the C library takes ten times as long.
     const char* at = word.data();
-    const char* const end = at + word.size();
-    if (word.size() > 2 && at[0] == '0' && (at[1] == 'x' || at[1] == 'X') && digit_value(at[2]) != no_digit)
+    if (word.size() > 2 && at[0] == '0' && (at[1] == 'x' || at[1] == 'X') && is_digit_16(at[2]))
         at += 2;
+    const digits_16 digits = read_digits_16(at);
     // Signs and what may be too large a number are left to the C library.
-    if (end - at > 16 || (at != end && digit_value(*at) == no_digit))
+    if (digits.count == 0 || digits.count == 16)
         return std::strtoull(word.data(), nullptr, 16);
-    uint64 value = 0;
-    for (; at != end; ++at) {
-        const uint8 digit = digit_value(*at);
-        if (digit == no_digit)
-            break;
-        value = value << 4 | digit;
-    }
-    return value;
+    return digits.value;
 }
 
 uint64 log_fields::unsigned_number(std::string_view word) noexcept {
     if (word.size() > 2 && word[0] == '0' && word[1] == 'x')
         return hexadecimal(word);
-    return std::strtoull(word.data(), nullptr, 0);
+    uint64 value;
+    return read_decimal(word, value) ? value : std::strtoull(word.data(), nullptr, 0);
 }
 
-int64 log_fields::signed_number(std::string_view word) noexcept { return std::strtoll(word.data(), nullptr, 0); }
+int64 log_fields::signed_number(std::string_view word) noexcept {
+    uint64 value;
+    return read_decimal(word, value) ? static_cast<int64>(value) : std::strtoll(word.data(), nullptr, 0);
+}

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <charconv>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
-std::string_view view(const qorString& text) noexcept { return {text.Text(), text.Length()}; }
+constexpr std::size_t report_piece = 64 * 1024;
 
 template <class NUMBER>
 void append(std::string& line, NUMBER number, int base = 10) {
@@ -17,7 +19,8 @@ void append(std::string& line, NUMBER number, int base = 10) {
 } // namespace
 
 mtrace_proc::mtrace_proc()
-    : qorRefObject("qorcore.qortool.mtrace_proc"), m_debug_code(qorDebugAllocateCode("qortool.mtrace")) {}
+    : qorRefObject("qorcore.qortool.mtrace_proc"), m_debug_code(qorDebugAllocateCode("qortool.mtrace")),
+      m_mtrace_file(m_debug_code, "mtrace line: [%.*s]"), m_memcheck_file(m_debug_code, nullptr) {}
 
 bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "Execute_MTRACE");
@@ -52,36 +55,33 @@ bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
 
 void mtrace_proc::mtrace_allocation(const __mtrace_line& rec) {
     const __entry entry = m_table.find_blank(rec.address);
-    m_table.set(entry, rec.address, rec.size, m_origins.of_caller(view(rec.caller)));
+    m_table.set(entry, rec.address, rec.size, m_origins.of_caller(rec.caller));
     if (m_memcheck_file.is_given())
         mtrace_add_memcheck_data(entry);
 }
 
+look_ahead_list::record mtrace_proc::keep(const __memcheck_line& rec) {
+    return {rec.code, rec.bt, rec.address, rec.size, rec.line, m_origins.text(rec.file), m_origins.text(rec.type_name)};
+}
+
 // The bounded look-ahead into the other log. What it meets on the way is kept for later, except what needs no
 // partner: huge blocks enter the table at once, and frees say nothing that the mtrace log does not.
-bool mtrace_proc::mtrace_read_memcheck_for(uint64 address, __memcheck_line& out) {
+bool mtrace_proc::mtrace_read_memcheck_for(uint64 address, look_ahead_list::record& out) {
     const qorDebugSeq trace(m_debug_code, "mtrace_read_memcheck_for");
     if (!m_memcheck_file.is_given())
         return false;
-    const __memcheck_line* const found =
-        std::find_if(m_look_ahead.begin(), m_look_ahead.end(),
-                     [address](const __memcheck_line& known) { return known.address == address; });
-    if (found != m_look_ahead.end()) {
-        out = *found;
-        m_look_ahead.RemoveAt(static_cast<uint32>(found - m_look_ahead.begin()), 1);
+    if (m_look_ahead.take(address, out))
         return true;
-    }
-    if (m_look_ahead.GetCount() >= look_ahead_limit)
-        return false;
-    while (read_memcheck_line(out)) {
-        if (out.address == address)
+    __memcheck_line rec;
+    while (!m_look_ahead.is_full() && read_memcheck_line(rec)) {
+        if (rec.address == address) {
+            out = keep(rec);
             return true;
-        if (out.bt == huge_block)
-            mtrace_handle_huge_entry(out);
-        else if (out.code != 'F')
-            m_look_ahead.Append(out);
-        if (m_look_ahead.GetCount() >= look_ahead_limit)
-            return false;
+        }
+        if (rec.bt == huge_block)
+            mtrace_handle_huge_entry(rec);
+        else if (rec.code != 'F')
+            m_look_ahead.append(keep(rec));
     }
     return false;
 }
@@ -90,11 +90,14 @@ bool mtrace_proc::mtrace_read_memcheck_for(uint64 address, __memcheck_line& out)
 // for which: one that was written with address 0 is blank, and a huge block met on the way may take it.
 void mtrace_proc::mtrace_add_memcheck_data(const __entry& entry) {
     const qorDebugSeq trace(m_debug_code, "mtrace_add_memcheck_data");
-    __memcheck_line rec;
+    look_ahead_list::record rec;
     while (mtrace_read_memcheck_for(m_table.address(entry), rec)) {
+        // A blank slot comes from nowhere.
+        if (m_table.address(entry) == 0)
+            continue;
         if (rec.code == 'A') {
             origin_table::origin known = m_origins.get(m_table.origin(entry));
-            known.file = view(rec.file);
+            known.file = rec.file;
             known.line = rec.line;
             m_table.set_origin(entry, m_origins.of(known));
         } else if (rec.code == 'T') {
@@ -112,23 +115,44 @@ void mtrace_proc::mtrace_handle_huge_entry(const __memcheck_line& rec) {
 }
 
 void mtrace_proc::enter_memcheck(const __memcheck_line& rec) {
-    const uint32 origin = m_origins.of({{}, view(rec.type_name), view(rec.file), rec.line, rec.bt});
+    const uint32 origin =
+        m_origins.of({0, m_origins.text(rec.type_name), m_origins.text(rec.file), rec.line, rec.bt});
     m_table.set(m_table.find_blank(rec.address), rec.address, rec.size, origin);
 }
 
-void mtrace_proc::set_type_name(const __entry& entry, const qorString& type_name) {
+void mtrace_proc::set_type_name(const __entry& entry, uint32 type_name) {
     origin_table::origin known = m_origins.get(m_table.origin(entry));
-    known.type_name = view(type_name);
+    known.type_name = type_name;
     m_table.set_origin(entry, m_origins.of(known));
 }
 
+void mtrace_proc::renew_origins() {
+    origin_table kept;
+    std::vector<uint32> numbers(m_origins.count(), number_index::none);
+    m_table.renumber_origins([&](uint32 old) {
+        if (numbers[old] == number_index::none)
+            numbers[old] = kept.adopt(m_origins, old);
+        return numbers[old];
+    });
+    m_look_ahead.walk([&](look_ahead_list::record& rec) {
+        rec.file = kept.adopt_text(m_origins, rec.file);
+        rec.type_name = kept.adopt_text(m_origins, rec.type_name);
+    });
+    m_origins = std::move(kept);
+    m_origins_limit = std::max(origins_minimum, 2 * m_origins.bytes());
+}
+
 void mtrace_proc::list_look_ahead() {
-    if (m_look_ahead.IsEmpty())
+    if (m_look_ahead.is_empty())
         return;
-    fixed_fprintf(m_streams.err(), "WARNING %u entries left in memcheck table\n", m_look_ahead.GetCount());
-    for (const __memcheck_line& rec : m_look_ahead)
-        fixed_fprintf(m_streams.err(), ">> %c mem=0x%llx size=%u bt=%d file=[%s] line=%d type=[%s]\n", rec.code,
-                      rec.address, rec.size, rec.bt, rec.file.Text(), rec.line, rec.type_name.Text());
+    fixed_fprintf(m_streams.err(), "WARNING %u entries left in memcheck table\n", m_look_ahead.count());
+    m_look_ahead.walk([this](const look_ahead_list::record& rec) {
+        const std::string_view file = m_origins.printed(rec.file);
+        const std::string_view type_name = m_origins.printed(rec.type_name);
+        fixed_fprintf(m_streams.err(), ">> %c mem=0x%llx size=%u bt=%d file=[%.*s] line=%d type=[%.*s]\n", rec.code,
+                      rec.address, rec.size, rec.bt, static_cast<int>(file.size()), file.data(), rec.line,
+                      static_cast<int>(type_name.size()), type_name.data());
+    });
 }
 
 bool mtrace_proc::Execute_MEMCHECK(qorStringArray& args) {
@@ -164,7 +188,7 @@ void mtrace_proc::memcheck_record(const __memcheck_line& rec) {
     case 'T':
         // No block lives at address 0, whatever the blank slots hold.
         if (rec.address != 0 && m_table.find_entry(rec.address, entry))
-            set_type_name(entry, rec.type_name);
+            set_type_name(entry, m_origins.text(rec.type_name));
         else
             fixed_fprintf(m_streams.err(), "Unexpected: type record not matched to memory\n");
         break;
@@ -183,23 +207,29 @@ void mtrace_proc::report_leaks() {
     fixed_fprintf(m_streams.err(), "Scanning data...\n");
     uint32 count = 0;
     uint64 total = 0;
-    std::string line;
+    // Put together by hand: there may be millions of these, and printf takes ten times as long.
+    std::string text;
+    const auto write_out = [&] {
+        std::fwrite(text.data(), 1, text.size(), m_streams.out());
+        text.clear();
+    };
     m_table.walk([&](uint64 address, uint32 size, uint32 origin) {
-        // Put together by hand: there may be millions of these, and printf takes four times as long. A NUL in a
-        // text ends it here too.
-        const origin_table::origin from = m_origins.get(origin);
-        append(line.assign("LEAK at 0x"), address, 16);
-        append(line.append(" size "), size);
-        append(line.append(" type "), uint32{from.type});
-        line.append(" caller [").append(from.caller.data());
-        line.append("] type_name [").append(from.type_name.data());
-        line.append("] file [").append(from.file.data());
-        append(line.append("] line "), from.line);
-        line += '\n';
-        std::fwrite(line.data(), 1, line.size(), m_streams.out());
+        const origin_table::origin& from = m_origins.get(origin);
+        append(text.append("LEAK at 0x"), address, 16);
+        append(text.append(" size "), size);
+        append(text.append(" type "), uint32{from.type});
+        text.append(" caller [").append(m_origins.printed(from.caller));
+        text.append("] type_name [").append(m_origins.printed(from.type_name));
+        text.append("] file [").append(m_origins.printed(from.file));
+        append(text.append("] line "), from.line);
+        text += '\n';
+        if (text.size() > report_piece)
+            write_out();
         ++count;
         total += size;
     });
+    if (!text.empty())
+        write_out();
     if (count != 0)
         fixed_fprintf(m_streams.out(), "Leaked %u objects totalling %llu bytes\n", count, total);
     else
@@ -214,5 +244,5 @@ void mtrace_proc::report_free_without_alloc(const __mtrace_line& rec) {
 void mtrace_proc::report_free_without_alloc(const __memcheck_line& rec) {
     const qorDebugSeq trace(m_debug_code, "report_free_without_alloc");
     fixed_fprintf(m_streams.out(), "BAD FREE at 0x%llx (not allocated) - file=[%s] line=%d\n", rec.address,
-                  rec.file.Text(), rec.line);
+                  "", rec.line);
 }

@@ -3,6 +3,9 @@
 #pragma once
 
 #include "allocation_table.h"
+#include "heap_log.h"
+#include "log_lines.h"
+#include "look_ahead_list.h"
 #include "origin_table.h"
 #include "qor/qor.h"
 #include "report_streams.h"
@@ -22,89 +25,47 @@ public:
 
     using __entry = allocation_table::__entry;
     using __block = allocation_table::__block;
-
-    // One record of an mtrace log.
-    struct __mtrace_line {
-        uint64 address = 0;
-        uint32 size = 0;
-        bool is_alloc = false;
-        qorString caller;
-    };
-
-    // One record of an allocation log; what its kind does not carry is 0 or empty.
-    struct __memcheck_line {
-        char code = '\0';
-        uint64 address = 0;
-        uint32 size = 0;
-        uint8 bt = 0;
-        qorString file;
-        int32 line = 0;
-        qorString type_name;
-    };
+    using __mtrace_line = log_lines::mtrace_line;
+    using __memcheck_line = log_lines::memcheck_line;
 
 private:
     // Blocks that the framework mapped directly: malloc, and so an mtrace log, never saw them.
     static constexpr uint8 huge_block = 3;
-    static constexpr uint32 look_ahead_limit = 1024;
 
-    // A log that is being read: lines in place, without white space at both ends.
-    class log {
-    public:
-        bool open(const char* path);
-        bool is_given() const noexcept { return !m_file.IsEmpty(); }
-
-        // The next line of the run at hand, or of the whole log. Lines are valid until the next run is read.
-        bool next_line_at_hand(std::string_view& line);
-        bool next_line(std::string_view& line);
-        bool next_run();
-
-    private:
-        zetSmartPointer<IQORSimpleFileReader> m_file;
-        const char* m_next = nullptr;
-        const char* m_end = nullptr;
-    };
-
-    // A line of an mtrace log that says something, in place.
-    struct mtrace_words {
-        std::string_view caller;
-        std::string_view code;
-        uint64 address;
-        uint32 size;
-        bool is_valid; // false: words are missing
-    };
-
-    // Lines are read some way ahead of the replay, so that the table's memory is on its way to the processor when
-    // it is needed. What there is to say of a line is said when its turn comes.
-    static constexpr uint32 read_ahead_limit = 64;
-
-    bool read_ahead();
-    bool parse_mtrace(std::string_view line, mtrace_words& words) const;
+    static constexpr std::size_t origins_minimum = 12 * 1024 * 1024;
 
     // The next valid record; lines that cannot be used are skipped, with a warning where that is a fault. False at
-    // the end of the log.
+    // the end of the log. Texts are valid until the next call.
     bool read_mtrace(__mtrace_line& out);
     bool read_memcheck_line(__memcheck_line& out);
 
     void mtrace_allocation(const __mtrace_line& rec);
-    bool mtrace_read_memcheck_for(uint64 address, __memcheck_line& out);
+    bool mtrace_read_memcheck_for(uint64 address, look_ahead_list::record& out);
     void mtrace_add_memcheck_data(const __entry& entry);
     void mtrace_handle_huge_entry(const __memcheck_line& rec);
     void enter_memcheck(const __memcheck_line& rec);
-    void set_type_name(const __entry& entry, const qorString& type_name);
+    void set_type_name(const __entry& entry, uint32 type_name);
+    look_ahead_list::record keep(const __memcheck_line& rec);
     void memcheck_record(const __memcheck_line& rec);
+
+    // Logs may name new callers all the time, so those that no live block has are given up now and then.
+    void forget_unused_origins() {
+        if (m_origins.bytes() > m_origins_limit)
+            renew_origins();
+    }
+    void renew_origins();
+
     void list_look_ahead();
     void report_leaks();
     void report_free_without_alloc(const __mtrace_line& rec);
     void report_free_without_alloc(const __memcheck_line& rec);
 
     uint32 m_debug_code;
-    log m_mtrace_file;
-    log m_memcheck_file;
-    mtrace_words m_ahead[read_ahead_limit];
-    uint32 m_ahead_next = 0;
-    uint32 m_ahead_count = 0;
+    heap_log<__mtrace_line> m_mtrace_file;
+    heap_log<__memcheck_line> m_memcheck_file;
     allocation_table m_table;
-    zetArray<__memcheck_line> m_look_ahead;
+    look_ahead_list m_look_ahead;
     origin_table m_origins;
+    std::size_t m_origins_limit = origins_minimum; // bytes of m_origins at which the unused are given up
     report_streams m_streams;
 };

@@ -2,7 +2,7 @@
 // named by a number, so that a slot of the table needs four bytes for it.
 #pragma once
 
-#include "qor/system/Types.h"
+#include "number_index.h"
 
 #include <deque>
 #include <string_view>
@@ -10,72 +10,57 @@
 
 class origin_table {
 public:
-    // The texts live as long as the table. Each is followed by a NUL.
+    // What is known of a block; texts by their numbers, of which 0 is the empty text.
     struct origin {
-        std::string_view caller;
-        std::string_view type_name;
-        std::string_view file;
+        uint32 caller = 0;
+        uint32 type_name = 0;
+        uint32 file = 0;
         int32 line = 0;
         uint8 type = 0;
+        bool operator==(const origin&) const = default;
     };
 
     origin_table();
+
+    uint32 text(std::string_view text);
+
+    // As it is printed: a NUL ends it. Lives as long as the table.
+    std::string_view printed(uint32 text) const {
+        return {m_texts[text].text, m_texts[text].printed_length};
+    }
 
     // The number of an origin of which no more is known than its caller: the usual case, one look-up.
     uint32 of_caller(std::string_view caller);
     uint32 of(const origin& wanted);
 
-    origin get(uint32 number) const;
+    const origin& get(uint32 number) const { return m_origins[number]; }
+    uint32 count() const noexcept { return static_cast<uint32>(m_origins.size()); }
+
+    // The same text or origin in this table, for one of another table.
+    uint32 adopt_text(const origin_table& other, uint32 text);
+    uint32 adopt(const origin_table& other, uint32 number);
+
+    // About how much memory the table takes.
+    std::size_t bytes() const noexcept { return m_bytes; }
 
 private:
-    static constexpr uint32 none = 0xffffffff;
-
     struct text_record {
         const char* text;
         uint32 length;
+        uint32 printed_length;
         uint32 as_caller; // the origin that has only this caller, or none
     };
 
-    struct origin_record {
-        uint32 caller; // numbers of texts
-        uint32 type_name;
-        uint32 file;
-        int32 line;
-        uint8 type;
-        bool operator==(const origin_record&) const = default;
-    };
-
-    // Open addressing over the numbers of records: a power of two of cells, at most half of them used.
-    class index {
-    public:
-        // The number with this hash for which `equal` holds, or none.
-        template <class EQUAL>
-        uint32 find(uint32 hash, EQUAL equal) const;
-        void add(uint32 hash, uint32 number);
-
-    private:
-        struct cell {
-            uint32 hash;
-            uint32 number;
-        };
-
-        void put(cell added) noexcept;
-
-        std::vector<cell> m_cells = std::vector<cell>(64, cell{0, none});
-        std::size_t m_used = 0;
-    };
-
-    static uint32 hash_of(const origin_record& record) noexcept;
+    std::string_view whole(const text_record& record) const { return {record.text, record.length}; }
     const char* keep(std::string_view text);
-    uint32 text_number(std::string_view text);
-    uint32 record_number(const origin_record& record);
 
     std::vector<text_record> m_texts;
-    index m_text_index;
-    std::vector<origin_record> m_records;
-    index m_record_index;
+    number_index m_text_index;
+    std::vector<origin> m_origins;
+    number_index m_origin_index;
 
     // The bytes of the texts, in pieces that never move.
     std::deque<std::vector<char>> m_pieces;
     std::size_t m_piece_left = 0;
+    std::size_t m_bytes = 0;
 };

@@ -1,0 +1,25 @@
+// How the analyser's tables hash. The key is another one in every process, so that no log can be written to collide.
+#pragma once
+
+#include "qor/system/Types.h"
+
+#include <string_view>
+
+namespace hashing {
+
+extern const uint64 key;
+
+inline constexpr uint64 multiplier = 0x9e3779b97f4a7c15; // 2^64 / golden ratio
+
+inline uint64 mix(uint64 state, uint64 word) noexcept {
+    state = (state ^ word) * multiplier;
+    return state ^ (state >> 29);
+}
+
+inline uint32 finish(uint64 state) noexcept { return static_cast<uint32>((state * multiplier) >> 32); }
+
+inline uint32 of_address(uint64 address) noexcept { return finish(mix(key, address)); }
+
+uint32 of_text(std::string_view text) noexcept;
+
+} // namespace hashing

@@ -1,0 +1,199 @@
+#include "log_lines.h"
+
+#include "log_fields.h"
+
+#include <bit>
+#include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace {
+
+using namespace std::string_view_literals;
+
+static_assert(qorReadLinesPadding >= 64);
+
+// A bit for each of 64 bytes that is a blank or a control character. Those that are not white space are rare enough
+// to make a line an unusual one.
+uint64 gaps(const char* at) noexcept;
+
+#if defined(__SSE2__)
+
+uint64 gaps(const char* at) noexcept {
+    const __m128i blank = _mm_set1_epi8(' ');
+    uint64 found = 0;
+    for (int i = 0; i < 4; ++i) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at) + i);
+        const int mask = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_min_epu8(bytes, blank), bytes));
+        found |= static_cast<uint64>(static_cast<uint32>(mask)) << 16 * i;
+    }
+    return found;
+}
+
+#else
+
+uint64 gaps(const char* at) noexcept {
+    uint64 found = 0;
+    for (int i = 0; i < 64; ++i)
+        found |= uint64{static_cast<unsigned char>(at[i]) <= ' '} << i;
+    return found;
+}
+
+#endif
+
+const char* find_gap(const char* at) noexcept {
+    for (;; at += 64)
+        if (const uint64 found = gaps(at))
+            return at + std::countr_zero(found);
+}
+
+std::string_view between(const char* begin, const char* end) noexcept {
+    return {begin, static_cast<std::size_t>(end - begin)};
+}
+
+bool is_alloc_code(char code) noexcept { return code == '+' || code == '>'; }
+bool is_release_code(char code) noexcept { return code == '-' || code == '<'; }
+
+} // namespace
+
+bool log_lines::take_usual(const char*& next, mtrace_line& out) {
+    if (next[0] != '@' || next[1] != ' ')
+        return false;
+    const char* const caller = next + 2;
+    const char* const code = find_gap(caller) + 1;
+    // A gap that is the line's end would be followed by the next line, or by the padding.
+    if (code == caller + 1 || code[-1] != ' ' || code[1] != ' ')
+        return false;
+    out.is_alloc = is_alloc_code(*code);
+    if (!out.is_alloc && !is_release_code(*code))
+        return false;
+    const char* const address = code + 2;
+    uint64 rest = gaps(address);
+    const unsigned address_length = static_cast<unsigned>(std::countr_zero(rest));
+    if (address_length == 0 || address_length > 32)
+        return false;
+    const char* end = address + address_length;
+    out.size = 0;
+    if (*end == ' ') {
+        rest &= rest - 1;
+        const char* const size = end + 1;
+        end = address + std::countr_zero(rest | uint64{1} << 63);
+        if (size == end)
+            return false;
+        out.size = static_cast<uint32>(log_fields::unsigned_number(between(size, end)));
+    }
+    if (*end != '\n')
+        return false;
+    out.caller = between(caller, code - 1);
+    out.code = {code, 1};
+    out.address = log_fields::hexadecimal(between(address, address + address_length));
+    out.is_code_known = true;
+    next = end + 1;
+    return true;
+}
+
+log_lines::kind log_lines::parse(std::string_view line, mtrace_line& out) {
+    if (line.empty() || line[0] != '@')
+        return kind::no_meaning;
+    std::string_view rest = line.substr(1);
+    out.caller = log_fields::next_word(rest);
+    out.code = log_fields::next_word(rest);
+    const std::string_view address = log_fields::next_word(rest);
+    const std::string_view size = log_fields::next_word(rest);
+    if (address.empty())
+        return kind::too_few_words;
+    out.address = log_fields::hexadecimal(address);
+    out.size = size.empty() ? 0 : static_cast<uint32>(log_fields::unsigned_number(size));
+    const char code = out.code[0];
+    out.is_code_known = is_alloc_code(code) || is_release_code(code);
+    out.is_alloc = out.is_code_known ? is_alloc_code(code) : out.size != 0;
+    return kind::record;
+}
+
+bool log_lines::take_usual(const char*& next, memcheck_line& out) {
+    const char code = next[0];
+    if ((code != 'A' && code != 'F' && code != 'T') || next[1] != ' ')
+        return false;
+    // The words at the line's beginning, by the gaps behind them.
+    const char* words[4] = {next + 2};
+    uint64 left = gaps(words[0]);
+    const unsigned wanted = code == 'A' ? 3 : 1;
+    for (unsigned i = 0; i < wanted; ++i) {
+        const char* const end = next + 2 + std::countr_zero(left);
+        if (left == 0 || end == words[i] || *end != ' ')
+            return false;
+        words[i + 1] = end + 1;
+        left &= left - 1;
+    }
+    const auto word = [&words](unsigned i) { return between(words[i], words[i + 1] - 1); };
+    const char* const last = words[wanted];
+    const char* end = find_gap(last);
+    const std::string_view last_word = between(last, end);
+    if (last_word.empty())
+        return false;
+    int32 line = 0;
+    if (code == 'A') {
+        const char* const number = end + 1;
+        if (*end != ' ' || (end = find_gap(number)) == number)
+            return false;
+        line = static_cast<int32>(log_fields::signed_number(between(number, end)));
+    }
+    if (*end != '\n')
+        return false;
+    out.code = code;
+    out.address = log_fields::hexadecimal(word(0));
+    out.size = 0;
+    out.bt = 0;
+    out.line = line;
+    out.file = out.type_name = {};
+    if (code == 'A') {
+        out.size = static_cast<uint32>(log_fields::unsigned_number(word(1)));
+        out.bt = static_cast<uint8>(log_fields::unsigned_number(word(2)));
+        out.file = last_word;
+    } else if (code == 'F') {
+        out.bt = static_cast<uint8>(log_fields::unsigned_number(last_word));
+    } else {
+        out.type_name = last_word;
+    }
+    next = end + 1;
+    return true;
+}
+
+log_lines::kind log_lines::parse(std::string_view line, memcheck_line& out) {
+    if (line.empty() || line[0] == '#')
+        return kind::no_meaning;
+    const char code = line[0];
+    std::string_view rest = line.substr(1);
+    std::string_view words[5]; // address, and what the code makes of the others
+    uint32 count = 0;
+    while (count < 5 && !(words[count] = log_fields::next_word(rest)).empty())
+        ++count;
+    const uint32 needed = code == 'A' ? 3 : code == 'T' ? 2 : 1;
+    if (count < needed)
+        return kind::too_few_words;
+    out = {};
+    out.code = code;
+    out.address = log_fields::hexadecimal(words[0]);
+    switch (code) {
+    case 'A':
+        out.size = static_cast<uint32>(log_fields::unsigned_number(words[1]));
+        out.bt = static_cast<uint8>(log_fields::unsigned_number(words[2]));
+        out.file = words[3];
+        if (count > 4)
+            out.line = static_cast<int32>(log_fields::signed_number(words[4]));
+        return kind::record;
+    case 'F':
+        if (count > 1)
+            out.bt = static_cast<uint8>(log_fields::unsigned_number(words[1]));
+        return kind::record;
+    case 'T':
+        out.type_name = count > 1 ? words[1] : "** type missing in memcheck file **"sv;
+        return kind::record;
+    case 'E':
+        return kind::no_meaning;
+    default:
+        return kind::unknown_code;
+    }
+}

@@ -1,0 +1,47 @@
+// One line of a log, read in place: text in, fields out. What is to be said of a line is left to the caller. The
+// grammars are in docs/heap-logs.md.
+//
+// Lines lie in the runs of IQORSimpleFileReader::ReadLines: behind every line stands its end, and behind the last one
+// padding that may be read. So what looks at a line looks at 64 bytes at a time and does not ask where the run ends.
+#pragma once
+
+#include "qor/system/File.h"
+
+#include <string_view>
+
+namespace log_lines {
+
+// What a line is. Lines without meaning, such as comments, are not worth a word.
+enum class kind : uint8 { record, no_meaning, too_few_words, unknown_code };
+
+// One record of an mtrace log.
+struct mtrace_line {
+    std::string_view caller;
+    std::string_view code;
+    uint64 address = 0;
+    uint32 size = 0;
+    bool is_alloc = false;
+    bool is_code_known = false; // if not, the size decides what it is
+};
+
+// One record of an allocation log; what its kind does not carry is 0 or empty.
+struct memcheck_line {
+    char code = '\0';
+    uint64 address = 0;
+    uint32 size = 0;
+    uint8 bt = 0;
+    int32 line = 0;
+    std::string_view file;
+    std::string_view type_name;
+};
+
+// A line without white space at both ends. An unknown code is in out.code.
+kind parse(std::string_view line, mtrace_line& out);
+kind parse(std::string_view line, memcheck_line& out);
+
+// Takes a record off a run of lines if its line is written the way the C library or the framework writes it: words
+// with one blank between them. False: it is not, nothing was taken.
+bool take_usual(const char*& next, mtrace_line& out);
+bool take_usual(const char*& next, memcheck_line& out);
+
+} // namespace log_lines

@@ -1,0 +1,67 @@
+// Records of the allocation log that were read before the mtrace log asked for them: at most 1,024, in the order in
+// which they were read. The first record of an address is taken first; finding it costs no search.
+#pragma once
+
+#include "qor/system/Types.h"
+
+#include <array>
+
+class look_ahead_list {
+public:
+    static constexpr uint32 limit = 1024;
+
+    // Texts by their numbers in the origin table.
+    struct record {
+        char code = '\0';
+        uint8 bt = 0;
+        uint64 address = 0;
+        uint32 size = 0;
+        int32 line = 0;
+        uint32 file = 0;
+        uint32 type_name = 0;
+    };
+
+    look_ahead_list();
+
+    bool is_empty() const noexcept { return m_count == 0; }
+    bool is_full() const noexcept { return m_count == limit; }
+    uint32 count() const noexcept { return m_count; }
+
+    // The list is not full.
+    void append(const record& added) noexcept;
+
+    // Takes the first record for the address out of the list. False: there is none.
+    bool take(uint64 address, record& out) noexcept;
+
+    // Calls visit(record&) for each, in order.
+    template <class VISIT>
+    void walk(VISIT visit) {
+        for (uint16 at = m_order.first; at != none; at = m_nodes[at].next)
+            visit(m_nodes[at].content);
+    }
+
+private:
+    static constexpr uint16 none = 0xffff;
+    static constexpr uint32 group_count = 2 * limit;
+
+    struct node {
+        record content;
+        uint16 previous; // in the order of the list
+        uint16 next;
+        uint16 next_of_group; // in the same order, among those whose addresses hash alike; or among free nodes
+    };
+
+    struct ends {
+        uint16 first = none;
+        uint16 last = none;
+    };
+
+    static uint32 group_of(uint64 address) noexcept;
+    void unlink(uint16 at) noexcept;
+
+    std::array<node, limit> m_nodes;
+    std::array<ends, group_count> m_groups;
+    ends m_order;
+    uint16 m_free = 0;
+    uint32 m_count = 0;
+};

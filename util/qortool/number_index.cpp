@@ -1,0 +1,32 @@
+#include "number_index.h"
+
+void number_index::remove(cell* found) noexcept {
+    std::size_t gap = static_cast<std::size_t>(found - m_cells.data());
+    for (std::size_t next = gap;;) {
+        next = (next + 1) & mask();
+        const cell& each = m_cells[next];
+        if (each.number == none)
+            break;
+        const std::size_t home = each.hash & mask();
+        if (((next - home) & mask()) >= ((next - gap) & mask())) {
+            m_cells[gap] = each;
+            gap = next;
+        }
+    }
+    m_cells[gap].number = none;
+    --m_used;
+}
+
+void number_index::put(cell added) noexcept {
+    std::size_t at = added.hash & mask();
+    while (m_cells[at].number != none)
+        at = (at + 1) & mask();
+    m_cells[at] = added;
+}
+
+void number_index::enlarge() {
+    const std::vector<cell> old = std::exchange(m_cells, std::vector<cell>(m_cells.size() * 2, cell{0, none}));
+    for (const cell& each : old)
+        if (each.number != none)
+            put(each);
+}
