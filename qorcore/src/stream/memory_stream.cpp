@@ -1,6 +1,6 @@
 // Sinks and sources in memory.
 #include "error/error.h"
-#include "object.h"
+#include "qor/system/template/Object.h"
 
 #include <cstring>
 #include <new>
