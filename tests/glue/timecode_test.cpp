@@ -195,26 +195,33 @@ TEST(Timecode, WithoutAFlagCountsWithDroppedFrames) {
     EXPECT_EQ(table.take(), calls{});
 }
 
+// The library reports by itself, on standard error.
+template <class ACTION>
+std::string reported(ACTION action) {
+    testing::internal::CaptureStderr();
+    action();
+    return testing::internal::GetCapturedStderr();
+}
+
 TEST(Timecode, ARateThatIsNoneCountsNothing) {
-    qor::test::recording_table table;
-    const calls set{qor::test::assertion(
-        "INVALID FRAME RATE", "void qorTimecode::SetFromFrameCount(const qorRational&, bool, uint64)",
-        "qorcore/src/time/timecode", 50)};
-    const calls get{qor::test::assertion("INVALID FRAME RATE",
-                                         "uint64 qorTimecode::GetFrameCount(const qorRational&, bool) const",
-                                         "qorcore/src/time/timecode", 68)};
+    const std::string set = "assertion failed: INVALID FRAME RATE, in void "
+                            "qorTimecode::SetFromFrameCount(const qorRational&, bool, "
+                            "uint64) (qorcore/src/time/timecode:50)";
+    const std::string get = "assertion failed: INVALID FRAME RATE, in uint64 "
+                            "qorTimecode::GetFrameCount(const qorRational&, bool) const "
+                            "(qorcore/src/time/timecode:68)";
     for (const qorRational& rate : {qorRational(25, 0), qorRational(0, 1), qorRational(-25, 1),
                                     qorRational(INT_MIN, 1), qorRational()}) {
         qorTimecode timecode(1, 2, 3, 4);
-        EXPECT_EQ(timecode.GetFrameCount(rate, true), 0u);
-        EXPECT_EQ(table.take(), get);
-        timecode.SetFromFrameCount(rate, 1000);
+        uint64 count = 1;
+        EXPECT_NE(reported([&] { count = timecode.GetFrameCount(rate, true); }).find(get), std::string::npos);
+        EXPECT_EQ(count, 0u);
+        EXPECT_NE(reported([&] { timecode.SetFromFrameCount(rate, 1000); }).find(set), std::string::npos);
         EXPECT_EQ(timecode, qorTimecode());
-        EXPECT_EQ(table.take(), set);
         timecode.Set(1, 2, 3, 4);
-        timecode.SetFromFrameCount(rate, false, 1000);
+        EXPECT_NE(reported([&] { timecode.SetFromFrameCount(rate, false, 1000); }).find(set),
+                  std::string::npos);
         EXPECT_EQ(timecode, qorTimecode());
-        EXPECT_EQ(table.take(), set);
     }
 }
 

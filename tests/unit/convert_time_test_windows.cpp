@@ -11,7 +11,10 @@ namespace {
 TEST(ConvertTimeZones, LocalTimeIsTheSystems) {
     SYSTEMTIME now;
     GetSystemTime(&now);
-    const SYSTEMTIME new_year = {.wYear = now.wYear, .wMonth = 1, .wDayOfWeek = 0, .wDay = 3};
+    SYSTEMTIME new_year = {};
+    new_year.wYear = now.wYear;
+    new_year.wMonth = 1;
+    new_year.wDay = 3;
     FILETIME begin;
     ASSERT_TRUE(SystemTimeToFileTime(&new_year, &begin));
     const uint64 first = uint64{begin.dwHighDateTime} << 32 | begin.dwLowDateTime;
