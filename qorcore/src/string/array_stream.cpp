@@ -11,25 +11,9 @@ namespace {
 // A length on a stream may be wrong, so memory follows the bytes that really came.
 constexpr uint32 piece_size = 64 * 1024;
 
-bool write_number(IQORDataSink* sink, uint32 number) noexcept {
-    const unsigned char bytes[4] = {
-        static_cast<unsigned char>(number), static_cast<unsigned char>(number >> 8),
-        static_cast<unsigned char>(number >> 16), static_cast<unsigned char>(number >> 24)};
-    return sink->Write(bytes, sizeof bytes);
-}
-
-bool read_number(IQORDataSource* source, uint32& number) noexcept {
-    unsigned char bytes[4];
-    if (!source->Read(bytes, sizeof bytes))
-        return false;
-    number = bytes[0] | static_cast<uint32>(bytes[1]) << 8 | static_cast<uint32>(bytes[2]) << 16 |
-             static_cast<uint32>(bytes[3]) << 24;
-    return true;
-}
-
 bool read_text(IQORDataSource* source, qorString& text) noexcept {
     uint32 length;
-    if (!read_number(source, length))
+    if (!source->ReadUint32(length))
         return false;
     if (length > qor::string::max_length) {
         qor::error::set(qorError_cannot_read_file, {"stream", "a text in it has an impossible length"});
@@ -51,11 +35,11 @@ bool read_text(IQORDataSource* source, qorString& text) noexcept {
 } // namespace
 
 bool qor::glue::qorStringArray_Write(const qorStringArray* self, IQORDataSink* sink) noexcept {
-    if (!write_number(sink, self->m_data.count))
+    if (!sink->WriteUint32(self->m_data.count))
         return false;
     for (uint32 i = 0; i < self->m_data.count; ++i) {
         const qorString& text = self->m_data.elements[i];
-        if (!write_number(sink, text.Length()) ||
+        if (!sink->WriteUint32(text.Length()) ||
             (!text.IsEmpty() && !sink->Write(text.Text(), text.Length())))
             return false;
     }
@@ -65,7 +49,7 @@ bool qor::glue::qorStringArray_Write(const qorStringArray* self, IQORDataSink* s
 bool qor::glue::qorStringArray_Read(qorStringArray* self, IQORDataSource* source) noexcept {
     qor::string::restart(*self);
     uint32 count;
-    if (!read_number(source, count))
+    if (!source->ReadUint32(count))
         return false;
     qorString text;
     while (count-- != 0) {

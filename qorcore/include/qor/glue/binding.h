@@ -20,13 +20,18 @@ class IQORDataSource;
 class IQORDigestEngine;
 class IQORErrorBuilder;
 class IQORErrorMessage;
+class IQORMemoryDataSink;
+class IQORMemoryDataSource;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
 class qorDataBlock;
 class qorFile;
+class qorRational;
 class qorString;
 class qorStringArray;
+class qorTimecode;
 class qorVector;
+struct qorTimeInfo;
 
 // A trace switch. The library writes it, everyone reads it: 0 is off.
 using qorDebugFlag = std::atomic<uint8>;

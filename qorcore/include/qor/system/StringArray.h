@@ -76,7 +76,7 @@ public:
     bool IsPresent(const char* text) const noexcept { return FindString(text) >= 0; }
 
     // Stream form: the count, then for each element its length in bytes and its bytes; numbers are unsigned
-    // 32-bit little-endian. A failed Read leaves the elements that were whole; memory is taken only for bytes
+    // 32-bit. A failed Read leaves the elements that were whole; memory is taken only for bytes
     // that came, whatever lengths the stream claims.
     bool Write(IQORDataSink* sink) const noexcept { return qor::glue::qorStringArray_Write(this, sink); }
     bool Read(IQORDataSource* source) noexcept { return qor::glue::qorStringArray_Read(this, source); }

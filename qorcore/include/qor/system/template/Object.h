@@ -3,21 +3,26 @@
 
 #include "qor/glue/impl_common.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace qor {
 
-// `interface_name` is what a query may ask for, beside the root's name. Both names are kept by pointer.
+// A query may ask for `interface_name`, for the interface that it extends if it does, and for the root. Names are kept by
+// pointer.
 template <class INTERFACE>
 class object : public qorRefObject, public INTERFACE {
 public:
-    object(const char* type_name, const char* interface_name) noexcept
-        : qorRefObject(type_name), m_interface_name(interface_name) {}
+    object(const char* type_name, const char* interface_name,
+           const char* extended_name = root_name) noexcept
+        : qorRefObject(type_name), m_names{interface_name, extended_name, root_name} {}
 
     void AddRef() noexcept override { qorRefObject::AddRef(); }
     void Release() noexcept override { qorRefObject::Release(); }
     int QueryInterface(const char* name, void** out) noexcept override {
-        if (std::strcmp(name, m_interface_name) != 0 && std::strcmp(name, "IQORInterface") != 0)
+        if (std::none_of(std::begin(m_names), std::end(m_names),
+                         [name](const char* known) { return std::strcmp(name, known) == 0; }))
             return 0;
         *out = static_cast<INTERFACE*>(this);
         AddRef();
@@ -25,7 +30,9 @@ public:
     }
 
 private:
-    const char* m_interface_name;
+    static constexpr char root_name[] = "IQORInterface";
+
+    const char* m_names[3];
 };
 
 } // namespace qor

@@ -1,0 +1,32 @@
+// A colour of four components.
+#pragma once
+
+#include "qor/system/Stream.h"
+
+// Components from 0 to 65535; opaque black by default. Copied by value. Stream form: the fields in their
+// order, each unsigned 16-bit. A failed Read leaves the fields read before it changed.
+class qorColour {
+public:
+    qorColour() noexcept = default;
+    qorColour(uint16 r, uint16 g, uint16 b, uint16 a) noexcept : red(r), green(g), blue(b), alpha(a) {}
+
+    void Set(uint16 r, uint16 g, uint16 b, uint16 a) noexcept { *this = {r, g, b, a}; }
+    // Alpha stays.
+    void Set(uint16 r, uint16 g, uint16 b) noexcept { Set(r, g, b, alpha); }
+
+    bool operator==(const qorColour&) const noexcept = default;
+
+    bool Write(IQORDataSink* sink) const noexcept {
+        return sink->WriteUint16(red) && sink->WriteUint16(green) && sink->WriteUint16(blue) &&
+               sink->WriteUint16(alpha);
+    }
+    bool Read(IQORDataSource* source) noexcept {
+        return source->ReadUint16(red) && source->ReadUint16(green) && source->ReadUint16(blue) &&
+               source->ReadUint16(alpha);
+    }
+
+    uint16 red = 0;
+    uint16 green = 0;
+    uint16 blue = 0;
+    uint16 alpha = 65535;
+};

@@ -1,0 +1,76 @@
+#include "qor/qor.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+namespace {
+
+// The time zone of this process while it lives.
+class zone {
+public:
+    explicit zone(const char* name) {
+        if (const char* const held = std::getenv("TZ"))
+            m_before = held;
+        setenv("TZ", name, 1);
+    }
+    zone(const zone&) = delete;
+    zone& operator=(const zone&) = delete;
+    ~zone() {
+        if (m_before)
+            setenv("TZ", m_before->c_str(), 1);
+        else
+            unsetenv("TZ");
+        tzset();
+    }
+
+private:
+    std::optional<std::string> m_before;
+};
+
+// `unix_time` is in seconds since 1970.
+std::string local(int64 unix_time) {
+    qorTimeInfo info;
+    qorConvertTime(static_cast<uint64>(unix_time + 11'644'473'600) * qorTicksPerSecond, true, info);
+    qorString text;
+    text.Printf("%u-%02u-%02u %02u:%02u:%02u %+d", info.year, info.month, info.day, info.hour, info.minute,
+                info.second, info.utc_offset);
+    return text.Text();
+}
+
+// What `date` of the GNU coreutils says of these moments; the zones are spelt out, so that no database is
+// needed.
+TEST(ConvertTimeZones, ChangesOfTheZoneTakeEffectAtTheirSecond) {
+    const zone set("CET-1CEST,M3.5.0,M10.5.0/3");
+    EXPECT_EQ(local(1616893199), "2021-03-28 01:59:59 +3600");
+    EXPECT_EQ(local(1616893200), "2021-03-28 03:00:00 +7200");
+    EXPECT_EQ(local(1635641999), "2021-10-31 02:59:59 +7200");
+    EXPECT_EQ(local(1635642000), "2021-10-31 02:00:00 +3600");
+    EXPECT_EQ(local(0), "1970-01-01 01:00:00 +3600");
+}
+
+TEST(ConvertTimeZones, ZonesOnBothSidesOfUtc) {
+    {
+        const zone set("XXX-5:45");
+        EXPECT_EQ(local(-1), "1970-01-01 05:44:59 +20700");
+        EXPECT_EQ(local(253402300799), "10000-01-01 05:44:59 +20700");
+    }
+    {
+        const zone set("XXX3:30:15"); // a zone changes from one call to the next
+        EXPECT_EQ(local(0), "1969-12-31 20:29:45 -12615");
+        // Behind the beginning of the count and ahead of its end.
+        EXPECT_EQ(local(-11'644'473'600), "1600-12-31 20:29:45 -12615");
+    }
+    {
+        const zone set("XXX-24");
+        EXPECT_EQ(local(-11'644'473'600 + 1'844'674'407'370), "60056-05-29 05:36:10 +86400");
+    }
+    {
+        const zone set("UTC0");
+        EXPECT_EQ(local(1616893199), "2021-03-28 00:59:59 +0");
+    }
+}
+
+} // namespace
