@@ -10,7 +10,6 @@ run path, so the library is shown to the bare-name load by LD_LIBRARY_PATH inste
 
 import argparse
 import os
-import random
 import re
 import shutil
 import struct
@@ -19,6 +18,8 @@ import sys
 import tempfile
 import unittest
 from pathlib import Path
+
+from binding_cases import WrongLibraries
 
 LOG_USER_DEBUG = 8 | 7
 NOT_BESIDE = f"{LOG_USER_DEBUG} FAILED dlopen() of libqor.so\n"
@@ -46,7 +47,10 @@ def segments(image):
             yield offset, in_file
 
 
-class Binding(unittest.TestCase):
+class Binding(WrongLibraries, unittest.TestCase):
+    LOST, NOT_ANYWHERE, NO_EXPORT, NOT_A_WORD = LOST, NOT_ANYWHERE, NO_EXPORT, ""
+    good_start, suffix = 16, ".so"
+
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
@@ -85,10 +89,6 @@ class Binding(unittest.TestCase):
         self.assertEqual(self.run_client(**more), expected)
         self.assertEqual(self.logged(), log)
 
-    def check_damaged(self, image):
-        self.library.write_bytes(image)
-        self.check(LOST, NOT_ANYWHERE)
-
     # ---- the library is beside the client
 
     def test_beside_the_client(self):
@@ -114,12 +114,6 @@ class Binding(unittest.TestCase):
 
     # ---- no library that could be loaded
 
-    def test_missing(self):
-        self.check(LOST, NOT_ANYWHERE)
-
-    def test_empty(self):
-        self.check_damaged(b"")
-
     def test_cut_off(self):
         """Wherever the file ends. A loader maps what is left of it and dies on the rest, if it is let."""
         size = len(self.real)
@@ -131,18 +125,6 @@ class Binding(unittest.TestCase):
             with self.subTest(place=place, of=size):
                 self.check_damaged(self.real[:place])
 
-    def test_random_bytes(self):
-        self.check_damaged(random.Random(1).randbytes(50000))
-
-    def test_random_bytes_behind_a_good_start(self):
-        self.check_damaged(self.real[:16] + random.Random(2).randbytes(50000))
-
-    def test_zeros(self):
-        self.check_damaged(bytes(len(self.real)))
-
-    def test_text(self):
-        self.check_damaged(b"#!/bin/sh\necho this is not a library\n")
-
     def test_another_machine(self):
         machine = bytearray(self.real)
         machine[18:20] = b"\xff\x7f"
@@ -152,10 +134,6 @@ class Binding(unittest.TestCase):
         machine = bytearray(self.real)
         machine[4] = 1
         self.check_damaged(machine)
-
-    def test_a_folder_of_that_name(self):
-        self.library.mkdir()
-        self.check(LOST, NOT_ANYWHERE)
 
     def test_a_link_to_nothing(self):
         self.library.symlink_to(self.root / "nothing")
@@ -178,16 +156,6 @@ class Binding(unittest.TestCase):
     def test_unresolved_symbols(self):
         self.copy("unresolved.so", self.library)
         self.check(LOST, NOT_ANYWHERE)
-
-    # ---- a library that is not libqor
-
-    def test_without_the_export(self):
-        self.copy("without_export.so", self.library)
-        self.check(LOST, NO_EXPORT)
-
-    def test_a_null_table(self):
-        self.copy("null_table.so", self.library)
-        self.check(LOST, "")
 
     # ---- by its bare name
 

@@ -9,7 +9,6 @@ from Wine, which prints it when it is asked to; a real Windows shows it to a deb
 
 import argparse
 import os
-import random
 import re
 import shutil
 import struct
@@ -18,6 +17,8 @@ import sys
 import tempfile
 import unittest
 from pathlib import Path
+
+from binding_cases import WrongLibraries
 
 NOT_BESIDE = ["FAILED LoadLibraryExW() of libqor.dll\n"]
 NOT_ANYWHERE = NOT_BESIDE + ["FAILED path-base LoadLibraryW() of libqor.dll\n"]
@@ -51,7 +52,10 @@ def debugger_messages(trace):
     return [text.decode().replace("\\n", "\n") for text in found]
 
 
-class Binding(unittest.TestCase):
+class Binding(WrongLibraries, unittest.TestCase):
+    LOST, NOT_ANYWHERE, NO_EXPORT, NOT_A_WORD = LOST, NOT_ANYWHERE, NO_EXPORT, []
+    good_start, suffix = 256, ".dll"
+
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
@@ -78,10 +82,6 @@ class Binding(unittest.TestCase):
 
     def check(self, expected, messages, **more):
         self.assertEqual(self.run_client(**more), (expected, messages))
-
-    def check_damaged(self, image):
-        self.library.write_bytes(image)
-        self.check(LOST, NOT_ANYWHERE)
 
     # ---- the library is beside the client
 
@@ -113,12 +113,6 @@ class Binding(unittest.TestCase):
 
     # ---- no library that could be loaded
 
-    def test_missing(self):
-        self.check(LOST, NOT_ANYWHERE)
-
-    def test_empty(self):
-        self.check_damaged(b"")
-
     def test_cut_off(self):
         """Wherever the file ends before its last part. Of that one Wine takes what there is; Windows refuses it."""
         size = len(self.real)
@@ -131,41 +125,15 @@ class Binding(unittest.TestCase):
             with self.subTest(place=place, of=size):
                 self.check_damaged(self.real[:place])
 
-    def test_random_bytes(self):
-        self.check_damaged(random.Random(1).randbytes(50000))
-
-    def test_random_bytes_behind_a_good_start(self):
-        self.check_damaged(self.real[:256] + random.Random(2).randbytes(50000))
-
-    def test_zeros(self):
-        self.check_damaged(bytes(len(self.real)))
-
-    def test_text(self):
-        self.check_damaged(b"this is not a library\r\n")
-
     def test_another_machine(self):
         machine = bytearray(self.real)
         pe, = struct.unpack_from("<I", machine, 60)
         struct.pack_into("<H", machine, pe + 4, 0xAA64)
         self.check_damaged(machine)
 
-    def test_a_folder_of_that_name(self):
-        self.library.mkdir()
-        self.check(LOST, NOT_ANYWHERE)
-
     def test_a_library_that_needs_another_one(self):
         self.copy("unresolved.dll", self.library)
         self.check(LOST, NOT_ANYWHERE)
-
-    # ---- a library that is not libqor
-
-    def test_without_the_export(self):
-        self.copy("without_export.dll", self.library)
-        self.check(LOST, NO_EXPORT)
-
-    def test_a_null_table(self):
-        self.copy("null_table.dll", self.library)
-        self.check(LOST, [])
 
     # ---- by its bare name
 

@@ -5,7 +5,6 @@
 #include "file/raw_file.h"
 #include "process/process.h"
 
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -78,20 +77,9 @@ std::string line_head(uint32 code) {
     return head + ' ';
 }
 
-// A trace changes nothing for the code that it watches, the C library's error code included.
-class keep_errno {
-public:
-    keep_errno() noexcept : m_saved(errno) {}
-    keep_errno(const keep_errno&) = delete;
-    keep_errno& operator=(const keep_errno&) = delete;
-    ~keep_errno() { errno = m_saved; }
-
-private:
-    int m_saved;
-};
-
 void write_line(uint32 code, const char* text) {
-    const keep_errno keep;
+    // A trace changes nothing for the code that it watches.
+    const qor::error::keep_failures keep;
     const std::lock_guard hold(state().lock);
     std::string line = line_head(code) + text;
     if (line.back() != '\n')
@@ -183,7 +171,7 @@ void qor::glue::qorDebugGetEnabledCodes(qorStringArray& out) noexcept {
 void qor::glue::qorSendDebugLiteral(uint32 code, const char* text) noexcept { write_line(code, text); }
 
 void qor::glue::qorDebugPrintV(uint32 code, const char* format, std::va_list arguments) noexcept {
-    const keep_errno keep;
+    const qor::error::keep_failures keep;
     qorString text;
     text.PrintV(format, arguments);
     write_line(code, text.Text());

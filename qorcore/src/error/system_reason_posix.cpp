@@ -10,3 +10,7 @@ std::string qor::error::system_reason(int code) {
 }
 
 int qor::error::stream_failure() noexcept { return errno; }
+
+// Both are one.
+qor::error::keep_failures::keep_failures() noexcept : m_of_c_library(errno), m_of_system(0) {}
+qor::error::keep_failures::~keep_failures() { errno = m_of_c_library; }

@@ -1,6 +1,7 @@
 #include "error/error.h"
 #include "string/wide_windows.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <windows.h>
 
@@ -20,4 +21,11 @@ int qor::error::stream_failure() noexcept {
     // The C library keeps the system's code beside its own, unless it found the fault itself: then the stream was
     // opened for something else, or is closed.
     return _doserrno != 0 ? static_cast<int>(_doserrno) : ERROR_INVALID_HANDLE;
+}
+
+qor::error::keep_failures::keep_failures() noexcept : m_of_c_library(errno), m_of_system(GetLastError()) {}
+
+qor::error::keep_failures::~keep_failures() {
+    errno = m_of_c_library;
+    SetLastError(m_of_system);
 }

@@ -20,6 +20,7 @@ __declspec(dllimport) unsigned long __stdcall GetModuleFileNameW(HINSTANCE__*, w
 __declspec(dllimport) HINSTANCE__* __stdcall LoadLibraryExW(const wchar_t*, void*, unsigned long);
 __declspec(dllimport) HINSTANCE__* __stdcall LoadLibraryW(const wchar_t*);
 __declspec(dllimport) long long(__stdcall* __stdcall GetProcAddress(HINSTANCE__*, const char*))();
+__declspec(dllimport) int __stdcall SetThreadErrorMode(unsigned long, unsigned long*);
 __declspec(dllimport) void __stdcall OutputDebugStringW(const wchar_t*);
 __declspec(dllimport) __declspec(noreturn) void __stdcall ExitProcess(unsigned int);
 
@@ -61,6 +62,20 @@ inline void debugger_message(const wchar_t* text) noexcept { OutputDebugStringW(
     ExitProcess(100);
 }
 
+// While one lives, a damaged library is only that: the system would stop this thread at a dialog about it, which in a
+// script nobody sees.
+class no_dialogs {
+public:
+    no_dialogs() noexcept { SetThreadErrorMode(fail_critical_errors, &m_before); }
+    no_dialogs(const no_dialogs&) = delete;
+    no_dialogs& operator=(const no_dialogs&) = delete;
+    ~no_dialogs() { SetThreadErrorMode(m_before, nullptr); }
+
+private:
+    static constexpr unsigned long fail_critical_errors = 1;
+    unsigned long m_before = 0;
+};
+
 // libqor.dll from the folder of the executable (or of s_hinst), or null. Its path keeps to the system's limit of 260
 // characters, although the buffer is larger: a deeper folder counts as one without the library.
 inline HINSTANCE__* load_beside_executable() noexcept {
@@ -82,7 +97,8 @@ inline HINSTANCE__* load_beside_executable() noexcept {
     return LoadLibraryExW(path, nullptr, with_altered_search_path);
 }
 
-[[gnu::noinline, gnu::cold]] inline const binding_table* bind() noexcept {
+inline HINSTANCE__* load_library() noexcept {
+    const no_dialogs hold;
     HINSTANCE__* library = load_beside_executable();
     if (library == nullptr) {
         debugger_message(L"FAILED LoadLibraryExW() of libqor.dll\n");
@@ -94,6 +110,11 @@ inline HINSTANCE__* load_beside_executable() noexcept {
         }
         debugger_message(L"WARNING Loaded libqor.dll using name only\n");
     }
+    return library;
+}
+
+[[gnu::noinline, gnu::cold]] inline const binding_table* bind() noexcept {
+    HINSTANCE__* const library = load_library();
     auto* const entry = reinterpret_cast<binding_point*>(
         reinterpret_cast<void (*)()>(GetProcAddress(library, "glue_binding_point")));
     if (entry == nullptr) {
