@@ -134,6 +134,6 @@ TEST(digests, names_that_are_none) {
         IQORDigestEngine* engine = nullptr;
         EXPECT_FALSE(qorCreateDigestEngine(name, &engine));
         EXPECT_EQ(engine, nullptr);
-        EXPECT_EQ(last_error(), "There is no digest algorithm '" + std::string(name) + "'.");
+        EXPECT_EQ(last_error(), std::string("There is no digest algorithm '") + std::string(name) + "'.");
     }
 }

@@ -55,7 +55,7 @@ TEST_F(file, a_read_beyond_the_end_is_an_error) {
     ASSERT_TRUE(from.Open(path.c_str(), reading));
     char buffer[16];
     EXPECT_FALSE(from.ReadAt(0, buffer, 11));
-    EXPECT_EQ(last_error(), "Cannot read '" + path + "': it ends at byte 10, before all was read.");
+    EXPECT_EQ(last_error(), std::string("Cannot read '") + path + "': it ends at byte 10, before all was read.");
     EXPECT_FALSE(from.ReadAt(10, buffer, 1));
     EXPECT_FALSE(from.ReadAt(1ull << 40, buffer, 1));
     EXPECT_FALSE(from.ReadAt(LLONG_MAX, buffer, 1));
@@ -73,7 +73,7 @@ TEST_F(file, what_was_cut_off_is_missed) {
     EXPECT_EQ(read_at(from, 400, 100), std::string(100, 'x'));
     char buffer[1000];
     EXPECT_FALSE(from.ReadAt(0, buffer, 1000));
-    EXPECT_EQ(last_error(), "Cannot read '" + path + "': it ends at byte 500, before all was read.");
+    EXPECT_EQ(last_error(), std::string("Cannot read '") + path + "': it ends at byte 500, before all was read.");
 }
 
 TEST_F(file, beyond_4_gib) {
@@ -99,8 +99,9 @@ TEST_F(file, an_empty_file) {
 
 TEST_F(file, names_beyond_ascii) {
     qorFile from;
-    std::filesystem::create_directory(m_folder / "naïve 漢字");
-    std::ofstream(std::filesystem::path(reinterpret_cast<const char8_t*>((m_folder / "naïve 漢字/f").c_str()))) << "x";
+    const std::filesystem::path folder(m_folder.path());
+    std::filesystem::create_directory(folder / u8"naïve 漢字");
+    std::ofstream(folder / u8"naïve 漢字" / "f") << "x";
     EXPECT_TRUE(from.Open((m_folder / "naïve 漢字/f").c_str(), reading)) << last_error();
 }
 
@@ -109,11 +110,11 @@ TEST_F(file, what_cannot_be_opened) {
     const std::string missing = m_folder / "missing";
     qorFile from;
     EXPECT_FALSE(from.Open(missing.c_str(), reading));
-    EXPECT_EQ(last_error(), "Cannot open '" + missing + "': " + reasons.no_file + ".");
+    EXPECT_EQ(last_error(), std::string("Cannot open '") + missing + "': " + reasons.no_file + ".");
     EXPECT_FALSE(from.Open(m_folder.path().c_str(), reading));
-    EXPECT_EQ(last_error(), "Cannot open '" + m_folder.path() + "': " + reasons.a_folder + ".");
+    EXPECT_EQ(last_error(), std::string("Cannot open '") + m_folder.path() + "': " + reasons.a_folder + ".");
     EXPECT_FALSE(from.Open("", reading));
-    EXPECT_EQ(last_error(), "Cannot open '': " + reasons.no_name + ".");
+    EXPECT_EQ(last_error(), std::string("Cannot open '': ") + reasons.no_name + ".");
 }
 
 TEST_F(file, other_modes_are_refused) {

@@ -19,7 +19,7 @@ constexpr uint32 reading = qorFileReading | qorFileExisting | qorFileShared;
 constexpr int nobody = 65534;
 
 std::string no_disk_file(const std::string& path) {
-    return "Cannot open '" + path + "': it is a pipe or a device, and only a file on a disk will do.";
+    return std::string("Cannot open '") + path + "': it is a pipe or a device, and only a file on a disk will do.";
 }
 
 // Rights mean nothing to a super-user, so the scene gives them up.
@@ -28,7 +28,7 @@ const qor::test::scene unreadable{"file_unreadable", [](const words& arguments) 
         return 1;
     qorFile from;
     EXPECT_FALSE(from.Open(arguments[0].c_str(), reading));
-    EXPECT_EQ(last_error(), "Cannot open '" + arguments[0] + "': Permission denied.");
+    EXPECT_EQ(last_error(), std::string("Cannot open '") + arguments[0] + "': Permission denied.");
     return 0;
 }};
 
@@ -105,7 +105,7 @@ TEST_F(posix_file, links) {
     ASSERT_TRUE(from.Open(link.c_str(), reading));
     EXPECT_EQ(from.GetSize(), 4u);
     EXPECT_FALSE(from.Open(to_itself.c_str(), reading));
-    EXPECT_EQ(last_error(), "Cannot open '" + to_itself + "': Too many levels of symbolic links.");
+    EXPECT_EQ(last_error(), std::string("Cannot open '") + to_itself + "': Too many levels of symbolic links.");
 }
 
 TEST_F(posix_file, a_read_error_is_the_last_error) {

@@ -9,8 +9,8 @@
 
 namespace qor {
 
-// A query may ask for `interface_name`, for the interface that it extends if it does, and for the root. All names are kept
-// by pointer.
+// A query may ask for `interface_name`, for the interface that it extends if it does, and for the root. Names are kept by
+// pointer.
 template <class INTERFACE>
 class object : public qorRefObject, public INTERFACE {
 public:

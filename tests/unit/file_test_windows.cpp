@@ -1,0 +1,43 @@
+// The file object and what Windows has beside files: devices, and pipes with names of their own.
+#include "qor/qor.h"
+#include "reader_support.h"
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+namespace {
+
+constexpr uint32 reading = qorFileReading | qorFileExisting | qorFileShared;
+
+void expect_no_disk_file(const char* path) {
+    qorFile from;
+    EXPECT_FALSE(from.Open(path, reading)) << path;
+    EXPECT_EQ(qor::test::last_error(), std::string("Cannot open '") + path +
+                                           "': it is a pipe or a device, and only a file on a disk will do.");
+}
+
+} // namespace
+
+TEST(windows_file, devices) {
+    expect_no_disk_file("NUL");
+    expect_no_disk_file("\\\\.\\NUL");
+}
+
+TEST(windows_file, a_pipe) {
+    const HANDLE pipe = CreateNamedPipeW(L"\\\\.\\pipe\\qor.file_test", PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 100, 100, 0,
+                                         nullptr);
+    ASSERT_NE(pipe, INVALID_HANDLE_VALUE);
+    expect_no_disk_file("\\\\.\\pipe\\qor.file_test");
+    CloseHandle(pipe);
+}
+
+TEST(windows_file, both_separators) {
+    const qor::test::temp_folder folder;
+    std::string path = folder.file("f", "x");
+    qorFile from;
+    EXPECT_TRUE(from.Open(path.c_str(), reading));
+    for (char& c : path)
+        c = c == '/' ? '\\' : c;
+    EXPECT_TRUE(from.Open(path.c_str(), reading));
+}
