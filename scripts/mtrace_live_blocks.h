@@ -41,19 +41,12 @@ static bool make_room(struct inherited_lines* lines) {
     return true;
 }
 
-/* "@ CALLER CODE ADDRESS[ SIZE]": the caller may hold blanks, so the rest is looked for from the end. */
 static bool read_line(struct inherited_lines* lines, const char* begin, const char* end) {
-    const char* word = memrchr(begin, ' ', (size_t)(end - begin));
-    if (*begin != '@' || !word || word - begin < 4)
+    const char* place = find_code(begin, end);
+    if (!place)
         return true;
-    char code = word[-1];
-    if (!strchr("-<", code) || word[-2] != ' ') {
-        word = memrchr(begin, ' ', (size_t)(word - begin));
-        if (!word || word - begin < 4)
-            return true;
-        code = word[-1];
-    }
-    unsigned long address = strtoul(word + 1, NULL, 16);
+    char code = *place;
+    unsigned long address = strtoul(place + 2, NULL, 16);
     if (!strchr("-<+>", code) || address == 0)
         return true;
     if (!make_room(lines))

@@ -5,6 +5,7 @@
      or a fork would double;
    - the log survives a program that closes descriptors it does not know;
    - a forked child goes on in a file of its own, PREFIX.mtrace.<pid>, which begins with the blocks that it inherited;
+   - a blank in the name of a caller is "_": a blank ends a word of the log;
    - a disk that is full ends the log after a whole line, with one message, and not the program.
 
    Environment: MALLOC_TRACE names the log, QOR_RECORD_MEMCHECK the framework's. QOR_RECORD_PID is the process to record;
@@ -116,6 +117,21 @@ static void write_out(const char* text, size_t size) {
     pthread_sigmask(SIG_SETMASK, &before, NULL);
 }
 
+/* Where the code is in "@ CALLER CODE ADDRESS[ SIZE]", or null; `end` is that of the line. The caller may hold blanks, so
+   the words are counted from the end. */
+static const char* find_code(const char* begin, const char* end) {
+    if (*begin != '@')
+        return NULL;
+    for (int words = 1; words <= 2; ++words) {
+        end = memrchr(begin, ' ', (size_t)(end - begin));
+        if (!end || end - begin < 4)
+            return NULL;
+        if (end[-2] == ' ' && strchr("+-<>!", end[-1]))
+            return end - 1;
+    }
+    return NULL;
+}
+
 #include "mtrace_live_blocks.h"
 
 static void begin_log_of_child(void) {
@@ -137,7 +153,17 @@ static void begin_log_of_child(void) {
         copy_live_blocks(parent, inherited);
 }
 
+/* The main program is called what its argv[0] says now, and servers write there what they are doing. A blank in a name
+   would part it in two words. */
+static void join_caller(void) {
+    const char* code = find_code(line, line + line_length - 1);
+    for (char* at = line + 2; code && at < code - 1; ++at)
+        if (*at == ' ')
+            *at = '_';
+}
+
 static void end_line(void) {
+    join_caller();
     if (is_forked)
         begin_log_of_child();
     if (!has_ended && !is_at(descriptor, &log_place) && !open_log(0))

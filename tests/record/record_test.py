@@ -19,7 +19,7 @@ import unittest
 
 options = None
 
-LINE = re.compile(r"= Start|@ \S.* [-+<>!] (0x[0-9a-f]+|\(nil\))( 0x[0-9a-f]+| 0)?")
+LINE = re.compile(r"= Start|@ \S+ [-+<>!] (0x[0-9a-f]+|\(nil\))( 0x[0-9a-f]+| 0)?")
 LEAK = re.compile(r"LEAK at 0x[0-9a-f]+ size (\d+) type (\d+) caller \[(.*)\] type_name \[(.*)\] file \[(.*)\] line (\d+)")
 
 
@@ -190,6 +190,13 @@ class Troubles(Recorded):
         self.trouble("meet_a_limit")
         self.assertEqual(self.messages.count("ends here: File too large\n"), 1, self.messages)
         self.assertGreater((self.folder / "log.mtrace").stat().st_size, 19900)
+
+    def test_a_process_that_renames_itself(self):
+        lines = self.trouble("rename_itself")
+        report = self.report("mtrace", "log.mtrace")
+        self.assertEqual(self.leaks(report), {71002: 1})
+        self.assertNotIn("BAD FREE", report)
+        self.assertEqual(sum(line.startswith("@ a_b") for line in lines), 3, lines)
 
     def test_forks_between_threads(self):
         self.trouble("fork_between_threads")
