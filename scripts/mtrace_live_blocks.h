@@ -23,7 +23,7 @@ static struct inherited_line* slot_for(const struct inherited_lines* lines, unsi
     return slot;
 }
 
-static bool make_room(struct inherited_lines* lines) {
+static bool grow(struct inherited_lines* lines) {
     if (2 * (lines->used + 1) <= lines->capacity)
         return true;
     struct inherited_lines more = {.capacity = lines->capacity ? 2 * lines->capacity : 4096};
@@ -49,7 +49,7 @@ static bool read_line(struct inherited_lines* lines, const char* begin, const ch
     unsigned long address = strtoul(place + 2, NULL, 16);
     if (!strchr("-<+>", code) || address == 0)
         return true;
-    if (!make_room(lines))
+    if (!grow(lines))
         return false;
     struct inherited_line* slot = slot_for(lines, address);
     bool is_new = code == '+' || code == '>';
