@@ -4,7 +4,8 @@
     startup.py --tool PATH [--brief] [--limit RATIO]
 
 Both are started in turn; the times are medians of the wall clock from the start of the process to its end.
-The exit code is 1 if the tool takes more than RATIO (1.5) times as long.
+The exit code is 1 if the tool takes more than RATIO (1.5) times as long. A brief run is there to see that the bench
+still works: other programs have too much to say in its figures, so it fails by none of them.
 """
 
 import argparse
@@ -60,7 +61,7 @@ def main():
         print(f"{name:24} {median:6.2f} ms")
     tool, peer = medians.values()
     print(f"{'ratio':24} {tool / peer:6.2f} (at most {options.limit})")
-    return 0 if tool / peer <= options.limit else 1
+    return 0 if options.brief or tool / peer <= options.limit else 1
 
 
 if __name__ == "__main__":
