@@ -1,4 +1,4 @@
-// What an allocation with its release costs, in nanoseconds: for allocation_log.py.
+// What an allocation with its release costs, in nanoseconds of the processor: for allocation_log.py.
 //
 //     allocation_cost malloc|framework COUNT [framework options]
 //
@@ -6,10 +6,10 @@
 // every client's do.
 #include "qor/qor.h"
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace {
 
@@ -20,19 +20,19 @@ void* blocks[live];
 template <class ALLOCATE, class FREE>
 double nanoseconds(unsigned long count, ALLOCATE allocate, FREE give_back) {
     uint32 random = 4711;
-    const auto begin = std::chrono::steady_clock::now();
+    const std::clock_t begin = std::clock();
     for (unsigned long i = 0; i < count; ++i) {
         random = random * 1664525 + 1013904223;
         void*& block = blocks[(random >> 8) % live];
         give_back(block);
         block = allocate(16 + (random >> 20) % 256);
     }
-    const std::chrono::duration<double, std::nano> taken = std::chrono::steady_clock::now() - begin;
+    const std::clock_t end = std::clock();
     for (void*& block : blocks) {
         give_back(block);
         block = nullptr;
     }
-    return taken.count() / static_cast<double>(count);
+    return 1e9 / CLOCKS_PER_SEC * static_cast<double>(end - begin) / static_cast<double>(count);
 }
 
 } // namespace

@@ -3,7 +3,7 @@
 
     allocation_log.py --program ALLOCATION_COST --tool QORTOOL [--brief] [--max-off RATIO] [--max-on RATIO]
 
-The three run in turn; the figures are medians of nanoseconds. The log is then replayed. The exit code is 1 if the
+The three run in turn; the figures are medians of nanoseconds of the processor. The log is then replayed. The exit code is 1 if the
 framework takes more than RATIO times as long as malloc: 1.5 without a log, 40 with one, or if the replay finds a fault.
 """
 

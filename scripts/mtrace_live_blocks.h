@@ -23,7 +23,7 @@ static struct inherited_line* slot_for(const struct inherited_lines* lines, unsi
     return slot;
 }
 
-static bool make_room(struct inherited_lines* lines) {
+static bool grow(struct inherited_lines* lines) {
     if (2 * (lines->used + 1) <= lines->capacity)
         return true;
     struct inherited_lines more = {.capacity = lines->capacity ? 2 * lines->capacity : 4096};
@@ -41,22 +41,15 @@ static bool make_room(struct inherited_lines* lines) {
     return true;
 }
 
-/* "@ CALLER CODE ADDRESS[ SIZE]": the caller may hold blanks, so the rest is looked for from the end. */
 static bool read_line(struct inherited_lines* lines, const char* begin, const char* end) {
-    const char* word = memrchr(begin, ' ', (size_t)(end - begin));
-    if (*begin != '@' || !word || word - begin < 4)
+    const char* place = find_code(begin, end);
+    if (!place)
         return true;
-    char code = word[-1];
-    if (!strchr("-<", code) || word[-2] != ' ') {
-        word = memrchr(begin, ' ', (size_t)(word - begin));
-        if (!word || word - begin < 4)
-            return true;
-        code = word[-1];
-    }
-    unsigned long address = strtoul(word + 1, NULL, 16);
+    char code = *place;
+    unsigned long address = strtoul(place + 2, NULL, 16);
     if (!strchr("-<+>", code) || address == 0)
         return true;
-    if (!make_room(lines))
+    if (!grow(lines))
         return false;
     struct inherited_line* slot = slot_for(lines, address);
     bool is_new = code == '+' || code == '>';

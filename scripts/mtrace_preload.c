@@ -1,10 +1,12 @@
 /* Preloaded by scripts/record into the program to be recorded, before libc_malloc_debug.so.0, whose mtrace() writes
    the log. This file gives mtrace() a stream of its own making, so that
 
-   - each line reaches the file whole and at once: nothing waits in memory that a signal, an abort or _exit would lose
-     or a fork would double;
+   - each line reaches the file whole and at once, for a part of the file is mapped, and what is written there outlives
+     the process: nothing waits in memory that a signal, an abort or _exit would lose or a fork would double, and no line
+     costs a call of the system;
    - the log survives a program that closes descriptors it does not know;
    - a forked child goes on in a file of its own, PREFIX.mtrace.<pid>, which begins with the blocks that it inherited;
+   - a blank in the name of a caller is "_": a blank ends a word of the log;
    - a disk that is full ends the log after a whole line, with one message, and not the program.
 
    Environment: MALLOC_TRACE names the log, QOR_RECORD_MEMCHECK the framework's. QOR_RECORD_PID is the process to record;
@@ -31,10 +33,15 @@
 #define EXPORT __attribute__((visibility("default")))
 
 enum {
+    WINDOW = 64 * 1024,          /* how much of the file is mapped; what is not used of it is empty lines */
     LOWEST_LOG_DESCRIPTOR = 900, /* shells and daemons use the low ones without asking */
     LONGEST_PATH = 4096,
     LONGEST_LINE = 16384,
+    LOCK_TRIES = 1000,
+    LOCK_WAIT_MICROSECONDS = 50,
 };
+
+int __cxa_atexit(void (*function)(void*), void* argument, void* dso);
 
 /* Declared here because <mcheck.h> promises the compiler that mtrace() never calls back into its
    caller, and it does, through fopen(). */
@@ -51,13 +58,19 @@ static FILE* stream;
 static char stream_buffer[LONGEST_LINE];
 static char line[LONGEST_LINE]; /* what there is of the line that is being made */
 static size_t line_length;
-static bool is_forked; /* the first line of a child makes its file: one that only executes a program leaves none */
 static bool has_ended;
+
+/* The process that writes the log, and a page that a fork clears: the first line of a child makes its file, and one that
+   only executes a program leaves none. */
+static pid_t writer;
+static bool* is_writer;
 
 static int descriptor = -1;
 static struct place log_place;
 static struct place message_place;
 static off_t written;
+static char* window;
+static off_t window_begin;
 
 static bool place_of(int file, struct place* result) {
     struct stat status;
@@ -80,7 +93,7 @@ static void end_log(int reason) {
 }
 
 static bool open_log(int flags) {
-    int low = open(path, O_WRONLY | O_APPEND | O_CLOEXEC | flags, 0666);
+    int low = open(path, O_RDWR | O_CLOEXEC | flags, 0666);
     if (low < 0)
         return false;
     descriptor = fcntl(low, F_DUPFD_CLOEXEC, LOWEST_LOG_DESCRIPTOR);
@@ -91,29 +104,79 @@ static bool open_log(int flags) {
     return place_of(descriptor, &log_place);
 }
 
-/* One call for each line. What a program's limits make of a file that grows is no signal for the program. */
-static void write_out(const char* text, size_t size) {
+/* The log again, if the program has closed its descriptor or made it another file's. */
+static bool find_log(void) {
+    return is_at(descriptor, &log_place) || open_log(0);
+}
+
+static void close_window(void) {
+    if (window)
+        munmap(window, WINDOW);
+    window = NULL;
+}
+
+/* 0, or why not. Blocks of the disk are reserved: a mapped page without one would end the program. */
+static int move_window(void) {
+    if (!find_log())
+        return errno;
+    off_t begin = written & ~(off_t)(sysconf(_SC_PAGESIZE) - 1);
+    int reason = posix_fallocate(descriptor, written, begin + WINDOW - written);
+    if (reason != 0)
+        return reason;
+    char* place = mmap(NULL, WINDOW, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, begin);
+    if (place == MAP_FAILED)
+        return errno;
+    close_window();
+    window = place;
+    window_begin = begin;
+    memset(window + (written - begin), '\n', (size_t)(begin + WINDOW - written));
+    return 0;
+}
+
+/* What a program's limits make of a file that grows is no signal for the program. */
+static bool make_room(size_t size) {
+    if (window && written + (off_t)size <= window_begin + WINDOW)
+        return true;
     sigset_t signals, before;
     sigemptyset(&signals);
     sigaddset(&signals, SIGXFSZ);
     pthread_sigmask(SIG_BLOCK, &signals, &before);
-    ssize_t count = 0;
-    for (size_t done = 0; done < size; done += (size_t)count) {
-        count = write(descriptor, text + done, size - done);
-        if (count < 0 && errno == EINTR)
-            count = 0;
-        else if (count <= 0)
-            break;
-    }
-    if (count <= 0) {
-        int reason = errno;
+    int reason = move_window();
+    if (reason != 0) {
         sigtimedwait(&signals, NULL, &(struct timespec){0, 0});
-        (void)!ftruncate(descriptor, written);
+        close_window();
+        if (is_at(descriptor, &log_place))
+            (void)!ftruncate(descriptor, written);
         end_log(reason);
-    } else {
-        written += (off_t)size;
     }
     pthread_sigmask(SIG_SETMASK, &before, NULL);
+    return reason == 0;
+}
+
+/* The first byte last: a line that is cut off in the middle is none. */
+static void write_out(const char* text, size_t size) {
+    if (!make_room(size))
+        return;
+    char* place = window + (written - window_begin);
+    memcpy(place + 1, text + 1, size - 1);
+    __atomic_signal_fence(__ATOMIC_RELEASE);
+    *(volatile char*)place = *text;
+    written += (off_t)size;
+}
+
+/* Where the code is in "@ CALLER CODE ADDRESS[ SIZE]", or null; `end` is that of the line. The caller may hold blanks, so
+   the words are counted from the end. */
+static const char* find_code(const char* begin, const char* end) {
+    if (*begin != '@')
+        return NULL;
+    for (int words = 1; words <= 2; ++words) {
+        end = memrchr(begin, ' ', (size_t)(end - begin));
+        if (!end || end - begin < 4)
+            return NULL;
+        if (end[-2] == ' ' && strchr("+-<>!", end[-1]))
+            return end - 1;
+    }
+    return NULL;
 }
 
 #include "mtrace_live_blocks.h"
@@ -122,12 +185,14 @@ static void begin_log_of_child(void) {
     off_t inherited = written;
     char parent[LONGEST_PATH];
     memcpy(parent, path, sizeof path);
+    close_window();
     if (is_at(descriptor, &log_place))
         close(descriptor);
-    is_forked = false;
+    *is_writer = true;
+    writer = getpid();
     written = 0;
     /* A number that a process had before may come again. */
-    int length = snprintf(path, sizeof path, "%s.%d", first_path, (int)getpid());
+    int length = snprintf(path, sizeof path, "%s.%d", first_path, (int)writer);
     for (int i = 2; !open_log(O_CREAT | O_EXCL) && !has_ended; ++i) {
         if (errno != EEXIST)
             end_log(errno);
@@ -137,11 +202,19 @@ static void begin_log_of_child(void) {
         copy_live_blocks(parent, inherited);
 }
 
+/* The main program is called what its argv[0] says now, and servers write there what they are doing. A blank in a name
+   would part it in two words. */
+static void join_caller(void) {
+    const char* code = find_code(line, line + line_length - 1);
+    for (char* at = line + 2; code && at < code - 1; ++at)
+        if (*at == ' ')
+            *at = '_';
+}
+
 static void end_line(void) {
-    if (is_forked)
+    join_caller();
+    if (!*is_writer)
         begin_log_of_child();
-    if (!has_ended && !is_at(descriptor, &log_place) && !open_log(0))
-        end_log(errno);
     if (!has_ended)
         write_out(line, line_length);
     line_length = 0;
@@ -178,7 +251,44 @@ EXPORT FILE* fopen(const char* name, const char* mode) {
 static void after_fork_in_child(void) {
     __fpurge(stream);
     line_length = 0;
-    is_forked = true;
+}
+
+/* Takes the empty lines away. Other threads may be writing theirs, or may hold the stream for ever: it waits, but not for
+   long. */
+static void finish_log(void) {
+    if (!stream || writer != getpid())
+        return;
+    int tries = 0;
+    while (tries < LOCK_TRIES && ftrylockfile(stream) != 0) {
+        ++tries;
+        usleep(LOCK_WAIT_MICROSECONDS);
+    }
+    if (tries == LOCK_TRIES)
+        return;
+    if (!has_ended && find_log()) {
+        has_ended = true;
+        close_window();
+        (void)!ftruncate(descriptor, written);
+    }
+    funlockfile(stream);
+}
+
+/* Runs after everything else that exit() runs, because it was registered first. */
+static void finish_log_at_exit(void* unused) {
+    (void)unused;
+    finish_log();
+}
+
+EXPORT void _exit(int status) {
+    finish_log();
+    void (*next)(int);
+    *(void**)&next = dlsym(RTLD_NEXT, "_exit");
+    next(status);
+    __builtin_unreachable();
+}
+
+EXPORT void _Exit(int status) {
+    _exit(status);
 }
 
 static void stay_out(void) {
@@ -205,6 +315,12 @@ __attribute__((constructor)) static void begin_log(int argc, char** argv, char**
         stay_out();
         return;
     }
+    is_writer = mmap(NULL, (size_t)sysconf(_SC_PAGESIZE), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (is_writer == MAP_FAILED || madvise(is_writer, (size_t)sysconf(_SC_PAGESIZE), MADV_WIPEONFORK) != 0)
+        return;
+    *is_writer = true;
+    writer = getpid();
+    __cxa_atexit(finish_log_at_exit, NULL, NULL);
     strcpy(first_path, log);
     strcpy(path, log);
     place_of(STDERR_FILENO, &message_place);

@@ -19,7 +19,7 @@ import unittest
 
 options = None
 
-LINE = re.compile(r"= Start|@ \S.* [-+<>!] (0x[0-9a-f]+|\(nil\))( 0x[0-9a-f]+| 0)?")
+LINE = re.compile(r"= Start|@ \S+ [-+<>!] (0x[0-9a-f]+|\(nil\))( 0x[0-9a-f]+| 0)?")
 LEAK = re.compile(r"LEAK at 0x[0-9a-f]+ size (\d+) type (\d+) caller \[(.*)\] type_name \[(.*)\] file \[(.*)\] line (\d+)")
 
 
@@ -123,6 +123,31 @@ class Programs(Recorded):
         self.assertEqual((done.returncode, done.stdout), (5, "out\n"))
         self.assertTrue(done.stderr.startswith("err\nrecord: "), done.stderr)
 
+    def test_a_program_that_is_linked_to_another_malloc(self):
+        """Its operator new would hand out what the C library's free does not know."""
+        library = self.folder / "libjemalloc.so.2"
+        source = self.folder / "pool.cpp"
+        source.write_text("#include <cstddef>\n"
+                          "alignas(16) static char pool[1 << 20];\n"
+                          "static std::size_t used;\n"
+                          "static void* take(std::size_t size) { void* p = pool + used; used += size + 15 & ~15ul; return p; }\n"
+                          "void* operator new(std::size_t size) { return take(size); }\n"
+                          'extern "C" void* malloc(std::size_t size) noexcept { return take(size); }\n'
+                          'extern "C" void free(void*) noexcept {}\n')
+        program = self.folder / "program.cpp"
+        program.write_text("#include <list>\n"
+                           "int main() { std::list<int> list{1, 2, 3}; list.clear(); ::operator delete(new char[71001]);\n"
+                           "             static char* volatile kept; kept = new char[71002]; return kept == nullptr; }\n")
+        subprocess.run(["c++", "-fPIC", "-shared", "-Wl,-soname," + library.name, "-o", library, source], check=True)
+        # First in the order of the libraries, and needed even where nothing refers to it.
+        subprocess.run(["c++", "-o", self.folder / "program", program, "-Wl,--no-as-needed", library,
+                        "-Wl,-rpath," + str(self.folder)], check=True)
+        done = self.record(self.folder / "program")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        report = self.report("mtrace", "log.mtrace")
+        self.assertEqual(self.leaks(report), {71002: 1})
+        self.assertNotIn("BAD FREE", report)
+
     def test_what_cannot_be_recorded(self):
         self.refused("no such program", "./nothing")
         static = self.folder / "static"
@@ -190,6 +215,13 @@ class Troubles(Recorded):
         self.trouble("meet_a_limit")
         self.assertEqual(self.messages.count("ends here: File too large\n"), 1, self.messages)
         self.assertGreater((self.folder / "log.mtrace").stat().st_size, 19900)
+
+    def test_a_process_that_renames_itself(self):
+        lines = self.trouble("rename_itself")
+        report = self.report("mtrace", "log.mtrace")
+        self.assertEqual(self.leaks(report), {71002: 1})
+        self.assertNotIn("BAD FREE", report)
+        self.assertEqual(sum(line.startswith("@ a_b") for line in lines), 3, lines)
 
     def test_forks_between_threads(self):
         self.trouble("fork_between_threads")

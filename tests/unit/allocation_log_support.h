@@ -109,10 +109,11 @@ inline std::string process_of(const std::string& log) {
 
 // The other files in the folder of a log.
 inline words logs_of_children(const std::string& path) {
+    const std::string folder = path.substr(0, path.rfind('/') + 1);
     words result;
-    for (const auto& each : std::filesystem::directory_iterator(std::filesystem::path(path).parent_path()))
-        if (each.path() != path)
-            result.push_back(each.path().string());
+    for (const auto& each : std::filesystem::directory_iterator(folder))
+        if (const std::string found = folder + each.path().filename().string(); found != path)
+            result.push_back(found);
     return result;
 }
 
