@@ -18,9 +18,9 @@ void append(std::string& line, NUMBER number, int base = 10) {
 
 } // namespace
 
-mtrace_proc::mtrace_proc()
+mtrace_proc::mtrace_proc(std::FILE* out, std::FILE* err)
     : qorRefObject("qorcore.qortool.mtrace_proc"), m_debug_code(qorDebugAllocateCode("qortool.mtrace")),
-      m_mtrace_file(m_debug_code, "mtrace line: [%.*s]"), m_memcheck_file(m_debug_code, nullptr) {}
+      m_mtrace_file(m_debug_code, "mtrace line: [%.*s]"), m_memcheck_file(m_debug_code, nullptr), m_streams(out, err) {}
 
 bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "Execute_MTRACE");

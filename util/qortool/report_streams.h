@@ -8,7 +8,8 @@
 
 class report_streams {
 public:
-    report_streams();
+    // The standard streams, unless a test wants to see for itself.
+    explicit report_streams(std::FILE* out = stdout, std::FILE* err = stderr);
     report_streams(const report_streams&) = delete;
     report_streams& operator=(const report_streams&) = delete;
     ~report_streams();
@@ -24,6 +25,8 @@ private:
 
     void switch_to(std::FILE* stream);
 
+    std::FILE* m_out;
+    std::FILE* m_err;
     bool m_one_place;
     std::FILE* m_last = nullptr;
     std::chrono::steady_clock::time_point m_flushed;
