@@ -1,5 +1,7 @@
 #include "report_streams.h"
 
+#include <charconv>
+
 namespace {
 
 // Standard error may still be written while the process ends, so its buffer lives as long.
@@ -30,6 +32,13 @@ std::FILE* report_streams::err() {
         m_flushed = now;
     }
     return m_err;
+}
+
+void report_streams::progress(unsigned count) {
+    char text[16];
+    char* const end = std::to_chars(text, text + sizeof text - 1, count).ptr;
+    *end = '\r';
+    std::fwrite(text, 1, static_cast<std::size_t>(end + 1 - text), err());
 }
 
 void report_streams::switch_to(std::FILE* stream) {

@@ -20,6 +20,9 @@ public:
     // Progress and warnings go here. What a person watches is never older than `patience`.
     std::FILE* err();
 
+    // A number that the next one overwrites.
+    void progress(unsigned count);
+
 private:
     static constexpr auto patience = std::chrono::milliseconds(100);
 
