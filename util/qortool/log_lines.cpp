@@ -54,14 +54,14 @@ std::string_view between(const char* begin, const char* end) noexcept {
     return {begin, static_cast<std::size_t>(end - begin)};
 }
 
-// "0x" and fewer digits than would need a thought.
+// "0x" and digits. More than 16 are not all taken, so that what follows is no end.
 bool take_number(const char*& at, uint64& value) noexcept {
     if (at[0] != '0' || at[1] != 'x')
         return false;
     const hexadecimal_digits digits = read_hexadecimal_digits(at + 2);
     value = digits.value;
     at += 2 + digits.count;
-    return digits.count != 0 && digits.count != 16;
+    return digits.count != 0;
 }
 
 bool is_alloc_code(char code) noexcept { return code == '+' || code == '>'; }
