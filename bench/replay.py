@@ -1,41 +1,167 @@
 #!/usr/bin/env python3
-"""Replays one generated heap log with qortool and with the C library's `mtrace` script, turn by turn.
+"""Replays heap logs with qortool, with a near-limit program and with the C library's `mtrace` script.
 
-    replay.py --tool PATH --generator PATH [--runner PROGRAM] [--lines N] [--live M] [--rounds R] [--seed S]
-              [--brief] [--min-ratio X] [--max-bytes Y]
+    replay.py --tool PATH --generator PATH --near-limit PATH [--lines N]... [--recorded LOG]...
+              [--rounds R] [--seed S] [--folder DIR] [--brief]
 
-Prints the medians, how many times faster qortool is, its lines per second, its peak memory, and how
-much of that beyond the fixed 16 MiB each block takes that was live at the peak. Fails when the two
-name different numbers of leaks, and when a given limit is missed. --brief is one round over a log
-that is too short for the figures to mean much: it shows that the bench still works.
+For each length: a log with addresses of the real allocator, a fifth as many blocks live at its peak. Then
+recorded logs, a long log with few live blocks, and logs made to be hostile. Prints ratios of medians, each
+beside its limit; ends with 1 when one is missed, or when the programs name different numbers of leaks.
+Seconds are processor time, which what else happens on the machine touches least; the programs take turns.
+--brief is one round over short logs without limits: it shows that the bench still works.
 """
 
 import argparse
 import os
 import pathlib
+import random
 import re
 import statistics
 import subprocess
 import sys
 import tempfile
-import time
 
-FIXED_BYTES = 16 * 1024 * 1024
-BRIEF_LINES = 100_000
+MIB = 1 << 20
+FIXED_BYTES = 16 * MIB
+FULL_LINES = [500_000, 5_000_000, 20_000_000]
+BRIEF_LINES = [100_000]
+FEW_LIVE = 1000
+# Records of the allocation log that no allocation asks for: one more than are read ahead.
+NEVER_ASKED_FOR = 1025
 
 
-def measure(command, out):
-    """(seconds, peak resident bytes) of one run whose standard output goes to a file."""
-    with open(out, "wb") as stream, open(os.devnull, "r+b") as nowhere:
-        start = time.perf_counter()
-        process = subprocess.Popen(command, stdin=nowhere, stdout=stream, stderr=nowhere)
-        _, status, usage = os.wait4(process.pid, 0)
-        seconds = time.perf_counter() - start
-    process.returncode = os.waitstatus_to_exitcode(status)
-    # The script ends with 1 when it has found leaks.
-    if process.returncode not in (0, 1):
-        sys.exit(f"{command[0]} ended with {process.returncode}")
-    return seconds, usage.ru_maxrss * 1024
+class Bench:
+    def __init__(self, options, folder):
+        self.tool = [str(options.tool.resolve()), "--quiet"]
+        self.near_limit = str(options.near_limit.resolve())
+        self.generator = options.generator.resolve()
+        self.seed = options.seed
+        self.brief = options.brief
+        self.rounds = 1 if options.brief else options.rounds
+        self.folder = folder
+        self.misses = 0
+
+    def measure(self, command, out):
+        """(processor seconds, peak resident bytes) of one run whose standard output goes to a file."""
+        with open(out, "wb") as stream, open(os.devnull, "r+b") as nowhere:
+            process = subprocess.Popen(command, stdin=nowhere, stdout=stream, stderr=nowhere)
+            _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+        # The script ends with 1 when it has found leaks.
+        if process.returncode not in (0, 1):
+            sys.exit(f"{command[0]} ended with {process.returncode}")
+        return usage.ru_utime + usage.ru_stime, usage.ru_maxrss * 1024
+
+    def compare(self, commands):
+        """{who: (median seconds, peak bytes, leaks)}; turn by turn."""
+        results = {who: [] for who in commands}
+        for number in range(self.rounds):
+            for who, command in commands.items():
+                # The script takes so long that its time hardly varies.
+                if who != "script" or number == 0:
+                    results[who].append(self.measure(command, self.folder / who))
+        return {
+            who: (
+                statistics.median(seconds for seconds, _ in runs),
+                max(peak for _, peak in runs),
+                count_lines(self.folder / who, b"0x" if who == "script" else b"LEAK at "),
+            )
+            for who, runs in results.items()
+        }
+
+    def check(self, what, value, limit, at_least=False):
+        good = value >= limit if at_least else value <= limit
+        word = "at least" if at_least else "at most"
+        verdict = "" if self.brief else "  ok" if good else "  MISSED"
+        print(f"  {what}: {value:.2f} ({word} {limit}){verdict}")
+        self.misses += not good and not self.brief
+
+    def require_same_leaks(self, measured, *whos):
+        leaks = {who: measured[who][2] for who in whos}
+        if len(set(leaks.values())) != 1:
+            print(f"  FAIL the numbers of leaks differ: {leaks}")
+            self.misses += 1
+
+    def generate(self, lines, live):
+        """(mtrace log, allocation log, blocks live at the peak)."""
+        log, memcheck_log = self.folder / "log.mtrace", self.folder / "log.memcheck"
+        numbers = ["--lines", str(lines), "--live", str(live), "--seed", str(self.seed)]
+        made = subprocess.run(
+            [self.generator, *numbers, "--memcheck", memcheck_log, log], check=True, capture_output=True, text=True
+        )
+        return log, memcheck_log, int(re.search(r"peak_live (\d+)", made.stdout).group(1))
+
+    def plain_and_peers(self, log):
+        return {
+            "qortool": [*self.tool, "mtrace", log],
+            "near-limit": [self.near_limit, log],
+            "script": ["mtrace", log],
+        }
+
+    def show_peers(self, measured, lines, size):
+        seconds, _, _ = measured["qortool"]
+        print(f"  qortool: {lines / seconds / 1e6:.1f} million lines/s, {size / seconds / 1e9:.2f} GB/s")
+        self.check("times the time of the near-limit program", seconds / measured["near-limit"][0], 1.5)
+        self.check("times the speed of the mtrace script", measured["script"][0] / seconds, 25, at_least=True)
+        self.require_same_leaks(measured, "qortool", "near-limit", "script")
+
+    def generated(self, lines):
+        log, memcheck_log, live = self.generate(lines, lines // 5)
+        strange = self.folder / "strange.memcheck"
+        strange.write_text("".join(f"A {i * 16 + 0x10:x} 8 0 f 1\n" for i in range(NEVER_ASKED_FOR)))
+        commands = self.plain_and_peers(log)
+        commands["strange"] = [*self.tool, "mtrace", log, strange]
+        commands["joined"] = [*self.tool, "mtrace", log, memcheck_log]
+        commands["memcheck"] = [*self.tool, "memcheck", memcheck_log]
+        print(f"{lines} lines, {live} blocks live at the peak")
+        measured = self.compare(commands)
+        self.show_peers(measured, lines, log.stat().st_size)
+        seconds, peak, _ = measured["qortool"]
+        self.check("bytes per live block beyond 16 MiB", max(0, peak - FIXED_BYTES) / live, 40)
+        self.check("joined with a log that never matches", measured["strange"][0] / seconds, 1.3)
+        memcheck_lines = count_lines(memcheck_log, b"")
+        per_line = measured["memcheck"][0] / memcheck_lines / (seconds / lines)
+        self.check("memcheck alone, per line", per_line, 1.3)
+        both = measured["joined"][0] / (lines + memcheck_lines) / (seconds / lines)
+        print(f"  joined with the log of the same run, per line of both: {both:.2f}")
+        self.require_same_leaks(measured, "qortool", "strange", "joined", "memcheck")
+
+    def recorded(self, log):
+        lines = count_lines(log, b"@")
+        print(f"{log.name}: {lines} lines, recorded")
+        self.show_peers(self.compare(self.plain_and_peers(log)), lines, log.stat().st_size)
+
+    def few_live(self, lines):
+        log, _, live = self.generate(lines, FEW_LIVE)
+        print(f"{lines} lines, {live} blocks live at the peak")
+        measured = self.compare({"qortool": [*self.tool, "mtrace", log]})
+        self.check("MiB at the peak", measured["qortool"][1] / MIB, 64)
+
+    def hostile(self, blocks):
+        """A million live slots in a chain, beside as many well spread."""
+        addresses = {
+            "friendly": lambda i: 0x100000 + i * 160,
+            "2^30 apart": lambda i: 0x1000 + (i << 30),
+            "in pairs": lambda i: 0x1000 + (i // 2 << 30),
+            "one address": lambda i: 0x1000,
+            "full buckets": lambda i: 0x100000 + (i % (blocks // 1000) << 10) + i // (blocks // 1000),
+        }
+        commands = {}
+        for who, address in addresses.items():
+            log = self.folder / f"{who}.mtrace"
+            chooser = random.Random(self.seed)
+            with open(log, "w") as out:
+                out.writelines(f"@ app:[0x{0x4000 + i % 3000 * 40:x}] + {address(i):#x} 0x40\n" for i in range(blocks))
+                for _ in range(blocks):
+                    block = address(chooser.randrange(blocks))
+                    out.write(f"@ app:[0x4f10] - {block:#x}\n@ app:[0x4f10] + {block:#x} 0x20\n")
+            commands[who] = [*self.tool, "mtrace", log]
+        print(f"hostile logs, {blocks} live blocks, times the time of a friendly one")
+        measured = self.compare(commands)
+        for who in addresses:
+            if who != "friendly":
+                self.check(who, measured[who][0] / measured["friendly"][0], 5)
+        self.require_same_leaks(measured, *addresses)
 
 
 def count_lines(path, start):
@@ -44,69 +170,28 @@ def count_lines(path, start):
 
 
 def main():
-    parser = argparse.ArgumentParser(description="Replay speed of qortool beside the C library's mtrace script.")
+    parser = argparse.ArgumentParser(description="Replay speed of qortool beside that of other programs.")
     parser.add_argument("--tool", required=True, type=pathlib.Path)
     parser.add_argument("--generator", required=True, type=pathlib.Path, help="the built heap_log_generator")
-    parser.add_argument("--runner", help="what starts these two, where they are another system's")
-    parser.add_argument("--lines", type=int, help="lines of the log (default 5000000)")
-    parser.add_argument("--live", type=int, help="live blocks it climbs to (default: a fifth of the lines)")
-    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--near-limit", required=True, type=pathlib.Path, help="the built near_limit")
+    parser.add_argument("--lines", type=int, action="append", help=f"length of a log (default {FULL_LINES})")
+    parser.add_argument("--recorded", type=pathlib.Path, action="append", default=[], help="an mtrace log to replay too")
+    parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--brief", action="store_true", help=f"one round over {BRIEF_LINES} lines")
-    parser.add_argument("--min-ratio", type=float, help="fail when qortool is not this many times faster")
-    parser.add_argument("--max-bytes", type=float, help="fail when a live block takes more")
+    parser.add_argument("--folder", type=pathlib.Path, help="where the logs go (some 3 GB; default: temporary files)")
+    parser.add_argument("--brief", action="store_true", help=f"one round over {BRIEF_LINES[0]} lines, no limits")
     options = parser.parse_args()
-    lines = options.lines or (BRIEF_LINES if options.brief else 5_000_000)
-    live = options.live or lines // 5
-    rounds = 1 if options.brief else options.rounds
-    start = [options.runner] if options.runner else []
+    lengths = options.lines or (BRIEF_LINES if options.brief else FULL_LINES)
 
-    with tempfile.TemporaryDirectory() as name:
-        folder = pathlib.Path(name)
-        log, memcheck_log = folder / "log.mtrace", folder / "log.memcheck"
-        numbers = ["--lines", str(lines), "--live", str(live), "--seed", str(options.seed)]
-        made = subprocess.run(
-            [*start, options.generator.resolve(), *numbers, "--memcheck", memcheck_log, log],
-            check=True,
-            capture_output=True,
-            text=True,
-        )
-        peak_live = int(re.search(r"peak_live (\d+)", made.stdout).group(1))
-        tool = [*start, options.tool.resolve(), "--quiet", "mtrace"]
-        commands = {
-            "qortool": [*tool, log],
-            "joined": [*tool, log, memcheck_log],
-            "script": ["mtrace", log],
-        }
-        # Turn by turn, so that whatever else the machine does falls on all alike.
-        results = {who: [] for who in commands}
-        for _ in range(rounds):
-            for who, command in commands.items():
-                results[who].append(measure(command, folder / who))
-        leaks = {who: count_lines(folder / who, b"0x" if who == "script" else b"LEAK at ") for who in commands}
-
-    seconds = {who: statistics.median(run[0] for run in runs) for who, runs in results.items()}
-    peak = {who: max(run[1] for run in runs) for who, runs in results.items()}
-    ratio = seconds["script"] / seconds["qortool"]
-    per_block = max(0, peak["qortool"] - FIXED_BYTES) / peak_live
-    print(f"{lines} lines, {peak_live} blocks live at the peak, {leaks['qortool']} leaks, {rounds} rounds")
-    for who in commands:
-        print(
-            f"{who:8} {seconds[who]:8.3f} s {lines / seconds[who] / 1e6:8.2f} million lines/s"
-            f" {peak[who] / 1048576:8.1f} MiB peak"
-        )
-    print(f"qortool is {ratio:.1f} times as fast as the script; {per_block:.1f} bytes per live block beyond 16 MiB")
-
-    misses = []
-    if len(set(leaks.values())) != 1:
-        misses.append(f"the numbers of leaks differ: {leaks}")
-    if options.min_ratio is not None and ratio < options.min_ratio:
-        misses.append(f"less than {options.min_ratio} times as fast as the script")
-    if options.max_bytes is not None and per_block > options.max_bytes:
-        misses.append(f"more than {options.max_bytes} bytes per live block")
-    for miss in misses:
-        print(f"FAIL {miss}")
-    return 1 if misses else 0
+    with tempfile.TemporaryDirectory(dir=options.folder) as name:
+        bench = Bench(options, pathlib.Path(name))
+        for lines in lengths:
+            bench.generated(lines)
+        for log in options.recorded:
+            bench.recorded(log)
+        bench.few_live(max(lengths))
+        bench.hostile(10_000 if options.brief else 1_000_000)
+    return 1 if bench.misses else 0
 
 
 if __name__ == "__main__":

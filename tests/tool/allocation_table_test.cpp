@@ -140,6 +140,63 @@ TEST(AllocationTable, AgreesWithThePlainTableWhereABucketOverflows) {
         run_random(seed, 9000, 1022, 70);
 }
 
+// Chains of several blocks that are emptied and filled again, with addresses live once, some times, or all the time.
+TEST(AllocationTable, AgreesWithThePlainTableOnLongChains) {
+    for (const uint64 addresses : {uint64{1}, uint64{50}, uint64{3000}, uint64{1} << 34}) {
+        std::mt19937_64 random(addresses);
+        both_tables tables;
+        std::vector<uint64> live;
+        for (uint32 step = 0; step < 16000; ++step) {
+            if (live.empty() || random() % 100 < (step / 4000 % 2 == 0 ? 95u : 25u)) {
+                live.push_back(0x1000 + ((random() % addresses) << 30));
+                tables.allocate(live.back(), step);
+            } else {
+                std::swap(live[random() % live.size()], live.back());
+                tables.release(live.back());
+                live.pop_back();
+            }
+            if (step % 64 == 0) {
+                tables.release(0x1000 + ((random() % (2 * addresses)) << 30 | 1)); // never allocated
+                tables.look_up(live.empty() ? 0x1000 : live[random() % live.size()]);
+                tables.packed->prefetch_head(0x1000);
+                tables.packed->prefetch_block(0x1000);
+            }
+            if (HasFatalFailure())
+                return;
+        }
+        tables.compare();
+    }
+}
+
+TEST(AllocationTable, AddressZeroInAChainOfSeveralBlocks) {
+    both_tables tables;
+    for (uint64 i = 1; i <= 2048; ++i)
+        tables.allocate(i << 30, 1);
+    tables.release(0); // all slots are live
+    tables.release(uint64{5} << 30);
+    tables.release(0);
+    tables.allocate(0, 2);
+    tables.release(0); // the slot stayed blank
+    tables.allocate(uint64{5} << 30, 3);
+    tables.release(0);
+    tables.allocate(uint64{9} << 40, 4); // the third block
+    tables.release(0);
+    tables.compare();
+}
+
+TEST(AllocationTable, LiveSlotsTakeNewOrigins) {
+    both_tables tables;
+    for (uint32 i = 1; i < 5000; ++i)
+        tables.allocate(uint64{i} << (i % 2 == 0 ? 30 : 4), i);
+    for (uint32 i = 1; i < 5000; i += 3)
+        tables.release(uint64{i} << (i % 2 == 0 ? 30 : 4));
+    tables.packed->renumber_origins([](uint32 origin) { return origin + 100; });
+    std::vector<live> expected = tables.plain.walk();
+    for (live& each : expected)
+        each.origin += 100;
+    EXPECT_EQ(walk(*tables.packed), expected);
+}
+
 TEST(AllocationTable, AgreesWithThePlainTableOnManyBuckets) {
     for (unsigned seed = 0; seed < 5; ++seed)
         run_random(seed, 20000, uint64{1} << 34, 55);

@@ -70,15 +70,16 @@ allocation_table::__entry allocation_table::find_blank(uint64 address) {
 
 allocation_table::__entry allocation_table::find_blank_in_chain(uint32 bucket) {
     chain& all = chain_of(bucket);
-    uint32 number;
-    uint32 slot;
-    if (!all.find_blank(number, slot)) {
+    const uint32 number = all.index.first_room();
+    if (number == chain_index::none) {
         all.append(make_block(0));
         return {bucket, static_cast<uint32>(all.blocks.size() - 1), 0};
     }
+    __block*& block = all.blocks[number];
+    const uint32 slot = find_blank_in(block);
     // The first block was full before there was a second one.
-    if (slot == all.blocks[number]->capacity)
-        all.blocks[number - 1]->next = all.blocks[number] = grow(all.blocks[number]);
+    if (slot == block->capacity)
+        all.blocks[number - 1]->next = block = grow(block);
     return {bucket, number, slot};
 }
 
@@ -87,7 +88,7 @@ void allocation_table::make_chain(uint32 bucket) {
     chain& made = m_chains[bucket];
     made.append(first);
     for (uint32 slot = 0; slot < __block::slot_count; ++slot)
-        made.index.add(first->addresses()[slot], slot, [&made](uint32 place) { return made.address_at(place); });
+        made.enter(first->addresses()[slot], slot);
     first->has_chain = true;
 }
 
@@ -95,17 +96,28 @@ void allocation_table::chain::append(__block* block) {
     if (!blocks.empty())
         blocks.back()->next = block;
     blocks.push_back(block);
+    live.push_back(0);
     index.set_room(static_cast<uint32>(blocks.size() - 1), true);
 }
 
-bool allocation_table::chain::find_blank(uint32& number, uint32& slot) noexcept {
-    while ((number = index.first_room()) != chain_index::none) {
-        slot = find_blank_in(blocks[number]);
-        if (slot != __block::slot_count)
-            return true;
+void allocation_table::chain::enter(uint64 address, uint32 place) {
+    const uint32 number = place / __block::slot_count;
+    if (++live[number] == __block::slot_count)
         index.set_room(number, false);
-    }
-    return false;
+    index.add(address, place, [this](uint32 each) { return address_at(each); });
+}
+
+bool allocation_table::chain::release(uint64 address) noexcept {
+    if (address == 0)
+        return index.first_room() != chain_index::none;
+    const uint32 place = index.take(address, [this](uint32 each) { return address_at(each); });
+    if (place == chain_index::none)
+        return false;
+    const uint32 number = place / __block::slot_count;
+    blank(blocks[number], place % __block::slot_count);
+    --live[number];
+    index.set_room(number, true);
+    return true;
 }
 
 bool allocation_table::find_entry(uint64 address, __entry& found) noexcept {
@@ -129,7 +141,7 @@ bool allocation_table::release(uint64 address) noexcept {
     if (head == nullptr)
         return false;
     if (head->has_chain)
-        return release_in_chain(address);
+        return chain_of(bucket_of(address)).release(address);
     const uint32 slot = find_address(head->addresses(), 0, head->capacity, address);
     // The slots that have no memory yet are blank too.
     if (slot == head->capacity)
@@ -138,18 +150,20 @@ bool allocation_table::release(uint64 address) noexcept {
     return true;
 }
 
-bool allocation_table::release_in_chain(uint64 address) noexcept {
-    chain& all = chain_of(bucket_of(address));
-    uint32 number;
-    uint32 slot;
-    if (address == 0)
-        return all.find_blank(number, slot);
-    const uint32 place = all.index.take(address, [&all](uint32 each) { return all.address_at(each); });
-    if (place == chain_index::none)
-        return false;
-    blank(all.blocks[place / __block::slot_count], place % __block::slot_count);
-    all.index.set_room(place / __block::slot_count, true);
-    return true;
+void allocation_table::prefetch_chain(uint64 address) noexcept {
+    const auto found = m_chains.find(bucket_of(address));
+    if (found != m_chains.end())
+        found->second.index.prefetch(address);
+}
+
+void allocation_table::prefetch_place(uint64 address) noexcept {
+    const auto found = m_chains.find(bucket_of(address));
+    if (found == m_chains.end())
+        return;
+    chain& all = found->second;
+    const uint32 place = all.index.likely_place(address);
+    if (place != chain_index::none)
+        __builtin_prefetch(&all.blocks[place / __block::slot_count]->addresses()[place % __block::slot_count]);
 }
 
 allocation_table::__block* allocation_table::resolve(const __entry& entry) const noexcept {
@@ -161,11 +175,8 @@ void allocation_table::set(const __entry& entry, uint64 address, uint32 size, ui
     __block* const block = resolve(entry);
     block->addresses()[entry.slot] = address;
     block->data()[entry.slot] = {size, origin};
-    if (address == 0 || !m_heads[entry.bucket]->has_chain)
-        return;
-    chain& all = chain_of(entry.bucket);
-    all.index.add(address, entry.block * __block::slot_count + entry.slot,
-                  [&all](uint32 place) { return all.address_at(place); });
+    if (address != 0 && m_heads[entry.bucket]->has_chain)
+        chain_of(entry.bucket).enter(address, entry.block * __block::slot_count + entry.slot);
 }
 
 uint64 allocation_table::address(const __entry& entry) const noexcept {

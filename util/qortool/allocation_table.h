@@ -55,12 +55,18 @@ public:
 
     // Ask the processor for the memory that a search for the address will read: the bucket's head, and, when that
     // has had time to arrive, the first block.
-    void prefetch_head(uint64 address) const noexcept { __builtin_prefetch(&m_heads[bucket_of(address)]); }
-    void prefetch_block(uint64 address) const noexcept {
+    void prefetch_head(uint64 address) noexcept {
+        __builtin_prefetch(&m_heads[bucket_of(address)]);
+        if (!m_chains.empty())
+            prefetch_chain(address);
+    }
+    void prefetch_block(uint64 address) noexcept {
         if (const __block* const block = m_heads[bucket_of(address)]) {
             __builtin_prefetch(block);
             __builtin_prefetch(reinterpret_cast<const char*>(block) + 64);
         }
+        if (!m_chains.empty())
+            prefetch_place(address);
     }
 
     // The earliest blank slot of the address's bucket. It stays blank until `set` gives it an address. Throws
@@ -103,20 +109,22 @@ private:
     // A chain of more than one block.
     struct chain {
         std::vector<__block*> blocks;
+        std::vector<uint16> live; // slots of each block that are not blank
         chain_index index;
 
         uint64 address_at(uint32 place) const noexcept {
             return blocks[place / __block::slot_count]->addresses()[place % __block::slot_count];
         }
         void append(__block* block);
-        // The first blank slot, which may lie behind those that have memory. False: every block is full.
-        bool find_blank(uint32& number, uint32& slot) noexcept;
+        void enter(uint64 address, uint32 place);
+        bool release(uint64 address) noexcept;
     };
 
     chain& chain_of(uint32 bucket) noexcept { return m_chains.find(bucket)->second; }
     void make_chain(uint32 bucket);
     __entry find_blank_in_chain(uint32 bucket);
-    bool release_in_chain(uint64 address) noexcept;
+    void prefetch_chain(uint64 address) noexcept;
+    void prefetch_place(uint64 address) noexcept;
     __block* resolve(const __entry& entry) const noexcept;
 
     __block* m_heads[bucket_count] = {};

@@ -2,29 +2,47 @@
 
 #include <algorithm>
 #include <bit>
-#include <functional>
 #include <utility>
 
-void chain_index::add_repeated(number_index::cell& first, uint64 address, uint32 place) {
-    std::vector<uint32>& later = m_later[address];
-    later.push_back(place > first.number ? place : std::exchange(first.number, place));
-    std::push_heap(later.begin(), later.end(), std::greater<>());
+// The root of both heaps made one.
+uint32 chain_index::meld(uint32 a, uint32 b) noexcept {
+    if (b < a)
+        std::swap(a, b);
+    m_links[b].sibling = std::exchange(m_links[a].child, b);
+    return a;
 }
 
-// False: the first place was the only one.
-bool chain_index::take_repeated(number_index::cell& first, uint64 address) noexcept {
-    if (m_later.empty())
-        return false;
-    const auto found = m_later.find(address);
-    if (found == m_later.end())
-        return false;
-    std::vector<uint32>& later = found->second;
-    std::pop_heap(later.begin(), later.end(), std::greater<>());
-    first.number = later.back();
-    later.pop_back();
-    if (later.empty())
-        m_later.erase(found);
-    return true;
+uint32 chain_index::add_repeated(uint32 first, uint32 place) {
+    const std::size_t needed = std::max(first, place) + std::size_t{1};
+    if (m_links.size() < needed)
+        m_links.resize(needed);
+    return meld(first, place);
+}
+
+// The root without `first`, which was it; none: it was alone.
+uint32 chain_index::take_repeated(uint32 first) noexcept {
+    if (first >= m_links.size())
+        return none;
+    // Neighbours are melded pair by pair, then the pairs from the last to the first.
+    uint32 rest = std::exchange(m_links[first].child, none);
+    uint32 pairs = none;
+    while (rest != none) {
+        uint32 root = rest;
+        rest = std::exchange(m_links[root].sibling, none);
+        if (rest != none) {
+            const uint32 partner = rest;
+            rest = std::exchange(m_links[partner].sibling, none);
+            root = meld(root, partner);
+        }
+        m_links[root].sibling = std::exchange(pairs, root);
+    }
+    uint32 root = none;
+    while (pairs != none) {
+        const uint32 next = pairs;
+        pairs = std::exchange(m_links[next].sibling, none);
+        root = root == none ? next : meld(root, next);
+    }
+    return root;
 }
 
 void chain_index::set_room(uint32 block, bool has_room) {

@@ -5,7 +5,7 @@
 #include "hashing.h"
 #include "number_index.h"
 
-#include <unordered_map>
+#include <cstddef>
 #include <vector>
 
 // A place is the number of a slot in the whole chain: block number times 1,024 plus slot. Addresses are not 0.
@@ -16,56 +16,68 @@ public:
     // `address_at(place)` is the address in a slot of the chain.
     template <class ADDRESS_AT>
     void add(uint64 address, uint32 place, ADDRESS_AT address_at) {
-        const uint32 hash = hash_of(address);
+        const uint32 hash = hashing::of_address(address);
         number_index::cell* const first = find_cell(hash, address, address_at);
         if (first == nullptr)
             m_first.add(hash, place);
         else
-            add_repeated(*first, address, place);
+            first->number = add_repeated(first->number, place);
     }
 
     // The earliest place of the address, or none.
     template <class ADDRESS_AT>
     uint32 find(uint64 address, ADDRESS_AT address_at) noexcept {
-        const number_index::cell* const first = find_cell(hash_of(address), address, address_at);
+        const number_index::cell* const first = find_cell(hashing::of_address(address), address, address_at);
         return first != nullptr ? first->number : none;
     }
 
     // The same, and forgets it.
     template <class ADDRESS_AT>
     uint32 take(uint64 address, ADDRESS_AT address_at) noexcept {
-        number_index::cell* const first = find_cell(hash_of(address), address, address_at);
+        number_index::cell* const first = find_cell(hashing::of_address(address), address, address_at);
         if (first == nullptr)
             return none;
         const uint32 place = first->number;
-        if (!take_repeated(*first, address))
+        const uint32 next = take_repeated(place);
+        if (next == none)
             m_first.remove(first);
+        else
+            first->number = next;
         return place;
     }
 
-    // Whether a block may have room. It is found out when it is asked for a blank slot.
+    // Ask the processor for what a search will read; the second, when that has had time to arrive, tells where the
+    // address may be, or none.
+    void prefetch(uint64 address) const noexcept { m_first.prefetch(hashing::of_address(address)); }
+    uint32 likely_place(uint64 address) noexcept {
+        const number_index::cell* const first = m_first.find(hashing::of_address(address), [](uint32) { return true; });
+        return first != nullptr ? first->number : none;
+    }
+
+    // Whether a block has a blank slot.
     void set_room(uint32 block, bool has_room);
 
-    // The first block that may have room, or none.
+    // The first block that has one, or none.
     uint32 first_room() noexcept;
 
 private:
-    static uint32 hash_of(uint64 address) noexcept { return hashing::of_address(address); }
-
-    struct address_hash {
-        std::size_t operator()(uint64 address) const noexcept { return hash_of(address); }
-    };
-
     template <class ADDRESS_AT>
     number_index::cell* find_cell(uint32 hash, uint64 address, ADDRESS_AT address_at) noexcept {
         return m_first.find(hash, [&](uint32 place) { return address_at(place) == address; });
     }
 
-    void add_repeated(number_index::cell& first, uint64 address, uint32 place);
-    bool take_repeated(number_index::cell& first, uint64 address) noexcept;
+    // The places of one address are a pairing heap, of which `m_first` has the root.
+    struct link {
+        uint32 child = none;
+        uint32 sibling = none;
+    };
 
-    number_index m_first; // the earliest place of each address
-    std::unordered_map<uint64, std::vector<uint32>, address_hash> m_later; // the others, as heaps: the earliest in front
+    uint32 add_repeated(uint32 first, uint32 place);
+    uint32 take_repeated(uint32 first) noexcept;
+    uint32 meld(uint32 a, uint32 b) noexcept;
+
+    number_index m_first;       // the earliest place of each address
+    std::vector<link> m_links;  // by place, as far as an address was ever repeated
     std::vector<uint64> m_room; // a bit for each block
     std::size_t m_room_word = 0; // no bit is set in a word before this one
 };

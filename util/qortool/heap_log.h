@@ -28,7 +28,7 @@ public:
     bool is_given() const noexcept { return !m_file.IsEmpty(); }
 
     // The next line that means something, or null at the end of the log. Texts in it are valid until the next call.
-    const entry* next(const allocation_table& table) {
+    const entry* next(allocation_table& table) {
         if (m_taken == m_count && !read_ahead(table))
             return nullptr;
         return &m_ahead[m_taken++];
@@ -37,7 +37,7 @@ public:
 private:
     static constexpr uint32 limit = 64;
 
-    bool read_ahead(const allocation_table& table) {
+    bool read_ahead(allocation_table& table) {
         m_taken = m_count = 0;
         do {
             if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code))
@@ -51,7 +51,7 @@ private:
         return m_count != 0;
     }
 
-    void parse(const allocation_table& table) {
+    void parse(allocation_table& table) {
         while (m_count < limit && m_next != m_end) {
             entry& each = m_ahead[m_count];
             if (log_lines::take_usual(m_next, each.line))

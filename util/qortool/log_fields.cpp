@@ -1,5 +1,7 @@
 #include "log_fields.h"
 
+#include "hexadecimal_digits.h"
+
 #include <bit>
 #include <cstdlib>
 #include <cstring>
@@ -37,57 +39,6 @@ const char* find_space(const char* at) noexcept {
     while (!log_fields::is_space(*at))
         ++at;
     return at;
-}
-
-#endif
-
-bool is_digit_16(char c) noexcept {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
-
-// The number that up to 16 hexadecimal digits make, and how many they are.
-struct digits_16 {
-    uint64 value;
-    unsigned count;
-};
-
-digits_16 read_digits_16(const char* at) noexcept;
-
-#if defined(__SSE2__)
-
-// All sixteen bytes at once, whatever they are: numbers of all lengths cost the same, and no branch is guessed wrong.
-digits_16 read_digits_16(const char* at) noexcept {
-    static_assert(qorReadLinesPadding >= sizeof(__m128i));
-    const auto at_most = [](__m128i bytes, char limit) {
-        return _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(limit)), bytes);
-    };
-    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
-    const __m128i digit = _mm_sub_epi8(bytes, _mm_set1_epi8('0'));
-    const __m128i letter = _mm_sub_epi8(_mm_or_si128(bytes, _mm_set1_epi8(0x20)), _mm_set1_epi8('a'));
-    const __m128i is_digit = at_most(digit, 9);
-    const __m128i is_letter = at_most(letter, 5);
-    const unsigned good = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(is_digit, is_letter)));
-    const unsigned count = static_cast<unsigned>(std::countr_one(good));
-    const __m128i nibbles =
-        _mm_or_si128(_mm_and_si128(is_digit, digit),
-                     _mm_and_si128(is_letter, _mm_add_epi8(letter, _mm_set1_epi8(10))));
-    // Two nibbles to a byte, eight bytes to a word, of which the first byte counts most.
-    const __m128i pairs = _mm_and_si128(_mm_or_si128(_mm_slli_epi16(nibbles, 4), _mm_srli_epi16(nibbles, 8)),
-                                        _mm_set1_epi16(0xff));
-    const uint64 packed = static_cast<uint64>(_mm_cvtsi128_si64(_mm_packus_epi16(pairs, pairs)));
-    const uint64 all = __builtin_bswap64(packed);
-    return {count == 0 ? 0 : all >> (64 - 4 * count), count};
-}
-
-#else
-
-digits_16 read_digits_16(const char* at) noexcept {
-    digits_16 digits{0, 0};
-    for (; digits.count < 16 && is_digit_16(at[digits.count]); ++digits.count) {
-        const char c = at[digits.count];
-        digits.value = digits.value << 4 | static_cast<uint64>(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10);
-    }
-    return digits;
 }
 
 #endif
@@ -136,9 +87,9 @@ std::string_view log_fields::next_word(std::string_view& rest) noexcept {
 uint64 log_fields::hexadecimal(std::string_view word) noexcept {
     // The usual form, by hand: the C library takes ten times as long.
     const char* at = word.data();
-    if (word.size() > 2 && at[0] == '0' && (at[1] == 'x' || at[1] == 'X') && is_digit_16(at[2]))
+    if (word.size() > 2 && at[0] == '0' && (at[1] == 'x' || at[1] == 'X') && is_hexadecimal_digit(at[2]))
         at += 2;
-    const digits_16 digits = read_digits_16(at);
+    const hexadecimal_digits digits = read_hexadecimal_digits(at);
     // Signs and what may be too large a number are left to the C library.
     if (digits.count == 0 || digits.count == 16)
         return std::strtoull(word.data(), nullptr, 16);

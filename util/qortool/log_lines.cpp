@@ -1,5 +1,6 @@
 #include "log_lines.h"
 
+#include "hexadecimal_digits.h"
 #include "log_fields.h"
 
 #include <bit>
@@ -53,6 +54,16 @@ std::string_view between(const char* begin, const char* end) noexcept {
     return {begin, static_cast<std::size_t>(end - begin)};
 }
 
+// "0x" and digits. More than 16 are not all taken, so that what follows is no end.
+bool take_number(const char*& at, uint64& value) noexcept {
+    if (at[0] != '0' || at[1] != 'x')
+        return false;
+    const hexadecimal_digits digits = read_hexadecimal_digits(at + 2);
+    value = digits.value;
+    at += 2 + digits.count;
+    return digits.count != 0;
+}
+
 bool is_alloc_code(char code) noexcept { return code == '+' || code == '>'; }
 bool is_release_code(char code) noexcept { return code == '-' || code == '<'; }
 
@@ -69,28 +80,19 @@ bool log_lines::take_usual(const char*& next, mtrace_line& out) {
     out.is_alloc = is_alloc_code(*code);
     if (!out.is_alloc && !is_release_code(*code))
         return false;
-    const char* const address = code + 2;
-    uint64 rest = gaps(address);
-    const unsigned address_length = static_cast<unsigned>(std::countr_zero(rest));
-    if (address_length == 0 || address_length > 32)
+    const char* at = code + 2;
+    if (!take_number(at, out.address))
         return false;
-    const char* end = address + address_length;
-    out.size = 0;
-    if (*end == ' ') {
-        rest &= rest - 1;
-        const char* const size = end + 1;
-        end = address + std::countr_zero(rest | uint64{1} << 63);
-        if (size == end)
-            return false;
-        out.size = static_cast<uint32>(log_fields::unsigned_number(between(size, end)));
-    }
-    if (*end != '\n')
+    uint64 size = 0;
+    if (*at == ' ' && !take_number(++at, size))
+        return false;
+    if (*at != '\n')
         return false;
     out.caller = between(caller, code - 1);
     out.code = {code, 1};
-    out.address = log_fields::hexadecimal(between(address, address + address_length));
+    out.size = static_cast<uint32>(size);
     out.is_code_known = true;
-    next = end + 1;
+    next = at + 1;
     return true;
 }
 

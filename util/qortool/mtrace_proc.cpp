@@ -1,26 +1,14 @@
 #include "mtrace_proc.h"
 
+#include "report_text.h"
+
 #include <algorithm>
-#include <charconv>
-#include <string>
 #include <utility>
 #include <vector>
 
-namespace {
-
-constexpr std::size_t report_piece = 64 * 1024;
-
-template <class NUMBER>
-void append(std::string& line, NUMBER number, int base = 10) {
-    char digits[24];
-    line.append(digits, std::to_chars(digits, digits + sizeof digits, number, base).ptr);
-}
-
-} // namespace
-
-mtrace_proc::mtrace_proc()
+mtrace_proc::mtrace_proc(std::FILE* out, std::FILE* err)
     : qorRefObject("qorcore.qortool.mtrace_proc"), m_debug_code(qorDebugAllocateCode("qortool.mtrace")),
-      m_mtrace_file(m_debug_code, "mtrace line: [%.*s]"), m_memcheck_file(m_debug_code, nullptr) {}
+      m_mtrace_file(m_debug_code, "mtrace line: [%.*s]"), m_memcheck_file(m_debug_code, nullptr), m_streams(out, err) {}
 
 bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "Execute_MTRACE");
@@ -41,7 +29,7 @@ bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
     uint32 count = 0;
     while (read_mtrace(rec)) {
         if (++count % 20 == 0)
-            fixed_fprintf(m_streams.err(), "%u\r", count);
+            m_streams.progress(count);
         if (rec.is_alloc)
             mtrace_allocation(rec);
         else if (!m_table.release(rec.address))
@@ -170,7 +158,7 @@ bool mtrace_proc::Execute_MEMCHECK(qorStringArray& args) {
     uint32 count = 0;
     while (read_memcheck_line(rec)) {
         if (++count % 100 == 0)
-            fixed_fprintf(m_streams.err(), "%u\r", count);
+            m_streams.progress(count);
         memcheck_record(rec);
     }
     fixed_fprintf(m_streams.err(), "\n");
@@ -207,29 +195,20 @@ void mtrace_proc::report_leaks() {
     fixed_fprintf(m_streams.err(), "Scanning data...\n");
     uint32 count = 0;
     uint64 total = 0;
-    // Put together by hand: there may be millions of these, and printf takes ten times as long.
-    std::string text;
-    const auto write_out = [&] {
-        std::fwrite(text.data(), 1, text.size(), m_streams.out());
-        text.clear();
-    };
-    m_table.walk([&](uint64 address, uint32 size, uint32 origin) {
-        const origin_table::origin& from = m_origins.get(origin);
-        append(text.append("LEAK at 0x"), address, 16);
-        append(text.append(" size "), size);
-        append(text.append(" type "), uint32{from.type});
-        text.append(" caller [").append(m_origins.printed(from.caller));
-        text.append("] type_name [").append(m_origins.printed(from.type_name));
-        text.append("] file [").append(m_origins.printed(from.file));
-        append(text.append("] line "), from.line);
-        text += '\n';
-        if (text.size() > report_piece)
-            write_out();
-        ++count;
-        total += size;
-    });
-    if (!text.empty())
-        write_out();
+    {
+        report_text text(m_streams);
+        m_table.walk([&](uint64 address, uint32 size, uint32 origin) {
+            const origin_table::origin& from = m_origins.get(origin);
+            text.add("LEAK at 0x").add_number(address, 16).add(" size ").add_number(size);
+            text.add(" type ").add_number(uint32{from.type});
+            text.add(" caller [").add(m_origins.printed(from.caller));
+            text.add("] type_name [").add(m_origins.printed(from.type_name));
+            text.add("] file [").add(m_origins.printed(from.file));
+            text.add("] line ").add_number(from.line).add("\n");
+            ++count;
+            total += size;
+        });
+    }
     if (count != 0)
         fixed_fprintf(m_streams.out(), "Leaked %u objects totalling %llu bytes\n", count, total);
     else

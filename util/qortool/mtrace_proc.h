@@ -10,12 +10,12 @@
 #include "qor/qor.h"
 #include "report_streams.h"
 
-#include <string_view>
+#include <cstdio>
 
 // Carries the head of every bucket (8 MiB), so it always lives on the heap. One object serves one replay.
 class mtrace_proc : public qorRefObject {
 public:
-    mtrace_proc();
+    explicit mtrace_proc(std::FILE* out = stdout, std::FILE* err = stderr);
 
     // One or two words: the mtrace log and the log to join. False: the last error says why.
     bool Execute_MTRACE(qorStringArray& args);

@@ -37,6 +37,8 @@ public:
         put({hash, number});
     }
 
+    void prefetch(uint32 hash) const noexcept { __builtin_prefetch(&m_cells[hash & mask()]); }
+
     // What was put behind the cell moves up, so that no gap cuts it off.
     void remove(cell* found) noexcept;
 

@@ -8,7 +8,8 @@
 
 class report_streams {
 public:
-    report_streams();
+    // The standard streams, unless a test wants to see for itself.
+    explicit report_streams(std::FILE* out = stdout, std::FILE* err = stderr);
     report_streams(const report_streams&) = delete;
     report_streams& operator=(const report_streams&) = delete;
     ~report_streams();
@@ -19,11 +20,16 @@ public:
     // Progress and warnings go here. What a person watches is never older than `patience`.
     std::FILE* err();
 
+    // A number that the next one overwrites.
+    void progress(unsigned count);
+
 private:
     static constexpr auto patience = std::chrono::milliseconds(100);
 
     void switch_to(std::FILE* stream);
 
+    std::FILE* m_out;
+    std::FILE* m_err;
     bool m_one_place;
     std::FILE* m_last = nullptr;
     std::chrono::steady_clock::time_point m_flushed;

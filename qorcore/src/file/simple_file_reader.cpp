@@ -73,7 +73,9 @@ private:
             if (m_end == m_size)
                 enlarge();
             std::size_t count = 0;
-            if (const int reason = m_file.read(m_block + m_end, m_size - m_end, &count))
+            // A huge line leaves a huge block behind; what comes next still goes through the cache.
+            const std::size_t wanted = std::min(m_size - m_end, block_size);
+            if (const int reason = m_file.read(m_block + m_end, wanted, &count))
                 qor::error::set_with_reason(qorError_cannot_read_file, m_path.c_str(), reason);
             m_ended_by_us = count == 0;
             if (m_ended_by_us) {

@@ -1,0 +1,48 @@
+// For the targets of both grammars: a run of lines through the analyser's parser and through the plain one.
+#pragma once
+
+#include "log_fields.h"
+#include "log_lines.h"
+#include "plain_log.h"
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace log_run {
+
+inline void require(bool agreed) {
+    if (!agreed)
+        std::abort();
+}
+
+// Every line of the text the way the analyser takes it and, once more, by the general parser alone. `same(a, b)`
+// compares the fields of two records.
+template <class LINE, class PLAIN, class SAME>
+void compare(const std::string& text, SAME same) {
+    // As ReadLines hands it out, of just its size.
+    const std::string ended = text.empty() || text.back() == '\n' ? text : text + '\n';
+    std::vector<char> run(ended.begin(), ended.end());
+    run.resize(run.size() + qorReadLinesPadding);
+    const char* next = run.data();
+    const char* const end = next + ended.size();
+    for (const std::string& plain_line : plain_log::lines(text)) {
+        PLAIN expected;
+        const auto expected_kind = static_cast<int>(plain_log::parse(plain_line, expected));
+        const bool is_record = expected_kind == static_cast<int>(plain_log::kind::record);
+        LINE usual;
+        const char* behind = next;
+        const bool taken = log_lines::take_usual(behind, usual);
+        std::string_view line;
+        require(log_fields::next_line(next, end, line) && line == plain_line);
+        if (taken)
+            require(behind == next && is_record && same(usual, expected));
+        LINE any;
+        require(static_cast<int>(log_lines::parse(line, any)) == expected_kind);
+        if (is_record)
+            require(same(any, expected));
+    }
+    require(next == end);
+}
+
+} // namespace log_run

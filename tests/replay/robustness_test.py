@@ -1,0 +1,248 @@
+#!/usr/bin/env python3
+"""Logs that come through pipes, that somebody still writes, that are cut off, huge, or no logs at all.
+
+    robustness_test.py --tool PATH [--instrumented] [--full]
+
+What is expected comes from the plain replay beside this file, or is so simple that it stands here. Memory is
+limited too, unless the tool is instrumented. --full takes the sizes that a machine at rest can bear.
+"""
+
+import argparse
+import os
+import random
+import re
+import resource
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+from pathlib import Path
+
+import replay
+
+sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
+import tool as under_test  # noqa: E402  # beside this folder
+
+MIB = 1 << 20
+LOG = b"".join(
+    b"@ /usr/bin/app:[0x%x] + 0x%x 0x%x\n" % (0x4000 + i % 7, 0x55550000 + i * 48, i)
+    + (b"@ /usr/bin/app:[0x1] - 0x%x\n" % (0x55550000 + i * 24) if i % 2 == 0 else b"")
+    for i in range(40_000)
+)
+LEAK = re.compile(rb"LEAK at 0x([0-9a-f]+) ")
+
+
+class Run:
+    """One run of the tool; `feed(stream)` writes its standard input, if it is given. The run fails where it wants
+    more memory than `limit`, of addresses, which is more than it ever fills."""
+
+    def __init__(self, words, feed=None, limit=256 * MIB):
+        def bound():
+            if not options.instrumented:
+                resource.setrlimit(resource.RLIMIT_AS, (limit, limit))
+
+        with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
+            process = subprocess.Popen(
+                [*tool.command, "--quiet", *words], stdin=subprocess.PIPE, stdout=out, stderr=err,
+                env=tool.environment(), preexec_fn=bound,
+            )
+            if feed is not None:
+                feed(process.stdin)
+            process.stdin.close()
+            self.code = process.wait()
+            out.seek(0)
+            err.seek(0)
+            self.out = out.read()
+            self.err = err.read()
+
+
+class Robustness(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+        self.log = self.folder / "log"
+
+    def require_output(self, run, expected):
+        self.assertEqual(run.code, 0)
+        self.assertTrue(run.out == expected[0], "standard output differs")
+        self.assertTrue(run.err == expected[1], "standard error differs")
+
+    def expected(self, data, action="mtrace"):
+        self.log.write_bytes(data)
+        return replay.replay(action, self.log)
+
+    def write_in_pieces(self, stream, data):
+        chooser = random.Random(1)
+        at = 0
+        while at < len(data):
+            size = chooser.choice([1, 2, 50, 4096, 65536, 300_000])
+            stream.write(data[at : at + size])
+            stream.flush()
+            at += size
+
+    def test_standard_input_by_name(self):
+        run = Run(["mtrace", "/dev/stdin"], lambda stream: self.write_in_pieces(stream, LOG))
+        self.require_output(run, self.expected(LOG))
+
+    def test_fifo(self):
+        fifo = self.folder / "fifo"
+        os.mkfifo(fifo)
+
+        def write():
+            with open(fifo, "wb") as stream:
+                self.write_in_pieces(stream, LOG)
+
+        writer = threading.Thread(target=write)
+        writer.start()
+        run = Run(["mtrace", fifo])
+        writer.join()
+        self.require_output(run, self.expected(LOG))
+
+    def test_join_of_two_pipes(self):
+        memcheck = b"".join(b"A %x %d 0 src/a %d\n" % (0x55550000 + i * 48, i, i) for i in range(40_000))
+        expected_log, joined = self.folder / "expected", self.folder / "joined"
+        expected_log.write_bytes(LOG)
+        joined.write_bytes(memcheck)
+        fifo = self.folder / "fifo"
+        os.mkfifo(fifo)
+
+        def write():
+            with open(fifo, "wb") as stream:
+                self.write_in_pieces(stream, memcheck)
+
+        writer = threading.Thread(target=write)
+        writer.start()
+        # Nobody reads to the end of either pipe before the other has come: each is written by a thread of its own.
+        run = Run(["mtrace", "/dev/stdin", fifo], lambda stream: self.write_in_pieces(stream, LOG))
+        writer.join()
+        self.require_output(run, replay.replay("mtrace", expected_log, joined))
+
+    def test_a_log_that_is_still_written(self):
+        """What was there at the start is replayed, and what came later as far as it was seen, line by line."""
+        before, after = 20_000, 200_000
+        line = b"@ a + 0x%x 1\n"
+        self.log.write_bytes(b"".join(line % (0x1000 + i * 16) for i in range(before)))
+
+        def write():
+            with open(self.log, "ab", buffering=0) as stream:
+                for i in range(before, after):
+                    stream.write(line % (0x1000 + i * 16))
+
+        writer = threading.Thread(target=write)
+        writer.start()
+        run = Run(["mtrace", self.log], limit=64 * MIB)
+        writer.join()
+        self.assertEqual(run.code, 0)
+        leaks = [int(address, 16) for address in LEAK.findall(run.out)]
+        self.assertGreaterEqual(len(leaks), before)
+        # The order of the table is that of the addresses here. The last line may have been seen in part.
+        self.assertEqual(leaks[:before], [0x1000 + i * 16 for i in range(before)])
+
+    def test_truncated_logs(self):
+        for action, data in (("mtrace", b"@ p:[0x45a4] + 0x1b3c0 0x20\n@ p:[0x45a4] - 0x1b3c0\n"),
+                             ("memcheck", b"A 1f3a0 48 0 src/foo 120\nT 1f3a0 Widget\n")):
+            for size in range(len(data) + 1):
+                with self.subTest(action=action, size=size):
+                    self.require_output_of(action, data[:size])
+
+    def require_output_of(self, action, data):
+        expected = self.expected(data, action)
+        self.require_output(Run([action, self.log]), expected)
+
+    def test_binary_garbage(self):
+        chooser = random.Random(7)
+        garbage = chooser.randbytes(1 << 20)
+        # The same with the letters of both grammars in it, and with line ends but no blank.
+        letters = bytes(chooser.choice(b"@AFTE#+-<> 0x1f\n\n\r\t\0\xff") for _ in range(1 << 19))
+        for action in ("mtrace", "memcheck"):
+            for data in (garbage, letters, garbage.replace(b" ", b"\n@ "), b"\n" * (1 << 18), b"\0" * (1 << 20)):
+                self.require_output_of(action, data)
+
+    def test_huge_lines(self):
+        size = 100_000_000 if options.full else 10_000_000
+        huge = b"x" * size
+        rest = b"\n@ app + 0x10 0x20\n@ app - 0x10\n@ app + 0x30 4"
+        leak = b"LEAK at 0x30 size 4 type 0 caller [app] type_name [] file [] line 0\n"
+        one, two = b"Leaked 1 objects totalling 4 bytes\nDone\n", b"Leaked 2 objects totalling 12 bytes\nDone\n"
+        another = b"LEAK at 0x70 size 8 type 0 caller [%s] type_name [] file [] line 0\n"
+        for line, out in (
+            (huge, leak + one),
+            (b"@ " + huge, leak + one),
+            (b"@ %s - 0x20" % huge, b"BAD FREE at 0x20 (not allocated)\n" + leak + one),
+            (b"@ %s + 0x70 8" % huge, another % huge + leak + two),
+            (b"@ b + 0x70 8 %s" % huge, another % b"b" + leak + two),
+            (b"@ b + 0x70" + b" " * size + b"8", another % b"b" + leak + two),
+            (b"@ b + 0x" + b"0" * size + b"70 8", another % b"b" + leak + two),
+        ):
+            with self.subTest(line=line[:20]):
+                # The line, read and kept, with room to grow.
+                limit = 64 * MIB + 6 * size
+                run = Run(["mtrace", "/dev/stdin"], lambda stream: (stream.write(line), stream.write(rest)), limit)
+                self.assertEqual(run.code, 0)
+                self.assertTrue(run.out == out)
+
+    def test_distinct_callers(self):
+        """What is remembered of callers follows the live blocks, not the length of the log."""
+        count = 10_000_000 if options.full else 1_000_000 if not options.instrumented else 200_000
+
+        def feed(stream):
+            for begin in range(0, count, 10_000):
+                stream.write(
+                    b"".join(
+                        b"@ /usr/lib/x86_64-linux-gnu/libapp.so.1:[0x%08x] + 0x1000 0x40\n@ a - 0x1000\n" % i
+                        for i in range(begin, begin + 10_000)
+                    )
+                )
+            stream.write(b"@ last + 0x1000 0x40\n")
+
+        run = Run(["mtrace", "/dev/stdin"], feed, 64 * MIB)
+        self.assertEqual(run.code, 0)
+        self.assertEqual(
+            run.out,
+            b"LEAK at 0x1000 size 64 type 0 caller [last] type_name [] file [] line 0\n"
+            b"Leaked 1 objects totalling 64 bytes\nDone\n",
+        )
+
+    def test_distinct_files_and_types(self):
+        """The same where all the records of the allocation log belong to one allocation, or to huge blocks."""
+        count = 400_000 if not options.instrumented else 100_000
+        huge = b"".join(b"A 2000 1 3 /a/long/path/of/a/file/%08d.cpp 1\nF 2000 3\n" % i for i in range(count))
+        own = b"".join(b"T 1000 app::module::Type%08d\nA 1000 8 0 /a/long/path/%08d.cpp 7\n" % (i, i) for i in range(count))
+        self.log.write_bytes(b"@ app + 0x1000 8\n")
+        for memcheck in (huge + own, own + huge):
+            run = Run(["mtrace", self.log, "/dev/stdin"], lambda stream: stream.write(memcheck), 64 * MIB)
+            self.assertEqual(run.code, 0)
+            self.assertEqual(
+                run.out,
+                b"LEAK at 0x1000 size 8 type 0 caller [app] type_name [app::module::Type%08d]"
+                b" file [/a/long/path/%08d.cpp] line 7\nLeaked 1 objects totalling 8 bytes\nDone\n"
+                % (count - 1, count - 1),
+            )
+    
+    def test_live_blocks_keep_their_callers(self):
+        """Callers that are given up in between leave those of live blocks and of waiting records alone."""
+        count = 300_000
+        mtrace = self.folder / "mtrace"
+        memcheck = self.folder / "memcheck"
+        with open(mtrace, "wb") as stream:
+            for i in range(count):
+                stream.write(b"@ caller/with/a/long/name/%08d + 0x%x 1\n" % (i, 0x1000 + i % 977 * 64))
+                if i % 977 > 500 and i > 977:
+                    stream.write(b"@ x - 0x%x\n" % (0x1000 + i % 977 * 64))
+        waiting = b"".join(b"A %x 7 0 waiting/%d 3\nT %x Waiting%d\n" % (i << 40, i, i << 40, i) for i in range(1, 400))
+        own = b"".join(b"A %x 9 0 own/file%d %d\n" % (0x1000 + i % 977 * 64, i, i) for i in range(20_000))
+        memcheck.write_bytes(waiting + own)
+        expected = replay.replay("mtrace", mtrace, memcheck)
+        self.require_output(Run(["mtrace", mtrace, memcheck]), expected)
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser(description="Replays logs of every unpleasant kind.")
+    under_test.add_options(parser)
+    parser.add_argument("--instrumented", action="store_true", help="the tool has a sanitizer in it")
+    parser.add_argument("--full", action="store_true", help="sizes for a machine at rest")
+    options = parser.parse_args()
+    tool = under_test.Tool(options.tool, options.runner)
+    unittest.main(argv=[sys.argv[0], "-v"])

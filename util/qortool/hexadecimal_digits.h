@@ -1,0 +1,62 @@
+// Reading hexadecimal digits, which is most of what a heap log is made of.
+#pragma once
+
+#include "qor/system/File.h"
+
+#include <bit>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+inline bool is_hexadecimal_digit(char c) noexcept {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+// The number that up to 16 digits make, and how many they are.
+struct hexadecimal_digits {
+    uint64 value;
+    unsigned count;
+};
+
+// Looks at 16 bytes, whatever stands there.
+inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept;
+
+#if defined(__SSE2__)
+
+// All sixteen bytes at once, whatever they are: numbers of all lengths cost the same, and no branch is guessed wrong.
+inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept {
+    static_assert(qorReadLinesPadding >= sizeof(__m128i));
+    const auto at_most = [](__m128i bytes, char limit) {
+        return _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(limit)), bytes);
+    };
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+    const __m128i digit = _mm_sub_epi8(bytes, _mm_set1_epi8('0'));
+    const __m128i letter = _mm_sub_epi8(_mm_or_si128(bytes, _mm_set1_epi8(0x20)), _mm_set1_epi8('a'));
+    const __m128i is_digit = at_most(digit, 9);
+    const __m128i is_letter = at_most(letter, 5);
+    const unsigned good = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(is_digit, is_letter)));
+    const unsigned count = static_cast<unsigned>(std::countr_one(good));
+    const __m128i nibbles =
+        _mm_or_si128(_mm_and_si128(is_digit, digit),
+                     _mm_and_si128(is_letter, _mm_add_epi8(letter, _mm_set1_epi8(10))));
+    // Two nibbles to a byte, eight bytes to a word, of which the first byte counts most.
+    const __m128i pairs = _mm_and_si128(_mm_or_si128(_mm_slli_epi16(nibbles, 4), _mm_srli_epi16(nibbles, 8)),
+                                        _mm_set1_epi16(0xff));
+    const uint64 packed = static_cast<uint64>(_mm_cvtsi128_si64(_mm_packus_epi16(pairs, pairs)));
+    const uint64 all = __builtin_bswap64(packed);
+    return {count == 0 ? 0 : all >> (64 - 4 * count), count};
+}
+
+#else
+
+inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept {
+    hexadecimal_digits digits{0, 0};
+    for (; digits.count < 16 && is_hexadecimal_digit(at[digits.count]); ++digits.count) {
+        const char c = at[digits.count];
+        digits.value = digits.value << 4 | static_cast<uint64>(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10);
+    }
+    return digits;
+}
+
+#endif
