@@ -32,11 +32,16 @@ public:
     // like any other, no signals.
     int write(const void* bytes, std::size_t size) noexcept;
 
+    // Opens the file at `path` again, to append to it, if the host has closed what it did not open, or made another file
+    // of it. 0, or why that cannot be done.
+    int recover(const char* path) noexcept;
+
     // Ends a file that is written here after its first `size` bytes. What has no size stays as it is.
     void cut(std::uint64_t size) noexcept;
 
 private:
-    std::intptr_t m_handle = -1; // the system's
+    std::intptr_t m_handle = -1;         // the system's
+    std::uint64_t m_identity[2] = {0, 0}; // where hosts close handles by their numbers: what it stood for at first
 };
 
 } // namespace qor::file

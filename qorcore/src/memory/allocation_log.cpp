@@ -130,7 +130,10 @@ void qor::memory::allocation_log::end_line() {
 
 void qor::memory::allocation_log::flush() {
     if (is_open() && m_whole != 0) {
-        if (const int reason = m_file.write(m_buffer.data(), m_whole))
+        int reason = m_file.recover(m_path.c_str());
+        if (reason == 0)
+            reason = m_file.write(m_buffer.data(), m_whole);
+        if (reason != 0)
             give_up(reason);
         else
             m_written += m_whole;
