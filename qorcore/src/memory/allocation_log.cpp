@@ -30,8 +30,8 @@ int qor::memory::allocation_log::open(const std::string& name, const live_blocks
     return 0;
 }
 
-// A name that holds the process never takes the place of another file: processes are numbered again after a while, and
-// one process may run several programs.
+// A name that holds the process never takes the place of another file: processes are numbered again after a
+// while, and one process may run several programs.
 int qor::memory::allocation_log::open_file() {
     using access = file::raw_file::access;
     m_buffer.clear();
@@ -66,7 +66,8 @@ void qor::memory::allocation_log::allocated(const live_block& block) {
         add(" ");
         add_word(block.file);
         add(block.line < 0 ? " -" : " ");
-        add_number(block.line < 0 ? 0u - static_cast<unsigned>(block.line) : static_cast<unsigned>(block.line), 10);
+        add_number(
+            block.line < 0 ? 0u - static_cast<unsigned>(block.line) : static_cast<unsigned>(block.line), 10);
     }
     end_line();
 }
