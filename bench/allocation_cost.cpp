@@ -2,8 +2,8 @@
 //
 //     allocation_cost malloc|framework COUNT [framework options]
 //
-// Blocks have the sizes of everyday objects and live for a while; those of the framework go through the bound table, as
-// every client's do.
+// Blocks have the sizes of everyday objects and live for a while; those of the framework go through the bound
+// table, as every client's do.
 #include "qor/qor.h"
 
 #include <cstdio>
@@ -48,10 +48,11 @@ int main(int argc, char** argv) {
     const unsigned long count = std::strtoul(args[1], nullptr, 10);
     const bool plain = std::strcmp(args[0], "malloc") == 0;
     for (const unsigned long rounds : {count / 10, count}) // the first warms up
-        std::printf("%.2f\n", plain ? nanoseconds(rounds, std::malloc, std::free)
-                                    : nanoseconds(
-                                          rounds, [](uint64 size) { return qor_do_malloc(0, size, true, source, 1); },
-                                          [](void* block) { qor_do_free(block, source, 2); }));
+        std::printf("%.2f\n",
+                    plain ? nanoseconds(rounds, std::malloc, std::free)
+                          : nanoseconds(
+                                rounds, [](uint64 size) { return qor_do_malloc(0, size, true, source, 1); },
+                                [](void* block) { qor_do_free(block, source, 2); }));
     qorCleanup();
     return 0;
 }

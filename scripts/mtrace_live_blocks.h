@@ -1,8 +1,8 @@
-/* For mtrace_preload.c: what a forked child inherits. Its log begins with the lines of its parent's whose blocks were
-   alive when it was forked, so that no release of one of them is a bad one. */
+/* For mtrace_preload.c: what a forked child inherits. Its log begins with the lines of its parent's whose
+   blocks were alive when it was forked, so that no release of one of them is a bad one. */
 
-/* Lines of the parent's log, found by the address in them: a power of two of slots, at most half of them in use. A line
-   whose block was released stays there, to keep the way to the others, and is marked. */
+/* Lines of the parent's log, found by the address in them: a power of two of slots, at most half of them in
+   use. A line whose block was released stays there, to keep the way to the others, and is marked. */
 struct inherited_line {
     unsigned long address; /* 0: a free slot */
     const char* text;      /* null: released */
@@ -18,7 +18,8 @@ struct inherited_lines {
 static struct inherited_line* slot_for(const struct inherited_lines* lines, unsigned long address) {
     size_t at = address * 0x9e3779b97f4a7c15u >> 20;
     struct inherited_line* slot;
-    while (slot = &lines->slots[at++ & (lines->capacity - 1)], slot->address != 0 && slot->address != address) {
+    while (slot = &lines->slots[at++ & (lines->capacity - 1)],
+           slot->address != 0 && slot->address != address) {
     }
     return slot;
 }
@@ -27,7 +28,8 @@ static bool grow(struct inherited_lines* lines) {
     if (2 * (lines->used + 1) <= lines->capacity)
         return true;
     struct inherited_lines more = {.capacity = lines->capacity ? 2 * lines->capacity : 4096};
-    more.slots = mmap(NULL, more.capacity * sizeof *more.slots, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    more.slots = mmap(NULL, more.capacity * sizeof *more.slots, PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (more.slots == MAP_FAILED)
         return false;
     for (size_t i = 0; i < lines->capacity; ++i)
@@ -75,7 +77,8 @@ static void copy_live_blocks(const char* parent, off_t size) {
     }
     struct inherited_lines lines = {0};
     bool fits = true;
-    for (const char *at = text, *end; fits && (end = memchr(at, '\n', (size_t)(text + size - at))); at = end + 1)
+    for (const char *at = text, *end; fits && (end = memchr(at, '\n', (size_t)(text + size - at)));
+         at = end + 1)
         fits = read_line(&lines, at, end);
     if (!fits)
         end_log(ENOMEM);

@@ -1,17 +1,18 @@
-/* Preloaded by scripts/record into the program to be recorded, before libc_malloc_debug.so.0, whose mtrace() writes
-   the log. This file gives mtrace() a stream of its own making, so that
+/* Preloaded by scripts/record into the program to be recorded, before libc_malloc_debug.so.0, whose mtrace()
+   writes the log. This file gives mtrace() a stream of its own making, so that
 
-   - each line reaches the file whole and at once, for a part of the file is mapped, and what is written there outlives
-     the process: nothing waits in memory that a signal, an abort or _exit would lose or a fork would double, and no line
-     costs a call of the system;
+   - each line reaches the file whole and at once, for a part of the file is mapped, and what is written there
+   outlives the process: nothing waits in memory that a signal, an abort or _exit would lose or a fork would
+   double, and no line costs a call of the system;
    - the log survives a program that closes descriptors it does not know;
-   - a forked child goes on in a file of its own, PREFIX.mtrace.<pid>, which begins with the blocks that it inherited;
+   - a forked child goes on in a file of its own, PREFIX.mtrace.<pid>, which begins with the blocks that it
+   inherited;
    - a blank in the name of a caller is "_": a blank ends a word of the log;
    - a disk that is full ends the log after a whole line, with one message, and not the program.
 
-   Environment: MALLOC_TRACE names the log, QOR_RECORD_MEMCHECK the framework's. QOR_RECORD_PID is the process to record;
-   a program that it executes in its own place starts the logs anew, so that a launcher script may be recorded.
-   QOR_RECORD_PRELOAD is what LD_PRELOAD was before, for the processes that are not recorded.
+   Environment: MALLOC_TRACE names the log, QOR_RECORD_MEMCHECK the framework's. QOR_RECORD_PID is the process
+   to record; a program that it executes in its own place starts the logs anew, so that a launcher script may
+   be recorded. QOR_RECORD_PRELOAD is what LD_PRELOAD was before, for the processes that are not recorded.
 
    Nothing here may allocate: it runs inside malloc. */
 
@@ -52,7 +53,8 @@ struct place { /* what a descriptor stands for */
     ino_t file;
 };
 
-static char first_path[LONGEST_PATH]; /* of the process that was told to record; its children's begin with it */
+static char
+    first_path[LONGEST_PATH]; /* of the process that was told to record; its children's begin with it */
 static char path[LONGEST_PATH];
 static FILE* stream;
 static char stream_buffer[LONGEST_LINE];
@@ -60,8 +62,8 @@ static char line[LONGEST_LINE]; /* what there is of the line that is being made 
 static size_t line_length;
 static bool has_ended;
 
-/* The process that writes the log, and a page that a fork clears: the first line of a child makes its file, and one that
-   only executes a program leaves none. */
+/* The process that writes the log, and a page that a fork clears: the first line of a child makes its file,
+   and one that only executes a program leaves none. */
 static pid_t writer;
 static bool* is_writer;
 
@@ -105,9 +107,7 @@ static bool open_log(int flags) {
 }
 
 /* The log again, if the program has closed its descriptor or made it another file's. */
-static bool find_log(void) {
-    return is_at(descriptor, &log_place) || open_log(0);
-}
+static bool find_log(void) { return is_at(descriptor, &log_place) || open_log(0); }
 
 static void close_window(void) {
     if (window)
@@ -164,8 +164,8 @@ static void write_out(const char* text, size_t size) {
     written += (off_t)size;
 }
 
-/* Where the code is in "@ CALLER CODE ADDRESS[ SIZE]", or null; `end` is that of the line. The caller may hold blanks, so
-   the words are counted from the end. */
+/* Where the code is in "@ CALLER CODE ADDRESS[ SIZE]", or null; `end` is that of the line. The caller may
+   hold blanks, so the words are counted from the end. */
 static const char* find_code(const char* begin, const char* end) {
     if (*begin != '@')
         return NULL;
@@ -202,8 +202,8 @@ static void begin_log_of_child(void) {
         copy_live_blocks(parent, inherited);
 }
 
-/* The main program is called what its argv[0] says now, and servers write there what they are doing. A blank in a name
-   would part it in two words. */
+/* The main program is called what its argv[0] says now, and servers write there what they are doing. A blank
+   in a name would part it in two words. */
 static void join_caller(void) {
     const char* code = find_code(line, line + line_length - 1);
     for (char* at = line + 2; code && at < code - 1; ++at)
@@ -253,8 +253,8 @@ static void after_fork_in_child(void) {
     line_length = 0;
 }
 
-/* Takes the empty lines away. Other threads may be writing theirs, or may hold the stream for ever: it waits, but not for
-   long. */
+/* Takes the empty lines away. Other threads may be writing theirs, or may hold the stream for ever: it waits,
+   but not for long. */
 static void finish_log(void) {
     if (!stream || writer != getpid())
         return;
@@ -287,9 +287,7 @@ EXPORT void _exit(int status) {
     __builtin_unreachable();
 }
 
-EXPORT void _Exit(int status) {
-    _exit(status);
-}
+EXPORT void _Exit(int status) { _exit(status); }
 
 static void stay_out(void) {
     const char* before = getenv("QOR_RECORD_PRELOAD");
@@ -315,7 +313,8 @@ __attribute__((constructor)) static void begin_log(int argc, char** argv, char**
         stay_out();
         return;
     }
-    is_writer = mmap(NULL, (size_t)sysconf(_SC_PAGESIZE), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    is_writer =
+        mmap(NULL, (size_t)sysconf(_SC_PAGESIZE), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (is_writer == MAP_FAILED || madvise(is_writer, (size_t)sysconf(_SC_PAGESIZE), MADV_WIPEONFORK) != 0)
         return;
     *is_writer = true;

@@ -148,6 +148,10 @@ class Programs(Recorded):
         self.assertEqual(self.leaks(report), {71002: 1})
         self.assertNotIn("BAD FREE", report)
 
+    def test_a_folder_that_cannot_be_written(self):
+        done = self.record("true", prefix=("-o", "nowhere/log"))
+        self.assertEqual((done.returncode, done.stderr), (1, "record: nowhere/log: no such folder\n"))
+
     def test_what_cannot_be_recorded(self):
         self.refused("no such program", "./nothing")
         static = self.folder / "static"
@@ -161,12 +165,14 @@ class Programs(Recorded):
         self.refused("is statically linked", script)
         subprocess.run(["cc", "-fsanitize=address", "-o", self.folder / "checked", source], check=True)
         self.refused("is built with a sanitizer", self.folder / "checked")
-        if os.geteuid() == 0:
-            foreign = self.folder / "foreign"
-            shutil.copy("/bin/true", foreign)
-            os.chown(foreign, 65534, -1)
-            foreign.chmod(0o4755)
-            self.refused("is set-user-id", foreign)
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root can give a file away")
+    def test_what_has_the_rights_of_another_cannot_be_recorded(self):
+        foreign = self.folder / "foreign"
+        shutil.copy("/bin/true", foreign)
+        os.chown(foreign, 65534, -1)
+        foreign.chmod(0o4755)
+        self.refused("is set-user-id", foreign)
 
 
 class Troubles(Recorded):

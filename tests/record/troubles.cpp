@@ -1,5 +1,5 @@
-// What a recorded program may do to its recorder. The first word says what; each kind of block has a size of its own, by
-// which the test finds it in the report.
+// What a recorded program may do to its recorder. The first word says what; each kind of block has a size of
+// its own, by which the test finds it in the report.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -17,9 +17,7 @@ constexpr int many = 2000;
 // Keeps the compiler from taking out allocations that nobody uses.
 void* volatile used;
 
-void lose(std::size_t size) {
-    used = std::malloc(size);
-}
+void lose(std::size_t size) { used = std::malloc(size); }
 
 void use(std::size_t size) {
     used = std::malloc(size);

@@ -227,7 +227,32 @@ const scene killed{"log_killed", [](const words& arguments) {
     return std::raise(SIGKILL);
 }};
 
+// As a daemon does; then every number is that of another file.
+const scene closes_everything{"log_closes_everything", [](const words& arguments) {
+    start(arguments[0]);
+    qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
+    if (arguments[1] == "close")
+        close_range(3, ~0u, 0);
+    const int own = open((arguments[0] + ".own").c_str(), O_RDWR | O_CREAT, 0600);
+    for (int i = 3; i < 100; ++i)
+        if (arguments[1] == "reuse" && i != own)
+            dup2(own, i);
+    for (int i = 0; i < 1000; ++i)
+        qor_do_free(qor_do_malloc(0, 20, true, "elsewhere", 2), here, 99);
+    qor_do_free(qor_do_malloc(0, 30, true, here, 3), here, 99);
+    return lseek(own, 0, SEEK_END) == 0 ? 0 : 1;
+}};
+
 } // namespace
+
+TEST_F(posix_allocation_log, goes_on_when_the_host_closes_its_descriptor) {
+    for (const char* const what : {"close", "reuse"}) {
+        const ending ended = play(closes_everything, {m_path, what});
+        EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+        EXPECT_EQ(ended.err, "");
+        EXPECT_EQ(tell(read_file(m_path)).events, (events{"A 1 10 0", "F 1 0", "A 3 30 0", "F 3 0"})) << what;
+    }
+}
 
 TEST_F(posix_allocation_log, little_is_lost_when_the_process_is_killed) {
     EXPECT_EQ(play_scene(killed).code, 128 + SIGKILL);

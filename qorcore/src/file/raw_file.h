@@ -1,5 +1,5 @@
-// Inside the library: unbuffered files, the seam to the operating system. Results are error codes of the system, 0 for
-// success; qor::error::system_reason words them.
+// Inside the library: unbuffered files, the seam to the operating system. Results are error codes of the
+// system, 0 for success; qor::error::system_reason words them.
 #pragma once
 
 #include <cstddef>
@@ -21,8 +21,8 @@ public:
     raw_file& operator=(const raw_file&) = delete;
     ~raw_file() { close(); }
 
-    // A folder cannot be opened. Child processes that run another program do not inherit the file, and it never takes
-    // the place of a closed standard stream.
+    // A folder cannot be opened. Child processes that run another program do not inherit the file, and it
+    // never takes the place of a closed standard stream.
     int open(const char* path, access how) noexcept;
     void close() noexcept;
     bool is_open() const noexcept { return m_handle >= 0; }
@@ -35,15 +35,21 @@ public:
 
     int size(std::uint64_t* bytes) noexcept;
 
-    // All of them, however many calls it takes. A file that may grow no further and a pipe without a reader are errors
-    // like any other, no signals.
+    // All of them, however many calls it takes. A file that may grow no further and a pipe without a reader
+    // are errors like any other, no signals.
     int write(const void* bytes, std::size_t size) noexcept;
+
+    // Opens the file at `path` again, to append to it, if the host has closed what it did not open, or made
+    // another file of it. 0, or why that cannot be done.
+    int recover(const char* path) noexcept;
 
     // Ends a file that is written here after its first `size` bytes. What has no size stays as it is.
     void cut(std::uint64_t size) noexcept;
 
 private:
     std::intptr_t m_handle = -1; // the system's
+    // Where hosts close handles by their numbers: what it stood for at first.
+    std::uint64_t m_identity[2] = {0, 0};
 };
 
 } // namespace qor::file

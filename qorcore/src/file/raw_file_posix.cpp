@@ -33,6 +33,10 @@ int reason_against_positions(const struct stat& status) noexcept {
     return S_ISREG(status.st_mode) ? 0 : qor::file::raw_file::no_positions;
 }
 
+bool is_identity(const struct stat& status, const std::uint64_t (&identity)[2]) noexcept {
+    return status.st_dev == identity[0] && status.st_ino == identity[1];
+}
+
 // While one lives, this thread gets no signal for a write that fails: it would end the host.
 class no_write_signals {
 public:
@@ -96,13 +100,24 @@ int qor::file::raw_file::open(const char* path, access how) noexcept {
         return reason;
     }
     m_handle = handle;
+    m_identity[0] = status.st_dev;
+    m_identity[1] = status.st_ino;
     return 0;
 }
 
+// A descriptor that has become the host's is the host's to close.
 void qor::file::raw_file::close() noexcept {
-    if (m_handle >= 0)
+    struct stat status;
+    if (m_handle >= 0 && fstat(static_cast<int>(m_handle), &status) == 0 && is_identity(status, m_identity))
         ::close(static_cast<int>(m_handle));
     m_handle = -1;
+}
+
+int qor::file::raw_file::recover(const char* path) noexcept {
+    struct stat status;
+    if (fstat(static_cast<int>(m_handle), &status) == 0 && is_identity(status, m_identity))
+        return 0;
+    return open(path, access::append);
 }
 
 int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count) noexcept {

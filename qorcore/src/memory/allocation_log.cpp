@@ -30,8 +30,8 @@ int qor::memory::allocation_log::open(const std::string& name, const live_blocks
     return 0;
 }
 
-// A name that holds the process never takes the place of another file: processes are numbered again after a while, and
-// one process may run several programs.
+// A name that holds the process never takes the place of another file: processes are numbered again after a
+// while, and one process may run several programs.
 int qor::memory::allocation_log::open_file() {
     using access = file::raw_file::access;
     m_buffer.clear();
@@ -66,7 +66,8 @@ void qor::memory::allocation_log::allocated(const live_block& block) {
         add(" ");
         add_word(block.file);
         add(block.line < 0 ? " -" : " ");
-        add_number(block.line < 0 ? 0u - static_cast<unsigned>(block.line) : static_cast<unsigned>(block.line), 10);
+        add_number(
+            block.line < 0 ? 0u - static_cast<unsigned>(block.line) : static_cast<unsigned>(block.line), 10);
     }
     end_line();
 }
@@ -130,7 +131,10 @@ void qor::memory::allocation_log::end_line() {
 
 void qor::memory::allocation_log::flush() {
     if (is_open() && m_whole != 0) {
-        if (const int reason = m_file.write(m_buffer.data(), m_whole))
+        int reason = m_file.recover(m_path.c_str());
+        if (reason == 0)
+            reason = m_file.write(m_buffer.data(), m_whole);
+        if (reason != 0)
             give_up(reason);
         else
             m_written += m_whole;

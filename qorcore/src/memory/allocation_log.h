@@ -16,13 +16,14 @@
 
 namespace qor::memory {
 
-// "%p" in the name of a log stands for the process that writes it. This is the name for the processes that come from
-// one: `name` itself, if each of them makes another file of it.
+// "%p" in the name of a log stands for the process that writes it. This is the name for the processes that
+// come from one: `name` itself, if each of them makes another file of it.
 std::string log_name_for_children(const std::string& name);
 
 class allocation_log {
 public:
-    // About a hundred lines. A larger one would hardly save time: the call costs as much as two or three lines.
+    // About a hundred lines. A larger one would hardly save time: the call costs as much as two or three
+    // lines.
     static constexpr std::size_t buffer_size = 4 * 1024;
 
     // Begins with the blocks that live already. 0, or the system's error code.
@@ -36,7 +37,8 @@ public:
     // Writes what is buffered, and from now on each line at once: the process is about to end.
     void finish();
 
-    // In the child of a fork: the lines in the buffer are the parent's, the child goes on in a file of its own.
+    // In the child of a fork: the lines in the buffer are the parent's, the child goes on in a file of its
+    // own.
     void continue_in_child(const live_blocks& blocks);
 
     // Why the log ended before the process; empty: it did not. Told once, and printed by who holds no lock.
@@ -57,9 +59,9 @@ private:
     std::string m_name; // as it was given, of this process
     std::string m_path;
     std::string m_last_words;
-    std::string m_buffer;         // whole lines, but for the one that is being made
-    std::size_t m_whole = 0;      // how much of it is whole lines
-    std::uint64_t m_written = 0;  // bytes of the file
+    std::string m_buffer;        // whole lines, but for the one that is being made
+    std::size_t m_whole = 0;     // how much of it is whole lines
+    std::uint64_t m_written = 0; // bytes of the file
     bool m_finishing = false;
 };
 

@@ -1,11 +1,11 @@
 // The tracked allocator. With tracking off it is the C library's malloc and one test.
 //
-// Until the process has started it is not known whether a log is wanted, so blocks are remembered; the log then
-// begins with those that still live, and no later free is a bad one. While a log is written, a free of what is
-// not alive is logged and goes no further: the report can show it because the process survives it.
+// Until the process has started it is not known whether a log is wanted, so blocks are remembered; the log
+// then begins with those that still live, and no later free is a bad one. While a log is written, a free of
+// what is not alive is logged and goes no further: the report can show it because the process survives it.
 //
-// A process need not start the framework to use it. So a log that the environment asks for begins with the first block,
-// and who has not started after very many blocks is taken for one that never will.
+// A process need not start the framework to use it. So a log that the environment asks for begins with the
+// first block, and who has not started after very many blocks is taken for one that never will.
 #include "memory/allocator.h"
 
 #include "error/error.h"
@@ -64,8 +64,8 @@ void forget_blocks(shared_state& shared) noexcept {
     shared.blocks.clear();
 }
 
-// Holds the lock. That a log has ended is said when it is free again: who prints may have to wait for a thread that
-// wants it.
+// Holds the lock. That a log has ended is said when it is free again: who prints may have to wait for a
+// thread that wants it.
 class guard {
 public:
     guard() : m_hold(state().lock) {}
@@ -110,7 +110,8 @@ bool note_end(const void* block, block_type type) {
     const qor::memory::live_block* const known = state().blocks.find(block);
     const bool is_huge = type == block_type::huge;
     // Pages and blocks of malloc are not given back in the same way.
-    const bool is_bad = known != nullptr ? is_huge != (known->type == block_type::huge) : !state().has_forgotten;
+    const bool is_bad =
+        known != nullptr ? is_huge != (known->type == block_type::huge) : !state().has_forgotten;
     if (state().log.is_open()) {
         if (known != nullptr || is_bad)
             state().log.freed(block, known != nullptr ? known->type : type);
@@ -124,11 +125,14 @@ bool note_end(const void* block, block_type type) {
 // The C library would give nothing, or take the block away, for a size of 0; here it stays a block.
 std::size_t at_least_a_byte(uint64 size) noexcept { return size != 0 ? size : 1; }
 
-void* change_size(void* block, uint64 size) noexcept { return qor::memory::change_size(block, at_least_a_byte(size)); }
+void* change_size(void* block, uint64 size) noexcept {
+    return qor::memory::change_size(block, at_least_a_byte(size));
+}
 
 void* allocate(uint64 alignment, uint64 size, block_type type, const char* file, int line) noexcept {
-    void* const block = alignment <= alignof(std::max_align_t) ? std::malloc(at_least_a_byte(size))
-                                                               : qor::memory::allocate_aligned(alignment, size);
+    void* const block = alignment <= alignof(std::max_align_t)
+                            ? std::malloc(at_least_a_byte(size))
+                            : qor::memory::allocate_aligned(alignment, size);
     if (block != nullptr && is_tracking()) [[unlikely]] {
         const guard hold;
         note_new(block, size, type, file, line);
@@ -147,12 +151,14 @@ void release(void* block, block_type type) noexcept {
     qor::memory::give_back(block);
 }
 
-// The old block ends before the C library can give its address to somebody else; if it stays, it begins again.
+// The old block ends before the C library can give its address to somebody else; if it stays, it begins
+// again.
 void* reallocate_tracked(void* block, uint64 size, const char* file, int line) {
     guard hold;
     const qor::memory::live_block* const known = state().blocks.find(block);
     const qor::memory::live_block old =
-        known != nullptr ? *known : qor::memory::live_block{block, 0, block_type::memory, file, line, nullptr, 0};
+        known != nullptr ? *known
+                         : qor::memory::live_block{block, 0, block_type::memory, file, line, nullptr, 0};
     if (!note_end(block, block_type::memory)) {
         // Not a live block: the caller gets the memory that it asked for, and the report the bad free.
         hold.unlock();
@@ -184,7 +190,8 @@ int open_log(shared_state& shared, const std::string& name) {
         return reason;
     // The programs that this process starts inherit the variable: they are not to write over its log.
     if (qor::process::environment(qor::memory::log_variable) != nullptr)
-        qor::process::set_environment(qor::memory::log_variable, qor::memory::log_name_for_children(name).c_str());
+        qor::process::set_environment(qor::memory::log_variable,
+                                      qor::memory::log_name_for_children(name).c_str());
     tracking.store(true, std::memory_order_release);
     qor::memory::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child);
     std::atexit([] { finish_log(); });
@@ -278,7 +285,8 @@ void qor::glue::qor_do_huge_free(void* block, const char* file, int line) noexce
     if (size != 0)
         qor::memory::unmap_pages(block, size);
     else if (alive)
-        qorAssertFailed("block is a live huge block", "void qor_do_huge_free(void*, const char*, int)", file, line);
+        qorAssertFailed("block is a live huge block", "void qor_do_huge_free(void*, const char*, int)", file,
+                        line);
 }
 
 void* qor::glue::qor_do_new(uint64 size, const char* file, int line) noexcept {

@@ -1,8 +1,9 @@
-// Inside the allocator: which tracked blocks are alive, and who asked for them. Kept only while somebody may want to
-// know: until the process has started, and as long as an allocation log is written. The caller holds the
-// allocator's lock.
+// Inside the allocator: which tracked blocks are alive, and who asked for them. Kept only while somebody may
+// want to know: until the process has started, and as long as an allocation log is written. The caller holds
+// the allocator's lock.
 //
-// Its own memory is pages of the system, not blocks of malloc: what the bookkeeping needs is not for the logs.
+// Its own memory is pages of the system, not blocks of malloc: what the bookkeeping needs is not for the
+// logs.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -49,7 +50,8 @@ private:
     std::size_t place(const void* address) const noexcept;
     void grow();
 
-    live_block* m_slots = nullptr; // a power of two of them, at most half in use; collisions go to the next slot
+    live_block* m_slots =
+        nullptr; // a power of two of them, at most half in use; collisions go to the next slot
     std::size_t m_capacity = 0;
     std::size_t m_count = 0;
     uint64 m_additions = 0;
