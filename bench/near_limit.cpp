@@ -2,10 +2,10 @@
 //
 //   near_limit LOG
 //
-// Reads large blocks, finds lines with memchr, reads hexadecimal digits by hand, keeps live blocks in a hash table
-// with open addressing, whose memory it fetches some lines ahead, and each caller once. It trusts the log: lines are what the C library writes, an address is
-// live once at a time, no trace, no progress, no order of the report. It says what it found in lines like those of
-// qortool, so that both write as much.
+// Reads large blocks, finds lines with memchr, reads hexadecimal digits by hand, keeps live blocks in a hash
+// table with open addressing, whose memory it fetches some lines ahead, and each caller once. It trusts the
+// log: lines are what the C library writes, an address is live once at a time, no trace, no progress, no
+// order of the report. It says what it found in lines like those of qortool, so that both write as much.
 
 #include <cstdint>
 #include <cstdio>
@@ -206,7 +206,8 @@ public:
         if (text[0] != '@')
             return;
         const char* const caller = text + 2;
-        const char* at = static_cast<const char*>(std::memchr(caller, ' ', static_cast<std::size_t>(end - caller)));
+        const char* at =
+            static_cast<const char*>(std::memchr(caller, ' ', static_cast<std::size_t>(end - caller)));
         const auto caller_size = static_cast<std::size_t>(at - caller);
         const char code = at[1];
         at += 3;

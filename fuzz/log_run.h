@@ -16,8 +16,8 @@ inline void require(bool agreed) {
         std::abort();
 }
 
-// Every line of the text the way the analyser takes it and, once more, by the general parser alone. `same(a, b)`
-// compares the fields of two records.
+// Every line of the text the way the analyser takes it and, once more, by the general parser alone. `same(a,
+// b)` compares the fields of two records.
 template <class LINE, class PLAIN, class SAME>
 void compare(const std::string& text, SAME same) {
     // As ReadLines hands it out, of just its size.

@@ -5,9 +5,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     log_run::compare<log_lines::mtrace_line, plain_log::mtrace_line>(
         std::string(reinterpret_cast<const char*>(data), size),
         [](const log_lines::mtrace_line& line, const plain_log::mtrace_line& plain) {
-            return line.caller == plain.caller && line.code[0] == plain.code[0] && line.address == plain.address &&
-                   line.size == plain.size && line.is_alloc == plain.is_alloc &&
-                   line.is_code_known == plain.is_code_known && (line.is_code_known || line.code == plain.code);
+            return line.caller == plain.caller && line.code[0] == plain.code[0] &&
+                   line.address == plain.address && line.size == plain.size &&
+                   line.is_alloc == plain.is_alloc && line.is_code_known == plain.is_code_known &&
+                   (line.is_code_known || line.code == plain.code);
         });
     return 0;
 }

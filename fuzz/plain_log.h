@@ -1,5 +1,5 @@
-// Heap logs in the plainest words: the grammars of both logs and the replay, with nothing clever in them, for fuzz
-// targets to compare the analyser with.
+// Heap logs in the plainest words: the grammars of both logs and the replay, with nothing clever in them, for
+// fuzz targets to compare the analyser with.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,8 @@
 
 namespace plain_log {
 
-// The lines of a text without white space at both ends; what follows the last line end is a line unless it is empty.
+// The lines of a text without white space at both ends; what follows the last line end is a line unless it is
+// empty.
 std::vector<std::string> lines(const std::string& text);
 
 enum class kind { record, no_meaning, too_few_words, unknown_code };

@@ -1,5 +1,5 @@
-// The whole replay beside the plain one: every byte of both streams. The first byte of an input chooses the run: `m`
-// an mtrace log, `c` an allocation log, anything else both, the second one behind a line "=".
+// The whole replay beside the plain one: every byte of both streams. The first byte of an input chooses the
+// run: `m` an mtrace log, `c` an allocation log, anything else both, the second one behind a line "=".
 #include "log_run.h"
 #include "mtrace_proc.h"
 
@@ -18,7 +18,9 @@ std::string read(const std::filesystem::path& path) {
 // A folder for the logs and what the analyser says of them; gone when the process ends.
 class folder {
 public:
-    folder() : m_path(std::filesystem::temp_directory_path() / ("fuzz_replay-" + std::to_string(std::random_device{}()))) {
+    folder()
+        : m_path(std::filesystem::temp_directory_path() /
+                 ("fuzz_replay-" + std::to_string(std::random_device{}()))) {
         std::filesystem::create_directory(m_path);
     }
     folder(const folder&) = delete;
@@ -28,7 +30,9 @@ public:
         std::filesystem::remove_all(m_path, ignored);
     }
 
-    void write(const char* name, const std::string& bytes) const { std::ofstream(m_path / name, std::ios::binary) << bytes; }
+    void write(const char* name, const std::string& bytes) const {
+        std::ofstream(m_path / name, std::ios::binary) << bytes;
+    }
 
     plain_log::output run(const std::vector<const char*>& names) const {
         qorStringArray args;

@@ -1,5 +1,5 @@
-// Beside a bucket whose blocks are more than one: where each address is and which blocks have room, so that a chain of
-// a thousand blocks is not scanned for every record.
+// Beside a bucket whose blocks are more than one: where each address is and which blocks have room, so that a
+// chain of a thousand blocks is not scanned for every record.
 #pragma once
 
 #include "hashing.h"
@@ -8,7 +8,8 @@
 #include <cstddef>
 #include <vector>
 
-// A place is the number of a slot in the whole chain: block number times 1,024 plus slot. Addresses are not 0.
+// A place is the number of a slot in the whole chain: block number times 1,024 plus slot. Addresses are not
+// 0.
 class chain_index {
 public:
     static constexpr uint32 none = number_index::none;
@@ -46,11 +47,12 @@ public:
         return place;
     }
 
-    // Ask the processor for what a search will read; the second, when that has had time to arrive, tells where the
-    // address may be, or none.
+    // Ask the processor for what a search will read; the second, when that has had time to arrive, tells
+    // where the address may be, or none.
     void prefetch(uint64 address) const noexcept { m_first.prefetch(hashing::of_address(address)); }
     uint32 likely_place(uint64 address) noexcept {
-        const number_index::cell* const first = m_first.find(hashing::of_address(address), [](uint32) { return true; });
+        const number_index::cell* const first =
+            m_first.find(hashing::of_address(address), [](uint32) { return true; });
         return first != nullptr ? first->number : none;
     }
 
@@ -76,8 +78,8 @@ private:
     uint32 take_repeated(uint32 first) noexcept;
     uint32 meld(uint32 a, uint32 b) noexcept;
 
-    number_index m_first;       // the earliest place of each address
-    std::vector<link> m_links;  // by place, as far as an address was ever repeated
-    std::vector<uint64> m_room; // a bit for each block
+    number_index m_first;        // the earliest place of each address
+    std::vector<link> m_links;   // by place, as far as an address was ever repeated
+    std::vector<uint64> m_room;  // a bit for each block
     std::size_t m_room_word = 0; // no bit is set in a word before this one
 };

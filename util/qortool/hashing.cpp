@@ -18,8 +18,8 @@ const uint64 hashing::key = [] {
     return uint64{source()} << 32 | source();
 }();
 
-// Sixteen bytes a step, in two states that do not wait for each other; the last step of a long text overlaps the one
-// before it.
+// Sixteen bytes a step, in two states that do not wait for each other; the last step of a long text overlaps
+// the one before it.
 uint32 hashing::of_text(std::string_view text) noexcept {
     const char* at = text.data();
     const char* const end = at + text.size();

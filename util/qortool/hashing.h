@@ -1,4 +1,5 @@
-// How the analyser's tables hash. The key is another one in every process, so that no log can be written to collide.
+// How the analyser's tables hash. The key is another one in every process, so that no log can be written to
+// collide.
 #pragma once
 
 #include "qor/system/Types.h"

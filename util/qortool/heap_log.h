@@ -1,5 +1,5 @@
-// A log that is being read. Lines are read some way ahead of the replay, so that the table's memory is on its way to
-// the processor when it is needed. What there is to say of a line is said when its turn comes.
+// A log that is being read. Lines are read some way ahead of the replay, so that the table's memory is on its
+// way to the processor when it is needed. What there is to say of a line is said when its turn comes.
 #pragma once
 
 #include "allocation_table.h"
@@ -15,9 +15,10 @@ public:
         log_lines::kind kind = log_lines::kind::record;
     };
 
-    // With the trace code on, each line is traced with the format when it is read, and none before its turn. Without
-    // a format there is no trace.
-    heap_log(uint32 trace_code, const char* trace_format) : m_trace_code(trace_code), m_trace_format(trace_format) {}
+    // With the trace code on, each line is traced with the format when it is read, and none before its turn.
+    // Without a format there is no trace.
+    heap_log(uint32 trace_code, const char* trace_format)
+        : m_trace_code(trace_code), m_trace_format(trace_format) {}
 
     bool open(const char* path) {
         create_IQORSimpleFileReader(m_file.Out());
@@ -27,7 +28,8 @@ public:
 
     bool is_given() const noexcept { return !m_file.IsEmpty(); }
 
-    // The next line that means something, or null at the end of the log. Texts in it are valid until the next call.
+    // The next line that means something, or null at the end of the log. Texts in it are valid until the next
+    // call.
     const entry* next(allocation_table& table) {
         if (m_taken == m_count && !read_ahead(table))
             return nullptr;

@@ -24,7 +24,8 @@ inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept;
 
 #if defined(__SSE2__)
 
-// All sixteen bytes at once, whatever they are: numbers of all lengths cost the same, and no branch is guessed wrong.
+// All sixteen bytes at once, whatever they are: numbers of all lengths cost the same, and no branch is
+// guessed wrong.
 inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept {
     static_assert(qorReadLinesPadding >= sizeof(__m128i));
     const auto at_most = [](__m128i bytes, char limit) {
@@ -37,9 +38,8 @@ inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept {
     const __m128i is_letter = at_most(letter, 5);
     const unsigned good = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(is_digit, is_letter)));
     const unsigned count = static_cast<unsigned>(std::countr_one(good));
-    const __m128i nibbles =
-        _mm_or_si128(_mm_and_si128(is_digit, digit),
-                     _mm_and_si128(is_letter, _mm_add_epi8(letter, _mm_set1_epi8(10))));
+    const __m128i nibbles = _mm_or_si128(_mm_and_si128(is_digit, digit),
+                                         _mm_and_si128(is_letter, _mm_add_epi8(letter, _mm_set1_epi8(10))));
     // Two nibbles to a byte, eight bytes to a word, of which the first byte counts most.
     const __m128i pairs = _mm_and_si128(_mm_or_si128(_mm_slli_epi16(nibbles, 4), _mm_srli_epi16(nibbles, 8)),
                                         _mm_set1_epi16(0xff));

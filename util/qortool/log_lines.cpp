@@ -16,8 +16,8 @@ using namespace std::string_view_literals;
 
 static_assert(qorReadLinesPadding >= 64);
 
-// A bit for each of 64 bytes that is a blank or a control character. Those that are not white space are rare enough
-// to make a line an unusual one.
+// A bit for each of 64 bytes that is a blank or a control character. Those that are not white space are rare
+// enough to make a line an unusual one.
 uint64 gaps(const char* at) noexcept;
 
 #if defined(__SSE2__)

@@ -1,8 +1,9 @@
-// One line of a log, read in place: text in, fields out. What is to be said of a line is left to the caller. The
-// grammars are in docs/heap-logs.md.
+// One line of a log, read in place: text in, fields out. What is to be said of a line is left to the caller.
+// The grammars are in docs/heap-logs.md.
 //
-// Lines lie in the runs of IQORSimpleFileReader::ReadLines: behind every line stands its end, and behind the last one
-// padding that may be read. So what looks at a line looks at 64 bytes at a time and does not ask where the run ends.
+// Lines lie in the runs of IQORSimpleFileReader::ReadLines: behind every line stands its end, and behind the
+// last one padding that may be read. So what looks at a line looks at 64 bytes at a time and does not ask
+// where the run ends.
 #pragma once
 
 #include "qor/system/File.h"
@@ -39,8 +40,8 @@ struct memcheck_line {
 kind parse(std::string_view line, mtrace_line& out);
 kind parse(std::string_view line, memcheck_line& out);
 
-// Takes a record off a run of lines if its line is written the way the C library or the framework writes it: words
-// with one blank between them. False: it is not, nothing was taken.
+// Takes a record off a run of lines if its line is written the way the C library or the framework writes it:
+// words with one blank between them. False: it is not, nothing was taken.
 bool take_usual(const char*& next, mtrace_line& out);
 bool take_usual(const char*& next, memcheck_line& out);
 

@@ -1,5 +1,5 @@
-// Records of the allocation log that were read before the mtrace log asked for them: at most 1,024, in the order in
-// which they were read. The first record of an address is taken first; finding it costs no search.
+// Records of the allocation log that were read before the mtrace log asked for them: at most 1,024, in the
+// order in which they were read. The first record of an address is taken first; finding it costs no search.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -48,7 +48,8 @@ private:
         record content;
         uint16 previous; // in the order of the list
         uint16 next;
-        uint16 next_of_group; // in the same order, among those whose addresses hash alike; or among free nodes
+        uint16
+            next_of_group; // in the same order, among those whose addresses hash alike; or among free nodes
     };
 
     struct ends {

@@ -1,5 +1,5 @@
-// Finds things that are named by numbers: open addressing over (hash, number), a power of two of cells, at most three
-// in four of them used. What a number stands for, only the user of the index knows.
+// Finds things that are named by numbers: open addressing over (hash, number), a power of two of cells, at
+// most three in four of them used. What a number stands for, only the user of the index knows.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -19,7 +19,8 @@ public:
 
     static constexpr std::size_t cell_bytes = 2 * sizeof(cell); // what a number takes, on average
 
-    // The cell with this hash for whose number `equal` holds, or null. It stays until something is added or removed.
+    // The cell with this hash for whose number `equal` holds, or null. It stays until something is added or
+    // removed.
     template <class EQUAL>
     cell* find(uint32 hash, EQUAL equal) noexcept {
         for (std::size_t at = hash & mask();; at = (at + 1) & mask()) {

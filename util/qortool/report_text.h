@@ -1,4 +1,5 @@
-// The text of a long report, put together by hand: there may be millions of lines, and printf takes ten times as long.
+// The text of a long report, put together by hand: there may be millions of lines, and printf takes ten times
+// as long.
 #pragma once
 
 #include "report_streams.h"
