@@ -1,5 +1,5 @@
-// All that a client of the framework needs, in one include: compile with -I qorcore/include; there is nothing to
-// link. The first call loads libqor; if it cannot be loaded, the process ends with exit code 100.
+// All that a client of the framework needs, in one include: compile with -I qorcore/include; there is nothing
+// to link. The first call loads libqor; if it cannot be loaded, the process ends with exit code 100.
 #pragma once
 
 #include "qor/glue/binding.h"
@@ -11,9 +11,11 @@
 #include "qor/system/Interface.h"
 #include "qor/system/Memory.h"
 #include "qor/system/Process.h"
+#include "qor/system/Simd.h"
 #include "qor/system/Stream.h"
 #include "qor/system/String.h"
 #include "qor/system/StringArray.h"
+#include "qor/system/Time.h"
 #include "qor/system/Types.h"
 #include "qor/system/Vector.h"
 #include "qor/system/template/Array.h"
