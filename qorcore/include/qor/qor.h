@@ -1,5 +1,5 @@
-// All that a client of the framework needs, in one include: compile with -I qorcore/include; there is nothing
-// to link. The first call loads libqor; if it cannot be loaded, the process ends with exit code 100.
+// All that a client of the framework needs, in one include: compile with -I qorcore/include; there is nothing to
+// link. The first call loads libqor; if it cannot be loaded, the process ends with exit code 100.
 #pragma once
 
 #include "qor/glue/binding.h"
