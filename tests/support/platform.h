@@ -13,6 +13,10 @@ std::string thread_id(); // the calling thread's
 // Ctrl-C, sent to this process by itself.
 void interrupt_process();
 
+// Ends this process at once, so that nothing of its own runs any more; the code that others see then.
+void kill_process();
+inline constexpr int killed_code = 137;
+
 // The program's name as it is without being told.
 std::string program_name();
 

@@ -15,6 +15,7 @@ std::string qor::test::thread_id() { return std::to_string(gettid()); }
 std::string qor::test::program_name() { return program_invocation_short_name; }
 
 void qor::test::interrupt_process() { std::raise(SIGINT); }
+void qor::test::kill_process() { std::raise(SIGKILL); } // 128 + 9
 
 const char* const qor::test::full_disk = "/dev/full";
 

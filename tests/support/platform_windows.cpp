@@ -36,6 +36,7 @@ std::string qor::test::program_name() {
 }
 
 void qor::test::interrupt_process() { EXPECT_NE(GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0), 0) << GetLastError(); }
+void qor::test::kill_process() { TerminateProcess(GetCurrentProcess(), killed_code); }
 
 // Windows itself has none, but Wine shows the files of its host as a drive.
 const char* const qor::test::full_disk = can_be_opened("Z:/dev/full") ? "Z:/dev/full" : nullptr;

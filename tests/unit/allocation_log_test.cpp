@@ -381,6 +381,29 @@ TEST_F(allocation_log, lines_of_many_threads_are_whole_and_in_order) {
     EXPECT_EQ(replay(m_path), "No leaks found\n");
 }
 
+// ---------------------------------------------------------------- a process that is killed
+
+namespace {
+
+const scene killed{"log_killed", [](const words& arguments) {
+    start(arguments[0]);
+    for (int i = 0; i < 20'000; ++i)
+        qor_do_malloc(0, 1, true, here, 1);
+    qor::test::kill_process();
+    return 0;
+}};
+
+} // namespace
+
+TEST_F(allocation_log, little_is_lost_when_the_process_is_killed) {
+    EXPECT_EQ(play_scene(killed).code, qor::test::killed_code);
+    const std::string log = read_file(m_path);
+    const story told = tell(log);
+    const std::size_t line = log.size() - 1 - log.rfind('\n', log.size() - 2);
+    EXPECT_GT(told.events.size(), 20'000 - 4096 / line - 1);
+    EXPECT_LT(told.events.size(), 20'000u);
+}
+
 // ---------------------------------------------------------------- a log that cannot be written
 
 namespace {

@@ -216,16 +216,9 @@ TEST_F(posix_allocation_log, a_program_in_the_place_of_another_has_a_log_of_its_
     }
 }
 
-// ---------------------------------------------------------------- a process that is killed
+// ---------------------------------------------------------------- a process that closes descriptors
 
 namespace {
-
-const scene killed{"log_killed", [](const words& arguments) {
-    start(arguments[0]);
-    for (int i = 0; i < 20'000; ++i)
-        qor_do_malloc(0, 1, true, here, 1);
-    return std::raise(SIGKILL);
-}};
 
 // As a daemon does; then every number is that of another file.
 const scene closes_everything{"log_closes_everything", [](const words& arguments) {
@@ -252,15 +245,6 @@ TEST_F(posix_allocation_log, goes_on_when_the_host_closes_its_descriptor) {
         EXPECT_EQ(ended.err, "");
         EXPECT_EQ(tell(read_file(m_path)).events, (events{"A 1 10 0", "F 1 0", "A 3 30 0", "F 3 0"})) << what;
     }
-}
-
-TEST_F(posix_allocation_log, little_is_lost_when_the_process_is_killed) {
-    EXPECT_EQ(play_scene(killed).code, 128 + SIGKILL);
-    const std::string log = read_file(m_path);
-    const story told = tell(log);
-    const std::size_t line = log.size() - 1 - log.rfind('\n', log.size() - 2);
-    EXPECT_GT(told.events.size(), 20'000 - 4096 / line - 1);
-    EXPECT_LT(told.events.size(), 20'000u);
 }
 
 // ---------------------------------------------------------------- a log that cannot be written

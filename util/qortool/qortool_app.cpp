@@ -48,7 +48,7 @@ const qortool_app::action_row qortool_app::s_actions[] = {
     {"lookup", nullptr, 29, 30},
     {"userinfo", nullptr, 59, 60},
     {"timer-check", nullptr, 44, 45},
-    {"simd-test", nullptr, 51, 52},
+    {"simd-test", &qortool_app::func_simd_test, 51, 52},
     {"dow", nullptr, 31, 32},
     {"debug-control", nullptr, 34, 35},
     {"mtrace", &qortool_app::func_mtrace, 78, 79},

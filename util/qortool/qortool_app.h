@@ -56,6 +56,7 @@ private:
     int func_md5sum(qorStringArray& args);
     int func_mtrace(qorStringArray& args);
     int func_memcheck(qorStringArray& args);
+    int func_simd_test(qorStringArray& args);
 
     uint32 m_debug_code = 0;
     bool m_quiet = false;

@@ -26,3 +26,7 @@ struct qorTimeInfo {
 inline void qorConvertTime(uint64 clock, bool local, qorTimeInfo& info) noexcept {
     qor::glue::qorConvertTime(clock, local, info);
 }
+
+// A clock that only goes forward, at an even pace, from an origin of its own: for measuring how long
+// something takes, in the same ticks. It does not count while the machine sleeps. Any thread may read it.
+inline uint64 qorGetTickCounter() noexcept { return qor::glue::qorGetTickCounter(); }

@@ -1,0 +1,21 @@
+// Compiled for AVX-512; nothing here may run before the processor has been asked.
+#include "simd/kernels.h"
+#include "simd/sets_x86.h"
+
+#include <immintrin.h>
+
+namespace {
+
+struct avx512_vector {
+    using type = __m512i;
+    static type load(const void* at) noexcept { return _mm512_loadu_si512(at); }
+    static void store(void* at, type value) noexcept { _mm512_storeu_si512(at, value); }
+    static void store_aligned(void* at, type value) noexcept { _mm512_store_si512(at, value); }
+    static void stream(void* at, type value) noexcept { _mm512_stream_si512(static_cast<type*>(at), value); }
+    static type repeat(uint64 pattern) noexcept { return _mm512_set1_epi64(static_cast<long long>(pattern)); }
+    static void fence() noexcept { _mm_sfence(); }
+};
+
+} // namespace
+
+constinit const qor::simd::instruction_set qor::simd::avx512 = kernels<avx512_vector>::set("avx512");

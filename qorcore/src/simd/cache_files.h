@@ -1,0 +1,13 @@
+// Inside the SIMD routines on Linux: the kernel's description of the caches.
+#pragma once
+
+#include "simd/simd.h"
+
+#include <string>
+
+namespace qor::simd {
+
+// What the files index<n>/level, type and size in the folder say.
+cache_sizes read_cache_files(const std::string& folder);
+
+} // namespace qor::simd

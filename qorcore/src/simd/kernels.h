@@ -1,0 +1,157 @@
+// Inside the SIMD routines: the kernels, written once over a vector type. Each instruction set has a unit of
+// its own that is compiled for that set and includes this. Everything here is internal to that unit: a shared
+// inline function would be kept from one of them, perhaps the one that this processor cannot run.
+//
+// VECTOR::type with these: load and store at any address, store_aligned and stream at a multiple of its size,
+// repeat (the vector of a pattern) and fence (behind streamed stores).
+#pragma once
+
+#include "simd/pattern.h"
+#include "simd/simd.h"
+
+#include <cstdint>
+
+namespace {
+
+template <class VECTOR>
+struct kernels {
+    using type = typename VECTOR::type;
+    static constexpr uint64 width = sizeof(type);
+    static constexpr uint64 block = 4 * width;
+    static_assert(qor::simd::small_limit >= 2 * width && qor::simd::stream_minimum >= block);
+
+    // ---- four vectors or two, at any address
+    static void copy_block(char* to, const char* from) noexcept {
+        const type a = VECTOR::load(from), b = VECTOR::load(from + width);
+        const type c = VECTOR::load(from + 2 * width), d = VECTOR::load(from + 3 * width);
+        VECTOR::store(to, a), VECTOR::store(to + width, b);
+        VECTOR::store(to + 2 * width, c), VECTOR::store(to + 3 * width, d);
+    }
+    static void copy_half(char* to, const char* from) noexcept {
+        const type a = VECTOR::load(from), b = VECTOR::load(from + width);
+        VECTOR::store(to, a), VECTOR::store(to + width, b);
+    }
+    static void fill_half(char* to, type value) noexcept {
+        VECTOR::store(to, value), VECTOR::store(to + width, value);
+    }
+    static void fill_block(char* to, type value) noexcept {
+        fill_half(to, value), fill_half(to + 2 * width, value);
+    }
+
+    // How far it is to the next multiple of `size`; never 0, so that the head is always one whole piece.
+    static uint64 to_next(const char* at, uint64 size) noexcept {
+        return size - (reinterpret_cast<std::uintptr_t>(at) & (size - 1));
+    }
+
+    // A load seems to depend on an earlier store when their addresses agree modulo 4096, and waits for it.
+    // Where the destination runs shortly ahead of the source in that sense, it does so in every round;
+    // backwards in none.
+    static bool runs_ahead(const char* to, const char* from) noexcept {
+        const uint64 ahead = static_cast<uint64>(to - from) % 4096;
+        return ahead != 0 && ahead < 1024;
+    }
+
+    static void copy(void* destination, const void* source, uint64 length) noexcept {
+        char* to = static_cast<char*>(destination);
+        const char* from = static_cast<const char*>(source);
+        char* const last_to = to + length - block;
+        const char* const last_from = from + length - block;
+        if (length <= 2 * block) {
+            if (length <= block) {
+                copy_half(to, from);
+                copy_half(last_to + 2 * width, last_from + 2 * width);
+            } else {
+                copy_block(to, from);
+                copy_block(last_to, last_from);
+            }
+        } else if (!runs_ahead(to, from)) {
+            VECTOR::store(to, VECTOR::load(from));
+            const uint64 head = to_next(to, width);
+            for (to += head, from += head; to < last_to; to += block, from += block)
+                copy_block_aligned(to, from);
+            copy_block(last_to, last_from);
+        } else {
+            VECTOR::store(last_to + 3 * width, VECTOR::load(last_from + 3 * width));
+            const uint64 tail = width - to_next(last_to, width);
+            char* at = last_to - tail;
+            for (const char* with = last_from - tail; at > to; at -= block, with -= block)
+                copy_block_aligned(at, with);
+            copy_block(to, from);
+        }
+    }
+
+    static void copy_block_aligned(char* to, const char* from) noexcept {
+        const type a = VECTOR::load(from), b = VECTOR::load(from + width);
+        const type c = VECTOR::load(from + 2 * width), d = VECTOR::load(from + 3 * width);
+        VECTOR::store_aligned(to, a), VECTOR::store_aligned(to + width, b);
+        VECTOR::store_aligned(to + 2 * width, c), VECTOR::store_aligned(to + 3 * width, d);
+    }
+
+    // Four kilobytes ahead is beyond the page where the processor's own prefetcher stops.
+    static void stream_copy(void* destination, const void* source, uint64 length) noexcept {
+        constexpr uint64 line = qor::simd::alignment;
+        char* to = static_cast<char*>(destination);
+        const char* from = static_cast<const char*>(source);
+        char* const last_to = to + length - block;
+        const char* const last_from = from + length - block;
+        for (uint64 at = 0; at < line; at += width)
+            VECTOR::store(to + at, VECTOR::load(from + at));
+        const uint64 head = to_next(to, line);
+        for (to += head, from += head; to < last_to; to += block, from += block) {
+            for (uint64 at = 0; at < block; at += line)
+                __builtin_prefetch(from + 4096 + at);
+            const type a = VECTOR::load(from), b = VECTOR::load(from + width);
+            const type c = VECTOR::load(from + 2 * width), d = VECTOR::load(from + 3 * width);
+            VECTOR::stream(to, a), VECTOR::stream(to + width, b);
+            VECTOR::stream(to + 2 * width, c), VECTOR::stream(to + 3 * width, d);
+        }
+        copy_block(last_to, last_from);
+        VECTOR::fence();
+    }
+
+    static void fill(void* destination, uint64 pattern, uint64 length) noexcept {
+        char* to = static_cast<char*>(destination);
+        char* const last = to + length - block;
+        const type begin = VECTOR::repeat(pattern);
+        const type end = VECTOR::repeat(go_on(pattern, length));
+        if (length <= block) {
+            fill_half(to, begin);
+            fill_half(last + 2 * width, end);
+        } else if (length <= 2 * block) {
+            fill_block(to, begin);
+            fill_block(last, end);
+        } else {
+            VECTOR::store(to, begin);
+            const uint64 head = to_next(to, width);
+            const type middle = VECTOR::repeat(go_on(pattern, head));
+            for (to += head; to < last; to += block) {
+                VECTOR::store_aligned(to, middle), VECTOR::store_aligned(to + width, middle);
+                VECTOR::store_aligned(to + 2 * width, middle), VECTOR::store_aligned(to + 3 * width, middle);
+            }
+            fill_block(last, end);
+        }
+    }
+
+    static void stream_fill(void* destination, uint64 pattern, uint64 length) noexcept {
+        constexpr uint64 line = qor::simd::alignment;
+        char* to = static_cast<char*>(destination);
+        char* const last = to + length - block;
+        const type begin = VECTOR::repeat(pattern);
+        for (uint64 at = 0; at < line; at += width)
+            VECTOR::store(to + at, begin);
+        const uint64 head = to_next(to, line);
+        const type middle = VECTOR::repeat(go_on(pattern, head));
+        for (to += head; to < last; to += block) {
+            VECTOR::stream(to, middle), VECTOR::stream(to + width, middle);
+            VECTOR::stream(to + 2 * width, middle), VECTOR::stream(to + 3 * width, middle);
+        }
+        fill_block(last, VECTOR::repeat(go_on(pattern, length)));
+        VECTOR::fence();
+    }
+
+    static constexpr qor::simd::instruction_set set(const char* name) noexcept {
+        return {name, copy, fill, stream_copy, stream_fill};
+    }
+};
+
+} // namespace

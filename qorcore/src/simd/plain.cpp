@@ -1,0 +1,25 @@
+// The kernels for a processor of which nothing is known. It has no stores that pass the caches.
+#include "simd/kernels.h"
+
+#include <cstring>
+
+namespace {
+
+struct words {
+    struct type {
+        uint64 low, high;
+    };
+    static type load(const void* at) noexcept {
+        type value;
+        std::memcpy(&value, at, sizeof value);
+        return value;
+    }
+    static void store(void* at, type value) noexcept { std::memcpy(at, &value, sizeof value); }
+    static void store_aligned(void* at, type value) noexcept { store(at, value); }
+    static type repeat(uint64 pattern) noexcept { return {pattern, pattern}; }
+};
+
+} // namespace
+
+constinit const qor::simd::instruction_set qor::simd::plain = {"plain", kernels<words>::copy,
+                                                               kernels<words>::fill, nullptr, nullptr};

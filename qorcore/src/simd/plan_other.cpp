@@ -1,0 +1,6 @@
+// On a processor of another kind the plain kernels serve every length.
+#include "simd/simd.h"
+
+qor::simd::set_list qor::simd::available_sets() noexcept { return {{&plain}, 1}; }
+
+qor::simd::limits qor::simd::find_limits(const instruction_set&, const cache_sizes&) noexcept { return {}; }

@@ -1,0 +1,41 @@
+#include "simd/sets_x86.h"
+
+#include <cpuid.h>
+
+namespace {
+
+constexpr uint32 bit(int number) { return uint32{1} << number; }
+
+// Leaf 1, ECX; leaf 7, EBX and ECX.
+constexpr uint32 os_uses_xsave = bit(27);
+constexpr uint32 avx2_bit = bit(5);
+constexpr uint32 fast_strings_bit = bit(9);
+constexpr uint32 avx512_f_bit = bit(16);
+constexpr uint32 avx512_vbmi2_bit = bit(6);
+
+// The halves of registers that a switch of threads keeps: SSE and AVX; and for AVX-512 the masks, too.
+constexpr uint32 avx_state = 0x06;
+constexpr uint32 avx512_state = 0xe6;
+
+uint32 saved_state() noexcept {
+    uint32 low, high;
+    asm volatile("xgetbv" : "=a"(low), "=d"(high) : "c"(0));
+    return low;
+}
+
+} // namespace
+
+qor::simd::processor qor::simd::read_processor() noexcept {
+    uint32 a, b, c, d;
+    if (!__get_cpuid(1, &a, &b, &c, &d))
+        return {};
+    const uint32 saved = (c & os_uses_xsave) != 0 ? saved_state() : 0;
+    if (!__get_cpuid_count(7, 0, &a, &b, &c, &d))
+        return {};
+    const bool keeps_avx = (saved & avx_state) == avx_state;
+    const bool keeps_avx512 = (saved & avx512_state) == avx512_state;
+    // The first processors with AVX-512 lower their clock for it; those that do not have VBMI2.
+    return {.has_avx2 = keeps_avx && (b & avx2_bit) != 0,
+            .has_avx512 = keeps_avx512 && (b & avx512_f_bit) != 0 && (c & avx512_vbmi2_bit) != 0,
+            .has_fast_strings = (b & fast_strings_bit) != 0};
+}

@@ -1,0 +1,210 @@
+// The entries: short lengths in place, everything else as the plan says.
+#include "qor/qor.h"
+#include "simd/pattern.h"
+#include "simd/simd.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+namespace {
+
+using qor::simd::plan;
+using qor::simd::small_limit;
+
+// ---- up to small_limit bytes: pieces from both ends, which overlap in the middle
+struct piece {
+    uint64 words[2];
+};
+
+template <class TYPE>
+TYPE get(const char* from) noexcept {
+    TYPE value;
+    std::memcpy(&value, from, sizeof value);
+    return value;
+}
+
+template <class TYPE>
+void put(char* to, const TYPE& value) noexcept {
+    std::memcpy(to, &value, sizeof value);
+}
+
+// Two pieces that together are as long as one of twice the length or shorter.
+template <class TYPE>
+void copy_ends(char* to, const char* from, uint64 length) noexcept {
+    const TYPE first = get<TYPE>(from);
+    const TYPE last = get<TYPE>(from + length - sizeof(TYPE));
+    put(to, first);
+    put(to + length - sizeof(TYPE), last);
+}
+
+void copy_small(char* to, const char* from, uint64 length) noexcept {
+    if (length > 2 * sizeof(piece)) {
+        const char* const last_from = from + length - sizeof(piece);
+        char* const last_to = to + length - sizeof(piece);
+        if (length > 4 * sizeof(piece)) {
+            copy_ends<piece>(to + 32, from + 32, 32);
+            copy_ends<piece>(last_to - 48, last_from - 48, 32);
+        }
+        copy_ends<piece>(to, from, 32);
+        copy_ends<piece>(last_to - 16, last_from - 16, 32);
+    } else if (length >= sizeof(piece)) {
+        copy_ends<piece>(to, from, length);
+    } else if (length >= 8) {
+        copy_ends<uint64>(to, from, length);
+    } else if (length >= 4) {
+        copy_ends<uint32>(to, from, length);
+    } else if (length >= 2) {
+        copy_ends<uint16>(to, from, length);
+    } else if (length != 0) {
+        *to = *from;
+    }
+}
+
+// The leading bytes of the pattern at the front, and as it goes on there at the end.
+template <class TYPE>
+void fill_ends(char* to, uint64 pattern, uint64 length) noexcept {
+    const uint64 end = go_on(pattern, length - sizeof(TYPE));
+    std::memcpy(to, &pattern, sizeof(TYPE));
+    std::memcpy(to + length - sizeof(TYPE), &end, sizeof(TYPE));
+}
+
+void fill_small(char* to, uint64 pattern, uint64 length) noexcept {
+    if (length >= sizeof(piece)) {
+        const piece begin{{pattern, pattern}};
+        const uint64 phase = go_on(pattern, length);
+        const piece end{{phase, phase}};
+        char* const last = to + length - sizeof(piece);
+        if (length > 2 * sizeof(piece)) {
+            if (length > 4 * sizeof(piece)) {
+                put(to + 32, begin), put(to + 48, begin);
+                put(last - 48, end), put(last - 32, end);
+            }
+            put(to + 16, begin), put(last - 16, end);
+        }
+        put(to, begin), put(last, end);
+    } else if (length >= 8) {
+        fill_ends<uint64>(to, pattern, length);
+    } else if (length >= 4) {
+        fill_ends<uint32>(to, pattern, length);
+    } else if (length >= 2) {
+        fill_ends<uint16>(to, pattern, length);
+    } else if (length != 0) {
+        std::memcpy(to, &pattern, 1);
+    }
+}
+
+// ---- above it: until the first call nobody knows what this machine has
+void resolve() noexcept {
+    static const qor::simd::instruction_set& set = qor::simd::choose_set(std::getenv("QOR_SIMD"));
+    static const plan made(set, qor::simd::find_limits(set, qor::simd::read_cache_sizes()));
+    qor::simd::install(made);
+}
+
+void resolve_and_copy(void* destination, const void* source, uint64 length) noexcept {
+    resolve();
+    qor::glue::simd_memcpy_safe(destination, source, length);
+}
+
+void resolve_and_fill(void* destination, uint64 pattern, uint64 length) noexcept {
+    resolve();
+    qor::glue::simd_memset_u64(destination, pattern, length);
+}
+
+constexpr qor::simd::instruction_set unresolved{"", resolve_and_copy, resolve_and_fill, nullptr, nullptr};
+constinit const plan no_plan(unresolved, {});
+constinit std::atomic<const plan*> current{&no_plan};
+
+// Where the destination lies up to a cache line behind the source, modulo 4096, some processors fall back to
+// single bytes in their string instruction.
+bool is_bad_for_strings(const void* destination, const void* source) noexcept {
+    const auto ahead =
+        reinterpret_cast<std::uintptr_t>(destination) - reinterpret_cast<std::uintptr_t>(source);
+    return (ahead - 1) % 4096 < 64;
+}
+
+[[gnu::noinline]] void copy_large(const plan& by, void* destination, const void* source,
+                                  uint64 length) noexcept {
+    if (length >= by.large.stream_copy_from)
+        by.set->stream_copy(destination, source, length);
+    else if (is_bad_for_strings(destination, source))
+        by.copy(destination, source, length);
+    else
+        by.large.string_copy(destination, source, length);
+}
+
+[[gnu::noinline]] void fill_large(const plan& by, void* destination, uint64 pattern, uint64 length) noexcept {
+    if (length >= by.large.stream_fill_from)
+        by.set->stream_fill(destination, pattern, length);
+    else
+        by.large.string_fill(destination, pattern, length);
+}
+
+inline void copy(void* destination, const void* source, uint64 length) noexcept {
+    if (length <= small_limit)
+        return copy_small(static_cast<char*>(destination), static_cast<const char*>(source), length);
+    const plan& by = *current.load(std::memory_order_acquire);
+    if (length < by.large_copy_from) [[likely]]
+        return by.copy(destination, source, length);
+    copy_large(by, destination, source, length);
+}
+
+inline void fill(void* destination, uint64 pattern, uint64 length) noexcept {
+    if (length <= small_limit)
+        return fill_small(static_cast<char*>(destination), pattern, length);
+    const plan& by = *current.load(std::memory_order_acquire);
+    if (length < by.large_fill_from) [[likely]]
+        return by.fill(destination, pattern, length);
+    fill_large(by, destination, pattern, length);
+}
+
+} // namespace
+
+const qor::simd::instruction_set& qor::simd::choose_set(const char* name) noexcept {
+    const set_list here = available_sets();
+    if (name == nullptr)
+        return *here.sets[0];
+    // All that there are, the best first: one that is missing here stands for the next.
+    constexpr const char* names[] = {"avx512", "avx2", "sse2", "plain"};
+    const auto wanted =
+        std::ranges::find_if(names, [&](const char* one) { return std::strcmp(one, name) == 0; });
+    for (auto one = wanted; one != std::end(names); ++one)
+        for (uint32 i = 0; i < here.count; ++i)
+            if (std::strcmp(here.sets[i]->name, *one) == 0)
+                return *here.sets[i];
+    return *here.sets[0];
+}
+
+void qor::simd::install(const plan& chosen) noexcept { current.store(&chosen, std::memory_order_release); }
+
+const plan& qor::simd::plan_in_use() noexcept { return *current.load(std::memory_order_acquire); }
+
+uint64 qor::glue::qor_get_simd_alignment() noexcept { return qor::simd::alignment; }
+
+void qor::glue::simd_zero(void* dst, uint64 length) noexcept { fill(dst, 0, length); }
+
+void qor::glue::simd_memset_u8(void* dst, uint8 value, uint64 length) noexcept {
+    fill(dst, value * uint64{0x0101010101010101}, length);
+}
+
+void qor::glue::simd_memset_u16(void* dst, uint16 value, uint64 length) noexcept {
+    fill(dst, value * uint64{0x0001000100010001}, length);
+}
+
+void qor::glue::simd_memset_u32(void* dst, uint32 value, uint64 length) noexcept {
+    fill(dst, value * uint64{0x0000000100000001}, length);
+}
+
+void qor::glue::simd_memset_u64(void* dst, uint64 value, uint64 length) noexcept { fill(dst, value, length); }
+
+// What alignment would spare is one store: not worth a second set of kernels that fault where it is missing.
+void qor::glue::simd_memcpy_aligned(void* dst, const void* src, uint64 length) noexcept {
+    copy(dst, src, length);
+}
+
+void qor::glue::simd_memcpy_safe(void* dst, const void* src, uint64 length) noexcept {
+    copy(dst, src, length);
+}
