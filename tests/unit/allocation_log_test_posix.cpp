@@ -1,7 +1,6 @@
 // The allocation log where processes fork and files have limits.
 #include "allocation_log_support.h"
 
-#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/resource.h>
