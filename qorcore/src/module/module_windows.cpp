@@ -1,5 +1,6 @@
 #include "error/error.h"
 #include "module/module.h"
+#include "qor/glue/impl_windows.h"
 #include "string/wide_windows.h"
 
 #include <algorithm>
@@ -14,13 +15,10 @@ void* qor::module::load_library(const std::string& path, std::string& reason) {
         return nullptr;
     }
     std::replace(wide.begin(), wide.end(), L'/', L'\\'); // the loader knows no other separator
-    // A damaged library is an error to report, not a box that waits for somebody to click it away.
-    DWORD mode = 0;
-    SetThreadErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX, &mode);
+    const glue::no_dialogs quiet;
     const HMODULE library = LoadLibraryExW(wide.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
     if (library == nullptr)
         reason = error::system_reason(static_cast<int>(GetLastError()));
-    SetThreadErrorMode(mode, nullptr);
     return library;
 }
 

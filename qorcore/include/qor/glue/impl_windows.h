@@ -44,6 +44,20 @@ __declspec(dllimport) int __stdcall CloseHandle(void*);
 
 namespace qor::glue {
 
+// While one lives, a damaged library is only that: the system would stop this thread at a dialog about it, which in a
+// script nobody sees.
+class no_dialogs {
+public:
+    no_dialogs() noexcept { SetThreadErrorMode(fail_critical_errors, &m_before); }
+    no_dialogs(const no_dialogs&) = delete;
+    no_dialogs& operator=(const no_dialogs&) = delete;
+    ~no_dialogs() { SetThreadErrorMode(m_before, nullptr); }
+
+private:
+    static constexpr unsigned long fail_critical_errors = 1;
+    unsigned long m_before = 0;
+};
+
 #ifndef QOR_INSIDE
 
 inline constexpr char bind_function[] = "const qor::glue::binding_table* qor::glue::bind()";
@@ -61,20 +75,6 @@ inline void debugger_message(const wchar_t* text) noexcept { OutputDebugStringW(
     std::fflush(stderr);
     ExitProcess(100);
 }
-
-// While one lives, a damaged library is only that: the system would stop this thread at a dialog about it, which in a
-// script nobody sees.
-class no_dialogs {
-public:
-    no_dialogs() noexcept { SetThreadErrorMode(fail_critical_errors, &m_before); }
-    no_dialogs(const no_dialogs&) = delete;
-    no_dialogs& operator=(const no_dialogs&) = delete;
-    ~no_dialogs() { SetThreadErrorMode(m_before, nullptr); }
-
-private:
-    static constexpr unsigned long fail_critical_errors = 1;
-    unsigned long m_before = 0;
-};
 
 // libqor.dll from the folder of the executable (or of s_hinst), or null. Its path keeps to the system's limit of 260
 // characters, although the buffer is larger: a deeper folder counts as one without the library.
