@@ -6,7 +6,11 @@
 
 namespace {
 
-using namespace plain_log;
+using plain_log::kind;
+using plain_log::lines;
+using plain_log::memcheck_line;
+using plain_log::mtrace_line;
+using plain_log::output;
 
 bool is_blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 

@@ -82,20 +82,25 @@ class Robustness(unittest.TestCase):
             stream.flush()
             at += size
 
+    def fifo(self, data):
+        """A FIFO and the thread that writes the data into it."""
+        path = self.folder / "fifo"
+        os.mkfifo(path)
+
+        def write():
+            with open(path, "wb") as stream:
+                self.write_in_pieces(stream, data)
+
+        writer = threading.Thread(target=write)
+        writer.start()
+        return path, writer
+
     def test_standard_input_by_name(self):
         run = Run(["mtrace", "/dev/stdin"], lambda stream: self.write_in_pieces(stream, LOG))
         self.require_output(run, self.expected(LOG))
 
     def test_fifo(self):
-        fifo = self.folder / "fifo"
-        os.mkfifo(fifo)
-
-        def write():
-            with open(fifo, "wb") as stream:
-                self.write_in_pieces(stream, LOG)
-
-        writer = threading.Thread(target=write)
-        writer.start()
+        fifo, writer = self.fifo(LOG)
         run = Run(["mtrace", fifo])
         writer.join()
         self.require_output(run, self.expected(LOG))
@@ -105,15 +110,7 @@ class Robustness(unittest.TestCase):
         expected_log, joined = self.folder / "expected", self.folder / "joined"
         expected_log.write_bytes(LOG)
         joined.write_bytes(memcheck)
-        fifo = self.folder / "fifo"
-        os.mkfifo(fifo)
-
-        def write():
-            with open(fifo, "wb") as stream:
-                self.write_in_pieces(stream, memcheck)
-
-        writer = threading.Thread(target=write)
-        writer.start()
+        fifo, writer = self.fifo(memcheck)
         # Nobody reads to the end of either pipe before the other has come: each is written by a thread of its own.
         run = Run(["mtrace", "/dev/stdin", fifo], lambda stream: self.write_in_pieces(stream, LOG))
         writer.join()

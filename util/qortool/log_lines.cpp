@@ -12,8 +12,6 @@
 
 namespace {
 
-using namespace std::string_view_literals;
-
 static_assert(qorReadLinesPadding >= 64);
 
 // A bit for each of 64 bytes that is a blank or a control character. Those that are not white space are rare
@@ -191,7 +189,7 @@ log_lines::kind log_lines::parse(std::string_view line, memcheck_line& out) {
             out.bt = static_cast<uint8>(log_fields::unsigned_number(words[1]));
         return kind::record;
     case 'T':
-        out.type_name = count > 1 ? words[1] : "** type missing in memcheck file **"sv;
+        out.type_name = count > 1 ? words[1] : std::string_view("** type missing in memcheck file **");
         return kind::record;
     case 'E':
         return kind::no_meaning;
