@@ -18,7 +18,7 @@ import tempfile
 
 INTENDED = pathlib.Path(__file__).resolve().parent / "intended.txt"
 LEAK = re.compile(r"LEAK at 0x[0-9a-f]+ size (\d+) type \d+ caller \[\] type_name \[(.*)\] file \[(.*)\] line \d+")
-TIMEOUT_SECONDS = 200
+TIMEOUT_SECONDS = 800
 
 
 def action_words(samples):
