@@ -6,7 +6,7 @@
 # What has to be there, as "package=probe". A probe is a command, or the path of a file. It is looked
 # for first: a host that has a tool from elsewhere needs no package, and the look costs no process.
 needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja")
-needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "python3=python3" "libc-devtools=mtrace")
+needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "python3=python3" "libc-devtools=mtrace" "valgrind=valgrind")
 
 say() { printf '%s\n' "$@" >&2; }
 

@@ -59,17 +59,15 @@ struct kernels {
         const char* from = static_cast<const char*>(source);
         char* const last_to = to + length - block;
         const char* const last_from = from + length - block;
-        if (length <= 2 * block) {
-            if (length <= 2 * width) {
-                copy_one(to, from);
-                copy_one(last_to + 3 * width, last_from + 3 * width);
-            } else if (length <= block) {
-                copy_half(to, from);
-                copy_half(last_to + 2 * width, last_from + 2 * width);
-            } else {
-                copy_block(to, from);
-                copy_block(last_to, last_from);
-            }
+        if (length <= 2 * width) {
+            const type a = VECTOR::load(from), b = VECTOR::load(last_from + 3 * width);
+            VECTOR::store(to, a), VECTOR::store(last_to + 3 * width, b);
+        } else if (length <= block) {
+            copy_half(to, from);
+            copy_half(last_to + 2 * width, last_from + 2 * width);
+        } else if (length <= 2 * block) {
+            copy_block(to, from);
+            copy_block(last_to, last_from);
         } else if (!runs_ahead(to, from, length)) {
             copy_one(to, from);
             const uint64 head = to_next(to, width);
