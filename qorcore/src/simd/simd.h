@@ -35,7 +35,7 @@ struct instruction_set {
 
 // From which lengths on something other than the set's ordinary kernel serves, and what.
 struct limits {
-    // The processor's own string instructions; they need string_* where the length below says so.
+    // The processor's own string instructions. Null: they serve no length.
     copy_kernel string_copy = nullptr;
     fill_kernel string_fill = nullptr;
     uint64 string_copy_from = never, string_fill_from = never;
