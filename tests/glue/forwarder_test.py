@@ -17,10 +17,11 @@ import unittest
 
 options = None
 
-# Arguments of one byte or two are passed on extended, which the compiler does not take on trust: the register stays
+# Arguments of one or two bytes are passed on extended, which the compiler does not take on trust: the register stays
 # the same.
-EXTENSION = re.compile(r"^mov[sz](?:bl\s+%(?:([ds])il,%e\1i|([cd])l,%e\2x|(r[89])b,%\3d)|"
-                       r"wl\s+%(?:([ds]i),%e\4|([cd]x),%e\5|(r[89])w,%\6d))\n", re.MULTILINE)
+EXTENSION = re.compile(
+    r"^mov[sz][bw]l\s+%(?:([ds])il?,%e\1i|([cd])[lx],%e\2x|(r[89])[bw],%\3d)\n", re.MULTILINE
+)
 
 # The way of a bound call, in the words of the disassembler. The table's address is in a register that carries
 # no argument.

@@ -1,8 +1,23 @@
 #include "memory/pages.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <pthread.h>
 #include <sys/mman.h>
+
+namespace {
+
+constexpr uint64 huge_page = uint64{2} << 20;
+
+// Whoever wants so much memory aligned goes through all of it. A system without huge pages gives small ones.
+void ask_for_huge_pages(void* block, uint64 size) {
+    const auto begin = reinterpret_cast<std::uintptr_t>(block);
+    const std::uintptr_t first = (begin + huge_page - 1) & ~(huge_page - 1);
+    const std::uintptr_t last = (begin + size) & ~(huge_page - 1);
+    madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+}
+
+} // namespace
 
 void* qor::memory::map_pages(uint64 size) noexcept {
     void* const pages =
@@ -14,7 +29,11 @@ void qor::memory::unmap_pages(void* pages, uint64 size) noexcept { munmap(pages,
 
 void* qor::memory::allocate_aligned(uint64 alignment, uint64 size) noexcept {
     void* block = nullptr;
-    return posix_memalign(&block, alignment, size) == 0 ? block : nullptr;
+    if (posix_memalign(&block, alignment, size) != 0)
+        return nullptr;
+    if (size >= 2 * huge_page)
+        ask_for_huge_pages(block, size);
+    return block;
 }
 
 void* qor::memory::change_size(void* block, uint64 size) noexcept { return std::realloc(block, size); }

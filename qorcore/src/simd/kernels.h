@@ -18,7 +18,7 @@ struct kernels {
     using type = typename VECTOR::type;
     static constexpr uint64 width = sizeof(type);
     static constexpr uint64 block = 4 * width;
-    static_assert(qor::simd::small_limit >= 2 * width && qor::simd::stream_minimum >= block);
+    static_assert(qor::simd::small_limit >= width && qor::simd::stream_minimum >= block);
 
     // ---- four vectors or two, at any address
     static void copy_block(char* to, const char* from) noexcept {
@@ -38,6 +38,8 @@ struct kernels {
         fill_half(to, value), fill_half(to + 2 * width, value);
     }
 
+    static void copy_one(char* to, const char* from) noexcept { VECTOR::store(to, VECTOR::load(from)); }
+
     // How far it is to the next multiple of `size`; never 0, so that the head is always one whole piece.
     static uint64 to_next(const char* at, uint64 size) noexcept {
         return size - (reinterpret_cast<std::uintptr_t>(at) & (size - 1));
@@ -45,10 +47,11 @@ struct kernels {
 
     // A load seems to depend on an earlier store when their addresses agree modulo 4096, and waits for it.
     // Where the destination runs shortly ahead of the source in that sense, it does so in every round;
-    // backwards in none.
-    static bool runs_ahead(const char* to, const char* from) noexcept {
+    // backwards in none. What does not fit the first cache waits for the second anyway, and that one prefers
+    // forwards.
+    static bool runs_ahead(const char* to, const char* from, uint64 length) noexcept {
         const uint64 ahead = static_cast<uint64>(to - from) % 4096;
-        return ahead != 0 && ahead < 1024;
+        return ahead != 0 && ahead < 1024 && length <= 16384;
     }
 
     static void copy(void* destination, const void* source, uint64 length) noexcept {
@@ -56,22 +59,23 @@ struct kernels {
         const char* from = static_cast<const char*>(source);
         char* const last_to = to + length - block;
         const char* const last_from = from + length - block;
-        if (length <= 2 * block) {
-            if (length <= block) {
-                copy_half(to, from);
-                copy_half(last_to + 2 * width, last_from + 2 * width);
-            } else {
-                copy_block(to, from);
-                copy_block(last_to, last_from);
-            }
-        } else if (!runs_ahead(to, from)) {
-            VECTOR::store(to, VECTOR::load(from));
+        if (length <= 2 * width) {
+            const type a = VECTOR::load(from), b = VECTOR::load(last_from + 3 * width);
+            VECTOR::store(to, a), VECTOR::store(last_to + 3 * width, b);
+        } else if (length <= block) {
+            copy_half(to, from);
+            copy_half(last_to + 2 * width, last_from + 2 * width);
+        } else if (length <= 2 * block) {
+            copy_block(to, from);
+            copy_block(last_to, last_from);
+        } else if (!runs_ahead(to, from, length)) {
+            copy_one(to, from);
             const uint64 head = to_next(to, width);
             for (to += head, from += head; to < last_to; to += block, from += block)
                 copy_block_aligned(to, from);
             copy_block(last_to, last_from);
         } else {
-            VECTOR::store(last_to + 3 * width, VECTOR::load(last_from + 3 * width));
+            copy_one(last_to + 3 * width, last_from + 3 * width);
             const uint64 tail = width - to_next(last_to, width);
             char* at = last_to - tail;
             for (const char* with = last_from - tail; at > to; at -= block, with -= block)
@@ -95,7 +99,7 @@ struct kernels {
         char* const last_to = to + length - block;
         const char* const last_from = from + length - block;
         for (uint64 at = 0; at < line; at += width)
-            VECTOR::store(to + at, VECTOR::load(from + at));
+            copy_one(to + at, from + at);
         const uint64 head = to_next(to, line);
         for (to += head, from += head; to < last_to; to += block, from += block) {
             for (uint64 at = 0; at < block; at += line)
@@ -114,7 +118,10 @@ struct kernels {
         char* const last = to + length - block;
         const type begin = VECTOR::repeat(pattern);
         const type end = VECTOR::repeat(go_on(pattern, length));
-        if (length <= block) {
+        if (length <= 2 * width) {
+            VECTOR::store(to, begin);
+            VECTOR::store(last + 3 * width, end);
+        } else if (length <= block) {
             fill_half(to, begin);
             fill_half(last + 2 * width, end);
         } else if (length <= 2 * block) {

@@ -55,6 +55,7 @@ qor::simd::limits qor::simd::find_limits(const instruction_set& set, const cache
         // second.
         found.string_copy = string_copy;
         found.string_copy_from = first / 2;
+        found.string_gap = this_processor().string_gap;
         found.string_fill = string_fill;
         found.string_fill_from = second;
     }

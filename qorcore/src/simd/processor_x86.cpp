@@ -23,12 +23,23 @@ uint32 saved_state() noexcept {
     return low;
 }
 
+// Processors of AMD before Zen 5 have the gap; Intel's never had it.
+constexpr uint32 zen5 = 0x1a;
+
+bool has_gap(uint32 signature) noexcept {
+    uint32 a, b, c, d;
+    __cpuid(0, a, b, c, d);
+    const uint32 family = (signature >> 8 & 0xf) + (signature >> 20 & 0xff);
+    return b == signature_AMD_ebx && family < zen5;
+}
+
 } // namespace
 
 qor::simd::processor qor::simd::read_processor() noexcept {
     uint32 a, b, c, d;
     if (!__get_cpuid(1, &a, &b, &c, &d))
         return {};
+    const uint64 gap = has_gap(a) ? 64 : 0;
     const uint32 saved = (c & os_uses_xsave) != 0 ? saved_state() : 0;
     if (!__get_cpuid_count(7, 0, &a, &b, &c, &d))
         return {};
@@ -37,5 +48,6 @@ qor::simd::processor qor::simd::read_processor() noexcept {
     // The first processors with AVX-512 lower their clock for it; those that do not have VBMI2.
     return {.has_avx2 = keeps_avx && (b & avx2_bit) != 0,
             .has_avx512 = keeps_avx512 && (b & avx512_f_bit) != 0 && (c & avx512_vbmi2_bit) != 0,
-            .has_fast_strings = (b & fast_strings_bit) != 0};
+            .has_fast_strings = (b & fast_strings_bit) != 0,
+            .string_gap = gap};
 }

@@ -41,16 +41,11 @@ void copy_ends(char* to, const char* from, uint64 length) noexcept {
     put(to + length - sizeof(TYPE), last);
 }
 
-void copy_small(char* to, const char* from, uint64 length) noexcept {
+[[gnu::always_inline]] inline void copy_small(char* to, const char* from, uint64 length) noexcept {
     if (length > 2 * sizeof(piece)) {
-        const char* const last_from = from + length - sizeof(piece);
-        char* const last_to = to + length - sizeof(piece);
-        if (length > 4 * sizeof(piece)) {
-            copy_ends<piece>(to + 32, from + 32, 32);
-            copy_ends<piece>(last_to - 48, last_from - 48, 32);
-        }
-        copy_ends<piece>(to, from, 32);
-        copy_ends<piece>(last_to - 16, last_from - 16, 32);
+        copy_ends<piece>(to, from, 2 * sizeof(piece));
+        const uint64 rest = length - 2 * sizeof(piece);
+        copy_ends<piece>(to + rest, from + rest, 2 * sizeof(piece));
     } else if (length >= sizeof(piece)) {
         copy_ends<piece>(to, from, length);
     } else if (length >= 8) {
@@ -72,19 +67,14 @@ void fill_ends(char* to, uint64 pattern, uint64 length) noexcept {
     std::memcpy(to + length - sizeof(TYPE), &end, sizeof(TYPE));
 }
 
-void fill_small(char* to, uint64 pattern, uint64 length) noexcept {
+[[gnu::always_inline]] inline void fill_small(char* to, uint64 pattern, uint64 length) noexcept {
     if (length >= sizeof(piece)) {
         const piece begin{{pattern, pattern}};
         const uint64 phase = go_on(pattern, length);
         const piece end{{phase, phase}};
         char* const last = to + length - sizeof(piece);
-        if (length > 2 * sizeof(piece)) {
-            if (length > 4 * sizeof(piece)) {
-                put(to + 32, begin), put(to + 48, begin);
-                put(last - 48, end), put(last - 32, end);
-            }
-            put(to + 16, begin), put(last - 16, end);
-        }
+        if (length > 2 * sizeof(piece))
+            put(to + sizeof(piece), begin), put(last - sizeof(piece), end);
         put(to, begin), put(last, end);
     } else if (length >= 8) {
         fill_ends<uint64>(to, pattern, length);
@@ -118,19 +108,17 @@ constexpr qor::simd::instruction_set unresolved{"", resolve_and_copy, resolve_an
 constinit const plan no_plan(unresolved, {});
 constinit std::atomic<const plan*> current{&no_plan};
 
-// Where the destination lies up to a cache line behind the source, modulo 4096, some processors fall back to
-// single bytes in their string instruction.
-bool is_bad_for_strings(const void* destination, const void* source) noexcept {
+bool is_in_gap(const plan& by, const void* destination, const void* source) noexcept {
     const auto ahead =
         reinterpret_cast<std::uintptr_t>(destination) - reinterpret_cast<std::uintptr_t>(source);
-    return (ahead - 1) % 4096 < 64;
+    return (ahead - 1) % 4096 < by.large.string_gap;
 }
 
 [[gnu::noinline]] void copy_large(const plan& by, void* destination, const void* source,
                                   uint64 length) noexcept {
     if (length >= by.large.stream_copy_from)
         by.set->stream_copy(destination, source, length);
-    else if (is_bad_for_strings(destination, source))
+    else if (is_in_gap(by, destination, source))
         by.copy(destination, source, length);
     else
         by.large.string_copy(destination, source, length);

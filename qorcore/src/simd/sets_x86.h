@@ -12,6 +12,7 @@ struct processor {
     bool has_avx2;
     bool has_avx512;       // and runs it at full speed
     bool has_fast_strings; // rep movsb and rep stosq work line by line
+    uint64 string_gap;     // as in limits
 };
 processor read_processor() noexcept;
 

@@ -15,7 +15,7 @@ namespace qor::simd {
 
 // What every set aligns to: a cache line, which is also the widest vector.
 inline constexpr uint64 alignment = 64;
-inline constexpr uint64 small_limit = 128;
+inline constexpr uint64 small_limit = 64;
 inline constexpr uint64 stream_minimum = 256;
 inline constexpr uint64 never = ~uint64{0};
 
@@ -35,10 +35,13 @@ struct instruction_set {
 
 // From which lengths on something other than the set's ordinary kernel serves, and what.
 struct limits {
-    // The processor's own string instructions; they need string_* where the length below says so.
+    // The processor's own string instructions. Null: they serve no length.
     copy_kernel string_copy = nullptr;
     fill_kernel string_fill = nullptr;
     uint64 string_copy_from = never, string_fill_from = never;
+    // Where the destination lies 1 to so many bytes behind the source, modulo 4096, string_copy falls back to
+    // single bytes: ten times slower than anything else.
+    uint64 string_gap = 0;
     uint64 stream_copy_from = never, stream_fill_from = never;
 };
 
