@@ -103,7 +103,7 @@ bool unescape(const std::string& text, std::string& out) {
 
 bool same_inserts(const std::string& left, const std::string& right) {
     for (int number = 1; number <= 10; ++number) {
-        const std::string insert = "{" + std::to_string(number) + "}";
+        const std::string insert = std::string("{").append(std::to_string(number)).append("}");
         if ((left.find(insert) == std::string::npos) != (right.find(insert) == std::string::npos))
             return false;
     }

@@ -49,6 +49,8 @@ shared_state& state() {
     alignas(shared_state) static std::byte place[sizeof(shared_state)];
     static shared_state* const made = [] {
         auto* const shared = new (place) shared_state;
+        // To look for a variable that is not there is a failure on Windows, and an allocation is none.
+        const qor::error::keep_failures keep;
         // Which log is wanted is for the command line to say, where it does.
         const char* const name = qor::process::environment(qor::memory::log_variable);
         if (name != nullptr && !qor::process::has_argument(qor::memory::log_option))
