@@ -41,14 +41,15 @@ void copy_ends(char* to, const char* from, uint64 length) noexcept {
     put(to + length - sizeof(TYPE), last);
 }
 
+// The hints lay the code out: a jump that is taken costs a cycle of about eight.
 [[gnu::always_inline]] inline void copy_small(char* to, const char* from, uint64 length) noexcept {
-    if (length > 2 * sizeof(piece)) {
+    if (length >= sizeof(piece)) [[likely]] {
+        if (length <= 2 * sizeof(piece)) [[likely]]
+            return copy_ends<piece>(to, from, length);
         copy_ends<piece>(to, from, 2 * sizeof(piece));
         const uint64 rest = length - 2 * sizeof(piece);
         copy_ends<piece>(to + rest, from + rest, 2 * sizeof(piece));
-    } else if (length >= sizeof(piece)) {
-        copy_ends<piece>(to, from, length);
-    } else if (length >= 8) {
+    } else if (length >= 8) [[likely]] {
         copy_ends<uint64>(to, from, length);
     } else if (length >= 4) {
         copy_ends<uint32>(to, from, length);
@@ -132,7 +133,7 @@ bool is_in_gap(const plan& by, const void* destination, const void* source) noex
 }
 
 inline void copy(void* destination, const void* source, uint64 length) noexcept {
-    if (length <= small_limit)
+    if (length <= small_limit) [[unlikely]]
         return copy_small(static_cast<char*>(destination), static_cast<const char*>(source), length);
     const plan& by = *current.load(std::memory_order_acquire);
     if (length < by.large_copy_from) [[likely]]
