@@ -50,22 +50,41 @@ uint32 find_blank_in(__block* block) noexcept {
 
 static_assert(sizeof(__block) == 16 && __block::full_size == 16 + 1024 * 16);
 
-allocation_table::__entry allocation_table::find_blank(uint64 address) {
-    const uint32 bucket = bucket_of(address);
+// The bucket's only block and its earliest blank slot; null: there is a chain, or must be one.
+inline __block* allocation_table::find_blank_in_head(uint32 bucket, uint32& slot) {
     __block*& head = m_heads[bucket];
     if (head == nullptr)
         head = make_block(0);
-    if (!head->has_chain) {
-        const uint32 slot = find_blank_in(head);
-        if (slot < head->capacity)
-            return {bucket, 0, slot};
-        if (slot < __block::slot_count) {
-            head = grow(head);
-            return {bucket, 0, slot};
+    if (head->has_chain)
+        return nullptr;
+    slot = find_blank_in(head);
+    if (slot == head->capacity) {
+        if (slot == __block::slot_count) {
+            make_chain(bucket);
+            return nullptr;
         }
-        make_chain(bucket);
+        head = grow(head);
     }
+    return head;
+}
+
+allocation_table::__entry allocation_table::find_blank(uint64 address) {
+    const uint32 bucket = bucket_of(address);
+    uint32 slot;
+    if (find_blank_in_head(bucket, slot) != nullptr)
+        return {bucket, 0, slot};
     return find_blank_in_chain(bucket);
+}
+
+void allocation_table::add(uint64 address, uint32 size, uint32 origin) {
+    const uint32 bucket = bucket_of(address);
+    uint32 slot;
+    if (__block* const block = find_blank_in_head(bucket, slot)) {
+        block->addresses()[slot] = address;
+        block->data()[slot] = {size, origin};
+        return;
+    }
+    set(find_blank_in_chain(bucket), address, size, origin);
 }
 
 allocation_table::__entry allocation_table::find_blank_in_chain(uint32 bucket) {

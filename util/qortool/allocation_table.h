@@ -79,6 +79,10 @@ public:
     // Blanks the earliest slot that holds the address; false: none does. Address 0 is "held" by any blank slot.
     bool release(uint64 address) noexcept;
 
+    // The earliest blank slot of the bucket takes the block; as find_blank and set do, without naming the slot in between.
+    // Throws std::bad_alloc.
+    void add(uint64 address, uint32 size, uint32 origin);
+
     // The slot is a blank one, just found.
     void set(const __entry& entry, uint64 address, uint32 size, uint32 origin);
     uint64 address(const __entry& entry) const noexcept;
@@ -122,6 +126,7 @@ private:
 
     chain& chain_of(uint32 bucket) noexcept { return m_chains.find(bucket)->second; }
     void make_chain(uint32 bucket);
+    __block* find_blank_in_head(uint32 bucket, uint32& slot);
     __entry find_blank_in_chain(uint32 bucket);
     void prefetch_chain(uint64 address) noexcept;
     void prefetch_place(uint64 address) noexcept;

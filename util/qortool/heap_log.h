@@ -38,6 +38,7 @@ public:
 
 private:
     static constexpr uint32 limit = 64;
+    static constexpr uint32 head_lead = 12;
 
     bool read_ahead(allocation_table& table) {
         m_taken = m_count = 0;
@@ -48,7 +49,7 @@ private:
                 parse(table);
             // Lines of the next run would take the place of those at hand.
         } while (m_count == 0 && next_run());
-        for (uint32 i = 0; i < m_count; ++i)
+        for (uint32 i = m_count > head_lead ? m_count - head_lead : 0; i < m_count; ++i)
             table.prefetch_block(m_ahead[i].line.address);
         return m_count != 0;
     }
@@ -61,6 +62,9 @@ private:
             else if (!parse_any_line(each))
                 continue;
             table.prefetch_head(each.line.address);
+            // The heads asked for so many lines ago have arrived.
+            if (m_count >= head_lead)
+                table.prefetch_block(m_ahead[m_count - head_lead].line.address);
             ++m_count;
         }
     }

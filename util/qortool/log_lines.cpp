@@ -3,6 +3,7 @@
 #include "hexadecimal_digits.h"
 #include "log_fields.h"
 
+#include <array>
 #include <bit>
 #include <cstring>
 
@@ -62,8 +63,14 @@ bool take_number(const char*& at, uint64& value) noexcept {
     return digits.count != 0;
 }
 
-bool is_alloc_code(char code) noexcept { return code == '+' || code == '>'; }
-bool is_release_code(char code) noexcept { return code == '-' || code == '<'; }
+enum class code_meaning : unsigned char { none, allocation, release };
+
+constexpr auto meanings = [] {
+    std::array<code_meaning, 256> all{};
+    all['+'] = all['>'] = code_meaning::allocation;
+    all['-'] = all['<'] = code_meaning::release;
+    return all;
+}();
 
 } // namespace
 
@@ -75,20 +82,22 @@ bool log_lines::take_usual(const char*& next, mtrace_line& out) {
     // A gap that is the line's end would be followed by the next line, or by the padding.
     if (code == caller + 1 || code[-1] != ' ' || code[1] != ' ')
         return false;
-    out.is_alloc = is_alloc_code(*code);
-    if (!out.is_alloc && !is_release_code(*code))
-        return false;
+    // What is taken and what is given back come in no order that a processor could guess. So there is one way
+    // through for both: the size of a release is read where there is none, and not used.
+    const code_meaning meaning = meanings[static_cast<unsigned char>(*code)];
     const char* at = code + 2;
-    if (!take_number(at, out.address))
+    if (!take_number(at, out.address) || meaning == code_meaning::none)
         return false;
-    uint64 size = 0;
-    if (*at == ' ' && !take_number(++at, size))
+    const hexadecimal_digits size = read_hexadecimal_digits(at + 3);
+    const bool has_size = *at == ' ';
+    const bool is_number = (at[1] == '0') & (at[2] == 'x') & (size.count != 0);
+    at += has_size ? 3 + size.count : 0;
+    if ((*at != '\n') | (has_size & !is_number))
         return false;
-    if (*at != '\n')
-        return false;
+    out.is_alloc = meaning == code_meaning::allocation;
     out.caller = between(caller, code - 1);
     out.code = {code, 1};
-    out.size = static_cast<uint32>(size);
+    out.size = has_size ? static_cast<uint32>(size.value) : 0;
     out.is_code_known = true;
     next = at + 1;
     return true;
@@ -106,9 +115,9 @@ log_lines::kind log_lines::parse(std::string_view line, mtrace_line& out) {
         return kind::too_few_words;
     out.address = log_fields::hexadecimal(address);
     out.size = size.empty() ? 0 : static_cast<uint32>(log_fields::unsigned_number(size));
-    const char code = out.code[0];
-    out.is_code_known = is_alloc_code(code) || is_release_code(code);
-    out.is_alloc = out.is_code_known ? is_alloc_code(code) : out.size != 0;
+    const code_meaning meaning = meanings[static_cast<unsigned char>(out.code[0])];
+    out.is_code_known = meaning != code_meaning::none;
+    out.is_alloc = out.is_code_known ? meaning == code_meaning::allocation : out.size != 0;
     return kind::record;
 }
 

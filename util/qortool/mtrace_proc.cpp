@@ -42,10 +42,12 @@ bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
 }
 
 void mtrace_proc::mtrace_allocation(const __mtrace_line& rec) {
+    const uint32 origin = m_origins.of_caller(rec.caller);
+    if (!m_memcheck_file.is_given())
+        return m_table.add(rec.address, rec.size, origin);
     const __entry entry = m_table.find_blank(rec.address);
-    m_table.set(entry, rec.address, rec.size, m_origins.of_caller(rec.caller));
-    if (m_memcheck_file.is_given())
-        mtrace_add_memcheck_data(entry);
+    m_table.set(entry, rec.address, rec.size, origin);
+    mtrace_add_memcheck_data(entry);
 }
 
 look_ahead_list::record mtrace_proc::keep(const __memcheck_line& rec) {
@@ -105,7 +107,7 @@ void mtrace_proc::mtrace_handle_huge_entry(const __memcheck_line& rec) {
 void mtrace_proc::enter_memcheck(const __memcheck_line& rec) {
     const uint32 origin =
         m_origins.of({0, m_origins.text(rec.type_name), m_origins.text(rec.file), rec.line, rec.bt});
-    m_table.set(m_table.find_blank(rec.address), rec.address, rec.size, origin);
+    m_table.add(rec.address, rec.size, origin);
 }
 
 void mtrace_proc::set_type_name(const __entry& entry, uint32 type_name) {
