@@ -180,6 +180,26 @@ class Robustness(unittest.TestCase):
                 self.assertEqual(run.code, 0)
                 self.assertTrue(run.out == out)
 
+    def test_a_line_without_end(self):
+        """The reading ends there; what came before it is reported."""
+
+        def feed(stream):
+            stream.write(b"@ app + 0x10 0x20\n")
+            try:
+                while True:
+                    stream.write(b"@" * MIB)
+            except BrokenPipeError:
+                pass
+            # Else the buffer's rest is written once more when the stream is closed.
+            os.dup2(os.open(os.devnull, os.O_WRONLY), stream.fileno())
+
+        leak = b"LEAK at 0x10 size 32 type 0 caller [app] type_name [] file [] line 0\n"
+        run = Run(["mtrace", "/dev/stdin"], feed, 640 * MIB)
+        self.assertEqual((run.code, run.out), (0, leak + b"Leaked 1 objects totalling 32 bytes\nDone\n"))
+        for action in ("mtrace", "memcheck"):
+            run = Run([action, "/dev/zero"], None, 640 * MIB)
+            self.assertEqual((run.code, run.out), (0, b"No leaks found\nDone\n"))
+
     def test_distinct_callers(self):
         """What is remembered of callers follows the live blocks, not the length of the log."""
         count = 10_000_000 if options.full else 1_000_000 if not options.instrumented else 200_000

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <random>
 
 namespace {
@@ -147,6 +148,19 @@ TEST_F(simple_file_reader, the_end_of_a_file_is_no_error_and_stays_the_end) {
     qorString line;
     EXPECT_FALSE(reader->ReadLine(line));
     EXPECT_EQ(last_error(), "There is no error to report.");
+}
+
+TEST_F(simple_file_reader, a_line_of_more_than_256_MiB_is_a_read_error) {
+    const std::string path = m_folder.file("text", "a\n");
+    std::filesystem::resize_file(path, 2 + (std::uintmax_t{256} << 20)); // holes take no room
+    const reader_pointer reader = make_reader();
+    ASSERT_TRUE(reader->Open(path.c_str(), 0));
+    EXPECT_EQ(read_all(*reader), words{"a"});
+    EXPECT_EQ(last_error(), "Cannot read '" + path + "': a line of it is longer than 256 MiB.");
+    qorClearLastError();
+    qorString line;
+    EXPECT_FALSE(reader->ReadLine(line));
+    EXPECT_EQ(last_error(), "Cannot read '" + path + "': a line of it is longer than 256 MiB.");
 }
 
 TEST_F(simple_file_reader, a_second_open_begins_anew) {

@@ -16,6 +16,9 @@ constexpr char source[] = "qorcore/src/file/simple_file_reader";
 // Large enough that the system call does not count, small enough to stay in the second-level cache.
 constexpr std::size_t block_size = 256 * 1024;
 
+// What has no line ends, a device for instance, must not take all memory.
+constexpr std::size_t longest_line = std::size_t{256} << 20;
+
 class simple_file_reader final : public qor::object<IQORSimpleFileReader> {
 public:
     simple_file_reader() noexcept : object("qorcore.simple_file_reader", "IQORSimpleFileReader") {}
@@ -70,6 +73,10 @@ private:
             std::memmove(m_block, m_block + m_lines_end, m_end);
         m_next = m_lines_end = 0;
         for (;;) {
+            if (m_end == longest_line) {
+                qor::error::set(qorError_line_too_long, {m_path.c_str(), std::to_string(longest_line >> 20).c_str()});
+                return false;
+            }
             if (m_end == m_size)
                 enlarge();
             std::size_t count = 0;

@@ -47,8 +47,9 @@ public:
     // do, a folder will not. False: the last error names the path and the reason.
     virtual bool Open(const char* path, uint32 flags) noexcept = 0;
 
-    // Reads the next line, of any length, without its end (LF or CR LF); what follows the last line end is a line
-    // too unless it is empty. False at the end of the file or on a read error, which is then the last error.
+    // Reads the next line, of at most 256 MiB, without its end (LF or CR LF); what follows the last line end is a line
+    // too unless it is empty. False at the end of the file, at a longer line, or on a read error; the last two are
+    // then the last error.
     virtual bool ReadLine(qorString& line) noexcept = 0;
 
     // Hands out the next run of whole lines in place: *size bytes at *text, the next line first. Every line ends with
