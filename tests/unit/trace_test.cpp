@@ -356,11 +356,11 @@ const qor::test::scene all_codes{"trace_all_codes", [](const words&) {
     EXPECT_EQ(qorGetLastError(text), 0u);
     EXPECT_EQ(qorDebugAllocateCode("one.too.many"), 0u);
     EXPECT_EQ(qorGetLastError(text), qorError_no_trace_codes_left);
-    EXPECT_STREQ(text, "No trace code is left for 'one.too.many': a process has 4095 at most.");
-    EXPECT_EQ(qorDebugAllocateCode("4095"), 4095u);
+    EXPECT_STREQ(text, "No trace code is left for 'one.too.many': a process has 16383 at most.");
+    EXPECT_EQ(qorDebugAllocateCode("16383"), 16383u);
     qorDebugEnableCode("*", true);
     EXPECT_FALSE(is_on(0));
-    EXPECT_TRUE(is_on(4095));
+    EXPECT_TRUE(is_on(16383));
     qorDebug(0, "nothing");
     return 0;
 }};

@@ -52,6 +52,7 @@ void qor::glue::qorCleanup() noexcept {
     cleanup_entry entry;
     while (take_cleanup(entry))
         entry.routine(entry.context);
+    qorDebugListen(nullptr, nullptr, nullptr);
     qorSetSignalHandler(nullptr);
     qor::debug::detach_file();
 }
