@@ -58,7 +58,11 @@ protected:
         EXPECT_TRUE(qorDebugAttachFile(nullptr));
     }
 
-    std::vector<std::string> lines() const { return bodies(read_file(m_path)); }
+    // Attached anew, the file has all of them.
+    std::vector<std::string> lines() const {
+        EXPECT_TRUE(qorDebugAttachFile(m_path.c_str()));
+        return bodies(read_file(m_path));
+    }
 
     const temp_folder m_folder;
     const std::string m_path;
