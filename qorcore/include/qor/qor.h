@@ -7,6 +7,7 @@
 #include "qor/glue/primitives.h"
 #include "qor/system/Colour.h"
 #include "qor/system/Debug.h"
+#include "qor/system/DebugControl.h"
 #include "qor/system/Digest.h"
 #include "qor/system/Error.h"
 #include "qor/system/File.h"

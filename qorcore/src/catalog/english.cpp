@@ -116,6 +116,18 @@ constexpr message qorcore[] = {
     {1030, "'{1}' is not the name of a language"},
     {1031, "it names no language"},
     {1040, "it is no library, or only a part of one"},
+    {1065, "--qor-debug-listen=[HOST:]PORT"},
+    {1066, "Let 'qortool debug-control' switch trace codes here (or set QOR_DEBUG_LISTEN)."},
+    {1067, "--qor-debug-users=FILE"},
+    {1068, "Who may do so: accounts that 'qor-debug-user' wrote to FILE (or set QOR_DEBUG_USERS)."},
+    {1070, "it does not answer"},
+    {1071, "it closed the connection"},
+    {1072, "it was silent for too long"},
+    {1073, "TLS 1.3 fails: {1}"},
+    {1074, "it does not speak '{1}'"},
+    {1075, "a frame that makes no sense"},
+    {1076, "it asks for a login that is not safe"},
+    {1077, "it does not read its answers"},
 };
 
 constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}};

@@ -2,7 +2,7 @@
 #include "process/framework_options.h"
 
 #include "catalog/catalog.h"
-#include "debug/trace.h"
+#include "debug/trace_output.h"
 #include "error/error.h"
 #include "memory/tracking.h"
 #include "process/process.h"
@@ -53,6 +53,21 @@ bool start_allocation_log(const char* source, const std::string& value) {
     return check_written(source, value, qor::memory::start_log(value));
 }
 
+// The file of accounts that the next option wants.
+std::string& users_file() {
+    static auto* const made = new std::string;
+    return *made;
+}
+
+bool take_users_file(const char*, const std::string& value) {
+    users_file() = value;
+    return true;
+}
+
+bool listen_for_debug_control(const char*, const std::string& value) {
+    return qor::glue::qorDebugListen(value.c_str(), users_file().empty() ? nullptr : users_file().c_str(), nullptr);
+}
+
 struct option {
     const char* name; // behind the prefix
     const char* variable;
@@ -66,6 +81,8 @@ constexpr option options[] = {
     {"language", "QOR_LANGUAGE", "LIST", set_language},
     {"debug-file", "QOR_DEBUG_FILE", "FILE", trace_to_file},
     {"debug", "QOR_DEBUG", "NAMES", enable_codes},
+    {"debug-users", "QOR_DEBUG_USERS", "FILE", take_users_file},
+    {"debug-listen", "QOR_DEBUG_LISTEN", "[HOST:]PORT", listen_for_debug_control},
     {"memcheck", qor::memory::log_variable, "FILE", start_allocation_log},
 };
 
@@ -117,6 +134,8 @@ const qor::process::option_help qor::process::option_helps[] = {
     {1001, 1002}, // --qor-debug
     {1003, 1004}, // --qor-debug-file
     {1005, 1006}, // --qor-memcheck
+    {1065, 1066}, // --qor-debug-listen
+    {1067, 1068}, // --qor-debug-users
     {1007, 1008}, // --qor-language
 };
 

@@ -14,7 +14,7 @@ struct option_help {
     uint32 description;
 };
 
-inline constexpr uint32 option_count = 4;
+inline constexpr uint32 option_count = 6;
 extern const option_help option_helps[option_count];
 
 } // namespace qor::process

@@ -17,6 +17,7 @@
 
 class IQORDataSink;
 class IQORDataSource;
+class IQORDebugControl;
 class IQORDigestEngine;
 class IQORErrorBuilder;
 class IQORErrorMessage;
@@ -38,7 +39,7 @@ using qorDebugFlag = std::atomic<uint8>;
 static_assert(sizeof(qorDebugFlag) == 1 && qorDebugFlag::is_always_lock_free);
 
 // Codes lie below this number; the array that qorDebugGetFlags hands out is so long.
-inline constexpr uint32 qorDebugMaxCodes = 4096;
+inline constexpr uint32 qorDebugMaxCodes = 16384;
 
 // Like strcmp: negative, zero or positive.
 using qorStringCompare = int (*)(const char* left, const char* right, void* context) noexcept;
