@@ -6,31 +6,28 @@
 
 #include <openssl/crypto.h>
 
-#include <cstring>
+#include <string_view>
 
 namespace {
 
-// Hands what a maker of one interface made out as what the table speaks of.
-template <class INTERFACE>
-bool hand_out(bool made, INTERFACE* object, void** out) noexcept {
-    if (made)
-        *out = object;
-    return made;
+// A maker of one interface gives what it made to a pointer of that type; the table speaks of any.
+template <class INTERFACE, class MAKER>
+bool make(MAKER maker, void** out) noexcept {
+    INTERFACE* made = nullptr;
+    if (!maker(&made))
+        return false;
+    *out = made;
+    return true;
 }
 
 bool create_object(const char* interface_name, const char* kind, void** out) noexcept {
-    if (std::strcmp(interface_name, "IQORDigestEngine") == 0) {
-        IQORDigestEngine* engine = nullptr;
-        return hand_out(create_digest_engine(kind, &engine), engine, out);
-    }
-    if (std::strcmp(interface_name, "IQORDebugControl") == 0) {
-        IQORDebugControl* control = nullptr;
-        return hand_out(create_debug_control("", &control), control, out);
-    }
-    if (std::strcmp(interface_name, "IQORDebugListener") == 0) {
-        IQORDebugListener* listener = nullptr;
-        return hand_out(create_debug_listener(&listener), listener, out);
-    }
+    const std::string_view wanted = interface_name;
+    if (wanted == "IQORDigestEngine")
+        return make<IQORDigestEngine>([kind](auto made) { return create_digest_engine(kind, made); }, out);
+    if (wanted == "IQORDebugControl")
+        return make<IQORDebugControl>([](auto made) { return create_debug_control("", made); }, out);
+    if (wanted == "IQORDebugListener")
+        return make<IQORDebugListener>(create_debug_listener, out);
     qorSetLastError(qorError_not_supported);
     return false;
 }
