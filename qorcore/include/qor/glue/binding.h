@@ -24,6 +24,7 @@ class IQORMemoryDataSink;
 class IQORMemoryDataSource;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
+class IQORUserToken;
 class qorDataBlock;
 class qorFile;
 class qorRational;
