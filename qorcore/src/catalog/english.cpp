@@ -116,6 +116,8 @@ constexpr message qorcore[] = {
     {1030, "'{1}' is not the name of a language"},
     {1031, "it names no language"},
     {1040, "it is no library, or only a part of one"},
+    {1080, "it is no valid international name"},
+    {1081, "it is an international name, and the library libidn2, which the system needs for these, is missing"},
 };
 
 constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}};
