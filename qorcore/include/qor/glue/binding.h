@@ -37,6 +37,7 @@ struct qorHostAddress;
 struct qorTimeInfo;
 struct qoraddr_ipv4;
 struct qoraddr_ipv6;
+enum qorFolderId : uint32;
 
 // A trace switch. The library writes it, everyone reads it: 0 is off.
 using qorDebugFlag = std::atomic<uint8>;
