@@ -39,13 +39,13 @@ const qortool_app::option_row qortool_app::s_options[] = {
 // The order is that of the search and of the help text.
 const qortool_app::action_row qortool_app::s_actions[] = {
     {"help", &qortool_app::func_help, 2, 3},
-    {"sysinfo", nullptr, 56, 57},
+    {"sysinfo", &qortool_app::func_sysinfo, 56, 57},
     {"netlist", nullptr, 12, 13},
     {"pwcrypt", nullptr, 23, 24},
     {"ttyinfo", nullptr, 25, 26},
     {"list-serial", nullptr, 54, 55},
     {"md5sum", &qortool_app::func_md5sum, 27, 28},
-    {"lookup", nullptr, 29, 30},
+    {"lookup", &qortool_app::func_lookup, 29, 30},
     {"userinfo", &qortool_app::func_userinfo, 59, 60},
     {"timer-check", &qortool_app::func_timer_check, 44, 45},
     {"simd-test", &qortool_app::func_simd_test, 51, 52},

@@ -53,8 +53,10 @@ private:
     int opt_quiet(const char* value);
 
     int func_help(qorStringArray& args);
+    int func_sysinfo(qorStringArray& args);
     int func_md5sum(qorStringArray& args);
     int func_debug_control(qorStringArray& args);
+    int func_lookup(qorStringArray& args);
     int func_mtrace(qorStringArray& args);
     int func_memcheck(qorStringArray& args);
     int func_simd_test(qorStringArray& args);

@@ -21,6 +21,7 @@
 #include "qor/system/Stream.h"
 #include "qor/system/String.h"
 #include "qor/system/StringArray.h"
+#include "qor/system/SystemInfo.h"
 #include "qor/system/Time.h"
 #include "qor/system/Timecode.h"
 #include "qor/system/Types.h"

@@ -133,6 +133,8 @@ constexpr message qorcore[] = {
     {1077, "it does not read its answers"},
     {1078, "there is no such file"},
     {1079, "others may read it (take that right away: chmod go= FILE)"},
+    {1080, "it is no valid international name"},
+    {1081, "it is an international name, and the library libidn2, which the system needs for these, is missing"},
 };
 
 constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}};

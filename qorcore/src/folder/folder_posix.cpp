@@ -12,6 +12,7 @@
 #include <dlfcn.h>
 #include <gnu/libc-version.h>
 #include <memory>
+#include <mutex>
 #include <pwd.h>
 #include <unistd.h>
 #include <vector>
@@ -29,13 +30,21 @@ std::string real_path(const char* path) {
     return real != nullptr ? real.get() : std::string();
 }
 
+// Asked for once: it takes longer than all else here, and every folder of the user may need it.
 std::string home_of_account() {
+    static std::mutex lock;
+    static std::string& known = *new std::string;
+    const std::lock_guard hold(lock);
+    if (!known.empty())
+        return known;
     std::vector<char> buffer(1024);
     passwd account;
     passwd* found = nullptr;
     while (getpwuid_r(getuid(), &account, buffer.data(), buffer.size(), &found) == ERANGE)
         buffer.resize(2 * buffer.size());
-    return found != nullptr ? clean(account.pw_dir) : std::string();
+    if (found != nullptr)
+        known = clean(account.pw_dir);
+    return known;
 }
 
 std::string fail(qorFolderId id, uint32 reason) {

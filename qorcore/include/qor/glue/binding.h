@@ -21,10 +21,12 @@ class IQORDebugControl;
 class IQORDigestEngine;
 class IQORErrorBuilder;
 class IQORErrorMessage;
+class IQORHostAddressList;
 class IQORMemoryDataSink;
 class IQORMemoryDataSource;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
+class IQORSystemInfo;
 class IQORUserToken;
 class qorDataBlock;
 class qorFile;
@@ -35,9 +37,9 @@ class qorTimecode;
 class qorVector;
 struct qorHostAddress;
 struct qorTimeInfo;
-enum qorFolderId : uint32;
 struct qoraddr_ipv4;
 struct qoraddr_ipv6;
+enum qorFolderId : uint32;
 
 // A trace switch. The library writes it, everyone reads it: 0 is off.
 using qorDebugFlag = std::atomic<uint8>;
