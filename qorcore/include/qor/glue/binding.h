@@ -32,7 +32,10 @@ class qorString;
 class qorStringArray;
 class qorTimecode;
 class qorVector;
+struct qorHostAddress;
 struct qorTimeInfo;
+struct qoraddr_ipv4;
+struct qoraddr_ipv6;
 
 // A trace switch. The library writes it, everyone reads it: 0 is off.
 using qorDebugFlag = std::atomic<uint8>;

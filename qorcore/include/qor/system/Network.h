@@ -1,0 +1,69 @@
+// Addresses of hosts, their text forms, and the look-up of hosts by name.
+#pragma once
+
+#include "qor/glue/binding.h"
+#include "qor/system/Interface.h"
+
+class qorString;
+
+// Addresses are bytes in the order in which they are written and sent.
+struct qoraddr_ipv4 {
+    uint8 bytes[4];
+
+    bool operator==(const qoraddr_ipv4&) const noexcept = default;
+};
+
+struct qoraddr_ipv6 {
+    uint8 bytes[16];
+
+    bool operator==(const qoraddr_ipv6&) const noexcept = default;
+};
+
+// Addresses of an interface: the address, and how many of its bits, from the left, its network has in common.
+struct qorNetAddress4 {
+    qoraddr_ipv4 address;
+    uint8 prefix; // 0 to 32
+};
+
+struct qorNetAddress6 {
+    qoraddr_ipv6 address;
+    uint8 prefix; // 0 to 128
+    uint32 scope; // as in qorHostAddress
+};
+
+enum class qorAddressFamily : uint32 {
+    none = 0, // no address
+    ipv4 = 4,
+    ipv6 = 6,
+};
+
+// The address of a host. Only the member that `family` names counts; the other one is zero.
+struct qorHostAddress {
+    qorAddressFamily family = qorAddressFamily::none;
+    qoraddr_ipv4 ipv4{};
+    qoraddr_ipv6 ipv6{};
+
+    // IPv6 addresses that are valid on one link only: the index of this host's interface to that link. 0 where the
+    // address needs none.
+    uint32 scope = 0;
+
+    bool operator==(const qorHostAddress&) const noexcept = default;
+};
+
+// The text of an address, in place of what `out` held: "192.0.2.1".
+inline void qorAddressToString(const qoraddr_ipv4& address, qorString& out) noexcept {
+    qor::glue::qorAddressToString_ipv4(address, out);
+}
+
+// "2001:db8::1": the shortest form, in small letters, an embedded IPv4 address as one: "::ffff:192.0.2.1". A scope
+// other than 0 follows as "%eth0", or as "%3" where the interface has no name: always numeric on Windows, and for
+// addresses that are not link-local. What it makes can be looked up again.
+inline void qorAddressToString(const qoraddr_ipv6& address, uint32 scope, qorString& out) noexcept {
+    qor::glue::qorAddressToString_ipv6(address, scope, out);
+}
+
+// Either of them; no text at all where the family is none. `with_scope`: false leaves the scope out, for another host
+// has interfaces of its own.
+inline void qorAddressToString(const qorHostAddress& address, bool with_scope, qorString& out) noexcept {
+    qor::glue::qorAddressToString_host(address, with_scope, out);
+}

@@ -1,0 +1,8 @@
+#include "net/address.h"
+
+#include <net/if.h>
+
+std::string qor::net::scope_name(uint32 scope) {
+    char name[IF_NAMESIZE];
+    return if_indextoname(scope, name) != nullptr ? name : "";
+}
