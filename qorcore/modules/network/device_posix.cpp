@@ -152,7 +152,7 @@ void device_finder::describe_pci(const std::string& folder, device_facts& out) {
     if (out.model.empty())
         out.model = find_section(of_vendor.inside, "\t" + device + "  ", "\t\t").name;
     if (out.model.empty())
-        out.model = (out.maker.empty() ? vendor + ":" : "device ") + device;
+        out.model = (out.maker.empty() ? "PCI device " + vendor + ":" : "device ") + device;
 }
 
 std::optional<device_facts> device_finder::find(const link_row& link) {
@@ -174,7 +174,7 @@ std::optional<device_facts> device_finder::find(const link_row& link) {
             facts.maker = read_line(folder + "/manufacturer");
             facts.model = read_line(folder + "/product");
             if (facts.model.empty())
-                facts.model = identifier(folder + "/idVendor") + ":" + identifier(folder + "/idProduct");
+                facts.model = "USB device " + read_line(folder + "/idVendor") + ":" + read_line(folder + "/idProduct");
             break;
         }
         if (subsystem == "pci") {

@@ -16,7 +16,7 @@ struct kind_name {
 constexpr kind_name kinds[] = {
     {"bareudp", "Tunnel"}, {"batadv", "Mesh"},       {"bond", "Bond"},         {"bridge", "Bridge"},
     {"dummy", "Dummy"},    {"erspan", "Tunnel"},     {"geneve", "GENEVE"},     {"gre", "Tunnel"},
-    {"gretap", "Tunnel"},  {"gtp", "Tunnel"},        {"hsr", "Ring"},          {"ifb", "Intermediate"},
+    {"gretap", "Tunnel"},  {"gtp", "Tunnel"},        {"hsr", "Ring"},          {"ifb", "IFB"},
     {"ip6erspan", "Tunnel"}, {"ip6gre", "Tunnel"},   {"ip6gretap", "Tunnel"},  {"ip6tnl", "Tunnel"},
     {"ipip", "Tunnel"},    {"ipvlan", "IPVLAN"},     {"ipvtap", "IPVLAN"},     {"macsec", "MACsec"},
     {"macvlan", "MACVLAN"}, {"macvtap", "MACVLAN"},  {"netdevsim", "Simulated"}, {"nlmon", "Monitor"},
