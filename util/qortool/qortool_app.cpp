@@ -40,7 +40,7 @@ const qortool_app::option_row qortool_app::s_options[] = {
 const qortool_app::action_row qortool_app::s_actions[] = {
     {"help", &qortool_app::func_help, 2, 3},
     {"sysinfo", &qortool_app::func_sysinfo, 56, 57},
-    {"netlist", nullptr, 12, 13},
+    {"netlist", &qortool_app::func_netlist, 12, 13},
     {"pwcrypt", nullptr, 23, 24},
     {"ttyinfo", nullptr, 25, 26},
     {"list-serial", nullptr, 54, 55},

@@ -35,6 +35,8 @@ protected:
     void Signal(qorSignal signal) noexcept override;
     uint32 queued() const noexcept { return m_fifo_count; }
 
+    void netlist_show_net(IQORNetInterface* ni);
+
 private:
     struct fifo_node {
         fifo_node* next;
@@ -59,6 +61,7 @@ private:
     int func_lookup(qorStringArray& args);
     int func_mtrace(qorStringArray& args);
     int func_memcheck(qorStringArray& args);
+    int func_netlist(qorStringArray& args);
     int func_simd_test(qorStringArray& args);
     int func_timer_check(qorStringArray& args);
     int func_dow(qorStringArray& args);

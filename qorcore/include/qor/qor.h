@@ -15,6 +15,7 @@
 #include "qor/system/Geometry.h"
 #include "qor/system/Interface.h"
 #include "qor/system/Memory.h"
+#include "qor/system/NetInterface.h"
 #include "qor/system/Network.h"
 #include "qor/system/Process.h"
 #include "qor/system/Simd.h"

@@ -32,7 +32,7 @@ constexpr message qortool[] = {
     {17, "Description:       {1}"},
     {18, "Hardware address:  {1}"},
     {19, "IPv4 address:      {1}"},
-    {20, "Further IPv4:      {1}"},
+    {20, "Default gateway:   {1}"},
     {21, "The network interfaces cannot be listed: {1}"},
     {22, "Display name:      {1}"},
     {23, "pwcrypt <password>"},

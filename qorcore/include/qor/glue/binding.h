@@ -24,6 +24,7 @@ class IQORErrorMessage;
 class IQORHostAddressList;
 class IQORMemoryDataSink;
 class IQORMemoryDataSource;
+class IQORNetInterfaceList;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
 class IQORSystemInfo;

@@ -1,0 +1,189 @@
+#include "device_posix.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// Of the files read here only the list of PCI names is longer than a few hundred bytes; it has 1.5 MB.
+constexpr std::size_t longest_file = 16 * 1024 * 1024;
+
+// Empty: there is no such file.
+std::string read_file(const std::string& path) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"), std::fclose);
+    std::string text;
+    if (file == nullptr)
+        return text;
+    char block[4096];
+    for (std::size_t got; text.size() < longest_file && (got = std::fread(block, 1, sizeof block, file.get())) != 0;)
+        text.append(block, got);
+    return text;
+}
+
+std::string read_line(const std::string& path) {
+    std::string text = read_file(path);
+    text.resize(std::min(text.find('\n'), text.size()));
+    return text;
+}
+
+std::string real_path(const std::string& path) {
+    const std::unique_ptr<char, void (*)(void*)> real(::realpath(path.c_str(), nullptr), std::free);
+    return real != nullptr ? real.get() : "";
+}
+
+std::string last_part(std::string_view path) {
+    return std::string(path.substr(path.rfind('/') + 1));
+}
+
+// The name of what a link leads to; empty: there is no such link.
+std::string target_name(const std::string& link) {
+    char target[4096];
+    const ssize_t length = ::readlink(link.c_str(), target, sizeof target);
+    return length > 0 ? last_part({target, static_cast<std::size_t>(length)}) : "";
+}
+
+bool exists(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0;
+}
+
+std::string hexadecimal(const std::vector<uint8>& bytes) {
+    std::string text;
+    for (const uint8 byte : bytes) {
+        char digits[4];
+        std::snprintf(digits, sizeof digits, ":%02x", byte);
+        text += digits + (text.empty() ? 1 : 0);
+    }
+    return text;
+}
+
+// "0x8086" without the front.
+std::string identifier(const std::string& path) {
+    const std::string text = read_line(path);
+    return text.starts_with("0x") ? text.substr(2) : text;
+}
+
+// The value of a line "KEY=value"; the last of several, as programs that run on such files see it.
+std::string value_of(std::string_view text, std::string_view key) {
+    std::string value;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        if (const std::string_view line = text.substr(0, end); line.starts_with(key))
+            value = line.substr(key.size());
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return value;
+}
+
+// The text behind the line that begins with `head`, within [begin, end); its end is the next line that does not begin
+// with `inner`, or with a comment. Empty: there is no such line.
+struct section {
+    std::string name;
+    std::string_view inside;
+};
+
+section find_section(std::string_view text, const std::string& head, std::string_view inner) {
+    std::size_t at = text.starts_with(head) ? 0 : text.find("\n" + head);
+    if (at == text.npos)
+        return {};
+    at += text[at] == '\n';
+    const std::size_t end = std::min(text.find('\n', at), text.size());
+    section found{std::string(text.substr(at + head.size(), end - at - head.size())), {}};
+    std::size_t behind = std::min(end + 1, text.size());
+    const std::size_t inside = behind;
+    while (behind < text.size() && (text.substr(behind).starts_with(inner) || text[behind] == '#'))
+        behind = std::min(text.find('\n', behind), text.size() - 1) + 1;
+    found.inside = text.substr(inside, behind - inside);
+    return found;
+}
+
+// Where the kernel's name for a USB device says it is: "1-2.3", "1-2.3:1.0" for a part of it.
+std::string usb_place(const std::string& name) {
+    const std::size_t dash = name.find('-');
+    return "USB bus " + name.substr(0, dash) + ", port " + name.substr(dash + 1, name.find(':') - dash - 1);
+}
+
+} // namespace
+
+namespace network {
+
+std::string device_finder::folder_of(const link_row& link) const {
+    if (!link.device.empty())
+        return real_path(m_root + "/sys/bus/" + link.bus + "/devices/" + link.device);
+    return link.kind.empty() ? folder_by_name(link) : "";
+}
+
+// Kernels before 5.14 do not say where the hardware is. Only what is surely this interface will do.
+std::string device_finder::folder_by_name(const link_row& link) const {
+    const std::string folder = m_root + "/sys/class/net/" + link.name;
+    const bool is_it = read_line(folder + "/ifindex") == std::to_string(link.index) &&
+                       read_line(folder + "/address") == hexadecimal(link.hardware_address);
+    return is_it ? real_path(folder + "/device") : "";
+}
+
+// Common places of the list of all PCI devices.
+const std::string& device_finder::pci_names() {
+    if (!m_pci_names) {
+        m_pci_names.emplace();
+        for (const char* const path : {"/usr/share/misc/pci.ids", "/usr/share/hwdata/pci.ids", "/usr/share/pci.ids"})
+            if (m_pci_names->empty())
+                *m_pci_names = read_file(m_root + path);
+    }
+    return *m_pci_names;
+}
+
+void device_finder::describe_pci(const std::string& folder, device_facts& out) {
+    // What the device manager found in its hardware database when the device appeared.
+    const std::string known = read_file(m_root + "/run/udev/data/+pci:" + last_part(folder));
+    out.maker = value_of(known, "E:ID_VENDOR_FROM_DATABASE=");
+    out.model = value_of(known, "E:ID_MODEL_FROM_DATABASE=");
+    if (!out.maker.empty() && !out.model.empty())
+        return;
+    const std::string vendor = identifier(folder + "/vendor");
+    const std::string device = identifier(folder + "/device");
+    if (vendor.empty())
+        return;
+    const section of_vendor = find_section(pci_names(), vendor + "  ", "\t");
+    if (out.maker.empty())
+        out.maker = of_vendor.name;
+    if (out.model.empty())
+        out.model = find_section(of_vendor.inside, "\t" + device + "  ", "\t\t").name;
+    if (out.model.empty())
+        out.model = (out.maker.empty() ? "PCI device " + vendor + ":" : "device ") + device;
+}
+
+std::optional<device_facts> device_finder::find(const link_row& link) {
+    std::string folder = folder_of(link);
+    if (folder.empty() && link.device.empty())
+        return std::nullopt;
+    device_facts facts;
+    const std::string name = folder.empty() ? link.device : last_part(folder);
+    const std::string bus = folder.empty() ? link.bus : target_name(folder + "/subsystem");
+    facts.place = bus == "pci" ? "PCI " + name : bus.empty() ? name : bus + " " + name;
+    facts.driver = target_name(folder + "/driver");
+    facts.is_wireless = exists(folder + "/ieee80211");
+    // What can be found with the hands is the USB or PCI device that it is part of.
+    for (; folder.size() > m_root.size(); folder.resize(folder.rfind('/'))) {
+        const std::string subsystem = target_name(folder + "/subsystem");
+        const std::string part = last_part(folder);
+        if (subsystem == "usb" && exists(folder + "/idVendor") && part.find('-') != part.npos) {
+            facts.place = usb_place(part);
+            facts.maker = read_line(folder + "/manufacturer");
+            facts.model = read_line(folder + "/product");
+            if (facts.model.empty())
+                facts.model = "USB device " + read_line(folder + "/idVendor") + ":" + read_line(folder + "/idProduct");
+            break;
+        }
+        if (subsystem == "pci") {
+            facts.place = (part != name ? name + " on " : "") + "PCI " + part;
+            describe_pci(folder, facts);
+            break;
+        }
+    }
+    return facts;
+}
+
+} // namespace network

@@ -1,0 +1,33 @@
+// The module qor-network: what libqor asks of libraries for the network.
+#include "interface_list.h"
+#include "qor/glue/module.h"
+
+#include <cstring>
+
+namespace {
+
+bool create_object(const char* interface_name, const char*, void** out) noexcept {
+    if (std::strcmp(interface_name, "IQORNetInterfaceList") != 0) {
+        qorSetLastError(qorError_not_supported);
+        return false;
+    }
+    try {
+        std::vector<network::interface_facts> interfaces;
+        if (!network::read_interfaces(interfaces))
+            return false;
+        *out = network::make_list(std::move(interfaces));
+        return true;
+    } catch (const std::bad_alloc&) {
+        qorSetLastError(qorError_out_of_memory);
+        return false;
+    }
+}
+
+constexpr qor::glue::module_table table = {&create_object};
+
+} // namespace
+
+extern "C" const qor::glue::module_table* glue_module_point(const qor::glue::binding_table* library) noexcept {
+    qor::glue::bind_module(library);
+    return &table;
+}
