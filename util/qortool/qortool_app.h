@@ -53,6 +53,8 @@ private:
     int opt_quiet(const char* value);
 
     int func_help(qorStringArray& args);
+    int func_ttyinfo(qorStringArray& args);
+    int func_list_serial(qorStringArray& args);
     int func_md5sum(qorStringArray& args);
     int func_mtrace(qorStringArray& args);
     int func_memcheck(qorStringArray& args);

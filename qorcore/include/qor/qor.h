@@ -14,6 +14,7 @@
 #include "qor/system/Interface.h"
 #include "qor/system/Memory.h"
 #include "qor/system/Process.h"
+#include "qor/system/SerialPort.h"
 #include "qor/system/Simd.h"
 #include "qor/system/Stream.h"
 #include "qor/system/String.h"

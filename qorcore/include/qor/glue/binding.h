@@ -22,6 +22,7 @@ class IQORErrorBuilder;
 class IQORErrorMessage;
 class IQORMemoryDataSink;
 class IQORMemoryDataSource;
+class IQORSerialPort;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
 class qorDataBlock;
