@@ -34,6 +34,10 @@ std::string number_link(const host& on, dev_t number) {
     return on.sys + "/dev/char/" + std::to_string(major(number)) + ':' + std::to_string(minor(number));
 }
 
+bool is_terminal(const host& on, const std::string& name) {
+    return qor::serial::exists(qor::serial::terminal_folder(on, name) + "/dev");
+}
+
 std::string without_folder(const std::string& path, const std::string& folder) {
     return path.starts_with(folder + '/') ? path.substr(folder.size() + 1) : path;
 }
@@ -111,7 +115,7 @@ std::string qor::serial::device_file(const host& on, const std::string& name) {
 
 std::string qor::serial::kernel_name(const host& on, const std::string& name) {
     const std::string plain = without_folder(name, on.dev);
-    if (!plain.empty() && exists(terminal_folder(on, plain)))
+    if (is_terminal(on, plain))
         return plain;
     const std::string file = device_file(on, name);
     struct stat status;
@@ -125,10 +129,9 @@ std::string qor::serial::kernel_name(const host& on, const std::string& name) {
 
 bool qor::serial::is_known(const host& on, const std::string& kernel_name) {
     struct stat status;
-    return !kernel_name.empty() &&
-           (exists(terminal_folder(on, kernel_name)) ||
-            (stat(device_file(on, kernel_name).c_str(), &status) == 0 && S_ISCHR(status.st_mode) &&
-             may_be_port(on, status.st_rdev)));
+    return is_terminal(on, kernel_name) ||
+           (stat(device_file(on, kernel_name).c_str(), &status) == 0 && S_ISCHR(status.st_mode) &&
+            may_be_port(on, status.st_rdev));
 }
 
 bool qor::serial::may_be_port(const host& on, dev_t number) {

@@ -65,8 +65,8 @@ void set_open_failure(int code, const std::string& name, const struct stat& stat
 
 // Opening any other device could do harm, so what it is is looked up before.
 bool find_device(const std::string& name, const std::string& file, struct stat& status) {
-    if (stat(file.c_str(), &status) != 0) {
-        const int code = errno;
+    if (name.empty() || stat(file.c_str(), &status) != 0) {
+        const int code = name.empty() ? ENOENT : errno;
         if (code != ENOENT && code != ENOTDIR)
             qor::error::set_with_reason(qorError_serial_port_failed, name.c_str(), code);
         else if (qor::serial::is_known(host{}, qor::serial::kernel_name(host{}, name)))
