@@ -26,7 +26,7 @@ def action_words(samples):
     return {
         "sysinfo": [["--developer"]],
         "pwcrypt": [["secret"]],
-        "ttyinfo": [["/dev/null"]],
+        "ttyinfo": [["/dev/null"], ["no such port"]],
         "md5sum": [[__file__], ["/nowhere"]],
         "lookup": [["localhost"], ["no such host"]],
         "userinfo": [["root"], ["no such user"]],

@@ -56,6 +56,8 @@ private:
 
     int func_help(qorStringArray& args);
     int func_sysinfo(qorStringArray& args);
+    int func_ttyinfo(qorStringArray& args);
+    int func_list_serial(qorStringArray& args);
     int func_md5sum(qorStringArray& args);
     int func_debug_control(qorStringArray& args);
     int func_lookup(qorStringArray& args);

@@ -18,6 +18,7 @@
 #include "qor/system/NetInterface.h"
 #include "qor/system/Network.h"
 #include "qor/system/Process.h"
+#include "qor/system/SerialPort.h"
 #include "qor/system/Simd.h"
 #include "qor/system/Stream.h"
 #include "qor/system/String.h"

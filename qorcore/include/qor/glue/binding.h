@@ -25,6 +25,7 @@ class IQORHostAddressList;
 class IQORMemoryDataSink;
 class IQORMemoryDataSource;
 class IQORNetInterfaceList;
+class IQORSerialPort;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
 class IQORSystemInfo;

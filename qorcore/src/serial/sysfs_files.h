@@ -1,0 +1,23 @@
+// Inside the serial ports on Linux: reading sysfs, where a folder is a device and a file is one of its attributes.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace qor::serial {
+
+// The first line, without white space around it and without control characters. Empty if it cannot be read.
+std::string read_attribute(const std::string& path);
+
+bool exists(const std::string& path) noexcept;
+
+// Without links in it. Empty if it is not there.
+std::string real_path(const std::string& path);
+
+// The last part of what a link points to, or of the path if it is none. Empty if it is not there.
+std::string link_target(const std::string& path);
+
+// Without "." and "..". 0, or the system's code.
+int read_folder(const std::string& path, std::vector<std::string>& names);
+
+} // namespace qor::serial

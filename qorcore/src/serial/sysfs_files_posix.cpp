@@ -1,0 +1,57 @@
+#include "serial/sysfs_files.h"
+
+#include "serial/sysfs.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <dirent.h>
+#include <unistd.h>
+
+std::string qor::serial::read_attribute(const std::string& path) {
+    // More than any attribute that is asked for here.
+    char line[512] = "";
+    if (std::FILE* const file = std::fopen(path.c_str(), "re")) {
+        if (std::fgets(line, sizeof line, file) == nullptr)
+            *line = '\0';
+        std::fclose(file);
+    }
+    std::string text = line;
+    // Texts of USB devices are whatever their makers wrote; a terminal would obey them.
+    for (char& c : text)
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f')
+            c = ' ';
+    text.erase(text.find_last_not_of(' ') + 1);
+    text.erase(0, text.find_first_not_of(' '));
+    return text;
+}
+
+bool qor::serial::exists(const std::string& path) noexcept { return access(path.c_str(), F_OK) == 0; }
+
+std::string qor::serial::real_path(const std::string& path) {
+    char* const found = realpath(path.c_str(), nullptr);
+    const std::string real = found != nullptr ? found : "";
+    std::free(found);
+    return real;
+}
+
+std::string qor::serial::link_target(const std::string& path) { return std::string(base_name(real_path(path))); }
+
+int qor::serial::read_folder(const std::string& path, std::vector<std::string>& names) {
+    DIR* const folder = opendir(path.c_str());
+    if (folder == nullptr)
+        return errno;
+    for (;;) {
+        errno = 0;
+        const dirent* const entry = readdir(folder);
+        if (entry == nullptr)
+            break;
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..")
+            names.emplace_back(name);
+    }
+    const int code = errno;
+    closedir(folder);
+    return code;
+}

@@ -1,0 +1,146 @@
+// Which ports there are, and which names they have.
+#include "serial/sysfs.h"
+
+#include "serial/sysfs_files.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+namespace {
+
+using qor::serial::host;
+
+// A terminal with a device behind it is a port. Others are made by software, consoles and serial ports alike (Bluetooth, the
+// ports of a host that is a USB device itself, multiplexers): there the driver has the word.
+bool is_port(const host& on, const std::string& folder) {
+    return qor::serial::exists(folder + "/device") || qor::serial::driver_of(on, folder).type == "serial";
+}
+
+bool is_console(const host& on, const std::string& name) {
+    std::istringstream consoles(qor::serial::read_attribute(on.sys + "/class/tty/console/active"));
+    for (std::string console; consoles >> console;)
+        if (console == name)
+            return true;
+    return false;
+}
+
+std::string number_link(const host& on, dev_t number) {
+    return on.sys + "/dev/char/" + std::to_string(major(number)) + ':' + std::to_string(minor(number));
+}
+
+bool is_terminal(const host& on, const std::string& name) {
+    return qor::serial::exists(qor::serial::terminal_folder(on, name) + "/dev");
+}
+
+std::string without_folder(const std::string& path, const std::string& folder) {
+    return path.starts_with(folder + '/') ? path.substr(folder.size() + 1) : path;
+}
+
+} // namespace
+
+std::string_view qor::serial::base_name(std::string_view path) noexcept {
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string qor::serial::terminal_folder(const host& on, std::string kernel_name) {
+    // A name with folders in it has '!' for their '/' there.
+    std::replace(kernel_name.begin(), kernel_name.end(), '/', '!');
+    return on.sys + "/class/tty/" + kernel_name;
+}
+
+qor::serial::driver qor::serial::driver_of(const host& on, const std::string& folder) {
+    unsigned wanted = 0;
+    unsigned minor = 0;
+    if (std::sscanf(read_attribute(folder + "/dev").c_str(), "%u:%u", &wanted, &minor) != 2)
+        return {};
+    // Name, file, number and range of numbers, type:
+    //     serial               /dev/ttyS        4 64-95 serial
+    std::ifstream table(on.proc + "/tty/drivers");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream words(line);
+        driver found;
+        std::string file;
+        unsigned major = 0;
+        unsigned first = 0;
+        if (!(words >> found.name >> file >> major >> first) || major != wanted)
+            continue;
+        unsigned last = first;
+        if (words.peek() == '-')
+            words.ignore() >> last;
+        if (words >> found.type && minor >= first && minor <= last)
+            return found;
+    }
+    return {};
+}
+
+int qor::serial::list_ports(const host& on, std::vector<std::string>& names, std::string& path) {
+    path = on.sys + "/class/tty";
+    std::vector<std::string> found;
+    if (const int code = read_folder(path, found))
+        // A kernel without terminals has no ports, and says so; a container without /sys says nothing.
+        return code == ENOENT && exists(on.sys + "/class") ? 0 : code;
+    for (std::string& name : found) {
+        if (!is_port(on, path + '/' + name) || !has_hardware(on, name))
+            continue;
+        std::replace(name.begin(), name.end(), '!', '/');
+        names.push_back(std::move(name));
+    }
+    return 0;
+}
+
+bool qor::serial::has_hardware(const host& on, const std::string& kernel_name) {
+    const std::string folder = terminal_folder(on, kernel_name);
+    // The type of the UART, of those that have one: 0 is none. The 8250 driver has terminals for as many ports as it could
+    // serve, whatever there is.
+    const std::string type = read_attribute(folder + "/type");
+    if (!type.empty() || !exists(folder + "/type"))
+        return type != "0";
+    // Older kernels tell it to root alone. Then it is the stand-in device that holds those for which nothing was found.
+    return real_path(folder).find("/platform/serial8250/") == std::string::npos || is_console(on, kernel_name);
+}
+
+std::string qor::serial::device_file(const host& on, const std::string& name) {
+    if (name.starts_with('/'))
+        return name;
+    const std::string usual = on.dev + '/' + name;
+    const bool is_path = name.find('/') != std::string::npos;
+    return is_path && !exists(usual) && exists(name) ? name : usual;
+}
+
+std::string qor::serial::kernel_name(const host& on, const std::string& name) {
+    const std::string plain = without_folder(name, on.dev);
+    if (is_terminal(on, plain))
+        return plain;
+    const std::string file = device_file(on, name);
+    struct stat status;
+    if (stat(file.c_str(), &status) != 0 || !S_ISCHR(status.st_mode))
+        return plain;
+    const std::string link = number_link(on, status.st_rdev);
+    std::string known = link_target(link);
+    std::replace(known.begin(), known.end(), '!', '/');
+    return known.empty() ? without_folder(real_path(file), real_path(on.dev)) : known;
+}
+
+bool qor::serial::is_known(const host& on, const std::string& kernel_name) {
+    struct stat status;
+    return is_terminal(on, kernel_name) ||
+           (stat(device_file(on, kernel_name).c_str(), &status) == 0 && S_ISCHR(status.st_mode) &&
+            may_be_port(on, status.st_rdev));
+}
+
+bool qor::serial::may_be_port(const host& on, dev_t number) {
+    // The virtual consoles, and the names that stand for another terminal.
+    constexpr unsigned consoles = 4;
+    constexpr unsigned first_port = 64;
+    constexpr unsigned stand_ins = 5;
+    if (major(number) == stand_ins || (major(number) == consoles && minor(number) < first_port))
+        return false;
+    const std::string subsystem = link_target(number_link(on, number) + "/subsystem");
+    return subsystem.empty() || subsystem == "tty";
+}

@@ -1,0 +1,47 @@
+// Inside the serial ports: the seam to the operating system. What fails sets the thread's last error.
+#pragma once
+
+#include "qor/qor.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qor::serial {
+
+// The names of all ports, in any order.
+bool find_ports(std::vector<std::string>& names);
+
+// False: there is no such port.
+bool find_location(const std::string& name, std::string& location);
+
+// A port that is open. Its operations have the meaning of those of IQORSerialPort; their results are error codes of the system,
+// 0 for success.
+class system_port {
+public:
+    system_port() noexcept = default;
+    system_port(const system_port&) = delete;
+    system_port& operator=(const system_port&) = delete;
+    ~system_port();
+
+    // Once in the object's life.
+    bool open(const std::string& name);
+
+    const std::string& name() const noexcept { return m_name; }
+    const std::string& location() const noexcept { return m_location; }
+
+    int settings(qorSerialSettings& out) noexcept;
+    int modem_lines(uint32& lines) noexcept;
+    int waiting(uint32& received, uint32& unsent) noexcept;
+    int read(void* buffer, uint32 size, uint32 milliseconds, uint32& count) noexcept;
+    int write(const void* data, uint32 size, uint32 milliseconds, uint32& count) noexcept;
+    int discard(bool received, bool unsent) noexcept;
+    int flush() noexcept;
+
+private:
+    std::intptr_t m_handle = -1; // the system's
+    std::string m_name;          // its own name, not that of a link
+    std::string m_location;      // a port that is unplugged later was there
+};
+
+} // namespace qor::serial
