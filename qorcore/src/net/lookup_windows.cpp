@@ -5,40 +5,31 @@
 #include "string/wide_windows.h"
 
 #include <winsock2.h>
+// Behind winsock2.h, which windows.h would otherwise bring in its first version.
+#include "process/system_library_windows.h"
 #include <ws2tcpip.h>
 
 namespace {
 
-// Loaded on the first look-up: it would cost each start of a process some milliseconds.
 class resolver {
 public:
-    resolver() noexcept {
-        const HMODULE library = LoadLibraryExW(L"ws2_32.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-        if (library == nullptr) {
-            m_failure = static_cast<int>(GetLastError());
-            return;
-        }
-        const auto start = find<decltype(&WSAStartup)>(library, "WSAStartup");
-        get = find<decltype(&GetAddrInfoW)>(library, "GetAddrInfoW");
-        free = find<decltype(&FreeAddrInfoW)>(library, "FreeAddrInfoW");
+    resolver() noexcept
+        : get(find<decltype(GetAddrInfoW)>("GetAddrInfoW")), free(find<decltype(FreeAddrInfoW)>("FreeAddrInfoW")) {
+        const auto start = find<decltype(WSAStartup)>("WSAStartup");
         WSADATA data;
-        m_failure = start != nullptr && get != nullptr && free != nullptr ? start(MAKEWORD(2, 2), &data)
-                                                                          : ERROR_PROC_NOT_FOUND;
+        failure = start == nullptr || get == nullptr || free == nullptr ? static_cast<int>(GetLastError())
+                                                                        : start(MAKEWORD(2, 2), &data);
     }
 
-    // 0, or why it cannot be used.
-    int failure() const noexcept { return m_failure; }
-
-    decltype(&GetAddrInfoW) get = nullptr;
-    decltype(&FreeAddrInfoW) free = nullptr;
+    decltype(GetAddrInfoW)* get;
+    decltype(FreeAddrInfoW)* free;
+    int failure; // 0, or why it cannot be used
 
 private:
     template <class FUNCTION>
-    static FUNCTION find(HMODULE library, const char* name) noexcept {
-        return reinterpret_cast<FUNCTION>(reinterpret_cast<void*>(GetProcAddress(library, name)));
+    static FUNCTION* find(const char* name) noexcept {
+        return qor::process::find_function<FUNCTION>(L"ws2_32.dll", name);
     }
-
-    int m_failure;
 };
 
 qor::net::lookup_failure failure_of(int code) {
@@ -57,8 +48,8 @@ qor::net::lookup_failure failure_of(int code) {
 
 bool qor::net::resolve(const char* name, names which, std::vector<qorHostAddress>& out, lookup_failure& failure) {
     static const resolver system; // never given back, as nothing is that was loaded
-    if (system.failure() != 0) {
-        failure = failure_of(system.failure());
+    if (system.failure != 0) {
+        failure = failure_of(system.failure);
         return false;
     }
     std::wstring wide;

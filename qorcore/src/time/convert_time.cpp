@@ -62,4 +62,4 @@ uint64 qor::glue::qorConvertLocalTimeInfo(const qorTimeInfo& info) noexcept {
     return 0;
 }
 
-int32 qor::glue::qorGetTimeZoneOffset() noexcept { return qor::time::local_offset(qorGetSystemTime()); }
+int32 qor::glue::qorGetTimeZoneOffset() noexcept { return qor::time::local_offset(qorGetSystemTime()) / 60; }

@@ -36,7 +36,7 @@ inline uint64 qorConvertLocalTimeInfo(const qorTimeInfo& info) noexcept {
     return qor::glue::qorConvertLocalTimeInfo(info);
 }
 
-// How many seconds local time is ahead of UTC now.
+// How many minutes local time is ahead of UTC now, east being positive; a part of a minute is left out.
 inline int32 qorGetTimeZoneOffset() noexcept { return qor::glue::qorGetTimeZoneOffset(); }
 
 // The weekday of a date, 0 for Monday to 6 for Sunday, of the years 1 to 65535. Negative: there is no such
