@@ -1,5 +1,5 @@
-// What the framework's calendar says of every day and month of the years FIRST to LAST, the impossible ones too: a line
-// a year, in it the 12 times 31 weekdays, "-" for what is no date.
+// What the framework's calendar says of every day and month of the years FIRST to LAST, the impossible ones
+// too: a line a year, in it the 12 times 31 weekdays, "-" for what is no date.
 //
 //     weekdays FIRST LAST
 #include "qor/qor.h"

@@ -1,34 +1,13 @@
 #include "qor/qor.h"
+#include "unit/zone.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <optional>
 #include <string>
 
 namespace {
 
-// The time zone of this process while it lives.
-class zone {
-public:
-    explicit zone(const char* name) {
-        if (const char* const held = std::getenv("TZ"))
-            m_before = held;
-        setenv("TZ", name, 1);
-    }
-    zone(const zone&) = delete;
-    zone& operator=(const zone&) = delete;
-    ~zone() {
-        if (m_before)
-            setenv("TZ", m_before->c_str(), 1);
-        else
-            unsetenv("TZ");
-        tzset();
-    }
-
-private:
-    std::optional<std::string> m_before;
-};
+using qor::test::zone;
 
 // `unix_time` is in seconds since 1970.
 std::string local(int64 unix_time) {
