@@ -1,0 +1,9 @@
+#include "private_file.h"
+
+#include "qor/qor.h"
+
+std::string qor::control::reason_of(private_file_fault fault) {
+    qorString text;
+    text.LoadString("qorcore", static_cast<uint32>(fault));
+    return {text.Text(), text.Length()};
+}

@@ -1,0 +1,189 @@
+#include "scram_accounts.h"
+
+#include "private_file.h"
+#include "qor/qor.h"
+#include "server_key.h"
+
+#include <algorithm>
+#include <map>
+
+namespace {
+
+using qor::control::account_list;
+
+// Reasons of the catalog "qorcore", in the order of account_list::fault.
+constexpr uint32 first_fault_text = 1054;
+
+bool cannot_use(const std::string& path, const std::string& reason) {
+    qorSetLastError(qorError_accounts_unusable, path.c_str(), reason.c_str());
+    return false;
+}
+
+} // namespace
+
+bool qor::control::is_user_name(std::string_view name) noexcept {
+    return !name.empty() && name.size() <= longest_user_name && name.find(':') == name.npos && name.front() != '#' &&
+           name.front() != ' ' && name.back() != ' ' && !crypto::has_control_characters(name);
+}
+
+bool qor::control::account_list::parse(std::string_view text, unsigned& line, fault& what) {
+    m_entries.clear();
+    what = fault::none;
+    for (line = 1; !text.empty(); ++line) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        std::string_view all = text.substr(0, end);
+        text.remove_prefix(std::min(end + 1, text.size()));
+        if (!all.empty() && all.back() == '\r')
+            all.remove_suffix(1);
+        entry made;
+        made.line = all;
+        if (!all.empty() && all.front() != '#') {
+            const std::size_t colon = std::min(all.find(':'), all.size());
+            made.name = all.substr(0, colon);
+            if (colon == all.size())
+                what = fault::no_colon;
+            else if (!is_user_name(made.name))
+                what = fault::bad_name;
+            else if (!crypto::parse_verifier(all.substr(colon + 1), made.value))
+                what = fault::bad_verifier;
+            else if (find_entry(made.name) != nullptr)
+                what = fault::twice;
+        }
+        if (what != fault::none) {
+            m_entries.clear();
+            return false;
+        }
+        m_entries.push_back(std::move(made));
+    }
+    return true;
+}
+
+std::string qor::control::account_list::format() const {
+    std::string text;
+    for (const entry& each : m_entries)
+        text += each.line + '\n';
+    return text;
+}
+
+const account_list::entry* qor::control::account_list::find_entry(std::string_view name) const noexcept {
+    const auto found = std::find_if(m_entries.begin(), m_entries.end(), [name](const entry& each) {
+        return !each.name.empty() && each.name == name;
+    });
+    return found != m_entries.end() ? &*found : nullptr;
+}
+
+const qor::crypto::verifier* qor::control::account_list::find(std::string_view name) const noexcept {
+    const entry* const found = find_entry(name);
+    return found != nullptr ? &found->value : nullptr;
+}
+
+void qor::control::account_list::set(std::string_view name, const crypto::verifier& value) {
+    const entry* found = find_entry(name);
+    entry& changed = found != nullptr ? m_entries[static_cast<std::size_t>(found - m_entries.data())] : m_entries.emplace_back();
+    changed.name = name;
+    changed.value = value;
+    changed.line = changed.name + ':' + format_verifier(value);
+}
+
+bool qor::control::account_list::remove(std::string_view name) {
+    const entry* const found = find_entry(name);
+    if (found != nullptr)
+        m_entries.erase(m_entries.begin() + (found - m_entries.data()));
+    return found != nullptr;
+}
+
+std::vector<std::string> qor::control::account_list::names() const {
+    std::vector<std::string> all;
+    for (const entry& each : m_entries)
+        if (!each.name.empty())
+            all.push_back(each.name);
+    return all;
+}
+
+uint32 qor::control::account_list::usual_iterations() const {
+    std::map<uint32, unsigned> accounts;
+    for (const entry& each : m_entries)
+        if (!each.name.empty())
+            ++accounts[each.value.iterations];
+    uint32 usual = crypto::usual_iterations;
+    unsigned most = 0;
+    for (const auto& [iterations, count] : accounts)
+        if (count >= most) {
+            usual = iterations;
+            most = count;
+        }
+    return usual;
+}
+
+bool qor::control::read_accounts(const std::string& path, account_list& out, bool* is_missing) {
+    std::string text;
+    std::string reason;
+    bool missing = false;
+    if (!read_private_file(path, text, reason, &missing))
+        return cannot_use(path, reason);
+    if (is_missing != nullptr)
+        *is_missing = missing;
+    else if (missing) {
+        qorSetLastError(qorError_accounts_missing, path.c_str());
+        return false;
+    }
+    unsigned line;
+    account_list::fault what;
+    if (out.parse(text, line, what))
+        return true;
+    qorString fault;
+    fault.LoadString("qorcore", first_fault_text + static_cast<uint32>(what) - 1);
+    qorSetLastError(qorError_accounts_bad_line, path.c_str(), std::to_string(line).c_str(), fault);
+    return false;
+}
+
+bool qor::control::scram_accounts::open(const char* path) {
+    m_path = path != nullptr ? path : "";
+    if (path == nullptr && !default_accounts_path(m_path))
+        return false;
+    // Of the key, once that is open; until then it only has to be unknown.
+    crypto::digest secret;
+    if (!crypto::random_bytes(secret.data(), secret.size()) || !load())
+        return false;
+    m_secret = crypto::bytes_of(secret);
+    return true;
+}
+
+bool qor::control::scram_accounts::open_key(crypto::key_pointer& key) {
+    crypto::digest secret;
+    const crypto::wiped_later of_secret(secret);
+    if (!open_server_key(m_path, key) || !secret_of_key(key.get(), "qor-debug false salt", secret))
+        return false;
+    m_secret = crypto::bytes_of(secret);
+    return true;
+}
+
+bool qor::control::scram_accounts::load() {
+    if (!read_accounts(m_path, m_accounts))
+        return false;
+    m_usual_iterations = m_accounts.usual_iterations();
+    return true;
+}
+
+bool qor::control::scram_accounts::look_up(std::string_view name, crypto::verifier& out, bool& is_known) {
+    // Who was taken out since must not come in, and a file that cannot be used is one without accounts.
+    if (!load()) {
+        m_accounts = {};
+        qorString reason;
+        qorGetLastError(reason);
+        qorDebug(qorDebugAllocateCode("system.debug-control"), "%s", reason.Text());
+    }
+    crypto::digest salt;
+    if (!crypto::hmac_sha256(m_secret, name, salt))
+        return false;
+    const crypto::verifier* const found = m_accounts.find(name);
+    is_known = found != nullptr;
+    if (is_known) {
+        out = *found;
+        return true;
+    }
+    out = {};
+    out.iterations = m_usual_iterations;
+    out.salt = crypto::bytes_of(salt).substr(0, crypto::usual_salt_size);
+    return true;
+}
