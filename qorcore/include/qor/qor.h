@@ -11,6 +11,7 @@
 #include "qor/system/Digest.h"
 #include "qor/system/Error.h"
 #include "qor/system/File.h"
+#include "qor/system/Folder.h"
 #include "qor/system/Geometry.h"
 #include "qor/system/Interface.h"
 #include "qor/system/Memory.h"

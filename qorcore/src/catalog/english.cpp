@@ -115,6 +115,8 @@ constexpr message qorcore[] = {
     {1024, "The action '{1}' is not in this build."},
     {1030, "'{1}' is not the name of a language"},
     {1031, "it names no language"},
+ {1035, "XDG_RUNTIME_DIR is not set to an absolute path"},
+    {1036, "neither HOME nor the user's account names a home folder"},
     {1040, "it is no library, or only a part of one"},
     {1065, "--qor-debug-listen=[HOST:]PORT"},
     {1066, "Let 'qortool debug-control' switch trace codes here (or set QOR_DEBUG_LISTEN)."},

@@ -33,6 +33,7 @@ class qorStringArray;
 class qorTimecode;
 class qorVector;
 struct qorTimeInfo;
+enum qorFolderId : uint32;
 
 // A trace switch. The library writes it, everyone reads it: 0 is off.
 using qorDebugFlag = std::atomic<uint8>;
