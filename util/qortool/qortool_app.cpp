@@ -41,12 +41,12 @@ const qortool_app::action_row qortool_app::s_actions[] = {
     {"help", &qortool_app::func_help, 2, 3},
     {"sysinfo", nullptr, 56, 57},
     {"netlist", nullptr, 12, 13},
-    {"pwcrypt", nullptr, 23, 24},
+    {"pwcrypt", &qortool_app::func_pwcrypt, 23, 24},
     {"ttyinfo", nullptr, 25, 26},
     {"list-serial", nullptr, 54, 55},
     {"md5sum", &qortool_app::func_md5sum, 27, 28},
     {"lookup", nullptr, 29, 30},
-    {"userinfo", nullptr, 59, 60},
+    {"userinfo", &qortool_app::func_userinfo, 59, 60},
     {"timer-check", &qortool_app::func_timer_check, 44, 45},
     {"simd-test", &qortool_app::func_simd_test, 51, 52},
     {"dow", &qortool_app::func_dow, 31, 32},
@@ -55,7 +55,7 @@ const qortool_app::action_row qortool_app::s_actions[] = {
     {"memcheck", &qortool_app::func_memcheck, 83, 84},
     {"tztest", &qortool_app::func_tztest, 80, 81},
     {"path-list", &qortool_app::func_pathlist, 85, 86},
-    {"logon", nullptr, 87, 88},
+    {"logon", &qortool_app::func_logon, 87, 88},
 };
 
 qortool_app::qortool_app() : qorComponent2("qorcore.qortool.qortool_app") {

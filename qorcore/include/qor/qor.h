@@ -23,6 +23,7 @@
 #include "qor/system/Time.h"
 #include "qor/system/Timecode.h"
 #include "qor/system/Types.h"
+#include "qor/system/User.h"
 #include "qor/system/Vector.h"
 #include "qor/system/mt/NumericArray_impl.h"
 #include "qor/system/template/Array.h"

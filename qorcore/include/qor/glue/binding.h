@@ -25,6 +25,7 @@ class IQORMemoryDataSink;
 class IQORMemoryDataSource;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
+class IQORUserToken;
 class qorDataBlock;
 class qorFile;
 class qorRational;
