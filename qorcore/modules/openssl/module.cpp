@@ -1,21 +1,32 @@
 // The module qor-openssl: what libqor does with OpenSSL.
 #include "digest_engine.h"
+#include "passwords.h"
 #include "qor/glue/module.h"
 
-#include <cstring>
+#include <string_view>
 
 namespace {
 
-bool create_object(const char* interface_name, const char* kind, void** out) noexcept {
-    if (std::strcmp(interface_name, "IQORDigestEngine") != 0) {
-        qorSetLastError(qorError_not_supported);
+// What a maker of one interface makes, as the table speaks of it.
+template <class INTERFACE, class MAKER>
+bool hand_out(MAKER make, void** out) noexcept {
+    INTERFACE* object = nullptr;
+    if (!make(&object))
         return false;
-    }
-    IQORDigestEngine* engine = nullptr;
-    if (!create_digest_engine(kind, &engine))
-        return false;
-    *out = engine;
+    *out = object;
     return true;
+}
+
+bool create_object(const char* interface_name, const char* kind, void** out) noexcept {
+    const std::string_view wanted = interface_name;
+    if (wanted == "IQORDigestEngine")
+        return hand_out<IQORDigestEngine>([kind](auto made) { return create_digest_engine(kind, made); }, out);
+    if (wanted == "IQORPasswords")
+        return hand_out<IQORPasswords>(create_passwords, out);
+    if (wanted == "IQORDebugUsers")
+        return hand_out<IQORDebugUsers>(create_debug_users, out);
+    qorSetLastError(qorError_not_supported);
+    return false;
 }
 
 constexpr qor::glue::module_table table = {&create_object};

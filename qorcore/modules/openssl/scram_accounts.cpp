@@ -27,9 +27,9 @@ bool qor::control::is_user_name(std::string_view name) noexcept {
 }
 
 bool qor::control::account_list::parse(std::string_view text, unsigned& line, fault& what) {
-    m_entries.clear();
+    *this = {};
     what = fault::none;
-    for (line = 1; !text.empty(); ++line) {
+    for (line = 1; !text.empty() && what == fault::none; ++line) {
         const std::size_t end = std::min(text.find('\n'), text.size());
         std::string_view all = text.substr(0, end);
         text.remove_prefix(std::min(end + 1, text.size()));
@@ -37,25 +37,27 @@ bool qor::control::account_list::parse(std::string_view text, unsigned& line, fa
             all.remove_suffix(1);
         entry made;
         made.line = all;
-        if (!all.empty() && all.front() != '#') {
-            const std::size_t colon = std::min(all.find(':'), all.size());
-            made.name = all.substr(0, colon);
-            if (colon == all.size())
-                what = fault::no_colon;
-            else if (!is_user_name(made.name))
-                what = fault::bad_name;
-            else if (!crypto::parse_verifier(all.substr(colon + 1), made.value))
-                what = fault::bad_verifier;
-            else if (find_entry(made.name) != nullptr)
-                what = fault::twice;
-        }
-        if (what != fault::none) {
-            m_entries.clear();
-            return false;
-        }
+        if (!all.empty() && all.front() != '#')
+            what = parse_account(all, made);
         m_entries.push_back(std::move(made));
     }
-    return true;
+    if (what == fault::none)
+        return true;
+    --line;
+    *this = {};
+    return false;
+}
+
+account_list::fault qor::control::account_list::parse_account(std::string_view all, entry& made) {
+    const std::size_t colon = all.find(':');
+    if (colon == all.npos)
+        return fault::no_colon;
+    made.name = all.substr(0, colon);
+    if (!is_user_name(made.name))
+        return fault::bad_name;
+    if (!crypto::parse_verifier(all.substr(colon + 1), made.value))
+        return fault::bad_verifier;
+    return m_places.try_emplace(made.name, m_entries.size()).second ? fault::none : fault::twice;
 }
 
 std::string qor::control::account_list::format() const {
@@ -65,31 +67,32 @@ std::string qor::control::account_list::format() const {
     return text;
 }
 
-const account_list::entry* qor::control::account_list::find_entry(std::string_view name) const noexcept {
-    const auto found = std::find_if(m_entries.begin(), m_entries.end(), [name](const entry& each) {
-        return !each.name.empty() && each.name == name;
-    });
-    return found != m_entries.end() ? &*found : nullptr;
-}
-
 const qor::crypto::verifier* qor::control::account_list::find(std::string_view name) const noexcept {
-    const entry* const found = find_entry(name);
-    return found != nullptr ? &found->value : nullptr;
+    const auto found = m_places.find(name);
+    return found != m_places.end() ? &m_entries[found->second].value : nullptr;
 }
 
 void qor::control::account_list::set(std::string_view name, const crypto::verifier& value) {
-    const entry* found = find_entry(name);
-    entry& changed = found != nullptr ? m_entries[static_cast<std::size_t>(found - m_entries.data())] : m_entries.emplace_back();
-    changed.name = name;
+    const std::size_t place = m_places.try_emplace(std::string(name), m_entries.size()).first->second;
+    if (place == m_entries.size())
+        m_entries.emplace_back();
+    entry& changed = m_entries[place];
     changed.value = value;
+    changed.name = name;
     changed.line = changed.name + ':' + format_verifier(value);
 }
 
 bool qor::control::account_list::remove(std::string_view name) {
-    const entry* const found = find_entry(name);
-    if (found != nullptr)
-        m_entries.erase(m_entries.begin() + (found - m_entries.data()));
-    return found != nullptr;
+    const auto found = m_places.find(name);
+    if (found == m_places.end())
+        return false;
+    const std::size_t place = found->second;
+    m_entries.erase(m_entries.begin() + static_cast<std::ptrdiff_t>(place));
+    m_places.erase(found);
+    for (auto& [other, behind] : m_places)
+        if (behind > place)
+            --behind;
+    return true;
 }
 
 std::vector<std::string> qor::control::account_list::names() const {
@@ -135,6 +138,14 @@ bool qor::control::read_accounts(const std::string& path, account_list& out, boo
     fault.LoadString("qorcore", first_fault_text + static_cast<uint32>(what) - 1);
     qorSetLastError(qorError_accounts_bad_line, path.c_str(), std::to_string(line).c_str(), fault);
     return false;
+}
+
+bool qor::control::default_accounts_path(std::string& path) {
+    qorString folder;
+    if (!qorGetFolderPath(qorFolder_qor_user_configuration, folder))
+        return false;
+    path = std::string(folder.Text()) + "/debug-users";
+    return true;
 }
 
 bool qor::control::scram_accounts::open(const char* path) {

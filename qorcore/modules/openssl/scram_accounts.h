@@ -5,6 +5,7 @@
 #include "openssl_support.h"
 #include "verifier.h"
 
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,9 +44,10 @@ private:
         crypto::verifier value;
     };
 
-    const entry* find_entry(std::string_view name) const noexcept;
+    fault parse_account(std::string_view all, entry& made);
 
     std::vector<entry> m_entries;
+    std::map<std::string, std::size_t, std::less<>> m_places; // of the names, in the entries
 };
 
 // The accounts of a listener. Not thread-safe. Throws std::bad_alloc.

@@ -105,3 +105,10 @@ bool qor::crypto::has_control_characters(std::string_view text) noexcept {
     }
     return false;
 }
+
+bool qor::crypto::is_password(std::string_view text) noexcept {
+    if (!has_control_characters(text))
+        return true;
+    qorSetLastError(qorError_bad_password);
+    return false;
+}

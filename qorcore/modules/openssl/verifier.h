@@ -50,7 +50,10 @@ bool verify_password(std::string_view password, const verifier& value);
 bool client_key_of(const digest& salted_password, digest& out) noexcept;
 bool server_key_of(const digest& salted_password, digest& out) noexcept;
 
-// Whether a text has a control character of Unicode: such a password could not be typed everywhere.
+// Whether a text has a control character of Unicode.
 bool has_control_characters(std::string_view text) noexcept;
+
+// Whether it may be a password: control characters could not be typed everywhere. False: the last error says so.
+bool is_password(std::string_view text) noexcept;
 
 } // namespace qor::crypto
