@@ -50,7 +50,7 @@ const qortool_app::action_row qortool_app::s_actions[] = {
     {"timer-check", &qortool_app::func_timer_check, 44, 45},
     {"simd-test", &qortool_app::func_simd_test, 51, 52},
     {"dow", &qortool_app::func_dow, 31, 32},
-    {"debug-control", nullptr, 34, 35},
+    {"debug-control", &qortool_app::func_debug_control, 34, 35},
     {"mtrace", &qortool_app::func_mtrace, 78, 79},
     {"memcheck", &qortool_app::func_memcheck, 83, 84},
     {"tztest", &qortool_app::func_tztest, 80, 81},

@@ -54,6 +54,7 @@ private:
 
     int func_help(qorStringArray& args);
     int func_md5sum(qorStringArray& args);
+    int func_debug_control(qorStringArray& args);
     int func_mtrace(qorStringArray& args);
     int func_memcheck(qorStringArray& args);
     int func_simd_test(qorStringArray& args);

@@ -2,7 +2,7 @@
 #include "guarded.h"
 #include "passwords.h"
 #include "private_file.h"
-#include "scram_accounts.h"
+#include "accounts.h"
 #include "server_key.h"
 
 namespace {
@@ -10,14 +10,8 @@ namespace {
 constexpr char source[] = "qorcore/modules/openssl/debug_users";
 
 using qor::control::account_list;
+using qor::control::find_accounts;
 using qor::crypto::guarded;
-
-bool find_path(const char* file, std::string& path) {
-    if (file == nullptr)
-        return qor::control::default_accounts_path(path);
-    path = file;
-    return true;
-}
 
 bool is_usable(const char* name, const char* password) {
     if (!qor::control::is_user_name(name)) {
@@ -63,7 +57,7 @@ public:
             std::string path;
             qor::crypto::verifier made;
             qor::crypto::key_pointer key;
-            if (!is_usable(name, password) || !find_path(file, path) || !qor::crypto::make_verifier(password, made))
+            if (!is_usable(name, password) || !find_accounts(file, path) || !qor::crypto::make_verifier(password, made))
                 return false;
             return change(path, true, [&](account_list& accounts) {
                 if (accounts.find(name) != nullptr) {
@@ -80,7 +74,7 @@ public:
         return guarded([&] {
             std::string path;
             qor::crypto::verifier made;
-            if (!is_usable(name, password) || !find_path(file, path) || !qor::crypto::make_verifier(password, made))
+            if (!is_usable(name, password) || !find_accounts(file, path) || !qor::crypto::make_verifier(password, made))
                 return false;
             return change(path, false, [&](account_list& accounts) {
                 if (accounts.find(name) == nullptr)
@@ -94,7 +88,7 @@ public:
     bool Remove(const char* file, const char* name) noexcept override {
         return guarded([&] {
             std::string path;
-            return find_path(file, path) && change(path, false, [&](account_list& accounts) {
+            return find_accounts(file, path) && change(path, false, [&](account_list& accounts) {
                        return accounts.remove(name) || no_such_user(path, name);
                    });
         });
@@ -104,7 +98,7 @@ public:
         return guarded([&] {
             std::string path;
             account_list accounts;
-            if (!find_path(file, path) || !qor::control::read_accounts(path, accounts))
+            if (!find_accounts(file, path) || !qor::control::read_accounts(path, accounts))
                 return false;
             names.Empty();
             for (const std::string& name : accounts.names())

@@ -1,7 +1,11 @@
 // The module qor-openssl: what libqor does with OpenSSL.
+#include "debug_control.h"
+#include "debug_listener.h"
 #include "digest_engine.h"
 #include "passwords.h"
 #include "qor/glue/module.h"
+
+#include <openssl/crypto.h>
 
 #include <string_view>
 
@@ -21,6 +25,10 @@ bool create_object(const char* interface_name, const char* kind, void** out) noe
     const std::string_view wanted = interface_name;
     if (wanted == "IQORDigestEngine")
         return hand_out<IQORDigestEngine>([kind](auto made) { return create_digest_engine(kind, made); }, out);
+    if (wanted == "IQORDebugControl")
+        return hand_out<IQORDebugControl>([](auto made) { return create_debug_control("", made); }, out);
+    if (wanted == "IQORDebugListener")
+        return hand_out<IQORDebugListener>(create_debug_listener, out);
     if (wanted == "IQORPasswords")
         return hand_out<IQORPasswords>(create_passwords, out);
     if (wanted == "IQORDebugUsers")
@@ -35,5 +43,7 @@ constexpr qor::glue::module_table table = {&create_object};
 
 extern "C" const qor::glue::module_table* glue_module_point(const qor::glue::binding_table* library) noexcept {
     qor::glue::bind_module(library);
+    // A process may end while a thread of ours still uses OpenSSL, so nothing of it is taken down.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     return &table;
 }

@@ -5,10 +5,13 @@
 #include <openssl/err.h>
 
 std::string qor::crypto::openssl_reason() {
-    char reason[256];
-    ERR_error_string_n(ERR_get_error(), reason, sizeof reason);
+    const unsigned long code = ERR_get_error();
     ERR_clear_error();
-    return reason;
+    if (const char* const text = ERR_reason_error_string(code))
+        return text;
+    char text[256];
+    ERR_error_string_n(code, text, sizeof text);
+    return text;
 }
 
 bool qor::crypto::failed(const char* operation) noexcept {

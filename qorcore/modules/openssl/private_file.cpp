@@ -7,3 +7,11 @@ std::string qor::control::reason_of(private_file_fault fault) {
     text.LoadString("qorcore", static_cast<uint32>(fault));
     return {text.Text(), text.Length()};
 }
+
+bool qor::control::configuration_file(const char* name, std::string& path) {
+    qorString folder;
+    if (!qorGetFolderPath(qorFolder_qor_user_configuration, folder))
+        return false;
+    path = std::string(folder.Text()) + '/' + name;
+    return true;
+}

@@ -15,6 +15,9 @@ bool read_private_file(const std::string& path, std::string& text, std::string& 
 // way are made, for their owner only, too.
 bool write_private_file(const std::string& path, std::string_view text, std::string& reason);
 
+// Where a file of the framework's configuration folder is for the user that runs this process. False: the last error says why.
+bool configuration_file(const char* name, std::string& path);
+
 // Files are small; one that is longer is none of ours.
 inline constexpr std::size_t longest_private_file = 16 << 20;
 

@@ -2,8 +2,8 @@
 
 #include "scram_message.h"
 
-qor::control::scram_server::scram_server(scram_accounts& accounts, const std::array<uint8, 32>& binding)
-    : m_binding(binding_attribute(crypto::bytes_of(binding))), m_accounts(accounts) {}
+qor::control::scram_server::scram_server(accounts& users, const std::array<uint8, 32>& binding)
+    : m_binding(binding_attribute(crypto::bytes_of(binding))), m_users(users) {}
 
 bool qor::control::scram_server::first(std::string_view client_first, std::string& answer) {
     if (client_first.substr(0, scram_header.size()) != scram_header)
@@ -14,7 +14,7 @@ bool qor::control::scram_server::first(std::string_view client_first, std::strin
     std::string_view nonce;
     std::string own_nonce;
     if (!take_attribute(rest, 'n', name) || !unescape_name(name, m_user) || !take_attribute(rest, 'r', nonce) ||
-        !is_nonce(nonce) || !is_optional(rest) || !make_nonce(own_nonce) || !m_accounts.look_up(m_user, m_verifier, m_is_known))
+        !is_nonce(nonce) || !is_optional(rest) || !make_nonce(own_nonce) || !m_users.look_up(m_user, m_verifier, m_is_known))
         return false;
     m_nonce = std::string(nonce) + own_nonce;
     answer = "r=" + m_nonce + ",s=" + crypto::to_base64(m_verifier.salt) + ",i=" + std::to_string(m_verifier.iterations);

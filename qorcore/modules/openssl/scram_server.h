@@ -2,7 +2,7 @@
 // them.
 #pragma once
 
-#include "scram_accounts.h"
+#include "accounts.h"
 #include "verifier.h"
 
 #include <array>
@@ -21,7 +21,7 @@ public:
     };
 
     // `binding` is what TLS's exporter gives for this connection.
-    scram_server(scram_accounts& accounts, const std::array<uint8, 32>& binding);
+    scram_server(accounts& users, const std::array<uint8, 32>& binding);
 
     // The answer to a client-first-message. False: it is malformed, wants what is not spoken here, or there is no randomness
     // to be had. A user that does not exist is asked for a password all the same.
@@ -40,7 +40,7 @@ private:
     std::string m_nonce;
     crypto::verifier m_verifier;
     bool m_is_known = false;
-    scram_accounts& m_accounts;
+    accounts& m_users;
 };
 
 } // namespace qor::control

@@ -1,4 +1,4 @@
-#include "scram_accounts.h"
+#include "accounts.h"
 
 #include "private_file.h"
 #include "qor/qor.h"
@@ -140,27 +140,23 @@ bool qor::control::read_accounts(const std::string& path, account_list& out, boo
     return false;
 }
 
-bool qor::control::default_accounts_path(std::string& path) {
-    qorString folder;
-    if (!qorGetFolderPath(qorFolder_qor_user_configuration, folder))
-        return false;
-    path = std::string(folder.Text()) + "/debug-users";
+bool qor::control::find_accounts(const char* path, std::string& out) {
+    if (path == nullptr)
+        return configuration_file("debug-users", out);
+    out = path;
     return true;
 }
 
-bool qor::control::scram_accounts::open(const char* path) {
-    m_path = path != nullptr ? path : "";
-    if (path == nullptr && !default_accounts_path(m_path))
-        return false;
+bool qor::control::accounts::open(const char* path) {
     // Of the key, once that is open; until then it only has to be unknown.
     crypto::digest secret;
-    if (!crypto::random_bytes(secret.data(), secret.size()) || !load())
+    if (!find_accounts(path, m_path) || !crypto::random_bytes(secret.data(), secret.size()) || !load())
         return false;
     m_secret = crypto::bytes_of(secret);
     return true;
 }
 
-bool qor::control::scram_accounts::open_key(crypto::key_pointer& key) {
+bool qor::control::accounts::open_key(crypto::key_pointer& key) {
     crypto::digest secret;
     const crypto::wiped_later of_secret(secret);
     if (!open_server_key(m_path, key) || !secret_of_key(key.get(), "qor-debug false salt", secret))
@@ -169,14 +165,14 @@ bool qor::control::scram_accounts::open_key(crypto::key_pointer& key) {
     return true;
 }
 
-bool qor::control::scram_accounts::load() {
+bool qor::control::accounts::load() {
     if (!read_accounts(m_path, m_accounts))
         return false;
     m_usual_iterations = m_accounts.usual_iterations();
     return true;
 }
 
-bool qor::control::scram_accounts::look_up(std::string_view name, crypto::verifier& out, bool& is_known) {
+bool qor::control::accounts::look_up(std::string_view name, crypto::verifier& out, bool& is_known) {
     // Who was taken out since must not come in, and a file that cannot be used is one without accounts.
     if (!load()) {
         m_accounts = {};

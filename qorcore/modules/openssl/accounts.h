@@ -51,7 +51,7 @@ private:
 };
 
 // The accounts of a listener. Not thread-safe. Throws std::bad_alloc.
-class scram_accounts {
+class accounts {
 public:
     // Null: the file in the framework's configuration folder. False: there is none, it cannot be used, or others may read
     // it; the last error says so.
@@ -73,8 +73,8 @@ private:
     std::string m_secret; // what false salts are made of
 };
 
-// Where the accounts are if nobody says otherwise. False: the last error says why.
-bool default_accounts_path(std::string& path);
+// The file of a path that somebody gave; null: the one in the framework's configuration folder. False: the last error says why.
+bool find_accounts(const char* path, std::string& out);
 
 // Reads accounts from a file. False: the last error says why. A missing file is one without accounts, where `is_missing`
 // takes it.

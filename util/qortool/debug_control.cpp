@@ -1,0 +1,209 @@
+#include "debug_control.h"
+
+#include <cstdlib>
+
+namespace {
+
+constexpr char action[] = "debug-control";
+constexpr char catalog[] = "qortool";
+
+// For a command that takes `count` words. False: there is another number, and the user has been told.
+bool check_count(const qorStringArray& args, uint32 count) {
+    if (args.GetCount() == count)
+        return true;
+    fputmsg(stderr, catalog, 64, true);
+    return false;
+}
+
+// A command that failed does not end the console.
+void tell(bool done) {
+    if (!done)
+        fputerr(stderr, true);
+}
+
+void list_codes(qorStringArray& codes, uint32 heading) {
+    codes.Sort(true);
+    fixed_fprintf(stdout, "\n");
+    fputmsg(stdout, catalog, heading, true);
+    fixed_fprintf(stdout, "\n");
+    for (uint32 i = 0; i < codes.GetCount(); ++i)
+        fixed_fprintf(stdout, "%s\n", codes[i]);
+    fixed_fprintf(stdout, "\n");
+}
+
+// Reads a line behind a prompt. False: there is none, and the user has been told.
+bool ask(const char* prompt, qorString& line) {
+    fixed_fprintf(stdout, "%s", prompt);
+    std::fflush(stdout);
+    if (line.GetLine(stdin))
+        return true;
+    fputerr(stderr, true);
+    return false;
+}
+
+} // namespace
+
+struct debug_control::command_row {
+    const char* name;
+    uint32 help;
+    void (debug_control::*handler)(qorStringArray& args);
+};
+
+// The order is that of the search and of the help text.
+const debug_control::command_row debug_control::s_commands[] = {
+    {"help", 49, &debug_control::cmd_help},
+    {"show-all", 66, &debug_control::cmd_show_all},
+    {"show-enabled", 67, &debug_control::cmd_show_enabled},
+    {"enable", 68, &debug_control::cmd_enable},
+    {"disable", 50, &debug_control::cmd_disable},
+    {"disable-all", 69, &debug_control::cmd_disable_all},
+};
+
+debug_control::debug_control(bool quiet)
+    : qorComponent2("qorcore.qortool.debug_control"),
+      m_debug_code(qorDebugAllocateCode("qortool.debug-control")), m_quiet(quiet) {}
+
+debug_control::~debug_control() = default;
+
+uint32 debug_control::getver_IQORDebugControlSink() noexcept { return 1; }
+
+// On a thread of the framework, while the console waits for input, which it would do for ever. Nothing else of the
+// process runs any more: an orderly exit could wait for the lock of the stream that is being read.
+void debug_control::debug_ConnectionLost() noexcept {
+    fixed_fprintf(stderr, "Debug connection lost\n");
+    std::fflush(stderr);
+    std::_Exit(0);
+}
+
+bool debug_control::check_words(qorStringArray& args) {
+    qorString name;
+    qorString value;
+    while (qorNextOption(args, name, value)) {
+        // Scripts of old give it; it never did anything.
+        if (name.Compare("xxx") == 0)
+            continue;
+        qorDebug(m_debug_code, "FAIL bad option");
+        fputmsg(stderr, catalog, 36, action, name);
+        return false;
+    }
+    if (args.GetCount() != 2) {
+        qorDebug(m_debug_code, "FAIL wrong number of args");
+        fputmsg(stderr, catalog, 37, action);
+        return false;
+    }
+    return true;
+}
+
+bool debug_control::log_in() {
+    for (;;) {
+        qorString user;
+        qorString password;
+        if (!ask("Username: ", user) || !ask("Password: ", password))
+            return false;
+        if (m_control->Login(user, password))
+            return true;
+        qorString reason;
+        const uint32 error = qorGetLastError(reason);
+        fputerr(stderr, true);
+        if (error != qorError_credentials_refused)
+            return false;
+    }
+}
+
+bool debug_control::Execute(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "Execute");
+    if (!check_words(args))
+        return false;
+    create_IQORDebugControl(m_control.Out());
+    if (!m_quiet)
+        fputmsg(stdout, catalog, 47, true);
+    // A number beyond 16 bits loses its upper ones.
+    if (!m_control->Connect(args[0], static_cast<uint16>(std::atoi(args[1])))) {
+        qorDebug(m_debug_code, "FAIL conn->Connect() returned false");
+        fputerr(stderr, true);
+        return false;
+    }
+    if (!log_in())
+        return false;
+    if (!m_control->SetSink(this)) {
+        fputerr(stderr, true);
+        return false;
+    }
+    if (!m_quiet)
+        fputmsg(stdout, catalog, 48, true);
+    qorString line;
+    while (ask("Debug> ", line))
+        run(line);
+    return false;
+}
+
+void debug_control::run(qorString& line) {
+    line.TrimBoth();
+    if (line.IsEmpty())
+        return;
+    qorStringArray args;
+    if (!line.Tokenise_WS(args)) {
+        fputerr(stderr, true);
+        return;
+    }
+    if (args.IsEmpty())
+        return;
+    const qorString command(args[0]);
+    args.RemoveAt(0, 1);
+    for (const command_row& row : s_commands)
+        if (command.Compare(row.name) == 0)
+            return (this->*row.handler)(args);
+    fputmsg(stderr, catalog, 63, true);
+}
+
+void debug_control::cmd_help(qorStringArray&) {
+    const qorDebugSeq trace(m_debug_code, "cmd_help");
+    fixed_fprintf(stdout, "\n");
+    fputmsg(stdout, catalog, 65, true);
+    fixed_fprintf(stdout, "\n");
+    for (const command_row& row : s_commands)
+        fputmsg(stdout, catalog, row.help, true);
+    fixed_fprintf(stdout, "\n");
+}
+
+void debug_control::cmd_show_all(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "cmd_show_all");
+    if (!check_count(args, 0))
+        return;
+    qorStringArray codes;
+    if (m_control->GetCodes(codes))
+        list_codes(codes, 70);
+    else
+        fputerr(stderr, true);
+}
+
+void debug_control::cmd_show_enabled(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "cmd_show_enabled");
+    if (!check_count(args, 0))
+        return;
+    qorStringArray codes;
+    if (!m_control->GetEnabledCodes(codes))
+        fputerr(stderr, true);
+    else if (codes.IsEmpty())
+        fputmsg(stdout, catalog, 71, true);
+    else
+        list_codes(codes, 72);
+}
+
+void debug_control::cmd_enable(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "cmd_enable");
+    if (check_count(args, 1))
+        tell(m_control->EnableCode(args[0], true));
+}
+
+void debug_control::cmd_disable(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "cmd_disable");
+    if (check_count(args, 1))
+        tell(m_control->EnableCode(args[0], false));
+}
+
+void debug_control::cmd_disable_all(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "cmd_disable_all");
+    if (check_count(args, 0))
+        tell(m_control->DisableAll());
+}

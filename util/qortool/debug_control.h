@@ -1,0 +1,46 @@
+// The console of debug control: shows and switches the trace codes of another process, by commands read from standard
+// input.
+#pragma once
+
+#include "qor/qor.h"
+
+class debug_control : public qorComponent2, public IQORDebugControlSink {
+public:
+    // Quiet leaves out what is said before connecting and after the login.
+    explicit debug_control(bool quiet);
+
+    void AddRef() noexcept override { object_AddRef(); }
+    void Release() noexcept override { object_Release(); }
+    int QueryInterface(const char* name, void** out) noexcept override {
+        return object_QueryInterface(name, out);
+    }
+
+    // Two words, a host and a port. Runs until the end of the input or something that it cannot go on from, which it
+    // has told the user: false in every case. A lost connection ends the process.
+    bool Execute(qorStringArray& args);
+
+protected:
+    ~debug_control() override;
+
+    uint32 getver_IQORDebugControlSink() noexcept override;
+    void debug_ConnectionLost() noexcept override;
+
+private:
+    struct command_row;
+    static const command_row s_commands[];
+
+    bool check_words(qorStringArray& args);
+    bool log_in();
+    void run(qorString& line);
+
+    void cmd_help(qorStringArray& args);
+    void cmd_show_all(qorStringArray& args);
+    void cmd_show_enabled(qorStringArray& args);
+    void cmd_enable(qorStringArray& args);
+    void cmd_disable(qorStringArray& args);
+    void cmd_disable_all(qorStringArray& args);
+
+    uint32 m_debug_code;
+    bool m_quiet;
+    zetSmartPointer<IQORDebugControl> m_control;
+};
