@@ -41,7 +41,7 @@ const qortool_app::action_row qortool_app::s_actions[] = {
     {"help", &qortool_app::func_help, 2, 3},
     {"sysinfo", &qortool_app::func_sysinfo, 56, 57},
     {"netlist", &qortool_app::func_netlist, 12, 13},
-    {"pwcrypt", nullptr, 23, 24},
+    {"pwcrypt", &qortool_app::func_pwcrypt, 23, 24},
     {"ttyinfo", &qortool_app::func_ttyinfo, 25, 26},
     {"list-serial", &qortool_app::func_list_serial, 54, 55},
     {"md5sum", &qortool_app::func_md5sum, 27, 28},

@@ -69,6 +69,7 @@ private:
     int func_dow(qorStringArray& args);
     int func_tztest(qorStringArray& args);
     int func_pathlist(qorStringArray& args);
+    int func_pwcrypt(qorStringArray& args);
     int func_userinfo(qorStringArray& args);
     int func_logon(qorStringArray& args);
 

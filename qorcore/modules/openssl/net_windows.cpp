@@ -177,7 +177,7 @@ int qor::net::connect_to(const endpoint& to, int milliseconds, socket& out) {
         FD_ZERO(&failed);
         FD_SET(handle_of(made), &stands);
         FD_SET(handle_of(made), &failed);
-        const timeval time{milliseconds / 1000, milliseconds % 1000 * 1000};
+        timeval time{milliseconds / 1000, milliseconds % 1000 * 1000};
         if (select(0, nullptr, &stands, &failed, &time) <= 0)
             return timed_out;
         int reason = 0;
