@@ -3,6 +3,7 @@
 // Source names and lines in assertions and allocations are constants: reports compare across versions.
 #include "entry.h"
 #include "qortool_app.h"
+#include "visible_arguments.h"
 
 #include <cerrno>
 #include <cstring>
@@ -29,6 +30,7 @@ int finish_output(int code) {
 } // namespace
 
 int run_tool(int argc, char* const* argv) {
+    keep_arguments(argc, argv);
     qorStringArray args;
     args.SetFromArgVec(argc, argv);
     if (!qorInitProcess("qortool", args, 0)) {
