@@ -162,9 +162,9 @@ TEST_F(trace_flood, of_many_threads_is_whole) {
         int thread = 0;
         int line = 0;
         int end = 0;
-        const std::string words = body.substr(std::min(body.find(' '), body.size()));
-        ASSERT_EQ(std::sscanf(words.c_str(), " thread %d line %d%n", &thread, &line, &end), 2) << body;
-        ASSERT_EQ(static_cast<std::size_t>(end), words.size());
+        const std::string rest = body.substr(std::min(body.find(' '), body.size()));
+        ASSERT_EQ(std::sscanf(rest.c_str(), " thread %d line %d%n", &thread, &line, &end), 2) << body;
+        ASSERT_EQ(static_cast<std::size_t>(end), rest.size());
         if (thread == 9)
             continue;
         ASSERT_EQ(line, next.at(static_cast<std::size_t>(thread))++);

@@ -11,8 +11,8 @@ namespace {
 constexpr char source[] = "qorcore/src/debug/debug_control";
 constexpr char module_name[] = "qor-openssl";
 
-// What a client gets where the module cannot be used: it goes on failing with the reason, so that no client
-// has to look at a null pointer.
+// What a client gets where the module cannot be used: it goes on failing with the reason, so that no client has to
+// look at a null pointer.
 class no_control final : public qor::object<IQORDebugControl> {
 public:
     no_control() : object("qorcore.no_debug_control", "IQORDebugControl"), m_reason(qor::error::current()) {}
