@@ -120,6 +120,7 @@ constexpr message qorcore[] = {
     {1066, "Let 'qortool debug-control' switch trace codes here (or set QOR_DEBUG_LISTEN)."},
     {1067, "--qor-debug-users=FILE"},
     {1068, "Who may do so: accounts that 'qor-debug-user' wrote to FILE (or set QOR_DEBUG_USERS)."},
+    {1069, "line {1} is no account"},
     {1070, "it does not answer"},
     {1071, "it closed the connection"},
     {1072, "it was silent for too long"},
@@ -128,6 +129,8 @@ constexpr message qorcore[] = {
     {1075, "a frame that makes no sense"},
     {1076, "it asks for a login that is not safe"},
     {1077, "it does not read its answers"},
+    {1078, "there is no such file"},
+    {1079, "others may read it (take that right away: chmod go= FILE)"},
 };
 
 constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}};

@@ -1,0 +1,246 @@
+#include "debug_control.h"
+
+#include "debug_link.h"
+#include "known_hosts.h"
+#include "scram.h"
+
+#include <system_error>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+using qor::control::frame;
+using qor::control::frame_type;
+
+constexpr char source[] = "qorcore/modules/openssl/debug_control";
+
+constexpr int connect_time = 10'000; // milliseconds for each address
+constexpr auto request_time = 20s;
+// A listener may let a login wait until its neighbour has been quiet for a minute.
+constexpr auto login_time = 130s;
+
+class debug_control final : public qor::object<IQORDebugControl> {
+public:
+    debug_control(qor::control::tls_context context, const char* known_hosts)
+        : object("qorcore.openssl.debug_control", "IQORDebugControl"), m_context(std::move(context)), m_known(known_hosts) {}
+
+    ~debug_control() override { leave(); }
+
+    bool Connect(const char* host, uint16 port) noexcept override {
+        return guarded([&] {
+            leave();
+            m_host = host;
+            m_port = port;
+            return connect();
+        });
+    }
+
+    bool Login(const char* username, const char* password) noexcept override {
+        return guarded([&] {
+            if (username == nullptr || password == nullptr) {
+                qorSetLastError(qorError_invalid_argument, "IQORDebugControl::Login", username == nullptr ? "username" : "password");
+                return false;
+            }
+            if (m_host.empty())
+                return not_connected();
+            if (m_logged_in) {
+                qorSetLastError(qorError_debug_logged_in);
+                return false;
+            }
+            // A listener lets a connection go after some refusals, or when nobody logs in for long. That is no reason
+            // to bother the user, who has only to type once more.
+            const bool fresh = !is_alive();
+            if (fresh && !connect())
+                return false;
+            frame answer;
+            qor::control::scram_client login(username, password, m_link->binding());
+            if (m_link->ask(frame_type::login_first, login.first(), request_time, answer))
+                return log_in(login, answer);
+            if (fresh || !m_link->is_lost() || !connect())
+                return false;
+            qor::control::scram_client again(username, password, m_link->binding());
+            return m_link->ask(frame_type::login_first, again.first(), request_time, answer) && log_in(again, answer);
+        });
+    }
+
+    bool SetSink(IQORDebugControlSink* sink) noexcept override {
+        return guarded([&] {
+            if (sink != nullptr && sink->getver_IQORDebugControlSink() < 1) {
+                qorSetLastError(qorError_invalid_argument, "IQORDebugControl::SetSink", "sink");
+                return false;
+            }
+            return is_logged_in() && m_link->set_sink(sink);
+        });
+    }
+
+    bool GetCodes(qorStringArray& out) noexcept override { return get_list(frame_type::get_codes, out); }
+    bool GetEnabledCodes(qorStringArray& out) noexcept override { return get_list(frame_type::get_enabled_codes, out); }
+
+    bool EnableCode(const char* name, bool enable) noexcept override {
+        return guarded([&] {
+            if (name == nullptr || *name == '\0') {
+                qorSetLastError(qorError_invalid_argument, "IQORDebugControl::EnableCode", "name");
+                return false;
+            }
+            frame answer;
+            return is_logged_in() && ask(frame_type::enable_code, std::string(1, enable ? '\1' : '\0') + name, answer);
+        });
+    }
+
+    bool DisableAll() noexcept override {
+        return guarded([&] {
+            frame answer;
+            return is_logged_in() && ask(frame_type::disable_all, {}, answer);
+        });
+    }
+
+private:
+    template <class ACTION>
+    bool guarded(ACTION action) const noexcept {
+        try {
+            return action();
+        } catch (const std::bad_alloc&) {
+            qorSetLastError(qorError_out_of_memory);
+        } catch (const std::system_error& failed) {
+            qorSetLastError(qorError_system, "IQORDebugControl", failed.code().message().c_str());
+        }
+        return false;
+    }
+
+    static bool not_connected() noexcept {
+        qorSetLastError(qorError_debug_not_connected);
+        return false;
+    }
+
+    bool is_alive() const { return m_link != nullptr && !m_link->is_of_parent() && !m_link->is_lost(); }
+
+    bool is_logged_in() const noexcept {
+        if (m_link == nullptr || m_link->is_of_parent())
+            return not_connected();
+        if (!m_logged_in)
+            qorSetLastError(qorError_debug_not_logged_in);
+        return m_logged_in;
+    }
+
+    void leave() noexcept {
+        m_logged_in = false;
+        if (m_link != nullptr)
+            m_link->stop();
+        m_link.reset();
+    }
+
+    bool connect() {
+        leave();
+        std::vector<qor::net::endpoint> places;
+        std::string reason;
+        qor::net::socket made;
+        const std::string port = std::to_string(m_port);
+        if (qor::net::resolve(m_host.c_str(), m_port, false, places, reason) == 0)
+            for (const qor::net::endpoint& each : places) {
+                const int failed = qor::net::connect_to(each, connect_time, made);
+                if (failed == 0)
+                    break;
+                reason = qor::net::reason_of(failed);
+            }
+        if (!made.is_open()) {
+            qorSetLastError(qorError_debug_cannot_connect, m_host.c_str(), port.c_str(), reason.c_str());
+            return false;
+        }
+        m_link = std::make_shared<qor::control::link>(qor::control::link::peer_name{m_host, port}, std::move(made),
+                                                      m_context.get());
+        if (qor::control::link::open(m_link) && m_known.check(m_host, m_port, m_link->peer_key()))
+            return true;
+        leave();
+        return false;
+    }
+
+    // From the answer to the first message on.
+    bool log_in(qor::control::scram_client& login, frame& answer) {
+        if (answer.type == frame_type::refusal)
+            return refused(answer);
+        std::string last;
+        if (!login.final(answer.payload, last)) {
+            leave();
+            qorSetLastError(qorError_debug_protocol, qor::control::reason_text(1076).c_str());
+            return false;
+        }
+        if (!m_link->ask(frame_type::login_final, last, login_time, answer))
+            return false;
+        if (answer.type == frame_type::refusal)
+            return refused(answer);
+        // From here on it is the listener that has to prove itself.
+        if (!login.verify(answer.payload)) {
+            leave();
+            qorSetLastError(qorError_debug_server_not_proved, m_host.c_str(), std::to_string(m_port).c_str());
+            return false;
+        }
+        if (!m_known.remember(m_host, m_port, m_link->peer_key())) {
+            leave();
+            return false;
+        }
+        m_link->set_logged_in();
+        m_logged_in = true;
+        return true;
+    }
+
+    static bool refused(const frame& answer) noexcept {
+        uint32 code = 0;
+        qor::control::read_number(answer.payload, code);
+        qorSetLastError(code == static_cast<uint32>(qor::control::refusal_code::credentials)
+                            ? qorError_credentials_refused
+                            : qorError_debug_refused);
+        return false;
+    }
+
+    bool ask(frame_type type, std::string_view payload, frame& answer) {
+        if (!m_link->ask(type, payload, request_time, answer))
+            return false;
+        return answer.type != frame_type::refusal || refused(answer);
+    }
+
+    bool get_list(frame_type type, qorStringArray& out) noexcept {
+        return guarded([&] {
+            out.Empty();
+            if (!is_logged_in())
+                return false;
+            uint32 next = 0;
+            do {
+                frame answer;
+                qor::control::name_page page;
+                if (!ask(type, qor::control::number_payload(next), answer))
+                    return false;
+                if (!qor::control::read_page(answer.payload, page) || (page.next != 0 && page.next <= next)) {
+                    qorSetLastError(qorError_debug_protocol, qor::control::reason_text(1075).c_str());
+                    return false;
+                }
+                for (const std::string& name : page.names)
+                    out.Append(name.c_str());
+                next = page.next;
+            } while (next != 0);
+            return true;
+        });
+    }
+
+    qor::control::tls_context m_context;
+    qor::control::known_hosts m_known;
+    std::shared_ptr<qor::control::link> m_link;
+    std::string m_host;
+    uint16 m_port = 0;
+    bool m_logged_in = false;
+};
+
+} // namespace
+
+bool create_debug_control(const char* known_hosts, IQORDebugControl** out) noexcept {
+    qor::control::tls_context context = qor::control::make_client_context();
+    if (context == nullptr)
+        return false;
+    try {
+        *out = new (source, __LINE__) debug_control(std::move(context), known_hosts);
+        return true;
+    } catch (const std::bad_alloc&) {
+        qorSetLastError(qorError_out_of_memory);
+        return false;
+    }
+}

@@ -1,0 +1,258 @@
+#include "debug_link.h"
+
+#include <algorithm>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// The same figures as the listener's.
+constexpr auto handshake_time = 5s;
+constexpr auto heartbeat_time = 5s;
+constexpr auto silence_limit = 15s;
+
+} // namespace
+
+bool qor::control::failure::set() const noexcept {
+    qorSetLastError(number, inserts[0].c_str(), inserts[1].c_str(), inserts[2].c_str(), inserts[3].c_str());
+    return false;
+}
+
+std::string qor::control::reason_text(uint32 number, const char* insert) {
+    qorString text;
+    text.Format("qorcore", number, insert);
+    return text.Text();
+}
+
+qor::control::link::link(peer_name peer, net::socket connected, SSL_CTX* context)
+    : m_peer(std::move(peer)), m_socket(std::move(connected)), m_forks(net::fork_count()),
+      m_channel(context, tls_channel::side::client), m_begun(clock::now()), m_heard(m_begun), m_sent(m_begun) {}
+
+bool qor::control::link::open(const std::shared_ptr<link>& self) {
+    // The thread keeps what it works on: the last call of a sink may release everything else.
+    self->m_thread = net::start_thread([self] { self->run(); });
+    std::unique_lock hold(self->m_lock);
+    self->m_changed.wait(hold, [&] { return self->m_open || self->m_lost; });
+    return !self->m_lost || self->m_why.set();
+}
+
+void qor::control::link::run() {
+    try {
+        while (turn())
+            ;
+    } catch (const std::exception&) {
+        lose(qorError_out_of_memory, {});
+    }
+    m_channel.end();
+    (void)flush();
+    m_socket = {};
+    tell_sink();
+}
+
+bool qor::control::link::turn() {
+    if (!flush())
+        return lose_to_peer(reason_text(1071));
+    const clock::time_point next =
+        m_open ? std::min(m_sent + heartbeat_time, m_heard + silence_limit) : m_begun + handshake_time;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - clock::now()).count();
+    net::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_socket, true, !m_channel.outgoing().empty()}};
+    net::wait(watched, static_cast<int>(std::max<long long>(0, left)));
+    const clock::time_point now = clock::now();
+    if (watched[1].ready && !receive(now))
+        return false;
+    m_waker.take();
+    std::string requests;
+    {
+        const std::lock_guard hold(m_lock);
+        if (m_stopping)
+            return false;
+        requests = std::exchange(m_requests, {});
+        if (m_logged_in)
+            m_frames.set_limit(payload_limit);
+    }
+    if (!m_open)
+        return now < m_begun + handshake_time || lose_in_handshake(qorError_debug_cannot_connect, reason_text(1070));
+    if (now >= m_heard + silence_limit)
+        return lose(qorError_debug_connection_lost, reason_text(1072));
+    if (requests.empty() && now >= m_sent + heartbeat_time)
+        append_frame(requests, frame_type::heartbeat, 0, {});
+    if (!requests.empty()) {
+        m_channel.send(requests);
+        m_sent = now;
+    }
+    return true;
+}
+
+bool qor::control::link::receive(clock::time_point now) {
+    char bytes[16384];
+    std::size_t count;
+    const int failed = net::receive(m_socket, bytes, sizeof bytes, &count);
+    if (failed == net::would_block)
+        return true;
+    const bool closed = failed != 0 || count == 0;
+    std::string plain;
+    if (!closed) {
+        m_heard = now;
+        m_channel.receive({bytes, count}, plain);
+    }
+    const tls_channel::state state = m_channel.now();
+    if (!m_open) {
+        if (state == tls_channel::state::failed)
+            return lose_in_handshake(qorError_debug_not_ours, reason_text(1073, m_channel.reason().c_str()));
+        if (closed)
+            return lose_to_peer({});
+        if (state == tls_channel::state::handshake)
+            return true;
+        if (!finish_handshake())
+            return false;
+    }
+    if (!take_frames(plain))
+        return lose(qorError_debug_protocol, reason_text(1075));
+    if (closed)
+        return lose_to_peer(failed != 0 ? net::reason_of(failed) : reason_text(1071));
+    if (state == tls_channel::state::failed)
+        return lose(qorError_debug_connection_lost, reason_text(1073, m_channel.reason().c_str()));
+    return state != tls_channel::state::ended || lose_to_peer(reason_text(1071));
+}
+
+bool qor::control::link::finish_handshake() {
+    if (!m_channel.speaks_protocol())
+        return lose_in_handshake(qorError_debug_not_ours, reason_text(1074, protocol_name));
+    m_peer_key = m_channel.peer_key();
+    m_binding = m_channel.binding();
+    const std::lock_guard hold(m_lock);
+    m_open = true;
+    m_changed.notify_all();
+    return true;
+}
+
+bool qor::control::link::take_frames(std::string_view plain) {
+    m_frames.add(plain);
+    for (frame found;;) {
+        const frame_reader::result result = m_frames.next(found);
+        if (result != frame_reader::result::frame)
+            return result == frame_reader::result::nothing;
+        if (found.type == frame_type::heartbeat)
+            continue;
+        const std::lock_guard hold(m_lock);
+        // An answer that nobody waits for came too late.
+        if (found.request != m_last_request)
+            continue;
+        m_answer = std::move(found);
+        m_changed.notify_all();
+    }
+}
+
+bool qor::control::link::flush() {
+    std::string& out = m_channel.outgoing();
+    while (!out.empty() && m_socket.is_open()) {
+        std::size_t count;
+        const int failed = net::send(m_socket, out.data(), out.size(), &count);
+        if (failed == net::would_block)
+            return true;
+        if (failed != 0)
+            return false;
+        out.erase(0, count);
+    }
+    return true;
+}
+
+bool qor::control::link::lose_to_peer(std::string reason) {
+    // A listener that has no room for another one says nothing.
+    return m_open ? lose(qorError_debug_connection_lost, std::move(reason)) : lose_in_handshake(qorError_debug_busy, {});
+}
+
+bool qor::control::link::lose_in_handshake(uint32 number, std::string reason) {
+    const std::lock_guard hold(m_lock);
+    m_why = {number, {m_peer.host, m_peer.port, std::move(reason), {}}};
+    m_lost = true;
+    m_changed.notify_all();
+    return false;
+}
+
+bool qor::control::link::lose(uint32 number, std::string reason) {
+    const std::lock_guard hold(m_lock);
+    m_why = {number, {std::move(reason), {}, {}, {}}};
+    m_lost = true;
+    m_changed.notify_all();
+    return false;
+}
+
+void qor::control::link::tell_sink() {
+    IQORDebugControlSink* sink = nullptr;
+    {
+        const std::lock_guard hold(m_lock);
+        m_lost = true;
+        if (!m_stopping)
+            sink = std::exchange(m_sink, nullptr);
+        m_telling = sink != nullptr;
+        m_changed.notify_all();
+    }
+    if (sink == nullptr)
+        return;
+    sink->debug_ConnectionLost();
+    const std::lock_guard hold(m_lock);
+    m_telling = false;
+    m_changed.notify_all();
+}
+
+bool qor::control::link::ask(frame_type type, std::string_view payload, std::chrono::seconds patience, frame& answer) {
+    std::unique_lock hold(m_lock);
+    m_answer.reset();
+    if (!m_lost) {
+        append_frame(m_requests, type, ++m_last_request, payload);
+        m_waker.wake();
+        const auto answered = [this] { return m_answer || m_lost || m_stopping; };
+        if (!m_changed.wait_for(hold, patience, answered)) {
+            const failure silent{qorError_debug_connection_lost, {reason_text(1072), {}, {}, {}}};
+            return silent.set();
+        }
+    }
+    if (!m_answer)
+        return m_why.set();
+    answer = std::move(*m_answer);
+    m_answer.reset();
+    if (answer.type == answer_to(type) || answer.type == frame_type::refusal)
+        return true;
+    const failure senseless{qorError_debug_protocol, {reason_text(1075), {}, {}, {}}};
+    return senseless.set();
+}
+
+bool qor::control::link::is_lost() {
+    const std::lock_guard hold(m_lock);
+    return m_lost;
+}
+
+void qor::control::link::set_logged_in() {
+    const std::lock_guard hold(m_lock);
+    m_logged_in = true;
+}
+
+bool qor::control::link::set_sink(IQORDebugControlSink* sink) {
+    std::unique_lock hold(m_lock);
+    if (!is_own_thread())
+        m_changed.wait(hold, [this] { return !m_telling; });
+    m_sink = nullptr;
+    if (m_lost && sink != nullptr)
+        return m_why.set();
+    m_sink = sink;
+    return true;
+}
+
+void qor::control::link::stop() {
+    if (is_of_parent())
+        return;
+    {
+        const std::lock_guard hold(m_lock);
+        m_stopping = true;
+        m_sink = nullptr;
+        if (!m_lost)
+            m_why = {qorError_debug_not_connected, {}};
+        m_changed.notify_all();
+    }
+    m_waker.wake();
+    if (is_own_thread())
+        m_thread.detach();
+    else if (m_thread.joinable())
+        m_thread.join();
+}

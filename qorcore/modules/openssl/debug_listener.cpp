@@ -1,0 +1,144 @@
+#include "debug_listener.h"
+
+#include "debug_service.h"
+#include "net.h"
+
+#include <algorithm>
+#include <charconv>
+#include <system_error>
+
+namespace {
+
+constexpr char source[] = "qorcore/modules/openssl/debug_listener";
+
+struct listening_address {
+    std::vector<std::string> hosts; // one that is named, or this host's own two
+    uint16 port = 0;
+};
+
+// "[HOST:]PORT"; a host with colons stands in brackets.
+bool read_address(std::string_view text, listening_address& out) {
+    const std::size_t colon = text.rfind(':');
+    const std::string_view port = text.substr(colon + 1);
+    const auto [end, failed] = std::from_chars(port.data(), port.data() + port.size(), out.port);
+    if (failed != std::errc() || end != port.data() + port.size())
+        return false;
+    if (colon == text.npos) {
+        out.hosts = {"127.0.0.1", "::1"};
+        return true;
+    }
+    std::string_view host = text.substr(0, colon);
+    const bool in_brackets = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    if (in_brackets)
+        host = host.substr(1, host.size() - 2);
+    else if (host.find_first_of(":[]") != host.npos)
+        return false;
+    out.hosts = {std::string(host)};
+    return !host.empty();
+}
+
+bool cannot_listen(const char* address, const std::string& reason) noexcept {
+    qorSetLastError(qorError_debug_cannot_listen, address, reason.c_str());
+    return false;
+}
+
+// All of them, on one port. Not 0: the system's code; an address that this host lacks is none to fail for, unless it lacks
+// them all.
+int listen_at_all(std::vector<qor::net::endpoint> places, std::vector<qor::net::socket>& out) {
+    int missing = 0;
+    for (qor::net::endpoint& each : places) {
+        if (each.port() == 0 && !out.empty())
+            each.set_port(qor::net::local_end(out.front()).port());
+        qor::net::socket made;
+        const int failed = qor::net::listen_at(each, made);
+        if (qor::net::is_not_here(failed))
+            missing = failed;
+        else if (failed != 0)
+            return failed;
+        else
+            out.push_back(std::move(made));
+    }
+    return out.empty() ? missing : 0;
+}
+
+// The system chooses a free port for the first address; that it is free for the others is likely, no more.
+int listen_with_patience(const std::vector<qor::net::endpoint>& places, std::vector<qor::net::socket>& out) {
+    int failed = 0;
+    for (int i = 0; i < 16; ++i) {
+        out.clear();
+        failed = listen_at_all(places, out);
+        if (failed != qor::net::in_use || places.front().port() != 0)
+            break;
+    }
+    return failed;
+}
+
+class debug_listener final : public qor::object<IQORDebugListener> {
+public:
+    debug_listener() noexcept : object("qorcore.openssl.debug_listener", "IQORDebugListener") {}
+
+    ~debug_listener() override {
+        // In a forked child the thread does not exist and its locks may be held for ever: all of it stays as it is.
+        if (m_forks == qor::net::fork_count())
+            delete m_service;
+    }
+
+    bool Listen(const char* address, const char* users, uint16* port) noexcept override {
+        try {
+            return listen(address, users, port);
+        } catch (const std::bad_alloc&) {
+            qorSetLastError(qorError_out_of_memory);
+            return false;
+        } catch (const std::system_error& failed) {
+            return cannot_listen(address, failed.code().message());
+        }
+    }
+
+private:
+    bool listen(const char* address, const char* users, uint16* port) {
+        listening_address wanted;
+        if (!read_address(address, wanted)) {
+            qorSetLastError(qorError_debug_bad_address, address);
+            return false;
+        }
+        // Nobody could log in: there is no point in listening then.
+        qor::control::accounts users_of_file;
+        qor::control::key_pointer key;
+        if (!users_of_file.open(users) || !users_of_file.open_key(key))
+            return false;
+        qor::control::tls_context context = qor::control::make_server_context(key.get());
+        if (context == nullptr)
+            return false;
+        std::vector<qor::net::endpoint> places;
+        std::string reason;
+        for (const std::string& host : wanted.hosts)
+            if (qor::net::resolve(host.c_str(), wanted.port, true, places, reason) != 0 && wanted.hosts.size() == 1)
+                return cannot_listen(address, reason);
+        std::vector<qor::net::socket> sockets;
+        if (const int failed = listen_with_patience(places, sockets))
+            return cannot_listen(address, qor::net::reason_of(failed));
+        const uint16 chosen = qor::net::local_end(sockets.front()).port();
+        auto made = std::make_unique<qor::control::service>(std::move(context), std::move(users_of_file), std::move(sockets));
+        made->start();
+        m_service = made.release();
+        m_forks = qor::net::fork_count();
+        if (port != nullptr)
+            *port = chosen;
+        return true;
+    }
+
+    qor::control::service* m_service = nullptr;
+    unsigned m_forks = 0;
+};
+
+} // namespace
+
+bool create_debug_listener(IQORDebugListener** out) noexcept {
+    try {
+        *out = new (source, __LINE__) debug_listener;
+        return true;
+    } catch (const std::bad_alloc&) {
+        qorSetLastError(qorError_out_of_memory);
+        return false;
+    }
+}

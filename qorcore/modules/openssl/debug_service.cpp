@@ -1,0 +1,153 @@
+#include "debug_service.h"
+
+#include <openssl/rand.h>
+
+#include <algorithm>
+
+namespace {
+
+using namespace std::chrono_literals;
+using qor::control::moment;
+
+// What ends a connection goes out, too, if the peer reads it soon.
+constexpr auto farewell_time = 1s;
+
+unsigned draw(unsigned below) {
+    uint32 number = 0;
+    RAND_bytes(reinterpret_cast<unsigned char*>(&number), sizeof number);
+    return number % below;
+}
+
+} // namespace
+
+qor::control::service::service(tls_context context, accounts users, std::vector<net::socket> listeners)
+    : m_trace(qorDebugAllocateCode("system.debug-control")), m_context(std::move(context)),
+      m_accounts(std::move(users)), m_gate(draw), m_host{m_context.get(), m_gate, m_accounts, m_trace},
+      m_listeners(std::move(listeners)) {}
+
+qor::control::service::~service() {
+    m_ending = true;
+    m_waker.wake();
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+void qor::control::service::start() {
+    for (const net::socket& each : m_listeners)
+        qorDebug(m_trace, "listening on %s", net::local_end(each).text().c_str());
+    m_thread = net::start_thread([this] { run(); });
+}
+
+void qor::control::service::run() {
+    std::vector<net::watched> watched;
+    while (!m_ending) {
+        wait(std::chrono::steady_clock::now(), watched);
+        const moment now = std::chrono::steady_clock::now();
+        m_waker.take();
+        // Connections stand in the list as they stood in it when it was made; new ones come behind.
+        std::size_t at = 1 + m_listeners.size();
+        for (auto each = m_connections.begin(); each != m_connections.end(); ++at)
+            each = serve(*each, watched[at].ready, now) ? std::next(each) : m_connections.erase(each);
+        for (std::size_t i = 0; i < m_listeners.size(); ++i)
+            if (watched[1 + i].ready)
+                accept_all(m_listeners[i], now);
+        if (now >= m_forget_at) {
+            m_gate.forget(now);
+            m_forget_at = now + 10s;
+        }
+    }
+    for (connection& each : m_connections) {
+        each.talk.lost("nobody listens any more");
+        flush(each);
+    }
+    m_connections.clear();
+}
+
+int qor::control::service::time_to_wait(moment now) const noexcept {
+    moment next = now + 10s;
+    for (const connection& each : m_connections)
+        next = std::min(next, each.talk.is_over() ? each.close_at : each.talk.next_look());
+    if (m_accept_again > now)
+        next = std::min(next, m_accept_again);
+    return static_cast<int>(std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(next - now).count()));
+}
+
+void qor::control::service::wait(moment now, std::vector<net::watched>& watched) {
+    watched.clear();
+    watched.push_back({&m_waker.receiver(), true, false});
+    for (const net::socket& each : m_listeners)
+        watched.push_back({&each, now >= m_accept_again, false});
+    for (connection& each : m_connections)
+        watched.push_back({&each.socket, !each.talk.is_over(), !each.talk.outgoing().empty()});
+    net::wait(watched, time_to_wait(now));
+}
+
+void qor::control::service::accept_all(const net::socket& listener, moment now) {
+    for (;;) {
+        net::socket made;
+        net::endpoint from;
+        if (const int failed = net::accept_from(listener, made, from)) {
+            // Most likely the host's descriptors are used up; it gets no busier by us.
+            if (failed != net::would_block)
+                m_accept_again = now + 1s;
+            return;
+        }
+        const std::string neighbour = from.neighbour();
+        if (!m_gate.enter(neighbour)) {
+            qorDebug(m_trace, "connection from %s is turned away", from.text().c_str());
+            continue;
+        }
+        try {
+            m_connections.emplace_back(std::move(made), m_host, from, now);
+        } catch (const std::bad_alloc&) {
+            m_gate.leave(neighbour);
+        }
+    }
+}
+
+// False: the connection can be closed.
+bool qor::control::service::serve(connection& of, bool ready, moment now) {
+    try {
+        if (ready && !of.talk.is_over() && !receive(of, now))
+            return false;
+        of.talk.look_at_clock(now);
+        if (of.talk.is_over() && of.close_at == moment())
+            of.close_at = now + farewell_time;
+        if (!flush(of)) {
+            of.talk.lost("it is gone");
+            return false;
+        }
+        return !of.talk.is_over() || (!of.talk.outgoing().empty() && now < of.close_at);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+bool qor::control::service::receive(connection& of, moment now) {
+    char bytes[16384];
+    std::size_t count;
+    const int failed = net::receive(of.socket, bytes, sizeof bytes, &count);
+    if (failed == net::would_block)
+        return true;
+    if (failed != 0 || count == 0) {
+        of.talk.lost(failed != 0 ? net::reason_of(failed).c_str() : "it closed the connection");
+        return false;
+    }
+    of.talk.receive({bytes, count}, now);
+    return true;
+}
+
+// False: nothing can be sent any more.
+bool qor::control::service::flush(connection& of) {
+    std::string& out = of.talk.outgoing();
+    while (!out.empty()) {
+        std::size_t count;
+        const int failed = net::send(of.socket, out.data(), out.size(), &count);
+        if (failed == net::would_block)
+            return true;
+        if (failed != 0)
+            return false;
+        out.erase(0, count);
+    }
+    return true;
+}

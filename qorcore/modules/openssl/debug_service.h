@@ -1,0 +1,59 @@
+// Inside the module qor-openssl: the thread that serves the connections of a listener.
+#pragma once
+
+#include "debug_gate.h"
+#include "debug_session.h"
+#include "net.h"
+#include "accounts.h"
+#include "tls_channel.h"
+
+#include <atomic>
+#include <list>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace qor::control {
+
+class service {
+public:
+    service(tls_context context, accounts users, std::vector<net::socket> listeners);
+    service(const service&) = delete;
+    service& operator=(const service&) = delete;
+    ~service(); // ends the thread and all connections; waits for it
+
+    void start(); // throws std::system_error
+
+private:
+    struct connection {
+        connection(net::socket taken, const session_host& host, const net::endpoint& from, moment now)
+            : socket(std::move(taken)), talk(host, from.text(), from.neighbour(), now) {}
+
+        net::socket socket;
+        session talk;
+        moment close_at{}; // for one that is over
+    };
+
+    void run();
+    int time_to_wait(moment now) const noexcept;
+    void wait(moment now, std::vector<net::watched>& watched);
+    void accept_all(const net::socket& listener, moment now);
+    bool serve(connection& of, bool ready, moment now);
+    bool receive(connection& of, moment now);
+    bool flush(connection& of);
+
+    uint32 m_trace;
+    tls_context m_context;
+    accounts m_accounts;
+    gate m_gate;
+    session_host m_host;
+    std::vector<net::socket> m_listeners;
+    net::waker m_waker;
+    std::list<connection> m_connections;
+    moment m_accept_again{}; // the host has no descriptors left
+    moment m_forget_at{};
+    std::atomic<bool> m_ending = false;
+    std::thread m_thread;
+};
+
+} // namespace qor::control

@@ -1,0 +1,258 @@
+#include "net.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <mutex>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace {
+
+using qor::net::endpoint;
+
+// All sockets of the module, for the day of a fork. Never destroyed.
+struct register_of_sockets {
+    std::mutex lock;
+    std::vector<int> open;
+    unsigned forks = 0;
+};
+
+void before_fork();
+void after_fork_in_parent();
+void after_fork_in_child();
+
+register_of_sockets& sockets() {
+    static register_of_sockets* const made = [] {
+        pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+        return new register_of_sockets;
+    }();
+    return *made;
+}
+
+void before_fork() { sockets().lock.lock(); }
+void after_fork_in_parent() { sockets().lock.unlock(); }
+
+// A connection that the child kept would outlive the parent's end of it.
+void after_fork_in_child() {
+    for (const int each : sockets().open)
+        close(each);
+    sockets().open.clear();
+    ++sockets().forks;
+    sockets().lock.unlock();
+}
+
+const sockaddr* address_of(const endpoint& of) noexcept { return reinterpret_cast<const sockaddr*>(of.bytes); }
+sockaddr* address_of(endpoint& of) noexcept { return reinterpret_cast<sockaddr*>(of.bytes); }
+int family_of(const endpoint& of) noexcept { return address_of(of)->sa_family; }
+const sockaddr_in* as_ipv4(const endpoint& of) noexcept { return reinterpret_cast<const sockaddr_in*>(of.bytes); }
+const sockaddr_in6* as_ipv6(const endpoint& of) noexcept { return reinterpret_cast<const sockaddr_in6*>(of.bytes); }
+
+int handle_of(const qor::net::socket& of) noexcept { return static_cast<int>(of.handle()); }
+
+int make(const endpoint& for_what, qor::net::socket& out) {
+    const int made = socket(family_of(for_what), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (made < 0)
+        return errno;
+    out = qor::net::socket(made);
+    const int on = 1;
+    // Small frames are answers that somebody waits for.
+    setsockopt(made, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    return 0;
+}
+
+} // namespace
+
+const int qor::net::would_block = EAGAIN;
+const int qor::net::timed_out = ETIMEDOUT;
+const int qor::net::in_use = EADDRINUSE;
+
+bool qor::net::is_not_here(int code) noexcept { return code == EADDRNOTAVAIL || code == EAFNOSUPPORT; }
+
+std::string qor::net::reason_of(int code) { return std::generic_category().message(code); }
+
+unsigned qor::net::fork_count() noexcept { return sockets().forks; }
+
+qor::net::socket::socket(std::intptr_t handle) noexcept : m_handle(handle) {
+    const std::lock_guard hold(sockets().lock);
+    sockets().open.push_back(static_cast<int>(handle));
+    m_forks = sockets().forks;
+}
+
+qor::net::socket::~socket() {
+    if (!is_open())
+        return;
+    const std::lock_guard hold(sockets().lock);
+    // Closed by the fork; the number may be somebody else's by now.
+    if (m_forks != sockets().forks)
+        return;
+    std::erase(sockets().open, static_cast<int>(m_handle));
+    close(static_cast<int>(m_handle));
+}
+
+uint16 qor::net::endpoint::port() const noexcept {
+    return ntohs(family_of(*this) == AF_INET6 ? as_ipv6(*this)->sin6_port : as_ipv4(*this)->sin_port);
+}
+
+void qor::net::endpoint::set_port(uint16 port) noexcept {
+    if (family_of(*this) == AF_INET6)
+        reinterpret_cast<sockaddr_in6*>(bytes)->sin6_port = htons(port);
+    else
+        reinterpret_cast<sockaddr_in*>(bytes)->sin_port = htons(port);
+}
+
+std::string qor::net::endpoint::text() const {
+    char host[NI_MAXHOST] = "?";
+    (void)getnameinfo(address_of(*this), size, host, sizeof host, nullptr, 0, NI_NUMERICHOST);
+    return std::string(host) + " port " + std::to_string(port());
+}
+
+std::string qor::net::endpoint::neighbour() const {
+    if (family_of(*this) != AF_INET6)
+        return {reinterpret_cast<const char*>(&as_ipv4(*this)->sin_addr), 4};
+    const char* const address = reinterpret_cast<const char*>(&as_ipv6(*this)->sin6_addr);
+    // An IPv4 address in its other form counts as what it is.
+    return IN6_IS_ADDR_V4MAPPED(&as_ipv6(*this)->sin6_addr) ? std::string(address + 12, 4) : std::string(address, 8);
+}
+
+int qor::net::resolve(const char* host, uint16 port, bool to_listen, std::vector<endpoint>& out, std::string& reason) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV | (to_listen ? AI_PASSIVE : 0);
+    addrinfo* found = nullptr;
+    if (const int failed = getaddrinfo(host, std::to_string(port).c_str(), &hints, &found)) {
+        reason = failed == EAI_SYSTEM ? reason_of(errno) : gai_strerror(failed);
+        return failed;
+    }
+    for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
+        endpoint made;
+        made.size = each->ai_addrlen;
+        std::memcpy(made.bytes, each->ai_addr, std::min<std::size_t>(each->ai_addrlen, sizeof made.bytes));
+        out.push_back(made);
+    }
+    freeaddrinfo(found);
+    return 0;
+}
+
+int qor::net::listen_at(const endpoint& at, socket& out) {
+    socket made;
+    if (const int failed = make(at, made))
+        return failed;
+    const int on = 1;
+    setsockopt(handle_of(made), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (family_of(at) == AF_INET6)
+        setsockopt(handle_of(made), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+    if (bind(handle_of(made), address_of(at), at.size) != 0 || listen(handle_of(made), 64) != 0)
+        return errno;
+    out = std::move(made);
+    return 0;
+}
+
+qor::net::endpoint qor::net::local_end(const socket& of) noexcept {
+    endpoint at;
+    socklen_t size = sizeof at.bytes;
+    getsockname(handle_of(of), address_of(at), &size);
+    at.size = size;
+    return at;
+}
+
+int qor::net::accept_from(const socket& listener, socket& out, endpoint& from) {
+    socklen_t size = sizeof from.bytes;
+    const int made = accept4(handle_of(listener), address_of(from), &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (made < 0)
+        return errno == EWOULDBLOCK ? would_block : errno;
+    from.size = size;
+    out = socket(made);
+    const int on = 1;
+    setsockopt(made, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    return 0;
+}
+
+int qor::net::connect_to(const endpoint& to, int milliseconds, socket& out) {
+    socket made;
+    if (const int failed = make(to, made))
+        return failed;
+    if (connect(handle_of(made), address_of(to), to.size) != 0) {
+        if (errno != EINPROGRESS)
+            return errno;
+        watched when{&made, false, true};
+        wait({&when, 1}, milliseconds);
+        if (!when.ready)
+            return timed_out;
+        int failed = 0;
+        socklen_t size = sizeof failed;
+        getsockopt(handle_of(made), SOL_SOCKET, SO_ERROR, &failed, &size);
+        if (failed != 0)
+            return failed;
+    }
+    out = std::move(made);
+    return 0;
+}
+
+int qor::net::receive(const socket& from, char* bytes, std::size_t size, std::size_t* count) noexcept {
+    const ssize_t got = recv(handle_of(from), bytes, size, 0);
+    *count = got > 0 ? static_cast<std::size_t>(got) : 0;
+    return got >= 0 ? 0 : errno == EINTR ? would_block : errno;
+}
+
+int qor::net::send(const socket& to, const char* bytes, std::size_t size, std::size_t* count) noexcept {
+    const ssize_t sent = ::send(handle_of(to), bytes, size, MSG_NOSIGNAL);
+    *count = sent > 0 ? static_cast<std::size_t>(sent) : 0;
+    return sent >= 0 ? 0 : errno == EINTR ? would_block : errno;
+}
+
+void qor::net::wait(std::span<watched> all, int milliseconds) {
+    std::vector<pollfd> list;
+    for (const watched& each : all)
+        list.push_back({handle_of(*each.what),
+                        static_cast<short>((each.for_reading ? POLLIN : 0) | (each.for_writing ? POLLOUT : 0)), 0});
+    using clock = std::chrono::steady_clock;
+    const clock::time_point end = clock::now() + std::chrono::milliseconds(milliseconds);
+    int ready;
+    // A signal that is not for this thread to handle is no reason to come back early.
+    while ((ready = poll(list.data(), list.size(), milliseconds)) < 0 && errno == EINTR)
+        if (milliseconds > 0)
+            milliseconds = static_cast<int>(
+                std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(end - clock::now()).count()));
+    for (std::size_t i = 0; i < all.size(); ++i)
+        all[i].ready = ready > 0 && list[i].revents != 0;
+}
+
+qor::net::waker::waker() {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0)
+        throw std::system_error(errno, std::generic_category());
+    m_receiver = socket(ends[0]);
+    m_sender = socket(ends[1]);
+}
+
+void qor::net::waker::wake() noexcept {
+    std::size_t count;
+    (void)send(m_sender, "", 1, &count);
+}
+
+void qor::net::waker::take() noexcept {
+    char bytes[16];
+    for (std::size_t count = 1; receive(m_receiver, bytes, sizeof bytes, &count) == 0;)
+        ;
+}
+
+std::thread qor::net::start_thread(std::function<void()> run) {
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    struct put_back {
+        const sigset_t& mask;
+        ~put_back() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
+    } const at_end{before};
+    return std::thread(std::move(run));
+}

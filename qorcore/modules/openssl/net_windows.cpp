@@ -1,0 +1,241 @@
+#include "net.h"
+
+#include <algorithm>
+#include <cstring>
+#include <system_error>
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#include <windows.h>
+
+namespace {
+
+using qor::net::endpoint;
+
+// Once, and for good: the host may use sockets of its own.
+void start() {
+    static const bool started = [] {
+        WSADATA data;
+        return WSAStartup(MAKEWORD(2, 2), &data) == 0;
+    }();
+    (void)started;
+}
+
+const sockaddr* address_of(const endpoint& of) noexcept { return reinterpret_cast<const sockaddr*>(of.bytes); }
+sockaddr* address_of(endpoint& of) noexcept { return reinterpret_cast<sockaddr*>(of.bytes); }
+int family_of(const endpoint& of) noexcept { return address_of(of)->sa_family; }
+const sockaddr_in* as_ipv4(const endpoint& of) noexcept { return reinterpret_cast<const sockaddr_in*>(of.bytes); }
+const sockaddr_in6* as_ipv6(const endpoint& of) noexcept { return reinterpret_cast<const sockaddr_in6*>(of.bytes); }
+int size_of(const endpoint& of) noexcept { return static_cast<int>(of.size); }
+
+SOCKET handle_of(const qor::net::socket& of) noexcept { return static_cast<SOCKET>(of.handle()); }
+
+// Never blocking, without delay, and no child's.
+void set_up(SOCKET made) noexcept {
+    u_long on = 1;
+    ioctlsocket(made, FIONBIO, &on);
+    const int no_delay = 1;
+    setsockopt(made, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&no_delay), sizeof no_delay);
+    SetHandleInformation(reinterpret_cast<HANDLE>(made), HANDLE_FLAG_INHERIT, 0);
+}
+
+int make(int family, int type, int protocol, qor::net::socket& out) {
+    start();
+    const SOCKET made =
+        WSASocketW(family, type, protocol, nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+    if (made == INVALID_SOCKET)
+        return WSAGetLastError();
+    set_up(made);
+    out = qor::net::socket(static_cast<std::intptr_t>(made));
+    return 0;
+}
+
+int set_on(const qor::net::socket& of, int level, int option) noexcept {
+    const int on = 1;
+    return setsockopt(handle_of(of), level, option, reinterpret_cast<const char*>(&on), sizeof on);
+}
+
+[[noreturn]] void give_up() { throw std::system_error(WSAGetLastError(), std::system_category()); }
+
+} // namespace
+
+const int qor::net::would_block = WSAEWOULDBLOCK;
+const int qor::net::timed_out = WSAETIMEDOUT;
+const int qor::net::in_use = WSAEADDRINUSE;
+
+bool qor::net::is_not_here(int code) noexcept { return code == WSAEADDRNOTAVAIL || code == WSAEAFNOSUPPORT; }
+
+std::string qor::net::reason_of(int code) {
+    wchar_t wide[512];
+    const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                                        static_cast<DWORD>(code), 0, wide, std::size(wide), nullptr);
+    char text[3 * std::size(wide)];
+    const int size = WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(length), text, sizeof text, nullptr, nullptr);
+    std::string reason(text, static_cast<std::size_t>(std::max(size, 0)));
+    // It comes as a sentence on a line of its own.
+    reason.erase(reason.find_last_not_of(" .\r\n") + 1);
+    return reason.empty() ? "error " + std::to_string(code) : reason;
+}
+
+// Nothing forks here.
+unsigned qor::net::fork_count() noexcept { return 0; }
+
+qor::net::socket::socket(std::intptr_t handle) noexcept : m_handle(handle) {}
+
+qor::net::socket::~socket() {
+    if (is_open())
+        closesocket(handle_of(*this));
+}
+
+uint16 qor::net::endpoint::port() const noexcept {
+    return ntohs(family_of(*this) == AF_INET6 ? as_ipv6(*this)->sin6_port : as_ipv4(*this)->sin_port);
+}
+
+void qor::net::endpoint::set_port(uint16 port) noexcept {
+    if (family_of(*this) == AF_INET6)
+        reinterpret_cast<sockaddr_in6*>(bytes)->sin6_port = htons(port);
+    else
+        reinterpret_cast<sockaddr_in*>(bytes)->sin_port = htons(port);
+}
+
+std::string qor::net::endpoint::text() const {
+    char host[NI_MAXHOST] = "?";
+    (void)getnameinfo(address_of(*this), size_of(*this), host, sizeof host, nullptr, 0, NI_NUMERICHOST);
+    return std::string(host) + " port " + std::to_string(port());
+}
+
+std::string qor::net::endpoint::neighbour() const {
+    if (family_of(*this) != AF_INET6)
+        return {reinterpret_cast<const char*>(&as_ipv4(*this)->sin_addr), 4};
+    const char* const address = reinterpret_cast<const char*>(&as_ipv6(*this)->sin6_addr);
+    // An IPv4 address in its other form counts as what it is.
+    return IN6_IS_ADDR_V4MAPPED(&as_ipv6(*this)->sin6_addr) ? std::string(address + 12, 4) : std::string(address, 8);
+}
+
+int qor::net::resolve(const char* host, uint16 port, bool to_listen, std::vector<endpoint>& out, std::string& reason) {
+    start();
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = to_listen ? AI_PASSIVE : 0;
+    addrinfo* found = nullptr;
+    if (const int failed = getaddrinfo(host, std::to_string(port).c_str(), &hints, &found)) {
+        reason = reason_of(failed);
+        return failed;
+    }
+    for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
+        endpoint made;
+        made.size = static_cast<unsigned>(each->ai_addrlen);
+        std::memcpy(made.bytes, each->ai_addr, std::min<std::size_t>(each->ai_addrlen, sizeof made.bytes));
+        out.push_back(made);
+    }
+    freeaddrinfo(found);
+    return 0;
+}
+
+int qor::net::listen_at(const endpoint& at, socket& out) {
+    socket made;
+    if (const int failed = make(family_of(at), SOCK_STREAM, IPPROTO_TCP, made))
+        return failed;
+    // Otherwise another program could take the port as well.
+    set_on(made, SOL_SOCKET, SO_EXCLUSIVEADDRUSE);
+    if (family_of(at) == AF_INET6)
+        set_on(made, IPPROTO_IPV6, IPV6_V6ONLY);
+    if (bind(handle_of(made), address_of(at), size_of(at)) != 0 || listen(handle_of(made), 64) != 0)
+        return WSAGetLastError();
+    out = std::move(made);
+    return 0;
+}
+
+qor::net::endpoint qor::net::local_end(const socket& of) noexcept {
+    endpoint at;
+    int size = sizeof at.bytes;
+    getsockname(handle_of(of), address_of(at), &size);
+    at.size = static_cast<unsigned>(size);
+    return at;
+}
+
+int qor::net::accept_from(const socket& listener, socket& out, endpoint& from) {
+    int size = sizeof from.bytes;
+    const SOCKET made = accept(handle_of(listener), address_of(from), &size);
+    if (made == INVALID_SOCKET)
+        return WSAGetLastError();
+    set_up(made);
+    from.size = static_cast<unsigned>(size);
+    out = socket(static_cast<std::intptr_t>(made));
+    return 0;
+}
+
+int qor::net::connect_to(const endpoint& to, int milliseconds, socket& out) {
+    socket made;
+    if (const int failed = make(family_of(to), SOCK_STREAM, IPPROTO_TCP, made))
+        return failed;
+    if (connect(handle_of(made), address_of(to), size_of(to)) != 0) {
+        if (WSAGetLastError() != WSAEWOULDBLOCK)
+            return WSAGetLastError();
+        // WSAPoll of older systems does not tell of a connection that failed.
+        fd_set stands, failed;
+        FD_ZERO(&stands);
+        FD_ZERO(&failed);
+        FD_SET(handle_of(made), &stands);
+        FD_SET(handle_of(made), &failed);
+        timeval time{milliseconds / 1000, milliseconds % 1000 * 1000};
+        if (select(0, nullptr, &stands, &failed, &time) <= 0)
+            return timed_out;
+        int reason = 0;
+        int size = sizeof reason;
+        getsockopt(handle_of(made), SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&reason), &size);
+        if (reason != 0)
+            return reason;
+    }
+    out = std::move(made);
+    return 0;
+}
+
+int qor::net::receive(const socket& from, char* bytes, std::size_t size, std::size_t* count) noexcept {
+    const int got = recv(handle_of(from), bytes, static_cast<int>(size), 0);
+    *count = got > 0 ? static_cast<std::size_t>(got) : 0;
+    return got >= 0 ? 0 : WSAGetLastError();
+}
+
+int qor::net::send(const socket& to, const char* bytes, std::size_t size, std::size_t* count) noexcept {
+    const int sent = ::send(handle_of(to), bytes, static_cast<int>(size), 0);
+    *count = sent > 0 ? static_cast<std::size_t>(sent) : 0;
+    return sent >= 0 ? 0 : WSAGetLastError();
+}
+
+void qor::net::wait(std::span<watched> all, int milliseconds) {
+    std::vector<WSAPOLLFD> list;
+    for (const watched& each : all)
+        list.push_back({handle_of(*each.what),
+                        static_cast<short>((each.for_reading ? POLLRDNORM : 0) | (each.for_writing ? POLLWRNORM : 0)), 0});
+    const int ready = WSAPoll(list.data(), static_cast<ULONG>(list.size()), milliseconds);
+    for (std::size_t i = 0; i < all.size(); ++i)
+        all[i].ready = ready > 0 && list[i].revents != 0;
+}
+
+// A datagram socket of this host that is connected to itself.
+qor::net::waker::waker() {
+    endpoint at;
+    auto* const address = reinterpret_cast<sockaddr_in*>(at.bytes);
+    address->sin_family = AF_INET;
+    address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    at.size = sizeof *address;
+    if (make(AF_INET, SOCK_DGRAM, IPPROTO_UDP, m_receiver) != 0 ||
+        bind(handle_of(m_receiver), address_of(at), size_of(at)) != 0)
+        give_up();
+    at = local_end(m_receiver);
+    if (connect(handle_of(m_receiver), address_of(at), size_of(at)) != 0)
+        give_up();
+}
+
+void qor::net::waker::wake() noexcept {
+    std::size_t count;
+    (void)send(m_receiver, "", 1, &count);
+}
+
+void qor::net::waker::take() noexcept {
+    char bytes[16];
+    for (std::size_t count = 1; receive(m_receiver, bytes, sizeof bytes, &count) == 0;)
+        ;
+}
+
+std::thread qor::net::start_thread(std::function<void()> run) { return std::thread(std::move(run)); }

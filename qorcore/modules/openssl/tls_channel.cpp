@@ -1,0 +1,244 @@
+#include "tls_channel.h"
+
+#include "debug_frames.h"
+#include "qor/qor.h"
+
+#include <openssl/err.h>
+#include <openssl/rand.h>
+#include <openssl/x509v3.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace {
+
+using qor::control::key_fingerprint;
+using qor::control::protocol_name;
+
+// As TLS lists it: a length and the name.
+constexpr unsigned char offered[] = "\x0bqor-debug/1";
+static_assert(sizeof offered - 2 == 0x0b && sizeof protocol_name - 1 == 0x0b);
+
+constexpr char binding_label[] = "EXPORTER-Channel-Binding";
+
+std::bad_alloc no_memory() noexcept { return {}; }
+
+SSL_CTX* failed(const char* operation) noexcept {
+    qorSetLastError(qorError_crypto_failed, operation, qor::control::openssl_reason().c_str());
+    return nullptr;
+}
+
+int choose_protocol(SSL*, const unsigned char** out, unsigned char* out_size, const unsigned char* list, unsigned size,
+                    void*) noexcept {
+    unsigned char* chosen = nullptr;
+    if (SSL_select_next_proto(&chosen, out_size, offered, sizeof offered - 1, list, size) != OPENSSL_NPN_NEGOTIATED)
+        return SSL_TLSEXT_ERR_ALERT_FATAL;
+    *out = chosen;
+    return SSL_TLSEXT_ERR_OK;
+}
+
+// No authority vouches for a server: its key's fingerprint and the login do.
+int take_any_certificate(X509_STORE_CTX*, void*) noexcept { return 1; }
+
+bool set_common(SSL_CTX* context) noexcept {
+    SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_NO_COMPRESSION);
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    // A connection that says nothing holds no buffers.
+    SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS);
+    // What is bigger is no handshake of ours.
+    SSL_CTX_set_max_cert_list(context, 8192);
+    return SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) == 1 &&
+           SSL_CTX_set_max_proto_version(context, TLS1_3_VERSION) == 1 &&
+           SSL_CTX_set_num_tickets(context, 0) == 1 && SSL_CTX_set_max_early_data(context, 0) == 1;
+}
+
+// Its contents but for the key mean nothing; some clients want them all the same.
+std::unique_ptr<X509, qor::control::openssl_freer> make_certificate(EVP_PKEY* key) noexcept {
+    std::unique_ptr<X509, qor::control::openssl_freer> made(X509_new());
+    uint64 serial = 0;
+    X509_NAME* const name = made != nullptr ? X509_get_subject_name(made.get()) : nullptr;
+    // Keys of the Edwards curves bring their digest along.
+    const bool own_digest = EVP_PKEY_is_a(key, "ED25519") == 1 || EVP_PKEY_is_a(key, "ED448") == 1;
+    if (name == nullptr || RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) != 1 ||
+        X509_set_version(made.get(), X509_VERSION_3) != 1 ||
+        ASN1_INTEGER_set_uint64(X509_get_serialNumber(made.get()), serial >> 1) != 1 ||
+        ASN1_TIME_set_string(X509_getm_notBefore(made.get()), "20000101000000Z") != 1 ||
+        ASN1_TIME_set_string(X509_getm_notAfter(made.get()), "99991231235959Z") != 1 ||
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>("qor debug control"),
+                                   -1, -1, 0) != 1 ||
+        X509_set_issuer_name(made.get(), name) != 1 || X509_set_pubkey(made.get(), key) != 1 ||
+        X509_sign(made.get(), key, own_digest ? nullptr : EVP_sha256()) == 0)
+        return nullptr;
+    return made;
+}
+
+} // namespace
+
+std::string qor::control::openssl_reason() {
+    const unsigned long code = ERR_get_error();
+    ERR_clear_error();
+    if (const char* const text = ERR_reason_error_string(code))
+        return text;
+    char text[256];
+    ERR_error_string_n(code, text, sizeof text);
+    return text;
+}
+
+qor::control::tls_context qor::control::make_client_context() noexcept {
+    tls_context made(SSL_CTX_new(TLS_client_method()));
+    if (made == nullptr || !set_common(made.get()) ||
+        SSL_CTX_set_alpn_protos(made.get(), offered, sizeof offered - 1) != 0)
+        return tls_context(failed("SSL_CTX_new"));
+    SSL_CTX_set_cert_verify_callback(made.get(), take_any_certificate, nullptr);
+    SSL_CTX_set_verify(made.get(), SSL_VERIFY_PEER, nullptr);
+    return made;
+}
+
+qor::control::tls_context qor::control::make_server_context(EVP_PKEY* key) noexcept {
+    tls_context made(SSL_CTX_new(TLS_server_method()));
+    if (made == nullptr || !set_common(made.get()))
+        return tls_context(failed("SSL_CTX_new"));
+    const auto certificate = make_certificate(key);
+    if (certificate == nullptr || SSL_CTX_use_certificate(made.get(), certificate.get()) != 1 ||
+        SSL_CTX_use_PrivateKey(made.get(), key) != 1)
+        return tls_context(failed("X509_sign"));
+    SSL_CTX_set_alpn_select_cb(made.get(), choose_protocol, nullptr);
+    return made;
+}
+
+qor::control::tls_channel::tls_channel(SSL_CTX* context, side which) : m_ssl(SSL_new(context)) {
+    BIO* const in = BIO_new(BIO_s_mem());
+    BIO* const out = BIO_new(BIO_s_mem());
+    if (m_ssl == nullptr || in == nullptr || out == nullptr) {
+        BIO_free(in);
+        BIO_free(out);
+        throw no_memory();
+    }
+    SSL_set_bio(m_ssl.get(), in, out);
+    if (which == side::server) {
+        SSL_set_accept_state(m_ssl.get());
+        return;
+    }
+    SSL_set_connect_state(m_ssl.get());
+    std::string nothing;
+    advance(nothing);
+}
+
+void qor::control::tls_channel::receive(std::string_view wire, std::string& plain) {
+    if (m_state != state::handshake && m_state != state::open)
+        return;
+    if (BIO_write(SSL_get_rbio(m_ssl.get()), wire.data(), static_cast<int>(wire.size())) !=
+        static_cast<int>(wire.size()))
+        throw no_memory();
+    follow_records(wire);
+    advance(plain);
+}
+
+// OpenSSL does not tell when it has read a header and nothing behind it.
+void qor::control::tls_channel::follow_records(std::string_view wire) noexcept {
+    while (!wire.empty()) {
+        if (m_header_size < sizeof m_header) {
+            m_header[m_header_size++] = static_cast<uint8>(wire[0]);
+            wire.remove_prefix(1);
+            m_body_left = static_cast<std::size_t>(m_header[3] << 8 | m_header[4]);
+        }
+        if (m_header_size < sizeof m_header)
+            continue;
+        const std::size_t taken = std::min(m_body_left, wire.size());
+        wire.remove_prefix(taken);
+        m_body_left -= taken;
+        if (m_body_left == 0)
+            m_header_size = 0;
+    }
+}
+
+void qor::control::tls_channel::advance(std::string& plain) {
+    ERR_clear_error();
+    int result = 1;
+    if (m_state == state::handshake) {
+        result = SSL_do_handshake(m_ssl.get());
+        if (result == 1)
+            m_state = state::open;
+    }
+    char piece[4096];
+    while (result > 0 && m_state == state::open) {
+        result = SSL_read(m_ssl.get(), piece, sizeof piece);
+        if (result > 0)
+            plain.append(piece, static_cast<std::size_t>(result));
+    }
+    if (result <= 0) {
+        const int why = SSL_get_error(m_ssl.get(), result);
+        if (why == SSL_ERROR_ZERO_RETURN)
+            m_state = state::ended;
+        else if (why != SSL_ERROR_WANT_READ)
+            fail();
+    }
+    drain();
+}
+
+void qor::control::tls_channel::send(std::string_view plain) {
+    if (m_state != state::open || plain.empty())
+        return;
+    ERR_clear_error();
+    if (SSL_write(m_ssl.get(), plain.data(), static_cast<int>(plain.size())) <= 0)
+        fail();
+    drain();
+}
+
+void qor::control::tls_channel::end() {
+    if (m_state != state::open)
+        return;
+    SSL_shutdown(m_ssl.get());
+    ERR_clear_error();
+    drain();
+}
+
+void qor::control::tls_channel::fail() {
+    m_reason = openssl_reason();
+    m_state = state::failed;
+}
+
+void qor::control::tls_channel::drain() {
+    BIO* const out = SSL_get_wbio(m_ssl.get());
+    char* bytes = nullptr;
+    if (const long size = BIO_get_mem_data(out, &bytes); size > 0)
+        m_outgoing.append(bytes, static_cast<std::size_t>(size));
+    (void)BIO_reset(out);
+}
+
+bool qor::control::tls_channel::speaks_protocol() const noexcept {
+    const unsigned char* name = nullptr;
+    unsigned size = 0;
+    SSL_get0_alpn_selected(m_ssl.get(), &name, &size);
+    return SSL_version(m_ssl.get()) == TLS1_3_VERSION && size == sizeof protocol_name - 1 &&
+           std::memcmp(name, protocol_name, size) == 0;
+}
+
+std::array<uint8, 32> qor::control::tls_channel::binding() const {
+    std::array<uint8, 32> value;
+    if (SSL_export_keying_material(m_ssl.get(), value.data(), value.size(), binding_label, sizeof binding_label - 1, nullptr,
+                                   0, 1) != 1)
+        throw no_memory();
+    return value;
+}
+
+qor::control::key_fingerprint qor::control::tls_channel::peer_key() const {
+    X509* const certificate = SSL_get0_peer_certificate(m_ssl.get());
+    EVP_PKEY* const key = certificate != nullptr ? X509_get0_pubkey(certificate) : nullptr;
+    if (key == nullptr)
+        throw no_memory();
+    return fingerprint_of(key);
+}
+
+qor::control::key_fingerprint qor::control::fingerprint_of(EVP_PKEY* key) {
+    unsigned char* der = nullptr;
+    const int size = i2d_PUBKEY(key, &der);
+    key_fingerprint print{};
+    const bool made =
+        size > 0 && EVP_Digest(der, static_cast<std::size_t>(size), print.data(), nullptr, EVP_sha256(), nullptr) == 1;
+    OPENSSL_free(der);
+    if (!made)
+        throw no_memory();
+    return print;
+}

@@ -1,0 +1,92 @@
+// Inside the module qor-openssl: TLS without sockets. Bytes of the wire go in and come out; who owns the socket moves them.
+#pragma once
+
+#include "qor/system/Types.h"
+
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+
+#include <array>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace qor::control {
+
+struct openssl_freer {
+    void operator()(SSL_CTX* context) const noexcept { SSL_CTX_free(context); }
+    void operator()(SSL* connection) const noexcept { SSL_free(connection); }
+    void operator()(X509* certificate) const noexcept { X509_free(certificate); }
+    void operator()(EVP_PKEY* key) const noexcept { EVP_PKEY_free(key); }
+};
+using tls_context = std::unique_ptr<SSL_CTX, openssl_freer>;
+using key_pointer = std::unique_ptr<EVP_PKEY, openssl_freer>;
+using key_fingerprint = std::array<uint8, 32>; // SHA-256 of the DER form of the public key
+
+// Null: the last error says why. TLS 1.3 and the protocol's name, no tickets, no resumption, no early data.
+tls_context make_client_context() noexcept;
+
+// With a certificate that the key signs itself.
+tls_context make_server_context(EVP_PKEY* key) noexcept;
+
+// The oldest of OpenSSL's reasons for a failure on this thread, which are forgotten.
+std::string openssl_reason();
+
+// One connection. Not thread-safe. Throws std::bad_alloc.
+class tls_channel {
+public:
+    enum class side { client, server };
+    enum class state {
+        handshake,
+        open,
+        ended,  // the peer said that nothing follows
+        failed, // reason() says why; a last message to the peer may be waiting to be sent
+    };
+
+    tls_channel(SSL_CTX* context, side which);
+
+    // Bytes from the wire; what they meant is added to `plain`.
+    void receive(std::string_view wire, std::string& plain);
+
+    void send(std::string_view plain);
+
+    // Tells the peer that nothing follows.
+    void end();
+
+    // What is to be sent; the owner takes it out.
+    std::string& outgoing() noexcept { return m_outgoing; }
+
+    state now() const noexcept { return m_state; }
+    const std::string& reason() const noexcept { return m_reason; }
+
+    // Whether the peer has begun something, a record of TLS, that is not whole.
+    bool is_within() const noexcept { return m_header_size != 0; }
+
+    // Whether both sides agreed on the protocol; for a channel that is open.
+    bool speaks_protocol() const noexcept;
+
+    // What tells this connection from every other one, for both of its ends (RFC 9266).
+    std::array<uint8, 32> binding() const;
+
+    key_fingerprint peer_key() const;
+
+private:
+    void follow_records(std::string_view wire) noexcept;
+    void advance(std::string& plain);
+    void fail();
+    void drain();
+
+    std::unique_ptr<SSL, openssl_freer> m_ssl;
+    state m_state = state::handshake;
+    std::string m_outgoing;
+    std::string m_reason;
+    // Where the peer is: in a record's header of five bytes, or in what comes behind it.
+    uint8 m_header[5] = {};
+    std::size_t m_header_size = 0;
+    std::size_t m_body_left = 0;
+};
+
+// Of a public key.
+key_fingerprint fingerprint_of(EVP_PKEY* key);
+
+} // namespace qor::control

@@ -1,0 +1,148 @@
+// A listener that one does not meet in good company: it does each step as it is told. One thread, one connection at a time.
+#pragma once
+
+#include "debug_frames.h"
+#include "net.h"
+#include "plain_scram.h"
+#include "tls_channel.h"
+
+#include <gtest/gtest.h>
+#include <openssl/ssl.h>
+
+#include <functional>
+#include <string>
+#include <thread>
+
+namespace qor::test {
+
+class fake_listener {
+public:
+    // What it does with a connection, once that is made; bytes go to and fro by read() and write().
+    using conduct = std::function<void(fake_listener&)>;
+
+    explicit fake_listener(conduct act) : m_act(std::move(act)) {
+        std::vector<net::endpoint> places;
+        std::string reason;
+        EXPECT_EQ(net::resolve("127.0.0.1", 0, true, places, reason), 0) << reason;
+        EXPECT_EQ(net::listen_at(places.at(0), m_listener), 0);
+        m_port = net::local_end(m_listener).port();
+        m_thread = std::thread([this] { run(); });
+    }
+    fake_listener(const fake_listener&) = delete;
+    fake_listener& operator=(const fake_listener&) = delete;
+    ~fake_listener() {
+        m_waker.wake();
+        m_thread.join();
+    }
+
+    uint16 port() const { return m_port; }
+
+    // Whatever the peer sends next; empty: it is gone.
+    std::string read() {
+        for (;;) {
+            net::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_connection, true, false}};
+            net::wait(watched, -1);
+            if (watched[0].ready)
+                return {};
+            char bytes[4096];
+            std::size_t count;
+            if (const int failed = net::receive(m_connection, bytes, sizeof bytes, &count); failed != net::would_block)
+                return {bytes, failed == 0 ? count : 0};
+        }
+    }
+
+    void write(const std::string& bytes) {
+        std::size_t count;
+        EXPECT_EQ(net::send(m_connection, bytes.data(), bytes.size(), &count), 0);
+        EXPECT_EQ(count, bytes.size());
+    }
+
+private:
+    void run() {
+        for (;;) {
+            net::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_listener, true, false}};
+            net::wait(watched, -1);
+            if (watched[0].ready)
+                return;
+            net::endpoint from;
+            if (net::accept_from(m_listener, m_connection, from) == 0)
+                m_act(*this);
+            m_connection = {};
+        }
+    }
+
+    conduct m_act;
+    net::socket m_listener;
+    net::socket m_connection;
+    net::waker m_waker;
+    uint16 m_port = 0;
+    std::thread m_thread;
+};
+
+// The same with TLS of its own making, and frames.
+class fake_tls {
+public:
+    struct settings {
+        int version = TLS1_3_VERSION;
+        std::string protocol = control::protocol_name; // empty: it knows of none
+    };
+
+    fake_tls(fake_listener& through, EVP_PKEY* key, const settings& wanted)
+        : m_through(through), m_context(control::make_server_context(key)), m_wanted(wanted) {
+        SSL_CTX_set_min_proto_version(m_context.get(), TLS1_2_VERSION);
+        SSL_CTX_set_max_proto_version(m_context.get(), wanted.version);
+        SSL_CTX_set_alpn_select_cb(m_context.get(), choose, this);
+        m_ssl.reset(SSL_new(m_context.get()));
+        SSL_set_bio(m_ssl.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
+        SSL_set_accept_state(m_ssl.get());
+        m_frames.set_limit(control::payload_limit);
+    }
+
+    // The next frame of the peer but for heartbeats. False: it is gone.
+    bool next(control::frame& out) {
+        for (;;) {
+            while (m_frames.next(out) == control::frame_reader::result::frame)
+                if (out.type != control::frame_type::heartbeat)
+                    return true;
+            const std::string wire = m_through.read();
+            if (wire.empty())
+                return false;
+            BIO_write(SSL_get_rbio(m_ssl.get()), wire.data(), static_cast<int>(wire.size()));
+            char piece[4096];
+            for (int size; (size = SSL_read(m_ssl.get(), piece, sizeof piece)) > 0;)
+                m_frames.add({piece, static_cast<std::size_t>(size)});
+            flush();
+        }
+    }
+
+    void send(control::frame_type type, uint32 request, const std::string& payload) {
+        std::string bytes;
+        control::append_frame(bytes, type, request, payload);
+        SSL_write(m_ssl.get(), bytes.data(), static_cast<int>(bytes.size()));
+        flush();
+    }
+
+private:
+    static int choose(SSL*, const unsigned char** out, unsigned char* size, const unsigned char*, unsigned, void* self) {
+        const std::string& protocol = static_cast<fake_tls*>(self)->m_wanted.protocol;
+        *out = reinterpret_cast<const unsigned char*>(protocol.data());
+        *size = static_cast<unsigned char>(protocol.size());
+        return protocol.empty() ? SSL_TLSEXT_ERR_NOACK : SSL_TLSEXT_ERR_OK;
+    }
+
+    void flush() {
+        char* bytes = nullptr;
+        const long size = BIO_get_mem_data(SSL_get_wbio(m_ssl.get()), &bytes);
+        if (size > 0)
+            m_through.write({bytes, static_cast<std::size_t>(size)});
+        (void)BIO_reset(SSL_get_wbio(m_ssl.get()));
+    }
+
+    fake_listener& m_through;
+    control::tls_context m_context;
+    settings m_wanted;
+    std::unique_ptr<SSL, control::openssl_freer> m_ssl;
+    control::frame_reader m_frames;
+};
+
+} // namespace qor::test

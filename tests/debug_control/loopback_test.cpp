@@ -1,0 +1,162 @@
+// A listener and controls in one process, over the loopback network.
+#include "debug_control.h"
+#include "loopback.h"
+
+#include <thread>
+
+namespace {
+
+using namespace qor::test;
+
+class loopback : public loopback_fixture {};
+
+TEST_F(loopback, a_login_and_the_operations) {
+    const uint32 code = qorDebugAllocateCode("loopback.one");
+    qorDebugAllocateCode("loopback.two");
+    control_pointer control = connect();
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    EXPECT_TRUE(has(codes(control), "loopback.one"));
+    EXPECT_TRUE(has(codes(control), "loopback.two"));
+    EXPECT_TRUE(control->EnableCode("loopback.one", true));
+    EXPECT_TRUE(qor::glue::debug_is_on(code));
+    EXPECT_EQ(enabled_codes(control), (std::vector<std::string>{"loopback.one"}));
+    EXPECT_TRUE(control->EnableCode("loopback.*", false));
+    EXPECT_FALSE(qor::glue::debug_is_on(code));
+    EXPECT_TRUE(enabled_codes(control).empty());
+    EXPECT_TRUE(control->EnableCode("loopback.*", true));
+    EXPECT_TRUE(control->DisableAll());
+    EXPECT_FALSE(qor::glue::debug_is_on(code));
+}
+
+// Switched before it is there, and still there when the console has left.
+TEST_F(loopback, codes_to_come) {
+    control_pointer control = connect();
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    EXPECT_TRUE(control->EnableCode("loopback.to_come", true));
+    control.Empty();
+    const uint32 code = qorDebugAllocateCode("loopback.to_come");
+    EXPECT_TRUE(qor::glue::debug_is_on(code));
+    control = connect();
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    EXPECT_TRUE(has(enabled_codes(control), "loopback.to_come"));
+    EXPECT_TRUE(control->DisableAll());
+}
+
+// Error 4 leads back to the prompt as often as it takes: after five refusals the listener leaves, and the next login connects
+// again by itself.
+TEST_F(loopback, six_wrong_logins_and_a_right_one) {
+    control_pointer control = connect();
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_FALSE(control->Login("ada", "guess"));
+        EXPECT_EQ(error_number(), 4u) << i << last_error();
+    }
+    EXPECT_TRUE(control->Login("ada", "secret")) << last_error();
+    EXPECT_TRUE(control->DisableAll());
+}
+
+TEST_F(loopback, operations_want_a_connection_and_a_login) {
+    control_pointer control = make();
+    qorStringArray out;
+    EXPECT_FALSE(control->Login("ada", "secret"));
+    EXPECT_EQ(error_number(), qorError_debug_not_connected);
+    EXPECT_FALSE(control->GetCodes(out));
+    EXPECT_EQ(error_number(), qorError_debug_not_connected);
+    ASSERT_TRUE(control->Connect("127.0.0.1", port())) << last_error();
+    EXPECT_FALSE(control->GetCodes(out));
+    EXPECT_EQ(error_number(), qorError_debug_not_logged_in);
+    EXPECT_FALSE(control->EnableCode("x", true));
+    EXPECT_EQ(error_number(), qorError_debug_not_logged_in);
+    EXPECT_FALSE(control->DisableAll());
+    EXPECT_EQ(error_number(), qorError_debug_not_logged_in);
+    EXPECT_FALSE(control->SetSink(nullptr));
+    EXPECT_EQ(error_number(), qorError_debug_not_logged_in);
+    EXPECT_FALSE(control->Login(nullptr, "secret"));
+    EXPECT_EQ(error_number(), qorError_invalid_argument);
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    EXPECT_FALSE(control->Login("ada", "secret"));
+    EXPECT_EQ(error_number(), qorError_debug_logged_in);
+    EXPECT_FALSE(control->EnableCode("", true));
+    EXPECT_EQ(error_number(), qorError_invalid_argument);
+}
+
+TEST_F(loopback, nobody_listens) {
+    listener.Empty();
+    control_pointer control = make();
+    EXPECT_FALSE(control->Connect("127.0.0.1", port()));
+    EXPECT_EQ(error_number(), qorError_debug_cannot_connect);
+    EXPECT_FALSE(control->Connect("no such host", 4711));
+    EXPECT_EQ(error_number(), qorError_debug_cannot_connect);
+}
+
+TEST_F(loopback, both_families_and_the_name) {
+    for (const char* const host : {"127.0.0.1", "::1", "localhost"}) {
+        control_pointer control = make();
+        ASSERT_TRUE(control->Connect(host, port())) << host << last_error();
+        EXPECT_TRUE(control->Login("bob", "other")) << last_error();
+    }
+}
+
+// ---- the loss of a connection
+
+TEST_F(loopback, a_loss_is_told_once) {
+    control_pointer control = connect();
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    counting_sink sink;
+    ASSERT_TRUE(control->SetSink(&sink));
+    listener.Empty();
+    sink.wait_for(1);
+    qorStringArray out;
+    EXPECT_FALSE(control->GetCodes(out));
+    EXPECT_EQ(error_number(), qorError_debug_connection_lost);
+    EXPECT_FALSE(control->SetSink(&sink));
+    EXPECT_EQ(error_number(), qorError_debug_connection_lost);
+    control.Empty();
+    EXPECT_EQ(sink.count(), 1);
+}
+
+TEST_F(loopback, an_end_of_ones_own_is_not_told) {
+    counting_sink sink;
+    for (int i = 0; i < 20; ++i) {
+        control_pointer control = connect();
+        ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+        ASSERT_TRUE(control->SetSink(&sink));
+        if (i % 2 == 0) {
+            EXPECT_TRUE(control->Connect("127.0.0.1", port())) << last_error();
+        }
+    }
+    listener.Empty();
+    EXPECT_EQ(sink.count(), 0);
+}
+
+// Both at the same time: told once or not at all, and never after the release has returned.
+TEST_F(loopback, a_loss_beside_a_release) {
+    for (int i = 0; i < rounds; ++i) {
+        control_pointer control = connect();
+        ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+        auto sink = std::make_unique<counting_sink>();
+        ASSERT_TRUE(control->SetSink(sink.get()));
+        std::thread loser([&] { listener.Empty(); });
+        control.Empty();
+        EXPECT_LE(sink->count(), 1);
+        sink.reset();
+        loser.join();
+        listen(port());
+    }
+}
+
+// No lock is held: the sink may release the control, and so end the very thread that calls it.
+TEST_F(loopback, a_sink_may_release_the_control) {
+    for (int i = 0; i < rounds; ++i) {
+        control_pointer control = connect();
+        ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+        counting_sink sink;
+        sink.act = [&control] { control.Empty(); };
+        ASSERT_TRUE(control->SetSink(&sink));
+        listener.Empty();
+        sink.wait_for(1);
+        EXPECT_TRUE(control.IsEmpty());
+        listen(port());
+    }
+}
+
+} // namespace

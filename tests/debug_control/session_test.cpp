@@ -1,0 +1,469 @@
+// The listener's side of a connection: peers of all kinds in memory, and a clock that the test moves.
+#include "accounts.h"
+#include "memory_client.h"
+#include "support/temp_folder.h"
+
+namespace {
+
+using namespace qor::test;
+using qor::control::gate;
+using qor::control::session;
+
+unsigned lucky(unsigned below) { return below - 1; }
+
+class sessions : public testing::Test {
+protected:
+    sessions() {
+        const std::string users = m_folder / "users";
+        write_accounts(users);
+        EXPECT_TRUE(m_accounts.open(users.c_str()));
+        EXPECT_TRUE(m_accounts.open_key(m_key));
+        m_context = qor::control::make_server_context(m_key.get());
+        m_host.context = m_context.get();
+    }
+
+    void write_accounts(const std::string& path) {
+        m_folder.file("users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other"));
+        std::filesystem::permissions(path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    }
+
+    std::unique_ptr<session> connect(const std::string& neighbour = "1234") {
+        EXPECT_TRUE(m_gate.enter(neighbour));
+        return std::make_unique<session>(m_host, "127.0.0.1 port 9", neighbour, m_now);
+    }
+
+    // The clock goes on, and the session looks at it as often as it asked for.
+    void pass(session& of, std::chrono::milliseconds time, memory_client* peer = nullptr) {
+        const moment end = m_now + time;
+        while (!of.is_over() && of.next_look() <= end) {
+            m_now = std::max(m_now, of.next_look());
+            of.look_at_clock(m_now);
+            if (peer != nullptr)
+                peer->exchange(of, m_now);
+        }
+        m_now = end;
+    }
+
+    // The same with a peer that sends heartbeats.
+    void pass_alive(session& of, std::chrono::seconds time, memory_client& peer) {
+        for (auto passed = 0s; passed < time && !of.is_over(); passed += 5s) {
+            peer.send(frame_type::heartbeat, 0, {});
+            peer.exchange(of, m_now);
+            pass(of, 5s, &peer);
+        }
+    }
+
+    // A login up to the answer to its first message.
+    std::string begin(session& of, memory_client& peer, const plain_scram::client& who) {
+        peer.send(frame_type::login_first, 1, who.first());
+        peer.exchange(of, m_now);
+        const std::vector<frame> answers = peer.frames();
+        if (answers.size() != 1) {
+            ADD_FAILURE() << answers.size();
+            return {};
+        }
+        EXPECT_EQ(answers[0].type, frame_type::login_first_answer);
+        EXPECT_EQ(answers[0].request, 1u);
+        return answers[0].payload;
+    }
+
+    // A whole login; the answers that came at once.
+    std::vector<frame> log_in(session& of, memory_client& peer, plain_scram::client who) {
+        peer.exchange(of, m_now);
+        who.binding = peer.binding();
+        const std::string first = begin(of, peer, who);
+        peer.send(frame_type::login_final, 2, who.final(first));
+        peer.exchange(of, m_now);
+        return peer.frames();
+    }
+
+    bool succeeds(session& of, memory_client& peer, const plain_scram::client& who) {
+        const std::vector<frame> answers = log_in(of, peer, who);
+        return answers.size() == 1 && answers[0].type == frame_type::login_final_answer;
+    }
+
+    frame ask(session& of, memory_client& peer, frame_type type, const std::string& payload) {
+        peer.send(type, 77, payload);
+        peer.exchange(of, m_now);
+        const std::vector<frame> answers = peer.frames();
+        EXPECT_EQ(answers.size(), 1u);
+        if (answers.size() != 1)
+            return {};
+        EXPECT_EQ(answers[0].request, 77u);
+        return answers[0];
+    }
+
+    std::vector<std::string> list(session& of, memory_client& peer, frame_type type) {
+        std::vector<std::string> all;
+        uint32 next = 0;
+        do {
+            qor::control::name_page page;
+            EXPECT_TRUE(qor::control::read_page(ask(of, peer, type, qor::control::number_payload(next)).payload, page));
+            all.insert(all.end(), page.names.begin(), page.names.end());
+            next = page.next;
+        } while (next != 0);
+        return all;
+    }
+
+    temp_folder m_folder;
+    qor::control::accounts m_accounts;
+    qor::control::key_pointer m_key;
+    qor::control::tls_context m_context;
+    gate m_gate{lucky};
+    qor::control::session_host m_host{nullptr, m_gate, m_accounts, qorDebugAllocateCode("system.debug-control")};
+    moment m_now{};
+    const plain_scram::client m_ada{"ada", "secret", {}};
+};
+
+TEST_F(sessions, a_login_and_the_requests) {
+    memory_client peer;
+    auto of = connect();
+    plain_scram::client ada = m_ada;
+    peer.exchange(*of, m_now);
+    ada.binding = peer.binding();
+    const std::string first = begin(*of, peer, ada);
+    peer.send(frame_type::login_final, 2, ada.final(first));
+    peer.exchange(*of, m_now);
+    const std::vector<frame> answers = peer.frames();
+    ASSERT_EQ(answers.size(), 1u);
+    EXPECT_EQ(answers[0].type, frame_type::login_final_answer);
+    EXPECT_EQ(answers[0].payload, ada.expected(first, ada.final(first)));
+
+    const uint32 code = qorDebugAllocateCode("session.test");
+    EXPECT_EQ(ask(*of, peer, frame_type::enable_code, "\1session.test").type, frame_type::enable_code_answer);
+    EXPECT_TRUE(qor::glue::debug_is_on(code));
+    EXPECT_EQ(list(*of, peer, frame_type::get_enabled_codes), (std::vector<std::string>{"session.test"}));
+    EXPECT_EQ(ask(*of, peer, frame_type::enable_code, std::string("\0session.*", 10)).type, frame_type::enable_code_answer);
+    EXPECT_FALSE(qor::glue::debug_is_on(code));
+    qorDebugEnableCode("session.test", true);
+    EXPECT_EQ(ask(*of, peer, frame_type::disable_all, {}).type, frame_type::disable_all_answer);
+    EXPECT_FALSE(qor::glue::debug_is_on(code));
+    EXPECT_EQ(list(*of, peer, frame_type::get_enabled_codes), (std::vector<std::string>{}));
+    EXPECT_EQ(ask(*of, peer, frame_type::enable_code, "\1").type, frame_type::refusal);
+    EXPECT_EQ(ask(*of, peer, frame_type::enable_code, '\1' + std::string(4097, 'x')).type, frame_type::refusal);
+}
+
+// Many names are several pages, and a name that is long beyond measure is in none.
+TEST_F(sessions, lists_come_in_pages) {
+    std::vector<std::string> expected;
+    for (int i = 0; i < 400; ++i) {
+        expected.push_back("pages." + std::to_string(i) + std::string(500, 'x'));
+        qorDebugAllocateCode(expected.back().c_str());
+        qorDebugEnableCode(expected.back().c_str(), i % 2 == 0);
+    }
+    qorDebugAllocateCode(("pages.long" + std::string(4096, 'x')).c_str());
+    memory_client peer;
+    auto of = connect();
+    ASSERT_TRUE(succeeds(*of, peer, m_ada));
+    std::vector<std::string> all = list(*of, peer, frame_type::get_codes);
+    std::erase_if(all, [](const std::string& name) { return !name.starts_with("pages."); });
+    EXPECT_EQ(all, expected);
+    std::vector<std::string> even;
+    for (std::size_t i = 0; i < expected.size(); i += 2)
+        even.push_back(expected[i]);
+    EXPECT_EQ(list(*of, peer, frame_type::get_enabled_codes), even);
+    ask(*of, peer, frame_type::disable_all, {});
+}
+
+TEST_F(sessions, refusals_come_later_and_later_and_end_the_connection) {
+    memory_client peer;
+    auto of = connect();
+    const plain_scram::client wrong{"ada", "guess", {}};
+    auto delay = 250ms;
+    for (int i = 0; i < 5; ++i, delay *= 2) {
+        EXPECT_TRUE(log_in(*of, peer, wrong).empty());
+        pass(*of, delay - 1ms, &peer);
+        EXPECT_TRUE(peer.frames().empty());
+        EXPECT_FALSE(of->is_over());
+        pass(*of, 1ms, &peer);
+        const std::vector<frame> answers = peer.frames();
+        ASSERT_EQ(answers.size(), 1u);
+        EXPECT_EQ(answers[0].type, frame_type::refusal);
+        EXPECT_EQ(answers[0].payload, qor::control::number_payload(1));
+    }
+    EXPECT_TRUE(of->is_over());
+}
+
+TEST_F(sessions, a_wrong_password_may_be_followed_by_the_right_one) {
+    memory_client peer;
+    auto of = connect();
+    EXPECT_TRUE(log_in(*of, peer, {"ada", "guess", {}}).empty());
+    pass(*of, 250ms, &peer);
+    EXPECT_EQ(peer.frames().size(), 1u);
+    EXPECT_TRUE(succeeds(*of, peer, m_ada));
+}
+
+// The same steps and the same answers; the salt of one that does not exist stays the same.
+TEST_F(sessions, an_unknown_user_is_treated_like_a_known_one) {
+    std::string salts[2];
+    for (std::string& salt : salts) {
+        memory_client peer;
+        auto of = connect();
+        peer.exchange(*of, m_now);
+        plain_scram::client nobody{"nobody", "guess", peer.binding()};
+        const std::string first = begin(*of, peer, nobody);
+        salt = plain_scram::attributes(first)['s'];
+        EXPECT_EQ(plain_scram::attributes(first)['i'], "4096");
+        peer.send(frame_type::login_final, 2, nobody.final(first));
+        peer.exchange(*of, m_now);
+        EXPECT_FALSE(of->is_over());
+        pass(*of, 250ms, &peer);
+        const std::vector<frame> answers = peer.frames();
+        ASSERT_EQ(answers.size(), 1u);
+        EXPECT_EQ(answers[0].type, frame_type::refusal);
+    }
+    EXPECT_EQ(salts[0], salts[1]);
+}
+
+TEST_F(sessions, twenty_wrong_tries_a_minute_over_all_connections) {
+    const plain_scram::client wrong{"ada", "guess", {}};
+    for (int i = 0; i < 20; ++i) {
+        memory_client peer;
+        auto of = connect();
+        EXPECT_TRUE(log_in(*of, peer, wrong).empty());
+        pass(*of, 250ms, &peer);
+        EXPECT_EQ(peer.frames().size(), 1u) << i;
+    }
+    // The next one waits until the first is a minute old, even with the right password; another neighbour does not.
+    memory_client peer;
+    auto of = connect();
+    EXPECT_TRUE(log_in(*of, peer, m_ada).empty());
+    memory_client other_peer;
+    auto other = connect("4321");
+    EXPECT_TRUE(succeeds(*other, other_peer, m_ada));
+    pass_alive(*of, 50s, peer);
+    EXPECT_TRUE(peer.frames().empty());
+    pass_alive(*of, 10s, peer);
+    const std::vector<frame> answers = peer.frames();
+    ASSERT_EQ(answers.size(), 1u);
+    EXPECT_EQ(answers[0].type, frame_type::login_final_answer);
+}
+
+TEST_F(sessions, right_ones_do_not_count) {
+    for (int i = 0; i < 50; ++i) {
+        memory_client peer;
+        auto of = connect();
+        EXPECT_TRUE(succeeds(*of, peer, m_ada));
+    }
+}
+
+// ---- time
+
+TEST_F(sessions, a_handshake_takes_five_seconds_at_most) {
+    auto silent = connect();
+    pass(*silent, 4999ms);
+    EXPECT_FALSE(silent->is_over());
+    pass(*silent, 1ms);
+    EXPECT_TRUE(silent->is_over());
+
+    memory_client peer;
+    auto slow = connect();
+    const std::string hello = peer.take();
+    for (std::size_t at = 0; at < 5; ++at) {
+        EXPECT_FALSE(slow->is_over());
+        slow->receive(hello.substr(at, 1), m_now);
+        pass(*slow, 1s);
+    }
+    EXPECT_TRUE(slow->is_over());
+}
+
+TEST_F(sessions, a_frame_takes_five_seconds_at_most) {
+    for (const bool logged_in : {false, true}) {
+        memory_client peer;
+        auto of = connect();
+        peer.exchange(*of, m_now);
+        if (logged_in) {
+            ASSERT_TRUE(succeeds(*of, peer, m_ada));
+        }
+        std::string bytes;
+        qor::control::append_frame(bytes, frame_type::login_first, 1, "n,,n=ada,r=x");
+        for (std::size_t at = 0; at < 5; ++at) {
+            ASSERT_FALSE(of->is_over());
+            peer.send(bytes.substr(at, 1));
+            peer.exchange(*of, m_now);
+            pass(*of, 1s, &peer);
+        }
+        EXPECT_TRUE(of->is_over());
+    }
+}
+
+// A record of TLS that is not whole holds no frame yet, and is as good as one that has begun.
+TEST_F(sessions, a_record_takes_five_seconds_at_most) {
+    memory_client peer;
+    auto of = connect();
+    ASSERT_TRUE(succeeds(*of, peer, m_ada));
+    peer.send(frame_type::get_codes, 1, qor::control::number_payload(0));
+    const std::string record = peer.take();
+    for (std::size_t at = 0; at < 5; ++at) {
+        ASSERT_FALSE(of->is_over());
+        of->receive(record.substr(at, 1), m_now);
+        pass(*of, 1s);
+    }
+    EXPECT_TRUE(of->is_over());
+}
+
+TEST_F(sessions, a_login_takes_two_minutes_at_most) {
+    memory_client peer;
+    auto of = connect();
+    peer.exchange(*of, m_now);
+    pass_alive(*of, 115s, peer);
+    EXPECT_FALSE(of->is_over());
+    pass_alive(*of, 5s, peer);
+    EXPECT_TRUE(of->is_over());
+
+    memory_client user;
+    auto logged_in = connect();
+    ASSERT_TRUE(succeeds(*logged_in, user, m_ada));
+    pass_alive(*logged_in, 600s, user);
+    EXPECT_FALSE(logged_in->is_over());
+}
+
+TEST_F(sessions, who_is_silent_for_fifteen_seconds_is_gone) {
+    memory_client peer;
+    auto of = connect();
+    ASSERT_TRUE(succeeds(*of, peer, m_ada));
+    pass(*of, 14999ms, &peer);
+    EXPECT_FALSE(of->is_over());
+    peer.frames();
+    EXPECT_EQ(peer.heartbeats, 2u);
+    pass(*of, 1ms, &peer);
+    EXPECT_TRUE(of->is_over());
+}
+
+// ---- what is refused
+
+TEST_F(sessions, other_protocols) {
+    const client_settings wrong[] = {
+        {TLS1_2_VERSION, "\x0bqor-debug/1"}, {TLS1_3_VERSION, ""}, {TLS1_3_VERSION, "\x08http/1.1"}, {TLS1_3_VERSION, "\x0bqor-debug/2"}};
+    for (const client_settings& each : wrong)
+        for (int i = 0; i < 100; ++i) {
+            memory_client peer(each);
+            auto of = connect();
+            peer.exchange(*of, m_now);
+            ASSERT_TRUE(of->is_over()) << each.protocols;
+            ASSERT_TRUE(peer.plain.empty());
+        }
+    for (int i = 0; i < 100; ++i) {
+        auto of = connect();
+        of->receive("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n", m_now);
+        ASSERT_TRUE(of->is_over());
+    }
+}
+
+TEST_F(sessions, other_logins) {
+    for (const char* const gs2 : {"n,,", "y,,", "p=tls-unique,,", "p=tls-server-end-point,,", "p=tls-exporter,a=bob,"})
+        for (int i = 0; i < 100; ++i) {
+            memory_client peer;
+            auto of = connect();
+            peer.exchange(*of, m_now);
+            plain_scram::client ada = m_ada;
+            ada.gs2 = gs2;
+            peer.send(frame_type::login_first, 1, ada.first());
+            peer.exchange(*of, m_now);
+            ASSERT_TRUE(of->is_over()) << gs2;
+            ASSERT_TRUE(peer.frames().empty());
+        }
+}
+
+// Whoever ends TLS on both sides has two connections, each with a binding of its own.
+TEST_F(sessions, a_relay) {
+    for (int i = 0; i < 100; ++i) {
+        memory_client relay;
+        auto of = connect(std::to_string(i));
+        memory_client victim_side;
+        auto impostor = connect("relay");
+        victim_side.exchange(*impostor, m_now);
+        plain_scram::client ada = m_ada;
+        ada.binding = victim_side.binding();
+        relay.exchange(*of, m_now);
+        const std::string first = begin(*of, relay, ada);
+        relay.send(frame_type::login_final, 2, ada.final(first));
+        relay.exchange(*of, m_now);
+        pass(*of, 250ms, &relay);
+        const std::vector<frame> answers = relay.frames();
+        ASSERT_EQ(answers.size(), 1u);
+        ASSERT_EQ(answers[0].type, frame_type::refusal);
+    }
+}
+
+TEST_F(sessions, what_is_out_of_turn) {
+    const auto after = [this](auto steps) {
+        memory_client peer;
+        auto of = connect();
+        peer.exchange(*of, m_now);
+        steps(*of, peer);
+        peer.exchange(*of, m_now);
+        return of->is_over();
+    };
+    for (const frame_type type : {frame_type::login_final, frame_type::get_codes, frame_type::get_enabled_codes,
+                                  frame_type::enable_code, frame_type::disable_all, frame_type::refusal,
+                                  frame_type::login_first_answer, frame_type{0}, frame_type{0xffff}})
+        EXPECT_TRUE(after([&](session&, memory_client& peer) { peer.send(type, 1, "1234"); }));
+    const auto first_twice = [this](session& of, memory_client& peer) {
+        begin(of, peer, m_ada);
+        peer.send(frame_type::login_first, 1, m_ada.first());
+    };
+    EXPECT_TRUE(after(first_twice));
+    // While the answer to a wrong try is due nothing may come.
+    const auto while_waiting = [this](session& of, memory_client& peer) {
+        log_in(of, peer, {"ada", "guess", {}});
+        peer.send(frame_type::login_first, 1, m_ada.first());
+    };
+    EXPECT_TRUE(after(while_waiting));
+    for (const frame_type type : {frame_type::login_first, frame_type::login_final, frame_type{7}, frame_type::refusal})
+        EXPECT_TRUE(after([&](session& of, memory_client& peer) {
+            ASSERT_TRUE(succeeds(of, peer, m_ada));
+            peer.send(type, 1, m_ada.first());
+        }));
+}
+
+TEST_F(sessions, malformed_payloads_end_the_connection) {
+    const std::pair<frame_type, std::string> wrong[] = {
+        {frame_type::get_codes, "123"},           {frame_type::get_enabled_codes, "12345"},
+        {frame_type::enable_code, ""},            {frame_type::enable_code, "\2x"},
+        {frame_type::disable_all, "x"},           {frame_type::heartbeat, "x"},
+        {frame_type::enable_code, std::string("\1a\0b", 4)}};
+    for (const auto& [type, payload] : wrong) {
+        memory_client peer;
+        auto of = connect();
+        ASSERT_TRUE(succeeds(*of, peer, m_ada));
+        peer.send(type, 1, payload);
+        peer.exchange(*of, m_now);
+        EXPECT_TRUE(of->is_over());
+    }
+}
+
+TEST_F(sessions, a_peer_that_never_reads_is_dropped) {
+    for (int i = 0; i < 500; ++i)
+        qorDebugAllocateCode(("unread." + std::to_string(i) + std::string(200, 'x')).c_str());
+    memory_client peer;
+    auto of = connect();
+    ASSERT_TRUE(succeeds(*of, peer, m_ada));
+    std::size_t most = 0;
+    for (int i = 0; i < 10 && !of->is_over(); ++i) {
+        peer.send(frame_type::get_codes, 1, qor::control::number_payload(0));
+        of->receive(peer.take(), m_now);
+        most = std::max(most, of->outgoing().size());
+    }
+    EXPECT_TRUE(of->is_over());
+    EXPECT_LE(most, 256u * 1024);
+}
+
+// Neither on the wire nor, deciphered, in what the server says.
+TEST_F(sessions, the_password_is_never_sent) {
+    memory_client peer;
+    auto of = connect();
+    ASSERT_TRUE(succeeds(*of, peer, m_ada));
+    EXPECT_GT(peer.wire.size(), 1000u);
+    EXPECT_EQ(peer.wire.find("secret"), std::string::npos);
+    EXPECT_EQ(peer.wire.find("ada"), std::string::npos);
+    EXPECT_EQ(peer.plain.find("secret"), std::string::npos);
+}
+
+TEST_F(sessions, names_in_the_trace_are_printable) {
+    EXPECT_EQ(qor::control::printable("ada"), "ada");
+    EXPECT_EQ(qor::control::printable("a\nb\x1b[0m\\\xc3\xa4"), "a\\x0ab\\x1b[0m\\x5c\\xc3\\xa4");
+    EXPECT_EQ(qor::control::printable(std::string(1000, 'x')).size(), 64u);
+}
+
+} // namespace
