@@ -2,9 +2,9 @@
 //
 //   trace_file [--brief] [FOLDER]
 //
-// Both write the same words, each with a head of its own. Prints lines a second: medians of interleaved rounds, closing
-// the file included. Every line must be in the file, whole and in its thread's order: else the exit code is 1, and also if
-// the framework is the slower one, but for a brief run.
+// Both write the same words, each with a head of its own. Prints lines a second: medians of interleaved
+// rounds, closing the file included. Every line must be in the file, whole and in its thread's order: else
+// the exit code is 1, and also if the framework is the slower one, but for a brief run.
 #include "qor/qor.h"
 
 #include <algorithm>

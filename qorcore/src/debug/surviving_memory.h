@@ -14,8 +14,8 @@ public:
     surviving_memory(const surviving_memory&) = delete;
     surviving_memory& operator=(const surviving_memory&) = delete;
 
-    // A new file of zeros, with all the room on the disk that it needs. 0, or the system's error code; a file that
-    // is there already stays as it is.
+    // A new file of zeros, with all the room on the disk that it needs. 0, or the system's error code; a file
+    // that is there already stays as it is.
     int open(const std::string& path) noexcept;
     bool is_open() const noexcept { return m_bytes != nullptr; }
     char* bytes() const noexcept { return m_bytes; }

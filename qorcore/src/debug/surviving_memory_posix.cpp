@@ -8,7 +8,8 @@
 #include <unistd.h>
 
 int qor::debug::surviving_memory::open(const std::string& path) noexcept {
-    // What a trace says is for those who may read the trace; a name that is taken is never followed to another file.
+    // What a trace says is for those who may read the trace; a name that is taken is never followed to
+    // another file.
     const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (file < 0)
         return errno;

@@ -2,6 +2,7 @@
 #include "debug/trace_output.h"
 #include "error/error.h"
 #include "process/process.h"
+#include "string/format_fixed.h"
 
 #include <atomic>
 #include <mutex>
@@ -137,9 +138,10 @@ void qor::glue::qorSendDebugLiteral(uint32 code, const char* text) noexcept { wr
 
 void qor::glue::qorDebugPrintV(uint32 code, const char* format, std::va_list arguments) noexcept {
     const qor::error::keep_failures keep;
-    qorString text;
-    text.PrintV(format, arguments);
-    write_line(code, text.Text());
+    qor::string::working_memory memory;
+    std::string_view text;
+    qor::string::format_fixed(memory, text, format, arguments);
+    write_line(code, text.data());
 }
 
 char* qor::glue::qorDebugMakeName(const char* format, std::va_list arguments) noexcept {
@@ -148,4 +150,6 @@ char* qor::glue::qorDebugMakeName(const char* format, std::va_list arguments) no
     return qor_do_strdup(text.Text(), "qorcore/src/debug/trace", __LINE__);
 }
 
-void qor::glue::qorDebugFreeName(char* name) noexcept { qor_do_free(name, "qorcore/src/debug/trace", __LINE__); }
+void qor::glue::qorDebugFreeName(char* name) noexcept {
+    qor_do_free(name, "qorcore/src/debug/trace", __LINE__);
+}

@@ -4,7 +4,9 @@
 #include "error/error.h"
 #include "file/raw_file.h"
 #include "process/process.h"
+#include "string/working_memory.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -12,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 
@@ -27,7 +30,8 @@ constexpr int write_through_lines = 100; // of a period: they take about a hundr
 void flush_periodically() noexcept;
 void finish() noexcept;
 
-// A trace that cannot be written must not disturb the process that it watches: failures of the file are not told.
+// A trace that cannot be written must not disturb the process that it watches: failures of the file are not
+// told.
 class trace_file {
 public:
     int open(const char* path) noexcept {
@@ -81,10 +85,10 @@ public:
         m_rest.leave();
         m_kept = 0;
         m_flusher_runs = false;
-        m_flusher = new std::condition_variable; // nobody waits at the old one any more
+        new (&m_flusher) std::condition_variable; // nobody waits at the old one any more
     }
 
-    std::condition_variable& flusher() noexcept { return *m_flusher; }
+    std::condition_variable& flusher() noexcept { return m_flusher; }
 
 private:
     // False: it is to be written at once.
@@ -99,7 +103,7 @@ private:
         std::atomic_ref(*to).store(line.front(), std::memory_order_release);
         m_kept += line.size();
         if (m_kept == line.size())
-            m_flusher->notify_one();
+            m_flusher.notify_one();
         return true;
     }
 
@@ -131,67 +135,62 @@ private:
     microseconds::rep m_period = 0;
     int m_write_through = 0; // lines in this period
     bool m_flusher_runs = false;
-    std::condition_variable* m_flusher = new std::condition_variable;
+    std::condition_variable m_flusher;
 };
 
-// "2026-11-21T02:52:56.123456Z 4711:4712 "
-class line_heads {
+// "2026-11-21T02:52:56.123456Z "
+class time_texts {
 public:
-    void append_to(std::string& line, time_point now) {
+    static constexpr std::size_t length = 28;
+
+    void write(char* to, time_point now) noexcept {
         using namespace std::chrono;
         const auto second = floor<seconds>(now);
         if (second != m_second) {
             const auto day = floor<days>(second);
             const year_month_day date{day};
             const hh_mm_ss time{second - day};
-            m_length = static_cast<std::size_t>(std::snprintf(
-                m_text, sizeof m_text, "%04d-%02u-%02uT%02d:%02d:%02d.", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-                static_cast<int>(time.seconds().count())));
+            std::snprintf(m_text, sizeof m_text, "%04d-%02u-%02uT%02d:%02d:%02d.000000Z ",
+                          static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+                          static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
+                          static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()));
             m_second = second;
         }
-        line.assign(m_text, m_length);
-        char digits[] = "000000Z ";
-        auto rest = (now - second).count();
-        for (int i = 6; i-- != 0; rest /= 10)
-            digits[i] = static_cast<char>('0' + rest % 10);
-        line.append(digits, sizeof digits - 1);
-        append_thread(line);
+        std::memcpy(to, m_text, length);
+        auto fraction = static_cast<uint32>((now - second).count());
+        for (char* digit = to + length - 2; fraction != 0; fraction /= 10)
+            *--digit = static_cast<char>('0' + fraction % 10);
     }
-
-    void continue_in_child() noexcept { m_process = 0; }
 
 private:
-    // The system is asked once for a thread: each question costs as much as half a line.
-    void append_thread(std::string& line) {
-        if (m_process == 0)
-            m_process = qor::process::process_id();
-        thread_local struct {
-            unsigned long process = 0;
-            char text[48];
-            std::size_t length = 0;
-        } known;
-        if (known.process != m_process) {
-            known.process = m_process;
-            known.length = static_cast<std::size_t>(std::snprintf(known.text, sizeof known.text, "%lu:%lu ", m_process,
-                                                                  qor::process::thread_id()));
-        }
-        line.append(known.text, known.length);
-    }
-
-    std::chrono::sys_seconds m_second{std::chrono::seconds::min()};
-    char m_text[64];
-    std::size_t m_length = 0;
-    unsigned long m_process = 0;
+    std::chrono::sys_seconds m_second = std::chrono::sys_seconds::min();
+    char m_text[80];
 };
+
+// A forked child is another process, on another thread.
+std::atomic<unsigned> generation{1};
+
+// "4711:4712 ". The system is asked once for a thread: each question costs as much as half a line.
+std::string_view thread_text() noexcept {
+    thread_local struct {
+        unsigned generation = 0;
+        char text[48];
+        std::size_t length = 0;
+    } known;
+    if (const unsigned now = generation.load(std::memory_order_relaxed); known.generation != now) {
+        known.generation = now;
+        known.length =
+            static_cast<std::size_t>(std::snprintf(known.text, sizeof known.text, "%lu:%lu ",
+                                                   qor::process::process_id(), qor::process::thread_id()));
+    }
+    return {known.text, known.length};
+}
 
 // Never destroyed: objects that trace may live until the very end of the process.
 struct shared_output {
     std::mutex lock;
     trace_file file;
-    line_heads heads;
-    std::string line;
+    time_texts times;
 };
 
 shared_output& output() {
@@ -219,31 +218,43 @@ void before_fork() noexcept { output().lock.lock(); }
 void after_fork_in_parent() noexcept { output().lock.unlock(); }
 void after_fork_in_child() noexcept {
     output().file.continue_in_child();
-    output().heads.continue_in_child();
+    ++generation;
     output().lock.unlock();
 }
 
 } // namespace
 
-void qor::debug::write_line(const char* name, std::string_view text) noexcept {
+void qor::debug::write_line(const char* code_name, std::string_view text) noexcept {
     // A trace changes nothing for the code that it watches.
     const qor::error::keep_failures keep;
     static const bool watching_forks =
         (qor::process::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child), true);
     (void)watching_forks;
+    qor::string::working_memory memory;
+    const std::string_view thread = thread_text();
+    const std::string_view name(code_name);
+    const std::size_t size = time_texts::length + thread.size() + name.size() + text.size() + 2;
+    char* const line = memory.get(size);
+    char* at = line + time_texts::length;
+    const auto add = [&at](std::string_view part) { at = std::copy(part.begin(), part.end(), at); };
+    add(thread);
+    add(name);
+    add(" ");
+    add(text);
+    if (!text.ends_with('\n'))
+        add("\n");
+    const std::string_view whole(line, static_cast<std::size_t>(at - line));
+
     shared_output& to = output();
     const std::lock_guard hold(to.lock);
     // Under the lock, so that lines stand in the order of their times.
     const auto now = std::chrono::time_point_cast<microseconds>(std::chrono::system_clock::now());
-    to.heads.append_to(to.line, now);
-    to.line.append(name).append(1, ' ').append(text);
-    if (to.line.back() != '\n')
-        to.line += '\n';
+    to.times.write(line, now);
     if (to.file.is_open()) {
-        to.file.put(to.line, now);
+        to.file.put(whole, now);
         return;
     }
-    std::fwrite(to.line.data(), 1, to.line.size(), stderr);
+    std::fwrite(whole.data(), 1, whole.size(), stderr);
     std::fflush(stderr);
 }
 
