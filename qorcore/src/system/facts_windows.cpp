@@ -35,9 +35,10 @@ qor::system::firmware read_firmware() {
     // The firmware's own table: 8 bytes of the system's, then its first row. There, a bit tells a virtual machine.
     constexpr std::size_t row = 8, extensions_2 = 0x13;
     constexpr unsigned is_virtual = 1 << 4;
-    std::vector<unsigned char> table(GetSystemFirmwareTable('RSMB', 0, nullptr, 0));
+    constexpr DWORD provider = 0x52534d42; // "RSMB"
+    std::vector<unsigned char> table(GetSystemFirmwareTable(provider, 0, nullptr, 0));
     if (table.size() > row + extensions_2 &&
-        GetSystemFirmwareTable('RSMB', 0, table.data(), static_cast<DWORD>(table.size())) == table.size() &&
+        GetSystemFirmwareTable(provider, 0, table.data(), static_cast<DWORD>(table.size())) == table.size() &&
         table[row] == 0 && table[row + 1] > extensions_2)
         machine.is_marked_virtual = (table[row + extensions_2] & is_virtual) != 0;
     return machine;
