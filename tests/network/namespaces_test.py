@@ -14,6 +14,7 @@ import os
 import re
 import subprocess
 import sys
+import tempfile
 import threading
 from pathlib import Path
 
@@ -280,6 +281,18 @@ def changes(tool):
         thread.join()
 
 
+def without_libmnl(tool):
+    """A host that does not have the library misses this action alone."""
+    with tempfile.TemporaryDirectory() as folder:
+        (Path(folder) / "libmnl.so.0").write_bytes(b"")
+        environment = {**tool.environment(), "LD_LIBRARY_PATH": folder}
+        done = run(*tool.command, "--quiet", "netlist", env=environment)
+        assert (done.returncode, done.stdout) == (1, ""), done
+        assert re.fullmatch(r"The network interfaces cannot be listed: The module '\S+/qor/qor-network.so' cannot be loaded: "
+                            r".*libmnl\.so\.0.*\n", done.stderr), done
+        assert run(*tool.command, "--quiet", "help", env=environment).stderr.startswith("Usage:")
+
+
 SCENES = {
     "empty": empty, "veth_and_bridge": veth_and_bridge, "down": down, "labels": labels, "peers": peers, "names": names,
     "tun_and_tap": tun_and_tap,
@@ -296,7 +309,7 @@ SCENES = {
     "bond": made("Bond", "link add t0 type bond"),
     "default_routes": default_routes, "several_hops": several_hops, "next_hop_objects": next_hop_objects,
     "gateway_by_ipv6": gateway_by_ipv6, "a_long_message": a_long_message,
-    "ten_thousand_addresses": ten_thousand_addresses, "changes": changes,
+    "ten_thousand_addresses": ten_thousand_addresses, "changes": changes, "without_libmnl": without_libmnl,
 }
 
 
