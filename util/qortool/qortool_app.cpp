@@ -39,22 +39,22 @@ const qortool_app::option_row qortool_app::s_options[] = {
 // The order is that of the search and of the help text.
 const qortool_app::action_row qortool_app::s_actions[] = {
     {"help", &qortool_app::func_help, 2, 3},
-    {"sysinfo", nullptr, 56, 57},
+    {"sysinfo", &qortool_app::func_sysinfo, 56, 57},
     {"netlist", &qortool_app::func_netlist, 12, 13},
     {"pwcrypt", nullptr, 23, 24},
     {"ttyinfo", nullptr, 25, 26},
     {"list-serial", nullptr, 54, 55},
     {"md5sum", &qortool_app::func_md5sum, 27, 28},
-    {"lookup", nullptr, 29, 30},
+    {"lookup", &qortool_app::func_lookup, 29, 30},
     {"userinfo", nullptr, 59, 60},
-    {"timer-check", nullptr, 44, 45},
+    {"timer-check", &qortool_app::func_timer_check, 44, 45},
     {"simd-test", &qortool_app::func_simd_test, 51, 52},
-    {"dow", nullptr, 31, 32},
+    {"dow", &qortool_app::func_dow, 31, 32},
     {"debug-control", nullptr, 34, 35},
     {"mtrace", &qortool_app::func_mtrace, 78, 79},
     {"memcheck", &qortool_app::func_memcheck, 83, 84},
-    {"tztest", nullptr, 80, 81},
-    {"path-list", nullptr, 85, 86},
+    {"tztest", &qortool_app::func_tztest, 80, 81},
+    {"path-list", &qortool_app::func_pathlist, 85, 86},
     {"logon", nullptr, 87, 88},
 };
 

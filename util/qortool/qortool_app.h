@@ -55,11 +55,17 @@ private:
     int opt_quiet(const char* value);
 
     int func_help(qorStringArray& args);
+    int func_sysinfo(qorStringArray& args);
     int func_md5sum(qorStringArray& args);
+    int func_lookup(qorStringArray& args);
     int func_mtrace(qorStringArray& args);
     int func_memcheck(qorStringArray& args);
     int func_netlist(qorStringArray& args);
     int func_simd_test(qorStringArray& args);
+    int func_timer_check(qorStringArray& args);
+    int func_dow(qorStringArray& args);
+    int func_tztest(qorStringArray& args);
+    int func_pathlist(qorStringArray& args);
 
     uint32 m_debug_code = 0;
     bool m_quiet = false;

@@ -115,7 +115,11 @@ constexpr message qorcore[] = {
     {1024, "The action '{1}' is not in this build."},
     {1030, "'{1}' is not the name of a language"},
     {1031, "it names no language"},
+ {1035, "XDG_RUNTIME_DIR is not set to an absolute path"},
+    {1036, "neither HOME nor the user's account names a home folder"},
     {1040, "it is no library, or only a part of one"},
+    {1080, "it is no valid international name"},
+    {1081, "it is an international name, and the library libidn2, which the system needs for these, is missing"},
 };
 
 constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}};

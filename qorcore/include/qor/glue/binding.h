@@ -20,11 +20,13 @@ class IQORDataSource;
 class IQORDigestEngine;
 class IQORErrorBuilder;
 class IQORErrorMessage;
+class IQORHostAddressList;
 class IQORMemoryDataSink;
 class IQORMemoryDataSource;
 class IQORNetInterfaceList;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
+class IQORSystemInfo;
 class qorDataBlock;
 class qorFile;
 class qorRational;
@@ -36,6 +38,7 @@ struct qorHostAddress;
 struct qorTimeInfo;
 struct qoraddr_ipv4;
 struct qoraddr_ipv6;
+enum qorFolderId : uint32;
 
 // A trace switch. The library writes it, everyone reads it: 0 is off.
 using qorDebugFlag = std::atomic<uint8>;

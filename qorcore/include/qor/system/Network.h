@@ -67,3 +67,31 @@ inline void qorAddressToString(const qoraddr_ipv6& address, uint32 scope, qorStr
 inline void qorAddressToString(const qorHostAddress& address, bool with_scope, qorString& out) noexcept {
     qor::glue::qorAddressToString_host(address, with_scope, out);
 }
+
+// What a text says that is an address, as the system reads it: with its scope ("fe80::1%eth0"), and an IPv4 address in
+// any form that it knows ("127.1" on POSIX). Nothing is looked up. False: it is none, and `out` is as it was.
+inline bool qorStringToAddress(const char* text, qorHostAddress& out) noexcept {
+    return qor::glue::qorStringToAddress(text, out);
+}
+
+// What a look-up found. The object does not change; it may be used on any thread.
+class IQORHostAddressList : public IQORInterface {
+public:
+    virtual uint32 GetCount() noexcept = 0;
+
+    // False: there is no such index, and `out` is as it was.
+    virtual bool GetAddress(uint32 index, qorHostAddress& out) noexcept = 0;
+
+protected:
+    ~IQORHostAddressList() = default;
+};
+
+// The addresses of a host, by its name or by one of its addresses, as the system's own resolver finds them and in its
+// order: the best one to connect to first. Each address comes once, also those that this host has no way to. The name is
+// UTF-8; an international one is looked up in its ASCII form. May take as long as the system waits for name
+// servers. False: *out is as it was, and the last error tells what there is not: such a host
+// (qorError_no_such_host), an address of it (qorError_host_without_address), an answer just now
+// (qorError_no_answer), any network at all (qorError_no_network); qorError_lookup_failed is all else. Any thread.
+inline bool qorLookupHost(const char* name, IQORHostAddressList** out) noexcept {
+    return qor::glue::qorLookupHost(name, out);
+}

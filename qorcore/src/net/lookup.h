@@ -1,0 +1,46 @@
+// Inside the library: the seam to the system's resolver.
+#pragma once
+
+#include "qor/qor.h"
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace qor::net {
+
+struct lookup_failure {
+    qorErrorNumber number;
+    std::string reason; // of qorError_lookup_failed only
+};
+
+enum class names { all, numeric_only };
+
+// Asks the system's resolver. What it finds is added to `out`, in its order; an address may come again. False: nothing
+// is added. Any thread.
+bool resolve(const char* name, names which, std::vector<qorHostAddress>& out, lookup_failure& failure);
+
+// What a list of the resolver holds. IN and IN6 are the system's types of socket addresses.
+template <class IN, class IN6, class INFO>
+void add_addresses(const INFO* list, int family_of_in, int family_of_in6, std::vector<qorHostAddress>& out) {
+    for (; list != nullptr; list = list->ai_next) {
+        qorHostAddress address;
+        if (list->ai_family == family_of_in) {
+            IN in;
+            std::memcpy(&in, list->ai_addr, sizeof in);
+            address.family = qorAddressFamily::ipv4;
+            std::memcpy(address.ipv4.bytes, &in.sin_addr, sizeof address.ipv4.bytes);
+        } else if (list->ai_family == family_of_in6) {
+            IN6 in6;
+            std::memcpy(&in6, list->ai_addr, sizeof in6);
+            address.family = qorAddressFamily::ipv6;
+            std::memcpy(address.ipv6.bytes, &in6.sin6_addr, sizeof address.ipv6.bytes);
+            address.scope = in6.sin6_scope_id;
+        } else {
+            continue;
+        }
+        out.push_back(address);
+    }
+}
+
+} // namespace qor::net

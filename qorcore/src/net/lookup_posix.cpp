@@ -1,0 +1,103 @@
+#include "net/lookup.h"
+
+#include "catalog/catalog.h"
+#include "error/error.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <clocale>
+#include <dlfcn.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <optional>
+#include <string_view>
+
+namespace {
+
+bool is_international(std::string_view name) {
+    return std::any_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) > 127; });
+}
+
+// The C library takes names for text in the thread's character set: ours is UTF-8, whatever the process has.
+class utf8_thread {
+public:
+    utf8_thread() noexcept : m_locale(newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{})) {
+        if (m_locale != locale_t{})
+            m_before = uselocale(m_locale);
+    }
+    utf8_thread(const utf8_thread&) = delete;
+    utf8_thread& operator=(const utf8_thread&) = delete;
+    ~utf8_thread() {
+        if (m_locale == locale_t{})
+            return;
+        uselocale(m_before);
+        freelocale(m_locale);
+    }
+
+private:
+    locale_t m_locale;
+    locale_t m_before{};
+};
+
+// Is there an interface with an address, other than the loopback? Where it cannot be told, there is.
+bool has_network() {
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0)
+        return true;
+    bool found = false;
+    for (const ifaddrs* each = list; each != nullptr && !found; each = each->ifa_next)
+        found = (each->ifa_flags & IFF_UP) != 0 && (each->ifa_flags & IFF_LOOPBACK) == 0 && each->ifa_addr != nullptr &&
+                (each->ifa_addr->sa_family == AF_INET || each->ifa_addr->sa_family == AF_INET6);
+    freeifaddrs(list);
+    return found;
+}
+
+// The C library loads it when it meets the first international name.
+bool has_libidn2() {
+    void* const library = dlopen("libidn2.so.0", RTLD_LAZY | RTLD_LOCAL);
+    if (library != nullptr)
+        dlclose(library);
+    return library != nullptr;
+}
+
+qor::net::lookup_failure failure_of(int result, int system_code) {
+    const auto other = [](std::string_view reason) {
+        return qor::net::lookup_failure{qorError_lookup_failed, std::string(reason)};
+    };
+    switch (result) {
+    case EAI_NONAME: return {qorError_no_such_host, {}};
+    case EAI_NODATA:
+    case EAI_ADDRFAMILY: return {qorError_host_without_address, {}};
+    case EAI_AGAIN: return {has_network() ? qorError_no_answer : qorError_no_network, {}};
+    case EAI_MEMORY: return {qorError_out_of_memory, {}};
+    case EAI_IDN_ENCODE: return other(qor::catalog::find("qorcore", has_libidn2() ? 1080 : 1081));
+    case EAI_SYSTEM: return other(qor::error::system_reason(system_code));
+    default: return other(gai_strerror(result));
+    }
+}
+
+} // namespace
+
+bool qor::net::resolve(const char* name, names which, std::vector<qorHostAddress>& out, lookup_failure& failure) {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM; // else each address comes once per kind of socket
+    hints.ai_flags = which == names::numeric_only ? AI_NUMERICHOST : 0;
+    std::optional<utf8_thread> utf8;
+    if (is_international(name)) {
+        hints.ai_flags |= AI_IDN;
+        utf8.emplace();
+    }
+    addrinfo* list = nullptr;
+    const int result = getaddrinfo(name, nullptr, &hints, &list);
+    const int system_code = errno;
+    if (result != 0) {
+        failure = failure_of(result, system_code);
+        return false;
+    }
+    add_addresses<sockaddr_in, sockaddr_in6>(list, AF_INET, AF_INET6, out);
+    freeaddrinfo(list);
+    return true;
+}

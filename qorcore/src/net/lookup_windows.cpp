@@ -1,0 +1,73 @@
+#include "net/lookup.h"
+
+#include "catalog/catalog.h"
+#include "error/error.h"
+#include "string/wide_windows.h"
+
+#include <winsock2.h>
+// Behind winsock2.h, which windows.h would otherwise bring in its first version.
+#include "process/system_library_windows.h"
+#include <ws2tcpip.h>
+
+namespace {
+
+class resolver {
+public:
+    resolver() noexcept
+        : get(find<decltype(GetAddrInfoW)>("GetAddrInfoW")), free(find<decltype(FreeAddrInfoW)>("FreeAddrInfoW")) {
+        const auto start = find<decltype(WSAStartup)>("WSAStartup");
+        WSADATA data;
+        failure = start == nullptr || get == nullptr || free == nullptr ? static_cast<int>(GetLastError())
+                                                                        : start(MAKEWORD(2, 2), &data);
+    }
+
+    decltype(GetAddrInfoW)* get;
+    decltype(FreeAddrInfoW)* free;
+    int failure; // 0, or why it cannot be used
+
+private:
+    template <class FUNCTION>
+    static FUNCTION* find(const char* name) noexcept {
+        return qor::process::find_function<FUNCTION>(L"ws2_32.dll", name);
+    }
+};
+
+qor::net::lookup_failure failure_of(int code) {
+    switch (code) {
+    case WSAHOST_NOT_FOUND: return {qorError_no_such_host, {}};
+    case WSANO_DATA: return {qorError_host_without_address, {}};
+    case WSATRY_AGAIN: return {qorError_no_answer, {}};
+    case WSAENETDOWN:
+    case WSAENETUNREACH: return {qorError_no_network, {}};
+    case WSA_NOT_ENOUGH_MEMORY: return {qorError_out_of_memory, {}};
+    default: return {qorError_lookup_failed, qor::error::system_reason(code)};
+    }
+}
+
+} // namespace
+
+bool qor::net::resolve(const char* name, names which, std::vector<qorHostAddress>& out, lookup_failure& failure) {
+    static const resolver system; // never given back, as nothing is that was loaded
+    if (system.failure != 0) {
+        failure = failure_of(system.failure);
+        return false;
+    }
+    std::wstring wide;
+    if (!string::to_wide(name, wide)) {
+        failure = {qorError_lookup_failed, std::string(catalog::find("qorcore", 1080))};
+        return false;
+    }
+    ADDRINFOW hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM; // else each address comes once per kind of socket
+    hints.ai_flags = which == names::numeric_only ? AI_NUMERICHOST : 0;
+    ADDRINFOW* list = nullptr;
+    const int result = system.get(wide.c_str(), nullptr, &hints, &list);
+    if (result != 0) {
+        failure = failure_of(result);
+        return false;
+    }
+    add_addresses<sockaddr_in, sockaddr_in6>(list, AF_INET, AF_INET6, out);
+    system.free(list);
+    return true;
+}

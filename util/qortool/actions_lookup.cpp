@@ -1,0 +1,34 @@
+// lookup: the addresses of a host.
+#include "action_arguments.h"
+#include "qortool_app.h"
+
+int qortool_app::func_lookup(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "func_lookup");
+    if (!check_arguments(args, "lookup", 1))
+        return 1;
+    if (!m_quiet)
+        fixed_fprintf(stdout, "Looking up [%s] ...\n", args[0]);
+    zetSmartPointer<IQORHostAddressList> list;
+    qorString text;
+    if (!qorLookupHost(args[0], list.Out())) {
+        qorGetLastError(text);
+        fixed_fprintf(stderr, "Lookup FAILED : ");
+        text.Put(stderr, true);
+        return 1;
+    }
+    const uint32 count = list->GetCount();
+    if (count == 0) {
+        // The line stays open: scripts know it so.
+        fixed_fprintf(stderr, "Lookup returned zero addresses");
+        return 1;
+    }
+    if (!m_quiet)
+        fixed_fprintf(stdout, "Lookup returned %u addresses\n", count);
+    for (uint32 i = 0; i < count; ++i) {
+        qorHostAddress address;
+        list->GetAddress(i, address);
+        qorAddressToString(address, true, text);
+        fixed_fprintf(stdout, "%s\n", text.Text());
+    }
+    return 0;
+}
