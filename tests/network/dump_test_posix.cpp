@@ -238,6 +238,9 @@ TEST(netlink_dump, what_is_cut_off_makes_no_sense) {
     const bytes whole = link(1, "lo", {attribute(IFLA_ADDRESS, bytes(6, 1))});
     for (std::size_t length = 1; length < whole.size(); ++length)
         read({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length)}, dump_state::senseless);
+    nlmsghdr endless = header_of(whole);
+    endless.nlmsg_len = 0x80000010;
+    read(with_header(whole, endless), dump_state::senseless);
     // A message without room for its own header.
     for (const int type : std::initializer_list<int>{RTM_NEWLINK, RTM_NEWADDR, RTM_NEWROUTE, RTM_NEWNEXTHOP,
                                                     NLMSG_DONE, NLMSG_ERROR}) {

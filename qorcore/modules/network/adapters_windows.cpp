@@ -46,7 +46,7 @@ qoraddr_ipv4 ipv4_of(const SOCKET_ADDRESS& address) {
 
 interface_facts facts_of(const IP_ADAPTER_ADDRESSES& adapter) {
     interface_facts facts;
-    // One without IPv4 has no number for it.
+    // Where both have a number, it is the same. One that has IPv6 alone has none for IPv4.
     facts.index = adapter.IfIndex != 0 ? adapter.IfIndex : adapter.Ipv6IfIndex;
     facts.name = adapter.AdapterName;
     facts.description = utf8(adapter.Description);
@@ -60,7 +60,7 @@ interface_facts facts_of(const IP_ADAPTER_ADDRESSES& adapter) {
         } else if (family == AF_INET6) {
             qorNetAddress6 address{{}, row.OnLinkPrefixLength, 0};
             std::memcpy(address.address.bytes, &as<sockaddr_in6>(row.Address).sin6_addr, sizeof address.address.bytes);
-            address.scope = network::scope_of(address.address, adapter.Ipv6IfIndex);
+            address.scope = network::scope_of(address.address, facts.index);
             facts.ipv6.push_back(address);
         }
     });

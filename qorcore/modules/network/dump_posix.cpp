@@ -231,12 +231,17 @@ dump_result ending(const nlmsghdr* message, dump_state without_error) {
     return status.header == 0 ? dump_result{without_error} : dump_result{dump_state::refused, -status.header};
 }
 
+// To libmnl alone a length of 2 GiB and more is a negative one, and fits.
+bool fits(const nlmsghdr* message, int length) {
+    return mnl_nlmsg_ok(message, length) && message->nlmsg_len <= static_cast<uint32>(length);
+}
+
 } // namespace
 
 dump_result network::read_datagram(std::span<const uint8> datagram, uint32 sequence, uint32 port, dump_tables& out) {
     const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
     int length = static_cast<int>(datagram.size());
-    for (; mnl_nlmsg_ok(message, length); message = mnl_nlmsg_next(message, &length)) {
+    for (; fits(message, length); message = mnl_nlmsg_next(message, &length)) {
         if (message->nlmsg_seq != sequence || message->nlmsg_pid != port)
             continue;
         if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0 || message->nlmsg_type == NLMSG_OVERRUN)
