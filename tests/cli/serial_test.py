@@ -6,6 +6,7 @@ usage: serial_test.py --tool PATH [--instrumented]
 """
 
 import argparse
+import grp
 import os
 import pty
 import re
@@ -180,8 +181,11 @@ class ThisHost(unittest.TestCase):
         for name in self.listed():
             self.assertNotIn("/dev/" + re.sub(r"\d+$", "", name), files)
 
-    def test_each_that_is_listed_can_be_asked_for(self):
+    def test_each_uart_that_is_listed_can_be_asked_for(self):
         for name, location in self.listed().items():
+            # What hangs at an adapter may restart when its port is opened.
+            if not re.fullmatch(r"ttyS\d+", name):
+                continue
             code, out, err = run("ttyinfo", name)
             if code == 0:
                 self.assertEqual((out, err), (f"Port name = '{name}'\nLocation = '{location}'\n", ""))
@@ -224,9 +228,10 @@ class PseudoTerminals(unittest.TestCase):
         return reason
 
     def test_one_that_a_group_may_open(self):
-        self.assertEqual(self.refused(0o660, 20),
-                         f"You may not open the serial port '{self.name}'. Members of the group 'dialout' may; who joins it "
-                         "has to log in again.")
+        group = next(group for group in grp.getgrall() if group.gr_gid not in (0, NOBODY))
+        self.assertEqual(self.refused(0o660, group.gr_gid),
+                         f"You may not open the serial port '{self.name}'. Members of the group '{group.gr_name}' may; who "
+                         "joins it has to log in again.")
 
     def test_one_of_a_group_without_a_name(self):
         self.assertIn("the group '54321'", self.refused(0o660, 54321))

@@ -102,8 +102,9 @@ std::string place_of_software(const host& on, const std::string& port, const std
     constexpr std::string_view gadget = "ttyGS";
     if (name.starts_with(gadget))
         return "USB gadget, line " + name.substr(gadget.size());
-    const std::string driver = qor::serial::driver_of(on, port).name;
-    return driver.empty() ? driver : "software, driver " + driver;
+    const std::vector<qor::serial::driver> drivers = qor::serial::read_drivers(on);
+    const auto* const driver = qor::serial::find_driver(drivers, port);
+    return driver != nullptr ? "software, driver " + driver->name : "";
 }
 
 std::string place_of_port(const host& on, const std::string& port, const std::string& name) {

@@ -22,13 +22,18 @@ std::string_view base_name(std::string_view path) noexcept;
 // The kernel's folder of a terminal.
 std::string terminal_folder(const host& on, std::string kernel_name);
 
+// A row of the table of terminal drivers.
 struct driver {
     std::string name; // "rfcomm"
     std::string type; // "serial", "console", "pty:slave" ...
+    unsigned major;
+    unsigned first_minor;
+    unsigned last_minor;
 };
+std::vector<driver> read_drivers(const host& on);
 
-// What the table of terminal drivers has for the terminal in that folder. Empty texts: it is not in there.
-driver driver_of(const host& on, const std::string& folder);
+// That of the terminal in the folder; null if none has it.
+const driver* find_driver(const std::vector<driver>& drivers, const std::string& folder);
 
 // 0, or the system's code; path is then what could not be read.
 int list_ports(const host& on, std::vector<std::string>& names, std::string& path);

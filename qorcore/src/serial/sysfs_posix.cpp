@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -18,16 +16,16 @@ using qor::serial::host;
 
 // A terminal with a device behind it is a port. Others are made by software, consoles and serial ports alike (Bluetooth, the
 // ports of a host that is a USB device itself, multiplexers): there the driver has the word.
-bool is_port(const host& on, const std::string& folder) {
-    return qor::serial::exists(folder + "/device") || qor::serial::driver_of(on, folder).type == "serial";
+bool is_port(const std::vector<qor::serial::driver>& drivers, const std::string& folder) {
+    if (qor::serial::exists(folder + "/device"))
+        return true;
+    const auto* const driver = qor::serial::find_driver(drivers, folder);
+    return driver != nullptr && driver->type == "serial";
 }
 
 bool is_console(const host& on, const std::string& name) {
-    std::istringstream consoles(qor::serial::read_attribute(on.sys + "/class/tty/console/active"));
-    for (std::string console; consoles >> console;)
-        if (console == name)
-            return true;
-    return false;
+    const std::string consoles = ' ' + qor::serial::read_attribute(on.sys + "/class/tty/console/active") + ' ';
+    return consoles.find(' ' + name + ' ') != std::string::npos;
 }
 
 std::string number_link(const host& on, dev_t number) {
@@ -54,29 +52,40 @@ std::string qor::serial::terminal_folder(const host& on, std::string kernel_name
     return on.sys + "/class/tty/" + kernel_name;
 }
 
-qor::serial::driver qor::serial::driver_of(const host& on, const std::string& folder) {
-    unsigned wanted = 0;
-    unsigned minor = 0;
-    if (std::sscanf(read_attribute(folder + "/dev").c_str(), "%u:%u", &wanted, &minor) != 2)
-        return {};
-    // Name, file, number and range of numbers, type:
+std::vector<qor::serial::driver> qor::serial::read_drivers(const host& on) {
+    std::vector<driver> drivers;
+    std::FILE* const table = std::fopen((on.proc + "/tty/drivers").c_str(), "re");
+    if (table == nullptr)
+        return drivers;
+    // Name, file, number and range of numbers or one of them, type:
     //     serial               /dev/ttyS        4 64-95 serial
-    std::ifstream table(on.proc + "/tty/drivers");
-    for (std::string line; std::getline(table, line);) {
-        std::istringstream words(line);
-        driver found;
-        std::string file;
-        unsigned major = 0;
-        unsigned first = 0;
-        if (!(words >> found.name >> file >> major >> first) || major != wanted)
-            continue;
-        unsigned last = first;
-        if (words.peek() == '-')
-            words.ignore() >> last;
-        if (words >> found.type && minor >= first && minor <= last)
-            return found;
+    char line[256];
+    while (std::fgets(line, sizeof line, table) != nullptr) {
+        char name[64];
+        char type[32];
+        driver row{};
+        if (std::sscanf(line, "%63s %*s %u %u-%u %31s", name, &row.major, &row.first_minor, &row.last_minor, type) != 5) {
+            if (std::sscanf(line, "%63s %*s %u %u %31s", name, &row.major, &row.first_minor, type) != 4)
+                continue;
+            row.last_minor = row.first_minor;
+        }
+        row.name = name;
+        row.type = type;
+        drivers.push_back(std::move(row));
     }
-    return {};
+    std::fclose(table);
+    return drivers;
+}
+
+const qor::serial::driver* qor::serial::find_driver(const std::vector<driver>& drivers, const std::string& folder) {
+    unsigned major = 0;
+    unsigned minor = 0;
+    if (std::sscanf(read_attribute(folder + "/dev").c_str(), "%u:%u", &major, &minor) != 2)
+        return nullptr;
+    const auto found = std::find_if(drivers.begin(), drivers.end(), [&](const driver& row) {
+        return row.major == major && minor >= row.first_minor && minor <= row.last_minor;
+    });
+    return found != drivers.end() ? &*found : nullptr;
 }
 
 int qor::serial::list_ports(const host& on, std::vector<std::string>& names, std::string& path) {
@@ -85,8 +94,9 @@ int qor::serial::list_ports(const host& on, std::vector<std::string>& names, std
     if (const int code = read_folder(path, found))
         // A kernel without terminals has no ports, and says so; a container without /sys says nothing.
         return code == ENOENT && exists(on.sys + "/class") ? 0 : code;
+    const std::vector<driver> drivers = read_drivers(on);
     for (std::string& name : found) {
-        if (!is_port(on, path + '/' + name) || !has_hardware(on, name))
+        if (!is_port(drivers, path + '/' + name) || !has_hardware(on, name))
             continue;
         std::replace(name.begin(), name.end(), '!', '/');
         names.push_back(std::move(name));

@@ -81,7 +81,7 @@ bool find_port(const std::string& name, known_port& port) {
             port = each;
             return true;
         }
-    port = {wanted, {}};
+    port = {is_com_port(wanted) ? "COM" + wanted.substr(3) : wanted, {}};
     return false;
 }
 

@@ -1,0 +1,49 @@
+// serial_client PORT TEXT: a client that sends a text through a port and prints how the port is set and what comes back, as
+// many bytes as it sent.
+#include "qor/qor.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr uint32 milliseconds = 60000;
+
+bool talk(IQORSerialPort& port, const char* text) {
+    qorSerialSettings settings{};
+    if (!port.GetSettings(settings))
+        return false;
+    fixed_fprintf(stdout, "%u bits per second, %u data bits, %u half stop bits, parity %u\n", settings.bits_per_second,
+                  unsigned{settings.data_bits}, unsigned{settings.half_stop_bits}, static_cast<unsigned>(settings.parity));
+    uint32 count = 0;
+    const uint32 length = static_cast<uint32>(std::strlen(text));
+    if (!port.Discard(true, true) || !port.Write(text, length, milliseconds, count) || !port.Flush())
+        return false;
+    qorString answer;
+    while (answer.Length() < length) {
+        char part[64];
+        if (!port.Read(part, sizeof part, milliseconds, count))
+            return false;
+        if (count == 0)
+            break;
+        answer.Append(part, static_cast<int32>(count));
+    }
+    uint32 received = 0;
+    uint32 unsent = 0;
+    if (!port.GetWaiting(received, unsent))
+        return false;
+    fixed_fprintf(stdout, "%u sent, '%s' came, %u wait\n", length, answer.Text(), received + unsent);
+    // Nothing more comes, and that is no failure.
+    return port.Read(&count, 1, 1, count) && count == 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3)
+        return 2;
+    zetSmartPointer<IQORSerialPort> port;
+    if (qorOpenSerialPort(argv[1], port.Out()) && talk(**port, argv[2]))
+        return 0;
+    fputerr(stderr, true);
+    return 1;
+}
