@@ -58,7 +58,10 @@ const place& place_of(qorFolderId id) {
 template <class FUNCTION>
 FUNCTION* function_of(const wchar_t* library, const char* name) {
     const HMODULE module = LoadLibraryExW(library, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    return module != nullptr ? reinterpret_cast<FUNCTION*>(GetProcAddress(module, name)) : nullptr;
+    // By way of a type that stands for any function.
+    return module != nullptr
+               ? reinterpret_cast<FUNCTION*>(reinterpret_cast<void (*)()>(GetProcAddress(module, name)))
+               : nullptr;
 }
 
 // Both return the system's code, 0 for success.
