@@ -25,10 +25,13 @@ template <class ENTRY, class KEY>
 int read_entry(int (*read)(KEY, ENTRY*, char*, std::size_t, ENTRY**), KEY key, ENTRY& entry, std::vector<char>& buffer,
                bool& found) {
     ENTRY* result = nullptr;
-    int code;
-    buffer.resize(1024);
-    while ((code = read(key, &entry, buffer.data(), buffer.size(), &result)) == ERANGE && buffer.size() < max_entry_size)
-        buffer.resize(buffer.size() * 2);
+    int code = ERANGE;
+    for (std::size_t size = 1024; code == ERANGE && size <= max_entry_size; size *= 2) {
+        buffer.resize(size);
+        code = read(key, &entry, buffer.data(), buffer.size(), &result);
+        if (code < 0)
+            code = errno; // so do some libraries that stand in front of the C library's
+    }
     found = result != nullptr;
     return found || means_none(code) ? 0 : code;
 }
