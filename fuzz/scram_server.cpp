@@ -58,7 +58,8 @@ bool is_plain_last(const std::string& message) {
     if (fields.size() < 3 || !is_field(fields[0], 'c') || !is_field(fields[1], 'r') || !is_field(fields.back(), 'p'))
         return false;
     const std::string proof = fields.back().substr(2);
-    const bool canonical = proof.size() == 44 && plain_scram::base64(plain_scram::from_base64(proof)) == proof;
+    const std::string bytes = proof.size() == 44 ? plain_scram::from_base64(proof) : "";
+    const bool canonical = bytes.size() == 32 && plain_scram::base64(bytes) == proof;
     fields.pop_back();
     return canonical && are_extensions(fields, 2);
 }

@@ -30,7 +30,7 @@ bool is_plain(const std::string& text) {
     for (const std::string& each : {salt, stored, server})
         if (each.empty() || plain_scram::base64(decoded(each)) != each)
             return false;
-    return stored.size() == 44 && server.size() == 44;
+    return decoded(stored).size() == 32 && decoded(server).size() == 32;
 }
 
 } // namespace
