@@ -122,7 +122,7 @@ bool qor::control::read_accounts(const std::string& path, account_list& out, boo
     std::string text;
     std::string reason;
     bool missing = false;
-    if (!read_private_file(path, text, reason, &missing))
+    if (!read_private_file(path, text, reason, missing))
         return cannot_use(path, reason);
     if (is_missing != nullptr)
         *is_missing = missing;

@@ -7,9 +7,12 @@
 
 namespace qor::control {
 
-// All of a file. One that is not there is empty, and `*is_missing` says so. False: it cannot be read, is no plain file, or
+// All of a file. One that is not there is empty, and `is_missing` says so. False: it cannot be read, is no plain file, or
 // others than its owner may read or write it.
-bool read_private_file(const std::string& path, std::string& text, std::string& reason, bool* is_missing = nullptr);
+bool read_private_file(const std::string& path, std::string& text, std::string& reason, bool& is_missing);
+
+// The same of a file that is no secret: others may read it, but not write it.
+bool read_own_file(const std::string& path, std::string& text, std::string& reason);
 
 // Puts a file in the place of the one that is there, whole or not at all, for its owner only. Folders that are missing on the
 // way are made, for their owner only, too.

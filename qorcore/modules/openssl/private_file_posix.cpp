@@ -43,7 +43,8 @@ bool failed(private_file_fault fault, std::string& reason) {
     return false;
 }
 
-bool is_private(int file, std::string& reason) {
+// `forbidden`: what others may not do.
+bool is_own(int file, mode_t forbidden, std::string& reason) {
     struct stat status;
     if (fstat(file, &status) != 0)
         return failed(reason);
@@ -51,7 +52,7 @@ bool is_private(int file, std::string& reason) {
         return failed(private_file_fault::no_plain_file, reason);
     if (status.st_uid != geteuid() && status.st_uid != 0)
         return failed(private_file_fault::of_another_owner, reason);
-    if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0)
+    if ((status.st_mode & forbidden) != 0)
         return failed(private_file_fault::others_have_access, reason);
     return true;
 }
@@ -70,6 +71,18 @@ bool read_all(int file, std::string& text, std::string& reason) {
         if (text.size() > qor::control::longest_private_file)
             return failed(private_file_fault::too_long, reason);
     }
+}
+
+bool read_file(const std::string& path, mode_t forbidden, std::string& text, std::string& reason, bool& is_missing) {
+    text.clear();
+    // A pipe must not make anybody wait.
+    const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    is_missing = file.number() < 0 && errno == ENOENT;
+    if (is_missing)
+        return true;
+    if (file.number() < 0)
+        return failed(reason);
+    return is_own(file.number(), forbidden, reason) && read_all(file.number(), text, reason);
 }
 
 bool write_all(int file, std::string_view text) {
@@ -103,18 +116,13 @@ std::string real_path(const std::string& path) {
 
 } // namespace
 
-bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason, bool* is_missing) {
-    text.clear();
-    // A pipe must not make anybody wait.
-    const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    const bool missing = file.number() < 0 && errno == ENOENT;
-    if (is_missing != nullptr)
-        *is_missing = missing;
-    if (missing)
-        return true;
-    if (file.number() < 0)
-        return failed(reason);
-    return is_private(file.number(), reason) && read_all(file.number(), text, reason);
+bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason, bool& is_missing) {
+    return read_file(path, S_IRWXG | S_IRWXO, text, reason, is_missing);
+}
+
+bool qor::control::read_own_file(const std::string& path, std::string& text, std::string& reason) {
+    bool is_missing;
+    return read_file(path, S_IWGRP | S_IWOTH, text, reason, is_missing);
 }
 
 bool qor::control::write_private_file(const std::string& path, std::string_view text, std::string& reason) {

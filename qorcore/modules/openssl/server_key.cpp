@@ -55,7 +55,7 @@ bool qor::control::open_server_key(const std::string& accounts, crypto::key_poin
     bool is_missing = false;
     // Two that find none must not make two.
     const private_folder_lock lock(path);
-    if (!lock.is_held(reason) || !read_private_file(path, text, reason, &is_missing))
+    if (!lock.is_held(reason) || !read_private_file(path, text, reason, is_missing))
         return cannot_use(path, reason);
     const crypto::wiped_later of_text(text);
     return is_missing ? make_key(path, key) : parse_key(path, text, key);

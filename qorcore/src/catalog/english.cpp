@@ -94,6 +94,37 @@ constexpr message qortool[] = {
     {91, "Logged on."},
 };
 
+// What qor-debug-user says.
+constexpr message qor_debug_user[] = {
+    {1, "Usage: qor-debug-user [options] <action> [<name>]\n\nThe actions, and below them the options:"},
+    {2, "add <name>"},
+    {3, "Make an account for debug control. The password is asked for, or a line of standard input."},
+    {4, "password <name>"},
+    {5, "Give an account another password."},
+    {6, "remove <name>"},
+    {7, "Take an account away."},
+    {8, "list"},
+    {9, "List the accounts."},
+    {10, "help"},
+    {11, "Show this list of actions and options."},
+    {12, "--file=FILE"},
+    {13, "The accounts in FILE, not those in the framework's configuration folder."},
+    {14, "--generate"},
+    {15, "Make the password up and print it, once."},
+    {16, "There is no option '--{1}'. 'qor-debug-user help' lists the options."},
+    {17, "There is no action '{1}'. 'qor-debug-user help' lists the actions."},
+    {18, "The number of words is wrong for '{1}'. 'qor-debug-user help' shows what it takes."},
+    {19, "No action was given. 'qor-debug-user help' lists the actions."},
+    {20, "The option '--{1}' is written '{2}'."},
+    {21, "Password for '{1}': "},
+    {22, "The same again: "},
+    {23, "The two are not the same. Nothing was changed."},
+    {24, "There is no password: the input has ended."},
+    {25, "The account '{1}' was made."},
+    {26, "The account '{1}' has another password now."},
+    {27, "The account '{1}' was taken away."},
+};
+
 // What the framework says: its errors, and from 1000 on all else.
 constexpr message qorcore[] = {
 #define QOR_ERROR(number, name, error_class, text) {number, text},
@@ -141,7 +172,7 @@ constexpr message qorcore[] = {
     {1077, "it does not read its answers"},
 };
 
-constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}};
+constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}, {"qor-debug-user", qor_debug_user}};
 
 // Each look-up relies on the order; an empty text would pass for a missing message.
 static_assert(std::ranges::all_of(catalogs, [](const built_in& each) {
