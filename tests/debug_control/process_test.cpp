@@ -51,13 +51,7 @@ class debug_control_process : public testing::Test {
 protected:
     debug_control_process() {
         m_users = m_folder.file("users", plain_scram::account("ada", "secret"));
-        set_mode(m_users, false);
-    }
-
-    static void set_mode(const std::string& path, bool for_others) {
-        using std::filesystem::perms;
-        std::filesystem::permissions(path, perms::owner_read | perms::owner_write |
-                                               (for_others ? perms::others_read : perms::none));
+        keep_private(m_users);
     }
 
     words environment(words more = {}) const {

@@ -1,6 +1,6 @@
 // The console of debug control with a connection that only writes down what it is asked for.
-#include "qortool_app.h"
 #include "debug_control.h"
+#include "qortool_app.h"
 #include "support/recording_table.h"
 #include "support/temp_folder.h"
 
@@ -166,8 +166,8 @@ protected:
 
 TEST_F(DebugControl, SaysWhatItDoesUnlessItIsQuiet) {
     const outcome loud = run({"debug-control", "host", "700"}, "user\nsecret\n");
-    EXPECT_EQ(loud.out, message(1) + message(73, "3.35.21") + message(47) + "Username: Password: " + message(48) +
-                            "Debug> ");
+    EXPECT_EQ(loud.out, message(1) + message(73, "3.35.21") + message(47) +
+                            "Username: Password: " + message(48) + "Debug> ");
     EXPECT_EQ(loud.code, 1);
     const outcome quiet = run({"--quiet", "debug-control", "host", "700"}, "user\nsecret\n");
     EXPECT_EQ(quiet.out, "Username: Password: Debug> ");
@@ -179,7 +179,8 @@ TEST_F(DebugControl, SaysWhatItDoesUnlessItIsQuiet) {
 TEST_F(DebugControl, IsATrackedComponentThatEndsWithTheAction) {
     run({"--quiet", "debug-control", "host", "700"}, "");
     const texts calls = m_table.take();
-    const std::string made = "qor_do_new(" + std::to_string(sizeof(debug_control)) + ", util/qortool/main, 1196) = ";
+    const std::string made =
+        "qor_do_new(" + std::to_string(sizeof(debug_control)) + ", util/qortool/main, 1196) = ";
     const auto begin =
         std::ranges::find_if(calls, [&made](const std::string& call) { return call.starts_with(made); });
     ASSERT_NE(begin, calls.end());
@@ -261,7 +262,8 @@ TEST_F(DebugControl, AnotherFailureOfTheLoginIsTheEnd) {
     const outcome result = run({"--quiet", "debug-control", "host", "700"}, "a\nb\nc\nd\ne\nf\n");
     EXPECT_EQ(result.code, 1);
     EXPECT_EQ(result.out, "Username: Password: Username: Password: ");
-    EXPECT_EQ(result.err, error_text(qorError_credentials_refused, "the login") + error_text(s_other_error, "the login"));
+    EXPECT_EQ(result.err,
+              error_text(qorError_credentials_refused, "the login") + error_text(s_other_error, "the login"));
     EXPECT_EQ(m_peer.calls, (texts{"create", "Connect host 700", "Login [a] [b]", "Login [c] [d]", "ended"}));
 }
 
@@ -299,8 +301,8 @@ TEST_F(DebugControl, ASinkThatIsNotTakenIsTheEnd) {
 
 TEST_F(DebugControl, HelpListsTheCommandsInTheirOrder) {
     const outcome result = console("help\nhelp me please\n");
-    const std::string text = "\n" + message(65) + "\n" + message(49) + message(66) + message(67) + message(68) +
-                             message(50) + message(69) + "\n";
+    const std::string text = "\n" + message(65) + "\n" + message(49) + message(66) + message(67) +
+                             message(68) + message(50) + message(69) + "\n";
     EXPECT_EQ(result.out, text + "Debug> " + text + "Debug> ");
     EXPECT_EQ(result.err, m_no_error);
     EXPECT_EQ(m_peer.calls, texts{});
@@ -338,7 +340,8 @@ TEST_F(DebugControl, SwitchesCodesWithoutAWord) {
     const outcome result = console("enable a.one\ndisable b.*\ndisable-all\nenable %s\n");
     EXPECT_EQ(result.out, "Debug> Debug> Debug> Debug> ");
     EXPECT_EQ(result.err, m_no_error);
-    EXPECT_EQ(m_peer.calls, (texts{"EnableCode a.one on", "EnableCode b.* off", "DisableAll", "EnableCode %s on"}));
+    EXPECT_EQ(m_peer.calls,
+              (texts{"EnableCode a.one on", "EnableCode b.* off", "DisableAll", "EnableCode %s on"}));
 }
 
 TEST_F(DebugControl, BlanksAroundAndBetweenWordsDoNotCount) {
@@ -349,7 +352,8 @@ TEST_F(DebugControl, BlanksAroundAndBetweenWordsDoNotCount) {
 }
 
 TEST_F(DebugControl, CommandsAreExactWords) {
-    const texts unknown{"Help", "show_all", "quit", "exit", "helper", "hel", "enable-all", "SHOW-ALL", "--help", "\"help\""};
+    const texts unknown{"Help", "show_all",   "quit",     "exit",   "helper",
+                        "hel",  "enable-all", "SHOW-ALL", "--help", "\"help\""};
     std::string input;
     std::string prompts;
     std::string said;
@@ -365,7 +369,8 @@ TEST_F(DebugControl, CommandsAreExactWords) {
 }
 
 TEST_F(DebugControl, WrongWordsOfACommandChangeNothing) {
-    const texts wrong{"show-all a", "show-enabled a", "enable", "enable a b", "disable", "disable a b", "disable-all a"};
+    const texts wrong{"show-all a", "show-enabled a", "enable",       "enable a b",
+                      "disable",    "disable a b",    "disable-all a"};
     std::string input;
     std::string prompts;
     std::string said;
@@ -390,7 +395,8 @@ TEST_F(DebugControl, ACommandThatFailsDoesNotEndTheConsole) {
     for (const char* const op : {"GetCodes", "GetEnabledCodes", "EnableCode", "EnableCode", "DisableAll"})
         said += error_text(s_other_error, op);
     EXPECT_EQ(result.err.substr(0, said.size()), said);
-    EXPECT_EQ(m_peer.calls, (texts{"GetCodes", "GetEnabledCodes", "EnableCode a on", "EnableCode a off", "DisableAll"}));
+    EXPECT_EQ(m_peer.calls,
+              (texts{"GetCodes", "GetEnabledCodes", "EnableCode a on", "EnableCode a off", "DisableAll"}));
 }
 
 TEST_F(DebugControl, ItsTraceNamesWhatItDoesAndWhatFailed) {
@@ -410,7 +416,8 @@ TEST_F(DebugControl, ItsTraceNamesWhatItDoesAndWhatFailed) {
     const std::string enter = ">>ENTER>> Execute()";
     const std::string leave = "<<LEAVE<< Execute()";
     EXPECT_EQ(traced({"debug-control", "--port"}, ""), (texts{enter, "FAIL bad option", leave}));
-    EXPECT_EQ(traced({"debug-control", "--xxx", "host"}, ""), (texts{enter, "FAIL wrong number of args", leave}));
+    EXPECT_EQ(traced({"debug-control", "--xxx", "host"}, ""),
+              (texts{enter, "FAIL wrong number of args", leave}));
     texts expected{enter};
     for (const std::string op : {"help", "show_all", "show_enabled", "enable", "disable", "disable_all"}) {
         expected.push_back(">>ENTER>> cmd_" + op + "()");
@@ -468,7 +475,8 @@ using plain = void(void*) noexcept;
 using query = int(void*, const char*, void**) noexcept;
 using version = uint32(void*) noexcept;
 
-// Calls the three operations of the root interface, and the version behind them, by their places in the table.
+// Calls the three operations of the root interface, and the version behind them, by their places in the
+// table.
 void expect_operations(const console_object& object, void* view, std::size_t first) {
     entry<plain>(view, first)(view);
     EXPECT_EQ(references(object), 2);

@@ -67,8 +67,8 @@ debug_control::~debug_control() = default;
 
 uint32 debug_control::getver_IQORDebugControlSink() noexcept { return 1; }
 
-// On a thread of the framework, while the console waits for input, which it would do for ever. Nothing else of the
-// process runs any more: an orderly exit could wait for the lock of the stream that is being read.
+// On a thread of the framework, while the console waits for input, which it would do for ever. Nothing else
+// of the process runs any more: an orderly exit could wait for the lock of the stream that is being read.
 void debug_control::debug_ConnectionLost() noexcept {
     fixed_fprintf(stderr, "Debug connection lost\n");
     std::fflush(stderr);

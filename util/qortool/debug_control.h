@@ -1,5 +1,5 @@
-// The console of debug control: shows and switches the trace codes of another process, by commands read from standard
-// input.
+// The console of debug control: shows and switches the trace codes of another process, by commands read from
+// standard input.
 #pragma once
 
 #include "qor/qor.h"
@@ -15,8 +15,8 @@ public:
         return object_QueryInterface(name, out);
     }
 
-    // Two words, a host and a port. Runs until the end of the input or something that it cannot go on from, which it
-    // has told the user: false in every case. A lost connection ends the process.
+    // Two words, a host and a port. Runs until the end of the input or something that it cannot go on from,
+    // which it has told the user: false in every case. A lost connection ends the process.
     bool Execute(qorStringArray& args);
 
 protected:

@@ -195,7 +195,7 @@ int open_log(shared_state& shared, const std::string& name) {
         qor::process::set_environment(qor::memory::log_variable,
                                       qor::memory::log_name_for_children(name).c_str());
     tracking.store(true, std::memory_order_release);
-    qor::memory::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child);
+    qor::process::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child);
     std::atexit([] { finish_log(); });
     return 0;
 }

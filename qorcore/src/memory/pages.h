@@ -16,7 +16,4 @@ void* allocate_aligned(uint64 alignment, uint64 size) noexcept;
 void* change_size(void* block, uint64 size) noexcept;
 void give_back(void* block) noexcept;
 
-// Has three routines called around every fork: in the parent before and after it, and in the child.
-void watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept, void (*in_child)() noexcept) noexcept;
-
 } // namespace qor::memory

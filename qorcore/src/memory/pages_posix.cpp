@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <pthread.h>
 #include <sys/mman.h>
 
 namespace {
@@ -39,8 +38,3 @@ void* qor::memory::allocate_aligned(uint64 alignment, uint64 size) noexcept {
 void* qor::memory::change_size(void* block, uint64 size) noexcept { return std::realloc(block, size); }
 
 void qor::memory::give_back(void* block) noexcept { std::free(block); }
-
-void qor::memory::watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept,
-                              void (*in_child)() noexcept) noexcept {
-    pthread_atfork(before, in_parent, in_child);
-}

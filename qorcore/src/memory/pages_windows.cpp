@@ -90,6 +90,3 @@ void qor::memory::give_back(void* block) noexcept {
         forget(block);
     std::free(origin);
 }
-
-// No process of this system is the copy of another.
-void qor::memory::watch_forks(void (*)() noexcept, void (*)() noexcept, void (*)() noexcept) noexcept {}

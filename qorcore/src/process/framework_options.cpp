@@ -2,7 +2,7 @@
 #include "process/framework_options.h"
 
 #include "catalog/catalog.h"
-#include "debug/trace.h"
+#include "debug/trace_output.h"
 #include "error/error.h"
 #include "memory/tracking.h"
 #include "process/process.h"

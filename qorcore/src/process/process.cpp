@@ -1,7 +1,7 @@
 // Start and end of the framework in a process.
 #include "process/process.h"
 
-#include "debug/trace.h"
+#include "debug/trace_output.h"
 #include "error/error.h"
 #include "file/raw_file.h"
 #include "process/framework_options.h"

@@ -33,4 +33,10 @@ bool has_argument(const char* begin) noexcept;
 // opens, and a console must take what comes for UTF-8.
 void set_up_standard_streams() noexcept;
 
+// Has three routines called around every fork: in the parent before and after it, and in the child.
+void watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept, void (*in_child)() noexcept) noexcept;
+
+// A detached thread of the framework's own, which gets none of the host's signals. 0, or the system's error code.
+int start_thread(void (*run)() noexcept) noexcept;
+
 } // namespace qor::process

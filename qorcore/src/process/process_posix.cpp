@@ -4,9 +4,11 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 namespace {
@@ -15,6 +17,11 @@ namespace {
 std::string& process_name() {
     static std::string* const name = new std::string(program_invocation_short_name);
     return *name;
+}
+
+void* thread_main(void* run) {
+    reinterpret_cast<void (*)() noexcept>(run)();
+    return nullptr;
 }
 
 } // namespace
@@ -62,4 +69,22 @@ void qor::process::set_up_standard_streams() noexcept {
         // Opened the wrong way round, so that using the stream still fails as it should.
         if (fcntl(stream, F_GETFD) < 0 && errno == EBADF)
             (void)open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+}
+
+void qor::process::watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept,
+                               void (*in_child)() noexcept) noexcept {
+    pthread_atfork(before, in_parent, in_child);
+}
+
+int qor::process::start_thread(void (*run)() noexcept) noexcept {
+    sigset_t all;
+    sigset_t mask_of_the_host;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &mask_of_the_host);
+    pthread_t thread;
+    const int failed = pthread_create(&thread, nullptr, thread_main, reinterpret_cast<void*>(run));
+    pthread_sigmask(SIG_SETMASK, &mask_of_the_host, nullptr);
+    if (failed == 0)
+        pthread_detach(thread);
+    return failed;
 }

@@ -34,6 +34,11 @@ UINT console_before = 0;
 
 void restore_console() { SetConsoleOutputCP(console_before); }
 
+DWORD WINAPI thread_main(void* run) {
+    reinterpret_cast<void (*)() noexcept>(run)();
+    return 0;
+}
+
 } // namespace
 
 const char* qor::process::name() noexcept { return process_name().c_str(); }
@@ -99,4 +104,15 @@ void qor::process::set_up_standard_streams() noexcept {
     if (console_before == 0 || console_before == CP_UTF8 || !SetConsoleOutputCP(CP_UTF8))
         return;
     std::atexit(restore_console);
+}
+
+// No process of this system is the copy of another.
+void qor::process::watch_forks(void (*)() noexcept, void (*)() noexcept, void (*)() noexcept) noexcept {}
+
+int qor::process::start_thread(void (*run)() noexcept) noexcept {
+    const HANDLE thread = CreateThread(nullptr, 0, thread_main, reinterpret_cast<void*>(run), 0, nullptr);
+    if (thread == nullptr)
+        return static_cast<int>(GetLastError());
+    CloseHandle(thread);
+    return 0;
 }

@@ -1,3 +1,4 @@
+#include "process/process.h"
 #include "process/signals.h"
 
 #include <atomic>
@@ -46,7 +47,7 @@ extern "C" void on_signal(int number) {
 }
 
 // The child has no signal thread, its signals must not wake the parent's, and the parent's are not its own.
-void after_fork_in_child() {
+void after_fork_in_child() noexcept {
     qor::process::release_signals();
     close(wake.exchange(-1));
     for (std::atomic<unsigned>& count : pending)
@@ -57,10 +58,11 @@ void after_fork_in_child() {
     is_signal_thread = false;
 }
 
-void* thread_main(void* run) {
+void (*run_of_signal_thread)() noexcept = nullptr;
+
+void signal_thread() noexcept {
     is_signal_thread = true;
-    reinterpret_cast<void (*)() noexcept>(run)();
-    return nullptr;
+    run_of_signal_thread();
 }
 
 } // namespace
@@ -96,20 +98,17 @@ int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
     if (event < 0)
         return errno;
     wake.store(event);
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &mask_of_the_host);
-    pthread_t thread;
-    const int failed = pthread_create(&thread, nullptr, thread_main, reinterpret_cast<void*>(run));
-    pthread_sigmask(SIG_SETMASK, &mask_of_the_host, nullptr);
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask_of_the_host);
+    run_of_signal_thread = run;
+    const int failed = start_thread(signal_thread);
     if (failed != 0) {
         close(event);
         return failed;
     }
-    pthread_detach(thread);
     // Once: a child that starts a thread of its own has inherited this.
-    static const int watching_forks = pthread_atfork(nullptr, nullptr, after_fork_in_child);
-    return watching_forks;
+    static const bool watching_forks = (watch_forks(nullptr, nullptr, after_fork_in_child), true);
+    (void)watching_forks;
+    return 0;
 }
 
 qorSignal qor::process::wait_for_signal() noexcept {

@@ -1,3 +1,4 @@
+#include "process/process.h"
 #include "process/signals.h"
 
 #include <atomic>
@@ -37,11 +38,6 @@ BOOL WINAPI on_event(DWORD number) {
     return FALSE;
 }
 
-DWORD WINAPI thread_main(void* run) {
-    reinterpret_cast<void (*)() noexcept>(run)();
-    return 0;
-}
-
 } // namespace
 
 // A process that was told to ignore Ctrl-C does so still: its handlers are not called for it.
@@ -55,14 +51,10 @@ int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
     wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     if (wake == nullptr)
         return static_cast<int>(GetLastError());
-    const HANDLE thread = CreateThread(nullptr, 0, thread_main, reinterpret_cast<void*>(run), 0, nullptr);
-    if (thread == nullptr) {
-        const int reason = static_cast<int>(GetLastError());
+    const int failed = start_thread(run);
+    if (failed != 0)
         CloseHandle(wake);
-        return reason;
-    }
-    CloseHandle(thread);
-    return 0;
+    return failed;
 }
 
 qorSignal qor::process::wait_for_signal() noexcept {

@@ -1,0 +1,54 @@
+#include "debug/surviving_memory.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+int qor::debug::surviving_memory::open(const std::string& path) noexcept {
+    // What a trace says is for those who may read the trace; a name that is taken is never followed to
+    // another file.
+    const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (file < 0)
+        return errno;
+    // Without its room, a store into the mapping would end the process when the disk is full.
+    int reason = posix_fallocate(file, 0, size);
+    if (reason == 0) {
+        void* const mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+        if (mapped == MAP_FAILED)
+            reason = errno;
+        else
+            m_bytes = static_cast<char*>(mapped);
+    }
+    ::close(file);
+    if (reason != 0)
+        unlink(path.c_str());
+    else
+        m_path = path;
+    return reason;
+}
+
+void qor::debug::surviving_memory::close() noexcept {
+    if (!is_open())
+        return;
+    unlink(m_path.c_str());
+    leave();
+}
+
+void qor::debug::surviving_memory::leave() noexcept {
+    if (is_open())
+        munmap(m_bytes, size);
+    m_bytes = nullptr;
+}
+
+std::string qor::debug::full_name_on_disk(const char* path) noexcept {
+    struct stat status;
+    if (stat(path, &status) != 0 || !S_ISREG(status.st_mode))
+        return {};
+    char* const full = realpath(path, nullptr);
+    std::string result = full != nullptr ? full : "";
+    std::free(full);
+    return result;
+}

@@ -1,0 +1,61 @@
+#include "debug/surviving_memory.h"
+#include "string/wide_windows.h"
+
+#include <windows.h>
+
+int qor::debug::surviving_memory::open(const std::string& path) noexcept {
+    std::wstring wide;
+    if (!string::to_wide(path, wide))
+        return ERROR_INVALID_NAME;
+    constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const HANDLE file = CreateFileW(wide.c_str(), GENERIC_READ | GENERIC_WRITE, share, nullptr, CREATE_NEW,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return static_cast<int>(GetLastError());
+    int reason = 0;
+    // The mapping gives the file its size, and the view keeps both open.
+    const HANDLE mapping = CreateFileMappingW(file, nullptr, PAGE_READWRITE, 0, size, nullptr);
+    if (mapping != nullptr) {
+        m_bytes = static_cast<char*>(MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, size));
+        if (m_bytes == nullptr)
+            reason = static_cast<int>(GetLastError());
+        CloseHandle(mapping);
+    } else {
+        reason = static_cast<int>(GetLastError());
+    }
+    CloseHandle(file);
+    if (reason != 0)
+        DeleteFileW(wide.c_str());
+    else
+        m_path = path;
+    return reason;
+}
+
+// A file that is mapped cannot be deleted here.
+void qor::debug::surviving_memory::close() noexcept {
+    if (!is_open())
+        return;
+    leave();
+    std::wstring wide;
+    if (string::to_wide(m_path, wide))
+        DeleteFileW(wide.c_str());
+}
+
+void qor::debug::surviving_memory::leave() noexcept {
+    if (is_open())
+        UnmapViewOfFile(m_bytes);
+    m_bytes = nullptr;
+}
+
+std::string qor::debug::full_name_on_disk(const char* path) noexcept {
+    std::wstring wide;
+    if (!string::to_wide(path, wide))
+        return {};
+    const DWORD attributes = GetFileAttributesW(wide.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES ||
+        (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) != 0)
+        return {};
+    std::wstring full(GetFullPathNameW(wide.c_str(), 0, nullptr, nullptr), L'\0');
+    full.resize(GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
+    return string::from_wide(full);
+}
