@@ -350,6 +350,15 @@ TEST_F(sessions, other_protocols) {
     }
 }
 
+// A hello of 120 KB is given no room, in however many records it comes.
+TEST_F(sessions, a_hello_that_claims_to_be_long) {
+    for (const std::string_view record : {std::string_view("\x16\3\1\0\4\1\1\xe0\0", 9), std::string_view("\x16\3\1\0\1\1", 6)}) {
+        auto of = connect();
+        of->receive(record, m_now);
+        EXPECT_TRUE(of->is_over());
+    }
+}
+
 TEST_F(sessions, other_logins) {
     for (const char* const gs2 : {"n,,", "y,,", "p=tls-unique,,", "p=tls-server-end-point,,", "p=tls-exporter,a=bob,"})
         for (int i = 0; i < 100; ++i) {
