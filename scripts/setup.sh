@@ -7,7 +7,7 @@
 # for first: a host that has a tool from elsewhere needs no package, and the look costs no process.
 needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja")
 needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/openssl/evp.h" "python3=python3"
-    "libc-devtools=mtrace" "valgrind=valgrind")
+    "libc-devtools=mtrace" "valgrind=valgrind" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux")
 needs_windows=("cmake=cmake" "ninja-build=ninja" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"
     "wine64=/usr/lib/wine/wine64" "googletest=/usr/src/googletest/CMakeLists.txt" "python3=python3" "libc-devtools=mtrace")
 
