@@ -186,10 +186,43 @@ TEST_F(impostors, a_changed_key) {
 TEST_F(impostors, a_damaged_line_of_known_hosts) {
     for (const char* const line : {"127.0.0.1", "127.0.0.1 1", "127.0.0.1 1 sha256", "127.0.0.1 1 sha256 00", "a b md5 00",
                                    "127.0.0.1 1 sha256 zz00000000000000000000000000000000000000000000000000000000000000"}) {
-        folder().file("known-hosts", "# one\n" + std::string(line) + "\n");
+        keep_private(folder().file("known-hosts", "# one\n" + std::string(line) + "\n"));
         expect_connect_fails(port(), qorError_debug_known_hosts_line);
         EXPECT_NE(last_error().find("Line 2"), std::string::npos) << last_error();
     }
+}
+
+// ---- peers that are there and say nothing: each test waits as long as the console does
+
+TEST_F(impostors, one_that_never_answers) {
+    fake_listener silent([](fake_listener& through) {
+        while (!through.read().empty())
+            ;
+    });
+    expect_connect_fails(silent.port(), qorError_debug_cannot_connect);
+    EXPECT_NE(last_error().find("it does not answer"), std::string::npos) << last_error();
+}
+
+// Frozen after the login: no heartbeats come, and the sink is told.
+TEST_F(impostors, one_that_freezes) {
+    fake_listener freezing([this](fake_listener& through) {
+        fake_tls tls(through, m_key.get(), {});
+        if (log_in(tls, {"secret"}))
+            while (!through.read().empty())
+                ;
+    });
+    control_pointer control = make();
+    ASSERT_TRUE(control->Connect("127.0.0.1", freezing.port())) << last_error();
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    counting_sink sink;
+    ASSERT_TRUE(control->SetSink(&sink));
+    const auto begin = std::chrono::steady_clock::now();
+    sink.wait_for(1);
+    std::printf("noticed after %lld s\n", static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(
+                                              std::chrono::steady_clock::now() - begin).count()));
+    qorStringArray out;
+    EXPECT_FALSE(control->GetCodes(out));
+    EXPECT_NE(last_error().find("it was silent for too long"), std::string::npos) << last_error();
 }
 
 // What a listener may say after a login, and a console must not believe.

@@ -41,6 +41,11 @@ inline bool has(const std::vector<std::string>& all, const std::string& text) {
     return std::find(all.begin(), all.end(), text) != all.end();
 }
 
+// Files that matter to logins are not used if others may read them.
+inline void keep_private(const std::string& path) {
+    std::filesystem::permissions(path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
 // Counts how often it is told; lives on the stack.
 class counting_sink final : public IQORDebugControlSink {
 public:
@@ -79,7 +84,7 @@ protected:
 
     loopback_fixture() {
         m_users = m_folder.file("users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other"));
-        std::filesystem::permissions(m_users, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+        keep_private(m_users);
         listen(0);
     }
 

@@ -2,33 +2,18 @@
 //
 // Source names and lines in assertions and allocations are constants: reports compare across versions.
 #include "entry.h"
+#include "finish_output.h"
 #include "qortool_app.h"
-
-#include <cerrno>
-#include <cstring>
+#include "visible_arguments.h"
 
 namespace {
 
 constexpr char source[] = "util/qortool/main";
 
-// A result that could not be written is a failure, whatever the action thought of it: a full disk or a closed
-// output must not look like a clean report.
-int finish_output(int code) {
-    errno = 0;
-    const bool flushed = std::fflush(stdout) == 0;
-    const int reason = errno;
-    if (flushed && std::ferror(stdout) == 0)
-        return code;
-    if (reason != 0)
-        fputmsg(stderr, "qorcore", 1022, std::strerror(reason));
-    else
-        fputmsg(stderr, "qorcore", 1023, true);
-    return code == 0 ? 1 : code;
-}
-
 } // namespace
 
 int run_tool(int argc, char* const* argv) {
+    keep_arguments(argc, argv);
     qorStringArray args;
     args.SetFromArgVec(argc, argv);
     if (!qorInitProcess("qortool", args, 0)) {

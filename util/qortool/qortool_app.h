@@ -58,6 +58,13 @@ private:
     int func_mtrace(qorStringArray& args);
     int func_memcheck(qorStringArray& args);
     int func_simd_test(qorStringArray& args);
+    int func_timer_check(qorStringArray& args);
+    int func_dow(qorStringArray& args);
+    int func_tztest(qorStringArray& args);
+    int func_pathlist(qorStringArray& args);
+    int func_pwcrypt(qorStringArray& args);
+    int func_userinfo(qorStringArray& args);
+    int func_logon(qorStringArray& args);
 
     uint32 m_debug_code = 0;
     bool m_quiet = false;

@@ -2,113 +2,195 @@
 
 #include "private_file.h"
 #include "qor/qor.h"
-
-#include <openssl/hmac.h>
-#include <openssl/pem.h>
+#include "server_key.h"
 
 #include <algorithm>
+#include <map>
 
 namespace {
 
-bool failed(const std::string& path, const std::string& reason) {
-    qorSetLastError(qorError_debug_accounts, path.c_str(), reason.c_str());
+using qor::control::account_list;
+
+// Reasons of the catalog "qorcore", in the order of account_list::fault.
+constexpr uint32 first_fault_text = 1054;
+
+bool cannot_use(const std::string& path, const std::string& reason) {
+    qorSetLastError(qorError_accounts_unusable, path.c_str(), reason.c_str());
     return false;
-}
-
-std::string text_of(uint32 number, const char* insert = nullptr) {
-    qorString text;
-    text.Format("qorcore", number, insert);
-    return text.Text();
-}
-
-std::string read_bio(BIO* bio) {
-    char* bytes = nullptr;
-    const long size = BIO_get_mem_data(bio, &bytes);
-    return {bytes, static_cast<std::size_t>(size)};
 }
 
 } // namespace
 
-bool qor::control::accounts::open(const char* path) {
-    m_path = path != nullptr ? path : configuration_folder() + "debug-users";
-    std::string reason;
-    return load(reason) || failed(m_path, reason);
+bool qor::control::is_user_name(std::string_view name) noexcept {
+    return !name.empty() && name.size() <= longest_user_name && name.find(':') == name.npos && name.front() != '#' &&
+           name.front() != ' ' && name.back() != ' ' && !crypto::has_control_characters(name);
 }
 
-bool qor::control::accounts::load(std::string& reason) {
-    m_all.clear();
-    std::string text;
-    if (!file_exists(m_path)) {
-        reason = text_of(1078);
-        return false;
+bool qor::control::account_list::parse(std::string_view text, unsigned& line, fault& what) {
+    *this = {};
+    what = fault::none;
+    for (line = 1; !text.empty() && what == fault::none; ++line) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        std::string_view all = text.substr(0, end);
+        text.remove_prefix(std::min(end + 1, text.size()));
+        if (!all.empty() && all.back() == '\r')
+            all.remove_suffix(1);
+        entry made;
+        made.line = all;
+        if (!all.empty() && all.front() != '#')
+            what = parse_account(all, made);
+        m_entries.push_back(std::move(made));
     }
-    if (others_may_read(m_path)) {
-        reason = text_of(1079);
-        return false;
-    }
-    if (!read_private_file(m_path, text, reason))
-        return false;
-    std::string_view rest = text;
-    for (unsigned line = 1; !rest.empty(); ++line) {
-        const std::size_t end = std::min(rest.find('\n'), rest.size());
-        const std::string_view content = rest.substr(0, end);
-        rest.remove_prefix(std::min(end + 1, rest.size()));
-        if (content.empty() || content[0] == '#')
-            continue;
-        const std::size_t colon = content.find(':');
-        account made;
-        if (colon == content.npos || colon == 0 || !made.verifier.read(content.substr(colon + 1))) {
-            reason = text_of(1069, std::to_string(line).c_str());
-            return false;
-        }
-        made.name = content.substr(0, colon);
-        m_all.push_back(std::move(made));
-    }
-    return true;
-}
-
-uint32 qor::control::accounts::usual_iterations() const {
-    return m_all.empty() ? 600'000 : m_all.front().verifier.iterations;
-}
-
-bool qor::control::accounts::find(const std::string& name, scram_verifier& out) {
-    std::string ignored;
-    load(ignored);
-    scram_digest false_salt{};
-    unsigned size = 0;
-    HMAC(EVP_sha256(), m_secret.data(), static_cast<int>(m_secret.size()), reinterpret_cast<const unsigned char*>(name.data()),
-         name.size(), false_salt.data(), &size);
-    out = {usual_iterations(), {reinterpret_cast<const char*>(false_salt.data()), 16}, {}, {}};
-    for (const account& each : m_all)
-        if (each.name == name) {
-            out = each.verifier;
-            return true;
-        }
+    if (what == fault::none)
+        return true;
+    --line;
+    *this = {};
     return false;
 }
 
-bool qor::control::accounts::open_key(key_pointer& out) {
-    const std::string path = m_path + ".key";
-    const std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), BIO_free);
+account_list::fault qor::control::account_list::parse_account(std::string_view all, entry& made) {
+    const std::size_t colon = all.find(':');
+    if (colon == all.npos)
+        return fault::no_colon;
+    made.name = all.substr(0, colon);
+    if (!is_user_name(made.name))
+        return fault::bad_name;
+    if (!crypto::parse_verifier(all.substr(colon + 1), made.value))
+        return fault::bad_verifier;
+    return m_places.try_emplace(made.name, m_entries.size()).second ? fault::none : fault::twice;
+}
+
+std::string qor::control::account_list::format() const {
+    std::string text;
+    for (const entry& each : m_entries)
+        text += each.line + '\n';
+    return text;
+}
+
+const qor::crypto::verifier* qor::control::account_list::find(std::string_view name) const noexcept {
+    const auto found = m_places.find(name);
+    return found != m_places.end() ? &m_entries[found->second].value : nullptr;
+}
+
+void qor::control::account_list::set(std::string_view name, const crypto::verifier& value) {
+    const std::size_t place = m_places.try_emplace(std::string(name), m_entries.size()).first->second;
+    if (place == m_entries.size())
+        m_entries.emplace_back();
+    entry& changed = m_entries[place];
+    changed.value = value;
+    changed.name = name;
+    changed.line = changed.name + ':' + format_verifier(value);
+}
+
+bool qor::control::account_list::remove(std::string_view name) {
+    const auto found = m_places.find(name);
+    if (found == m_places.end())
+        return false;
+    const std::size_t place = found->second;
+    m_entries.erase(m_entries.begin() + static_cast<std::ptrdiff_t>(place));
+    m_places.erase(found);
+    for (auto& [other, behind] : m_places)
+        if (behind > place)
+            --behind;
+    return true;
+}
+
+std::vector<std::string> qor::control::account_list::names() const {
+    std::vector<std::string> all;
+    for (const entry& each : m_entries)
+        if (!each.name.empty())
+            all.push_back(each.name);
+    return all;
+}
+
+uint32 qor::control::account_list::usual_iterations() const {
+    std::map<uint32, unsigned> accounts;
+    for (const entry& each : m_entries)
+        if (!each.name.empty())
+            ++accounts[each.value.iterations];
+    uint32 usual = crypto::usual_iterations;
+    unsigned most = 0;
+    for (const auto& [iterations, count] : accounts)
+        if (count >= most) {
+            usual = iterations;
+            most = count;
+        }
+    return usual;
+}
+
+bool qor::control::read_accounts(const std::string& path, account_list& out, bool* is_missing) {
     std::string text;
     std::string reason;
-    if (!file_exists(path)) {
-        out.reset(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
-        if (out == nullptr || PEM_write_bio_PrivateKey(bio.get(), out.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1)
-            return failed(path, openssl_reason());
-        text = read_bio(bio.get());
-        if (!write_private_file(path, text, reason))
-            return failed(path, reason);
-    } else {
-        if (others_may_read(path))
-            return failed(path, text_of(1079));
-        if (!read_private_file(path, text, reason))
-            return failed(path, reason);
-        BIO_write(bio.get(), text.data(), static_cast<int>(text.size()));
-        out.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
-        if (out == nullptr)
-            return failed(path, openssl_reason());
+    bool missing = false;
+    if (!read_private_file(path, text, reason, missing))
+        return cannot_use(path, reason);
+    if (is_missing != nullptr)
+        *is_missing = missing;
+    else if (missing) {
+        qorSetLastError(qorError_accounts_missing, path.c_str());
+        return false;
     }
-    m_secret = text;
+    unsigned line;
+    account_list::fault what;
+    if (out.parse(text, line, what))
+        return true;
+    qorString fault;
+    fault.LoadString("qorcore", first_fault_text + static_cast<uint32>(what) - 1);
+    qorSetLastError(qorError_accounts_bad_line, path.c_str(), std::to_string(line).c_str(), fault);
+    return false;
+}
+
+bool qor::control::find_accounts(const char* path, std::string& out) {
+    if (path == nullptr)
+        return configuration_file("debug-users", out);
+    out = path;
+    return true;
+}
+
+bool qor::control::accounts::open(const char* path) {
+    // Of the key, once that is open; until then it only has to be unknown.
+    crypto::digest secret;
+    if (!find_accounts(path, m_path) || !crypto::random_bytes(secret.data(), secret.size()) || !load())
+        return false;
+    m_secret = crypto::bytes_of(secret);
+    return true;
+}
+
+bool qor::control::accounts::open_key(crypto::key_pointer& key) {
+    crypto::digest secret;
+    const crypto::wiped_later of_secret(secret);
+    if (!open_server_key(m_path, key) || !secret_of_key(key.get(), "qor-debug false salt", secret))
+        return false;
+    m_secret = crypto::bytes_of(secret);
+    return true;
+}
+
+bool qor::control::accounts::load() {
+    if (!read_accounts(m_path, m_accounts))
+        return false;
+    m_usual_iterations = m_accounts.usual_iterations();
+    return true;
+}
+
+bool qor::control::accounts::look_up(std::string_view name, crypto::verifier& out, bool& is_known) {
+    // Who was taken out since must not come in, and a file that cannot be used is one without accounts.
+    if (!load()) {
+        m_accounts = {};
+        qorString reason;
+        qorGetLastError(reason);
+        qorDebug(qorDebugAllocateCode("system.debug-control"), "%s", reason.Text());
+    }
+    crypto::digest salt;
+    if (!crypto::hmac_sha256(m_secret, name, salt))
+        return false;
+    const crypto::verifier* const found = m_accounts.find(name);
+    is_known = found != nullptr;
+    if (is_known) {
+        out = *found;
+        return true;
+    }
+    out = {};
+    out.iterations = m_usual_iterations;
+    out.salt = crypto::bytes_of(salt).substr(0, crypto::usual_salt_size);
     return true;
 }

@@ -2,7 +2,7 @@
 
 #include "debug_link.h"
 #include "known_hosts.h"
-#include "scram.h"
+#include "scram_client.h"
 
 #include <system_error>
 

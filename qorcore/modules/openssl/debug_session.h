@@ -5,7 +5,7 @@
 #include "debug_frames.h"
 #include "debug_gate.h"
 #include "qor/qor.h"
-#include "scram.h"
+#include "scram_server.h"
 #include "tls_channel.h"
 
 #include <optional>
@@ -17,7 +17,7 @@ namespace qor::control {
 struct session_host {
     SSL_CTX* context;
     gate& doorway;
-    scram_users& users;
+    accounts& users;
     uint32 trace;
 };
 

@@ -1,29 +1,14 @@
 #include "digest_engine.h"
 
-#include <openssl/err.h>
-#include <openssl/evp.h>
-
-#include <memory>
+#include "openssl_support.h"
 
 namespace {
 
 constexpr char source[] = "qorcore/modules/openssl/digest_engine";
 
-struct freer {
-    void operator()(EVP_MD* digest) const noexcept { EVP_MD_free(digest); }
-    void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
-};
-using digest_pointer = std::unique_ptr<EVP_MD, freer>;
-using context_pointer = std::unique_ptr<EVP_MD_CTX, freer>;
-
-// The operation that failed, and OpenSSL's reason; always false.
-bool failed(const char* operation) noexcept {
-    char reason[256];
-    ERR_error_string_n(ERR_get_error(), reason, sizeof reason);
-    ERR_clear_error();
-    qorSetLastError(qorError_crypto_failed, operation, reason);
-    return false;
-}
+using qor::crypto::failed;
+using digest_pointer = std::unique_ptr<EVP_MD, qor::crypto::openssl_freer>;
+using context_pointer = std::unique_ptr<EVP_MD_CTX, qor::crypto::openssl_freer>;
 
 class digest_engine final : public qor::object<IQORDigestEngine> {
 public:

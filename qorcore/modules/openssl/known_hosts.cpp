@@ -58,10 +58,10 @@ std::optional<qor::control::known_hosts::entry> qor::control::known_hosts::read_
 }
 
 bool qor::control::known_hosts::load() {
-    if (m_path.empty())
-        m_path = configuration_folder() + "known-hosts";
+    if (m_path.empty() && !configuration_file("known-hosts", m_path))
+        return false;
     std::string reason;
-    if (read_private_file(m_path, m_text, reason))
+    if (read_own_file(m_path, m_text, reason))
         return true;
     qorSetLastError(qorError_debug_known_hosts, m_path.c_str(), reason.c_str());
     return false;

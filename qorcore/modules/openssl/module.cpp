@@ -2,6 +2,7 @@
 #include "debug_control.h"
 #include "debug_listener.h"
 #include "digest_engine.h"
+#include "passwords.h"
 #include "qor/glue/module.h"
 
 #include <openssl/crypto.h>
@@ -10,24 +11,28 @@
 
 namespace {
 
-// A maker of one interface gives what it made to a pointer of that type; the table speaks of any.
+// What a maker of one interface makes, as the table speaks of it.
 template <class INTERFACE, class MAKER>
-bool make(MAKER maker, void** out) noexcept {
-    INTERFACE* made = nullptr;
-    if (!maker(&made))
+bool hand_out(MAKER make, void** out) noexcept {
+    INTERFACE* object = nullptr;
+    if (!make(&object))
         return false;
-    *out = made;
+    *out = object;
     return true;
 }
 
 bool create_object(const char* interface_name, const char* kind, void** out) noexcept {
     const std::string_view wanted = interface_name;
     if (wanted == "IQORDigestEngine")
-        return make<IQORDigestEngine>([kind](auto made) { return create_digest_engine(kind, made); }, out);
+        return hand_out<IQORDigestEngine>([kind](auto made) { return create_digest_engine(kind, made); }, out);
     if (wanted == "IQORDebugControl")
-        return make<IQORDebugControl>([](auto made) { return create_debug_control("", made); }, out);
+        return hand_out<IQORDebugControl>([](auto made) { return create_debug_control("", made); }, out);
     if (wanted == "IQORDebugListener")
-        return make<IQORDebugListener>(create_debug_listener, out);
+        return hand_out<IQORDebugListener>(create_debug_listener, out);
+    if (wanted == "IQORPasswords")
+        return hand_out<IQORPasswords>(create_passwords, out);
+    if (wanted == "IQORDebugUsers")
+        return hand_out<IQORDebugUsers>(create_debug_users, out);
     qorSetLastError(qorError_not_supported);
     return false;
 }

@@ -1,22 +1,52 @@
-// Inside the module qor-openssl, the seam to the system: small files that only their owner may read. Reasons are words of the
-// system.
+// Inside the module qor-openssl: files that are their owner's alone. Reasons are in the user's language. Any thread; throws
+// std::bad_alloc.
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace qor::control {
 
-// The whole file; an empty text where there is none. False: `reason` says why.
-bool read_private_file(const std::string& path, std::string& text, std::string& reason);
+// All of a file. One that is not there is empty, and `is_missing` says so. False: it cannot be read, is no plain file, or
+// others than its owner may read or write it.
+bool read_private_file(const std::string& path, std::string& text, std::string& reason, bool& is_missing);
 
-// Puts it in place at once, or leaves what was there; folders above it are made. Only the owner may read it.
-bool write_private_file(const std::string& path, const std::string& text, std::string& reason);
+// The same of a file that is no secret: others may read it, but not write it.
+bool read_own_file(const std::string& path, std::string& text, std::string& reason);
 
-// Whether somebody else than its owner may read the file, as far as this system can tell; false where there is none.
-bool others_may_read(const std::string& path);
-bool file_exists(const std::string& path);
+// Puts a file in the place of the one that is there, whole or not at all, for its owner only. Folders that are missing on the
+// way are made, for their owner only, too.
+bool write_private_file(const std::string& path, std::string_view text, std::string& reason);
 
-// Where the framework keeps the user's settings, with its separator; empty if that cannot be told.
-std::string configuration_folder();
+// Where a file of the framework's configuration folder is for the user that runs this process. False: the last error says why.
+bool configuration_file(const char* name, std::string& path);
+
+// Files are small; one that is longer is none of ours.
+inline constexpr std::size_t longest_private_file = 16 << 20;
+
+// A reason of the catalog "qorcore".
+enum class private_file_fault : unsigned {
+    others_have_access = 1050,
+    of_another_owner = 1051,
+    no_plain_file = 1052,
+    too_long = 1053,
+};
+std::string reason_of(private_file_fault fault);
+
+// While it lives no other process that asks for it changes files of the same folder.
+class private_folder_lock {
+public:
+    explicit private_folder_lock(const std::string& file);
+    private_folder_lock(const private_folder_lock&) = delete;
+    private_folder_lock& operator=(const private_folder_lock&) = delete;
+    ~private_folder_lock();
+
+    // False: `reason` says why.
+    bool is_held(std::string& reason) const;
+
+private:
+    long long m_handle = -1; // the system's
+    std::string m_reason;
+};
 
 } // namespace qor::control

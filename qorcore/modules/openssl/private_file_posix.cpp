@@ -3,90 +3,164 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
+using qor::control::private_file_fault;
+using qor::control::reason_of;
+
 class descriptor {
 public:
-    explicit descriptor(int handle) noexcept : m_handle(handle) {}
+    explicit descriptor(int number) noexcept : m_number(number) {}
     descriptor(const descriptor&) = delete;
     descriptor& operator=(const descriptor&) = delete;
     ~descriptor() {
-        if (m_handle >= 0)
-            ::close(m_handle);
+        if (m_number >= 0)
+            ::close(m_number);
     }
-    int get() const noexcept { return m_handle; }
+    int number() const noexcept { return m_number; }
+    int release() noexcept { return std::exchange(m_number, -1); }
+
+    // True: everything has reached the file.
+    bool close() noexcept { return ::close(release()) == 0; }
 
 private:
-    int m_handle;
+    int m_number;
 };
 
-bool fail(std::string& reason) {
+bool failed(std::string& reason) {
     reason = std::generic_category().message(errno);
     return false;
 }
 
-bool write_all(int to, const std::string& text) {
-    for (std::size_t at = 0; at < text.size();) {
-        const ssize_t written = write(to, text.data() + at, text.size() - at);
-        if (written < 0 && errno != EINTR)
-            return false;
-        at += written > 0 ? static_cast<std::size_t>(written) : 0;
-    }
-    return fsync(to) == 0;
+bool failed(private_file_fault fault, std::string& reason) {
+    reason = reason_of(fault);
+    return false;
 }
 
+// `forbidden`: what others may not do.
+bool is_own(int file, mode_t forbidden, std::string& reason) {
+    struct stat status;
+    if (fstat(file, &status) != 0)
+        return failed(reason);
+    if (!S_ISREG(status.st_mode))
+        return failed(private_file_fault::no_plain_file, reason);
+    if (status.st_uid != geteuid() && status.st_uid != 0)
+        return failed(private_file_fault::of_another_owner, reason);
+    if ((status.st_mode & forbidden) != 0)
+        return failed(private_file_fault::others_have_access, reason);
+    return true;
+}
+
+bool read_all(int file, std::string& text, std::string& reason) {
+    for (;;) {
+        char bytes[4096];
+        const ssize_t count = read(file, bytes, sizeof bytes);
+        if (count == 0)
+            return true;
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return failed(reason);
+        text.append(bytes, static_cast<std::size_t>(count));
+        if (text.size() > qor::control::longest_private_file)
+            return failed(private_file_fault::too_long, reason);
+    }
+}
+
+bool read_file(const std::string& path, mode_t forbidden, std::string& text, std::string& reason, bool& is_missing) {
+    text.clear();
+    // A pipe must not make anybody wait.
+    const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    is_missing = file.number() < 0 && errno == ENOENT;
+    if (is_missing)
+        return true;
+    if (file.number() < 0)
+        return failed(reason);
+    return is_own(file.number(), forbidden, reason) && read_all(file.number(), text, reason);
+}
+
+bool write_all(int file, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = write(file, text.data(), text.size());
+        if (count < 0 && errno != EINTR)
+            return false;
+        text.remove_prefix(count < 0 ? 0 : static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+std::string folder_of(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == path.npos ? "." : path.substr(0, slash + 1);
+}
+
+// Those that are missing; whatever goes wrong shows when the file is opened.
 void make_folders(const std::string& path) {
     for (std::size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1))
-        (void)mkdir(path.substr(0, slash).c_str(), 0700);
+        mkdir(path.substr(0, slash).c_str(), S_IRWXU);
+}
+
+// Where a link leads to is what is to be replaced, not the link.
+std::string real_path(const std::string& path) {
+    char* const found = realpath(path.c_str(), nullptr);
+    const std::string real = found != nullptr ? found : path;
+    std::free(found);
+    return real;
 }
 
 } // namespace
 
-bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason) {
-    text.clear();
-    const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0)
-        return errno == ENOENT || fail(reason);
-    char piece[4096];
-    for (;;) {
-        const ssize_t got = read(file.get(), piece, sizeof piece);
-        if (got == 0)
-            return true;
-        if (got > 0)
-            text.append(piece, static_cast<std::size_t>(got));
-        else if (errno != EINTR)
-            return fail(reason);
-    }
+bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason, bool& is_missing) {
+    return read_file(path, S_IRWXG | S_IRWXO, text, reason, is_missing);
 }
 
-bool qor::control::write_private_file(const std::string& path, const std::string& text, std::string& reason) {
+bool qor::control::read_own_file(const std::string& path, std::string& text, std::string& reason) {
+    bool is_missing;
+    return read_file(path, S_IWGRP | S_IWOTH, text, reason, is_missing);
+}
+
+bool qor::control::write_private_file(const std::string& path, std::string_view text, std::string& reason) {
     make_folders(path);
-    // mkostemp makes files that nobody else may read.
-    std::string fresh = path + ".XXXXXX";
-    const descriptor file(mkostemp(fresh.data(), O_CLOEXEC));
-    if (file.get() < 0)
-        return fail(reason);
-    if (write_all(file.get(), text) && rename(fresh.c_str(), path.c_str()) == 0)
+    const std::string real = real_path(path);
+    const descriptor folder(open(folder_of(real).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::string made = real + ".XXXXXX";
+    descriptor file(mkostemp(made.data(), O_CLOEXEC));
+    if (folder.number() < 0 || file.number() < 0)
+        return failed(reason);
+    // What is there after a loss of power is the old file or the new one, and the new one is whole.
+    if (fchmod(file.number(), S_IRUSR | S_IWUSR) == 0 && write_all(file.number(), text) && fsync(file.number()) == 0 &&
+        file.close() && rename(made.c_str(), real.c_str()) == 0 && fsync(folder.number()) == 0)
         return true;
-    fail(reason);
-    unlink(fresh.c_str());
+    failed(reason);
+    unlink(made.c_str());
     return false;
 }
 
-bool qor::control::others_may_read(const std::string& path) {
-    struct stat status;
-    return stat(path.c_str(), &status) == 0 && (status.st_mode & (S_IRGRP | S_IROTH)) != 0;
+qor::control::private_folder_lock::private_folder_lock(const std::string& file) {
+    make_folders(file);
+    descriptor folder(open(folder_of(real_path(file)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    int result;
+    do
+        result = flock(folder.number(), LOCK_EX);
+    while (result != 0 && errno == EINTR);
+    if (result == 0)
+        m_handle = folder.release();
+    else
+        failed(m_reason);
 }
 
-bool qor::control::file_exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+qor::control::private_folder_lock::~private_folder_lock() {
+    if (m_handle >= 0)
+        close(static_cast<int>(m_handle));
+}
 
-std::string qor::control::configuration_folder() {
-    if (const char* const folder = secure_getenv("XDG_CONFIG_HOME"); folder != nullptr && *folder == '/')
-        return std::string(folder) + "/qor/";
-    const char* const home = secure_getenv("HOME");
-    return home != nullptr && *home != '\0' ? std::string(home) + "/.config/qor/" : std::string();
+bool qor::control::private_folder_lock::is_held(std::string& reason) const {
+    reason = m_reason;
+    return m_handle >= 0;
 }

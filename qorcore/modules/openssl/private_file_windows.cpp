@@ -1,95 +1,236 @@
-#include "net.h"
+// Windows has no mode: what may be done with a file stands in its list of entries for accounts. Ours names the user that runs
+// this process, and nobody else.
 #include "private_file.h"
 
+#include "net.h"
+
 #include <cstdlib>
-#include <string>
+#include <memory>
+#include <vector>
 #include <windows.h>
 
+#include <aclapi.h>
+
 namespace {
+
+using qor::control::private_file_fault;
+
+constexpr DWORD all_shares = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+constexpr DWORD reading_rights = FILE_READ_DATA | GENERIC_READ | GENERIC_ALL;
+constexpr DWORD writing_rights = FILE_WRITE_DATA | FILE_APPEND_DATA | WRITE_DAC | WRITE_OWNER | DELETE | GENERIC_WRITE | GENERIC_ALL;
 
 class handle {
 public:
     explicit handle(HANDLE value) noexcept : m_value(value) {}
     handle(const handle&) = delete;
     handle& operator=(const handle&) = delete;
-    ~handle() {
-        if (is_open())
-            CloseHandle(m_value);
-    }
+    ~handle() { close(); }
     bool is_open() const noexcept { return m_value != INVALID_HANDLE_VALUE; }
     HANDLE get() const noexcept { return m_value; }
+    HANDLE release() noexcept { return std::exchange(m_value, INVALID_HANDLE_VALUE); }
+    void close() noexcept {
+        if (is_open())
+            CloseHandle(release());
+    }
 
 private:
     HANDLE m_value;
 };
 
-std::wstring wide(const std::string& text) {
-    std::wstring out(text.size(), L'\0');
-    out.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                                            out.data(), static_cast<int>(out.size()))));
-    return out;
-}
+struct local_freer {
+    void operator()(void* memory) const noexcept { LocalFree(memory); }
+};
 
-std::string narrow(const std::wstring& text) {
-    std::string out(3 * text.size(), '\0');
-    out.resize(static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                                            out.data(), static_cast<int>(out.size()), nullptr, nullptr)));
-    return out;
-}
-
-bool fail(std::string& reason) {
-    reason = qor::net::reason_of(static_cast<int>(GetLastError()));
+bool failed(std::string& reason, DWORD code = GetLastError()) {
+    reason = qor::net::reason_of(static_cast<int>(code));
     return false;
 }
 
+bool failed(private_file_fault fault, std::string& reason) {
+    reason = qor::control::reason_of(fault);
+    return false;
+}
+
+std::wstring wide(const std::string& text) {
+    std::wstring out(text.size(), L'\0');
+    out.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
+                                                            static_cast<int>(out.size()))));
+    return out;
+}
+
+// The user that runs this process: a TOKEN_USER with what it points to. Empty: the system does not say.
+std::vector<unsigned char> current_user() {
+    HANDLE token;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token))
+        return {};
+    const handle closed_later(token);
+    DWORD size = 0;
+    GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+    std::vector<unsigned char> user(size);
+    if (!GetTokenInformation(token, TokenUser, user.data(), size, &size))
+        user.clear();
+    return user;
+}
+
+PSID sid_of(const std::vector<unsigned char>& user) { return reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid; }
+
+// Those that can read and change everything anyhow do not count.
+bool is_trusted(PSID sid, PSID user) {
+    return EqualSid(sid, user) || IsWellKnownSid(sid, WinLocalSystemSid) || IsWellKnownSid(sid, WinBuiltinAdministratorsSid) ||
+           IsWellKnownSid(sid, WinCreatorOwnerRightsSid);
+}
+
+// Whether nobody else has one of these rights, and the file is the user's own.
+bool is_own(HANDLE file, DWORD forbidden, std::string& reason) {
+    const std::vector<unsigned char> user = current_user();
+    if (user.empty())
+        return failed(reason);
+    PSID owner = nullptr;
+    PACL list = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (const DWORD code = GetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &owner,
+                                           nullptr, &list, nullptr, &descriptor))
+        return failed(reason, code);
+    const std::unique_ptr<void, local_freer> freed_later(descriptor);
+    if (!is_trusted(owner, sid_of(user)))
+        return failed(private_file_fault::of_another_owner, reason);
+    // No list at all lets everybody do everything.
+    bool is_private = list != nullptr;
+    for (DWORD i = 0; is_private && i < list->AceCount; ++i) {
+        void* entry;
+        if (!GetAce(list, i, &entry))
+            return failed(reason);
+        const auto* const allowed = static_cast<const ACCESS_ALLOWED_ACE*>(entry);
+        if (allowed->Header.AceType == ACCESS_ALLOWED_ACE_TYPE && (allowed->Header.AceFlags & INHERIT_ONLY_ACE) == 0 &&
+            (allowed->Mask & forbidden) != 0)
+            is_private = is_trusted(const_cast<DWORD*>(&allowed->SidStart), sid_of(user));
+    }
+    return is_private || failed(private_file_fault::others_have_access, reason);
+}
+
+bool read_all(HANDLE file, std::string& text, std::string& reason) {
+    char piece[4096];
+    for (DWORD got = 0;;) {
+        if (!ReadFile(file, piece, sizeof piece, &got, nullptr))
+            return failed(reason);
+        if (got == 0)
+            return true;
+        text.append(piece, got);
+        if (text.size() > qor::control::longest_private_file)
+            return failed(private_file_fault::too_long, reason);
+    }
+}
+
+bool read_file(const std::string& path, DWORD forbidden, std::string& text, std::string& reason, bool& is_missing) {
+    text.clear();
+    const handle file(CreateFileW(wide(path).c_str(), GENERIC_READ | READ_CONTROL, all_shares, nullptr, OPEN_EXISTING,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr));
+    is_missing = !file.is_open() && (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
+    if (is_missing)
+        return true;
+    if (!file.is_open())
+        return failed(reason);
+    if (GetFileType(file.get()) != FILE_TYPE_DISK)
+        return failed(private_file_fault::no_plain_file, reason);
+    return is_own(file.get(), forbidden, reason) && read_all(file.get(), text, reason);
+}
+
+// The rights of a new file: all for the user, none for others, whatever the folder says.
+class own_rights {
+public:
+    own_rights() : m_user(current_user()) {
+        if (m_user.empty())
+            return;
+        EXPLICIT_ACCESS_W entry{};
+        entry.grfAccessPermissions = GENERIC_ALL;
+        entry.grfAccessMode = SET_ACCESS;
+        entry.grfInheritance = NO_INHERITANCE;
+        entry.Trustee.TrusteeForm = TRUSTEE_IS_SID;
+        entry.Trustee.ptstrName = static_cast<wchar_t*>(sid_of(m_user));
+        PACL list = nullptr;
+        if (SetEntriesInAclW(1, &entry, nullptr, &list) != ERROR_SUCCESS)
+            return;
+        m_list.reset(list);
+        m_is_made = InitializeSecurityDescriptor(&m_descriptor, SECURITY_DESCRIPTOR_REVISION) &&
+                    SetSecurityDescriptorDacl(&m_descriptor, TRUE, list, FALSE) &&
+                    SetSecurityDescriptorControl(&m_descriptor, SE_DACL_PROTECTED, SE_DACL_PROTECTED);
+    }
+
+    // Null: they could not be made.
+    SECURITY_ATTRIBUTES* get() noexcept { return m_is_made ? &m_attributes : nullptr; }
+
+private:
+    std::vector<unsigned char> m_user;
+    std::unique_ptr<void, local_freer> m_list;
+    SECURITY_DESCRIPTOR m_descriptor{};
+    SECURITY_ATTRIBUTES m_attributes{sizeof(SECURITY_ATTRIBUTES), &m_descriptor, FALSE};
+    bool m_is_made = false;
+};
+
+// Those that are missing; whatever goes wrong shows when the file is opened.
 void make_folders(const std::string& path) {
     for (std::size_t end = path.find_first_of("/\\", 3); end != path.npos; end = path.find_first_of("/\\", end + 1))
-        (void)CreateDirectoryW(wide(path.substr(0, end)).c_str(), nullptr);
+        CreateDirectoryW(wide(path.substr(0, end)).c_str(), nullptr);
 }
 
 } // namespace
 
-bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason) {
-    text.clear();
-    const handle file(CreateFileW(wide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file.is_open())
-        return GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND || fail(reason);
-    char piece[4096];
-    for (DWORD got = 0;;) {
-        if (!ReadFile(file.get(), piece, sizeof piece, &got, nullptr))
-            return fail(reason);
-        if (got == 0)
-            return true;
-        text.append(piece, got);
-    }
+bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason, bool& is_missing) {
+    return read_file(path, reading_rights | writing_rights, text, reason, is_missing);
 }
 
-bool qor::control::write_private_file(const std::string& path, const std::string& text, std::string& reason) {
+bool qor::control::read_own_file(const std::string& path, std::string& text, std::string& reason) {
+    bool is_missing;
+    return read_file(path, writing_rights, text, reason, is_missing);
+}
+
+bool qor::control::write_private_file(const std::string& path, std::string_view text, std::string& reason) {
     make_folders(path);
-    const std::wstring fresh = wide(path + '.' + std::to_string(GetCurrentProcessId()));
-    {
-        const handle file(CreateFileW(fresh.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-        DWORD written = 0;
-        if (!file.is_open() || !WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) ||
-            !FlushFileBuffers(file.get()))
-            return fail(reason);
+    own_rights rights;
+    if (rights.get() == nullptr)
+        return failed(reason);
+    const std::wstring made = wide(path + '.' + std::to_string(GetCurrentProcessId()) + '.' + std::to_string(GetCurrentThreadId()));
+    handle file(CreateFileW(made.c_str(), GENERIC_WRITE, 0, rights.get(), CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file.is_open())
+        return failed(reason);
+    DWORD written = 0;
+    bool done = WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
+                FlushFileBuffers(file.get());
+    file.close();
+    done = done && MoveFileExW(made.c_str(), wide(path).c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+    if (!done) {
+        failed(reason);
+        DeleteFileW(made.c_str());
     }
-    if (MoveFileExW(fresh.c_str(), wide(path).c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-        return true;
-    fail(reason);
-    DeleteFileW(fresh.c_str());
-    return false;
+    return done;
 }
 
-// The folders of a user are his own there; whoever lets others into them has done so on purpose.
-bool qor::control::others_may_read(const std::string&) { return false; }
-
-bool qor::control::file_exists(const std::string& path) {
-    return GetFileAttributesW(wide(path).c_str()) != INVALID_FILE_ATTRIBUTES;
+// A file that only one process at a time can have open; the system takes it away with the last handle.
+qor::control::private_folder_lock::private_folder_lock(const std::string& file) {
+    make_folders(file);
+    const std::wstring name = wide(file.substr(0, file.find_last_of("/\\") + 1) + "debug-lock");
+    for (int tries = 0; tries < 500; ++tries) {
+        handle lock(CreateFileW(name.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+                                FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+        if (lock.is_open()) {
+            m_handle = reinterpret_cast<std::intptr_t>(lock.release());
+            return;
+        }
+        const DWORD code = GetLastError();
+        failed(m_reason, code);
+        // What is about to be deleted counts as denied.
+        if (code != ERROR_SHARING_VIOLATION && code != ERROR_ACCESS_DENIED)
+            return;
+        Sleep(20);
+    }
 }
 
-std::string qor::control::configuration_folder() {
-    const wchar_t* const folder = _wgetenv(L"APPDATA");
-    return folder != nullptr ? narrow(folder) + "/qor/" : std::string();
+qor::control::private_folder_lock::~private_folder_lock() {
+    if (m_handle != -1)
+        CloseHandle(reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(m_handle)));
+}
+
+bool qor::control::private_folder_lock::is_held(std::string& reason) const {
+    reason = m_reason;
+    return m_handle != -1;
 }

@@ -25,7 +25,7 @@ constexpr char binding_label[] = "EXPORTER-Channel-Binding";
 std::bad_alloc no_memory() noexcept { return {}; }
 
 SSL_CTX* failed(const char* operation) noexcept {
-    qorSetLastError(qorError_crypto_failed, operation, qor::control::openssl_reason().c_str());
+    qor::crypto::failed(operation);
     return nullptr;
 }
 
@@ -74,16 +74,6 @@ std::unique_ptr<X509, qor::control::openssl_freer> make_certificate(EVP_PKEY* ke
 }
 
 } // namespace
-
-std::string qor::control::openssl_reason() {
-    const unsigned long code = ERR_get_error();
-    ERR_clear_error();
-    if (const char* const text = ERR_reason_error_string(code))
-        return text;
-    char text[256];
-    ERR_error_string_n(code, text, sizeof text);
-    return text;
-}
 
 qor::control::tls_context qor::control::make_client_context() noexcept {
     tls_context made(SSL_CTX_new(TLS_client_method()));

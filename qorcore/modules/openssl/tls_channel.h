@@ -1,6 +1,7 @@
 // Inside the module qor-openssl: TLS without sockets. Bytes of the wire go in and come out; who owns the socket moves them.
 #pragma once
 
+#include "openssl_support.h"
 #include "qor/system/Types.h"
 
 #include <openssl/evp.h>
@@ -13,14 +14,10 @@
 
 namespace qor::control {
 
-struct openssl_freer {
-    void operator()(SSL_CTX* context) const noexcept { SSL_CTX_free(context); }
-    void operator()(SSL* connection) const noexcept { SSL_free(connection); }
-    void operator()(X509* certificate) const noexcept { X509_free(certificate); }
-    void operator()(EVP_PKEY* key) const noexcept { EVP_PKEY_free(key); }
-};
+using crypto::key_pointer;
+using crypto::openssl_freer;
+using crypto::openssl_reason;
 using tls_context = std::unique_ptr<SSL_CTX, openssl_freer>;
-using key_pointer = std::unique_ptr<EVP_PKEY, openssl_freer>;
 using key_fingerprint = std::array<uint8, 32>; // SHA-256 of the DER form of the public key
 
 // Null: the last error says why. TLS 1.3 and the protocol's name, no tickets, no resumption, no early data.
@@ -28,9 +25,6 @@ tls_context make_client_context() noexcept;
 
 // With a certificate that the key signs itself.
 tls_context make_server_context(EVP_PKEY* key) noexcept;
-
-// The oldest of OpenSSL's reasons for a failure on this thread, which are forgotten.
-std::string openssl_reason();
 
 // One connection. Not thread-safe. Throws std::bad_alloc.
 class tls_channel {

@@ -1,7 +1,7 @@
 #include "catalog/catalog_file.h"
 
 #include "catalog/inserts.h"
-#include "file/raw_file.h"
+#include "file/whole_file.h"
 #include "string/unicode.h"
 
 #include <charconv>
@@ -82,24 +82,6 @@ std::optional<uint32> take_number(std::string_view& line) noexcept {
     return number;
 }
 
-// False: it cannot be read to its end, or it is too large.
-bool read_all(const std::string& path, std::string& content) {
-    qor::file::raw_file file;
-    if (file.open(path.c_str(), qor::file::raw_file::access::read) != 0)
-        return false;
-    char piece[16 * 1024];
-    for (;;) {
-        std::size_t count = 0;
-        if (file.read(piece, sizeof piece, &count) != 0)
-            return false;
-        if (count == 0)
-            return true;
-        if (content.size() + count > max_size)
-            return false;
-        content.append(piece, count);
-    }
-}
-
 } // namespace
 
 qor::catalog::translation qor::catalog::parse_catalog(std::string_view content,
@@ -128,5 +110,5 @@ qor::catalog::translation qor::catalog::parse_catalog(std::string_view content,
 qor::catalog::translation qor::catalog::load_catalog(const std::string& path,
                                                      std::span<const message> english) {
     std::string content;
-    return read_all(path, content) ? parse_catalog(content, english) : translation();
+    return file::read_whole(path.c_str(), max_size, content) ? parse_catalog(content, english) : translation();
 }

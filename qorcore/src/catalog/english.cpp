@@ -94,6 +94,37 @@ constexpr message qortool[] = {
     {91, "Logged on."},
 };
 
+// What qor-debug-user says.
+constexpr message qor_debug_user[] = {
+    {1, "Usage: qor-debug-user [options] <action> [<name>]\n\nThe actions, and below them the options:"},
+    {2, "add <name>"},
+    {3, "Make an account for debug control. The password is asked for, or a line of standard input."},
+    {4, "password <name>"},
+    {5, "Give an account another password."},
+    {6, "remove <name>"},
+    {7, "Take an account away."},
+    {8, "list"},
+    {9, "List the accounts."},
+    {10, "help"},
+    {11, "Show this list of actions and options."},
+    {12, "--file=FILE"},
+    {13, "The accounts in FILE, not those in the framework's configuration folder."},
+    {14, "--generate"},
+    {15, "Make the password up and print it, once."},
+    {16, "There is no option '--{1}'. 'qor-debug-user help' lists the options."},
+    {17, "There is no action '{1}'. 'qor-debug-user help' lists the actions."},
+    {18, "The number of words is wrong for '{1}'. 'qor-debug-user help' shows what it takes."},
+    {19, "No action was given. 'qor-debug-user help' lists the actions."},
+    {20, "The option '--{1}' is written '{2}'."},
+    {21, "Password for '{1}': "},
+    {22, "The same again: "},
+    {23, "The two are not the same. Nothing was changed."},
+    {24, "There is no password: the input has ended."},
+    {25, "The account '{1}' was made."},
+    {26, "The account '{1}' has another password now."},
+    {27, "The account '{1}' was taken away."},
+};
+
 // What the framework says: its errors, and from 1000 on all else.
 constexpr message qorcore[] = {
 #define QOR_ERROR(number, name, error_class, text) {number, text},
@@ -115,12 +146,22 @@ constexpr message qorcore[] = {
     {1024, "The action '{1}' is not in this build."},
     {1030, "'{1}' is not the name of a language"},
     {1031, "it names no language"},
+ {1035, "XDG_RUNTIME_DIR is not set to an absolute path"},
+    {1036, "neither HOME nor the user's account names a home folder"},
     {1040, "it is no library, or only a part of one"},
+    {1050, "others than its owner have access to it, which 'chmod 600' takes away"},
+    {1051, "it belongs to somebody else"},
+    {1052, "it is no plain file"},
+    {1053, "it is too long"},
+    {1054, "it has no colon behind the name"},
+    {1055, "the name is none"},
+    {1056, "what stands behind the name is no stored password"},
+    {1057, "the name stands in an earlier line, too"},
+    {1058, "it is no private key of the curve P-256"},
     {1065, "--qor-debug-listen=[HOST:]PORT"},
     {1066, "Let 'qortool debug-control' switch trace codes here (or set QOR_DEBUG_LISTEN)."},
     {1067, "--qor-debug-users=FILE"},
     {1068, "Who may do so: accounts that 'qor-debug-user' wrote to FILE (or set QOR_DEBUG_USERS)."},
-    {1069, "line {1} is no account"},
     {1070, "it does not answer"},
     {1071, "it closed the connection"},
     {1072, "it was silent for too long"},
@@ -129,11 +170,9 @@ constexpr message qorcore[] = {
     {1075, "a frame that makes no sense"},
     {1076, "it asks for a login that is not safe"},
     {1077, "it does not read its answers"},
-    {1078, "there is no such file"},
-    {1079, "others may read it (take that right away: chmod go= FILE)"},
 };
 
-constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}};
+constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}, {"qor-debug-user", qor_debug_user}};
 
 // Each look-up relies on the order; an empty text would pass for a missing message.
 static_assert(std::ranges::all_of(catalogs, [](const built_in& each) {

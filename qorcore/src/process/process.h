@@ -12,6 +12,9 @@ void set_name(const char* name);
 unsigned long process_id() noexcept;
 unsigned long thread_id() noexcept;
 
+// The path of the running program's file; empty if it cannot be told.
+std::string executable();
+
 // The folder in which libqor lies, with its separator; empty if it cannot be told.
 std::string library_folder();
 

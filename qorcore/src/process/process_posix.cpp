@@ -1,8 +1,9 @@
 #include "process/process.h"
 
-#include "file/raw_file.h"
+#include "file/whole_file.h"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -31,6 +32,12 @@ void qor::process::set_name(const char* name) { process_name() = name; }
 unsigned long qor::process::process_id() noexcept { return static_cast<unsigned long>(getpid()); }
 unsigned long qor::process::thread_id() noexcept { return static_cast<unsigned long>(gettid()); }
 
+std::string qor::process::executable() {
+    char path[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
+    return std::string(path, length > 0 ? static_cast<std::size_t>(length) : 0);
+}
+
 std::string qor::process::library_folder() {
     Dl_info info;
     if (dladdr(reinterpret_cast<void*>(&qor::process::library_folder), &info) == 0 || info.dli_fname == nullptr)
@@ -51,13 +58,9 @@ void qor::process::set_environment(const char* variable, const char* value) noex
 
 bool qor::process::has_argument(const char* begin) noexcept {
     // Each word ends with a NUL.
-    file::raw_file words;
     std::string text;
-    if (words.open("/proc/self/cmdline", file::raw_file::access::read) != 0)
+    if (!file::read_whole("/proc/self/cmdline", text.max_size(), text))
         return false;
-    char piece[4096];
-    for (std::size_t count; words.read(piece, sizeof piece, &count) == 0 && count != 0;)
-        text.append(piece, count);
     return text.find('\0' + std::string(begin)) != std::string::npos;
 }
 

@@ -19,7 +19,7 @@ std::string module_path(HMODULE module) {
 
 // "C:\Tools\client.exe" is "client".
 std::string executable_name() {
-    std::string name = module_path(nullptr);
+    std::string name = qor::process::executable();
     name.erase(0, name.find_last_of('\\') + 1);
     return name.substr(0, name.find_last_of('.'));
 }
@@ -46,6 +46,8 @@ void qor::process::set_name(const char* name) { process_name() = name; }
 
 unsigned long qor::process::process_id() noexcept { return GetCurrentProcessId(); }
 unsigned long qor::process::thread_id() noexcept { return GetCurrentThreadId(); }
+
+std::string qor::process::executable() { return module_path(nullptr); }
 
 std::string qor::process::library_folder() {
     HMODULE self = nullptr;

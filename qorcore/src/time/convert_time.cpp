@@ -1,38 +1,35 @@
-// Calendar time of a clock.
+// Calendar time of a clock, and the other way round.
+#include "error/error.h"
+#include "time/calendar.h"
 #include "time/local_offset.h"
 
 namespace {
 
-constexpr int64 seconds_per_day = 86'400;
-constexpr int64 days_per_400_years = 146'097;
-constexpr int64 days_per_100_years = 36'524;
-constexpr int64 days_per_4_years = 1'461;
+using qor::time::seconds_per_day;
 
-// The days that come before each month of a common year.
-constexpr int days_before_month[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+// From the first day of the year 1 to that of 1601.
+constexpr int64 first_clock_day = 4 * qor::time::days_per_400_years;
+constexpr int64 last_second = static_cast<int64>(~uint64{0} / qorTicksPerSecond);
 
-// The date so many days after the first of 1201, a year that begins four centuries, on a Monday.
-void set_date(int64 days, qorTimeInfo& info) noexcept {
-    info.weekday = static_cast<uint8>(days % 7);
-    int64 year = 1201 + days / days_per_400_years * 400;
-    int64 rest = days % days_per_400_years;
-    // The last of the four centuries is a day longer than the others, and so is the last of four years.
-    const int64 century = rest / days_per_100_years - rest / (4 * days_per_100_years);
-    rest -= century * days_per_100_years;
-    year += century * 100 + rest / days_per_4_years * 4;
-    rest %= days_per_4_years;
-    const int64 year_of_four = rest / 365 - rest / (4 * 365);
-    rest -= year_of_four * 365;
-    year += year_of_four;
+// What lies behind either end of the count has the offset of that end.
+int64 offset_at(int64 second) noexcept {
+    const int64 counted = second < 0 ? 0 : second > last_second ? last_second : second;
+    return qor::time::local_offset(static_cast<uint64>(counted) * qorTicksPerSecond);
+}
 
-    const bool is_leap = year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
-    int month = 11;
-    const auto first_day = [is_leap](int of) { return days_before_month[of] + (is_leap && of >= 2 ? 1 : 0); };
-    while (first_day(month) > rest)
-        --month;
-    info.year = static_cast<uint16>(year);
-    info.month = static_cast<uint8>(month + 1);
-    info.day = static_cast<uint8>(rest - first_day(month) + 1);
+// The second of UTC at which local clocks show `local`. Both count from 1601.
+//
+// No zone is a day and an hour ahead or behind, and none changes its offset twice within the days between the
+// two samples; so the offset is one of these two.
+int64 to_utc(int64 local) noexcept {
+    constexpr int64 margin = 25 * 3600;
+    const int64 before = offset_at(local - margin);
+    const int64 after = offset_at(local + margin);
+    // The offset before the change is tried first: of a time that comes twice, it gives the first.
+    for (const int64 offset : {before, after})
+        if (offset_at(local - offset) == offset)
+            return local - offset;
+    return local - before; // skipped
 }
 
 } // namespace
@@ -40,12 +37,29 @@ void set_date(int64 days, qorTimeInfo& info) noexcept {
 void qor::glue::qorConvertTime(uint64 clock, bool local, qorTimeInfo& info) noexcept {
     info.utc_offset = local ? qor::time::local_offset(clock) : 0;
     info.ticks = static_cast<uint32>(clock % qorTicksPerSecond);
-    // Counted from 400 years earlier, because a zone may be behind the first day.
-    const int64 seconds = static_cast<int64>(clock / qorTicksPerSecond) + info.utc_offset +
-                          days_per_400_years * seconds_per_day;
-    set_date(seconds / seconds_per_day, info);
+    const int64 seconds =
+        static_cast<int64>(clock / qorTicksPerSecond) + info.utc_offset + first_clock_day * seconds_per_day;
+    qor::time::set_date(seconds / seconds_per_day, info);
     const int64 second_of_day = seconds % seconds_per_day;
     info.hour = static_cast<uint8>(second_of_day / 3600);
     info.minute = static_cast<uint8>(second_of_day / 60 % 60);
     info.second = static_cast<uint8>(second_of_day % 60);
 }
+
+uint64 qor::glue::qorConvertLocalTimeInfo(const qorTimeInfo& info) noexcept {
+    const int64 day = qor::time::day_number(info);
+    if (day >= 0 && info.hour < 24 && info.minute < 60 && info.second < 60 &&
+        info.ticks < qorTicksPerSecond) {
+        const int64 local =
+            (day - first_clock_day) * seconds_per_day + info.hour * 3600 + info.minute * 60 + info.second;
+        const int64 second = to_utc(local);
+        const uint64 clock = static_cast<uint64>(second) * qorTicksPerSecond + info.ticks;
+        // The last second of the count is not a whole one.
+        if (second >= 0 && clock / qorTicksPerSecond == static_cast<uint64>(second))
+            return clock;
+    }
+    qor::error::set(qorError_no_such_time);
+    return 0;
+}
+
+int32 qor::glue::qorGetTimeZoneOffset() noexcept { return qor::time::local_offset(qorGetSystemTime()); }

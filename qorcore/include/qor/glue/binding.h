@@ -25,6 +25,7 @@ class IQORMemoryDataSink;
 class IQORMemoryDataSource;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
+class IQORUserToken;
 class qorDataBlock;
 class qorFile;
 class qorRational;
@@ -33,6 +34,7 @@ class qorStringArray;
 class qorTimecode;
 class qorVector;
 struct qorTimeInfo;
+enum qorFolderId : uint32;
 
 // A trace switch. The library writes it, everyone reads it: 0 is off.
 using qorDebugFlag = std::atomic<uint8>;

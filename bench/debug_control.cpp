@@ -1,0 +1,95 @@
+// Debug control over the loopback network, listener and console in one process: lists of 10,000 trace codes, of which half
+// are on, one small request, and a login.
+//
+//   debug_control_bench [--brief]
+//
+// Prints milliseconds: medians. The exit code is 1 if a list takes more than 100 ms even in its best round; a brief run fails
+// by no figure, because other programs have too much to say in it.
+#include "qor/qor.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+namespace {
+
+constexpr uint32 code_count = 10'000;
+constexpr double list_limit = 100;
+
+double milliseconds(auto action) {
+    using clock = std::chrono::steady_clock;
+    const clock::time_point begin = clock::now();
+    action();
+    return std::chrono::duration<double, std::milli>(clock::now() - begin).count();
+}
+
+void require(bool done) {
+    if (done)
+        return;
+    fputerr(stderr, true);
+    std::exit(1);
+}
+
+// The best round.
+double print(const char* name, unsigned rounds, auto action) {
+    std::vector<double> all;
+    for (unsigned i = 0; i < rounds; ++i)
+        all.push_back(milliseconds(action));
+    std::sort(all.begin(), all.end());
+    std::printf("%-34s %8.2f ms\n", name, all[all.size() / 2]);
+    return all.front();
+}
+
+// Its own folder of settings, gone with it.
+class folder {
+public:
+    folder() {
+        std::filesystem::create_directory(m_path);
+        setenv("XDG_CONFIG_HOME", m_path.c_str(), 1);
+    }
+    folder(const folder&) = delete;
+    folder& operator=(const folder&) = delete;
+    ~folder() { std::filesystem::remove_all(m_path); }
+    std::string file(const char* name) const { return m_path / name; }
+
+private:
+    const std::filesystem::path m_path =
+        std::filesystem::temp_directory_path() / ("qor-bench-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+};
+
+double run(unsigned rounds) {
+    const folder settings;
+    const std::string users = settings.file("users");
+    uint16 port = 0;
+    require(qorAddDebugUser(users.c_str(), "bench", "a password"));
+    require(qorDebugListen("0", users.c_str(), &port));
+    for (uint32 i = 0; i < code_count; ++i)
+        qorDebugAllocateCode(("bench.subsystem." + std::to_string(i) + (i % 2 == 0 ? ".even" : ".odd")).c_str());
+    qorDebugEnableCode("*.even", true);
+    zetSmartPointer<IQORDebugControl> control;
+    create_IQORDebugControl(control.Out());
+    print("login, 600,000 iterations", 3, [&] {
+        require(control->Connect("127.0.0.1", port) && control->Login("bench", "a password"));
+    });
+    qorStringArray names;
+    const double all = print("list of 10,000 codes", rounds, [&] { require(control->GetCodes(names)); });
+    if (names.GetCount() < code_count)
+        std::exit(1);
+    const double enabled = print("list of the 5,000 that are on", rounds, [&] { require(control->GetEnabledCodes(names)); });
+    print("a code switched", 10 * rounds, [&] { require(control->EnableCode("bench.subsystem.1.odd", false)); });
+    control.Empty();
+    qorCleanup();
+    return std::max(all, enabled);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const bool brief = argc > 1 && std::strcmp(argv[1], "--brief") == 0;
+    const double slowest = run(brief ? 3 : 21);
+    return !brief && slowest > list_limit ? 1 : 0;
+}

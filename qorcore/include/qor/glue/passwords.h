@@ -1,0 +1,30 @@
+// Between libqor and its module for passwords; no client needs it.
+#pragma once
+
+#include "qor/system/Interface.h"
+
+class qorString;
+class qorStringArray;
+
+// What stands behind the operations of Password.h.
+class IQORPasswords : public IQORInterface {
+public:
+    virtual bool CreateHash(const char* password, const char* earlier, qorString& hash) noexcept = 0;
+    virtual bool Verify(const char* password, const char* hash) noexcept = 0;
+    virtual bool Generate(qorString& password) noexcept = 0;
+
+protected:
+    ~IQORPasswords() = default;
+};
+
+// What stands behind the operations of DebugUsers.h.
+class IQORDebugUsers : public IQORInterface {
+public:
+    virtual bool Add(const char* file, const char* name, const char* password) noexcept = 0;
+    virtual bool Change(const char* file, const char* name, const char* password) noexcept = 0;
+    virtual bool Remove(const char* file, const char* name) noexcept = 0;
+    virtual bool GetNames(const char* file, qorStringArray& names) noexcept = 0;
+
+protected:
+    ~IQORDebugUsers() = default;
+};

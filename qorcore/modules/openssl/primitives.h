@@ -1,0 +1,52 @@
+// Inside the module qor-openssl: the few operations that passwords and logins are made of. Those that return false have set
+// the last error. Any thread.
+#pragma once
+
+#include "qor/system/Types.h"
+
+#include <array>
+#include <string>
+#include <string_view>
+
+namespace qor::crypto {
+
+using digest = std::array<uint8, 32>; // of SHA-256
+
+bool random_bytes(void* out, std::size_t size) noexcept;
+bool sha256(std::string_view message, digest& out) noexcept;
+bool hmac_sha256(std::string_view key, std::string_view message, digest& out) noexcept;
+bool pbkdf2_sha256(std::string_view password, std::string_view salt, uint32 iterations, digest& out) noexcept;
+
+// In a time that does not depend on where they differ.
+bool equal(const digest& left, const digest& right) noexcept;
+
+// Overwrites what must not stay in memory; no compiler takes it away.
+void wipe(void* bytes, std::size_t size) noexcept;
+void wipe(digest& secret) noexcept;
+void wipe(std::string& secret) noexcept; // and empties it
+
+// Wipes a variable when its block ends.
+template <class SECRET>
+class wiped_later {
+public:
+    explicit wiped_later(SECRET& secret) noexcept : m_secret(secret) {}
+    wiped_later(const wiped_later&) = delete;
+    wiped_later& operator=(const wiped_later&) = delete;
+    ~wiped_later() { wipe(m_secret); }
+
+private:
+    SECRET& m_secret;
+};
+
+std::string_view bytes_of(const digest& value) noexcept;
+
+// Base64 with padding, as in RFC 4648.
+bool is_base64_digit(char c) noexcept;
+std::string to_base64(std::string_view bytes);
+
+// Only what to_base64 writes: no line ends, no missing padding, no bits behind the last byte. False: it is none, and the
+// last error stays as it is.
+bool from_base64(std::string_view text, std::string& out);
+bool from_base64(std::string_view text, digest& out);
+
+} // namespace qor::crypto

@@ -1,0 +1,28 @@
+// The module qor-pam: what libqor does with PAM.
+#include "authenticator.h"
+#include "qor/glue/module.h"
+
+#include <cstring>
+
+namespace {
+
+bool create_object(const char* interface_name, const char* kind, void** out) noexcept {
+    if (std::strcmp(interface_name, "IQORAuthenticator") != 0 || std::strcmp(kind, "pam") != 0) {
+        qorSetLastError(qorError_not_supported);
+        return false;
+    }
+    IQORAuthenticator* authenticator = nullptr;
+    if (!create_authenticator(&authenticator))
+        return false;
+    *out = authenticator;
+    return true;
+}
+
+constexpr qor::glue::module_table table = {&create_object};
+
+} // namespace
+
+extern "C" const qor::glue::module_table* glue_module_point(const qor::glue::binding_table* library) noexcept {
+    qor::glue::bind_module(library);
+    return &table;
+}

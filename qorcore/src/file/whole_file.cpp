@@ -1,0 +1,20 @@
+#include "file/whole_file.h"
+
+#include "file/raw_file.h"
+
+bool qor::file::read_whole(const char* path, std::size_t max_size, std::string& content) {
+    raw_file file;
+    if (file.open(path, raw_file::access::read) != 0)
+        return false;
+    char piece[16 * 1024];
+    for (;;) {
+        std::size_t count = 0;
+        if (file.read(piece, sizeof piece, &count) != 0)
+            return false;
+        if (count == 0)
+            return true;
+        if (content.size() + count > max_size)
+            return false;
+        content.append(piece, count);
+    }
+}

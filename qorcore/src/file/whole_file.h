@@ -1,0 +1,13 @@
+// Inside the library: small files, read in one go.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace qor::file {
+
+// Adds what the file holds to `content`. False: it cannot be read to its end, or `content` would be larger
+// than `max_size`.
+bool read_whole(const char* path, std::size_t max_size, std::string& content);
+
+} // namespace qor::file

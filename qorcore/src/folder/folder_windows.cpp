@@ -1,0 +1,107 @@
+// The named folders on Windows: what the shell calls known folders. Its library costs a process time and
+// memory, so it is loaded when the first of them is wanted.
+#include "folder/folder.h"
+
+#include "error/error.h"
+#include "string/wide_windows.h"
+
+#include <initguid.h>
+#include <knownfolders.h>
+#include <shlobj.h>
+#include <windows.h>
+
+namespace {
+
+struct place {
+    const KNOWNFOLDERID* known;
+    const char* below; // a path below it, or empty
+};
+
+// In the order of the ids, up to the framework's own. Without a known folder: that of temporary files.
+const place places[] = {
+    {&FOLDERID_Profile, ""},
+    {&FOLDERID_Desktop, ""},
+    {&FOLDERID_Documents, ""},
+    {&FOLDERID_Downloads, ""},
+    {&FOLDERID_Music, ""},
+    {&FOLDERID_Pictures, ""},
+    {&FOLDERID_Videos, ""},
+    {&FOLDERID_Public, ""},
+    {&FOLDERID_Templates, ""},
+    {&FOLDERID_RoamingAppData, ""},
+    {&FOLDERID_LocalAppData, ""},
+    {&FOLDERID_LocalAppData, ""},
+    {&FOLDERID_LocalAppData, ""},
+    {nullptr, ""},
+    {nullptr, ""},
+    {&FOLDERID_LocalAppData, ""},
+    {&FOLDERID_LocalAppData, "\\Microsoft\\Windows\\Fonts"},
+    {&FOLDERID_ProgramData, ""},
+    {&FOLDERID_ProgramData, ""},
+    {&FOLDERID_ProgramData, ""},
+    {&FOLDERID_ProgramData, ""},
+    {&FOLDERID_Windows, "\\Logs"},
+    {&FOLDERID_Windows, "\\Temp"},
+    {&FOLDERID_ProgramFiles, ""},
+    {&FOLDERID_System, ""},
+};
+
+const place own_user_configuration = {&FOLDERID_RoamingAppData, "\\qor"};
+const place own_system_configuration = {&FOLDERID_ProgramData, "\\qor"};
+
+const place& place_of(qorFolderId id) {
+    return id == qorFolder_qor_user_configuration     ? own_user_configuration
+           : id == qorFolder_qor_system_configuration ? own_system_configuration
+                                                      : places[id];
+}
+
+template <class FUNCTION>
+FUNCTION* function_of(const wchar_t* library, const char* name) {
+    const HMODULE module = LoadLibraryExW(library, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
+    return module != nullptr ? reinterpret_cast<FUNCTION*>(GetProcAddress(module, name)) : nullptr;
+}
+
+// Both return the system's code, 0 for success.
+DWORD known_folder(const KNOWNFOLDERID& known, std::string& path) {
+    auto* const ask = function_of<decltype(SHGetKnownFolderPath)>(L"shell32.dll", "SHGetKnownFolderPath");
+    auto* const release = function_of<decltype(CoTaskMemFree)>(L"ole32.dll", "CoTaskMemFree");
+    if (ask == nullptr || release == nullptr)
+        return GetLastError();
+    wchar_t* found = nullptr;
+    // What is not there yet is told all the same, and not made.
+    const HRESULT result = ask(known, KF_FLAG_DONT_VERIFY, nullptr, &found);
+    if (SUCCEEDED(result))
+        path = qor::string::from_wide(found);
+    release(found);
+    return SUCCEEDED(result) ? 0 : static_cast<DWORD>(HRESULT_CODE(result));
+}
+
+DWORD temporary_folder(std::string& path) {
+    wchar_t found[MAX_PATH + 1];
+    const DWORD length = GetTempPathW(MAX_PATH + 1, found);
+    if (length == 0 || length > MAX_PATH)
+        return length == 0 ? GetLastError() : ERROR_BUFFER_OVERFLOW;
+    path = qor::string::from_wide({found, length});
+    return 0;
+}
+
+} // namespace
+
+std::string qor::folder::system_path(qorFolderId id) {
+    const place& wanted = place_of(id);
+    std::string path;
+    const DWORD code = wanted.known != nullptr ? known_folder(*wanted.known, path) : temporary_folder(path);
+    if (code != 0) {
+        error::set(qorError_no_such_folder, {tag(id), error::system_reason(static_cast<int>(code)).c_str()});
+        return {};
+    }
+    return clean(path + wanted.below);
+}
+
+// The system's paths are absolute.
+std::string qor::folder::clean(std::string_view path) {
+    std::string cleaned(path);
+    while (cleaned.size() > 3 && (cleaned.back() == '\\' || cleaned.back() == '/'))
+        cleaned.pop_back();
+    return cleaned;
+}

@@ -1,0 +1,100 @@
+#include "time/zone_name.h"
+
+#include "file/raw_file.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+namespace {
+
+bool take(std::string_view& text, char c) {
+    if (!text.starts_with(c))
+        return false;
+    text.remove_prefix(1);
+    return true;
+}
+
+// A number of at least so many digits that is not above the limit.
+bool take_number(std::string_view& text, int least, int limit) {
+    int value = 0;
+    int digits = 0;
+    for (; !text.empty() && std::isdigit(static_cast<unsigned char>(text.front())) && value <= limit;
+         ++digits) {
+        value = 10 * value + (text.front() - '0');
+        text.remove_prefix(1);
+    }
+    return digits > 0 && value >= least && value <= limit;
+}
+
+// "CET", or what is no word in angle brackets: "<+0330>".
+bool take_name(std::string_view& text) {
+    const bool quoted = take(text, '<');
+    std::size_t length = 0;
+    for (; length < text.size(); ++length) {
+        const auto c = static_cast<unsigned char>(text[length]);
+        if (!std::isalpha(c) && !(quoted && (std::isdigit(c) || c == '+' || c == '-')))
+            break;
+    }
+    text.remove_prefix(length);
+    return length >= 3 && (!quoted || take(text, '>'));
+}
+
+// [+-]hh[:mm[:ss]]
+bool take_time(std::string_view& text, int most_hours) {
+    if (!take(text, '-'))
+        take(text, '+');
+    if (!take_number(text, 0, most_hours))
+        return false;
+    return !take(text, ':') || (take_number(text, 0, 59) && (!take(text, ':') || take_number(text, 0, 59)));
+}
+
+// ,Jn or ,n or ,Mm.w.d, each perhaps with /time
+bool take_change(std::string_view& text) {
+    if (!take(text, ','))
+        return false;
+    const bool is_day = take(text, 'J') ? take_number(text, 1, 365)
+                        : take(text, 'M')
+                            ? take_number(text, 1, 12) && take(text, '.') && take_number(text, 1, 5) &&
+                                  take(text, '.') && take_number(text, 0, 6)
+                            : take_number(text, 0, 365);
+    return is_day && (!take(text, '/') || take_time(text, 167));
+}
+
+bool is_rule(std::string_view text) {
+    if (!take_name(text) || !take_time(text, 24))
+        return false;
+    if (text.empty())
+        return true;
+    if (!take_name(text))
+        return false;
+    if (!text.empty() && !text.starts_with(','))
+        if (!take_time(text, 24))
+            return false;
+    return text.empty() || (take_change(text) && take_change(text) && text.empty());
+}
+
+bool is_zone_file(const std::string& path) {
+    constexpr std::string_view magic = "TZif";
+    qor::file::raw_file file;
+    char begin[magic.size()];
+    std::size_t count = 0;
+    return file.open(path.c_str(), qor::file::raw_file::access::read) == 0 &&
+           file.read(begin, sizeof begin, &count) == 0 && std::string_view(begin, count) == magic;
+}
+
+} // namespace
+
+bool qor::time::is_zone(const char* name) {
+    std::string_view zone = name;
+    take(zone, ':');
+    // UTC is known where there is no database, too.
+    if (zone.empty() || zone == "UTC" || zone == "GMT" || is_rule(zone))
+        return true;
+    if (zone.starts_with('/'))
+        return is_zone_file(std::string(zone));
+    const char* const database = std::getenv("TZDIR");
+    const std::string folder = database != nullptr && *database != '\0' ? database : "/usr/share/zoneinfo";
+    return is_zone_file(folder + '/' + std::string(zone));
+}

@@ -1,0 +1,29 @@
+// Inside the library: accounts of the host, as the tokens show them.
+#pragma once
+
+#include "qor/qor.h"
+
+#include <string>
+#include <vector>
+
+namespace qor::user {
+
+struct account {
+    std::string name;
+    std::string description;
+    std::vector<std::string> groups;
+    bool is_super_user = false;
+    int32 level = qorAuthLevel_user;
+};
+
+// ---- the seam to the system. False: the last error says why.
+
+bool find_account(const char* name, account& out);
+bool current_account(account& out);
+bool current_name(std::string& out);
+bool is_super_user() noexcept;
+
+// The account, if the password is right and the account may be used.
+bool log_on(const char* name, const char* password, account& out);
+
+} // namespace qor::user

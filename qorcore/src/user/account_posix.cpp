@@ -1,0 +1,147 @@
+// Accounts by the name service switch: files, directories over the network, whatever the host has set up.
+#include "error/error.h"
+#include "module/module.h"
+#include "user/account.h"
+
+#include <cerrno>
+#include <grp.h>
+#include <pwd.h>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+// Bounds what an entry may take: a service that asks for ever more would otherwise take all memory.
+constexpr std::size_t max_entry_size = std::size_t{1} << 28;
+
+// The manual gives these for "there is no such entry", beside 0.
+bool means_none(int code) noexcept {
+    return code == 0 || code == ENOENT || code == ESRCH || code == EBADF || code == EPERM;
+}
+
+// Reads one entry with one of the C library's functions, in a buffer that grows until the entry fits. Returns the error,
+// with 0 and found == false where there is no such entry.
+template <class ENTRY, class KEY>
+int read_entry(int (*read)(KEY, ENTRY*, char*, std::size_t, ENTRY**), KEY key, ENTRY& entry, std::vector<char>& buffer,
+               bool& found) {
+    ENTRY* result = nullptr;
+    int code;
+    buffer.resize(1024);
+    while ((code = read(key, &entry, buffer.data(), buffer.size(), &result)) == ERANGE && buffer.size() < max_entry_size)
+        buffer.resize(buffer.size() * 2);
+    found = result != nullptr;
+    return found || means_none(code) ? 0 : code;
+}
+
+// Group by group: the list of all groups may be long, and some services refuse to give it out.
+bool group_name(gid_t number, std::string& out) {
+    group entry;
+    std::vector<char> buffer;
+    bool found;
+    if (const int code = read_entry(getgrgid_r, number, entry, buffer, found)) {
+        qor::error::set_with_reason(qorError_system, "getgrgid_r", code);
+        return false;
+    }
+    out = found ? entry.gr_name : std::to_string(number);
+    return true;
+}
+
+bool read_groups(const char* name, gid_t first, std::vector<std::string>& out) {
+    std::vector<gid_t> numbers(32);
+    for (;;) {
+        int count = static_cast<int>(numbers.size());
+        const bool complete = getgrouplist(name, first, numbers.data(), &count) >= 0;
+        if (!complete && count <= static_cast<int>(numbers.size()))
+            count = static_cast<int>(numbers.size()) * 2; // not every service says how many there are
+        numbers.resize(static_cast<std::size_t>(count));
+        if (complete)
+            break;
+    }
+    for (const gid_t number : numbers)
+        if (!group_name(number, out.emplace_back()))
+            return false;
+    return true;
+}
+
+// What everybody may read decides, so that all who ask get the same answer: a locked password or an expired account stands
+// where only root can look, and is told to those who log on.
+bool may_log_in(std::string_view shell) noexcept {
+    const std::string_view program = shell.substr(shell.rfind('/') + 1);
+    return program != "nologin" && program != "false";
+}
+
+bool take(const passwd& entry, qor::user::account& out) {
+    out.name = entry.pw_name;
+    // The name comes first among what commas separate. An ampersand is one: departments are called so.
+    const std::string_view gecos = entry.pw_gecos != nullptr ? entry.pw_gecos : "";
+    out.description = gecos.substr(0, gecos.find(','));
+    out.is_super_user = entry.pw_uid == 0;
+    if (!may_log_in(entry.pw_shell != nullptr ? entry.pw_shell : ""))
+        out.level = qorAuthLevel_none;
+    else
+        out.level = out.is_super_user ? qorAuthLevel_administrator : qorAuthLevel_user;
+    return read_groups(entry.pw_name, entry.pw_gid, out.groups);
+}
+
+// Whom the process acts as. The texts of `entry` lie in `buffer`.
+bool read_current(passwd& entry, std::vector<char>& buffer, bool& found) {
+    if (const int code = read_entry(getpwuid_r, geteuid(), entry, buffer, found)) {
+        qor::error::set_with_reason(qorError_system, "getpwuid_r", code);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool qor::user::find_account(const char* name, account& out) {
+    passwd entry;
+    std::vector<char> buffer;
+    bool found;
+    if (const int code = read_entry(getpwnam_r, name, entry, buffer, found)) {
+        error::set_with_reason(qorError_system, "getpwnam_r", code);
+        return false;
+    }
+    if (!found) {
+        error::set(qorError_unknown_user, {name});
+        return false;
+    }
+    return take(entry, out);
+}
+
+bool qor::user::current_account(account& out) {
+    passwd entry;
+    std::vector<char> buffer;
+    bool found;
+    if (!read_current(entry, buffer, found))
+        return false;
+    if (found)
+        return take(entry, out);
+    // A container may give a process any number. Nobody can log in as one.
+    out.name = std::to_string(geteuid());
+    out.is_super_user = is_super_user();
+    out.level = qorAuthLevel_none;
+    return read_groups(out.name.c_str(), getegid(), out.groups);
+}
+
+bool qor::user::current_name(std::string& out) {
+    passwd entry;
+    std::vector<char> buffer;
+    bool found;
+    if (!read_current(entry, buffer, found))
+        return false;
+    out = found ? entry.pw_name : std::to_string(geteuid());
+    return true;
+}
+
+bool qor::user::is_super_user() noexcept { return geteuid() == 0; }
+
+bool qor::user::log_on(const char* name, const char* password, account& out) {
+    void* made = nullptr;
+    if (!module::create_object("qor-pam", "IQORAuthenticator", "pam", &made))
+        return false;
+    zetSmartPointer<IQORAuthenticator> authenticator;
+    authenticator.AttachNew(static_cast<IQORAuthenticator*>(made));
+    qorString account_name;
+    return authenticator->Authenticate(name, password, account_name) && find_account(account_name, out);
+}

@@ -1,0 +1,77 @@
+// Passwords and the accounts of debug control: the module qor-openssl has them; this is the way to it.
+#include "error/error.h"
+#include "module/module.h"
+#include "qor/glue/passwords.h"
+
+namespace {
+
+// An object of the module. Empty: the last error says why.
+template <class INTERFACE>
+zetSmartPointer<INTERFACE> of_module(const char* interface_name) noexcept {
+    zetSmartPointer<INTERFACE> object;
+    void* made = nullptr;
+    if (qor::module::create_object("qor-openssl", interface_name, "", &made))
+        object.AttachNew(static_cast<INTERFACE*>(made));
+    return object;
+}
+
+zetSmartPointer<IQORPasswords> passwords() noexcept { return of_module<IQORPasswords>("IQORPasswords"); }
+
+zetSmartPointer<IQORDebugUsers> debug_users() noexcept { return of_module<IQORDebugUsers>("IQORDebugUsers"); }
+
+// Texts that must be there.
+bool are_given(const char* operation, std::initializer_list<const char*> texts) noexcept {
+    for (const char* const text : texts)
+        if (text == nullptr) {
+            qor::error::set(qorError_invalid_argument, {operation, "null"});
+            return false;
+        }
+    return true;
+}
+
+} // namespace
+
+bool qor::glue::qorCreatePasswordHash(const char* password, const char* earlier, qorString& hash) noexcept {
+    if (!are_given("qorCreatePasswordHash", {password}))
+        return false;
+    const auto object = passwords();
+    return !object.IsEmpty() && object->CreateHash(password, earlier, hash);
+}
+
+bool qor::glue::qorVerifyPassword(const char* password, const char* hash) noexcept {
+    if (!are_given("qorVerifyPassword", {password, hash}))
+        return false;
+    const auto object = passwords();
+    return !object.IsEmpty() && object->Verify(password, hash);
+}
+
+bool qor::glue::qorGeneratePassword(qorString& password) noexcept {
+    const auto object = passwords();
+    return !object.IsEmpty() && object->Generate(password);
+}
+
+bool qor::glue::qorAddDebugUser(const char* file, const char* name, const char* password) noexcept {
+    if (!are_given("qorAddDebugUser", {name, password}))
+        return false;
+    const auto object = debug_users();
+    return !object.IsEmpty() && object->Add(file, name, password);
+}
+
+bool qor::glue::qorChangeDebugUser(const char* file, const char* name, const char* password) noexcept {
+    if (!are_given("qorChangeDebugUser", {name, password}))
+        return false;
+    const auto object = debug_users();
+    return !object.IsEmpty() && object->Change(file, name, password);
+}
+
+bool qor::glue::qorRemoveDebugUser(const char* file, const char* name) noexcept {
+    if (!are_given("qorRemoveDebugUser", {name}))
+        return false;
+    const auto object = debug_users();
+    return !object.IsEmpty() && object->Remove(file, name);
+}
+
+bool qor::glue::qorGetDebugUsers(const char* file, qorStringArray& names) noexcept {
+    const auto object = debug_users();
+    return !object.IsEmpty() && object->GetNames(file, names);
+}

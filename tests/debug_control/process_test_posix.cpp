@@ -1,0 +1,135 @@
+// What a host process must not notice of its listener, on systems with signals, forks and descriptors.
+#include "loopback.h"
+#include "support/scenes.h"
+
+#include <cerrno>
+#include <csignal>
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using namespace qor::test;
+
+std::vector<int> open_sockets() {
+    std::vector<int> all;
+    DIR* const folder = opendir("/proc/self/fd");
+    while (const dirent* const each = readdir(folder)) {
+        struct stat status;
+        const int number = std::atoi(each->d_name);
+        if (each->d_name[0] != '.' && fstat(number, &status) == 0 && S_ISSOCK(status.st_mode))
+            all.push_back(number);
+    }
+    closedir(folder);
+    return all;
+}
+
+class hosts : public loopback_fixture {
+protected:
+    // What a child of a fork returns.
+    static int in_child(const std::function<int()>& act) {
+        const pid_t child = fork();
+        if (child == 0)
+            _exit(act());
+        int status = 0;
+        while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+};
+
+TEST_F(hosts, descriptors_are_for_no_other_program) {
+    control_pointer control = connect();
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    const std::vector<int> all = open_sockets();
+    EXPECT_GE(all.size(), 6u);
+    for (const int each : all)
+        EXPECT_NE(fcntl(each, F_GETFD) & FD_CLOEXEC, 0) << each;
+}
+
+// The child has no sockets of ours, lets go of both ends without harm, and may listen itself; the parent goes on.
+TEST_F(hosts, a_forked_child_listens_no_more) {
+    const std::size_t before = open_sockets().size();
+    control_pointer control = connect();
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    counting_sink sink;
+    ASSERT_TRUE(control->SetSink(&sink));
+    const int ended = in_child([&] {
+        qorStringArray out;
+        if (!open_sockets().empty() || control->GetCodes(out) || error_number() != qorError_debug_not_connected)
+            return 1;
+        control.Empty();
+        listener.Empty();
+        listen(0);
+        if (HasFailure() || open_sockets().size() != before)
+            return 2;
+        listener.Empty();
+        return open_sockets().empty() ? 0 : 3;
+    });
+    EXPECT_EQ(ended, 0);
+    EXPECT_TRUE(control->DisableAll()) << last_error();
+    control.Empty();
+    EXPECT_EQ(sink.count(), 0);
+    // The listener's thread closes its end, too.
+    while (open_sockets().size() != before)
+        std::this_thread::yield();
+}
+
+// A peer that is gone when it is written to would end the process by SIGPIPE.
+TEST_F(hosts, no_signal_is_raised) {
+    ASSERT_EQ(std::signal(SIGPIPE, SIG_DFL), SIG_DFL);
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_port = htons(port());
+    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    for (int i = 0; i < 200; ++i) {
+        const int peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(::connect(peer, reinterpret_cast<const sockaddr*>(&at), sizeof at), 0);
+        // What is no TLS is answered with an alert; who closes with something unread resets the connection.
+        EXPECT_EQ(write(peer, "not TLS at all", 14), 14);
+        const linger at_once{1, 0};
+        setsockopt(peer, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+        close(peer);
+    }
+    // Until the last of them has been noticed there may be no room for another one of the same address.
+    control_pointer control = make();
+    while (!control->Connect("127.0.0.1", port()))
+        ASSERT_EQ(error_number(), qorError_debug_busy) << last_error();
+    EXPECT_TRUE(control->Login("ada", "secret")) << last_error();
+}
+
+// The threads take no signal that the host waits for elsewhere.
+TEST_F(hosts, the_threads_block_all_signals) {
+    control_pointer control = connect();
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    unsigned others = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        const std::string status = read_file(task.path() / "status");
+        const std::size_t at = status.find("SigBlk:\t") + 8;
+        const unsigned long long blocked = std::stoull(status.substr(at, 16), nullptr, 16);
+        if (task.path().filename() == std::to_string(getpid()))
+            continue;
+        ++others;
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGALRM, SIGUSR1})
+            EXPECT_NE(blocked >> (signal - 1) & 1, 0u) << signal;
+    }
+    EXPECT_GE(others, 2u);
+}
+
+TEST_F(hosts, others_may_not_read_the_key_and_the_known_hosts) {
+    control_pointer control = connect();
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    for (const std::string& path : {folder() / "users.key", folder() / "known-hosts"}) {
+        struct stat status;
+        ASSERT_EQ(stat(path.c_str(), &status), 0) << path;
+        EXPECT_EQ(status.st_mode & 0777, 0600u) << path;
+    }
+}
+
+} // namespace

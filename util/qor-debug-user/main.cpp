@@ -1,0 +1,192 @@
+// qor-debug-user: who may log in to debug control.
+#include "entry.h"
+#include "finish_output.h"
+#include "secret_input.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr char catalog[] = "qor-debug-user";
+constexpr int exit_unknown_option = 2;
+constexpr int exit_no_action = 10;
+constexpr int exit_unknown_action = 13;
+
+struct settings {
+    qorString file;
+    bool has_file = false;
+    bool generate = false;
+
+    // Null: the one in the framework's configuration folder.
+    const char* file_or_null() const { return has_file ? file.Text() : nullptr; }
+};
+
+int failed() {
+    fputerr(stderr, true);
+    return 1;
+}
+
+// 0, or the exit code of an option that there is not.
+int take_options(qorStringArray& args, settings& chosen) {
+    qorString name;
+    qorString value;
+    while (qorNextOption(args, name, value)) {
+        const bool is_file = name == "file";
+        if (!is_file && !(name == "generate")) {
+            fputmsg(stderr, catalog, 16, name);
+            return exit_unknown_option;
+        }
+        if (value.IsEmpty() == is_file) {
+            fputmsg(stderr, catalog, 20, name, is_file ? "--file=FILE" : "--generate");
+            return exit_unknown_option;
+        }
+        if (is_file)
+            chosen.file = value;
+        chosen.has_file |= is_file;
+        chosen.generate |= !is_file;
+    }
+    return 0;
+}
+
+// False: the user has been told.
+bool ask(uint32 prompt, const char* name, qorString& out) {
+    if (input_is_terminal()) {
+        qorString text;
+        text.Format(catalog, prompt, name);
+        text.Put(stderr, false);
+    }
+    if (read_secret(out))
+        return true;
+    fputmsg(stderr, catalog, 24, true);
+    return false;
+}
+
+// Typed twice, for it is not shown; a line of a pipe is what it is.
+bool get_password(const settings& chosen, const char* name, qorString& out) {
+    if (chosen.generate)
+        return qorGeneratePassword(out) || failed() == 0;
+    if (!ask(21, name, out))
+        return false;
+    if (std::strlen(out) != out.Length()) {
+        qorSetLastError(qorError_bad_password);
+        return failed() == 0;
+    }
+    if (!input_is_terminal())
+        return true;
+    qorString again;
+    again.Reserve(longest_line);
+    const bool asked = ask(22, name, again);
+    const bool same = out == again;
+    wipe_string(again);
+    if (asked && !same)
+        fputmsg(stderr, catalog, 23, true);
+    return asked && same;
+}
+
+using password_operation = bool (*)(const char* file, const char* name, const char* password) noexcept;
+
+int set_password(const settings& chosen, const char* name, password_operation operation, uint32 done) {
+    qorString password;
+    password.Reserve(longest_line);
+    int code = 1;
+    if (get_password(chosen, name, password)) {
+        code = operation(chosen.file_or_null(), name, password) ? 0 : failed();
+        if (code == 0 && chosen.generate)
+            password.Put(stdout, true);
+    }
+    wipe_string(password);
+    if (code == 0)
+        fputmsg(stderr, catalog, done, name);
+    return code;
+}
+
+int act_add(const settings& chosen, const char* name) { return set_password(chosen, name, qorAddDebugUser, 25); }
+
+int act_password(const settings& chosen, const char* name) { return set_password(chosen, name, qorChangeDebugUser, 26); }
+
+int act_remove(const settings& chosen, const char* name) {
+    if (!qorRemoveDebugUser(chosen.file_or_null(), name))
+        return failed();
+    fputmsg(stderr, catalog, 27, name);
+    return 0;
+}
+
+int act_list(const settings& chosen, const char*) {
+    qorStringArray names;
+    if (!qorGetDebugUsers(chosen.file_or_null(), names))
+        return failed();
+    names.Sort(true);
+    for (uint32 i = 0; i < names.GetCount(); ++i)
+        fixed_fprintf(stdout, "%s\n", names[i]);
+    return 0;
+}
+
+int act_help(const settings&, const char*);
+
+struct action_row {
+    const char* name;
+    int (*handler)(const settings& chosen, const char* name);
+    bool takes_name;
+    uint32 syntax;
+    uint32 description;
+};
+
+constexpr action_row actions[] = {
+    {"add", act_add, true, 2, 3},   {"password", act_password, true, 4, 5}, {"remove", act_remove, true, 6, 7},
+    {"list", act_list, false, 8, 9}, {"help", act_help, false, 10, 11},
+};
+
+int act_help(const settings&, const char*) {
+    fputmsg(stdout, catalog, 1, true);
+    for (const action_row& row : actions)
+        qorWriteHelpLine(stdout, catalog, row.syntax, row.description);
+    std::fputc('\n', stdout);
+    qorWriteHelpLine(stdout, catalog, 12, 13);
+    qorWriteHelpLine(stdout, catalog, 14, 15);
+    std::fputc('\n', stdout);
+    qorWriteToolkitHelp(stdout);
+    return 0;
+}
+
+int run(qorStringArray& args) {
+    settings chosen;
+    if (const int code = take_options(args, chosen))
+        return code;
+    if (args.IsEmpty()) {
+        fputmsg(stderr, catalog, 19, true);
+        return exit_no_action;
+    }
+    const qorString word(args[0]);
+    args.RemoveAt(0, 1);
+    for (const action_row& row : actions) {
+        if (!(word == row.name))
+            continue;
+        if (const int code = take_options(args, chosen))
+            return code;
+        if (args.GetCount() != (row.takes_name ? 1u : 0u)) {
+            fputmsg(stderr, catalog, 18, word);
+            return 1;
+        }
+        return row.handler(chosen, row.takes_name ? args[0] : "");
+    }
+    fputmsg(stderr, catalog, 17, word);
+    return exit_unknown_action;
+}
+
+} // namespace
+
+int run_tool(int argc, char* const* argv) {
+    qorStringArray args;
+    args.SetFromArgVec(argc, argv);
+    // What is read ahead would stay in memory, passwords too.
+    std::setvbuf(stdin, nullptr, _IONBF, 0);
+    if (!qorInitProcess("qor-debug-user", args, 0)) {
+        zetSmartPointer<IQORErrorMessage> error;
+        qorGetLastError(error.Out());
+        error->Report();
+        return 1;
+    }
+    const int code = finish_output(run(args));
+    qorCleanup();
+    return code;
+}

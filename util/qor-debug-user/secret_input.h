@@ -1,0 +1,16 @@
+// Passwords that are typed, or come through a pipe.
+#pragma once
+
+#include "qor/qor.h"
+
+// Whether somebody sits there and types.
+bool input_is_terminal();
+
+// The next line of standard input, without its end; what is typed in a terminal is not shown. False: the input has ended.
+bool read_secret(qorString& line);
+
+// Room for so much is made first, so that no line leaves copies behind while its string grows.
+inline constexpr uint32 longest_line = 4096;
+
+// Overwrites all that a string has room for.
+void wipe_string(qorString& text);

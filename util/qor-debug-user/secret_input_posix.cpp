@@ -1,0 +1,60 @@
+#include "secret_input.h"
+
+#include <csignal>
+#include <iterator>
+#include <termios.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int ending_signals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
+
+termios before;
+
+// A shell that does not show what is typed helps nobody.
+extern "C" void show_again_and_end(int number) {
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+    raise(number);
+}
+
+// While it lives the terminal does not show what is typed, but for the ends of lines.
+class hidden_typing {
+public:
+    hidden_typing() {
+        if (tcgetattr(STDIN_FILENO, &before) != 0)
+            return;
+        m_is_on = true;
+        struct sigaction action = {};
+        action.sa_handler = show_again_and_end;
+        // Raised once more, it does what it did before.
+        action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
+        for (std::size_t i = 0; i < std::size(ending_signals); ++i)
+            sigaction(ending_signals[i], &action, &m_actions[i]);
+        termios hidden = before;
+        hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        hidden.c_lflag |= ECHONL;
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
+    }
+    hidden_typing(const hidden_typing&) = delete;
+    hidden_typing& operator=(const hidden_typing&) = delete;
+    ~hidden_typing() {
+        if (!m_is_on)
+            return;
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+        for (std::size_t i = 0; i < std::size(ending_signals); ++i)
+            sigaction(ending_signals[i], &m_actions[i], nullptr);
+    }
+
+private:
+    bool m_is_on = false;
+    struct sigaction m_actions[std::size(ending_signals)];
+};
+
+} // namespace
+
+bool input_is_terminal() { return isatty(STDIN_FILENO) == 1; }
+
+bool read_secret(qorString& line) {
+    const hidden_typing hidden;
+    return line.GetLine(stdin);
+}

@@ -1,0 +1,52 @@
+#include "secret_input.h"
+
+#include <io.h>
+#include <windows.h>
+
+namespace {
+
+// While it lives the console does not show what is typed.
+class hidden_typing {
+public:
+    explicit hidden_typing(HANDLE console) : m_console(console) {
+        GetConsoleMode(console, &m_before);
+        SetConsoleMode(console, (m_before | ENABLE_LINE_INPUT | ENABLE_PROCESSED_INPUT) & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
+    }
+    hidden_typing(const hidden_typing&) = delete;
+    hidden_typing& operator=(const hidden_typing&) = delete;
+    ~hidden_typing() {
+        SetConsoleMode(m_console, m_before);
+        std::fputc('\n', stderr);
+    }
+
+private:
+    HANDLE m_console;
+    DWORD m_before = 0;
+};
+
+HANDLE console() { return GetStdHandle(STD_INPUT_HANDLE); }
+
+} // namespace
+
+bool input_is_terminal() {
+    DWORD mode;
+    return GetConsoleMode(console(), &mode) != 0;
+}
+
+// The C library would read a console through its code page, which has not every character.
+bool read_secret(qorString& line) {
+    if (!input_is_terminal())
+        return line.GetLine(stdin);
+    wchar_t text[1024];
+    DWORD count = 0;
+    bool done;
+    {
+        const hidden_typing hidden(console());
+        done = ReadConsoleW(console(), text, static_cast<DWORD>(std::size(text)), &count, nullptr) != 0 && count != 0;
+    }
+    while (count != 0 && (text[count - 1] == L'\n' || text[count - 1] == L'\r'))
+        --count;
+    done = done && line.SetUCS2(reinterpret_cast<const uint16*>(text), static_cast<int32>(count));
+    SecureZeroMemory(text, sizeof text);
+    return done;
+}

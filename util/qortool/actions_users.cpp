@@ -1,0 +1,52 @@
+// userinfo and logon: what the framework knows of a user account.
+#include "action_arguments.h"
+#include "qortool_app.h"
+#include "user_report.h"
+#include "visible_arguments.h"
+
+namespace {
+
+constexpr char catalog[] = "qortool";
+
+int failed() {
+    fputerr(stderr, true);
+    return 1;
+}
+
+} // namespace
+
+int qortool_app::func_userinfo(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "func_userinfo");
+    fputmsg(stdout, catalog, 89, true);
+    if (!check_arguments(args, "userinfo", 1))
+        return 1;
+    zetSmartPointer<IQORUserToken> token;
+    if (!qorGetUserToken(args[0], token.Out()))
+        return failed();
+    print_user_report(token);
+    return 0;
+}
+
+int qortool_app::func_logon(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "func_logon");
+    zetSmartPointer<IQORUserToken> current;
+    if (!qorGetCurrentUserToken(current.Out()))
+        return failed();
+    if (!current->IsSuperUser()) {
+        fixed_fprintf(stderr, "You must be super-user to run this function\n");
+        return 1;
+    }
+    current.Empty();
+    if (!check_arguments(args, "logon", 2))
+        return 1;
+    fputmsg(stdout, catalog, 90, true);
+    hide_argument(args[1]);
+    zetSmartPointer<IQORUserToken> token;
+    const bool done = qorLogonUser(args[0], args[1], token.Out());
+    wipe_element(args, 1);
+    if (!done)
+        return failed();
+    fputmsg(stdout, catalog, 91, true);
+    print_user_report(token);
+    return 0;
+}
