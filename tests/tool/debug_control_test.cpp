@@ -252,7 +252,7 @@ TEST_F(DebugControl, RefusedCredentialsAreAskedForAgainAsOftenAsItTakes) {
     }
     const outcome result = run({"--quiet", "debug-control", "host", "700"}, input);
     EXPECT_EQ(result.out, prompts + "Debug> ");
-    EXPECT_EQ(result.err.substr(0, said.size()), said);
+    EXPECT_EQ(result.err, said + m_no_error);
     EXPECT_EQ(m_peer.calls.size(), 3u + 26u + 1u);
     EXPECT_EQ(m_peer.calls.at(27), "Login [user25] [secret]");
 }

@@ -35,6 +35,8 @@ void list_codes(qorStringArray& codes, uint32 heading) {
 bool ask(const char* prompt, qorString& line) {
     fixed_fprintf(stdout, "%s", prompt);
     std::fflush(stdout);
+    // What failed before has been told, and is no reason for an input to end.
+    qorClearLastError();
     if (line.GetLine(stdin))
         return true;
     fputerr(stderr, true);

@@ -1,0 +1,279 @@
+#!/usr/bin/env python3
+"""The console and a process that listens, over loopback: through a pipe, and through a terminal.
+
+usage: console_test.py --tool QORTOOL --ticker TICKER [--runner PROGRAM]
+"""
+
+import argparse
+import base64
+import hashlib
+import hmac
+import os
+import random
+import shlex
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+from pathlib import Path
+
+sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
+from tool import Tool, add_options  # noqa: E402  # beside this folder
+
+TIMEOUT = 60  # seconds; instrumented builds on a busy machine are slow
+PROMPT = "Debug> "
+LOGGED_IN = "Logged in. 'help' lists the commands; the end of the input ends the console.\n"
+BANNER = "qortool - tries out and inspects the facilities of the framework\nVersion 3.35.21\n"
+REFUSED = "The user name or the password was refused.\n"
+NO_ERROR = "There is no error to report.\n"
+
+tool = None
+ticker = None
+
+
+def verifier(password, iterations=4096):
+    """The stored form of a password, as an accounts file has it."""
+    salt = os.urandom(16)
+    salted = hashlib.pbkdf2_hmac("sha256", password, salt, iterations)
+    stored = hashlib.sha256(hmac.digest(salted, b"Client Key", "sha256")).digest()
+    texts = [base64.b64encode(each).decode() for each in (salt, stored, hmac.digest(salted, b"Server Key", "sha256"))]
+    return f"SCRAM-SHA-256${iterations}:{texts[0]}${texts[1]}:{texts[2]}"
+
+
+class Input:
+    """A program that is talked to through pipes."""
+
+    def __init__(self, command, environment):
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        env=environment)
+        self.limit = threading.Timer(TIMEOUT, self.process.kill)
+        self.limit.start()
+
+    def say(self, *lines):
+        self.process.stdin.write("".join(line + "\n" for line in lines).encode())
+        self.process.stdin.flush()
+
+    def until(self, end):
+        """What it prints up to these words, with them; what it has printed where it ends before."""
+        text = b""
+        while not text.endswith(end.encode()):
+            byte = self.process.stdout.read(1)
+            if not byte:
+                break
+            text += byte
+        return tool.printed(text).decode()
+
+    def end(self, close=True):
+        """(exit code, standard output, standard error)"""
+        if close:
+            self.process.stdin.close()
+        out, err = self.process.stdout.read(), self.process.stderr.read()
+        code = self.process.wait()
+        self.limit.cancel()
+        for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
+            stream.close()
+        return code, tool.printed(out).decode(), tool.printed(err).decode()
+
+
+class Console(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="qor.")
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+        self.users = self.folder / "users"
+        self.users.touch(mode=0o600)
+        self.users.write_text(f"ann:{verifier(b'secret')}\n")
+        self.trace = self.folder / "trace"
+
+    def environment(self):
+        return tool.environment() | {"XDG_CONFIG_HOME": str(self.folder), "HOME": str(self.folder)}
+
+    def listen(self):
+        """A ticker that listens on self.port."""
+        while True:
+            self.port = random.randint(10000, 32000)
+            words = ["20", f"--qor-debug-listen={self.port}", f"--qor-debug-users={self.users}",
+                     f"--qor-debug-file={self.trace}", "--qor-debug=ticker.tick"]
+            self.peer = subprocess.Popen([*ticker.command, *words], stdin=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                         env=self.environment())
+            # It ticks once it listens; it has ended where somebody else has the port.
+            while self.peer.poll() is None and not (self.trace.exists() and self.trace.stat().st_size):
+                time.sleep(0.01)
+            if self.peer.poll() is None:
+                self.addCleanup(self.stop)
+                return
+            err = self.peer.stderr.read().decode()
+            self.peer.stderr.close()
+            self.assertRegex(err, "in use|use")
+
+    def stop(self):
+        self.peer.kill()
+        self.peer.wait()
+        self.peer.stderr.close()
+
+    def traced(self):
+        """The lines of the peer's trace: words behind time, process and thread."""
+        return [line.split(" ", 2)[2] for line in self.trace.read_text().splitlines()]
+
+    def wait_for_trace(self, line):
+        until = time.monotonic() + TIMEOUT
+        while line not in self.traced():
+            self.assertLess(time.monotonic(), until, f"no {line} in {self.traced()[-20:]}")
+            time.sleep(0.05)
+
+    def console(self, *words, port=None):
+        return Input([*tool.command, *words, "debug-control", "localhost", str(port or self.port)], self.environment())
+
+    def logged_in(self):
+        console = self.console("--quiet")
+        console.say("ann", "secret")
+        self.assertEqual(console.until(PROMPT), "Username: Password: " + PROMPT)
+        return console
+
+    def ask(self, console, line):
+        console.say(line)
+        return console.until(PROMPT).removesuffix(PROMPT)
+
+    def listed(self, console, command):
+        heading = {"show-all": "Trace codes of the process:", "show-enabled": "Trace codes that are on:"}[command]
+        text = self.ask(console, command)
+        self.assertTrue(text.startswith(f"\n{heading}\n\n") and text.endswith("\n\n"), text)
+        names = text.splitlines()[3:-1]
+        self.assertEqual(names, sorted(names))
+        return names
+
+    def test_a_whole_session(self):
+        self.listen()
+        console = self.console()
+        console.say("ann", "wrong", "nobody", "secret", "ann", "secret")
+        self.assertEqual(console.until(PROMPT),
+                         BANNER + "Connecting ...\n" + "Username: Password: " * 3 + LOGGED_IN + PROMPT)
+        self.assertEqual(self.listed(console, "show-enabled"), ["ticker.tick"])
+        codes = self.listed(console, "show-all")
+        self.assertIn("system.debug-control", codes)
+        self.assertIn("ticker.work", codes)
+        self.assertEqual(self.ask(console, "  enable \t ticker.work "), "")
+        self.assertEqual(self.listed(console, "show-enabled"), ["ticker.tick", "ticker.work"])
+        self.wait_for_trace("ticker.work <<LEAVE<< work()")
+        self.assertEqual(self.ask(console, "disable ticker.tick"), "")
+        self.assertEqual(self.listed(console, "show-enabled"), ["ticker.work"])
+        self.assertEqual(self.ask(console, "disable-all"), "")
+        self.assertEqual(self.ask(console, "show-enabled"), "No trace code is on.\n")
+        self.assertEqual(self.ask(console, "quit"), "")
+        self.assertEqual(self.ask(console, "enable"), "")
+        code, out, err = console.end()
+        self.assertEqual((code, out), (1, ""))
+        self.assertEqual(err, REFUSED * 2 + "There is no such command. 'help' lists the commands.\n"
+                         "The arguments do not fit this command. 'help' shows what it takes.\n" + NO_ERROR)
+        self.assertIsNone(self.peer.poll())
+
+    def test_switches_stay_when_the_console_leaves(self):
+        self.listen()
+        console = self.logged_in()
+        self.ask(console, "enable ticker.work")
+        self.assertEqual(console.end(), (1, "", NO_ERROR))
+        console = self.logged_in()
+        self.assertEqual(self.listed(console, "show-enabled"), ["ticker.tick", "ticker.work"])
+        console.end()
+
+    def test_codes_known_only_later(self):
+        self.listen()
+        console = self.logged_in()
+        self.ask(console, "enable ticker.*")
+        self.wait_for_trace("ticker.ten 20 ticks")
+        self.assertIn("ticker.ten", self.listed(console, "show-all"))
+        self.assertIn("ticker.ten", self.listed(console, "show-enabled"))
+        console.end()
+
+    def test_a_port_beyond_sixteen_bits_loses_the_upper_ones(self):
+        self.listen()
+        console = self.console("--quiet", port=self.port + 65536)
+        console.say("ann", "secret")
+        self.assertEqual(console.until(PROMPT), "Username: Password: " + PROMPT)
+        console.end()
+
+    def test_nobody_listens(self):
+        for port in (1, 65537):
+            code, out, err = self.console("--quiet", port=port).end()
+            self.assertEqual((code, out), (1, ""))
+            self.assertRegex(err, r"^.*localhost.*\b1\b.*\n$")
+
+    def lose(self, end_peer):
+        """The connection is lost while the prompt waits for a line that never comes."""
+        self.listen()
+        console = self.logged_in()
+        end_peer()
+        self.assertEqual(console.end(close=False), (0, "", "Debug connection lost\n"))
+
+    def test_a_killed_peer(self):
+        self.lose(lambda: self.peer.kill())
+
+    def test_a_peer_that_ends(self):
+        self.lose(lambda: self.peer.terminate())
+
+
+class Terminal(Console):
+    """The same in a terminal, where the user sees what he types."""
+
+    def tmux(self, *words):
+        return subprocess.run(["tmux", "-S", self.folder / "tmux", "-f", os.devnull, *words], check=True, text=True,
+                              stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
+                              env=self.environment() | {"TERM": "xterm"}).stdout
+
+    def screen(self):
+        return self.tmux("capture-pane", "-p", "-t", "console").rstrip("\n")
+
+    def see(self, end):
+        until = time.monotonic() + TIMEOUT
+        while not self.screen().endswith(end):
+            self.assertLess(time.monotonic(), until, self.screen())
+            time.sleep(0.05)
+
+    def type(self, line):
+        self.tmux("send-keys", "-t", "console", "-l", line)
+        self.tmux("send-keys", "-t", "console", "Enter")
+
+    def start(self):
+        words = shlex.join([*tool.command, "--quiet", "debug-control", "localhost", str(self.port)])
+        self.tmux("new-session", "-d", "-s", "console", "-x", "100", "-y", "50", f"{words}; echo ended with $?; cat")
+        self.addCleanup(self.tmux, "kill-server")
+        self.see("Username:")
+        self.type("ann")
+        self.see("Username: ann\nPassword:")
+        self.type("secret")
+        self.see("Username: ann\nPassword: secret\nDebug>")
+
+    def test_a_session(self):
+        self.listen()
+        self.start()
+        self.type("show-enabled")
+        self.see("Debug> show-enabled\n\nTrace codes that are on:\n\nticker.tick\n\nDebug>")
+        self.type("Help")
+        self.see("Debug> Help\nThere is no such command. 'help' lists the commands.\nDebug>")
+        self.tmux("send-keys", "-t", "console", "C-d")
+        self.see(f"Debug> {NO_ERROR}ended with 1")
+
+    def test_a_killed_peer(self):
+        self.listen()
+        self.start()
+        self.peer.kill()
+        self.see("Debug> Debug connection lost\nended with 0")
+
+
+def load_tests(loader, _tests, _pattern):
+    suite = loader.loadTestsFromTestCase(Console)
+    if not tool.for_windows:
+        suite.addTests(Terminal(name) for name in ("test_a_session", "test_a_killed_peer"))
+    return suite
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    add_options(parser)
+    parser.add_argument("--ticker", required=True)
+    options, rest = parser.parse_known_args()
+    tool = Tool(options.tool, options.runner)
+    ticker = Tool(options.ticker, options.runner)
+    unittest.main(argv=[sys.argv[0], *rest])
