@@ -127,10 +127,6 @@ int qortool_app::Main(qorStringArray& args) {
         fputmsg(stderr, catalog, 10, action_name);
         return exit_unknown_action;
     }
-    if (s_actions[action].handler == nullptr) {
-        fputmsg(stderr, "qorcore", 1024, action_name);
-        return 1;
-    }
     const int result = (this->*s_actions[action].handler)(args);
     if (result == 0 && !m_quiet) {
         if (!temp.LoadString(catalog, 6))
