@@ -113,10 +113,12 @@ reading plain(rest datagram, std::uint32_t sequence, std::uint32_t port, bool& i
         if (head.nlmsg_type == NLMSG_DONE || head.nlmsg_type == NLMSG_ERROR) {
             int code = 0;
             rest unused;
-            out.state = !split(message, code, unused)      ? dump_state::senseless
-                        : code != 0                        ? dump_state::refused
-                        : head.nlmsg_type == NLMSG_DONE    ? dump_state::done
-                                                           : dump_state::senseless;
+            if (split(message, code, unused) && -4096 < code && code < 0)
+                out.state = dump_state::refused;
+            else if (code == 0 && message.size >= sizeof head + sizeof code && head.nlmsg_type == NLMSG_DONE)
+                out.state = dump_state::done;
+            else
+                out.state = dump_state::senseless;
             return out;
         }
         is_compared &= head.nlmsg_type != RTM_NEWROUTE && head.nlmsg_type != RTM_NEWNEXTHOP;

@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <deque>
 #include <linux/if.h>
 #include <linux/if_addr.h>
@@ -217,6 +219,8 @@ TEST(netlink_dump, how_it_ends) {
     read(join({link(1, "lo"), done(-EINVAL)}), dump_state::refused, EINVAL);
     read(refusal(EPERM), dump_state::refused, EPERM);
     read(refusal(0), dump_state::senseless);
+    for (const int status : {1, INT_MIN, -4096})
+        read(done(status), dump_state::senseless);
     read(done(0, NLM_F_MULTI | NLM_F_DUMP_INTR), dump_state::interrupted);
     nlmsghdr interrupted = header_of(link(1, "lo"));
     interrupted.nlmsg_flags |= NLM_F_DUMP_INTR;
@@ -299,7 +303,7 @@ public:
             std::memcpy(next.datagram.data() + at, &header, sizeof header);
             at += std::max<std::size_t>(sizeof header, (header.nlmsg_len + 3) / 4 * 4);
         }
-        std::memcpy(buffer.data(), next.datagram.data(), next.datagram.size());
+        std::ranges::copy(next.datagram, buffer.begin());
         length = next.datagram.size();
         return next.code;
     }

@@ -225,8 +225,9 @@ bool take(const nlmsghdr* message, dump_tables& out) {
 
 // Both the message of an error and that of the end begin with an errno, which is negative, or 0.
 dump_result ending(const nlmsghdr* message, dump_state without_error) {
+    constexpr int last_errno = 4095;
     parts<int> status;
-    if (!split(message, status))
+    if (!split(message, status) || status.header > 0 || status.header < -last_errno)
         return {dump_state::senseless};
     return status.header == 0 ? dump_result{without_error} : dump_result{dump_state::refused, -status.header};
 }
