@@ -169,7 +169,6 @@ constexpr message qorcore[] = {
     {1074, "it does not speak '{1}'"},
     {1075, "a frame that makes no sense"},
     {1076, "it asks for a login that is not safe"},
-    {1077, "it does not read its answers"},
 };
 
 constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}, {"qor-debug-user", qor_debug_user}};
