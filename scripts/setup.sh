@@ -7,10 +7,11 @@
 # for first: a host that has a tool from elsewhere needs no package, and the look costs no process.
 needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja")
 needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/openssl/evp.h" "python3=python3"
-    "libc-devtools=mtrace" "valgrind=valgrind" "libpam0g-dev=/usr/include/security/pam_appl.h"
+    "libc-devtools=mtrace" "valgrind=valgrind" "libgsasl-dev=/usr/include/gsasl.h" "openssl=openssl" "libpam0g-dev=/usr/include/security/pam_appl.h"
     "libnss-wrapper=/usr/share/doc/libnss-wrapper" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux")
 needs_windows=("cmake=cmake" "ninja-build=ninja" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"
-    "wine64=/usr/lib/wine/wine64" "googletest=/usr/src/googletest/CMakeLists.txt" "python3=python3" "libc-devtools=mtrace")
+    "wine64=/usr/lib/wine/wine64" "googletest=/usr/src/googletest/CMakeLists.txt" "python3=python3" "libc-devtools=mtrace"
+    "openssl=openssl")
 
 say() { printf '%s\n' "$@" >&2; }
 

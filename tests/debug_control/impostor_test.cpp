@@ -186,7 +186,7 @@ TEST_F(impostors, a_changed_key) {
 TEST_F(impostors, a_damaged_line_of_known_hosts) {
     for (const char* const line : {"127.0.0.1", "127.0.0.1 1", "127.0.0.1 1 sha256", "127.0.0.1 1 sha256 00", "a b md5 00",
                                    "127.0.0.1 1 sha256 zz00000000000000000000000000000000000000000000000000000000000000"}) {
-        keep_private(folder().file("known-hosts", "# one\n" + std::string(line) + "\n"));
+        private_file(folder(), "known-hosts", "# one\n" + std::string(line) + "\n");
         expect_connect_fails(port(), qorError_debug_known_hosts_line);
         EXPECT_NE(last_error().find("Line 2"), std::string::npos) << last_error();
     }

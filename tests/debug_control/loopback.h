@@ -4,6 +4,7 @@
 #include "debug_control.h"
 #include "debug_listener.h"
 #include "plain_scram.h"
+#include "private_file_of.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
@@ -39,11 +40,6 @@ inline std::vector<std::string> texts(const qorStringArray& array) {
 
 inline bool has(const std::vector<std::string>& all, const std::string& text) {
     return std::find(all.begin(), all.end(), text) != all.end();
-}
-
-// Files that matter to logins are not used if others may read them.
-inline void keep_private(const std::string& path) {
-    std::filesystem::permissions(path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 }
 
 // Counts how often it is told; lives on the stack.
@@ -83,8 +79,8 @@ protected:
     static constexpr int rounds = 20;
 
     loopback_fixture() {
-        m_users = m_folder.file("users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other"));
-        keep_private(m_users);
+        m_users =
+            private_file(m_folder, "users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other"));
         listen(0);
     }
 

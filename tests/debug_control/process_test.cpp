@@ -50,8 +50,7 @@ const scene listen{"debug_control_listen", [](const words& arguments) {
 class debug_control_process : public testing::Test {
 protected:
     debug_control_process() {
-        m_users = m_folder.file("users", plain_scram::account("ada", "secret"));
-        keep_private(m_users);
+        m_users = private_file(m_folder, "users", plain_scram::account("ada", "secret"));
     }
 
     words environment(words more = {}) const {

@@ -1,7 +1,7 @@
 // The listener's side of a connection: peers of all kinds in memory, and a clock that the test moves.
 #include "accounts.h"
 #include "memory_client.h"
-#include "support/temp_folder.h"
+#include "private_file_of.h"
 
 namespace {
 
@@ -14,17 +14,12 @@ unsigned lucky(unsigned below) { return below - 1; }
 class sessions : public testing::Test {
 protected:
     sessions() {
-        const std::string users = m_folder / "users";
-        write_accounts(users);
+        const std::string users = private_file(
+            m_folder, "users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other"));
         EXPECT_TRUE(m_accounts.open(users.c_str()));
         EXPECT_TRUE(m_accounts.open_key(m_key));
         m_context = qor::control::make_server_context(m_key.get());
         m_host.context = m_context.get();
-    }
-
-    void write_accounts(const std::string& path) {
-        m_folder.file("users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other"));
-        std::filesystem::permissions(path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
     }
 
     std::unique_ptr<session> connect(const std::string& neighbour = "1234") {
@@ -347,6 +342,15 @@ TEST_F(sessions, other_protocols) {
         auto of = connect();
         of->receive("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n", m_now);
         ASSERT_TRUE(of->is_over());
+    }
+}
+
+// A hello of 120 KB is given no room, in however many records it comes.
+TEST_F(sessions, a_hello_that_claims_to_be_long) {
+    for (const std::string_view record : {std::string_view("\x16\3\1\0\4\1\1\xe0\0", 9), std::string_view("\x16\3\1\0\1\1", 6)}) {
+        auto of = connect();
+        of->receive(record, m_now);
+        EXPECT_TRUE(of->is_over());
     }
 }
 

@@ -50,12 +50,9 @@ int take_options(qorStringArray& args, settings& chosen) {
 
 // False: the user has been told.
 bool ask(uint32 prompt, const char* name, qorString& out) {
-    if (input_is_terminal()) {
-        qorString text;
-        text.Format(catalog, prompt, name);
-        text.Put(stderr, false);
-    }
-    if (read_secret(out))
+    qorString text;
+    text.Format(catalog, prompt, name);
+    if (read_secret(text, out))
         return true;
     fputmsg(stderr, catalog, 24, true);
     return false;

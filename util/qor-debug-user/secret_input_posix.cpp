@@ -21,9 +21,7 @@ extern "C" void show_again_and_end(int number) {
 class hidden_typing {
 public:
     hidden_typing() {
-        if (tcgetattr(STDIN_FILENO, &before) != 0)
-            return;
-        m_is_on = true;
+        tcgetattr(STDIN_FILENO, &before);
         struct sigaction action = {};
         action.sa_handler = show_again_and_end;
         // Raised once more, it does what it did before.
@@ -38,15 +36,12 @@ public:
     hidden_typing(const hidden_typing&) = delete;
     hidden_typing& operator=(const hidden_typing&) = delete;
     ~hidden_typing() {
-        if (!m_is_on)
-            return;
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
         for (std::size_t i = 0; i < std::size(ending_signals); ++i)
             sigaction(ending_signals[i], &m_actions[i], nullptr);
     }
 
 private:
-    bool m_is_on = false;
     struct sigaction m_actions[std::size(ending_signals)];
 };
 
@@ -54,7 +49,11 @@ private:
 
 bool input_is_terminal() { return isatty(STDIN_FILENO) == 1; }
 
-bool read_secret(qorString& line) {
+bool read_secret(const qorString& prompt, qorString& line) {
+    if (!input_is_terminal())
+        return line.GetLine(stdin);
+    // Nothing is asked for before it is safe to answer.
     const hidden_typing hidden;
+    prompt.Put(stderr, false);
     return line.GetLine(stdin);
 }

@@ -34,7 +34,7 @@ bool input_is_terminal() {
 }
 
 // The C library would read a console through its code page, which has not every character.
-bool read_secret(qorString& line) {
+bool read_secret(const qorString& prompt, qorString& line) {
     if (!input_is_terminal())
         return line.GetLine(stdin);
     wchar_t text[1024];
@@ -42,6 +42,7 @@ bool read_secret(qorString& line) {
     bool done;
     {
         const hidden_typing hidden(console());
+        prompt.Put(stderr, false);
         done = ReadConsoleW(console(), text, static_cast<DWORD>(std::size(text)), &count, nullptr) != 0 && count != 0;
     }
     while (count != 0 && (text[count - 1] == L'\n' || text[count - 1] == L'\r'))

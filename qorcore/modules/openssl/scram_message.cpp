@@ -4,7 +4,11 @@
 
 namespace {
 
-bool is_letter(char c) noexcept { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
+constexpr std::string_view known_names = "anmrcsipve";
+
+bool is_extension(char name) noexcept {
+    return ((name >= 'A' && name <= 'Z') || (name >= 'a' && name <= 'z')) && known_names.find(name) == known_names.npos;
+}
 
 } // namespace
 
@@ -24,7 +28,7 @@ bool qor::control::is_optional(std::string_view rest) noexcept {
     while (!rest.empty()) {
         const char name = rest.front();
         std::string_view value;
-        if (!is_letter(name) || name == 'm' || !take_attribute(rest, name, value) || value.empty())
+        if (!is_extension(name) || !take_attribute(rest, name, value) || value.empty())
             return false;
     }
     return true;

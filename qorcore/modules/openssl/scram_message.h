@@ -16,8 +16,8 @@ inline constexpr std::string_view scram_header = "p=tls-exporter,,";
 // value has characters that none may have.
 bool take_attribute(std::string_view& message, char name, std::string_view& value) noexcept;
 
-// Whether what is left of a message is nothing but extensions, which one need not understand. "m=" is an extension that
-// has to be understood, and so never fits.
+// Whether what is left of a message is nothing but extensions, which one need not understand. Names that messages have a
+// meaning for are none, "m" above all: it begins what has to be understood.
 bool is_optional(std::string_view rest) noexcept;
 
 // Printable ASCII without a comma, at least one.

@@ -38,6 +38,32 @@ int choose_protocol(SSL*, const unsigned char** out, unsigned char* out_size, co
     return SSL_TLSEXT_ERR_OK;
 }
 
+constexpr std::size_t header_size = 5;
+constexpr std::size_t longest_record = header_size + 16384 + 256;
+constexpr int longest_hello = 16384;
+
+// The whole of the record that begins here; 0: it is not known yet, or not all there. What is no record of TLS is for OpenSSL
+// to refuse.
+std::size_t record_size(std::string_view bytes) noexcept {
+    if (bytes.size() < header_size)
+        return 0;
+    const auto at = [bytes](std::size_t index) { return static_cast<uint8>(bytes[index]); };
+    const std::size_t size = header_size + static_cast<std::size_t>(at(3) << 8 | at(4));
+    if (at(0) < 20 || at(0) > 23 || at(1) != 3 || size > longest_record)
+        return bytes.size();
+    return bytes.size() < size ? 0 : size;
+}
+
+// A message of the handshake is given room for all that it claims to be, as soon as its first bytes are there. No client of
+// ours needs more than one record for it.
+bool is_modest(std::string_view record) noexcept {
+    constexpr char handshake = 22;
+    if (record[0] != handshake)
+        return true;
+    return record.size() >= header_size + 4 && (static_cast<uint8>(record[6]) << 16 | static_cast<uint8>(record[7]) << 8 |
+                                                static_cast<uint8>(record[8])) <= longest_hello;
+}
+
 // No authority vouches for a server: its key's fingerprint and the login do.
 int take_any_certificate(X509_STORE_CTX*, void*) noexcept { return 1; }
 
@@ -118,29 +144,23 @@ qor::control::tls_channel::tls_channel(SSL_CTX* context, side which) : m_ssl(SSL
 void qor::control::tls_channel::receive(std::string_view wire, std::string& plain) {
     if (m_state != state::handshake && m_state != state::open)
         return;
-    if (BIO_write(SSL_get_rbio(m_ssl.get()), wire.data(), static_cast<int>(wire.size())) !=
-        static_cast<int>(wire.size()))
-        throw no_memory();
-    follow_records(wire);
-    advance(plain);
-}
-
-// OpenSSL does not tell when it has read a header and nothing behind it.
-void qor::control::tls_channel::follow_records(std::string_view wire) noexcept {
-    while (!wire.empty()) {
-        if (m_header_size < sizeof m_header) {
-            m_header[m_header_size++] = static_cast<uint8>(wire[0]);
-            wire.remove_prefix(1);
-            m_body_left = static_cast<std::size_t>(m_header[3] << 8 | m_header[4]);
+    // OpenSSL would keep large buffers for a record that has only begun, and does not always tell that one has.
+    m_partial += wire;
+    std::string_view rest = m_partial;
+    std::size_t size;
+    for (; (size = record_size(rest)) != 0; rest.remove_prefix(size)) {
+        if (!is_modest(rest.substr(0, size))) {
+            m_reason = "a message of the handshake is too long";
+            m_state = state::failed;
+            return;
         }
-        if (m_header_size < sizeof m_header)
-            continue;
-        const std::size_t taken = std::min(m_body_left, wire.size());
-        wire.remove_prefix(taken);
-        m_body_left -= taken;
-        if (m_body_left == 0)
-            m_header_size = 0;
+        if (BIO_write(SSL_get_rbio(m_ssl.get()), rest.data(), static_cast<int>(size)) != static_cast<int>(size))
+            throw no_memory();
     }
+    if (rest.size() == m_partial.size())
+        return;
+    m_partial.erase(0, m_partial.size() - rest.size());
+    advance(plain);
 }
 
 void qor::control::tls_channel::advance(std::string& plain) {

@@ -54,7 +54,7 @@ public:
     const std::string& reason() const noexcept { return m_reason; }
 
     // Whether the peer has begun something, a record of TLS, that is not whole.
-    bool is_within() const noexcept { return m_header_size != 0; }
+    bool is_within() const noexcept { return !m_partial.empty(); }
 
     // Whether both sides agreed on the protocol; for a channel that is open.
     bool speaks_protocol() const noexcept;
@@ -65,7 +65,6 @@ public:
     key_fingerprint peer_key() const;
 
 private:
-    void follow_records(std::string_view wire) noexcept;
     void advance(std::string& plain);
     void fail();
     void drain();
@@ -74,10 +73,7 @@ private:
     state m_state = state::handshake;
     std::string m_outgoing;
     std::string m_reason;
-    // Where the peer is: in a record's header of five bytes, or in what comes behind it.
-    uint8 m_header[5] = {};
-    std::size_t m_header_size = 0;
-    std::size_t m_body_left = 0;
+    std::string m_partial; // of a record
 };
 
 // Of a public key.

@@ -1,0 +1,18 @@
+// Files that matter to logins are not used if others may read them.
+#pragma once
+
+#include "private_file.h"
+#include "support/temp_folder.h"
+
+#include <gtest/gtest.h>
+
+namespace qor::test {
+
+// A new file of a test's folder that is its owner's alone; its path.
+inline std::string private_file(const temp_folder& folder, const char* name, const std::string& text) {
+    std::string reason;
+    EXPECT_TRUE(control::write_private_file(folder / name, text, reason)) << reason;
+    return folder / name;
+}
+
+} // namespace qor::test

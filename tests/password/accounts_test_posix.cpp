@@ -1,0 +1,95 @@
+// Whose the files of debug control are, in the words of POSIX.
+#include "accounts.h"
+#include "plain_scram.h"
+#include "private_file.h"
+#include "qor/qor.h"
+#include "support/temp_folder.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace qor::control;
+
+class private_files : public testing::Test {
+protected:
+    uint32 error_with(mode_t mode, const std::string& path) {
+        EXPECT_EQ(chmod(path.c_str(), mode), 0);
+        accounts listener;
+        qor::crypto::key_pointer key;
+        if (listener.open(m_path.c_str()) && listener.open_key(key))
+            return 0;
+        qorString text;
+        return qorGetLastError(text);
+    }
+
+    mode_t mode_of(const std::string& path) const {
+        struct stat status = {};
+        EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+        return status.st_mode & 07777;
+    }
+
+    qor::test::temp_folder m_folder;
+    const std::string m_path = m_folder.file("users", plain_scram::account("ada", "secret"));
+};
+
+TEST_F(private_files, are_their_owners_alone) {
+    for (const mode_t mode : {0604, 0640, 0602, 0620, 0601, 0610, 0644, 0666, 0777, 0640, 0660})
+        EXPECT_EQ(error_with(mode, m_path), qorError_accounts_unusable) << std::oct << mode;
+    for (const mode_t mode : {0600, 0700, 0400})
+        EXPECT_EQ(error_with(mode, m_path), 0u) << std::oct << mode;
+    EXPECT_EQ(mode_of(m_path + ".key"), 0600u);
+    EXPECT_EQ(error_with(0640, m_path + ".key"), qorError_server_key_unusable);
+}
+
+TEST_F(private_files, are_not_somebody_elses) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give a file away";
+    EXPECT_EQ(chmod(m_path.c_str(), 0600), 0);
+    EXPECT_EQ(chown(m_path.c_str(), 12345, 12345), 0);
+    EXPECT_EQ(error_with(0600, m_path), qorError_accounts_unusable);
+}
+
+TEST_F(private_files, are_files) {
+    qorStringArray names;
+    EXPECT_FALSE(qorGetDebugUsers(m_folder.path().c_str(), names));
+    EXPECT_FALSE(qorGetDebugUsers("/dev/null", names));
+    const std::string pipe = m_folder / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_FALSE(qorGetDebugUsers(pipe.c_str(), names)); // and does not wait for a writer
+}
+
+TEST_F(private_files, are_private_whatever_the_mask) {
+    const mode_t before = umask(0);
+    const std::string path = m_folder / "new/folder/users";
+    std::string reason;
+    EXPECT_TRUE(write_private_file(path, "text", reason)) << reason;
+    umask(0777);
+    EXPECT_TRUE(write_private_file(m_folder / "closed", "text", reason)) << reason;
+    umask(before);
+    EXPECT_EQ(mode_of(path), 0600u);
+    EXPECT_EQ(mode_of(m_folder / "closed"), 0600u);
+    EXPECT_EQ(mode_of(m_folder / "new/folder"), 0700u);
+    EXPECT_EQ(mode_of(m_folder / "new"), 0700u);
+}
+
+// A file that cannot be written leaves the old one, and nothing beside it.
+TEST_F(private_files, whole_or_not_at_all) {
+    std::string reason;
+    ASSERT_EQ(chmod(m_path.c_str(), 0600), 0);
+    const std::string link = m_folder / "link";
+    ASSERT_EQ(symlink(m_path.c_str(), link.c_str()), 0);
+    ASSERT_TRUE(write_private_file(link, "through the link", reason)) << reason;
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_EQ(qor::test::read_file(m_path), "through the link");
+    EXPECT_FALSE(write_private_file(m_path + "/below", "text", reason));
+    EXPECT_FALSE(reason.empty());
+    std::filesystem::create_directory(m_folder / "taken");
+    EXPECT_FALSE(write_private_file(m_folder / "taken", "text", reason));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder.path()), {}), 3);
+}
+
+} // namespace

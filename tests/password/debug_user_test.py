@@ -1,0 +1,232 @@
+#!/usr/bin/env python3
+"""Whole runs of qor-debug-user: through pipes, and in a terminal.
+
+usage: debug_user_test.py --tool PATH [--runner PROGRAM]
+"""
+
+import argparse
+import base64
+import hashlib
+import hmac
+import os
+import re
+import signal
+import stat
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
+from tool import Tool, add_options  # noqa: E402  # beside this folder
+
+ACCOUNT = re.compile(rb"([^:]+):SCRAM-SHA-256\$(\d+):([^$]+)\$([^:]+):(.+)")
+tool = None
+
+
+def is_password(line, password):
+    """Whether this line of the file holds it, by the book and not by our code."""
+    _, iterations, salt, stored, _ = ACCOUNT.fullmatch(line).groups()
+    salted = hashlib.pbkdf2_hmac("sha256", password, base64.b64decode(salt), int(iterations))
+    key = hmac.digest(salted, b"Client Key", "sha256")
+    return base64.b64decode(stored) == hashlib.sha256(key).digest()
+
+
+class DebugUser(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="qor.")
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+        self.file = self.folder / "users"
+
+    def run_tool(self, *words, given=b"", file=True, env=()):
+        command = [*tool.command, *([f"--file={self.file}"] if file else []), *words]
+        done = subprocess.run(command, input=given, capture_output=True, cwd=self.folder, timeout=250,
+                              env={**tool.environment(), **dict(env)})
+        return done.returncode, tool.printed(done.stdout).decode(), tool.printed(done.stderr).decode()
+
+    def lines(self):
+        return self.file.read_bytes().splitlines()
+
+    # ---- through pipes
+
+    def test_an_account_comes_changes_and_goes(self):
+        self.assertEqual(self.run_tool("add", "ada", given=b"secret\nnext line\n"), (0, "", "The account 'ada' was made.\n"))
+        self.assertTrue(is_password(self.lines()[0], b"secret"))
+        self.assertEqual(self.run_tool("add", "bob", given="grün 世".encode()), (0, "", "The account 'bob' was made.\n"))
+        self.assertTrue(is_password(self.lines()[1], "grün 世".encode()))
+        self.assertEqual(self.run_tool("list"), (0, "ada\nbob\n", ""))
+        self.assertEqual(self.run_tool("password", "ada", given=b" other \r\n"),
+                         (0, "", "The account 'ada' has another password now.\n"))
+        self.assertTrue(is_password(self.lines()[0], b" other "))
+        self.assertEqual(self.run_tool("remove", "ada"), (0, "", "The account 'ada' was taken away.\n"))
+        self.assertEqual(self.run_tool("list"), (0, "bob\n", ""))
+        self.assertEqual(sorted(path.name for path in self.folder.iterdir()), ["users", "users.key"])
+
+    def test_a_password_that_is_made_up(self):
+        code, out, err = self.run_tool("--generate", "add", "ada")
+        self.assertEqual((code, err), (0, "The account 'ada' was made.\n"))
+        self.assertRegex(out, r"\A[2-9a-km-np-z]{5}(-[2-9a-km-np-z]{5}){3}\n\Z")
+        self.assertTrue(is_password(self.lines()[0], out.strip().encode()))
+        again = self.run_tool("password", "--generate", "ada")[1]
+        self.assertNotEqual(again, out)
+        self.assertTrue(is_password(self.lines()[0], again.strip().encode()))
+
+    def test_the_key_beside_the_accounts(self):
+        self.run_tool("--generate", "add", "ada")
+        key = self.file.with_name("users.key")
+        before = key.read_bytes()
+        done = subprocess.run(["openssl", "pkey", "-in", key, "-noout", "-text"], capture_output=True, check=True)
+        self.assertIn(b"prime256v1", done.stdout)
+        self.run_tool("--generate", "add", "bob")
+        self.assertEqual(key.read_bytes(), before)
+
+    def test_what_is_refused(self):
+        self.run_tool("--generate", "add", "ada")
+        before = self.file.read_bytes()
+        no_user = f"There is no account 'eve' in '{self.file}'.\n"
+        for words, given, text in [
+            (("add", "ada"), b"x\n", "There is an account 'ada' already. 'qor-debug-user password ada' changes its password.\n"),
+            (("password", "eve"), b"x\n", no_user),
+            (("remove", "eve"), b"", no_user),
+            (("add", "eve"), b"", "There is no password: the input has ended.\n"),
+            (("add", "eve"), b"\n", "An account of debug control needs a password that is not empty.\n"),
+            (("add", "eve"), b"a\tb\n", "A password cannot have control characters.\n"),
+            (("add", "eve"), b"a\0b\n", "A password cannot have control characters.\n"),
+            (("add", "a:b"), b"x\n", None),
+            (("add", ""), b"x\n", None),
+        ]:
+            code, out, err = self.run_tool(*words, given=given)
+            self.assertEqual((code, out), (1, ""), words)
+            if text is not None:
+                self.assertEqual(err, text)
+            else:
+                self.assertIn("cannot name an account", err)
+        self.assertEqual(self.file.read_bytes(), before)
+
+    def test_words_that_cannot_be(self):
+        see = "'qor-debug-user help'"
+        for words, code, err in [
+            ((), 10, f"No action was given. {see} lists the actions.\n"),
+            (("--generate",), 10, f"No action was given. {see} lists the actions.\n"),
+            (("what",), 13, f"There is no action 'what'. {see} lists the actions.\n"),
+            (("Add", "x"), 13, f"There is no action 'Add'. {see} lists the actions.\n"),
+            (("--what", "add", "x"), 2, f"There is no option '--what'. {see} lists the options.\n"),
+            (("add", "--what", "x"), 2, f"There is no option '--what'. {see} lists the options.\n"),
+            (("--file", "list"), 2, "The option '--file' is written '--file=FILE'.\n"),
+            (("--generate=yes", "list"), 2, "The option '--generate' is written '--generate'.\n"),
+            (("add",), 1, f"The number of words is wrong for 'add'. {see} shows what it takes.\n"),
+            (("add", "x", "secret"), 1, f"The number of words is wrong for 'add'. {see} shows what it takes.\n"),
+            (("list", "x"), 1, f"The number of words is wrong for 'list'. {see} shows what it takes.\n"),
+        ]:
+            self.assertEqual(self.run_tool(*words, file=False), (code, "", err), words)
+
+    def test_a_missing_and_a_damaged_file(self):
+        self.assertEqual(self.run_tool("list"), (1, "", f"There are no accounts for debug control in '{self.file}'. "
+                                                        "'qor-debug-user add NAME' makes one.\n"))
+        self.run_tool("--generate", "add", "ada")
+        self.file.write_bytes(self.file.read_bytes() + b"eve\n")
+        damaged = f"Line 2 of the accounts in '{self.file}' cannot be used: it has no colon behind the name.\n"
+        for words in (("list",), ("remove", "ada"), ("--generate", "add", "bob")):
+            self.assertEqual(self.run_tool(*words), (1, "", damaged))
+
+    def test_help_in_three_languages(self):
+        for language, begin in (("en", "Usage: qor-debug-user"), ("de", "Aufruf: qor-debug-user"), ("fr", "Utilisation : qor-debug-user")):
+            code, out, err = self.run_tool("help", env=[("LANGUAGE", language), ("LC_ALL", "C.UTF-8")])
+            self.assertEqual((code, err), (0, ""))
+            self.assertTrue(out.startswith(begin), out)
+            for word in ("add", "password", "remove", "list", "help", "--file=", "--generate", "--qor-debug="):
+                self.assertIn(f"\n  {word}", out)
+
+    # ---- Linux
+
+    def needs_linux(self):
+        if tool.for_windows:
+            self.skipTest("files have modes and terminals are files on POSIX alone")
+
+    def test_where_it_writes(self):
+        self.needs_linux()
+        self.assertEqual(self.run_tool("--generate", "add", "ada", file=False, env=[("XDG_CONFIG_HOME", str(self.folder))])[0], 0)
+        folder = self.folder / "qor"
+        self.assertEqual(stat.S_IMODE(folder.stat().st_mode), 0o700)
+        for name in ("debug-users", "debug-users.key"):
+            self.assertEqual(stat.S_IMODE((folder / name).stat().st_mode), 0o600)
+
+    def test_a_file_that_others_can_read(self):
+        self.needs_linux()
+        self.run_tool("--generate", "add", "ada")
+        self.file.chmod(0o644)
+        self.assertEqual(self.run_tool("list"), (1, "", f"The accounts in '{self.file}' cannot be used: others than its owner have "
+                                                        "access to it, which 'chmod 600' takes away.\n"))
+
+    def test_a_full_disk(self):
+        self.needs_linux()
+        self.run_tool("--generate", "add", "ada")
+        with open("/dev/full", "wb") as full:
+            done = subprocess.run([*tool.command, f"--file={self.file}", "list"], stdout=full, stderr=subprocess.PIPE,
+                                  env=tool.environment())
+        self.assertEqual((done.returncode, done.stderr), (1, b"The results could not be written: No space left on device.\n"))
+
+    # Types lines when they are asked for; what the terminal showed, and the exit code.
+    def type_in(self, *answers, words=("add", "ada")):
+        import pty
+        import termios
+        child, terminal = pty.fork()
+        if child == 0:
+            os.execve(tool.command[0], [*tool.command, f"--file={self.file}", *words], tool.environment())
+        shown = b""
+        for prompt, answer in answers:
+            while not shown.endswith(prompt):
+                shown += os.read(terminal, 4096)
+            echo = termios.tcgetattr(terminal)[3] & termios.ECHO
+            self.assertEqual(echo, 0)
+            os.write(terminal, answer)
+        try:
+            while piece := os.read(terminal, 4096):
+                shown += piece
+        except OSError:
+            pass  # how Linux says that the other end is closed
+        code = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+        os.close(terminal)
+        return code, shown.replace(b"\r\n", b"\n").decode()
+
+    def test_typed_twice_and_not_shown(self):
+        self.needs_linux()
+        first, second = b"Password for 'ada': ", b"The same again: "
+        self.assertEqual(self.type_in((first, b"secret\n"), (second, b"secret\n")),
+                         (0, "Password for 'ada': \nThe same again: \nThe account 'ada' was made.\n"))
+        self.assertTrue(is_password(self.lines()[0], b"secret"))
+        before = self.file.read_bytes()
+        self.assertEqual(self.type_in((first, b"one\n"), (second, b"two\n"), words=("password", "ada")),
+                         (1, "Password for 'ada': \nThe same again: \nThe two are not the same. Nothing was changed.\n"))
+        self.assertEqual(self.type_in((first, b"\x04"), words=("password", "ada"))[0], 1)
+        self.assertEqual(self.type_in((first, b"one\n"), (second, b"\x04"), words=("password", "ada"))[0], 1)
+        self.assertEqual(self.file.read_bytes(), before)
+
+    def test_an_interrupt_leaves_a_terminal_that_shows_what_is_typed(self):
+        self.needs_linux()
+        import pty
+        import termios
+        terminal, inside = pty.openpty()
+        process = subprocess.Popen([*tool.command, f"--file={self.file}", "add", "ada"], stdin=inside, stderr=subprocess.PIPE,
+                                   env=tool.environment())
+        prompt = b"Password for 'ada': "
+        self.assertEqual(process.stderr.read(len(prompt)), prompt)
+        while termios.tcgetattr(inside)[3] & termios.ECHO:
+            pass
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(process.wait(), -signal.SIGINT)
+        self.assertNotEqual(termios.tcgetattr(inside)[3] & termios.ECHO, 0)
+        self.assertFalse(self.file.exists())
+        for end in (terminal, inside):
+            os.close(end)
+        process.stderr.close()
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    add_options(parser)
+    options, rest = parser.parse_known_args()
+    tool = Tool(options.tool, options.runner)
+    unittest.main(argv=[sys.argv[0], *rest], verbosity=0)
