@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <random>
 
 namespace {
 
@@ -21,11 +22,12 @@ constexpr std::array<uint8, 32> binding = {7, 8, 9};
 class listener {
 public:
     listener() {
-        std::string name = std::filesystem::temp_directory_path() / "qor.fuzz.XXXXXX";
-        m_folder = mkdtemp(name.data());
+        m_folder = std::filesystem::temp_directory_path() / ("qor.fuzz." + std::to_string(std::random_device{}()));
+        require(std::filesystem::create_directory(m_folder));
+        const std::string path = (m_folder / "users").string();
         std::string reason;
-        require(write_private_file(m_folder / "users", plain_scram::account("ada", "secret"), reason));
-        require(users.open((m_folder / "users").c_str()) && users.open_key(m_key));
+        require(write_private_file(path, plain_scram::account("ada", "secret"), reason));
+        require(users.open(path.c_str()) && users.open_key(m_key));
     }
     ~listener() { std::filesystem::remove_all(m_folder); }
 

@@ -3,6 +3,7 @@
 #include "folder/folder.h"
 
 #include "error/error.h"
+#include "process/system_library_windows.h"
 #include "string/wide_windows.h"
 
 #include <initguid.h>
@@ -55,19 +56,10 @@ const place& place_of(qorFolderId id) {
                                                       : places[id];
 }
 
-template <class FUNCTION>
-FUNCTION* function_of(const wchar_t* library, const char* name) {
-    const HMODULE module = LoadLibraryExW(library, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    // By way of a type that stands for any function.
-    return module != nullptr
-               ? reinterpret_cast<FUNCTION*>(reinterpret_cast<void (*)()>(GetProcAddress(module, name)))
-               : nullptr;
-}
-
 // Both return the system's code, 0 for success.
 DWORD known_folder(const KNOWNFOLDERID& known, std::string& path) {
-    auto* const ask = function_of<decltype(SHGetKnownFolderPath)>(L"shell32.dll", "SHGetKnownFolderPath");
-    auto* const release = function_of<decltype(CoTaskMemFree)>(L"ole32.dll", "CoTaskMemFree");
+    auto* const ask = qor::process::find_function<decltype(SHGetKnownFolderPath)>(L"shell32.dll", "SHGetKnownFolderPath");
+    auto* const release = qor::process::find_function<decltype(CoTaskMemFree)>(L"ole32.dll", "CoTaskMemFree");
     if (ask == nullptr || release == nullptr)
         return GetLastError();
     wchar_t* found = nullptr;

@@ -54,7 +54,7 @@ std::string scope_text(const qoraddr_ipv6& address, uint32 scope) {
 std::string qor::net::to_text(const qoraddr_ipv4& address) {
     std::string text;
     for (const uint8 byte : address.bytes)
-        text += (text.empty() ? "" : ".") + std::to_string(byte);
+        text.append(text.empty() ? "" : ".").append(std::to_string(byte));
     return text;
 }
 
@@ -83,7 +83,7 @@ std::string qor::net::to_text(const qoraddr_ipv6& address, uint32 scope) {
     if (embeds) {
         qoraddr_ipv4 embedded;
         std::copy(address.bytes + 12, std::end(address.bytes), embedded.bytes);
-        text += (text.back() != ':' ? ":" : "") + to_text(embedded);
+        text.append(text.back() != ':' ? ":" : "").append(to_text(embedded));
     }
     return scope != 0 ? text + scope_text(address, scope) : text;
 }
