@@ -56,6 +56,9 @@ class TimerCheck(unittest.TestCase):
     def end(process):
         process.kill()
         process.communicate()
+        # libfaketime would do it at an orderly end.
+        for name in ("faketime_shm_", "sem.faketime_sem_"):
+            Path(f"/dev/shm/{name}{process.pid}").unlink(missing_ok=True)
 
     def line(self, process, form):
         """The next line of standard error, as soon as it is there; the parts that `form` names."""
