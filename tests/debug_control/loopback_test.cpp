@@ -54,6 +54,22 @@ TEST_F(loopback, six_wrong_logins_and_a_right_one) {
     EXPECT_TRUE(control->DisableAll());
 }
 
+TEST_F(loopback, names_that_fit_no_frame_end_no_connection) {
+    control_pointer control = connect();
+    EXPECT_FALSE(control->Login(std::string(256, 'a').c_str(), "secret"));
+    EXPECT_EQ(error_number(), qorError_credentials_refused);
+    EXPECT_FALSE(control->Login(std::string(100'000, 'a').c_str(), "secret"));
+    EXPECT_EQ(error_number(), qorError_credentials_refused);
+    EXPECT_FALSE(control->Login(std::string(255, 'a').c_str(), "secret"));
+    EXPECT_EQ(error_number(), qorError_credentials_refused);
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    for (const std::size_t length : {65'535u, 65'536u, 1'000'000u}) {
+        EXPECT_FALSE(control->EnableCode(std::string(length, 'x').c_str(), true));
+        EXPECT_EQ(error_number(), qorError_debug_refused) << length;
+    }
+    EXPECT_TRUE(control->DisableAll()) << last_error();
+}
+
 TEST_F(loopback, operations_want_a_connection_and_a_login) {
     control_pointer control = make();
     qorStringArray out;

@@ -1,9 +1,11 @@
 #include "debug_control.h"
 
+#include "accounts.h"
 #include "debug_link.h"
 #include "known_hosts.h"
 #include "scram_client.h"
 
+#include <cstring>
 #include <system_error>
 
 using namespace std::chrono_literals;
@@ -48,6 +50,11 @@ public:
                 qorSetLastError(qorError_debug_logged_in);
                 return false;
             }
+            // No account has such a name, and the frame that carried it would end the connection.
+            if (std::strlen(username) > qor::control::longest_user_name) {
+                qorSetLastError(qorError_credentials_refused);
+                return false;
+            }
             // A listener lets a connection go after some refusals, or when nobody logs in for long. That is no reason
             // to bother the user, who has only to type once more.
             const bool fresh = !is_alive();
@@ -83,8 +90,16 @@ public:
                 qorSetLastError(qorError_invalid_argument, "IQORDebugControl::EnableCode", "name");
                 return false;
             }
+            if (!is_logged_in())
+                return false;
+            const std::string payload = std::string(1, enable ? '\1' : '\0') + name;
+            // A name that fits no frame is the name of no code.
+            if (payload.size() > qor::control::payload_limit) {
+                qorSetLastError(qorError_debug_refused);
+                return false;
+            }
             frame answer;
-            return is_logged_in() && ask(frame_type::enable_code, std::string(1, enable ? '\1' : '\0') + name, answer);
+            return ask(frame_type::enable_code, payload, answer);
         });
     }
 
