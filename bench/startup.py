@@ -51,6 +51,7 @@ def main():
             "dow": ([options.tool, "dow", "28/3/2021"], 0),
             "tztest": ([options.tool, "tztest"], 0),
             "path-list": ([options.tool, "path-list"], 0),
+            "userinfo": ([options.tool, "userinfo", "root"], 0),
         }
         times = {name: [] for name in programs}
         for round_number in range((20 if options.brief else 400) + 1):
