@@ -2,7 +2,11 @@
 
 #include <cstring>
 
-void wipe(void* memory, std::size_t size) noexcept { explicit_bzero(memory, size); }
+void wipe(void* memory, std::size_t size) noexcept {
+    // An empty string may have no memory at all.
+    if (size != 0)
+        explicit_bzero(memory, size);
+}
 
 // The words of main are what the system shows.
 void wipe_system_command_line() noexcept {}
