@@ -97,12 +97,12 @@ std::string extended_of(const section& from) {
     std::string text;
     for (const auto& [key, word] : {std::pair{"CPU implementer", "implementer "}, {"CPU architecture", " architecture "},
                                     {"CPU variant", " variant "}, {"CPU part", " part "}, {"CPU revision", " revision "}})
-        text += word + std::string(value(from, key));
+        text.append(word).append(value(from, key));
     std::string extensions;
     std::string_view features = value(from, "Features"), word;
     while (qor::system::take_word(features, word))
         if (std::find(std::begin(arm_extensions), std::end(arm_extensions), word) != std::end(arm_extensions))
-            extensions += " " + std::string(word);
+            extensions.append(" ").append(word);
     return extensions.empty() ? text : text + ":" + extensions;
 }
 
