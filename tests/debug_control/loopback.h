@@ -76,8 +76,6 @@ private:
 
 class loopback_fixture : public testing::Test {
 protected:
-    static constexpr int rounds = 20;
-
     loopback_fixture() {
         m_users =
             private_file(m_folder, "users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other"));
