@@ -43,11 +43,18 @@ public:
     using mtrace_proc::mtrace_proc;
 
     static void* operator new(std::size_t size) {
-        static void* const memory = ::operator new(sizeof(analyser));
+        static void* const memory = made();
         log_run::require(size == sizeof(analyser));
         return memory;
     }
     static void operator delete(void*) noexcept {}
+
+private:
+    static void* made() {
+        // The C library learns from what is freed how much to keep: else it would give back the pages of every run.
+        ::operator delete(::operator new(sizeof(analyser)));
+        return ::operator new(sizeof(analyser));
+    }
 };
 
 // A folder that is gone when the process ends. The quicker its file system, the quicker the runs: name one in memory by TMPDIR

@@ -57,12 +57,13 @@ private:
     static_assert(head_lead < batch::margin);
 
     bool next_batch(allocation_table& table) {
+        const bool has_more = m_ahead || m_source.has_text();
         // A log that is short needs no thread.
-        if (m_first.size != 0 && m_extent == extent::whole && !m_ahead)
+        if (has_more && m_first.size != 0 && m_extent == extent::whole && !m_ahead)
             start_thread();
         if (m_ahead)
             m_batch = m_ahead->next();
-        else if (!m_source.lend(m_first))
+        else if (!has_more || !m_source.lend(m_first))
             m_batch = nullptr;
         if (m_batch == nullptr) {
             set_empty();

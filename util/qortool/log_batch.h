@@ -58,8 +58,15 @@ public:
 
     bool is_open() const noexcept { return !m_file.IsEmpty(); }
 
-    // The next lines; their text is the reader's. False: there are none, or they cannot be read, and then the last error
-    // says why.
+    // Whether lines follow; reads them. False: there are none, or they cannot be read, and then the last error says why.
+    bool has_text() {
+        uint64 size = 0;
+        if (m_next == m_end && m_file->ReadLines(&m_next, &size))
+            m_end = m_next + size;
+        return m_next != m_end;
+    }
+
+    // The next lines; their text is the reader's. False: there are none, as above.
     bool lend(batch& out) {
         if (!has_text())
             return false;
@@ -85,13 +92,6 @@ public:
     }
 
 private:
-    bool has_text() {
-        uint64 size = 0;
-        if (m_next == m_end && m_file->ReadLines(&m_next, &size))
-            m_end = m_next + size;
-        return m_next != m_end;
-    }
-
     static void parse(batch& out, const char* text, const char* end) {
         const char* next = text;
         uint32 count = 0;
