@@ -124,7 +124,7 @@ bool qor::control::service::serve(connection& of, bool ready, moment now) {
 }
 
 bool qor::control::service::receive(connection& of, moment now) {
-    char bytes[16384];
+    char bytes[4096]; // so much at a time that what many small records mean needs no more room than a long one
     std::size_t count;
     const int failed = net::receive(of.socket, bytes, sizeof bytes, &count);
     if (failed == net::would_block)
@@ -149,5 +149,6 @@ bool qor::control::service::flush(connection& of) {
             return false;
         out.erase(0, count);
     }
+    out.shrink_to_fit();
     return true;
 }

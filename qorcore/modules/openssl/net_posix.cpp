@@ -174,6 +174,7 @@ int qor::net::accept_from(const socket& listener, socket& out, endpoint& from) {
     out = socket(made);
     const int on = 1;
     setsockopt(made, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(made, SOL_SOCKET, SO_SNDBUF, &send_room, sizeof send_room);
     return 0;
 }
 

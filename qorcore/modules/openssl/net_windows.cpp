@@ -159,6 +159,7 @@ int qor::net::accept_from(const socket& listener, socket& out, endpoint& from) {
     if (made == INVALID_SOCKET)
         return WSAGetLastError();
     set_up(made);
+    setsockopt(made, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<const char*>(&send_room), sizeof send_room);
     from.size = static_cast<unsigned>(size);
     out = socket(static_cast<std::intptr_t>(made));
     return 0;
