@@ -139,7 +139,7 @@ int qor::net::listen_at(const endpoint& at, socket& out) {
     set_on(made, SOL_SOCKET, SO_EXCLUSIVEADDRUSE);
     if (family_of(at) == AF_INET6)
         set_on(made, IPPROTO_IPV6, IPV6_V6ONLY);
-    if (bind(handle_of(made), address_of(at), size_of(at)) != 0 || listen(handle_of(made), 64) != 0)
+    if (bind(handle_of(made), address_of(at), size_of(at)) != 0 || listen(handle_of(made), SOMAXCONN) != 0)
         return WSAGetLastError();
     out = std::move(made);
     return 0;
