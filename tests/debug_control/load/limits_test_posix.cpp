@@ -1,5 +1,6 @@
 // The limits of a listener before a login, and of what it keeps for who does not read: real sockets, the real clock.
 #include "host_process.h"
+#include "session_fixture.h"
 #include "socket_peer.h"
 #include "support/load.h"
 
@@ -140,6 +141,34 @@ TEST(limits, guesses_from_one_address) {
                 "a login of another one meanwhile: %.0f ms\n",
                 answered.size(), seconds, most, login * 1000);
     EXPECT_EQ(most, 20u);
+}
+
+// A peer that is there and does not log in; the clock moves by itself in the whole form only.
+class grace : public sessions {};
+
+TEST_F(grace, for_a_login) {
+    memory_client peer;
+    auto of = connect();
+    peer.exchange(*of, m_now);
+    const moment begin = m_now;
+    for (; !of->is_over() && m_now < begin + 200s; pass(*of, 100ms, &peer)) {
+        peer.send(frame_type::heartbeat, 0, {});
+        peer.exchange(*of, m_now);
+    }
+    const double time = std::chrono::duration<double>(m_now - begin).count();
+    std::printf("time for a login, the clock moved: %.1f s (120)\n", time);
+    EXPECT_NEAR(time, 120, 0.1);
+    if (!whole_load())
+        return;
+    host_process host;
+    tls_peer real(host.port(), source_address(1));
+    const test_clock::time_point connected = test_clock::now();
+    ASSERT_TRUE(real.shake_hands());
+    while (seconds_since(connected) < 200 && real.send(frame_type::heartbeat, 0, {}) && !real.socket.is_cut_within(1s)) {
+    }
+    const double real_time = seconds_since(connected);
+    std::printf("time for a login, the real clock: %.1f s (120)\n", real_time);
+    EXPECT_NEAR(real_time, 120, 2);
 }
 
 } // namespace
