@@ -41,11 +41,12 @@ TEST(timing, of_known_and_unknown_users) {
     std::mutex lock;
     answers known, unknown;
     std::vector<std::thread> all;
-    // From an address of its own each, so that no guess has to wait; one of the known user, one of an unknown one.
+    // From an address of its own each, so that no guess has to wait; of the known user and of unknown ones in turn, and of
+    // both at any time.
     for (int lane = 0; lane < lanes; ++lane)
         all.emplace_back([&, lane] {
             for (int i = lane; i < 2 * tries; i += lanes) {
-                const bool is_known = i / lanes % 2 == 0;
+                const bool is_known = (i / lanes + lane) % 2 == 0;
                 plain_scram::client who{is_known ? "ada" : "x" + std::to_string(10 + i % 90), "guess", {}};
                 tls_peer peer(host.port(), source_address(static_cast<unsigned>(i)));
                 ASSERT_TRUE(peer.shake_hands());

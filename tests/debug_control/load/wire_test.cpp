@@ -232,7 +232,7 @@ TEST_F(wire, the_search_finds_every_form) {
 
 TEST_F(wire, of_a_console_and_a_listener) {
     recorder between(m_port);
-    const int logins = load(3, 50);
+    const int logins = load(3, 15);
     for (int i = 0; i < logins; ++i)
         log_in_and_work(between.port());
     const std::string bytes = between.recorded();
