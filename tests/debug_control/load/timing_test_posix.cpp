@@ -75,13 +75,15 @@ TEST(timing, of_known_and_unknown_users) {
     const std::string only = known.shapes.front();
     const auto same = std::count(known.shapes.begin(), known.shapes.end(), only) +
                       std::count(unknown.shapes.begin(), unknown.shapes.end(), only);
-    std::printf("messages to a known and to an unknown user: %ld of %d of the same shape\n", static_cast<long>(same), 2 * tries);
+    std::printf("messages to a known and to an unknown user: %ld of %d of the same shape\n", static_cast<long>(same),
+                2 * tries);
     EXPECT_EQ(same, 2 * tries);
-    for (const auto& [what, times] : {std::pair("the first answer", &answers::first), std::pair("the refusal", &answers::last)}) {
+    for (const auto& [what, times] :
+         {std::pair("the first answer", &answers::first), std::pair("the refusal", &answers::last)}) {
         const double of_known = median(known.*times);
         const double of_unknown = median(unknown.*times);
-        std::printf("time until %s, medians of %d: a known user %.2f ms, an unknown one %.2f ms (5 ms apart at most)\n", what, tries,
-                    of_known, of_unknown);
+        std::printf("time until %s, medians of %d: a known user %.2f ms, an unknown one %.2f ms (5 ms apart at most)\n",
+                    what, tries, of_known, of_unknown);
         if (whole_load()) {
             EXPECT_LT(std::abs(of_known - of_unknown), 5) << what;
         }
