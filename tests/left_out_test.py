@@ -21,7 +21,7 @@ def listed():
 
 
 def in_sources():
-    return {f"{suite}.{name}" for path in HERE.glob("*/*_test_posix.cpp")
+    return {f"{suite}.{name}" for path in HERE.rglob("*_test_posix.cpp")
             for suite, name in re.findall(r"^TEST(?:_F)?\((\w+), (\w+)\)", path.read_text(), re.MULTILINE)}
 
 
