@@ -37,6 +37,10 @@ public:
 
     uint16 port() const { return m_port; }
 
+    // For a conduct that waits for something else as well: it returns when the receiver of the end is ready.
+    const net::socket& connection() const { return m_connection; }
+    const net::socket& end() const { return m_waker.receiver(); }
+
     // Whatever the peer sends next; empty: it is gone.
     std::string read() {
         for (;;) {
@@ -110,7 +114,7 @@ public:
             BIO_write(SSL_get_rbio(m_ssl.get()), wire.data(), static_cast<int>(wire.size()));
             char piece[4096];
             for (int size; (size = SSL_read(m_ssl.get(), piece, sizeof piece)) > 0;)
-                m_frames.add({piece, static_cast<std::size_t>(size)});
+                take({piece, static_cast<std::size_t>(size)});
             flush();
         }
     }
@@ -122,7 +126,14 @@ public:
         flush();
     }
 
+    std::string plain; // all that came, deciphered
+
 private:
+    void take(std::string_view deciphered) {
+        plain += deciphered;
+        m_frames.add(deciphered);
+    }
+
     static int choose(SSL*, const unsigned char** out, unsigned char* size, const unsigned char*, unsigned, void* self) {
         const std::string& protocol = static_cast<fake_tls*>(self)->m_wanted.protocol;
         *out = reinterpret_cast<const unsigned char*>(protocol.data());

@@ -1,114 +1,9 @@
 // The listener's side of a connection: peers of all kinds in memory, and a clock that the test moves.
-#include "accounts.h"
-#include "memory_client.h"
-#include "private_file_of.h"
+#include "session_fixture.h"
 
 namespace {
 
 using namespace qor::test;
-using qor::control::gate;
-using qor::control::session;
-
-unsigned lucky(unsigned below) { return below - 1; }
-
-class sessions : public testing::Test {
-protected:
-    sessions() {
-        const std::string users = private_file(
-            m_folder, "users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other"));
-        EXPECT_TRUE(m_accounts.open(users.c_str()));
-        EXPECT_TRUE(m_accounts.open_key(m_key));
-        m_context = qor::control::make_server_context(m_key.get());
-        m_host.context = m_context.get();
-    }
-
-    std::unique_ptr<session> connect(const std::string& neighbour = "1234") {
-        EXPECT_TRUE(m_gate.enter(neighbour));
-        return std::make_unique<session>(m_host, "127.0.0.1 port 9", neighbour, m_now);
-    }
-
-    // The clock goes on, and the session looks at it as often as it asked for.
-    void pass(session& of, std::chrono::milliseconds time, memory_client* peer = nullptr) {
-        const moment end = m_now + time;
-        while (!of.is_over() && of.next_look() <= end) {
-            m_now = std::max(m_now, of.next_look());
-            of.look_at_clock(m_now);
-            if (peer != nullptr)
-                peer->exchange(of, m_now);
-        }
-        m_now = end;
-    }
-
-    // The same with a peer that sends heartbeats.
-    void pass_alive(session& of, std::chrono::seconds time, memory_client& peer) {
-        for (auto passed = 0s; passed < time && !of.is_over(); passed += 5s) {
-            peer.send(frame_type::heartbeat, 0, {});
-            peer.exchange(of, m_now);
-            pass(of, 5s, &peer);
-        }
-    }
-
-    // A login up to the answer to its first message.
-    std::string begin(session& of, memory_client& peer, const plain_scram::client& who) {
-        peer.send(frame_type::login_first, 1, who.first());
-        peer.exchange(of, m_now);
-        const std::vector<frame> answers = peer.frames();
-        if (answers.size() != 1) {
-            ADD_FAILURE() << answers.size();
-            return {};
-        }
-        EXPECT_EQ(answers[0].type, frame_type::login_first_answer);
-        EXPECT_EQ(answers[0].request, 1u);
-        return answers[0].payload;
-    }
-
-    // A whole login; the answers that came at once.
-    std::vector<frame> log_in(session& of, memory_client& peer, plain_scram::client who) {
-        peer.exchange(of, m_now);
-        who.binding = peer.binding();
-        const std::string first = begin(of, peer, who);
-        peer.send(frame_type::login_final, 2, who.final(first));
-        peer.exchange(of, m_now);
-        return peer.frames();
-    }
-
-    bool succeeds(session& of, memory_client& peer, const plain_scram::client& who) {
-        const std::vector<frame> answers = log_in(of, peer, who);
-        return answers.size() == 1 && answers[0].type == frame_type::login_final_answer;
-    }
-
-    frame ask(session& of, memory_client& peer, frame_type type, const std::string& payload) {
-        peer.send(type, 77, payload);
-        peer.exchange(of, m_now);
-        const std::vector<frame> answers = peer.frames();
-        EXPECT_EQ(answers.size(), 1u);
-        if (answers.size() != 1)
-            return {};
-        EXPECT_EQ(answers[0].request, 77u);
-        return answers[0];
-    }
-
-    std::vector<std::string> list(session& of, memory_client& peer, frame_type type) {
-        std::vector<std::string> all;
-        uint32 next = 0;
-        do {
-            qor::control::name_page page;
-            EXPECT_TRUE(qor::control::read_page(ask(of, peer, type, qor::control::number_payload(next)).payload, page));
-            all.insert(all.end(), page.names.begin(), page.names.end());
-            next = page.next;
-        } while (next != 0);
-        return all;
-    }
-
-    temp_folder m_folder;
-    qor::control::accounts m_accounts;
-    qor::control::key_pointer m_key;
-    qor::control::tls_context m_context;
-    gate m_gate{lucky};
-    qor::control::session_host m_host{nullptr, m_gate, m_accounts, qorDebugAllocateCode("system.debug-control")};
-    moment m_now{};
-    const plain_scram::client m_ada{"ada", "secret", {}};
-};
 
 TEST_F(sessions, a_login_and_the_requests) {
     memory_client peer;
@@ -327,66 +222,12 @@ TEST_F(sessions, who_is_silent_for_fifteen_seconds_is_gone) {
 
 // ---- what is refused
 
-TEST_F(sessions, other_protocols) {
-    const client_settings wrong[] = {
-        {TLS1_2_VERSION, "\x0bqor-debug/1"}, {TLS1_3_VERSION, ""}, {TLS1_3_VERSION, "\x08http/1.1"}, {TLS1_3_VERSION, "\x0bqor-debug/2"}};
-    for (const client_settings& each : wrong)
-        for (int i = 0; i < 100; ++i) {
-            memory_client peer(each);
-            auto of = connect();
-            peer.exchange(*of, m_now);
-            ASSERT_TRUE(of->is_over()) << each.protocols;
-            ASSERT_TRUE(peer.plain.empty());
-        }
-    for (int i = 0; i < 100; ++i) {
-        auto of = connect();
-        of->receive("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n", m_now);
-        ASSERT_TRUE(of->is_over());
-    }
-}
-
 // A hello of 120 KB is given no room, in however many records it comes.
 TEST_F(sessions, a_hello_that_claims_to_be_long) {
     for (const std::string_view record : {std::string_view("\x16\3\1\0\4\1\1\xe0\0", 9), std::string_view("\x16\3\1\0\1\1", 6)}) {
         auto of = connect();
         of->receive(record, m_now);
         EXPECT_TRUE(of->is_over());
-    }
-}
-
-TEST_F(sessions, other_logins) {
-    for (const char* const gs2 : {"n,,", "y,,", "p=tls-unique,,", "p=tls-server-end-point,,", "p=tls-exporter,a=bob,"})
-        for (int i = 0; i < 100; ++i) {
-            memory_client peer;
-            auto of = connect();
-            peer.exchange(*of, m_now);
-            plain_scram::client ada = m_ada;
-            ada.gs2 = gs2;
-            peer.send(frame_type::login_first, 1, ada.first());
-            peer.exchange(*of, m_now);
-            ASSERT_TRUE(of->is_over()) << gs2;
-            ASSERT_TRUE(peer.frames().empty());
-        }
-}
-
-// Whoever ends TLS on both sides has two connections, each with a binding of its own.
-TEST_F(sessions, a_relay) {
-    for (int i = 0; i < 100; ++i) {
-        memory_client relay;
-        auto of = connect(std::to_string(i));
-        memory_client victim_side;
-        auto impostor = connect("relay");
-        victim_side.exchange(*impostor, m_now);
-        plain_scram::client ada = m_ada;
-        ada.binding = victim_side.binding();
-        relay.exchange(*of, m_now);
-        const std::string first = begin(*of, relay, ada);
-        relay.send(frame_type::login_final, 2, ada.final(first));
-        relay.exchange(*of, m_now);
-        pass(*of, 250ms, &relay);
-        const std::vector<frame> answers = relay.frames();
-        ASSERT_EQ(answers.size(), 1u);
-        ASSERT_EQ(answers[0].type, frame_type::refusal);
     }
 }
 

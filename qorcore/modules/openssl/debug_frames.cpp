@@ -37,6 +37,7 @@ qor::control::frame_reader::result qor::control::frame_reader::next(frame& out) 
     out.request = number_at(m_bytes, 8, 4);
     out.payload.assign(m_bytes, frame_header_size, size);
     m_bytes.erase(0, frame_header_size + size);
+    m_bytes.shrink_to_fit();
     return result::frame;
 }
 

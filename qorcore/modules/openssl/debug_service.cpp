@@ -12,6 +12,9 @@ using qor::control::moment;
 // What ends a connection goes out, too, if the peer reads it soon.
 constexpr auto farewell_time = 1s;
 
+// New connections, before those that are there are served again: a flood of them must not keep anyone waiting.
+constexpr int at_a_time = 64;
+
 unsigned draw(unsigned below) {
     uint32 number = 0;
     RAND_bytes(reinterpret_cast<unsigned char*>(&number), sizeof number);
@@ -50,7 +53,7 @@ void qor::control::service::run() {
             each = serve(*each, watched[at].ready, now) ? std::next(each) : m_connections.erase(each);
         for (std::size_t i = 0; i < m_listeners.size(); ++i)
             if (watched[1 + i].ready)
-                accept_all(m_listeners[i], now);
+                accept_some(m_listeners[i], now);
         if (now >= m_forget_at) {
             m_gate.forget(now);
             m_forget_at = now + 10s;
@@ -82,8 +85,8 @@ void qor::control::service::wait(moment now, std::vector<net::watched>& watched)
     net::wait(watched, time_to_wait(now));
 }
 
-void qor::control::service::accept_all(const net::socket& listener, moment now) {
-    for (;;) {
+void qor::control::service::accept_some(const net::socket& listener, moment now) {
+    for (int i = 0; i < at_a_time; ++i) {
         net::socket made;
         net::endpoint from;
         if (const int failed = net::accept_from(listener, made, from)) {
@@ -124,7 +127,7 @@ bool qor::control::service::serve(connection& of, bool ready, moment now) {
 }
 
 bool qor::control::service::receive(connection& of, moment now) {
-    char bytes[16384];
+    char bytes[4096]; // so much at a time that what many small records mean needs no more room than a long one
     std::size_t count;
     const int failed = net::receive(of.socket, bytes, sizeof bytes, &count);
     if (failed == net::would_block)
@@ -149,5 +152,6 @@ bool qor::control::service::flush(connection& of) {
             return false;
         out.erase(0, count);
     }
+    out.shrink_to_fit();
     return true;
 }

@@ -37,7 +37,7 @@ private:
     void run();
     int time_to_wait(moment now) const noexcept;
     void wait(moment now, std::vector<net::watched>& watched);
-    void accept_all(const net::socket& listener, moment now);
+    void accept_some(const net::socket& listener, moment now);
     bool serve(connection& of, bool ready, moment now);
     bool receive(connection& of, moment now);
     bool flush(connection& of);

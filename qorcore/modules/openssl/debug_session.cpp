@@ -51,7 +51,9 @@ std::string qor::control::printable(std::string_view text) {
 
 qor::control::session::session(const session_host& host, std::string peer, std::string neighbour, moment now)
     : m_host(host), m_peer(std::move(peer)), m_neighbour(std::move(neighbour)),
-      m_channel(host.context, tls_channel::side::server), m_begun(now), m_heard(now), m_sent(now) {}
+      m_channel(host.context, tls_channel::side::server), m_begun(now), m_heard(now), m_sent(now) {
+    m_channel.set_record_limit(tls_channel::longest_hello);
+}
 
 qor::control::session::~session() { leave_gate(); }
 
@@ -71,6 +73,7 @@ void qor::control::session::receive(std::string_view wire, moment now) {
         if (!m_channel.speaks_protocol())
             return end("it does not speak the protocol");
         m_open = true;
+        m_channel.set_record_limit(frame_header_size + payload_limit_before_login);
     }
     m_frames.add(plain);
     bool complete = false;
@@ -139,6 +142,7 @@ void qor::control::session::finish_login(moment now) {
         leave_gate();
         m_logged_in = true;
         m_frames.set_limit(payload_limit);
+        m_channel.set_record_limit(tls_channel::longest_record);
         qorDebug(m_host.trace, "login of '%s' from %s", m_user.c_str(), m_peer.c_str());
         send(frame_type::login_final_answer, m_waiting_request.request, answer);
     }
@@ -200,8 +204,8 @@ void qor::control::session::send(frame_type type, uint32 request, std::string_vi
     append_frame(bytes, type, request, payload);
     m_channel.send(bytes);
     if (outgoing().size() > queue_limit) {
-        outgoing().clear();
         end("it does not read its answers");
+        outgoing().clear();
     }
 }
 

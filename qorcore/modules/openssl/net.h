@@ -61,6 +61,9 @@ int resolve(const char* host, uint16 port, bool to_listen, std::vector<endpoint>
 int listen_at(const endpoint& at, socket& out);
 endpoint local_end(const socket& of) noexcept;
 
+// Bytes that the system keeps for a peer that does not read; it would keep megabytes.
+inline constexpr int send_room = 65536;
+
 // would_block: nobody waits there.
 int accept_from(const socket& listener, socket& out, endpoint& from);
 

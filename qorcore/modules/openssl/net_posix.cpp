@@ -151,7 +151,7 @@ int qor::net::listen_at(const endpoint& at, socket& out) {
     setsockopt(handle_of(made), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (family_of(at) == AF_INET6)
         setsockopt(handle_of(made), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-    if (bind(handle_of(made), address_of(at), at.size) != 0 || listen(handle_of(made), 64) != 0)
+    if (bind(handle_of(made), address_of(at), at.size) != 0 || listen(handle_of(made), SOMAXCONN) != 0)
         return errno;
     out = std::move(made);
     return 0;
@@ -174,6 +174,7 @@ int qor::net::accept_from(const socket& listener, socket& out, endpoint& from) {
     out = socket(made);
     const int on = 1;
     setsockopt(made, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(made, SOL_SOCKET, SO_SNDBUF, &send_room, sizeof send_room);
     return 0;
 }
 

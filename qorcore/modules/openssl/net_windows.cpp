@@ -139,7 +139,7 @@ int qor::net::listen_at(const endpoint& at, socket& out) {
     set_on(made, SOL_SOCKET, SO_EXCLUSIVEADDRUSE);
     if (family_of(at) == AF_INET6)
         set_on(made, IPPROTO_IPV6, IPV6_V6ONLY);
-    if (bind(handle_of(made), address_of(at), size_of(at)) != 0 || listen(handle_of(made), 64) != 0)
+    if (bind(handle_of(made), address_of(at), size_of(at)) != 0 || listen(handle_of(made), SOMAXCONN) != 0)
         return WSAGetLastError();
     out = std::move(made);
     return 0;
@@ -159,6 +159,7 @@ int qor::net::accept_from(const socket& listener, socket& out, endpoint& from) {
     if (made == INVALID_SOCKET)
         return WSAGetLastError();
     set_up(made);
+    setsockopt(made, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<const char*>(&send_room), sizeof send_room);
     from.size = static_cast<unsigned>(size);
     out = socket(static_cast<std::intptr_t>(made));
     return 0;

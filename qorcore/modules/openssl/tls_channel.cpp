@@ -39,19 +39,15 @@ int choose_protocol(SSL*, const unsigned char** out, unsigned char* out_size, co
 }
 
 constexpr std::size_t header_size = 5;
-constexpr std::size_t longest_record = header_size + 16384 + 256;
-constexpr int longest_hello = 16384;
-
-// The whole of the record that begins here; 0: it is not known yet, or not all there. What is no record of TLS is for OpenSSL
-// to refuse.
+constexpr std::size_t wrapping = 256; // at most, around what a record means
+// Of the record that begins here; 0: it is not known yet. What is no record of TLS is for OpenSSL to refuse.
 std::size_t record_size(std::string_view bytes) noexcept {
     if (bytes.size() < header_size)
         return 0;
     const auto at = [bytes](std::size_t index) { return static_cast<uint8>(bytes[index]); };
-    const std::size_t size = header_size + static_cast<std::size_t>(at(3) << 8 | at(4));
-    if (at(0) < 20 || at(0) > 23 || at(1) != 3 || size > longest_record)
+    if (at(0) < 20 || at(0) > 23 || at(1) != 3)
         return bytes.size();
-    return bytes.size() < size ? 0 : size;
+    return header_size + static_cast<std::size_t>(at(3) << 8 | at(4));
 }
 
 // A message of the handshake is given room for all that it claims to be, as soon as its first bytes are there. No client of
@@ -61,7 +57,15 @@ bool is_modest(std::string_view record) noexcept {
     if (record[0] != handshake)
         return true;
     return record.size() >= header_size + 4 && (static_cast<uint8>(record[6]) << 16 | static_cast<uint8>(record[7]) << 8 |
-                                                static_cast<uint8>(record[8])) <= longest_hello;
+                                                static_cast<uint8>(record[8])) <= qor::control::tls_channel::longest_hello;
+}
+
+// What has gone through is kept no longer, nor the room for it: a connection that says nothing holds no buffers.
+void release(BIO* memory) {
+    BUF_MEM* const fresh = BUF_MEM_new();
+    if (fresh == nullptr)
+        throw no_memory();
+    BIO_set_mem_buf(memory, fresh, BIO_CLOSE);
 }
 
 // No authority vouches for a server: its key's fingerprint and the login do.
@@ -70,7 +74,6 @@ int take_any_certificate(X509_STORE_CTX*, void*) noexcept { return 1; }
 bool set_common(SSL_CTX* context) noexcept {
     SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_NO_COMPRESSION);
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
-    // A connection that says nothing holds no buffers.
     SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS);
     // What is bigger is no handshake of ours.
     SSL_CTX_set_max_cert_list(context, 8192);
@@ -149,18 +152,23 @@ void qor::control::tls_channel::receive(std::string_view wire, std::string& plai
     std::string_view rest = m_partial;
     std::size_t size;
     for (; (size = record_size(rest)) != 0; rest.remove_prefix(size)) {
-        if (!is_modest(rest.substr(0, size))) {
-            m_reason = "a message of the handshake is too long";
-            m_state = state::failed;
-            return;
-        }
+        if (size > header_size + m_record_limit + wrapping)
+            return fail("a record is too long");
+        if (size > rest.size())
+            break;
+        if (!is_modest(rest.substr(0, size)))
+            return fail("a message of the handshake is too long");
         if (BIO_write(SSL_get_rbio(m_ssl.get()), rest.data(), static_cast<int>(size)) != static_cast<int>(size))
             throw no_memory();
     }
-    if (rest.size() == m_partial.size())
-        return;
-    m_partial.erase(0, m_partial.size() - rest.size());
-    advance(plain);
+    const bool is_any_whole = rest.size() < m_partial.size();
+    // No more room than the record takes that has begun; a text that has some already would double it.
+    std::string begun;
+    begun.reserve(size);
+    begun = rest;
+    m_partial.swap(begun);
+    if (is_any_whole)
+        advance(plain);
 }
 
 void qor::control::tls_channel::advance(std::string& plain) {
@@ -182,8 +190,10 @@ void qor::control::tls_channel::advance(std::string& plain) {
         if (why == SSL_ERROR_ZERO_RETURN)
             m_state = state::ended;
         else if (why != SSL_ERROR_WANT_READ)
-            fail();
+            fail(openssl_reason());
     }
+    if (BIO_pending(SSL_get_rbio(m_ssl.get())) == 0)
+        release(SSL_get_rbio(m_ssl.get()));
     drain();
 }
 
@@ -192,7 +202,7 @@ void qor::control::tls_channel::send(std::string_view plain) {
         return;
     ERR_clear_error();
     if (SSL_write(m_ssl.get(), plain.data(), static_cast<int>(plain.size())) <= 0)
-        fail();
+        fail(openssl_reason());
     drain();
 }
 
@@ -204,17 +214,22 @@ void qor::control::tls_channel::end() {
     drain();
 }
 
-void qor::control::tls_channel::fail() {
-    m_reason = openssl_reason();
+void qor::control::tls_channel::fail(std::string reason) {
+    m_reason = std::move(reason);
     m_state = state::failed;
 }
 
 void qor::control::tls_channel::drain() {
     BIO* const out = SSL_get_wbio(m_ssl.get());
     char* bytes = nullptr;
-    if (const long size = BIO_get_mem_data(out, &bytes); size > 0)
-        m_outgoing.append(bytes, static_cast<std::size_t>(size));
-    (void)BIO_reset(out);
+    if (const long size = BIO_get_mem_data(out, &bytes); size > 0) {
+        // What a peer does not read is kept without the room that a growing text takes for more to come.
+        std::string all;
+        all.reserve(m_outgoing.size() + static_cast<std::size_t>(size));
+        all.append(m_outgoing).append(bytes, static_cast<std::size_t>(size));
+        m_outgoing.swap(all);
+        release(out);
+    }
 }
 
 bool qor::control::tls_channel::speaks_protocol() const noexcept {

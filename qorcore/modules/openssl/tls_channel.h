@@ -37,12 +37,18 @@ public:
         failed, // reason() says why; a last message to the peer may be waiting to be sent
     };
 
+    static constexpr std::size_t longest_record = 16384; // as long as TLS has them
+    static constexpr int longest_hello = 4096;
+
     tls_channel(SSL_CTX* context, side which);
 
     // Bytes from the wire; what they meant is added to `plain`.
     void receive(std::string_view wire, std::string& plain);
 
     void send(std::string_view plain);
+
+    // A peer whose next record holds more has failed: what comes of a record is kept until it is whole.
+    void set_record_limit(std::size_t contents) noexcept { m_record_limit = contents; }
 
     // Tells the peer that nothing follows.
     void end();
@@ -66,7 +72,7 @@ public:
 
 private:
     void advance(std::string& plain);
-    void fail();
+    void fail(std::string reason);
     void drain();
 
     std::unique_ptr<SSL, openssl_freer> m_ssl;
@@ -74,6 +80,7 @@ private:
     std::string m_outgoing;
     std::string m_reason;
     std::string m_partial; // of a record
+    std::size_t m_record_limit = longest_record;
 };
 
 // Of a public key.

@@ -1,0 +1,70 @@
+// Listeners that are not what they should be, and what a console makes of them.
+#pragma once
+
+#include "fake_listener.h"
+#include "loopback.h"
+
+#include <atomic>
+
+namespace qor::test {
+
+using control::frame;
+using control::frame_type;
+using control::key_pointer;
+
+class impostors : public loopback_fixture {
+protected:
+    impostors() : m_key(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519")) {}
+
+    // A listener that goes through a login by itself, with a server of its own choice.
+    fake_listener::conduct login_by(plain_scram::server how, fake_tls::settings settings = {}) {
+        return [this, how, settings](fake_listener& through) {
+            fake_tls tls(through, m_key.get(), settings);
+            frame request;
+            if (log_in(tls, how))
+                tls.next(request);
+        };
+    }
+
+    // False: the console did not go on with it.
+    bool log_in(fake_tls& tls, const plain_scram::server& how) {
+        frame first, last;
+        if (!tls.next(first))
+            return false;
+        ++m_logins;
+        tls.send(frame_type::login_first_answer, first.request, how.first(first.payload));
+        if (!tls.next(last))
+            return false;
+        ++m_proofs;
+        tls.send(frame_type::login_final_answer, last.request, how.final(first.payload, last.payload));
+        return true;
+    }
+
+    // An honest listener until the login is done; then all requests are answered alike.
+    fake_listener::conduct answers(frame_type type, std::string payload) {
+        return [this, type, payload](fake_listener& through) {
+            fake_tls tls(through, m_key.get(), {});
+            frame request;
+            for (bool on = log_in(tls, {"secret"}); on && tls.next(request);)
+                tls.send(type, request.request, payload);
+        };
+    }
+
+    // Whether a login is refused there for that reason, and nothing else may follow.
+    bool login_fails(uint16 at, uint32 number) {
+        control_pointer control = make();
+        qorStringArray out;
+        return control->Connect("127.0.0.1", at) && !control->Login("ada", "secret") && error_number() == number &&
+               !control->GetCodes(out);
+    }
+
+    bool connect_fails(uint16 at, uint32 number) {
+        return !make()->Connect("127.0.0.1", at) && error_number() == number;
+    }
+
+    key_pointer m_key;
+    std::atomic<int> m_logins = 0; // that were begun
+    std::atomic<int> m_proofs = 0; // of the client's, that were sent
+};
+
+} // namespace qor::test

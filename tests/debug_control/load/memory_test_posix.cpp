@@ -1,0 +1,171 @@
+// What those who attack a listener cost the process it is in: its memory and its descriptors, and who waits meanwhile.
+#include "host_process.h"
+#include "socket_peer.h"
+#include "support/load.h"
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <thread>
+
+namespace {
+
+using namespace qor::test;
+
+constexpr long KiB = 1024;
+const plain_scram::client ada{"ada", "secret", {}};
+
+std::string frame_of(std::size_t payload) {
+    std::string bytes;
+    qor::control::append_frame(bytes, frame_type::login_first, 1, std::string(payload, 'x'));
+    return bytes;
+}
+
+std::optional<frame> log_in(const host_process& host, const std::string& source) {
+    tls_peer peer(host.port(), source);
+    return peer.shake_hands() ? peer.log_in(ada) : std::nullopt;
+}
+
+// What it holds when all that is made once, for the first of all connections, is there.
+holdings warmed_up(host_process& host) {
+    const holdings at_first = host.measure();
+    EXPECT_TRUE(is_logged_in(log_in(host, source_address(1))));
+    return host.measure_at_rest(at_first);
+}
+
+void shake_hands(tls_peer& peer) { EXPECT_TRUE(peer.shake_hands()); }
+
+// A record with a message of the handshake of that length.
+std::string handshake_record(std::size_t length) {
+    const std::size_t size = length + 4;
+    return std::string{0x16, 3, 1, static_cast<char>(size >> 8), static_cast<char>(size), 1, 0, static_cast<char>(length >> 8),
+                       static_cast<char>(length)} +
+           std::string(length, '\3');
+}
+
+// Of the longest record that is taken after a handshake.
+std::string all_but_a_byte(tls_peer& peer) {
+    peer.tls.send(std::string(12 + 2048, 'x'));
+    const std::string record = peer.tls.take();
+    return record.substr(0, record.size() - 1);
+}
+
+// Where a peer stays that does not log in. While a handshake lasts, and that is for 5 seconds at most, OpenSSL alone takes 45
+// KiB, which nobody can change; that all of them together keep to their limit matters then.
+struct stage {
+    const char* what;
+    std::function<void(tls_peer&)> act;
+    long limit = 32; // KiB
+};
+
+const stage stages[] = {
+    {"connected", [](tls_peer&) {}},
+    {"half a hello", [](tls_peer& peer) { peer.socket.write(peer.tls.take().substr(0, 100)); }},
+    {"the longest hello, but for a byte", [](tls_peer& peer) { peer.socket.write(handshake_record(4096).substr(0, 4096)); }},
+    {"a handshake but for its last message",
+     [](tls_peer& peer) {
+         peer.flush();
+         while (!peer.tls.is_open()) {
+             const auto came = peer.socket.read(10s);
+             ASSERT_TRUE(came && !came->empty());
+             peer.tls.give(*came);
+         }
+         // In place of it a record as long as can be.
+         peer.socket.write("\x17\3\3\x10\xff" + std::string(4096, 'x'));
+     },
+     64},
+    {"a handshake", shake_hands},
+    {"the longest frame, but for a byte",
+     [](tls_peer& peer) {
+         shake_hands(peer);
+         peer.tls.send(frame_of(2048).substr(0, 12 + 2047));
+         peer.flush();
+     }},
+    {"the longest frame and the longest record, but for a byte",
+     [](tls_peer& peer) {
+         shake_hands(peer);
+         peer.tls.send(frame_of(2048).substr(0, 12 + 2047));
+         peer.flush();
+         peer.socket.write(all_but_a_byte(peer));
+     }},
+    {"a thousand frames, and the longest ones but for a byte",
+     [](tls_peer& peer) {
+         shake_hands(peer);
+         for (int i = 0; i < 1000; ++i)
+             peer.tls.send(frame_type::heartbeat, 0, {});
+         peer.tls.send(frame_of(2048).substr(0, 12 + 2047));
+         const std::string burst = peer.tls.take();
+         peer.socket.write(burst + all_but_a_byte(peer));
+     }},
+    {"a login but for its last message",
+     [](tls_peer& peer) {
+         shake_hands(peer);
+         plain_scram::client who = ada;
+         who.name = std::string(255, 'a');
+         who.nonce = std::string(1700, 'n');
+         EXPECT_TRUE(peer.begin_login(who));
+         peer.tls.send(frame_of(2048).substr(0, 12 + 2047));
+         peer.flush();
+         peer.socket.write(all_but_a_byte(peer));
+     }},
+};
+
+double in_KiB(long bytes) { return static_cast<double>(bytes) / KiB; }
+
+TEST(memory, of_connections_before_a_login) {
+    constexpr unsigned connections = 23; // as many as get in without a lot
+    for (const stage& each : stages) {
+        host_process host;
+        const holdings before = warmed_up(host);
+        std::vector<std::unique_ptr<tls_peer>> all;
+        for (unsigned i = 0; i < connections; ++i) {
+            all.push_back(std::make_unique<tls_peer>(host.port(), source_address(2 + i)));
+            each.act(*all.back());
+        }
+        // The listener's thread has seen it all when it has answered somebody who came later.
+        EXPECT_TRUE(is_logged_in(log_in(host, source_address(1))));
+        const holdings now = host.measure();
+        const double of_one = in_KiB(now.heap - before.heap) / connections;
+        std::printf("%s: %.1f KiB for a connection (at most %ld), %.0f for 32 (2048); %.0f more resident\n", each.what, of_one,
+                    each.limit, 32 * of_one, in_KiB(now.resident - before.resident));
+        EXPECT_LE(of_one, static_cast<double>(each.limit)) << each.what;
+        EXPECT_LE(32 * of_one, 2048) << each.what;
+        EXPECT_GT(of_one, 1) << each.what;
+        all.clear();
+        EXPECT_EQ(host.measure_at_rest(before).descriptors, before.descriptors);
+    }
+}
+
+// It asks and asks, and reads nothing of what is answered.
+TEST(memory, of_a_peer_that_never_reads) {
+    host_process host;
+    const holdings before = warmed_up(host);
+    long most = 0;
+    int asked = 0;
+    {
+        tls_peer peer(host.port(), source_address(1), 4096);
+        ASSERT_TRUE(peer.shake_hands());
+        ASSERT_TRUE(is_logged_in(peer.log_in(ada)));
+        const long logged_in = host.measure().heap;
+        for (holdings now = host.measure(); now.descriptors > before.descriptors && asked < 1000; now = host.measure()) {
+            if (peer.send(frame_type::get_codes, 1, qor::control::number_payload(0)))
+                ++asked;
+            // What stays, not what is moved just now.
+            std::this_thread::sleep_for(20ms);
+            const long first = host.measure().heap;
+            std::this_thread::sleep_for(5ms);
+            most = std::max(most, std::min(first, host.measure().heap) - logged_in);
+        }
+    }
+    const holdings after = host.measure_at_rest(before);
+    std::printf("a peer that never reads: dropped when %d answers of 64 KiB were due, %.0f KiB of memory at most, %.0f KiB afterwards\n", asked,
+                in_KiB(most), in_KiB(after.heap - before.heap));
+    EXPECT_LE(in_KiB(most), 256 + 16);
+    EXPECT_GT(in_KiB(most), 64);
+    EXPECT_LE(asked, 16);
+    EXPECT_LE(in_KiB(after.heap - before.heap), 64);
+    EXPECT_EQ(after.descriptors, before.descriptors);
+}
+
+} // namespace

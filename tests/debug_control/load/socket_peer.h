@@ -1,0 +1,158 @@
+// Peers of a listener over real sockets, each from an address of 127.0.0.0/8 that it chooses.
+#pragma once
+
+#include "memory_client.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <deque>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <optional>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace qor::test {
+
+using test_clock = std::chrono::steady_clock;
+
+inline double seconds_since(test_clock::time_point begin) {
+    return std::chrono::duration<double>(test_clock::now() - begin).count();
+}
+
+// The address of a number: 127.1.0.0 and the following.
+inline std::string source_address(unsigned number) {
+    return "127." + std::to_string(1 + (number >> 16)) + '.' + std::to_string(number >> 8 & 0xff) + '.' +
+           std::to_string(number & 0xff);
+}
+
+class socket_peer {
+public:
+    // `room` for bytes that nobody reads; 0: the system's choice.
+    socket_peer(uint16 port, const std::string& source, int room = 0) : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        const int on = 1;
+        setsockopt(m_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        // The port is chosen with the connection, so that as many may follow as there are pairs of ports.
+        setsockopt(m_socket, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
+        setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        if (room != 0)
+            setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+        sockaddr_in at{};
+        at.sin_family = AF_INET;
+        inet_pton(AF_INET, source.c_str(), &at.sin_addr);
+        EXPECT_EQ(bind(m_socket, reinterpret_cast<const sockaddr*>(&at), sizeof at), 0) << std::strerror(errno);
+        at.sin_port = htons(port);
+        at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(m_socket, reinterpret_cast<const sockaddr*>(&at), sizeof at), 0) << std::strerror(errno);
+    }
+    socket_peer(const socket_peer&) = delete;
+    socket_peer& operator=(const socket_peer&) = delete;
+    ~socket_peer() { ::close(m_socket); }
+
+    int handle() const { return m_socket; }
+
+    // Without waiting for room. False: not all of it went.
+    bool write(std::string_view bytes) {
+        return send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(bytes.size());
+    }
+
+    // What comes within the time. Nothing: it did not; an empty text: the connection was cut.
+    std::optional<std::string> read(std::chrono::milliseconds patience) {
+        pollfd watched{m_socket, POLLIN, 0};
+        if (poll(&watched, 1, static_cast<int>(patience.count())) <= 0)
+            return std::nullopt;
+        char bytes[16384];
+        const ssize_t got = recv(m_socket, bytes, sizeof bytes, MSG_DONTWAIT);
+        return std::string(bytes, got > 0 ? static_cast<std::size_t>(got) : 0);
+    }
+
+    // Whatever else comes.
+    bool is_cut_within(std::chrono::milliseconds patience) {
+        for (const auto end = test_clock::now() + patience; test_clock::now() <= end;)
+            if (const auto came = read(std::chrono::ceil<std::chrono::milliseconds>(end - test_clock::now()));
+                came && came->empty())
+                return true;
+        return false;
+    }
+
+private:
+    int m_socket;
+};
+
+// The same with TLS and frames.
+class tls_peer {
+public:
+    tls_peer(uint16 port, const std::string& source, int room = 0) : socket(port, source, room) {}
+
+    // All steps, or but for the last message. False: it did not come about.
+    bool shake_hands(std::chrono::milliseconds patience = 10s) {
+        const auto end = test_clock::now() + patience;
+        for (;;) {
+            if (tls.is_open())
+                return flush();
+            if (!flush() || !take_some(end))
+                return false;
+        }
+    }
+
+    bool flush() { return socket.write(tls.take()); }
+
+    bool send(frame_type type, uint32 request, std::string_view payload) {
+        tls.send(type, request, payload);
+        return flush();
+    }
+
+    // The next frame but for heartbeats. Nothing: it did not come in time, or the connection is cut.
+    std::optional<frame> next(std::chrono::milliseconds patience = 10s) {
+        for (const auto end = test_clock::now() + patience; m_frames.empty();) {
+            if (!take_some(end))
+                return std::nullopt;
+            for (frame& each : tls.frames())
+                m_frames.push_back(std::move(each));
+        }
+        frame first = std::move(m_frames.front());
+        m_frames.pop_front();
+        return first;
+    }
+
+    // A login up to the answer to its first message.
+    std::optional<frame> begin_login(plain_scram::client& who) {
+        who.binding = tls.binding();
+        return send(frame_type::login_first, 1, who.first()) ? next() : std::nullopt;
+    }
+
+    // A whole one; its last answer.
+    std::optional<frame> log_in(plain_scram::client who) {
+        const std::optional<frame> first = begin_login(who);
+        if (!first || first->type != frame_type::login_first_answer || !send(frame_type::login_final, 2, who.final(first->payload)))
+            return std::nullopt;
+        return next();
+    }
+
+    socket_peer socket;
+    memory_client tls;
+
+private:
+    bool take_some(test_clock::time_point end) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - test_clock::now());
+        const std::optional<std::string> came = socket.read(std::max(left, 0ms));
+        if (!came || came->empty())
+            return false;
+        tls.give(*came);
+        return true;
+    }
+
+    std::deque<frame> m_frames;
+};
+
+inline bool is_logged_in(const std::optional<frame>& answer) {
+    return answer && answer->type == frame_type::login_final_answer;
+}
+
+inline bool is_refusal(const std::optional<frame>& answer) { return answer && answer->type == frame_type::refusal; }
+
+} // namespace qor::test
