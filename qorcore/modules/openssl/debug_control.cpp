@@ -6,6 +6,7 @@
 #include "scram_client.h"
 
 #include <cstring>
+#include <mutex>
 #include <system_error>
 
 using namespace std::chrono_literals;
@@ -25,16 +26,20 @@ constexpr auto login_time = 130s;
 class debug_control final : public qor::object<IQORDebugControl> {
 public:
     debug_control(qor::control::tls_context context, const char* known_hosts)
-        : object("qorcore.openssl.debug_control", "IQORDebugControl"), m_context(std::move(context)), m_known(known_hosts) {}
+        : object("qorcore.openssl.debug_control", "IQORDebugControl"), m_context(std::move(context)),
+          m_known_hosts(known_hosts) {}
 
     ~debug_control() override { leave(); }
 
     bool Connect(const char* host, uint16 port) noexcept override {
         return guarded([&] {
             leave();
-            m_host = host;
-            m_port = port;
-            return connect();
+            {
+                const std::lock_guard hold(m_lock);
+                m_to = {host, port};
+            }
+            link_pointer made;
+            return connect(made);
         });
     }
 
@@ -44,9 +49,8 @@ public:
                 qorSetLastError(qorError_invalid_argument, "IQORDebugControl::Login", username == nullptr ? "username" : "password");
                 return false;
             }
-            if (m_host.empty())
-                return not_connected();
-            if (m_logged_in) {
+            link_pointer to = current();
+            if (is_alive(to) && to->is_logged_in()) {
                 qorSetLastError(qorError_debug_logged_in);
                 return false;
             }
@@ -57,17 +61,17 @@ public:
             }
             // A listener lets a connection go after some refusals, or when nobody logs in for long. That is no reason
             // to bother the user, who has only to type once more.
-            const bool fresh = !is_alive();
-            if (fresh && !connect())
+            const bool fresh = !is_alive(to);
+            if (fresh && !connect(to))
                 return false;
             frame answer;
-            qor::control::scram_client login(username, password, m_link->binding());
-            if (m_link->ask(frame_type::login_first, login.first(), request_time, answer))
-                return log_in(login, answer);
-            if (fresh || !m_link->is_lost() || !connect())
+            qor::control::scram_client login(username, password, to->binding());
+            if (to->ask(frame_type::login_first, login.first(), request_time, answer))
+                return log_in(to, login, answer);
+            if (fresh || !to->was_closed() || !connect(to))
                 return false;
-            qor::control::scram_client again(username, password, m_link->binding());
-            return m_link->ask(frame_type::login_first, again.first(), request_time, answer) && log_in(again, answer);
+            qor::control::scram_client again(username, password, to->binding());
+            return to->ask(frame_type::login_first, again.first(), request_time, answer) && log_in(to, again, answer);
         });
     }
 
@@ -77,7 +81,8 @@ public:
                 qorSetLastError(qorError_invalid_argument, "IQORDebugControl::SetSink", "sink");
                 return false;
             }
-            return is_logged_in() && m_link->set_sink(sink);
+            const link_pointer to = logged_in();
+            return to != nullptr && to->set_sink(sink);
         });
     }
 
@@ -90,7 +95,8 @@ public:
                 qorSetLastError(qorError_invalid_argument, "IQORDebugControl::EnableCode", "name");
                 return false;
             }
-            if (!is_logged_in())
+            const link_pointer to = logged_in();
+            if (to == nullptr)
                 return false;
             const std::string payload = std::string(1, enable ? '\1' : '\0') + name;
             // A name that fits no frame is the name of no code.
@@ -99,18 +105,24 @@ public:
                 return false;
             }
             frame answer;
-            return ask(frame_type::enable_code, payload, answer);
+            return ask(to, frame_type::enable_code, payload, answer);
         });
     }
 
     bool DisableAll() noexcept override {
         return guarded([&] {
             frame answer;
-            return is_logged_in() && ask(frame_type::disable_all, {}, answer);
+            const link_pointer to = logged_in();
+            return to != nullptr && ask(to, frame_type::disable_all, {}, answer);
         });
     }
 
 private:
+    // Operations keep what they work on: a call of the sink may connect anew, beside the operation that met the loss.
+    using link_pointer = std::shared_ptr<qor::control::link>;
+
+    using peer_name = qor::control::link::peer_name;
+
     template <class ACTION>
     bool guarded(ACTION action) const noexcept {
         try {
@@ -128,30 +140,65 @@ private:
         return false;
     }
 
-    bool is_alive() const { return m_link != nullptr && !m_link->is_of_parent() && !m_link->is_lost(); }
+    link_pointer current() const {
+        const std::lock_guard hold(m_lock);
+        return m_link;
+    }
 
-    bool is_logged_in() const noexcept {
-        if (m_link == nullptr || m_link->is_of_parent())
-            return not_connected();
-        if (!m_logged_in)
+    static bool is_alive(const link_pointer& link) {
+        return link != nullptr && !link->is_of_parent() && !link->is_lost();
+    }
+
+    // Null: the last error says why.
+    link_pointer logged_in() const {
+        link_pointer to = current();
+        if (to == nullptr || to->is_of_parent()) {
+            not_connected();
+            return nullptr;
+        }
+        if (!to->is_logged_in()) {
             qorSetLastError(qorError_debug_not_logged_in);
-        return m_logged_in;
+            return nullptr;
+        }
+        return to;
     }
 
-    void leave() noexcept {
-        m_logged_in = false;
-        if (m_link != nullptr)
-            m_link->stop();
-        m_link.reset();
+    // Who takes a link out of its place is the one to stop it.
+    void replace(link_pointer by) {
+        {
+            const std::lock_guard hold(m_lock);
+            m_link.swap(by);
+        }
+        if (by != nullptr)
+            by->stop();
     }
 
-    bool connect() {
+    void leave() { replace(nullptr); }
+
+    void leave(const link_pointer& which) {
+        {
+            const std::lock_guard hold(m_lock);
+            if (m_link != which)
+                return;
+            m_link.reset();
+        }
+        which->stop();
+    }
+
+    bool connect(link_pointer& out) {
         leave();
+        peer_name to;
+        {
+            const std::lock_guard hold(m_lock);
+            to = m_to;
+        }
+        if (to.host.empty())
+            return not_connected();
         std::vector<qor::net::endpoint> places;
         std::string reason;
         qor::net::socket made;
-        const std::string port = std::to_string(m_port);
-        if (qor::net::resolve(m_host.c_str(), m_port, false, places, reason) == 0)
+        const std::string port = std::to_string(to.port);
+        if (qor::net::resolve(to.host.c_str(), to.port, false, places, reason) == 0)
             for (const qor::net::endpoint& each : places) {
                 const int failed = qor::net::connect_to(each, connect_time, made);
                 if (failed == 0)
@@ -159,43 +206,45 @@ private:
                 reason = qor::net::reason_of(failed);
             }
         if (!made.is_open()) {
-            qorSetLastError(qorError_debug_cannot_connect, m_host.c_str(), port.c_str(), reason.c_str());
+            qorSetLastError(qorError_debug_cannot_connect, to.host.c_str(), port.c_str(), reason.c_str());
             return false;
         }
-        m_link = std::make_shared<qor::control::link>(qor::control::link::peer_name{m_host, port}, std::move(made),
-                                                      m_context.get());
-        if (qor::control::link::open(m_link) && m_known.check(m_host, m_port, m_link->peer_key()))
+        out = std::make_shared<qor::control::link>(to, std::move(made), m_context.get());
+        if (qor::control::link::open(out) &&
+            qor::control::known_hosts(m_known_hosts).check(to.host, to.port, out->peer_key())) {
+            replace(out);
             return true;
-        leave();
+        }
+        out->stop();
         return false;
     }
 
     // From the answer to the first message on.
-    bool log_in(qor::control::scram_client& login, frame& answer) {
+    bool log_in(const link_pointer& to, qor::control::scram_client& login, frame& answer) {
         if (answer.type == frame_type::refusal)
             return refused(answer);
         std::string last;
         if (!login.final(answer.payload, last)) {
-            leave();
+            leave(to);
             qorSetLastError(qorError_debug_protocol, qor::control::reason_text(1076).c_str());
             return false;
         }
-        if (!m_link->ask(frame_type::login_final, last, login_time, answer))
+        if (!to->ask(frame_type::login_final, last, login_time, answer))
             return false;
         if (answer.type == frame_type::refusal)
             return refused(answer);
         // From here on it is the listener that has to prove itself.
+        const peer_name& peer = to->peer();
         if (!login.verify(answer.payload)) {
-            leave();
-            qorSetLastError(qorError_debug_server_not_proved, m_host.c_str(), std::to_string(m_port).c_str());
+            leave(to);
+            qorSetLastError(qorError_debug_server_not_proved, peer.host.c_str(), std::to_string(peer.port).c_str());
             return false;
         }
-        if (!m_known.remember(m_host, m_port, m_link->peer_key())) {
-            leave();
+        if (!qor::control::known_hosts(m_known_hosts).remember(peer.host, peer.port, to->peer_key())) {
+            leave(to);
             return false;
         }
-        m_link->set_logged_in();
-        m_logged_in = true;
+        to->set_logged_in();
         return true;
     }
 
@@ -208,8 +257,8 @@ private:
         return false;
     }
 
-    bool ask(frame_type type, std::string_view payload, frame& answer) {
-        if (!m_link->ask(type, payload, request_time, answer))
+    static bool ask(const link_pointer& to, frame_type type, std::string_view payload, frame& answer) {
+        if (!to->ask(type, payload, request_time, answer))
             return false;
         return answer.type != frame_type::refusal || refused(answer);
     }
@@ -217,13 +266,14 @@ private:
     bool get_list(frame_type type, qorStringArray& out) noexcept {
         return guarded([&] {
             out.Empty();
-            if (!is_logged_in())
+            const link_pointer to = logged_in();
+            if (to == nullptr)
                 return false;
             uint32 next = 0;
             do {
                 frame answer;
                 qor::control::name_page page;
-                if (!ask(type, qor::control::number_payload(next), answer))
+                if (!ask(to, type, qor::control::number_payload(next), answer))
                     return false;
                 if (!qor::control::read_page(answer.payload, page) || (page.next != 0 && page.next <= next)) {
                     qorSetLastError(qorError_debug_protocol, qor::control::reason_text(1075).c_str());
@@ -237,12 +287,11 @@ private:
         });
     }
 
-    qor::control::tls_context m_context;
-    qor::control::known_hosts m_known;
-    std::shared_ptr<qor::control::link> m_link;
-    std::string m_host;
-    uint16 m_port = 0;
-    bool m_logged_in = false;
+    const qor::control::tls_context m_context;
+    const std::string m_known_hosts;
+    mutable std::mutex m_lock; // held for no longer than it takes to copy what it guards
+    peer_name m_to;
+    link_pointer m_link;
 };
 
 } // namespace

@@ -8,6 +8,7 @@ namespace {
 
 // The same figures as the listener's.
 constexpr auto handshake_time = 5s;
+constexpr auto frame_time = 5s;
 constexpr auto heartbeat_time = 5s;
 constexpr auto silence_limit = 15s;
 
@@ -37,6 +38,7 @@ bool qor::control::link::open(const std::shared_ptr<link>& self) {
 }
 
 void qor::control::link::run() {
+    m_thread_id = std::this_thread::get_id();
     try {
         while (turn())
             ;
@@ -52,9 +54,7 @@ void qor::control::link::run() {
 bool qor::control::link::turn() {
     if (!flush())
         return lose_to_peer(reason_text(1071));
-    const clock::time_point next =
-        m_open ? std::min(m_sent + heartbeat_time, m_heard + silence_limit) : m_begun + handshake_time;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - clock::now()).count();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next_look() - clock::now()).count();
     net::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_socket, true, !m_channel.outgoing().empty()}};
     net::wait(watched, static_cast<int>(std::max<long long>(0, left)));
     const clock::time_point now = clock::now();
@@ -67,19 +67,38 @@ bool qor::control::link::turn() {
         if (m_stopping)
             return false;
         requests = std::exchange(m_requests, {});
+        m_answer_by = m_patience_ends;
         if (m_logged_in)
             m_frames.set_limit(payload_limit);
     }
-    if (!m_open)
-        return now < m_begun + handshake_time || lose_in_handshake(qorError_debug_cannot_connect, reason_text(1070));
-    if (now >= m_heard + silence_limit)
-        return lose(qorError_debug_connection_lost, reason_text(1072));
-    if (requests.empty() && now >= m_sent + heartbeat_time)
+    if (!look_at_clock(now))
+        return false;
+    if (m_open && requests.empty() && now >= m_sent + heartbeat_time)
         append_frame(requests, frame_type::heartbeat, 0, {});
     if (!requests.empty()) {
         m_channel.send(requests);
         m_sent = now;
     }
+    return true;
+}
+
+qor::control::link::clock::time_point qor::control::link::next_look() const noexcept {
+    if (!m_open)
+        return m_begun + handshake_time;
+    clock::time_point next = std::min(m_sent + heartbeat_time, m_heard + silence_limit);
+    if (m_within_since)
+        next = std::min(next, *m_within_since + frame_time);
+    return m_answer_by ? std::min(next, *m_answer_by) : next;
+}
+
+bool qor::control::link::look_at_clock(clock::time_point now) {
+    if (!m_open)
+        return now < m_begun + handshake_time || lose_in_handshake(qorError_debug_cannot_connect, reason_text(1070));
+    if (now >= m_heard + silence_limit)
+        return lose(qorError_debug_connection_lost, reason_text(1072));
+    // Heartbeats prove that somebody is there, not that an answer will ever be whole, or come.
+    if ((m_within_since && now >= *m_within_since + frame_time) || (m_answer_by && now >= *m_answer_by))
+        return lose(qorError_debug_connection_lost, reason_text(1070));
     return true;
 }
 
@@ -108,6 +127,11 @@ bool qor::control::link::receive(clock::time_point now) {
     }
     if (!take_frames(plain))
         return lose(qorError_debug_protocol, reason_text(1075));
+    // A long answer takes the time it takes, as long as its pieces come.
+    if (!m_frames.is_within() && !m_channel.is_within())
+        m_within_since.reset();
+    else if (!plain.empty() || !m_within_since)
+        m_within_since = now;
     if (closed)
         return lose_to_peer(failed != 0 ? net::reason_of(failed) : reason_text(1071));
     if (state == tls_channel::state::failed)
@@ -135,10 +159,11 @@ bool qor::control::link::take_frames(std::string_view plain) {
         if (found.type == frame_type::heartbeat)
             continue;
         const std::lock_guard hold(m_lock);
-        // An answer that nobody waits for came too late.
-        if (found.request != m_last_request)
-            continue;
+        const bool wanted = m_asking && !m_answer && found.request == m_last_request;
+        if (!wanted || (found.type != answer_to(m_asked) && found.type != frame_type::refusal))
+            return false;
         m_answer = std::move(found);
+        m_patience_ends.reset();
         m_changed.notify_all();
     }
 }
@@ -158,13 +183,17 @@ bool qor::control::link::flush() {
 }
 
 bool qor::control::link::lose_to_peer(std::string reason) {
+    {
+        const std::lock_guard hold(m_lock);
+        m_closed = true;
+    }
     // A listener that has no room for another one says nothing.
     return m_open ? lose(qorError_debug_connection_lost, std::move(reason)) : lose_in_handshake(qorError_debug_busy, {});
 }
 
 bool qor::control::link::lose_in_handshake(uint32 number, std::string reason) {
     const std::lock_guard hold(m_lock);
-    m_why = {number, {m_peer.host, m_peer.port, std::move(reason), {}}};
+    m_why = {number, {m_peer.host, std::to_string(m_peer.port), std::move(reason), {}}};
     m_lost = true;
     m_changed.notify_all();
     return false;
@@ -198,29 +227,36 @@ void qor::control::link::tell_sink() {
 
 bool qor::control::link::ask(frame_type type, std::string_view payload, std::chrono::seconds patience, frame& answer) {
     std::unique_lock hold(m_lock);
-    m_answer.reset();
-    if (!m_lost) {
-        append_frame(m_requests, type, ++m_last_request, payload);
-        m_waker.wake();
-        const auto answered = [this] { return m_answer || m_lost || m_stopping; };
-        if (!m_changed.wait_for(hold, patience, answered)) {
-            const failure silent{qorError_debug_connection_lost, {reason_text(1072), {}, {}, {}}};
-            return silent.set();
-        }
-    }
+    m_changed.wait(hold, [this] { return !m_asking || m_lost || m_stopping; });
+    if (m_lost || m_stopping)
+        return m_why.set();
+    append_frame(m_requests, type, ++m_last_request, payload);
+    m_patience_ends = clock::now() + patience;
+    m_asked = type;
+    m_asking = true;
+    m_waker.wake();
+    m_changed.wait(hold, [this] { return m_answer || m_lost || m_stopping; });
+    m_asking = false;
+    m_changed.notify_all();
     if (!m_answer)
         return m_why.set();
-    answer = std::move(*m_answer);
-    m_answer.reset();
-    if (answer.type == answer_to(type) || answer.type == frame_type::refusal)
-        return true;
-    const failure senseless{qorError_debug_protocol, {reason_text(1075), {}, {}, {}}};
-    return senseless.set();
+    answer = *std::exchange(m_answer, {});
+    return true;
 }
 
 bool qor::control::link::is_lost() {
     const std::lock_guard hold(m_lock);
     return m_lost;
+}
+
+bool qor::control::link::is_logged_in() {
+    const std::lock_guard hold(m_lock);
+    return m_logged_in;
+}
+
+bool qor::control::link::was_closed() {
+    const std::lock_guard hold(m_lock);
+    return m_lost && m_closed;
 }
 
 void qor::control::link::set_logged_in() {

@@ -32,7 +32,7 @@ public:
     // What errors call the other side.
     struct peer_name {
         std::string host;
-        std::string port;
+        uint16 port = 0;
     };
 
     link(peer_name peer, net::socket connected, SSL_CTX* context);
@@ -46,14 +46,19 @@ public:
     // Starts the thread and waits for the handshake. Throws std::system_error.
     static bool open(const std::shared_ptr<link>& self);
 
+    const peer_name& peer() const noexcept { return m_peer; }
+
     // What the handshake brought; for a link that is open.
     const key_fingerprint& peer_key() const noexcept { return m_peer_key; }
     const std::array<uint8, 32>& binding() const noexcept { return m_binding; }
 
-    // Sends a request and waits for its answer, which may be a refusal. False: the last error says why.
+    // Sends a request and waits for its answer, which may be a refusal. One that takes longer than `patience` ends the
+    // connection. Requests of several threads wait for one another. False: the last error says why.
     bool ask(frame_type type, std::string_view payload, std::chrono::seconds patience, frame& answer);
 
     bool is_lost();
+    bool is_logged_in();
+    bool was_closed(); // it is lost because the other side ended it
 
     // In a forked child a link of before has no thread, and its locks may be held for ever: it must be left alone.
     bool is_of_parent() const noexcept { return m_forks != net::fork_count(); }
@@ -64,7 +69,7 @@ public:
     bool set_sink(IQORDebugControlSink* sink);
 
     // Ends the connection; nobody is told. When it returns the thread does nothing any more, unless it is the thread's own
-    // call.
+    // call. To be called once.
     void stop();
 
 private:
@@ -72,6 +77,8 @@ private:
 
     void run();
     bool turn(); // one round of the thread; false: the connection is over
+    clock::time_point next_look() const noexcept;
+    bool look_at_clock(clock::time_point now);
     bool receive(clock::time_point now);
     bool take_frames(std::string_view plain);
     bool finish_handshake();
@@ -80,7 +87,7 @@ private:
     bool lose_to_peer(std::string reason);
     bool lose_in_handshake(uint32 number, std::string reason);
     void tell_sink();
-    bool is_own_thread() const noexcept { return std::this_thread::get_id() == m_thread.get_id(); }
+    bool is_own_thread() const noexcept { return std::this_thread::get_id() == m_thread_id; }
 
     const peer_name m_peer;
     net::socket m_socket;
@@ -92,8 +99,11 @@ private:
     tls_channel m_channel;
     frame_reader m_frames;
     clock::time_point m_begun, m_heard, m_sent;
+    std::optional<clock::time_point> m_within_since; // a record or a frame has begun that is not whole
+    std::optional<clock::time_point> m_answer_by;    // as m_patience_ends when the thread looked last
 
     // Written before m_open.
+    std::thread::id m_thread_id;
     key_fingerprint m_peer_key{};
     std::array<uint8, 32> m_binding{};
 
@@ -101,13 +111,17 @@ private:
     std::condition_variable m_changed;
     bool m_open = false;
     bool m_lost = false;
+    bool m_closed = false;
     bool m_stopping = false;
     bool m_logged_in = false;
     bool m_telling = false; // a call of the sink is running
+    bool m_asking = false;  // a request is on its way
+    frame_type m_asked{};
     failure m_why;
     IQORDebugControlSink* m_sink = nullptr;
     std::string m_requests;
     uint32 m_last_request = 0;
+    std::optional<clock::time_point> m_patience_ends; // of the request
     std::optional<frame> m_answer;
 };
 

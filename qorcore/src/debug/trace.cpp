@@ -98,8 +98,9 @@ bool qor::glue::qorDebugEnableCode(const char* pattern, bool enable) noexcept {
     }
     const std::lock_guard hold(state().lock);
     std::vector<rule>& rules = state().rules;
-    // A rule said again replaces its elder, so that switching on and off for years does not grow the list.
-    std::erase_if(rules, [pattern](const rule& old) { return old.pattern == pattern; });
+    // A rule replaces its elders that say nothing beyond it, so that switching on and off for years does not grow the list. What
+    // matches an elder's text with its stars as they stand matches all that the elder does.
+    std::erase_if(rules, [pattern](const rule& old) { return matches(pattern, old.pattern.c_str()); });
     rules.push_back({pattern, enable});
     for (uint32 code = 1; code < state().count; ++code)
         if (matches(pattern, names[code].load(std::memory_order_relaxed)))

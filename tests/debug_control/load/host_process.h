@@ -16,6 +16,8 @@ struct holdings {
     long threads = 0;
 };
 
+holdings measure_this_process();
+
 class host_process {
 public:
     host_process(); // the accounts are ada's and bob's, "secret" and "other"

@@ -48,14 +48,20 @@ const scene host{"debug_control_host", [](const words& arguments) {
         return 1;
     std::setvbuf(stdout, nullptr, _IOLBF, 256);
     for (int what; (what = std::getchar()) != EOF;)
-        if (what == 'p')
+        if (what == 'p') {
             std::printf("%u\n", port);
-        else
-            std::printf("%ld %ld %ld %ld\n", allocated(), resident(), entries("/proc/self/fd"), entries("/proc/self/task"));
+        } else {
+            const holdings now = measure_this_process();
+            std::printf("%ld %ld %ld %ld\n", now.heap, now.resident, now.descriptors, now.threads);
+        }
     return 0;
 }};
 
 } // namespace
+
+qor::test::holdings qor::test::measure_this_process() {
+    return {allocated(), resident(), entries("/proc/self/fd"), entries("/proc/self/task")};
+}
 
 qor::test::host_process::host_process() {
     const std::string users =

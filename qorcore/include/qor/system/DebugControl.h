@@ -20,7 +20,8 @@ public:
     virtual uint32 getver_IQORDebugControlSink() noexcept = 0;
 
     // The connection is gone, and not because this side ended it. Called once for a connection, on a thread of the
-    // framework, with no lock of the framework held: it may call the control, release it, or end the process.
+    // framework, with no lock of the framework held: it may call the control, also beside an operation of another thread that
+    // meets the same loss; release it; or end the process.
     virtual void debug_ConnectionLost() noexcept = 0;
 
 protected:

@@ -1,0 +1,253 @@
+// A proxy of this host that does one thing wrong at one place of a connection: after so many bytes in one direction.
+#pragma once
+
+#include "net.h"
+#include "reset.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace qor::test {
+
+enum class fault {
+    none,
+    split,      // what follows comes by itself
+    single,     // from there on each byte comes by itself
+    pause,      // what follows comes 0.2 seconds later
+    long_pause, // 6 seconds: longer than anything may stay unfinished
+    repeat,     // the last byte comes twice
+    stall,      // nothing comes any more, but the connection stands
+    close,      // both connections end
+    reset,      // the same by a reset
+};
+
+class breaking_proxy {
+public:
+    struct order {
+        fault what = fault::none;
+        bool to_console = false;
+        std::size_t offset = 0;
+    };
+
+    explicit breaking_proxy(uint16 listener) {
+        m_to = place(listener);
+        EXPECT_EQ(net::listen_at(place(0), m_listener), 0);
+        m_port = net::local_end(m_listener).port();
+        m_thread = std::thread([this] { run(); });
+    }
+    breaking_proxy(const breaking_proxy&) = delete;
+    breaking_proxy& operator=(const breaking_proxy&) = delete;
+    ~breaking_proxy() {
+        m_ending = true;
+        m_waker.wake();
+        m_thread.join();
+    }
+
+    uint16 port() const { return m_port; }
+
+    // For the next connection; those that follow it go through unharmed. A new one takes the place of the one before.
+    void set(const order& wanted) {
+        const std::lock_guard hold(m_lock);
+        m_next = wanted;
+        m_passed = {};
+        m_fired = false;
+    }
+
+    // Ends the connection now, with no word of TLS; it has ended when this returns.
+    void break_off(bool by_reset) {
+        m_break = by_reset ? fault::reset : fault::close;
+        m_waker.wake();
+        while (m_break != fault::none)
+            std::this_thread::yield();
+    }
+
+    bool fired() {
+        const std::lock_guard hold(m_lock);
+        return m_fired;
+    }
+
+    // The bytes of all connections since set().
+    std::size_t passed(bool to_console) {
+        const std::lock_guard hold(m_lock);
+        return m_passed[to_console];
+    }
+
+private:
+    using clock = std::chrono::steady_clock;
+
+    struct direction {
+        net::socket* from;
+        net::socket* to;
+        std::string waiting{};
+        std::size_t passed = 0;
+        char last = 0;
+        fault what = fault::none;
+        std::size_t offset = 0;
+        clock::time_point held_until{};
+    };
+
+    static net::endpoint place(uint16 port) {
+        std::vector<net::endpoint> places;
+        std::string reason;
+        EXPECT_EQ(net::resolve("127.0.0.1", port, true, places, reason), 0) << reason;
+        return places.at(0);
+    }
+
+    void run() {
+        while (!m_ending) {
+            const clock::time_point now = clock::now();
+            std::vector<net::watched> watched{{&m_waker.receiver(), true, false}, {&m_listener, true, false}};
+            long long left = -1;
+            if (m_ends[0].is_open())
+                for (const direction& each : m_directions) {
+                    if (each.held_until > now) {
+                        const auto time = std::chrono::ceil<std::chrono::milliseconds>(each.held_until - now).count();
+                        left = left < 0 ? time : std::min<long long>(left, time);
+                    } else {
+                        watched.push_back({each.from, true, false});
+                    }
+                }
+            net::wait(watched, static_cast<int>(left));
+            m_waker.take();
+            if (m_break != fault::none) {
+                end(m_break == fault::reset);
+                m_break = fault::none;
+            }
+            if (watched[1].ready)
+                take();
+            for (std::size_t i = 0; i < 2 && m_ends[0].is_open(); ++i)
+                if (m_directions[i].held_until <= clock::now() && !move(m_directions[i]))
+                    end(false);
+        }
+    }
+
+    void take() {
+        net::endpoint from;
+        net::socket made;
+        if (net::accept_from(m_listener, made, from) != 0)
+            return;
+        end(false);
+        if (net::connect_to(m_to, 10'000, m_ends[1]) != 0)
+            return;
+        m_ends[0] = std::move(made);
+        m_directions[0] = {&m_ends[0], &m_ends[1]};
+        m_directions[1] = {&m_ends[1], &m_ends[0]};
+        const std::lock_guard hold(m_lock);
+        const order wanted = std::exchange(m_next, {});
+        m_directions[wanted.to_console].what = wanted.what;
+        m_directions[wanted.to_console].offset = wanted.offset;
+    }
+
+    void end(bool by_reset) {
+        for (net::socket& each : m_ends) {
+            if (by_reset && each.is_open())
+                reset(each);
+            each = net::socket();
+        }
+    }
+
+    // False: one side has ended it.
+    bool move(direction& of) {
+        char bytes[4096];
+        std::size_t count;
+        const int failed = net::receive(*of.from, bytes, sizeof bytes, &count);
+        if (failed != net::would_block && (failed != 0 || count == 0))
+            return false;
+        of.waiting.append(bytes, count);
+        while (act(of) && !of.waiting.empty()) {
+            std::size_t size = of.waiting.size();
+            if (of.what == fault::single && of.passed >= of.offset)
+                size = 1;
+            else if (of.what != fault::none)
+                size = std::min(size, of.offset - of.passed);
+            if (!pass(of, of.waiting.substr(0, size)))
+                return false;
+            of.waiting.erase(0, size);
+        }
+        return true;
+    }
+
+    // What is wrong at this place. False: nothing more is to be passed on for now.
+    bool act(direction& of) {
+        if (of.what == fault::none || of.passed != of.offset)
+            return true;
+        {
+            const std::lock_guard hold(m_lock);
+            m_fired = true;
+        }
+        switch (of.what) {
+        case fault::none:
+        case fault::single:
+            return true;
+        case fault::split:
+            return hold_for(of, std::chrono::milliseconds(1));
+        case fault::pause:
+            return hold_for(of, std::chrono::milliseconds(200));
+        case fault::long_pause:
+            return hold_for(of, std::chrono::seconds(6));
+        case fault::repeat:
+            of.what = fault::none;
+            return of.offset == 0 || pass(of, std::string(1, of.last));
+        case fault::stall:
+            of.waiting.clear();
+            return false;
+        case fault::close:
+        case fault::reset:
+            end(of.what == fault::reset);
+            return false;
+        }
+        return true;
+    }
+
+    static bool hold_for(direction& of, clock::duration time) {
+        of.what = fault::none;
+        of.held_until = clock::now() + time;
+        return false;
+    }
+
+    bool pass(direction& of, const std::string& bytes) {
+        for (std::size_t at = 0; at < bytes.size();) {
+            std::size_t count;
+            const int failed = net::send(*of.to, bytes.data() + at, bytes.size() - at, &count);
+            if (failed == net::would_block) {
+                net::watched writable{of.to, false, true};
+                net::wait({&writable, 1}, -1);
+            } else if (failed != 0) {
+                return false;
+            }
+            at += count;
+        }
+        of.last = bytes.back();
+        of.passed += bytes.size();
+        const std::lock_guard hold(m_lock);
+        m_passed[&of == &m_directions[1]] += bytes.size();
+        return true;
+    }
+
+    net::endpoint m_to;
+    net::socket m_listener;
+    std::array<net::socket, 2> m_ends; // the console's, the listener's
+    std::array<direction, 2> m_directions{};
+    net::waker m_waker;
+    std::atomic<bool> m_ending = false;
+    std::atomic<fault> m_break = fault::none;
+    uint16 m_port = 0;
+
+    std::mutex m_lock;
+    order m_next;
+    std::array<std::size_t, 2> m_passed{};
+    bool m_fired = false;
+
+    std::thread m_thread;
+};
+
+} // namespace qor::test
