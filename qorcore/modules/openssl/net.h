@@ -44,9 +44,16 @@ private:
 
 // The address of a socket, as the system has it.
 struct endpoint {
+    static constexpr std::size_t port_at = 2, ipv4_at = 4, ipv6_at = 8;
+
+    endpoint() noexcept = default;
+    endpoint(const void* address, std::size_t length) noexcept;
+
     alignas(8) unsigned char bytes[128] = {};
     unsigned size = 0;
 
+    bool is_ipv6() const noexcept;
+    std::string host() const; // as digits
     uint16 port() const noexcept;
     void set_port(uint16 port) noexcept;
     std::string text() const; // "127.0.0.1 port 4711"
@@ -100,7 +107,7 @@ public:
 
 private:
     socket m_receiver;
-    socket m_sender;
+    socket m_sender; // not open: the receiver is connected to itself
 };
 
 // A thread that no signal of the process is delivered to. Throws std::system_error.

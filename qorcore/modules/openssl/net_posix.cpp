@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
+#include <cstddef>
 #include <mutex>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -19,6 +19,9 @@
 namespace {
 
 using qor::net::endpoint;
+
+static_assert(offsetof(sockaddr_in, sin_port) == endpoint::port_at && offsetof(sockaddr_in6, sin6_port) == endpoint::port_at &&
+              offsetof(sockaddr_in, sin_addr) == endpoint::ipv4_at && offsetof(sockaddr_in6, sin6_addr) == endpoint::ipv6_at);
 
 // All sockets of the module, for the day of a fork. Never destroyed.
 struct register_of_sockets {
@@ -54,9 +57,6 @@ void after_fork_in_child() {
 const sockaddr* address_of(const endpoint& of) noexcept { return reinterpret_cast<const sockaddr*>(of.bytes); }
 sockaddr* address_of(endpoint& of) noexcept { return reinterpret_cast<sockaddr*>(of.bytes); }
 int family_of(const endpoint& of) noexcept { return address_of(of)->sa_family; }
-const sockaddr_in* as_ipv4(const endpoint& of) noexcept { return reinterpret_cast<const sockaddr_in*>(of.bytes); }
-const sockaddr_in6* as_ipv6(const endpoint& of) noexcept { return reinterpret_cast<const sockaddr_in6*>(of.bytes); }
-
 int handle_of(const qor::net::socket& of) noexcept { return static_cast<int>(of.handle()); }
 
 int make(const endpoint& for_what, qor::net::socket& out) {
@@ -99,29 +99,12 @@ qor::net::socket::~socket() {
     close(static_cast<int>(m_handle));
 }
 
-uint16 qor::net::endpoint::port() const noexcept {
-    return ntohs(family_of(*this) == AF_INET6 ? as_ipv6(*this)->sin6_port : as_ipv4(*this)->sin_port);
-}
+bool qor::net::endpoint::is_ipv6() const noexcept { return family_of(*this) == AF_INET6; }
 
-void qor::net::endpoint::set_port(uint16 port) noexcept {
-    if (family_of(*this) == AF_INET6)
-        reinterpret_cast<sockaddr_in6*>(bytes)->sin6_port = htons(port);
-    else
-        reinterpret_cast<sockaddr_in*>(bytes)->sin_port = htons(port);
-}
-
-std::string qor::net::endpoint::text() const {
-    char host[NI_MAXHOST] = "?";
-    (void)getnameinfo(address_of(*this), size, host, sizeof host, nullptr, 0, NI_NUMERICHOST);
-    return std::string(host) + " port " + std::to_string(port());
-}
-
-std::string qor::net::endpoint::neighbour() const {
-    if (family_of(*this) != AF_INET6)
-        return {reinterpret_cast<const char*>(&as_ipv4(*this)->sin_addr), 4};
-    const char* const address = reinterpret_cast<const char*>(&as_ipv6(*this)->sin6_addr);
-    // An IPv4 address in its other form counts as what it is.
-    return IN6_IS_ADDR_V4MAPPED(&as_ipv6(*this)->sin6_addr) ? std::string(address + 12, 4) : std::string(address, 8);
+std::string qor::net::endpoint::host() const {
+    char text[NI_MAXHOST] = "?";
+    (void)getnameinfo(address_of(*this), size, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
+    return text;
 }
 
 int qor::net::resolve(const char* host, uint16 port, bool to_listen, std::vector<endpoint>& out, std::string& reason) {
@@ -133,12 +116,8 @@ int qor::net::resolve(const char* host, uint16 port, bool to_listen, std::vector
         reason = failed == EAI_SYSTEM ? reason_of(errno) : gai_strerror(failed);
         return failed;
     }
-    for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
-        endpoint made;
-        made.size = each->ai_addrlen;
-        std::memcpy(made.bytes, each->ai_addr, std::min<std::size_t>(each->ai_addrlen, sizeof made.bytes));
-        out.push_back(made);
-    }
+    for (const addrinfo* each = found; each != nullptr; each = each->ai_next)
+        out.emplace_back(each->ai_addr, each->ai_addrlen);
     freeaddrinfo(found);
     return 0;
 }
@@ -149,7 +128,7 @@ int qor::net::listen_at(const endpoint& at, socket& out) {
         return failed;
     const int on = 1;
     setsockopt(handle_of(made), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (family_of(at) == AF_INET6)
+    if (at.is_ipv6())
         setsockopt(handle_of(made), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
     if (bind(handle_of(made), address_of(at), at.size) != 0 || listen(handle_of(made), SOMAXCONN) != 0)
         return errno;
@@ -234,17 +213,6 @@ qor::net::waker::waker() {
         throw std::system_error(errno, std::generic_category());
     m_receiver = socket(ends[0]);
     m_sender = socket(ends[1]);
-}
-
-void qor::net::waker::wake() noexcept {
-    std::size_t count;
-    (void)send(m_sender, "", 1, &count);
-}
-
-void qor::net::waker::take() noexcept {
-    char bytes[16];
-    for (std::size_t count = 1; receive(m_receiver, bytes, sizeof bytes, &count) == 0;)
-        ;
 }
 
 std::thread qor::net::start_thread(std::function<void()> run) {

@@ -1,0 +1,42 @@
+#include "net.h"
+
+#include <algorithm>
+#include <cstring>
+
+// An address lies in memory as every system of ours has it, which net_posix.cpp and net_windows.cpp check: the family, the port,
+// and then an IPv4 address, or four bytes further an IPv6 one.
+qor::net::endpoint::endpoint(const void* address, std::size_t length) noexcept
+    : size(static_cast<unsigned>(std::min(length, sizeof bytes))) {
+    std::memcpy(bytes, address, size);
+}
+
+uint16 qor::net::endpoint::port() const noexcept { return static_cast<uint16>(bytes[port_at] << 8 | bytes[port_at + 1]); }
+
+void qor::net::endpoint::set_port(uint16 port) noexcept {
+    bytes[port_at] = static_cast<unsigned char>(port >> 8);
+    bytes[port_at + 1] = static_cast<unsigned char>(port);
+}
+
+std::string qor::net::endpoint::text() const { return host() + " port " + std::to_string(port()); }
+
+std::string qor::net::endpoint::neighbour() const {
+    const auto text_of = [this](std::size_t at, std::size_t count) {
+        return std::string(reinterpret_cast<const char*>(bytes) + at, count);
+    };
+    if (!is_ipv6())
+        return text_of(ipv4_at, 4);
+    // An IPv4 address in its other form counts as what it is.
+    constexpr unsigned char mapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+    return std::equal(mapped, mapped + sizeof mapped, bytes + ipv6_at) ? text_of(ipv6_at + sizeof mapped, 4) : text_of(ipv6_at, 8);
+}
+
+void qor::net::waker::wake() noexcept {
+    std::size_t count;
+    (void)send(m_sender.is_open() ? m_sender : m_receiver, "", 1, &count);
+}
+
+void qor::net::waker::take() noexcept {
+    char bytes[16];
+    for (std::size_t count = 1; receive(m_receiver, bytes, sizeof bytes, &count) == 0;)
+        ;
+}
