@@ -97,7 +97,7 @@ TEST(limits, refusals_on_one_connection) {
 // As many connections as there may be, each with one guess after another.
 TEST(limits, guesses_from_one_address) {
     host_process host;
-    const int seconds = load(4, 130);
+    const int seconds = load(3, 130);
     const test_clock::time_point begin = test_clock::now();
     const test_clock::time_point end = begin + std::chrono::seconds(seconds);
     std::mutex lock;
