@@ -3,6 +3,7 @@
 
 #include "log_batch.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -55,8 +56,8 @@ private:
             std::unique_lock hold(m_lock);
             if (m_is_held)
                 give_back();
-            m_changed.wait(hold, [this] { return m_passed != m_taken || m_is_done; });
-            if (m_passed != m_taken) {
+            wait_for_batches(hold);
+            if (waiting() != 0) {
                 m_is_held = true;
                 return &m_batches[m_taken % ring];
             }
@@ -74,29 +75,44 @@ private:
         }
 
     private:
-        static constexpr uint64 ring = 8;
+        // To wake a thread costs more than a batch is worth. So each side waits for half of them once it has to wait, but
+        // what comes slowly is not held up.
+        static constexpr uint64 ring = 16;
+        static constexpr std::chrono::milliseconds patience{1};
 
-        // With the lock held. To wake the thread costs more than a batch is worth, so that it waits for some of them.
+        uint64 waiting() const noexcept { return m_passed - m_taken; }
+
+        void wait_for_batches(std::unique_lock<std::mutex>& hold) {
+            if (waiting() != 0 || m_is_done)
+                return;
+            m_wanted = ring / 2;
+            if (!m_changed.wait_for(hold, patience, [this] { return waiting() >= m_wanted || m_is_done; })) {
+                m_wanted = 1;
+                m_changed.wait(hold, [this] { return waiting() != 0 || m_is_done; });
+            }
+        }
+
         void give_back() {
             m_is_held = false;
             ++m_taken;
-            if (m_passed - m_taken <= ring / 2)
+            if (waiting() <= ring / 2)
                 m_changed.notify_all();
         }
 
         batch* next_free() {
             std::unique_lock hold(m_lock);
-            if (m_passed - m_taken == ring)
-                m_changed.wait(hold, [this] { return m_passed - m_taken <= ring / 2 || m_is_left; });
+            if (waiting() == ring)
+                m_changed.wait(hold, [this] { return waiting() <= ring / 2 || m_is_left; });
             return m_is_left ? nullptr : &m_batches[m_passed % ring];
         }
 
         void pass_on(const batch& filled) {
             std::unique_lock hold(m_lock);
             ++m_passed;
-            m_changed.notify_all();
+            if (waiting() >= m_wanted || filled.is_lent)
+                m_changed.notify_all();
             if (filled.is_lent)
-                m_changed.wait(hold, [this] { return m_passed == m_taken || m_is_left; });
+                m_changed.wait(hold, [this] { return waiting() == 0 || m_is_left; });
         }
 
         log_source<LINE> m_source;
@@ -107,6 +123,7 @@ private:
         std::condition_variable m_changed;
         uint64 m_passed = 0; // batches, counted from the first
         uint64 m_taken = 0;
+        uint64 m_wanted = 1;    // of them, before it is worth while to go on
         bool m_is_held = false; // the one behind those taken is in use
         bool m_is_done = false;
         bool m_is_left = false;
