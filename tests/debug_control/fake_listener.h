@@ -122,6 +122,11 @@ public:
     void send(control::frame_type type, uint32 request, const std::string& payload) {
         std::string bytes;
         control::append_frame(bytes, type, request, payload);
+        send(bytes);
+    }
+
+    // As one record.
+    void send(const std::string& bytes) {
         SSL_write(m_ssl.get(), bytes.data(), static_cast<int>(bytes.size()));
         flush();
     }

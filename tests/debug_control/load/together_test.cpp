@@ -61,7 +61,7 @@ TEST_F(together, listener_consoles_losses_and_codes) {
     others.emplace_back([&] {
         const uint32 traced = qorDebugAllocateCode("together.traced");
         for (int i = 0; !done; ++i) {
-            const uint32 code = qorDebugAllocateCode(("together." + std::to_string(i % 2000)).c_str());
+            const uint32 code = qorDebugAllocateCode(("together." + std::to_string(i % 200)).c_str());
             const qorDebugSeq scope(code, "work");
             qorDebug(traced, "round %d", next.load());
             std::this_thread::yield();
