@@ -222,13 +222,40 @@ TEST_F(sessions, who_is_silent_for_fifteen_seconds_is_gone) {
 
 // ---- what is refused
 
-// A hello of 120 KB is given no room, in however many records it comes.
+// A hello of 120 KB is given no room, in however many records it comes, nor is a record that is longer than a hello.
 TEST_F(sessions, a_hello_that_claims_to_be_long) {
-    for (const std::string_view record : {std::string_view("\x16\3\1\0\4\1\1\xe0\0", 9), std::string_view("\x16\3\1\0\1\1", 6)}) {
+    for (const std::string_view record : {std::string_view("\x16\3\1\0\4\1\1\xe0\0", 9), std::string_view("\x16\3\1\0\1\1", 6),
+                                          std::string_view("\x16\3\1\x11\1", 5)}) {
         auto of = connect();
         of->receive(record, m_now);
         EXPECT_TRUE(of->is_over());
     }
+}
+
+// What comes of a record is kept until it is whole: before a login that is no more than a frame.
+TEST_F(sessions, records_are_short_before_a_login) {
+    const auto heartbeats = [](int count) {
+        std::string bytes;
+        for (int i = 0; i < count; ++i)
+            qor::control::append_frame(bytes, frame_type::heartbeat, 0, {});
+        return bytes;
+    };
+    memory_client peer;
+    auto of = connect();
+    peer.exchange(*of, m_now);
+    peer.send(heartbeats(171)); // 2,052 bytes
+    peer.exchange(*of, m_now);
+    EXPECT_FALSE(of->is_over());
+    peer.send(heartbeats(200));
+    of->receive(peer.take().substr(0, 5), m_now);
+    EXPECT_TRUE(of->is_over());
+
+    memory_client user;
+    auto logged_in = connect();
+    ASSERT_TRUE(succeeds(*logged_in, user, m_ada));
+    user.send(heartbeats(1365)); // 16,380 bytes
+    user.exchange(*logged_in, m_now);
+    EXPECT_FALSE(logged_in->is_over());
 }
 
 TEST_F(sessions, what_is_out_of_turn) {

@@ -26,6 +26,13 @@ void qor::control::append_frame(std::string& out, frame_type type, uint32 reques
 }
 
 qor::control::frame_reader::result qor::control::frame_reader::next(frame& out) {
+    const result found = take(out);
+    if (found == result::nothing)
+        m_bytes.shrink_to_fit(); // a peer may leave it like that for long
+    return found;
+}
+
+qor::control::frame_reader::result qor::control::frame_reader::take(frame& out) {
     if (m_bytes.size() < frame_header_size)
         return result::nothing;
     const uint32 size = number_at(m_bytes, 0, 4);
@@ -37,7 +44,6 @@ qor::control::frame_reader::result qor::control::frame_reader::next(frame& out) 
     out.request = number_at(m_bytes, 8, 4);
     out.payload.assign(m_bytes, frame_header_size, size);
     m_bytes.erase(0, frame_header_size + size);
-    m_bytes.shrink_to_fit();
     return result::frame;
 }
 

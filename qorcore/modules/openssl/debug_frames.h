@@ -66,6 +66,8 @@ public:
     bool is_within() const noexcept { return !m_bytes.empty(); }
 
 private:
+    result take(frame& out);
+
     uint32 m_limit = payload_limit_before_login;
     std::string m_bytes;
 };

@@ -134,7 +134,7 @@ double time_until_cut(const dawdler& who, uint16 port, const std::string& source
     peer.socket.write(how.at_once);
     auto next = test_clock::now();
     for (auto drop = how.drops.begin(); seconds_since(begin) < 20; next += 1s) {
-        if (peer.socket.is_cut_within(std::chrono::ceil<std::chrono::milliseconds>(next - test_clock::now())))
+        if (peer.socket.is_cut_within(left_until(next)))
             return seconds_since(begin);
         if (drop != how.drops.end())
             peer.socket.write(*drop++);

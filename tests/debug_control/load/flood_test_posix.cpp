@@ -31,7 +31,8 @@ struct crowd {
 };
 
 const crowd crowds[] = {
-    {"that say nothing", [](uint16 port, const std::string& source) -> attacker { return std::make_shared<socket_peer>(port, source); }},
+    {"that say nothing",
+     [](uint16 port, const std::string& source) -> attacker { return std::make_shared<socket_peer>(port, source); }},
     {"that speak HTTP",
      [](uint16 port, const std::string& source) -> attacker {
          auto made = std::make_shared<socket_peer>(port, source);
@@ -81,9 +82,9 @@ TEST(flood, of_connections_from_one_address) {
         for (std::thread& attacking : all)
             attacking.join();
         const holdings after = host.measure_at_rest(before);
-        std::printf("%d connections of one address %s: %ld KiB more resident, %ld KiB more allocated (at most 2048), %ld KiB in the end; "
-                    "%d logins of another one meanwhile, %d of them failed, the longest took %.0f ms (3000); descriptors before "
-                    "%ld, after %ld\n",
+        std::printf("%d connections of one address %s: %ld KiB more resident, %ld KiB more allocated (at most 2048), %ld KiB "
+                    "in the end; %d logins of another one meanwhile, %d of them failed, the longest took %.0f ms (3000); "
+                    "descriptors before %ld, after %ld\n",
                     connections, each.what, resident / 1024, heap / 1024, (after.heap - before.heap) / 1024, logins, failed,
                     longest * 1000, before.descriptors, after.descriptors);
         EXPECT_LE(heap, 2048 * 1024);

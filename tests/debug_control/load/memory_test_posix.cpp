@@ -38,10 +38,8 @@ void shake_hands(tls_peer& peer) { EXPECT_TRUE(peer.shake_hands()); }
 
 // A record with a message of the handshake of that length.
 std::string handshake_record(std::size_t length) {
-    const std::size_t size = length + 4;
-    return std::string{0x16, 3, 1, static_cast<char>(size >> 8), static_cast<char>(size), 1, 0, static_cast<char>(length >> 8),
-                       static_cast<char>(length)} +
-           std::string(length, '\3');
+    const auto number = [](std::size_t of) { return std::string{static_cast<char>(of >> 8), static_cast<char>(of)}; };
+    return "\x16\3\1" + number(length + 4) + std::string("\1\0", 2) + number(length) + std::string(length, '\3');
 }
 
 // Of the longest record that is taken after a handshake.
@@ -51,8 +49,8 @@ std::string all_but_a_byte(tls_peer& peer) {
     return record.substr(0, record.size() - 1);
 }
 
-// Where a peer stays that does not log in. While a handshake lasts, and that is for 5 seconds at most, OpenSSL alone takes 45
-// KiB, which nobody can change; that all of them together keep to their limit matters then.
+// Where a peer stays that does not log in. While a handshake lasts, and that is for 5 seconds at most, OpenSSL alone takes
+// 45 KiB, which nobody can change; that all of them together keep to their limit matters then.
 struct stage {
     const char* what;
     std::function<void(tls_peer&)> act;
@@ -127,8 +125,8 @@ TEST(memory, of_connections_before_a_login) {
         EXPECT_TRUE(is_logged_in(log_in(host, source_address(1))));
         const holdings now = host.measure();
         const double of_one = in_KiB(now.heap - before.heap) / connections;
-        std::printf("%s: %.1f KiB for a connection (at most %ld), %.0f for 32 (2048); %.0f more resident\n", each.what, of_one,
-                    each.limit, 32 * of_one, in_KiB(now.resident - before.resident));
+        std::printf("%s: %.1f KiB for a connection (at most %ld), %.0f for 32 (2048); %.0f more resident\n", each.what,
+                    of_one, each.limit, 32 * of_one, in_KiB(now.resident - before.resident));
         EXPECT_LE(of_one, static_cast<double>(each.limit)) << each.what;
         EXPECT_LE(32 * of_one, 2048) << each.what;
         EXPECT_GT(of_one, 1) << each.what;
@@ -159,8 +157,9 @@ TEST(memory, of_a_peer_that_never_reads) {
         }
     }
     const holdings after = host.measure_at_rest(before);
-    std::printf("a peer that never reads: dropped when %d answers of 64 KiB were due, %.0f KiB of memory at most, %.0f KiB afterwards\n", asked,
-                in_KiB(most), in_KiB(after.heap - before.heap));
+    std::printf("a peer that never reads: dropped when %d answers of 64 KiB were due, %.0f KiB of memory at most, %.0f KiB "
+                "afterwards\n",
+                asked, in_KiB(most), in_KiB(after.heap - before.heap));
     EXPECT_LE(in_KiB(most), 256 + 16);
     EXPECT_GT(in_KiB(most), 64);
     EXPECT_LE(asked, 16);

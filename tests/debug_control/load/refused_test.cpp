@@ -92,7 +92,8 @@ TEST_F(refused_by_console, one_that_does_not_know_the_password) {
 
 // Few iterations make the password cheap to guess from the proof, many keep the console busy: neither gets a proof.
 TEST_F(refused_by_console, iterations_out_of_bounds) {
-    for (const char* const iterations : {"1", "1000000000", "4095", "2000001", "99999999999999999999", "0", "-1", "4096x", ""}) {
+    for (const char* const iterations :
+         {"1", "1000000000", "4095", "2000001", "99999999999999999999", "0", "-1", "4096x", ""}) {
         fake_listener impostor([this, iterations](fake_listener& through) {
             fake_tls tls(through, m_key.get(), {});
             frame request;
@@ -111,9 +112,10 @@ TEST_F(refused_by_console, iterations_out_of_bounds) {
 }
 
 TEST_F(refused_by_console, other_versions_and_protocols) {
-    const std::pair<const char*, fake_tls::settings> wrong[] = {{"TLS 1.2, by a console", {TLS1_2_VERSION, "qor-debug/1"}},
-                                                                {"no ALPN, by a console", {TLS1_3_VERSION, ""}},
-                                                                {"ALPN of http/1.1, by a console", {TLS1_3_VERSION, "http/1.1"}}};
+    const std::pair<const char*, fake_tls::settings> wrong[] = {
+        {"TLS 1.2, by a console", {TLS1_2_VERSION, "qor-debug/1"}},
+        {"no ALPN, by a console", {TLS1_3_VERSION, ""}},
+        {"ALPN of http/1.1, by a console", {TLS1_3_VERSION, "http/1.1"}}};
     for (const auto& [what, settings] : wrong) {
         fake_listener other(login_by({"secret"}, settings));
         expect_refused(what, [&](int) { return connect_fails(other.port(), qorError_debug_not_ours); });

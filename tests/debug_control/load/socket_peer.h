@@ -24,6 +24,11 @@ inline double seconds_since(test_clock::time_point begin) {
     return std::chrono::duration<double>(test_clock::now() - begin).count();
 }
 
+// What is left until then, at least nothing.
+inline std::chrono::milliseconds left_until(test_clock::time_point end) {
+    return std::max(std::chrono::ceil<std::chrono::milliseconds>(end - test_clock::now()), 0ms);
+}
+
 // The address of a number: 127.1.0.0 and the following.
 inline std::string source_address(unsigned number) {
     return "127." + std::to_string(1 + (number >> 16)) + '.' + std::to_string(number >> 8 & 0xff) + '.' +
@@ -33,7 +38,8 @@ inline std::string source_address(unsigned number) {
 class socket_peer {
 public:
     // `room` for bytes that nobody reads; 0: the system's choice.
-    socket_peer(uint16 port, const std::string& source, int room = 0) : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    socket_peer(uint16 port, const std::string& source, int room = 0)
+        : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         const int on = 1;
         setsockopt(m_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         // The port is chosen with the connection, so that as many may follow as there are pairs of ports.
@@ -73,8 +79,7 @@ public:
     // Whatever else comes.
     bool is_cut_within(std::chrono::milliseconds patience) {
         for (const auto end = test_clock::now() + patience; test_clock::now() <= end;)
-            if (const auto came = read(std::chrono::ceil<std::chrono::milliseconds>(end - test_clock::now()));
-                came && came->empty())
+            if (const auto came = read(left_until(end)); came && came->empty())
                 return true;
         return false;
     }
@@ -128,7 +133,8 @@ public:
     // A whole one; its last answer.
     std::optional<frame> log_in(plain_scram::client who) {
         const std::optional<frame> first = begin_login(who);
-        if (!first || first->type != frame_type::login_first_answer || !send(frame_type::login_final, 2, who.final(first->payload)))
+        if (!first || first->type != frame_type::login_first_answer ||
+            !send(frame_type::login_final, 2, who.final(first->payload)))
             return std::nullopt;
         return next();
     }
@@ -138,8 +144,7 @@ public:
 
 private:
     bool take_some(test_clock::time_point end) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - test_clock::now());
-        const std::optional<std::string> came = socket.read(std::max(left, 0ms));
+        const std::optional<std::string> came = socket.read(left_until(end));
         if (!came || came->empty())
             return false;
         tls.give(*came);

@@ -41,11 +41,12 @@ TEST(timing, of_known_and_unknown_users) {
     std::mutex lock;
     answers known, unknown;
     std::vector<std::thread> all;
-    // From an address of its own each, so that no guess has to wait; one of the known user, one of an unknown one.
+    // From an address of its own each, so that no guess has to wait; of the known user and of unknown ones in turn, and of
+    // both at any time.
     for (int lane = 0; lane < lanes; ++lane)
         all.emplace_back([&, lane] {
             for (int i = lane; i < 2 * tries; i += lanes) {
-                const bool is_known = i / lanes % 2 == 0;
+                const bool is_known = (i / lanes + lane) % 2 == 0;
                 plain_scram::client who{is_known ? "ada" : "x" + std::to_string(10 + i % 90), "guess", {}};
                 tls_peer peer(host.port(), source_address(static_cast<unsigned>(i)));
                 ASSERT_TRUE(peer.shake_hands());
@@ -74,13 +75,15 @@ TEST(timing, of_known_and_unknown_users) {
     const std::string only = known.shapes.front();
     const auto same = std::count(known.shapes.begin(), known.shapes.end(), only) +
                       std::count(unknown.shapes.begin(), unknown.shapes.end(), only);
-    std::printf("messages to a known and to an unknown user: %ld of %d of the same shape\n", static_cast<long>(same), 2 * tries);
+    std::printf("messages to a known and to an unknown user: %ld of %d of the same shape\n", static_cast<long>(same),
+                2 * tries);
     EXPECT_EQ(same, 2 * tries);
-    for (const auto& [what, times] : {std::pair("the first answer", &answers::first), std::pair("the refusal", &answers::last)}) {
+    for (const auto& [what, times] :
+         {std::pair("the first answer", &answers::first), std::pair("the refusal", &answers::last)}) {
         const double of_known = median(known.*times);
         const double of_unknown = median(unknown.*times);
-        std::printf("time until %s, medians of %d: a known user %.2f ms, an unknown one %.2f ms (5 ms apart at most)\n", what, tries,
-                    of_known, of_unknown);
+        std::printf("time until %s, medians of %d: a known user %.2f ms, an unknown one %.2f ms (5 ms apart at most)\n",
+                    what, tries, of_known, of_unknown);
         if (whole_load()) {
             EXPECT_LT(std::abs(of_known - of_unknown), 5) << what;
         }

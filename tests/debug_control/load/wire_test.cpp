@@ -58,8 +58,9 @@ std::vector<std::pair<std::string, std::string>> forms(const std::string& name, 
 std::vector<std::pair<std::string, std::string>> secrets(const std::string& salt) {
     auto all = forms("the password", password);
     const std::string salted = plain_scram::salted(password, salt, 4096);
-    for (const auto& [name, key] : {std::pair("the salted password", salted), std::pair("the client's key", plain_scram::hmac(salted, "Client Key")),
-                                    std::pair("the server's key", plain_scram::hmac(salted, "Server Key"))}) {
+    for (const auto& [name, key] :
+         {std::pair("the salted password", salted), std::pair("the client's key", plain_scram::hmac(salted, "Client Key")),
+          std::pair("the server's key", plain_scram::hmac(salted, "Server Key"))}) {
         all.emplace_back(name, key);
         all.emplace_back(std::string(name) + ", hexadecimal", hexadecimal(key, "0123456789abcdef"));
         all.emplace_back(std::string(name) + ", base64", plain_scram::base64(key));
@@ -102,7 +103,8 @@ private:
     void pass_on(fake_listener& through, uint16 to) {
         qor::net::socket back = connect_to_listener(to);
         for (;;) {
-            qor::net::watched watched[] = {{&through.end(), true, false}, {&through.connection(), true, false}, {&back, true, false}};
+            qor::net::watched watched[] = {
+                {&through.end(), true, false}, {&through.connection(), true, false}, {&back, true, false}};
             qor::net::wait(watched, -1);
             if (watched[0].ready || (watched[1].ready && !move(through.connection(), back, m_to_listener)) ||
                 (watched[2].ready && !move(back, through.connection(), m_to_console)))
@@ -202,8 +204,8 @@ protected:
     void expect_nothing_in(const std::string& bytes, const std::string& salt, const char* what, int logins) {
         const auto wanted = secrets(salt);
         const std::vector<std::string> seen = found(wanted, bytes);
-        std::printf("%s: %zu bytes of %d logins, the password and its keys in %zu of %zu forms\n", what, bytes.size(), logins,
-                    seen.size(), wanted.size());
+        std::printf("%s: %zu bytes of %d logins, the password and its keys in %zu of %zu forms\n", what, bytes.size(),
+                    logins, seen.size(), wanted.size());
         EXPECT_TRUE(seen.empty()) << seen.front();
     }
 
@@ -226,13 +228,14 @@ TEST_F(wire, the_search_finds_every_form) {
     for (const char* const text :
          {"eyJwIjoiY29ycmVjdCBob3JzZSBiYXR0ZXJ5IHN0YXBsZSAxIn0K", "eyJwYSI6ImNvcnJlY3QgaG9yc2UgYmF0dGVyeSBzdGFwbGUgMSJ9Cg==",
           "eyJwYXMiOiJjb3JyZWN0IGhvcnNlIGJhdHRlcnkgc3RhcGxlIDEifQo=",
-          "7b2270223a22636f727265637420686f7273652062617474657279207374617" "06c652031227d0a"})
+          "7b2270223a22636f727265637420686f7273652062617474657279207374617"
+          "06c652031227d0a"})
         EXPECT_EQ(found(password_alone, text).size(), 1u) << text;
 }
 
 TEST_F(wire, of_a_console_and_a_listener) {
     recorder between(m_port);
-    const int logins = load(3, 50);
+    const int logins = load(3, 15);
     for (int i = 0; i < logins; ++i)
         log_in_and_work(between.port());
     const std::string bytes = between.recorded();
