@@ -3,9 +3,9 @@
 //     fuzz_TARGET CORPUS_DIR... [--runs=N] [--seconds=T] [--seed=S]
 //
 // Every file of the folders is one input. After them come N mutations (default: none), or as many as T
-// seconds allow; where both are given, whichever ends first. The same seed gives the same mutations. On a
-// crash the input is left in the file "crash-input" of the current folder, to be replayed from a folder of
-// its own.
+// seconds allow; where both are given, whichever ends first. The same seed gives the same mutations. A long
+// run tells its count every minute, so that one which is ended early has a figure, too. On a crash the input
+// is left in the file "crash-input" of the current folder, to be replayed from a folder of its own.
 #include "crash_input.h"
 
 #include <algorithm>
@@ -220,9 +220,17 @@ std::uint64_t run_all(const settings& wanted) {
         timed && wanted.runs == 0 ? std::numeric_limits<std::uint64_t>::max() : wanted.runs;
     mutator mutations(corpus, wanted.seed);
     std::uint64_t done = 0;
-    while (done < runs && (!timed || clock::now() < end)) {
+    clock::time_point now = clock::now();
+    clock::time_point told = now;
+    while (done < runs && (!timed || now < end)) {
         run(mutations.next());
         ++done;
+        now = clock::now();
+        if (now - told < std::chrono::minutes(1))
+            continue;
+        told = now;
+        std::printf("%llu inputs so far\n", static_cast<unsigned long long>(corpus.size() + done));
+        std::fflush(stdout);
     }
     return corpus.size() + done;
 }

@@ -5,23 +5,66 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <random>
 
 namespace {
 
-std::string read(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
+// What the analyser writes to. Opened once: opening files is most of the time that a short log takes.
+class written {
+public:
+    explicit written(const std::filesystem::path& path) : m_file(std::fopen(path.string().c_str(), "w+b")) {
+        log_run::require(m_file != nullptr);
+    }
+    written(const written&) = delete;
+    written& operator=(const written&) = delete;
+    ~written() { std::fclose(m_file); }
 
-// A folder for the logs and what the analyser says of them; gone when the process ends.
+    std::FILE* file() const { return m_file; }
+
+    // All of it; what is written next begins anew.
+    std::string take() const {
+        const long size = std::ftell(m_file);
+        log_run::require(size >= 0);
+        std::string text(static_cast<std::size_t>(size), '\0');
+        std::rewind(m_file);
+        log_run::require(std::fread(text.data(), 1, text.size(), m_file) == text.size());
+        std::rewind(m_file);
+        return text;
+    }
+
+private:
+    std::FILE* m_file;
+};
+
+// Every run's analyser lies in the same memory. That saves mapping its 8 MiB each time, and what it reads without having written
+// it shows: there is what the run before has left.
+class analyser final : public mtrace_proc {
+public:
+    using mtrace_proc::mtrace_proc;
+
+    static void* operator new(std::size_t size) {
+        static void* const memory = made();
+        log_run::require(size == sizeof(analyser));
+        return memory;
+    }
+    static void operator delete(void*) noexcept {}
+
+private:
+    static void* made() {
+        // The C library learns from what is freed how much to keep: else it would give back the pages of every run.
+        ::operator delete(::operator new(sizeof(analyser)));
+        return ::operator new(sizeof(analyser));
+    }
+};
+
+// A folder that is gone when the process ends. The quicker its file system, the quicker the runs: name one in memory by TMPDIR
+// for a long search.
 class folder {
 public:
     folder()
         : m_path(std::filesystem::temp_directory_path() /
                  ("fuzz_replay-" + std::to_string(std::random_device{}()))) {
-        std::filesystem::create_directory(m_path);
+        log_run::require(std::filesystem::create_directory(m_path));
     }
     folder(const folder&) = delete;
     folder& operator=(const folder&) = delete;
@@ -30,36 +73,42 @@ public:
         std::filesystem::remove_all(m_path, ignored);
     }
 
-    void write(const char* name, const std::string& bytes) const {
-        std::ofstream(m_path / name, std::ios::binary) << bytes;
-    }
-
-    plain_log::output run(const std::vector<const char*>& names) const {
-        qorStringArray args;
-        for (const char* const name : names)
-            args.Append((m_path / name).string().c_str());
-        std::FILE* const out = std::fopen((m_path / "out").string().c_str(), "wb");
-        std::FILE* const err = std::fopen((m_path / "err").string().c_str(), "wb");
-        log_run::require(out != nullptr && err != nullptr);
-        {
-            zetSmartPointer<mtrace_proc> proc;
-            proc.AttachNew(new (__FILE__, __LINE__) mtrace_proc(out, err));
-            const bool joined = names[0] == std::string("mtrace");
-            log_run::require(joined ? proc->Execute_MTRACE(args) : proc->Execute_MEMCHECK(args));
-        }
-        std::fclose(out);
-        std::fclose(err);
-        return {read(m_path / "out"), read(m_path / "err")};
-    }
+    std::filesystem::path operator/(const char* name) const { return m_path / name; }
 
 private:
     std::filesystem::path m_path;
 };
 
+// The logs and what the analyser says of them.
+class analysis {
+public:
+    void write(const char* name, const std::string& bytes) const {
+        std::ofstream(m_here / name, std::ios::binary) << bytes;
+    }
+
+    plain_log::output run(const std::vector<const char*>& names) const {
+        qorStringArray args;
+        for (const char* const name : names)
+            args.Append((m_here / name).string().c_str());
+        {
+            zetSmartPointer<mtrace_proc> proc;
+            proc.AttachNew(new analyser(m_out.file(), m_err.file()));
+            const bool joined = names[0] == std::string("mtrace");
+            log_run::require(joined ? proc->Execute_MTRACE(args) : proc->Execute_MEMCHECK(args));
+        }
+        return {m_out.take(), m_err.take()};
+    }
+
+private:
+    folder m_here;
+    written m_out{m_here / "out"};
+    written m_err{m_here / "err"};
+};
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const folder here;
+    static const analysis here;
     const std::string text(reinterpret_cast<const char*>(data), size);
     if (text.empty())
         return 0;

@@ -1,5 +1,9 @@
 // The client's side of a login: an input is the two messages of a server with a line end between. "$R" stands for the client's
 // nonce, and "$V" for the right signature. A plain reader of messages says what must come out.
+//
+// Every call of OpenSSL's key derivation, the module's and the plain side's, comes to a quick one below by the linker's --wrap.
+// Thousands of rounds of a hash that is not ours would be all that a run does, and a salt or a number of iterations that
+// was misread shows in the result of one round as well.
 #include "scram_client.h"
 
 #include "plain_messages.h"
@@ -7,13 +11,23 @@
 
 #include <cstdint>
 
+extern "C" decltype(PKCS5_PBKDF2_HMAC) __real_PKCS5_PBKDF2_HMAC;
+extern "C" decltype(PKCS5_PBKDF2_HMAC) __wrap_PKCS5_PBKDF2_HMAC;
+
+// One round, into which the number of iterations goes as a part of the salt.
+int __wrap_PKCS5_PBKDF2_HMAC(const char* password, int password_size, const unsigned char* salt, int salt_size,
+                             int iterations, const EVP_MD* hash, int key_size, unsigned char* key) {
+    std::string both(reinterpret_cast<const char*>(salt), static_cast<std::size_t>(salt_size));
+    both += ' ' + std::to_string(iterations);
+    return __real_PKCS5_PBKDF2_HMAC(password, password_size, reinterpret_cast<const unsigned char*>(both.data()),
+                                    static_cast<int>(both.size()), 1, hash, key_size, key);
+}
+
 namespace {
 
 using qor::control::scram_client;
 
 constexpr std::array<uint8, 32> binding = {7, 8, 9};
-// More would make a run of many inputs long.
-constexpr unsigned patience = 4100;
 
 bool is_plain_base64(const std::string& text) {
     for (const char c : text)
@@ -48,8 +62,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const unsigned iterations = formed ? plain_iterations(fields[2].substr(2)) : 0;
     const bool fits = formed && is_plain_nonce(server_nonce) && server_nonce.size() > nonce.size() &&
                       server_nonce.substr(0, nonce.size()) == nonce && is_plain_base64(fields[1].substr(2)) && iterations != 0;
-    if (fits && iterations > patience)
-        return 0;
 
     std::string last;
     require(client.final(answer, last) == fits && last.empty() == !fits);

@@ -4,42 +4,20 @@
 usage: console_test.py --tool QORTOOL --ticker TICKER [--runner PROGRAM]
 """
 
-import argparse
-import base64
-import hashlib
-import hmac
 import os
-import random
 import shlex
 import subprocess
-import sys
-import tempfile
 import threading
 import time
-import unittest
-from pathlib import Path
 
-sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+import listening
+from listening import TIMEOUT, Listening
 
-TIMEOUT = 60  # seconds; instrumented builds on a busy machine are slow
 PROMPT = "Debug> "
 LOGGED_IN = "Logged in. 'help' lists the commands; the end of the input ends the console.\n"
 BANNER = "qortool - tries out and inspects the facilities of the framework\nVersion 3.35.21\n"
 REFUSED = "The user name or the password was refused.\n"
 NO_ERROR = "There is no error to report.\n"
-
-tool = None
-ticker = None
-
-
-def verifier(password, iterations=4096):
-    """The stored form of a password, as an accounts file has it."""
-    salt = os.urandom(16)
-    salted = hashlib.pbkdf2_hmac("sha256", password, salt, iterations)
-    stored = hashlib.sha256(hmac.digest(salted, b"Client Key", "sha256")).digest()
-    texts = [base64.b64encode(each).decode() for each in (salt, stored, hmac.digest(salted, b"Server Key", "sha256"))]
-    return f"SCRAM-SHA-256${iterations}:{texts[0]}${texts[1]}:{texts[2]}"
 
 
 class Input:
@@ -63,7 +41,7 @@ class Input:
             if not byte:
                 break
             text += byte
-        return tool.printed(text).decode()
+        return listening.tool.printed(text).decode()
 
     def end(self, close=True):
         """(exit code, standard output, standard error)"""
@@ -74,57 +52,12 @@ class Input:
         self.limit.cancel()
         for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
             stream.close()
-        return code, tool.printed(out).decode(), tool.printed(err).decode()
+        return code, listening.tool.printed(out).decode(), listening.tool.printed(err).decode()
 
 
-class Console(unittest.TestCase):
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="qor.")
-        self.addCleanup(folder.cleanup)
-        self.folder = Path(folder.name)
-        self.users = self.folder / "users"
-        self.users.touch(mode=0o600)
-        self.users.write_text(f"ann:{verifier(b'secret')}\n")
-        self.trace = self.folder / "trace"
-
-    def environment(self):
-        return tool.environment() | {"XDG_CONFIG_HOME": str(self.folder), "HOME": str(self.folder)}
-
-    def listen(self):
-        """A ticker that listens on self.port."""
-        while True:
-            self.port = random.randint(10000, 32000)
-            words = ["20", f"--qor-debug-listen={self.port}", f"--qor-debug-users={self.users}",
-                     f"--qor-debug-file={self.trace}", "--qor-debug=ticker.tick"]
-            self.peer = subprocess.Popen([*ticker.command, *words], stdin=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                                         env=self.environment())
-            # It ticks once it listens; it has ended where somebody else has the port.
-            while self.peer.poll() is None and not (self.trace.exists() and self.trace.stat().st_size):
-                time.sleep(0.01)
-            if self.peer.poll() is None:
-                self.addCleanup(self.stop)
-                return
-            err = self.peer.stderr.read().decode()
-            self.peer.stderr.close()
-            self.assertRegex(err, "in use|use")
-
-    def stop(self):
-        self.peer.kill()
-        self.peer.wait()
-        self.peer.stderr.close()
-
-    def traced(self):
-        """The lines of the peer's trace: words behind time, process and thread."""
-        return [line.split(" ", 2)[2] for line in self.trace.read_text().splitlines()]
-
-    def wait_for_trace(self, line):
-        until = time.monotonic() + TIMEOUT
-        while line not in self.traced():
-            self.assertLess(time.monotonic(), until, f"no {line} in {self.traced()[-20:]}")
-            time.sleep(0.05)
-
+class Console(Listening):
     def console(self, *words, port=None):
-        return Input([*tool.command, *words, "debug-control", "localhost", str(port or self.port)], self.environment())
+        return Input([*listening.tool.command, *words, "debug-control", "localhost", str(port or self.port)], self.environment())
 
     def logged_in(self):
         console = self.console("--quiet")
@@ -236,7 +169,7 @@ class Terminal(Console):
         self.tmux("send-keys", "-t", "console", "Enter")
 
     def start(self):
-        words = shlex.join([*tool.command, "--quiet", "debug-control", "localhost", str(self.port)])
+        words = shlex.join([*listening.tool.command, "--quiet", "debug-control", "localhost", str(self.port)])
         self.tmux("new-session", "-d", "-s", "console", "-x", "100", "-y", "50", f"{words}; echo ended with $?; cat")
         self.addCleanup(self.tmux, "kill-server")
         self.see("Username:")
@@ -264,16 +197,10 @@ class Terminal(Console):
 
 def load_tests(loader, _tests, _pattern):
     suite = loader.loadTestsFromTestCase(Console)
-    if not tool.for_windows:
+    if not listening.tool.for_windows:
         suite.addTests(Terminal(name) for name in ("test_a_session", "test_a_killed_peer"))
     return suite
 
 
 if __name__ == "__main__":
-    parser = argparse.ArgumentParser()
-    add_options(parser)
-    parser.add_argument("--ticker", required=True)
-    options, rest = parser.parse_known_args()
-    tool = Tool(options.tool, options.runner)
-    ticker = Tool(options.ticker, options.runner)
-    unittest.main(argv=[sys.argv[0], *rest])
+    listening.main()

@@ -112,6 +112,40 @@ class Binding(WrongLibraries, unittest.TestCase):
         (folder / "libqor.so").write_bytes(self.real)
         self.check(BOUND, "", client=self.copy("client", folder))
 
+    # ---- installed: the client in bin, the library in lib
+
+    def test_installed(self):
+        self.install(self.real)
+        self.check(BOUND, "")
+
+    def test_installed_behind_a_damaged_one(self):
+        self.library.write_bytes(b"")
+        self.install(self.real)
+        self.check(BOUND, "")
+
+    def test_installed_but_beside_is_nearer(self):
+        self.library.write_bytes(self.real)
+        self.install((options.bin / "without_export.so").read_bytes())
+        self.check(BOUND, "")
+
+    def test_installed_cut_off(self):
+        self.install(self.real[:len(self.real) // 4])
+        self.check(LOST, NOT_ANYWHERE)
+
+    def test_the_tool_installed(self):
+        beside = self.run_client("--quiet", "help", client=options.tool)
+        self.install(self.real)
+        installed = self.run_client("--quiet", "help", client=Path(shutil.copy(options.tool, self.bin)))
+        self.assertEqual(self.logged(), "")
+        self.assertEqual(installed, beside)
+        self.assertEqual(installed[0], 1)
+        self.assertIn(b"memcheck", b"".join(installed[1:]))
+
+    def install(self, image):
+        folder = self.root / "lib"
+        folder.mkdir()
+        (folder / "libqor.so").write_bytes(image)
+
     # ---- no library that could be loaded
 
     def test_cut_off(self):
@@ -160,7 +194,7 @@ class Binding(WrongLibraries, unittest.TestCase):
     # ---- by its bare name
 
     def by_name(self):
-        folder = self.root / "lib"
+        folder = self.root / "along"
         folder.mkdir(exist_ok=True)
         (folder / "libqor.so").write_bytes(self.real)
         return {"environment": {"LD_LIBRARY_PATH": str(folder)} if options.instrumented else None}
@@ -175,12 +209,12 @@ class Binding(WrongLibraries, unittest.TestCase):
 
     def test_by_name_without_the_export(self):
         more = self.by_name()
-        self.copy("without_export.so", self.root / "lib" / "libqor.so")
+        self.copy("without_export.so", self.root / "along" / "libqor.so")
         self.check(LOST, BY_NAME + NO_EXPORT, **more)
 
     def test_by_name_cut_off(self):
         more = self.by_name()
-        (self.root / "lib" / "libqor.so").write_bytes(self.real[:len(self.real) // 4])
+        (self.root / "along" / "libqor.so").write_bytes(self.real[:len(self.real) // 4])
         self.check(LOST, NOT_ANYWHERE, **more)
 
     def test_not_in_the_current_folder(self):
@@ -188,16 +222,6 @@ class Binding(WrongLibraries, unittest.TestCase):
         self.check(LOST, NOT_ANYWHERE, cwd=self.root)
 
     # ---- the tool itself
-
-    def test_the_tool_beside_its_library_and_installed(self):
-        beside = self.run_client("--quiet", "help", client=options.tool)
-        tool = Path(shutil.copy(options.tool, self.bin))
-        more = self.by_name()
-        installed = self.run_client("--quiet", "help", client=tool, **more)
-        self.assertEqual(self.logged(), BY_NAME)
-        self.assertEqual(installed, beside)
-        self.assertEqual(installed[0], 1)
-        self.assertIn(b"memcheck", b"".join(installed[1:]))
 
     def test_the_tool_without_its_library(self):
         tool = Path(shutil.copy(options.tool, self.bin))
@@ -220,6 +244,10 @@ class Linking(unittest.TestCase):
 
     def test_the_tool_imports_nothing_of_the_library(self):
         self.imports_nothing_of_ours(options.tool)
+
+    def test_the_tool_has_no_run_path(self):
+        """The loader would follow it for the C library at every start."""
+        self.assertNotIn("PATH)", subprocess.check_output(["readelf", "-dW", options.tool], text=True))
 
     def imports_nothing_of_ours(self, program):
         needed = subprocess.check_output(["readelf", "-dW", program], text=True)

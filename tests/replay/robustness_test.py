@@ -137,6 +137,22 @@ class Robustness(unittest.TestCase):
         # The order of the table is that of the addresses here. The last line may have been seen in part.
         self.assertEqual(leaks[:before], [0x1000 + i * 16 for i in range(before)])
 
+    def test_every_line_is_traced_when_its_turn_comes(self):
+        """Also those without meaning, and whoever reads them."""
+        data = LOG.replace(b"[0x4000] +", b"[0x4000] +\n\n# nothing\n  @ odd 0x10\n@ app +")
+        self.log.write_bytes(data)
+        trace = self.folder / "trace"
+        run = Run(["--qor-debug=qortool.mtrace", f"--qor-debug-file={trace}", "mtrace", self.log])
+        self.require_output(run, self.expected(data))
+        said = [line.split(b" ", 3)[3] for line in trace.read_bytes().splitlines()]
+        traced = [line[len(b"mtrace line: ["):-1] for line in said if line.startswith(b"mtrace line: [")]
+        self.assertTrue(traced == [line.strip() for line in data.splitlines()], "other lines were traced")
+        # The replay asks for a record, and is told which lines lead to it.
+        records = [n for n, line in enumerate(said) if line == b">>ENTER>> read_mtrace()"]
+        for begin, end in zip(records, records[1:]):
+            lines = [line for line in said[begin:end] if line.startswith(b"mtrace line: [")]
+            self.assertTrue(lines[-1].startswith(b"mtrace line: [@ "), lines)
+
     def test_truncated_logs(self):
         for action, data in (("mtrace", b"@ p:[0x45a4] + 0x1b3c0 0x20\n@ p:[0x45a4] - 0x1b3c0\n"),
                              ("memcheck", b"A 1f3a0 48 0 src/foo 120\nT 1f3a0 Widget\n")):

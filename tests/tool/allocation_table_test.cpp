@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <random>
@@ -75,8 +76,19 @@ std::vector<live> walk(const allocation_table& table) {
     return all;
 }
 
+// In memory that is not blank, as an analyser's need not be: what the table reads without having written it shows.
+class table_in_used_memory : public allocation_table {
+public:
+    table_in_used_memory() {} // zeroes nothing, as the defaulted one would here
+
+    [[gnu::noinline]] static void* operator new(std::size_t size) {
+        return std::memset(::operator new(size), 0x55, size);
+    }
+    static void operator delete(void* memory) noexcept { ::operator delete(memory); }
+};
+
 struct both_tables {
-    std::unique_ptr<allocation_table> packed = std::make_unique<allocation_table>();
+    std::unique_ptr<table_in_used_memory> packed = std::make_unique<table_in_used_memory>();
     plain_table plain;
 
     void allocate(uint64 address, uint32 size) {

@@ -53,8 +53,10 @@ static_assert(sizeof(__block) == 16 && __block::full_size == 16 + 1024 * 16);
 // The bucket's only block and its earliest blank slot; null: there is a chain, or must be one.
 inline __block* allocation_table::find_blank_in_head(uint32 bucket, uint32& slot) {
     __block*& head = m_heads[bucket];
-    if (head == nullptr)
+    if (head == nullptr) {
         head = make_block(0);
+        m_used_groups.set(bucket / group);
+    }
     if (head->has_chain)
         return nullptr;
     slot = find_blank_in(head);

@@ -11,7 +11,9 @@
 
 #include "chain_index.h"
 #include "qor/system/Types.h"
+#include "zero_memory.h"
 
+#include <bitset>
 #include <cstddef>
 #include <unordered_map>
 #include <vector>
@@ -48,6 +50,9 @@ public:
     };
 
     static constexpr uint32 bucket_count = 1u << 20;
+
+    // The heads are 8 MiB, of which most logs use little: the rest is not even touched.
+    allocation_table() noexcept { zero_memory(m_heads, sizeof m_heads); }
 
     static constexpr uint32 bucket_of(uint64 address) noexcept {
         return static_cast<uint32>(address >> 10) & (bucket_count - 1);
@@ -92,21 +97,21 @@ public:
     // Calls visit(address, size, origin) for every live slot: buckets, chains and slots in their order.
     template <class VISIT>
     void walk(VISIT visit) const {
-        for (const __block* const head : m_heads)
-            for (const __block* block = head; block != nullptr; block = block->next)
-                for (uint32 slot = 0; slot < block->capacity; ++slot)
-                    if (const uint64 address = block->addresses()[slot])
-                        visit(address, block->data()[slot].size, block->data()[slot].origin);
+        walk_blocks([&visit](const __block* block) {
+            for (uint32 slot = 0; slot < block->capacity; ++slot)
+                if (const uint64 address = block->addresses()[slot])
+                    visit(address, block->data()[slot].size, block->data()[slot].origin);
+        });
     }
 
     // Gives every live slot the origin renumber(origin).
     template <class RENUMBER>
     void renumber_origins(RENUMBER renumber) {
-        for (__block* const head : m_heads)
-            for (__block* block = head; block != nullptr; block = block->next)
-                for (uint32 slot = 0; slot < block->capacity; ++slot)
-                    if (block->addresses()[slot] != 0)
-                        block->data()[slot].origin = renumber(block->data()[slot].origin);
+        walk_blocks([&renumber](__block* block) {
+            for (uint32 slot = 0; slot < block->capacity; ++slot)
+                if (block->addresses()[slot] != 0)
+                    block->data()[slot].origin = renumber(block->data()[slot].origin);
+        });
     }
 
 private:
@@ -124,6 +129,18 @@ private:
         bool release(uint64 address) noexcept;
     };
 
+    // A page of heads, of which those that hold any are known.
+    static constexpr uint32 group = 512;
+
+    template <class VISIT>
+    void walk_blocks(VISIT visit) const {
+        for (uint32 first = 0; first < bucket_count; first += group)
+            if (m_used_groups[first / group])
+                for (uint32 bucket = first; bucket < first + group; ++bucket)
+                    for (__block* block = m_heads[bucket]; block != nullptr; block = block->next)
+                        visit(block);
+    }
+
     chain& chain_of(uint32 bucket) noexcept { return m_chains.find(bucket)->second; }
     void make_chain(uint32 bucket);
     __block* find_blank_in_head(uint32 bucket, uint32& slot);
@@ -132,6 +149,7 @@ private:
     void prefetch_place(uint64 address) noexcept;
     __block* resolve(const __entry& entry) const noexcept;
 
-    __block* m_heads[bucket_count] = {};
+    __block* m_heads[bucket_count];
+    std::bitset<bucket_count / group> m_used_groups;
     std::unordered_map<uint32, chain> m_chains; // by bucket
 };

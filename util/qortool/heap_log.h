@@ -3,105 +3,108 @@
 #pragma once
 
 #include "allocation_table.h"
-#include "log_fields.h"
-#include "log_lines.h"
+#include "log_ahead.h"
+#include "log_batch.h"
 #include "qor/qor.h"
+
+#include <optional>
+#include <system_error>
 
 template <class LINE>
 class heap_log {
 public:
-    struct entry {
-        LINE line;
-        log_lines::kind kind = log_lines::kind::record;
-    };
+    using batch = log_batch<LINE>;
+    using entry = typename batch::entry;
 
-    // With the trace code on, each line is traced with the format when it is read, and none before its turn.
-    // Without a format there is no trace.
+    // What is read to its end, whatever happens, may be read ahead by a thread.
+    enum class extent { whole, part };
+
+    // With the trace code on, each line is traced with the format when its turn comes. Without a format there is no
+    // trace.
     heap_log(uint32 trace_code, const char* trace_format)
         : m_trace_code(trace_code), m_trace_format(trace_format) {}
 
-    bool open(const char* path) {
-        create_IQORSimpleFileReader(m_file.Out());
-        m_next = m_end = nullptr;
-        return m_file->Open(path, 0);
+    bool open(const char* path, extent how_much) {
+        m_ahead.reset();
+        m_extent = how_much;
+        m_first.make();
+        set_empty();
+        return m_source.open(path);
     }
 
-    bool is_given() const noexcept { return !m_file.IsEmpty(); }
+    bool is_given() const noexcept { return m_source.is_open(); }
 
     // The next line that means something, or null at the end of the log. Texts in it are valid until the next
     // call.
     const entry* next(allocation_table& table) {
-        if (m_taken == m_count && !read_ahead(table))
-            return nullptr;
-        return &m_ahead[m_taken++];
+        if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code))
+            trace_up_to_next();
+        while (m_next == m_batch->count) {
+            if (!next_batch(table))
+                return nullptr;
+            if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code))
+                trace_up_to_next();
+        }
+        // The heads asked for so many lines ago have arrived.
+        table.prefetch_head(m_batch->entries[m_next + head_lead].line.address);
+        table.prefetch_block(m_batch->entries[m_next + block_lead].line.address);
+        return &m_batch->entries[m_next++];
     }
 
 private:
-    static constexpr uint32 limit = 64;
-    static constexpr uint32 head_lead = 12;
+    static constexpr uint32 head_lead = 24;
+    static constexpr uint32 block_lead = 12;
+    static_assert(head_lead < batch::margin);
 
-    bool read_ahead(allocation_table& table) {
-        m_taken = m_count = 0;
-        do {
-            if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code))
-                parse_traced();
-            else
-                parse(table);
-            // Lines of the next run would take the place of those at hand.
-        } while (m_count == 0 && next_run());
-        for (uint32 i = m_count > head_lead ? m_count - head_lead : 0; i < m_count; ++i)
-            table.prefetch_block(m_ahead[i].line.address);
-        return m_count != 0;
-    }
-
-    void parse(allocation_table& table) {
-        while (m_count < limit && m_next != m_end) {
-            entry& each = m_ahead[m_count];
-            if (log_lines::take_usual(m_next, each.line))
-                each.kind = log_lines::kind::record;
-            else if (!parse_any_line(each))
-                continue;
-            table.prefetch_head(each.line.address);
-            // The heads asked for so many lines ago have arrived.
-            if (m_count >= head_lead)
-                table.prefetch_block(m_ahead[m_count - head_lead].line.address);
-            ++m_count;
-        }
-    }
-
-    void parse_traced() {
-        while (m_count == 0 && m_next != m_end) {
-            const char* next = m_next;
-            std::string_view line;
-            log_fields::next_line(next, m_end, line);
-            qorDebug(m_trace_code, m_trace_format, static_cast<int>(line.size()), line.data());
-            if (parse_any_line(m_ahead[0]))
-                m_count = 1;
-        }
-    }
-
-    // False: the line means nothing.
-    bool parse_any_line(entry& each) {
-        std::string_view line;
-        log_fields::next_line(m_next, m_end, line);
-        each.kind = log_lines::parse(line, each.line);
-        return each.kind != log_lines::kind::no_meaning;
-    }
-
-    bool next_run() {
-        uint64 size = 0;
-        if (!m_file->ReadLines(&m_next, &size))
+    bool next_batch(allocation_table& table) {
+        const bool has_more = m_ahead || m_source.has_text();
+        // A log that is short needs no thread.
+        if (has_more && m_first.size != 0 && m_extent == extent::whole && !m_ahead)
+            start_thread();
+        if (m_ahead)
+            m_batch = m_ahead->next();
+        else if (!has_more || !m_source.lend(m_first))
+            m_batch = nullptr;
+        if (m_batch == nullptr) {
+            set_empty();
             return false;
-        m_end = m_next + size;
+        }
+        m_next = 0;
+        for (uint32 i = 0; i < head_lead; ++i)
+            table.prefetch_head(m_batch->entries[i].line.address);
+        for (uint32 i = 0; i < block_lead; ++i)
+            table.prefetch_block(m_batch->entries[i].line.address);
         return true;
+    }
+
+    void set_empty() noexcept {
+        m_batch = &m_first;
+        m_next = m_first.count = m_first.size = 0;
+    }
+
+    void start_thread() {
+        try {
+            m_ahead.emplace(m_source);
+        } catch (const std::system_error&) {
+            m_extent = extent::part;
+        }
+    }
+
+    // All lines from the one that was next to the one that is, also those without meaning.
+    void trace_up_to_next() {
+        const auto end_of = [this](uint32 i) { return m_batch->entries[i].end; };
+        const char* next = m_batch->text + (m_next != 0 ? end_of(m_next - 1) : 0);
+        const char* const end = m_batch->text + (m_next != m_batch->count ? end_of(m_next) : m_batch->size);
+        for (std::string_view line; next != end && log_fields::next_line(next, end, line);)
+            qorDebug(m_trace_code, m_trace_format, static_cast<int>(line.size()), line.data());
     }
 
     uint32 m_trace_code;
     const char* m_trace_format;
-    zetSmartPointer<IQORSimpleFileReader> m_file;
-    const char* m_next = nullptr;
-    const char* m_end = nullptr;
-    uint32 m_taken = 0;
-    uint32 m_count = 0;
-    entry m_ahead[limit];
+    extent m_extent = extent::whole;
+    log_source<LINE> m_source;
+    std::optional<log_ahead<LINE>> m_ahead;
+    batch m_first; // of a short log the only one
+    const batch* m_batch = &m_first;
+    uint32 m_next = 0;
 };

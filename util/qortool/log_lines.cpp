@@ -1,5 +1,6 @@
 #include "log_lines.h"
 
+#include "hashing.h"
 #include "hexadecimal_digits.h"
 #include "log_fields.h"
 
@@ -99,6 +100,8 @@ bool log_lines::take_usual(const char*& next, mtrace_line& out) {
     out.code = {code, 1};
     out.size = has_size ? static_cast<uint32>(size.value) : 0;
     out.is_code_known = true;
+    if (out.is_alloc)
+        out.caller_hash = hashing::of_text(out.caller);
     next = at + 1;
     return true;
 }
@@ -118,6 +121,8 @@ log_lines::kind log_lines::parse(std::string_view line, mtrace_line& out) {
     const code_meaning meaning = meanings[static_cast<unsigned char>(out.code[0])];
     out.is_code_known = meaning != code_meaning::none;
     out.is_alloc = out.is_code_known ? meaning == code_meaning::allocation : out.size != 0;
+    if (out.is_alloc)
+        out.caller_hash = hashing::of_text(out.caller);
     return kind::record;
 }
 

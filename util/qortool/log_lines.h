@@ -23,6 +23,7 @@ struct mtrace_line {
     uint32 size = 0;
     bool is_alloc = false;
     bool is_code_known = false; // if not, the size decides what it is
+    uint32 caller_hash = 0;     // hashing::of_text, for an allocation
 };
 
 // One record of an allocation log; what its kind does not carry is 0 or empty.

@@ -1,5 +1,6 @@
 #include "mtrace_proc.h"
 
+#include "origin_texts.h"
 #include "report_text.h"
 
 #include <algorithm>
@@ -16,11 +17,11 @@ bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
         fixed_fprintf(m_streams.err(), "ERROR wrong number of arguments\n");
         return false;
     }
-    if (!m_mtrace_file.open(args[0])) {
+    if (!m_mtrace_file.open(args[0], heap_log<__mtrace_line>::extent::whole)) {
         qorDebug(m_debug_code, "FAIL cannot open mtrace file");
         return false;
     }
-    if (args.GetCount() == 2 && !m_memcheck_file.open(args[1])) {
+    if (args.GetCount() == 2 && !m_memcheck_file.open(args[1], heap_log<__memcheck_line>::extent::part)) {
         qorDebug(m_debug_code, "FAIL cannot open memcheck file");
         return false;
     }
@@ -42,7 +43,7 @@ bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
 }
 
 void mtrace_proc::mtrace_allocation(const __mtrace_line& rec) {
-    const uint32 origin = m_origins.of_caller(rec.caller);
+    const uint32 origin = m_origins.of_caller(rec.caller, rec.caller_hash);
     if (!m_memcheck_file.is_given())
         return m_table.add(rec.address, rec.size, origin);
     const __entry entry = m_table.find_blank(rec.address);
@@ -151,7 +152,7 @@ bool mtrace_proc::Execute_MEMCHECK(qorStringArray& args) {
         fixed_fprintf(m_streams.err(), "ERROR wrong number of arguments\n");
         return false;
     }
-    if (!m_memcheck_file.open(args[0])) {
+    if (!m_memcheck_file.open(args[0], heap_log<__memcheck_line>::extent::whole)) {
         qorDebug(m_debug_code, "FAIL %s", "m_memcheck_file->Open(args[0])");
         return false;
     }
@@ -199,14 +200,9 @@ void mtrace_proc::report_leaks() {
     uint64 total = 0;
     {
         report_text text(m_streams);
+        origin_texts origins(m_origins);
         m_table.walk([&](uint64 address, uint32 size, uint32 origin) {
-            const origin_table::origin& from = m_origins.get(origin);
-            text.add("LEAK at 0x").add_number(address, 16).add(" size ").add_number(size);
-            text.add(" type ").add_number(uint32{from.type});
-            text.add(" caller [").add(m_origins.printed(from.caller));
-            text.add("] type_name [").add(m_origins.printed(from.type_name));
-            text.add("] file [").add(m_origins.printed(from.file));
-            text.add("] line ").add_number(from.line).add("\n");
+            text.add("LEAK at 0x").add_number(address, 16).add(" size ").add_number(size).add(origins.of(origin));
             ++count;
             total += size;
         });

@@ -6,12 +6,6 @@
 #include <cstdint>
 #include <new>
 
-namespace {
-
-constexpr std::size_t first_capacity = 1024;
-
-} // namespace
-
 qor::memory::live_block& qor::memory::live_blocks::add(const void* address, uint64 size, block_type type,
                                                        const char* file, int line) {
     if (2 * (m_count + 1) > m_capacity)
@@ -59,10 +53,16 @@ std::vector<qor::memory::live_block> qor::memory::live_blocks::in_order() const 
 }
 
 void qor::memory::live_blocks::clear() noexcept {
-    if (m_slots != nullptr)
-        unmap_pages(m_slots, m_capacity * sizeof *m_slots);
-    m_slots = nullptr;
-    m_capacity = m_count = 0;
+    unmap(m_slots, m_capacity);
+    std::fill_n(m_first, first_capacity, live_block{});
+    m_slots = m_first;
+    m_capacity = first_capacity;
+    m_count = 0;
+}
+
+void qor::memory::live_blocks::unmap(live_block* slots, std::size_t capacity) noexcept {
+    if (slots != m_first)
+        unmap_pages(slots, capacity * sizeof *slots);
 }
 
 // Blocks lie at multiples of 16, and neighbours are often alive together.
@@ -80,7 +80,7 @@ std::size_t qor::memory::live_blocks::place(const void* address) const noexcept 
 }
 
 void qor::memory::live_blocks::grow() {
-    const std::size_t capacity = std::max(first_capacity, 2 * m_capacity);
+    const std::size_t capacity = 2 * m_capacity;
     auto* const slots = static_cast<live_block*>(map_pages(capacity * sizeof(live_block)));
     if (slots == nullptr)
         throw std::bad_alloc();
@@ -91,6 +91,5 @@ void qor::memory::live_blocks::grow() {
     for (std::size_t i = 0; i < old_capacity; ++i)
         if (old[i].address != nullptr)
             m_slots[place(old[i].address)] = old[i];
-    if (old != nullptr)
-        unmap_pages(old, old_capacity * sizeof *old);
+    unmap(old, old_capacity);
 }

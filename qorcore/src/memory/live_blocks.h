@@ -3,7 +3,7 @@
 // the allocator's lock.
 //
 // Its own memory is pages of the system, not blocks of malloc: what the bookkeeping needs is not for the
-// logs.
+// logs. The few blocks of a start fit into the object: pages would cost it more than the tool's shortest action.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -46,13 +46,16 @@ public:
     uint64 additions() const noexcept { return m_additions; }
 
 private:
+    static constexpr std::size_t first_capacity = 64;
+
     std::size_t home(const void* address) const noexcept;
     std::size_t place(const void* address) const noexcept;
     void grow();
+    void unmap(live_block* slots, std::size_t capacity) noexcept;
 
-    live_block* m_slots =
-        nullptr; // a power of two of them, at most half in use; collisions go to the next slot
-    std::size_t m_capacity = 0;
+    live_block m_first[first_capacity] = {};
+    live_block* m_slots = m_first; // a power of two of them, at most half in use; collisions go to the next slot
+    std::size_t m_capacity = first_capacity;
     std::size_t m_count = 0;
     uint64 m_additions = 0;
 };

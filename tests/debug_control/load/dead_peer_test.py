@@ -18,7 +18,8 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path += [str(HERE.parent), str(HERE.parent.parent / "support")]
-import console_test  # noqa: E402  # its console and its accounts
+import console_test  # noqa: E402  # its console
+import listening  # noqa: E402  # its accounts
 from tool import Tool  # noqa: E402
 
 SKIPPED = 77
@@ -47,7 +48,7 @@ class Pair:
         path = Path(self.folder.name)
         users = path / "users"
         users.touch(mode=0o600)
-        users.write_text(f"ann:{console_test.verifier(b'secret')}\n")
+        users.write_text(f"ann:{listening.verifier(b'secret')}\n")
         self.trace = path / "trace"
         self.environment = tool.environment() | {"XDG_CONFIG_HOME": str(path), "HOME": str(path)}
         self.host, self.connect = host, connect
@@ -263,7 +264,7 @@ def main():
     parser.add_argument("which", choices=("processes", "unplugged"))
     options = parser.parse_args()
     tool, ticker = Tool(options.tool), Tool(options.ticker)
-    console_test.tool = tool
+    listening.tool = tool
     try:
         if options.which == "unplugged":
             enter_own_network()

@@ -50,10 +50,12 @@ inline void debugger_message(const char* text) noexcept { syslog(LOG_USER | LOG_
     _exit(100);
 }
 
-// libqor.so from the executable's own folder, or null. RTLD_NOW: a damaged library fails here, not later.
+// libqor.so from the executable's own folder, or from the lib beside its bin, where it lies installed; or null. A run path
+// would lead there as well, but the loader follows one for each library of the program: 22 looks in vain at every start.
+// RTLD_NOW: a damaged library fails here, not later.
 inline void* load_beside_executable() noexcept {
-    constexpr char name[] = "libqor.so";
-    char path[8192 + sizeof name];
+    constexpr const char* names[] = {"libqor.so", "../lib/libqor.so"};
+    char path[8192 + 32];
     const ssize_t length = readlink("/proc/self/exe", path, 8192);
     if (length <= 0)
         return nullptr;
@@ -61,11 +63,17 @@ inline void* load_beside_executable() noexcept {
     char* const slash = std::strrchr(path, '/');
     if (slash == nullptr)
         return nullptr;
-    std::memcpy(slash + 1, name, sizeof name);
-    return is_whole(path) ? dlopen(path, RTLD_NOW | RTLD_LOCAL) : nullptr;
+    for (const char* const name : names) {
+        std::strcpy(slash + 1, name);
+        if (!is_whole(path))
+            continue;
+        if (void* const library = dlopen(path, RTLD_NOW | RTLD_LOCAL))
+            return library;
+    }
+    return nullptr;
 }
 
-// The bare name follows the executable's run path: there lies the library of an installed tool. The loader is asked
+// The bare name follows the executable's run path, if it has one. The loader is asked
 // where it will look, because it does not see what is_whole sees. What it finds in its cache is its own affair.
 inline void* load_by_name() noexcept {
     void* const self = dlopen(nullptr, RTLD_LAZY);

@@ -1,0 +1,125 @@
+// Logs read in batches, at once and ahead: every line comes, in order, once.
+#include "allocation_table.h"
+#include "heap_log.h"
+#include "support/temp_folder.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace qor::test;
+using mtrace_log = heap_log<log_lines::mtrace_line>;
+using extent = mtrace_log::extent;
+
+struct seen {
+    std::string caller;
+    uint64 address;
+    log_lines::kind kind;
+    bool operator==(const seen&) const = default;
+};
+
+// A log of many batches and all kinds of lines, and what is to be seen of it.
+struct long_log {
+    explicit long_log(int lines) {
+        for (int i = 0; i < lines; ++i) {
+            const uint64 address = 0x10000 + static_cast<uint64>(i) * 16;
+            char number[32];
+            std::snprintf(number, sizeof number, "0x%llx", static_cast<unsigned long long>(address));
+            if (i % 97 == 0)
+                text += "= a comment\n\n";
+            // Longer than a batch, and than what the reader takes at a time.
+            const std::string caller = i % 5000 == 4999 ? std::string(i % 10000 == 9999 ? 40'000 : 600'000, 'x') : "app+" + std::to_string(i % 100);
+            if (i % 301 == 300) {
+                text += "@ " + caller + "\n";
+                expected.push_back({caller, 0, log_lines::kind::too_few_words});
+            } else {
+                text += "@ " + caller + (i % 7 == 0 ? "\t+   " : " + ") + number + " 0x8\n";
+                expected.push_back({caller, address, log_lines::kind::record});
+            }
+        }
+    }
+
+    std::string text;
+    std::vector<seen> expected;
+};
+
+std::vector<seen> read_all(mtrace_log& log, allocation_table& table) {
+    std::vector<seen> all;
+    while (const mtrace_log::entry* const next = log.next(table)) {
+        const bool is_record = next->kind == log_lines::kind::record;
+        all.push_back({std::string(next->line.caller), is_record ? next->line.address : 0, next->kind});
+    }
+    return all;
+}
+
+class heap_logs : public testing::Test {
+protected:
+    temp_folder folder;
+    std::unique_ptr<allocation_table> table = std::make_unique<allocation_table>();
+};
+
+TEST_F(heap_logs, every_line_comes_once_and_in_order) {
+    const long_log made(20'000);
+    const std::string path = folder.file("log", made.text);
+    for (const extent how_much : {extent::whole, extent::part}) {
+        mtrace_log log(0, nullptr);
+        ASSERT_TRUE(log.open(path.c_str(), how_much));
+        EXPECT_TRUE(read_all(log, *table) == made.expected);
+        EXPECT_EQ(log.next(*table), nullptr);
+        // Another one with the same object.
+        ASSERT_TRUE(log.open(path.c_str(), how_much));
+        EXPECT_TRUE(read_all(log, *table) == made.expected);
+    }
+}
+
+TEST_F(heap_logs, a_short_one_and_none) {
+    mtrace_log log(0, nullptr);
+    EXPECT_FALSE(log.is_given());
+    ASSERT_TRUE(log.open(folder.file("short", "@ a + 0x10 1").c_str(), extent::whole));
+    EXPECT_TRUE(log.is_given());
+    EXPECT_EQ(read_all(log, *table), (std::vector<seen>{{"a", 0x10, log_lines::kind::record}}));
+    ASSERT_TRUE(log.open(folder.file("empty", "").c_str(), extent::whole));
+    EXPECT_EQ(log.next(*table), nullptr);
+    EXPECT_FALSE(log.open((folder / "missing").c_str(), extent::whole));
+}
+
+// The reader's error was another thread's.
+TEST_F(heap_logs, why_it_ended_early) {
+    const std::string path = folder.file("log", long_log(3000).text);
+    const std::uintmax_t size = std::filesystem::file_size(path);
+    std::filesystem::resize_file(path, size + (std::uintmax_t{257} << 20));
+    mtrace_log log(0, nullptr);
+    ASSERT_TRUE(log.open(path.c_str(), extent::whole));
+    qorClearLastError();
+    EXPECT_TRUE(read_all(log, *table) == long_log(3000).expected);
+    qorString text;
+    EXPECT_EQ(qorGetLastError(text), qorError_line_too_long) << text.Text();
+}
+
+TEST_F(heap_logs, a_whole_one_has_no_error) {
+    mtrace_log log(0, nullptr);
+    ASSERT_TRUE(log.open(folder.file("log", long_log(3000).text).c_str(), extent::whole));
+    qorSetLastError(qorError_not_open, "before");
+    EXPECT_EQ(read_all(log, *table).size(), 3000u);
+    qorString text;
+    EXPECT_EQ(qorGetLastError(text), qorError_not_open);
+}
+
+// Nobody takes the rest.
+TEST_F(heap_logs, one_that_is_left_in_the_middle) {
+    const std::string path = folder.file("log", long_log(20'000).text);
+    for (int taken : {0, 1, 2000, 5000, 19'999}) {
+        mtrace_log log(0, nullptr);
+        ASSERT_TRUE(log.open(path.c_str(), extent::whole));
+        for (int i = 0; i < taken; ++i)
+            ASSERT_NE(log.next(*table), nullptr);
+    }
+}
+
+} // namespace

@@ -1,0 +1,124 @@
+// Logs that come through a pipe.
+#include "allocation_table.h"
+#include "heap_log.h"
+#include "support/temp_folder.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <memory>
+#include <pthread.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using namespace qor::test;
+using mtrace_log = heap_log<log_lines::mtrace_line>;
+using extent = mtrace_log::extent;
+
+class piped_log : public testing::Test {
+protected:
+    piped_log() {
+        m_path = m_folder / "fifo";
+        EXPECT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+        writer = open(m_path.c_str(), O_RDWR | O_CLOEXEC); // so that neither side waits for the other to open it
+        EXPECT_TRUE(log->open(m_path.c_str(), extent::whole));
+    }
+    ~piped_log() override {
+        if (writer >= 0)
+            close(writer);
+    }
+
+    void write_lines(uint64 first, int count) {
+        std::string text;
+        for (int i = 0; i < count; ++i)
+            text += "@ app + 0x" + std::to_string(first + static_cast<uint64>(i)) + " 1\n";
+        ASSERT_EQ(write(writer, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+
+    uint64 next_address() {
+        const mtrace_log::entry* const next = log->next(*m_table);
+        return next != nullptr ? next->line.address : 0;
+    }
+
+    std::unique_ptr<mtrace_log> log = std::make_unique<mtrace_log>(0, nullptr);
+    int writer = -1;
+
+private:
+    temp_folder m_folder;
+    std::string m_path;
+    std::unique_ptr<allocation_table> m_table = std::make_unique<allocation_table>();
+};
+
+// Also when a thread reads ahead, no line waits for one that is not written yet.
+TEST_F(piped_log, a_line_is_seen_when_it_is_written) {
+    for (uint64 i = 100; i < 120; ++i) {
+        write_lines(i, 1);
+        ASSERT_EQ(next_address(), std::strtoull(std::to_string(i).c_str(), nullptr, 16));
+    }
+}
+
+// The thread that reads ahead waits for a line that does not come, and nobody waits for the thread.
+TEST_F(piped_log, one_that_is_left_while_nothing_comes) {
+    write_lines(10, 1);
+    EXPECT_EQ(next_address(), 0x10u);
+    write_lines(11, 1);
+    EXPECT_EQ(next_address(), 0x11u);
+    log.reset();
+}
+
+bool can_start_a_thread() {
+    try {
+        std::thread([] {}).join();
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
+}
+
+TEST(heap_log_without_threads, is_read_all_the_same) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer takes more addresses than a limit can leave";
+#endif
+    const temp_folder folder;
+    std::string text;
+    for (int i = 1; i <= 20'000; ++i)
+        text += "@ app + 0x" + std::to_string(i) + " 1\n";
+    const std::string path = folder.file("log", text);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const auto table = std::make_unique<allocation_table>();
+        // No room for another stack, nor a used one that is large enough.
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstacksize(&attributes, std::size_t{64} << 20);
+        if (pthread_setattr_default_np(&attributes) != 0)
+            _exit(2);
+        std::size_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        const rlim_t room = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (rlim_t{4} << 20);
+        const rlimit addresses{room, room};
+        if (setrlimit(RLIMIT_AS, &addresses) != 0 || can_start_a_thread())
+            _exit(2);
+        mtrace_log log(0, nullptr);
+        int count = 0;
+        if (log.open(path.c_str(), extent::whole))
+            while (log.next(*table) != nullptr)
+                ++count;
+        _exit(count == 20'000 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+} // namespace

@@ -1,0 +1,5 @@
+#include "zero_memory.h"
+
+#include <cstring>
+
+void zero_memory(void* memory, std::size_t size) noexcept { std::memset(memory, 0, size); }
