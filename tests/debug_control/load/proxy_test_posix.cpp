@@ -31,7 +31,7 @@ const std::map<fault, kind> kinds{
     {fault::single, {"byte by byte from", true, 401, 11}},
     {fault::pause, {"delayed 0.2 s", true, 211, 2}},
     {fault::long_pause, {"delayed 6 s", false, 701, 2}},
-    {fault::repeat, {"a byte repeated", false, 37, 1}},
+    {fault::repeat, {"a byte repeated", false, 73, 1}},
     {fault::stall, {"stalled", false, 311, 1}},
     {fault::close, {"truncated", false, 31, 1}},
     {fault::reset, {"reset", false, 43, 1}},
@@ -132,7 +132,7 @@ TEST(proxy, breaks_a_session_at_each_offset) {
     const temp_folder folder;
     const std::string users = private_file(folder, "users", plain_scram::account("ada", "secret"));
     std::vector<std::unique_ptr<stage>> stages;
-    for (std::size_t i = 0; i < static_cast<std::size_t>(load(24, 150)); ++i)
+    for (std::size_t i = 0; i < static_cast<std::size_t>(load(12, 150)); ++i)
         stages.push_back(std::make_unique<stage>(folder, users, i));
 
     // A few bytes more or less, since signatures are not all of one length.
