@@ -232,6 +232,59 @@ TEST_F(sessions, a_hello_that_claims_to_be_long) {
     }
 }
 
+// Who has begun a handshake costs the most: what would draw it out ends it. A hello that goes on in another record, and one that
+// would have to be asked for another key.
+TEST_F(sessions, a_hello_that_needs_another_one) {
+    memory_client whole;
+    const std::string hello = whole.take();
+    auto begun = connect();
+    begun->receive(std::string("\x16\3\1\0\x64", 5) + hello.substr(5, 100), m_now);
+    EXPECT_TRUE(begun->is_over());
+    EXPECT_TRUE(begun->outgoing().empty());
+
+    // X25519 becomes a group that means nothing (RFC 8701), where it is offered and where its key is.
+    std::string other_key = hello;
+    for (const std::string_view x25519 : {std::string_view("\0\x1d\0\x17", 4), std::string_view("\0\x1d\0\x20", 4)}) {
+        const std::size_t at = other_key.find(x25519);
+        ASSERT_NE(at, std::string::npos);
+        other_key.replace(at, 2, "\x0a\x0a");
+    }
+    auto asked = connect();
+    asked->receive(other_key, m_now);
+    EXPECT_TRUE(asked->is_over());
+    EXPECT_TRUE(asked->outgoing().empty());
+}
+
+TEST_F(sessions, what_comes_instead_of_the_last_message_of_a_handshake) {
+    const std::string means_nothing("\x14\3\3\0\1\1", 6); // RFC 8446, D.4
+    const auto after_hello = [this](memory_client& peer) {
+        auto of = connect();
+        of->receive(peer.take(), m_now);
+        EXPECT_FALSE(of->is_over());
+        peer.give(std::exchange(of->outgoing(), {}));
+        return of;
+    };
+    {
+        memory_client peer;
+        auto of = after_hello(peer);
+        for (int i = 0; i < 1000; ++i)
+            of->receive(means_nothing, m_now);
+        EXPECT_FALSE(of->is_over());
+        EXPECT_TRUE(of->outgoing().empty());
+        EXPECT_TRUE(succeeds(*of, peer, m_ada));
+        of->receive(means_nothing, m_now);
+        EXPECT_TRUE(of->is_over());
+    }
+    // A warning that is passed over elsewhere, a record that holds something else, one that cannot be deciphered.
+    for (const std::string_view other : {std::string_view("\x15\3\3\0\2\1\x5a", 7), std::string_view("\x14\3\3\0\1\2", 6),
+                                         std::string_view("\x17\3\3\0\x11-----------------", 22)}) {
+        memory_client peer;
+        auto of = after_hello(peer);
+        of->receive(other, m_now);
+        EXPECT_TRUE(of->is_over());
+    }
+}
+
 // What comes of a record is kept until it is whole: before a login that is no more than a frame.
 TEST_F(sessions, records_are_short_before_a_login) {
     const auto heartbeats = [](int count) {

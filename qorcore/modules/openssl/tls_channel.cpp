@@ -60,6 +60,9 @@ bool is_modest(std::string_view record) noexcept {
                                                 static_cast<uint8>(record[8])) <= qor::control::tls_channel::longest_hello;
 }
 
+// It means nothing, and OpenSSL clients send it before their last message: RFC 8446, D.4.
+bool is_meaningless(std::string_view record) noexcept { return record == std::string_view("\x14\3\3\0\1\1", 6); }
+
 // What has gone through is kept no longer, nor the room for it: a connection that says nothing holds no buffers.
 void release(BIO* memory) {
     BUF_MEM* const fresh = BUF_MEM_new();
@@ -126,7 +129,8 @@ qor::control::tls_context qor::control::make_server_context(EVP_PKEY* key) noexc
     return made;
 }
 
-qor::control::tls_channel::tls_channel(SSL_CTX* context, side which) : m_ssl(SSL_new(context)) {
+qor::control::tls_channel::tls_channel(SSL_CTX* context, side which)
+    : m_ssl(SSL_new(context)), m_awaited(which == side::server ? awaited::hello : awaited::anything) {
     BIO* const in = BIO_new(BIO_s_mem());
     BIO* const out = BIO_new(BIO_s_mem());
     if (m_ssl == nullptr || in == nullptr || out == nullptr) {
@@ -151,6 +155,7 @@ void qor::control::tls_channel::receive(std::string_view wire, std::string& plai
     m_partial += wire;
     std::string_view rest = m_partial;
     std::size_t size;
+    bool is_news = false;
     for (; (size = record_size(rest)) != 0; rest.remove_prefix(size)) {
         if (size > header_size + m_record_limit + wrapping)
             return fail("a record is too long");
@@ -158,26 +163,59 @@ void qor::control::tls_channel::receive(std::string_view wire, std::string& plai
             break;
         if (!is_modest(rest.substr(0, size)))
             return fail("a message of the handshake is too long");
+        if (m_awaited == awaited::last_message && is_meaningless(rest.substr(0, size)))
+            continue;
+        is_news = true;
         if (BIO_write(SSL_get_rbio(m_ssl.get()), rest.data(), static_cast<int>(size)) != static_cast<int>(size))
             throw no_memory();
     }
-    const bool is_any_whole = rest.size() < m_partial.size();
     // No more room than the record takes that has begun; a text that has some already would double it.
     std::string begun;
     begun.reserve(size);
     begun = rest;
     m_partial.swap(begun);
-    if (is_any_whole)
+    if (is_news)
         advance(plain);
+}
+
+// OpenSSL keeps buffers of 30 KiB for the rest of the handshake, and a client may be long about it. A server that asks for early
+// data is called back once its answer is written, and those buffers are freed there; the data themselves would need a
+// ticket, and nobody has one. They are made anew for what comes next, so that has to be all that is missing.
+void qor::control::tls_channel::answer_hello() {
+    char nothing;
+    std::size_t length = 0;
+    m_awaited = awaited::last_message;
+    if (SSL_read_early_data(m_ssl.get(), &nothing, sizeof nothing, &length) == SSL_READ_EARLY_DATA_FINISH) {
+        // No key has been agreed on where the client would have to send another hello.
+        EVP_PKEY* of_client = nullptr;
+        if (SSL_get_peer_tmp_key(m_ssl.get(), &of_client) != 1)
+            return fail("the hello brings no key for a curve that is known here");
+        EVP_PKEY_free(of_client);
+    } else if (SSL_get_error(m_ssl.get(), 0) == SSL_ERROR_WANT_READ)
+        return fail("the hello is in pieces");
+    else
+        fail(openssl_reason());
+    drain();
 }
 
 void qor::control::tls_channel::advance(std::string& plain) {
     ERR_clear_error();
+    if (m_awaited == awaited::hello) {
+        answer_hello();
+        if (m_state == state::failed || BIO_pending(SSL_get_rbio(m_ssl.get())) == 0)
+            return release(SSL_get_rbio(m_ssl.get()));
+    }
     int result = 1;
     if (m_state == state::handshake) {
         result = SSL_do_handshake(m_ssl.get());
-        if (result == 1)
+        if (result == 1) {
             m_state = state::open;
+            m_awaited = awaited::anything;
+            // One for writing is made for the handshake's last message and freed after the first writing, which may be long
+            // in coming.
+            SSL_free_buffers(m_ssl.get());
+        } else if (m_awaited == awaited::last_message && SSL_get_error(m_ssl.get(), result) == SSL_ERROR_WANT_READ)
+            return fail("the last message of the handshake is in pieces");
     }
     char piece[4096];
     while (result > 0 && m_state == state::open) {

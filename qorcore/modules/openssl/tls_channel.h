@@ -71,12 +71,16 @@ public:
     key_fingerprint peer_key() const;
 
 private:
+    enum class awaited { hello, last_message, anything }; // the first two in a server's handshake
+
+    void answer_hello();
     void advance(std::string& plain);
     void fail(std::string reason);
     void drain();
 
     std::unique_ptr<SSL, openssl_freer> m_ssl;
     state m_state = state::handshake;
+    awaited m_awaited;
     std::string m_outgoing;
     std::string m_reason;
     std::string m_partial; // of a record
