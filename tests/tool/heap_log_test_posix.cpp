@@ -5,9 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <pthread.h>
 #include <string>
@@ -24,6 +27,10 @@ using namespace qor::test;
 using mtrace_log = heap_log<log_lines::mtrace_line>;
 using extent = mtrace_log::extent;
 
+std::ptrdiff_t threads_of_this_process() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
 class piped_log : public testing::Test {
 protected:
     piped_log() {
@@ -33,8 +40,13 @@ protected:
         EXPECT_TRUE(log->open(m_path.c_str(), extent::whole));
     }
     ~piped_log() override {
+        log.reset();
         if (writer >= 0)
             close(writer);
+        // A thread that was left to itself sees the end of the log now. What it owns would be lost in a process that
+        // is forked before it is done.
+        while (threads_of_this_process() > m_threads)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 
     void write_lines(uint64 first, int count) {
@@ -53,6 +65,7 @@ protected:
     int writer = -1;
 
 private:
+    const std::ptrdiff_t m_threads = threads_of_this_process();
     temp_folder m_folder;
     std::string m_path;
     std::unique_ptr<allocation_table> m_table = std::make_unique<allocation_table>();
