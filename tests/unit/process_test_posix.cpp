@@ -1,4 +1,5 @@
-// Closed standard streams: what a process opens next would take their place.
+// Closed standard streams: what a process opens next would take their place. Which thread a process ends with.
+#include "process/process.h"
 #include "qor/qor.h"
 #include "support/scenes.h"
 #include "support/temp_folder.h"
@@ -8,6 +9,8 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <map>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -55,4 +58,22 @@ TEST(process, closed_standard_streams_stay_useless_and_taken) {
         EXPECT_TRUE(trace.ends_with("a.code traced\n")) << streams << trace;
         EXPECT_EQ(std::count(trace.begin(), trace.end(), '\n'), 1) << streams << trace;
     }
+}
+
+TEST(main_thread, is_the_first_one) {
+    EXPECT_TRUE(qor::process::is_main_thread());
+    std::thread([] { EXPECT_FALSE(qor::process::is_main_thread()); }).join();
+}
+
+// A process that is forked has the forking thread alone.
+TEST(main_thread, is_the_one_that_was_forked) {
+    std::thread([] {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0)
+            _exit(qor::process::is_main_thread() ? 0 : 1);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }).join();
 }

@@ -3,11 +3,11 @@
 
 #include "catalog/catalog.h"
 #include "error/error_state.h"
+#include "process/process.h"
 #include "qor/system/template/Object.h"
 
 #include <algorithm>
 #include <iterator>
-#include <thread>
 #include <utility>
 
 namespace {
@@ -33,16 +33,13 @@ const definition* find_definition(uint32 number) noexcept {
     return found != std::end(definitions) && found->number == number ? found : nullptr;
 }
 
-// The thread that loaded the library, which is the process's main thread.
-const std::thread::id main_thread = std::this_thread::get_id();
-
 // Exit handlers run after the main thread's own objects are gone, and they too may fail and report. So its error stays
 // to the end; that of every other thread goes with the thread.
 thread_local qor::error::state* last_error = nullptr;
 
 struct last_error_owner {
     ~last_error_owner() {
-        if (std::this_thread::get_id() != main_thread)
+        if (!qor::process::is_main_thread())
             delete std::exchange(last_error, nullptr);
     }
     void attend() const noexcept {}

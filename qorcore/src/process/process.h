@@ -12,6 +12,10 @@ void set_name(const char* name);
 unsigned long process_id() noexcept;
 unsigned long thread_id() noexcept;
 
+// Whether the calling thread is the one with which the process ends, if none calls exit. Windows does not tell; there it is
+// the one that loaded the library.
+bool is_main_thread() noexcept;
+
 // The path of the running program's file; empty if it cannot be told.
 std::string executable();
 

@@ -31,6 +31,7 @@ void qor::process::set_name(const char* name) { process_name() = name; }
 
 unsigned long qor::process::process_id() noexcept { return static_cast<unsigned long>(getpid()); }
 unsigned long qor::process::thread_id() noexcept { return static_cast<unsigned long>(gettid()); }
+bool qor::process::is_main_thread() noexcept { return gettid() == getpid(); }
 
 std::string qor::process::executable() {
     char path[PATH_MAX];

@@ -39,6 +39,8 @@ DWORD WINAPI thread_main(void* run) {
     return 0;
 }
 
+const DWORD loading_thread = GetCurrentThreadId();
+
 } // namespace
 
 const char* qor::process::name() noexcept { return process_name().c_str(); }
@@ -46,6 +48,7 @@ void qor::process::set_name(const char* name) { process_name() = name; }
 
 unsigned long qor::process::process_id() noexcept { return GetCurrentProcessId(); }
 unsigned long qor::process::thread_id() noexcept { return GetCurrentThreadId(); }
+bool qor::process::is_main_thread() noexcept { return GetCurrentThreadId() == loading_thread; }
 
 std::string qor::process::executable() { return module_path(nullptr); }
 
