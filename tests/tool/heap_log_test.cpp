@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -34,7 +35,7 @@ struct long_log {
             if (i % 97 == 0)
                 text += "= a comment\n\n";
             // Longer than a batch, and than what the reader takes at a time.
-            const std::string caller = i % 5000 == 4999 ? std::string(i % 10000 == 9999 ? 40'000 : 600'000, 'x') : "app+" + std::to_string(i % 100);
+            const std::string caller = i % 5000 == 4999 ? std::string(i % 10000 == 9999 ? 40'000 : 600'000, 'x') : (i % 3 == 0 ? "app+" : "/usr/bin/application:[0x1234]+") + std::to_string(i % 100);
             if (i % 301 == 300) {
                 text += "@ " + caller + "\n";
                 expected.push_back({caller, 0, log_lines::kind::too_few_words});
@@ -51,10 +52,17 @@ struct long_log {
 
 std::vector<seen> read_all(mtrace_log& log, allocation_table& table) {
     std::vector<seen> all;
+    std::map<uint32, std::string> numbered;
     while (const mtrace_log::entry* const next = log.next(table)) {
         const bool is_record = next->kind == log_lines::kind::record;
-        all.push_back({std::string(next->line.caller), is_record ? next->line.address : 0, next->kind});
+        const std::string caller(log.text() + next->caller_at, next->caller_size);
+        if (next->caller_number != caller_numbers::none) {
+            EXPECT_EQ(numbered.emplace(next->caller_number, caller).first->second, caller);
+        }
+        all.push_back({caller, is_record ? next->address : 0, next->kind});
     }
+    // A hundred callers, and two who give numbers out.
+    EXPECT_LE(numbered.size(), 200u);
     return all;
 }
 

@@ -58,7 +58,7 @@ protected:
 
     uint64 next_address() {
         const mtrace_log::entry* const next = log->next(*m_table);
-        return next != nullptr ? next->line.address : 0;
+        return next != nullptr ? next->address : 0;
     }
 
     std::unique_ptr<mtrace_log> log = std::make_unique<mtrace_log>(0, nullptr);

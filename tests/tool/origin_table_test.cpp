@@ -1,4 +1,3 @@
-#include "hashing.h"
 #include "origin_table.h"
 
 #include <gtest/gtest.h>
@@ -54,7 +53,7 @@ TEST(OriginTable, ACallerAloneIsTheOriginWithNothingElse) {
     origin_table table;
     for (int i = 0; i < 1000; ++i) {
         const std::string caller = "caller" + std::to_string(i % 100);
-        const uint32 number = table.of_caller(caller, hashing::of_text(caller));
+        const uint32 number = table.of_caller(caller);
         EXPECT_EQ(number, table.of({table.text(caller), 0, 0, 0, 0}));
         EXPECT_EQ(table.printed(table.get(number).caller), caller);
     }
@@ -65,19 +64,19 @@ std::string_view caller_of(const origin_table& table, uint32 number) { return ta
 TEST(OriginTable, TextsStayWhereTheyAre) {
     origin_table table;
     const std::string large(100'000, 'x'); // larger than a piece
-    const std::string_view first = caller_of(table, table.of_caller("first", hashing::of_text("first")));
-    const std::string_view kept = caller_of(table, table.of_caller(large, hashing::of_text(large)));
+    const std::string_view first = caller_of(table, table.of_caller("first"));
+    const std::string_view kept = caller_of(table, table.of_caller(large));
     for (int i = 0; i < 20000; ++i)
-        table.of_caller("caller" + std::to_string(i), hashing::of_text("caller" + std::to_string(i)));
-    EXPECT_EQ(caller_of(table, table.of_caller("first", hashing::of_text("first"))).data(), first.data());
-    EXPECT_EQ(caller_of(table, table.of_caller(large, hashing::of_text(large))).data(), kept.data());
+        table.of_caller("caller" + std::to_string(i));
+    EXPECT_EQ(caller_of(table, table.of_caller("first")).data(), first.data());
+    EXPECT_EQ(caller_of(table, table.of_caller(large)).data(), kept.data());
     EXPECT_EQ(kept, large);
 }
 
 TEST(OriginTable, AdoptsFromAnotherTable) {
     origin_table old;
     for (int i = 0; i < 1000; ++i)
-        old.of_caller("caller" + std::to_string(i), hashing::of_text("caller" + std::to_string(i)));
+        old.of_caller("caller" + std::to_string(i));
     const uint32 number = old.of({old.text("caller7"), old.text("Type"), old.text("a\0b"), -3, 5});
     origin_table table;
     const uint32 adopted = table.adopt(old, number);

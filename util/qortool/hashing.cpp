@@ -18,6 +18,11 @@ const uint64 hashing::key = [] {
     return uint64{source()} << 32 | source();
 }();
 
+uint32 hashing::of_end(std::string_view text) noexcept {
+    const char* const end = text.data() + text.size();
+    return finish(mix(mix(key ^ text.size(), load(end - 16)), load(end - 8)));
+}
+
 // Sixteen bytes a step, in two states that do not wait for each other; the last step of a long text overlaps
 // the one before it.
 uint32 hashing::of_text(std::string_view text) noexcept {

@@ -34,21 +34,32 @@ public:
 
     bool is_given() const noexcept { return m_source.is_open(); }
 
-    // The next line that means something, or null at the end of the log. Texts in it are valid until the next
-    // call.
+    // Whether the next line, if there is one, has to be waited for.
+    bool is_used_up() const noexcept { return m_next == m_batch->count && m_batch->end == m_batch->size; }
+
+    // The next line that means something, or null at the end of the log. It and its texts are valid until the next call.
     const entry* next(allocation_table& table) {
-        if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code))
+        if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code)) [[unlikely]]
             trace_up_to_next();
-        while (m_next == m_batch->count) {
-            if (!next_batch(table))
-                return nullptr;
-            if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code))
-                trace_up_to_next();
-        }
+        if (m_next == m_batch->count && !go_on(table)) [[unlikely]]
+            return nullptr;
         // The heads asked for so many lines ago have arrived.
-        table.prefetch_head(m_batch->entries[m_next + head_lead].line.address);
-        table.prefetch_block(m_batch->entries[m_next + block_lead].line.address);
+        table.prefetch_head(m_batch->entries[m_next + head_lead].address);
+        table.prefetch_block(m_batch->entries[m_next + block_lead].address);
         return &m_batch->entries[m_next++];
+    }
+
+    // Of the batch that the last line is from.
+    const char* text() const noexcept { return m_batch->text; }
+
+    // The last line, without white space at both ends.
+    std::string_view last_line() const noexcept {
+        const uint32 end = m_batch->entries[m_next - 1].end;
+        const std::size_t before = std::string_view(m_batch->text, end - 1).rfind('\n');
+        const char* next = m_batch->text + (before + 1);
+        std::string_view line;
+        log_fields::next_line(next, m_batch->text + end, line);
+        return line;
     }
 
 private:
@@ -56,30 +67,48 @@ private:
     static constexpr uint32 block_lead = 12;
     static_assert(head_lead < batch::margin);
 
-    bool next_batch(allocation_table& table) {
+    // To lines that mean something.
+    [[gnu::noinline]] bool go_on(allocation_table& table) {
+        while (m_next == m_batch->count) {
+            if (!m_batch->parse_on(m_numbers) && !next_batch())
+                return false;
+            begin_batch(table);
+            if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code))
+                trace_up_to_next();
+        }
+        return true;
+    }
+
+    bool next_batch() {
         const bool has_more = m_ahead || m_source.has_text();
         // A log that is short needs no thread.
         if (has_more && m_first.size != 0 && m_extent == extent::whole && !m_ahead)
             start_thread();
         if (m_ahead)
             m_batch = m_ahead->next();
-        else if (!has_more || !m_source.lend(m_first))
+        else if (!has_more || !m_source.lend(m_first, m_numbers))
             m_batch = nullptr;
         if (m_batch == nullptr) {
             set_empty();
             return false;
         }
-        m_next = 0;
-        for (uint32 i = 0; i < head_lead; ++i)
-            table.prefetch_head(m_batch->entries[i].line.address);
-        for (uint32 i = 0; i < block_lead; ++i)
-            table.prefetch_block(m_batch->entries[i].line.address);
         return true;
+    }
+
+    void begin_batch(allocation_table& table) noexcept {
+        m_next = 0;
+        if (m_batch->count == 0)
+            return;
+        for (uint32 i = 0; i < head_lead; ++i)
+            table.prefetch_head(m_batch->entries[i].address);
+        for (uint32 i = 0; i < block_lead; ++i)
+            table.prefetch_block(m_batch->entries[i].address);
     }
 
     void set_empty() noexcept {
         m_batch = &m_first;
-        m_next = m_first.count = m_first.size = 0;
+        m_first.set_text(nullptr, 0);
+        m_next = 0;
     }
 
     void start_thread() {
@@ -93,8 +122,8 @@ private:
     // All lines from the one that was next to the one that is, also those without meaning.
     void trace_up_to_next() {
         const auto end_of = [this](uint32 i) { return m_batch->entries[i].end; };
-        const char* next = m_batch->text + (m_next != 0 ? end_of(m_next - 1) : 0);
-        const char* const end = m_batch->text + (m_next != m_batch->count ? end_of(m_next) : m_batch->size);
+        const char* next = m_batch->text + (m_next != 0 ? end_of(m_next - 1) : m_batch->begin);
+        const char* const end = m_batch->text + (m_next != m_batch->count ? end_of(m_next) : m_batch->end);
         for (std::string_view line; next != end && log_fields::next_line(next, end, line);)
             qorDebug(m_trace_code, m_trace_format, static_cast<int>(line.size()), line.data());
     }
@@ -102,9 +131,10 @@ private:
     uint32 m_trace_code;
     const char* m_trace_format;
     extent m_extent = extent::whole;
+    caller_numbers::giver m_numbers{0};
     log_source<LINE> m_source;
     std::optional<log_ahead<LINE>> m_ahead;
     batch m_first; // of a short log the only one
-    const batch* m_batch = &m_first;
+    batch* m_batch = &m_first;
     uint32 m_next = 0;
 };

@@ -45,7 +45,8 @@ inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept {
                                         _mm_set1_epi16(0xff));
     const uint64 packed = static_cast<uint64>(_mm_cvtsi128_si64(_mm_packus_epi16(pairs, pairs)));
     const uint64 all = __builtin_bswap64(packed);
-    return {count == 0 ? 0 : all >> (64 - 4 * count), count};
+    // In two steps: to shift a word by all its bits means nothing. No digits make 0.
+    return {count == 16 ? all : all >> 4 >> (60 - 4 * count), count};
 }
 
 #else

@@ -33,7 +33,7 @@ public:
 
     // The next lines, valid until the next call; null at the end of the log, or where it cannot be read: then the last
     // error says why.
-    const batch* next() { return m_shared->take(); }
+    batch* next() { return m_shared->take(); }
 
 private:
     class shared {
@@ -44,7 +44,9 @@ private:
         }
 
         void read() noexcept {
-            for (batch* free = next_free(); free != nullptr && m_source.give(*free); free = next_free())
+            bool parsed;
+            for (batch* free = next_free(parsed); free != nullptr && m_source.give(*free, parsed, m_numbers);
+                 free = next_free(parsed))
                 pass_on(*free);
             qorGetLastError(m_error.Out());
             const std::lock_guard hold(m_lock);
@@ -52,7 +54,7 @@ private:
             m_changed.notify_all();
         }
 
-        const batch* take() {
+        batch* take() {
             std::unique_lock hold(m_lock);
             if (m_is_held)
                 give_back();
@@ -75,9 +77,15 @@ private:
         }
 
     private:
-        // To wake a thread costs more than a batch is worth. So each side waits for half of them once it has to wait, but
-        // what comes slowly is not held up.
         static constexpr uint64 ring = 16;
+
+        // With fewer batches before it the replay is the faster side. Then it is left to parse what comes, so that neither
+        // side waits for the other.
+        static constexpr uint64 comfort = ring / 2;
+
+        // To wake a thread costs more than a batch is worth. So who has to wait does so for some of them, but what comes
+        // slowly is not held up.
+        static constexpr uint64 some = ring / 4;
         static constexpr std::chrono::milliseconds patience{1};
 
         uint64 waiting() const noexcept { return m_passed - m_taken; }
@@ -85,7 +93,7 @@ private:
         void wait_for_batches(std::unique_lock<std::mutex>& hold) {
             if (waiting() != 0 || m_is_done)
                 return;
-            m_wanted = ring / 2;
+            m_wanted = some;
             if (!m_changed.wait_for(hold, patience, [this] { return waiting() >= m_wanted || m_is_done; })) {
                 m_wanted = 1;
                 m_changed.wait(hold, [this] { return waiting() != 0 || m_is_done; });
@@ -95,14 +103,15 @@ private:
         void give_back() {
             m_is_held = false;
             ++m_taken;
-            if (waiting() <= ring / 2)
+            if (waiting() <= comfort)
                 m_changed.notify_all();
         }
 
-        batch* next_free() {
+        batch* next_free(bool& parsed) {
             std::unique_lock hold(m_lock);
             if (waiting() == ring)
-                m_changed.wait(hold, [this] { return waiting() <= ring / 2 || m_is_left; });
+                m_changed.wait(hold, [this] { return waiting() <= comfort || m_is_left; });
+            parsed = waiting() >= comfort;
             return m_is_left ? nullptr : &m_batches[m_passed % ring];
         }
 
@@ -117,6 +126,7 @@ private:
 
         log_source<LINE> m_source;
         batch m_batches[ring];
+        caller_numbers::giver m_numbers{1};
         zetSmartPointer<IQORErrorMessage> m_error; // the thread's last one
 
         std::mutex m_lock;

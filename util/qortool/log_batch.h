@@ -1,6 +1,7 @@
-// Some lines of a log, read and parsed together: their text and what each of them says.
+// Some lines of a log that are read together: their text and what each of them says.
 #pragma once
 
+#include "caller_numbers.h"
 #include "log_fields.h"
 #include "log_lines.h"
 #include "qor/qor.h"
@@ -8,17 +9,14 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 template <class LINE>
 struct log_batch {
-    struct entry {
-        LINE line;
-        log_lines::kind kind = log_lines::kind::record;
-        uint32 end = 0; // behind the line, in the text
-    };
+    using entry = log_lines::entry<LINE>;
 
-    // Lines without meaning have no entry.
+    // At a time.
     static constexpr uint32 limit = 1024;
 
     // Who looks ahead by less than this does not have to ask where the entries end.
@@ -26,6 +24,10 @@ struct log_batch {
 
     const char* text = nullptr;
     uint32 size = 0;
+
+    // What of the text is parsed: [begin, end).
+    uint32 begin = 0;
+    uint32 end = 0;
     uint32 count = 0;
     std::vector<entry> entries;
 
@@ -35,6 +37,39 @@ struct log_batch {
     // For a text of the batch's own. With those of some more, small enough to stay in the second-level cache.
     static constexpr std::size_t own_size = 32 * 1024;
     std::vector<char> own;
+
+    void set_text(const char* lines, std::size_t length) noexcept {
+        text = lines;
+        size = static_cast<uint32>(length);
+        begin = end = count = 0;
+    }
+
+    // The entries of the text's next lines take the place of those before. False: there are none left.
+    bool parse_on(caller_numbers::giver& numbers) {
+        if (end == size)
+            return false;
+        begin = end;
+        const char* next = text + begin;
+        count = log_lines::take_lines<LINE>(text, next, text + size, entries.data(), limit);
+        end = static_cast<uint32>(next - text);
+        if constexpr (std::is_same_v<LINE, log_lines::mtrace_line>)
+            give_numbers(numbers);
+        return true;
+    }
+
+    // To allocations. They come in no order that a processor could guess, so they are looked for first.
+    void give_numbers(caller_numbers::giver& numbers) {
+        uint32 allocations[limit];
+        uint32 found = 0;
+        for (uint32 i = 0; i < count; ++i) {
+            allocations[found] = i;
+            found += entries[i].is_alloc;
+        }
+        for (uint32 i = 0; i < found; ++i) {
+            entry& each = entries[allocations[i]];
+            each.caller_number = numbers.of({text + each.caller_at, each.caller_size});
+        }
+    }
 
     // The memory of a batch that is used.
     void make() { entries.resize(limit + margin); }
@@ -66,52 +101,37 @@ public:
         return m_next != m_end;
     }
 
-    // The next lines; their text is the reader's. False: there are none, as above.
-    bool lend(batch& out) {
+    // The next lines, parsed; their text is the reader's. False: there are none, as above.
+    bool lend(batch& out, caller_numbers::giver& numbers) {
         if (!has_text())
             return false;
         out.is_lent = true;
-        parse(out, m_next, m_end);
+        out.set_text(m_next, static_cast<std::size_t>(m_end - m_next));
+        out.parse_on(numbers);
+        out.size = out.end;
         m_next += out.size;
         return true;
     }
 
-    // The same with a text of the batch's own, which has been made, unless the first line is too long for that: lent.
-    bool give(batch& out) {
+    // The next lines with a text of the batch's own, which has been made, unless the first one is too long for that: lent.
+    // Parsed only if that is wanted.
+    bool give(batch& out, bool parsed, caller_numbers::giver& numbers) {
         if (!has_text())
             return false;
         const std::string_view piece(m_next, std::min<std::size_t>(batch::own_size, m_end - m_next));
         const std::size_t size = piece.rfind('\n') + 1;
         if (size == 0)
-            return lend(out);
+            return lend(out, numbers);
         out.is_lent = false;
         std::memcpy(out.own.data(), m_next, size);
-        parse(out, out.own.data(), out.own.data() + size);
-        m_next += out.size;
+        out.set_text(out.own.data(), size);
+        m_next += size;
+        if (parsed)
+            out.parse_on(numbers);
         return true;
     }
 
 private:
-    static void parse(batch& out, const char* text, const char* end) {
-        const char* next = text;
-        uint32 count = 0;
-        while (count < batch::limit && next != end) {
-            typename batch::entry& each = out.entries[count];
-            if (log_lines::take_usual(next, each.line)) {
-                each.kind = log_lines::kind::record;
-            } else {
-                std::string_view line;
-                log_fields::next_line(next, end, line);
-                each.kind = log_lines::parse(line, each.line);
-            }
-            each.end = static_cast<uint32>(next - text);
-            count += each.kind != log_lines::kind::no_meaning;
-        }
-        out.text = text;
-        out.size = static_cast<uint32>(next - text);
-        out.count = count;
-    }
-
     zetSmartPointer<IQORSimpleFileReader> m_file;
     const char* m_next = nullptr; // what the reader has handed out and no batch has
     const char* m_end = nullptr;

@@ -1,6 +1,5 @@
 #include "log_lines.h"
 
-#include "hashing.h"
 #include "hexadecimal_digits.h"
 #include "log_fields.h"
 
@@ -20,17 +19,33 @@ static_assert(qorReadLinesPadding >= 64);
 // enough to make a line an unusual one.
 uint64 gaps(const char* at) noexcept;
 
+// A bit for each of 48 bytes that is a line's end.
+uint64 line_ends(const char* at) noexcept;
+
 #if defined(__SSE2__)
 
-uint64 gaps(const char* at) noexcept {
+// The bytes that are what they were before, sixteen of them in their place among 64.
+[[gnu::always_inline]] inline uint64 equal_bits(__m128i before, __m128i after, unsigned place) noexcept {
+    return static_cast<uint64>(static_cast<uint32>(_mm_movemask_epi8(_mm_cmpeq_epi8(before, after)))) << place;
+}
+
+[[gnu::always_inline]] inline __m128i sixteen(const char* at) noexcept {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+}
+
+[[gnu::always_inline]] inline uint64 gaps(const char* at) noexcept {
     const __m128i blank = _mm_set1_epi8(' ');
-    uint64 found = 0;
-    for (int i = 0; i < 4; ++i) {
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at) + i);
-        const int mask = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_min_epu8(bytes, blank), bytes));
-        found |= static_cast<uint64>(static_cast<uint32>(mask)) << 16 * i;
-    }
-    return found;
+    const auto found = [=](unsigned place) {
+        const __m128i bytes = sixteen(at + place);
+        return equal_bits(bytes, _mm_min_epu8(bytes, blank), place);
+    };
+    return found(0) | found(16) | found(32) | found(48);
+}
+
+[[gnu::always_inline]] inline uint64 line_ends(const char* at) noexcept {
+    const __m128i end = _mm_set1_epi8('\n');
+    const auto found = [=](unsigned place) { return equal_bits(sixteen(at + place), end, place); };
+    return found(0) | found(16) | found(32);
 }
 
 #else
@@ -42,9 +57,16 @@ uint64 gaps(const char* at) noexcept {
     return found;
 }
 
+uint64 line_ends(const char* at) noexcept {
+    uint64 found = 0;
+    for (int i = 0; i < 48; ++i)
+        found |= uint64{at[i] == '\n'} << i;
+    return found;
+}
+
 #endif
 
-const char* find_gap(const char* at) noexcept {
+[[gnu::always_inline]] inline const char* find_gap(const char* at) noexcept {
     for (;; at += 64)
         if (const uint64 found = gaps(at))
             return at + std::countr_zero(found);
@@ -75,7 +97,10 @@ constexpr auto meanings = [] {
 
 } // namespace
 
-bool log_lines::take_usual(const char*& next, mtrace_line& out) {
+namespace {
+
+// Part of the loop over all lines, so that what it finds never gets to memory.
+[[gnu::always_inline]] inline bool take(const char*& next, log_lines::mtrace_line& out) noexcept {
     if (next[0] != '@' || next[1] != ' ')
         return false;
     const char* const caller = next + 2;
@@ -83,6 +108,9 @@ bool log_lines::take_usual(const char*& next, mtrace_line& out) {
     // A gap that is the line's end would be followed by the next line, or by the padding.
     if (code == caller + 1 || code[-1] != ' ' || code[1] != ' ')
         return false;
+    // Where the next line begins is found without waiting for this one's numbers, so that a processor can be at both.
+    const uint64 ends = line_ends(code);
+    const char* const end = code + std::countr_zero(ends);
     // What is taken and what is given back come in no order that a processor could guess. So there is one way
     // through for both: the size of a release is read where there is none, and not used.
     const code_meaning meaning = meanings[static_cast<unsigned char>(*code)];
@@ -92,19 +120,21 @@ bool log_lines::take_usual(const char*& next, mtrace_line& out) {
     const hexadecimal_digits size = read_hexadecimal_digits(at + 3);
     const bool has_size = *at == ' ';
     const bool is_number = (at[1] == '0') & (at[2] == 'x') & (size.count != 0);
-    at += has_size ? 3 + size.count : 0;
-    if ((*at != '\n') | (has_size & !is_number))
+    at += has_size * (3 + size.count);
+    if ((at != end) | (ends == 0) | (has_size & !is_number))
         return false;
     out.is_alloc = meaning == code_meaning::allocation;
     out.caller = between(caller, code - 1);
     out.code = {code, 1};
-    out.size = has_size ? static_cast<uint32>(size.value) : 0;
+    out.size = has_size * static_cast<uint32>(size.value);
     out.is_code_known = true;
-    if (out.is_alloc)
-        out.caller_hash = hashing::of_text(out.caller);
-    next = at + 1;
+    next = end + 1;
     return true;
 }
+
+} // namespace
+
+bool log_lines::take_usual(const char*& next, mtrace_line& out) { return take(next, out); }
 
 log_lines::kind log_lines::parse(std::string_view line, mtrace_line& out) {
     if (line.empty() || line[0] != '@')
@@ -121,12 +151,12 @@ log_lines::kind log_lines::parse(std::string_view line, mtrace_line& out) {
     const code_meaning meaning = meanings[static_cast<unsigned char>(out.code[0])];
     out.is_code_known = meaning != code_meaning::none;
     out.is_alloc = out.is_code_known ? meaning == code_meaning::allocation : out.size != 0;
-    if (out.is_alloc)
-        out.caller_hash = hashing::of_text(out.caller);
     return kind::record;
 }
 
-bool log_lines::take_usual(const char*& next, memcheck_line& out) {
+namespace {
+
+[[gnu::always_inline]] inline bool take(const char*& next, log_lines::memcheck_line& out) noexcept {
     const char code = next[0];
     if ((code != 'A' && code != 'F' && code != 'T') || next[1] != ' ')
         return false;
@@ -175,6 +205,10 @@ bool log_lines::take_usual(const char*& next, memcheck_line& out) {
     return true;
 }
 
+} // namespace
+
+bool log_lines::take_usual(const char*& next, memcheck_line& out) { return take(next, out); }
+
 log_lines::kind log_lines::parse(std::string_view line, memcheck_line& out) {
     if (line.empty() || line[0] == '#')
         return kind::no_meaning;
@@ -211,3 +245,44 @@ log_lines::kind log_lines::parse(std::string_view line, memcheck_line& out) {
         return kind::unknown_code;
     }
 }
+
+namespace {
+
+void keep(const log_lines::mtrace_line& line, const char* text, log_lines::entry<log_lines::mtrace_line>& out) noexcept {
+    out.address = line.address;
+    out.size = line.size;
+    out.caller_at = line.caller.empty() ? 0 : static_cast<uint32>(line.caller.data() - text);
+    out.caller_size = static_cast<uint32>(line.caller.size());
+    out.caller_number = 0;
+    out.is_alloc = line.is_alloc;
+    out.is_code_known = line.is_code_known;
+}
+
+void keep(const log_lines::memcheck_line& line, const char*, log_lines::memcheck_line& out) noexcept { out = line; }
+
+} // namespace
+
+template <class LINE>
+uint32 log_lines::take_lines(const char* text, const char*& next, const char* end, entry<LINE>* out, uint32 limit) {
+    uint32 count = 0;
+    while (count != limit && next != end) {
+        entry<LINE>& each = out[count];
+        kind what = kind::record;
+        if (LINE usual; take(next, usual)) {
+            keep(usual, text, each);
+        } else {
+            LINE any;
+            std::string_view line;
+            log_fields::next_line(next, end, line);
+            what = parse(line, any);
+            keep(any, text, each);
+        }
+        each.kind = what;
+        each.end = static_cast<uint32>(next - text);
+        count += what != kind::no_meaning;
+    }
+    return count;
+}
+
+template uint32 log_lines::take_lines(const char*, const char*&, const char*, entry<mtrace_line>*, uint32);
+template uint32 log_lines::take_lines(const char*, const char*&, const char*, entry<memcheck_line>*, uint32);

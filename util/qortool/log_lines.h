@@ -23,7 +23,7 @@ struct mtrace_line {
     uint32 size = 0;
     bool is_alloc = false;
     bool is_code_known = false; // if not, the size decides what it is
-    uint32 caller_hash = 0;     // hashing::of_text, for an allocation
+    uint32 caller_number = 0;   // of caller_numbers, where they were given out
 };
 
 // One record of an allocation log; what its kind does not carry is 0 or empty.
@@ -45,5 +45,34 @@ kind parse(std::string_view line, memcheck_line& out);
 // words with one blank between them. False: it is not, nothing was taken.
 bool take_usual(const char*& next, mtrace_line& out);
 bool take_usual(const char*& next, memcheck_line& out);
+
+// What a batch keeps of a line: for an mtrace log in half a cache line, since it goes from one processor to another.
+template <class LINE>
+struct entry;
+
+template <>
+struct entry<mtrace_line> {
+    uint64 address = 0;
+    uint32 size = 0;
+    uint32 end = 0;       // behind the line, in the batch's text
+    uint32 caller_at = 0; // in the text, too
+    uint32 caller_size = 0;
+    uint32 caller_number = 0; // of caller_numbers, where they were given out
+    log_lines::kind kind = kind::record;
+    bool is_alloc = false;
+    bool is_code_known = false;
+};
+static_assert(sizeof(entry<mtrace_line>) == 32);
+
+template <>
+struct entry<memcheck_line> : memcheck_line {
+    log_lines::kind kind = kind::record;
+    uint32 end = 0;
+};
+
+// Makes entries of the lines of [next, end), of which `text` is the beginning or comes before; as many as `limit`. Lines
+// without meaning have none. The number of entries; `next` is behind the last line looked at.
+template <class LINE>
+uint32 take_lines(const char* text, const char*& next, const char* end, entry<LINE>* out, uint32 limit);
 
 } // namespace log_lines

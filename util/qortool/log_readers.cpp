@@ -11,16 +11,27 @@ int printed_length(std::string_view word) noexcept { return static_cast<int>(wor
 bool mtrace_proc::read_mtrace(__mtrace_line& out) {
     const qorDebugSeq trace(m_debug_code, "read_mtrace");
     forget_unused_origins();
-    while (const auto* const next = m_mtrace_file.next(m_table)) {
-        out = next->line;
+    for (;;) {
+        if (m_mtrace_file.is_used_up())
+            m_streams.keep_up();
+        const auto* const next = m_mtrace_file.next(m_table);
+        if (next == nullptr)
+            break;
         if (next->kind != log_lines::kind::record) {
             fixed_fprintf(m_streams.err(), "WARNING Invalid line in mtrace() file\n");
             continue;
         }
         // The size still tells what the line must have been.
-        if (!out.is_code_known)
+        if (!next->is_code_known) {
+            log_lines::parse(m_mtrace_file.last_line(), out);
             fixed_fprintf(m_streams.err(), "WARNING Bad code token [%.*s]\n", printed_length(out.code),
                           out.code.data());
+        }
+        out.address = next->address;
+        out.size = next->size;
+        out.is_alloc = next->is_alloc;
+        out.caller = {m_mtrace_file.text() + next->caller_at, next->caller_size};
+        out.caller_number = next->caller_number;
         return true;
     }
     qorDebug(m_debug_code, "Cannot read; assume EOF");
@@ -30,8 +41,13 @@ bool mtrace_proc::read_mtrace(__mtrace_line& out) {
 bool mtrace_proc::read_memcheck_line(__memcheck_line& out) {
     const qorDebugSeq trace(m_debug_code, "read_memcheck_line");
     forget_unused_origins();
-    while (const auto* const next = m_memcheck_file.next(m_table)) {
-        out = next->line;
+    for (;;) {
+        if (m_memcheck_file.is_used_up())
+            m_streams.keep_up();
+        const auto* const next = m_memcheck_file.next(m_table);
+        if (next == nullptr)
+            break;
+        out = *next;
         if (next->kind == log_lines::kind::record)
             return true;
         if (next->kind == log_lines::kind::too_few_words)

@@ -43,7 +43,7 @@ bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
 }
 
 void mtrace_proc::mtrace_allocation(const __mtrace_line& rec) {
-    const uint32 origin = m_origins.of_caller(rec.caller, rec.caller_hash);
+    const uint32 origin = m_caller_origins.of(rec.caller_number, [&] { return m_origins.of_caller(rec.caller); });
     if (!m_memcheck_file.is_given())
         return m_table.add(rec.address, rec.size, origin);
     const __entry entry = m_table.find_blank(rec.address);
@@ -130,6 +130,7 @@ void mtrace_proc::renew_origins() {
         rec.type_name = kept.adopt_text(m_origins, rec.type_name);
     });
     m_origins = std::move(kept);
+    m_caller_origins.forget();
     m_origins_limit = std::max(origins_minimum, 2 * m_origins.bytes());
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "allocation_table.h"
+#include "caller_numbers.h"
 #include "heap_log.h"
 #include "log_lines.h"
 #include "look_ahead_list.h"
@@ -66,6 +67,7 @@ private:
     allocation_table m_table;
     look_ahead_list m_look_ahead;
     origin_table m_origins;
+    caller_numbers::taker m_caller_origins;
     std::size_t m_origins_limit = origins_minimum; // bytes of m_origins at which the unused are given up
     report_streams m_streams;
 };

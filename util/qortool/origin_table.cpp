@@ -20,10 +20,10 @@ std::size_t length_to_nul(std::string_view text) noexcept { return std::min(text
 } // namespace
 
 // Number 0 is the empty text, and the origin of which nothing is known.
-origin_table::origin_table() { of_caller({}, hashing::of_text({})); }
+origin_table::origin_table() { of_caller({}); }
 
-uint32 origin_table::of_caller(std::string_view caller, uint32 hash) {
-    const uint32 number = text(caller, hash);
+uint32 origin_table::of_caller(std::string_view caller) {
+    const uint32 number = text(caller);
     if (m_texts[number].as_caller == number_index::none)
         m_texts[number].as_caller = of({number, 0, 0, 0, 0});
     return m_texts[number].as_caller;
@@ -44,9 +44,8 @@ const char* origin_table::keep(std::string_view text) {
     return kept;
 }
 
-uint32 origin_table::text(std::string_view text) { return this->text(text, hashing::of_text(text)); }
-
-uint32 origin_table::text(std::string_view text, uint32 hash) {
+uint32 origin_table::text(std::string_view text) {
+    const uint32 hash = hashing::of_text(text);
     if (const number_index::cell* const found =
             m_text_index.find(hash, [&](uint32 number) { return whole(m_texts[number]) == text; }))
         return found->number;

@@ -23,7 +23,6 @@ public:
     origin_table();
 
     uint32 text(std::string_view text);
-    uint32 text(std::string_view text, uint32 hash);
 
     // As it is printed: a NUL ends it. Lives as long as the table.
     std::string_view printed(uint32 text) const {
@@ -31,7 +30,7 @@ public:
     }
 
     // The number of an origin of which no more is known than its caller: the usual case, one look-up.
-    uint32 of_caller(std::string_view caller, uint32 hash);
+    uint32 of_caller(std::string_view caller);
     uint32 of(const origin& wanted);
 
     const origin& get(uint32 number) const { return m_origins[number]; }

@@ -15,6 +15,7 @@ report_streams::report_streams(std::FILE* out, std::FILE* err)
 }
 
 report_streams::~report_streams() {
+    write_progress();
     std::fflush(m_err);
     std::setvbuf(m_err, nullptr, _IONBF, 0);
 }
@@ -26,23 +27,38 @@ std::FILE* report_streams::out() {
 
 std::FILE* report_streams::err() {
     switch_to(m_err);
-    const auto now = std::chrono::steady_clock::now();
-    if (now - m_flushed > patience) {
-        std::fflush(m_err);
-        m_flushed = now;
-    }
+    write_progress();
+    keep_up();
     return m_err;
 }
 
+void report_streams::keep_up() {
+    const auto now = std::chrono::steady_clock::now();
+    if (now - m_flushed > patience) {
+        write_progress();
+        std::fflush(m_err);
+        m_flushed = now;
+    }
+}
+
 void report_streams::progress(unsigned count) {
-    char text[16];
-    char* const end = std::to_chars(text, text + sizeof text - 1, count).ptr;
-    *end = '\r';
-    std::fwrite(text, 1, static_cast<std::size_t>(end + 1 - text), err());
+    constexpr std::ptrdiff_t longest = 16;
+    if (m_progress + sizeof m_progress - m_next_progress < longest)
+        write_progress();
+    switch_to(m_err);
+    m_next_progress = std::to_chars(m_next_progress, m_next_progress + longest - 1, count).ptr;
+    *m_next_progress++ = '\r';
+}
+
+void report_streams::write_progress() {
+    std::fwrite(m_progress, 1, static_cast<std::size_t>(m_next_progress - m_progress), m_err);
+    m_next_progress = m_progress;
 }
 
 void report_streams::switch_to(std::FILE* stream) {
-    if (m_one_place && m_last != nullptr && m_last != stream)
+    if (m_one_place && m_last != nullptr && m_last != stream) {
+        write_progress();
         std::fflush(m_last);
+    }
     m_last = stream;
 }

@@ -20,19 +20,25 @@ public:
     // Progress and warnings go here. What a person watches is never older than `patience`.
     std::FILE* err();
 
-    // A number that the next one overwrites.
+    // A number that the next one overwrites. It is kept back; who may have to wait says keep_up() before.
     void progress(unsigned count);
+
+    // Lets the person see what is older than `patience`.
+    void keep_up();
 
 private:
     static constexpr auto patience = std::chrono::milliseconds(100);
 
     void switch_to(std::FILE* stream);
+    void write_progress();
 
     std::FILE* m_out;
     std::FILE* m_err;
     bool m_one_place;
     std::FILE* m_last = nullptr;
     std::chrono::steady_clock::time_point m_flushed;
+    char m_progress[4096]; // for standard error, behind what it has
+    char* m_next_progress = m_progress;
 };
 
 // Whether standard output and standard error end in the same terminal or file.

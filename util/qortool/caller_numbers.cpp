@@ -1,0 +1,86 @@
+#include "caller_numbers.h"
+
+#include "hashing.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace {
+
+// Whether `size` bytes are the same, at least 16.
+bool are_same(const char* one, const char* other, std::size_t size) noexcept;
+
+#if defined(__SSE2__)
+
+// The last step overlaps the one before it. Callers of one program have about the same length, so that the steps can be
+// guessed.
+bool are_same(const char* one, const char* other, std::size_t size) noexcept {
+    const auto difference = [one, other](std::size_t at) {
+        return _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(one + at)),
+                             _mm_loadu_si128(reinterpret_cast<const __m128i*>(other + at)));
+    };
+    __m128i any = difference(size - 16);
+    for (std::size_t at = 0; at + 16 < size; at += 16)
+        any = _mm_or_si128(any, difference(at));
+    return _mm_movemask_epi8(_mm_cmpeq_epi8(any, _mm_setzero_si128())) == 0xffff;
+}
+
+#else
+
+bool are_same(const char* one, const char* other, std::size_t size) noexcept {
+    return std::memcmp(one, other, size) == 0;
+}
+
+#endif
+
+} // namespace
+
+uint32 caller_numbers::giver::of(std::string_view caller) noexcept {
+    if (caller.size() < 16 || caller.size() > longest)
+        return none;
+    if (m_cells.empty())
+        make();
+    const uint32 hash = hashing::of_end(caller);
+    for (uint32 i = 0; i < longest_search; ++i) {
+        cell& each = m_cells[(hash + i) & mask];
+        if (each.number == none)
+            return remember(each, hash, caller);
+        if (each.hash == hash && is(each, caller))
+            return each.number;
+    }
+    return none;
+}
+
+bool caller_numbers::giver::is(const cell& known, std::string_view caller) const noexcept {
+    return known.size == caller.size() && are_same(m_texts.get() + known.at, caller.data(), caller.size());
+}
+
+uint32 caller_numbers::giver::remember(cell& free, uint32 hash, std::string_view caller) noexcept {
+    if (m_next > std::numeric_limits<uint32>::max() - givers)
+        return none;
+    if (m_count == limit || room - m_used < caller.size())
+        forget();
+    caller.copy(m_texts.get() + m_used, caller.size());
+    const uint32 number = std::exchange(m_next, m_next + givers);
+    free = {hash, number, static_cast<uint32>(m_used), static_cast<uint32>(caller.size())};
+    m_used += caller.size();
+    ++m_count;
+    return number;
+}
+
+void caller_numbers::giver::make() {
+    m_cells.resize(mask + 1);
+    m_texts.reset(new char[room]);
+}
+
+void caller_numbers::giver::forget() noexcept {
+    std::fill(m_cells.begin(), m_cells.end(), cell{});
+    m_used = 0;
+    m_count = 0;
+}

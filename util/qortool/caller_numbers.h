@@ -1,0 +1,87 @@
+// Numbers for the callers that a log names again and again. Who parses its lines gives them out, and the replay knows a caller by
+// its number without a look at its text, which may lie in another processor's memory.
+//
+// Both sides only remember: a caller without a number, or with one that is forgotten, is looked up by its text. So neither
+// takes more memory for a log with more callers.
+#pragma once
+
+#include "qor/system/Types.h"
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+namespace caller_numbers {
+
+inline constexpr uint32 none = 0;
+
+// As many callers are remembered by each side.
+inline constexpr uint32 limit = 4096;
+
+// How many may give out numbers for one log.
+inline constexpr uint32 givers = 2;
+
+// The side that parses.
+class giver {
+public:
+    // No two have one number in common.
+    explicit giver(uint32 which) : m_next(givers + which) {}
+
+    // The number that this text has, and no other one ever; or none.
+    uint32 of(std::string_view caller) noexcept;
+
+private:
+    struct cell {
+        uint32 hash;
+        uint32 number; // none: nobody
+        uint32 at;     // in m_texts
+        uint32 size;
+    };
+
+    static constexpr uint32 mask = 2 * limit - 1;
+    // Callers can be written to collide, so that no search may be long.
+    static constexpr uint32 longest_search = 8;
+    static constexpr std::size_t room = 512 * 1024;
+    static constexpr std::size_t longest = 4096;
+
+    bool is(const cell& known, std::string_view caller) const noexcept;
+    uint32 remember(cell& free, uint32 hash, std::string_view caller) noexcept;
+    void make();
+    void forget() noexcept;
+
+    std::vector<cell> m_cells;
+    // Not cleared: what nobody uses takes no memory.
+    std::unique_ptr<char[]> m_texts;
+    std::size_t m_used = 0;
+    uint32 m_count = 0;
+    uint32 m_next; // none is given twice
+};
+
+// The replay's side: what the numbers stand for there.
+class taker {
+public:
+    // `make()` tells what is not remembered.
+    template <class MAKE>
+    uint32 of(uint32 number, MAKE make) {
+        if (number == none)
+            return make();
+        cell& each = m_cells[number % m_cells.size()];
+        if (each.number != number)
+            each = {number, make()};
+        return each.meaning;
+    }
+
+    void forget() { std::fill(m_cells.begin(), m_cells.end(), cell{}); }
+
+private:
+    struct cell {
+        uint32 number = none;
+        uint32 meaning = 0;
+    };
+
+    std::array<cell, givers * limit> m_cells{};
+};
+
+} // namespace caller_numbers
