@@ -2,6 +2,7 @@
 #pragma once
 
 #include "log_batch.h"
+#include "thread_place.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -56,6 +57,7 @@ private:
 
         batch* take() {
             std::unique_lock hold(m_lock);
+            m_processor = current_processor();
             if (m_is_held)
                 give_back();
             wait_for_batches(hold);
@@ -112,6 +114,7 @@ private:
             if (waiting() == ring)
                 m_changed.wait(hold, [this] { return waiting() <= comfort || m_is_left; });
             parsed = waiting() >= comfort;
+            m_place.keep_off(m_processor);
             return m_is_left ? nullptr : &m_batches[m_passed % ring];
         }
 
@@ -137,6 +140,8 @@ private:
         bool m_is_held = false; // the one behind those taken is in use
         bool m_is_done = false;
         bool m_is_left = false;
+        int m_processor = current_processor(); // where the replay was last seen
+        thread_place m_place;                  // the thread's
     };
 
     std::shared_ptr<shared> m_shared;
