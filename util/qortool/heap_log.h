@@ -131,7 +131,7 @@ private:
     uint32 m_trace_code;
     const char* m_trace_format;
     extent m_extent = extent::whole;
-    caller_numbers::giver m_numbers{0};
+    text_numbers::giver m_numbers{0};
     log_source<LINE> m_source;
     std::optional<log_ahead<LINE>> m_ahead;
     batch m_first; // of a short log the only one

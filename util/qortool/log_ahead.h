@@ -129,7 +129,7 @@ private:
 
         log_source<LINE> m_source;
         batch m_batches[ring];
-        caller_numbers::giver m_numbers{1};
+        text_numbers::giver m_numbers{1};
         zetSmartPointer<IQORErrorMessage> m_error; // the thread's last one
 
         std::mutex m_lock;

@@ -1,7 +1,7 @@
 // Some lines of a log that are read together: their text and what each of them says.
 #pragma once
 
-#include "caller_numbers.h"
+#include "text_numbers.h"
 #include "log_fields.h"
 #include "log_lines.h"
 #include "qor/qor.h"
@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
-#include <type_traits>
 #include <vector>
 
 template <class LINE>
@@ -45,30 +44,40 @@ struct log_batch {
     }
 
     // The entries of the text's next lines take the place of those before. False: there are none left.
-    bool parse_on(caller_numbers::giver& numbers) {
+    bool parse_on(text_numbers::giver& numbers) {
         if (end == size)
             return false;
         begin = end;
         const char* next = text + begin;
         count = log_lines::take_lines<LINE>(text, next, text + size, entries.data(), limit);
         end = static_cast<uint32>(next - text);
-        if constexpr (std::is_same_v<LINE, log_lines::mtrace_line>)
-            give_numbers(numbers);
+        give_numbers(numbers);
         return true;
     }
 
-    // To allocations. They come in no order that a processor could guess, so they are looked for first.
-    void give_numbers(caller_numbers::giver& numbers) {
-        uint32 allocations[limit];
+    // What has a text and what has none come in no order that a processor could guess, so those that have one are looked for first.
+    void give_numbers(text_numbers::giver& numbers) {
+        uint32 with_text[limit];
         uint32 found = 0;
         for (uint32 i = 0; i < count; ++i) {
-            allocations[found] = i;
-            found += entries[i].is_alloc;
+            with_text[found] = i;
+            found += has_text(entries[i]);
         }
-        for (uint32 i = 0; i < found; ++i) {
-            entry& each = entries[allocations[i]];
-            each.caller_number = numbers.of({text + each.caller_at, each.caller_size});
-        }
+        for (uint32 i = 0; i < found; ++i)
+            give_number(numbers, entries[with_text[i]]);
+    }
+
+    static bool has_text(const log_lines::entry<log_lines::mtrace_line>& of) noexcept { return of.is_alloc; }
+    static bool has_text(const log_lines::memcheck_line& of) noexcept { return of.code != 'F'; }
+
+    void give_number(text_numbers::giver& numbers, log_lines::entry<log_lines::mtrace_line>& to) const {
+        to.caller_number = numbers.of({text + to.caller_at, to.caller_size});
+    }
+    void give_number(text_numbers::giver& numbers, log_lines::entry<log_lines::memcheck_line>& to) const {
+        std::string_view all = to.type_name;
+        if (!to.file.empty())
+            all = {to.file.data(), static_cast<std::size_t>(text + to.end - to.file.data())};
+        to.number = numbers.of(all);
     }
 
     // The memory of a batch that is used.
@@ -102,7 +111,7 @@ public:
     }
 
     // The next lines, parsed; their text is the reader's. False: there are none, as above.
-    bool lend(batch& out, caller_numbers::giver& numbers) {
+    bool lend(batch& out, text_numbers::giver& numbers) {
         if (!has_text())
             return false;
         out.is_lent = true;
@@ -115,7 +124,7 @@ public:
 
     // The next lines with a text of the batch's own, which has been made, unless the first one is too long for that: lent.
     // Parsed only if that is wanted.
-    bool give(batch& out, bool parsed, caller_numbers::giver& numbers) {
+    bool give(batch& out, bool parsed, text_numbers::giver& numbers) {
         if (!has_text())
             return false;
         const std::string_view piece(m_next, std::min<std::size_t>(batch::own_size, m_end - m_next));

@@ -23,7 +23,7 @@ struct mtrace_line {
     uint32 size = 0;
     bool is_alloc = false;
     bool is_code_known = false; // if not, the size decides what it is
-    uint32 caller_number = 0;   // of caller_numbers, where they were given out
+    uint32 caller_number = 0;   // of text_numbers
 };
 
 // One record of an allocation log; what its kind does not carry is 0 or empty.
@@ -35,6 +35,7 @@ struct memcheck_line {
     int32 line = 0;
     std::string_view file;
     std::string_view type_name;
+    uint32 number = 0; // of text_numbers, for the type name, or for the file and all behind it
 };
 
 // A line without white space at both ends. An unknown code is in out.code.
@@ -57,7 +58,7 @@ struct entry<mtrace_line> {
     uint32 end = 0;       // behind the line, in the batch's text
     uint32 caller_at = 0; // in the text, too
     uint32 caller_size = 0;
-    uint32 caller_number = 0; // of caller_numbers, where they were given out
+    uint32 caller_number = 0; // of text_numbers, for an allocation
     log_lines::kind kind = kind::record;
     bool is_alloc = false;
     bool is_code_known = false;

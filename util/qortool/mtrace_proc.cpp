@@ -43,7 +43,7 @@ bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
 }
 
 void mtrace_proc::mtrace_allocation(const __mtrace_line& rec) {
-    const uint32 origin = m_caller_origins.of(rec.caller_number, [&] { return m_origins.of_caller(rec.caller); });
+    const uint32 origin = m_callers.of(rec.caller_number, 0, [&] { return m_origins.of_caller(rec.caller); });
     if (!m_memcheck_file.is_given())
         return m_table.add(rec.address, rec.size, origin);
     const __entry entry = m_table.find_blank(rec.address);
@@ -106,8 +106,9 @@ void mtrace_proc::mtrace_handle_huge_entry(const __memcheck_line& rec) {
 }
 
 void mtrace_proc::enter_memcheck(const __memcheck_line& rec) {
-    const uint32 origin =
-        m_origins.of({0, m_origins.text(rec.type_name), m_origins.text(rec.file), rec.line, rec.bt});
+    const uint32 origin = m_places.of(rec.number, rec.bt, [&] {
+        return m_origins.of({0, m_origins.text(rec.type_name), m_origins.text(rec.file), rec.line, rec.bt});
+    });
     m_table.add(rec.address, rec.size, origin);
 }
 
@@ -130,7 +131,9 @@ void mtrace_proc::renew_origins() {
         rec.type_name = kept.adopt_text(m_origins, rec.type_name);
     });
     m_origins = std::move(kept);
-    m_caller_origins.forget();
+    m_callers.forget();
+    m_places.forget();
+    m_type_names.forget();
     m_origins_limit = std::max(origins_minimum, 2 * m_origins.bytes());
 }
 
@@ -180,7 +183,7 @@ void mtrace_proc::memcheck_record(const __memcheck_line& rec) {
     case 'T':
         // No block lives at address 0, whatever the blank slots hold.
         if (rec.address != 0 && m_table.find_entry(rec.address, entry))
-            set_type_name(entry, m_origins.text(rec.type_name));
+            set_type_name(entry, m_type_names.of(rec.number, 0, [&] { return m_origins.text(rec.type_name); }));
         else
             fixed_fprintf(m_streams.err(), "Unexpected: type record not matched to memory\n");
         break;

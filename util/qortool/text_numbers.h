@@ -1,8 +1,8 @@
-// Numbers for the callers that a log names again and again. Who parses its lines gives them out, and the replay knows a caller by
-// its number without a look at its text, which may lie in another processor's memory.
+// Numbers for the texts that a log repeats: callers, files and type names. Who parses its lines gives them out, and the replay knows
+// a text by its number without a look at it, which may lie in another processor's memory.
 //
-// Both sides only remember: a caller without a number, or with one that is forgotten, is looked up by its text. So neither
-// takes more memory for a log with more callers.
+// Both sides only remember: a text without a number, or with one that is forgotten, is looked at. So neither takes more
+// memory for a log with more texts.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -13,11 +13,11 @@
 #include <string_view>
 #include <vector>
 
-namespace caller_numbers {
+namespace text_numbers {
 
 inline constexpr uint32 none = 0;
 
-// As many callers are remembered by each side.
+// As many texts are remembered by each side.
 inline constexpr uint32 limit = 4096;
 
 // How many may give out numbers for one log.
@@ -30,7 +30,7 @@ public:
     explicit giver(uint32 which) : m_next(givers + which) {}
 
     // The number that this text has, and no other one ever; or none.
-    uint32 of(std::string_view caller) noexcept;
+    uint32 of(std::string_view text);
 
 private:
     struct cell {
@@ -41,13 +41,13 @@ private:
     };
 
     static constexpr uint32 mask = 2 * limit - 1;
-    // Callers can be written to collide, so that no search may be long.
+    // Texts can be written to collide, so that no search may be long.
     static constexpr uint32 longest_search = 8;
     static constexpr std::size_t room = 512 * 1024;
     static constexpr std::size_t longest = 4096;
 
-    bool is(const cell& known, std::string_view caller) const noexcept;
-    uint32 remember(cell& free, uint32 hash, std::string_view caller) noexcept;
+    bool is(const cell& known, std::string_view text) const noexcept;
+    uint32 remember(cell& free, uint32 hash, std::string_view text) noexcept;
     void make();
     void forget() noexcept;
 
@@ -62,14 +62,14 @@ private:
 // The replay's side: what the numbers stand for there.
 class taker {
 public:
-    // `make()` tells what is not remembered.
+    // What stands beside a text may change what it means. `make()` tells what is not remembered.
     template <class MAKE>
-    uint32 of(uint32 number, MAKE make) {
+    uint32 of(uint32 number, uint32 beside, MAKE make) {
         if (number == none)
             return make();
         cell& each = m_cells[number % m_cells.size()];
-        if (each.number != number)
-            each = {number, make()};
+        if (each.number != number || each.beside != beside)
+            each = {number, beside, make()};
         return each.meaning;
     }
 
@@ -78,10 +78,11 @@ public:
 private:
     struct cell {
         uint32 number = none;
+        uint32 beside = 0;
         uint32 meaning = 0;
     };
 
     std::array<cell, givers * limit> m_cells{};
 };
 
-} // namespace caller_numbers
+} // namespace text_numbers

@@ -1,4 +1,4 @@
-#include "caller_numbers.h"
+#include "text_numbers.h"
 
 #include "hashing.h"
 
@@ -13,14 +13,15 @@
 
 namespace {
 
-// Whether `size` bytes are the same, at least 16.
+// Whether `size` bytes are the same.
 bool are_same(const char* one, const char* other, std::size_t size) noexcept;
 
 #if defined(__SSE2__)
 
-// The last step overlaps the one before it. Callers of one program have about the same length, so that the steps can be
-// guessed.
+// The last step overlaps the one before it. Texts of one log have about the same length, so that the steps can be guessed.
 bool are_same(const char* one, const char* other, std::size_t size) noexcept {
+    if (size < 16)
+        return std::memcmp(one, other, size) == 0;
     const auto difference = [one, other](std::size_t at) {
         return _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(one + at)),
                              _mm_loadu_si128(reinterpret_cast<const __m128i*>(other + at)));
@@ -41,45 +42,45 @@ bool are_same(const char* one, const char* other, std::size_t size) noexcept {
 
 } // namespace
 
-uint32 caller_numbers::giver::of(std::string_view caller) noexcept {
-    if (caller.size() < 16 || caller.size() > longest)
+uint32 text_numbers::giver::of(std::string_view text) {
+    if (text.empty() || text.size() > longest)
         return none;
     if (m_cells.empty())
         make();
-    const uint32 hash = hashing::of_end(caller);
+    const uint32 hash = text.size() < 16 ? hashing::of_text(text) : hashing::of_end(text);
     for (uint32 i = 0; i < longest_search; ++i) {
         cell& each = m_cells[(hash + i) & mask];
         if (each.number == none)
-            return remember(each, hash, caller);
-        if (each.hash == hash && is(each, caller))
+            return remember(each, hash, text);
+        if (each.hash == hash && is(each, text))
             return each.number;
     }
     return none;
 }
 
-bool caller_numbers::giver::is(const cell& known, std::string_view caller) const noexcept {
-    return known.size == caller.size() && are_same(m_texts.get() + known.at, caller.data(), caller.size());
+bool text_numbers::giver::is(const cell& known, std::string_view text) const noexcept {
+    return known.size == text.size() && are_same(m_texts.get() + known.at, text.data(), text.size());
 }
 
-uint32 caller_numbers::giver::remember(cell& free, uint32 hash, std::string_view caller) noexcept {
+uint32 text_numbers::giver::remember(cell& free, uint32 hash, std::string_view text) noexcept {
     if (m_next > std::numeric_limits<uint32>::max() - givers)
         return none;
-    if (m_count == limit || room - m_used < caller.size())
+    if (m_count == limit || room - m_used < text.size())
         forget();
-    caller.copy(m_texts.get() + m_used, caller.size());
+    text.copy(m_texts.get() + m_used, text.size());
     const uint32 number = std::exchange(m_next, m_next + givers);
-    free = {hash, number, static_cast<uint32>(m_used), static_cast<uint32>(caller.size())};
-    m_used += caller.size();
+    free = {hash, number, static_cast<uint32>(m_used), static_cast<uint32>(text.size())};
+    m_used += text.size();
     ++m_count;
     return number;
 }
 
-void caller_numbers::giver::make() {
+void text_numbers::giver::make() {
     m_cells.resize(mask + 1);
     m_texts.reset(new char[room]);
 }
 
-void caller_numbers::giver::forget() noexcept {
+void text_numbers::giver::forget() noexcept {
     std::fill(m_cells.begin(), m_cells.end(), cell{});
     m_used = 0;
     m_count = 0;
