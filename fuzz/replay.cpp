@@ -1,8 +1,10 @@
 // The whole replay beside the plain one: every byte of both streams. The first byte of an input chooses the
-// run: `m` an mtrace log, `c` an allocation log, anything else both, the second one behind a line "=".
+// run: `m` an mtrace log, `c` an allocation log, `M` and `C` one that says the same so often that a thread reads it ahead, anything
+// else both, the second one behind a line "=".
 #include "log_run.h"
 #include "mtrace_proc.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -105,6 +107,17 @@ private:
     written m_err{m_here / "err"};
 };
 
+// More than is read at a time, unless its lines are so short that there are many batches of them before.
+std::string many_times(const std::string& log) {
+    constexpr std::size_t enough_bytes = 320 * 1024;
+    constexpr std::size_t enough_lines = 8 * 1024;
+    const std::size_t lines = 1 + static_cast<std::size_t>(std::count(log.begin(), log.end(), '\n'));
+    std::string text;
+    for (std::size_t made = 0; text.size() < enough_bytes && made < enough_lines; made += lines)
+        text += log;
+    return text;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -112,11 +125,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string text(reinterpret_cast<const char*>(data), size);
     if (text.empty())
         return 0;
-    const std::string logs = text.substr(1);
-    if (text[0] == 'm') {
+    std::string logs = text.substr(1);
+    if (text[0] == 'M' || text[0] == 'C')
+        logs = many_times(logs);
+    if (text[0] == 'm' || text[0] == 'M') {
         here.write("mtrace", logs);
         log_run::require(here.run({"mtrace"}) == plain_log::replay(logs, {}));
-    } else if (text[0] == 'c') {
+    } else if (text[0] == 'c' || text[0] == 'C') {
         here.write("memcheck", logs);
         log_run::require(here.run({"memcheck"}) == plain_log::replay({}, logs));
     } else {
