@@ -1,4 +1,4 @@
-// A thread that reads a log ahead of its replay. It reads and parses, which is about half of the work.
+// A thread that reads a log ahead of its replay, and parses it as long as the replay has enough to do. That is half of the work.
 #pragma once
 
 #include "log_batch.h"
@@ -42,6 +42,7 @@ private:
         explicit shared(const log_source<LINE>& source) : m_source(source) {
             for (batch& each : m_batches)
                 each.make_with_text();
+            m_numbers.make();
         }
 
         void read() noexcept {

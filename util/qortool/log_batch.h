@@ -1,10 +1,10 @@
 // Some lines of a log that are read together: their text and what each of them says.
 #pragma once
 
-#include "text_numbers.h"
 #include "log_fields.h"
 #include "log_lines.h"
 #include "qor/qor.h"
+#include "text_numbers.h"
 
 #include <algorithm>
 #include <cstring>
@@ -55,7 +55,7 @@ struct log_batch {
         return true;
     }
 
-    // What has a text and what has none come in no order that a processor could guess, so those that have one are looked for first.
+    // Which lines have a text comes in no order that a processor could guess, so they are looked for first.
     void give_numbers(text_numbers::giver& numbers) {
         uint32 with_text[limit];
         uint32 found = 0;

@@ -3,13 +3,13 @@
 #pragma once
 
 #include "allocation_table.h"
-#include "text_numbers.h"
 #include "heap_log.h"
 #include "log_lines.h"
 #include "look_ahead_list.h"
 #include "origin_table.h"
 #include "qor/qor.h"
 #include "report_streams.h"
+#include "text_numbers.h"
 
 #include <cstdio>
 

@@ -1,5 +1,5 @@
-// Numbers for the texts that a log repeats: callers, files and type names. Who parses its lines gives them out, and the replay knows
-// a text by its number without a look at it, which may lie in another processor's memory.
+// Numbers for the texts that a log repeats: callers, files and type names. Who parses its lines gives them out, and the replay
+// knows a text by its number without a look at it, since it may lie in another processor's memory.
 //
 // Both sides only remember: a text without a number, or with one that is forgotten, is looked at. So neither takes more
 // memory for a log with more texts.
@@ -8,7 +8,6 @@
 #include "qor/system/Types.h"
 
 #include <algorithm>
-#include <array>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -29,6 +28,9 @@ public:
     // No two have one number in common.
     explicit giver(uint32 which) : m_next(givers + which) {}
 
+    // The memory for all that is remembered, which the first text takes where nobody has before.
+    void make();
+
     // The number that this text has, and no other one ever; or none.
     uint32 of(std::string_view text);
 
@@ -48,7 +50,6 @@ private:
 
     bool is(const cell& known, std::string_view text) const noexcept;
     uint32 remember(cell& free, uint32 hash, std::string_view text) noexcept;
-    void make();
     void forget() noexcept;
 
     std::vector<cell> m_cells;
@@ -59,7 +60,7 @@ private:
     uint32 m_next; // none is given twice
 };
 
-// The replay's side: what the numbers stand for there.
+// The replay's side: what the numbers of one log stand for there.
 class taker {
 public:
     // What stands beside a text may change what it means. `make()` tells what is not remembered.
@@ -67,7 +68,9 @@ public:
     uint32 of(uint32 number, uint32 beside, MAKE make) {
         if (number == none)
             return make();
-        cell& each = m_cells[number % m_cells.size()];
+        if (m_cells.empty())
+            m_cells.resize(count);
+        cell& each = m_cells[number % count];
         if (each.number != number || each.beside != beside)
             each = {number, beside, make()};
         return each.meaning;
@@ -82,7 +85,9 @@ private:
         uint32 meaning = 0;
     };
 
-    std::array<cell, givers * limit> m_cells{};
+    static constexpr uint32 count = givers * limit;
+
+    std::vector<cell> m_cells;
 };
 
 } // namespace text_numbers
