@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 namespace {
 
 using qor::test::ending;
@@ -178,4 +180,9 @@ TEST(process, an_assertion_in_an_exit_handler_names_the_process) {
     const ending ended = play(late_assertion);
     EXPECT_EQ(ended.code, 0);
     EXPECT_EQ(ended.err, std::string(long_name) + ": assertion failed: expression, in function (file:7)\n");
+}
+
+TEST(main_thread, is_the_first_one) {
+    EXPECT_TRUE(qor::process::is_main_thread());
+    std::thread([] { EXPECT_FALSE(qor::process::is_main_thread()); }).join();
 }

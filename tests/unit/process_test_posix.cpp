@@ -60,11 +60,6 @@ TEST(process, closed_standard_streams_stay_useless_and_taken) {
     }
 }
 
-TEST(main_thread, is_the_first_one) {
-    EXPECT_TRUE(qor::process::is_main_thread());
-    std::thread([] { EXPECT_FALSE(qor::process::is_main_thread()); }).join();
-}
-
 // A process that is forked has the forking thread alone.
 TEST(main_thread, is_the_one_that_was_forked) {
     std::thread([] {
