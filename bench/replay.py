@@ -31,7 +31,7 @@ BRIEF_LINES = [100_000]
 FEW_LIVE = 1000
 # Records of the allocation log that no allocation asks for: one more than are read ahead.
 NEVER_ASKED_FOR = 1025
-WARMING_SECONDS = 2
+WARMING_SECONDS = 4
 
 
 class Bench:
@@ -65,11 +65,10 @@ class Bench:
         for who, command in commands.items():
             self.measure(command, self.folder / who)
         os.sync()
-        # A virtual machine may get its second processor as the other half of the first one's core, until it has used both for
-        # a second.
-        warm = time.monotonic() + (0 if self.brief else WARMING_SECONDS)
-        while time.monotonic() < warm:
-            self.measure(next(iter(commands.values())))
+        # A virtual machine may get its second processor as the other half of the first one's core, until both have been busy
+        # for some seconds.
+        if not self.brief:
+            keep_processors_busy(WARMING_SECONDS)
         results = {who: [] for who in commands}
         for _ in range(self.rounds):
             for who, command in commands.items():
@@ -184,6 +183,12 @@ class Bench:
             if who != "friendly":
                 self.check(who, measured[who][0] / measured["friendly"][0], 5)
         self.require_same_leaks(measured, *addresses)
+
+
+def keep_processors_busy(seconds):
+    busy = f"import time\nend = time.monotonic() + {seconds}\nwhile time.monotonic() < end: pass"
+    for each in [subprocess.Popen([sys.executable, "-c", busy]) for _ in range(os.cpu_count())]:
+        each.wait()
 
 
 def count_lines(path, start):

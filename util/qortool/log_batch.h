@@ -33,8 +33,8 @@ struct log_batch {
     // True: the text is that of the reader, until it reads on.
     bool is_lent = false;
 
-    // For a text of the batch's own. With those of some more, small enough to stay in the second-level cache.
-    static constexpr std::size_t own_size = 32 * 1024;
+    // For a text of the batch's own: so much that to pass it on is nothing beside it, and no more than the caches hold of some.
+    static constexpr std::size_t own_size = 64 * 1024;
     std::vector<char> own;
 
     void set_text(const char* lines, std::size_t length) noexcept {
