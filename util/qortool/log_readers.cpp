@@ -11,12 +11,7 @@ int printed_length(std::string_view word) noexcept { return static_cast<int>(wor
 bool mtrace_proc::read_mtrace(__mtrace_line& out) {
     const qorDebugSeq trace(m_debug_code, "read_mtrace");
     forget_unused_origins();
-    for (;;) {
-        if (m_mtrace_file.is_used_up())
-            m_streams.keep_up();
-        const auto* const next = m_mtrace_file.next(m_table);
-        if (next == nullptr)
-            break;
+    while (const auto* const next = next_line(m_mtrace_file)) {
         if (next->kind != log_lines::kind::record) {
             fixed_fprintf(m_streams.err(), "WARNING Invalid line in mtrace() file\n");
             continue;
@@ -41,12 +36,7 @@ bool mtrace_proc::read_mtrace(__mtrace_line& out) {
 bool mtrace_proc::read_memcheck_line(__memcheck_line& out) {
     const qorDebugSeq trace(m_debug_code, "read_memcheck_line");
     forget_unused_origins();
-    for (;;) {
-        if (m_memcheck_file.is_used_up())
-            m_streams.keep_up();
-        const auto* const next = m_memcheck_file.next(m_table);
-        if (next == nullptr)
-            break;
+    while (const auto* const next = next_line(m_memcheck_file)) {
         out = *next;
         if (next->kind == log_lines::kind::record)
             return true;

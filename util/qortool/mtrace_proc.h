@@ -40,6 +40,14 @@ private:
     bool read_mtrace(__mtrace_line& out);
     bool read_memcheck_line(__memcheck_line& out);
 
+    // A person sees how far it is before there may be a wait.
+    template <class LINE>
+    const typename heap_log<LINE>::entry* next_line(heap_log<LINE>& log) {
+        if (log.is_used_up())
+            m_streams.keep_up();
+        return log.next(m_table);
+    }
+
     void mtrace_allocation(const __mtrace_line& rec);
     bool mtrace_read_memcheck_for(uint64 address, look_ahead_list::record& out);
     void mtrace_add_memcheck_data(const __entry& entry);
