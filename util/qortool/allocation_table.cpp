@@ -172,19 +172,17 @@ bool allocation_table::release(uint64 address) noexcept {
 }
 
 void allocation_table::prefetch_chain(uint64 address) noexcept {
-    const auto found = m_chains.find(bucket_of(address));
-    if (found != m_chains.end())
-        found->second.index.prefetch(address);
+    if (const chain* const found = find_chain(bucket_of(address)))
+        found->index.prefetch(address);
 }
 
 void allocation_table::prefetch_place(uint64 address) noexcept {
-    const auto found = m_chains.find(bucket_of(address));
-    if (found == m_chains.end())
+    chain* const found = find_chain(bucket_of(address));
+    if (found == nullptr)
         return;
-    chain& all = found->second;
-    const uint32 place = all.index.likely_place(address);
+    const uint32 place = found->index.likely_place(address);
     if (place != chain_index::none)
-        __builtin_prefetch(&all.blocks[place / __block::slot_count]->addresses()[place % __block::slot_count]);
+        __builtin_prefetch(&found->blocks[place / __block::slot_count]->addresses()[place % __block::slot_count]);
 }
 
 allocation_table::__block* allocation_table::resolve(const __entry& entry) const noexcept {

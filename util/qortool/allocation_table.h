@@ -141,7 +141,18 @@ private:
                         visit(block);
     }
 
-    chain& chain_of(uint32 bucket) noexcept { return m_chains.find(bucket)->second; }
+    // Null: it has none. The one that was asked for last is often asked for again.
+    chain* find_chain(uint32 bucket) noexcept {
+        if (bucket != m_recent_bucket) {
+            const auto found = m_chains.find(bucket);
+            if (found == m_chains.end())
+                return nullptr;
+            m_recent_bucket = bucket;
+            m_recent = &found->second;
+        }
+        return m_recent;
+    }
+    chain& chain_of(uint32 bucket) noexcept { return *find_chain(bucket); }
     void make_chain(uint32 bucket);
     __block* find_blank_in_head(uint32 bucket, uint32& slot);
     __entry find_blank_in_chain(uint32 bucket);
@@ -152,4 +163,6 @@ private:
     __block* m_heads[bucket_count];
     std::bitset<bucket_count / group> m_used_groups;
     std::unordered_map<uint32, chain> m_chains; // by bucket
+    uint32 m_recent_bucket = bucket_count;      // of m_recent; at first of none
+    chain* m_recent = nullptr;
 };
