@@ -95,10 +95,6 @@ constexpr auto meanings = [] {
     return all;
 }();
 
-} // namespace
-
-namespace {
-
 // Part of the loop over all lines, so that what it finds never gets to memory.
 [[gnu::always_inline]] inline bool take(const char*& next, log_lines::mtrace_line& out) noexcept {
     if (next[0] != '@' || next[1] != ' ')
