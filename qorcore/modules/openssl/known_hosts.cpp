@@ -61,8 +61,10 @@ bool qor::control::known_hosts::load() {
     if (m_path.empty() && !configuration_file("known-hosts", m_path))
         return false;
     std::string reason;
-    if (read_own_file(m_path, m_text, reason))
-        return true;
+    return read_own_file(m_path, m_text, reason) || cannot_use(reason);
+}
+
+bool qor::control::known_hosts::cannot_use(const std::string& reason) const {
     qorSetLastError(qorError_debug_known_hosts, m_path.c_str(), reason.c_str());
     return false;
 }
@@ -103,16 +105,18 @@ bool qor::control::known_hosts::check(const std::string& host, uint16 port, cons
 }
 
 bool qor::control::known_hosts::remember(const std::string& host, uint16 port, const key_fingerprint& key) {
-    // Read once more: another console may have added its line.
     bool known;
+    if (!look_up(host, port, key, known) || known)
+        return known;
+    // Read once more: another console may add its line at this moment.
+    const private_folder_lock lock(m_path);
+    std::string reason;
+    if (!lock.is_held(reason))
+        return cannot_use(reason);
     if (!look_up(host, port, key, known) || known)
         return known;
     if (!m_text.empty() && m_text.back() != '\n')
         m_text += '\n';
     m_text += plain_host(host) + ' ' + std::to_string(port) + ' ' + std::string(algorithm) + ' ' + text_of(key) + '\n';
-    std::string reason;
-    if (write_private_file(m_path, m_text, reason))
-        return true;
-    qorSetLastError(qorError_debug_known_hosts, m_path.c_str(), reason.c_str());
-    return false;
+    return write_private_file(m_path, m_text, reason) || cannot_use(reason);
 }

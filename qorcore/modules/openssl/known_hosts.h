@@ -31,6 +31,7 @@ private:
 
     static std::optional<entry> read_line(std::string_view line);
     bool load();
+    bool cannot_use(const std::string& reason) const; // false, and the last error says so
     bool look_up(const std::string& host, uint16 port, const key_fingerprint& key, bool& known);
 
     std::string m_path;

@@ -4,6 +4,7 @@
 
 #include "net.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <vector>
@@ -121,10 +122,41 @@ bool read_all(HANDLE file, std::string& text, std::string& reason) {
     }
 }
 
+// Where others put a file in the place of one that is read, both sides are denied for a moment, whatever they share: a refusal
+// counts only once it has lasted. False: the system's last error says why.
+template <class TRY>
+bool succeeds_within(std::chrono::milliseconds longest, TRY attempt) {
+    const auto end = std::chrono::steady_clock::now() + longest;
+    while (!attempt()) {
+        const DWORD code = GetLastError();
+        if ((code != ERROR_SHARING_VIOLATION && code != ERROR_ACCESS_DENIED) || std::chrono::steady_clock::now() >= end) {
+            SetLastError(code);
+            return false;
+        }
+        Sleep(1);
+    }
+    return true;
+}
+
+// Of one reading or replacing; a peer of a listener may wait for it.
+constexpr std::chrono::seconds file_patience{1};
+// Of whole changes, each of which may wait as above.
+constexpr std::chrono::seconds lock_patience{10};
+
+handle open_file(const std::wstring& path, DWORD access, DWORD shares, DWORD disposition, DWORD flags,
+                 std::chrono::milliseconds longest) {
+    HANDLE file = INVALID_HANDLE_VALUE;
+    succeeds_within(longest, [&] {
+        file = CreateFileW(path.c_str(), access, shares, nullptr, disposition, flags, nullptr);
+        return file != INVALID_HANDLE_VALUE;
+    });
+    return handle(file);
+}
+
 bool read_file(const std::string& path, DWORD forbidden, std::string& text, std::string& reason, bool& is_missing) {
     text.clear();
-    const handle file(CreateFileW(wide(path).c_str(), GENERIC_READ | READ_CONTROL, all_shares, nullptr, OPEN_EXISTING,
-                                  FILE_ATTRIBUTE_NORMAL, nullptr));
+    const handle file =
+        open_file(wide(path), GENERIC_READ | READ_CONTROL, all_shares, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, file_patience);
     is_missing = !file.is_open() && (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
     if (is_missing)
         return true;
@@ -197,7 +229,9 @@ bool qor::control::write_private_file(const std::string& path, std::string_view 
     bool done = WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
                 FlushFileBuffers(file.get());
     file.close();
-    done = done && MoveFileExW(made.c_str(), wide(path).c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+    done = done && succeeds_within(file_patience, [&, place = wide(path)] {
+        return MoveFileExW(made.c_str(), place.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+    });
     if (!done) {
         failed(reason);
         DeleteFileW(made.c_str());
@@ -209,20 +243,12 @@ bool qor::control::write_private_file(const std::string& path, std::string_view 
 qor::control::private_folder_lock::private_folder_lock(const std::string& file) {
     make_folders(file);
     const std::wstring name = wide(file.substr(0, file.find_last_of("/\\") + 1) + "debug-lock");
-    for (int tries = 0; tries < 500; ++tries) {
-        handle lock(CreateFileW(name.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
-                                FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
-        if (lock.is_open()) {
-            m_handle = reinterpret_cast<std::intptr_t>(lock.release());
-            return;
-        }
-        const DWORD code = GetLastError();
-        failed(m_reason, code);
-        // What is about to be deleted counts as denied.
-        if (code != ERROR_SHARING_VIOLATION && code != ERROR_ACCESS_DENIED)
-            return;
-        Sleep(20);
-    }
+    // What is about to be deleted counts as denied.
+    handle lock = open_file(name, GENERIC_WRITE, 0, OPEN_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, lock_patience);
+    if (lock.is_open())
+        m_handle = reinterpret_cast<std::intptr_t>(lock.release());
+    else
+        failed(m_reason);
 }
 
 qor::control::private_folder_lock::~private_folder_lock() {
