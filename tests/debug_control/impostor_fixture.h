@@ -40,13 +40,14 @@ protected:
         return true;
     }
 
-    // An honest listener until the login is done; then all requests are answered alike.
-    fake_listener::conduct answers(frame_type type, std::string payload) {
-        return [this, type, payload](fake_listener& through) {
+    // An honest listener until the login is done; then requests are answered with the payload for their number, 0 on.
+    fake_listener::conduct answers(frame_type type, std::function<std::string(uint32)> payload_of) {
+        return [this, type, payload_of](fake_listener& through) {
             fake_tls tls(through, m_key.get(), {});
             frame request;
+            uint32 number = 0;
             for (bool on = log_in(tls, {"secret"}); on && tls.next(request);)
-                tls.send(type, request.request, payload);
+                tls.send(type, request.request, payload_of(number++));
         };
     }
 

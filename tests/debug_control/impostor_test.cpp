@@ -115,7 +115,7 @@ TEST_F(impostors, answers_that_make_no_sense) {
         {frame_type::enable_code_answer, {}},
         {frame_type{0x1234}, {}}};
     for (const auto& [type, payload] : wrong) {
-        fake_listener odd(answers(type, payload));
+        fake_listener odd(answers(type, [payload = payload](uint32) { return payload; }));
         control_pointer control = make();
         ASSERT_TRUE(control->Connect("127.0.0.1", odd.port())) << last_error();
         ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
@@ -125,15 +125,34 @@ TEST_F(impostors, answers_that_make_no_sense) {
     }
 }
 
-// A list whose pages never end.
-TEST_F(impostors, pages_that_lead_back) {
-    fake_listener odd(answers(frame_type::get_codes_answer, qor::control::number_payload(7)));
-    control_pointer control = make();
-    ASSERT_TRUE(control->Connect("127.0.0.1", odd.port())) << last_error();
-    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
-    qorStringArray out;
-    EXPECT_FALSE(control->GetCodes(out));
-    EXPECT_EQ(error_number(), qorError_debug_protocol);
+// Lists that never end: their pages lead back, or on to pages without a name, or on and on.
+TEST_F(impostors, endless_lists) {
+    using qor::control::number_payload;
+    std::string full = number_payload(0);
+    while (qor::control::append_name(full, std::string(qor::control::name_limit, 'n')))
+        ;
+    std::string back = number_payload(7);
+    ASSERT_TRUE(qor::control::append_name(back, "name"));
+    const std::function<std::string(uint32)> lists[] = {[&](uint32) { return back; },
+                                                        [&](uint32 page) { return number_payload(page + 1); },
+                                                        [&](uint32 page) {
+                                                            qor::control::set_next(full, page + 1);
+                                                            return full;
+                                                        }};
+    for (const auto& page_of : lists) {
+        fake_listener odd(answers(frame_type::get_codes_answer, page_of));
+        control_pointer control = make();
+        ASSERT_TRUE(control->Connect("127.0.0.1", odd.port())) << last_error();
+        ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+        counting_sink sink;
+        ASSERT_TRUE(control->SetSink(&sink));
+        qorStringArray out;
+        EXPECT_FALSE(control->GetCodes(out));
+        EXPECT_EQ(error_number(), qorError_debug_protocol) << last_error();
+        sink.wait_for(1);
+        EXPECT_FALSE(control->DisableAll());
+        EXPECT_EQ(error_number(), qorError_debug_protocol) << last_error();
+    }
 }
 
 } // namespace

@@ -270,15 +270,17 @@ private:
             if (to == nullptr)
                 return false;
             uint32 next = 0;
+            std::size_t length = 0;
             do {
                 frame answer;
                 qor::control::name_page page;
                 if (!ask(to, type, qor::control::number_payload(next), answer))
                     return false;
-                if (!qor::control::read_page(answer.payload, page) || (page.next != 0 && page.next <= next)) {
-                    qorSetLastError(qorError_debug_protocol, qor::control::reason_text(1075).c_str());
-                    return false;
-                }
+                length += answer.payload.size();
+                // A list must come to an end: each page brings a name, and not more than this memory can take.
+                if (!qor::control::read_page(answer.payload, page) || length > qor::control::list_limit ||
+                    (page.next != 0 && (page.next <= next || page.names.empty())))
+                    return to->lose_to_nonsense();
                 for (const std::string& name : page.names)
                     out.Append(name.c_str());
                 next = page.next;

@@ -83,6 +83,9 @@ struct name_page {
 // A name that is longer is left out of lists.
 inline constexpr uint32 name_limit = 4096;
 
+// A longer list is none that a console takes.
+inline constexpr std::size_t list_limit = 64 << 20;
+
 // False: it would be too long with this name.
 bool append_name(std::string& page, std::string_view name);
 std::string empty_page();

@@ -64,7 +64,7 @@ bool qor::control::link::turn() {
     std::string requests;
     {
         const std::lock_guard hold(m_lock);
-        if (m_stopping)
+        if (m_stopping || m_lost)
             return false;
         requests = std::exchange(m_requests, {});
         m_answer_by = m_patience_ends;
@@ -126,7 +126,7 @@ bool qor::control::link::receive(clock::time_point now) {
             return false;
     }
     if (!take_frames(plain))
-        return lose(qorError_debug_protocol, reason_text(1075));
+        return lose_to_nonsense();
     // A long answer takes the time it takes, as long as its pieces come.
     if (!m_frames.is_within() && !m_channel.is_within())
         m_within_since.reset();
@@ -242,6 +242,13 @@ bool qor::control::link::ask(frame_type type, std::string_view payload, std::chr
         return m_why.set();
     answer = *std::exchange(m_answer, {});
     return true;
+}
+
+bool qor::control::link::lose_to_nonsense() {
+    lose(qorError_debug_protocol, reason_text(1075));
+    m_waker.wake();
+    const std::lock_guard hold(m_lock);
+    return m_why.set();
 }
 
 bool qor::control::link::is_lost() {

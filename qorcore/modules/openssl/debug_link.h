@@ -56,6 +56,9 @@ public:
     // connection. Requests of several threads wait for one another. False: the last error says why.
     bool ask(frame_type type, std::string_view payload, std::chrono::seconds patience, frame& answer);
 
+    // The answer makes no sense: the connection is lost by that. Always false; the last error says so.
+    bool lose_to_nonsense();
+
     bool is_lost();
     bool is_logged_in();
     bool was_closed(); // it is lost because the other side ended it
