@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <thread>
 
@@ -148,11 +149,13 @@ TEST(memory, of_a_peer_that_never_reads) {
         for (holdings now = host.measure(); now.descriptors > before.descriptors && asked < 1000; now = host.measure()) {
             if (peer.send(frame_type::get_codes, 1, qor::control::number_payload(0)))
                 ++asked;
-            // What stays, not what is moved just now.
-            std::this_thread::sleep_for(20ms);
-            const long first = host.measure().heap;
-            std::this_thread::sleep_for(5ms);
-            most = std::max(most, std::min(first, host.measure().heap) - logged_in);
+            // What stays, not what is moved just now: on a busy machine a move may take some of these looks.
+            long stays = std::numeric_limits<long>::max();
+            for (int look = 0; look < 6; ++look) {
+                std::this_thread::sleep_for(10ms);
+                stays = std::min(stays, host.measure().heap);
+            }
+            most = std::max(most, stays - logged_in);
         }
     }
     const holdings after = host.measure_at_rest(before);
