@@ -288,6 +288,23 @@ TEST(serial_lock_files, of_processes_that_live_lock_the_port) {
     }
 }
 
+// Numbers whose bytes are digits and blanks as well, and texts as long as a number.
+TEST(serial_lock_files, numbers_that_look_like_texts) {
+    const qor::test::fake_host host;
+    const auto holder_in = [&](std::string_view bytes) {
+        host.folder().file("lock/LCK..ttyUSB0", bytes);
+        int holder = 0;
+        qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder);
+        return holder;
+    };
+    constexpr int numbers[] = {'5', '0' << 8 | '1', ' ' << 8 | '9', '7' << 8 | '\n', '1' << 16 | '2' << 8 | '3', (1 << 22) - 1};
+    for (const int plain : numbers)
+        EXPECT_EQ(holder_in({reinterpret_cast<const char*>(&plain), sizeof plain}), plain);
+    EXPECT_EQ(holder_in("1234"), 1234);
+    EXPECT_EQ(holder_in("123\n"), 123);
+    EXPECT_EQ(holder_in("  12"), 12);
+}
+
 TEST(serial_lock_files, by_the_number_of_the_device) {
     const qor::test::fake_host host;
     host.folder().file("lock/LCK.004.064", std::to_string(getpid()));

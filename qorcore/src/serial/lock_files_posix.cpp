@@ -1,5 +1,6 @@
 #include "serial/lock_files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -9,15 +10,17 @@
 
 namespace {
 
-// The number is written as text by most, as a plain int by some. 0: it cannot be told.
+// The number is written as text by most, as a plain int by some: that has a zero byte, because processes have numbers below
+// 2^22, and a text has none. 0: it cannot be told.
 int read_holder(std::FILE* file) {
     char text[32] = "";
     const std::size_t length = std::fread(text, 1, sizeof text - 1, file);
-    const int written = std::atoi(text);
-    int plain = 0;
-    if (written <= 0 && length == sizeof plain)
-        std::memcpy(&plain, text, sizeof plain);
-    return written > 0 ? written : plain > 0 ? plain : 0;
+    int number;
+    if (length == sizeof number && std::memchr(text, 0, length) != nullptr)
+        std::memcpy(&number, text, sizeof number);
+    else
+        number = std::atoi(text);
+    return std::max(number, 0);
 }
 
 } // namespace
