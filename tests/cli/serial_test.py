@@ -19,9 +19,8 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from tool import NOBODY, Tool, add_options, as_nobody, copy_programs, public_folder  # noqa: E402  # beside this folder
 
-NOBODY = 65534
 # In a name space of its own the run has these folders as its /sys and /dev.
 MOUNTED = ["sh", "-c", 'mount --bind "$0/sys" /sys && mount --bind "$0/dev" /dev && exec "$@"']
 
@@ -63,9 +62,9 @@ options = None
 tool = None
 
 
-def run(*words, command=(), **more):
+def run(*words, command=(), program=None, **more):
     """(exit code, standard output, standard error)"""
-    done = subprocess.run([*command, *tool.command, "--quiet", *words], stdin=subprocess.DEVNULL, capture_output=True,
+    done = subprocess.run([*command, *([program] if program else tool.command), "--quiet", *words], stdin=subprocess.DEVNULL, capture_output=True,
                           text=True, env=tool.environment(), timeout=250, **more)
     return done.returncode, done.stdout, done.stderr
 
@@ -213,15 +212,9 @@ class PseudoTerminals(unittest.TestCase):
         os.chown(self.name, 0, group)
         os.chmod(self.name, mode)
 
-        def become_nobody():
-            os.setgroups([])
-            os.setgid(NOBODY)
-            os.setuid(NOBODY)
-
-        try:
-            code, out, err = run("ttyinfo", self.name, preexec_fn=become_nobody)
-        except PermissionError:
-            self.skipTest("the tool lies where nobody else can run it")
+        with public_folder() as folder:
+            program = str(copy_programs(tool.path.parent, Path(folder)))
+            code, out, err = run("ttyinfo", self.name, program=program, cwd=folder, **as_nobody())
         self.assertEqual((code, out), (1, ""))
         lead, reason = err.splitlines()
         self.assertEqual(lead, f"FAILED to open serial port {self.name}")

@@ -2,7 +2,11 @@
 
 import os
 import re
+import shutil
+import tempfile
 from pathlib import Path
+
+NOBODY = 65534
 
 # What Wine and Windows say where POSIX says something else. The tests know one wording, that of POSIX.
 REASONS = {
@@ -14,6 +18,30 @@ REASONS = {
     b"An operation is not supported on a directory": b"Is a directory",
 }
 REASON = re.compile(b"|".join(map(re.escape, REASONS)))
+
+
+def public_folder():
+    """A temporary folder that every user may enter. The usual place can lie in somebody's private one."""
+    for place in map(Path, (tempfile.gettempdir(), "/tmp", "/var/tmp")):
+        if place.is_dir() and all(folder.stat().st_mode & 0o001 for folder in (place.resolve(), *place.resolve().parents)):
+            folder = tempfile.TemporaryDirectory(prefix="qor.", dir=place)
+            os.chmod(folder.name, 0o755)
+            return folder
+    raise RuntimeError("this host has no temporary folder that every user may enter")
+
+
+def copy_programs(source, folder):
+    """Copies the tool and what it loads out of the build's folder `source`, which other users may not be able to enter.
+    Returns the tool's path."""
+    for name in ("qortool", "libqor.so"):
+        shutil.copy(source / name, folder)
+    shutil.copytree(source / "qor", folder / "qor")
+    return folder / "qortool"
+
+
+def as_nobody():
+    """How subprocess starts a program as a user without rights. A test that runs without root is such a user."""
+    return {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
 
 
 def add_options(parser):

@@ -20,8 +20,10 @@ import time
 import unittest
 from pathlib import Path
 
+sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
+from tool import as_nobody, copy_programs, public_folder  # noqa: E402  # beside this folder
+
 HOST_FILE = Path("/etc/pam.d/qor")
-NOBODY = 65534
 PASSWORD = "Tr1cky pass{1}%s"
 
 PASSWD = """\
@@ -61,20 +63,16 @@ class Case(unittest.TestCase):
     maxDiff = None
 
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="qor.")
+        folder = public_folder()
         self.addCleanup(folder.cleanup)
         self.root = Path(folder.name).resolve()
-        self.root.chmod(0o755)
         self.tool = options.bin / "qortool"
 
     def copy_programs(self):
         """Into a folder of this test's own, where anybody may read them."""
         folder = self.root / "bin"
         folder.mkdir()
-        for name in ("qortool", "libqor.so"):
-            shutil.copy(options.bin / name, folder)
-        shutil.copytree(options.bin / "qor", folder / "qor")
-        self.tool = folder / "qortool"
+        self.tool = copy_programs(options.bin, folder)
         return folder
 
     def environment(self, preload=None, **more):
@@ -198,13 +196,12 @@ def change(*words, given=None):
 
 class LogonOfNobody(Case):
     def test_the_rights_come_before_the_words(self):
-        as_nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
         self.copy_programs()
         for words in ([], ["root"], ["root", "x"], ["root", "x", "y"], ["--option"]):
             with self.subTest(words):
-                self.assertEqual(self.run_program(self.tool, "--quiet", "logon", *words, **as_nobody),
+                self.assertEqual(self.run_program(self.tool, "--quiet", "logon", *words, **as_nobody()),
                                  (1, "", "You must be super-user to run this function\n"))
-        if as_nobody:  # a process may run as somebody who has no account
+        if os.geteuid() == 0:  # a process may run as somebody who has no account
             as_number = {"user": 3_999_999, "group": 3_999_999, "extra_groups": []}
             self.assertEqual(self.run_program(self.tool, "--quiet", "logon", "root", "x", **as_number),
                              (1, "", "You must be super-user to run this function\n"))
