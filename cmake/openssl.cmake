@@ -1,7 +1,7 @@
 # OpenSSL, for the module qor-openssl and for tests that compare with it: the target OpenSSL::Crypto, where it is there.
 if(WIN32)
     # scripts/build-openssl-windows makes it; no package has it.
-    set(OPENSSL_ROOT_DIR ${PROJECT_SOURCE_DIR}/build/openssl-windows)
+    set(OPENSSL_ROOT_DIR ${CMAKE_BINARY_DIR}/../openssl-windows)
     list(APPEND CMAKE_FIND_ROOT_PATH ${OPENSSL_ROOT_DIR})
     set(OPENSSL_USE_STATIC_LIBS ON)
 endif()

@@ -1,7 +1,7 @@
 # shellcheck shell=bash disable=SC2034,SC2154  # names that pass between this file and its callers
 # Sourced by ./run and ./test: what a build needs, and how a preset is built.
-# The caller sets `tree`, the folder of the repository. Everything said here goes to standard error,
-# because the standard output of ./run belongs to qortool alone.
+# The caller sets `tree`, the folder of the repository; `builds` becomes the folder of its builds. Everything said here
+# goes to standard error, because the standard output of ./run belongs to qortool alone.
 
 # What has to be there, as "package=probe". A probe is a command, or the path of a file. It is looked
 # for first: a host that has a tool from elsewhere needs no package, and the look costs no process.
@@ -59,12 +59,27 @@ install_missing() {
         </dev/null 2>&1) || die "$log" "These packages could not be installed: ${missing[*]}"
 }
 
+# Builds lie in the clone, or where this user may not write there, in the user's cache: the clone may belong to somebody
+# else, or lie on a medium that is read-only. scripts/in-wine, which ctest starts, finds them by the variable.
+builds=$tree/build
+if [[ ! -w $builds && (-e $builds || ! -w $tree) ]]; then
+    cache=${XDG_CACHE_HOME:-${HOME:+$HOME/.cache}}
+    builds=$cache/qor/build-$(cksum <<<"$tree" | tr ' ' -)
+    if [[ ! -d $builds ]]; then
+        [[ $cache == /* ]] && mkdir -p "$builds" 2>/dev/null ||
+            die "The user '$(id -un)' may not write to $tree/build, and has no folder of his own for the build." \
+                "Please clone the repository to a folder that you may write to, or set XDG_CACHE_HOME to such a folder."
+        say "The user '$(id -un)' may not write to $tree/build. The build goes to $builds instead."
+    fi
+fi
+export QOR_BUILDS=$builds
+
 # build PRESET: configures and builds it where something has changed; silent where nothing has.
 # Standard input is left alone: it belongs to what is built. Returns non-zero on failure, in words
 # instead of through `set -e`, which bash switches off in a function whose result is tested.
 build() {
-    local dir=$tree/build/$1
-    mkdir -p "$tree/build" || return
+    local dir=$builds/$1
+    mkdir -p "$builds" || return
     # One build at a time: two terminals may well start the first one together.
     { flock 9 && configure "$1" "$dir" && run_ninja "$dir"; } </dev/null >&2 9>"$dir.lock"
 }
@@ -80,7 +95,7 @@ configure() {
             return
         fi
     fi
-    (cd "$tree" && cmake "${fresh[@]}" --preset "$1" --log-level=WARNING) && echo "$tree" >"$stamp"
+    (cd "$tree" && cmake "${fresh[@]}" --preset "$1" -B "$2" --log-level=WARNING) && echo "$tree" >"$stamp"
 }
 
 # What ninja says when it has nothing to do is not worth a line in every ./run.
