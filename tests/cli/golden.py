@@ -23,6 +23,7 @@ settings    args: WORDS         the words, quoted as for a shell
             exit: CODE          the expected exit code; quiet-exit: where it differs under --quiet
             env: NAME=VALUE     any number of times
             stdout: full|shut   standard output is a full disk, or closed
+            stderr: stdout      both streams end in one place, as "2>&1" has it: the section stdout holds both
             quiet: none         there is no run with --quiet
             posix: REASON       a case that Windows cannot have, and why
 sections    file NAME, dir NAME what is there before the run; folders on the way are made
@@ -52,7 +53,7 @@ sys.path.append(str(HERE.parent / "support"))
 import tool  # noqa: E402  # beside this folder
 TIMEOUT = 120  # seconds; instrumented builds on a busy machine are slow
 
-SETTINGS = {"args": (), "exit": (), "quiet-exit": (), "stdout": ("full", "shut"), "quiet": ("none",), "posix": ()}
+SETTINGS = {"args": (), "exit": (), "quiet-exit": (), "stdout": ("full", "shut"), "stderr": ("stdout",), "quiet": ("none",), "posix": ()}
 REDIRECTIONS = {"full": ">/dev/full", "shut": ">&-"}
 ESCAPES = {b"\\": b"\\", b"r": b"\r", b"t": b"\t"}
 
@@ -261,14 +262,14 @@ class Runner:
             env=env,
             input=texts.decode(case.sections.get("stdin", [])),
             stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
+            stderr=subprocess.STDOUT if "stderr" in case.settings else subprocess.PIPE,
             timeout=TIMEOUT,
             check=False,
         )
         return {
             "exit": str(done.returncode),
             "stdout": self.tool.printed(done.stdout),
-            "stderr": self.tool.printed(done.stderr),
+            "stderr": self.tool.printed(done.stderr or b""),
         }
 
     def compare(self, case, quiet, texts, got):

@@ -17,7 +17,7 @@ PROMPT = "Debug> "
 LOGGED_IN = "Logged in. 'help' lists the commands; the end of the input ends the console.\n"
 BANNER = "qortool - tries out and inspects the facilities of the framework\nVersion 3.35.21\n"
 REFUSED = "The user name or the password was refused.\n"
-NO_ERROR = "There is no error to report.\n"
+END_OF_INPUT = "The input has ended.\n"
 
 
 class Input:
@@ -99,14 +99,14 @@ class Console(Listening):
         code, out, err = console.end()
         self.assertEqual((code, out), (1, ""))
         self.assertEqual(err, REFUSED * 2 + "There is no such command. 'help' lists the commands.\n"
-                         "The arguments do not fit this command. 'help' shows what it takes.\n" + NO_ERROR)
+                         "The arguments do not fit this command. 'help' shows what it takes.\n" + END_OF_INPUT)
         self.assertIsNone(self.peer.poll())
 
     def test_switches_stay_when_the_console_leaves(self):
         self.listen()
         console = self.logged_in()
         self.ask(console, "enable ticker.work")
-        self.assertEqual(console.end(), (1, "", NO_ERROR))
+        self.assertEqual(console.end(), (1, "", END_OF_INPUT))
         console = self.logged_in()
         self.assertEqual(self.listed(console, "show-enabled"), ["ticker.tick", "ticker.work"])
         console.end()
@@ -186,7 +186,7 @@ class Terminal(Console):
         self.type("Help")
         self.see("Debug> Help\nThere is no such command. 'help' lists the commands.\nDebug>")
         self.tmux("send-keys", "-t", "console", "C-d")
-        self.see(f"Debug> {NO_ERROR}ended with 1")
+        self.see(f"Debug> {END_OF_INPUT}ended with 1")
 
     def test_a_killed_peer(self):
         self.listen()

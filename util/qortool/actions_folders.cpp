@@ -2,6 +2,7 @@
 #include "qortool_app.h"
 
 int qortool_app::func_pathlist(qorStringArray&) {
+    const qorDebugSeq trace(m_debug_code, "func_pathlist");
     constexpr uint32 count = 30;
     fixed_fprintf(stdout, "Path definitions:\n\n");
     qorString tag;

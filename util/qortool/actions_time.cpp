@@ -50,6 +50,7 @@ int qortool_app::func_dow(qorStringArray& args) {
 
 // A person compares the lines: the night in which summer time begins in much of Europe, just before it does.
 int qortool_app::func_tztest(qorStringArray&) {
+    const qorDebugSeq trace(m_debug_code, "func_tztest");
     constexpr char format[] = "%d/%m/%y @ %H:%M:%S";
     qorTimeInfo info{};
     info.year = 2021;
@@ -68,12 +69,11 @@ int qortool_app::func_tztest(qorStringArray&) {
 }
 
 int qortool_app::func_timer_check(qorStringArray& args) {
+    const qorDebugSeq trace(m_debug_code, "func_timer_check");
     if (!m_quiet)
         fputmsg(stdout, "qortool", 46, true);
     if (!check_arguments(args, "timer-check", 0))
         return 1;
-    // Nothing but a signal ends this, and a signal writes no buffer.
-    std::fflush(stdout);
     const uint64 start = qorGetTickCounter();
     const uint64 system_ahead = qorGetSystemTime() - start;
     fixed_fprintf(stderr, "start=%llu offset=%llu\n", static_cast<unsigned long long>(start),

@@ -39,6 +39,9 @@ bool ask(const char* prompt, qorString& line) {
     qorClearLastError();
     if (line.GetLine(stdin))
         return true;
+    qorString failure;
+    if (qorGetLastError(failure) == qorError_none)
+        qorSetLastError(qorError_end_of_input);
     fputerr(stderr, true);
     return false;
 }

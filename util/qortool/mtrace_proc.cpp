@@ -4,6 +4,7 @@
 #include "report_text.h"
 
 #include <algorithm>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -11,11 +12,16 @@ mtrace_proc::mtrace_proc(std::FILE* out, std::FILE* err)
     : qorRefObject("qorcore.qortool.mtrace_proc"), m_debug_code(qorDebugAllocateCode("qortool.mtrace")),
       m_mtrace_file(m_debug_code, "mtrace line: [%.*s]"), m_memcheck_file(m_debug_code, nullptr), m_streams(out, err) {}
 
+bool mtrace_proc::refuse_words(const char* action, const qorStringArray& args) {
+    fixed_fprintf(m_streams.err(), "ERROR wrong number of arguments\n");
+    qorSetLastError(qorError_wrong_word_count, action, std::to_string(args.GetCount()).c_str());
+    return false;
+}
+
 bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "Execute_MTRACE");
     if (args.IsEmpty() || args.GetCount() > 2) {
-        fixed_fprintf(m_streams.err(), "ERROR wrong number of arguments\n");
-        return false;
+        return refuse_words("mtrace", args);
     }
     if (!m_mtrace_file.open(args[0], heap_log<__mtrace_line>::extent::whole)) {
         qorDebug(m_debug_code, "FAIL cannot open mtrace file");
@@ -153,8 +159,7 @@ void mtrace_proc::list_look_ahead() {
 bool mtrace_proc::Execute_MEMCHECK(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "Execute_MEMCHECK");
     if (args.GetCount() != 1) {
-        fixed_fprintf(m_streams.err(), "ERROR wrong number of arguments\n");
-        return false;
+        return refuse_words("memcheck", args);
     }
     if (!m_memcheck_file.open(args[0], heap_log<__memcheck_line>::extent::whole)) {
         qorDebug(m_debug_code, "FAIL %s", "m_memcheck_file->Open(args[0])");

@@ -35,6 +35,9 @@ private:
 
     static constexpr std::size_t origins_minimum = 12 * 1024 * 1024;
 
+    // What both actions say to words that they cannot use. Always false.
+    bool refuse_words(const char* action, const qorStringArray& args);
+
     // The next valid record; lines that cannot be used are skipped, with a warning where that is a fault. False at
     // the end of the log. Texts are valid until the next call.
     bool read_mtrace(__mtrace_line& out);

@@ -11,6 +11,7 @@ char err_buffer[64 * 1024];
 
 report_streams::report_streams(std::FILE* out, std::FILE* err)
     : m_out(out), m_err(err), m_one_place(streams_share_a_place()), m_flushed(std::chrono::steady_clock::now()) {
+    std::fflush(m_out);
     std::setvbuf(m_err, err_buffer, _IOFBF, sizeof err_buffer);
 }
 

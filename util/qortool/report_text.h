@@ -2,6 +2,7 @@
 // as long.
 #pragma once
 
+#include "qor/qor.h"
 #include "report_streams.h"
 
 #include <charconv>
@@ -21,7 +22,7 @@ public:
         if (text.size() > room()) {
             write_out();
             if (text.size() > size) {
-                std::fwrite(text.data(), 1, text.size(), m_streams.out());
+                fputtext(m_streams.out(), text.data(), text.size());
                 return *this;
             }
         }
@@ -45,7 +46,7 @@ private:
 
     void write_out() {
         if (m_next != m_text.get())
-            std::fwrite(m_text.get(), 1, size - room(), m_streams.out());
+            fputtext(m_streams.out(), m_text.get(), size - room());
         m_next = m_text.get();
     }
 

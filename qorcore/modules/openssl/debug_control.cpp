@@ -194,6 +194,10 @@ private:
         }
         if (to.host.empty())
             return not_connected();
+        if (to.port == 0) {
+            qorSetLastError(qorError_no_port, "0");
+            return false;
+        }
         std::vector<qor::net::endpoint> places;
         std::string reason;
         qor::net::socket made;

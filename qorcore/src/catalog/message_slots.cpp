@@ -2,6 +2,7 @@
 #include "catalog/catalog.h"
 #include "catalog/inserts.h"
 #include "qor/qor.h"
+#include "stream/text_output.h"
 
 namespace {
 
@@ -69,8 +70,7 @@ bool qor::glue::fputmsg(std::FILE* stream, const char* catalog, uint32 number, c
     }
     if (newline)
         line += '\n';
-    // In one call, so that lines of several threads do not mix.
-    return std::fwrite(line.data(), 1, line.size(), stream) == line.size() && !text.empty();
+    return qor::stream::write_text(stream, line) && !text.empty();
 }
 
 void qor::glue::qorGetActiveCatalogLanguages(qorStringArray& out) noexcept {

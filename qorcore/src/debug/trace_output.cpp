@@ -4,6 +4,7 @@
 #include "error/error.h"
 #include "file/raw_file.h"
 #include "process/process.h"
+#include "stream/text_output.h"
 #include "string/working_memory.h"
 
 #include <algorithm>
@@ -254,7 +255,7 @@ void qor::debug::write_line(const char* code_name, std::string_view text) noexce
         to.file.put(whole, now);
         return;
     }
-    std::fwrite(whole.data(), 1, whole.size(), stderr);
+    (void)qor::stream::write_this_text_only(stderr, whole);
     std::fflush(stderr);
 }
 

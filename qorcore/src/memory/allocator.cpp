@@ -14,6 +14,7 @@
 #include "memory/pages.h"
 #include "memory/tracking.h"
 #include "process/process.h"
+#include "stream/text_output.h"
 
 #include <atomic>
 #include <cstddef>
@@ -85,7 +86,7 @@ public:
         }
         m_hold.unlock();
         if (!last_words.empty())
-            std::fputs(last_words.c_str(), stderr);
+            (void)qor::stream::write_text(stderr, last_words);
     }
 
 private:

@@ -1,5 +1,6 @@
 // The two columns of a help text.
 #include "process/framework_options.h"
+#include "stream/text_output.h"
 
 #include <algorithm>
 #include <string>
@@ -32,7 +33,7 @@ void qor::glue::qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 
         line.append(column - width(line), ' ');
     line += right.Text();
     line += '\n';
-    std::fwrite(line.data(), 1, line.size(), stream);
+    (void)qor::stream::write_text(stream, line);
 }
 
 void qor::glue::qorWriteToolkitHelp(std::FILE* stream) noexcept {

@@ -1,12 +1,13 @@
 // printf to a stream, with a result that no locale changes.
 #include "qor/qor.h"
+#include "stream/text_output.h"
 #include "string/format_fixed.h"
 
 int qor::glue::fixed_vfprintf(std::FILE* stream, const char* format, std::va_list arguments) noexcept {
     qor::string::working_memory memory;
     std::string_view text;
     if (!qor::string::format_fixed(memory, text, format, arguments) ||
-        std::fwrite(text.data(), 1, text.size(), stream) != text.size())
+        !qor::stream::write_text(stream, text))
         return -1;
     return static_cast<int>(text.size());
 }

@@ -1,5 +1,6 @@
 // Strings: numbers and printf, and reading from and writing to streams.
 #include "error/error.h"
+#include "stream/text_output.h"
 #include "string/format_fixed.h"
 #include "string/string_data.h"
 
@@ -51,7 +52,7 @@ bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool new
         text = line;
         ++length;
     }
-    if (std::fwrite(text, 1, length, stream) == length)
+    if (qor::stream::write_text(stream, {text, length}))
         return true;
     qor::error::set_with_reason(qorError_cannot_write_file, "stream", qor::error::stream_failure());
     return false;

@@ -10,7 +10,7 @@ namespace {
 
 using namespace qor::test;
 
-constexpr char end_of_input[] = "There is no error to report.\n";
+constexpr char end_of_input[] = "The input has ended.\n";
 
 class console_through_a_proxy : public testing::Test {
 protected:

@@ -42,6 +42,20 @@ inline bool qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
     return qor::glue::qorSetSignalHandler(handler);
 }
 
+// ---- text on C streams
+//
+// What fputtext, fixed_fprintf, fputmsg, fputerr, qorString::Put and the help lines write has this in common:
+// - Each call writes its text in one piece.
+// - Before a text for standard error they flush standard output, so that both stand in order where they end in one place.
+// - A terminal gets `\x1b` and the like for each byte that would steer it: control characters but newline and tab, those
+//   from U+0080 on included, characters that make text run the other way, and what is no UTF-8. Any other file gets the
+//   bytes as they are.
+
+// Writes `length` bytes. False: not all of them could be written.
+inline bool fputtext(std::FILE* stream, const char* text, uint64 length) noexcept {
+    return qor::glue::fputtext(stream, text, length);
+}
+
 // printf to a stream, with a result that no locale changes: the decimal point is a point.
 QOR_PRINTF(2, 3) inline int fixed_fprintf(std::FILE* stream, const char* format, ...) noexcept {
     std::va_list arguments;

@@ -235,8 +235,8 @@ public:
     }
 
     // ---- streams
-    // Writes the text as it is, NULs included, and a newline behind it if asked, in one go. False: it could not
-    // be written (last error); a buffered stream may find that out later.
+    // Writes the whole text, NULs included, and a newline behind it if asked, in one go; a terminal gets it as
+    // qor/system/Process.h says. False: it could not be written (last error); a buffered stream may find that out later.
     bool Put(std::FILE* stream, bool newline) const noexcept {
         return qor::glue::qorString_Put(this, stream, newline);
     }

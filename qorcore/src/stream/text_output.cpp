@@ -1,0 +1,79 @@
+#include "stream/text_output.h"
+
+#include "qor/qor.h"
+#include "string/unicode.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr uint32 escape_size = 4; // of one byte: "\x1b"
+
+// Bytes that need no second look.
+constexpr bool is_plain(char c) noexcept { return (c >= ' ' && c <= '~') || c == '\n' || c == '\t'; }
+
+bool is_plain(std::string_view text) noexcept {
+    return std::all_of(text.begin(), text.end(), [](char c) { return is_plain(c); });
+}
+
+bool is_shown(const qor::string::decoded& next) noexcept {
+    const uint32 c = next.character;
+    if (c < 0x20)
+        return c == '\n' || c == '\t';
+    return next.valid && !(c >= 0x7f && c <= 0x9f) && !(c >= 0x202a && c <= 0x202e) && !(c >= 0x2066 && c <= 0x2069);
+}
+
+// Calls `add(piece, shown)` for one piece after the other.
+template <class ADD>
+void divide(std::string_view text, ADD add) {
+    while (!text.empty()) {
+        const qor::string::decoded next = qor::string::decode(text);
+        add(text.substr(0, next.size), is_shown(next));
+        text.remove_prefix(next.size);
+    }
+}
+
+// Asking the system costs as much as a look at some hundred bytes.
+bool is_for_eyes(std::FILE* stream, std::string_view text) noexcept {
+    constexpr std::size_t short_text = 512;
+    return (text.size() > short_text || !is_plain(text)) && qor::stream::is_terminal(stream);
+}
+
+} // namespace
+
+std::string_view qor::stream::visible(std::string_view text, string::working_memory& memory) noexcept {
+    std::size_t size = 0;
+    divide(text, [&](std::string_view piece, bool shown) { size += shown ? piece.size() : escape_size * piece.size(); });
+    if (size == text.size())
+        return text;
+    char* const begin = memory.get(size);
+    char* at = begin;
+    divide(text, [&](std::string_view piece, bool shown) {
+        constexpr char digits[] = "0123456789abcdef";
+        if (shown) {
+            at = std::copy(piece.begin(), piece.end(), at);
+            return;
+        }
+        for (const char c : piece)
+            for (const char part : {'\\', 'x', digits[c >> 4 & 15], digits[c & 15]})
+                *at++ = part;
+    });
+    return {begin, size};
+}
+
+bool qor::stream::write_this_text_only(std::FILE* stream, std::string_view text) noexcept {
+    string::working_memory memory;
+    if (is_for_eyes(stream, text))
+        text = visible(text, memory);
+    return std::fwrite(text.data(), 1, text.size(), stream) == text.size();
+}
+
+bool qor::stream::write_text(std::FILE* stream, std::string_view text) noexcept {
+    if (stream == stderr)
+        flush_standard_output();
+    return write_this_text_only(stream, text);
+}
+
+bool qor::glue::fputtext(std::FILE* stream, const char* text, uint64 length) noexcept {
+    return qor::stream::write_text(stream, {text, length});
+}
