@@ -61,7 +61,7 @@ class Scopes(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             help_text = subprocess.run([*tool.command, "help"], cwd=folder, capture_output=True, text=True,
                                        env=tool.environment(), timeout=120).stderr
-        listed = [line.split()[0] for line in help_text.split("\n\n")[1].splitlines() if line.startswith("  ") and line[2] != " "]
+        listed = [line.split()[0] for line in help_text.split("\n\n")[2].splitlines() if line.startswith("  ") and line[2] != " "]
         self.assertEqual(listed, list(ACTIONS))
 
     def test_the_code_of_each_scope(self):

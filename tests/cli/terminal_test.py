@@ -37,6 +37,11 @@ options = None
 tool = None
 
 
+def one_word(text):
+    """As a log has it."""
+    return text.replace(b" ", b"_").replace(b"\r", b"")
+
+
 def visible(data):
     """What a terminal is to get, slowly."""
     out = b""
@@ -49,8 +54,8 @@ def visible(data):
     return out
 
 
-class Terminal(unittest.TestCase):
-    maxDiff = None
+class BothWays(unittest.TestCase):
+    maxDiff = 2000
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="qor.")
@@ -87,12 +92,14 @@ class Terminal(unittest.TestCase):
         command = command or [*tool.command, "--quiet", *words]
         more = {"cwd": self.folder, "env": tool.environment() | (variables or {}), "input": b"", **more}
         code, piped = self.run_in_pipe(command, **more)
-        self.assertIn(shown, piped)
+        self.assertTrue(shown in piped, piped[:2000])
         code_there, there = self.run_in_terminal(command, **more)
         self.assertEqual(code_there, code)
         self.assertEqual(own(there), visible(own(piped)))
         return piped
 
+
+class Terminal(BothWays):
     # ---- words of the command line, in what is said of them
 
     def test_names_of_files(self):
@@ -127,8 +134,7 @@ class Terminal(unittest.TestCase):
     # ---- what comes from elsewhere
 
     def test_heap_logs(self):
-        # A NUL ends a text in the reports.
-        caller = EVIL.replace(b" ", b"_")
+        caller = one_word(EVIL)
         (self.folder / "log").write_bytes(b"@ %s + 0x1000 5\n@ %s \x1b\xc2\x9b 0x2000\n@ %s - 0x3000\n" % (caller, caller, caller))
         (self.folder / "check").write_bytes(b"A 1 5 0 3 %s\nT 1 %s\nT 7 %s\n\x9b 1 2\n\x1b 1 2\n" % (caller, caller, caller))
         self.assertIn(b"LEAK", self.compare(["mtrace", "log"], caller))
@@ -136,12 +142,12 @@ class Terminal(unittest.TestCase):
         self.assertIn(b"\x9b", self.compare(["memcheck", "check"], b"Invalid memcheck line code \x1b"))
 
     def test_long_texts_of_heap_logs(self):
-        caller = EVIL.replace(b" ", b"_") * 2000
+        caller = one_word(EVIL) * 2000
         (self.folder / "log").write_bytes(b"@ %s + 0x1000 5\n" % caller)
         self.compare(["mtrace", "log"], caller)
 
     def test_reports_of_many_lines(self):
-        callers = [b"%s.%d" % (FINE.replace(b" ", b"_"), i) if i % 7 else EVIL.replace(b" ", b"_") for i in range(5000)]
+        callers = [b"%s.%d" % (one_word(FINE), i) if i % 7 else one_word(EVIL) for i in range(5000)]
         (self.folder / "log").write_bytes(
             b"".join(b"@ %s + 0x%x 5\n" % (caller, 0x100000 + 32 * i) for i, caller in enumerate(callers)))
         self.compare(["mtrace", "log"], callers[0], own=lambda text: text.replace(b"\r", b""))
@@ -173,7 +179,7 @@ class Terminal(unittest.TestCase):
     def test_os_release(self):
         if not Path("/etc/os-release").exists():
             self.skipTest("there is no /etc/os-release here")
-        text = EVIL.replace(b" ", b"_").replace(b"\r", b"")
+        text = one_word(EVIL)
         (self.folder / "os-release").write_bytes(b'NAME=Odd\nID=odd\nPRETTY_NAME="%s"\n' % text)
         # Free memory differs from run to run.
         (self.folder / "meminfo").write_text("MemTotal: 8 kB\nMemFree: 4 kB\nMemAvailable: 4 kB\n")
@@ -181,17 +187,19 @@ class Terminal(unittest.TestCase):
                            ["sysinfo"], text, needs=("mount", "--bind", "/", "/"))
 
     def test_interfaces(self):
-        if subprocess.run(["unshare", "-r", "-n", "ip", "link", "add", "d0", "type", "dummy"], capture_output=True).returncode:
+        if subprocess.run(["unshare", "-r", "-n", "ip", "link", "add", "d0", "type", "bridge"], capture_output=True).returncode:
             self.skipTest(SKIPPED_SPACES)
         alias, name = EVIL.replace(b"\x07", b""), b"a\x1b[1m\xc2\x9bb"
         (self.folder / "alias").write_bytes(alias)
         (self.folder / "name").write_bytes(name)
-        script = ('ip link add d0 address 02:00:00:00:00:01 type dummy && ip link set d0 alias "$(cat "$0/alias")" && '
+        script = ('ip link add d0 address 02:00:00:00:00:01 type bridge && ip link set d0 alias "$(cat "$0/alias")" && '
                   'ip link set d0 name "$(cat "$0/name")"')
         command = ["unshare", "-r", "-n", "sh", "-c", script + ' && exec "$@"', self.folder, *tool.command, "--quiet", "netlist"]
-        self.assertIn(name, self.compare(None, alias, command))
+        # Of an alias the control characters of ASCII are question marks already, wherever it is printed.
+        self.assertIn(name, self.compare(None, b"c1 \xc2\x9b31m raw \x9b31m", command))
 
     def test_serial_ports(self):
+        # Control characters of ASCII are blanks in a location, wherever it is printed.
         product = EVIL.replace(b"\r", b"")
         kernel = self.folder / "sys/class/tty"
         usb = self.folder / "sys/devices/usb1/1-2"
@@ -208,11 +216,11 @@ class Terminal(unittest.TestCase):
         (usb / "1-2:1.0/bInterfaceNumber").write_text("00\n")
         (kernel / "ttyUSB0").symlink_to(os.path.relpath(port, kernel))
         (self.folder / "dev/ttyUSB0").touch()
-        self.in_name_space('mount --bind "$0/sys" /sys && mount --bind "$0/dev" /dev', ["list-serial"], product,
+        self.in_name_space('mount --bind "$0/sys" /sys && mount --bind "$0/dev" /dev', ["list-serial"], b"\xc2\x9b31m raw \x9b31m",
                            needs=("mount", "--bind", "/", "/"))
 
 
-class OddCodes(listening.Listening, Terminal):
+class OddCodes(listening.Listening, BothWays):
     """Another process with trace codes of odd names."""
 
     def setUp(self):

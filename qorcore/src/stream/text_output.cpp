@@ -4,6 +4,7 @@
 #include "string/unicode.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -12,8 +13,21 @@ constexpr uint32 escape_size = 4; // of one byte: "\x1b"
 // Bytes that need no second look.
 constexpr bool is_plain(char c) noexcept { return (c >= ' ' && c <= '~') || c == '\n' || c == '\t'; }
 
-bool is_plain(std::string_view text) noexcept {
+bool each_is_plain(std::string_view text) noexcept {
     return std::all_of(text.begin(), text.end(), [](char c) { return is_plain(c); });
+}
+
+bool is_plain(std::string_view text) noexcept {
+    // Eight at a time: the high bit of a byte is set in one of the three terms where it is beyond ASCII, below a blank
+    // or DEL. A carry out of it may only point at its neighbour as well.
+    constexpr uint64 each = 0x0101010101010101;
+    for (; text.size() >= sizeof each; text.remove_prefix(sizeof each)) {
+        uint64 bytes;
+        std::memcpy(&bytes, text.data(), sizeof bytes);
+        if (((bytes | (bytes - 0x20 * each) | (bytes + each)) & 0x80 * each) != 0 && !each_is_plain(text.substr(0, sizeof each)))
+            return false;
+    }
+    return each_is_plain(text);
 }
 
 bool is_shown(const qor::string::decoded& next) noexcept {

@@ -2,6 +2,7 @@
 
 #include "error/error.h"
 
+#include <stdio_ext.h>
 #include <unistd.h>
 
 bool qor::stream::is_terminal(std::FILE* stream) noexcept {
@@ -12,6 +13,9 @@ bool qor::stream::is_terminal(std::FILE* stream) noexcept {
 
 void qor::stream::flush_standard_output() noexcept {
     const error::keep_failures keep;
+    // Text that goes into a buffer is not written yet: who gave standard error one sees to the order, as a replay does.
+    if (__fbufsize(stderr) > 1)
+        return;
     // Another thread may be writing, for as long as nobody reads: its text cannot be made to come first.
     if (ftrylockfile(stdout) != 0)
         return;

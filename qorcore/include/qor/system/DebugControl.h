@@ -34,7 +34,7 @@ protected:
 class IQORDebugControl : public IQORInterface {
 public:
     // Connects to a process that listens there, and checks that it is the one known from earlier; a connection of before
-    // is ended. Takes up to 10 seconds for each of the host's addresses.
+    // is ended. Takes up to 10 seconds for each of the host's addresses; port 0, where nothing can be reached, fails at once.
     virtual bool Connect(const char* host, uint16 port) noexcept = 0;
 
     // Presents the credentials, as they are given. Error 4 (qorError_credentials_refused): another try may follow on the
