@@ -128,6 +128,10 @@ class GoldenTest(unittest.TestCase):
             f"LANGUAGE=de\nLC_ALL=C\nPATH={os.defpath}\nX=a=b\n"
         )
 
+    def test_both_streams_in_one_place(self):
+        self.assert_passes("args: fail\nexit: 3\nstderr: stdout\n== stdout\n$GREETING\noops\n")
+        self.assert_fails("args: fail\nexit: 3\nstderr: stdout\n== stdout\noops\n$GREETING\n", "+oops")
+
     def test_output_that_cannot_be_written(self):
         self.assert_passes("args: write\nexit: 1\nstdout: full\n== stderr\nlost\n")
         self.assert_fails(HI + "stdout: shut\n== stdout\n$GREETING\n", "-$GREETING")

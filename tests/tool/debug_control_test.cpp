@@ -161,7 +161,7 @@ protected:
     const qor::test::temp_folder m_folder;
     qor::test::recording_table m_table;
     peer m_peer;
-    const std::string m_no_error = error_text(0, nullptr);
+    const std::string m_end_of_input = error_text(qorError_end_of_input, nullptr);
 };
 
 TEST_F(DebugControl, SaysWhatItDoesUnlessItIsQuiet) {
@@ -172,8 +172,8 @@ TEST_F(DebugControl, SaysWhatItDoesUnlessItIsQuiet) {
     const outcome quiet = run({"--quiet", "debug-control", "host", "700"}, "user\nsecret\n");
     EXPECT_EQ(quiet.out, "Username: Password: Debug> ");
     EXPECT_EQ(quiet.code, 1);
-    EXPECT_EQ(loud.err, m_no_error); // the end of the input is none
-    EXPECT_EQ(quiet.err, m_no_error);
+    EXPECT_EQ(loud.err, m_end_of_input);
+    EXPECT_EQ(quiet.err, m_end_of_input);
 }
 
 TEST_F(DebugControl, IsATrackedComponentThatEndsWithTheAction) {
@@ -192,7 +192,7 @@ TEST_F(DebugControl, IsATrackedComponentThatEndsWithTheAction) {
 
 TEST_F(DebugControl, TakesOneOptionThatDoesNothing) {
     const outcome plain = run({"debug-control", "--xxx", "-xxx=value", "host", "700"}, "");
-    EXPECT_EQ(plain.err, m_no_error);
+    EXPECT_EQ(plain.err, m_end_of_input);
     EXPECT_EQ(m_peer.calls, (texts{"create", "Connect host 700", "ended"}));
 }
 
@@ -252,7 +252,7 @@ TEST_F(DebugControl, RefusedCredentialsAreAskedForAgainAsOftenAsItTakes) {
     }
     const outcome result = run({"--quiet", "debug-control", "host", "700"}, input);
     EXPECT_EQ(result.out, prompts + "Debug> ");
-    EXPECT_EQ(result.err, said + m_no_error);
+    EXPECT_EQ(result.err, said + m_end_of_input);
     EXPECT_EQ(m_peer.calls.size(), 3u + 26u + 1u);
     EXPECT_EQ(m_peer.calls.at(27), "Login [user25] [secret]");
 }
@@ -286,7 +286,7 @@ TEST_F(DebugControl, TheInputMayEndAtEachPrompt) {
         const outcome result = run({"--quiet", "debug-control", "host", "700"}, input);
         EXPECT_EQ(result.code, 1);
         EXPECT_EQ(result.out, prompts);
-        EXPECT_EQ(result.err, m_no_error);
+        EXPECT_EQ(result.err, m_end_of_input);
     }
 }
 
@@ -304,7 +304,7 @@ TEST_F(DebugControl, HelpListsTheCommandsInTheirOrder) {
     const std::string text = "\n" + message(65) + "\n" + message(49) + message(66) + message(67) +
                              message(68) + message(50) + message(69) + "\n";
     EXPECT_EQ(result.out, text + "Debug> " + text + "Debug> ");
-    EXPECT_EQ(result.err, m_no_error);
+    EXPECT_EQ(result.err, m_end_of_input);
     EXPECT_EQ(m_peer.calls, texts{});
 }
 
@@ -312,7 +312,7 @@ TEST_F(DebugControl, ShowsAllCodesSorted) {
     m_peer.codes = {"b.two", "%s", "a.one", "B.two", "b.\xc3\xa4"};
     const outcome result = console("show-all\n");
     EXPECT_EQ(result.out, "\n" + message(70) + "\n%s\nB.two\na.one\nb.two\nb.\xc3\xa4\n\nDebug> ");
-    EXPECT_EQ(result.err, m_no_error);
+    EXPECT_EQ(result.err, m_end_of_input);
     EXPECT_EQ(m_peer.calls, texts{"GetCodes"});
 }
 
@@ -333,13 +333,13 @@ TEST_F(DebugControl, SaysThatNoCodeIsOn) {
     m_peer.codes = {"a"};
     const outcome result = console("show-enabled\n");
     EXPECT_EQ(result.out, message(71) + "Debug> ");
-    EXPECT_EQ(result.err, m_no_error);
+    EXPECT_EQ(result.err, m_end_of_input);
 }
 
 TEST_F(DebugControl, SwitchesCodesWithoutAWord) {
     const outcome result = console("enable a.one\ndisable b.*\ndisable-all\nenable %s\n");
     EXPECT_EQ(result.out, "Debug> Debug> Debug> Debug> ");
-    EXPECT_EQ(result.err, m_no_error);
+    EXPECT_EQ(result.err, m_end_of_input);
     EXPECT_EQ(m_peer.calls,
               (texts{"EnableCode a.one on", "EnableCode b.* off", "DisableAll", "EnableCode %s on"}));
 }
@@ -347,7 +347,7 @@ TEST_F(DebugControl, SwitchesCodesWithoutAWord) {
 TEST_F(DebugControl, BlanksAroundAndBetweenWordsDoNotCount) {
     const outcome result = console("   \t enable \t  a.one  \r\n \t \n\n  disable-all  \n");
     EXPECT_EQ(result.out, "Debug> Debug> Debug> Debug> ");
-    EXPECT_EQ(result.err, m_no_error);
+    EXPECT_EQ(result.err, m_end_of_input);
     EXPECT_EQ(m_peer.calls, (texts{"EnableCode a.one on", "DisableAll"}));
 }
 
@@ -364,7 +364,7 @@ TEST_F(DebugControl, CommandsAreExactWords) {
     }
     const outcome result = console(input);
     EXPECT_EQ(result.out, prompts);
-    EXPECT_EQ(result.err, said + m_no_error);
+    EXPECT_EQ(result.err, said + m_end_of_input);
     EXPECT_EQ(m_peer.calls, texts{});
 }
 
@@ -381,7 +381,7 @@ TEST_F(DebugControl, WrongWordsOfACommandChangeNothing) {
     }
     const outcome result = console(input);
     EXPECT_EQ(result.out, prompts);
-    EXPECT_EQ(result.err, said + m_no_error);
+    EXPECT_EQ(result.err, said + m_end_of_input);
     EXPECT_EQ(m_peer.calls, texts{});
 }
 
