@@ -130,7 +130,7 @@ class GoldenTest(unittest.TestCase):
 
     def test_both_streams_in_one_place(self):
         self.assert_passes("args: fail\nexit: 3\nstderr: stdout\n== stdout\n$GREETING\noops\n")
-        self.assert_fails("args: fail\nexit: 3\nstderr: stdout\n== stdout\noops\n$GREETING\n", "+oops")
+        self.assert_fails("args: fail\nexit: 3\nstderr: stdout\n== stdout\noops\n$GREETING\n", "+$GREETING")
 
     def test_output_that_cannot_be_written(self):
         self.assert_passes("args: write\nexit: 1\nstdout: full\n== stderr\nlost\n")
