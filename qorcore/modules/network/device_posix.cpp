@@ -1,5 +1,7 @@
 #include "device_posix.h"
 
+#include "qor/glue/regular_file_posix.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -14,13 +16,15 @@ constexpr std::size_t longest_file = 16 * 1024 * 1024;
 
 // Empty: there is no such file.
 std::string read_file(const std::string& path) {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"), std::fclose);
     std::string text;
-    if (file == nullptr)
+    struct stat status;
+    const int file = qor::glue::open_regular_file(path.c_str(), status);
+    if (file < 0)
         return text;
     char block[4096];
-    for (std::size_t got; text.size() < longest_file && (got = std::fread(block, 1, sizeof block, file.get())) != 0;)
-        text.append(block, got);
+    for (ssize_t got; text.size() < longest_file && (got = ::read(file, block, sizeof block)) > 0;)
+        text.append(block, static_cast<std::size_t>(got));
+    ::close(file);
     return text;
 }
 

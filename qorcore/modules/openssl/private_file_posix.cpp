@@ -1,5 +1,7 @@
 #include "private_file.h"
 
+#include "qor/glue/regular_file_posix.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -44,12 +46,7 @@ bool failed(private_file_fault fault, std::string& reason) {
 }
 
 // `forbidden`: what others may not do.
-bool is_own(int file, mode_t forbidden, std::string& reason) {
-    struct stat status;
-    if (fstat(file, &status) != 0)
-        return failed(reason);
-    if (!S_ISREG(status.st_mode))
-        return failed(private_file_fault::no_plain_file, reason);
+bool is_own(const struct stat& status, mode_t forbidden, std::string& reason) {
     if (status.st_uid != geteuid() && status.st_uid != 0)
         return failed(private_file_fault::of_another_owner, reason);
     if ((status.st_mode & forbidden) != 0)
@@ -75,14 +72,14 @@ bool read_all(int file, std::string& text, std::string& reason) {
 
 bool read_file(const std::string& path, mode_t forbidden, std::string& text, std::string& reason, bool& is_missing) {
     text.clear();
-    // A pipe must not make anybody wait.
-    const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status;
+    const descriptor file(qor::glue::open_regular_file(path.c_str(), status));
     is_missing = file.number() < 0 && errno == ENOENT;
     if (is_missing)
         return true;
     if (file.number() < 0)
-        return failed(reason);
-    return is_own(file.number(), forbidden, reason) && read_all(file.number(), text, reason);
+        return errno == EISDIR || errno == ESPIPE ? failed(private_file_fault::no_plain_file, reason) : failed(reason);
+    return is_own(status, forbidden, reason) && read_all(file.number(), text, reason);
 }
 
 bool write_all(int file, std::string_view text) {

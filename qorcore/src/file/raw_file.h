@@ -9,12 +9,16 @@ namespace qor::file {
 
 class raw_file {
 public:
-    // `positions` is reading at any place: of files on a disk only, not of pipes and devices.
-    enum class access { read, positions, truncate, append, create };
+    // `read` is for what the user names, which may be a pipe or a device and then makes him wait. `regular` is for all that the
+    // library looks for by itself, and for reading at any place: it takes files on a disk only, and never waits.
+    enum class access { read, regular, truncate, append, create };
 
-    // What open() says for `positions` of something else, and when a file that it should create is there already.
-    static const int no_positions;
+    // What open() says for `regular` of a pipe or a device, and when a file that it should create is there already.
+    static const int not_regular;
     static const int is_taken;
+
+    // Whether a code of open() says that there is no such file.
+    static bool is_missing(int reason) noexcept;
 
     raw_file() noexcept = default;
     raw_file(const raw_file&) = delete;

@@ -1,5 +1,7 @@
 #include "file/raw_file.h"
 
+#include "qor/glue/regular_file_posix.h"
+
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -13,9 +15,8 @@ int open_flags(qor::file::raw_file::access how) noexcept {
     using access = qor::file::raw_file::access;
     switch (how) {
     case access::read:
+    case access::regular: // glue::open_regular_file() does it
         return O_RDONLY;
-    case access::positions:
-        return O_RDONLY | O_NONBLOCK; // never waits for the other end of a pipe
     case access::truncate:
         return O_WRONLY | O_CREAT | O_TRUNC;
     case access::append:
@@ -26,11 +27,15 @@ int open_flags(qor::file::raw_file::access how) noexcept {
     return O_RDONLY;
 }
 
-// Opening is an act on its own for a device, and a pipe notices: they are looked at from outside.
-int reason_against_positions(const struct stat& status) noexcept {
-    if (S_ISDIR(status.st_mode))
-        return EISDIR;
-    return S_ISREG(status.st_mode) ? 0 : qor::file::raw_file::no_positions;
+int open_handle(const char* path, qor::file::raw_file::access how) noexcept {
+    struct stat status;
+    if (how == qor::file::raw_file::access::regular)
+        return qor::glue::open_regular_file(path, status);
+    int handle;
+    do
+        handle = open(path, open_flags(how) | O_CLOEXEC | O_NOCTTY, 0666);
+    while (handle < 0 && errno == EINTR);
+    return handle;
 }
 
 bool is_identity(const struct stat& status, const std::uint64_t (&identity)[2]) noexcept {
@@ -64,19 +69,14 @@ private:
 
 } // namespace
 
-const int qor::file::raw_file::no_positions = ESPIPE;
+const int qor::file::raw_file::not_regular = ESPIPE;
 const int qor::file::raw_file::is_taken = EEXIST;
+
+bool qor::file::raw_file::is_missing(int reason) noexcept { return reason == ENOENT || reason == ENOTDIR; }
 
 int qor::file::raw_file::open(const char* path, access how) noexcept {
     close();
-    struct stat status;
-    if (how == access::positions && stat(path, &status) == 0)
-        if (const int reason = reason_against_positions(status))
-            return reason;
-    int handle;
-    do
-        handle = ::open(path, open_flags(how) | O_CLOEXEC | O_NOCTTY, 0666);
-    while (handle < 0 && errno == EINTR);
+    int handle = open_handle(path, how);
     if (handle < 0)
         return errno;
     // Where a host closed its standard streams, what it prints must not end up in this file.
@@ -88,13 +88,8 @@ int qor::file::raw_file::open(const char* path, access how) noexcept {
             return reason;
         handle = moved;
     }
-    int reason = 0;
-    if (fstat(handle, &status) != 0)
-        reason = errno;
-    else if (how == access::positions)
-        reason = reason_against_positions(status);
-    else if (S_ISDIR(status.st_mode))
-        reason = EISDIR;
+    struct stat status;
+    const int reason = fstat(handle, &status) != 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : 0;
     if (reason != 0) {
         ::close(handle);
         return reason;

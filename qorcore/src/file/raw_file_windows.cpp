@@ -22,7 +22,7 @@ HANDLE open_handle(const wchar_t* path, qor::file::raw_file::access how) noexcep
     constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     switch (how) {
     case access::read:
-    case access::positions:
+    case access::regular:
         return CreateFileW(path, GENERIC_READ, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     case access::truncate:
         return CreateFileW(path, GENERIC_WRITE, share, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -41,8 +41,12 @@ bool is_folder(const wchar_t* path) noexcept {
 
 } // namespace
 
-const int qor::file::raw_file::no_positions = ERROR_SEEK_ON_DEVICE;
+const int qor::file::raw_file::not_regular = ERROR_SEEK_ON_DEVICE;
 const int qor::file::raw_file::is_taken = ERROR_FILE_EXISTS;
+
+bool qor::file::raw_file::is_missing(int reason) noexcept {
+    return reason == ERROR_FILE_NOT_FOUND || reason == ERROR_PATH_NOT_FOUND;
+}
 
 int qor::file::raw_file::open(const char* path, access how) noexcept {
     close();
@@ -55,9 +59,9 @@ int qor::file::raw_file::open(const char* path, access how) noexcept {
         // "Access denied" would send the user to look for rights that are not the matter.
         return reason == ERROR_ACCESS_DENIED && is_folder(wide.c_str()) ? operation_on_folder : reason;
     }
-    if (how == access::positions && GetFileType(handle) != FILE_TYPE_DISK) {
+    if (how == access::regular && GetFileType(handle) != FILE_TYPE_DISK) {
         CloseHandle(handle);
-        return no_positions;
+        return not_regular;
     }
     m_handle = reinterpret_cast<std::intptr_t>(handle);
     return 0;

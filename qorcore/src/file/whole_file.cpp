@@ -4,7 +4,7 @@
 
 bool qor::file::read_whole(const char* path, std::size_t max_size, std::string& content) {
     raw_file file;
-    if (file.open(path, raw_file::access::read) != 0)
+    if (file.open(path, raw_file::access::regular) != 0)
         return false;
     char piece[16 * 1024];
     for (;;) {

@@ -80,7 +80,7 @@ bool is_zone_file(const std::string& path) {
     qor::file::raw_file file;
     char begin[magic.size()];
     std::size_t count = 0;
-    return file.open(path.c_str(), qor::file::raw_file::access::read) == 0 &&
+    return file.open(path.c_str(), qor::file::raw_file::access::regular) == 0 &&
            file.read(begin, sizeof begin, &count) == 0 && std::string_view(begin, count) == magic;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "qor/glue/binding.h"
+#include "qor/glue/regular_file_posix.h"
 
 #include <cerrno>
 #include <climits>
@@ -22,13 +23,13 @@ namespace qor::glue {
 // A file that was cut off is mapped by the loader all the same, and the process dies where the rest is missing. The
 // table of sections stands at the end of a library, so a file that holds all of it is whole.
 inline bool is_whole(const char* path) noexcept {
-    const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat status;
+    const int file = open_regular_file(path, status);
     if (file < 0)
         return false;
     ElfW(Ehdr) header;
-    struct stat status;
     const bool known = read(file, &header, sizeof header) == static_cast<ssize_t>(sizeof header) &&
-                       std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && fstat(file, &status) == 0;
+                       std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0;
     close(file);
     return known && static_cast<uint64>(status.st_size) >=
                         header.e_shoff + static_cast<uint64>(header.e_shnum) * header.e_shentsize;
