@@ -20,6 +20,7 @@ from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
 from damaged_libraries import DamagedLibraries  # noqa: E402  # beside this folder
+from strange_files import KINDS, strange_file  # noqa: E402  # beside this folder
 from tool import Tool  # noqa: E402  # beside this folder
 
 NOBODY = 65534
@@ -79,12 +80,14 @@ class Modules(DamagedLibraries, unittest.TestCase):
         self.check_works("md5")
 
     def check_missing(self, **more):
-        # It is the folder of the library that is named.
-        self.check_fails(f"The module '{self.quoted(self.bin / self.module.name)}' is missing or cannot be read\\.", **more)
+        self.check_fails(f"The module '{self.quoted(self.module)}' is missing\\.", **more)
+
+    def check_unusable(self, module=None, reason=".+", **more):
+        self.check_fails(f"The module '{self.quoted(module or self.module)}' cannot be loaded: {reason}\\.", **more)
 
     def check_damaged(self, image, reason=".+"):
         self.module.write_bytes(image)
-        self.check_fails(f"The module '{self.quoted(self.module)}' cannot be loaded: {reason}\\.")
+        self.check_unusable(reason=reason)
 
     def check_wrong(self):
         self.check_fails(f"The file '{self.quoted(self.module)}' is no module that this library can use\\.")
@@ -110,7 +113,13 @@ class Modules(DamagedLibraries, unittest.TestCase):
 
     def test_a_folder_of_that_name(self):
         self.module.mkdir()
-        self.check_missing()
+        self.check_unusable()
+        self.module.rmdir()
+        beside = self.bin / self.module.name
+        beside.mkdir()
+        self.check_unusable(beside)
+        self.module.write_bytes(self.real)
+        self.check_works()
 
     def test_cut_off(self):
         """Wherever the file ends. The last quarter of a Windows library is symbols that no loader reads."""
@@ -138,7 +147,7 @@ class Modules(DamagedLibraries, unittest.TestCase):
 
     def test_needs_what_nobody_has(self):
         self.copy("unresolved" + options.library, self.module)
-        self.check_fails(f"The module '{self.quoted(self.module)}' cannot be loaded: .+\\.")
+        self.check_unusable()
 
     # ---- in one process
 
@@ -164,11 +173,17 @@ class ModulesPosix(Modules):
         self.module.write_bytes(self.real)
         self.module.chmod(0)
         # Nothing is unreadable to root.
-        self.check_missing(**({"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}))
+        self.check_unusable(reason="Permission denied", **({"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}))
 
-    def test_a_link_to_nothing(self):
-        self.module.symlink_to(self.root / "nothing")
-        self.check_missing()
+    def test_what_is_no_file(self):
+        """Nobody waits for the other end of a pipe, and a link to nothing is nothing."""
+        for kind in KINDS:
+            with self.subTest(kind=kind), strange_file(kind, self.module, self.real):
+                if kind == "link to nothing":
+                    self.check_missing()
+                else:
+                    self.check_unusable(reason={"folder": "Is a directory", "link to itself": "Too many levels of symbolic links"}.get(
+                        kind, "it is no plain file"))
 
     def test_another_machine(self):
         machine = bytearray(self.real)

@@ -1,5 +1,6 @@
 // Interfaces put together from dumps and from the files of other hosts, which are made here as they were found there.
 #include "interfaces_posix.h"
+#include "support/strange_files_posix.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
@@ -23,6 +24,8 @@ public:
         fs::create_directories(fs::path(m_folder.path() + path).parent_path());
         m_folder.file(path.substr(1), text);
     }
+    void remove(const std::string& path) { fs::remove(this->path(path)); }
+    std::string path(const std::string& path) const { return m_folder.path() + path; }
     // A relative link, as the kernel makes them.
     void lead(const std::string& from, const std::string& to) {
         const fs::path link = m_folder.path() + from;
@@ -115,6 +118,23 @@ TEST(net_device, a_pci_card_that_is_in_no_list) {
     root.write("/usr/share/misc/pci.ids", "8086  Intel Corporation");
     EXPECT_EQ(root.describe(link).description,
               "Intel Corporation device 0001, driver e1000e, PCI 0000:00:1f.6");
+}
+
+// Pipes and more in the place of files: nobody waits for what may never come.
+TEST(net_device, files_that_are_none) {
+    for (const char* const kind : qor::test::strange_kinds)
+        for (const char* const file : {"/run/udev/data/+pci:0000:00:1f.6", "/usr/share/misc/pci.ids", "/sys/devices/pci0000:00/0000:00:1f.6/device"}) {
+            fake_root root;
+            add_pci_card(root, "0x8086", "0x0001");
+            root.write(file, "");
+            root.remove(file);
+            const qor::test::strange_file strange(kind, root.path(file), "8086  Intel Corporation\n");
+            const bool is_number = std::string_view(file).starts_with("/sys");
+            EXPECT_EQ(root.describe(on_bus("pci", "0000:00:1f.6")).description,
+                      is_number ? "PCI device 8086:, driver e1000e, PCI 0000:00:1f.6"
+                                : "PCI device 8086:0001, driver e1000e, PCI 0000:00:1f.6")
+                << kind << ' ' << file;
+        }
 }
 
 TEST(net_device, a_virtual_machine_has_it_on_a_card) {

@@ -3,6 +3,7 @@
 #include "plain_scram.h"
 #include "private_file.h"
 #include "qor/qor.h"
+#include "support/strange_files_posix.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
@@ -57,9 +58,21 @@ TEST_F(private_files, are_files) {
     qorStringArray names;
     EXPECT_FALSE(qorGetDebugUsers(m_folder.path().c_str(), names));
     EXPECT_FALSE(qorGetDebugUsers("/dev/null", names));
-    const std::string pipe = m_folder / "pipe";
-    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    EXPECT_FALSE(qorGetDebugUsers(pipe.c_str(), names)); // and does not wait for a writer
+    // Nobody waits for the other end of a pipe, be it in the place of accounts, of the key beside them or of known hosts.
+    const std::string path = m_folder / "strange";
+    std::string text;
+    std::string reason;
+    bool is_missing = false;
+    for (const char* const kind : qor::test::strange_kinds) {
+        const qor::test::strange_file strange(kind, path);
+        EXPECT_FALSE(qorGetDebugUsers(path.c_str(), names)) << kind;
+        EXPECT_FALSE(read_own_file(path, text, reason)) << kind;
+        EXPECT_FALSE(read_private_file(path, text, reason, is_missing)) << kind;
+        EXPECT_EQ(reason == reason_of(private_file_fault::no_plain_file), std::string_view(kind) != "link to itself") << reason;
+        EXPECT_FALSE(is_missing) << kind;
+        const qor::test::strange_file key(kind, m_path + ".key");
+        EXPECT_EQ(error_with(0600, m_path), qorError_server_key_unusable) << kind;
+    }
 }
 
 TEST_F(private_files, are_private_whatever_the_mask) {

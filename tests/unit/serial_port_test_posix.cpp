@@ -282,9 +282,10 @@ TEST(serial_lock_files, of_processes_that_live_lock_the_port) {
     for (const std::string& text : {"      " + own + "\n", own, own + " minicom root\n", binary}) {
         host.folder().file("lock/LCK..ttyUSB0", text);
         int holder = 0;
-        EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder), qor::serial::lock::process) << text;
+        std::string file;
+        EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder, file), qor::serial::lock::process) << text;
         EXPECT_EQ(holder, getpid());
-        EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB1", makedev(188, 1), holder), qor::serial::lock::none);
+        EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB1", makedev(188, 1), holder, file), qor::serial::lock::none);
     }
 }
 
@@ -294,7 +295,8 @@ TEST(serial_lock_files, numbers_that_look_like_texts) {
     const auto holder_in = [&](std::string_view bytes) {
         host.folder().file("lock/LCK..ttyUSB0", bytes);
         int holder = 0;
-        qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder);
+        std::string file;
+        qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder, file);
         return holder;
     };
     constexpr int numbers[] = {'5', '0' << 8 | '1', ' ' << 8 | '9', '7' << 8 | '\n', '1' << 16 | '2' << 8 | '3', (1 << 22) - 1};
@@ -309,8 +311,9 @@ TEST(serial_lock_files, by_the_number_of_the_device) {
     const qor::test::fake_host host;
     host.folder().file("lock/LCK.004.064", std::to_string(getpid()));
     int holder = 0;
-    EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyS0", makedev(4, 64), holder), qor::serial::lock::process);
-    EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyS1", makedev(4, 65), holder), qor::serial::lock::none);
+    std::string file;
+    EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyS0", makedev(4, 64), holder, file), qor::serial::lock::process);
+    EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyS1", makedev(4, 65), holder, file), qor::serial::lock::none);
 }
 
 TEST(serial_lock_files, without_a_number_lock_for_somebody) {
@@ -318,7 +321,8 @@ TEST(serial_lock_files, without_a_number_lock_for_somebody) {
     for (const char* const text : {"", "somebody", "0", "-1"}) {
         host.folder().file("lock/LCK..ttyUSB0", text);
         int holder = 0;
-        EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder), qor::serial::lock::somebody) << text;
+        std::string file;
+        EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder, file), qor::serial::lock::somebody) << text;
     }
 }
 
@@ -330,5 +334,6 @@ TEST(serial_lock_files, of_processes_that_are_gone_lock_nothing) {
     ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
     host.folder().file("lock/LCK..ttyUSB0", std::to_string(gone));
     int holder = 0;
-    EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder), qor::serial::lock::none);
+    std::string file;
+    EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder, file), qor::serial::lock::none);
 }

@@ -21,6 +21,7 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
+from strange_files import KINDS, strange_file  # noqa: E402  # beside this folder
 from tool import as_nobody, copy_programs, public_folder  # noqa: E402  # beside this folder
 
 HOST_FILE = Path("/etc/pam.d/qor")
@@ -417,7 +418,16 @@ class Rules(RealAccount):
 
     def test_without_the_module(self):
         (self.bin / "qor" / "qor-pam.so").unlink()
-        self.check_refused(f"The module '{self.bin}/qor-pam.so' is missing or cannot be read.")
+        self.check_refused(f"The module '{self.bin}/qor/qor-pam.so' is missing.")
+
+    def test_with_rules_that_are_no_file(self):
+        for kind in KINDS:
+            with self.subTest(kind=kind), strange_file(kind, self.rules / "qor"):
+                if kind.startswith("link"):
+                    reason = f"The logon service is not configured: there is neither '{HOST_FILE}' nor '{self.rules / 'qor'}'."
+                else:
+                    reason = f"Cannot read '{self.rules / 'qor'}': it is no plain file."
+                self.check_refused(reason)
 
 
 def main():

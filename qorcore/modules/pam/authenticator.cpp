@@ -1,5 +1,7 @@
 #include "authenticator.h"
 
+#include "qor/glue/regular_file_posix.h"
+
 #include <security/pam_appl.h>
 
 #include <cerrno>
@@ -31,6 +33,16 @@ std::string own_folder() {
         return {};
     const std::string path = self.dli_fname;
     return path.substr(0, path.rfind('/') + 1) + "pam.d";
+}
+
+// False, and the last error: it is something else, which is not for reading.
+bool is_file(const char* path, const struct stat& status) noexcept {
+    if (qor::glue::reason_against(status) == 0)
+        return true;
+    qorString fault;
+    fault.LoadString("qorcore", 1052);
+    qorSetLastError(qorError_cannot_read_file, path, fault.Text());
+    return false;
 }
 
 // ---- the conversation
@@ -86,12 +98,15 @@ public:
     session(const char* name, const char* password) noexcept : m_answer{password}, m_conversation{&converse, &m_answer} {
         const std::string folder = own_folder();
         const std::string file = folder + '/' + service;
-        // PAM would answer for a service without a file by the rules for "other", whatever they are.
-        if (access(host_file, F_OK) == 0)
-            m_result = pam_start(service, name, &m_conversation, &m_handle);
-        else if (access(file.c_str(), F_OK) == 0)
-            m_result = pam_start_confdir(service, name, &m_conversation, folder.c_str(), &m_handle);
-        else
+        struct stat status;
+        // PAM would answer for a service without a file by the rules for "other", whatever they are; and it would wait at a pipe.
+        if (stat(host_file, &status) == 0) {
+            if (is_file(host_file, status))
+                m_result = pam_start(service, name, &m_conversation, &m_handle);
+        } else if (stat(file.c_str(), &status) == 0) {
+            if (is_file(file.c_str(), status))
+                m_result = pam_start_confdir(service, name, &m_conversation, folder.c_str(), &m_handle);
+        } else
             qorSetLastError(qorError_logon_not_configured, host_file, file.c_str());
         if (m_handle == nullptr && m_result != PAM_SUCCESS)
             fail("pam_start", name);

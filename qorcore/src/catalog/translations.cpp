@@ -43,9 +43,7 @@ const qor::catalog::translation& qor::catalog::translations::load(std::string_vi
     const auto [entry, is_new] = m_loaded.try_emplace(std::move(name));
     if (is_new) {
         // A file that is not there is remembered too, as one that says nothing.
-        const std::string path = m_find_file(entry->first);
-        if (!path.empty())
-            entry->second = load_catalog(path, messages);
+        entry->second = load_catalog(m_find_file(entry->first), messages);
     }
     return entry->second;
 }

@@ -15,7 +15,7 @@ namespace qor::catalog {
 // Any thread. Each file is looked for and read once, at the first question that needs it; English needs none.
 class translations {
 public:
-    // The path of a file that came with the library; empty: there is none.
+    // The path of a file that came with the library, where it is or where it would be.
     using finder = std::string (*)(std::string_view name);
     explicit translations(finder find_file) noexcept : m_find_file(find_file) {}
 

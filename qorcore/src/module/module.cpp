@@ -1,8 +1,9 @@
 #include "module/module.h"
 
+#include "catalog/catalog.h"
 #include "error/error.h"
+#include "file/raw_file.h"
 #include "glue/own_table.h"
-#include "process/process.h"
 #include "process/resources.h"
 #include "qor/glue/module.h"
 
@@ -14,13 +15,25 @@ namespace {
 using qor::glue::module_point;
 using qor::glue::module_table;
 
+// Looks at the file before the loader does, which would wait for the other end of a pipe. False: the last error says what is
+// wrong with it.
+bool is_usable(const std::string& path) {
+    using qor::file::raw_file;
+    const int code = raw_file().open(path.c_str(), raw_file::access::regular);
+    if (raw_file::is_missing(code))
+        qor::error::set(qorError_module_missing, {path.c_str()});
+    else if (code == raw_file::not_regular)
+        qor::error::set(qorError_module_damaged, {path.c_str(), std::string(qor::catalog::find("qorcore", 1052)).c_str()});
+    else if (code != 0)
+        qor::error::set_with_reason(qorError_module_damaged, path.c_str(), code);
+    return code == 0;
+}
+
 // Null: the last error says why.
 const module_table* load(const std::string& file) {
     const std::string path = qor::process::find_resource(file);
-    if (path.empty()) {
-        qor::error::set(qorError_module_missing, {(qor::process::library_folder() + file).c_str()});
+    if (!is_usable(path))
         return nullptr;
-    }
     std::string reason;
     void* const library = qor::module::load_library(path, reason);
     if (library == nullptr) {

@@ -13,6 +13,9 @@
 
 namespace {
 
+// The kernel takes no more than 6 MB of words for a program.
+constexpr std::size_t longest_command_line = 16 << 20;
+
 // Never destroyed: exit handlers too report under this name.
 std::string& process_name() {
     static std::string* const name = new std::string(program_invocation_short_name);
@@ -60,7 +63,7 @@ void qor::process::set_environment(const char* variable, const char* value) noex
 bool qor::process::has_argument(const char* begin) noexcept {
     // Each word ends with a NUL.
     std::string text;
-    if (!file::read_whole("/proc/self/cmdline", text.max_size(), text))
+    if (!file::read_whole("/proc/self/cmdline", longest_command_line, text))
         return false;
     return text.find('\0' + std::string(begin)) != std::string::npos;
 }

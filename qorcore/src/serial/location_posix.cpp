@@ -46,30 +46,25 @@ std::string usb_texts(const std::string& device) {
     return number.empty() ? text : text + ", serial " + number;
 }
 
+std::string hexadecimal(unsigned long long number) {
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%llx", number);
+    return text;
+}
+
 // The address of a UART on the motherboard, "0x3f8". Empty if only root is told.
 std::string address(const std::string& port, const std::string& device) {
     for (const char* const attribute : {"/port", "/iomem_base"}) {
         const std::string text = read_attribute(port + attribute);
-        if (const unsigned long long number = std::strtoull(text.c_str(), nullptr, 0)) {
-            char lower[32];
-            std::snprintf(lower, sizeof lower, "0x%llx", number);
-            return lower;
-        }
+        if (const unsigned long long number = std::strtoull(text.c_str(), nullptr, 0))
+            return hexadecimal(number);
     }
     // Plug and play tells everybody, line by line: "io 0x3f8-0x3ff".
-    if (std::FILE* const file = std::fopen((device + "/resources").c_str(), "re")) {
-        char line[128];
-        unsigned long long number = 0;
-        while (std::fgets(line, sizeof line, file) != nullptr)
-            if (std::sscanf(line, "io 0x%llx", &number) == 1 || std::sscanf(line, "mem 0x%llx", &number) == 1)
-                break;
-        std::fclose(file);
-        if (number != 0) {
-            std::snprintf(line, sizeof line, "0x%llx", number);
-            return line;
-        }
-    }
-    return {};
+    unsigned long long number = 0;
+    for (const std::string& line : qor::serial::read_lines(device + "/resources"))
+        if (std::sscanf(line.c_str(), "io 0x%llx", &number) == 1 || std::sscanf(line.c_str(), "mem 0x%llx", &number) == 1)
+            break;
+    return number != 0 ? hexadecimal(number) : "";
 }
 
 std::string on_motherboard(const std::string& port, const std::string& device) {

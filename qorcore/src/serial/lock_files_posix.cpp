@@ -1,5 +1,7 @@
 #include "serial/lock_files.h"
 
+#include "file/raw_file.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -12,9 +14,10 @@ namespace {
 
 // The number is written as text by most, as a plain int by some: that has a zero byte, because processes have numbers below
 // 2^22, and a text has none. 0: it cannot be told.
-int read_holder(std::FILE* file) {
+int read_holder(qor::file::raw_file& file) {
     char text[32] = "";
-    const std::size_t length = std::fread(text, 1, sizeof text - 1, file);
+    std::size_t length = 0;
+    file.read_at(0, text, sizeof text - 1, &length);
     int number;
     if (length == sizeof number && std::memchr(text, 0, length) != nullptr)
         std::memcpy(&number, text, sizeof number);
@@ -25,19 +28,17 @@ int read_holder(std::FILE* file) {
 
 } // namespace
 
-qor::serial::lock qor::serial::find_lock(const host& on, const std::string& kernel_name, dev_t number, int& holder) {
+qor::serial::lock qor::serial::find_lock(const host& on, const std::string& kernel_name, dev_t number, int& holder,
+                                 std::string& file) {
     char by_number[32];
     std::snprintf(by_number, sizeof by_number, "/LCK.%03u.%03u", major(number), minor(number));
     for (const std::string& name : {"/LCK.." + std::string(base_name(kernel_name)), std::string(by_number)}) {
-        std::FILE* const file = std::fopen((on.locks + name).c_str(), "re");
-        if (file == nullptr) {
-            // One that may not be read is there all the same.
-            if (errno == EACCES)
-                return lock::somebody;
+        file = on.locks + name;
+        qor::file::raw_file opened;
+        const int code = opened.open(file.c_str(), file::raw_file::access::regular);
+        if (file::raw_file::is_missing(code) || code == ENAMETOOLONG)
             continue;
-        }
-        holder = read_holder(file);
-        std::fclose(file);
+        holder = code == 0 ? read_holder(opened) : 0;
         // Whoever is about to write the number has locked it already.
         if (holder == 0)
             return lock::somebody;

@@ -1,30 +1,46 @@
 #include "serial/sysfs_files.h"
 
+#include "file/whole_file.h"
 #include "serial/sysfs.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
 #include <unistd.h>
 
-std::string qor::serial::read_attribute(const std::string& path) {
-    // More than any attribute that is asked for here.
-    char line[512] = "";
-    if (std::FILE* const file = std::fopen(path.c_str(), "re")) {
-        if (std::fgets(line, sizeof line, file) == nullptr)
-            *line = '\0';
-        std::fclose(file);
+namespace {
+
+// An attribute has a page at most, the table of drivers a few kilobytes.
+constexpr std::size_t longest_file = 1 << 20;
+
+} // namespace
+
+std::vector<std::string> qor::serial::read_lines(const std::string& path) {
+    std::string text;
+    std::vector<std::string> lines;
+    if (!file::read_whole(path.c_str(), longest_file, text))
+        return lines;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        lines.push_back(text.substr(begin, end - begin));
+        begin = end + 1;
     }
-    std::string text = line;
+    return lines;
+}
+
+std::string qor::serial::read_attribute(const std::string& path) {
+    std::vector<std::string> lines = read_lines(path);
+    if (lines.empty())
+        return {};
+    std::string& text = lines.front();
     // Texts of USB devices are whatever their makers wrote; a terminal would obey them.
     for (char& c : text)
         if (static_cast<unsigned char>(c) < ' ' || c == '\x7f')
             c = ' ';
     text.erase(text.find_last_not_of(' ') + 1);
     text.erase(0, text.find_first_not_of(' '));
-    return text;
+    return std::move(text);
 }
 
 bool qor::serial::exists(const std::string& path) noexcept { return access(path.c_str(), F_OK) == 0; }

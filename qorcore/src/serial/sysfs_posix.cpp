@@ -54,18 +54,14 @@ std::string qor::serial::terminal_folder(const host& on, std::string kernel_name
 
 std::vector<qor::serial::driver> qor::serial::read_drivers(const host& on) {
     std::vector<driver> drivers;
-    std::FILE* const table = std::fopen((on.proc + "/tty/drivers").c_str(), "re");
-    if (table == nullptr)
-        return drivers;
     // Name, file, number and range of numbers or one of them, type:
     //     serial               /dev/ttyS        4 64-95 serial
-    char line[256];
-    while (std::fgets(line, sizeof line, table) != nullptr) {
+    for (const std::string& line : read_lines(on.proc + "/tty/drivers")) {
         char name[64];
         char type[32];
         driver row{};
-        if (std::sscanf(line, "%63s %*s %u %u-%u %31s", name, &row.major, &row.first_minor, &row.last_minor, type) != 5) {
-            if (std::sscanf(line, "%63s %*s %u %u %31s", name, &row.major, &row.first_minor, type) != 4)
+        if (std::sscanf(line.c_str(), "%63s %*s %u %u-%u %31s", name, &row.major, &row.first_minor, &row.last_minor, type) != 5) {
+            if (std::sscanf(line.c_str(), "%63s %*s %u %u %31s", name, &row.major, &row.first_minor, type) != 4)
                 continue;
             row.last_minor = row.first_minor;
         }
@@ -73,7 +69,6 @@ std::vector<qor::serial::driver> qor::serial::read_drivers(const host& on) {
         row.type = type;
         drivers.push_back(std::move(row));
     }
-    std::fclose(table);
     return drivers;
 }
 

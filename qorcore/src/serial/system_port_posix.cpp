@@ -167,11 +167,12 @@ bool qor::serial::system_port::open(const std::string& name) {
         return false;
     }
     int holder = 0;
-    switch (find_lock(host{}, m_name, status.st_rdev, holder)) {
+    std::string lock_file;
+    switch (find_lock(host{}, m_name, status.st_rdev, holder, lock_file)) {
     case lock::none:
         break;
     case lock::somebody:
-        set(qorError_serial_port_in_use, {name.c_str()});
+        set(qorError_serial_port_locked, {name.c_str(), lock_file.c_str()});
         return false;
     case lock::process:
         set(qorError_serial_port_in_use_by, {name.c_str(), std::to_string(holder).c_str()});

@@ -1,26 +1,21 @@
+#include "file/whole_file.h"
 #include "simd/cache_files.h"
 
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 
 namespace {
 
 // A file of one word; empty if it cannot be read.
-std::array<char, 32> read_word(const std::string& path) {
-    std::array<char, 32> word{};
-    if (std::FILE* const file = std::fopen(path.c_str(), "re")) {
-        if (std::fscanf(file, "%31s", word.data()) != 1)
-            word = {};
-        std::fclose(file);
-    }
-    return word;
+std::string read_word(const std::string& path) {
+    constexpr std::size_t longest_file = 4096;
+    std::string word;
+    return qor::file::read_whole(path.c_str(), longest_file, word) ? word : "";
 }
 
 uint64 read_size(const std::string& path) {
-    const std::array<char, 32> word = read_word(path);
+    const std::string word = read_word(path);
     char* unit = nullptr;
-    const uint64 number = std::strtoull(word.data(), &unit, 10);
+    const uint64 number = std::strtoull(word.c_str(), &unit, 10);
     return *unit == 'K' ? number << 10 : *unit == 'M' ? number << 20 : number;
 }
 

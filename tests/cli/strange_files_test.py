@@ -1,0 +1,174 @@
+#!/usr/bin/env python3
+"""Whole runs with pipes, devices and more in the place of the files that the tool and its library look for by themselves. Each
+run ends, with what it tells where there is no such file, or with an error that names it.
+
+usage: strange_files_test.py --tool PATH --accounts PATH
+"""
+
+import argparse
+import os
+import pty
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
+from strange_files import KINDS, strange_file  # noqa: E402  # beside this folder
+from tool import Tool, add_options  # noqa: E402  # beside this folder
+
+GUARD = 250  # seconds, for a run that would never end
+
+options = None
+
+
+def name_space():
+    """What starts a program in a name space where it may mount, or None."""
+    for command in (["unshare", "-m"], ["unshare", "-r", "-m"]):
+        if shutil.which("unshare") and subprocess.run([*command, "mount", "--bind", "/", "/"], capture_output=True).returncode == 0:
+            return command
+    return None
+
+
+class StrangeFiles(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="qor.")
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name).resolve()
+        self.built = Path(options.tool).resolve().parent
+        self.bin = self.folder / "bin"
+        self.bin.mkdir()
+        shutil.copytree(self.built / "qor", self.bin / "qor")
+        for file in (options.tool, self.built / "libqor.so", options.accounts):
+            shutil.copy(file, self.bin)
+        self.tool = Tool(self.bin / "qortool")
+
+    def run_program(self, *words, program="qortool", before=(), **environment):
+        """(exit code, standard output, standard error)"""
+        done = subprocess.run([*before, self.bin / program, *words], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                              env={**self.tool.environment(), "HOME": str(self.folder), **environment}, timeout=GUARD)
+        return done.returncode, done.stdout, done.stderr
+
+    def with_each(self, path, text=b"text\n"):
+        """Each kind in the place of the file."""
+        path.parent.mkdir(parents=True, exist_ok=True)
+        for kind in KINDS:
+            with self.subTest(kind=kind, path=path.name), strange_file(kind, path, text):
+                yield kind
+
+    # ---- what came with the library
+
+    def test_catalogs(self):
+        """English takes the place of the language, message by message."""
+        german = {"LC_ALL": "de_DE.UTF-8", "LANGUAGE": "de"}
+        english = self.run_program("help")
+        self.assertNotEqual(self.run_program("help", **german), english)
+        for catalog in ("qortool.de.msg", "qorcore.de.msg"):
+            (self.bin / "qor" / catalog).unlink()
+        for catalog, translated in (("qortool.de.msg", b"6 Fertig\n"), ("qorcore.de.msg", b"1000 Optionen\n")):
+            for place in (self.bin, self.bin / "qor"):
+                for _ in self.with_each(place / catalog, translated):
+                    self.assertEqual(self.run_program("help", **german), english)
+
+    def test_a_catalog_beside_the_library_does_not_hide_the_usual_one(self):
+        german = {"LC_ALL": "de_DE.UTF-8", "LANGUAGE": "de"}
+        expected = self.run_program("help", **german)
+        for _ in self.with_each(self.bin / "qortool.de.msg"):
+            self.assertEqual(self.run_program("help", **german), expected)
+
+    def test_modules(self):
+        module = self.bin / "qor/qor-network.so"
+        for kind in self.with_each(module, (self.built / "qor/qor-network.so").read_bytes()):
+            code, _, problem = self.run_program("--quiet", "netlist")
+            reason = {"folder": "Is a directory", "link to itself": "Too many levels of symbolic links"}.get(kind, "it is no plain file")
+            expected = f"'{module}' is missing." if kind == "link to nothing" else f"'{module}' cannot be loaded: {reason}."
+            self.assertEqual((code, problem), (1, f"The network interfaces cannot be listed: The module {expected}\n"))
+
+    def test_the_library(self):
+        """Nothing is said, and 100 is the exit code; where the library also lies in the lib beside bin, that one is taken."""
+        library = self.bin / "libqor.so"
+        expected = self.run_program("dow", "1/1/2000")
+        for _ in self.with_each(library, library.read_bytes()):
+            self.assertEqual(self.run_program("dow", "1/1/2000"), (100, "", ""))
+        (self.folder / "lib").mkdir()
+        shutil.copy(self.built / "libqor.so", self.folder / "lib")
+        for _ in self.with_each(library):
+            self.assertEqual(self.run_program("dow", "1/1/2000"), expected)
+
+    # ---- what belongs to the user
+
+    def test_named_folders(self):
+        file = self.folder / ".config/user-dirs.dirs"
+        expected = self.run_program("--quiet", "path-list")
+        for _ in self.with_each(file, b'XDG_MUSIC_DIR="/music"\n'):
+            self.assertEqual(self.run_program("--quiet", "path-list"), expected)
+
+    def test_accounts(self):
+        file = self.folder / "users"
+        for kind in self.with_each(file):
+            code, out, problem = self.run_program("list", f"--file={file}", program="qor-debug-user")
+            self.assertEqual((code, out), (1, ""))
+            self.assertIn(str(file), problem)
+            if kind not in ("link to itself", "link to nothing"):
+                self.assertIn("it is no plain file", problem)
+
+    # ---- what belongs to the host
+
+    def in_a_host_where(self, *mounts):
+        """What runs a program with files of the test's own in the place of the system's: (own, system's)..."""
+        space = name_space()
+        if space is None:
+            self.skipTest("this system has no name spaces for us")
+        script = "".join(f'mount --bind "{own}" "{system}" && ' for own, system in mounts) + 'exec "$@"'
+        return [*space, "sh", "-c", script, "sh"]
+
+    def test_lock_files_of_serial_ports(self):
+        """Whoever put one there counts as the user of the port, and it is named."""
+        ends = pty.openpty()
+        for end in ends:
+            self.addCleanup(os.close, end)
+        name = os.ttyname(ends[1])
+        locks = self.folder / "lock"
+        lock = locks / ("LCK.." + name.rpartition("/")[2])
+        before = self.in_a_host_where((locks, "/var/lock"))
+        locks.mkdir()
+        free = (0, f"Port name = '{name[5:]}'\nLocation = 'pseudo-terminal'\n", "")
+        self.assertEqual(self.run_program("--quiet", "ttyinfo", name, before=before), free)
+        locked = (1, "", f"FAILED to open serial port {name}\nThe serial port '{name}' counts as in use because of the lock "
+                         f"file '/var/lock/{lock.name}', which names no process.\n")
+        for kind in self.with_each(lock, str(os.getpid()).encode()):
+            self.assertEqual(self.run_program("--quiet", "ttyinfo", name, before=before),
+                             free if kind == "link to nothing" else locked)
+        # A folder that anybody may write, as it is on many hosts.
+        locks.chmod(0o1777)
+        with strange_file("pipe", lock):
+            self.assertEqual(self.run_program("--quiet", "ttyinfo", name, before=before), locked)
+
+    def test_files_of_the_host(self):
+        """The system's name is that of the kernel where its own file tells nothing."""
+        strange = self.folder / "strange"
+        for kind in self.with_each(strange, b"PRETTY_NAME=strange\n"):
+            # A link is followed when it is mounted; a folder cannot be mounted on a file.
+            if kind in ("folder", "device", "link to itself", "link to nothing"):
+                continue
+            before = self.in_a_host_where((strange, "/etc/os-release"), (strange, "/proc/cpuinfo"), (strange, "/proc/meminfo"),
+                                          (strange, "/proc/tty/drivers"))
+            code, out, problem = self.run_program("--quiet", "sysinfo", before=before)
+            self.assertIn(code, (0, 1), problem)
+            self.assertNotIn("strange", out)
+            self.assertEqual(self.run_program("--quiet", "list-serial", before=before)[0], 0)
+
+
+def main():
+    global options
+    parser = argparse.ArgumentParser()
+    add_options(parser)
+    parser.add_argument("--accounts", type=Path, help="qor-debug-user")
+    options, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0], *rest])
+
+
+if __name__ == "__main__":
+    main()
