@@ -19,6 +19,7 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
+from name_space import name_space  # noqa: E402  # beside this folder
 from tool import NOBODY, Tool, add_options, as_nobody, copy_programs, public_folder  # noqa: E402  # beside this folder
 
 # In a name space of its own the run has these folders as its /sys and /dev.
@@ -67,14 +68,6 @@ def run(*words, command=(), program=None, **more):
     done = subprocess.run([*command, *([program] if program else tool.command), "--quiet", *words], stdin=subprocess.DEVNULL, capture_output=True,
                           text=True, env=tool.environment(), timeout=250, **more)
     return done.returncode, done.stdout, done.stderr
-
-
-def name_space():
-    """What starts a program in a name space where it may mount, or None."""
-    for command in (["unshare", "-m"], ["unshare", "-r", "-m"]):
-        if shutil.which("unshare") and subprocess.run([*command, "mount", "--bind", "/", "/"], capture_output=True).returncode == 0:
-            return command
-    return None
 
 
 class MadeUpHosts(unittest.TestCase):

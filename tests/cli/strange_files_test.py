@@ -16,20 +16,13 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from strange_files import KINDS, strange_file  # noqa: E402  # beside this folder
+from name_space import name_space  # noqa: E402  # beside this folder
+from strange_files import KINDS, REASONS, strange_file  # noqa: E402  # beside this folder
 from tool import Tool, add_options  # noqa: E402  # beside this folder
 
 GUARD = 250  # seconds, for a run that would never end
 
 options = None
-
-
-def name_space():
-    """What starts a program in a name space where it may mount, or None."""
-    for command in (["unshare", "-m"], ["unshare", "-r", "-m"]):
-        if shutil.which("unshare") and subprocess.run([*command, "mount", "--bind", "/", "/"], capture_output=True).returncode == 0:
-            return command
-    return None
 
 
 class StrangeFiles(unittest.TestCase):
@@ -51,12 +44,12 @@ class StrangeFiles(unittest.TestCase):
                               env={**self.tool.environment(), "HOME": str(self.folder), **environment}, timeout=GUARD)
         return done.returncode, done.stdout, done.stderr
 
-    def with_each(self, path, text=b"text\n"):
-        """Each kind in the place of the file."""
+    def each(self, path, check, text=b"text\n"):
+        """Calls check(kind) with each kind in the place of the file."""
         path.parent.mkdir(parents=True, exist_ok=True)
         for kind in KINDS:
             with self.subTest(kind=kind, path=path.name), strange_file(kind, path, text):
-                yield kind
+                check(kind)
 
     # ---- what came with the library
 
@@ -69,50 +62,60 @@ class StrangeFiles(unittest.TestCase):
             (self.bin / "qor" / catalog).unlink()
         for catalog, translated in (("qortool.de.msg", b"6 Fertig\n"), ("qorcore.de.msg", b"1000 Optionen\n")):
             for place in (self.bin, self.bin / "qor"):
-                for _ in self.with_each(place / catalog, translated):
-                    self.assertEqual(self.run_program("help", **german), english)
+                self.each(place / catalog, lambda _: self.assertEqual(self.run_program("help", **german), english), translated)
 
     def test_a_catalog_beside_the_library_does_not_hide_the_usual_one(self):
         german = {"LC_ALL": "de_DE.UTF-8", "LANGUAGE": "de"}
         expected = self.run_program("help", **german)
-        for _ in self.with_each(self.bin / "qortool.de.msg"):
-            self.assertEqual(self.run_program("help", **german), expected)
+        self.each(self.bin / "qortool.de.msg", lambda _: self.assertEqual(self.run_program("help", **german), expected))
 
     def test_modules(self):
         module = self.bin / "qor/qor-network.so"
-        for kind in self.with_each(module, (self.built / "qor/qor-network.so").read_bytes()):
+
+        def check(kind):
             code, _, problem = self.run_program("--quiet", "netlist")
-            reason = {"folder": "Is a directory", "link to itself": "Too many levels of symbolic links"}.get(kind, "it is no plain file")
+            reason = REASONS.get(kind, "it is no plain file")
             expected = f"'{module}' is missing." if kind == "link to nothing" else f"'{module}' cannot be loaded: {reason}."
             self.assertEqual((code, problem), (1, f"The network interfaces cannot be listed: The module {expected}\n"))
+
+        self.each(module, check, module.read_bytes())
 
     def test_the_library(self):
         """Nothing is said, and 100 is the exit code; where the library also lies in the lib beside bin, that one is taken."""
         library = self.bin / "libqor.so"
         expected = self.run_program("dow", "1/1/2000")
-        for _ in self.with_each(library, library.read_bytes()):
-            self.assertEqual(self.run_program("dow", "1/1/2000"), (100, "", ""))
+        self.each(library, lambda _: self.assertEqual(self.run_program("dow", "1/1/2000"), (100, "", "")), library.read_bytes())
         (self.folder / "lib").mkdir()
         shutil.copy(self.built / "libqor.so", self.folder / "lib")
-        for _ in self.with_each(library):
-            self.assertEqual(self.run_program("dow", "1/1/2000"), expected)
+        self.each(library, lambda _: self.assertEqual(self.run_program("dow", "1/1/2000"), expected))
 
     # ---- what belongs to the user
 
     def test_named_folders(self):
         file = self.folder / ".config/user-dirs.dirs"
         expected = self.run_program("--quiet", "path-list")
-        for _ in self.with_each(file, b'XDG_MUSIC_DIR="/music"\n'):
-            self.assertEqual(self.run_program("--quiet", "path-list"), expected)
+        self.each(file, lambda _: self.assertEqual(self.run_program("--quiet", "path-list"), expected),
+                  b'XDG_MUSIC_DIR="/music"\n')
+
+    def test_time_zones(self):
+        """UTC stands in for one."""
+        expected = self.run_program("--quiet", "tztest", TZ="UTC0")
+        file = self.folder / "zone"
+        for name in (str(file), f":{file}"):
+            self.each(file, lambda _, name=name: self.assertEqual(self.run_program("--quiet", "tztest", TZ=name), expected),
+                      b"TZif2")
 
     def test_accounts(self):
         file = self.folder / "users"
-        for kind in self.with_each(file):
-            code, out, problem = self.run_program("list", f"--file={file}", program="qor-debug-user")
+
+        def check(kind):
+            code, out, problem = self.run_program(f"--file={file}", "list", program="qor-debug-user")
             self.assertEqual((code, out), (1, ""))
             self.assertIn(str(file), problem)
             if kind not in ("link to itself", "link to nothing"):
                 self.assertIn("it is no plain file", problem)
+
+        self.each(file, check)
 
     # ---- what belongs to the host
 
@@ -138,9 +141,8 @@ class StrangeFiles(unittest.TestCase):
         self.assertEqual(self.run_program("--quiet", "ttyinfo", name, before=before), free)
         locked = (1, "", f"FAILED to open serial port {name}\nThe serial port '{name}' counts as in use because of the lock "
                          f"file '/var/lock/{lock.name}', which names no process.\n")
-        for kind in self.with_each(lock, str(os.getpid()).encode()):
-            self.assertEqual(self.run_program("--quiet", "ttyinfo", name, before=before),
-                             free if kind == "link to nothing" else locked)
+        self.each(lock, lambda kind: self.assertEqual(self.run_program("--quiet", "ttyinfo", name, before=before),
+                                                      free if kind == "link to nothing" else locked), str(os.getpid()).encode())
         # A folder that anybody may write, as it is on many hosts.
         locks.chmod(0o1777)
         with strange_file("pipe", lock):
@@ -148,17 +150,17 @@ class StrangeFiles(unittest.TestCase):
 
     def test_files_of_the_host(self):
         """The system's name is that of the kernel where its own file tells nothing."""
-        strange = self.folder / "strange"
-        for kind in self.with_each(strange, b"PRETTY_NAME=strange\n"):
-            # A link is followed when it is mounted; a folder cannot be mounted on a file.
-            if kind in ("folder", "device", "link to itself", "link to nothing"):
-                continue
-            before = self.in_a_host_where((strange, "/etc/os-release"), (strange, "/proc/cpuinfo"), (strange, "/proc/meminfo"),
-                                          (strange, "/proc/tty/drivers"))
-            code, out, problem = self.run_program("--quiet", "sysinfo", before=before)
-            self.assertIn(code, (0, 1), problem)
-            self.assertNotIn("strange", out)
-            self.assertEqual(self.run_program("--quiet", "list-serial", before=before)[0], 0)
+        # A link is followed when it is mounted, and a folder cannot be mounted on a file.
+        for kind in ("pipe", "pipe with text", "socket"):
+            strange = self.folder / kind
+            with self.subTest(kind=kind), strange_file(kind, strange, b"PRETTY_NAME=strange\n"):
+                before = self.in_a_host_where((strange, "/etc/os-release"), (strange, "/proc/cpuinfo"),
+                                              (strange, "/proc/meminfo"),
+                                              (strange, "/proc/tty/drivers"))
+                code, out, problem = self.run_program("--quiet", "sysinfo", before=before)
+                self.assertIn(code, (0, 1), problem)
+                self.assertNotIn("strange", out)
+                self.assertEqual(self.run_program("--quiet", "list-serial", before=before)[0], 0)
 
 
 def main():

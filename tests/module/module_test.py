@@ -20,7 +20,7 @@ from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
 from damaged_libraries import DamagedLibraries  # noqa: E402  # beside this folder
-from strange_files import KINDS, strange_file  # noqa: E402  # beside this folder
+from strange_files import KINDS, REASONS, strange_file  # noqa: E402  # beside this folder
 from tool import Tool  # noqa: E402  # beside this folder
 
 NOBODY = 65534
@@ -173,7 +173,8 @@ class ModulesPosix(Modules):
         self.module.write_bytes(self.real)
         self.module.chmod(0)
         # Nothing is unreadable to root.
-        self.check_unusable(reason="Permission denied", **({"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}))
+        nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
+        self.check_unusable(reason="Permission denied", **nobody)
 
     def test_what_is_no_file(self):
         """Nobody waits for the other end of a pipe, and a link to nothing is nothing."""
@@ -182,8 +183,7 @@ class ModulesPosix(Modules):
                 if kind == "link to nothing":
                     self.check_missing()
                 else:
-                    self.check_unusable(reason={"folder": "Is a directory", "link to itself": "Too many levels of symbolic links"}.get(
-                        kind, "it is no plain file"))
+                    self.check_unusable(reason=REASONS.get(kind, "it is no plain file"))
 
     def test_another_machine(self):
         machine = bytearray(self.real)

@@ -123,7 +123,8 @@ TEST(net_device, a_pci_card_that_is_in_no_list) {
 // Pipes and more in the place of files: nobody waits for what may never come.
 TEST(net_device, files_that_are_none) {
     for (const char* const kind : qor::test::strange_kinds)
-        for (const char* const file : {"/run/udev/data/+pci:0000:00:1f.6", "/usr/share/misc/pci.ids", "/sys/devices/pci0000:00/0000:00:1f.6/device"}) {
+        for (const char* const file : {"/run/udev/data/+pci:0000:00:1f.6", "/usr/share/misc/pci.ids",
+                                       "/sys/devices/pci0000:00/0000:00:1f.6/device"}) {
             fake_root root;
             add_pci_card(root, "0x8086", "0x0001");
             root.write(file, "");

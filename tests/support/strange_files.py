@@ -8,6 +8,9 @@ import socket
 # The pipe with text has a writer that keeps it open, so that it never ends.
 KINDS = ("pipe", "pipe with text", "folder", "device", "socket", "link to itself", "link to nothing")
 
+# The system's words for some of them.
+REASONS = {"folder": "Is a directory", "link to itself": "Too many levels of symbolic links"}
+
 
 @contextlib.contextmanager
 def strange_file(kind, path, text=b"text\n"):

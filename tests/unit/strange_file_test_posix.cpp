@@ -49,7 +49,8 @@ TEST_F(strange_files, are_told_by_their_kind) {
     EXPECT_EQ(reason("folder"), EISDIR);
     EXPECT_EQ(reason("link to itself"), ELOOP);
     EXPECT_TRUE(raw_file::is_missing(reason("nothing")));
-    EXPECT_TRUE(raw_file::is_missing(raw_file().open(m_folder.file("plain", "").append("/below").c_str(), raw_file::access::regular)));
+    const std::string below = m_folder.file("plain", "") + "/below";
+    EXPECT_TRUE(raw_file::is_missing(raw_file().open(below.c_str(), raw_file::access::regular)));
     EXPECT_EQ(raw_file().open((m_folder / "plain").c_str(), raw_file::access::regular), 0);
     EXPECT_EQ(raw_file().open("/proc/self/status", raw_file::access::regular), 0);
 }

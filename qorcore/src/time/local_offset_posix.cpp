@@ -10,12 +10,12 @@
 
 namespace {
 
-// The C library takes UTC for a zone that it does not know, and says nothing. TZ is looked at again when it
-// has changed.
-void check_zone() {
+// Whether the zone is one. The C library is not asked about others: it takes UTC for what it does not know, and says nothing,
+// but it would wait at a pipe. TZ is looked at again when it has changed.
+bool check_zone() {
     const char* const name = std::getenv("TZ");
     if (name == nullptr)
-        return;
+        return true;
     static std::mutex lock;
     static std::string& checked = *new std::string;
     static bool known = true;
@@ -29,6 +29,7 @@ void check_zone() {
     }
     if (!known)
         qor::error::set(qorError_unknown_time_zone, {name});
+    return known;
 }
 
 } // namespace
@@ -36,7 +37,8 @@ void check_zone() {
 int32 qor::time::local_offset(uint64 clock) noexcept {
     const auto seconds =
         static_cast<std::time_t>(static_cast<int64>(clock / qorTicksPerSecond) - seconds_to_1970);
-    check_zone();
+    if (!check_zone())
+        return 0;
     // The zone may have changed, and localtime_r need not look.
     tzset();
     std::tm local;
