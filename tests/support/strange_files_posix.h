@@ -18,8 +18,9 @@ inline constexpr const char* strange_kinds[] = {"pipe", "pipe with text", "folde
 class strange_file {
 public:
     strange_file(std::string_view kind, std::string path, std::string_view text = "text\n") : m_path(std::move(path)) {
-        if (kind == "pipe" || kind == "pipe with text")
+        if (kind == "pipe" || kind == "pipe with text") {
             EXPECT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+        }
         if (kind == "pipe with text") {
             m_end = open(m_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
             EXPECT_EQ(write(m_end, text.data(), text.size()), static_cast<ssize_t>(text.size()));
