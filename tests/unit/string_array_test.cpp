@@ -49,6 +49,47 @@ TEST(StringArray, Elements) {
     EXPECT_STREQ(array.GetAt(0xffffffff), "");
 }
 
+TEST(StringArray, AnElementBehindTheCountIsASpareOne) {
+    qorStringArray array = array_of({"first", "second", "third"});
+    ASSERT_GT(array.m_data.alloc, 3u);
+    const auto are_empty = [&array](uint32 from) {
+        for (uint32 i = from; i < array.m_data.alloc; ++i)
+            if (array[i][0] != '\0' || array.GetAt(i) != array.m_data.elements[i].Text())
+                return false;
+        return true;
+    };
+    EXPECT_TRUE(are_empty(3));
+    // Each way to have fewer elements leaves storage behind, but no text.
+    qorString one("one");
+    one.Tokenise_WS(array);
+    EXPECT_EQ(list(array), texts{"one"});
+    EXPECT_TRUE(are_empty(1));
+    array = array_of({"first", "second", "third"});
+    one.TokeniseAtByte('n', array);
+    EXPECT_EQ(list(array), (texts{"o", "e"}));
+    EXPECT_TRUE(are_empty(2));
+    array = array_of({"first", "second", "third"});
+    array.Copy(array_of({"copy"}));
+    EXPECT_TRUE(are_empty(1));
+    array = array_of({"first", "second", "third"});
+    array.CopyPortion(array_of({"a", "b"}), 1, 1);
+    EXPECT_TRUE(are_empty(1));
+    array = array_of({"first", "second", "third"});
+    array.RemoveAt(0, 2);
+    EXPECT_EQ(list(array), texts{"third"});
+    EXPECT_TRUE(are_empty(1));
+}
+
+// The element is changed, so that its own text can be told from none at all.
+TEST(StringArray, AnIndexBehindTheCountGivesTheElementAllTheSame) {
+    qorStringArray array = array_of({"first"});
+    ASSERT_GT(array.m_data.alloc, 2u);
+    array.m_data.elements[2].Set("spare");
+    EXPECT_STREQ(array[2], "spare");
+    EXPECT_STREQ(array.GetAt(2), "spare");
+    EXPECT_STREQ(array[array.m_data.alloc], "");
+}
+
 TEST(StringArray, FromVectors) {
     char program[] = "program", word[] = "word";
     char* const arguments[] = {program, word, nullptr};

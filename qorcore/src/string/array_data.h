@@ -1,7 +1,7 @@
 // Inside the library: the storage of string arrays.
 //
-// All slots of the storage are strings, those behind the count too: they keep the storage of elements that
-// were there before, and an array that is filled again and again, as with the words of each line of a file,
+// All slots of the storage are strings, those behind the count too: they are empty, and keep the storage of elements
+// that were there before, and an array that is filled again and again, as with the words of each line of a file,
 // stops allocating after a few rounds.
 #pragma once
 
@@ -13,6 +13,8 @@ namespace qor::string {
 
 // No elements; their storage waits for the next ones.
 inline void restart(qorStringArray& array) noexcept {
+    for (uint32 i = 0; i < array.m_data.count; ++i)
+        array.m_data.elements[i].Empty();
     array.m_data.count = 0;
 }
 

@@ -23,8 +23,9 @@ public:
     uint32 GetCount() const noexcept { return m_data.count; }
     bool IsEmpty() const noexcept { return m_data.count == 0; }
 
-    // An element's text, valid until the array changes. An index that is not below the count is reported and
-    // yields an empty text.
+    // An element's text, valid until the array changes. An index that is not below the count is reported, and the
+    // element is returned all the same: where the array has room for it, it is a spare one, whose text is empty until
+    // the array grows; where it has none, there is no element, and the text is empty, too.
     const char* operator[](uint32 index) const noexcept { return at(index); }
     const char* GetAt(uint32 index) const noexcept { return at(index); }
 
@@ -81,7 +82,8 @@ public:
     bool Write(IQORDataSink* sink) const noexcept { return qor::glue::qorStringArray_Write(this, sink); }
     bool Read(IQORDataSource* source) noexcept { return qor::glue::qorStringArray_Read(this, source); }
 
-    // Part of the contract: the library allocates and frees, inline members read.
+    // Part of the contract: the library allocates and frees, inline members read. All of `alloc` are strings; those
+    // behind the count are empty.
     struct data {
         qorString* elements = nullptr;
         uint32 count = 0;
@@ -90,11 +92,10 @@ public:
 
 private:
     const char* at(uint32 index) const noexcept {
-        if (index < m_data.count) [[likely]]
-            return m_data.elements[index].Text();
-        qor::glue::assert_failed("index < m_data.count",
-                                 "const char* qorStringArray::operator[](uint32) const",
-                                 qor::glue::common_file, 109);
-        return "";
+        if (index >= m_data.count) [[unlikely]]
+            qor::glue::assert_failed("index < m_data.count",
+                                     "const char* qorStringArray::operator[](uint32) const",
+                                     qor::glue::common_file, 109);
+        return index < m_data.alloc ? m_data.elements[index].Text() : "";
     }
 };
