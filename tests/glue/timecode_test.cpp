@@ -190,9 +190,29 @@ TEST(Timecode, WithoutAFlagCountsWithDroppedFrames) {
     EXPECT_EQ(with, qorTimecode(0, 1, 0, 2));
     EXPECT_EQ(without, with);
     EXPECT_EQ(plain, qorTimecode(0, 1, 0, 0));
+    qorTimecode by_its_own_row; // which this client has no call for
+    qor::glue::qorTimecode_SetFromFrameCount(&by_its_own_row, rate, 1800);
+    EXPECT_EQ(by_its_own_row, with);
     EXPECT_EQ(with.GetFrameCount(rate, true), 1800u);
     EXPECT_EQ(with.GetFrameCount(rate, false), 1802u);
     EXPECT_EQ(table.take(), calls{});
+}
+
+TEST(Timecode, WithoutAFlagPassesTrueForIt) {
+    static std::string asked;
+    asked.clear();
+    qor::test::recording_table table;
+    table.rows.qorTimecode_SetFromFrameCount = [](qorTimecode*, const qorRational&, uint64) noexcept {
+        asked += "without;";
+    };
+    table.rows.qorTimecode_SetFromFrameCount_drop = [](qorTimecode*, const qorRational& rate, bool drop_frame,
+                                                       uint64 count) noexcept {
+        asked += std::to_string(rate.numerator) + (drop_frame ? " true " : " false ") + std::to_string(count) + ";";
+    };
+    qorTimecode timecode;
+    timecode.SetFromFrameCount(qorRational(25, 1), 7);
+    timecode.SetFromFrameCount(qorRational(30, 1), false, 8);
+    EXPECT_EQ(asked, "25 true 7;30 false 8;");
 }
 
 // The library reports by itself, on standard error.

@@ -96,7 +96,7 @@ public:
     }
     // With drop-frame counting, where the rate has it.
     void SetFromFrameCount(const qorRational& rate, uint64 count) noexcept {
-        qor::glue::qorTimecode_SetFromFrameCount(this, rate, count);
+        SetFromFrameCount(rate, true, count);
     }
 
     // The number of the frame with this timecode: the inverse of the above for every count whose hours and
