@@ -208,7 +208,9 @@ TEST(DataBlock, AnEmptyOneHasNoFirstByte) {
     recording_table table;
     qorDataBlock block;
     EXPECT_EQ(block.ptr_at(0), nullptr);
-    EXPECT_EQ(table.take().size(), 1u);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block.ptr_at(5)), 5u);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(std::as_const(block).ptr_at(0xffffffff)), 0xffffffffu);
+    EXPECT_EQ(table.take().size(), 3u);
 }
 
 TEST(DataBlock, IsSilentWithoutATable) {

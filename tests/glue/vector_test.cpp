@@ -156,6 +156,8 @@ TEST(Vector, AnIndexBeyondTheEndIsReportedAndItsAddressReturned) {
     qorVector vector(sizeof(int));
     EXPECT_EQ(vector.ptr(0), nullptr);
     EXPECT_EQ(table.take(), calls{beyond_the_end});
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(vector.ptr(3)), 3 * sizeof(int));
+    EXPECT_EQ(table.take(), calls{beyond_the_end});
     append(vector, {1, 2});
     EXPECT_EQ(vector.ptr(1), vector.m_data.elements + sizeof(int));
     EXPECT_EQ(table.take(), calls{});

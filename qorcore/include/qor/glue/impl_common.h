@@ -7,12 +7,21 @@
 #include "qor/system/Interface.h"
 #include "qor/system/Memory.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
 namespace qor::glue {
 
 inline constexpr char common_file[] = "qorcore/include/qor/glue/impl_common";
+
+// The address so many bytes behind another. It may lie outside of what begins there, or that may be null: an operation
+// that reports a bad index returns the address all the same. Numbers are added, for in pointers that has no meaning.
+template <class TYPE>
+TYPE* address_behind(TYPE* begin, std::size_t bytes) noexcept {
+    return reinterpret_cast<TYPE*>(reinterpret_cast<std::uintptr_t>(begin) + bytes);
+}
 
 // Tells the framework of a new object, so that the allocation log can name its type. Silent before the table is
 // bound.
@@ -227,13 +236,13 @@ public:
         if (offset >= m_data.size)
             qor::glue::assert_failed("offset < m_data.size", "void* qorDataBlock::ptr_at(uint32)",
                                      qor::glue::common_file, 1858);
-        return static_cast<char*>(m_data.bytes) + offset;
+        return qor::glue::address_behind(m_data.bytes, offset);
     }
     const void* ptr_at(uint32 offset) const noexcept {
         if (offset >= m_data.size)
             qor::glue::assert_failed("offset < m_data.size", "const void* qorDataBlock::ptr_at(uint32) const",
                                      qor::glue::common_file, 1865);
-        return static_cast<const char*>(m_data.bytes) + offset;
+        return qor::glue::address_behind<const void>(m_data.bytes, offset);
     }
 
     uint32 Size() const noexcept { return m_data.size; }

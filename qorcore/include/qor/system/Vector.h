@@ -59,11 +59,11 @@ public:
     // all the same.
     void* ptr(uint32 index) noexcept {
         check(index);
-        return m_data.elements + static_cast<std::size_t>(index) * m_data.chunk_size;
+        return qor::glue::address_behind(m_data.elements, std::size_t{index} * m_data.chunk_size);
     }
     const void* ptr(uint32 index) const noexcept {
         check(index);
-        return m_data.elements + static_cast<std::size_t>(index) * m_data.chunk_size;
+        return qor::glue::address_behind(m_data.elements, std::size_t{index} * m_data.chunk_size);
     }
 
     uint32 GetCount() const noexcept { return m_data.count; }

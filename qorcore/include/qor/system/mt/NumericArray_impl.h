@@ -99,8 +99,8 @@ public:
     }
 
     // An element's address; the index is not checked.
-    ELEMENT* GetElementPtr(uint32 index) noexcept { return GetDataPtr() + index; }
-    const ELEMENT* GetElementPtr(uint32 index) const noexcept { return GetDataPtr() + index; }
+    ELEMENT* GetElementPtr(uint32 index) noexcept { return address_behind(GetDataPtr(), size(index)); }
+    const ELEMENT* GetElementPtr(uint32 index) const noexcept { return address_behind(GetDataPtr(), size(index)); }
 
     // By the C library's qsort, with the helpers below. Elements whose difference does not fit in 32 bits,
     // and floating ones less than 1 apart, end up in an order that only qsort knows.
