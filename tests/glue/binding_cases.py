@@ -2,7 +2,7 @@
 
 A test case of its system has these names: `library`, where libqor is looked for; `real`, the bytes of the sound one;
 `good_start`, how many of them it takes to pass for one; `suffix`, of libraries; check() and copy(); and LOST,
-NOT_ANYWHERE, NO_EXPORT and NOT_A_WORD, what comes of it.
+NOT_ANYWHERE, NO_EXPORT, INCOMPLETE and NOT_A_WORD, what comes of it.
 """
 
 import sys
@@ -27,6 +27,17 @@ class WrongLibraries(DamagedLibraries):
     def test_without_the_export(self):
         self.copy("without_export" + self.suffix, self.library)
         self.check(self.LOST, self.NO_EXPORT)
+
+    def test_an_export_that_is_no_function(self):
+        self.copy("no_function" + self.suffix, self.library)
+        self.check(self.LOST, self.NO_EXPORT)
+
+    def test_an_incomplete_table(self):
+        """Of an older library, which lacks what the client was compiled for."""
+        for name in ("short_table", "table_without_length", "table_with_a_gap"):
+            with self.subTest(name):
+                self.copy(name + self.suffix, self.library)
+                self.check(self.LOST, self.INCOMPLETE)
 
     def test_a_null_table(self):
         self.copy("null_table" + self.suffix, self.library)

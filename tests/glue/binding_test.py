@@ -49,6 +49,7 @@ def segments(image):
 
 class Binding(WrongLibraries, unittest.TestCase):
     LOST, NOT_ANYWHERE, NO_EXPORT, NOT_A_WORD = LOST, NOT_ANYWHERE, NO_EXPORT, ""
+    INCOMPLETE = f"{LOG_USER_DEBUG} FAILED libqor.so lacks operations that this program needs\n"
     good_start, suffix = 16, ".so"
 
     def setUp(self):
@@ -190,6 +191,86 @@ class Binding(WrongLibraries, unittest.TestCase):
     def test_unresolved_symbols(self):
         self.copy("unresolved.so", self.library)
         self.check(LOST, NOT_ANYWHERE)
+
+    def test_a_fifo(self):
+        os.mkfifo(self.library)
+        self.check(LOST, NOT_ANYWHERE)
+
+    def test_an_export_that_cannot_be_called(self):
+        for name in ("function_without_code.so", "number_in_code.so"):
+            with self.subTest(name):
+                self.copy(name, self.library)
+                self.check(LOST, NO_EXPORT)
+
+    def test_single_bits_of_the_headers(self):
+        """Each bit of the file's header and of the program headers: where it counts, the library is refused, and
+        nothing is mapped that is not there."""
+        self.library.write_bytes(self.real)
+        at, = struct.unpack_from("<Q", self.real, 32)
+        size, count = struct.unpack_from("<HH", self.real, 54)
+        self.assertEqual(at, 64)
+        bits = range((at + size * count) * 8)
+        refused = 0
+        with open(self.library, "r+b", buffering=0) as library:
+            # Starting a program with a sanitizer in it takes many times as long.
+            for bit in bits[::17] if options.instrumented else bits:
+                byte = self.real[bit // 8]
+                os.pwrite(library.fileno(), bytes([byte ^ 1 << bit % 8]), bit // 8)
+                result = self.run_client()
+                os.pwrite(library.fileno(), bytes([byte]), bit // 8)
+                self.assertIn(result, (LOST, BOUND), f"byte {bit // 8}, bit {bit % 8}")
+                refused += result == LOST
+        self.assertGreater(refused, 0)
+        self.check(BOUND, "")
+
+    # ---- without /proc
+
+    def without_proc(self, *words):
+        """The words before a program that sees an empty /proc."""
+        if options.instrumented:
+            self.skipTest("a sanitizer needs /proc itself")
+        for space in (["unshare", "-m"], ["unshare", "-r", "-m"]):
+            hide = [*space, "sh", "-c", 'mount -t tmpfs none /proc && exec "$@"', "sh"]
+            if subprocess.run([*hide, "true"], capture_output=True).returncode == 0:
+                return [*hide, *words]
+        self.skipTest("this host lets nobody have name spaces")
+
+    def run_without_proc(self, *words, before=(), **more):
+        run = subprocess.run([*self.without_proc(*before), *words], stdin=subprocess.DEVNULL, capture_output=True,
+                             timeout=120, **more)
+        return run.returncode, run.stdout, run.stderr
+
+    def test_without_proc(self):
+        self.library.write_bytes(self.real)
+        self.assertEqual(self.run_without_proc(self.client), BOUND)
+        self.assertEqual(self.run_without_proc("./client", cwd=self.bin), BOUND)
+
+    def test_without_proc_installed_behind_a_link(self):
+        self.install(self.real)
+        link = self.root / "link"
+        link.symlink_to("bin/client")
+        self.assertEqual(self.run_without_proc("./link", cwd=self.root), BOUND)
+
+    def test_without_proc_and_without_the_library(self):
+        self.assertEqual(self.run_without_proc(self.client), LOST)
+
+    def test_without_proc_where_the_path_cannot_be_trusted(self):
+        """A set-user-id program believes no path that its user chose."""
+        if os.geteuid() != 0:
+            self.skipTest("only root makes a program that runs as root")
+        if os.statvfs(self.bin).f_flag & os.ST_NOSUID:
+            self.skipTest("no program in the folder for temporary files runs as another user")
+        self.library.write_bytes(self.real)
+        self.bin.chmod(0o755)
+        self.library.chmod(0o755)
+        somebody = ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups"]
+        for mode, expected in ((0o755, BOUND), (0o4755, LOST)):
+            self.client.chmod(mode)
+            self.assertEqual(self.run_without_proc(self.client, before=somebody), expected)
+
+    def test_the_tool_without_proc(self):
+        beside = self.run_client("--quiet", "help", client=options.tool)
+        self.assertEqual(self.run_without_proc(options.tool, "--quiet", "help"), beside)
 
     # ---- by its bare name
 

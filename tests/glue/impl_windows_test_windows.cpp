@@ -43,6 +43,16 @@ decltype(&GlobalFree) __wrap___imp_GlobalFree = free_noted;
 
 } // extern "C"
 
+static_assert(sizeof(MEMORY_BASIC_INFORMATION) == 48 && offsetof(MEMORY_BASIC_INFORMATION, Protect) == 36);
+
+TEST(WindowsExport, IsAFunctionWhereItsMemoryIsExecutable) {
+    static int number = 0;
+    EXPECT_TRUE(qor::glue::is_function(reinterpret_cast<const void*>(&ExitProcess)));
+    EXPECT_TRUE(qor::glue::is_function(reinterpret_cast<const void*>(&split)));
+    EXPECT_FALSE(qor::glue::is_function(&number));
+    EXPECT_FALSE(qor::glue::is_function(nullptr));
+}
+
 TEST(WindowsProcessArgs, AreTheWordsWithoutTheProgram) {
     recording_table table;
     qorStringArray words;

@@ -1,5 +1,7 @@
 // The table as the library hands it out.
+#include "qor/glue/module.h"
 #include "qor/qor.h"
+#include "support/fenced_memory.h"
 
 #include <gtest/gtest.h>
 
@@ -15,6 +17,7 @@ using qor::glue::binding_table;
     static_assert(offsetof(binding_table, op) == (number) * sizeof(void*));                                  \
     static_assert(std::is_same_v<decltype(binding_table::op), signature>)
 
+FIXED(0, qorGetTableLength, uint32 (*)() noexcept);
 FIXED(2, qorCleanup, void (*)() noexcept);
 FIXED(27, qorDebugAllocateCode, uint32 (*)(const char*) noexcept);
 FIXED(33, qorAssertFailed, void (*)(const char*, const char*, const char*, int) noexcept);
@@ -26,6 +29,10 @@ FIXED(458, qorInitProcess, bool (*)(const char*, qorStringArray&, unsigned) noex
 FIXED(549, qor_do_malloc, void* (*)(uint64, uint64, bool, const char*, int) noexcept);
 FIXED(551, qor_do_free, void (*)(void*, const char*, int) noexcept);
 #undef FIXED
+
+void put(binding_table& table, uint32 number, const void* value) {
+    std::memcpy(reinterpret_cast<char*>(&table) + number * sizeof value, &value, sizeof value);
+}
 
 const void* entry(const binding_table& table, uint32 number) {
     const void* result;
@@ -51,6 +58,57 @@ TEST(Table, HoldsAllThatIsWrittenAndNothingElse) {
 #undef QOR_RESERVED
 #undef QOR_ROOM
     EXPECT_EQ(covered, qor::glue::slot_count);
+}
+
+TEST(Table, TellsItsLength) {
+    EXPECT_EQ(qor::glue::qorGetTableLength(), qor::glue::slot_count);
+}
+
+TEST(Table, IsSufficientWithEveryWrittenOperation) {
+    binding_table table = *qor::glue::table();
+    EXPECT_TRUE(qor::glue::is_sufficient(table));
+    const auto without = [&table](uint32 number) {
+        const void* const kept = entry(table, number);
+        put(table, number, nullptr);
+        const bool sufficient = qor::glue::is_sufficient(table);
+        put(table, number, kept);
+        return sufficient;
+    };
+#define QOR_SLOT(number, result, op, parameters, arguments) EXPECT_FALSE(without(number)) << #op;
+#define QOR_RESERVED(number, op) EXPECT_TRUE(without(number)) << #op;
+#define QOR_ROOM(first, count)
+#include "qor/glue/slots.def"
+#undef QOR_SLOT
+#undef QOR_RESERVED
+#undef QOR_ROOM
+}
+
+TEST(Table, IsSufficientWhereItIsLonger) {
+    binding_table table = *qor::glue::table();
+    table.qorGetTableLength = []() noexcept -> uint32 { return qor::glue::slot_count + 1; };
+    EXPECT_TRUE(qor::glue::is_sufficient(table));
+    table.qorGetTableLength = []() noexcept -> uint32 { return qor::glue::slot_count - 1; };
+    EXPECT_FALSE(qor::glue::is_sufficient(table));
+    table.qorGetTableLength = []() noexcept -> uint32 { return 0; };
+    EXPECT_FALSE(qor::glue::is_sufficient(table));
+}
+
+TEST(Table, IsNotReadBehindItsLength) {
+    using length = uint32 (*)() noexcept;
+    const length one = []() noexcept -> uint32 { return 1; };
+    const qor::test::fenced_memory memory(sizeof one);
+    std::memcpy(memory.end() - sizeof one, &one, sizeof one);
+    EXPECT_FALSE(qor::glue::is_sufficient(*reinterpret_cast<const binding_table*>(memory.end() - sizeof one)));
+}
+
+TEST(Table, AModuleTakesNoneThatIsInsufficient) {
+    const binding_table* const real = qor::glue::table();
+    binding_table table = *real;
+    table.qorCleanup = nullptr;
+    EXPECT_FALSE(qor::glue::bind_module(&table));
+    EXPECT_FALSE(qor::glue::bind_module(nullptr));
+    EXPECT_EQ(qor::glue::s_funcs.load(), real);
+    EXPECT_TRUE(qor::glue::bind_module(real));
 }
 
 TEST(Table, IsTheSameHoweverOftenItIsFetched) {

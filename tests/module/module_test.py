@@ -12,6 +12,7 @@ import argparse
 import hashlib
 import os
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
@@ -149,6 +150,10 @@ class Modules(DamagedLibraries, unittest.TestCase):
         self.copy("unresolved" + options.library, self.module)
         self.check_unusable()
 
+    def test_exports_that_are_no_functions(self):
+        self.copy("no_function" + options.library, self.module)
+        self.check_wrong()
+
     # ---- in one process
 
     def test_put_right_while_the_process_runs(self):
@@ -192,6 +197,26 @@ class ModulesPosix(Modules):
 
     def test_the_reason_of_a_part_of_a_library(self):
         self.check_damaged(self.real[:-1], "it is no library, or only a part of one")
+
+    def test_single_bits_of_the_headers(self):
+        """Some of those that binding_test.py tries all of: the module works, or is refused with a reason."""
+        self.module.write_bytes(self.real)
+        digest = self.copy("digest", self.bin)
+        sound = (0, hashlib.sha256(TEXT).hexdigest() + "  text\n", "")
+        size, count = struct.unpack_from("<HH", self.real, 54)
+        refused = 0
+        with open(self.module, "r+b", buffering=0) as module:
+            for bit in range(0, (64 + size * count) * 8, 19):
+                byte = self.real[bit // 8]
+                os.pwrite(module.fileno(), bytes([byte ^ 1 << bit % 8]), bit // 8)
+                run = subprocess.run([digest, "sha256", "text"], cwd=self.root, capture_output=True, timeout=120,
+                                     text=True)
+                os.pwrite(module.fileno(), bytes([byte]), bit // 8)
+                if (run.returncode, run.stdout, run.stderr) != sound:
+                    self.assertEqual((run.returncode, run.stdout), (1, ""), f"byte {bit // 8}, bit {bit % 8}")
+                    self.assertRegex(run.stderr, "^The module .* cannot be loaded: ")
+                    refused += 1
+        self.assertGreater(refused, 0)
 
     def test_installed(self):
         """The library lies in the lib beside the program's bin, its modules in lib/qor."""

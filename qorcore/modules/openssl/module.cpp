@@ -42,7 +42,8 @@ constexpr qor::glue::module_table table = {&create_object};
 } // namespace
 
 extern "C" const qor::glue::module_table* glue_module_point(const qor::glue::binding_table* library) noexcept {
-    qor::glue::bind_module(library);
+    if (!qor::glue::bind_module(library))
+        return nullptr;
     // A process may end while a thread of ours still uses OpenSSL, so nothing of it is taken down.
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     return &table;

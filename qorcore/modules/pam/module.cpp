@@ -23,6 +23,7 @@ constexpr qor::glue::module_table table = {&create_object};
 } // namespace
 
 extern "C" const qor::glue::module_table* glue_module_point(const qor::glue::binding_table* library) noexcept {
-    qor::glue::bind_module(library);
+    if (!qor::glue::bind_module(library))
+        return nullptr;
     return &table;
 }

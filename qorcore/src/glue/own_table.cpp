@@ -11,3 +11,7 @@ constinit const qor::glue::binding_table qor::glue::own_table = {
 #undef QOR_RESERVED
 #undef QOR_ROOM
 };
+
+uint32 qor::glue::qorGetTableLength() noexcept {
+    return slot_count;
+}

@@ -19,4 +19,7 @@ void* qor::module::load_library(const std::string& path, std::string& reason) {
     return library;
 }
 
-void* qor::module::find_export(void* library, const char* name) noexcept { return dlsym(library, name); }
+void* qor::module::find_export(void* library, const char* name) noexcept {
+    void* const found = dlsym(library, name);
+    return glue::is_function(found) ? found : nullptr;
+}

@@ -23,5 +23,6 @@ void* qor::module::load_library(const std::string& path, std::string& reason) {
 }
 
 void* qor::module::find_export(void* library, const char* name) noexcept {
-    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
+    void* const found = reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
+    return glue::is_function(found) ? found : nullptr;
 }

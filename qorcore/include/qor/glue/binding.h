@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 class IQORDataSink;
 class IQORDataSource;
@@ -81,6 +82,29 @@ struct binding_table {
 #undef QOR_ROOM
 
 inline constexpr uint32 slot_count = sizeof(binding_table) / sizeof(unwritten);
+
+// Whether a library's table has every operation that this client was compiled for: an older one is shorter, or has not
+// written some of them yet. Its length is asked for first, since nothing behind it may be read.
+inline bool is_sufficient(const binding_table& table) noexcept {
+    constexpr uint16 written[] = {
+#define QOR_SLOT(number, result, op, parameters, arguments) number,
+#define QOR_RESERVED(number, op)
+#define QOR_ROOM(first, count)
+#include "qor/glue/slots.def"
+#undef QOR_SLOT
+#undef QOR_RESERVED
+#undef QOR_ROOM
+    };
+    if (table.qorGetTableLength == nullptr || table.qorGetTableLength() < slot_count)
+        return false;
+    for (const uint16 number : written) {
+        unwritten entry;
+        std::memcpy(&entry, reinterpret_cast<const char*>(&table) + number * sizeof entry, sizeof entry);
+        if (entry == nullptr)
+            return false;
+    }
+    return true;
+}
 
 // The one export of libqor has this type and the name glue_binding_point.
 using binding_point = const binding_table*() noexcept;

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "qor/glue/binding.h"
-#include "qor/glue/regular_file_posix.h"
+#include "qor/glue/library_file_posix.h"
 
 #include <cerrno>
 #include <climits>
@@ -11,29 +11,13 @@
 #include <cstring>
 #include <ctime>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <link.h>
 #include <pthread.h>
-#include <sys/stat.h>
+#include <sys/auxv.h>
 #include <syslog.h>
 #include <unistd.h>
 
 namespace qor::glue {
-
-// A file that was cut off is mapped by the loader all the same, and the process dies where the rest is missing. The
-// table of sections stands at the end of a library, so a file that holds all of it is whole.
-inline bool is_whole(const char* path) noexcept {
-    struct stat status;
-    const int file = open_regular_file(path, status);
-    if (file < 0)
-        return false;
-    ElfW(Ehdr) header;
-    const bool known = read(file, &header, sizeof header) == static_cast<ssize_t>(sizeof header) &&
-                       std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0;
-    close(file);
-    return known && static_cast<uint64>(status.st_size) >=
-                        header.e_shoff + static_cast<uint64>(header.e_shnum) * header.e_shentsize;
-}
 
 #ifndef QOR_INSIDE
 
@@ -51,16 +35,27 @@ inline void debugger_message(const char* text) noexcept { syslog(LOG_USER | LOG_
     _exit(100);
 }
 
+// The executable's own file, or false. Without /proc the path that it was started by leads there, unless the process has
+// rights that its user has not: he chose that path.
+inline bool get_own_path(char (&path)[8192 + 32]) noexcept {
+    static_assert(sizeof path >= PATH_MAX);
+    const ssize_t length = readlink("/proc/self/exe", path, 8192);
+    if (length > 0) {
+        path[length] = '\0';
+        return true;
+    }
+    const auto* const started_by = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
+    return getauxval(AT_SECURE) == 0 && started_by != nullptr && realpath(started_by, path) != nullptr;
+}
+
 // libqor.so from the executable's own folder, or from the lib beside its bin, where it lies installed; or null. A run path
 // would lead there as well, but the loader follows one for each library of the program: 22 looks in vain at every start.
 // RTLD_NOW: a damaged library fails here, not later.
 inline void* load_beside_executable() noexcept {
     constexpr const char* names[] = {"libqor.so", "../lib/libqor.so"};
     char path[8192 + 32];
-    const ssize_t length = readlink("/proc/self/exe", path, 8192);
-    if (length <= 0)
+    if (!get_own_path(path))
         return nullptr;
-    path[length] = '\0';
     char* const slash = std::strrchr(path, '/');
     if (slash == nullptr)
         return nullptr;
@@ -111,17 +106,21 @@ inline void* load_by_name() noexcept {
         debugger_message("WARNING Loaded libqor.so using name only\n");
     }
     auto* const entry = reinterpret_cast<binding_point*>(dlsym(library, "glue_binding_point"));
-    if (entry == nullptr) {
+    if (!is_function(reinterpret_cast<void*>(entry))) {
         debugger_message("FAILED dlsym() on libqor.so for main entry point\n");
         assert_failed("false", bind_function, impl_file, 92);
         end_process();
     }
     const binding_table* const funcs = entry();
-    s_funcs.store(funcs, std::memory_order_release);
     if (funcs == nullptr) {
         assert_failed("s_funcs != NULL", bind_function, impl_file, 99);
         end_process();
     }
+    if (!is_sufficient(*funcs)) {
+        debugger_message("FAILED libqor.so lacks operations that this program needs\n");
+        end_process();
+    }
+    s_funcs.store(funcs, std::memory_order_release);
     return funcs;
 }
 

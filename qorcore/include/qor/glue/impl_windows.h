@@ -12,6 +12,7 @@
 #include <cwchar>
 
 struct HINSTANCE__;
+struct _MEMORY_BASIC_INFORMATION;
 struct _RTL_CRITICAL_SECTION;
 struct _SECURITY_ATTRIBUTES;
 
@@ -20,6 +21,8 @@ __declspec(dllimport) unsigned long __stdcall GetModuleFileNameW(HINSTANCE__*, w
 __declspec(dllimport) HINSTANCE__* __stdcall LoadLibraryExW(const wchar_t*, void*, unsigned long);
 __declspec(dllimport) HINSTANCE__* __stdcall LoadLibraryW(const wchar_t*);
 __declspec(dllimport) long long(__stdcall* __stdcall GetProcAddress(HINSTANCE__*, const char*))();
+__declspec(dllimport) unsigned long long __stdcall VirtualQuery(const void*, _MEMORY_BASIC_INFORMATION*,
+                                                                unsigned long long);
 __declspec(dllimport) int __stdcall SetThreadErrorMode(unsigned long, unsigned long*);
 __declspec(dllimport) void __stdcall OutputDebugStringW(const wchar_t*);
 __declspec(dllimport) __declspec(noreturn) void __stdcall ExitProcess(unsigned int);
@@ -57,6 +60,24 @@ private:
     static constexpr unsigned long fail_critical_errors = 1;
     unsigned long m_before = 0;
 };
+
+// Whether what a library exports can be called: it lies in memory that is executable.
+inline bool is_function(const void* entry) noexcept {
+    // As the system's structure begins, and as large as it.
+    struct {
+        void* begin;
+        void* reserved_at;
+        unsigned long first_protection;
+        unsigned short partition;
+        unsigned long long size;
+        unsigned long state, protection, kind;
+    } region;
+    static_assert(sizeof region == 48);
+    constexpr unsigned long executable = 0xf0; // execute; also read; also write; also copy on write
+    return entry != nullptr &&
+           VirtualQuery(entry, reinterpret_cast<_MEMORY_BASIC_INFORMATION*>(&region), sizeof region) == sizeof region &&
+           (region.protection & executable) != 0;
+}
 
 #ifndef QOR_INSIDE
 
@@ -117,17 +138,21 @@ inline HINSTANCE__* load_library() noexcept {
     HINSTANCE__* const library = load_library();
     auto* const entry = reinterpret_cast<binding_point*>(
         reinterpret_cast<void (*)()>(GetProcAddress(library, "glue_binding_point")));
-    if (entry == nullptr) {
+    if (!is_function(reinterpret_cast<const void*>(entry))) {
         debugger_message(L"FAILED GetProcAddress() on libqor.dll for main entry point\n");
         assert_failed("false", bind_function, impl_file, 92);
         end_process();
     }
     const binding_table* const funcs = entry();
-    s_funcs.store(funcs, std::memory_order_release);
     if (funcs == nullptr) {
         assert_failed("s_funcs != NULL", bind_function, impl_file, 99);
         end_process();
     }
+    if (!is_sufficient(*funcs)) {
+        debugger_message(L"FAILED libqor.dll lacks operations that this program needs\n");
+        end_process();
+    }
+    s_funcs.store(funcs, std::memory_order_release);
     return funcs;
 }
 

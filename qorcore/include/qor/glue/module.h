@@ -22,8 +22,14 @@ using module_point = const module_table*(const binding_table* table) noexcept;
 
 // The first thing that glue_module_point does: from then on the module calls the framework as every client does. It must
 // not call anything of the framework before, from the constructor of a static object for instance: it would look for
-// libqor in the wrong place.
-inline void bind_module(const binding_table* table) noexcept { s_funcs.store(table, std::memory_order_release); }
+// libqor in the wrong place. False: this libqor lacks operations that the module was compiled for; the module then
+// calls nothing of it and returns null.
+[[nodiscard]] inline bool bind_module(const binding_table* table) noexcept {
+    if (table == nullptr || !is_sufficient(*table))
+        return false;
+    s_funcs.store(table, std::memory_order_release);
+    return true;
+}
 
 #endif
 

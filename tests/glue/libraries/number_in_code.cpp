@@ -1,0 +1,6 @@
+// Has an export among its code that is no function.
+__asm__(".text\n"
+        ".globl glue_binding_point\n"
+        ".type glue_binding_point, %object\n"
+        "glue_binding_point: .zero 16\n"
+        ".size glue_binding_point, 16\n");
