@@ -6,6 +6,10 @@
 
 #include <atomic>
 #include <csignal>
+#include <ctime>
+#include <filesystem>
+#include <string>
+#include <utility>
 #include <sys/time.h>
 
 namespace {
@@ -95,7 +99,7 @@ TEST(ZoneName, AnUnknownOneIsTheLastErrorOfEachCall) {
             EXPECT_EQ(qorGetTimeZoneOffset(), 0);
             qorString text;
             EXPECT_EQ(last_error(text), uint32{qorError_unknown_time_zone});
-            EXPECT_STREQ(text, "The time zone 'Europe/Atlantis' is not known here; UTC stands in for it.");
+            EXPECT_STREQ(text, "The time zone 'Europe/Atlantis' is not known here; the C library uses UTC instead.");
         }
     }
     const zone set("XXX-1");
@@ -103,6 +107,62 @@ TEST(ZoneName, AnUnknownOneIsTheLastErrorOfEachCall) {
     EXPECT_EQ(qorGetTimeZoneOffset(), 60);
     qorString text;
     EXPECT_EQ(last_error(text), uint32{qorError_none});
+}
+
+// The C library uses what it understands of a name.
+TEST(ZoneName, OneThatIsHalfUnderstood) {
+    struct {
+        const char* name;
+        int32 minutes;
+        const char* ahead;
+    } const all[] = {{"CET-99", 24 * 60, "+24:00"}, {"CET-1 ", 60, "+01:00"}, {"XXX3:30:15 ", -210, "-03:30:15"}, {" CET-1", 0, ""}};
+    for (const auto& each : all) {
+        const zone set(each.name);
+        qorClearLastError();
+        EXPECT_EQ(qorGetTimeZoneOffset(), each.minutes) << each.name;
+        qorString text;
+        EXPECT_EQ(last_error(text), uint32{qorError_unknown_time_zone});
+        EXPECT_EQ(text.Text(), "The time zone '" + std::string(each.name) + "' is not known here; the C library uses UTC" + each.ahead +
+                                   " instead.");
+    }
+}
+
+TEST(ZoneName, OneThatIsHalfUnderstoodAndHasSummerTime) {
+    const zone set("CET-1CEST,");
+    for (const auto& [second, ahead] : {std::pair{1'609'459'200, "UTC+01:00"}, std::pair{1'625'097'600, "UTC+02:00"}}) {
+        qorTimeInfo info;
+        qorConvertTime((11'644'473'600 + uint64(second)) * qorTicksPerSecond, true, info);
+        qorString text;
+        last_error(text);
+        EXPECT_NE(std::string(text.Text()).find(ahead), std::string::npos) << text.Text();
+        const std::time_t seconds = second;
+        EXPECT_EQ(info.utc_offset, std::localtime(&seconds)->tm_gmtoff);
+    }
+}
+
+TEST(ZoneName, LeapSecondsAreNotSupported) {
+    if (!std::filesystem::exists("/usr/share/zoneinfo/right/Europe/Berlin"))
+        GTEST_SKIP() << "this system has no zones with leap seconds";
+    const zone set("right/Europe/Berlin");
+    qorClearLastError();
+    qorGetTimeZoneOffset();
+    qorString text;
+    EXPECT_EQ(last_error(text), uint32{qorError_zone_with_leap_seconds});
+    EXPECT_NE(std::string(text.Text()).find("'right/Europe/Berlin' counts leap seconds"), std::string::npos);
+}
+
+// Summer time from 27 March, 12:00, to the next day, 12:00 by its own clocks.
+TEST(ConvertLocalTimeInfo, TwoChangesWithinADay) {
+    const zone set("AAA0BBB-1,J86/12,J87/12");
+    constexpr uint64 noon = 13'261'320'000; // of 27 March 2021, in seconds
+    struct {
+        uint8 day, hour, minute;
+        int64 seconds_from_noon;
+    } const all[] = {{27, 11, 59, -60}, {27, 12, 30, 1800}, {27, 13, 0, 0}, {28, 0, 30, 41400}, {28, 10, 59, 79140}, {28, 11, 30, 81000}, {28, 12, 0, 86400}};
+    for (const auto& each : all) {
+        const qorTimeInfo info{2021, 3, each.day, each.hour, each.minute, 0, 0, 0, 0};
+        EXPECT_EQ(qorConvertLocalTimeInfo(info) / qorTicksPerSecond, noon + uint64(each.seconds_from_noon)) << int{each.day} << ' ' << int{each.hour};
+    }
 }
 
 TEST(ZoneName, AnUnknownOneIsTraced) {
@@ -115,7 +175,7 @@ TEST(ZoneName, AnUnknownOneIsTraced) {
     }
     const std::string trace = testing::internal::GetCapturedStderr();
     qorDebugEnableCode("system.time", false);
-    const std::string line = "system.time TZ names no time zone, UTC stands in for it: Europe/Lemuria\n";
+    const std::string line = "system.time TZ does not name a time zone, the C library uses UTC instead: Europe/Lemuria\n";
     const std::size_t at = trace.find(line);
     ASSERT_NE(at, std::string::npos) << trace;
     EXPECT_EQ(at + line.size(), trace.size()) << "it is told once";

@@ -147,6 +147,7 @@ constexpr message qorcore[] = {
     {1031, "it names no language"},
     {1035, "XDG_RUNTIME_DIR is not set to an absolute path"},
     {1036, "neither HOME nor the user's account names a home folder"},
+    {1037, "the system does not tell the path of the running file"},
     {1040, "it is no library, or only a part of one"},
     {1050, "others than its owner have access to it, which 'chmod 600' takes away"},
     {1051, "it belongs to somebody else"},

@@ -1,5 +1,6 @@
 #include "folder/folder.h"
 
+#include "catalog/catalog.h"
 #include "error/error.h"
 #include "process/process.h"
 #include "string/file_names.h"
@@ -43,16 +44,26 @@ constexpr const char* tags[] = {
 };
 static_assert(std::size(tags) == qorFolderCount);
 
+// A folder of the framework's own, empty where the system does not tell it. A folder that was removed has no path.
+std::string own_path(qorFolderId id, const std::string& found) {
+    std::string path = qor::folder::clean(found);
+    if (path.empty())
+        qor::folder::fail(id, 1037);
+    return path;
+}
+
 std::string find(qorFolderId id) {
     switch (id) {
     case qorFolder_qor_executable: {
         const std::string program = qor::process::executable();
-        return qor::folder::clean(program.substr(0, program.find_last_of(qor::string::path_separators) + 1));
+        return own_path(id, program.substr(0, program.find_last_of(qor::string::path_separators) + 1));
     }
     case qorFolder_qor_library:
-        return qor::folder::clean(qor::process::library_folder());
-    case qorFolder_qor_catalogs:
-        return qor::folder::clean(qor::process::library_folder() + "qor");
+        return own_path(id, qor::process::library_folder());
+    case qorFolder_qor_catalogs: {
+        const std::string library = qor::process::library_folder();
+        return own_path(id, library.empty() ? library : library + "qor");
+    }
     default:
         return qor::folder::system_path(id);
     }
@@ -69,6 +80,11 @@ const char* checked_tag(qorFolderId id) {
 } // namespace
 
 const char* qor::folder::tag(qorFolderId id) noexcept { return id < std::size(tags) ? tags[id] : nullptr; }
+
+void qor::folder::fail(qorFolderId id, uint32 reason) {
+    const std::string text(catalog::find("qorcore", reason));
+    error::set(qorError_no_such_folder, {tag(id), text.c_str()});
+}
 
 bool qor::glue::qorGetFolderTagForId(qorFolderId id, qorString& tag) noexcept {
     const char* const found = checked_tag(id);

@@ -11,6 +11,9 @@ namespace qor::folder {
 // The folder's short name; null: there is no such id.
 const char* tag(qorFolderId id) noexcept;
 
+// Sets the last error: there is no such folder here, for the reason with this number in the catalog.
+void fail(qorFolderId id, uint32 reason);
+
 // ---- the seam to the system
 
 // Where a folder of the user or of the system lies, or the framework's configuration. Empty: the system does

@@ -2,8 +2,6 @@
 // and the hierarchy of the file system.
 #include "folder/folder.h"
 
-#include "catalog/catalog.h"
-#include "error/error.h"
 #include "folder/user_dirs.h"
 #include "process/process.h"
 
@@ -30,27 +28,26 @@ std::string real_path(const char* path) {
     return real != nullptr ? real.get() : std::string();
 }
 
-// Asked for once: it takes longer than all else here, and every folder of the user may need it.
+// Asked for once by each user that the process runs as: it takes longer than all else here, and every folder of the user
+// may need it.
 std::string home_of_account() {
     static std::mutex lock;
     static std::string& known = *new std::string;
+    static uid_t whose = 0;
     const std::lock_guard hold(lock);
-    if (!known.empty())
+    const uid_t user = getuid();
+    if (!known.empty() && whose == user)
         return known;
+    known.clear();
+    whose = user;
     std::vector<char> buffer(1024);
     passwd account;
     passwd* found = nullptr;
-    while (getpwuid_r(getuid(), &account, buffer.data(), buffer.size(), &found) == ERANGE)
+    while (getpwuid_r(user, &account, buffer.data(), buffer.size(), &found) == ERANGE)
         buffer.resize(2 * buffer.size());
     if (found != nullptr)
         known = clean(account.pw_dir);
     return known;
-}
-
-std::string fail(qorFolderId id, uint32 reason) {
-    const std::string text(qor::catalog::find("qorcore", reason));
-    qor::error::set(qorError_no_such_folder, {qor::folder::tag(id), text.c_str()});
-    return {};
 }
 
 // What the variable says; empty where it is no absolute path.
@@ -97,7 +94,7 @@ std::string libraries() {
     if (dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &info) == 0 || info.dli_fname == nullptr)
         return "/usr/lib";
     const std::string path = real_path(info.dli_fname);
-    return path.substr(0, path.rfind('/'));
+    return !path.empty() ? path.substr(0, path.rfind('/')) : "/usr/lib";
 }
 
 std::string find(qorFolderId id) {
@@ -165,7 +162,9 @@ std::string find(qorFolderId id) {
 
 std::string qor::folder::system_path(qorFolderId id) {
     std::string path = find(id);
-    return !path.empty() ? path : fail(id, id == qorFolder_user_runtime ? 1035 : 1036);
+    if (path.empty())
+        fail(id, id == qorFolder_user_runtime ? 1035 : 1036);
+    return path;
 }
 
 std::string qor::folder::clean(std::string_view path) {

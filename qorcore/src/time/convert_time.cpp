@@ -3,6 +3,8 @@
 #include "time/calendar.h"
 #include "time/local_offset.h"
 
+#include <algorithm>
+
 namespace {
 
 using qor::time::seconds_per_day;
@@ -11,31 +13,62 @@ using qor::time::seconds_per_day;
 constexpr int64 first_clock_day = 4 * qor::time::days_per_400_years;
 constexpr int64 last_second = static_cast<int64>(~uint64{0} / qorTicksPerSecond);
 
-// What lies behind either end of the count has the offset of that end.
-int64 offset_at(int64 second) noexcept {
-    const int64 counted = second < 0 ? 0 : second > last_second ? last_second : second;
-    return qor::time::local_offset(static_cast<uint64>(counted) * qorTicksPerSecond);
+// The clock at this second. What lies behind either end of the count counts as that end.
+uint64 counted_clock(int64 second) noexcept {
+    return static_cast<uint64>(std::clamp(second, int64{0}, last_second)) * qorTicksPerSecond;
+}
+
+int64 offset_at(int64 second) noexcept { return qor::time::local_offset(counted_clock(second)); }
+
+// The first second of (second, later] that has another offset than `second`; `later` has.
+int64 find_change(int64 second, int64 later) noexcept {
+    const int64 before = offset_at(second);
+    while (later - second > 1) {
+        const int64 middle = second + (later - second) / 2;
+        (offset_at(middle) == before ? second : later) = middle;
+    }
+    return later;
 }
 
 // The second of UTC at which local clocks show `local`. Both count from 1601.
 //
-// No zone is a day and an hour ahead or behind, and none changes its offset twice within the days between the
-// two samples; so the offset is one of these two.
+// No zone is more than a day and an hour ahead or behind, so the second lies within as much of `local`. There may be
+// several changes of the offset within that time. They are passed in turn, so that of a time that comes twice the first
+// is found; of a time that is skipped, the offset before the change counts.
 int64 to_utc(int64 local) noexcept {
     constexpr int64 margin = 25 * 3600;
-    const int64 before = offset_at(local - margin);
-    const int64 after = offset_at(local + margin);
-    // The offset before the change is tried first: of a time that comes twice, it gives the first.
-    for (const int64 offset : {before, after})
-        if (offset_at(local - offset) == offset)
+    int64 second = local - margin;
+    int64 offset = offset_at(second);
+    int64 skipped = local - offset;
+    bool is_skipped = false;
+    while (second < local + margin) {
+        int64 next = second + qor::time::shortest_period;
+        const bool changes = offset_at(next) != offset;
+        if (changes)
+            next = find_change(second, next);
+        if (local - offset >= second && local - offset < next)
             return local - offset;
-    return local - before; // skipped
+        second = next;
+        if (changes) {
+            const int64 before = offset;
+            offset = offset_at(second);
+            if (!is_skipped && second + before <= local && local < second + offset) {
+                skipped = local - before;
+                is_skipped = true;
+            }
+        }
+    }
+    return skipped;
 }
 
 } // namespace
 
 void qor::glue::qorConvertTime(uint64 clock, bool local, qorTimeInfo& info) noexcept {
-    info.utc_offset = local ? qor::time::local_offset(clock) : 0;
+    info.utc_offset = 0;
+    if (local) {
+        qor::time::look_at_zone(clock);
+        info.utc_offset = qor::time::local_offset(clock);
+    }
     info.ticks = static_cast<uint32>(clock % qorTicksPerSecond);
     const int64 seconds =
         static_cast<int64>(clock / qorTicksPerSecond) + info.utc_offset + first_clock_day * seconds_per_day;
@@ -52,6 +85,7 @@ uint64 qor::glue::qorConvertLocalTimeInfo(const qorTimeInfo& info) noexcept {
         info.ticks < qorTicksPerSecond) {
         const int64 local =
             (day - first_clock_day) * seconds_per_day + info.hour * 3600 + info.minute * 60 + info.second;
+        qor::time::look_at_zone(counted_clock(local));
         const int64 second = to_utc(local);
         const uint64 clock = static_cast<uint64>(second) * qorTicksPerSecond + info.ticks;
         // The last second of the count is not a whole one.
@@ -62,4 +96,8 @@ uint64 qor::glue::qorConvertLocalTimeInfo(const qorTimeInfo& info) noexcept {
     return 0;
 }
 
-int32 qor::glue::qorGetTimeZoneOffset() noexcept { return qor::time::local_offset(qorGetSystemTime()) / 60; }
+int32 qor::glue::qorGetTimeZoneOffset() noexcept {
+    const uint64 now = qorGetSystemTime();
+    time::look_at_zone(now);
+    return time::local_offset(now) / 60;
+}

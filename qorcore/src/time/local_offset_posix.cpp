@@ -3,6 +3,8 @@
 #include "error/error.h"
 #include "time/zone_name.h"
 
+#include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <mutex>
@@ -10,37 +12,77 @@
 
 namespace {
 
-// Whether the zone is one. The C library is not asked about others: it takes UTC for what it does not know, and says nothing,
-// but it would wait at a pipe. TZ is looked at again when it has changed.
-bool check_zone() {
-    const char* const name = std::getenv("TZ");
-    if (name == nullptr)
-        return true;
+std::time_t seconds_of(uint64 clock) {
+    return static_cast<std::time_t>(static_cast<int64>(clock / qorTicksPerSecond) - qor::time::seconds_to_1970);
+}
+
+// Whether the zone in use counts leap seconds, as those of the database's folder "right" do: a full minute of POSIX, far
+// behind the last leap second, is none there.
+bool counts_leap_seconds() {
+    constexpr std::time_t full_minute = 4'102'444'800;
+    std::tm utc;
+    return gmtime_r(&full_minute, &utc) != nullptr && utc.tm_sec != 0;
+}
+
+// "+01:00"; nothing for UTC itself.
+std::string ahead_of_utc(int32 offset) {
+    if (offset == 0)
+        return {};
+    const unsigned size = static_cast<unsigned>(offset < 0 ? -offset : offset);
+    char text[32];
+    std::snprintf(text, sizeof text, size % 60 != 0 ? "%c%02u:%02u:%02u" : "%c%02u:%02u", offset < 0 ? '-' : '+',
+                  size / 3600, size / 60 % 60, size % 60);
+    return text;
+}
+
+uint32 trace_code() { return qorDebugAllocateCode("system.time"); }
+
+// Whether the C library was asked for the zone of the last look. Where it was not, UTC stands in.
+std::atomic<bool> was_asked_for = true;
+
+// Makes the C library look at the zone. It says nothing of one that it does not know: it uses what it understands of the
+// name, else UTC. TZ is null where it is not set.
+void check(const char* tz, uint64 clock) {
     static std::mutex lock;
     static std::string& checked = *new std::string;
     static bool known = true;
+    static bool usable = true;
+    const char* const name = tz != nullptr ? tz : "/etc/localtime";
     const std::lock_guard hold(lock);
-    if (checked != name) {
+    const bool is_new = checked != name;
+    if (is_new) {
         checked = name;
-        known = qor::time::is_zone(name);
-        if (!known)
-            qorDebug(qorDebugAllocateCode("system.time"), "TZ names no time zone, UTC stands in for it: %s",
-                     name);
+        known = tz == nullptr || qor::time::is_zone(tz);
+        usable = known || qor::time::can_be_asked_for(tz);
     }
-    if (!known)
-        qor::error::set(qorError_unknown_time_zone, {name});
-    return known;
+    // localtime_r need not look at the zone again.
+    if (usable)
+        tzset();
+    was_asked_for = usable;
+    if (!known) {
+        const std::string ahead = ahead_of_utc(qor::time::local_offset(clock));
+        qor::error::set(qorError_unknown_time_zone, {name, ahead.c_str()});
+        if (is_new)
+            qorDebug(trace_code(), "TZ does not name a time zone, the C library uses UTC%s instead: %s", ahead.c_str(), name);
+    } else if (counts_leap_seconds()) {
+        qor::error::set(qorError_zone_with_leap_seconds, {name});
+        if (is_new)
+            qorDebug(trace_code(), "The time zone counts leap seconds, which is not supported: %s", name);
+    }
 }
 
 } // namespace
 
+const int64 qor::time::shortest_period = 15 * 60;
+
+void qor::time::look_at_zone(uint64 clock) noexcept {
+    check(std::getenv("TZ"), clock);
+}
+
 int32 qor::time::local_offset(uint64 clock) noexcept {
-    const auto seconds =
-        static_cast<std::time_t>(static_cast<int64>(clock / qorTicksPerSecond) - seconds_to_1970);
-    if (!check_zone())
+    if (!was_asked_for)
         return 0;
-    // The zone may have changed, and localtime_r need not look.
-    tzset();
+    const std::time_t seconds = seconds_of(clock);
     std::tm local;
     return localtime_r(&seconds, &local) != nullptr ? static_cast<int32>(local.tm_gmtoff) : 0;
 }

@@ -19,6 +19,12 @@ int64 ticks_of(const FILETIME& time) {
 
 } // namespace
 
+// The rules of a year have two changes, days apart.
+const int64 qor::time::shortest_period = 25 * 3600;
+
+// The zone is a setting of the system, which always knows it.
+void qor::time::look_at_zone(uint64) noexcept {}
+
 int32 qor::time::local_offset(uint64 clock) noexcept {
     if (clock < first)
         clock += four_centuries;

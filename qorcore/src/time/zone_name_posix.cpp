@@ -1,6 +1,7 @@
 #include "time/zone_name.h"
 
 #include "file/raw_file.h"
+#include "qor/glue/regular_file_posix.h"
 
 #include <cctype>
 #include <cstdlib>
@@ -75,6 +76,15 @@ bool is_rule(std::string_view text) {
     return text.empty() || (take_change(text) && take_change(text) && text.empty());
 }
 
+// The file of the database that the C library would look for.
+std::string path_of(std::string_view zone) {
+    if (zone.starts_with('/'))
+        return std::string(zone);
+    const char* const database = std::getenv("TZDIR");
+    const std::string folder = database != nullptr && *database != '\0' ? database : "/usr/share/zoneinfo";
+    return folder + '/' + std::string(zone);
+}
+
 bool is_zone_file(const std::string& path) {
     constexpr std::string_view magic = "TZif";
     qor::file::raw_file file;
@@ -90,11 +100,13 @@ bool qor::time::is_zone(const char* name) {
     std::string_view zone = name;
     take(zone, ':');
     // UTC is known where there is no database, too.
-    if (zone.empty() || zone == "UTC" || zone == "GMT" || is_rule(zone))
-        return true;
-    if (zone.starts_with('/'))
-        return is_zone_file(std::string(zone));
-    const char* const database = std::getenv("TZDIR");
-    const std::string folder = database != nullptr && *database != '\0' ? database : "/usr/share/zoneinfo";
-    return is_zone_file(folder + '/' + std::string(zone));
+    return zone.empty() || zone == "UTC" || zone == "GMT" || is_rule(zone) || is_zone_file(path_of(zone));
+}
+
+bool qor::time::can_be_asked_for(const char* name) {
+    std::string_view zone = name;
+    take(zone, ':');
+    struct stat status;
+    const bool is_there = !zone.empty() && stat(path_of(zone).c_str(), &status) == 0;
+    return !is_there || glue::reason_against(status) != ESPIPE;
 }
