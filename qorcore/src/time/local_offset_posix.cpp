@@ -40,9 +40,13 @@ uint32 trace_code() { return qorDebugAllocateCode("system.time"); }
 // Whether the C library was asked for the zone of the last look. Where it was not, UTC stands in.
 std::atomic<bool> was_asked_for = true;
 
-// Makes the C library look at the zone. It says nothing of one that it does not know: it uses what it understands of the
-// name, else UTC. TZ is null where it is not set.
-void check(const char* tz, uint64 clock) {
+} // namespace
+
+const int64 qor::time::shortest_period = 15 * 60;
+
+// The C library says nothing of a zone that it does not know: it uses what it understands of the name, else UTC.
+void qor::time::look_at_zone(uint64 clock) noexcept {
+    const char* const tz = std::getenv("TZ");
     static std::mutex lock;
     static std::string& checked = *new std::string;
     static bool known = true;
@@ -52,31 +56,23 @@ void check(const char* tz, uint64 clock) {
     const bool is_new = checked != name;
     if (is_new) {
         checked = name;
-        known = tz == nullptr || qor::time::is_zone(tz);
-        usable = known || qor::time::can_be_asked_for(tz);
+        known = tz == nullptr || is_zone(tz);
+        usable = known || can_be_asked_for(tz);
     }
     // localtime_r need not look at the zone again.
     if (usable)
         tzset();
     was_asked_for = usable;
     if (!known) {
-        const std::string ahead = ahead_of_utc(qor::time::local_offset(clock));
-        qor::error::set(qorError_unknown_time_zone, {name, ahead.c_str()});
+        const std::string ahead = ahead_of_utc(local_offset(clock));
+        error::set(qorError_unknown_time_zone, {name, ahead.c_str()});
         if (is_new)
             qorDebug(trace_code(), "TZ does not name a time zone, the C library uses UTC%s instead: %s", ahead.c_str(), name);
     } else if (counts_leap_seconds()) {
-        qor::error::set(qorError_zone_with_leap_seconds, {name});
+        error::set(qorError_zone_with_leap_seconds, {name});
         if (is_new)
             qorDebug(trace_code(), "The time zone counts leap seconds, which is not supported: %s", name);
     }
-}
-
-} // namespace
-
-const int64 qor::time::shortest_period = 15 * 60;
-
-void qor::time::look_at_zone(uint64 clock) noexcept {
-    check(std::getenv("TZ"), clock);
 }
 
 int32 qor::time::local_offset(uint64 clock) noexcept {
