@@ -8,6 +8,8 @@
    - a forked child goes on in a file of its own, PREFIX.mtrace.<pid>, which begins with the blocks that it
    inherited;
    - a blank in the name of a caller is "_": a blank ends a word of the log;
+   - there are no lines of what did not happen: "!", a realloc that failed and left its block as it was, and an
+   allocation that failed, whose address is "(nil)";
    - a disk that is full ends the log after a whole line, with one message, and not the program.
 
    Environment: MALLOC_TRACE names the log, QOR_RECORD_MEMCHECK the framework's. QOR_RECORD_PID is the process
@@ -204,20 +206,27 @@ static void begin_log_of_child(void) {
 
 /* The main program is called what its argv[0] says now, and servers write there what they are doing. A blank
    in a name would part it in two words. */
-static void join_caller(void) {
-    const char* code = find_code(line, line + line_length - 1);
-    for (char* at = line + 2; code && at < code - 1; ++at)
+static void join_caller(const char* code) {
+    for (char* at = line + 2; at < code - 1; ++at)
         if (*at == ' ')
             *at = '_';
 }
 
+/* The C library says "!" of a realloc that failed, in place of "<" and ">". */
+static bool has_failed(const char* code) { return *code == '!' || code[2] == '('; }
+
 static void end_line(void) {
-    join_caller();
+    size_t length = line_length;
+    line_length = 0;
+    const char* code = find_code(line, line + length - 1);
+    if (code && has_failed(code))
+        return;
+    if (code)
+        join_caller(code);
     if (!*is_writer)
         begin_log_of_child();
     if (!has_ended)
-        write_out(line, line_length);
-    line_length = 0;
+        write_out(line, length);
 }
 
 /* What mtrace() prints comes in pieces; what is longer than any line is cut. */

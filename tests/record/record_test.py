@@ -19,7 +19,7 @@ import unittest
 
 options = None
 
-LINE = re.compile(r"= Start|@ \S+ [-+<>!] (0x[0-9a-f]+|\(nil\))( 0x[0-9a-f]+| 0)?")
+LINE = re.compile(r"= Start|@ \S+ ([+>] 0x[0-9a-f]+ (0x[0-9a-f]+|0)|[-<] 0x[0-9a-f]+)")
 LEAK = re.compile(r"LEAK at 0x[0-9a-f]+ size (\d+) type (\d+) caller \[(.*)\] type_name \[(.*)\] file \[(.*)\] line (\d+)")
 
 
@@ -29,6 +29,11 @@ def line_of(text):
     numbers = [number for number, line in enumerate(source, 1) if text in line]
     assert len(numbers) == 1, (text, numbers)
     return numbers[0]
+
+
+def lines_of_size(lines, size):
+    """The codes of the lines of a log that have this size."""
+    return [line.split()[2] for line in lines if line.endswith(f" {size:#x}")]
 
 
 class Recorded(unittest.TestCase):
@@ -203,6 +208,32 @@ class Troubles(Recorded):
         self.assertIn("double free", self.messages)
         self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71002: 1})
         self.assertRegex(lines[-1], r" - 0x[0-9a-f]+$")
+
+    def test_blocks_that_fail_to_grow(self):
+        """They stay what they were; of all that the C library traces only what has happened is in the log."""
+        lines = self.trouble("fail_to_grow")
+        report = self.report("mtrace", "log.mtrace")
+        self.assertEqual(self.leaks(report), {71001: 1, 71002: 1})
+        self.assertNotIn("BAD FREE", report)
+        self.assertEqual(self.children(), [])
+        self.assertEqual(lines_of_size(lines, 71001), ["+"])
+        self.assertEqual([lines_of_size(lines, size) for size in (71003, 71004, 71005, 71002)], [["+"], [">"], [">"], [">"]])
+        # The C library's own reading of the log.
+        script = subprocess.run(["mtrace", "log.mtrace"], cwd=self.folder, capture_output=True, text=True)
+        leaks = re.findall(r"^0x([0-9a-f]+) +0x([0-9a-f]+)  at ", script.stdout, re.M)
+        found = re.findall(r"^LEAK at 0x([0-9a-f]+) size (\d+) ", report, re.M)
+        self.assertCountEqual([(int(address, 16), int(size, 16)) for address, size in leaks],
+                              [(int(address, 16), int(size)) for address, size in found])
+        self.assertNotIn("was never alloc'd", script.stdout)
+
+    def test_what_the_c_library_traces_of_blocks_that_fail_to_grow(self):
+        """That is what the recorder leaves out; without it, the block would be one of the wanted size."""
+        log = self.folder / "traced"
+        environment = {**self.environment, "MALLOC_TRACE": str(log)}
+        done = subprocess.run([options.bin / "troubles", "trace_itself"], env={**environment, "LD_PRELOAD": "libc_malloc_debug.so.0"})
+        self.assertEqual(done.returncode, 0)
+        codes = [line.split()[2] for line in log.read_text().splitlines() if line.startswith("@ ")]
+        self.assertEqual(codes, ["+", "!"])
 
     def test_a_process_that_is_killed(self):
         self.trouble("be_killed", 137)

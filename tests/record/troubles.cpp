@@ -1,10 +1,12 @@
 // What a recorded program may do to its recorder. The first word says what; each kind of block has a size of
 // its own, by which the test finds it in the report.
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <mcheck.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
@@ -68,6 +70,36 @@ int free_twice() {
     std::free(block);
     std::free(block);
     return 0;
+}
+
+// Nothing has so much memory; the compiler must not know.
+volatile std::size_t too_much = SIZE_MAX / 4;
+
+// A block outlives a realloc that fails; another one is moved before and after that.
+int fail_to_grow() {
+    void* volatile kept = std::malloc(71001);
+    void* volatile moved = std::realloc(std::malloc(71003), 71004);
+    const bool has_failed = std::realloc(kept, too_much) == nullptr && std::realloc(moved, too_much) == nullptr &&
+                            std::realloc(nullptr, too_much) == nullptr && std::malloc(too_much) == nullptr &&
+                            std::calloc(1, too_much) == nullptr;
+    moved = std::realloc(moved, 71005);
+    moved = std::realloc(moved, too_much) != nullptr ? nullptr : std::realloc(moved, 71002);
+    std::free(std::malloc(71006));
+    // A child that does nothing else has no log.
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(std::realloc(kept, too_much) == nullptr ? 0 : 1);
+    used = moved;
+    return has_failed && wait_for(child) == 0 ? 0 : 1;
+}
+
+// Without a recorder.
+int trace_itself() {
+    mtrace();
+    void* volatile kept = std::malloc(71001);
+    const bool has_failed = std::realloc(kept, too_much) == nullptr;
+    muntrace();
+    return has_failed ? 0 : 1;
 }
 
 int be_killed() {
@@ -150,6 +182,8 @@ constexpr trouble troubles[] = {
     {"fork_and_execute", fork_and_execute},
     {"leave_at_once", leave_at_once},
     {"free_twice", free_twice},
+    {"fail_to_grow", fail_to_grow},
+    {"trace_itself", trace_itself},
     {"be_killed", be_killed},
     {"close_everything", close_everything},
     {"reuse_descriptors", reuse_descriptors},
