@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <random>
 
 namespace {
@@ -150,17 +151,65 @@ TEST_F(simple_file_reader, the_end_of_a_file_is_no_error_and_stays_the_end) {
     EXPECT_EQ(last_error(), "There is no error to report.");
 }
 
+constexpr std::uintmax_t longest = std::uintmax_t{256} << 20;
+
+// A line that begins with "x", and what follows it. Holes take no room.
+std::string with_long_line(const temp_folder& folder, std::uintmax_t length, const std::string& rest) {
+    const std::string path = folder.file("text", "a\nx");
+    std::filesystem::resize_file(path, 2 + length);
+    std::ofstream(path, std::ios::binary | std::ios::app) << rest;
+    return path;
+}
+
+TEST_F(simple_file_reader, a_line_of_256_MiB) {
+    for (const char* const rest : {"", "\n", "\nb"}) {
+        const reader_pointer reader = make_reader();
+        ASSERT_TRUE(reader->Open(with_long_line(m_folder, longest, rest).c_str(), 0));
+        qorString line;
+        EXPECT_TRUE(reader->ReadLine(line));
+        EXPECT_TRUE(reader->ReadLine(line));
+        EXPECT_EQ(line.Length(), longest);
+        EXPECT_EQ(read_all(*reader), std::string_view(rest) == "\nb" ? words{"b"} : words{});
+        EXPECT_EQ(last_error(), "There is no error to report.");
+    }
+}
+
 TEST_F(simple_file_reader, a_line_of_more_than_256_MiB_is_a_read_error) {
-    const std::string path = m_folder.file("text", "a\n");
-    std::filesystem::resize_file(path, 2 + (std::uintmax_t{256} << 20)); // holes take no room
+    for (const std::uintmax_t more : {1, 2, 300'000}) {
+        for (const std::string rest : {"", "\n", "\nb\n", "\nb"}) {
+            const std::string path = with_long_line(m_folder, longest + more, rest);
+            const reader_pointer reader = make_reader();
+            ASSERT_TRUE(reader->Open(path.c_str(), 0));
+            qorClearLastError();
+            EXPECT_EQ(read_all(*reader), words{"a"});
+            EXPECT_EQ(last_error(), "Cannot read '" + path + "': a line of it is longer than 256 MiB.");
+            // It goes on behind it, and ends where the file does.
+            qorClearLastError();
+            EXPECT_EQ(read_all(*reader), rest.size() > 1 ? words{"b"} : words{});
+            EXPECT_EQ(read_all(*reader), words{});
+            EXPECT_EQ(last_error(), "There is no error to report.");
+        }
+    }
+}
+
+TEST_F(simple_file_reader, a_run_has_the_beginning_of_a_line_that_is_too_long) {
     const reader_pointer reader = make_reader();
-    ASSERT_TRUE(reader->Open(path.c_str(), 0));
-    EXPECT_EQ(read_all(*reader), words{"a"});
-    EXPECT_EQ(last_error(), "Cannot read '" + path + "': a line of it is longer than 256 MiB.");
-    qorClearLastError();
-    qorString line;
-    EXPECT_FALSE(reader->ReadLine(line));
-    EXPECT_EQ(last_error(), "Cannot read '" + path + "': a line of it is longer than 256 MiB.");
+    ASSERT_TRUE(reader->Open(with_long_line(m_folder, longest + 7, "\nb\nc\nd").c_str(), 0));
+    const char* text = nullptr;
+    uint64 size = 7;
+    ASSERT_TRUE(reader->ReadLines(&text, &size));
+    EXPECT_EQ(std::string_view(text, size), "a\n");
+    ASSERT_FALSE(reader->ReadLines(&text, &size));
+    ASSERT_EQ(size, longest + 1);
+    EXPECT_EQ(text[0], 'x');
+    EXPECT_EQ(text[longest - 1], '\0');
+    EXPECT_EQ(text[longest], '\n');
+    ASSERT_TRUE(reader->ReadLines(&text, &size));
+    EXPECT_EQ(std::string_view(text, size), "b\nc\n");
+    ASSERT_TRUE(reader->ReadLines(&text, &size));
+    EXPECT_EQ(std::string_view(text, size), "d\n");
+    ASSERT_FALSE(reader->ReadLines(&text, &size));
+    EXPECT_EQ(size, 0u);
 }
 
 TEST_F(simple_file_reader, a_second_open_begins_anew) {

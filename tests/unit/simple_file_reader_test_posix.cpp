@@ -105,6 +105,40 @@ TEST_F(posix_file_reader, a_line_of_a_pipe_comes_before_its_end) {
     close(pipe);
 }
 
+// Whoever has something to show is told, each time and only then.
+TEST_F(posix_file_reader, a_pipe_that_has_nothing_yet) {
+    struct feeder {
+        int pipe;
+        std::vector<const char*> pieces;
+        std::size_t next = 0;
+        static void feed(void* context) {
+            feeder& self = *static_cast<feeder*>(context);
+            const char* const piece = self.pieces.at(self.next++);
+            EXPECT_EQ(write(self.pipe, piece, std::strlen(piece)), static_cast<ssize_t>(std::strlen(piece)));
+        }
+    };
+    const std::string path = m_folder / "pipe";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    feeder writer{open(path.c_str(), O_RDWR), {"first\nsec", "ond\n", "third\n"}};
+    const reader_pointer reader = make_reader();
+    ASSERT_TRUE(reader->Open(path.c_str(), 0));
+    reader->SetBeforeWait(feeder::feed, &writer);
+    qorString line;
+    for (const char* const text : {"first", "second", "third"}) {
+        EXPECT_TRUE(reader->ReadLine(line));
+        EXPECT_EQ(view(line), text);
+    }
+    EXPECT_EQ(writer.next, 3u);
+    // What is there already needs no wait, nor does a file, nor the end of either.
+    EXPECT_EQ(write(writer.pipe, "fourth\n", 7), 7);
+    EXPECT_TRUE(reader->ReadLine(line));
+    close(writer.pipe);
+    EXPECT_FALSE(reader->ReadLine(line));
+    ASSERT_TRUE(reader->Open(m_folder.file("text", "a\n").c_str(), 0));
+    EXPECT_EQ(read_all(*reader), words{"a"});
+    EXPECT_EQ(writer.next, 3u);
+}
+
 namespace {
 
 const qor::test::scene standard_input{"reader_standard_input", [](const words&) {

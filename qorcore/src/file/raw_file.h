@@ -34,7 +34,10 @@ public:
     // Up to `size` bytes; *count 0 is the end of the file.
     int read(void* bytes, std::size_t size, std::size_t* count) noexcept;
 
-    // The same from a place of choice; less than `size` only at the end of the file.
+    // Whether read() would wait now: a pipe or a device has nothing to read yet, and may still get something.
+    bool has_to_wait() const noexcept;
+
+    // The same as read() from a place of choice; less than `size` only at the end of the file.
     int read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept;
 
     int size(std::uint64_t* bytes) noexcept;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <poll.h>
 #include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -122,6 +123,12 @@ int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count)
     while (got < 0 && errno == EINTR);
     *count = got > 0 ? static_cast<std::size_t>(got) : 0;
     return got < 0 ? errno : 0;
+}
+
+// A file on a disk is always ready.
+bool qor::file::raw_file::has_to_wait() const noexcept {
+    pollfd file{static_cast<int>(m_handle), POLLIN, 0};
+    return poll(&file, 1, 0) == 0;
 }
 
 int qor::file::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept {

@@ -85,6 +85,19 @@ int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count)
     return 0;
 }
 
+bool qor::file::raw_file::has_to_wait() const noexcept {
+    switch (GetFileType(as_handle(m_handle))) {
+    case FILE_TYPE_PIPE: {
+        DWORD available = 0;
+        return PeekNamedPipe(as_handle(m_handle), nullptr, 0, nullptr, &available, nullptr) && available == 0;
+    }
+    case FILE_TYPE_CHAR:
+        return WaitForSingleObject(as_handle(m_handle), 0) == WAIT_TIMEOUT;
+    default:
+        return false;
+    }
+}
+
 int qor::file::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept {
     char* const begin = static_cast<char*>(bytes);
     for (*count = 0; *count < size;) {

@@ -31,6 +31,7 @@ public:
             return false;
         }
         m_next = m_lines_end = m_end = 0;
+        m_is_cut = false;
         m_path = path;
         if (const int reason = m_file.open(path, qor::file::raw_file::access::read)) {
             qor::error::set_with_reason(qorError_cannot_open_file, path, reason);
@@ -40,8 +41,10 @@ public:
     }
 
     bool ReadLine(qorString& line) noexcept override {
-        if (m_next == m_lines_end && !load_lines("IQORSimpleFileReader::ReadLine"))
+        if (m_next == m_lines_end && !load_lines("IQORSimpleFileReader::ReadLine")) {
+            m_next = m_lines_end;
             return false;
+        }
         const char* const text = m_block + m_next;
         const char* end = static_cast<const char*>(std::memchr(text, '\n', m_lines_end - m_next));
         m_next = static_cast<std::size_t>(end - m_block) + 1;
@@ -52,39 +55,38 @@ public:
     }
 
     bool ReadLines(const char** text, uint64* size) noexcept override {
-        if (m_next == m_lines_end && !load_lines("IQORSimpleFileReader::ReadLines"))
-            return false;
+        const bool are_whole = m_next != m_lines_end || load_lines("IQORSimpleFileReader::ReadLines");
         *text = m_block + m_next;
         *size = m_lines_end - m_next;
         m_next = m_lines_end;
-        return true;
+        return are_whole;
+    }
+
+    void SetBeforeWait(void (*tell)(void* context), void* context) noexcept override {
+        m_before_wait = tell;
+        m_context = context;
     }
 
 private:
-    // Reads until the block holds at least one whole line.
+    // Reads until the block holds at least one whole line. False: there is none, and but for a line that is too long
+    // there are no bytes either.
     bool load_lines(const char* operation) {
         if (!m_file.is_open()) {
             qor::error::set(qorError_not_open, {operation});
             return false;
         }
+        if (m_is_cut && !skip_rest_of_line())
+            return false;
+        if (m_next != m_lines_end)
+            return true;
         // What follows the last whole line is the beginning of the next.
         m_end -= m_lines_end;
         if (m_end != 0)
             std::memmove(m_block, m_block + m_lines_end, m_end);
         m_next = m_lines_end = 0;
         for (;;) {
-            if (m_end == longest_line) {
-                qor::error::set(qorError_line_too_long, {m_path.c_str(), std::to_string(longest_line >> 20).c_str()});
-                return false;
-            }
-            if (m_end == m_size)
-                enlarge();
-            std::size_t count = 0;
-            // A huge line leaves a huge block behind; what comes next still goes through the cache.
-            const std::size_t wanted = std::min(m_size - m_end, block_size);
-            if (const int reason = m_file.read(m_block + m_end, wanted, &count))
-                qor::error::set_with_reason(qorError_cannot_read_file, m_path.c_str(), reason);
-            m_ended_by_us = count == 0;
+            const std::size_t begin = m_end;
+            m_ended_by_us = !read_more();
             if (m_ended_by_us) {
                 if (m_end == 0)
                     return false;
@@ -93,14 +95,57 @@ private:
                 m_lines_end = m_end;
                 return true;
             }
-            const std::size_t last = std::string_view(m_block + m_end, count).rfind('\n');
-            const std::size_t begin = m_end;
-            m_end += count;
-            if (last != std::string_view::npos) {
+            if (const std::size_t last = std::string_view(m_block + begin, m_end - begin).rfind('\n'); last != std::string_view::npos) {
                 m_lines_end = begin + last + 1;
                 return true;
             }
+            if (m_end > longest_line) {
+                cut_line();
+                return false;
+            }
         }
+    }
+
+    // Its last byte, the one too many, makes room for an end.
+    void cut_line() {
+        m_is_cut = true;
+        m_block[m_end - 1] = '\n';
+        m_lines_end = m_end;
+        qor::error::set(qorError_line_too_long, {m_path.c_str(), std::to_string(longest_line >> 20).c_str()});
+    }
+
+    // Of the line that was cut; its memory is given back. False: the file ends with it.
+    bool skip_rest_of_line() {
+        qor::glue::qor_do_free(m_block, source, __LINE__);
+        m_block = nullptr;
+        m_size = 0;
+        const void* end;
+        do {
+            m_next = m_lines_end = m_end = 0;
+            if (!read_more())
+                return false;
+            end = std::memchr(m_block, '\n', m_end);
+        } while (end == nullptr);
+        m_is_cut = false;
+        m_next = static_cast<std::size_t>(static_cast<const char*>(end) - m_block) + 1;
+        m_lines_end = std::string_view(m_block, m_end).rfind('\n') + 1;
+        return true;
+    }
+
+    // False: the file ends here, or cannot be read.
+    bool read_more() {
+        if (m_end == m_size && m_size != longest_line)
+            enlarge();
+        if (m_before_wait != nullptr && m_file.has_to_wait())
+            m_before_wait(m_context);
+        // A huge line leaves a huge block behind; what comes next still goes through the cache. The longest line may lack
+        // its end only, for which there is room.
+        const std::size_t wanted = std::clamp<std::size_t>(m_size - m_end, 1, block_size);
+        std::size_t count = 0;
+        if (const int reason = m_file.read(m_block + m_end, wanted, &count))
+            qor::error::set_with_reason(qorError_cannot_read_file, m_path.c_str(), reason);
+        m_end += count;
+        return count != 0;
     }
 
     // A line longer than the block makes it grow.
@@ -122,6 +167,9 @@ private:
     std::size_t m_lines_end = 0; // behind the last whole line
     std::size_t m_end = 0;       // behind what was read
     bool m_ended_by_us = false;  // the last line end in the block is not in the file
+    bool m_is_cut = false;       // nor is that of the only line, which is too long
+    void (*m_before_wait)(void*) = nullptr;
+    void* m_context = nullptr;
 };
 
 } // namespace

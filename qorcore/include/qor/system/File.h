@@ -49,14 +49,18 @@ public:
 
     // Reads the next line, of at most 256 MiB, without its end (LF or CR LF); what follows the last line end is a line
     // too unless it is empty. False at the end of the file, at a longer line, or on a read error; the last two are
-    // then the last error.
+    // then the last error. Behind a longer line the next call goes on.
     virtual bool ReadLine(qorString& line) noexcept = 0;
 
     // Hands out the next run of whole lines in place: *size bytes at *text, the next line first. Every line ends with
     // its '\n'; a last line that has none is given one. At least qorReadLinesPadding readable bytes follow, so that
     // a scan may look at blocks of so many. The text is valid until the next call of any operation. False as for
-    // ReadLine.
+    // ReadLine: at a longer line with its first 256 MiB, ended in the same way, else with *size 0.
     virtual bool ReadLines(const char** text, uint64* size) noexcept = 0;
+
+    // From now on tell(context) is called, by the thread that reads, before it has to wait because a pipe or a device has
+    // nothing to read yet: whoever has something to show shows it then. Null ends that.
+    virtual void SetBeforeWait(void (*tell)(void* context), void* context) noexcept = 0;
 
 protected:
     ~IQORSimpleFileReader() = default;
