@@ -37,6 +37,16 @@ std::string print(const char* format, WORDS... inserts) {
     return text;
 }
 
+// Programs, what gzip, zstd, xz and bzip2 have made, and UTF-16.
+bool is_no_text(const std::string& log) {
+    for (const std::string& begin : {std::string("\x7f" "ELF"), std::string("\x1f\x8b"), std::string("\x28\xb5\x2f\xfd"),
+                                     std::string("\xfd" "7zXZ\0", 6), std::string("BZh"), std::string("\xff\xfe"),
+                                     std::string("\xfe\xff")})
+        if (log.substr(0, begin.size()) == begin)
+            return true;
+    return false;
+}
+
 struct slot {
     std::uint64_t address = 0;
     std::uint32_t size = 0;
@@ -49,10 +59,18 @@ class replayer {
 public:
     output said;
 
+    void finish() {
+        said.is_foreign_mtrace = m_has_mtrace && !m_mtrace_has_form;
+        said.is_foreign_memcheck = m_next != 0 && !m_memcheck_has_form;
+    }
+
     void mtrace(const std::string& log) {
         unsigned number = 0;
         said.err = "Processing mtrace file...\n";
         for (const std::string& text : lines(log)) {
+            m_has_mtrace = true;
+            if (!is_no_text(log) && (text.substr(0, 1) == "@" || text.substr(0, 2) == "= "))
+                m_mtrace_has_form = true;
             mtrace_line rec;
             const kind what = parse(text, rec);
             if (what == kind::too_few_words)
@@ -114,6 +132,7 @@ public:
 
     void read_memcheck(const std::string& log) {
         m_memcheck = lines(log);
+        m_memcheck_is_text = !is_no_text(log);
         m_has_memcheck = true;
     }
 
@@ -149,6 +168,9 @@ private:
 
     bool next_memcheck(memcheck_line& rec) {
         while (m_next < m_memcheck.size()) {
+            const std::string& text = m_memcheck[m_next];
+            if (m_memcheck_is_text && !text.empty() && std::string("AFTE#").find(text[0]) != std::string::npos)
+                m_memcheck_has_form = true;
             const kind what = parse(m_memcheck[m_next++], rec);
             if (what == kind::record)
                 return true;
@@ -212,6 +234,10 @@ private:
     std::vector<std::string> m_memcheck;
     std::size_t m_next = 0;
     bool m_has_memcheck = false;
+    bool m_memcheck_is_text = false;
+    bool m_has_mtrace = false; // a line of it
+    bool m_mtrace_has_form = false;
+    bool m_memcheck_has_form = false;
 };
 
 } // namespace
@@ -286,5 +312,6 @@ plain_log::output plain_log::replay(const std::optional<std::string>& mtrace,
         run.mtrace(*mtrace);
     else
         run.memcheck();
+    run.finish();
     return run.said;
 }

@@ -38,6 +38,8 @@ kind parse(const std::string& line, memcheck_line& out);
 
 struct output {
     std::string out, err;
+    // Whether lines of the log came and not one of them has the form of such a log.
+    bool is_foreign_mtrace = false, is_foreign_memcheck = false;
     bool operator==(const output&) const = default;
 };
 

@@ -92,13 +92,16 @@ public:
         qorStringArray args;
         for (const char* const name : names)
             args.Append((m_here / name).string().c_str());
+        bool is_foreign_mtrace, is_foreign_memcheck;
         {
             zetSmartPointer<mtrace_proc> proc;
             proc.AttachNew(new analyser(m_out.file(), m_err.file()));
             const bool joined = names[0] == std::string("mtrace");
             log_run::require(joined ? proc->Execute_MTRACE(args) : proc->Execute_MEMCHECK(args));
+            is_foreign_mtrace = !proc->foreign_mtrace().empty();
+            is_foreign_memcheck = !proc->foreign_memcheck().empty();
         }
-        return {m_out.take(), m_err.take()};
+        return {m_out.take(), m_err.take(), is_foreign_mtrace, is_foreign_memcheck};
     }
 
 private:

@@ -46,6 +46,16 @@ class OnePlace(unittest.TestCase):
         self.folder = Path(folder.name)
         (self.folder / "log").write_bytes(LOG)
 
+    def test_a_log_of_another_kind(self):
+        if tool.for_windows:
+            self.skipTest("a redirection of ours would be two files to a Windows program")
+        (self.folder / "log").write_bytes(b"no log\n")
+        with open(self.folder / "out", "wb") as out:
+            self.run_tool(out)
+        self.assertEqual((self.folder / "out").read_bytes(),
+                         b"Processing mtrace file...\n\nScanning data...\nNo leaks found\n"
+                         b"'log' is no mtrace log. It looks like a text of another kind.\nDone\n")
+
     def run_tool(self, place):
         code = subprocess.run([*tool.command, "--quiet", "mtrace", "log"], cwd=self.folder, stdin=subprocess.DEVNULL,
                               stdout=place, stderr=place, timeout=120).returncode

@@ -61,7 +61,8 @@ def show_difference(title, expected, actual, expected_name, actual_name):
 def run_tool(tool, action, paths):
     """(standard output, standard error, exit code) of one quiet run."""
     done = subprocess.run(
-        [*tool.command, "--quiet", action, *paths], stdin=subprocess.DEVNULL, capture_output=True, timeout=TIMEOUT_SECONDS
+        [*tool.command, "--quiet", action, *paths], stdin=subprocess.DEVNULL, capture_output=True, timeout=TIMEOUT_SECONDS,
+        env=tool.environment(),
     )
     return tool.printed(done.stdout), tool.printed(done.stderr), done.returncode
 

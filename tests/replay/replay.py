@@ -9,12 +9,18 @@ written for the reader, not for speed: lists, searched from the front. Everythin
 logs hold whatever bytes the recorded program had in its paths and names.
 """
 
+import re
 import sys
 
+LONGEST_LINE = 256 << 20
 BLOCK_SLOTS = 1024
 BUCKET_MASK = 0xFFFFF
 LOOK_AHEAD_LIMIT = 1024
 HUGE = 3
+
+# How lines of each log begin.
+MTRACE_FORM = (b"@", b"= ")
+MEMCHECK_FORM = (b"A", b"F", b"T", b"E", b"#")
 
 ULLONG_MAX = 2**64 - 1
 LONG_MAX = 2**63 - 1
@@ -103,21 +109,72 @@ class MemcheckLine:
 
 
 class LineReader:
-    """Lines without their ends; the last line need not have one. Carriage returns fall to strip()."""
+    """Lines without their ends; the last line need not have one. Carriage returns fall to strip(). Of a line that
+    is too long there is a beginning, which is no record."""
 
-    def __init__(self, path):
+    def __init__(self, path, form):
+        self.path = path
         with open(path, "rb") as stream:
-            self.lines = stream.read().split(b"\n")
+            data = stream.read()
+        self.beginning = data[:1024]
+        self.lines = data.split(b"\n")
         if self.lines[-1] == b"":
             self.lines.pop()
         self.next = 0
+        self.form = form
+        self.has_form = False
 
     def read(self):
-        """The next line, or None at the end."""
+        """The next line, without white space at both ends, and whether it is whole; None at the end."""
         if self.next == len(self.lines):
-            return None
+            return None, True
+        line = self.lines[self.next]
         self.next += 1
-        return self.lines[self.next - 1]
+        text = line[:LONGEST_LINE].strip()
+        self.has_form = self.has_form or text.startswith(self.form)
+        return text, len(line) <= LONGEST_LINE
+
+    def is_foreign(self):
+        """Whether lines came and not one of them had the form of such a log, which what is no text has none of."""
+        return self.next > 0 and not (self.has_form and not self.beginning.startswith(tuple(SIGNATURES)))
+
+
+# What a file looks like that is no log of the wanted kind.
+
+SIGNATURES = {
+    b"\x7fELF": "an ELF file: a program, a library or a core dump",
+    b"\x1f\x8b": "a file compressed by gzip, which must be expanded first",
+    b"\x28\xb5\x2f\xfd": "a file compressed by zstd, which must be expanded first",
+    b"\xfd7zXZ\0": "a file compressed by xz, which must be expanded first",
+    b"BZh": "a file compressed by bzip2, which must be expanded first",
+    b"\xff\xfe": "UTF-16 text, which must be converted to UTF-8 first",
+    b"\xfe\xff": "UTF-16 text, which must be converted to UTF-8 first",
+}
+MEMCHECK_LINE = re.compile(rb"([AF]\s+(0x)?[0-9a-f]+\s+[0-9]|T\s+(0x)?[0-9a-f]+\s+\S)")
+
+
+def looks_like(beginning, is_first_of_two):
+    for signature, name in SIGNATURES.items():
+        if beginning.startswith(signature):
+            return name
+    if not beginning.strip(b" \t\n\v\f\r\0") and b"\0" in beginning:
+        return "zero bytes and nothing else"
+    if re.search(rb"[\x00-\x08\x0e-\x1a\x1c-\x1f\x7f]", beginning):
+        return "binary data"
+    if not beginning.strip():
+        return "blank lines and nothing else"
+    if re.match(rb"\s*<(!doctype )?html", beginning, re.I):
+        return "an HTML page"
+    for line in beginning.split(b"\n"):
+        line = line.strip()
+        words = line[1:].split()
+        if line.startswith(b"= Start") or line[:1] == b"@" and len(words) >= 3 and words[1][:1] in b"+-<>":
+            return "an mtrace log, which 'qortool mtrace' takes as its first file"
+        if MEMCHECK_LINE.match(line) and is_first_of_two:
+            return "a memcheck log: swap the two files"
+        if MEMCHECK_LINE.match(line):
+            return "a memcheck log, which 'qortool memcheck' takes, or 'qortool mtrace' as its second file"
+    return "a text of another kind"
 
 
 # The allocation table.
@@ -215,14 +272,13 @@ class Replay:
 
     def read_mtrace(self):
         while True:
-            line = self.mtrace_file.read()
+            line, is_whole = self.mtrace_file.read()
             if line is None:
                 return None
-            line = line.strip()
             if line[:1] != b"@":
                 continue
             tokens = line[1:].split()
-            if len(tokens) < 3:
+            if len(tokens) < 3 or not is_whole:
                 self.err += b"WARNING Invalid line in mtrace() file\n"
                 continue
             size = uint32(unsigned_number(tokens[3], 0)) if len(tokens) > 3 else 0
@@ -238,10 +294,9 @@ class Replay:
 
     def read_memcheck_line(self):
         while True:
-            line = self.memcheck_file.read()
+            line, is_whole = self.memcheck_file.read()
             if line is None:
                 return None
-            line = line.strip()
             if line == b"" or line[:1] == b"#":
                 continue
             code = line[:1]
@@ -253,6 +308,9 @@ class Replay:
                 self.err += b"WARNING Invalid line in memcheck() file\n"
                 continue
             if code == b"E":
+                continue
+            if not is_whole:
+                self.err += b"WARNING Invalid line in memcheck() file\n"
                 continue
             if code not in (b"A", b"F", b"T"):
                 self.err += b"WARNING Invalid memcheck line code %c\n" % code
@@ -344,12 +402,19 @@ class Replay:
         else:
             self.out += b"No leaks found\n"
 
+    def report_foreign_log(self, reader, kind, is_first_of_two=False):
+        if reader is not None and reader.is_foreign():
+            self.err += (
+                f"'{reader.path}' is no {kind} log."
+                f" It looks like {looks_like(reader.beginning, is_first_of_two)}.\n"
+            ).encode()
+
     # The actions.
 
     def mtrace(self, log, memcheck_log=None):
-        self.mtrace_file = LineReader(log)
+        self.mtrace_file = LineReader(log, MTRACE_FORM)
         if memcheck_log is not None:
-            self.memcheck_file = LineReader(memcheck_log)
+            self.memcheck_file = LineReader(memcheck_log, MEMCHECK_FORM)
         self.err += b"Processing mtrace file...\n"
         number = 0
         while True:
@@ -379,10 +444,12 @@ class Replay:
                     text_of(record.type_name),
                 )
         self.report_leaks()
+        self.report_foreign_log(self.mtrace_file, "mtrace", memcheck_log is not None)
+        self.report_foreign_log(self.memcheck_file, "memcheck")
         self.out += b"Done\n"
 
     def memcheck(self, log):
-        self.memcheck_file = LineReader(log)
+        self.memcheck_file = LineReader(log, MEMCHECK_FORM)
         self.err += b"Processing memcheck file...\n"
         number = 0
         while True:
@@ -407,6 +474,7 @@ class Replay:
                 slot.fill(record.address, record.size, record.bt, b"", b"", record.file, record.line)
         self.err += b"\n"
         self.report_leaks()
+        self.report_foreign_log(self.memcheck_file, "memcheck")
         self.out += b"Done\n"
 
 

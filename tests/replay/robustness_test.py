@@ -9,9 +9,11 @@ limited too, unless the tool is instrumented. --full takes the sizes that a mach
 
 import argparse
 import os
+import pty
 import random
 import re
 import resource
+import select
 import subprocess
 import sys
 import tempfile
@@ -25,6 +27,7 @@ sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
 import tool as under_test  # noqa: E402  # beside this folder
 
 MIB = 1 << 20
+GUARD = 120  # seconds; instrumented builds on a busy machine are slow
 LOG = b"".join(
     b"@ /usr/bin/app:[0x%x] + 0x%x 0x%x\n" % (0x4000 + i % 7, 0x55550000 + i * 48, i)
     + (b"@ /usr/bin/app:[0x1] - 0x%x\n" % (0x55550000 + i * 24) if i % 2 == 0 else b"")
@@ -196,25 +199,101 @@ class Robustness(unittest.TestCase):
                 self.assertEqual(run.code, 0)
                 self.assertTrue(run.out == out)
 
-    def test_a_line_without_end(self):
-        """The reading ends there; what came before it is reported."""
+    def test_lines_that_are_too_long(self):
+        """They are passed over, with a warning where they begin as one that means something, and are never kept."""
+        longest = 256 * MIB
+        before = [b"@ app:[0x%x] + 0x%x 0x20\n" % (i, 0x10 + i * 16) for i in range(20_000)]
+        leak = b"LEAK at 0x4 size 8 type 0 caller [%s] type_name [] file [%s] line 0\n"
+        leaks = b"Leaked 1 objects totalling 8 bytes\nDone\n"
+        mtrace, memcheck = b"@ b + 0x4 8\n", b"A 4 8 0 b\n"
+        warning = b"WARNING Invalid line in %s() file\n"
+        for action, begin, fill, warnings, ahead in (
+            ("mtrace", b"@ a + 0x10 1 ", b"x", 1, False),
+            ("mtrace", b"@ a + 0x10 1 ", b"x", 1, True),  # by the thread that reads ahead
+            ("mtrace", b"A 10 1 0 ", b"@", 0, False),
+            ("memcheck", b"A 10 1 0 ", b"x", 1, False),
+            ("memcheck", b"x", b"x", 1, False),
+            ("memcheck", b"# ", b"A", 0, False),
+            ("memcheck", b"", b" ", 0, False),
+        ):
+            with self.subTest(action=action, begin=begin, fill=fill, ahead=ahead):
 
-        def feed(stream):
-            stream.write(b"@ app + 0x10 0x20\n")
-            try:
-                while True:
-                    stream.write(b"@" * MIB)
-            except BrokenPipeError:
-                pass
-            # Else the buffer's rest is written once more when the stream is closed.
-            os.dup2(os.open(os.devnull, os.O_WRONLY), stream.fileno())
+                def feed(stream):
+                    if ahead:
+                        stream.writelines(before)
+                        stream.writelines(line.replace(b" +", b" -").rsplit(b" ", 1)[0] + b"\n" for line in before)
+                    for end in (b"\n", b"\n" + (mtrace if action == "mtrace" else memcheck)):
+                        stream.write(begin)
+                        for _ in range(longest // MIB):
+                            stream.write(fill * MIB)
+                        stream.write(b"." + end)
 
-        leak = b"LEAK at 0x10 size 32 type 0 caller [app] type_name [] file [] line 0\n"
-        run = Run(["mtrace", "/dev/stdin"], feed, 640 * MIB)
-        self.assertEqual((run.code, run.out), (0, leak + b"Leaked 1 objects totalling 32 bytes\nDone\n"))
-        for action in ("mtrace", "memcheck"):
-            run = Run([action, "/dev/zero"], None, 640 * MIB)
-            self.assertEqual((run.code, run.out), (0, b"No leaks found\nDone\n"))
+                run = Run([action, "/dev/stdin"], feed, 640 * MIB)
+                shown = leak % ((b"b", b"") if action == "mtrace" else (b"", b"b"))
+                self.assertEqual((run.code, run.out), (0, shown + leaks))
+                self.assertEqual(run.err.count(b"WARNING"), 2 * warnings)
+                self.assertEqual(run.err.count(warning % action.encode()), 2 * warnings)
+
+    def test_a_line_that_is_too_long_beside_the_plain_replay(self):
+        if options.instrumented:
+            self.skipTest("it takes more than a gigabyte beside what the instruments take")
+        self.log.write_bytes(b"@ a + 0x10 1\n@ b ")
+        with open(self.log, "ab") as stream:
+            stream.truncate(300 * MIB)
+            stream.write(b"\n@ c - 0x10\n@ d - 0x20\n")
+        self.require_output(Run(["mtrace", self.log], limit=640 * MIB), replay.replay("mtrace", self.log))
+
+    def shows(self, terminal, wanted, seen):
+        """Waits until the terminal shows it."""
+        while wanted not in seen:
+            ready, _, _ = select.select([terminal], [], [], GUARD)
+            self.assertTrue(ready, f"{wanted} is not on the screen, but only {bytes(seen[-200:])}")
+            seen += os.read(terminal, 65536)
+
+    def test_a_stalled_pipe_on_a_terminal(self):
+        """All that is known so far is on the screen while nothing comes, wherever in the log that is."""
+        many = b"".join(b"@ a + 0x%x 1\n@ a - 0x%x\n" % (i * 16, i * 16) for i in range(1, 20_001))
+        for joined in (False, True):
+            with self.subTest(joined=joined):
+                log, other = self.folder / f"log{joined}", self.folder / f"memcheck{joined}"
+                os.mkfifo(log)
+                os.mkfifo(other)
+                # Open at both ends, so that nobody waits there.
+                writer, second = os.open(log, os.O_RDWR), os.open(other, os.O_RDWR)
+                screen, terminal = pty.openpty()
+                process = subprocess.Popen([*tool.command, "--quiet", "mtrace", log, *([other] if joined else [])],
+                                           stdin=subprocess.DEVNULL, stdout=terminal, stderr=terminal,
+                                           env=tool.environment())
+                os.close(terminal)
+                seen = bytearray()
+                try:
+                    self.shows(screen, b"Processing mtrace file...", seen)
+                    # With the beginning of a line behind it.
+                    os.write(writer, b"@ odd\n@ a - 0x8\n" + b"@ a - 0x9\n" * 19 + b"@ a")
+                    self.shows(screen, b"BAD FREE at 0x8 ", seen)
+                    self.shows(screen, b"20\r", seen)
+                    os.write(writer, b" - 0x8\n@ a + 0x10 1\n")
+                    if joined:
+                        os.write(writer, b"@ a - 0x10\n" * 20)
+                        os.write(second, b"A 20 1 3 f 1\nF 30 3\nx 1\nA 1")
+                        self.shows(screen, b"BAD FREE at 0x30 ", seen)
+                        self.shows(screen, b"WARNING Invalid memcheck line code x", seen)
+                        os.write(second, b"0 1 0 f 1\n")
+                    else:
+                        for at in range(0, len(many), 4096):
+                            os.write(writer, many[at : at + 4096])
+                        os.write(writer, b"@ a - 0x77\n@ a + 0x")
+                        self.shows(screen, b"BAD FREE at 0x77 ", seen)
+                        self.shows(screen, b"40020\r", seen)
+                        os.write(writer, b"10 1\n")
+                    os.close(writer)
+                    os.close(second)
+                    self.shows(screen, b"Done", seen)
+                    self.assertEqual(process.wait(GUARD), 0)
+                finally:
+                    process.kill()
+                    process.wait()
+                    os.close(screen)
 
     def test_distinct_callers(self):
         """What is remembered of callers follows the live blocks, not the length of the log."""

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -97,17 +98,64 @@ TEST_F(heap_logs, a_short_one_and_none) {
     EXPECT_FALSE(log.open((folder / "missing").c_str(), extent::whole));
 }
 
-// The reader's error was another thread's.
-TEST_F(heap_logs, why_it_ended_early) {
-    const std::string path = folder.file("log", long_log(3000).text);
+// A file as long as this one is mostly a hole.
+void append(const std::string& path, std::uintmax_t hole, const std::string& text) {
     const std::uintmax_t size = std::filesystem::file_size(path);
-    std::filesystem::resize_file(path, size + (std::uintmax_t{257} << 20));
+    std::filesystem::resize_file(path, size + hole);
+    std::ofstream(path, std::ios::binary | std::ios::app) << text;
+}
+
+constexpr std::uintmax_t too_long = std::uintmax_t{257} << 20;
+
+// It is no record, and only worth a word if it begins as one. The error was another thread's.
+TEST_F(heap_logs, lines_that_are_too_long) {
+    const long_log made(3000);
+    const std::string path = folder.file("log", made.text + "@ app + 0x10 ");
+    append(path, too_long, "\n@ behind + 0x10 1\n");
+    append(path, too_long, "\n@ last + 0x20 1\n@ open + 0x30 ");
+    append(path, too_long, "");
+    std::vector<seen> expected = made.expected;
+    expected.push_back({"app", 0, log_lines::kind::too_few_words});
+    expected.push_back({"behind", 0x10, log_lines::kind::record});
+    expected.push_back({"last", 0x20, log_lines::kind::record});
+    expected.push_back({"open", 0, log_lines::kind::too_few_words});
+    for (const extent how_much : {extent::whole, extent::part}) {
+        mtrace_log log(0, nullptr);
+        ASSERT_TRUE(log.open(path.c_str(), how_much));
+        qorClearLastError();
+        EXPECT_TRUE(read_all(log, *table) == expected);
+        qorString text;
+        EXPECT_EQ(qorGetLastError(text), qorError_line_too_long) << text.Text();
+    }
+}
+
+TEST_F(heap_logs, the_first_line_is_too_long) {
+    const std::string path = folder.file("log", "@ app + 0x10 ");
+    append(path, too_long, "\n@ behind + 0x10 1\n");
     mtrace_log log(0, nullptr);
     ASSERT_TRUE(log.open(path.c_str(), extent::whole));
-    qorClearLastError();
-    EXPECT_TRUE(read_all(log, *table) == long_log(3000).expected);
-    qorString text;
-    EXPECT_EQ(qorGetLastError(text), qorError_line_too_long) << text.Text();
+    EXPECT_EQ(read_all(log, *table), (std::vector<seen>{{"app", 0, log_lines::kind::too_few_words}, {"behind", 0x10, log_lines::kind::record}}));
+}
+
+TEST_F(heap_logs, one_of_another_kind) {
+    const auto beginning = [this](const std::string& text, extent how_much) {
+        mtrace_log log(0, nullptr);
+        EXPECT_TRUE(log.open(folder.file("log", text).c_str(), how_much));
+        EXPECT_EQ(log.foreign_beginning(), "");
+        while (log.next(*table) != nullptr) {
+        }
+        return std::string(log.foreign_beginning());
+    };
+    const std::string many(2'000'000, '\n');
+    for (const extent how_much : {extent::whole, extent::part}) {
+        EXPECT_EQ(beginning("", how_much), "");
+        EXPECT_EQ(beginning("x\ny", how_much), "x\ny\n");
+        EXPECT_EQ(beginning(many, how_much), std::string(1024, '\n'));
+        EXPECT_EQ(beginning("@", how_much), "");
+        EXPECT_EQ(beginning("x\n  = Start\n", how_much), "");
+        EXPECT_EQ(beginning(many + "@ odd", how_much), "");
+        EXPECT_EQ(beginning("\x7f" "ELF\n@ odd\n", how_much), "\x7f" "ELF\n@ odd\n");
+    }
 }
 
 TEST_F(heap_logs, a_whole_one_has_no_error) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
@@ -67,7 +68,7 @@ protected:
         std::string text;
         for (int i = 0; i < count; ++i)
             text += "@ app + 0x" + std::to_string(first + static_cast<uint64>(i)) + " 1\n";
-        ASSERT_EQ(write(writer, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        write_all(text);
     }
 
     uint64 next_address() {
@@ -75,7 +76,12 @@ protected:
         return next != nullptr ? next->address : 0;
     }
 
-    std::unique_ptr<mtrace_log> log = std::make_unique<mtrace_log>(0, nullptr);
+    void write_all(const std::string& text) {
+        ASSERT_EQ(write(writer, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+
+    std::atomic<int> waited = 0;
+    std::unique_ptr<mtrace_log> log = std::make_unique<mtrace_log>(0, nullptr, [this] { ++waited; });
     int writer = -1;
 
 private:
@@ -91,6 +97,37 @@ TEST_F(piped_log, a_line_is_seen_when_it_is_written) {
         write_lines(i, 1);
         ASSERT_EQ(next_address(), std::strtoull(std::to_string(i).c_str(), nullptr, 16));
     }
+}
+
+// Also behind the beginning of a line, and whoever reads.
+TEST_F(piped_log, what_there_is_to_show_is_shown_before_a_wait) {
+    // So often that the thread has come to read; never more than the pipe holds.
+    for (int i = 0; i < 3000; ++i) {
+        if (i % 1000 == 0)
+            write_lines(100, 1000);
+        ASSERT_NE(next_address(), 0u);
+    }
+    ASSERT_EQ(write(writer, "@ app", 5), 5);
+    const int before = waited;
+    std::thread stalled([this, before] {
+        while (waited == before)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        write_all(" + 0x10 1\n");
+    });
+    EXPECT_EQ(next_address(), 0x10u);
+    stalled.join();
+    EXPECT_EQ(waited, before + 1);
+}
+
+TEST_F(piped_log, the_first_wait) {
+    std::thread stalled([this] {
+        while (waited == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        write_all("@ app + 0x10 1\n");
+    });
+    EXPECT_EQ(next_address(), 0x10u);
+    stalled.join();
+    EXPECT_EQ(waited, 1);
 }
 
 // The thread that reads ahead waits for a line that does not come, and nobody waits for the thread.

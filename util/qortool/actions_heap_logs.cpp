@@ -1,4 +1,5 @@
 // mtrace and memcheck: replay a heap log and report leaks and bad frees.
+#include "file_kind.h"
 #include "mtrace_proc.h"
 #include "qortool_app.h"
 
@@ -6,11 +7,31 @@ namespace {
 
 constexpr char source[] = "util/qortool/main";
 
-int finish(bool done) {
+constexpr uint32 no_mtrace_log = 92;
+constexpr uint32 no_memcheck_log = 93;
+constexpr uint32 memcheck_log_in_first_place = 96;
+
+// What was found in such a log means nothing. What the replay has said comes before this line, and "Done" behind it, where
+// both streams end in one place.
+void warn_of_foreign_log(uint32 message, const char* path, std::string_view beginning, bool is_first_of_two) {
+    if (beginning.empty())
+        return;
+    const looks found = looks_of(beginning);
+    const bool are_swapped = is_first_of_two && found.kind == file_kind::memcheck_log;
+    qorString name;
+    name.Format("qortool", are_swapped ? memcheck_log_in_first_place : static_cast<uint32>(found.kind), found.program);
+    std::fflush(stdout);
+    fputmsg(stderr, "qortool", message, path, name);
+    std::fflush(stderr);
+}
+
+int finish(bool done, const mtrace_proc& proc, const char* mtrace, const char* memcheck) {
     if (!done) {
         fputerr(stderr, true);
         return 1;
     }
+    warn_of_foreign_log(no_mtrace_log, mtrace, proc.foreign_mtrace(), memcheck != nullptr);
+    warn_of_foreign_log(no_memcheck_log, memcheck, proc.foreign_memcheck(), false);
     fixed_fprintf(stdout, "Done\n");
     return 0;
 }
@@ -21,12 +42,14 @@ int qortool_app::func_mtrace(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_mtrace");
     zetSmartPointer<mtrace_proc> proc;
     proc.AttachNew(new (source, 1214) mtrace_proc);
-    return finish(proc->Execute_MTRACE(args));
+    const bool done = proc->Execute_MTRACE(args);
+    return finish(done, **proc, done ? args[0] : nullptr, args.GetCount() > 1 ? args[1] : nullptr);
 }
 
 int qortool_app::func_memcheck(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_memcheck");
     zetSmartPointer<mtrace_proc> proc;
     proc.AttachNew(new (source, 1238) mtrace_proc);
-    return finish(proc->Execute_MEMCHECK(args));
+    const bool done = proc->Execute_MEMCHECK(args);
+    return finish(done, **proc, nullptr, done ? args[0] : nullptr);
 }

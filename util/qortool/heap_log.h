@@ -3,11 +3,15 @@
 #pragma once
 
 #include "allocation_table.h"
+#include "file_kind.h"
 #include "log_ahead.h"
 #include "log_batch.h"
 #include "qor/qor.h"
 
+#include <algorithm>
+#include <functional>
 #include <optional>
+#include <string>
 #include <system_error>
 
 template <class LINE>
@@ -20,16 +24,23 @@ public:
     enum class extent { whole, part };
 
     // With the trace code on, each line is traced with the format when its turn comes. Without a format there is no
-    // trace.
-    heap_log(uint32 trace_code, const char* trace_format)
-        : m_trace_code(trace_code), m_trace_format(trace_format) {}
+    // trace. before_wait() is called by next() before it waits for a line that nobody has written yet.
+    heap_log(uint32 trace_code, const char* trace_format, std::function<void()> before_wait = [] {})
+        : m_trace_code(trace_code), m_trace_format(trace_format), m_before_wait(std::move(before_wait)) {}
+    heap_log(const heap_log&) = delete;
+    heap_log& operator=(const heap_log&) = delete;
 
     bool open(const char* path, extent how_much) {
         m_ahead.reset();
         m_extent = how_much;
         m_first.make();
         set_empty();
-        return m_source.open(path);
+        m_beginning.clear();
+        m_has_form = false;
+        if (!m_source.open(path))
+            return false;
+        tell_before_wait();
+        return true;
     }
 
     bool is_given() const noexcept { return m_source.is_open(); }
@@ -49,6 +60,10 @@ public:
         return &m_batch->entries[m_next++];
     }
 
+    // What the log begins with, once it has turned out to be none of this kind: lines came, and not one of them has the form
+    // of such a log, or the file begins as no text does. Empty otherwise.
+    std::string_view foreign_beginning() const noexcept { return m_has_form ? std::string_view() : m_beginning; }
+
     // Of the batch that the last line is from.
     const char* text() const noexcept { return m_batch->text; }
 
@@ -66,6 +81,9 @@ private:
     static constexpr uint32 head_lead = 24;
     static constexpr uint32 block_lead = 12;
     static_assert(head_lead < batch::margin);
+
+    // Enough to tell what a file is.
+    static constexpr std::size_t longest_beginning = 1024;
 
     // To lines that mean something.
     [[gnu::noinline]] bool go_on(allocation_table& table) {
@@ -85,7 +103,7 @@ private:
         if (has_more && m_first.size != 0 && m_extent == extent::whole && !m_ahead)
             start_thread();
         if (m_ahead)
-            m_batch = m_ahead->next();
+            m_batch = m_ahead->next(m_before_wait);
         else if (!has_more || !m_source.lend(m_first, m_numbers))
             m_batch = nullptr;
         if (m_batch == nullptr) {
@@ -95,8 +113,10 @@ private:
         return true;
     }
 
-    void begin_batch(allocation_table& table) noexcept {
+    void begin_batch(allocation_table& table) {
         m_next = 0;
+        if (!m_has_form) [[unlikely]]
+            look_for_form();
         if (m_batch->count == 0)
             return;
         for (uint32 i = 0; i < head_lead; ++i)
@@ -105,16 +125,33 @@ private:
             table.prefetch_block(m_batch->entries[i].address);
     }
 
+    void tell_before_wait() {
+        m_source.set_before_wait([](void* self) { static_cast<heap_log*>(self)->m_before_wait(); }, this);
+    }
+
+    void look_for_form() {
+        const char* next = m_batch->text + m_batch->begin;
+        const char* const end = m_batch->text + m_batch->end;
+        m_beginning.append(next, std::min<std::size_t>(longest_beginning - m_beginning.size(), static_cast<std::size_t>(end - next)));
+        if (begins_another_file(m_beginning))
+            return;
+        for (std::string_view line; !m_has_form && log_fields::next_line(next, end, line);)
+            m_has_form = log_lines::has_form<LINE>(line);
+    }
+
     void set_empty() noexcept {
         m_batch = &m_first;
         m_first.set_text(nullptr, 0);
         m_next = 0;
     }
 
+    // What waits is then not the thread that has something to show.
     void start_thread() {
         try {
+            m_source.set_before_wait(nullptr, nullptr);
             m_ahead.emplace(m_source);
         } catch (const std::system_error&) {
+            tell_before_wait();
             m_extent = extent::part;
         }
     }
@@ -130,6 +167,7 @@ private:
 
     uint32 m_trace_code;
     const char* m_trace_format;
+    std::function<void()> m_before_wait;
     extent m_extent = extent::whole;
     text_numbers::giver m_numbers{0};
     log_source<LINE> m_source;
@@ -137,4 +175,6 @@ private:
     batch m_first; // of a short log the only one
     batch* m_batch = &m_first;
     uint32 m_next = 0;
+    std::string m_beginning;
+    bool m_has_form = false;
 };

@@ -33,8 +33,11 @@ public:
     }
 
     // The next lines, valid until the next call; null at the end of the log, or where it cannot be read: then the last
-    // error says why.
-    batch* next() { return m_shared->take(); }
+    // error says why. before_wait() is called where they are not to be had at once.
+    template <class BEFORE_WAIT>
+    batch* next(const BEFORE_WAIT& before_wait) {
+        return m_shared->take(before_wait);
+    }
 
 private:
     class shared {
@@ -56,12 +59,13 @@ private:
             m_changed.notify_all();
         }
 
-        batch* take() {
+        template <class BEFORE_WAIT>
+        batch* take(const BEFORE_WAIT& before_wait) {
             std::unique_lock hold(m_lock);
             m_processor = current_processor();
             if (m_is_held)
                 give_back();
-            wait_for_batches(hold);
+            wait_for_batches(hold, before_wait);
             if (waiting() != 0) {
                 m_is_held = true;
                 return &m_batches[m_taken % ring];
@@ -93,14 +97,21 @@ private:
 
         uint64 waiting() const noexcept { return m_passed - m_taken; }
 
-        void wait_for_batches(std::unique_lock<std::mutex>& hold) {
+        // Beside `patience`, what is done before a long wait takes no time.
+        template <class BEFORE_WAIT>
+        void wait_for_batches(std::unique_lock<std::mutex>& hold, const BEFORE_WAIT& before_wait) {
             if (waiting() != 0 || m_is_done)
                 return;
             m_wanted = some;
-            if (!m_changed.wait_for(hold, patience, [this] { return waiting() >= m_wanted || m_is_done; })) {
-                m_wanted = 1;
-                m_changed.wait(hold, [this] { return waiting() != 0 || m_is_done; });
-            }
+            if (m_changed.wait_for(hold, patience, [this] { return waiting() >= m_wanted || m_is_done; }))
+                return;
+            m_wanted = 1;
+            if (waiting() != 0)
+                return;
+            hold.unlock();
+            before_wait();
+            hold.lock();
+            m_changed.wait(hold, [this] { return waiting() != 0 || m_is_done; });
         }
 
         void give_back() {

@@ -33,6 +33,9 @@ struct log_batch {
     // True: the text is that of the reader, until it reads on.
     bool is_lent = false;
 
+    // True: the text is the beginning of a line that is too long for a record.
+    bool is_cut = false;
+
     // For a text of the batch's own: so much that to pass it on is nothing beside it, and no more than the caches hold of some.
     static constexpr std::size_t own_size = 64 * 1024;
     std::vector<char> own;
@@ -41,6 +44,7 @@ struct log_batch {
         text = lines;
         size = static_cast<uint32>(length);
         begin = end = count = 0;
+        is_cut = false;
     }
 
     // The entries of the text's next lines take the place of those before. False: there are none left.
@@ -51,7 +55,10 @@ struct log_batch {
         const char* next = text + begin;
         count = log_lines::take_lines<LINE>(text, next, text + size, entries.data(), limit);
         end = static_cast<uint32>(next - text);
-        give_numbers(numbers);
+        if (!is_cut)
+            give_numbers(numbers);
+        else if (count != 0)
+            entries[0].kind = log_lines::kind::too_few_words;
         return true;
     }
 
@@ -100,13 +107,18 @@ public:
         return m_file->Open(path, 0);
     }
 
+    // As IQORSimpleFileReader has it.
+    void set_before_wait(void (*tell)(void* context), void* context) { m_file->SetBeforeWait(tell, context); }
+
     bool is_open() const noexcept { return !m_file.IsEmpty(); }
 
     // Whether lines follow; reads them. False: there are none, or they cannot be read, and then the last error says why.
     bool has_text() {
-        uint64 size = 0;
-        if (m_next == m_end && m_file->ReadLines(&m_next, &size))
+        if (m_next == m_end) {
+            uint64 size = 0;
+            m_is_cut = !m_file->ReadLines(&m_next, &size);
             m_end = m_next + size;
+        }
         return m_next != m_end;
     }
 
@@ -116,6 +128,7 @@ public:
             return false;
         out.is_lent = true;
         out.set_text(m_next, static_cast<std::size_t>(m_end - m_next));
+        out.is_cut = m_is_cut;
         out.parse_on(numbers);
         out.size = out.end;
         m_next += out.size;
@@ -129,7 +142,7 @@ public:
             return false;
         const std::string_view piece(m_next, std::min<std::size_t>(batch::own_size, m_end - m_next));
         const std::size_t size = piece.rfind('\n') + 1;
-        if (size == 0)
+        if (size == 0 || m_is_cut)
             return lend(out, numbers);
         out.is_lent = false;
         std::memcpy(out.own.data(), m_next, size);
@@ -144,4 +157,5 @@ private:
     zetSmartPointer<IQORSimpleFileReader> m_file;
     const char* m_next = nullptr; // what the reader has handed out and no batch has
     const char* m_end = nullptr;
+    bool m_is_cut = false; // it is the beginning of a line that is too long
 };

@@ -150,6 +150,16 @@ log_lines::kind log_lines::parse(std::string_view line, mtrace_line& out) {
     return kind::record;
 }
 
+template <>
+bool log_lines::has_form<log_lines::mtrace_line>(std::string_view line) noexcept {
+    return line.starts_with('@') || line.starts_with("= ");
+}
+
+template <>
+bool log_lines::has_form<log_lines::memcheck_line>(std::string_view line) noexcept {
+    return !line.empty() && std::string_view("AFTE#").find(line[0]) != std::string_view::npos;
+}
+
 namespace {
 
 [[gnu::always_inline]] inline bool take(const char*& next, log_lines::memcheck_line& out) noexcept {

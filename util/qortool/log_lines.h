@@ -42,6 +42,10 @@ struct memcheck_line {
 kind parse(std::string_view line, mtrace_line& out);
 kind parse(std::string_view line, memcheck_line& out);
 
+// Whether a line begins as those of such a log do, be it a record or not.
+template <class LINE>
+bool has_form(std::string_view line) noexcept;
+
 // Takes a record off a run of lines if its line is written the way the C library or the framework writes it:
 // words with one blank between them. False: it is not, nothing was taken.
 bool take_usual(const char*& next, mtrace_line& out);

@@ -10,7 +10,8 @@
 
 mtrace_proc::mtrace_proc(std::FILE* out, std::FILE* err)
     : qorRefObject("qorcore.qortool.mtrace_proc"), m_debug_code(qorDebugAllocateCode("qortool.mtrace")),
-      m_mtrace_file(m_debug_code, "mtrace line: [%.*s]"), m_memcheck_file(m_debug_code, nullptr), m_streams(out, err) {}
+      m_mtrace_file(m_debug_code, "mtrace line: [%.*s]", [this] { m_streams.before_wait(); }),
+      m_memcheck_file(m_debug_code, nullptr, [this] { m_streams.before_wait(); }), m_streams(out, err) {}
 
 bool mtrace_proc::refuse_words(const char* action, const qorStringArray& args) {
     fixed_fprintf(m_streams.err(), "ERROR wrong number of arguments\n");

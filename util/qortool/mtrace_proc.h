@@ -24,6 +24,10 @@ public:
     // One word: the allocation log.
     bool Execute_MEMCHECK(qorStringArray& args);
 
+    // After a replay: what a log begins with that is none of its kind. Empty otherwise.
+    std::string_view foreign_mtrace() const noexcept { return m_mtrace_file.foreign_beginning(); }
+    std::string_view foreign_memcheck() const noexcept { return m_memcheck_file.foreign_beginning(); }
+
     using __entry = allocation_table::__entry;
     using __block = allocation_table::__block;
     using __mtrace_line = log_lines::mtrace_line;

@@ -42,6 +42,13 @@ void report_streams::keep_up() {
     }
 }
 
+void report_streams::before_wait() {
+    write_progress();
+    std::fflush(m_err);
+    std::fflush(m_out);
+    m_flushed = std::chrono::steady_clock::now();
+}
+
 void report_streams::progress(unsigned count) {
     constexpr std::ptrdiff_t longest = 16;
     if (m_progress + sizeof m_progress - m_next_progress < longest)

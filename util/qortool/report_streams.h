@@ -26,6 +26,9 @@ public:
     // Lets the person see what is older than `patience`.
     void keep_up();
 
+    // Lets the person see all: nobody knows how long it is until the next word.
+    void before_wait();
+
 private:
     static constexpr auto patience = std::chrono::milliseconds(100);
 

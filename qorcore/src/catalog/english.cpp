@@ -92,6 +92,19 @@ constexpr message qortool[] = {
     {89, "User information:"},
     {90, "Logging on ..."},
     {91, "Logged on."},
+    {92, "'{1}' is no mtrace log. It looks like {2}."},
+    {93, "'{1}' is no memcheck log. It looks like {2}."},
+    {94, "an mtrace log, which 'qortool mtrace' takes as its first file"},
+    {95, "a memcheck log, which 'qortool memcheck' takes, or 'qortool mtrace' as its second file"},
+    {96, "a memcheck log: swap the two files"},
+    {97, "an ELF file: a program, a library or a core dump"},
+    {98, "a file compressed by {1}, which must be expanded first"},
+    {99, "an HTML page"},
+    {100, "UTF-16 text, which must be converted to UTF-8 first"},
+    {101, "binary data"},
+    {102, "zero bytes and nothing else"},
+    {103, "blank lines and nothing else"},
+    {104, "a text of another kind"},
 };
 
 // What qor-debug-user says.
