@@ -4,11 +4,17 @@
 #include "support/temp_folder.h"
 
 #include <string>
+#include <vector>
 
 namespace qor::test {
 
 std::string process_id();
 std::string thread_id(); // the calling thread's
+
+// Returns when all of these threads of this process are asleep, or gone; each must be about to do nothing but wait for one thing.
+// Where the system does not tell, it only lets the milliseconds pass.
+void wait_until_asleep(const std::vector<std::string>& thread_ids, int milliseconds);
+extern const bool tells_who_sleeps;
 
 // Ctrl-C, sent to this process by itself.
 void interrupt_process();

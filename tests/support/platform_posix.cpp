@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <csignal>
@@ -12,6 +13,45 @@
 
 std::string qor::test::process_id() { return std::to_string(getpid()); }
 std::string qor::test::thread_id() { return std::to_string(gettid()); }
+
+namespace {
+
+// How a thread was found. It sleeps as long as the count of its waits stays the same.
+struct state_of_thread {
+    bool is_asleep = true;
+    std::string waits;
+    bool operator==(const state_of_thread&) const = default;
+};
+
+state_of_thread look_at(const std::string& thread_id) {
+    state_of_thread result;
+    std::ifstream status("/proc/self/task/" + thread_id + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("State:"))
+            result.is_asleep = line.find('S', 6) != line.npos || line.find('Z', 6) != line.npos;
+        else if (line.starts_with("voluntary_ctxt_switches:"))
+            result.waits = line;
+    }
+    return result;
+}
+
+} // namespace
+
+const bool qor::test::tells_who_sleeps = true;
+
+// One look does not do: a thread may be asleep for a lock that another one is about to open. Where all are asleep from one
+// look to the next, nobody holds any.
+void qor::test::wait_until_asleep(const std::vector<std::string>& thread_ids, int) {
+    std::vector<state_of_thread> before;
+    for (bool all_asleep = false; !all_asleep;) {
+        std::vector<state_of_thread> now;
+        for (const std::string& each : thread_ids)
+            now.push_back(look_at(each));
+        all_asleep = now == before && std::ranges::all_of(now, &state_of_thread::is_asleep);
+        before = now;
+    }
+}
+
 std::string qor::test::program_name() { return program_invocation_short_name; }
 
 void qor::test::interrupt_process() { std::raise(SIGINT); }

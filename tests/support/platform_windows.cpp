@@ -30,6 +30,13 @@ bool can_be_opened(const char* path) {
 
 std::string qor::test::process_id() { return std::to_string(GetCurrentProcessId()); }
 std::string qor::test::thread_id() { return std::to_string(GetCurrentThreadId()); }
+
+// Wine does not know the states of threads.
+const bool qor::test::tells_who_sleeps = false;
+void qor::test::wait_until_asleep(const std::vector<std::string>&, int milliseconds) {
+    Sleep(static_cast<DWORD>(milliseconds));
+}
+
 std::string qor::test::program_name() {
     wchar_t self[MAX_PATH];
     return std::filesystem::path(self, self + GetModuleFileNameW(nullptr, self, MAX_PATH)).stem().string();

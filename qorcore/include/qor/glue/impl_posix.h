@@ -162,23 +162,21 @@ private:
 };
 
 // An event as the operating system's event objects are: set or not, and reset by hand or by the one waiter
-// that it releases.
+// that it releases. Setting it releases those who wait at that moment, one by one and the first to come first; whether
+// they have run by then does not matter, and nobody who comes later can take their place.
 class event {
 public:
     static event* create(bool manual_reset, bool set) noexcept {
         auto* const made = static_cast<event*>(std::malloc(sizeof(event)));
         if (made == nullptr)
             return nullptr;
-        pthread_condattr_t attributes;
-        pthread_condattr_init(&attributes);
-        // A wait with a limit must not move when somebody sets the clock.
-        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-        const int failed = pthread_cond_init(&made->m_changed, &attributes);
-        pthread_condattr_destroy(&attributes);
-        if (failed != 0 || pthread_mutex_init(&made->m_lock, nullptr) != 0) {
+        if (pthread_mutex_init(&made->m_lock, nullptr) != 0) {
             std::free(made);
             return nullptr;
         }
+        made->m_first = nullptr;
+        made->m_last = nullptr;
+        made->m_process = 0;
         made->m_manual_reset = manual_reset;
         made->m_set = set;
         return made;
@@ -187,21 +185,23 @@ public:
     static void destroy(event* self) noexcept {
         if (self == nullptr)
             return;
-        pthread_cond_destroy(&self->m_changed);
         pthread_mutex_destroy(&self->m_lock);
         std::free(self);
     }
 
-    // Waking under the lock lets a waiter destroy the event as soon as it has seen it set.
     static void set(event* self) noexcept {
         if (self == nullptr)
             return;
         pthread_mutex_lock(&self->m_lock);
-        self->m_set = true;
+        if (self->m_first != nullptr)
+            self->forget_other_process();
+        // An event that is reset by the waiter which it releases is not set beside that.
+        self->m_set = self->m_manual_reset || self->m_first == nullptr;
         if (self->m_manual_reset)
-            pthread_cond_broadcast(&self->m_changed);
-        else
-            pthread_cond_signal(&self->m_changed);
+            while (self->m_first != nullptr)
+                self->release_first();
+        else if (self->m_first != nullptr)
+            self->release_first();
         pthread_mutex_unlock(&self->m_lock);
     }
 
@@ -230,25 +230,82 @@ public:
                 ++until.tv_sec;
             }
         }
-        int result = pthread_mutex_lock(&self->m_lock);
-        if (result != 0)
+        if (pthread_mutex_lock(&self->m_lock) != 0)
             return outcome::failed;
-        while (!self->m_set && result == 0)
-            result = limited ? pthread_cond_timedwait(&self->m_changed, &self->m_lock, &until)
-                             : pthread_cond_wait(&self->m_changed, &self->m_lock);
-        // Set in the last moment counts as signalled.
-        const bool signalled = self->m_set;
-        if (signalled && !self->m_manual_reset)
+        outcome result = outcome::signalled;
+        if (!self->m_set)
+            result = self->wait_in_line(limited ? &until : nullptr);
+        else if (!self->m_manual_reset)
             self->m_set = false;
         pthread_mutex_unlock(&self->m_lock);
-        if (signalled)
+        return result;
+    }
+
+private:
+    // A thread in the line, on its own stack. It goes on when it has been released, whatever the event is by then.
+    struct waiter {
+        pthread_cond_t released;
+        bool is_released;
+        waiter* before;
+        waiter* behind;
+    };
+
+    // These are called with the lock held.
+    outcome wait_in_line(const timespec* until) noexcept {
+        waiter here{};
+        pthread_condattr_t attributes;
+        pthread_condattr_init(&attributes);
+        // A wait with a limit must not move when somebody sets the clock.
+        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+        int result = pthread_cond_init(&here.released, &attributes);
+        pthread_condattr_destroy(&attributes);
+        if (result != 0)
+            return outcome::failed;
+        forget_other_process();
+        add(here);
+        while (!here.is_released && result == 0)
+            result = until != nullptr ? pthread_cond_timedwait(&here.released, &m_lock, until)
+                                      : pthread_cond_wait(&here.released, &m_lock);
+        // Released in the last moment counts: the one who set the event has given it to this thread.
+        if (!here.is_released)
+            remove(here);
+        pthread_cond_destroy(&here.released);
+        if (here.is_released)
             return outcome::signalled;
         return result == ETIMEDOUT ? outcome::timed_out : outcome::failed;
     }
 
-private:
+    // Waking under the lock lets a waiter destroy the event as soon as it has been released.
+    void release_first() noexcept {
+        waiter& first = *m_first;
+        remove(first);
+        first.is_released = true;
+        pthread_cond_signal(&first.released);
+    }
+
+    void add(waiter& last) noexcept {
+        last.before = m_last;
+        (m_last != nullptr ? m_last->behind : m_first) = &last;
+        m_last = &last;
+    }
+
+    void remove(waiter& one) noexcept {
+        (one.before != nullptr ? one.before->behind : m_first) = one.behind;
+        (one.behind != nullptr ? one.behind->before : m_last) = one.before;
+    }
+
+    // A forked child has a copy of the line, but not the threads in it.
+    void forget_other_process() noexcept {
+        const pid_t process = getpid();
+        if (m_process != process)
+            m_first = m_last = nullptr;
+        m_process = process;
+    }
+
     pthread_mutex_t m_lock;
-    pthread_cond_t m_changed;
+    waiter* m_first;
+    waiter* m_last;
+    pid_t m_process; // whose threads stand in the line
     bool m_manual_reset;
     bool m_set;
 };
