@@ -215,6 +215,126 @@ const scene storm{"signals_storm", act_storm};
 
 } // namespace
 
+namespace {
+
+constexpr std::size_t many = 300;
+
+void raise_many() {
+    for (std::size_t i = 0; i < many; ++i)
+        raise(SIGTERM);
+}
+
+int act_taken_away_at_once(const words&) {
+    recorder handler;
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    raise_many();
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    EXPECT_EQ(handler.signals().size(), many);
+    EXPECT_EQ(handler.references(), 0);
+    return 0;
+}
+const scene taken_away_at_once{"signals_taken_away_at_once", act_taken_away_at_once};
+
+int act_replaced_at_once(const words&) {
+    recorder first;
+    recorder second;
+    EXPECT_TRUE(qorSetSignalHandler(&first));
+    raise_many();
+    EXPECT_TRUE(qorSetSignalHandler(&second));
+    EXPECT_EQ(first.signals().size(), many);
+    EXPECT_EQ(first.references(), 0);
+    EXPECT_EQ(second.signals().size(), 0u);
+    raise_many();
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    EXPECT_EQ(first.signals().size(), many);
+    EXPECT_EQ(second.signals().size(), many);
+    return 0;
+}
+const scene replaced_at_once{"signals_replaced_at_once", act_replaced_at_once};
+
+int act_takes_itself_away(const words& arguments) {
+    std::atomic<bool> all_raised{false};
+    recorder next;
+    recorder handler([&](qorSignal) {
+        while (!all_raised)
+            pause_for(1);
+        EXPECT_TRUE(qorSetSignalHandler(arguments[0] == "replaced" ? &next : nullptr));
+    });
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    raise_many();
+    all_raised = true;
+    EXPECT_TRUE(handler.wait_for(1));
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    EXPECT_EQ(handler.signals().size(), many);
+    EXPECT_EQ(handler.references(), 0);
+    EXPECT_EQ(next.signals().size(), 0u);
+    EXPECT_EQ(next.references(), 0);
+    return 0;
+}
+const scene takes_itself_away{"signals_takes_itself_away", act_takes_itself_away};
+
+std::atomic<unsigned> of_the_host{0};
+
+// Handlers come and go while signals are raised one by one: each goes to one of them or to the host.
+int act_add_up(const words&) {
+    std::signal(SIGTERM, [](int) { ++of_the_host; });
+    constexpr unsigned all = 20000;
+    std::atomic<bool> over{false};
+    std::thread sender([&over] {
+        for (unsigned i = 0; i < all; ++i)
+            raise(SIGTERM);
+        over = true;
+    });
+    std::size_t told = 0;
+    while (!over) {
+        recorder handler;
+        EXPECT_TRUE(qorSetSignalHandler(&handler));
+        EXPECT_TRUE(qorSetSignalHandler(nullptr));
+        told += handler.signals().size();
+    }
+    sender.join();
+    for (int rest = 1000; told + of_the_host < all && rest != 0; --rest)
+        pause_for(10);
+#if defined(__SANITIZE_THREAD__)
+    // It holds back signals of the whole process, and merges them.
+    EXPECT_LE(told + of_the_host, all);
+#else
+    EXPECT_EQ(told + of_the_host, all);
+#endif
+    return 0;
+}
+const scene add_up{"signals_add_up", act_add_up};
+
+// A host that kept what it had found puts our handling back, with no handler behind it.
+int act_put_back(const words&) {
+    recorder handler;
+    struct sigaction found {};
+    EXPECT_TRUE(qorSetSignalHandler(&handler));
+    sigaction(SIGTERM, nullptr, &found);
+    EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    for (int round = 0; round < 2; ++round) {
+        sigaction(SIGTERM, &found, nullptr);
+        EXPECT_TRUE(qorSetSignalHandler(&handler));
+        EXPECT_TRUE(qorSetSignalHandler(nullptr));
+    }
+    sigaction(SIGTERM, &found, nullptr);
+    raise(SIGTERM);
+    pause_for(20'000);
+    return 0;
+}
+const scene put_back{"signals_put_back", act_put_back};
+
+} // namespace
+
+TEST(SignalsOfAProcess, taken_away_at_once_a_handler_has_got_all) { expect_success(taken_away_at_once); }
+TEST(SignalsOfAProcess, replaced_at_once_each_handler_gets_its_own) { expect_success(replaced_at_once); }
+TEST(SignalsOfAProcess, are_told_to_a_handler_that_takes_itself_away) {
+    expect_success(takes_itself_away, {"removed"});
+    expect_success(takes_itself_away, {"replaced"});
+}
+TEST(SignalsOfAProcess, add_up_while_handlers_come_and_go) { expect_success(add_up); }
+TEST(SignalsOfAProcess, without_a_handler_do_what_they_did_before) { EXPECT_EQ(play(put_back).code, 128 + SIGTERM); }
+
 TEST(SignalsOfAProcess, after_removal_nobody_touches_the_handler) { expect_success(removal_is_the_end); }
 TEST(SignalsOfAProcess, handlers_are_replaced_in_a_storm) { expect_success(storm); }
 

@@ -64,6 +64,30 @@ TEST(Signals, AreGivenBackToWhoeverHadThemBefore) {
     SetConsoleCtrlHandler(note, FALSE);
 }
 
+// Each goes to one handler of the framework or to the host, whenever the handlers change.
+TEST(Signals, AddUpWhenTheHandlerIsTakenAwayAtOnce) {
+    ASSERT_NE(SetConsoleCtrlHandler(note, TRUE), 0);
+    of_the_host = 0;
+    int sent = 0;
+    int told = 0;
+    for (int round = 0; round < 10; ++round) {
+        recorder first;
+        recorder second;
+        ASSERT_TRUE(qorSetSignalHandler(&first));
+        for (int i = 0; i < 4; ++i, ++sent)
+            interrupt_process();
+        ASSERT_TRUE(qorSetSignalHandler(&second));
+        EXPECT_EQ(first.references, 0);
+        for (int i = 0; i < 4; ++i, ++sent)
+            interrupt_process();
+        ASSERT_TRUE(qorSetSignalHandler(nullptr));
+        EXPECT_EQ(second.references, 0);
+        told += first.finished + second.finished;
+    }
+    EXPECT_TRUE(comes_true([&] { return told + of_the_host == sent; })) << told << ' ' << of_the_host << ' ' << sent;
+    SetConsoleCtrlHandler(note, FALSE);
+}
+
 TEST(Signals, WhatIsIgnoredStaysIgnored) {
     recorder handler;
     ASSERT_NE(SetConsoleCtrlHandler(nullptr, TRUE), 0);

@@ -3,21 +3,44 @@
 
 #include "error/error.h"
 
+#include <array>
+#include <atomic>
 #include <condition_variable>
+#include <list>
 #include <mutex>
 #include <new>
 #include <thread>
+#include <utility>
 
 namespace {
+
+// By the number of the signal; the first is 1.
+constexpr std::size_t kinds = static_cast<std::size_t>(qorSignal::quit) + 1;
+using counts = std::array<unsigned, kinds>;
+
+// Caught and not yet delivered: all that is touched where the system calls its handlers.
+std::atomic<unsigned> pending[kinds];
+static_assert(std::atomic<unsigned>::is_always_lock_free);
+
+// A handler that was replaced before it had got all that was meant for it, with the reference that was held for it.
+struct departing {
+    IQORSignalHandler* handler;
+    counts rest;
+};
 
 // Never destroyed: the thread waits until the process ends.
 struct shared_state {
     std::mutex lock;
     std::condition_variable delivered;
     IQORSignalHandler* handler = nullptr;
+    std::list<departing> departed;
+    // Signals, and handlers that departed, which the thread began and ended to serve.
+    uint64 begun = 0;
+    uint64 ended = 0;
+    uint64 departures = 0;
+    uint64 served = 0;
     bool has_thread = false;
     bool catching = false;
-    bool delivering = false;
     std::thread::id thread;
 };
 
@@ -26,30 +49,89 @@ shared_state& state() {
     return *made;
 }
 
-void deliver(qorSignal signal) {
-    shared_state& shared = state();
+// 0: there is none.
+std::size_t first_of(const counts& all) noexcept {
+    for (std::size_t kind = 1; kind < kinds; ++kind)
+        if (all[kind] != 0)
+            return kind;
+    return 0;
+}
+
+std::size_t take_pending() noexcept {
+    for (std::size_t kind = 1; kind < kinds; ++kind) {
+        unsigned count = pending[kind].load();
+        while (count != 0)
+            if (pending[kind].compare_exchange_weak(count, count - 1))
+                return kind;
+    }
+    return 0;
+}
+
+counts take_all_pending() noexcept {
+    counts all{};
+    for (std::size_t kind = 1; kind < kinds; ++kind)
+        all[kind] = pending[kind].exchange(0);
+    return all;
+}
+
+// Takes the next signal and the handler for it, with a reference. False: there is no signal. No handler: nobody is left.
+bool take_next(shared_state& shared, qorSignal& signal, IQORSignalHandler*& handler, bool& is_last_of_departed) {
+    std::size_t kind;
+    is_last_of_departed = false;
+    if (!shared.departed.empty()) {
+        departing& first = shared.departed.front();
+        handler = first.handler;
+        kind = first_of(first.rest);
+        --first.rest[kind];
+        is_last_of_departed = first_of(first.rest) == 0;
+        if (is_last_of_departed)
+            shared.departed.pop_front();
+        else
+            handler->AddRef();
+    } else {
+        kind = take_pending();
+        handler = shared.handler;
+        if (kind != 0 && handler != nullptr)
+            handler->AddRef();
+    }
+    signal = static_cast<qorSignal>(kind);
+    return kind != 0;
+}
+
+// False: there was nothing to deliver.
+bool deliver_next(shared_state& shared) {
+    qorSignal signal;
+    IQORSignalHandler* handler;
+    bool is_last_of_departed;
     std::unique_lock hold(shared.lock);
-    IQORSignalHandler* const handler = shared.handler;
-    if (handler == nullptr)
-        return;
-    handler->AddRef();
-    shared.delivering = true;
+    if (!take_next(shared, signal, handler, is_last_of_departed))
+        return false;
+    // Caught while the last handler was taken away. Nobody sets another one before it is given back.
+    if (handler == nullptr) {
+        qor::process::raise_again(signal);
+        return true;
+    }
+    ++shared.begun;
     hold.unlock();
     handler->Signal(signal);
     // Before anyone may believe that the handler is no longer in use.
     handler->Release();
     hold.lock();
-    shared.delivering = false;
+    shared.ended = shared.begun;
+    shared.served += is_last_of_departed ? 1 : 0;
     shared.delivered.notify_all();
+    return true;
 }
 
 void run() noexcept {
+    shared_state& shared = state();
     {
-        const std::lock_guard hold(state().lock);
-        state().thread = std::this_thread::get_id();
+        const std::lock_guard hold(shared.lock);
+        shared.thread = std::this_thread::get_id();
     }
     for (;;)
-        deliver(qor::process::wait_for_signal());
+        if (!deliver_next(shared))
+            qor::process::wait_for_wake();
 }
 
 // 0, or the system's error code.
@@ -66,12 +148,19 @@ int start_catching(shared_state& shared) {
 
 } // namespace
 
+void qor::process::count_signal(qorSignal signal) noexcept {
+    pending[static_cast<std::size_t>(signal)].fetch_add(1);
+    wake_signal_thread();
+}
+
 // Built anew in its place: the lock may be held, and the condition waited for, by threads that the child does
-// not have. The reference to the handler is the child's now, to be given back when it sets another.
+// not have. The reference to the handler is the child's now, to be given back when it sets another. The parent's signals are
+// not the child's.
 void qor::process::forget_signal_thread() noexcept {
     shared_state& shared = state();
     IQORSignalHandler* const handler = shared.handler;
     (::new (&shared) shared_state)->handler = handler;
+    take_all_pending();
 }
 
 bool qor::glue::qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
@@ -87,10 +176,21 @@ bool qor::glue::qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
         handler->AddRef();
     else if (std::exchange(shared.catching, false))
         qor::process::release_signals();
-    IQORSignalHandler* const old = std::exchange(shared.handler, handler);
+    IQORSignalHandler* old = std::exchange(shared.handler, handler);
+    // What has been caught until now is for the old one, whoever comes next.
+    if (old != nullptr) {
+        const counts rest = take_all_pending();
+        if (first_of(rest) != 0) {
+            shared.departed.push_back({std::exchange(old, nullptr), rest});
+            ++shared.departures;
+            qor::process::wake_signal_thread();
+        }
+    }
     // The caller may end the old handler as soon as this returns.
     if (std::this_thread::get_id() != shared.thread)
-        shared.delivered.wait(hold, [&shared] { return !shared.delivering; });
+        shared.delivered.wait(hold, [&shared, departures = shared.departures, begun = shared.begun] {
+            return shared.served >= departures && shared.ended >= begun;
+        });
     hold.unlock();
     if (old != nullptr)
         old->Release();

@@ -23,10 +23,8 @@ constexpr caught_signal signals[] = {
 };
 constexpr std::size_t signal_count = sizeof signals / sizeof *signals;
 
-// All that the asynchronous handler touches.
-std::atomic<unsigned> pending[signal_count];
 std::atomic<int> wake{-1};
-static_assert(std::atomic<unsigned>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
+static_assert(std::atomic<int>::is_always_lock_free);
 
 struct sigaction previous[signal_count];
 bool caught[signal_count];
@@ -39,19 +37,14 @@ extern "C" void on_signal(int number) {
     const int saved = errno;
     for (std::size_t i = 0; i < signal_count; ++i)
         if (signals[i].number == number)
-            pending[i].fetch_add(1);
-    const std::uint64_t one = 1;
-    // The only failure is a counter that is full, and then the thread is awake anyway.
-    (void)!write(wake.load(), &one, sizeof one);
+            qor::process::count_signal(signals[i].meaning);
     errno = saved;
 }
 
-// The child has no signal thread, its signals must not wake the parent's, and the parent's are not its own.
+// The child has no signal thread, and its signals must not wake the parent's.
 void after_fork_in_child() noexcept {
     qor::process::release_signals();
     close(wake.exchange(-1));
-    for (std::atomic<unsigned>& count : pending)
-        count.store(0);
     qor::process::forget_signal_thread();
     if (is_signal_thread)
         pthread_sigmask(SIG_SETMASK, &mask_of_the_host, nullptr);
@@ -71,6 +64,9 @@ int qor::process::catch_signals() noexcept {
     for (std::size_t i = 0; i < signal_count; ++i) {
         if (sigaction(signals[i].number, nullptr, &previous[i]) != 0)
             return errno;
+        // A host may have put our handling back after we had given the signal back.
+        if (previous[i].sa_handler == on_signal)
+            previous[i].sa_handler = SIG_DFL;
         // Started with nohup or in the background, a process is meant to stay deaf.
         if (previous[i].sa_handler == SIG_IGN)
             continue;
@@ -93,6 +89,18 @@ void qor::process::release_signals() noexcept {
     }
 }
 
+// Not raised in this thread: hosts that wait for signals block them in all of theirs, and this one has its own mask.
+void qor::process::raise_again(qorSignal signal) noexcept {
+    for (std::size_t i = 0; i < signal_count; ++i) {
+        if (signals[i].meaning != signal)
+            continue;
+        struct sigaction now;
+        if (sigaction(signals[i].number, nullptr, &now) == 0 && now.sa_handler == on_signal)
+            sigaction(signals[i].number, &previous[i], nullptr);
+        kill(getpid(), signals[i].number);
+    }
+}
+
 int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
     const int event = eventfd(0, EFD_CLOEXEC);
     if (event < 0)
@@ -111,15 +119,13 @@ int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
     return 0;
 }
 
-qorSignal qor::process::wait_for_signal() noexcept {
-    for (;;) {
-        for (std::size_t i = 0; i < signal_count; ++i) {
-            unsigned count = pending[i].load();
-            while (count != 0)
-                if (pending[i].compare_exchange_weak(count, count - 1))
-                    return signals[i].meaning;
-        }
-        std::uint64_t woken;
-        (void)!read(wake.load(), &woken, sizeof woken);
-    }
+void qor::process::wait_for_wake() noexcept {
+    std::uint64_t woken;
+    (void)!read(wake.load(), &woken, sizeof woken);
+}
+
+void qor::process::wake_signal_thread() noexcept {
+    const std::uint64_t one = 1;
+    // The only failure is a counter that is full, and then the thread is awake anyway.
+    (void)!write(wake.load(), &one, sizeof one);
 }

@@ -1,7 +1,7 @@
 #include "process/process.h"
 #include "process/signals.h"
 
-#include <atomic>
+#include <mutex>
 #include <windows.h>
 
 namespace {
@@ -20,7 +20,10 @@ constexpr caught_event events[] = {
 };
 constexpr std::size_t event_count = sizeof events / sizeof *events;
 
-std::atomic<unsigned> pending[event_count];
+// Whether it is for us to catch them; never destroyed, for events may come until the very end.
+std::mutex& catching_lock = *new std::mutex;
+bool catching = false;
+
 HANDLE wake = nullptr;
 
 // Called on a thread that the system makes for each event.
@@ -28,8 +31,13 @@ BOOL WINAPI on_event(DWORD number) {
     for (std::size_t i = 0; i < event_count; ++i) {
         if (events[i].number != number)
             continue;
-        pending[i].fetch_add(1);
-        SetEvent(wake);
+        {
+            const std::lock_guard hold(catching_lock);
+            // Given back while this call began: whoever comes next has it.
+            if (!catching)
+                return FALSE;
+            qor::process::count_signal(events[i].meaning);
+        }
         // What the handler began must have time to end: the process ends by itself, or when the system's patience does.
         if (events[i].is_last)
             Sleep(INFINITE);
@@ -38,14 +46,30 @@ BOOL WINAPI on_event(DWORD number) {
     return FALSE;
 }
 
+void set_catching(bool on) {
+    const std::lock_guard hold(catching_lock);
+    catching = on;
+}
+
 } // namespace
 
 // A process that was told to ignore Ctrl-C does so still: its handlers are not called for it.
 int qor::process::catch_signals() noexcept {
-    return SetConsoleCtrlHandler(on_event, TRUE) ? 0 : static_cast<int>(GetLastError());
+    set_catching(true);
+    if (SetConsoleCtrlHandler(on_event, TRUE))
+        return 0;
+    const int reason = static_cast<int>(GetLastError());
+    set_catching(false);
+    return reason;
 }
 
-void qor::process::release_signals() noexcept { SetConsoleCtrlHandler(on_event, FALSE); }
+void qor::process::release_signals() noexcept {
+    set_catching(false);
+    SetConsoleCtrlHandler(on_event, FALSE);
+}
+
+// Whoever is next has it already: what comes when there is no handler any more is not caught.
+void qor::process::raise_again(qorSignal) noexcept {}
 
 int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
     wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
@@ -57,14 +81,5 @@ int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
     return failed;
 }
 
-qorSignal qor::process::wait_for_signal() noexcept {
-    for (;;) {
-        for (std::size_t i = 0; i < event_count; ++i) {
-            unsigned count = pending[i].load();
-            while (count != 0)
-                if (pending[i].compare_exchange_weak(count, count - 1))
-                    return events[i].meaning;
-        }
-        WaitForSingleObject(wake, INFINITE);
-    }
-}
+void qor::process::wait_for_wake() noexcept { WaitForSingleObject(wake, INFINITE); }
+void qor::process::wake_signal_thread() noexcept { SetEvent(wake); }
