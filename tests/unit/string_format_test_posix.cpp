@@ -1,8 +1,11 @@
-// printf in a thread that has a locale of its own.
+// printf in a thread that has a locale of its own, and lines that are read while signals come.
 #include "format_support.h"
 #include "support/platform.h"
 
+#include <csignal>
 #include <locale.h>
+#include <thread>
+#include <unistd.h>
 
 TEST(StringFormat, AWidthThatNoNumberHoldsIsRefused) {
     qorString text("before");
@@ -23,4 +26,41 @@ TEST(StringFormat, AThreadWithoutALocaleHasNoneAfterwards) {
     const qor::test::comma_locale comma;
     expect_results_of_the_c_locale();
     EXPECT_EQ(uselocale(nullptr), LC_GLOBAL_LOCALE);
+}
+
+// The system ends a read for a handler that did not ask for anything else.
+TEST(StringLines, AreReadToTheirEndWhateverSignalsCome) {
+    struct sigaction action = {};
+    struct sigaction before;
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    std::FILE* const stream = fdopen(ends[0], "r");
+    qorString line;
+    bool done = false;
+    std::string id;
+    std::atomic<bool> begun{false};
+    std::thread reader([&] {
+        id = qor::test::thread_id();
+        begun = true;
+        done = line.GetLine(stream);
+    });
+    while (!begun)
+        std::this_thread::yield();
+    for (const std::string_view part : {"first ", "second ", "third\n"}) {
+        for (int i = 0; i < 3; ++i) {
+            qor::test::wait_until_asleep({id}, 0);
+            pthread_kill(reader.native_handle(), SIGUSR1);
+        }
+        qor::test::wait_until_asleep({id}, 0);
+        ASSERT_EQ(write(ends[1], part.data(), part.size()), static_cast<ssize_t>(part.size()));
+    }
+    close(ends[1]);
+    reader.join();
+    EXPECT_TRUE(done);
+    EXPECT_EQ(line, "first second third");
+    EXPECT_FALSE(line.GetLine(stream));
+    std::fclose(stream);
+    sigaction(SIGUSR1, &before, nullptr);
 }

@@ -4,6 +4,7 @@
 #include "string/format_fixed.h"
 #include "string/string_data.h"
 
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 
@@ -64,7 +65,14 @@ bool qor::glue::qorString_GetLine(qorString* self, std::FILE* stream) noexcept {
     uint32 used = 0;
     bool any = false;
     int byte;
-    while ((byte = std::getc(stream)) != EOF && byte != '\n') {
+    while ((byte = std::getc(stream)) != '\n') {
+        if (byte == EOF) {
+            // A signal that some handler took is no end: the read begins again.
+            if (std::feof(stream) || !std::ferror(stream) || errno != EINTR)
+                break;
+            std::clearerr(stream);
+            continue;
+        }
         any = true;
         if (used == sizeof piece) {
             qorString_Append(self, piece, used);
