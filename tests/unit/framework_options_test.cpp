@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 namespace {
 
 using qor::test::ending;
@@ -73,6 +75,27 @@ TEST_F(framework_options, without_any_all_words_are_the_programs) {
 TEST_F(framework_options, are_taken_out_wherever_they_stand) {
     EXPECT_EQ(printed({"--qor-language=de", "a", "--qor-debug=nosuch", "--b", "c", "--qor-language=fr"}),
               "[a][--b][c] fr en");
+}
+
+// A word that is taken out moves no other one.
+TEST_F(framework_options, as_many_as_there_may_be_are_taken_out) {
+    constexpr uint32 count = 200'000;
+    qorStringArray args;
+    args.Append("program");
+    for (uint32 i = 0; i < count; ++i) {
+        args.Append("--qor-debug=,");
+        args.Append(std::to_string(i).c_str());
+    }
+    for (const char* const rest : {"--", "--qor-debug=,"})
+        args.Append(rest);
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_TRUE(qorInitProcess("program", args, 0));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+    ASSERT_EQ(args.GetCount(), count + 2);
+    for (uint32 i = 0; i < count; ++i)
+        ASSERT_EQ(args[i], std::to_string(i));
+    EXPECT_STREQ(args[count], "--");
+    EXPECT_STREQ(args[count + 1], "--qor-debug=,");
 }
 
 TEST_F(framework_options, two_dashes_end_them_and_stay) {

@@ -113,18 +113,19 @@ bool read_option(const char* word, settings& wanted) {
 }
 
 // False: some option was wrong. The others are still read, because one of them may say in which language to report
-// that.
+// that. The words between the options move down in one go, however many there are.
 bool take_from(qorStringArray& args, settings& wanted) {
     bool understood = true;
-    for (uint32 i = 0; i < args.GetCount() && std::strcmp(args[i], "--") != 0;) {
-        if (std::strncmp(args[i], prefix.data(), prefix.size()) != 0) {
-            ++i;
-            continue;
-        }
-        if (!read_option(args[i], wanted))
+    uint32 kept = 0;
+    uint32 at = 0;
+    for (; at < args.GetCount() && std::strcmp(args[at], "--") != 0; ++at) {
+        qorString* const words = args.m_data.elements;
+        if (std::strncmp(args[at], prefix.data(), prefix.size()) != 0)
+            std::swap(words[kept++], words[at]);
+        else if (!read_option(args[at], wanted))
             understood = false;
-        args.RemoveAt(i, 1);
     }
+    args.RemoveAt(kept, at - kept);
     return understood;
 }
 
