@@ -143,6 +143,9 @@ const qor::process::option_help qor::process::option_helps[] = {
 bool qor::process::apply_framework_options(qorStringArray& args) {
     settings wanted;
     const bool understood = take_from(args, wanted);
+    // They would write files, and open the process to others, with rights that the caller does not have.
+    if (is_privileged())
+        wanted = {};
     bool logging = false;
     for (std::size_t i = 0; i < std::size(options); ++i) {
         // The language is the first: even a wrong command line is reported in it.

@@ -22,8 +22,10 @@ std::string executable();
 // The folder in which libqor lies, with its separator; empty if it cannot be told.
 std::string library_folder();
 
-// The value of an environment variable, or null where it is unset or empty, or where the process runs with rights
-// that its caller does not have.
+// Whether the process runs with rights that its caller does not have: a set-user-id program, for instance.
+bool is_privileged() noexcept;
+
+// The value of an environment variable, or null where it is unset or empty, or where the process is privileged.
 const char* environment(const char* variable) noexcept;
 
 // Sets a variable for the programs that this process starts.

@@ -9,6 +9,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/auxv.h>
 #include <unistd.h>
 
 namespace {
@@ -50,6 +51,8 @@ std::string qor::process::library_folder() {
     const std::size_t slash = path.rfind('/');
     return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
 }
+
+bool qor::process::is_privileged() noexcept { return getauxval(AT_SECURE) != 0; }
 
 const char* qor::process::environment(const char* variable) noexcept {
     const char* const value = secure_getenv(variable);

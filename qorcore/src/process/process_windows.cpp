@@ -62,6 +62,9 @@ std::string qor::process::library_folder() {
     return backslash == std::string::npos ? std::string() : path.substr(0, backslash + 1);
 }
 
+// A program there has the rights of the one who starts it.
+bool qor::process::is_privileged() noexcept { return false; }
+
 const char* qor::process::environment(const char* variable) noexcept {
     // The system's own variables are UTF-16. What was converted stays where it is until the variable changes, as it
     // does in the C library's environment.
