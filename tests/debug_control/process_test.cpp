@@ -53,6 +53,19 @@ const scene listen{"debug_control_listen", [](const words& arguments) {
     return 0;
 }};
 
+// Starts as it is told, and then another one from the same environment.
+const scene listen_and_start_another{"debug_control_listen_and_start_another", [](const words&) {
+    qorStringArray args;
+    args.Append("program");
+    if (!qorInitProcess("program", args, 0)) {
+        std::printf("%s", last_error().c_str());
+        return 2;
+    }
+    const int code = std::system(('"' + this_program() + "\" --scene debug_control_listen").c_str());
+    qorCleanup();
+    return code == 0 ? 0 : 1;
+}};
+
 class debug_control_process : public testing::Test {
 protected:
     debug_control_process() {
@@ -65,6 +78,15 @@ protected:
     }
 
     ending start(const words& arguments, const words& more = {}) const { return play(listen, arguments, environment(more)); }
+
+    // Taken by nobody a moment ago.
+    std::string free_port() const {
+        zetSmartPointer<IQORDebugListener> listener;
+        uint16 port = 0;
+        EXPECT_TRUE(create_debug_listener(listener.Out()));
+        EXPECT_TRUE(listener->Listen("127.0.0.1:0", m_users.c_str(), &port)) << last_error();
+        return std::to_string(port);
+    }
 
     temp_folder m_folder;
     std::string m_users;
@@ -99,6 +121,25 @@ TEST_F(debug_control_process, who_cannot_listen_does_not_start) {
               "123 '1x' is no address to listen on. It is written [HOST:]PORT, for instance 4711, 0.0.0.0:4711 or [::]:4711.");
     EXPECT_TRUE(start({users, "--qor-debug-listen=no such host:1"}).out.starts_with("124 "));
     EXPECT_NE(start({"--qor-debug-listen=0", "--qor-debug-users=" + m_folder / "none"}).code, 0);
+}
+
+// A port is for one process: those that it starts leave the variable alone.
+TEST_F(debug_control_process, the_variable_is_for_the_process_it_was_given_to) {
+    ending ended{};
+    std::string port;
+    // Somebody else may take a port that has been free.
+    for (int attempt = 0; attempt < 10 && (attempt == 0 || ended.code == 2); ++attempt) {
+        port = free_port();
+        ended = play(listen_and_start_another, {},
+                     environment({"QOR_DEBUG_LISTEN=127.0.0.1:" + port, "QOR_DEBUG_USERS=" + m_users,
+                                  "QOR_DEBUG=system.debug-control"}));
+    }
+    EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+    const std::string line = " listening on 127.0.0.1 port " + port + '\n';
+    const std::size_t first = ended.err.find(line);
+    EXPECT_NE(first, ended.err.npos) << ended.err;
+    EXPECT_EQ(ended.err.find(line, first + 1), ended.err.npos) << ended.err;
+    EXPECT_EQ(ended.out, "");
 }
 
 TEST_F(debug_control_process, a_port_that_is_taken) {

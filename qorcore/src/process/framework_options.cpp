@@ -73,6 +73,7 @@ struct option {
     const char* variable;
     const char* value_name;
     action carry_out;
+    bool is_for_one_process = false; // the variable; see claim()
 };
 
 // In the order in which they are carried out: errors come in the user's language, and the trace of the rest goes
@@ -82,7 +83,7 @@ constexpr option options[] = {
     {"debug-file", "QOR_DEBUG_FILE", "FILE", trace_to_file},
     {"debug", "QOR_DEBUG", "NAMES", enable_codes},
     {"debug-users", "QOR_DEBUG_USERS", "FILE", take_users_file},
-    {"debug-listen", "QOR_DEBUG_LISTEN", "[HOST:]PORT", listen_for_debug_control},
+    {"debug-listen", "QOR_DEBUG_LISTEN", "[HOST:]PORT", listen_for_debug_control, true},
     {"memcheck", qor::memory::log_variable, "FILE", start_allocation_log},
 };
 
@@ -129,6 +130,21 @@ bool take_from(qorStringArray& args, settings& wanted) {
     return understood;
 }
 
+// A variable that is for the process it was given to gets the number of that process behind it: "7447/1234". Those that this
+// process starts inherit it and leave it alone; a program that takes its place has it still. False: it is for another
+// process.
+bool claim(const char* variable, std::string& value) {
+    const std::string mark = '/' + std::to_string(qor::process::process_id());
+    const std::size_t slash = value.rfind('/');
+    if (slash == value.npos) {
+        qor::process::set_environment(variable, (value + mark).c_str());
+        return true;
+    }
+    const bool is_ours = value.substr(slash) == mark;
+    value.resize(slash);
+    return is_ours;
+}
+
 } // namespace
 
 const qor::process::option_help qor::process::option_helps[] = {
@@ -152,13 +168,16 @@ bool qor::process::apply_framework_options(qorStringArray& args) {
         if (i != 0 && !understood)
             return false;
         std::string source = std::string(prefix) + options[i].name;
-        if (!wanted.values[i]) {
-            const char* const value = environment(options[i].variable);
-            if (value == nullptr)
-                continue;
-            wanted.values[i] = value;
-            source = options[i].variable;
+        if (const char* const variable = environment(options[i].variable)) {
+            std::string value = variable;
+            const bool is_ours = !options[i].is_for_one_process || claim(options[i].variable, value);
+            if (is_ours && !wanted.values[i]) {
+                wanted.values[i] = value;
+                source = options[i].variable;
+            }
         }
+        if (!wanted.values[i])
+            continue;
         if (!options[i].carry_out(source.c_str(), *wanted.values[i]))
             return false;
         logging |= options[i].carry_out == start_allocation_log;
