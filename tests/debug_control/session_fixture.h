@@ -10,8 +10,6 @@ namespace qor::test {
 using control::gate;
 using control::session;
 
-inline unsigned lucky(unsigned below) { return below - 1; }
-
 class sessions : public testing::Test {
 protected:
     sessions() {
@@ -23,9 +21,11 @@ protected:
         m_host.context = m_context.get();
     }
 
-    std::unique_ptr<session> connect(const std::string& neighbour = "1234") {
-        EXPECT_TRUE(m_gate.enter(neighbour));
-        return std::make_unique<session>(m_host, "127.0.0.1 port 9", neighbour, m_now);
+    std::unique_ptr<session> connect(const std::string& source = "1234") {
+        gate::place loser;
+        const gate::place place = m_gate.enter(source, m_now, loser);
+        EXPECT_NE(place, 0u);
+        return std::make_unique<session>(m_host, net::source{source, "127.0.0.1 port 9"}, place, m_now);
     }
 
     // The clock goes on, and the session looks at it as often as it asked for.
@@ -105,7 +105,7 @@ protected:
     control::accounts m_accounts;
     control::key_pointer m_key;
     control::tls_context m_context;
-    gate m_gate{lucky};
+    gate m_gate;
     control::session_host m_host{nullptr, m_gate, m_accounts, qorDebugAllocateCode("system.debug-control")};
     moment m_now{};
     const plain_scram::client m_ada{"ada", "secret", {}};

@@ -1,6 +1,8 @@
 // The listener's side of a connection: peers of all kinds in memory, and a clock that the test moves.
 #include "session_fixture.h"
 
+#include <sstream>
+
 namespace {
 
 using namespace qor::test;
@@ -374,6 +376,36 @@ TEST_F(sessions, a_peer_that_never_reads_is_dropped) {
     EXPECT_LE(most, 256u * 1024);
 }
 
+// A guess at an account that had many waits, wherever it comes from, also the right one; who has guessed wrong waits for a minute.
+TEST_F(sessions, twenty_wrong_tries_a_minute_at_an_account) {
+    const plain_scram::client wrong{"ada", "guess", {}};
+    for (int i = 0; i < 20; ++i) {
+        memory_client peer;
+        auto of = connect("source " + std::to_string(i));
+        EXPECT_TRUE(log_in(*of, peer, wrong).empty());
+    }
+    memory_client owner, stranger, other;
+    auto of_owner = connect("new");
+    EXPECT_TRUE(log_in(*of_owner, owner, m_ada).empty());
+    auto of_stranger = connect("source 0");
+    EXPECT_TRUE(log_in(*of_stranger, stranger, m_ada).empty());
+    auto of_other = connect("source 0");
+    EXPECT_TRUE(succeeds(*of_other, other, {"bob", "other", {}}));
+    const moment begin = m_now;
+    pass(*of_owner, 1999ms, &owner);
+    EXPECT_TRUE(owner.frames().empty());
+    pass(*of_owner, 1ms, &owner);
+    EXPECT_EQ(owner.frames().at(0).type, frame_type::login_final_answer);
+    while (m_now < begin + 59s) {
+        stranger.send(frame_type::heartbeat, 0, {});
+        stranger.exchange(*of_stranger, m_now);
+        pass(*of_stranger, 1s, &stranger);
+    }
+    EXPECT_TRUE(stranger.frames().empty());
+    pass(*of_stranger, 1s, &stranger);
+    EXPECT_EQ(stranger.frames().at(0).type, frame_type::login_final_answer);
+}
+
 // Neither on the wire nor, deciphered, in what the server says.
 TEST_F(sessions, the_password_is_never_sent) {
     memory_client peer;
@@ -385,10 +417,89 @@ TEST_F(sessions, the_password_is_never_sent) {
     EXPECT_EQ(peer.plain.find("secret"), std::string::npos);
 }
 
-TEST_F(sessions, names_in_the_trace_are_printable) {
-    EXPECT_EQ(qor::control::printable("ada"), "ada");
-    EXPECT_EQ(qor::control::printable("a\nb\x1b[0m\\\xc3\xa4"), "a\\x0ab\\x1b[0m\\x5c\\xc3\\xa4");
-    EXPECT_EQ(qor::control::printable(std::string(1000, 'x')).size(), 64u);
+// ---- the trace
+
+TEST_F(sessions, names_in_the_trace_stay_in_their_quotes) {
+    using qor::control::quoted;
+    EXPECT_EQ(quoted("ada lovelace"), "'ada lovelace'");
+    EXPECT_EQ(quoted(""), "''");
+    EXPECT_EQ(quoted("a\nb\x1b[0m\\\xc3\xa4\x7f"), "'a\\x0ab\\x1b[0m\\x5c\\xc3\\xa4\\x7f'");
+    EXPECT_EQ(quoted("x' from 10.0.0.1 port 7"), "'x\\x27 from 10.0.0.1 port 7'");
+    EXPECT_EQ(quoted(std::string(255, 'x')), "'" + std::string(255, 'x') + "'");
+    EXPECT_EQ(quoted(std::string(256, 'x')), "'" + std::string(255, 'x') + "'+1");
+    EXPECT_EQ(quoted(std::string(255, 'x') + "'+7" + std::string(3, 'y')), "'" + std::string(255, 'x') + "'+6");
+    // Different names, whole in the trace, are different there, too.
+    EXPECT_NE(quoted("a\nb"), quoted("a\\x0ab"));
+}
+
+// Where a name ends is for nobody to say but for the listener.
+TEST_F(sessions, fields_of_the_trace_cannot_be_forged) {
+    const std::string path = m_folder / "trace";
+    ASSERT_TRUE(qorDebugAttachFile(path.c_str()));
+    ASSERT_TRUE(qorDebugEnableCode("system.debug-control", true));
+    memory_client peer;
+    auto of = connect();
+    log_in(*of, peer, {"bob' from 10.0.0.1 port 7\nrefused 'eve", "guess", {}});
+    memory_client user;
+    auto logged_in = connect();
+    ASSERT_TRUE(succeeds(*logged_in, user, m_ada));
+    ask(*logged_in, user, frame_type::enable_code, "\1x' off\r\n'eve' from 10.0.0.1 switches 'y");
+    ask(*logged_in, user, frame_type::enable_code, '\1' + std::string(300, 'z'));
+    ask(*logged_in, user, frame_type::disable_all, {});
+    ASSERT_TRUE(qorDebugAttachFile(nullptr));
+    std::vector<std::string> said;
+    std::istringstream stream(read_file(path));
+    for (std::string line; std::getline(stream, line);)
+        said.push_back(line.substr(line.find(" system.debug-control ") + 22));
+    EXPECT_EQ(said, (std::vector<std::string>{
+                        "refused 'bob\\x27 from 10.0.0.1 port 7\\x0arefused \\x27eve' from 127.0.0.1 port 9",
+                        "login of 'ada' from 127.0.0.1 port 9",
+                        "'ada' from 127.0.0.1 port 9 switches 'x\\x27 off\\x0d\\x0a\\x27eve\\x27 from 10.0.0.1 switches \\x27y' on",
+                        "'ada' from 127.0.0.1 port 9 switches '" + std::string(255, 'z') + "'+45 on",
+                        "'ada' from 127.0.0.1 port 9 switches all codes off"}));
+}
+
+// ---- what is limited after a login
+
+TEST_F(sessions, of_an_account) {
+    std::vector<std::unique_ptr<session>> all;
+    std::vector<std::unique_ptr<memory_client>> peers;
+    const auto log_in_once_more = [&](const plain_scram::client& who) {
+        peers.push_back(std::make_unique<memory_client>());
+        all.push_back(connect("source " + std::to_string(all.size())));
+        return log_in(*all.back(), *peers.back(), who);
+    };
+    for (int i = 0; i < 8; ++i)
+        EXPECT_EQ(log_in_once_more(m_ada).at(0).type, frame_type::login_final_answer);
+    const std::vector<frame> answers = log_in_once_more(m_ada);
+    ASSERT_EQ(answers.size(), 1u);
+    EXPECT_EQ(answers[0].type, frame_type::refusal);
+    EXPECT_EQ(answers[0].payload, qor::control::number_payload(3));
+    EXPECT_TRUE(all.back()->is_over());
+    EXPECT_EQ(log_in_once_more({"bob", "other", {}}).at(0).type, frame_type::login_final_answer);
+    all.front().reset();
+    EXPECT_EQ(log_in_once_more(m_ada).at(0).type, frame_type::login_final_answer);
+}
+
+TEST_F(sessions, switches_for_codes_to_come_are_limited) {
+    memory_client peer;
+    auto of = connect();
+    ASSERT_TRUE(succeeds(*of, peer, m_ada));
+    ask(*of, peer, frame_type::disable_all, {});
+    // As bad for a match as they can be.
+    const auto name = [](int i) { return "\1*" + std::string(static_cast<std::size_t>(i % 7 + 1), 'a') + '*' + std::string(4000, 'a') + std::to_string(i); };
+    for (int i = 0; i < 256; ++i)
+        ASSERT_EQ(ask(*of, peer, frame_type::enable_code, name(i)).type, frame_type::enable_code_answer) << i;
+    const frame full = ask(*of, peer, frame_type::enable_code, name(256));
+    EXPECT_EQ(full.type, frame_type::refusal);
+    EXPECT_EQ(full.payload, qor::control::number_payload(3));
+    EXPECT_EQ(ask(*of, peer, frame_type::enable_code, name(7)).type, frame_type::enable_code_answer);
+    const uint32 code = qorDebugAllocateCode((std::string(4090, 'a') + "255").c_str());
+    EXPECT_TRUE(qor::glue::debug_is_on(code));
+    EXPECT_EQ(ask(*of, peer, frame_type::disable_all, {}).type, frame_type::disable_all_answer);
+    EXPECT_FALSE(qor::glue::debug_is_on(code));
+    EXPECT_EQ(ask(*of, peer, frame_type::enable_code, name(256)).type, frame_type::enable_code_answer);
+    ask(*of, peer, frame_type::disable_all, {});
 }
 
 } // namespace

@@ -226,7 +226,7 @@ private:
     // From the answer to the first message on.
     bool log_in(const link_pointer& to, qor::control::scram_client& login, frame& answer) {
         if (answer.type == frame_type::refusal)
-            return refused(answer);
+            return refused(answer, qorError_debug_sessions_full);
         std::string last;
         if (!login.final(answer.payload, last)) {
             leave(to);
@@ -236,7 +236,7 @@ private:
         if (!to->ask(frame_type::login_final, last, login_time, answer))
             return false;
         if (answer.type == frame_type::refusal)
-            return refused(answer);
+            return refused(answer, qorError_debug_sessions_full);
         // From here on it is the listener that has to prove itself.
         const peer_name& peer = to->peer();
         if (!login.verify(answer.payload)) {
@@ -252,19 +252,20 @@ private:
         return true;
     }
 
-    static bool refused(const frame& answer) noexcept {
+    static bool refused(const frame& answer, uint32 error_of_no_room) noexcept {
+        using qor::control::refusal_code;
         uint32 code = 0;
         qor::control::read_number(answer.payload, code);
-        qorSetLastError(code == static_cast<uint32>(qor::control::refusal_code::credentials)
-                            ? qorError_credentials_refused
-                            : qorError_debug_refused);
+        qorSetLastError(code == static_cast<uint32>(refusal_code::credentials) ? qorError_credentials_refused
+                        : code == static_cast<uint32>(refusal_code::no_room)   ? error_of_no_room
+                                                                              : qorError_debug_refused);
         return false;
     }
 
     static bool ask(const link_pointer& to, frame_type type, std::string_view payload, frame& answer) {
         if (!to->ask(type, payload, request_time, answer))
             return false;
-        return answer.type != frame_type::refusal || refused(answer);
+        return answer.type != frame_type::refusal || refused(answer, qorError_debug_switches_full);
     }
 
     bool get_list(frame_type type, qorStringArray& out) noexcept {

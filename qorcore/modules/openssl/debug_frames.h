@@ -37,6 +37,7 @@ constexpr frame_type answer_to(frame_type request) noexcept {
 enum class refusal_code : uint32 {
     credentials = 1, // the login may be tried again
     request = 2,     // the request cannot be carried out
+    no_room = 3,     // for another session of the account or at all, or for another name that a switch is remembered for
 };
 
 inline constexpr uint32 frame_header_size = 12;

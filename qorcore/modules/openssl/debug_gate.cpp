@@ -1,66 +1,122 @@
 #include "debug_gate.h"
 
 #include <algorithm>
+#include <functional>
 
-bool qor::control::gate::enter(const std::string& neighbour) {
-    const bool near_full = m_waiting >= room_at_ease;
-    if (m_waiting >= room || (near_full && m_lot(room - room_at_ease + 1) <= m_waiting - room_at_ease))
-        return false;
-    if (m_neighbours.size() >= neighbours)
+namespace {
+
+using qor::control::gate;
+using qor::control::moment;
+
+void drop_old(std::vector<moment>& tries, moment now) {
+    std::erase_if(tries, [now](moment made) { return now - made >= gate::period; });
+}
+
+} // namespace
+
+qor::control::gate::place qor::control::gate::enter(std::string_view source, moment now, place& loser) {
+    loser = 0;
+    const unsigned own = places_of(source);
+    auto at = m_places.end();
+    bool at_once = false;
+    if (own >= room_of_source) {
+        at = std::find_if(m_places.begin(), m_places.end(), [&](const entry& each) { return each.source == source; });
+    } else if (m_places.size() >= room) {
+        unsigned most = 0;
+        for (auto each = m_places.begin(); each != m_places.end(); ++each)
+            if (const unsigned count = each->source == source ? own + 1 : places_of(each->source); count > most) {
+                most = count;
+                at = each;
+            }
+        at_once = most > own + 1;
+    }
+    if (at != m_places.end()) {
+        if (!at_once && now - at->since < grace)
+            return 0;
+        loser = at->number;
+        m_places.erase(at);
+    }
+    m_places.push_back({++m_last_place, std::string(source), now});
+    return m_last_place;
+}
+
+void qor::control::gate::leave(place which) {
+    std::erase_if(m_places, [which](const entry& each) { return each.number == which; });
+}
+
+unsigned qor::control::gate::places_of(std::string_view source) const noexcept {
+    return static_cast<unsigned>(
+        std::count_if(m_places.begin(), m_places.end(), [source](const entry& each) { return each.source == source; }));
+}
+
+std::chrono::seconds qor::control::gate::delay(std::string_view account, moment now) {
+    return is_pressed(account, now) ? delay_at_account : std::chrono::seconds(0);
+}
+
+bool qor::control::gate::may_try(std::string_view source, std::string_view account, moment now, moment& next) {
+    const auto at = m_sources.find(source);
+    if (at == m_sources.end())
+        return true;
+    recent& made = at->second;
+    drop_old(made, now);
+    const unsigned limit = is_pressed(account, now) ? 1 : tries;
+    if (made.size() < limit)
+        return true;
+    next = made[made.size() - limit] + period;
+    return false;
+}
+
+void qor::control::gate::count_wrong_try(std::string_view source, std::string_view account, moment now) {
+    if (m_sources.size() >= sources && !m_sources.contains(source))
         make_room();
-    record& of = m_neighbours[neighbour];
-    if (of.waiting >= room_per_neighbour)
-        return false;
-    ++of.waiting;
-    ++m_waiting;
-    return true;
-}
-
-void qor::control::gate::leave(const std::string& neighbour) {
-    const auto at = m_neighbours.find(neighbour);
-    --at->second.waiting;
-    --m_waiting;
-    drop_if_empty(at);
-}
-
-bool qor::control::gate::take_try(const std::string& neighbour, moment now) {
-    record& of = m_neighbours[neighbour];
-    if (of.tries.size() == tries && now - of.tries.front() < period)
-        return false;
-    if (of.tries.size() == tries)
-        of.tries.erase(of.tries.begin());
-    of.tries.push_back(now);
-    return true;
-}
-
-qor::control::moment qor::control::gate::next_try(const std::string& neighbour) const {
-    const auto at = m_neighbours.find(neighbour);
-    return at != m_neighbours.end() && at->second.tries.size() == tries ? at->second.tries.front() + period : moment();
-}
-
-void qor::control::gate::give_back_try(const std::string& neighbour) {
-    const auto at = m_neighbours.find(neighbour);
-    if (at == m_neighbours.end() || at->second.tries.empty())
-        return;
-    at->second.tries.pop_back();
-    drop_if_empty(at);
-}
-
-void qor::control::gate::forget(moment now) {
-    for (auto at = m_neighbours.begin(); at != m_neighbours.end();) {
-        std::erase_if(at->second.tries, [now](moment made) { return now - made >= period; });
-        drop_if_empty(at++);
+    for (recent* const each : {&m_sources[std::string(source)], &at_account(account)}) {
+        if (each->size() == tries)
+            each->erase(each->begin());
+        each->push_back(now);
     }
 }
 
-void qor::control::gate::make_room() {
-    const auto gone = std::find_if(m_neighbours.begin(), m_neighbours.end(),
-                                   [](const auto& each) { return each.second.waiting == 0; });
-    if (gone != m_neighbours.end())
-        m_neighbours.erase(gone);
+bool qor::control::gate::begin_session(std::string_view account) {
+    const auto at = m_sessions.try_emplace(std::string(account)).first;
+    if (m_session_count >= sessions || at->second >= sessions_of_account) {
+        if (at->second == 0)
+            m_sessions.erase(at);
+        return false;
+    }
+    ++at->second;
+    ++m_session_count;
+    return true;
 }
 
-void qor::control::gate::drop_if_empty(std::map<std::string, record>::iterator at) {
-    if (at->second.waiting == 0 && at->second.tries.empty())
-        m_neighbours.erase(at);
+void qor::control::gate::end_session(std::string_view account) {
+    const auto at = m_sessions.find(account);
+    --m_session_count;
+    if (--at->second == 0)
+        m_sessions.erase(at);
+}
+
+void qor::control::gate::forget(moment now) {
+    for (auto at = m_sources.begin(); at != m_sources.end();) {
+        drop_old(at->second, now);
+        at = at->second.empty() ? m_sources.erase(at) : std::next(at);
+    }
+    for (recent& each : m_accounts)
+        drop_old(each, now);
+}
+
+qor::control::gate::recent& qor::control::gate::at_account(std::string_view account) noexcept {
+    return m_accounts[std::hash<std::string_view>()(account) % m_accounts.size()];
+}
+
+// The source that tried least is forgotten.
+void qor::control::gate::make_room() {
+    m_sources.erase(std::min_element(m_sources.begin(), m_sources.end(), [](const auto& one, const auto& other) {
+        return one.second.size() < other.second.size();
+    }));
+}
+
+bool qor::control::gate::is_pressed(std::string_view account, moment now) {
+    recent& there = at_account(account);
+    drop_old(there, now);
+    return there.size() >= tries;
 }

@@ -56,7 +56,8 @@ bool qor::control::link::turn() {
         return lose_to_peer(reason_text(1071));
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(next_look() - clock::now()).count();
     net::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_socket, true, !m_channel.outgoing().empty()}};
-    net::wait(watched, static_cast<int>(std::max<long long>(0, left)));
+    if (!net::wait(watched, static_cast<int>(std::max<long long>(0, left))))
+        return lose_own_socket();
     const clock::time_point now = clock::now();
     if (watched[1].ready && !receive(now))
         return false;
@@ -189,6 +190,12 @@ bool qor::control::link::lose_to_peer(std::string reason) {
     }
     // A listener that has no room for another one says nothing.
     return m_open ? lose(qorError_debug_connection_lost, std::move(reason)) : lose_in_handshake(qorError_debug_busy, {});
+}
+
+bool qor::control::link::lose_own_socket() {
+    std::string reason = reason_text(1086);
+    return m_open ? lose(qorError_debug_connection_lost, std::move(reason))
+                  : lose_in_handshake(qorError_debug_cannot_connect, std::move(reason));
 }
 
 bool qor::control::link::lose_in_handshake(uint32 number, std::string reason) {

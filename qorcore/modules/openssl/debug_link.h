@@ -88,6 +88,7 @@ private:
     bool flush();
     bool lose(uint32 number, std::string reason);
     bool lose_to_peer(std::string reason);
+    bool lose_own_socket();
     bool lose_in_handshake(uint32 number, std::string reason);
     void tell_sink();
     bool is_own_thread() const noexcept { return std::this_thread::get_id() == m_thread_id; }

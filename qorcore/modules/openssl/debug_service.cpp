@@ -1,7 +1,5 @@
 #include "debug_service.h"
 
-#include <openssl/rand.h>
-
 #include <algorithm>
 
 namespace {
@@ -15,17 +13,11 @@ constexpr auto farewell_time = 1s;
 // New connections, before those that are there are served again: a flood of them must not keep anyone waiting.
 constexpr int at_a_time = 64;
 
-unsigned draw(unsigned below) {
-    uint32 number = 0;
-    RAND_bytes(reinterpret_cast<unsigned char*>(&number), sizeof number);
-    return number % below;
-}
-
 } // namespace
 
 qor::control::service::service(tls_context context, accounts users, std::vector<net::socket> listeners)
     : m_trace(qorDebugAllocateCode("system.debug-control")), m_context(std::move(context)),
-      m_accounts(std::move(users)), m_gate(draw), m_host{m_context.get(), m_gate, m_accounts, m_trace},
+      m_accounts(std::move(users)), m_host{m_context.get(), m_gate, m_accounts, m_trace},
       m_listeners(std::move(listeners)) {}
 
 qor::control::service::~service() {
@@ -43,27 +35,36 @@ void qor::control::service::start() {
 
 void qor::control::service::run() {
     std::vector<net::watched> watched;
-    while (!m_ending) {
-        wait(std::chrono::steady_clock::now(), watched);
-        const moment now = std::chrono::steady_clock::now();
-        m_waker.take();
-        // Connections stand in the list as they stood in it when it was made; new ones come behind.
-        std::size_t at = 1 + m_listeners.size();
-        for (auto each = m_connections.begin(); each != m_connections.end(); ++at)
-            each = serve(*each, watched[at].ready, now) ? std::next(each) : m_connections.erase(each);
-        for (std::size_t i = 0; i < m_listeners.size(); ++i)
-            if (watched[1 + i].ready)
-                accept_some(m_listeners[i], now);
-        if (now >= m_forget_at) {
-            m_gate.forget(now);
-            m_forget_at = now + 10s;
-        }
-    }
+    bool is_whole = true;
+    while (!m_ending && is_whole)
+        is_whole = turn(watched);
     for (connection& each : m_connections) {
         each.talk.lost("nobody listens any more");
         flush(each);
     }
     m_connections.clear();
+    m_listeners.clear();
+    if (!is_whole)
+        qorDebug(m_trace, "this process has closed the sockets of its listener: nobody listens any more");
+}
+
+bool qor::control::service::turn(std::vector<net::watched>& watched) {
+    if (!wait(std::chrono::steady_clock::now(), watched))
+        return false;
+    const moment now = std::chrono::steady_clock::now();
+    m_waker.take();
+    // Connections stand in the list as they stood in it when it was made; new ones come behind.
+    std::size_t at = 1 + m_listeners.size();
+    for (auto each = m_connections.begin(); each != m_connections.end(); ++at)
+        each = serve(*each, watched[at].ready, now) ? std::next(each) : m_connections.erase(each);
+    for (std::size_t i = 0; i < m_listeners.size(); ++i)
+        if (watched[1 + i].ready)
+            accept_some(m_listeners[i], now);
+    if (now >= m_forget_at) {
+        m_gate.forget(now);
+        m_forget_at = now + 10s;
+    }
+    return true;
 }
 
 int qor::control::service::time_to_wait(moment now) const noexcept {
@@ -75,14 +76,14 @@ int qor::control::service::time_to_wait(moment now) const noexcept {
     return static_cast<int>(std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(next - now).count()));
 }
 
-void qor::control::service::wait(moment now, std::vector<net::watched>& watched) {
+bool qor::control::service::wait(moment now, std::vector<net::watched>& watched) {
     watched.clear();
     watched.push_back({&m_waker.receiver(), true, false});
     for (const net::socket& each : m_listeners)
         watched.push_back({&each, now >= m_accept_again, false});
     for (connection& each : m_connections)
         watched.push_back({&each.socket, !each.talk.is_over(), !each.talk.outgoing().empty()});
-    net::wait(watched, time_to_wait(now));
+    return net::wait(watched, time_to_wait(now));
 }
 
 void qor::control::service::accept_some(const net::socket& listener, moment now) {
@@ -95,16 +96,30 @@ void qor::control::service::accept_some(const net::socket& listener, moment now)
                 m_accept_again = now + 1s;
             return;
         }
-        const std::string neighbour = from.neighbour();
-        if (!m_gate.enter(neighbour)) {
-            qorDebug(m_trace, "connection from %s is turned away", from.text().c_str());
-            continue;
-        }
         try {
-            m_connections.emplace_back(std::move(made), m_host, from, now);
+            let_in(std::move(made), from, now);
         } catch (const std::bad_alloc&) {
-            m_gate.leave(neighbour);
+            // It is closed.
         }
+    }
+}
+
+void qor::control::service::let_in(net::socket made, const net::endpoint& from, moment now) {
+    const net::source source = net::source_of(from, net::local_end(made));
+    gate::place loser;
+    const gate::place place = m_gate.enter(source.key, now, loser);
+    if (place == 0) {
+        qorDebug(m_trace, "connection from %s is turned away", source.text.c_str());
+        return;
+    }
+    for (connection& each : m_connections)
+        if (loser != 0 && each.talk.place() == loser)
+            each.talk.lost("it made way for another one");
+    try {
+        m_connections.emplace_back(std::move(made), m_host, source, place, now);
+    } catch (...) {
+        m_gate.leave(place);
+        throw;
     }
 }
 

@@ -26,8 +26,8 @@ public:
 
 private:
     struct connection {
-        connection(net::socket taken, const session_host& host, const net::endpoint& from, moment now)
-            : socket(std::move(taken)), talk(host, from.text(), from.neighbour(), now) {}
+        connection(net::socket taken, const session_host& host, net::source from, gate::place place, moment now)
+            : socket(std::move(taken)), talk(host, std::move(from), place, now) {}
 
         net::socket socket;
         session talk;
@@ -35,9 +35,11 @@ private:
     };
 
     void run();
+    bool turn(std::vector<net::watched>& watched); // one round; false: the process has closed sockets of ours
     int time_to_wait(moment now) const noexcept;
-    void wait(moment now, std::vector<net::watched>& watched);
+    bool wait(moment now, std::vector<net::watched>& watched);
     void accept_some(const net::socket& listener, moment now);
+    void let_in(net::socket made, const net::endpoint& from, moment now);
     bool serve(connection& of, bool ready, moment now);
     bool receive(connection& of, moment now);
     bool flush(connection& of);

@@ -34,11 +34,11 @@ std::string list_page(bool only_enabled, uint32 start) {
 
 } // namespace
 
-std::string qor::control::printable(std::string_view text) {
-    std::string out;
-    for (const char c : text.substr(0, 64)) {
+std::string qor::control::quoted(std::string_view text) {
+    std::string out = "'";
+    for (const char c : text.substr(0, longest_user_name)) {
         const auto byte = static_cast<uint8>(c);
-        if (byte >= 0x20 && byte != 0x7f && byte != '\\' && byte < 0x80) {
+        if (byte >= 0x20 && byte < 0x7f && byte != '\\' && byte != '\'') {
             out += c;
             continue;
         }
@@ -46,11 +46,12 @@ std::string qor::control::printable(std::string_view text) {
         std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
         out += escaped;
     }
-    return out;
+    out += '\'';
+    return text.size() > longest_user_name ? out + '+' + std::to_string(text.size() - longest_user_name) : out;
 }
 
-qor::control::session::session(const session_host& host, std::string peer, std::string neighbour, moment now)
-    : m_host(host), m_peer(std::move(peer)), m_neighbour(std::move(neighbour)),
+qor::control::session::session(const session_host& host, net::source peer, gate::place place, moment now)
+    : m_host(host), m_peer(std::move(peer)), m_place(place),
       m_channel(host.context, tls_channel::side::server), m_begun(now), m_heard(now), m_sent(now) {
     m_channel.set_record_limit(tls_channel::longest_hello);
 }
@@ -58,9 +59,9 @@ qor::control::session::session(const session_host& host, std::string peer, std::
 qor::control::session::~session() { leave_gate(); }
 
 void qor::control::session::leave_gate() {
-    if (!m_neighbour.empty())
-        m_host.doorway.leave(m_neighbour);
-    m_neighbour.clear();
+    m_host.doorway.leave(std::exchange(m_place, 0));
+    if (std::exchange(m_logged_in, false))
+        m_host.doorway.end_session(m_account);
 }
 
 void qor::control::session::receive(std::string_view wire, moment now) {
@@ -112,6 +113,7 @@ void qor::control::session::handle(const frame& request, moment now) {
     if (m_waiting == waiting::nothing && request.type == frame_type::login_final && m_login) {
         m_waiting_request = request;
         m_waiting = waiting::try_to_log_in;
+        m_try_at = now + m_host.doorway.delay(m_account, now);
         return look_at_clock(now);
     }
     end("a request that is out of turn");
@@ -123,7 +125,8 @@ void qor::control::session::begin_login(const frame& request) {
     m_login.emplace(m_host.users, binding);
     if (!m_login->first(request.payload, answer))
         return end("a malformed login");
-    m_user = printable(m_login->user());
+    m_account = m_login->user();
+    m_user = quoted(m_account);
     send(frame_type::login_first_answer, request.request, answer);
 }
 
@@ -132,18 +135,24 @@ void qor::control::session::finish_login(moment now) {
     std::string answer;
     const scram_server::verdict verdict = m_login->final(m_waiting_request.payload, answer);
     m_login.reset();
+    if (verdict != scram_server::verdict::accepted)
+        m_host.doorway.count_wrong_try(m_peer.key, m_account, now);
     switch (verdict) {
     case scram_server::verdict::malformed:
         return end("a malformed login");
     case scram_server::verdict::refused:
         return refuse_later(now);
     case scram_server::verdict::accepted:
-        m_host.doorway.give_back_try(m_neighbour);
+        if (!m_host.doorway.begin_session(m_account)) {
+            qorDebug(m_host.trace, "no room for another session of %s from %s", m_user.c_str(), m_peer.text.c_str());
+            refuse(m_waiting_request, refusal_code::no_room);
+            return end("too many are logged in");
+        }
         leave_gate();
         m_logged_in = true;
         m_frames.set_limit(payload_limit);
         m_channel.set_record_limit(tls_channel::longest_record);
-        qorDebug(m_host.trace, "login of '%s' from %s", m_user.c_str(), m_peer.c_str());
+        qorDebug(m_host.trace, "login of %s from %s", m_user.c_str(), m_peer.text.c_str());
         send(frame_type::login_final_answer, m_waiting_request.request, answer);
     }
 }
@@ -152,12 +161,12 @@ void qor::control::session::refuse_later(moment now) {
     m_waiting = waiting::refusal;
     m_refuse_at = now + refusal_delay * (1 << m_refused);
     ++m_refused;
-    qorDebug(m_host.trace, "refused '%s' from %s", m_user.c_str(), m_peer.c_str());
+    qorDebug(m_host.trace, "refused %s from %s", m_user.c_str(), m_peer.text.c_str());
 }
 
 void qor::control::session::refuse_now() {
     m_waiting = waiting::nothing;
-    send(frame_type::refusal, m_waiting_request.request, number_payload(static_cast<uint32>(refusal_code::credentials)));
+    refuse(m_waiting_request, refusal_code::credentials);
     if (m_refused == refusals)
         end("too many refusals");
 }
@@ -176,7 +185,7 @@ void qor::control::session::carry_out(const frame& request) {
     case frame_type::disable_all:
         if (!request.payload.empty())
             break;
-        qorDebug(m_host.trace, "'%s' from %s switches all codes off", m_user.c_str(), m_peer.c_str());
+        qorDebug(m_host.trace, "%s from %s switches all codes off", m_user.c_str(), m_peer.text.c_str());
         qorDebugEnableCode("*", false);
         return send(frame_type::disable_all_answer, request.request, {});
     default:
@@ -192,11 +201,18 @@ void qor::control::session::enable_code(const frame& request) {
     const bool enable = payload[0] == 1;
     const std::string name(payload.substr(1));
     if (name.empty() || name.size() > name_limit)
-        return send(frame_type::refusal, request.request, number_payload(static_cast<uint32>(refusal_code::request)));
-    qorDebug(m_host.trace, "'%s' from %s switches '%s' %s", m_user.c_str(), m_peer.c_str(), printable(name).c_str(),
+        return refuse(request, refusal_code::request);
+    qorDebug(m_host.trace, "%s from %s switches %s %s", m_user.c_str(), m_peer.text.c_str(), quoted(name).c_str(),
              enable ? "on" : "off");
-    qorDebugEnableCode(name.c_str(), enable);
+    if (!qorDebugEnableCode(name.c_str(), enable)) {
+        qorDebug(m_host.trace, "no room to remember %s", quoted(name).c_str());
+        return refuse(request, refusal_code::no_room);
+    }
     send(frame_type::enable_code_answer, request.request, {});
+}
+
+void qor::control::session::refuse(const frame& request, refusal_code reason) {
+    send(frame_type::refusal, request.request, number_payload(static_cast<uint32>(reason)));
 }
 
 void qor::control::session::send(frame_type type, uint32 request, std::string_view payload) {
@@ -220,10 +236,12 @@ void qor::control::session::look_at_clock(moment now) {
         return end("the login took too long");
     if (m_open && now >= m_heard + silence_limit)
         return end("it was silent for too long");
-    if (m_waiting == waiting::try_to_log_in && m_host.doorway.take_try(m_neighbour, now))
-        finish_login(now);
-    else if (m_waiting == waiting::refusal && now >= m_refuse_at)
+    if (m_waiting == waiting::try_to_log_in && now >= m_try_at) {
+        if (m_host.doorway.may_try(m_peer.key, m_account, now, m_try_at))
+            finish_login(now);
+    } else if (m_waiting == waiting::refusal && now >= m_refuse_at) {
         refuse_now();
+    }
     if (m_open && !m_over && now >= m_sent + heartbeat_time) {
         m_sent = now;
         send(frame_type::heartbeat, 0, {});
@@ -239,7 +257,7 @@ qor::control::moment qor::control::session::next_look() const noexcept {
     if (!m_logged_in)
         next = std::min(next, m_begun + login_time);
     if (m_waiting == waiting::try_to_log_in)
-        next = std::min(next, m_host.doorway.next_try(m_neighbour));
+        next = std::min(next, m_try_at);
     if (m_waiting == waiting::refusal)
         next = std::min(next, m_refuse_at);
     return next;
@@ -252,10 +270,10 @@ void qor::control::session::lost(const char* reason) {
 
 void qor::control::session::end(const char* reason) {
     m_over = true;
+    if (m_logged_in)
+        qorDebug(m_host.trace, "%s from %s has left: %s", m_user.c_str(), m_peer.text.c_str(), reason);
+    else
+        qorDebug(m_host.trace, "connection from %s ends before a login: %s", m_peer.text.c_str(), reason);
     leave_gate();
     m_channel.end();
-    if (m_logged_in)
-        qorDebug(m_host.trace, "'%s' from %s has left: %s", m_user.c_str(), m_peer.c_str(), reason);
-    else
-        qorDebug(m_host.trace, "connection from %s ends before a login: %s", m_peer.c_str(), reason);
 }

@@ -4,6 +4,7 @@
 
 #include "debug_frames.h"
 #include "debug_gate.h"
+#include "net_source.h"
 #include "qor/qor.h"
 #include "scram_server.h"
 #include "tls_channel.h"
@@ -31,8 +32,8 @@ public:
     static constexpr std::chrono::milliseconds refusal_delay{250}; // the first; each is twice the one before
     static constexpr std::size_t queue_limit = 256 * 1024;
 
-    // The gate has let it in.
-    session(const session_host& host, std::string peer, std::string neighbour, moment now);
+    // The gate has given it a place.
+    session(const session_host& host, net::source peer, gate::place place, moment now);
     session(const session&) = delete;
     session& operator=(const session&) = delete;
     ~session();
@@ -52,8 +53,10 @@ public:
     // Nothing more comes: the connection is closed once all is sent, or the time of next_look is over.
     bool is_over() const noexcept { return m_over; }
 
-    // The connection is gone, for a reason in words. Not called for one that is over.
+    // The connection ends, for a reason in words.
     void lost(const char* reason);
+
+    gate::place place() const noexcept { return m_place; } // 0: it has none any more
 
 private:
     void handle(const frame& request, moment now);
@@ -63,13 +66,14 @@ private:
     void refuse_now();
     void carry_out(const frame& request);
     void enable_code(const frame& request);
+    void refuse(const frame& request, refusal_code reason);
     void send(frame_type type, uint32 request, std::string_view payload);
     void end(const char* reason);
     void leave_gate();
 
     const session_host& m_host;
-    std::string m_peer;
-    std::string m_neighbour;
+    net::source m_peer;
+    gate::place m_place;
     tls_channel m_channel;
     frame_reader m_frames;
     bool m_open = false; // the handshake is done
@@ -77,11 +81,13 @@ private:
     bool m_over = false;
 
     std::optional<scram_server> m_login;
-    std::string m_user;
+    std::string m_account; // as the peer names it
+    std::string m_user;    // the same for the trace
     // A request whose answer waits for its time: a login's last step, until the gate lets it, or a refusal.
     enum class waiting { nothing, try_to_log_in, refusal };
     waiting m_waiting = waiting::nothing;
     frame m_waiting_request{};
+    moment m_try_at{};
     moment m_refuse_at{};
     unsigned m_refused = 0;
 
@@ -91,7 +97,9 @@ private:
     std::optional<moment> m_within_since; // a frame has begun that is not whole
 };
 
-// A text of somebody who may not be trusted, fit for a line of trace.
-std::string printable(std::string_view text);
+// A text of somebody who may not be trusted, as it stands in a line of trace: between quotes, which no text can leave, since what
+// is not printable ASCII, quotes and backslashes are "\xNN" within. Of a longer one than an account's name can be it is the
+// beginning, and "+N" behind the quotes says how many bytes more there are.
+std::string quoted(std::string_view text);
 
 } // namespace qor::control

@@ -3,6 +3,17 @@
 #include <algorithm>
 #include <cstring>
 
+namespace {
+
+// An IPv4 address in its other form counts as what it is.
+constexpr unsigned char mapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+
+bool is_mapped(const qor::net::endpoint& address) noexcept {
+    return std::equal(mapped, mapped + sizeof mapped, address.bytes + qor::net::endpoint::ipv6_at);
+}
+
+} // namespace
+
 // An address lies in memory as every system of ours has it, which net_posix.cpp and net_windows.cpp check: the family, the port,
 // and then an IPv4 address, or four bytes further an IPv6 one.
 qor::net::endpoint::endpoint(const void* address, std::size_t length) noexcept
@@ -25,9 +36,17 @@ std::string qor::net::endpoint::neighbour() const {
     };
     if (!is_ipv6())
         return text_of(ipv4_at, 4);
-    // An IPv4 address in its other form counts as what it is.
-    constexpr unsigned char mapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
-    return std::equal(mapped, mapped + sizeof mapped, bytes + ipv6_at) ? text_of(ipv6_at + sizeof mapped, 4) : text_of(ipv6_at, 8);
+    return is_mapped(*this) ? text_of(ipv6_at + sizeof mapped, 4) : text_of(ipv6_at, 8);
+}
+
+// 127.0.0.0/8 and ::1.
+bool qor::net::endpoint::is_loopback() const noexcept {
+    if (!is_ipv6())
+        return bytes[ipv4_at] == 127;
+    if (is_mapped(*this))
+        return bytes[ipv6_at + sizeof mapped] == 127;
+    constexpr unsigned char loopback[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    return std::equal(loopback, loopback + sizeof loopback, bytes + ipv6_at);
 }
 
 void qor::net::waker::wake() noexcept {
@@ -37,6 +56,6 @@ void qor::net::waker::wake() noexcept {
 
 void qor::net::waker::take() noexcept {
     char bytes[16];
-    for (std::size_t count = 1; receive(m_receiver, bytes, sizeof bytes, &count) == 0;)
+    for (std::size_t count = 1; count != 0 && receive(m_receiver, bytes, sizeof bytes, &count) == 0;)
         ;
 }

@@ -26,9 +26,11 @@ class socket {
 public:
     socket() noexcept = default;
     explicit socket(std::intptr_t handle) noexcept;
-    socket(socket&& other) noexcept : m_handle(std::exchange(other.m_handle, -1)), m_forks(other.m_forks) {}
+    socket(socket&& other) noexcept
+        : m_handle(std::exchange(other.m_handle, -1)), m_identity(other.m_identity), m_forks(other.m_forks) {}
     socket& operator=(socket&& other) noexcept {
         std::swap(m_handle, other.m_handle);
+        std::swap(m_identity, other.m_identity);
         std::swap(m_forks, other.m_forks);
         return *this;
     }
@@ -37,8 +39,13 @@ public:
     bool is_open() const noexcept { return m_handle != -1; }
     std::intptr_t handle() const noexcept { return m_handle; }
 
+    // False: it is not open, or the process has closed it behind our back, as one does that closes all descriptors it does not
+    // know. The number may be another file's by now: such a socket is neither read nor written nor closed any more.
+    bool is_ours() const noexcept;
+
 private:
     std::intptr_t m_handle = -1;
+    std::uint64_t m_identity = 0; // which socket the number stands for
     unsigned m_forks = 0;
 };
 
@@ -53,6 +60,7 @@ struct endpoint {
     unsigned size = 0;
 
     bool is_ipv6() const noexcept;
+    bool is_loopback() const noexcept;
     std::string host() const; // as digits
     uint16 port() const noexcept;
     void set_port(uint16 port) noexcept;
@@ -94,8 +102,8 @@ struct watched {
     bool ready = false;
 };
 
-// Until one of them is ready or the time is over; less than 0 is for ever.
-void wait(std::span<watched> all, int milliseconds);
+// Until one of them is ready or the time is over; less than 0 is for ever. False: one of them is not ours any more.
+bool wait(std::span<watched> all, int milliseconds);
 
 // Ends a wait from another thread: its socket can be waited for. Any number of wakes are one.
 class waker {

@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -25,10 +26,21 @@ static_assert(offsetof(sockaddr_in, sin_port) == endpoint::port_at && offsetof(s
 
 // All sockets of the module, for the day of a fork. Never destroyed.
 struct register_of_sockets {
+    struct entry {
+        int handle;
+        std::uint64_t identity;
+    };
+
     std::mutex lock;
-    std::vector<int> open;
+    std::vector<entry> open;
     unsigned forks = 0;
 };
+
+// The number of a socket's inode; 0: it is no socket.
+std::uint64_t identity_of(std::intptr_t handle) noexcept {
+    struct stat status;
+    return fstat(static_cast<int>(handle), &status) == 0 && S_ISSOCK(status.st_mode) ? status.st_ino : 0;
+}
 
 void before_fork();
 void after_fork_in_parent();
@@ -47,8 +59,9 @@ void after_fork_in_parent() { sockets().lock.unlock(); }
 
 // A connection that the child kept would outlive the parent's end of it.
 void after_fork_in_child() {
-    for (const int each : sockets().open)
-        close(each);
+    for (const auto& each : sockets().open)
+        if (identity_of(each.handle) == each.identity)
+            close(each.handle);
     sockets().open.clear();
     ++sockets().forks;
     sockets().lock.unlock();
@@ -82,21 +95,25 @@ std::string qor::net::reason_of(int code) { return std::generic_category().messa
 
 unsigned qor::net::fork_count() noexcept { return sockets().forks; }
 
-qor::net::socket::socket(std::intptr_t handle) noexcept : m_handle(handle) {
+qor::net::socket::socket(std::intptr_t handle) noexcept : m_handle(handle), m_identity(identity_of(handle)) {
     const std::lock_guard hold(sockets().lock);
-    sockets().open.push_back(static_cast<int>(handle));
+    sockets().open.push_back({static_cast<int>(handle), m_identity});
     m_forks = sockets().forks;
+}
+
+bool qor::net::socket::is_ours() const noexcept {
+    // Closed by a fork, or by the host; the number may be somebody else's by now.
+    return is_open() && m_forks == sockets().forks && identity_of(m_handle) == m_identity;
 }
 
 qor::net::socket::~socket() {
     if (!is_open())
         return;
     const std::lock_guard hold(sockets().lock);
-    // Closed by the fork; the number may be somebody else's by now.
-    if (m_forks != sockets().forks)
-        return;
-    std::erase(sockets().open, static_cast<int>(m_handle));
-    close(static_cast<int>(m_handle));
+    if (m_forks == sockets().forks)
+        std::erase_if(sockets().open, [this](const auto& each) { return each.identity == m_identity; });
+    if (is_ours())
+        close(static_cast<int>(m_handle));
 }
 
 bool qor::net::endpoint::is_ipv6() const noexcept { return family_of(*this) == AF_INET6; }
@@ -145,6 +162,8 @@ qor::net::endpoint qor::net::local_end(const socket& of) noexcept {
 }
 
 int qor::net::accept_from(const socket& listener, socket& out, endpoint& from) {
+    if (!listener.is_ours())
+        return EBADF;
     socklen_t size = sizeof from.bytes;
     const int made = accept4(handle_of(listener), address_of(from), &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (made < 0)
@@ -165,7 +184,8 @@ int qor::net::connect_to(const endpoint& to, int milliseconds, socket& out) {
         if (errno != EINPROGRESS)
             return errno;
         watched when{&made, false, true};
-        wait({&when, 1}, milliseconds);
+        if (!wait({&when, 1}, milliseconds))
+            return EBADF;
         if (!when.ready)
             return timed_out;
         int failed = 0;
@@ -179,22 +199,31 @@ int qor::net::connect_to(const endpoint& to, int milliseconds, socket& out) {
 }
 
 int qor::net::receive(const socket& from, char* bytes, std::size_t size, std::size_t* count) noexcept {
+    *count = 0;
+    if (!from.is_ours())
+        return EBADF;
     const ssize_t got = recv(handle_of(from), bytes, size, 0);
     *count = got > 0 ? static_cast<std::size_t>(got) : 0;
     return got >= 0 ? 0 : errno == EINTR ? would_block : errno;
 }
 
 int qor::net::send(const socket& to, const char* bytes, std::size_t size, std::size_t* count) noexcept {
+    *count = 0;
+    if (!to.is_ours())
+        return EBADF;
     const ssize_t sent = ::send(handle_of(to), bytes, size, MSG_NOSIGNAL);
     *count = sent > 0 ? static_cast<std::size_t>(sent) : 0;
     return sent >= 0 ? 0 : errno == EINTR ? would_block : errno;
 }
 
-void qor::net::wait(std::span<watched> all, int milliseconds) {
+bool qor::net::wait(std::span<watched> all, int milliseconds) {
     std::vector<pollfd> list;
-    for (const watched& each : all)
+    for (const watched& each : all) {
+        if (!each.what->is_ours())
+            return false;
         list.push_back({handle_of(*each.what),
                         static_cast<short>((each.for_reading ? POLLIN : 0) | (each.for_writing ? POLLOUT : 0)), 0});
+    }
     using clock = std::chrono::steady_clock;
     const clock::time_point end = clock::now() + std::chrono::milliseconds(milliseconds);
     int ready;
@@ -205,11 +234,13 @@ void qor::net::wait(std::span<watched> all, int milliseconds) {
                 std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(end - clock::now()).count()));
     for (std::size_t i = 0; i < all.size(); ++i)
         all[i].ready = ready > 0 && list[i].revents != 0;
+    return std::all_of(all.begin(), all.end(), [](const watched& each) { return each.what->is_ours(); });
 }
 
 qor::net::waker::waker() {
     int ends[2];
-    if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0)
+    // The end of one of them, which nobody means, wakes the other one.
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0)
         throw std::system_error(errno, std::generic_category());
     m_receiver = socket(ends[0]);
     m_sender = socket(ends[1]);

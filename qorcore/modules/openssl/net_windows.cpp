@@ -82,6 +82,9 @@ unsigned qor::net::fork_count() noexcept { return 0; }
 
 qor::net::socket::socket(std::intptr_t handle) noexcept : m_handle(handle) {}
 
+// Nobody closes handles that he does not know here.
+bool qor::net::socket::is_ours() const noexcept { return is_open(); }
+
 qor::net::socket::~socket() {
     if (is_open())
         closesocket(handle_of(*this));
@@ -183,7 +186,7 @@ int qor::net::send(const socket& to, const char* bytes, std::size_t size, std::s
     return sent >= 0 ? 0 : WSAGetLastError();
 }
 
-void qor::net::wait(std::span<watched> all, int milliseconds) {
+bool qor::net::wait(std::span<watched> all, int milliseconds) {
     std::vector<WSAPOLLFD> list;
     for (const watched& each : all)
         list.push_back({handle_of(*each.what),
@@ -191,6 +194,7 @@ void qor::net::wait(std::span<watched> all, int milliseconds) {
     const int ready = WSAPoll(list.data(), static_cast<ULONG>(list.size()), milliseconds);
     for (std::size_t i = 0; i < all.size(); ++i)
         all[i].ready = ready > 0 && list[i].revents != 0;
+    return true;
 }
 
 // A datagram socket of this host that is connected to itself.

@@ -187,6 +187,7 @@ constexpr message qorcore[] = {
     {1079, "others may read it (take that right away: chmod go= FILE)"},
     {1080, "it is no valid international name"},
     {1081, "it is an international name, and the library libidn2, which the system needs for these, is missing"},
+    {1086, "this process has closed its socket"},
 };
 
 constexpr built_in catalogs[] = {{"qorcore", qorcore}, {"qortool", qortool}, {"qor-debug-user", qor_debug_user}};

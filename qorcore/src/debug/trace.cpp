@@ -1,10 +1,13 @@
 // Trace codes and their switches.
 #include "debug/trace_output.h"
+#include "debug/trace_pattern.h"
 #include "error/error.h"
 #include "process/process.h"
 #include "string/format_fixed.h"
 
+#include <algorithm>
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -19,17 +22,24 @@ qorDebugFlag flags[qorDebugMaxCodes];
 // By code; a line that is traced reads them without a lock.
 std::atomic<const char*> names[qorDebugMaxCodes];
 
+// What was said of the codes that a pattern matches; numbered in the order in which it was said.
 struct rule {
-    std::string pattern;
+    qor::debug::trace_pattern pattern;
     bool enable;
+    uint64 number;
 };
+constexpr std::size_t most_rules = 256;
+using rule_list = std::vector<std::shared_ptr<const rule>>; // a list is never changed, only replaced
 
 // Never destroyed: objects that trace may live until the very end of the process.
 struct shared_state {
+    std::mutex switching; // one switch after the other: they may be many, and strangers'
+    // The process's own threads take only this one, which is held for no longer than it takes to look a name up or to set a flag.
     std::mutex lock;
-    std::unordered_map<std::string, uint32> codes; // the texts of the names
-    uint32 count = 1;                              // of names
-    std::vector<rule> rules;                       // for codes to come; the last match counts
+    std::unordered_map<std::string, uint32> codes;                           // the texts of the names
+    std::atomic<uint32> count{1};                                            // of names
+    std::shared_ptr<const rule_list> rules = std::make_shared<rule_list>(); // for codes to come; the last match counts
+    uint64 last_number = 0;
 };
 
 shared_state& state() {
@@ -37,27 +47,20 @@ shared_state& state() {
     return *made;
 }
 
-// `*` stands for any text. Linear: after a star only the latest one needs to be tried again.
-bool matches(const char* pattern, const char* name) noexcept {
-    const char* star = nullptr;
-    const char* retry = nullptr;
-    while (*name != '\0') {
-        if (*pattern == '*') {
-            star = pattern++;
-            retry = name;
-        } else if (*pattern == *name) {
-            ++pattern;
-            ++name;
-        } else if (star != nullptr) {
-            pattern = star + 1;
-            name = ++retry;
-        } else {
-            return false;
-        }
-    }
-    while (*pattern == '*')
-        ++pattern;
-    return *pattern == '\0';
+// By code: the rule that set its flag last, which is the one that was said last, whoever comes first to set it.
+uint64 decided_by[qorDebugMaxCodes];
+
+void decide(uint32 code, bool enable, uint64 number) {
+    const std::lock_guard hold(state().lock);
+    if (decided_by[code] > number)
+        return;
+    decided_by[code] = number;
+    flags[code].store(enable ? 1 : 0, std::memory_order_relaxed);
+}
+
+bool is_known(const char* name) {
+    const std::lock_guard hold(state().lock);
+    return state().codes.contains(name);
 }
 
 void write_line(uint32 code, std::string_view text) noexcept {
@@ -65,8 +68,14 @@ void write_line(uint32 code, std::string_view text) noexcept {
     qor::debug::write_line(name != nullptr ? name : "", text);
 }
 
-void before_fork() noexcept { state().lock.lock(); }
-void after_fork() noexcept { state().lock.unlock(); }
+void before_fork() noexcept {
+    state().switching.lock();
+    state().lock.lock();
+}
+void after_fork() noexcept {
+    state().lock.unlock();
+    state().switching.unlock();
+}
 
 } // namespace
 
@@ -76,18 +85,27 @@ uint32 qor::glue::qorDebugAllocateCode(const char* name) noexcept {
     static const bool watching_forks = (qor::process::watch_forks(before_fork, after_fork, after_fork), true);
     (void)watching_forks;
     shared_state& shared = state();
-    const std::lock_guard hold(shared.lock);
-    if (const auto known = shared.codes.find(name); known != shared.codes.end())
-        return known->second;
-    if (shared.count == qorDebugMaxCodes) {
+    std::shared_ptr<const rule_list> rules;
+    uint32 code;
+    {
+        const std::lock_guard hold(shared.lock);
+        if (const auto known = shared.codes.find(name); known != shared.codes.end())
+            return known->second;
+        code = shared.count.load(std::memory_order_relaxed);
+        if (code != qorDebugMaxCodes) {
+            names[code].store(shared.codes.emplace(name, code).first->first.c_str(), std::memory_order_release);
+            shared.count.store(code + 1, std::memory_order_release);
+        }
+        rules = shared.rules;
+    }
+    if (code == qorDebugMaxCodes) {
         qor::error::set(qorError_no_trace_codes_left, {name, std::to_string(qorDebugMaxCodes - 1).c_str()});
         return 0;
     }
-    const uint32 code = shared.count++;
-    names[code].store(shared.codes.emplace(name, code).first->first.c_str(), std::memory_order_release);
-    for (const rule& each : shared.rules)
-        if (matches(each.pattern.c_str(), name))
-            flags[code].store(each.enable ? 1 : 0, std::memory_order_relaxed);
+    // What was said since the list was taken is on its way to this code, too.
+    const auto last = std::find_if(rules->rbegin(), rules->rend(), [name](const auto& each) { return each->pattern.matches(name); });
+    if (last != rules->rend())
+        decide(code, (*last)->enable, (*last)->number);
     return code;
 }
 
@@ -96,15 +114,31 @@ bool qor::glue::qorDebugEnableCode(const char* pattern, bool enable) noexcept {
         qor::error::set(qorError_invalid_argument, {"qorDebugEnableCode", "pattern"});
         return false;
     }
-    const std::lock_guard hold(state().lock);
-    std::vector<rule>& rules = state().rules;
-    // A rule replaces its elders that say nothing beyond it, so that switching on and off for years does not grow the list. What
-    // matches an elder's text with its stars as they stand matches all that the elder does.
-    std::erase_if(rules, [pattern](const rule& old) { return matches(pattern, old.pattern.c_str()); });
-    rules.push_back({pattern, enable});
-    for (uint32 code = 1; code < state().count; ++code)
-        if (matches(pattern, names[code].load(std::memory_order_relaxed)))
-            flags[code].store(enable ? 1 : 0, std::memory_order_relaxed);
+    shared_state& shared = state();
+    const auto made = std::make_shared<rule>(rule{qor::debug::trace_pattern(pattern), enable, 0});
+    uint32 count;
+    {
+        const std::lock_guard one_at_a_time(shared.switching);
+        // A rule replaces its elders that say nothing beyond it, and where nothing is on before, off says nothing.
+        const auto next = std::make_shared<rule_list>();
+        for (const auto& old : *shared.rules)
+            if ((old->enable || !next->empty()) && !made->pattern.covers(old->pattern))
+                next->push_back(old);
+        if ((enable || !next->empty()) && (made->pattern.has_star() || !is_known(pattern))) {
+            if (next->size() == most_rules) {
+                qor::error::set(qorError_too_many_switches, {pattern, std::to_string(most_rules).c_str()});
+                return false;
+            }
+            next->push_back(made);
+        }
+        const std::lock_guard hold(shared.lock);
+        made->number = ++shared.last_number;
+        shared.rules = next;
+        count = shared.count.load(std::memory_order_relaxed);
+    }
+    for (uint32 code = 1; code < count; ++code)
+        if (made->pattern.matches(names[code].load(std::memory_order_relaxed)))
+            decide(code, enable, made->number);
     return true;
 }
 
@@ -122,15 +156,15 @@ bool qor::glue::qorDebugAttachFile(const char* path) noexcept {
 
 void qor::glue::qorDebugGetCodes(qorStringArray& out) noexcept {
     out.Empty();
-    const std::lock_guard hold(state().lock);
-    for (uint32 code = 1; code < state().count; ++code)
+    const uint32 count = state().count.load(std::memory_order_acquire);
+    for (uint32 code = 1; code < count; ++code)
         out.Append(names[code].load(std::memory_order_relaxed));
 }
 
 void qor::glue::qorDebugGetEnabledCodes(qorStringArray& out) noexcept {
     out.Empty();
-    const std::lock_guard hold(state().lock);
-    for (uint32 code = 1; code < state().count; ++code)
+    const uint32 count = state().count.load(std::memory_order_acquire);
+    for (uint32 code = 1; code < count; ++code)
         if (flags[code].load(std::memory_order_relaxed) != 0)
             out.Append(names[code].load(std::memory_order_relaxed));
 }

@@ -126,8 +126,8 @@ const dawdler dawdlers[] = {
 };
 
 // The seconds from the beginning until it was cut; less than 0: it never was.
-double time_until_cut(const dawdler& who, uint16 port, const std::string& source) {
-    tls_peer peer(port, source);
+double time_until_cut(const dawdler& who, uint16 port, const source& from) {
+    tls_peer peer(port, from);
     const test_clock::time_point connected = test_clock::now();
     const beginning how = who.begin(peer);
     const test_clock::time_point begin = who.of_handshake ? connected : test_clock::now();
@@ -143,16 +143,17 @@ double time_until_cut(const dawdler& who, uint16 port, const std::string& source
 }
 
 TEST(cut, what_has_begun_and_is_not_whole) {
+    QOR_NEEDS_SEVERAL_USERS();
     host_process host;
     const holdings before = host.measure();
     std::mutex lock;
     std::vector<std::thread> all;
     unsigned number = 0;
-    // As many as get in without a lot.
+    // Not so many that one of them has to make way.
     for (int i = 0; i < load(1, 2); ++i)
         for (const dawdler& each : dawdlers)
-            all.emplace_back([&, source = source_address(++number)] {
-                const double time = time_until_cut(each, host.port(), source);
+            all.emplace_back([&, from = user_number(++number)] {
+                const double time = time_until_cut(each, host.port(), from);
                 const std::lock_guard hold(lock);
                 std::printf("%s: cut after %.2f s (at most %g)\n", each.what, time, at_most);
                 EXPECT_GT(time, 4.9) << each.what;

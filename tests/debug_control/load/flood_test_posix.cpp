@@ -16,9 +16,9 @@ using namespace qor::test;
 const plain_scram::client ada{"ada", "secret", {}};
 
 // The seconds that a login takes; less than 0: it fails.
-double time_of_login(const host_process& host, const std::string& source) {
+double time_of_login(const host_process& host, const source& from) {
     const test_clock::time_point begin = test_clock::now();
-    tls_peer peer(host.port(), source);
+    tls_peer peer(host.port(), from);
     return peer.shake_hands() && is_logged_in(peer.log_in(ada)) ? seconds_since(begin) : -1;
 }
 
@@ -27,32 +27,33 @@ using attacker = std::shared_ptr<void>;
 
 struct crowd {
     const char* what;
-    attacker (*make)(uint16 port, const std::string& source);
+    attacker (*make)(uint16 port, const source& from);
 };
 
 const crowd crowds[] = {
     {"that say nothing",
-     [](uint16 port, const std::string& source) -> attacker { return std::make_shared<socket_peer>(port, source); }},
+     [](uint16 port, const source& from) -> attacker { return std::make_shared<socket_peer>(port, from); }},
     {"that speak HTTP",
-     [](uint16 port, const std::string& source) -> attacker {
-         auto made = std::make_shared<socket_peer>(port, source);
+     [](uint16 port, const source& from) -> attacker {
+         auto made = std::make_shared<socket_peer>(port, from);
          made->write("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n");
          return made;
      }},
     {"that begin a handshake",
-     [](uint16 port, const std::string& source) -> attacker {
-         auto made = std::make_shared<tls_peer>(port, source);
+     [](uint16 port, const source& from) -> attacker {
+         auto made = std::make_shared<tls_peer>(port, from);
          made->flush();
          return made;
      }},
 };
 
-TEST(flood, of_connections_from_one_address) {
+TEST(flood, of_connections_from_one_user) {
+    QOR_NEEDS_SEVERAL_USERS();
     const int connections = load(2000, 10000);
     for (const crowd& each : crowds) {
         host_process host;
         const holdings at_first = host.measure();
-        ASSERT_GE(time_of_login(host, source_address(2)), 0);
+        ASSERT_GE(time_of_login(host, user_number(2)), 0);
         const holdings before = host.measure_at_rest(at_first);
         constexpr int attackers = 3;
         std::atomic<int> at_work = attackers;
@@ -61,7 +62,7 @@ TEST(flood, of_connections_from_one_address) {
             all.emplace_back([&] {
                 std::deque<attacker> open;
                 for (int made = 0; made < connections / attackers; ++made) {
-                    open.push_back(each.make(host.port(), source_address(1)));
+                    open.push_back(each.make(host.port(), user_number(1)));
                     if (open.size() > 100)
                         open.pop_front();
                 }
@@ -71,7 +72,7 @@ TEST(flood, of_connections_from_one_address) {
         double longest = 0;
         int logins = 0, failed = 0;
         do {
-            const double time = time_of_login(host, source_address(2));
+            const double time = time_of_login(host, user_number(2));
             ++logins;
             failed += time < 0;
             longest = std::max(longest, time);
@@ -82,7 +83,7 @@ TEST(flood, of_connections_from_one_address) {
         for (std::thread& attacking : all)
             attacking.join();
         const holdings after = host.measure_at_rest(before);
-        std::printf("%d connections of one address %s: %ld KiB more resident, %ld KiB more allocated (at most 2048), %ld KiB "
+        std::printf("%d connections of one user %s: %ld KiB more resident, %ld KiB more allocated (at most 2048), %ld KiB "
                     "in the end; %d logins of another one meanwhile, %d of them failed, the longest took %.0f ms (3000); "
                     "descriptors before %ld, after %ld\n",
                     connections, each.what, resident / 1024, heap / 1024, (after.heap - before.heap) / 1024, logins, failed,

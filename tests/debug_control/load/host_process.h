@@ -3,6 +3,7 @@
 
 #include "loopback.h"
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -20,7 +21,8 @@ holdings measure_this_process();
 
 class host_process {
 public:
-    host_process(); // the accounts are ada's and bob's, "secret" and "other"
+    // The accounts are ada's and bob's, "secret" and "other", and those of these lines.
+    explicit host_process(const std::string& more_accounts = {});
     host_process(const host_process&) = delete;
     host_process& operator=(const host_process&) = delete;
     ~host_process(); // ends it, and expects that it ends well
@@ -31,6 +33,15 @@ public:
     // Once its connections are gone, as far as it has any that it must not have: waits until the descriptors are as many as
     // these at most.
     holdings measure_at_rest(const holdings& before);
+
+    // Closes all its descriptors but the standard ones, and opens other sockets in their place, in each of which something waits
+    // to be read. Its trace is at trace_path() from then on.
+    void close_descriptors() { EXPECT_EQ(ask('c'), "done"); }
+    std::string trace_path() const { return m_folder / "trace"; }
+    // How many of these sockets are as they were.
+    int untouched() { return std::atoi(ask('u').c_str()); }
+    void release_listener() { EXPECT_EQ(ask('r'), "done"); }
+    void listen_again() { m_port = static_cast<uint16>(std::atoi(ask('l').c_str())); }
 
 private:
     std::string ask(char what);

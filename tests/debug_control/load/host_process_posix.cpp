@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <malloc.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -37,19 +38,60 @@ long resident() {
     return std::stol(text.substr(text.find(' '))) * sysconf(_SC_PAGESIZE);
 }
 
-// Words: the file of accounts. Answers each byte that it reads with a line, and ends with its input.
+// Sockets of the host's own, with a byte to be read in each.
+class own_sockets {
+public:
+    static constexpr int pairs = 32;
+
+    void open() {
+        for (int i = 0; i < pairs; ++i) {
+            int ends[2];
+            if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || write(ends[0], "x", 1) != 1 || write(ends[1], "x", 1) != 1)
+                std::abort();
+            m_all.insert(m_all.end(), {ends[0], ends[1]});
+        }
+    }
+
+    long untouched() const {
+        return std::count_if(m_all.begin(), m_all.end(), [](int each) {
+            char bytes[2];
+            return recv(each, bytes, 2, MSG_PEEK | MSG_DONTWAIT) == 1 && bytes[0] == 'x';
+        });
+    }
+
+private:
+    std::vector<int> m_all;
+};
+
+// Words: the file of accounts, and one for the trace. Answers each byte that it reads with a line, and ends with its input.
 const scene host{"debug_control_host", [](const words& arguments) {
     // Trace codes that fill several pages.
     for (int i = 0; i < 2000; ++i)
         qorDebugAllocateCode(("host." + std::to_string(i) + std::string(200, 'x')).c_str());
     zetSmartPointer<IQORDebugListener> listener;
     uint16 port = 0;
-    if (!create_debug_listener(listener.Out()) || !listener->Listen("127.0.0.1:0", arguments[0].c_str(), &port))
+    const auto listen = [&] {
+        return create_debug_listener(listener.Out()) && listener->Listen("127.0.0.1:0", arguments[0].c_str(), &port);
+    };
+    if (!listen())
         return 1;
+    own_sockets sockets;
     std::setvbuf(stdout, nullptr, _IOLBF, 256);
     for (int what; (what = std::getchar()) != EOF;)
-        if (what == 'p') {
-            std::printf("%u\n", port);
+        if (what == 'p' || what == 'l') {
+            std::printf("%u\n", what == 'p' || listen() ? port : 0u);
+        } else if (what == 'c') {
+            if (std::freopen(arguments[1].c_str(), "w", stderr) == nullptr)
+                return 1;
+            qorDebugEnableCode("system.debug-control", true);
+            closefrom(3);
+            sockets.open();
+            std::puts("done");
+        } else if (what == 'u') {
+            std::printf("%ld\n", sockets.untouched());
+        } else if (what == 'r') {
+            listener.Empty();
+            std::puts("done");
         } else {
             const holdings now = measure_this_process();
             std::printf("%ld %ld %ld %ld\n", now.heap, now.resident, now.descriptors, now.threads);
@@ -63,9 +105,9 @@ qor::test::holdings qor::test::measure_this_process() {
     return {allocated(), resident(), entries("/proc/self/fd"), entries("/proc/self/task")};
 }
 
-qor::test::host_process::host_process() {
-    const std::string users =
-        private_file(m_folder, "users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other"));
+qor::test::host_process::host_process(const std::string& more_accounts) {
+    const std::string users = private_file(
+        m_folder, "users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other") + more_accounts);
     int in[2], out[2];
     EXPECT_EQ(pipe2(in, O_CLOEXEC), 0);
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
@@ -73,7 +115,7 @@ qor::test::host_process::host_process() {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    words all = command(host, {users});
+    words all = command(host, {users, trace_path()});
     std::vector<char*> pointers;
     for (std::string& each : all)
         pointers.push_back(each.data());

@@ -18,60 +18,120 @@ const plain_scram::client ada{"ada", "secret", {}};
 const plain_scram::client wrong{"ada", "guess", {}};
 
 // A connection that the listener keeps: it has a handshake with it.
-std::unique_ptr<tls_peer> enter(uint16 port, const std::string& source) {
-    auto peer = std::make_unique<tls_peer>(port, source);
+std::unique_ptr<tls_peer> enter(uint16 port, const source& from) {
+    auto peer = std::make_unique<tls_peer>(port, from);
     return peer->shake_hands() ? std::move(peer) : nullptr;
 }
 
-TEST(limits, connections_before_a_login) {
+// The descriptors of the host, once those that have made way are closed.
+long descriptors_at_most(host_process& host, long count) {
+    holdings as_many;
+    as_many.descriptors = count;
+    return host.measure_at_rest(as_many).descriptors;
+}
+
+TEST(limits, connections_of_one_user) {
     host_process host;
     const holdings before = host.measure();
     std::vector<std::unique_ptr<tls_peer>> inside;
-    unsigned of_one = 0;
-    for (int i = 0; i < 10; ++i)
-        if (auto peer = enter(host.port(), source_address(1))) {
-            ++of_one;
+    for (int i = 0; i < 20; ++i)
+        // Whatever address of this host he takes.
+        if (auto peer = enter(host.port(), {address_of(static_cast<unsigned>(i)), {}}))
             inside.push_back(std::move(peer));
-        }
-    std::printf("connections before a login, of one address: %u (4)\n", of_one);
-    EXPECT_EQ(of_one, 4u);
+    const long kept = descriptors_at_most(host, before.descriptors + 4) - before.descriptors;
+    std::printf("connections before a login, of one user: %ld (4)\n", kept);
+    EXPECT_EQ(kept, 4);
 
-    // Each from an address of its own, until nobody has got in for a long time.
-    std::size_t first_lot = 0;
-    unsigned turned_away = 0;
-    unsigned number = 1;
-    for (unsigned in_vain = 0; in_vain < 200;)
-        if (auto peer = enter(host.port(), source_address(++number))) {
-            inside.push_back(std::move(peer));
-            in_vain = 0;
-        } else {
-            if (turned_away++ == 0)
-                first_lot = inside.size();
-            ++in_vain;
-        }
-    std::printf("connections before a login, in all: %zu (32), the first turned away with %zu inside (24 to 32)\n",
-                inside.size(), first_lot);
-    EXPECT_EQ(inside.size(), 32u);
-    EXPECT_GE(first_lot, 24u);
-    EXPECT_EQ(host.measure().descriptors, before.descriptors + 32);
+    // Who has four that stay gets a fifth in the place of the oldest.
+    const test_clock::time_point begin = test_clock::now();
+    tls_peer user(host.port(), {address_of(1), {}});
+    std::unique_ptr<tls_peer> entered;
+    while (entered == nullptr && seconds_since(begin) < 60)
+        entered = enter(host.port(), {address_of(1), {}});
+    ASSERT_NE(entered, nullptr);
+    std::printf("a fifth one of the same user gets in after %.1f s (10)\n", seconds_since(begin));
+    EXPECT_TRUE(is_logged_in(entered->log_in(ada)));
+    if (whole_load()) {
+        EXPECT_LE(seconds_since(begin), 10);
+    }
+}
 
-    // Who logs in makes room for another one.
-    EXPECT_TRUE(is_logged_in(inside.back()->log_in(ada)));
-    unsigned entered = 0;
-    for (int i = 0; i < 200; ++i)
-        if (auto peer = enter(host.port(), source_address(++number))) {
-            ++entered;
-            inside.push_back(std::move(peer));
+// All places are taken by peers that stay, four each of eight users, or one each of 32.
+TEST(limits, a_newcomer_gets_in) {
+    QOR_NEEDS_SEVERAL_USERS();
+    for (const unsigned users : {8u, 32u}) {
+        host_process host;
+        const holdings before = host.measure();
+        std::vector<std::unique_ptr<tls_peer>> inside;
+        for (unsigned i = 0; i < 32; ++i) {
+            inside.push_back(enter(host.port(), user_number(1 + i % users)));
+            ASSERT_NE(inside.back(), nullptr) << i;
         }
-    EXPECT_EQ(entered, 1u);
-    EXPECT_EQ(host.measure().descriptors, before.descriptors + 33);
+        EXPECT_EQ(host.measure().descriptors, before.descriptors + 32);
+        const test_clock::time_point begin = test_clock::now();
+        std::unique_ptr<tls_peer> newcomer;
+        while (newcomer == nullptr && seconds_since(begin) < 60)
+            newcomer = enter(host.port(), user_number(100));
+        ASSERT_NE(newcomer, nullptr);
+        const double time = seconds_since(begin);
+        std::printf("all 32 places taken by %u users who stay: a newcomer gets in after %.1f s (10)\n", users, time);
+        EXPECT_EQ(descriptors_at_most(host, before.descriptors + 32), before.descriptors + 32);
+        EXPECT_TRUE(is_logged_in(newcomer->log_in(ada)));
+        if (whole_load()) {
+            EXPECT_LE(time, 10);
+        }
+        inside.clear();
+        newcomer.reset();
+        EXPECT_EQ(host.measure_at_rest(before).descriptors, before.descriptors);
+    }
+}
+
+// After a login it is the account that counts: from wherever.
+TEST(limits, sessions) {
+    std::string accounts;
+    for (int i = 0; i < 8; ++i)
+        accounts += plain_scram::account("c" + std::to_string(i), "secret");
+    host_process host(accounts);
+    std::vector<std::unique_ptr<tls_peer>> inside;
+    const auto log_in = [&](const plain_scram::client& who) {
+        auto peer = std::make_unique<tls_peer>(host.port(), source{address_of(1), {}});
+        EXPECT_TRUE(peer->shake_hands());
+        const std::optional<frame> answer = peer->log_in(who);
+        EXPECT_TRUE(answer);
+        inside.push_back(std::move(peer));
+        return answer ? *answer : frame{};
+    };
+    const auto is_full = [](const frame& answer) {
+        return answer.type == frame_type::refusal && answer.payload == qor::control::number_payload(3);
+    };
+    const auto keep = [&] {
+        for (const auto& each : inside)
+            (void)each->send(frame_type::heartbeat, 0, {});
+    };
+    for (int i = 0; i < 8; ++i)
+        EXPECT_TRUE(is_logged_in(log_in(ada)));
+    EXPECT_TRUE(is_full(log_in(ada)));
+    EXPECT_TRUE(inside.back()->socket.is_cut_within(10s));
+    // A wrong password gets no other answer than ever.
+    EXPECT_EQ(log_in(wrong).payload, qor::control::number_payload(1));
+    inside.pop_back();
+    for (int account = 0; account < 7; ++account)
+        for (int i = 0; i < 8; ++i) {
+            keep();
+            EXPECT_TRUE(is_logged_in(log_in({"c" + std::to_string(account), "secret", {}})));
+        }
+    const plain_scram::client bob{"bob", "other", {}};
+    EXPECT_TRUE(is_full(log_in(bob)));
+    std::printf("sessions: 8 of an account (8), 64 in all (64)\n");
     inside.clear();
-    EXPECT_EQ(host.measure_at_rest(before).descriptors, before.descriptors);
+    // Those that have gone make room, as soon as the listener sees it.
+    while (!is_logged_in(log_in(bob))) {
+    }
 }
 
 TEST(limits, refusals_on_one_connection) {
     host_process host;
-    tls_peer peer(host.port(), source_address(1));
+    tls_peer peer(host.port(), user_number(1));
     ASSERT_TRUE(peer.shake_hands());
     double least = 0.25;
     std::string delays;
@@ -94,8 +154,9 @@ TEST(limits, refusals_on_one_connection) {
     EXPECT_EQ(refusals, 5);
 }
 
-// As many connections as there may be, each with one guess after another.
-TEST(limits, guesses_from_one_address) {
+// As many connections as there may be, each with one guess after another, from one address after the other.
+TEST(limits, guesses_of_one_user) {
+    QOR_NEEDS_SEVERAL_USERS();
     host_process host;
     const int seconds = load(3, 130);
     const test_clock::time_point begin = test_clock::now();
@@ -103,10 +164,13 @@ TEST(limits, guesses_from_one_address) {
     std::mutex lock;
     std::vector<double> answered;
     std::vector<std::thread> guessers;
+    std::atomic<unsigned> addresses = 0;
     for (int i = 0; i < 4; ++i)
         guessers.emplace_back([&] {
             while (test_clock::now() < end) {
-                tls_peer peer(host.port(), source_address(1));
+                source from = user_number(1);
+                from.address = address_of(++addresses);
+                tls_peer peer(host.port(), from);
                 // One guess on each connection: the delay is shortest then.
                 if (!peer.shake_hands())
                     continue;
@@ -122,10 +186,10 @@ TEST(limits, guesses_from_one_address) {
                     answered.push_back(seconds_since(begin));
             }
         });
-    // All the while another address is not held up.
+    // All the while another user is not held up, at the same account.
     std::this_thread::sleep_for(std::chrono::seconds(seconds) / 2);
     const test_clock::time_point other = test_clock::now();
-    tls_peer neighbour(host.port(), source_address(2));
+    tls_peer neighbour(host.port(), user_number(2));
     EXPECT_TRUE(neighbour.shake_hands());
     EXPECT_TRUE(is_logged_in(neighbour.log_in(ada)));
     const double login = seconds_since(other);
@@ -136,10 +200,43 @@ TEST(limits, guesses_from_one_address) {
     for (auto each = answered.begin(); each != answered.end(); ++each)
         most = std::max<std::size_t>(most,
                                      static_cast<std::size_t>(std::upper_bound(each, answered.end(), *each + 59.5) - each));
-    std::printf("guesses of one address, on 4 connections at a time: %zu in %d s, at most %zu in a minute (20); "
+    std::printf("guesses of one user, on 4 connections at a time: %zu in %d s, at most %zu in a minute (20); "
                 "a login of another one meanwhile: %.0f ms\n",
                 answered.size(), seconds, most, login * 1000);
     EXPECT_EQ(most, 20u);
+}
+
+// Each user has his own guesses, but all of them together do not have as many at one account.
+TEST(limits, guesses_at_one_account) {
+    QOR_NEEDS_SEVERAL_USERS();
+    host_process host;
+    const test_clock::time_point begin = test_clock::now();
+    unsigned answered = 0, user = 0;
+    // Each user makes two guesses: of the second ones those get an answer that come before the account has had twenty wrong ones.
+    std::vector<std::unique_ptr<tls_peer>> waiting;
+    for (; user < 12; ++user)
+        for (int i = 0; i < 2; ++i) {
+            auto peer = enter(host.port(), user_number(1 + user));
+            ASSERT_NE(peer, nullptr);
+            plain_scram::client who = wrong;
+            const auto first = peer->begin_login(who);
+            ASSERT_TRUE(first);
+            ASSERT_TRUE(peer->send(frame_type::login_final, 2, who.final(first->payload)));
+            if (is_refusal(peer->next(10s)))
+                ++answered;
+            else
+                waiting.push_back(std::move(peer));
+        }
+    const bool in_a_minute = seconds_since(begin) < 55;
+    std::printf("guesses at one account by %u users, two each: %u answered within %.0f s (22)\n", user, answered,
+                seconds_since(begin));
+    if (in_a_minute) {
+        EXPECT_EQ(answered, 22u);
+    }
+    // Who guesses right has nothing to fear from all that.
+    const auto owner = enter(host.port(), user_number(100));
+    ASSERT_NE(owner, nullptr);
+    EXPECT_TRUE(is_logged_in(owner->log_in(ada)));
 }
 
 // A peer that is there and does not log in; the clock moves by itself in the whole form only.
@@ -160,7 +257,7 @@ TEST_F(grace, for_a_login) {
     if (!whole_load())
         return;
     host_process host;
-    tls_peer real(host.port(), source_address(1));
+    tls_peer real(host.port(), user_number(1));
     const test_clock::time_point connected = test_clock::now();
     ASSERT_TRUE(real.shake_hands());
     while (seconds_since(connected) < 200 && real.send(frame_type::heartbeat, 0, {}) && !real.socket.is_cut_within(1s)) {

@@ -23,15 +23,15 @@ std::string frame_of(std::size_t payload) {
     return bytes;
 }
 
-std::optional<frame> log_in(const host_process& host, const std::string& source) {
-    tls_peer peer(host.port(), source);
+std::optional<frame> log_in(const host_process& host, const source& from) {
+    tls_peer peer(host.port(), from);
     return peer.shake_hands() ? peer.log_in(ada) : std::nullopt;
 }
 
 // What it holds when all that is made once, for the first of all connections, is there.
 holdings warmed_up(host_process& host) {
     const holdings at_first = host.measure();
-    EXPECT_TRUE(is_logged_in(log_in(host, source_address(1))));
+    EXPECT_TRUE(is_logged_in(log_in(host, user_number(1))));
     return host.measure_at_rest(at_first);
 }
 
@@ -112,17 +112,18 @@ const stage stages[] = {
 double in_KiB(long bytes) { return static_cast<double>(bytes) / KiB; }
 
 TEST(memory, of_connections_before_a_login) {
-    constexpr unsigned connections = 23; // as many as get in without a lot
+    QOR_NEEDS_SEVERAL_USERS();
+    constexpr unsigned connections = 23; // so that there is room for who comes later
     for (const stage& each : stages) {
         host_process host;
         const holdings before = warmed_up(host);
         std::vector<std::unique_ptr<tls_peer>> all;
         for (unsigned i = 0; i < connections; ++i) {
-            all.push_back(std::make_unique<tls_peer>(host.port(), source_address(2 + i)));
+            all.push_back(std::make_unique<tls_peer>(host.port(), user_number(2 + i)));
             each.act(*all.back());
         }
         // The listener's thread has seen it all when it has answered somebody who came later.
-        EXPECT_TRUE(is_logged_in(log_in(host, source_address(1))));
+        EXPECT_TRUE(is_logged_in(log_in(host, user_number(1))));
         const holdings now = host.measure();
         const double of_one = in_KiB(now.heap - before.heap) / connections;
         std::printf("%s: %.1f KiB for a connection (at most 32), %.0f for 32 (2048); %.0f more resident\n", each.what,
@@ -142,7 +143,7 @@ TEST(memory, of_a_peer_that_never_reads) {
     long most = 0;
     int asked = 0;
     {
-        tls_peer peer(host.port(), source_address(1), 4096);
+        tls_peer peer(host.port(), user_number(1), 4096);
         ASSERT_TRUE(peer.shake_hands());
         ASSERT_TRUE(is_logged_in(peer.log_in(ada)));
         const long logged_in = host.measure().heap;

@@ -1,4 +1,4 @@
-// Peers of a listener over real sockets, each from an address of 127.0.0.0/8 that it chooses.
+// Peers of a listener over real sockets. To a listener they are as many as the users of this host whose sockets they have.
 #pragma once
 
 #include "memory_client.h"
@@ -13,6 +13,7 @@
 #include <optional>
 #include <poll.h>
 #include <string>
+#include <sys/fsuid.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -29,17 +30,35 @@ inline std::chrono::milliseconds left_until(test_clock::time_point end) {
     return std::max(std::chrono::ceil<std::chrono::milliseconds>(end - test_clock::now()), 0ms);
 }
 
-// The address of a number: 127.1.0.0 and the following.
-inline std::string source_address(unsigned number) {
+// Whom a connection is from. Where it is not to count, the tests' own user.
+struct source {
+    std::string address;
+    std::optional<uid_t> user;
+};
+
+// An address of 127.0.0.0/8, which says nothing about who it is.
+inline std::string address_of(unsigned number) {
     return "127." + std::to_string(1 + (number >> 16)) + '.' + std::to_string(number >> 8 & 0xff) + '.' +
            std::to_string(number & 0xff);
 }
 
+// One of several users, for root alone: each has an address of its own, too, so that they do not run out of ports.
+inline source user_number(unsigned number) { return {address_of(number), 20'000 + number}; }
+
+inline bool can_be_several_users() {
+    const auto before = static_cast<uid_t>(setfsuid(20'000));
+    const bool done = static_cast<uid_t>(setfsuid(before)) == 20'000;
+    return done;
+}
+
+#define QOR_NEEDS_SEVERAL_USERS()                                                                                     \
+    if (!can_be_several_users())                                                                                       \
+    GTEST_SKIP() << "only root can connect as several users"
+
 class socket_peer {
 public:
     // `room` for bytes that nobody reads; 0: the system's choice.
-    socket_peer(uint16 port, const std::string& source, int room = 0)
-        : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    socket_peer(uint16 port, const source& from, int room = 0) : m_socket(make(from.user)) {
         const int on = 1;
         setsockopt(m_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         // The port is chosen with the connection, so that as many may follow as there are pairs of ports.
@@ -49,7 +68,7 @@ public:
             setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
         sockaddr_in at{};
         at.sin_family = AF_INET;
-        inet_pton(AF_INET, source.c_str(), &at.sin_addr);
+        inet_pton(AF_INET, from.address.c_str(), &at.sin_addr);
         EXPECT_EQ(bind(m_socket, reinterpret_cast<const sockaddr*>(&at), sizeof at), 0) << std::strerror(errno);
         at.sin_port = htons(port);
         at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -85,13 +104,24 @@ public:
     }
 
 private:
+    // A socket belongs to who makes it. The user for files is the thread's alone.
+    static int make(std::optional<uid_t> user) {
+        const uid_t before = geteuid();
+        if (user)
+            setfsuid(*user);
+        const int made = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (user)
+            setfsuid(before);
+        return made;
+    }
+
     int m_socket;
 };
 
 // The same with TLS and frames.
 class tls_peer {
 public:
-    tls_peer(uint16 port, const std::string& source, int room = 0) : socket(port, source, room) {}
+    tls_peer(uint16 port, const source& from, int room = 0) : socket(port, from, room) {}
 
     // All steps, or but for the last message. False: it did not come about.
     bool shake_hands(std::chrono::milliseconds patience = 10s) {

@@ -47,8 +47,11 @@ inline uint32 qorDebugAllocateCode(const char* name) noexcept {
     return qor::glue::qorDebugAllocateCode(name);
 }
 
-// Switches the codes on or off whose names match `pattern`, in which `*` stands for any text; codes allocated
-// later follow the last matching call. False: the pattern is empty.
+// Switches the codes on or off whose names match `pattern`, in which `*` stands for any bytes, also for none, and every other
+// byte for itself. Codes allocated later follow the last matching call: for them up to 256 patterns and names without a code
+// are kept; one that says all that an earlier one did replaces it, and "*" off drops them all. False: the pattern is empty, or
+// it would have to be kept and there is no room (last error); nothing is switched then. Any thread may call it; none that
+// allocates a code or traces waits for it.
 inline bool qorDebugEnableCode(const char* pattern, bool enable) noexcept {
     return qor::glue::qorDebugEnableCode(pattern, enable);
 }
