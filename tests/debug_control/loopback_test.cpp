@@ -93,6 +93,40 @@ TEST_F(loopback, operations_want_a_connection_and_a_login) {
     EXPECT_EQ(error_number(), qorError_invalid_argument);
 }
 
+TEST_F(loopback, too_many_sessions) {
+    std::vector<control_pointer> all;
+    for (int i = 0; i < 8; ++i) {
+        all.push_back(connect());
+        ASSERT_TRUE(all.back()->Login("ada", "secret")) << last_error();
+    }
+    control_pointer one_more = connect();
+    EXPECT_FALSE(one_more->Login("ada", "secret"));
+    EXPECT_EQ(error_number(), qorError_debug_sessions_full) << last_error();
+    EXPECT_FALSE(one_more->Login("ada", "guess"));
+    EXPECT_EQ(error_number(), qorError_credentials_refused) << last_error();
+    EXPECT_TRUE(one_more->Login("bob", "other")) << last_error();
+    for (const control_pointer& each : all)
+        EXPECT_TRUE(each->DisableAll()) << last_error();
+    // Who leaves makes room.
+    all.pop_back();
+    control_pointer next = connect();
+    while (!next->Login("ada", "secret"))
+        ASSERT_EQ(error_number(), qorError_debug_sessions_full) << last_error();
+}
+
+TEST_F(loopback, too_many_switches) {
+    control_pointer control = connect();
+    ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
+    ASSERT_TRUE(control->DisableAll());
+    for (int i = 0; i < 256; ++i)
+        ASSERT_TRUE(control->EnableCode(("loopback.full." + std::to_string(i) + "*x").c_str(), true)) << last_error();
+    EXPECT_FALSE(control->EnableCode("loopback.full.more*x", true));
+    EXPECT_EQ(error_number(), qorError_debug_switches_full) << last_error();
+    EXPECT_TRUE(control->EnableCode("loopback.full.*x", true)) << last_error();
+    EXPECT_TRUE(control->EnableCode("loopback.full.more*", true)) << last_error();
+    EXPECT_TRUE(control->DisableAll());
+}
+
 TEST_F(loopback, nobody_listens) {
     listener.Empty();
     control_pointer control = make();

@@ -116,13 +116,13 @@ TEST_F(sessions, twenty_wrong_tries_a_minute_over_all_connections) {
         pass(*of, 250ms, &peer);
         EXPECT_EQ(peer.frames().size(), 1u) << i;
     }
-    // The next one waits until the first is a minute old, even with the right password; another neighbour does not.
+    // The next one waits until the first is a minute old, even with the right password; another source does not.
     memory_client peer;
     auto of = connect();
     EXPECT_TRUE(log_in(*of, peer, m_ada).empty());
     memory_client other_peer;
     auto other = connect("4321");
-    EXPECT_TRUE(succeeds(*other, other_peer, m_ada));
+    EXPECT_TRUE(succeeds(*other, other_peer, {"bob", "other", {}}));
     pass_alive(*of, 50s, peer);
     EXPECT_TRUE(peer.frames().empty());
     pass_alive(*of, 10s, peer);
@@ -420,7 +420,7 @@ TEST_F(sessions, the_password_is_never_sent) {
 // ---- the trace
 
 TEST_F(sessions, names_in_the_trace_stay_in_their_quotes) {
-    using qor::control::quoted;
+    const auto quoted = [](std::string_view text) { return qor::control::quoted(text); };
     EXPECT_EQ(quoted("ada lovelace"), "'ada lovelace'");
     EXPECT_EQ(quoted(""), "''");
     EXPECT_EQ(quoted("a\nb\x1b[0m\\\xc3\xa4\x7f"), "'a\\x0ab\\x1b[0m\\x5c\\xc3\\xa4\\x7f'");
