@@ -4,6 +4,7 @@
 #include "string/format_fixed.h"
 #include "string/string_data.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -17,6 +18,25 @@ void format_number(qorString& self, NUMBER value, int base) noexcept {
     char digits[64]; // 64 binary ones, or a sign and 19 decimals
     const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value, base);
     assign(self, {digits, static_cast<std::size_t>(end.ptr - digits)});
+}
+
+// What comes as a line may be a password: no copy of it stays behind.
+void wipe(char* bytes, std::size_t size) noexcept {
+    for (volatile char* at = bytes; size != 0; --size)
+        *at++ = '\0';
+}
+
+// As Append, but that the storage of before is wiped where the string moves.
+void append_secret(qorString& self, const char* bytes, uint32 size) noexcept {
+    const uint64 total = uint64{self.m_data.length} + size;
+    if (total >= self.m_data.alloc) {
+        qorString grown;
+        grown.Reserve(static_cast<uint32>(std::min<uint64>(2 * total, qor::string::max_length)));
+        grown.Append(self.Text(), static_cast<int32>(self.Length()));
+        wipe(self.m_data.text, self.m_data.alloc);
+        self = static_cast<qorString&&>(grown);
+    }
+    qor::glue::qorString_Append(&self, bytes, size);
 }
 
 } // namespace
@@ -75,17 +95,19 @@ bool qor::glue::qorString_GetLine(qorString* self, std::FILE* stream) noexcept {
         }
         any = true;
         if (used == sizeof piece) {
-            qorString_Append(self, piece, used);
+            append_secret(*self, piece, used);
             used = 0;
         }
         piece[used++] = static_cast<char>(byte);
     }
     if (byte == EOF && !std::feof(stream)) {
         qor::error::set_with_reason(qorError_cannot_read_file, "stream", qor::error::stream_failure());
+        wipe(piece, sizeof piece);
         self->Empty();
         return false;
     }
-    qorString_Append(self, piece, used);
+    append_secret(*self, piece, used);
+    wipe(piece, sizeof piece);
     if (byte == '\n' && self->m_data.length != 0 && self->m_data.text[self->m_data.length - 1] == '\r')
         qorString_Remove(self, self->m_data.length - 1, 1);
     return any || byte == '\n';

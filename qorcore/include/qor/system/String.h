@@ -242,7 +242,8 @@ public:
     }
     // Reads one line, of any length, without its end (LF or CR LF); what follows the last line end is a line
     // too unless it is empty. False: the end of the input, or a read error, which is then the last error; the
-    // string is empty.
+    // string is empty. A line may be a password: what reads it leaves no copy behind but the string and the stream's own buffer.
+    // Zero bytes are bytes of the line; Text() seems to end there.
     bool GetLine(std::FILE* stream) noexcept { return qor::glue::qorString_GetLine(this, stream); }
 
     // ---- character sets. Lengths are in units; -1: up to a zero unit. What is no valid character becomes
