@@ -111,13 +111,11 @@ TEST(account_list, changes_leave_the_rest_as_it_is) {
     EXPECT_EQ(list.find("eve")->salt, "salt");
 }
 
-TEST(account_list, what_is_usual) {
+TEST(account_list, what_accounts_look_like) {
     account_list list;
-    EXPECT_EQ(list.usual_iterations(), 600000u);
-    ASSERT_TRUE(parse(ada + bob, list).done);
-    EXPECT_EQ(list.usual_iterations(), 5000u);
-    ASSERT_TRUE(parse(ada + bob + plain_scram::account("eve", "x"), list).done);
-    EXPECT_EQ(list.usual_iterations(), 4096u);
+    EXPECT_TRUE(list.looks().empty());
+    ASSERT_TRUE(parse("# none\n" + ada + bob + plain_scram::account("eve", "x"), list).done);
+    EXPECT_EQ(list.looks(), (std::map<account_list::look, unsigned>{{{4096, 16}, 2}, {{5000, 16}, 1}}));
 }
 
 TEST(account_list, ten_thousand_lines) {

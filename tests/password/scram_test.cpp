@@ -11,6 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <map>
+#include <vector>
+
 namespace {
 
 using namespace qor::control;
@@ -221,6 +225,75 @@ TEST_F(scram, unknown_users) {
     scram_server stranger(other, binding);
     ASSERT_TRUE(stranger.first(plain_scram::client{"nobody", "", binding_text}.first(), answer));
     EXPECT_NE(plain_scram::attributes(answer)['s'], nobody['s']);
+}
+
+// What one sees of a name tells nothing of whether it has an account: each look is as frequent among names that have none. As accounts
+// come, few names change their look, and those that do change their salt.
+TEST_F(scram, unknown_users_look_like_known_ones) {
+    const auto account = [](const std::string& name, uint32 iterations, std::size_t salt_size) {
+        qor::crypto::verifier made;
+        made.iterations = iterations;
+        made.salt = std::string(salt_size, 's');
+        return name + ':' + qor::crypto::format_verifier(made) + '\n';
+    };
+    constexpr int names = 3000;
+    using answer = std::map<char, std::string>;
+    const auto look_at_all = [&] {
+        std::vector<answer> all;
+        for (int i = 0; i < names; ++i) {
+            scram_server server(m_accounts, binding);
+            std::string text;
+            EXPECT_TRUE(server.first(plain_scram::client{"nobody" + std::to_string(i), "", binding_text}.first(), text));
+            all.push_back(plain_scram::attributes(text));
+        }
+        return all;
+    };
+    const auto expect_shares = [&](const std::vector<answer>& all, const std::map<std::string, double>& shares) {
+        std::map<std::string, int> seen;
+        for (answer each : all)
+            ++seen[each['i'] + '/' + std::to_string(plain_scram::from_base64(each['s']).size())];
+        EXPECT_EQ(seen.size(), shares.size());
+        // Beyond 6.5 deviations comes less than one run of ten thousand million.
+        for (const auto& [look, share] : shares)
+            EXPECT_NEAR(seen[look], names * share, 6.5 * std::sqrt(names * share * (1 - share))) << look;
+    };
+    std::string text;
+    for (const char* const name : {"a", "b", "c", "d", "e", "f"})
+        text += account(name, 600000, 16);
+    text += account("g", 4096, 16) + account("h", 600000, 16) + account("i", 600000, 100) + account("j", 4096, 16);
+    write(text);
+    std::vector<answer> before = look_at_all();
+    expect_shares(before, {{"600000/16", 0.7}, {"4096/16", 0.2}, {"600000/100", 0.1}});
+
+    write(text + account("k", 10000, 8));
+    std::vector<answer> after = look_at_all();
+    expect_shares(after, {{"600000/16", 7 / 11.0}, {"4096/16", 2 / 11.0}, {"600000/100", 1 / 11.0}, {"10000/8", 1 / 11.0}});
+    for (std::size_t i = 0; i < names; ++i)
+        if (after[i]['i'] == "10000") {
+            EXPECT_EQ(before[i]['s'].find(after[i]['s'].substr(0, 8)), std::string::npos);
+        } else {
+            EXPECT_EQ(after[i]['i'] + after[i]['s'], before[i]['i'] + before[i]['s']) << i;
+        }
+    write("");
+    expect_shares(look_at_all(), {{"600000/16", 1}});
+}
+
+TEST_F(scram, an_account_counts_as_it_is_at_the_end) {
+    const auto log_in_across = [this](const std::string& text) {
+        write(plain_scram::account("ada", "secret"));
+        scram_server server(m_accounts, binding);
+        std::string answer, out;
+        EXPECT_TRUE(server.first(m_ada.first(), answer));
+        write(text);
+        return server.final(m_ada.final(answer), out);
+    };
+    EXPECT_EQ(log_in_across(plain_scram::account("ada", "secret")), verdict::accepted);
+    EXPECT_EQ(log_in_across("# moved\n" + plain_scram::account("bob", "x") + plain_scram::account("ada", "secret")), verdict::accepted);
+    EXPECT_EQ(log_in_across(plain_scram::account("ada", "other")), verdict::refused);
+    EXPECT_EQ(log_in_across(plain_scram::account("ada", "secret", 4097)), verdict::refused);
+    EXPECT_EQ(log_in_across(plain_scram::account("bob", "secret")), verdict::refused);
+    EXPECT_EQ(log_in_across(""), verdict::refused);
+    EXPECT_EQ(log_in_across("what is this\n"), verdict::refused);
 }
 
 TEST_F(scram, the_client_bounds_the_iterations) {

@@ -5,7 +5,8 @@
 #include "server_key.h"
 
 #include <algorithm>
-#include <map>
+#include <cmath>
+#include <cstring>
 
 namespace {
 
@@ -103,19 +104,12 @@ std::vector<std::string> qor::control::account_list::names() const {
     return all;
 }
 
-uint32 qor::control::account_list::usual_iterations() const {
-    std::map<uint32, unsigned> accounts;
+std::map<account_list::look, unsigned> qor::control::account_list::looks() const {
+    std::map<look, unsigned> all;
     for (const entry& each : m_entries)
         if (!each.name.empty())
-            ++accounts[each.value.iterations];
-    uint32 usual = crypto::usual_iterations;
-    unsigned most = 0;
-    for (const auto& [iterations, count] : accounts)
-        if (count >= most) {
-            usual = iterations;
-            most = count;
-        }
-    return usual;
+            ++all[{each.value.iterations, each.value.salt.size()}];
+    return all;
 }
 
 bool qor::control::read_accounts(const std::string& path, account_list& out, bool* is_missing) {
@@ -166,31 +160,64 @@ bool qor::control::accounts::open_key(crypto::key_pointer& key) {
 }
 
 bool qor::control::accounts::load() {
-    if (!read_accounts(m_path, m_accounts))
-        return false;
-    m_usual_iterations = m_accounts.usual_iterations();
+    const bool done = read_accounts(m_path, m_accounts);
+    if (!done)
+        m_accounts = {};
+    m_looks = m_accounts.looks();
+    if (m_looks.empty())
+        m_looks[{crypto::usual_iterations, crypto::usual_salt_size}] = 1;
+    return done;
+}
+
+// Each look draws a lot for the name, by a secret, and the one with the most luck for its number of accounts wins: it wins as
+// often as it is met among the accounts. Where accounts come and go, no more names change their look than need to. A salt
+// belongs to one look, for accounts that change theirs have a new salt, too.
+bool qor::control::accounts::invent(std::string_view name, crypto::verifier& out) const {
+    out = {};
+    double most = 0;
+    std::string seed;
+    for (const auto& [look, count] : m_looks) {
+        // No name of a login has a zero byte.
+        std::string text(name);
+        text.append(1, '\0').append(std::to_string(look.first)).append(1, ':').append(std::to_string(look.second));
+        crypto::digest lot;
+        if (!crypto::hmac_sha256(m_secret, text, lot))
+            return false;
+        uint64 number;
+        std::memcpy(&number, lot.data(), sizeof number);
+        // Uniform in (0, 1]; 53 bits are what the fraction has room for.
+        const double luck = static_cast<double>((number >> 11) + 1) * 0x1p-53;
+        const double weight = count / std::max(-std::log(luck), 0x1p-60);
+        if (weight > most) {
+            most = weight;
+            seed = text;
+            out.iterations = look.first;
+            out.salt.resize(look.second);
+        }
+    }
+    seed += ':';
+    crypto::digest piece;
+    for (std::size_t at = 0; at < out.salt.size(); at += piece.size()) {
+        if (!crypto::hmac_sha256(m_secret, seed + std::to_string(at), piece))
+            return false;
+        out.salt.replace(at, piece.size(), crypto::bytes_of(piece).substr(0, out.salt.size() - at));
+    }
     return true;
 }
 
 bool qor::control::accounts::look_up(std::string_view name, crypto::verifier& out, bool& is_known) {
     // Who was taken out since must not come in, and a file that cannot be used is one without accounts.
     if (!load()) {
-        m_accounts = {};
         qorString reason;
         qorGetLastError(reason);
         qorDebug(qorDebugAllocateCode("system.debug-control"), "%s", reason.Text());
     }
-    crypto::digest salt;
-    if (!crypto::hmac_sha256(m_secret, name, salt))
+    // For everybody: the time tells nothing then.
+    if (!invent(name, out))
         return false;
     const crypto::verifier* const found = m_accounts.find(name);
     is_known = found != nullptr;
-    if (is_known) {
+    if (is_known)
         out = *found;
-        return true;
-    }
-    out = {};
-    out.iterations = m_usual_iterations;
-    out.salt = crypto::bytes_of(salt).substr(0, crypto::usual_salt_size);
     return true;
 }

@@ -8,6 +8,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace qor::control {
@@ -34,8 +35,11 @@ public:
     bool remove(std::string_view name);
     std::vector<std::string> names() const;
 
-    // The number that most accounts have, of several such the highest.
-    uint32 usual_iterations() const;
+    // What a stranger sees of an account before the login: the iterations and the length of the salt.
+    using look = std::pair<uint32, std::size_t>;
+
+    // How many accounts look like that.
+    std::map<look, unsigned> looks() const;
 
 private:
     struct entry {
@@ -61,16 +65,18 @@ public:
     bool open_key(crypto::key_pointer& key);
 
     // What there is to know of a user; the file is looked at anew. A user that is not there gets a verifier that nobody
-    // fits, the same one each time. False: the last error says why.
+    // fits, the same one each time, and looks as one of the accounts does, each look as often among such users as among the
+    // accounts. False: the last error says why.
     bool look_up(std::string_view name, crypto::verifier& out, bool& is_known);
 
 private:
     bool load();
+    bool invent(std::string_view name, crypto::verifier& out) const;
 
     std::string m_path;
     account_list m_accounts;
-    uint32 m_usual_iterations = crypto::usual_iterations;
-    std::string m_secret; // what false salts are made of
+    std::map<account_list::look, unsigned> m_looks;
+    std::string m_secret; // what is invented is made of it
 };
 
 // The file of a path that somebody gave; null: the one in the framework's configuration folder. False: the last error says why.

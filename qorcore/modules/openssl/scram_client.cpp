@@ -43,6 +43,7 @@ bool qor::control::scram_client::answer_with(const crypto::digest& salted_passwo
     crypto::digest key;
     crypto::digest stored_key;
     const crypto::wiped_later of_key(key);
+    const crypto::wiped_later of_stored_key(stored_key);
     if (!crypto::client_key_of(salted_password, key) || !crypto::sha256(crypto::bytes_of(key), stored_key) ||
         !xor_with_signature(stored_key, messages, key))
         return false;

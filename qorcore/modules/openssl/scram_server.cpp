@@ -39,6 +39,11 @@ qor::control::scram_server::verdict qor::control::scram_server::final(std::strin
         return verdict::malformed;
     m_messages.append(client_final.substr(0, end));
 
+    // The account as it is now: it may have been taken away, or changed, since the first message.
+    crypto::verifier now;
+    bool is_known = false;
+    const bool is_as_before = m_users.look_up(m_user, now, is_known) && is_known == m_is_known && now == m_verifier;
+
     // All of it is computed, whoever asks, so that the time tells nothing. The proof becomes the client's key.
     crypto::digest stored_key;
     crypto::digest signature;
@@ -51,7 +56,7 @@ qor::control::scram_server::verdict qor::control::scram_server::final(std::strin
     m_nonce.clear();
     if (!computed)
         return verdict::refused;
-    if (!(crypto::equal(stored_key, m_verifier.stored_key) & is_bound & is_fresh & m_is_known))
+    if (!(crypto::equal(stored_key, m_verifier.stored_key) & is_bound & is_fresh & m_is_known & is_as_before))
         return verdict::refused;
     answer = "v=" + crypto::to_base64(crypto::bytes_of(signature));
     return verdict::accepted;

@@ -25,6 +25,11 @@ struct verifier {
     digest server_key{};
 };
 
+inline bool operator==(const verifier& left, const verifier& right) noexcept {
+    return left.iterations == right.iterations && left.salt == right.salt &&
+           (equal(left.stored_key, right.stored_key) & equal(left.server_key, right.server_key));
+}
+
 // Decimal, without a sign or leading zeros, and within the bounds above.
 bool parse_iterations(std::string_view text, uint32& out) noexcept;
 
