@@ -4,6 +4,9 @@
 usage: console_test.py --tool QORTOOL --ticker TICKER [--runner PROGRAM]
 """
 
+import base64
+import hashlib
+import hmac
 import os
 import shlex
 import subprocess
@@ -11,7 +14,7 @@ import threading
 import time
 
 import listening
-from listening import TIMEOUT, Listening
+from listening import TIMEOUT, Listening, key_beside, trust
 
 PROMPT = "Debug> "
 LOGGED_IN = "Logged in. 'help' lists the commands; the end of the input ends the console.\n"
@@ -23,9 +26,10 @@ END_OF_INPUT = "The input has ended.\n"
 class Input:
     """A program that is talked to through pipes."""
 
-    def __init__(self, command, environment):
+    def __init__(self, command, environment, before=None):
+        # Python ignores the signal of files that are too long: so does the program then.
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                        env=environment)
+                                        env=environment, preexec_fn=before, restore_signals=before is None)
         self.limit = threading.Timer(TIMEOUT, self.process.kill)
         self.limit.start()
 
@@ -55,11 +59,54 @@ class Input:
         return code, listening.tool.printed(out).decode(), listening.tool.printed(err).decode()
 
 
+def memory_of(process):
+    """All that it can read, but for what a sanitizer keeps for itself."""
+    pieces = []
+    with open(f"/proc/{process}/maps") as maps, open(f"/proc/{process}/mem", "rb") as memory:
+        for line in maps:
+            begin, end = (int(each, 16) for each in line.split()[0].split("-"))
+            if line.split()[1].startswith("r") and end - begin <= 256 << 20:
+                try:
+                    memory.seek(begin)
+                    pieces.append(memory.read(end - begin))
+                except (OSError, ValueError, OverflowError):
+                    pass  # a page of the kernel's
+    return b"\n".join(pieces)
+
+
+def secrets_of(password, salt):
+    """The password in the forms that it may have, and the keys that are made of it."""
+    text = password.encode()
+    salted = hashlib.pbkdf2_hmac("sha256", text, base64.b64decode(salt), 4096)
+    client = hmac.digest(salted, b"Client Key", "sha256")
+    keys = [("the salted password", salted), ("the client's key", client), ("the server's key", hmac.digest(salted, b"Server Key", "sha256")),
+            ("the stored key", hashlib.sha256(client).digest())]
+    # A piece of a long password is as bad as all of it.
+    return [("the password", text[:12]), ("the end of the password", text[-12:]), ("the password in UTF-16", password.encode("utf-16le")[:24]),
+            *keys, *((f"{name} in base64", base64.b64encode(key)) for name, key in keys)]
+
+
 class Console(Listening):
-    def console(self, *words, port=None):
-        return Input([*listening.tool.command, *words, "debug-control", "localhost", str(port or self.port)], self.environment())
+    def console(self, *words, port=None, before=None):
+        return Input([*listening.tool.command, *words, "debug-control", "localhost", str(port or self.port)], self.environment(),
+                     before)
+
+    def needs_linux(self):
+        if listening.tool.for_windows:
+            self.skipTest("files have other rights there, and processes no memory that is a file")
+
+    def unknown(self):
+        """What is said of a listener that was never met before."""
+        return (f"The key of 'localhost', port {self.port}, is not known here yet. Its fingerprint is {key_beside(self.users)}; "
+                "'qor-debug-user fingerprint' prints the right one where the listener runs.\n")
+
+    def refused(self):
+        """The same of its refusal."""
+        return (f"{REFUSED[:-1]} The listener has not proved itself yet. Before a password is typed again, compare the fingerprint of "
+                f"its key, {key_beside(self.users)}, with what 'qor-debug-user fingerprint' prints there.\n")
 
     def logged_in(self):
+        trust(listening.tool, self.users, "localhost", self.port, self.environment())
         console = self.console("--quiet")
         console.say("ann", "secret")
         self.assertEqual(console.until(PROMPT), "Username: Password: " + PROMPT)
@@ -98,7 +145,7 @@ class Console(Listening):
         self.assertEqual(self.ask(console, "enable"), "")
         code, out, err = console.end()
         self.assertEqual((code, out), (1, ""))
-        self.assertEqual(err, REFUSED * 2 + "There is no such command. 'help' lists the commands.\n"
+        self.assertEqual(err, self.unknown() + self.refused() * 2 + "There is no such command. 'help' lists the commands.\n"
                          "The arguments do not fit this command. 'help' shows what it takes.\n" + END_OF_INPUT)
         self.assertIsNone(self.peer.poll())
 
@@ -119,6 +166,84 @@ class Console(Listening):
         self.assertIn("ticker.ten", self.listed(console, "show-all"))
         self.assertIn("ticker.ten", self.listed(console, "show-enabled"))
         console.end()
+
+    def test_the_key_is_shown_before_the_password_is_asked_for(self):
+        self.listen()
+        console = self.console("--quiet")
+        self.assertEqual(console.until("Username: "), "Username: ")
+        self.assertEqual(console.process.stderr.readline().decode().replace("\r", ""), self.unknown())
+        console.say("ann", "secret")
+        self.assertEqual(console.until(PROMPT), "Password: " + PROMPT)
+        self.assertEqual(console.end(), (1, "", END_OF_INPUT))
+        # From then on it is known, and its refusal needs no warning.
+        console = self.console("--quiet")
+        console.say("ann", "wrong", "ann", "secret")
+        self.assertEqual(console.until(PROMPT), "Username: Password: " * 2 + PROMPT)
+        self.assertEqual(console.end(), (1, "", REFUSED + END_OF_INPUT))
+
+    def test_a_key_that_was_noted_first(self):
+        self.listen()
+        trust(listening.tool, self.users, "localhost", self.port, self.environment())
+        console = self.console("--quiet")
+        console.say("ann", "wrong", "ann", "secret")
+        self.assertEqual(console.until(PROMPT), "Username: Password: " * 2 + PROMPT)
+        self.assertEqual(console.end(), (1, "", REFUSED + END_OF_INPUT))
+
+    def test_zero_bytes_cut_nothing(self):
+        self.listen()
+        trust(listening.tool, self.users, "localhost", self.port, self.environment())
+        console = self.console("--quiet")
+        console.say("ann", "secret\0", "ann\0x", "secret", "ann", "secret")
+        self.assertEqual(console.until(PROMPT), "Username: Password: " * 3 + PROMPT)
+        self.ask(console, "enable ticker.work\0x")
+        self.ask(console, "show-all\0")
+        self.assertEqual(self.listed(console, "show-enabled"), ["ticker.tick"])
+        code, out, err = console.end()
+        self.assertEqual((code, out, err), (1, "", REFUSED * 2 + "There is no such command. 'help' lists the commands.\n" * 2 + END_OF_INPUT))
+
+    def test_a_disk_without_room(self):
+        """The first login has to note the key; what is noted already is not to blame."""
+        self.needs_linux()
+        self.listen()
+        import resource
+        console = self.console("--quiet", before=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0)))
+        console.say("ann", "secret")
+        code, out, err = console.end()
+        self.assertEqual((code, out), (1, "Username: Password: "))
+        self.assertEqual(err, self.unknown() + f"Cannot write '{self.folder}/qor/known-hosts': File too large.\n")
+
+    def test_no_lock_of_another_user_stops_a_login(self):
+        self.needs_linux()
+        import fcntl
+        (self.folder / "qor").mkdir(mode=0o700)
+        for folder in (self.folder, self.folder / "qor"):
+            held = os.open(folder, os.O_RDONLY)
+            self.addCleanup(os.close, held)
+            fcntl.flock(held, fcntl.LOCK_EX)
+        self.listen()
+        console = self.console("--quiet")
+        console.say("ann", "secret")
+        self.assertEqual(console.until(PROMPT), "Username: Password: " + PROMPT)
+        console.end()
+
+    def test_no_password_stays_in_memory(self):
+        """The console's whole memory, while it waits for a command."""
+        self.needs_linux()
+        passwords = ["horse battery 71", "staple " * 300 + "72"]
+        self.users.write_text("".join(f"ann{i}:{listening.verifier(each.encode())}\n" for i, each in enumerate(passwords)))
+        self.listen()
+        for i, password in enumerate(passwords):
+            wrong = f"wrong {password} 73"
+            console = self.console("--quiet")
+            console.say(f"ann{i}", wrong, f"ann{i}", password, "show-all")
+            self.assertEqual(console.until(PROMPT), "Username: Password: " * 2 + PROMPT)
+            self.assertIn("ticker.tick", console.until(PROMPT))
+            memory = memory_of(console.process.pid)
+            self.assertTrue(b"ticker.tick" in memory)  # or else nothing has been looked at
+            salt = self.users.read_text().splitlines()[i].split(":")[2].split("$")[0]
+            for name, secret in secrets_of(password, salt) + secrets_of(wrong, salt):
+                self.assertFalse(secret in memory, f"{name} of '{password[:20]}'")
+            console.end()
 
     def test_a_port_beyond_sixteen_bits_loses_the_upper_ones(self):
         self.listen()

@@ -34,6 +34,19 @@ def verifier(password, iterations=4096):
     return f"SCRAM-SHA-256${iterations}:{texts[0]}${texts[1]}:{texts[2]}"
 
 
+def key_beside(users):
+    """The fingerprint of the key beside a file of accounts, by another program than ours."""
+    public = subprocess.run(["openssl", "pkey", "-in", f"{users}.key", "-pubout", "-outform", "DER"], check=True, capture_output=True)
+    return hashlib.sha256(public.stdout).hexdigest()
+
+
+def trust(tool, users, host, port, environment):
+    """Notes the key of a listener for consoles to come."""
+    program = str(tool.path.with_name("qor-debug-user" + tool.path.suffix))
+    subprocess.run([*tool.command[:-1], program, "trust", host, str(port), key_beside(users)], check=True, capture_output=True,
+                   env=environment)
+
+
 class Listening(unittest.TestCase):
     """Has an account "ann" with the password "secret"."""
 

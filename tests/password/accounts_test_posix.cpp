@@ -8,7 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -103,6 +107,68 @@ TEST_F(private_files, whole_or_not_at_all) {
     std::filesystem::create_directory(m_folder / "taken");
     EXPECT_FALSE(write_private_file(m_folder / "taken", "text", reason));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder.path()), {}), 3);
+}
+
+// ---- killed on the way
+
+// Takes the place of the C library's: the system call after which a child of a test is gone.
+enum class step { none, sync, rename };
+step deadly = step::none;
+
+} // namespace
+
+extern "C" int fsync(int file) {
+    if (deadly == step::sync)
+        kill(getpid(), SIGKILL);
+    return static_cast<int>(syscall(SYS_fsync, file));
+}
+
+extern "C" int rename(const char* from, const char* to) noexcept {
+    if (deadly == step::rename)
+        kill(getpid(), SIGKILL);
+    return static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
+}
+
+namespace {
+
+class killed : public private_files {
+protected:
+    void write_and_die(step at) {
+        const pid_t child = fork();
+        if (child == 0) {
+            deadly = at;
+            std::string reason;
+            write_private_file(m_path, "half", reason);
+            _exit(1);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status)) << status;
+    }
+
+    std::vector<std::string> files() const {
+        std::vector<std::string> all;
+        for (const auto& each : std::filesystem::directory_iterator(m_folder.path()))
+            all.push_back(each.path().filename());
+        return all;
+    }
+};
+
+// Where the file system has files without a name, nothing with hashes in it stays behind. In the moment between the last two
+// steps it has one, and who dies then leaves it to the next change to take away.
+TEST_F(killed, leaves_nothing_behind) {
+    const std::string before = qor::test::read_file(m_path);
+    write_and_die(step::sync);
+    const int nameless = open(m_folder.path().c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+    EXPECT_EQ(files().size(), nameless >= 0 ? 1u : 2u);
+    close(nameless);
+    write_and_die(step::rename);
+    EXPECT_EQ(files().size(), 2u);
+    EXPECT_EQ(qor::test::read_file(m_path), before);
+    std::string reason;
+    EXPECT_TRUE(write_private_file(m_path, "whole", reason)) << reason;
+    EXPECT_EQ(files(), std::vector<std::string>{"users"});
+    EXPECT_EQ(qor::test::read_file(m_path), "whole");
 }
 
 } // namespace

@@ -136,10 +136,159 @@ class DebugUser(unittest.TestCase):
             code, out, err = self.run_tool("help", env=[("LANGUAGE", language), ("LC_ALL", "C.UTF-8")])
             self.assertEqual((code, err), (0, ""))
             self.assertTrue(out.startswith(begin), out)
-            for word in ("add", "password", "remove", "list", "help", "--file=", "--generate", "--qor-debug="):
+            for word in ("add", "password", "remove", "list", "fingerprint", "trust", "help", "--file=", "--generate", "--qor-debug="):
                 self.assertIn(f"\n  {word}", out)
 
+    def test_the_fingerprint_of_the_key(self):
+        self.assertEqual(self.run_tool("fingerprint"),
+                         (1, "", f"The key in '{self.file}.key' cannot be used: there is no such file.\n"))
+        self.assertEqual(list(self.folder.iterdir()), [])
+        self.run_tool("--generate", "add", "ada")
+        public = subprocess.run(["openssl", "pkey", "-in", f"{self.file}.key", "-pubout", "-outform", "DER"], check=True,
+                                capture_output=True).stdout
+        self.assertEqual(self.run_tool("fingerprint"), (0, hashlib.sha256(public).hexdigest() + "\n", ""))
+
+    def test_a_damaged_key_is_called_one(self):
+        self.run_tool("--generate", "add", "ada")
+        key = self.folder / "users.key"
+        whole = key.read_bytes()
+        other = subprocess.run(["openssl", "genpkey", "-algorithm", "ED25519"], check=True, capture_output=True).stdout
+        for damaged in (b"", b"what", whole[:100], whole.replace(b"M", b"N", 1), other):
+            key.write_bytes(damaged)
+            for words in (("fingerprint",), ("--generate", "add", "bob")):
+                self.assertEqual(self.run_tool(*words),
+                                 (1, "", f"The key in '{self.file}.key' cannot be used: it is no private key of the curve P-256, or a damaged "
+                                         "one; taken away, it is replaced by a new one, which consoles do not know yet.\n"))
+        self.assertEqual(self.run_tool("list"), (0, "ada\n", ""))
+
+    def test_zero_bytes_in_a_password(self):
+        for given in (b"sec\0ret\n", b"\0\n", b"secret\0\n"):
+            self.assertEqual(self.run_tool("add", "ada", given=given), (1, "", "A password cannot have control characters.\n"))
+        self.assertFalse(self.file.exists())
+
+    def test_what_is_not_there_is_not_made(self):
+        self.file = self.folder / "folder" / "users"
+        missing = f"There are no accounts for debug control in '{self.file}'. 'qor-debug-user add NAME' makes one.\n"
+        for words in (("remove", "ada"), ("--generate", "password", "ada"), ("list",)):
+            self.assertEqual(self.run_tool(*words), (1, "", missing))
+        self.assertEqual(list(self.folder.iterdir()), [])
+
     # ---- Linux
+
+    def trust(self, *words):
+        return self.run_tool("trust", *words, file=False, env=[("XDG_CONFIG_HOME", str(self.folder))])
+
+    def test_trust_before_the_first_login(self):
+        self.needs_linux()
+        one, other = "0123456789abcdef" * 4, "1" * 64
+        said = "Consoles of this user take no other key of '{}', port {}.\n"
+        hosts = self.folder / "qor" / "known-hosts"
+        self.assertEqual(self.trust("Example.org", "4711", one.upper()), (0, "", said.format("Example.org", 4711)))
+        self.assertEqual(self.trust("example.org", "4711", one), (0, "", said.format("example.org", 4711)))
+        self.assertEqual(self.trust("example.org", "4712", other), (0, "", said.format("example.org", 4712)))
+        noted = f"example.org 4711 sha256 {one}\nexample.org 4712 sha256 {other}\n"
+        self.assertEqual(hosts.read_text(), noted)
+        self.assertEqual(self.trust("example.org", "4711", other),
+                         (1, "", f"The key of 'example.org', port 4711, is not the one that line 1 of '{hosts}' knows: somebody may be "
+                                 "listening in. Ask who runs the process; if its key was renewed, take that line out.\n"))
+        for port in ("0", "65536", "-1", "+1", " 1", "1x", ""):
+            self.assertEqual(self.trust("h", port, one), (1, "", f"'{port}' is no port: that is a number from 1 to 65535.\n"))
+        for key in ("", one[1:], one + "0", "g" + one[1:], "sha256:" + one):
+            self.assertEqual(self.trust("h", "1", key),
+                             (1, "", f"'{key}' is no fingerprint of a key: that is 64 hexadecimal digits, as 'qor-debug-user fingerprint' "
+                                     "prints them where the listener runs.\n"))
+        for host in ("", "#h", "a b", "a\nb"):
+            self.assertEqual(self.trust(host, "1", one)[0], 1)
+        self.assertEqual(hosts.read_text(), noted)
+
+    def test_locks_are_private(self):
+        self.needs_linux()
+        import fcntl
+        held = os.open(self.folder, os.O_RDONLY)
+        fcntl.flock(held, fcntl.LOCK_EX)
+        self.assertEqual(self.run_tool("--generate", "add", "ada")[0], 0)
+        os.close(held)
+        lock = self.folder / "users.lock"
+        lock.touch()
+        lock.chmod(0o644)
+        self.assertEqual(self.run_tool("remove", "ada"),
+                         (1, "", f"Cannot write '{self.file}': {lock}: others than its owner have access to it, which 'chmod 600' takes away.\n"))
+        lock.unlink()
+        lock.symlink_to("elsewhere")
+        self.assertEqual(self.run_tool("remove", "ada")[0], 1)
+        lock.unlink()
+        # One that a crash has left is nobody's any more.
+        lock.touch(0o600)
+        self.assertEqual(self.run_tool("remove", "ada")[0], 0)
+        self.assertEqual(sorted(path.name for path in self.folder.iterdir()), ["users", "users.key"])
+
+    def test_a_lock_is_not_waited_for_without_an_end(self):
+        self.needs_linux()
+        import fcntl
+        self.run_tool("--generate", "add", "ada")
+        lock = self.folder / "users.lock"
+        held = os.open(lock, os.O_RDWR | os.O_CREAT, 0o600)
+        fcntl.flock(held, fcntl.LOCK_EX)
+        self.assertEqual(self.run_tool("remove", "ada"),
+                         (1, "", f"Cannot write '{self.file}': another program of the same user has held the lock '{lock}' for 20 seconds.\n"))
+        os.close(held)
+        self.assertEqual(self.run_tool("remove", "ada")[0], 0)
+
+    def test_a_folder_that_others_change(self):
+        self.needs_linux()
+        self.run_tool("--generate", "add", "ada")
+        for mode in (0o777, 0o770, 0o702):
+            self.folder.chmod(mode)
+            for words in (("remove", "ada"), ("list",)):
+                code, out, err = self.run_tool(*words)
+                self.assertEqual((code, out), (1, ""))
+                self.assertIn(f"others may change what is in the folder '{self.folder}', which 'chmod go-w' takes away", err)
+        for mode in (0o755, 0o1777):
+            self.folder.chmod(mode)
+            self.assertEqual(self.run_tool("list"), (0, "ada\n", ""))
+
+    def test_root_leaves_nothing_in_the_home_folder_of_a_user(self):
+        self.needs_linux()
+        if os.geteuid() != 0:
+            self.skipTest("only root can give a folder away")
+        home = self.folder / "home"
+        home.mkdir(mode=0o700)
+        os.chown(home, 12345, 12345)
+        refused = (1, "", f"Cannot write '{home}/.config/qor/debug-users': the folder '{home}' belongs to somebody else.\n")
+        self.assertEqual(self.run_tool("--generate", "add", "ada", file=False, env=[("HOME", str(home))]), refused)
+        self.assertEqual(list(home.iterdir()), [])
+        self.assertEqual(self.run_tool("trust", "h", "1", "0" * 64, file=False, env=[("HOME", str(home))])[0], 1)
+        self.assertEqual(list(home.iterdir()), [])
+        for folder in (home / ".config", home / ".config" / "qor"):
+            folder.mkdir(mode=0o700)
+            os.chown(folder, 12345, 12345)
+        self.assertEqual(self.run_tool("--generate", "add", "ada", file=False, env=[("HOME", str(home))])[0], 1)
+        self.assertEqual(list((home / ".config" / "qor").iterdir()), [])
+
+    def test_signals_that_are_ignored_stay_ignored(self):
+        self.needs_linux()
+        import pty
+        import termios
+        terminal, inside = pty.openpty()
+
+        def ignore():
+            for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTERM):
+                signal.signal(number, signal.SIG_IGN)
+
+        process = subprocess.Popen([*tool.command, f"--file={self.file}", "add", "ada"], stdin=inside, stderr=subprocess.PIPE,
+                                   env=tool.environment(), preexec_fn=ignore)
+        for prompt in (b"Password for 'ada': ", b"The same again: "):
+            self.assertEqual(process.stderr.read(len(prompt)), prompt)
+            self.assertEqual(termios.tcgetattr(inside)[3] & termios.ECHO, 0)
+            for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTERM):
+                process.send_signal(number)
+            os.write(terminal, b"secret\n")
+        self.assertEqual(process.stderr.read(), b"The account 'ada' was made.\n")
+        self.assertEqual(process.wait(), 0)
+        for end in (terminal, inside):
+            os.close(end)
+        process.stderr.close()
+        self.assertTrue(is_password(self.lines()[0], b"secret"))
 
     def needs_linux(self):
         if tool.for_windows:

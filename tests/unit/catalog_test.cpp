@@ -84,8 +84,7 @@ TEST(expand, does_not_look_at_inserts) {
 }
 
 TEST_F(catalog, has_the_errors_and_the_texts_of_the_framework) {
-    EXPECT_EQ(qor::catalog::find("qorcore", qorError_credentials_refused),
-              "The user name or the password was refused.");
+    EXPECT_EQ(qor::catalog::find("qorcore", qorError_access_denied), "Access was denied.");
     EXPECT_EQ(qor::catalog::find("qorcore", 1020), "{1}: {2}");
     EXPECT_EQ(qor::catalog::find("qorcore", 999), "");
     EXPECT_EQ(qor::catalog::find("nothing", 1), "");

@@ -2,8 +2,11 @@
 #include "entry.h"
 #include "finish_output.h"
 #include "secret_input.h"
+#include "secret_string.h"
 
+#include <charconv>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -71,7 +74,6 @@ bool get_password(const settings& chosen, const char* name, qorString& out) {
     if (!input_is_terminal())
         return true;
     qorString again;
-    again.Reserve(longest_line);
     const bool asked = ask(22, name, again);
     const bool same = out == again;
     wipe_string(again);
@@ -84,7 +86,6 @@ using password_operation = bool (*)(const char* file, const char* name, const ch
 
 int set_password(const settings& chosen, const char* name, password_operation operation, uint32 done) {
     qorString password;
-    password.Reserve(longest_line);
     int code = 1;
     if (get_password(chosen, name, password)) {
         code = operation(chosen.file_or_null(), name, password) ? 0 : failed();
@@ -97,18 +98,42 @@ int set_password(const settings& chosen, const char* name, password_operation op
     return code;
 }
 
-int act_add(const settings& chosen, const char* name) { return set_password(chosen, name, qorAddDebugUser, 25); }
+int act_add(const settings& chosen, qorStringArray& words) { return set_password(chosen, words[0], qorAddDebugUser, 25); }
 
-int act_password(const settings& chosen, const char* name) { return set_password(chosen, name, qorChangeDebugUser, 26); }
+int act_password(const settings& chosen, qorStringArray& words) {
+    return set_password(chosen, words[0], qorChangeDebugUser, 26);
+}
 
-int act_remove(const settings& chosen, const char* name) {
-    if (!qorRemoveDebugUser(chosen.file_or_null(), name))
+int act_remove(const settings& chosen, qorStringArray& words) {
+    if (!qorRemoveDebugUser(chosen.file_or_null(), words[0]))
         return failed();
-    fputmsg(stderr, catalog, 27, name);
+    fputmsg(stderr, catalog, 27, words[0]);
     return 0;
 }
 
-int act_list(const settings& chosen, const char*) {
+int act_fingerprint(const settings& chosen, qorStringArray&) {
+    qorString fingerprint;
+    if (!qorGetDebugKeyFingerprint(chosen.file_or_null(), fingerprint))
+        return failed();
+    fingerprint.Put(stdout, true);
+    return 0;
+}
+
+int act_trust(const settings&, qorStringArray& words) {
+    const std::string_view text = words[1];
+    uint16 port = 0;
+    const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), port);
+    if (fault != std::errc() || end != text.data() + text.size() || port == 0) {
+        fputmsg(stderr, catalog, 32, words[1]);
+        return 1;
+    }
+    if (!qorTrustDebugListener(words[0], port, words[2]))
+        return failed();
+    fputmsg(stderr, catalog, 33, words[0], words[1]);
+    return 0;
+}
+
+int act_list(const settings& chosen, qorStringArray&) {
     qorStringArray names;
     if (!qorGetDebugUsers(chosen.file_or_null(), names))
         return failed();
@@ -118,22 +143,27 @@ int act_list(const settings& chosen, const char*) {
     return 0;
 }
 
-int act_help(const settings&, const char*);
+int act_help(const settings&, qorStringArray&);
 
 struct action_row {
     const char* name;
-    int (*handler)(const settings& chosen, const char* name);
-    bool takes_name;
+    int (*handler)(const settings& chosen, qorStringArray& words);
+    uint32 words;
     uint32 syntax;
     uint32 description;
 };
 
 constexpr action_row actions[] = {
-    {"add", act_add, true, 2, 3},   {"password", act_password, true, 4, 5}, {"remove", act_remove, true, 6, 7},
-    {"list", act_list, false, 8, 9}, {"help", act_help, false, 10, 11},
+    {"add", act_add, 1, 2, 3},
+    {"password", act_password, 1, 4, 5},
+    {"remove", act_remove, 1, 6, 7},
+    {"list", act_list, 0, 8, 9},
+    {"fingerprint", act_fingerprint, 0, 28, 29},
+    {"trust", act_trust, 3, 30, 31},
+    {"help", act_help, 0, 10, 11},
 };
 
-int act_help(const settings&, const char*) {
+int act_help(const settings&, qorStringArray&) {
     fputmsg(stdout, catalog, 1, true);
     for (const action_row& row : actions)
         qorWriteHelpLine(stdout, catalog, row.syntax, row.description);
@@ -160,11 +190,11 @@ int run(qorStringArray& args) {
             continue;
         if (const int code = take_options(args, chosen))
             return code;
-        if (args.GetCount() != (row.takes_name ? 1u : 0u)) {
+        if (args.GetCount() != row.words) {
             fputmsg(stderr, catalog, 18, word);
             return 1;
         }
-        return row.handler(chosen, row.takes_name ? args[0] : "");
+        return row.handler(chosen, args);
     }
     fputmsg(stderr, catalog, 17, word);
     return exit_unknown_action;

@@ -9,9 +9,3 @@ bool input_is_terminal();
 // The next line of standard input, without its end. In a terminal the prompt, on standard error, asks for it, and what is typed
 // is not shown. False: the input has ended.
 bool read_secret(const qorString& prompt, qorString& line);
-
-// Room for so much is made first, so that no line leaves copies behind while its string grows.
-inline constexpr uint32 longest_line = 4096;
-
-// Overwrites all that a string has room for.
-void wipe_string(qorString& text);

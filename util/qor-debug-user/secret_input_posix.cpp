@@ -26,8 +26,12 @@ public:
         action.sa_handler = show_again_and_end;
         // Raised once more, it does what it did before.
         action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
-        for (std::size_t i = 0; i < std::size(ending_signals); ++i)
-            sigaction(ending_signals[i], &action, &m_actions[i]);
+        for (std::size_t i = 0; i < std::size(ending_signals); ++i) {
+            sigaction(ending_signals[i], nullptr, &m_actions[i]);
+            // What is ignored is none of ours to end for.
+            if (m_actions[i].sa_handler != SIG_IGN)
+                sigaction(ending_signals[i], &action, nullptr);
+        }
         termios hidden = before;
         hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         hidden.c_lflag |= ECHONL;

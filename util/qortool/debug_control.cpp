@@ -1,6 +1,10 @@
 #include "debug_control.h"
 
+#include "secret_string.h"
+
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
 namespace {
 
@@ -30,6 +34,9 @@ void list_codes(qorStringArray& codes, uint32 heading) {
         fixed_fprintf(stdout, "%s\n", codes[i]);
     fixed_fprintf(stdout, "\n");
 }
+
+// What is handed on ends at a zero byte, and would be something else then that nobody has typed.
+bool has_zero_byte(const qorString& line) { return std::strlen(line) != line.Length(); }
 
 // Reads a line behind a prompt. False: there is none, and the user has been told.
 bool ask(const char* prompt, qorString& line) {
@@ -99,14 +106,35 @@ bool debug_control::check_words(qorStringArray& args) {
     return true;
 }
 
+// On a first connection the user has only this to find out whom he is about to tell his password.
+void debug_control::tell_unknown_key(const char* host, uint16 port) {
+    zetSmartPointer<IQORDebugControl2> control;
+    qorString fingerprint;
+    bool is_known = true;
+    if (m_control->QueryInterface("IQORDebugControl2", reinterpret_cast<void**>(control.Out())) == 1 &&
+        control->GetListenerKey(fingerprint, is_known) && !is_known)
+        fputmsg(stderr, "qorcore", 1063, host, std::to_string(port).c_str(), fingerprint);
+}
+
+bool debug_control::present(const qorString& user, const qorString& password) {
+    if (!has_zero_byte(user) && !has_zero_byte(password))
+        return m_control->Login(user, password);
+    qorSetLastError(qorError_credentials_refused); // no account has these
+    return false;
+}
+
 bool debug_control::log_in() {
+    // What is read ahead would stay in memory, passwords too.
+    std::setvbuf(stdin, nullptr, _IONBF, 0);
     for (;;) {
         qorString user;
         qorString password;
-        if (!ask("Username: ", user) || !ask("Password: ", password))
-            return false;
-        if (m_control->Login(user, password))
-            return true;
+        const bool asked = ask("Username: ", user) && ask("Password: ", password);
+        const bool done = asked && present(user, password);
+        wipe_string(user); // in its place one easily types the other
+        wipe_string(password);
+        if (done || !asked)
+            return done;
         qorString reason;
         const uint32 error = qorGetLastError(reason);
         fputerr(stderr, true);
@@ -123,11 +151,13 @@ bool debug_control::Execute(qorStringArray& args) {
     if (!m_quiet)
         fputmsg(stdout, catalog, 47, true);
     // A number beyond 16 bits loses its upper ones.
-    if (!m_control->Connect(args[0], static_cast<uint16>(std::atoi(args[1])))) {
+    const auto port = static_cast<uint16>(std::atoi(args[1]));
+    if (!m_control->Connect(args[0], port)) {
         qorDebug(m_debug_code, "FAIL conn->Connect() returned false");
         fputerr(stderr, true);
         return false;
     }
+    tell_unknown_key(args[0], port);
     if (!log_in())
         return false;
     if (!m_control->SetSink(this)) {
@@ -146,6 +176,10 @@ void debug_control::run(qorString& line) {
     line.TrimBoth();
     if (line.IsEmpty())
         return;
+    if (has_zero_byte(line)) {
+        fputmsg(stderr, catalog, 63, true);
+        return;
+    }
     qorStringArray args;
     if (!line.Tokenise_WS(args)) {
         fputerr(stderr, true);

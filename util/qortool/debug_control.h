@@ -30,6 +30,8 @@ private:
     static const command_row s_commands[];
 
     bool check_words(qorStringArray& args);
+    void tell_unknown_key(const char* host, uint16 port);
+    bool present(const qorString& user, const qorString& password);
     bool log_in();
     void run(qorString& line);
 

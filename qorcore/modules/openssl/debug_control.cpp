@@ -23,10 +23,10 @@ constexpr auto request_time = 20s;
 // A listener may let a login wait until its neighbour has been quiet for a minute.
 constexpr auto login_time = 130s;
 
-class debug_control final : public qor::object<IQORDebugControl> {
+class debug_control final : public qor::object<IQORDebugControl2> {
 public:
     debug_control(qor::control::tls_context context, const char* known_hosts)
-        : object("qorcore.openssl.debug_control", "IQORDebugControl"), m_context(std::move(context)),
+        : object("qorcore.openssl.debug_control", "IQORDebugControl2", "IQORDebugControl"), m_context(std::move(context)),
           m_known_hosts(known_hosts) {}
 
     ~debug_control() override { leave(); }
@@ -37,6 +37,7 @@ public:
             {
                 const std::lock_guard hold(m_lock);
                 m_to = {host, port};
+                m_first_key.reset();
             }
             link_pointer made;
             return connect(made);
@@ -106,6 +107,17 @@ public:
             }
             frame answer;
             return ask(to, frame_type::enable_code, payload, answer);
+        });
+    }
+
+    bool GetListenerKey(qorString& fingerprint, bool& is_known) noexcept override {
+        return guarded([&] {
+            const link_pointer to = current();
+            if (to == nullptr || to->is_of_parent())
+                return not_connected();
+            fingerprint = qor::control::text_of(to->peer_key()).c_str();
+            is_known = to->is_proved();
+            return true;
         });
     }
 
@@ -214,20 +226,35 @@ private:
             return false;
         }
         out = std::make_shared<qor::control::link>(to, std::move(made), m_context.get());
-        if (qor::control::link::open(out) &&
-            qor::control::known_hosts(m_known_hosts).check(to.host, to.port, out->peer_key())) {
-            replace(out);
-            return true;
+        bool is_known = false;
+        if (!qor::control::link::open(out) ||
+            !qor::control::known_hosts(m_known_hosts).check(to.host, to.port, out->peer_key(), is_known) ||
+            !is_as_at_first(*out)) {
+            out->stop();
+            return false;
         }
-        out->stop();
+        if (is_known)
+            out->set_proved();
+        replace(out);
+        return true;
+    }
+
+    // The user may have compared the key that Connect met: a login that connects anew by itself must meet the same one.
+    bool is_as_at_first(const qor::control::link& to) {
+        const std::lock_guard hold(m_lock);
+        if (!m_first_key)
+            m_first_key = to.peer_key();
+        if (*m_first_key == to.peer_key())
+            return true;
+        qorSetLastError(qorError_debug_other_key, to.peer().host.c_str(), std::to_string(to.peer().port).c_str(),
+                        qor::control::text_of(to.peer_key()).c_str());
         return false;
     }
 
     // From the answer to the first message on.
     bool log_in(const link_pointer& to, qor::control::scram_client& login, frame& answer) {
-        if (answer.type == frame_type::refusal)
-            return refused(answer, qorError_debug_sessions_full);
         std::string last;
+        const qor::crypto::wiped_later of_last(last); // guesses at the password can be tried against it
         if (!login.final(answer.payload, last)) {
             leave(to);
             qorSetLastError(qorError_debug_protocol, qor::control::reason_text(1076).c_str());
@@ -236,7 +263,7 @@ private:
         if (!to->ask(frame_type::login_final, last, login_time, answer))
             return false;
         if (answer.type == frame_type::refusal)
-            return refused(answer, qorError_debug_sessions_full);
+            return login_refused(*to, answer);
         // From here on it is the listener that has to prove itself.
         const peer_name& peer = to->peer();
         if (!login.verify(answer.payload)) {
@@ -248,24 +275,29 @@ private:
             leave(to);
             return false;
         }
+        to->set_proved();
         to->set_logged_in();
         return true;
     }
 
-    static bool refused(const frame& answer, uint32 error_of_no_room) noexcept {
-        using qor::control::refusal_code;
+    static bool is_no_room(const frame& refusal) noexcept {
         uint32 code = 0;
-        qor::control::read_number(answer.payload, code);
-        qorSetLastError(code == static_cast<uint32>(refusal_code::credentials) ? qorError_credentials_refused
-                        : code == static_cast<uint32>(refusal_code::no_room)   ? error_of_no_room
-                                                                              : qorError_debug_refused);
+        return qor::control::read_number(refusal.payload, code) && code == static_cast<uint32>(qor::control::refusal_code::no_room);
+    }
+
+    // Anybody can refuse, and collect what is typed again: the user has to know where he stands.
+    static bool login_refused(const qor::control::link& by, const frame& answer) {
+        const std::string doubt = by.is_proved() ? "" : qor::control::reason_text(1062, qor::control::text_of(by.peer_key()).c_str());
+        qorSetLastError(is_no_room(answer) ? qorError_debug_sessions_full : qorError_credentials_refused, doubt.c_str());
         return false;
     }
 
     static bool ask(const link_pointer& to, frame_type type, std::string_view payload, frame& answer) {
         if (!to->ask(type, payload, request_time, answer))
             return false;
-        return answer.type != frame_type::refusal || refused(answer, qorError_debug_switches_full);
+        if (answer.type == frame_type::refusal)
+            qorSetLastError(is_no_room(answer) ? qorError_debug_switches_full : qorError_debug_refused);
+        return answer.type != frame_type::refusal;
     }
 
     bool get_list(frame_type type, qorStringArray& out) noexcept {
@@ -298,6 +330,7 @@ private:
     const std::string m_known_hosts;
     mutable std::mutex m_lock; // held for no longer than it takes to copy what it guards
     peer_name m_to;
+    std::optional<qor::control::key_fingerprint> m_first_key; // that was met there since Connect
     link_pointer m_link;
 };
 

@@ -17,6 +17,24 @@ uint32 number_at(std::string_view bytes, std::size_t at, int count) noexcept {
 
 } // namespace
 
+qor::control::refusals qor::control::refusals_of(frame_type request, std::string_view payload) noexcept {
+    if (request == frame_type::login_final)
+        return one_refusal(refusal_code::credentials) | one_refusal(refusal_code::no_room);
+    if (request != frame_type::enable_code)
+        return 0;
+    // The name stands behind one byte. No code has an empty one, or one so long.
+    const bool has_name = payload.size() > 1 && payload.size() - 1 <= name_limit;
+    return one_refusal(has_name ? refusal_code::no_room : refusal_code::request);
+}
+
+bool qor::control::is_answer(const frame& answer, frame_type request, refusals possible) noexcept {
+    uint32 code;
+    if (answer.type == frame_type::refusal)
+        return read_number(answer.payload, code) && code < 32 && (possible >> code & 1) != 0;
+    const bool is_bare = request == frame_type::enable_code || request == frame_type::disable_all;
+    return answer.type == answer_to(request) && (!is_bare || answer.payload.empty());
+}
+
 void qor::control::append_frame(std::string& out, frame_type type, uint32 request, std::string_view payload) {
     append_number(out, static_cast<uint32>(payload.size()), 4);
     append_number(out, static_cast<uint32>(type), 2);
@@ -70,7 +88,10 @@ bool qor::control::read_page(std::string_view payload, name_page& out) {
         at += 2;
         if (size > name_limit || payload.size() - at < size)
             return false;
-        out.names.emplace_back(payload.substr(at, size));
+        const std::string_view name = payload.substr(at, size);
+        if (name.find('\0') != name.npos)
+            return false;
+        out.names.emplace_back(name);
         at += size;
     }
     return true;

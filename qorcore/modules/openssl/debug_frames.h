@@ -40,6 +40,11 @@ enum class refusal_code : uint32 {
     no_room = 3,     // for another session of the account or at all, or for another name that a switch is remembered for
 };
 
+// The refusals that a request may get, a bit for each. 0: an answer has to come.
+using refusals = uint32;
+constexpr refusals one_refusal(refusal_code code) noexcept { return 1u << static_cast<uint32>(code); }
+refusals refusals_of(frame_type request, std::string_view payload) noexcept;
+
 inline constexpr uint32 frame_header_size = 12;
 inline constexpr uint32 payload_limit_before_login = 2048;
 inline constexpr uint32 payload_limit = 65536;
@@ -49,6 +54,13 @@ struct frame {
     uint32 request; // of the client's choice; the answer repeats it
     std::string payload;
 };
+
+// Whether a frame has the form of an answer to a request, or of a refusal that it may get. Messages of a login and pages are for
+// who reads them to judge.
+bool is_answer(const frame& answer, frame_type request, refusals possible) noexcept;
+
+// A heartbeat belongs to no request, and says nothing.
+inline bool is_heartbeat(const frame& found) noexcept { return found.request == 0 && found.payload.empty(); }
 
 void append_frame(std::string& out, frame_type type, uint32 request, std::string_view payload);
 

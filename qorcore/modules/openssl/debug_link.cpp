@@ -1,5 +1,7 @@
 #include "debug_link.h"
 
+#include "primitives.h"
+
 #include <algorithm>
 
 using namespace std::chrono_literals;
@@ -78,6 +80,7 @@ bool qor::control::link::turn() {
         append_frame(requests, frame_type::heartbeat, 0, {});
     if (!requests.empty()) {
         m_channel.send(requests);
+        crypto::wipe(requests);
         m_sent = now;
     }
     return true;
@@ -157,11 +160,14 @@ bool qor::control::link::take_frames(std::string_view plain) {
         const frame_reader::result result = m_frames.next(found);
         if (result != frame_reader::result::frame)
             return result == frame_reader::result::nothing;
-        if (found.type == frame_type::heartbeat)
+        if (found.type == frame_type::heartbeat) {
+            if (!is_heartbeat(found))
+                return false;
             continue;
+        }
         const std::lock_guard hold(m_lock);
         const bool wanted = m_asking && !m_answer && found.request == m_last_request;
-        if (!wanted || (found.type != answer_to(m_asked) && found.type != frame_type::refusal))
+        if (!wanted || !is_answer(found, m_asked, m_refusals))
             return false;
         m_answer = std::move(found);
         m_patience_ends.reset();
@@ -240,6 +246,7 @@ bool qor::control::link::ask(frame_type type, std::string_view payload, std::chr
     append_frame(m_requests, type, ++m_last_request, payload);
     m_patience_ends = clock::now() + patience;
     m_asked = type;
+    m_refusals = refusals_of(type, payload);
     m_asking = true;
     m_waker.wake();
     m_changed.wait(hold, [this] { return m_answer || m_lost || m_stopping; });

@@ -6,6 +6,7 @@
 #include "qor/qor.h"
 #include "tls_channel.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -68,6 +69,10 @@ public:
 
     void set_logged_in();
 
+    // Whether somebody vouches for the listener's key: a line of the known hosts, or a login that proved it.
+    void set_proved() noexcept { m_is_proved = true; }
+    bool is_proved() const noexcept { return m_is_proved; }
+
     // False: the link is lost, and the sink will not be told. When it returns, the sink of before is not told any more.
     bool set_sink(IQORDebugControlSink* sink);
 
@@ -94,6 +99,7 @@ private:
     bool is_own_thread() const noexcept { return std::this_thread::get_id() == m_thread_id; }
 
     const peer_name m_peer;
+    std::atomic<bool> m_is_proved = false;
     net::socket m_socket;
     net::waker m_waker;
     std::thread m_thread;
@@ -121,6 +127,7 @@ private:
     bool m_telling = false; // a call of the sink is running
     bool m_asking = false;  // a request is on its way
     frame_type m_asked{};
+    refusals m_refusals = 0; // that it may get
     failure m_why;
     IQORDebugControlSink* m_sink = nullptr;
     std::string m_requests;

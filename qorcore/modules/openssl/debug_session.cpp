@@ -101,7 +101,7 @@ void qor::control::session::receive(std::string_view wire, moment now) {
 
 void qor::control::session::handle(const frame& request, moment now) {
     if (request.type == frame_type::heartbeat) {
-        if (!request.payload.empty())
+        if (!is_heartbeat(request))
             end("a malformed frame");
         return;
     }

@@ -1,9 +1,12 @@
 // Accounts of debug control: reading, changing and writing their file.
+#include "accounts.h"
 #include "guarded.h"
+#include "known_hosts.h"
 #include "passwords.h"
 #include "private_file.h"
-#include "accounts.h"
 #include "server_key.h"
+
+#include <algorithm>
 
 namespace {
 
@@ -37,7 +40,10 @@ bool change(const std::string& path, bool may_be_missing, EDIT edit) {
     bool is_missing = false;
     account_list accounts;
     std::string reason;
-    const qor::control::private_folder_lock lock(path);
+    // Where there is nothing to change, nothing is made, no lock either.
+    if (!may_be_missing && !qor::control::read_accounts(path, accounts))
+        return false;
+    const qor::control::private_file_lock lock(path);
     if (lock.is_held(reason)) {
         if (!qor::control::read_accounts(path, accounts, may_be_missing ? &is_missing : nullptr) || !edit(accounts))
             return false;
@@ -65,8 +71,8 @@ public:
                     return false;
                 }
                 accounts.set(name, made);
-                return true;
-            }) && qor::control::open_server_key(path, key);
+                return qor::control::open_server_key(path, key);
+            });
         });
     }
 
@@ -104,6 +110,30 @@ public:
             for (const std::string& name : accounts.names())
                 names.Append(name.c_str());
             return true;
+        });
+    }
+
+    bool GetKeyFingerprint(const char* file, qorString& fingerprint) noexcept override {
+        return guarded([&] {
+            std::string path;
+            qor::crypto::key_pointer key;
+            if (!find_accounts(file, path) || !qor::control::read_server_key(path, key))
+                return false;
+            fingerprint = qor::control::text_of(qor::control::fingerprint_of(key.get())).c_str();
+            return true;
+        });
+    }
+
+    bool Trust(const char* host, uint16 port, const char* fingerprint) noexcept override {
+        return guarded([&] {
+            std::string text = fingerprint;
+            std::transform(text.begin(), text.end(), text.begin(), [](char c) { return c >= 'A' && c <= 'F' ? c + 32 : c; });
+            const auto key = qor::control::read_fingerprint(text);
+            if (!key) {
+                qorSetLastError(qorError_bad_fingerprint, fingerprint);
+                return false;
+            }
+            return qor::control::known_hosts({}).remember(host, port, *key);
         });
     }
 };

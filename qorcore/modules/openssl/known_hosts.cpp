@@ -26,14 +26,16 @@ std::string_view take_word(std::string_view& line) {
     return word;
 }
 
-std::string text_of(const key_fingerprint& key) {
+} // namespace
+
+std::string qor::control::text_of(const key_fingerprint& key) {
     std::string text;
     for (const uint8 byte : key)
         text += {digits[byte >> 4], digits[byte & 15]};
     return text;
 }
 
-std::optional<key_fingerprint> read_key(std::string_view text) {
+std::optional<key_fingerprint> qor::control::read_fingerprint(std::string_view text) {
     key_fingerprint key;
     if (text.size() != 2 * key.size() || text.find_first_not_of(digits) != text.npos)
         return std::nullopt;
@@ -42,8 +44,6 @@ std::optional<key_fingerprint> read_key(std::string_view text) {
     return key;
 }
 
-} // namespace
-
 std::optional<qor::control::known_hosts::entry> qor::control::known_hosts::read_line(std::string_view line) {
     entry made{};
     made.host = take_word(line);
@@ -51,7 +51,7 @@ std::optional<qor::control::known_hosts::entry> qor::control::known_hosts::read_
         return std::nullopt;
     made.port = take_word(line);
     if (take_word(line) == algorithm)
-        made.key = read_key(take_word(line));
+        made.key = read_fingerprint(take_word(line));
     if (!take_word(line).empty())
         made.key.reset();
     return made;
@@ -62,6 +62,11 @@ bool qor::control::known_hosts::load() {
         return false;
     std::string reason;
     return read_own_file(m_path, m_text, reason) || cannot_use(reason);
+}
+
+bool qor::control::known_hosts::cannot_write(const std::string& reason) const {
+    qorSetLastError(qorError_cannot_write_file, m_path.c_str(), reason.c_str());
+    return false;
 }
 
 bool qor::control::known_hosts::cannot_use(const std::string& reason) const {
@@ -99,24 +104,24 @@ bool qor::control::known_hosts::look_up(const std::string& host, uint16 port, co
     return true;
 }
 
-bool qor::control::known_hosts::check(const std::string& host, uint16 port, const key_fingerprint& key) {
-    bool known;
-    return look_up(host, port, key, known);
-}
-
 bool qor::control::known_hosts::remember(const std::string& host, uint16 port, const key_fingerprint& key) {
+    // A line of its own is all that a host may get.
+    if (host.empty() || host.front() == '#' || std::any_of(host.begin(), host.end(), [](char c) { return c >= '\0' && c <= ' '; })) {
+        qorSetLastError(qorError_no_such_host, host.c_str());
+        return false;
+    }
     bool known;
     if (!look_up(host, port, key, known) || known)
         return known;
     // Read once more: another console may add its line at this moment.
-    const private_folder_lock lock(m_path);
+    const private_file_lock lock(m_path);
     std::string reason;
     if (!lock.is_held(reason))
-        return cannot_use(reason);
+        return cannot_write(reason);
     if (!look_up(host, port, key, known) || known)
         return known;
     if (!m_text.empty() && m_text.back() != '\n')
         m_text += '\n';
     m_text += plain_host(host) + ' ' + std::to_string(port) + ' ' + std::string(algorithm) + ' ' + text_of(key) + '\n';
-    return write_private_file(m_path, m_text, reason) || cannot_use(reason);
+    return write_private_file(m_path, m_text, reason) || cannot_write(reason);
 }

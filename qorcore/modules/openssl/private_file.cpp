@@ -2,9 +2,9 @@
 
 #include "qor/qor.h"
 
-std::string qor::control::reason_of(private_file_fault fault) {
+std::string qor::control::reason_of(private_file_fault fault, const std::string& insert) {
     qorString text;
-    text.LoadString("qorcore", static_cast<uint32>(fault));
+    text.Format("qorcore", static_cast<uint32>(fault), insert.c_str());
     return {text.Text(), text.Length()};
 }
 

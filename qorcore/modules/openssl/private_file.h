@@ -2,6 +2,7 @@
 // std::bad_alloc.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -15,7 +16,8 @@ bool read_private_file(const std::string& path, std::string& text, std::string& 
 bool read_own_file(const std::string& path, std::string& text, std::string& reason);
 
 // Puts a file in the place of the one that is there, whole or not at all, for its owner only. Folders that are missing on the
-// way are made, for their owner only, too.
+// way are made, for their owner only, too, but not in a folder of somebody else. Whose change it may meet is to be kept off by a
+// private_file_lock.
 bool write_private_file(const std::string& path, std::string_view text, std::string& reason);
 
 // Where a file of the framework's configuration folder is for the user that runs this process. False: the last error says why.
@@ -30,22 +32,33 @@ enum class private_file_fault : unsigned {
     of_another_owner = 1051,
     no_plain_file = 1052,
     too_long = 1053,
+    folder_of_another_owner = 1059,
+    others_change_folder = 1060,
+    locked = 1061,
 };
-std::string reason_of(private_file_fault fault);
+std::string reason_of(private_file_fault fault, const std::string& insert = {});
 
-// While it lives no other process that asks for it changes files of the same folder.
-class private_folder_lock {
+// So long one waits for another's lock.
+inline constexpr std::chrono::seconds lock_patience{20};
+
+// While it lives no other process that asks for it changes this file. It is a lock of a file of its own beside it, "<file>.lock",
+// that nobody but its owner can open: other users could hold the lock of anything that they may read.
+class private_file_lock {
 public:
-    explicit private_folder_lock(const std::string& file);
-    private_folder_lock(const private_folder_lock&) = delete;
-    private_folder_lock& operator=(const private_folder_lock&) = delete;
-    ~private_folder_lock();
+    explicit private_file_lock(const std::string& file);
+    private_file_lock(const private_file_lock&) = delete;
+    private_file_lock& operator=(const private_file_lock&) = delete;
+    ~private_file_lock();
 
     // False: `reason` says why.
-    bool is_held(std::string& reason) const;
+    bool is_held(std::string& reason) const {
+        reason = m_reason;
+        return m_handle != -1;
+    }
 
 private:
     long long m_handle = -1; // the system's
+    std::string m_path;
     std::string m_reason;
 };
 

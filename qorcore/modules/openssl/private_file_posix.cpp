@@ -8,6 +8,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -19,17 +20,14 @@ using qor::control::reason_of;
 class descriptor {
 public:
     explicit descriptor(int number) noexcept : m_number(number) {}
-    descriptor(const descriptor&) = delete;
-    descriptor& operator=(const descriptor&) = delete;
+    descriptor(descriptor&& other) noexcept : m_number(other.release()) {}
+    descriptor& operator=(descriptor&&) = delete;
     ~descriptor() {
         if (m_number >= 0)
             ::close(m_number);
     }
     int number() const noexcept { return m_number; }
     int release() noexcept { return std::exchange(m_number, -1); }
-
-    // True: everything has reached the file.
-    bool close() noexcept { return ::close(release()) == 0; }
 
 private:
     int m_number;
@@ -40,9 +38,37 @@ bool failed(std::string& reason) {
     return false;
 }
 
-bool failed(private_file_fault fault, std::string& reason) {
-    reason = reason_of(fault);
+bool failed(private_file_fault fault, std::string& reason, const std::string& insert = {}) {
+    reason = reason_of(fault, insert);
     return false;
+}
+
+std::string folder_of(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == path.npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Where a link leads to is what is to be replaced, not the link.
+std::string real_path(const std::string& path) {
+    char* const found = realpath(path.c_str(), nullptr);
+    const std::string real = found != nullptr ? found : path;
+    std::free(found);
+    return real;
+}
+
+// Files of ours in somebody else's folder would stand in his way, and he could put an earlier one in the place of a newer.
+bool is_own_folder(const struct stat& status) noexcept { return status.st_uid == geteuid() || status.st_uid == 0; }
+
+// So could whoever may write in the folder, but for those with the sticky bit.
+bool is_safe_folder(const std::string& folder, std::string& reason) {
+    struct stat status;
+    if (stat(folder.c_str(), &status) != 0)
+        return failed(reason);
+    if (!is_own_folder(status))
+        return failed(private_file_fault::folder_of_another_owner, reason, folder);
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0)
+        return failed(private_file_fault::others_change_folder, reason, folder);
+    return true;
 }
 
 // `forbidden`: what others may not do.
@@ -92,29 +118,62 @@ bool write_all(int file, std::string_view text) {
     return true;
 }
 
-std::string folder_of(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == path.npos ? "." : path.substr(0, slash + 1);
+// Those that are missing. A super-user who runs with the home folder of somebody else must not leave folders in it that this
+// one cannot use.
+bool make_folders(const std::string& path, std::string& reason) {
+    for (std::size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1)) {
+        const std::string folder = path.substr(0, slash);
+        struct stat status;
+        if (stat(folder.c_str(), &status) == 0)
+            continue;
+        const std::string around = folder_of(folder);
+        if (errno == ENOENT && stat(around.c_str(), &status) == 0 && !is_own_folder(status))
+            return failed(private_file_fault::folder_of_another_owner, reason, around);
+        if (mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST)
+            return failed(reason);
+    }
+    return true;
 }
 
-// Those that are missing; whatever goes wrong shows when the file is opened.
-void make_folders(const std::string& path) {
-    for (std::size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1))
-        mkdir(path.substr(0, slash).c_str(), S_IRWXU);
+// What is there after a loss of power is whole.
+bool put(int file, std::string_view text) {
+    return file >= 0 && fchmod(file, S_IRUSR | S_IWUSR) == 0 && write_all(file, text) && fsync(file) == 0;
 }
 
-// Where a link leads to is what is to be replaced, not the link.
-std::string real_path(const std::string& path) {
-    char* const found = realpath(path.c_str(), nullptr);
-    const std::string real = found != nullptr ? found : path;
-    std::free(found);
-    return real;
+// The file has no name before it is whole: who is killed on the way leaves nothing behind. Not every file system can do that.
+bool put_nameless(const std::string& folder, std::string_view text, const std::string& name) {
+    const descriptor file(open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    const std::string made = "/proc/self/fd/" + std::to_string(file.number());
+    return put(file.number(), text) && linkat(AT_FDCWD, made.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+}
+
+bool put_named(std::string_view text, const std::string& name) {
+    const descriptor file(open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    return put(file.number(), text);
+}
+
+// The lock file, without waiting for a lock. Not open: `reason` says why.
+descriptor open_lock(const std::string& path, std::string& reason) {
+    descriptor lock(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (lock.number() < 0)
+        failed(reason);
+    else if (!is_own(lock.number(), S_IRWXG | S_IRWXO, reason))
+        return descriptor(-1);
+    return lock;
+}
+
+// Who had the lock took the file away with it: a lock of that one keeps nobody off.
+bool is_at(int file, const std::string& path) noexcept {
+    struct stat opened, there;
+    return fstat(file, &opened) == 0 && stat(path.c_str(), &there) == 0 && opened.st_dev == there.st_dev &&
+           opened.st_ino == there.st_ino;
 }
 
 } // namespace
 
 bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason, bool& is_missing) {
-    return read_file(path, S_IRWXG | S_IRWXO, text, reason, is_missing);
+    return read_file(path, S_IRWXG | S_IRWXO, text, reason, is_missing) &&
+           (is_missing || is_safe_folder(folder_of(real_path(path)), reason));
 }
 
 bool qor::control::read_own_file(const std::string& path, std::string& text, std::string& reason) {
@@ -123,41 +182,59 @@ bool qor::control::read_own_file(const std::string& path, std::string& text, std
 }
 
 bool qor::control::write_private_file(const std::string& path, std::string_view text, std::string& reason) {
-    make_folders(path);
+    if (!make_folders(path, reason))
+        return false;
     const std::string real = real_path(path);
-    const descriptor folder(open(folder_of(real).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    std::string made = real + ".XXXXXX";
-    descriptor file(mkostemp(made.data(), O_CLOEXEC));
-    if (folder.number() < 0 || file.number() < 0)
+    const std::string place = folder_of(real);
+    const descriptor folder(open(place.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.number() < 0)
         return failed(reason);
-    // What is there after a loss of power is the old file or the new one, and the new one is whole.
-    if (fchmod(file.number(), S_IRUSR | S_IWUSR) == 0 && write_all(file.number(), text) && fsync(file.number()) == 0 &&
-        file.close() && rename(made.c_str(), real.c_str()) == 0 && fsync(folder.number()) == 0)
+    // One that was killed between the last two steps left it; nothing else of us has this name.
+    const std::string made = real + ".unfinished";
+    unlink(made.c_str());
+    if ((put_nameless(place, text, made) || put_named(text, made)) && rename(made.c_str(), real.c_str()) == 0 &&
+        fsync(folder.number()) == 0)
         return true;
     failed(reason);
     unlink(made.c_str());
     return false;
 }
 
-qor::control::private_folder_lock::private_folder_lock(const std::string& file) {
-    make_folders(file);
-    descriptor folder(open(folder_of(real_path(file)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    int result;
-    do
-        result = flock(folder.number(), LOCK_EX);
-    while (result != 0 && errno == EINTR);
-    if (result == 0)
-        m_handle = folder.release();
-    else
-        failed(m_reason);
+qor::control::private_file_lock::private_file_lock(const std::string& file) {
+    if (!make_folders(file, m_reason))
+        return;
+    const std::string real = real_path(file);
+    if (!is_safe_folder(folder_of(real), m_reason))
+        return;
+    const std::string path = real + ".lock";
+    for (const auto end = std::chrono::steady_clock::now() + lock_patience;;) {
+        descriptor lock = open_lock(path, m_reason);
+        if (lock.number() < 0) {
+            m_reason = path + ": " + m_reason;
+            return;
+        }
+        const bool is_free = flock(lock.number(), LOCK_EX | LOCK_NB) == 0;
+        if (is_free && is_at(lock.number(), path)) {
+            m_handle = lock.release();
+            m_path = path;
+            return;
+        }
+        if (!is_free && errno != EWOULDBLOCK && errno != EINTR) {
+            failed(m_reason);
+            return;
+        }
+        if (std::chrono::steady_clock::now() >= end) {
+            failed(private_file_fault::locked, m_reason, path);
+            return;
+        }
+        if (!is_free)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
 }
 
-qor::control::private_folder_lock::~private_folder_lock() {
-    if (m_handle >= 0)
-        close(static_cast<int>(m_handle));
-}
-
-bool qor::control::private_folder_lock::is_held(std::string& reason) const {
-    reason = m_reason;
-    return m_handle >= 0;
+qor::control::private_file_lock::~private_file_lock() {
+    if (m_handle < 0)
+        return;
+    unlink(m_path.c_str());
+    close(static_cast<int>(m_handle));
 }

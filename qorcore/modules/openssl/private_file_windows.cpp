@@ -140,14 +140,12 @@ bool succeeds_within(std::chrono::milliseconds longest, TRY attempt) {
 
 // Of one reading or replacing; a peer of a listener may wait for it.
 constexpr std::chrono::seconds file_patience{1};
-// Of whole changes, each of which may wait as above.
-constexpr std::chrono::seconds lock_patience{10};
 
 handle open_file(const std::wstring& path, DWORD access, DWORD shares, DWORD disposition, DWORD flags,
-                 std::chrono::milliseconds longest) {
+                 std::chrono::milliseconds longest, SECURITY_ATTRIBUTES* rights = nullptr) {
     HANDLE file = INVALID_HANDLE_VALUE;
     succeeds_within(longest, [&] {
-        file = CreateFileW(path.c_str(), access, shares, nullptr, disposition, flags, nullptr);
+        file = CreateFileW(path.c_str(), access, shares, rights, disposition, flags, nullptr);
         return file != INVALID_HANDLE_VALUE;
     });
     return handle(file);
@@ -221,8 +219,10 @@ bool qor::control::write_private_file(const std::string& path, std::string_view 
     own_rights rights;
     if (rights.get() == nullptr)
         return failed(reason);
-    const std::wstring made = wide(path + '.' + std::to_string(GetCurrentProcessId()) + '.' + std::to_string(GetCurrentThreadId()));
-    handle file(CreateFileW(made.c_str(), GENERIC_WRITE, 0, rights.get(), CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    // One that was killed on the way left it; nothing else of us has this name.
+    const std::wstring made = wide(path + ".unfinished");
+    DeleteFileW(made.c_str());
+    handle file(CreateFileW(made.c_str(), GENERIC_WRITE, 0, rights.get(), CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file.is_open())
         return failed(reason);
     DWORD written = 0;
@@ -240,23 +240,25 @@ bool qor::control::write_private_file(const std::string& path, std::string_view 
 }
 
 // A file that only one process at a time can have open; the system takes it away with the last handle.
-qor::control::private_folder_lock::private_folder_lock(const std::string& file) {
+qor::control::private_file_lock::private_file_lock(const std::string& file) : m_path(file + ".lock") {
     make_folders(file);
-    const std::wstring name = wide(file.substr(0, file.find_last_of("/\\") + 1) + "debug-lock");
+    own_rights rights;
+    if (rights.get() == nullptr) {
+        failed(m_reason);
+        return;
+    }
     // What is about to be deleted counts as denied.
-    handle lock = open_file(name, GENERIC_WRITE, 0, OPEN_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, lock_patience);
+    handle lock = open_file(wide(m_path), GENERIC_WRITE, 0, OPEN_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE,
+                            lock_patience, rights.get());
     if (lock.is_open())
         m_handle = reinterpret_cast<std::intptr_t>(lock.release());
+    else if (GetLastError() == ERROR_SHARING_VIOLATION)
+        m_reason = reason_of(private_file_fault::locked, m_path);
     else
         failed(m_reason);
 }
 
-qor::control::private_folder_lock::~private_folder_lock() {
+qor::control::private_file_lock::~private_file_lock() {
     if (m_handle != -1)
         CloseHandle(reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(m_handle)));
-}
-
-bool qor::control::private_folder_lock::is_held(std::string& reason) const {
-    reason = m_reason;
-    return m_handle != -1;
 }

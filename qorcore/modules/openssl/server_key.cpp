@@ -3,6 +3,7 @@
 #include "private_file.h"
 #include "qor/qor.h"
 
+#include <openssl/err.h>
 #include <openssl/pem.h>
 
 namespace {
@@ -17,21 +18,30 @@ bool cannot_use(const std::string& path, const std::string& reason) {
     return false;
 }
 
+// Of the catalog "qorcore".
+constexpr uint32 no_key = 1058;
+constexpr uint32 no_such_file = 1078;
+
+std::string text_of_reason(uint32 number) {
+    qorString reason;
+    reason.LoadString("qorcore", number);
+    return reason.Text();
+}
+
 // OpenSSL would ask at the terminal.
 int no_password(char*, int, int, void*) noexcept { return -1; }
 
 bool parse_key(const std::string& path, const std::string& text, key_pointer& key) {
     const bio_pointer bytes(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
     key.reset(bytes != nullptr ? PEM_read_bio_PrivateKey(bytes.get(), nullptr, no_password, nullptr) : nullptr);
-    if (key == nullptr)
-        return cannot_use(path, qor::crypto::openssl_reason());
     char name[64];
     std::size_t size = 0;
-    if (EVP_PKEY_get_group_name(key.get(), name, sizeof name, &size) == 1 && std::string_view(name, size) == curve)
+    if (key != nullptr && EVP_PKEY_get_group_name(key.get(), name, sizeof name, &size) == 1 &&
+        std::string_view(name, size) == curve)
         return true;
-    qorString reason;
-    reason.LoadString("qorcore", 1058);
-    return cannot_use(path, reason.Text());
+    // OpenSSL has tried this and that, and its reason for the last try helps nobody.
+    ERR_clear_error();
+    return cannot_use(path, text_of_reason(no_key));
 }
 
 bool make_key(const std::string& path, key_pointer& key) {
@@ -53,12 +63,27 @@ bool qor::control::open_server_key(const std::string& accounts, crypto::key_poin
     std::string text;
     std::string reason;
     bool is_missing = false;
+    const crypto::wiped_later of_text(text);
+    if (!read_private_file(path, text, reason, is_missing))
+        return cannot_use(path, reason);
+    if (!is_missing)
+        return parse_key(path, text, key);
     // Two that find none must not make two.
-    const private_folder_lock lock(path);
+    const private_file_lock lock(path);
     if (!lock.is_held(reason) || !read_private_file(path, text, reason, is_missing))
         return cannot_use(path, reason);
-    const crypto::wiped_later of_text(text);
     return is_missing ? make_key(path, key) : parse_key(path, text, key);
+}
+
+bool qor::control::read_server_key(const std::string& accounts, crypto::key_pointer& key) {
+    const std::string path = accounts + ".key";
+    std::string text;
+    std::string reason;
+    bool is_missing = false;
+    const crypto::wiped_later of_text(text);
+    if (read_private_file(path, text, reason, is_missing) && !is_missing)
+        return parse_key(path, text, key);
+    return cannot_use(path, is_missing ? text_of_reason(no_such_file) : reason);
 }
 
 bool qor::control::secret_of_key(EVP_PKEY* key, std::string_view purpose, crypto::digest& out) {

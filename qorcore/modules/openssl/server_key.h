@@ -13,6 +13,9 @@ namespace qor::control {
 // where there is none, and never changed. False: the last error says why.
 bool open_server_key(const std::string& accounts, crypto::key_pointer& key);
 
+// The same where the key has to be there.
+bool read_server_key(const std::string& accounts, crypto::key_pointer& key);
+
 // A secret that only who has the key can know, another one for each purpose. False: the last error says why.
 bool secret_of_key(EVP_PKEY* key, std::string_view purpose, crypto::digest& out);
 

@@ -109,7 +109,7 @@ constexpr message qortool[] = {
 
 // What qor-debug-user says.
 constexpr message qor_debug_user[] = {
-    {1, "Usage: qor-debug-user [options] <action> [<name>]\n\nThe actions, and below them the options:"},
+    {1, "Usage: qor-debug-user [options] <action> [<word> ...]\n\nThe actions, and below them the options:"},
     {2, "add <name>"},
     {3, "Make an account for debug control. The password is asked for, or a line of standard input."},
     {4, "password <name>"},
@@ -136,6 +136,12 @@ constexpr message qor_debug_user[] = {
     {25, "The account '{1}' was made."},
     {26, "The account '{1}' has another password now."},
     {27, "The account '{1}' was taken away."},
+    {28, "fingerprint"},
+    {29, "Print the fingerprint of the key beside the accounts, by which consoles know the listener."},
+    {30, "trust <host> <port> <fingerprint>"},
+    {31, "Note the key of a listener for this user's consoles, before they log in there."},
+    {32, "'{1}' is no port: that is a number from 1 to 65535."},
+    {33, "Consoles of this user take no other key of '{1}', port {2}."},
 };
 
 // What the framework says: its errors, and from 1000 on all else.
@@ -170,7 +176,12 @@ constexpr message qorcore[] = {
     {1055, "the name is none"},
     {1056, "what stands behind the name is no stored password"},
     {1057, "the name stands in an earlier line, too"},
-    {1058, "it is no private key of the curve P-256"},
+    {1058, "it is no private key of the curve P-256, or a damaged one; taken away, it is replaced by a new one, which consoles do not know yet"},
+    {1059, "the folder '{1}' belongs to somebody else"},
+    {1060, "others may change what is in the folder '{1}', which 'chmod go-w' takes away"},
+    {1061, "another program of the same user has held the lock '{1}' for 20 seconds"},
+    {1062, " The listener has not proved itself yet. Before a password is typed again, compare the fingerprint of its key, {1}, with what 'qor-debug-user fingerprint' prints there."},
+    {1063, "The key of '{1}', port {2}, is not known here yet. Its fingerprint is {3}; 'qor-debug-user fingerprint' prints the right one where the listener runs."},
     {1065, "--qor-debug-listen=[HOST:]PORT"},
     {1066, "Let 'qortool debug-control' switch trace codes here (or set QOR_DEBUG_LISTEN)."},
     {1067, "--qor-debug-users=FILE"},

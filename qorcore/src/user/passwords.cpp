@@ -75,3 +75,15 @@ bool qor::glue::qorGetDebugUsers(const char* file, qorStringArray& names) noexce
     const auto object = debug_users();
     return !object.IsEmpty() && object->GetNames(file, names);
 }
+
+bool qor::glue::qorGetDebugKeyFingerprint(const char* file, qorString& fingerprint) noexcept {
+    const auto object = debug_users();
+    return !object.IsEmpty() && object->GetKeyFingerprint(file, fingerprint);
+}
+
+bool qor::glue::qorTrustDebugListener(const char* host, uint16 port, const char* fingerprint) noexcept {
+    if (!are_given("qorTrustDebugListener", {host, fingerprint}))
+        return false;
+    const auto object = debug_users();
+    return !object.IsEmpty() && object->Trust(host, port, fingerprint);
+}

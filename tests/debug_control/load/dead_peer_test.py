@@ -57,6 +57,7 @@ class Pair:
                                           f"--qor-debug-file={self.trace}", "--qor-debug=system.debug-control"],
                                          stdin=subprocess.DEVNULL, env=self.environment)
         self.port = self.wait_for("listening on ").rsplit(" port ", 1)[1]
+        listening.trust(tool, users, host, self.port, self.environment)
         self.console = self.new_console(log_in)
 
     def __enter__(self):

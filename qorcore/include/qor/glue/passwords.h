@@ -17,13 +17,15 @@ protected:
     ~IQORPasswords() = default;
 };
 
-// What stands behind the operations of DebugUsers.h.
+// What stands behind the operations of DebugUsers.h, and qorTrustDebugListener.
 class IQORDebugUsers : public IQORInterface {
 public:
     virtual bool Add(const char* file, const char* name, const char* password) noexcept = 0;
     virtual bool Change(const char* file, const char* name, const char* password) noexcept = 0;
     virtual bool Remove(const char* file, const char* name) noexcept = 0;
     virtual bool GetNames(const char* file, qorStringArray& names) noexcept = 0;
+    virtual bool GetKeyFingerprint(const char* file, qorString& fingerprint) noexcept = 0;
+    virtual bool Trust(const char* host, uint16 port, const char* fingerprint) noexcept = 0;
 
 protected:
     ~IQORDebugUsers() = default;

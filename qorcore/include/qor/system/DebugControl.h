@@ -6,6 +6,7 @@
 #include "qor/glue/binding.h"
 #include "qor/system/Interface.h"
 
+class qorString;
 class qorStringArray;
 
 // Told when a connection is lost. A callback interface repeats the root's operations instead of inheriting them, so that
@@ -60,6 +61,18 @@ protected:
     ~IQORDebugControl() = default;
 };
 
+// The same with what came later. A control that has it gives it out by QueryInterface.
+class IQORDebugControl2 : public IQORDebugControl {
+public:
+    // The fingerprint of the key that the listener has shown, as `qor-debug-user fingerprint` prints it where the listener
+    // runs: 64 hexadecimal digits. `is_known`: a line of the known hosts names it. Where none does, nothing but a login that
+    // succeeds proves that it is the right one. Needs a connection.
+    virtual bool GetListenerKey(qorString& fingerprint, bool& is_known) noexcept = 0;
+
+protected:
+    ~IQORDebugControl2() = default;
+};
+
 // A new object without a connection. It needs the module qor-openssl; where that cannot be used, Connect says why.
 inline void create_IQORDebugControl(IQORDebugControl** out) noexcept { qor::glue::create_IQORDebugControl(out); }
 
@@ -70,4 +83,11 @@ inline void create_IQORDebugControl(IQORDebugControl** out) noexcept { qor::glue
 // False: the last error says why; nobody listens then. A forked child does not go on listening.
 inline bool qorDebugListen(const char* address, const char* users = nullptr, uint16* port = nullptr) noexcept {
     return qor::glue::qorDebugListen(address, users, port);
+}
+
+// Notes the key of a listener before the first login there, in the file of known hosts: `host` and `port` as Connect will get them,
+// and the 64 hexadecimal digits of the key's fingerprint. From then on no other key is taken. True where it was noted before.
+// False: the last error says why, for instance qorError_debug_key_changed where the file knows another key.
+inline bool qorTrustDebugListener(const char* host, uint16 port, const char* fingerprint) noexcept {
+    return qor::glue::qorTrustDebugListener(host, port, fingerprint);
 }

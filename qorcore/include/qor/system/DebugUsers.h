@@ -29,3 +29,8 @@ inline bool qorRemoveDebugUser(const char* file, const char* name) noexcept {
 inline bool qorGetDebugUsers(const char* file, qorStringArray& names) noexcept {
     return qor::glue::qorGetDebugUsers(file, names);
 }
+
+// The fingerprint of the key beside the accounts, by which a listener is known: 64 hexadecimal digits. No key is made.
+inline bool qorGetDebugKeyFingerprint(const char* file, qorString& fingerprint) noexcept {
+    return qor::glue::qorGetDebugKeyFingerprint(file, fingerprint);
+}

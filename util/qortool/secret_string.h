@@ -1,0 +1,11 @@
+// Strings that hold a password.
+#pragma once
+
+#include "qor/qor.h"
+#include "secret_memory.h"
+
+// Overwrites all that a string has room for, and empties it.
+inline void wipe_string(qorString& text) {
+    wipe(text.m_data.text, text.m_data.alloc);
+    text.Empty();
+}
