@@ -155,11 +155,16 @@ bool put_named(std::string_view text, const std::string& name) {
 // The lock file, without waiting for a lock. Not open: `reason` says why.
 descriptor open_lock(const std::string& path, std::string& reason) {
     descriptor lock(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (lock.number() < 0)
+    struct stat status;
+    if (lock.number() < 0 || fstat(lock.number(), &status) != 0) {
         failed(reason);
-    else if (!is_own(lock.number(), S_IRWXG | S_IRWXO, reason))
         return descriptor(-1);
-    return lock;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        failed(private_file_fault::no_plain_file, reason);
+        return descriptor(-1);
+    }
+    return is_own(status, S_IRWXG | S_IRWXO, reason) ? std::move(lock) : descriptor(-1);
 }
 
 // Who had the lock took the file away with it: a lock of that one keeps nobody off.
