@@ -3,11 +3,14 @@
 #include "qortool_app.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace {
 
 // Bounds the memory, whatever the size of the file.
 constexpr uint32 block_size = 65536;
+
+constexpr uint32 digest_size = 16;
 
 char hex_digit(int nibble) { return static_cast<char>(nibble < 10 ? '0' + nibble : 'A' + nibble - 10); }
 
@@ -38,20 +41,25 @@ int qortool_app::func_md5sum(qorStringArray& args) {
         fputerr(stderr, true);
         return 1;
     }
-    uint8 buffer[block_size];
+    const auto buffer = std::make_unique_for_overwrite<uint8[]>(block_size); // too much for a small stack
     const uint64 size = file.GetSize();
     for (uint64 offset = 0; offset < size;) {
         const uint32 length = static_cast<uint32>(std::min<uint64>(size - offset, block_size));
-        if (!file.ReadAt(offset, buffer, length)) {
+        if (!file.ReadAt(offset, buffer.get(), length)) {
             fixed_fprintf(stderr, "ERROR reading from file");
             fputerr(stderr, true);
             return 1;
         }
-        engine->Update(buffer, length);
+        engine->Update(buffer.get(), length);
         offset += length;
     }
     uint8_Array digest;
     engine->GetDigest(digest);
+    // An engine that could not do its work has left none, or part of one.
+    if (digest.GetCount() != digest_size) {
+        fputmsg(stderr, "qorcore", 1024, args[0]);
+        return 1;
+    }
     if (!m_quiet)
         fixed_fprintf(stdout, "Hash: [");
     print_digest(digest);

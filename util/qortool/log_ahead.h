@@ -17,7 +17,7 @@ public:
 
     // Throws std::system_error where the process may start no thread; nothing was read then.
     explicit log_ahead(const log_source<LINE>& source) : m_shared(std::make_shared<shared>(source)) {
-        m_thread = std::thread([shared = m_shared] { shared->read(); });
+        m_thread = std::thread([shared = m_shared] { qor::or_end([&] { shared->read(); }); });
     }
 
     log_ahead(const log_ahead&) = delete;
@@ -48,7 +48,7 @@ private:
             m_numbers.make();
         }
 
-        void read() noexcept {
+        void read() {
             bool parsed;
             for (batch* free = next_free(parsed); free != nullptr && m_source.give(*free, parsed, m_numbers);
                  free = next_free(parsed))

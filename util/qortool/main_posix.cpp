@@ -1,3 +1,7 @@
 #include "entry.h"
 
-int main(int argc, char** argv) { return run_tool(argc, argv); }
+#include "qor/qor.h"
+
+int main(int argc, char** argv) {
+    return qor::or_end([=] { return run_tool(argc, argv); });
+}

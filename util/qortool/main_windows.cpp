@@ -1,6 +1,8 @@
 // The wide entry: a plain main gets its arguments through the system's code page, which has not every character.
 #include "entry.h"
 
+#include "qor/qor.h"
+
 #include <string>
 #include <vector>
 #include <windows.h>
@@ -14,9 +16,7 @@ std::string to_utf8(const wchar_t* text) {
     return out;
 }
 
-} // namespace
-
-int wmain(int argc, wchar_t** argv) {
+int run_with_utf8(int argc, wchar_t** argv) {
     std::vector<std::string> words;
     for (int i = 0; i < argc; ++i)
         words.push_back(to_utf8(argv[i]));
@@ -24,4 +24,10 @@ int wmain(int argc, wchar_t** argv) {
     for (std::string& word : words)
         pointers.push_back(word.data());
     return run_tool(argc, pointers.data());
+}
+
+} // namespace
+
+int wmain(int argc, wchar_t** argv) {
+    return qor::or_end([=] { return run_with_utf8(argc, argv); });
 }

@@ -168,7 +168,9 @@ void qortool_app::queue(const deferred_call& call) {
 }
 
 // Whatever the signal is, it queues a stop marker: what was queued before it still runs.
-void qortool_app::Signal(qorSignal) noexcept { queue({}); }
+void qortool_app::Signal(qorSignal) noexcept {
+    qor::or_end([this] { queue({}); });
+}
 
 bool qortool_app::process_fifo() {
     qorSetSignalHandler(this);

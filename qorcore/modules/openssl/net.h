@@ -118,7 +118,8 @@ private:
     socket m_sender; // not open: the receiver is connected to itself
 };
 
-// A thread that no signal of the process is delivered to. Throws std::system_error.
+// A thread that no signal of the process is delivered to, and that ends the process where memory runs out. Throws
+// std::system_error.
 std::thread start_thread(std::function<void()> run);
 
 } // namespace qor::net

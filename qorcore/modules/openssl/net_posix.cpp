@@ -1,5 +1,7 @@
 #include "net.h"
 
+#include "qor/system/Memory.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
@@ -254,5 +256,5 @@ std::thread qor::net::start_thread(std::function<void()> run) {
         const sigset_t& mask;
         ~put_back() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
     } const at_end{before};
-    return std::thread(std::move(run));
+    return std::thread([run = std::move(run)] { or_end(run); });
 }

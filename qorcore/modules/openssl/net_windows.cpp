@@ -1,5 +1,7 @@
 #include "net.h"
 
+#include "qor/system/Memory.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <system_error>
@@ -212,4 +214,6 @@ qor::net::waker::waker() {
         give_up();
 }
 
-std::thread qor::net::start_thread(std::function<void()> run) { return std::thread(std::move(run)); }
+std::thread qor::net::start_thread(std::function<void()> run) { 
+    return std::thread([run = std::move(run)] { or_end(run); });
+}

@@ -162,6 +162,7 @@ constexpr message qorcore[] = {
     {1021, "{1}: assertion failed: {2}, in {3} ({4}:{5})"},
     {1022, "The results could not be written: {1}."},
     {1023, "The results could not be written."},
+    {1024, "The digest of '{1}' could not be computed."},
     {1030, "'{1}' is not the name of a language"},
     {1031, "it names no language"},
     {1035, "XDG_RUNTIME_DIR is not set to an absolute path"},

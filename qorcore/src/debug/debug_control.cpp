@@ -1,6 +1,7 @@
 // Debug control: the channel lies in the module qor-openssl; this is the way to it.
 #include "error/error.h"
 #include "error/error_state.h"
+#include "memory/allocator.h"
 #include "module/module.h"
 #include "qor/glue/debug_listener.h"
 
@@ -40,11 +41,12 @@ IQORDebugListener* listener = nullptr;
 } // namespace
 
 void qor::glue::create_IQORDebugControl(IQORDebugControl** out) noexcept {
+    *out = nullptr;
     void* made = nullptr;
     if (module::create_object(module_name, "IQORDebugControl", "", &made))
         *out = static_cast<IQORDebugControl*>(made);
     else
-        *out = new (source, __LINE__) no_control;
+        memory::make<no_control>(source, __LINE__, out);
 }
 
 bool qor::glue::qorDebugListen(const char* address, const char* users, uint16* port) noexcept {

@@ -1,6 +1,7 @@
 // Digest engines by name: MD5 is the library's own, the others are those of a module.
 #include "digest/md5.h"
 #include "error/error.h"
+#include "memory/allocator.h"
 #include "module/module.h"
 
 #include <algorithm>
@@ -49,10 +50,8 @@ constexpr std::string_view of_openssl[] = {"sha1", "sha256", "sha512"};
 
 bool qor::glue::qorCreateDigestEngine(const char* algorithm, IQORDigestEngine** out) noexcept {
     const std::string_view name = algorithm != nullptr ? algorithm : "";
-    if (name == "md5") {
-        *out = new (source, __LINE__) md5_engine;
-        return true;
-    }
+    if (name == "md5")
+        return memory::make<md5_engine>(source, __LINE__, out);
     if (std::find(std::begin(of_openssl), std::end(of_openssl), name) == std::end(of_openssl)) {
         error::set(qorError_unknown_digest, {algorithm});
         return false;

@@ -1,10 +1,13 @@
 // Errors as objects.
 #include "catalog/catalog.h"
 #include "error/error_state.h"
+#include "memory/allocator.h"
 #include "qor/system/template/Object.h"
 #include "process/process.h"
 
 namespace {
+
+constexpr char source[] = "qorcore/src/error/error_objects";
 
 class error_message final : public qor::object<IQORErrorMessage> {
 public:
@@ -36,8 +39,9 @@ private:
     const qor::error::state m_error;
 };
 
-void create(const qor::error::state& error, IQORErrorMessage** out) {
-    *out = new ("qorcore/src/error/error_objects", __LINE__) error_message(error);
+void create(const qor::error::state& error, IQORErrorMessage** out) noexcept {
+    *out = nullptr;
+    qor::memory::make<error_message>(source, __LINE__, out, error);
 }
 
 class error_builder final : public qor::object<IQORErrorBuilder> {
@@ -54,7 +58,11 @@ public:
             m_error.inserts[m_count++] = text != nullptr ? text : "";
     }
 
-    void Build(IQORErrorMessage** out) noexcept override { create(m_error, out); }
+    void Build(IQORErrorMessage** out) noexcept override {
+        create(m_error, out);
+        if (*out == nullptr)
+            qorEndOutOfMemory(); // no code of ours stands between this and its caller, to throw there
+    }
     void SetLastError() noexcept override { qor::error::make_current(m_error); }
 
 private:
@@ -77,5 +85,6 @@ void qor::glue::create_IQORErrorMessage(uint32 number, const char* const* insert
 }
 
 void qor::glue::create_IQORErrorBuilder(IQORErrorBuilder** out) noexcept {
-    *out = new ("qorcore/src/error/error_objects", __LINE__) error_builder;
+    *out = nullptr;
+    memory::make<error_builder>(source, __LINE__, out);
 }

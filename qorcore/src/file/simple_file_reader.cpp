@@ -175,5 +175,6 @@ private:
 } // namespace
 
 void qor::glue::create_IQORSimpleFileReader(IQORSimpleFileReader** out) noexcept {
-    *out = new (source, __LINE__) simple_file_reader;
+    *out = nullptr;
+    memory::make<simple_file_reader>(source, __LINE__, out);
 }

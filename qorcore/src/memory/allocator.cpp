@@ -22,7 +22,6 @@
 #include <cstring>
 #include <mutex>
 #include <new>
-#include <unordered_map>
 
 namespace {
 
@@ -38,9 +37,10 @@ struct shared_state {
     std::mutex lock;
     qor::memory::live_blocks blocks;
     qor::memory::allocation_log log;
-    std::unordered_map<void*, uint64> huge_sizes;
+    qor::memory::live_blocks huge_blocks; // with the size of their pages, log or no log
     // Some living blocks are not among `blocks`: what is not known may be one of them.
     bool has_forgotten = false;
+    std::atomic<bool> is_held{false}; // the lock, by some thread
 };
 
 int open_log(shared_state& shared, const std::string& name);
@@ -71,7 +71,7 @@ void forget_blocks(shared_state& shared) noexcept {
 // thread that wants it.
 class guard {
 public:
-    guard() : m_hold(state().lock) {}
+    guard() : m_hold(state().lock) { state().is_held = true; }
     guard(const guard&) = delete;
     guard& operator=(const guard&) = delete;
     ~guard() { unlock(); }
@@ -84,6 +84,7 @@ public:
             last_words = state().log.take_last_words();
             forget_blocks(state());
         }
+        state().is_held = false;
         m_hold.unlock();
         if (!last_words.empty())
             (void)qor::stream::write_text(stderr, last_words);
@@ -96,6 +97,7 @@ private:
 bool is_tracking() noexcept { return tracking.load(std::memory_order_acquire); }
 
 // These two are called with the lock held.
+// There is room for one more block.
 void note_new(void* block, uint64 size, block_type type, const char* file, int line) {
     if (!is_tracking())
         return;
@@ -137,7 +139,12 @@ void* allocate(uint64 alignment, uint64 size, block_type type, const char* file,
                             ? std::malloc(at_least_a_byte(size))
                             : qor::memory::allocate_aligned(alignment, size);
     if (block != nullptr && is_tracking()) [[unlikely]] {
-        const guard hold;
+        guard hold;
+        if (!state().blocks.make_room()) {
+            hold.unlock();
+            qor::memory::give_back(block);
+            return nullptr;
+        }
         note_new(block, size, type, file, line);
     }
     return block;
@@ -158,6 +165,8 @@ void release(void* block, block_type type) noexcept {
 // again.
 void* reallocate_tracked(void* block, uint64 size, const char* file, int line) {
     guard hold;
+    if (!state().blocks.make_room())
+        return nullptr;
     const qor::memory::live_block* const known = state().blocks.find(block);
     const qor::memory::live_block old =
         known != nullptr ? *known
@@ -188,6 +197,15 @@ void finish_log() noexcept {
     state().log.finish();
 }
 
+// The log is worth most where memory has run out. But it may be in the making, by this thread even, and to end it may need
+// memory again.
+void finish_log_if_free() noexcept {
+    static std::atomic<bool> begun{false};
+    shared_state& shared = state();
+    if (!begun.exchange(true) && !shared.is_held && shared.lock.try_lock())
+        shared.log.finish();
+}
+
 int open_log(shared_state& shared, const std::string& name) {
     if (const int reason = shared.log.open(name, shared.blocks))
         return reason;
@@ -214,9 +232,17 @@ void qor::memory::stop_tracking() noexcept {
 }
 
 void qor::memory::exhausted(uint64 size, const char* file, int line) noexcept {
-    finish_log();
-    std::fprintf(stderr, "qor: out of memory: %llu bytes wanted by %s:%d\n", size, file, line);
-    std::abort();
+    finish_log_if_free();
+    std::fflush(stdout);
+    std::fprintf(stderr, "out of memory: %llu bytes wanted by %s:%d\n", size, file, line);
+    std::_Exit(1);
+}
+
+void qor::glue::qorEndOutOfMemory() noexcept {
+    finish_log_if_free();
+    std::fflush(stdout);
+    std::fputs("out of memory\n", stderr);
+    std::_Exit(1);
 }
 
 void* qor::glue::qor_do_malloc(uint64 alignment, uint64 size, bool, const char* file, int line) noexcept {
@@ -264,8 +290,13 @@ void* qor::glue::qor_do_huge_alloc(uint64 size, const char* file, int line) noex
     void* const block = qor::memory::map_pages(mapped);
     if (block == nullptr)
         return nullptr;
-    const guard hold;
-    state().huge_sizes.insert_or_assign(block, mapped);
+    guard hold;
+    if (!state().huge_blocks.make_room() || !state().blocks.make_room()) {
+        hold.unlock();
+        qor::memory::unmap_pages(block, mapped);
+        return nullptr;
+    }
+    state().huge_blocks.add(block, mapped, block_type::huge, file, line);
     note_new(block, size, block_type::huge, file, line);
     return block;
 }
@@ -278,10 +309,9 @@ void qor::glue::qor_do_huge_free(void* block, const char* file, int line) noexce
     {
         const guard hold;
         alive = note_end(block, block_type::huge);
-        const auto mapped = state().huge_sizes.find(block);
-        if (mapped != state().huge_sizes.end()) {
-            size = mapped->second;
-            state().huge_sizes.erase(mapped);
+        if (const qor::memory::live_block* const mapped = state().huge_blocks.find(block)) {
+            size = mapped->size;
+            state().huge_blocks.remove(block);
         }
     }
     // Without its size a block cannot be given back. Where there is a log, it has shown that already.

@@ -4,12 +4,11 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <new>
+
+bool qor::memory::live_blocks::make_room() noexcept { return 2 * (m_count + 1) <= m_capacity || grow(); }
 
 qor::memory::live_block& qor::memory::live_blocks::add(const void* address, uint64 size, block_type type,
                                                        const char* file, int line) {
-    if (2 * (m_count + 1) > m_capacity)
-        grow();
     live_block& slot = m_slots[place(address)];
     m_count += slot.address == nullptr;
     slot = {address, size, type, file, line, nullptr, m_additions++};
@@ -79,11 +78,11 @@ std::size_t qor::memory::live_blocks::place(const void* address) const noexcept 
     return at;
 }
 
-void qor::memory::live_blocks::grow() {
+bool qor::memory::live_blocks::grow() noexcept {
     const std::size_t capacity = 2 * m_capacity;
     auto* const slots = static_cast<live_block*>(map_pages(capacity * sizeof(live_block)));
     if (slots == nullptr)
-        throw std::bad_alloc();
+        return false;
     live_block* const old = m_slots;
     const std::size_t old_capacity = m_capacity;
     m_slots = slots;
@@ -92,4 +91,5 @@ void qor::memory::live_blocks::grow() {
         if (old[i].address != nullptr)
             m_slots[place(old[i].address)] = old[i];
     unmap(old, old_capacity);
+    return true;
 }

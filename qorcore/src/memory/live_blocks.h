@@ -33,7 +33,10 @@ public:
     live_blocks& operator=(const live_blocks&) = delete;
     ~live_blocks() { clear(); }
 
-    // An address holds one block. The result lives until the next change.
+    // False: there is no memory to remember one more block.
+    bool make_room() noexcept;
+
+    // An address holds one block, and there must be room for it. The result lives until the next change.
     live_block& add(const void* address, uint64 size, block_type type, const char* file, int line);
     void remove(const void* address);
     live_block* find(const void* address);
@@ -50,7 +53,7 @@ private:
 
     std::size_t home(const void* address) const noexcept;
     std::size_t place(const void* address) const noexcept;
-    void grow();
+    bool grow() noexcept;
     void unmap(live_block* slots, std::size_t capacity) noexcept;
 
     live_block m_first[first_capacity] = {};

@@ -1,3 +1,4 @@
+#include "memory/allocator.h"
 #include "net/lookup.h"
 
 #include "error/error.h"
@@ -48,8 +49,7 @@ bool qor::glue::qorLookupHost(const char* name, IQORHostAddressList** out) noexc
     for (const qorHostAddress& address : found)
         if (std::find(addresses.begin(), addresses.end(), address) == addresses.end())
             addresses.push_back(address);
-    *out = new (source, __LINE__) host_address_list(std::move(addresses));
-    return true;
+    return memory::make<host_address_list>(source, __LINE__, out, std::move(addresses));
 }
 
 bool qor::glue::qorStringToAddress(const char* text, qorHostAddress& out) noexcept {

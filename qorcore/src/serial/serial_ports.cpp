@@ -1,5 +1,6 @@
 // Serial ports: the list, the locations, and the object that stands for an open one.
 #include "error/error.h"
+#include "memory/allocator.h"
 #include "qor/system/template/Object.h"
 #include "serial/natural_order.h"
 #include "serial/system_ports.h"
@@ -75,8 +76,7 @@ bool qor::glue::qorGetSerialPortLocation(const char* name, qorString& out) noexc
 
 bool qor::glue::qorOpenSerialPort(const char* name, IQORSerialPort** out) noexcept {
     zetSmartPointer<serial_port> port;
-    port.AttachNew(new (source, __LINE__) serial_port);
-    if (!port->open(name))
+    if (!memory::make<serial_port>(source, __LINE__, port.Out()) || !port->open(name))
         return false;
     *out = port.Detach();
     return true;

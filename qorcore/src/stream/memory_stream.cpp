@@ -1,5 +1,6 @@
 // Sinks and sources in memory.
 #include "error/error.h"
+#include "memory/allocator.h"
 #include "qor/system/template/Object.h"
 
 #include <cstring>
@@ -61,10 +62,12 @@ private:
 } // namespace
 
 void qor::glue::create_IQORMemoryDataSink(IQORMemoryDataSink** out) noexcept {
-    *out = new (source, __LINE__) memory_sink;
+    *out = nullptr;
+    memory::make<memory_sink>(source, __LINE__, out);
 }
 
 void qor::glue::create_IQORMemoryDataSource(const void* bytes, uint32 size,
                                             IQORMemoryDataSource** out) noexcept {
-    *out = new (source, __LINE__) memory_source(bytes, size);
+    *out = nullptr;
+    memory::make<memory_source>(source, __LINE__, out, bytes, size);
 }

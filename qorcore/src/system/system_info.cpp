@@ -1,3 +1,4 @@
+#include "memory/allocator.h"
 #include "qor/system/SystemInfo.h"
 
 #include "error/error.h"
@@ -68,5 +69,6 @@ std::string qor::system::guest_of(const std::string& hypervisor) {
 }
 
 void qor::glue::create_IQORSystemInfo(IQORSystemInfo** out) noexcept {
-    *out = new (source, __LINE__) system_info;
+    *out = nullptr;
+    memory::make<system_info>(source, __LINE__, out);
 }

@@ -1,5 +1,6 @@
 // Tokens: accounts as objects.
 #include "error/error.h"
+#include "memory/allocator.h"
 #include "user/account.h"
 
 #include <utility>
@@ -33,8 +34,7 @@ bool make_token(IQORUserToken** out, FIND find) noexcept {
     qor::user::account account;
     if (!find(account))
         return false;
-    *out = new (source, __LINE__) user_token(std::move(account));
-    return true;
+    return qor::memory::make<user_token>(source, __LINE__, out, std::move(account));
 }
 
 const char* text_of(const char* text) noexcept { return text != nullptr ? text : ""; }

@@ -5,6 +5,7 @@
 
 #include "qor/glue/binding.h"
 #include "qor/system/Interface.h"
+#include "qor/system/Memory.h"
 
 class qorString;
 class qorStringArray;
@@ -74,7 +75,11 @@ protected:
 };
 
 // A new object without a connection. It needs the module qor-openssl; where that cannot be used, Connect says why.
-inline void create_IQORDebugControl(IQORDebugControl** out) noexcept { qor::glue::create_IQORDebugControl(out); }
+// Throws std::bad_alloc.
+inline void create_IQORDebugControl(IQORDebugControl** out) {
+    qor::glue::create_IQORDebugControl(out);
+    qor::glue::or_throw(*out);
+}
 
 // Lets debug control reach this process, on a thread of the framework's own. `address` is "[HOST:]PORT"; without a host it
 // listens on 127.0.0.1 and ::1 only, and port 0 is any free one. `users` names the file of accounts, null the one in the

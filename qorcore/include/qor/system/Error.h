@@ -3,6 +3,7 @@
 #pragma once
 
 #include "qor/system/Interface.h"
+#include "qor/system/Memory.h"
 #include "qor/system/String.h"
 #include "qor/system/template/SmartPointer.h"
 
@@ -56,8 +57,11 @@ protected:
 };
 
 // This thread's last error as an object with a reference for the caller. Never null: without an error it is
-// number 0.
-inline void qorGetLastError(IQORErrorMessage** out) noexcept { qor::glue::qorGetLastError_message(out); }
+// number 0. Throws std::bad_alloc, as the two factories below do.
+inline void qorGetLastError(IQORErrorMessage** out) {
+    qor::glue::qorGetLastError_message(out);
+    qor::glue::or_throw(*out);
+}
 
 // Its text; returns its number.
 inline uint32 qorGetLastError(qorString& out) noexcept { return qor::glue::qorGetLastError_text(out); }
@@ -80,12 +84,13 @@ inline uint32 qorTranslateMSWindowsError(uint32 code) noexcept {
 }
 
 // `inserts` are ten, or null.
-inline void create_IQORErrorMessage(uint32 number, const char* const* inserts,
-                                    IQORErrorMessage** out) noexcept {
+inline void create_IQORErrorMessage(uint32 number, const char* const* inserts, IQORErrorMessage** out) {
     qor::glue::create_IQORErrorMessage(number, inserts, out);
+    qor::glue::or_throw(*out);
 }
-inline void create_IQORErrorBuilder(IQORErrorBuilder** out) noexcept {
+inline void create_IQORErrorBuilder(IQORErrorBuilder** out) {
     qor::glue::create_IQORErrorBuilder(out);
+    qor::glue::or_throw(*out);
 }
 
 // Prints this thread's last error, or, where there is none, a line that says so.
@@ -95,7 +100,7 @@ inline void fputerr(std::FILE* stream, bool newline) noexcept { qor::glue::fpute
 // what it found when it was made is the last error again when it goes.
 class qorSaveErrorInfo {
 public:
-    qorSaveErrorInfo() noexcept { qorGetLastError(m_error.Out()); }
+    qorSaveErrorInfo() { qorGetLastError(m_error.Out()); }
     qorSaveErrorInfo(const qorSaveErrorInfo&) = delete;
     qorSaveErrorInfo& operator=(const qorSaveErrorInfo&) = delete;
     ~qorSaveErrorInfo() { qor::glue::qorSetLastErrorMessage(*m_error); }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "qor/system/Interface.h"
+#include "qor/system/Memory.h"
 #include "qor/system/String.h"
 
 // The ways to open a file, to be added up. Reading a file that is there, while others may write to it, is 21, and the
@@ -66,6 +67,8 @@ protected:
     ~IQORSimpleFileReader() = default;
 };
 
-inline void create_IQORSimpleFileReader(IQORSimpleFileReader** out) noexcept {
+// A new object without a file. Throws std::bad_alloc.
+inline void create_IQORSimpleFileReader(IQORSimpleFileReader** out) {
     qor::glue::create_IQORSimpleFileReader(out);
+    qor::glue::or_throw(*out);
 }

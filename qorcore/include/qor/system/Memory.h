@@ -6,6 +6,7 @@
 
 #include "qor/glue/binding.h"
 
+#include <cstdlib>
 #include <new>
 
 namespace qor::glue {
@@ -18,6 +19,28 @@ POINTER or_throw(POINTER block) {
 }
 
 } // namespace qor::glue
+
+// For who cannot go on without memory: writes out what standard output holds, says "out of memory" on standard error,
+// and ends the process with exit code 1. Nothing else is run or destroyed, so any thread may call it, whatever it holds.
+[[noreturn]] inline void qorEndOutOfMemory() noexcept {
+    qor::glue::qorEndOutOfMemory();
+    std::_Exit(1); // for the compiler, which does not know the operation behind the table
+}
+
+namespace qor {
+
+// Does `work` where no std::bad_alloc may leave: the entry of a thread, an operation that is called by somebody else's
+// code. What `work` holds is destroyed before the process ends.
+template <class WORK>
+auto or_end(WORK work) noexcept -> decltype(work()) {
+    try {
+        return work();
+    } catch (const std::bad_alloc&) {
+        qorEndOutOfMemory();
+    }
+}
+
+} // namespace qor
 
 // Returns `size` bytes, not cleared, at a multiple of `alignment` (a power of two; 0 asks for no more than any
 // type needs). A size of 0 yields a block of its own. Where there is no memory: throws std::bad_alloc if

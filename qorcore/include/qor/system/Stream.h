@@ -4,6 +4,7 @@
 
 #include "qor/glue/binding.h"
 #include "qor/system/Interface.h"
+#include "qor/system/Memory.h"
 
 // Not thread-safe, unless an implementation says so.
 class IQORDataSink : public IQORInterface {
@@ -91,9 +92,11 @@ protected:
 
 // Both come with a reference for the caller. They answer to their own name and to that of the interface they
 // extend.
-inline void create_IQORMemoryDataSink(IQORMemoryDataSink** out) noexcept {
+inline void create_IQORMemoryDataSink(IQORMemoryDataSink** out) {
     qor::glue::create_IQORMemoryDataSink(out);
+    qor::glue::or_throw(*out);
 }
-inline void create_IQORMemoryDataSource(const void* bytes, uint32 size, IQORMemoryDataSource** out) noexcept {
+inline void create_IQORMemoryDataSource(const void* bytes, uint32 size, IQORMemoryDataSource** out) {
     qor::glue::create_IQORMemoryDataSource(bytes, size, out);
+    qor::glue::or_throw(*out);
 }

@@ -3,6 +3,7 @@
 
 #include "qor/glue/binding.h"
 #include "qor/system/Interface.h"
+#include "qor/system/Memory.h"
 
 // Physical memory in bytes.
 struct qorMemoryInfo {
@@ -58,5 +59,8 @@ protected:
     ~IQORSystemInfo() = default;
 };
 
-// A new object, never null.
-inline void create_IQORSystemInfo(IQORSystemInfo** out) noexcept { qor::glue::create_IQORSystemInfo(out); }
+// A new object, never null. Throws std::bad_alloc.
+inline void create_IQORSystemInfo(IQORSystemInfo** out) {
+    qor::glue::create_IQORSystemInfo(out);
+    qor::glue::or_throw(*out);
+}

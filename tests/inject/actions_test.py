@@ -1,0 +1,179 @@
+#!/usr/bin/env python3
+"""Runs every action of qortool and qor-debug-user, each call that the injector knows failing in turn.
+
+    actions_test.py --bin FOLDER --injector LIBRARY --samples FOLDER [--only NAME]... [--target NAME]...
+
+A run in which the n-th call failed must do one of two things: say what the undisturbed run says, with the same exit code,
+or end with an exit code other than 0 and words on standard error. It must never die by a signal, and never stop.
+n runs from 1 until no call is left to fail. The calls of the start-up are the same for all actions: they fail once, with
+`help`, and the others begin behind them.
+"""
+
+import argparse
+import errno
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+TIMEOUT_SECONDS = 120
+
+# Target, what the failed calls say, and how many fail from the n-th on; 0: all.
+ALLOCATIONS = [("alloc", errno.ENOMEM, 1), ("alloc", errno.ENOMEM, 0)]
+SYSTEM_CALLS = [
+    ("open", errno.EMFILE, 1), ("open", errno.EACCES, 1),
+    ("read", errno.EIO, 1), ("read", "short", 1), ("pread64", errno.EIO, 1), ("pread64", "short", 1),
+    ("write", errno.ENOSPC, 1), ("write", "short", 1), ("close", errno.EIO, 1), ("fstat", errno.EIO, 1),
+    ("poll", errno.ENOMEM, 1), ("socket", errno.EMFILE, 1), ("connect", errno.ECONNREFUSED, 1),
+    ("send", errno.ECONNRESET, 1), ("recv", errno.ECONNRESET, 1), ("mmap", errno.ENOMEM, 1),
+]
+
+
+class Run:
+    """One command. `until`: an action that runs for long is ended once it has said this, and has passed then."""
+
+    def __init__(self, program, words, stdin=b"", until=None, varies=False):
+        self.program, self.words, self.stdin, self.until, self.varies = program, words, stdin, until, varies
+        self.name = " ".join([program.name, *map(str, words)])
+
+
+def action_runs(tool, samples):
+    data = samples / "demo.memcheck"
+    runs = [
+        ["help"], ["sysinfo", "--developer"], ["netlist"], ["pwcrypt", "secret"], ["ttyinfo", "/dev/null"], ["list-serial"],
+        ["md5sum", data], ["lookup", "127.0.0.1"], ["userinfo"], ["dow", "29/2/2024"], ["debug-control", "127.0.0.1", "1"],
+        ["mtrace", samples / "demo.mtrace", data], ["memcheck", data], ["tztest"], ["path-list"],
+        ["logon", "no such user", "secret"],
+    ]
+    # A salt, and the figures of this host, are others each time.
+    varying = {"sysinfo", "pwcrypt", "path-list"}
+    made = [Run(tool, ["--quiet", *words], varies=words[0] in varying) for words in runs]
+    made.append(Run(tool, ["timer-check"], until=b"\n\n" if False else b"Press"))
+    made.append(Run(tool, ["--quiet", "simd-test"], until=b"Testing memset()"))
+    return made
+
+
+def debug_user_runs(program, folder):
+    file = folder / "accounts"
+    return [
+        Run(program, ["help"]),
+        Run(program, ["add", "anna", f"--file={file}.new"], b"secret enough\n"),
+        Run(program, ["password", "berta", f"--file={file}"], b"another secret\n"),
+        Run(program, ["list", f"--file={file}"]),
+        Run(program, ["remove", "nobody", f"--file={file}"]),
+    ]
+
+
+class Injector:
+    def __init__(self, library, folder):
+        self.library, self.report = library, folder / "report"
+        self.count = 0
+
+    def start(self, run, extra):
+        self.count += 1
+        environment = {"PATH": os.defpath, "LC_ALL": "C", "HOME": "/nowhere", **extra}
+        with tempfile.TemporaryFile() as errors:
+            child = subprocess.Popen([run.program, *run.words], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors,
+                                     env=environment)
+            if run.until is None:
+                try:
+                    output, _ = child.communicate(run.stdin, TIMEOUT_SECONDS)
+                except subprocess.TimeoutExpired:
+                    child.kill()
+                    child.communicate()
+                    output = b"(it stopped)"
+                code = child.returncode
+            else:
+                output, code = self.read_until(child, run.until)
+            errors.seek(0)
+            return code, output, errors.read()
+
+    @staticmethod
+    def read_until(child, end):
+        """What was said up to `end`, and 0; if it never came, all, and the exit code."""
+        child.stdin.close()
+        output = b""
+        while end not in output and (more := child.stdout.read1()):
+            output += more
+        found = end in output
+        if found:
+            child.kill()
+        child.wait()
+        child.stdout.close()
+        return (output[:output.index(end)], 0) if found else (output, child.returncode)
+
+    def undisturbed(self, run):
+        return self.start(run, {})
+
+    def injected(self, run, target, error, at, count):
+        """The outcome, or None where there are fewer calls."""
+        self.report.unlink(missing_ok=True)
+        outcome = self.start(run, {
+            "LD_PRELOAD": str(self.library), "QOR_INJECT": target, "QOR_INJECT_AT": str(at), "QOR_INJECT_COUNT": str(count),
+            "QOR_INJECT_WITH": str(error), "QOR_INJECT_REPORT": str(self.report)})
+        return outcome if self.report.exists() else None
+
+    def called(self):
+        return self.report.read_text().split("\n")[0]
+
+
+def fault(run, plain, outcome):
+    code, output, errors = outcome
+    if code is None or code < 0:
+        return f"dies by {signal.Signals(-code).name}" if code else "stops"
+    if code != 0 and code == plain[0] and output == plain[1]:
+        return None if errors or not plain[2] else "says nothing on standard error"
+    if code == 0 and plain[0] != 0:
+        return "ends with 0"
+    if code == 0 and not run.varies and output != plain[1]:
+        return f"prints something else and ends with 0: {output[:200]!r}"
+    if code == 0 and run.varies and output.count(b"\n") != plain[1].count(b"\n"):
+        return f"prints more or less and ends with 0: {output[:200]!r}"
+    if code != 0 and not errors:
+        return f"ends with {code} and says nothing"
+    return None
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--bin", type=pathlib.Path, required=True)
+    parser.add_argument("--injector", type=pathlib.Path, required=True)
+    parser.add_argument("--samples", type=pathlib.Path, required=True)
+    parser.add_argument("--only", action="append", help="an action, of either program")
+    parser.add_argument("--target", action="append")
+    parser.add_argument("--first", type=int, default=1)
+    options = parser.parse_args()
+    faults = 0
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        injector = Injector(options.injector.resolve(), folder)
+        tool, debug_user = (options.bin.resolve() / each for each in ("qortool", "qor-debug-user"))
+        runs = action_runs(tool, options.samples.resolve()) + debug_user_runs(debug_user, folder)
+        known = (folder / "accounts")
+        subprocess.run([debug_user, "add", "berta", f"--file={known}"], input=b"first secret\n", check=True,
+                       stderr=subprocess.DEVNULL)
+        begun = time.monotonic()
+        for run in runs:
+            if options.only and not set(options.only) & set(map(str, run.words)):
+                continue
+            plain = injector.undisturbed(run)
+            for target, error, count in ALLOCATIONS + SYSTEM_CALLS:
+                if options.target and target not in options.target:
+                    continue
+                at = options.first
+                while (outcome := injector.injected(run, target, error, at, count)) is not None:
+                    if found := fault(run, plain, outcome):
+                        faults += 1
+                        print(f"{run.name}: where {injector.called()} fails ({error}, {count or 'all'}), it {found}"
+                              f"\n    {outcome[2][:200]!r}", flush=True)
+                    at += 1
+                print(f"{run.name}: {target} {error} {count or 'all'}: {at - 1} calls, {time.monotonic() - begun:.0f} s", flush=True)
+        print(f"{injector.count} runs")
+    sys.exit(1 if faults else 0)
+
+
+main()

@@ -1,0 +1,240 @@
+// The injector: a library to preload (LD_PRELOAD) that makes one chosen call of a program fail, so that a test can try each
+// of them in turn. It knows two kinds of targets:
+//
+//   alloc          every request to the C library's allocator: malloc, calloc, realloc, aligned_alloc, memalign,
+//                  posix_memalign; operator new goes through malloc
+//   <name>         one system call wrapper of the table at the end, mmap included
+//
+// Told by environment variables, which are read once:
+//
+//   QOR_INJECT         the target
+//   QOR_INJECT_AT      the number of the call that fails, from 1 on
+//   QOR_INJECT_COUNT   how many calls fail from there on; 1 where it is not set, 0: all
+//   QOR_INJECT_WITH    what a failed system call says: a number of errno, or "short": the call is done, with half of the
+//                      length that it was asked for; ENOMEM where it is not set
+//   QOR_INJECT_REPORT  a file to which a line is added when a call fails: without one, there were fewer calls
+//
+// Or by qor_inject_arm (inject.h), in a program that is prepared for it.
+//
+// A new system call is a row in the table. Calls that the C library makes inside itself are not seen, but their requests
+// for memory are. The library uses nothing that allocates.
+#include "inject.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+// Requests that are not counted and never fail, for their users are told not to look at the result.
+struct exempt {
+    const char* what;
+    std::size_t alignment; // at least
+    std::size_t size;
+};
+constexpr exempt exempt_requests[] = {
+    {"the eight buffers of simd-test", 16, 67'108'864},
+};
+
+constexpr char memory[] = "alloc";
+
+struct settings {
+    const char* target = nullptr;
+    const char* report = nullptr;
+    unsigned long first = 0; // 0: none
+    unsigned long count = 1;
+    int error = ENOMEM;
+    bool is_short = false;
+};
+settings s_settings;
+std::atomic<int> s_is_read{0}; // 1: by some thread at this moment, 2: done
+std::atomic<unsigned long> s_calls{0};
+std::atomic<bool> s_fired{false};
+
+unsigned long number(const char* name, unsigned long otherwise) {
+    const char* const text = getenv(name);
+    return text != nullptr ? std::strtoul(text, nullptr, 10) : otherwise;
+}
+
+void read_settings() {
+    int before = 0;
+    if (!s_is_read.compare_exchange_strong(before, 1))
+        return;
+    settings& s = s_settings;
+    s.target = getenv("QOR_INJECT");
+    s.report = getenv("QOR_INJECT_REPORT");
+    s.first = number("QOR_INJECT_AT", 0);
+    s.count = number("QOR_INJECT_COUNT", 1);
+    const char* const with = getenv("QOR_INJECT_WITH");
+    s.is_short = with != nullptr && std::strcmp(with, "short") == 0;
+    if (with != nullptr && !s.is_short)
+        s.error = std::atoi(with);
+    s_is_read = 2;
+}
+
+// A failed report ends the program: its test would take silence for the end of the calls.
+void report(const char* call, unsigned long at) {
+    s_fired = true;
+    if (s_settings.report == nullptr)
+        return;
+    char line[96];
+    std::size_t size = 0;
+    for (const char* next = call; *next != '\0' && size < 60; ++next)
+        line[size++] = *next;
+    line[size++] = ' ';
+    char digits[24];
+    std::size_t count = 0;
+    do
+        digits[count++] = static_cast<char>('0' + at % 10);
+    while ((at /= 10) != 0);
+    while (count != 0)
+        line[size++] = digits[--count];
+    line[size++] = '\n';
+    const long file = syscall(SYS_openat, AT_FDCWD, s_settings.report, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (file < 0 || syscall(SYS_write, file, line, size) != static_cast<long>(size))
+        syscall(SYS_exit_group, 99);
+    syscall(SYS_close, file);
+}
+
+// Whether this call of `target` is one that fails.
+bool fires(const char* target, const char* call) {
+    if (s_is_read != 2)
+        read_settings();
+    const settings& s = s_settings;
+    if (s.first == 0 || s.target == nullptr || std::strcmp(s.target, target) != 0)
+        return false;
+    const unsigned long at = s_calls.fetch_add(1) + 1;
+    if (at < s.first || (s.count != 0 && at >= s.first + s.count))
+        return false;
+    const int saved = errno;
+    report(call, at);
+    errno = saved;
+    return true;
+}
+
+bool is_refused(const char* call, std::size_t alignment, std::size_t size) {
+    for (const exempt& each : exempt_requests)
+        if (size == each.size && alignment >= each.alignment)
+            return false;
+    return fires(memory, call);
+}
+
+} // namespace
+
+extern "C" {
+
+void qor_inject_arm(const char* target, unsigned long at) {
+    s_settings.target = target;
+    s_settings.first = at;
+    s_calls = 0;
+    s_fired = false;
+    s_is_read = 2;
+}
+
+int qor_inject_fired() { return s_fired; }
+
+// ---- the allocator. These are the C library's own names for what stands behind malloc.
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
+
+static void* no_memory() {
+    errno = ENOMEM;
+    return nullptr;
+}
+
+void* malloc(std::size_t size) { return is_refused("malloc", 0, size) ? no_memory() : __libc_malloc(size); }
+
+void* calloc(std::size_t count, std::size_t size) {
+    return is_refused("calloc", 0, size) ? no_memory() : __libc_calloc(count, size);
+}
+
+void* realloc(void* block, std::size_t size) {
+    return is_refused("realloc", 0, size) ? no_memory() : __libc_realloc(block, size);
+}
+
+void* memalign(std::size_t alignment, std::size_t size) {
+    return is_refused("memalign", alignment, size) ? no_memory() : __libc_memalign(alignment, size);
+}
+
+void* aligned_alloc(std::size_t alignment, std::size_t size) {
+    return is_refused("aligned_alloc", alignment, size) ? no_memory() : __libc_memalign(alignment, size);
+}
+
+int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
+    void* const block = is_refused("posix_memalign", alignment, size) ? nullptr : __libc_memalign(alignment, size);
+    if (block != nullptr)
+        *out = block;
+    return block != nullptr ? 0 : ENOMEM;
+}
+
+// ---- the system calls: CALL(result, name, (parameters), number of the call, its arguments), and CALL_OF_LENGTH with
+// `length` for those that may do less than they were asked to.
+#define CALL(result, name, parameters, ...)                                                                  \
+    result name parameters {                                                                                 \
+        if (fires(#name, #name)) {                                                                           \
+            errno = s_settings.error;                                                                        \
+            return result(-1L);                                                                              \
+        }                                                                                                    \
+        return result(syscall(__VA_ARGS__));                                                                 \
+    }
+#define CALL_OF_LENGTH(name, parameters, ...)                                                                \
+    ssize_t name parameters {                                                                                \
+        if (fires(#name, #name)) {                                                                           \
+            if (!s_settings.is_short || length < 2) {                                                        \
+                errno = s_settings.error;                                                                    \
+                return -1;                                                                                   \
+            }                                                                                                \
+            length /= 2;                                                                                     \
+        }                                                                                                    \
+        return syscall(__VA_ARGS__);                                                                         \
+    }
+using pointer = void*;
+
+#define CALL_THAT_OPENS(name, parameters, ...)                                                               \
+    int name parameters {                                                                                    \
+        if (fires("open", #name)) {                                                                          \
+            errno = s_settings.error;                                                                        \
+            return -1;                                                                                       \
+        }                                                                                                    \
+        /* Who makes no file passes no mode; what is read then is not looked at. */                          \
+        std::va_list more;                                                                                   \
+        va_start(more, flags);                                                                               \
+        const mode_t mode = va_arg(more, mode_t);                                                            \
+        va_end(more);                                                                                        \
+        return static_cast<int>(syscall(__VA_ARGS__, flags, mode));                                          \
+    }
+
+CALL_THAT_OPENS(open, (const char* path, int flags, ...), SYS_openat, AT_FDCWD, path)
+CALL_THAT_OPENS(open64, (const char* path, int flags, ...), SYS_openat, AT_FDCWD, path)
+CALL_THAT_OPENS(openat, (int folder, const char* path, int flags, ...), SYS_openat, folder, path)
+CALL_THAT_OPENS(openat64, (int folder, const char* path, int flags, ...), SYS_openat, folder, path)
+CALL_OF_LENGTH(read, (int file, void* bytes, std::size_t length), SYS_read, file, bytes, length)
+CALL_OF_LENGTH(pread, (int file, void* bytes, std::size_t length, off_t at), SYS_pread64, file, bytes, length, at)
+CALL_OF_LENGTH(pread64, (int file, void* bytes, std::size_t length, off64_t at), SYS_pread64, file, bytes, length, at)
+CALL_OF_LENGTH(write, (int file, const void* bytes, std::size_t length), SYS_write, file, bytes, length)
+CALL_OF_LENGTH(recv, (int file, void* bytes, std::size_t length, int flags), SYS_recvfrom, file, bytes, length, flags, 0, 0)
+CALL_OF_LENGTH(send, (int file, const void* bytes, std::size_t length, int flags), SYS_sendto, file, bytes, length, flags, 0, 0)
+CALL(int, close, (int file), SYS_close, file)
+CALL(int, fstat, (int file, struct stat* out), SYS_fstat, file, out)
+CALL(int, poll, (struct pollfd* files, nfds_t count, int milliseconds), SYS_poll, files, count, milliseconds)
+CALL(int, socket, (int domain, int type, int protocol), SYS_socket, domain, type, protocol)
+CALL(int, connect, (int file, const struct sockaddr* to, socklen_t size), SYS_connect, file, to, size)
+CALL(int, bind, (int file, const struct sockaddr* at, socklen_t size), SYS_bind, file, at, size)
+CALL(int, listen, (int file, int waiting), SYS_listen, file, waiting)
+CALL(int, ftruncate, (int file, off_t size), SYS_ftruncate, file, size)
+CALL(pointer, mmap, (void* at, std::size_t size, int access, int flags, int file, off_t from), SYS_mmap, at, size, access, flags, file, from)
+
+} // extern "C"
