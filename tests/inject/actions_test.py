@@ -5,8 +5,8 @@
 
 A run in which the n-th call failed must do one of two things: say what the undisturbed run says, with the same exit code,
 or end with an exit code other than 0 and words on standard error. It must never die by a signal, and never stop.
-n runs from 1 until no call is left to fail. The calls of the start-up are the same for all actions: they fail once, with
-`help`, and the others begin behind them.
+n runs from 1 until no call is left to fail; beyond the first thousand it grows by a tenth: so many requests come only from
+OpenSSL, where it reads its tables and derives keys.
 """
 
 import argparse
@@ -21,6 +21,9 @@ import tempfile
 import time
 
 TIMEOUT_SECONDS = 120
+
+# Why, the contract says, is told to the system's log alone.
+FAILED_BINDING = 100
 
 # Target, what the failed calls say, and how many fail from the n-th on; 0: all.
 ALLOCATIONS = [("alloc", errno.ENOMEM, 1), ("alloc", errno.ENOMEM, 0)]
@@ -52,7 +55,7 @@ def action_runs(tool, samples):
     # A salt, and the figures of this host, are others each time.
     varying = {"sysinfo", "pwcrypt", "path-list"}
     made = [Run(tool, ["--quiet", *words], varies=words[0] in varying) for words in runs]
-    made.append(Run(tool, ["timer-check"], until=b"\n\n" if False else b"Press"))
+    made.append(Run(tool, ["--quiet", "timer-check"], until=b"\n"))
     made.append(Run(tool, ["--quiet", "simd-test"], until=b"Testing memset()"))
     return made
 
@@ -61,10 +64,10 @@ def debug_user_runs(program, folder):
     file = folder / "accounts"
     return [
         Run(program, ["help"]),
-        Run(program, ["add", "anna", f"--file={file}.new"], b"secret enough\n"),
-        Run(program, ["password", "berta", f"--file={file}"], b"another secret\n"),
+        Run(program, ["add", f"--file={file}.new", "anna"], b"secret enough\n"),
+        Run(program, ["password", f"--file={file}", "berta"], b"another secret\n"),
         Run(program, ["list", f"--file={file}"]),
-        Run(program, ["remove", "nobody", f"--file={file}"]),
+        Run(program, ["remove", f"--file={file}", "nobody"]),
     ]
 
 
@@ -125,15 +128,13 @@ def fault(run, plain, outcome):
     code, output, errors = outcome
     if code is None or code < 0:
         return f"dies by {signal.Signals(-code).name}" if code else "stops"
-    if code != 0 and code == plain[0] and output == plain[1]:
-        return None if errors or not plain[2] else "says nothing on standard error"
     if code == 0 and plain[0] != 0:
         return "ends with 0"
     if code == 0 and not run.varies and output != plain[1]:
         return f"prints something else and ends with 0: {output[:200]!r}"
     if code == 0 and run.varies and output.count(b"\n") != plain[1].count(b"\n"):
         return f"prints more or less and ends with 0: {output[:200]!r}"
-    if code != 0 and not errors:
+    if code != 0 and code != FAILED_BINDING and not errors:
         return f"ends with {code} and says nothing"
     return None
 
@@ -154,7 +155,7 @@ def main():
         tool, debug_user = (options.bin.resolve() / each for each in ("qortool", "qor-debug-user"))
         runs = action_runs(tool, options.samples.resolve()) + debug_user_runs(debug_user, folder)
         known = (folder / "accounts")
-        subprocess.run([debug_user, "add", "berta", f"--file={known}"], input=b"first secret\n", check=True,
+        subprocess.run([debug_user, "add", f"--file={known}", "berta"], input=b"first secret\n", check=True,
                        stderr=subprocess.DEVNULL)
         begun = time.monotonic()
         for run in runs:
@@ -170,8 +171,8 @@ def main():
                         faults += 1
                         print(f"{run.name}: where {injector.called()} fails ({error}, {count or 'all'}), it {found}"
                               f"\n    {outcome[2][:200]!r}", flush=True)
-                    at += 1
-                print(f"{run.name}: {target} {error} {count or 'all'}: {at - 1} calls, {time.monotonic() - begun:.0f} s", flush=True)
+                    at += 1 if at < 1000 else at // 10
+                print(f"{run.name}: {target} {error} {count or 'all'}: fewer than {at} calls, {time.monotonic() - begun:.0f} s", flush=True)
         print(f"{injector.count} runs")
     sys.exit(1 if faults else 0)
 

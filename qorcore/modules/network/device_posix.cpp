@@ -2,9 +2,11 @@
 
 #include "qor/glue/regular_file_posix.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +15,14 @@ namespace {
 
 // Of the files read here only the list of PCI names is longer than a few hundred bytes; it has 1.5 MB.
 constexpr std::size_t longest_file = 16 * 1024 * 1024;
+
+// What the C library has found, null where it is not there. Throws std::bad_alloc where it had no memory to look for it.
+template <class TYPE>
+TYPE* found(TYPE* result) {
+    if (result == nullptr && errno == ENOMEM)
+        throw std::bad_alloc();
+    return result;
+}
 
 // Empty: there is no such file.
 std::string read_file(const std::string& path) {
@@ -35,7 +45,7 @@ std::string read_line(const std::string& path) {
 }
 
 std::string real_path(const std::string& path) {
-    const std::unique_ptr<char, void (*)(void*)> real(::realpath(path.c_str(), nullptr), std::free);
+    const std::unique_ptr<char, void (*)(void*)> real(found(::realpath(path.c_str(), nullptr)), std::free);
     return real != nullptr ? real.get() : "";
 }
 

@@ -51,11 +51,9 @@ public:
     void GetDisplayName(qorString& out) noexcept override { set(out, m_facts.display_name); }
     bool GetHardwareAddress(uint8_Array& out) noexcept override {
         out.Empty();
-        try {
+        qor::or_end([&] {
             out.Append(m_facts.hardware_address.data(), static_cast<uint32>(m_facts.hardware_address.size()));
-        } catch (const std::bad_alloc&) {
-            qorSetLastError(qorError_out_of_memory);
-        }
+        });
         return !out.IsEmpty();
     }
     uint32 GetIPv4Count() noexcept override { return static_cast<uint32>(m_facts.ipv4.size()); }
@@ -87,13 +85,8 @@ bool interface_list::FindInterface(const char* name, IQORNetInterface** out) noe
 bool interface_list::GetInterface(uint32 index, IQORNetInterface** out) noexcept {
     if (index >= m_interfaces.size())
         return false;
-    try {
-        *out = new (source, __LINE__) net_interface(this, m_interfaces[index]);
-        return true;
-    } catch (const std::bad_alloc&) {
-        qorSetLastError(qorError_out_of_memory);
-        return false;
-    }
+    *out = qor::or_end([&] { return new (source, __LINE__) net_interface(this, m_interfaces[index]); });
+    return true;
 }
 
 } // namespace

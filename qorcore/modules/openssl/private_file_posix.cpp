@@ -51,6 +51,8 @@ std::string folder_of(const std::string& path) {
 // Where a link leads to is what is to be replaced, not the link.
 std::string real_path(const std::string& path) {
     char* const found = realpath(path.c_str(), nullptr);
+    if (found == nullptr && errno == ENOMEM)
+        throw std::bad_alloc();
     const std::string real = found != nullptr ? found : path;
     std::free(found);
     return real;

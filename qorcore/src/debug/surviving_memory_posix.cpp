@@ -1,5 +1,7 @@
 #include "debug/surviving_memory.h"
 
+#include "memory/allocator.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -47,7 +49,7 @@ std::string qor::debug::full_name_on_disk(const char* path) noexcept {
     struct stat status;
     if (stat(path, &status) != 0 || !S_ISREG(status.st_mode))
         return {};
-    char* const full = realpath(path, nullptr);
+    char* const full = memory::found(realpath(path, nullptr));
     std::string result = full != nullptr ? full : "";
     std::free(full);
     return result;

@@ -49,7 +49,9 @@ thread_local const last_error_owner owner;
 qor::error::state& own_state() {
     if (last_error == nullptr) {
         last_error = new qor::error::state;
-        owner.attend(); // makes it, so that the thread's end frees the state
+        // Makes it, so that the thread's end frees the state. That takes memory, and the C library aborts where there is none.
+        if (!qor::process::is_main_thread())
+            owner.attend();
     }
     return *last_error;
 }

@@ -3,6 +3,7 @@
 #include "folder/folder.h"
 
 #include "folder/user_dirs.h"
+#include "memory/allocator.h"
 #include "process/process.h"
 
 #include <cerrno>
@@ -24,7 +25,7 @@ struct free_memory {
 };
 
 std::string real_path(const char* path) {
-    const std::unique_ptr<char, free_memory> real(realpath(path, nullptr));
+    const std::unique_ptr<char, free_memory> real(qor::memory::found(realpath(path, nullptr)));
     return real != nullptr ? real.get() : std::string();
 }
 

@@ -199,11 +199,18 @@ void finish_log() noexcept {
 
 // The log is worth most where memory has run out. But it may be in the making, by this thread even, and to end it may need
 // memory again.
-void finish_log_if_free() noexcept {
+void begin_last_words() noexcept {
     static std::atomic<bool> begun{false};
     shared_state& shared = state();
     if (!begun.exchange(true) && !shared.is_held && shared.lock.try_lock())
         shared.log.finish();
+    std::fflush(stdout);
+}
+
+// Neither exit handlers nor other threads have any memory either. A program may have given standard error a buffer.
+[[noreturn]] void end_process() noexcept {
+    std::fflush(stderr);
+    std::_Exit(1);
 }
 
 int open_log(shared_state& shared, const std::string& name) {
@@ -232,17 +239,15 @@ void qor::memory::stop_tracking() noexcept {
 }
 
 void qor::memory::exhausted(uint64 size, const char* file, int line) noexcept {
-    finish_log_if_free();
-    std::fflush(stdout);
+    begin_last_words();
     std::fprintf(stderr, "out of memory: %llu bytes wanted by %s:%d\n", size, file, line);
-    std::_Exit(1);
+    end_process();
 }
 
 void qor::glue::qorEndOutOfMemory() noexcept {
-    finish_log_if_free();
-    std::fflush(stdout);
+    begin_last_words();
     std::fputs("out of memory\n", stderr);
-    std::_Exit(1);
+    end_process();
 }
 
 void* qor::glue::qor_do_malloc(uint64 alignment, uint64 size, bool, const char* file, int line) noexcept {

@@ -3,6 +3,7 @@
 
 #include "qor/qor.h"
 
+#include <cerrno>
 #include <new>
 #include <utility>
 
@@ -11,6 +12,14 @@ namespace qor::memory {
 // Ends the process as qorEndOutOfMemory does, and says that `size` bytes are not to be had, and who wants them. For
 // operations that have no way to fail.
 [[noreturn]] void exhausted(uint64 size, const char* file, int line) noexcept;
+
+// What the C library has found, null where it is not there. Where it had no memory to look for it, the process ends.
+template <class TYPE>
+TYPE* found(TYPE* result) noexcept {
+    if (result == nullptr && errno == ENOMEM) [[unlikely]]
+        qorEndOutOfMemory();
+    return result;
+}
 
 // Makes an object for a caller, who holds the new reference. False: there is no memory for it, *out is as it was, and the
 // last error says so.

@@ -1,6 +1,7 @@
 #include "serial/sysfs_files.h"
 
 #include "file/whole_file.h"
+#include "memory/allocator.h"
 #include "serial/sysfs.h"
 
 #include <algorithm>
@@ -46,7 +47,7 @@ std::string qor::serial::read_attribute(const std::string& path) {
 bool qor::serial::exists(const std::string& path) noexcept { return access(path.c_str(), F_OK) == 0; }
 
 std::string qor::serial::real_path(const std::string& path) {
-    char* const found = realpath(path.c_str(), nullptr);
+    char* const found = memory::found(realpath(path.c_str(), nullptr));
     const std::string real = found != nullptr ? found : "";
     std::free(found);
     return real;
@@ -55,7 +56,7 @@ std::string qor::serial::real_path(const std::string& path) {
 std::string qor::serial::link_target(const std::string& path) { return std::string(base_name(real_path(path))); }
 
 int qor::serial::read_folder(const std::string& path, std::vector<std::string>& names) {
-    DIR* const folder = opendir(path.c_str());
+    DIR* const folder = memory::found(opendir(path.c_str()));
     if (folder == nullptr)
         return errno;
     for (;;) {

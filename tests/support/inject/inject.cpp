@@ -60,7 +60,7 @@ struct settings {
 settings s_settings;
 std::atomic<int> s_is_read{0}; // 1: by some thread at this moment, 2: done
 std::atomic<unsigned long> s_calls{0};
-std::atomic<bool> s_fired{false};
+int s_told = -1;
 
 unsigned long number(const char* name, unsigned long otherwise) {
     const char* const text = getenv(name);
@@ -85,7 +85,8 @@ void read_settings() {
 
 // A failed report ends the program: its test would take silence for the end of the calls.
 void report(const char* call, unsigned long at) {
-    s_fired = true;
+    if (s_told >= 0 && syscall(SYS_write, s_told, "!", 1) != 1)
+        syscall(SYS_exit_group, 99);
     if (s_settings.report == nullptr)
         return;
     char line[96];
@@ -138,11 +139,10 @@ void qor_inject_arm(const char* target, unsigned long at) {
     s_settings.target = target;
     s_settings.first = at;
     s_calls = 0;
-    s_fired = false;
     s_is_read = 2;
 }
 
-int qor_inject_fired() { return s_fired; }
+void qor_inject_tell(int descriptor) { s_told = descriptor; }
 
 // ---- the allocator. These are the C library's own names for what stands behind malloc.
 void* __libc_malloc(std::size_t size);

@@ -6,7 +6,7 @@ extern "C" {
 // From now on the call with this number, counted from 1, fails; 0: none.
 [[gnu::weak]] void qor_inject_arm(const char* target, unsigned long at);
 
-// Whether it has failed.
-[[gnu::weak]] int qor_inject_fired();
+// A descriptor to which a byte is written when a call fails.
+[[gnu::weak]] void qor_inject_tell(int descriptor);
 
 } // extern "C"

@@ -55,7 +55,7 @@ public:
 
     virtual uint32 GetCount() noexcept = 0;
 
-    // A new reference. False: there is no such index, or no memory (last error), and *out is as it was.
+    // A new reference. False: there is no such index, and *out is as it was.
     virtual bool GetInterface(uint32 index, IQORNetInterface** out) noexcept = 0;
 
 protected:

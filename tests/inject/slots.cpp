@@ -1,0 +1,348 @@
+// Every family of operations behind the table, with the n-th request for memory failing, for every n:
+//
+//   inject_slots FOLDER          under the injector (tests/support/inject), which it needs to be preloaded
+//
+// Each script runs once undisturbed and then, n = 1, 2, ..., in a child process of its own, until its requests are fewer
+// than n. No process but a child ever calls the framework, so that binding and all first uses are among what fails. A child
+// must say what the undisturbed one said and end with 0, or end with another code and words on standard error. FOLDER is an
+// empty one, for files.
+#include "qor/qor.h"
+#include "support/inject/inject.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+// The end of a script whose operation failed.
+[[noreturn]] void fail(const char* operation) {
+    std::fprintf(stderr, "%s: ", operation);
+    fputerr(stderr, true);
+    std::_Exit(1);
+}
+
+#define MUST(operation) (operation) ? void() : fail(#operation)
+
+void say(const char* text) { std::printf("%s\n", text); }
+void say(const qorStringArray& texts) {
+    for (uint32 i = 0; i < texts.GetCount(); ++i)
+        say(texts[i]);
+}
+
+constexpr char long_text[] = "a text that is long enough to need a block of its own, whatever holds it";
+
+void use_memory() {
+    void* block = qor_do_malloc(64, 1000, true, "slots", 1);
+    block = qor_do_realloc(block, 5000, "slots", 2);
+    qor_do_free(block, "slots", 3);
+    char* const text = qor_do_strdup(long_text, "slots", 4);
+    char* const begin = qor_do_strndup(text, 6, "slots", 5);
+    void* const copy = qor_do_memdup(text, 7, "slots", 6);
+    void* const huge = qor_do_huge_alloc(1 << 20, "slots", 7);
+    say(begin);
+    qor_do_huge_free(huge, "slots", 8);
+    for (void* each : {static_cast<void*>(text), static_cast<void*>(begin), copy})
+        qor_do_free(each, "slots", 9);
+    if (void* const tried = qor_do_malloc(0, 100, false, "slots", 10))
+        qor_do_free(tried, "slots", 11);
+    else
+        std::_Exit((std::fputs("null, as asked for\n", stderr), 1));
+}
+
+void use_vector() {
+    qorVector vector(8);
+    for (int i = 0; i < 100; ++i)
+        std::memset(vector.Append(1), i, 8);
+    std::memset(vector.Insert(50, 200), 1, 1600);
+    vector.Collapse(10, 20);
+    vector.SetAlloc(1000);
+    std::printf("%u\n", vector.GetCount());
+    uint8_Array bytes;
+    for (int i = 0; i < 100; ++i)
+        bytes.Append(static_cast<uint8>(i));
+    std::printf("%u\n", bytes.GetCount());
+}
+
+void use_string() {
+    qorString text(long_text);
+    for (int i = 0; i < 10; ++i)
+        text.Append(text);
+    text.Insert(3, long_text);
+    qorString part, other(text);
+    text.GetMid(part, 10, 100);
+    part.ToUpper();
+    say(part);
+    part.Printf("%s %d %f", long_text, 7, 1.5);
+    say(part);
+    part.FormatUnsigned(255, 16);
+    say(part);
+    qorDataBlock block;
+    MUST(other.GetAsUCS2(block));
+    qorString back;
+    MUST(back.SetUCS2(static_cast<const uint16*>(block.ptr())));
+    std::printf("%d\n", back == other);
+    qorString path("/some/where/a file with a long name.tar.gz"), folder, name, extension;
+    path.FileSplitName(folder, name, extension);
+    say(name);
+}
+
+void use_array() {
+    qorStringArray words;
+    const qorString text("a few words and some more of them, until there are enough to need more room than one word does");
+    MUST(text.Tokenise_WS(words));
+    words.Append(words);
+    words.Sort(true);
+    words.AddUnique(long_text);
+    words.InsertAt(3, long_text);
+    words.RemoveAt(0, 2);
+    qorStringArray copy(words);
+    copy.SortNoCase(false);
+    zetSmartPointer<IQORMemoryDataSink> sink;
+    create_IQORMemoryDataSink(sink.Out());
+    MUST(copy.Write(*sink));
+    zetSmartPointer<IQORMemoryDataSource> source;
+    create_IQORMemoryDataSource(sink->GetData(), sink->GetSize(), source.Out());
+    qorStringArray back;
+    MUST(back.Read(*source));
+    say(back);
+}
+
+void use_messages() {
+    qorString text;
+    MUST(text.Format("qorcore", 1021, "a", long_text, "c", "d", "e"));
+    say(text);
+    MUST(text.FormatEx("qorcore", 1022, "de", nullptr));
+    say(text);
+    MUST(fputmsg(stdout, "qorcore", 1020, "name", long_text));
+    qorWriteToolkitHelp(stdout);
+    qorStringArray languages;
+    qorGetActiveCatalogLanguages(languages);
+    say(languages);
+}
+
+void use_errors() {
+    qorSetLastError(qorError_cannot_open_file, long_text, long_text);
+    {
+        const qorSaveErrorInfo saved;
+        qorClearLastError();
+        saved.Put(stdout, true);
+    }
+    fputerr(stdout, true);
+    zetSmartPointer<IQORErrorBuilder> builder;
+    create_IQORErrorBuilder(builder.Out());
+    builder->SetNumber(qorError_cannot_read_file);
+    builder->AddInsert(long_text);
+    builder->AddInsert("why");
+    zetSmartPointer<IQORErrorMessage> made;
+    builder->Build(made.Out());
+    made->Put(stdout, true);
+    builder->SetLastError();
+    fputerr(stdout, true);
+}
+
+void use_files() {
+    qorFile file;
+    MUST(file.Open("lines", qorFileReading | qorFileExisting | qorFileShared));
+    char begin[6] = "";
+    MUST(file.ReadAt(0, begin, 5));
+    say(begin);
+    zetSmartPointer<IQORSimpleFileReader> reader;
+    create_IQORSimpleFileReader(reader.Out());
+    MUST(reader->Open("lines", 0));
+    qorString line;
+    uint32 count = 0;
+    qorClearLastError();
+    while (reader->ReadLine(line))
+        ++count;
+    zetSmartPointer<IQORErrorMessage> end;
+    qorGetLastError(end.Out());
+    MUST(!end->IsError());
+    std::printf("%u lines, the last %u long\n", count, line.Length());
+    if (!reader->Open("/no/such/file/with/a/long/name", 0))
+        fputerr(stdout, true);
+}
+
+void use_trace() {
+    const uint32 code = qorDebugAllocateCode("inject.slots.with.a.long.name");
+    MUST(qorDebugAttachFile("trace"));
+    MUST(qorDebugEnableCode("inject.*", true));
+    const qorDebugSeq scope(code, "%s", long_text);
+    for (int i = 0; i < 300; ++i)
+        qorDebug(code, "%s %d", long_text, i);
+    qorStringArray codes;
+    qorDebugGetEnabledCodes(codes);
+    say(codes);
+    MUST(qorDebugAttachFile(nullptr));
+}
+
+void use_process() {
+    const char* const words[] = {"program", "--qor-debug=none.*", "--colour=red", "word", nullptr};
+    qorStringArray args;
+    args.SetFromVector(words);
+    MUST(qorInitProcess("inject_slots", args, 0));
+    args.RemoveAt(0, args.GetCount() != 0 && std::strcmp(args[0], "program") == 0 ? 1 : 0);
+    qorString name, value;
+    while (qorNextOption(args, name, value))
+        say(value);
+    say(args);
+    MUST(qorRegisterCleanupRoutine([](void*) noexcept { say("cleaned up"); }, nullptr));
+    qorCleanup();
+}
+
+void use_host() {
+    zetSmartPointer<IQORSystemInfo> info;
+    create_IQORSystemInfo(info.Out());
+    qorString text;
+    MUST(info->GetSystemType(text));
+    say(text);
+    MUST(info->GetCPUType(text));
+    std::printf("%u %u\n", info->GetLogicalCPUCount(), info->GetPhysicalCoreCount());
+    qorStringArray ports;
+    MUST(qorEnumSerialPorts(ports));
+    say(ports);
+    for (uint32 i = 0; i < ports.GetCount(); ++i)
+        say(qorGetSerialPortLocation(ports[i], text) ? text.Text() : "nowhere");
+    std::printf("%llu\n", qor_get_simd_alignment());
+}
+
+void use_network() {
+    zetSmartPointer<IQORHostAddressList> found;
+    MUST(qorLookupHost("192.0.2.7", found.Out()));
+    qorHostAddress address;
+    MUST(found->GetAddress(0, address));
+    qorString text;
+    qorAddressToString(address, true, text);
+    say(text);
+    MUST(qorStringToAddress("2001:db8::7", address));
+    qorAddressToString(address, true, text);
+    say(text);
+    zetSmartPointer<IQORNetInterfaceList> all;
+    MUST(qorEnumerateNetInterfaces(all.Out()));
+    std::printf("%u\n", all->GetCount());
+}
+
+void use_time() {
+    qorString text;
+    MUST(qorFormatTime(text, "%A, %d %B %Y %H:%M:%S, and some words that make it long", 132'000'000'000'000'000, true));
+    say(text);
+    qorTimeInfo info{};
+    qorConvertTime(132'000'000'000'000'000, true, info);
+    std::printf("%llu\n", qorConvertLocalTimeInfo(info));
+}
+
+void use_digest() {
+    zetSmartPointer<IQORDigestEngine> engine;
+    MUST(qorCreateDigestEngine("md5", engine.Out()));
+    MUST(engine->Update(long_text, sizeof long_text));
+    uint8_Array digest;
+    MUST(engine->GetDigest(digest));
+    for (uint32 i = 0; i < digest.GetCount(); ++i)
+        std::printf("%02x", *digest.GetElementPtr(i));
+    std::printf("\n");
+}
+
+struct script {
+    const char* name;
+    void (*run)();
+};
+
+constexpr script scripts[] = {
+    {"memory", use_memory}, {"vector", use_vector},   {"string", use_string}, {"array", use_array},
+    {"messages", use_messages}, {"errors", use_errors}, {"files", use_files}, {"trace", use_trace},
+    {"process", use_process}, {"host", use_host}, {"network", use_network}, {"time", use_time}, {"digest", use_digest},
+};
+
+struct outcome {
+    int status;
+    bool fired;
+    std::string output;
+    std::string errors;
+};
+
+std::string read_back(std::FILE* file) {
+    std::string text;
+    std::rewind(file);
+    char block[4096];
+    while (const std::size_t got = std::fread(block, 1, sizeof block, file))
+        text.append(block, got);
+    std::fclose(file);
+    return text;
+}
+
+// One script in a child, its `at`th request for memory failing; 0: none.
+outcome run(const script& which, unsigned long at) {
+    std::FILE* const output = std::tmpfile();
+    std::FILE* const errors = std::tmpfile();
+    int fired[2];
+    if (output == nullptr || errors == nullptr || pipe(fired) != 0)
+        std::abort();
+    std::fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(fileno(output), STDOUT_FILENO);
+        dup2(fileno(errors), STDERR_FILENO);
+        qor_inject_tell(fired[1]);
+        qor_inject_arm("alloc", at);
+        qor::or_end([&] { which.run(); });
+        std::fflush(stdout);
+        std::_Exit(0);
+    }
+    close(fired[1]);
+    outcome result;
+    waitpid(child, &result.status, 0);
+    char byte;
+    result.fired = read(fired[0], &byte, 1) == 1;
+    close(fired[0]);
+    result.output = read_back(output);
+    result.errors = read_back(errors);
+    return result;
+}
+
+bool is_right(const outcome& undisturbed, const outcome& seen) {
+    if (!WIFEXITED(seen.status))
+        return false;
+    return WEXITSTATUS(seen.status) == 0 ? seen.output == undisturbed.output
+                                         : !seen.errors.empty() || WEXITSTATUS(seen.status) == 100; // binding is silent
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2 || chdir(argv[1]) != 0 || qor_inject_arm == nullptr) {
+        std::fputs("usage: inject_slots FOLDER, with the injector preloaded\n", stderr);
+        return 2;
+    }
+    if (std::FILE* const lines = std::fopen("lines", "w")) {
+        for (int i = 0; i < 10'000; ++i)
+            std::fprintf(lines, "%s %d\n", long_text, i);
+        std::fclose(lines);
+    }
+    int faults = 0;
+    unsigned long runs = 0;
+    for (const script& each : scripts) {
+        const outcome undisturbed = run(each, 0);
+        if (undisturbed.status != 0) {
+            std::printf("%s fails undisturbed: %s\n", each.name, undisturbed.errors.c_str());
+            return 1;
+        }
+        unsigned long at = 1;
+        for (;; ++at, ++runs) {
+            const outcome seen = run(each, at);
+            if (!is_right(undisturbed, seen)) {
+                std::printf("%s, request %lu: status %x, output '%.200s', errors '%.200s'\n", each.name, at, seen.status,
+                            seen.output.c_str(), seen.errors.c_str());
+                ++faults;
+            }
+            if (!seen.fired)
+                break;
+        }
+        std::printf("%s: %lu requests\n", each.name, at - 1);
+    }
+    std::printf("%lu runs\n", runs);
+    return faults == 0 ? 0 : 1;
+}

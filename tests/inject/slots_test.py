@@ -1,0 +1,17 @@
+#!/usr/bin/env python3
+"""Runs inject_slots under the injector, in an empty folder: slots_test.py --program PROGRAM --injector LIBRARY"""
+
+import argparse
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+
+parser = argparse.ArgumentParser()
+parser.add_argument("--program", type=pathlib.Path, required=True)
+parser.add_argument("--injector", type=pathlib.Path, required=True)
+options = parser.parse_args()
+with tempfile.TemporaryDirectory() as folder:
+    environment = {"PATH": os.defpath, "LC_ALL": "C", "LD_PRELOAD": str(options.injector.resolve())}
+    sys.exit(subprocess.run([options.program.resolve(), folder], env=environment).returncode)
