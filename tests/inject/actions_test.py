@@ -39,8 +39,9 @@ SYSTEM_CALLS = [
 class Run:
     """One command. `until`: an action that runs for long is ended once it has said this, and has passed then."""
 
-    def __init__(self, program, words, stdin=b"", until=None, varies=False):
+    def __init__(self, program, words, stdin=b"", until=None, varies=False, errors_too=False):
         self.program, self.words, self.stdin, self.until, self.varies = program, words, stdin, until, varies
+        self.errors_too = errors_too  # what it says until then goes to standard error
         self.name = " ".join([program.name, *map(str, words)])
 
 
@@ -55,7 +56,7 @@ def action_runs(tool, samples):
     # A salt, and the figures of this host, are others each time.
     varying = {"sysinfo", "pwcrypt", "path-list"}
     made = [Run(tool, ["--quiet", *words], varies=words[0] in varying) for words in runs]
-    made.append(Run(tool, ["--quiet", "timer-check"], until=b"\n"))
+    made.append(Run(tool, ["--quiet", "timer-check"], until=b"start=", errors_too=True))
     made.append(Run(tool, ["--quiet", "simd-test"], until=b"Testing memset()"))
     return made
 
@@ -80,7 +81,8 @@ class Injector:
         self.count += 1
         environment = {"PATH": os.defpath, "LC_ALL": "C", "HOME": "/nowhere", **extra}
         with tempfile.TemporaryFile() as errors:
-            child = subprocess.Popen([run.program, *run.words], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors,
+            child = subprocess.Popen([run.program, *run.words], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                     stderr=subprocess.STDOUT if run.errors_too else errors,
                                      env=environment)
             if run.until is None:
                 try:
@@ -93,7 +95,7 @@ class Injector:
             else:
                 output, code = self.read_until(child, run.until)
             errors.seek(0)
-            return code, output, errors.read()
+            return code, output, output if run.errors_too else errors.read()
 
     @staticmethod
     def read_until(child, end):
@@ -110,7 +112,7 @@ class Injector:
         return (output[:output.index(end)], 0) if found else (output, child.returncode)
 
     def undisturbed(self, run):
-        return self.start(run, {})
+        return self.start(run, {"LD_PRELOAD": str(self.library)})
 
     def injected(self, run, target, error, at, count):
         """The outcome, or None where there are fewer calls."""
@@ -124,13 +126,24 @@ class Injector:
         return self.report.read_text().split("\n")[0]
 
 
-def fault(run, plain, outcome):
+# Others' code that dies itself where it has no memory: glibc 2.36 reads what its name service (nss_database) could not
+# store, and so does libpam. Nothing can be done about it from outside.
+FOREIGN = {"logon": {"libc.so.6", "libpam.so.0"}, "userinfo": {"libc.so.6"}, "path-list": {"libc.so.6"}}
+
+
+def is_foreign(run, call):
+    return any(action in run.words and call.split()[-1] in libraries for action, libraries in FOREIGN.items())
+
+
+def fault(run, plain, outcome, call):
     code, output, errors = outcome
     if code is None or code < 0:
+        if code and is_foreign(run, call):
+            return None
         return f"dies by {signal.Signals(-code).name}" if code else "stops"
     if code == 0 and plain[0] != 0:
         return "ends with 0"
-    if code == 0 and not run.varies and output != plain[1]:
+    if code == 0 and not run.varies and not run.errors_too and output != plain[1]:
         return f"prints something else and ends with 0: {output[:200]!r}"
     if code == 0 and run.varies and output.count(b"\n") != plain[1].count(b"\n"):
         return f"prints more or less and ends with 0: {output[:200]!r}"
@@ -145,8 +158,8 @@ def main():
     parser.add_argument("--injector", type=pathlib.Path, required=True)
     parser.add_argument("--samples", type=pathlib.Path, required=True)
     parser.add_argument("--only", action="append", help="an action, of either program")
-    parser.add_argument("--target", action="append")
-    parser.add_argument("--first", type=int, default=1)
+    parser.add_argument("--target", action="append", help="alloc where none is named, or a system call")
+    parser.add_argument("--first", type=int, default=1, help="the first n")
     options = parser.parse_args()
     faults = 0
     with tempfile.TemporaryDirectory() as name:
@@ -163,11 +176,11 @@ def main():
                 continue
             plain = injector.undisturbed(run)
             for target, error, count in ALLOCATIONS + SYSTEM_CALLS:
-                if options.target and target not in options.target:
+                if target not in (options.target or ["alloc"]):
                     continue
                 at = options.first
                 while (outcome := injector.injected(run, target, error, at, count)) is not None:
-                    if found := fault(run, plain, outcome):
+                    if found := fault(run, plain, outcome, injector.called()):
                         faults += 1
                         print(f"{run.name}: where {injector.called()} fails ({error}, {count or 'all'}), it {found}"
                               f"\n    {outcome[2][:200]!r}", flush=True)

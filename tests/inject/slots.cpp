@@ -228,7 +228,7 @@ void use_network() {
 
 void use_time() {
     qorString text;
-    MUST(qorFormatTime(text, "%A, %d %B %Y %H:%M:%S, and some words that make it long", 132'000'000'000'000'000, true));
+    MUST(qorFormatTime(text, "%F %T %z, and some words that make it long", 132'000'000'000'000'000, true));
     say(text);
     qorTimeInfo info{};
     qorConvertTime(132'000'000'000'000'000, true, info);

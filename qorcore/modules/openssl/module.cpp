@@ -45,6 +45,8 @@ extern "C" const qor::glue::module_table* glue_module_point(const qor::glue::bin
     if (!qor::glue::bind_module(library))
         return nullptr;
     // A process may end while a thread of ours still uses OpenSSL, so nothing of it is taken down.
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+    // Without memory for its context most of its functions would read what is not there.
+    if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1 || OSSL_LIB_CTX_get0_global_default() == nullptr)
+        return nullptr;
     return &table;
 }

@@ -95,7 +95,7 @@ int converse(int count, const pam_message** messages, pam_response** responses, 
 
 class session {
 public:
-    session(const char* name, const char* password) noexcept : m_answer{password}, m_conversation{&converse, &m_answer} {
+    session(const char* name, const char* password) : m_answer{password}, m_conversation{&converse, &m_answer} {
         const std::string folder = own_folder();
         const std::string file = folder + '/' + service;
         struct stat status;
@@ -122,19 +122,19 @@ public:
     bool is_open() const noexcept { return m_handle != nullptr; }
 
     // Whether the password is right. An account that has none cannot show who somebody is.
-    bool authenticate(const char* name) noexcept {
+    bool authenticate(const char* name) {
         m_result = pam_authenticate(m_handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
         return m_result == PAM_SUCCESS || fail("pam_authenticate", name);
     }
 
     // Whether the account may be used now.
-    bool check_account(const char* name) noexcept {
+    bool check_account(const char* name) {
         m_result = pam_acct_mgmt(m_handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
         return m_result == PAM_SUCCESS || fail("pam_acct_mgmt", name);
     }
 
     // A module may have found another name for whom we asked.
-    bool get_account(const char* name, qorString& out) noexcept {
+    bool get_account(const char* name, qorString& out) {
         const void* found = nullptr;
         m_result = pam_get_item(m_handle, PAM_USER, &found);
         if (m_result != PAM_SUCCESS || found == nullptr)
@@ -144,7 +144,7 @@ public:
     }
 
 private:
-    bool fail(const char* operation, const char* name) noexcept;
+    bool fail(const char* operation, const char* name);
 
     answer m_answer;
     const pam_conv m_conversation;
@@ -172,7 +172,7 @@ bool fits_locked_password(const char* name, const char* password) {
     return fits;
 }
 
-bool session::fail(const char* operation, const char* name) noexcept {
+bool session::fail(const char* operation, const char* name) {
     switch (m_result) {
     case PAM_AUTH_ERR:
         if (std::strcmp(operation, "pam_acct_mgmt") == 0)
@@ -204,6 +204,17 @@ bool session::fail(const char* operation, const char* name) noexcept {
     return false;
 }
 
+// The result of `work`; where there is no memory for it, false, and that is the last error.
+template <class WORK>
+bool guarded(WORK work) noexcept {
+    try {
+        return work();
+    } catch (const std::bad_alloc&) {
+        qorSetLastError(qorError_out_of_memory);
+        return false;
+    }
+}
+
 class authenticator final : public qor::object<IQORAuthenticator> {
 public:
     authenticator() noexcept : object("qorcore.pam.authenticator", "IQORAuthenticator") {}
@@ -214,19 +225,18 @@ public:
             qorSetLastError(qorError_credentials_refused);
             return false;
         }
-        session one(name, password);
-        return one.is_open() && one.authenticate(name) && one.check_account(name) && one.get_account(name, account);
+        return guarded([&] {
+            session one(name, password);
+            return one.is_open() && one.authenticate(name) && one.check_account(name) && one.get_account(name, account);
+        });
     }
 };
 
 } // namespace
 
 bool create_authenticator(IQORAuthenticator** out) noexcept {
-    try {
+    return guarded([=] {
         *out = new (source, __LINE__) authenticator;
         return true;
-    } catch (const std::bad_alloc&) {
-        qorSetLastError(qorError_out_of_memory);
-        return false;
-    }
+    });
 }

@@ -1,6 +1,7 @@
 #include "system/linux_host.h"
 
 #include "file/whole_file.h"
+#include "memory/allocator.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -19,7 +20,7 @@ constexpr bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c
 std::set<uint32> usable_processors() {
     std::set<uint32> usable;
     for (int count = 1024; count <= 1 << 20; count *= 2) {
-        cpu_set_t* const set = CPU_ALLOC(count);
+        cpu_set_t* const set = qor::memory::found(CPU_ALLOC(count));
         const std::size_t size = CPU_ALLOC_SIZE(count);
         const bool done = set != nullptr && sched_getaffinity(0, size, set) == 0;
         const bool is_too_small = set != nullptr && !done && errno == EINVAL;

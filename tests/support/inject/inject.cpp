@@ -12,7 +12,8 @@
 //   QOR_INJECT_COUNT   how many calls fail from there on; 1 where it is not set, 0: all
 //   QOR_INJECT_WITH    what a failed system call says: a number of errno, or "short": the call is done, with half of the
 //                      length that it was asked for; ENOMEM where it is not set
-//   QOR_INJECT_REPORT  a file to which a line is added when a call fails: without one, there were fewer calls
+//   QOR_INJECT_REPORT  a file to which a line is added when a call fails: the call, its number, and for a request for memory
+//                      the library that makes it; without a line there were fewer calls
 //
 // Or by qor_inject_arm (inject.h), in a program that is prepared for it.
 //
@@ -27,9 +28,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -84,16 +87,19 @@ void read_settings() {
 }
 
 // A failed report ends the program: its test would take silence for the end of the calls.
-void report(const char* call, unsigned long at) {
+void report(const char* call, unsigned long at, const void* caller) {
     if (s_told >= 0 && syscall(SYS_write, s_told, "!", 1) != 1)
         syscall(SYS_exit_group, 99);
     if (s_settings.report == nullptr)
         return;
-    char line[96];
+    char line[160];
     std::size_t size = 0;
-    for (const char* next = call; *next != '\0' && size < 60; ++next)
-        line[size++] = *next;
-    line[size++] = ' ';
+    const auto add = [&](const char* text) {
+        while (*text != '\0' && size < 120)
+            line[size++] = *text++;
+    };
+    add(call);
+    add(" ");
     char digits[24];
     std::size_t count = 0;
     do
@@ -101,6 +107,12 @@ void report(const char* call, unsigned long at) {
     while ((at /= 10) != 0);
     while (count != 0)
         line[size++] = digits[--count];
+    Dl_info library;
+    if (caller != nullptr && dladdr(caller, &library) != 0 && library.dli_fname != nullptr) {
+        add(" ");
+        const char* const slash = std::strrchr(library.dli_fname, '/');
+        add(slash != nullptr ? slash + 1 : library.dli_fname);
+    }
     line[size++] = '\n';
     const long file = syscall(SYS_openat, AT_FDCWD, s_settings.report, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     if (file < 0 || syscall(SYS_write, file, line, size) != static_cast<long>(size))
@@ -109,7 +121,7 @@ void report(const char* call, unsigned long at) {
 }
 
 // Whether this call of `target` is one that fails.
-bool fires(const char* target, const char* call) {
+bool fires(const char* target, const char* call, const void* caller = nullptr) {
     if (s_is_read != 2)
         read_settings();
     const settings& s = s_settings;
@@ -119,16 +131,16 @@ bool fires(const char* target, const char* call) {
     if (at < s.first || (s.count != 0 && at >= s.first + s.count))
         return false;
     const int saved = errno;
-    report(call, at);
+    report(call, at, caller);
     errno = saved;
     return true;
 }
 
-bool is_refused(const char* call, std::size_t alignment, std::size_t size) {
+bool is_refused(const char* call, std::size_t alignment, std::size_t size, const void* caller) {
     for (const exempt& each : exempt_requests)
         if (size == each.size && alignment >= each.alignment)
             return false;
-    return fires(memory, call);
+    return fires(memory, call, caller);
 }
 
 } // namespace
@@ -155,26 +167,26 @@ static void* no_memory() {
     return nullptr;
 }
 
-void* malloc(std::size_t size) { return is_refused("malloc", 0, size) ? no_memory() : __libc_malloc(size); }
+void* malloc(std::size_t size) { return is_refused("malloc", 0, size, __builtin_return_address(0)) ? no_memory() : __libc_malloc(size); }
 
 void* calloc(std::size_t count, std::size_t size) {
-    return is_refused("calloc", 0, size) ? no_memory() : __libc_calloc(count, size);
+    return is_refused("calloc", 0, size, __builtin_return_address(0)) ? no_memory() : __libc_calloc(count, size);
 }
 
 void* realloc(void* block, std::size_t size) {
-    return is_refused("realloc", 0, size) ? no_memory() : __libc_realloc(block, size);
+    return is_refused("realloc", 0, size, __builtin_return_address(0)) ? no_memory() : __libc_realloc(block, size);
 }
 
 void* memalign(std::size_t alignment, std::size_t size) {
-    return is_refused("memalign", alignment, size) ? no_memory() : __libc_memalign(alignment, size);
+    return is_refused("memalign", alignment, size, __builtin_return_address(0)) ? no_memory() : __libc_memalign(alignment, size);
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
-    return is_refused("aligned_alloc", alignment, size) ? no_memory() : __libc_memalign(alignment, size);
+    return is_refused("aligned_alloc", alignment, size, __builtin_return_address(0)) ? no_memory() : __libc_memalign(alignment, size);
 }
 
 int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
-    void* const block = is_refused("posix_memalign", alignment, size) ? nullptr : __libc_memalign(alignment, size);
+    void* const block = is_refused("posix_memalign", alignment, size, __builtin_return_address(0)) ? nullptr : __libc_memalign(alignment, size);
     if (block != nullptr)
         *out = block;
     return block != nullptr ? 0 : ENOMEM;
@@ -236,5 +248,16 @@ CALL(int, bind, (int file, const struct sockaddr* at, socklen_t size), SYS_bind,
 CALL(int, listen, (int file, int waiting), SYS_listen, file, waiting)
 CALL(int, ftruncate, (int file, off_t size), SYS_ftruncate, file, size)
 CALL(pointer, mmap, (void* at, std::size_t size, int access, int flags, int file, off_t from), SYS_mmap, at, size, access, flags, file, from)
+
+// A pure pause passes at once: logging on makes who gave a wrong password wait for seconds.
+int select(int count, fd_set* readable, fd_set* writable, fd_set* special, struct timeval* patience) {
+    if (count == 0)
+        return 0;
+    if (fires("select", "select")) {
+        errno = s_settings.error;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_select, count, readable, writable, special, patience));
+}
 
 } // extern "C"
