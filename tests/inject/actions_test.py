@@ -5,7 +5,7 @@
 
 A run in which the n-th call failed must do one of two things: say what the undisturbed run says, with the same exit code,
 or end with an exit code other than 0 and words on standard error. It must never die by a signal, and never stop.
-n runs from 1 until no call is left to fail; beyond the first thousand it grows by a tenth: so many requests come only from
+n runs from 1 until no call is left to fail; beyond 400 it grows by a tenth: so many requests come only from
 OpenSSL, where it reads its tables and derives keys.
 """
 
@@ -184,7 +184,7 @@ def main():
                         faults += 1
                         print(f"{run.name}: where {injector.called()} fails ({error}, {count or 'all'}), it {found}"
                               f"\n    {outcome[2][:200]!r}", flush=True)
-                    at += 1 if at < 1000 else at // 10
+                    at += 1 if at < 400 else at // 10
                 print(f"{run.name}: {target} {error} {count or 'all'}: fewer than {at} calls, {time.monotonic() - begun:.0f} s", flush=True)
         print(f"{injector.count} runs")
     sys.exit(1 if faults else 0)

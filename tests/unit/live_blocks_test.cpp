@@ -27,7 +27,6 @@ using list = std::vector<const void*>;
 TEST(live_blocks, a_block_is_found_as_it_was_added) {
     live_blocks blocks;
     EXPECT_EQ(blocks.find(at(0x10)), nullptr);
-    ASSERT_TRUE(blocks.make_room());
     blocks.add(at(0x10), 48, block_type::object, "file", 7);
     const live_block* const found = blocks.find(at(0x10));
     ASSERT_NE(found, nullptr);
@@ -43,21 +42,17 @@ TEST(live_blocks, a_block_is_found_as_it_was_added) {
 TEST(live_blocks, the_oldest_comes_first) {
     live_blocks blocks;
     for (const std::uintptr_t address : {0x50, 0x10, 0x40, 0x20})
-        ASSERT_TRUE(blocks.make_room());
         blocks.add(at(address), 1, block_type::memory, "f", 1);
     EXPECT_EQ(addresses(blocks), (list{at(0x50), at(0x10), at(0x40), at(0x20)}));
     blocks.remove(at(0x10));
-    ASSERT_TRUE(blocks.make_room());
     blocks.add(at(0x10), 1, block_type::memory, "f", 1);
     EXPECT_EQ(addresses(blocks), (list{at(0x50), at(0x40), at(0x20), at(0x10)}));
 }
 
 TEST(live_blocks, an_address_holds_one_block) {
     live_blocks blocks;
-    ASSERT_TRUE(blocks.make_room());
     blocks.add(at(0x10), 1, block_type::memory, "old", 1);
     blocks.find(at(0x10))->type_name = "name";
-    ASSERT_TRUE(blocks.make_room());
     blocks.add(at(0x10), 2, block_type::huge, "new", 2);
     EXPECT_EQ(addresses(blocks), list{at(0x10)});
     EXPECT_EQ(blocks.find(at(0x10))->size, 2u);
@@ -66,7 +61,6 @@ TEST(live_blocks, an_address_holds_one_block) {
 
 TEST(live_blocks, removing_a_stranger_changes_nothing) {
     live_blocks blocks;
-    ASSERT_TRUE(blocks.make_room());
     blocks.add(at(0x10), 1, block_type::memory, "f", 1);
     blocks.remove(at(0x20));
     EXPECT_EQ(addresses(blocks), list{at(0x10)});
