@@ -21,6 +21,18 @@ void print_digest(const uint8_Array& digest) {
     }
 }
 
+// A size of 0 is that of an empty file, or it could not be told.
+bool has_failed() {
+    qorString reason;
+    return qorGetLastError(reason) != qorError_none;
+}
+
+int cannot_read() {
+    fixed_fprintf(stderr, "ERROR reading from file");
+    fputerr(stderr, true);
+    return 1;
+}
+
 } // namespace
 
 int qortool_app::func_md5sum(qorStringArray& args) {
@@ -42,14 +54,14 @@ int qortool_app::func_md5sum(qorStringArray& args) {
         return 1;
     }
     const auto buffer = std::make_unique_for_overwrite<uint8[]>(block_size); // too much for a small stack
+    qorClearLastError();
     const uint64 size = file.GetSize();
+    if (size == 0 && has_failed())
+        return cannot_read();
     for (uint64 offset = 0; offset < size;) {
         const uint32 length = static_cast<uint32>(std::min<uint64>(size - offset, block_size));
-        if (!file.ReadAt(offset, buffer.get(), length)) {
-            fixed_fprintf(stderr, "ERROR reading from file");
-            fputerr(stderr, true);
-            return 1;
-        }
+        if (!file.ReadAt(offset, buffer.get(), length))
+            return cannot_read();
         engine->Update(buffer.get(), length);
         offset += length;
     }
