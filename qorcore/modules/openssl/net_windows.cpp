@@ -214,6 +214,6 @@ qor::net::waker::waker() {
         give_up();
 }
 
-std::thread qor::net::start_thread(std::function<void()> run) { 
+std::thread qor::net::start_thread(std::function<void()> run) {
     return std::thread([run = std::move(run)] { or_end(run); });
 }
