@@ -18,7 +18,7 @@ protected:
 
     // The last answer to a login within which something happens.
     std::optional<frame> log_in(const std::string& name, const std::string& password, const std::function<void()>& happens) {
-        tls_peer peer(port(), "127.0.0.1");
+        tls_peer peer(port(), {"127.0.0.1", std::nullopt});
         plain_scram::client who{name, password, {}};
         EXPECT_TRUE(peer.shake_hands());
         const std::optional<frame> first = peer.begin_login(who);
@@ -62,7 +62,7 @@ TEST_F(accounts_of_a_listener, that_are_invented_look_like_the_others) {
     private_file(folder(), "users", text);
     std::map<std::string, int> seen;
     const auto look_of = [&](const std::string& name) {
-        tls_peer peer(port(), "127.0.0.1");
+        tls_peer peer(port(), {"127.0.0.1", std::nullopt});
         plain_scram::client who{name, "guess", {}};
         const std::optional<frame> first = peer.shake_hands() ? peer.begin_login(who) : std::nullopt;
         if (!first || first->type != frame_type::login_first_answer)

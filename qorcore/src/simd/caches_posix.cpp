@@ -1,5 +1,6 @@
-#include "file/whole_file.h"
 #include "simd/cache_files.h"
+
+#include "qor/glue/regular_file_posix.h"
 
 #include <cstdlib>
 
@@ -7,9 +8,15 @@ namespace {
 
 // A file of one word; empty if it cannot be read.
 std::string read_word(const std::string& path) {
-    constexpr std::size_t longest_file = 4096;
-    std::string word;
-    return qor::file::read_whole(path.c_str(), longest_file, word) ? word : "";
+    struct stat status;
+    const int file = qor::glue::open_regular_file(path.c_str(), status);
+    if (file < 0)
+        return {};
+    char text[32];
+    const ssize_t length = read(file, text, sizeof text);
+    close(file);
+    const std::string word(text, length > 0 ? static_cast<std::size_t>(length) : 0);
+    return word.substr(0, word.find_first_of(" \n"));
 }
 
 uint64 read_size(const std::string& path) {
