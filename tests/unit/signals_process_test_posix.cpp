@@ -254,11 +254,15 @@ const scene replaced_at_once{"signals_replaced_at_once", act_replaced_at_once};
 
 int act_takes_itself_away(const words& arguments) {
     std::atomic<bool> all_raised{false};
+    std::atomic<bool> has_left{false};
     recorder next;
     recorder handler([&](qorSignal) {
         while (!all_raised)
             pause_for(1);
-        EXPECT_TRUE(qorSetSignalHandler(arguments[0] == "replaced" ? &next : nullptr));
+        // At the first signal alone: the last ones come when the handler that took its place has gone, too.
+        if (!has_left.exchange(true)) {
+            EXPECT_TRUE(qorSetSignalHandler(arguments[0] == "replaced" ? &next : nullptr));
+        }
     });
     EXPECT_TRUE(qorSetSignalHandler(&handler));
     raise_many();
