@@ -271,6 +271,9 @@ class Binding(WrongLibraries, unittest.TestCase):
     def test_the_tool_without_proc(self):
         beside = self.run_client("--quiet", "help", client=options.tool)
         self.assertEqual(self.run_without_proc(options.tool, "--quiet", "help"), beside)
+        code, out, _ = self.run_without_proc(options.tool, "--quiet", "path-list")
+        self.assertEqual(code, 0)
+        self.assertRegex(out.decode(), rf"qor-executable += {re.escape(str(options.tool.resolve().parent))}\n")
 
     # ---- by its bare name
 

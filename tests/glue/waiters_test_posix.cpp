@@ -1,8 +1,11 @@
-// Waiters and forks.
+// Waiters and what only POSIX has: forks, threads that are cancelled, and memory that changes as soon as it is free.
 #include "crowd.h"
 
 #include "qor/qor.h"
 
+#include <malloc.h>
+#include <memory>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,7 +22,50 @@ int in_child(int (*act)(qorTrigger&, qorGate&), qorTrigger& trigger, qorGate& ga
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// Fills what is freed, for as long as this object lives: a lock in it can no longer be taken.
+struct spoiled_memory {
+    spoiled_memory() { mallopt(M_PERTURB, 0xa5); }
+    ~spoiled_memory() { mallopt(M_PERTURB, 0); }
+};
+
 } // namespace
+
+// Who was released has no more to do with the event, though the thread has not run yet.
+TEST(Waiters, ThatAreReleasedDoNotNeedTheirGateOrTrigger) {
+    const spoiled_memory spoiled;
+    qor::test::in_each_round([](int milliseconds) {
+        auto gate = std::make_unique<qorGate>(false);
+        auto trigger = std::make_unique<qorTrigger>(false);
+        qor::test::crowd waiters(4, [gate = gate.get(), trigger = trigger.get()](int number) {
+            number % 2 == 0 ? gate->Wait() : static_cast<void>(trigger->Wait(600'000));
+        });
+        waiters.fall_asleep(milliseconds);
+        gate->Open();
+        gate.reset();
+        trigger->Set();
+        trigger->Set();
+        trigger.reset();
+        return waiters.pass(4);
+    });
+}
+
+// It would leave its place in the line behind, and the lock.
+TEST(Waiters, AThreadThatIsCancelledGetsWhatItWaitsForFirst) {
+    qorTrigger trigger(false);
+    std::atomic<pthread_t> thread;
+    qor::test::crowd waiters(1, [&](int) {
+        thread = pthread_self();
+        trigger.Wait();
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    });
+    waiters.fall_asleep(0);
+    pthread_cancel(thread);
+    waiters.fall_asleep(0);
+    EXPECT_EQ(waiters.passed(), 0);
+    trigger.Set();
+    EXPECT_TRUE(waiters.pass(1));
+    EXPECT_FALSE(trigger.Wait(1));
+}
 
 // The child has none of the threads that wait in its parent, and so nobody takes from it what it sets.
 TEST(Waiters, AForkedChildHasNone) {
@@ -50,3 +96,26 @@ TEST(Waiters, AForkedChildHasNone) {
     gate.Open();
     EXPECT_TRUE(waiters.pass(4));
 }
+
+// ThreadSanitizer holds what the parent's threads did against the child.
+#if !defined(__SANITIZE_THREAD__)
+// It has none of those who were on their way out of the event either, and may destroy it.
+TEST(Waiters, AForkedChildMayDestroyWhatOthersWaitedFor) {
+    for (int round = 0; round < 50; ++round) {
+        auto gate = std::make_unique<qorGate>(false);
+        qor::test::crowd waiters(4, [&](int) { gate->Wait(); });
+        waiters.fall_asleep(0);
+        gate->Open();
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(20);
+            gate.reset();
+            _exit(0);
+        }
+        int status = 0;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+        EXPECT_TRUE(waiters.pass(4));
+    }
+}
+#endif

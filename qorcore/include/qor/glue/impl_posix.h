@@ -19,6 +19,20 @@
 
 namespace qor::glue {
 
+// The executable's own file, or false. Without /proc the path that it was started by leads there, unless the process has
+// rights that its user has not: he chose that path.
+using own_path = char[8192 + 32]; // with room for the name of a library
+inline bool get_own_path(own_path& path) noexcept {
+    static_assert(sizeof path >= PATH_MAX);
+    const ssize_t length = readlink("/proc/self/exe", path, 8192);
+    if (length > 0) {
+        path[length] = '\0';
+        return true;
+    }
+    const auto* const started_by = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
+    return getauxval(AT_SECURE) == 0 && started_by != nullptr && realpath(started_by, path) != nullptr;
+}
+
 #ifndef QOR_INSIDE
 
 inline constexpr char bind_function[] = "const qor::glue::binding_table* qor::glue::bind()";
@@ -35,25 +49,12 @@ inline void debugger_message(const char* text) noexcept { syslog(LOG_USER | LOG_
     _exit(100);
 }
 
-// The executable's own file, or false. Without /proc the path that it was started by leads there, unless the process has
-// rights that its user has not: he chose that path.
-inline bool get_own_path(char (&path)[8192 + 32]) noexcept {
-    static_assert(sizeof path >= PATH_MAX);
-    const ssize_t length = readlink("/proc/self/exe", path, 8192);
-    if (length > 0) {
-        path[length] = '\0';
-        return true;
-    }
-    const auto* const started_by = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
-    return getauxval(AT_SECURE) == 0 && started_by != nullptr && realpath(started_by, path) != nullptr;
-}
-
 // libqor.so from the executable's own folder, or from the lib beside its bin, where it lies installed; or null. A run path
 // would lead there as well, but the loader follows one for each library of the program: 22 looks in vain at every start.
 // RTLD_NOW: a damaged library fails here, not later.
 inline void* load_beside_executable() noexcept {
     constexpr const char* names[] = {"libqor.so", "../lib/libqor.so"};
-    char path[8192 + 32];
+    own_path path;
     if (!get_own_path(path))
         return nullptr;
     char* const slash = std::strrchr(path, '/');
@@ -163,7 +164,8 @@ private:
 
 // An event as the operating system's event objects are: set or not, and reset by hand or by the one waiter
 // that it releases. Setting it releases those who wait at that moment, one by one and the first to come first; whether
-// they have run by then does not matter, and nobody who comes later can take their place.
+// they have run by then does not matter, and nobody who comes later can take their place. Once all are released the event
+// may be destroyed, although they are still on their way out: the last of them frees it.
 class event {
 public:
     static event* create(bool manual_reset, bool set) noexcept {
@@ -176,7 +178,9 @@ public:
         }
         made->m_first = nullptr;
         made->m_last = nullptr;
+        made->m_leaving = 0;
         made->m_process = 0;
+        made->m_destroyed = false;
         made->m_manual_reset = manual_reset;
         made->m_set = set;
         return made;
@@ -185,8 +189,13 @@ public:
     static void destroy(event* self) noexcept {
         if (self == nullptr)
             return;
-        pthread_mutex_destroy(&self->m_lock);
-        std::free(self);
+        // None of this process's threads has ever stood in line. In a forked child the lock may be held by a thread that the
+        // child does not have.
+        if (self->m_process != getpid())
+            return end(self);
+        pthread_mutex_lock(&self->m_lock);
+        self->m_destroyed = true;
+        unlock(self);
     }
 
     static void set(event* self) noexcept {
@@ -237,7 +246,7 @@ public:
             result = self->wait_in_line(limited ? &until : nullptr);
         else if (!self->m_manual_reset)
             self->m_set = false;
-        pthread_mutex_unlock(&self->m_lock);
+        unlock(self);
         return result;
     }
 
@@ -249,6 +258,19 @@ private:
         waiter* before;
         waiter* behind;
     };
+
+    static void end(event* self) noexcept {
+        pthread_mutex_destroy(&self->m_lock);
+        std::free(self);
+    }
+
+    // For those after whom there may be nobody to free the event.
+    static void unlock(event* self) noexcept {
+        const bool is_last = self->m_destroyed && self->m_leaving == 0;
+        pthread_mutex_unlock(&self->m_lock);
+        if (is_last)
+            end(self);
+    }
 
     // These are called with the lock held.
     outcome wait_in_line(const timespec* until) noexcept {
@@ -263,11 +285,18 @@ private:
             return outcome::failed;
         forget_other_process();
         add(here);
+        // A thread that is cancelled here would leave its place in the line and the lock behind, and waits throw nothing: it is
+        // cancelled later.
+        int cancellation;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
         while (!here.is_released && result == 0)
             result = until != nullptr ? pthread_cond_timedwait(&here.released, &m_lock, until)
                                       : pthread_cond_wait(&here.released, &m_lock);
+        pthread_setcancelstate(cancellation, &cancellation);
         // Released in the last moment counts: the one who set the event has given it to this thread.
-        if (!here.is_released)
+        if (here.is_released)
+            --m_leaving;
+        else
             remove(here);
         pthread_cond_destroy(&here.released);
         if (here.is_released)
@@ -280,6 +309,7 @@ private:
         waiter& first = *m_first;
         remove(first);
         first.is_released = true;
+        ++m_leaving;
         pthread_cond_signal(&first.released);
     }
 
@@ -297,17 +327,21 @@ private:
     // A forked child has a copy of the line, but not the threads in it.
     void forget_other_process() noexcept {
         const pid_t process = getpid();
-        if (m_process != process)
+        if (m_process != process) {
             m_first = m_last = nullptr;
+            m_leaving = 0;
+        }
         m_process = process;
     }
 
     pthread_mutex_t m_lock;
     waiter* m_first;
     waiter* m_last;
-    pid_t m_process; // whose threads stand in the line
+    unsigned m_leaving; // released, and not yet out of wait()
+    pid_t m_process;    // whose threads stand in the line
     bool m_manual_reset;
     bool m_set;
+    bool m_destroyed;
 };
 
 } // namespace qor::glue
