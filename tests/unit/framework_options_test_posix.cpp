@@ -1,9 +1,11 @@
-// The options of the framework in a program that runs with the rights of another user.
+// A program that runs with the rights of another user: the options of the framework, and the zone.
 #include "support/scenes.h"
 #include "support/temp_folder.h"
+#include "time/zone_name.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <sys/auxv.h>
 #include <sys/stat.h>
@@ -17,6 +19,13 @@ using qor::test::temp_folder;
 using qor::test::words;
 
 const scene at_secure{"options_at_secure", [](const words&) { return getauxval(AT_SECURE) != 0 ? 0 : 1; }};
+
+// One digit for each word: whether it names a zone.
+const scene zones{"options_zones", [](const words& names) {
+    for (const std::string& each : names)
+        std::printf("%d", qor::time::is_zone(each.c_str()) ? 1 : 0);
+    return 0;
+}};
 
 class privileged_options : public testing::Test {
 protected:
@@ -56,6 +65,8 @@ protected:
     const std::string m_file = m_folder / "file";
 };
 
+class privileged_zones : public privileged_options {};
+
 } // namespace
 
 TEST_F(privileged_options, of_the_command_line_are_taken_out_and_do_nothing) {
@@ -74,4 +85,16 @@ TEST_F(privileged_options, that_there_are_not_are_errors_still) {
     const ending ended = run("options_start", {"--qor-nosuch"});
     EXPECT_EQ(ended.code, 1);
     EXPECT_TRUE(ended.out.starts_with("20 ")) << ended.out;
+}
+
+// Their user must not have them open what he cannot open himself.
+TEST_F(privileged_zones, are_those_of_the_database) {
+    const std::string database = "/usr/share/zoneinfo/";
+    const std::string copy = m_folder / "zone";
+    std::filesystem::copy_file(database + "Europe/Berlin", copy);
+    const words names{"Europe/Berlin", database + "Europe/Berlin", "CET-1CEST", copy, ':' + copy,
+                      "../../.." + copy, database + "../../.." + copy};
+    EXPECT_EQ(qor::test::play(zones, names).out, "1111111");
+    EXPECT_EQ(run("options_zones", names).out, "1110000");
+    EXPECT_EQ(run("options_zones", {"zone"}, {"TZDIR=" + m_folder.path()}).out, "0");
 }

@@ -1,9 +1,9 @@
 #include "process/process.h"
 
 #include "file/whole_file.h"
+#include "qor/glue/impl_posix.h"
 
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -38,9 +38,8 @@ unsigned long qor::process::thread_id() noexcept { return static_cast<unsigned l
 bool qor::process::is_main_thread() noexcept { return gettid() == getpid(); }
 
 std::string qor::process::executable() {
-    char path[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
-    return std::string(path, length > 0 ? static_cast<std::size_t>(length) : 0);
+    glue::own_path path;
+    return glue::get_own_path(path) ? path : std::string();
 }
 
 std::string qor::process::library_folder() {

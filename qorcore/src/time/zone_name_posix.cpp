@@ -1,10 +1,10 @@
 #include "time/zone_name.h"
 
 #include "file/raw_file.h"
+#include "process/process.h"
 #include "qor/glue/regular_file_posix.h"
 
 #include <cctype>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
@@ -76,12 +76,21 @@ bool is_rule(std::string_view text) {
     return text.empty() || (take_change(text) && take_change(text) && text.empty());
 }
 
-// The file of the database that the C library would look for.
+// Whether the zone is one of the database or the system's own. To a set-user-id program the C library gives no other: its
+// user could have any file opened.
+bool is_of_the_system(std::string_view zone) {
+    return zone.find("..") == zone.npos &&
+           (!zone.starts_with('/') || zone.starts_with("/usr/share/zoneinfo/") || zone == "/etc/localtime");
+}
+
+// The file that the C library would look for; empty: none.
 std::string path_of(std::string_view zone) {
+    if (qor::process::is_privileged() && !is_of_the_system(zone))
+        return {};
     if (zone.starts_with('/'))
         return std::string(zone);
-    const char* const database = std::getenv("TZDIR");
-    const std::string folder = database != nullptr && *database != '\0' ? database : "/usr/share/zoneinfo";
+    const char* const database = qor::process::environment("TZDIR");
+    const std::string folder = database != nullptr ? database : "/usr/share/zoneinfo";
     return folder + '/' + std::string(zone);
 }
 
