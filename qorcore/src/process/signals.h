@@ -20,10 +20,10 @@ int start_signal_thread(void (*run)() noexcept) noexcept;
 // On that thread: returns when it has been woken since the last time, however long it takes.
 void wait_for_wake() noexcept;
 
-// From wherever the system calls its handlers, within a thread that was interrupted too.
+// From any thread, and from wherever the system calls its handlers, within a thread that was interrupted too.
 void wake_signal_thread() noexcept;
 
-// The other way round.
+// ---- called by the system's side
 // For every signal that was caught, from wherever the system calls its handlers.
 void count_signal(qorSignal signal) noexcept;
 

@@ -84,7 +84,9 @@ private:
     qorFastMutex2* m_mutex = nullptr;
 };
 
-// Open or closed; while it is open, everyone who waits or comes to wait passes.
+// Open or closed; while it is open, everyone who waits or comes to wait passes. Opening it releases all who wait, even if it
+// is closed at once. It may be destroyed when all who wait have been released, before they return. No wait is a
+// cancellation point.
 class qorGate {
 public:
     explicit qorGate(bool open) noexcept : m_event(qor::glue::event::create(true, open)) {
@@ -114,7 +116,8 @@ private:
     qor::glue::event* m_event;
 };
 
-// Each Set lets one waiter pass, the one who waits or the next to come.
+// Each Set lets one waiter pass: one of those who wait, or where nobody waits the next to come, however often it was called
+// until then. Destruction and cancellation: as for the gate.
 class qorTrigger {
 public:
     explicit qorTrigger(bool set) noexcept : m_event(qor::glue::event::create(false, set)) {

@@ -38,7 +38,8 @@ inline int qorCompareVersions(const char* left, const char* right) noexcept {
 // Sends process signals to `handler`, which is referenced meanwhile, instead of letting them end the process;
 // null gives them back to whoever had them before. The old handler gets what had come until then. When this returns, all
 // that has been delivered, and no call of the old handler is running any more; a handler that makes this call itself
-// gets the rest after its own call has ended, and is referenced as long. False: the last error says why.
+// gets the rest after its own call has ended, and is referenced as long. So the caller must not hold a lock that the old
+// handler takes. False: the last error says why.
 inline bool qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
     return qor::glue::qorSetSignalHandler(handler);
 }
