@@ -30,7 +30,7 @@ struct spoiled_memory {
 
 } // namespace
 
-// Who was released has no more to do with the event, though the thread has not run yet.
+// A released waiter has no more to do with the event, though its thread has not run yet.
 TEST(Waiters, ThatAreReleasedDoNotNeedTheirGateOrTrigger) {
     const spoiled_memory spoiled;
     qor::test::in_each_round([](int milliseconds) {

@@ -1,4 +1,4 @@
-"""What anybody may put in the place of a file that a program looks for by itself: for runs that must end all the same."""
+"""The kinds of things that anybody may put in the place of a file that a program looks for by itself: for runs that must end all the same."""
 
 import contextlib
 import os

@@ -1,4 +1,4 @@
-// What anybody may put in the place of a file that a program looks for by itself.
+// The kinds of things that anybody may put in the place of a file that a program looks for by itself.
 #pragma once
 
 #include "support/temp_folder.h"

@@ -43,7 +43,7 @@ protected:
             GTEST_SKIP() << "the file system of " << m_program << " leaves set-user-id bits alone";
     }
 
-    // Who cannot be traced cannot look for leaks either.
+    // A process that cannot be traced cannot look for leaks either.
     ending run(const char* scene_name, const words& arguments, words environment = {}) const {
         words command{m_program, "--scene", scene_name};
         command.insert(command.end(), arguments.begin(), arguments.end());

@@ -13,7 +13,7 @@ public:
     // library looks for by itself, and for reading at any place: it takes files on a disk only, and never waits.
     enum class access { read, regular, truncate, append, create };
 
-    // What open() says for `regular` of a pipe or a device, and when a file that it should create is there already.
+    // The codes of open() where `regular` meets a pipe or a device, and where a file that it should create is there already.
     static const int not_regular;
     static const int is_taken;
 

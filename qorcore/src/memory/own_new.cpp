@@ -17,7 +17,7 @@ void* operator new(std::size_t size) {
     return block;
 }
 
-// What asks in this way can go on without, as a stable sort does.
+// Whatever asks in this way can go on without, as a stable sort does.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size != 0 ? size : 1); }
 
 void operator delete(void* block) noexcept { std::free(block); }

@@ -90,7 +90,7 @@ std::string qor::process::find_resource(std::string_view name) {
     const std::string usual = library_folder() + "qor/" + std::string(name);
     const auto look = [](const std::string& path) { return raw_file().open(path.c_str(), raw_file::access::regular); };
     const int reason = look(beside);
-    // What is there and cannot be used is the answer only where there is nothing else.
+    // A file that is there and cannot be used is the answer only where there is nothing else.
     const bool is_beside = reason == 0 || (!raw_file::is_missing(reason) && raw_file::is_missing(look(usual)));
     return is_beside ? beside : usual;
 }

@@ -177,7 +177,7 @@ bool qor::glue::qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
     else if (std::exchange(shared.catching, false))
         qor::process::release_signals();
     IQORSignalHandler* old = std::exchange(shared.handler, handler);
-    // What has been caught until now is for the old one, whoever comes next.
+    // All signals caught until now are for the old one, whoever comes next.
     if (old != nullptr) {
         const counts rest = take_all_pending();
         if (first_of(rest) != 0) {

@@ -20,13 +20,13 @@ void format_number(qorString& self, NUMBER value, int base) noexcept {
     assign(self, {digits, static_cast<std::size_t>(end.ptr - digits)});
 }
 
-// What comes as a line may be a password: no copy of it stays behind.
+// A line may be a password: no copy of it stays behind.
 void wipe(char* bytes, std::size_t size) noexcept {
     for (volatile char* at = bytes; size != 0; --size)
         *at++ = '\0';
 }
 
-// As Append, but that the storage of before is wiped where the string moves.
+// As Append, but where the string moves its old storage is wiped.
 void append_secret(qorString& self, const char* bytes, uint32 size) noexcept {
     const uint64 total = uint64{self.m_data.length} + size;
     if (total >= self.m_data.alloc) {

@@ -17,7 +17,7 @@ std::time_t seconds_of(uint64 clock) {
 }
 
 // Whether the zone in use counts leap seconds, as those of the database's folder "right" do: a full minute of POSIX, far
-// behind the last leap second, is none there.
+// behind the last leap second, is no full minute there.
 bool counts_leap_seconds() {
     constexpr std::time_t full_minute = 4'102'444'800;
     std::tm utc;

@@ -1,4 +1,4 @@
-// What is looked at before and after the loader gets a library of ours. The loader believes what the headers of a file
+// Looks at a library of ours before and after the loader gets it. The loader believes what the headers of a file
 // say: where they are wrong the process dies while it maps, relocates or runs what is not there.
 #pragma once
 
@@ -73,7 +73,7 @@ private:
             } else if (one.p_type != PT_GNU_STACK && one.p_filesz != 0 &&
                        !is_mapped(one.p_vaddr, one.p_filesz, one.p_offset, 0))
                 return false;
-            // What becomes read-only has nothing behind its part of the file but what fills up the page.
+            // The part that becomes read-only has nothing behind its bytes of the file but the rest of the page.
             if (one.p_type == PT_GNU_RELRO && one.p_memsz - one.p_filesz >= page)
                 return false;
             if ((one.p_type == PT_LOAD || one.p_type == PT_TLS) && (one.p_align & (one.p_align - 1)) != 0)

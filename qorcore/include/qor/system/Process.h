@@ -46,7 +46,7 @@ inline bool qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
 
 // ---- text on C streams
 //
-// What fputtext, fixed_fprintf, fputmsg, fputerr, qorString::Put and the help lines write has this in common:
+// fputtext, fixed_fprintf, fputmsg, fputerr, qorString::Put and the help lines have this in common:
 // - Each call writes its text in one piece.
 // - Before a text for standard error they flush standard output, so that both stand in order where they end in one place.
 // - A terminal gets `\x1b` and the like for each byte that would steer it: control characters but newline and tab, those
