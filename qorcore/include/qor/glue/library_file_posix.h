@@ -60,7 +60,8 @@ private:
                is_within(m_header.e_shoff, m_header.e_shnum * sizeof(section), 0, m_size);
     }
 
-    // Those that are mapped lie in the file, and one behind the other in memory; all others are parts of them.
+    // Those that are mapped lie in the file, and one behind the other in memory; all others are parts of them, but for notes of
+    // the processor's own kinds, which the loader leaves alone.
     bool segments_agree() const noexcept {
         uint64 end = 0;
         for (std::size_t i = 0; i < m_header.e_phnum; ++i) {
@@ -70,7 +71,7 @@ private:
                     one.p_vaddr < end || one.p_memsz > UINTPTR_MAX - one.p_vaddr)
                     return false;
                 end = one.p_vaddr + one.p_memsz;
-            } else if (one.p_type != PT_GNU_STACK && one.p_filesz != 0 &&
+            } else if (one.p_type != PT_GNU_STACK && one.p_type < PT_LOPROC && one.p_filesz != 0 &&
                        !is_mapped(one.p_vaddr, one.p_filesz, one.p_offset, 0))
                 return false;
             // The part that becomes read-only has nothing behind its bytes of the file but the rest of the page.
