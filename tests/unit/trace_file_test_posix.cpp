@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+using qor::test::ending;
+using qor::test::read_file;
 using qor::test::temp_folder;
 using qor::test::flood::all_bodies;
 using qor::test::flood::bodies;
@@ -49,6 +51,37 @@ const scene forked{"flood_forked", [](const words& arguments) {
                        return 0;
                    }};
 
+// As a daemon does; then every number is that of another file. Nothing of the trace may get into that one.
+const scene closes_everything{"flood_closes_everything", [](const words& arguments) {
+                                  start(arguments[0]);
+                                  trace(lines);
+                                  // The thread that writes floods is not to be in the middle of it: the next line, of a period
+                                  // of its own, waits for its lock.
+                                  while (bodies(read_file(arguments[0])).size() != lines)
+                                      usleep(1000);
+                                  usleep(20'000);
+                                  trace(1);
+                                  if (arguments[1] == "close")
+                                      close_range(3, ~0u, 0);
+                                  const int own = open((arguments[0] + ".own").c_str(), O_RDWR | O_CREAT, 0600);
+                                  for (int i = 3; i < 100; ++i)
+                                      if (arguments[1] == "reuse" && i != own)
+                                          dup2(own, i);
+                                  trace(lines);
+                                  return lseek(own, 0, SEEK_END) == 0 ? 0 : 1;
+                              }};
+
+const scene closes_a_pipe{"flood_closes_a_pipe", [](const words& arguments) {
+                              start(arguments[0]);
+                              trace(1);
+                              const int own = open((arguments[0] + ".own").c_str(), O_RDWR | O_CREAT, 0600);
+                              for (int i = 3; i < 100; ++i)
+                                  if (i != own)
+                                      dup2(own, i);
+                              trace(lines);
+                              return lseek(own, 0, SEEK_END) == 0 ? 0 : 1;
+                          }};
+
 } // namespace
 
 TEST_F(trace_flood, of_a_process_that_ends_without_a_word_is_not_lost) {
@@ -83,4 +116,30 @@ TEST_F(trace_flood, into_a_pipe_is_there_at_once) {
     EXPECT_TRUE(qorDebugAttachFile(nullptr));
     close(end);
     EXPECT_EQ(rests(m_folder.path()), words{});
+}
+
+TEST_F(trace_flood, goes_on_when_the_host_closes_its_descriptor) {
+    for (const char* const what : {"close", "reuse"}) {
+        const temp_folder folder;
+        const std::string path = folder / "trace";
+        const ending ended = play(closes_everything, {path, what});
+        EXPECT_EQ(ended.code, 0) << what << ended.out << ended.err;
+        EXPECT_EQ(ended.err, "");
+        EXPECT_EQ(bodies(read_file(path)).size(), static_cast<std::size_t>(2 * lines + 1)) << what;
+        EXPECT_EQ(read_file(path + ".own").size(), 0u) << what;
+    }
+}
+
+// A pipe that is opened anew would make the host wait for a reader.
+TEST_F(trace_flood, into_a_pipe_ends_when_the_host_closes_its_descriptor) {
+    ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+    const int end = open(m_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(end, 0);
+    const ending ended = play(closes_a_pipe, {m_path});
+    EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+    std::string text(65536, '\0');
+    text.resize(static_cast<std::size_t>(std::max<ssize_t>(read(end, text.data(), text.size()), 0)));
+    EXPECT_EQ(bodies(text), expected(1));
+    EXPECT_EQ(read_file(m_path + ".own").size(), 0u);
+    close(end);
 }

@@ -40,15 +40,18 @@ public:
         if (const int reason = m_file.open(path, qor::file::raw_file::access::append))
             return reason;
         m_name = qor::debug::full_name_on_disk(path);
+        m_may_keep = !m_name.empty();
+        m_is_attached = true;
         return 0;
     }
 
     void close() noexcept {
         write_each_line();
         m_file.close();
+        m_is_attached = false;
     }
 
-    bool is_open() const noexcept { return m_file.is_open(); }
+    bool is_attached() const noexcept { return m_is_attached; }
 
     void put(std::string_view line, time_point now) noexcept {
         const auto number = now.time_since_epoch() / period;
@@ -61,13 +64,13 @@ public:
         if (m_write_through != 0)
             --m_write_through;
         flush();
-        (void)m_file.write(line.data(), line.size());
+        write(line);
     }
 
     void flush() noexcept {
         if (m_kept == 0)
             return;
-        (void)m_file.write(m_rest.bytes(), m_kept);
+        write({m_rest.bytes(), m_kept});
         std::memset(m_rest.bytes(), 0, m_kept);
         m_kept = 0;
     }
@@ -78,7 +81,7 @@ public:
     void write_each_line() noexcept {
         flush();
         m_rest.close();
-        m_name.clear();
+        m_may_keep = false;
     }
 
     // What is kept is the parent's to write, and so is the thread.
@@ -92,6 +95,12 @@ public:
     std::condition_variable& flusher() noexcept { return m_flusher; }
 
 private:
+    // Where the host has closed the file, its number may be that of another one by now. A pipe is not opened anew: that may wait.
+    void write(std::string_view text) noexcept {
+        if (m_file.recover(m_name.empty() ? nullptr : m_name.c_str()) == 0)
+            (void)m_file.write(text.data(), text.size());
+    }
+
     // False: it is to be written at once.
     bool keep(std::string_view line) noexcept {
         if (line.size() > surviving_memory::size || !has_rest())
@@ -111,7 +120,7 @@ private:
     bool has_rest() noexcept {
         if (m_rest.is_open())
             return true;
-        if (m_name.empty())
+        if (!m_may_keep)
             return false;
         // Processes are numbered again after a while: what a killed one left behind stays.
         const std::string first = m_name + '.' + std::to_string(qor::process::process_id()) + ".rest";
@@ -130,7 +139,9 @@ private:
     }
 
     qor::file::raw_file m_file;
-    std::string m_name; // empty: each line is written at once, as to a pipe or a device
+    bool m_is_attached = false;
+    std::string m_name; // of a file on a disk; empty for a pipe or a device
+    bool m_may_keep = false; // else each line is written at once
     surviving_memory m_rest;
     std::size_t m_kept = 0; // bytes in m_rest
     microseconds::rep m_period = 0;
@@ -251,7 +262,7 @@ void qor::debug::write_line(const char* code_name, std::string_view text) noexce
     // Under the lock, so that lines stand in the order of their times.
     const auto now = std::chrono::time_point_cast<microseconds>(std::chrono::system_clock::now());
     to.times.write(line, now);
-    if (to.file.is_open()) {
+    if (to.file.is_attached()) {
         to.file.put(whole, now);
         return;
     }

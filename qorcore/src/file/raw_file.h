@@ -47,7 +47,7 @@ public:
     int write(const void* bytes, std::size_t size) noexcept;
 
     // Opens the file at `path` again, to append to it, if the host has closed what it did not open, or made
-    // another file of it. 0, or why that cannot be done.
+    // another file of it. Null: it is not opened again. 0, or why there is nothing to write to.
     int recover(const char* path) noexcept;
 
     // Ends a file that is written here after its first `size` bytes. What has no size stays as it is.

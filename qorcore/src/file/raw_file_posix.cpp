@@ -113,7 +113,7 @@ int qor::file::raw_file::recover(const char* path) noexcept {
     struct stat status;
     if (fstat(static_cast<int>(m_handle), &status) == 0 && is_identity(status, m_identity))
         return 0;
-    return open(path, access::append);
+    return path != nullptr ? open(path, access::append) : EBADF;
 }
 
 int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count) noexcept {
