@@ -40,7 +40,10 @@ public:
     virtual bool Connect(const char* host, uint16 port) noexcept = 0;
 
     // Presents the credentials, as they are given. Error 4 (qorError_credentials_refused): another try may follow on the
-    // same object; each takes longer than the one before. The password is not kept, and never sent.
+    // same object; each takes longer than the one before. Error 131 (qorError_debug_sessions_full): they were right, but too
+    // many are logged in there, and the connection has ended. Both say so where the listener has not proved itself. A login
+    // that finds the connection gone connects anew, and error 128 (qorError_debug_other_key) tells that another key was met
+    // there than by Connect. The password is not kept, and never sent.
     virtual bool Login(const char* username, const char* password) noexcept = 0;
 
     // Who is told when the connection is lost; null: nobody. Needs a login. The sink is not referenced, because it
@@ -52,7 +55,8 @@ public:
     virtual bool GetEnabledCodes(qorStringArray& out) noexcept = 0;
 
     // Switches a code on or off by its name, as qorDebugEnableCode does there: `*` stands for any text, and codes
-    // that are allocated later follow.
+    // that are allocated later follow. Error 132 (qorError_debug_switches_full): there is no room to keep the name for them, and
+    // nothing was switched.
     virtual bool EnableCode(const char* name, bool enable) noexcept = 0;
 
     // Switches all codes off.
@@ -92,7 +96,8 @@ inline bool qorDebugListen(const char* address, const char* users = nullptr, uin
 
 // Notes the key of a listener before the first login there, in the file of known hosts: `host` and `port` as Connect will get them,
 // and the 64 hexadecimal digits of the key's fingerprint. From then on no other key is taken. True where it was noted before.
-// False: the last error says why, for instance qorError_debug_key_changed where the file knows another key.
+// False: the last error says why, for instance 129 (qorError_bad_fingerprint), or 116 (qorError_debug_key_changed) where the file
+// knows another key. Any thread; waits for another program's change of the file for 20 seconds at most.
 inline bool qorTrustDebugListener(const char* host, uint16 port, const char* fingerprint) noexcept {
     return qor::glue::qorTrustDebugListener(host, port, fingerprint);
 }
