@@ -112,10 +112,10 @@ void qor::control::service::let_in(net::socket made, const net::endpoint& from, 
         qorDebug(m_trace, "connection from %s is turned away", source.text.c_str());
         return;
     }
-    for (connection& each : m_connections)
-        if (loser != 0 && each.talk.place() == loser)
-            each.talk.lost("it made way for another one");
     try {
+        for (connection& each : m_connections)
+            if (loser != 0 && each.talk.place() == loser)
+                each.talk.lost("it made way for another one");
         m_connections.emplace_back(std::move(made), m_host, source, place, now);
     } catch (...) {
         m_gate.leave(place);

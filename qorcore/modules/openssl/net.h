@@ -25,7 +25,7 @@ unsigned fork_count() noexcept;
 class socket {
 public:
     socket() noexcept = default;
-    explicit socket(std::intptr_t handle) noexcept;
+    explicit socket(std::intptr_t handle); // throws std::bad_alloc; the handle is closed then
     socket(socket&& other) noexcept
         : m_handle(std::exchange(other.m_handle, -1)), m_identity(other.m_identity), m_forks(other.m_forks) {}
     socket& operator=(socket&& other) noexcept {

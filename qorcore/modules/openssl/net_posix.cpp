@@ -97,15 +97,18 @@ std::string qor::net::reason_of(int code) { return std::generic_category().messa
 
 unsigned qor::net::fork_count() noexcept { return sockets().forks; }
 
-qor::net::socket::socket(std::intptr_t handle) noexcept : m_handle(handle), m_identity(identity_of(handle)) {
+// As it is an object before its body, its destructor closes the handle where there is no memory for the entry.
+qor::net::socket::socket(std::intptr_t handle) : socket() {
+    m_handle = handle;
+    m_identity = identity_of(handle);
     const std::lock_guard hold(sockets().lock);
-    sockets().open.push_back({static_cast<int>(handle), m_identity});
     m_forks = sockets().forks;
+    sockets().open.push_back({static_cast<int>(handle), m_identity});
 }
 
 bool qor::net::socket::is_ours() const noexcept {
     // Closed by a fork, or by the host; the number may be somebody else's by now.
-    return is_open() && m_forks == sockets().forks && identity_of(m_handle) == m_identity;
+    return is_open() && m_forks == sockets().forks && m_identity != 0 && identity_of(m_handle) == m_identity;
 }
 
 qor::net::socket::~socket() {

@@ -82,7 +82,7 @@ std::string qor::net::reason_of(int code) {
 // Nothing forks here.
 unsigned qor::net::fork_count() noexcept { return 0; }
 
-qor::net::socket::socket(std::intptr_t handle) noexcept : m_handle(handle) {}
+qor::net::socket::socket(std::intptr_t handle) : m_handle(handle) {}
 
 // Nobody closes handles that he does not know here.
 bool qor::net::socket::is_ours() const noexcept { return is_open(); }

@@ -223,8 +223,8 @@ qor::control::private_file_lock::private_file_lock(const std::string& file) {
         }
         const bool is_free = flock(lock.number(), LOCK_EX | LOCK_NB) == 0;
         if (is_free && is_at(lock.number(), path)) {
-            m_handle = lock.release();
             m_path = path;
+            m_handle = lock.release();
             return;
         }
         if (!is_free && errno != EWOULDBLOCK && errno != EINTR) {
