@@ -88,15 +88,15 @@ bool qor::control::service::wait(moment now, std::vector<net::watched>& watched)
 
 void qor::control::service::accept_some(const net::socket& listener, moment now) {
     for (int i = 0; i < at_a_time; ++i) {
-        net::socket made;
-        net::endpoint from;
-        if (const int failed = net::accept_from(listener, made, from)) {
-            // Most likely the host's descriptors are used up; it gets no busier by us.
-            if (failed != net::would_block)
-                m_accept_again = now + 1s;
-            return;
-        }
         try {
+            net::socket made;
+            net::endpoint from;
+            if (const int failed = net::accept_from(listener, made, from)) {
+                // Most likely the host's descriptors are used up; it gets no busier by us.
+                if (failed != net::would_block)
+                    m_accept_again = now + 1s;
+                return;
+            }
             let_in(std::move(made), from, now);
         } catch (const std::bad_alloc&) {
             // It is closed.
