@@ -69,6 +69,7 @@ bool qor::crypto::is_base64_digit(char c) noexcept { return value_of(c) != 64; }
 
 std::string qor::crypto::to_base64(std::string_view bytes) {
     std::string text;
+    text.reserve((bytes.size() + 2) / 3 * 4);
     for (std::size_t at = 0; at < bytes.size(); at += 3) {
         const std::string_view three = bytes.substr(at, 3);
         unsigned bits = 0;

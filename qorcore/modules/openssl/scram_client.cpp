@@ -6,7 +6,10 @@
 qor::control::scram_client::scram_client(std::string_view name, std::string_view password, const binding_data& binding)
     : m_name(escaped_name(name)), m_password(password), m_binding(binding_attribute(crypto::bytes_of(binding))) {}
 
-qor::control::scram_client::~scram_client() { crypto::wipe(m_password); }
+qor::control::scram_client::~scram_client() {
+    crypto::wipe(m_password);
+    crypto::wipe(m_expected);
+}
 
 std::string qor::control::scram_client::first() {
     if (!make_nonce(m_nonce))
@@ -48,7 +51,11 @@ bool qor::control::scram_client::answer_with(const crypto::digest& salted_passwo
         !xor_with_signature(stored_key, messages, key))
         return false;
     // From here on it is the proof.
-    answer = without_proof + ",p=" + crypto::to_base64(crypto::bytes_of(key));
+    std::string proof = crypto::to_base64(crypto::bytes_of(key));
+    const crypto::wiped_later of_proof(proof);
+    answer.clear();
+    answer.reserve(without_proof.size() + 3 + proof.size()); // a string that grows leaves copies behind
+    answer.append(without_proof).append(",p=").append(proof);
     return crypto::server_key_of(salted_password, key) && crypto::hmac_sha256(crypto::bytes_of(key), messages, m_expected);
 }
 
