@@ -96,7 +96,7 @@ class Console(Listening):
             self.skipTest("files have other rights there, and processes no memory that is a file")
 
     def unknown(self):
-        """What is said of a listener that was never met before."""
+        """The text on a listener that was never met before."""
         return (f"The key of 'localhost', port {self.port}, is not known here yet. Its fingerprint is {key_beside(self.users)}; "
                 "'qor-debug-user fingerprint' prints the right one where the listener runs.\n")
 

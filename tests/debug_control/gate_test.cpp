@@ -66,7 +66,7 @@ TEST(gate, four_of_a_source) {
         simply(door, "a", start + 1s);
     EXPECT_TRUE(is_turned_away(door, "a", start + 4999ms));
     const gate::place b = simply(door, "b", start + 4999ms);
-    // Who has been there for long makes way for another one of his own.
+    // The oldest connection makes way for another one of its source.
     const entered fifth = enter(door, "a", start + 5s);
     EXPECT_NE(fifth.place, 0u);
     EXPECT_EQ(fifth.loser, oldest);
@@ -159,7 +159,7 @@ TEST(gate, tries_at_an_account) {
     EXPECT_EQ(door.delay("ada", start + 90s), 0s);
 }
 
-// Who has more sources than are remembered does not make anybody forgotten who tried more often.
+// More sources than are remembered do not push out one that tried more often.
 TEST(gate, a_crowd_does_not_push_out_who_has_tried) {
     gate door;
     const moment start{};

@@ -107,7 +107,7 @@ TEST_F(loopback, too_many_sessions) {
     EXPECT_TRUE(one_more->Login("bob", "other")) << last_error();
     for (const control_pointer& each : all)
         EXPECT_TRUE(each->DisableAll()) << last_error();
-    // Who leaves makes room.
+    // A session that ends makes room.
     all.pop_back();
     control_pointer next = connect();
     while (!next->Login("ada", "secret"))

@@ -227,7 +227,7 @@ TEST_F(scram, unknown_users) {
     EXPECT_NE(plain_scram::attributes(answer)['s'], nobody['s']);
 }
 
-// What one sees of a name tells nothing of whether it has an account: each look is as frequent among names that have none. As accounts
+// The look of a name does not tell whether it has an account: each look is as frequent among names that have none. As accounts
 // come, few names change their look, and those that do change their salt.
 TEST_F(scram, unknown_users_look_like_known_ones) {
     const auto account = [](const std::string& name, uint32 iterations, std::size_t salt_size) {

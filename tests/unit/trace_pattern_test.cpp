@@ -116,7 +116,7 @@ TEST(trace_switches, are_replaced_and_limited) {
     EXPECT_FALSE(qorDebugEnableCode("kept.more", true));
     EXPECT_EQ(last_error(), qorError_too_many_switches);
     EXPECT_FALSE(qor::glue::debug_is_on(qorDebugAllocateCode("kept.more")));
-    // What has its code already is not kept, and one that says what others said takes their place.
+    // A name that has its code already is not kept, and a pattern that covers others takes their place.
     EXPECT_TRUE(qorDebugEnableCode("kept.more", true));
     EXPECT_TRUE(qor::glue::debug_is_on(qorDebugAllocateCode("kept.more")));
     EXPECT_TRUE(qor::glue::debug_is_on(qorDebugAllocateCode("kept.254.x")));

@@ -28,7 +28,7 @@ public:
         action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
         for (std::size_t i = 0; i < std::size(ending_signals); ++i) {
             sigaction(ending_signals[i], nullptr, &m_actions[i]);
-            // What is ignored is none of ours to end for.
+            // A signal that is ignored stays ignored.
             if (m_actions[i].sa_handler != SIG_IGN)
                 sigaction(ending_signals[i], &action, nullptr);
         }

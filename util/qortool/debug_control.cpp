@@ -35,7 +35,7 @@ void list_codes(qorStringArray& codes, uint32 heading) {
     fixed_fprintf(stdout, "\n");
 }
 
-// What is handed on ends at a zero byte, and would be something else then that nobody has typed.
+// A text that is handed on ends at its first zero byte, and would not be what was typed.
 bool has_zero_byte(const qorString& line) { return std::strlen(line) != line.Length(); }
 
 // Reads a line behind a prompt. False: there is none, and the user has been told.
@@ -79,7 +79,7 @@ debug_control::~debug_control() = default;
 
 uint32 debug_control::getver_IQORDebugControlSink() noexcept { return 1; }
 
-// On a thread of the framework, while the console waits for input, which it would do for ever. Nothing else
+// On a thread of the framework, while the console waits for input, which may never come. Nothing else
 // of the process runs any more: an orderly exit could wait for the lock of the stream that is being read.
 void debug_control::debug_ConnectionLost() noexcept {
     fixed_fprintf(stderr, "Debug connection lost\n");
@@ -124,7 +124,7 @@ bool debug_control::present(const qorString& user, const qorString& password) {
 }
 
 bool debug_control::log_in() {
-    // What is read ahead would stay in memory, passwords too.
+    // A buffer of the stream would keep what it read, passwords too.
     std::setvbuf(stdin, nullptr, _IONBF, 0);
     for (;;) {
         qorString user;

@@ -35,7 +35,7 @@ public:
     bool remove(std::string_view name);
     std::vector<std::string> names() const;
 
-    // What a stranger sees of an account before the login: the iterations and the length of the salt.
+    // The iterations and the length of the salt, which a stranger sees of an account before the login.
     using look = std::pair<uint32, std::size_t>;
 
     // How many accounts look like that.

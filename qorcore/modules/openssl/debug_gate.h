@@ -72,7 +72,7 @@ private:
     std::vector<entry> m_places; // in the order in which they came
     place m_last_place = 0;
     std::map<std::string, recent, std::less<>> m_sources;
-    // By a hash of the name, so that no flood of names makes an account forgotten. Who shares a number is only delayed with it.
+    // By a hash of the name, so that no flood of names makes an account forgotten. Accounts that share a number are only delayed together.
     std::array<recent, 1024> m_accounts;
     std::map<std::string, unsigned, std::less<>> m_sessions;
     unsigned m_session_count = 0;

@@ -64,7 +64,7 @@ public:
     bool is_logged_in();
     bool was_closed(); // it is lost because the other side ended it
 
-    // In a forked child a link of before has no thread, and its locks may be held for ever: it must be left alone.
+    // In a forked child a link of the parent has no thread, and its locks may never be released: it must be left alone.
     bool is_of_parent() const noexcept { return m_forks != net::fork_count(); }
 
     void set_logged_in();
@@ -73,7 +73,7 @@ public:
     void set_proved() noexcept { m_is_proved = true; }
     bool is_proved() const noexcept { return m_is_proved; }
 
-    // False: the link is lost, and the sink will not be told. When it returns, the sink of before is not told any more.
+    // False: the link is lost, and the sink will not be told. When it returns, the earlier sink is not told any more.
     bool set_sink(IQORDebugControlSink* sink);
 
     // Ends the connection; nobody is told. When it returns the thread does nothing any more, unless it is the thread's own

@@ -98,8 +98,8 @@ private:
 };
 
 // A text of somebody who may not be trusted, as it stands in a line of trace: between quotes, which no text can leave, since what
-// is not printable ASCII, quotes and backslashes are "\xNN" within. Of a longer one than an account's name can be it is the
-// beginning, and "+N" behind the quotes says how many bytes more there are.
+// is not printable ASCII, quotes and backslashes are "\xNN" within. A text longer than an account's name
+// can be is cut there, and "+N" behind the quotes says how many bytes more there are.
 std::string quoted(std::string_view text);
 
 } // namespace qor::control

@@ -102,7 +102,7 @@ struct watched {
     bool ready = false;
 };
 
-// Until one of them is ready or the time is over; less than 0 is for ever. False: one of them is not ours any more.
+// Until one of them is ready or the time is over; less than 0 is no limit. False: one of them is not ours any more.
 bool wait(std::span<watched> all, int milliseconds);
 
 // Ends a wait from another thread: its socket can be waited for. Any number of wakes are one.

@@ -13,7 +13,7 @@ struct source {
     std::string text; // for people: address and port, and the user where there is one
 };
 
-// Of a connection from `from` to `here`, while it stands.
+// The source of a connection from `from` to `here`, while it stands.
 source source_of(const endpoint& from, const endpoint& here);
 
 // The user whose socket of this host it is, as digits, or on Windows as a text of his identifier. False: it is a socket of

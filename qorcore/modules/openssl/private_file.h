@@ -16,14 +16,14 @@ bool read_private_file(const std::string& path, std::string& text, std::string& 
 bool read_own_file(const std::string& path, std::string& text, std::string& reason);
 
 // Puts a file in the place of the one that is there, whole or not at all, for its owner only. Folders that are missing on the
-// way are made, for their owner only, too, but not in a folder of somebody else. Whose change it may meet is to be kept off by a
-// private_file_lock.
+// way are made, for their owner only, too, but not in a folder of somebody else. A private_file_lock has to keep
+// other writers off.
 bool write_private_file(const std::string& path, std::string_view text, std::string& reason);
 
 // Where a file of the framework's configuration folder is for the user that runs this process. False: the last error says why.
 bool configuration_file(const char* name, std::string& path);
 
-// Files are small; one that is longer is none of ours.
+// Our files are small, so a longer one is refused.
 inline constexpr std::size_t longest_private_file = 16 << 20;
 
 // A reason of the catalog "qorcore".

@@ -138,7 +138,7 @@ bool make_folders(const std::string& path, std::string& reason) {
     return true;
 }
 
-// What is there after a loss of power is whole.
+// After a loss of power the file is whole.
 bool put(int file, std::string_view text) {
     return file >= 0 && fchmod(file, S_IRUSR | S_IWUSR) == 0 && write_all(file, text) && fsync(file) == 0;
 }
@@ -170,7 +170,7 @@ descriptor open_lock(const std::string& path, std::string& reason) {
     return is_own(status, S_IRWXG | S_IRWXO, reason) ? std::move(lock) : descriptor(-1);
 }
 
-// Who had the lock took the file away with it: a lock of that one keeps nobody off.
+// The holder of the lock removes the file with it: a lock on a removed file keeps nobody off.
 bool is_at(int file, const std::string& path) noexcept {
     struct stat opened, there;
     return fstat(file, &opened) == 0 && stat(path.c_str(), &there) == 0 && opened.st_dev == there.st_dev &&

@@ -18,7 +18,7 @@ bool cannot_use(const std::string& path, const std::string& reason) {
     return false;
 }
 
-// Of the catalog "qorcore".
+// Numbers of the catalog "qorcore".
 constexpr uint32 no_key = 1058;
 constexpr uint32 no_such_file = 1078;
 

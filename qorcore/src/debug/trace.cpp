@@ -22,7 +22,7 @@ qorDebugFlag flags[qorDebugMaxCodes];
 // By code; a line that is traced reads them without a lock.
 std::atomic<const char*> names[qorDebugMaxCodes];
 
-// What was said of the codes that a pattern matches; numbered in the order in which it was said.
+// A switch of the codes that a pattern matches; switches are numbered in their order.
 struct rule {
     qor::debug::trace_pattern pattern;
     bool enable;
@@ -102,7 +102,7 @@ uint32 qor::glue::qorDebugAllocateCode(const char* name) noexcept {
         qor::error::set(qorError_no_trace_codes_left, {name, std::to_string(qorDebugMaxCodes - 1).c_str()});
         return 0;
     }
-    // What was said since the list was taken is on its way to this code, too.
+    // Switches that came since the list was taken are on their way to this code, too.
     const auto last = std::find_if(rules->rbegin(), rules->rend(), [name](const auto& each) { return each->pattern.matches(name); });
     if (last != rules->rend())
         decide(code, (*last)->enable, (*last)->number);

@@ -26,7 +26,7 @@ public:
     template <class SAME>
     bool matches(std::string_view name, SAME same) const noexcept;
 
-    // Whether it matches all that the other one does. What matches a pattern's text with its stars as they stand does.
+    // Whether it matches all that the other one does: a pattern that matches the other's text, stars as they stand, does.
     bool covers(const trace_pattern& other) const noexcept { return matches(other.m_text); }
 
 private:

@@ -42,7 +42,7 @@ TEST(limits, connections_of_one_user) {
     std::printf("connections before a login, of one user: %ld (4)\n", kept);
     EXPECT_EQ(kept, 4);
 
-    // Who has four that stay gets a fifth in the place of the oldest.
+    // With four that stay, a fifth gets the place of the oldest.
     const test_clock::time_point begin = test_clock::now();
     tls_peer user(host.port(), {address_of(1), {}});
     std::unique_ptr<tls_peer> entered;
@@ -233,7 +233,7 @@ TEST(limits, guesses_at_one_account) {
     if (in_a_minute) {
         EXPECT_EQ(answered, 22u);
     }
-    // Who guesses right has nothing to fear from all that.
+    // The right password gets in all the same.
     const auto owner = enter(host.port(), user_number(100));
     ASSERT_NE(owner, nullptr);
     EXPECT_TRUE(is_logged_in(owner->log_in(ada)));

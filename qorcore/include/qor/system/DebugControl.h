@@ -35,7 +35,7 @@ protected:
 // more (but for one that made the release itself).
 class IQORDebugControl : public IQORInterface {
 public:
-    // Connects to a process that listens there, and checks that it is the one known from earlier; a connection of before
+    // Connects to a process that listens there, and checks that it is the one known from earlier; an earlier connection
     // is ended. Takes up to 10 seconds for each of the host's addresses; port 0, where nothing can be reached, fails at once.
     virtual bool Connect(const char* host, uint16 port) noexcept = 0;
 
@@ -87,7 +87,7 @@ inline void create_IQORDebugControl(IQORDebugControl** out) {
 
 // Lets debug control reach this process, on a thread of the framework's own. `address` is "[HOST:]PORT"; without a host it
 // listens on 127.0.0.1 and ::1 only, and port 0 is any free one. `users` names the file of accounts, null the one in the
-// framework's configuration folder. `port`, where it is not null, gets the port number. A listener of before is ended;
+// framework's configuration folder. `port`, where it is not null, gets the port number. An earlier listener is ended;
 // an address that is null only does that. Trace code "system.debug-control" tells of each login, refusal and change.
 // False: the last error says why; nobody listens then. A forked child does not go on listening.
 inline bool qorDebugListen(const char* address, const char* users = nullptr, uint16* port = nullptr) noexcept {
