@@ -246,6 +246,20 @@ TEST_F(posix_allocation_log, goes_on_when_the_host_closes_its_descriptor) {
     }
 }
 
+// A pipe that is opened anew would make the host wait for a reader.
+TEST_F(posix_allocation_log, into_a_pipe_ends_when_the_host_closes_its_descriptor) {
+    ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+    const int reader = open(m_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    for (const char* const what : {"close", "reuse"}) {
+        const ending ended = play(closes_everything, {m_path, what});
+        EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
+        EXPECT_TRUE(ended.err.ends_with(": the allocation log '" + m_path + "' ends here: Bad file descriptor\n")) << ended.err;
+        EXPECT_EQ(read_file(m_path + ".own").size(), 0u) << what;
+    }
+    close(reader);
+}
+
 // ---------------------------------------------------------------- a log that cannot be written
 
 namespace {

@@ -95,9 +95,9 @@ public:
     std::condition_variable& flusher() noexcept { return m_flusher; }
 
 private:
-    // Where the host has closed the file, its number may be that of another one by now. A pipe is not opened anew: that may wait.
+    // Where the host has closed the file, its number may be that of another one by now.
     void write(std::string_view text) noexcept {
-        if (m_file.recover(m_name.empty() ? nullptr : m_name.c_str()) == 0)
+        if (m_file.recover(m_name.c_str()) == 0)
             (void)m_file.write(text.data(), text.size());
     }
 

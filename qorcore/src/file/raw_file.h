@@ -47,7 +47,8 @@ public:
     int write(const void* bytes, std::size_t size) noexcept;
 
     // Opens the file at `path` again, to append to it, if the host has closed what it did not open, or made
-    // another file of it. Null: it is not opened again. 0, or why there is nothing to write to.
+    // another file of it. A pipe or a device is not opened again, for that might wait. 0, or why there is nothing to
+    // write to.
     int recover(const char* path) noexcept;
 
     // Ends a file that is written here after its first `size` bytes. What has no size stays as it is.

@@ -113,7 +113,10 @@ int qor::file::raw_file::recover(const char* path) noexcept {
     struct stat status;
     if (fstat(static_cast<int>(m_handle), &status) == 0 && is_identity(status, m_identity))
         return 0;
-    return path != nullptr ? open(path, access::append) : EBADF;
+    close();
+    if (stat(path, &status) == 0 && !S_ISREG(status.st_mode))
+        return EBADF;
+    return open(path, access::append);
 }
 
 int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count) noexcept {
