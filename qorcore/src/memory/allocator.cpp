@@ -45,6 +45,9 @@ struct shared_state {
 
 int open_log(shared_state& shared, const std::string& name);
 
+// The state, once it is complete.
+std::atomic<shared_state*> complete_state{nullptr};
+
 // Never destroyed: blocks are freed until the very end of the process.
 shared_state& state() {
     alignas(shared_state) static std::byte place[sizeof(shared_state)];
@@ -56,6 +59,7 @@ shared_state& state() {
         const char* const name = qor::process::environment(qor::memory::log_variable);
         if (name != nullptr && !qor::process::has_argument(qor::memory::log_option))
             (void)open_log(*shared, name); // if it fails, the start of the process will report it
+        complete_state = shared;
         return shared;
     }();
     return *made;
@@ -197,13 +201,13 @@ void finish_log() noexcept {
     state().log.finish();
 }
 
-// The log is worth most where memory has run out. But it may be in the making, by this thread even, and to end it may need
-// memory again.
+// The log is worth most where memory has run out. But it may be in the making, by this thread even, as the state that it is
+// part of may be, and to end it may need memory again.
 void begin_last_words() noexcept {
     static std::atomic<bool> begun{false};
-    shared_state& shared = state();
-    if (!begun.exchange(true) && !shared.is_held && shared.lock.try_lock())
-        shared.log.finish();
+    shared_state* const shared = complete_state;
+    if (!begun.exchange(true) && shared != nullptr && !shared->is_held && shared->lock.try_lock())
+        shared->log.finish();
     std::fflush(stdout);
 }
 
