@@ -37,6 +37,8 @@ public:
         set_empty();
         m_beginning.clear();
         m_has_form = false;
+        m_has_ended = false;
+        m_failure.Empty();
         if (!m_source.open(path))
             return false;
         tell_before_wait();
@@ -63,6 +65,9 @@ public:
     // What the log begins with, once it has turned out to be none of this kind: lines came, and not one of them has the form
     // of such a log, or the file begins as no text does. Empty otherwise.
     std::string_view foreign_beginning() const noexcept { return m_has_form ? std::string_view() : m_beginning; }
+
+    // Why the log was not read to its end; empty where it was.
+    const qorString& failure() const noexcept { return m_failure; }
 
     // Of the batch that the last line is from.
     const char* text() const noexcept { return m_batch->text; }
@@ -108,9 +113,18 @@ private:
             m_batch = nullptr;
         if (m_batch == nullptr) {
             set_empty();
+            note_end();
             return false;
         }
+        m_has_ended = false;
         return true;
+    }
+
+    // A log that is joined is asked for more at each allocation, but its end is looked at once.
+    void note_end() {
+        if (!m_has_ended && qorGetLastError(m_failure) == qorError_none)
+            m_failure.Empty();
+        m_has_ended = true;
     }
 
     void begin_batch(allocation_table& table) {
@@ -177,4 +191,6 @@ private:
     uint32 m_next = 0;
     std::string m_beginning;
     bool m_has_form = false;
+    bool m_has_ended = false;
+    qorString m_failure;
 };

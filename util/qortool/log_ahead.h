@@ -32,8 +32,8 @@ public:
             m_thread.detach();
     }
 
-    // The next lines, valid until the next call; null at the end of the log, or where it cannot be read: then the last
-    // error says why. before_wait() is called where they are not to be had at once.
+    // The next lines, valid until the next call; null at the end of the log, or where it cannot be read. Then the last error
+    // says why, otherwise there is none. before_wait() is called where they are not to be had at once.
     template <class BEFORE_WAIT>
     batch* next(const BEFORE_WAIT& before_wait) {
         return m_shared->take(before_wait);
@@ -70,8 +70,7 @@ private:
                 m_is_held = true;
                 return &m_batches[m_taken % ring];
             }
-            if (m_error->IsError())
-                qor::glue::qorSetLastErrorMessage(*m_error);
+            qor::glue::qorSetLastErrorMessage(*m_error);
             return nullptr;
         }
 

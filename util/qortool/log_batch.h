@@ -112,10 +112,12 @@ public:
 
     bool is_open() const noexcept { return !m_file.IsEmpty(); }
 
-    // Whether lines follow; reads them. False: there are none, or they cannot be read, and then the last error says why.
+    // Whether lines follow; reads them. False: there are none, or they cannot be read. Then the last error says why, otherwise
+    // there is none.
     bool has_text() {
         if (m_next == m_end) {
             uint64 size = 0;
+            qorClearLastError();
             m_is_cut = !m_file->ReadLines(&m_next, &size);
             m_end = m_next + size;
         }

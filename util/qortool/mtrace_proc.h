@@ -28,6 +28,10 @@ public:
     std::string_view foreign_mtrace() const noexcept { return m_mtrace_file.foreign_beginning(); }
     std::string_view foreign_memcheck() const noexcept { return m_memcheck_file.foreign_beginning(); }
 
+    // After a replay: why a log was not read to its end. Empty otherwise.
+    const qorString& mtrace_failure() const noexcept { return m_mtrace_file.failure(); }
+    const qorString& memcheck_failure() const noexcept { return m_memcheck_file.failure(); }
+
     using __entry = allocation_table::__entry;
     using __block = allocation_table::__block;
     using __mtrace_line = log_lines::mtrace_line;

@@ -105,6 +105,7 @@ constexpr message qortool[] = {
     {102, "zero bytes and nothing else"},
     {103, "blank lines and nothing else"},
     {104, "a text of another kind"},
+    {105, "{1} The report covers only what was read before."},
 };
 
 // What qor-debug-user says.

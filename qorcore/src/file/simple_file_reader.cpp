@@ -32,6 +32,7 @@ public:
         }
         m_next = m_lines_end = m_end = 0;
         m_is_cut = false;
+        m_failed = 0;
         m_path = path;
         if (const int reason = m_file.open(path, qor::file::raw_file::access::read)) {
             qor::error::set_with_reason(qorError_cannot_open_file, path, reason);
@@ -132,8 +133,12 @@ private:
         return true;
     }
 
-    // False: the file ends here, or cannot be read.
+    // False: the file ends here, or cannot be read. Behind what could not be read nothing is looked for: a part would be missing.
     bool read_more() {
+        if (m_failed != 0) {
+            qor::error::set_with_reason(qorError_cannot_read_file, m_path.c_str(), m_failed);
+            return false;
+        }
         if (m_end == m_size && m_size != longest_line)
             enlarge();
         if (m_before_wait != nullptr && m_file.has_to_wait())
@@ -142,8 +147,9 @@ private:
         // its end only, for which there is room.
         const std::size_t wanted = std::clamp<std::size_t>(m_size - m_end, 1, block_size);
         std::size_t count = 0;
-        if (const int reason = m_file.read(m_block + m_end, wanted, &count))
-            qor::error::set_with_reason(qorError_cannot_read_file, m_path.c_str(), reason);
+        m_failed = m_file.read(m_block + m_end, wanted, &count);
+        if (m_failed != 0)
+            qor::error::set_with_reason(qorError_cannot_read_file, m_path.c_str(), m_failed);
         m_end += count;
         return count != 0;
     }
@@ -168,6 +174,7 @@ private:
     std::size_t m_end = 0;       // behind what was read
     bool m_ended_by_us = false;  // the last line end in the block is not in the file
     bool m_is_cut = false;       // nor is that of the only line, which is too long
+    int m_failed = 0;            // why the file cannot be read any further; 0: it can
     void (*m_before_wait)(void*) = nullptr;
     void* m_context = nullptr;
 };

@@ -50,7 +50,8 @@ public:
 
     // Reads the next line, of at most 256 MiB, without its end (LF or CR LF); what follows the last line end is a line
     // too unless it is empty. False at the end of the file, at a longer line, or on a read error; the last two are
-    // then the last error. Behind a longer line the next call goes on.
+    // then the last error. Behind a longer line the next call goes on. After a read error none does: what had come of a
+    // line is handed out as a line, and every call after that is false with the same error.
     virtual bool ReadLine(qorString& line) noexcept = 0;
 
     // Hands out the next run of whole lines in place: *size bytes at *text, the next line first. Every line ends with
