@@ -37,21 +37,13 @@ const definition* find_definition(uint32 number) noexcept {
 // to the end; that of every other thread goes with the thread.
 thread_local qor::error::state* last_error = nullptr;
 
-struct last_error_owner {
-    ~last_error_owner() {
-        if (!qor::process::is_main_thread())
-            delete std::exchange(last_error, nullptr);
-    }
-    void attend() const noexcept {}
-};
-thread_local const last_error_owner owner;
+void forget_last_error() { delete std::exchange(last_error, nullptr); }
 
 qor::error::state& own_state() {
     if (last_error == nullptr) {
         last_error = new qor::error::state;
-        // Makes it, so that the thread's end frees the state. That takes memory, and the C library aborts where there is none.
         if (!qor::process::is_main_thread())
-            owner.attend();
+            qor::process::at_thread_end(forget_last_error);
     }
     return *last_error;
 }

@@ -16,6 +16,9 @@ unsigned long thread_id() noexcept;
 // the one that loaded the library.
 bool is_main_thread() noexcept;
 
+// From now on the end of the calling thread calls `run`, the same in all threads. Not for the main thread.
+void at_thread_end(void (*run)()) noexcept;
+
 // The path of the running program's file; empty if it cannot be told.
 std::string executable();
 

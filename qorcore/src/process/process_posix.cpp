@@ -2,6 +2,7 @@
 
 #include "file/whole_file.h"
 #include "qor/glue/impl_posix.h"
+#include "qor/qor.h"
 
 #include <cerrno>
 #include <csignal>
@@ -36,6 +37,16 @@ void qor::process::set_name(const char* name) { process_name() = name; }
 unsigned long qor::process::process_id() noexcept { return static_cast<unsigned long>(getpid()); }
 unsigned long qor::process::thread_id() noexcept { return static_cast<unsigned long>(gettid()); }
 bool qor::process::is_main_thread() noexcept { return gettid() == getpid(); }
+
+// No destructor of a thread_local object: to note one takes memory, and the C library aborts where there is none. Where there is
+// no key left the end of a thread is not told.
+void qor::process::at_thread_end(void (*run)()) noexcept {
+    static pthread_key_t key;
+    static const bool is_made =
+        pthread_key_create(&key, [](void* called) { reinterpret_cast<void (*)()>(called)(); }) == 0;
+    if (is_made && pthread_setspecific(key, reinterpret_cast<void*>(run)) != 0)
+        qorEndOutOfMemory();
+}
 
 std::string qor::process::executable() {
     glue::own_path path;

@@ -50,6 +50,18 @@ unsigned long qor::process::process_id() noexcept { return GetCurrentProcessId()
 unsigned long qor::process::thread_id() noexcept { return GetCurrentThreadId(); }
 bool qor::process::is_main_thread() noexcept { return GetCurrentThreadId() == loading_thread; }
 
+void qor::process::at_thread_end(void (*run)()) noexcept {
+    struct caller {
+        void (*run)() = nullptr;
+        ~caller() {
+            if (run != nullptr)
+                run();
+        }
+    };
+    thread_local caller at_end;
+    at_end.run = run;
+}
+
 std::string qor::process::executable() { return module_path(nullptr); }
 
 std::string qor::process::library_folder() {
