@@ -193,7 +193,7 @@ int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
 }
 
 // ---- the system calls: CALL(result, name, (parameters), number of the call, its arguments), and CALL_OF_LENGTH with
-// `length` for those that may do less than they were asked to.
+// `length` for those that may do less than they were asked to; the target comes first where one has two names.
 #define CALL(result, name, parameters, ...)                                                                  \
     result name parameters {                                                                                 \
         if (fires(#name, #name)) {                                                                           \
@@ -202,9 +202,9 @@ int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
         }                                                                                                    \
         return result(syscall(__VA_ARGS__));                                                                 \
     }
-#define CALL_OF_LENGTH(name, parameters, ...)                                                                \
+#define CALL_OF_LENGTH(target, name, parameters, ...)                                                        \
     ssize_t name parameters {                                                                                \
-        if (fires(#name, #name)) {                                                                           \
+        if (fires(target, #name)) {                                                                          \
             if (!s_settings.is_short || length < 2) {                                                        \
                 errno = s_settings.error;                                                                    \
                 return -1;                                                                                   \
@@ -233,12 +233,12 @@ CALL_THAT_OPENS(open, (const char* path, int flags, ...), SYS_openat, AT_FDCWD, 
 CALL_THAT_OPENS(open64, (const char* path, int flags, ...), SYS_openat, AT_FDCWD, path)
 CALL_THAT_OPENS(openat, (int folder, const char* path, int flags, ...), SYS_openat, folder, path)
 CALL_THAT_OPENS(openat64, (int folder, const char* path, int flags, ...), SYS_openat, folder, path)
-CALL_OF_LENGTH(read, (int file, void* bytes, std::size_t length), SYS_read, file, bytes, length)
-CALL_OF_LENGTH(pread, (int file, void* bytes, std::size_t length, off_t at), SYS_pread64, file, bytes, length, at)
-CALL_OF_LENGTH(pread64, (int file, void* bytes, std::size_t length, off64_t at), SYS_pread64, file, bytes, length, at)
-CALL_OF_LENGTH(write, (int file, const void* bytes, std::size_t length), SYS_write, file, bytes, length)
-CALL_OF_LENGTH(recv, (int file, void* bytes, std::size_t length, int flags), SYS_recvfrom, file, bytes, length, flags, 0, 0)
-CALL_OF_LENGTH(send, (int file, const void* bytes, std::size_t length, int flags), SYS_sendto, file, bytes, length, flags, 0, 0)
+CALL_OF_LENGTH("read", read, (int file, void* bytes, std::size_t length), SYS_read, file, bytes, length)
+CALL_OF_LENGTH("pread", pread, (int file, void* bytes, std::size_t length, off_t at), SYS_pread64, file, bytes, length, at)
+CALL_OF_LENGTH("pread", pread64, (int file, void* bytes, std::size_t length, off64_t at), SYS_pread64, file, bytes, length, at)
+CALL_OF_LENGTH("write", write, (int file, const void* bytes, std::size_t length), SYS_write, file, bytes, length)
+CALL_OF_LENGTH("recv", recv, (int file, void* bytes, std::size_t length, int flags), SYS_recvfrom, file, bytes, length, flags, 0, 0)
+CALL_OF_LENGTH("send", send, (int file, const void* bytes, std::size_t length, int flags), SYS_sendto, file, bytes, length, flags, 0, 0)
 CALL(int, close, (int file), SYS_close, file)
 CALL(int, fstat, (int file, struct stat* out), SYS_fstat, file, out)
 CALL(int, poll, (struct pollfd* files, nfds_t count, int milliseconds), SYS_poll, files, count, milliseconds)
