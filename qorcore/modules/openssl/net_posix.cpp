@@ -12,6 +12,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <new>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -48,10 +49,12 @@ void before_fork();
 void after_fork_in_parent();
 void after_fork_in_child();
 
-register_of_sockets& sockets() {
+// Takes no memory: destructors ask for it, too.
+register_of_sockets& sockets() noexcept {
+    alignas(register_of_sockets) static std::byte place[sizeof(register_of_sockets)];
     static register_of_sockets* const made = [] {
         pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
-        return new register_of_sockets;
+        return new (place) register_of_sockets;
     }();
     return *made;
 }
