@@ -219,11 +219,13 @@ TEST(net_naming, the_alias_is_the_display_name_then_an_alternative_name_then_kin
     EXPECT_EQ(root.describe(link).display_name, "enp0s3");
 }
 
-TEST(net_naming, what_would_move_the_cursor_is_not_printed) {
+TEST(net_naming, line_ends_are_blanks_and_all_else_is_as_it_is) {
     fake_root root;
     link_row link = make_link("eth0");
     link.alias = "one\ntwo\x1b[2J\x7f ü";
-    EXPECT_EQ(root.describe(link).display_name, "one?two?[2J? ü");
+    EXPECT_EQ(root.describe(link).display_name, "one two\x1b[2J\x7f ü");
+    link.alternative_names = {"three\nfour\r"};
+    EXPECT_EQ(root.describe(link).description, "Ethernet, also three four\r");
 }
 
 TEST(net_naming, kinds) {

@@ -26,9 +26,9 @@ constexpr kind_name kinds[] = {
     {"wwan", "Mobile broadband"}, {"xfrm", "Tunnel"},
 };
 
-// A text for one line: what would move the cursor stands in none.
-std::string printable(std::string text) {
-    std::ranges::replace_if(text, [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, '?');
+// A text for one line, in a file too: what stands behind a line end would look like a line of the list.
+std::string one_line(std::string text) {
+    std::ranges::replace(text, '\n', ' ');
     return text;
 }
 
@@ -77,7 +77,7 @@ const char* network::kind_of(const link_row& link, bool is_wireless) noexcept {
 
 std::string network::display_name(const link_row& link, const char* kind) {
     const std::string given = given_name(link);
-    return printable(!given.empty() ? given : kind + (" (" + link.name + ")"));
+    return one_line(!given.empty() ? given : kind + (" (" + link.name + ")"));
 }
 
 std::string network::description(const link_row& link, const char* kind, const std::optional<device_facts>& device) {
@@ -99,5 +99,5 @@ std::string network::description(const link_row& link, const char* kind, const s
     for (const std::string& name : link.alternative_names)
         if (name != display)
             add(", also ", name);
-    return printable(text);
+    return one_line(text);
 }

@@ -9,7 +9,8 @@ namespace qor::serial {
 // The lines of a file. None if it cannot be read.
 std::vector<std::string> read_lines(const std::string& path);
 
-// The first line, without white space around it and without control characters. Empty if it cannot be read.
+// The first line, without white space around it. Texts of USB devices are whatever their makers wrote. Empty if it
+// cannot be read.
 std::string read_attribute(const std::string& path);
 
 bool exists(const std::string& path) noexcept;

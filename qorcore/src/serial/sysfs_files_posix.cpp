@@ -34,13 +34,10 @@ std::string qor::serial::read_attribute(const std::string& path) {
     std::vector<std::string> lines = read_lines(path);
     if (lines.empty())
         return {};
+    constexpr const char* white_space = " \t\r\v\f";
     std::string& text = lines.front();
-    // Texts of USB devices are whatever their makers wrote; a terminal would obey them.
-    for (char& c : text)
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f')
-            c = ' ';
-    text.erase(text.find_last_not_of(' ') + 1);
-    text.erase(0, text.find_first_not_of(' '));
+    text.erase(text.find_last_not_of(white_space) + 1);
+    text.erase(0, text.find_first_not_of(white_space));
     return std::move(text);
 }
 
