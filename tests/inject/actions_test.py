@@ -22,6 +22,9 @@ import sys
 import tempfile
 import time
 
+sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "support"))
+from tool import preloadable  # noqa: E402  # beside this folder
+
 TIMEOUT_SECONDS = 120
 
 # Why, the contract says, is told to the system's log alone.
@@ -212,7 +215,7 @@ def main():
     faults = 0
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
-        injector = Injector(options.injector.resolve(), folder)
+        injector = Injector(preloadable(options.injector, folder), folder)
         tool, debug_user = (options.bin.resolve() / each for each in ("qortool", "qor-debug-user"))
         runs = action_runs(tool, options.samples.resolve(), folder) + debug_user_runs(debug_user, folder)
         known = (folder / "accounts")

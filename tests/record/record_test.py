@@ -8,6 +8,7 @@ with a sanitizer, and cannot be recorded.
 """
 
 import argparse
+import glob
 import os
 import pathlib
 import re
@@ -152,6 +153,22 @@ class Programs(Recorded):
         report = self.report("mtrace", "log.mtrace")
         self.assertEqual(self.leaks(report), {71002: 1})
         self.assertNotIn("BAD FREE", report)
+
+    def test_paths_with_blanks_and_umlauts(self):
+        """The system parts the list of what it preloads at blanks and colons."""
+        self.folder /= "ein größerer Ordner"
+        self.folder.mkdir()
+        script = shutil.copytree(options.record.parent, self.folder / "die Skripte") / options.record.name
+        for cache in ("kühler Ort", "with:colon"):
+            with self.subTest(cache):
+                self.environment["XDG_CACHE_HOME"] = str(self.folder / cache)
+                done = subprocess.run([script, "-o", "ein Lög", "sh", "-c", "exec true"], cwd=self.folder, env=self.environment,
+                                      stdin=subprocess.DEVNULL, capture_output=True, text=True)
+                self.assertEqual(done.returncode, 0, done.stderr)
+                self.assertIn("record: ein Lög.mtrace: ", done.stderr)
+                self.assertTrue(self.lines("ein Lög.mtrace"))
+        left = [link for link in glob.glob("/tmp/record.*/*") if os.path.realpath(link).startswith(str(self.folder.resolve()))]
+        self.assertEqual(left, [])
 
     def test_a_folder_that_cannot_be_written(self):
         done = self.record("true", prefix=("-o", "nowhere/log"))

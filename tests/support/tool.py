@@ -39,6 +39,14 @@ def copy_programs(source, folder):
     return folder / "qortool"
 
 
+def preloadable(library, folder):
+    """A path of the library for LD_PRELOAD, a list that is parted at blanks and colons: a link in this temporary folder."""
+    link = Path(folder) / Path(library).name
+    if not link.exists():
+        link.symlink_to(Path(library).resolve())
+    return link
+
+
 def as_nobody():
     """How subprocess starts a program as a user without rights. A test that runs without root is such a user."""
     return {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}

@@ -22,7 +22,7 @@ from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
 from strange_files import KINDS, strange_file  # noqa: E402  # beside this folder
-from tool import as_nobody, copy_programs, public_folder  # noqa: E402  # beside this folder
+from tool import as_nobody, copy_programs, preloadable, public_folder  # noqa: E402  # beside this folder
 
 HOST_FILE = Path("/etc/pam.d/qor")
 PASSWORD = "Tr1cky pass{1}%s"
@@ -304,11 +304,12 @@ class Logon(RealAccount):
         for password in (PASSWORD, PASSWORD + "!"):
             log = self.root / "log"
             variables = {"FIND_SECRET": password[::-1], "FIND_SECRET_LOG": str(log)}
-            self.logon(password, preload=options.bin / "find_secret.so", variables=variables)
+            find_secret = preloadable(options.bin / "find_secret.so", self.root)
+            self.logon(password, preload=find_secret, variables=variables)
             self.assertEqual(log.read_text(), "0\n")
             # And it would have been found: where nobody logs on, it stays where it was.
             self.run_program(self.tool, "--quiet", "logon", self.user, password, "too many", variables=variables,
-                             preload=options.bin / "find_secret.so")
+                             preload=find_secret)
             self.assertGreater(int(log.read_text()), 0)
 
 
