@@ -59,10 +59,20 @@ install_missing() {
         </dev/null 2>&1) || die "$log" "These packages could not be installed: ${missing[*]}"
 }
 
+# may_build_in FOLDER: whether this user may build there. Another user, root for instance, may have built in it before.
+may_build_in() {
+    local lock
+    if [[ ! -e $1 ]]; then [[ -w ${1%/*} ]]; return; fi
+    [[ -w $1 ]] || return
+    for lock in "$1"/*.lock; do
+        [[ -w $lock || ! -e $lock ]] || return
+    done
+}
+
 # Builds lie in the clone, or where this user may not write there, in the user's cache: the clone may belong to somebody
 # else, or lie on a medium that is read-only. scripts/in-wine, which ctest starts, finds them by the variable.
 builds=$tree/build
-if [[ ! -w $builds && (-e $builds || ! -w $tree) ]]; then
+if ! may_build_in "$builds"; then
     cache=${XDG_CACHE_HOME:-${HOME:+$HOME/.cache}}
     builds=$cache/qor/build-$(cksum <<<"$tree" | tr ' ' -)
     if [[ ! -d $builds ]]; then
