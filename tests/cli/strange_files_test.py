@@ -105,6 +105,16 @@ class StrangeFiles(unittest.TestCase):
             self.each(file, lambda _, name=name: self.assertEqual(self.run_program("--quiet", "tztest", TZ=name), expected),
                       b"TZif2")
 
+    def test_time_zones_that_are_known_without_a_file(self):
+        """The C library looks for a file of that name all the same, and would wait there."""
+        for name in ("CET-1", "UTC"):
+            def check(kind, name=name):
+                stands_in = "UTC0" if kind in ("pipe", "pipe with text", "device", "socket") else name
+                self.assertEqual(self.run_program("--quiet", "tztest", TZ=name, TZDIR=str(self.folder)),
+                                 self.run_program("--quiet", "tztest", TZ=stands_in))
+
+            self.each(self.folder / name, check, b"TZif2")
+
     def test_accounts(self):
         file = self.folder / "users"
 

@@ -56,8 +56,8 @@ void qor::time::look_at_zone(uint64 clock) noexcept {
     const bool is_new = checked != name;
     if (is_new) {
         checked = name;
-        known = tz == nullptr || is_zone(tz);
-        usable = known || can_be_asked_for(tz);
+        usable = tz == nullptr || can_be_asked_for(tz);
+        known = usable && (tz == nullptr || is_zone(tz));
     }
     // localtime_r need not look at the zone again.
     if (usable)
