@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Local times of all zones of this system's database, at every change of their offsets from 1970 to 2100, beside Python's
-zoneinfo, which reads the database by itself.
+zoneinfo, which reads the database by itself, and those that come once beside the C library's mktime as well.
 
 For a local time that is skipped or comes twice, Python's fold=0 asks for what the framework promises: the offset before
 the change, the first of the two.
@@ -11,11 +11,13 @@ usage: zones_test.py --program PATH
 import argparse
 import datetime
 import hashlib
+import os
 import struct
 import subprocess
 import sys
 import zoneinfo
 from pathlib import Path
+from time import mktime, tzset
 
 DATABASE = Path("/usr/share/zoneinfo")
 EPOCH = datetime.datetime(1970, 1, 1)
@@ -58,8 +60,16 @@ def changes(zone, data):
     return sorted(found)
 
 
-def questions(zone, data):
+def check_mktime(name, time, second):
+    """A local time that comes once is the same second to the C library."""
+    theirs = int(mktime((*time.timetuple()[:6], 0, 0, -1)))
+    assert theirs == second, (name, time, second, theirs)
+
+
+def questions(name, zone, data):
     """[(question, answer)]"""
+    os.environ["TZ"] = name
+    tzset()
     asked = []
     local = set()
     for change in changes(zone, data):
@@ -71,6 +81,8 @@ def questions(zone, data):
         time = EPOCH + second * SECOND
         ahead = int(time.replace(tzinfo=zone, fold=0).utcoffset().total_seconds())
         asked.append((f"local {time:%Y %m %d %H %M %S}", second - ahead))
+        if int(time.replace(tzinfo=zone, fold=1).utcoffset().total_seconds()) == ahead:
+            check_mktime(name, time, second - ahead)
     return asked
 
 
@@ -87,7 +99,7 @@ def main():
         # A zone may have several names; the changes of one are enough.
         if key not in known:
             known[key] = name
-            asked += [(f"zone {name}", 0), *questions(zoneinfo.ZoneInfo(name), data)]
+            asked += [(f"zone {name}", 0), *questions(name, zoneinfo.ZoneInfo(name), data)]
         else:
             asked.append((f"zone {name}", 0))
     text = "".join(question + "\n" for question, _ in asked)
