@@ -235,7 +235,9 @@ class RecordedAdapter(unittest.TestCase):
         with tempfile.TemporaryDirectory(prefix="qor.") as folder:
             record = Path(folder) / "adapter.umockdev"
             record.write_text(ADAPTER)
-            code, out, err = run("list-serial", command=["umockdev-run", "--device", str(record), "--"])
+            # It takes words of ASCII only, and the path of the build may have others.
+            program = str(copy_programs(tool.path.parent, Path(folder)))
+            code, out, err = run("list-serial", command=["umockdev-run", "--device", str(record), "--"], program=program)
         self.assertEqual((code, err), (0, ""))
         self.assertIn("\nttyUSB0                         USB bus 1, port 2.3: FTDI FT232R USB UART, serial A50285BI\n", out)
 
