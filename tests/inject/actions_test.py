@@ -23,7 +23,7 @@ import tempfile
 import time
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from tool import preloadable  # noqa: E402  # beside this folder
+from tool import linked  # noqa: E402  # beside this folder
 
 TIMEOUT_SECONDS = 120
 
@@ -215,7 +215,7 @@ def main():
     faults = 0
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
-        injector = Injector(preloadable(options.injector, folder), folder)
+        injector = Injector(linked(options.injector, folder), folder)
         tool, debug_user = (options.bin.resolve() / each for each in ("qortool", "qor-debug-user"))
         runs = action_runs(tool, options.samples.resolve(), folder) + debug_user_runs(debug_user, folder)
         known = (folder / "accounts")

@@ -9,12 +9,12 @@ import sys
 import tempfile
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from tool import preloadable  # noqa: E402  # beside this folder
+from tool import linked  # noqa: E402  # beside this folder
 
 parser = argparse.ArgumentParser()
 parser.add_argument("--program", type=pathlib.Path, required=True)
 parser.add_argument("--injector", type=pathlib.Path, required=True)
 options = parser.parse_args()
 with tempfile.TemporaryDirectory() as folder, tempfile.TemporaryDirectory() as links:
-    environment = {"PATH": os.defpath, "LC_ALL": "C", "LD_PRELOAD": str(preloadable(options.injector, links))}
+    environment = {"PATH": os.defpath, "LC_ALL": "C", "LD_PRELOAD": str(linked(options.injector, links))}
     sys.exit(subprocess.run([options.program.resolve(), folder], env=environment).returncode)

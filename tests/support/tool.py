@@ -39,8 +39,9 @@ def copy_programs(source, folder):
     return folder / "qortool"
 
 
-def preloadable(library, folder):
-    """A path of the library for LD_PRELOAD, a list that is parted at blanks and colons: a link in this temporary folder."""
+def linked(library, folder):
+    """A path of the library for lists that are parted at blanks and colons, LD_PRELOAD and PAM's rules: a link in this temporary
+    folder."""
     link = Path(folder) / Path(library).name
     if not link.exists():
         link.symlink_to(Path(library).resolve())

@@ -22,7 +22,7 @@ from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
 from strange_files import KINDS, strange_file  # noqa: E402  # beside this folder
-from tool import as_nobody, copy_programs, preloadable, public_folder  # noqa: E402  # beside this folder
+from tool import as_nobody, copy_programs, linked, public_folder  # noqa: E402  # beside this folder
 
 HOST_FILE = Path("/etc/pam.d/qor")
 PASSWORD = "Tr1cky pass{1}%s"
@@ -304,7 +304,7 @@ class Logon(RealAccount):
         for password in (PASSWORD, PASSWORD + "!"):
             log = self.root / "log"
             variables = {"FIND_SECRET": password[::-1], "FIND_SECRET_LOG": str(log)}
-            find_secret = preloadable(options.bin / "find_secret.so", self.root)
+            find_secret = linked(options.bin / "find_secret.so", self.root)
             self.logon(password, preload=find_secret, variables=variables)
             self.assertEqual(log.read_text(), "0\n")
             # And it would have been found: where nobody logs on, it stays where it was.
@@ -326,7 +326,7 @@ class Rules(RealAccount):
         (self.rules / "qor").write_text(f"auth {auth}\naccount {account}\n")
 
     def asking(self, *words):
-        return f"required {options.bin / 'pam_asking.so'} {self.record} {' '.join(words)}"
+        return f"required {linked(options.bin / 'pam_asking.so', self.root)} {self.record} {' '.join(words)}"
 
     def recorded(self):
         return self.record.read_text().splitlines()
