@@ -48,11 +48,10 @@ int main(int argc, char** argv) {
     const unsigned long count = std::strtoul(args[1], nullptr, 10);
     const bool plain = std::strcmp(args[0], "malloc") == 0;
     for (const unsigned long rounds : {count / 10, count}) // the first warms up
-        std::printf("%.2f\n",
-                    plain ? nanoseconds(rounds, std::malloc, std::free)
-                          : nanoseconds(
-                                rounds, [](uint64 size) { return qor_do_malloc(0, size, true, source, 1); },
-                                [](void* block) { qor_do_free(block, source, 2); }));
+        std::printf("%.2f\n", plain ? nanoseconds(rounds, std::malloc, std::free)
+                                    : nanoseconds(
+                                          rounds, [](uint64 size) { return qor_do_malloc(0, size, true, source, 1); },
+                                          [](void* block) { qor_do_free(block, source, 2); }));
     qorCleanup();
     return 0;
 }

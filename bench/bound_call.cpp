@@ -18,12 +18,8 @@ namespace {
 constexpr double scope_limit = 3;
 
 // Keeps the compiler from moving anything across: it must load, test and call each time anew.
-inline void fence() {
-    asm volatile("" ::: "memory");
-}
-inline void use(const void* value) {
-    asm volatile("" ::"r"(value) : "memory");
-}
+inline void fence() { asm volatile("" ::: "memory"); }
+inline void use(const void* value) { asm volatile("" ::"r"(value) : "memory"); }
 
 const qorDebugFlag s_flags[1] = {};
 
@@ -107,7 +103,6 @@ int main(int argc, char** argv) {
         std::printf("%-24s %6.2f ns\n", one.name, one.median());
     std::printf("bound / direct           %6.2f\n", bound.median() / plain.median());
     std::printf("bound / pointer          %6.2f\n", bound.median() / pointer.median());
-    std::printf("scope - nothing          %6.2f ns (at most %.0f)\n", scope.median() - nothing.median(),
-                scope_limit);
+    std::printf("scope - nothing          %6.2f ns (at most %.0f)\n", scope.median() - nothing.median(), scope_limit);
     return brief || scope.best() - nothing.best() <= scope_limit ? 0 : 1;
 }

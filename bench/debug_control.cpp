@@ -1,10 +1,10 @@
-// Debug control over the loopback network, listener and console in one process: lists of 10,000 trace codes, of which half
-// are on, one small request, and a login; and what a trace scope that is off costs in a process that listens.
+// Debug control over the loopback network, listener and console in one process: lists of 10,000 trace codes, of which
+// half are on, one small request, and a login; and what a trace scope that is off costs in a process that listens.
 //
 //   debug_control_bench [--brief]
 //
-// Prints medians. The exit code is 1 if a list takes more than 100 ms, or the scope more than 3 ns, even in its best round; a
-// brief run fails by no figure, because other programs have too much to say in it.
+// Prints medians. The exit code is 1 if a list takes more than 100 ms, or the scope more than 3 ns, even in its best
+// round; a brief run fails by no figure, because other programs have too much to say in it.
 #include "qor/qor.h"
 
 #include <algorithm>
@@ -60,7 +60,8 @@ public:
 
 private:
     const std::filesystem::path m_path =
-        std::filesystem::temp_directory_path() / ("qor-bench-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+        std::filesystem::temp_directory_path() /
+        ("qor-bench-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
 };
 
 void run_scopes(uint32 code) {
@@ -82,14 +83,14 @@ bool run(unsigned rounds) {
     qorDebugEnableCode("*.even", true);
     zetSmartPointer<IQORDebugControl> control;
     create_IQORDebugControl(control.Out());
-    print("login, 600,000 iterations", 3, [&] {
-        require(control->Connect("127.0.0.1", port) && control->Login("bench", "a password"));
-    });
+    print("login, 600,000 iterations", 3,
+          [&] { require(control->Connect("127.0.0.1", port) && control->Login("bench", "a password")); });
     qorStringArray names;
     const double all = print("list of 10,000 codes", rounds, [&] { require(control->GetCodes(names)); });
     if (names.GetCount() < code_count)
         std::exit(1);
-    const double enabled = print("list of the 5,000 that are on", rounds, [&] { require(control->GetEnabledCodes(names)); });
+    const double enabled =
+        print("list of the 5,000 that are on", rounds, [&] { require(control->GetEnabledCodes(names)); });
     print("a code switched", 10 * rounds, [&] { require(control->EnableCode("bench.subsystem.1.odd", false)); });
     const uint32 off = qorDebugAllocateCode("bench.scope");
     const double nanoseconds_each = 1e6 / scope_count;

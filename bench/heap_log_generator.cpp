@@ -110,13 +110,12 @@ private:
         // A third of the lines of real logs name a function, the others only an address.
         if (number % 3 == 0)
             std::snprintf(text, sizeof text,
-                          "/usr/lib/x86_64-linux-gnu/libapp%d.so.1:(_ZN3app6module%d6createEv+0x%x)[0x%x]",
-                          number % 17, number, 8 + number % 500, 0x10000 + number * 52);
+                          "/usr/lib/x86_64-linux-gnu/libapp%d.so.1:(_ZN3app6module%d6createEv+0x%x)[0x%x]", number % 17,
+                          number, 8 + number % 500, 0x10000 + number * 52);
         else
             std::snprintf(text, sizeof text, "/usr/bin/app:[0x%x]", 0x4000 + number * 40);
         CallSite site{text, {}, {}};
-        std::snprintf(text, sizeof text, "src/module%d/part%d %d", number % 40, number % 300,
-                      1 + number * 7 % 2000);
+        std::snprintf(text, sizeof text, "src/module%d/part%d %d", number % 40, number % 300, 1 + number * 7 % 2000);
         site.source = text;
         std::snprintf(text, sizeof text, "app::module%d::Node%d", number % 40, number % 500);
         site.type_name = text;

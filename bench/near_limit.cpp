@@ -206,8 +206,7 @@ public:
         if (text[0] != '@')
             return;
         const char* const caller = text + 2;
-        const char* at =
-            static_cast<const char*>(std::memchr(caller, ' ', static_cast<std::size_t>(end - caller)));
+        const char* at = static_cast<const char*>(std::memchr(caller, ' ', static_cast<std::size_t>(end - caller)));
         const auto caller_size = static_cast<std::size_t>(at - caller);
         const char code = at[1];
         at += 3;

@@ -100,8 +100,7 @@ double round_of(routine run, const work& what, uint64& place) {
             place = place + 2 * stride <= half_pool ? place + stride : 0;
         run(s_to + place + what.to_offset, s_from + place + what.from_offset, what.length);
     }
-    return std::chrono::duration<double, std::nano>(clock::now() - begin).count() /
-           static_cast<double>(calls);
+    return std::chrono::duration<double, std::nano>(clock::now() - begin).count() / static_cast<double>(calls);
 }
 
 double median(std::vector<double>& values) {
@@ -126,8 +125,8 @@ double compare(const char* name, routine theirs, routine ours, const work& what,
     const double our_median = median(our_times);
     const double ratio = median(their_times) / our_median;
     const bool missed = limit > 0 && ratio < limit;
-    std::printf("%-34s %8s %s %8.1f GB/s %6.2f", name, size_name(what.length).c_str(),
-                what.cold ? "cold" : "hot ", static_cast<double>(what.length) / our_median, ratio);
+    std::printf("%-34s %8s %s %8.1f GB/s %6.2f", name, size_name(what.length).c_str(), what.cold ? "cold" : "hot ",
+                static_cast<double>(what.length) / our_median, ratio);
     if (limit > 0)
         std::printf("  (at least %.2f)%s", limit, missed ? " MISSED" : "");
     std::putchar('\n');
@@ -211,8 +210,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     const qor::simd::cache_sizes caches = qor::simd::read_cache_sizes();
-    std::printf("%s; caches %llu KiB, %llu KiB, %llu KiB; C library %s\n", processor().c_str(),
-                caches.first_data / kib, caches.second / kib, caches.third / kib, gnu_get_libc_version());
+    std::printf("%s; caches %llu KiB, %llu KiB, %llu KiB; C library %s\n", processor().c_str(), caches.first_data / kib,
+                caches.second / kib, caches.third / kib, gnu_get_libc_version());
     s_to = allocate();
     s_from = allocate();
     compare_copies();

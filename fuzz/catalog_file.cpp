@@ -114,8 +114,8 @@ std::string expected_text(const std::vector<std::string>& lines, const message& 
     for (const std::string& line : lines) {
         std::string raw;
         std::string text;
-        if (text_of_line(line, original.number, raw) && is_plain(raw) && is_utf8(raw) &&
-            unescape(raw, text) && same_inserts(text, std::string(original.text)))
+        if (text_of_line(line, original.number, raw) && is_plain(raw) && is_utf8(raw) && unescape(raw, text) &&
+            same_inserts(text, std::string(original.text)))
             return text;
     }
     return {};

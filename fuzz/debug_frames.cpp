@@ -21,8 +21,8 @@ std::string plain_frames(const std::string& bytes, bool& malformed) {
     std::size_t begin = 0;
     malformed = false;
     while (bytes.size() - begin >= 12) {
-        const std::size_t size =
-            at(bytes, begin) * 16777216ul + at(bytes, begin + 1) * 65536ul + at(bytes, begin + 2) * 256ul + at(bytes, begin + 3);
+        const std::size_t size = at(bytes, begin) * 16777216ul + at(bytes, begin + 1) * 65536ul +
+                                 at(bytes, begin + 2) * 256ul + at(bytes, begin + 3);
         malformed = size > 2048 || bytes[begin + 6] != 0 || bytes[begin + 7] != 0;
         if (malformed || bytes.size() - begin - 12 < size)
             break;

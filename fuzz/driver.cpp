@@ -29,10 +29,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 // Read by the sanitizers, where the build has them: a finding of theirs shall end the process by SIGABRT as
 // well.
-#define QOR_SANITIZER_OPTIONS(name)                                                                          \
-    extern "C" [[gnu::visibility("default")]] const char* name() {                                           \
-        return "abort_on_error=1";                                                                           \
-    }
+#define QOR_SANITIZER_OPTIONS(name)                                                                                    \
+    extern "C" [[gnu::visibility("default")]] const char* name() { return "abort_on_error=1"; }
 QOR_SANITIZER_OPTIONS(__asan_default_options)
 QOR_SANITIZER_OPTIONS(__tsan_default_options)
 QOR_SANITIZER_OPTIONS(__ubsan_default_options)
@@ -60,8 +58,7 @@ class mutator {
     }
 
 public:
-    mutator(std::vector<std::string> corpus, std::uint64_t seed)
-        : m_corpus(std::move(corpus)), m_random(seed) {
+    mutator(std::vector<std::string> corpus, std::uint64_t seed) : m_corpus(std::move(corpus)), m_random(seed) {
         for (const std::string& input : m_corpus)
             collect_words(input);
     }
@@ -171,8 +168,7 @@ std::vector<std::string> read_corpus(const std::vector<std::string>& folders) {
         std::ifstream file(path, std::ios::binary);
         inputs.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
         if (!file)
-            throw std::filesystem::filesystem_error("cannot read", path,
-                                                    std::make_error_code(std::errc::io_error));
+            throw std::filesystem::filesystem_error("cannot read", path, std::make_error_code(std::errc::io_error));
     }
     return inputs;
 }
@@ -197,8 +193,7 @@ bool read_words(int count, char** words, settings& wanted) {
         const std::string_view word = words[i];
         if (!word.starts_with("--"))
             wanted.folders.emplace_back(word);
-        else if (!read_number(word, "--runs=", wanted.runs) &&
-                 !read_number(word, "--seconds=", wanted.seconds) &&
+        else if (!read_number(word, "--runs=", wanted.runs) && !read_number(word, "--seconds=", wanted.seconds) &&
                  !read_number(word, "--seed=", wanted.seed))
             return false;
     }
@@ -216,8 +211,7 @@ std::uint64_t run_all(const settings& wanted) {
     using clock = std::chrono::steady_clock;
     const bool timed = wanted.seconds != 0;
     const clock::time_point end = clock::now() + std::chrono::seconds(wanted.seconds);
-    const std::uint64_t runs =
-        timed && wanted.runs == 0 ? std::numeric_limits<std::uint64_t>::max() : wanted.runs;
+    const std::uint64_t runs = timed && wanted.runs == 0 ? std::numeric_limits<std::uint64_t>::max() : wanted.runs;
     mutator mutations(corpus, wanted.seed);
     std::uint64_t done = 0;
     clock::time_point now = clock::now();

@@ -67,7 +67,8 @@ void compare(const std::string& text, SAME same, KEPT kept) {
         if (expected_kind == static_cast<int>(plain_log::kind::record))
             require(kept(run.data(), each, expected));
     }
-    require(at == count && log_lines::take_lines<LINE>(run.data(), behind, end, entries.data(), 3) == 0 && behind == end);
+    require(at == count && log_lines::take_lines<LINE>(run.data(), behind, end, entries.data(), 3) == 0 &&
+            behind == end);
 }
 
 } // namespace log_run

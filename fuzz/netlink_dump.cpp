@@ -1,5 +1,5 @@
-// Dumps of rtnetlink, against a plain reader of links and addresses. The first message of an input says which request is
-// answered. The corpus was recorded from kernels.
+// Dumps of rtnetlink, against a plain reader of links and addresses. The first message of an input says which request
+// is answered. The corpus was recorded from kernels.
 #include "interfaces_posix.h"
 
 #include <algorithm>
@@ -51,9 +51,7 @@ std::map<int, std::string> attributes(rest from) {
     return all;
 }
 
-std::string up_to_nul(const std::string& text) {
-    return text.substr(0, text.find('\0'));
-}
+std::string up_to_nul(const std::string& text) { return text.substr(0, text.find('\0')); }
 
 // One line for each link and address, and the state at the end; no line is made of what makes no sense.
 struct reading {

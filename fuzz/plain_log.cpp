@@ -39,9 +39,13 @@ std::string print(const char* format, WORDS... inserts) {
 
 // Programs, what gzip, zstd, xz and bzip2 have made, and UTF-16.
 bool is_no_text(const std::string& log) {
-    for (const std::string& begin : {std::string("\x7f" "ELF"), std::string("\x1f\x8b"), std::string("\x28\xb5\x2f\xfd"),
-                                     std::string("\xfd" "7zXZ\0", 6), std::string("BZh"), std::string("\xff\xfe"),
-                                     std::string("\xfe\xff")})
+    for (const std::string& begin : {std::string("\x7f"
+                                                 "ELF"),
+                                     std::string("\x1f\x8b"), std::string("\x28\xb5\x2f\xfd"),
+                                     std::string("\xfd"
+                                                 "7zXZ\0",
+                                                 6),
+                                     std::string("BZh"), std::string("\xff\xfe"), std::string("\xfe\xff")})
         if (log.substr(0, begin.size()) == begin)
             return true;
     return false;
@@ -93,18 +97,16 @@ public:
                     }
                 }
             } else if (!release(rec.address)) {
-                said.out += print("BAD FREE at 0x%llx (not allocated)\n",
-                                  static_cast<unsigned long long>(rec.address));
+                said.out += print("BAD FREE at 0x%llx (not allocated)\n", static_cast<unsigned long long>(rec.address));
             }
         }
         said.err += "\n";
         if (!m_list.empty())
-            said.err +=
-                print("WARNING %u entries left in memcheck table\n", static_cast<unsigned>(m_list.size()));
+            said.err += print("WARNING %u entries left in memcheck table\n", static_cast<unsigned>(m_list.size()));
         for (const memcheck_line& rec : m_list)
             said.err += print(">> %c mem=0x%llx size=%u bt=%d file=[%s] line=%d type=[%s]\n", rec.code,
-                              static_cast<unsigned long long>(rec.address), rec.size, rec.bt,
-                              rec.file.c_str(), rec.line, rec.type_name.c_str());
+                              static_cast<unsigned long long>(rec.address), rec.size, rec.bt, rec.file.c_str(),
+                              rec.line, rec.type_name.c_str());
         report();
     }
 
@@ -218,15 +220,13 @@ private:
                 for (const slot& each : block) {
                     if (each.address == 0)
                         continue;
-                    said.out +=
-                        print("LEAK at 0x%llx size %u type %u caller [%s] type_name [%s] file [%s] line %d\n",
-                              static_cast<unsigned long long>(each.address), each.size, unsigned{each.type},
-                              each.caller.c_str(), each.type_name.c_str(), each.file.c_str(), each.line);
+                    said.out += print("LEAK at 0x%llx size %u type %u caller [%s] type_name [%s] file [%s] line %d\n",
+                                      static_cast<unsigned long long>(each.address), each.size, unsigned{each.type},
+                                      each.caller.c_str(), each.type_name.c_str(), each.file.c_str(), each.line);
                     ++count;
                     total += each.size;
                 }
-        said.out +=
-            count != 0 ? print("Leaked %u objects totalling %llu bytes\n", count, total) : "No leaks found\n";
+        said.out += count != 0 ? print("Leaked %u objects totalling %llu bytes\n", count, total) : "No leaks found\n";
     }
 
     std::map<std::uint64_t, bucket> m_table;
@@ -293,8 +293,8 @@ plain_log::kind plain_log::parse(const std::string& line, memcheck_line& out) {
         out.file = all.size() > 3 ? all[3] : "";
         out.line = all.size() > 4 ? static_cast<std::int32_t>(std::strtoll(all[4].c_str(), nullptr, 0)) : 0;
     } else if (out.code == 'F') {
-        out.bt = all.size() > 1 ? static_cast<std::uint8_t>(std::strtoull(all[1].c_str(), nullptr, 0))
-                                : std::uint8_t{0};
+        out.bt =
+            all.size() > 1 ? static_cast<std::uint8_t>(std::strtoull(all[1].c_str(), nullptr, 0)) : std::uint8_t{0};
     } else if (out.code == 'T') {
         out.type_name = all[1];
     } else {

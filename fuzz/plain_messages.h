@@ -29,7 +29,8 @@ inline bool are_extensions(const std::vector<std::string>& fields, std::size_t f
     for (std::size_t i = from; i < fields.size(); ++i) {
         const char name = fields[i].empty() ? '\0' : fields[i][0];
         const bool letter = (name >= 'a' && name <= 'z') || (name >= 'A' && name <= 'Z');
-        if (!letter || std::string("anmrcsipve").find(name) != std::string::npos || !is_field(fields[i], name) || fields[i].size() < 3)
+        if (!letter || std::string("anmrcsipve").find(name) != std::string::npos || !is_field(fields[i], name) ||
+            fields[i].size() < 3)
             return false;
     }
     return true;

@@ -1,6 +1,6 @@
 // The whole replay beside the plain one: every byte of both streams. The first byte of an input chooses the
-// run: `m` an mtrace log, `c` an allocation log, `M` and `C` one that says the same so often that a thread reads it ahead, anything
-// else both, the second one behind a line "=".
+// run: `m` an mtrace log, `c` an allocation log, `M` and `C` one that says the same so often that a thread reads it
+// ahead, anything else both, the second one behind a line "=".
 #include "log_run.h"
 #include "mtrace_proc.h"
 
@@ -38,8 +38,8 @@ private:
     std::FILE* m_file;
 };
 
-// Every run's analyser lies in the same memory. That saves mapping its 8 MiB each time, and what it reads without having written
-// it shows: there is what the run before has left.
+// Every run's analyser lies in the same memory. That saves mapping its 8 MiB each time, and what it reads without
+// having written it shows: there is what the run before has left.
 class analyser final : public mtrace_proc {
 public:
     using mtrace_proc::mtrace_proc;
@@ -59,13 +59,12 @@ private:
     }
 };
 
-// A folder that is gone when the process ends. The quicker its file system, the quicker the runs: name one in memory by TMPDIR
-// for a long search.
+// A folder that is gone when the process ends. The quicker its file system, the quicker the runs: name one in memory by
+// TMPDIR for a long search.
 class folder {
 public:
     folder()
-        : m_path(std::filesystem::temp_directory_path() /
-                 ("fuzz_replay-" + std::to_string(std::random_device{}()))) {
+        : m_path(std::filesystem::temp_directory_path() / ("fuzz_replay-" + std::to_string(std::random_device{}()))) {
         log_run::require(std::filesystem::create_directory(m_path));
     }
     folder(const folder&) = delete;

@@ -1,9 +1,9 @@
-// The client's side of a login: an input is the two messages of a server with a line end between. "$R" stands for the client's
-// nonce, and "$V" for the right signature. A plain reader of messages says what must come out.
+// The client's side of a login: an input is the two messages of a server with a line end between. "$R" stands for the
+// client's nonce, and "$V" for the right signature. A plain reader of messages says what must come out.
 //
-// Every call of OpenSSL's key derivation, the module's and the plain side's, comes to a quick one below by the linker's --wrap.
-// Thousands of rounds of a hash that is not ours would be all that a run does, and a salt or a number of iterations that
-// was misread shows in the result of one round as well.
+// Every call of OpenSSL's key derivation, the module's and the plain side's, comes to a quick one below by the linker's
+// --wrap. Thousands of rounds of a hash that is not ours would be all that a run does, and a salt or a number of
+// iterations that was misread shows in the result of one round as well.
 #include "scram_client.h"
 
 #include "plain_messages.h"
@@ -31,9 +31,11 @@ constexpr std::array<uint8, 32> binding = {7, 8, 9};
 
 bool is_plain_base64(const std::string& text) {
     for (const char c : text)
-        if (std::string("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=").find(c) == std::string::npos)
+        if (std::string("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=").find(c) ==
+            std::string::npos)
             return false;
-    return !text.empty() && text.size() % 4 == 0 && text.find('=') + 2 >= text.size() - (text.find('=') == text.npos ? text.size() : 0) &&
+    return !text.empty() && text.size() % 4 == 0 &&
+           text.find('=') + 2 >= text.size() - (text.find('=') == text.npos ? text.size() : 0) &&
            plain_scram::base64(plain_scram::from_base64(text)) == text;
 }
 
@@ -56,12 +58,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string answer = replaced(input.substr(0, end), "$R", nonce);
 
     const auto fields = fields_of(answer);
-    const bool formed = fields.size() >= 3 && is_field(fields[0], 'r') && is_field(fields[1], 's') && is_field(fields[2], 'i') &&
-                        are_extensions(fields, 3);
+    const bool formed = fields.size() >= 3 && is_field(fields[0], 'r') && is_field(fields[1], 's') &&
+                        is_field(fields[2], 'i') && are_extensions(fields, 3);
     const std::string server_nonce = formed ? fields[0].substr(2) : "";
     const unsigned iterations = formed ? plain_iterations(fields[2].substr(2)) : 0;
     const bool fits = formed && is_plain_nonce(server_nonce) && server_nonce.size() > nonce.size() &&
-                      server_nonce.substr(0, nonce.size()) == nonce && is_plain_base64(fields[1].substr(2)) && iterations != 0;
+                      server_nonce.substr(0, nonce.size()) == nonce && is_plain_base64(fields[1].substr(2)) &&
+                      iterations != 0;
 
     std::string last;
     require(client.final(answer, last) == fits && last.empty() == !fits);
@@ -69,7 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         require(!client.verify(input));
         return 0;
     }
-    const plain_scram::client plain{"ada", "secret", std::string(reinterpret_cast<const char*>(binding.data()), binding.size()),
+    const plain_scram::client plain{"ada", "secret",
+                                    std::string(reinterpret_cast<const char*>(binding.data()), binding.size()),
                                     plain_scram::header, nonce};
     require(last == plain.final(answer));
     const std::string expected = plain.expected(answer, last);

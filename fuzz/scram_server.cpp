@@ -1,6 +1,6 @@
-// The server's side of a login: an input is the two messages of a client with a line end between. In the second, "$R" stands for
-// the nonce and "$P" for the right proof, so that inputs come as far as a login. A plain reader of messages says what must
-// come out.
+// The server's side of a login: an input is the two messages of a client with a line end between. In the second, "$R"
+// stands for the nonce and "$P" for the right proof, so that inputs come as far as a login. A plain reader of messages
+// says what must come out.
 #include "scram_server.h"
 
 #include "plain_messages.h"
@@ -96,7 +96,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string right;
     if (server.user() == "ada") {
         const std::string key = plain_scram::hmac(salted_password(asked['s']), "Client Key");
-        right = plain_scram::base64(plain_scram::exclusive_or(key, plain_scram::hmac(plain_scram::hash(key), messages)));
+        right =
+            plain_scram::base64(plain_scram::exclusive_or(key, plain_scram::hmac(plain_scram::hash(key), messages)));
         if (proof != last.npos)
             last.replace(proof, 2, right);
     }
@@ -110,9 +111,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     const auto fields = fields_of(last);
     const std::string bound(reinterpret_cast<const char*>(binding.data()), binding.size());
-    const bool all_right = !right.empty() && last.substr(last.rfind(",p=") + 3) == right &&
-                           last.substr(0, last.rfind(",p=")) == before &&
-                           fields[0] == "c=" + plain_scram::base64(plain_scram::header + bound) && fields[1] == "r=" + asked['r'];
+    const bool all_right =
+        !right.empty() && last.substr(last.rfind(",p=") + 3) == right && last.substr(0, last.rfind(",p=")) == before &&
+        fields[0] == "c=" + plain_scram::base64(plain_scram::header + bound) && fields[1] == "r=" + asked['r'];
     require(result == (all_right ? verdict::accepted : verdict::refused));
     if (all_right)
         require(out == "v=" + plain_scram::base64(plain_scram::hmac(

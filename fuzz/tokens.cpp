@@ -17,9 +17,7 @@ void require(bool agreed) {
         std::abort();
 }
 
-std::string bytes(const qorString& text) {
-    return {text.Text(), text.Length()};
-}
+std::string bytes(const qorString& text) { return {text.Text(), text.Length()}; }
 
 texts list(const qorStringArray& array) {
     texts all;
@@ -28,9 +26,7 @@ texts list(const qorStringArray& array) {
     return all;
 }
 
-bool is_blank(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
+bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
 
 texts plain_words(const std::string& text) {
     texts all;

@@ -13,9 +13,7 @@ namespace {
 constexpr char32_t replacement = 0xfffd;
 constexpr char32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
 
-bool is_character(char32_t value) {
-    return value <= 0x10ffff && !(value >= 0xd800 && value <= 0xdfff);
-}
+bool is_character(char32_t value) { return value <= 0x10ffff && !(value >= 0xd800 && value <= 0xdfff); }
 
 int promised_size(unsigned char lead) {
     return lead < 0x80 ? 1 : lead < 0xc0 ? 0 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : lead < 0xf8 ? 4 : 0;

@@ -25,7 +25,8 @@ bool is_plain(const std::string& text) {
     const std::string stored = rest.substr(dollar + 1, second - dollar - 1);
     const std::string server = rest.substr(second + 1);
     if (iterations.empty() || iterations.size() > 7 || iterations[0] == '0' ||
-        iterations.find_first_not_of("0123456789") != iterations.npos || std::stoul(iterations) < 4096 || std::stoul(iterations) > 2000000)
+        iterations.find_first_not_of("0123456789") != iterations.npos || std::stoul(iterations) < 4096 ||
+        std::stoul(iterations) > 2000000)
         return false;
     for (const std::string& each : {salt, stored, server})
         if (each.empty() || plain_scram::base64(decoded(each)) != each)

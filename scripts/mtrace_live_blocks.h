@@ -18,8 +18,7 @@ struct inherited_lines {
 static struct inherited_line* slot_for(const struct inherited_lines* lines, unsigned long address) {
     size_t at = address * 0x9e3779b97f4a7c15u >> 20;
     struct inherited_line* slot;
-    while (slot = &lines->slots[at++ & (lines->capacity - 1)],
-           slot->address != 0 && slot->address != address) {
+    while (slot = &lines->slots[at++ & (lines->capacity - 1)], slot->address != 0 && slot->address != address) {
     }
     return slot;
 }
@@ -28,8 +27,8 @@ static bool grow(struct inherited_lines* lines) {
     if (2 * (lines->used + 1) <= lines->capacity)
         return true;
     struct inherited_lines more = {.capacity = lines->capacity ? 2 * lines->capacity : 4096};
-    more.slots = mmap(NULL, more.capacity * sizeof *more.slots, PROT_READ | PROT_WRITE,
-                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    more.slots =
+        mmap(NULL, more.capacity * sizeof *more.slots, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (more.slots == MAP_FAILED)
         return false;
     for (size_t i = 0; i < lines->capacity; ++i)
@@ -77,8 +76,7 @@ static void copy_live_blocks(const char* parent, off_t size) {
     }
     struct inherited_lines lines = {0};
     bool fits = true;
-    for (const char *at = text, *end; fits && (end = memchr(at, '\n', (size_t)(text + size - at)));
-         at = end + 1)
+    for (const char *at = text, *end; fits && (end = memchr(at, '\n', (size_t)(text + size - at))); at = end + 1)
         fits = read_line(&lines, at, end);
     if (!fits)
         end_log(ENOMEM);

@@ -55,8 +55,7 @@ struct place { /* what a descriptor stands for */
     ino_t file;
 };
 
-static char
-    first_path[LONGEST_PATH]; /* of the process that was told to record; its children's begin with it */
+static char first_path[LONGEST_PATH]; /* of the process that was told to record; its children's begin with it */
 static char path[LONGEST_PATH];
 static FILE* stream;
 static char stream_buffer[LONGEST_LINE];
@@ -322,8 +321,7 @@ __attribute__((constructor)) static void begin_log(int argc, char** argv, char**
         stay_out();
         return;
     }
-    is_writer =
-        mmap(NULL, (size_t)sysconf(_SC_PAGESIZE), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    is_writer = mmap(NULL, (size_t)sysconf(_SC_PAGESIZE), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (is_writer == MAP_FAILED || madvise(is_writer, (size_t)sysconf(_SC_PAGESIZE), MADV_WIPEONFORK) != 0)
         return;
     *is_writer = true;

@@ -1,5 +1,5 @@
-// serial_client PORT TEXT: a client that sends a text through a port and prints how the port is set and what comes back, as
-// many bytes as it sent.
+// serial_client PORT TEXT: a client that sends a text through a port and prints how the port is set and what comes
+// back, as many bytes as it sent.
 #include "qor/qor.h"
 
 #include <cstring>
@@ -13,7 +13,8 @@ bool talk(IQORSerialPort& port, const char* text) {
     if (!port.GetSettings(settings))
         return false;
     fixed_fprintf(stdout, "%u bits per second, %u data bits, %u half stop bits, parity %u\n", settings.bits_per_second,
-                  unsigned{settings.data_bits}, unsigned{settings.half_stop_bits}, static_cast<unsigned>(settings.parity));
+                  unsigned{settings.data_bits}, unsigned{settings.half_stop_bits},
+                  static_cast<unsigned>(settings.parity));
     uint32 count = 0;
     const uint32 length = static_cast<uint32>(std::strlen(text));
     if (!port.Discard(true, true) || !port.Write(text, length, milliseconds, count) || !port.Flush())

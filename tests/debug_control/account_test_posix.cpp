@@ -1,4 +1,5 @@
-// Accounts as a peer of a real listener meets them: those that are changed within a login, and those that there are not.
+// Accounts as a peer of a real listener meets them: those that are changed within a login, and those that there are
+// not.
 #include "load/socket_peer.h"
 #include "loopback.h"
 
@@ -17,7 +18,8 @@ protected:
     const std::string m_file = folder() / "users";
 
     // The last answer to a login within which something happens.
-    std::optional<frame> log_in(const std::string& name, const std::string& password, const std::function<void()>& happens) {
+    std::optional<frame> log_in(const std::string& name, const std::string& password,
+                                const std::function<void()>& happens) {
         tls_peer peer(port(), {"127.0.0.1", std::nullopt});
         plain_scram::client who{name, password, {}};
         EXPECT_TRUE(peer.shake_hands());
@@ -31,19 +33,15 @@ protected:
 
 TEST_F(accounts_of_a_listener, count_as_they_are_at_the_end_of_a_login) {
     EXPECT_TRUE(is_logged_in(log_in("ada", "secret", [] {})));
-    EXPECT_TRUE(is_logged_in(log_in("ada", "secret", [&] {
-        ASSERT_TRUE(qorAddDebugUser(m_file.c_str(), "eve", "new")) << last_error();
-    })));
-    EXPECT_TRUE(is_refusal(log_in("ada", "secret", [&] {
-        ASSERT_TRUE(qorChangeDebugUser(m_file.c_str(), "ada", "changed")) << last_error();
-    })));
+    EXPECT_TRUE(is_logged_in(
+        log_in("ada", "secret", [&] { ASSERT_TRUE(qorAddDebugUser(m_file.c_str(), "eve", "new")) << last_error(); })));
+    EXPECT_TRUE(is_refusal(log_in(
+        "ada", "secret", [&] { ASSERT_TRUE(qorChangeDebugUser(m_file.c_str(), "ada", "changed")) << last_error(); })));
     // The same password with another salt is another account, too: somebody wanted it to be.
-    EXPECT_TRUE(is_refusal(log_in("ada", "changed", [&] {
-        ASSERT_TRUE(qorChangeDebugUser(m_file.c_str(), "ada", "changed")) << last_error();
-    })));
-    EXPECT_TRUE(is_refusal(log_in("bob", "other", [&] {
-        ASSERT_TRUE(qorRemoveDebugUser(m_file.c_str(), "bob")) << last_error();
-    })));
+    EXPECT_TRUE(is_refusal(log_in(
+        "ada", "changed", [&] { ASSERT_TRUE(qorChangeDebugUser(m_file.c_str(), "ada", "changed")) << last_error(); })));
+    EXPECT_TRUE(is_refusal(
+        log_in("bob", "other", [&] { ASSERT_TRUE(qorRemoveDebugUser(m_file.c_str(), "bob")) << last_error(); })));
     EXPECT_TRUE(is_logged_in(log_in("ada", "changed", [] {})));
     EXPECT_TRUE(is_refusal(log_in("ada", "changed", [&] { std::filesystem::remove(m_file); })));
 }
@@ -52,7 +50,8 @@ TEST_F(accounts_of_a_listener, count_as_they_are_at_the_end_of_a_login) {
 TEST_F(accounts_of_a_listener, that_are_invented_look_like_the_others) {
     std::string text;
     const auto add = [&](const std::string& name, int iterations, std::size_t salt) {
-        text += name + ":SCRAM-SHA-256$" + std::to_string(iterations) + ':' + plain_scram::base64(std::string(salt, 's')) +
+        text += name + ":SCRAM-SHA-256$" + std::to_string(iterations) + ':' +
+                plain_scram::base64(std::string(salt, 's')) +
                 plain_scram::account(name, "x").substr(name.size() + 1 + 43);
     };
     add("a", 4096, 16);

@@ -1,4 +1,5 @@
-// A listener that one does not meet in good company: it does each step as it is told. One thread, one connection at a time.
+// A listener that one does not meet in good company: it does each step as it is told. One thread, one connection at a
+// time.
 #pragma once
 
 #include "debug_frames.h"
@@ -139,7 +140,8 @@ private:
         m_frames.add(deciphered);
     }
 
-    static int choose(SSL*, const unsigned char** out, unsigned char* size, const unsigned char*, unsigned, void* self) {
+    static int choose(SSL*, const unsigned char** out, unsigned char* size, const unsigned char*, unsigned,
+                      void* self) {
         const std::string& protocol = static_cast<fake_tls*>(self)->m_wanted.protocol;
         *out = reinterpret_cast<const unsigned char*>(protocol.data());
         *size = static_cast<unsigned char>(protocol.size());

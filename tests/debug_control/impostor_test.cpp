@@ -14,8 +14,15 @@ TEST_F(impostors, one_that_knows_the_password_is_none) {
 }
 
 TEST_F(impostors, nonces_and_salts_that_cannot_be) {
-    const auto answers = {"", "r=,s=QUJD,i=4096", "r=NONCE,s=QUJD,i=4096", "r=othernonce,s=QUJD,i=4096", "r=NONCEx,s=,i=4096",
-                          "r=NONCEx,s=QUJ,i=4096", "m=x,r=NONCEx,s=QUJD,i=4096", "e=other-error", "s=QUJD,r=NONCEx,i=4096"};
+    const auto answers = {"",
+                          "r=,s=QUJD,i=4096",
+                          "r=NONCE,s=QUJD,i=4096",
+                          "r=othernonce,s=QUJD,i=4096",
+                          "r=NONCEx,s=,i=4096",
+                          "r=NONCEx,s=QUJ,i=4096",
+                          "m=x,r=NONCEx,s=QUJD,i=4096",
+                          "e=other-error",
+                          "s=QUJD,r=NONCEx,i=4096"};
     for (const std::string text : answers) {
         fake_listener impostor([this, text](fake_listener& through) {
             fake_tls tls(through, m_key.get(), {});
@@ -64,8 +71,9 @@ TEST_F(impostors, a_changed_key) {
 }
 
 TEST_F(impostors, a_damaged_line_of_known_hosts) {
-    for (const char* const line : {"127.0.0.1", "127.0.0.1 1", "127.0.0.1 1 sha256", "127.0.0.1 1 sha256 00", "a b md5 00",
-                                   "127.0.0.1 1 sha256 zz00000000000000000000000000000000000000000000000000000000000000"}) {
+    for (const char* const line :
+         {"127.0.0.1", "127.0.0.1 1", "127.0.0.1 1 sha256", "127.0.0.1 1 sha256 00", "a b md5 00",
+          "127.0.0.1 1 sha256 zz00000000000000000000000000000000000000000000000000000000000000"}) {
         private_file(folder(), "known-hosts", "# one\n" + std::string(line) + "\n");
         EXPECT_TRUE(connect_fails(port(), qorError_debug_known_hosts_line)) << last_error();
         EXPECT_NE(last_error().find("Line 2"), std::string::npos) << last_error();
@@ -98,8 +106,10 @@ TEST_F(impostors, one_that_freezes) {
     ASSERT_TRUE(control->SetSink(&sink));
     const auto begin = std::chrono::steady_clock::now();
     sink.wait_for(1);
-    std::printf("noticed after %lld s\n", static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(
-                                              std::chrono::steady_clock::now() - begin).count()));
+    std::printf(
+        "noticed after %lld s\n",
+        static_cast<long long>(
+            std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin).count()));
     qorStringArray out;
     EXPECT_FALSE(control->GetCodes(out));
     EXPECT_NE(last_error().find("it was silent for too long"), std::string::npos) << last_error();
@@ -108,12 +118,11 @@ TEST_F(impostors, one_that_freezes) {
 // What a listener may say after a login, and a console must not believe.
 TEST_F(impostors, answers_that_make_no_sense) {
     using qor::control::number_payload;
-    const std::pair<frame_type, std::string> wrong[] = {
-        {frame_type::get_codes_answer, "123"},
-        {frame_type::get_codes_answer, std::string("\0\0\0\0\0\5a", 7)},
-        {frame_type::get_codes_answer, number_payload(0) + "\xff\xff"},
-        {frame_type::enable_code_answer, {}},
-        {frame_type{0x1234}, {}}};
+    const std::pair<frame_type, std::string> wrong[] = {{frame_type::get_codes_answer, "123"},
+                                                        {frame_type::get_codes_answer, std::string("\0\0\0\0\0\5a", 7)},
+                                                        {frame_type::get_codes_answer, number_payload(0) + "\xff\xff"},
+                                                        {frame_type::enable_code_answer, {}},
+                                                        {frame_type{0x1234}, {}}};
     for (const auto& [type, payload] : wrong) {
         fake_listener odd(answers(type, [payload = payload](uint32) { return payload; }));
         control_pointer control = make();

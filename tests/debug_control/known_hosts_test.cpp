@@ -28,7 +28,8 @@ TEST(known_hosts, consoles_that_remember_at_once) {
     for (int console = 0; console < consoles; ++console)
         threads.emplace_back([&, console] {
             for (int host = 0; host < hosts; ++host)
-                EXPECT_TRUE(known_hosts(path).remember("host" + std::to_string(host), static_cast<uint16>(1 + console), key));
+                EXPECT_TRUE(
+                    known_hosts(path).remember("host" + std::to_string(host), static_cast<uint16>(1 + console), key));
         });
     for (std::thread& each : threads)
         each.join();
@@ -36,8 +37,8 @@ TEST(known_hosts, consoles_that_remember_at_once) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), consoles * hosts);
     for (int console = 0; console < consoles; ++console)
         for (int host = 0; host < hosts; ++host) {
-            const std::string line =
-                "host" + std::to_string(host) + ' ' + std::to_string(1 + console) + " sha256 010203" + std::string(58, '0') + '\n';
+            const std::string line = "host" + std::to_string(host) + ' ' + std::to_string(1 + console) +
+                                     " sha256 010203" + std::string(58, '0') + '\n';
             EXPECT_NE(text.find(line), text.npos) << line;
         }
 }

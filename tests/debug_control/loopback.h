@@ -77,8 +77,8 @@ private:
 class loopback_fixture : public testing::Test {
 protected:
     loopback_fixture() {
-        m_users =
-            private_file(m_folder, "users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other"));
+        m_users = private_file(m_folder, "users",
+                               plain_scram::account("ada", "secret") + plain_scram::account("bob", "other"));
         listen(0);
     }
 

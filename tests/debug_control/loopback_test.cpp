@@ -40,8 +40,8 @@ TEST_F(loopback, codes_to_come) {
     EXPECT_TRUE(control->DisableAll());
 }
 
-// Error 4 leads back to the prompt as often as it takes: after five refusals the listener leaves, and the next login connects
-// again by itself.
+// Error 4 leads back to the prompt as often as it takes: after five refusals the listener leaves, and the next login
+// connects again by itself.
 TEST_F(loopback, six_wrong_logins_and_a_right_one) {
     control_pointer control = connect();
     for (int i = 0; i < 6; ++i) {

@@ -1,4 +1,5 @@
-// A peer of a listener's session, made with OpenSSL directly: bytes go to and fro in memory, and the time is the test's.
+// A peer of a listener's session, made with OpenSSL directly: bytes go to and fro in memory, and the time is the
+// test's.
 #pragma once
 
 #include "debug_frames.h"
@@ -29,7 +30,8 @@ struct client_settings {
 
 class memory_client {
 public:
-    explicit memory_client(const client_settings& settings = {}) : m_context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free) {
+    explicit memory_client(const client_settings& settings = {})
+        : m_context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free) {
         SSL_CTX_set_max_proto_version(m_context.get(), settings.version);
         m_ssl.reset(SSL_new(m_context.get()));
         if (!settings.protocols.empty())
@@ -103,8 +105,8 @@ public:
     bool is_open() const { return SSL_is_init_finished(m_ssl.get()) != 0; }
     SSL* ssl() const { return m_ssl.get(); }
 
-    std::string wire;      // all that went over it, both ways
-    std::string plain;     // all that came, deciphered
+    std::string wire;  // all that went over it, both ways
+    std::string plain; // all that came, deciphered
     unsigned heartbeats = 0;
 
 private:

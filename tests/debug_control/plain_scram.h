@@ -39,7 +39,8 @@ inline std::string hmac(std::string_view key, std::string_view message) {
 
 inline std::string hash(std::string_view message) {
     std::string out(32, '\0');
-    EVP_Digest(message.data(), message.size(), reinterpret_cast<unsigned char*>(out.data()), nullptr, EVP_sha256(), nullptr);
+    EVP_Digest(message.data(), message.size(), reinterpret_cast<unsigned char*>(out.data()), nullptr, EVP_sha256(),
+               nullptr);
     return out;
 }
 

@@ -38,24 +38,25 @@ std::vector<int> open_sockets() {
 
 // Starts as the environment says, and becomes another program, which does the same.
 const scene listen_and_become_another{"debug_control_listen_and_become_another", [](const words&) {
-    qorStringArray args;
-    args.Append("program");
-    EXPECT_TRUE(qorInitProcess("program", args, 0)) << last_error();
-    const std::string self = this_program();
-    execl(self.c_str(), self.c_str(), "--scene", "debug_control_listen", nullptr);
-    return 1;
-}};
+                                          qorStringArray args;
+                                          args.Append("program");
+                                          EXPECT_TRUE(qorInitProcess("program", args, 0)) << last_error();
+                                          const std::string self = this_program();
+                                          execl(self.c_str(), self.c_str(), "--scene", "debug_control_listen", nullptr);
+                                          return 1;
+                                      }};
 
 // Starts as the environment says, and another one with a variable of its own.
-const scene listen_and_let_listen{"debug_control_listen_and_let_listen", [](const words&) {
-    qorStringArray args;
-    args.Append("program");
-    EXPECT_TRUE(qorInitProcess("program", args, 0)) << last_error();
-    setenv("QOR_DEBUG_LISTEN", "127.0.0.1:0", 1);
-    EXPECT_EQ(std::system(('\'' + this_program() + "' --scene debug_control_listen").c_str()), 0);
-    qorCleanup();
-    return 0;
-}};
+const scene listen_and_let_listen{
+    "debug_control_listen_and_let_listen", [](const words&) {
+        qorStringArray args;
+        args.Append("program");
+        EXPECT_TRUE(qorInitProcess("program", args, 0)) << last_error();
+        setenv("QOR_DEBUG_LISTEN", "127.0.0.1:0", 1);
+        EXPECT_EQ(std::system(('\'' + this_program() + "' --scene debug_control_listen").c_str()), 0);
+        qorCleanup();
+        return 0;
+    }};
 
 class hosts : public loopback_fixture {
 protected:
@@ -176,8 +177,9 @@ TEST(debug_control_processes, listen_where_they_are_told_to) {
     const temp_folder folder;
     const std::string users = private_file(folder, "users", plain_scram::account("ada", "secret"));
     for (const scene* const each : {&listen_and_become_another, &listen_and_let_listen}) {
-        const ending ended = play(*each, {}, {"QOR_DEBUG_LISTEN=127.0.0.1:0", "QOR_DEBUG_USERS=" + users,
-                                              "QOR_DEBUG=system.debug-control", "XDG_CONFIG_HOME=" + folder.path()});
+        const ending ended = play(*each, {},
+                                  {"QOR_DEBUG_LISTEN=127.0.0.1:0", "QOR_DEBUG_USERS=" + users,
+                                   "QOR_DEBUG=system.debug-control", "XDG_CONFIG_HOME=" + folder.path()});
         EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
         const std::string line = " listening on 127.0.0.1 port ";
         const std::size_t first = ended.err.find(line);

@@ -25,7 +25,8 @@ TEST_F(sessions, a_login_and_the_requests) {
     EXPECT_EQ(ask(*of, peer, frame_type::enable_code, "\1session.test").type, frame_type::enable_code_answer);
     EXPECT_TRUE(qor::glue::debug_is_on(code));
     EXPECT_EQ(list(*of, peer, frame_type::get_enabled_codes), (std::vector<std::string>{"session.test"}));
-    EXPECT_EQ(ask(*of, peer, frame_type::enable_code, std::string("\0session.*", 10)).type, frame_type::enable_code_answer);
+    EXPECT_EQ(ask(*of, peer, frame_type::enable_code, std::string("\0session.*", 10)).type,
+              frame_type::enable_code_answer);
     EXPECT_FALSE(qor::glue::debug_is_on(code));
     qorDebugEnableCode("session.test", true);
     EXPECT_EQ(ask(*of, peer, frame_type::disable_all, {}).type, frame_type::disable_all_answer);
@@ -226,16 +227,17 @@ TEST_F(sessions, who_is_silent_for_fifteen_seconds_is_gone) {
 
 // A hello of 120 KB is given no room, in however many records it comes, nor is a record that is longer than a hello.
 TEST_F(sessions, a_hello_that_claims_to_be_long) {
-    for (const std::string_view record : {std::string_view("\x16\3\1\0\4\1\1\xe0\0", 9), std::string_view("\x16\3\1\0\1\1", 6),
-                                          std::string_view("\x16\3\1\x11\1", 5)}) {
+    for (const std::string_view record :
+         {std::string_view("\x16\3\1\0\4\1\1\xe0\0", 9), std::string_view("\x16\3\1\0\1\1", 6),
+          std::string_view("\x16\3\1\x11\1", 5)}) {
         auto of = connect();
         of->receive(record, m_now);
         EXPECT_TRUE(of->is_over());
     }
 }
 
-// Who has begun a handshake costs the most: what would draw it out ends it. A hello that goes on in another record, and one that
-// would have to be asked for another key.
+// Who has begun a handshake costs the most: what would draw it out ends it. A hello that goes on in another record, and
+// one that would have to be asked for another key.
 TEST_F(sessions, a_hello_that_needs_another_one) {
     memory_client whole;
     const std::string hello = whole.take();
@@ -278,8 +280,9 @@ TEST_F(sessions, what_comes_instead_of_the_last_message_of_a_handshake) {
         EXPECT_TRUE(of->is_over());
     }
     // A warning that is passed over elsewhere, a record that holds something else, one that cannot be deciphered.
-    for (const std::string_view other : {std::string_view("\x15\3\3\0\2\1\x5a", 7), std::string_view("\x14\3\3\0\1\2", 6),
-                                         std::string_view("\x17\3\3\0\x11-----------------", 22)}) {
+    for (const std::string_view other :
+         {std::string_view("\x15\3\3\0\2\1\x5a", 7), std::string_view("\x14\3\3\0\1\2", 6),
+          std::string_view("\x17\3\3\0\x11-----------------", 22)}) {
         memory_client peer;
         auto of = after_hello(peer);
         of->receive(other, m_now);
@@ -345,11 +348,13 @@ TEST_F(sessions, what_is_out_of_turn) {
 }
 
 TEST_F(sessions, malformed_payloads_end_the_connection) {
-    const std::pair<frame_type, std::string> wrong[] = {
-        {frame_type::get_codes, "123"},           {frame_type::get_enabled_codes, "12345"},
-        {frame_type::enable_code, ""},            {frame_type::enable_code, "\2x"},
-        {frame_type::disable_all, "x"},           {frame_type::heartbeat, "x"},
-        {frame_type::enable_code, std::string("\1a\0b", 4)}};
+    const std::pair<frame_type, std::string> wrong[] = {{frame_type::get_codes, "123"},
+                                                        {frame_type::get_enabled_codes, "12345"},
+                                                        {frame_type::enable_code, ""},
+                                                        {frame_type::enable_code, "\2x"},
+                                                        {frame_type::disable_all, "x"},
+                                                        {frame_type::heartbeat, "x"},
+                                                        {frame_type::enable_code, std::string("\1a\0b", 4)}};
     for (const auto& [type, payload] : wrong) {
         memory_client peer;
         auto of = connect();
@@ -376,7 +381,8 @@ TEST_F(sessions, a_peer_that_never_reads_is_dropped) {
     EXPECT_LE(most, 256u * 1024);
 }
 
-// A guess at an account that had many waits, wherever it comes from, also the right one; who has guessed wrong waits for a minute.
+// A guess at an account that had many waits, wherever it comes from, also the right one; who has guessed wrong waits
+// for a minute.
 TEST_F(sessions, twenty_wrong_tries_a_minute_at_an_account) {
     const plain_scram::client wrong{"ada", "guess", {}};
     for (int i = 0; i < 20; ++i) {
@@ -451,12 +457,14 @@ TEST_F(sessions, fields_of_the_trace_cannot_be_forged) {
     std::istringstream stream(read_file(path));
     for (std::string line; std::getline(stream, line);)
         said.push_back(line.substr(line.find(" system.debug-control ") + 22));
-    EXPECT_EQ(said, (std::vector<std::string>{
-                        "refused 'bob\\x27 from 10.0.0.1 port 7\\x0arefused \\x27eve' from 127.0.0.1 port 9",
-                        "login of 'ada' from 127.0.0.1 port 9",
-                        "'ada' from 127.0.0.1 port 9 switches 'x\\x27 off\\x0d\\x0a\\x27eve\\x27 from 10.0.0.1 switches \\x27y' on",
-                        "'ada' from 127.0.0.1 port 9 switches '" + std::string(255, 'z') + "'+45 on",
-                        "'ada' from 127.0.0.1 port 9 switches all codes off"}));
+    EXPECT_EQ(
+        said,
+        (std::vector<std::string>{
+            "refused 'bob\\x27 from 10.0.0.1 port 7\\x0arefused \\x27eve' from 127.0.0.1 port 9",
+            "login of 'ada' from 127.0.0.1 port 9",
+            "'ada' from 127.0.0.1 port 9 switches 'x\\x27 off\\x0d\\x0a\\x27eve\\x27 from 10.0.0.1 switches \\x27y' on",
+            "'ada' from 127.0.0.1 port 9 switches '" + std::string(255, 'z') + "'+45 on",
+            "'ada' from 127.0.0.1 port 9 switches all codes off"}));
 }
 
 // ---- what is limited after a login
@@ -487,7 +495,10 @@ TEST_F(sessions, switches_for_codes_to_come_are_limited) {
     ASSERT_TRUE(succeeds(*of, peer, m_ada));
     ask(*of, peer, frame_type::disable_all, {});
     // As bad for a match as they can be.
-    const auto name = [](int i) { return "\1*" + std::string(static_cast<std::size_t>(i % 7 + 1), 'a') + '*' + std::string(4000, 'a') + std::to_string(i); };
+    const auto name = [](int i) {
+        return "\1*" + std::string(static_cast<std::size_t>(i % 7 + 1), 'a') + '*' + std::string(4000, 'a') +
+               std::to_string(i);
+    };
     for (int i = 0; i < 256; ++i)
         ASSERT_EQ(ask(*of, peer, frame_type::enable_code, name(i)).type, frame_type::enable_code_answer) << i;
     const frame full = ask(*of, peer, frame_type::enable_code, name(256));

@@ -34,7 +34,10 @@ protected:
         const uid_t before = geteuid();
         if (user)
             setfsuid(*user);
-        made.peer = ::socket(family != AF_UNSPEC ? family : m_at.is_ipv6() ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        made.peer = ::socket(family != AF_UNSPEC ? family
+                             : m_at.is_ipv6()    ? AF_INET6
+                                                 : AF_INET,
+                             SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (user)
             setfsuid(before);
         if (address != nullptr) {
@@ -133,7 +136,8 @@ TEST_F(sources, other_hosts_are_told_by_address) {
         EXPECT_EQ(qor::net::resolve(host, port, false, places, reason), 0) << reason;
         return places.front();
     };
-    const std::pair<const char*, bool> hosts[] = {{"192.0.2.7", false}, {"2001:db8::7", false}, {"127.0.0.9", true}, {"::1", true}};
+    const std::pair<const char*, bool> hosts[] = {
+        {"192.0.2.7", false}, {"2001:db8::7", false}, {"127.0.0.9", true}, {"::1", true}};
     for (const auto& [host, is_here] : hosts) {
         const endpoint from = elsewhere(host, m_at.port());
         const endpoint here = elsewhere(from.is_ipv6() ? "::1" : "127.0.0.1", 4711);
@@ -159,14 +163,15 @@ TEST_F(sources, a_list_that_is_recorded_or_missing) {
     std::uint32_t user = 0;
     EXPECT_EQ(qor::net::owner_by_list(folder.path().c_str(), from, here, user), owner_answer::cannot_ask);
     folder.file("tcp",
-               "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
-               "   0: 0100007F:8F7A 0100007F:1268 01 00000000:00000000 00:00000000 00000000  1001        0 70321 1\n"
-               "   1: 0100007F:1267 0100007F:8F7A 01 00000000:00000000 00:00000000 00000000  1002        0 70322 1\n");
+                "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
+                "   0: 0100007F:8F7A 0100007F:1268 01 00000000:00000000 00:00000000 00000000  1001        0 70321 1\n"
+                "   1: 0100007F:1267 0100007F:8F7A 01 00000000:00000000 00:00000000 00000000  1002        0 70322 1\n");
     EXPECT_EQ(qor::net::owner_by_list(folder.path().c_str(), from, here, user), owner_answer::nobody);
-    folder.file("tcp6",
-               "  sl  local_address                         remote_address                        st tx_queue rx_queue tr ...\n"
-               "   0: 0000000000000000FFFF00000100007F:8F7A 0000000000000000FFFF00000100007F:1267 01 00000000:00000000 02:000006F8 "
-               "00000000  1003        0 70323 2 0000000000000000 20 4 0 10 -1\n");
+    folder.file("tcp6", "  sl  local_address                         remote_address                        st tx_queue "
+                        "rx_queue tr ...\n"
+                        "   0: 0000000000000000FFFF00000100007F:8F7A 0000000000000000FFFF00000100007F:1267 01 "
+                        "00000000:00000000 02:000006F8 "
+                        "00000000  1003        0 70323 2 0000000000000000 20 4 0 10 -1\n");
     EXPECT_EQ(qor::net::owner_by_list(folder.path().c_str(), from, here, user), owner_answer::found);
     EXPECT_EQ(user, 1003u);
 }

@@ -1,4 +1,5 @@
-// Whom a console trusts: a listener that has not proved itself is told from one that has, and says only what the protocol has.
+// Whom a console trusts: a listener that has not proved itself is told from one that has, and says only what the
+// protocol has.
 #include "impostor_fixture.h"
 #include "known_hosts.h"
 
@@ -48,7 +49,8 @@ protected:
             fake_tls tls(through, key, {});
             frame request;
             for (int i = 0; i < times && tls.next(request); ++i) {
-                tls.send(frame_type::login_first_answer, request.request, plain_scram::server{"any"}.first(request.payload));
+                tls.send(frame_type::login_first_answer, request.request,
+                         plain_scram::server{"any"}.first(request.payload));
                 if (!tls.next(request))
                     return;
                 ++m_proofs;
@@ -93,7 +95,8 @@ TEST_F(trust, a_refusal_by_one_that_is_known) {
 // Known before the first login, no other key gets as far as a password.
 TEST_F(trust, a_key_that_is_noted_first) {
     const auto noted = [&](uint16 at, EVP_PKEY* key) {
-        return qor::control::known_hosts(folder() / "known-hosts").remember("127.0.0.1", at, qor::control::fingerprint_of(key));
+        return qor::control::known_hosts(folder() / "known-hosts")
+            .remember("127.0.0.1", at, qor::control::fingerprint_of(key));
     };
     fake_listener impostor(refuse(m_key.get(), 1));
     const key_pointer other(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
@@ -114,7 +117,8 @@ TEST_F(trust, a_key_that_is_noted_first) {
 TEST_F(trust, another_key_on_the_way_back) {
     const key_pointer other(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
     int connections = 0;
-    fake_listener impostor([&](fake_listener& through) { refuse(connections++ == 0 ? m_key.get() : other.get(), 1)(through); });
+    fake_listener impostor(
+        [&](fake_listener& through) { refuse(connections++ == 0 ? m_key.get() : other.get(), 1)(through); });
     const control_pointer control = connected(make(), impostor.port());
     EXPECT_FALSE(control->Login("ada", "secret"));
     EXPECT_EQ(error_number(), qorError_credentials_refused);
@@ -129,7 +133,9 @@ TEST_F(trust, another_key_on_the_way_back) {
 using operation = std::function<bool(const control_pointer&)>;
 
 const operation enable = [](const control_pointer& of) { return of->EnableCode("name", true); };
-const operation enable_long = [](const control_pointer& of) { return of->EnableCode(std::string(4097, 'n').c_str(), true); };
+const operation enable_long = [](const control_pointer& of) {
+    return of->EnableCode(std::string(4097, 'n').c_str(), true);
+};
 const operation disable_all = [](const control_pointer& of) { return of->DisableAll(); };
 const operation list = [](const control_pointer& of) {
     qorStringArray out;
@@ -226,7 +232,8 @@ TEST_F(trust, logins_that_are_refused_in_another_way) {
             if (!tls.next(request))
                 return;
             if (!each.first) {
-                tls.send(frame_type::login_first_answer, request.request, plain_scram::server{"any"}.first(request.payload));
+                tls.send(frame_type::login_first_answer, request.request,
+                         plain_scram::server{"any"}.first(request.payload));
                 if (!tls.next(request))
                     return;
             }

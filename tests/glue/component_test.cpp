@@ -19,15 +19,11 @@ const std::string still_referenced =
     assertion("m_data->refcount.Read() == 0", "virtual qorComponent2::~qorComponent2()",
               "qorcore/include/qor/glue/impl_common", 973);
 
-std::string first_entry(const std::string& block) {
-    return "qor_do_malloc(0, 24, true" + (tag + ("1005) = " + block));
-}
+std::string first_entry(const std::string& block) { return "qor_do_malloc(0, 24, true" + (tag + ("1005) = " + block)); }
 std::string grown(const std::string& from, int entries, const std::string& block) {
     return "qor_do_realloc(" + from + ", " + std::to_string(24 * entries) + tag + "1007) = " + block;
 }
-std::string freed(const std::string& block) {
-    return "qor_do_free(" + block + tag + "976)";
-}
+std::string freed(const std::string& block) { return "qor_do_free(" + block + tag + "976)"; }
 
 // What becomes of a component in a test.
 struct fate {
@@ -95,9 +91,8 @@ TEST(Component, IsBornWithOneReferenceAndEndedByItsRelease) {
     recording_table table;
     fate told;
     auto* const object = new ("util/test", 55) component("test.component", told);
-    EXPECT_EQ(table.take(),
-              (calls{"qor_do_new(" + std::to_string(sizeof(component)) + ", util/test, 55) = #1",
-                     "qorAnnounceObject(test.component)"}));
+    EXPECT_EQ(table.take(), (calls{"qor_do_new(" + std::to_string(sizeof(component)) + ", util/test, 55) = #1",
+                                   "qorAnnounceObject(test.component)"}));
     object->object_Release();
     EXPECT_EQ(told.ends, 1);
     EXPECT_EQ(told.final_releases, 1);
@@ -258,9 +253,8 @@ TEST(Component, WhoseConstructorThrowsIsFreed) {
     };
     recording_table table;
     EXPECT_THROW(new ("test", 1) refusing, std::runtime_error);
-    EXPECT_EQ(table.take(),
-              (calls{"qor_do_new(" + std::to_string(sizeof(refusing)) + ", test, 1) = #1",
-                     "qorAnnounceObject(test.refusing)", still_referenced, "qor_do_delete(#1)"}));
+    EXPECT_EQ(table.take(), (calls{"qor_do_new(" + std::to_string(sizeof(refusing)) + ", test, 1) = #1",
+                                   "qorAnnounceObject(test.refusing)", still_referenced, "qor_do_delete(#1)"}));
 }
 
 TEST(Component, WithoutMemoryThrowsInItsClient) {

@@ -58,8 +58,8 @@ private:
     std::vector<std::thread> m_threads;
 };
 
-// Plays rounds, each of which tells whether all went well. A system that does not tell who sleeps gives the threads of a
-// crowd a number of milliseconds instead: there a round may begin too early, and what fails is tried again with more
+// Plays rounds, each of which tells whether all went well. A system that does not tell who sleeps gives the threads of
+// a crowd a number of milliseconds instead: there a round may begin too early, and what fails is tried again with more
 // of them. A fault fails however many there are.
 template <class ROUND>
 void in_each_round(ROUND round) {

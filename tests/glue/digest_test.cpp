@@ -37,8 +37,8 @@ bytes digest_of(IQORDigestEngine* engine) {
 bytes of_openssl(const char* algorithm, const bytes& message) {
     bytes digest(EVP_MAX_MD_SIZE);
     unsigned size = 0;
-    EXPECT_EQ(EVP_Digest(message.data(), message.size(), digest.data(), &size, EVP_get_digestbyname(algorithm), nullptr),
-              1);
+    EXPECT_EQ(
+        EVP_Digest(message.data(), message.size(), digest.data(), &size, EVP_get_digestbyname(algorithm), nullptr), 1);
     digest.resize(size);
     return digest;
 }

@@ -21,9 +21,7 @@ void record(int priority, const char* format, std::va_list arguments) {
 // The names are the C library's; the second pair is what a hardened compilation calls.
 #define EXPORTED extern "C" [[gnu::visibility("default")]]
 
-EXPORTED void vsyslog(int priority, const char* format, std::va_list arguments) {
-    record(priority, format, arguments);
-}
+EXPORTED void vsyslog(int priority, const char* format, std::va_list arguments) { record(priority, format, arguments); }
 
 EXPORTED void __vsyslog_chk(int priority, int, const char* format, std::va_list arguments) {
     record(priority, format, arguments);

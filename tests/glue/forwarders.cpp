@@ -2,11 +2,9 @@
 // (forwarder_test.py).
 #include "qor/qor.h"
 
-#define QOR_SLOT(number, result, op, parameters, arguments)                                                  \
-    extern "C" result forward_##number parameters noexcept;                                                  \
-    extern "C" result forward_##number parameters noexcept {                                                 \
-        return qor::glue::op arguments;                                                                      \
-    }
+#define QOR_SLOT(number, result, op, parameters, arguments)                                                            \
+    extern "C" result forward_##number parameters noexcept;                                                            \
+    extern "C" result forward_##number parameters noexcept { return qor::glue::op arguments; }
 #define QOR_RESERVED(number, op)
 #define QOR_ROOM(first, count)
 #include "qor/glue/slots.def"

@@ -86,9 +86,8 @@ TEST_F(Forwarding, AnElementIsReadWithoutTheTable) {
 }
 
 TEST_F(Forwarding, AnIndexBeyondTheEndIsReportedAndYieldsAnEmptyText) {
-    const std::string report =
-        assertion("index < m_data.count", "const char* qorStringArray::operator[](uint32) const",
-                  "qorcore/include/qor/glue/impl_common", 109);
+    const std::string report = assertion("index < m_data.count", "const char* qorStringArray::operator[](uint32) const",
+                                         "qorcore/include/qor/glue/impl_common", 109);
     qorStringArray words;
     EXPECT_STREQ(words[0], "");
     EXPECT_EQ(table.take(), calls{report});
@@ -105,9 +104,8 @@ TEST_F(Forwarding, AByteOfAStringIsChecked) {
     EXPECT_EQ(text[1], 'b');
     EXPECT_EQ(table.take(), calls{});
     EXPECT_EQ(text[2], '\0');
-    EXPECT_EQ(table.take(),
-              calls{assertion("index < (int32)m_data.length", "char qorString::operator[](int32) const",
-                              "qorcore/include/qor/glue/impl_common", 71)});
+    EXPECT_EQ(table.take(), calls{assertion("index < (int32)m_data.length", "char qorString::operator[](int32) const",
+                                            "qorcore/include/qor/glue/impl_common", 71)});
 }
 
 } // namespace

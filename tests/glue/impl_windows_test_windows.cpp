@@ -73,8 +73,8 @@ TEST(WindowsProcessArgs, AreNoneWhereTheLineCannotBeSplit) {
     table.take();
     refuse_next_request();
     qorwinSetupProcessArgs(words);
-    EXPECT_EQ(table.take(), calls{assertion("argvec != NULL", "void qorwinSetupProcessArgs(qorStringArray&)",
-                                            windows_file, 115)});
+    EXPECT_EQ(table.take(),
+              calls{assertion("argvec != NULL", "void qorwinSetupProcessArgs(qorStringArray&)", windows_file, 115)});
     EXPECT_TRUE(words.IsEmpty());
 }
 

@@ -25,8 +25,7 @@ ELEMENT random_element(std::mt19937& random) {
 
 template <class ELEMENT>
 bool same_bytes(const std::vector<ELEMENT>& left, const ELEMENT* right, uint32 count) {
-    return left.size() == count &&
-           (count == 0 || std::memcmp(left.data(), right, count * sizeof(ELEMENT)) == 0);
+    return left.size() == count && (count == 0 || std::memcmp(left.data(), right, count * sizeof(ELEMENT)) == 0);
 }
 
 TYPED_TEST(NumericArrayModel, DoesWhatAPlainVectorDoes) {

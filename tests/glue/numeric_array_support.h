@@ -16,11 +16,11 @@ using element_of = std::remove_pointer_t<decltype(std::declval<ARRAY&>().GetData
 // The classes by name, and what the contract calls their elements.
 template <class ARRAY>
 struct named;
-#define NAMED(name, type)                                                                                    \
-    template <>                                                                                              \
-    struct named<name> {                                                                                     \
-        static constexpr char text[] = #name;                                                                \
-        using element = type;                                                                                \
+#define NAMED(name, type)                                                                                              \
+    template <>                                                                                                        \
+    struct named<name> {                                                                                               \
+        static constexpr char text[] = #name;                                                                          \
+        using element = type;                                                                                          \
     }
 NAMED(uint8_Array, unsigned char);
 NAMED(int8_Array, signed char);
@@ -34,8 +34,8 @@ NAMED(float_Array, float);
 NAMED(double_Array, double);
 #undef NAMED
 
-using numeric_arrays = testing::Types<uint8_Array, int8_Array, uint16_Array, int16_Array, uint32_Array,
-                                      int32_Array, uint64_Array, int64_Array, float_Array, double_Array>;
+using numeric_arrays = testing::Types<uint8_Array, int8_Array, uint16_Array, int16_Array, uint32_Array, int32_Array,
+                                      uint64_Array, int64_Array, float_Array, double_Array>;
 
 // Their tests are named after them.
 struct class_names {
@@ -79,10 +79,10 @@ std::vector<ELEMENT> corners() {
     std::vector<ELEMENT> result;
     if constexpr (std::is_floating_point_v<ELEMENT>) {
         using limits = std::numeric_limits<ELEMENT>;
-        for (const double value : {0.0,          0.25,         0.5,          0.9999,       1.0,
-                                   1.5,          2.0,          1e6,          16777215.5,   1073741824.0,
-                                   2147483520.0, 2147483646.5, 2147483647.0, 2147483647.5, 2147483648.0,
-                                   2147483648.5, 2147483649.0, 4294967296.0, 9.3e18,       1e30}) {
+        for (const double value :
+             {0.0,          0.25,         0.5,          0.9999,       1.0,          1.5,          2.0,
+              1e6,          16777215.5,   1073741824.0, 2147483520.0, 2147483646.5, 2147483647.0, 2147483647.5,
+              2147483648.0, 2147483648.5, 2147483649.0, 4294967296.0, 9.3e18,       1e30}) {
             result.push_back(static_cast<ELEMENT>(value));
             result.push_back(static_cast<ELEMENT>(-value));
         }
@@ -92,9 +92,8 @@ std::vector<ELEMENT> corners() {
         }
         result.push_back(limits::quiet_NaN());
     } else {
-        for (const uint64 base :
-             {0ull, 1ull << 7, 1ull << 8, 1ull << 15, 1ull << 16, 3000000000ull, 1ull << 31, 1ull << 32,
-              (1ull << 32) + (1ull << 31), 1ull << 33, 1ull << 63, ~0ull - 1})
+        for (const uint64 base : {0ull, 1ull << 7, 1ull << 8, 1ull << 15, 1ull << 16, 3000000000ull, 1ull << 31,
+                                  1ull << 32, (1ull << 32) + (1ull << 31), 1ull << 33, 1ull << 63, ~0ull - 1})
             for (uint64 offset = 0; offset < 5; ++offset)
                 result.push_back(static_cast<ELEMENT>(base + offset - 2));
     }

@@ -15,8 +15,8 @@
 namespace {
 
 using qor::test::assertion;
-using qor::test::refuse_next_request;
 using qor::test::recording_table;
+using qor::test::refuse_next_request;
 using calls = std::vector<std::string>;
 
 constexpr char windows_file[] = "qorcore/include/qor/glue/impl_windows";
@@ -94,8 +94,7 @@ TEST(FastMutex, ReportsThatThereIsNoMemory) {
     recording_table table;
     refuse_next_request();
     qorFastMutex2 mutex;
-    EXPECT_EQ(table.take(),
-              calls{assertion("m_pCrit != NULL", "qorFastMutex2::qorFastMutex2()", windows_file, 147)});
+    EXPECT_EQ(table.take(), calls{assertion("m_pCrit != NULL", "qorFastMutex2::qorFastMutex2()", windows_file, 147)});
     mutex.Lock();
     mutex.Unlock();
     EXPECT_EQ(table.take(), calls{});
@@ -164,9 +163,8 @@ TEST(AutoLock, LockingASecondMutexIsReportedAndLeavesTheFirst) {
     {
         qorAutoLockFastMutex2 lock(&first);
         lock.Lock(&second);
-        EXPECT_EQ(table.take(),
-                  calls{assertion("m_mutex == NULL", "void qorAutoLockFastMutex2::Lock(qorFastMutex2*)",
-                                  common_file, 861)});
+        EXPECT_EQ(table.take(), calls{assertion("m_mutex == NULL", "void qorAutoLockFastMutex2::Lock(qorFastMutex2*)",
+                                                common_file, 861)});
         lock_on_another_thread(first);
         const follower other([&] {
             second.Lock();
@@ -395,8 +393,7 @@ TEST(Trigger, ReportsWhatItCannotDo) {
     recording_table table;
     refuse_next_request();
     qorTrigger trigger(true);
-    EXPECT_EQ(table.take(),
-              calls{assertion("m_event != NULL", "qorTrigger::qorTrigger(bool)", windows_file, 214)});
+    EXPECT_EQ(table.take(), calls{assertion("m_event != NULL", "qorTrigger::qorTrigger(bool)", windows_file, 214)});
     trigger.Set();
     EXPECT_EQ(table.take(), calls{});
     trigger.Wait();

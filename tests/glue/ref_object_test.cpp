@@ -12,9 +12,8 @@ using qor::test::assertion;
 using qor::test::recording_table;
 using calls = std::vector<std::string>;
 
-const std::string still_referenced =
-    assertion("m_refcount.Read() == 0", "virtual qorRefObject::~qorRefObject()",
-              "qorcore/include/qor/glue/impl_common", 894);
+const std::string still_referenced = assertion("m_refcount.Read() == 0", "virtual qorRefObject::~qorRefObject()",
+                                               "qorcore/include/qor/glue/impl_common", 894);
 
 class object : public qorRefObject {
 public:

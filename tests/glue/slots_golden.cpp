@@ -18,7 +18,7 @@ void room(std::ostream& out, unsigned first, unsigned count) {
 
 std::string listing() {
     std::ostringstream out;
-#define QOR_SLOT(number, result, op, parameters, arguments)                                                  \
+#define QOR_SLOT(number, result, op, parameters, arguments)                                                            \
     out << number << " slot " << #op << ": " << #result << " " << #parameters << " " << #arguments << "\n";
 #define QOR_RESERVED(number, op) out << number << " reserved " << #op << "\n";
 #define QOR_ROOM(first, count) room(out, first, count);

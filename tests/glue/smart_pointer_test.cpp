@@ -8,8 +8,7 @@ using qor::test::assertion;
 using qor::test::recording_table;
 using calls = std::vector<std::string>;
 
-std::string reported(const std::string& expr, const std::string& signature, const std::string& type,
-                     int line) {
+std::string reported(const std::string& expr, const std::string& signature, const std::string& type, int line) {
     return assertion(expr, signature + " [with TYPE = " + type + "]",
                      "qorcore/include/qor/system/template/SmartPointer", line);
 }

@@ -13,8 +13,8 @@ namespace {
 using qor::glue::binding_table;
 
 // The numbers and signatures that never change, whatever slots.def says.
-#define FIXED(number, op, signature)                                                                         \
-    static_assert(offsetof(binding_table, op) == (number) * sizeof(void*));                                  \
+#define FIXED(number, op, signature)                                                                                   \
+    static_assert(offsetof(binding_table, op) == (number) * sizeof(void*));                                            \
     static_assert(std::is_same_v<decltype(binding_table::op), signature>)
 
 FIXED(0, qorGetTableLength, uint32 (*)() noexcept);
@@ -43,15 +43,15 @@ const void* entry(const binding_table& table, uint32 number) {
 TEST(Table, HoldsAllThatIsWrittenAndNothingElse) {
     const binding_table& table = *qor::glue::table();
     uint32 covered = 0;
-#define QOR_SLOT(number, result, op, parameters, arguments)                                                  \
-    EXPECT_NE(entry(table, number), nullptr) << #op;                                                         \
+#define QOR_SLOT(number, result, op, parameters, arguments)                                                            \
+    EXPECT_NE(entry(table, number), nullptr) << #op;                                                                   \
     covered += 1;
-#define QOR_RESERVED(number, op)                                                                             \
-    EXPECT_EQ(entry(table, number), nullptr) << #op;                                                         \
+#define QOR_RESERVED(number, op)                                                                                       \
+    EXPECT_EQ(entry(table, number), nullptr) << #op;                                                                   \
     covered += 1;
-#define QOR_ROOM(first, count)                                                                               \
-    for (uint32 i = 0; i < (count); ++i)                                                                     \
-        EXPECT_EQ(entry(table, (first) + i), nullptr) << (first) + i;                                        \
+#define QOR_ROOM(first, count)                                                                                         \
+    for (uint32 i = 0; i < (count); ++i)                                                                               \
+        EXPECT_EQ(entry(table, (first) + i), nullptr) << (first) + i;                                                  \
     covered += (count);
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
@@ -60,9 +60,7 @@ TEST(Table, HoldsAllThatIsWrittenAndNothingElse) {
     EXPECT_EQ(covered, qor::glue::slot_count);
 }
 
-TEST(Table, TellsItsLength) {
-    EXPECT_EQ(qor::glue::qorGetTableLength(), qor::glue::slot_count);
-}
+TEST(Table, TellsItsLength) { EXPECT_EQ(qor::glue::qorGetTableLength(), qor::glue::slot_count); }
 
 TEST(Table, IsSufficientWithEveryWrittenOperation) {
     binding_table table = *qor::glue::table();

@@ -139,8 +139,7 @@ TEST(Timecode, FramesOfAClockAreExact) {
         // The last frame that has begun: frame n begins at n * denominator / numerator seconds.
         __extension__ using wide = unsigned __int128;
         const auto begins = [&](uint64 frame) {
-            return wide{frame} * rate.denominator * second <=
-                   wide{ticks} * static_cast<uint32>(rate.numerator);
+            return wide{frame} * rate.denominator * second <= wide{ticks} * static_cast<uint32>(rate.numerator);
         };
         ASSERT_TRUE(begins(timecode.frames));
         ASSERT_FALSE(begins(timecode.frames + 1u));
@@ -149,11 +148,11 @@ TEST(Timecode, FramesOfAClockAreExact) {
 
 TEST(Timecode, ARateThatIsNoneIsReported) {
     qor::test::recording_table table;
-    const calls report{qor::test::assertion(
-        "INVALID FRAME RATE", "void qorTimecode::SetFromClock(const qorRational&, bool, uint64)",
-        "qorcore/include/qor/system/Timecode", 128)};
-    for (const qorRational& rate : {qorRational(25, 0), qorRational(0, 1), qorRational(-25, 1),
-                                    qorRational(INT_MIN, 1), qorRational()}) {
+    const calls report{qor::test::assertion("INVALID FRAME RATE",
+                                            "void qorTimecode::SetFromClock(const qorRational&, bool, uint64)",
+                                            "qorcore/include/qor/system/Timecode", 128)};
+    for (const qorRational& rate :
+         {qorRational(25, 0), qorRational(0, 1), qorRational(-25, 1), qorRational(INT_MIN, 1), qorRational()}) {
         qorTimecode timecode(1, 2, 3, 4);
         timecode.SetFromClock(rate, false, 12345 * second);
         EXPECT_EQ(timecode, qorTimecode());
@@ -230,8 +229,8 @@ TEST(Timecode, ARateThatIsNoneCountsNothing) {
     const std::string get = "assertion failed: INVALID FRAME RATE, in uint64 "
                             "qorTimecode::GetFrameCount(const qorRational&, bool) const "
                             "(qorcore/src/time/timecode:68)";
-    for (const qorRational& rate : {qorRational(25, 0), qorRational(0, 1), qorRational(-25, 1),
-                                    qorRational(INT_MIN, 1), qorRational()}) {
+    for (const qorRational& rate :
+         {qorRational(25, 0), qorRational(0, 1), qorRational(-25, 1), qorRational(INT_MIN, 1), qorRational()}) {
         qorTimecode timecode(1, 2, 3, 4);
         uint64 count = 1;
         EXPECT_NE(reported([&] { count = timecode.GetFrameCount(rate, true); }).find(get), std::string::npos);
@@ -239,8 +238,7 @@ TEST(Timecode, ARateThatIsNoneCountsNothing) {
         EXPECT_NE(reported([&] { timecode.SetFromFrameCount(rate, 1000); }).find(set), std::string::npos);
         EXPECT_EQ(timecode, qorTimecode());
         timecode.Set(1, 2, 3, 4);
-        EXPECT_NE(reported([&] { timecode.SetFromFrameCount(rate, false, 1000); }).find(set),
-                  std::string::npos);
+        EXPECT_NE(reported([&] { timecode.SetFromFrameCount(rate, false, 1000); }).find(set), std::string::npos);
         EXPECT_EQ(timecode, qorTimecode());
     }
 }

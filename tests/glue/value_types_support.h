@@ -27,9 +27,7 @@ void for_each_field(TYPE& value, ACTION action) {
 }
 
 // The number that a field of this index has in `numbered`; no byte of it is another's.
-inline uint32 field_number(std::size_t index) {
-    return 0xf1e2d3c4u - 0x04040404u * static_cast<uint32>(index);
-}
+inline uint32 field_number(std::size_t index) { return 0xf1e2d3c4u - 0x04040404u * static_cast<uint32>(index); }
 
 // A value whose fields all differ, in every byte.
 template <class TYPE>

@@ -128,8 +128,7 @@ TEST(Geometry, NormaliseSwapsWhatIsTheWrongWayRound) {
 }
 
 TEST(Geometry, SumsAndDifferencesWrap) {
-    EXPECT_EQ(qorRect(qorPoint(INT_MAX, INT_MIN), qorSize(1, -1)),
-              qorRect(INT_MAX, INT_MIN, INT_MIN, INT_MAX));
+    EXPECT_EQ(qorRect(qorPoint(INT_MAX, INT_MIN), qorSize(1, -1)), qorRect(INT_MAX, INT_MIN, INT_MIN, INT_MAX));
     EXPECT_EQ(qorRect(INT_MIN, INT_MAX, INT_MAX, INT_MIN).GetSize(), qorSize(-1, 1));
     qorRect rect(INT_MAX, INT_MIN, 0, 0);
     rect.OffsetRect(1, -1);

@@ -12,8 +12,8 @@ using qor::test::assertion;
 using qor::test::recording_table;
 using calls = std::vector<std::string>;
 
-const std::string beyond_the_end = assertion("index < m_data.count", "void* qorVector::ptr(uint32)",
-                                             "qorcore/include/qor/system/Vector", 84);
+const std::string beyond_the_end =
+    assertion("index < m_data.count", "void* qorVector::ptr(uint32)", "qorcore/include/qor/system/Vector", 84);
 
 void append(qorVector& vector, std::initializer_list<int> values) {
     void* const room = vector.Append(static_cast<unsigned>(values.size()));
@@ -32,8 +32,7 @@ TEST(Vector, IsAPointerAndThreeNumbers) {
     static_assert(offsetof(qorVector, m_data) == 0);
     using data = decltype(qorVector::m_data);
     static_assert(offsetof(data, elements) == 0 && offsetof(data, count) == sizeof(void*));
-    static_assert(offsetof(data, chunk_size) == sizeof(void*) + 4 &&
-                  offsetof(data, alloc) == sizeof(void*) + 8);
+    static_assert(offsetof(data, chunk_size) == sizeof(void*) + 4 && offsetof(data, alloc) == sizeof(void*) + 8);
     const qorVector vector(24);
     EXPECT_EQ(vector.m_data.elements, nullptr);
     EXPECT_EQ(vector.m_data.count, 0u);

@@ -2,10 +2,10 @@
 //
 //   inject_slots FOLDER          under the injector (tests/support/inject), which it needs to be preloaded
 //
-// Each script runs once undisturbed and then, n = 1, 2, ..., in a child process of its own, until its requests are fewer
-// than n. No process but a child ever calls the framework, so that binding and all first uses are among what fails. A child
-// must say what the undisturbed one said and end with 0, or end with another code and words on standard error. FOLDER is an
-// empty one, for files.
+// Each script runs once undisturbed and then, n = 1, 2, ..., in a child process of its own, until its requests are
+// fewer than n. No process but a child ever calls the framework, so that binding and all first uses are among what
+// fails. A child must say what the undisturbed one said and end with 0, or end with another code and words on standard
+// error. FOLDER is an empty one, for files.
 #include "qor/qor.h"
 #include "support/inject/inject.h"
 
@@ -93,7 +93,8 @@ void use_string() {
 
 void use_array() {
     qorStringArray words;
-    const qorString text("a few words and some more of them, until there are enough to need more room than one word does");
+    const qorString text(
+        "a few words and some more of them, until there are enough to need more room than one word does");
     MUST(text.Tokenise_WS(words));
     words.Append(words);
     words.Sort(true);
@@ -252,9 +253,10 @@ struct script {
 };
 
 constexpr script scripts[] = {
-    {"memory", use_memory}, {"vector", use_vector},   {"string", use_string}, {"array", use_array},
-    {"messages", use_messages}, {"errors", use_errors}, {"files", use_files}, {"trace", use_trace},
-    {"process", use_process}, {"host", use_host}, {"network", use_network}, {"time", use_time}, {"digest", use_digest},
+    {"memory", use_memory},     {"vector", use_vector}, {"string", use_string},   {"array", use_array},
+    {"messages", use_messages}, {"errors", use_errors}, {"files", use_files},     {"trace", use_trace},
+    {"process", use_process},   {"host", use_host},     {"network", use_network}, {"time", use_time},
+    {"digest", use_digest},
 };
 
 struct outcome {
@@ -334,8 +336,8 @@ int main(int argc, char** argv) {
         for (;; ++at, ++runs) {
             const outcome seen = run(each, at);
             if (!is_right(undisturbed, seen)) {
-                std::printf("%s, request %lu: status %x, output '%.200s', errors '%.200s'\n", each.name, at, seen.status,
-                            seen.output.c_str(), seen.errors.c_str());
+                std::printf("%s, request %lu: status %x, output '%.200s', errors '%.200s'\n", each.name, at,
+                            seen.status, seen.output.c_str(), seen.errors.c_str());
                 ++faults;
             }
             if (!seen.fired)

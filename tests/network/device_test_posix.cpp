@@ -113,11 +113,9 @@ TEST(net_device, a_pci_card_that_is_in_no_list) {
     const link_row link = on_bus("pci", "0000:00:1f.6");
     EXPECT_EQ(root.describe(link).description, "PCI device 8086:0001, driver e1000e, PCI 0000:00:1f.6");
     root.write("/usr/share/misc/pci.ids", pci_ids);
-    EXPECT_EQ(root.describe(link).description,
-              "Intel Corporation device 0001, driver e1000e, PCI 0000:00:1f.6");
+    EXPECT_EQ(root.describe(link).description, "Intel Corporation device 0001, driver e1000e, PCI 0000:00:1f.6");
     root.write("/usr/share/misc/pci.ids", "8086  Intel Corporation");
-    EXPECT_EQ(root.describe(link).description,
-              "Intel Corporation device 0001, driver e1000e, PCI 0000:00:1f.6");
+    EXPECT_EQ(root.describe(link).description, "Intel Corporation device 0001, driver e1000e, PCI 0000:00:1f.6");
 }
 
 // Pipes and more in the place of files: nobody waits for what may never come.
@@ -237,9 +235,18 @@ TEST(net_naming, kinds) {
     EXPECT_EQ(kind(make_link("rmnet0", ARPHRD_RAWIP)), "Network (rmnet0)");
     EXPECT_EQ(kind(make_link("sit0", ARPHRD_SIT)), "Tunnel (sit0)");
     const std::pair<const char*, const char*> made[] = {
-        {"bond", "Bond"},   {"bridge", "Bridge"},           {"dummy", "Dummy"}, {"macvlan", "MACVLAN"},
-        {"ipip", "Tunnel"}, {"veth", "Virtual Ethernet"},   {"vlan", "VLAN"},   {"vxlan", "VXLAN"},
-        {"vrf", "VRF"},     {"wireguard", "WireGuard"},     {"xfrm", "Tunnel"}, {"sit", "Tunnel"},
+        {"bond", "Bond"},
+        {"bridge", "Bridge"},
+        {"dummy", "Dummy"},
+        {"macvlan", "MACVLAN"},
+        {"ipip", "Tunnel"},
+        {"veth", "Virtual Ethernet"},
+        {"vlan", "VLAN"},
+        {"vxlan", "VXLAN"},
+        {"vrf", "VRF"},
+        {"wireguard", "WireGuard"},
+        {"xfrm", "Tunnel"},
+        {"sit", "Tunnel"},
         {"of tomorrow", "Ethernet"},
     };
     for (const auto& [name, expected] : made) {
@@ -268,10 +275,9 @@ TEST(net_interfaces, addresses_are_grouped_by_number) {
         tables.links.push_back(make_link("if" + std::to_string(index)));
         tables.links.back().index = index;
     }
-    tables.addresses = {{5, 24, false, {10, 0, 0, 5}},    {2, 8, false, {10, 0, 0, 2}},
-                        {9, 8, false, {10, 0, 0, 9}},     {5, 32, false, {10, 0, 0, 6}},
-                        {7, 64, true, {0xfe, 0x80}},      {7, 64, true, {0xfd}},
-                        {7, 10, true, {0xfe, 0xbf}},      {7, 10, true, {0xfe, 0xc0}}};
+    tables.addresses = {{5, 24, false, {10, 0, 0, 5}}, {2, 8, false, {10, 0, 0, 2}}, {9, 8, false, {10, 0, 0, 9}},
+                        {5, 32, false, {10, 0, 0, 6}}, {7, 64, true, {0xfe, 0x80}},  {7, 64, true, {0xfd}},
+                        {7, 10, true, {0xfe, 0xbf}},   {7, 10, true, {0xfe, 0xc0}}};
     const auto interfaces = network::put_together(tables, devices);
     ASSERT_EQ(interfaces.size(), 3u);
     EXPECT_EQ(interfaces[0].name, "if2");
@@ -296,11 +302,16 @@ TEST(net_interfaces, the_gateway_is_that_of_the_lowest_metric) {
         tables.links.push_back(make_link("if" + std::to_string(index)));
         tables.links.back().index = index;
     }
-    tables.gateways = {{1, 100, 0, {10, 0, 0, 1}}, {1, 50, 0, {10, 0, 0, 2}}, {1, 50, 0, {10, 0, 0, 3}},
-                       {2, 7, 0, {10, 0, 0, 4}},   {9, 7, 0, {10, 0, 0, 5}},  {0, 60, 11, {}},
-                       {0, 6, 12, {}},             {0, 6, 99, {}}};
-    tables.next_hops = {{10, 3, {{10, 0, 1, 1}}, {}}, {11, 2, {{10, 0, 1, 2}}, {}}, {12, 0, {}, {10, 11, 13, 98}},
-                        {13, 4, {}, {}}};
+    tables.gateways = {{1, 100, 0, {10, 0, 0, 1}},
+                       {1, 50, 0, {10, 0, 0, 2}},
+                       {1, 50, 0, {10, 0, 0, 3}},
+                       {2, 7, 0, {10, 0, 0, 4}},
+                       {9, 7, 0, {10, 0, 0, 5}},
+                       {0, 60, 11, {}},
+                       {0, 6, 12, {}},
+                       {0, 6, 99, {}}};
+    tables.next_hops = {
+        {10, 3, {{10, 0, 1, 1}}, {}}, {11, 2, {{10, 0, 1, 2}}, {}}, {12, 0, {}, {10, 11, 13, 98}}, {13, 4, {}, {}}};
     const auto interfaces = network::put_together(tables, devices);
     ASSERT_TRUE(interfaces[0].gateway);
     EXPECT_EQ(interfaces[0].gateway->address, (qoraddr_ipv4{{10, 0, 0, 2}}));

@@ -59,8 +59,9 @@ const bytes gateway_2 = {10, 0, 0, 2};
 
 bytes hop(int link, const bytes& gateway, int flags = 0) {
     const bytes inside = attribute(RTA_GATEWAY, gateway);
-    return join({raw(rtnexthop{static_cast<uint16>(sizeof(rtnexthop) + inside.size()), static_cast<uint8>(flags), 0, link}),
-                 inside});
+    return join(
+        {raw(rtnexthop{static_cast<uint16>(sizeof(rtnexthop) + inside.size()), static_cast<uint8>(flags), 0, link}),
+         inside});
 }
 
 std::string last_error() {
@@ -85,16 +86,17 @@ TEST(netlink_dump, hardware_addresses_of_every_length) {
 }
 
 TEST(netlink_dump, what_is_known_of_a_link) {
-    const auto tables = read(join(
-        {link(3, "tap0", {attribute(IFLA_IFALIAS, text("to the lab")),
-                          attribute(IFLA_PROP_LIST | NLA_F_NESTED,
-                                    join({attribute(IFLA_ALT_IFNAME, text("first")),
-                                          attribute(IFLA_ALT_IFNAME, text("a name of more than fifteen bytes"))})),
-                          attribute(IFLA_LINKINFO, join({attribute(IFLA_INFO_KIND, text("tun")),
-                                                         attribute(IFLA_INFO_DATA,
-                                                                   attribute(IFLA_TUN_TYPE, {IFF_TAP}))}))}),
-         link(4, "eth1", {attribute(IFLA_PARENT_DEV_NAME, text("0000:00:03.0")),
-                          attribute(IFLA_PARENT_DEV_BUS_NAME, text("pci"))})}));
+    const auto tables = read(
+        join({link(3, "tap0",
+                   {attribute(IFLA_IFALIAS, text("to the lab")),
+                    attribute(IFLA_PROP_LIST | NLA_F_NESTED,
+                              join({attribute(IFLA_ALT_IFNAME, text("first")),
+                                    attribute(IFLA_ALT_IFNAME, text("a name of more than fifteen bytes"))})),
+                    attribute(IFLA_LINKINFO, join({attribute(IFLA_INFO_KIND, text("tun")),
+                                                   attribute(IFLA_INFO_DATA, attribute(IFLA_TUN_TYPE, {IFF_TAP}))}))}),
+              link(4, "eth1",
+                   {attribute(IFLA_PARENT_DEV_NAME, text("0000:00:03.0")),
+                    attribute(IFLA_PARENT_DEV_BUS_NAME, text("pci"))})}));
     ASSERT_EQ(tables.links.size(), 2u);
     EXPECT_EQ(tables.links[0].name, "tap0");
     EXPECT_EQ(tables.links[0].alias, "to the lab");
@@ -107,9 +109,10 @@ TEST(netlink_dump, what_is_known_of_a_link) {
 }
 
 TEST(netlink_dump, on_a_link_to_a_peer_the_address_is_ours) {
-    const auto tables = read(join({address4(2, {attribute(IFA_ADDRESS, {10, 0, 0, 9}), attribute(IFA_LOCAL, {10, 0, 0, 8}),
-                                                attribute(IFA_LABEL, text("ppp0:1"))}),
-                                   address4(2, {attribute(IFA_ADDRESS, {10, 0, 0, 7})})}));
+    const auto tables =
+        read(join({address4(2, {attribute(IFA_ADDRESS, {10, 0, 0, 9}), attribute(IFA_LOCAL, {10, 0, 0, 8}),
+                                attribute(IFA_LABEL, text("ppp0:1"))}),
+                   address4(2, {attribute(IFA_ADDRESS, {10, 0, 0, 7})})}));
     ASSERT_EQ(tables.addresses.size(), 2u);
     EXPECT_EQ(tables.addresses[0].bytes[3], 8);
     EXPECT_EQ(tables.addresses[0].prefix_length, 24);
@@ -129,17 +132,17 @@ TEST(netlink_dump, an_address_of_the_wrong_length_makes_no_sense) {
 }
 
 TEST(netlink_dump, default_routes_with_a_gateway) {
-    const auto one = read(message(RTM_NEWROUTE, default_route(),
-                                  {attribute(RTA_GATEWAY, gateway_1), attribute(RTA_OIF, raw(5)),
-                                   attribute(RTA_PRIORITY, raw(100))}));
+    const auto one = read(
+        message(RTM_NEWROUTE, default_route(),
+                {attribute(RTA_GATEWAY, gateway_1), attribute(RTA_OIF, raw(5)), attribute(RTA_PRIORITY, raw(100))}));
     ASSERT_EQ(one.gateways.size(), 1u);
     EXPECT_EQ(one.gateways[0].link, 5u);
     EXPECT_EQ(one.gateways[0].metric, 100u);
     EXPECT_EQ(one.gateways[0].gateway[3], 1);
 
-    const auto several = read(message(RTM_NEWROUTE, default_route(),
-                                      {attribute(RTA_MULTIPATH, join({hop(5, gateway_1), hop(6, gateway_2),
-                                                                      hop(7, gateway_2, RTNH_F_DEAD)}))}));
+    const auto several = read(message(
+        RTM_NEWROUTE, default_route(),
+        {attribute(RTA_MULTIPATH, join({hop(5, gateway_1), hop(6, gateway_2), hop(7, gateway_2, RTNH_F_DEAD)}))}));
     ASSERT_EQ(several.gateways.size(), 2u);
     EXPECT_EQ(several.gateways[0].link, 5u);
     EXPECT_EQ(several.gateways[1].link, 6u);
@@ -174,8 +177,9 @@ TEST(netlink_dump, routes_that_are_no_default_gateway) {
     header.rtm_family = AF_INET6;
     expect_none(header);
     // A gateway with an IPv6 address alone, and a route without any.
-    EXPECT_TRUE(read(message(RTM_NEWROUTE, default_route(), {attribute(RTA_VIA, bytes(18, 1)), attribute(RTA_OIF, raw(5))}))
-                    .gateways.empty());
+    EXPECT_TRUE(
+        read(message(RTM_NEWROUTE, default_route(), {attribute(RTA_VIA, bytes(18, 1)), attribute(RTA_OIF, raw(5))}))
+            .gateways.empty());
     EXPECT_TRUE(read(message(RTM_NEWROUTE, default_route(), {attribute(RTA_OIF, raw(5))})).gateways.empty());
 }
 
@@ -188,14 +192,14 @@ TEST(netlink_dump, several_next_hops_that_do_not_fit_make_no_sense) {
 }
 
 TEST(netlink_dump, next_hops_by_number) {
-    const auto tables = read(join(
-        {message(RTM_NEWROUTE, default_route(), {attribute(RTA_NH_ID, raw(9)), attribute(RTA_PRIORITY, raw(3))}),
-         message(RTM_NEWNEXTHOP, nhmsg{AF_INET, 0, 0, 0, 0},
-                 {attribute(NHA_ID, raw(8)), attribute(NHA_OIF, raw(5)), attribute(NHA_GATEWAY, gateway_2)}),
-         message(RTM_NEWNEXTHOP, nhmsg{AF_UNSPEC, 0, 0, 0, 0},
-                 {attribute(NHA_ID, raw(9)), attribute(NHA_GROUP, raw(nexthop_grp{8, 0, 0, 0}))}),
-         message(RTM_NEWNEXTHOP, nhmsg{AF_INET, 0, 0, 0, RTNH_F_DEAD},
-                 {attribute(NHA_ID, raw(10)), attribute(NHA_OIF, raw(5)), attribute(NHA_GATEWAY, gateway_2)})}));
+    const auto tables = read(
+        join({message(RTM_NEWROUTE, default_route(), {attribute(RTA_NH_ID, raw(9)), attribute(RTA_PRIORITY, raw(3))}),
+              message(RTM_NEWNEXTHOP, nhmsg{AF_INET, 0, 0, 0, 0},
+                      {attribute(NHA_ID, raw(8)), attribute(NHA_OIF, raw(5)), attribute(NHA_GATEWAY, gateway_2)}),
+              message(RTM_NEWNEXTHOP, nhmsg{AF_UNSPEC, 0, 0, 0, 0},
+                      {attribute(NHA_ID, raw(9)), attribute(NHA_GROUP, raw(nexthop_grp{8, 0, 0, 0}))}),
+              message(RTM_NEWNEXTHOP, nhmsg{AF_INET, 0, 0, 0, RTNH_F_DEAD},
+                      {attribute(NHA_ID, raw(10)), attribute(NHA_OIF, raw(5)), attribute(NHA_GATEWAY, gateway_2)})}));
     ASSERT_EQ(tables.gateways.size(), 1u);
     EXPECT_EQ(tables.gateways[0].next_hop, 9u);
     EXPECT_EQ(tables.gateways[0].metric, 3u);
@@ -206,9 +210,9 @@ TEST(netlink_dump, next_hops_by_number) {
 }
 
 TEST(netlink_dump, what_the_kernel_looked_up_needs_no_next_hop) {
-    const auto tables = read(message(RTM_NEWROUTE, default_route(),
-                                     {attribute(RTA_NH_ID, raw(9)), attribute(RTA_GATEWAY, gateway_1),
-                                      attribute(RTA_OIF, raw(5))}));
+    const auto tables =
+        read(message(RTM_NEWROUTE, default_route(),
+                     {attribute(RTA_NH_ID, raw(9)), attribute(RTA_GATEWAY, gateway_1), attribute(RTA_OIF, raw(5))}));
     ASSERT_EQ(tables.gateways.size(), 1u);
     EXPECT_EQ(tables.gateways[0].next_hop, 0u);
 }
@@ -246,8 +250,8 @@ TEST(netlink_dump, what_is_cut_off_makes_no_sense) {
     endless.nlmsg_len = 0x80000010;
     read(with_header(whole, endless), dump_state::senseless);
     // A message without room for its own header.
-    for (const int type : std::initializer_list<int>{RTM_NEWLINK, RTM_NEWADDR, RTM_NEWROUTE, RTM_NEWNEXTHOP,
-                                                    NLMSG_DONE, NLMSG_ERROR}) {
+    for (const int type :
+         std::initializer_list<int>{RTM_NEWLINK, RTM_NEWADDR, RTM_NEWROUTE, RTM_NEWNEXTHOP, NLMSG_DONE, NLMSG_ERROR}) {
         const bytes padded = message(type, uint8{1}, {}, 0);
         nlmsghdr header = header_of(padded);
         header.nlmsg_len = sizeof header + 1;
@@ -410,9 +414,9 @@ TEST(netlink_talk, a_host_without_routes_or_next_hops_has_none) {
         script kernel{{then(start, {{0, refusal(code)}})}};
         dump_tables tables;
         EXPECT_TRUE(talk(kernel, tables));
-        script without_hops{{then(start, {{0, join({message(RTM_NEWROUTE, default_route(), {attribute(RTA_NH_ID, raw(9))}),
-                                                    done()})},
-                                          {0, refusal(code)}})}};
+        script without_hops{
+            {then(start, {{0, join({message(RTM_NEWROUTE, default_route(), {attribute(RTA_NH_ID, raw(9))}), done()})},
+                          {0, refusal(code)}})}};
         EXPECT_TRUE(talk(without_hops, tables));
         // Links and addresses there must be.
         script without_links{{{{0, refusal(code)}}}};
@@ -421,13 +425,13 @@ TEST(netlink_talk, a_host_without_routes_or_next_hops_has_none) {
 }
 
 TEST(netlink_talk, next_hops_are_read_where_a_route_names_one) {
-    script kernel{{{{0, join({link(1, "lo"), done()})},
-                    {0, done()},
-                    {0, join({message(RTM_NEWROUTE, default_route(), {attribute(RTA_NH_ID, raw(9))}), done()})},
-                    {0, join({message(RTM_NEWNEXTHOP, nhmsg{AF_INET, 0, 0, 0, 0},
-                                      {attribute(NHA_ID, raw(9)), attribute(NHA_OIF, raw(5)),
-                                       attribute(NHA_GATEWAY, gateway_2)}),
-                              done()})}}}};
+    script kernel{
+        {{{0, join({link(1, "lo"), done()})},
+          {0, done()},
+          {0, join({message(RTM_NEWROUTE, default_route(), {attribute(RTA_NH_ID, raw(9))}), done()})},
+          {0, join({message(RTM_NEWNEXTHOP, nhmsg{AF_INET, 0, 0, 0, 0},
+                            {attribute(NHA_ID, raw(9)), attribute(NHA_OIF, raw(5)), attribute(NHA_GATEWAY, gateway_2)}),
+                    done()})}}}};
     dump_tables tables;
     ASSERT_TRUE(talk(kernel, tables));
     EXPECT_EQ(tables.next_hops.size(), 1u);

@@ -20,9 +20,7 @@ bytes raw(const VALUE& value) {
     return {first, first + sizeof value};
 }
 
-inline bytes text(const std::string& value) {
-    return {value.c_str(), value.c_str() + value.size() + 1};
-}
+inline bytes text(const std::string& value) { return {value.c_str(), value.c_str() + value.size() + 1}; }
 
 inline bytes join(std::initializer_list<bytes> parts) {
     bytes all;

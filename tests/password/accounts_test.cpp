@@ -189,8 +189,9 @@ TEST_F(debug_users, what_is_refused) {
     fails(qorAddDebugUser(m_file, "eve", ""), qorError_empty_password);
     fails(qorChangeDebugUser(m_file, "ada", ""), qorError_empty_password);
     fails(qorAddDebugUser(m_file, "eve", "a\tb"), qorError_bad_password);
-    for (const std::string& name : {std::string(), std::string("a:b"), std::string("a\nb"), std::string("\x7f"), std::string("a\xc2\x85"),
-                                    std::string("#x"), std::string(" x"), std::string("x "), std::string(256, 'x')})
+    for (const std::string& name :
+         {std::string(), std::string("a:b"), std::string("a\nb"), std::string("\x7f"), std::string("a\xc2\x85"),
+          std::string("#x"), std::string(" x"), std::string("x "), std::string(256, 'x')})
         fails(qorAddDebugUser(m_file, name.c_str(), "x"), qorError_bad_user_name);
     fails(qorAddDebugUser(m_file, nullptr, "x"), qorError_invalid_argument);
     fails(qorAddDebugUser(m_file, "x", nullptr), qorError_invalid_argument);
@@ -225,7 +226,8 @@ TEST_F(debug_users, many_at_once) {
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([this, i] {
             for (int round = 0; round < 2; ++round)
-                EXPECT_TRUE(qorAddDebugUser(m_file, ("user" + std::to_string(2 * i + round)).c_str(), "x")) << last_error();
+                EXPECT_TRUE(qorAddDebugUser(m_file, ("user" + std::to_string(2 * i + round)).c_str(), "x"))
+                    << last_error();
         });
     for (std::thread& each : threads)
         each.join();

@@ -62,7 +62,8 @@ TEST_F(private_files, are_files) {
     qorStringArray names;
     EXPECT_FALSE(qorGetDebugUsers(m_folder.path().c_str(), names));
     EXPECT_FALSE(qorGetDebugUsers("/dev/null", names));
-    // Nobody waits for the other end of a pipe, be it in the place of accounts, of the key beside them or of known hosts.
+    // Nobody waits for the other end of a pipe, be it in the place of accounts, of the key beside them or of known
+    // hosts.
     const std::string path = m_folder / "strange";
     std::string text;
     std::string reason;
@@ -72,7 +73,8 @@ TEST_F(private_files, are_files) {
         EXPECT_FALSE(qorGetDebugUsers(path.c_str(), names)) << kind;
         EXPECT_FALSE(read_own_file(path, text, reason)) << kind;
         EXPECT_FALSE(read_private_file(path, text, reason, is_missing)) << kind;
-        EXPECT_EQ(reason == reason_of(private_file_fault::no_plain_file), std::string_view(kind) != "link to itself") << reason;
+        EXPECT_EQ(reason == reason_of(private_file_fault::no_plain_file), std::string_view(kind) != "link to itself")
+            << reason;
         EXPECT_FALSE(is_missing) << kind;
         const qor::test::strange_file key(kind, m_path + ".key");
         EXPECT_EQ(error_with(0600, m_path), qorError_server_key_unusable) << kind;
@@ -154,8 +156,8 @@ protected:
     }
 };
 
-// Where the file system has files without a name, nothing with hashes in it stays behind. In the moment between the last two
-// steps it has one, and who dies then leaves it to the next change to take away.
+// Where the file system has files without a name, nothing with hashes in it stays behind. In the moment between the
+// last two steps it has one, and who dies then leaves it to the next change to take away.
 TEST_F(killed, leaves_nothing_behind) {
     const std::string before = qor::test::read_file(m_path);
     write_and_die(step::sync);

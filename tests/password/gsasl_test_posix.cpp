@@ -90,8 +90,9 @@ protected:
     // Whether GNU SASL's client gets in.
     bool client_gets_in(const std::string& name, const std::string& password, const std::array<uint8, 32>& of_client,
                         const std::array<uint8, 32>& of_server) {
-        gsasl_side client(gsasl_side::which::client,
-                          {{GSASL_AUTHID, name}, {GSASL_PASSWORD, password}, {GSASL_CB_TLS_EXPORTER, base64(of_client)}});
+        gsasl_side client(
+            gsasl_side::which::client,
+            {{GSASL_AUTHID, name}, {GSASL_PASSWORD, password}, {GSASL_CB_TLS_EXPORTER, base64(of_client)}});
         scram_server server(m_accounts, of_server);
         std::string from_client;
         std::string from_server;
@@ -159,7 +160,8 @@ TEST_F(gsasl, our_client_and_its_server) {
         for (const bool right_password : {true, false})
             for (const bool right_binding : {true, false}) {
                 gsasl_side server(gsasl_side::which::server, known);
-                scram_client client("a,b=c", right_password ? password : password + "x", right_binding ? binding : others);
+                scram_client client("a,b=c", right_password ? password : password + "x",
+                                    right_binding ? binding : others);
                 std::string from_client;
                 std::string from_server;
                 ASSERT_EQ(server.step(client.first(), from_server), GSASL_NEEDS_MORE);

@@ -1,5 +1,5 @@
-// Both sides of a login, beside a plain client and a plain server (plain_scram.h) that do one step wrong where a test wants
-// it, and against each other.
+// Both sides of a login, beside a plain client and a plain server (plain_scram.h) that do one step wrong where a test
+// wants it, and against each other.
 #include "accounts.h"
 #include "plain_scram.h"
 #include "private_file.h"
@@ -78,7 +78,8 @@ TEST_F(scram, a_plain_client) {
 }
 
 TEST_F(scram, both_sides_of_ours) {
-    for (const auto& [name, password, known] : {std::tuple{"ada", "secret", true}, {"a,b=c", "comma", true}, {"ada", "", false}, {"", "", false}}) {
+    for (const auto& [name, password, known] :
+         {std::tuple{"ada", "secret", true}, {"a,b=c", "comma", true}, {"ada", "", false}, {"", "", false}}) {
         scram_client client(name, password, binding);
         scram_server server(m_accounts, binding);
         std::string answer;
@@ -103,8 +104,9 @@ TEST_F(scram, another_binding) {
 }
 
 TEST_F(scram, only_one_kind_of_binding_is_spoken) {
-    for (const char* const header : {"n,,", "y,,", "p=tls-unique,,", "p=tls-server-end-point,,", "p=tls-exporter,a=ada,",
-                                     "p=tls-exporter,", "p=TLS-EXPORTER,,", "", ",,", "p=,,", "p=tls-exporter"}) {
+    for (const char* const header :
+         {"n,,", "y,,", "p=tls-unique,,", "p=tls-server-end-point,,", "p=tls-exporter,a=ada,", "p=tls-exporter,",
+          "p=TLS-EXPORTER,,", "", ",,", "p=,,", "p=tls-exporter"}) {
         plain_scram::client other = m_ada;
         other.gs2 = header;
         EXPECT_EQ(log_in(other), verdict::malformed) << header;
@@ -112,10 +114,29 @@ TEST_F(scram, only_one_kind_of_binding_is_spoken) {
 }
 
 TEST_F(scram, malformed_first_messages) {
-    for (const char* const bare : {"", "n=ada", "n=ada,", "n=ada,r=", "r=abc,n=ada", "n=ada,r=a b", "n=ada,r=a\x7f", "n=ada,r=\xc3\xa9",
-                                   "m=x,n=ada,r=abc", "n=ada,r=abc,m=x", "n=ada,r=abc,", "n=ada,r=abc,x", "n=ada,r=abc,x=",
-                                   "n=ada,r=abc,1=x", "n=ada,r=abc,r=x", "n=ada,r=abc,a=x", "n=a=da,r=abc", "n=ada=2,r=abc", "n=ada=2c,r=abc", "n=ada=3d,r=abc", "n=ada=00,r=abc",
-                                   " n=ada,r=abc", "N=ada,r=abc"}) {
+    for (const char* const bare : {"",
+                                   "n=ada",
+                                   "n=ada,",
+                                   "n=ada,r=",
+                                   "r=abc,n=ada",
+                                   "n=ada,r=a b",
+                                   "n=ada,r=a\x7f",
+                                   "n=ada,r=\xc3\xa9",
+                                   "m=x,n=ada,r=abc",
+                                   "n=ada,r=abc,m=x",
+                                   "n=ada,r=abc,",
+                                   "n=ada,r=abc,x",
+                                   "n=ada,r=abc,x=",
+                                   "n=ada,r=abc,1=x",
+                                   "n=ada,r=abc,r=x",
+                                   "n=ada,r=abc,a=x",
+                                   "n=a=da,r=abc",
+                                   "n=ada=2,r=abc",
+                                   "n=ada=2c,r=abc",
+                                   "n=ada=3d,r=abc",
+                                   "n=ada=00,r=abc",
+                                   " n=ada,r=abc",
+                                   "N=ada,r=abc"}) {
         scram_server server(m_accounts, binding);
         std::string answer;
         EXPECT_FALSE(server.first(plain_scram::header + bare, answer)) << bare;
@@ -128,7 +149,8 @@ TEST_F(scram, malformed_first_messages) {
 }
 
 TEST_F(scram, malformed_last_messages) {
-    for (const char* const wrong : {"proof", "order", "extension", "mandatory", "cut", "behind", "twice", "nothing", "padding"}) {
+    for (const char* const wrong :
+         {"proof", "order", "extension", "mandatory", "cut", "behind", "twice", "nothing", "padding"}) {
         const std::string what = wrong;
         scram_server server(m_accounts, binding);
         std::string answer;
@@ -227,8 +249,8 @@ TEST_F(scram, unknown_users) {
     EXPECT_NE(plain_scram::attributes(answer)['s'], nobody['s']);
 }
 
-// The look of a name does not tell whether it has an account: each look is as frequent among names that have none. As accounts
-// come, few names change their look, and those that do change their salt.
+// The look of a name does not tell whether it has an account: each look is as frequent among names that have none. As
+// accounts come, few names change their look, and those that do change their salt.
 TEST_F(scram, unknown_users_look_like_known_ones) {
     const auto account = [](const std::string& name, uint32 iterations, std::size_t salt_size) {
         qor::crypto::verifier made;
@@ -243,7 +265,8 @@ TEST_F(scram, unknown_users_look_like_known_ones) {
         for (int i = 0; i < names; ++i) {
             scram_server server(m_accounts, binding);
             std::string text;
-            EXPECT_TRUE(server.first(plain_scram::client{"nobody" + std::to_string(i), "", binding_text}.first(), text));
+            EXPECT_TRUE(
+                server.first(plain_scram::client{"nobody" + std::to_string(i), "", binding_text}.first(), text));
             all.push_back(plain_scram::attributes(text));
         }
         return all;
@@ -267,7 +290,8 @@ TEST_F(scram, unknown_users_look_like_known_ones) {
 
     write(text + account("k", 10000, 8));
     std::vector<answer> after = look_at_all();
-    expect_shares(after, {{"600000/16", 7 / 11.0}, {"4096/16", 2 / 11.0}, {"600000/100", 1 / 11.0}, {"10000/8", 1 / 11.0}});
+    expect_shares(after,
+                  {{"600000/16", 7 / 11.0}, {"4096/16", 2 / 11.0}, {"600000/100", 1 / 11.0}, {"10000/8", 1 / 11.0}});
     for (std::size_t i = 0; i < names; ++i)
         if (after[i]['i'] == "10000") {
             EXPECT_EQ(before[i]['s'].find(after[i]['s'].substr(0, 8)), std::string::npos);
@@ -288,7 +312,8 @@ TEST_F(scram, an_account_counts_as_it_is_at_the_end) {
         return server.final(m_ada.final(answer), out);
     };
     EXPECT_EQ(log_in_across(plain_scram::account("ada", "secret")), verdict::accepted);
-    EXPECT_EQ(log_in_across("# moved\n" + plain_scram::account("bob", "x") + plain_scram::account("ada", "secret")), verdict::accepted);
+    EXPECT_EQ(log_in_across("# moved\n" + plain_scram::account("bob", "x") + plain_scram::account("ada", "secret")),
+              verdict::accepted);
     EXPECT_EQ(log_in_across(plain_scram::account("ada", "other")), verdict::refused);
     EXPECT_EQ(log_in_across(plain_scram::account("ada", "secret", 4097)), verdict::refused);
     EXPECT_EQ(log_in_across(plain_scram::account("bob", "secret")), verdict::refused);
@@ -300,7 +325,8 @@ TEST_F(scram, the_client_bounds_the_iterations) {
     const std::string salt = ",s=AAAA,i=";
     for (const char* const fits : {"4096", "4097", "20000"})
         EXPECT_TRUE(accepts("x" + salt + fits)) << fits;
-    for (const char* const not_safe : {"1", "0", "4095", "2000001", "1000000000", "4294971392", "-4096", "+4096", "04096", "4096.0", ""})
+    for (const char* const not_safe :
+         {"1", "0", "4095", "2000001", "1000000000", "4294971392", "-4096", "+4096", "04096", "4096.0", ""})
         EXPECT_FALSE(accepts("x" + salt + not_safe)) << not_safe;
 }
 
@@ -333,9 +359,10 @@ TEST_F(scram, the_server_has_to_prove_itself) {
     const std::string proof = real.final(first, last);
     EXPECT_TRUE(client.verify(proof));
     EXPECT_TRUE(client.verify(proof + ",x=1"));
-    for (const std::string& wrong : {std::string(), std::string("v="), std::string("e=other-error"), proof.substr(0, proof.size() - 1), proof + "=",
-                                     proof + ",", proof + ",m=1", "v=" + plain_scram::base64(std::string(32, '\0')),
-                                     plain_scram::server{"guess"}.final(first, last), proof.substr(2)})
+    for (const std::string& wrong :
+         {std::string(), std::string("v="), std::string("e=other-error"), proof.substr(0, proof.size() - 1),
+          proof + "=", proof + ",", proof + ",m=1", "v=" + plain_scram::base64(std::string(32, '\0')),
+          plain_scram::server{"guess"}.final(first, last), proof.substr(2)})
         EXPECT_FALSE(client.verify(wrong)) << wrong;
     std::string again;
     EXPECT_FALSE(client.final(real.first(first), again)); // the password is gone by now

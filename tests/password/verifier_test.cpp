@@ -41,8 +41,8 @@ TEST(base64, is_that_of_openssl) {
 
 TEST(base64, has_one_form_only) {
     std::string out;
-    for (const char* const text : {"A", "AA", "AAA", "AA=", "A===", "====", "AAAA=", "AA==AA==", "AB==", "AAB=", "AA\n=", " AAA",
-                                   "AAA ", "AA-A", "AA_A", "A=AA", "=AAA"})
+    for (const char* const text : {"A", "AA", "AAA", "AA=", "A===", "====", "AAAA=", "AA==AA==", "AB==", "AAB=",
+                                   "AA\n=", " AAA", "AAA ", "AA-A", "AA_A", "A=AA", "=AAA"})
         EXPECT_FALSE(crypto::from_base64(text, out)) << text;
     for (const char* const text : {"", "AA==", "AAA=", "AAAA", "+/+/"})
         EXPECT_TRUE(crypto::from_base64(text, out)) << text;
@@ -99,8 +99,8 @@ TEST(verifier, bounds_of_iterations) {
     uint32 out;
     for (const char* const text : {"4096", "600000", "2000000"})
         EXPECT_TRUE(crypto::parse_iterations(text, out)) << text;
-    for (const char* const text : {"", "0", "1", "4095", "2000001", "1000000000", "99999999999999999999", "04096", "+4096", "-4096",
-                                   "4096 ", " 4096", "4096x", "0x1000"})
+    for (const char* const text : {"", "0", "1", "4095", "2000001", "1000000000", "99999999999999999999", "04096",
+                                   "+4096", "-4096", "4096 ", " 4096", "4096x", "0x1000"})
         EXPECT_FALSE(crypto::parse_iterations(text, out)) << text;
 }
 
@@ -163,7 +163,8 @@ TEST(password_hash, control_characters_are_refused) {
         const std::string password = std::string("a") + static_cast<char>(c) + "b";
         EXPECT_EQ(qorCreatePasswordHash(password.c_str(), pencil.c_str(), hash), c >= 32 && c != 127) << c;
         const std::string second = std::string("a\xc2") + static_cast<char>(c);
-        EXPECT_EQ(qorCreatePasswordHash(second.c_str(), pencil.c_str(), hash), c >= 32 && c != 127 && (c < 0x80 || c > 0x9f))
+        EXPECT_EQ(qorCreatePasswordHash(second.c_str(), pencil.c_str(), hash),
+                  c >= 32 && c != 127 && (c < 0x80 || c > 0x9f))
             << c;
     }
     EXPECT_FALSE(qorCreatePasswordHash("\t", nullptr, hash));

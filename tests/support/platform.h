@@ -11,8 +11,8 @@ namespace qor::test {
 std::string process_id();
 std::string thread_id(); // the calling thread's
 
-// Returns when all of these threads of this process are asleep, or gone; each must be about to do nothing but wait for one thing.
-// Where the system does not tell, it only lets the milliseconds pass.
+// Returns when all of these threads of this process are asleep, or gone; each must be about to do nothing but wait for
+// one thing. Where the system does not tell, it only lets the milliseconds pass.
 void wait_until_asleep(const std::vector<std::string>& thread_ids, int milliseconds);
 extern const bool tells_who_sleeps;
 
@@ -55,6 +55,6 @@ private:
 } // namespace qor::test
 
 // For tests of a full disk.
-#define QOR_NEEDS_FULL_DISK()                                                                                \
-    if (qor::test::full_disk == nullptr)                                                                     \
+#define QOR_NEEDS_FULL_DISK()                                                                                          \
+    if (qor::test::full_disk == nullptr)                                                                               \
     GTEST_SKIP() << "this system has no file that is always full"

@@ -39,8 +39,8 @@ state_of_thread look_at(const std::string& thread_id) {
 
 const bool qor::test::tells_who_sleeps = true;
 
-// One look does not do: a thread may be asleep for a lock that another one is about to open. Where all are asleep from one
-// look to the next, nobody holds any.
+// One look does not do: a thread may be asleep for a lock that another one is about to open. Where all are asleep from
+// one look to the next, nobody holds any.
 void qor::test::wait_until_asleep(const std::vector<std::string>& thread_ids, int) {
     std::vector<state_of_thread> before;
     for (bool all_asleep = false; !all_asleep;) {
@@ -60,8 +60,8 @@ void qor::test::kill_process() { std::raise(SIGKILL); } // 128 + 9
 const char* const qor::test::full_disk = "/dev/full";
 
 qor::test::reasons qor::test::system_reasons() {
-    return {"No such file or directory", "No such file or directory", "Is a directory", "Not a directory",
-            "No such file or directory", "No space left on device"};
+    return {"No such file or directory", "No such file or directory", "Is a directory",
+            "Not a directory",           "No such file or directory", "No space left on device"};
 }
 
 // Of the C library's own form, so that none needs to be installed.

@@ -21,8 +21,8 @@ std::string wording(DWORD code) {
 }
 
 bool can_be_opened(const char* path) {
-    const HANDLE file = CreateFileA(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
-                                    nullptr);
+    const HANDLE file =
+        CreateFileA(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
     return file != INVALID_HANDLE_VALUE && CloseHandle(file) != 0;
 }
 

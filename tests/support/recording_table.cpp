@@ -5,21 +5,11 @@ namespace {
 
 recording_table* s_current = nullptr;
 
-std::string text(const char* of) {
-    return of != nullptr ? of : "null";
-}
-std::string text(bool of) {
-    return of ? "true" : "false";
-}
-std::string text(int of) {
-    return std::to_string(of);
-}
-std::string text(uint64 of) {
-    return std::to_string(of);
-}
-std::string text(const std::string& of) {
-    return of;
-}
+std::string text(const char* of) { return of != nullptr ? of : "null"; }
+std::string text(bool of) { return of ? "true" : "false"; }
+std::string text(int of) { return std::to_string(of); }
+std::string text(uint64 of) { return std::to_string(of); }
+std::string text(const std::string& of) { return of; }
 
 // "op(a, b, c)"
 template <class... PARTS>
@@ -51,11 +41,10 @@ struct recorders {
         real().qorAnnounceObject(object, type_name);
     }
 
-    static void* malloc(uint64 alignment, uint64 size, bool must_succeed, const char* file,
-                        int line) noexcept {
-        return s_current->noted(
-            call("qor_do_malloc", alignment, size, must_succeed, file, line),
-            s_current->exhausted ? nullptr : real().qor_do_malloc(alignment, size, must_succeed, file, line));
+    static void* malloc(uint64 alignment, uint64 size, bool must_succeed, const char* file, int line) noexcept {
+        return s_current->noted(call("qor_do_malloc", alignment, size, must_succeed, file, line),
+                                s_current->exhausted ? nullptr
+                                                     : real().qor_do_malloc(alignment, size, must_succeed, file, line));
     }
 
     static void* realloc(void* block, uint64 size, const char* file, int line) noexcept {
@@ -71,8 +60,7 @@ struct recorders {
 
     static void* memdup(const void* bytes, uint64 size, const char* file, int line) noexcept {
         return s_current->noted(call("qor_do_memdup", s_current->name_of(bytes), size, file, line),
-                                s_current->exhausted ? nullptr
-                                                     : real().qor_do_memdup(bytes, size, file, line));
+                                s_current->exhausted ? nullptr : real().qor_do_memdup(bytes, size, file, line));
     }
 
     static void* do_new(uint64 size, const char* file, int line) noexcept {

@@ -12,7 +12,8 @@
 
 namespace qor::test {
 
-inline constexpr const char* strange_kinds[] = {"pipe", "pipe with text", "folder", "device", "socket", "link to itself"};
+inline constexpr const char* strange_kinds[] = {"pipe",   "pipe with text", "folder",
+                                                "device", "socket",         "link to itself"};
 
 // One of these kinds at a path, gone with the object. The pipe with text has a writer that keeps it open.
 class strange_file {

@@ -62,9 +62,7 @@ public:
         return s_peer->takes_sink || fail(s_other_error, "the sink");
     }
     bool GetCodes(qorStringArray& out) noexcept override { return get("GetCodes", s_peer->codes, out); }
-    bool GetEnabledCodes(qorStringArray& out) noexcept override {
-        return get("GetEnabledCodes", s_peer->enabled, out);
-    }
+    bool GetEnabledCodes(qorStringArray& out) noexcept override { return get("GetEnabledCodes", s_peer->enabled, out); }
     bool EnableCode(const char* name, bool enable) noexcept override {
         note("EnableCode " + std::string(name) + (enable ? " on" : " off"));
         return s_peer->works || fail(s_other_error, "EnableCode");
@@ -166,8 +164,8 @@ protected:
 
 TEST_F(DebugControl, SaysWhatItDoesUnlessItIsQuiet) {
     const outcome loud = run({"debug-control", "host", "700"}, "user\nsecret\n");
-    EXPECT_EQ(loud.out, message(1) + message(73, "3.35.21") + message(47) +
-                            "Username: Password: " + message(48) + "Debug> ");
+    EXPECT_EQ(loud.out,
+              message(1) + message(73, "3.35.21") + message(47) + "Username: Password: " + message(48) + "Debug> ");
     EXPECT_EQ(loud.code, 1);
     const outcome quiet = run({"--quiet", "debug-control", "host", "700"}, "user\nsecret\n");
     EXPECT_EQ(quiet.out, "Username: Password: Debug> ");
@@ -179,10 +177,8 @@ TEST_F(DebugControl, SaysWhatItDoesUnlessItIsQuiet) {
 TEST_F(DebugControl, IsATrackedComponentThatEndsWithTheAction) {
     run({"--quiet", "debug-control", "host", "700"}, "");
     const texts calls = m_table.take();
-    const std::string made =
-        "qor_do_new(" + std::to_string(sizeof(debug_control)) + ", util/qortool/main, 1196) = ";
-    const auto begin =
-        std::ranges::find_if(calls, [&made](const std::string& call) { return call.starts_with(made); });
+    const std::string made = "qor_do_new(" + std::to_string(sizeof(debug_control)) + ", util/qortool/main, 1196) = ";
+    const auto begin = std::ranges::find_if(calls, [&made](const std::string& call) { return call.starts_with(made); });
     ASSERT_NE(begin, calls.end());
     const std::string block = begin->substr(made.size());
     EXPECT_EQ(*(begin + 1), "qorAnnounceObject(qorcore.qortool.debug_control)");
@@ -301,8 +297,8 @@ TEST_F(DebugControl, ASinkThatIsNotTakenIsTheEnd) {
 
 TEST_F(DebugControl, HelpListsTheCommandsInTheirOrder) {
     const outcome result = console("help\nhelp me please\n");
-    const std::string text = "\n" + message(65) + "\n" + message(49) + message(66) + message(67) +
-                             message(68) + message(50) + message(69) + "\n";
+    const std::string text = "\n" + message(65) + "\n" + message(49) + message(66) + message(67) + message(68) +
+                             message(50) + message(69) + "\n";
     EXPECT_EQ(result.out, text + "Debug> " + text + "Debug> ");
     EXPECT_EQ(result.err, m_end_of_input);
     EXPECT_EQ(m_peer.calls, texts{});
@@ -340,8 +336,7 @@ TEST_F(DebugControl, SwitchesCodesWithoutAWord) {
     const outcome result = console("enable a.one\ndisable b.*\ndisable-all\nenable %s\n");
     EXPECT_EQ(result.out, "Debug> Debug> Debug> Debug> ");
     EXPECT_EQ(result.err, m_end_of_input);
-    EXPECT_EQ(m_peer.calls,
-              (texts{"EnableCode a.one on", "EnableCode b.* off", "DisableAll", "EnableCode %s on"}));
+    EXPECT_EQ(m_peer.calls, (texts{"EnableCode a.one on", "EnableCode b.* off", "DisableAll", "EnableCode %s on"}));
 }
 
 TEST_F(DebugControl, BlanksAroundAndBetweenWordsDoNotCount) {
@@ -416,8 +411,7 @@ TEST_F(DebugControl, ItsTraceNamesWhatItDoesAndWhatFailed) {
     const std::string enter = ">>ENTER>> Execute()";
     const std::string leave = "<<LEAVE<< Execute()";
     EXPECT_EQ(traced({"debug-control", "--port"}, ""), (texts{enter, "FAIL bad option", leave}));
-    EXPECT_EQ(traced({"debug-control", "--xxx", "host"}, ""),
-              (texts{enter, "FAIL wrong number of args", leave}));
+    EXPECT_EQ(traced({"debug-control", "--xxx", "host"}, ""), (texts{enter, "FAIL wrong number of args", leave}));
     texts expected{enter};
     for (const std::string op : {"help", "show_all", "show_enabled", "enable", "disable", "disable_all"}) {
         expected.push_back(">>ENTER>> cmd_" + op + "()");
@@ -428,8 +422,7 @@ TEST_F(DebugControl, ItsTraceNamesWhatItDoesAndWhatFailed) {
                      "user\nsecret\nhelp\nshow-all\nshow-enabled\nenable\ndisable\ndisable-all\n"),
               expected);
     m_peer.connects = false;
-    EXPECT_EQ(traced({"debug-control", "host", "1"}, ""),
-              (texts{enter, "FAIL conn->Connect() returned false", leave}));
+    EXPECT_EQ(traced({"debug-control", "host", "1"}, ""), (texts{enter, "FAIL conn->Connect() returned false", leave}));
 }
 
 TEST_F(DebugControl, LinesMayBeOfAnyLength) {

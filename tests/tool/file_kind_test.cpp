@@ -12,11 +12,18 @@ using namespace std::string_literals;
 file_kind kind_of(const std::string& text) { return looks_of(text).kind; }
 
 TEST(file_kinds, signatures) {
-    EXPECT_EQ(looks_of("\x7f" "ELF\2\1\1\0"s), (looks{file_kind::elf}));
+    EXPECT_EQ(looks_of("\x7f"
+                       "ELF\2\1\1\0"s),
+              (looks{file_kind::elf}));
     const struct {
         std::string begin;
         std::string program;
-    } compressed[] = {{"\x1f\x8b\b\0"s, "gzip"}, {"\x28\xb5\x2f\xfd\4"s, "zstd"}, {"\xfd" "7zXZ\0\0"s, "xz"}, {"BZh91AY"s, "bzip2"}};
+    } compressed[] = {{"\x1f\x8b\b\0"s, "gzip"},
+                      {"\x28\xb5\x2f\xfd\4"s, "zstd"},
+                      {"\xfd"
+                       "7zXZ\0\0"s,
+                       "xz"},
+                      {"BZh91AY"s, "bzip2"}};
     for (const auto& each : compressed) {
         EXPECT_EQ(kind_of(each.begin), file_kind::compressed);
         EXPECT_EQ(looks_of(each.begin).program, each.program);
@@ -40,13 +47,16 @@ TEST(file_kinds, texts) {
 }
 
 TEST(file_kinds, logs) {
-    for (const char* const text : {"= Start\n", "@ app + 0x10 0x20\n", "\nx\n  @ app:[0x1] - 0x10", "@ app\t<  10\n", "@a > 10 1"})
+    for (const char* const text :
+         {"= Start\n", "@ app + 0x10 0x20\n", "\nx\n  @ app:[0x1] - 0x10", "@ app\t<  10\n", "@a > 10 1"})
         EXPECT_EQ(kind_of(text), file_kind::mtrace_log) << text;
     for (const char* const text : {"@ app\n", "@ app x 0x10 1\n", "= Title\n", "@"})
         EXPECT_EQ(kind_of(text), file_kind::text) << text;
-    for (const char* const text : {"# a log\nA 1f3a0 48 0 src/foo 120\n", "F 1f3a0 0", "T 1f3a0 Widget\n", "x\nF\t0x1f3a0  3\n"})
+    for (const char* const text :
+         {"# a log\nA 1f3a0 48 0 src/foo 120\n", "F 1f3a0 0", "T 1f3a0 Widget\n", "x\nF\t0x1f3a0  3\n"})
         EXPECT_EQ(kind_of(text), file_kind::memcheck_log) << text;
-    for (const char* const text : {"A decade of x y z\n", "A 1f3a0\n", "A 0x 1 1\n", "T 1f3a0\n", "F xyz 0\n", "A1f3a0 1 1\n", "# a log\n", "A", "A 1F3A0 1 0"})
+    for (const char* const text : {"A decade of x y z\n", "A 1f3a0\n", "A 0x 1 1\n", "T 1f3a0\n", "F xyz 0\n",
+                                   "A1f3a0 1 1\n", "# a log\n", "A", "A 1F3A0 1 0"})
         EXPECT_EQ(kind_of(text), file_kind::text) << text;
 }
 
@@ -55,7 +65,9 @@ TEST(file_kinds, bytes) {
     EXPECT_EQ(kind_of("\0\0\n"s), file_kind::zero_bytes);
     for (int c = 0; c < 256; ++c) {
         const bool is_control = (c < ' ' && !(c >= '\t' && c <= '\r') && c != 0x1b) || c == 0x7f;
-        EXPECT_EQ(kind_of("text" + std::string(1, static_cast<char>(c))), is_control ? file_kind::binary : file_kind::text) << c;
+        EXPECT_EQ(kind_of("text" + std::string(1, static_cast<char>(c))),
+                  is_control ? file_kind::binary : file_kind::text)
+            << c;
     }
 }
 

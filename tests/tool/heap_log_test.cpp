@@ -36,7 +36,9 @@ struct long_log {
             if (i % 97 == 0)
                 text += "= a comment\n\n";
             // Longer than a batch, and than what the reader takes at a time.
-            const std::string caller = i % 5000 == 4999 ? std::string(i % 10000 == 9999 ? 40'000 : 600'000, 'x') : (i % 3 == 0 ? "app+" : "/usr/bin/application:[0x1234]+") + std::to_string(i % 100);
+            const std::string caller =
+                i % 5000 == 4999 ? std::string(i % 10000 == 9999 ? 40'000 : 600'000, 'x')
+                                 : (i % 3 == 0 ? "app+" : "/usr/bin/application:[0x1234]+") + std::to_string(i % 100);
             if (i % 301 == 300) {
                 text += "@ " + caller + "\n";
                 expected.push_back({caller, 0, log_lines::kind::too_few_words});
@@ -134,7 +136,8 @@ TEST_F(heap_logs, the_first_line_is_too_long) {
     append(path, too_long, "\n@ behind + 0x10 1\n");
     mtrace_log log(0, nullptr);
     ASSERT_TRUE(log.open(path.c_str(), extent::whole));
-    EXPECT_EQ(read_all(log, *table), (std::vector<seen>{{"app", 0, log_lines::kind::too_few_words}, {"behind", 0x10, log_lines::kind::record}}));
+    EXPECT_EQ(read_all(log, *table), (std::vector<seen>{{"app", 0, log_lines::kind::too_few_words},
+                                                        {"behind", 0x10, log_lines::kind::record}}));
 }
 
 TEST_F(heap_logs, one_of_another_kind) {
@@ -154,7 +157,11 @@ TEST_F(heap_logs, one_of_another_kind) {
         EXPECT_EQ(beginning("@", how_much), "");
         EXPECT_EQ(beginning("x\n  = Start\n", how_much), "");
         EXPECT_EQ(beginning(many + "@ odd", how_much), "");
-        EXPECT_EQ(beginning("\x7f" "ELF\n@ odd\n", how_much), "\x7f" "ELF\n@ odd\n");
+        EXPECT_EQ(beginning("\x7f"
+                            "ELF\n@ odd\n",
+                            how_much),
+                  "\x7f"
+                  "ELF\n@ odd\n");
     }
 }
 

@@ -14,7 +14,8 @@ namespace {
 // As ReadLines hands it out: padding behind the text.
 class run {
 public:
-    explicit run(const std::string& text) : m_text(text + std::string(qorReadLinesPadding, '\0')), m_size(text.size()) {}
+    explicit run(const std::string& text)
+        : m_text(text + std::string(qorReadLinesPadding, '\0')), m_size(text.size()) {}
     const char* begin() const { return m_text.data(); }
     const char* end() const { return m_text.data() + m_size; }
 
@@ -73,13 +74,42 @@ TEST(LogFields, LinesLoseWhiteSpaceAtBothEnds) {
 // In a log a word is followed by white space; the C library stops there too.
 template <class NUMBER, class PLAIN>
 void compare_numbers(NUMBER number, PLAIN plain) {
-    std::vector<std::string> words{"0",    "0x",   "0X",   "0x0", "-", "+", "-0x", "0xg", "x", "00", "08", "0b1",
-                                   "-1",   "+7",   "--1",  "0x-1", "0x 1", "1f3a0", "0x1f3a0", "0X1F3A0zz",
-                                   "ffffffffffffffff", "0xffffffffffffffff", "10000000000000000",
-                                   "0x10000000000000000", "18446744073709551615", "18446744073709551616",
-                                   "-18446744073709551615", "9223372036854775807", "9223372036854775808",
-                                   "-9223372036854775808", "-9223372036854775809", "01777777777777777777777",
-                                   "00000000000000000000000000ff", "0x00000000000000000000000000ff", "12junk", "(nil)"};
+    std::vector<std::string> words{"0",
+                                   "0x",
+                                   "0X",
+                                   "0x0",
+                                   "-",
+                                   "+",
+                                   "-0x",
+                                   "0xg",
+                                   "x",
+                                   "00",
+                                   "08",
+                                   "0b1",
+                                   "-1",
+                                   "+7",
+                                   "--1",
+                                   "0x-1",
+                                   "0x 1",
+                                   "1f3a0",
+                                   "0x1f3a0",
+                                   "0X1F3A0zz",
+                                   "ffffffffffffffff",
+                                   "0xffffffffffffffff",
+                                   "10000000000000000",
+                                   "0x10000000000000000",
+                                   "18446744073709551615",
+                                   "18446744073709551616",
+                                   "-18446744073709551615",
+                                   "9223372036854775807",
+                                   "9223372036854775808",
+                                   "-9223372036854775808",
+                                   "-9223372036854775809",
+                                   "01777777777777777777777",
+                                   "00000000000000000000000000ff",
+                                   "0x00000000000000000000000000ff",
+                                   "12junk",
+                                   "(nil)"};
     std::mt19937 random(2);
     const std::string letters = "0123456789abcdefABCDEFxX+-gz";
     for (int round = 0; round < 50000; ++round) {
@@ -95,7 +125,8 @@ void compare_numbers(NUMBER number, PLAIN plain) {
 }
 
 TEST(LogFields, HexadecimalNumbersAreTheCLibrarys) {
-    compare_numbers(log_fields::hexadecimal, [](const char* text) -> uint64 { return std::strtoull(text, nullptr, 16); });
+    compare_numbers(log_fields::hexadecimal,
+                    [](const char* text) -> uint64 { return std::strtoull(text, nullptr, 16); });
 }
 
 TEST(LogFields, UnsignedNumbersAreTheCLibrarys) {
@@ -104,7 +135,8 @@ TEST(LogFields, UnsignedNumbersAreTheCLibrarys) {
 }
 
 TEST(LogFields, SignedNumbersAreTheCLibrarys) {
-    compare_numbers(log_fields::signed_number, [](const char* text) -> int64 { return std::strtoll(text, nullptr, 0); });
+    compare_numbers(log_fields::signed_number,
+                    [](const char* text) -> int64 { return std::strtoll(text, nullptr, 0); });
 }
 
 TEST(LogFields, ANulEndsANumber) {

@@ -22,8 +22,8 @@ struct both_lists {
     }
 
     void take(uint64 address) {
-        const auto found = std::find_if(plain.begin(), plain.end(),
-                                        [address](const auto& each) { return each.address == address; });
+        const auto found =
+            std::find_if(plain.begin(), plain.end(), [address](const auto& each) { return each.address == address; });
         look_ahead_list::record taken;
         ASSERT_EQ(list.take(address, taken), found != plain.end());
         if (found == plain.end())

@@ -139,7 +139,8 @@ TEST_F(Netlist, ABlockForEachInterface) {
     full.ipv4 = {{{{192, 168, 1, 10}}, 24}, {{{10, 0, 0, 1}}, 0}, {{{255, 255, 255, 255}}, 32}};
     full.has_gateway = true;
     full.gateway = {{{192, 168, 1, 1}}, 17};
-    full.ipv6 = {{{{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}}, 64, 0}, {{{0x20, 0x01, 0x0d, 0xb8}}, 128, 0}};
+    full.ipv6 = {{{{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}}, 64, 0},
+                 {{{0x20, 0x01, 0x0d, 0xb8}}, 128, 0}};
     facts bare;
     bare.name = "tun0";
     bare.description = "100% sure {1} %s";

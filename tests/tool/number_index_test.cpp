@@ -16,8 +16,7 @@ void run_random(unsigned seed, unsigned hashes, unsigned keys) {
     std::map<uint32, uint32> plain; // number by key; a number stands for the key number / 8
     for (unsigned step = 0; step < 20000; ++step) {
         const uint32 key = static_cast<uint32>(random() % keys);
-        number_index::cell* const found =
-            index.find(hash_of(key), [key](uint32 number) { return number / 8 == key; });
+        number_index::cell* const found = index.find(hash_of(key), [key](uint32 number) { return number / 8 == key; });
         const auto known = plain.find(key);
         ASSERT_EQ(found != nullptr, known != plain.end());
         if (found == nullptr) {

@@ -31,8 +31,7 @@ TEST(OriginTable, KeepsEachCombinationOnce) {
         const key wanted{text(), random() % 2 ? text() : "", random() % 2 ? text() : "",
                          static_cast<int32>(random() % 5) - 2, static_cast<uint8>(random() % 3)};
         const auto& [caller, type_name, file, line, type] = wanted;
-        const uint32 number =
-            table.of({table.text(caller), table.text(type_name), table.text(file), line, type});
+        const uint32 number = table.of({table.text(caller), table.text(type_name), table.text(file), line, type});
         const auto [known, is_new] = numbers.emplace(wanted, number);
         ASSERT_EQ(known->second, number) << (is_new ? "new" : "known");
     }

@@ -22,8 +22,8 @@ TEST(QortoolAppLoop, EachSignalEndsItWhileItWaits) {
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         const app_pointer app = make_app();
         std::thread sender([number] {
-            // A thread that is about to end may still be given a signal, and the thread sanitizer loses what it puts off
-            // there.
+            // A thread that is about to end may still be given a signal, and the thread sanitizer loses what it puts
+            // off there.
             sigset_t all;
             sigfillset(&all);
             pthread_sigmask(SIG_SETMASK, &all, nullptr);

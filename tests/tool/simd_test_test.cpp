@@ -46,15 +46,9 @@ void* do_malloc(uint64 alignment, uint64 length, bool must_succeed, const char* 
 }
 void zero(void* to, uint64 length) noexcept { note("zero", to, "0", length); }
 void set_u8(void* to, uint8 value, uint64 length) noexcept { note("u8", to, std::to_string(value), length); }
-void set_u16(void* to, uint16 value, uint64 length) noexcept {
-    note("u16", to, std::to_string(value), length);
-}
-void set_u32(void* to, uint32 value, uint64 length) noexcept {
-    note("u32", to, std::to_string(value), length);
-}
-void set_u64(void* to, uint64 value, uint64 length) noexcept {
-    note("u64", to, std::to_string(value), length);
-}
+void set_u16(void* to, uint16 value, uint64 length) noexcept { note("u16", to, std::to_string(value), length); }
+void set_u32(void* to, uint32 value, uint64 length) noexcept { note("u32", to, std::to_string(value), length); }
+void set_u64(void* to, uint64 value, uint64 length) noexcept { note("u64", to, std::to_string(value), length); }
 void aligned(void* to, const void* from, uint64 length) noexcept { note("aligned", to, name(from), length); }
 void safe(void* to, const void* from, uint64 length) noexcept { note("safe", to, name(from), length); }
 
@@ -81,16 +75,10 @@ std::vector<std::string> expected_calls() {
     using text = std::string;
     add(0, [&](int, const text& at, const text&) { return "memset " + at + " 0" + whole; });
     add(0, [&](int, const text& at, const text&) { return "zero " + at + " 0" + whole; });
-    add(0, [&](int i, const text& at, const text&) {
-        return "u8 " + at + " " + std::to_string(i % 256) + whole;
-    });
+    add(0, [&](int i, const text& at, const text&) { return "u8 " + at + " " + std::to_string(i % 256) + whole; });
     add(0, [&](int i, const text& at, const text&) { return "u16 " + at + " " + std::to_string(i) + whole; });
-    add(0, [&](int i, const text& at, const text&) {
-        return "u32 " + at + " " + std::to_string(i * 65537) + whole;
-    });
-    add(0, [&](int i, const text& at, const text&) {
-        return "u64 " + at + " " + std::to_string(i * 65537) + whole;
-    });
+    add(0, [&](int i, const text& at, const text&) { return "u32 " + at + " " + std::to_string(i * 65537) + whole; });
+    add(0, [&](int i, const text& at, const text&) { return "u64 " + at + " " + std::to_string(i * 65537) + whole; });
     for (const text op : {"memcpy ", "aligned ", "safe "})
         add(1, [&](int, const text& from, const text& to) { return op + to + " " + from + whole; });
     for (const text op : {"memcpy ", "safe "})
@@ -184,10 +172,8 @@ TEST_F(SimdTest, PrintsTimesAndRates) {
         uint64 elapsed;
         const char* figures;
     } const cases[] = {
-        {12'345'678, "elapsed: 1.234 sec, 434865 MB/sec\n"},
-        {10, "elapsed: 0.000 sec, 536870912000 MB/sec\n"},
-        {19, "elapsed: 0.000 sec, 536870912000 MB/sec\n"},
-        {10'009'999, "elapsed: 1.000 sec, 536335 MB/sec\n"},
+        {12'345'678, "elapsed: 1.234 sec, 434865 MB/sec\n"},        {10, "elapsed: 0.000 sec, 536870912000 MB/sec\n"},
+        {19, "elapsed: 0.000 sec, 536870912000 MB/sec\n"},          {10'009'999, "elapsed: 1.000 sec, 536335 MB/sec\n"},
         {6'000'000'000'000, "elapsed: 600000.000 sec, 0 MB/sec\n"},
     };
     for (const auto& one : cases) {

@@ -33,8 +33,8 @@ TEST(Address, ipv6_in_its_shortest_form) {
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0, 0, 0}), "::");
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0, 0, 1}), "::1");
     EXPECT_EQ(text_of({1, 0, 0, 0, 0, 0, 0, 0}), "1::");
-    EXPECT_EQ(text_of({0x2001, 0xdb8, 0, 0, 1, 0, 0, 1}), "2001:db8::1:0:0:1"); // the first of equal runs
-    EXPECT_EQ(text_of({0x2001, 0, 0, 1, 0, 0, 0, 1}), "2001:0:0:1::1");         // the longest run
+    EXPECT_EQ(text_of({0x2001, 0xdb8, 0, 0, 1, 0, 0, 1}), "2001:db8::1:0:0:1");    // the first of equal runs
+    EXPECT_EQ(text_of({0x2001, 0, 0, 1, 0, 0, 0, 1}), "2001:0:0:1::1");            // the longest run
     EXPECT_EQ(text_of({0x2001, 0xdb8, 0, 1, 1, 1, 1, 1}), "2001:db8:0:1:1:1:1:1"); // a single zero stays
     EXPECT_EQ(text_of({0x2001, 0xdb8, 1, 2, 3, 4, 0, 0}), "2001:db8:1:2:3:4::");
     EXPECT_EQ(text_of({0, 0, 1, 2, 3, 4, 5, 6}), "::1:2:3:4:5:6");
@@ -46,7 +46,8 @@ TEST(Address, ipv6_with_an_ipv4_address_in_it) {
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0xffff, 0xc000, 0x0201}), "::ffff:192.0.2.1");
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0, 0xc000, 0x0201}), "::192.0.2.1");
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0xffff, 0, 0}), "::ffff:0.0.0.0");
-    EXPECT_EQ(text_of({0x64, 0xff9b, 0, 0, 0, 0, 0xc000, 0x0201}), "64:ff9b::c000:201"); // a translator's prefix is none
+    EXPECT_EQ(text_of({0x64, 0xff9b, 0, 0, 0, 0, 0xc000, 0x0201}),
+              "64:ff9b::c000:201"); // a translator's prefix is none
 }
 
 TEST(Address, scope_follows) {

@@ -169,7 +169,8 @@ inline void free_late() {
     s_object->Release();
 }
 
-inline const events late_events{"A 1 10 0", "A 2 " + std::to_string(sizeof(thing)) + " 1", "T 2 thing", "F 1 0", "F 2 1"};
+inline const events late_events{"A 1 10 0", "A 2 " + std::to_string(sizeof(thing)) + " 1", "T 2 thing", "F 1 0",
+                                "F 2 1"};
 
 inline void work(unsigned seed, int rounds) {
     std::mt19937 random(seed);

@@ -13,116 +13,116 @@ namespace qor::test::log {
 namespace {
 
 const scene plain{"log_plain", [](const words& arguments) {
-    start(arguments[0]);
-    void* const block = qor_do_malloc(0, 48, true, here, 1);
-    void* const aligned = qor_do_malloc(256, 0, true, here, 2);
-    char* const text = qor_do_strdup("text", here, 3);
-    qor_do_free(block, "another/file", 99);
-    qor_do_free(aligned, here, 99);
-    qor_do_free(nullptr, here, 99);
-    qor_do_free(text, here, 99);
-    void* const copy = qor_do_memdup("1234567", 7, here, 4);
-    char* const part = qor_do_strndup("text", 2, here, -5);
-    qor_do_free(copy, here, 99);
-    qor_do_free(part, here, 99);
-    return 0;
-}};
+                      start(arguments[0]);
+                      void* const block = qor_do_malloc(0, 48, true, here, 1);
+                      void* const aligned = qor_do_malloc(256, 0, true, here, 2);
+                      char* const text = qor_do_strdup("text", here, 3);
+                      qor_do_free(block, "another/file", 99);
+                      qor_do_free(aligned, here, 99);
+                      qor_do_free(nullptr, here, 99);
+                      qor_do_free(text, here, 99);
+                      void* const copy = qor_do_memdup("1234567", 7, here, 4);
+                      char* const part = qor_do_strndup("text", 2, here, -5);
+                      qor_do_free(copy, here, 99);
+                      qor_do_free(part, here, 99);
+                      return 0;
+                  }};
 
 const scene before_the_start{"log_before_the_start", [](const words& arguments) {
-    void* const first = qor_do_malloc(0, 10, true, here, 1);
-    thing* const object = new (here, 2) thing("before");
-    void* const gone = qor_do_malloc(0, 30, true, here, 3);
-    void* const huge = qor_do_huge_alloc(40, here, 4);
-    void* grown = qor_do_malloc(0, 50, true, here, 5);
-    void* const last = qor_do_malloc(0, 60, true, here, 6);
-    qor_do_free(gone, here, 99);
-    grown = qor_do_realloc(grown, 70, here, 7);
-    start(arguments[0]);
-    void* const after = qor_do_malloc(0, 80, true, here, 8);
-    qor_do_free(last, here, 99);
-    qor_do_huge_free(huge, here, 99);
-    object->Release();
-    qor_do_free(grown, here, 99);
-    qor_do_free(first, here, 99);
-    qor_do_free(after, here, 99);
-    return 0;
-}};
+                                 void* const first = qor_do_malloc(0, 10, true, here, 1);
+                                 thing* const object = new (here, 2) thing("before");
+                                 void* const gone = qor_do_malloc(0, 30, true, here, 3);
+                                 void* const huge = qor_do_huge_alloc(40, here, 4);
+                                 void* grown = qor_do_malloc(0, 50, true, here, 5);
+                                 void* const last = qor_do_malloc(0, 60, true, here, 6);
+                                 qor_do_free(gone, here, 99);
+                                 grown = qor_do_realloc(grown, 70, here, 7);
+                                 start(arguments[0]);
+                                 void* const after = qor_do_malloc(0, 80, true, here, 8);
+                                 qor_do_free(last, here, 99);
+                                 qor_do_huge_free(huge, here, 99);
+                                 object->Release();
+                                 qor_do_free(grown, here, 99);
+                                 qor_do_free(first, here, 99);
+                                 qor_do_free(after, here, 99);
+                                 return 0;
+                             }};
 
 const scene objects{"log_objects", [](const words& arguments) {
-    start(arguments[0]);
-    thing* const object = new (here, 1) thing("a.name");
-    object->AddRef();
-    object->Release();
-    object->Release();
-    thing* const nameless = new (here, 2) thing(nullptr);
-    nameless->Release();
-    // Not at the start of a block, so there is no block to name.
-    const int on_the_stack = 0;
-    qor::glue::qorAnnounceObject(&on_the_stack, "stack");
-    return 0;
-}};
+                        start(arguments[0]);
+                        thing* const object = new (here, 1) thing("a.name");
+                        object->AddRef();
+                        object->Release();
+                        object->Release();
+                        thing* const nameless = new (here, 2) thing(nullptr);
+                        nameless->Release();
+                        // Not at the start of a block, so there is no block to name.
+                        const int on_the_stack = 0;
+                        qor::glue::qorAnnounceObject(&on_the_stack, "stack");
+                        return 0;
+                    }};
 
 const scene odd_names{"log_odd_names", [](const words& arguments) {
-    start(arguments[0]);
-    (new ("here is\twhite\nspace\x01", 1) thing(" a\v\f\rname "))->Release();
-    (new ("here\xc3\xa4", 2) thing("na\xc3\xafve<int, char>"))->Release();
-    (new ("here", 3) thing(""))->Release();
-    qor_do_free(qor_do_malloc(0, 4, true, nullptr, 4), here, 99);
-    qor_do_free(qor_do_malloc(0, 5, true, "", 5), here, 99);
-    const std::string longest = here + std::string(200'000, 'x');
-    qor_do_free(qor_do_malloc(0, 6, true, longest.c_str(), 6), here, 99);
-    return 0;
-}};
+                          start(arguments[0]);
+                          (new ("here is\twhite\nspace\x01", 1) thing(" a\v\f\rname "))->Release();
+                          (new ("here\xc3\xa4", 2) thing("na\xc3\xafve<int, char>"))->Release();
+                          (new ("here", 3) thing(""))->Release();
+                          qor_do_free(qor_do_malloc(0, 4, true, nullptr, 4), here, 99);
+                          qor_do_free(qor_do_malloc(0, 5, true, "", 5), here, 99);
+                          const std::string longest = here + std::string(200'000, 'x');
+                          qor_do_free(qor_do_malloc(0, 6, true, longest.c_str(), 6), here, 99);
+                          return 0;
+                      }};
 
 const scene reallocation{"log_reallocation", [](const words& arguments) {
-    start(arguments[0]);
-    void* block = qor_do_realloc(nullptr, 10, here, 1);
-    block = qor_do_realloc(block, 8, here, 2);
-    block = qor_do_realloc(block, 0, here, 6);
-    block = qor_do_realloc(block, 1 << 20, here, 3);
-    EXPECT_THROW(qor_do_realloc(block, too_much, here, 4), std::bad_alloc);
-    EXPECT_THROW(qor_do_malloc(0, too_much, true, here, 5), std::bad_alloc);
-    qor_do_free(block, here, 99);
-    return 0;
-}};
+                             start(arguments[0]);
+                             void* block = qor_do_realloc(nullptr, 10, here, 1);
+                             block = qor_do_realloc(block, 8, here, 2);
+                             block = qor_do_realloc(block, 0, here, 6);
+                             block = qor_do_realloc(block, 1 << 20, here, 3);
+                             EXPECT_THROW(qor_do_realloc(block, too_much, here, 4), std::bad_alloc);
+                             EXPECT_THROW(qor_do_malloc(0, too_much, true, here, 5), std::bad_alloc);
+                             qor_do_free(block, here, 99);
+                             return 0;
+                         }};
 
 const scene huge{"log_huge", [](const words& arguments) {
-    start(arguments[0]);
-    void* const block = qor_do_huge_alloc(100'000, here, 1);
-    EXPECT_THROW(qor_do_huge_alloc(too_much, here, 2), std::bad_alloc);
-    qor_do_huge_free(block, here, 99);
-    qor_do_huge_free(block, here, 99);
-    return 0;
-}};
+                     start(arguments[0]);
+                     void* const block = qor_do_huge_alloc(100'000, here, 1);
+                     EXPECT_THROW(qor_do_huge_alloc(too_much, here, 2), std::bad_alloc);
+                     qor_do_huge_free(block, here, 99);
+                     qor_do_huge_free(block, here, 99);
+                     return 0;
+                 }};
 
 // Given back by the operation for the other kind, then by the right one.
 const scene wrong_frees{"log_wrong_frees", [](const words& arguments) {
-    start(arguments[0]);
-    void* const block = qor_do_malloc(0, 10, true, here, 1);
-    void* const pages = qor_do_huge_alloc(20, here, 2);
-    qor_do_huge_free(block, here, 99);
-    qor_do_free(pages, here, 99);
-    std::memset(block, 0, 10);
-    std::memset(pages, 0, 20);
-    qor_do_free(block, here, 99);
-    qor_do_huge_free(pages, here, 99);
-    return 0;
-}};
+                            start(arguments[0]);
+                            void* const block = qor_do_malloc(0, 10, true, here, 1);
+                            void* const pages = qor_do_huge_alloc(20, here, 2);
+                            qor_do_huge_free(block, here, 99);
+                            qor_do_free(pages, here, 99);
+                            std::memset(block, 0, 10);
+                            std::memset(pages, 0, 20);
+                            qor_do_free(block, here, 99);
+                            qor_do_huge_free(pages, here, 99);
+                            return 0;
+                        }};
 
 const scene bad_frees{"log_bad_frees", [](const words& arguments) {
-    start(arguments[0]);
-    void* const block = qor_do_malloc(0, 10, true, here, 1);
-    qor_do_free(block, here, 99);
-    qor_do_free(block, here, 99);
-    int stranger = 0;
-    qor_do_free(&stranger, here, 99);
-    qor_do_huge_free(&stranger, here, 99);
-    qor::glue::qor_do_delete(&stranger);
-    void* const fresh = qor_do_realloc(&stranger, 20, here, 2);
-    std::memset(fresh, 0, 20);
-    qor_do_free(fresh, here, 99);
-    return 0;
-}};
+                          start(arguments[0]);
+                          void* const block = qor_do_malloc(0, 10, true, here, 1);
+                          qor_do_free(block, here, 99);
+                          qor_do_free(block, here, 99);
+                          int stranger = 0;
+                          qor_do_free(&stranger, here, 99);
+                          qor_do_huge_free(&stranger, here, 99);
+                          qor::glue::qor_do_delete(&stranger);
+                          void* const fresh = qor_do_realloc(&stranger, 20, here, 2);
+                          std::memset(fresh, 0, 20);
+                          qor_do_free(fresh, here, 99);
+                          return 0;
+                      }};
 
 } // namespace
 
@@ -161,12 +161,13 @@ TEST_F(allocation_log, names_hold_no_white_space) {
 }
 
 TEST_F(allocation_log, a_reallocation_is_an_end_and_a_beginning) {
-    const ending ended = play(reallocation, {m_path}, {"ASAN_OPTIONS=allocator_may_return_null=1",
-                                                       "TSAN_OPTIONS=allocator_may_return_null=1"});
+    const ending ended = play(reallocation, {m_path},
+                              {"ASAN_OPTIONS=allocator_may_return_null=1", "TSAN_OPTIONS=allocator_may_return_null=1"});
     EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
-    EXPECT_EQ(tell(read_file(m_path)).events, (events{"A 1 10 0", "F 1 0", "A 2 8 0", "F 2 0", "A 6 0 0", "F 6 0", "A 3 1048576 0",
-                                                      // What could not grow stands as it was.
-                                                      "F 3 0", "A 3 1048576 0", "F 3 0"}));
+    EXPECT_EQ(tell(read_file(m_path)).events,
+              (events{"A 1 10 0", "F 1 0", "A 2 8 0", "F 2 0", "A 6 0 0", "F 6 0", "A 3 1048576 0",
+                      // What could not grow stands as it was.
+                      "F 3 0", "A 3 1048576 0", "F 3 0"}));
 }
 
 TEST_F(allocation_log, huge_blocks_have_a_type_of_their_own) {
@@ -174,8 +175,8 @@ TEST_F(allocation_log, huge_blocks_have_a_type_of_their_own) {
 }
 
 TEST_F(allocation_log, a_bad_free_is_written_and_goes_no_further) {
-    EXPECT_EQ(story_of(bad_frees).events, (events{"A 1 10 0", "F 1 0", "F ? 0", "F ? 0", "F ? 3", "F ? 1", "F ? 0",
-                                                  "A 2 20 0", "F 2 0"}));
+    EXPECT_EQ(story_of(bad_frees).events,
+              (events{"A 1 10 0", "F 1 0", "F ? 0", "F ? 0", "F ? 3", "F ? 1", "F ? 0", "A 2 20 0", "F 2 0"}));
     const std::string report = replay(m_path);
     EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), 6) << report;
     EXPECT_EQ(report.find("LEAK"), std::string::npos) << report;
@@ -202,41 +203,42 @@ void initialise(const words& arguments) {
 
 // The framework is used, and never started.
 const scene never_started{"log_never_started", [](const words&) {
-    qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
-    return 0;
-}};
+                              qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
+                              return 0;
+                          }};
 
 const scene started{"log_started", [](const words& arguments) {
-    void* const early = qor_do_malloc(0, 10, true, here, 1);
-    initialise(arguments);
-    qor_do_free(early, here, 99);
-    qor_do_free(qor_do_malloc(0, 20, true, here, 2), here, 99);
-    return 0;
-}};
+                        void* const early = qor_do_malloc(0, 10, true, here, 1);
+                        initialise(arguments);
+                        qor_do_free(early, here, 99);
+                        qor_do_free(qor_do_malloc(0, 20, true, here, 2), here, 99);
+                        return 0;
+                    }};
 
 // Blocks that are forgotten by then, or that nobody ever noted, are freed as if there were no log.
 const scene late_start{"log_late_start", [](const words& arguments) {
-    void* const early = qor_do_malloc(0, 10, true, here, 1);
-    if (arguments[1] == "after a start without")
-        initialise({});
-    else
-        for (int i = 0; i < 1 << 20; ++i)
-            qor_do_free(qor_do_malloc(0, 1, true, "elsewhere", 1), here, 99);
-    start(arguments[0]);
-    qor_do_free(early, here, 99);
-    qor_do_free(qor_do_malloc(0, 20, true, here, 2), here, 99);
-    return 0;
-}};
+                           void* const early = qor_do_malloc(0, 10, true, here, 1);
+                           if (arguments[1] == "after a start without")
+                               initialise({});
+                           else
+                               for (int i = 0; i < 1 << 20; ++i)
+                                   qor_do_free(qor_do_malloc(0, 1, true, "elsewhere", 1), here, 99);
+                           start(arguments[0]);
+                           qor_do_free(early, here, 99);
+                           qor_do_free(qor_do_malloc(0, 20, true, here, 2), here, 99);
+                           return 0;
+                       }};
 
 // Starts a framework program, this one, without telling it of a log.
-const scene starts_another{"log_starts_another", [](const words& arguments) {
-    qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
-    if (arguments.empty()) {
-        EXPECT_EQ(std::system(('"' + this_program() + "\" --scene log_starts_another again").c_str()), 0);
-        qor_do_free(qor_do_malloc(0, 20, true, here, 2), here, 99);
-    }
-    return 0;
-}};
+const scene starts_another{
+    "log_starts_another", [](const words& arguments) {
+        qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
+        if (arguments.empty()) {
+            EXPECT_EQ(std::system(('"' + this_program() + "\" --scene log_starts_another again").c_str()), 0);
+            qor_do_free(qor_do_malloc(0, 20, true, here, 2), here, 99);
+        }
+        return 0;
+    }};
 
 } // namespace
 
@@ -297,18 +299,18 @@ namespace {
 
 // With the way to end as a second argument.
 const scene end{"log_end", [](const words& arguments) {
-    // Registered before the log's own handler, so it runs after that.
-    std::atexit(free_late);
-    start(arguments[0]);
-    allocate_late();
-    for (int i = 0; i < 5000; ++i)
-        qor_do_free(qor_do_malloc(0, 1, true, "elsewhere", i), here, 99);
-    if (arguments[1] == "cleanup")
-        qorCleanup();
-    if (arguments[1] == "exit")
-        std::exit(0);
-    return 0;
-}};
+                    // Registered before the log's own handler, so it runs after that.
+                    std::atexit(free_late);
+                    start(arguments[0]);
+                    allocate_late();
+                    for (int i = 0; i < 5000; ++i)
+                        qor_do_free(qor_do_malloc(0, 1, true, "elsewhere", i), here, 99);
+                    if (arguments[1] == "cleanup")
+                        qorCleanup();
+                    if (arguments[1] == "exit")
+                        std::exit(0);
+                    return 0;
+                }};
 
 } // namespace
 
@@ -328,10 +330,11 @@ TEST_F(allocation_log, is_whole_however_the_process_ends) {
 namespace {
 
 const scene leaks{"log_leaks", [](const words& arguments) -> int {
-    start(arguments[0]);
-    static void* const kept[] = {qor_do_malloc(0, 48, true, "here/there", 120), new ("here/object", 55) thing("a.type")};
-    return kept[0] == nullptr;
-}};
+                      start(arguments[0]);
+                      static void* const kept[] = {qor_do_malloc(0, 48, true, "here/there", 120),
+                                                   new ("here/object", 55) thing("a.type")};
+                      return kept[0] == nullptr;
+                  }};
 
 } // namespace
 
@@ -360,17 +363,17 @@ TEST_F(allocation_log, the_tool_itself_is_clean) {
 namespace {
 
 const scene threads{"log_threads", [](const words& arguments) {
-    std::vector<std::thread> workers;
-    // Some are at work already when the log begins.
-    for (unsigned i = 0; i < 4; ++i)
-        workers.emplace_back(work, i, 2000);
-    start(arguments[0]);
-    for (unsigned i = 4; i < 8; ++i)
-        workers.emplace_back(work, i, 2000);
-    for (std::thread& each : workers)
-        each.join();
-    return 0;
-}};
+                        std::vector<std::thread> workers;
+                        // Some are at work already when the log begins.
+                        for (unsigned i = 0; i < 4; ++i)
+                            workers.emplace_back(work, i, 2000);
+                        start(arguments[0]);
+                        for (unsigned i = 4; i < 8; ++i)
+                            workers.emplace_back(work, i, 2000);
+                        for (std::thread& each : workers)
+                            each.join();
+                        return 0;
+                    }};
 
 } // namespace
 
@@ -386,12 +389,12 @@ TEST_F(allocation_log, lines_of_many_threads_are_whole_and_in_order) {
 namespace {
 
 const scene killed{"log_killed", [](const words& arguments) {
-    start(arguments[0]);
-    for (int i = 0; i < 20'000; ++i)
-        qor_do_malloc(0, 1, true, here, 1);
-    qor::test::kill_process();
-    return 0;
-}};
+                       start(arguments[0]);
+                       for (int i = 0; i < 20'000; ++i)
+                           qor_do_malloc(0, 1, true, here, 1);
+                       qor::test::kill_process();
+                       return 0;
+                   }};
 
 } // namespace
 
@@ -410,18 +413,18 @@ namespace {
 
 // So little that it is written only at the end.
 const scene little_work{"log_little_work", [](const words& arguments) {
-    start(arguments[0]);
-    work(1, 20);
-    return 0;
-}};
+                            start(arguments[0]);
+                            work(1, 20);
+                            return 0;
+                        }};
 
 } // namespace
 
 const scene much_work{"log_much_work", [](const words& arguments) {
-    start(arguments[0]);
-    work(1, 20'000);
-    return 0;
-}};
+                          start(arguments[0]);
+                          work(1, 20'000);
+                          return 0;
+                      }};
 
 TEST_F(allocation_log, a_full_disk_ends_the_log_and_not_the_process) {
     QOR_NEEDS_FULL_DISK();
@@ -429,8 +432,8 @@ TEST_F(allocation_log, a_full_disk_ends_the_log_and_not_the_process) {
     for (const scene* each : {&much_work, &little_work}) {
         const ending ended = play(*each, {full});
         EXPECT_EQ(ended.code, 0) << ended.out;
-        EXPECT_EQ(ended.err, "program: the allocation log '" + full + "' ends here: " +
-                                 qor::test::system_reasons().full + "\n");
+        EXPECT_EQ(ended.err,
+                  "program: the allocation log '" + full + "' ends here: " + qor::test::system_reasons().full + "\n");
     }
 }
 

@@ -50,20 +50,20 @@ void use_all_operations() {
 }
 
 const qor::test::scene without_tracking{"allocator_without_tracking", [](const words&) {
-    void* const early = qor_do_malloc(0, 100, true, file, 1);
-    void* const early_huge = qor_do_huge_alloc(100, file, 2);
-    void* const early_object = qor::glue::qor_do_new(100, file, 3);
-    use_all_operations();
-    qorStringArray args;
-    args.Append("program");
-    EXPECT_TRUE(qorInitProcess("program", args, 0));
-    use_all_operations();
-    // What was remembered while nothing was decided can be given back as ever.
-    qor_do_free(qor_do_realloc(early, 200, file, 4), file, 5);
-    qor_do_huge_free(early_huge, file, 6);
-    qor::glue::qor_do_delete(early_object);
-    return 0;
-}};
+                                            void* const early = qor_do_malloc(0, 100, true, file, 1);
+                                            void* const early_huge = qor_do_huge_alloc(100, file, 2);
+                                            void* const early_object = qor::glue::qor_do_new(100, file, 3);
+                                            use_all_operations();
+                                            qorStringArray args;
+                                            args.Append("program");
+                                            EXPECT_TRUE(qorInitProcess("program", args, 0));
+                                            use_all_operations();
+                                            // What was remembered while nothing was decided can be given back as ever.
+                                            qor_do_free(qor_do_realloc(early, 200, file, 4), file, 5);
+                                            qor_do_huge_free(early_huge, file, 6);
+                                            qor::glue::qor_do_delete(early_object);
+                                            return 0;
+                                        }};
 
 } // namespace
 
@@ -168,10 +168,10 @@ namespace {
 
 // Where a log is written, that shows it.
 const qor::test::scene no_huge_block{"allocator_no_huge_block", [](const words&) {
-    int none = 0;
-    qor_do_huge_free(&none, "the/caller", 17);
-    return 0;
-}};
+                                         int none = 0;
+                                         qor_do_huge_free(&none, "the/caller", 17);
+                                         return 0;
+                                     }};
 
 } // namespace
 
@@ -211,21 +211,21 @@ TEST(allocator, threads) {
 namespace {
 
 const qor::test::scene no_memory{"allocator_no_memory", [](const words&) {
-    EXPECT_EQ(qor_do_malloc(0, too_much, false, file, __LINE__), nullptr);
-    EXPECT_EQ(qor_do_malloc(64, too_much, false, file, __LINE__), nullptr);
-    EXPECT_THROW(qor_do_malloc(0, too_much, true, file, __LINE__), std::bad_alloc);
-    EXPECT_THROW(qor_do_huge_alloc(too_much, file, __LINE__), std::bad_alloc);
-    char* const block = qor_do_strdup("still there", file, __LINE__);
-    EXPECT_THROW(qor_do_realloc(block, too_much, file, __LINE__), std::bad_alloc);
-    EXPECT_STREQ(block, "still there");
-    qor_do_free(block, file, __LINE__);
-    return 0;
-}};
+                                     EXPECT_EQ(qor_do_malloc(0, too_much, false, file, __LINE__), nullptr);
+                                     EXPECT_EQ(qor_do_malloc(64, too_much, false, file, __LINE__), nullptr);
+                                     EXPECT_THROW(qor_do_malloc(0, too_much, true, file, __LINE__), std::bad_alloc);
+                                     EXPECT_THROW(qor_do_huge_alloc(too_much, file, __LINE__), std::bad_alloc);
+                                     char* const block = qor_do_strdup("still there", file, __LINE__);
+                                     EXPECT_THROW(qor_do_realloc(block, too_much, file, __LINE__), std::bad_alloc);
+                                     EXPECT_STREQ(block, "still there");
+                                     qor_do_free(block, file, __LINE__);
+                                     return 0;
+                                 }};
 
 } // namespace
 
 TEST(allocator, memory_that_is_not_there) {
-    const qor::test::ending ended =
-        qor::test::play(no_memory, {}, {"ASAN_OPTIONS=allocator_may_return_null=1", "TSAN_OPTIONS=allocator_may_return_null=1"});
+    const qor::test::ending ended = qor::test::play(
+        no_memory, {}, {"ASAN_OPTIONS=allocator_may_return_null=1", "TSAN_OPTIONS=allocator_may_return_null=1"});
     EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
 }

@@ -33,8 +33,7 @@ TEST(DayOfWeek, IsTheLibrarysCalendar) {
                 const year_month_day expected = year(y) / month(m) / day(d);
                 const int32 weekday_number = qorGetDayOfWeek(date(static_cast<uint16>(y), m, d));
                 if (expected.ok())
-                    ASSERT_EQ(weekday_number, weekday(expected).iso_encoding() - 1)
-                        << y << " " << m << " " << d;
+                    ASSERT_EQ(weekday_number, weekday(expected).iso_encoding() - 1) << y << " " << m << " " << d;
                 else
                     ASSERT_LT(weekday_number, 0) << y << " " << m << " " << d;
             }
@@ -62,8 +61,7 @@ TEST(DayOfWeek, IsTheWeekdayOfTheClock) {
 // Of the C library's formatting, what does not change with the locale.
 TEST(FormatTime, SaysWhatTheCLibrarySays) {
     static constexpr char format[] = "%%%d/%m/%y @ %H:%M:%S|%Y %j|%F %T %z%%|%u";
-    constexpr uint64 begin_of_1900 =
-        9'435'484'800 * qorTicksPerSecond; // older years are not for every C library
+    constexpr uint64 begin_of_1900 = 9'435'484'800 * qorTicksPerSecond; // older years are not for every C library
     std::mt19937_64 random(21);
     for (int i = 0; i < 20'000; ++i) {
         const uint64 clock = begin_of_1900 + random() % (250'000'000'000 * qorTicksPerSecond);

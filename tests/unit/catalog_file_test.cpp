@@ -8,21 +8,16 @@ namespace {
 using qor::catalog::message;
 using qor::catalog::translation;
 
-constexpr message english[] = {
-    {1, "one"}, {7, "file {1}: {2}"}, {10, "ten of {10}"}, {4294967295, "the last"}};
+constexpr message english[] = {{1, "one"}, {7, "file {1}: {2}"}, {10, "ten of {10}"}, {4294967295, "the last"}};
 
-translation parse(std::string_view content) {
-    return qor::catalog::parse_catalog(content, english);
-}
+translation parse(std::string_view content) { return qor::catalog::parse_catalog(content, english); }
 
 const translation none = {};
 const translation only_one = {"eins", "", "", ""};
 
 class catalog_on_disk : public testing::Test {
 protected:
-    std::string write(const char* name, const std::string& content) const {
-        return folder.file(name, content);
-    }
+    std::string write(const char* name, const std::string& content) const { return folder.file(name, content); }
     static translation load(const std::string& path) { return qor::catalog::load_catalog(path, english); }
 
     const qor::test::temp_folder folder;
@@ -45,13 +40,10 @@ TEST(parse_catalog, keeps_the_text_to_the_byte) {
     EXPECT_EQ(parse("1   two blanks in front, one behind \n").at(0), "  two blanks in front, one behind ");
     EXPECT_EQ(parse("1 # no comment\n").at(0), "# no comment");
     EXPECT_EQ(parse("1 {x} {} { {11} {0}\n").at(0), "{x} {} { {11} {0}");
-    EXPECT_EQ(parse("1 \xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80\n").at(0),
-              "\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80");
+    EXPECT_EQ(parse("1 \xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80\n").at(0), "\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80");
 }
 
-TEST(parse_catalog, replaces_escapes) {
-    EXPECT_EQ(parse("1 a\\nb\\tc\\\\n\\\\\n").at(0), "a\nb\tc\\n\\");
-}
+TEST(parse_catalog, replaces_escapes) { EXPECT_EQ(parse("1 a\\nb\\tc\\\\n\\\\\n").at(0), "a\nb\tc\\n\\"); }
 
 TEST(parse_catalog, inserts_may_change_places_and_be_repeated) {
     EXPECT_EQ(parse("7 {2} in {1} ({2})\n").at(1), "{2} in {1} ({2})");

@@ -65,8 +65,7 @@ TEST(expand, puts_each_insert_in_its_places) {
 }
 
 TEST(expand, leaves_other_braces_alone) {
-    for (const char* text :
-         {"{0}", "{11}", "{100}", "{x}", "{}", "{", "}", "{ 1}", "{1 }", "{01}", "{-1}", "{1"})
+    for (const char* text : {"{0}", "{11}", "{100}", "{x}", "{}", "{", "}", "{ 1}", "{1 }", "{01}", "{-1}", "{1"})
         EXPECT_EQ(expand(text, ten), text);
     EXPECT_EQ(expand("{{1}}", ten), "{a}");
     EXPECT_EQ(expand("{10", ten), "{10");

@@ -21,8 +21,7 @@ uint32 last_error() {
 TEST(SystemTime, IsTheSystemsClockCountedFrom1601) {
     using namespace std::chrono;
     const auto now = [] {
-        return duration_cast<duration<int64, std::ratio<1, 10'000'000>>>(
-                   system_clock::now().time_since_epoch())
+        return duration_cast<duration<int64, std::ratio<1, 10'000'000>>>(system_clock::now().time_since_epoch())
             .count();
     };
     for (int round = 0; round < 100; ++round) {
@@ -79,8 +78,7 @@ TEST(ConvertLocalTimeInfo, GoesBackAndForth) {
         qorConvertTime(again, true, shown);
         // Of a time that comes twice, the first is meant.
         ASSERT_LE(again, clock);
-        ASSERT_EQ((clock - again) / qorTicksPerSecond, static_cast<uint64>(shown.utc_offset - offset))
-            << clock;
+        ASSERT_EQ((clock - again) / qorTicksPerSecond, static_cast<uint64>(shown.utc_offset - offset)) << clock;
         info.weekday = shown.weekday;
         info.utc_offset = shown.utc_offset;
         ASSERT_EQ(std::memcmp(&info, &shown, sizeof info), 0) << clock;

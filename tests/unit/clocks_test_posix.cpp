@@ -9,8 +9,8 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
-#include <utility>
 #include <sys/time.h>
+#include <utility>
 
 namespace {
 
@@ -57,10 +57,9 @@ TEST(ConvertLocalTimeInfo, OneTickBehindTheBeginningOfTheCount) {
 
 TEST(ZoneName, WhatTheSystemKnows) {
     for (const char* const name :
-         {"", ":", "UTC", "GMT", ":UTC", "UTC0", "CET-1", "CET-1CEST", "CET-1CEST,M3.5.0,M10.5.0/3",
-          "Europe/Berlin", ":Europe/Berlin", "/usr/share/zoneinfo/Europe/Berlin", "<+0330>-3:30",
-          "<-03>3<-02>,M3.5.0/-2,M10.5.0/-1", "EST+5EDT4,J60/2:00:00,365/167", "XXX24:59:59",
-          "IST-1GMT0,M10.5.0,M3.5.0/1"})
+         {"", ":", "UTC", "GMT", ":UTC", "UTC0", "CET-1", "CET-1CEST", "CET-1CEST,M3.5.0,M10.5.0/3", "Europe/Berlin",
+          ":Europe/Berlin", "/usr/share/zoneinfo/Europe/Berlin", "<+0330>-3:30", "<-03>3<-02>,M3.5.0/-2,M10.5.0/-1",
+          "EST+5EDT4,J60/2:00:00,365/167", "XXX24:59:59", "IST-1GMT0,M10.5.0,M3.5.0/1"})
         EXPECT_TRUE(qor::time::is_zone(name)) << name;
 }
 
@@ -115,15 +114,18 @@ TEST(ZoneName, OneThatIsHalfUnderstood) {
         const char* name;
         int32 minutes;
         const char* ahead;
-    } const all[] = {{"CET-99", 24 * 60, "+24:00"}, {"CET-1 ", 60, "+01:00"}, {"XXX3:30:15YYY3:30:15,", -210, "-03:30:15"}, {" CET-1", 0, ""}};
+    } const all[] = {{"CET-99", 24 * 60, "+24:00"},
+                     {"CET-1 ", 60, "+01:00"},
+                     {"XXX3:30:15YYY3:30:15,", -210, "-03:30:15"},
+                     {" CET-1", 0, ""}};
     for (const auto& each : all) {
         const zone set(each.name);
         qorClearLastError();
         EXPECT_EQ(qorGetTimeZoneOffset(), each.minutes) << each.name;
         qorString text;
         EXPECT_EQ(last_error(text), uint32{qorError_unknown_time_zone});
-        EXPECT_EQ(text.Text(), "The time zone '" + std::string(each.name) + "' is not known here; the C library uses UTC" + each.ahead +
-                                   " instead.");
+        EXPECT_EQ(text.Text(), "The time zone '" + std::string(each.name) +
+                                   "' is not known here; the C library uses UTC" + each.ahead + " instead.");
     }
 }
 
@@ -158,10 +160,12 @@ TEST(ConvertLocalTimeInfo, TwoChangesWithinADay) {
     struct {
         uint8 day, hour, minute;
         int64 seconds_from_noon;
-    } const all[] = {{27, 11, 59, -60}, {27, 12, 30, 1800}, {27, 13, 0, 0}, {28, 0, 30, 41400}, {28, 10, 59, 79140}, {28, 11, 30, 81000}, {28, 12, 0, 86400}};
+    } const all[] = {{27, 11, 59, -60},   {27, 12, 30, 1800},  {27, 13, 0, 0},    {28, 0, 30, 41400},
+                     {28, 10, 59, 79140}, {28, 11, 30, 81000}, {28, 12, 0, 86400}};
     for (const auto& each : all) {
         const qorTimeInfo info{2021, 3, each.day, each.hour, each.minute, 0, 0, 0, 0};
-        EXPECT_EQ(qorConvertLocalTimeInfo(info) / qorTicksPerSecond, noon + uint64(each.seconds_from_noon)) << int{each.day} << ' ' << int{each.hour};
+        EXPECT_EQ(qorConvertLocalTimeInfo(info) / qorTicksPerSecond, noon + uint64(each.seconds_from_noon))
+            << int{each.day} << ' ' << int{each.hour};
     }
 }
 
@@ -175,7 +179,8 @@ TEST(ZoneName, AnUnknownOneIsTraced) {
     }
     const std::string trace = testing::internal::GetCapturedStderr();
     qorDebugEnableCode("system.time", false);
-    const std::string line = "system.time TZ does not name a time zone, the C library uses UTC instead: Europe/Lemuria\n";
+    const std::string line =
+        "system.time TZ does not name a time zone, the C library uses UTC instead: Europe/Lemuria\n";
     const std::size_t at = trace.find(line);
     ASSERT_NE(at, std::string::npos) << trace;
     EXPECT_EQ(at + line.size(), trace.size()) << "it is told once";

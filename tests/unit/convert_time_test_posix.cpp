@@ -14,8 +14,8 @@ std::string local(int64 unix_time) {
     qorTimeInfo info;
     qorConvertTime(static_cast<uint64>(unix_time + 11'644'473'600) * qorTicksPerSecond, true, info);
     qorString text;
-    text.Printf("%u-%02u-%02u %02u:%02u:%02u %+d", info.year, info.month, info.day, info.hour, info.minute,
-                info.second, info.utc_offset);
+    text.Printf("%u-%02u-%02u %02u:%02u:%02u %+d", info.year, info.month, info.day, info.hour, info.minute, info.second,
+                info.utc_offset);
     return text.Text();
 }
 

@@ -23,12 +23,8 @@ bool convert(const char* to, const char* from, const std::string& in, std::strin
 
 } // namespace
 
-bool qor::test::utf8_to_utf32(const std::string& in, std::string& out) {
-    return convert("UTF-32LE", "UTF-8", in, out);
-}
-bool qor::test::utf32_to_utf8(const std::string& in, std::string& out) {
-    return convert("UTF-8", "UTF-32LE", in, out);
-}
+bool qor::test::utf8_to_utf32(const std::string& in, std::string& out) { return convert("UTF-32LE", "UTF-8", in, out); }
+bool qor::test::utf32_to_utf8(const std::string& in, std::string& out) { return convert("UTF-8", "UTF-32LE", in, out); }
 bool qor::test::utf32_to_utf16(const std::string& in, std::string& out) {
     return convert("UTF-16LE", "UTF-32LE", in, out);
 }

@@ -218,16 +218,16 @@ TEST_F(error, a_query_knows_two_names) {
 namespace {
 
 const qor::test::scene report{"error_report", [](const words& arguments) {
-    qorStringArray args;
-    args.Append("program");
-    if (arguments[0] == "started") {
-        EXPECT_TRUE(qorInitProcess("watcher", args, 0));
-    }
-    qorSetLastError(qorError_cannot_open_file, "f", "r");
-    last_error()->Report();
-    EXPECT_EQ(last_error()->GetErrorNumber(), 10u);
-    return 0;
-}};
+                                  qorStringArray args;
+                                  args.Append("program");
+                                  if (arguments[0] == "started") {
+                                      EXPECT_TRUE(qorInitProcess("watcher", args, 0));
+                                  }
+                                  qorSetLastError(qorError_cannot_open_file, "f", "r");
+                                  last_error()->Report();
+                                  EXPECT_EQ(last_error()->GetErrorNumber(), 10u);
+                                  return 0;
+                              }};
 
 } // namespace
 
@@ -361,15 +361,16 @@ TEST_F(error, windows_codes_are_translated) {
 namespace {
 
 // Destructors of static objects and exit handlers run when the main thread's own objects are gone.
-const qor::test::scene late{"error_late", [](const words&) {
-    std::atexit([] {
-        fputerr(stderr, true);
-        qorSetLastError(qorError_cannot_open_file, "a/path/that/is/too/long/for/any/small/buffer", "late");
-        fputerr(stderr, true);
-    });
-    qorSetLastError(qorError_cannot_open_file, "another/path/too/long/for/any/small/buffer", "early");
-    return 0;
-}};
+const qor::test::scene late{
+    "error_late", [](const words&) {
+        std::atexit([] {
+            fputerr(stderr, true);
+            qorSetLastError(qorError_cannot_open_file, "a/path/that/is/too/long/for/any/small/buffer", "late");
+            fputerr(stderr, true);
+        });
+        qorSetLastError(qorError_cannot_open_file, "another/path/too/long/for/any/small/buffer", "early");
+        return 0;
+    }};
 
 } // namespace
 

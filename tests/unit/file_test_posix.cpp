@@ -5,9 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -24,13 +24,14 @@ std::string no_disk_file(const std::string& path) {
 
 // Rights mean nothing to a super-user, so the scene gives them up.
 const qor::test::scene unreadable{"file_unreadable", [](const words& arguments) {
-    if (geteuid() == 0 && setuid(nobody) != 0)
-        return 1;
-    qorFile from;
-    EXPECT_FALSE(from.Open(arguments[0].c_str(), reading));
-    EXPECT_EQ(last_error(), std::string("Cannot open '") + arguments[0] + "': Permission denied.");
-    return 0;
-}};
+                                      if (geteuid() == 0 && setuid(nobody) != 0)
+                                          return 1;
+                                      qorFile from;
+                                      EXPECT_FALSE(from.Open(arguments[0].c_str(), reading));
+                                      EXPECT_EQ(last_error(),
+                                                std::string("Cannot open '") + arguments[0] + "': Permission denied.");
+                                      return 0;
+                                  }};
 
 class posix_file : public testing::Test {
 protected:

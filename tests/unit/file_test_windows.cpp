@@ -13,8 +13,8 @@ constexpr uint32 reading = qorFileReading | qorFileExisting | qorFileShared;
 void expect_no_disk_file(const char* path) {
     qorFile from;
     EXPECT_FALSE(from.Open(path, reading)) << path;
-    EXPECT_EQ(qor::test::last_error(), std::string("Cannot open '") + path +
-                                           "': it is a pipe or a device, and only a file on a disk will do.");
+    EXPECT_EQ(qor::test::last_error(),
+              std::string("Cannot open '") + path + "': it is a pipe or a device, and only a file on a disk will do.");
 }
 
 } // namespace
@@ -25,8 +25,8 @@ TEST(windows_file, devices) {
 }
 
 TEST(windows_file, a_pipe) {
-    const HANDLE pipe = CreateNamedPipeW(L"\\\\.\\pipe\\qor.file_test", PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 100, 100, 0,
-                                         nullptr);
+    const HANDLE pipe =
+        CreateNamedPipeW(L"\\\\.\\pipe\\qor.file_test", PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 100, 100, 0, nullptr);
     ASSERT_NE(pipe, INVALID_HANDLE_VALUE);
     expect_no_disk_file("\\\\.\\pipe\\qor.file_test");
     CloseHandle(pipe);

@@ -63,7 +63,8 @@ TEST(FolderOfTheFramework, OneThatTheSystemDoesNotTellIsAnError) {
                   qorString text("not empty");
                   qorString message;
                   qorClearLastError();
-                  if (chroot(empty.path().c_str()) != 0 || qorGetFolderPath(qorFolder_qor_executable, text) || text.Length() != 0)
+                  if (chroot(empty.path().c_str()) != 0 || qorGetFolderPath(qorFolder_qor_executable, text) ||
+                      text.Length() != 0)
                       return std::string("it was found");
                   qorGetLastError(message);
                   return std::string(message.Text());

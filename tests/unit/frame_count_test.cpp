@@ -68,9 +68,9 @@ TEST(FrameCount, EveryFrameOf24HoursAtTheCommonRates) {
 
 TEST(FrameCount, TheFlagCountsOnlyWhereFramesAreDropped) {
     std::mt19937_64 random(6);
-    for (const qorRational& rate : {qorRational(24000, 1001), qorRational(25, 1), qorRational(30, 1),
-                                    qorRational(60, 1), qorRational(120000, 1001), qorRational(29970, 1000),
-                                    qorRational(30001, 1001), qorRational(30000, 1002)})
+    for (const qorRational& rate :
+         {qorRational(24000, 1001), qorRational(25, 1), qorRational(30, 1), qorRational(60, 1),
+          qorRational(120000, 1001), qorRational(29970, 1000), qorRational(30001, 1001), qorRational(30000, 1002)})
         for (int i = 0; i < 1000; ++i) {
             const uint64 count = random() >> random() % 64;
             qorTimecode with, without;
@@ -121,8 +121,7 @@ TEST(FrameCount, AnyRationalRate) {
             const uint64 middle = (low + high) / 2;
             qorTimecode timecode;
             timecode.SetFromFrameCount(rate, middle);
-            (timecode.pack_u64() >> 16 != 0 ? high : low) =
-                timecode.pack_u64() >> 16 != 0 ? middle : middle + 1;
+            (timecode.pack_u64() >> 16 != 0 ? high : low) = timecode.pack_u64() >> 16 != 0 ? middle : middle + 1;
         }
         return low;
     };
@@ -177,8 +176,7 @@ TEST(FrameCount, AFrameNumberThatIsLeftOutIsTheNextThatIsNot) {
             const uint64 count = qorTimecode(3, minute, 0, first).GetFrameCount(rate, true);
             for (uint16 frame = 0; frame < first; ++frame)
                 EXPECT_EQ(qorTimecode(3, minute, 0, frame).GetFrameCount(rate, true), count);
-            const qorTimecode before(3, static_cast<uint16>(minute - 1), 59,
-                                     static_cast<uint16>(per_second - 1));
+            const qorTimecode before(3, static_cast<uint16>(minute - 1), 59, static_cast<uint16>(per_second - 1));
             EXPECT_EQ(before.GetFrameCount(rate, true), count - 1);
         }
 }

@@ -20,30 +20,30 @@ using qor::test::words;
 // Starts with the scene's arguments; prints the words that are left, the languages and the trace codes that came on,
 // or the error, and ends with 1.
 const scene start{"options_start", [](const words& arguments) {
-    qorStringArray args;
-    args.Append("program");
-    for (const std::string& word : arguments)
-        args.Append(word.c_str());
-    if (!qorInitProcess("program", args, 0)) {
-        qorString text;
-        std::printf("%u ", qorGetLastError(text));
-        text.Put(stdout, false);
-        return 1;
-    }
-    for (uint32 i = 0; i < args.GetCount(); ++i)
-        std::printf("[%s]", args[i]);
-    qorStringArray languages;
-    qorGetActiveCatalogLanguages(languages);
-    for (uint32 i = 0; i < languages.GetCount(); ++i)
-        std::printf(" %s", languages[i]);
-    for (const char* const code : {"a.one", "a.two", "b.one"})
-        if (qor::glue::debug_is_on(qorDebugAllocateCode(code)))
-            std::printf(" %s", code);
-    qorDebug(qorDebugAllocateCode("a.one"), "traced");
-    qor_do_free(qor_do_malloc(0, 1, true, "here", 1), "here", 2);
-    qorCleanup();
-    return 0;
-}};
+                      qorStringArray args;
+                      args.Append("program");
+                      for (const std::string& word : arguments)
+                          args.Append(word.c_str());
+                      if (!qorInitProcess("program", args, 0)) {
+                          qorString text;
+                          std::printf("%u ", qorGetLastError(text));
+                          text.Put(stdout, false);
+                          return 1;
+                      }
+                      for (uint32 i = 0; i < args.GetCount(); ++i)
+                          std::printf("[%s]", args[i]);
+                      qorStringArray languages;
+                      qorGetActiveCatalogLanguages(languages);
+                      for (uint32 i = 0; i < languages.GetCount(); ++i)
+                          std::printf(" %s", languages[i]);
+                      for (const char* const code : {"a.one", "a.two", "b.one"})
+                          if (qor::glue::debug_is_on(qorDebugAllocateCode(code)))
+                              std::printf(" %s", code);
+                      qorDebug(qorDebugAllocateCode("a.one"), "traced");
+                      qor_do_free(qor_do_malloc(0, 1, true, "here", 1), "here", 2);
+                      qorCleanup();
+                      return 0;
+                  }};
 
 std::string printed(const words& arguments, const words& environment = {}) {
     const ending ended = play(start, arguments, environment);
@@ -165,11 +165,11 @@ TEST_F(framework_options, files_that_cannot_be_written_are_errors) {
                          "': " + reasons.a_folder + ".");
     }
     expect_error({}, {"QOR_MEMCHECK=" + beyond},
-                 "23 The file that 'QOR_MEMCHECK' names cannot be written: '" + beyond +
-                     "': " + reasons.no_folder + ".");
+                 "23 The file that 'QOR_MEMCHECK' names cannot be written: '" + beyond + "': " + reasons.no_folder +
+                     ".");
     expect_error({}, {"QOR_DEBUG_FILE=" + beyond},
-                 "23 The file that 'QOR_DEBUG_FILE' names cannot be written: '" + beyond +
-                     "': " + reasons.no_folder + ".");
+                 "23 The file that 'QOR_DEBUG_FILE' names cannot be written: '" + beyond + "': " + reasons.no_folder +
+                     ".");
 }
 
 TEST_F(framework_options, a_value_that_is_no_language_is_an_error) {

@@ -22,10 +22,10 @@ const scene at_secure{"options_at_secure", [](const words&) { return getauxval(A
 
 // One digit for each word: whether it names a zone.
 const scene zones{"options_zones", [](const words& names) {
-    for (const std::string& each : names)
-        std::printf("%d", qor::time::is_zone(each.c_str()) ? 1 : 0);
-    return 0;
-}};
+                      for (const std::string& each : names)
+                          std::printf("%d", qor::time::is_zone(each.c_str()) ? 1 : 0);
+                      return 0;
+                  }};
 
 class privileged_options : public testing::Test {
 protected:
@@ -70,8 +70,8 @@ class privileged_zones : public privileged_options {};
 } // namespace
 
 TEST_F(privileged_options, of_the_command_line_are_taken_out_and_do_nothing) {
-    expect_nothing_done(run("options_start", {"--qor-debug-file=" + m_file, "--qor-debug=*", "--qor-language=de", "word",
-                                              "--qor-memcheck=" + m_file + ".log", "--qor-debug-listen=1x",
+    expect_nothing_done(run("options_start", {"--qor-debug-file=" + m_file, "--qor-debug=*", "--qor-language=de",
+                                              "word", "--qor-memcheck=" + m_file + ".log", "--qor-debug-listen=1x",
                                               "--qor-debug-users=" + m_file}));
 }
 
@@ -92,7 +92,7 @@ TEST_F(privileged_zones, are_those_of_the_database) {
     const std::string database = "/usr/share/zoneinfo/";
     const std::string copy = m_folder / "zone";
     std::filesystem::copy_file(database + "Europe/Berlin", copy);
-    const words names{"Europe/Berlin", database + "Europe/Berlin", "CET-1CEST", copy, ':' + copy,
+    const words names{"Europe/Berlin",   database + "Europe/Berlin",  "CET-1CEST", copy, ':' + copy,
                       "../../.." + copy, database + "../../.." + copy};
     EXPECT_EQ(qor::test::play(zones, names).out, "1111111");
     EXPECT_EQ(run("options_zones", names).out, "1110000");

@@ -59,10 +59,9 @@ TEST(canonical_language, knows_english_by_all_its_names) {
 }
 
 TEST(canonical_language, refuses_what_cannot_be_a_name) {
-    for (const char* name :
-         {"",       "d",     "abcdefghi", "d3",          "de_",   "de-",    "_de",     "de__AT",
-          "de_-AT", "de AT", "de.UTF-8",  "de@euro",     "de/AT", "../de",  "de_../x", "/etc/passwd",
-          "c:de",   "de\\x", "d\xc3\xa9", "de_\xc3\xa9", "de\n",  "posix2", "c"})
+    for (const char* name : {"",       "d",     "abcdefghi", "d3",          "de_",   "de-",    "_de",     "de__AT",
+                             "de_-AT", "de AT", "de.UTF-8",  "de@euro",     "de/AT", "../de",  "de_../x", "/etc/passwd",
+                             "c:de",   "de\\x", "d\xc3\xa9", "de_\xc3\xa9", "de\n",  "posix2", "c"})
         EXPECT_EQ(canonical_language(name), "") << name;
     EXPECT_EQ(canonical_language(std::string("de") + std::string(1, '\0')), "");
     EXPECT_EQ(canonical_language("de_" + std::string(37, 'x')), "de_" + std::string(37, 'x'));
@@ -75,8 +74,7 @@ TEST(canonical_language, never_lets_a_path_through) {
         for (int second = 0; second < 256; ++second) {
             const std::string name = {'d', 'e', static_cast<char>(first), static_cast<char>(second)};
             for (const char c : canonical_language(name))
-                EXPECT_TRUE((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                            c == '_')
+                EXPECT_TRUE((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_')
                     << first << ' ' << second;
         }
 }
@@ -118,9 +116,7 @@ TEST(parse_languages, refuses_a_list_of_nothing) {
     EXPECT_EQ(refused_part(":,:"), "");
 }
 
-TEST(languages_of_environment, nothing_is_english) {
-    EXPECT_EQ(of_environment({}), names{});
-}
+TEST(languages_of_environment, nothing_is_english) { EXPECT_EQ(of_environment({}), names{}); }
 
 TEST(languages_of_environment, the_first_variable_that_is_set_decides) {
     EXPECT_EQ(of_environment({{"LANG", "de_DE.UTF-8"}}), (names{"de_DE", "de"}));

@@ -106,19 +106,23 @@ TEST(LinuxHost, wsl_1_is_what_its_windows_is) {
 TEST(LinuxHost, the_host_and_a_guest_of_hyper_v) {
     recorded_cpuid processor = qor::test::bare_xeon().add_hypervisor("Microsoft Hv");
     const std::pair<const char*, std::string> maker = {"/sys/class/dmi/id/sys_vendor", "Microsoft Corporation\n"};
-    EXPECT_EQ(find_hypervisor(recorded_host({maker, {"/sys/class/dmi/id/product_name", "Virtual Machine\n"}}, processor).host),
+    EXPECT_EQ(find_hypervisor(
+                  recorded_host({maker, {"/sys/class/dmi/id/product_name", "Virtual Machine\n"}}, processor).host),
               "Hyper-V");
     processor.leaves[{0x40000003, 0}] = {0x00003fff, 0x002bb9ff, 0, 0};
-    EXPECT_EQ(find_hypervisor(recorded_host({maker, {"/sys/class/dmi/id/product_name", "Surface Pro 9\n"}}, processor).host), "");
+    EXPECT_EQ(
+        find_hypervisor(recorded_host({maker, {"/sys/class/dmi/id/product_name", "Surface Pro 9\n"}}, processor).host),
+        "");
 }
 
 TEST(LinuxHost, an_arm_board) {
     const std::string core = "BogoMIPS\t: 108.00\nFeatures\t: fp asimd evtstrm crc32 cpuid\nCPU implementer\t: 0x41\n"
                              "CPU architecture: 8\nCPU variant\t: 0x0\nCPU part\t: 0xd08\nCPU revision\t: 3\n\n";
-    recorded_host recorded({{"/etc/os-release", debian},
-                            {"/proc/device-tree/compatible", std::string("raspberrypi,4-model-b\0brcm,bcm2711\0", 35)},
-                            {"/proc/cpuinfo", "processor\t: 0\n" + core + "processor\t: 1\n" + core +
-                                                  "Hardware\t: BCM2835\nRevision\t: c03114\nModel\t\t: Raspberry Pi 4\n"}});
+    recorded_host recorded(
+        {{"/etc/os-release", debian},
+         {"/proc/device-tree/compatible", std::string("raspberrypi,4-model-b\0brcm,bcm2711\0", 35)},
+         {"/proc/cpuinfo", "processor\t: 0\n" + core + "processor\t: 1\n" + core +
+                               "Hardware\t: BCM2835\nRevision\t: c03114\nModel\t\t: Raspberry Pi 4\n"}});
     recorded.host.machine = "aarch64";
     const facts found = read_facts(recorded.host);
     EXPECT_EQ(found.processor_type, "ARM Cortex-A72");
@@ -173,8 +177,9 @@ TEST(LinuxHost, cores_by_the_older_name_and_without_any) {
 
 TEST(OsRelease, from_either_place_and_from_none) {
     EXPECT_EQ(read_os_release(recorded_host({{"/usr/lib/os-release", debian}}).host).name, "Debian GNU/Linux");
-    EXPECT_EQ(read_os_release(recorded_host({{"/etc/os-release", "NAME=Here\n"}, {"/usr/lib/os-release", debian}}).host).name,
-              "Here");
+    EXPECT_EQ(
+        read_os_release(recorded_host({{"/etc/os-release", "NAME=Here\n"}, {"/usr/lib/os-release", debian}}).host).name,
+        "Here");
     const facts found = read_facts(recorded_host().host);
     EXPECT_EQ(found.type, "Linux");
     EXPECT_EQ(found.version, "6.1.0-37-amd64");
@@ -184,8 +189,9 @@ TEST(OsRelease, from_either_place_and_from_none) {
 
 TEST(OsRelease, values_as_a_shell_reads_them) {
     const os_release found = read_os_release(
-        recorded_host({{"/etc/os-release", "# a comment\n\nNAME='Single \"quoted\"'\nNAMELESS=x\nVERSION=\"\\\"1\\\" \\$2\"\r\n"
-                                           "PRETTY_NAME=a\\ b\"c d\"  \nPRETTY_NAME=last\\ \"one\"\n"}})
+        recorded_host(
+            {{"/etc/os-release", "# a comment\n\nNAME='Single \"quoted\"'\nNAMELESS=x\nVERSION=\"\\\"1\\\" \\$2\"\r\n"
+                                 "PRETTY_NAME=a\\ b\"c d\"  \nPRETTY_NAME=last\\ \"one\"\n"}})
             .host);
     EXPECT_EQ(found.name, "Single \"quoted\"");
     EXPECT_EQ(found.version, "\"1\" $2");
@@ -212,8 +218,10 @@ TEST(Memory, of_kernels_that_do_not_tell_what_is_available) {
     const std::string text = meminfo;
     const std::size_t at = text.find("MemAvailable");
     const std::string old = text.substr(0, at) + text.substr(text.find('\n', at) + 1);
-    EXPECT_EQ(memory_of(recorded_host({{"/proc/meminfo", old}})).free, (1'000'000 + 100'000 + 3'000'000 + 400'000 - 200'000) * kib);
-    EXPECT_EQ(memory_of(recorded_host({{"/proc/meminfo", "MemTotal: 100 kB\nMemFree: 10 kB\nShmem: 50 kB\n"}})).free, 0u);
+    EXPECT_EQ(memory_of(recorded_host({{"/proc/meminfo", old}})).free,
+              (1'000'000 + 100'000 + 3'000'000 + 400'000 - 200'000) * kib);
+    EXPECT_EQ(memory_of(recorded_host({{"/proc/meminfo", "MemTotal: 100 kB\nMemFree: 10 kB\nShmem: 50 kB\n"}})).free,
+              0u);
 }
 
 TEST(Memory, where_the_system_does_not_tell) {
@@ -223,11 +231,13 @@ TEST(Memory, where_the_system_does_not_tell) {
 }
 
 TEST(Memory, more_than_is_there_is_never_free) {
-    const qorMemoryInfo info = memory_of(recorded_host({{"/proc/meminfo", "MemTotal: 100 kB\nMemAvailable: 200 kB\n"}}));
+    const qorMemoryInfo info =
+        memory_of(recorded_host({{"/proc/meminfo", "MemTotal: 100 kB\nMemAvailable: 200 kB\n"}}));
     EXPECT_EQ(info.free, 100 * kib);
 }
 
-const char unified_mount[] = "22 1 0:21 / /proc rw - proc proc rw\n35 24 0:30 / /sys/fs/cgroup rw,nosuid shared:4 - cgroup2 cgroup2 rw\n";
+const char unified_mount[] =
+    "22 1 0:21 / /proc rw - proc proc rw\n35 24 0:30 / /sys/fs/cgroup rw,nosuid shared:4 - cgroup2 cgroup2 rw\n";
 const char memory_mount[] = "35 31 0:33 / /sys/fs/cgroup/cpu rw - cgroup cgroup rw,cpu\n"
                             "36 31 0:34 / /sys/fs/cgroup/memory rw - cgroup cgroup rw,memory\n";
 
@@ -264,11 +274,12 @@ TEST(GroupMemory, of_the_first_generation) {
 
 // Without a namespace of its own a container sees its group's whole path, but only its own group is mounted.
 TEST(GroupMemory, seen_from_inside_a_container) {
-    recorded_host recorded({{"/proc/meminfo", meminfo},
-                            {"/proc/self/mountinfo", "36 31 0:34 /docker/abc /sys/fs/cgroup/mem\\040ory ro - cgroup cgroup rw,memory\n"},
-                            {"/proc/self/cgroup", "4:memory:/docker/abc/inner\n"},
-                            {"/sys/fs/cgroup/mem ory/inner/memory.limit_in_bytes", "1048576\n"},
-                            {"/sys/fs/cgroup/mem ory/inner/memory.usage_in_bytes", "2097152\n"}});
+    recorded_host recorded(
+        {{"/proc/meminfo", meminfo},
+         {"/proc/self/mountinfo", "36 31 0:34 /docker/abc /sys/fs/cgroup/mem\\040ory ro - cgroup cgroup rw,memory\n"},
+         {"/proc/self/cgroup", "4:memory:/docker/abc/inner\n"},
+         {"/sys/fs/cgroup/mem ory/inner/memory.limit_in_bytes", "1048576\n"},
+         {"/sys/fs/cgroup/mem ory/inner/memory.usage_in_bytes", "2097152\n"}});
     EXPECT_EQ(memory_of(recorded).total, 1 * mib);
     EXPECT_EQ(memory_of(recorded).free, 0u);
 
@@ -298,8 +309,10 @@ TEST(GroupMemory, a_limit_above_what_is_there_is_none) {
 }
 
 TEST(GroupMemory, tables_that_are_none) {
-    for (const char* const text : {"", "\n", "0", "0:", "::", "4:memory", "0::", "a b c d e\n", "1 2 3 4 5 - cgroup2\n"}) {
-        recorded_host recorded({{"/proc/meminfo", meminfo}, {"/proc/self/mountinfo", text}, {"/proc/self/cgroup", text}});
+    for (const char* const text :
+         {"", "\n", "0", "0:", "::", "4:memory", "0::", "a b c d e\n", "1 2 3 4 5 - cgroup2\n"}) {
+        recorded_host recorded(
+            {{"/proc/meminfo", meminfo}, {"/proc/self/mountinfo", text}, {"/proc/self/cgroup", text}});
         EXPECT_EQ(memory_of(recorded).total, 16'384'000 * kib) << text;
     }
 }
@@ -335,15 +348,22 @@ TEST(VirtualMachine, told_by_the_kernel) {
     EXPECT_EQ(told("/proc/device-tree/hypervisor/compatible", "somebody,else"), "unknown hypervisor");
     EXPECT_EQ(told("/proc/device-tree/compatible", std::string("linux,dummy-virt\0", 17)), "QEMU");
     EXPECT_EQ(told("/proc/device-tree/compatible", std::string("raspberrypi,4-model-b\0", 22)), "");
-    EXPECT_EQ(told("/proc/sysinfo", "Manufacturer: IBM\nVM00 Name: LNX1\nVM00 Control Program: z/VM    6.4.0\n"), "z/VM");
+    EXPECT_EQ(told("/proc/sysinfo", "Manufacturer: IBM\nVM00 Name: LNX1\nVM00 Control Program: z/VM    6.4.0\n"),
+              "z/VM");
     EXPECT_EQ(told("/proc/sysinfo", "VM00 Control Program: KVM/Linux\nVM01 Control Program: z/VM\n"), "KVM");
     EXPECT_EQ(told("/proc/sysinfo", "LPAR Name: KVM1\n"), "");
 }
 
 TEST(VirtualMachine, xen_s_first_domain_is_the_host) {
     const recorded_cpuid processor = qor::test::bare_xeon().add_hypervisor("XenVMMXenVMM");
-    EXPECT_EQ(find_hypervisor(recorded_host({{"/sys/hypervisor/type", "xen\n"}, {"/proc/xen/capabilities", "control_d\n"}}, processor).host), "");
-    EXPECT_EQ(find_hypervisor(recorded_host({{"/sys/hypervisor/type", "xen\n"}, {"/proc/xen/capabilities", ""}}, processor).host), "Xen");
+    EXPECT_EQ(
+        find_hypervisor(
+            recorded_host({{"/sys/hypervisor/type", "xen\n"}, {"/proc/xen/capabilities", "control_d\n"}}, processor)
+                .host),
+        "");
+    EXPECT_EQ(find_hypervisor(
+                  recorded_host({{"/sys/hypervisor/type", "xen\n"}, {"/proc/xen/capabilities", ""}}, processor).host),
+              "Xen");
 }
 
 TEST(VirtualMachine, marked_in_the_firmware_s_table) {
@@ -354,7 +374,8 @@ TEST(VirtualMachine, marked_in_the_firmware_s_table) {
     table[0x13] = 0x0c;
     EXPECT_EQ(find_hypervisor(recorded_host({{row, table}}).host), "");
     EXPECT_EQ(find_hypervisor(recorded_host({{row, "short"}}).host), "");
-    EXPECT_EQ(find_hypervisor(recorded_host({{row, table}, {"/sys/class/dmi/id/sys_vendor", "Amazon EC2\n"}}).host), "");
+    EXPECT_EQ(find_hypervisor(recorded_host({{row, table}, {"/sys/class/dmi/id/sys_vendor", "Amazon EC2\n"}}).host),
+              "");
 }
 
 // ---- this host

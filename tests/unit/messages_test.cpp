@@ -14,11 +14,11 @@ namespace {
 using numbers = std::vector<uint32>;
 
 // The numbers that the tool speaks through. They are a contract: programs and translations count on them.
-const numbers tool_numbers = {1,  2,  3,  5,  6,  7,  8,  9,  10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21,
-                              22, 23, 24, 25, 26, 27, 28, 29, 30, 31, 32, 33, 34, 35, 36, 37, 44, 45, 46, 47,
-                              48, 49, 50, 51, 52, 53, 54, 55, 56, 57, 58, 59, 60, 63, 64, 65, 66, 67, 68, 69,
-                              70, 71, 72, 73, 78, 79, 80, 81, 82, 83, 84, 85, 86, 87, 88, 89, 90, 91,
-                              92, 93, 94, 95, 96, 97, 98, 99, 100, 101, 102, 103, 104, 105};
+const numbers tool_numbers = {1,  2,  3,  5,  6,  7,  8,  9,  10, 11, 12,  13,  14,  15,  16,  17, 18, 19, 20,
+                              21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31,  32,  33,  34,  35,  36, 37, 44, 45,
+                              46, 47, 48, 49, 50, 51, 52, 53, 54, 55, 56,  57,  58,  59,  60,  63, 64, 65, 66,
+                              67, 68, 69, 70, 71, 72, 73, 78, 79, 80, 81,  82,  83,  84,  85,  86, 87, 88, 89,
+                              90, 91, 92, 93, 94, 95, 96, 97, 98, 99, 100, 101, 102, 103, 104, 105};
 
 struct pair {
     uint32 syntax;
@@ -36,8 +36,8 @@ struct expected_inserts {
     int count;
 };
 
-const expected_inserts tool_inserts[] = {{10, 1}, {11, 1}, {16, 1}, {17, 1}, {18, 1}, {19, 1}, {20, 1},
-                                         {21, 1}, {22, 1}, {36, 2}, {37, 1}, {73, 1}, {82, 1}, {92, 2}, {93, 2}, {98, 1}};
+const expected_inserts tool_inserts[] = {{10, 1}, {11, 1}, {16, 1}, {17, 1}, {18, 1}, {19, 1}, {20, 1}, {21, 1},
+                                         {22, 1}, {36, 2}, {37, 1}, {73, 1}, {82, 1}, {92, 2}, {93, 2}, {98, 1}};
 
 constexpr std::size_t syntax_width = 34;
 
@@ -128,8 +128,7 @@ TEST(messages, each_file_has_exactly_the_numbers_of_english_in_order) {
             uint32 number = 0;
             if (line.empty() || line[0] == '#')
                 continue;
-            EXPECT_EQ(std::from_chars(line.data(), line.data() + line.size(), number).ec, std::errc())
-                << line;
+            EXPECT_EQ(std::from_chars(line.data(), line.data() + line.size(), number).ec, std::errc()) << line;
             present.push_back(number);
         }
         numbers wanted;
@@ -171,11 +170,9 @@ TEST(messages, help_names_the_same_words_in_every_language) {
     const auto typed = [](const std::string& syntax) { return syntax.substr(0, syntax.find_first_of(" =")); };
     for (const std::string& language : languages()) {
         for (const pair& each : tool_help)
-            EXPECT_EQ(typed(text_of("qortool", each.syntax, language)),
-                      typed(text_of("qortool", each.syntax, "en")));
+            EXPECT_EQ(typed(text_of("qortool", each.syntax, language)), typed(text_of("qortool", each.syntax, "en")));
         for (const pair& each : framework_help)
-            EXPECT_EQ(typed(text_of("qorcore", each.syntax, language)),
-                      typed(text_of("qorcore", each.syntax, "en")));
+            EXPECT_EQ(typed(text_of("qorcore", each.syntax, language)), typed(text_of("qorcore", each.syntax, "en")));
     }
 }
 

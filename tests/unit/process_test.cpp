@@ -72,30 +72,30 @@ void note_and_register(void* context) noexcept {
 }
 
 const scene cleanup{"process_cleanup", [](const words&) {
-    EXPECT_TRUE(qorRegisterCleanupRoutine(note, const_cast<char*>("0")));
-    qorStringArray args;
-    EXPECT_TRUE(start({}, args));
-    EXPECT_TRUE(qorRegisterCleanupRoutine(note, const_cast<char*>("a")));
-    EXPECT_TRUE(qorRegisterCleanupRoutine(note_and_register, const_cast<char*>("b")));
-    EXPECT_TRUE(qorRegisterCleanupRoutine(note, const_cast<char*>("c")));
-    EXPECT_TRUE(qorRegisterCleanupRoutine(note, const_cast<char*>("c")));
-    EXPECT_EQ(s_calls, "");
-    qorCleanup();
-    EXPECT_EQ(s_calls, "ccbda0");
-    qorCleanup();
-    EXPECT_EQ(s_calls, "ccbda0");
-    // Memory and strings can be used on.
-    qorString text("still");
-    text.Append(" there");
-    EXPECT_STREQ(text, "still there");
-    qor_do_free(qor_do_malloc(0, 10, true, "f", 1), "f", 1);
-    return 0;
-}};
+                        EXPECT_TRUE(qorRegisterCleanupRoutine(note, const_cast<char*>("0")));
+                        qorStringArray args;
+                        EXPECT_TRUE(start({}, args));
+                        EXPECT_TRUE(qorRegisterCleanupRoutine(note, const_cast<char*>("a")));
+                        EXPECT_TRUE(qorRegisterCleanupRoutine(note_and_register, const_cast<char*>("b")));
+                        EXPECT_TRUE(qorRegisterCleanupRoutine(note, const_cast<char*>("c")));
+                        EXPECT_TRUE(qorRegisterCleanupRoutine(note, const_cast<char*>("c")));
+                        EXPECT_EQ(s_calls, "");
+                        qorCleanup();
+                        EXPECT_EQ(s_calls, "ccbda0");
+                        qorCleanup();
+                        EXPECT_EQ(s_calls, "ccbda0");
+                        // Memory and strings can be used on.
+                        qorString text("still");
+                        text.Append(" there");
+                        EXPECT_STREQ(text, "still there");
+                        qor_do_free(qor_do_malloc(0, 10, true, "f", 1), "f", 1);
+                        return 0;
+                    }};
 
 const scene no_cleanup{"process_no_cleanup", [](const words&) {
-    qorRegisterCleanupRoutine([](void*) noexcept { std::puts("called"); }, nullptr);
-    return 0;
-}};
+                           qorRegisterCleanupRoutine([](void*) noexcept { std::puts("called"); }, nullptr);
+                           return 0;
+                       }};
 
 } // namespace
 
@@ -122,42 +122,42 @@ TEST(process, a_cleanup_routine_must_be_one) {
 namespace {
 
 const scene names{"process_names", [](const words&) {
-    EXPECT_EQ(qor::process::name(), qor::test::program_name());
-    qorStringArray args;
-    EXPECT_TRUE(start({"word"}, args));
-    EXPECT_STREQ(qor::process::name(), "watcher");
-    EXPECT_EQ(args.GetCount(), 1u);
-    EXPECT_STREQ(args[0], "word");
-    return 0;
-}};
+                      EXPECT_EQ(qor::process::name(), qor::test::program_name());
+                      qorStringArray args;
+                      EXPECT_TRUE(start({"word"}, args));
+                      EXPECT_STREQ(qor::process::name(), "watcher");
+                      EXPECT_EQ(args.GetCount(), 1u);
+                      EXPECT_STREQ(args[0], "word");
+                      return 0;
+                  }};
 
 const scene no_words{"process_no_words", [](const words&) {
-    qorStringArray args;
-    EXPECT_TRUE(qorInitProcess("watcher", args, 0));
-    EXPECT_TRUE(args.IsEmpty());
-    return 0;
-}};
+                         qorStringArray args;
+                         EXPECT_TRUE(qorInitProcess("watcher", args, 0));
+                         EXPECT_TRUE(args.IsEmpty());
+                         return 0;
+                     }};
 
 const scene flags{"process_flags", [](const words&) {
-    for (const unsigned value : {1u, 0x80000000u}) {
-        qorStringArray args;
-        qorClearLastError();
-        EXPECT_FALSE(start({}, args, value));
-        qorString text;
-        EXPECT_EQ(qorGetLastError(text), qorError_invalid_argument);
-    }
-    return 0;
-}};
+                      for (const unsigned value : {1u, 0x80000000u}) {
+                          qorStringArray args;
+                          qorClearLastError();
+                          EXPECT_FALSE(start({}, args, value));
+                          qorString text;
+                          EXPECT_EQ(qorGetLastError(text), qorError_invalid_argument);
+                      }
+                      return 0;
+                  }};
 
 constexpr char long_name[] = "a process with a name that is too long for any small buffer in a string";
 
 const scene late_assertion{"process_late_assertion", [](const words&) {
-    std::atexit([] { qorAssertFailed("expression", "function", "file", 7); });
-    qorStringArray args;
-    args.Append("program");
-    EXPECT_TRUE(qorInitProcess(long_name, args, 0));
-    return 0;
-}};
+                               std::atexit([] { qorAssertFailed("expression", "function", "file", 7); });
+                               qorStringArray args;
+                               args.Append("program");
+                               EXPECT_TRUE(qorInitProcess(long_name, args, 0));
+                               return 0;
+                           }};
 
 } // namespace
 

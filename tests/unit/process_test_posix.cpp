@@ -16,35 +16,37 @@
 namespace {
 
 // The first argument names the streams that the caller closed, the second is a file for the trace.
-const qor::test::scene closed_streams{"process_closed_streams", [](const qor::test::words& arguments) {
-    qorStringArray args;
-    for (const std::string& word : {std::string("program"), "--qor-debug-file=" + arguments[1], std::string("--qor-debug=*")})
-        args.Append(word.c_str());
-    EXPECT_TRUE(qorInitProcess("watcher", args, 0));
-    const uint32 code = qorDebugAllocateCode("a.code");
-    qorDebug(code, "traced");
-    for (int stream = 0; stream <= 2; ++stream) {
-        EXPECT_NE(fcntl(stream, F_GETFD), -1) << stream;
-        if (arguments[0].find(static_cast<char>('0' + stream)) == std::string::npos)
-            continue;
-        // It is there but cannot be used, as its caller wanted it.
-        char byte = 'x';
-        if (stream == 0)
-            EXPECT_EQ(read(stream, &byte, 1), -1);
-        else
-            EXPECT_EQ(write(stream, &byte, 1), -1) << stream;
-    }
-    qorCleanup();
-    const int mine = open("/dev/null", O_RDONLY);
-    EXPECT_GT(mine, 2);
-    return 0;
-}};
+const qor::test::scene closed_streams{
+    "process_closed_streams", [](const qor::test::words& arguments) {
+        qorStringArray args;
+        for (const std::string& word :
+             {std::string("program"), "--qor-debug-file=" + arguments[1], std::string("--qor-debug=*")})
+            args.Append(word.c_str());
+        EXPECT_TRUE(qorInitProcess("watcher", args, 0));
+        const uint32 code = qorDebugAllocateCode("a.code");
+        qorDebug(code, "traced");
+        for (int stream = 0; stream <= 2; ++stream) {
+            EXPECT_NE(fcntl(stream, F_GETFD), -1) << stream;
+            if (arguments[0].find(static_cast<char>('0' + stream)) == std::string::npos)
+                continue;
+            // It is there but cannot be used, as its caller wanted it.
+            char byte = 'x';
+            if (stream == 0)
+                EXPECT_EQ(read(stream, &byte, 1), -1);
+            else
+                EXPECT_EQ(write(stream, &byte, 1), -1) << stream;
+        }
+        qorCleanup();
+        const int mine = open("/dev/null", O_RDONLY);
+        EXPECT_GT(mine, 2);
+        return 0;
+    }};
 
 } // namespace
 
 TEST(process, closed_standard_streams_stay_useless_and_taken) {
-    const std::map<std::string, std::string> ways = {{"", ""},          {"0", "<&-"},         {"1", ">&-"},
-                                                     {"2", "2>&-"},     {"01", "<&- >&-"},    {"12", ">&- 2>&-"},
+    const std::map<std::string, std::string> ways = {{"", ""},           {"0", "<&-"},           {"1", ">&-"},
+                                                     {"2", "2>&-"},      {"01", "<&- >&-"},      {"12", ">&- 2>&-"},
                                                      {"02", "<&- 2>&-"}, {"012", "<&- >&- 2>&-"}};
     for (const auto& [streams, redirections] : ways) {
         const qor::test::temp_folder folder;

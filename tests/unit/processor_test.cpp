@@ -66,9 +66,9 @@ TEST(Hypervisor, none_without_its_bit) {
 
 TEST(Hypervisor, by_its_signature) {
     const std::pair<const char*, const char*> known[] = {
-        {"KVMKVMKVM", "KVM"},           {"Linux KVM Hv", "KVM"},    {"VMwareVMware", "VMware"},
-        {"XenVMMXenVMM", "Xen"},        {"VBoxVBoxVBox", "VirtualBox"}, {"TCGTCGTCGTCG", "QEMU"},
-        {"bhyve bhyve ", "bhyve"},      {"ACRNACRNACRN", "ACRN"},   {"Microsoft Hv", "Hyper-V"},
+        {"KVMKVMKVM", "KVM"},          {"Linux KVM Hv", "KVM"},        {"VMwareVMware", "VMware"},
+        {"XenVMMXenVMM", "Xen"},       {"VBoxVBoxVBox", "VirtualBox"}, {"TCGTCGTCGTCG", "QEMU"},
+        {"bhyve bhyve ", "bhyve"},     {"ACRNACRNACRN", "ACRN"},       {"Microsoft Hv", "Hyper-V"},
         {" lrpepyh  vr", "Parallels"}, {"NobodyKnowsI", ""},
     };
     for (const auto& [signature, name] : known) {

@@ -47,11 +47,17 @@ void add_ghosts(fake_host& host, int first, const char* type) {
 void add_ftdi(fake_host& host, const std::string& name, const char* number) {
     host.device("pci0000:00/0000:00:14.0", "pci");
     host.device("pci0000:00/0000:00:14.0/usb1", "usb", {{"busnum", "1"}, {"devpath", "0"}});
-    host.device("pci0000:00/0000:00:14.0/usb1/1-2", "usb", {{"busnum", "1"}, {"devpath", "2"}, {"product", "USB2.0 Hub"}});
+    host.device("pci0000:00/0000:00:14.0/usb1/1-2", "usb",
+                {{"busnum", "1"}, {"devpath", "2"}, {"product", "USB2.0 Hub"}});
     const std::string device = "pci0000:00/0000:00:14.0/usb1/1-2/1-2.3";
     host.device(device, "usb",
-                {{"busnum", "1"}, {"devpath", "2.3"}, {"manufacturer", "FTDI"}, {"product", "FT232R USB UART"},
-                 {"serial", "A50285BI"}, {"idVendor", "0403"}, {"idProduct", "6001"}});
+                {{"busnum", "1"},
+                 {"devpath", "2.3"},
+                 {"manufacturer", "FTDI"},
+                 {"product", "FT232R USB UART"},
+                 {"serial", "A50285BI"},
+                 {"idVendor", "0403"},
+                 {"idProduct", "6001"}});
     host.device(device + "/1-2.3:1.0", "usb", {{"bInterfaceNumber", "00"}});
     host.device(device + "/1-2.3:1.0/" + name, "usb-serial", {{"port_number", "0"}});
     host.terminal(device + "/1-2.3:1.0/" + name, name, number);
@@ -95,7 +101,8 @@ TEST(serial_hosts, a_pc_that_hides_its_uarts_from_users) {
     EXPECT_EQ(host.ports(), (names{"ttyS1 = motherboard UART at 0x2f8", "ttyS2 = motherboard UART"}));
     // One that the kernel speaks through is there, wherever it hangs.
     std::ofstream(host.on().sys + "/class/tty/console/active") << "tty0 ttyS3\n";
-    EXPECT_EQ(host.ports(), (names{"ttyS1 = motherboard UART at 0x2f8", "ttyS2 = motherboard UART", "ttyS3 = motherboard UART"}));
+    EXPECT_EQ(host.ports(),
+              (names{"ttyS1 = motherboard UART at 0x2f8", "ttyS2 = motherboard UART", "ttyS3 = motherboard UART"}));
 }
 
 TEST(serial_hosts, an_old_uart_that_plug_and_play_does_not_know) {
@@ -120,7 +127,8 @@ TEST(serial_hosts, a_board_with_two_uarts) {
     host.terminal("platform/soc/3f201000.serial", "ttyAMA0", "204:64", {{"type", "32"}, {"iomem_base", "0x3F201000"}});
     host.device("platform/soc/3f215040.serial", "platform");
     host.terminal("platform/soc/3f215040.serial", "ttyS0", "4:64", {{"type", "1"}, {"port", "0x0"}});
-    EXPECT_EQ(host.ports(), (names{"ttyAMA0 = on-board UART 3f201000.serial", "ttyS0 = on-board UART 3f215040.serial"}));
+    EXPECT_EQ(host.ports(),
+              (names{"ttyAMA0 = on-board UART 3f201000.serial", "ttyS0 = on-board UART 3f215040.serial"}));
 }
 
 TEST(serial_hosts, an_adapter_at_a_hub) {
@@ -134,24 +142,30 @@ TEST(serial_hosts, adapters_that_say_little) {
     fake_host host;
     const std::string bus = "pci0000:00/0000:00:14.0/usb3";
     host.device(bus + "/3-1", "usb",
-                {{"busnum", "3"}, {"devpath", "1"}, {"manufacturer", "Prolific Technology Inc."}, {"product", "USB-Serial Controller"}});
+                {{"busnum", "3"},
+                 {"devpath", "1"},
+                 {"manufacturer", "Prolific Technology Inc."},
+                 {"product", "USB-Serial Controller"}});
     host.device(bus + "/3-1/3-1:1.0/ttyUSB0", "usb-serial");
     host.terminal(bus + "/3-1/3-1:1.0/ttyUSB0", "ttyUSB0", "188:0");
     host.device(bus + "/3-2", "usb", {{"busnum", "3"}, {"devpath", "2"}, {"idVendor", "1a86"}, {"idProduct", "7523"}});
     host.device(bus + "/3-2/3-2:1.0/ttyUSB1", "usb-serial");
     host.terminal(bus + "/3-2/3-2:1.0/ttyUSB1", "ttyUSB1", "188:1");
-    host.device(bus + "/3-3", "usb", {{"busnum", "3"}, {"devpath", "3"}, {"manufacturer", "Silicon Labs"}, {"product", "Silicon Labs CP2102"}});
+    host.device(
+        bus + "/3-3", "usb",
+        {{"busnum", "3"}, {"devpath", "3"}, {"manufacturer", "Silicon Labs"}, {"product", "Silicon Labs CP2102"}});
     host.device(bus + "/3-3/3-3:1.0/ttyUSB2", "usb-serial");
     host.terminal(bus + "/3-3/3-3:1.0/ttyUSB2", "ttyUSB2", "188:2");
-    EXPECT_EQ(host.ports(), (names{"ttyUSB0 = USB bus 3, port 1: Prolific Technology Inc. USB-Serial Controller",
-                                   "ttyUSB1 = USB bus 3, port 2: 1a86:7523",
-                                   "ttyUSB2 = USB bus 3, port 3: Silicon Labs CP2102"}));
+    EXPECT_EQ(host.ports(),
+              (names{"ttyUSB0 = USB bus 3, port 1: Prolific Technology Inc. USB-Serial Controller",
+                     "ttyUSB1 = USB bus 3, port 2: 1a86:7523", "ttyUSB2 = USB bus 3, port 3: Silicon Labs CP2102"}));
 }
 
 // A device may say anything; only a terminal is spared it, on its way there.
 TEST(serial_hosts, an_adapter_that_says_odd_things) {
     fake_host host;
-    host.device("usb1/1-1", "usb", {{"busnum", "1"}, {"devpath", "1"}, {"product", " \t\x1b[2JModem\t%s \r"}, {"serial", " "}});
+    host.device("usb1/1-1", "usb",
+                {{"busnum", "1"}, {"devpath", "1"}, {"product", " \t\x1b[2JModem\t%s \r"}, {"serial", " "}});
     host.terminal("usb1/1-1/1-1:1.0", "ttyACM0", "166:0");
     EXPECT_EQ(host.ports(), names{"ttyACM0 = USB bus 1, port 1: \x1b[2JModem\t%s"});
 }
@@ -159,19 +173,24 @@ TEST(serial_hosts, an_adapter_that_says_odd_things) {
 TEST(serial_hosts, a_modem) {
     fake_host host;
     host.device("usb1/1-4", "usb",
-                {{"busnum", "1"}, {"devpath", "4"}, {"manufacturer", "Arduino (www.arduino.cc)"}, {"product", "Arduino Uno"},
+                {{"busnum", "1"},
+                 {"devpath", "4"},
+                 {"manufacturer", "Arduino (www.arduino.cc)"},
+                 {"product", "Arduino Uno"},
                  {"serial", "85531303631351F0B1E1"}});
     host.device("usb1/1-4/1-4:1.0", "usb", {{"bInterfaceNumber", "00"}});
     host.device("usb1/1-4/1-4:1.1", "usb", {{"bInterfaceNumber", "01"}});
     host.terminal("usb1/1-4/1-4:1.0", "ttyACM0", "166:0");
-    EXPECT_EQ(host.ports(), names{"ttyACM0 = USB bus 1, port 4: Arduino (www.arduino.cc) Arduino Uno, serial 85531303631351F0B1E1"});
+    EXPECT_EQ(host.ports(),
+              names{"ttyACM0 = USB bus 1, port 4: Arduino (www.arduino.cc) Arduino Uno, serial 85531303631351F0B1E1"});
 }
 
 // The lines are in the order of the interfaces, which need not be that of the names.
 TEST(serial_hosts, an_adapter_with_several_lines) {
     fake_host host;
     const std::string device = "usb1/1-3";
-    host.device(device, "usb", {{"busnum", "1"}, {"devpath", "3"}, {"manufacturer", "FTDI"}, {"product", "Quad RS232-HS"}});
+    host.device(device, "usb",
+                {{"busnum", "1"}, {"devpath", "3"}, {"manufacturer", "FTDI"}, {"product", "Quad RS232-HS"}});
     for (const auto& [interface, name] : {std::pair(0, "ttyUSB10"), {1, "ttyUSB2"}, {2, "ttyUSB3"}, {3, "ttyUSB4"}}) {
         const std::string part = device + "/1-3:1." + std::to_string(interface) + "/" + name;
         host.device(part, "usb-serial");
@@ -223,7 +242,8 @@ TEST(serial_hosts, bluetooth_in_use) {
     fake_host host;
     host.device("usb1/1-7", "usb", {{"busnum", "1"}, {"devpath", "7"}, {"product", "Bluetooth Radio"}});
     host.device("usb1/1-7/1-7:1.0/bluetooth/hci0/hci0:11", "bluetooth");
-    host.terminal("usb1/1-7/1-7:1.0/bluetooth/hci0/hci0:11", "rfcomm0", "216:0", {{"address", "00:11:22:33:44:55"}, {"channel", "3"}});
+    host.terminal("usb1/1-7/1-7:1.0/bluetooth/hci0/hci0:11", "rfcomm0", "216:0",
+                  {{"address", "00:11:22:33:44:55"}, {"channel", "3"}});
     EXPECT_EQ(host.ports(), names{"rfcomm0 = Bluetooth 00:11:22:33:44:55, channel 3"});
 }
 
@@ -240,7 +260,8 @@ TEST(serial_hosts, a_container_sees_the_ports_but_not_their_files) {
     add_ftdi(host, "ttyUSB0", "188:0");
     const std::string file = host.on().dev + "/ttyUSB0";
     std::filesystem::remove(file);
-    EXPECT_EQ(host.ports(), names{"ttyUSB0 = USB bus 1, port 2.3: FTDI FT232R USB UART, serial A50285BI, no file " + file});
+    EXPECT_EQ(host.ports(),
+              names{"ttyUSB0 = USB bus 1, port 2.3: FTDI FT232R USB UART, serial A50285BI, no file " + file});
 }
 
 TEST(serial_hosts, without_terminals_there_are_no_ports) {
@@ -284,7 +305,8 @@ TEST(serial_hosts, other_devices_are_told_by_their_numbers) {
     add_consoles(host);
     add_ftdi(host, "ttyUSB0", "188:0");
     host.device("virtual/misc/watchdog", "misc");
-    std::filesystem::create_directory_symlink(host.on().sys + "/devices/virtual/misc/watchdog", host.on().sys + "/dev/char/10:130");
+    std::filesystem::create_directory_symlink(host.on().sys + "/devices/virtual/misc/watchdog",
+                                              host.on().sys + "/dev/char/10:130");
     EXPECT_TRUE(qor::serial::may_be_port(host.on(), makedev(188, 0)));
     EXPECT_TRUE(qor::serial::may_be_port(host.on(), makedev(136, 5))); // the kernel has no folder for pseudo-terminals
     EXPECT_TRUE(qor::serial::may_be_port(host.on(), makedev(4, 64)));

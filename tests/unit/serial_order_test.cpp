@@ -9,10 +9,26 @@
 #include <vector>
 
 TEST(serial_order, is_by_number_inside_a_name) {
-    const std::vector<std::string> ordered = {"",       "COM",    "COM01",  "COM1",    "COM2",     "COM10",
-                                              "COM18446744073709551616",     "COM18446744073709551617", "rfcomm0",
-                                              "tty",    "ttyACM0", "ttyS0",  "ttyS1",   "ttyS9",    "ttyS10",
-                                              "ttyS10a", "ttyUSB0", "ttyUSB2", "ttyUSB11", "tty\xc3\xa4"};
+    const std::vector<std::string> ordered = {"",
+                                              "COM",
+                                              "COM01",
+                                              "COM1",
+                                              "COM2",
+                                              "COM10",
+                                              "COM18446744073709551616",
+                                              "COM18446744073709551617",
+                                              "rfcomm0",
+                                              "tty",
+                                              "ttyACM0",
+                                              "ttyS0",
+                                              "ttyS1",
+                                              "ttyS9",
+                                              "ttyS10",
+                                              "ttyS10a",
+                                              "ttyUSB0",
+                                              "ttyUSB2",
+                                              "ttyUSB11",
+                                              "tty\xc3\xa4"};
     std::vector<std::string> names = ordered;
     std::mt19937 random(1);
     for (int round = 0; round < 100; ++round) {

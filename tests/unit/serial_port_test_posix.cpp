@@ -263,8 +263,8 @@ TEST(posix_serial_port, is_not_what_is_no_terminal) {
     const qor::test::temp_folder folder;
     std::filesystem::create_symlink("itself", folder / "itself");
     ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
-    for (const std::string& name : {folder.file("file", "text"), folder.path(), folder / "pipe", std::string("/dev/null"),
-                                    std::string("null"), std::string("/dev/tty")})
+    for (const std::string& name : {folder.file("file", "text"), folder.path(), folder / "pipe",
+                                    std::string("/dev/null"), std::string("null"), std::string("/dev/tty")})
         expect_refused(name, "'" + name + "' is not a serial port.");
     expect_refused(folder / "missing", "There is no serial port '" + (folder / "missing") + "'.");
     expect_refused(folder / "file/below", "There is no serial port '" + (folder / "file/below") + "'.");
@@ -283,7 +283,9 @@ TEST(serial_lock_files, of_processes_that_live_lock_the_port) {
         host.folder().file("lock/LCK..ttyUSB0", text);
         int holder = 0;
         std::string file;
-        EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder, file), qor::serial::lock::process) << text;
+        EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder, file),
+                  qor::serial::lock::process)
+            << text;
         EXPECT_EQ(holder, getpid());
         EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB1", makedev(188, 1), holder, file), qor::serial::lock::none);
     }
@@ -299,7 +301,8 @@ TEST(serial_lock_files, numbers_that_look_like_texts) {
         qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder, file);
         return holder;
     };
-    constexpr int numbers[] = {'5', '0' << 8 | '1', ' ' << 8 | '9', '7' << 8 | '\n', '1' << 16 | '2' << 8 | '3', (1 << 22) - 1};
+    constexpr int numbers[] = {
+        '5', '0' << 8 | '1', ' ' << 8 | '9', '7' << 8 | '\n', '1' << 16 | '2' << 8 | '3', (1 << 22) - 1};
     for (const int plain : numbers)
         EXPECT_EQ(holder_in({reinterpret_cast<const char*>(&plain), sizeof plain}), plain);
     EXPECT_EQ(holder_in("1234"), 1234);
@@ -322,7 +325,9 @@ TEST(serial_lock_files, without_a_number_lock_for_somebody) {
         host.folder().file("lock/LCK..ttyUSB0", text);
         int holder = 0;
         std::string file;
-        EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder, file), qor::serial::lock::somebody) << text;
+        EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyUSB0", makedev(188, 0), holder, file),
+                  qor::serial::lock::somebody)
+            << text;
     }
 }
 

@@ -124,8 +124,7 @@ int act_bursts(const words&) {
     pause_for(20);
     const std::vector<qorSignal> got = handler.signals();
     EXPECT_EQ(got.size(), 400u);
-    for (const qorSignal kind :
-         {qorSignal::interrupt, qorSignal::terminate, qorSignal::hangup, qorSignal::quit})
+    for (const qorSignal kind : {qorSignal::interrupt, qorSignal::terminate, qorSignal::hangup, qorSignal::quit})
         EXPECT_EQ(std::count(got.begin(), got.end(), kind), 100);
     EXPECT_TRUE(qorSetSignalHandler(nullptr));
     return 0;
@@ -359,9 +358,8 @@ int act_other_signals(const words&) {
     recorder handler;
     EXPECT_TRUE(qorSetSignalHandler(&handler));
     for (int number = 1; number < NSIG; ++number) {
-        if (std::find(std::begin(numbers), std::end(numbers), number) == std::end(numbers) &&
-            number != SIGSEGV && number != SIGBUS && number != SIGFPE && number != SIGILL &&
-            number != SIGABRT && number != SIGSYS) {
+        if (std::find(std::begin(numbers), std::end(numbers), number) == std::end(numbers) && number != SIGSEGV &&
+            number != SIGBUS && number != SIGFPE && number != SIGILL && number != SIGABRT && number != SIGSYS) {
             EXPECT_TRUE(disposition(number) == SIG_DFL) << number;
         }
     }
@@ -469,6 +467,4 @@ TEST(SignalsOfAProcess, a_child_may_set_a_handler_of_its_own) {
 TEST(SignalsOfAProcess, a_child_may_be_forked_inside_a_call) { expect_success(forked_inside); }
 #endif
 
-TEST(SignalsOfAProcess, a_child_that_is_forked_during_a_call_can_clean_up) {
-    expect_success(forked_during_a_call);
-}
+TEST(SignalsOfAProcess, a_child_that_is_forked_during_a_call_can_clean_up) { expect_success(forked_during_a_call); }

@@ -93,8 +93,8 @@ bool is_guard(const uint8* from, const uint8* to) {
 // Copies, compares, and leaves nothing but guards behind. `to` has guards on both sides.
 bool copies(uint8* to, const uint8* from, uint64 length) {
     simd_memcpy_safe(to, from, length);
-    const bool good = std::memcmp(to, from, length) == 0 && is_guard(to - guards, to) &&
-                      is_guard(to + length, to + length + guards);
+    const bool good =
+        std::memcmp(to, from, length) == 0 && is_guard(to - guards, to) && is_guard(to + length, to + length + guards);
     std::memset(to, guard, length);
     return good;
 }
@@ -108,10 +108,8 @@ struct filler {
 constexpr filler fillers[] = {
     {"zero", 1, [](void* to, uint64, uint64 length) { simd_zero(to, length); }},
     {"u8", 1, [](void* to, uint64 v, uint64 length) { simd_memset_u8(to, static_cast<uint8>(v), length); }},
-    {"u16", 2,
-     [](void* to, uint64 v, uint64 length) { simd_memset_u16(to, static_cast<uint16>(v), length); }},
-    {"u32", 4,
-     [](void* to, uint64 v, uint64 length) { simd_memset_u32(to, static_cast<uint32>(v), length); }},
+    {"u16", 2, [](void* to, uint64 v, uint64 length) { simd_memset_u16(to, static_cast<uint16>(v), length); }},
+    {"u32", 4, [](void* to, uint64 v, uint64 length) { simd_memset_u32(to, static_cast<uint32>(v), length); }},
     {"u64", 8, [](void* to, uint64 v, uint64 length) { simd_memset_u64(to, v, length); }},
 };
 
@@ -212,8 +210,7 @@ TEST_P(simd, copies_aligned_buffers) {
     constexpr uint64 longest = 3000;
     const bytes source = random_bytes(longest);
     auto* const from = static_cast<uint8*>(qor_do_malloc(alignment, longest, true, __FILE__, __LINE__));
-    auto* const to =
-        static_cast<uint8*>(qor_do_malloc(alignment, longest + guards, true, __FILE__, __LINE__));
+    auto* const to = static_cast<uint8*>(qor_do_malloc(alignment, longest + guards, true, __FILE__, __LINE__));
     std::memcpy(from, source.data(), longest);
     std::memset(to, guard, longest + guards);
     for (uint64 length = 0; length <= longest; ++length) {
@@ -276,8 +273,7 @@ TEST_P(simd, serves_the_limits_of_this_machine) {
     for (const uint64 length : lengths) {
         ASSERT_TRUE(copies(memory.data() + guards + 3, source.data() + 1, length)) << length;
         for (const filler& by : {fillers[0], fillers[3]})
-            ASSERT_TRUE(fills(by, memory.data() + guards + 5, filled(by, length), length))
-                << by.name << length;
+            ASSERT_TRUE(fills(by, memory.data() + guards + 5, filled(by, length), length)) << by.name << length;
     }
 }
 
@@ -306,8 +302,8 @@ TEST_P(simd, touches_nothing_beyond_its_buffers) {
 
 TEST_P(simd, touches_nothing_for_a_length_of_zero) {
     const qor::test::fenced_memory memory(1);
-    for (void* const nowhere : {static_cast<void*>(memory.begin() - 1), static_cast<void*>(memory.end()),
-                                static_cast<void*>(nullptr)}) {
+    for (void* const nowhere :
+         {static_cast<void*>(memory.begin() - 1), static_cast<void*>(memory.end()), static_cast<void*>(nullptr)}) {
         simd_memcpy_safe(nowhere, nowhere, 0);
         simd_memcpy_aligned(nowhere, nowhere, 0);
         for (const filler& by : fillers)

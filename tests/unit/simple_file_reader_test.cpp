@@ -125,8 +125,7 @@ TEST_F(simple_file_reader, flags_are_refused) {
     for (const uint32 flags : {1u, 2u, 0x80000000u, 0xffffffffu}) {
         const reader_pointer reader = make_reader();
         EXPECT_FALSE(reader->Open(path.c_str(), flags));
-        EXPECT_EQ(last_error(),
-                  "IQORSimpleFileReader::Open was called with an argument that it cannot use: flags.");
+        EXPECT_EQ(last_error(), "IQORSimpleFileReader::Open was called with an argument that it cannot use: flags.");
         qorString line;
         EXPECT_FALSE(reader->ReadLine(line));
     }
@@ -245,8 +244,8 @@ TEST_F(simple_file_reader, open_and_read_follow_the_three_of_every_interface) {
     IQORSimpleFileReader* const object = *reader;
     void** const operations = *reinterpret_cast<void***>(object);
     const std::string path = m_folder.file("text", "a\n");
-    EXPECT_TRUE(reinterpret_cast<bool (*)(IQORSimpleFileReader*, const char*, uint32)>(operations[3])(
-        object, path.c_str(), 0));
+    EXPECT_TRUE(
+        reinterpret_cast<bool (*)(IQORSimpleFileReader*, const char*, uint32)>(operations[3])(object, path.c_str(), 0));
     qorString line;
     EXPECT_TRUE(reinterpret_cast<bool (*)(IQORSimpleFileReader*, qorString&)>(operations[4])(object, line));
     EXPECT_STREQ(line, "a");

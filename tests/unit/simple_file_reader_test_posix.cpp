@@ -32,13 +32,13 @@ constexpr int nobody = 65534;
 
 // Rights mean nothing to a super-user, so the scene gives them up.
 const qor::test::scene unreadable{"reader_unreadable", [](const words& arguments) {
-    if (geteuid() == 0 && setuid(nobody) != 0)
-        return 1;
-    const reader_pointer reader = make_reader();
-    EXPECT_FALSE(reader->Open(arguments[0].c_str(), 0));
-    EXPECT_EQ(last_error(), "Cannot open '" + arguments[0] + "': Permission denied.");
-    return 0;
-}};
+                                      if (geteuid() == 0 && setuid(nobody) != 0)
+                                          return 1;
+                                      const reader_pointer reader = make_reader();
+                                      EXPECT_FALSE(reader->Open(arguments[0].c_str(), 0));
+                                      EXPECT_EQ(last_error(), "Cannot open '" + arguments[0] + "': Permission denied.");
+                                      return 0;
+                                  }};
 
 } // namespace
 
@@ -142,11 +142,11 @@ TEST_F(posix_file_reader, a_pipe_that_has_nothing_yet) {
 namespace {
 
 const qor::test::scene standard_input{"reader_standard_input", [](const words&) {
-    const reader_pointer reader = make_reader();
-    EXPECT_TRUE(reader->Open("/dev/stdin", 0));
-    EXPECT_EQ(read_all(*reader), (words{"first", "second"}));
-    return 0;
-}};
+                                          const reader_pointer reader = make_reader();
+                                          EXPECT_TRUE(reader->Open("/dev/stdin", 0));
+                                          EXPECT_EQ(read_all(*reader), (words{"first", "second"}));
+                                          return 0;
+                                      }};
 
 } // namespace
 

@@ -33,7 +33,8 @@ HANDLE open_alone(const std::string& path) {
 // A pipe with this process at its writing end.
 class pipe {
 public:
-    pipe() : m_handle(CreateNamedPipeA(m_path.c_str(), PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 4096, 4096, 0, nullptr)) {
+    pipe()
+        : m_handle(CreateNamedPipeA(m_path.c_str(), PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 4096, 4096, 0, nullptr)) {
         EXPECT_NE(m_handle, INVALID_HANDLE_VALUE) << GetLastError();
     }
     pipe(const pipe&) = delete;

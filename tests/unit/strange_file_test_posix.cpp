@@ -1,5 +1,5 @@
-// Pipes, devices and more in the place of each file that the library looks for by itself. A reader that waits for one of them
-// never ends.
+// Pipes, devices and more in the place of each file that the library looks for by itself. A reader that waits for one
+// of them never ends.
 #include "catalog/catalog_file.h"
 #include "file/raw_file.h"
 #include "file/whole_file.h"
@@ -75,7 +75,10 @@ TEST_F(strange_files, are_not_read_as_a_whole) {
 }
 
 TEST_F(strange_files, are_no_libraries) {
-    with_each(m_path, "\x7f" "ELF", [&] { EXPECT_FALSE(qor::glue::is_whole(m_path.c_str())); });
+    with_each(m_path,
+              "\x7f"
+              "ELF",
+              [&] { EXPECT_FALSE(qor::glue::is_whole(m_path.c_str())); });
 }
 
 TEST_F(strange_files, are_no_catalogs) {
@@ -124,11 +127,13 @@ TEST_F(strange_files, lock_a_port_for_somebody) {
     std::string file;
     for (const char* const name : {"LCK..ttyS0", "LCK.004.064"})
         with_each(host.on().locks + '/' + name, std::to_string(getpid()), [&] {
-            EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyS0", makedev(4, 64), holder, file), qor::serial::lock::somebody);
+            EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyS0", makedev(4, 64), holder, file),
+                      qor::serial::lock::somebody);
             EXPECT_EQ(file, host.on().locks + '/' + name);
             EXPECT_EQ(holder, 0);
         });
     std::filesystem::create_symlink("nothing", host.on().locks + "/LCK..ttyS0");
     EXPECT_EQ(qor::serial::find_lock(host.on(), "ttyS0", makedev(4, 64), holder, file), qor::serial::lock::none);
-    EXPECT_EQ(qor::serial::find_lock(host.on(), std::string(300, 'x'), makedev(5, 64), holder, file), qor::serial::lock::none);
+    EXPECT_EQ(qor::serial::find_lock(host.on(), std::string(300, 'x'), makedev(5, 64), holder, file),
+              qor::serial::lock::none);
 }

@@ -220,12 +220,8 @@ TEST(StringArray, SortsAreStableInBothDirections) {
         array.Sort(false);
         ASSERT_EQ(list(array), expected);
 
-        const auto less = [](const std::string& a, const std::string& b) {
-            return folded({a}) < folded({b});
-        };
-        const auto more = [](const std::string& a, const std::string& b) {
-            return folded({a}) > folded({b});
-        };
+        const auto less = [](const std::string& a, const std::string& b) { return folded({a}) < folded({b}); };
+        const auto more = [](const std::string& a, const std::string& b) { return folded({a}) > folded({b}); };
         for (const bool ascending : {true, false}) {
             array = array_of(plain);
             expected = plain;

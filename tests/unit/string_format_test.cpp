@@ -136,8 +136,8 @@ TEST(StringFormat, AgreesWithTheCLibrary) {
     for (int i = 0; i < 5000; ++i) {
         char expected[512];
         qorString text;
-        const int64 number = static_cast<int64>(uint64{random.below(0xffffffff)} << random.below(33)) *
-                             (random.below(2) == 0 ? 1 : -1);
+        const int64 number =
+            static_cast<int64>(uint64{random.below(0xffffffff)} << random.below(33)) * (random.below(2) == 0 ? 1 : -1);
         const char* const format = formats[random.below(6)];
         std::snprintf(expected, sizeof expected, format, number);
         text.Printf(format, number);

@@ -9,9 +9,7 @@ using namespace std::string_literals;
 
 namespace {
 
-int sign(int value) {
-    return (value > 0) - (value < 0);
-}
+int sign(int value) { return (value > 0) - (value < 0); }
 
 TEST(StringCompare, IsByUnsignedBytes) {
     EXPECT_EQ(qorString("abc").Compare("abc"), 0);
@@ -61,8 +59,7 @@ TEST(StringCompare, AgreesWithTheCLibrary) {
         const uint32 count = random.below(9);
         const qorString text = made_of(left);
         ASSERT_EQ(sign(text.Compare(right.c_str())), sign(std::strcmp(left.c_str(), right.c_str())));
-        ASSERT_EQ(sign(text.CompareN(right.c_str(), count)),
-                  sign(std::strncmp(left.c_str(), right.c_str(), count)));
+        ASSERT_EQ(sign(text.CompareN(right.c_str(), count)), sign(std::strncmp(left.c_str(), right.c_str(), count)));
         ASSERT_EQ(sign(text.CompareNoCase(right.c_str())),
                   sign(std::strcmp(lower_case(left).c_str(), lower_case(right).c_str())));
     }

@@ -7,13 +7,9 @@
 #include <string>
 #include <vector>
 
-inline std::string bytes(const qorString& text) {
-    return {text.Text(), text.Length()};
-}
+inline std::string bytes(const qorString& text) { return {text.Text(), text.Length()}; }
 
-inline qorString made_of(const std::string& text) {
-    return {text.data(), static_cast<int32>(text.size())};
-}
+inline qorString made_of(const std::string& text) { return {text.data(), static_cast<int32>(text.size())}; }
 
 inline std::vector<std::string> list(const qorStringArray& array) {
     std::vector<std::string> elements;

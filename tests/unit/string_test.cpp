@@ -297,8 +297,7 @@ TEST(String, Trimming) {
     EXPECT_EQ(bytes(text), "a b");
     EXPECT_EQ(text.Text(), storage);
 
-    for (void (qorString::*trim)() noexcept :
-         {&qorString::TrimLeft, &qorString::TrimRight, &qorString::TrimBoth}) {
+    for (void (qorString::*trim)() noexcept : {&qorString::TrimLeft, &qorString::TrimRight, &qorString::TrimBoth}) {
         text = ascii_blanks;
         (text.*trim)();
         EXPECT_EQ(bytes(text), "");
@@ -407,8 +406,7 @@ TEST(String, BehavesAsThePlainModel) {
                 text = qorString(text);
                 break;
             }
-            ASSERT_EQ(bytes(text), model)
-                << "round " << round << " step " << step << " operation " << operation;
+            ASSERT_EQ(bytes(text), model) << "round " << round << " step " << step << " operation " << operation;
             ASSERT_TRUE(is_sound(text));
         }
     }

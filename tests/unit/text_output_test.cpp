@@ -16,8 +16,9 @@ std::string visible(std::string_view text) {
 }
 
 TEST(visible_text, stays_what_it_is) {
-    for (const char* const text : {"", "plain text", "a\tb\nc\n", "~", "J\u00fcrgen", "\u65e5\u672c\u8a9e", "\U0001f600",
-                                   "\u00a0 beside C1", "\u05e2\u05d1\u05e8\u200e\u200f\u061c", "\u2029\u2065\u206a", "\\x1b"})
+    for (const char* const text :
+         {"", "plain text", "a\tb\nc\n", "~", "J\u00fcrgen", "\u65e5\u672c\u8a9e", "\U0001f600", "\u00a0 beside C1",
+          "\u05e2\u05d1\u05e8\u200e\u200f\u061c", "\u2029\u2065\u206a", "\\x1b"})
         EXPECT_EQ(visible(text), text);
 }
 
@@ -34,7 +35,9 @@ TEST(visible_text, shows_what_turns_text_round) {
 }
 
 TEST(visible_text, shows_what_is_no_utf8) {
-    EXPECT_EQ(visible("\x9b" "31m"), "\\x9b31m");
+    EXPECT_EQ(visible("\x9b"
+                      "31m"),
+              "\\x9b31m");
     EXPECT_EQ(visible("J\xfcrgen"), "J\\xfcrgen");
     EXPECT_EQ(visible("\xc2"), "\\xc2");
     EXPECT_EQ(visible("\xe2\x80"), "\\xe2\\x80");
@@ -48,7 +51,9 @@ TEST(visible_text, has_nothing_that_steers_whatever_the_bytes) {
     for (int round = 0; round < 20'000; ++round) {
         std::string text(static_cast<std::size_t>(any(generator)), '\0');
         for (char& c : text)
-            c = static_cast<char>(round % 2 == 0 ? any(generator) : "\xc2\x9b\xe2\x80\xae\x1b" "a\n"[any(generator) % 8]);
+            c = static_cast<char>(round % 2 == 0 ? any(generator)
+                                                 : "\xc2\x9b\xe2\x80\xae\x1b"
+                                                   "a\n"[any(generator) % 8]);
         const std::string shown = visible(text);
         for (std::string_view rest = shown; !rest.empty();) {
             const qor::string::decoded next = qor::string::decode(rest);

@@ -26,8 +26,7 @@ TEST(Tokens, Words) {
     EXPECT_EQ(tokenised(" \t\n\v\f\r"), words{});
     EXPECT_EQ(tokenised("one"), words{"one"});
     EXPECT_EQ(tokenised("  one\t\ttwo\r\n"), (words{"one", "two"}));
-    EXPECT_EQ(tokenised("a\0b c\xa0\x85"s), (words{"a\0b"s, "c\xa0\x85"}))
-        << "other bytes are no white space";
+    EXPECT_EQ(tokenised("a\0b c\xa0\x85"s), (words{"a\0b"s, "c\xa0\x85"})) << "other bytes are no white space";
 }
 
 TEST(Tokens, Fields) {

@@ -43,15 +43,14 @@ const scene killed{"flood_killed", [](const words& arguments) {
                        return 0;
                    }};
 
-const scene idle{
-    "flood_idle", [](const words& arguments) {
-        start(arguments[0]);
-        trace(lines);
-        while (qor::test::read_file(arguments[0]).find(" line " + std::to_string(lines - 1) + "\n") ==
-               std::string::npos)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return 0;
-    }};
+const scene idle{"flood_idle", [](const words& arguments) {
+                     start(arguments[0]);
+                     trace(lines);
+                     while (qor::test::read_file(arguments[0]).find(" line " + std::to_string(lines - 1) + "\n") ==
+                            std::string::npos)
+                         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                     return 0;
+                 }};
 
 // A line on its own is there at once, and so are the first of a flood.
 const scene prompt{"flood_prompt", [](const words& arguments) {

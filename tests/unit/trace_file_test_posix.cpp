@@ -55,8 +55,8 @@ const scene forked{"flood_forked", [](const words& arguments) {
 const scene closes_everything{"flood_closes_everything", [](const words& arguments) {
                                   start(arguments[0]);
                                   trace(lines);
-                                  // The thread that writes floods is not to be in the middle of it: the next line, of a period
-                                  // of its own, waits for its lock.
+                                  // The thread that writes floods is not to be in the middle of it: the next line, of a
+                                  // period of its own, waits for its lock.
                                   while (bodies(read_file(arguments[0])).size() != lines)
                                       usleep(1000);
                                   usleep(20'000);

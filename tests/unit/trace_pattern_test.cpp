@@ -14,7 +14,8 @@ namespace {
 
 using qor::debug::trace_pattern;
 
-// By the definition, without cleverness: row after row, whether the first bytes of the name match the first of the pattern.
+// By the definition, without cleverness: row after row, whether the first bytes of the name match the first of the
+// pattern.
 bool plainly_matches(const std::string& pattern, const std::string& name) {
     std::vector<bool> row(name.size() + 1, false);
     row[0] = true;
@@ -68,12 +69,18 @@ TEST(trace_pattern, as_a_plain_matcher_says) {
 TEST(trace_pattern, no_pattern_is_much_work) {
     constexpr std::size_t length = 1024;
     const std::string name = std::string(length, 'a');
-    const std::string patterns[] = {
-        "*" + std::string(length / 2, 'a') + "b", "*" + std::string(length / 2, 'a') + "b*", times(length / 4, "a*") + "b*",
-        times(length / 2, "*a") + "*b*",          "*" + times(length / 8, "aab*"),            std::string(length, 'a'),
-        std::string(length - 1, 'a') + "b",       times(length / 4, "*aa") + "*",             "*" + std::string(60, 'a') + "b" + std::string(60, 'a') + "*"};
+    const std::string patterns[] = {"*" + std::string(length / 2, 'a') + "b",
+                                    "*" + std::string(length / 2, 'a') + "b*",
+                                    times(length / 4, "a*") + "b*",
+                                    times(length / 2, "*a") + "*b*",
+                                    "*" + times(length / 8, "aab*"),
+                                    std::string(length, 'a'),
+                                    std::string(length - 1, 'a') + "b",
+                                    times(length / 4, "*aa") + "*",
+                                    "*" + std::string(60, 'a') + "b" + std::string(60, 'a') + "*"};
     for (const std::string& pattern : patterns)
-        for (const std::string& other : {name, times(length / 4, "aaab"), times(length / 61, std::string(60, 'a') + "c")})
+        for (const std::string& other :
+             {name, times(length / 4, "aaab"), times(length / 61, std::string(60, 'a') + "c")})
             EXPECT_LE(work(pattern, other), 2 * other.size()) << pattern.substr(0, 20);
     std::mt19937 random(4712);
     for (int round = 0; round < 2000; ++round) {
@@ -131,8 +138,8 @@ TEST(trace_switches, are_replaced_and_limited) {
     EXPECT_TRUE(qorDebugEnableCode("*", false));
 }
 
-// Threads allocate codes, the same ones and others, while patterns come from elsewhere: whatever comes first, what was said last
-// counts in the end.
+// Threads allocate codes, the same ones and others, while patterns come from elsewhere: whatever comes first, what was
+// said last counts in the end.
 TEST(trace_switches, what_was_said_last_counts_beside_new_codes) {
     ASSERT_TRUE(qorDebugEnableCode("*", false));
     constexpr int codes = 600;
@@ -141,7 +148,8 @@ TEST(trace_switches, what_was_said_last_counts_beside_new_codes) {
     std::mt19937 random(4714);
     for (int i = 0; i < 3000; ++i) {
         const std::string number = std::to_string(random() % 10);
-        const std::string patterns[] = {"race." + number + ".*", "race.*" + number, "race.*" + number + "*", "race.*", name(static_cast<int>(random() % codes))};
+        const std::string patterns[] = {"race." + number + ".*", "race.*" + number, "race.*" + number + "*", "race.*",
+                                        name(static_cast<int>(random() % codes))};
         said.emplace_back(patterns[random() % (i % 50 == 0 ? 5 : 3)], random() % 2 == 0);
     }
     std::atomic<int> next = 0;

@@ -192,8 +192,8 @@ TEST_F(trace, a_line_holds_time_process_thread_and_code) {
     ASSERT_TRUE(std::regex_match(line, match, std::regex(std::string(head_pattern) + "(.*)\n"))) << line;
     const auto number = [&match](std::size_t index) { return std::stoi(match[index]); };
     using namespace std::chrono;
-    const sys_seconds written = sys_days(year(number(1)) / number(2) / number(3)) + hours(number(4)) +
-                                minutes(number(5)) + seconds(number(6));
+    const sys_seconds written =
+        sys_days(year(number(1)) / number(2) / number(3)) + hours(number(4)) + minutes(number(5)) + seconds(number(6));
     EXPECT_GE(written, before);
     EXPECT_LE(written, after);
     EXPECT_EQ(match[7], qor::test::process_id());
@@ -347,36 +347,37 @@ TEST_F(trace, switches_and_codes_may_be_used_on_any_thread) {
 namespace {
 
 const qor::test::scene to_standard_error{"trace_standard_error", [](const words&) {
-    qorDebugEnableCode("early.*", true);
-    const uint32 code = qorDebugAllocateCode("early.bird");
-    qorDebug(code, "to standard error");
-    return 0;
-}};
+                                             qorDebugEnableCode("early.*", true);
+                                             const uint32 code = qorDebugAllocateCode("early.bird");
+                                             qorDebug(code, "to standard error");
+                                             return 0;
+                                         }};
 
-const qor::test::scene all_codes{"trace_all_codes", [](const words&) {
-    qorDebugEnableCode("*", true);
-    for (uint32 i = 1; i < qorDebugMaxCodes; ++i)
-        EXPECT_EQ(qorDebugAllocateCode(std::to_string(i).c_str()), i);
-    qorString text;
-    EXPECT_EQ(qorGetLastError(text), 0u);
-    EXPECT_EQ(qorDebugAllocateCode("one.too.many"), 0u);
-    EXPECT_EQ(qorGetLastError(text), qorError_no_trace_codes_left);
-    EXPECT_STREQ(text, "No trace code is left for 'one.too.many': a process has 16383 at most.");
-    EXPECT_EQ(qorDebugAllocateCode("16383"), 16383u);
-    qorDebugEnableCode("*", true);
-    EXPECT_FALSE(is_on(0));
-    EXPECT_TRUE(is_on(16383));
-    qorDebug(0, "nothing");
-    return 0;
-}};
+const qor::test::scene all_codes{
+    "trace_all_codes", [](const words&) {
+        qorDebugEnableCode("*", true);
+        for (uint32 i = 1; i < qorDebugMaxCodes; ++i)
+            EXPECT_EQ(qorDebugAllocateCode(std::to_string(i).c_str()), i);
+        qorString text;
+        EXPECT_EQ(qorGetLastError(text), 0u);
+        EXPECT_EQ(qorDebugAllocateCode("one.too.many"), 0u);
+        EXPECT_EQ(qorGetLastError(text), qorError_no_trace_codes_left);
+        EXPECT_STREQ(text, "No trace code is left for 'one.too.many': a process has 16383 at most.");
+        EXPECT_EQ(qorDebugAllocateCode("16383"), 16383u);
+        qorDebugEnableCode("*", true);
+        EXPECT_FALSE(is_on(0));
+        EXPECT_TRUE(is_on(16383));
+        qorDebug(0, "nothing");
+        return 0;
+    }};
 
 const qor::test::scene before_all_codes{"trace_before_codes", [](const words&) {
-    qorDebug(0, "nothing");
-    qorDebug(7, "nothing");
-    qorDebug(0xffffffff, "nothing");
-    const qorDebugSeq scope(7, "nothing %d", 7);
-    return 0;
-}};
+                                            qorDebug(0, "nothing");
+                                            qorDebug(7, "nothing");
+                                            qorDebug(0xffffffff, "nothing");
+                                            const qorDebugSeq scope(7, "nothing %d", 7);
+                                            return 0;
+                                        }};
 
 } // namespace
 

@@ -2,7 +2,8 @@
 //
 //     asking.so RECORD [hidden|open|info|error]...
 //
-// RECORD gets a line for each answer, one with the words of the process that asks, and one when the conversation has ended.
+// RECORD gets a line for each answer, one with the words of the process that asks, and one when the conversation has
+// ended.
 #include <security/pam_modules.h>
 
 #include <cstdio>
@@ -47,7 +48,8 @@ int ask(pam_handle_t* handle, const std::string& file, int style, const char* na
     const pam_message message{style, "asking: "};
     const pam_message* messages[] = {&message};
     pam_response* responses = nullptr;
-    if (const int result = conversation->conv(1, messages, &responses, conversation->appdata_ptr); result != PAM_SUCCESS) {
+    if (const int result = conversation->conv(1, messages, &responses, conversation->appdata_ptr);
+        result != PAM_SUCCESS) {
         record(file, std::string(name) + " refused");
         return result;
     }
@@ -63,8 +65,10 @@ int ask(pam_handle_t* handle, const std::string& file, int style, const char* na
 } // namespace
 
 extern "C" int pam_sm_authenticate(pam_handle_t* handle, int, int count, const char** words) {
-    const std::map<std::string, int> styles = {{"hidden", PAM_PROMPT_ECHO_OFF}, {"open", PAM_PROMPT_ECHO_ON},
-                                               {"info", PAM_TEXT_INFO}, {"error", PAM_ERROR_MSG}};
+    const std::map<std::string, int> styles = {{"hidden", PAM_PROMPT_ECHO_OFF},
+                                               {"open", PAM_PROMPT_ECHO_ON},
+                                               {"info", PAM_TEXT_INFO},
+                                               {"error", PAM_ERROR_MSG}};
     const std::string file = words[0];
     if (const int result = pam_set_data(handle, "asking", new std::string(file), &note_end); result != PAM_SUCCESS)
         return result;

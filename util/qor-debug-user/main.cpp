@@ -98,7 +98,9 @@ int set_password(const settings& chosen, const char* name, password_operation op
     return code;
 }
 
-int act_add(const settings& chosen, qorStringArray& words) { return set_password(chosen, words[0], qorAddDebugUser, 25); }
+int act_add(const settings& chosen, qorStringArray& words) {
+    return set_password(chosen, words[0], qorAddDebugUser, 25);
+}
 
 int act_password(const settings& chosen, qorStringArray& words) {
     return set_password(chosen, words[0], qorChangeDebugUser, 26);
@@ -154,12 +156,8 @@ struct action_row {
 };
 
 constexpr action_row actions[] = {
-    {"add", act_add, 1, 2, 3},
-    {"password", act_password, 1, 4, 5},
-    {"remove", act_remove, 1, 6, 7},
-    {"list", act_list, 0, 8, 9},
-    {"fingerprint", act_fingerprint, 0, 28, 29},
-    {"trust", act_trust, 3, 30, 31},
+    {"add", act_add, 1, 2, 3},     {"password", act_password, 1, 4, 5},         {"remove", act_remove, 1, 6, 7},
+    {"list", act_list, 0, 8, 9},   {"fingerprint", act_fingerprint, 0, 28, 29}, {"trust", act_trust, 3, 30, 31},
     {"help", act_help, 0, 10, 11},
 };
 

@@ -10,7 +10,8 @@ class hidden_typing {
 public:
     explicit hidden_typing(HANDLE console) : m_console(console) {
         GetConsoleMode(console, &m_before);
-        SetConsoleMode(console, (m_before | ENABLE_LINE_INPUT | ENABLE_PROCESSED_INPUT) & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
+        SetConsoleMode(console, (m_before | ENABLE_LINE_INPUT | ENABLE_PROCESSED_INPUT) &
+                                    ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
     }
     hidden_typing(const hidden_typing&) = delete;
     hidden_typing& operator=(const hidden_typing&) = delete;

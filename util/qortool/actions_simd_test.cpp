@@ -34,9 +34,7 @@ constexpr timed_test tests[] = {
     {"simd_memset_u8()", 0,
      [](const buffers& buffer, uint32 i) { simd_memset_u8(buffer[i], static_cast<uint8>(i), buffer_size); }},
     {"simd_memset_u16()", 0,
-     [](const buffers& buffer, uint32 i) {
-         simd_memset_u16(buffer[i], static_cast<uint16>(i), buffer_size);
-     }},
+     [](const buffers& buffer, uint32 i) { simd_memset_u16(buffer[i], static_cast<uint16>(i), buffer_size); }},
     {"simd_memset_u32()", 0,
      [](const buffers& buffer, uint32 i) { simd_memset_u32(buffer[i], doubled(i), buffer_size); }},
     {"simd_memset_u64()", 0,
@@ -50,9 +48,7 @@ constexpr timed_test tests[] = {
     {"memcpy() with unaligned data", 1,
      [](const buffers& buffer, uint32 i) { std::memcpy(buffer[i - 1], buffer[i] + 1, buffer_size - 1); }},
     {"simd_memcpy_safe() with unaligned data", 1,
-     [](const buffers& buffer, uint32 i) {
-         simd_memcpy_safe(buffer[i - 1], buffer[i] + 1, buffer_size - 1);
-     }},
+     [](const buffers& buffer, uint32 i) { simd_memcpy_safe(buffer[i - 1], buffer[i] + 1, buffer_size - 1); }},
 };
 
 // The label is there while the test runs; nothing is printed between the two readings of the clock.
@@ -69,8 +65,8 @@ void run(const timed_test& test, const buffers& buffer) {
 
     // Bits of the nominal volume for each microsecond: tests that move a byte less count as much.
     constexpr uint64 bits = calls * buffer_size * 8;
-    fixed_fprintf(stdout, "elapsed: %llu.%03llu sec, %llu MB/sec\n", elapsed / 10'000'000,
-                  elapsed / 10'000 % 1000, bits / (elapsed / 10));
+    fixed_fprintf(stdout, "elapsed: %llu.%03llu sec, %llu MB/sec\n", elapsed / 10'000'000, elapsed / 10'000 % 1000,
+                  bits / (elapsed / 10));
     std::fflush(stdout);
 }
 

@@ -17,8 +17,8 @@ uint32 capacity_of(uint32 rank) noexcept {
 
 __block* make_block(uint32 rank) {
     void* const memory = block_arena::of_process().take(rank);
-    auto* const block = new (memory) __block{nullptr, static_cast<uint16>(capacity_of(rank)), 0,
-                                           static_cast<uint16>(rank), false};
+    auto* const block =
+        new (memory) __block{nullptr, static_cast<uint16>(capacity_of(rank)), 0, static_cast<uint16>(rank), false};
     std::memset(block->addresses(), 0, block->capacity * sizeof(uint64));
     return block;
 }

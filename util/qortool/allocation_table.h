@@ -84,8 +84,8 @@ public:
     // Blanks the earliest slot that holds the address; false: none does. Address 0 is "held" by any blank slot.
     bool release(uint64 address) noexcept;
 
-    // The earliest blank slot of the bucket takes the block; as find_blank and set do, without naming the slot in between.
-    // Throws std::bad_alloc.
+    // The earliest blank slot of the bucket takes the block; as find_blank and set do, without naming the slot in
+    // between. Throws std::bad_alloc.
     void add(uint64 address, uint32 size, uint32 origin);
 
     // The slot is a blank one, just found.

@@ -19,7 +19,7 @@ void* block_arena::take(uint32 rank) {
     const std::size_t unit = size < cache_line ? size : cache_line;
     std::size_t skip = (unit - reinterpret_cast<std::uintptr_t>(m_next) % unit) % unit;
     if (m_left < size + skip) {
-        m_next = static_cast<std::byte*>(::operator new(chunk_size, std::align_val_t{cache_line}));
+        m_next = static_cast<std::byte*>(::operator new (chunk_size, std::align_val_t{cache_line}));
         m_left = chunk_size;
         m_chunks.push_back(m_next);
         skip = 0;

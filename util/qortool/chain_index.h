@@ -51,8 +51,7 @@ public:
     // where the address may be, or none.
     void prefetch(uint64 address) const noexcept { m_first.prefetch(hashing::of_address(address)); }
     uint32 likely_place(uint64 address) noexcept {
-        const number_index::cell* const first =
-            m_first.find(hashing::of_address(address), [](uint32) { return true; });
+        const number_index::cell* const first = m_first.find(hashing::of_address(address), [](uint32) { return true; });
         return first != nullptr ? first->number : none;
     }
 

@@ -72,8 +72,8 @@ const debug_control::command_row debug_control::s_commands[] = {
 };
 
 debug_control::debug_control(bool quiet)
-    : qorComponent2("qorcore.qortool.debug_control"),
-      m_debug_code(qorDebugAllocateCode("qortool.debug-control")), m_quiet(quiet) {}
+    : qorComponent2("qorcore.qortool.debug_control"), m_debug_code(qorDebugAllocateCode("qortool.debug-control")),
+      m_quiet(quiet) {}
 
 debug_control::~debug_control() = default;
 

@@ -11,9 +11,7 @@ public:
 
     void AddRef() noexcept override { object_AddRef(); }
     void Release() noexcept override { object_Release(); }
-    int QueryInterface(const char* name, void** out) noexcept override {
-        return object_QueryInterface(name, out);
-    }
+    int QueryInterface(const char* name, void** out) noexcept override { return object_QueryInterface(name, out); }
 
     // Two words, a host and a port. Runs until the end of the input or something that it cannot go on from,
     // which it has told the user: false in every case. A lost connection ends the process.

@@ -17,10 +17,14 @@ struct signature {
 };
 
 constexpr signature signatures[] = {
-    {"\x7f" "ELF"sv, {file_kind::elf}},
+    {"\x7f"
+     "ELF"sv,
+     {file_kind::elf}},
     {"\x1f\x8b"sv, {file_kind::compressed, "gzip"}},
     {"\x28\xb5\x2f\xfd"sv, {file_kind::compressed, "zstd"}},
-    {"\xfd" "7zXZ\0"sv, {file_kind::compressed, "xz"}},
+    {"\xfd"
+     "7zXZ\0"sv,
+     {file_kind::compressed, "xz"}},
     {"BZh"sv, {file_kind::compressed, "bzip2"}},
     {"\xff\xfe"sv, {file_kind::utf_16}},
     {"\xfe\xff"sv, {file_kind::utf_16}},
@@ -47,7 +51,8 @@ bool begins_with(std::string_view text, std::string_view small_letters) noexcept
 
 bool is_mtrace_line(std::string_view line) {
     log_lines::mtrace_line record;
-    return line.starts_with("= Start") || (log_lines::parse(line, record) == log_lines::kind::record && record.is_code_known);
+    return line.starts_with("= Start") ||
+           (log_lines::parse(line, record) == log_lines::kind::record && record.is_code_known);
 }
 
 // The letter alone is not enough: many a sentence begins with "A".

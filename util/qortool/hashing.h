@@ -23,7 +23,8 @@ inline uint32 of_address(uint64 address) noexcept { return finish(mix(key, addre
 
 uint32 of_text(std::string_view text) noexcept;
 
-// By its length and its last sixteen bytes, which it has to have. Callers have their address there, so that it tells them apart.
+// By its length and its last sixteen bytes, which it has to have. Callers have their address there, so that it tells
+// them apart.
 uint32 of_end(std::string_view text) noexcept;
 
 } // namespace hashing

@@ -25,7 +25,8 @@ public:
 
     // With the trace code on, each line is traced with the format when its turn comes. Without a format there is no
     // trace. before_wait() is called by next() before it waits for a line that nobody has written yet.
-    heap_log(uint32 trace_code, const char* trace_format, std::function<void()> before_wait = [] {})
+    heap_log(
+        uint32 trace_code, const char* trace_format, std::function<void()> before_wait = [] {})
         : m_trace_code(trace_code), m_trace_format(trace_format), m_before_wait(std::move(before_wait)) {}
     heap_log(const heap_log&) = delete;
     heap_log& operator=(const heap_log&) = delete;
@@ -50,7 +51,8 @@ public:
     // Whether the next line, if there is one, has to be waited for.
     bool is_used_up() const noexcept { return m_next == m_batch->count && m_batch->end == m_batch->size; }
 
-    // The next line that means something, or null at the end of the log. It and its texts are valid until the next call.
+    // The next line that means something, or null at the end of the log. It and its texts are valid until the next
+    // call.
     const entry* next(allocation_table& table) {
         if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code)) [[unlikely]]
             trace_up_to_next();
@@ -62,8 +64,8 @@ public:
         return &m_batch->entries[m_next++];
     }
 
-    // What the log begins with, once it has turned out to be none of this kind: lines came, and not one of them has the form
-    // of such a log, or the file begins as no text does. Empty otherwise.
+    // What the log begins with, once it has turned out to be none of this kind: lines came, and not one of them has the
+    // form of such a log, or the file begins as no text does. Empty otherwise.
     std::string_view foreign_beginning() const noexcept { return m_has_form ? std::string_view() : m_beginning; }
 
     // Why the log was not read to its end; empty where it was.
@@ -146,7 +148,8 @@ private:
     void look_for_form() {
         const char* next = m_batch->text + m_batch->begin;
         const char* const end = m_batch->text + m_batch->end;
-        m_beginning.append(next, std::min<std::size_t>(longest_beginning - m_beginning.size(), static_cast<std::size_t>(end - next)));
+        m_beginning.append(
+            next, std::min<std::size_t>(longest_beginning - m_beginning.size(), static_cast<std::size_t>(end - next)));
         if (begins_another_file(m_beginning))
             return;
         for (std::string_view line; !m_has_form && log_fields::next_line(next, end, line);)

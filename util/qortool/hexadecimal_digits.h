@@ -38,11 +38,11 @@ inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept {
     const __m128i is_letter = at_most(letter, 5);
     const unsigned good = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(is_digit, is_letter)));
     const unsigned count = static_cast<unsigned>(std::countr_one(good));
-    const __m128i nibbles = _mm_or_si128(_mm_and_si128(is_digit, digit),
-                                         _mm_and_si128(is_letter, _mm_add_epi8(letter, _mm_set1_epi8(10))));
+    const __m128i nibbles =
+        _mm_or_si128(_mm_and_si128(is_digit, digit), _mm_and_si128(is_letter, _mm_add_epi8(letter, _mm_set1_epi8(10))));
     // Two nibbles to a byte, eight bytes to a word, of which the first byte counts most.
-    const __m128i pairs = _mm_and_si128(_mm_or_si128(_mm_slli_epi16(nibbles, 4), _mm_srli_epi16(nibbles, 8)),
-                                        _mm_set1_epi16(0xff));
+    const __m128i pairs =
+        _mm_and_si128(_mm_or_si128(_mm_slli_epi16(nibbles, 4), _mm_srli_epi16(nibbles, 8)), _mm_set1_epi16(0xff));
     const uint64 packed = static_cast<uint64>(_mm_cvtsi128_si64(_mm_packus_epi16(pairs, pairs)));
     const uint64 all = __builtin_bswap64(packed);
     // In two steps: to shift a word by all its bits means nothing. No digits make 0.

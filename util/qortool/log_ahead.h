@@ -1,4 +1,5 @@
-// A thread that reads a log ahead of its replay, and parses it as long as the replay has enough to do. That is half of the work.
+// A thread that reads a log ahead of its replay, and parses it as long as the replay has enough to do. That is half of
+// the work.
 #pragma once
 
 #include "log_batch.h"
@@ -23,8 +24,8 @@ public:
     log_ahead(const log_ahead&) = delete;
     log_ahead& operator=(const log_ahead&) = delete;
 
-    // The thread may be waiting for a log that nobody writes any more. What it uses is its own as well, so it is left to
-    // itself then.
+    // The thread may be waiting for a log that nobody writes any more. What it uses is its own as well, so it is left
+    // to itself then.
     ~log_ahead() {
         if (m_shared->leave())
             m_thread.join();
@@ -32,8 +33,8 @@ public:
             m_thread.detach();
     }
 
-    // The next lines, valid until the next call; null at the end of the log, or where it cannot be read. Then the last error
-    // says why, otherwise there is none. before_wait() is called where they are not to be had at once.
+    // The next lines, valid until the next call; null at the end of the log, or where it cannot be read. Then the last
+    // error says why, otherwise there is none. before_wait() is called where they are not to be had at once.
     template <class BEFORE_WAIT>
     batch* next(const BEFORE_WAIT& before_wait) {
         return m_shared->take(before_wait);
@@ -85,12 +86,12 @@ private:
     private:
         static constexpr uint64 ring = 16;
 
-        // With fewer batches before it the replay is the faster side. Then it is left to parse what comes, so that neither
-        // side waits for the other.
+        // With fewer batches before it the replay is the faster side. Then it is left to parse what comes, so that
+        // neither side waits for the other.
         static constexpr uint64 comfort = ring / 2;
 
-        // To wake a thread costs more than a batch is worth. So who has to wait does so for some of them, but what comes
-        // slowly is not held up.
+        // To wake a thread costs more than a batch is worth. So who has to wait does so for some of them, but what
+        // comes slowly is not held up.
         static constexpr uint64 some = ring / 4;
         static constexpr std::chrono::milliseconds patience{1};
 

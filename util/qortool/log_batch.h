@@ -36,7 +36,8 @@ struct log_batch {
     // True: the text is the beginning of a line that is too long for a record.
     bool is_cut = false;
 
-    // For a text of the batch's own: so much that to pass it on is nothing beside it, and no more than the caches hold of some.
+    // For a text of the batch's own: so much that to pass it on is nothing beside it, and no more than the caches hold
+    // of some.
     static constexpr std::size_t own_size = 64 * 1024;
     std::vector<char> own;
 
@@ -112,8 +113,8 @@ public:
 
     bool is_open() const noexcept { return !m_file.IsEmpty(); }
 
-    // Whether lines follow; reads them. False: there are none, or they cannot be read. Then the last error says why, otherwise
-    // there is none.
+    // Whether lines follow; reads them. False: there are none, or they cannot be read. Then the last error says why,
+    // otherwise there is none.
     bool has_text() {
         if (m_next == m_end) {
             uint64 size = 0;
@@ -137,8 +138,8 @@ public:
         return true;
     }
 
-    // The next lines with a text of the batch's own, which has been made, unless the first one is too long for that: lent.
-    // Parsed only if that is wanted.
+    // The next lines with a text of the batch's own, which has been made, unless the first one is too long for that:
+    // lent. Parsed only if that is wanted.
     bool give(batch& out, bool parsed, text_numbers::giver& numbers) {
         if (!has_text())
             return false;

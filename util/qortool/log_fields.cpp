@@ -43,8 +43,8 @@ const char* find_space(const char* at) noexcept {
 
 #endif
 
-// A word of one to eight digits that does not begin like an octal number. All of them at once, since a loop over them ends where no
-// processor expects it: two digits become a number, then two numbers, then two of those.
+// A word of one to eight digits that does not begin like an octal number. All of them at once, since a loop over them
+// ends where no processor expects it: two digits become a number, then two numbers, then two of those.
 bool read_decimal(std::string_view word, uint64& value) noexcept {
     const std::size_t size = word.size();
     if (size == 0 || size > 8 || (word[0] == '0' && size > 1))
@@ -68,8 +68,7 @@ bool log_fields::next_line(const char*& next, const char* end, std::string_view&
     if (next == end)
         return false;
     const char* begin = next;
-    const char* last =
-        static_cast<const char*>(std::memchr(begin, '\n', static_cast<std::size_t>(end - begin)));
+    const char* last = static_cast<const char*>(std::memchr(begin, '\n', static_cast<std::size_t>(end - begin)));
     next = last + 1;
     while (begin != last && is_space(*begin))
         ++begin;

@@ -254,7 +254,8 @@ log_lines::kind log_lines::parse(std::string_view line, memcheck_line& out) {
 
 namespace {
 
-void keep(const log_lines::mtrace_line& line, const char* text, log_lines::entry<log_lines::mtrace_line>& out) noexcept {
+void keep(const log_lines::mtrace_line& line, const char* text,
+          log_lines::entry<log_lines::mtrace_line>& out) noexcept {
     out.address = line.address;
     out.size = line.size;
     out.caller_at = line.caller.empty() ? 0 : static_cast<uint32>(line.caller.data() - text);

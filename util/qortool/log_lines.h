@@ -75,8 +75,8 @@ struct entry<memcheck_line> : memcheck_line {
     uint32 end = 0;
 };
 
-// Makes entries of the lines of [next, end), of which `text` is the beginning or comes before; as many as `limit`. Lines
-// without meaning have none. The number of entries; `next` is behind the last line looked at.
+// Makes entries of the lines of [next, end), of which `text` is the beginning or comes before; as many as `limit`.
+// Lines without meaning have none. The number of entries; `next` is behind the last line looked at.
 template <class LINE>
 uint32 take_lines(const char* text, const char*& next, const char* end, entry<LINE>* out, uint32 limit);
 

@@ -7,9 +7,7 @@ look_ahead_list::look_ahead_list() {
         m_nodes[i].next_of_group = static_cast<uint16>(i + 1 < limit ? i + 1 : none);
 }
 
-uint32 look_ahead_list::group_of(uint64 address) noexcept {
-    return hashing::of_address(address) % group_count;
-}
+uint32 look_ahead_list::group_of(uint64 address) noexcept { return hashing::of_address(address) % group_count; }
 
 void look_ahead_list::append(const record& added) noexcept {
     const uint16 at = m_free;

@@ -48,8 +48,7 @@ private:
         record content;
         uint16 previous; // in the order of the list
         uint16 next;
-        uint16
-            next_of_group; // in the same order, among those whose addresses hash alike; or among free nodes
+        uint16 next_of_group; // in the same order, among those whose addresses hash alike; or among free nodes
     };
 
     struct ends {

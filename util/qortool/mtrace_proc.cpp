@@ -230,6 +230,6 @@ void mtrace_proc::report_free_without_alloc(const __mtrace_line& rec) {
 
 void mtrace_proc::report_free_without_alloc(const __memcheck_line& rec) {
     const qorDebugSeq trace(m_debug_code, "report_free_without_alloc");
-    fixed_fprintf(m_streams.out(), "BAD FREE at 0x%llx (not allocated) - file=[%s] line=%d\n", rec.address,
-                  "", rec.line);
+    fixed_fprintf(m_streams.out(), "BAD FREE at 0x%llx (not allocated) - file=[%s] line=%d\n", rec.address, "",
+                  rec.line);
 }

@@ -86,9 +86,9 @@ private:
     allocation_table m_table;
     look_ahead_list m_look_ahead;
     origin_table m_origins;
-    text_numbers::taker m_callers;    // the origin of one
-    text_numbers::taker m_places;     // the origin of a file and line, beside a block's type
-    text_numbers::taker m_type_names; // the text's number in m_origins
+    text_numbers::taker m_callers;                 // the origin of one
+    text_numbers::taker m_places;                  // the origin of a file and line, beside a block's type
+    text_numbers::taker m_type_names;              // the text's number in m_origins
     std::size_t m_origins_limit = origins_minimum; // bytes of m_origins at which the unused are given up
     report_streams m_streams;
 };

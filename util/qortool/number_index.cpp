@@ -25,8 +25,7 @@ void number_index::put(cell added) noexcept {
 }
 
 void number_index::enlarge() {
-    const std::vector<cell> old =
-        std::exchange(m_cells, std::vector<cell>(m_cells.size() * 2, cell{0, none}));
+    const std::vector<cell> old = std::exchange(m_cells, std::vector<cell>(m_cells.size() * 2, cell{0, none}));
     for (const cell& each : old)
         if (each.number != none)
             put(each);

@@ -50,8 +50,8 @@ uint32 origin_table::text(std::string_view text) {
             m_text_index.find(hash, [&](uint32 number) { return whole(m_texts[number]) == text; }))
         return found->number;
     const uint32 number = static_cast<uint32>(m_texts.size());
-    m_texts.push_back({keep(text), static_cast<uint32>(text.size()), static_cast<uint32>(length_to_nul(text)),
-                       number_index::none});
+    m_texts.push_back(
+        {keep(text), static_cast<uint32>(text.size()), static_cast<uint32>(length_to_nul(text)), number_index::none});
     m_text_index.add(hash, number);
     m_bytes += sizeof(text_record) + number_index::cell_bytes;
     return number;

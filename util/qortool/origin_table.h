@@ -25,9 +25,7 @@ public:
     uint32 text(std::string_view text);
 
     // As it is printed: a NUL ends it. Lives as long as the table.
-    std::string_view printed(uint32 text) const {
-        return {m_texts[text].text, m_texts[text].printed_length};
-    }
+    std::string_view printed(uint32 text) const { return {m_texts[text].text, m_texts[text].printed_length}; }
 
     // The number of an origin of which no more is known than its caller: the usual case, one look-up.
     uint32 of_caller(std::string_view caller);

@@ -1,5 +1,5 @@
-// How the line of a leak ends: what is known of its origin. Leaks of one origin come in crowds, so that the texts made last
-// are kept.
+// How the line of a leak ends: what is known of its origin. Leaks of one origin come in crowds, so that the texts made
+// last are kept.
 #pragma once
 
 #include "origin_table.h"

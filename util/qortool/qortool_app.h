@@ -9,9 +9,7 @@ public:
 
     void AddRef() noexcept override { object_AddRef(); }
     void Release() noexcept override { object_Release(); }
-    int QueryInterface(const char* name, void** out) noexcept override {
-        return object_QueryInterface(name, out);
-    }
+    int QueryInterface(const char* name, void** out) noexcept override { return object_QueryInterface(name, out); }
 
     // Runs the action that `args` names and returns the exit code of the process.
     int Main(qorStringArray& args);

@@ -18,7 +18,8 @@ bool are_same(const char* one, const char* other, std::size_t size) noexcept;
 
 #if defined(__SSE2__)
 
-// The last step overlaps the one before it. Texts of one log have about the same length, so that the steps can be guessed.
+// The last step overlaps the one before it. Texts of one log have about the same length, so that the steps can be
+// guessed.
 bool are_same(const char* one, const char* other, std::size_t size) noexcept {
     if (size < 16)
         return std::memcmp(one, other, size) == 0;

@@ -1,5 +1,5 @@
-// Numbers for the texts that a log repeats: callers, files and type names. Who parses its lines gives them out, and the replay
-// knows a text by its number without a look at it, since it may lie in another processor's memory.
+// Numbers for the texts that a log repeats: callers, files and type names. Who parses its lines gives them out, and the
+// replay knows a text by its number without a look at it, since it may lie in another processor's memory.
 //
 // Both sides only remember: a text without a number, or with one that is forgotten, is looked at. So neither takes more
 // memory for a log with more texts.

@@ -1,11 +1,10 @@
 // The interfaces of this host, as the IP Helper library lists them.
 #include "interface_list.h"
 
-// clang-format off: one includes what the next needs
-#include <winsock2.h>
+#include <winsock2.h> // before the two below
 #include <ws2tcpip.h>
+
 #include <iphlpapi.h>
-// clang-format on
 
 #include <algorithm>
 #include <cstring>
@@ -52,8 +51,8 @@ interface_facts facts_of(const IP_ADAPTER_ADDRESSES& adapter) {
     facts.description = utf8(adapter.Description);
     facts.display_name = utf8(adapter.FriendlyName);
     facts.hardware_address.assign(adapter.PhysicalAddress,
-                                  adapter.PhysicalAddress + std::min<ULONG>(adapter.PhysicalAddressLength,
-                                                                            sizeof adapter.PhysicalAddress));
+                                  adapter.PhysicalAddress +
+                                      std::min<ULONG>(adapter.PhysicalAddressLength, sizeof adapter.PhysicalAddress));
     each(adapter.FirstUnicastAddress, [&](const IP_ADAPTER_UNICAST_ADDRESS& row, int family) {
         if (family == AF_INET) {
             facts.ipv4.push_back({ipv4_of(row.Address), row.OnLinkPrefixLength});
@@ -82,8 +81,8 @@ bool network::read_interfaces(std::vector<interface_facts>& out) {
     ULONG code = ERROR_BUFFER_OVERFLOW;
     for (int left = attempts; code == ERROR_BUFFER_OVERFLOW && left != 0; --left) {
         room.resize((size + sizeof room[0] - 1) / sizeof room[0]);
-        code = GetAdaptersAddresses(AF_UNSPEC, flags, nullptr,
-                                    reinterpret_cast<IP_ADAPTER_ADDRESSES*>(room.data()), &size);
+        code = GetAdaptersAddresses(AF_UNSPEC, flags, nullptr, reinterpret_cast<IP_ADAPTER_ADDRESSES*>(room.data()),
+                                    &size);
     }
     out.clear();
     if (code == ERROR_BUFFER_OVERFLOW) {

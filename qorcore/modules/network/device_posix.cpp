@@ -16,7 +16,8 @@ namespace {
 // Of the files read here only the list of PCI names is longer than a few hundred bytes; it has 1.5 MB.
 constexpr std::size_t longest_file = 16 * 1024 * 1024;
 
-// What the C library has found, null where it is not there. Throws std::bad_alloc where it had no memory to look for it.
+// What the C library has found, null where it is not there. Throws std::bad_alloc where it had no memory to look for
+// it.
 template <class TYPE>
 TYPE* found(TYPE* result) {
     if (result == nullptr && errno == ENOMEM)
@@ -49,9 +50,7 @@ std::string real_path(const std::string& path) {
     return real != nullptr ? real.get() : "";
 }
 
-std::string last_part(std::string_view path) {
-    return std::string(path.substr(path.rfind('/') + 1));
-}
+std::string last_part(std::string_view path) { return std::string(path.substr(path.rfind('/') + 1)); }
 
 // The name of what a link leads to; empty: there is no such link.
 std::string target_name(const std::string& link) {
@@ -60,9 +59,7 @@ std::string target_name(const std::string& link) {
     return length > 0 ? last_part({target, static_cast<std::size_t>(length)}) : "";
 }
 
-bool exists(const std::string& path) {
-    return ::access(path.c_str(), F_OK) == 0;
-}
+bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
 std::string hexadecimal(const std::vector<uint8>& bytes) {
     std::string text;

@@ -1,5 +1,6 @@
-// What the system's files say of the hardware behind an interface. They are asked by bus and device, never by the name of
-// an interface where that can be helped: those in /sys/class/net are of another network namespace in many a container.
+// What the system's files say of the hardware behind an interface. They are asked by bus and device, never by the name
+// of an interface where that can be helped: those in /sys/class/net are of another network namespace in many a
+// container.
 #pragma once
 
 #include "dump_posix.h"

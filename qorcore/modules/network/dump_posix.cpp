@@ -30,9 +30,7 @@ NUMBER number(bytes from) {
 }
 
 // Up to the terminator, where there is one.
-std::string text(bytes from) {
-    return {from.begin(), std::ranges::find(from, uint8{0})};
-}
+std::string text(bytes from) { return {from.begin(), std::ranges::find(from, uint8{0})}; }
 
 template <std::size_t SIZE>
 bool copy(bytes from, std::array<uint8, SIZE>& to) {
@@ -63,8 +61,7 @@ struct parts {
 
 template <class HEADER>
 bool split(const nlmsghdr* message, parts<HEADER>& out) {
-    const bytes payload{static_cast<const uint8*>(mnl_nlmsg_get_payload(message)),
-                        mnl_nlmsg_get_payload_len(message)};
+    const bytes payload{static_cast<const uint8*>(mnl_nlmsg_get_payload(message)), mnl_nlmsg_get_payload_len(message)};
     if (payload.size() < sizeof out.header)
         return false;
     out.header = number<HEADER>(payload);
@@ -81,11 +78,21 @@ bool take_link(const nlmsghdr* message, dump_tables& out) {
     row.type = link.header.ifi_type;
     each_attribute(link.attributes, [&](int type, bytes value) {
         switch (type) {
-        case IFLA_IFNAME: row.name = text(value); break;
-        case IFLA_IFALIAS: row.alias = text(value); break;
-        case IFLA_ADDRESS: row.hardware_address.assign(value.begin(), value.end()); break;
-        case IFLA_PARENT_DEV_NAME: row.device = text(value); break;
-        case IFLA_PARENT_DEV_BUS_NAME: row.bus = text(value); break;
+        case IFLA_IFNAME:
+            row.name = text(value);
+            break;
+        case IFLA_IFALIAS:
+            row.alias = text(value);
+            break;
+        case IFLA_ADDRESS:
+            row.hardware_address.assign(value.begin(), value.end());
+            break;
+        case IFLA_PARENT_DEV_NAME:
+            row.device = text(value);
+            break;
+        case IFLA_PARENT_DEV_BUS_NAME:
+            row.bus = text(value);
+            break;
         case IFLA_PROP_LIST:
             each_attribute(value, [&](int property, bytes name) {
                 if (property == IFLA_ALT_IFNAME)
@@ -108,7 +115,8 @@ bool take_link(const nlmsghdr* message, dump_tables& out) {
                 });
             break;
         }
-        default: break;
+        default:
+            break;
         }
     });
     out.links.push_back(std::move(row));
@@ -149,18 +157,32 @@ bool take_route(const nlmsghdr* message, dump_tables& out) {
     bytes several;
     each_attribute(route.attributes, [&](int type, bytes value) {
         switch (type) {
-        case RTA_TABLE: table = number<uint32>(value); break;
-        case RTA_PRIORITY: row.metric = number<uint32>(value); break;
-        case RTA_OIF: row.link = number<uint32>(value); break;
-        case RTA_NH_ID: row.next_hop = number<uint32>(value); break;
-        case RTA_GATEWAY: gateway = value; break;
-        case RTA_MULTIPATH: several = value; break;
-        default: break;
+        case RTA_TABLE:
+            table = number<uint32>(value);
+            break;
+        case RTA_PRIORITY:
+            row.metric = number<uint32>(value);
+            break;
+        case RTA_OIF:
+            row.link = number<uint32>(value);
+            break;
+        case RTA_NH_ID:
+            row.next_hop = number<uint32>(value);
+            break;
+        case RTA_GATEWAY:
+            gateway = value;
+            break;
+        case RTA_MULTIPATH:
+            several = value;
+            break;
+        default:
+            break;
         }
     });
     // Routes for marked traffic are none for everybody, and those that the kernel made from others are no settings.
     if (table != RT_TABLE_MAIN || route.header.rtm_family != AF_INET || route.header.rtm_dst_len != 0 ||
-        route.header.rtm_tos != 0 || route.header.rtm_type != RTN_UNICAST || (route.header.rtm_flags & RTM_F_CLONED) != 0)
+        route.header.rtm_tos != 0 || route.header.rtm_type != RTN_UNICAST ||
+        (route.header.rtm_flags & RTM_F_CLONED) != 0)
         return true;
     const auto add = [&](bytes address, unsigned flags) {
         if (address.size() == row.gateway.size() && (flags & RTNH_F_DEAD) == 0 && copy(address, row.gateway))
@@ -195,8 +217,12 @@ bool take_next_hop(const nlmsghdr* message, dump_tables& out) {
     network::next_hop_row row;
     each_attribute(hop.attributes, [&](int type, bytes value) {
         switch (type) {
-        case NHA_ID: row.number = number<uint32>(value); break;
-        case NHA_OIF: row.link = number<uint32>(value); break;
+        case NHA_ID:
+            row.number = number<uint32>(value);
+            break;
+        case NHA_OIF:
+            row.link = number<uint32>(value);
+            break;
         case NHA_GATEWAY:
             if (std::array<uint8, 4> gateway{}; value.size() == gateway.size() && copy(value, gateway))
                 row.gateway = gateway;
@@ -205,7 +231,8 @@ bool take_next_hop(const nlmsghdr* message, dump_tables& out) {
             for (; value.size() >= sizeof(nexthop_grp); value = value.subspan(sizeof(nexthop_grp)))
                 row.group.push_back(number<nexthop_grp>(value).id);
             break;
-        default: break;
+        default:
+            break;
         }
     });
     if ((hop.header.nh_flags & RTNH_F_DEAD) == 0)
@@ -215,11 +242,16 @@ bool take_next_hop(const nlmsghdr* message, dump_tables& out) {
 
 bool take(const nlmsghdr* message, dump_tables& out) {
     switch (message->nlmsg_type) {
-    case RTM_NEWLINK: return take_link(message, out);
-    case RTM_NEWADDR: return take_address(message, out);
-    case RTM_NEWROUTE: return take_route(message, out);
-    case RTM_NEWNEXTHOP: return take_next_hop(message, out);
-    default: return true;
+    case RTM_NEWLINK:
+        return take_link(message, out);
+    case RTM_NEWADDR:
+        return take_address(message, out);
+    case RTM_NEWROUTE:
+        return take_route(message, out);
+    case RTM_NEWNEXTHOP:
+        return take_next_hop(message, out);
+    default:
+        return true;
     }
 }
 

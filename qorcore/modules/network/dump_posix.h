@@ -18,9 +18,9 @@ struct link_row {
     std::string alias;
     std::vector<std::string> alternative_names;
     std::vector<uint8> hardware_address;
-    std::string kind;             // of an interface that software makes: "veth"
+    std::string kind;              // of an interface that software makes: "veth"
     std::optional<uint8> tun_type; // IFF_TUN or IFF_TAP
-    std::string bus;              // with `device`: where the hardware is
+    std::string bus;               // with `device`: where the hardware is
     std::string device;
 };
 

@@ -51,24 +51,19 @@ public:
     void GetDisplayName(qorString& out) noexcept override { set(out, m_facts.display_name); }
     bool GetHardwareAddress(uint8_Array& out) noexcept override {
         out.Empty();
-        qor::or_end([&] {
-            out.Append(m_facts.hardware_address.data(), static_cast<uint32>(m_facts.hardware_address.size()));
-        });
+        qor::or_end(
+            [&] { out.Append(m_facts.hardware_address.data(), static_cast<uint32>(m_facts.hardware_address.size())); });
         return !out.IsEmpty();
     }
     uint32 GetIPv4Count() noexcept override { return static_cast<uint32>(m_facts.ipv4.size()); }
-    bool GetIPv4Address(uint32 index, qorNetAddress4& out) noexcept override {
-        return pick(m_facts.ipv4, index, out);
-    }
+    bool GetIPv4Address(uint32 index, qorNetAddress4& out) noexcept override { return pick(m_facts.ipv4, index, out); }
     bool GetExtraIPv4Address(qorNetAddress4& out) noexcept override {
         if (m_facts.gateway)
             out = *m_facts.gateway;
         return m_facts.gateway.has_value();
     }
     uint32 GetIPv6Count() noexcept override { return static_cast<uint32>(m_facts.ipv6.size()); }
-    bool GetIPv6Address(uint32 index, qorNetAddress6& out) noexcept override {
-        return pick(m_facts.ipv6, index, out);
-    }
+    bool GetIPv6Address(uint32 index, qorNetAddress6& out) noexcept override { return pick(m_facts.ipv6, index, out); }
 
 private:
     zetSmartPointer<interface_list> m_list; // which the facts lie in

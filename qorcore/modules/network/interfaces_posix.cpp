@@ -23,8 +23,10 @@ bool has_hardware(const link_row& link) {
     case ARPHRD_TUNNEL6:
     case ARPHRD_SIT:
     case ARPHRD_IPGRE:
-    case ARPHRD_IP6GRE: return false;
-    default: return true;
+    case ARPHRD_IP6GRE:
+        return false;
+    default:
+        return true;
     }
 }
 

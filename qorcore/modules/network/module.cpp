@@ -1,6 +1,6 @@
 // The module qor-network: what libqor asks of libraries for the network.
-#include "interface_list.h"
 #include "qor/glue/module.h"
+#include "interface_list.h"
 
 #include <cstring>
 

@@ -14,16 +14,44 @@ struct kind_name {
 
 // Interfaces that software makes, by the kernel's word for them.
 constexpr kind_name kinds[] = {
-    {"bareudp", "Tunnel"}, {"batadv", "Mesh"},       {"bond", "Bond"},         {"bridge", "Bridge"},
-    {"dummy", "Dummy"},    {"erspan", "Tunnel"},     {"geneve", "GENEVE"},     {"gre", "Tunnel"},
-    {"gretap", "Tunnel"},  {"gtp", "Tunnel"},        {"hsr", "Ring"},          {"ifb", "IFB"},
-    {"ip6erspan", "Tunnel"}, {"ip6gre", "Tunnel"},   {"ip6gretap", "Tunnel"},  {"ip6tnl", "Tunnel"},
-    {"ipip", "Tunnel"},    {"ipvlan", "IPVLAN"},     {"ipvtap", "IPVLAN"},     {"macsec", "MACsec"},
-    {"macvlan", "MACVLAN"}, {"macvtap", "MACVLAN"},  {"netdevsim", "Simulated"}, {"nlmon", "Monitor"},
-    {"ppp", "PPP"},        {"sit", "Tunnel"},        {"team", "Team"},         {"vcan", "CAN"},
-    {"veth", "Virtual Ethernet"}, {"vlan", "VLAN"},  {"vrf", "VRF"},           {"vti", "Tunnel"},
-    {"vti6", "Tunnel"},    {"vxcan", "CAN"},         {"vxlan", "VXLAN"},       {"wireguard", "WireGuard"},
-    {"wwan", "Mobile broadband"}, {"xfrm", "Tunnel"},
+    {"bareudp", "Tunnel"},
+    {"batadv", "Mesh"},
+    {"bond", "Bond"},
+    {"bridge", "Bridge"},
+    {"dummy", "Dummy"},
+    {"erspan", "Tunnel"},
+    {"geneve", "GENEVE"},
+    {"gre", "Tunnel"},
+    {"gretap", "Tunnel"},
+    {"gtp", "Tunnel"},
+    {"hsr", "Ring"},
+    {"ifb", "IFB"},
+    {"ip6erspan", "Tunnel"},
+    {"ip6gre", "Tunnel"},
+    {"ip6gretap", "Tunnel"},
+    {"ip6tnl", "Tunnel"},
+    {"ipip", "Tunnel"},
+    {"ipvlan", "IPVLAN"},
+    {"ipvtap", "IPVLAN"},
+    {"macsec", "MACsec"},
+    {"macvlan", "MACVLAN"},
+    {"macvtap", "MACVLAN"},
+    {"netdevsim", "Simulated"},
+    {"nlmon", "Monitor"},
+    {"ppp", "PPP"},
+    {"sit", "Tunnel"},
+    {"team", "Team"},
+    {"vcan", "CAN"},
+    {"veth", "Virtual Ethernet"},
+    {"vlan", "VLAN"},
+    {"vrf", "VRF"},
+    {"vti", "Tunnel"},
+    {"vti6", "Tunnel"},
+    {"vxcan", "CAN"},
+    {"vxlan", "VXLAN"},
+    {"wireguard", "WireGuard"},
+    {"wwan", "Mobile broadband"},
+    {"xfrm", "Tunnel"},
 };
 
 // A text for one line, in a file too: what stands behind a line end would look like a line of the list.
@@ -33,9 +61,7 @@ std::string one_line(std::string text) {
 }
 
 // The alias of an interface is whatever the administrator wrote; blanks alone are no name.
-bool is_blank(const std::string& text) {
-    return text.find_first_not_of(" \t\r\n") == text.npos;
-}
+bool is_blank(const std::string& text) { return text.find_first_not_of(" \t\r\n") == text.npos; }
 
 // Empty: the one that stands in brackets behind the kind.
 std::string given_name(const network::link_row& link) {
@@ -54,24 +80,34 @@ const char* network::kind_of(const link_row& link, bool is_wireless) noexcept {
     if (const auto found = std::ranges::find(kinds, link.kind, &kind_name::kind); found != std::end(kinds))
         return found->text;
     switch (link.type) {
-    case ARPHRD_LOOPBACK: return "Loopback";
-    case ARPHRD_ETHER: return "Ethernet";
-    case ARPHRD_INFINIBAND: return "InfiniBand";
-    case ARPHRD_CAN: return "CAN";
+    case ARPHRD_LOOPBACK:
+        return "Loopback";
+    case ARPHRD_ETHER:
+        return "Ethernet";
+    case ARPHRD_INFINIBAND:
+        return "InfiniBand";
+    case ARPHRD_CAN:
+        return "CAN";
     case ARPHRD_PPP:
     case ARPHRD_SLIP:
-    case ARPHRD_CSLIP: return "PPP";
-    case ARPHRD_IEEE1394: return "FireWire";
+    case ARPHRD_CSLIP:
+        return "PPP";
+    case ARPHRD_IEEE1394:
+        return "FireWire";
     case ARPHRD_IEEE80211:
     case ARPHRD_IEEE80211_PRISM:
-    case ARPHRD_IEEE80211_RADIOTAP: return "Wi-Fi";
-    case ARPHRD_IEEE802154: return "IEEE 802.15.4";
+    case ARPHRD_IEEE80211_RADIOTAP:
+        return "Wi-Fi";
+    case ARPHRD_IEEE802154:
+        return "IEEE 802.15.4";
     case ARPHRD_TUNNEL:
     case ARPHRD_TUNNEL6:
     case ARPHRD_SIT:
     case ARPHRD_IPGRE:
-    case ARPHRD_IP6GRE: return "Tunnel";
-    default: return "Network";
+    case ARPHRD_IP6GRE:
+        return "Tunnel";
+    default:
+        return "Network";
     }
 }
 

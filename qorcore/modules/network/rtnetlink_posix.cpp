@@ -115,14 +115,17 @@ private:
     dump_result read_one() {
         std::size_t length = 0;
         switch (const int code = m_with.receive(m_buffer, length)) {
-        case 0: return network::read_datagram({m_buffer.data(), length}, m_sequence, m_with.port(), m_out);
-        case ENOBUFS: return {dump_state::interrupted};
+        case 0:
+            return network::read_datagram({m_buffer.data(), length}, m_sequence, m_with.port(), m_out);
+        case ENOBUFS:
+            return {dump_state::interrupted};
         case ENOSPC:
             if (m_buffer.size() >= largest_buffer)
                 return {dump_state::senseless};
             m_buffer.resize(m_buffer.size() * 2);
             return {dump_state::interrupted};
-        default: return {dump_state::refused, code};
+        default:
+            return {dump_state::refused, code};
         }
     }
 
@@ -146,8 +149,12 @@ void report(const dump_result& result, const char* asked) {
     case dump_state::refused:
         qorSetLastError(qorError_system, (std::string("rtnetlink, ") + asked).c_str(), std::strerror(result.code));
         break;
-    case dump_state::interrupted: qorSetLastError(qorError_interfaces_change); break;
-    default: qorSetLastError(qorError_netlink_senseless, asked); break;
+    case dump_state::interrupted:
+        qorSetLastError(qorError_interfaces_change);
+        break;
+    default:
+        qorSetLastError(qorError_netlink_senseless, asked);
+        break;
     }
 }
 

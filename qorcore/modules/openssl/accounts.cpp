@@ -169,9 +169,9 @@ bool qor::control::accounts::load() {
     return done;
 }
 
-// Each look draws a lot for the name, by a secret, and the one with the most luck for its number of accounts wins: it wins as
-// often as it is met among the accounts. Where accounts come and go, no more names change their look than need to. A salt
-// belongs to one look, for accounts that change theirs have a new salt, too.
+// Each look draws a lot for the name, by a secret, and the one with the most luck for its number of accounts wins: it
+// wins as often as it is met among the accounts. Where accounts come and go, no more names change their look than need
+// to. A salt belongs to one look, for accounts that change theirs have a new salt, too.
 bool qor::control::accounts::invent(std::string_view name, crypto::verifier& out) const {
     out = {};
     double most = 0;

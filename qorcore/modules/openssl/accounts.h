@@ -1,5 +1,6 @@
-// Inside the module qor-openssl: who may log in to debug control. A file of lines "name:verifier" (verifier.h); empty lines and
-// those that begin with '#' are left as they are. Beside it, in "<file>.key", lies the key that the listener shows.
+// Inside the module qor-openssl: who may log in to debug control. A file of lines "name:verifier" (verifier.h); empty
+// lines and those that begin with '#' are left as they are. Beside it, in "<file>.key", lies the key that the listener
+// shows.
 #pragma once
 
 #include "openssl_support.h"
@@ -31,7 +32,8 @@ public:
     std::string format() const;
 
     const crypto::verifier* find(std::string_view name) const noexcept;
-    void set(std::string_view name, const crypto::verifier& value); // in place of the one that is there, else as the last line
+    void set(std::string_view name,
+             const crypto::verifier& value); // in place of the one that is there, else as the last line
     bool remove(std::string_view name);
     std::vector<std::string> names() const;
 
@@ -57,16 +59,16 @@ private:
 // The accounts of a listener. Not thread-safe. Throws std::bad_alloc.
 class accounts {
 public:
-    // Null: the file in the framework's configuration folder. False: there is none, it cannot be used, or others may read
-    // it; the last error says so.
+    // Null: the file in the framework's configuration folder. False: there is none, it cannot be used, or others may
+    // read it; the last error says so.
     bool open(const char* path);
 
     // The listener's key, which is made where there is none. Call it after open. False: the last error says why.
     bool open_key(crypto::key_pointer& key);
 
     // What there is to know of a user; the file is looked at anew. A user that is not there gets a verifier that nobody
-    // fits, the same one each time, and looks as one of the accounts does, each look as often among such users as among the
-    // accounts. False: the last error says why.
+    // fits, the same one each time, and looks as one of the accounts does, each look as often among such users as among
+    // the accounts. False: the last error says why.
     bool look_up(std::string_view name, crypto::verifier& out, bool& is_known);
 
 private:
@@ -79,11 +81,12 @@ private:
     std::string m_secret; // what is invented is made of it
 };
 
-// The file of a path that somebody gave; null: the one in the framework's configuration folder. False: the last error says why.
+// The file of a path that somebody gave; null: the one in the framework's configuration folder. False: the last error
+// says why.
 bool find_accounts(const char* path, std::string& out);
 
-// Reads accounts from a file. False: the last error says why. A missing file is one without accounts, where `is_missing`
-// takes it.
+// Reads accounts from a file. False: the last error says why. A missing file is one without accounts, where
+// `is_missing` takes it.
 bool read_accounts(const std::string& path, account_list& out, bool* is_missing = nullptr);
 
 } // namespace qor::control

@@ -26,8 +26,8 @@ constexpr auto login_time = 130s;
 class debug_control final : public qor::object<IQORDebugControl2> {
 public:
     debug_control(qor::control::tls_context context, const char* known_hosts)
-        : object("qorcore.openssl.debug_control", "IQORDebugControl2", "IQORDebugControl"), m_context(std::move(context)),
-          m_known_hosts(known_hosts) {}
+        : object("qorcore.openssl.debug_control", "IQORDebugControl2", "IQORDebugControl"),
+          m_context(std::move(context)), m_known_hosts(known_hosts) {}
 
     ~debug_control() override { leave(); }
 
@@ -47,7 +47,8 @@ public:
     bool Login(const char* username, const char* password) noexcept override {
         return guarded([&] {
             if (username == nullptr || password == nullptr) {
-                qorSetLastError(qorError_invalid_argument, "IQORDebugControl::Login", username == nullptr ? "username" : "password");
+                qorSetLastError(qorError_invalid_argument, "IQORDebugControl::Login",
+                                username == nullptr ? "username" : "password");
                 return false;
             }
             link_pointer to = current();
@@ -282,13 +283,16 @@ private:
 
     static bool is_no_room(const frame& refusal) noexcept {
         uint32 code = 0;
-        return qor::control::read_number(refusal.payload, code) && code == static_cast<uint32>(qor::control::refusal_code::no_room);
+        return qor::control::read_number(refusal.payload, code) &&
+               code == static_cast<uint32>(qor::control::refusal_code::no_room);
     }
 
     // Anybody can refuse, and collect what is typed again: the user has to know where he stands.
     static bool login_refused(const qor::control::link& by, const frame& answer) {
-        const std::string doubt = by.is_proved() ? "" : qor::control::reason_text(1062, qor::control::text_of(by.peer_key()).c_str());
-        qorSetLastError(is_no_room(answer) ? qorError_debug_sessions_full : qorError_credentials_refused, doubt.c_str());
+        const std::string doubt =
+            by.is_proved() ? "" : qor::control::reason_text(1062, qor::control::text_of(by.peer_key()).c_str());
+        qorSetLastError(is_no_room(answer) ? qorError_debug_sessions_full : qorError_credentials_refused,
+                        doubt.c_str());
         return false;
     }
 

@@ -37,7 +37,7 @@ constexpr frame_type answer_to(frame_type request) noexcept {
 enum class refusal_code : uint32 {
     credentials = 1, // the login may be tried again
     request = 2,     // the request cannot be carried out
-    no_room = 3,     // for another session of the account or at all, or for another name that a switch is remembered for
+    no_room = 3, // for another session of the account or at all, or for another name that a switch is remembered for
 };
 
 // The refusals that a request may get, a bit for each. 0: an answer has to come.
@@ -55,8 +55,8 @@ struct frame {
     std::string payload;
 };
 
-// Whether a frame has the form of an answer to a request, or of a refusal that it may get. Messages of a login and pages are for
-// who reads them to judge.
+// Whether a frame has the form of an answer to a request, or of a refusal that it may get. Messages of a login and
+// pages are for who reads them to judge.
 bool is_answer(const frame& answer, frame_type request, refusals possible) noexcept;
 
 // A heartbeat belongs to no request, and says nothing.

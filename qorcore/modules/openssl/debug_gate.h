@@ -1,5 +1,6 @@
-// Inside the module qor-openssl: how many may be connected and logged in, and how often a login may be tried. Pure: the time is
-// given. A source is what counts as one on the other side: a user of this host, an address, or a network (net_source.h).
+// Inside the module qor-openssl: how many may be connected and logged in, and how often a login may be tried. Pure: the
+// time is given. A source is what counts as one on the other side: a user of this host, an address, or a network
+// (net_source.h).
 #pragma once
 
 #include "qor/system/Types.h"
@@ -33,8 +34,9 @@ public:
 
     using place = uint64; // 0: none
 
-    // A connection of a source begins. Where there is no room for it, another one that stays makes way: of the same source if
-    // that has all it may have, else of the source that would have the most. `loser`, or 0, has left. 0: turned away.
+    // A connection of a source begins. Where there is no room for it, another one that stays makes way: of the same
+    // source if that has all it may have, else of the source that would have the most. `loser`, or 0, has left. 0:
+    // turned away.
     place enter(std::string_view source, moment now, place& loser);
     void leave(place which); // one that has left already is no matter
 
@@ -42,8 +44,8 @@ public:
 
     // How long a try waits before it is looked at.
     std::chrono::seconds delay(std::string_view account, moment now);
-    // False: there were too many lately; `next` is when to ask again. An account that had too many, from wherever, stays open
-    // to sources that made none: a stranger's guesses keep nobody else out.
+    // False: there were too many lately; `next` is when to ask again. An account that had too many, from wherever,
+    // stays open to sources that made none: a stranger's guesses keep nobody else out.
     bool may_try(std::string_view source, std::string_view account, moment now, moment& next);
     void count_wrong_try(std::string_view source, std::string_view account, moment now);
 
@@ -72,7 +74,8 @@ private:
     std::vector<entry> m_places; // in the order in which they came
     place m_last_place = 0;
     std::map<std::string, recent, std::less<>> m_sources;
-    // By a hash of the name, so that no flood of names makes an account forgotten. Accounts that share a number are only delayed together.
+    // By a hash of the name, so that no flood of names makes an account forgotten. Accounts that share a number are
+    // only delayed together.
     std::array<recent, 1024> m_accounts;
     std::map<std::string, unsigned, std::less<>> m_sessions;
     unsigned m_session_count = 0;

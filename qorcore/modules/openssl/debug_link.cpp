@@ -195,7 +195,8 @@ bool qor::control::link::lose_to_peer(std::string reason) {
         m_closed = true;
     }
     // A listener that has no room for another one says nothing.
-    return m_open ? lose(qorError_debug_connection_lost, std::move(reason)) : lose_in_handshake(qorError_debug_busy, {});
+    return m_open ? lose(qorError_debug_connection_lost, std::move(reason))
+                  : lose_in_handshake(qorError_debug_busy, {});
 }
 
 bool qor::control::link::lose_own_socket() {

@@ -1,4 +1,5 @@
-// Inside the module qor-openssl: the console's side of one connection of debug control, and the thread that keeps it alive.
+// Inside the module qor-openssl: the console's side of one connection of debug control, and the thread that keeps it
+// alive.
 #pragma once
 
 #include "debug_frames.h"
@@ -76,8 +77,8 @@ public:
     // False: the link is lost, and the sink will not be told. When it returns, the earlier sink is not told any more.
     bool set_sink(IQORDebugControlSink* sink);
 
-    // Ends the connection; nobody is told. When it returns the thread does nothing any more, unless it is the thread's own
-    // call. To be called once.
+    // Ends the connection; nobody is told. When it returns the thread does nothing any more, unless it is the thread's
+    // own call. To be called once.
     void stop();
 
 private:

@@ -42,8 +42,8 @@ bool cannot_listen(const char* address, const std::string& reason) noexcept {
     return false;
 }
 
-// All of them, on one port. Not 0: the system's code; an address that this host lacks is none to fail for, unless it lacks
-// them all.
+// All of them, on one port. Not 0: the system's code; an address that this host lacks is none to fail for, unless it
+// lacks them all.
 int listen_at_all(std::vector<qor::net::endpoint> places, std::vector<qor::net::socket>& out) {
     int missing = 0;
     for (qor::net::endpoint& each : places) {
@@ -118,7 +118,8 @@ private:
         if (const int failed = listen_with_patience(places, sockets))
             return cannot_listen(address, qor::net::reason_of(failed));
         const uint16 chosen = qor::net::local_end(sockets.front()).port();
-        auto made = std::make_unique<qor::control::service>(std::move(context), std::move(users_of_file), std::move(sockets));
+        auto made =
+            std::make_unique<qor::control::service>(std::move(context), std::move(users_of_file), std::move(sockets));
         made->start();
         m_service = made.release();
         m_forks = qor::net::fork_count();

@@ -1,10 +1,10 @@
 // Inside the module qor-openssl: the thread that serves the connections of a listener.
 #pragma once
 
+#include "accounts.h"
 #include "debug_gate.h"
 #include "debug_session.h"
 #include "net.h"
-#include "accounts.h"
 #include "tls_channel.h"
 
 #include <atomic>

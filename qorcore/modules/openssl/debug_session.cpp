@@ -51,8 +51,8 @@ std::string qor::control::quoted(std::string_view text) {
 }
 
 qor::control::session::session(const session_host& host, net::source peer, gate::place place, moment now)
-    : m_host(host), m_peer(std::move(peer)), m_place(place),
-      m_channel(host.context, tls_channel::side::server), m_begun(now), m_heard(now), m_sent(now) {
+    : m_host(host), m_peer(std::move(peer)), m_place(place), m_channel(host.context, tls_channel::side::server),
+      m_begun(now), m_heard(now), m_sent(now) {
     m_channel.set_record_limit(tls_channel::longest_hello);
 }
 

@@ -1,5 +1,5 @@
-// Inside the module qor-openssl: the listener's side of one connection of debug control. It knows no sockets and no clock: bytes
-// and the time are given to it, and it says what to send and when it wants to be called again.
+// Inside the module qor-openssl: the listener's side of one connection of debug control. It knows no sockets and no
+// clock: bytes and the time are given to it, and it says what to send and when it wants to be called again.
 #pragma once
 
 #include "debug_frames.h"
@@ -24,7 +24,7 @@ struct session_host {
 
 class session {
 public:
-    static constexpr std::chrono::seconds frame_time{5};  // for the handshake, and for a frame that has begun
+    static constexpr std::chrono::seconds frame_time{5}; // for the handshake, and for a frame that has begun
     static constexpr std::chrono::seconds login_time{120};
     static constexpr std::chrono::seconds heartbeat_time{5}; // as long one side may say nothing
     static constexpr std::chrono::seconds silence_limit{15};
@@ -97,9 +97,9 @@ private:
     std::optional<moment> m_within_since; // a frame has begun that is not whole
 };
 
-// A text of somebody who may not be trusted, as it stands in a line of trace: between quotes, which no text can leave, since what
-// is not printable ASCII, quotes and backslashes are "\xNN" within. A text longer than an account's name
-// can be is cut there, and "+N" behind the quotes says how many bytes more there are.
+// A text of somebody who may not be trusted, as it stands in a line of trace: between quotes, which no text can leave,
+// since what is not printable ASCII, quotes and backslashes are "\xNN" within. A text longer than an account's name can
+// be is cut there, and "+N" behind the quotes says how many bytes more there are.
 std::string quoted(std::string_view text);
 
 } // namespace qor::control

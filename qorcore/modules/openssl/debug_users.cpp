@@ -127,7 +127,8 @@ public:
     bool Trust(const char* host, uint16 port, const char* fingerprint) noexcept override {
         return guarded([&] {
             std::string text = fingerprint;
-            std::transform(text.begin(), text.end(), text.begin(), [](char c) { return c >= 'A' && c <= 'F' ? c + 32 : c; });
+            std::transform(text.begin(), text.end(), text.begin(),
+                           [](char c) { return c >= 'A' && c <= 'F' ? c + 32 : c; });
             const auto key = qor::control::read_fingerprint(text);
             if (!key) {
                 qorSetLastError(qorError_bad_fingerprint, fingerprint);

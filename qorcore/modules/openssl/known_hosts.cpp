@@ -106,7 +106,8 @@ bool qor::control::known_hosts::look_up(const std::string& host, uint16 port, co
 
 bool qor::control::known_hosts::remember(const std::string& host, uint16 port, const key_fingerprint& key) {
     // A line of its own is all that a host may get.
-    if (host.empty() || host.front() == '#' || std::any_of(host.begin(), host.end(), [](char c) { return c >= '\0' && c <= ' '; })) {
+    if (host.empty() || host.front() == '#' ||
+        std::any_of(host.begin(), host.end(), [](char c) { return c >= '\0' && c <= ' '; })) {
         qorSetLastError(qorError_no_such_host, host.c_str());
         return false;
     }

@@ -1,6 +1,6 @@
-// Inside the module qor-openssl: which key each listener had when it first proved itself. A line of the file is a host, a port
-// and the fingerprint: "127.0.0.1 4711 sha256 <64 hexadecimal digits>"; empty lines and those that begin with '#' are left
-// as they are.
+// Inside the module qor-openssl: which key each listener had when it first proved itself. A line of the file is a host,
+// a port and the fingerprint: "127.0.0.1 4711 sha256 <64 hexadecimal digits>"; empty lines and those that begin with
+// '#' are left as they are.
 #pragma once
 
 #include "tls_channel.h"
@@ -37,7 +37,7 @@ private:
 
     static std::optional<entry> read_line(std::string_view line);
     bool load();
-    bool cannot_use(const std::string& reason) const; // false, and the last error says so
+    bool cannot_use(const std::string& reason) const;   // false, and the last error says so
     bool cannot_write(const std::string& reason) const; // the same; what is there is as good as it was
     bool look_up(const std::string& host, uint16 port, const key_fingerprint& key, bool& known);
 

@@ -14,14 +14,16 @@ bool is_mapped(const qor::net::endpoint& address) noexcept {
 
 } // namespace
 
-// An address lies in memory as every system of ours has it, which net_posix.cpp and net_windows.cpp check: the family, the port,
-// and then an IPv4 address, or four bytes further an IPv6 one.
+// An address lies in memory as every system of ours has it, which net_posix.cpp and net_windows.cpp check: the family,
+// the port, and then an IPv4 address, or four bytes further an IPv6 one.
 qor::net::endpoint::endpoint(const void* address, std::size_t length) noexcept
     : size(static_cast<unsigned>(std::min(length, sizeof bytes))) {
     std::memcpy(bytes, address, size);
 }
 
-uint16 qor::net::endpoint::port() const noexcept { return static_cast<uint16>(bytes[port_at] << 8 | bytes[port_at + 1]); }
+uint16 qor::net::endpoint::port() const noexcept {
+    return static_cast<uint16>(bytes[port_at] << 8 | bytes[port_at + 1]);
+}
 
 void qor::net::endpoint::set_port(uint16 port) noexcept {
     bytes[port_at] = static_cast<unsigned char>(port >> 8);

@@ -1,5 +1,5 @@
-// Inside the module qor-openssl, the seam to the system: sockets that never block, and threads that disturb nobody. Results
-// are error codes of the system, 0 for success.
+// Inside the module qor-openssl, the seam to the system: sockets that never block, and threads that disturb nobody.
+// Results are error codes of the system, 0 for success.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -20,8 +20,8 @@ std::string reason_of(int code);
 // Counts the forks that led to this process: what is older than the last one, a thread or a socket, is the parent's.
 unsigned fork_count() noexcept;
 
-// Owned. No child process that runs another program inherits it, a forked one gives it up at once; a peer that is gone is an
-// error, no signal.
+// Owned. No child process that runs another program inherits it, a forked one gives it up at once; a peer that is gone
+// is an error, no signal.
 class socket {
 public:
     socket() noexcept = default;
@@ -39,8 +39,9 @@ public:
     bool is_open() const noexcept { return m_handle != -1; }
     std::intptr_t handle() const noexcept { return m_handle; }
 
-    // False: it is not open, or the process has closed it behind our back, as one does that closes all descriptors it does not
-    // know. The number may be another file's by now: such a socket is neither read nor written nor closed any more.
+    // False: it is not open, or the process has closed it behind our back, as one does that closes all descriptors it
+    // does not know. The number may be another file's by now: such a socket is neither read nor written nor closed any
+    // more.
     bool is_ours() const noexcept;
 
 private:

@@ -24,8 +24,10 @@ namespace {
 
 using qor::net::endpoint;
 
-static_assert(offsetof(sockaddr_in, sin_port) == endpoint::port_at && offsetof(sockaddr_in6, sin6_port) == endpoint::port_at &&
-              offsetof(sockaddr_in, sin_addr) == endpoint::ipv4_at && offsetof(sockaddr_in6, sin6_addr) == endpoint::ipv6_at);
+static_assert(offsetof(sockaddr_in, sin_port) == endpoint::port_at &&
+              offsetof(sockaddr_in6, sin6_port) == endpoint::port_at &&
+              offsetof(sockaddr_in, sin_addr) == endpoint::ipv4_at &&
+              offsetof(sockaddr_in6, sin6_addr) == endpoint::ipv6_at);
 
 // All sockets of the module, for the day of a fork. Never destroyed.
 struct register_of_sockets {

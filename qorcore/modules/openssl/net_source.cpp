@@ -5,7 +5,8 @@
 qor::net::source qor::net::source_of(const endpoint& from, const endpoint& here) {
     source made{from.neighbour(), from.text()};
     // A part of it may be the name of a network interface.
-    std::replace_if(made.text.begin(), made.text.end(), [](char c) { return c < ' ' || c > '~' || c == '\''; }, '?');
+    std::replace_if(
+        made.text.begin(), made.text.end(), [](char c) { return c < ' ' || c > '~' || c == '\''; }, '?');
     std::string user;
     if (owner_of(from, here, user)) {
         made.key = "user " + user;

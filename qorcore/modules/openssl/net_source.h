@@ -1,5 +1,5 @@
-// Inside the module qor-openssl: what counts as one on the other side of a connection. All users of a host share its loopback
-// addresses, so that an address says nothing there; the system knows whose a socket is.
+// Inside the module qor-openssl: what counts as one on the other side of a connection. All users of a host share its
+// loopback addresses, so that an address says nothing there; the system knows whose a socket is.
 #pragma once
 
 #include "net.h"
@@ -16,8 +16,8 @@ struct source {
 // The source of a connection from `from` to `here`, while it stands.
 source source_of(const endpoint& from, const endpoint& here);
 
-// The user whose socket of this host it is, as digits, or on Windows as a text of his identifier. False: it is a socket of
-// another host, or nobody's any more, or the system does not tell.
+// The user whose socket of this host it is, as digits, or on Windows as a text of his identifier. False: it is a socket
+// of another host, or nobody's any more, or the system does not tell.
 bool owner_of(const endpoint& from, const endpoint& here, std::string& user);
 
 } // namespace qor::net

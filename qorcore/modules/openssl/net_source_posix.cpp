@@ -23,8 +23,8 @@ const unsigned char* address_bytes(const endpoint& of) noexcept {
     return of.bytes + (of.is_ipv6() ? endpoint::ipv6_at : endpoint::ipv4_at);
 }
 
-// As the lists have an end of a connection: words of 32 bits as they lie in memory, and the port. In the list of IPv6 an IPv4
-// address has its other form.
+// As the lists have an end of a connection: words of 32 bits as they lie in memory, and the port. In the list of IPv6
+// an IPv4 address has its other form.
 std::string listed(const endpoint& of, bool among_ipv6) {
     unsigned char bytes[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
     const std::size_t size = among_ipv6 ? 16 : 4;
@@ -73,18 +73,21 @@ owner_answer qor::net::owner_by_question(const endpoint& from, const endpoint& h
         return owner_answer::cannot_ask;
     const auto& head = *reinterpret_cast<const nlmsghdr*>(bytes);
     if (head.nlmsg_type == NLMSG_ERROR && size >= NLMSG_LENGTH(sizeof(nlmsgerr)))
-        return reinterpret_cast<const nlmsgerr*>(NLMSG_DATA(&head))->error == -ENOENT ? owner_answer::nobody : owner_answer::cannot_ask;
+        return reinterpret_cast<const nlmsgerr*>(NLMSG_DATA(&head))->error == -ENOENT ? owner_answer::nobody
+                                                                                      : owner_answer::cannot_ask;
     if (head.nlmsg_type != SOCK_DIAG_BY_FAMILY || size < NLMSG_LENGTH(sizeof(inet_diag_msg)))
         return owner_answer::cannot_ask;
     const auto& found = *reinterpret_cast<const inet_diag_msg*>(NLMSG_DATA(&head));
-    // Where there is none the kernel gives a listener of that port, and one that its process has closed seems to be root's.
+    // Where there is none the kernel gives a listener of that port, and one that its process has closed seems to be
+    // root's.
     if (found.idiag_state == TCP_LISTEN || found.idiag_inode == 0 || found.id.idiag_dport != id.idiag_dport)
         return owner_answer::nobody;
     user = found.idiag_uid;
     return owner_answer::found;
 }
 
-owner_answer qor::net::owner_by_list(const char* folder, const endpoint& from, const endpoint& here, std::uint32_t& user) {
+owner_answer qor::net::owner_by_list(const char* folder, const endpoint& from, const endpoint& here,
+                                     std::uint32_t& user) {
     bool is_listed = false;
     for (const bool among_ipv6 : {false, true}) {
         if (from.is_ipv6() && !among_ipv6)
@@ -99,8 +102,9 @@ owner_answer qor::net::owner_by_list(const char* folder, const endpoint& from, c
         unsigned long inode = 0;
         bool found = false;
         while (!found && std::fgets(line, sizeof line, list) != nullptr)
-            found = std::sscanf(line, " %*[0-9]: %63s %63s %*x %*s %*s %*x %u %*u %lu", near, far, &owner, &inode) == 4 &&
-                    near == near_end && far == far_end && inode != 0;
+            found =
+                std::sscanf(line, " %*[0-9]: %63s %63s %*x %*s %*s %*x %u %*u %lu", near, far, &owner, &inode) == 4 &&
+                near == near_end && far == far_end && inode != 0;
         std::fclose(list);
         if (found) {
             user = owner;

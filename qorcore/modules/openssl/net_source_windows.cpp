@@ -1,12 +1,14 @@
 #include "net_source.h"
 
+#include <winsock2.h> // before the three below
+#include <ws2tcpip.h>
+
+#include <iphlpapi.h>
+#include <sddl.h>
+
 #include <cstring>
 #include <memory>
 #include <vector>
-#include <winsock2.h>
-#include <ws2tcpip.h>
-#include <iphlpapi.h>
-#include <sddl.h>
 
 namespace {
 

@@ -2,19 +2,22 @@
 
 #include "qor/system/Memory.h"
 
+#include <winsock2.h> // before windows.h
+#include <ws2tcpip.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <system_error>
-#include <winsock2.h>
-#include <ws2tcpip.h>
 #include <windows.h>
 
 namespace {
 
 using qor::net::endpoint;
 
-static_assert(offsetof(sockaddr_in, sin_port) == endpoint::port_at && offsetof(sockaddr_in6, sin6_port) == endpoint::port_at &&
-              offsetof(sockaddr_in, sin_addr) == endpoint::ipv4_at && offsetof(sockaddr_in6, sin6_addr) == endpoint::ipv6_at);
+static_assert(offsetof(sockaddr_in, sin_port) == endpoint::port_at &&
+              offsetof(sockaddr_in6, sin6_port) == endpoint::port_at &&
+              offsetof(sockaddr_in, sin_addr) == endpoint::ipv4_at &&
+              offsetof(sockaddr_in6, sin6_addr) == endpoint::ipv6_at);
 
 // Once, and for good: the host may use sockets of its own.
 void start() {
@@ -72,7 +75,8 @@ std::string qor::net::reason_of(int code) {
     const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
                                         static_cast<DWORD>(code), 0, wide, std::size(wide), nullptr);
     char text[3 * std::size(wide)];
-    const int size = WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(length), text, sizeof text, nullptr, nullptr);
+    const int size =
+        WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(length), text, sizeof text, nullptr, nullptr);
     std::string reason(text, static_cast<std::size_t>(std::max(size, 0)));
     // It comes as a sentence on a line of its own.
     reason.erase(reason.find_last_not_of(" .\r\n") + 1);
@@ -192,7 +196,8 @@ bool qor::net::wait(std::span<watched> all, int milliseconds) {
     std::vector<WSAPOLLFD> list;
     for (const watched& each : all)
         list.push_back({handle_of(*each.what),
-                        static_cast<short>((each.for_reading ? POLLRDNORM : 0) | (each.for_writing ? POLLWRNORM : 0)), 0});
+                        static_cast<short>((each.for_reading ? POLLRDNORM : 0) | (each.for_writing ? POLLWRNORM : 0)),
+                        0});
     const int ready = WSAPoll(list.data(), static_cast<ULONG>(list.size()), milliseconds);
     for (std::size_t i = 0; i < all.size(); ++i)
         all[i].ready = ready > 0 && list[i].revents != 0;

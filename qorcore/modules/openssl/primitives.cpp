@@ -15,9 +15,7 @@ constexpr std::string_view digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopq
 const uint8* data_of(std::string_view bytes) noexcept { return reinterpret_cast<const uint8*>(bytes.data()); }
 
 // Six bits; 64 for what is no digit.
-unsigned value_of(char digit) noexcept {
-    return static_cast<unsigned>(std::min(digits.find(digit), digits.size()));
-}
+unsigned value_of(char digit) noexcept { return static_cast<unsigned>(std::min(digits.find(digit), digits.size())); }
 
 } // namespace
 
@@ -33,8 +31,8 @@ bool qor::crypto::sha256(std::string_view message, digest& out) noexcept {
 bool qor::crypto::hmac_sha256(std::string_view key, std::string_view message, digest& out) noexcept {
     // A null key would mean the one of the call before.
     const char* const begin = key.empty() ? "" : key.data();
-    return HMAC(EVP_sha256(), begin, static_cast<int>(key.size()), data_of(message), message.size(), out.data(), nullptr) !=
-               nullptr ||
+    return HMAC(EVP_sha256(), begin, static_cast<int>(key.size()), data_of(message), message.size(), out.data(),
+                nullptr) != nullptr ||
            failed("HMAC");
 }
 
@@ -42,7 +40,8 @@ bool qor::crypto::pbkdf2_sha256(std::string_view password, std::string_view salt
                                 digest& out) noexcept {
     const char* const begin = password.empty() ? "" : password.data();
     return PKCS5_PBKDF2_HMAC(begin, static_cast<int>(password.size()), data_of(salt), static_cast<int>(salt.size()),
-                             static_cast<int>(iterations), EVP_sha256(), static_cast<int>(out.size()), out.data()) == 1 ||
+                             static_cast<int>(iterations), EVP_sha256(), static_cast<int>(out.size()),
+                             out.data()) == 1 ||
            failed("PKCS5_PBKDF2_HMAC");
 }
 
@@ -100,7 +99,8 @@ bool qor::crypto::from_base64(std::string_view text, std::string& out) {
                 out += static_cast<char>(bits >> shift & 255);
     }
     // What lies behind the last byte has to be zero, or one value would have many forms.
-    const bool canonical = std::all_of(out.end() - static_cast<std::ptrdiff_t>(padding), out.end(), [](char c) { return c == 0; });
+    const bool canonical =
+        std::all_of(out.end() - static_cast<std::ptrdiff_t>(padding), out.end(), [](char c) { return c == 0; });
     out.resize(out.size() - padding);
     return canonical;
 }

@@ -1,5 +1,5 @@
-// Inside the module qor-openssl: the few operations that passwords and logins are made of. Those that return false have set
-// the last error. Any thread.
+// Inside the module qor-openssl: the few operations that passwords and logins are made of. Those that return false have
+// set the last error. Any thread.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -44,8 +44,8 @@ std::string_view bytes_of(const digest& value) noexcept;
 bool is_base64_digit(char c) noexcept;
 std::string to_base64(std::string_view bytes);
 
-// Only what to_base64 writes: no line ends, no missing padding, no bits behind the last byte. False: it is none, and the
-// last error stays as it is.
+// Only what to_base64 writes: no line ends, no missing padding, no bits behind the last byte. False: it is none, and
+// the last error stays as it is.
 bool from_base64(std::string_view text, std::string& out);
 bool from_base64(std::string_view text, digest& out);
 

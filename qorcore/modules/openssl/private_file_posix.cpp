@@ -59,7 +59,8 @@ std::string real_path(const std::string& path) {
     return real;
 }
 
-// Files of ours in somebody else's folder would stand in his way, and he could put an earlier one in the place of a newer.
+// Files of ours in somebody else's folder would stand in his way, and he could put an earlier one in the place of a
+// newer.
 bool is_own_folder(const struct stat& status) noexcept { return status.st_uid == geteuid() || status.st_uid == 0; }
 
 // So could whoever may write in the folder, but for those with the sticky bit.
@@ -121,8 +122,8 @@ bool write_all(int file, std::string_view text) {
     return true;
 }
 
-// Those that are missing. A super-user who runs with the home folder of somebody else must not leave folders in it that this
-// one cannot use.
+// Those that are missing. A super-user who runs with the home folder of somebody else must not leave folders in it that
+// this one cannot use.
 bool make_folders(const std::string& path, std::string& reason) {
     for (std::size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1)) {
         const std::string folder = path.substr(0, slash);
@@ -143,7 +144,8 @@ bool put(int file, std::string_view text) {
     return file >= 0 && fchmod(file, S_IRUSR | S_IWUSR) == 0 && write_all(file, text) && fsync(file) == 0;
 }
 
-// The file has no name before it is whole: who is killed on the way leaves nothing behind. Not every file system can do that.
+// The file has no name before it is whole: who is killed on the way leaves nothing behind. Not every file system can do
+// that.
 bool put_nameless(const std::string& folder, std::string_view text, const std::string& name) {
     const descriptor file(open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, S_IRUSR | S_IWUSR));
     const std::string made = "/proc/self/fd/" + std::to_string(file.number());
@@ -157,7 +159,8 @@ bool put_named(std::string_view text, const std::string& name) {
 
 // The lock file, without waiting for a lock. Not open: `reason` says why.
 descriptor open_lock(const std::string& path, std::string& reason) {
-    descriptor lock(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    descriptor lock(
+        open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, S_IRUSR | S_IWUSR));
     struct stat status;
     if (lock.number() < 0 || fstat(lock.number(), &status) != 0) {
         failed(reason);
@@ -179,7 +182,8 @@ bool is_at(int file, const std::string& path) noexcept {
 
 } // namespace
 
-bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason, bool& is_missing) {
+bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason,
+                                     bool& is_missing) {
     return read_file(path, S_IRWXG | S_IRWXO, text, reason, is_missing) &&
            (is_missing || is_safe_folder(folder_of(real_path(path)), reason));
 }

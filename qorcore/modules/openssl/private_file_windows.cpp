@@ -1,5 +1,5 @@
-// Windows has no mode: what may be done with a file stands in its list of entries for accounts. Ours names the user that runs
-// this process, and nobody else.
+// Windows has no mode: what may be done with a file stands in its list of entries for accounts. Ours names the user
+// that runs this process, and nobody else.
 #include "private_file.h"
 
 #include "net.h"
@@ -18,7 +18,8 @@ using qor::control::private_file_fault;
 
 constexpr DWORD all_shares = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr DWORD reading_rights = FILE_READ_DATA | GENERIC_READ | GENERIC_ALL;
-constexpr DWORD writing_rights = FILE_WRITE_DATA | FILE_APPEND_DATA | WRITE_DAC | WRITE_OWNER | DELETE | GENERIC_WRITE | GENERIC_ALL;
+constexpr DWORD writing_rights =
+    FILE_WRITE_DATA | FILE_APPEND_DATA | WRITE_DAC | WRITE_OWNER | DELETE | GENERIC_WRITE | GENERIC_ALL;
 
 class handle {
 public:
@@ -54,8 +55,8 @@ bool failed(private_file_fault fault, std::string& reason) {
 
 std::wstring wide(const std::string& text) {
     std::wstring out(text.size(), L'\0');
-    out.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
-                                                            static_cast<int>(out.size()))));
+    out.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                            out.data(), static_cast<int>(out.size()))));
     return out;
 }
 
@@ -73,12 +74,14 @@ std::vector<unsigned char> current_user() {
     return user;
 }
 
-PSID sid_of(const std::vector<unsigned char>& user) { return reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid; }
+PSID sid_of(const std::vector<unsigned char>& user) {
+    return reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
+}
 
 // Those that can read and change everything anyhow do not count.
 bool is_trusted(PSID sid, PSID user) {
-    return EqualSid(sid, user) || IsWellKnownSid(sid, WinLocalSystemSid) || IsWellKnownSid(sid, WinBuiltinAdministratorsSid) ||
-           IsWellKnownSid(sid, WinCreatorOwnerRightsSid);
+    return EqualSid(sid, user) || IsWellKnownSid(sid, WinLocalSystemSid) ||
+           IsWellKnownSid(sid, WinBuiltinAdministratorsSid) || IsWellKnownSid(sid, WinCreatorOwnerRightsSid);
 }
 
 // Whether nobody else has one of these rights, and the file is the user's own.
@@ -89,8 +92,8 @@ bool is_own(HANDLE file, DWORD forbidden, std::string& reason) {
     PSID owner = nullptr;
     PACL list = nullptr;
     PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (const DWORD code = GetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &owner,
-                                           nullptr, &list, nullptr, &descriptor))
+    if (const DWORD code = GetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
+                                           &owner, nullptr, &list, nullptr, &descriptor))
         return failed(reason, code);
     const std::unique_ptr<void, local_freer> freed_later(descriptor);
     if (!is_trusted(owner, sid_of(user)))
@@ -122,14 +125,15 @@ bool read_all(HANDLE file, std::string& text, std::string& reason) {
     }
 }
 
-// Where others put a file in the place of one that is read, both sides are denied for a moment, whatever they share: a refusal
-// counts only once it has lasted. False: the system's last error says why.
+// Where others put a file in the place of one that is read, both sides are denied for a moment, whatever they share: a
+// refusal counts only once it has lasted. False: the system's last error says why.
 template <class TRY>
 bool succeeds_within(std::chrono::milliseconds longest, TRY attempt) {
     const auto end = std::chrono::steady_clock::now() + longest;
     while (!attempt()) {
         const DWORD code = GetLastError();
-        if ((code != ERROR_SHARING_VIOLATION && code != ERROR_ACCESS_DENIED) || std::chrono::steady_clock::now() >= end) {
+        if ((code != ERROR_SHARING_VIOLATION && code != ERROR_ACCESS_DENIED) ||
+            std::chrono::steady_clock::now() >= end) {
             SetLastError(code);
             return false;
         }
@@ -153,8 +157,8 @@ handle open_file(const std::wstring& path, DWORD access, DWORD shares, DWORD dis
 
 bool read_file(const std::string& path, DWORD forbidden, std::string& text, std::string& reason, bool& is_missing) {
     text.clear();
-    const handle file =
-        open_file(wide(path), GENERIC_READ | READ_CONTROL, all_shares, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, file_patience);
+    const handle file = open_file(wide(path), GENERIC_READ | READ_CONTROL, all_shares, OPEN_EXISTING,
+                                  FILE_ATTRIBUTE_NORMAL, file_patience);
     is_missing = !file.is_open() && (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
     if (is_missing)
         return true;
@@ -205,7 +209,8 @@ void make_folders(const std::string& path) {
 
 } // namespace
 
-bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason, bool& is_missing) {
+bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason,
+                                     bool& is_missing) {
     return read_file(path, reading_rights | writing_rights, text, reason, is_missing);
 }
 
@@ -230,8 +235,8 @@ bool qor::control::write_private_file(const std::string& path, std::string_view 
                 FlushFileBuffers(file.get());
     file.close();
     done = done && succeeds_within(file_patience, [&, place = wide(path)] {
-        return MoveFileExW(made.c_str(), place.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
-    });
+               return MoveFileExW(made.c_str(), place.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+           });
     if (!done) {
         failed(reason);
         DeleteFileW(made.c_str());
@@ -248,8 +253,8 @@ qor::control::private_file_lock::private_file_lock(const std::string& file) : m_
         return;
     }
     // What is about to be deleted counts as denied.
-    handle lock = open_file(wide(m_path), GENERIC_WRITE, 0, OPEN_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE,
-                            lock_patience, rights.get());
+    handle lock = open_file(wide(m_path), GENERIC_WRITE, 0, OPEN_ALWAYS,
+                            FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, lock_patience, rights.get());
     if (lock.is_open())
         m_handle = reinterpret_cast<std::intptr_t>(lock.release());
     else if (GetLastError() == ERROR_SHARING_VIOLATION)

@@ -25,14 +25,15 @@ bool qor::control::scram_client::final(std::string_view server_first, std::strin
     std::string salt;
     uint32 iterations;
     if (m_nonce.empty() || m_has_answered || !take_attribute(rest, 'r', nonce) || !is_nonce(nonce) ||
-        nonce.size() <= m_nonce.size() || nonce.substr(0, m_nonce.size()) != m_nonce || !take_attribute(rest, 's', salt_text) ||
-        !crypto::from_base64(salt_text, salt) || salt.empty() || !take_attribute(rest, 'i', iterations_text) ||
-        !crypto::parse_iterations(iterations_text, iterations) || !is_optional(rest))
+        nonce.size() <= m_nonce.size() || nonce.substr(0, m_nonce.size()) != m_nonce ||
+        !take_attribute(rest, 's', salt_text) || !crypto::from_base64(salt_text, salt) || salt.empty() ||
+        !take_attribute(rest, 'i', iterations_text) || !crypto::parse_iterations(iterations_text, iterations) ||
+        !is_optional(rest))
         return false;
     crypto::digest salted;
     const crypto::wiped_later of_password(salted);
-    m_has_answered = crypto::pbkdf2_sha256(m_password, salt, iterations, salted) &&
-                     answer_with(salted, server_first, nonce, answer);
+    m_has_answered =
+        crypto::pbkdf2_sha256(m_password, salt, iterations, salted) && answer_with(salted, server_first, nonce, answer);
     crypto::wipe(m_password);
     return m_has_answered;
 }
@@ -56,7 +57,8 @@ bool qor::control::scram_client::answer_with(const crypto::digest& salted_passwo
     answer.clear();
     answer.reserve(without_proof.size() + 3 + proof.size()); // a string that grows leaves copies behind
     answer.append(without_proof).append(",p=").append(proof);
-    return crypto::server_key_of(salted_password, key) && crypto::hmac_sha256(crypto::bytes_of(key), messages, m_expected);
+    return crypto::server_key_of(salted_password, key) &&
+           crypto::hmac_sha256(crypto::bytes_of(key), messages, m_expected);
 }
 
 bool qor::control::scram_client::verify(std::string_view server_final) const {

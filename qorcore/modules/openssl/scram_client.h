@@ -1,5 +1,5 @@
-// Inside the module qor-openssl: the client's side of a login. Messages go in and come out; who has the connection moves
-// them.
+// Inside the module qor-openssl: the client's side of a login. Messages go in and come out; who has the connection
+// moves them.
 #pragma once
 
 #include "primitives.h"
@@ -10,8 +10,8 @@
 
 namespace qor::control {
 
-// One login: first(), final() with what the server answers, verify() with its last word. The password is forgotten as soon
-// as it has been used. Not thread-safe. Throws std::bad_alloc.
+// One login: first(), final() with what the server answers, verify() with its last word. The password is forgotten as
+// soon as it has been used. Not thread-safe. Throws std::bad_alloc.
 class scram_client {
 public:
     // What tells the connection from every other one, for both of its ends: 32 bytes of TLS's exporter.
@@ -26,8 +26,8 @@ public:
     // The client-first-message; empty: there is no randomness to be had, and the last error says so.
     std::string first();
 
-    // The answer to a server-first-message. False: the message cannot be right, or wants fewer or more iterations than is
-    // safe; nothing was computed of the password then, and nothing may be sent.
+    // The answer to a server-first-message. False: the message cannot be right, or wants fewer or more iterations than
+    // is safe; nothing was computed of the password then, and nothing may be sent.
     bool final(std::string_view server_first, std::string& answer);
 
     // Whether a server-final-message proves that the server knows the account.

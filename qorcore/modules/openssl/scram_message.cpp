@@ -35,7 +35,8 @@ bool qor::control::is_optional(std::string_view rest) noexcept {
 }
 
 bool qor::control::is_nonce(std::string_view text) noexcept {
-    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < '\x7f' && c != ','; });
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < '\x7f' && c != ','; });
 }
 
 bool qor::control::make_nonce(std::string& out) {

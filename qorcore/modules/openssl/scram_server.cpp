@@ -14,15 +14,18 @@ bool qor::control::scram_server::first(std::string_view client_first, std::strin
     std::string_view nonce;
     std::string own_nonce;
     if (!take_attribute(rest, 'n', name) || !unescape_name(name, m_user) || !take_attribute(rest, 'r', nonce) ||
-        !is_nonce(nonce) || !is_optional(rest) || !make_nonce(own_nonce) || !m_users.look_up(m_user, m_verifier, m_is_known))
+        !is_nonce(nonce) || !is_optional(rest) || !make_nonce(own_nonce) ||
+        !m_users.look_up(m_user, m_verifier, m_is_known))
         return false;
     m_nonce = std::string(nonce) + own_nonce;
-    answer = "r=" + m_nonce + ",s=" + crypto::to_base64(m_verifier.salt) + ",i=" + std::to_string(m_verifier.iterations);
+    answer =
+        "r=" + m_nonce + ",s=" + crypto::to_base64(m_verifier.salt) + ",i=" + std::to_string(m_verifier.iterations);
     m_messages = std::string(client_first) + ',' + answer + ',';
     return true;
 }
 
-qor::control::scram_server::verdict qor::control::scram_server::final(std::string_view client_final, std::string& answer) {
+qor::control::scram_server::verdict qor::control::scram_server::final(std::string_view client_final,
+                                                                      std::string& answer) {
     // The proof stands last, and what stands before it is part of what it proves.
     const std::size_t end = client_final.rfind(",p=");
     if (m_nonce.empty() || end == client_final.npos)

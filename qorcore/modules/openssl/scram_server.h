@@ -1,5 +1,5 @@
-// Inside the module qor-openssl: the server's side of a login. Messages go in and come out; who has the connection moves
-// them.
+// Inside the module qor-openssl: the server's side of a login. Messages go in and come out; who has the connection
+// moves them.
 #pragma once
 
 #include "accounts.h"
@@ -23,8 +23,8 @@ public:
     // `binding` is what TLS's exporter gives for this connection.
     scram_server(accounts& users, const std::array<uint8, 32>& binding);
 
-    // The answer to a client-first-message. False: it is malformed, wants what is not spoken here, or there is no randomness
-    // to be had. A user that does not exist is asked for a password all the same.
+    // The answer to a client-first-message. False: it is malformed, wants what is not spoken here, or there is no
+    // randomness to be had. A user that does not exist is asked for a password all the same.
     bool first(std::string_view client_first, std::string& answer);
 
     // The answer to a client-final-message, where it is accepted.

@@ -53,7 +53,8 @@ bool make_key(const std::string& path, key_pointer& key) {
     char* text = nullptr;
     const long size = BIO_get_mem_data(bytes.get(), &text);
     std::string reason;
-    return qor::control::write_private_file(path, {text, static_cast<std::size_t>(size)}, reason) || cannot_use(path, reason);
+    return qor::control::write_private_file(path, {text, static_cast<std::size_t>(size)}, reason) ||
+           cannot_use(path, reason);
 }
 
 } // namespace
@@ -91,7 +92,8 @@ bool qor::control::secret_of_key(EVP_PKEY* key, std::string_view purpose, crypto
     const int size = i2d_PrivateKey(key, &bytes);
     if (size <= 0)
         return crypto::failed("i2d_PrivateKey");
-    const bool made = crypto::hmac_sha256({reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(size)}, purpose, out);
+    const bool made =
+        crypto::hmac_sha256({reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(size)}, purpose, out);
     OPENSSL_clear_free(bytes, static_cast<std::size_t>(size));
     return made;
 }

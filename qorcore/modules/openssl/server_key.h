@@ -9,8 +9,8 @@
 
 namespace qor::control {
 
-// The key beside a file of accounts, in "<accounts>.key": a private key of the curve P-256, PEM, its owner's alone. It is made
-// where there is none, and never changed. False: the last error says why.
+// The key beside a file of accounts, in "<accounts>.key": a private key of the curve P-256, PEM, its owner's alone. It
+// is made where there is none, and never changed. False: the last error says why.
 bool open_server_key(const std::string& accounts, crypto::key_pointer& key);
 
 // The same where the key has to be there.

@@ -50,14 +50,15 @@ std::size_t record_size(std::string_view bytes) noexcept {
     return header_size + static_cast<std::size_t>(at(3) << 8 | at(4));
 }
 
-// A message of the handshake is given room for all that it claims to be, as soon as its first bytes are there. No client of
-// ours needs more than one record for it.
+// A message of the handshake is given room for all that it claims to be, as soon as its first bytes are there. No
+// client of ours needs more than one record for it.
 bool is_modest(std::string_view record) noexcept {
     constexpr char handshake = 22;
     if (record[0] != handshake)
         return true;
-    return record.size() >= header_size + 4 && (static_cast<uint8>(record[6]) << 16 | static_cast<uint8>(record[7]) << 8 |
-                                                static_cast<uint8>(record[8])) <= qor::control::tls_channel::longest_hello;
+    return record.size() >= header_size + 4 &&
+           (static_cast<uint8>(record[6]) << 16 | static_cast<uint8>(record[7]) << 8 | static_cast<uint8>(record[8])) <=
+               qor::control::tls_channel::longest_hello;
 }
 
 // It means nothing, and OpenSSL clients send it before their last message: RFC 8446, D.4.
@@ -81,8 +82,8 @@ bool set_common(SSL_CTX* context) noexcept {
     // What is bigger is no handshake of ours.
     SSL_CTX_set_max_cert_list(context, 8192);
     return SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) == 1 &&
-           SSL_CTX_set_max_proto_version(context, TLS1_3_VERSION) == 1 &&
-           SSL_CTX_set_num_tickets(context, 0) == 1 && SSL_CTX_set_max_early_data(context, 0) == 1;
+           SSL_CTX_set_max_proto_version(context, TLS1_3_VERSION) == 1 && SSL_CTX_set_num_tickets(context, 0) == 1 &&
+           SSL_CTX_set_max_early_data(context, 0) == 1;
 }
 
 // Its contents but for the key mean nothing; some clients want them all the same.
@@ -97,8 +98,8 @@ std::unique_ptr<X509, qor::control::openssl_freer> make_certificate(EVP_PKEY* ke
         ASN1_INTEGER_set_uint64(X509_get_serialNumber(made.get()), serial >> 1) != 1 ||
         ASN1_TIME_set_string(X509_getm_notBefore(made.get()), "20000101000000Z") != 1 ||
         ASN1_TIME_set_string(X509_getm_notAfter(made.get()), "99991231235959Z") != 1 ||
-        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>("qor debug control"),
-                                   -1, -1, 0) != 1 ||
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
+                                   reinterpret_cast<const unsigned char*>("qor debug control"), -1, -1, 0) != 1 ||
         X509_set_issuer_name(made.get(), name) != 1 || X509_set_pubkey(made.get(), key) != 1 ||
         X509_sign(made.get(), key, own_digest ? nullptr : EVP_sha256()) == 0)
         return nullptr;
@@ -178,9 +179,10 @@ void qor::control::tls_channel::receive(std::string_view wire, std::string& plai
         advance(plain);
 }
 
-// OpenSSL keeps buffers of 30 KiB for the rest of the handshake, and a client may be long about it. A server that asks for early
-// data is called back once its answer is written, and those buffers are freed there; the data themselves would need a
-// ticket, and nobody has one. They are made anew for what comes next, so that has to be all that is missing.
+// OpenSSL keeps buffers of 30 KiB for the rest of the handshake, and a client may be long about it. A server that asks
+// for early data is called back once its answer is written, and those buffers are freed there; the data themselves
+// would need a ticket, and nobody has one. They are made anew for what comes next, so that has to be all that is
+// missing.
 void qor::control::tls_channel::answer_hello() {
     char nothing;
     std::size_t length = 0;
@@ -211,8 +213,8 @@ void qor::control::tls_channel::advance(std::string& plain) {
         if (result == 1) {
             m_state = state::open;
             m_awaited = awaited::anything;
-            // One for writing is made for the handshake's last message and freed after the first writing, which may be long
-            // in coming.
+            // One for writing is made for the handshake's last message and freed after the first writing, which may be
+            // long in coming.
             SSL_free_buffers(m_ssl.get());
         } else if (m_awaited == awaited::last_message && SSL_get_error(m_ssl.get(), result) == SSL_ERROR_WANT_READ)
             return fail("the last message of the handshake is in pieces");
@@ -280,8 +282,8 @@ bool qor::control::tls_channel::speaks_protocol() const noexcept {
 
 std::array<uint8, 32> qor::control::tls_channel::binding() const {
     std::array<uint8, 32> value;
-    if (SSL_export_keying_material(m_ssl.get(), value.data(), value.size(), binding_label, sizeof binding_label - 1, nullptr,
-                                   0, 1) != 1)
+    if (SSL_export_keying_material(m_ssl.get(), value.data(), value.size(), binding_label, sizeof binding_label - 1,
+                                   nullptr, 0, 1) != 1)
         throw no_memory();
     return value;
 }

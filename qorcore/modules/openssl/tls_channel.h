@@ -1,4 +1,5 @@
-// Inside the module qor-openssl: TLS without sockets. Bytes of the wire go in and come out; who owns the socket moves them.
+// Inside the module qor-openssl: TLS without sockets. Bytes of the wire go in and come out; who owns the socket moves
+// them.
 #pragma once
 
 #include "openssl_support.h"

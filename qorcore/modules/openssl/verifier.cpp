@@ -31,7 +31,8 @@ bool take_iterations_and_salt(std::string_view& text, qor::crypto::verifier& out
 bool qor::crypto::parse_iterations(std::string_view text, uint32& out) noexcept {
     const char* const end = text.data() + text.size();
     const auto [stop, failure] = std::from_chars(text.data(), end, out);
-    return failure == std::errc() && stop == end && text.front() != '0' && out >= fewest_iterations && out <= most_iterations;
+    return failure == std::errc() && stop == end && text.front() != '0' && out >= fewest_iterations &&
+           out <= most_iterations;
 }
 
 bool qor::crypto::parse_verifier(std::string_view text, verifier& out) {
@@ -54,8 +55,8 @@ bool qor::crypto::parse_beginning(std::string_view text, verifier& out) {
 
 std::string qor::crypto::format_verifier(const verifier& value) {
     std::string text(scheme);
-    text += std::to_string(value.iterations) + ':' + to_base64(value.salt) + '$' + to_base64(bytes_of(value.stored_key)) +
-            ':' + to_base64(bytes_of(value.server_key));
+    text += std::to_string(value.iterations) + ':' + to_base64(value.salt) + '$' +
+            to_base64(bytes_of(value.stored_key)) + ':' + to_base64(bytes_of(value.server_key));
     return text;
 }
 

@@ -47,8 +47,8 @@ bool make_verifier(std::string_view password, uint32 iterations, std::string_vie
 // With the usual number of iterations and a fresh salt.
 bool make_verifier(std::string_view password, verifier& out);
 
-// Whether it is the password, compared in constant time. False: the last error says why, credentials_refused where it is
-// another password.
+// Whether it is the password, compared in constant time. False: the last error says why, credentials_refused where it
+// is another password.
 bool verify_password(std::string_view password, const verifier& value);
 
 // The keys of a password that has been salted and iterated.

@@ -62,7 +62,8 @@ void wipe(char* text) noexcept {
 // factor or a new password, cannot log on this way.
 int converse(int count, const pam_message** messages, pam_response** responses, void* context) noexcept {
     auto& known = *static_cast<answer*>(context);
-    auto* const replies = static_cast<pam_response*>(std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)));
+    auto* const replies =
+        static_cast<pam_response*>(std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)));
     if (replies == nullptr)
         return PAM_BUF_ERR;
     int result = PAM_SUCCESS;
@@ -99,7 +100,8 @@ public:
         const std::string folder = own_folder();
         const std::string file = folder + '/' + service;
         struct stat status;
-        // PAM would answer for a service without a file by the rules for "other", whatever they are; and it would wait at a pipe.
+        // PAM would answer for a service without a file by the rules for "other", whatever they are; and it would wait
+        // at a pipe.
         if (stat(host_file, &status) == 0) {
             if (is_file(host_file, status))
                 m_result = pam_start(service, name, &m_conversation, &m_handle);
@@ -152,8 +154,9 @@ private:
     int m_result = PAM_SUCCESS;
 };
 
-// To PAM a locked password is one that no word fits: an exclamation mark stands in front of its hash. Who knows the word that
-// fitted before is told; for everybody else it is a wrong one. Only who may read the shadow file gets that far.
+// To PAM a locked password is one that no word fits: an exclamation mark stands in front of its hash. Who knows the
+// word that fitted before is told; for everybody else it is a wrong one. Only who may read the shadow file gets that
+// far.
 bool fits_locked_password(const char* name, const char* password) {
     std::vector<char> buffer(1024);
     spwd entry;

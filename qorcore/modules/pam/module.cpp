@@ -1,6 +1,6 @@
 // The module qor-pam: what libqor does with PAM.
-#include "authenticator.h"
 #include "qor/glue/module.h"
+#include "authenticator.h"
 
 #include <cstring>
 

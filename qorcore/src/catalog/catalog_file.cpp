@@ -84,8 +84,7 @@ std::optional<uint32> take_number(std::string_view& line) noexcept {
 
 } // namespace
 
-qor::catalog::translation qor::catalog::parse_catalog(std::string_view content,
-                                                      std::span<const message> english) {
+qor::catalog::translation qor::catalog::parse_catalog(std::string_view content, std::span<const message> english) {
     translation texts;
     while (!content.empty()) {
         std::string_view line = take_line(content);
@@ -107,8 +106,7 @@ qor::catalog::translation qor::catalog::parse_catalog(std::string_view content,
     return texts;
 }
 
-qor::catalog::translation qor::catalog::load_catalog(const std::string& path,
-                                                     std::span<const message> english) {
+qor::catalog::translation qor::catalog::load_catalog(const std::string& path, std::span<const message> english) {
     std::string content;
     return file::read_whole(path.c_str(), max_size, content) ? parse_catalog(content, english) : translation();
 }

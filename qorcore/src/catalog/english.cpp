@@ -178,12 +178,15 @@ constexpr message qorcore[] = {
     {1055, "the name is none"},
     {1056, "what stands behind the name is no stored password"},
     {1057, "the name stands in an earlier line, too"},
-    {1058, "it is no private key of the curve P-256, or a damaged one; taken away, it is replaced by a new one, which consoles do not know yet"},
+    {1058, "it is no private key of the curve P-256, or a damaged one; taken away, it is replaced by a new one, which "
+           "consoles do not know yet"},
     {1059, "the folder '{1}' belongs to somebody else"},
     {1060, "others may change what is in the folder '{1}', which 'chmod go-w' takes away"},
     {1061, "another program of the same user has held the lock '{1}' for 20 seconds"},
-    {1062, " The listener has not proved itself yet. Before a password is typed again, compare the fingerprint of its key, {1}, with what 'qor-debug-user fingerprint' prints there."},
-    {1063, "The key of '{1}', port {2}, is not known here yet. Its fingerprint is {3}; 'qor-debug-user fingerprint' prints the right one where the listener runs."},
+    {1062, " The listener has not proved itself yet. Before a password is typed again, compare the fingerprint of its "
+           "key, {1}, with what 'qor-debug-user fingerprint' prints there."},
+    {1063, "The key of '{1}', port {2}, is not known here yet. Its fingerprint is {3}; 'qor-debug-user fingerprint' "
+           "prints the right one where the listener runs."},
     {1065, "--qor-debug-listen=[HOST:]PORT"},
     {1066, "Let 'qortool debug-control' switch trace codes here (or set QOR_DEBUG_LISTEN)."},
     {1067, "--qor-debug-users=FILE"},
@@ -214,9 +217,7 @@ static_assert(std::ranges::all_of(catalogs, [](const built_in& each) {
 
 } // namespace
 
-std::span<const qor::catalog::built_in> qor::catalog::english() noexcept {
-    return catalogs;
-}
+std::span<const qor::catalog::built_in> qor::catalog::english() noexcept { return catalogs; }
 
 const message* qor::catalog::find_message(std::span<const message> messages, uint32 number) noexcept {
     const auto found = std::ranges::lower_bound(messages, number, {}, &message::number);

@@ -10,24 +10,12 @@ constexpr std::size_t max_name = 40;
 constexpr std::string_view separators = ":,";
 constexpr std::string_view english = "en";
 
-constexpr bool is_lower(char c) noexcept {
-    return c >= 'a' && c <= 'z';
-}
-constexpr bool is_upper(char c) noexcept {
-    return c >= 'A' && c <= 'Z';
-}
-constexpr bool is_letter(char c) noexcept {
-    return is_lower(c) || is_upper(c);
-}
-constexpr bool is_alphanumeric(char c) noexcept {
-    return is_letter(c) || (c >= '0' && c <= '9');
-}
-constexpr char to_lower(char c) noexcept {
-    return is_upper(c) ? static_cast<char>(c - 'A' + 'a') : c;
-}
-constexpr char to_upper(char c) noexcept {
-    return is_lower(c) ? static_cast<char>(c - 'a' + 'A') : c;
-}
+constexpr bool is_lower(char c) noexcept { return c >= 'a' && c <= 'z'; }
+constexpr bool is_upper(char c) noexcept { return c >= 'A' && c <= 'Z'; }
+constexpr bool is_letter(char c) noexcept { return is_lower(c) || is_upper(c); }
+constexpr bool is_alphanumeric(char c) noexcept { return is_letter(c) || (c >= '0' && c <= '9'); }
+constexpr char to_lower(char c) noexcept { return is_upper(c) ? static_cast<char>(c - 'A' + 'a') : c; }
+constexpr char to_upper(char c) noexcept { return is_lower(c) ? static_cast<char>(c - 'a' + 'A') : c; }
 
 // Takes the text in front of the first separator, and that separator, off `rest`.
 std::string_view take_part(std::string_view& rest, std::string_view between) noexcept {
@@ -60,8 +48,7 @@ std::string qor::catalog::canonical_language(std::string_view name) {
         return {};
 
     const std::string_view language = take_part(name, "_-");
-    if (language.size() < 2 || language.size() > 8 ||
-        !std::all_of(language.begin(), language.end(), is_letter))
+    if (language.size() < 2 || language.size() > 8 || !std::all_of(language.begin(), language.end(), is_letter))
         return {};
     std::string result(language);
     std::transform(result.begin(), result.end(), result.begin(), to_lower);

@@ -6,9 +6,7 @@
 
 namespace {
 
-std::string_view name_of(const char* catalog) noexcept {
-    return catalog != nullptr ? catalog : "";
-}
+std::string_view name_of(const char* catalog) noexcept { return catalog != nullptr ? catalog : ""; }
 
 // Without a language it is the user's choice.
 std::string_view find_text(const char* catalog, uint32 number, const char* language = nullptr) {
@@ -38,8 +36,7 @@ bool qor::glue::qorString_FormatEx(qorString* self, const char* catalog, uint32 
     return assign_expanded(*self, find_text(catalog, number, language), inserts);
 }
 
-void qor::glue::qorString_FormatString(qorString* self, const char* text,
-                                       const char* const* inserts) noexcept {
+void qor::glue::qorString_FormatString(qorString* self, const char* text, const char* const* inserts) noexcept {
     assign_expanded(*self, text != nullptr ? text : "", inserts);
 }
 

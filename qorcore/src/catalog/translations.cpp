@@ -29,12 +29,11 @@ std::string_view qor::catalog::translations::find(std::string_view catalog, uint
 }
 
 bool qor::catalog::translations::has(std::string_view language) {
-    return std::ranges::any_of(
-        english(), [&](const built_in& each) { return !load(each.name, language, each.messages).empty(); });
+    return std::ranges::any_of(english(),
+                               [&](const built_in& each) { return !load(each.name, language, each.messages).empty(); });
 }
 
-const qor::catalog::translation& qor::catalog::translations::load(std::string_view catalog,
-                                                                  std::string_view language,
+const qor::catalog::translation& qor::catalog::translations::load(std::string_view catalog, std::string_view language,
                                                                   std::span<const message> messages) {
     std::string name(catalog);
     name.append(".").append(language).append(".msg");

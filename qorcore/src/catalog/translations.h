@@ -27,8 +27,7 @@ public:
     bool has(std::string_view language);
 
 private:
-    const translation& load(std::string_view catalog, std::string_view language,
-                            std::span<const message> messages);
+    const translation& load(std::string_view catalog, std::string_view language, std::span<const message> messages);
 
     finder m_find_file;
     std::mutex m_mutex;

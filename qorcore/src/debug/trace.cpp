@@ -34,10 +34,11 @@ using rule_list = std::vector<std::shared_ptr<const rule>>; // a list is never c
 // Never destroyed: objects that trace may live until the very end of the process.
 struct shared_state {
     std::mutex switching; // one switch after the other: they may be many, and strangers'
-    // The process's own threads take only this one, which is held for no longer than it takes to look a name up or to set a flag.
+    // The process's own threads take only this one, which is held for no longer than it takes to look a name up or to
+    // set a flag.
     std::mutex lock;
-    std::unordered_map<std::string, uint32> codes;                           // the texts of the names
-    std::atomic<uint32> count{1};                                            // of names
+    std::unordered_map<std::string, uint32> codes;                          // the texts of the names
+    std::atomic<uint32> count{1};                                           // of names
     std::shared_ptr<const rule_list> rules = std::make_shared<rule_list>(); // for codes to come; the last match counts
     uint64 last_number = 0;
 };
@@ -103,7 +104,8 @@ uint32 qor::glue::qorDebugAllocateCode(const char* name) noexcept {
         return 0;
     }
     // Switches that came since the list was taken are on their way to this code, too.
-    const auto last = std::find_if(rules->rbegin(), rules->rend(), [name](const auto& each) { return each->pattern.matches(name); });
+    const auto last =
+        std::find_if(rules->rbegin(), rules->rend(), [name](const auto& each) { return each->pattern.matches(name); });
     if (last != rules->rend())
         decide(code, (*last)->enable, (*last)->number);
     return code;
@@ -185,6 +187,4 @@ char* qor::glue::qorDebugMakeName(const char* format, std::va_list arguments) no
     return qor_do_strdup(text.Text(), "qorcore/src/debug/trace", __LINE__);
 }
 
-void qor::glue::qorDebugFreeName(char* name) noexcept {
-    qor_do_free(name, "qorcore/src/debug/trace", __LINE__);
-}
+void qor::glue::qorDebugFreeName(char* name) noexcept { qor_do_free(name, "qorcore/src/debug/trace", __LINE__); }

@@ -140,7 +140,7 @@ private:
 
     qor::file::raw_file m_file;
     bool m_is_attached = false;
-    std::string m_name; // of a file on a disk; empty for a pipe or a device
+    std::string m_name;      // of a file on a disk; empty for a pipe or a device
     bool m_may_keep = false; // else each line is written at once
     surviving_memory m_rest;
     std::size_t m_kept = 0; // bytes in m_rest
@@ -191,9 +191,8 @@ std::string_view thread_text() noexcept {
     } known;
     if (const unsigned now = generation.load(std::memory_order_relaxed); known.generation != now) {
         known.generation = now;
-        known.length =
-            static_cast<std::size_t>(std::snprintf(known.text, sizeof known.text, "%lu:%lu ",
-                                                   qor::process::process_id(), qor::process::thread_id()));
+        known.length = static_cast<std::size_t>(std::snprintf(known.text, sizeof known.text, "%lu:%lu ",
+                                                              qor::process::process_id(), qor::process::thread_id()));
     }
     return {known.text, known.length};
 }

@@ -1,6 +1,6 @@
-// Inside tracing: names with `*`, which stands for any bytes, also for none. Every other byte stands for itself, and nothing takes
-// a star's meaning away. Strangers may give both patterns and, by what they make a process do, names: a match takes no more
-// comparisons than twice the bytes of the name.
+// Inside tracing: names with `*`, which stands for any bytes, also for none. Every other byte stands for itself, and
+// nothing takes a star's meaning away. Strangers may give both patterns and, by what they make a process do, names: a
+// match takes no more comparisons than twice the bytes of the name.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -26,12 +26,13 @@ public:
     template <class SAME>
     bool matches(std::string_view name, SAME same) const noexcept;
 
-    // Whether it matches all that the other one does: a pattern that matches the other's text, stars as they stand, does.
+    // Whether it matches all that the other one does: a pattern that matches the other's text, stars as they stand,
+    // does.
     bool covers(const trace_pattern& other) const noexcept { return matches(other.m_text); }
 
 private:
-    // A text between two stars, which may begin anywhere. After as many bytes of it as its index tells, a byte that differs makes it
-    // go on with `shorter` bytes found: the longest beginning of it that is an end of what was found.
+    // A text between two stars, which may begin anywhere. After as many bytes of it as its index tells, a byte that
+    // differs makes it go on with `shorter` bytes found: the longest beginning of it that is an end of what was found.
     struct piece {
         std::string text;
         std::vector<uint32> shorter;

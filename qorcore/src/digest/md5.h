@@ -24,8 +24,8 @@ private:
     void take_blocks(const uint8* bytes, std::size_t count) noexcept;
 
     uint32 m_state[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
-    uint64 m_size = 0;               // of the message so far, in bytes
-    uint8 m_rest[block_size] = {};   // what does not fill a block yet
+    uint64 m_size = 0;             // of the message so far, in bytes
+    uint8 m_rest[block_size] = {}; // what does not fill a block yet
 };
 
 } // namespace qor::digest

@@ -27,9 +27,8 @@ static_assert(std::is_sorted(std::begin(definitions), std::end(definitions),
                              [](const definition& a, const definition& b) { return a.number < b.number; }));
 
 const definition* find_definition(uint32 number) noexcept {
-    const auto* const found =
-        std::lower_bound(std::begin(definitions), std::end(definitions), number,
-                         [](const definition& a, uint32 wanted) { return a.number < wanted; });
+    const auto* const found = std::lower_bound(std::begin(definitions), std::end(definitions), number,
+                                               [](const definition& a, uint32 wanted) { return a.number < wanted; });
     return found != std::end(definitions) && found->number == number ? found : nullptr;
 }
 

@@ -2,8 +2,8 @@
 #include "catalog/catalog.h"
 #include "error/error_state.h"
 #include "memory/allocator.h"
-#include "qor/system/template/Object.h"
 #include "process/process.h"
+#include "qor/system/template/Object.h"
 
 namespace {
 
@@ -29,9 +29,7 @@ public:
         return text.Put(stream, newline);
     }
 
-    void Report() noexcept override {
-        fputmsg(stderr, "qorcore", 1020, qor::process::name(), m_error.text().c_str());
-    }
+    void Report() noexcept override { fputmsg(stderr, "qorcore", 1020, qor::process::name(), m_error.text().c_str()); }
 
     const qor::error::state& error() const noexcept { return m_error; }
 
@@ -79,8 +77,7 @@ void qor::glue::qorSetLastErrorMessage(IQORErrorMessage* message) noexcept {
     qor::error::make_current(static_cast<error_message*>(message)->error());
 }
 
-void qor::glue::create_IQORErrorMessage(uint32 number, const char* const* inserts,
-                                        IQORErrorMessage** out) noexcept {
+void qor::glue::create_IQORErrorMessage(uint32 number, const char* const* inserts, IQORErrorMessage** out) noexcept {
     create(qor::error::state(number, inserts), out);
 }
 

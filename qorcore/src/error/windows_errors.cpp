@@ -43,8 +43,7 @@ constexpr translation translations[] = {
 } // namespace
 
 uint32 qor::glue::qorTranslateMSWindowsError(uint32 code) noexcept {
-    const auto* const found =
-        std::lower_bound(std::begin(translations), std::end(translations), code,
-                         [](const translation& row, uint32 wanted) { return row.code < wanted; });
+    const auto* const found = std::lower_bound(std::begin(translations), std::end(translations), code,
+                                               [](const translation& row, uint32 wanted) { return row.code < wanted; });
     return found != std::end(translations) && found->code == code ? found->number : qorError_unknown;
 }

@@ -9,11 +9,13 @@ namespace qor::file {
 
 class raw_file {
 public:
-    // `read` is for what the user names, which may be a pipe or a device and then makes him wait. `regular` is for all that the
-    // library looks for by itself, and for reading at any place: it takes files on a disk only, and never waits.
+    // `read` is for what the user names, which may be a pipe or a device and then makes him wait. `regular` is for all
+    // that the library looks for by itself, and for reading at any place: it takes files on a disk only, and never
+    // waits.
     enum class access { read, regular, truncate, append, create };
 
-    // The codes of open() where `regular` meets a pipe or a device, and where a file that it should create is there already.
+    // The codes of open() where `regular` meets a pipe or a device, and where a file that it should create is there
+    // already.
     static const int not_regular;
     static const int is_taken;
 

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <poll.h>
 #include <limits>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -139,8 +139,8 @@ int qor::file::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t 
     constexpr std::uint64_t end = std::numeric_limits<off_t>::max();
     char* const begin = static_cast<char*>(bytes);
     for (*count = 0; *count < size && offset + *count <= end;) {
-        const ssize_t got = pread(static_cast<int>(m_handle), begin + *count, size - *count,
-                                  static_cast<off_t>(offset + *count));
+        const ssize_t got =
+            pread(static_cast<int>(m_handle), begin + *count, size - *count, static_cast<off_t>(offset + *count));
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0)

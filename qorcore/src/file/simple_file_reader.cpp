@@ -51,7 +51,8 @@ public:
         m_next = static_cast<std::size_t>(end - m_block) + 1;
         if (end != text && end[-1] == '\r' && !(m_ended_by_us && m_next == m_lines_end))
             --end;
-        qor::glue::qorString_Set(&line, text, static_cast<uint32>(std::min<std::size_t>(static_cast<std::size_t>(end - text), 0xffffffff)));
+        qor::glue::qorString_Set(
+            &line, text, static_cast<uint32>(std::min<std::size_t>(static_cast<std::size_t>(end - text), 0xffffffff)));
         return true;
     }
 
@@ -96,7 +97,8 @@ private:
                 m_lines_end = m_end;
                 return true;
             }
-            if (const std::size_t last = std::string_view(m_block + begin, m_end - begin).rfind('\n'); last != std::string_view::npos) {
+            if (const std::size_t last = std::string_view(m_block + begin, m_end - begin).rfind('\n');
+                last != std::string_view::npos) {
                 m_lines_end = begin + last + 1;
                 return true;
             }
@@ -133,7 +135,8 @@ private:
         return true;
     }
 
-    // False: the file ends here, or cannot be read. Behind what could not be read nothing is looked for: a part would be missing.
+    // False: the file ends here, or cannot be read. Behind what could not be read nothing is looked for: a part would
+    // be missing.
     bool read_more() {
         if (m_failed != 0) {
             qor::error::set_with_reason(qorError_cannot_read_file, m_path.c_str(), m_failed);
@@ -143,8 +146,8 @@ private:
             enlarge();
         if (m_before_wait != nullptr && m_file.has_to_wait())
             m_before_wait(m_context);
-        // A huge line leaves a huge block behind; what comes next still goes through the cache. The longest line may lack
-        // its end only, for which there is room.
+        // A huge line leaves a huge block behind; what comes next still goes through the cache. The longest line may
+        // lack its end only, for which there is room.
         const std::size_t wanted = std::clamp<std::size_t>(m_size - m_end, 1, block_size);
         std::size_t count = 0;
         m_failed = m_file.read(m_block + m_end, wanted, &count);

@@ -29,8 +29,8 @@ std::string real_path(const char* path) {
     return real != nullptr ? real.get() : std::string();
 }
 
-// Asked for once by each user that the process runs as: it takes longer than all else here, and every folder of the user
-// may need it.
+// Asked for once by each user that the process runs as: it takes longer than all else here, and every folder of the
+// user may need it.
 std::string home_of_account() {
     static std::mutex lock;
     static std::string& known = *new std::string;

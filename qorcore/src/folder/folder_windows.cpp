@@ -58,7 +58,8 @@ const place& place_of(qorFolderId id) {
 
 // Both return the system's code, 0 for success.
 DWORD known_folder(const KNOWNFOLDERID& known, std::string& path) {
-    auto* const ask = qor::process::find_function<decltype(SHGetKnownFolderPath)>(L"shell32.dll", "SHGetKnownFolderPath");
+    auto* const ask =
+        qor::process::find_function<decltype(SHGetKnownFolderPath)>(L"shell32.dll", "SHGetKnownFolderPath");
     auto* const release = qor::process::find_function<decltype(CoTaskMemFree)>(L"ole32.dll", "CoTaskMemFree");
     if (ask == nullptr || release == nullptr)
         return GetLastError();

@@ -7,9 +7,7 @@ namespace {
 // The file has a few hundred bytes.
 constexpr std::size_t max_size = 1 << 20;
 
-void skip_blanks(std::string_view& text) {
-    text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
-}
+void skip_blanks(std::string_view& text) { text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size())); }
 
 bool take(std::string_view& text, std::string_view word) {
     if (!text.starts_with(word))

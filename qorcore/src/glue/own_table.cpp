@@ -12,6 +12,4 @@ constinit const qor::glue::binding_table qor::glue::own_table = {
 #undef QOR_ROOM
 };
 
-uint32 qor::glue::qorGetTableLength() noexcept {
-    return slot_count;
-}
+uint32 qor::glue::qorGetTableLength() noexcept { return slot_count; }

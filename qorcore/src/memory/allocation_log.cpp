@@ -66,8 +66,7 @@ void qor::memory::allocation_log::allocated(const live_block& block) {
         add(" ");
         add_word(block.file);
         add(block.line < 0 ? " -" : " ");
-        add_number(
-            block.line < 0 ? 0u - static_cast<unsigned>(block.line) : static_cast<unsigned>(block.line), 10);
+        add_number(block.line < 0 ? 0u - static_cast<unsigned>(block.line) : static_cast<unsigned>(block.line), 10);
     }
     end_line();
 }

@@ -119,8 +119,7 @@ bool note_end(const void* block, block_type type) {
     const qor::memory::live_block* const known = state().blocks.find(block);
     const bool is_huge = type == block_type::huge;
     // Pages and blocks of malloc are not given back in the same way.
-    const bool is_bad =
-        known != nullptr ? is_huge != (known->type == block_type::huge) : !state().has_forgotten;
+    const bool is_bad = known != nullptr ? is_huge != (known->type == block_type::huge) : !state().has_forgotten;
     if (state().log.is_open()) {
         if (known != nullptr || is_bad)
             state().log.freed(block, known != nullptr ? known->type : type);
@@ -134,14 +133,11 @@ bool note_end(const void* block, block_type type) {
 // The C library would give nothing, or take the block away, for a size of 0; here it stays a block.
 std::size_t at_least_a_byte(uint64 size) noexcept { return size != 0 ? size : 1; }
 
-void* change_size(void* block, uint64 size) noexcept {
-    return qor::memory::change_size(block, at_least_a_byte(size));
-}
+void* change_size(void* block, uint64 size) noexcept { return qor::memory::change_size(block, at_least_a_byte(size)); }
 
 void* allocate(uint64 alignment, uint64 size, block_type type, const char* file, int line) noexcept {
-    void* const block = alignment <= alignof(std::max_align_t)
-                            ? std::malloc(at_least_a_byte(size))
-                            : qor::memory::allocate_aligned(alignment, size);
+    void* const block = alignment <= alignof(std::max_align_t) ? std::malloc(at_least_a_byte(size))
+                                                               : qor::memory::allocate_aligned(alignment, size);
     if (block != nullptr && is_tracking()) [[unlikely]] {
         guard hold;
         if (!state().blocks.make_room()) {
@@ -173,8 +169,7 @@ void* reallocate_tracked(void* block, uint64 size, const char* file, int line) {
         return nullptr;
     const qor::memory::live_block* const known = state().blocks.find(block);
     const qor::memory::live_block old =
-        known != nullptr ? *known
-                         : qor::memory::live_block{block, 0, block_type::memory, file, line, nullptr, 0};
+        known != nullptr ? *known : qor::memory::live_block{block, 0, block_type::memory, file, line, nullptr, 0};
     if (!note_end(block, block_type::memory)) {
         // Not a live block: the caller gets the memory that it asked for, and the report the bad free.
         hold.unlock();
@@ -201,8 +196,8 @@ void finish_log() noexcept {
     state().log.finish();
 }
 
-// The log is worth most where memory has run out. But it may be in the making, by this thread even, as the state that it is
-// part of may be, and to end it may need memory again.
+// The log is worth most where memory has run out. But it may be in the making, by this thread even, as the state that
+// it is part of may be, and to end it may need memory again.
 void begin_last_words() noexcept {
     static std::atomic<bool> begun{false};
     shared_state* const shared = complete_state;
@@ -222,8 +217,7 @@ int open_log(shared_state& shared, const std::string& name) {
         return reason;
     // The programs that this process starts inherit the variable: they are not to write over its log.
     if (qor::process::environment(qor::memory::log_variable) != nullptr)
-        qor::process::set_environment(qor::memory::log_variable,
-                                      qor::memory::log_name_for_children(name).c_str());
+        qor::process::set_environment(qor::memory::log_variable, qor::memory::log_name_for_children(name).c_str());
     tracking.store(true, std::memory_order_release);
     qor::process::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child);
     std::atexit([] { finish_log(); });
@@ -327,8 +321,7 @@ void qor::glue::qor_do_huge_free(void* block, const char* file, int line) noexce
     if (size != 0)
         qor::memory::unmap_pages(block, size);
     else if (alive)
-        qorAssertFailed("block is a live huge block", "void qor_do_huge_free(void*, const char*, int)", file,
-                        line);
+        qorAssertFailed("block is a live huge block", "void qor_do_huge_free(void*, const char*, int)", file, line);
 }
 
 void* qor::glue::qor_do_new(uint64 size, const char* file, int line) noexcept {

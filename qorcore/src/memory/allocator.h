@@ -21,8 +21,8 @@ TYPE* found(TYPE* result) noexcept {
     return result;
 }
 
-// Makes an object for a caller, who holds the new reference. False: there is no memory for it, *out is as it was, and the
-// last error says so.
+// Makes an object for a caller, who holds the new reference. False: there is no memory for it, *out is as it was, and
+// the last error says so.
 template <class OBJECT, class INTERFACE, class... ARGUMENTS>
 bool make(const char* file, int line, INTERFACE** out, ARGUMENTS&&... arguments) noexcept {
     try {

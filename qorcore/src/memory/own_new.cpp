@@ -1,9 +1,9 @@
 // operator new of libqor alone: nothing else sees it, since the library exports one symbol and brings its C++ run-time
 // (where it does not, this file is left out: the run-time's own code and the library's would free each other's blocks).
 //
-// The operations behind the table have no way to pass an exception on to their callers, and most of them none to fail. So
-// where there is no memory for the library's own use it does not throw: the process ends in words, wherever that was.
-// Blocks for a caller come from the tracked allocator, which tells its caller.
+// The operations behind the table have no way to pass an exception on to their callers, and most of them none to fail.
+// So where there is no memory for the library's own use it does not throw: the process ends in words, wherever that
+// was. Blocks for a caller come from the tracked allocator, which tells its caller.
 //
 // Types that are aligned to more than malloc grants have none: the library makes no such object on the heap.
 //

@@ -19,8 +19,7 @@ void ask_for_huge_pages(void* block, uint64 size) {
 } // namespace
 
 void* qor::memory::map_pages(uint64 size) noexcept {
-    void* const pages =
-        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* const pages = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return pages != MAP_FAILED ? pages : nullptr;
 }
 

@@ -52,8 +52,7 @@ void* qor::glue::qorVector_Insert(qorVector* self, unsigned index, unsigned coun
     index = std::min(index, data.count);
     unsigned char* const opened = element(*self, index);
     if (index != data.count && count != 0)
-        std::memmove(element(*self, uint64{index} + count), opened,
-                     std::size_t{data.count - index} * data.chunk_size);
+        std::memmove(element(*self, uint64{index} + count), opened, std::size_t{data.count - index} * data.chunk_size);
     data.count += count;
     return opened;
 }
@@ -66,8 +65,7 @@ void qor::glue::qorVector_Collapse(qorVector* self, unsigned index, unsigned cou
         return;
     const unsigned tail = data.count - index - count;
     if (tail != 0)
-        std::memmove(element(*self, index), element(*self, uint64{index} + count),
-                     std::size_t{tail} * data.chunk_size);
+        std::memmove(element(*self, index), element(*self, uint64{index} + count), std::size_t{tail} * data.chunk_size);
     data.count -= count;
 }
 

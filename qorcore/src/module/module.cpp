@@ -15,15 +15,16 @@ namespace {
 using qor::glue::module_point;
 using qor::glue::module_table;
 
-// Looks at the file before the loader does, which would wait for the other end of a pipe. False: the last error says what is
-// wrong with it.
+// Looks at the file before the loader does, which would wait for the other end of a pipe. False: the last error says
+// what is wrong with it.
 bool is_usable(const std::string& path) {
     using qor::file::raw_file;
     const int code = raw_file().open(path.c_str(), raw_file::access::regular);
     if (raw_file::is_missing(code))
         qor::error::set(qorError_module_missing, {path.c_str()});
     else if (code == raw_file::not_regular)
-        qor::error::set(qorError_module_damaged, {path.c_str(), std::string(qor::catalog::find("qorcore", 1052)).c_str()});
+        qor::error::set(qorError_module_damaged,
+                        {path.c_str(), std::string(qor::catalog::find("qorcore", 1052)).c_str()});
     else if (code != 0)
         qor::error::set_with_reason(qorError_module_damaged, path.c_str(), code);
     return code == 0;
@@ -61,8 +62,7 @@ const module_table* find(const char* module) {
 
 } // namespace
 
-bool qor::module::create_object(const char* module, const char* interface_name, const char* kind,
-                                void** out) noexcept {
+bool qor::module::create_object(const char* module, const char* interface_name, const char* kind, void** out) noexcept {
     const module_table* const table = find(module);
     return table != nullptr && table->create_object(interface_name, kind, out);
 }

@@ -98,9 +98,12 @@ void qor::glue::qorAddressToString_ipv6(const qoraddr_ipv6& address, uint32 scop
 
 void qor::glue::qorAddressToString_host(const qorHostAddress& address, bool with_scope, qorString& out) noexcept {
     switch (address.family) {
-    case qorAddressFamily::ipv4: return qorAddressToString_ipv4(address.ipv4, out);
-    case qorAddressFamily::ipv6: return qorAddressToString_ipv6(address.ipv6, with_scope ? address.scope : 0, out);
-    case qorAddressFamily::none: break;
+    case qorAddressFamily::ipv4:
+        return qorAddressToString_ipv4(address.ipv4, out);
+    case qorAddressFamily::ipv6:
+        return qorAddressToString_ipv6(address.ipv6, with_scope ? address.scope : 0, out);
+    case qorAddressFamily::none:
+        break;
     }
     string::assign(out, {});
 }

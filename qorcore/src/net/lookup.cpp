@@ -1,5 +1,5 @@
-#include "memory/allocator.h"
 #include "net/lookup.h"
+#include "memory/allocator.h"
 
 #include "error/error.h"
 #include "qor/system/template/Object.h"

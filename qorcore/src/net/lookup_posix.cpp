@@ -67,14 +67,21 @@ qor::net::lookup_failure failure_of(int result, int system_code) {
         return qor::net::lookup_failure{qorError_lookup_failed, std::string(reason)};
     };
     switch (result) {
-    case EAI_NONAME: return {qorError_no_such_host, {}};
+    case EAI_NONAME:
+        return {qorError_no_such_host, {}};
     case EAI_NODATA:
-    case EAI_ADDRFAMILY: return {qorError_host_without_address, {}};
-    case EAI_AGAIN: return {has_network() ? qorError_no_answer : qorError_no_network, {}};
-    case EAI_MEMORY: return {qorError_out_of_memory, {}};
-    case EAI_IDN_ENCODE: return other(qor::catalog::find("qorcore", has_libidn2() ? 1080 : 1081));
-    case EAI_SYSTEM: return other(qor::error::system_reason(system_code));
-    default: return other(gai_strerror(result));
+    case EAI_ADDRFAMILY:
+        return {qorError_host_without_address, {}};
+    case EAI_AGAIN:
+        return {has_network() ? qorError_no_answer : qorError_no_network, {}};
+    case EAI_MEMORY:
+        return {qorError_out_of_memory, {}};
+    case EAI_IDN_ENCODE:
+        return other(qor::catalog::find("qorcore", has_libidn2() ? 1080 : 1081));
+    case EAI_SYSTEM:
+        return other(qor::error::system_reason(system_code));
+    default:
+        return other(gai_strerror(result));
     }
 }
 

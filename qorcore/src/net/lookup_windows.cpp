@@ -34,13 +34,19 @@ private:
 
 qor::net::lookup_failure failure_of(int code) {
     switch (code) {
-    case WSAHOST_NOT_FOUND: return {qorError_no_such_host, {}};
-    case WSANO_DATA: return {qorError_host_without_address, {}};
-    case WSATRY_AGAIN: return {qorError_no_answer, {}};
+    case WSAHOST_NOT_FOUND:
+        return {qorError_no_such_host, {}};
+    case WSANO_DATA:
+        return {qorError_host_without_address, {}};
+    case WSATRY_AGAIN:
+        return {qorError_no_answer, {}};
     case WSAENETDOWN:
-    case WSAENETUNREACH: return {qorError_no_network, {}};
-    case WSA_NOT_ENOUGH_MEMORY: return {qorError_out_of_memory, {}};
-    default: return {qorError_lookup_failed, qor::error::system_reason(code)};
+    case WSAENETUNREACH:
+        return {qorError_no_network, {}};
+    case WSA_NOT_ENOUGH_MEMORY:
+        return {qorError_out_of_memory, {}};
+    default:
+        return {qorError_lookup_failed, qor::error::system_reason(code)};
     }
 }
 

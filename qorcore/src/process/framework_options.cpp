@@ -108,8 +108,7 @@ bool read_option(const char* word, settings& wanted) {
         wanted.values[i] = text.substr(equals + 1);
         return true;
     }
-    qor::error::set(qorError_unknown_framework_option,
-                    {std::string(word, prefix.size() + equals).c_str()});
+    qor::error::set(qorError_unknown_framework_option, {std::string(word, prefix.size() + equals).c_str()});
     return false;
 }
 
@@ -130,9 +129,9 @@ bool take_from(qorStringArray& args, settings& wanted) {
     return understood;
 }
 
-// A variable that is for the process it was given to gets the number of that process behind it: "7447/1234". Those that this
-// process starts inherit it and leave it alone; a program that takes its place has it still. False: it is for another
-// process.
+// A variable that is for the process it was given to gets the number of that process behind it: "7447/1234". Those that
+// this process starts inherit it and leave it alone; a program that takes its place has it still. False: it is for
+// another process.
 bool claim(const char* variable, std::string& value) {
     const std::string mark = '/' + std::to_string(qor::process::process_id());
     const std::size_t slash = value.rfind('/');

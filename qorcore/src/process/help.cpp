@@ -13,14 +13,12 @@ constexpr std::size_t column = 38;
 
 // What takes a place on the screen: bytes that continue a character do not.
 std::size_t width(const std::string& text) {
-    return static_cast<std::size_t>(
-        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
 }
 
 } // namespace
 
-void qor::glue::qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 syntax,
-                                 uint32 description) noexcept {
+void qor::glue::qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 syntax, uint32 description) noexcept {
     qorString left;
     qorString right;
     left.LoadString(catalog, syntax);

@@ -12,8 +12,8 @@ void set_name(const char* name);
 unsigned long process_id() noexcept;
 unsigned long thread_id() noexcept;
 
-// Whether the calling thread is the one with which the process ends, if none calls exit. Windows does not tell; there it is
-// the one that loaded the library.
+// Whether the calling thread is the one with which the process ends, if none calls exit. Windows does not tell; there
+// it is the one that loaded the library.
 bool is_main_thread() noexcept;
 
 // From now on the end of the calling thread calls `run`, the same in all threads. Not for the main thread.

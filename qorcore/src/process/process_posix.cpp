@@ -38,8 +38,8 @@ unsigned long qor::process::process_id() noexcept { return static_cast<unsigned 
 unsigned long qor::process::thread_id() noexcept { return static_cast<unsigned long>(gettid()); }
 bool qor::process::is_main_thread() noexcept { return gettid() == getpid(); }
 
-// No destructor of a thread_local object: to note one takes memory, and the C library aborts where there is none. Where there is
-// no key left the end of a thread is not told.
+// No destructor of a thread_local object: to note one takes memory, and the C library aborts where there is none. Where
+// there is no key left the end of a thread is not told.
 void qor::process::at_thread_end(void (*run)()) noexcept {
     static pthread_key_t key;
     static const bool is_made =
@@ -69,9 +69,7 @@ const char* qor::process::environment(const char* variable) noexcept {
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
-void qor::process::set_environment(const char* variable, const char* value) noexcept {
-    setenv(variable, value, 1);
-}
+void qor::process::set_environment(const char* variable, const char* value) noexcept { setenv(variable, value, 1); }
 
 bool qor::process::has_argument(const char* begin) noexcept {
     // Each word ends with a NUL.

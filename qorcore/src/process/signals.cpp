@@ -74,7 +74,8 @@ counts take_all_pending() noexcept {
     return all;
 }
 
-// Takes the next signal and the handler for it, with a reference. False: there is no signal. No handler: nobody is left.
+// Takes the next signal and the handler for it, with a reference. False: there is no signal. No handler: nobody is
+// left.
 bool take_next(shared_state& shared, qorSignal& signal, IQORSignalHandler*& handler, bool& is_last_of_departed) {
     std::size_t kind;
     is_last_of_departed = false;
@@ -154,8 +155,8 @@ void qor::process::count_signal(qorSignal signal) noexcept {
 }
 
 // Built anew in its place: the lock may be held, and the condition waited for, by threads that the child does
-// not have. The reference to the handler is the child's now, to be given back when it sets another. The parent's signals are
-// not the child's.
+// not have. The reference to the handler is the child's now, to be given back when it sets another. The parent's
+// signals are not the child's.
 void qor::process::forget_signal_thread() noexcept {
     shared_state& shared = state();
     IQORSignalHandler* const handler = shared.handler;

@@ -14,8 +14,8 @@ struct caught_event {
 };
 
 constexpr caught_event events[] = {
-    {CTRL_C_EVENT, qorSignal::interrupt, false},     {CTRL_BREAK_EVENT, qorSignal::quit, false},
-    {CTRL_CLOSE_EVENT, qorSignal::hangup, true},     {CTRL_LOGOFF_EVENT, qorSignal::terminate, true},
+    {CTRL_C_EVENT, qorSignal::interrupt, false},       {CTRL_BREAK_EVENT, qorSignal::quit, false},
+    {CTRL_CLOSE_EVENT, qorSignal::hangup, true},       {CTRL_LOGOFF_EVENT, qorSignal::terminate, true},
     {CTRL_SHUTDOWN_EVENT, qorSignal::terminate, true},
 };
 constexpr std::size_t event_count = sizeof events / sizeof *events;

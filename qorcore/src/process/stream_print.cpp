@@ -6,8 +6,7 @@
 int qor::glue::fixed_vfprintf(std::FILE* stream, const char* format, std::va_list arguments) noexcept {
     qor::string::working_memory memory;
     std::string_view text;
-    if (!qor::string::format_fixed(memory, text, format, arguments) ||
-        !qor::stream::write_text(stream, text))
+    if (!qor::string::format_fixed(memory, text, format, arguments) || !qor::stream::write_text(stream, text))
         return -1;
     return static_cast<int>(text.size());
 }

@@ -54,8 +54,7 @@ bool has_name(const device_manager& manager, HDEVINFO devices, SP_DEVINFO_DATA& 
     wchar_t value[MAX_PATH + 1];
     DWORD size = sizeof value - sizeof *value;
     DWORD type = 0;
-    const LSTATUS code =
-        RegQueryValueExW(key, L"PortName", nullptr, &type, reinterpret_cast<BYTE*>(value), &size);
+    const LSTATUS code = RegQueryValueExW(key, L"PortName", nullptr, &type, reinterpret_cast<BYTE*>(value), &size);
     RegCloseKey(key);
     if (code != ERROR_SUCCESS || type != REG_SZ)
         return false;

@@ -62,7 +62,8 @@ std::string address(const std::string& port, const std::string& device) {
     // Plug and play tells everybody, line by line: "io 0x3f8-0x3ff".
     unsigned long long number = 0;
     for (const std::string& line : qor::serial::read_lines(device + "/resources"))
-        if (std::sscanf(line.c_str(), "io 0x%llx", &number) == 1 || std::sscanf(line.c_str(), "mem 0x%llx", &number) == 1)
+        if (std::sscanf(line.c_str(), "io 0x%llx", &number) == 1 ||
+            std::sscanf(line.c_str(), "mem 0x%llx", &number) == 1)
             break;
     return number != 0 ? hexadecimal(number) : "";
 }

@@ -12,8 +12,8 @@
 
 namespace {
 
-// The number is written as text by most, as a plain int by some: that has a zero byte, because processes have numbers below
-// 2^22, and a text has none. 0: it cannot be told.
+// The number is written as text by most, as a plain int by some: that has a zero byte, because processes have numbers
+// below 2^22, and a text has none. 0: it cannot be told.
 int read_holder(qor::file::raw_file& file) {
     char text[32] = "";
     std::size_t length = 0;
@@ -29,7 +29,7 @@ int read_holder(qor::file::raw_file& file) {
 } // namespace
 
 qor::serial::lock qor::serial::find_lock(const host& on, const std::string& kernel_name, dev_t number, int& holder,
-                                 std::string& file) {
+                                         std::string& file) {
     char by_number[32];
     std::snprintf(by_number, sizeof by_number, "/LCK.%03u.%03u", major(number), minor(number));
     for (const std::string& name : {"/LCK.." + std::string(base_name(kernel_name)), std::string(by_number)}) {

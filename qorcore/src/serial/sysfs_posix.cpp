@@ -14,8 +14,8 @@ namespace {
 
 using qor::serial::host;
 
-// A terminal with a device behind it is a port. Others are made by software, consoles and serial ports alike (Bluetooth, the
-// ports of a host that is a USB device itself, multiplexers): there the driver has the word.
+// A terminal with a device behind it is a port. Others are made by software, consoles and serial ports alike
+// (Bluetooth, the ports of a host that is a USB device itself, multiplexers): there the driver has the word.
 bool is_port(const std::vector<qor::serial::driver>& drivers, const std::string& folder) {
     if (qor::serial::exists(folder + "/device"))
         return true;
@@ -42,9 +42,7 @@ std::string without_folder(const std::string& path, const std::string& folder) {
 
 } // namespace
 
-std::string_view qor::serial::base_name(std::string_view path) noexcept {
-    return path.substr(path.rfind('/') + 1);
-}
+std::string_view qor::serial::base_name(std::string_view path) noexcept { return path.substr(path.rfind('/') + 1); }
 
 std::string qor::serial::terminal_folder(const host& on, std::string kernel_name) {
     // A name with folders in it has '!' for their '/' there.
@@ -60,7 +58,8 @@ std::vector<qor::serial::driver> qor::serial::read_drivers(const host& on) {
         char name[64];
         char type[32];
         driver row{};
-        if (std::sscanf(line.c_str(), "%63s %*s %u %u-%u %31s", name, &row.major, &row.first_minor, &row.last_minor, type) != 5) {
+        if (std::sscanf(line.c_str(), "%63s %*s %u %u-%u %31s", name, &row.major, &row.first_minor, &row.last_minor,
+                        type) != 5) {
             if (std::sscanf(line.c_str(), "%63s %*s %u %u %31s", name, &row.major, &row.first_minor, type) != 4)
                 continue;
             row.last_minor = row.first_minor;
@@ -101,8 +100,8 @@ int qor::serial::list_ports(const host& on, std::vector<std::string>& names, std
 
 bool qor::serial::has_hardware(const host& on, const std::string& kernel_name) {
     const std::string folder = terminal_folder(on, kernel_name);
-    // The type of the UART, of those that have one: 0 is none. The 8250 driver has terminals for as many ports as it could
-    // serve, whatever there is.
+    // The type of the UART, of those that have one: 0 is none. The 8250 driver has terminals for as many ports as it
+    // could serve, whatever there is.
     const std::string type = read_attribute(folder + "/type");
     if (!type.empty() || !exists(folder + "/type"))
         return type != "0";
@@ -134,9 +133,8 @@ std::string qor::serial::kernel_name(const host& on, const std::string& name) {
 
 bool qor::serial::is_known(const host& on, const std::string& kernel_name) {
     struct stat status;
-    return is_terminal(on, kernel_name) ||
-           (stat(device_file(on, kernel_name).c_str(), &status) == 0 && S_ISCHR(status.st_mode) &&
-            may_be_port(on, status.st_rdev));
+    return is_terminal(on, kernel_name) || (stat(device_file(on, kernel_name).c_str(), &status) == 0 &&
+                                            S_ISCHR(status.st_mode) && may_be_port(on, status.st_rdev));
 }
 
 bool qor::serial::may_be_port(const host& on, dev_t number) {

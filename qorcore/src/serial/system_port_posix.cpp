@@ -90,7 +90,8 @@ int lock(int handle) noexcept {
 }
 
 int open_terminal(const std::string& file) noexcept {
-    // Without O_NONBLOCK it would wait for a carrier; with a terminal of its own the process would get the other end's signals.
+    // Without O_NONBLOCK it would wait for a carrier; with a terminal of its own the process would get the other end's
+    // signals.
     int handle;
     do
         handle = open(file.c_str(), O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -269,8 +270,7 @@ int qor::serial::system_port::write(const void* data, uint32 size, uint32 millis
             return code;
         if (!ready)
             return 0;
-        const ssize_t taken =
-            ::write(descriptor(m_handle), static_cast<const char*>(data) + count, size - count);
+        const ssize_t taken = ::write(descriptor(m_handle), static_cast<const char*>(data) + count, size - count);
         if (taken < 0 && !is_passing(errno))
             return errno;
         count += static_cast<uint32>(std::max<ssize_t>(taken, 0));

@@ -20,8 +20,8 @@ struct known_port {
     std::string device; // \Device\VCP0
 };
 
-// What the drivers of serial ports enter when they find one: nothing dropped, nothing opened. The key is missing where none
-// ever did.
+// What the drivers of serial ports enter when they find one: nothing dropped, nothing opened. The key is missing where
+// none ever did.
 int read_device_map(std::vector<known_port>& ports) {
     HKEY key;
     LSTATUS code = RegOpenKeyExW(HKEY_LOCAL_MACHINE, wide_device_map, 0, KEY_QUERY_VALUE, &key);
@@ -201,7 +201,8 @@ int qor::serial::system_port::settings(qorSerialSettings& out) noexcept {
     return 0;
 }
 
-// The system tells only the lines that the other end drives; its own two follow from the settings where they are steady.
+// The system tells only the lines that the other end drives; its own two follow from the settings where they are
+// steady.
 int qor::serial::system_port::modem_lines(uint32& lines) noexcept {
     DWORD now = 0;
     DCB settings{};

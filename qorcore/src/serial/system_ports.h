@@ -15,8 +15,8 @@ bool find_ports(std::vector<std::string>& names);
 // False: there is no such port.
 bool find_location(const std::string& name, std::string& location);
 
-// A port that is open. Its operations have the meaning of those of IQORSerialPort; their results are error codes of the system,
-// 0 for success.
+// A port that is open. Its operations have the meaning of those of IQORSerialPort; their results are error codes of the
+// system, 0 for success.
 class system_port {
 public:
     system_port() noexcept = default;

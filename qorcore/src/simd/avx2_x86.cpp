@@ -10,13 +10,9 @@ struct avx2_vector {
     using type = __m256i;
     static type load(const void* at) noexcept { return _mm256_loadu_si256(static_cast<const type*>(at)); }
     static void store(void* at, type value) noexcept { _mm256_storeu_si256(static_cast<type*>(at), value); }
-    static void store_aligned(void* at, type value) noexcept {
-        _mm256_store_si256(static_cast<type*>(at), value);
-    }
+    static void store_aligned(void* at, type value) noexcept { _mm256_store_si256(static_cast<type*>(at), value); }
     static void stream(void* at, type value) noexcept { _mm256_stream_si256(static_cast<type*>(at), value); }
-    static type repeat(uint64 pattern) noexcept {
-        return _mm256_set1_epi64x(static_cast<long long>(pattern));
-    }
+    static type repeat(uint64 pattern) noexcept { return _mm256_set1_epi64x(static_cast<long long>(pattern)); }
     static void fence() noexcept { _mm_sfence(); }
 };
 

@@ -31,12 +31,8 @@ struct kernels {
         const type a = VECTOR::load(from), b = VECTOR::load(from + width);
         VECTOR::store(to, a), VECTOR::store(to + width, b);
     }
-    static void fill_half(char* to, type value) noexcept {
-        VECTOR::store(to, value), VECTOR::store(to + width, value);
-    }
-    static void fill_block(char* to, type value) noexcept {
-        fill_half(to, value), fill_half(to + 2 * width, value);
-    }
+    static void fill_half(char* to, type value) noexcept { VECTOR::store(to, value), VECTOR::store(to + width, value); }
+    static void fill_block(char* to, type value) noexcept { fill_half(to, value), fill_half(to + 2 * width, value); }
 
     static void copy_one(char* to, const char* from) noexcept { VECTOR::store(to, VECTOR::load(from)); }
 

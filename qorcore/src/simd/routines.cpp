@@ -110,13 +110,11 @@ constinit const plan no_plan(unresolved, {});
 constinit std::atomic<const plan*> current{&no_plan};
 
 bool is_in_gap(const plan& by, const void* destination, const void* source) noexcept {
-    const auto ahead =
-        reinterpret_cast<std::uintptr_t>(destination) - reinterpret_cast<std::uintptr_t>(source);
+    const auto ahead = reinterpret_cast<std::uintptr_t>(destination) - reinterpret_cast<std::uintptr_t>(source);
     return (ahead - 1) % 4096 < by.large.string_gap;
 }
 
-[[gnu::noinline]] void copy_large(const plan& by, void* destination, const void* source,
-                                  uint64 length) noexcept {
+[[gnu::noinline]] void copy_large(const plan& by, void* destination, const void* source, uint64 length) noexcept {
     if (length >= by.large.stream_copy_from)
         by.set->stream_copy(destination, source, length);
     else if (is_in_gap(by, destination, source))
@@ -158,8 +156,7 @@ const qor::simd::instruction_set& qor::simd::choose_set(const char* name) noexce
         return *here.sets[0];
     // All that there are, the best first: one that is missing here stands for the next.
     constexpr const char* names[] = {"avx512", "avx2", "sse2", "plain"};
-    const auto wanted =
-        std::ranges::find_if(names, [&](const char* one) { return std::strcmp(one, name) == 0; });
+    const auto wanted = std::ranges::find_if(names, [&](const char* one) { return std::strcmp(one, name) == 0; });
     for (auto one = wanted; one != std::end(names); ++one)
         for (uint32 i = 0; i < here.count; ++i)
             if (std::strcmp(here.sets[i]->name, *one) == 0)
@@ -190,10 +187,6 @@ void qor::glue::simd_memset_u32(void* dst, uint32 value, uint64 length) noexcept
 void qor::glue::simd_memset_u64(void* dst, uint64 value, uint64 length) noexcept { fill(dst, value, length); }
 
 // What alignment would spare is one store: not worth a second set of kernels that fault where it is missing.
-void qor::glue::simd_memcpy_aligned(void* dst, const void* src, uint64 length) noexcept {
-    copy(dst, src, length);
-}
+void qor::glue::simd_memcpy_aligned(void* dst, const void* src, uint64 length) noexcept { copy(dst, src, length); }
 
-void qor::glue::simd_memcpy_safe(void* dst, const void* src, uint64 length) noexcept {
-    copy(dst, src, length);
-}
+void qor::glue::simd_memcpy_safe(void* dst, const void* src, uint64 length) noexcept { copy(dst, src, length); }

@@ -66,8 +66,7 @@ void qor::glue::create_IQORMemoryDataSink(IQORMemoryDataSink** out) noexcept {
     memory::make<memory_sink>(source, __LINE__, out);
 }
 
-void qor::glue::create_IQORMemoryDataSource(const void* bytes, uint32 size,
-                                            IQORMemoryDataSource** out) noexcept {
+void qor::glue::create_IQORMemoryDataSource(const void* bytes, uint32 size, IQORMemoryDataSource** out) noexcept {
     *out = nullptr;
     memory::make<memory_source>(source, __LINE__, out, bytes, size);
 }

@@ -24,7 +24,8 @@ bool is_plain(std::string_view text) noexcept {
     for (; text.size() >= sizeof each; text.remove_prefix(sizeof each)) {
         uint64 bytes;
         std::memcpy(&bytes, text.data(), sizeof bytes);
-        if (((bytes | (bytes - 0x20 * each) | (bytes + each)) & 0x80 * each) != 0 && !each_is_plain(text.substr(0, sizeof each)))
+        if (((bytes | (bytes - 0x20 * each) | (bytes + each)) & 0x80 * each) != 0 &&
+            !each_is_plain(text.substr(0, sizeof each)))
             return false;
     }
     return each_is_plain(text);
@@ -57,7 +58,8 @@ bool is_for_eyes(std::FILE* stream, std::string_view text) noexcept {
 
 std::string_view qor::stream::visible(std::string_view text, string::working_memory& memory) noexcept {
     std::size_t size = 0;
-    divide(text, [&](std::string_view piece, bool shown) { size += shown ? piece.size() : escape_size * piece.size(); });
+    divide(text,
+           [&](std::string_view piece, bool shown) { size += shown ? piece.size() : escape_size * piece.size(); });
     if (size == text.size())
         return text;
     char* const begin = memory.get(size);

@@ -39,8 +39,7 @@ bool qor::glue::qorStringArray_Write(const qorStringArray* self, IQORDataSink* s
         return false;
     for (uint32 i = 0; i < self->m_data.count; ++i) {
         const qorString& text = self->m_data.elements[i];
-        if (!sink->WriteUint32(text.Length()) ||
-            (!text.IsEmpty() && !sink->Write(text.Text(), text.Length())))
+        if (!sink->WriteUint32(text.Length()) || (!text.IsEmpty() && !sink->Write(text.Text(), text.Length())))
             return false;
     }
     return true;

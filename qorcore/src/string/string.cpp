@@ -136,8 +136,7 @@ void qor::glue::qorString_Insert(qorString* self, uint32 index, const char* text
         std::memcpy(gap, text, length);
     } else {
         // The source lies in the string: what of it stood behind the gap has moved by the gap's length.
-        const std::size_t unmoved =
-            offset < before_gap ? std::min<std::size_t>(length, before_gap - offset) : 0;
+        const std::size_t unmoved = offset < before_gap ? std::min<std::size_t>(length, before_gap - offset) : 0;
         std::memmove(gap, text, unmoved);
         std::memmove(gap + unmoved, text + unmoved + length, length - unmoved);
     }
@@ -196,13 +195,9 @@ void qor::glue::qorString_ToLower(qorString* self) noexcept {
                    qor::string::to_lower);
 }
 
-void qor::glue::qorString_TrimLeft(qorString* self) noexcept {
-    keep(*self, first_black(*self), self->m_data.length);
-}
+void qor::glue::qorString_TrimLeft(qorString* self) noexcept { keep(*self, first_black(*self), self->m_data.length); }
 
-void qor::glue::qorString_TrimRight(qorString* self) noexcept {
-    keep(*self, 0, behind_last_black(*self));
-}
+void qor::glue::qorString_TrimRight(qorString* self) noexcept { keep(*self, 0, behind_last_black(*self)); }
 
 void qor::glue::qorString_TrimBoth(qorString* self) noexcept {
     // From the end first: a string of white space alone is empty then, and nothing is left for the other

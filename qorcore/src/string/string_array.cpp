@@ -26,9 +26,7 @@ using fields = qorString::data;
 static_assert(std::is_standard_layout_v<qorString> && sizeof(qorString) == sizeof(fields));
 static_assert(std::is_trivially_copyable_v<fields>);
 
-fields* fields_of(qorStringArray& array) noexcept {
-    return reinterpret_cast<fields*>(array.m_data.elements);
-}
+fields* fields_of(qorStringArray& array) noexcept { return reinterpret_cast<fields*>(array.m_data.elements); }
 
 void move(qorString* to, const qorString* from, std::size_t count) noexcept {
     std::memmove(static_cast<void*>(to), static_cast<const void*>(from), count * sizeof(qorString));
@@ -60,8 +58,7 @@ void sort(qorStringArray& self, bool ascending, const COMPARE& compare) noexcept
         return std::string_view(element.text != nullptr ? element.text : "", element.length);
     };
     fields* const elements = fields_of(self);
-    auto* const spare =
-        static_cast<fields*>(qor::memory::require(uint64{count} * sizeof(fields), this_file, __LINE__));
+    auto* const spare = static_cast<fields*>(qor::memory::require(uint64{count} * sizeof(fields), this_file, __LINE__));
     qor::string::merge_sort(elements, spare, count, [&](const fields& left, const fields& right) noexcept {
         const int order = compare(text(left), text(right));
         return ascending ? order < 0 : order > 0;
@@ -71,9 +68,7 @@ void sort(qorStringArray& self, bool ascending, const COMPARE& compare) noexcept
 
 } // namespace
 
-void qor::glue::qorStringArray_Init(qorStringArray* self) noexcept {
-    self->m_data = {};
-}
+void qor::glue::qorStringArray_Init(qorStringArray* self) noexcept { self->m_data = {}; }
 
 void qor::glue::qorStringArray_Empty(qorStringArray* self) noexcept {
     for (uint32 i = 0; i < self->m_data.alloc; ++i)
@@ -113,8 +108,7 @@ void qor::glue::qorStringArray_AppendArray(qorStringArray* self, const qorString
     }
 }
 
-void qor::glue::qorStringArray_InsertAt(qorStringArray* self, uint32 index, const char* text,
-                                        uint32 length) noexcept {
+void qor::glue::qorStringArray_InsertAt(qorStringArray* self, uint32 index, const char* text, uint32 length) noexcept {
     const uint32 count = self->m_data.count;
     qorStringArray_Append(self, text, length);
     if (index < count) {
@@ -168,8 +162,7 @@ void qor::glue::qorStringArray_SortNoCase(qorStringArray* self, bool ascending) 
     sort(*self, ascending, qor::string::compare_no_case);
 }
 
-void qor::glue::qorStringArray_SortUsing(qorStringArray* self, qorStringCompare compare,
-                                         void* context) noexcept {
+void qor::glue::qorStringArray_SortUsing(qorStringArray* self, qorStringCompare compare, void* context) noexcept {
     sort(*self, true, [compare, context](std::string_view left, std::string_view right) noexcept {
         return compare(left.data(), right.data(), context);
     });
@@ -190,8 +183,7 @@ bool qor::glue::qorStringArray_RemoveUnique(qorStringArray* self, const char* te
     return true;
 }
 
-int32 qor::glue::qorStringArray_FindString(const qorStringArray* self, const char* text,
-                                           uint32 start) noexcept {
+int32 qor::glue::qorStringArray_FindString(const qorStringArray* self, const char* text, uint32 start) noexcept {
     const std::string_view sought = view(text);
     for (uint32 i = start; i < self->m_data.count; ++i)
         if (view(self->m_data.elements[i]) == sought)

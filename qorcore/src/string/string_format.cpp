@@ -41,9 +41,7 @@ void append_secret(qorString& self, const char* bytes, uint32 size) noexcept {
 
 } // namespace
 
-void qor::glue::qorString_FormatInteger(qorString* self, int64 value) noexcept {
-    format_number(*self, value, 10);
-}
+void qor::glue::qorString_FormatInteger(qorString* self, int64 value) noexcept { format_number(*self, value, 10); }
 
 void qor::glue::qorString_FormatUnsigned(qorString* self, uint64 value, uint32 base) noexcept {
     if (base < 2 || base > 36)

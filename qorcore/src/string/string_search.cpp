@@ -8,14 +8,10 @@ using qor::string::view;
 
 namespace {
 
-int32 position(std::size_t found) noexcept {
-    return found == std::string_view::npos ? -1 : static_cast<int32>(found);
-}
+int32 position(std::size_t found) noexcept { return found == std::string_view::npos ? -1 : static_cast<int32>(found); }
 
 // Where a reverse search begins.
-std::size_t from(int32 start) noexcept {
-    return start < 0 ? std::string_view::npos : static_cast<std::size_t>(start);
-}
+std::size_t from(int32 start) noexcept { return start < 0 ? std::string_view::npos : static_cast<std::size_t>(start); }
 
 // A character's bytes. UTF-8 finds itself: the bytes of one character never begin inside another, so a search
 // for bytes finds characters, in a text with faults too. Empty for what is no character.

@@ -52,8 +52,7 @@ bool qor::glue::qorString_TokeniseAtByte(const qorString* self, char byte, qorSt
     return true;
 }
 
-bool qor::glue::qorString_SplitAtByte(const qorString* self, char byte, qorString& left,
-                                      qorString& right) noexcept {
+bool qor::glue::qorString_SplitAtByte(const qorString* self, char byte, qorString& left, qorString& right) noexcept {
     const std::string_view text = view(*self);
     const std::size_t found = text.find(byte);
     const std::string_view head = text.substr(0, found);

@@ -143,8 +143,7 @@ qor::string::decoded qor::string::decode(std::string_view text) noexcept {
         high = 0xbf;
         ++size;
     }
-    return promised.following != 0 ? decoded{character, size, true}
-                                   : decoded{replacement_character, 1, false};
+    return promised.following != 0 ? decoded{character, size, true} : decoded{replacement_character, 1, false};
 }
 
 uint32 qor::string::encode(uint32 character, char (&out)[4]) noexcept {

@@ -10,9 +10,7 @@ namespace qor::string {
 // Stands for what is no character.
 inline constexpr uint32 replacement_character = 0xfffd;
 
-constexpr bool is_character(uint32 value) noexcept {
-    return value < 0xd800 || (value >= 0xe000 && value <= 0x10ffff);
-}
+constexpr bool is_character(uint32 value) noexcept { return value < 0xd800 || (value >= 0xe000 && value <= 0x10ffff); }
 
 struct decoded {
     uint32 character; // replacement_character where the bytes are none

@@ -20,10 +20,9 @@ bool qor::string::to_wide(std::string_view text, std::wstring& out) {
 std::string qor::string::from_wide(std::wstring_view text) {
     // And no unit takes more than three bytes.
     std::string out(text.size() * 3, '\0');
-    const int length =
-        text.empty() ? 0
-                     : WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
-                                           static_cast<int>(out.size()), nullptr, nullptr);
+    const int length = text.empty() ? 0
+                                    : WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                          out.data(), static_cast<int>(out.size()), nullptr, nullptr);
     out.resize(static_cast<std::size_t>(length));
     return out;
 }

@@ -55,23 +55,22 @@ struct part {
 };
 
 constexpr part parts[] = {
-    {0x41, 0xb76, "ARM ARM1176"},       {0x41, 0xc05, "ARM Cortex-A5"},     {0x41, 0xc07, "ARM Cortex-A7"},
-    {0x41, 0xc08, "ARM Cortex-A8"},     {0x41, 0xc09, "ARM Cortex-A9"},     {0x41, 0xc0f, "ARM Cortex-A15"},
-    {0x41, 0xd03, "ARM Cortex-A53"},    {0x41, 0xd04, "ARM Cortex-A35"},    {0x41, 0xd05, "ARM Cortex-A55"},
-    {0x41, 0xd07, "ARM Cortex-A57"},    {0x41, 0xd08, "ARM Cortex-A72"},    {0x41, 0xd09, "ARM Cortex-A73"},
-    {0x41, 0xd0a, "ARM Cortex-A75"},    {0x41, 0xd0b, "ARM Cortex-A76"},    {0x41, 0xd0c, "ARM Neoverse-N1"},
-    {0x41, 0xd0d, "ARM Cortex-A77"},    {0x41, 0xd40, "ARM Neoverse-V1"},   {0x41, 0xd41, "ARM Cortex-A78"},
-    {0x41, 0xd44, "ARM Cortex-X1"},     {0x41, 0xd46, "ARM Cortex-A510"},   {0x41, 0xd47, "ARM Cortex-A710"},
-    {0x41, 0xd49, "ARM Neoverse-N2"},   {0x41, 0xd4f, "ARM Neoverse-V2"},   {0x42, 0x516, "Broadcom ThunderX2"},
-    {0x43, 0x0af, "Cavium ThunderX2"},  {0x46, 0x001, "Fujitsu A64FX"},     {0x48, 0xd01, "HiSilicon Kunpeng-920"},
+    {0x41, 0xb76, "ARM ARM1176"},       {0x41, 0xc05, "ARM Cortex-A5"},      {0x41, 0xc07, "ARM Cortex-A7"},
+    {0x41, 0xc08, "ARM Cortex-A8"},     {0x41, 0xc09, "ARM Cortex-A9"},      {0x41, 0xc0f, "ARM Cortex-A15"},
+    {0x41, 0xd03, "ARM Cortex-A53"},    {0x41, 0xd04, "ARM Cortex-A35"},     {0x41, 0xd05, "ARM Cortex-A55"},
+    {0x41, 0xd07, "ARM Cortex-A57"},    {0x41, 0xd08, "ARM Cortex-A72"},     {0x41, 0xd09, "ARM Cortex-A73"},
+    {0x41, 0xd0a, "ARM Cortex-A75"},    {0x41, 0xd0b, "ARM Cortex-A76"},     {0x41, 0xd0c, "ARM Neoverse-N1"},
+    {0x41, 0xd0d, "ARM Cortex-A77"},    {0x41, 0xd40, "ARM Neoverse-V1"},    {0x41, 0xd41, "ARM Cortex-A78"},
+    {0x41, 0xd44, "ARM Cortex-X1"},     {0x41, 0xd46, "ARM Cortex-A510"},    {0x41, 0xd47, "ARM Cortex-A710"},
+    {0x41, 0xd49, "ARM Neoverse-N2"},   {0x41, 0xd4f, "ARM Neoverse-V2"},    {0x42, 0x516, "Broadcom ThunderX2"},
+    {0x43, 0x0af, "Cavium ThunderX2"},  {0x46, 0x001, "Fujitsu A64FX"},      {0x48, 0xd01, "HiSilicon Kunpeng-920"},
     {0x61, 0x022, "Apple Icestorm-M1"}, {0x61, 0x023, "Apple Firestorm-M1"}, {0xc0, 0xac3, "Ampere-1"},
 };
 
 std::string arm_name(const section& from) {
     const uint32 maker = hexadecimal(value(from, "CPU implementer")), number = hexadecimal(value(from, "CPU part"));
-    const auto found = std::find_if(std::begin(parts), std::end(parts), [&](const part& each) {
-        return each.maker == maker && each.number == number;
-    });
+    const auto found = std::find_if(std::begin(parts), std::end(parts),
+                                    [&](const part& each) { return each.maker == maker && each.number == number; });
     if (found != std::end(parts))
         return found->name;
     return "implementer " + std::string(value(from, "CPU implementer")) + " part " +
@@ -95,8 +94,11 @@ std::string extended_of(const section& from) {
     if (!from.contains("CPU part"))
         return std::string(value(from, from.contains("isa") ? "isa" : "ASEs implemented"));
     std::string text;
-    for (const auto& [key, word] : {std::pair{"CPU implementer", "implementer "}, {"CPU architecture", " architecture "},
-                                    {"CPU variant", " variant "}, {"CPU part", " part "}, {"CPU revision", " revision "}})
+    for (const auto& [key, word] : {std::pair{"CPU implementer", "implementer "},
+                                    {"CPU architecture", " architecture "},
+                                    {"CPU variant", " variant "},
+                                    {"CPU part", " part "},
+                                    {"CPU revision", " revision "}})
         text.append(word).append(value(from, key));
     std::string extensions;
     std::string_view features = value(from, "Features"), word;

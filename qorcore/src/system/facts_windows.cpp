@@ -26,12 +26,10 @@ std::string read_text(const wchar_t* key, const wchar_t* name) {
 }
 
 qor::system::firmware read_firmware() {
-    qor::system::firmware machine = {read_text(firmware_key, L"SystemProductName"),
-                                     read_text(firmware_key, L"SystemManufacturer"),
-                                     read_text(firmware_key, L"BaseBoardManufacturer"),
-                                     read_text(firmware_key, L"BIOSVendor"),
-                                     read_text(firmware_key, L"SystemVersion"),
-                                     {}};
+    qor::system::firmware machine = {
+        read_text(firmware_key, L"SystemProductName"),     read_text(firmware_key, L"SystemManufacturer"),
+        read_text(firmware_key, L"BaseBoardManufacturer"), read_text(firmware_key, L"BIOSVendor"),
+        read_text(firmware_key, L"SystemVersion"),         {}};
     // The firmware's own table: 8 bytes of the system's, then its first row. There, a bit tells a virtual machine.
     constexpr std::size_t row = 8, extensions_2 = 0x13;
     constexpr unsigned is_virtual = 1 << 4;
@@ -48,9 +46,12 @@ const char* architecture() noexcept {
     SYSTEM_INFO info;
     GetNativeSystemInfo(&info);
     switch (info.wProcessorArchitecture) {
-    case PROCESSOR_ARCHITECTURE_AMD64: return "x86_64";
-    case PROCESSOR_ARCHITECTURE_ARM64: return "aarch64";
-    default: return "unknown architecture";
+    case PROCESSOR_ARCHITECTURE_AMD64:
+        return "x86_64";
+    case PROCESSOR_ARCHITECTURE_ARM64:
+        return "aarch64";
+    default:
+        return "unknown architecture";
     }
 }
 
@@ -77,9 +78,8 @@ std::vector<GROUP_AFFINITY> usable_processors() {
     }
     for (USHORT i = 0; i < count; ++i) {
         const DWORD active = GetActiveProcessorCount(groups[i]);
-        usable.push_back({.Mask = active >= 64 ? ~KAFFINITY{0} : (KAFFINITY{1} << active) - 1,
-                          .Group = groups[i],
-                          .Reserved = {}});
+        usable.push_back(
+            {.Mask = active >= 64 ? ~KAFFINITY{0} : (KAFFINITY{1} << active) - 1, .Group = groups[i], .Reserved = {}});
     }
     return usable;
 }

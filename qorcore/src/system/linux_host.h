@@ -1,5 +1,5 @@
-// Inside the library on Linux: where facts about the host come from. All of it may be a recording of another host, under
-// a folder of its own.
+// Inside the library on Linux: where facts about the host come from. All of it may be a recording of another host,
+// under a folder of its own.
 #pragma once
 
 #include "system/facts.h"

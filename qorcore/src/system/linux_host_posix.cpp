@@ -45,9 +45,7 @@ std::string qor::system::linux_host::read(const std::string& path) const {
     return content;
 }
 
-bool qor::system::linux_host::has(const std::string& path) const {
-    return access((root + path).c_str(), F_OK) == 0;
-}
+bool qor::system::linux_host::has(const std::string& path) const { return access((root + path).c_str(), F_OK) == 0; }
 
 qor::system::linux_host qor::system::this_host() {
     utsname name{};
@@ -130,7 +128,5 @@ std::optional<uint64> qor::system::find_number(std::string_view text, std::strin
 qor::system::facts qor::system::read_facts() { return read_facts(this_host()); }
 bool qor::system::read_memory(qorMemoryInfo& info) { return read_memory(this_host(), info); }
 uint32 qor::system::page_size() noexcept { return static_cast<uint32>(sysconf(_SC_PAGESIZE)); }
-uint32 qor::system::count_processors() {
-    return std::max<uint32>(1, static_cast<uint32>(usable_processors().size()));
-}
+uint32 qor::system::count_processors() { return std::max<uint32>(1, static_cast<uint32>(usable_processors().size())); }
 uint32 qor::system::count_cores() { return count_cores(this_host()); }

@@ -13,10 +13,10 @@ struct generation {
     std::string_view file_system, limit, usage, file_pages[3];
 };
 
-constexpr generation first = {"cgroup", "memory.limit_in_bytes", "memory.usage_in_bytes",
-                              {"total_inactive_file", "total_active_file", ""}};
-constexpr generation second = {"cgroup2", "memory.max", "memory.current",
-                               {"inactive_file", "active_file", "slab_reclaimable"}};
+constexpr generation first = {
+    "cgroup", "memory.limit_in_bytes", "memory.usage_in_bytes", {"total_inactive_file", "total_active_file", ""}};
+constexpr generation second = {
+    "cgroup2", "memory.max", "memory.current", {"inactive_file", "active_file", "slab_reclaimable"}};
 
 bool lists(std::string_view commas, std::string_view word) {
     while (!commas.empty()) {

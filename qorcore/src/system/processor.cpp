@@ -99,24 +99,15 @@ struct signature {
 };
 
 constexpr signature hypervisors[] = {
-    {"KVMKVMKVM", "KVM"},
-    {"Linux KVM Hv", "KVM"}, // KVM, with Hyper-V's interface only
-    {"Microsoft Hv", "Hyper-V"},
-    {"VMwareVMware", "VMware"},
-    {"XenVMMXenVMM", "Xen"},
-    {"VBoxVBoxVBox", "VirtualBox"},
-    {"TCGTCGTCGTCG", "QEMU"},
-    {"bhyve bhyve ", "bhyve"},
-    {"BHyVE BHyVE ", "bhyve"},
-    {"prl hyperv  ", "Parallels"},
-    {" lrpepyh  vr", "Parallels"},
-    {"ACRNACRNACRN", "ACRN"},
-    {"QNXQVMBSQG", "QNX"},
-    {"SRESRESRESRE", "LMHS SRE"},
-    {"Jailhouse", "Jailhouse"},
-    {"HAXMHAXMHAXM", "HAXM"},
-    {"___ NVMM ___", "NVMM"},
-    {"OpenBSDVMM58", "OpenBSD VMM"},
+    {"KVMKVMKVM", "KVM"},          {"Linux KVM Hv", "KVM"}, // KVM, with Hyper-V's interface only
+    {"Microsoft Hv", "Hyper-V"},   {"VMwareVMware", "VMware"},
+    {"XenVMMXenVMM", "Xen"},       {"VBoxVBoxVBox", "VirtualBox"},
+    {"TCGTCGTCGTCG", "QEMU"},      {"bhyve bhyve ", "bhyve"},
+    {"BHyVE BHyVE ", "bhyve"},     {"prl hyperv  ", "Parallels"},
+    {" lrpepyh  vr", "Parallels"}, {"ACRNACRNACRN", "ACRN"},
+    {"QNXQVMBSQG", "QNX"},         {"SRESRESRESRE", "LMHS SRE"},
+    {"Jailhouse", "Jailhouse"},    {"HAXMHAXMHAXM", "HAXM"},
+    {"___ NVMM ___", "NVMM"},      {"OpenBSDVMM58", "OpenBSD VMM"},
 };
 
 std::string hypervisor_name(const registers& leaf) {
@@ -143,9 +134,9 @@ qor::system::processor qor::system::read_processor(const cpuid& source) {
         model += signature >> 12 & 0xf0;
     const std::string extensions = extensions_of(source);
     const std::string brand = brand_of(source);
-    return {brand.empty() ? maker : brand,
-            maker + " family " + std::to_string(family) + " model " + std::to_string(model) + " stepping " +
-                std::to_string(signature & 0xf) + (extensions.empty() ? "" : ":" + extensions)};
+    return {brand.empty() ? maker : brand, maker + " family " + std::to_string(family) + " model " +
+                                               std::to_string(model) + " stepping " + std::to_string(signature & 0xf) +
+                                               (extensions.empty() ? "" : ":" + extensions)};
 }
 
 qor::system::hypervisor qor::system::read_hypervisor(const cpuid& source) {

@@ -10,8 +10,8 @@ using qor::system::linux_host;
 
 qor::system::firmware read_firmware(const linux_host& host) {
     const auto text = [&host](const char* name) { return host.read(std::string("/sys/class/dmi/id/") + name); };
-    qor::system::firmware machine = {text("product_name"), text("sys_vendor"), text("board_vendor"),
-                                     text("bios_vendor"), text("product_version"), {}};
+    qor::system::firmware machine = {text("product_name"), text("sys_vendor"),      text("board_vendor"),
+                                     text("bios_vendor"),  text("product_version"), {}};
     // The table of the firmware itself. Behind the text of each row, a bit says that the machine is a virtual one.
     constexpr std::size_t extensions_2 = 0x13;
     constexpr unsigned is_virtual = 1 << 4;

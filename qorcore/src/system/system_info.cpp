@@ -23,9 +23,7 @@ public:
     uint32 GetPhysicalCoreCount() noexcept override { return qor::system::count_cores(); }
 
     bool GetPlatformString(qorString& out) noexcept override { return give(m_facts.platform, out); }
-    bool GetEnhancedPlatformString(qorString& out) noexcept override {
-        return give(m_facts.enhanced_platform, out);
-    }
+    bool GetEnhancedPlatformString(qorString& out) noexcept override { return give(m_facts.enhanced_platform, out); }
     bool GetSystemType(qorString& out) noexcept override { return give(m_facts.type, out); }
     bool GetSystemVersion(qorString& out) noexcept override { return give(m_facts.version, out); }
     bool GetSystemDescription(qorString& out) noexcept override { return give(m_facts.description, out); }

@@ -81,8 +81,7 @@ void qor::glue::qorConvertTime(uint64 clock, bool local, qorTimeInfo& info) noex
 
 uint64 qor::glue::qorConvertLocalTimeInfo(const qorTimeInfo& info) noexcept {
     const int64 day = qor::time::day_number(info);
-    if (day >= 0 && info.hour < 24 && info.minute < 60 && info.second < 60 &&
-        info.ticks < qorTicksPerSecond) {
+    if (day >= 0 && info.hour < 24 && info.minute < 60 && info.second < 60 && info.ticks < qorTicksPerSecond) {
         const int64 local =
             (day - first_clock_day) * seconds_per_day + info.hour * 3600 + info.minute * 60 + info.second;
         qor::time::look_at_zone(counted_clock(local));

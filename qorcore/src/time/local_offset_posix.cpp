@@ -16,8 +16,8 @@ std::time_t seconds_of(uint64 clock) {
     return static_cast<std::time_t>(static_cast<int64>(clock / qorTicksPerSecond) - qor::time::seconds_to_1970);
 }
 
-// Whether the zone in use counts leap seconds, as those of the database's folder "right" do: a full minute of POSIX, far
-// behind the last leap second, is no full minute there.
+// Whether the zone in use counts leap seconds, as those of the database's folder "right" do: a full minute of POSIX,
+// far behind the last leap second, is no full minute there.
 bool counts_leap_seconds() {
     constexpr std::time_t full_minute = 4'102'444'800;
     std::tm utc;
@@ -67,7 +67,8 @@ void qor::time::look_at_zone(uint64 clock) noexcept {
         const std::string ahead = ahead_of_utc(local_offset(clock));
         error::set(qorError_unknown_time_zone, {name, ahead.c_str()});
         if (is_new)
-            qorDebug(trace_code(), "TZ does not name a time zone, the C library uses UTC%s instead: %s", ahead.c_str(), name);
+            qorDebug(trace_code(), "TZ does not name a time zone, the C library uses UTC%s instead: %s", ahead.c_str(),
+                     name);
     } else if (counts_leap_seconds()) {
         error::set(qorError_zone_with_leap_seconds, {name});
         if (is_new)

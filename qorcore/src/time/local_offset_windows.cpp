@@ -37,10 +37,8 @@ int32 qor::time::local_offset(uint64 clock) noexcept {
     TIME_ZONE_INFORMATION rules;
     FILETIME local_ticks;
     // Without naming the year, today's rules would do for all times.
-    if (!FileTimeToSystemTime(&utc_ticks, &utc) ||
-        !GetTimeZoneInformationForYear(utc.wYear, nullptr, &rules) ||
+    if (!FileTimeToSystemTime(&utc_ticks, &utc) || !GetTimeZoneInformationForYear(utc.wYear, nullptr, &rules) ||
         !SystemTimeToTzSpecificLocalTime(&rules, &utc, &local) || !SystemTimeToFileTime(&local, &local_ticks))
         return 0;
-    return static_cast<int32>((ticks_of(local_ticks) - ticks_of(utc_ticks)) /
-                              static_cast<int64>(qorTicksPerSecond));
+    return static_cast<int32>((ticks_of(local_ticks) - ticks_of(utc_ticks)) / static_cast<int64>(qorTicksPerSecond));
 }

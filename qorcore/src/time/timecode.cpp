@@ -18,8 +18,7 @@ struct counting {
 
 private:
     static uint64 rounded(const qorRational& rate) noexcept {
-        return (2 * uint64{static_cast<uint32>(rate.numerator)} + rate.denominator) /
-               (2 * uint64{rate.denominator});
+        return (2 * uint64{static_cast<uint32>(rate.numerator)} + rate.denominator) / (2 * uint64{rate.denominator});
     }
 
     static bool equals(const qorRational& rate, uint64 numerator, uint64 denominator) noexcept {
@@ -40,13 +39,12 @@ bool is_valid(const qorRational& rate, const char* function, int line) noexcept 
 
 } // namespace
 
-void qor::glue::qorTimecode_SetFromFrameCount(qorTimecode* self, const qorRational& rate,
-                                              uint64 count) noexcept {
+void qor::glue::qorTimecode_SetFromFrameCount(qorTimecode* self, const qorRational& rate, uint64 count) noexcept {
     qorTimecode_SetFromFrameCount_drop(self, rate, true, count);
 }
 
-void qor::glue::qorTimecode_SetFromFrameCount_drop(qorTimecode* self, const qorRational& rate,
-                                                   bool drop_frame, uint64 count) noexcept {
+void qor::glue::qorTimecode_SetFromFrameCount_drop(qorTimecode* self, const qorRational& rate, bool drop_frame,
+                                                   uint64 count) noexcept {
     *self = {};
     if (!is_valid(rate, "void qorTimecode::SetFromFrameCount(const qorRational&, bool, uint64)", 50))
         return;
@@ -67,14 +65,13 @@ uint64 qor::glue::qorTimecode_GetFrameCount(const qorTimecode* self, const qorRa
     if (!is_valid(rate, "uint64 qorTimecode::GetFrameCount(const qorRational&, bool) const", 68))
         return 0;
     const counting by(rate, drop_frame);
-    const uint64 second =
-        self->hours * 3600ull + self->minutes * 60ull + self->seconds + self->frames / by.per_second;
+    const uint64 second = self->hours * 3600ull + self->minutes * 60ull + self->seconds + self->frames / by.per_second;
     const uint64 minute = second / 60;
     uint64 number = second % 60 * by.per_second + self->frames % by.per_second;
     if (minute % 10 == 0)
         return minute / 10 * by.per_ten_minutes + number;
     // A number that is left out stands for the first behind it.
     number = std::max(number, by.dropped);
-    return minute / 10 * by.per_ten_minutes + 60 * by.per_second + (minute % 10 - 1) * by.per_minute +
-           number - by.dropped;
+    return minute / 10 * by.per_ten_minutes + 60 * by.per_second + (minute % 10 - 1) * by.per_minute + number -
+           by.dropped;
 }

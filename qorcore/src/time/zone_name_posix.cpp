@@ -21,8 +21,7 @@ bool take(std::string_view& text, char c) {
 bool take_number(std::string_view& text, int least, int limit) {
     int value = 0;
     int digits = 0;
-    for (; !text.empty() && std::isdigit(static_cast<unsigned char>(text.front())) && value <= limit;
-         ++digits) {
+    for (; !text.empty() && std::isdigit(static_cast<unsigned char>(text.front())) && value <= limit; ++digits) {
         value = 10 * value + (text.front() - '0');
         text.remove_prefix(1);
     }
@@ -55,11 +54,10 @@ bool take_time(std::string_view& text, int most_hours) {
 bool take_change(std::string_view& text) {
     if (!take(text, ','))
         return false;
-    const bool is_day = take(text, 'J') ? take_number(text, 1, 365)
-                        : take(text, 'M')
-                            ? take_number(text, 1, 12) && take(text, '.') && take_number(text, 1, 5) &&
-                                  take(text, '.') && take_number(text, 0, 6)
-                            : take_number(text, 0, 365);
+    const bool is_day = take(text, 'J')   ? take_number(text, 1, 365)
+                        : take(text, 'M') ? take_number(text, 1, 12) && take(text, '.') && take_number(text, 1, 5) &&
+                                                take(text, '.') && take_number(text, 0, 6)
+                                          : take_number(text, 0, 365);
     return is_day && (!take(text, '/') || take_time(text, 167));
 }
 
@@ -76,8 +74,8 @@ bool is_rule(std::string_view text) {
     return text.empty() || (take_change(text) && take_change(text) && text.empty());
 }
 
-// Whether the zone is one of the database or the system's own. To a set-user-id program the C library gives no other: its
-// user could have any file opened.
+// Whether the zone is one of the database or the system's own. To a set-user-id program the C library gives no other:
+// its user could have any file opened.
 bool is_of_the_system(std::string_view zone) {
     return zone.find("..") == zone.npos &&
            (!zone.starts_with('/') || zone.starts_with("/usr/share/zoneinfo/") || zone == "/etc/localtime");

@@ -19,8 +19,8 @@ bool means_none(int code) noexcept {
     return code == 0 || code == ENOENT || code == ESRCH || code == EBADF || code == EPERM;
 }
 
-// Reads one entry with one of the C library's functions, in a buffer that grows until the entry fits. Returns the error,
-// with 0 and found == false where there is no such entry.
+// Reads one entry with one of the C library's functions, in a buffer that grows until the entry fits. Returns the
+// error, with 0 and found == false where there is no such entry.
 template <class ENTRY, class KEY>
 int read_entry(int (*read)(KEY, ENTRY*, char*, std::size_t, ENTRY**), KEY key, ENTRY& entry, std::vector<char>& buffer,
                bool& found) {
@@ -66,8 +66,8 @@ bool read_groups(const char* name, gid_t first, std::vector<std::string>& out) {
     return true;
 }
 
-// What everybody may read decides, so that all who ask get the same answer: a locked password or an expired account stands
-// where only root can look, and is told to those who log on.
+// What everybody may read decides, so that all who ask get the same answer: a locked password or an expired account
+// stands where only root can look, and is told to those who log on.
 bool may_log_in(std::string_view shell) noexcept {
     const std::string_view program = shell.substr(shell.rfind('/') + 1);
     return program != "nologin" && program != "false";

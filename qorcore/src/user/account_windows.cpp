@@ -6,6 +6,7 @@
 #include <utility>
 
 #include <windows.h> // before lm.h
+
 #include <lm.h>
 
 namespace {
@@ -115,7 +116,9 @@ std::vector<BYTE> user_of(HANDLE token) {
     return user;
 }
 
-PSID sid_of(const std::vector<BYTE>& user) noexcept { return reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid; }
+PSID sid_of(const std::vector<BYTE>& user) noexcept {
+    return reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
+}
 
 bool find_current(identity& out) {
     HANDLE token;
@@ -213,7 +216,8 @@ bool refused(const char* name, DWORD code) {
         qor::error::set(qorError_logon_denied, {name});
         return false;
     default:
-        qor::error::set(qorError_logon_failed, {"LogonUserW", qor::error::system_reason(static_cast<int>(code)).c_str()});
+        qor::error::set(qorError_logon_failed,
+                        {"LogonUserW", qor::error::system_reason(static_cast<int>(code)).c_str()});
         return false;
     }
 }

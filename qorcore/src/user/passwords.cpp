@@ -1,7 +1,7 @@
 // Passwords and the accounts of debug control: the module qor-openssl has them; this is the way to it.
+#include "qor/glue/passwords.h"
 #include "error/error.h"
 #include "module/module.h"
-#include "qor/glue/passwords.h"
 
 namespace {
 

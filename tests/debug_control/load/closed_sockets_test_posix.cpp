@@ -18,7 +18,8 @@ constexpr bool is_race_a_finding = false;
 
 TEST(closed_sockets, end_the_listener) {
     if (is_race_a_finding)
-        GTEST_SKIP() << "the race for the numbers, which is the host's and the point here, is a finding of the thread sanitizer";
+        GTEST_SKIP()
+            << "the race for the numbers, which is the host's and the point here, is a finding of the thread sanitizer";
     host_process host;
     tls_peer session(host.port(), {"127.0.0.1", {}}), waiting(host.port(), {"127.0.0.1", {}});
     ASSERT_TRUE(session.shake_hands());
@@ -35,8 +36,10 @@ TEST(closed_sockets, end_the_listener) {
     const std::string trace = read_file(host.trace_path());
     EXPECT_NE(trace.find("'ada' from 127.0.0.1 port "), std::string::npos) << trace;
     EXPECT_NE(trace.find(" has left: nobody listens any more\n"), std::string::npos) << trace;
-    EXPECT_NE(trace.find(" system.debug-control this process has closed the sockets of its listener: nobody listens any more\n"),
-              std::string::npos)
+    EXPECT_NE(
+        trace.find(
+            " system.debug-control this process has closed the sockets of its listener: nobody listens any more\n"),
+        std::string::npos)
         << trace;
     // The numbers are the host's now.
     EXPECT_EQ(host.untouched(), 64);

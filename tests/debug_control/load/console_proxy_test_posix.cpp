@@ -17,8 +17,8 @@ protected:
     // A user that says all at once, as a script does.
     static ending console(uint16 port, const std::string& home) {
         const std::filesystem::path tool = std::filesystem::path(this_program()).parent_path() / "qortool";
-        return run({"/bin/sh", "-c", R"(printf 'ada\nsecret\nshow-enabled\ndisable-all\n' | "$@")", "sh", tool, "--quiet",
-                    "debug-control", "127.0.0.1", std::to_string(port)},
+        return run({"/bin/sh", "-c", R"(printf 'ada\nsecret\nshow-enabled\ndisable-all\n' | "$@")", "sh", tool,
+                    "--quiet", "debug-control", "127.0.0.1", std::to_string(port)},
                    {"XDG_CONFIG_HOME=" + home});
     }
 
@@ -40,7 +40,8 @@ protected:
         const auto begin = std::chrono::steady_clock::now();
         const ending ended = console(proxy.port(), home.path());
         const auto time = std::chrono::steady_clock::now() - begin;
-        SCOPED_TRACE(std::to_string(static_cast<int>(wanted.what)) + " at " + std::to_string(wanted.offset) + ": " + ended.err);
+        SCOPED_TRACE(std::to_string(static_cast<int>(wanted.what)) + " at " + std::to_string(wanted.offset) + ": " +
+                     ended.err);
         // What a command that has failed says may come before it or behind it: that is for the threads to decide.
         const bool lost = ended.code == 0 && ended.err.find("Debug connection lost\n") != std::string::npos;
         const bool failed = ended.code == 1 && !ended.err.empty();

@@ -80,14 +80,19 @@ void log_in(tls_peer& peer) {
 const dawdler dawdlers[] = {
     {"a connection and not a byte", true, [](tls_peer&) { return beginning{}; }},
     {"half a hello", true, [](tls_peer& peer) { return beginning{peer.tls.take().substr(0, 100)}; }},
-    {"a hello, a byte a second", true, [](tls_peer& peer) { return beginning{"", single_bytes(peer.tls.take())}; }},
+    {"a hello, a byte a second", true,
+     [](tls_peer& peer) {
+         return beginning{"", single_bytes(peer.tls.take())};
+     }},
     {"a handshake but for its last message", true,
      [](tls_peer& peer) {
          last_of_handshake(peer);
          return beginning{};
      }},
     {"the last message of a handshake, a byte a second", true,
-     [](tls_peer& peer) { return beginning{"", single_bytes(last_of_handshake(peer))}; }},
+     [](tls_peer& peer) {
+         return beginning{"", single_bytes(last_of_handshake(peer))};
+     }},
     {"half a frame before the login", false,
      [](tls_peer& peer) {
          EXPECT_TRUE(peer.shake_hands());

@@ -60,13 +60,14 @@ TEST_F(dawdlers, an_answer_in_pieces) {
 
 TEST_F(dawdlers, half_an_answer) {
     const double time = ask(
-        [](fake_listener&, fake_tls& tls, const std::string& answer) { tls.send(answer.substr(0, answer.size() / 2)); }, false);
+        [](fake_listener&, fake_tls& tls, const std::string& answer) { tls.send(answer.substr(0, answer.size() / 2)); },
+        false);
     EXPECT_TRUE(time < 20 || !whole_load());
     std::cout << "half an answer: lost after " << time << " s (at most 20)\n";
 }
 
-// Alive by its heartbeats, which are no answers. The brief form gives one after them; the whole form waits for the end of the
-// console's patience.
+// Alive by its heartbeats, which are no answers. The brief form gives one after them; the whole form waits for the end
+// of the console's patience.
 TEST_F(dawdlers, heartbeats_and_no_answer) {
     const double time = ask(
         [](fake_listener&, fake_tls& tls, const std::string& answer) {
@@ -79,8 +80,8 @@ TEST_F(dawdlers, heartbeats_and_no_answer) {
         },
         !whole_load());
     EXPECT_LT(time, 20.5);
-    std::cout << "heartbeats " << (whole_load() ? "and no answer: lost after " : "before an answer: whole after ") << time
-              << " s (at most 20)\n";
+    std::cout << "heartbeats " << (whole_load() ? "and no answer: lost after " : "before an answer: whole after ")
+              << time << " s (at most 20)\n";
 }
 
 } // namespace

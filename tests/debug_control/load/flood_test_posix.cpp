@@ -83,11 +83,12 @@ TEST(flood, of_connections_from_one_user) {
         for (std::thread& attacking : all)
             attacking.join();
         const holdings after = host.measure_at_rest(before);
-        std::printf("%d connections of one user %s: %ld KiB more resident, %ld KiB more allocated (at most 2048), %ld KiB "
-                    "in the end; %d logins of another one meanwhile, %d of them failed, the longest took %.0f ms (3000); "
-                    "descriptors before %ld, after %ld\n",
-                    connections, each.what, resident / 1024, heap / 1024, (after.heap - before.heap) / 1024, logins, failed,
-                    longest * 1000, before.descriptors, after.descriptors);
+        std::printf(
+            "%d connections of one user %s: %ld KiB more resident, %ld KiB more allocated (at most 2048), %ld KiB "
+            "in the end; %d logins of another one meanwhile, %d of them failed, the longest took %.0f ms (3000); "
+            "descriptors before %ld, after %ld\n",
+            connections, each.what, resident / 1024, heap / 1024, (after.heap - before.heap) / 1024, logins, failed,
+            longest * 1000, before.descriptors, after.descriptors);
         EXPECT_LE(heap, 2048 * 1024);
         EXPECT_EQ(failed, 0);
         EXPECT_EQ(after.descriptors, before.descriptors);

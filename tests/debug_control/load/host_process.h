@@ -1,4 +1,5 @@
-// A process of its own with a listener in it, which tells how it fares: what attacks cost is its memory, not the attacker's.
+// A process of its own with a listener in it, which tells how it fares: what attacks cost is its memory, not the
+// attacker's.
 #pragma once
 
 #include "loopback.h"
@@ -30,12 +31,12 @@ public:
     uint16 port() const { return m_port; }
     holdings measure();
 
-    // Once its connections are gone, as far as it has any that it must not have: waits until the descriptors are as many as
-    // these at most.
+    // Once its connections are gone, as far as it has any that it must not have: waits until the descriptors are as
+    // many as these at most.
     holdings measure_at_rest(const holdings& before);
 
-    // Closes all its descriptors but the standard ones, and opens other sockets in their place, in each of which something waits
-    // to be read. Its trace is at trace_path() from then on.
+    // Closes all its descriptors but the standard ones, and opens other sockets in their place, in each of which
+    // something waits to be read. Its trace is at trace_path() from then on.
     void close_descriptors() { EXPECT_EQ(ask('c'), "done"); }
     std::string trace_path() const { return m_folder / "trace"; }
     // How many of these sockets are as they were.

@@ -46,7 +46,8 @@ public:
     void open() {
         for (int i = 0; i < pairs; ++i) {
             int ends[2];
-            if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || write(ends[0], "x", 1) != 1 || write(ends[1], "x", 1) != 1)
+            if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || write(ends[0], "x", 1) != 1 ||
+                write(ends[1], "x", 1) != 1)
                 std::abort();
             m_all.insert(m_all.end(), {ends[0], ends[1]});
         }
@@ -63,41 +64,43 @@ private:
     std::vector<int> m_all;
 };
 
-// Words: the file of accounts, and one for the trace. Answers each byte that it reads with a line, and ends with its input.
+// Words: the file of accounts, and one for the trace. Answers each byte that it reads with a line, and ends with its
+// input.
 const scene host{"debug_control_host", [](const words& arguments) {
-    // Trace codes that fill several pages.
-    for (int i = 0; i < 2000; ++i)
-        qorDebugAllocateCode(("host." + std::to_string(i) + std::string(200, 'x')).c_str());
-    zetSmartPointer<IQORDebugListener> listener;
-    uint16 port = 0;
-    const auto listen = [&] {
-        return create_debug_listener(listener.Out()) && listener->Listen("127.0.0.1:0", arguments[0].c_str(), &port);
-    };
-    if (!listen())
-        return 1;
-    own_sockets sockets;
-    std::setvbuf(stdout, nullptr, _IOLBF, 256);
-    for (int what; (what = std::getchar()) != EOF;)
-        if (what == 'p' || what == 'l') {
-            std::printf("%u\n", what == 'p' || listen() ? port : 0u);
-        } else if (what == 'c') {
-            if (std::freopen(arguments[1].c_str(), "w", stderr) == nullptr)
-                return 1;
-            qorDebugEnableCode("system.debug-control", true);
-            closefrom(3);
-            sockets.open();
-            std::puts("done");
-        } else if (what == 'u') {
-            std::printf("%ld\n", sockets.untouched());
-        } else if (what == 'r') {
-            listener.Empty();
-            std::puts("done");
-        } else {
-            const holdings now = measure_this_process();
-            std::printf("%ld %ld %ld %ld\n", now.heap, now.resident, now.descriptors, now.threads);
-        }
-    return 0;
-}};
+                     // Trace codes that fill several pages.
+                     for (int i = 0; i < 2000; ++i)
+                         qorDebugAllocateCode(("host." + std::to_string(i) + std::string(200, 'x')).c_str());
+                     zetSmartPointer<IQORDebugListener> listener;
+                     uint16 port = 0;
+                     const auto listen = [&] {
+                         return create_debug_listener(listener.Out()) &&
+                                listener->Listen("127.0.0.1:0", arguments[0].c_str(), &port);
+                     };
+                     if (!listen())
+                         return 1;
+                     own_sockets sockets;
+                     std::setvbuf(stdout, nullptr, _IOLBF, 256);
+                     for (int what; (what = std::getchar()) != EOF;)
+                         if (what == 'p' || what == 'l') {
+                             std::printf("%u\n", what == 'p' || listen() ? port : 0u);
+                         } else if (what == 'c') {
+                             if (std::freopen(arguments[1].c_str(), "w", stderr) == nullptr)
+                                 return 1;
+                             qorDebugEnableCode("system.debug-control", true);
+                             closefrom(3);
+                             sockets.open();
+                             std::puts("done");
+                         } else if (what == 'u') {
+                             std::printf("%ld\n", sockets.untouched());
+                         } else if (what == 'r') {
+                             listener.Empty();
+                             std::puts("done");
+                         } else {
+                             const holdings now = measure_this_process();
+                             std::printf("%ld %ld %ld %ld\n", now.heap, now.resident, now.descriptors, now.threads);
+                         }
+                     return 0;
+                 }};
 
 } // namespace
 
@@ -106,8 +109,9 @@ qor::test::holdings qor::test::measure_this_process() {
 }
 
 qor::test::host_process::host_process(const std::string& more_accounts) {
-    const std::string users = private_file(
-        m_folder, "users", plain_scram::account("ada", "secret") + plain_scram::account("bob", "other") + more_accounts);
+    const std::string users =
+        private_file(m_folder, "users",
+                     plain_scram::account("ada", "secret") + plain_scram::account("bob", "other") + more_accounts);
     int in[2], out[2];
     EXPECT_EQ(pipe2(in, O_CLOEXEC), 0);
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
@@ -150,7 +154,8 @@ std::string qor::test::host_process::ask(char what) {
 qor::test::holdings qor::test::host_process::measure() {
     holdings now;
     const std::string line = ask('m');
-    EXPECT_EQ(std::sscanf(line.c_str(), "%ld %ld %ld %ld", &now.heap, &now.resident, &now.descriptors, &now.threads), 4) << line;
+    EXPECT_EQ(std::sscanf(line.c_str(), "%ld %ld %ld %ld", &now.heap, &now.resident, &now.descriptors, &now.threads), 4)
+        << line;
     return now;
 }
 

@@ -198,8 +198,8 @@ TEST(limits, guesses_of_one_user) {
     std::size_t most = 0;
     std::sort(answered.begin(), answered.end());
     for (auto each = answered.begin(); each != answered.end(); ++each)
-        most = std::max<std::size_t>(most,
-                                     static_cast<std::size_t>(std::upper_bound(each, answered.end(), *each + 59.5) - each));
+        most = std::max<std::size_t>(
+            most, static_cast<std::size_t>(std::upper_bound(each, answered.end(), *each + 59.5) - each));
     std::printf("guesses of one user, on 4 connections at a time: %zu in %d s, at most %zu in a minute (20); "
                 "a login of another one meanwhile: %.0f ms\n",
                 answered.size(), seconds, most, login * 1000);
@@ -212,7 +212,8 @@ TEST(limits, guesses_at_one_account) {
     host_process host;
     const test_clock::time_point begin = test_clock::now();
     unsigned answered = 0, user = 0;
-    // Each user makes two guesses: of the second ones those get an answer that come before the account has had twenty wrong ones.
+    // Each user makes two guesses: of the second ones those get an answer that come before the account has had twenty
+    // wrong ones.
     std::vector<std::unique_ptr<tls_peer>> waiting;
     for (; user < 12; ++user)
         for (int i = 0; i < 2; ++i) {
@@ -260,7 +261,8 @@ TEST_F(grace, for_a_login) {
     tls_peer real(host.port(), user_number(1));
     const test_clock::time_point connected = test_clock::now();
     ASSERT_TRUE(real.shake_hands());
-    while (seconds_since(connected) < 200 && real.send(frame_type::heartbeat, 0, {}) && !real.socket.is_cut_within(1s)) {
+    while (seconds_since(connected) < 200 && real.send(frame_type::heartbeat, 0, {}) &&
+           !real.socket.is_cut_within(1s)) {
     }
     const double real_time = seconds_since(connected);
     std::printf("time for a login, the real clock: %.1f s (120)\n", real_time);

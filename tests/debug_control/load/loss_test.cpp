@@ -109,7 +109,8 @@ TEST_F(loss, is_told_once_during_a_request_of_another_thread) {
     std::cout << "connections lost during a request: " << during << ", told: " << told << '\n';
 }
 
-// Nobody is told of a connection that no sink was set for: neither a sink that was not there yet, nor the one of before.
+// Nobody is told of a connection that no sink was set for: neither a sink that was not there yet, nor the one of
+// before.
 TEST_F(loss, before_a_login_is_not_told) {
     counting_sink sink;
     int again = 0;
@@ -157,7 +158,8 @@ TEST_F(loss, while_a_login_waits) {
         EXPECT_FALSE(control->GetCodes(out));
         EXPECT_EQ(error_number(), qorError_debug_not_logged_in);
         mend();
-        // Another listener: of one and the same, the wrong logins of an address have to wait for their turn at some time.
+        // Another listener: of one and the same, the wrong logins of an address have to wait for their turn at some
+        // time.
         listener.Empty();
         mend();
         EXPECT_TRUE(control->Login("ada", "secret")) << last_error();
@@ -233,7 +235,8 @@ TEST_F(loss, a_sink_may_release_the_control) {
     std::cout << "controls released by their sinks: " << told << '\n';
 }
 
-// It may use the control, too, while an operation of another thread meets the same loss: connect anew and set itself again.
+// It may use the control, too, while an operation of another thread meets the same loss: connect anew and set itself
+// again.
 TEST_F(loss, a_sink_may_use_the_control) {
     int told = 0;
     for (int i = 0; i < rounds; ++i) {

@@ -59,7 +59,8 @@ struct stage {
 const stage stages[] = {
     {"connected", [](tls_peer&) {}},
     {"half a hello", [](tls_peer& peer) { peer.socket.write(peer.tls.take().substr(0, 100)); }},
-    {"the longest hello, but for a byte", [](tls_peer& peer) { peer.socket.write(handshake_record(4096).substr(0, 4096)); }},
+    {"the longest hello, but for a byte",
+     [](tls_peer& peer) { peer.socket.write(handshake_record(4096).substr(0, 4096)); }},
     {"a handshake but for its last message",
      [](tls_peer& peer) {
          peer.flush();
@@ -147,7 +148,8 @@ TEST(memory, of_a_peer_that_never_reads) {
         ASSERT_TRUE(peer.shake_hands());
         ASSERT_TRUE(is_logged_in(peer.log_in(ada)));
         const long logged_in = host.measure().heap;
-        for (holdings now = host.measure(); now.descriptors > before.descriptors && asked < 1000; now = host.measure()) {
+        for (holdings now = host.measure(); now.descriptors > before.descriptors && asked < 1000;
+             now = host.measure()) {
             if (peer.send(frame_type::get_codes, 1, qor::control::number_payload(0)))
                 ++asked;
             // What stays, not what is moved just now: on a busy machine a move may take some of these looks.
@@ -160,9 +162,10 @@ TEST(memory, of_a_peer_that_never_reads) {
         }
     }
     const holdings after = host.measure_at_rest(before);
-    std::printf("a peer that never reads: dropped when %d answers of 64 KiB were due, %.0f KiB of memory at most, %.0f KiB "
-                "afterwards\n",
-                asked, in_KiB(most), in_KiB(after.heap - before.heap));
+    std::printf(
+        "a peer that never reads: dropped when %d answers of 64 KiB were due, %.0f KiB of memory at most, %.0f KiB "
+        "afterwards\n",
+        asked, in_KiB(most), in_KiB(after.heap - before.heap));
     EXPECT_LE(in_KiB(most), 256 + 16);
     EXPECT_GT(in_KiB(most), 64);
     EXPECT_LE(asked, 16);

@@ -1,5 +1,5 @@
-// Whole sessions through a proxy that breaks them at each place of their bytes: no operation hangs, no failure is taken for
-// another one, and the listener serves whoever comes next.
+// Whole sessions through a proxy that breaks them at each place of their bytes: no operation hangs, no failure is taken
+// for another one, and the listener serves whoever comes next.
 #include "breaking_proxy.h"
 #include "loopback.h"
 #include "support/load.h"
@@ -24,7 +24,6 @@ struct kind {
     std::size_t brief;
     std::size_t whole;
 };
-
 
 const std::map<fault, kind> kinds{
     {fault::split, {"split", true, 41, 1}},
@@ -184,8 +183,8 @@ TEST(proxy, breaks_a_session_at_each_offset) {
         each.join();
     std::cout << "a session: " << lengths[0] << " bytes to the listener, " << lengths[1] << " to the console\n";
     for (const auto& [what, sum] : all) {
-        std::cout << kinds.at(what).words << " at each of " << sum.tried << " offsets: longest end " << seconds(sum.longest)
-                  << " s (at most 20), sessions that failed: " << sum.failed << '\n';
+        std::cout << kinds.at(what).words << " at each of " << sum.tried << " offsets: longest end "
+                  << seconds(sum.longest) << " s (at most 20), sessions that failed: " << sum.failed << '\n';
         EXPECT_GT(sum.fired, 0u);
         EXPECT_EQ(sum.failed != 0, !kinds.at(what).harmless);
     }

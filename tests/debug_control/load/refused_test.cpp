@@ -133,7 +133,8 @@ TEST_F(refused_by_console, other_versions_and_protocols) {
 
 // The real listener, which does not have the key that is known of it.
 TEST_F(refused_by_console, a_changed_key) {
-    private_file(folder(), "known-hosts", "127.0.0.1 " + std::to_string(port()) + " sha256 " + std::string(64, 'a') + "\n");
+    private_file(folder(), "known-hosts",
+                 "127.0.0.1 " + std::to_string(port()) + " sha256 " + std::string(64, 'a') + "\n");
     expect_refused("a changed key", [&](int) { return connect_fails(port(), qorError_debug_key_changed); });
 }
 

@@ -20,9 +20,9 @@ constexpr long resident_slack = 1024 * 1024;
 #endif
 
 void expect_the_same(const char* who, const holdings& before, const holdings& after) {
-    std::cout << who << ": heap " << before.heap << " to " << after.heap << " bytes, resident " << before.resident / 1024
-              << " to " << after.resident / 1024 << " KiB, descriptors " << before.descriptors << " to " << after.descriptors
-              << ", threads " << before.threads << " to " << after.threads << '\n';
+    std::cout << who << ": heap " << before.heap << " to " << after.heap << " bytes, resident "
+              << before.resident / 1024 << " to " << after.resident / 1024 << " KiB, descriptors " << before.descriptors
+              << " to " << after.descriptors << ", threads " << before.threads << " to " << after.threads << '\n';
     EXPECT_LE(after.heap, before.heap + heap_slack) << who;
     EXPECT_LE(after.resident, before.resident + resident_slack) << who;
     EXPECT_EQ(after.descriptors, before.descriptors) << who;

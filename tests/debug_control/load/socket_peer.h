@@ -1,4 +1,5 @@
-// Peers of a listener over real sockets. To a listener they are as many as the users of this host whose sockets they have.
+// Peers of a listener over real sockets. To a listener they are as many as the users of this host whose sockets they
+// have.
 #pragma once
 
 #include "memory_client.h"
@@ -51,7 +52,7 @@ inline bool can_be_several_users() {
     return done;
 }
 
-#define QOR_NEEDS_SEVERAL_USERS()                                                                                     \
+#define QOR_NEEDS_SEVERAL_USERS()                                                                                      \
     if (!can_be_several_users())                                                                                       \
     GTEST_SKIP() << "only root can connect as several users"
 
@@ -82,7 +83,8 @@ public:
 
     // Without waiting for room. False: not all of it went.
     bool write(std::string_view bytes) {
-        return send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(bytes.size());
+        return send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
+               static_cast<ssize_t>(bytes.size());
     }
 
     // What comes within the time. Nothing: it did not; an empty text: the connection was cut.

@@ -1,4 +1,5 @@
-// All threads of debug control at once, and those of a host that allocates and switches codes: for the thread sanitizer above all.
+// All threads of debug control at once, and those of a host that allocates and switches codes: for the thread sanitizer
+// above all.
 #include "breaking_proxy.h"
 #include "loopback.h"
 #include "support/load.h"
@@ -21,8 +22,8 @@ protected:
             EXPECT_FALSE(control->GetCodes(names));
             qorDebugAllocateCode("together.lost");
         };
-        const bool to_be_told = control->Connect("127.0.0.1", proxy.port()) && control->Login("ada", "secret") &&
-                                control->SetSink(&sink);
+        const bool to_be_told =
+            control->Connect("127.0.0.1", proxy.port()) && control->Login("ada", "secret") && control->SetSink(&sink);
         bool well = to_be_told;
         qorStringArray names;
         for (int i = 0; well && i <= round % 4; ++i)
@@ -31,7 +32,8 @@ protected:
         if (well) {
             ++m_left;
         } else {
-            static const std::set<uint32> clear{qorError_debug_cannot_connect, qorError_debug_busy, qorError_debug_connection_lost};
+            static const std::set<uint32> clear{qorError_debug_cannot_connect, qorError_debug_busy,
+                                                qorError_debug_connection_lost};
             EXPECT_TRUE(clear.count(error_number()) != 0) << last_error();
             ++m_lost;
             if (to_be_told)

@@ -1,5 +1,5 @@
-// The password on the wire: looked for in every form that it might have, in all bytes of logins between a real console and a
-// real listener, and in what they mean.
+// The password on the wire: looked for in every form that it might have, in all bytes of logins between a real console
+// and a real listener, and in what they mean.
 #include "impostor_fixture.h"
 #include "memory_client.h"
 #include "support/load.h"
@@ -42,8 +42,9 @@ std::string in_utf16(const std::string& ascii, bool low_byte_first) {
 // All that gives the secret away, by name.
 std::vector<std::pair<std::string, std::string>> forms(const std::string& name, const std::string& secret) {
     std::vector<std::pair<std::string, std::string>> all;
-    const std::pair<std::string, std::string> codes[] = {
-        {name, secret}, {name + " in UTF-16LE", in_utf16(secret, true)}, {name + " in UTF-16BE", in_utf16(secret, false)}};
+    const std::pair<std::string, std::string> codes[] = {{name, secret},
+                                                         {name + " in UTF-16LE", in_utf16(secret, true)},
+                                                         {name + " in UTF-16BE", in_utf16(secret, false)}};
     for (const auto& [what, bytes] : codes) {
         all.emplace_back(what, bytes);
         all.emplace_back(what + ", hexadecimal", hexadecimal(bytes, "0123456789abcdef"));
@@ -58,9 +59,9 @@ std::vector<std::pair<std::string, std::string>> forms(const std::string& name, 
 std::vector<std::pair<std::string, std::string>> secrets(const std::string& salt) {
     auto all = forms("the password", password);
     const std::string salted = plain_scram::salted(password, salt, 4096);
-    for (const auto& [name, key] :
-         {std::pair("the salted password", salted), std::pair("the client's key", plain_scram::hmac(salted, "Client Key")),
-          std::pair("the server's key", plain_scram::hmac(salted, "Server Key"))}) {
+    for (const auto& [name, key] : {std::pair("the salted password", salted),
+                                    std::pair("the client's key", plain_scram::hmac(salted, "Client Key")),
+                                    std::pair("the server's key", plain_scram::hmac(salted, "Server Key"))}) {
         all.emplace_back(name, key);
         all.emplace_back(std::string(name) + ", hexadecimal", hexadecimal(key, "0123456789abcdef"));
         all.emplace_back(std::string(name) + ", base64", plain_scram::base64(key));
@@ -69,7 +70,8 @@ std::vector<std::pair<std::string, std::string>> secrets(const std::string& salt
 }
 
 // The names of those that are there.
-std::vector<std::string> found(const std::vector<std::pair<std::string, std::string>>& secrets, const std::string& bytes) {
+std::vector<std::string> found(const std::vector<std::pair<std::string, std::string>>& secrets,
+                               const std::string& bytes) {
     std::vector<std::string> all;
     for (const auto& [name, secret] : secrets)
         if (bytes.find(secret) != bytes.npos)
@@ -225,11 +227,11 @@ TEST_F(wire, the_search_finds_every_form) {
     }
     // As others write them, wherever they stand: {"p":"..."} through base64(1) and xxd(1).
     const auto password_alone = forms("the password", password);
-    for (const char* const text :
-         {"eyJwIjoiY29ycmVjdCBob3JzZSBiYXR0ZXJ5IHN0YXBsZSAxIn0K", "eyJwYSI6ImNvcnJlY3QgaG9yc2UgYmF0dGVyeSBzdGFwbGUgMSJ9Cg==",
-          "eyJwYXMiOiJjb3JyZWN0IGhvcnNlIGJhdHRlcnkgc3RhcGxlIDEifQo=",
-          "7b2270223a22636f727265637420686f7273652062617474657279207374617"
-          "06c652031227d0a"})
+    for (const char* const text : {"eyJwIjoiY29ycmVjdCBob3JzZSBiYXR0ZXJ5IHN0YXBsZSAxIn0K",
+                                   "eyJwYSI6ImNvcnJlY3QgaG9yc2UgYmF0dGVyeSBzdGFwbGUgMSJ9Cg==",
+                                   "eyJwYXMiOiJjb3JyZWN0IGhvcnNlIGJhdHRlcnkgc3RhcGxlIDEifQo=",
+                                   "7b2270223a22636f727265637420686f7273652062617474657279207374617"
+                                   "06c652031227d0a"})
         EXPECT_EQ(found(password_alone, text).size(), 1u) << text;
 }
 

@@ -18,5 +18,5 @@ struct made_up_table {
     }
 };
 
-#define QOR_HAND_OUT(table)                                                                                  \
+#define QOR_HAND_OUT(table)                                                                                            \
     extern "C" [[gnu::visibility("default")]] const void* glue_binding_point() { return (table).rows; }

@@ -1,4 +1,2 @@
 // Has the export, and hands out nothing.
-extern "C" [[gnu::visibility("default")]] const void* glue_binding_point() {
-    return nullptr;
-}
+extern "C" [[gnu::visibility("default")]] const void* glue_binding_point() { return nullptr; }

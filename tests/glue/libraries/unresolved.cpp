@@ -1,5 +1,3 @@
 // Has the export, but needs a symbol that nobody has.
 extern "C" const void* a_symbol_that_nobody_has();
-extern "C" [[gnu::visibility("default")]] const void* glue_binding_point() {
-    return a_symbol_that_nobody_has();
-}
+extern "C" [[gnu::visibility("default")]] const void* glue_binding_point() { return a_symbol_that_nobody_has(); }

@@ -1,4 +1,2 @@
 // A sound library that is not libqor.
-extern "C" [[gnu::visibility("default")]] const void* some_other_entry_point() {
-    return nullptr;
-}
+extern "C" [[gnu::visibility("default")]] const void* some_other_entry_point() { return nullptr; }

@@ -1,5 +1,5 @@
-// The injector: a library to preload (LD_PRELOAD) that makes one chosen call of a program fail, so that a test can try each
-// of them in turn. It knows two kinds of targets:
+// The injector: a library to preload (LD_PRELOAD) that makes one chosen call of a program fail, so that a test can try
+// each of them in turn. It knows two kinds of targets:
 //
 //   alloc          every request to the C library's allocator: malloc, calloc, realloc, aligned_alloc, memalign,
 //                  posix_memalign; operator new goes through malloc
@@ -10,15 +10,17 @@
 //   QOR_INJECT         the target
 //   QOR_INJECT_AT      the number of the call that fails, from 1 on
 //   QOR_INJECT_COUNT   how many calls fail from there on; 1 where it is not set, 0: all
-//   QOR_INJECT_WITH    what a failed system call says: a number of errno, or "short": the call is done, with half of the
+//   QOR_INJECT_WITH    what a failed system call says: a number of errno, or "short": the call is done, with half of
+//   the
 //                      length that it was asked for; ENOMEM where it is not set
-//   QOR_INJECT_REPORT  a file to which a line is added when a call fails: the call, its number, and for a request for memory
+//   QOR_INJECT_REPORT  a file to which a line is added when a call fails: the call, its number, and for a request for
+//   memory
 //                      the library that makes it; without a line there were fewer calls
 //
 // Or by qor_inject_arm (inject.h), in a program that is prepared for it.
 //
-// A new system call is a row in the table. Calls that the C library makes inside itself are not seen, but their requests
-// for memory are. The library uses nothing that allocates.
+// A new system call is a row in the table. Calls that the C library makes inside itself are not seen, but their
+// requests for memory are. The library uses nothing that allocates.
 #include "inject.h"
 
 #include <atomic>
@@ -167,7 +169,9 @@ static void* no_memory() {
     return nullptr;
 }
 
-void* malloc(std::size_t size) { return is_refused("malloc", 0, size, __builtin_return_address(0)) ? no_memory() : __libc_malloc(size); }
+void* malloc(std::size_t size) {
+    return is_refused("malloc", 0, size, __builtin_return_address(0)) ? no_memory() : __libc_malloc(size);
+}
 
 void* calloc(std::size_t count, std::size_t size) {
     return is_refused("calloc", 0, size, __builtin_return_address(0)) ? no_memory() : __libc_calloc(count, size);
@@ -178,15 +182,19 @@ void* realloc(void* block, std::size_t size) {
 }
 
 void* memalign(std::size_t alignment, std::size_t size) {
-    return is_refused("memalign", alignment, size, __builtin_return_address(0)) ? no_memory() : __libc_memalign(alignment, size);
+    return is_refused("memalign", alignment, size, __builtin_return_address(0)) ? no_memory()
+                                                                                : __libc_memalign(alignment, size);
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
-    return is_refused("aligned_alloc", alignment, size, __builtin_return_address(0)) ? no_memory() : __libc_memalign(alignment, size);
+    return is_refused("aligned_alloc", alignment, size, __builtin_return_address(0)) ? no_memory()
+                                                                                     : __libc_memalign(alignment, size);
 }
 
 int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
-    void* const block = is_refused("posix_memalign", alignment, size, __builtin_return_address(0)) ? nullptr : __libc_memalign(alignment, size);
+    void* const block = is_refused("posix_memalign", alignment, size, __builtin_return_address(0))
+                            ? nullptr
+                            : __libc_memalign(alignment, size);
     if (block != nullptr)
         *out = block;
     return block != nullptr ? 0 : ENOMEM;
@@ -194,39 +202,39 @@ int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
 
 // ---- the system calls: CALL(result, name, (parameters), number of the call, its arguments), and CALL_OF_LENGTH with
 // `length` for those that may do less than they were asked to; the target comes first where one has two names.
-#define CALL(result, name, parameters, ...)                                                                  \
-    result name parameters {                                                                                 \
-        if (fires(#name, #name)) {                                                                           \
-            errno = s_settings.error;                                                                        \
-            return result(-1L);                                                                              \
-        }                                                                                                    \
-        return result(syscall(__VA_ARGS__));                                                                 \
+#define CALL(result, name, parameters, ...)                                                                            \
+    result name parameters {                                                                                           \
+        if (fires(#name, #name)) {                                                                                     \
+            errno = s_settings.error;                                                                                  \
+            return result(-1L);                                                                                        \
+        }                                                                                                              \
+        return result(syscall(__VA_ARGS__));                                                                           \
     }
-#define CALL_OF_LENGTH(target, name, parameters, ...)                                                        \
-    ssize_t name parameters {                                                                                \
-        if (fires(target, #name)) {                                                                          \
-            if (!s_settings.is_short || length < 2) {                                                        \
-                errno = s_settings.error;                                                                    \
-                return -1;                                                                                   \
-            }                                                                                                \
-            length /= 2;                                                                                     \
-        }                                                                                                    \
-        return syscall(__VA_ARGS__);                                                                         \
+#define CALL_OF_LENGTH(target, name, parameters, ...)                                                                  \
+    ssize_t name parameters {                                                                                          \
+        if (fires(target, #name)) {                                                                                    \
+            if (!s_settings.is_short || length < 2) {                                                                  \
+                errno = s_settings.error;                                                                              \
+                return -1;                                                                                             \
+            }                                                                                                          \
+            length /= 2;                                                                                               \
+        }                                                                                                              \
+        return syscall(__VA_ARGS__);                                                                                   \
     }
 using pointer = void*;
 
-#define CALL_THAT_OPENS(name, parameters, ...)                                                               \
-    int name parameters {                                                                                    \
-        if (fires("open", #name)) {                                                                          \
-            errno = s_settings.error;                                                                        \
-            return -1;                                                                                       \
-        }                                                                                                    \
-        /* Who makes no file passes no mode; what is read then is not looked at. */                          \
-        std::va_list more;                                                                                   \
-        va_start(more, flags);                                                                               \
-        const mode_t mode = va_arg(more, mode_t);                                                            \
-        va_end(more);                                                                                        \
-        return static_cast<int>(syscall(__VA_ARGS__, flags, mode));                                          \
+#define CALL_THAT_OPENS(name, parameters, ...)                                                                         \
+    int name parameters {                                                                                              \
+        if (fires("open", #name)) {                                                                                    \
+            errno = s_settings.error;                                                                                  \
+            return -1;                                                                                                 \
+        }                                                                                                              \
+        /* Who makes no file passes no mode; what is read then is not looked at. */                                    \
+        std::va_list more;                                                                                             \
+        va_start(more, flags);                                                                                         \
+        const mode_t mode = va_arg(more, mode_t);                                                                      \
+        va_end(more);                                                                                                  \
+        return static_cast<int>(syscall(__VA_ARGS__, flags, mode));                                                    \
     }
 
 CALL_THAT_OPENS(open, (const char* path, int flags, ...), SYS_openat, AT_FDCWD, path)
@@ -234,20 +242,25 @@ CALL_THAT_OPENS(open64, (const char* path, int flags, ...), SYS_openat, AT_FDCWD
 CALL_THAT_OPENS(openat, (int folder, const char* path, int flags, ...), SYS_openat, folder, path)
 CALL_THAT_OPENS(openat64, (int folder, const char* path, int flags, ...), SYS_openat, folder, path)
 CALL_OF_LENGTH("read", read, (int file, void* bytes, std::size_t length), SYS_read, file, bytes, length)
-CALL_OF_LENGTH("pread", pread, (int file, void* bytes, std::size_t length, off_t at), SYS_pread64, file, bytes, length, at)
-CALL_OF_LENGTH("pread", pread64, (int file, void* bytes, std::size_t length, off64_t at), SYS_pread64, file, bytes, length, at)
+CALL_OF_LENGTH("pread", pread, (int file, void* bytes, std::size_t length, off_t at), SYS_pread64, file, bytes, length,
+               at)
+CALL_OF_LENGTH("pread", pread64, (int file, void* bytes, std::size_t length, off64_t at), SYS_pread64, file, bytes,
+               length, at)
 CALL_OF_LENGTH("write", write, (int file, const void* bytes, std::size_t length), SYS_write, file, bytes, length)
-CALL_OF_LENGTH("recv", recv, (int file, void* bytes, std::size_t length, int flags), SYS_recvfrom, file, bytes, length, flags, 0, 0)
-CALL_OF_LENGTH("send", send, (int file, const void* bytes, std::size_t length, int flags), SYS_sendto, file, bytes, length, flags, 0, 0)
+CALL_OF_LENGTH("recv", recv, (int file, void* bytes, std::size_t length, int flags), SYS_recvfrom, file, bytes, length,
+               flags, 0, 0)
+CALL_OF_LENGTH("send", send, (int file, const void* bytes, std::size_t length, int flags), SYS_sendto, file, bytes,
+               length, flags, 0, 0)
 CALL(int, close, (int file), SYS_close, file)
 CALL(int, fstat, (int file, struct stat* out), SYS_fstat, file, out)
-CALL(int, poll, (struct pollfd* files, nfds_t count, int milliseconds), SYS_poll, files, count, milliseconds)
+CALL(int, poll, (struct pollfd * files, nfds_t count, int milliseconds), SYS_poll, files, count, milliseconds)
 CALL(int, socket, (int domain, int type, int protocol), SYS_socket, domain, type, protocol)
 CALL(int, connect, (int file, const struct sockaddr* to, socklen_t size), SYS_connect, file, to, size)
 CALL(int, bind, (int file, const struct sockaddr* at, socklen_t size), SYS_bind, file, at, size)
 CALL(int, listen, (int file, int waiting), SYS_listen, file, waiting)
 CALL(int, ftruncate, (int file, off_t size), SYS_ftruncate, file, size)
-CALL(pointer, mmap, (void* at, std::size_t size, int access, int flags, int file, off_t from), SYS_mmap, at, size, access, flags, file, from)
+CALL(pointer, mmap, (void* at, std::size_t size, int access, int flags, int file, off_t from), SYS_mmap, at, size,
+     access, flags, file, from)
 
 // A pure pause passes at once: logging on makes who gave a wrong password wait for seconds.
 int select(int count, fd_set* readable, fd_set* writable, fd_set* special, struct timeval* patience) {

@@ -71,11 +71,10 @@ struct binding_table {
 };
 
 // Each row sits at its number.
-#define QOR_SLOT(number, result, op, parameters, arguments)                                                  \
+#define QOR_SLOT(number, result, op, parameters, arguments)                                                            \
     static_assert(offsetof(binding_table, op) == (number) * sizeof(unwritten));
 #define QOR_RESERVED(number, op) static_assert(offsetof(binding_table, op) == (number) * sizeof(unwritten));
-#define QOR_ROOM(first, count)                                                                               \
-    static_assert(offsetof(binding_table, room_##first) == (first) * sizeof(unwritten));
+#define QOR_ROOM(first, count) static_assert(offsetof(binding_table, room_##first) == (first) * sizeof(unwritten));
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
@@ -122,7 +121,8 @@ constexpr bool is_bound() noexcept { return true; }
 #if defined(__ELF__)
 [[gnu::visibility("hidden")]]
 #endif
-inline constinit std::atomic<const binding_table*> s_funcs{nullptr};
+inline constinit std::atomic<const binding_table*>
+    s_funcs{nullptr};
 
 // Loads libqor and stores its table; ends the process with exit code 100 if it cannot (impl_<platform>.h).
 const binding_table* bind() noexcept;
@@ -136,7 +136,7 @@ inline const binding_table* table() noexcept {
     return funcs;
 }
 
-#define QOR_SLOT(number, result, op, parameters, arguments)                                                  \
+#define QOR_SLOT(number, result, op, parameters, arguments)                                                            \
     inline result op parameters noexcept { return table()->op arguments; }
 
 #endif

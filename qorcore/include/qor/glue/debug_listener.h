@@ -3,7 +3,8 @@
 
 #include "qor/system/Interface.h"
 
-// What stands behind qorDebugListen. The last Release ends the listener and its connections, and waits until they are gone.
+// What stands behind qorDebugListen. The last Release ends the listener and its connections, and waits until they are
+// gone.
 class IQORDebugListener : public IQORInterface {
 public:
     // Once for an object. The arguments are those of qorDebugListen.

@@ -34,11 +34,11 @@ inline void announce(const void* object, const char* type_name) noexcept {
 
 // Storage of framework objects: operator new takes the source location, as in
 // `new ("util/tool/main", 55) tool_app`.
-#define QOR_TRACKED_NEW                                                                                      \
-    static void* operator new(std::size_t size, const char* file, int line) {                                \
-        return qor::glue::or_throw(qor::glue::qor_do_new(size, file, line));                                 \
-    }                                                                                                        \
-    static void operator delete(void* object) noexcept { qor::glue::qor_do_delete(object); }                 \
+#define QOR_TRACKED_NEW                                                                                                \
+    static void* operator new(std::size_t size, const char* file, int line) {                                          \
+        return qor::glue::or_throw(qor::glue::qor_do_new(size, file, line));                                           \
+    }                                                                                                                  \
+    static void operator delete(void* object) noexcept { qor::glue::qor_do_delete(object); }                           \
     static void operator delete(void* object, const char*, int) noexcept { qor::glue::qor_do_delete(object); }
 
 // A reference-counted object with one interface. It is born holding one reference, and the last Release ends it.
@@ -93,8 +93,8 @@ public:
     qorComponent2& operator=(const qorComponent2&) = delete;
     virtual ~qorComponent2() {
         if (m_data->refcount.Read() != 0)
-            qor::glue::assert_failed("m_data->refcount.Read() == 0",
-                                     "virtual qorComponent2::~qorComponent2()", qor::glue::common_file, 973);
+            qor::glue::assert_failed("m_data->refcount.Read() == 0", "virtual qorComponent2::~qorComponent2()",
+                                     qor::glue::common_file, 973);
         if (m_data->interfaces != nullptr)
             qor_do_free(m_data->interfaces, qor::glue::common_file, 976);
         delete m_data;
@@ -118,8 +118,8 @@ public:
         m_data->interfaces = static_cast<interface_entry*>(
             m_data->interfaces == nullptr
                 ? qor_do_malloc(0, sizeof(interface_entry), true, qor::glue::common_file, 1005)
-                : qor_do_realloc(m_data->interfaces, (count + 1ull) * sizeof(interface_entry),
-                                 qor::glue::common_file, 1007));
+                : qor_do_realloc(m_data->interfaces, (count + 1ull) * sizeof(interface_entry), qor::glue::common_file,
+                                 1007));
         m_data->interfaces[count] = {name, iface, owner};
         m_data->interface_count = count + 1;
     }

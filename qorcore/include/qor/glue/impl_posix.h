@@ -19,8 +19,8 @@
 
 namespace qor::glue {
 
-// The executable's own file, or false. Without /proc the path that it was started by leads there, unless the process has
-// rights that its user has not: he chose that path.
+// The executable's own file, or false. Without /proc the path that it was started by leads there, unless the process
+// has rights that its user has not: he chose that path.
 using own_path = char[8192 + 32]; // with room for the name of a library
 inline bool get_own_path(own_path& path) noexcept {
     static_assert(sizeof path >= PATH_MAX);
@@ -49,9 +49,9 @@ inline void debugger_message(const char* text) noexcept { syslog(LOG_USER | LOG_
     _exit(100);
 }
 
-// libqor.so from the executable's own folder, or from the lib beside its bin, where it lies installed; or null. A run path
-// would lead there as well, but the loader follows one for each library of the program: 22 looks in vain at every start.
-// RTLD_NOW: a damaged library fails here, not later.
+// libqor.so from the executable's own folder, or from the lib beside its bin, where it lies installed; or null. A run
+// path would lead there as well, but the loader follows one for each library of the program: 22 looks in vain at every
+// start. RTLD_NOW: a damaged library fails here, not later.
 inline void* load_beside_executable() noexcept {
     constexpr const char* names[] = {"libqor.so", "../lib/libqor.so"};
     own_path path;
@@ -164,8 +164,8 @@ private:
 
 // An event as the operating system's event objects are: set or not, and reset by hand or by the one waiter
 // that it releases. Setting it releases those who wait at that moment, one by one and the first to come first; whether
-// they have run by then does not matter, and nobody who comes later can take their place. Once all are released the event
-// may be destroyed, although they are still on their way out: the last of them frees it.
+// they have run by then does not matter, and nobody who comes later can take their place. Once all are released the
+// event may be destroyed, although they are still on their way out: the last of them frees it.
 class event {
 public:
     static event* create(bool manual_reset, bool set) noexcept {
@@ -189,8 +189,8 @@ public:
     static void destroy(event* self) noexcept {
         if (self == nullptr)
             return;
-        // None of this process's threads has ever stood in line. In a forked child the lock may be held by a thread that the
-        // child does not have.
+        // None of this process's threads has ever stood in line. In a forked child the lock may be held by a thread
+        // that the child does not have.
         if (self->m_process != getpid())
             return end(self);
         pthread_mutex_lock(&self->m_lock);
@@ -285,8 +285,8 @@ private:
             return outcome::failed;
         forget_other_process();
         add(here);
-        // A thread that is cancelled here would leave its place in the line and the lock behind, and waits throw nothing: it is
-        // cancelled later.
+        // A thread that is cancelled here would leave its place in the line and the lock behind, and waits throw
+        // nothing: it is cancelled later.
         int cancellation;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
         while (!here.is_released && result == 0)

@@ -30,8 +30,8 @@ __declspec(dllimport) __declspec(noreturn) void __stdcall ExitProcess(unsigned i
 __declspec(dllimport) wchar_t* __stdcall GetCommandLineW();
 __declspec(dllimport) wchar_t** __stdcall CommandLineToArgvW(const wchar_t*, int*);
 __declspec(dllimport) void* __stdcall GlobalFree(void*);
-__declspec(dllimport) int __stdcall WideCharToMultiByte(unsigned int, unsigned long, const wchar_t*, int, char*,
-                                                        int, const char*, int*);
+__declspec(dllimport) int __stdcall WideCharToMultiByte(unsigned int, unsigned long, const wchar_t*, int, char*, int,
+                                                        const char*, int*);
 
 __declspec(dllimport) void __stdcall InitializeCriticalSection(_RTL_CRITICAL_SECTION*);
 __declspec(dllimport) void __stdcall DeleteCriticalSection(_RTL_CRITICAL_SECTION*);
@@ -136,8 +136,8 @@ inline HINSTANCE__* load_library() noexcept {
 
 [[gnu::noinline, gnu::cold]] inline const binding_table* bind() noexcept {
     HINSTANCE__* const library = load_library();
-    auto* const entry = reinterpret_cast<binding_point*>(
-        reinterpret_cast<void (*)()>(GetProcAddress(library, "glue_binding_point")));
+    auto* const entry =
+        reinterpret_cast<binding_point*>(reinterpret_cast<void (*)()>(GetProcAddress(library, "glue_binding_point")));
     if (!is_function(reinterpret_cast<const void*>(entry))) {
         debugger_message(L"FAILED GetProcAddress() on libqor.dll for main entry point\n");
         assert_failed("false", bind_function, impl_file, 92);
@@ -256,8 +256,8 @@ inline void qorwinSetupProcessArgs(qorStringArray& args) noexcept {
     int count = 0;
     wchar_t** const argvec = CommandLineToArgvW(GetCommandLineW(), &count);
     if (argvec == nullptr)
-        qor::glue::assert_failed("argvec != NULL", "void qorwinSetupProcessArgs(qorStringArray&)",
-                                 qor::glue::impl_file, 115);
+        qor::glue::assert_failed("argvec != NULL", "void qorwinSetupProcessArgs(qorStringArray&)", qor::glue::impl_file,
+                                 115);
     qor::glue::qorStringArray_Empty(&args);
     for (int i = 1; argvec != nullptr && i < count; ++i)
         qor::glue::append_utf16(args, argvec[i]);

@@ -15,8 +15,8 @@
 
 namespace qor::glue {
 
-// An ELF file and what its headers claim. Its table of sections says a second time what its segments say, so a wrong one
-// of either is found; and since it stands at the end, a file that holds all of it is not cut off.
+// An ELF file and what its headers claim. Its table of sections says a second time what its segments say, so a wrong
+// one of either is found; and since it stands at the end, a file that holds all of it is not cut off.
 class library_file {
 public:
     explicit library_file(const char* path) noexcept : m_file(open_regular_file(path, m_status)) {}
@@ -44,8 +44,7 @@ private:
     }
 
     static bool is_within(uint64 begin, uint64 size, uint64 whole_begin, uint64 whole_size) noexcept {
-        return begin >= whole_begin && begin - whole_begin <= whole_size &&
-               size <= whole_size - (begin - whole_begin);
+        return begin >= whole_begin && begin - whole_begin <= whole_size && size <= whole_size - (begin - whole_begin);
     }
 
     bool read_headers() noexcept {
@@ -60,8 +59,8 @@ private:
                is_within(m_header.e_shoff, m_header.e_shnum * sizeof(section), 0, m_size);
     }
 
-    // Those that are mapped lie in the file, and one behind the other in memory; all others are parts of them, but for notes of
-    // the processor's own kinds, which the loader leaves alone.
+    // Those that are mapped lie in the file, and one behind the other in memory; all others are parts of them, but for
+    // notes of the processor's own kinds, which the loader leaves alone.
     bool segments_agree() const noexcept {
         uint64 end = 0;
         for (std::size_t i = 0; i < m_header.e_phnum; ++i) {
@@ -123,8 +122,8 @@ private:
         const bool of_a_thread = (one.sh_flags & SHF_TLS) != 0;
         if (of_a_thread && !has_memory(PT_TLS, one.sh_addr, one.sh_size, PF_R))
             return false;
-        const uint32 rights = PF_R | ((one.sh_flags & SHF_WRITE) != 0 ? PF_W : 0u) |
-                              ((one.sh_flags & SHF_EXECINSTR) != 0 ? PF_X : 0u);
+        const uint32 rights =
+            PF_R | ((one.sh_flags & SHF_WRITE) != 0 ? PF_W : 0u) | ((one.sh_flags & SHF_EXECINSTR) != 0 ? PF_X : 0u);
         if (one.sh_type != SHT_NOBITS)
             return is_mapped(one.sh_addr, one.sh_size, one.sh_offset, rights);
         return of_a_thread || has_memory(PT_LOAD, one.sh_addr, one.sh_size, rights);
@@ -137,7 +136,8 @@ private:
     segment m_segments[max_segments];
 };
 
-// Whether the loader may have this file. Nothing that lies in its place, a FIFO for instance, can stop the process here.
+// Whether the loader may have this file. Nothing that lies in its place, a FIFO for instance, can stop the process
+// here.
 inline bool is_whole(const char* path) noexcept { return library_file(path).is_sound(); }
 
 // Whether what a library exports can be called: a function, all of it in memory that is executable.

@@ -20,9 +20,9 @@ using module_point = const module_table*(const binding_table* table) noexcept;
 
 #ifndef QOR_INSIDE
 
-// The first thing that glue_module_point does: from then on the module calls the framework as every client does. It must
-// not call anything of the framework before, from the constructor of a static object for instance: it would look for
-// libqor in the wrong place. False: this libqor lacks operations that the module was compiled for; the module then
+// The first thing that glue_module_point does: from then on the module calls the framework as every client does. It
+// must not call anything of the framework before, from the constructor of a static object for instance: it would look
+// for libqor in the wrong place. False: this libqor lacks operations that the module was compiled for; the module then
 // calls nothing of it and returns null.
 [[nodiscard]] inline bool bind_module(const binding_table* table) noexcept {
     if (table == nullptr || !is_sufficient(*table))

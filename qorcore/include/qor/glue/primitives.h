@@ -33,8 +33,7 @@ class qorFastMutex2 {
 public:
     qorFastMutex2() noexcept : m_pCrit(qor::glue::critical_section::create()) {
         if (m_pCrit == nullptr)
-            qor::glue::assert_failed("m_pCrit != NULL", "qorFastMutex2::qorFastMutex2()", qor::glue::impl_file,
-                                     147);
+            qor::glue::assert_failed("m_pCrit != NULL", "qorFastMutex2::qorFastMutex2()", qor::glue::impl_file, 147);
     }
     qorFastMutex2(const qorFastMutex2&) = delete;
     qorFastMutex2& operator=(const qorFastMutex2&) = delete;
@@ -84,8 +83,8 @@ private:
     qorFastMutex2* m_mutex = nullptr;
 };
 
-// Open or closed; while it is open, everyone who waits or comes to wait passes. Opening it releases all who wait, even if it
-// is closed at once. It may be destroyed when all who wait have been released, before they return. No wait is a
+// Open or closed; while it is open, everyone who waits or comes to wait passes. Opening it releases all who wait, even
+// if it is closed at once. It may be destroyed when all who wait have been released, before they return. No wait is a
 // cancellation point.
 class qorGate {
 public:
@@ -103,27 +102,24 @@ public:
     // Returns when the gate is open.
     void Wait() noexcept {
         if (qor::glue::event::wait(m_event, 0) != qor::glue::event::outcome::signalled)
-            qor::glue::assert_failed(qor::glue::unlimited_wait_expression, "void qorGate::Wait()",
-                                     qor::glue::impl_file, 195);
+            qor::glue::assert_failed(qor::glue::unlimited_wait_expression, "void qorGate::Wait()", qor::glue::impl_file,
+                                     195);
     }
 
     // True: open; false: the time ran out. A limit of 0 milliseconds is no limit at all, not a poll.
-    bool Wait(uint32 ms) noexcept {
-        return qor::glue::limited_wait(m_event, ms, "bool qorGate::Wait(uint32)", 204);
-    }
+    bool Wait(uint32 ms) noexcept { return qor::glue::limited_wait(m_event, ms, "bool qorGate::Wait(uint32)", 204); }
 
 private:
     qor::glue::event* m_event;
 };
 
-// Each Set lets one waiter pass: one of those who wait, or where nobody waits the next to come, however often it was called
-// until then. Destruction and cancellation: as for the gate.
+// Each Set lets one waiter pass: one of those who wait, or where nobody waits the next to come, however often it was
+// called until then. Destruction and cancellation: as for the gate.
 class qorTrigger {
 public:
     explicit qorTrigger(bool set) noexcept : m_event(qor::glue::event::create(false, set)) {
         if (m_event == nullptr)
-            qor::glue::assert_failed("m_event != NULL", "qorTrigger::qorTrigger(bool)", qor::glue::impl_file,
-                                     214);
+            qor::glue::assert_failed("m_event != NULL", "qorTrigger::qorTrigger(bool)", qor::glue::impl_file, 214);
     }
     qorTrigger(const qorTrigger&) = delete;
     qorTrigger& operator=(const qorTrigger&) = delete;
@@ -138,9 +134,7 @@ public:
     }
 
     // As qorGate::Wait(uint32): 0 waits without limit.
-    bool Wait(uint32 ms) noexcept {
-        return qor::glue::limited_wait(m_event, ms, "bool qorTrigger::Wait(uint32)", 238);
-    }
+    bool Wait(uint32 ms) noexcept { return qor::glue::limited_wait(m_event, ms, "bool qorTrigger::Wait(uint32)", 238); }
 
 private:
     qor::glue::event* m_event;

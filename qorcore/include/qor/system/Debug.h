@@ -21,7 +21,8 @@ inline const qorDebugFlag* debug_flags() noexcept { return qorDebugGetFlags(); }
 #if defined(__ELF__)
 [[gnu::visibility("hidden")]]
 #endif
-inline constinit std::atomic<const qorDebugFlag*> s_debug_flags{nullptr};
+inline constinit std::atomic<const qorDebugFlag*>
+    s_debug_flags{nullptr};
 
 // Null before the table is bound: tracing never binds.
 inline const qorDebugFlag* debug_flags() noexcept {
@@ -43,15 +44,13 @@ inline bool debug_is_on(uint32 code) noexcept {
 } // namespace qor::glue
 
 // The code of a dotted name, the same at each call. 0 when all codes are taken: it can never be switched on.
-inline uint32 qorDebugAllocateCode(const char* name) noexcept {
-    return qor::glue::qorDebugAllocateCode(name);
-}
+inline uint32 qorDebugAllocateCode(const char* name) noexcept { return qor::glue::qorDebugAllocateCode(name); }
 
-// Switches the codes on or off whose names match `pattern`, in which `*` stands for any bytes, also for none, and every other
-// byte for itself. Codes allocated later follow the last matching call: for them up to 256 patterns and names without a code
-// are kept; one that says all that an earlier one did replaces it, and "*" off drops them all. False: the pattern is empty, or
-// it would have to be kept and there is no room (last error); nothing is switched then. Any thread may call it; none that
-// allocates a code or traces waits for it.
+// Switches the codes on or off whose names match `pattern`, in which `*` stands for any bytes, also for none, and every
+// other byte for itself. Codes allocated later follow the last matching call: for them up to 256 patterns and names
+// without a code are kept; one that says all that an earlier one did replaces it, and "*" off drops them all. False:
+// the pattern is empty, or it would have to be kept and there is no room (last error); nothing is switched then. Any
+// thread may call it; none that allocates a code or traces waits for it.
 inline bool qorDebugEnableCode(const char* pattern, bool enable) noexcept {
     return qor::glue::qorDebugEnableCode(pattern, enable);
 }
@@ -89,11 +88,11 @@ public:
     // The scope's name is built from a printf-style format. A scope entered while the code is off has no name, and
     // traces nothing when it is left.
     template <class... ARGUMENTS>
-        requires(sizeof...(ARGUMENTS) > 0)
-    qorDebugSeq(uint32 code, const char* format, ARGUMENTS... arguments) noexcept : m_code(code) {
-        static_assert(((std::is_arithmetic_v<ARGUMENTS> || std::is_enum_v<ARGUMENTS> ||
-                        std::is_pointer_v<ARGUMENTS>)&&...),
-                      "printf takes numbers and pointers");
+    requires(sizeof...(ARGUMENTS) > 0) qorDebugSeq(uint32 code, const char* format, ARGUMENTS... arguments)
+    noexcept : m_code(code) {
+        static_assert(
+            ((std::is_arithmetic_v<ARGUMENTS> || std::is_enum_v<ARGUMENTS> || std::is_pointer_v<ARGUMENTS>)&&...),
+            "printf takes numbers and pointers");
         if (!qor::glue::debug_is_on(code))
             return;
         make_name(format, arguments...);

@@ -1,16 +1,16 @@
-// Who may log in to debug control: a file of accounts, which belongs to its owner alone. docs/debug-control-accounts.md tells of
-// its form. All of these need the module qor-openssl; false: the last error says why, and the file is as it was. Any thread,
-// and several processes at once.
+// Who may log in to debug control: a file of accounts, which belongs to its owner alone. docs/debug-control-accounts.md
+// tells of its form. All of these need the module qor-openssl; false: the last error says why, and the file is as it
+// was. Any thread, and several processes at once.
 //
-// `file` null is the file "debug-users" in the framework's configuration folder, where listeners look, too. A file that others
-// than its owner may read or write is refused.
+// `file` null is the file "debug-users" in the framework's configuration folder, where listeners look, too. A file that
+// others than its owner may read or write is refused.
 #pragma once
 
 #include "qor/glue/binding.h"
 
-// A new account. Where there is no file, it is made; beside it, in "<file>.key", the key by which listeners are known. Names are 1
-// to 255 bytes, without a colon and control characters, with no '#' in front and no blank at either end. Passwords are
-// those of qorCreatePasswordHash, but not empty. qorError_user_exists: there is such an account.
+// A new account. Where there is no file, it is made; beside it, in "<file>.key", the key by which listeners are known.
+// Names are 1 to 255 bytes, without a colon and control characters, with no '#' in front and no blank at either end.
+// Passwords are those of qorCreatePasswordHash, but not empty. qorError_user_exists: there is such an account.
 inline bool qorAddDebugUser(const char* file, const char* name, const char* password) noexcept {
     return qor::glue::qorAddDebugUser(file, name, password);
 }

@@ -67,10 +67,10 @@ inline void qorGetLastError(IQORErrorMessage** out) {
 inline uint32 qorGetLastError(qorString& out) noexcept { return qor::glue::qorGetLastError_text(out); }
 
 // A number that no error has becomes qorError_unknown.
-inline void qorSetLastError(uint32 number, const char* a1 = nullptr, const char* a2 = nullptr,
-                            const char* a3 = nullptr, const char* a4 = nullptr, const char* a5 = nullptr,
-                            const char* a6 = nullptr, const char* a7 = nullptr, const char* a8 = nullptr,
-                            const char* a9 = nullptr, const char* a10 = nullptr) noexcept {
+inline void qorSetLastError(uint32 number, const char* a1 = nullptr, const char* a2 = nullptr, const char* a3 = nullptr,
+                            const char* a4 = nullptr, const char* a5 = nullptr, const char* a6 = nullptr,
+                            const char* a7 = nullptr, const char* a8 = nullptr, const char* a9 = nullptr,
+                            const char* a10 = nullptr) noexcept {
     const char* const inserts[] = {a1, a2, a3, a4, a5, a6, a7, a8, a9, a10};
     qor::glue::qorSetLastError(number, inserts);
 }
@@ -79,9 +79,7 @@ inline void qorClearLastError() noexcept { qor::glue::qorClearLastError(); }
 
 // The framework's number for an error code of Windows (GetLastError); qorError_unknown where there is no close
 // one. The same on every platform: such codes travel in files and over networks.
-inline uint32 qorTranslateMSWindowsError(uint32 code) noexcept {
-    return qor::glue::qorTranslateMSWindowsError(code);
-}
+inline uint32 qorTranslateMSWindowsError(uint32 code) noexcept { return qor::glue::qorTranslateMSWindowsError(code); }
 
 // `inserts` are ten, or null.
 inline void create_IQORErrorMessage(uint32 number, const char* const* inserts, IQORErrorMessage** out) {

@@ -12,7 +12,8 @@ inline constexpr uint32 qorFileExisting = 4;
 inline constexpr uint32 qorFileShared = 16;
 
 // A file on a disk, read from any place in it. The object closes its file when it is destroyed. Operations that fail
-// set the thread's last error, which names the path. Opening and closing belong to one thread; reads may run on several.
+// set the thread's last error, which names the path. Opening and closing belong to one thread; reads may run on
+// several.
 class qorFile {
 public:
     qorFile() noexcept { qor::glue::qorFile_Init(this); }
@@ -60,8 +61,8 @@ public:
     // ReadLine: at a longer line with its first 256 MiB, ended in the same way, else with *size 0.
     virtual bool ReadLines(const char** text, uint64* size) noexcept = 0;
 
-    // From now on tell(context) is called, by the thread that reads, before it has to wait because a pipe or a device has
-    // nothing to read yet: whoever has something to show shows it then. Null ends that.
+    // From now on tell(context) is called, by the thread that reads, before it has to wait because a pipe or a device
+    // has nothing to read yet: whoever has something to show shows it then. Null ends that.
     virtual void SetBeforeWait(void (*tell)(void* context), void* context) noexcept = 0;
 
 protected:

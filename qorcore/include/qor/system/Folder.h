@@ -56,6 +56,4 @@ inline bool qorGetFolderTagForId(qorFolderId id, qorString& tag) noexcept {
 // need not be there. False: there is no such id, or this machine says nowhere where it is (last error), and
 // `path` is empty. The environment counts, as it is now, but not in a process with rights that its caller
 // does not have. Any thread.
-inline bool qorGetFolderPath(qorFolderId id, qorString& path) noexcept {
-    return qor::glue::qorGetFolderPath(id, path);
-}
+inline bool qorGetFolderPath(qorFolderId id, qorString& path) noexcept { return qor::glue::qorGetFolderPath(id, path); }

@@ -28,12 +28,8 @@ public:
 
     bool operator==(const qorSize&) const noexcept = default;
 
-    bool Write(IQORDataSink* sink) const noexcept {
-        return sink->WriteInt32(width) && sink->WriteInt32(height);
-    }
-    bool Read(IQORDataSource* source) noexcept {
-        return source->ReadInt32(width) && source->ReadInt32(height);
-    }
+    bool Write(IQORDataSink* sink) const noexcept { return sink->WriteInt32(width) && sink->WriteInt32(height); }
+    bool Read(IQORDataSource* source) noexcept { return source->ReadInt32(width) && source->ReadInt32(height); }
 
     int32 width = 0;
     int32 height = 0;
@@ -102,8 +98,7 @@ public:
     bool operator==(const qorRect&) const noexcept = default;
 
     bool Write(IQORDataSink* sink) const noexcept {
-        return sink->WriteInt32(left) && sink->WriteInt32(top) && sink->WriteInt32(right) &&
-               sink->WriteInt32(bottom);
+        return sink->WriteInt32(left) && sink->WriteInt32(top) && sink->WriteInt32(right) && sink->WriteInt32(bottom);
     }
     bool Read(IQORDataSource* source) noexcept {
         return source->ReadInt32(left) && source->ReadInt32(top) && source->ReadInt32(right) &&

@@ -21,7 +21,8 @@ POINTER or_throw(POINTER block) {
 } // namespace qor::glue
 
 // For who cannot go on without memory: writes out what standard output holds, says "out of memory" on standard error,
-// and ends the process with exit code 1. Nothing else is run or destroyed, so any thread may call it, whatever it holds.
+// and ends the process with exit code 1. Nothing else is run or destroyed, so any thread may call it, whatever it
+// holds.
 [[noreturn]] inline void qorEndOutOfMemory() noexcept {
     qor::glue::qorEndOutOfMemory();
     std::_Exit(1); // for the compiler, which does not know the operation behind the table
@@ -57,9 +58,7 @@ inline void* qor_do_realloc(void* block, uint64 size, const char* file, int line
 }
 
 // Frees a block of any of the operations here but the huge ones. Null is allowed.
-inline void qor_do_free(void* block, const char* file, int line) noexcept {
-    qor::glue::qor_do_free(block, file, line);
-}
+inline void qor_do_free(void* block, const char* file, int line) noexcept { qor::glue::qor_do_free(block, file, line); }
 
 inline void* qor_do_memdup(const void* bytes, uint64 size, const char* file, int line) {
     return qor::glue::or_throw(qor::glue::qor_do_memdup(bytes, size, file, line));

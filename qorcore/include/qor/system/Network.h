@@ -87,11 +87,11 @@ protected:
 };
 
 // The addresses of a host, by its name or by one of its addresses, as the system's own resolver finds them and in its
-// order: the best one to connect to first. Each address comes once, also those that this host has no way to. The name is
-// UTF-8; an international one is looked up in its ASCII form. May take as long as the system waits for name
-// servers. False: *out is as it was, and the last error tells what there is not: such a host
-// (qorError_no_such_host), an address of it (qorError_host_without_address), an answer just now
-// (qorError_no_answer), any network at all (qorError_no_network); qorError_lookup_failed is all else. Any thread.
+// order: the best one to connect to first. Each address comes once, also those that this host has no way to. The name
+// is UTF-8; an international one is looked up in its ASCII form. May take as long as the system waits for name servers.
+// False: *out is as it was, and the last error tells what there is not: such a host (qorError_no_such_host), an address
+// of it (qorError_host_without_address), an answer just now (qorError_no_answer), any network at all
+// (qorError_no_network); qorError_lookup_failed is all else. Any thread.
 inline bool qorLookupHost(const char* name, IQORHostAddressList** out) noexcept {
     return qor::glue::qorLookupHost(name, out);
 }

@@ -36,20 +36,20 @@ inline int qorCompareVersions(const char* left, const char* right) noexcept {
 }
 
 // Sends process signals to `handler`, which is referenced meanwhile, instead of letting them end the process;
-// null gives them back to whoever had them before. The old handler gets what had come until then. When this returns, all
-// that has been delivered, and no call of the old handler is running any more; a handler that makes this call itself
-// gets the rest after its own call has ended, and is referenced as long. So the caller must not hold a lock that the old
-// handler takes. False: the last error says why.
-inline bool qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
-    return qor::glue::qorSetSignalHandler(handler);
-}
+// null gives them back to whoever had them before. The old handler gets what had come until then. When this returns,
+// all that has been delivered, and no call of the old handler is running any more; a handler that makes this call
+// itself gets the rest after its own call has ended, and is referenced as long. So the caller must not hold a lock that
+// the old handler takes. False: the last error says why.
+inline bool qorSetSignalHandler(IQORSignalHandler* handler) noexcept { return qor::glue::qorSetSignalHandler(handler); }
 
 // ---- text on C streams
 //
 // fputtext, fixed_fprintf, fputmsg, fputerr, qorString::Put and the help lines have this in common:
 // - Each call writes its text in one piece.
-// - Before a text for standard error they flush standard output, so that both stand in order where they end in one place.
-// - A terminal gets `\x1b` and the like for each byte that would steer it: control characters but newline and tab, those
+// - Before a text for standard error they flush standard output, so that both stand in order where they end in one
+// place.
+// - A terminal gets `\x1b` and the like for each byte that would steer it: control characters but newline and tab,
+// those
 //   from U+0080 on included, characters that make text run the other way, and what is no UTF-8. Any other file gets the
 //   bytes as they are.
 
@@ -69,10 +69,10 @@ QOR_PRINTF(2, 3) inline int fixed_fprintf(std::FILE* stream, const char* format,
 
 // Prints a message of a catalog as a line, with its inserts. False: there is no such message, or the stream
 // cannot be written. A missing message prints its catalog, number and inserts, so that nothing is lost.
-inline bool fputmsg(std::FILE* stream, const char* catalog, uint32 number, const char* a1,
-                    const char* a2 = nullptr, const char* a3 = nullptr, const char* a4 = nullptr,
-                    const char* a5 = nullptr, const char* a6 = nullptr, const char* a7 = nullptr,
-                    const char* a8 = nullptr, const char* a9 = nullptr, const char* a10 = nullptr) noexcept {
+inline bool fputmsg(std::FILE* stream, const char* catalog, uint32 number, const char* a1, const char* a2 = nullptr,
+                    const char* a3 = nullptr, const char* a4 = nullptr, const char* a5 = nullptr,
+                    const char* a6 = nullptr, const char* a7 = nullptr, const char* a8 = nullptr,
+                    const char* a9 = nullptr, const char* a10 = nullptr) noexcept {
     const char* const inserts[] = {a1, a2, a3, a4, a5, a6, a7, a8, a9, a10};
     return qor::glue::fputmsg(stream, catalog, number, inserts, true);
 }
@@ -83,8 +83,7 @@ inline bool fputmsg(std::FILE* stream, const char* catalog, uint32 number, bool 
 }
 
 // One entry of a help text: the syntax, and the description in a column of its own.
-inline void qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 syntax,
-                             uint32 description) noexcept {
+inline void qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 syntax, uint32 description) noexcept {
     qor::glue::qorWriteHelpLine(stream, catalog, syntax, description);
 }
 
@@ -92,6 +91,4 @@ inline void qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 synt
 inline void qorWriteToolkitHelp(std::FILE* stream) noexcept { qor::glue::qorWriteToolkitHelp(stream); }
 
 // The languages in which messages are looked for, the best first; English ("en") is always the last.
-inline void qorGetActiveCatalogLanguages(qorStringArray& out) noexcept {
-    qor::glue::qorGetActiveCatalogLanguages(out);
-}
+inline void qorGetActiveCatalogLanguages(qorStringArray& out) noexcept { qor::glue::qorGetActiveCatalogLanguages(out); }

@@ -62,20 +62,20 @@ protected:
     ~IQORSerialPort() = default;
 };
 
-// The names of the host's ports, ordered by name and then by number (COM9 before COM10), in place of what `out` held. No
-// port is opened for that. False: the system does not tell; a host without ports is no failure.
+// The names of the host's ports, ordered by name and then by number (COM9 before COM10), in place of what `out` held.
+// No port is opened for that. False: the system does not tell; a host without ports is no failure.
 inline bool qorEnumSerialPorts(qorStringArray& out) noexcept { return qor::glue::qorEnumSerialPorts(out); }
 
-// Where a port is, in words: "USB bus 1, port 2.3: FTDI FT232R USB UART, serial A50285BI". Empty where nothing is known of
-// it. False: there is no such port, and `out` is as it was.
+// Where a port is, in words: "USB bus 1, port 2.3: FTDI FT232R USB UART, serial A50285BI". Empty where nothing is known
+// of it. False: there is no such port, and `out` is as it was.
 inline bool qorGetSerialPortLocation(const char* name, qorString& out) noexcept {
     return qor::glue::qorGetSerialPortLocation(name, out);
 }
 
 // Opens a port for reading and writing. It may be named as qorEnumSerialPorts does, by its device file, or by a link to
-// that ("ttyUSB0", "/dev/ttyUSB0", "serial/by-id/..."); pseudo-terminals have only their file. Windows: "COM3" or "\\.\COM3".
-// Opening waits for nothing and changes no setting. False: *out is as it was, and the last error says whether the port is
-// absent, in use, forbidden or no serial port.
+// that ("ttyUSB0", "/dev/ttyUSB0", "serial/by-id/..."); pseudo-terminals have only their file. Windows: "COM3" or
+// "\\.\COM3". Opening waits for nothing and changes no setting. False: *out is as it was, and the last error says
+// whether the port is absent, in use, forbidden or no serial port.
 inline bool qorOpenSerialPort(const char* name, IQORSerialPort** out) noexcept {
     return qor::glue::qorOpenSerialPort(name, out);
 }

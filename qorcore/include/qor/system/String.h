@@ -133,9 +133,7 @@ public:
     void GetMid(qorString& out, uint32 start, int32 count) const noexcept {
         qor::glue::qorString_GetMid(this, out, start, count);
     }
-    void GetRight(qorString& out, uint32 count) const noexcept {
-        qor::glue::qorString_GetRight(this, out, count);
-    }
+    void GetRight(qorString& out, uint32 count) const noexcept { qor::glue::qorString_GetRight(this, out, count); }
     qorString Left(uint32 count) const noexcept { return Mid(0, clamp(count)); }
     qorString Mid(uint32 start, int32 count = -1) const noexcept {
         qorString part;
@@ -207,22 +205,21 @@ public:
     // Messages of a catalog, in the best language that has them. Inserts stand in a text as {1} to {10}; those
     // not given are empty. False: there is no such message, and the string is empty.
     bool Format(const char* catalog, uint32 number, const char* a1 = nullptr, const char* a2 = nullptr,
-                const char* a3 = nullptr, const char* a4 = nullptr, const char* a5 = nullptr,
-                const char* a6 = nullptr, const char* a7 = nullptr, const char* a8 = nullptr,
-                const char* a9 = nullptr, const char* a10 = nullptr) noexcept {
+                const char* a3 = nullptr, const char* a4 = nullptr, const char* a5 = nullptr, const char* a6 = nullptr,
+                const char* a7 = nullptr, const char* a8 = nullptr, const char* a9 = nullptr,
+                const char* a10 = nullptr) noexcept {
         const char* const inserts[] = {a1, a2, a3, a4, a5, a6, a7, a8, a9, a10};
         return qor::glue::qorString_Format(this, catalog, number, inserts);
     }
     // In `language` ("de", "pt_BR") or what it falls back to; `inserts` are ten, or null.
-    bool FormatEx(const char* catalog, uint32 number, const char* language,
-                  const char* const* inserts) noexcept {
+    bool FormatEx(const char* catalog, uint32 number, const char* language, const char* const* inserts) noexcept {
         return qor::glue::qorString_FormatEx(this, catalog, number, language, inserts);
     }
     // The same for a text at hand, which may lie in the string itself.
-    void FormatString(const char* text, const char* a1 = nullptr, const char* a2 = nullptr,
-                      const char* a3 = nullptr, const char* a4 = nullptr, const char* a5 = nullptr,
-                      const char* a6 = nullptr, const char* a7 = nullptr, const char* a8 = nullptr,
-                      const char* a9 = nullptr, const char* a10 = nullptr) noexcept {
+    void FormatString(const char* text, const char* a1 = nullptr, const char* a2 = nullptr, const char* a3 = nullptr,
+                      const char* a4 = nullptr, const char* a5 = nullptr, const char* a6 = nullptr,
+                      const char* a7 = nullptr, const char* a8 = nullptr, const char* a9 = nullptr,
+                      const char* a10 = nullptr) noexcept {
         const char* const inserts[] = {a1, a2, a3, a4, a5, a6, a7, a8, a9, a10};
         qor::glue::qorString_FormatString(this, text, inserts);
     }
@@ -236,14 +233,13 @@ public:
 
     // ---- streams
     // Writes the whole text, NULs included, and a newline behind it if asked, in one go; a terminal gets it as
-    // qor/system/Process.h says. False: it could not be written (last error); a buffered stream may find that out later.
-    bool Put(std::FILE* stream, bool newline) const noexcept {
-        return qor::glue::qorString_Put(this, stream, newline);
-    }
+    // qor/system/Process.h says. False: it could not be written (last error); a buffered stream may find that out
+    // later.
+    bool Put(std::FILE* stream, bool newline) const noexcept { return qor::glue::qorString_Put(this, stream, newline); }
     // Reads one line, of any length, without its end (LF or CR LF); what follows the last line end is a line
     // too unless it is empty. False: the end of the input, or a read error, which is then the last error; the
-    // string is empty. A line may be a password: what reads it leaves no copy behind but the string and the stream's own buffer.
-    // Zero bytes are bytes of the line; Text() seems to end there.
+    // string is empty. A line may be a password: what reads it leaves no copy behind but the string and the stream's
+    // own buffer. Zero bytes are bytes of the line; Text() seems to end there.
     bool GetLine(std::FILE* stream) noexcept { return qor::glue::qorString_GetLine(this, stream); }
 
     // ---- character sets. Lengths are in units; -1: up to a zero unit. What is no valid character becomes

@@ -48,9 +48,7 @@ public:
         qor::glue::qorStringArray_InsertAt(this, index, text, qor::glue::text_length(text, length));
     }
     // What lies behind the end does not count.
-    void RemoveAt(uint32 index, uint32 count) noexcept {
-        qor::glue::qorStringArray_RemoveAt(this, index, count);
-    }
+    void RemoveAt(uint32 index, uint32 count) noexcept { qor::glue::qorStringArray_RemoveAt(this, index, count); }
 
     // A copy of itself changes nothing.
     void Copy(const qorStringArray& other) noexcept { qor::glue::qorStringArray_Copy(this, other); }
@@ -93,8 +91,7 @@ public:
 private:
     const char* at(uint32 index) const noexcept {
         if (index >= m_data.count) [[unlikely]]
-            qor::glue::assert_failed("index < m_data.count",
-                                     "const char* qorStringArray::operator[](uint32) const",
+            qor::glue::assert_failed("index < m_data.count", "const char* qorStringArray::operator[](uint32) const",
                                      qor::glue::common_file, 109);
         return index < m_data.alloc ? m_data.elements[index].Text() : "";
     }

@@ -12,8 +12,8 @@ struct qorMemoryInfo {
     uint64 free;  // that can be had without swapping, caches that would give way included
 };
 
-// Texts replace what `out` held. Those that return false leave it as it was; each of the others tells something on every
-// host. The texts and IsVirtualMachine speak of the moment at which the object was made, all else of that of the
+// Texts replace what `out` held. Those that return false leave it as it was; each of the others tells something on
+// every host. The texts and IsVirtualMachine speak of the moment at which the object was made, all else of that of the
 // call. Any thread.
 class IQORSystemInfo : public IQORInterface {
 public:
@@ -33,8 +33,8 @@ public:
     // The kernel with its version, and the architecture.
     virtual bool GetPlatformString(qorString& out) noexcept = 0;
 
-    // The distribution or edition, followed by what surrounds it: "Debian GNU/Linux 12 (bookworm), docker container, KVM
-    // guest". False: neither is known.
+    // The distribution or edition, followed by what surrounds it: "Debian GNU/Linux 12 (bookworm), docker container,
+    // KVM guest". False: neither is known.
     virtual bool GetEnhancedPlatformString(qorString& out) noexcept = 0;
 
     // The operating system: its name, its version, and how it describes itself.

@@ -17,9 +17,7 @@ public:
     void Set(int32 n, uint32 d) noexcept { *this = {n, d}; }
 
     // 0.0 where the denominator is 0.
-    double fp_val() const noexcept {
-        return denominator != 0 ? static_cast<double>(numerator) / denominator : 0.0;
-    }
+    double fp_val() const noexcept { return denominator != 0 ? static_cast<double>(numerator) / denominator : 0.0; }
 
     // By fields: 1/2 is not 2/4.
     bool operator==(const qorRational&) const noexcept = default;
@@ -44,8 +42,7 @@ public:
 class qorTimecode {
 public:
     qorTimecode() noexcept = default;
-    qorTimecode(uint16 h, uint16 m, uint16 s, uint16 f) noexcept
-        : hours(h), minutes(m), seconds(s), frames(f) {}
+    qorTimecode(uint16 h, uint16 m, uint16 s, uint16 f) noexcept : hours(h), minutes(m), seconds(s), frames(f) {}
 
     void Set(uint16 h, uint16 m, uint16 s, uint16 f) noexcept { *this = {h, m, s, f}; }
 
@@ -70,9 +67,7 @@ public:
 
     // "hh:mm:ss:ff", the frames as wide as the highest frame number of the rate, at most three digits. A rate
     // of 0 frames has no highest number and gives ten digits.
-    void GetString(uint32 fps, qorString& out) const noexcept {
-        print(out, digits(std::min(fps, 1000u) - 1));
-    }
+    void GetString(uint32 fps, qorString& out) const noexcept { print(out, digits(std::min(fps, 1000u) - 1)); }
 
     // The same, where the highest frame number is the rate less a half, cut towards zero; a denominator of 0
     // gives one digit, a negative number ten.
@@ -95,9 +90,7 @@ public:
         qor::glue::qorTimecode_SetFromFrameCount_drop(this, rate, drop_frame, count);
     }
     // With drop-frame counting, where the rate has it.
-    void SetFromFrameCount(const qorRational& rate, uint64 count) noexcept {
-        SetFromFrameCount(rate, true, count);
-    }
+    void SetFromFrameCount(const qorRational& rate, uint64 count) noexcept { SetFromFrameCount(rate, true, count); }
 
     // The number of the frame with this timecode: the inverse of the above for every count whose hours and
     // frames fit. Fields beyond their ranges are carried, 00:00:61:00 being 00:01:01:00, and a frame number
@@ -119,8 +112,8 @@ public:
         }
         qorTimeInfo info;
         qorConvertTime(clock, local, info);
-        const uint64 frame = clock % qorTicksPerSecond * static_cast<uint32>(used.numerator) /
-                             (used.denominator * qorTicksPerSecond);
+        const uint64 frame =
+            clock % qorTicksPerSecond * static_cast<uint32>(used.numerator) / (used.denominator * qorTicksPerSecond);
         Set(info.hour, info.minute, info.second, static_cast<uint16>(frame));
     }
 

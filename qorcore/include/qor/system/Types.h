@@ -17,9 +17,7 @@ static_assert(sizeof(int16) == 2 && sizeof(int32) == 4 && sizeof(int64) == 8);
 
 // The compiler checks the arguments of printf-style operations; positions count `this` as 1.
 #if defined(__MINGW32__)
-#define QOR_PRINTF(format_position, first_argument)                                                          \
-    __attribute__((format(gnu_printf, format_position, first_argument)))
+#define QOR_PRINTF(format_position, first_argument) __attribute__((format(gnu_printf, format_position, first_argument)))
 #else
-#define QOR_PRINTF(format_position, first_argument)                                                          \
-    __attribute__((format(printf, format_position, first_argument)))
+#define QOR_PRINTF(format_position, first_argument) __attribute__((format(printf, format_position, first_argument)))
 #endif

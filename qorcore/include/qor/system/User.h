@@ -4,8 +4,8 @@
 #include "qor/glue/binding.h"
 #include "qor/system/Interface.h"
 
-// windows.h makes a macro of this name, which would rename the member below. Its function has the names GetUserNameA and
-// GetUserNameW.
+// windows.h makes a macro of this name, which would rename the member below. Its function has the names GetUserNameA
+// and GetUserNameW.
 #undef GetUserName
 
 class qorString;
@@ -15,8 +15,8 @@ class qorStringArray;
 // added behind the others.
 class IQORUserToken : public IQORInterface {
 public:
-    // Linux: the account's number is 0. Windows: it is an administrator; the token of the process's own account says true
-    // only where the process has been given these rights (is "elevated").
+    // Linux: the account's number is 0. Windows: it is an administrator; the token of the process's own account says
+    // true only where the process has been given these rights (is "elevated").
     virtual bool IsSuperUser() noexcept = 0;
 
     virtual void GetUserName(qorString& out) noexcept = 0;
@@ -36,17 +36,18 @@ protected:
 
 // The scale of GetAuthLevel. Negative levels may not log in at all.
 enum qorAuthLevel : int32 {
-    qorAuthLevel_none = -1,          // it exists for the sake of a service, or is switched off
-    qorAuthLevel_guest = 0,          // less than a user (Windows)
+    qorAuthLevel_none = -1, // it exists for the sake of a service, or is switched off
+    qorAuthLevel_guest = 0, // less than a user (Windows)
     qorAuthLevel_user = 1,
-    qorAuthLevel_administrator = 2,  // everything (Linux: number 0; Windows: an administrator)
+    qorAuthLevel_administrator = 2, // everything (Linux: number 0; Windows: an administrator)
 };
 
 // Checks passwords: what the module qor-pam offers. Any thread.
 class IQORAuthenticator : public IQORInterface {
 public:
-    // Whether this is the password of this account and the account may be used now. `account` is then the account's name,
-    // as the host has it. False: the last error says why. A wrong password takes as long as the host wants it to take.
+    // Whether this is the password of this account and the account may be used now. `account` is then the account's
+    // name, as the host has it. False: the last error says why. A wrong password takes as long as the host wants it to
+    // take.
     virtual bool Authenticate(const char* name, const char* password, qorString& account) noexcept = 0;
 
 protected:
@@ -71,8 +72,8 @@ inline bool qorGetCurrentUserToken(IQORUserToken** out) noexcept { return qor::g
 
 // The account, once the host has found the password right and the account fit for use. A wrong password and an unknown
 // name are one error, qorError_credentials_refused; those who know the password are told of what else is in the way:
-// account_expired, account_locked, password_must_change, password_expired, logon_denied. An account whose level is negative is
-// denied, too. The password is not kept; wiping the caller's own copy is for the caller.
+// account_expired, account_locked, password_must_change, password_expired, logon_denied. An account whose level is
+// negative is denied, too. The password is not kept; wiping the caller's own copy is for the caller.
 inline bool qorLogonUser(const char* name, const char* password, IQORUserToken** out) noexcept {
     return qor::glue::qorLogonUser(name, password, out);
 }

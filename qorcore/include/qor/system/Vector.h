@@ -45,8 +45,7 @@ public:
     uint32 StealVectorData(qorVector& src) noexcept {
         if (m_data.chunk_size != src.m_data.chunk_size)
             qor::glue::assert_failed("m_data.chunk_size == src.m_data.chunk_size",
-                                     "void qorVector::StealVectorData(qorVector&)", qor::glue::common_file,
-                                     1774);
+                                     "void qorVector::StealVectorData(qorVector&)", qor::glue::common_file, 1774);
         Empty();
         m_data.elements = src.m_data.elements;
         m_data.count = src.m_data.count;
@@ -77,9 +76,7 @@ public:
     } m_data;
 
 private:
-    static void* checked(void* element, unsigned n) {
-        return n == 0 ? element : qor::glue::or_throw(element);
-    }
+    static void* checked(void* element, unsigned n) { return n == 0 ? element : qor::glue::or_throw(element); }
 
     void check(uint32 index) const noexcept {
         if (index >= m_data.count) [[unlikely]]

@@ -82,21 +82,19 @@ public:
     // Takes elements out. A range that ends behind the last element is reported, and cut; the sum is 32 bits
     // wide.
     void RemoveAt(uint32 index, uint32 count) noexcept {
-        static constexpr joined_text<sizeof "void ::RemoveAt(uint32, uint32)" - 1 + type_name<SELF>().size()>
-            func({"void ", type_name<SELF>(), "::RemoveAt(uint32, uint32)"});
+        static constexpr joined_text<sizeof "void ::RemoveAt(uint32, uint32)" - 1 + type_name<SELF>().size()> func(
+            {"void ", type_name<SELF>(), "::RemoveAt(uint32, uint32)"});
         if (count == 0)
             return;
         if (index + count > GetCount()) [[unlikely]]
-            assert_failed("index + count <= m_vec.count", func.text,
-                          "qorcore/include/qor/system/mt/NumericArray_impl", 102);
+            assert_failed("index + count <= m_vec.count", func.text, "qorcore/include/qor/system/mt/NumericArray_impl",
+                          102);
         m_vec.Collapse(index, count);
     }
 
     // The elements, contiguous; null where there never was one.
     ELEMENT* GetDataPtr() noexcept { return reinterpret_cast<ELEMENT*>(m_vec.m_data.elements); }
-    const ELEMENT* GetDataPtr() const noexcept {
-        return reinterpret_cast<const ELEMENT*>(m_vec.m_data.elements);
-    }
+    const ELEMENT* GetDataPtr() const noexcept { return reinterpret_cast<const ELEMENT*>(m_vec.m_data.elements); }
 
     // An element's address; the index is not checked.
     ELEMENT* GetElementPtr(uint32 index) noexcept { return address_behind(GetDataPtr(), size(index)); }
@@ -171,9 +169,7 @@ private:
         return element;
     }
 
-    static void copy_run(void* room, const ELEMENT* src, uint32 count) noexcept {
-        std::memcpy(room, src, size(count));
-    }
+    static void copy_run(void* room, const ELEMENT* src, uint32 count) noexcept { std::memcpy(room, src, size(count)); }
 
     qorVector m_vec;
 };

@@ -34,8 +34,7 @@ public:
 
     // Takes elements out. A range that ends behind the last element is reported, and cut.
     void RemoveAt(uint32 index, uint32 count) noexcept {
-        static constexpr auto func =
-            qor::glue::function_text<TYPE, sizeof signature>(signature);
+        static constexpr auto func = qor::glue::function_text<TYPE, sizeof signature>(signature);
         const uint32 held = GetCount();
         if (index > held || count > held - index) {
             qor::glue::assert_failed("index + count <= m_vec.GetCount()", func.text,

@@ -9,13 +9,12 @@
 
 namespace qor {
 
-// A query may ask for `interface_name`, for the interface that it extends if it does, and for the root. Names are kept by
-// pointer.
+// A query may ask for `interface_name`, for the interface that it extends if it does, and for the root. Names are kept
+// by pointer.
 template <class INTERFACE>
 class object : public qorRefObject, public INTERFACE {
 public:
-    object(const char* type_name, const char* interface_name,
-           const char* extended_name = root_name) noexcept
+    object(const char* type_name, const char* interface_name, const char* extended_name = root_name) noexcept
         : qorRefObject(type_name), m_names{interface_name, extended_name, root_name} {}
 
     void AddRef() noexcept override { qorRefObject::AddRef(); }
