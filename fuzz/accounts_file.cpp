@@ -1,5 +1,5 @@
 // The file of accounts, beside a reader that is written for nothing but to be obviously right.
-#include "accounts.h"
+#include "login/accounts.h"
 #include "plain_messages.h"
 
 #include <cstdint>

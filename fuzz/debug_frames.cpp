@@ -1,6 +1,6 @@
 // The frames of debug control and the pages of names, beside plain loops. The first byte of an input says how long its
 // pieces are.
-#include "debug_frames.h"
+#include "channel/debug_frames.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,8 +1,8 @@
 // For the targets of both grammars: a run of lines through the analyser's parser and through the plain one.
 #pragma once
 
-#include "log_fields.h"
-#include "log_lines.h"
+#include "heap/log/log_fields.h"
+#include "heap/log/log_lines.h"
 #include "plain_log.h"
 
 #include <cstdlib>

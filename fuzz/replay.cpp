@@ -1,8 +1,8 @@
 // The whole replay beside the plain one: every byte of both streams. The first byte of an input chooses the
 // run: `m` an mtrace log, `c` an allocation log, `M` and `C` one that says the same so often that a thread reads it
 // ahead, anything else both, the second one behind a line "=".
+#include "heap_report/mtrace_proc.h"
 #include "log_run.h"
-#include "mtrace_proc.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -4,7 +4,7 @@
 // Every call of OpenSSL's key derivation, the module's and the plain side's, comes to a quick one below by the linker's
 // --wrap. Thousands of rounds of a hash that is not ours would be all that a run does, and a salt or a number of
 // iterations that was misread shows in the result of one round as well.
-#include "scram_client.h"
+#include "login/scram_client.h"
 
 #include "plain_messages.h"
 #include "plain_scram.h"

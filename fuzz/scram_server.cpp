@@ -1,11 +1,11 @@
 // The server's side of a login: an input is the two messages of a client with a line end between. In the second, "$R"
 // stands for the nonce and "$P" for the right proof, so that inputs come as far as a login. A plain reader of messages
 // says what must come out.
-#include "scram_server.h"
+#include "login/scram_server.h"
 
+#include "login/private_file.h"
 #include "plain_messages.h"
 #include "plain_scram.h"
-#include "private_file.h"
 
 #include <cstdint>
 #include <filesystem>

@@ -1,5 +1,5 @@
 // Stored passwords: what is read is written again as it was, and is what a plain reader finds.
-#include "verifier.h"
+#include "login/verifier.h"
 
 #include "plain_messages.h"
 #include "plain_scram.h"

@@ -2,10 +2,10 @@
 // time.
 #pragma once
 
-#include "debug_frames.h"
-#include "net.h"
+#include "channel/debug_frames.h"
+#include "channel/net.h"
+#include "channel/tls_channel.h"
 #include "plain_scram.h"
-#include "tls_channel.h"
 
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>

@@ -1,5 +1,5 @@
 // Frames and payloads, byte for byte as docs/debug-control.md has them.
-#include "debug_frames.h"
+#include "channel/debug_frames.h"
 
 #include <gtest/gtest.h>
 

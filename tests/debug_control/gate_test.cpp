@@ -1,5 +1,5 @@
 // How many may be connected and logged in, and how often a login may be tried; the clock is the test's.
-#include "debug_gate.h"
+#include "channel/debug_gate.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The file of known hosts, and files that are replaced while others use them.
-#include "known_hosts.h"
+#include "login/known_hosts.h"
 
 #include "private_file_of.h"
 #include "support/temp_folder.h"

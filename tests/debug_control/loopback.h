@@ -1,8 +1,8 @@
 // A listener of this process with two accounts, and what its tests have in common.
 #pragma once
 
-#include "debug_control.h"
-#include "debug_listener.h"
+#include "channel/debug_control.h"
+#include "channel/debug_listener.h"
 #include "plain_scram.h"
 #include "private_file_of.h"
 #include "support/temp_folder.h"

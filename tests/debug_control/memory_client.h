@@ -2,8 +2,8 @@
 // test's.
 #pragma once
 
-#include "debug_frames.h"
-#include "debug_session.h"
+#include "channel/debug_frames.h"
+#include "channel/debug_session.h"
 #include "plain_scram.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // Files that matter to logins are not used if others may read them.
 #pragma once
 
-#include "private_file.h"
+#include "login/private_file.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>

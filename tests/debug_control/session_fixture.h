@@ -1,7 +1,7 @@
 // The listener's side of a connection in memory, and a clock that the test moves.
 #pragma once
 
-#include "accounts.h"
+#include "login/accounts.h"
 #include "memory_client.h"
 #include "private_file_of.h"
 

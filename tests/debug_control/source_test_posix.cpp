@@ -1,7 +1,7 @@
 // Whom a connection counts for: users of this host by their numbers, whatever address they take.
+#include "channel/net_source.h"
+#include "channel/net_source_posix.h"
 #include "load/socket_peer.h"
-#include "net_source.h"
-#include "net_source_posix.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>

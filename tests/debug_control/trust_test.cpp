@@ -1,7 +1,7 @@
 // Whom a console trusts: a listener that has not proved itself is told from one that has, and says only what the
 // protocol has.
 #include "impostor_fixture.h"
-#include "known_hosts.h"
+#include "login/known_hosts.h"
 
 namespace {
 

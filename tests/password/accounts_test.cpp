@@ -1,7 +1,7 @@
 // The file of accounts: what is read, what is refused and how it is said, and how it changes.
-#include "accounts.h"
+#include "login/accounts.h"
+#include "login/private_file.h"
 #include "plain_scram.h"
-#include "private_file.h"
 #include "qor/qor.h"
 #include "support/platform.h"
 #include "support/temp_folder.h"

@@ -1,7 +1,7 @@
 // Whose the files of debug control are, in the words of POSIX.
-#include "accounts.h"
+#include "login/accounts.h"
+#include "login/private_file.h"
 #include "plain_scram.h"
-#include "private_file.h"
 #include "qor/qor.h"
 #include "support/strange_files_posix.h"
 #include "support/temp_folder.h"

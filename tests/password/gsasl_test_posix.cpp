@@ -1,10 +1,10 @@
 // GNU SASL, which we did not write, on the other side of a login. It normalises names and passwords, which changes
 // nothing in ASCII.
-#include "accounts.h"
+#include "login/accounts.h"
+#include "login/private_file.h"
+#include "login/scram_client.h"
+#include "login/scram_server.h"
 #include "plain_scram.h"
-#include "private_file.h"
-#include "scram_client.h"
-#include "scram_server.h"
 #include "support/temp_folder.h"
 
 #include <gsasl.h>

@@ -1,11 +1,11 @@
 // Both sides of a login, beside a plain client and a plain server (plain_scram.h) that do one step wrong where a test
 // wants it, and against each other.
-#include "accounts.h"
+#include "login/accounts.h"
+#include "login/private_file.h"
+#include "login/scram_client.h"
+#include "login/scram_server.h"
 #include "plain_scram.h"
-#include "private_file.h"
 #include "qor/qor.h"
-#include "scram_client.h"
-#include "scram_server.h"
 #include "support/platform.h"
 #include "support/temp_folder.h"
 

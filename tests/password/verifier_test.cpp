@@ -1,7 +1,7 @@
 // Stored passwords, beside OpenSSL called directly (plain_scram.h) and vectors of the standards.
+#include "login/verifier.h"
 #include "plain_scram.h"
 #include "qor/qor.h"
-#include "verifier.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The packed table beside a plain one that spells the rules out: chains of blocks of 1,024 slots.
-#include "allocation_table.h"
+#include "heap/table/allocation_table.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The console of debug control with a connection that only writes down what it is asked for.
-#include "debug_control.h"
+#include "console/debug_control.h"
 #include "qortool_app.h"
 #include "support/recording_table.h"
 #include "support/temp_folder.h"

@@ -1,5 +1,5 @@
 // What files look like that are given in place of a log.
-#include "file_kind.h"
+#include "heap/log/file_kind.h"
 
 #include <gtest/gtest.h>
 

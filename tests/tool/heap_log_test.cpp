@@ -1,6 +1,6 @@
 // Logs read in batches, at once and ahead: every line comes, in order, once.
-#include "allocation_table.h"
-#include "heap_log.h"
+#include "heap/log/heap_log.h"
+#include "heap/table/allocation_table.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // Words and numbers of a log line beside plain loops and the C library.
-#include "log_fields.h"
+#include "heap/log/log_fields.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The list beside a plain one that is searched from the front.
-#include "look_ahead_list.h"
+#include "heap/table/look_ahead_list.h"
 
 #include <gtest/gtest.h>
 

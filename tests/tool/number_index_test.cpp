@@ -1,5 +1,5 @@
 // The index beside a plain map.
-#include "number_index.h"
+#include "heap/table/number_index.h"
 
 #include <gtest/gtest.h>
 

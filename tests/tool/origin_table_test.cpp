@@ -1,4 +1,4 @@
-#include "origin_table.h"
+#include "heap/origin/origin_table.h"
 
 #include <gtest/gtest.h>
 

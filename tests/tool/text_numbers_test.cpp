@@ -1,5 +1,5 @@
 // Numbers of texts: what has one keeps it or gets another one, and no number ever stands for two texts.
-#include "text_numbers.h"
+#include "heap/log/text_numbers.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Keeping off a processor, beside what the kernel says of the thread.
-#include "thread_place.h"
+#include "heap/log/thread_place.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The report on accounts that no host has.
-#include "user_report.h"
+#include "actions/user_report.h"
 
 #include <gtest/gtest.h>
 

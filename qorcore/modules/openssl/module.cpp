@@ -1,9 +1,9 @@
 // The module qor-openssl: what libqor does with OpenSSL.
 #include "qor/glue/module.h"
-#include "debug_control.h"
-#include "debug_listener.h"
-#include "digest_engine.h"
-#include "passwords.h"
+#include "channel/debug_control.h"
+#include "channel/debug_listener.h"
+#include "digest/digest_engine.h"
+#include "password/passwords.h"
 
 #include <openssl/crypto.h>
 

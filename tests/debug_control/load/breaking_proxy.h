@@ -1,7 +1,7 @@
 // A proxy of this host that does one thing wrong at one place of a connection: after so many bytes in one direction.
 #pragma once
 
-#include "net.h"
+#include "channel/net.h"
 #include "reset.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // Ends a connection the hard way.
 #pragma once
 
-#include "net.h"
+#include "channel/net.h"
 
 namespace qor::test {
 

@@ -2,8 +2,8 @@
 // way to the processor when it is needed. What there is to say of a line is said when its turn comes.
 #pragma once
 
-#include "allocation_table.h"
 #include "file_kind.h"
+#include "heap/table/allocation_table.h"
 #include "log_ahead.h"
 #include "log_batch.h"
 #include "qor/qor.h"

@@ -1,5 +1,5 @@
 // debug-control: the console on another process's trace codes.
-#include "debug_control.h"
+#include "console/debug_control.h"
 #include "qortool_app.h"
 
 int qortool_app::func_debug_control(qorStringArray& args) {

@@ -1,6 +1,6 @@
 // mtrace and memcheck: replay a heap log and report leaks and bad frees.
-#include "file_kind.h"
-#include "mtrace_proc.h"
+#include "heap/log/file_kind.h"
+#include "heap_report/mtrace_proc.h"
 #include "qortool_app.h"
 
 namespace {

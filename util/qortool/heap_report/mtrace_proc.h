@@ -2,14 +2,14 @@
 // an allocation log alone, and reports leaks and bad frees.
 #pragma once
 
-#include "allocation_table.h"
-#include "heap_log.h"
-#include "log_lines.h"
-#include "look_ahead_list.h"
-#include "origin_table.h"
+#include "heap/log/heap_log.h"
+#include "heap/log/log_lines.h"
+#include "heap/log/text_numbers.h"
+#include "heap/origin/origin_table.h"
+#include "heap/table/allocation_table.h"
+#include "heap/table/look_ahead_list.h"
 #include "qor/qor.h"
 #include "report_streams.h"
-#include "text_numbers.h"
 
 #include <cstdio>
 

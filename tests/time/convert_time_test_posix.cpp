@@ -1,5 +1,5 @@
 #include "qor/qor.h"
-#include "unit/zone.h"
+#include "zone.h"
 
 #include <gtest/gtest.h>
 

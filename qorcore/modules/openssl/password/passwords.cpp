@@ -1,7 +1,7 @@
 #include "passwords.h"
 
 #include "guarded.h"
-#include "verifier.h"
+#include "login/verifier.h"
 
 namespace {
 

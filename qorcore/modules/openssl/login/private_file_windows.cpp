@@ -2,7 +2,7 @@
 // that runs this process, and nobody else.
 #include "private_file.h"
 
-#include "net.h"
+#include "channel/net.h"
 
 #include <chrono>
 #include <cstdlib>

@@ -1,5 +1,5 @@
 // Which ports a host has and where they are, told by its files: hosts of many kinds, none of them this one.
-#include "unit/fake_host.h"
+#include "fake_host.h"
 
 #include <gtest/gtest.h>
 

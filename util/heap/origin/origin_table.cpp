@@ -1,6 +1,6 @@
 #include "origin_table.h"
 
-#include "hashing.h"
+#include "heap/table/hashing.h"
 
 #include <algorithm>
 #include <cstring>

@@ -3,7 +3,7 @@
 // '#' are left as they are.
 #pragma once
 
-#include "tls_channel.h"
+#include "channel/tls_channel.h"
 
 #include <optional>
 #include <string>

@@ -4,9 +4,9 @@
 
 #include "debug_frames.h"
 #include "debug_gate.h"
+#include "login/scram_server.h"
 #include "net_source.h"
 #include "qor/qor.h"
-#include "scram_server.h"
 #include "tls_channel.h"
 
 #include <optional>

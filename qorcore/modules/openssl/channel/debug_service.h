@@ -1,9 +1,9 @@
 // Inside the module qor-openssl: the thread that serves the connections of a listener.
 #pragma once
 
-#include "accounts.h"
 #include "debug_gate.h"
 #include "debug_session.h"
+#include "login/accounts.h"
 #include "net.h"
 #include "tls_channel.h"
 

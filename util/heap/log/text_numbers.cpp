@@ -1,6 +1,6 @@
 #include "text_numbers.h"
 
-#include "hashing.h"
+#include "heap/table/hashing.h"
 
 #include <algorithm>
 #include <cstring>

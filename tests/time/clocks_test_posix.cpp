@@ -1,6 +1,6 @@
 #include "qor/qor.h"
 #include "time/zone_name.h"
-#include "unit/zone.h"
+#include "zone.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "mtrace_proc.h"
 
-#include "origin_texts.h"
+#include "heap/origin/origin_texts.h"
 #include "report_text.h"
 
 #include <algorithm>

@@ -5,13 +5,13 @@
 #include "file/whole_file.h"
 #include "folder/user_dirs.h"
 #include "qor/glue/impl_posix.h"
+#include "serial/fake_host.h"
 #include "serial/lock_files.h"
 #include "serial/sysfs_files.h"
 #include "simd/cache_files.h"
 #include "support/strange_files_posix.h"
 #include "system/linux_host.h"
 #include "time/zone_name.h"
-#include "unit/fake_host.h"
 
 #include <sys/sysmacros.h>
 

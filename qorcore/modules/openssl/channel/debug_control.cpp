@@ -1,9 +1,9 @@
 #include "debug_control.h"
 
-#include "accounts.h"
 #include "debug_link.h"
-#include "known_hosts.h"
-#include "scram_client.h"
+#include "login/accounts.h"
+#include "login/known_hosts.h"
+#include "login/scram_client.h"
 
 #include <cstring>
 #include <mutex>

@@ -1,7 +1,7 @@
 // Open ports, on pseudo-terminals: what has a UART behind it cannot be counted on.
+#include "fake_host.h"
 #include "serial/lock_files.h"
 #include "support/temp_folder.h"
-#include "unit/fake_host.h"
 
 #include "qor/qor.h"
 

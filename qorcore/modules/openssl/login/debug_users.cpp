@@ -2,7 +2,7 @@
 #include "accounts.h"
 #include "guarded.h"
 #include "known_hosts.h"
-#include "passwords.h"
+#include "password/passwords.h"
 #include "private_file.h"
 #include "server_key.h"
 

@@ -2,7 +2,7 @@
 // named by a number, so that a slot of the table needs four bytes for it.
 #pragma once
 
-#include "number_index.h"
+#include "heap/table/number_index.h"
 
 #include <deque>
 #include <string_view>
