@@ -116,7 +116,7 @@ TEST_F(strange_files, are_no_attributes_of_a_port) {
         EXPECT_EQ(qor::serial::read_attribute(m_path), "");
         EXPECT_TRUE(qor::serial::read_lines(m_path).empty());
     });
-    EXPECT_EQ(qor::serial::read_attribute(m_folder.file("plain", " one\x1b \ntwo\n")), "one");
+    EXPECT_EQ(qor::serial::read_attribute(m_folder.file("plain", " one\x1b \ntwo\n")), "one\x1b");
     EXPECT_EQ(qor::serial::read_lines(m_folder / "plain"), (std::vector<std::string>{" one\x1b ", "two"}));
 }
 
