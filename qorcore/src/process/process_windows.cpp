@@ -41,6 +41,8 @@ DWORD WINAPI thread_main(void* run) {
 
 const DWORD loading_thread = GetCurrentThreadId();
 
+void WINAPI call_at_thread_end(void* run) { reinterpret_cast<void (*)()>(run)(); }
+
 } // namespace
 
 const char* qor::process::name() noexcept { return process_name().c_str(); }
@@ -50,16 +52,12 @@ unsigned long qor::process::process_id() noexcept { return GetCurrentProcessId()
 unsigned long qor::process::thread_id() noexcept { return GetCurrentThreadId(); }
 bool qor::process::is_main_thread() noexcept { return GetCurrentThreadId() == loading_thread; }
 
+// Not by the destructor of a thread_local object: the run-time has freed those objects when it calls their destructors.
+// The system calls this before it tells the libraries that a thread ends.
 void qor::process::at_thread_end(void (*run)()) noexcept {
-    struct caller {
-        void (*run)() = nullptr;
-        ~caller() {
-            if (run != nullptr)
-                run();
-        }
-    };
-    thread_local caller at_end;
-    at_end.run = run;
+    static const DWORD slot = FlsAlloc(call_at_thread_end);
+    if (slot != FLS_OUT_OF_INDEXES)
+        FlsSetValue(slot, reinterpret_cast<void*>(run));
 }
 
 std::string qor::process::executable() { return module_path(nullptr); }
