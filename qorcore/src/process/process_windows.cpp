@@ -1,6 +1,7 @@
 #include "process/process.h"
 #include "string/wide_windows.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <mutex>
@@ -116,6 +117,8 @@ bool qor::process::has_argument(const char* begin) noexcept {
 void qor::process::set_up_standard_streams() noexcept {
     if (console_before != 0)
         return;
+    // The C library buffers one that is redirected, and a question or a warning would be seen when the process ends.
+    std::setvbuf(stderr, nullptr, _IONBF, 0);
     console_before = GetConsoleOutputCP();
     if (console_before == 0 || console_before == CP_UTF8 || !SetConsoleOutputCP(CP_UTF8))
         return;
