@@ -161,7 +161,8 @@ TEST(cut, what_has_begun_and_is_not_whole) {
                 const double time = time_until_cut(each, host.port(), from);
                 const std::lock_guard hold(lock);
                 std::printf("%s: cut after %.2f s (at most %g)\n", each.what, time, at_most);
-                EXPECT_GT(time, 4.9) << each.what;
+                // The listener began to count before the peer did, on a busy machine long before.
+                EXPECT_GT(time, 3) << each.what;
                 EXPECT_LT(time, at_most) << each.what;
             });
     for (std::thread& each : all)
