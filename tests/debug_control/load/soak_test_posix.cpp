@@ -33,9 +33,9 @@ class soak : public testing::Test {
 protected:
     // As far as it comes.
     void session(int number) {
+        counting_sink sink; // outlives the connection, which may be telling it something
         control_pointer control;
         ASSERT_TRUE(create_debug_control((m_folder / "known-hosts").c_str(), control.Out())) << last_error();
-        counting_sink sink;
         const auto place = static_cast<std::size_t>(number);
         const int what = number % 8;
         const bool by_proxy = what >= 5;
