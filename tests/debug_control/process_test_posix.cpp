@@ -4,9 +4,11 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -23,14 +25,16 @@ constexpr bool no_threads_after_fork = true;
 constexpr bool no_threads_after_fork = false;
 #endif
 
+// By their names: another thread may close a descriptor meanwhile, and using one that it closes would be a race.
 std::vector<int> open_sockets() {
+    constexpr std::string_view beginning = "socket:";
     std::vector<int> all;
     DIR* const folder = opendir("/proc/self/fd");
     while (const dirent* const each = readdir(folder)) {
-        struct stat status;
-        const int number = std::atoi(each->d_name);
-        if (each->d_name[0] != '.' && fstat(number, &status) == 0 && S_ISSOCK(status.st_mode))
-            all.push_back(number);
+        char name[32];
+        const ssize_t length = readlinkat(dirfd(folder), each->d_name, name, sizeof name);
+        if (length > 0 && std::string_view(name, static_cast<std::size_t>(length)).starts_with(beginning))
+            all.push_back(std::atoi(each->d_name));
     }
     closedir(folder);
     return all;
