@@ -1,9 +1,9 @@
 // Pipes, devices and more in the place of each file that the library looks for by itself. A reader that waits for one
 // of them never ends.
 #include "catalog/catalog_file.h"
-#include "file/raw_file.h"
-#include "file/whole_file.h"
 #include "folder/user_dirs.h"
+#include "platform/raw_file.h"
+#include "platform/whole_file.h"
 #include "qor/glue/impl_posix.h"
 #include "serial/fake_host.h"
 #include "serial/lock_files.h"
@@ -17,7 +17,7 @@
 
 namespace {
 
-using qor::file::raw_file;
+using qor::platform::raw_file;
 using qor::test::strange_file;
 using qor::test::strange_kinds;
 
@@ -69,7 +69,7 @@ TEST_F(strange_files, may_be_named_by_the_user) {
 TEST_F(strange_files, are_not_read_as_a_whole) {
     with_each(m_path, "text\n", [&] {
         std::string text;
-        EXPECT_FALSE(qor::file::read_whole(m_path.c_str(), 1000, text));
+        EXPECT_FALSE(qor::platform::read_whole(m_path.c_str(), 1000, text));
         EXPECT_EQ(text, "");
     });
 }

@@ -1,4 +1,4 @@
-#include "process/process.h"
+#include "platform/own_process.h"
 #include "qor/qor.h"
 #include "support/platform.h"
 #include "support/scenes.h"
@@ -122,10 +122,10 @@ TEST(process, a_cleanup_routine_must_be_one) {
 namespace {
 
 const scene names{"process_names", [](const words&) {
-                      EXPECT_EQ(qor::process::name(), qor::test::program_name());
+                      EXPECT_EQ(qor::platform::name(), qor::test::program_name());
                       qorStringArray args;
                       EXPECT_TRUE(start({"word"}, args));
-                      EXPECT_STREQ(qor::process::name(), "watcher");
+                      EXPECT_STREQ(qor::platform::name(), "watcher");
                       EXPECT_EQ(args.GetCount(), 1u);
                       EXPECT_STREQ(args[0], "word");
                       return 0;
@@ -183,6 +183,6 @@ TEST(process, an_assertion_in_an_exit_handler_names_the_process) {
 }
 
 TEST(main_thread, is_the_first_one) {
-    EXPECT_TRUE(qor::process::is_main_thread());
-    std::thread([] { EXPECT_FALSE(qor::process::is_main_thread()); }).join();
+    EXPECT_TRUE(qor::platform::is_main_thread());
+    std::thread([] { EXPECT_FALSE(qor::platform::is_main_thread()); }).join();
 }

@@ -1,5 +1,5 @@
 // Closed standard streams: what a process opens next would take their place. Which thread a process ends with.
-#include "process/process.h"
+#include "platform/own_process.h"
 #include "qor/qor.h"
 #include "support/scenes.h"
 #include "support/temp_folder.h"
@@ -68,7 +68,7 @@ TEST(main_thread, is_the_one_that_was_forked) {
         const pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0)
-            _exit(qor::process::is_main_thread() ? 0 : 1);
+            _exit(qor::platform::is_main_thread() ? 0 : 1);
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
         EXPECT_EQ(status, 0);

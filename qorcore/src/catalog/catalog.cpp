@@ -5,7 +5,7 @@
 #include "catalog/languages.h"
 #include "catalog/translations.h"
 #include "catalog/user_settings.h"
-#include "process/resources.h"
+#include "platform/resources.h"
 
 namespace {
 
@@ -15,7 +15,7 @@ using qor::catalog::user_setting;
 // Both are never destroyed: messages are printed until the process is gone, also by its last clean-up
 // routines.
 translations& all_texts() {
-    static auto& texts = *new translations(&qor::process::find_resource);
+    static auto& texts = *new translations(&qor::platform::find_resource);
     return texts;
 }
 

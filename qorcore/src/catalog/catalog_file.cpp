@@ -1,7 +1,7 @@
 #include "catalog/catalog_file.h"
 
 #include "catalog/inserts.h"
-#include "file/whole_file.h"
+#include "platform/whole_file.h"
 #include "string/unicode.h"
 
 #include <charconv>
@@ -108,5 +108,5 @@ qor::catalog::translation qor::catalog::parse_catalog(std::string_view content, 
 
 qor::catalog::translation qor::catalog::load_catalog(const std::string& path, std::span<const message> english) {
     std::string content;
-    return file::read_whole(path.c_str(), max_size, content) ? parse_catalog(content, english) : translation();
+    return platform::read_whole(path.c_str(), max_size, content) ? parse_catalog(content, english) : translation();
 }

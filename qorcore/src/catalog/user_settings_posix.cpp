@@ -1,5 +1,5 @@
 #include "catalog/user_settings.h"
 
-#include "process/process.h"
+#include "platform/own_process.h"
 
-const char* qor::catalog::user_setting(const char* variable) noexcept { return process::environment(variable); }
+const char* qor::catalog::user_setting(const char* variable) noexcept { return platform::environment(variable); }

@@ -1,7 +1,7 @@
 #include "catalog/user_settings.h"
 
-#include "process/process.h"
-#include "string/wide_windows.h"
+#include "platform/own_process.h"
+#include "platform/wide_windows.h"
 
 #include <string>
 #include <string_view>
@@ -11,7 +11,7 @@ namespace {
 
 bool any_is_set() noexcept {
     for (const char* const variable : {"LC_ALL", "LC_MESSAGES", "LANG"})
-        if (qor::process::environment(variable) != nullptr)
+        if (qor::platform::environment(variable) != nullptr)
             return true;
     return false;
 }
@@ -31,13 +31,13 @@ std::string languages_of_screens() {
     for (wchar_t& c : names)
         if (c == L'\0')
             c = L':';
-    return qor::string::from_wide(names);
+    return qor::platform::from_wide(names);
 }
 
 } // namespace
 
 const char* qor::catalog::user_setting(const char* variable) noexcept {
-    const char* const value = process::environment(variable);
+    const char* const value = platform::environment(variable);
     if (value != nullptr || std::string_view(variable) != "LANGUAGE" || any_is_set())
         return value;
     static const std::string& languages = *new std::string(languages_of_screens());

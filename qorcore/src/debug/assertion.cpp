@@ -1,9 +1,9 @@
 // Failed assertions: reported, never fatal.
-#include "process/process.h"
+#include "platform/own_process.h"
 #include "qor/qor.h"
 
 #include <string>
 
 void qor::glue::qorAssertFailed(const char* expr, const char* func, const char* file, int line) noexcept {
-    ::fputmsg(stderr, "qorcore", 1021, qor::process::name(), expr, func, file, std::to_string(line).c_str());
+    ::fputmsg(stderr, "qorcore", 1021, qor::platform::name(), expr, func, file, std::to_string(line).c_str());
 }

@@ -1,11 +1,11 @@
 #include "debug/surviving_memory.h"
-#include "string/wide_windows.h"
+#include "platform/wide_windows.h"
 
 #include <windows.h>
 
 int qor::debug::surviving_memory::open(const std::string& path) noexcept {
     std::wstring wide;
-    if (!string::to_wide(path, wide))
+    if (!platform::to_wide(path, wide))
         return ERROR_INVALID_NAME;
     constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     const HANDLE file = CreateFileW(wide.c_str(), GENERIC_READ | GENERIC_WRITE, share, nullptr, CREATE_NEW,
@@ -37,7 +37,7 @@ void qor::debug::surviving_memory::close() noexcept {
         return;
     leave();
     std::wstring wide;
-    if (string::to_wide(m_path, wide))
+    if (platform::to_wide(m_path, wide))
         DeleteFileW(wide.c_str());
 }
 
@@ -49,12 +49,12 @@ void qor::debug::surviving_memory::leave() noexcept {
 
 std::string qor::debug::full_name_on_disk(const char* path) noexcept {
     std::wstring wide;
-    if (!string::to_wide(path, wide))
+    if (!platform::to_wide(path, wide))
         return {};
     const DWORD attributes = GetFileAttributesW(wide.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) != 0)
         return {};
     std::wstring full(GetFullPathNameW(wide.c_str(), 0, nullptr, nullptr), L'\0');
     full.resize(GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
-    return string::from_wide(full);
+    return platform::from_wide(full);
 }

@@ -2,7 +2,7 @@
 #include "debug/trace_output.h"
 #include "debug/trace_pattern.h"
 #include "error/error.h"
-#include "process/process.h"
+#include "platform/own_process.h"
 #include "string/format_fixed.h"
 
 #include <algorithm>
@@ -83,7 +83,7 @@ void after_fork() noexcept {
 const qorDebugFlag* qor::glue::qorDebugGetFlags() noexcept { return flags; }
 
 uint32 qor::glue::qorDebugAllocateCode(const char* name) noexcept {
-    static const bool watching_forks = (qor::process::watch_forks(before_fork, after_fork, after_fork), true);
+    static const bool watching_forks = (qor::platform::watch_forks(before_fork, after_fork, after_fork), true);
     (void)watching_forks;
     shared_state& shared = state();
     std::shared_ptr<const rule_list> rules;

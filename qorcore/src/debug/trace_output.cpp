@@ -2,8 +2,8 @@
 
 #include "debug/surviving_memory.h"
 #include "error/error.h"
-#include "file/raw_file.h"
-#include "process/process.h"
+#include "platform/own_process.h"
+#include "platform/raw_file.h"
 #include "stream/text_output.h"
 #include "string/working_memory.h"
 
@@ -37,7 +37,7 @@ class trace_file {
 public:
     int open(const char* path) noexcept {
         close();
-        if (const int reason = m_file.open(path, qor::file::raw_file::access::append))
+        if (const int reason = m_file.open(path, qor::platform::raw_file::access::append))
             return reason;
         m_name = qor::debug::full_name_on_disk(path);
         m_may_keep = !m_name.empty();
@@ -123,13 +123,13 @@ private:
         if (!m_may_keep)
             return false;
         // Processes are numbered again after a while: what a killed one left behind stays.
-        const std::string first = m_name + '.' + std::to_string(qor::process::process_id()) + ".rest";
+        const std::string first = m_name + '.' + std::to_string(qor::platform::process_id()) + ".rest";
         std::string name = first;
         int reason = m_rest.open(name);
-        for (int i = 2; reason == qor::file::raw_file::is_taken; ++i)
+        for (int i = 2; reason == qor::platform::raw_file::is_taken; ++i)
             reason = m_rest.open(name = first + '.' + std::to_string(i));
         if (reason == 0 && !m_flusher_runs) {
-            reason = qor::process::start_thread(flush_periodically);
+            reason = qor::platform::start_thread(flush_periodically);
             m_flusher_runs = reason == 0;
         }
         static const bool at_exit = std::atexit([] { finish(); }) == 0;
@@ -138,7 +138,7 @@ private:
         return m_rest.is_open();
     }
 
-    qor::file::raw_file m_file;
+    qor::platform::raw_file m_file;
     bool m_is_attached = false;
     std::string m_name;      // of a file on a disk; empty for a pipe or a device
     bool m_may_keep = false; // else each line is written at once
@@ -192,7 +192,7 @@ std::string_view thread_text() noexcept {
     if (const unsigned now = generation.load(std::memory_order_relaxed); known.generation != now) {
         known.generation = now;
         known.length = static_cast<std::size_t>(std::snprintf(known.text, sizeof known.text, "%lu:%lu ",
-                                                              qor::process::process_id(), qor::process::thread_id()));
+                                                              qor::platform::process_id(), qor::platform::thread_id()));
     }
     return {known.text, known.length};
 }
@@ -239,7 +239,7 @@ void qor::debug::write_line(const char* code_name, std::string_view text) noexce
     // A trace changes nothing for the code that it watches.
     const qor::error::keep_failures keep;
     static const bool watching_forks =
-        (qor::process::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child), true);
+        (qor::platform::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child), true);
     (void)watching_forks;
     qor::string::working_memory memory;
     const std::string_view thread = thread_text();

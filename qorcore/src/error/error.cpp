@@ -1,10 +1,8 @@
 // The last error of each thread.
 #include "error/error.h"
 
-#include "catalog/catalog.h"
 #include "error/error_state.h"
-#include "process/process.h"
-#include "qor/system/template/Object.h"
+#include "platform/own_process.h"
 
 #include <algorithm>
 #include <iterator>
@@ -41,8 +39,8 @@ void forget_last_error() { delete std::exchange(last_error, nullptr); }
 qor::error::state& own_state() {
     if (last_error == nullptr) {
         last_error = new qor::error::state;
-        if (!qor::process::is_main_thread())
-            qor::process::at_thread_end(forget_last_error);
+        if (!qor::platform::is_main_thread())
+            qor::platform::at_thread_end(forget_last_error);
     }
     return *last_error;
 }
@@ -58,12 +56,6 @@ qor::error::state::state(uint32 wanted, const char* const* texts)
 }
 
 qorErrorClass qor::error::state::error_class() const noexcept { return find_definition(number)->error_class; }
-
-std::string qor::error::state::text() const {
-    const char* texts[max_inserts];
-    std::transform(std::begin(inserts), std::end(inserts), texts, [](const std::string& s) { return s.c_str(); });
-    return qor::catalog::expand(qor::catalog::find("qorcore", number), texts);
-}
 
 const qor::error::state& qor::error::current() noexcept { return own_state(); }
 
@@ -84,15 +76,3 @@ void qor::glue::qorSetLastError(uint32 number, const char* const* inserts) noexc
 }
 
 void qor::glue::qorClearLastError() noexcept { own_state() = {}; }
-
-uint32 qor::glue::qorGetLastError_text(qorString& out) noexcept {
-    const std::string text = own_state().text();
-    out.Set(text.data(), static_cast<int32>(text.size()));
-    return own_state().number;
-}
-
-void qor::glue::fputerr(std::FILE* stream, bool newline) noexcept {
-    qorString text;
-    qorGetLastError_text(text);
-    text.Put(stream, newline);
-}

@@ -1,5 +1,5 @@
-// Inside the error facility: one error with its inserts. Its text is made when somebody asks for it, so that
-// setting an error that nobody reads costs no look-up.
+// Inside the library: one error with its inserts. The catalog makes its text (catalog/error_texts.cpp) when somebody
+// asks for it, so that setting an error that nobody reads costs no look-up.
 #pragma once
 
 #include "qor/qor.h"
@@ -16,7 +16,6 @@ struct state {
     state(uint32 wanted, const char* const* texts);
 
     qorErrorClass error_class() const noexcept;
-    std::string text() const;
 
     uint32 number = qorError_none;
     std::string inserts[max_inserts];

@@ -1,5 +1,5 @@
 #include "error/error.h"
-#include "string/wide_windows.h"
+#include "platform/wide_windows.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -14,7 +14,7 @@ std::string qor::error::system_reason(int code) {
     // The system ends its sentences with a full stop and a line end; here they become part of one.
     while (length != 0 && (text[length - 1] <= L' ' || text[length - 1] == L'.'))
         --length;
-    return string::from_wide({text, length});
+    return platform::from_wide({text, length});
 }
 
 int qor::error::stream_failure() noexcept {

@@ -1,13 +1,13 @@
 // The file object: positioned reads of files on a disk.
 #include "error/error.h"
-#include "file/raw_file.h"
+#include "platform/raw_file.h"
 
 #include <string>
 
 namespace {
 
 struct opened {
-    qor::file::raw_file file;
+    qor::platform::raw_file file;
     std::string path;
 };
 
@@ -36,13 +36,13 @@ bool qor::glue::qorFile_Open(qorFile* self, const char* path, uint32 mode) noexc
         return false;
     }
     auto* const made = new opened{{}, path};
-    const int reason = made->file.open(path, file::raw_file::access::regular);
+    const int reason = made->file.open(path, platform::raw_file::access::regular);
     if (reason == 0) {
         self->m_data.file = made;
         return true;
     }
     delete made;
-    if (reason == file::raw_file::not_regular)
+    if (reason == platform::raw_file::not_regular)
         error::set(qorError_no_disk_file, {path});
     else
         error::set_with_reason(qorError_cannot_open_file, path, reason);

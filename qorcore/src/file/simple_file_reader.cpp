@@ -1,7 +1,7 @@
 // The line reader: large blocks from the system, lines handed out of them.
 #include "error/error.h"
-#include "file/raw_file.h"
 #include "memory/allocator.h"
+#include "platform/raw_file.h"
 #include "qor/system/template/Object.h"
 
 #include <algorithm>
@@ -34,7 +34,7 @@ public:
         m_is_cut = false;
         m_failed = 0;
         m_path = path;
-        if (const int reason = m_file.open(path, qor::file::raw_file::access::read)) {
+        if (const int reason = m_file.open(path, qor::platform::raw_file::access::read)) {
             qor::error::set_with_reason(qorError_cannot_open_file, path, reason);
             return false;
         }
@@ -168,7 +168,7 @@ private:
         std::memset(m_block + m_size, 0, 1 + qorReadLinesPadding);
     }
 
-    qor::file::raw_file m_file;
+    qor::platform::raw_file m_file;
     std::string m_path;
     char* m_block = nullptr;
     std::size_t m_size = 0;      // of the block, without room for a line end and the padding

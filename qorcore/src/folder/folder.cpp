@@ -2,7 +2,7 @@
 
 #include "catalog/catalog.h"
 #include "error/error.h"
-#include "process/process.h"
+#include "platform/own_process.h"
 #include "string/file_names.h"
 
 #include <iterator>
@@ -55,13 +55,13 @@ std::string own_path(qorFolderId id, const std::string& found) {
 std::string find(qorFolderId id) {
     switch (id) {
     case qorFolder_qor_executable: {
-        const std::string program = qor::process::executable();
+        const std::string program = qor::platform::executable();
         return own_path(id, program.substr(0, program.find_last_of(qor::string::path_separators) + 1));
     }
     case qorFolder_qor_library:
-        return own_path(id, qor::process::library_folder());
+        return own_path(id, qor::platform::library_folder());
     case qorFolder_qor_catalogs: {
-        const std::string library = qor::process::library_folder();
+        const std::string library = qor::platform::library_folder();
         return own_path(id, library.empty() ? library : library + "qor");
     }
     default:

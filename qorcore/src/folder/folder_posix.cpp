@@ -4,7 +4,7 @@
 
 #include "folder/user_dirs.h"
 #include "memory/allocator.h"
-#include "process/process.h"
+#include "platform/own_process.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -53,7 +53,7 @@ std::string home_of_account() {
 
 // What the variable says; empty where it is no absolute path.
 std::string variable(const char* name) {
-    const char* const value = qor::process::environment(name);
+    const char* const value = qor::platform::environment(name);
     return value != nullptr && *value == '/' ? clean(value) : std::string();
 }
 

@@ -3,8 +3,8 @@
 #include "folder/folder.h"
 
 #include "error/error.h"
-#include "process/system_library_windows.h"
-#include "string/wide_windows.h"
+#include "platform/system_library_windows.h"
+#include "platform/wide_windows.h"
 
 #include <initguid.h>
 #include <knownfolders.h>
@@ -59,15 +59,15 @@ const place& place_of(qorFolderId id) {
 // Both return the system's code, 0 for success.
 DWORD known_folder(const KNOWNFOLDERID& known, std::string& path) {
     auto* const ask =
-        qor::process::find_function<decltype(SHGetKnownFolderPath)>(L"shell32.dll", "SHGetKnownFolderPath");
-    auto* const release = qor::process::find_function<decltype(CoTaskMemFree)>(L"ole32.dll", "CoTaskMemFree");
+        qor::platform::find_function<decltype(SHGetKnownFolderPath)>(L"shell32.dll", "SHGetKnownFolderPath");
+    auto* const release = qor::platform::find_function<decltype(CoTaskMemFree)>(L"ole32.dll", "CoTaskMemFree");
     if (ask == nullptr || release == nullptr)
         return GetLastError();
     wchar_t* found = nullptr;
     // What is not there yet is told all the same, and not made.
     const HRESULT result = ask(known, KF_FLAG_DONT_VERIFY, nullptr, &found);
     if (SUCCEEDED(result))
-        path = qor::string::from_wide(found);
+        path = qor::platform::from_wide(found);
     release(found);
     return SUCCEEDED(result) ? 0 : static_cast<DWORD>(HRESULT_CODE(result));
 }
@@ -77,7 +77,7 @@ DWORD temporary_folder(std::string& path) {
     const DWORD length = GetTempPathW(MAX_PATH + 1, found);
     if (length == 0 || length > MAX_PATH)
         return length == 0 ? GetLastError() : ERROR_BUFFER_OVERFLOW;
-    path = qor::string::from_wide({found, length});
+    path = qor::platform::from_wide({found, length});
     return 0;
 }
 

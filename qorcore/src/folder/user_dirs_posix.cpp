@@ -1,6 +1,6 @@
 #include "folder/user_dirs.h"
 
-#include "file/whole_file.h"
+#include "platform/whole_file.h"
 
 namespace {
 
@@ -45,7 +45,7 @@ std::string value_of(std::string_view line, std::string_view key, const std::str
 
 std::string qor::folder::user_dir(const std::string& file, std::string_view key, const std::string& home) {
     std::string content;
-    if (!file::read_whole(file.c_str(), max_size, content))
+    if (!platform::read_whole(file.c_str(), max_size, content))
         return home;
     std::string found = home;
     // The last line counts, as it does for the shell.

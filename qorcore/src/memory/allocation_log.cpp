@@ -1,7 +1,7 @@
 #include "memory/allocation_log.h"
 
 #include "error/error.h"
-#include "process/process.h"
+#include "platform/own_process.h"
 
 #include <charconv>
 #include <utility>
@@ -33,19 +33,19 @@ int qor::memory::allocation_log::open(const std::string& name, const live_blocks
 // A name that holds the process never takes the place of another file: processes are numbered again after a
 // while, and one process may run several programs.
 int qor::memory::allocation_log::open_file() {
-    using access = file::raw_file::access;
+    using access = platform::raw_file::access;
     m_buffer.clear();
     m_buffer.reserve(buffer_size);
     m_whole = 0;
     m_written = 0;
-    const std::string process = std::to_string(process::process_id());
+    const std::string process = std::to_string(platform::process_id());
     m_path = m_name;
     const std::size_t mark = m_name.find(process_mark);
     if (mark != std::string::npos)
         m_path.replace(mark, process_mark.size(), process);
     const std::string first = m_path;
     int reason = m_file.open(m_path.c_str(), mark != std::string::npos ? access::create : access::truncate);
-    for (int i = 2; reason == file::raw_file::is_taken; ++i) {
+    for (int i = 2; reason == platform::raw_file::is_taken; ++i) {
         m_path = first + '.' + std::to_string(i);
         reason = m_file.open(m_path.c_str(), access::create);
     }
@@ -147,6 +147,6 @@ void qor::memory::allocation_log::give_up(int reason) {
     if (is_open())
         m_file.cut(m_written);
     m_file.close();
-    m_last_words = std::string(process::name()) + ": the allocation log '" + m_path +
+    m_last_words = std::string(platform::name()) + ": the allocation log '" + m_path +
                    "' ends here: " + error::system_reason(reason) + '\n';
 }

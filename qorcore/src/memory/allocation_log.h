@@ -8,8 +8,8 @@
 // buffer_size bytes, is lost when the process is killed. The caller holds the allocator's lock.
 #pragma once
 
-#include "file/raw_file.h"
 #include "memory/live_blocks.h"
+#include "platform/raw_file.h"
 
 #include <string>
 #include <string_view>
@@ -55,7 +55,7 @@ private:
     void flush();
     void give_up(int reason);
 
-    file::raw_file m_file;
+    platform::raw_file m_file;
     std::string m_name; // as it was given, of this process
     std::string m_path;
     std::string m_last_words;

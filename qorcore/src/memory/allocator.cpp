@@ -13,8 +13,7 @@
 #include "memory/live_blocks.h"
 #include "memory/pages.h"
 #include "memory/tracking.h"
-#include "process/process.h"
-#include "stream/text_output.h"
+#include "platform/own_process.h"
 
 #include <atomic>
 #include <cstddef>
@@ -56,8 +55,8 @@ shared_state& state() {
         // To look for a variable that is not there is a failure on Windows, and an allocation is none.
         const qor::error::keep_failures keep;
         // Which log is wanted is for the command line to say, where it does.
-        const char* const name = qor::process::environment(qor::memory::log_variable);
-        if (name != nullptr && !qor::process::has_argument(qor::memory::log_option))
+        const char* const name = qor::platform::environment(qor::memory::log_variable);
+        if (name != nullptr && !qor::platform::has_argument(qor::memory::log_option))
             (void)open_log(*shared, name); // if it fails, the start of the process will report it
         complete_state = shared;
         return shared;
@@ -91,7 +90,7 @@ public:
         state().is_held = false;
         m_hold.unlock();
         if (!last_words.empty())
-            (void)qor::stream::write_text(stderr, last_words);
+            qor::glue::fputtext(stderr, last_words.data(), last_words.size());
     }
 
 private:
@@ -216,10 +215,10 @@ int open_log(shared_state& shared, const std::string& name) {
     if (const int reason = shared.log.open(name, shared.blocks))
         return reason;
     // The programs that this process starts inherit the variable: they are not to write over its log.
-    if (qor::process::environment(qor::memory::log_variable) != nullptr)
-        qor::process::set_environment(qor::memory::log_variable, qor::memory::log_name_for_children(name).c_str());
+    if (qor::platform::environment(qor::memory::log_variable) != nullptr)
+        qor::platform::set_environment(qor::memory::log_variable, qor::memory::log_name_for_children(name).c_str());
     tracking.store(true, std::memory_order_release);
-    qor::process::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child);
+    qor::platform::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child);
     std::atexit([] { finish_log(); });
     return 0;
 }

@@ -2,9 +2,9 @@
 
 #include "catalog/catalog.h"
 #include "error/error.h"
-#include "file/raw_file.h"
 #include "glue/own_table.h"
-#include "process/resources.h"
+#include "platform/raw_file.h"
+#include "platform/resources.h"
 #include "qor/glue/module.h"
 
 #include <map>
@@ -18,7 +18,7 @@ using qor::glue::module_table;
 // Looks at the file before the loader does, which would wait for the other end of a pipe. False: the last error says
 // what is wrong with it.
 bool is_usable(const std::string& path) {
-    using qor::file::raw_file;
+    using qor::platform::raw_file;
     const int code = raw_file().open(path.c_str(), raw_file::access::regular);
     if (raw_file::is_missing(code))
         qor::error::set(qorError_module_missing, {path.c_str()});
@@ -32,7 +32,7 @@ bool is_usable(const std::string& path) {
 
 // Null: the last error says why.
 const module_table* load(const std::string& file) {
-    const std::string path = qor::process::find_resource(file);
+    const std::string path = qor::platform::find_resource(file);
     if (!is_usable(path))
         return nullptr;
     std::string reason;

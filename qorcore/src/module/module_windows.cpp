@@ -1,7 +1,7 @@
 #include "error/error.h"
 #include "module/module.h"
+#include "platform/wide_windows.h"
 #include "qor/glue/impl_windows.h"
-#include "string/wide_windows.h"
 
 #include <algorithm>
 #include <windows.h>
@@ -10,7 +10,7 @@ const char* const qor::module::file_extension = ".dll";
 
 void* qor::module::load_library(const std::string& path, std::string& reason) {
     std::wstring wide;
-    if (!string::to_wide(path.c_str(), wide)) {
+    if (!platform::to_wide(path.c_str(), wide)) {
         reason = error::system_reason(ERROR_INVALID_NAME);
         return nullptr;
     }

@@ -2,11 +2,11 @@
 
 #include "catalog/catalog.h"
 #include "error/error.h"
-#include "string/wide_windows.h"
+#include "platform/wide_windows.h"
 
 #include <winsock2.h>
 // Behind winsock2.h, which windows.h would otherwise bring in its first version.
-#include "process/system_library_windows.h"
+#include "platform/system_library_windows.h"
 #include <ws2tcpip.h>
 
 namespace {
@@ -28,7 +28,7 @@ public:
 private:
     template <class FUNCTION>
     static FUNCTION* find(const char* name) noexcept {
-        return qor::process::find_function<FUNCTION>(L"ws2_32.dll", name);
+        return qor::platform::find_function<FUNCTION>(L"ws2_32.dll", name);
     }
 };
 
@@ -59,7 +59,7 @@ bool qor::net::resolve(const char* name, names which, std::vector<qorHostAddress
         return false;
     }
     std::wstring wide;
-    if (!string::to_wide(name, wide)) {
+    if (!platform::to_wide(name, wide)) {
         failure = {qorError_lookup_failed, std::string(catalog::find("qorcore", 1080))};
         return false;
     }

@@ -5,7 +5,7 @@
 #include "debug/trace_output.h"
 #include "error/error.h"
 #include "memory/tracking.h"
-#include "process/process.h"
+#include "platform/own_process.h"
 
 #include <cstring>
 #include <optional>
@@ -133,10 +133,10 @@ bool take_from(qorStringArray& args, settings& wanted) {
 // this process starts inherit it and leave it alone; a program that takes its place has it still. False: it is for
 // another process.
 bool claim(const char* variable, std::string& value) {
-    const std::string mark = '/' + std::to_string(qor::process::process_id());
+    const std::string mark = '/' + std::to_string(qor::platform::process_id());
     const std::size_t slash = value.rfind('/');
     if (slash == value.npos) {
-        qor::process::set_environment(variable, (value + mark).c_str());
+        qor::platform::set_environment(variable, (value + mark).c_str());
         return true;
     }
     const bool is_ours = value.substr(slash) == mark;
@@ -159,7 +159,7 @@ bool qor::process::apply_framework_options(qorStringArray& args) {
     settings wanted;
     const bool understood = take_from(args, wanted);
     // They would write files, and open the process to others, with rights that the caller does not have.
-    if (is_privileged())
+    if (platform::is_privileged())
         wanted = {};
     bool logging = false;
     for (std::size_t i = 0; i < std::size(options); ++i) {
@@ -167,7 +167,7 @@ bool qor::process::apply_framework_options(qorStringArray& args) {
         if (i != 0 && !understood)
             return false;
         std::string source = std::string(prefix) + options[i].name;
-        if (const char* const variable = environment(options[i].variable)) {
+        if (const char* const variable = platform::environment(options[i].variable)) {
             std::string value = variable;
             const bool is_ours = !options[i].is_for_one_process || claim(options[i].variable, value);
             if (is_ours && !wanted.values[i]) {

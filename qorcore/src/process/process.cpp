@@ -1,11 +1,8 @@
 // Start and end of the framework in a process.
-#include "process/process.h"
-
 #include "debug/trace_output.h"
 #include "error/error.h"
-#include "file/raw_file.h"
+#include "platform/own_process.h"
 #include "process/framework_options.h"
-#include "process/resources.h"
 
 #include <cstdlib>
 #include <mutex>
@@ -38,8 +35,8 @@ bool take_cleanup(cleanup_entry& entry) {
 } // namespace
 
 bool qor::glue::qorInitProcess(const char* name, qorStringArray& args, unsigned flags) noexcept {
-    qor::process::set_up_standard_streams();
-    qor::process::set_name(name);
+    qor::platform::set_up_standard_streams();
+    qor::platform::set_name(name);
     if (flags != 0) {
         qor::error::set(qorError_invalid_argument, {"qorInitProcess", "flags"});
         return false;
@@ -82,15 +79,4 @@ int qor::glue::qorCompareVersions(const char* left, const char* right) noexcept 
         right = *right_end == '.' ? right_end + 1 : right_end;
     }
     return 0;
-}
-
-std::string qor::process::find_resource(std::string_view name) {
-    using file::raw_file;
-    const std::string beside = library_folder() + std::string(name);
-    const std::string usual = library_folder() + "qor/" + std::string(name);
-    const auto look = [](const std::string& path) { return raw_file().open(path.c_str(), raw_file::access::regular); };
-    const int reason = look(beside);
-    // A file that is there and cannot be used is the answer only where there is nothing else.
-    const bool is_beside = reason == 0 || (!raw_file::is_missing(reason) && raw_file::is_missing(look(usual)));
-    return is_beside ? beside : usual;
 }

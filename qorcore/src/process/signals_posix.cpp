@@ -1,4 +1,4 @@
-#include "process/process.h"
+#include "platform/own_process.h"
 #include "process/signals.h"
 
 #include <atomic>
@@ -108,13 +108,13 @@ int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
     wake.store(event);
     pthread_sigmask(SIG_SETMASK, nullptr, &mask_of_the_host);
     run_of_signal_thread = run;
-    const int failed = start_thread(signal_thread);
+    const int failed = platform::start_thread(signal_thread);
     if (failed != 0) {
         close(event);
         return failed;
     }
     // Once: a child that starts a thread of its own has inherited this.
-    static const bool watching_forks = (watch_forks(nullptr, nullptr, after_fork_in_child), true);
+    static const bool watching_forks = (platform::watch_forks(nullptr, nullptr, after_fork_in_child), true);
     (void)watching_forks;
     return 0;
 }

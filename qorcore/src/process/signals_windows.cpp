@@ -1,4 +1,4 @@
-#include "process/process.h"
+#include "platform/own_process.h"
 #include "process/signals.h"
 
 #include <mutex>
@@ -75,7 +75,7 @@ int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
     wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     if (wake == nullptr)
         return static_cast<int>(GetLastError());
-    const int failed = start_thread(run);
+    const int failed = platform::start_thread(run);
     if (failed != 0)
         CloseHandle(wake);
     return failed;

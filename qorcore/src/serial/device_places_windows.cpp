@@ -1,6 +1,6 @@
 #include "serial/device_places.h"
 
-#include "string/wide_windows.h"
+#include "platform/wide_windows.h"
 
 #include <string_view>
 #include <windows.h>
@@ -9,7 +9,7 @@
 
 namespace {
 
-using qor::string::from_wide;
+using qor::platform::from_wide;
 
 constexpr DWORD longest = 512; // characters of a text of the device manager; it has no longer ones
 
@@ -106,7 +106,7 @@ std::string describe(const device_manager& manager, HDEVINFO devices, SP_DEVINFO
 std::string qor::serial::device_place(const std::string& port) {
     std::wstring name;
     static const device_manager manager;
-    if (!manager.is_there() || !string::to_wide(port, name))
+    if (!manager.is_there() || !platform::to_wide(port, name))
         return {};
     // Of all classes: a modem has a port too.
     const HDEVINFO devices = manager.get_devices(nullptr, nullptr, nullptr, DIGCF_PRESENT | DIGCF_ALLCLASSES);

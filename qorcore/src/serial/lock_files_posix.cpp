@@ -1,6 +1,6 @@
 #include "serial/lock_files.h"
 
-#include "file/raw_file.h"
+#include "platform/raw_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,7 +14,7 @@ namespace {
 
 // The number is written as text by most, as a plain int by some: that has a zero byte, because processes have numbers
 // below 2^22, and a text has none. 0: it cannot be told.
-int read_holder(qor::file::raw_file& file) {
+int read_holder(qor::platform::raw_file& file) {
     char text[32] = "";
     std::size_t length = 0;
     file.read_at(0, text, sizeof text - 1, &length);
@@ -34,9 +34,9 @@ qor::serial::lock qor::serial::find_lock(const host& on, const std::string& kern
     std::snprintf(by_number, sizeof by_number, "/LCK.%03u.%03u", major(number), minor(number));
     for (const std::string& name : {"/LCK.." + std::string(base_name(kernel_name)), std::string(by_number)}) {
         file = on.locks + name;
-        qor::file::raw_file opened;
-        const int code = opened.open(file.c_str(), file::raw_file::access::regular);
-        if (file::raw_file::is_missing(code) || code == ENAMETOOLONG)
+        qor::platform::raw_file opened;
+        const int code = opened.open(file.c_str(), platform::raw_file::access::regular);
+        if (platform::raw_file::is_missing(code) || code == ENAMETOOLONG)
             continue;
         holder = code == 0 ? read_holder(opened) : 0;
         // Whoever is about to write the number has locked it already.

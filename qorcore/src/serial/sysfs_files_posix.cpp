@@ -1,7 +1,7 @@
 #include "serial/sysfs_files.h"
 
-#include "file/whole_file.h"
 #include "memory/allocator.h"
+#include "platform/whole_file.h"
 #include "serial/sysfs.h"
 
 #include <algorithm>
@@ -20,7 +20,7 @@ constexpr std::size_t longest_file = 1 << 20;
 std::vector<std::string> qor::serial::read_lines(const std::string& path) {
     std::string text;
     std::vector<std::string> lines;
-    if (!file::read_whole(path.c_str(), longest_file, text))
+    if (!platform::read_whole(path.c_str(), longest_file, text))
         return lines;
     for (std::size_t begin = 0; begin < text.size();) {
         const std::size_t end = std::min(text.find('\n', begin), text.size());

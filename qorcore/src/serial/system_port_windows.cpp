@@ -1,8 +1,8 @@
 #include "serial/system_ports.h"
 
 #include "error/error.h"
+#include "platform/wide_windows.h"
 #include "serial/device_places.h"
-#include "string/wide_windows.h"
 
 #include <algorithm>
 #include <windows.h>
@@ -10,7 +10,7 @@
 namespace {
 
 using qor::error::set;
-using qor::string::from_wide;
+using qor::platform::from_wide;
 
 constexpr char device_map[] = "HARDWARE\\DEVICEMAP\\SERIALCOMM";
 constexpr wchar_t wide_device_map[] = L"HARDWARE\\DEVICEMAP\\SERIALCOMM";
@@ -150,7 +150,7 @@ bool qor::serial::system_port::open(const std::string& name) {
     known_port port;
     std::wstring path;
     const bool is_listed = find_port(name, port);
-    if ((!is_listed && !is_com_port(port.name)) || !string::to_wide("\\\\.\\" + port.name, path)) {
+    if ((!is_listed && !is_com_port(port.name)) || !platform::to_wide("\\\\.\\" + port.name, path)) {
         set(qorError_no_serial_port, {name.c_str()});
         return false;
     }

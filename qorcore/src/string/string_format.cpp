@@ -1,13 +1,8 @@
-// Strings: numbers and printf, and reading from and writing to streams.
-#include "error/error.h"
-#include "stream/text_output.h"
+// Strings: numbers and printf.
 #include "string/format_fixed.h"
 #include "string/string_data.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 
 using qor::string::assign;
 
@@ -18,25 +13,6 @@ void format_number(qorString& self, NUMBER value, int base) noexcept {
     char digits[64]; // 64 binary ones, or a sign and 19 decimals
     const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value, base);
     assign(self, {digits, static_cast<std::size_t>(end.ptr - digits)});
-}
-
-// A line may be a password: no copy of it stays behind.
-void wipe(char* bytes, std::size_t size) noexcept {
-    for (volatile char* at = bytes; size != 0; --size)
-        *at++ = '\0';
-}
-
-// As Append, but where the string moves its old storage is wiped.
-void append_secret(qorString& self, const char* bytes, uint32 size) noexcept {
-    const uint64 total = uint64{self.m_data.length} + size;
-    if (total >= self.m_data.alloc) {
-        qorString grown;
-        grown.Reserve(static_cast<uint32>(std::min<uint64>(2 * total, qor::string::max_length)));
-        grown.Append(self.Text(), static_cast<int32>(self.Length()));
-        wipe(self.m_data.text, self.m_data.alloc);
-        self = static_cast<qorString&&>(grown);
-    }
-    qor::glue::qorString_Append(&self, bytes, size);
 }
 
 } // namespace
@@ -56,57 +32,4 @@ void qor::glue::qorString_PrintV(qorString* self, const char* format, std::va_li
     std::string_view text;
     qor::string::format_fixed(memory, text, format, arguments);
     assign(*self, text);
-}
-
-bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool newline) noexcept {
-    // One call for the whole line: on an unbuffered stream, or where several threads write, two would tear
-    // it.
-    qor::string::working_memory memory;
-    const char* text = self->Text();
-    std::size_t length = self->Length();
-    if (newline) {
-        char* const line = memory.get(length + 1);
-        std::memcpy(line, text, length);
-        line[length] = '\n';
-        text = line;
-        ++length;
-    }
-    if (qor::stream::write_text(stream, {text, length}))
-        return true;
-    qor::error::set_with_reason(qorError_cannot_write_file, "stream", qor::error::stream_failure());
-    return false;
-}
-
-bool qor::glue::qorString_GetLine(qorString* self, std::FILE* stream) noexcept {
-    self->Empty();
-    char piece[512];
-    uint32 used = 0;
-    bool any = false;
-    int byte;
-    while ((byte = std::getc(stream)) != '\n') {
-        if (byte == EOF) {
-            // A signal that some handler took is no end: the read begins again.
-            if (std::feof(stream) || !std::ferror(stream) || errno != EINTR)
-                break;
-            std::clearerr(stream);
-            continue;
-        }
-        any = true;
-        if (used == sizeof piece) {
-            append_secret(*self, piece, used);
-            used = 0;
-        }
-        piece[used++] = static_cast<char>(byte);
-    }
-    if (byte == EOF && !std::feof(stream)) {
-        qor::error::set_with_reason(qorError_cannot_read_file, "stream", qor::error::stream_failure());
-        wipe(piece, sizeof piece);
-        self->Empty();
-        return false;
-    }
-    append_secret(*self, piece, used);
-    wipe(piece, sizeof piece);
-    if (byte == '\n' && self->m_data.length != 0 && self->m_data.text[self->m_data.length - 1] == '\r')
-        qorString_Remove(self, self->m_data.length - 1, 1);
-    return any || byte == '\n';
 }

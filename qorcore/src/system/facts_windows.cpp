@@ -1,7 +1,7 @@
 #include "system/facts.h"
 
-#include "process/system_library_windows.h"
-#include "string/wide_windows.h"
+#include "platform/system_library_windows.h"
+#include "platform/wide_windows.h"
 
 #include <algorithm>
 #include <bit>
@@ -9,7 +9,7 @@
 
 namespace {
 
-using qor::process::find_function;
+using qor::platform::find_function;
 
 constexpr wchar_t version_key[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
 constexpr wchar_t firmware_key[] = L"HARDWARE\\DESCRIPTION\\System\\BIOS";
@@ -22,7 +22,7 @@ bool read_value(const wchar_t* key, const wchar_t* name, DWORD kinds, void* valu
 
 std::string read_text(const wchar_t* key, const wchar_t* name) {
     wchar_t text[256];
-    return read_value(key, name, RRF_RT_REG_SZ, text, sizeof text) ? qor::string::from_wide(text) : "";
+    return read_value(key, name, RRF_RT_REG_SZ, text, sizeof text) ? qor::platform::from_wide(text) : "";
 }
 
 qor::system::firmware read_firmware() {

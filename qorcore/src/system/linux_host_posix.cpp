@@ -1,7 +1,7 @@
 #include "system/linux_host.h"
 
-#include "file/whole_file.h"
 #include "memory/allocator.h"
+#include "platform/whole_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -38,7 +38,7 @@ std::set<uint32> usable_processors() {
 
 std::string qor::system::linux_host::read(const std::string& path) const {
     std::string content;
-    if (!file::read_whole((root + path).c_str(), max_file, content))
+    if (!platform::read_whole((root + path).c_str(), max_file, content))
         return {};
     while (!content.empty() && is_blank(content.back()))
         content.pop_back();

@@ -1,7 +1,7 @@
 #include "time/zone_name.h"
 
-#include "file/raw_file.h"
-#include "process/process.h"
+#include "platform/own_process.h"
+#include "platform/raw_file.h"
 #include "qor/glue/regular_file_posix.h"
 
 #include <cctype>
@@ -83,21 +83,21 @@ bool is_of_the_system(std::string_view zone) {
 
 // The file that the C library would look for; empty: none.
 std::string path_of(std::string_view zone) {
-    if (qor::process::is_privileged() && !is_of_the_system(zone))
+    if (qor::platform::is_privileged() && !is_of_the_system(zone))
         return {};
     if (zone.starts_with('/'))
         return std::string(zone);
-    const char* const database = qor::process::environment("TZDIR");
+    const char* const database = qor::platform::environment("TZDIR");
     const std::string folder = database != nullptr ? database : "/usr/share/zoneinfo";
     return folder + '/' + std::string(zone);
 }
 
 bool is_zone_file(const std::string& path) {
     constexpr std::string_view magic = "TZif";
-    qor::file::raw_file file;
+    qor::platform::raw_file file;
     char begin[magic.size()];
     std::size_t count = 0;
-    return file.open(path.c_str(), qor::file::raw_file::access::regular) == 0 &&
+    return file.open(path.c_str(), qor::platform::raw_file::access::regular) == 0 &&
            file.read(begin, sizeof begin, &count) == 0 && std::string_view(begin, count) == magic;
 }
 

@@ -1,6 +1,6 @@
 // Accounts of Windows, of this computer or of a domain.
 #include "error/error.h"
-#include "string/wide_windows.h"
+#include "platform/wide_windows.h"
 #include "user/account.h"
 
 #include <utility>
@@ -11,7 +11,7 @@
 
 namespace {
 
-using qor::string::from_wide;
+using qor::platform::from_wide;
 
 bool failed(const char* operation, DWORD code) {
     qor::error::set_with_reason(qorError_system, operation, static_cast<int>(code));
@@ -177,7 +177,7 @@ bool read_account(const identity& who, qor::user::account& out) {
 bool find_user(const char* name, identity& who) {
     std::wstring wide;
     DWORD code = ERROR_NONE_MAPPED;
-    if (*name != '\0' && qor::string::to_wide(name, wide))
+    if (*name != '\0' && qor::platform::to_wide(name, wide))
         code = look_up(wide, who);
     if (code != 0 && code != ERROR_NONE_MAPPED)
         return failed("LookupAccountNameW", code);
@@ -224,7 +224,7 @@ bool refused(const char* name, DWORD code) {
 
 bool check_password(const char* name, const identity& who, const char* password) {
     std::wstring wide;
-    if (!qor::string::to_wide(password, wide)) {
+    if (!qor::platform::to_wide(password, wide)) {
         qor::error::set(qorError_credentials_refused);
         return false;
     }

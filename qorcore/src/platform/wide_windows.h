@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-namespace qor::string {
+namespace qor::platform {
 
 // False: the text is no UTF-8, or holds a NUL. Such a text names nothing on this system.
 bool to_wide(std::string_view text, std::wstring& out);
@@ -12,4 +12,4 @@ bool to_wide(std::string_view text, std::wstring& out);
 // What is no character becomes a replacement.
 std::string from_wide(std::wstring_view text);
 
-} // namespace qor::string
+} // namespace qor::platform

@@ -1,9 +1,9 @@
 // UTF-8 from and to the system's UTF-16.
-#include "string/wide_windows.h"
+#include "platform/wide_windows.h"
 
 #include <windows.h>
 
-bool qor::string::to_wide(std::string_view text, std::wstring& out) {
+bool qor::platform::to_wide(std::string_view text, std::wstring& out) {
     out.clear();
     if (text.empty())
         return true;
@@ -17,7 +17,7 @@ bool qor::string::to_wide(std::string_view text, std::wstring& out) {
     return length != 0;
 }
 
-std::string qor::string::from_wide(std::wstring_view text) {
+std::string qor::platform::from_wide(std::wstring_view text) {
     // And no unit takes more than three bytes.
     std::string out(text.size() * 3, '\0');
     const int length = text.empty() ? 0

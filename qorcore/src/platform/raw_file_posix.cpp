@@ -1,4 +1,4 @@
-#include "file/raw_file.h"
+#include "platform/raw_file.h"
 
 #include "qor/glue/regular_file_posix.h"
 
@@ -12,8 +12,8 @@
 
 namespace {
 
-int open_flags(qor::file::raw_file::access how) noexcept {
-    using access = qor::file::raw_file::access;
+int open_flags(qor::platform::raw_file::access how) noexcept {
+    using access = qor::platform::raw_file::access;
     switch (how) {
     case access::read:
     case access::regular: // glue::open_regular_file() does it
@@ -28,9 +28,9 @@ int open_flags(qor::file::raw_file::access how) noexcept {
     return O_RDONLY;
 }
 
-int open_handle(const char* path, qor::file::raw_file::access how) noexcept {
+int open_handle(const char* path, qor::platform::raw_file::access how) noexcept {
     struct stat status;
-    if (how == qor::file::raw_file::access::regular)
+    if (how == qor::platform::raw_file::access::regular)
         return qor::glue::open_regular_file(path, status);
     int handle;
     do
@@ -70,12 +70,12 @@ private:
 
 } // namespace
 
-const int qor::file::raw_file::not_regular = ESPIPE;
-const int qor::file::raw_file::is_taken = EEXIST;
+const int qor::platform::raw_file::not_regular = ESPIPE;
+const int qor::platform::raw_file::is_taken = EEXIST;
 
-bool qor::file::raw_file::is_missing(int reason) noexcept { return reason == ENOENT || reason == ENOTDIR; }
+bool qor::platform::raw_file::is_missing(int reason) noexcept { return reason == ENOENT || reason == ENOTDIR; }
 
-int qor::file::raw_file::open(const char* path, access how) noexcept {
+int qor::platform::raw_file::open(const char* path, access how) noexcept {
     close();
     int handle = open_handle(path, how);
     if (handle < 0)
@@ -102,14 +102,14 @@ int qor::file::raw_file::open(const char* path, access how) noexcept {
 }
 
 // A descriptor that has become the host's is the host's to close.
-void qor::file::raw_file::close() noexcept {
+void qor::platform::raw_file::close() noexcept {
     struct stat status;
     if (m_handle >= 0 && fstat(static_cast<int>(m_handle), &status) == 0 && is_identity(status, m_identity))
         ::close(static_cast<int>(m_handle));
     m_handle = -1;
 }
 
-int qor::file::raw_file::recover(const char* path) noexcept {
+int qor::platform::raw_file::recover(const char* path) noexcept {
     struct stat status;
     if (fstat(static_cast<int>(m_handle), &status) == 0 && is_identity(status, m_identity))
         return 0;
@@ -119,7 +119,7 @@ int qor::file::raw_file::recover(const char* path) noexcept {
     return open(path, access::append);
 }
 
-int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count) noexcept {
+int qor::platform::raw_file::read(void* bytes, std::size_t size, std::size_t* count) noexcept {
     ssize_t got;
     do
         got = ::read(static_cast<int>(m_handle), bytes, size);
@@ -129,12 +129,12 @@ int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count)
 }
 
 // A file on a disk is always ready.
-bool qor::file::raw_file::has_to_wait() const noexcept {
+bool qor::platform::raw_file::has_to_wait() const noexcept {
     pollfd file{static_cast<int>(m_handle), POLLIN, 0};
     return poll(&file, 1, 0) == 0;
 }
 
-int qor::file::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept {
+int qor::platform::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept {
     // Beyond that a file has no places.
     constexpr std::uint64_t end = std::numeric_limits<off_t>::max();
     char* const begin = static_cast<char*>(bytes);
@@ -152,7 +152,7 @@ int qor::file::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t 
     return 0;
 }
 
-int qor::file::raw_file::size(std::uint64_t* bytes) noexcept {
+int qor::platform::raw_file::size(std::uint64_t* bytes) noexcept {
     struct stat status;
     if (fstat(static_cast<int>(m_handle), &status) != 0)
         return errno;
@@ -160,7 +160,7 @@ int qor::file::raw_file::size(std::uint64_t* bytes) noexcept {
     return 0;
 }
 
-int qor::file::raw_file::write(const void* bytes, std::size_t size) noexcept {
+int qor::platform::raw_file::write(const void* bytes, std::size_t size) noexcept {
     no_write_signals quiet;
     const char* at = static_cast<const char*>(bytes);
     while (size != 0) {
@@ -178,6 +178,6 @@ int qor::file::raw_file::write(const void* bytes, std::size_t size) noexcept {
     return 0;
 }
 
-void qor::file::raw_file::cut(std::uint64_t size) noexcept {
+void qor::platform::raw_file::cut(std::uint64_t size) noexcept {
     (void)!ftruncate(static_cast<int>(m_handle), static_cast<off_t>(size));
 }

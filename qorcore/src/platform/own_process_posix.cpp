@@ -1,6 +1,6 @@
-#include "process/process.h"
+#include "platform/own_process.h"
 
-#include "file/whole_file.h"
+#include "platform/whole_file.h"
 #include "qor/glue/impl_posix.h"
 #include "qor/qor.h"
 
@@ -31,16 +31,16 @@ void* thread_main(void* run) {
 
 } // namespace
 
-const char* qor::process::name() noexcept { return process_name().c_str(); }
-void qor::process::set_name(const char* name) { process_name() = name; }
+const char* qor::platform::name() noexcept { return process_name().c_str(); }
+void qor::platform::set_name(const char* name) { process_name() = name; }
 
-unsigned long qor::process::process_id() noexcept { return static_cast<unsigned long>(getpid()); }
-unsigned long qor::process::thread_id() noexcept { return static_cast<unsigned long>(gettid()); }
-bool qor::process::is_main_thread() noexcept { return gettid() == getpid(); }
+unsigned long qor::platform::process_id() noexcept { return static_cast<unsigned long>(getpid()); }
+unsigned long qor::platform::thread_id() noexcept { return static_cast<unsigned long>(gettid()); }
+bool qor::platform::is_main_thread() noexcept { return gettid() == getpid(); }
 
 // No destructor of a thread_local object: to note one takes memory, and the C library aborts where there is none. Where
 // there is no key left the end of a thread is not told.
-void qor::process::at_thread_end(void (*run)()) noexcept {
+void qor::platform::at_thread_end(void (*run)()) noexcept {
     static pthread_key_t key;
     static const bool is_made =
         pthread_key_create(&key, [](void* called) { reinterpret_cast<void (*)()>(called)(); }) == 0;
@@ -48,50 +48,50 @@ void qor::process::at_thread_end(void (*run)()) noexcept {
         qorEndOutOfMemory();
 }
 
-std::string qor::process::executable() {
+std::string qor::platform::executable() {
     glue::own_path path;
     return glue::get_own_path(path) ? path : std::string();
 }
 
-std::string qor::process::library_folder() {
+std::string qor::platform::library_folder() {
     Dl_info info;
-    if (dladdr(reinterpret_cast<void*>(&qor::process::library_folder), &info) == 0 || info.dli_fname == nullptr)
+    if (dladdr(reinterpret_cast<void*>(&qor::platform::library_folder), &info) == 0 || info.dli_fname == nullptr)
         return {};
     const std::string path = info.dli_fname;
     const std::size_t slash = path.rfind('/');
     return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
 }
 
-bool qor::process::is_privileged() noexcept { return getauxval(AT_SECURE) != 0; }
+bool qor::platform::is_privileged() noexcept { return getauxval(AT_SECURE) != 0; }
 
-const char* qor::process::environment(const char* variable) noexcept {
+const char* qor::platform::environment(const char* variable) noexcept {
     const char* const value = secure_getenv(variable);
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
-void qor::process::set_environment(const char* variable, const char* value) noexcept { setenv(variable, value, 1); }
+void qor::platform::set_environment(const char* variable, const char* value) noexcept { setenv(variable, value, 1); }
 
-bool qor::process::has_argument(const char* begin) noexcept {
+bool qor::platform::has_argument(const char* begin) noexcept {
     // Each word ends with a NUL.
     std::string text;
-    if (!file::read_whole("/proc/self/cmdline", longest_command_line, text))
+    if (!platform::read_whole("/proc/self/cmdline", longest_command_line, text))
         return false;
     return text.find('\0' + std::string(begin)) != std::string::npos;
 }
 
-void qor::process::set_up_standard_streams() noexcept {
+void qor::platform::set_up_standard_streams() noexcept {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
         // Opened the wrong way round, so that using the stream still fails as it should.
         if (fcntl(stream, F_GETFD) < 0 && errno == EBADF)
             (void)open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
 }
 
-void qor::process::watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept,
-                               void (*in_child)() noexcept) noexcept {
+void qor::platform::watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept,
+                                void (*in_child)() noexcept) noexcept {
     pthread_atfork(before, in_parent, in_child);
 }
 
-int qor::process::start_thread(void (*run)() noexcept) noexcept {
+int qor::platform::start_thread(void (*run)() noexcept) noexcept {
     sigset_t all;
     sigset_t mask_of_the_host;
     sigfillset(&all);

@@ -1,5 +1,5 @@
-#include "file/raw_file.h"
-#include "string/wide_windows.h"
+#include "platform/raw_file.h"
+#include "platform/wide_windows.h"
 
 #include <algorithm>
 #include <windows.h>
@@ -16,8 +16,8 @@ int last_error() noexcept { return static_cast<int>(GetLastError()); }
 // As much as the system takes in one call.
 DWORD piece(std::size_t size) noexcept { return static_cast<DWORD>(std::min<std::size_t>(size, 0x40000000)); }
 
-HANDLE open_handle(const wchar_t* path, qor::file::raw_file::access how) noexcept {
-    using access = qor::file::raw_file::access;
+HANDLE open_handle(const wchar_t* path, qor::platform::raw_file::access how) noexcept {
+    using access = qor::platform::raw_file::access;
     // Others may read, write and delete what is open here, as on every other system.
     constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     switch (how) {
@@ -41,17 +41,17 @@ bool is_folder(const wchar_t* path) noexcept {
 
 } // namespace
 
-const int qor::file::raw_file::not_regular = ERROR_SEEK_ON_DEVICE;
-const int qor::file::raw_file::is_taken = ERROR_FILE_EXISTS;
+const int qor::platform::raw_file::not_regular = ERROR_SEEK_ON_DEVICE;
+const int qor::platform::raw_file::is_taken = ERROR_FILE_EXISTS;
 
-bool qor::file::raw_file::is_missing(int reason) noexcept {
+bool qor::platform::raw_file::is_missing(int reason) noexcept {
     return reason == ERROR_FILE_NOT_FOUND || reason == ERROR_PATH_NOT_FOUND;
 }
 
-int qor::file::raw_file::open(const char* path, access how) noexcept {
+int qor::platform::raw_file::open(const char* path, access how) noexcept {
     close();
     std::wstring wide;
-    if (!string::to_wide(path, wide))
+    if (!platform::to_wide(path, wide))
         return ERROR_INVALID_NAME;
     const HANDLE handle = open_handle(wide.c_str(), how);
     if (handle == INVALID_HANDLE_VALUE) {
@@ -67,13 +67,13 @@ int qor::file::raw_file::open(const char* path, access how) noexcept {
     return 0;
 }
 
-void qor::file::raw_file::close() noexcept {
+void qor::platform::raw_file::close() noexcept {
     if (is_open())
         CloseHandle(as_handle(m_handle));
     m_handle = -1;
 }
 
-int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count) noexcept {
+int qor::platform::raw_file::read(void* bytes, std::size_t size, std::size_t* count) noexcept {
     DWORD got = 0;
     *count = 0;
     if (!ReadFile(as_handle(m_handle), bytes, piece(size), &got, nullptr)) {
@@ -85,7 +85,7 @@ int qor::file::raw_file::read(void* bytes, std::size_t size, std::size_t* count)
     return 0;
 }
 
-bool qor::file::raw_file::has_to_wait() const noexcept {
+bool qor::platform::raw_file::has_to_wait() const noexcept {
     switch (GetFileType(as_handle(m_handle))) {
     case FILE_TYPE_PIPE: {
         DWORD available = 0;
@@ -98,7 +98,7 @@ bool qor::file::raw_file::has_to_wait() const noexcept {
     }
 }
 
-int qor::file::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept {
+int qor::platform::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept {
     char* const begin = static_cast<char*>(bytes);
     for (*count = 0; *count < size;) {
         OVERLAPPED place{};
@@ -116,7 +116,7 @@ int qor::file::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t 
     return 0;
 }
 
-int qor::file::raw_file::size(std::uint64_t* bytes) noexcept {
+int qor::platform::raw_file::size(std::uint64_t* bytes) noexcept {
     LARGE_INTEGER size;
     if (!GetFileSizeEx(as_handle(m_handle), &size))
         return last_error();
@@ -124,7 +124,7 @@ int qor::file::raw_file::size(std::uint64_t* bytes) noexcept {
     return 0;
 }
 
-int qor::file::raw_file::write(const void* bytes, std::size_t size) noexcept {
+int qor::platform::raw_file::write(const void* bytes, std::size_t size) noexcept {
     const char* at = static_cast<const char*>(bytes);
     while (size != 0) {
         DWORD written = 0;
@@ -137,9 +137,9 @@ int qor::file::raw_file::write(const void* bytes, std::size_t size) noexcept {
 }
 
 // Nobody here closes handles that he does not know.
-int qor::file::raw_file::recover(const char*) noexcept { return 0; }
+int qor::platform::raw_file::recover(const char*) noexcept { return 0; }
 
-void qor::file::raw_file::cut(std::uint64_t size) noexcept {
+void qor::platform::raw_file::cut(std::uint64_t size) noexcept {
     FILE_END_OF_FILE_INFO end;
     end.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
     SetFileInformationByHandle(as_handle(m_handle), FileEndOfFileInfo, &end, sizeof end);

@@ -1,5 +1,5 @@
-#include "process/process.h"
-#include "string/wide_windows.h"
+#include "platform/own_process.h"
+#include "platform/wide_windows.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -15,12 +15,12 @@ constexpr DWORD max_path = 32768;
 std::string module_path(HMODULE module) {
     std::wstring path(max_path, L'\0');
     path.resize(GetModuleFileNameW(module, path.data(), max_path));
-    return qor::string::from_wide(path);
+    return qor::platform::from_wide(path);
 }
 
 // "C:\Tools\client.exe" is "client".
 std::string executable_name() {
-    std::string name = qor::process::executable();
+    std::string name = qor::platform::executable();
     name.erase(0, name.find_last_of('\\') + 1);
     return name.substr(0, name.find_last_of('.'));
 }
@@ -46,27 +46,27 @@ void WINAPI call_at_thread_end(void* run) { reinterpret_cast<void (*)()>(run)();
 
 } // namespace
 
-const char* qor::process::name() noexcept { return process_name().c_str(); }
-void qor::process::set_name(const char* name) { process_name() = name; }
+const char* qor::platform::name() noexcept { return process_name().c_str(); }
+void qor::platform::set_name(const char* name) { process_name() = name; }
 
-unsigned long qor::process::process_id() noexcept { return GetCurrentProcessId(); }
-unsigned long qor::process::thread_id() noexcept { return GetCurrentThreadId(); }
-bool qor::process::is_main_thread() noexcept { return GetCurrentThreadId() == loading_thread; }
+unsigned long qor::platform::process_id() noexcept { return GetCurrentProcessId(); }
+unsigned long qor::platform::thread_id() noexcept { return GetCurrentThreadId(); }
+bool qor::platform::is_main_thread() noexcept { return GetCurrentThreadId() == loading_thread; }
 
 // Not by the destructor of a thread_local object: the run-time has freed those objects when it calls their destructors.
 // The system calls this before it tells the libraries that a thread ends.
-void qor::process::at_thread_end(void (*run)()) noexcept {
+void qor::platform::at_thread_end(void (*run)()) noexcept {
     static const DWORD slot = FlsAlloc(call_at_thread_end);
     if (slot != FLS_OUT_OF_INDEXES)
         FlsSetValue(slot, reinterpret_cast<void*>(run));
 }
 
-std::string qor::process::executable() { return module_path(nullptr); }
+std::string qor::platform::executable() { return module_path(nullptr); }
 
-std::string qor::process::library_folder() {
+std::string qor::platform::library_folder() {
     HMODULE self = nullptr;
     if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                            reinterpret_cast<const wchar_t*>(&qor::process::library_folder), &self))
+                            reinterpret_cast<const wchar_t*>(&qor::platform::library_folder), &self))
         return {};
     const std::string path = module_path(self);
     const std::size_t backslash = path.rfind('\\');
@@ -74,21 +74,21 @@ std::string qor::process::library_folder() {
 }
 
 // A program there has the rights of the one who starts it.
-bool qor::process::is_privileged() noexcept { return false; }
+bool qor::platform::is_privileged() noexcept { return false; }
 
-const char* qor::process::environment(const char* variable) noexcept {
+const char* qor::platform::environment(const char* variable) noexcept {
     // The system's own variables are UTF-16. What was converted stays where it is until the variable changes, as it
     // does in the C library's environment.
     static std::mutex lock;
     static auto& values = *new std::map<std::string, std::string>;
     std::wstring name;
-    if (!string::to_wide(variable, name))
+    if (!platform::to_wide(variable, name))
         return nullptr;
     std::wstring value(GetEnvironmentVariableW(name.c_str(), nullptr, 0), L'\0');
     value.resize(GetEnvironmentVariableW(name.c_str(), value.data(), static_cast<DWORD>(value.size())));
     if (value.empty())
         return nullptr;
-    const std::string converted = string::from_wide(value);
+    const std::string converted = platform::from_wide(value);
     const std::lock_guard hold(lock);
     std::string& kept = values[variable];
     if (kept != converted)
@@ -96,16 +96,16 @@ const char* qor::process::environment(const char* variable) noexcept {
     return kept.c_str();
 }
 
-void qor::process::set_environment(const char* variable, const char* value) noexcept {
+void qor::platform::set_environment(const char* variable, const char* value) noexcept {
     std::wstring name;
     std::wstring wide;
-    if (string::to_wide(variable, name) && string::to_wide(value, wide))
+    if (platform::to_wide(variable, name) && platform::to_wide(value, wide))
         SetEnvironmentVariableW(name.c_str(), wide.c_str());
 }
 
-bool qor::process::has_argument(const char* begin) noexcept {
+bool qor::platform::has_argument(const char* begin) noexcept {
     std::wstring wide;
-    if (!string::to_wide(begin, wide))
+    if (!platform::to_wide(begin, wide))
         return false;
     // A word in quotes counts too, as it should.
     const std::wstring line = GetCommandLineW();
@@ -114,7 +114,7 @@ bool qor::process::has_argument(const char* begin) noexcept {
 
 // No file takes the place of a closed stream here: handles are not numbered like that. But a console shows bytes as
 // its code page says, which is seldom UTF-8. The console belongs to the user: it gets its code page back.
-void qor::process::set_up_standard_streams() noexcept {
+void qor::platform::set_up_standard_streams() noexcept {
     if (console_before != 0)
         return;
     // The C library buffers one that is redirected, and a question or a warning would be seen when the process ends.
@@ -126,9 +126,9 @@ void qor::process::set_up_standard_streams() noexcept {
 }
 
 // No process of this system is the copy of another.
-void qor::process::watch_forks(void (*)() noexcept, void (*)() noexcept, void (*)() noexcept) noexcept {}
+void qor::platform::watch_forks(void (*)() noexcept, void (*)() noexcept, void (*)() noexcept) noexcept {}
 
-int qor::process::start_thread(void (*run)() noexcept) noexcept {
+int qor::platform::start_thread(void (*run)() noexcept) noexcept {
     const HANDLE thread = CreateThread(nullptr, 0, thread_main, reinterpret_cast<void*>(run), 0, nullptr);
     if (thread == nullptr)
         return static_cast<int>(GetLastError());

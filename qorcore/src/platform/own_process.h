@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace qor::process {
+namespace qor::platform {
 
 // The name given to qorInitProcess; before that, the executable's.
 const char* name() noexcept;
@@ -48,4 +48,4 @@ void watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept, void (
 // A detached thread of the framework's own, which gets none of the host's signals. 0, or the system's error code.
 int start_thread(void (*run)() noexcept) noexcept;
 
-} // namespace qor::process
+} // namespace qor::platform

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qor::file {
+namespace qor::platform {
 
 class raw_file {
 public:
@@ -62,4 +62,4 @@ private:
     std::uint64_t m_identity[2] = {0, 0};
 };
 
-} // namespace qor::file
+} // namespace qor::platform

@@ -1,13 +1,30 @@
-// Errors as objects.
+// The texts of errors, and errors as objects, which tell their text.
 #include "catalog/catalog.h"
 #include "error/error_state.h"
 #include "memory/allocator.h"
-#include "process/process.h"
+#include "platform/own_process.h"
 #include "qor/system/template/Object.h"
+
+#include <algorithm>
+#include <iterator>
 
 namespace {
 
-constexpr char source[] = "qorcore/src/error/error_objects";
+constexpr char source[] = "qorcore/src/catalog/error_texts";
+
+std::string text_of(const qor::error::state& error) {
+    const char* texts[qor::error::state::max_inserts];
+    std::transform(std::begin(error.inserts), std::end(error.inserts), texts,
+                   [](const std::string& insert) { return insert.c_str(); });
+    return qor::catalog::expand(qor::catalog::find("qorcore", error.number), texts);
+}
+
+// The number of the error.
+uint32 put_text(const qor::error::state& error, qorString& out) {
+    const std::string text = text_of(error);
+    out.Set(text.data(), static_cast<int32>(text.size()));
+    return error.number;
+}
 
 class error_message final : public qor::object<IQORErrorMessage> {
 public:
@@ -18,10 +35,7 @@ public:
     bool IsError() noexcept override { return m_error.number != qorError_none; }
     qorErrorClass GetErrorClass() noexcept override { return m_error.error_class(); }
 
-    void GetMessage(qorString& out) noexcept override {
-        const std::string text = m_error.text();
-        out.Set(text.data(), static_cast<int32>(text.size()));
-    }
+    void GetMessage(qorString& out) noexcept override { put_text(m_error, out); }
 
     bool Put(std::FILE* stream, bool newline) noexcept override {
         qorString text;
@@ -29,7 +43,9 @@ public:
         return text.Put(stream, newline);
     }
 
-    void Report() noexcept override { fputmsg(stderr, "qorcore", 1020, qor::process::name(), m_error.text().c_str()); }
+    void Report() noexcept override {
+        fputmsg(stderr, "qorcore", 1020, qor::platform::name(), text_of(m_error).c_str());
+    }
 
     const qor::error::state& error() const noexcept { return m_error; }
 
@@ -69,6 +85,14 @@ private:
 };
 
 } // namespace
+
+uint32 qor::glue::qorGetLastError_text(qorString& out) noexcept { return put_text(error::current(), out); }
+
+void qor::glue::fputerr(std::FILE* stream, bool newline) noexcept {
+    qorString text;
+    qorGetLastError_text(text);
+    text.Put(stream, newline);
+}
 
 void qor::glue::qorGetLastError_message(IQORErrorMessage** out) noexcept { create(qor::error::current(), out); }
 

@@ -1,8 +1,8 @@
-#include "file/whole_file.h"
+#include "platform/whole_file.h"
 
-#include "file/raw_file.h"
+#include "platform/raw_file.h"
 
-bool qor::file::read_whole(const char* path, std::size_t max_size, std::string& content) {
+bool qor::platform::read_whole(const char* path, std::size_t max_size, std::string& content) {
     raw_file file;
     if (file.open(path, raw_file::access::regular) != 0)
         return false;

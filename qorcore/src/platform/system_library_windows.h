@@ -4,7 +4,7 @@
 
 #include <windows.h>
 
-namespace qor::process {
+namespace qor::platform {
 
 // Null: this system does not have it; GetLastError tells why.
 template <class FUNCTION>
@@ -14,4 +14,4 @@ FUNCTION* find_function(const wchar_t* library, const char* name) noexcept {
                              : nullptr;
 }
 
-} // namespace qor::process
+} // namespace qor::platform
