@@ -6,8 +6,8 @@
     extern "C" result forward_##number parameters noexcept;                                                            \
     extern "C" result forward_##number parameters noexcept { return qor::glue::op arguments; }
 #define QOR_RESERVED(number, op)
-#define QOR_ROOM(first, count)
+#define QOR_FREE(first, count)
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
-#undef QOR_ROOM
+#undef QOR_FREE

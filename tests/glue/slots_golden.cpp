@@ -10,8 +10,8 @@
 
 namespace {
 
-// A room's rows are one line each, so that a number taken from it shows as just that.
-void room(std::ostream& out, unsigned first, unsigned count) {
+// The free numbers are one line each, so that a number taken from them shows as just that.
+void free_range(std::ostream& out, unsigned first, unsigned count) {
     for (unsigned number = first; number < first + count; ++number)
         out << number << " free\n";
 }
@@ -21,11 +21,11 @@ std::string listing() {
 #define QOR_SLOT(number, result, op, parameters, arguments)                                                            \
     out << number << " slot " << #op << ": " << #result << " " << #parameters << " " << #arguments << "\n";
 #define QOR_RESERVED(number, op) out << number << " reserved " << #op << "\n";
-#define QOR_ROOM(first, count) room(out, first, count);
+#define QOR_FREE(first, count) free_range(out, first, count);
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
-#undef QOR_ROOM
+#undef QOR_FREE
     return out.str();
 }
 

@@ -49,14 +49,14 @@ TEST(Table, HoldsAllThatIsWrittenAndNothingElse) {
 #define QOR_RESERVED(number, op)                                                                                       \
     EXPECT_EQ(entry(table, number), nullptr) << #op;                                                                   \
     covered += 1;
-#define QOR_ROOM(first, count)                                                                                         \
+#define QOR_FREE(first, count)                                                                                         \
     for (uint32 i = 0; i < (count); ++i)                                                                               \
         EXPECT_EQ(entry(table, (first) + i), nullptr) << (first) + i;                                                  \
     covered += (count);
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
-#undef QOR_ROOM
+#undef QOR_FREE
     EXPECT_EQ(covered, qor::glue::slot_count);
 }
 
@@ -74,11 +74,11 @@ TEST(Table, IsSufficientWithEveryWrittenOperation) {
     };
 #define QOR_SLOT(number, result, op, parameters, arguments) EXPECT_FALSE(without(number)) << #op;
 #define QOR_RESERVED(number, op) EXPECT_TRUE(without(number)) << #op;
-#define QOR_ROOM(first, count)
+#define QOR_FREE(first, count)
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
-#undef QOR_ROOM
+#undef QOR_FREE
 }
 
 TEST(Table, IsSufficientWhereItIsLonger) {

@@ -5,11 +5,11 @@
 constinit const qor::glue::binding_table qor::glue::own_table = {
 #define QOR_SLOT(number, result, op, parameters, arguments) .op = &qor::glue::op,
 #define QOR_RESERVED(number, op) .op = nullptr,
-#define QOR_ROOM(first, count) .room_##first = {},
+#define QOR_FREE(first, count) .free_##first = {},
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
-#undef QOR_ROOM
+#undef QOR_FREE
 };
 
 uint32 qor::glue::qorGetTableLength() noexcept { return slot_count; }

@@ -63,22 +63,22 @@ using unwritten = void (*)();
 struct binding_table {
 #define QOR_SLOT(number, result, op, parameters, arguments) result(*op) parameters noexcept;
 #define QOR_RESERVED(number, op) unwritten op;
-#define QOR_ROOM(first, count) unwritten room_##first[count];
+#define QOR_FREE(first, count) unwritten free_##first[count];
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
-#undef QOR_ROOM
+#undef QOR_FREE
 };
 
 // Each row sits at its number.
 #define QOR_SLOT(number, result, op, parameters, arguments)                                                            \
     static_assert(offsetof(binding_table, op) == (number) * sizeof(unwritten));
 #define QOR_RESERVED(number, op) static_assert(offsetof(binding_table, op) == (number) * sizeof(unwritten));
-#define QOR_ROOM(first, count) static_assert(offsetof(binding_table, room_##first) == (first) * sizeof(unwritten));
+#define QOR_FREE(first, count) static_assert(offsetof(binding_table, free_##first) == (first) * sizeof(unwritten));
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
-#undef QOR_ROOM
+#undef QOR_FREE
 
 inline constexpr uint32 slot_count = sizeof(binding_table) / sizeof(unwritten);
 
@@ -88,11 +88,11 @@ inline bool is_sufficient(const binding_table& table) noexcept {
     constexpr uint16 written[] = {
 #define QOR_SLOT(number, result, op, parameters, arguments) number,
 #define QOR_RESERVED(number, op)
-#define QOR_ROOM(first, count)
+#define QOR_FREE(first, count)
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
-#undef QOR_ROOM
+#undef QOR_FREE
     };
     if (table.qorGetTableLength == nullptr || table.qorGetTableLength() < slot_count)
         return false;
@@ -142,11 +142,11 @@ inline const binding_table* table() noexcept {
 #endif
 
 #define QOR_RESERVED(number, op)
-#define QOR_ROOM(first, count)
+#define QOR_FREE(first, count)
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
-#undef QOR_ROOM
+#undef QOR_FREE
 
 // The source of every assertion of the binding and the primitives. It is the same on all platforms: what an
 // assertion says is part of the contract and does not follow the file that raises it.
