@@ -28,8 +28,8 @@ using qor::memory::block_type;
 
 std::atomic<bool> tracking{true};
 
-// How many blocks the start of the process is waited for.
-constexpr uint64 patience = 1 << 20;
+// The allocator waits for the start of the framework until there have been so many blocks.
+constexpr uint64 blocks_before_start = 1 << 20;
 
 struct shared_state {
     // Not recursive: a child process must be able to unlock what its parent's thread locked.
@@ -107,7 +107,7 @@ void note_new(void* block, uint64 size, block_type type, const char* file, int l
     const qor::memory::live_block& noted = state().blocks.add(block, size, type, file, line);
     if (state().log.is_open())
         state().log.allocated(noted);
-    else if (state().blocks.additions() > patience)
+    else if (state().blocks.additions() > blocks_before_start)
         forget_blocks(state());
 }
 
