@@ -1,5 +1,5 @@
 // Stored passwords: what is read is written again as it was, and is what a plain reader finds.
-#include "login/verifier.h"
+#include "password/verifier.h"
 
 #include "plain_messages.h"
 #include "plain_scram.h"

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "channel/debug_frames.h"
-#include "channel/net.h"
+#include "channel/sockets.h"
 #include "channel/tls_channel.h"
 #include "plain_scram.h"
 
@@ -22,11 +22,11 @@ public:
     using conduct = std::function<void(fake_listener&)>;
 
     explicit fake_listener(conduct act) : m_act(std::move(act)) {
-        std::vector<net::endpoint> places;
+        std::vector<sockets::endpoint> places;
         std::string reason;
-        EXPECT_EQ(net::resolve("127.0.0.1", 0, true, places, reason), 0) << reason;
-        EXPECT_EQ(net::listen_at(places.at(0), m_listener), 0);
-        m_port = net::local_end(m_listener).port();
+        EXPECT_EQ(sockets::resolve("127.0.0.1", 0, true, places, reason), 0) << reason;
+        EXPECT_EQ(sockets::listen_at(places.at(0), m_listener), 0);
+        m_port = sockets::local_end(m_listener).port();
         m_thread = std::thread([this] { run(); });
     }
     fake_listener(const fake_listener&) = delete;
@@ -39,47 +39,48 @@ public:
     uint16 port() const { return m_port; }
 
     // For a conduct that waits for something else as well: it returns when the receiver of the end is ready.
-    const net::socket& connection() const { return m_connection; }
-    const net::socket& end() const { return m_waker.receiver(); }
+    const sockets::socket& connection() const { return m_connection; }
+    const sockets::socket& end() const { return m_waker.receiver(); }
 
     // Whatever the peer sends next; empty: it is gone.
     std::string read() {
         for (;;) {
-            net::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_connection, true, false}};
-            net::wait(watched, -1);
+            sockets::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_connection, true, false}};
+            sockets::wait(watched, -1);
             if (watched[0].ready)
                 return {};
             char bytes[4096];
             std::size_t count;
-            if (const int failed = net::receive(m_connection, bytes, sizeof bytes, &count); failed != net::would_block)
+            if (const int failed = sockets::receive(m_connection, bytes, sizeof bytes, &count);
+                failed != sockets::would_block)
                 return {bytes, failed == 0 ? count : 0};
         }
     }
 
     void write(const std::string& bytes) {
         std::size_t count;
-        EXPECT_EQ(net::send(m_connection, bytes.data(), bytes.size(), &count), 0);
+        EXPECT_EQ(sockets::send(m_connection, bytes.data(), bytes.size(), &count), 0);
         EXPECT_EQ(count, bytes.size());
     }
 
 private:
     void run() {
         for (;;) {
-            net::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_listener, true, false}};
-            net::wait(watched, -1);
+            sockets::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_listener, true, false}};
+            sockets::wait(watched, -1);
             if (watched[0].ready)
                 return;
-            net::endpoint from;
-            if (net::accept_from(m_listener, m_connection, from) == 0)
+            sockets::endpoint from;
+            if (sockets::accept_from(m_listener, m_connection, from) == 0)
                 m_act(*this);
             m_connection = {};
         }
     }
 
     conduct m_act;
-    net::socket m_listener;
-    net::socket m_connection;
-    net::waker m_waker;
+    sockets::socket m_listener;
+    sockets::socket m_connection;
+    sockets::waker m_waker;
     uint16 m_port = 0;
     std::thread m_thread;
 };

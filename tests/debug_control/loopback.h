@@ -1,7 +1,7 @@
 // A listener of this process with two accounts, and what its tests have in common.
 #pragma once
 
-#include "channel/debug_control.h"
+#include "channel/control_client.h"
 #include "channel/debug_listener.h"
 #include "plain_scram.h"
 #include "private_file_of.h"

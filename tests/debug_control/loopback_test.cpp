@@ -1,5 +1,5 @@
 // A listener and controls in one process, over the loopback network.
-#include "channel/debug_control.h"
+#include "channel/control_client.h"
 #include "loopback.h"
 
 namespace {

@@ -25,7 +25,7 @@ protected:
         gate::place loser;
         const gate::place place = m_gate.enter(source, m_now, loser);
         EXPECT_NE(place, 0u);
-        return std::make_unique<session>(m_host, net::source{source, "127.0.0.1 port 9"}, place, m_now);
+        return std::make_unique<session>(m_host, sockets::source{source, "127.0.0.1 port 9"}, place, m_now);
     }
 
     // The clock goes on, and the session looks at it as often as it asked for.

@@ -1,6 +1,6 @@
 // Whom a connection counts for: users of this host by their numbers, whatever address they take.
-#include "channel/net_source.h"
-#include "channel/net_source_posix.h"
+#include "channel/peer_source.h"
+#include "channel/peer_source_posix.h"
 #include "load/socket_peer.h"
 #include "support/temp_folder.h"
 
@@ -9,24 +9,24 @@
 namespace {
 
 using namespace qor::test;
-using qor::net::endpoint;
-using qor::net::owner_answer;
+using qor::sockets::endpoint;
+using qor::sockets::owner_answer;
 
 // A listener, and connections to it.
 class sources : public testing::Test {
 protected:
     struct pair {
         int peer = -1;
-        qor::net::socket taken;
+        qor::sockets::socket taken;
         endpoint from, here;
     };
 
     void listen(const char* host) {
         std::vector<endpoint> places;
         std::string reason;
-        ASSERT_EQ(qor::net::resolve(host, 0, true, places, reason), 0) << reason;
-        ASSERT_EQ(qor::net::listen_at(places.front(), m_listener), 0);
-        m_at = qor::net::local_end(m_listener);
+        ASSERT_EQ(qor::sockets::resolve(host, 0, true, places, reason), 0) << reason;
+        ASSERT_EQ(qor::sockets::listen_at(places.front(), m_listener), 0);
+        m_at = qor::sockets::local_end(m_listener);
     }
 
     pair connect(std::optional<uid_t> user = {}, const char* address = nullptr, int family = AF_UNSPEC) {
@@ -59,17 +59,17 @@ protected:
     }
 
     void take(pair& made) {
-        qor::net::watched watched{&m_listener, true, false};
-        ASSERT_TRUE(qor::net::wait({&watched, 1}, 10'000));
-        ASSERT_EQ(qor::net::accept_from(m_listener, made.taken, made.from), 0);
-        made.here = qor::net::local_end(made.taken);
+        qor::sockets::watched watched{&m_listener, true, false};
+        ASSERT_TRUE(qor::sockets::wait({&watched, 1}, 10'000));
+        ASSERT_EQ(qor::sockets::accept_from(m_listener, made.taken, made.from), 0);
+        made.here = qor::sockets::local_end(made.taken);
     }
 
     // By both ways; nobody: no user.
     static std::optional<uid_t> owner(const pair& of) {
         std::uint32_t asked = 0, listed = 0;
-        const owner_answer one = qor::net::owner_by_question(of.from, of.here, asked);
-        const owner_answer other = qor::net::owner_by_list("/proc/net", of.from, of.here, listed);
+        const owner_answer one = qor::sockets::owner_by_question(of.from, of.here, asked);
+        const owner_answer other = qor::sockets::owner_by_list("/proc/net", of.from, of.here, listed);
         EXPECT_NE(other, owner_answer::cannot_ask);
         if (one != owner_answer::cannot_ask) {
             EXPECT_EQ(one, other);
@@ -78,7 +78,7 @@ protected:
         return other == owner_answer::found ? std::optional<uid_t>(listed) : std::nullopt;
     }
 
-    qor::net::socket m_listener;
+    qor::sockets::socket m_listener;
     endpoint m_at;
 };
 
@@ -89,7 +89,7 @@ TEST_F(sources, users_of_this_host) {
         listen(host);
         const pair own = connect();
         EXPECT_EQ(owner(own), geteuid()) << host;
-        const qor::net::source found = qor::net::source_of(own.from, own.here);
+        const qor::sockets::source found = qor::sockets::source_of(own.from, own.here);
         EXPECT_EQ(found.key, "user " + std::to_string(geteuid()));
         EXPECT_EQ(found.text, own.from.text() + " of user " + std::to_string(geteuid()));
         close(own.peer);
@@ -98,7 +98,7 @@ TEST_F(sources, users_of_this_host) {
         for (const uid_t user : {20'001u, 20'002u}) {
             const pair other = connect(user);
             EXPECT_EQ(owner(other), user) << host;
-            EXPECT_EQ(qor::net::source_of(other.from, other.here).key, "user " + std::to_string(user));
+            EXPECT_EQ(qor::sockets::source_of(other.from, other.here).key, "user " + std::to_string(user));
             close(other.peer);
         }
     }
@@ -109,7 +109,7 @@ TEST_F(sources, whatever_address_they_take) {
     for (const char* const address : {"127.0.0.1", "127.1.2.3", "127.255.255.254"}) {
         const pair made = connect({}, address);
         EXPECT_EQ(made.from.host(), address);
-        EXPECT_EQ(qor::net::source_of(made.from, made.here).key, "user " + std::to_string(geteuid()));
+        EXPECT_EQ(qor::sockets::source_of(made.from, made.here).key, "user " + std::to_string(geteuid()));
         close(made.peer);
     }
     const pair of_ipv6 = connect({}, nullptr, AF_INET6);
@@ -124,7 +124,7 @@ TEST_F(sources, who_has_left_is_nobody) {
     pair made = connect();
     close(made.peer);
     EXPECT_EQ(owner(made), std::nullopt);
-    EXPECT_EQ(qor::net::source_of(made.from, made.here).key, "this host");
+    EXPECT_EQ(qor::sockets::source_of(made.from, made.here).key, "this host");
 }
 
 // A listener of this host with the port from which somebody elsewhere connects is not his socket.
@@ -133,7 +133,7 @@ TEST_F(sources, other_hosts_are_told_by_address) {
     const auto elsewhere = [](const char* host, uint16 port) {
         std::vector<endpoint> places;
         std::string reason;
-        EXPECT_EQ(qor::net::resolve(host, port, false, places, reason), 0) << reason;
+        EXPECT_EQ(qor::sockets::resolve(host, port, false, places, reason), 0) << reason;
         return places.front();
     };
     const std::pair<const char*, bool> hosts[] = {
@@ -141,15 +141,15 @@ TEST_F(sources, other_hosts_are_told_by_address) {
     for (const auto& [host, is_here] : hosts) {
         const endpoint from = elsewhere(host, m_at.port());
         const endpoint here = elsewhere(from.is_ipv6() ? "::1" : "127.0.0.1", 4711);
-        const qor::net::source found = qor::net::source_of(from, here);
+        const qor::sockets::source found = qor::sockets::source_of(from, here);
         EXPECT_EQ(found.key, is_here ? "this host" : from.neighbour()) << host;
         EXPECT_EQ(found.text, from.text());
     }
     // An IPv4 listener on all addresses takes part in the search, too.
-    qor::net::socket everywhere;
-    ASSERT_EQ(qor::net::listen_at(elsewhere("0.0.0.0", 0), everywhere), 0);
-    const endpoint from = elsewhere("192.0.2.7", qor::net::local_end(everywhere).port());
-    EXPECT_EQ(qor::net::source_of(from, elsewhere("127.0.0.1", 4711)).key, from.neighbour());
+    qor::sockets::socket everywhere;
+    ASSERT_EQ(qor::sockets::listen_at(elsewhere("0.0.0.0", 0), everywhere), 0);
+    const endpoint from = elsewhere("192.0.2.7", qor::sockets::local_end(everywhere).port());
+    EXPECT_EQ(qor::sockets::source_of(from, elsewhere("127.0.0.1", 4711)).key, from.neighbour());
 }
 
 TEST_F(sources, a_list_that_is_recorded_or_missing) {
@@ -157,22 +157,22 @@ TEST_F(sources, a_list_that_is_recorded_or_missing) {
     endpoint from, here;
     std::vector<endpoint> places;
     std::string reason;
-    ASSERT_EQ(qor::net::resolve("127.0.0.1", 0x8f7a, false, places, reason), 0);
+    ASSERT_EQ(qor::sockets::resolve("127.0.0.1", 0x8f7a, false, places, reason), 0);
     from = here = places.front();
     here.set_port(4711);
     std::uint32_t user = 0;
-    EXPECT_EQ(qor::net::owner_by_list(folder.path().c_str(), from, here, user), owner_answer::cannot_ask);
+    EXPECT_EQ(qor::sockets::owner_by_list(folder.path().c_str(), from, here, user), owner_answer::cannot_ask);
     folder.file("tcp",
                 "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
                 "   0: 0100007F:8F7A 0100007F:1268 01 00000000:00000000 00:00000000 00000000  1001        0 70321 1\n"
                 "   1: 0100007F:1267 0100007F:8F7A 01 00000000:00000000 00:00000000 00000000  1002        0 70322 1\n");
-    EXPECT_EQ(qor::net::owner_by_list(folder.path().c_str(), from, here, user), owner_answer::nobody);
+    EXPECT_EQ(qor::sockets::owner_by_list(folder.path().c_str(), from, here, user), owner_answer::nobody);
     folder.file("tcp6", "  sl  local_address                         remote_address                        st tx_queue "
                         "rx_queue tr ...\n"
                         "   0: 0000000000000000FFFF00000100007F:8F7A 0000000000000000FFFF00000100007F:1267 01 "
                         "00000000:00000000 02:000006F8 "
                         "00000000  1003        0 70323 2 0000000000000000 20 4 0 10 -1\n");
-    EXPECT_EQ(qor::net::owner_by_list(folder.path().c_str(), from, here, user), owner_answer::found);
+    EXPECT_EQ(qor::sockets::owner_by_list(folder.path().c_str(), from, here, user), owner_answer::found);
     EXPECT_EQ(user, 1003u);
 }
 

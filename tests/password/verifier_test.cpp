@@ -1,5 +1,5 @@
 // Stored passwords, beside OpenSSL called directly (plain_scram.h) and vectors of the standards.
-#include "login/verifier.h"
+#include "password/verifier.h"
 #include "plain_scram.h"
 #include "qor/qor.h"
 

@@ -1,10 +1,10 @@
 // The process entry: the framework's start and end around one action.
 //
 // Source names and lines in assertions and allocations are constants: reports compare across versions.
-#include "actions/visible_arguments.h"
 #include "entry.h"
 #include "finish_output.h"
 #include "qortool_app.h"
+#include "visible_arguments.h"
 
 namespace {
 

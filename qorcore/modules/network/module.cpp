@@ -1,5 +1,7 @@
 // The module qor-network: what libqor asks of libraries for the network.
 #include "qor/glue/module.h"
+
+#include "common/guarded.h"
 #include "interface_list.h"
 
 #include <cstring>
@@ -11,16 +13,13 @@ bool create_object(const char* interface_name, const char*, void** out) noexcept
         qorSetLastError(qorError_not_supported);
         return false;
     }
-    try {
+    return qor::modules::guarded([&] {
         std::vector<network::interface_facts> interfaces;
         if (!network::read_interfaces(interfaces))
             return false;
         *out = network::make_list(std::move(interfaces));
         return true;
-    } catch (const std::bad_alloc&) {
-        qorSetLastError(qorError_out_of_memory);
-        return false;
-    }
+    });
 }
 
 constexpr qor::glue::module_table table = {&create_object};

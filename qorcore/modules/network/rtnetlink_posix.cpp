@@ -19,7 +19,7 @@ using network::dump_state;
 using network::dump_tables;
 
 // The kernel fills no more than 32 KiB unless a single message needs it.
-constexpr std::size_t usual_buffer = 32 * 1024;
+constexpr std::size_t first_buffer_size = 32 * 1024;
 constexpr std::size_t largest_buffer = 16 * 1024 * 1024;
 
 // A dump, by the request that begins it.
@@ -161,7 +161,7 @@ void report(const dump_result& result, const char* asked) {
 } // namespace
 
 bool network::read_dumps(const std::function<std::unique_ptr<conversation>()>& begin, dump_tables& out) {
-    std::vector<uint8> buffer(usual_buffer);
+    std::vector<uint8> buffer(first_buffer_size);
     for (int left = dump_attempts;; --left) {
         out = {};
         const std::unique_ptr<conversation> talk = begin();

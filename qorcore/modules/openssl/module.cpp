@@ -1,8 +1,9 @@
 // The module qor-openssl: what libqor does with OpenSSL.
 #include "qor/glue/module.h"
-#include "channel/debug_control.h"
+#include "channel/control_client.h"
 #include "channel/debug_listener.h"
 #include "digest/digest_engine.h"
+#include "login/debug_users.h"
 #include "password/passwords.h"
 
 #include <openssl/crypto.h>

@@ -1,5 +1,6 @@
 #include "authenticator.h"
 
+#include "common/guarded.h"
 #include "qor/glue/regular_file_posix.h"
 
 #include <security/pam_appl.h>
@@ -17,6 +18,8 @@
 #include <vector>
 
 namespace {
+
+using qor::modules::guarded;
 
 constexpr char source[] = "qorcore/modules/pam/authenticator";
 
@@ -207,17 +210,6 @@ bool session::fail(const char* operation, const char* name) {
     return false;
 }
 
-// The result of `work`; where there is no memory for it, false, and that is the last error.
-template <class WORK>
-bool guarded(WORK work) noexcept {
-    try {
-        return work();
-    } catch (const std::bad_alloc&) {
-        qorSetLastError(qorError_out_of_memory);
-        return false;
-    }
-}
-
 class authenticator final : public qor::object<IQORAuthenticator> {
 public:
     authenticator() noexcept : object("qorcore.pam.authenticator", "IQORAuthenticator") {}
@@ -238,8 +230,5 @@ public:
 } // namespace
 
 bool create_authenticator(IQORAuthenticator** out) noexcept {
-    return guarded([=] {
-        *out = new (source, __LINE__) authenticator;
-        return true;
-    });
+    return qor::modules::make<authenticator>(source, __LINE__, out);
 }

@@ -1,7 +1,7 @@
 // A proxy of this host that does one thing wrong at one place of a connection: after so many bytes in one direction.
 #pragma once
 
-#include "channel/net.h"
+#include "channel/sockets.h"
 #include "reset.h"
 
 #include <gtest/gtest.h>
@@ -40,8 +40,8 @@ public:
 
     explicit breaking_proxy(uint16 listener) {
         m_to = place(listener);
-        EXPECT_EQ(net::listen_at(place(0), m_listener), 0);
-        m_port = net::local_end(m_listener).port();
+        EXPECT_EQ(sockets::listen_at(place(0), m_listener), 0);
+        m_port = sockets::local_end(m_listener).port();
         m_thread = std::thread([this] { run(); });
     }
     breaking_proxy(const breaking_proxy&) = delete;
@@ -85,8 +85,8 @@ private:
     using clock = std::chrono::steady_clock;
 
     struct direction {
-        net::socket* from;
-        net::socket* to;
+        sockets::socket* from;
+        sockets::socket* to;
         std::string waiting{};
         std::size_t passed = 0;
         char last = 0;
@@ -95,17 +95,17 @@ private:
         clock::time_point held_until{};
     };
 
-    static net::endpoint place(uint16 port) {
-        std::vector<net::endpoint> places;
+    static sockets::endpoint place(uint16 port) {
+        std::vector<sockets::endpoint> places;
         std::string reason;
-        EXPECT_EQ(net::resolve("127.0.0.1", port, true, places, reason), 0) << reason;
+        EXPECT_EQ(sockets::resolve("127.0.0.1", port, true, places, reason), 0) << reason;
         return places.at(0);
     }
 
     void run() {
         while (!m_ending) {
             const clock::time_point now = clock::now();
-            std::vector<net::watched> watched{{&m_waker.receiver(), true, false}, {&m_listener, true, false}};
+            std::vector<sockets::watched> watched{{&m_waker.receiver(), true, false}, {&m_listener, true, false}};
             long long left = -1;
             if (m_ends[0].is_open())
                 for (const direction& each : m_directions) {
@@ -116,7 +116,7 @@ private:
                         watched.push_back({each.from, true, false});
                     }
                 }
-            net::wait(watched, static_cast<int>(left));
+            sockets::wait(watched, static_cast<int>(left));
             m_waker.take();
             if (m_break != fault::none) {
                 end(m_break == fault::reset);
@@ -131,12 +131,12 @@ private:
     }
 
     void take() {
-        net::endpoint from;
-        net::socket made;
-        if (net::accept_from(m_listener, made, from) != 0)
+        sockets::endpoint from;
+        sockets::socket made;
+        if (sockets::accept_from(m_listener, made, from) != 0)
             return;
         end(false);
-        if (net::connect_to(m_to, 10'000, m_ends[1]) != 0)
+        if (sockets::connect_to(m_to, 10'000, m_ends[1]) != 0)
             return;
         m_ends[0] = std::move(made);
         m_directions[0] = {&m_ends[0], &m_ends[1]};
@@ -148,10 +148,10 @@ private:
     }
 
     void end(bool by_reset) {
-        for (net::socket& each : m_ends) {
+        for (sockets::socket& each : m_ends) {
             if (by_reset && each.is_open())
                 reset(each);
-            each = net::socket();
+            each = sockets::socket();
         }
     }
 
@@ -159,8 +159,8 @@ private:
     bool move(direction& of) {
         char bytes[4096];
         std::size_t count;
-        const int failed = net::receive(*of.from, bytes, sizeof bytes, &count);
-        if (failed != net::would_block && (failed != 0 || count == 0))
+        const int failed = sockets::receive(*of.from, bytes, sizeof bytes, &count);
+        if (failed != sockets::would_block && (failed != 0 || count == 0))
             return false;
         of.waiting.append(bytes, count);
         while (act(of) && !of.waiting.empty()) {
@@ -217,10 +217,10 @@ private:
     bool pass(direction& of, const std::string& bytes) {
         for (std::size_t at = 0; at < bytes.size();) {
             std::size_t count;
-            const int failed = net::send(*of.to, bytes.data() + at, bytes.size() - at, &count);
-            if (failed == net::would_block) {
-                net::watched writable{of.to, false, true};
-                net::wait({&writable, 1}, -1);
+            const int failed = sockets::send(*of.to, bytes.data() + at, bytes.size() - at, &count);
+            if (failed == sockets::would_block) {
+                sockets::watched writable{of.to, false, true};
+                sockets::wait({&writable, 1}, -1);
             } else if (failed != 0) {
                 return false;
             }
@@ -233,11 +233,11 @@ private:
         return true;
     }
 
-    net::endpoint m_to;
-    net::socket m_listener;
-    std::array<net::socket, 2> m_ends; // the console's, the listener's
+    sockets::endpoint m_to;
+    sockets::socket m_listener;
+    std::array<sockets::socket, 2> m_ends; // the console's, the listener's
     std::array<direction, 2> m_directions{};
-    net::waker m_waker;
+    sockets::waker m_waker;
     std::atomic<bool> m_ending = false;
     std::atomic<fault> m_break = fault::none;
     uint16 m_port = 0;

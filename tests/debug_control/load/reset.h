@@ -1,11 +1,11 @@
 // Ends a connection the hard way.
 #pragma once
 
-#include "channel/net.h"
+#include "channel/sockets.h"
 
 namespace qor::test {
 
 // The peer meets a reset, no orderly end.
-void reset(net::socket& connection);
+void reset(sockets::socket& connection);
 
 } // namespace qor::test

@@ -58,15 +58,15 @@ inline bool can_be_several_users() {
 
 class socket_peer {
 public:
-    // `room` for bytes that nobody reads; 0: the system's choice.
-    socket_peer(uint16 port, const source& from, int room = 0) : m_socket(make(from.user)) {
+    // `buffer_size` is for bytes that nobody reads; 0: the system's choice.
+    socket_peer(uint16 port, const source& from, int buffer_size = 0) : m_socket(make(from.user)) {
         const int on = 1;
         setsockopt(m_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         // The port is chosen with the connection, so that as many may follow as there are pairs of ports.
         setsockopt(m_socket, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
         setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        if (room != 0)
-            setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+        if (buffer_size != 0)
+            setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &buffer_size, sizeof buffer_size);
         sockaddr_in at{};
         at.sin_family = AF_INET;
         inet_pton(AF_INET, from.address.c_str(), &at.sin_addr);
@@ -123,7 +123,7 @@ private:
 // The same with TLS and frames.
 class tls_peer {
 public:
-    tls_peer(uint16 port, const source& from, int room = 0) : socket(port, from, room) {}
+    tls_peer(uint16 port, const source& from, int buffer_size = 0) : socket(port, from, buffer_size) {}
 
     // All steps, or but for the last message. False: it did not come about.
     bool shake_hands(std::chrono::milliseconds patience = 10s) {

@@ -79,12 +79,12 @@ std::vector<std::string> found(const std::vector<std::pair<std::string, std::str
     return all;
 }
 
-qor::net::socket connect_to_listener(uint16 port) {
-    std::vector<qor::net::endpoint> places;
+qor::sockets::socket connect_to_listener(uint16 port) {
+    std::vector<qor::sockets::endpoint> places;
     std::string reason;
-    qor::net::socket made;
-    EXPECT_EQ(qor::net::resolve("127.0.0.1", port, false, places, reason), 0) << reason;
-    EXPECT_EQ(qor::net::connect_to(places.at(0), 5000, made), 0);
+    qor::sockets::socket made;
+    EXPECT_EQ(qor::sockets::resolve("127.0.0.1", port, false, places, reason), 0) << reason;
+    EXPECT_EQ(qor::sockets::connect_to(places.at(0), 5000, made), 0);
     return made;
 }
 
@@ -103,25 +103,25 @@ public:
 
 private:
     void pass_on(fake_listener& through, uint16 to) {
-        qor::net::socket back = connect_to_listener(to);
+        qor::sockets::socket back = connect_to_listener(to);
         for (;;) {
-            qor::net::watched watched[] = {
+            qor::sockets::watched watched[] = {
                 {&through.end(), true, false}, {&through.connection(), true, false}, {&back, true, false}};
-            qor::net::wait(watched, -1);
+            qor::sockets::wait(watched, -1);
             if (watched[0].ready || (watched[1].ready && !move(through.connection(), back, m_to_listener)) ||
                 (watched[2].ready && !move(back, through.connection(), m_to_console)))
                 return;
         }
     }
 
-    bool move(const qor::net::socket& from, const qor::net::socket& to, std::string& record) {
+    bool move(const qor::sockets::socket& from, const qor::sockets::socket& to, std::string& record) {
         char bytes[4096];
         std::size_t count, sent;
-        if (qor::net::receive(from, bytes, sizeof bytes, &count) != 0 || count == 0)
+        if (qor::sockets::receive(from, bytes, sizeof bytes, &count) != 0 || count == 0)
             return false;
         const std::lock_guard hold(m_lock);
         record.append(bytes, count);
-        return qor::net::send(to, bytes, count, &sent) == 0 && sent == count;
+        return qor::sockets::send(to, bytes, count, &sent) == 0 && sent == count;
     }
 
     std::mutex m_lock;
@@ -146,7 +146,7 @@ private:
     void pass_on(fake_listener& through, EVP_PKEY* key, uint16 to) {
         fake_tls front(through, key, {});
         memory_client back;
-        const qor::net::socket socket = connect_to_listener(to);
+        const qor::sockets::socket socket = connect_to_listener(to);
         while (!back.is_open())
             if (!step(back, socket))
                 return;
@@ -163,15 +163,15 @@ private:
         }
     }
 
-    static bool step(memory_client& peer, const qor::net::socket& socket) {
+    static bool step(memory_client& peer, const qor::sockets::socket& socket) {
         const std::string out = peer.take();
         char bytes[4096];
         std::size_t count;
-        if (!out.empty() && (qor::net::send(socket, out.data(), out.size(), &count) != 0 || count != out.size()))
+        if (!out.empty() && (qor::sockets::send(socket, out.data(), out.size(), &count) != 0 || count != out.size()))
             return false;
-        qor::net::watched watched[] = {{&socket, true, false}};
-        qor::net::wait(watched, 10'000);
-        if (qor::net::receive(socket, bytes, sizeof bytes, &count) != 0 || count == 0)
+        qor::sockets::watched watched[] = {{&socket, true, false}};
+        qor::sockets::wait(watched, 10'000);
+        if (qor::sockets::receive(socket, bytes, sizeof bytes, &count) != 0 || count == 0)
             return false;
         peer.give({bytes, count});
         return true;

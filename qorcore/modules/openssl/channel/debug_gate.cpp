@@ -19,9 +19,9 @@ qor::control::gate::place qor::control::gate::enter(std::string_view source, mom
     const unsigned own = places_of(source);
     auto at = m_places.end();
     bool at_once = false;
-    if (own >= room_of_source) {
+    if (own >= max_waiting_of_source) {
         at = std::find_if(m_places.begin(), m_places.end(), [&](const entry& each) { return each.source == source; });
-    } else if (m_places.size() >= room) {
+    } else if (m_places.size() >= max_waiting) {
         unsigned most = 0;
         for (auto each = m_places.begin(); each != m_places.end(); ++each)
             if (const unsigned count = each->source == source ? own + 1 : places_of(each->source); count > most) {

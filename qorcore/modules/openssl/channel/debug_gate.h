@@ -1,6 +1,6 @@
 // Inside the module qor-openssl: how many may be connected and logged in, and how often a login may be tried. Pure: the
 // time is given. A source is what counts as one on the other side: a user of this host, an address, or a network
-// (net_source.h).
+// (peer_source.h).
 #pragma once
 
 #include "qor/system/Types.h"
@@ -18,8 +18,8 @@ using moment = std::chrono::steady_clock::time_point;
 
 class gate {
 public:
-    static constexpr unsigned room = 32; // connections that are not logged in
-    static constexpr unsigned room_of_source = 4;
+    static constexpr unsigned max_waiting = 32; // connections that are not logged in
+    static constexpr unsigned max_waiting_of_source = 4;
     static constexpr std::chrono::seconds grace{5}; // so long nobody has to make way for an equal
 
     static constexpr unsigned tries = 20; // wrong ones in `period`, of a source or at an account

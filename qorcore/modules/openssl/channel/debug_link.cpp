@@ -1,6 +1,7 @@
 #include "debug_link.h"
 
-#include "primitives.h"
+#include "common/system_reason.h"
+#include "support/primitives.h"
 
 #include <algorithm>
 
@@ -27,13 +28,13 @@ std::string qor::control::reason_text(uint32 number, const char* insert) {
     return text.Text();
 }
 
-qor::control::link::link(peer_name peer, net::socket connected, SSL_CTX* context)
-    : m_peer(std::move(peer)), m_socket(std::move(connected)), m_forks(net::fork_count()),
+qor::control::link::link(peer_name peer, sockets::socket connected, SSL_CTX* context)
+    : m_peer(std::move(peer)), m_socket(std::move(connected)), m_forks(sockets::fork_count()),
       m_channel(context, tls_channel::side::client), m_begun(clock::now()), m_heard(m_begun), m_sent(m_begun) {}
 
 bool qor::control::link::open(const std::shared_ptr<link>& self) {
     // The thread keeps what it works on: the last call of a sink may release everything else.
-    self->m_thread = net::start_thread([self] { self->run(); });
+    self->m_thread = sockets::start_thread([self] { self->run(); });
     std::unique_lock hold(self->m_lock);
     self->m_changed.wait(hold, [&] { return self->m_open || self->m_lost; });
     return !self->m_lost || self->m_why.set();
@@ -57,8 +58,8 @@ bool qor::control::link::turn() {
     if (!flush())
         return lose_to_peer(reason_text(1071));
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(next_look() - clock::now()).count();
-    net::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_socket, true, !m_channel.outgoing().empty()}};
-    if (!net::wait(watched, static_cast<int>(std::max<long long>(0, left))))
+    sockets::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_socket, true, !m_channel.outgoing().empty()}};
+    if (!sockets::wait(watched, static_cast<int>(std::max<long long>(0, left))))
         return lose_own_socket();
     const clock::time_point now = clock::now();
     if (watched[1].ready && !receive(now))
@@ -109,8 +110,8 @@ bool qor::control::link::look_at_clock(clock::time_point now) {
 bool qor::control::link::receive(clock::time_point now) {
     char bytes[16384];
     std::size_t count;
-    const int failed = net::receive(m_socket, bytes, sizeof bytes, &count);
-    if (failed == net::would_block)
+    const int failed = sockets::receive(m_socket, bytes, sizeof bytes, &count);
+    if (failed == sockets::would_block)
         return true;
     const bool closed = failed != 0 || count == 0;
     std::string plain;
@@ -137,7 +138,7 @@ bool qor::control::link::receive(clock::time_point now) {
     else if (!plain.empty() || !m_within_since)
         m_within_since = now;
     if (closed)
-        return lose_to_peer(failed != 0 ? net::reason_of(failed) : reason_text(1071));
+        return lose_to_peer(failed != 0 ? modules::system_reason(failed) : reason_text(1071));
     if (state == tls_channel::state::failed)
         return lose(qorError_debug_connection_lost, reason_text(1073, m_channel.reason().c_str()));
     return state != tls_channel::state::ended || lose_to_peer(reason_text(1071));
@@ -179,8 +180,8 @@ bool qor::control::link::flush() {
     std::string& out = m_channel.outgoing();
     while (!out.empty() && m_socket.is_open()) {
         std::size_t count;
-        const int failed = net::send(m_socket, out.data(), out.size(), &count);
-        if (failed == net::would_block)
+        const int failed = sockets::send(m_socket, out.data(), out.size(), &count);
+        if (failed == sockets::would_block)
             return true;
         if (failed != 0)
             return false;

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "debug_frames.h"
-#include "net.h"
 #include "qor/qor.h"
+#include "sockets.h"
 #include "tls_channel.h"
 
 #include <atomic>
@@ -37,7 +37,7 @@ public:
         uint16 port = 0;
     };
 
-    link(peer_name peer, net::socket connected, SSL_CTX* context);
+    link(peer_name peer, sockets::socket connected, SSL_CTX* context);
     link(const link&) = delete;
     link& operator=(const link&) = delete;
     ~link() {
@@ -66,7 +66,7 @@ public:
     bool was_closed(); // it is lost because the other side ended it
 
     // In a forked child a link of the parent has no thread, and its locks may never be released: it must be left alone.
-    bool is_of_parent() const noexcept { return m_forks != net::fork_count(); }
+    bool is_of_parent() const noexcept { return m_forks != sockets::fork_count(); }
 
     void set_logged_in();
 
@@ -101,8 +101,8 @@ private:
 
     const peer_name m_peer;
     std::atomic<bool> m_is_proved = false;
-    net::socket m_socket;
-    net::waker m_waker;
+    sockets::socket m_socket;
+    sockets::waker m_waker;
     std::thread m_thread;
     unsigned m_forks;
 

@@ -1,7 +1,9 @@
 #include "debug_listener.h"
 
+#include "common/guarded.h"
+#include "common/system_reason.h"
 #include "debug_service.h"
-#include "net.h"
+#include "sockets.h"
 
 #include <algorithm>
 #include <charconv>
@@ -9,7 +11,7 @@
 
 namespace {
 
-constexpr char source[] = "qorcore/modules/openssl/debug_listener";
+constexpr char source[] = "qorcore/modules/openssl/channel/debug_listener";
 
 struct listening_address {
     std::vector<std::string> hosts; // one that is named, or this host's own two
@@ -44,14 +46,14 @@ bool cannot_listen(const char* address, const std::string& reason) noexcept {
 
 // All of them, on one port. Not 0: the system's code; an address that this host lacks is none to fail for, unless it
 // lacks them all.
-int listen_at_all(std::vector<qor::net::endpoint> places, std::vector<qor::net::socket>& out) {
+int listen_at_all(std::vector<qor::sockets::endpoint> places, std::vector<qor::sockets::socket>& out) {
     int missing = 0;
-    for (qor::net::endpoint& each : places) {
+    for (qor::sockets::endpoint& each : places) {
         if (each.port() == 0 && !out.empty())
-            each.set_port(qor::net::local_end(out.front()).port());
-        qor::net::socket made;
-        const int failed = qor::net::listen_at(each, made);
-        if (qor::net::is_not_here(failed))
+            each.set_port(qor::sockets::local_end(out.front()).port());
+        qor::sockets::socket made;
+        const int failed = qor::sockets::listen_at(each, made);
+        if (qor::sockets::is_not_here(failed))
             missing = failed;
         else if (failed != 0)
             return failed;
@@ -62,12 +64,12 @@ int listen_at_all(std::vector<qor::net::endpoint> places, std::vector<qor::net::
 }
 
 // The system chooses a free port for the first address; that it is free for the others is likely, no more.
-int listen_with_patience(const std::vector<qor::net::endpoint>& places, std::vector<qor::net::socket>& out) {
+int listen_with_retries(const std::vector<qor::sockets::endpoint>& places, std::vector<qor::sockets::socket>& out) {
     int failed = 0;
     for (int i = 0; i < 16; ++i) {
         out.clear();
         failed = listen_at_all(places, out);
-        if (failed != qor::net::in_use || places.front().port() != 0)
+        if (failed != qor::sockets::in_use || places.front().port() != 0)
             break;
     }
     return failed;
@@ -79,19 +81,13 @@ public:
 
     ~debug_listener() override {
         // In a forked child the thread does not exist and its locks may be held for ever: all of it stays as it is.
-        if (m_forks == qor::net::fork_count())
+        if (m_forks == qor::sockets::fork_count())
             delete m_service;
     }
 
     bool Listen(const char* address, const char* users, uint16* port) noexcept override {
-        try {
-            return listen(address, users, port);
-        } catch (const std::bad_alloc&) {
-            qorSetLastError(qorError_out_of_memory);
-            return false;
-        } catch (const std::system_error& failed) {
-            return cannot_listen(address, failed.code().message());
-        }
+        return qor::modules::guarded([&] { return listen(address, users, port); },
+                                     [&](const std::string& reason) { return cannot_listen(address, reason); });
     }
 
 private:
@@ -109,20 +105,20 @@ private:
         qor::control::tls_context context = qor::control::make_server_context(key.get());
         if (context == nullptr)
             return false;
-        std::vector<qor::net::endpoint> places;
+        std::vector<qor::sockets::endpoint> places;
         std::string reason;
         for (const std::string& host : wanted.hosts)
-            if (qor::net::resolve(host.c_str(), wanted.port, true, places, reason) != 0 && wanted.hosts.size() == 1)
+            if (qor::sockets::resolve(host.c_str(), wanted.port, true, places, reason) != 0 && wanted.hosts.size() == 1)
                 return cannot_listen(address, reason);
-        std::vector<qor::net::socket> sockets;
-        if (const int failed = listen_with_patience(places, sockets))
-            return cannot_listen(address, qor::net::reason_of(failed));
-        const uint16 chosen = qor::net::local_end(sockets.front()).port();
+        std::vector<qor::sockets::socket> sockets;
+        if (const int failed = listen_with_retries(places, sockets))
+            return cannot_listen(address, qor::modules::system_reason(failed));
+        const uint16 chosen = qor::sockets::local_end(sockets.front()).port();
         auto made =
             std::make_unique<qor::control::service>(std::move(context), std::move(users_of_file), std::move(sockets));
         made->start();
         m_service = made.release();
-        m_forks = qor::net::fork_count();
+        m_forks = qor::sockets::fork_count();
         if (port != nullptr)
             *port = chosen;
         return true;
@@ -135,11 +131,5 @@ private:
 } // namespace
 
 bool create_debug_listener(IQORDebugListener** out) noexcept {
-    try {
-        *out = new (source, __LINE__) debug_listener;
-        return true;
-    } catch (const std::bad_alloc&) {
-        qorSetLastError(qorError_out_of_memory);
-        return false;
-    }
+    return qor::modules::make<debug_listener>(source, __LINE__, out);
 }

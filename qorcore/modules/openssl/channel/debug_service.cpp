@@ -1,5 +1,7 @@
 #include "debug_service.h"
 
+#include "common/system_reason.h"
+
 #include <algorithm>
 
 namespace {
@@ -15,7 +17,7 @@ constexpr int at_a_time = 64;
 
 } // namespace
 
-qor::control::service::service(tls_context context, accounts users, std::vector<net::socket> listeners)
+qor::control::service::service(tls_context context, accounts users, std::vector<sockets::socket> listeners)
     : m_trace(qorDebugAllocateCode("system.debug-control")), m_context(std::move(context)),
       m_accounts(std::move(users)), m_host{m_context.get(), m_gate, m_accounts, m_trace},
       m_listeners(std::move(listeners)) {}
@@ -28,13 +30,13 @@ qor::control::service::~service() {
 }
 
 void qor::control::service::start() {
-    for (const net::socket& each : m_listeners)
-        qorDebug(m_trace, "listening on %s", net::local_end(each).text().c_str());
-    m_thread = net::start_thread([this] { run(); });
+    for (const sockets::socket& each : m_listeners)
+        qorDebug(m_trace, "listening on %s", sockets::local_end(each).text().c_str());
+    m_thread = sockets::start_thread([this] { run(); });
 }
 
 void qor::control::service::run() {
-    std::vector<net::watched> watched;
+    std::vector<sockets::watched> watched;
     bool is_whole = true;
     while (!m_ending && is_whole)
         is_whole = turn(watched);
@@ -48,7 +50,7 @@ void qor::control::service::run() {
         qorDebug(m_trace, "this process has closed the sockets of its listener: nobody listens any more");
 }
 
-bool qor::control::service::turn(std::vector<net::watched>& watched) {
+bool qor::control::service::turn(std::vector<sockets::watched>& watched) {
     if (!wait(std::chrono::steady_clock::now(), watched))
         return false;
     const moment now = std::chrono::steady_clock::now();
@@ -76,24 +78,24 @@ int qor::control::service::time_to_wait(moment now) const noexcept {
     return static_cast<int>(std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(next - now).count()));
 }
 
-bool qor::control::service::wait(moment now, std::vector<net::watched>& watched) {
+bool qor::control::service::wait(moment now, std::vector<sockets::watched>& watched) {
     watched.clear();
     watched.push_back({&m_waker.receiver(), true, false});
-    for (const net::socket& each : m_listeners)
+    for (const sockets::socket& each : m_listeners)
         watched.push_back({&each, now >= m_accept_again, false});
     for (connection& each : m_connections)
         watched.push_back({&each.socket, !each.talk.is_over(), !each.talk.outgoing().empty()});
-    return net::wait(watched, time_to_wait(now));
+    return sockets::wait(watched, time_to_wait(now));
 }
 
-void qor::control::service::accept_some(const net::socket& listener, moment now) {
+void qor::control::service::accept_some(const sockets::socket& listener, moment now) {
     for (int i = 0; i < at_a_time; ++i) {
         try {
-            net::socket made;
-            net::endpoint from;
-            if (const int failed = net::accept_from(listener, made, from)) {
+            sockets::socket made;
+            sockets::endpoint from;
+            if (const int failed = sockets::accept_from(listener, made, from)) {
                 // Most likely the host's descriptors are used up; it gets no busier by us.
-                if (failed != net::would_block)
+                if (failed != sockets::would_block)
                     m_accept_again = now + 1s;
                 return;
             }
@@ -104,8 +106,8 @@ void qor::control::service::accept_some(const net::socket& listener, moment now)
     }
 }
 
-void qor::control::service::let_in(net::socket made, const net::endpoint& from, moment now) {
-    const net::source source = net::source_of(from, net::local_end(made));
+void qor::control::service::let_in(sockets::socket made, const sockets::endpoint& from, moment now) {
+    const sockets::source source = sockets::source_of(from, sockets::local_end(made));
     gate::place loser;
     const gate::place place = m_gate.enter(source.key, now, loser);
     if (place == 0) {
@@ -144,11 +146,11 @@ bool qor::control::service::serve(connection& of, bool ready, moment now) {
 bool qor::control::service::receive(connection& of, moment now) {
     char bytes[4096]; // so much at a time that what many small records mean needs no more room than a long one
     std::size_t count;
-    const int failed = net::receive(of.socket, bytes, sizeof bytes, &count);
-    if (failed == net::would_block)
+    const int failed = sockets::receive(of.socket, bytes, sizeof bytes, &count);
+    if (failed == sockets::would_block)
         return true;
     if (failed != 0 || count == 0) {
-        of.talk.lost(failed != 0 ? net::reason_of(failed).c_str() : "it closed the connection");
+        of.talk.lost(failed != 0 ? modules::system_reason(failed).c_str() : "it closed the connection");
         return false;
     }
     of.talk.receive({bytes, count}, now);
@@ -160,8 +162,8 @@ bool qor::control::service::flush(connection& of) {
     std::string& out = of.talk.outgoing();
     while (!out.empty()) {
         std::size_t count;
-        const int failed = net::send(of.socket, out.data(), out.size(), &count);
-        if (failed == net::would_block)
+        const int failed = sockets::send(of.socket, out.data(), out.size(), &count);
+        if (failed == sockets::would_block)
             return true;
         if (failed != 0)
             return false;

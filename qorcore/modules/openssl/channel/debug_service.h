@@ -4,7 +4,7 @@
 #include "debug_gate.h"
 #include "debug_session.h"
 #include "login/accounts.h"
-#include "net.h"
+#include "sockets.h"
 #include "tls_channel.h"
 
 #include <atomic>
@@ -17,7 +17,7 @@ namespace qor::control {
 
 class service {
 public:
-    service(tls_context context, accounts users, std::vector<net::socket> listeners);
+    service(tls_context context, accounts users, std::vector<sockets::socket> listeners);
     service(const service&) = delete;
     service& operator=(const service&) = delete;
     ~service(); // ends the thread and all connections; waits for it
@@ -26,20 +26,20 @@ public:
 
 private:
     struct connection {
-        connection(net::socket taken, const session_host& host, net::source from, gate::place place, moment now)
+        connection(sockets::socket taken, const session_host& host, sockets::source from, gate::place place, moment now)
             : socket(std::move(taken)), talk(host, std::move(from), place, now) {}
 
-        net::socket socket;
+        sockets::socket socket;
         session talk;
         moment close_at{}; // for one that is over
     };
 
     void run();
-    bool turn(std::vector<net::watched>& watched); // one round; false: the process has closed sockets of ours
+    bool turn(std::vector<sockets::watched>& watched); // one round; false: the process has closed sockets of ours
     int time_to_wait(moment now) const noexcept;
-    bool wait(moment now, std::vector<net::watched>& watched);
-    void accept_some(const net::socket& listener, moment now);
-    void let_in(net::socket made, const net::endpoint& from, moment now);
+    bool wait(moment now, std::vector<sockets::watched>& watched);
+    void accept_some(const sockets::socket& listener, moment now);
+    void let_in(sockets::socket made, const sockets::endpoint& from, moment now);
     bool serve(connection& of, bool ready, moment now);
     bool receive(connection& of, moment now);
     bool flush(connection& of);
@@ -49,8 +49,8 @@ private:
     accounts m_accounts;
     gate m_gate;
     session_host m_host;
-    std::vector<net::socket> m_listeners;
-    net::waker m_waker;
+    std::vector<sockets::socket> m_listeners;
+    sockets::waker m_waker;
     std::list<connection> m_connections;
     moment m_accept_again{}; // the host has no descriptors left
     moment m_forget_at{};

@@ -50,7 +50,7 @@ std::string qor::control::quoted(std::string_view text) {
     return text.size() > longest_user_name ? out + '+' + std::to_string(text.size() - longest_user_name) : out;
 }
 
-qor::control::session::session(const session_host& host, net::source peer, gate::place place, moment now)
+qor::control::session::session(const session_host& host, sockets::source peer, gate::place place, moment now)
     : m_host(host), m_peer(std::move(peer)), m_place(place), m_channel(host.context, tls_channel::side::server),
       m_begun(now), m_heard(now), m_sent(now) {
     m_channel.set_record_limit(tls_channel::longest_hello);

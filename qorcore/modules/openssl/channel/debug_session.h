@@ -5,7 +5,7 @@
 #include "debug_frames.h"
 #include "debug_gate.h"
 #include "login/scram_server.h"
-#include "net_source.h"
+#include "peer_source.h"
 #include "qor/qor.h"
 #include "tls_channel.h"
 
@@ -33,7 +33,7 @@ public:
     static constexpr std::size_t queue_limit = 256 * 1024;
 
     // The gate has given it a place.
-    session(const session_host& host, net::source peer, gate::place place, moment now);
+    session(const session_host& host, sockets::source peer, gate::place place, moment now);
     session(const session&) = delete;
     session& operator=(const session&) = delete;
     ~session();
@@ -72,7 +72,7 @@ private:
     void leave_gate();
 
     const session_host& m_host;
-    net::source m_peer;
+    sockets::source m_peer;
     gate::place m_place;
     tls_channel m_channel;
     frame_reader m_frames;

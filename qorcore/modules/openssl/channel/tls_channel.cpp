@@ -295,15 +295,3 @@ qor::control::key_fingerprint qor::control::tls_channel::peer_key() const {
         throw no_memory();
     return fingerprint_of(key);
 }
-
-qor::control::key_fingerprint qor::control::fingerprint_of(EVP_PKEY* key) {
-    unsigned char* der = nullptr;
-    const int size = i2d_PUBKEY(key, &der);
-    key_fingerprint print{};
-    const bool made =
-        size > 0 && EVP_Digest(der, static_cast<std::size_t>(size), print.data(), nullptr, EVP_sha256(), nullptr) == 1;
-    OPENSSL_free(der);
-    if (!made)
-        throw no_memory();
-    return print;
-}

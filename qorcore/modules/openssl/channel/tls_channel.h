@@ -2,8 +2,9 @@
 // them.
 #pragma once
 
-#include "openssl_support.h"
+#include "login/server_key.h"
 #include "qor/system/Types.h"
+#include "support/openssl_support.h"
 
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
@@ -19,7 +20,6 @@ using crypto::key_pointer;
 using crypto::openssl_freer;
 using crypto::openssl_reason;
 using tls_context = std::unique_ptr<SSL_CTX, openssl_freer>;
-using key_fingerprint = std::array<uint8, 32>; // SHA-256 of the DER form of the public key
 
 // Null: the last error says why. TLS 1.3 and the protocol's name, no tickets, no resumption, no early data.
 tls_context make_client_context() noexcept;
@@ -87,8 +87,5 @@ private:
     std::string m_partial; // of a record
     std::size_t m_record_limit = longest_record;
 };
-
-// Of a public key.
-key_fingerprint fingerprint_of(EVP_PKEY* key);
 
 } // namespace qor::control

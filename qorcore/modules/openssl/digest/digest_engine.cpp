@@ -1,10 +1,11 @@
 #include "digest_engine.h"
 
-#include "openssl_support.h"
+#include "common/guarded.h"
+#include "support/openssl_support.h"
 
 namespace {
 
-constexpr char source[] = "qorcore/modules/openssl/digest_engine";
+constexpr char source[] = "qorcore/modules/openssl/digest/digest_engine";
 
 using qor::crypto::failed;
 using digest_pointer = std::unique_ptr<EVP_MD, qor::crypto::openssl_freer>;
@@ -33,14 +34,11 @@ public:
         unsigned size = 0;
         if (EVP_DigestFinal_ex(message.get(), digest, &size) != 1)
             return failed("EVP_DigestFinal_ex");
-        try {
+        return qor::modules::guarded([&] {
             out.Empty();
             out.Append(digest, size);
             return true;
-        } catch (const std::bad_alloc&) {
-            qorSetLastError(qorError_out_of_memory);
-            return false;
-        }
+        });
     }
 
 private:
@@ -57,13 +55,11 @@ bool create_digest_engine(const char* algorithm, IQORDigestEngine** out) noexcep
     context_pointer context(EVP_MD_CTX_new());
     if (context == nullptr)
         return failed("EVP_MD_CTX_new");
-    zetSmartPointer<digest_engine> engine;
-    try {
-        engine.AttachNew(new (source, __LINE__) digest_engine(std::move(digest), std::move(context)));
-    } catch (const std::bad_alloc&) {
-        qorSetLastError(qorError_out_of_memory);
+    digest_engine* made = nullptr;
+    if (!qor::modules::make<digest_engine>(source, __LINE__, &made, std::move(digest), std::move(context)))
         return false;
-    }
+    zetSmartPointer<digest_engine> engine;
+    engine.AttachNew(made);
     if (!engine->Reset())
         return false;
     *out = engine.Detach();

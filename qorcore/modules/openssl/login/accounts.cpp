@@ -165,7 +165,7 @@ bool qor::control::accounts::load() {
         m_accounts = {};
     m_looks = m_accounts.looks();
     if (m_looks.empty())
-        m_looks[{crypto::usual_iterations, crypto::usual_salt_size}] = 1;
+        m_looks[{crypto::default_iterations, crypto::default_salt_size}] = 1;
     return done;
 }
 

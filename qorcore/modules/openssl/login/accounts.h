@@ -3,8 +3,8 @@
 // shows.
 #pragma once
 
-#include "openssl_support.h"
-#include "verifier.h"
+#include "password/verifier.h"
+#include "support/openssl_support.h"
 
 #include <map>
 #include <string>

@@ -1,8 +1,9 @@
 // Accounts of debug control: reading, changing and writing their file.
+#include "debug_users.h"
+
 #include "accounts.h"
-#include "guarded.h"
+#include "common/guarded.h"
 #include "known_hosts.h"
-#include "password/passwords.h"
 #include "private_file.h"
 #include "server_key.h"
 
@@ -10,11 +11,11 @@
 
 namespace {
 
-constexpr char source[] = "qorcore/modules/openssl/debug_users";
+constexpr char source[] = "qorcore/modules/openssl/login/debug_users";
 
 using qor::control::account_list;
 using qor::control::find_accounts;
-using qor::crypto::guarded;
+using qor::modules::guarded;
 
 bool is_usable(const char* name, const char* password) {
     if (!qor::control::is_user_name(name)) {
@@ -142,8 +143,5 @@ public:
 } // namespace
 
 bool create_debug_users(IQORDebugUsers** out) noexcept {
-    return guarded([&] {
-        *out = new (source, __LINE__) debug_users;
-        return true;
-    });
+    return qor::modules::make<debug_users>(source, __LINE__, out);
 }

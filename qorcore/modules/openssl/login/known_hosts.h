@@ -3,7 +3,7 @@
 // '#' are left as they are.
 #pragma once
 
-#include "channel/tls_channel.h"
+#include "server_key.h"
 
 #include <optional>
 #include <string>

@@ -1,5 +1,6 @@
 #include "private_file.h"
 
+#include "common/system_reason.h"
 #include "qor/glue/regular_file_posix.h"
 
 #include <cerrno>
@@ -35,7 +36,7 @@ private:
 };
 
 bool failed(std::string& reason) {
-    reason = std::generic_category().message(errno);
+    reason = qor::modules::system_reason(errno);
     return false;
 }
 

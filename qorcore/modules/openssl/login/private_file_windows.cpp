@@ -2,11 +2,12 @@
 // that runs this process, and nobody else.
 #include "private_file.h"
 
-#include "channel/net.h"
+#include "common/system_reason.h"
 
 #include <chrono>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 #include <vector>
 #include <windows.h>
 
@@ -44,7 +45,7 @@ struct local_freer {
 };
 
 bool failed(std::string& reason, DWORD code = GetLastError()) {
-    reason = qor::net::reason_of(static_cast<int>(code));
+    reason = qor::modules::system_reason(static_cast<int>(code));
     return false;
 }
 

@@ -1,7 +1,7 @@
 #include "scram_client.h"
 
+#include "password/verifier.h"
 #include "scram_message.h"
-#include "verifier.h"
 
 qor::control::scram_client::scram_client(std::string_view name, std::string_view password, const binding_data& binding)
     : m_name(escaped_name(name)), m_password(password), m_binding(binding_attribute(crypto::bytes_of(binding))) {}

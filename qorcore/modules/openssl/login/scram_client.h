@@ -2,7 +2,7 @@
 // moves them.
 #pragma once
 
-#include "primitives.h"
+#include "support/primitives.h"
 
 #include <array>
 #include <string>

@@ -2,7 +2,7 @@
 // tls-exporter (RFC 9266). Nothing else is spoken: no other binding, none at all, no acting for another user.
 #pragma once
 
-#include "primitives.h"
+#include "support/primitives.h"
 
 #include <string>
 #include <string_view>

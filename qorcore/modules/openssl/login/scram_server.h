@@ -3,7 +3,7 @@
 #pragma once
 
 #include "accounts.h"
-#include "verifier.h"
+#include "password/verifier.h"
 
 #include <array>
 #include <string>

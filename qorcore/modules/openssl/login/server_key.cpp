@@ -6,6 +6,8 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <new>
+
 namespace {
 
 using qor::crypto::bio_pointer;
@@ -96,4 +98,16 @@ bool qor::control::secret_of_key(EVP_PKEY* key, std::string_view purpose, crypto
         crypto::hmac_sha256({reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(size)}, purpose, out);
     OPENSSL_clear_free(bytes, static_cast<std::size_t>(size));
     return made;
+}
+
+qor::control::key_fingerprint qor::control::fingerprint_of(EVP_PKEY* key) {
+    unsigned char* der = nullptr;
+    const int size = i2d_PUBKEY(key, &der);
+    key_fingerprint print{};
+    const bool made =
+        size > 0 && EVP_Digest(der, static_cast<std::size_t>(size), print.data(), nullptr, EVP_sha256(), nullptr) == 1;
+    OPENSSL_free(der);
+    if (!made)
+        throw std::bad_alloc();
+    return print;
 }

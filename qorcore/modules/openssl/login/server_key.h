@@ -1,13 +1,18 @@
 // Inside the module qor-openssl: the key by which a listener of debug control is known.
 #pragma once
 
-#include "openssl_support.h"
-#include "primitives.h"
+#include "support/openssl_support.h"
+#include "support/primitives.h"
 
 #include <string>
 #include <string_view>
 
 namespace qor::control {
+
+using key_fingerprint = crypto::digest; // SHA-256 of the DER form of the public key
+
+// Throws std::bad_alloc.
+key_fingerprint fingerprint_of(EVP_PKEY* key);
 
 // The key beside a file of accounts, in "<accounts>.key": a private key of the curve P-256, PEM, its owner's alone. It
 // is made where there is none, and never changed. False: the last error says why.

@@ -1,11 +1,11 @@
 #include "passwords.h"
 
-#include "guarded.h"
-#include "login/verifier.h"
+#include "common/guarded.h"
+#include "password/verifier.h"
 
 namespace {
 
-constexpr char source[] = "qorcore/modules/openssl/passwords";
+constexpr char source[] = "qorcore/modules/openssl/password/passwords";
 
 namespace crypto = qor::crypto;
 
@@ -23,7 +23,7 @@ public:
     passwords() noexcept : object("qorcore.openssl.passwords", "IQORPasswords") {}
 
     bool CreateHash(const char* password, const char* earlier, qorString& hash) noexcept override {
-        return crypto::guarded([&] {
+        return qor::modules::guarded([&] {
             crypto::verifier made;
             if (!crypto::is_password(password))
                 return false;
@@ -43,7 +43,7 @@ public:
     }
 
     bool Verify(const char* password, const char* hash) noexcept override {
-        return crypto::guarded([&] {
+        return qor::modules::guarded([&] {
             crypto::verifier stored;
             if (!crypto::parse_verifier(hash, stored))
                 return cannot_use_hash();
@@ -69,9 +69,4 @@ public:
 
 } // namespace
 
-bool create_passwords(IQORPasswords** out) noexcept {
-    return crypto::guarded([&] {
-        *out = new (source, __LINE__) passwords;
-        return true;
-    });
-}
+bool create_passwords(IQORPasswords** out) noexcept { return qor::modules::make<passwords>(source, __LINE__, out); }

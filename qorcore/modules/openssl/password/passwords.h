@@ -1,4 +1,4 @@
-// Inside the module qor-openssl: the operations of Password.h and DebugUsers.h.
+// Inside the module qor-openssl: the operations of Password.h.
 #pragma once
 
 #include "qor/glue/passwords.h"
@@ -6,4 +6,3 @@
 
 // False: the last error says why.
 bool create_passwords(IQORPasswords** out) noexcept;
-bool create_debug_users(IQORDebugUsers** out) noexcept;

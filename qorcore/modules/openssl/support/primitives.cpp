@@ -1,6 +1,6 @@
-#include "primitives.h"
+#include "support/primitives.h"
 
-#include "openssl_support.h"
+#include "support/openssl_support.h"
 
 #include <openssl/crypto.h>
 #include <openssl/hmac.h>

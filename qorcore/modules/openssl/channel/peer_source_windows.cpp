@@ -1,4 +1,4 @@
-#include "net_source.h"
+#include "peer_source.h"
 
 #include <winsock2.h> // before the three below
 #include <ws2tcpip.h>
@@ -12,7 +12,7 @@
 
 namespace {
 
-using qor::net::endpoint;
+using qor::sockets::endpoint;
 
 struct closer {
     void operator()(HANDLE handle) const noexcept { CloseHandle(handle); }
@@ -54,7 +54,7 @@ DWORD process_in(ULONG family, const endpoint& from, const endpoint& here) {
 } // namespace
 
 // Other users' processes may be closed to this one: who they are is not known then.
-bool qor::net::owner_of(const endpoint& from, const endpoint& here, std::string& user) {
+bool qor::sockets::owner_of(const endpoint& from, const endpoint& here, std::string& user) {
     if (!from.is_loopback())
         return false;
     const DWORD number = from.is_ipv6() ? process_in<MIB_TCP6TABLE_OWNER_PID>(AF_INET6, from, here)

@@ -1,4 +1,4 @@
-#include "net.h"
+#include "sockets.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,31 +8,31 @@ namespace {
 // An IPv4 address in its other form counts as what it is.
 constexpr unsigned char mapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
 
-bool is_mapped(const qor::net::endpoint& address) noexcept {
-    return std::equal(mapped, mapped + sizeof mapped, address.bytes + qor::net::endpoint::ipv6_at);
+bool is_mapped(const qor::sockets::endpoint& address) noexcept {
+    return std::equal(mapped, mapped + sizeof mapped, address.bytes + qor::sockets::endpoint::ipv6_at);
 }
 
 } // namespace
 
 // An address lies in memory as every system of ours has it, which net_posix.cpp and net_windows.cpp check: the family,
 // the port, and then an IPv4 address, or four bytes further an IPv6 one.
-qor::net::endpoint::endpoint(const void* address, std::size_t length) noexcept
+qor::sockets::endpoint::endpoint(const void* address, std::size_t length) noexcept
     : size(static_cast<unsigned>(std::min(length, sizeof bytes))) {
     std::memcpy(bytes, address, size);
 }
 
-uint16 qor::net::endpoint::port() const noexcept {
+uint16 qor::sockets::endpoint::port() const noexcept {
     return static_cast<uint16>(bytes[port_at] << 8 | bytes[port_at + 1]);
 }
 
-void qor::net::endpoint::set_port(uint16 port) noexcept {
+void qor::sockets::endpoint::set_port(uint16 port) noexcept {
     bytes[port_at] = static_cast<unsigned char>(port >> 8);
     bytes[port_at + 1] = static_cast<unsigned char>(port);
 }
 
-std::string qor::net::endpoint::text() const { return host() + " port " + std::to_string(port()); }
+std::string qor::sockets::endpoint::text() const { return host() + " port " + std::to_string(port()); }
 
-std::string qor::net::endpoint::neighbour() const {
+std::string qor::sockets::endpoint::neighbour() const {
     const auto text_of = [this](std::size_t at, std::size_t count) {
         return std::string(reinterpret_cast<const char*>(bytes) + at, count);
     };
@@ -42,7 +42,7 @@ std::string qor::net::endpoint::neighbour() const {
 }
 
 // 127.0.0.0/8 and ::1.
-bool qor::net::endpoint::is_loopback() const noexcept {
+bool qor::sockets::endpoint::is_loopback() const noexcept {
     if (!is_ipv6())
         return bytes[ipv4_at] == 127;
     if (is_mapped(*this))
@@ -51,12 +51,12 @@ bool qor::net::endpoint::is_loopback() const noexcept {
     return std::equal(loopback, loopback + sizeof loopback, bytes + ipv6_at);
 }
 
-void qor::net::waker::wake() noexcept {
+void qor::sockets::waker::wake() noexcept {
     std::size_t count;
     (void)send(m_sender.is_open() ? m_sender : m_receiver, "", 1, &count);
 }
 
-void qor::net::waker::take() noexcept {
+void qor::sockets::waker::take() noexcept {
     char bytes[16];
     for (std::size_t count = 1; count != 0 && receive(m_receiver, bytes, sizeof bytes, &count) == 0;)
         ;

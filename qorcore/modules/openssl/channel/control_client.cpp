@@ -1,5 +1,7 @@
-#include "debug_control.h"
+#include "control_client.h"
 
+#include "common/guarded.h"
+#include "common/system_reason.h"
 #include "debug_link.h"
 #include "login/accounts.h"
 #include "login/known_hosts.h"
@@ -16,20 +18,20 @@ namespace {
 using qor::control::frame;
 using qor::control::frame_type;
 
-constexpr char source[] = "qorcore/modules/openssl/debug_control";
+constexpr char source[] = "qorcore/modules/openssl/channel/control_client";
 
 constexpr int connect_time = 10'000; // milliseconds for each address
 constexpr auto request_time = 20s;
 // A listener may let a login wait until its neighbour has been quiet for a minute.
 constexpr auto login_time = 130s;
 
-class debug_control final : public qor::object<IQORDebugControl2> {
+class control_client final : public qor::object<IQORDebugControl2> {
 public:
-    debug_control(qor::control::tls_context context, const char* known_hosts)
+    control_client(qor::control::tls_context context, const char* known_hosts)
         : object("qorcore.openssl.debug_control", "IQORDebugControl2", "IQORDebugControl"),
           m_context(std::move(context)), m_known_hosts(known_hosts) {}
 
-    ~debug_control() override { leave(); }
+    ~control_client() override { leave(); }
 
     bool Connect(const char* host, uint16 port) noexcept override {
         return guarded([&] {
@@ -138,14 +140,10 @@ private:
 
     template <class ACTION>
     bool guarded(ACTION action) const noexcept {
-        try {
-            return action();
-        } catch (const std::bad_alloc&) {
-            qorSetLastError(qorError_out_of_memory);
-        } catch (const std::system_error& failed) {
-            qorSetLastError(qorError_system, "IQORDebugControl", failed.code().message().c_str());
-        }
-        return false;
+        return qor::modules::guarded(action, [](const std::string& reason) {
+            qorSetLastError(qorError_system, "IQORDebugControl", reason.c_str());
+            return false;
+        });
     }
 
     static bool not_connected() noexcept {
@@ -211,16 +209,16 @@ private:
             qorSetLastError(qorError_no_port, "0");
             return false;
         }
-        std::vector<qor::net::endpoint> places;
+        std::vector<qor::sockets::endpoint> places;
         std::string reason;
-        qor::net::socket made;
+        qor::sockets::socket made;
         const std::string port = std::to_string(to.port);
-        if (qor::net::resolve(to.host.c_str(), to.port, false, places, reason) == 0)
-            for (const qor::net::endpoint& each : places) {
-                const int failed = qor::net::connect_to(each, connect_time, made);
+        if (qor::sockets::resolve(to.host.c_str(), to.port, false, places, reason) == 0)
+            for (const qor::sockets::endpoint& each : places) {
+                const int failed = qor::sockets::connect_to(each, connect_time, made);
                 if (failed == 0)
                     break;
-                reason = qor::net::reason_of(failed);
+                reason = qor::modules::system_reason(failed);
             }
         if (!made.is_open()) {
             qorSetLastError(qorError_debug_cannot_connect, to.host.c_str(), port.c_str(), reason.c_str());
@@ -344,11 +342,5 @@ bool create_debug_control(const char* known_hosts, IQORDebugControl** out) noexc
     qor::control::tls_context context = qor::control::make_client_context();
     if (context == nullptr)
         return false;
-    try {
-        *out = new (source, __LINE__) debug_control(std::move(context), known_hosts);
-        return true;
-    } catch (const std::bad_alloc&) {
-        qorSetLastError(qorError_out_of_memory);
-        return false;
-    }
+    return qor::modules::make<control_client>(source, __LINE__, out, std::move(context), known_hosts);
 }

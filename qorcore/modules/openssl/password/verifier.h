@@ -5,7 +5,7 @@
 // with the last three in base64. It serves to check a password, and to log its owner in without sending it.
 #pragma once
 
-#include "primitives.h"
+#include "support/primitives.h"
 
 #include <string>
 #include <string_view>
@@ -14,9 +14,9 @@ namespace qor::crypto {
 
 // Fewer are guessed too fast; with more, a peer could keep this process busy for long.
 inline constexpr uint32 fewest_iterations = 4096;
-inline constexpr uint32 usual_iterations = 600000;
+inline constexpr uint32 default_iterations = 600000;
 inline constexpr uint32 most_iterations = 2000000;
-inline constexpr std::size_t usual_salt_size = 16;
+inline constexpr std::size_t default_salt_size = 16;
 
 struct verifier {
     uint32 iterations = 0;

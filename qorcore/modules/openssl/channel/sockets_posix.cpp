@@ -1,5 +1,6 @@
-#include "net.h"
+#include "sockets.h"
 
+#include "common/system_reason.h"
 #include "qor/system/Memory.h"
 
 #include <algorithm>
@@ -22,7 +23,7 @@
 
 namespace {
 
-using qor::net::endpoint;
+using qor::sockets::endpoint;
 
 static_assert(offsetof(sockaddr_in, sin_port) == endpoint::port_at &&
               offsetof(sockaddr_in6, sin6_port) == endpoint::port_at &&
@@ -52,7 +53,7 @@ void after_fork_in_parent();
 void after_fork_in_child();
 
 // Takes no memory: destructors ask for it, too.
-register_of_sockets& sockets() noexcept {
+register_of_sockets& open_sockets() noexcept {
     alignas(register_of_sockets) static std::byte place[sizeof(register_of_sockets)];
     static register_of_sockets* const made = [] {
         pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
@@ -61,29 +62,29 @@ register_of_sockets& sockets() noexcept {
     return *made;
 }
 
-void before_fork() { sockets().lock.lock(); }
-void after_fork_in_parent() { sockets().lock.unlock(); }
+void before_fork() { open_sockets().lock.lock(); }
+void after_fork_in_parent() { open_sockets().lock.unlock(); }
 
 // A connection that the child kept would outlive the parent's end of it.
 void after_fork_in_child() {
-    for (const auto& each : sockets().open)
+    for (const auto& each : open_sockets().open)
         if (identity_of(each.handle) == each.identity)
             close(each.handle);
-    sockets().open.clear();
-    ++sockets().forks;
-    sockets().lock.unlock();
+    open_sockets().open.clear();
+    ++open_sockets().forks;
+    open_sockets().lock.unlock();
 }
 
 const sockaddr* address_of(const endpoint& of) noexcept { return reinterpret_cast<const sockaddr*>(of.bytes); }
 sockaddr* address_of(endpoint& of) noexcept { return reinterpret_cast<sockaddr*>(of.bytes); }
 int family_of(const endpoint& of) noexcept { return address_of(of)->sa_family; }
-int handle_of(const qor::net::socket& of) noexcept { return static_cast<int>(of.handle()); }
+int handle_of(const qor::sockets::socket& of) noexcept { return static_cast<int>(of.handle()); }
 
-int make(const endpoint& for_what, qor::net::socket& out) {
+int make(const endpoint& for_what, qor::sockets::socket& out) {
     const int made = socket(family_of(for_what), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (made < 0)
         return errno;
-    out = qor::net::socket(made);
+    out = qor::sockets::socket(made);
     const int on = 1;
     // Small frames are answers that somebody waits for.
     setsockopt(made, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -92,55 +93,54 @@ int make(const endpoint& for_what, qor::net::socket& out) {
 
 } // namespace
 
-const int qor::net::would_block = EAGAIN;
-const int qor::net::timed_out = ETIMEDOUT;
-const int qor::net::in_use = EADDRINUSE;
+const int qor::sockets::would_block = EAGAIN;
+const int qor::sockets::timed_out = ETIMEDOUT;
+const int qor::sockets::in_use = EADDRINUSE;
 
-bool qor::net::is_not_here(int code) noexcept { return code == EADDRNOTAVAIL || code == EAFNOSUPPORT; }
+bool qor::sockets::is_not_here(int code) noexcept { return code == EADDRNOTAVAIL || code == EAFNOSUPPORT; }
 
-std::string qor::net::reason_of(int code) { return std::generic_category().message(code); }
-
-unsigned qor::net::fork_count() noexcept { return sockets().forks; }
+unsigned qor::sockets::fork_count() noexcept { return open_sockets().forks; }
 
 // As it is an object before its body, its destructor closes the handle where there is no memory for the entry.
-qor::net::socket::socket(std::intptr_t handle) : socket() {
+qor::sockets::socket::socket(std::intptr_t handle) : socket() {
     m_handle = handle;
     m_identity = identity_of(handle);
-    const std::lock_guard hold(sockets().lock);
-    m_forks = sockets().forks;
-    sockets().open.push_back({static_cast<int>(handle), m_identity});
+    const std::lock_guard hold(open_sockets().lock);
+    m_forks = open_sockets().forks;
+    open_sockets().open.push_back({static_cast<int>(handle), m_identity});
 }
 
-bool qor::net::socket::is_ours() const noexcept {
+bool qor::sockets::socket::is_ours() const noexcept {
     // Closed by a fork, or by the host; the number may be somebody else's by now.
-    return is_open() && m_forks == sockets().forks && m_identity != 0 && identity_of(m_handle) == m_identity;
+    return is_open() && m_forks == open_sockets().forks && m_identity != 0 && identity_of(m_handle) == m_identity;
 }
 
-qor::net::socket::~socket() {
+qor::sockets::socket::~socket() {
     if (!is_open())
         return;
-    const std::lock_guard hold(sockets().lock);
-    if (m_forks == sockets().forks)
-        std::erase_if(sockets().open, [this](const auto& each) { return each.identity == m_identity; });
+    const std::lock_guard hold(open_sockets().lock);
+    if (m_forks == open_sockets().forks)
+        std::erase_if(open_sockets().open, [this](const auto& each) { return each.identity == m_identity; });
     if (is_ours())
         close(static_cast<int>(m_handle));
 }
 
-bool qor::net::endpoint::is_ipv6() const noexcept { return family_of(*this) == AF_INET6; }
+bool qor::sockets::endpoint::is_ipv6() const noexcept { return family_of(*this) == AF_INET6; }
 
-std::string qor::net::endpoint::host() const {
+std::string qor::sockets::endpoint::host() const {
     char text[NI_MAXHOST] = "?";
     (void)getnameinfo(address_of(*this), size, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
     return text;
 }
 
-int qor::net::resolve(const char* host, uint16 port, bool to_listen, std::vector<endpoint>& out, std::string& reason) {
+int qor::sockets::resolve(const char* host, uint16 port, bool to_listen, std::vector<endpoint>& out,
+                          std::string& reason) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV | (to_listen ? AI_PASSIVE : 0);
     addrinfo* found = nullptr;
     if (const int failed = getaddrinfo(host, std::to_string(port).c_str(), &hints, &found)) {
-        reason = failed == EAI_SYSTEM ? reason_of(errno) : gai_strerror(failed);
+        reason = failed == EAI_SYSTEM ? modules::system_reason(errno) : gai_strerror(failed);
         return failed;
     }
     for (const addrinfo* each = found; each != nullptr; each = each->ai_next)
@@ -149,7 +149,7 @@ int qor::net::resolve(const char* host, uint16 port, bool to_listen, std::vector
     return 0;
 }
 
-int qor::net::listen_at(const endpoint& at, socket& out) {
+int qor::sockets::listen_at(const endpoint& at, socket& out) {
     socket made;
     if (const int failed = make(at, made))
         return failed;
@@ -163,7 +163,7 @@ int qor::net::listen_at(const endpoint& at, socket& out) {
     return 0;
 }
 
-qor::net::endpoint qor::net::local_end(const socket& of) noexcept {
+qor::sockets::endpoint qor::sockets::local_end(const socket& of) noexcept {
     endpoint at;
     socklen_t size = sizeof at.bytes;
     getsockname(handle_of(of), address_of(at), &size);
@@ -171,7 +171,7 @@ qor::net::endpoint qor::net::local_end(const socket& of) noexcept {
     return at;
 }
 
-int qor::net::accept_from(const socket& listener, socket& out, endpoint& from) {
+int qor::sockets::accept_from(const socket& listener, socket& out, endpoint& from) {
     if (!listener.is_ours())
         return EBADF;
     socklen_t size = sizeof from.bytes;
@@ -182,11 +182,11 @@ int qor::net::accept_from(const socket& listener, socket& out, endpoint& from) {
     out = socket(made);
     const int on = 1;
     setsockopt(made, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    setsockopt(made, SOL_SOCKET, SO_SNDBUF, &send_room, sizeof send_room);
+    setsockopt(made, SOL_SOCKET, SO_SNDBUF, &send_buffer_size, sizeof send_buffer_size);
     return 0;
 }
 
-int qor::net::connect_to(const endpoint& to, int milliseconds, socket& out) {
+int qor::sockets::connect_to(const endpoint& to, int milliseconds, socket& out) {
     socket made;
     if (const int failed = make(to, made))
         return failed;
@@ -208,7 +208,7 @@ int qor::net::connect_to(const endpoint& to, int milliseconds, socket& out) {
     return 0;
 }
 
-int qor::net::receive(const socket& from, char* bytes, std::size_t size, std::size_t* count) noexcept {
+int qor::sockets::receive(const socket& from, char* bytes, std::size_t size, std::size_t* count) noexcept {
     *count = 0;
     if (!from.is_ours())
         return EBADF;
@@ -217,7 +217,7 @@ int qor::net::receive(const socket& from, char* bytes, std::size_t size, std::si
     return got >= 0 ? 0 : errno == EINTR ? would_block : errno;
 }
 
-int qor::net::send(const socket& to, const char* bytes, std::size_t size, std::size_t* count) noexcept {
+int qor::sockets::send(const socket& to, const char* bytes, std::size_t size, std::size_t* count) noexcept {
     *count = 0;
     if (!to.is_ours())
         return EBADF;
@@ -226,7 +226,7 @@ int qor::net::send(const socket& to, const char* bytes, std::size_t size, std::s
     return sent >= 0 ? 0 : errno == EINTR ? would_block : errno;
 }
 
-bool qor::net::wait(std::span<watched> all, int milliseconds) {
+bool qor::sockets::wait(std::span<watched> all, int milliseconds) {
     std::vector<pollfd> list;
     for (const watched& each : all) {
         if (!each.what->is_ours())
@@ -247,7 +247,7 @@ bool qor::net::wait(std::span<watched> all, int milliseconds) {
     return std::all_of(all.begin(), all.end(), [](const watched& each) { return each.what->is_ours(); });
 }
 
-qor::net::waker::waker() {
+qor::sockets::waker::waker() {
     int ends[2];
     // The end of one of them, which nobody means, wakes the other one.
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0)
@@ -256,7 +256,7 @@ qor::net::waker::waker() {
     m_sender = socket(ends[1]);
 }
 
-std::thread qor::net::start_thread(std::function<void()> run) {
+std::thread qor::sockets::start_thread(std::function<void()> run) {
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);

@@ -12,10 +12,7 @@
 #include <utility>
 #include <vector>
 
-namespace qor::net {
-
-// What the system says of one of its codes.
-std::string reason_of(int code);
+namespace qor::sockets {
 
 // Counts the forks that led to this process: what is older than the last one, a thread or a socket, is the parent's.
 unsigned fork_count() noexcept;
@@ -78,7 +75,7 @@ int listen_at(const endpoint& at, socket& out);
 endpoint local_end(const socket& of) noexcept;
 
 // Bytes that the system keeps for a peer that does not read; it would keep megabytes.
-inline constexpr int send_room = 65536;
+inline constexpr int send_buffer_size = 65536;
 
 // would_block: nobody waits there.
 int accept_from(const socket& listener, socket& out, endpoint& from);
@@ -123,4 +120,4 @@ private:
 // std::system_error.
 std::thread start_thread(std::function<void()> run);
 
-} // namespace qor::net
+} // namespace qor::sockets

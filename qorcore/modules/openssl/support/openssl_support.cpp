@@ -1,6 +1,6 @@
-#include "openssl_support.h"
+#include "support/openssl_support.h"
 
-#include "qor/qor.h"
+#include "common/guarded.h"
 
 #include <openssl/err.h>
 
@@ -15,10 +15,8 @@ std::string qor::crypto::openssl_reason() {
 }
 
 bool qor::crypto::failed(const char* operation) noexcept {
-    try {
+    return modules::guarded([&] {
         qorSetLastError(qorError_crypto_failed, operation, openssl_reason().c_str());
-    } catch (const std::bad_alloc&) {
-        qorSetLastError(qorError_out_of_memory);
-    }
-    return false;
+        return false;
+    });
 }

@@ -1,5 +1,6 @@
-#include "net.h"
+#include "sockets.h"
 
+#include "common/system_reason.h"
 #include "qor/system/Memory.h"
 
 #include <winsock2.h> // before windows.h
@@ -12,7 +13,7 @@
 
 namespace {
 
-using qor::net::endpoint;
+using qor::sockets::endpoint;
 
 static_assert(offsetof(sockaddr_in, sin_port) == endpoint::port_at &&
               offsetof(sockaddr_in6, sin6_port) == endpoint::port_at &&
@@ -33,7 +34,7 @@ sockaddr* address_of(endpoint& of) noexcept { return reinterpret_cast<sockaddr*>
 int family_of(const endpoint& of) noexcept { return address_of(of)->sa_family; }
 int size_of(const endpoint& of) noexcept { return static_cast<int>(of.size); }
 
-SOCKET handle_of(const qor::net::socket& of) noexcept { return static_cast<SOCKET>(of.handle()); }
+SOCKET handle_of(const qor::sockets::socket& of) noexcept { return static_cast<SOCKET>(of.handle()); }
 
 // Never blocking, without delay, and no child's.
 void set_up(SOCKET made) noexcept {
@@ -44,18 +45,18 @@ void set_up(SOCKET made) noexcept {
     SetHandleInformation(reinterpret_cast<HANDLE>(made), HANDLE_FLAG_INHERIT, 0);
 }
 
-int make(int family, int type, int protocol, qor::net::socket& out) {
+int make(int family, int type, int protocol, qor::sockets::socket& out) {
     start();
     const SOCKET made =
         WSASocketW(family, type, protocol, nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
     if (made == INVALID_SOCKET)
         return WSAGetLastError();
     set_up(made);
-    out = qor::net::socket(static_cast<std::intptr_t>(made));
+    out = qor::sockets::socket(static_cast<std::intptr_t>(made));
     return 0;
 }
 
-int set_on(const qor::net::socket& of, int level, int option) noexcept {
+int set_on(const qor::sockets::socket& of, int level, int option) noexcept {
     const int on = 1;
     return setsockopt(handle_of(of), level, option, reinterpret_cast<const char*>(&on), sizeof on);
 }
@@ -64,54 +65,42 @@ int set_on(const qor::net::socket& of, int level, int option) noexcept {
 
 } // namespace
 
-const int qor::net::would_block = WSAEWOULDBLOCK;
-const int qor::net::timed_out = WSAETIMEDOUT;
-const int qor::net::in_use = WSAEADDRINUSE;
+const int qor::sockets::would_block = WSAEWOULDBLOCK;
+const int qor::sockets::timed_out = WSAETIMEDOUT;
+const int qor::sockets::in_use = WSAEADDRINUSE;
 
-bool qor::net::is_not_here(int code) noexcept { return code == WSAEADDRNOTAVAIL || code == WSAEAFNOSUPPORT; }
-
-std::string qor::net::reason_of(int code) {
-    wchar_t wide[512];
-    const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-                                        static_cast<DWORD>(code), 0, wide, std::size(wide), nullptr);
-    char text[3 * std::size(wide)];
-    const int size =
-        WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(length), text, sizeof text, nullptr, nullptr);
-    std::string reason(text, static_cast<std::size_t>(std::max(size, 0)));
-    // It comes as a sentence on a line of its own.
-    reason.erase(reason.find_last_not_of(" .\r\n") + 1);
-    return reason.empty() ? "error " + std::to_string(code) : reason;
-}
+bool qor::sockets::is_not_here(int code) noexcept { return code == WSAEADDRNOTAVAIL || code == WSAEAFNOSUPPORT; }
 
 // Nothing forks here.
-unsigned qor::net::fork_count() noexcept { return 0; }
+unsigned qor::sockets::fork_count() noexcept { return 0; }
 
-qor::net::socket::socket(std::intptr_t handle) : m_handle(handle) {}
+qor::sockets::socket::socket(std::intptr_t handle) : m_handle(handle) {}
 
 // Nobody closes handles that he does not know here.
-bool qor::net::socket::is_ours() const noexcept { return is_open(); }
+bool qor::sockets::socket::is_ours() const noexcept { return is_open(); }
 
-qor::net::socket::~socket() {
+qor::sockets::socket::~socket() {
     if (is_open())
         closesocket(handle_of(*this));
 }
 
-bool qor::net::endpoint::is_ipv6() const noexcept { return family_of(*this) == AF_INET6; }
+bool qor::sockets::endpoint::is_ipv6() const noexcept { return family_of(*this) == AF_INET6; }
 
-std::string qor::net::endpoint::host() const {
+std::string qor::sockets::endpoint::host() const {
     char text[NI_MAXHOST] = "?";
     (void)getnameinfo(address_of(*this), size_of(*this), text, sizeof text, nullptr, 0, NI_NUMERICHOST);
     return text;
 }
 
-int qor::net::resolve(const char* host, uint16 port, bool to_listen, std::vector<endpoint>& out, std::string& reason) {
+int qor::sockets::resolve(const char* host, uint16 port, bool to_listen, std::vector<endpoint>& out,
+                          std::string& reason) {
     start();
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = to_listen ? AI_PASSIVE : 0;
     addrinfo* found = nullptr;
     if (const int failed = getaddrinfo(host, std::to_string(port).c_str(), &hints, &found)) {
-        reason = reason_of(failed);
+        reason = modules::system_reason(failed);
         return failed;
     }
     for (const addrinfo* each = found; each != nullptr; each = each->ai_next)
@@ -120,7 +109,7 @@ int qor::net::resolve(const char* host, uint16 port, bool to_listen, std::vector
     return 0;
 }
 
-int qor::net::listen_at(const endpoint& at, socket& out) {
+int qor::sockets::listen_at(const endpoint& at, socket& out) {
     socket made;
     if (const int failed = make(family_of(at), SOCK_STREAM, IPPROTO_TCP, made))
         return failed;
@@ -134,7 +123,7 @@ int qor::net::listen_at(const endpoint& at, socket& out) {
     return 0;
 }
 
-qor::net::endpoint qor::net::local_end(const socket& of) noexcept {
+qor::sockets::endpoint qor::sockets::local_end(const socket& of) noexcept {
     endpoint at;
     int size = sizeof at.bytes;
     getsockname(handle_of(of), address_of(at), &size);
@@ -142,19 +131,19 @@ qor::net::endpoint qor::net::local_end(const socket& of) noexcept {
     return at;
 }
 
-int qor::net::accept_from(const socket& listener, socket& out, endpoint& from) {
+int qor::sockets::accept_from(const socket& listener, socket& out, endpoint& from) {
     int size = sizeof from.bytes;
     const SOCKET made = accept(handle_of(listener), address_of(from), &size);
     if (made == INVALID_SOCKET)
         return WSAGetLastError();
     set_up(made);
-    setsockopt(made, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<const char*>(&send_room), sizeof send_room);
+    setsockopt(made, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<const char*>(&send_buffer_size), sizeof send_buffer_size);
     from.size = static_cast<unsigned>(size);
     out = socket(static_cast<std::intptr_t>(made));
     return 0;
 }
 
-int qor::net::connect_to(const endpoint& to, int milliseconds, socket& out) {
+int qor::sockets::connect_to(const endpoint& to, int milliseconds, socket& out) {
     socket made;
     if (const int failed = make(family_of(to), SOCK_STREAM, IPPROTO_TCP, made))
         return failed;
@@ -180,19 +169,19 @@ int qor::net::connect_to(const endpoint& to, int milliseconds, socket& out) {
     return 0;
 }
 
-int qor::net::receive(const socket& from, char* bytes, std::size_t size, std::size_t* count) noexcept {
+int qor::sockets::receive(const socket& from, char* bytes, std::size_t size, std::size_t* count) noexcept {
     const int got = recv(handle_of(from), bytes, static_cast<int>(size), 0);
     *count = got > 0 ? static_cast<std::size_t>(got) : 0;
     return got >= 0 ? 0 : WSAGetLastError();
 }
 
-int qor::net::send(const socket& to, const char* bytes, std::size_t size, std::size_t* count) noexcept {
+int qor::sockets::send(const socket& to, const char* bytes, std::size_t size, std::size_t* count) noexcept {
     const int sent = ::send(handle_of(to), bytes, static_cast<int>(size), 0);
     *count = sent > 0 ? static_cast<std::size_t>(sent) : 0;
     return sent >= 0 ? 0 : WSAGetLastError();
 }
 
-bool qor::net::wait(std::span<watched> all, int milliseconds) {
+bool qor::sockets::wait(std::span<watched> all, int milliseconds) {
     std::vector<WSAPOLLFD> list;
     for (const watched& each : all)
         list.push_back({handle_of(*each.what),
@@ -205,7 +194,7 @@ bool qor::net::wait(std::span<watched> all, int milliseconds) {
 }
 
 // A datagram socket of this host that is connected to itself.
-qor::net::waker::waker() {
+qor::sockets::waker::waker() {
     endpoint at;
     auto* const address = reinterpret_cast<sockaddr_in*>(at.bytes);
     address->sin_family = AF_INET;
@@ -219,6 +208,6 @@ qor::net::waker::waker() {
         give_up();
 }
 
-std::thread qor::net::start_thread(std::function<void()> run) {
+std::thread qor::sockets::start_thread(std::function<void()> run) {
     return std::thread([run = std::move(run)] { or_end(run); });
 }

@@ -1,6 +1,6 @@
-#include "net_source_posix.h"
+#include "peer_source_posix.h"
 
-#include "net_source.h"
+#include "peer_source.h"
 
 #include <cstdio>
 #include <cstring>
@@ -14,8 +14,8 @@
 
 namespace {
 
-using qor::net::endpoint;
-using qor::net::owner_answer;
+using qor::sockets::endpoint;
+using qor::sockets::owner_answer;
 
 // Without its family: an IPv4 address has 4 bytes.
 std::size_t address_size(const endpoint& of) noexcept { return of.is_ipv6() ? 16 : 4; }
@@ -44,7 +44,7 @@ std::string listed(const endpoint& of, bool among_ipv6) {
 
 } // namespace
 
-owner_answer qor::net::owner_by_question(const endpoint& from, const endpoint& here, std::uint32_t& user) {
+owner_answer qor::sockets::owner_by_question(const endpoint& from, const endpoint& here, std::uint32_t& user) {
     struct {
         nlmsghdr head;
         inet_diag_req_v2 what;
@@ -68,8 +68,8 @@ owner_answer qor::net::owner_by_question(const endpoint& from, const endpoint& h
     // The answer is there when the question has been sent.
     alignas(nlmsghdr) char bytes[1024];
     std::size_t size;
-    if (net::send(to, reinterpret_cast<const char*>(&question), sizeof question, &size) != 0 ||
-        net::receive(to, bytes, sizeof bytes, &size) != 0 || size < sizeof(nlmsghdr))
+    if (sockets::send(to, reinterpret_cast<const char*>(&question), sizeof question, &size) != 0 ||
+        sockets::receive(to, bytes, sizeof bytes, &size) != 0 || size < sizeof(nlmsghdr))
         return owner_answer::cannot_ask;
     const auto& head = *reinterpret_cast<const nlmsghdr*>(bytes);
     if (head.nlmsg_type == NLMSG_ERROR && size >= NLMSG_LENGTH(sizeof(nlmsgerr)))
@@ -86,8 +86,8 @@ owner_answer qor::net::owner_by_question(const endpoint& from, const endpoint& h
     return owner_answer::found;
 }
 
-owner_answer qor::net::owner_by_list(const char* folder, const endpoint& from, const endpoint& here,
-                                     std::uint32_t& user) {
+owner_answer qor::sockets::owner_by_list(const char* folder, const endpoint& from, const endpoint& here,
+                                         std::uint32_t& user) {
     bool is_listed = false;
     for (const bool among_ipv6 : {false, true}) {
         if (from.is_ipv6() && !among_ipv6)
@@ -114,7 +114,7 @@ owner_answer qor::net::owner_by_list(const char* folder, const endpoint& from, c
     return is_listed ? owner_answer::nobody : owner_answer::cannot_ask;
 }
 
-bool qor::net::owner_of(const endpoint& from, const endpoint& here, std::string& user) {
+bool qor::sockets::owner_of(const endpoint& from, const endpoint& here, std::string& user) {
     std::uint32_t number = 0;
     owner_answer answer = owner_by_question(from, here, number);
     // The lists are long where there are many connections, and those of other hosts are in none.

@@ -1,8 +1,8 @@
-#include "net_source.h"
+#include "peer_source.h"
 
 #include <algorithm>
 
-qor::net::source qor::net::source_of(const endpoint& from, const endpoint& here) {
+qor::sockets::source qor::sockets::source_of(const endpoint& from, const endpoint& here) {
     source made{from.neighbour(), from.text()};
     // A part of it may be the name of a network interface.
     std::replace_if(

@@ -2,11 +2,11 @@
 // loopback addresses, so that an address says nothing there; the system knows whose a socket is.
 #pragma once
 
-#include "net.h"
+#include "sockets.h"
 
 #include <string>
 
-namespace qor::net {
+namespace qor::sockets {
 
 struct source {
     std::string key;  // equal for all that count as one
@@ -20,4 +20,4 @@ source source_of(const endpoint& from, const endpoint& here);
 // of another host, or nobody's any more, or the system does not tell.
 bool owner_of(const endpoint& from, const endpoint& here, std::string& user);
 
-} // namespace qor::net
+} // namespace qor::sockets

@@ -1,4 +1,4 @@
-#include "verifier.h"
+#include "password/verifier.h"
 
 #include "qor/qor.h"
 
@@ -80,8 +80,8 @@ bool qor::crypto::make_verifier(std::string_view password, uint32 iterations, st
 }
 
 bool qor::crypto::make_verifier(std::string_view password, verifier& out) {
-    char salt[usual_salt_size];
-    return random_bytes(salt, sizeof salt) && make_verifier(password, usual_iterations, {salt, sizeof salt}, out);
+    char salt[default_salt_size];
+    return random_bytes(salt, sizeof salt) && make_verifier(password, default_iterations, {salt, sizeof salt}, out);
 }
 
 bool qor::crypto::verify_password(std::string_view password, const verifier& value) {
