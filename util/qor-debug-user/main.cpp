@@ -1,6 +1,7 @@
 // qor-debug-user: who may log in to debug control.
 #include "entry.h"
 #include "finish_output.h"
+#include "message_names.h"
 #include "secret_input.h"
 #include "secret_string.h"
 
@@ -8,9 +9,10 @@
 #include <cstring>
 #include <string_view>
 
+namespace message = qor::messages::debug_user;
+
 namespace {
 
-constexpr char catalog[] = "qor-debug-user";
 constexpr int exit_unknown_option = 2;
 constexpr int exit_no_action = 10;
 constexpr int exit_unknown_action = 13;
@@ -36,11 +38,11 @@ int take_options(qorStringArray& args, settings& chosen) {
     while (qorNextOption(args, name, value)) {
         const bool is_file = name == "file";
         if (!is_file && !(name == "generate")) {
-            fputmsg(stderr, catalog, 16, name);
+            fputmsg(stderr, message::catalog, message::unknown_option, name);
             return exit_unknown_option;
         }
         if (value.IsEmpty() == is_file) {
-            fputmsg(stderr, catalog, 20, name, is_file ? "--file=FILE" : "--generate");
+            fputmsg(stderr, message::catalog, message::wrong_option_value, name, is_file ? "--file=FILE" : "--generate");
             return exit_unknown_option;
         }
         if (is_file)
@@ -54,10 +56,10 @@ int take_options(qorStringArray& args, settings& chosen) {
 // False: the user has been told.
 bool ask(uint32 prompt, const char* name, qorString& out) {
     qorString text;
-    text.Format(catalog, prompt, name);
+    text.Format(message::catalog, prompt, name);
     if (read_secret(text, out))
         return true;
-    fputmsg(stderr, catalog, 24, true);
+    fputmsg(stderr, message::catalog, message::no_password, true);
     return false;
 }
 
@@ -65,7 +67,7 @@ bool ask(uint32 prompt, const char* name, qorString& out) {
 bool get_password(const settings& chosen, const char* name, qorString& out) {
     if (chosen.generate)
         return qorGeneratePassword(out) || failed() == 0;
-    if (!ask(21, name, out))
+    if (!ask(message::password_prompt, name, out))
         return false;
     if (std::strlen(out) != out.Length()) {
         qorSetLastError(qorError_bad_password);
@@ -74,11 +76,11 @@ bool get_password(const settings& chosen, const char* name, qorString& out) {
     if (!input_is_terminal())
         return true;
     qorString again;
-    const bool asked = ask(22, name, again);
+    const bool asked = ask(message::repeat_prompt, name, again);
     const bool same = out == again;
     wipe_string(again);
     if (asked && !same)
-        fputmsg(stderr, catalog, 23, true);
+        fputmsg(stderr, message::catalog, message::passwords_differ, true);
     return asked && same;
 }
 
@@ -94,22 +96,22 @@ int set_password(const settings& chosen, const char* name, password_operation op
     }
     wipe_string(password);
     if (code == 0)
-        fputmsg(stderr, catalog, done, name);
+        fputmsg(stderr, message::catalog, done, name);
     return code;
 }
 
 int act_add(const settings& chosen, qorStringArray& words) {
-    return set_password(chosen, words[0], qorAddDebugUser, 25);
+    return set_password(chosen, words[0], qorAddDebugUser, message::account_added);
 }
 
 int act_password(const settings& chosen, qorStringArray& words) {
-    return set_password(chosen, words[0], qorChangeDebugUser, 26);
+    return set_password(chosen, words[0], qorChangeDebugUser, message::password_changed);
 }
 
 int act_remove(const settings& chosen, qorStringArray& words) {
     if (!qorRemoveDebugUser(chosen.file_or_null(), words[0]))
         return failed();
-    fputmsg(stderr, catalog, 27, words[0]);
+    fputmsg(stderr, message::catalog, message::account_removed, words[0]);
     return 0;
 }
 
@@ -126,12 +128,12 @@ int act_trust(const settings&, qorStringArray& words) {
     uint16 port = 0;
     const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), port);
     if (fault != std::errc() || end != text.data() + text.size() || port == 0) {
-        fputmsg(stderr, catalog, 32, words[1]);
+        fputmsg(stderr, message::catalog, message::bad_port, words[1]);
         return 1;
     }
     if (!qorTrustDebugListener(words[0], port, words[2]))
         return failed();
-    fputmsg(stderr, catalog, 33, words[0], words[1]);
+    fputmsg(stderr, message::catalog, message::listener_trusted, words[0], words[1]);
     return 0;
 }
 
@@ -156,18 +158,22 @@ struct action_row {
 };
 
 constexpr action_row actions[] = {
-    {"add", act_add, 1, 2, 3},     {"password", act_password, 1, 4, 5},         {"remove", act_remove, 1, 6, 7},
-    {"list", act_list, 0, 8, 9},   {"fingerprint", act_fingerprint, 0, 28, 29}, {"trust", act_trust, 3, 30, 31},
-    {"help", act_help, 0, 10, 11},
+    {"add", act_add, 1, message::add_syntax, message::add_description},
+    {"password", act_password, 1, message::password_syntax, message::password_description},
+    {"remove", act_remove, 1, message::remove_syntax, message::remove_description},
+    {"list", act_list, 0, message::list_syntax, message::list_description},
+    {"fingerprint", act_fingerprint, 0, message::fingerprint_syntax, message::fingerprint_description},
+    {"trust", act_trust, 3, message::trust_syntax, message::trust_description},
+    {"help", act_help, 0, message::help_syntax, message::help_description},
 };
 
 int act_help(const settings&, qorStringArray&) {
-    fputmsg(stdout, catalog, 1, true);
+    fputmsg(stdout, message::catalog, message::help_heading, true);
     for (const action_row& row : actions)
-        qorWriteHelpLine(stdout, catalog, row.syntax, row.description);
+        qorWriteHelpLine(stdout, message::catalog, row.syntax, row.description);
     std::fputc('\n', stdout);
-    qorWriteHelpLine(stdout, catalog, 12, 13);
-    qorWriteHelpLine(stdout, catalog, 14, 15);
+    qorWriteHelpLine(stdout, message::catalog, message::file_syntax, message::file_description);
+    qorWriteHelpLine(stdout, message::catalog, message::generate_syntax, message::generate_description);
     std::fputc('\n', stdout);
     qorWriteToolkitHelp(stdout);
     return 0;
@@ -178,7 +184,7 @@ int run(qorStringArray& args) {
     if (const int code = take_options(args, chosen))
         return code;
     if (args.IsEmpty()) {
-        fputmsg(stderr, catalog, 19, true);
+        fputmsg(stderr, message::catalog, message::no_action, true);
         return exit_no_action;
     }
     const qorString word(args[0]);
@@ -189,12 +195,12 @@ int run(qorStringArray& args) {
         if (const int code = take_options(args, chosen))
             return code;
         if (args.GetCount() != row.words) {
-            fputmsg(stderr, catalog, 18, word);
+            fputmsg(stderr, message::catalog, message::wrong_argument_count, word);
             return 1;
         }
         return row.handler(chosen, args);
     }
-    fputmsg(stderr, catalog, 17, word);
+    fputmsg(stderr, message::catalog, message::unknown_action, word);
     return exit_unknown_action;
 }
 

@@ -1,9 +1,12 @@
 #include "finish_output.h"
 
+#include "message_names.h"
 #include "qor/qor.h"
 
 #include <cerrno>
 #include <cstring>
+
+namespace framework = qor::messages::framework;
 
 int finish_output(int code) {
     errno = 0;
@@ -12,8 +15,8 @@ int finish_output(int code) {
     if (flushed && std::ferror(stdout) == 0)
         return code;
     if (reason != 0)
-        fputmsg(stderr, "qorcore", 1022, std::strerror(reason));
+        fputmsg(stderr, framework::catalog, framework::results_not_written_because, std::strerror(reason));
     else
-        fputmsg(stderr, "qorcore", 1023, true);
+        fputmsg(stderr, framework::catalog, framework::results_not_written, true);
     return code == 0 ? 1 : code;
 }

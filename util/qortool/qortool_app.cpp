@@ -1,13 +1,16 @@
 #include "qortool_app.h"
 
+#include "message_names.h"
+
 #include <cstring>
 #include <iterator>
+
+namespace message = qor::messages::tool;
 
 namespace {
 
 constexpr char source[] = "util/qortool/main";
 constexpr char main_function[] = "int qortool_app::Main(qorStringArray&)";
-constexpr char catalog[] = "qortool";
 constexpr char version[] = "3.35.21";
 
 // Exit codes of the shell itself; every other one is an action's.
@@ -24,7 +27,6 @@ struct qortool_app::option_row {
     uint32 description;
 };
 
-// A row without a handler is an action that this build does not have.
 struct qortool_app::action_row {
     const char* name;
     int (qortool_app::*handler)(qorStringArray& args);
@@ -33,29 +35,30 @@ struct qortool_app::action_row {
 };
 
 const qortool_app::option_row qortool_app::s_options[] = {
-    {"quiet", &qortool_app::opt_quiet, 8, 9},
+    {"quiet", &qortool_app::opt_quiet, message::quiet_syntax, message::quiet_description},
 };
 
 // The order is that of the search and of the help text.
 const qortool_app::action_row qortool_app::s_actions[] = {
-    {"help", &qortool_app::func_help, 2, 3},
-    {"sysinfo", &qortool_app::func_sysinfo, 56, 57},
-    {"netlist", &qortool_app::func_netlist, 12, 13},
-    {"pwcrypt", &qortool_app::func_pwcrypt, 23, 24},
-    {"ttyinfo", &qortool_app::func_ttyinfo, 25, 26},
-    {"list-serial", &qortool_app::func_list_serial, 54, 55},
-    {"md5sum", &qortool_app::func_md5sum, 27, 28},
-    {"lookup", &qortool_app::func_lookup, 29, 30},
-    {"userinfo", &qortool_app::func_userinfo, 59, 60},
-    {"timer-check", &qortool_app::func_timer_check, 44, 45},
-    {"simd-test", &qortool_app::func_simd_test, 51, 52},
-    {"dow", &qortool_app::func_dow, 31, 32},
-    {"debug-control", &qortool_app::func_debug_control, 34, 35},
-    {"mtrace", &qortool_app::func_mtrace, 78, 79},
-    {"memcheck", &qortool_app::func_memcheck, 83, 84},
-    {"tztest", &qortool_app::func_tztest, 80, 81},
-    {"path-list", &qortool_app::func_pathlist, 85, 86},
-    {"logon", &qortool_app::func_logon, 87, 88},
+    {"help", &qortool_app::func_help, message::help_syntax, message::help_description},
+    {"sysinfo", &qortool_app::func_sysinfo, message::sysinfo_syntax, message::sysinfo_description},
+    {"netlist", &qortool_app::func_netlist, message::netlist_syntax, message::netlist_description},
+    {"pwcrypt", &qortool_app::func_pwcrypt, message::pwcrypt_syntax, message::pwcrypt_description},
+    {"ttyinfo", &qortool_app::func_ttyinfo, message::ttyinfo_syntax, message::ttyinfo_description},
+    {"list-serial", &qortool_app::func_list_serial, message::list_serial_syntax, message::list_serial_description},
+    {"md5sum", &qortool_app::func_md5sum, message::md5sum_syntax, message::md5sum_description},
+    {"lookup", &qortool_app::func_lookup, message::lookup_syntax, message::lookup_description},
+    {"userinfo", &qortool_app::func_userinfo, message::userinfo_syntax, message::userinfo_description},
+    {"timer-check", &qortool_app::func_timer_check, message::timer_check_syntax, message::timer_check_description},
+    {"simd-test", &qortool_app::func_simd_test, message::simd_test_syntax, message::simd_test_description},
+    {"dow", &qortool_app::func_dow, message::dow_syntax, message::dow_description},
+    {"debug-control", &qortool_app::func_debug_control, message::debug_control_syntax,
+     message::debug_control_description},
+    {"mtrace", &qortool_app::func_mtrace, message::mtrace_syntax, message::mtrace_description},
+    {"memcheck", &qortool_app::func_memcheck, message::memcheck_syntax, message::memcheck_description},
+    {"tztest", &qortool_app::func_tztest, message::tztest_syntax, message::tztest_description},
+    {"path-list", &qortool_app::func_pathlist, message::path_list_syntax, message::path_list_description},
+    {"logon", &qortool_app::func_logon, message::logon_syntax, message::logon_description},
 };
 
 qortool_app::qortool_app() : qorComponent2("qorcore.qortool.qortool_app") {
@@ -92,9 +95,9 @@ int qortool_app::opt_quiet(const char*) {
 
 void qortool_app::print_banner() {
     qorString text;
-    if (text.LoadString(catalog, 1))
+    if (text.LoadString(message::catalog, message::banner))
         text.Put(stdout, true);
-    text.Format(catalog, 73, version);
+    text.Format(message::catalog, message::version, version);
     text.Put(stdout, true);
 }
 
@@ -105,7 +108,7 @@ int qortool_app::Main(qorStringArray& args) {
     while (qorNextOption(args, name, value)) {
         const int option = find_option(name);
         if (option < 0) {
-            fputmsg(stderr, catalog, 11, name);
+            fputmsg(stderr, message::catalog, message::unknown_option, name);
             return exit_unknown_option;
         }
         if (const int result = (this->*s_options[option].handler)(value))
@@ -115,7 +118,7 @@ int qortool_app::Main(qorStringArray& args) {
         print_banner();
     qorString temp;
     if (args.IsEmpty()) {
-        if (!temp.LoadString(catalog, 5))
+        if (!temp.LoadString(message::catalog, message::no_action))
             qorAssertFailed("temp.LoadString(\"qortool\", 5)", main_function, source, 167);
         temp.Put(stdout, true);
         return exit_no_action;
@@ -124,12 +127,12 @@ int qortool_app::Main(qorStringArray& args) {
     args.RemoveAt(0, 1);
     const int action = find_action(action_name);
     if (action < 0) {
-        fputmsg(stderr, catalog, 10, action_name);
+        fputmsg(stderr, message::catalog, message::unknown_action, action_name);
         return exit_unknown_action;
     }
     const int result = (this->*s_actions[action].handler)(args);
     if (result == 0 && !m_quiet) {
-        if (!temp.LoadString(catalog, 6))
+        if (!temp.LoadString(message::catalog, message::success))
             qorAssertFailed("temp.LoadString(\"qortool\", 6)", main_function, source, 192);
         temp.Put(stdout, true);
     }
@@ -139,14 +142,14 @@ int qortool_app::Main(qorStringArray& args) {
 // Returns 1 on purpose: a script that ends up in the help text has not done what it was written for.
 int qortool_app::func_help(qorStringArray&) {
     const qorDebugSeq trace(m_debug_code, "func_help");
-    fputmsg(stderr, catalog, 7, true);
+    fputmsg(stderr, message::catalog, message::help_heading, true);
     fixed_fprintf(stderr, "\n");
     for (const action_row& row : s_actions)
         if (row.syntax != 0)
-            qorWriteHelpLine(stderr, catalog, row.syntax, row.description);
+            qorWriteHelpLine(stderr, message::catalog, row.syntax, row.description);
     fixed_fprintf(stderr, "\n");
     for (const option_row& row : s_options)
-        qorWriteHelpLine(stderr, catalog, row.syntax, row.description);
+        qorWriteHelpLine(stderr, message::catalog, row.syntax, row.description);
     fixed_fprintf(stderr, "\n");
     qorWriteToolkitHelp(stderr);
     fixed_fprintf(stderr, "\n");

@@ -5,10 +5,12 @@
 #include "catalog/languages.h"
 #include "catalog/translations.h"
 #include "catalog/user_settings.h"
+#include "message_names.h"
 #include "platform/resources.h"
 
 namespace {
 
+namespace framework = qor::messages::framework;
 using qor::catalog::translations;
 using qor::catalog::user_setting;
 
@@ -55,7 +57,7 @@ bool qor::catalog::set_languages(std::string_view list, std::string& why) {
         return true;
     const std::string name(refused);
     const char* const inserts[max_inserts] = {name.c_str()};
-    why = expand(find("qorcore", name.empty() ? 1031 : 1030), inserts);
+    why = expand(find(framework::catalog, name.empty() ? framework::no_language : framework::bad_language_name), inserts);
     return false;
 }
 

@@ -1,9 +1,12 @@
 // md5sum: the digest of a file.
 #include "action_arguments.h"
+#include "message_names.h"
 #include "qortool_app.h"
 
 #include <algorithm>
 #include <memory>
+
+namespace framework = qor::messages::framework;
 
 namespace {
 
@@ -69,7 +72,7 @@ int qortool_app::func_md5sum(qorStringArray& args) {
     engine->GetDigest(digest);
     // An engine that could not do its work has left none, or part of one.
     if (digest.GetCount() != digest_size) {
-        fputmsg(stderr, "qorcore", 1024, args[0]);
+        fputmsg(stderr, framework::catalog, framework::digest_not_computed, args[0]);
         return 1;
     }
     if (!m_quiet)

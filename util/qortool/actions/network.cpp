@@ -1,16 +1,17 @@
 // netlist: the network interfaces of the host.
 #include "action_arguments.h"
+#include "message_names.h"
 #include "qortool_app.h"
 
-namespace {
+namespace message = qor::messages::tool;
 
-constexpr char catalog[] = "qortool";
+namespace {
 
 qorString hardware_address(IQORNetInterface* ni) {
     qorString text;
     uint8_Array bytes;
     if (!ni->GetHardwareAddress(bytes) || bytes.IsEmpty()) {
-        text.LoadString(catalog, 15);
+        text.LoadString(message::catalog, message::no_hardware_address);
         return text;
     }
     for (uint32 i = 0; i < bytes.GetCount(); ++i) {
@@ -33,34 +34,34 @@ void qortool_app::netlist_show_net(IQORNetInterface* ni) {
     const qorDebugSeq trace(m_debug_code, "netlist_show_net");
     qorString text;
     ni->GetName(text);
-    fputmsg(stdout, catalog, 16, text);
+    fputmsg(stdout, message::catalog, message::interface_name, text);
     ni->GetDescription(text);
-    fputmsg(stdout, catalog, 17, text);
+    fputmsg(stdout, message::catalog, message::interface_description, text);
     ni->GetDisplayName(text);
-    fputmsg(stdout, catalog, 22, text);
-    fputmsg(stdout, catalog, 18, hardware_address(ni));
+    fputmsg(stdout, message::catalog, message::interface_display_name, text);
+    fputmsg(stdout, message::catalog, message::hardware_address, hardware_address(ni));
     qorNetAddress4 ipv4{};
     for (uint32 i = 0; i < ni->GetIPv4Count(); ++i) {
         ni->GetIPv4Address(i, ipv4);
         qorAddressToString(ipv4.address, text);
-        fputmsg(stdout, catalog, 19, with_prefix(text, ipv4.prefix));
+        fputmsg(stdout, message::catalog, message::ipv4_address, with_prefix(text, ipv4.prefix));
     }
     if (ni->GetExtraIPv4Address(ipv4)) {
         qorAddressToString(ipv4.address, text);
-        fputmsg(stdout, catalog, 20, text);
+        fputmsg(stdout, message::catalog, message::default_gateway, text);
     }
     for (uint32 i = 0; i < ni->GetIPv6Count(); ++i) {
         qorNetAddress6 ipv6{};
         ni->GetIPv6Address(i, ipv6);
         qorAddressToString(ipv6.address, ipv6.scope, text);
-        fputmsg(stdout, catalog, 82, with_prefix(text, ipv6.prefix));
+        fputmsg(stdout, message::catalog, message::ipv6_address, with_prefix(text, ipv6.prefix));
     }
 }
 
 int qortool_app::func_netlist(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_netlist");
     if (!m_quiet)
-        fputmsg(stdout, catalog, 14, true);
+        fputmsg(stdout, message::catalog, message::interfaces_heading, true);
     if (!check_arguments(args, "netlist", 0))
         return 1;
     zetSmartPointer<IQORNetInterfaceList> list;
@@ -68,7 +69,7 @@ int qortool_app::func_netlist(qorStringArray& args) {
         qorString reason;
         qorGetLastError(reason);
         qorString text;
-        text.Format(catalog, 21, reason);
+        text.Format(message::catalog, message::interfaces_not_listed, reason);
         text.Put(stderr, true);
         return 1;
     }

@@ -1,13 +1,15 @@
 // simd-test: the framework's memory routines beside those of the C library.
+#include "message_names.h"
 #include "qortool_app.h"
 
 #include <array>
 #include <cstring>
 
+namespace message = qor::messages::tool;
+
 namespace {
 
 constexpr char source[] = "util/qortool/main";
-constexpr char catalog[] = "qortool";
 constexpr char action[] = "simd-test";
 
 constexpr uint64 buffer_size = 67'108'864;
@@ -75,15 +77,15 @@ void run(const timed_test& test, const buffers& buffer) {
 int qortool_app::func_simd_test(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_simd_test");
     if (!m_quiet)
-        fputmsg(stdout, catalog, 53, true);
+        fputmsg(stdout, message::catalog, message::simd_test_heading, true);
     qorString name;
     qorString value;
     if (qorNextOption(args, name, value)) {
-        fputmsg(stderr, catalog, 36, action, name);
+        fputmsg(stderr, message::catalog, message::unknown_action_option, action, name);
         return 1;
     }
     if (!args.IsEmpty()) {
-        fputmsg(stderr, catalog, 37, action);
+        fputmsg(stderr, message::catalog, message::wrong_argument_count, action);
         return 1;
     }
     qorGetTickCounter(); // the first reading may cost more than the others

@@ -1,9 +1,10 @@
 // sysinfo: a report on the host.
+#include "message_names.h"
 #include "qortool_app.h"
 
-namespace {
+namespace message = qor::messages::tool;
 
-constexpr char catalog[] = "qortool";
+namespace {
 
 double mebibytes(uint64 bytes) { return static_cast<double>(bytes) * 9.5367431640625e-07; }
 
@@ -11,19 +12,19 @@ double mebibytes(uint64 bytes) { return static_cast<double>(bytes) * 9.536743164
 
 int qortool_app::func_sysinfo(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_sysinfo");
-    fputmsg(stdout, catalog, 58, true);
+    fputmsg(stdout, message::catalog, message::sysinfo_heading, true);
     bool for_developers = false;
     qorString name;
     qorString value;
     while (qorNextOption(args, name, value)) {
         if (name.Compare("developer") != 0) {
-            fputmsg(stderr, catalog, 36, "sysinfo", name);
+            fputmsg(stderr, message::catalog, message::unknown_action_option, "sysinfo", name);
             return 1;
         }
         for_developers = true;
     }
     if (!args.IsEmpty()) {
-        fputmsg(stderr, catalog, 37, "sysinfo");
+        fputmsg(stderr, message::catalog, message::wrong_argument_count, "sysinfo");
         return 1;
     }
 

@@ -1,8 +1,11 @@
 // timer-check, dow, tztest: clocks, weekdays and local time.
 #include "action_arguments.h"
+#include "message_names.h"
 #include "qortool_app.h"
 
 #include <cstdlib>
+
+namespace message = qor::messages::tool;
 
 namespace {
 
@@ -41,7 +44,7 @@ int qortool_app::func_dow(qorStringArray& args) {
     qorTimeInfo date{};
     const int32 weekday = split_date(args[0], date) ? qorGetDayOfWeek(date) : -1;
     if (weekday < 0) {
-        fputmsg(stderr, "qortool", 33, true);
+        fputmsg(stderr, message::catalog, message::bad_date, true);
         return 1;
     }
     fixed_fprintf(stdout, "Day: %s\n", s_day_names[weekday]);
@@ -71,7 +74,7 @@ int qortool_app::func_tztest(qorStringArray&) {
 int qortool_app::func_timer_check(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_timer_check");
     if (!m_quiet)
-        fputmsg(stdout, "qortool", 46, true);
+        fputmsg(stdout, message::catalog, message::timer_check_heading, true);
     if (!check_arguments(args, "timer-check", 0))
         return 1;
     const uint64 start = qorGetTickCounter();

@@ -1,12 +1,13 @@
 // userinfo and logon: what the framework knows of a user account.
 #include "action_arguments.h"
+#include "message_names.h"
 #include "qortool_app.h"
 #include "user_report.h"
 #include "visible_arguments.h"
 
-namespace {
+namespace message = qor::messages::tool;
 
-constexpr char catalog[] = "qortool";
+namespace {
 
 int failed() {
     fputerr(stderr, true);
@@ -17,7 +18,7 @@ int failed() {
 
 int qortool_app::func_userinfo(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_userinfo");
-    fputmsg(stdout, catalog, 89, true);
+    fputmsg(stdout, message::catalog, message::user_heading, true);
     if (!check_arguments(args, "userinfo", 1))
         return 1;
     zetSmartPointer<IQORUserToken> token;
@@ -39,14 +40,14 @@ int qortool_app::func_logon(qorStringArray& args) {
     current.Empty();
     if (!check_arguments(args, "logon", 2))
         return 1;
-    fputmsg(stdout, catalog, 90, true);
+    fputmsg(stdout, message::catalog, message::logging_on, true);
     hide_argument(args[1]);
     zetSmartPointer<IQORUserToken> token;
     const bool done = qorLogonUser(args[0], args[1], token.Out());
     wipe_element(args, 1);
     if (!done)
         return failed();
-    fputmsg(stdout, catalog, 91, true);
+    fputmsg(stdout, message::catalog, message::logged_on, true);
     print_user_report(token);
     return 0;
 }

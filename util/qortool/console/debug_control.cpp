@@ -1,21 +1,24 @@
 #include "debug_control.h"
 
+#include "message_names.h"
 #include "secret_string.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+namespace framework = qor::messages::framework;
+namespace message = qor::messages::tool;
+
 namespace {
 
 constexpr char action[] = "debug-control";
-constexpr char catalog[] = "qortool";
 
 // For a command that takes `count` words. False: there is another number, and the user has been told.
 bool check_count(const qorStringArray& args, uint32 count) {
     if (args.GetCount() == count)
         return true;
-    fputmsg(stderr, catalog, 64, true);
+    fputmsg(stderr, message::catalog, message::wrong_command_arguments, true);
     return false;
 }
 
@@ -28,7 +31,7 @@ void tell(bool done) {
 void list_codes(qorStringArray& codes, uint32 heading) {
     codes.Sort(true);
     fixed_fprintf(stdout, "\n");
-    fputmsg(stdout, catalog, heading, true);
+    fputmsg(stdout, message::catalog, heading, true);
     fixed_fprintf(stdout, "\n");
     for (uint32 i = 0; i < codes.GetCount(); ++i)
         fixed_fprintf(stdout, "%s\n", codes[i]);
@@ -63,12 +66,12 @@ struct debug_control::command_row {
 
 // The order is that of the search and of the help text.
 const debug_control::command_row debug_control::s_commands[] = {
-    {"help", 49, &debug_control::cmd_help},
-    {"show-all", 66, &debug_control::cmd_show_all},
-    {"show-enabled", 67, &debug_control::cmd_show_enabled},
-    {"enable", 68, &debug_control::cmd_enable},
-    {"disable", 50, &debug_control::cmd_disable},
-    {"disable-all", 69, &debug_control::cmd_disable_all},
+    {"help", message::console_help, &debug_control::cmd_help},
+    {"show-all", message::console_show_all, &debug_control::cmd_show_all},
+    {"show-enabled", message::console_show_enabled, &debug_control::cmd_show_enabled},
+    {"enable", message::console_enable, &debug_control::cmd_enable},
+    {"disable", message::console_disable, &debug_control::cmd_disable},
+    {"disable-all", message::console_disable_all, &debug_control::cmd_disable_all},
 };
 
 debug_control::debug_control(bool quiet)
@@ -95,12 +98,12 @@ bool debug_control::check_words(qorStringArray& args) {
         if (name.Compare("xxx") == 0)
             continue;
         qorDebug(m_debug_code, "FAIL bad option");
-        fputmsg(stderr, catalog, 36, action, name);
+        fputmsg(stderr, message::catalog, message::unknown_action_option, action, name);
         return false;
     }
     if (args.GetCount() != 2) {
         qorDebug(m_debug_code, "FAIL wrong number of args");
-        fputmsg(stderr, catalog, 37, action);
+        fputmsg(stderr, message::catalog, message::wrong_argument_count, action);
         return false;
     }
     return true;
@@ -113,7 +116,8 @@ void debug_control::tell_unknown_key(const char* host, uint16 port) {
     bool is_known = true;
     if (m_control->QueryInterface("IQORDebugControl2", reinterpret_cast<void**>(control.Out())) == 1 &&
         control->GetListenerKey(fingerprint, is_known) && !is_known)
-        fputmsg(stderr, "qorcore", 1063, host, std::to_string(port).c_str(), fingerprint);
+        fputmsg(stderr, framework::catalog, framework::unknown_listener_key, host, std::to_string(port).c_str(),
+                fingerprint);
 }
 
 bool debug_control::present(const qorString& user, const qorString& password) {
@@ -149,7 +153,7 @@ bool debug_control::Execute(qorStringArray& args) {
         return false;
     create_IQORDebugControl(m_control.Out());
     if (!m_quiet)
-        fputmsg(stdout, catalog, 47, true);
+        fputmsg(stdout, message::catalog, message::connecting, true);
     // A number beyond 16 bits loses its upper ones.
     const auto port = static_cast<uint16>(std::atoi(args[1]));
     if (!m_control->Connect(args[0], port)) {
@@ -165,7 +169,7 @@ bool debug_control::Execute(qorStringArray& args) {
         return false;
     }
     if (!m_quiet)
-        fputmsg(stdout, catalog, 48, true);
+        fputmsg(stdout, message::catalog, message::logged_in, true);
     qorString line;
     while (ask("Debug> ", line))
         run(line);
@@ -177,7 +181,7 @@ void debug_control::run(qorString& line) {
     if (line.IsEmpty())
         return;
     if (has_zero_byte(line)) {
-        fputmsg(stderr, catalog, 63, true);
+        fputmsg(stderr, message::catalog, message::unknown_command, true);
         return;
     }
     qorStringArray args;
@@ -192,16 +196,16 @@ void debug_control::run(qorString& line) {
     for (const command_row& row : s_commands)
         if (command.Compare(row.name) == 0)
             return (this->*row.handler)(args);
-    fputmsg(stderr, catalog, 63, true);
+    fputmsg(stderr, message::catalog, message::unknown_command, true);
 }
 
 void debug_control::cmd_help(qorStringArray&) {
     const qorDebugSeq trace(m_debug_code, "cmd_help");
     fixed_fprintf(stdout, "\n");
-    fputmsg(stdout, catalog, 65, true);
+    fputmsg(stdout, message::catalog, message::commands_heading, true);
     fixed_fprintf(stdout, "\n");
     for (const command_row& row : s_commands)
-        fputmsg(stdout, catalog, row.help, true);
+        fputmsg(stdout, message::catalog, row.help, true);
     fixed_fprintf(stdout, "\n");
 }
 
@@ -211,7 +215,7 @@ void debug_control::cmd_show_all(qorStringArray& args) {
         return;
     qorStringArray codes;
     if (m_control->GetCodes(codes))
-        list_codes(codes, 70);
+        list_codes(codes, message::codes_heading);
     else
         fputerr(stderr, true);
 }
@@ -224,9 +228,9 @@ void debug_control::cmd_show_enabled(qorStringArray& args) {
     if (!m_control->GetEnabledCodes(codes))
         fputerr(stderr, true);
     else if (codes.IsEmpty())
-        fputmsg(stdout, catalog, 71, true);
+        fputmsg(stdout, message::catalog, message::no_code_is_on, true);
     else
-        list_codes(codes, 72);
+        list_codes(codes, message::enabled_codes_heading);
 }
 
 void debug_control::cmd_enable(qorStringArray& args) {
