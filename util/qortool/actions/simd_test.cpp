@@ -1,4 +1,5 @@
 // simd-test: the framework's memory routines beside those of the C library.
+#include "action_arguments.h"
 #include "message_names.h"
 #include "qortool_app.h"
 
@@ -10,7 +11,6 @@ namespace message = qor::messages::tool;
 namespace {
 
 constexpr char source[] = "util/qortool/main";
-constexpr char action[] = "simd-test";
 
 constexpr uint64 buffer_size = 67'108'864;
 constexpr uint32 calls = 1000;
@@ -78,16 +78,8 @@ int qortool_app::func_simd_test(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_simd_test");
     if (!m_quiet)
         fputmsg(stdout, message::catalog, message::simd_test_heading, true);
-    qorString name;
-    qorString value;
-    if (qorNextOption(args, name, value)) {
-        fputmsg(stderr, message::catalog, message::unknown_action_option, action, name);
+    if (!check_arguments(args, "simd-test", 0))
         return 1;
-    }
-    if (!args.IsEmpty()) {
-        fputmsg(stderr, message::catalog, message::wrong_argument_count, action);
-        return 1;
-    }
     qorGetTickCounter(); // the first reading may cost more than the others
     buffers buffer;
     for (char*& one : buffer.all)

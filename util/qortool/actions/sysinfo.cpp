@@ -1,4 +1,5 @@
 // sysinfo: a report on the host.
+#include "action_arguments.h"
 #include "message_names.h"
 #include "qortool_app.h"
 
@@ -13,20 +14,9 @@ double mebibytes(uint64 bytes) { return static_cast<double>(bytes) * 9.536743164
 int qortool_app::func_sysinfo(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_sysinfo");
     fputmsg(stdout, message::catalog, message::sysinfo_heading, true);
-    bool for_developers = false;
-    qorString name;
-    qorString value;
-    while (qorNextOption(args, name, value)) {
-        if (name.Compare("developer") != 0) {
-            fputmsg(stderr, message::catalog, message::unknown_action_option, "sysinfo", name);
-            return 1;
-        }
-        for_developers = true;
-    }
-    if (!args.IsEmpty()) {
-        fputmsg(stderr, message::catalog, message::wrong_argument_count, "sysinfo");
+    const action_arguments arguments(args, 0, "developer");
+    if (!arguments.accept("sysinfo"))
         return 1;
-    }
 
     zetSmartPointer<IQORSystemInfo> info;
     create_IQORSystemInfo(info.Out());
@@ -61,7 +51,7 @@ int qortool_app::func_sysinfo(qorStringArray& args) {
         fixed_fprintf(stdout, "%s\n", languages[i]);
     fixed_fprintf(stdout, "\n");
     fixed_fprintf(stdout, "Current timezone offset = %d\n", qorGetTimeZoneOffset());
-    if (for_developers) {
+    if (arguments.has_option()) {
         // The sizes on a 64-bit target, which the contract fixes.
         fixed_fprintf(stdout, "\n");
         fixed_fprintf(stdout, "sizeof(qorAtomic)        = %u\n", 4u);

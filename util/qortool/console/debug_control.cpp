@@ -1,5 +1,6 @@
 #include "debug_control.h"
 
+#include "action_arguments.h"
 #include "message_names.h"
 #include "secret_string.h"
 
@@ -11,8 +12,6 @@ namespace framework = qor::messages::framework;
 namespace message = qor::messages::tool;
 
 namespace {
-
-constexpr char action[] = "debug-control";
 
 // For a command that takes `count` words. False: there is another number, and the user has been told.
 bool check_count(const qorStringArray& args, uint32 count) {
@@ -90,23 +89,14 @@ void debug_control::debug_ConnectionLost() noexcept {
     std::_Exit(0);
 }
 
-bool debug_control::check_words(qorStringArray& args) {
-    qorString name;
-    qorString value;
-    while (qorNextOption(args, name, value)) {
-        // Scripts of old give it; it never did anything.
-        if (name.Compare("xxx") == 0)
-            continue;
+bool debug_control::check_arguments(qorStringArray& args) {
+    // "xxx" has no effect: old scripts give it.
+    const action_arguments arguments(args, 2, "xxx");
+    if (arguments.found() == action_arguments::fault::unknown_option)
         qorDebug(m_debug_code, "FAIL bad option");
-        fputmsg(stderr, message::catalog, message::unknown_action_option, action, name);
-        return false;
-    }
-    if (args.GetCount() != 2) {
+    else if (arguments.found() == action_arguments::fault::wrong_count)
         qorDebug(m_debug_code, "FAIL wrong number of args");
-        fputmsg(stderr, message::catalog, message::wrong_argument_count, action);
-        return false;
-    }
-    return true;
+    return arguments.accept("debug-control");
 }
 
 // On a first connection the user has only this to find out whom he is about to tell his password.
@@ -149,7 +139,7 @@ bool debug_control::log_in() {
 
 bool debug_control::Execute(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "Execute");
-    if (!check_words(args))
+    if (!check_arguments(args))
         return false;
     create_IQORDebugControl(m_control.Out());
     if (!m_quiet)

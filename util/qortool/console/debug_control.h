@@ -27,7 +27,7 @@ private:
     struct command_row;
     static const command_row s_commands[];
 
-    bool check_words(qorStringArray& args);
+    bool check_arguments(qorStringArray& args);
     void tell_unknown_key(const char* host, uint16 port);
     bool present(const qorString& user, const qorString& password);
     bool log_in();

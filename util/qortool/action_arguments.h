@@ -1,0 +1,29 @@
+// The check of an action's options and arguments.
+#pragma once
+
+#include "qor/qor.h"
+
+// For an action that takes `count` arguments and `option`, without a value, as its only option; null: it has no option.
+class action_arguments {
+public:
+    enum class fault { none, unknown_option, wrong_count };
+
+    // Removes the options from `args`, up to an unknown one.
+    action_arguments(qorStringArray& args, uint32 count, const char* option = nullptr);
+
+    fault found() const noexcept { return m_fault; }
+    bool has_option() const noexcept { return m_has_option; }
+
+    // Tells the user of the fault, on standard error. True: there is no fault.
+    bool accept(const char* action) const;
+
+private:
+    fault m_fault = fault::none;
+    bool m_has_option = false;
+    qorString m_unknown_option;
+};
+
+// The check of an action without options. False: the user has been told of the fault.
+inline bool check_arguments(qorStringArray& args, const char* action, uint32 count) {
+    return action_arguments(args, count).accept(action);
+}
