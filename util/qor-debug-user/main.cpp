@@ -1,4 +1,5 @@
 // qor-debug-user: who may log in to debug control.
+#include "command_table.h"
 #include "entry.h"
 #include "finish_output.h"
 #include "message_names.h"
@@ -12,10 +13,6 @@
 namespace message = qor::messages::debug_user;
 
 namespace {
-
-constexpr int exit_unknown_option = 2;
-constexpr int exit_no_action = 10;
-constexpr int exit_unknown_action = 13;
 
 struct settings {
     qorString file;
@@ -31,24 +28,42 @@ int failed() {
     return 1;
 }
 
-// 0, or the exit code of an option that there is not.
+struct option_row {
+    const char* name;
+    bool needs_value; // else it takes none
+    void (*handler)(settings& chosen, const qorString& value);
+    uint32 syntax;
+    uint32 description;
+};
+
+constexpr option_row options[] = {
+    {"file", true,
+     [](settings& chosen, const qorString& value) {
+         chosen.file = value;
+         chosen.has_file = true;
+     },
+     message::file_syntax, message::file_description},
+    {"generate", false, [](settings& chosen, const qorString&) { chosen.generate = true; }, message::generate_syntax,
+     message::generate_description},
+};
+
+// 0, or the exit code for an option that is unknown or wrong.
 int take_options(qorStringArray& args, settings& chosen) {
     qorString name;
     qorString value;
     while (qorNextOption(args, name, value)) {
-        const bool is_file = name == "file";
-        if (!is_file && !(name == "generate")) {
+        const option_row* const option = find_row(options, name);
+        if (option == nullptr) {
             fputmsg(stderr, message::catalog, message::unknown_option, name);
             return exit_unknown_option;
         }
-        if (value.IsEmpty() == is_file) {
-            fputmsg(stderr, message::catalog, message::wrong_option_value, name, is_file ? "--file=FILE" : "--generate");
+        if (value.IsEmpty() == option->needs_value) {
+            qorString syntax;
+            syntax.LoadString(message::catalog, option->syntax);
+            fputmsg(stderr, message::catalog, message::wrong_option_value, name, syntax);
             return exit_unknown_option;
         }
-        if (is_file)
-            chosen.file = value;
-        chosen.has_file |= is_file;
-        chosen.generate |= !is_file;
+        option->handler(chosen, value);
     }
     return 0;
 }
@@ -100,18 +115,18 @@ int set_password(const settings& chosen, const char* name, password_operation op
     return code;
 }
 
-int act_add(const settings& chosen, qorStringArray& words) {
-    return set_password(chosen, words[0], qorAddDebugUser, message::account_added);
+int act_add(const settings& chosen, qorStringArray& args) {
+    return set_password(chosen, args[0], qorAddDebugUser, message::account_added);
 }
 
-int act_password(const settings& chosen, qorStringArray& words) {
-    return set_password(chosen, words[0], qorChangeDebugUser, message::password_changed);
+int act_password(const settings& chosen, qorStringArray& args) {
+    return set_password(chosen, args[0], qorChangeDebugUser, message::password_changed);
 }
 
-int act_remove(const settings& chosen, qorStringArray& words) {
-    if (!qorRemoveDebugUser(chosen.file_or_null(), words[0]))
+int act_remove(const settings& chosen, qorStringArray& args) {
+    if (!qorRemoveDebugUser(chosen.file_or_null(), args[0]))
         return failed();
-    fputmsg(stderr, message::catalog, message::account_removed, words[0]);
+    fputmsg(stderr, message::catalog, message::account_removed, args[0]);
     return 0;
 }
 
@@ -123,17 +138,17 @@ int act_fingerprint(const settings& chosen, qorStringArray&) {
     return 0;
 }
 
-int act_trust(const settings&, qorStringArray& words) {
-    const std::string_view text = words[1];
+int act_trust(const settings&, qorStringArray& args) {
+    const std::string_view text = args[1];
     uint16 port = 0;
     const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), port);
     if (fault != std::errc() || end != text.data() + text.size() || port == 0) {
-        fputmsg(stderr, message::catalog, message::bad_port, words[1]);
+        fputmsg(stderr, message::catalog, message::bad_port, args[1]);
         return 1;
     }
-    if (!qorTrustDebugListener(words[0], port, words[2]))
+    if (!qorTrustDebugListener(args[0], port, args[2]))
         return failed();
-    fputmsg(stderr, message::catalog, message::listener_trusted, words[0], words[1]);
+    fputmsg(stderr, message::catalog, message::listener_trusted, args[0], args[1]);
     return 0;
 }
 
@@ -151,8 +166,8 @@ int act_help(const settings&, qorStringArray&);
 
 struct action_row {
     const char* name;
-    int (*handler)(const settings& chosen, qorStringArray& words);
-    uint32 words;
+    int (*handler)(const settings& chosen, qorStringArray& args);
+    uint32 count; // of arguments
     uint32 syntax;
     uint32 description;
 };
@@ -169,11 +184,9 @@ constexpr action_row actions[] = {
 
 int act_help(const settings&, qorStringArray&) {
     fputmsg(stdout, message::catalog, message::help_heading, true);
-    for (const action_row& row : actions)
-        qorWriteHelpLine(stdout, message::catalog, row.syntax, row.description);
+    write_help_lines(stdout, message::catalog, actions);
     std::fputc('\n', stdout);
-    qorWriteHelpLine(stdout, message::catalog, message::file_syntax, message::file_description);
-    qorWriteHelpLine(stdout, message::catalog, message::generate_syntax, message::generate_description);
+    write_help_lines(stdout, message::catalog, options);
     std::fputc('\n', stdout);
     qorWriteToolkitHelp(stdout);
     return 0;
@@ -189,19 +202,18 @@ int run(qorStringArray& args) {
     }
     const qorString word(args[0]);
     args.RemoveAt(0, 1);
-    for (const action_row& row : actions) {
-        if (!(word == row.name))
-            continue;
-        if (const int code = take_options(args, chosen))
-            return code;
-        if (args.GetCount() != row.words) {
-            fputmsg(stderr, message::catalog, message::wrong_argument_count, word);
-            return 1;
-        }
-        return row.handler(chosen, args);
+    const action_row* const action = find_row(actions, word);
+    if (action == nullptr) {
+        fputmsg(stderr, message::catalog, message::unknown_action, word);
+        return exit_unknown_action;
     }
-    fputmsg(stderr, message::catalog, message::unknown_action, word);
-    return exit_unknown_action;
+    if (const int code = take_options(args, chosen))
+        return code;
+    if (args.GetCount() != action->count) {
+        fputmsg(stderr, message::catalog, message::wrong_argument_count, word);
+        return 1;
+    }
+    return action->handler(chosen, args);
 }
 
 } // namespace

@@ -1,9 +1,7 @@
 #include "qortool_app.h"
 
+#include "command_table.h"
 #include "message_names.h"
-
-#include <cstring>
-#include <iterator>
 
 namespace message = qor::messages::tool;
 
@@ -12,11 +10,6 @@ namespace {
 constexpr char source[] = "util/qortool/main";
 constexpr char main_function[] = "int qortool_app::Main(qorStringArray&)";
 constexpr char version[] = "3.35.21";
-
-// Exit codes of the shell itself; every other one is an action's.
-constexpr int exit_unknown_option = 2;
-constexpr int exit_no_action = 10;
-constexpr int exit_unknown_action = 13;
 
 } // namespace
 
@@ -75,17 +68,13 @@ qortool_app::~qortool_app() {
 }
 
 int qortool_app::find_option(const char* name) {
-    for (std::size_t i = 0; i < std::size(s_options); ++i)
-        if (std::strcmp(s_options[i].name, name) == 0)
-            return static_cast<int>(i);
-    return -1;
+    const option_row* const found = find_row(s_options, name);
+    return found != nullptr ? static_cast<int>(found - s_options) : -1;
 }
 
 int qortool_app::find_action(const char* name) {
-    for (std::size_t i = 0; i < std::size(s_actions); ++i)
-        if (std::strcmp(s_actions[i].name, name) == 0)
-            return static_cast<int>(i);
-    return -1;
+    const action_row* const found = find_row(s_actions, name);
+    return found != nullptr ? static_cast<int>(found - s_actions) : -1;
 }
 
 int qortool_app::opt_quiet(const char*) {
@@ -144,12 +133,9 @@ int qortool_app::func_help(qorStringArray&) {
     const qorDebugSeq trace(m_debug_code, "func_help");
     fputmsg(stderr, message::catalog, message::help_heading, true);
     fixed_fprintf(stderr, "\n");
-    for (const action_row& row : s_actions)
-        if (row.syntax != 0)
-            qorWriteHelpLine(stderr, message::catalog, row.syntax, row.description);
+    write_help_lines(stderr, message::catalog, s_actions);
     fixed_fprintf(stderr, "\n");
-    for (const option_row& row : s_options)
-        qorWriteHelpLine(stderr, message::catalog, row.syntax, row.description);
+    write_help_lines(stderr, message::catalog, s_options);
     fixed_fprintf(stderr, "\n");
     qorWriteToolkitHelp(stderr);
     fixed_fprintf(stderr, "\n");

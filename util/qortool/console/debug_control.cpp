@@ -1,6 +1,7 @@
 #include "debug_control.h"
 
 #include "action_arguments.h"
+#include "command_table.h"
 #include "message_names.h"
 #include "secret_string.h"
 
@@ -183,10 +184,10 @@ void debug_control::run(qorString& line) {
         return;
     const qorString command(args[0]);
     args.RemoveAt(0, 1);
-    for (const command_row& row : s_commands)
-        if (command.Compare(row.name) == 0)
-            return (this->*row.handler)(args);
-    fputmsg(stderr, message::catalog, message::unknown_command, true);
+    if (const command_row* const row = find_row(s_commands, command))
+        (this->*row->handler)(args);
+    else
+        fputmsg(stderr, message::catalog, message::unknown_command, true);
 }
 
 void debug_control::cmd_help(qorStringArray&) {

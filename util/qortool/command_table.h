@@ -1,0 +1,28 @@
+// What both programs do with their tables of options, actions and commands, whose rows begin with a name.
+#pragma once
+
+#include "qor/qor.h"
+
+#include <cstring>
+
+// Exit codes of the dispatch itself; every other one is an action's.
+inline constexpr int exit_unknown_option = 2;
+inline constexpr int exit_no_action = 10;
+inline constexpr int exit_unknown_action = 13;
+
+// The first row of exactly this name; null if the table has no such row.
+template <class ROW, std::size_t COUNT>
+const ROW* find_row(const ROW (&table)[COUNT], const char* name) noexcept {
+    for (const ROW& row : table)
+        if (std::strcmp(row.name, name) == 0)
+            return &row;
+    return nullptr;
+}
+
+// A line of help for each row that has one.
+template <class ROW, std::size_t COUNT>
+void write_help_lines(std::FILE* stream, const char* catalog, const ROW (&table)[COUNT]) noexcept {
+    for (const ROW& row : table)
+        if (row.syntax != 0)
+            qorWriteHelpLine(stream, catalog, row.syntax, row.description);
+}
