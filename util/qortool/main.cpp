@@ -4,7 +4,7 @@
 #include "entry.h"
 #include "finish_output.h"
 #include "qortool_app.h"
-#include "visible_arguments.h"
+#include "secret_arguments.h"
 
 namespace {
 
@@ -13,7 +13,7 @@ constexpr char source[] = "util/qortool/main";
 } // namespace
 
 int run_tool(int argc, char* const* argv) {
-    keep_arguments(argc, argv);
+    remember_arguments(argc, argv);
     qorStringArray args;
     args.SetFromArgVec(argc, argv);
     if (!qorInitProcess("qortool", args, 0)) {

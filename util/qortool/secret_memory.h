@@ -1,4 +1,4 @@
-// The system's part of keeping a secret.
+// Overwriting secrets, which each system has its own way to do.
 #pragma once
 
 #include <cstddef>
@@ -6,5 +6,5 @@
 // Overwrites memory, even if nobody reads it afterwards.
 void wipe(void* memory, std::size_t size) noexcept;
 
-// Overwrites the command line that the system keeps apart from the words of main.
+// Overwrites the command line that the system keeps beside the arguments of main.
 void wipe_system_command_line() noexcept;

@@ -8,5 +8,5 @@ void wipe(void* memory, std::size_t size) noexcept {
         explicit_bzero(memory, size);
 }
 
-// The words of main are what the system shows.
+// The system shows the arguments of main themselves.
 void wipe_system_command_line() noexcept {}

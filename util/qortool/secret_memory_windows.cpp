@@ -5,8 +5,8 @@
 
 void wipe(void* memory, std::size_t size) noexcept { SecureZeroMemory(memory, size); }
 
-// Other processes read the first; the others are copies of it that the system and the C library made at the start.
-// Quotes make it hard to find a word in them, so they go as a whole.
+// Other processes read the first; the system and the C library made copies of it at the start. Quoting makes it hard
+// to find one argument in them, so all of the text goes.
 void wipe_system_command_line() noexcept {
     wchar_t* const line = GetCommandLineW();
     wipe(line, lstrlenW(line) * sizeof *line);

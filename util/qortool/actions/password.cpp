@@ -1,7 +1,7 @@
 // pwcrypt: the form in which the framework stores a password.
 #include "action_arguments.h"
 #include "qortool_app.h"
-#include "visible_arguments.h"
+#include "secret_arguments.h"
 
 int qortool_app::func_pwcrypt(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_pwcrypt");

@@ -3,7 +3,7 @@
 #include "message_names.h"
 #include "qortool_app.h"
 #include "user_report.h"
-#include "visible_arguments.h"
+#include "secret_arguments.h"
 
 namespace message = qor::messages::tool;
 
