@@ -1,6 +1,7 @@
 // qor-debug-user: who may log in to debug control.
 #include "command_table.h"
 #include "entry.h"
+#include "failure.h"
 #include "finish_output.h"
 #include "message_names.h"
 #include "secret_input.h"
@@ -22,11 +23,6 @@ struct settings {
     // Null: the one in the framework's configuration folder.
     const char* file_or_null() const { return has_file ? file.Text() : nullptr; }
 };
-
-int failed() {
-    fputerr(stderr, true);
-    return 1;
-}
 
 struct option_row {
     const char* name;
@@ -78,15 +74,21 @@ bool ask(uint32 prompt, const char* name, qorString& out) {
     return false;
 }
 
-// Typed twice, for it is not shown; a line of a pipe is what it is.
+// A password that is typed is not shown, so it is asked for twice. False: the user has been told.
 bool get_password(const settings& chosen, const char* name, qorString& out) {
-    if (chosen.generate)
-        return qorGeneratePassword(out) || failed() == 0;
+    if (chosen.generate) {
+        const bool done = qorGeneratePassword(out);
+        if (!done)
+            report_failure();
+        return done;
+    }
     if (!ask(message::password_prompt, name, out))
         return false;
+    // The framework takes passwords up to their first zero byte.
     if (std::strlen(out) != out.Length()) {
         qorSetLastError(qorError_bad_password);
-        return failed() == 0;
+        report_failure();
+        return false;
     }
     if (!input_is_terminal())
         return true;
@@ -105,7 +107,7 @@ int set_password(const settings& chosen, const char* name, password_operation op
     qorString password;
     int code = 1;
     if (get_password(chosen, name, password)) {
-        code = operation(chosen.file_or_null(), name, password) ? 0 : failed();
+        code = operation(chosen.file_or_null(), name, password) ? 0 : report_failure();
         if (code == 0 && chosen.generate)
             password.Put(stdout, true);
     }
@@ -125,7 +127,7 @@ int act_password(const settings& chosen, qorStringArray& args) {
 
 int act_remove(const settings& chosen, qorStringArray& args) {
     if (!qorRemoveDebugUser(chosen.file_or_null(), args[0]))
-        return failed();
+        return report_failure();
     fputmsg(stderr, message::catalog, message::account_removed, args[0]);
     return 0;
 }
@@ -133,7 +135,7 @@ int act_remove(const settings& chosen, qorStringArray& args) {
 int act_fingerprint(const settings& chosen, qorStringArray&) {
     qorString fingerprint;
     if (!qorGetDebugKeyFingerprint(chosen.file_or_null(), fingerprint))
-        return failed();
+        return report_failure();
     fingerprint.Put(stdout, true);
     return 0;
 }
@@ -147,7 +149,7 @@ int act_trust(const settings&, qorStringArray& args) {
         return 1;
     }
     if (!qorTrustDebugListener(args[0], port, args[2]))
-        return failed();
+        return report_failure();
     fputmsg(stderr, message::catalog, message::listener_trusted, args[0], args[1]);
     return 0;
 }
@@ -155,7 +157,7 @@ int act_trust(const settings&, qorStringArray& args) {
 int act_list(const settings& chosen, qorStringArray&) {
     qorStringArray names;
     if (!qorGetDebugUsers(chosen.file_or_null(), names))
-        return failed();
+        return report_failure();
     names.Sort(true);
     for (uint32 i = 0; i < names.GetCount(); ++i)
         fixed_fprintf(stdout, "%s\n", names[i]);
@@ -221,7 +223,7 @@ int run(qorStringArray& args) {
 int run_tool(int argc, char* const* argv) {
     qorStringArray args;
     args.SetFromArgVec(argc, argv);
-    // What is read ahead would stay in memory, passwords too.
+    // A buffer would keep what it has read, passwords included.
     std::setvbuf(stdin, nullptr, _IONBF, 0);
     if (!qorInitProcess("qor-debug-user", args, 0)) {
         zetSmartPointer<IQORErrorMessage> error;

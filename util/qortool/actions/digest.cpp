@@ -1,5 +1,6 @@
 // md5sum: the digest of a file.
 #include "action_arguments.h"
+#include "failure.h"
 #include "message_names.h"
 #include "qortool_app.h"
 
@@ -30,11 +31,7 @@ bool has_failed() {
     return qorGetLastError(reason) != qorError_none;
 }
 
-int cannot_read() {
-    fixed_fprintf(stderr, "ERROR reading from file");
-    fputerr(stderr, true);
-    return 1;
-}
+int cannot_read() { return report_failure("ERROR reading from file"); }
 
 } // namespace
 
@@ -43,19 +40,11 @@ int qortool_app::func_md5sum(qorStringArray& args) {
     if (!check_arguments(args, "md5sum", 1))
         return 1;
     qorFile file;
-    if (!file.Open(args[0], qorFileReading | qorFileExisting | qorFileShared)) {
-        qorString reason;
-        qorGetLastError(reason);
-        fixed_fprintf(stderr, "FAILED to open file %s\n", args[0]);
-        reason.Put(stderr, true);
-        return 1;
-    }
+    if (!file.Open(args[0], qorFileReading | qorFileExisting | qorFileShared))
+        return report_failure("FAILED to open file %s\n", args[0]);
     zetSmartPointer<IQORDigestEngine> engine;
-    if (!qorCreateDigestEngine("md5", engine.Out())) {
-        fixed_fprintf(stderr, "FAILED to create MD5 digest engine\n");
-        fputerr(stderr, true);
-        return 1;
-    }
+    if (!qorCreateDigestEngine("md5", engine.Out()))
+        return report_failure("FAILED to create MD5 digest engine\n");
     const auto buffer = std::make_unique_for_overwrite<uint8[]>(block_size); // too much for a small stack
     qorClearLastError();
     const uint64 size = file.GetSize();

@@ -1,5 +1,6 @@
 // lookup: the addresses of a host.
 #include "action_arguments.h"
+#include "failure.h"
 #include "qortool_app.h"
 
 int qortool_app::func_lookup(qorStringArray& args) {
@@ -9,13 +10,8 @@ int qortool_app::func_lookup(qorStringArray& args) {
     if (!m_quiet)
         fixed_fprintf(stdout, "Looking up [%s] ...\n", args[0]);
     zetSmartPointer<IQORHostAddressList> list;
-    qorString text;
-    if (!qorLookupHost(args[0], list.Out())) {
-        qorGetLastError(text);
-        fixed_fprintf(stderr, "Lookup FAILED : ");
-        text.Put(stderr, true);
-        return 1;
-    }
+    if (!qorLookupHost(args[0], list.Out()))
+        return report_failure("Lookup FAILED : ");
     const uint32 count = list->GetCount();
     if (count == 0) {
         // The line stays open: scripts know it so.
@@ -26,6 +22,7 @@ int qortool_app::func_lookup(qorStringArray& args) {
         fixed_fprintf(stdout, "Lookup returned %u addresses\n", count);
     for (uint32 i = 0; i < count; ++i) {
         qorHostAddress address;
+        qorString text;
         list->GetAddress(i, address);
         qorAddressToString(address, true, text);
         fixed_fprintf(stdout, "%s\n", text.Text());

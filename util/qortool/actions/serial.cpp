@@ -1,5 +1,6 @@
 // list-serial and ttyinfo: the host's serial ports.
 #include "action_arguments.h"
+#include "failure.h"
 #include "qortool_app.h"
 
 int qortool_app::func_list_serial(qorStringArray& args) {
@@ -8,13 +9,8 @@ int qortool_app::func_list_serial(qorStringArray& args) {
         return 1;
     fixed_fprintf(stdout, "Getting ports...\n");
     qorStringArray names;
-    if (!qorEnumSerialPorts(names)) {
-        qorString reason;
-        qorGetLastError(reason);
-        fixed_fprintf(stderr, "FAILED to enumerate serial ports - ");
-        reason.Put(stderr, true);
-        return 1;
-    }
+    if (!qorEnumSerialPorts(names))
+        return report_failure("FAILED to enumerate serial ports - ");
     if (names.IsEmpty()) {
         fixed_fprintf(stdout, "No serial ports found\n");
         return 0;
@@ -33,13 +29,8 @@ int qortool_app::func_ttyinfo(qorStringArray& args) {
     if (!check_arguments(args, "ttyinfo", 1))
         return 1;
     zetSmartPointer<IQORSerialPort> port;
-    if (!qorOpenSerialPort(args[0], port.Out())) {
-        qorString reason;
-        qorGetLastError(reason);
-        fixed_fprintf(stderr, "FAILED to open serial port %s\n", args[0]);
-        reason.Put(stderr, true);
-        return 1;
-    }
+    if (!qorOpenSerialPort(args[0], port.Out()))
+        return report_failure("FAILED to open serial port %s\n", args[0]);
     qorString text;
     port->GetPortName(text);
     fixed_fprintf(stdout, "Port name = '%s'\n", text.Text());

@@ -1,20 +1,12 @@
 // userinfo and logon: what the framework knows of a user account.
 #include "action_arguments.h"
+#include "failure.h"
 #include "message_names.h"
 #include "qortool_app.h"
 #include "user_report.h"
 #include "secret_arguments.h"
 
 namespace message = qor::messages::tool;
-
-namespace {
-
-int failed() {
-    fputerr(stderr, true);
-    return 1;
-}
-
-} // namespace
 
 int qortool_app::func_userinfo(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_userinfo");
@@ -23,7 +15,7 @@ int qortool_app::func_userinfo(qorStringArray& args) {
         return 1;
     zetSmartPointer<IQORUserToken> token;
     if (!qorGetUserToken(args[0], token.Out()))
-        return failed();
+        return report_failure();
     print_user_report(token);
     return 0;
 }
@@ -32,7 +24,7 @@ int qortool_app::func_logon(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_logon");
     zetSmartPointer<IQORUserToken> current;
     if (!qorGetCurrentUserToken(current.Out()))
-        return failed();
+        return report_failure();
     if (!current->IsSuperUser()) {
         fixed_fprintf(stderr, "You must be super-user to run this function\n");
         return 1;
@@ -46,7 +38,7 @@ int qortool_app::func_logon(qorStringArray& args) {
     const bool done = qorLogonUser(args[0], args[1], token.Out());
     wipe_element(args, 1);
     if (!done)
-        return failed();
+        return report_failure();
     fputmsg(stdout, message::catalog, message::logged_on, true);
     print_user_report(token);
     return 0;

@@ -14,7 +14,7 @@ namespace message = qor::messages::tool;
 
 namespace {
 
-// For a command that takes `count` words. False: there is another number, and the user has been told.
+// For a command that takes `count` arguments. False: their number is wrong, and the user has been told.
 bool check_count(const qorStringArray& args, uint32 count) {
     if (args.GetCount() == count)
         return true;
@@ -23,7 +23,7 @@ bool check_count(const qorStringArray& args, uint32 count) {
 }
 
 // A command that failed does not end the console.
-void tell(bool done) {
+void report_unless(bool done) {
     if (!done)
         fputerr(stderr, true);
 }
@@ -38,14 +38,14 @@ void list_codes(qorStringArray& codes, uint32 heading) {
     fixed_fprintf(stdout, "\n");
 }
 
-// A text that is handed on ends at its first zero byte, and would not be what was typed.
+// The framework would take such a text up to the zero byte, which is not what was typed.
 bool has_zero_byte(const qorString& line) { return std::strlen(line) != line.Length(); }
 
-// Reads a line behind a prompt. False: there is none, and the user has been told.
+// Prints a prompt and reads a line. False: the input has ended, and the user has been told.
 bool ask(const char* prompt, qorString& line) {
     fixed_fprintf(stdout, "%s", prompt);
     std::fflush(stdout);
-    // What failed before has been told, and is no reason for an input to end.
+    // An earlier error has been reported, and says nothing about the input.
     qorClearLastError();
     if (line.GetLine(stdin))
         return true;
@@ -82,8 +82,8 @@ debug_control::~debug_control() = default;
 
 uint32 debug_control::getver_IQORDebugControlSink() noexcept { return 1; }
 
-// On a thread of the framework, while the console waits for input, which may never come. Nothing else
-// of the process runs any more: an orderly exit could wait for the lock of the stream that is being read.
+// Called on a thread of the framework while the console waits for input, which may never come. An orderly exit could
+// wait for the lock of the stream that the console reads, so the process ends without one.
 void debug_control::debug_ConnectionLost() noexcept {
     fixed_fprintf(stderr, "Debug connection lost\n");
     std::fflush(stderr);
@@ -100,8 +100,8 @@ bool debug_control::check_arguments(qorStringArray& args) {
     return arguments.accept("debug-control");
 }
 
-// On a first connection the user has only this to find out whom he is about to tell his password.
-void debug_control::tell_unknown_key(const char* host, uint16 port) {
+// On a first connection only the fingerprint tells users which process is about to receive their password.
+void debug_control::warn_of_unknown_key(const char* host, uint16 port) {
     zetSmartPointer<IQORDebugControl2> control;
     qorString fingerprint;
     bool is_known = true;
@@ -111,7 +111,7 @@ void debug_control::tell_unknown_key(const char* host, uint16 port) {
                 fingerprint);
 }
 
-bool debug_control::present(const qorString& user, const qorString& password) {
+bool debug_control::send_credentials(const qorString& user, const qorString& password) {
     if (!has_zero_byte(user) && !has_zero_byte(password))
         return m_control->Login(user, password);
     qorSetLastError(qorError_credentials_refused); // no account has these
@@ -119,14 +119,14 @@ bool debug_control::present(const qorString& user, const qorString& password) {
 }
 
 bool debug_control::log_in() {
-    // A buffer of the stream would keep what it read, passwords too.
+    // A buffer would keep what it has read, passwords included.
     std::setvbuf(stdin, nullptr, _IONBF, 0);
     for (;;) {
         qorString user;
         qorString password;
         const bool asked = ask("Username: ", user) && ask("Password: ", password);
-        const bool done = asked && present(user, password);
-        wipe_string(user); // in its place one easily types the other
+        const bool done = asked && send_credentials(user, password);
+        wipe_string(user); // passwords are easily typed at the wrong prompt
         wipe_string(password);
         if (done || !asked)
             return done;
@@ -145,14 +145,14 @@ bool debug_control::Execute(qorStringArray& args) {
     create_IQORDebugControl(m_control.Out());
     if (!m_quiet)
         fputmsg(stdout, message::catalog, message::connecting, true);
-    // A number beyond 16 bits loses its upper ones.
+    // A larger number loses its upper bits: 70000 is port 4464.
     const auto port = static_cast<uint16>(std::atoi(args[1]));
     if (!m_control->Connect(args[0], port)) {
         qorDebug(m_debug_code, "FAIL conn->Connect() returned false");
         fputerr(stderr, true);
         return false;
     }
-    tell_unknown_key(args[0], port);
+    warn_of_unknown_key(args[0], port);
     if (!log_in())
         return false;
     if (!m_control->SetSink(this)) {
@@ -163,11 +163,11 @@ bool debug_control::Execute(qorStringArray& args) {
         fputmsg(stdout, message::catalog, message::logged_in, true);
     qorString line;
     while (ask("Debug> ", line))
-        run(line);
+        run_command(line);
     return false;
 }
 
-void debug_control::run(qorString& line) {
+void debug_control::run_command(qorString& line) {
     line.TrimBoth();
     if (line.IsEmpty())
         return;
@@ -227,17 +227,17 @@ void debug_control::cmd_show_enabled(qorStringArray& args) {
 void debug_control::cmd_enable(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "cmd_enable");
     if (check_count(args, 1))
-        tell(m_control->EnableCode(args[0], true));
+        report_unless(m_control->EnableCode(args[0], true));
 }
 
 void debug_control::cmd_disable(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "cmd_disable");
     if (check_count(args, 1))
-        tell(m_control->EnableCode(args[0], false));
+        report_unless(m_control->EnableCode(args[0], false));
 }
 
 void debug_control::cmd_disable_all(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "cmd_disable_all");
     if (check_count(args, 0))
-        tell(m_control->DisableAll());
+        report_unless(m_control->DisableAll());
 }

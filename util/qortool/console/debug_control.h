@@ -6,15 +6,15 @@
 
 class debug_control : public qorComponent2, public IQORDebugControlSink {
 public:
-    // Quiet leaves out what is said before connecting and after the login.
+    // `quiet` suppresses the messages before connecting and after the login.
     explicit debug_control(bool quiet);
 
     void AddRef() noexcept override { object_AddRef(); }
     void Release() noexcept override { object_Release(); }
     int QueryInterface(const char* name, void** out) noexcept override { return object_QueryInterface(name, out); }
 
-    // Two words, a host and a port. Runs until the end of the input or something that it cannot go on from,
-    // which it has told the user: false in every case. A lost connection ends the process.
+    // Takes two arguments, a host and a port. Runs until the input ends or something fails that the console cannot
+    // recover from; the user has been told. Always false. A lost connection ends the process.
     bool Execute(qorStringArray& args);
 
 protected:
@@ -28,10 +28,10 @@ private:
     static const command_row s_commands[];
 
     bool check_arguments(qorStringArray& args);
-    void tell_unknown_key(const char* host, uint16 port);
-    bool present(const qorString& user, const qorString& password);
+    void warn_of_unknown_key(const char* host, uint16 port);
+    bool send_credentials(const qorString& user, const qorString& password);
     bool log_in();
-    void run(qorString& line);
+    void run_command(qorString& line);
 
     void cmd_help(qorStringArray& args);
     void cmd_show_all(qorStringArray& args);
