@@ -11,6 +11,9 @@
 
 namespace log_run {
 
+namespace log_fields = qor::heap::log_fields;
+namespace log_lines = qor::heap::log_lines;
+
 inline void require(bool agreed) {
     if (!agreed)
         std::abort();

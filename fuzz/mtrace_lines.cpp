@@ -1,6 +1,8 @@
 // The grammar of mtrace logs, beside the plain one.
 #include "log_run.h"
 
+namespace log_lines = qor::heap::log_lines;
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     log_run::compare<log_lines::mtrace_line, plain_log::mtrace_line>(
         std::string(reinterpret_cast<const char*>(data), size),

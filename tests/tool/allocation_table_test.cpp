@@ -12,6 +12,8 @@
 
 namespace {
 
+using namespace qor::heap;
+
 struct live {
     uint64 address;
     uint32 size;

@@ -7,6 +7,8 @@
 
 namespace {
 
+using namespace qor::heap;
+
 using namespace std::string_literals;
 
 file_kind kind_of(const std::string& text) { return looks_of(text).kind; }

@@ -15,6 +15,7 @@
 
 namespace {
 
+using namespace qor::heap;
 using namespace qor::test;
 using mtrace_log = heap_log<log_lines::mtrace_line>;
 using extent = mtrace_log::extent;

@@ -11,6 +11,8 @@
 
 namespace {
 
+using namespace qor::heap;
+
 // As ReadLines hands it out: padding behind the text.
 class run {
 public:

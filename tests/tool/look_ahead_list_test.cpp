@@ -9,6 +9,8 @@
 
 namespace {
 
+using namespace qor::heap;
+
 struct both_lists {
     look_ahead_list list;
     std::vector<look_ahead_list::record> plain;

@@ -8,6 +8,8 @@
 
 namespace {
 
+using namespace qor::heap;
+
 // Few hashes, so that cells collide, and those at the end of the table run over to its beginning.
 void run_random(unsigned seed, unsigned hashes, unsigned keys) {
     std::mt19937 random(seed);

@@ -9,6 +9,8 @@
 
 namespace {
 
+using namespace qor::heap;
+
 TEST(OriginTable, KnowsNothingOfNumberZero) {
     const origin_table table;
     EXPECT_EQ(table.get(0), origin_table::origin{});

@@ -10,6 +10,8 @@
 
 namespace {
 
+using namespace qor::heap;
+
 using text_numbers::giver;
 using text_numbers::none;
 using text_numbers::taker;

@@ -9,6 +9,8 @@
 
 namespace {
 
+using namespace qor::heap;
+
 cpu_set_t open_to_caller() {
     cpu_set_t open;
     EXPECT_EQ(sched_getaffinity(0, sizeof open, &open), 0);

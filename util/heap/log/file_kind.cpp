@@ -7,6 +7,8 @@
 #include <iterator>
 #include <string>
 
+namespace qor::heap {
+
 namespace {
 
 using namespace std::string_view_literals;
@@ -99,3 +101,5 @@ looks looks_of(std::string_view beginning) {
     const auto is_nothing = [](char c) { return c == '\0' || log_fields::is_space(c); };
     return {std::all_of(beginning.begin(), beginning.end(), is_nothing) ? file_kind::zero_bytes : file_kind::binary};
 }
+
+} // namespace qor::heap

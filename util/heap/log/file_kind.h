@@ -5,6 +5,8 @@
 
 #include <string_view>
 
+namespace qor::heap {
+
 // Each value is the number of the message that names the kind; `compressed` takes the program as an insert.
 enum class file_kind : uint32 {
     mtrace_log = 94,
@@ -30,3 +32,5 @@ bool begins_another_file(std::string_view beginning) noexcept;
 
 // A guess, and never anything that the file says of itself: its bytes are not for a terminal.
 looks looks_of(std::string_view beginning);
+
+} // namespace qor::heap

@@ -14,6 +14,8 @@
 #include <string>
 #include <system_error>
 
+namespace qor::heap {
+
 template <class LINE>
 class heap_log {
 public:
@@ -197,3 +199,5 @@ private:
     bool m_has_ended = false;
     qorString m_failure;
 };
+
+} // namespace qor::heap

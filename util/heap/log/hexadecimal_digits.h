@@ -9,6 +9,8 @@
 #include <emmintrin.h>
 #endif
 
+namespace qor::heap {
+
 inline bool is_hexadecimal_digit(char c) noexcept {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
@@ -61,3 +63,5 @@ inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept {
 }
 
 #endif
+
+} // namespace qor::heap

@@ -11,6 +11,8 @@
 #include <mutex>
 #include <thread>
 
+namespace qor::heap {
+
 template <class LINE>
 class log_ahead {
 public:
@@ -159,3 +161,5 @@ private:
     std::shared_ptr<shared> m_shared;
     std::thread m_thread;
 };
+
+} // namespace qor::heap

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+namespace qor::heap {
+
 template <class LINE>
 struct log_batch {
     using entry = log_lines::entry<LINE>;
@@ -162,3 +164,5 @@ private:
     const char* m_end = nullptr;
     bool m_is_cut = false; // it is the beginning of a line that is too long
 };
+
+} // namespace qor::heap

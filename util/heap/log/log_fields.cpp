@@ -10,6 +10,8 @@
 #include <emmintrin.h>
 #endif
 
+namespace qor::heap {
+
 namespace {
 
 // The first white space at or behind `at`; there is always one, the line's end.
@@ -111,3 +113,5 @@ int64 log_fields::signed_number(std::string_view word) noexcept {
     uint64 value;
     return read_decimal(word, value) ? static_cast<int64>(value) : std::strtoll(word.data(), nullptr, 0);
 }
+
+} // namespace qor::heap

@@ -8,7 +8,7 @@
 
 #include <string_view>
 
-namespace log_fields {
+namespace qor::heap::log_fields {
 
 // White space of the C locale, whatever locale the process has.
 constexpr bool is_space(char c) noexcept { return c == ' ' || (c >= '\t' && c <= '\r'); }
@@ -25,4 +25,4 @@ uint64 hexadecimal(std::string_view word) noexcept;
 uint64 unsigned_number(std::string_view word) noexcept; // base 10, or 8 or 16 by its prefix
 int64 signed_number(std::string_view word) noexcept;
 
-} // namespace log_fields
+} // namespace qor::heap::log_fields

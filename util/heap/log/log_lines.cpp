@@ -11,6 +11,8 @@
 #include <emmintrin.h>
 #endif
 
+namespace qor::heap {
+
 namespace {
 
 static_assert(qorReadLinesPadding >= 64);
@@ -293,3 +295,5 @@ uint32 log_lines::take_lines(const char* text, const char*& next, const char* en
 
 template uint32 log_lines::take_lines(const char*, const char*&, const char*, entry<mtrace_line>*, uint32);
 template uint32 log_lines::take_lines(const char*, const char*&, const char*, entry<memcheck_line>*, uint32);
+
+} // namespace qor::heap

@@ -10,7 +10,7 @@
 
 #include <string_view>
 
-namespace log_lines {
+namespace qor::heap::log_lines {
 
 // What a line is. Lines without meaning, such as comments, are not worth a word.
 enum class kind : uint8 { record, no_meaning, too_few_words, unknown_code };
@@ -80,4 +80,4 @@ struct entry<memcheck_line> : memcheck_line {
 template <class LINE>
 uint32 take_lines(const char* text, const char*& next, const char* end, entry<LINE>* out, uint32 limit);
 
-} // namespace log_lines
+} // namespace qor::heap::log_lines

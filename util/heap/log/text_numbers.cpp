@@ -11,6 +11,8 @@
 #include <emmintrin.h>
 #endif
 
+namespace qor::heap {
+
 namespace {
 
 // Whether `size` bytes are the same.
@@ -86,3 +88,5 @@ void text_numbers::giver::forget() noexcept {
     m_used = 0;
     m_count = 0;
 }
+
+} // namespace qor::heap

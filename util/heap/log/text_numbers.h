@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace text_numbers {
+namespace qor::heap::text_numbers {
 
 inline constexpr uint32 none = 0;
 
@@ -90,4 +90,4 @@ private:
     std::vector<cell> m_cells;
 };
 
-} // namespace text_numbers
+} // namespace qor::heap::text_numbers

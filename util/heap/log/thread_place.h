@@ -2,6 +2,8 @@
 // third program was there for a moment, and leave them there for tens of milliseconds: longer than most logs take.
 #pragma once
 
+namespace qor::heap {
+
 // The processor that the calling thread is on, or -1.
 int current_processor() noexcept;
 
@@ -19,3 +21,5 @@ private:
 
     int m_kept_off = -1;
 };
+
+} // namespace qor::heap

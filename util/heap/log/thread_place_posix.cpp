@@ -3,6 +3,8 @@
 #include <sched.h>
 #include <unistd.h>
 
+namespace qor::heap {
+
 int current_processor() noexcept { return sched_getcpu(); }
 
 void thread_place::move_off(int processor) noexcept {
@@ -15,3 +17,5 @@ void thread_place::move_off(int processor) noexcept {
     if (CPU_COUNT(&open) != 0)
         sched_setaffinity(0, sizeof open, &open);
 }
+
+} // namespace qor::heap

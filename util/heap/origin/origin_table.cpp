@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstring>
 
+namespace qor::heap {
+
 namespace {
 
 constexpr std::size_t piece_size = 64 * 1024;
@@ -80,3 +82,5 @@ uint32 origin_table::adopt(const origin_table& other, uint32 number) {
     own.file = adopt_text(other, own.file);
     return of(own);
 }
+
+} // namespace qor::heap

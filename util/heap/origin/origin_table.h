@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+namespace qor::heap {
+
 class origin_table {
 public:
     // What is known of a block; texts by their numbers, of which 0 is the empty text.
@@ -62,3 +64,5 @@ private:
     std::size_t m_piece_left = 0;
     std::size_t m_bytes = 0;
 };
+
+} // namespace qor::heap

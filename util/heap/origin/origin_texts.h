@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+namespace qor::heap {
+
 class origin_texts {
 public:
     explicit origin_texts(const origin_table& origins) : m_origins(origins), m_kept(kept_count) {}
@@ -47,3 +49,5 @@ private:
     const origin_table& m_origins;
     std::vector<kept> m_kept;
 };
+
+} // namespace qor::heap

@@ -7,6 +7,8 @@
 #include <emmintrin.h>
 #endif
 
+namespace qor::heap {
+
 // The index of the first of `count` addresses at or behind `start` that equals `wanted`; `count`: there is none.
 inline uint32 find_address(const uint64* addresses, uint32 start, uint32 count, uint64 wanted) noexcept;
 
@@ -36,3 +38,5 @@ inline uint32 find_address(const uint64* addresses, uint32 start, uint32 count, 
 }
 
 #endif
+
+} // namespace qor::heap

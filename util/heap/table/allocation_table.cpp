@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstring>
 
+namespace qor::heap {
+
 namespace {
 
 using __block = allocation_table::__block;
@@ -209,3 +211,5 @@ uint32 allocation_table::origin(const __entry& entry) const noexcept {
 void allocation_table::set_origin(const __entry& entry, uint32 origin) noexcept {
     resolve(entry)->data()[entry.slot].origin = origin;
 }
+
+} // namespace qor::heap

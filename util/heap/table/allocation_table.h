@@ -18,6 +18,8 @@
 #include <unordered_map>
 #include <vector>
 
+namespace qor::heap {
+
 class allocation_table {
 public:
     // Memory: this header, then `capacity` addresses, then as many slot_data.
@@ -166,3 +168,5 @@ private:
     uint32 m_recent_bucket = bucket_count;      // of m_recent; at first of none
     chain* m_recent = nullptr;
 };
+
+} // namespace qor::heap

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <new>
 
+namespace qor::heap {
+
 std::size_t block_arena::size_of(uint32 rank) noexcept {
     return rank + 1 < rank_count ? std::size_t{32} << rank : allocation_table::__block::full_size;
 }
@@ -38,3 +40,5 @@ block_arena& block_arena::of_process() {
     static block_arena* const made = new block_arena;
     return *made;
 }
+
+} // namespace qor::heap

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <vector>
 
+namespace qor::heap {
+
 class block_arena {
 public:
     // Sizes are 32 << rank bytes; the last rank is a full block of the table.
@@ -33,3 +35,5 @@ private:
     free_block* m_free[rank_count] = {};
     std::vector<std::byte*> m_chunks;
 };
+
+} // namespace qor::heap

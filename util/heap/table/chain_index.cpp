@@ -4,6 +4,8 @@
 #include <bit>
 #include <utility>
 
+namespace qor::heap {
+
 // The root of both heaps made one.
 uint32 chain_index::meld(uint32 a, uint32 b) noexcept {
     if (b < a)
@@ -64,3 +66,5 @@ uint32 chain_index::first_room() noexcept {
             return static_cast<uint32>(m_room_word * 64) + static_cast<uint32>(std::countr_zero(word));
     return none;
 }
+
+} // namespace qor::heap

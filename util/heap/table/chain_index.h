@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <vector>
 
+namespace qor::heap {
+
 // A place is the number of a slot in the whole chain: block number times 1,024 plus slot. Addresses are not
 // 0.
 class chain_index {
@@ -82,3 +84,5 @@ private:
     std::vector<uint64> m_room;  // a bit for each block
     std::size_t m_room_word = 0; // no bit is set in a word before this one
 };
+
+} // namespace qor::heap

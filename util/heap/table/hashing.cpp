@@ -3,6 +3,8 @@
 #include <cstring>
 #include <random>
 
+namespace qor::heap {
+
 namespace {
 
 uint64 load(const char* at) noexcept {
@@ -45,3 +47,5 @@ uint32 hashing::of_text(std::string_view text) noexcept {
     odd = mix(odd, load(end - 8));
     return finish(mix(even, odd));
 }
+
+} // namespace qor::heap

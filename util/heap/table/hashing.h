@@ -6,7 +6,7 @@
 
 #include <string_view>
 
-namespace hashing {
+namespace qor::heap::hashing {
 
 extern const uint64 key;
 
@@ -27,4 +27,4 @@ uint32 of_text(std::string_view text) noexcept;
 // them apart.
 uint32 of_end(std::string_view text) noexcept;
 
-} // namespace hashing
+} // namespace qor::heap::hashing

@@ -2,6 +2,8 @@
 
 #include "hashing.h"
 
+namespace qor::heap {
+
 look_ahead_list::look_ahead_list() {
     for (uint32 i = 0; i < limit; ++i)
         m_nodes[i].next_of_group = static_cast<uint16>(i + 1 < limit ? i + 1 : none);
@@ -47,3 +49,5 @@ void look_ahead_list::unlink(uint16 at) noexcept {
     m_free = at;
     --m_count;
 }
+
+} // namespace qor::heap

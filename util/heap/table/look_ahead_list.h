@@ -6,6 +6,8 @@
 
 #include <array>
 
+namespace qor::heap {
+
 class look_ahead_list {
 public:
     static constexpr uint32 limit = 1024;
@@ -65,3 +67,5 @@ private:
     uint16 m_free = 0;
     uint32 m_count = 0;
 };
+
+} // namespace qor::heap

@@ -1,5 +1,7 @@
 #include "number_index.h"
 
+namespace qor::heap {
+
 void number_index::remove(cell* found) noexcept {
     std::size_t gap = static_cast<std::size_t>(found - m_cells.data());
     for (std::size_t next = gap;;) {
@@ -30,3 +32,5 @@ void number_index::enlarge() {
         if (each.number != none)
             put(each);
 }
+
+} // namespace qor::heap

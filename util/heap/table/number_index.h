@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+namespace qor::heap {
+
 class number_index {
 public:
     static constexpr uint32 none = 0xffffffff; // no number
@@ -51,3 +53,5 @@ private:
     std::vector<cell> m_cells = std::vector<cell>(64, cell{0, none});
     std::size_t m_used = 0;
 };
+
+} // namespace qor::heap

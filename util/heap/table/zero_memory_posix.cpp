@@ -5,6 +5,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+namespace qor::heap {
+
 void zero_memory(void* memory, std::size_t size) noexcept {
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
     const auto begin = reinterpret_cast<std::uintptr_t>(memory);
@@ -18,3 +20,5 @@ void zero_memory(void* memory, std::size_t size) noexcept {
     std::memset(memory, 0, first - begin);
     std::memset(reinterpret_cast<void*>(last), 0, begin + size - last);
 }
+
+} // namespace qor::heap

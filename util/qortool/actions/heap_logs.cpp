@@ -30,8 +30,8 @@ void warn_of_unread_rest(const qorString& failure) {
 void warn_of_foreign_log(uint32 message, const char* path, std::string_view beginning, bool is_first_of_two) {
     if (beginning.empty())
         return;
-    const looks found = looks_of(beginning);
-    const bool are_swapped = is_first_of_two && found.kind == file_kind::memcheck_log;
+    const qor::heap::looks found = qor::heap::looks_of(beginning);
+    const bool are_swapped = is_first_of_two && found.kind == qor::heap::file_kind::memcheck_log;
     qorString name;
     name.Format("qortool", are_swapped ? memcheck_log_in_first_place : static_cast<uint32>(found.kind), found.program);
     warn(message, path, name);

@@ -12,13 +12,13 @@ bool mtrace_proc::read_mtrace(__mtrace_line& out) {
     const qorDebugSeq trace(m_debug_code, "read_mtrace");
     forget_unused_origins();
     while (const auto* const next = next_line(m_mtrace_file)) {
-        if (next->kind != log_lines::kind::record) {
+        if (next->kind != qor::heap::log_lines::kind::record) {
             fixed_fprintf(m_streams.err(), "WARNING Invalid line in mtrace() file\n");
             continue;
         }
         // The size still tells what the line must have been.
         if (!next->is_code_known) {
-            log_lines::parse(m_mtrace_file.last_line(), out);
+            qor::heap::log_lines::parse(m_mtrace_file.last_line(), out);
             fixed_fprintf(m_streams.err(), "WARNING Bad code token [%.*s]\n", printed_length(out.code),
                           out.code.data());
         }
@@ -38,9 +38,9 @@ bool mtrace_proc::read_memcheck_line(__memcheck_line& out) {
     forget_unused_origins();
     while (const auto* const next = next_line(m_memcheck_file)) {
         out = *next;
-        if (next->kind == log_lines::kind::record)
+        if (next->kind == qor::heap::log_lines::kind::record)
             return true;
-        if (next->kind == log_lines::kind::too_few_words)
+        if (next->kind == qor::heap::log_lines::kind::too_few_words)
             fixed_fprintf(m_streams.err(), "WARNING Invalid line in memcheck() file\n");
         else
             fixed_fprintf(m_streams.err(), "WARNING Invalid memcheck line code %c\n", out.code);

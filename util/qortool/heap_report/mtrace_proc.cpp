@@ -24,11 +24,11 @@ bool mtrace_proc::Execute_MTRACE(qorStringArray& args) {
     if (args.IsEmpty() || args.GetCount() > 2) {
         return refuse_words("mtrace", args);
     }
-    if (!m_mtrace_file.open(args[0], heap_log<__mtrace_line>::extent::whole)) {
+    if (!m_mtrace_file.open(args[0], qor::heap::heap_log<__mtrace_line>::extent::whole)) {
         qorDebug(m_debug_code, "FAIL cannot open mtrace file");
         return false;
     }
-    if (args.GetCount() == 2 && !m_memcheck_file.open(args[1], heap_log<__memcheck_line>::extent::part)) {
+    if (args.GetCount() == 2 && !m_memcheck_file.open(args[1], qor::heap::heap_log<__memcheck_line>::extent::part)) {
         qorDebug(m_debug_code, "FAIL cannot open memcheck file");
         return false;
     }
@@ -58,13 +58,13 @@ void mtrace_proc::mtrace_allocation(const __mtrace_line& rec) {
     mtrace_add_memcheck_data(entry);
 }
 
-look_ahead_list::record mtrace_proc::keep(const __memcheck_line& rec) {
+qor::heap::look_ahead_list::record mtrace_proc::keep(const __memcheck_line& rec) {
     return {rec.code, rec.bt, rec.address, rec.size, rec.line, m_origins.text(rec.file), m_origins.text(rec.type_name)};
 }
 
 // The bounded look-ahead into the other log. What it meets on the way is kept for later, except what needs no
 // partner: huge blocks enter the table at once, and frees say nothing that the mtrace log does not.
-bool mtrace_proc::mtrace_read_memcheck_for(uint64 address, look_ahead_list::record& out) {
+bool mtrace_proc::mtrace_read_memcheck_for(uint64 address, qor::heap::look_ahead_list::record& out) {
     const qorDebugSeq trace(m_debug_code, "mtrace_read_memcheck_for");
     if (!m_memcheck_file.is_given())
         return false;
@@ -88,13 +88,13 @@ bool mtrace_proc::mtrace_read_memcheck_for(uint64 address, look_ahead_list::reco
 // for which: one that was written with address 0 is blank, and a huge block met on the way may take it.
 void mtrace_proc::mtrace_add_memcheck_data(const __entry& entry) {
     const qorDebugSeq trace(m_debug_code, "mtrace_add_memcheck_data");
-    look_ahead_list::record rec;
+    qor::heap::look_ahead_list::record rec;
     while (mtrace_read_memcheck_for(m_table.address(entry), rec)) {
         // A blank slot comes from nowhere.
         if (m_table.address(entry) == 0)
             continue;
         if (rec.code == 'A') {
-            origin_table::origin known = m_origins.get(m_table.origin(entry));
+            qor::heap::origin_table::origin known = m_origins.get(m_table.origin(entry));
             known.file = rec.file;
             known.line = rec.line;
             m_table.set_origin(entry, m_origins.of(known));
@@ -120,20 +120,20 @@ void mtrace_proc::enter_memcheck(const __memcheck_line& rec) {
 }
 
 void mtrace_proc::set_type_name(const __entry& entry, uint32 type_name) {
-    origin_table::origin known = m_origins.get(m_table.origin(entry));
+    qor::heap::origin_table::origin known = m_origins.get(m_table.origin(entry));
     known.type_name = type_name;
     m_table.set_origin(entry, m_origins.of(known));
 }
 
 void mtrace_proc::renew_origins() {
-    origin_table kept;
-    std::vector<uint32> numbers(m_origins.count(), number_index::none);
+    qor::heap::origin_table kept;
+    std::vector<uint32> numbers(m_origins.count(), qor::heap::number_index::none);
     m_table.renumber_origins([&](uint32 old) {
-        if (numbers[old] == number_index::none)
+        if (numbers[old] == qor::heap::number_index::none)
             numbers[old] = kept.adopt(m_origins, old);
         return numbers[old];
     });
-    m_look_ahead.walk([&](look_ahead_list::record& rec) {
+    m_look_ahead.walk([&](qor::heap::look_ahead_list::record& rec) {
         rec.file = kept.adopt_text(m_origins, rec.file);
         rec.type_name = kept.adopt_text(m_origins, rec.type_name);
     });
@@ -148,7 +148,7 @@ void mtrace_proc::list_look_ahead() {
     if (m_look_ahead.is_empty())
         return;
     fixed_fprintf(m_streams.err(), "WARNING %u entries left in memcheck table\n", m_look_ahead.count());
-    m_look_ahead.walk([this](const look_ahead_list::record& rec) {
+    m_look_ahead.walk([this](const qor::heap::look_ahead_list::record& rec) {
         const std::string_view file = m_origins.printed(rec.file);
         const std::string_view type_name = m_origins.printed(rec.type_name);
         fixed_fprintf(m_streams.err(), ">> %c mem=0x%llx size=%u bt=%d file=[%.*s] line=%d type=[%.*s]\n", rec.code,
@@ -162,7 +162,7 @@ bool mtrace_proc::Execute_MEMCHECK(qorStringArray& args) {
     if (args.GetCount() != 1) {
         return refuse_words("memcheck", args);
     }
-    if (!m_memcheck_file.open(args[0], heap_log<__memcheck_line>::extent::whole)) {
+    if (!m_memcheck_file.open(args[0], qor::heap::heap_log<__memcheck_line>::extent::whole)) {
         qorDebug(m_debug_code, "FAIL %s", "m_memcheck_file->Open(args[0])");
         return false;
     }
@@ -210,7 +210,7 @@ void mtrace_proc::report_leaks() {
     uint64 total = 0;
     {
         report_text text(m_streams);
-        origin_texts origins(m_origins);
+        qor::heap::origin_texts origins(m_origins);
         m_table.walk([&](uint64 address, uint32 size, uint32 origin) {
             text.add("LEAK at 0x").add_number(address, 16).add(" size ").add_number(size).add(origins.of(origin));
             ++count;

@@ -32,10 +32,10 @@ public:
     const qorString& mtrace_failure() const noexcept { return m_mtrace_file.failure(); }
     const qorString& memcheck_failure() const noexcept { return m_memcheck_file.failure(); }
 
-    using __entry = allocation_table::__entry;
-    using __block = allocation_table::__block;
-    using __mtrace_line = log_lines::mtrace_line;
-    using __memcheck_line = log_lines::memcheck_line;
+    using __entry = qor::heap::allocation_table::__entry;
+    using __block = qor::heap::allocation_table::__block;
+    using __mtrace_line = qor::heap::log_lines::mtrace_line;
+    using __memcheck_line = qor::heap::log_lines::memcheck_line;
 
 private:
     // Blocks that the framework mapped directly: malloc, and so an mtrace log, never saw them.
@@ -53,19 +53,19 @@ private:
 
     // A person sees how far it is before there may be a wait.
     template <class LINE>
-    const typename heap_log<LINE>::entry* next_line(heap_log<LINE>& log) {
+    const typename qor::heap::heap_log<LINE>::entry* next_line(qor::heap::heap_log<LINE>& log) {
         if (log.is_used_up())
             m_streams.keep_up();
         return log.next(m_table);
     }
 
     void mtrace_allocation(const __mtrace_line& rec);
-    bool mtrace_read_memcheck_for(uint64 address, look_ahead_list::record& out);
+    bool mtrace_read_memcheck_for(uint64 address, qor::heap::look_ahead_list::record& out);
     void mtrace_add_memcheck_data(const __entry& entry);
     void mtrace_handle_huge_entry(const __memcheck_line& rec);
     void enter_memcheck(const __memcheck_line& rec);
     void set_type_name(const __entry& entry, uint32 type_name);
-    look_ahead_list::record keep(const __memcheck_line& rec);
+    qor::heap::look_ahead_list::record keep(const __memcheck_line& rec);
     void memcheck_record(const __memcheck_line& rec);
 
     // Logs may name new callers all the time, so those that no live block has are given up now and then.
@@ -81,14 +81,14 @@ private:
     void report_free_without_alloc(const __memcheck_line& rec);
 
     uint32 m_debug_code;
-    heap_log<__mtrace_line> m_mtrace_file;
-    heap_log<__memcheck_line> m_memcheck_file;
-    allocation_table m_table;
-    look_ahead_list m_look_ahead;
-    origin_table m_origins;
-    text_numbers::taker m_callers;                 // the origin of one
-    text_numbers::taker m_places;                  // the origin of a file and line, beside a block's type
-    text_numbers::taker m_type_names;              // the text's number in m_origins
+    qor::heap::heap_log<__mtrace_line> m_mtrace_file;
+    qor::heap::heap_log<__memcheck_line> m_memcheck_file;
+    qor::heap::allocation_table m_table;
+    qor::heap::look_ahead_list m_look_ahead;
+    qor::heap::origin_table m_origins;
+    qor::heap::text_numbers::taker m_callers;                 // the origin of one
+    qor::heap::text_numbers::taker m_places;                  // the origin of a file and line, beside a block's type
+    qor::heap::text_numbers::taker m_type_names;              // the text's number in m_origins
     std::size_t m_origins_limit = origins_minimum; // bytes of m_origins at which the unused are given up
     report_streams m_streams;
 };
