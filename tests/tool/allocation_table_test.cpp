@@ -7,6 +7,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <vector>
 
@@ -50,12 +51,14 @@ public:
         return false;
     }
 
-    bool release(uint64 address) {
+    std::optional<live> release(uint64 address) {
         place found{};
         if (!find(address, found))
-            return false;
-        (*found.chain)[found.block][found.slot].address = 0;
-        return true;
+            return {};
+        live& slot = (*found.chain)[found.block][found.slot];
+        const live released = slot;
+        slot.address = 0;
+        return released;
     }
 
     std::vector<live> walk() const {
@@ -102,7 +105,14 @@ struct both_tables {
         (*place.chain)[place.block][place.slot] = {address, size, size + 1};
     }
 
-    void release(uint64 address) { ASSERT_EQ(packed->release(address), plain.release(address)) << address; }
+    void release(uint64 address) {
+        const std::optional<live> expected = plain.release(address);
+        const auto* const released = packed->release(address);
+        ASSERT_EQ(released != nullptr, expected.has_value()) << address;
+        if (released != nullptr && address != 0) {
+            EXPECT_EQ((live{address, released->size, released->origin}), *expected);
+        }
+    }
 
     void look_up(uint64 address) {
         allocation_table::__entry entry{};

@@ -12,6 +12,9 @@ namespace {
 
 using __block = allocation_table::__block;
 
+// Beside address 0.
+constexpr __block::slot_data nothing{0, 0};
+
 uint32 capacity_of(uint32 rank) noexcept {
     return static_cast<uint32>((block_arena::size_of(rank) - sizeof(__block)) /
                                (sizeof(uint64) + sizeof(__block::slot_data)));
@@ -130,17 +133,18 @@ void allocation_table::chain::enter(uint64 address, uint32 place) {
     index.add(address, place, [this](uint32 each) { return address_at(each); });
 }
 
-bool allocation_table::chain::release(uint64 address) noexcept {
+const __block::slot_data* allocation_table::chain::release(uint64 address) noexcept {
     if (address == 0)
-        return index.first_room() != chain_index::none;
+        return index.first_room() != chain_index::none ? &nothing : nullptr;
     const uint32 place = index.take(address, [this](uint32 each) { return address_at(each); });
     if (place == chain_index::none)
-        return false;
+        return nullptr;
     const uint32 number = place / __block::slot_count;
-    blank(blocks[number], place % __block::slot_count);
+    const uint32 slot = place % __block::slot_count;
+    blank(blocks[number], slot);
     --live[number];
     index.set_room(number, true);
-    return true;
+    return &blocks[number]->data()[slot];
 }
 
 bool allocation_table::find_entry(uint64 address, __entry& found) noexcept {
@@ -159,18 +163,18 @@ bool allocation_table::find_entry(uint64 address, __entry& found) noexcept {
     return slot != head->capacity;
 }
 
-bool allocation_table::release(uint64 address) noexcept {
+const __block::slot_data* allocation_table::release(uint64 address) noexcept {
     __block* const head = m_heads[bucket_of(address)];
     if (head == nullptr)
-        return false;
+        return nullptr;
     if (head->has_chain)
         return chain_of(bucket_of(address)).release(address);
     const uint32 slot = find_address(head->addresses(), 0, head->capacity, address);
     // The slots that have no memory yet are blank too.
     if (slot == head->capacity)
-        return address == 0 && slot < __block::slot_count;
+        return address == 0 && slot < __block::slot_count ? &nothing : nullptr;
     blank(head, slot);
-    return true;
+    return &head->data()[slot];
 }
 
 void allocation_table::prefetch_chain(uint64 address) noexcept {
@@ -202,6 +206,10 @@ void allocation_table::set(const __entry& entry, uint64 address, uint32 size, ui
 
 uint64 allocation_table::address(const __entry& entry) const noexcept {
     return resolve(entry)->addresses()[entry.slot];
+}
+
+uint32 allocation_table::size(const __entry& entry) const noexcept {
+    return resolve(entry)->data()[entry.slot].size;
 }
 
 uint32 allocation_table::origin(const __entry& entry) const noexcept {

@@ -83,8 +83,9 @@ public:
     // The earliest slot that holds the address, which is not 0; false: none does.
     bool find_entry(uint64 address, __entry& found) noexcept;
 
-    // Blanks the earliest slot that holds the address; false: none does. Address 0 is "held" by any blank slot.
-    bool release(uint64 address) noexcept;
+    // Blanks the earliest slot that holds the address; what else was in it is valid until a block is added. Null: none
+    // does. Address 0 is "held" by any blank slot.
+    const __block::slot_data* release(uint64 address) noexcept;
 
     // The earliest blank slot of the bucket takes the block; as find_blank and set do, without naming the slot in
     // between. Throws std::bad_alloc.
@@ -93,6 +94,7 @@ public:
     // The slot is a blank one, just found.
     void set(const __entry& entry, uint64 address, uint32 size, uint32 origin);
     uint64 address(const __entry& entry) const noexcept;
+    uint32 size(const __entry& entry) const noexcept;
     uint32 origin(const __entry& entry) const noexcept;
     void set_origin(const __entry& entry, uint32 origin) noexcept;
 
@@ -128,7 +130,7 @@ private:
         }
         void append(__block* block);
         void enter(uint64 address, uint32 place);
-        bool release(uint64 address) noexcept;
+        const __block::slot_data* release(uint64 address) noexcept;
     };
 
     // A page of heads, of which those that hold any are known.

@@ -1,0 +1,329 @@
+// Replays an mtrace log, joined with an allocation log of the framework if there is one, or an allocation log alone.
+// The replay keeps the table of live blocks and prints nothing: a sink is told what happens (replay_sink.h).
+#pragma once
+
+#include "heap/log/heap_log.h"
+#include "heap/log/log_lines.h"
+#include "heap/log/text_numbers.h"
+#include "heap/origin/origin_table.h"
+#include "heap/table/allocation_table.h"
+#include "heap/table/look_ahead_list.h"
+#include "qor/qor.h"
+#include "replay_sink.h"
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace qor::heap {
+
+// Carries the head of every bucket (8 MiB), so it always lives on the heap. One object serves one replay. Replays share
+// nothing: each may run in a thread of its own. Operations that need memory throw std::bad_alloc.
+//
+// The sink is called directly, so that what it does not care for costs nothing.
+template <class SINK>
+class replay {
+public:
+    using mtrace_line = log_lines::mtrace_line;
+    using memcheck_line = log_lines::memcheck_line;
+    using mtrace_log = heap_log<mtrace_line>;
+    using memcheck_log = heap_log<memcheck_line>;
+
+    // The sink outlives the replay. Scopes and lines are traced with the sink's trace code.
+    replay(SINK& sink, uint32 trace_code)
+        : m_sink(sink), m_debug_code(trace_code),
+          m_mtrace(trace_code, "mtrace line: [%.*s]", [this] { m_sink.before_wait(); }),
+          m_memcheck(trace_code, nullptr, [this] { m_sink.before_wait(); }) {
+        static_assert(replay_sink<SINK>);
+    }
+    replay(const replay&) = delete;
+    replay& operator=(const replay&) = delete;
+
+    // An allocation log that is opened behind an mtrace log is joined with it. False: the last error says why.
+    bool open_mtrace(const char* path) { return m_mtrace.open(path, mtrace_log::extent::whole); }
+    bool open_memcheck(const char* path) {
+        return m_memcheck.open(path, m_mtrace.is_given() ? memcheck_log::extent::part : memcheck_log::extent::whole);
+    }
+
+    // Reads what was opened to its end.
+    void run() {
+        if (m_mtrace.is_given())
+            run_mtrace();
+        else
+            run_memcheck();
+    }
+
+    // Calls visitor.live_block(block) for each block that has not been released, in the table's order, then
+    // visitor.end().
+    template <class VISITOR>
+    void walk_live_blocks(VISITOR& visitor) const {
+        m_table.walk([&](uint64 address, uint32 size, uint32 origin) {
+            visitor.live_block(block{address, size, origin});
+        });
+        visitor.end();
+    }
+
+    const mtrace_log& mtrace() const noexcept { return m_mtrace; }
+    const memcheck_log& memcheck() const noexcept { return m_memcheck; }
+    const origin_table& origins() const noexcept { return m_origins; }
+
+private:
+    using __entry = allocation_table::__entry;
+
+    // Blocks that the framework mapped directly: malloc, and so an mtrace log, never saw them.
+    static constexpr uint8 huge_block = 3;
+
+    static constexpr uint32 mtrace_progress = 20;
+    static constexpr uint32 memcheck_progress = 100;
+
+    static constexpr std::size_t origins_minimum = 12 * 1024 * 1024;
+
+    void run_mtrace() {
+        mtrace_line rec;
+        uint32 count = 0;
+        while (read_mtrace(rec)) {
+            if (++count % mtrace_progress == 0)
+                m_sink.progress(count);
+            if (rec.is_alloc)
+                mtrace_allocation(rec);
+            else
+                release(rec);
+        }
+        m_sink.end_of_log(m_look_ahead.count());
+        m_look_ahead.walk([this](const look_ahead_list::record& left) { m_sink.leftover(shown(left)); });
+    }
+
+    void run_memcheck() {
+        memcheck_line rec;
+        uint32 count = 0;
+        while (read_memcheck_line(rec)) {
+            if (++count % memcheck_progress == 0)
+                m_sink.progress(count);
+            memcheck_record(rec);
+        }
+        m_sink.end_of_log(0);
+    }
+
+    template <class LINE>
+    const typename heap_log<LINE>::entry* next_line(heap_log<LINE>& log) {
+        if (log.is_used_up())
+            m_sink.before_read();
+        return log.next(m_table);
+    }
+
+    // The next valid record; lines that cannot be used are skipped, with a warning where that is a fault. False at
+    // the end of the log. Texts are valid until the next call.
+    bool read_mtrace(mtrace_line& out) {
+        const qorDebugSeq trace(m_debug_code, "read_mtrace");
+        forget_unused_origins();
+        while (const auto* const next = next_line(m_mtrace)) {
+            if (next->kind != log_lines::kind::record) {
+                m_sink.warning(warning::invalid_mtrace_line, {});
+                continue;
+            }
+            // The size still tells what the line must have been.
+            if (!next->is_code_known) {
+                log_lines::parse(m_mtrace.last_line(), out);
+                m_sink.warning(warning::bad_code_token, out.code);
+            }
+            out.address = next->address;
+            out.size = next->size;
+            out.is_alloc = next->is_alloc;
+            out.caller = {m_mtrace.text() + next->caller_at, next->caller_size};
+            out.caller_number = next->caller_number;
+            return true;
+        }
+        qorDebug(m_debug_code, "Cannot read; assume EOF");
+        return false;
+    }
+
+    bool read_memcheck_line(memcheck_line& out) {
+        const qorDebugSeq trace(m_debug_code, "read_memcheck_line");
+        forget_unused_origins();
+        while (const auto* const next = next_line(m_memcheck)) {
+            out = *next;
+            if (next->kind == log_lines::kind::record)
+                return true;
+            if (next->kind == log_lines::kind::too_few_words)
+                m_sink.warning(warning::invalid_memcheck_line, {});
+            else
+                m_sink.warning(warning::unknown_memcheck_code, {&out.code, 1});
+        }
+        qorDebug(m_debug_code, "Cannot read; assume EOF");
+        return false;
+    }
+
+    // A slot that is written with address 0 stays blank.
+    void tell_allocation(uint64 address, uint32 size, uint32 origin) {
+        if (address != 0)
+            m_sink.allocation(block{address, size, origin});
+    }
+
+    void mtrace_allocation(const mtrace_line& rec) {
+        const uint32 origin = m_callers.of(rec.caller_number, 0, [&] { return m_origins.of_caller(rec.caller); });
+        if (!m_memcheck.is_given()) {
+            m_table.add(rec.address, rec.size, origin);
+            return tell_allocation(rec.address, rec.size, origin);
+        }
+        const __entry entry = m_table.find_blank(rec.address);
+        m_table.set(entry, rec.address, rec.size, origin);
+        mtrace_add_memcheck_data(entry);
+        tell_allocation(rec.address, rec.size, m_table.origin(entry));
+    }
+
+    template <class LINE>
+    void release(const LINE& rec) {
+        const auto* const released = m_table.release(rec.address);
+        if (released == nullptr)
+            m_sink.bad_free(rec);
+        else if (rec.address != 0)
+            m_sink.release(block{rec.address, released->size, released->origin});
+    }
+
+    look_ahead_list::record keep(const memcheck_line& rec) {
+        return {
+            rec.code, rec.bt, rec.address, rec.size, rec.line, m_origins.text(rec.file), m_origins.text(rec.type_name)};
+    }
+
+    memcheck_line shown(const look_ahead_list::record& rec) const {
+        return {rec.code,
+                rec.address,
+                rec.size,
+                rec.bt,
+                rec.line,
+                m_origins.printed(rec.file),
+                m_origins.printed(rec.type_name)};
+    }
+
+    // The bounded look-ahead into the other log. What it meets on the way is kept for later, except what needs no
+    // partner: huge blocks enter the table at once, and frees say nothing that the mtrace log does not.
+    bool mtrace_read_memcheck_for(uint64 address, look_ahead_list::record& out) {
+        const qorDebugSeq trace(m_debug_code, "mtrace_read_memcheck_for");
+        if (!m_memcheck.is_given())
+            return false;
+        if (m_look_ahead.take(address, out))
+            return true;
+        memcheck_line rec;
+        while (!m_look_ahead.is_full() && read_memcheck_line(rec)) {
+            if (rec.address == address) {
+                out = keep(rec);
+                return true;
+            }
+            if (rec.bt == huge_block)
+                mtrace_handle_huge_entry(rec);
+            else if (rec.code != 'F')
+                m_look_ahead.append(keep(rec));
+        }
+        return false;
+    }
+
+    // Greedy on purpose: takes every record for the address within reach, the last of each kind counts. The slot says
+    // for which: one that was written with address 0 is blank, and a huge block met on the way may take it.
+    void mtrace_add_memcheck_data(const __entry& entry) {
+        const qorDebugSeq trace(m_debug_code, "mtrace_add_memcheck_data");
+        look_ahead_list::record rec;
+        while (mtrace_read_memcheck_for(m_table.address(entry), rec)) {
+            // A blank slot comes from nowhere.
+            if (m_table.address(entry) == 0)
+                continue;
+            if (rec.code == 'A')
+                set_place(entry, rec.file, rec.line);
+            else if (rec.code == 'T')
+                set_type_name(entry, rec.type_name);
+        }
+    }
+
+    void mtrace_handle_huge_entry(const memcheck_line& rec) {
+        const qorDebugSeq trace(m_debug_code, "mtrace_handle_huge_entry");
+        if (rec.code == 'A')
+            enter_memcheck(rec);
+        else if (rec.code == 'F')
+            release(rec);
+    }
+
+    void memcheck_record(const memcheck_line& rec) {
+        __entry entry;
+        switch (rec.code) {
+        case 'F':
+            release(rec);
+            break;
+        case 'T':
+            // No block lives at address 0, whatever the blank slots hold.
+            if (rec.address != 0 && m_table.find_entry(rec.address, entry)) {
+                set_type_name(entry, m_type_names.of(rec.number, 0, [&] { return m_origins.text(rec.type_name); }));
+                m_sink.origin_changed(block{rec.address, m_table.size(entry), m_table.origin(entry)});
+            } else {
+                m_sink.warning(warning::unmatched_type_record, {});
+            }
+            break;
+        case 'A':
+            enter_memcheck(rec);
+            break;
+        default:
+            // The reader yields no other code; this says so should it ever learn one.
+            m_sink.warning(warning::unexpected_memcheck_code, {&rec.code, 1});
+            break;
+        }
+    }
+
+    void enter_memcheck(const memcheck_line& rec) {
+        const uint32 origin = m_places.of(rec.number, rec.bt, [&] {
+            return m_origins.of({0, m_origins.text(rec.type_name), m_origins.text(rec.file), rec.line, rec.bt});
+        });
+        m_table.add(rec.address, rec.size, origin);
+        tell_allocation(rec.address, rec.size, origin);
+    }
+
+    void set_place(const __entry& entry, uint32 file, int32 line) {
+        origin_table::origin known = m_origins.get(m_table.origin(entry));
+        known.file = file;
+        known.line = line;
+        m_table.set_origin(entry, m_origins.of(known));
+    }
+
+    void set_type_name(const __entry& entry, uint32 type_name) {
+        origin_table::origin known = m_origins.get(m_table.origin(entry));
+        known.type_name = type_name;
+        m_table.set_origin(entry, m_origins.of(known));
+    }
+
+    // Logs may name new callers all the time, so those that no live block has are given up now and then.
+    void forget_unused_origins() {
+        if (m_origins.bytes() > m_origins_limit)
+            renew_origins();
+    }
+
+    [[gnu::noinline]] void renew_origins() {
+        origin_table kept;
+        std::vector<uint32> numbers(m_origins.count(), number_index::none);
+        m_table.renumber_origins([&](uint32 old) {
+            if (numbers[old] == number_index::none)
+                numbers[old] = kept.adopt(m_origins, old);
+            return numbers[old];
+        });
+        m_look_ahead.walk([&](look_ahead_list::record& rec) {
+            rec.file = kept.adopt_text(m_origins, rec.file);
+            rec.type_name = kept.adopt_text(m_origins, rec.type_name);
+        });
+        m_origins = std::move(kept);
+        m_callers.forget();
+        m_places.forget();
+        m_type_names.forget();
+        m_origins_limit = std::max(origins_minimum, 2 * m_origins.bytes());
+    }
+
+    SINK& m_sink;
+    uint32 m_debug_code;
+    mtrace_log m_mtrace;
+    memcheck_log m_memcheck;
+    allocation_table m_table;
+    look_ahead_list m_look_ahead;
+    origin_table m_origins;
+    text_numbers::taker m_callers;                 // the origin of one
+    text_numbers::taker m_places;                  // the origin of a file and line, beside a block's type
+    text_numbers::taker m_type_names;              // the text's number in m_origins
+    std::size_t m_origins_limit = origins_minimum; // bytes of m_origins at which the unused are given up
+};
+
+} // namespace qor::heap

@@ -1,0 +1,59 @@
+// What a replay tells, and to whom.
+#pragma once
+
+#include "heap/log/log_lines.h"
+#include "qor/system/Types.h"
+
+#include <concepts>
+#include <string_view>
+
+namespace qor::heap {
+
+// A block of the table. Its address is not 0.
+struct block {
+    uint64 address;
+    uint32 size;   // in bytes
+    uint32 origin; // its number in replay::origins(), valid during the call
+};
+
+// Why a line was skipped, or what is odd about it. Some warnings come with a text, valid during the call.
+enum class warning : uint8 {
+    invalid_mtrace_line,
+    bad_code_token, // the token; the record counts, its size decides what it is
+    invalid_memcheck_line,
+    unknown_memcheck_code, // the letter
+    unmatched_type_record,
+    unexpected_memcheck_code, // the letter
+};
+
+// All calls come from the thread that runs the replay, in the order of the log. A sink that throws ends the replay.
+template <class SINK>
+concept replay_sink = requires(SINK& sink, const block& of, const log_lines::mtrace_line& mtrace_record,
+                               const log_lines::memcheck_line& memcheck_record, std::string_view text) {
+    // The table got a block, or is about to lose one. What a joined log says of a block is known when it comes.
+    sink.allocation(of);
+    sink.release(of);
+
+    // A live block got another origin; `text` above is its type name.
+    sink.origin_changed(of);
+
+    // A release of an address that no live block has.
+    sink.bad_free(mtrace_record);
+    sink.bad_free(memcheck_record);
+
+    sink.warning(warning::bad_code_token, text);
+
+    // So many records have been read. Comes at every 20th one of an mtrace log and every 100th one of an allocation
+    // log.
+    sink.progress(uint32{});
+
+    // Lines are about to be read, which may take a while; or do not exist yet, which may take any time.
+    sink.before_read();
+    sink.before_wait();
+
+    // The log has been read to its end. So many records of the joined log had no partner; leftover() gets each of them.
+    sink.end_of_log(uint32{});
+    sink.leftover(memcheck_record);
+};
+
+} // namespace qor::heap
