@@ -33,13 +33,13 @@ void compare(const std::string& text, SAME same, KEPT kept) {
         PLAIN expected;
         const auto expected_kind = static_cast<int>(plain_log::parse(plain_line, expected));
         const bool is_record = expected_kind == static_cast<int>(plain_log::kind::record);
-        LINE usual;
+        LINE canonical;
         const char* behind = next;
-        const bool taken = log_lines::take_usual(behind, usual);
+        const bool is_canonical = log_lines::parse_canonical(behind, canonical);
         std::string_view line;
         require(log_fields::next_line(next, end, line) && line == plain_line);
-        if (taken)
-            require(behind == next && is_record && same(usual, expected));
+        if (is_canonical)
+            require(behind == next && is_record && same(canonical, expected));
         LINE any;
         require(static_cast<int>(log_lines::parse(line, any)) == expected_kind);
         if (is_record)
@@ -61,7 +61,7 @@ void compare(const std::string& text, SAME same, KEPT kept) {
         if (expected_kind == static_cast<int>(plain_log::kind::no_meaning))
             continue;
         if (at == count) {
-            count = log_lines::take_lines<LINE>(run.data(), behind, end, entries.data(), 3);
+            count = log_lines::parse_lines<LINE>(run.data(), behind, end, entries.data(), 3);
             at = 0;
             require(count != 0);
         }
@@ -70,7 +70,7 @@ void compare(const std::string& text, SAME same, KEPT kept) {
         if (expected_kind == static_cast<int>(plain_log::kind::record))
             require(kept(run.data(), each, expected));
     }
-    require(at == count && log_lines::take_lines<LINE>(run.data(), behind, end, entries.data(), 3) == 0 &&
+    require(at == count && log_lines::parse_lines<LINE>(run.data(), behind, end, entries.data(), 3) == 0 &&
             behind == end);
 }
 

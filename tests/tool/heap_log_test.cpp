@@ -60,12 +60,12 @@ std::vector<seen> read_all(mtrace_log& log, allocation_table& table) {
     while (const mtrace_log::entry* const next = log.next(table)) {
         const bool is_record = next->kind == log_lines::kind::record;
         const std::string caller(log.text() + next->caller_at, next->caller_size);
-        if (next->caller_number != text_numbers::none) {
-            EXPECT_EQ(numbered.emplace(next->caller_number, caller).first->second, caller);
+        if (next->caller_id != text_ids::none) {
+            EXPECT_EQ(numbered.emplace(next->caller_id, caller).first->second, caller);
         }
         all.push_back({caller, is_record ? next->address : 0, next->kind});
     }
-    // Two hundred callers, and two who give numbers out.
+    // Two hundred callers, and two assigners of ids.
     EXPECT_LE(numbered.size(), 400u);
     return all;
 }

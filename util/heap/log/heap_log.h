@@ -97,7 +97,7 @@ private:
     // To lines that mean something.
     [[gnu::noinline]] bool go_on(allocation_table& table) {
         while (m_next == m_batch->count) {
-            if (!m_batch->parse_on(m_numbers) && !next_batch())
+            if (!m_batch->parse_on(m_ids) && !next_batch())
                 return false;
             begin_batch(table);
             if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code))
@@ -113,7 +113,7 @@ private:
             start_thread();
         if (m_ahead)
             m_batch = m_ahead->next(m_before_wait);
-        else if (!has_more || !m_source.lend(m_first, m_numbers))
+        else if (!has_more || !m_source.borrow_batch(m_first, m_ids))
             m_batch = nullptr;
         if (m_batch == nullptr) {
             set_empty();
@@ -188,7 +188,7 @@ private:
     const char* m_trace_format;
     std::function<void()> m_before_wait;
     extent m_extent = extent::whole;
-    text_numbers::giver m_numbers{0};
+    text_ids::assigner m_ids{0};
     log_source<LINE> m_source;
     std::optional<log_ahead<LINE>> m_ahead;
     batch m_first; // of a short log the only one

@@ -26,10 +26,10 @@ public:
     log_ahead(const log_ahead&) = delete;
     log_ahead& operator=(const log_ahead&) = delete;
 
-    // The thread may be waiting for a log that nobody writes any more. What it uses is its own as well, so it is left
-    // to itself then.
+    // The thread may be waiting for a log that nobody writes to any more. It then goes on by itself, with the state
+    // that it shares.
     ~log_ahead() {
-        if (m_shared->leave())
+        if (m_shared->abandon())
             m_thread.join();
         else
             m_thread.detach();
@@ -48,12 +48,12 @@ private:
         explicit shared(const log_source<LINE>& source) : m_source(source) {
             for (batch& each : m_batches)
                 each.make_with_text();
-            m_numbers.make();
+            m_ids.make();
         }
 
         void read() {
             bool parsed;
-            for (batch* free = next_free(parsed); free != nullptr && m_source.give(*free, parsed, m_numbers);
+            for (batch* free = next_free(parsed); free != nullptr && m_source.copy_batch(*free, parsed, m_ids);
                  free = next_free(parsed))
                 pass_on(*free);
             qorGetLastError(m_error.Out());
@@ -66,21 +66,21 @@ private:
         batch* take(const BEFORE_WAIT& before_wait) {
             std::unique_lock hold(m_lock);
             m_processor = current_processor();
-            if (m_is_held)
-                give_back();
+            if (m_is_in_use)
+                return_batch();
             wait_for_batches(hold, before_wait);
             if (waiting() != 0) {
-                m_is_held = true;
+                m_is_in_use = true;
                 return &m_batches[m_taken % ring];
             }
             qor::glue::qorSetLastErrorMessage(*m_error);
             return nullptr;
         }
 
-        // False: the thread has not come to its end yet.
-        bool leave() {
+        // Tells the thread to end. False: it has not ended yet.
+        bool abandon() {
             const std::lock_guard hold(m_lock);
-            m_is_left = true;
+            m_is_abandoned = true;
             m_changed.notify_all();
             return m_is_done;
         }
@@ -88,23 +88,23 @@ private:
     private:
         static constexpr uint64 ring = 16;
 
-        // With fewer batches before it the replay is the faster side. Then it is left to parse what comes, so that
-        // neither side waits for the other.
-        static constexpr uint64 comfort = ring / 2;
+        // With fewer batches waiting than this, the replay is the faster side. The thread then leaves parsing to it, so
+        // that neither side waits for the other.
+        static constexpr uint64 low_water = ring / 2;
 
-        // To wake a thread costs more than a batch is worth. So who has to wait does so for some of them, but what
-        // comes slowly is not held up.
-        static constexpr uint64 some = ring / 4;
+        // Waking a thread costs more than one batch is worth. So a waiting replay is woken when several batches are
+        // there, or after `patience`: a slow log is not held up.
+        static constexpr uint64 wake_count = ring / 4;
         static constexpr std::chrono::milliseconds patience{1};
 
         uint64 waiting() const noexcept { return m_passed - m_taken; }
 
-        // Beside `patience`, what is done before a long wait takes no time.
+        // before_wait() is called only after `patience`, beside which its cost does not count.
         template <class BEFORE_WAIT>
         void wait_for_batches(std::unique_lock<std::mutex>& hold, const BEFORE_WAIT& before_wait) {
             if (waiting() != 0 || m_is_done)
                 return;
-            m_wanted = some;
+            m_wanted = wake_count;
             if (m_changed.wait_for(hold, patience, [this] { return waiting() >= m_wanted || m_is_done; }))
                 return;
             m_wanted = 1;
@@ -116,44 +116,44 @@ private:
             m_changed.wait(hold, [this] { return waiting() != 0 || m_is_done; });
         }
 
-        void give_back() {
-            m_is_held = false;
+        void return_batch() {
+            m_is_in_use = false;
             ++m_taken;
-            if (waiting() <= comfort)
+            if (waiting() <= low_water)
                 m_changed.notify_all();
         }
 
         batch* next_free(bool& parsed) {
             std::unique_lock hold(m_lock);
             if (waiting() == ring)
-                m_changed.wait(hold, [this] { return waiting() <= comfort || m_is_left; });
-            parsed = waiting() >= comfort;
+                m_changed.wait(hold, [this] { return waiting() <= low_water || m_is_abandoned; });
+            parsed = waiting() >= low_water;
             m_place.keep_off(m_processor);
-            return m_is_left ? nullptr : &m_batches[m_passed % ring];
+            return m_is_abandoned ? nullptr : &m_batches[m_passed % ring];
         }
 
         void pass_on(const batch& filled) {
             std::unique_lock hold(m_lock);
             ++m_passed;
-            if (waiting() >= m_wanted || filled.is_lent)
+            if (waiting() >= m_wanted || filled.is_borrowed)
                 m_changed.notify_all();
-            if (filled.is_lent)
-                m_changed.wait(hold, [this] { return waiting() == 0 || m_is_left; });
+            if (filled.is_borrowed)
+                m_changed.wait(hold, [this] { return waiting() == 0 || m_is_abandoned; });
         }
 
         log_source<LINE> m_source;
         batch m_batches[ring];
-        text_numbers::giver m_numbers{1};
+        text_ids::assigner m_ids{1};
         zetSmartPointer<IQORErrorMessage> m_error; // the thread's last one
 
         std::mutex m_lock;
         std::condition_variable m_changed;
         uint64 m_passed = 0; // batches, counted from the first
         uint64 m_taken = 0;
-        uint64 m_wanted = 1;    // of them, before it is worth while to go on
-        bool m_is_held = false; // the one behind those taken is in use
+        uint64 m_wanted = 1;      // waiting batches at which the replay is woken
+        bool m_is_in_use = false; // the replay is using the batch behind those taken
         bool m_is_done = false;
-        bool m_is_left = false;
+        bool m_is_abandoned = false;
         int m_processor = current_processor(); // where the replay was last seen
         thread_place m_place;                  // the thread's
     };

@@ -4,7 +4,7 @@
 #include "log_fields.h"
 #include "log_lines.h"
 #include "qor/qor.h"
-#include "text_numbers.h"
+#include "text_ids.h"
 
 #include <algorithm>
 #include <cstring>
@@ -17,10 +17,10 @@ template <class LINE>
 struct log_batch {
     using entry = log_lines::entry<LINE>;
 
-    // At a time.
+    // Lines that are parsed at a time.
     static constexpr uint32 limit = 1024;
 
-    // Who looks ahead by less than this does not have to ask where the entries end.
+    // Entries behind the last one that may be read, so that a look-ahead shorter than this needs no check.
     static constexpr uint32 margin = 32;
 
     const char* text = nullptr;
@@ -32,14 +32,14 @@ struct log_batch {
     uint32 count = 0;
     std::vector<entry> entries;
 
-    // True: the text is that of the reader, until it reads on.
-    bool is_lent = false;
+    // True: the text is the reader's, valid until it reads on.
+    bool is_borrowed = false;
 
     // True: the text is the beginning of a line that is too long for a record.
     bool is_cut = false;
 
-    // For a text of the batch's own: so much that to pass it on is nothing beside it, and no more than the caches hold
-    // of some.
+    // The batch's own text: large enough that passing a batch on costs nothing in comparison, small enough that the
+    // caches hold several.
     static constexpr std::size_t own_size = 64 * 1024;
     std::vector<char> own;
 
@@ -51,22 +51,22 @@ struct log_batch {
     }
 
     // The entries of the text's next lines take the place of those before. False: there are none left.
-    bool parse_on(text_numbers::giver& numbers) {
+    bool parse_on(text_ids::assigner& ids) {
         if (end == size)
             return false;
         begin = end;
         const char* next = text + begin;
-        count = log_lines::take_lines<LINE>(text, next, text + size, entries.data(), limit);
+        count = log_lines::parse_lines<LINE>(text, next, text + size, entries.data(), limit);
         end = static_cast<uint32>(next - text);
         if (!is_cut)
-            give_numbers(numbers);
+            assign_ids(ids);
         else if (count != 0)
             entries[0].kind = log_lines::kind::too_few_words;
         return true;
     }
 
-    // Which lines have a text comes in no order that a processor could guess, so they are looked for first.
-    void give_numbers(text_numbers::giver& numbers) {
+    // The lines with a text are collected first, without a branch: their order cannot be predicted.
+    void assign_ids(text_ids::assigner& ids) {
         uint32 with_text[limit];
         uint32 found = 0;
         for (uint32 i = 0; i < count; ++i) {
@@ -74,20 +74,20 @@ struct log_batch {
             found += has_text(entries[i]);
         }
         for (uint32 i = 0; i < found; ++i)
-            give_number(numbers, entries[with_text[i]]);
+            assign_id(ids, entries[with_text[i]]);
     }
 
     static bool has_text(const log_lines::entry<log_lines::mtrace_line>& of) noexcept { return of.is_alloc; }
     static bool has_text(const log_lines::memcheck_line& of) noexcept { return of.code != 'F'; }
 
-    void give_number(text_numbers::giver& numbers, log_lines::entry<log_lines::mtrace_line>& to) const {
-        to.caller_number = numbers.of({text + to.caller_at, to.caller_size});
+    void assign_id(text_ids::assigner& ids, log_lines::entry<log_lines::mtrace_line>& to) const {
+        to.caller_id = ids.of({text + to.caller_at, to.caller_size});
     }
-    void give_number(text_numbers::giver& numbers, log_lines::entry<log_lines::memcheck_line>& to) const {
+    void assign_id(text_ids::assigner& ids, log_lines::entry<log_lines::memcheck_line>& to) const {
         std::string_view all = to.type_name;
         if (!to.file.empty())
             all = {to.file.data(), static_cast<std::size_t>(text + to.end - to.file.data())};
-        to.number = numbers.of(all);
+        to.text_id = ids.of(all);
     }
 
     // The memory of a batch that is used.
@@ -127,34 +127,35 @@ public:
         return m_next != m_end;
     }
 
-    // The next lines, parsed; their text is the reader's. False: there are none, as above.
-    bool lend(batch& out, text_numbers::giver& numbers) {
+    // The next lines, parsed. Their text stays the reader's and is valid until it reads on. False: there are none, as
+    // above.
+    bool borrow_batch(batch& out, text_ids::assigner& ids) {
         if (!has_text())
             return false;
-        out.is_lent = true;
+        out.is_borrowed = true;
         out.set_text(m_next, static_cast<std::size_t>(m_end - m_next));
         out.is_cut = m_is_cut;
-        out.parse_on(numbers);
+        out.parse_on(ids);
         out.size = out.end;
         m_next += out.size;
         return true;
     }
 
-    // The next lines with a text of the batch's own, which has been made, unless the first one is too long for that:
-    // lent. Parsed only if that is wanted.
-    bool give(batch& out, bool parsed, text_numbers::giver& numbers) {
+    // Copies the next lines into the batch's own text, which make_with_text() has allocated; borrows them if the first
+    // line is too long for it. Parses them if `parsed`. False as above.
+    bool copy_batch(batch& out, bool parsed, text_ids::assigner& ids) {
         if (!has_text())
             return false;
         const std::string_view piece(m_next, std::min<std::size_t>(batch::own_size, m_end - m_next));
         const std::size_t size = piece.rfind('\n') + 1;
         if (size == 0 || m_is_cut)
-            return lend(out, numbers);
-        out.is_lent = false;
+            return borrow_batch(out, ids);
+        out.is_borrowed = false;
         std::memcpy(out.own.data(), m_next, size);
         out.set_text(out.own.data(), size);
         m_next += size;
         if (parsed)
-            out.parse_on(numbers);
+            out.parse_on(ids);
         return true;
     }
 

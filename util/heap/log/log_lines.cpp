@@ -98,7 +98,7 @@ constexpr auto meanings = [] {
 }();
 
 // Part of the loop over all lines, so that what it finds never gets to memory.
-[[gnu::always_inline]] inline bool take(const char*& next, log_lines::mtrace_line& out) noexcept {
+[[gnu::always_inline]] inline bool parse_canonical_inline(const char*& next, log_lines::mtrace_line& out) noexcept {
     if (next[0] != '@' || next[1] != ' ')
         return false;
     const char* const caller = next + 2;
@@ -132,7 +132,7 @@ constexpr auto meanings = [] {
 
 } // namespace
 
-bool log_lines::take_usual(const char*& next, mtrace_line& out) { return take(next, out); }
+bool log_lines::parse_canonical(const char*& next, mtrace_line& out) { return parse_canonical_inline(next, out); }
 
 log_lines::kind log_lines::parse(std::string_view line, mtrace_line& out) {
     if (line.empty() || line[0] != '@')
@@ -164,7 +164,7 @@ bool log_lines::has_form<log_lines::memcheck_line>(std::string_view line) noexce
 
 namespace {
 
-[[gnu::always_inline]] inline bool take(const char*& next, log_lines::memcheck_line& out) noexcept {
+[[gnu::always_inline]] inline bool parse_canonical_inline(const char*& next, log_lines::memcheck_line& out) noexcept {
     const char code = next[0];
     if ((code != 'A' && code != 'F' && code != 'T') || next[1] != ' ')
         return false;
@@ -215,7 +215,7 @@ namespace {
 
 } // namespace
 
-bool log_lines::take_usual(const char*& next, memcheck_line& out) { return take(next, out); }
+bool log_lines::parse_canonical(const char*& next, memcheck_line& out) { return parse_canonical_inline(next, out); }
 
 log_lines::kind log_lines::parse(std::string_view line, memcheck_line& out) {
     if (line.empty() || line[0] == '#')
@@ -262,7 +262,7 @@ void keep(const log_lines::mtrace_line& line, const char* text,
     out.size = line.size;
     out.caller_at = line.caller.empty() ? 0 : static_cast<uint32>(line.caller.data() - text);
     out.caller_size = static_cast<uint32>(line.caller.size());
-    out.caller_number = 0;
+    out.caller_id = 0;
     out.is_alloc = line.is_alloc;
     out.is_code_known = line.is_code_known;
 }
@@ -272,13 +272,13 @@ void keep(const log_lines::memcheck_line& line, const char*, log_lines::memcheck
 } // namespace
 
 template <class LINE>
-uint32 log_lines::take_lines(const char* text, const char*& next, const char* end, entry<LINE>* out, uint32 limit) {
+uint32 log_lines::parse_lines(const char* text, const char*& next, const char* end, entry<LINE>* out, uint32 limit) {
     uint32 count = 0;
     while (count != limit && next != end) {
         entry<LINE>& each = out[count];
         kind what = kind::record;
-        if (LINE usual; take(next, usual)) {
-            keep(usual, text, each);
+        if (LINE canonical; parse_canonical_inline(next, canonical)) {
+            keep(canonical, text, each);
         } else {
             LINE any;
             std::string_view line;
@@ -293,7 +293,7 @@ uint32 log_lines::take_lines(const char* text, const char*& next, const char* en
     return count;
 }
 
-template uint32 log_lines::take_lines(const char*, const char*&, const char*, entry<mtrace_line>*, uint32);
-template uint32 log_lines::take_lines(const char*, const char*&, const char*, entry<memcheck_line>*, uint32);
+template uint32 log_lines::parse_lines(const char*, const char*&, const char*, entry<mtrace_line>*, uint32);
+template uint32 log_lines::parse_lines(const char*, const char*&, const char*, entry<memcheck_line>*, uint32);
 
 } // namespace qor::heap

@@ -23,7 +23,7 @@ struct mtrace_line {
     uint32 size = 0;
     bool is_alloc = false;
     bool is_code_known = false; // if not, the size decides what it is
-    uint32 caller_number = 0;   // of text_numbers
+    uint32 caller_id = 0;       // of text_ids
 };
 
 // One record of an allocation log; what its kind does not carry is 0 or empty.
@@ -35,7 +35,7 @@ struct memcheck_line {
     int32 line = 0;
     std::string_view file;
     std::string_view type_name;
-    uint32 number = 0; // of text_numbers, for the type name, or for the file and all behind it
+    uint32 text_id = 0; // of text_ids: of the type name, or of the file and what follows it
 };
 
 // A line without white space at both ends. An unknown code is in out.code.
@@ -46,10 +46,11 @@ kind parse(std::string_view line, memcheck_line& out);
 template <class LINE>
 bool has_form(std::string_view line) noexcept;
 
-// Takes a record off a run of lines if its line is written the way the C library or the framework writes it:
-// words with one blank between them. False: it is not, nothing was taken.
-bool take_usual(const char*& next, mtrace_line& out);
-bool take_usual(const char*& next, memcheck_line& out);
+// Parses the record at the beginning of a run of lines if its line is written exactly as the C library or the framework
+// writes it, with one blank between words, and moves `next` behind it. False: the line has another form, and parse() is
+// to be used.
+bool parse_canonical(const char*& next, mtrace_line& out);
+bool parse_canonical(const char*& next, memcheck_line& out);
 
 // What a batch keeps of a line: for an mtrace log in half a cache line, since it goes from one processor to another.
 template <class LINE>
@@ -62,7 +63,7 @@ struct entry<mtrace_line> {
     uint32 end = 0;       // behind the line, in the batch's text
     uint32 caller_at = 0; // in the text, too
     uint32 caller_size = 0;
-    uint32 caller_number = 0; // of text_numbers, for an allocation
+    uint32 caller_id = 0; // of text_ids, for an allocation
     log_lines::kind kind = kind::record;
     bool is_alloc = false;
     bool is_code_known = false;
@@ -78,6 +79,6 @@ struct entry<memcheck_line> : memcheck_line {
 // Makes entries of the lines of [next, end), of which `text` is the beginning or comes before; as many as `limit`.
 // Lines without meaning have none. The number of entries; `next` is behind the last line looked at.
 template <class LINE>
-uint32 take_lines(const char* text, const char*& next, const char* end, entry<LINE>* out, uint32 limit);
+uint32 parse_lines(const char* text, const char*& next, const char* end, entry<LINE>* out, uint32 limit);
 
 } // namespace qor::heap::log_lines

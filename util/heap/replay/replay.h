@@ -4,7 +4,7 @@
 
 #include "heap/log/heap_log.h"
 #include "heap/log/log_lines.h"
-#include "heap/log/text_numbers.h"
+#include "heap/log/text_ids.h"
 #include "heap/origin/origin_table.h"
 #include "heap/table/allocation_table.h"
 #include "heap/table/look_ahead_list.h"
@@ -131,7 +131,7 @@ private:
             out.size = next->size;
             out.is_alloc = next->is_alloc;
             out.caller = {m_mtrace.text() + next->caller_at, next->caller_size};
-            out.caller_number = next->caller_number;
+            out.caller_id = next->caller_id;
             return true;
         }
         qorDebug(m_debug_code, "Cannot read; assume EOF");
@@ -161,7 +161,7 @@ private:
     }
 
     void mtrace_allocation(const mtrace_line& rec) {
-        const uint32 origin = m_callers.of(rec.caller_number, 0, [&] { return m_origins.of_caller(rec.caller); });
+        const uint32 origin = m_callers.of(rec.caller_id, 0, [&] { return m_origins.of_caller(rec.caller); });
         if (!m_memcheck.is_given()) {
             m_table.add(rec.address, rec.size, origin);
             return tell_allocation(rec.address, rec.size, origin);
@@ -251,7 +251,7 @@ private:
         case 'T':
             // No block lives at address 0, whatever the blank slots hold.
             if (rec.address != 0 && m_table.find_entry(rec.address, entry)) {
-                set_type_name(entry, m_type_names.of(rec.number, 0, [&] { return m_origins.text(rec.type_name); }));
+                set_type_name(entry, m_type_names.of(rec.text_id, 0, [&] { return m_origins.text(rec.type_name); }));
                 m_sink.origin_changed(block{rec.address, m_table.size(entry), m_table.origin(entry)});
             } else {
                 m_sink.warning(warning::unmatched_type_record, {});
@@ -268,7 +268,7 @@ private:
     }
 
     void enter_memcheck(const memcheck_line& rec) {
-        const uint32 origin = m_places.of(rec.number, rec.bt, [&] {
+        const uint32 origin = m_places.of(rec.text_id, rec.bt, [&] {
             return m_origins.of({0, m_origins.text(rec.type_name), m_origins.text(rec.file), rec.line, rec.bt});
         });
         m_table.add(rec.address, rec.size, origin);
@@ -291,10 +291,10 @@ private:
     // Logs may name new callers all the time, so those that no live block has are given up now and then.
     void forget_unused_origins() {
         if (m_origins.bytes() > m_origins_limit)
-            renew_origins();
+            compact_origins();
     }
 
-    [[gnu::noinline]] void renew_origins() {
+    [[gnu::noinline]] void compact_origins() {
         origin_table kept;
         std::vector<uint32> numbers(m_origins.count(), number_index::none);
         m_table.renumber_origins([&](uint32 old) {
@@ -320,9 +320,9 @@ private:
     allocation_table m_table;
     look_ahead_list m_look_ahead;
     origin_table m_origins;
-    text_numbers::taker m_callers;                 // the origin of one
-    text_numbers::taker m_places;                  // the origin of a file and line, beside a block's type
-    text_numbers::taker m_type_names;              // the text's number in m_origins
+    text_ids::cache m_callers;                     // origin of a caller
+    text_ids::cache m_places;                      // origin of a file and line, beside a block's type
+    text_ids::cache m_type_names;                  // number of the text in m_origins
     std::size_t m_origins_limit = origins_minimum; // bytes of m_origins at which the unused are given up
 };
 

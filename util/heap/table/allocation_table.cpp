@@ -96,7 +96,7 @@ void allocation_table::add(uint64 address, uint32 size, uint32 origin) {
 
 allocation_table::__entry allocation_table::find_blank_in_chain(uint32 bucket) {
     chain& all = chain_of(bucket);
-    const uint32 number = all.index.first_room();
+    const uint32 number = all.index.first_with_blank();
     if (number == chain_index::none) {
         all.append(make_block(0));
         return {bucket, static_cast<uint32>(all.blocks.size() - 1), 0};
@@ -123,19 +123,19 @@ void allocation_table::chain::append(__block* block) {
         blocks.back()->next = block;
     blocks.push_back(block);
     live.push_back(0);
-    index.set_room(static_cast<uint32>(blocks.size() - 1), true);
+    index.set_has_blank(static_cast<uint32>(blocks.size() - 1), true);
 }
 
 void allocation_table::chain::enter(uint64 address, uint32 place) {
     const uint32 number = place / __block::slot_count;
     if (++live[number] == __block::slot_count)
-        index.set_room(number, false);
+        index.set_has_blank(number, false);
     index.add(address, place, [this](uint32 each) { return address_at(each); });
 }
 
 const __block::slot_data* allocation_table::chain::release(uint64 address) noexcept {
     if (address == 0)
-        return index.first_room() != chain_index::none ? &nothing : nullptr;
+        return index.first_with_blank() != chain_index::none ? &nothing : nullptr;
     const uint32 place = index.take(address, [this](uint32 each) { return address_at(each); });
     if (place == chain_index::none)
         return nullptr;
@@ -143,7 +143,7 @@ const __block::slot_data* allocation_table::chain::release(uint64 address) noexc
     const uint32 slot = place % __block::slot_count;
     blank(blocks[number], slot);
     --live[number];
-    index.set_room(number, true);
+    index.set_has_blank(number, true);
     return &blocks[number]->data()[slot];
 }
 
@@ -208,9 +208,7 @@ uint64 allocation_table::address(const __entry& entry) const noexcept {
     return resolve(entry)->addresses()[entry.slot];
 }
 
-uint32 allocation_table::size(const __entry& entry) const noexcept {
-    return resolve(entry)->data()[entry.slot].size;
-}
+uint32 allocation_table::size(const __entry& entry) const noexcept { return resolve(entry)->data()[entry.slot].size; }
 
 uint32 allocation_table::origin(const __entry& entry) const noexcept {
     return resolve(entry)->data()[entry.slot].origin;

@@ -47,23 +47,23 @@ uint32 chain_index::take_repeated(uint32 first) noexcept {
     return root;
 }
 
-void chain_index::set_room(uint32 block, bool has_room) {
+void chain_index::set_has_blank(uint32 block, bool has_blank) {
     const std::size_t word = block / 64;
     const uint64 bit = uint64{1} << block % 64;
-    if (word >= m_room.size())
-        m_room.resize(word + 1);
-    if (has_room) {
-        m_room[word] |= bit;
-        m_room_word = std::min(m_room_word, word);
+    if (word >= m_blank.size())
+        m_blank.resize(word + 1);
+    if (has_blank) {
+        m_blank[word] |= bit;
+        m_blank_word = std::min(m_blank_word, word);
     } else {
-        m_room[word] &= ~bit;
+        m_blank[word] &= ~bit;
     }
 }
 
-uint32 chain_index::first_room() noexcept {
-    for (; m_room_word < m_room.size(); ++m_room_word)
-        if (const uint64 word = m_room[m_room_word])
-            return static_cast<uint32>(m_room_word * 64) + static_cast<uint32>(std::countr_zero(word));
+uint32 chain_index::first_with_blank() noexcept {
+    for (; m_blank_word < m_blank.size(); ++m_blank_word)
+        if (const uint64 word = m_blank[m_blank_word])
+            return static_cast<uint32>(m_blank_word * 64) + static_cast<uint32>(std::countr_zero(word));
     return none;
 }
 

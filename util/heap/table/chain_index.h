@@ -1,4 +1,4 @@
-// Beside a bucket whose blocks are more than one: where each address is and which blocks have room, so that a
+// The index of a bucket with more than one block: where each address is and which blocks have a blank slot, so that a
 // chain of a thousand blocks is not scanned for every record.
 #pragma once
 
@@ -58,10 +58,10 @@ public:
     }
 
     // Whether a block has a blank slot.
-    void set_room(uint32 block, bool has_room);
+    void set_has_blank(uint32 block, bool has_blank);
 
     // The first block that has one, or none.
-    uint32 first_room() noexcept;
+    uint32 first_with_blank() noexcept;
 
 private:
     template <class ADDRESS_AT>
@@ -79,10 +79,10 @@ private:
     uint32 take_repeated(uint32 first) noexcept;
     uint32 meld(uint32 a, uint32 b) noexcept;
 
-    number_index m_first;        // the earliest place of each address
-    std::vector<link> m_links;   // by place, as far as an address was ever repeated
-    std::vector<uint64> m_room;  // a bit for each block
-    std::size_t m_room_word = 0; // no bit is set in a word before this one
+    number_index m_first;         // the earliest place of each address
+    std::vector<link> m_links;    // by place, as far as an address was ever repeated
+    std::vector<uint64> m_blank;  // a bit for each block
+    std::size_t m_blank_word = 0; // no bit is set in a word before this one
 };
 
 } // namespace qor::heap

@@ -44,7 +44,7 @@ public:
     void bad_free(const __memcheck_line& rec) { report_free_without_alloc(rec); }
     void warning(qor::heap::warning what, std::string_view text);
     void progress(uint32 count) { m_streams.progress(count); }
-    void before_read() { m_streams.keep_up(); }
+    void before_read() { m_streams.flush_if_stale(); }
     void before_wait() { m_streams.before_wait(); }
     void end_of_log(uint32 leftovers);
     void leftover(const __memcheck_line& rec);

@@ -29,13 +29,13 @@ std::FILE* report_streams::out() {
 std::FILE* report_streams::err() {
     switch_to(m_err);
     write_progress();
-    keep_up();
+    flush_if_stale();
     return m_err;
 }
 
-void report_streams::keep_up() {
+void report_streams::flush_if_stale() {
     const auto now = std::chrono::steady_clock::now();
-    if (now - m_flushed > patience) {
+    if (now - m_flushed > stale_after) {
         write_progress();
         std::fflush(m_err);
         m_flushed = now;

@@ -17,20 +17,20 @@ public:
     // Findings go here; what was said on the other stream before is written out first if that matters.
     std::FILE* out();
 
-    // Progress and warnings go here. What a person watches is never older than `patience`.
+    // Progress and warnings go here. Nothing stays in the buffer for longer than `stale_after`.
     std::FILE* err();
 
-    // A number that the next one overwrites. It is kept back; who may have to wait says keep_up() before.
+    // A number that the next one overwrites. It stays in a buffer: call flush_if_stale() before what may take a while.
     void progress(unsigned count);
 
-    // Lets the person see what is older than `patience`.
-    void keep_up();
+    // Writes the buffer out if its last flush is longer ago than `stale_after`.
+    void flush_if_stale();
 
-    // Lets the person see all: nobody knows how long it is until the next word.
+    // Writes both streams out: the wait may take any time.
     void before_wait();
 
 private:
-    static constexpr auto patience = std::chrono::milliseconds(100);
+    static constexpr auto stale_after = std::chrono::milliseconds(100);
 
     void switch_to(std::FILE* stream);
     void write_progress();

@@ -19,7 +19,7 @@ public:
     ~report_text() { write_out(); }
 
     report_text& add(std::string_view text) {
-        if (text.size() > room()) {
+        if (text.size() > free_bytes()) {
             write_out();
             if (text.size() > size) {
                 fputtext(m_streams.out(), text.data(), text.size());
@@ -33,7 +33,7 @@ public:
 
     template <class NUMBER>
     report_text& add_number(NUMBER number, int base = 10) {
-        if (room() < 24)
+        if (free_bytes() < 24)
             write_out();
         m_next = std::to_chars(m_next, m_text.get() + size, number, base).ptr;
         return *this;
@@ -42,11 +42,11 @@ public:
 private:
     static constexpr std::size_t size = 64 * 1024;
 
-    std::size_t room() const noexcept { return static_cast<std::size_t>(m_text.get() + size - m_next); }
+    std::size_t free_bytes() const noexcept { return static_cast<std::size_t>(m_text.get() + size - m_next); }
 
     void write_out() {
         if (m_next != m_text.get())
-            fputtext(m_streams.out(), m_text.get(), size - room());
+            fputtext(m_streams.out(), m_text.get(), size - free_bytes());
         m_next = m_text.get();
     }
 

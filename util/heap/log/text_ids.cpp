@@ -1,4 +1,4 @@
-#include "text_numbers.h"
+#include "text_ids.h"
 
 #include "heap/table/hashing.h"
 
@@ -45,7 +45,7 @@ bool are_same(const char* one, const char* other, std::size_t size) noexcept {
 
 } // namespace
 
-uint32 text_numbers::giver::of(std::string_view text) {
+uint32 text_ids::assigner::of(std::string_view text) {
     if (text.empty() || text.size() > longest)
         return none;
     if (m_cells.empty())
@@ -53,37 +53,37 @@ uint32 text_numbers::giver::of(std::string_view text) {
     const uint32 hash = text.size() < 16 ? hashing::of_text(text) : hashing::of_end(text);
     for (uint32 i = 0; i < longest_search; ++i) {
         cell& each = m_cells[(hash + i) & mask];
-        if (each.number == none)
+        if (each.id == none)
             return remember(each, hash, text);
         if (each.hash == hash && is(each, text))
-            return each.number;
+            return each.id;
     }
     return none;
 }
 
-bool text_numbers::giver::is(const cell& known, std::string_view text) const noexcept {
+bool text_ids::assigner::is(const cell& known, std::string_view text) const noexcept {
     return known.size == text.size() && are_same(m_texts.get() + known.at, text.data(), text.size());
 }
 
-uint32 text_numbers::giver::remember(cell& free, uint32 hash, std::string_view text) noexcept {
-    if (m_next > std::numeric_limits<uint32>::max() - givers)
+uint32 text_ids::assigner::remember(cell& free, uint32 hash, std::string_view text) noexcept {
+    if (m_next > std::numeric_limits<uint32>::max() - assigners)
         return none;
-    if (m_count == limit || room - m_used < text.size())
+    if (m_count == limit || text_bytes - m_used < text.size())
         forget();
     text.copy(m_texts.get() + m_used, text.size());
-    const uint32 number = std::exchange(m_next, m_next + givers);
-    free = {hash, number, static_cast<uint32>(m_used), static_cast<uint32>(text.size())};
+    const uint32 id = std::exchange(m_next, m_next + assigners);
+    free = {hash, id, static_cast<uint32>(m_used), static_cast<uint32>(text.size())};
     m_used += text.size();
     ++m_count;
-    return number;
+    return id;
 }
 
-void text_numbers::giver::make() {
+void text_ids::assigner::make() {
     m_cells.resize(mask + 1);
-    m_texts.reset(new char[room]);
+    m_texts.reset(new char[text_bytes]);
 }
 
-void text_numbers::giver::forget() noexcept {
+void text_ids::assigner::forget() noexcept {
     std::fill(m_cells.begin(), m_cells.end(), cell{});
     m_used = 0;
     m_count = 0;
