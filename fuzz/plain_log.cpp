@@ -269,7 +269,8 @@ plain_log::kind plain_log::parse(const std::string& line, mtrace_line& out) {
     out = {all[0], all[1]};
     out.address = std::strtoull(all[2].c_str(), nullptr, 16);
     if (all.size() > 3)
-        out.size = static_cast<std::uint32_t>(std::strtoull(all[3].c_str(), nullptr, 0));
+        out.wide_size = std::strtoull(all[3].c_str(), nullptr, 0);
+    out.size = static_cast<std::uint32_t>(out.wide_size);
     const char code = out.code[0];
     out.is_code_known = code == '+' || code == '>' || code == '-' || code == '<';
     out.is_alloc = code == '+' || code == '>' || (!out.is_code_known && out.size != 0);
@@ -288,7 +289,8 @@ plain_log::kind plain_log::parse(const std::string& line, memcheck_line& out) {
         return kind::no_meaning;
     out.address = std::strtoull(all[0].c_str(), nullptr, 16);
     if (out.code == 'A') {
-        out.size = static_cast<std::uint32_t>(std::strtoull(all[1].c_str(), nullptr, 0));
+        out.wide_size = std::strtoull(all[1].c_str(), nullptr, 0);
+        out.size = static_cast<std::uint32_t>(out.wide_size);
         out.bt = static_cast<std::uint8_t>(std::strtoull(all[2].c_str(), nullptr, 0));
         out.file = all.size() > 3 ? all[3] : "";
         out.line = all.size() > 4 ? static_cast<std::int32_t>(std::strtoll(all[4].c_str(), nullptr, 0)) : 0;

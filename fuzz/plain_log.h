@@ -19,6 +19,7 @@ struct mtrace_line {
     std::string caller, code;
     std::uint64_t address = 0;
     std::uint32_t size = 0;
+    std::uint64_t wide_size = 0; // not cut to 32 bits
     bool is_alloc = false;
     bool is_code_known = false;
 };
@@ -27,6 +28,7 @@ struct memcheck_line {
     char code = 0;
     std::uint64_t address = 0;
     std::uint32_t size = 0;
+    std::uint64_t wide_size = 0; // not cut to 32 bits
     std::uint8_t bt = 0;
     std::string file;
     std::int32_t line = 0;

@@ -99,6 +99,7 @@ public:
             log_run::require(joined ? proc->Execute_MTRACE(args) : proc->Execute_MEMCHECK(args));
             is_foreign_mtrace = !proc->foreign_mtrace().empty();
             is_foreign_memcheck = !proc->foreign_memcheck().empty();
+            proc->free_all();
         }
         return {m_out.take(), m_err.take(), is_foreign_mtrace, is_foreign_memcheck};
     }

@@ -17,7 +17,7 @@ using namespace qor::heap;
 
 struct live {
     uint64 address;
-    uint32 size;
+    uint64 size;
     uint32 origin;
     bool operator==(const live&) const = default;
 };
@@ -75,14 +75,16 @@ private:
     std::map<uint64, std::vector<std::array<live, 1024>>> m_buckets;
 };
 
-std::vector<live> walk(const allocation_table& table) {
+template <class SIZE>
+std::vector<live> walk(const allocation_table<SIZE>& table) {
     std::vector<live> all;
-    table.walk([&](uint64 address, uint32 size, uint32 origin) { all.push_back({address, size, origin}); });
+    table.walk([&](uint64 address, SIZE size, uint32 origin) { all.push_back({address, size, origin}); });
     return all;
 }
 
 // In memory that is not blank, as an analyser's need not be: what the table reads without having written it shows.
-class table_in_used_memory : public allocation_table {
+template <class SIZE>
+class table_in_used_memory : public allocation_table<SIZE> {
 public:
     table_in_used_memory() {} // zeroes nothing, as the defaulted one would here
 
@@ -92,17 +94,22 @@ public:
     static void operator delete(void* memory) noexcept { ::operator delete(memory); }
 };
 
+template <class SIZE>
 struct both_tables {
-    std::unique_ptr<table_in_used_memory> packed = std::make_unique<table_in_used_memory>();
+    using table = allocation_table<SIZE>;
+
+    std::unique_ptr<table_in_used_memory<SIZE>> packed = std::make_unique<table_in_used_memory<SIZE>>();
     plain_table plain;
 
-    void allocate(uint64 address, uint32 size) {
-        const allocation_table::__entry entry = packed->find_blank(address);
+    // The size has bits at both ends, where it is wide enough.
+    void allocate(uint64 address, uint32 number) {
+        const SIZE size = static_cast<SIZE>(number * uint64{0x100000001});
+        const typename table::__entry entry = packed->find_blank(address);
         const plain_table::place place = plain.find_blank(address);
         ASSERT_EQ(entry.block, place.block);
         ASSERT_EQ(entry.slot, place.slot);
-        packed->set(entry, address, size, size + 1);
-        (*place.chain)[place.block][place.slot] = {address, size, size + 1};
+        packed->set(entry, address, size, number + 1);
+        (*place.chain)[place.block][place.slot] = {address, size, number + 1};
     }
 
     void release(uint64 address) {
@@ -115,7 +122,7 @@ struct both_tables {
     }
 
     void look_up(uint64 address) {
-        allocation_table::__entry entry{};
+        typename table::__entry entry{};
         plain_table::place place{};
         const bool found = plain.find(address, place);
         ASSERT_EQ(packed->find_entry(address, entry), found);
@@ -123,16 +130,20 @@ struct both_tables {
             ASSERT_EQ(entry.block, place.block);
             ASSERT_EQ(entry.slot, place.slot);
             ASSERT_EQ(packed->address(entry), address);
+            ASSERT_EQ(packed->size(entry), (*place.chain)[place.block][place.slot].size);
         }
     }
+
+    ~both_tables() { packed->free_all(); }
 
     void compare() { ASSERT_EQ(walk(*packed), plain.walk()); }
 };
 
 // Draws addresses so that buckets are shared, chains grow past one block, and releases miss now and then.
+template <class SIZE>
 void run_random(unsigned seed, unsigned steps, uint64 spread, unsigned keep_percent) {
     std::mt19937_64 random(seed);
-    both_tables tables;
+    both_tables<SIZE> tables;
     std::vector<uint64> known{1};
     for (unsigned step = 0; step < steps; ++step) {
         const unsigned what = static_cast<unsigned>(random() % 100);
@@ -155,20 +166,24 @@ void run_random(unsigned seed, unsigned steps, uint64 spread, unsigned keep_perc
 }
 
 TEST(AllocationTable, AgreesWithThePlainTableOnFewBuckets) {
-    for (unsigned seed = 0; seed < 20; ++seed)
-        run_random(seed, 6000, 3000, 60);
+    for (unsigned seed = 0; seed < 20; ++seed) {
+        run_random<uint32>(seed, 6000, 3000, 60);
+        run_random<uint64>(seed, 6000, 3000, 60);
+    }
 }
 
 TEST(AllocationTable, AgreesWithThePlainTableWhereABucketOverflows) {
-    for (unsigned seed = 0; seed < 5; ++seed)
-        run_random(seed, 9000, 1022, 70);
+    for (unsigned seed = 0; seed < 5; ++seed) {
+        run_random<uint32>(seed, 9000, 1022, 70);
+        run_random<uint64>(seed, 9000, 1022, 70);
+    }
 }
 
 // Chains of several blocks that are emptied and filled again, with addresses live once, some times, or all the time.
 TEST(AllocationTable, AgreesWithThePlainTableOnLongChains) {
     for (const uint64 addresses : {uint64{1}, uint64{50}, uint64{3000}, uint64{1} << 34}) {
         std::mt19937_64 random(addresses);
-        both_tables tables;
+        both_tables<uint64> tables;
         std::vector<uint64> live;
         for (uint32 step = 0; step < 16000; ++step) {
             if (live.empty() || random() % 100 < (step / 4000 % 2 == 0 ? 95u : 25u)) {
@@ -193,7 +208,7 @@ TEST(AllocationTable, AgreesWithThePlainTableOnLongChains) {
 }
 
 TEST(AllocationTable, AddressZeroInAChainOfSeveralBlocks) {
-    both_tables tables;
+    both_tables<uint64> tables;
     for (uint64 i = 1; i <= 2048; ++i)
         tables.allocate(i << 30, 1);
     tables.release(0); // all slots are live
@@ -209,7 +224,7 @@ TEST(AllocationTable, AddressZeroInAChainOfSeveralBlocks) {
 }
 
 TEST(AllocationTable, LiveSlotsTakeNewOrigins) {
-    both_tables tables;
+    both_tables<uint64> tables;
     for (uint32 i = 1; i < 5000; ++i)
         tables.allocate(uint64{i} << (i % 2 == 0 ? 30 : 4), i);
     for (uint32 i = 1; i < 5000; i += 3)
@@ -222,29 +237,32 @@ TEST(AllocationTable, LiveSlotsTakeNewOrigins) {
 }
 
 TEST(AllocationTable, AgreesWithThePlainTableOnManyBuckets) {
-    for (unsigned seed = 0; seed < 5; ++seed)
-        run_random(seed, 20000, uint64{1} << 34, 55);
+    for (unsigned seed = 0; seed < 5; ++seed) {
+        run_random<uint32>(seed, 20000, uint64{1} << 34, 55);
+        run_random<uint64>(seed, 20000, uint64{1} << 34, 55);
+    }
 }
 
 TEST(AllocationTable, ABucketHoldsMoreThanOneBlock) {
-    both_tables tables;
+    both_tables<uint32> tables;
     for (uint32 i = 0; i < 1025; ++i)
         tables.allocate(0x40000 + i % 1024, i);
-    allocation_table::__entry last = tables.packed->find_blank(0x40000);
+    allocation_table<uint32>::__entry last = tables.packed->find_blank(0x40000);
     EXPECT_EQ(last.block, 1u);
     EXPECT_EQ(last.slot, 1u);
     tables.release(0x40000); // slot 0 of the first block
-    const allocation_table::__entry reused = tables.packed->find_blank(0x40000);
+    const allocation_table<uint32>::__entry reused = tables.packed->find_blank(0x40000);
     EXPECT_EQ(reused.block, 0u);
     EXPECT_EQ(reused.slot, 0u);
     tables.compare();
 }
 
 TEST(AllocationTable, AddressesThatShareABucketAreToldApart) {
-    both_tables tables;
+    both_tables<uint32> tables;
     tables.allocate(0x1000, 1);
     tables.allocate(0x1000 + (uint64{1} << 30), 2);
-    EXPECT_EQ(allocation_table::bucket_of(0x1000), allocation_table::bucket_of(0x1000 + (uint64{1} << 30)));
+    EXPECT_EQ(allocation_table<uint32>::bucket_of(0x1000),
+              allocation_table<uint32>::bucket_of(0x1000 + (uint64{1} << 30)));
     tables.release(0x1000);
     tables.look_up(0x1000);
     tables.look_up(0x1000 + (uint64{1} << 30));
@@ -252,8 +270,8 @@ TEST(AllocationTable, AddressesThatShareABucketAreToldApart) {
 }
 
 TEST(AllocationTable, AHeldSlotStaysValidWhileItsBlockGrows) {
-    allocation_table& table = *new allocation_table; // 8 MiB: too large for a stack
-    const allocation_table::__entry held = table.find_blank(0x1000);
+    allocation_table<uint32>& table = *new allocation_table<uint32>; // 8 MiB: too large for a stack
+    const allocation_table<uint32>::__entry held = table.find_blank(0x1000);
     table.set(held, 0x1000, 7, 70);
     for (uint32 i = 1; i < 3000; ++i)
         table.set(table.find_blank(0x1000), 0x1000 + i % 1024, i, i);
@@ -261,11 +279,12 @@ TEST(AllocationTable, AHeldSlotStaysValidWhileItsBlockGrows) {
     EXPECT_EQ(table.origin(held), 70u);
     table.set_origin(held, 71);
     EXPECT_EQ(walk(table).front(), (live{0x1000, 7, 71}));
+    table.free_all();
     delete &table;
 }
 
 TEST(AllocationTable, AddressZeroIsHeldByAnyBlankSlotOfItsBucket) {
-    both_tables tables;
+    both_tables<uint32> tables;
     tables.release(0); // no block yet
     tables.allocate(0x10, 1);
     tables.release(0); // the slots behind the first are blank

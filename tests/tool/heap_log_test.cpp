@@ -17,7 +17,7 @@ namespace {
 
 using namespace qor::heap;
 using namespace qor::test;
-using mtrace_log = heap_log<log_lines::mtrace_line>;
+using mtrace_log = heap_log<log_lines::mtrace_line<uint32>>;
 using extent = mtrace_log::extent;
 
 struct seen {
@@ -54,7 +54,7 @@ struct long_log {
     std::vector<seen> expected;
 };
 
-std::vector<seen> read_all(mtrace_log& log, allocation_table& table) {
+std::vector<seen> read_all(mtrace_log& log, allocation_table<uint32>& table) {
     std::vector<seen> all;
     std::map<uint32, std::string> numbered;
     while (const mtrace_log::entry* const next = log.next(table)) {
@@ -73,7 +73,7 @@ std::vector<seen> read_all(mtrace_log& log, allocation_table& table) {
 class heap_logs : public testing::Test {
 protected:
     temp_folder folder;
-    std::unique_ptr<allocation_table> table = std::make_unique<allocation_table>();
+    std::unique_ptr<allocation_table<uint32>> table = std::make_unique<allocation_table<uint32>>();
 };
 
 TEST_F(heap_logs, every_line_comes_once_and_in_order) {

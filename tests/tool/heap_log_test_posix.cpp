@@ -27,7 +27,7 @@ namespace {
 
 using namespace qor::heap;
 using namespace qor::test;
-using mtrace_log = heap_log<log_lines::mtrace_line>;
+using mtrace_log = heap_log<log_lines::mtrace_line<uint32>>;
 using extent = mtrace_log::extent;
 
 // The thread sanitizer has one of its own, from the first one on that is started.
@@ -89,7 +89,7 @@ private:
     const std::ptrdiff_t m_threads = threads_of_this_process();
     temp_folder m_folder;
     std::string m_path;
-    std::unique_ptr<allocation_table> m_table = std::make_unique<allocation_table>();
+    std::unique_ptr<allocation_table<uint32>> m_table = std::make_unique<allocation_table<uint32>>();
 };
 
 // Also when a thread reads ahead, no line waits for one that is not written yet.
@@ -161,7 +161,7 @@ TEST(heap_log_without_threads, is_read_all_the_same) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        const auto table = std::make_unique<allocation_table>();
+        const auto table = std::make_unique<allocation_table<uint32>>();
         // No room for another stack, nor a used one that is large enough.
         pthread_attr_t attributes;
         pthread_attr_init(&attributes);

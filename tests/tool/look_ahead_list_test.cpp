@@ -12,11 +12,11 @@ namespace {
 using namespace qor::heap;
 
 struct both_lists {
-    look_ahead_list list;
-    std::vector<look_ahead_list::record> plain;
+    look_ahead_list<uint32> list;
+    std::vector<look_ahead_list<uint32>::record> plain;
 
     void append(uint64 address, uint32 size) {
-        look_ahead_list::record added;
+        look_ahead_list<uint32>::record added;
         added.address = address;
         added.size = size;
         list.append(added);
@@ -26,7 +26,7 @@ struct both_lists {
     void take(uint64 address) {
         const auto found =
             std::find_if(plain.begin(), plain.end(), [address](const auto& each) { return each.address == address; });
-        look_ahead_list::record taken;
+        look_ahead_list<uint32>::record taken;
         ASSERT_EQ(list.take(address, taken), found != plain.end());
         if (found == plain.end())
             return;
@@ -40,7 +40,7 @@ struct both_lists {
         ASSERT_EQ(list.is_empty(), plain.empty());
         ASSERT_EQ(list.is_full(), plain.size() == 1024);
         std::size_t at = 0;
-        list.walk([&](const look_ahead_list::record& each) {
+        list.walk([&](const look_ahead_list<uint32>::record& each) {
             ASSERT_LT(at, plain.size());
             ASSERT_EQ(each.address, plain[at].address);
             ASSERT_EQ(each.size, plain[at].size);

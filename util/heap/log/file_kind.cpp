@@ -52,7 +52,7 @@ bool begins_with(std::string_view text, std::string_view small_letters) noexcept
 }
 
 bool is_mtrace_line(std::string_view line) {
-    log_lines::mtrace_line record;
+    log_lines::mtrace_line<uint64> record;
     return line.starts_with("= Start") ||
            (log_lines::parse(line, record) == log_lines::kind::record && record.is_code_known);
 }

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "file_kind.h"
-#include "heap/table/allocation_table.h"
 #include "log_ahead.h"
 #include "log_batch.h"
 #include "qor/qor.h"
@@ -48,14 +47,24 @@ public:
         return true;
     }
 
+    // Gives back what reading has taken.
+    void close() {
+        m_ahead.reset();
+        m_source.close();
+        m_first = {};
+        set_empty();
+        m_ids = text_ids::assigner(0);
+    }
+
     bool is_given() const noexcept { return m_source.is_open(); }
 
     // Whether the next line, if there is one, has to be waited for.
     bool is_used_up() const noexcept { return m_next == m_batch->count && m_batch->end == m_batch->size; }
 
     // The next line that means something, or null at the end of the log. It and its texts are valid until the next
-    // call.
-    const entry* next(allocation_table& table) {
+    // call. The memory of the table (allocation_table) that lines to come will need is asked for.
+    template <class TABLE>
+    const entry* next(TABLE& table) {
         if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code)) [[unlikely]]
             trace_up_to_next();
         if (m_next == m_batch->count && !go_on(table)) [[unlikely]]
@@ -95,7 +104,8 @@ private:
     static constexpr std::size_t longest_beginning = 1024;
 
     // To lines that mean something.
-    [[gnu::noinline]] bool go_on(allocation_table& table) {
+    template <class TABLE>
+    [[gnu::noinline]] bool go_on(TABLE& table) {
         while (m_next == m_batch->count) {
             if (!m_batch->parse_on(m_ids) && !next_batch())
                 return false;
@@ -131,7 +141,8 @@ private:
         m_has_ended = true;
     }
 
-    void begin_batch(allocation_table& table) {
+    template <class TABLE>
+    void begin_batch(TABLE& table) {
         m_next = 0;
         if (!m_has_form) [[unlikely]]
             look_for_form();
@@ -155,7 +166,7 @@ private:
         if (begins_another_file(m_beginning))
             return;
         for (std::string_view line; !m_has_form && log_fields::next_line(next, end, line);)
-            m_has_form = log_lines::has_form<LINE>(line);
+            m_has_form = LINE::has_form(line);
     }
 
     void set_empty() noexcept {

@@ -77,13 +77,21 @@ struct log_batch {
             assign_id(ids, entries[with_text[i]]);
     }
 
-    static bool has_text(const log_lines::entry<log_lines::mtrace_line>& of) noexcept { return of.is_alloc; }
-    static bool has_text(const log_lines::memcheck_line& of) noexcept { return of.code != 'F'; }
+    template <class SIZE>
+    static bool has_text(const log_lines::entry<log_lines::mtrace_line<SIZE>>& of) noexcept {
+        return of.is_alloc;
+    }
+    template <class SIZE>
+    static bool has_text(const log_lines::entry<log_lines::memcheck_line<SIZE>>& of) noexcept {
+        return of.code != 'F';
+    }
 
-    void assign_id(text_ids::assigner& ids, log_lines::entry<log_lines::mtrace_line>& to) const {
+    template <class SIZE>
+    void assign_id(text_ids::assigner& ids, log_lines::entry<log_lines::mtrace_line<SIZE>>& to) const {
         to.caller_id = ids.of({text + to.caller_at, to.caller_size});
     }
-    void assign_id(text_ids::assigner& ids, log_lines::entry<log_lines::memcheck_line>& to) const {
+    template <class SIZE>
+    void assign_id(text_ids::assigner& ids, log_lines::entry<log_lines::memcheck_line<SIZE>>& to) const {
         std::string_view all = to.type_name;
         if (!to.file.empty())
             all = {to.file.data(), static_cast<std::size_t>(text + to.end - to.file.data())};
@@ -108,6 +116,11 @@ public:
         create_IQORSimpleFileReader(m_file.Out());
         m_next = m_end = nullptr;
         return m_file->Open(path, 0);
+    }
+
+    void close() {
+        m_file.Empty();
+        m_next = m_end = nullptr;
     }
 
     // As IQORSimpleFileReader has it.

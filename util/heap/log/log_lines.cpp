@@ -98,7 +98,9 @@ constexpr auto meanings = [] {
 }();
 
 // Part of the loop over all lines, so that what it finds never gets to memory.
-[[gnu::always_inline]] inline bool parse_canonical_inline(const char*& next, log_lines::mtrace_line& out) noexcept {
+template <class SIZE>
+[[gnu::always_inline]] inline bool parse_canonical_inline(const char*& next,
+                                                          log_lines::mtrace_line<SIZE>& out) noexcept {
     if (next[0] != '@' || next[1] != ' ')
         return false;
     const char* const caller = next + 2;
@@ -124,7 +126,7 @@ constexpr auto meanings = [] {
     out.is_alloc = meaning == code_meaning::allocation;
     out.caller = between(caller, code - 1);
     out.code = {code, 1};
-    out.size = has_size * static_cast<uint32>(size.value);
+    out.size = has_size * static_cast<SIZE>(size.value);
     out.is_code_known = true;
     next = end + 1;
     return true;
@@ -132,9 +134,13 @@ constexpr auto meanings = [] {
 
 } // namespace
 
-bool log_lines::parse_canonical(const char*& next, mtrace_line& out) { return parse_canonical_inline(next, out); }
+template <class SIZE>
+bool log_lines::parse_canonical(const char*& next, mtrace_line<SIZE>& out) {
+    return parse_canonical_inline(next, out);
+}
 
-log_lines::kind log_lines::parse(std::string_view line, mtrace_line& out) {
+template <class SIZE>
+log_lines::kind log_lines::parse(std::string_view line, mtrace_line<SIZE>& out) {
     if (line.empty() || line[0] != '@')
         return kind::no_meaning;
     std::string_view rest = line.substr(1);
@@ -145,26 +151,18 @@ log_lines::kind log_lines::parse(std::string_view line, mtrace_line& out) {
     if (address.empty())
         return kind::too_few_words;
     out.address = log_fields::hexadecimal(address);
-    out.size = size.empty() ? 0 : static_cast<uint32>(log_fields::unsigned_number(size));
+    out.size = size.empty() ? 0 : static_cast<SIZE>(log_fields::unsigned_number(size));
     const code_meaning meaning = meanings[static_cast<unsigned char>(out.code[0])];
     out.is_code_known = meaning != code_meaning::none;
     out.is_alloc = out.is_code_known ? meaning == code_meaning::allocation : out.size != 0;
     return kind::record;
 }
 
-template <>
-bool log_lines::has_form<log_lines::mtrace_line>(std::string_view line) noexcept {
-    return line.starts_with('@') || line.starts_with("= ");
-}
-
-template <>
-bool log_lines::has_form<log_lines::memcheck_line>(std::string_view line) noexcept {
-    return !line.empty() && std::string_view("AFTE#").find(line[0]) != std::string_view::npos;
-}
-
 namespace {
 
-[[gnu::always_inline]] inline bool parse_canonical_inline(const char*& next, log_lines::memcheck_line& out) noexcept {
+template <class SIZE>
+[[gnu::always_inline]] inline bool parse_canonical_inline(const char*& next,
+                                                          log_lines::memcheck_line<SIZE>& out) noexcept {
     const char code = next[0];
     if ((code != 'A' && code != 'F' && code != 'T') || next[1] != ' ')
         return false;
@@ -201,7 +199,7 @@ namespace {
     out.line = line;
     out.file = out.type_name = {};
     if (code == 'A') {
-        out.size = static_cast<uint32>(log_fields::unsigned_number(word(1)));
+        out.size = static_cast<SIZE>(log_fields::unsigned_number(word(1)));
         out.bt = static_cast<uint8>(log_fields::unsigned_number(word(2)));
         out.file = last_word;
     } else if (code == 'F') {
@@ -215,9 +213,13 @@ namespace {
 
 } // namespace
 
-bool log_lines::parse_canonical(const char*& next, memcheck_line& out) { return parse_canonical_inline(next, out); }
+template <class SIZE>
+bool log_lines::parse_canonical(const char*& next, memcheck_line<SIZE>& out) {
+    return parse_canonical_inline(next, out);
+}
 
-log_lines::kind log_lines::parse(std::string_view line, memcheck_line& out) {
+template <class SIZE>
+log_lines::kind log_lines::parse(std::string_view line, memcheck_line<SIZE>& out) {
     if (line.empty() || line[0] == '#')
         return kind::no_meaning;
     const char code = line[0];
@@ -234,7 +236,7 @@ log_lines::kind log_lines::parse(std::string_view line, memcheck_line& out) {
     out.address = log_fields::hexadecimal(words[0]);
     switch (code) {
     case 'A':
-        out.size = static_cast<uint32>(log_fields::unsigned_number(words[1]));
+        out.size = static_cast<SIZE>(log_fields::unsigned_number(words[1]));
         out.bt = static_cast<uint8>(log_fields::unsigned_number(words[2]));
         out.file = words[3];
         if (count > 4)
@@ -256,8 +258,9 @@ log_lines::kind log_lines::parse(std::string_view line, memcheck_line& out) {
 
 namespace {
 
-void keep(const log_lines::mtrace_line& line, const char* text,
-          log_lines::entry<log_lines::mtrace_line>& out) noexcept {
+template <class SIZE>
+void keep(const log_lines::mtrace_line<SIZE>& line, const char* text,
+          log_lines::entry<log_lines::mtrace_line<SIZE>>& out) noexcept {
     out.address = line.address;
     out.size = line.size;
     out.caller_at = line.caller.empty() ? 0 : static_cast<uint32>(line.caller.data() - text);
@@ -267,7 +270,10 @@ void keep(const log_lines::mtrace_line& line, const char* text,
     out.is_code_known = line.is_code_known;
 }
 
-void keep(const log_lines::memcheck_line& line, const char*, log_lines::memcheck_line& out) noexcept { out = line; }
+template <class SIZE>
+void keep(const log_lines::memcheck_line<SIZE>& line, const char*, log_lines::memcheck_line<SIZE>& out) noexcept {
+    out = line;
+}
 
 } // namespace
 
@@ -293,7 +299,15 @@ uint32 log_lines::parse_lines(const char* text, const char*& next, const char* e
     return count;
 }
 
-template uint32 log_lines::parse_lines(const char*, const char*&, const char*, entry<mtrace_line>*, uint32);
-template uint32 log_lines::parse_lines(const char*, const char*&, const char*, entry<memcheck_line>*, uint32);
+#define QOR_INSTANTIATE(line)                                                                                          \
+    template log_lines::kind log_lines::parse(std::string_view, line&);                                                \
+    template bool log_lines::parse_canonical(const char*&, line&);                                                     \
+    template uint32 log_lines::parse_lines(const char*, const char*&, const char*, entry<line>*, uint32);
+
+QOR_INSTANTIATE(log_lines::mtrace_line<uint32>)
+QOR_INSTANTIATE(log_lines::mtrace_line<uint64>)
+QOR_INSTANTIATE(log_lines::memcheck_line<uint32>)
+QOR_INSTANTIATE(log_lines::memcheck_line<uint64>)
+#undef QOR_INSTANTIATE
 
 } // namespace qor::heap

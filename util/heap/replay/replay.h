@@ -9,6 +9,7 @@
 #include "heap/table/allocation_table.h"
 #include "heap/table/look_ahead_list.h"
 #include "qor/qor.h"
+#include "replay_rules.h"
 #include "replay_sink.h"
 
 #include <algorithm>
@@ -22,11 +23,13 @@ namespace qor::heap {
 // nothing: each may run in a thread of its own. Operations that need memory throw std::bad_alloc.
 //
 // The sink is called directly, so that what it does not care for costs nothing.
-template <class SINK>
+template <class SINK, class RULES>
 class replay {
 public:
-    using mtrace_line = log_lines::mtrace_line;
-    using memcheck_line = log_lines::memcheck_line;
+    using size_type = typename RULES::size;
+    using mtrace_line = log_lines::mtrace_line<size_type>;
+    using memcheck_line = log_lines::memcheck_line<size_type>;
+    using table = allocation_table<size_type>;
     using mtrace_log = heap_log<mtrace_line>;
     using memcheck_log = heap_log<memcheck_line>;
 
@@ -35,7 +38,7 @@ public:
         : m_sink(sink), m_debug_code(trace_code),
           m_mtrace(trace_code, "mtrace line: [%.*s]", [this] { m_sink.before_wait(); }),
           m_memcheck(trace_code, nullptr, [this] { m_sink.before_wait(); }) {
-        static_assert(replay_sink<SINK>);
+        static_assert(replay_sink<SINK, size_type>);
     }
     replay(const replay&) = delete;
     replay& operator=(const replay&) = delete;
@@ -58,10 +61,23 @@ public:
     // visitor.end().
     template <class VISITOR>
     void walk_live_blocks(VISITOR& visitor) const {
-        m_table.walk([&](uint64 address, uint32 size, uint32 origin) {
+        m_table.walk([&](uint64 address, size_type size, uint32 origin) {
             visitor.live_block(block{address, size, origin});
         });
         visitor.end();
+    }
+
+    // Closes the logs and gives back the memory of all that was read: the replay is as it was when it was made.
+    void free_all() {
+        m_mtrace.close();
+        m_memcheck.close();
+        m_table.free_all();
+        m_look_ahead = {};
+        m_origins = {};
+        m_origins_limit = origins_minimum;
+        m_callers = {};
+        m_places = {};
+        m_type_names = {};
     }
 
     const mtrace_log& mtrace() const noexcept { return m_mtrace; }
@@ -69,7 +85,9 @@ public:
     const origin_table& origins() const noexcept { return m_origins; }
 
 private:
-    using __entry = allocation_table::__entry;
+    using __entry = typename table::__entry;
+    using ahead_record = typename look_ahead_list<size_type>::record;
+    using block = heap::block<size_type>;
 
     // Blocks that the framework mapped directly: malloc, and so an mtrace log, never saw them.
     static constexpr uint8 huge_block = 3;
@@ -85,13 +103,18 @@ private:
         while (read_mtrace(rec)) {
             if (++count % mtrace_progress == 0)
                 m_sink.progress(count);
-            if (rec.is_alloc)
+            if (rec.is_alloc) {
                 mtrace_allocation(rec);
-            else
+            } else {
+                if constexpr (RULES::join == join_rule::in_time)
+                    take_end_of_block(rec.address);
                 release(rec);
+            }
         }
-        m_sink.end_of_log(m_look_ahead.count());
-        m_look_ahead.walk([this](const look_ahead_list::record& left) { m_sink.leftover(shown(left)); });
+        uint32 leftovers = 0;
+        m_look_ahead.walk([&](const ahead_record& left) { leftovers += left.code != 'F'; });
+        m_sink.end_of_log(leftovers);
+        m_look_ahead.walk([this](const ahead_record& left) { tell_leftover(left); });
     }
 
     void run_memcheck() {
@@ -155,7 +178,7 @@ private:
     }
 
     // A slot that is written with address 0 stays blank.
-    void tell_allocation(uint64 address, uint32 size, uint32 origin) {
+    void tell_allocation(uint64 address, size_type size, uint32 origin) {
         if (address != 0)
             m_sink.allocation(block{address, size, origin});
     }
@@ -168,7 +191,10 @@ private:
         }
         const __entry entry = m_table.find_blank(rec.address);
         m_table.set(entry, rec.address, rec.size, origin);
-        mtrace_add_memcheck_data(entry);
+        if constexpr (RULES::join == join_rule::in_time)
+            join_in_time(entry, rec.address, rec.size);
+        else
+            mtrace_add_memcheck_data(entry);
         tell_allocation(rec.address, rec.size, m_table.origin(entry));
     }
 
@@ -181,12 +207,12 @@ private:
             m_sink.release(block{rec.address, released->size, released->origin});
     }
 
-    look_ahead_list::record keep(const memcheck_line& rec) {
+    ahead_record keep(const memcheck_line& rec) {
         return {
             rec.code, rec.bt, rec.address, rec.size, rec.line, m_origins.text(rec.file), m_origins.text(rec.type_name)};
     }
 
-    memcheck_line shown(const look_ahead_list::record& rec) const {
+    memcheck_line shown(const ahead_record& rec) const {
         return {rec.code,
                 rec.address,
                 rec.size,
@@ -196,9 +222,15 @@ private:
                 m_origins.printed(rec.type_name)};
     }
 
+    // The end of a block says nothing that the mtrace log does not.
+    void tell_leftover(const ahead_record& rec) {
+        if (rec.code != 'F')
+            m_sink.leftover(shown(rec));
+    }
+
     // The bounded look-ahead into the other log. What it meets on the way is kept for later, except what needs no
     // partner: huge blocks enter the table at once, and frees say nothing that the mtrace log does not.
-    bool mtrace_read_memcheck_for(uint64 address, look_ahead_list::record& out) {
+    bool mtrace_read_memcheck_for(uint64 address, ahead_record& out) {
         const qorDebugSeq trace(m_debug_code, "mtrace_read_memcheck_for");
         if (!m_memcheck.is_given())
             return false;
@@ -222,7 +254,7 @@ private:
     // for which: one that was written with address 0 is blank, and a huge block met on the way may take it.
     void mtrace_add_memcheck_data(const __entry& entry) {
         const qorDebugSeq trace(m_debug_code, "mtrace_add_memcheck_data");
-        look_ahead_list::record rec;
+        ahead_record rec;
         while (mtrace_read_memcheck_for(m_table.address(entry), rec)) {
             // A blank slot comes from nowhere.
             if (m_table.address(entry) == 0)
@@ -231,6 +263,70 @@ private:
                 set_place(entry, rec.file, rec.line);
             else if (rec.code == 'T')
                 set_type_name(entry, rec.type_name);
+        }
+    }
+
+    // The first record for the address that nothing has taken; it stays in the list. Reads on for it while the list has
+    // space, in which the ends of blocks have a place too.
+    const ahead_record* find_ahead(uint64 address) {
+        if (const ahead_record* const known = m_look_ahead.find(address))
+            return known;
+        memcheck_line rec;
+        while (!m_look_ahead.is_full() && read_memcheck_line(rec)) {
+            if (rec.bt == huge_block) {
+                mtrace_handle_huge_entry(rec);
+                continue;
+            }
+            m_look_ahead.append(keep(rec));
+            if (rec.address == address)
+                return m_look_ahead.find(address);
+        }
+        return nullptr;
+    }
+
+    // The slot is that of the address, unless the address is 0: then it is blank, and comes from nowhere.
+    void join_in_time(const __entry& entry, uint64 address, size_type size) {
+        const qorDebugSeq trace(m_debug_code, "join_in_time");
+        bool has_place = false;
+        while (const ahead_record* const next = find_ahead(address)) {
+            // The block's end, another block of the address, or a block that did not come from the framework.
+            if (next->code == 'A' ? has_place || next->size != size : next->code == 'F' && has_place)
+                return;
+            ahead_record rec;
+            m_look_ahead.take(address, rec);
+            if (rec.code == 'A') {
+                has_place = true;
+                pass_by(rec.sequence);
+            }
+            if (!has_place)
+                tell_leftover(rec);
+            else if (address != 0 && rec.code == 'A')
+                set_place(entry, rec.file, rec.line);
+            else if (address != 0)
+                set_type_name(entry, rec.type_name);
+        }
+    }
+
+    // The records behind a block's allocation, up to its end, are those of no later block.
+    void take_end_of_block(uint64 address) {
+        ahead_record rec;
+        for (const ahead_record* next = m_look_ahead.find(address); next != nullptr && next->code != 'A';
+             next = rec.code != 'F' ? m_look_ahead.find(address) : nullptr) {
+            m_look_ahead.take(address, rec);
+            tell_leftover(rec);
+        }
+    }
+
+    // Lets go of what lies far behind a record that has found its partner. Threads may have written the two logs in
+    // different orders, but not by half a list.
+    void pass_by(uint32 sequence) {
+        constexpr uint32 slack = look_ahead_list<size_type>::limit / 2;
+        ahead_record rec;
+        while (const ahead_record* const first = m_look_ahead.first()) {
+            if (static_cast<int32>(sequence - first->sequence) <= static_cast<int32>(slack))
+                return;
+            m_look_ahead.take(first->address, rec);
+            tell_leftover(rec);
         }
     }
 
@@ -302,7 +398,7 @@ private:
                 numbers[old] = kept.adopt(m_origins, old);
             return numbers[old];
         });
-        m_look_ahead.walk([&](look_ahead_list::record& rec) {
+        m_look_ahead.walk([&](ahead_record& rec) {
             rec.file = kept.adopt_text(m_origins, rec.file);
             rec.type_name = kept.adopt_text(m_origins, rec.type_name);
         });
@@ -317,8 +413,8 @@ private:
     uint32 m_debug_code;
     mtrace_log m_mtrace;
     memcheck_log m_memcheck;
-    allocation_table m_table;
-    look_ahead_list m_look_ahead;
+    table m_table;
+    look_ahead_list<size_type> m_look_ahead;
     origin_table m_origins;
     text_ids::cache m_callers;                     // origin of a caller
     text_ids::cache m_places;                      // origin of a file and line, beside a block's type

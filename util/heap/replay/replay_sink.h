@@ -10,9 +10,10 @@
 namespace qor::heap {
 
 // A block of the table. Its address is not 0.
+template <class SIZE>
 struct block {
     uint64 address;
-    uint32 size;   // in bytes
+    SIZE size;     // in bytes
     uint32 origin; // its number in replay::origins(), valid during the call
 };
 
@@ -27,14 +28,14 @@ enum class warning : uint8 {
 };
 
 // All calls come from the thread that runs the replay, in the order of the log. A sink that throws ends the replay.
-template <class SINK>
-concept replay_sink = requires(SINK& sink, const block& of, const log_lines::mtrace_line& mtrace_record,
-                               const log_lines::memcheck_line& memcheck_record, std::string_view text) {
+template <class SINK, class SIZE>
+concept replay_sink = requires(SINK& sink, const block<SIZE>& of, const log_lines::mtrace_line<SIZE>& mtrace_record,
+                               const log_lines::memcheck_line<SIZE>& memcheck_record, std::string_view text) {
     // The table got a block, or is about to lose one. What a joined log says of a block is known when it comes.
     sink.allocation(of);
     sink.release(of);
 
-    // A live block got another origin; `text` above is its type name.
+    // A live block got another origin, since its type has become known.
     sink.origin_changed(of);
 
     // A release of an address that no live block has.
@@ -51,9 +52,11 @@ concept replay_sink = requires(SINK& sink, const block& of, const log_lines::mtr
     sink.before_read();
     sink.before_wait();
 
-    // The log has been read to its end. So many records of the joined log had no partner; leftover() gets each of them.
-    sink.end_of_log(uint32{});
+    // A record of the joined log has no partner. Comes for records that were passed by, and at the end of the log.
     sink.leftover(memcheck_record);
+
+    // The log has been read to its end; so many leftovers follow.
+    sink.end_of_log(uint32{});
 };
 
 } // namespace qor::heap

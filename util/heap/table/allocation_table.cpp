@@ -1,51 +1,24 @@
 #include "allocation_table.h"
 
 #include "address_scan.h"
-#include "block_arena.h"
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 namespace qor::heap {
 
 namespace {
 
-using __block = allocation_table::__block;
-
-// Beside address 0.
-constexpr __block::slot_data nothing{0, 0};
-
-uint32 capacity_of(uint32 rank) noexcept {
-    return static_cast<uint32>((block_arena::size_of(rank) - sizeof(__block)) /
-                               (sizeof(uint64) + sizeof(__block::slot_data)));
-}
-
-__block* make_block(uint32 rank) {
-    void* const memory = block_arena::of_process().take(rank);
-    auto* const block =
-        new (memory) __block{nullptr, static_cast<uint16>(capacity_of(rank)), 0, static_cast<uint16>(rank), false};
-    std::memset(block->addresses(), 0, block->capacity * sizeof(uint64));
-    return block;
-}
-
-// The same block with room for more slots; the old memory is gone.
-__block* grow(__block* old) {
-    __block* const larger = make_block(old->rank + 1u);
-    larger->next = old->next;
-    larger->first_blank = old->first_blank;
-    std::copy_n(old->addresses(), old->capacity, larger->addresses());
-    std::copy_n(old->data(), old->capacity, larger->data());
-    block_arena::of_process().give_back(old, old->rank);
-    return larger;
-}
-
-void blank(__block* block, uint32 slot) noexcept {
+template <class BLOCK>
+void blank(BLOCK* block, uint32 slot) noexcept {
     block->addresses()[slot] = 0;
     block->first_blank = std::min(block->first_blank, static_cast<uint16>(slot));
 }
 
 // The first blank slot of a block, which may be the first without memory; slot_count: there is none.
-uint32 find_blank_in(__block* block) noexcept {
+template <class BLOCK>
+uint32 find_blank_in(BLOCK* block) noexcept {
     const uint32 slot = find_address(block->addresses(), block->first_blank, block->capacity, 0);
     block->first_blank = static_cast<uint16>(slot);
     return slot;
@@ -53,10 +26,32 @@ uint32 find_blank_in(__block* block) noexcept {
 
 } // namespace
 
-static_assert(sizeof(__block) == 16 && __block::full_size == 16 + 1024 * 16);
+template <class SIZE>
+typename allocation_table<SIZE>::__block* allocation_table<SIZE>::make_block(uint32 rank) {
+    static_assert(sizeof(__block) == 16);
+    const std::size_t capacity = (m_arena.size_of(rank) - sizeof(__block)) / (sizeof(uint64) + sizeof(slot_data));
+    auto* const block =
+        new (m_arena.take(rank)) __block{nullptr, static_cast<uint16>(capacity), 0, static_cast<uint16>(rank), false};
+    std::memset(block->addresses(), 0, capacity * sizeof(uint64));
+    return block;
+}
+
+// The same block with memory for more slots; the old memory is free.
+template <class SIZE>
+typename allocation_table<SIZE>::__block* allocation_table<SIZE>::grow(__block* old) {
+    __block* const larger = make_block(old->rank + 1u);
+    larger->next = old->next;
+    larger->first_blank = old->first_blank;
+    std::copy_n(old->addresses(), old->capacity, larger->addresses());
+    std::copy_n(old->data(), old->capacity, larger->data());
+    m_arena.give_back(old, old->rank);
+    return larger;
+}
 
 // The bucket's only block and its earliest blank slot; null: there is a chain, or must be one.
-inline __block* allocation_table::find_blank_in_head(uint32 bucket, uint32& slot) {
+template <class SIZE>
+inline typename allocation_table<SIZE>::__block* allocation_table<SIZE>::find_blank_in_head(uint32 bucket,
+                                                                                            uint32& slot) {
     __block*& head = m_heads[bucket];
     if (head == nullptr) {
         head = make_block(0);
@@ -75,7 +70,8 @@ inline __block* allocation_table::find_blank_in_head(uint32 bucket, uint32& slot
     return head;
 }
 
-allocation_table::__entry allocation_table::find_blank(uint64 address) {
+template <class SIZE>
+typename allocation_table<SIZE>::__entry allocation_table<SIZE>::find_blank(uint64 address) {
     const uint32 bucket = bucket_of(address);
     uint32 slot;
     if (find_blank_in_head(bucket, slot) != nullptr)
@@ -83,7 +79,8 @@ allocation_table::__entry allocation_table::find_blank(uint64 address) {
     return find_blank_in_chain(bucket);
 }
 
-void allocation_table::add(uint64 address, uint32 size, uint32 origin) {
+template <class SIZE>
+void allocation_table<SIZE>::add(uint64 address, SIZE size, uint32 origin) {
     const uint32 bucket = bucket_of(address);
     uint32 slot;
     if (__block* const block = find_blank_in_head(bucket, slot)) {
@@ -94,7 +91,8 @@ void allocation_table::add(uint64 address, uint32 size, uint32 origin) {
     set(find_blank_in_chain(bucket), address, size, origin);
 }
 
-allocation_table::__entry allocation_table::find_blank_in_chain(uint32 bucket) {
+template <class SIZE>
+typename allocation_table<SIZE>::__entry allocation_table<SIZE>::find_blank_in_chain(uint32 bucket) {
     chain& all = chain_of(bucket);
     const uint32 number = all.index.first_with_blank();
     if (number == chain_index::none) {
@@ -109,7 +107,8 @@ allocation_table::__entry allocation_table::find_blank_in_chain(uint32 bucket) {
     return {bucket, number, slot};
 }
 
-void allocation_table::make_chain(uint32 bucket) {
+template <class SIZE>
+void allocation_table<SIZE>::make_chain(uint32 bucket) {
     __block* const first = m_heads[bucket];
     chain& made = m_chains[bucket];
     made.append(first);
@@ -118,7 +117,8 @@ void allocation_table::make_chain(uint32 bucket) {
     first->has_chain = true;
 }
 
-void allocation_table::chain::append(__block* block) {
+template <class SIZE>
+void allocation_table<SIZE>::chain::append(__block* block) {
     if (!blocks.empty())
         blocks.back()->next = block;
     blocks.push_back(block);
@@ -126,14 +126,16 @@ void allocation_table::chain::append(__block* block) {
     index.set_has_blank(static_cast<uint32>(blocks.size() - 1), true);
 }
 
-void allocation_table::chain::enter(uint64 address, uint32 place) {
+template <class SIZE>
+void allocation_table<SIZE>::chain::enter(uint64 address, uint32 place) {
     const uint32 number = place / __block::slot_count;
     if (++live[number] == __block::slot_count)
         index.set_has_blank(number, false);
     index.add(address, place, [this](uint32 each) { return address_at(each); });
 }
 
-const __block::slot_data* allocation_table::chain::release(uint64 address) noexcept {
+template <class SIZE>
+const typename allocation_table<SIZE>::slot_data* allocation_table<SIZE>::chain::release(uint64 address) noexcept {
     if (address == 0)
         return index.first_with_blank() != chain_index::none ? &nothing : nullptr;
     const uint32 place = index.take(address, [this](uint32 each) { return address_at(each); });
@@ -147,7 +149,8 @@ const __block::slot_data* allocation_table::chain::release(uint64 address) noexc
     return &blocks[number]->data()[slot];
 }
 
-bool allocation_table::find_entry(uint64 address, __entry& found) noexcept {
+template <class SIZE>
+bool allocation_table<SIZE>::find_entry(uint64 address, __entry& found) noexcept {
     const uint32 bucket = bucket_of(address);
     const __block* const head = m_heads[bucket];
     if (head == nullptr)
@@ -163,7 +166,8 @@ bool allocation_table::find_entry(uint64 address, __entry& found) noexcept {
     return slot != head->capacity;
 }
 
-const __block::slot_data* allocation_table::release(uint64 address) noexcept {
+template <class SIZE>
+const typename allocation_table<SIZE>::slot_data* allocation_table<SIZE>::release(uint64 address) noexcept {
     __block* const head = m_heads[bucket_of(address)];
     if (head == nullptr)
         return nullptr;
@@ -177,12 +181,14 @@ const __block::slot_data* allocation_table::release(uint64 address) noexcept {
     return &head->data()[slot];
 }
 
-void allocation_table::prefetch_chain(uint64 address) noexcept {
+template <class SIZE>
+void allocation_table<SIZE>::prefetch_chain(uint64 address) noexcept {
     if (const chain* const found = find_chain(bucket_of(address)))
         found->index.prefetch(address);
 }
 
-void allocation_table::prefetch_place(uint64 address) noexcept {
+template <class SIZE>
+void allocation_table<SIZE>::prefetch_place(uint64 address) noexcept {
     chain* const found = find_chain(bucket_of(address));
     if (found == nullptr)
         return;
@@ -191,12 +197,14 @@ void allocation_table::prefetch_place(uint64 address) noexcept {
         __builtin_prefetch(&found->blocks[place / __block::slot_count]->addresses()[place % __block::slot_count]);
 }
 
-allocation_table::__block* allocation_table::resolve(const __entry& entry) const noexcept {
+template <class SIZE>
+typename allocation_table<SIZE>::__block* allocation_table<SIZE>::resolve(const __entry& entry) const noexcept {
     __block* const head = m_heads[entry.bucket];
     return entry.block == 0 ? head : m_chains.find(entry.bucket)->second.blocks[entry.block];
 }
 
-void allocation_table::set(const __entry& entry, uint64 address, uint32 size, uint32 origin) {
+template <class SIZE>
+void allocation_table<SIZE>::set(const __entry& entry, uint64 address, SIZE size, uint32 origin) {
     __block* const block = resolve(entry);
     block->addresses()[entry.slot] = address;
     block->data()[entry.slot] = {size, origin};
@@ -204,18 +212,37 @@ void allocation_table::set(const __entry& entry, uint64 address, uint32 size, ui
         chain_of(entry.bucket).enter(address, entry.block * __block::slot_count + entry.slot);
 }
 
-uint64 allocation_table::address(const __entry& entry) const noexcept {
+template <class SIZE>
+uint64 allocation_table<SIZE>::address(const __entry& entry) const noexcept {
     return resolve(entry)->addresses()[entry.slot];
 }
 
-uint32 allocation_table::size(const __entry& entry) const noexcept { return resolve(entry)->data()[entry.slot].size; }
+template <class SIZE>
+SIZE allocation_table<SIZE>::size(const __entry& entry) const noexcept {
+    return resolve(entry)->data()[entry.slot].size;
+}
 
-uint32 allocation_table::origin(const __entry& entry) const noexcept {
+template <class SIZE>
+uint32 allocation_table<SIZE>::origin(const __entry& entry) const noexcept {
     return resolve(entry)->data()[entry.slot].origin;
 }
 
-void allocation_table::set_origin(const __entry& entry, uint32 origin) noexcept {
+template <class SIZE>
+void allocation_table<SIZE>::set_origin(const __entry& entry, uint32 origin) noexcept {
     resolve(entry)->data()[entry.slot].origin = origin;
 }
+
+template <class SIZE>
+void allocation_table<SIZE>::free_all() noexcept {
+    m_arena.free_all();
+    zero_memory(m_heads, sizeof m_heads);
+    m_used_groups.reset();
+    m_chains = {};
+    m_recent_bucket = bucket_count;
+    m_recent = nullptr;
+}
+
+template class allocation_table<uint32>;
+template class allocation_table<uint64>;
 
 } // namespace qor::heap

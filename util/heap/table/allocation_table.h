@@ -9,10 +9,12 @@
 // number of its origin. A chain of more than one block is not scanned: it has an index.
 #pragma once
 
+#include "block_arena.h"
 #include "chain_index.h"
 #include "qor/system/Types.h"
 #include "zero_memory.h"
 
+#include <bit>
 #include <bitset>
 #include <cstddef>
 #include <unordered_map>
@@ -20,12 +22,15 @@
 
 namespace qor::heap {
 
+//
+// SIZE is the width of sizes: uint32 or uint64.
+template <class SIZE>
 class allocation_table {
 public:
     // Memory: this header, then `capacity` addresses, then as many slot_data.
     struct __block {
         struct slot_data {
-            uint32 size;
+            SIZE size;
             uint32 origin;
         };
 
@@ -44,6 +49,8 @@ public:
         const slot_data* data() const noexcept { return reinterpret_cast<const slot_data*>(addresses() + capacity); }
     };
 
+    using slot_data = typename __block::slot_data;
+
     // Names a slot: blocks move when they grow, so a slot that is kept is kept by its place.
     struct __entry {
         uint32 bucket;
@@ -55,6 +62,14 @@ public:
 
     // The heads are 8 MiB, of which most logs use little: the rest is not even touched.
     allocation_table() noexcept { zero_memory(m_heads, sizeof m_heads); }
+    allocation_table(const allocation_table&) = delete;
+    allocation_table& operator=(const allocation_table&) = delete;
+
+    // The blocks stay where they are: a program that ends with its table saves the time.
+    ~allocation_table() = default;
+
+    // Gives the memory of all blocks back; the table is empty then.
+    void free_all() noexcept;
 
     static constexpr uint32 bucket_of(uint64 address) noexcept {
         return static_cast<uint32>(address >> 10) & (bucket_count - 1);
@@ -85,16 +100,16 @@ public:
 
     // Blanks the earliest slot that holds the address; what else was in it is valid until a block is added. Null: none
     // does. Address 0 is "held" by any blank slot.
-    const __block::slot_data* release(uint64 address) noexcept;
+    const slot_data* release(uint64 address) noexcept;
 
     // The earliest blank slot of the bucket takes the block; as find_blank and set do, without naming the slot in
     // between. Throws std::bad_alloc.
-    void add(uint64 address, uint32 size, uint32 origin);
+    void add(uint64 address, SIZE size, uint32 origin);
 
     // The slot is a blank one, just found.
-    void set(const __entry& entry, uint64 address, uint32 size, uint32 origin);
+    void set(const __entry& entry, uint64 address, SIZE size, uint32 origin);
     uint64 address(const __entry& entry) const noexcept;
-    uint32 size(const __entry& entry) const noexcept;
+    SIZE size(const __entry& entry) const noexcept;
     uint32 origin(const __entry& entry) const noexcept;
     void set_origin(const __entry& entry, uint32 origin) noexcept;
 
@@ -119,6 +134,12 @@ public:
     }
 
 private:
+    // Of released address 0.
+    static constexpr slot_data nothing{0, 0};
+
+    // Two small blocks of 32 bytes share a cache line.
+    static constexpr std::size_t smallest_block = std::bit_ceil(sizeof(__block) + sizeof(uint64) + sizeof(slot_data));
+
     // A chain of more than one block.
     struct chain {
         std::vector<__block*> blocks;
@@ -130,7 +151,7 @@ private:
         }
         void append(__block* block);
         void enter(uint64 address, uint32 place);
-        const __block::slot_data* release(uint64 address) noexcept;
+        const slot_data* release(uint64 address) noexcept;
     };
 
     // A page of heads, of which those that hold any are known.
@@ -158,12 +179,15 @@ private:
     }
     chain& chain_of(uint32 bucket) noexcept { return *find_chain(bucket); }
     void make_chain(uint32 bucket);
+    __block* make_block(uint32 rank);
+    __block* grow(__block* old);
     __block* find_blank_in_head(uint32 bucket, uint32& slot);
     __entry find_blank_in_chain(uint32 bucket);
     void prefetch_chain(uint64 address) noexcept;
     void prefetch_place(uint64 address) noexcept;
     __block* resolve(const __entry& entry) const noexcept;
 
+    block_arena m_arena{smallest_block, __block::full_size};
     __block* m_heads[bucket_count];
     std::bitset<bucket_count / group> m_used_groups;
     std::unordered_map<uint32, chain> m_chains; // by bucket

@@ -1,29 +1,32 @@
 #include "block_arena.h"
 
-#include "allocation_table.h"
+#include "system_pages.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <new>
 
 namespace qor::heap {
-
-std::size_t block_arena::size_of(uint32 rank) noexcept {
-    return rank + 1 < rank_count ? std::size_t{32} << rank : allocation_table::__block::full_size;
-}
 
 void* block_arena::take(uint32 rank) {
     if (free_block* const reused = m_free[rank]) {
         m_free[rank] = reused->next;
         return reused;
     }
-    // Two small blocks share a cache line; larger ones begin on one.
+    // Small blocks share a cache line; larger ones begin on one.
     const std::size_t size = size_of(rank);
     const std::size_t unit = size < cache_line ? size : cache_line;
     std::size_t skip = (unit - reinterpret_cast<std::uintptr_t>(m_next) % unit) % unit;
     if (m_left < size + skip) {
-        m_next = static_cast<std::byte*>(::operator new (chunk_size, std::align_val_t{cache_line}));
+        m_chunks.emplace_back();
+        m_chunks.back() = static_cast<std::byte*>(system_pages::take(chunk_size));
+        if (m_chunks.back() == nullptr) {
+            m_chunks.pop_back();
+            throw std::bad_alloc();
+        }
+        m_next = m_chunks.back();
         m_left = chunk_size;
-        m_chunks.push_back(m_next);
         skip = 0;
     }
     void* const memory = m_next + skip;
@@ -36,9 +39,13 @@ void block_arena::give_back(void* memory, uint32 rank) noexcept {
     m_free[rank] = new (memory) free_block{m_free[rank]};
 }
 
-block_arena& block_arena::of_process() {
-    static block_arena* const made = new block_arena;
-    return *made;
+void block_arena::free_all() noexcept {
+    for (std::byte* const chunk : m_chunks)
+        system_pages::give_back(chunk, chunk_size);
+    m_chunks = {};
+    std::fill(std::begin(m_free), std::end(m_free), nullptr);
+    m_next = nullptr;
+    m_left = 0;
 }
 
 } // namespace qor::heap

@@ -1,5 +1,5 @@
-// Memory for the blocks of the allocation table: one size per power of two, from a cache half-line of 32 bytes on,
-// cut from large chunks. A block that grows leaves its old memory to the next one that needs that size.
+// Memory for the blocks of one allocation table: one size per power of two and the size of a full block, cut from large
+// chunks. A block that grows leaves its old memory to the next one that needs that size.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -11,16 +11,23 @@ namespace qor::heap {
 
 class block_arena {
 public:
-    // Sizes are 32 << rank bytes; the last rank is a full block of the table.
+    // The sizes are smallest << rank, and `largest` for the last rank.
     static constexpr uint32 rank_count = 10;
-    static std::size_t size_of(uint32 rank) noexcept;
+    block_arena(std::size_t smallest, std::size_t largest) noexcept : m_smallest(smallest), m_largest(largest) {}
+    block_arena(const block_arena&) = delete;
+    block_arena& operator=(const block_arena&) = delete;
 
-    // Never fails: throws std::bad_alloc. Aligned to its size, up to a cache line. Not cleared.
+    // The memory outlives the arena, unless free_all() gives it back.
+    ~block_arena() = default;
+
+    std::size_t size_of(uint32 rank) const noexcept { return rank + 1 < rank_count ? m_smallest << rank : m_largest; }
+
+    // Aligned to its size, up to a cache line. Not cleared. Throws std::bad_alloc.
     void* take(uint32 rank);
     void give_back(void* memory, uint32 rank) noexcept;
 
-    // Blocks of the table live as long as the process, whatever becomes of the analyser: so does their memory.
-    static block_arena& of_process();
+    // Gives all memory back to the system, that in use too.
+    void free_all() noexcept;
 
 private:
     struct free_block {
@@ -30,6 +37,8 @@ private:
     static constexpr std::size_t cache_line = 64;
     static constexpr std::size_t chunk_size = std::size_t{1} << 20;
 
+    std::size_t m_smallest;
+    std::size_t m_largest;
     std::byte* m_next = nullptr;
     std::size_t m_left = 0;
     free_block* m_free[rank_count] = {};

@@ -4,18 +4,24 @@
 
 namespace qor::heap {
 
-look_ahead_list::look_ahead_list() {
+template <class SIZE>
+look_ahead_list<SIZE>::look_ahead_list() {
     for (uint32 i = 0; i < limit; ++i)
         m_nodes[i].next_of_group = static_cast<uint16>(i + 1 < limit ? i + 1 : none);
 }
 
-uint32 look_ahead_list::group_of(uint64 address) noexcept { return hashing::of_address(address) % group_count; }
+template <class SIZE>
+uint32 look_ahead_list<SIZE>::group_of(uint64 address) noexcept {
+    return hashing::of_address(address) % group_count;
+}
 
-void look_ahead_list::append(const record& added) noexcept {
+template <class SIZE>
+void look_ahead_list<SIZE>::append(const record& added) noexcept {
     const uint16 at = m_free;
     node& made = m_nodes[at];
     m_free = made.next_of_group;
     made = {added, m_order.last, none, none};
+    made.content.sequence = m_appended++;
     (m_order.last != none ? m_nodes[m_order.last].next : m_order.first) = at;
     m_order.last = at;
     ends& group = m_groups[group_of(added.address)];
@@ -24,7 +30,8 @@ void look_ahead_list::append(const record& added) noexcept {
     ++m_count;
 }
 
-bool look_ahead_list::take(uint64 address, record& out) noexcept {
+template <class SIZE>
+bool look_ahead_list<SIZE>::take(uint64 address, record& out) noexcept {
     ends& group = m_groups[group_of(address)];
     uint16 before = none;
     for (uint16 at = group.first; at != none; before = at, at = m_nodes[at].next_of_group) {
@@ -41,7 +48,8 @@ bool look_ahead_list::take(uint64 address, record& out) noexcept {
     return false;
 }
 
-void look_ahead_list::unlink(uint16 at) noexcept {
+template <class SIZE>
+void look_ahead_list<SIZE>::unlink(uint16 at) noexcept {
     node& gone = m_nodes[at];
     (gone.previous != none ? m_nodes[gone.previous].next : m_order.first) = gone.next;
     (gone.next != none ? m_nodes[gone.next].previous : m_order.last) = gone.previous;
@@ -49,5 +57,16 @@ void look_ahead_list::unlink(uint16 at) noexcept {
     m_free = at;
     --m_count;
 }
+
+template <class SIZE>
+const typename look_ahead_list<SIZE>::record* look_ahead_list<SIZE>::find(uint64 address) const noexcept {
+    for (uint16 at = m_groups[group_of(address)].first; at != none; at = m_nodes[at].next_of_group)
+        if (m_nodes[at].content.address == address)
+            return &m_nodes[at].content;
+    return nullptr;
+}
+
+template class look_ahead_list<uint32>;
+template class look_ahead_list<uint64>;
 
 } // namespace qor::heap

@@ -8,6 +8,8 @@
 
 namespace qor::heap {
 
+// SIZE is the width of sizes: uint32 or uint64.
+template <class SIZE>
 class look_ahead_list {
 public:
     static constexpr uint32 limit = 1024;
@@ -17,10 +19,11 @@ public:
         char code = '\0';
         uint8 bt = 0;
         uint64 address = 0;
-        uint32 size = 0;
+        SIZE size = 0;
         int32 line = 0;
         uint32 file = 0;
         uint32 type_name = 0;
+        uint32 sequence = 0; // counts the records of the list, the first one is 0; append() sets it
     };
 
     look_ahead_list();
@@ -34,6 +37,11 @@ public:
 
     // Takes the first record for the address out of the list. False: there is none.
     bool take(uint64 address, record& out) noexcept;
+
+    // The first record for the address, or the first of all; valid until the next call of append() or take(). Null:
+    // there is none.
+    const record* find(uint64 address) const noexcept;
+    const record* first() const noexcept { return m_order.first != none ? &m_nodes[m_order.first].content : nullptr; }
 
     // Calls visit(record&) for each, in order.
     template <class VISIT>
@@ -66,6 +74,7 @@ private:
     ends m_order;
     uint16 m_free = 0;
     uint32 m_count = 0;
+    uint32 m_appended = 0; // since the beginning
 };
 
 } // namespace qor::heap

@@ -16,7 +16,7 @@ public:
     leak_report(report_streams& streams, const qor::heap::origin_table& origins)
         : m_text(streams), m_origins(origins) {}
 
-    void live_block(const qor::heap::block& leak) {
+    void live_block(const mtrace_proc::block& leak) {
         m_text.add("LEAK at 0x").add_number(leak.address, 16).add(" size ").add_number(leak.size);
         m_text.add(m_origins.of(leak.origin));
         ++m_count;

@@ -15,10 +15,12 @@
 // is the sink.
 class mtrace_proc : public qorRefObject {
 public:
-    using __entry = qor::heap::allocation_table::__entry;
-    using __block = qor::heap::allocation_table::__block;
-    using __mtrace_line = qor::heap::log_lines::mtrace_line;
-    using __memcheck_line = qor::heap::log_lines::memcheck_line;
+    using replay = qor::heap::replay<mtrace_proc, qor::heap::fixed_report_rules>;
+    using block = qor::heap::block<uint32>;
+    using __entry = qor::heap::allocation_table<uint32>::__entry;
+    using __block = qor::heap::allocation_table<uint32>::__block;
+    using __mtrace_line = qor::heap::log_lines::mtrace_line<uint32>;
+    using __memcheck_line = qor::heap::log_lines::memcheck_line<uint32>;
 
     explicit mtrace_proc(std::FILE* out = stdout, std::FILE* err = stderr);
 
@@ -36,10 +38,14 @@ public:
     const qorString& mtrace_failure() const noexcept { return m_replay.mtrace().failure(); }
     const qorString& memcheck_failure() const noexcept { return m_replay.memcheck().failure(); }
 
+    // Gives the memory of the replay back. What is not freed so stays in use until the process ends: the two actions
+    // end with it.
+    void free_all() { m_replay.free_all(); }
+
     // What the replay tells. Live blocks are reported at the end, all others are of no interest.
-    void allocation(const qor::heap::block&) noexcept {}
-    void release(const qor::heap::block&) noexcept {}
-    void origin_changed(const qor::heap::block&) noexcept {}
+    void allocation(const block&) noexcept {}
+    void release(const block&) noexcept {}
+    void origin_changed(const block&) noexcept {}
     void bad_free(const __mtrace_line& rec) { report_free_without_alloc(rec); }
     void bad_free(const __memcheck_line& rec) { report_free_without_alloc(rec); }
     void warning(qor::heap::warning what, std::string_view text);
@@ -59,5 +65,5 @@ private:
 
     uint32 m_debug_code;
     report_streams m_streams;
-    qor::heap::replay<mtrace_proc> m_replay;
+    replay m_replay;
 };
