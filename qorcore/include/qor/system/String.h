@@ -8,20 +8,36 @@
 
 #include "qor/glue/impl_common.h"
 
+#include <compare>
+#include <concepts>
 #include <cstring>
+#include <functional>
+#include <string_view>
+#include <type_traits>
 #include <utility>
+#include <version>
+#ifdef __cpp_lib_format
+#include <format>
+#endif
 
 namespace qor::glue {
+
+// A text that knows its length: std::string_view, std::string and their like. Plain C strings and qorString have
+// overloads of their own.
+template <class TEXT>
+concept sized_text =
+    std::is_convertible_v<const TEXT&, std::string_view> && !std::is_convertible_v<const TEXT&, const char*>;
+
+// The length as the table takes it. A text that cannot be counted is refused as too long, not cut.
+inline uint32 counted_length(std::size_t length) noexcept {
+    return length < 0xffffffff ? static_cast<uint32>(length) : 0xffffffff;
+}
 
 // Length -1: up to the terminator. A null text is an empty one.
 inline uint32 text_length(const char* text, int32 length) noexcept {
     if (text == nullptr)
         return 0;
-    if (length >= 0)
-        return static_cast<uint32>(length);
-    // A text that cannot be counted is refused as too long, not cut.
-    const std::size_t counted = std::strlen(text);
-    return counted < 0xffffffff ? static_cast<uint32>(counted) : 0xffffffff;
+    return length >= 0 ? static_cast<uint32>(length) : counted_length(std::strlen(text));
 }
 
 } // namespace qor::glue
@@ -35,6 +51,11 @@ public:
         const uint32 count = qor::glue::text_length(text, length);
         qor::glue::qorString_Init(this, count);
         qor::glue::qorString_Set(this, text, count);
+    }
+    // All bytes, zero bytes among them.
+    template <qor::glue::sized_text TEXT>
+    explicit qorString(const TEXT& text) noexcept : qorString() {
+        Set(text);
     }
     qorString(const qorString& other) noexcept {
         qor::glue::qorString_Init(this, other.m_data.length);
@@ -55,10 +76,38 @@ public:
         Set(text, -1);
         return *this;
     }
+    template <qor::glue::sized_text TEXT>
+    qorString& operator=(const TEXT& text) noexcept {
+        Set(text);
+        return *this;
+    }
 
     // The text, always terminated; valid until the string changes.
     const char* Text() const noexcept { return m_data.text != nullptr ? m_data.text : ""; }
-    operator const char*() const noexcept { return Text(); }
+
+    // Converts to the text as `const char*` or, with its length, as std::string_view, and to nothing else. These are
+    // templates because the compiler would go on from a plain `operator const char*` to bool, to `const void*` and to
+    // pointer arithmetic, and std::less<> would compare addresses.
+    template <std::same_as<const char*> TYPE>
+    operator TYPE() const noexcept {
+        return Text();
+    }
+    template <std::same_as<std::string_view> TYPE>
+    operator TYPE() const noexcept {
+        return {Text(), m_data.length};
+    }
+
+    // IsEmpty() tells whether there is a text; Append and Printf put texts together.
+    explicit operator bool() const = delete;
+    template <class OTHER>
+    friend void operator+(const qorString&, const OTHER&) = delete;
+    template <class OTHER>
+    requires(!std::same_as<OTHER, qorString>) friend void operator+(const OTHER&, const qorString&) = delete;
+    template <class OTHER>
+    friend void operator-(const qorString&, const OTHER&) = delete;
+    template <class OTHER>
+    requires(!std::same_as<OTHER, qorString>) friend void operator-(const OTHER&, const qorString&) = delete;
+
     uint32 Length() const noexcept { return m_data.length; }
     bool IsEmpty() const noexcept { return m_data.length == 0; }
 
@@ -78,8 +127,18 @@ public:
     void Set(const char* text, int32 length = -1) noexcept {
         qor::glue::qorString_Set(this, text, qor::glue::text_length(text, length));
     }
+    template <qor::glue::sized_text TEXT>
+    void Set(const TEXT& text) noexcept {
+        const std::string_view view(text);
+        qor::glue::qorString_Set(this, view.data(), qor::glue::counted_length(view.size()));
+    }
     void Append(const char* text, int32 length = -1) noexcept {
         qor::glue::qorString_Append(this, text, qor::glue::text_length(text, length));
+    }
+    template <qor::glue::sized_text TEXT>
+    void Append(const TEXT& text) noexcept {
+        const std::string_view view(text);
+        qor::glue::qorString_Append(this, view.data(), qor::glue::counted_length(view.size()));
     }
     void AppendString(const qorString& other) noexcept {
         qor::glue::qorString_Append(this, other.Text(), other.m_data.length);
@@ -266,7 +325,41 @@ private:
     static int32 clamp(uint32 count) noexcept { return count > 0x7fffffff ? -1 : static_cast<int32>(count); }
 };
 
-inline bool operator==(const qorString& left, const char* right) noexcept { return left.Compare(right) == 0; }
+// Strings compare by their bytes, which are unsigned, and then by their lengths; so do a string and a text of another
+// kind. A null `const char*` is an empty text.
 inline bool operator==(const qorString& left, const qorString& right) noexcept {
-    return left.Length() == right.Length() && std::memcmp(left.Text(), right.Text(), left.Length()) == 0;
+    return std::string_view(left) == std::string_view(right);
 }
+inline bool operator==(const qorString& left, const char* right) noexcept {
+    return std::string_view(left) == std::string_view(right != nullptr ? right : "");
+}
+template <qor::glue::sized_text TEXT>
+bool operator==(const qorString& left, const TEXT& right) noexcept {
+    return std::string_view(left) == std::string_view(right);
+}
+inline std::strong_ordering operator<=>(const qorString& left, const qorString& right) noexcept {
+    return std::string_view(left) <=> std::string_view(right);
+}
+inline std::strong_ordering operator<=>(const qorString& left, const char* right) noexcept {
+    return std::string_view(left) <=> std::string_view(right != nullptr ? right : "");
+}
+template <qor::glue::sized_text TEXT>
+std::strong_ordering operator<=>(const qorString& left, const TEXT& right) noexcept {
+    return std::string_view(left) <=> std::string_view(right);
+}
+
+// The hash of the bytes: equal to that of the std::string_view of the same text.
+template <>
+struct std::hash<qorString> {
+    std::size_t operator()(const qorString& text) const noexcept { return hash<string_view>()(text); }
+};
+
+#ifdef __cpp_lib_format
+// std::format takes strings with the options of std::string_view.
+template <>
+struct std::formatter<qorString> : std::formatter<std::string_view> {
+    auto format(const qorString& text, auto& context) const {
+        return std::formatter<std::string_view>::format(std::string_view(text), context);
+    }
+};
+#endif
