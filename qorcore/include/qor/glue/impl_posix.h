@@ -14,8 +14,10 @@
 #include <link.h>
 #include <pthread.h>
 #include <sys/auxv.h>
-#include <syslog.h>
 #include <unistd.h>
+
+// Declared here because <syslog.h> would bring its macros (LOG_ERR, LOG_DEBUG ...) into every client.
+extern "C" void syslog(int priority, const char* format, ...);
 
 namespace qor::glue {
 
@@ -39,7 +41,10 @@ inline constexpr char bind_function[] = "const qor::glue::binding_table* qor::gl
 
 // The debugger channel of a POSIX system is the system log: a failed binding never writes to the console, unless
 // the host itself has asked for that with openlog.
-inline void debugger_message(const char* text) noexcept { syslog(LOG_USER | LOG_DEBUG, "%s", text); }
+inline void debugger_message(const char* text) noexcept {
+    constexpr int debug_of_user = 1 << 3 | 7; // LOG_USER | LOG_DEBUG
+    syslog(debug_of_user, "%s", text);
+}
 
 // What was printed before the first bound call is not lost; destructors and atexit routines do not run. Only the two
 // output streams are flushed: another thread may be reading from standard input and hold its lock.

@@ -2,8 +2,8 @@
 // section and the event under the synchronisation primitives (primitives.h).
 //
 // The few system calls are declared here. windows.h would bring thousands of names into every client, macros among
-// them that rename members of ours (GetMessage); a client that includes it itself, before or after, sees the same
-// declarations once more.
+// them that rename members of ours (GetMessage). A client may include it, before or after: it declares the same once
+// more, and our members answer to its names as well (String.h).
 #pragma once
 
 #include "qor/glue/binding.h"

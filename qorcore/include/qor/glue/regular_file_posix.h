@@ -3,6 +3,8 @@
 // able to hold the program up by that. A file that the user names is another matter: it may be a pipe.
 #pragma once
 
+#include "qor/system/Types.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>

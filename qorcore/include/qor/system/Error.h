@@ -7,9 +7,8 @@
 #include "qor/system/String.h"
 #include "qor/system/template/SmartPointer.h"
 
-// windows.h makes a macro of this name, which would rename the member below. Its function has the names GetMessageA
-// and GetMessageW.
-#undef GetMessage
+#pragma push_macro("GetMessage")
+#undef GetMessage // windows.h makes it a macro for GetMessageA or GetMessageW, as LoadString (String.h)
 
 enum class qorErrorClass : uint32 {
     none,     // no error
@@ -35,6 +34,12 @@ public:
     virtual bool IsError() noexcept = 0; // false only for number 0, "no error"
     virtual qorErrorClass GetErrorClass() noexcept = 0;
     virtual void GetMessage(qorString& out) noexcept = 0;
+#if defined(_WIN32)
+    // For callers that have included windows.h. A class that implements the interface does so before it includes
+    // windows.h, or undefines GetMessage.
+    void GetMessageA(qorString& out) noexcept { GetMessage(out); }
+    void GetMessageW(qorString& out) noexcept { GetMessage(out); }
+#endif
     virtual bool Put(std::FILE* stream, bool newline) noexcept = 0;
 
     // Presents the error to the user: a line on standard error that names the process.
@@ -106,6 +111,10 @@ public:
     bool IsError() const noexcept { return m_error->IsError(); }
     qorErrorClass GetErrorClass() const noexcept { return m_error->GetErrorClass(); }
     void GetMessage(qorString& out) const noexcept { m_error->GetMessage(out); }
+#if defined(_WIN32)
+    void GetMessageA(qorString& out) const noexcept { GetMessage(out); }
+    void GetMessageW(qorString& out) const noexcept { GetMessage(out); }
+#endif
     bool Put(std::FILE* stream, bool newline) const noexcept { return m_error->Put(stream, newline); }
 
     // Lives as long as this object; a longer use takes a reference of its own.
@@ -114,3 +123,5 @@ public:
 private:
     zetSmartPointer<IQORErrorMessage> m_error;
 };
+
+#pragma pop_macro("GetMessage")

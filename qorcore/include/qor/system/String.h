@@ -24,9 +24,9 @@ namespace qor::glue {
 
 // A text that knows its length: std::string_view, std::string and their like. Plain C strings and qorString have
 // overloads of their own.
-template <class TEXT>
+template <class VIEW>
 concept sized_text =
-    std::is_convertible_v<const TEXT&, std::string_view> && !std::is_convertible_v<const TEXT&, const char*>;
+    std::is_convertible_v<const VIEW&, std::string_view> && !std::is_convertible_v<const VIEW&, const char*>;
 
 // The length as the table takes it. A text that cannot be counted is refused as too long, not cut.
 inline uint32 counted_length(std::size_t length) noexcept {
@@ -42,6 +42,9 @@ inline uint32 text_length(const char* text, int32 length) noexcept {
 
 } // namespace qor::glue
 
+#pragma push_macro("LoadString")
+#undef LoadString // windows.h: see below
+
 class qorString {
 public:
     qorString() noexcept { qor::glue::qorString_Init(this, 0); }
@@ -53,8 +56,8 @@ public:
         qor::glue::qorString_Set(this, text, count);
     }
     // All bytes, zero bytes among them.
-    template <qor::glue::sized_text TEXT>
-    explicit qorString(const TEXT& text) noexcept : qorString() {
+    template <qor::glue::sized_text VIEW>
+    explicit qorString(const VIEW& text) noexcept : qorString() {
         Set(text);
     }
     qorString(const qorString& other) noexcept {
@@ -76,8 +79,8 @@ public:
         Set(text, -1);
         return *this;
     }
-    template <qor::glue::sized_text TEXT>
-    qorString& operator=(const TEXT& text) noexcept {
+    template <qor::glue::sized_text VIEW>
+    qorString& operator=(const VIEW& text) noexcept {
         Set(text);
         return *this;
     }
@@ -127,23 +130,23 @@ public:
     void Set(const char* text, int32 length = -1) noexcept {
         qor::glue::qorString_Set(this, text, qor::glue::text_length(text, length));
     }
-    template <qor::glue::sized_text TEXT>
-    void Set(const TEXT& text) noexcept {
+    template <qor::glue::sized_text VIEW>
+    void Set(const VIEW& text) noexcept {
         const std::string_view view(text);
         qor::glue::qorString_Set(this, view.data(), qor::glue::counted_length(view.size()));
     }
     void Append(const char* text, int32 length = -1) noexcept {
         qor::glue::qorString_Append(this, text, qor::glue::text_length(text, length));
     }
-    template <qor::glue::sized_text TEXT>
-    void Append(const TEXT& text) noexcept {
+    template <qor::glue::sized_text VIEW>
+    void Append(const VIEW& text) noexcept {
         const std::string_view view(text);
         qor::glue::qorString_Append(this, view.data(), qor::glue::counted_length(view.size()));
     }
     void AppendString(const qorString& other) noexcept {
         qor::glue::qorString_Append(this, other.Text(), other.m_data.length);
     }
-    void AppendByte(char byte) noexcept { qor::glue::qorString_Append(this, &byte, 1); }
+    void AppendByte(char last) noexcept { qor::glue::qorString_Append(this, &last, 1); }
     // An index behind the end means the end.
     void Insert(uint32 index, const char* text, int32 length = -1) noexcept {
         qor::glue::qorString_Insert(this, index, text, qor::glue::text_length(text, length));
@@ -167,8 +170,8 @@ public:
     // ---- searching: the position, or -1. The forward forms look at `start` and behind it, the reverse forms at
     // `start` and before it (-1: from the end). A character is a Unicode code point; what is none is not found.
     // An empty text is found at `start`.
-    int32 FindByte(char byte, uint32 start = 0) const noexcept {
-        return qor::glue::qorString_FindByte(this, byte, start);
+    int32 FindByte(char sought, uint32 start = 0) const noexcept {
+        return qor::glue::qorString_FindByte(this, sought, start);
     }
     int32 FindChar(uint32 character, uint32 start = 0) const noexcept {
         return qor::glue::qorString_FindChar(this, character, start);
@@ -176,8 +179,8 @@ public:
     int32 FindString(const char* text, uint32 start = 0) const noexcept {
         return qor::glue::qorString_FindString(this, text, start);
     }
-    int32 ReverseFindByte(char byte, int32 start = -1) const noexcept {
-        return qor::glue::qorString_ReverseFindByte(this, byte, start);
+    int32 ReverseFindByte(char sought, int32 start = -1) const noexcept {
+        return qor::glue::qorString_ReverseFindByte(this, sought, start);
     }
     int32 ReverseFindChar(uint32 character, int32 start = -1) const noexcept {
         return qor::glue::qorString_ReverseFindChar(this, character, start);
@@ -219,13 +222,13 @@ public:
     // in which a split can fail.
     bool Tokenise_WS(qorStringArray& out) const noexcept { return qor::glue::qorString_Tokenise_WS(this, out); }
     // n separators make n + 1 fields; an empty string makes none.
-    bool TokeniseAtByte(char byte, qorStringArray& out) const noexcept {
-        return qor::glue::qorString_TokeniseAtByte(this, byte, out);
+    bool TokeniseAtByte(char separator, qorStringArray& out) const noexcept {
+        return qor::glue::qorString_TokeniseAtByte(this, separator, out);
     }
     // At the first separator, which belongs to neither part. False: there is none, `left` is all of it and
     // `right` is empty. One of the parts may be the string itself.
-    bool SplitAtByte(char byte, qorString& left, qorString& right) const noexcept {
-        return qor::glue::qorString_SplitAtByte(this, byte, left, right);
+    bool SplitAtByte(char separator, qorString& left, qorString& right) const noexcept {
+        return qor::glue::qorString_SplitAtByte(this, separator, left, right);
     }
     // Takes the first word and the white space around it out of the string. False: there is no word, and both
     // are empty then. Where `token` is the string itself, it is the word.
@@ -289,6 +292,12 @@ public:
     bool LoadStringEx(const char* catalog, uint32 number, const char* language) noexcept {
         return qor::glue::qorString_LoadStringEx(this, catalog, number, language);
     }
+#if defined(_WIN32)
+    // windows.h makes LoadString a macro for one of these names. A client that includes it, before or after this file,
+    // writes LoadString as ever, for the operation of a string as well as for that of Windows.
+    bool LoadStringA(const char* catalog, uint32 number) noexcept { return LoadString(catalog, number); }
+    bool LoadStringW(const char* catalog, uint32 number) noexcept { return LoadString(catalog, number); }
+#endif
 
     // ---- streams
     // Writes the whole text, NULs included, and a newline behind it if asked, in one go; a terminal gets it as
@@ -325,6 +334,8 @@ private:
     static int32 clamp(uint32 count) noexcept { return count > 0x7fffffff ? -1 : static_cast<int32>(count); }
 };
 
+#pragma pop_macro("LoadString")
+
 // Strings compare by their bytes, which are unsigned, and then by their lengths; so do a string and a text of another
 // kind. A null `const char*` is an empty text.
 inline bool operator==(const qorString& left, const qorString& right) noexcept {
@@ -333,8 +344,8 @@ inline bool operator==(const qorString& left, const qorString& right) noexcept {
 inline bool operator==(const qorString& left, const char* right) noexcept {
     return std::string_view(left) == std::string_view(right != nullptr ? right : "");
 }
-template <qor::glue::sized_text TEXT>
-bool operator==(const qorString& left, const TEXT& right) noexcept {
+template <qor::glue::sized_text VIEW>
+bool operator==(const qorString& left, const VIEW& right) noexcept {
     return std::string_view(left) == std::string_view(right);
 }
 inline std::strong_ordering operator<=>(const qorString& left, const qorString& right) noexcept {
@@ -343,8 +354,8 @@ inline std::strong_ordering operator<=>(const qorString& left, const qorString& 
 inline std::strong_ordering operator<=>(const qorString& left, const char* right) noexcept {
     return std::string_view(left) <=> std::string_view(right != nullptr ? right : "");
 }
-template <qor::glue::sized_text TEXT>
-std::strong_ordering operator<=>(const qorString& left, const TEXT& right) noexcept {
+template <qor::glue::sized_text VIEW>
+std::strong_ordering operator<=>(const qorString& left, const VIEW& right) noexcept {
     return std::string_view(left) <=> std::string_view(right);
 }
 

@@ -2,6 +2,10 @@
 // overloads and printf formats ("%llu" for uint64) mean the same everywhere.
 #pragma once
 
+#if __cplusplus < 202002L
+#error "The headers of qor need C++20: compile with -std=c++20 or later."
+#endif
+
 #include <cstddef>
 
 using int8 = signed char;

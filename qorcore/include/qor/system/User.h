@@ -4,9 +4,8 @@
 #include "qor/glue/binding.h"
 #include "qor/system/Interface.h"
 
-// windows.h makes a macro of this name, which would rename the member below. Its function has the names GetUserNameA
-// and GetUserNameW.
-#undef GetUserName
+#pragma push_macro("GetUserName")
+#undef GetUserName // windows.h makes it a macro for GetUserNameA or GetUserNameW, as LoadString (String.h)
 
 class qorString;
 class qorStringArray;
@@ -20,6 +19,12 @@ public:
     virtual bool IsSuperUser() noexcept = 0;
 
     virtual void GetUserName(qorString& out) noexcept = 0;
+#if defined(_WIN32)
+    // For callers that have included windows.h. A class that implements the interface does so before it includes
+    // windows.h, or undefines GetUserName.
+    void GetUserNameA(qorString& out) noexcept { GetUserName(out); }
+    void GetUserNameW(qorString& out) noexcept { GetUserName(out); }
+#endif
 
     // For people to read; often empty. Linux: the full name of the account. Windows: its description.
     virtual void GetDescription(qorString& out) noexcept = 0;
@@ -33,6 +38,8 @@ public:
 protected:
     ~IQORUserToken() = default;
 };
+
+#pragma pop_macro("GetUserName")
 
 // The scale of GetAuthLevel. Negative levels may not log in at all.
 enum qorAuthLevel : int32 {

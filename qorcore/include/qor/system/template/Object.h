@@ -11,8 +11,8 @@ namespace qor {
 
 // A query may ask for `interface_name`, for the interface that it extends if it does, and for the root. Names are kept
 // by pointer.
-template <class INTERFACE>
-class object : public qorRefObject, public INTERFACE {
+template <class OFFERED>
+class object : public qorRefObject, public OFFERED {
 public:
     object(const char* type_name, const char* interface_name, const char* extended_name = root_name) noexcept
         : qorRefObject(type_name), m_names{interface_name, extended_name, root_name} {}
@@ -23,7 +23,7 @@ public:
         if (std::none_of(std::begin(m_names), std::end(m_names),
                          [name](const char* known) { return std::strcmp(name, known) == 0; }))
             return 0;
-        *out = static_cast<INTERFACE*>(this);
+        *out = static_cast<OFFERED*>(this);
         AddRef();
         return 1;
     }

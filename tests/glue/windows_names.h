@@ -1,0 +1,50 @@
+// Calls by names that windows.h turns into macros: to our objects, and to Windows. What includes this has included
+// qor.h and windows.h in one order or the other.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+#ifndef LoadString
+#error "windows.h has lost its LoadString"
+#endif
+
+TEST(QOR_TEST_SUITE, OursAreOurs) {
+    qorString text;
+    EXPECT_TRUE(text.LoadString("qorcore", 1));
+    EXPECT_FALSE(text.IsEmpty());
+    EXPECT_FALSE(text.LoadString("qorcore", 0xffffffff));
+
+    qorSetLastError(qorError_no_such_user, "somebody");
+    zetSmartPointer<IQORErrorMessage> error;
+    qorGetLastError(error.Out());
+    qorString message;
+    error->GetMessage(message);
+    EXPECT_GE(message.FindString("somebody"), 0);
+    qorString saved;
+    qorSaveErrorInfo().GetMessage(saved);
+    EXPECT_EQ(saved, message);
+
+    qorString name;
+    ASSERT_TRUE(qorGetCurrentUserName(name));
+    zetSmartPointer<IQORUserToken> token;
+    ASSERT_TRUE(qorGetCurrentUserToken(token.Out()));
+    qorString from_token;
+    token->GetUserName(from_token);
+    EXPECT_EQ(from_token, name);
+}
+
+TEST(QOR_TEST_SUITE, ThoseOfWindowsAreOfWindows) {
+    MSG message;
+    (void)PeekMessage(&message, nullptr, 0, 0, PM_NOREMOVE); // a thread that asks has a queue of messages
+    ASSERT_TRUE(PostThreadMessage(GetCurrentThreadId(), WM_APP + 7, 1, 2));
+    ASSERT_GT(GetMessage(&message, nullptr, WM_APP, WM_APP + 15), 0);
+    EXPECT_EQ(message.message, WM_APP + 7u);
+    char text[16];
+    EXPECT_EQ(LoadString(nullptr, 12345, text, sizeof text), 0);
+}
+
+} // namespace

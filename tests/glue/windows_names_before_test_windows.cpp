@@ -1,0 +1,7 @@
+// windows.h before our headers.
+#include <windows.h>
+
+#include "qor/qor.h"
+
+#define QOR_TEST_SUITE WindowsNamesBefore
+#include "glue/windows_names.h"
