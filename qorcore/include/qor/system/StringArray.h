@@ -3,6 +3,9 @@
 
 #include "qor/system/String.h"
 
+#include <span>
+
+// A contiguous range of strings that cannot be changed in place; iterators are stale after any change of the array.
 // Not thread-safe. Texts given to it are copied and may lie in the array itself; lengths of -1 mean up to the
 // terminator. Operations that need memory which is not there end the process with a report.
 class qorStringArray {
@@ -29,6 +32,10 @@ public:
     const char* operator[](uint32 index) const noexcept { return at(index); }
     const char* GetAt(uint32 index) const noexcept { return at(index); }
 
+    // The elements with their lengths: for range-for, the algorithms of the C++ library, and std::span<const qorString>.
+    const qorString* begin() const noexcept { return m_data.elements; }
+    const qorString* end() const noexcept { return m_data.elements + m_data.count; }
+
     // Frees the elements and the storage.
     void Empty() noexcept { qor::glue::qorStringArray_Empty(this); }
 
@@ -42,7 +49,19 @@ public:
     void Append(const char* text, int32 length = -1) noexcept {
         qor::glue::qorStringArray_Append(this, text, qor::glue::text_length(text, length));
     }
+    template <qor::glue::sized_text VIEW>
+    void Append(const VIEW& text) noexcept {
+        const std::string_view view(text);
+        qor::glue::qorStringArray_Append(this, view.data(), qor::glue::counted_length(view.size()));
+    }
     void Append(const qorStringArray& other) noexcept { qor::glue::qorStringArray_AppendArray(this, other); }
+    // Several texts: of another array, which must not be this one, or C strings such as std::span(argv, argc).
+    void Append(std::span<const qorString> texts) noexcept { append_each(texts); }
+    void Append(std::span<const std::string_view> texts) noexcept { append_each(texts); }
+    void Append(std::span<const char* const> texts) noexcept {
+        for (const char* const text : texts)
+            Append(text);
+    }
     // An index behind the end means the end.
     void InsertAt(uint32 index, const char* text, int32 length = -1) noexcept {
         qor::glue::qorStringArray_InsertAt(this, index, text, qor::glue::text_length(text, length));
@@ -89,6 +108,12 @@ public:
     } m_data;
 
 private:
+    template <class TEXT_LIST>
+    void append_each(TEXT_LIST texts) noexcept {
+        for (const std::string_view text : texts)
+            Append(text);
+    }
+
     const char* at(uint32 index) const noexcept {
         if (index >= m_data.count) [[unlikely]]
             qor::glue::assert_failed("index < m_data.count", "const char* qorStringArray::operator[](uint32) const",

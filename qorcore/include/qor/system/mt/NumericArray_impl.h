@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <type_traits>
 
 namespace qor::glue {
@@ -28,7 +29,8 @@ int32 squeezed_difference(ELEMENT left, ELEMENT right) noexcept {
     }
 }
 
-// All that the typed arrays are; SELF is the class, whose name reports give. Not copyable but by Copy and
+// All that the typed arrays are; SELF is the class, whose name reports give. An array is a contiguous range, and so
+// converts to std::span. Not copyable but by Copy and
 // Append, not thread-safe. An element's address is stale after anything that grows the array or takes
 // elements out. What grows it throws std::bad_alloc where there is no memory; the array is then as it was,
 // after Copy empty.
@@ -63,6 +65,9 @@ public:
             copy_run(m_vec.Append(n), src, n);
     }
 
+    // Adds the elements of a span, which must not lie in this array.
+    void Append(std::span<const ELEMENT> elements) { Append(elements.data(), counted(elements)); }
+
     // Becomes a copy of another array. A copy of itself leaves it empty, for it is emptied first.
     void Copy(const SELF& other) {
         Empty();
@@ -77,6 +82,10 @@ public:
     void InsertAt(uint32 index, const ELEMENT* src, uint32 n) {
         if (n != 0)
             copy_run(m_vec.Insert(index, n), src, n);
+    }
+
+    void InsertAt(uint32 index, std::span<const ELEMENT> elements) {
+        InsertAt(index, elements.data(), counted(elements));
     }
 
     // Takes elements out. A range that ends behind the last element is reported, and cut; the sum is 32 bits
@@ -95,6 +104,11 @@ public:
     // The elements, contiguous; null where there never was one.
     ELEMENT* GetDataPtr() noexcept { return reinterpret_cast<ELEMENT*>(m_vec.m_data.elements); }
     const ELEMENT* GetDataPtr() const noexcept { return reinterpret_cast<const ELEMENT*>(m_vec.m_data.elements); }
+
+    ELEMENT* begin() noexcept { return GetDataPtr(); }
+    ELEMENT* end() noexcept { return begin() + GetCount(); }
+    const ELEMENT* begin() const noexcept { return GetDataPtr(); }
+    const ELEMENT* end() const noexcept { return begin() + GetCount(); }
 
     // An element's address; the index is not checked.
     ELEMENT* GetElementPtr(uint32 index) noexcept { return address_behind(GetDataPtr(), size(index)); }
@@ -123,10 +137,8 @@ public:
     // The index of the first element that equals `value` by ==, else -1: a NaN is never found, and 0.0 finds
     // -0.0.
     int32 Find(ELEMENT value) const noexcept {
-        const ELEMENT* const begin = GetDataPtr();
-        const ELEMENT* const end = begin + GetCount();
-        const ELEMENT* const found = std::find(begin, end, value);
-        return found != end ? static_cast<int32>(found - begin) : -1;
+        const ELEMENT* const found = std::find(begin(), end(), value);
+        return found != end() ? static_cast<int32>(found - begin()) : -1;
     }
     bool IsPresent(ELEMENT value) const noexcept { return Find(value) >= 0; }
 
@@ -162,6 +174,13 @@ public:
 
 private:
     static std::size_t size(uint32 count) noexcept { return std::size_t{count} * sizeof(ELEMENT); }
+
+    // A span that cannot be counted is refused as too long, not cut.
+    static uint32 counted(std::span<const ELEMENT> elements) {
+        if (elements.size() > 0xffffffff)
+            throw std::bad_alloc();
+        return static_cast<uint32>(elements.size());
+    }
 
     static ELEMENT* store(void* room, ELEMENT value) noexcept {
         ELEMENT* const element = static_cast<ELEMENT*>(room);
