@@ -32,14 +32,22 @@ inline void announce(const void* object, const char* type_name) noexcept {
 
 } // namespace qor::glue
 
-// Storage of framework objects: operator new takes the source location, as in
+// A framework object, fresh from the tracked allocator, noted with the place where this stands:
+// `reader.AttachNew(QOR_NEW my_reader(path))`. Throws std::bad_alloc.
+#define QOR_NEW new (std::source_location::current())
+
+// Storage of framework objects: operator new takes the source location, from QOR_NEW or as in
 // `new ("util/tool/main", 55) tool_app`.
 #define QOR_TRACKED_NEW                                                                                                \
     static void* operator new(std::size_t size, const char* file, int line) {                                          \
         return qor::glue::or_throw(qor::glue::qor_do_new(size, file, line));                                           \
     }                                                                                                                  \
+    static void* operator new(std::size_t size, std::source_location where) {                                          \
+        return operator new(size, qor::glue::path_without_extension(where.file_name()), qor::glue::line_of(where));    \
+    }                                                                                                                  \
     static void operator delete(void* object) noexcept { qor::glue::qor_do_delete(object); }                           \
-    static void operator delete(void* object, const char*, int) noexcept { qor::glue::qor_do_delete(object); }
+    static void operator delete(void* object, const char*, int) noexcept { qor::glue::qor_do_delete(object); }         \
+    static void operator delete(void* object, std::source_location) noexcept { qor::glue::qor_do_delete(object); }
 
 // A reference-counted object with one interface. It is born holding one reference, and the last Release ends it.
 // References may be added and dropped on any thread. The name is kept by pointer.
