@@ -2,6 +2,7 @@
 
 #include "command_table.h"
 #include "message_names.h"
+#include "version.h"
 
 namespace message = qor::messages::tool;
 
@@ -9,7 +10,6 @@ namespace {
 
 constexpr char source[] = "util/qortool/main";
 constexpr char main_function[] = "int qortool_app::Main(qorStringArray&)";
-constexpr char version[] = "3.35.21";
 
 } // namespace
 
@@ -86,7 +86,7 @@ void qortool_app::print_banner() {
     qorString text;
     if (text.LoadString(message::catalog, message::banner))
         text.Put(stdout, true);
-    text.Format(message::catalog, message::version, version);
+    text.Format(message::catalog, message::version, qor_version);
     text.Put(stdout, true);
 }
 
