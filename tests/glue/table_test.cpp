@@ -40,23 +40,29 @@ const void* entry(const binding_table& table, uint32 number) {
     return result;
 }
 
-TEST(Table, HoldsAllThatIsWrittenAndNothingElse) {
-    const binding_table& table = *qor::glue::table();
-    uint32 covered = 0;
-#define QOR_SLOT(number, result, op, parameters, arguments)                                                            \
-    EXPECT_NE(entry(table, number), nullptr) << #op;                                                                   \
-    covered += 1;
-#define QOR_RESERVED(number, op)                                                                                       \
-    EXPECT_EQ(entry(table, number), nullptr) << #op;                                                                   \
-    covered += 1;
-#define QOR_FREE(first, count)                                                                                         \
-    for (uint32 i = 0; i < (count); ++i)                                                                               \
-        EXPECT_EQ(entry(table, (first) + i), nullptr) << (first) + i;                                                  \
-    covered += (count);
+// The rows of slots.def as data: a check in a loop compiles in a tenth of the time of one check for each row.
+struct row {
+    uint32 number;
+    uint32 count;
+    const char* op;
+    bool written;
+};
+constexpr row rows[] = {
+#define QOR_SLOT(number, result, op, parameters, arguments) {number, 1, #op, true},
+#define QOR_RESERVED(number, op) {number, 1, #op, false},
+#define QOR_FREE(first, count) {first, count, "free", false},
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
 #undef QOR_FREE
+};
+
+TEST(Table, HoldsAllThatIsWrittenAndNothingElse) {
+    const binding_table& table = *qor::glue::table();
+    uint32 covered = 0;
+    for (const row& each : rows)
+        for (uint32 i = 0; i < each.count; ++i, ++covered)
+            EXPECT_EQ(entry(table, each.number + i) != nullptr, each.written) << each.op << ' ' << each.number + i;
     EXPECT_EQ(covered, qor::glue::slot_count);
 }
 
@@ -72,13 +78,9 @@ TEST(Table, IsSufficientWithEveryWrittenOperation) {
         put(table, number, kept);
         return sufficient;
     };
-#define QOR_SLOT(number, result, op, parameters, arguments) EXPECT_FALSE(without(number)) << #op;
-#define QOR_RESERVED(number, op) EXPECT_TRUE(without(number)) << #op;
-#define QOR_FREE(first, count)
-#include "qor/glue/slots.def"
-#undef QOR_SLOT
-#undef QOR_RESERVED
-#undef QOR_FREE
+    for (const row& each : rows)
+        if (each.count == 1)
+            EXPECT_EQ(without(each.number), !each.written) << each.op;
 }
 
 TEST(Table, IsSufficientWhereItIsLonger) {
