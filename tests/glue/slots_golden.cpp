@@ -64,6 +64,6 @@ int main(int argc, char** argv) {
         return 0;
     show_missing("-", lines(expected), lines(actual));
     show_missing("+", lines(actual), lines(expected));
-    std::printf("slots.def is not the list in %s; if that is meant, run slots_golden --update.\n", path);
+    std::printf("slots.def is not the list in %s; if that is meant, run:\n%s --update %s\n", path, argv[0], path);
     return 1;
 }
