@@ -110,9 +110,9 @@ TEST_F(catalog, a_refused_list_changes_nothing) {
     EXPECT_EQ(active(), (names{"fr", "en"}));
     choose("en");
     EXPECT_FALSE(qor::catalog::set_languages("de:../x", why));
-    EXPECT_EQ(why, "'../x' is not the name of a language");
+    EXPECT_EQ(why, "'../x' is not a language name");
     EXPECT_FALSE(qor::catalog::set_languages("::", why));
-    EXPECT_EQ(why, "it names no language");
+    EXPECT_EQ(why, "the list is empty");
 }
 
 TEST_F(catalog, strings_load_messages_as_they_stand) {

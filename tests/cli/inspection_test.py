@@ -226,15 +226,15 @@ class Inspection(unittest.TestCase):
             self.skipTest("the C library has no libidn2 here")
         before = self.with_files({"/etc/hosts": "192.0.2.9 xn--mnchen-3ya.example\n"})
         self.assertEqual(self.run_tool("lookup", "münchen.example", before=before).stdout, "192.0.2.9\n")
-        self.check_fails("\u2488com", "'\u2488com' cannot be looked up: it is no valid international name.")
+        self.check_fails("\u2488com", "'\u2488com' cannot be looked up: it is not a valid internationalized name.")
 
     def test_without_libidn2(self):
         loaded = output("sh", "-c", "/sbin/ldconfig -p | sed -n 's/.*libidn2.so.0 .*=> //p'").stdout.split()
         if not loaded:
             self.skipTest("there is no libidn2 here to take away")
         before = self.with_files({loaded[0]: ""})
-        self.check_fails("münchen.example", "'münchen.example' cannot be looked up: it is an international name, and the library"
-                                            " libidn2, which the system needs for these, is missing.", before)
+        self.check_fails("münchen.example", "'münchen.example' cannot be looked up: it is an internationalized name, for which"
+                                            " the system needs the library libidn2, and that is missing.", before)
 
     def test_no_network(self):
         before = self.with_files({"/etc/resolv.conf": "nameserver 192.0.2.53\n"}, "-n")
@@ -247,7 +247,7 @@ class Inspection(unittest.TestCase):
         before += ["sh", "-c", made, "sh"]
         if output(*before, "true").returncode != 0:
             self.skipTest("this host has no virtual Ethernet")
-        self.check_fails("qor.example", "No name server has answered for 'qor.example'; try it again later.", before)
+        self.check_fails("qor.example", "No name server answered for 'qor.example'; try again later.", before)
 
     def test_no_address(self):
         before = self.with_files({"/etc/resolv.conf": "nameserver 127.0.0.1\n"}, "-n")

@@ -82,7 +82,7 @@ class Md5sumPosix(Md5sum):
     def test_a_pipe_that_nobody_writes_to(self):
         os.mkfifo(self.folder / "pipe")
         self.check_fails("pipe", "FAILED to open file pipe",
-                         "Cannot open 'pipe': it is a pipe or a device, and only a file on a disk will do.")
+                         "Cannot open 'pipe': it is a pipe or a device, not a file on a disk.")
 
     def test_an_unreadable_file(self):
         # Nothing is unreadable to root, and another user may not be able to enter the build's folder.
@@ -99,8 +99,8 @@ class Md5sumPosix(Md5sum):
         path = "/sys/class/net/lo/address"
         content = Path(path).read_bytes()
         self.assertLess(len(content), os.stat(path).st_size)
-        self.check_fails(path, f"ERROR reading from fileCannot read '{path}': it ends at byte {len(content)}, "
-                               "before all was read.")
+        self.check_fails(path, f"ERROR reading from fileCannot read '{path}': it ends unexpectedly at "
+                               f"byte {len(content)}.")
 
     def test_a_file_that_shrinks(self):
         """So large that it cannot be read to its end before it is cut off."""
@@ -115,7 +115,7 @@ class Md5sumPosix(Md5sum):
         os.truncate(path, 1 << 20)
         code, out, err = self.end(process)
         self.assertEqual((code, out), (1, ""))
-        self.assertRegex(err, r"^ERROR reading from fileCannot read 'file': it ends at byte \d+, before all was read.\n$")
+        self.assertRegex(err, r"^ERROR reading from fileCannot read 'file': it ends unexpectedly at byte \d+.\n$")
 
     def bytes_read(self, process):
         counters = dict(line.split(": ") for line in Path(f"/proc/{process.pid}/io").read_text().splitlines())

@@ -54,7 +54,7 @@ class OnePlace(unittest.TestCase):
             self.run_tool(out)
         self.assertEqual((self.folder / "out").read_bytes(),
                          b"Processing mtrace file...\n\nScanning data...\nNo leaks found\n"
-                         b"'log' is no mtrace log. It looks like a text of another kind.\nDone\n")
+                         b"'log' is not an mtrace log. It looks like some other text.\nDone\n")
 
     def run_tool(self, place):
         code = subprocess.run([*tool.command, "--quiet", "mtrace", "log"], cwd=self.folder, stdin=subprocess.DEVNULL,

@@ -104,7 +104,7 @@ class MadeUpHosts(unittest.TestCase):
 
     def test_no_sysfs(self):
         self.assertEqual(self.run_there("list-serial"),
-                         (1, "Getting ports...\n", "FAILED to enumerate serial ports - The system does not tell its serial "
+                         (1, "Getting ports...\n", "FAILED to enumerate serial ports - Cannot list the serial "
                           "ports: '/sys/class/tty': No such file or directory.\n"))
 
     def test_one_port(self):
@@ -216,14 +216,14 @@ class PseudoTerminals(unittest.TestCase):
     def test_one_that_a_group_may_open(self):
         group = next(group for group in grp.getgrall() if group.gr_gid not in (0, NOBODY))
         self.assertEqual(self.refused(0o660, group.gr_gid),
-                         f"You may not open the serial port '{self.name}'. Members of the group '{group.gr_name}' may; who "
-                         "joins it has to log in again.")
+                         f"You do not have permission to open the serial port '{self.name}'. Members of the group "
+                         f"'{group.gr_name}' do; log in again after joining it.")
 
     def test_one_of_a_group_without_a_name(self):
         self.assertIn("the group '54321'", self.refused(0o660, 54321))
 
     def test_one_that_its_owner_alone_may_open(self):
-        self.assertEqual(self.refused(0o620, 5), f"You may not open the serial port '{self.name}'. Only the user 'root' may.")
+        self.assertEqual(self.refused(0o620, 5), f"You do not have permission to open the serial port '{self.name}'. Only the user 'root' does.")
 
 
 class RecordedAdapter(unittest.TestCase):

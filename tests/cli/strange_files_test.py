@@ -74,9 +74,9 @@ class StrangeFiles(unittest.TestCase):
 
         def check(kind):
             code, _, problem = self.run_program("--quiet", "netlist")
-            reason = REASONS.get(kind, "it is no plain file")
+            reason = REASONS.get(kind, "it is not a regular file")
             expected = f"'{module}' is missing." if kind == "link to nothing" else f"'{module}' cannot be loaded: {reason}."
-            self.assertEqual((code, problem), (1, f"The network interfaces cannot be listed: The module {expected}\n"))
+            self.assertEqual((code, problem), (1, f"Cannot list the network interfaces: The module {expected}\n"))
 
         self.each(module, check, module.read_bytes())
 
@@ -123,7 +123,7 @@ class StrangeFiles(unittest.TestCase):
             self.assertEqual((code, out), (1, ""))
             self.assertIn(str(file), problem)
             if kind not in ("link to itself", "link to nothing"):
-                self.assertIn("it is no plain file", problem)
+                self.assertIn("it is not a regular file", problem)
 
         self.each(file, check)
 
@@ -149,7 +149,7 @@ class StrangeFiles(unittest.TestCase):
         locks.mkdir()
         free = (0, f"Port name = '{name[5:]}'\nLocation = 'pseudo-terminal'\n", "")
         self.assertEqual(self.run_program("--quiet", "ttyinfo", name, before=before), free)
-        locked = (1, "", f"FAILED to open serial port {name}\nThe serial port '{name}' counts as in use because of the lock "
+        locked = (1, "", f"FAILED to open serial port {name}\nThe serial port '{name}' is considered in use because of the lock "
                          f"file '/var/lock/{lock.name}', which names no process.\n")
         self.each(lock, lambda kind: self.assertEqual(self.run_program("--quiet", "ttyinfo", name, before=before),
                                                       free if kind == "link to nothing" else locked), str(os.getpid()).encode())

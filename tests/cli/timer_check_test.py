@@ -20,7 +20,7 @@ from pathlib import Path
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
 from tool import Tool, add_options  # noqa: E402  # beside this folder
 
-HEADING = b"Comparing the tick counter with the system time; Ctrl-C stops it.\n"
+HEADING = b"Comparing the tick counter with the system time; press Ctrl-C to stop.\n"
 START = re.compile(rb"start=(\d+) offset=(\d+)\n")
 PASS = re.compile(rb"val=( *\d+)\.(\d{7})    delta=(\d+\.\d{3})     diff=(-?\d+\.\d{6})\n")
 

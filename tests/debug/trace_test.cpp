@@ -362,7 +362,7 @@ const qor::test::scene all_codes{
         EXPECT_EQ(qorGetLastError(text), 0u);
         EXPECT_EQ(qorDebugAllocateCode("one.too.many"), 0u);
         EXPECT_EQ(qorGetLastError(text), qorError_no_trace_codes_left);
-        EXPECT_STREQ(text, "No trace code is left for 'one.too.many': a process has 16383 at most.");
+        EXPECT_STREQ(text, "No trace code is left for 'one.too.many': a process can have at most 16383.");
         EXPECT_EQ(qorDebugAllocateCode("16383"), 16383u);
         qorDebugEnableCode("*", true);
         EXPECT_FALSE(is_on(0));

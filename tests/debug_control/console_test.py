@@ -17,7 +17,7 @@ import listening
 from listening import TIMEOUT, Listening, key_beside, trust
 
 PROMPT = "Debug> "
-LOGGED_IN = "Logged in. 'help' lists the commands; the end of the input ends the console.\n"
+LOGGED_IN = "Logged in. 'help' lists the commands; end of input closes the console.\n"
 BANNER = "qortool - tries out and inspects the facilities of the framework\nVersion 3.35.21\n"
 REFUSED = "The user name or the password was refused.\n"
 END_OF_INPUT = "The input has ended.\n"
@@ -98,12 +98,12 @@ class Console(Listening):
     def unknown(self):
         """The text on a listener that was never met before."""
         return (f"The key of 'localhost', port {self.port}, is not known here yet. Its fingerprint is {key_beside(self.users)}; "
-                "'qor-debug-user fingerprint' prints the right one where the listener runs.\n")
+                "compare it with the output of 'qor-debug-user fingerprint' on that host.\n")
 
     def refused(self):
         """The same of its refusal."""
-        return (f"{REFUSED[:-1]} The listener has not proved itself yet. Before a password is typed again, compare the fingerprint of "
-                f"its key, {key_beside(self.users)}, with what 'qor-debug-user fingerprint' prints there.\n")
+        return (f"{REFUSED[:-1]} The listener has not proved its identity yet. Before you type a password again, compare the "
+                f"fingerprint of its key, {key_beside(self.users)}, with the output of 'qor-debug-user fingerprint' on that host.\n")
 
     def logged_in(self):
         trust(listening.tool, self.users, "localhost", self.port, self.environment())
@@ -117,7 +117,7 @@ class Console(Listening):
         return console.until(PROMPT).removesuffix(PROMPT)
 
     def listed(self, console, command):
-        heading = {"show-all": "Trace codes of the process:", "show-enabled": "Trace codes that are on:"}[command]
+        heading = {"show-all": "Trace codes of the process:", "show-enabled": "Enabled trace codes:"}[command]
         text = self.ask(console, command)
         self.assertTrue(text.startswith(f"\n{heading}\n\n") and text.endswith("\n\n"), text)
         names = text.splitlines()[3:-1]
@@ -140,13 +140,13 @@ class Console(Listening):
         self.assertEqual(self.ask(console, "disable ticker.tick"), "")
         self.assertEqual(self.listed(console, "show-enabled"), ["ticker.work"])
         self.assertEqual(self.ask(console, "disable-all"), "")
-        self.assertEqual(self.ask(console, "show-enabled"), "No trace code is on.\n")
+        self.assertEqual(self.ask(console, "show-enabled"), "No trace code is enabled.\n")
         self.assertEqual(self.ask(console, "quit"), "")
         self.assertEqual(self.ask(console, "enable"), "")
         code, out, err = console.end()
         self.assertEqual((code, out), (1, ""))
-        self.assertEqual(err, self.unknown() + self.refused() * 2 + "There is no such command. 'help' lists the commands.\n"
-                         "The arguments do not fit this command. 'help' shows what it takes.\n" + END_OF_INPUT)
+        self.assertEqual(err, self.unknown() + self.refused() * 2 + "Unknown command. 'help' lists the commands.\n"
+                         "Wrong arguments for this command. 'help' shows its usage.\n" + END_OF_INPUT)
         self.assertIsNone(self.peer.poll())
 
     def test_switches_stay_when_the_console_leaves(self):
@@ -199,7 +199,7 @@ class Console(Listening):
         self.ask(console, "show-all\0")
         self.assertEqual(self.listed(console, "show-enabled"), ["ticker.tick"])
         code, out, err = console.end()
-        self.assertEqual((code, out, err), (1, "", REFUSED * 2 + "There is no such command. 'help' lists the commands.\n" * 2 + END_OF_INPUT))
+        self.assertEqual((code, out, err), (1, "", REFUSED * 2 + "Unknown command. 'help' lists the commands.\n" * 2 + END_OF_INPUT))
 
     def test_a_disk_without_room(self):
         """The first login has to note the key; what is noted already is not to blame."""
@@ -307,9 +307,9 @@ class Terminal(Console):
         self.listen()
         self.start()
         self.type("show-enabled")
-        self.see("Debug> show-enabled\n\nTrace codes that are on:\n\nticker.tick\n\nDebug>")
+        self.see("Debug> show-enabled\n\nEnabled trace codes:\n\nticker.tick\n\nDebug>")
         self.type("Help")
-        self.see("Debug> Help\nThere is no such command. 'help' lists the commands.\nDebug>")
+        self.see("Debug> Help\nUnknown command. 'help' lists the commands.\nDebug>")
         self.tmux("send-keys", "-t", "console", "C-d")
         self.see(f"Debug> {END_OF_INPUT}ended with 1")
 

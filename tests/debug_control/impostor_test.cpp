@@ -112,7 +112,7 @@ TEST_F(impostors, one_that_freezes) {
             std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin).count()));
     qorStringArray out;
     EXPECT_FALSE(control->GetCodes(out));
-    EXPECT_NE(last_error().find("it was silent for too long"), std::string::npos) << last_error();
+    EXPECT_NE(last_error().find("it sent nothing for too long"), std::string::npos) << last_error();
 }
 
 // What a listener may say after a login, and a console must not believe.

@@ -123,7 +123,7 @@ TEST_F(debug_control_process, who_cannot_listen_does_not_start) {
         EXPECT_EQ(ended.code, 1) << address;
     }
     EXPECT_EQ(start({users, "--qor-debug-listen=1x"}).out,
-              "123 '1x' is no address to listen on. It is written [HOST:]PORT, for instance 4711, 0.0.0.0:4711 or "
+              "123 '1x' is not an address to listen on. Write it as [HOST:]PORT, for example 4711, 0.0.0.0:4711 or "
               "[::]:4711.");
     EXPECT_TRUE(start({users, "--qor-debug-listen=no such host:1"}).out.starts_with("124 "));
     EXPECT_NE(start({"--qor-debug-listen=0", "--qor-debug-users=" + m_folder / "none"}).code, 0);

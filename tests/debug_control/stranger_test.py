@@ -47,7 +47,7 @@ class Stranger(Listening):
         self.wait_for_trace("ticker.work <<LEAVE<< work()")
         self.assertIn("\n\nticker.tick\nticker.work\n\n", self.console("show-enabled"))
         self.assertEqual(self.stranger("off:ticker.tick", "enabled", "none", "enabled"), ["ticker.work"])
-        self.assertIn("No trace code is on.", self.console("show-enabled"))
+        self.assertIn("No trace code is enabled.", self.console("show-enabled"))
         self.assertEqual(self.stranger("on:*.work", "on:no.such.code", "on:", f"on:{'x' * 4097}", "enabled"),
                          ["cannot", "cannot", "ticker.work"])
 

@@ -72,7 +72,7 @@ TEST_F(trust, a_refusal_by_somebody_who_has_proved_nothing) {
         EXPECT_FALSE(control->Login("ada", "secret"));
         EXPECT_EQ(error_number(), qorError_credentials_refused);
         EXPECT_NE(last_error().find(key), std::string::npos) << last_error();
-        EXPECT_NE(last_error().find("has not proved itself"), std::string::npos) << last_error();
+        EXPECT_NE(last_error().find("has not proved its identity"), std::string::npos) << last_error();
     }
     EXPECT_EQ(m_proofs, 3);
 }

@@ -93,7 +93,7 @@ TEST_F(error, an_unknown_number_becomes_the_unknown_error) {
     qorSetLastError(0xffffffff, "its inserts");
     EXPECT_EQ(last_error()->GetErrorNumber(), 1u);
     EXPECT_TRUE(last_error()->IsError());
-    EXPECT_EQ(last_text(), "Something failed that gave no reason.");
+    EXPECT_EQ(last_text(), "An operation failed without giving a reason.");
 }
 
 TEST_F(error, inserts_are_copied) {
@@ -122,7 +122,7 @@ TEST_F(error, the_text_form_gives_number_and_text) {
     EXPECT_STREQ(text, "There is no error to report.");
     qorSetLastError(qorError_invalid_argument, "f", "x");
     EXPECT_EQ(qorGetLastError(text), 3u);
-    EXPECT_STREQ(text, "f was called with an argument that it cannot use: x.");
+    EXPECT_STREQ(text, "f was called with an invalid argument: x.");
 }
 
 TEST_F(error, clearing_leaves_objects_alone) {

@@ -55,7 +55,7 @@ TEST_F(file, a_read_beyond_the_end_is_an_error) {
     ASSERT_TRUE(from.Open(path.c_str(), reading));
     char buffer[16];
     EXPECT_FALSE(from.ReadAt(0, buffer, 11));
-    EXPECT_EQ(last_error(), std::string("Cannot read '") + path + "': it ends at byte 10, before all was read.");
+    EXPECT_EQ(last_error(), std::string("Cannot read '") + path + "': it ends unexpectedly at byte 10.");
     EXPECT_FALSE(from.ReadAt(10, buffer, 1));
     EXPECT_FALSE(from.ReadAt(1ull << 40, buffer, 1));
     EXPECT_FALSE(from.ReadAt(LLONG_MAX, buffer, 1));
@@ -73,7 +73,7 @@ TEST_F(file, what_was_cut_off_is_missed) {
     EXPECT_EQ(read_at(from, 400, 100), std::string(100, 'x'));
     char buffer[1000];
     EXPECT_FALSE(from.ReadAt(0, buffer, 1000));
-    EXPECT_EQ(last_error(), std::string("Cannot read '") + path + "': it ends at byte 500, before all was read.");
+    EXPECT_EQ(last_error(), std::string("Cannot read '") + path + "': it ends unexpectedly at byte 500.");
 }
 
 TEST_F(file, beyond_4_gib) {
@@ -122,7 +122,7 @@ TEST_F(file, other_modes_are_refused) {
     qorFile from;
     for (const uint32 mode : {0u, 1u, 2u, 5u, 20u, 23u, 0xffffffffu}) {
         EXPECT_FALSE(from.Open(path.c_str(), mode)) << mode;
-        EXPECT_EQ(last_error(), "qorFile::Open was called with an argument that it cannot use: mode.");
+        EXPECT_EQ(last_error(), "qorFile::Open was called with an invalid argument: mode.");
     }
 }
 

@@ -19,7 +19,7 @@ constexpr uint32 reading = qorFileReading | qorFileExisting | qorFileShared;
 constexpr int nobody = 65534;
 
 std::string no_disk_file(const std::string& path) {
-    return std::string("Cannot open '") + path + "': it is a pipe or a device, and only a file on a disk will do.";
+    return std::string("Cannot open '") + path + "': it is a pipe or a device, not a file on a disk.";
 }
 
 // Rights mean nothing to a super-user, so the scene gives them up.

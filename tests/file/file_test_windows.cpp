@@ -14,7 +14,7 @@ void expect_no_disk_file(const char* path) {
     qorFile from;
     EXPECT_FALSE(from.Open(path, reading)) << path;
     EXPECT_EQ(qor::test::last_error(),
-              std::string("Cannot open '") + path + "': it is a pipe or a device, and only a file on a disk will do.");
+              std::string("Cannot open '") + path + "': it is a pipe or a device, not a file on a disk.");
 }
 
 } // namespace

@@ -125,7 +125,7 @@ TEST_F(simple_file_reader, flags_are_refused) {
     for (const uint32 flags : {1u, 2u, 0x80000000u, 0xffffffffu}) {
         const reader_pointer reader = make_reader();
         EXPECT_FALSE(reader->Open(path.c_str(), flags));
-        EXPECT_EQ(last_error(), "IQORSimpleFileReader::Open was called with an argument that it cannot use: flags.");
+        EXPECT_EQ(last_error(), "IQORSimpleFileReader::Open was called with an invalid argument: flags.");
         qorString line;
         EXPECT_FALSE(reader->ReadLine(line));
     }
@@ -181,7 +181,7 @@ TEST_F(simple_file_reader, a_line_of_more_than_256_MiB_is_a_read_error) {
             ASSERT_TRUE(reader->Open(path.c_str(), 0));
             qorClearLastError();
             EXPECT_EQ(read_all(*reader), words{"a"});
-            EXPECT_EQ(last_error(), "Cannot read '" + path + "': a line of it is longer than 256 MiB.");
+            EXPECT_EQ(last_error(), "Cannot read '" + path + "': one of its lines is longer than 256 MiB.");
             // It goes on behind it, and ends where the file does.
             qorClearLastError();
             EXPECT_EQ(read_all(*reader), rest.size() > 1 ? words{"b"} : words{});

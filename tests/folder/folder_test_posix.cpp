@@ -69,7 +69,7 @@ TEST(FolderOfTheFramework, OneThatTheSystemDoesNotTellIsAnError) {
                   qorGetLastError(message);
                   return std::string(message.Text());
               }),
-              "There is no folder 'qor-executable' here: the system does not tell the path of the running file.");
+              "There is no folder 'qor-executable' here: the system does not report the path of the running program.");
 }
 
 } // namespace

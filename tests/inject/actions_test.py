@@ -30,7 +30,7 @@ TIMEOUT_SECONDS = 120
 # Why, the contract says, is told to the system's log alone.
 FAILED_BINDING = 100
 
-READ_IN_PART = b"The report covers only what was read before."
+READ_IN_PART = b"The report covers only what was read before that."
 
 # So many calls before the end are tried, however many were left out before.
 LAST_CALLS = 25

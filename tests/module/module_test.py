@@ -91,7 +91,7 @@ class Modules(DamagedLibraries, unittest.TestCase):
         self.check_unusable(reason=reason)
 
     def check_wrong(self):
-        self.check_fails(f"The file '{self.quoted(self.module)}' is no module that this library can use\\.")
+        self.check_fails(f"The file '{self.quoted(self.module)}' is not a module that this library can use\\.")
 
     def quoted(self, path):
         return self.path(path).replace("\\", "\\\\").replace(".", "\\.")
@@ -188,7 +188,7 @@ class ModulesPosix(Modules):
                 if kind == "link to nothing":
                     self.check_missing()
                 else:
-                    self.check_unusable(reason=REASONS.get(kind, "it is no plain file"))
+                    self.check_unusable(reason=REASONS.get(kind, "it is not a regular file"))
 
     def test_another_machine(self):
         machine = bytearray(self.real)
@@ -196,7 +196,7 @@ class ModulesPosix(Modules):
         self.check_damaged(machine)
 
     def test_the_reason_of_a_part_of_a_library(self):
-        self.check_damaged(self.real[:-1], "it is no library, or only a part of one")
+        self.check_damaged(self.real[:-1], "it is not a library, or only part of one")
 
     def test_single_bits_of_the_headers(self):
         """Some of those that binding_test.py tries all of: the module works, or is refused with a reason."""

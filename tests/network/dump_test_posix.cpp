@@ -384,7 +384,7 @@ TEST(netlink_talk, no_message_is_endless) {
     script kernel{{{{ENOSPC, {}}}}};
     dump_tables tables;
     EXPECT_FALSE(talk(kernel, tables));
-    EXPECT_EQ(last_error(), "The kernel's answer to RTM_GETLINK cannot be understood.");
+    EXPECT_EQ(last_error(), "The kernel's answer to RTM_GETLINK is malformed.");
 }
 
 TEST(netlink_talk, a_refusal_names_the_question_and_the_reason) {

@@ -288,7 +288,7 @@ def without_libmnl(tool):
         environment = {**tool.environment(), "LD_LIBRARY_PATH": folder}
         done = run(*tool.command, "--quiet", "netlist", env=environment)
         assert (done.returncode, done.stdout) == (1, ""), done
-        assert re.fullmatch(r"The network interfaces cannot be listed: The module '/.+/qor/qor-network.so' cannot be loaded: "
+        assert re.fullmatch(r"Cannot list the network interfaces: The module '/.+/qor/qor-network.so' cannot be loaded: "
                             r".*libmnl\.so\.0.*\n", done.stderr), done
         assert run(*tool.command, "--quiet", "help", env=environment).stderr.startswith("Usage:")
 

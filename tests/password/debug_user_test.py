@@ -52,21 +52,21 @@ class DebugUser(unittest.TestCase):
     # ---- through pipes
 
     def test_an_account_comes_changes_and_goes(self):
-        self.assertEqual(self.run_tool("add", "ada", given=b"secret\nnext line\n"), (0, "", "The account 'ada' was made.\n"))
+        self.assertEqual(self.run_tool("add", "ada", given=b"secret\nnext line\n"), (0, "", "The account 'ada' was created.\n"))
         self.assertTrue(is_password(self.lines()[0], b"secret"))
-        self.assertEqual(self.run_tool("add", "bob", given="grün 世".encode()), (0, "", "The account 'bob' was made.\n"))
+        self.assertEqual(self.run_tool("add", "bob", given="grün 世".encode()), (0, "", "The account 'bob' was created.\n"))
         self.assertTrue(is_password(self.lines()[1], "grün 世".encode()))
         self.assertEqual(self.run_tool("list"), (0, "ada\nbob\n", ""))
         self.assertEqual(self.run_tool("password", "ada", given=b" other \r\n"),
-                         (0, "", "The account 'ada' has another password now.\n"))
+                         (0, "", "The password of the account 'ada' was changed.\n"))
         self.assertTrue(is_password(self.lines()[0], b" other "))
-        self.assertEqual(self.run_tool("remove", "ada"), (0, "", "The account 'ada' was taken away.\n"))
+        self.assertEqual(self.run_tool("remove", "ada"), (0, "", "The account 'ada' was removed.\n"))
         self.assertEqual(self.run_tool("list"), (0, "bob\n", ""))
         self.assertEqual(sorted(path.name for path in self.folder.iterdir()), ["users", "users.key"])
 
     def test_a_password_that_is_made_up(self):
         code, out, err = self.run_tool("--generate", "add", "ada")
-        self.assertEqual((code, err), (0, "The account 'ada' was made.\n"))
+        self.assertEqual((code, err), (0, "The account 'ada' was created.\n"))
         self.assertRegex(out, r"\A[2-9a-km-np-z]{5}(-[2-9a-km-np-z]{5}){3}\n\Z")
         self.assertTrue(is_password(self.lines()[0], out.strip().encode()))
         again = self.run_tool("password", "--generate", "ada")[1]
@@ -87,13 +87,13 @@ class DebugUser(unittest.TestCase):
         before = self.file.read_bytes()
         no_user = f"There is no account 'eve' in '{self.file}'.\n"
         for words, given, text in [
-            (("add", "ada"), b"x\n", "There is an account 'ada' already. 'qor-debug-user password ada' changes its password.\n"),
+            (("add", "ada"), b"x\n", "The account 'ada' already exists. 'qor-debug-user password ada' changes its password.\n"),
             (("password", "eve"), b"x\n", no_user),
             (("remove", "eve"), b"", no_user),
-            (("add", "eve"), b"", "There is no password: the input has ended.\n"),
-            (("add", "eve"), b"\n", "An account of debug control needs a password that is not empty.\n"),
-            (("add", "eve"), b"a\tb\n", "A password cannot have control characters.\n"),
-            (("add", "eve"), b"a\0b\n", "A password cannot have control characters.\n"),
+            (("add", "eve"), b"", "No password was given: the input has ended.\n"),
+            (("add", "eve"), b"\n", "An account of debug control needs a password.\n"),
+            (("add", "eve"), b"a\tb\n", "A password cannot contain control characters.\n"),
+            (("add", "eve"), b"a\0b\n", "A password cannot contain control characters.\n"),
             (("add", "a:b"), b"x\n", None),
             (("add", ""), b"x\n", None),
         ]:
@@ -102,7 +102,7 @@ class DebugUser(unittest.TestCase):
             if text is not None:
                 self.assertEqual(err, text)
             else:
-                self.assertIn("cannot name an account", err)
+                self.assertIn("is not a valid account name", err)
         self.assertEqual(self.file.read_bytes(), before)
 
     def test_words_that_cannot_be(self):
@@ -110,24 +110,24 @@ class DebugUser(unittest.TestCase):
         for words, code, err in [
             ((), 10, f"No action was given. {see} lists the actions.\n"),
             (("--generate",), 10, f"No action was given. {see} lists the actions.\n"),
-            (("what",), 13, f"There is no action 'what'. {see} lists the actions.\n"),
-            (("Add", "x"), 13, f"There is no action 'Add'. {see} lists the actions.\n"),
-            (("--what", "add", "x"), 2, f"There is no option '--what'. {see} lists the options.\n"),
-            (("add", "--what", "x"), 2, f"There is no option '--what'. {see} lists the options.\n"),
-            (("--file", "list"), 2, "The option '--file' is written '--file=FILE'.\n"),
-            (("--generate=yes", "list"), 2, "The option '--generate' is written '--generate'.\n"),
-            (("add",), 1, f"The number of words is wrong for 'add'. {see} shows what it takes.\n"),
-            (("add", "x", "secret"), 1, f"The number of words is wrong for 'add'. {see} shows what it takes.\n"),
-            (("list", "x"), 1, f"The number of words is wrong for 'list'. {see} shows what it takes.\n"),
+            (("what",), 13, f"Unknown action 'what'. {see} lists the actions.\n"),
+            (("Add", "x"), 13, f"Unknown action 'Add'. {see} lists the actions.\n"),
+            (("--what", "add", "x"), 2, f"Unknown option '--what'. {see} lists the options.\n"),
+            (("add", "--what", "x"), 2, f"Unknown option '--what'. {see} lists the options.\n"),
+            (("--file", "list"), 2, "Write the option '--file' as '--file=FILE'.\n"),
+            (("--generate=yes", "list"), 2, "Write the option '--generate' as '--generate'.\n"),
+            (("add",), 1, f"Wrong number of arguments for 'add'. {see} shows its usage.\n"),
+            (("add", "x", "secret"), 1, f"Wrong number of arguments for 'add'. {see} shows its usage.\n"),
+            (("list", "x"), 1, f"Wrong number of arguments for 'list'. {see} shows its usage.\n"),
         ]:
             self.assertEqual(self.run_tool(*words, file=False), (code, "", err), words)
 
     def test_a_missing_and_a_damaged_file(self):
         self.assertEqual(self.run_tool("list"), (1, "", f"There are no accounts for debug control in '{self.file}'. "
-                                                        "'qor-debug-user add NAME' makes one.\n"))
+                                                        "'qor-debug-user add NAME' creates one.\n"))
         self.run_tool("--generate", "add", "ada")
         self.file.write_bytes(self.file.read_bytes() + b"eve\n")
-        damaged = f"Line 2 of the accounts in '{self.file}' cannot be used: it has no colon behind the name.\n"
+        damaged = f"Line 2 of the accounts in '{self.file}' cannot be used: the colon after the name is missing.\n"
         for words in (("list",), ("remove", "ada"), ("--generate", "add", "bob")):
             self.assertEqual(self.run_tool(*words), (1, "", damaged))
 
@@ -157,18 +157,18 @@ class DebugUser(unittest.TestCase):
             key.write_bytes(damaged)
             for words in (("fingerprint",), ("--generate", "add", "bob")):
                 self.assertEqual(self.run_tool(*words),
-                                 (1, "", f"The key in '{self.file}.key' cannot be used: it is no private key of the curve P-256, or a damaged "
-                                         "one; taken away, it is replaced by a new one, which consoles do not know yet.\n"))
+                                 (1, "", f"The key in '{self.file}.key' cannot be used: it is not a private key for the curve P-256, or "
+                                         "it is damaged; once removed, it is replaced by a new one, which consoles do not know yet.\n"))
         self.assertEqual(self.run_tool("list"), (0, "ada\n", ""))
 
     def test_zero_bytes_in_a_password(self):
         for given in (b"sec\0ret\n", b"\0\n", b"secret\0\n"):
-            self.assertEqual(self.run_tool("add", "ada", given=given), (1, "", "A password cannot have control characters.\n"))
+            self.assertEqual(self.run_tool("add", "ada", given=given), (1, "", "A password cannot contain control characters.\n"))
         self.assertFalse(self.file.exists())
 
     def test_what_is_not_there_is_not_made(self):
         self.file = self.folder / "folder" / "users"
-        missing = f"There are no accounts for debug control in '{self.file}'. 'qor-debug-user add NAME' makes one.\n"
+        missing = f"There are no accounts for debug control in '{self.file}'. 'qor-debug-user add NAME' creates one.\n"
         for words in (("remove", "ada"), ("--generate", "password", "ada"), ("list",)):
             self.assertEqual(self.run_tool(*words), (1, "", missing))
         self.assertEqual(list(self.folder.iterdir()), [])
@@ -181,7 +181,7 @@ class DebugUser(unittest.TestCase):
     def test_trust_before_the_first_login(self):
         self.needs_linux()
         one, other = "0123456789abcdef" * 4, "1" * 64
-        said = "Consoles of this user take no other key of '{}', port {}.\n"
+        said = "Consoles of this user now accept only this key of '{}', port {}.\n"
         hosts = self.folder / "qor" / "known-hosts"
         self.assertEqual(self.trust("Example.org", "4711", one.upper()), (0, "", said.format("Example.org", 4711)))
         self.assertEqual(self.trust("example.org", "4711", one), (0, "", said.format("example.org", 4711)))
@@ -189,14 +189,14 @@ class DebugUser(unittest.TestCase):
         noted = f"example.org 4711 sha256 {one}\nexample.org 4712 sha256 {other}\n"
         self.assertEqual(hosts.read_text(), noted)
         self.assertEqual(self.trust("example.org", "4711", other),
-                         (1, "", f"The key of 'example.org', port 4711, is not the one that line 1 of '{hosts}' knows: somebody may be "
-                                 "listening in. Ask who runs the process; if its key was renewed, take that line out.\n"))
+                         (1, "", f"The key of 'example.org', port 4711, differs from the one in line 1 of '{hosts}': somebody may be "
+                                 "intercepting the connection. Ask the operator of the process; if its key was renewed, remove that line.\n"))
         for port in ("0", "65536", "-1", "+1", " 1", "1x", ""):
-            self.assertEqual(self.trust("h", port, one), (1, "", f"'{port}' is no port: that is a number from 1 to 65535.\n"))
+            self.assertEqual(self.trust("h", port, one), (1, "", f"'{port}' is not a port: port numbers range from 1 to 65535.\n"))
         for key in ("", one[1:], one + "0", "g" + one[1:], "sha256:" + one):
             self.assertEqual(self.trust("h", "1", key),
-                             (1, "", f"'{key}' is no fingerprint of a key: that is 64 hexadecimal digits, as 'qor-debug-user fingerprint' "
-                                     "prints them where the listener runs.\n"))
+                             (1, "", f"'{key}' is not the fingerprint of a key: that has 64 hexadecimal digits, and 'qor-debug-user "
+                                     "fingerprint' prints it where the listener runs.\n"))
         for host in ("", "#h", "a b", "a\nb"):
             self.assertEqual(self.trust(host, "1", one)[0], 1)
         self.assertEqual(hosts.read_text(), noted)
@@ -212,7 +212,7 @@ class DebugUser(unittest.TestCase):
         lock.touch()
         lock.chmod(0o644)
         self.assertEqual(self.run_tool("remove", "ada"),
-                         (1, "", f"Cannot write '{self.file}': {lock}: others than its owner have access to it, which 'chmod 600' takes away.\n"))
+                         (1, "", f"Cannot write '{self.file}': {lock}: users other than its owner have access to it; 'chmod 600' revokes that.\n"))
         lock.unlink()
         lock.symlink_to("elsewhere")
         self.assertEqual(self.run_tool("remove", "ada")[0], 1)
@@ -230,7 +230,7 @@ class DebugUser(unittest.TestCase):
         held = os.open(lock, os.O_RDWR | os.O_CREAT, 0o600)
         fcntl.flock(held, fcntl.LOCK_EX)
         self.assertEqual(self.run_tool("remove", "ada"),
-                         (1, "", f"Cannot write '{self.file}': another program of the same user has held the lock '{lock}' for 20 seconds.\n"))
+                         (1, "", f"Cannot write '{self.file}': another process of the same user has held the lock '{lock}' for 20 seconds.\n"))
         os.close(held)
         self.assertEqual(self.run_tool("remove", "ada")[0], 0)
 
@@ -242,7 +242,7 @@ class DebugUser(unittest.TestCase):
             for words in (("remove", "ada"), ("list",)):
                 code, out, err = self.run_tool(*words)
                 self.assertEqual((code, out), (1, ""))
-                self.assertIn(f"others may change what is in the folder '{self.folder}', which 'chmod go-w' takes away", err)
+                self.assertIn(f"other users can change the contents of the folder '{self.folder}'; 'chmod go-w' prevents that", err)
         for mode in (0o755, 0o1777):
             self.folder.chmod(mode)
             self.assertEqual(self.run_tool("list"), (0, "ada\n", ""))
@@ -254,7 +254,7 @@ class DebugUser(unittest.TestCase):
         home = self.folder / "home"
         home.mkdir(mode=0o700)
         os.chown(home, 12345, 12345)
-        refused = (1, "", f"Cannot write '{home}/.config/qor/debug-users': the folder '{home}' belongs to somebody else.\n")
+        refused = (1, "", f"Cannot write '{home}/.config/qor/debug-users': the folder '{home}' belongs to another user.\n")
         self.assertEqual(self.run_tool("--generate", "add", "ada", file=False, env=[("HOME", str(home))]), refused)
         self.assertEqual(list(home.iterdir()), [])
         self.assertEqual(self.run_tool("trust", "h", "1", "0" * 64, file=False, env=[("HOME", str(home))])[0], 1)
@@ -277,13 +277,13 @@ class DebugUser(unittest.TestCase):
 
         process = subprocess.Popen([*tool.command, f"--file={self.file}", "add", "ada"], stdin=inside, stderr=subprocess.PIPE,
                                    env=tool.environment(), preexec_fn=ignore)
-        for prompt in (b"Password for 'ada': ", b"The same again: "):
+        for prompt in (b"Password for 'ada': ", b"Repeat the password: "):
             self.assertEqual(process.stderr.read(len(prompt)), prompt)
             self.assertEqual(termios.tcgetattr(inside)[3] & termios.ECHO, 0)
             for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTERM):
                 process.send_signal(number)
             os.write(terminal, b"secret\n")
-        self.assertEqual(process.stderr.read(), b"The account 'ada' was made.\n")
+        self.assertEqual(process.stderr.read(), b"The account 'ada' was created.\n")
         self.assertEqual(process.wait(), 0)
         for end in (terminal, inside):
             os.close(end)
@@ -306,8 +306,8 @@ class DebugUser(unittest.TestCase):
         self.needs_linux()
         self.run_tool("--generate", "add", "ada")
         self.file.chmod(0o644)
-        self.assertEqual(self.run_tool("list"), (1, "", f"The accounts in '{self.file}' cannot be used: others than its owner have "
-                                                        "access to it, which 'chmod 600' takes away.\n"))
+        self.assertEqual(self.run_tool("list"), (1, "", f"The accounts in '{self.file}' cannot be used: users other than its owner have "
+                                                        "access to it; 'chmod 600' revokes that.\n"))
 
     def test_a_full_disk(self):
         self.needs_linux()
@@ -342,13 +342,13 @@ class DebugUser(unittest.TestCase):
 
     def test_typed_twice_and_not_shown(self):
         self.needs_linux()
-        first, second = b"Password for 'ada': ", b"The same again: "
+        first, second = b"Password for 'ada': ", b"Repeat the password: "
         self.assertEqual(self.type_in((first, b"secret\n"), (second, b"secret\n")),
-                         (0, "Password for 'ada': \nThe same again: \nThe account 'ada' was made.\n"))
+                         (0, "Password for 'ada': \nRepeat the password: \nThe account 'ada' was created.\n"))
         self.assertTrue(is_password(self.lines()[0], b"secret"))
         before = self.file.read_bytes()
         self.assertEqual(self.type_in((first, b"one\n"), (second, b"two\n"), words=("password", "ada")),
-                         (1, "Password for 'ada': \nThe same again: \nThe two are not the same. Nothing was changed.\n"))
+                         (1, "Password for 'ada': \nRepeat the password: \nThe passwords do not match. Nothing was changed.\n"))
         self.assertEqual(self.type_in((first, b"\x04"), words=("password", "ada"))[0], 1)
         self.assertEqual(self.type_in((first, b"one\n"), (second, b"\x04"), words=("password", "ada"))[0], 1)
         self.assertEqual(self.file.read_bytes(), before)

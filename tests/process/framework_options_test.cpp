@@ -104,7 +104,7 @@ TEST_F(framework_options, two_dashes_end_them_and_stay) {
 }
 
 TEST_F(framework_options, unknown_ones_are_errors) {
-    const std::string hint = "'. 'help' lists those it has.";
+    const std::string hint = "'. 'help' lists its options.";
     expect_error({"--qor-nosuch"}, {}, "20 The framework has no option '--qor-nosuch" + hint);
     expect_error({"word", "--qor-nosuch=value"}, {}, "20 The framework has no option '--qor-nosuch" + hint);
     expect_error({"--qor-"}, {}, "20 The framework has no option '--qor-" + hint);
@@ -174,9 +174,9 @@ TEST_F(framework_options, files_that_cannot_be_written_are_errors) {
 
 TEST_F(framework_options, a_value_that_is_no_language_is_an_error) {
     expect_error({"--qor-language=!!"}, {},
-                 "22 The value '!!' of '--qor-language' cannot be used: '!!' is not the name of a language.");
+                 "22 The value '!!' of '--qor-language' is invalid: '!!' is not a language name.");
     expect_error({}, {"QOR_LANGUAGE=!!"},
-                 "22 The value '!!' of 'QOR_LANGUAGE' cannot be used: '!!' is not the name of a language.");
+                 "22 The value '!!' of 'QOR_LANGUAGE' is invalid: '!!' is not a language name.");
 }
 
 TEST_F(framework_options, can_come_from_the_environment) {

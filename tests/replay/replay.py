@@ -143,10 +143,10 @@ class LineReader:
 
 SIGNATURES = {
     b"\x7fELF": "an ELF file: a program, a library or a core dump",
-    b"\x1f\x8b": "a file compressed by gzip, which must be expanded first",
-    b"\x28\xb5\x2f\xfd": "a file compressed by zstd, which must be expanded first",
-    b"\xfd7zXZ\0": "a file compressed by xz, which must be expanded first",
-    b"BZh": "a file compressed by bzip2, which must be expanded first",
+    b"\x1f\x8b": "a file compressed with gzip, which must be decompressed first",
+    b"\x28\xb5\x2f\xfd": "a file compressed with zstd, which must be decompressed first",
+    b"\xfd7zXZ\0": "a file compressed with xz, which must be decompressed first",
+    b"BZh": "a file compressed with bzip2, which must be decompressed first",
     b"\xff\xfe": "UTF-16 text, which must be converted to UTF-8 first",
     b"\xfe\xff": "UTF-16 text, which must be converted to UTF-8 first",
 }
@@ -158,23 +158,23 @@ def looks_like(beginning, is_first_of_two):
         if beginning.startswith(signature):
             return name
     if not beginning.strip(b" \t\n\v\f\r\0") and b"\0" in beginning:
-        return "zero bytes and nothing else"
+        return "nothing but zero bytes"
     if re.search(rb"[\x00-\x08\x0e-\x1a\x1c-\x1f\x7f]", beginning):
         return "binary data"
     if not beginning.strip():
-        return "blank lines and nothing else"
+        return "nothing but blank lines"
     if re.match(rb"\s*<(!doctype )?html", beginning, re.I):
         return "an HTML page"
     for line in beginning.split(b"\n"):
         line = line.strip()
         words = line[1:].split()
         if line.startswith(b"= Start") or line[:1] == b"@" and len(words) >= 3 and words[1][:1] in b"+-<>":
-            return "an mtrace log, which 'qortool mtrace' takes as its first file"
+            return "an mtrace log, which 'qortool mtrace' reads as its first file"
         if MEMCHECK_LINE.match(line) and is_first_of_two:
             return "a memcheck log: swap the two files"
         if MEMCHECK_LINE.match(line):
-            return "a memcheck log, which 'qortool memcheck' takes, or 'qortool mtrace' as its second file"
-    return "a text of another kind"
+            return "a memcheck log, which 'qortool memcheck' reads, or 'qortool mtrace' as its second file"
+    return "some other text"
 
 
 # The allocation table.

@@ -206,5 +206,5 @@ TEST_F(Netlist, SaysWhyThereIsNoList) {
     const result got = run();
     EXPECT_EQ(got.code, 1);
     EXPECT_EQ(got.out, "");
-    EXPECT_EQ(got.err, "The network interfaces cannot be listed: rtnetlink, RTM_GETLINK: no luck.\n");
+    EXPECT_EQ(got.err, "Cannot list the network interfaces: rtnetlink, RTM_GETLINK: no luck.\n");
 }

@@ -211,8 +211,8 @@ class LogonOfNobody(Case):
 @unittest.skipUnless(os.geteuid() == 0, "logon and useradd take root")
 class Words(Case):
     def test_wrong_words(self):
-        number = "The number of arguments is wrong for the action 'logon'. 'qortool help' shows what it takes.\n"
-        option = "The action 'logon' has no option '--{}'. 'qortool help' shows what it takes.\n"
+        number = "Wrong number of arguments for the action 'logon'. 'qortool help' shows its usage.\n"
+        option = "The action 'logon' has no option '--{}'. 'qortool help' shows its usage.\n"
         for words, expected in (([], number), (["root"], number), (["root", "x", "y"], number),
                                 (["--ask", "root"], option.format("ask")), (["-p=x"], option.format("p"))):
             with self.subTest(words):
@@ -277,7 +277,7 @@ class Logon(RealAccount):
         self.check_refused(self.REFUSED, "wrong")
 
     def test_a_password_that_must_be_changed(self):
-        reason = f"The password of '{self.user}' is right, but must be changed before it can be used."
+        reason = f"The password of '{self.user}' is correct, but must be changed before it can be used."
         change("chage", "--lastday", "0", self.user)
         self.check_refused(reason)
         self.check_refused(self.REFUSED, "wrong")
@@ -334,7 +334,7 @@ class Rules(RealAccount):
     def test_every_answer_of_the_account_check(self):
         for answer, reason in {
             "acct_expired": f"The account '{self.user}' has expired.",
-            "new_authtok_reqd": f"The password of '{self.user}' is right, but must be changed before it can be used.",
+            "new_authtok_reqd": f"The password of '{self.user}' is correct, but must be changed before it can be used.",
             "authtok_expired": f"The password of '{self.user}' has expired.",
             "perm_denied": f"The account '{self.user}' may not log on here.",
             "auth_err": f"The account '{self.user}' may not log on here.",
@@ -427,7 +427,7 @@ class Rules(RealAccount):
                 if kind.startswith("link"):
                     reason = f"The logon service is not configured: there is neither '{HOST_FILE}' nor '{self.rules / 'qor'}'."
                 else:
-                    reason = f"Cannot read '{self.rules / 'qor'}': it is no plain file."
+                    reason = f"Cannot read '{self.rules / 'qor'}': it is not a regular file."
                 self.check_refused(reason)
 
 
