@@ -57,7 +57,7 @@ void run_qor(const std::string& path, int lines) {
     on_threads(lines, [](int thread, int line) {
         qorDebug(code, "thread %d has come to line %d of %s", thread, line, "many");
     });
-    qorDebugAttachFile(nullptr);
+    (void)qorDebugAttachFile(nullptr);
 }
 
 void run_spdlog(const std::string& path, int lines) {

@@ -15,6 +15,8 @@ namespace {
 using qor::test::last_error;
 
 constexpr uint32 reading = qorFileReading | qorFileExisting | qorFileShared;
+static_assert(reading == 21 && std::is_same_v<decltype(qorFileReading | qorFileShared), qorFileMode>);
+static_assert(std::is_convertible_v<qorFileMode, uint32> && !std::is_convertible_v<uint32, qorFileMode>);
 
 class file : public testing::Test {
 protected:

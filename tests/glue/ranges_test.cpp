@@ -16,8 +16,8 @@ using namespace std::string_literals;
 using namespace std::string_view_literals;
 
 template <class RANGE>
-concept contiguous = std::ranges::contiguous_range<RANGE> && std::ranges::sized_range<RANGE> &&
-                     std::ranges::common_range<RANGE>;
+concept contiguous =
+    std::ranges::contiguous_range<RANGE> && std::ranges::sized_range<RANGE> && std::ranges::common_range<RANGE>;
 
 static_assert(contiguous<qorStringArray> && contiguous<const qorStringArray>);
 static_assert(std::is_same_v<std::ranges::range_reference_t<qorStringArray&>, const qorString&>);

@@ -45,12 +45,12 @@ TEST(SourcePlace, IsNotedByTheMemoryOperations) {
     qor_do_free(block);
     block = qor_do_malloc(64, 30, false);
     qor_do_free(block);
-    EXPECT_EQ(table.take(), (calls{"qor_do_malloc(0, 10, true, " + at(first + 1) + ") = #1",
-                                   "qor_do_realloc(#1, 20, " + at(first + 2) + ") = #2",
-                                   "qor_do_memdup(#2, 5, " + at(first + 3) + ") = #3",
-                                   "qor_do_free(#3, " + at(first + 4) + ")", "qor_do_free(#2, " + at(first + 5) + ")",
-                                   "qor_do_malloc(64, 30, false, " + at(first + 6) + ") = #4",
-                                   "qor_do_free(#4, " + at(first + 7) + ")"}));
+    EXPECT_EQ(
+        table.take(),
+        (calls{"qor_do_malloc(0, 10, true, " + at(first + 1) + ") = #1",
+               "qor_do_realloc(#1, 20, " + at(first + 2) + ") = #2", "qor_do_memdup(#2, 5, " + at(first + 3) + ") = #3",
+               "qor_do_free(#3, " + at(first + 4) + ")", "qor_do_free(#2, " + at(first + 5) + ")",
+               "qor_do_malloc(64, 30, false, " + at(first + 6) + ") = #4", "qor_do_free(#4, " + at(first + 7) + ")"}));
 }
 
 // Operations that the table does not note by itself.

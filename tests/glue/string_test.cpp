@@ -19,21 +19,37 @@ using namespace std::string_view_literals;
 // ---- operations that would work on the address of the text
 
 template <class TYPE>
-concept is_condition = requires(TYPE value) { value ? 1 : 0; };
+concept is_condition = requires(TYPE value) {
+    value ? 1 : 0;
+};
 template <class TYPE>
-concept has_not = requires(TYPE value) { !value; };
+concept has_not = requires(TYPE value) {
+    !value;
+};
 template <class TYPE>
-concept has_and = requires(TYPE value) { value && true; };
+concept has_and = requires(TYPE value) {
+    value && true;
+};
 template <class LEFT, class RIGHT>
-concept has_plus = requires(LEFT left, RIGHT right) { left + right; };
+concept has_plus = requires(LEFT left, RIGHT right) {
+    left + right;
+};
 template <class LEFT, class RIGHT>
-concept has_minus = requires(LEFT left, RIGHT right) { left - right; };
+concept has_minus = requires(LEFT left, RIGHT right) {
+    left - right;
+};
 template <class TYPE>
-concept has_star = requires(TYPE value) { *value; };
+concept has_star = requires(TYPE value) {
+    *value;
+};
 template <class TYPE>
-concept has_increment = requires(TYPE value) { ++value; };
+concept has_increment = requires(TYPE value) {
+    ++value;
+};
 template <class TYPE>
-concept has_plus_assignment = requires(TYPE value) { value += 1; };
+concept has_plus_assignment = requires(TYPE value) {
+    value += 1;
+};
 
 // What the concepts are for is there.
 static_assert(is_condition<const char*> && has_not<const char*> && has_and<const char*> && has_star<const char*>);
@@ -69,8 +85,8 @@ int model(std::string_view left, std::string_view right) {
 }
 
 const std::vector<std::string>& texts() {
-    static const std::vector<std::string> all = {"",       "a", "A", "ab", "abc", "b", "\x7f", "\x80", "\xff", "\xc3\xa4",
-                                                 "\0"s, "a\0"s, "a\0b"s, "a\0c"s};
+    static const std::vector<std::string> all = {"",     "a",    "A",        "ab",  "abc",  "b",     "\x7f",
+                                                 "\x80", "\xff", "\xc3\xa4", "\0"s, "a\0"s, "a\0b"s, "a\0c"s};
     return all;
 }
 

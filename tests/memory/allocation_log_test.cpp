@@ -80,8 +80,8 @@ const scene reallocation{"log_reallocation", [](const words& arguments) {
                              block = qor_do_realloc(block, 8, here, 2);
                              block = qor_do_realloc(block, 0, here, 6);
                              block = qor_do_realloc(block, 1 << 20, here, 3);
-                             EXPECT_THROW(qor_do_realloc(block, too_much, here, 4), std::bad_alloc);
-                             EXPECT_THROW(qor_do_malloc(0, too_much, true, here, 5), std::bad_alloc);
+                             EXPECT_THROW((void)qor_do_realloc(block, too_much, here, 4), std::bad_alloc);
+                             EXPECT_THROW((void)qor_do_malloc(0, too_much, true, here, 5), std::bad_alloc);
                              qor_do_free(block, here, 99);
                              return 0;
                          }};
@@ -89,7 +89,7 @@ const scene reallocation{"log_reallocation", [](const words& arguments) {
 const scene huge{"log_huge", [](const words& arguments) {
                      start(arguments[0]);
                      void* const block = qor_do_huge_alloc(100'000, here, 1);
-                     EXPECT_THROW(qor_do_huge_alloc(too_much, here, 2), std::bad_alloc);
+                     EXPECT_THROW((void)qor_do_huge_alloc(too_much, here, 2), std::bad_alloc);
                      qor_do_huge_free(block, here, 99);
                      qor_do_huge_free(block, here, 99);
                      return 0;
@@ -391,7 +391,7 @@ namespace {
 const scene killed{"log_killed", [](const words& arguments) {
                        start(arguments[0]);
                        for (int i = 0; i < 20'000; ++i)
-                           qor_do_malloc(0, 1, true, here, 1);
+                           (void)qor_do_malloc(0, 1, true, here, 1);
                        qor::test::kill_process();
                        return 0;
                    }};

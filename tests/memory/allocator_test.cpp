@@ -101,7 +101,7 @@ TEST(allocator, an_alignment_is_a_power_of_two) {
         qorString text;
         EXPECT_EQ(qorGetLastError(text), qorError_invalid_argument);
     }
-    EXPECT_THROW(qor_do_malloc(3, 1, true, file, __LINE__), std::bad_alloc);
+    EXPECT_THROW((void)qor_do_malloc(3, 1, true, file, __LINE__), std::bad_alloc);
 }
 
 TEST(allocator, a_size_of_0_is_a_block_of_its_own) {
@@ -210,17 +210,18 @@ TEST(allocator, threads) {
 
 namespace {
 
-const qor::test::scene no_memory{"allocator_no_memory", [](const words&) {
-                                     EXPECT_EQ(qor_do_malloc(0, too_much, false, file, __LINE__), nullptr);
-                                     EXPECT_EQ(qor_do_malloc(64, too_much, false, file, __LINE__), nullptr);
-                                     EXPECT_THROW(qor_do_malloc(0, too_much, true, file, __LINE__), std::bad_alloc);
-                                     EXPECT_THROW(qor_do_huge_alloc(too_much, file, __LINE__), std::bad_alloc);
-                                     char* const block = qor_do_strdup("still there", file, __LINE__);
-                                     EXPECT_THROW(qor_do_realloc(block, too_much, file, __LINE__), std::bad_alloc);
-                                     EXPECT_STREQ(block, "still there");
-                                     qor_do_free(block, file, __LINE__);
-                                     return 0;
-                                 }};
+const qor::test::scene no_memory{
+    "allocator_no_memory", [](const words&) {
+        EXPECT_EQ(qor_do_malloc(0, too_much, false, file, __LINE__), nullptr);
+        EXPECT_EQ(qor_do_malloc(64, too_much, false, file, __LINE__), nullptr);
+        EXPECT_THROW((void)qor_do_malloc(0, too_much, true, file, __LINE__), std::bad_alloc);
+        EXPECT_THROW((void)qor_do_huge_alloc(too_much, file, __LINE__), std::bad_alloc);
+        char* const block = qor_do_strdup("still there", file, __LINE__);
+        EXPECT_THROW((void)qor_do_realloc(block, too_much, file, __LINE__), std::bad_alloc);
+        EXPECT_STREQ(block, "still there");
+        qor_do_free(block, file, __LINE__);
+        return 0;
+    }};
 
 } // namespace
 

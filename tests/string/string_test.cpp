@@ -209,7 +209,7 @@ TEST(String, LockedBuffer) {
     text.UnlockBuffer();
     EXPECT_EQ(bytes(text), "yyyy");
 
-    text.LockBuffer(3);
+    (void)text.LockBuffer(3);
     text.UnlockBuffer(0x7fffffff);
     EXPECT_EQ(text.Length(), text.m_data.alloc - 1);
     EXPECT_TRUE(is_sound(text));

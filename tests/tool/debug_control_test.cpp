@@ -401,7 +401,7 @@ TEST_F(DebugControl, ItsTraceNamesWhatItDoesAndWhatFailed) {
         EXPECT_TRUE(qorDebugAttachFile(file.c_str()) && qorDebugEnableCode("qortool.debug-control", true));
         run(words, input);
         qorDebugEnableCode("qortool.debug-control", false);
-        qorDebugAttachFile(nullptr);
+        (void)qorDebugAttachFile(nullptr);
         texts lines;
         std::istringstream all(qor::test::read_file(file));
         for (std::string line; std::getline(all, line);)

@@ -95,7 +95,7 @@ TEST_F(together, listener_consoles_losses_and_codes) {
     done = true;
     for (std::thread& each : others)
         each.join();
-    qorDebugAttachFile(nullptr);
+    (void)qorDebugAttachFile(nullptr);
     control_pointer control = connect();
     EXPECT_TRUE(control->Login("ada", "secret")) << last_error();
     EXPECT_TRUE(control->DisableAll()) << last_error();

@@ -8,7 +8,7 @@
 class IQORDebugListener : public IQORInterface {
 public:
     // Once for an object. The arguments are those of qorDebugListen.
-    virtual bool Listen(const char* address, const char* users, uint16* port) noexcept = 0;
+    [[nodiscard]] virtual bool Listen(const char* address, const char* users, uint16* port) noexcept = 0;
 
 protected:
     ~IQORDebugListener() = default;

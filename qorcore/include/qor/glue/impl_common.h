@@ -218,7 +218,7 @@ public:
     }
 
     // The caller owns the bytes from now on and frees them with qor_do_free.
-    void* Detach() noexcept { return std::exchange(m_data, {}).bytes; }
+    [[nodiscard]] void* Detach() noexcept { return std::exchange(m_data, {}).bytes; }
 
     // Keeps the bytes up to the smaller of both sizes.
     void* Realloc(uint32 n) {

@@ -9,9 +9,9 @@ class qorStringArray;
 // What stands behind the operations of Password.h.
 class IQORPasswords : public IQORInterface {
 public:
-    virtual bool CreateHash(const char* password, const char* earlier, qorString& hash) noexcept = 0;
-    virtual bool Verify(const char* password, const char* hash) noexcept = 0;
-    virtual bool Generate(qorString& password) noexcept = 0;
+    [[nodiscard]] virtual bool CreateHash(const char* password, const char* earlier, qorString& hash) noexcept = 0;
+    [[nodiscard]] virtual bool Verify(const char* password, const char* hash) noexcept = 0;
+    [[nodiscard]] virtual bool Generate(qorString& password) noexcept = 0;
 
 protected:
     ~IQORPasswords() = default;

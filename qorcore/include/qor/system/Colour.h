@@ -20,7 +20,7 @@ public:
         return sink->WriteUint16(red) && sink->WriteUint16(green) && sink->WriteUint16(blue) &&
                sink->WriteUint16(alpha);
     }
-    bool Read(IQORDataSource* source) noexcept {
+    [[nodiscard]] bool Read(IQORDataSource* source) noexcept {
         return source->ReadUint16(red) && source->ReadUint16(green) && source->ReadUint16(blue) &&
                source->ReadUint16(alpha);
     }

@@ -61,7 +61,7 @@ inline void qorDebugGetEnabledCodes(qorStringArray& out) noexcept { qor::glue::q
 
 // Sends the trace of this process to the end of a file. False: it cannot be written (last error). Null: back to
 // standard error.
-inline bool qorDebugAttachFile(const char* path) noexcept { return qor::glue::qorDebugAttachFile(path); }
+[[nodiscard]] inline bool qorDebugAttachFile(const char* path) noexcept { return qor::glue::qorDebugAttachFile(path); }
 
 // One line of trace, as it is.
 inline void qorSendDebugLiteral(uint32 code, const char* text) noexcept {

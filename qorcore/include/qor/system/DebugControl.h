@@ -38,14 +38,14 @@ public:
     // Connects to a process that listens there, and checks that it is the one known from earlier; an earlier connection
     // is ended. Takes up to 10 seconds for each of the host's addresses; port 0, where nothing can be reached, fails at
     // once.
-    virtual bool Connect(const char* host, uint16 port) noexcept = 0;
+    [[nodiscard]] virtual bool Connect(const char* host, uint16 port) noexcept = 0;
 
     // Presents the credentials, as they are given. Error 4 (qorError_credentials_refused): another try may follow on
     // the same object; each takes longer than the one before. Error 131 (qorError_debug_sessions_full): they were
     // right, but too many are logged in there, and the connection has ended. Both say so where the listener has not
     // proved itself. A login that finds the connection gone connects anew, and error 128 (qorError_debug_other_key)
     // tells that another key was met there than by Connect. The password is not kept, and never sent.
-    virtual bool Login(const char* username, const char* password) noexcept = 0;
+    [[nodiscard]] virtual bool Login(const char* username, const char* password) noexcept = 0;
 
     // Who is told when the connection is lost; null: nobody. Needs a login. The sink is not referenced, because it
     // usually owns the control: it must live until it is replaced or the control is released.
@@ -73,7 +73,7 @@ public:
     // The fingerprint of the key that the listener has shown, as `qor-debug-user fingerprint` prints it where the
     // listener runs: 64 hexadecimal digits. `is_known`: a line of the known hosts names it. Where none does, nothing
     // but a login that succeeds proves that it is the right one. Needs a connection.
-    virtual bool GetListenerKey(qorString& fingerprint, bool& is_known) noexcept = 0;
+    [[nodiscard]] virtual bool GetListenerKey(qorString& fingerprint, bool& is_known) noexcept = 0;
 
 protected:
     ~IQORDebugControl2() = default;
@@ -91,7 +91,8 @@ inline void create_IQORDebugControl(IQORDebugControl** out) {
 // the framework's configuration folder. `port`, where it is not null, gets the port number. An earlier listener is
 // ended; an address that is null only does that. Trace code "system.debug-control" tells of each login, refusal and
 // change. False: the last error says why; nobody listens then. A forked child does not go on listening.
-inline bool qorDebugListen(const char* address, const char* users = nullptr, uint16* port = nullptr) noexcept {
+[[nodiscard]] inline bool qorDebugListen(const char* address, const char* users = nullptr,
+                                         uint16* port = nullptr) noexcept {
     return qor::glue::qorDebugListen(address, users, port);
 }
 

@@ -26,11 +26,11 @@ inline bool qorRemoveDebugUser(const char* file, const char* name) noexcept {
 }
 
 // The names of all accounts, in place of what `names` held.
-inline bool qorGetDebugUsers(const char* file, qorStringArray& names) noexcept {
+[[nodiscard]] inline bool qorGetDebugUsers(const char* file, qorStringArray& names) noexcept {
     return qor::glue::qorGetDebugUsers(file, names);
 }
 
 // The fingerprint of the key beside the accounts, by which a listener is known: 64 hexadecimal digits. No key is made.
-inline bool qorGetDebugKeyFingerprint(const char* file, qorString& fingerprint) noexcept {
+[[nodiscard]] inline bool qorGetDebugKeyFingerprint(const char* file, qorString& fingerprint) noexcept {
     return qor::glue::qorGetDebugKeyFingerprint(file, fingerprint);
 }

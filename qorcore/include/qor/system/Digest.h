@@ -26,6 +26,6 @@ protected:
 // from the module qor-openssl, which is loaded when the first one is wanted. False: *out is as it was, and the last
 // error says whether there is no such algorithm or what is wrong with the module. MD5 and SHA-1 tell files apart; they
 // protect nothing against somebody who builds files on purpose.
-inline bool qorCreateDigestEngine(const char* algorithm, IQORDigestEngine** out) noexcept {
+[[nodiscard]] inline bool qorCreateDigestEngine(const char* algorithm, IQORDigestEngine** out) noexcept {
     return qor::glue::qorCreateDigestEngine(algorithm, out);
 }

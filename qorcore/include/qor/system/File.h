@@ -5,11 +5,17 @@
 #include "qor/system/Memory.h"
 #include "qor/system/String.h"
 
-// The ways to open a file, to be added up. Reading a file that is there, while others may write to it, is 21, and the
-// only sum there is so far.
-inline constexpr uint32 qorFileReading = 1;
-inline constexpr uint32 qorFileExisting = 4;
-inline constexpr uint32 qorFileShared = 16;
+// The ways to open a file, to be combined with `|`. Reading a file that is there, while others may write to it, is 21:
+// all three, and the only combination so far. A mode converts to the number that Open takes.
+enum qorFileMode : uint32 {
+    qorFileReading = 1,
+    qorFileExisting = 4,
+    qorFileShared = 16,
+};
+
+constexpr qorFileMode operator|(qorFileMode left, qorFileMode right) noexcept {
+    return static_cast<qorFileMode>(uint32{left} | uint32{right});
+}
 
 // A file on a disk, read from any place in it. The object closes its file when it is destroyed. Operations that fail
 // set the thread's last error, which names the path. Opening and closing belong to one thread; reads may run on
@@ -23,7 +29,9 @@ public:
 
     // Opens a file in place of one that may be open already. Folders, pipes and devices cannot be opened, and opening
     // never waits.
-    bool Open(const char* path, uint32 mode) noexcept { return qor::glue::qorFile_Open(this, path, mode); }
+    [[nodiscard]] bool Open(const char* path, uint32 mode) noexcept {
+        return qor::glue::qorFile_Open(this, path, mode);
+    }
     void Close() noexcept { qor::glue::qorFile_Close(this); }
 
     // In bytes, as it is now. 0 where it cannot be told.
@@ -31,7 +39,7 @@ public:
 
     // Reads exactly `length` bytes at `offset`. False if the file ends before them: what the buffer holds is then
     // undefined.
-    bool ReadAt(uint64 offset, void* buffer, uint32 length) const noexcept {
+    [[nodiscard]] bool ReadAt(uint64 offset, void* buffer, uint32 length) const noexcept {
         return qor::glue::qorFile_ReadAt(this, offset, buffer, length);
     }
 
@@ -47,19 +55,19 @@ class IQORSimpleFileReader : public IQORInterface {
 public:
     // Opens a file for reading, in place of one that may be open already. `flags` must be 0. Pipes and devices will
     // do, a folder will not. False: the last error names the path and the reason.
-    virtual bool Open(const char* path, uint32 flags) noexcept = 0;
+    [[nodiscard]] virtual bool Open(const char* path, uint32 flags) noexcept = 0;
 
     // Reads the next line, of at most 256 MiB, without its end (LF or CR LF); what follows the last line end is a line
     // too unless it is empty. False at the end of the file, at a longer line, or on a read error; the last two are
     // then the last error. Behind a longer line the next call goes on. After a read error none does: what had come of a
     // line is handed out as a line, and every call after that is false with the same error.
-    virtual bool ReadLine(qorString& line) noexcept = 0;
+    [[nodiscard]] virtual bool ReadLine(qorString& line) noexcept = 0;
 
     // Hands out the next run of whole lines in place: *size bytes at *text, the next line first. Every line ends with
     // its '\n'; a last line that has none is given one. At least qorReadLinesPadding readable bytes follow, so that
     // a scan may look at blocks of so many. The text is valid until the next call of any operation. False as for
     // ReadLine: at a longer line with its first 256 MiB, ended in the same way, else with *size 0.
-    virtual bool ReadLines(const char** text, uint64* size) noexcept = 0;
+    [[nodiscard]] virtual bool ReadLines(const char** text, uint64* size) noexcept = 0;
 
     // From now on tell(context) is called, by the thread that reads, before it has to wait because a pipe or a device
     // has nothing to read yet: whoever has something to show shows it then. Null ends that.

@@ -29,7 +29,9 @@ public:
     bool operator==(const qorSize&) const noexcept = default;
 
     bool Write(IQORDataSink* sink) const noexcept { return sink->WriteInt32(width) && sink->WriteInt32(height); }
-    bool Read(IQORDataSource* source) noexcept { return source->ReadInt32(width) && source->ReadInt32(height); }
+    [[nodiscard]] bool Read(IQORDataSource* source) noexcept {
+        return source->ReadInt32(width) && source->ReadInt32(height);
+    }
 
     int32 width = 0;
     int32 height = 0;
@@ -46,7 +48,7 @@ public:
     bool operator==(const qorPoint&) const noexcept = default;
 
     bool Write(IQORDataSink* sink) const noexcept { return sink->WriteInt32(x) && sink->WriteInt32(y); }
-    bool Read(IQORDataSource* source) noexcept { return source->ReadInt32(x) && source->ReadInt32(y); }
+    [[nodiscard]] bool Read(IQORDataSource* source) noexcept { return source->ReadInt32(x) && source->ReadInt32(y); }
 
     int32 x = 0;
     int32 y = 0;
@@ -100,7 +102,7 @@ public:
     bool Write(IQORDataSink* sink) const noexcept {
         return sink->WriteInt32(left) && sink->WriteInt32(top) && sink->WriteInt32(right) && sink->WriteInt32(bottom);
     }
-    bool Read(IQORDataSource* source) noexcept {
+    [[nodiscard]] bool Read(IQORDataSource* source) noexcept {
         return source->ReadInt32(left) && source->ReadInt32(top) && source->ReadInt32(right) &&
                source->ReadInt32(bottom);
     }

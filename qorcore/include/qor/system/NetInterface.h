@@ -51,12 +51,12 @@ protected:
 class IQORNetInterfaceList : public IQORInterface {
 public:
     // By name or alternative name, byte for byte. False: there is none, and *out is as it was.
-    virtual bool FindInterface(const char* name, IQORNetInterface** out) noexcept = 0;
+    [[nodiscard]] virtual bool FindInterface(const char* name, IQORNetInterface** out) noexcept = 0;
 
     virtual uint32 GetCount() noexcept = 0;
 
     // A new reference. False: there is no such index, and *out is as it was.
-    virtual bool GetInterface(uint32 index, IQORNetInterface** out) noexcept = 0;
+    [[nodiscard]] virtual bool GetInterface(uint32 index, IQORNetInterface** out) noexcept = 0;
 
 protected:
     ~IQORNetInterfaceList() = default;
@@ -64,6 +64,6 @@ protected:
 
 // Lists the interfaces anew, those that are down among them, by the module qor-network, which is loaded when the first
 // list is wanted. False: *out is as it was, and the last error says why.
-inline bool qorEnumerateNetInterfaces(IQORNetInterfaceList** out) noexcept {
+[[nodiscard]] inline bool qorEnumerateNetInterfaces(IQORNetInterfaceList** out) noexcept {
     return qor::glue::qorEnumerateNetInterfaces(out);
 }

@@ -92,6 +92,6 @@ protected:
 // False: *out is as it was, and the last error tells what there is not: such a host (qorError_no_such_host), an address
 // of it (qorError_host_without_address), an answer just now (qorError_no_answer), any network at all
 // (qorError_no_network); qorError_lookup_failed is all else. Any thread.
-inline bool qorLookupHost(const char* name, IQORHostAddressList** out) noexcept {
+[[nodiscard]] inline bool qorLookupHost(const char* name, IQORHostAddressList** out) noexcept {
     return qor::glue::qorLookupHost(name, out);
 }

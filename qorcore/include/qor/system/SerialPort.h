@@ -44,7 +44,7 @@ public:
 
     // Reads what there is, `size` bytes at most, and waits for the first of them no longer than so many milliseconds.
     // *count is 0 where none came in time. A port that is set to pass on whole lines does.
-    virtual bool Read(void* buffer, uint32 size, uint32 milliseconds, uint32& count) noexcept = 0;
+    [[nodiscard]] virtual bool Read(void* buffer, uint32 size, uint32 milliseconds, uint32& count) noexcept = 0;
 
     // Hands bytes to the system; `count` says how many of them it took in time.
     virtual bool Write(const void* data, uint32 size, uint32 milliseconds, uint32& count) noexcept = 0;
@@ -76,6 +76,6 @@ inline bool qorGetSerialPortLocation(const char* name, qorString& out) noexcept 
 // that ("ttyUSB0", "/dev/ttyUSB0", "serial/by-id/..."); pseudo-terminals have only their file. Windows: "COM3" or
 // "\\.\COM3". Opening waits for nothing and changes no setting. False: *out is as it was, and the last error says
 // whether the port is absent, in use, forbidden or no serial port.
-inline bool qorOpenSerialPort(const char* name, IQORSerialPort** out) noexcept {
+[[nodiscard]] inline bool qorOpenSerialPort(const char* name, IQORSerialPort** out) noexcept {
     return qor::glue::qorOpenSerialPort(name, out);
 }

@@ -34,12 +34,12 @@ class IQORDataSource : public IQORInterface {
 public:
     // Reads exactly `size` bytes. False: the thread's last error says why, data that ends before being one of
     // the reasons; what is in `bytes` then is not known.
-    virtual bool Read(void* bytes, uint32 size) noexcept = 0;
+    [[nodiscard]] virtual bool Read(void* bytes, uint32 size) noexcept = 0;
 
     // Numbers, little-endian; a source with another layout overrides them. False: `value` is as it was.
-    virtual bool ReadUint16(uint16& value) noexcept { return read_number(value); }
-    virtual bool ReadUint32(uint32& value) noexcept { return read_number(value); }
-    virtual bool ReadInt32(int32& value) noexcept {
+    [[nodiscard]] virtual bool ReadUint16(uint16& value) noexcept { return read_number(value); }
+    [[nodiscard]] virtual bool ReadUint32(uint32& value) noexcept { return read_number(value); }
+    [[nodiscard]] virtual bool ReadInt32(int32& value) noexcept {
         uint32 number;
         if (!ReadUint32(number))
             return false;

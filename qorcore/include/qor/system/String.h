@@ -156,7 +156,7 @@ public:
 
     // A buffer of `size` bytes and a terminator to write into; it begins with the present text. The string must
     // not be used until UnlockBuffer has said how many bytes count (-1: up to the first NUL in the buffer).
-    char* LockBuffer(uint32 size) noexcept { return qor::glue::qorString_LockBuffer(this, size); }
+    [[nodiscard]] char* LockBuffer(uint32 size) noexcept { return qor::glue::qorString_LockBuffer(this, size); }
     void UnlockBuffer(int32 length = -1) noexcept { qor::glue::qorString_UnlockBuffer(this, length); }
 
     // ---- comparison: negative, zero or positive, by unsigned bytes, case-sensitive unless the name says so;
@@ -308,7 +308,7 @@ public:
     // too unless it is empty. False: the end of the input, or a read error, which is then the last error; the
     // string is empty. A line may be a password: what reads it leaves no copy behind but the string and the stream's
     // own buffer. Zero bytes are bytes of the line; Text() seems to end there.
-    bool GetLine(std::FILE* stream) noexcept { return qor::glue::qorString_GetLine(this, stream); }
+    [[nodiscard]] bool GetLine(std::FILE* stream) noexcept { return qor::glue::qorString_GetLine(this, stream); }
 
     // ---- character sets. Lengths are in units; -1: up to a zero unit. What is no valid character becomes
     // U+FFFD, and the result is false. "UCS2" is UTF-16: characters beyond the first plane are pairs. The blocks

@@ -32,7 +32,7 @@ public:
     const char* operator[](uint32 index) const noexcept { return at(index); }
     const char* GetAt(uint32 index) const noexcept { return at(index); }
 
-    // The elements with their lengths: for range-for, the algorithms of the C++ library, and std::span<const qorString>.
+    // The elements with their lengths: for range-for, the algorithms of the C++ library, and spans of const qorString.
     const qorString* begin() const noexcept { return m_data.elements; }
     const qorString* end() const noexcept { return m_data.elements + m_data.count; }
 
@@ -97,7 +97,7 @@ public:
     // 32-bit. A failed Read leaves the elements that were whole; memory is taken only for bytes
     // that came, whatever lengths the stream claims.
     bool Write(IQORDataSink* sink) const noexcept { return qor::glue::qorStringArray_Write(this, sink); }
-    bool Read(IQORDataSource* source) noexcept { return qor::glue::qorStringArray_Read(this, source); }
+    [[nodiscard]] bool Read(IQORDataSource* source) noexcept { return qor::glue::qorStringArray_Read(this, source); }
 
     // Part of the contract: the library allocates and frees, inline members read. All of `alloc` are strings; those
     // behind the count are empty.

@@ -25,7 +25,7 @@ public:
     bool Write(IQORDataSink* sink) const noexcept {
         return sink->WriteInt32(numerator) && sink->WriteUint32(denominator);
     }
-    bool Read(IQORDataSource* source) noexcept {
+    [[nodiscard]] bool Read(IQORDataSource* source) noexcept {
         return source->ReadInt32(numerator) && source->ReadUint32(denominator);
     }
 
@@ -121,7 +121,7 @@ public:
         return sink->WriteUint16(hours) && sink->WriteUint16(minutes) && sink->WriteUint16(seconds) &&
                sink->WriteUint16(frames);
     }
-    bool Read(IQORDataSource* source) noexcept {
+    [[nodiscard]] bool Read(IQORDataSource* source) noexcept {
         return source->ReadUint16(hours) && source->ReadUint16(minutes) && source->ReadUint16(seconds) &&
                source->ReadUint16(frames);
     }

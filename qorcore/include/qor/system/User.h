@@ -55,7 +55,7 @@ public:
     // Whether this is the password of this account and the account may be used now. `account` is then the account's
     // name, as the host has it. False: the last error says why. A wrong password takes as long as the host wants it to
     // take.
-    virtual bool Authenticate(const char* name, const char* password, qorString& account) noexcept = 0;
+    [[nodiscard]] virtual bool Authenticate(const char* name, const char* password, qorString& account) noexcept = 0;
 
 protected:
     ~IQORAuthenticator() = default;
@@ -70,17 +70,19 @@ inline bool qorGetCurrentUserName(qorString& out) noexcept { return qor::glue::q
 inline bool qorIsSuperUser() noexcept { return qor::glue::qorIsSuperUser(); }
 
 // The account of this name; no password is asked for. qorError_unknown_user: there is none.
-inline bool qorGetUserToken(const char* name, IQORUserToken** out) noexcept {
+[[nodiscard]] inline bool qorGetUserToken(const char* name, IQORUserToken** out) noexcept {
     return qor::glue::qorGetUserToken(name, out);
 }
 
 // The account that the process runs as.
-inline bool qorGetCurrentUserToken(IQORUserToken** out) noexcept { return qor::glue::qorGetCurrentUserToken(out); }
+[[nodiscard]] inline bool qorGetCurrentUserToken(IQORUserToken** out) noexcept {
+    return qor::glue::qorGetCurrentUserToken(out);
+}
 
 // The account, once the host has found the password right and the account fit for use. A wrong password and an unknown
 // name are one error, qorError_credentials_refused; those who know the password are told of what else is in the way:
 // account_expired, account_locked, password_must_change, password_expired, logon_denied. An account whose level is
 // negative is denied, too. The password is not kept; wiping the caller's own copy is for the caller.
-inline bool qorLogonUser(const char* name, const char* password, IQORUserToken** out) noexcept {
+[[nodiscard]] inline bool qorLogonUser(const char* name, const char* password, IQORUserToken** out) noexcept {
     return qor::glue::qorLogonUser(name, password, out);
 }

@@ -97,7 +97,7 @@ public:
     }
 
     // Gives the reference away to the caller.
-    TYPE* Detach() noexcept { return std::exchange(m_ptr, nullptr); }
+    [[nodiscard]] TYPE* Detach() noexcept { return std::exchange(m_ptr, nullptr); }
 
     bool IsEmpty() const noexcept { return m_ptr == nullptr; }
 
