@@ -11,7 +11,7 @@ needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/
     "libnss-wrapper=/usr/lib/$HOSTTYPE-linux-gnu/libnss_wrapper.so" "umockdev=umockdev-run"
     "tzdata=/usr/share/zoneinfo/Europe/Berlin" "libfaketime=/usr/lib/$HOSTTYPE-linux-gnu/faketime/libfaketime.so.1"
     "xdg-user-dirs=xdg-user-dir" "systemd=systemd-path" "procps=free" "libgsasl-dev=/usr/include/gsasl.h"
-    "openssl=openssl" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux"
+    "openssl=openssl" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux" "doxygen=doxygen"
     "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py")
 needs_windows=("cmake=cmake" "ninja-build=ninja" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"
     "wine64=/usr/lib/wine/wine64" "googletest=/usr/src/googletest/CMakeLists.txt" "python3=python3" "libc-devtools=mtrace"

@@ -14,6 +14,7 @@
 
 namespace qor::glue {
 
+// The source of the assertions and allocations here, whatever file they stand in.
 inline constexpr char common_file[] = "qorcore/include/qor/glue/impl_common";
 
 // The address so many bytes behind another. It may lie outside of what begins there, or that may be null: an operation
@@ -53,6 +54,7 @@ inline void announce(const void* object, const char* type_name) noexcept {
 // References may be added and dropped on any thread. The name is kept by pointer.
 class qorRefObject {
 public:
+    // Announces the object by its type's name to the allocation log.
     explicit qorRefObject(const char* name) noexcept : m_type_name(name) {
         qor::glue::announce(this, name);
         m_refcount.Set(1);
@@ -68,8 +70,10 @@ public:
     // Called once, before the object is destroyed.
     virtual void OnFinalRelease() noexcept {}
 
+    // As it was given to the constructor.
     const char* TypeName() const noexcept { return m_type_name; }
 
+    // Adds or drops a reference. Any thread; the last one ends the object on the thread that drops it.
     void AddRef() noexcept { m_refcount.Increment(); }
     void Release() noexcept {
         if (!m_refcount.DecrementAndTestZero())
@@ -89,6 +93,8 @@ private:
 // other threads see it, and only read afterwards. Names are kept by pointer.
 class qorComponent2 {
 public:
+    // Announces the object by its type's name, `**type.not.set**` without one, to the allocation log. Throws
+    // std::bad_alloc.
     explicit qorComponent2(const char* name) : m_data(new shared_record{name}) {
         m_data->refcount.Set(1);
         qor::glue::announce(this, name);
@@ -111,6 +117,7 @@ public:
     // Called once, before the object is destroyed.
     virtual void OnFinalRelease() noexcept {}
 
+    // Adds or drops a reference. Any thread; the last one ends the object on the thread that drops it.
     void object_AddRef() noexcept { m_data->refcount.Increment(); }
     void object_Release() noexcept {
         if (!m_data->refcount.DecrementAndTestZero())
@@ -187,6 +194,7 @@ public:
     qorDataBlock& operator=(const qorDataBlock&) = delete;
     ~qorDataBlock() { release(); }
 
+    // Frees the bytes: the block is empty.
     void Free() noexcept {
         release();
         m_data = {};
@@ -200,6 +208,7 @@ public:
         return m_data.bytes;
     }
 
+    // Copies `n` bytes, which must not lie in this block.
     void AttachCopy(const void* src, uint32 n) {
         void* const bytes = Create(n);
         if (n != 0)
@@ -212,6 +221,7 @@ public:
         m_data = {p, n};
     }
 
+    // Takes over the bytes of another block, which is empty then. One that steals from itself is empty.
     void Steal(qorDataBlock& src) noexcept {
         Free();
         m_data = std::exchange(src.m_data, {});
@@ -236,6 +246,7 @@ public:
         }
     }
 
+    // The bytes, null where there are none; valid until the block changes.
     void* ptr() noexcept { return m_data.bytes; }
     const void* ptr() const noexcept { return m_data.bytes; }
 
@@ -253,6 +264,7 @@ public:
         return qor::glue::address_behind<const void>(m_data.bytes, offset);
     }
 
+    // In bytes.
     uint32 Size() const noexcept { return m_data.size; }
 
 private:

@@ -16,9 +16,11 @@
 
 namespace qor::glue {
 
+// What the waits without a limit assert.
 inline constexpr char unlimited_wait_expression[] =
     "::WaitForSingleObject(m_event, 0xffffffff) == ((((DWORD)0x00000000)) + 0)";
 
+// Waits as qorGate::Wait(uint32) does, and reports as `func`.
 inline bool limited_wait(event* on, uint32 ms, const char* func, int line) noexcept {
     const event::outcome result = event::wait(on, ms);
     if (result == event::outcome::failed)
@@ -39,7 +41,9 @@ public:
     qorFastMutex2& operator=(const qorFastMutex2&) = delete;
     ~qorFastMutex2() { qor::glue::critical_section::destroy(m_pCrit); }
 
+    // Waits until no other thread holds the mutex, and holds it.
     void Lock() noexcept { qor::glue::critical_section::enter(m_pCrit); }
+    // Lets go of it once; only the thread that holds it may do so.
     void Unlock() noexcept { qor::glue::critical_section::leave(m_pCrit); }
 
 private:
@@ -50,6 +54,7 @@ private:
 class qorAutoLockFastMutex2 {
 public:
     qorAutoLockFastMutex2() noexcept = default;
+    // Locks the mutex, which must outlive this object.
     explicit qorAutoLockFastMutex2(qorFastMutex2* mutex) noexcept : m_mutex(mutex) { m_mutex->Lock(); }
     qorAutoLockFastMutex2(const qorAutoLockFastMutex2&) = delete;
     qorAutoLockFastMutex2& operator=(const qorAutoLockFastMutex2&) = delete;
@@ -69,6 +74,7 @@ public:
         m_mutex->Lock();
     }
 
+    // Unlocks the mutex held. Holding none is reported, and nothing happens.
     void Unlock() noexcept {
         if (m_mutex == nullptr) {
             qor::glue::assert_failed("m_mutex != NULL", "void qorAutoLockFastMutex2::Unlock()",
@@ -88,6 +94,7 @@ private:
 // cancellation point.
 class qorGate {
 public:
+    // Where the system has no memory for a gate it is reported, and every wait fails: unlimited ones return at once.
     explicit qorGate(bool open) noexcept : m_event(qor::glue::event::create(true, open)) {
         if (m_event == nullptr)
             qor::glue::assert_failed("m_event != NULL", "qorGate::qorGate(bool)", qor::glue::impl_file, 175);
@@ -96,6 +103,7 @@ public:
     qorGate& operator=(const qorGate&) = delete;
     virtual ~qorGate() { qor::glue::event::destroy(m_event); }
 
+    // Any thread; each of them may be called in either state.
     void Open() noexcept { qor::glue::event::set(m_event); }
     void Close() noexcept { qor::glue::event::reset(m_event); }
 
@@ -117,6 +125,7 @@ private:
 // called until then. Destruction and cancellation: as for the gate.
 class qorTrigger {
 public:
+    // As qorGate::qorGate.
     explicit qorTrigger(bool set) noexcept : m_event(qor::glue::event::create(false, set)) {
         if (m_event == nullptr)
             qor::glue::assert_failed("m_event != NULL", "qorTrigger::qorTrigger(bool)", qor::glue::impl_file, 214);
@@ -125,8 +134,10 @@ public:
     qorTrigger& operator=(const qorTrigger&) = delete;
     ~qorTrigger() { qor::glue::event::destroy(m_event); }
 
+    // Any thread.
     void Set() noexcept { qor::glue::event::set(m_event); }
 
+    // Returns when a Set lets this thread pass.
     void Wait() noexcept {
         if (qor::glue::event::wait(m_event, 0) != qor::glue::event::outcome::signalled)
             qor::glue::assert_failed(qor::glue::unlimited_wait_expression, "void qorTrigger::Wait()",
@@ -143,8 +154,11 @@ private:
 // A signed 32-bit counter. Changes are full barriers; Read is a plain load.
 class qorAtomic2 {
 public:
+    // The value, not older than what this thread has seen.
     int32 Read() const noexcept { return m_value.load(std::memory_order_acquire); }
+    // Exchanges the value.
     void Set(int32 value) noexcept { m_value.exchange(value); }
+    // Adds or subtracts 1; the value wraps.
     void Increment() noexcept { m_value.fetch_add(1); }
     void Decrement() noexcept { m_value.fetch_sub(1); }
 
@@ -153,6 +167,7 @@ public:
         return m_value.compare_exchange_strong(expected, desired);
     }
 
+    // Subtracts 1. True: the value is 0 now; of several threads one sees that.
     bool DecrementAndTestZero() noexcept { return m_value.fetch_sub(1) == 1; }
 
 private:

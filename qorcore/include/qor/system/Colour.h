@@ -8,14 +8,17 @@
 class qorColour {
 public:
     qorColour() noexcept = default;
+    // All four components.
     qorColour(uint16 r, uint16 g, uint16 b, uint16 a) noexcept : red(r), green(g), blue(b), alpha(a) {}
 
+    // As the constructor of the same arguments.
     void Set(uint16 r, uint16 g, uint16 b, uint16 a) noexcept { *this = {r, g, b, a}; }
     // Alpha stays.
     void Set(uint16 r, uint16 g, uint16 b) noexcept { Set(r, g, b, alpha); }
 
     bool operator==(const qorColour&) const noexcept = default;
 
+    // The stream form. False: the sink or source failed, and the last error says why.
     bool Write(IQORDataSink* sink) const noexcept {
         return sink->WriteUint16(red) && sink->WriteUint16(green) && sink->WriteUint16(blue) &&
                sink->WriteUint16(alpha);
@@ -25,6 +28,7 @@ public:
                source->ReadUint16(alpha);
     }
 
+    // Of 65535; alpha is the opacity.
     uint16 red = 0;
     uint16 green = 0;
     uint16 blue = 0;

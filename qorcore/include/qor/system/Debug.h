@@ -18,6 +18,7 @@ inline const qorDebugFlag* debug_flags() noexcept { return qorDebugGetFlags(); }
 
 #else
 
+// The array of switches, once it was asked for.
 #if defined(__ELF__)
 [[gnu::visibility("hidden")]]
 #endif
@@ -36,6 +37,7 @@ inline const qorDebugFlag* debug_flags() noexcept {
 
 #endif
 
+// Whether a code is on: a load and a test.
 inline bool debug_is_on(uint32 code) noexcept {
     const qorDebugFlag* const flags = debug_flags();
     return flags != nullptr && flags[code % qorDebugMaxCodes].load(std::memory_order_relaxed) != 0;

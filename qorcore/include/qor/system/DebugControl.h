@@ -14,6 +14,7 @@ class qorStringArray;
 // that a class can offer it beside an IQORInterface of its own.
 class IQORDebugControlSink {
 public:
+    // As those of IQORInterface.
     virtual void AddRef() noexcept = 0;
     virtual void Release() noexcept = 0;
     virtual int QueryInterface(const char* name, void** out) noexcept = 0;

@@ -10,6 +10,7 @@
 #pragma push_macro("GetMessage")
 #undef GetMessage // windows.h makes it a macro for GetMessageA or GetMessageW, as LoadString (String.h)
 
+// What kind of error it is.
 enum class qorErrorClass : uint32 {
     none,     // no error
     internal, // the framework's own fault
@@ -22,6 +23,7 @@ enum class qorErrorClass : uint32 {
 
 // The numbers, as qorError_<name>.
 enum qorErrorNumber : uint32 {
+// One for each line of the list.
 #define QOR_ERROR(number, name, error_class, text) qorError_##name = number,
 #include "qor/system/errors.def"
 #undef QOR_ERROR
@@ -30,9 +32,12 @@ enum qorErrorNumber : uint32 {
 // One error. The object does not change; it may be used on any thread.
 class IQORErrorMessage : public IQORInterface {
 public:
+    // One of qorErrorNumber.
     virtual uint32 GetErrorNumber() noexcept = 0;
     virtual bool IsError() noexcept = 0; // false only for number 0, "no error"
+    // What kind of error it is, for callers that act by it.
     virtual qorErrorClass GetErrorClass() noexcept = 0;
+    // The text in the user's language, in place of what `out` held.
     virtual void GetMessage(qorString& out) noexcept = 0;
 #if defined(_WIN32)
     // For callers that have included windows.h. A class that implements the interface does so before it includes
@@ -40,6 +45,7 @@ public:
     void GetMessageA(qorString& out) noexcept { GetMessage(out); }
     void GetMessageW(qorString& out) noexcept { GetMessage(out); }
 #endif
+    // Writes the text, and a newline behind it if asked. False: it could not be written.
     virtual bool Put(std::FILE* stream, bool newline) noexcept = 0;
 
     // Presents the error to the user: a line on standard error that names the process.
@@ -52,8 +58,10 @@ protected:
 // Puts an error together step by step. Not thread-safe.
 class IQORErrorBuilder : public IQORInterface {
 public:
+    // Which error it is. A number that no error has becomes qorError_unknown.
     virtual void SetNumber(uint32 number) noexcept = 0;
     virtual void AddInsert(const char* text) noexcept = 0; // the next of ten; further ones are dropped
+    // The error as an object with a reference for the caller. Where memory runs out the process ends with a report.
     virtual void Build(IQORErrorMessage** out) noexcept = 0;
     virtual void SetLastError() noexcept = 0; // makes it this thread's last error
 
@@ -80,6 +88,7 @@ inline void qorSetLastError(uint32 number, const char* a1 = nullptr, const char*
     qor::glue::qorSetLastError(number, inserts);
 }
 
+// From now on this thread has no error.
 inline void qorClearLastError() noexcept { qor::glue::qorClearLastError(); }
 
 // The framework's number for an error code of Windows (GetLastError); qorError_unknown where there is no close
@@ -108,6 +117,7 @@ public:
     qorSaveErrorInfo& operator=(const qorSaveErrorInfo&) = delete;
     ~qorSaveErrorInfo() { qor::glue::qorSetLastErrorMessage(*m_error); }
 
+    // As those of the error that was kept.
     bool IsError() const noexcept { return m_error->IsError(); }
     qorErrorClass GetErrorClass() const noexcept { return m_error->GetErrorClass(); }
     void GetMessage(qorString& out) const noexcept { m_error->GetMessage(out); }
@@ -115,6 +125,7 @@ public:
     void GetMessageA(qorString& out) const noexcept { GetMessage(out); }
     void GetMessageW(qorString& out) const noexcept { GetMessage(out); }
 #endif
+    // Writes the text of the error that was kept, as IQORErrorMessage::Put.
     bool Put(std::FILE* stream, bool newline) const noexcept { return m_error->Put(stream, newline); }
 
     // Lives as long as this object; a longer use takes a reference of its own.

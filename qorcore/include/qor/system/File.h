@@ -13,6 +13,7 @@ enum qorFileMode : uint32 {
     qorFileShared = 16,
 };
 
+// Both ways together.
 constexpr qorFileMode operator|(qorFileMode left, qorFileMode right) noexcept {
     return static_cast<qorFileMode>(uint32{left} | uint32{right});
 }
@@ -43,11 +44,13 @@ public:
         return qor::glue::qorFile_ReadAt(this, offset, buffer, length);
     }
 
+    // Part of the contract.
     struct {
         void* file; // the library's; null is closed
     } m_data;
 };
 
+// The readable bytes behind what IQORSimpleFileReader::ReadLines hands out.
 inline constexpr uint32 qorReadLinesPadding = 64;
 
 // Reads a text file line by line. The last Release closes the file. Not thread-safe.

@@ -44,6 +44,7 @@ enum qorFolderId : uint32 {
     qorFolder_qor_system_configuration = 29,
 };
 
+// The ids lie below this number.
 inline constexpr uint32 qorFolderCount = 30;
 
 // The folder's short name, such as "home" or "system-logs". False: there is no such id (last error), and

@@ -9,47 +9,57 @@
 
 namespace qor::glue {
 
+// Sums and differences that wrap at 32 bits.
 inline int32 wrapped_sum(int32 left, int32 right) noexcept {
     return static_cast<int32>(static_cast<uint32>(left) + static_cast<uint32>(right));
 }
-
 inline int32 wrapped_difference(int32 left, int32 right) noexcept {
     return static_cast<int32>(static_cast<uint32>(left) - static_cast<uint32>(right));
 }
 
 } // namespace qor::glue
 
+// A width and a height.
 class qorSize {
 public:
     qorSize() noexcept = default;
+    // Width and height.
     qorSize(int32 w, int32 h) noexcept : width(w), height(h) {}
 
+    // As the constructor of the same arguments.
     void Set(int32 w, int32 h) noexcept { *this = {w, h}; }
 
     bool operator==(const qorSize&) const noexcept = default;
 
+    // The stream form. False: the sink or source failed, and the last error says why.
     bool Write(IQORDataSink* sink) const noexcept { return sink->WriteInt32(width) && sink->WriteInt32(height); }
     [[nodiscard]] bool Read(IQORDataSource* source) noexcept {
         return source->ReadInt32(width) && source->ReadInt32(height);
     }
 
+    // The fields, as they were set.
     int32 width = 0;
     int32 height = 0;
 };
 
+// A place, x from left to right and y from top to bottom.
 class qorPoint {
 public:
     qorPoint() noexcept = default;
+    // Its coordinates.
     qorPoint(int32 horizontal, int32 vertical) noexcept : x(horizontal), y(vertical) {}
 
+    // As the constructor of the same arguments.
     void Set(int32 horizontal, int32 vertical) noexcept { *this = {horizontal, vertical}; }
     void Empty() noexcept { *this = {}; }
 
     bool operator==(const qorPoint&) const noexcept = default;
 
+    // The stream form. False: the sink or source failed, and the last error says why.
     bool Write(IQORDataSink* sink) const noexcept { return sink->WriteInt32(x) && sink->WriteInt32(y); }
     [[nodiscard]] bool Read(IQORDataSource* source) noexcept { return source->ReadInt32(x) && source->ReadInt32(y); }
 
+    // The fields, as they were set.
     int32 x = 0;
     int32 y = 0;
 };
@@ -59,11 +69,13 @@ public:
 class qorRect {
 public:
     qorRect() noexcept = default;
+    // The edges, or the corner at the top left and the size.
     qorRect(int32 l, int32 t, int32 r, int32 b) noexcept : left(l), top(t), right(r), bottom(b) {}
     qorRect(const qorPoint& point, const qorSize& size) noexcept
         : qorRect(point.x, point.y, qor::glue::wrapped_sum(point.x, size.width),
                   qor::glue::wrapped_sum(point.y, size.height)) {}
 
+    // As the constructor of the same arguments.
     void Set(int32 l, int32 t, int32 r, int32 b) noexcept { *this = {l, t, r, b}; }
     void Set(const qorPoint& point, const qorSize& size) noexcept { *this = {point, size}; }
     void Empty() noexcept { *this = {}; }
@@ -79,6 +91,7 @@ public:
     qorPoint GetBottomLeft() const noexcept { return {left, bottom}; }
     qorPoint GetBottomRight() const noexcept { return {right, bottom}; }
 
+    // Moves it.
     void OffsetRect(int32 dx, int32 dy) noexcept {
         left = qor::glue::wrapped_sum(left, dx);
         top = qor::glue::wrapped_sum(top, dy);
@@ -86,6 +99,7 @@ public:
         bottom = qor::glue::wrapped_sum(bottom, dy);
     }
 
+    // Whether the point is one of those that it holds.
     bool IsInside(int x, int y) const noexcept { return left <= x && x < right && top <= y && y < bottom; }
     bool IsInside(const qorPoint& point) const noexcept { return IsInside(point.x, point.y); }
 
@@ -99,6 +113,7 @@ public:
 
     bool operator==(const qorRect&) const noexcept = default;
 
+    // The stream form. False: the sink or source failed, and the last error says why.
     bool Write(IQORDataSink* sink) const noexcept {
         return sink->WriteInt32(left) && sink->WriteInt32(top) && sink->WriteInt32(right) && sink->WriteInt32(bottom);
     }
@@ -107,6 +122,7 @@ public:
                source->ReadInt32(bottom);
     }
 
+    // The edges, as they were set.
     int32 left = 0;
     int32 top = 0;
     int32 right = 0;

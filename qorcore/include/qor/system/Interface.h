@@ -7,7 +7,9 @@
 // their pointer: the last Release ends the object.
 class IQORInterface {
 public:
+    // Adds a reference. Any thread.
     virtual void AddRef() noexcept = 0;
+    // Drops a reference; the last one ends the object, on the thread that drops it. Any thread.
     virtual void Release() noexcept = 0;
 
     // Returns 1 and an interface with a reference of its own, or 0 and leaves *out as it was. Names compare byte
@@ -30,6 +32,7 @@ enum class qorSignal : uint32 {
 // inheriting them, so that a class can offer it beside an IQORInterface of its own without two such bases.
 class IQORSignalHandler {
 public:
+    // As those of IQORInterface.
     virtual void AddRef() noexcept = 0;
     virtual void Release() noexcept = 0;
     virtual int QueryInterface(const char* name, void** out) noexcept = 0;

@@ -19,6 +19,7 @@
 
 namespace qor::glue {
 
+// The block, or std::bad_alloc where there is none.
 template <class POINTER>
 POINTER or_throw(POINTER block) {
     if (block == nullptr) [[unlikely]]
@@ -59,6 +60,7 @@ inline const char* path_without_extension(const char* path) noexcept {
     return cut;
 }
 
+// The line as the table takes it.
 inline int line_of(const std::source_location& where) noexcept { return static_cast<int>(where.line()); }
 
 } // namespace qor::glue

@@ -53,6 +53,7 @@ public:
     // By name or alternative name, byte for byte. False: there is none, and *out is as it was.
     [[nodiscard]] virtual bool FindInterface(const char* name, IQORNetInterface** out) noexcept = 0;
 
+    // How many there are.
     virtual uint32 GetCount() noexcept = 0;
 
     // A new reference. False: there is no such index, and *out is as it was.

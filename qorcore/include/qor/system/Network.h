@@ -6,31 +6,34 @@
 
 class qorString;
 
-// Addresses are bytes in the order in which they are written and sent.
+// An IPv4 address: its bytes in the order in which they are written and sent.
 struct qoraddr_ipv4 {
-    uint8 bytes[4];
+    uint8 bytes[4]; // 192.0.2.1 is 192, 0, 2, 1
 
     bool operator==(const qoraddr_ipv4&) const noexcept = default;
 };
 
+// An IPv6 address, in the same order.
 struct qoraddr_ipv6 {
-    uint8 bytes[16];
+    uint8 bytes[16]; // 2001:db8::1 is 0x20, 0x01, 0x0d, 0xb8, ... 1
 
     bool operator==(const qoraddr_ipv6&) const noexcept = default;
 };
 
 // Addresses of an interface: the address, and how many of its bits, from the left, its network has in common.
 struct qorNetAddress4 {
-    qoraddr_ipv4 address;
-    uint8 prefix; // 0 to 32
+    qoraddr_ipv4 address; // of the interface
+    uint8 prefix;         // 0 to 32
 };
 
+// The same for IPv6.
 struct qorNetAddress6 {
-    qoraddr_ipv6 address;
-    uint8 prefix; // 0 to 128
-    uint32 scope; // as in qorHostAddress
+    qoraddr_ipv6 address; // of the interface
+    uint8 prefix;         // 0 to 128
+    uint32 scope;         // as in qorHostAddress
 };
 
+// Which protocol an address belongs to.
 enum class qorAddressFamily : uint32 {
     none = 0, // no address
     ipv4 = 4,
@@ -39,9 +42,9 @@ enum class qorAddressFamily : uint32 {
 
 // The address of a host. Only the member that `family` names counts; the other one is zero.
 struct qorHostAddress {
-    qorAddressFamily family = qorAddressFamily::none;
-    qoraddr_ipv4 ipv4{};
-    qoraddr_ipv6 ipv6{};
+    qorAddressFamily family = qorAddressFamily::none; // which of the two counts
+    qoraddr_ipv4 ipv4{};                              // where the family is ipv4
+    qoraddr_ipv6 ipv6{};                              // where the family is ipv6
 
     // IPv6 addresses that are valid on one link only: the index of this host's interface to that link. 0 where the
     // address needs none.
@@ -77,9 +80,10 @@ inline bool qorStringToAddress(const char* text, qorHostAddress& out) noexcept {
 // What a look-up found. The object does not change; it may be used on any thread.
 class IQORHostAddressList : public IQORInterface {
 public:
+    // How many addresses there are; at least one.
     virtual uint32 GetCount() noexcept = 0;
 
-    // False: there is no such index, and `out` is as it was.
+    // The address at an index from 0. False: there is no such index, and `out` is as it was.
     virtual bool GetAddress(uint32 index, qorHostAddress& out) noexcept = 0;
 
 protected:

@@ -6,6 +6,7 @@
 
 class qorStringArray;
 
+// What the parity bit of a character is; none: there is no such bit.
 enum class qorSerialParity : uint8 { none, odd, even, mark, space };
 
 // How a port is set, as it is now.
@@ -13,9 +14,9 @@ struct qorSerialSettings {
     uint32 bits_per_second; // 0: the line is hung up
     uint8 data_bits;        // 5 to 8
     uint8 half_stop_bits;   // 2: one stop bit, 3: one and a half, 4: two
-    qorSerialParity parity;
-    bool rts_cts;  // RTS and CTS hold the flow
-    bool xon_xoff; // the characters XON and XOFF do, in either direction
+    qorSerialParity parity; // the bit behind the data bits
+    bool rts_cts;           // RTS and CTS hold the flow
+    bool xon_xoff;          // the characters XON and XOFF do, in either direction
 };
 
 // The modem lines, to be added up. The port drives the first two and reads the others.
@@ -34,6 +35,7 @@ public:
     // The name that qorEnumSerialPorts has for it, whatever it was opened by.
     virtual bool GetPortName(qorString& out) noexcept = 0;
 
+    // How the port is set now.
     virtual bool GetSettings(qorSerialSettings& out) noexcept = 0;
 
     // The sum of those that are on. A pseudo-terminal has none, and fails.

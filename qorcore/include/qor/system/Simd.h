@@ -14,6 +14,7 @@
 // same on every machine.
 inline uint64 qor_get_simd_alignment() noexcept { return qor::glue::qor_get_simd_alignment(); }
 
+// Fills `length` bytes at any address with zeroes.
 inline void simd_zero(void* dst, uint64 length) noexcept { qor::glue::simd_zero(dst, length); }
 
 // Fill `length` bytes at any address with the repeated value, in the byte order of this machine. The first

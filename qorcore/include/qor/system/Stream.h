@@ -6,7 +6,7 @@
 #include "qor/system/Interface.h"
 #include "qor/system/Memory.h"
 
-// Not thread-safe, unless an implementation says so.
+// Where the stream forms of the framework's types go to. Not thread-safe, unless an implementation says so.
 class IQORDataSink : public IQORInterface {
 public:
     // Writes all `size` bytes. False: the thread's last error says why; how much was written is not known.
@@ -30,6 +30,7 @@ private:
     }
 };
 
+// Where the stream forms of the framework's types come from. Not thread-safe, unless an implementation says so.
 class IQORDataSource : public IQORInterface {
 public:
     // Reads exactly `size` bytes. False: the thread's last error says why, data that ends before being one of
@@ -84,6 +85,7 @@ protected:
 // more than is left fails and takes nothing.
 class IQORMemoryDataSource : public IQORDataSource {
 public:
+    // The bytes that were not read yet.
     virtual uint32 GetRemaining() noexcept = 0;
 
 protected:

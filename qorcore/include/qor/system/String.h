@@ -1,7 +1,7 @@
 // The framework's string: UTF-8 text with a length, and the operations that other systems' strings lack.
 //
 // Positions, lengths and counts are in bytes. A text may hold NULs; operations that take a plain `const char*`
-// read up to the first one. White space is that of the C locale: blank, \t, \n, \v, \f, \r. Case is that of
+// read up to the first one. White space is that of the C locale: blank, `\t`, `\n`, `\v`, `\f`, `\r`. Case is that of
 // ASCII letters: other bytes have none, in every locale. Strings are not thread-safe; different ones may be used
 // on different threads. Operations that need memory which is not there end the process with a report.
 #pragma once
@@ -45,6 +45,8 @@ inline uint32 text_length(const char* text, int32 length) noexcept {
 #pragma push_macro("LoadString")
 #undef LoadString // windows.h: see below
 
+// A text of UTF-8 that owns its storage. Copies are copies of the text; what a string holds that was moved from is not
+// specified.
 class qorString {
 public:
     qorString() noexcept { qor::glue::qorString_Init(this, 0); }
@@ -75,6 +77,7 @@ public:
         std::swap(m_data, other.m_data);
         return *this;
     }
+    // Becomes a copy of the text, up to its terminator or as long as its view; the text may lie in the string itself.
     qorString& operator=(const char* text) noexcept {
         Set(text, -1);
         return *this;
@@ -111,7 +114,9 @@ public:
     template <class OTHER>
     requires(!std::same_as<OTHER, qorString>) friend void operator-(const OTHER&, const qorString&) = delete;
 
+    // In bytes, without the terminator.
     uint32 Length() const noexcept { return m_data.length; }
+    // Whether there is no byte in it.
     bool IsEmpty() const noexcept { return m_data.length == 0; }
 
     // The byte at `index`. An index that is not below the length is reported and yields a NUL.
@@ -325,10 +330,14 @@ public:
     // Part of the contract: the library allocates and frees, inline members read. `text` is null while the string
     // has no storage; `alloc` counts the bytes of the storage, terminator included.
     struct data {
+        // The bytes and their terminator.
         char* text = nullptr;
+        // Of the text, in bytes.
         uint32 length = 0;
+        // Of the storage, in bytes.
         uint32 alloc = 0;
-    } m_data;
+    };
+    data m_data; // the text
 
 private:
     static int32 clamp(uint32 count) noexcept { return count > 0x7fffffff ? -1 : static_cast<int32>(count); }
@@ -359,18 +368,22 @@ std::strong_ordering operator<=>(const qorString& left, const VIEW& right) noexc
     return std::string_view(left) <=> std::string_view(right);
 }
 
+namespace std {
+
 // The hash of the bytes: equal to that of the std::string_view of the same text.
 template <>
-struct std::hash<qorString> {
-    std::size_t operator()(const qorString& text) const noexcept { return hash<string_view>()(text); }
+struct hash<qorString> {
+    size_t operator()(const qorString& text) const noexcept { return hash<string_view>()(text); }
 };
 
 #ifdef __cpp_lib_format
 // std::format takes strings with the options of std::string_view.
 template <>
-struct std::formatter<qorString> : std::formatter<std::string_view> {
+struct formatter<qorString> : formatter<string_view> {
     auto format(const qorString& text, auto& context) const {
-        return std::formatter<std::string_view>::format(std::string_view(text), context);
+        return formatter<string_view>::format(string_view(text), context);
     }
 };
 #endif
+
+} // namespace std

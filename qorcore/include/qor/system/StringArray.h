@@ -23,6 +23,7 @@ public:
         return *this;
     }
 
+    // The number of elements, and whether it is 0.
     uint32 GetCount() const noexcept { return m_data.count; }
     bool IsEmpty() const noexcept { return m_data.count == 0; }
 
@@ -46,6 +47,7 @@ public:
     // A vector of texts that ends with a null pointer.
     void SetFromVector(const char* const* texts) noexcept { qor::glue::qorStringArray_SetFromVector(this, texts); }
 
+    // Adds an element at the end, or copies of all elements of another array.
     void Append(const char* text, int32 length = -1) noexcept {
         qor::glue::qorStringArray_Append(this, text, qor::glue::text_length(text, length));
     }
@@ -102,10 +104,14 @@ public:
     // Part of the contract: the library allocates and frees, inline members read. All of `alloc` are strings; those
     // behind the count are empty.
     struct data {
+        // The storage, null where there is none.
         qorString* elements = nullptr;
+        // The elements in use.
         uint32 count = 0;
+        // The elements that there is storage for.
         uint32 alloc = 0;
-    } m_data;
+    };
+    data m_data; // the elements
 
 private:
     template <class TEXT_LIST>

@@ -8,10 +8,12 @@
 
 #include "qor/glue/binding.h"
 
+// A tick is 100 nanoseconds.
 inline constexpr uint64 qorTicksPerSecond = 10'000'000;
 
+// A moment in calendar time. Copied by value.
 struct qorTimeInfo {
-    uint16 year;
+    uint16 year;      // with all its digits
     uint8 month;      // 1 to 12
     uint8 day;        // 1 to 31
     uint8 hour;       // 0 to 23

@@ -12,8 +12,10 @@
 class qorRational {
 public:
     qorRational() noexcept = default;
+    // Numerator and denominator.
     qorRational(int32 n, uint32 d) noexcept : numerator(n), denominator(d) {}
 
+    // As the constructor of the same arguments.
     void Set(int32 n, uint32 d) noexcept { *this = {n, d}; }
 
     // 0.0 where the denominator is 0.
@@ -22,6 +24,7 @@ public:
     // By fields: 1/2 is not 2/4.
     bool operator==(const qorRational&) const noexcept = default;
 
+    // The stream form. False: the sink or source failed, and the last error says why.
     bool Write(IQORDataSink* sink) const noexcept {
         return sink->WriteInt32(numerator) && sink->WriteUint32(denominator);
     }
@@ -29,6 +32,7 @@ public:
         return source->ReadInt32(numerator) && source->ReadUint32(denominator);
     }
 
+    // The fields, as they were set.
     int32 numerator = 0;
     uint32 denominator = 0;
 };
@@ -42,8 +46,10 @@ public:
 class qorTimecode {
 public:
     qorTimecode() noexcept = default;
+    // Hours, minutes, seconds and frames.
     qorTimecode(uint16 h, uint16 m, uint16 s, uint16 f) noexcept : hours(h), minutes(m), seconds(s), frames(f) {}
 
+    // As the constructor of the same arguments.
     void Set(uint16 h, uint16 m, uint16 s, uint16 f) noexcept { *this = {h, m, s, f}; }
 
     bool operator==(const qorTimecode&) const noexcept = default;
@@ -117,6 +123,7 @@ public:
         Set(info.hour, info.minute, info.second, static_cast<uint16>(frame));
     }
 
+    // The stream form. False: the sink or source failed, and the last error says why.
     bool Write(IQORDataSink* sink) const noexcept {
         return sink->WriteUint16(hours) && sink->WriteUint16(minutes) && sink->WriteUint16(seconds) &&
                sink->WriteUint16(frames);
@@ -126,6 +133,7 @@ public:
                source->ReadUint16(frames);
     }
 
+    // The fields, as they were set.
     uint16 hours = 0;
     uint16 minutes = 0;
     uint16 seconds = 0;

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 
+// By the number of bits.
 using int8 = signed char;
 using uint8 = unsigned char;
 using int16 = short;

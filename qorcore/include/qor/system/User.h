@@ -18,6 +18,7 @@ public:
     // true only where the process has been given these rights (is "elevated").
     virtual bool IsSuperUser() noexcept = 0;
 
+    // The name of the account, in place of what `out` held.
     virtual void GetUserName(qorString& out) noexcept = 0;
 #if defined(_WIN32)
     // For callers that have included windows.h. A class that implements the interface does so before it includes

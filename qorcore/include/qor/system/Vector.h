@@ -7,6 +7,7 @@
 // stale after anything that grows the vector. Not thread-safe.
 class qorVector {
 public:
+    // An empty vector for elements of `chunk_size` bytes.
     explicit qorVector(unsigned chunk_size) noexcept { qor::glue::qorVector_Init(this, chunk_size); }
     qorVector(const qorVector&) = delete;
     qorVector& operator=(const qorVector&) = delete;
@@ -65,6 +66,7 @@ public:
         return qor::glue::address_behind(m_data.elements, std::size_t{index} * m_data.chunk_size);
     }
 
+    // The number of elements.
     uint32 GetCount() const noexcept { return m_data.count; }
 
     // Part of the contract: the library allocates and frees, inline members read.

@@ -41,6 +41,7 @@ class numeric_array {
 public:
     numeric_array() noexcept : m_vec(sizeof(ELEMENT)) {}
 
+    // The number of elements, and whether it is 0.
     uint32 GetCount() const noexcept { return m_vec.GetCount(); }
     bool IsEmpty() const noexcept { return GetCount() == 0; }
 
@@ -84,6 +85,7 @@ public:
             copy_run(m_vec.Insert(index, n), src, n);
     }
 
+    // The same for a span.
     void InsertAt(uint32 index, std::span<const ELEMENT> elements) {
         InsertAt(index, elements.data(), counted(elements));
     }
@@ -105,6 +107,7 @@ public:
     ELEMENT* GetDataPtr() noexcept { return reinterpret_cast<ELEMENT*>(m_vec.m_data.elements); }
     const ELEMENT* GetDataPtr() const noexcept { return reinterpret_cast<const ELEMENT*>(m_vec.m_data.elements); }
 
+    // As a range; iterators are stale as addresses are.
     ELEMENT* begin() noexcept { return GetDataPtr(); }
     ELEMENT* end() noexcept { return begin() + GetCount(); }
     const ELEMENT* begin() const noexcept { return GetDataPtr(); }

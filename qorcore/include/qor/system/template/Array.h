@@ -18,9 +18,11 @@ public:
     zetArray() noexcept : m_vec(sizeof(TYPE)) {}
     ~zetArray() { Empty(); }
 
+    // The number of elements, and whether it is 0.
     uint32 GetCount() const noexcept { return m_vec.GetCount(); }
     bool IsEmpty() const noexcept { return m_vec.GetCount() == 0; }
 
+    // Destroys the elements and frees the storage.
     void Empty() noexcept {
         destroy(0, GetCount());
         m_vec.Empty();
@@ -51,6 +53,7 @@ public:
     TYPE& operator[](uint32 index) noexcept { return *static_cast<TYPE*>(m_vec.ptr(index)); }
     const TYPE& operator[](uint32 index) const noexcept { return *static_cast<const TYPE*>(m_vec.ptr(index)); }
 
+    // A contiguous range; iterators are stale after anything that grows the array or takes elements out.
     TYPE* begin() noexcept { return reinterpret_cast<TYPE*>(m_vec.m_data.elements); }
     TYPE* end() noexcept { return begin() + GetCount(); }
     const TYPE* begin() const noexcept { return reinterpret_cast<const TYPE*>(m_vec.m_data.elements); }

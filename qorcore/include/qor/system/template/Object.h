@@ -14,9 +14,11 @@ namespace qor {
 template <class OFFERED>
 class object : public qorRefObject, public OFFERED {
 public:
+    // The object is born holding one reference.
     object(const char* type_name, const char* interface_name, const char* extended_name = root_name) noexcept
         : qorRefObject(type_name), m_names{interface_name, extended_name, root_name} {}
 
+    // As those of IQORInterface.
     void AddRef() noexcept override { qorRefObject::AddRef(); }
     void Release() noexcept override { qorRefObject::Release(); }
     int QueryInterface(const char* name, void** out) noexcept override {

@@ -23,6 +23,7 @@ template <std::size_t LENGTH>
 struct joined_text {
     char text[LENGTH + 1] = {};
 
+    // Puts the parts together.
     consteval joined_text(std::initializer_list<std::string_view> parts) {
         char* at = text;
         for (const std::string_view part : parts)
@@ -38,6 +39,7 @@ struct function_text : joined_text<SIZE - 1 + sizeof " [with TYPE = ]" - 1 + typ
         : function_text::joined_text({{signature, SIZE - 1}, " [with TYPE = ", type_name<TYPE>(), "]"}) {}
 };
 
+// The source of the assertions here.
 inline constexpr char smart_pointer_file[] = "qorcore/include/qor/system/template/SmartPointer";
 
 } // namespace qor::glue
@@ -59,6 +61,7 @@ public:
     }
     ~zetSmartPointer() { Empty(); }
 
+    // The object held. A null pointer is reported and returned all the same.
     TYPE* operator->() const noexcept {
         static constexpr auto func = make_text("TYPE* zetSmartPointer<TYPE>::operator->() const");
         if (m_ptr == nullptr) [[unlikely]]
@@ -99,6 +102,7 @@ public:
     // Gives the reference away to the caller.
     [[nodiscard]] TYPE* Detach() noexcept { return std::exchange(m_ptr, nullptr); }
 
+    // Whether no object is held.
     bool IsEmpty() const noexcept { return m_ptr == nullptr; }
 
 private:
