@@ -12,7 +12,8 @@ needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/
     "tzdata=/usr/share/zoneinfo/Europe/Berlin" "libfaketime=/usr/lib/$HOSTTYPE-linux-gnu/faketime/libfaketime.so.1"
     "xdg-user-dirs=xdg-user-dir" "systemd=systemd-path" "procps=free" "libgsasl-dev=/usr/include/gsasl.h"
     "openssl=openssl" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux" "doxygen=doxygen"
-    "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py")
+    "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py"
+    "clang-format-14=clang-format-14" "shellcheck=shellcheck")
 needs_windows=("cmake=cmake" "ninja-build=ninja" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"
     "wine64=/usr/lib/wine/wine64" "googletest=/usr/src/googletest/CMakeLists.txt" "python3=python3" "libc-devtools=mtrace"
     "openssl=openssl" "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py")
@@ -76,22 +77,23 @@ if ! may_build_in "$builds"; then
     cache=${XDG_CACHE_HOME:-${HOME:+$HOME/.cache}}
     builds=$cache/qor/build-$(cksum <<<"$tree" | tr ' ' -)
     if [[ ! -d $builds ]]; then
-        [[ $cache == /* ]] && mkdir -p "$builds" 2>/dev/null ||
+        if [[ $cache != /* ]] || ! mkdir -p "$builds" 2>/dev/null; then
             die "The user '$(id -un)' may not write to $tree/build, and has no folder of his own for the build." \
                 "Please clone the repository to a folder that you may write to, or set XDG_CACHE_HOME to such a folder."
+        fi
         say "The user '$(id -un)' may not write to $tree/build. The build goes to $builds instead."
     fi
 fi
 export QOR_BUILDS=$builds
 
-# build PRESET: configures and builds it where something has changed; silent where nothing has.
+# build PRESET [TARGET]: configures and builds it where something has changed; silent where nothing has.
 # Standard input is left alone: it belongs to what is built. Returns non-zero on failure, in words
 # instead of through `set -e`, which bash switches off in a function whose result is tested.
 build() {
     local dir=$builds/$1
     mkdir -p "$builds" || return
     # One build at a time: two terminals may well start the first one together.
-    { flock 9 && configure "$1" "$dir" && run_ninja "$dir"; } </dev/null >&2 9>"$dir.lock"
+    { flock 9 && configure "$1" "$dir" && run_ninja "$dir" "${2:-all}"; } </dev/null >&2 9>"$dir.lock"
 }
 
 # CMake regenerates by itself when a CMakeLists.txt changes, but not when a preset does. The stamp
@@ -111,5 +113,5 @@ configure() {
 # What ninja says when it has nothing to do is not worth a line in every ./run.
 run_ninja() {
     local noise=(-e '^ninja: Entering' -e '^ninja: no work' -e 'Re-checking globbed')
-    ninja -C "$1" | { grep --line-buffered -v "${noise[@]}" || true; }
+    ninja -C "$1" "$2" | { grep --line-buffered -v "${noise[@]}" || true; }
 }
