@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""The sources are formatted as .clang-format says, and shellcheck finds nothing in the shell scripts.
+
+clang-format is asked for by its version, because each version formats a little differently.
+"""
+
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+TREE = Path(__file__).resolve().parents[2]
+# Builds, and what no editor of this tree wrote.
+PASSED_OVER = {"build", ".git", "__pycache__"}
+
+
+def sources():
+    for folder, folders, names in os.walk(TREE):
+        folders[:] = sorted(set(folders) - PASSED_OVER)
+        yield from (Path(folder, name) for name in sorted(names))
+
+
+def is_shell(path):
+    """By the first line: a script has no ending here, and what others source says its shell to shellcheck."""
+    with open(path, "rb") as file:
+        first = file.readline(200)
+    return first.startswith((b"#!/usr/bin/env bash", b"#!/bin/bash", b"#!/bin/sh", b"# shellcheck shell="))
+
+
+def check(program, *words):
+    """What the program finds, as one text: empty where it finds nothing."""
+    done = subprocess.run([program, *map(str, words)], cwd=TREE, stdin=subprocess.DEVNULL, text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    return done.stdout if done.returncode == 0 else done.stdout or f"{program} ends with {done.returncode}"
+
+
+def misformatted(*paths):
+    return check("clang-format-14", "--dry-run", "-Werror", f"--style=file:{TREE}/.clang-format", *paths)
+
+
+def scripts_findings(*paths):
+    return check("shellcheck", "--external-sources", *paths)
+
+
+class Style(unittest.TestCase):
+    def test_sources_are_formatted(self):
+        paths = [path for path in sources() if path.suffix in (".cpp", ".h", ".c")]
+        self.assertGreater(len(paths), 300)
+        self.assertEqual(misformatted(*paths), "")
+
+    def test_scripts_are_clean(self):
+        paths = [path for path in sources() if path.is_file() and not path.is_symlink() and is_shell(path)]
+        names = {str(path.relative_to(TREE)) for path in paths}
+        self.assertLessEqual({"test", "run", ".ci/run", "scripts/setup.sh"}, names)
+        self.assertEqual(scripts_findings(*paths), "")
+
+    def test_what_is_wrong_is_found(self):
+        with tempfile.TemporaryDirectory() as folder:
+            source = Path(folder, "wrong.cpp")
+            source.write_text("int  main( ) { }\n")
+            self.assertIn("wrong.cpp", misformatted(source))
+            script = Path(folder, "wrong")
+            script.write_text("#!/usr/bin/env bash\necho $1\n")
+            self.assertTrue(is_shell(script))
+            self.assertIn("SC2086", scripts_findings(script))
+
+
+if __name__ == "__main__":
+    sys.exit(unittest.main())
