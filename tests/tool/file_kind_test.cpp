@@ -11,15 +11,15 @@ using namespace qor::heap;
 
 using namespace std::string_literals;
 
-file_kind kind_of(const std::string& text) { return looks_of(text).kind; }
+file_kind kind_of(const std::string& text) { return guess_file_kind(text).kind; }
 
 TEST(file_kinds, signatures) {
-    EXPECT_EQ(looks_of("\x7f"
-                       "ELF\2\1\1\0"s),
-              (looks{file_kind::elf}));
+    EXPECT_EQ(guess_file_kind("\x7f"
+                              "ELF\2\1\1\0"s),
+              (file_guess{file_kind::elf}));
     const struct {
         std::string begin;
-        std::string program;
+        std::string compressor;
     } compressed[] = {{"\x1f\x8b\b\0"s, "gzip"},
                       {"\x28\xb5\x2f\xfd\4"s, "zstd"},
                       {"\xfd"
@@ -28,11 +28,11 @@ TEST(file_kinds, signatures) {
                       {"BZh91AY"s, "bzip2"}};
     for (const auto& each : compressed) {
         EXPECT_EQ(kind_of(each.begin), file_kind::compressed);
-        EXPECT_EQ(looks_of(each.begin).program, each.program);
-        EXPECT_TRUE(begins_another_file(each.begin));
-        EXPECT_FALSE(begins_another_file(each.begin.substr(1)));
-        EXPECT_FALSE(begins_another_file(" " + each.begin));
-        EXPECT_FALSE(begins_another_file(each.begin.substr(0, 1)));
+        EXPECT_EQ(guess_file_kind(each.begin).compressor, each.compressor);
+        EXPECT_TRUE(has_foreign_signature(each.begin));
+        EXPECT_FALSE(has_foreign_signature(each.begin.substr(1)));
+        EXPECT_FALSE(has_foreign_signature(" " + each.begin));
+        EXPECT_FALSE(has_foreign_signature(each.begin.substr(0, 1)));
     }
     EXPECT_EQ(kind_of("\xff\xfe@\0 \0"s), file_kind::utf_16);
     EXPECT_EQ(kind_of("\xfe\xff\0@\0 "s), file_kind::utf_16);

@@ -15,7 +15,7 @@ using namespace std::string_view_literals;
 
 struct signature {
     std::string_view bytes;
-    looks what;
+    file_guess what;
 };
 
 constexpr signature signatures[] = {
@@ -69,7 +69,7 @@ bool is_memcheck_line(std::string_view line) {
     return letter == "T" || ((letter == "A" || letter == "F") && next[0] >= '0' && next[0] <= '9');
 }
 
-looks looks_of_text(std::string_view beginning) {
+file_guess guess_text_kind(std::string_view beginning) {
     // As the words of a log are read: behind every line an end, and behind that padding.
     std::string run(beginning);
     run += '\n';
@@ -91,13 +91,13 @@ looks looks_of_text(std::string_view beginning) {
 
 } // namespace
 
-bool begins_another_file(std::string_view beginning) noexcept { return find_signature(beginning) != nullptr; }
+bool has_foreign_signature(std::string_view beginning) noexcept { return find_signature(beginning) != nullptr; }
 
-looks looks_of(std::string_view beginning) {
+file_guess guess_file_kind(std::string_view beginning) {
     if (const signature* const found = find_signature(beginning))
         return found->what;
     if (std::all_of(beginning.begin(), beginning.end(), is_text))
-        return looks_of_text(beginning);
+        return guess_text_kind(beginning);
     const auto is_nothing = [](char c) { return c == '\0' || log_fields::is_space(c); };
     return {std::all_of(beginning.begin(), beginning.end(), is_nothing) ? file_kind::zero_bytes : file_kind::binary};
 }

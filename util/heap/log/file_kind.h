@@ -7,30 +7,29 @@
 
 namespace qor::heap {
 
-// Each value is the number of the message that names the kind; `compressed` takes the program as an insert.
-enum class file_kind : uint32 {
-    mtrace_log = 94,
-    memcheck_log = 95,
-    elf = 97,
-    compressed = 98,
-    html = 99,
-    utf_16 = 100,
-    binary = 101,
-    zero_bytes = 102,
-    blank_lines = 103,
-    text = 104,
+enum class file_kind : uint8 {
+    mtrace_log,
+    memcheck_log,
+    elf,
+    compressed,
+    html,
+    utf_16,
+    binary,
+    zero_bytes,
+    blank_lines,
+    text,
 };
 
-struct looks {
+struct file_guess {
     file_kind kind;
-    const char* program = nullptr; // that has compressed it
-    bool operator==(const looks&) const = default;
+    const char* compressor = nullptr; // the program that compressed the file
+    bool operator==(const file_guess&) const = default;
 };
 
-// True: this is a file of which a log cannot be part, such as a program, whatever its lines begin with.
-bool begins_another_file(std::string_view beginning) noexcept;
+// True: the file begins like one that cannot be a log, such as a program, whatever its lines look like.
+bool has_foreign_signature(std::string_view beginning) noexcept;
 
-// A guess, and never anything that the file says of itself: its bytes are not for a terminal.
-looks looks_of(std::string_view beginning);
+// A guess. It contains no bytes of the file, which may not be fit for a terminal.
+file_guess guess_file_kind(std::string_view beginning);
 
 } // namespace qor::heap

@@ -163,7 +163,7 @@ private:
         const char* const end = m_batch->text + m_batch->end;
         m_beginning.append(
             next, std::min<std::size_t>(longest_beginning - m_beginning.size(), static_cast<std::size_t>(end - next)));
-        if (begins_another_file(m_beginning))
+        if (has_foreign_signature(m_beginning))
             return;
         for (std::string_view line; !m_has_form && log_fields::next_line(next, end, line);)
             m_has_form = LINE::has_form(line);

@@ -12,7 +12,35 @@ constexpr uint32 no_memcheck_log = 93;
 constexpr uint32 memcheck_log_in_first_place = 96;
 constexpr uint32 read_in_part = 105;
 
-// What the replay has said comes before these lines, and "Done" behind them, where both streams end in one place.
+// The message that names what a file is. That of compressed files takes the program that made them.
+uint32 name_of(qor::heap::file_kind kind) noexcept {
+    using enum qor::heap::file_kind;
+    switch (kind) {
+    case mtrace_log:
+        return 94;
+    case memcheck_log:
+        return 95;
+    case elf:
+        return 97;
+    case compressed:
+        return 98;
+    case html:
+        return 99;
+    case utf_16:
+        return 100;
+    case zero_bytes:
+        return 102;
+    case blank_lines:
+        return 103;
+    case text:
+        return 104;
+    case binary:
+        break;
+    }
+    return 101;
+}
+
+// Where both streams end in one place, these lines come behind the replay's and before "Done".
 template <class... INSERTS>
 void warn(uint32 message, const INSERTS&... inserts) {
     std::fflush(stdout);
@@ -20,20 +48,20 @@ void warn(uint32 message, const INSERTS&... inserts) {
     std::fflush(stderr);
 }
 
-// To the replay a log ends where it cannot be read; leaks and bad frees may then be none.
+// The replay takes a log that cannot be read further for one that ends there, so some findings may be wrong.
 void warn_of_unread_rest(const qorString& failure) {
     if (!failure.IsEmpty())
         warn(read_in_part, failure);
 }
 
-// What was found in such a log means nothing.
+// Findings in such a log mean nothing.
 void warn_of_foreign_log(uint32 message, const char* path, std::string_view beginning, bool is_first_of_two) {
     if (beginning.empty())
         return;
-    const qor::heap::looks found = qor::heap::looks_of(beginning);
+    const qor::heap::file_guess found = qor::heap::guess_file_kind(beginning);
     const bool are_swapped = is_first_of_two && found.kind == qor::heap::file_kind::memcheck_log;
     qorString name;
-    name.Format("qortool", are_swapped ? memcheck_log_in_first_place : static_cast<uint32>(found.kind), found.program);
+    name.Format("qortool", are_swapped ? memcheck_log_in_first_place : name_of(found.kind), found.compressor);
     warn(message, path, name);
 }
 
