@@ -31,8 +31,8 @@ bool print_digest(const char* algorithm, const char* path) {
     uint8_Array digest;
     if (!qorCreateDigestEngine(algorithm, engine.Out()) || !add_file(*engine, path) || !engine->GetDigest(digest))
         return false;
-    for (uint32 i = 0; i < digest.GetCount(); ++i)
-        std::printf("%02x", *digest.GetElementPtr(i));
+    for (const uint8 byte : digest)
+        std::printf("%02x", byte);
     std::printf("  %s\n", path);
     return true;
 }

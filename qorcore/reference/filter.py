@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Doxygen's view of a header: prints the file with its plain comments as Doxygen wants them.
 
-A comment that stands alone on its lines is about the declaration below it, and about those that follow without a blank line
-or another comment between; one behind a declaration is about that. Copying, moving and destroying are as C++ programmers
-know them and left out."""
+A comment that stands alone on its lines is about the declaration below it, and about those that follow without a blank
+line or another comment between; one behind a declaration is about that. Copying, moving and destroying are as C++
+programmers know them and left out."""
 
 import re
 import sys

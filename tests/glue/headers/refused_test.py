@@ -15,8 +15,8 @@ def main():
     parser.add_argument("--compiler", required=True)
     parser.add_argument("--include", required=True)
     options = parser.parse_args()
-    run = subprocess.run([options.compiler, "-std=c++20", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", "-fno-diagnostics-color",
-                          "-I", options.include, SOURCE], text=True, capture_output=True)
+    run = subprocess.run([options.compiler, "-std=c++20", "-Wall", "-Wextra", "-Werror", "-fsyntax-only",
+                          "-fno-diagnostics-color", "-I", options.include, SOURCE], text=True, capture_output=True)
     errors = {}
     for line, text in re.findall(r"refused\.cpp:(\d+):\d+: error: (.*)", run.stderr):
         errors.setdefault(int(line), []).append(text)

@@ -8,8 +8,8 @@ import sys
 
 def first_error(compiler, include, header):
     """The compiler's first line of an error, or None where it takes the header."""
-    run = subprocess.run([compiler, "-std=c++17", "-fmax-errors=1", "-fsyntax-only", "-I", include, "-x", "c++", "-"], text=True,
-                         input=f'#include "{header}"\n', capture_output=True)
+    run = subprocess.run([compiler, "-std=c++17", "-fmax-errors=1", "-fsyntax-only", "-I", include, "-x", "c++", "-"],
+                         text=True, input=f'#include "{header}"\n', capture_output=True)
     if run.returncode == 0:
         return None
     return next((line for line in run.stderr.splitlines() if "error:" in line), run.stderr)
