@@ -57,7 +57,8 @@ bool qor::catalog::set_languages(std::string_view list, std::string& why) {
         return true;
     const std::string name(refused);
     const char* const inserts[max_inserts] = {name.c_str()};
-    why = expand(find(framework::catalog, name.empty() ? framework::no_language : framework::bad_language_name), inserts);
+    why =
+        expand(find(framework::catalog, name.empty() ? framework::no_language : framework::bad_language_name), inserts);
     return false;
 }
 

@@ -3,8 +3,8 @@
 #include "failure.h"
 #include "message_names.h"
 #include "qortool_app.h"
-#include "user_report.h"
 #include "secret_arguments.h"
+#include "user_report.h"
 
 namespace message = qor::messages::tool;
 
