@@ -6,19 +6,8 @@
 #include <filesystem>
 #include <thread>
 
-using qor::test::read_file;
-using qor::test::flood::all_bodies;
-using qor::test::flood::bodies;
-using qor::test::flood::code;
-using qor::test::flood::expected;
-using qor::test::flood::lines;
-using qor::test::flood::play;
-using qor::test::flood::rests;
-using qor::test::flood::scene;
-using qor::test::flood::start;
-using qor::test::flood::trace;
-using qor::test::flood::trace_flood;
-using qor::test::flood::words;
+using namespace qor::test;
+using namespace qor::test::flood;
 
 namespace {
 

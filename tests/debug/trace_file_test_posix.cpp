@@ -7,20 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-using qor::test::ending;
-using qor::test::read_file;
-using qor::test::temp_folder;
-using qor::test::flood::all_bodies;
-using qor::test::flood::bodies;
-using qor::test::flood::expected;
-using qor::test::flood::lines;
-using qor::test::flood::play;
-using qor::test::flood::rests;
-using qor::test::flood::scene;
-using qor::test::flood::start;
-using qor::test::flood::trace;
-using qor::test::flood::trace_flood;
-using qor::test::flood::words;
+using namespace qor::test;
+using namespace qor::test::flood;
 
 namespace {
 

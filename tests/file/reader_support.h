@@ -5,6 +5,8 @@
 #include "support/scenes.h"
 #include "support/temp_folder.h"
 
+#include <gtest/gtest.h>
+
 namespace qor::test {
 
 using reader_pointer = zetSmartPointer<IQORSimpleFileReader>;
@@ -30,5 +32,11 @@ inline words read_all(IQORSimpleFileReader* reader) {
         lines.push_back(view(line));
     return lines;
 }
+
+// The tests of the line reader, each with a folder of its own.
+class reader_test : public testing::Test {
+protected:
+    const temp_folder m_folder;
+};
 
 } // namespace qor::test

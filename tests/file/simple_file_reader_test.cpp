@@ -10,13 +10,7 @@
 
 namespace {
 
-using qor::test::last_error;
-using qor::test::make_reader;
-using qor::test::read_all;
-using qor::test::reader_pointer;
-using qor::test::temp_folder;
-using qor::test::view;
-using qor::test::words;
+using namespace qor::test;
 
 constexpr std::size_t block = 256 * 1024; // the reader's own
 
@@ -34,7 +28,7 @@ words split(const std::string& bytes) {
     return lines;
 }
 
-class simple_file_reader : public testing::Test {
+class simple_file_reader : public qor::test::reader_test {
 protected:
     simple_file_reader() {
         std::string why;
@@ -47,8 +41,6 @@ protected:
         EXPECT_TRUE(reader->Open(m_folder.file("text", bytes).c_str(), 0));
         return read_all(*reader);
     }
-
-    const temp_folder m_folder;
 };
 
 } // namespace

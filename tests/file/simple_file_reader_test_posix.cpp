@@ -12,17 +12,9 @@
 
 namespace {
 
-using qor::test::last_error;
-using qor::test::make_reader;
-using qor::test::read_all;
-using qor::test::reader_pointer;
-using qor::test::view;
-using qor::test::words;
+using namespace qor::test;
 
-class posix_file_reader : public testing::Test {
-protected:
-    const qor::test::temp_folder m_folder;
-};
+class posix_file_reader : public qor::test::reader_test {};
 
 } // namespace
 

@@ -13,17 +13,9 @@
 
 namespace {
 
-using qor::test::last_error;
-using qor::test::make_reader;
-using qor::test::read_all;
-using qor::test::reader_pointer;
-using qor::test::view;
-using qor::test::words;
+using namespace qor::test;
 
-class windows_file_reader : public testing::Test {
-protected:
-    const qor::test::temp_folder m_folder;
-};
+class windows_file_reader : public qor::test::reader_test {};
 
 // One that lets nobody else have the file; INVALID_HANDLE_VALUE where somebody has it already.
 HANDLE open_alone(const std::string& path) {
