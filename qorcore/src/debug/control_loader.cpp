@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr char source[] = "qorcore/src/debug/debug_control";
+constexpr char source[] = "qorcore/src/debug/control_loader";
 constexpr char module_name[] = "qor-openssl";
 
 // What a client gets where the module cannot be used: it goes on failing with the reason, so that no client has to

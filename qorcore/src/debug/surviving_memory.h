@@ -14,7 +14,7 @@ public:
     surviving_memory(const surviving_memory&) = delete;
     surviving_memory& operator=(const surviving_memory&) = delete;
 
-    // A new file of zeros, with all the room on the disk that it needs. 0, or the system's error code; a file
+    // A new file of zeros, with all its space on the disk. 0, or the system's error code; a file
     // that is there already stays as it is.
     int open(const std::string& path) noexcept;
     bool is_open() const noexcept { return m_bytes != nullptr; }
@@ -27,6 +27,10 @@ public:
     void leave() noexcept;
 
 private:
+    // ---- for each system
+    void unmap() noexcept;
+    void remove_file() noexcept;
+
     char* m_bytes = nullptr;
     std::string m_path;
 };

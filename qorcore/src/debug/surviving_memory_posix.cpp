@@ -15,7 +15,7 @@ int qor::debug::surviving_memory::open(const std::string& path) noexcept {
     const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (file < 0)
         return errno;
-    // Without its room, a store into the mapping would end the process when the disk is full.
+    // Without its space on the disk, a store into the mapping would end the process when the disk is full.
     int reason = posix_fallocate(file, 0, size);
     if (reason == 0) {
         void* const mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
@@ -32,18 +32,8 @@ int qor::debug::surviving_memory::open(const std::string& path) noexcept {
     return reason;
 }
 
-void qor::debug::surviving_memory::close() noexcept {
-    if (!is_open())
-        return;
-    unlink(m_path.c_str());
-    leave();
-}
-
-void qor::debug::surviving_memory::leave() noexcept {
-    if (is_open())
-        munmap(m_bytes, size);
-    m_bytes = nullptr;
-}
+void qor::debug::surviving_memory::unmap() noexcept { munmap(m_bytes, size); }
+void qor::debug::surviving_memory::remove_file() noexcept { unlink(m_path.c_str()); }
 
 std::string qor::debug::full_name_on_disk(const char* path) noexcept {
     struct stat status;

@@ -31,20 +31,12 @@ int qor::debug::surviving_memory::open(const std::string& path) noexcept {
     return reason;
 }
 
-// A file that is mapped cannot be deleted here.
-void qor::debug::surviving_memory::close() noexcept {
-    if (!is_open())
-        return;
-    leave();
+void qor::debug::surviving_memory::unmap() noexcept { UnmapViewOfFile(m_bytes); }
+
+void qor::debug::surviving_memory::remove_file() noexcept {
     std::wstring wide;
     if (platform::to_wide(m_path, wide))
         DeleteFileW(wide.c_str());
-}
-
-void qor::debug::surviving_memory::leave() noexcept {
-    if (is_open())
-        UnmapViewOfFile(m_bytes);
-    m_bytes = nullptr;
 }
 
 std::string qor::debug::full_name_on_disk(const char* path) noexcept {

@@ -1,0 +1,15 @@
+#include "debug/surviving_memory.h"
+
+// Windows deletes no file that is mapped.
+void qor::debug::surviving_memory::close() noexcept {
+    if (!is_open())
+        return;
+    leave();
+    remove_file();
+}
+
+void qor::debug::surviving_memory::leave() noexcept {
+    if (is_open())
+        unmap();
+    m_bytes = nullptr;
+}
