@@ -158,4 +158,24 @@ inline void assert_failed(const char* expr, const char* func, const char* file, 
         qorAssertFailed(expr, func, file, line);
 }
 
+#ifndef QOR_INSIDE
+
+inline constexpr char bind_function[] = "const qor::glue::binding_table* qor::glue::bind()";
+
+// The end of bind() on every platform: checks the library's table, stores it and returns it. Where the table cannot be
+// used, `end` ends the process; it is told whether operations are missing.
+template <class END>
+const binding_table* store_table(const binding_table* funcs, END end) noexcept {
+    if (funcs == nullptr) {
+        assert_failed("s_funcs != NULL", bind_function, impl_file, 99);
+        end(false);
+    } else if (!is_sufficient(*funcs)) {
+        end(true);
+    }
+    s_funcs.store(funcs, std::memory_order_release);
+    return funcs;
+}
+
+#endif
+
 } // namespace qor::glue

@@ -37,8 +37,6 @@ inline bool get_own_path(own_path& path) noexcept {
 
 #ifndef QOR_INSIDE
 
-inline constexpr char bind_function[] = "const qor::glue::binding_table* qor::glue::bind()";
-
 // The debugger channel of a POSIX system is the system log: a failed binding never writes to the console, unless
 // the host itself has asked for that with openlog.
 inline void debugger_message(const char* text) noexcept {
@@ -117,17 +115,11 @@ inline void* load_by_name() noexcept {
         assert_failed("false", bind_function, impl_file, 92);
         end_process();
     }
-    const binding_table* const funcs = entry();
-    if (funcs == nullptr) {
-        assert_failed("s_funcs != NULL", bind_function, impl_file, 99);
+    return store_table(entry(), [](bool is_incomplete) {
+        if (is_incomplete)
+            debugger_message("FAILED libqor.so lacks operations that this program needs\n");
         end_process();
-    }
-    if (!is_sufficient(*funcs)) {
-        debugger_message("FAILED libqor.so lacks operations that this program needs\n");
-        end_process();
-    }
-    s_funcs.store(funcs, std::memory_order_release);
-    return funcs;
+    });
 }
 
 #endif

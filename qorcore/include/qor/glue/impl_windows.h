@@ -81,8 +81,6 @@ inline bool is_function(const void* entry) noexcept {
 
 #ifndef QOR_INSIDE
 
-inline constexpr char bind_function[] = "const qor::glue::binding_table* qor::glue::bind()";
-
 // The module in whose folder libqor is looked for; null is the executable.
 inline constinit HINSTANCE__* s_hinst = nullptr;
 
@@ -143,17 +141,11 @@ inline HINSTANCE__* load_library() noexcept {
         assert_failed("false", bind_function, impl_file, 92);
         end_process();
     }
-    const binding_table* const funcs = entry();
-    if (funcs == nullptr) {
-        assert_failed("s_funcs != NULL", bind_function, impl_file, 99);
+    return store_table(entry(), [](bool is_incomplete) {
+        if (is_incomplete)
+            debugger_message(L"FAILED libqor.dll lacks operations that this program needs\n");
         end_process();
-    }
-    if (!is_sufficient(*funcs)) {
-        debugger_message(L"FAILED libqor.dll lacks operations that this program needs\n");
-        end_process();
-    }
-    s_funcs.store(funcs, std::memory_order_release);
-    return funcs;
+    });
 }
 
 // A system text as UTF-8; what is no character becomes a replacement.
