@@ -2,6 +2,7 @@
 #include "qor/glue/module.h"
 #include "channel/control_client.h"
 #include "channel/debug_listener.h"
+#include "common/hand_out.h"
 #include "digest/digest_engine.h"
 #include "login/debug_users.h"
 #include "password/passwords.h"
@@ -12,15 +13,7 @@
 
 namespace {
 
-// What a maker of one interface makes, as the table speaks of it.
-template <class INTERFACE, class MAKER>
-bool hand_out(MAKER make, void** out) noexcept {
-    INTERFACE* object = nullptr;
-    if (!make(&object))
-        return false;
-    *out = object;
-    return true;
-}
+using qor::modules::hand_out;
 
 bool create_object(const char* interface_name, const char* kind, void** out) noexcept {
     const std::string_view wanted = interface_name;

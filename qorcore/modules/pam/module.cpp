@@ -1,6 +1,7 @@
 // The module qor-pam: what libqor does with PAM.
 #include "qor/glue/module.h"
 #include "authenticator.h"
+#include "common/hand_out.h"
 
 #include <cstring>
 
@@ -11,11 +12,7 @@ bool create_object(const char* interface_name, const char* kind, void** out) noe
         qorSetLastError(qorError_not_supported);
         return false;
     }
-    IQORAuthenticator* authenticator = nullptr;
-    if (!create_authenticator(&authenticator))
-        return false;
-    *out = authenticator;
-    return true;
+    return qor::modules::hand_out<IQORAuthenticator>(create_authenticator, out);
 }
 
 constexpr qor::glue::module_table table = {&create_object};

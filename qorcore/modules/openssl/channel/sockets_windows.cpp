@@ -2,6 +2,7 @@
 
 #include "common/system_reason.h"
 #include "qor/system/Memory.h"
+#include "socket_lookup.h"
 
 #include <winsock2.h> // before windows.h
 #include <ws2tcpip.h>
@@ -98,15 +99,10 @@ int qor::sockets::resolve(const char* host, uint16 port, bool to_listen, std::ve
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = to_listen ? AI_PASSIVE : 0;
-    addrinfo* found = nullptr;
-    if (const int failed = getaddrinfo(host, std::to_string(port).c_str(), &hints, &found)) {
+    const int failed = look_up(host, port, hints, getaddrinfo, freeaddrinfo, out);
+    if (failed != 0)
         reason = modules::system_reason(failed);
-        return failed;
-    }
-    for (const addrinfo* each = found; each != nullptr; each = each->ai_next)
-        out.emplace_back(each->ai_addr, each->ai_addrlen);
-    freeaddrinfo(found);
-    return 0;
+    return failed;
 }
 
 int qor::sockets::listen_at(const endpoint& at, socket& out) {

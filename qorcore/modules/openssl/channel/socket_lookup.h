@@ -1,0 +1,20 @@
+// Inside the seam to sockets: hosts by name. Each platform brings its types and functions.
+#pragma once
+
+#include "sockets.h"
+
+namespace qor::sockets {
+
+// Adds the endpoints of a host that `get` finds by `hints`. 0, or the code of `get`.
+template <class INFO, class GET, class FREE>
+int look_up(const char* host, uint16 port, const INFO& hints, GET get, FREE free, std::vector<endpoint>& out) {
+    INFO* found = nullptr;
+    if (const int failed = get(host, std::to_string(port).c_str(), &hints, &found))
+        return failed;
+    for (const INFO* each = found; each != nullptr; each = each->ai_next)
+        out.emplace_back(each->ai_addr, each->ai_addrlen);
+    free(found);
+    return 0;
+}
+
+} // namespace qor::sockets
