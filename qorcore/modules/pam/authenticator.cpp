@@ -1,6 +1,7 @@
 #include "authenticator.h"
 
 #include "common/guarded.h"
+#include "message_names.h"
 #include "qor/glue/regular_file_posix.h"
 
 #include <security/pam_appl.h>
@@ -16,6 +17,8 @@
 #include <string>
 #include <unistd.h>
 #include <vector>
+
+namespace framework = qor::messages::framework;
 
 namespace {
 
@@ -43,7 +46,7 @@ bool is_file(const char* path, const struct stat& status) noexcept {
     if (qor::glue::reason_against(status) == 0)
         return true;
     qorString fault;
-    fault.LoadString("qorcore", 1052);
+    fault.LoadString(framework::catalog, framework::not_a_plain_file);
     qorSetLastError(qorError_cannot_read_file, path, fault.Text());
     return false;
 }

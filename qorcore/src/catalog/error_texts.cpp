@@ -2,11 +2,14 @@
 #include "catalog/catalog.h"
 #include "error/error_state.h"
 #include "memory/allocator.h"
+#include "message_names.h"
 #include "platform/own_process.h"
 #include "qor/system/template/Object.h"
 
 #include <algorithm>
 #include <iterator>
+
+namespace framework = qor::messages::framework;
 
 namespace {
 
@@ -44,7 +47,7 @@ public:
     }
 
     void Report() noexcept override {
-        fputmsg(stderr, "qorcore", 1020, qor::platform::name(), text_of(m_error).c_str());
+        fputmsg(stderr, framework::catalog, framework::error_report, qor::platform::name(), text_of(m_error).c_str());
     }
 
     const qor::error::state& error() const noexcept { return m_error; }

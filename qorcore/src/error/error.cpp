@@ -8,6 +8,8 @@
 #include <iterator>
 #include <utility>
 
+namespace framework = qor::messages::framework;
+
 namespace {
 
 struct definition {

@@ -2,10 +2,13 @@
 
 #include "catalog/catalog.h"
 #include "error/error.h"
+#include "message_names.h"
 #include "platform/own_process.h"
 #include "string/file_names.h"
 
 #include <iterator>
+
+namespace framework = qor::messages::framework;
 
 namespace {
 
@@ -48,7 +51,7 @@ static_assert(std::size(tags) == qorFolderCount);
 std::string own_path(qorFolderId id, const std::string& found) {
     std::string path = qor::folder::clean(found);
     if (path.empty())
-        qor::folder::fail(id, 1037);
+        qor::folder::fail(id, framework::no_program_path);
     return path;
 }
 
@@ -82,7 +85,7 @@ const char* checked_tag(qorFolderId id) {
 const char* qor::folder::tag(qorFolderId id) noexcept { return id < std::size(tags) ? tags[id] : nullptr; }
 
 void qor::folder::fail(qorFolderId id, uint32 reason) {
-    const std::string text(catalog::find("qorcore", reason));
+    const std::string text(catalog::find(framework::catalog, reason));
     error::set(qorError_no_such_folder, {tag(id), text.c_str()});
 }
 

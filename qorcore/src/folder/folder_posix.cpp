@@ -4,6 +4,7 @@
 
 #include "folder/user_dirs.h"
 #include "memory/allocator.h"
+#include "message_names.h"
 #include "platform/own_process.h"
 
 #include <cerrno>
@@ -15,6 +16,8 @@
 #include <pwd.h>
 #include <unistd.h>
 #include <vector>
+
+namespace framework = qor::messages::framework;
 
 namespace {
 
@@ -164,7 +167,7 @@ std::string find(qorFolderId id) {
 std::string qor::folder::system_path(qorFolderId id) {
     std::string path = find(id);
     if (path.empty())
-        fail(id, id == qorFolder_user_runtime ? 1035 : 1036);
+        fail(id, id == qorFolder_user_runtime ? framework::no_runtime_folder : framework::no_home_folder);
     return path;
 }
 

@@ -3,12 +3,15 @@
 #include "catalog/catalog.h"
 #include "error/error.h"
 #include "glue/own_table.h"
+#include "message_names.h"
 #include "platform/raw_file.h"
 #include "platform/resources.h"
 #include "qor/glue/module.h"
 
 #include <map>
 #include <mutex>
+
+namespace framework = qor::messages::framework;
 
 namespace {
 
@@ -23,8 +26,9 @@ bool is_usable(const std::string& path) {
     if (raw_file::is_missing(code))
         qor::error::set(qorError_module_missing, {path.c_str()});
     else if (code == raw_file::not_regular)
-        qor::error::set(qorError_module_damaged,
-                        {path.c_str(), std::string(qor::catalog::find("qorcore", 1052)).c_str()});
+        qor::error::set(
+            qorError_module_damaged,
+            {path.c_str(), std::string(qor::catalog::find(framework::catalog, framework::not_a_plain_file)).c_str()});
     else if (code != 0)
         qor::error::set_with_reason(qorError_module_damaged, path.c_str(), code);
     return code == 0;

@@ -1,15 +1,18 @@
 #include "catalog/catalog.h"
+#include "message_names.h"
 #include "module/module.h"
 #include "qor/glue/impl_posix.h"
 
 #include <dlfcn.h>
+
+namespace framework = qor::messages::framework;
 
 const char* const qor::module::file_extension = ".so";
 
 // RTLD_NOW: what it needs and nobody has is missed here, not later. RTLD_LOCAL: what it brings stays its own.
 void* qor::module::load_library(const std::string& path, std::string& reason) {
     if (!glue::is_whole(path.c_str())) {
-        reason = catalog::find("qorcore", 1040);
+        reason = catalog::find(framework::catalog, framework::not_a_library);
         return nullptr;
     }
     void* const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);

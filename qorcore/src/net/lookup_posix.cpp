@@ -2,6 +2,7 @@
 
 #include "catalog/catalog.h"
 #include "error/error.h"
+#include "message_names.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,6 +14,8 @@
 #include <netinet/in.h>
 #include <optional>
 #include <string_view>
+
+namespace framework = qor::messages::framework;
 
 namespace {
 
@@ -77,7 +80,8 @@ qor::net::lookup_failure failure_of(int result, int system_code) {
     case EAI_MEMORY:
         return {qorError_out_of_memory, {}};
     case EAI_IDN_ENCODE:
-        return other(qor::catalog::find("qorcore", has_libidn2() ? 1080 : 1081));
+        return other(qor::catalog::find(framework::catalog,
+                                        has_libidn2() ? framework::bad_international_name : framework::no_libidn2));
     case EAI_SYSTEM:
         return other(qor::error::system_reason(system_code));
     default:

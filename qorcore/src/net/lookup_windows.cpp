@@ -2,12 +2,15 @@
 
 #include "catalog/catalog.h"
 #include "error/error.h"
+#include "message_names.h"
 #include "platform/wide_windows.h"
 
 #include <winsock2.h>
 // Behind winsock2.h, which windows.h would otherwise bring in its first version.
 #include "platform/system_library_windows.h"
 #include <ws2tcpip.h>
+
+namespace framework = qor::messages::framework;
 
 namespace {
 
@@ -60,7 +63,8 @@ bool qor::net::resolve(const char* name, names which, std::vector<qorHostAddress
     }
     std::wstring wide;
     if (!platform::to_wide(name, wide)) {
-        failure = {qorError_lookup_failed, std::string(catalog::find("qorcore", 1080))};
+        failure = {qorError_lookup_failed,
+                   std::string(catalog::find(framework::catalog, framework::bad_international_name))};
         return false;
     }
     ADDRINFOW hints{};

@@ -5,12 +5,15 @@
 #include "debug/trace_output.h"
 #include "error/error.h"
 #include "memory/tracking.h"
+#include "message_names.h"
 #include "platform/own_process.h"
 
 #include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
+
+namespace framework = qor::messages::framework;
 
 namespace {
 
@@ -147,12 +150,12 @@ bool claim(const char* variable, std::string& value) {
 } // namespace
 
 const qor::process::option_help qor::process::option_helps[] = {
-    {1001, 1002}, // --qor-debug
-    {1003, 1004}, // --qor-debug-file
-    {1005, 1006}, // --qor-memcheck
-    {1065, 1066}, // --qor-debug-listen
-    {1067, 1068}, // --qor-debug-users
-    {1007, 1008}, // --qor-language
+    {framework::debug_syntax, framework::debug_description},
+    {framework::debug_file_syntax, framework::debug_file_description},
+    {framework::memcheck_syntax, framework::memcheck_description},
+    {framework::debug_listen_syntax, framework::debug_listen_description},
+    {framework::debug_users_syntax, framework::debug_users_description},
+    {framework::language_syntax, framework::language_description},
 };
 
 bool qor::process::apply_framework_options(qorStringArray& args) {

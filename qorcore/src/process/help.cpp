@@ -1,9 +1,12 @@
 // The two columns of a help text.
+#include "message_names.h"
 #include "process/framework_options.h"
 #include "stream/text_output.h"
 
 #include <algorithm>
 #include <string>
+
+namespace framework = qor::messages::framework;
 
 namespace {
 
@@ -35,7 +38,7 @@ void qor::glue::qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 
 }
 
 void qor::glue::qorWriteToolkitHelp(std::FILE* stream) noexcept {
-    ::fputmsg(stream, "qorcore", 1000, true);
+    ::fputmsg(stream, framework::catalog, framework::options_heading, true);
     for (const qor::process::option_help& each : qor::process::option_helps)
-        ::qorWriteHelpLine(stream, "qorcore", each.syntax, each.description);
+        ::qorWriteHelpLine(stream, framework::catalog, each.syntax, each.description);
 }

@@ -6,10 +6,13 @@
 #include "login/accounts.h"
 #include "login/known_hosts.h"
 #include "login/scram_client.h"
+#include "message_names.h"
 
 #include <cstring>
 #include <mutex>
 #include <system_error>
+
+namespace framework = qor::messages::framework;
 
 using namespace std::chrono_literals;
 
@@ -256,7 +259,7 @@ private:
         const qor::crypto::wiped_later of_last(last); // guesses at the password can be tried against it
         if (!login.final(answer.payload, last)) {
             leave(to);
-            qorSetLastError(qorError_debug_protocol, qor::control::reason_text(1076).c_str());
+            qorSetLastError(qorError_debug_protocol, qor::control::reason_text(framework::unsafe_login).c_str());
             return false;
         }
         if (!to->ask(frame_type::login_final, last, login_time, answer))
@@ -287,8 +290,10 @@ private:
 
     // Anybody can refuse, and collect what is typed again: the user has to know where he stands.
     static bool login_refused(const qor::control::link& by, const frame& answer) {
-        const std::string doubt =
-            by.is_proved() ? "" : qor::control::reason_text(1062, qor::control::text_of(by.peer_key()).c_str());
+        const std::string doubt = by.is_proved()
+                                      ? ""
+                                      : qor::control::reason_text(framework::listener_not_proved,
+                                                                  qor::control::text_of(by.peer_key()).c_str());
         qorSetLastError(is_no_room(answer) ? qorError_debug_sessions_full : qorError_credentials_refused,
                         doubt.c_str());
         return false;

@@ -1,9 +1,12 @@
 #include "debug_link.h"
 
 #include "common/system_reason.h"
+#include "message_names.h"
 #include "support/primitives.h"
 
 #include <algorithm>
+
+namespace framework = qor::messages::framework;
 
 using namespace std::chrono_literals;
 
@@ -24,7 +27,7 @@ bool qor::control::failure::set() const noexcept {
 
 std::string qor::control::reason_text(uint32 number, const char* insert) {
     qorString text;
-    text.Format("qorcore", number, insert);
+    text.Format(framework::catalog, number, insert);
     return text.Text();
 }
 
@@ -56,7 +59,7 @@ void qor::control::link::run() {
 
 bool qor::control::link::turn() {
     if (!flush())
-        return lose_to_peer(reason_text(1071));
+        return lose_to_peer(reason_text(framework::peer_closed_connection));
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(next_look() - clock::now()).count();
     sockets::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_socket, true, !m_channel.outgoing().empty()}};
     if (!sockets::wait(watched, static_cast<int>(std::max<long long>(0, left))))
@@ -98,12 +101,13 @@ qor::control::link::clock::time_point qor::control::link::next_look() const noex
 
 bool qor::control::link::look_at_clock(clock::time_point now) {
     if (!m_open)
-        return now < m_begun + handshake_time || lose_in_handshake(qorError_debug_cannot_connect, reason_text(1070));
+        return now < m_begun + handshake_time ||
+               lose_in_handshake(qorError_debug_cannot_connect, reason_text(framework::peer_does_not_answer));
     if (now >= m_heard + silence_limit)
-        return lose(qorError_debug_connection_lost, reason_text(1072));
+        return lose(qorError_debug_connection_lost, reason_text(framework::peer_was_silent));
     // Heartbeats prove that somebody is there, not that an answer will ever be whole, or come.
     if ((m_within_since && now >= *m_within_since + frame_time) || (m_answer_by && now >= *m_answer_by))
-        return lose(qorError_debug_connection_lost, reason_text(1070));
+        return lose(qorError_debug_connection_lost, reason_text(framework::peer_does_not_answer));
     return true;
 }
 
@@ -122,7 +126,8 @@ bool qor::control::link::receive(clock::time_point now) {
     const tls_channel::state state = m_channel.now();
     if (!m_open) {
         if (state == tls_channel::state::failed)
-            return lose_in_handshake(qorError_debug_not_ours, reason_text(1073, m_channel.reason().c_str()));
+            return lose_in_handshake(qorError_debug_not_ours,
+                                     reason_text(framework::tls_failed, m_channel.reason().c_str()));
         if (closed)
             return lose_to_peer({});
         if (state == tls_channel::state::handshake)
@@ -138,15 +143,16 @@ bool qor::control::link::receive(clock::time_point now) {
     else if (!plain.empty() || !m_within_since)
         m_within_since = now;
     if (closed)
-        return lose_to_peer(failed != 0 ? modules::system_reason(failed) : reason_text(1071));
+        return lose_to_peer(failed != 0 ? modules::system_reason(failed)
+                                        : reason_text(framework::peer_closed_connection));
     if (state == tls_channel::state::failed)
-        return lose(qorError_debug_connection_lost, reason_text(1073, m_channel.reason().c_str()));
-    return state != tls_channel::state::ended || lose_to_peer(reason_text(1071));
+        return lose(qorError_debug_connection_lost, reason_text(framework::tls_failed, m_channel.reason().c_str()));
+    return state != tls_channel::state::ended || lose_to_peer(reason_text(framework::peer_closed_connection));
 }
 
 bool qor::control::link::finish_handshake() {
     if (!m_channel.speaks_protocol())
-        return lose_in_handshake(qorError_debug_not_ours, reason_text(1074, protocol_name));
+        return lose_in_handshake(qorError_debug_not_ours, reason_text(framework::protocol_not_spoken, protocol_name));
     m_peer_key = m_channel.peer_key();
     m_binding = m_channel.binding();
     const std::lock_guard hold(m_lock);
@@ -201,7 +207,7 @@ bool qor::control::link::lose_to_peer(std::string reason) {
 }
 
 bool qor::control::link::lose_own_socket() {
-    std::string reason = reason_text(1086);
+    std::string reason = reason_text(framework::own_socket_closed);
     return m_open ? lose(qorError_debug_connection_lost, std::move(reason))
                   : lose_in_handshake(qorError_debug_cannot_connect, std::move(reason));
 }
@@ -261,7 +267,7 @@ bool qor::control::link::ask(frame_type type, std::string_view payload, std::chr
 }
 
 bool qor::control::link::lose_to_nonsense() {
-    lose(qorError_debug_protocol, reason_text(1075));
+    lose(qorError_debug_protocol, reason_text(framework::senseless_frame));
     m_waker.wake();
     const std::lock_guard hold(m_lock);
     return m_why.set();

@@ -1,5 +1,6 @@
 #include "accounts.h"
 
+#include "message_names.h"
 #include "private_file.h"
 #include "qor/qor.h"
 #include "server_key.h"
@@ -8,12 +9,14 @@
 #include <cmath>
 #include <cstring>
 
+namespace framework = qor::messages::framework;
+
 namespace {
 
 using qor::control::account_list;
 
 // Reasons of the catalog "qorcore", in the order of account_list::fault.
-constexpr uint32 first_fault_text = 1054;
+constexpr uint32 first_fault_text = framework::no_colon;
 
 bool cannot_use(const std::string& path, const std::string& reason) {
     qorSetLastError(qorError_accounts_unusable, path.c_str(), reason.c_str());
@@ -129,7 +132,7 @@ bool qor::control::read_accounts(const std::string& path, account_list& out, boo
     if (out.parse(text, line, what))
         return true;
     qorString fault;
-    fault.LoadString("qorcore", first_fault_text + static_cast<uint32>(what) - 1);
+    fault.LoadString(framework::catalog, first_fault_text + static_cast<uint32>(what) - 1);
     qorSetLastError(qorError_accounts_bad_line, path.c_str(), std::to_string(line).c_str(), fault);
     return false;
 }

@@ -4,7 +4,7 @@
 
 std::string qor::control::reason_of(private_file_fault fault, const std::string& insert) {
     qorString text;
-    text.Format("qorcore", static_cast<uint32>(fault), insert.c_str());
+    text.Format(messages::framework::catalog, static_cast<uint32>(fault), insert.c_str());
     return {text.Text(), text.Length()};
 }
 

@@ -2,6 +2,8 @@
 // throws std::bad_alloc.
 #pragma once
 
+#include "message_names.h"
+
 #include <chrono>
 #include <string>
 #include <string_view>
@@ -29,13 +31,13 @@ inline constexpr std::size_t longest_private_file = 16 << 20;
 
 // A reason of the catalog "qorcore".
 enum class private_file_fault : unsigned {
-    others_have_access = 1050,
-    of_another_owner = 1051,
-    no_plain_file = 1052,
-    too_long = 1053,
-    folder_of_another_owner = 1059,
-    others_change_folder = 1060,
-    locked = 1061,
+    others_have_access = messages::framework::others_have_access,
+    of_another_owner = messages::framework::of_another_owner,
+    no_plain_file = messages::framework::not_a_plain_file,
+    too_long = messages::framework::file_too_long,
+    folder_of_another_owner = messages::framework::folder_of_another_owner,
+    others_change_folder = messages::framework::others_change_folder,
+    locked = messages::framework::file_locked,
 };
 std::string reason_of(private_file_fault fault, const std::string& insert = {});
 

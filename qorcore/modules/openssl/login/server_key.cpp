@@ -1,5 +1,6 @@
 #include "server_key.h"
 
+#include "message_names.h"
 #include "private_file.h"
 #include "qor/qor.h"
 
@@ -7,6 +8,8 @@
 #include <openssl/pem.h>
 
 #include <new>
+
+namespace framework = qor::messages::framework;
 
 namespace {
 
@@ -20,13 +23,9 @@ bool cannot_use(const std::string& path, const std::string& reason) {
     return false;
 }
 
-// Numbers of the catalog "qorcore".
-constexpr uint32 no_key = 1058;
-constexpr uint32 no_such_file = 1078;
-
 std::string text_of_reason(uint32 number) {
     qorString reason;
-    reason.LoadString("qorcore", number);
+    reason.LoadString(framework::catalog, number);
     return reason.Text();
 }
 
@@ -43,7 +42,7 @@ bool parse_key(const std::string& path, const std::string& text, key_pointer& ke
         return true;
     // OpenSSL has tried this and that, and its reason for the last try helps nobody.
     ERR_clear_error();
-    return cannot_use(path, text_of_reason(no_key));
+    return cannot_use(path, text_of_reason(framework::bad_private_key));
 }
 
 bool make_key(const std::string& path, key_pointer& key) {
@@ -86,7 +85,7 @@ bool qor::control::read_server_key(const std::string& accounts, crypto::key_poin
     const crypto::wiped_later of_text(text);
     if (read_private_file(path, text, reason, is_missing) && !is_missing)
         return parse_key(path, text, key);
-    return cannot_use(path, is_missing ? text_of_reason(no_such_file) : reason);
+    return cannot_use(path, is_missing ? text_of_reason(framework::no_such_file) : reason);
 }
 
 bool qor::control::secret_of_key(EVP_PKEY* key, std::string_view purpose, crypto::digest& out) {
