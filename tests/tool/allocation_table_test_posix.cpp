@@ -19,12 +19,12 @@ std::size_t mapped_bytes() {
 
 template <class SIZE>
 void give_back_all() {
-    constexpr std::size_t least = std::size_t{16} << 20;
+    constexpr std::size_t least = std::size_t{8} << 20;
     const auto table = std::make_unique<allocation_table<SIZE>>();
     for (int round = 0; round < 2; ++round) {
         const std::size_t before = mapped_bytes();
         // One block in each of many buckets, so that no chain needs malloc's memory.
-        for (uint64 address = 16; address < (uint64{800'000} << 10); address += 1024)
+        for (uint64 address = 16; address < (uint64{400'000} << 10); address += 1024)
             table->add(address, 8, 0);
         const std::size_t full = mapped_bytes();
         EXPECT_GE(full, before + least);

@@ -1,5 +1,5 @@
-// A log that is being read. Lines are read some way ahead of the replay, so that the table's memory is on its
-// way to the processor when it is needed. What there is to say of a line is said when its turn comes.
+// A log that is being read. Lines are parsed some way ahead of the replay, so that the table's memory can be
+// prefetched. Traces and warnings come when a line's turn comes, not when it is parsed.
 #pragma once
 
 #include "file_kind.h"
@@ -21,7 +21,7 @@ public:
     using batch = log_batch<LINE>;
     using entry = typename batch::entry;
 
-    // What is read to its end, whatever happens, may be read ahead by a thread.
+    // Only a log that is read to its end in any case may be read ahead by a thread.
     enum class extent { whole, part };
 
     // With the trace code on, each line is traced with the format when its turn comes. Without a format there is no
@@ -47,7 +47,7 @@ public:
         return true;
     }
 
-    // Gives back what reading has taken.
+    // Ends reading and frees its memory. is_given() is false then.
     void close() {
         m_ahead.reset();
         m_source.close();
@@ -75,8 +75,8 @@ public:
         return &m_batch->entries[m_next++];
     }
 
-    // What the log begins with, once it has turned out to be none of this kind: lines came, and not one of them has the
-    // form of such a log, or the file begins as no text does. Empty otherwise.
+    // The beginning of the log, if it is not a log of this kind: none of its lines has the form of such a log, or the
+    // file begins like something other than text. Empty otherwise.
     std::string_view foreign_beginning() const noexcept { return m_has_form ? std::string_view() : m_beginning; }
 
     // Why the log was not read to its end; empty where it was.
@@ -175,7 +175,7 @@ private:
         m_next = 0;
     }
 
-    // What waits is then not the thread that has something to show.
+    // From then on the reading thread is the one that waits, and it has nothing to flush.
     void start_thread() {
         try {
             m_source.set_before_wait(nullptr, nullptr);

@@ -1,5 +1,5 @@
-// A thread that reads a log ahead of its replay, and parses it as long as the replay has enough to do. That is half of
-// the work.
+// A thread that reads a log ahead of its replay. It also parses the lines, which is half of the work, as long as the
+// replay has enough to do.
 #pragma once
 
 #include "log_batch.h"
@@ -35,8 +35,8 @@ public:
             m_thread.detach();
     }
 
-    // The next lines, valid until the next call; null at the end of the log, or where it cannot be read. Then the last
-    // error says why, otherwise there is none. before_wait() is called where they are not to be had at once.
+    // The next lines, valid until the next call; null at the end of the log, or where it cannot be read: then the last
+    // error says why, otherwise there is none. before_wait() is called before a long wait for them.
     template <class BEFORE_WAIT>
     batch* next(const BEFORE_WAIT& before_wait) {
         return m_shared->take(before_wait);

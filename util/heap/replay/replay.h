@@ -19,10 +19,10 @@
 
 namespace qor::heap {
 
-// Carries the head of every bucket (8 MiB), so it always lives on the heap. One object serves one replay. Replays share
-// nothing: each may run in a thread of its own. Operations that need memory throw std::bad_alloc.
+// Carries the head of every bucket (8 MiB), so it always lives on the heap. One object serves one replay at a time.
+// Replays share nothing: each may run in a thread of its own. Operations that need memory throw std::bad_alloc.
 //
-// The sink is called directly, so that what it does not care for costs nothing.
+// The sink is called directly, not virtually: events that it ignores cost nothing.
 template <class SINK, class RULES>
 class replay {
 public:
@@ -33,7 +33,8 @@ public:
     using mtrace_log = heap_log<mtrace_line>;
     using memcheck_log = heap_log<memcheck_line>;
 
-    // The sink outlives the replay. Scopes and lines are traced with the sink's trace code.
+    // The sink must outlive the replay. The replay traces its scopes, and the lines of an mtrace log, with the sink's
+    // trace code.
     replay(SINK& sink, uint32 trace_code)
         : m_sink(sink), m_debug_code(trace_code),
           m_mtrace(trace_code, "mtrace line: [%.*s]", [this] { m_sink.before_wait(); }),
@@ -43,13 +44,13 @@ public:
     replay(const replay&) = delete;
     replay& operator=(const replay&) = delete;
 
-    // An allocation log that is opened behind an mtrace log is joined with it. False: the last error says why.
+    // An allocation log that is opened after an mtrace log is joined with it. False: the last error says why.
     bool open_mtrace(const char* path) { return m_mtrace.open(path, mtrace_log::extent::whole); }
     bool open_memcheck(const char* path) {
         return m_memcheck.open(path, m_mtrace.is_given() ? memcheck_log::extent::part : memcheck_log::extent::whole);
     }
 
-    // Reads what was opened to its end.
+    // Reads the open logs to their end.
     void run() {
         if (m_mtrace.is_given())
             run_mtrace();
@@ -67,7 +68,8 @@ public:
         visitor.end();
     }
 
-    // Closes the logs and gives back the memory of all that was read: the replay is as it was when it was made.
+    // Closes the logs and frees all memory of the table and of everything read. The replay can then be used again.
+    // Without this call the table's memory stays in use until the process ends.
     void free_all() {
         m_mtrace.close();
         m_memcheck.close();

@@ -31,7 +31,7 @@ enum class warning : uint8 {
 template <class SINK, class SIZE>
 concept replay_sink = requires(SINK& sink, const block<SIZE>& of, const log_lines::mtrace_line<SIZE>& mtrace_record,
                                const log_lines::memcheck_line<SIZE>& memcheck_record, std::string_view text) {
-    // The table got a block, or is about to lose one. What a joined log says of a block is known when it comes.
+    // A block has entered the table, or has left it. An allocation is told when the joined log has been asked about it.
     sink.allocation(of);
     sink.release(of);
 
@@ -44,18 +44,17 @@ concept replay_sink = requires(SINK& sink, const block<SIZE>& of, const log_line
 
     sink.warning(warning::bad_code_token, text);
 
-    // So many records have been read. Comes at every 20th one of an mtrace log and every 100th one of an allocation
-    // log.
+    // The number of records read so far: at every 20th record of an mtrace log, at every 100th of an allocation log.
     sink.progress(uint32{});
 
-    // Lines are about to be read, which may take a while; or do not exist yet, which may take any time.
+    // Lines are about to be read, which may take a while; or they are not written yet, which may take any time.
     sink.before_read();
     sink.before_wait();
 
-    // A record of the joined log has no partner. Comes for records that were passed by, and at the end of the log.
+    // A record of the joined log has no partner. Most are told at the end of the log.
     sink.leftover(memcheck_record);
 
-    // The log has been read to its end; so many leftovers follow.
+    // The log has been read to its end; the number of leftovers that follow.
     sink.end_of_log(uint32{});
 };
 

@@ -65,7 +65,7 @@ public:
     allocation_table(const allocation_table&) = delete;
     allocation_table& operator=(const allocation_table&) = delete;
 
-    // The blocks stay where they are: a program that ends with its table saves the time.
+    // Does not free the blocks, which saves time where the process ends with the table.
     ~allocation_table() = default;
 
     // Gives the memory of all blocks back; the table is empty then.

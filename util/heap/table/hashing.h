@@ -1,4 +1,4 @@
-// How the analyser's tables hash. The key is another one in every process, so that no log can be written to
+// How the engine's tables hash. The key is random and chosen once per process, so nobody can write a log whose entries
 // collide.
 #pragma once
 

@@ -1,5 +1,5 @@
 // Records of the allocation log that were read before the mtrace log asked for them: at most 1,024, in the
-// order in which they were read. The first record of an address is taken first; finding it costs no search.
+// order in which they were read. The first record of an address is taken first; it is found by a hash.
 #pragma once
 
 #include "qor/system/Types.h"

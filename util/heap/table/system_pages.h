@@ -1,5 +1,5 @@
-// Memory from the system itself, in whole pages. What a table keeps until the process ends is so no leak of malloc's,
-// and what it gives back the system has at once.
+// Whole pages of memory from the operating system. Pages that a table keeps until the process ends are no leak of the
+// heap, and freed pages return to the system at once.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@ namespace qor::heap::system_pages {
 // Zeroed pages of `size` bytes; null: the system has no memory.
 void* take(std::size_t size) noexcept;
 
-// Pages as they were taken.
+// Frees pages of take(), with the same size.
 void give_back(void* pages, std::size_t size) noexcept;
 
 } // namespace qor::heap::system_pages
