@@ -125,7 +125,7 @@ TEST(String, ReserveKeepsTheText) {
 TEST(StringDeathTest, NoTextIsLongerThanItsLengthCanSay) {
     qorString text;
     EXPECT_DEATH(text.Reserve(0x7fffffff), "");
-    EXPECT_DEATH(text.LockBuffer(0xffffffff), "");
+    EXPECT_DEATH((void)text.LockBuffer(0xffffffff), "");
     EXPECT_DEATH(qor::glue::qorString_Append(&text, "a", 0x7fffffff), "");
 }
 
