@@ -16,7 +16,7 @@ inline bool qorInitProcess(const char* name, qorStringArray& args, unsigned flag
 }
 
 // Ends what qorInitProcess began: runs the clean-up routines, lets go of signals, flushes the trace. Memory and
-// strings can be used and freed afterwards.
+// strings can be used and freed afterwards. Call it once, at the end.
 inline void qorCleanup() noexcept { qor::glue::qorCleanup(); }
 
 // `routine(context)` will be called by qorCleanup, the last registered first.
