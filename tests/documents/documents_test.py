@@ -116,7 +116,8 @@ class WorkedExamples(unittest.TestCase):
         caller in README and the one here; the result is that of this run."""
         shown = re.sub(r"^    ", "", block, flags=re.M).strip()
         for command, output in re.findall(r"^\$ (.*)\n?((?:(?!\$ ).*\n?)*)", shown, re.M):
-            command = command.replace(*address).replace("/tmp/", f"{self.folder}/").replace("./run ", f"{options.tool} ")
+            command = command.replace(*address).replace("/tmp/", f"{self.folder}/")
+            command = command.replace("./run ", f"{options.tool} ")
             said = self.run_in_shell(command).replace(f"{self.folder}/", "/tmp/")
             callers = [re.search(r"caller \[.*\[(0x[0-9a-f]+)\]\]", text) for text in (output, said)]
             if all(callers):
