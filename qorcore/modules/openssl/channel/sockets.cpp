@@ -14,8 +14,8 @@ bool is_mapped(const qor::sockets::endpoint& address) noexcept {
 
 } // namespace
 
-// An address lies in memory as every system of ours has it, which sockets_posix.cpp and sockets_windows.cpp check: the family,
-// the port, and then an IPv4 address, or four bytes further an IPv6 one.
+// An address lies in memory as every system of ours has it, which sockets_posix.cpp and sockets_windows.cpp check: the
+// family, the port, and then an IPv4 address, or four bytes further an IPv6 one.
 qor::sockets::endpoint::endpoint(const void* address, std::size_t length) noexcept
     : size(static_cast<unsigned>(std::min(length, sizeof bytes))) {
     std::memcpy(bytes, address, size);
