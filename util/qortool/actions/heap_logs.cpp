@@ -1,68 +1,67 @@
 // mtrace and memcheck: replay a heap log and report leaks and bad frees.
 #include "heap/log/file_kind.h"
 #include "heap_report/mtrace_proc.h"
+#include "message_names.h"
 #include "qortool_app.h"
+
+namespace message = qor::messages::tool;
 
 namespace {
 
 constexpr char source[] = "util/qortool/main";
-
-constexpr uint32 no_mtrace_log = 92;
-constexpr uint32 no_memcheck_log = 93;
-constexpr uint32 memcheck_log_in_first_place = 96;
-constexpr uint32 read_in_part = 105;
 
 // The message that names what a file is. That of compressed files takes the program that made them.
 uint32 name_of(qor::heap::file_kind kind) noexcept {
     using enum qor::heap::file_kind;
     switch (kind) {
     case mtrace_log:
-        return 94;
+        return message::looks_like_mtrace_log;
     case memcheck_log:
-        return 95;
+        return message::looks_like_memcheck_log;
     case elf:
-        return 97;
+        return message::looks_like_elf;
     case compressed:
-        return 98;
+        return message::looks_compressed;
     case html:
-        return 99;
+        return message::looks_like_html;
     case utf_16:
-        return 100;
+        return message::looks_like_utf16;
     case zero_bytes:
-        return 102;
+        return message::looks_zeroed;
     case blank_lines:
-        return 103;
+        return message::looks_blank;
     case text:
-        return 104;
+        return message::looks_like_other_text;
     case binary:
         break;
     }
-    return 101;
+    return message::looks_binary;
 }
 
 // Where both streams end in one place, these lines come behind the replay's and before "Done".
 template <class... INSERTS>
-void warn(uint32 message, const INSERTS&... inserts) {
+void warn(uint32 number, const INSERTS&... inserts) {
     std::fflush(stdout);
-    fputmsg(stderr, "qortool", message, inserts...);
+    fputmsg(stderr, message::catalog, number, inserts...);
     std::fflush(stderr);
 }
 
 // The replay takes a log that cannot be read further for one that ends there, so some findings may be wrong.
 void warn_of_unread_rest(const qorString& failure) {
     if (!failure.IsEmpty())
-        warn(read_in_part, failure);
+        warn(message::log_read_in_part, failure);
 }
 
 // Findings in such a log mean nothing.
-void warn_of_foreign_log(uint32 message, const char* path, std::string_view beginning, bool is_first_of_two) {
+void warn_of_foreign_log(uint32 warning, const char* path, std::string_view beginning, bool is_first_of_two) {
     if (beginning.empty())
         return;
     const qor::heap::file_guess found = qor::heap::guess_file_kind(beginning);
     const bool are_swapped = is_first_of_two && found.kind == qor::heap::file_kind::memcheck_log;
     qorString name;
-    name.Format("qortool", are_swapped ? memcheck_log_in_first_place : name_of(found.kind), found.compressor);
-    warn(message, path, name);
+    name.Format(message::catalog, are_swapped ? message::memcheck_log_in_first_place : name_of(found.kind),
+                found.compressor);
+    warn(warning, path, name);
 }
 
 int finish(bool done, const mtrace_proc& proc, const char* mtrace, const char* memcheck) {
@@ -72,8 +71,8 @@ int finish(bool done, const mtrace_proc& proc, const char* mtrace, const char* m
     }
     warn_of_unread_rest(proc.mtrace_failure());
     warn_of_unread_rest(proc.memcheck_failure());
-    warn_of_foreign_log(no_mtrace_log, mtrace, proc.foreign_mtrace(), memcheck != nullptr);
-    warn_of_foreign_log(no_memcheck_log, memcheck, proc.foreign_memcheck(), false);
+    warn_of_foreign_log(message::not_an_mtrace_log, mtrace, proc.foreign_mtrace(), memcheck != nullptr);
+    warn_of_foreign_log(message::not_a_memcheck_log, memcheck, proc.foreign_memcheck(), false);
     fixed_fprintf(stdout, "Done\n");
     return 0;
 }
