@@ -27,7 +27,7 @@ struct verifier {
 
 inline bool operator==(const verifier& left, const verifier& right) noexcept {
     return left.iterations == right.iterations && left.salt == right.salt &&
-           (equal(left.stored_key, right.stored_key) & equal(left.server_key, right.server_key));
+           (int{equal(left.stored_key, right.stored_key)} & int{equal(left.server_key, right.server_key)}) != 0;
 }
 
 // Decimal, without a sign or leading zeros, and within the bounds above.
