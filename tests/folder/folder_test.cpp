@@ -7,7 +7,7 @@
 
 namespace {
 
-TEST(Folder, EachHasATagOfItsOwn) {
+TEST(folder, each_has_a_tag_of_its_own) {
     std::set<std::string> tags;
     for (uint32 id = 0; id < qorFolderCount; ++id) {
         qorString tag;
@@ -22,7 +22,7 @@ TEST(Folder, EachHasATagOfItsOwn) {
     EXPECT_STREQ(tag, "qor-system-configuration");
 }
 
-TEST(Folder, AnotherNumberIsNone) {
+TEST(folder, another_number_is_none) {
     for (const uint32 id : {30u, 31u, 255u, 256u, 0x7fff'ffffu, 0xffff'ffffu}) {
         qorClearLastError();
         qorString text("not empty");
@@ -40,7 +40,7 @@ TEST(Folder, AnotherNumberIsNone) {
 }
 
 // Where they are is for tests of the whole tool to say; here, that success leaves the last error alone.
-TEST(Folder, TheFrameworksOwnAreThere) {
+TEST(folder, the_frameworks_own_are_there) {
     for (const qorFolderId id : {qorFolder_qor_executable, qorFolder_qor_library, qorFolder_qor_catalogs}) {
         qorSetLastError(qorError_timed_out);
         qorString path;

@@ -41,7 +41,7 @@ std::string home() {
     return path.Text();
 }
 
-TEST(FolderOfAUser, TheHomeFolderIsThatOfTheUserWhoAsks) {
+TEST(folder_of_a_user, the_home_folder_is_that_of_the_user_who_asks) {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root may become another user";
     const passwd* const account = getpwuid(nobody);
@@ -55,7 +55,7 @@ TEST(FolderOfAUser, TheHomeFolderIsThatOfTheUserWhoAsks) {
               expected);
 }
 
-TEST(FolderOfTheFramework, OneThatTheSystemDoesNotTellIsAnError) {
+TEST(folder_of_the_framework, one_that_the_system_does_not_tell_is_an_error) {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root may hide /proc";
     const qor::test::temp_folder empty;

@@ -36,7 +36,7 @@ std::vector<int> values(const zetArray<TYPE>& array) {
     return result;
 }
 
-TEST(Array, HoldsWhatIsAppended) {
+TEST(array, holds_what_is_appended) {
     recording_table table;
     zetArray<int> array;
     EXPECT_TRUE(array.IsEmpty());
@@ -53,7 +53,7 @@ TEST(Array, HoldsWhatIsAppended) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(Array, ConstructsAndDestroysItsElements) {
+TEST(array, constructs_and_destroys_its_elements) {
     int alive = 0;
     {
         zetArray<counted> array;
@@ -70,7 +70,7 @@ TEST(Array, ConstructsAndDestroysItsElements) {
     EXPECT_EQ(alive, 0);
 }
 
-TEST(Array, AppendsAnElementOfItsOwn) {
+TEST(array, appends_an_element_of_its_own) {
     zetArray<qorString> array;
     array.Append(qorString("a text that is long enough to live in storage of its own"));
     for (int i = 0; i < 50; ++i)
@@ -79,7 +79,7 @@ TEST(Array, AppendsAnElementOfItsOwn) {
     EXPECT_TRUE(array[50] == array[0]);
 }
 
-TEST(Array, RemovesFromTheFrontTheMiddleAndTheEnd) {
+TEST(array, removes_from_the_front_the_middle_and_the_end) {
     recording_table table;
     zetArray<int> array;
     for (int i = 0; i < 6; ++i)
@@ -95,7 +95,7 @@ TEST(Array, RemovesFromTheFrontTheMiddleAndTheEnd) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(Array, ARangeBeyondTheEndIsReportedAndCut) {
+TEST(array, a_range_beyond_the_end_is_reported_and_cut) {
     recording_table table;
     zetArray<int> array;
     for (int i = 0; i < 4; ++i)
@@ -113,7 +113,7 @@ TEST(Array, ARangeBeyondTheEndIsReportedAndCut) {
     EXPECT_EQ(values(array), (std::vector{0}));
 }
 
-TEST(Array, ACutRangeDestroysWhatItTakesOut) {
+TEST(array, a_cut_range_destroys_what_it_takes_out) {
     int alive = 0;
     const recording_table table;
     zetArray<counted> array;
@@ -125,7 +125,7 @@ TEST(Array, ACutRangeDestroysWhatItTakesOut) {
     EXPECT_EQ(alive, 3);
 }
 
-TEST(Array, NamesItsElementTypeInReports) {
+TEST(array, names_its_element_type_in_reports) {
     recording_table table;
     zetArray<qorString> array;
     array.RemoveAt(0, 1);
@@ -135,7 +135,7 @@ TEST(Array, NamesItsElementTypeInReports) {
     EXPECT_EQ(table.take(), calls{cut_range("qorErrorClass")});
 }
 
-TEST(Array, AnIndexIsCheckedByTheVector) {
+TEST(array, an_index_is_checked_by_the_vector) {
     recording_table table;
     zetArray<int> array;
     array.Append(7);
@@ -146,7 +146,7 @@ TEST(Array, AnIndexIsCheckedByTheVector) {
                                                        "qorcore/include/qor/system/Vector", 84)});
 }
 
-TEST(Array, IsSilentWithoutATable) {
+TEST(array, is_silent_without_a_table) {
     recording_table table;
     zetArray<int> array;
     // Even a cut range reaches the library to close the gap; an index does not.

@@ -72,7 +72,7 @@ WORD word_of(const void* object, std::size_t index) {
 static_assert(sizeof(qorComponent2) == 2 * sizeof(void*));
 static_assert(std::has_virtual_destructor_v<qorComponent2> && !std::is_copy_constructible_v<qorComponent2>);
 
-TEST(Component, HasOneFieldThatPointsToItsRecord) {
+TEST(component, has_one_field_that_points_to_its_record) {
     const recording_table table;
     auto* const named = new ("test", 1) plain_component("a.name");
     const void* const record = word_of<const void*>(named, 1);
@@ -87,7 +87,7 @@ TEST(Component, HasOneFieldThatPointsToItsRecord) {
     nameless->object_Release();
 }
 
-TEST(Component, IsBornWithOneReferenceAndEndedByItsRelease) {
+TEST(component, is_born_with_one_reference_and_ended_by_its_release) {
     recording_table table;
     fate told;
     auto* const object = new ("util/test", 55) component("test.component", told);
@@ -100,7 +100,7 @@ TEST(Component, IsBornWithOneReferenceAndEndedByItsRelease) {
     EXPECT_EQ(table.take(), calls{"qor_do_delete(#1)"});
 }
 
-TEST(Component, IsAnnouncedWithoutANameWhereItHasNone) {
+TEST(component, is_announced_without_a_name_where_it_has_none) {
     recording_table table;
     fate told;
     auto* const object = new ("test", 1) component(told);
@@ -108,7 +108,7 @@ TEST(Component, IsAnnouncedWithoutANameWhereItHasNone) {
     object->object_Release();
 }
 
-TEST(Component, IsAnnouncedWhenItIsWhole) {
+TEST(component, is_announced_when_it_is_whole) {
     recording_table table;
     const void* announced = nullptr;
     int32 count = 0;
@@ -122,7 +122,7 @@ TEST(Component, IsAnnouncedWhenItIsWhole) {
     object->object_Release();
 }
 
-TEST(Component, EndsWithTheLastReference) {
+TEST(component, ends_with_the_last_reference) {
     const recording_table table;
     fate told;
     auto* const object = new ("test", 1) component("test.component", told);
@@ -136,7 +136,7 @@ TEST(Component, EndsWithTheLastReference) {
     EXPECT_EQ(told.ends, 1);
 }
 
-TEST(Component, EndsOnceWhenManyThreadsLetGo) {
+TEST(component, ends_once_when_many_threads_let_go) {
     const recording_table table;
     for (int round = 0; round < 50; ++round) {
         fate told;
@@ -160,7 +160,7 @@ TEST(Component, EndsOnceWhenManyThreadsLetGo) {
     }
 }
 
-TEST(Component, GrowsItsInterfaceTableByOneEntryEach) {
+TEST(component, grows_its_interface_table_by_one_entry_each) {
     recording_table table;
     auto* const object = new ("test", 1) plain_component("test.component");
     counting_interface a, b, c;
@@ -175,7 +175,7 @@ TEST(Component, GrowsItsInterfaceTableByOneEntryEach) {
     EXPECT_EQ(table.take(), (calls{freed("#4"), "qor_do_delete(#1)"}));
 }
 
-TEST(Component, WithoutInterfacesFindsNone) {
+TEST(component, without_interfaces_finds_none) {
     const recording_table table;
     auto* const object = new ("test", 1) plain_component("test.component");
     int untouched = 0;
@@ -186,7 +186,7 @@ TEST(Component, WithoutInterfacesFindsNone) {
     object->object_Release();
 }
 
-TEST(Component, FindsInterfacesByTheirExactNames) {
+TEST(component, finds_interfaces_by_their_exact_names) {
     const recording_table table;
     auto* const object = new ("test", 1) plain_component("test.component");
     counting_interface a, b;
@@ -207,7 +207,7 @@ TEST(Component, FindsInterfacesByTheirExactNames) {
     object->object_Release();
 }
 
-TEST(Component, AQueryAddsOneReferenceToTheOwnerAndATestNone) {
+TEST(component, a_query_adds_one_reference_to_the_owner_and_a_test_none) {
     const recording_table table;
     auto* const object = new ("test", 1) plain_component("test.component");
     counting_interface handed_out, owner;
@@ -222,7 +222,7 @@ TEST(Component, AQueryAddsOneReferenceToTheOwnerAndATestNone) {
     object->object_Release();
 }
 
-TEST(Component, OfTwoInterfacesUnderOneNameTheFirstWins) {
+TEST(component, of_two_interfaces_under_one_name_the_first_wins) {
     const recording_table table;
     auto* const object = new ("test", 1) plain_component("test.component");
     counting_interface first, second;
@@ -236,7 +236,7 @@ TEST(Component, OfTwoInterfacesUnderOneNameTheFirstWins) {
     object->object_Release();
 }
 
-TEST(Component, EndedWhileReferencedReportsItAndIsFreed) {
+TEST(component, ended_while_referenced_reports_it_and_is_freed) {
     recording_table table;
     auto* const object = new ("test", 1) plain_component("test.component");
     counting_interface a;
@@ -246,7 +246,7 @@ TEST(Component, EndedWhileReferencedReportsItAndIsFreed) {
     EXPECT_EQ(table.take(), (calls{still_referenced, freed("#2"), "qor_do_delete(#1)"}));
 }
 
-TEST(Component, WhoseConstructorThrowsIsFreed) {
+TEST(component, whose_constructor_throws_is_freed) {
     class refusing : public qorComponent2 {
     public:
         refusing() : qorComponent2("test.refusing") { throw std::runtime_error("refused"); }
@@ -257,7 +257,7 @@ TEST(Component, WhoseConstructorThrowsIsFreed) {
                                    "qorAnnounceObject(test.refusing)", still_referenced, "qor_do_delete(#1)"}));
 }
 
-TEST(Component, WithoutMemoryThrowsInItsClient) {
+TEST(component, without_memory_throws_in_its_client) {
     recording_table table;
     table.exhausted = true;
     EXPECT_THROW(new ("test", 1) plain_component("test.component"), std::bad_alloc);
@@ -274,7 +274,7 @@ TEST(Component, WithoutMemoryThrowsInItsClient) {
     object->object_Release();
 }
 
-TEST(Component, WithoutATableSaysNothing) {
+TEST(component, without_a_table_says_nothing) {
     recording_table table;
     fate told;
     EXPECT_TRUE(table.unbound([&] { const component object("test.component", told); }));

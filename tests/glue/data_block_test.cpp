@@ -24,7 +24,7 @@ void expect_empty(const qorDataBlock& block) {
 
 std::string text_of(const qorDataBlock& block) { return {static_cast<const char*>(block.ptr()), block.Size()}; }
 
-TEST(DataBlock, BeginsEmptyAndAllocatesNothing) {
+TEST(data_block, begins_empty_and_allocates_nothing) {
     recording_table table;
     {
         qorDataBlock block;
@@ -34,7 +34,7 @@ TEST(DataBlock, BeginsEmptyAndAllocatesNothing) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(DataBlock, IsAPointerAndASize) {
+TEST(data_block, is_a_pointer_and_a_size) {
     static_assert(sizeof(qorDataBlock) == 2 * sizeof(void*));
     const recording_table table;
     qorDataBlock block;
@@ -47,7 +47,7 @@ TEST(DataBlock, IsAPointerAndASize) {
     EXPECT_EQ(second, 7u);
 }
 
-TEST(DataBlock, CreatesAndFrees) {
+TEST(data_block, creates_and_frees) {
     recording_table table;
     {
         qorDataBlock block;
@@ -68,7 +68,7 @@ TEST(DataBlock, CreatesAndFrees) {
     EXPECT_EQ(table.take(), calls{freed("#3")});
 }
 
-TEST(DataBlock, OfNoBytesIsStillAnAllocation) {
+TEST(data_block, of_no_bytes_is_still_an_allocation) {
     recording_table table;
     {
         qorDataBlock block;
@@ -78,7 +78,7 @@ TEST(DataBlock, OfNoBytesIsStillAnAllocation) {
     EXPECT_EQ(table.take(), (calls{created("0", "#1"), freed("#1")}));
 }
 
-TEST(DataBlock, AttachesACopy) {
+TEST(data_block, attaches_a_copy) {
     recording_table table;
     qorDataBlock block;
     const char bytes[] = "bytes";
@@ -94,7 +94,7 @@ TEST(DataBlock, AttachesACopy) {
     EXPECT_EQ(table.take(), (calls{freed("#2"), created("0", "#3")}));
 }
 
-TEST(DataBlock, TakesOverAndGivesAway) {
+TEST(data_block, takes_over_and_gives_away) {
     recording_table table;
     qorDataBlock block;
     block.Create(3);
@@ -111,7 +111,7 @@ TEST(DataBlock, TakesOverAndGivesAway) {
     qor_do_free(bytes, "test", 2);
 }
 
-TEST(DataBlock, StealsFromAnother) {
+TEST(data_block, steals_from_another) {
     recording_table table;
     qorDataBlock thief, victim;
     thief.Create(3);
@@ -127,7 +127,7 @@ TEST(DataBlock, StealsFromAnother) {
     expect_empty(thief);
 }
 
-TEST(DataBlock, ReallocatesWithoutFreeing) {
+TEST(data_block, reallocates_without_freeing) {
     recording_table table;
     qorDataBlock block;
     EXPECT_NE(block.Realloc(4), nullptr);
@@ -143,7 +143,7 @@ TEST(DataBlock, ReallocatesWithoutFreeing) {
                                    "qor_do_realloc(#2, 2, " + std::string(common_file) + ", 1887) = #3"}));
 }
 
-TEST(DataBlock, CopiesAnother) {
+TEST(data_block, copies_another) {
     recording_table table;
     qorDataBlock source, target;
     source.AttachCopy("source", 6);
@@ -156,7 +156,7 @@ TEST(DataBlock, CopiesAnother) {
     EXPECT_EQ(table.take(), (calls{freed("#2"), "qor_do_memdup(#1, 6, " + std::string(common_file) + ", 1897) = #3"}));
 }
 
-TEST(DataBlock, ACopyOfItselfIsEmpty) {
+TEST(data_block, a_copy_of_itself_is_empty) {
     recording_table table;
     qorDataBlock block;
     block.AttachCopy("source", 6);
@@ -166,7 +166,7 @@ TEST(DataBlock, ACopyOfItselfIsEmpty) {
     EXPECT_EQ(table.take(), calls{freed("#1")});
 }
 
-TEST(DataBlock, ACopyOfAnEmptyOneIsEmptyAndAllocatesNothing) {
+TEST(data_block, a_copy_of_an_empty_one_is_empty_and_allocates_nothing) {
     recording_table table;
     qorDataBlock block;
     const qorDataBlock empty;
@@ -180,7 +180,7 @@ TEST(DataBlock, ACopyOfAnEmptyOneIsEmptyAndAllocatesNothing) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(DataBlock, AnOffsetBeyondTheEndIsReportedAndReturned) {
+TEST(data_block, an_offset_beyond_the_end_is_reported_and_returned) {
     recording_table table;
     qorDataBlock block;
     char* const bytes = static_cast<char*>(block.Create(4));
@@ -198,7 +198,7 @@ TEST(DataBlock, AnOffsetBeyondTheEndIsReportedAndReturned) {
                                             common_file, 1865)});
 }
 
-TEST(DataBlock, AnEmptyOneHasNoFirstByte) {
+TEST(data_block, an_empty_one_has_no_first_byte) {
     recording_table table;
     qorDataBlock block;
     EXPECT_EQ(block.ptr_at(0), nullptr);
@@ -207,7 +207,7 @@ TEST(DataBlock, AnEmptyOneHasNoFirstByte) {
     EXPECT_EQ(table.take().size(), 3u);
 }
 
-TEST(DataBlock, IsSilentWithoutATable) {
+TEST(data_block, is_silent_without_a_table) {
     recording_table table;
     EXPECT_TRUE(table.unbound([] {
         qorDataBlock block;
@@ -218,7 +218,7 @@ TEST(DataBlock, IsSilentWithoutATable) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(DataBlock, WithoutMemoryThrowsInItsClient) {
+TEST(data_block, without_memory_throws_in_its_client) {
     recording_table table;
     qorDataBlock block, source;
     source.AttachCopy("source", 6);

@@ -30,9 +30,9 @@ void array_empty(qorStringArray* self) noexcept {
     s_real->qorStringArray_Empty(self);
 }
 
-class Forwarding : public testing::Test {
+class forwarding : public testing::Test {
 protected:
-    Forwarding() {
+    forwarding() {
         s_calls.clear();
         s_real = &real;
         table.rows.qorString_Init = string_init;
@@ -47,13 +47,13 @@ protected:
     recording_table table;
 };
 
-TEST_F(Forwarding, AStringBeginsWithCapacityZero) {
+TEST_F(forwarding, a_string_begins_with_capacity_zero) {
     const qorString text;
     EXPECT_EQ(taken(), calls{"init 0"});
     EXPECT_STREQ(text.Text(), "");
 }
 
-TEST_F(Forwarding, ACopiedStringIsInitialisedAndThenAssigned) {
+TEST_F(forwarding, a_copied_string_is_initialised_and_then_assigned) {
     const qorString source("five\0!", 6);
     EXPECT_EQ(taken(), (calls{"init 6", "set " + std::string("five\0!", 6)}));
     const qorString copy(source);
@@ -61,7 +61,7 @@ TEST_F(Forwarding, ACopiedStringIsInitialisedAndThenAssigned) {
     EXPECT_TRUE(copy == source);
 }
 
-TEST_F(Forwarding, AStringArrayIsEmptiedByEmptyAndByItsEnd) {
+TEST_F(forwarding, a_string_array_is_emptied_by_empty_and_by_its_end) {
     {
         qorStringArray words;
         EXPECT_EQ(taken(), calls{"array"});
@@ -71,7 +71,7 @@ TEST_F(Forwarding, AStringArrayIsEmptiedByEmptyAndByItsEnd) {
     EXPECT_EQ(taken(), calls{"array empty"});
 }
 
-TEST_F(Forwarding, AnElementIsReadWithoutTheTable) {
+TEST_F(forwarding, an_element_is_read_without_the_table) {
     qorStringArray words;
     words.Append("first");
     words.Append("second");
@@ -85,7 +85,7 @@ TEST_F(Forwarding, AnElementIsReadWithoutTheTable) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST_F(Forwarding, AnIndexBeyondTheEndIsReportedAndYieldsAnEmptyText) {
+TEST_F(forwarding, an_index_beyond_the_end_is_reported_and_yields_an_empty_text) {
     const std::string report = assertion("index < m_data.count", "const char* qorStringArray::operator[](uint32) const",
                                          "qorcore/include/qor/glue/impl_common", 109);
     qorStringArray words;
@@ -99,7 +99,7 @@ TEST_F(Forwarding, AnIndexBeyondTheEndIsReportedAndYieldsAnEmptyText) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST_F(Forwarding, AByteOfAStringIsChecked) {
+TEST_F(forwarding, a_byte_of_a_string_is_checked) {
     const qorString text("ab");
     EXPECT_EQ(text[1], 'b');
     EXPECT_EQ(table.take(), calls{});

@@ -45,7 +45,7 @@ decltype(&GlobalFree) __wrap___imp_GlobalFree = free_noted;
 
 static_assert(sizeof(MEMORY_BASIC_INFORMATION) == 48 && offsetof(MEMORY_BASIC_INFORMATION, Protect) == 36);
 
-TEST(WindowsExport, IsAFunctionWhereItsMemoryIsExecutable) {
+TEST(windows_export, is_a_function_where_its_memory_is_executable) {
     static int number = 0;
     EXPECT_TRUE(qor::glue::is_function(reinterpret_cast<const void*>(&ExitProcess)));
     EXPECT_TRUE(qor::glue::is_function(reinterpret_cast<const void*>(&split)));
@@ -53,7 +53,7 @@ TEST(WindowsExport, IsAFunctionWhereItsMemoryIsExecutable) {
     EXPECT_FALSE(qor::glue::is_function(nullptr));
 }
 
-TEST(WindowsProcessArgs, AreTheWordsWithoutTheProgram) {
+TEST(windows_process_args, are_the_words_without_the_program) {
     recording_table table;
     qorStringArray words;
     words.Append("before");
@@ -66,7 +66,7 @@ TEST(WindowsProcessArgs, AreTheWordsWithoutTheProgram) {
     EXPECT_EQ(s_freed, s_split);
 }
 
-TEST(WindowsProcessArgs, AreNoneWhereTheLineCannotBeSplit) {
+TEST(windows_process_args, are_none_where_the_line_cannot_be_split) {
     recording_table table;
     qorStringArray words;
     words.Append("before");
@@ -78,7 +78,7 @@ TEST(WindowsProcessArgs, AreNoneWhereTheLineCannotBeSplit) {
     EXPECT_TRUE(words.IsEmpty());
 }
 
-TEST(WindowsInstanceHandle, IsSetOnce) {
+TEST(windows_instance_handle, is_set_once) {
     recording_table table;
     int first = 0;
     int second = 0;

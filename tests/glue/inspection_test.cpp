@@ -7,7 +7,7 @@
 
 namespace {
 
-TEST(SystemInfo, every_operation_answers) {
+TEST(system_info, every_operation_answers) {
     zetSmartPointer<IQORSystemInfo> info;
     create_IQORSystemInfo(info.Out());
     qorMemoryInfo memory{};
@@ -46,7 +46,7 @@ TEST(SystemInfo, every_operation_answers) {
     static_cast<IQORSystemInfo*>(again)->Release();
 }
 
-TEST(LookupHost, gives_each_address_by_its_index) {
+TEST(lookup_host, gives_each_address_by_its_index) {
     zetSmartPointer<IQORHostAddressList> list;
     ASSERT_TRUE(qorLookupHost("192.0.2.1", list.Out()));
     ASSERT_EQ(list->GetCount(), 1u);
@@ -58,7 +58,7 @@ TEST(LookupHost, gives_each_address_by_its_index) {
     EXPECT_EQ(address, before);
 }
 
-TEST(LookupHost, what_is_no_name_is_no_host) {
+TEST(lookup_host, what_is_no_name_is_no_host) {
     for (const char* const name : {static_cast<const char*>(nullptr), ""}) {
         IQORHostAddressList* list = nullptr;
         qorClearLastError();
@@ -69,7 +69,7 @@ TEST(LookupHost, what_is_no_name_is_no_host) {
     }
 }
 
-TEST(StringToAddress, of_either_family) {
+TEST(string_to_address, of_either_family) {
     qorHostAddress address;
     ASSERT_TRUE(qorStringToAddress("203.0.113.9", address));
     EXPECT_EQ(address, (qorHostAddress{.family = qorAddressFamily::ipv4, .ipv4 = {{203, 0, 113, 9}}}));
@@ -82,7 +82,7 @@ TEST(StringToAddress, of_either_family) {
     EXPECT_STREQ(text, "fe80::2");
 }
 
-TEST(StringToAddress, looks_nothing_up) {
+TEST(string_to_address, looks_nothing_up) {
     for (const char* const text : {"localhost", "", "1.2.3.4.5", "fe80::1::2", static_cast<const char*>(nullptr)}) {
         qorHostAddress address{.scope = 5};
         const qorHostAddress before = address;

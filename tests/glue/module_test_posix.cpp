@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(PosixModules, RefuseALibraryThatLacksAnOperation) {
+TEST(posix_modules, refuse_a_library_that_lacks_an_operation) {
     const qor::glue::binding_table& real = *qor::glue::table();
     qor::glue::binding_table older = real;
     older.qorTimecode_GetFrameCount = nullptr; // which none of them calls

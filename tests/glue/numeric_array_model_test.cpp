@@ -11,8 +11,8 @@ using qor::test::recording_table;
 using calls = std::vector<std::string>;
 
 template <class ARRAY>
-struct NumericArrayModel : testing::Test {};
-TYPED_TEST_SUITE(NumericArrayModel, numeric_arrays, class_names);
+struct numeric_array_model : testing::Test {};
+TYPED_TEST_SUITE(numeric_array_model, numeric_arrays, class_names);
 
 // ---- long random runs beside a plain model
 template <class ELEMENT>
@@ -28,7 +28,7 @@ bool same_bytes(const std::vector<ELEMENT>& left, const ELEMENT* right, uint32 c
     return left.size() == count && (count == 0 || std::memcmp(left.data(), right, count * sizeof(ELEMENT)) == 0);
 }
 
-TYPED_TEST(NumericArrayModel, DoesWhatAPlainVectorDoes) {
+TYPED_TEST(numeric_array_model, does_what_a_plain_vector_does) {
     using element = element_of<TypeParam>;
     using values = std::vector<element_of<TypeParam>>;
     std::mt19937 random(3);

@@ -9,8 +9,8 @@
 namespace {
 
 template <class ARRAY>
-struct NumericArrayOrder : testing::Test {};
-TYPED_TEST_SUITE(NumericArrayOrder, numeric_arrays, class_names);
+struct numeric_array_order : testing::Test {};
+TYPED_TEST_SUITE(numeric_array_order, numeric_arrays, class_names);
 
 // What the contract wants of the result, said another way: by the bytes of the difference, or by its
 // decimals.
@@ -33,7 +33,7 @@ int32 expected_order(ELEMENT first, ELEMENT second) {
     }
 }
 
-TYPED_TEST(NumericArrayOrder, IsTheSqueezedDifferenceAtAllCorners) {
+TYPED_TEST(numeric_array_order, is_the_squeezed_difference_at_all_corners) {
     const auto values = corners<element_of<TypeParam>>();
     for (const auto first : values)
         for (const auto second : values) {
@@ -43,7 +43,7 @@ TYPED_TEST(NumericArrayOrder, IsTheSqueezedDifferenceAtAllCorners) {
         }
 }
 
-TYPED_TEST(NumericArrayOrder, SortsNumbersThatLieCloseTogether) {
+TYPED_TEST(numeric_array_order, sorts_numbers_that_lie_close_together) {
     std::mt19937 random(2);
     for (uint32 count = 0; count < 200; ++count) {
         TypeParam array;
@@ -59,7 +59,7 @@ TYPED_TEST(NumericArrayOrder, SortsNumbersThatLieCloseTogether) {
     }
 }
 
-TEST(NumericArrayOrders, SmallTypesAreSortedRight) {
+TEST(numeric_array_orders, small_types_are_sorted_right) {
     const auto check = [](auto array, auto lowest) {
         using element = decltype(lowest);
         const element highest = std::numeric_limits<element>::max();
@@ -76,7 +76,7 @@ TEST(NumericArrayOrders, SmallTypesAreSortedRight) {
 }
 
 // ---- what the 32 bits of a comparison do to an order
-TEST(NumericArrayOrders, ADifferenceOf2ToThe31OrMoreSortsTheWrongWayRound) {
+TEST(numeric_array_orders, a_difference_of2_to_the31_or_more_sorts_the_wrong_way_round) {
     uint32_Array array;
     for (const bool swapped : {false, true}) {
         array.Empty();
@@ -97,7 +97,7 @@ TEST(NumericArrayOrders, ADifferenceOf2ToThe31OrMoreSortsTheWrongWayRound) {
     EXPECT_EQ(content(signed_array), (std::vector<int32>{1, INT_MIN}));
 }
 
-TEST(NumericArrayOrders, TheUpperHalfOf64BitsDoesNotCount) {
+TEST(numeric_array_orders, the_upper_half_of64_bits_does_not_count) {
     const uint64 zero = 0, multiple = 4294967296, half = 2147483648;
     EXPECT_EQ(uint64_Array::sorthelper_ascending(&multiple, &zero), 0);
     EXPECT_EQ(uint64_Array::sorthelper_descending(&multiple, &zero), 0);
@@ -141,7 +141,7 @@ void check_floating_orders() {
     EXPECT_EQ(array.GetCount(), 2u);
 }
 
-TEST(NumericArrayOrders, FloatingDifferencesAreCutTowardsZero) {
+TEST(numeric_array_orders, floating_differences_are_cut_towards_zero) {
     check_floating_orders<float_Array>();
     check_floating_orders<double_Array>();
     // The difference is that of the type: in single precision this one is 0.
@@ -179,7 +179,7 @@ void check_floating_equality() {
     EXPECT_EQ(array.GetCount(), 1u);
 }
 
-TEST(NumericArrayOrders, NumbersAreFoundByValueAndCompareByTheirBytes) {
+TEST(numeric_array_orders, numbers_are_found_by_value_and_compare_by_their_bytes) {
     check_floating_equality<float_Array>();
     check_floating_equality<double_Array>();
 }

@@ -8,10 +8,10 @@ using qor::test::recording_table;
 using calls = std::vector<std::string>;
 
 template <class ARRAY>
-struct NumericArray : testing::Test {};
-TYPED_TEST_SUITE(NumericArray, numeric_arrays, class_names);
+struct numeric_array : testing::Test {};
+TYPED_TEST_SUITE(numeric_array, numeric_arrays, class_names);
 
-TYPED_TEST(NumericArray, IsAVectorOfItsElements) {
+TYPED_TEST(numeric_array, is_a_vector_of_its_elements) {
     static_assert(std::is_same_v<element_of<TypeParam>, typename named<TypeParam>::element>);
     static_assert(sizeof(TypeParam) == sizeof(qorVector));
     const TypeParam array;
@@ -22,7 +22,7 @@ TYPED_TEST(NumericArray, IsAVectorOfItsElements) {
     EXPECT_EQ(vector.m_data.chunk_size, sizeof(element_of<TypeParam>));
 }
 
-TYPED_TEST(NumericArray, HoldsWhatIsAppended) {
+TYPED_TEST(numeric_array, holds_what_is_appended) {
     recording_table table;
     TypeParam array;
     for (int i = 0; i < 100; ++i) {
@@ -42,7 +42,7 @@ TYPED_TEST(NumericArray, HoldsWhatIsAppended) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TYPED_TEST(NumericArray, RunsAreAppendedAndInserted) {
+TYPED_TEST(numeric_array, runs_are_appended_and_inserted) {
     TypeParam array;
     const auto run = list<TypeParam>({1, 2, 3});
     array.Append(run.data(), 0);
@@ -63,7 +63,7 @@ TYPED_TEST(NumericArray, RunsAreAppendedAndInserted) {
     EXPECT_EQ(content(array), list<TypeParam>({9, 1, 1, 2, 2, 3, 3, 8, 1}));
 }
 
-TYPED_TEST(NumericArray, AnotherArrayIsAppendedAndCopied) {
+TYPED_TEST(numeric_array, another_array_is_appended_and_copied) {
     TypeParam array, other, empty;
     fill(other, {4, 5});
     array.Append(empty);
@@ -79,7 +79,7 @@ TYPED_TEST(NumericArray, AnotherArrayIsAppendedAndCopied) {
     EXPECT_TRUE(array.IsEmpty());
 }
 
-TYPED_TEST(NumericArray, ACopyOfItselfIsEmpty) {
+TYPED_TEST(numeric_array, a_copy_of_itself_is_empty) {
     TypeParam array;
     fill(array, {1, 2, 3});
     array.Copy(array);
@@ -88,7 +88,7 @@ TYPED_TEST(NumericArray, ACopyOfItselfIsEmpty) {
     EXPECT_TRUE(array.IsEmpty());
 }
 
-TYPED_TEST(NumericArray, AppendedToItselfIsDoubled) {
+TYPED_TEST(numeric_array, appended_to_itself_is_doubled) {
     TypeParam array;
     array.Append(array);
     EXPECT_TRUE(array.IsEmpty());
@@ -100,7 +100,7 @@ TYPED_TEST(NumericArray, AppendedToItselfIsDoubled) {
     EXPECT_EQ(content(array), list<TypeParam>({1, 2, 3, 1, 2, 3, 1, 2, 3, 1, 2, 3}));
 }
 
-TYPED_TEST(NumericArray, ItsOwnElementsAsValues) {
+TYPED_TEST(numeric_array, its_own_elements_as_values) {
     TypeParam array;
     fill(array, {7});
     for (int i = 0; i < 50; ++i) { // the storage moves several times
@@ -113,7 +113,7 @@ TYPED_TEST(NumericArray, ItsOwnElementsAsValues) {
     EXPECT_EQ(array.GetCount(), 100u);
 }
 
-TYPED_TEST(NumericArray, RemovesFromTheFrontTheMiddleAndTheEnd) {
+TYPED_TEST(numeric_array, removes_from_the_front_the_middle_and_the_end) {
     recording_table table;
     TypeParam array;
     fill(array, {0, 1, 2, 3, 4, 5});
@@ -129,7 +129,7 @@ TYPED_TEST(NumericArray, RemovesFromTheFrontTheMiddleAndTheEnd) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TYPED_TEST(NumericArray, ARangeBeyondTheEndIsReportedAndCut) {
+TYPED_TEST(numeric_array, a_range_beyond_the_end_is_reported_and_cut) {
     recording_table table;
     TypeParam array;
     fill(array, {3, 4});
@@ -150,7 +150,7 @@ TYPED_TEST(NumericArray, ARangeBeyondTheEndIsReportedAndCut) {
     EXPECT_EQ(table.take(), calls{cut_range<TypeParam>()});
 }
 
-TYPED_TEST(NumericArray, TheVectorIsAskedForWholeRanges) {
+TYPED_TEST(numeric_array, the_vector_is_asked_for_whole_ranges) {
     static std::vector<std::string> asked;
     asked.clear();
     recording_table table;
@@ -183,7 +183,7 @@ TYPED_TEST(NumericArray, TheVectorIsAskedForWholeRanges) {
                             "Collapse 2 18", "Collapse 1 5", "Collapse 0 1"}));
 }
 
-TYPED_TEST(NumericArray, ItsCountIsSet) {
+TYPED_TEST(numeric_array, its_count_is_set) {
     TypeParam array;
     fill(array, {1, 2, 3});
     array.SetCount(2);
@@ -199,7 +199,7 @@ TYPED_TEST(NumericArray, ItsCountIsSet) {
     EXPECT_TRUE(array.IsEmpty());
 }
 
-TYPED_TEST(NumericArray, MakesRoomAheadAndThenStaysWhereItIs) {
+TYPED_TEST(numeric_array, makes_room_ahead_and_then_stays_where_it_is) {
     TypeParam array;
     array.SetAlloc(1000);
     EXPECT_TRUE(array.IsEmpty());
@@ -212,7 +212,7 @@ TYPED_TEST(NumericArray, MakesRoomAheadAndThenStaysWhereItIs) {
     EXPECT_EQ(array.GetCount(), 1000u);
 }
 
-TYPED_TEST(NumericArray, AsASet) {
+TYPED_TEST(numeric_array, as_a_set) {
     TypeParam array;
     EXPECT_EQ(array.Find(7), -1);
     EXPECT_FALSE(array.IsPresent(7));
@@ -231,7 +231,7 @@ TYPED_TEST(NumericArray, AsASet) {
     EXPECT_EQ(content(array), list<TypeParam>({8, 7}));
 }
 
-TYPED_TEST(NumericArray, IdenticalArraysHaveTheSameBytes) {
+TYPED_TEST(numeric_array, identical_arrays_have_the_same_bytes) {
     TypeParam array, other;
     EXPECT_TRUE(array.IsIdentical(other));
     EXPECT_TRUE(array.IsIdentical(array));
@@ -247,7 +247,7 @@ TYPED_TEST(NumericArray, IdenticalArraysHaveTheSameBytes) {
     EXPECT_FALSE(other.IsIdentical(array));
 }
 
-TYPED_TEST(NumericArray, WithoutMemoryStaysAsItWas) {
+TYPED_TEST(numeric_array, without_memory_stays_as_it_was) {
     recording_table table;
     TypeParam array, other;
     fill(array, {1, 2});

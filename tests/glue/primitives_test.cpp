@@ -56,7 +56,7 @@ void lock_on_another_thread(qorFastMutex2& mutex) {
 static_assert(!std::is_copy_constructible_v<qorFastMutex2> && !std::is_copy_assignable_v<qorFastMutex2>);
 static_assert(sizeof(qorFastMutex2) == sizeof(void*));
 
-TEST(FastMutex, KeepsThreadsApart) {
+TEST(fast_mutex, keeps_threads_apart) {
     qorFastMutex2 mutex;
     long counter = 0;
     std::vector<std::thread> threads;
@@ -73,7 +73,7 @@ TEST(FastMutex, KeepsThreadsApart) {
     EXPECT_EQ(counter, 80000);
 }
 
-TEST(FastMutex, ItsOwnerMayLockItAgainAndUnlocksItAsOften) {
+TEST(fast_mutex, its_owner_may_lock_it_again_and_unlocks_it_as_often) {
     qorFastMutex2 mutex;
     mutex.Lock();
     mutex.Lock();
@@ -90,7 +90,7 @@ TEST(FastMutex, ItsOwnerMayLockItAgainAndUnlocksItAsOften) {
     lock_on_another_thread(mutex);
 }
 
-TEST(FastMutex, ReportsThatThereIsNoMemory) {
+TEST(fast_mutex, reports_that_there_is_no_memory) {
     recording_table table;
     refuse_next_request();
     qorFastMutex2 mutex;
@@ -100,7 +100,7 @@ TEST(FastMutex, ReportsThatThereIsNoMemory) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(FastMutex, IsSilentWithoutATable) {
+TEST(fast_mutex, is_silent_without_a_table) {
     recording_table table;
     EXPECT_TRUE(table.unbound([] {
         refuse_next_request();
@@ -116,7 +116,7 @@ TEST(FastMutex, IsSilentWithoutATable) {
 static_assert(!std::is_copy_constructible_v<qorAutoLockFastMutex2>);
 static_assert(sizeof(qorAutoLockFastMutex2) == sizeof(void*));
 
-TEST(AutoLock, HoldsFromItsConstructorToTheEndOfItsScope) {
+TEST(auto_lock, holds_from_its_constructor_to_the_end_of_its_scope) {
     recording_table table;
     qorFastMutex2 mutex;
     std::optional<qorAutoLockFastMutex2> lock(&mutex);
@@ -132,7 +132,7 @@ TEST(AutoLock, HoldsFromItsConstructorToTheEndOfItsScope) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(AutoLock, HoldsNothingAtFirst) {
+TEST(auto_lock, holds_nothing_at_first) {
     recording_table table;
     qorFastMutex2 mutex;
     {
@@ -147,7 +147,7 @@ TEST(AutoLock, HoldsNothingAtFirst) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(AutoLock, LetsGoWhenAnExceptionPasses) {
+TEST(auto_lock, lets_go_when_an_exception_passes) {
     qorFastMutex2 mutex;
     try {
         const qorAutoLockFastMutex2 lock(&mutex);
@@ -157,7 +157,7 @@ TEST(AutoLock, LetsGoWhenAnExceptionPasses) {
     lock_on_another_thread(mutex);
 }
 
-TEST(AutoLock, LockingASecondMutexIsReportedAndLeavesTheFirst) {
+TEST(auto_lock, locking_a_second_mutex_is_reported_and_leaves_the_first) {
     recording_table table;
     qorFastMutex2 first, second;
     {
@@ -177,7 +177,7 @@ TEST(AutoLock, LockingASecondMutexIsReportedAndLeavesTheFirst) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(AutoLock, LockingTheSameMutexAgainHoldsItOnce) {
+TEST(auto_lock, locking_the_same_mutex_again_holds_it_once) {
     recording_table table;
     qorFastMutex2 mutex;
     {
@@ -188,7 +188,7 @@ TEST(AutoLock, LockingTheSameMutexAgainHoldsItOnce) {
     lock_on_another_thread(mutex);
 }
 
-TEST(AutoLock, UnlockingNothingIsReported) {
+TEST(auto_lock, unlocking_nothing_is_reported) {
     recording_table table;
     qorFastMutex2 mutex;
     qorAutoLockFastMutex2 lock;
@@ -201,7 +201,7 @@ TEST(AutoLock, UnlockingNothingIsReported) {
     lock_on_another_thread(mutex);
 }
 
-TEST(AutoLock, IsSilentWithoutATable) {
+TEST(auto_lock, is_silent_without_a_table) {
     recording_table table;
     qorFastMutex2 first, second;
     EXPECT_TRUE(table.unbound([&] {
@@ -219,13 +219,13 @@ TEST(AutoLock, IsSilentWithoutATable) {
 
 static_assert(std::has_virtual_destructor_v<qorGate>);
 
-TEST(Gate, BeginsAsItIsTold) {
+TEST(gate, begins_as_it_is_told) {
     qorGate open(true), closed(false);
     EXPECT_TRUE(open.Wait(1));
     EXPECT_FALSE(closed.Wait(1));
 }
 
-TEST(Gate, StaysOpenUntilItIsClosed) {
+TEST(gate, stays_open_until_it_is_closed) {
     qorGate gate(false);
     gate.Open();
     for (int i = 0; i < 3; ++i) {
@@ -237,7 +237,7 @@ TEST(Gate, StaysOpenUntilItIsClosed) {
     EXPECT_FALSE(gate.Wait(1));
 }
 
-TEST(Gate, OpenedTwiceAndClosedOnceIsClosed) {
+TEST(gate, opened_twice_and_closed_once_is_closed) {
     qorGate gate(false);
     gate.Open();
     gate.Open();
@@ -245,7 +245,7 @@ TEST(Gate, OpenedTwiceAndClosedOnceIsClosed) {
     EXPECT_FALSE(gate.Wait(1));
 }
 
-TEST(Gate, LetsAllWaitersPass) {
+TEST(gate, lets_all_waiters_pass) {
     qorGate gate(false);
     std::atomic<int> passed{0};
     std::vector<std::thread> waiters;
@@ -263,35 +263,35 @@ TEST(Gate, LetsAllWaitersPass) {
     EXPECT_EQ(passed, 4);
 }
 
-TEST(Gate, AWaitWithoutLimitBlocks) {
+TEST(gate, a_wait_without_limit_blocks) {
     qorGate gate(false);
     const follower other([&] { gate.Wait(); });
     EXPECT_TRUE(other.stays_blocked());
     gate.Open();
 }
 
-TEST(Gate, ALimitOfZeroIsNoLimit) {
+TEST(gate, a_limit_of_zero_is_no_limit) {
     qorGate gate(false);
     const follower other([&] { EXPECT_TRUE(gate.Wait(0)); });
     EXPECT_TRUE(other.stays_blocked());
     gate.Open();
 }
 
-TEST(Gate, TheLargestLimitIsNoLimitEither) {
+TEST(gate, the_largest_limit_is_no_limit_either) {
     qorGate gate(false);
     const follower other([&] { EXPECT_TRUE(gate.Wait(0xffffffff)); });
     EXPECT_TRUE(other.stays_blocked());
     gate.Open();
 }
 
-TEST(Gate, WaitsAtLeastAsLongAsItsLimit) {
+TEST(gate, waits_at_least_as_long_as_its_limit) {
     qorGate gate(false);
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_FALSE(gate.Wait(1020));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1020));
 }
 
-TEST(Gate, ReportsWhatItCannotDo) {
+TEST(gate, reports_what_it_cannot_do) {
     recording_table table;
     refuse_next_request();
     qorGate gate(true);
@@ -307,7 +307,7 @@ TEST(Gate, ReportsWhatItCannotDo) {
               calls(2, assertion("result == WAIT_TIMEOUT", "bool qorGate::Wait(uint32)", windows_file, 204)));
 }
 
-TEST(Gate, IsSilentWithoutATable) {
+TEST(gate, is_silent_without_a_table) {
     recording_table table;
     EXPECT_TRUE(table.unbound([] {
         refuse_next_request();
@@ -320,13 +320,13 @@ TEST(Gate, IsSilentWithoutATable) {
 
 // ---- qorTrigger
 
-TEST(Trigger, BeginsAsItIsTold) {
+TEST(trigger, begins_as_it_is_told) {
     qorTrigger set(true), clear(false);
     EXPECT_TRUE(set.Wait(1));
     EXPECT_FALSE(clear.Wait(1));
 }
 
-TEST(Trigger, EachSetLetsOneWaitPass) {
+TEST(trigger, each_set_lets_one_wait_pass) {
     qorTrigger trigger(false);
     trigger.Set();
     trigger.Wait();
@@ -336,7 +336,7 @@ TEST(Trigger, EachSetLetsOneWaitPass) {
     EXPECT_FALSE(trigger.Wait(1));
 }
 
-TEST(Trigger, SetTwiceIsSetOnce) {
+TEST(trigger, set_twice_is_set_once) {
     qorTrigger trigger(false);
     trigger.Set();
     trigger.Set();
@@ -344,7 +344,7 @@ TEST(Trigger, SetTwiceIsSetOnce) {
     EXPECT_FALSE(trigger.Wait(1));
 }
 
-TEST(Trigger, EachSetReleasesOneWaiter) {
+TEST(trigger, each_set_releases_one_waiter) {
     qorTrigger trigger(false);
     std::atomic<int> passed{0};
     std::vector<std::thread> waiters;
@@ -364,14 +364,14 @@ TEST(Trigger, EachSetReleasesOneWaiter) {
         waiter.join();
 }
 
-TEST(Trigger, ALimitOfZeroIsNoLimit) {
+TEST(trigger, a_limit_of_zero_is_no_limit) {
     qorTrigger trigger(false);
     const follower other([&] { EXPECT_TRUE(trigger.Wait(0)); });
     EXPECT_TRUE(other.stays_blocked());
     trigger.Set();
 }
 
-TEST(Trigger, TwoThreadsPassABallBackAndForth) {
+TEST(trigger, two_threads_pass_a_ball_back_and_forth) {
     qorTrigger there(false), back(false);
     int ball = 0;
     std::thread other([&] {
@@ -389,7 +389,7 @@ TEST(Trigger, TwoThreadsPassABallBackAndForth) {
     other.join();
 }
 
-TEST(Trigger, ReportsWhatItCannotDo) {
+TEST(trigger, reports_what_it_cannot_do) {
     recording_table table;
     refuse_next_request();
     qorTrigger trigger(true);
@@ -403,7 +403,7 @@ TEST(Trigger, ReportsWhatItCannotDo) {
               calls{assertion("result == WAIT_TIMEOUT", "bool qorTrigger::Wait(uint32)", windows_file, 238)});
 }
 
-TEST(Trigger, IsSilentWithoutATable) {
+TEST(trigger, is_silent_without_a_table) {
     recording_table table;
     EXPECT_TRUE(table.unbound([] {
         refuse_next_request();
@@ -418,7 +418,7 @@ TEST(Trigger, IsSilentWithoutATable) {
 
 static_assert(sizeof(qorAtomic2) == 4);
 
-TEST(Atomic, CountsFromZero) {
+TEST(atomic, counts_from_zero) {
     qorAtomic2 value;
     EXPECT_EQ(value.Read(), 0);
     value.Increment();
@@ -430,7 +430,7 @@ TEST(Atomic, CountsFromZero) {
     EXPECT_EQ(value.Read(), -7);
 }
 
-TEST(Atomic, ExchangesOnlyWhatIsExpected) {
+TEST(atomic, exchanges_only_what_is_expected) {
     qorAtomic2 value;
     value.Set(5);
     EXPECT_FALSE(value.CompareAndExchange(4, 9));
@@ -439,7 +439,7 @@ TEST(Atomic, ExchangesOnlyWhatIsExpected) {
     EXPECT_EQ(value.Read(), 9);
 }
 
-TEST(Atomic, TellsWhenItReachesZero) {
+TEST(atomic, tells_when_it_reaches_zero) {
     qorAtomic2 value;
     value.Set(2);
     EXPECT_FALSE(value.DecrementAndTestZero());
@@ -448,7 +448,7 @@ TEST(Atomic, TellsWhenItReachesZero) {
     EXPECT_EQ(value.Read(), -1);
 }
 
-TEST(Atomic, LosesNoChangeAndOneThreadSeesZero) {
+TEST(atomic, loses_no_change_and_one_thread_sees_zero) {
     constexpr int rounds = 20000;
     qorAtomic2 value;
     std::atomic<int> zeros{0};

@@ -33,7 +33,7 @@ std::vector<std::string> list(const qorStringArray& array) {
 
 using texts = std::vector<std::string>;
 
-TEST(StringArrayRange, HoldsTheElements) {
+TEST(string_array_range, holds_the_elements) {
     qorStringArray array;
     EXPECT_EQ(array.begin(), array.end());
     EXPECT_TRUE(std::ranges::empty(array));
@@ -50,7 +50,7 @@ TEST(StringArrayRange, HoldsTheElements) {
     EXPECT_EQ(index, 3u);
 }
 
-TEST(StringArrayRange, EndsAtTheCount) {
+TEST(string_array_range, ends_at_the_count) {
     qorStringArray array;
     for (int i = 0; i < 20; ++i)
         array.Append("x");
@@ -58,7 +58,7 @@ TEST(StringArrayRange, EndsAtTheCount) {
     EXPECT_EQ(std::ranges::distance(array), 5);
 }
 
-TEST(StringArrayRange, TakesSpans) {
+TEST(string_array_range, takes_spans) {
     qorStringArray other;
     other.Append("a");
     other.Append("b\0c"sv);
@@ -92,7 +92,7 @@ using all_arrays = testing::Types<uint8_Array, int8_Array, uint16_Array, int16_A
                                   uint64_Array, int64_Array, float_Array, double_Array>;
 TYPED_TEST_SUITE(typed_array_range, all_arrays);
 
-TYPED_TEST(typed_array_range, HoldsTheElements) {
+TYPED_TEST(typed_array_range, holds_the_elements) {
     using element = std::ranges::range_value_t<TypeParam>;
     static_assert(contiguous<TypeParam> && contiguous<const TypeParam>);
     static_assert(std::is_convertible_v<TypeParam&, std::span<element>>);

@@ -33,7 +33,7 @@ int32 count_of(const void* of) {
 static_assert(sizeof(qorRefObject) == 3 * sizeof(void*));
 static_assert(std::has_virtual_destructor_v<qorRefObject> && !std::is_copy_constructible_v<qorRefObject>);
 
-TEST(RefObject, IsAnnouncedAndThenHoldsOneReference) {
+TEST(ref_object, is_announced_and_then_holds_one_reference) {
     recording_table table;
     const void* announced = nullptr;
     int32 count_then = -1;
@@ -54,7 +54,7 @@ TEST(RefObject, IsAnnouncedAndThenHoldsOneReference) {
     EXPECT_EQ(table.take(), calls{"qor_do_delete(#1)"});
 }
 
-TEST(RefObject, EndsWithTheLastReference) {
+TEST(ref_object, ends_with_the_last_reference) {
     const recording_table table;
     int ends = 0;
     auto* const made = new ("test", 1) object(ends);
@@ -65,7 +65,7 @@ TEST(RefObject, EndsWithTheLastReference) {
     EXPECT_EQ(ends, 1);
 }
 
-TEST(RefObject, EndsOnceWhenManyThreadsLetGo) {
+TEST(ref_object, ends_once_when_many_threads_let_go) {
     const recording_table table;
     for (int round = 0; round < 50; ++round) {
         int ends = 0;
@@ -88,7 +88,7 @@ TEST(RefObject, EndsOnceWhenManyThreadsLetGo) {
     }
 }
 
-TEST(RefObject, EndedWhileReferencedReportsItAndIsFreed) {
+TEST(ref_object, ended_while_referenced_reports_it_and_is_freed) {
     recording_table table;
     int ends = 0;
     auto* const made = new ("test", 1) object(ends);
@@ -98,7 +98,7 @@ TEST(RefObject, EndedWhileReferencedReportsItAndIsFreed) {
     EXPECT_EQ(table.take(), (calls{still_referenced, "qor_do_delete(#1)"}));
 }
 
-TEST(RefObject, ReferencedAgainInItsFinalReleaseEndsAllTheSame) {
+TEST(ref_object, referenced_again_in_its_final_release_ends_all_the_same) {
     class reviving : public object {
     public:
         using object::object;
@@ -113,7 +113,7 @@ TEST(RefObject, ReferencedAgainInItsFinalReleaseEndsAllTheSame) {
     EXPECT_EQ(table.take(), (calls{still_referenced, "qor_do_delete(#1)"}));
 }
 
-TEST(RefObject, WithoutATableSaysNothing) {
+TEST(ref_object, without_a_table_says_nothing) {
     recording_table table;
     int ends = 0;
     EXPECT_TRUE(table.unbound([&] { const object made(ends); }));

@@ -30,7 +30,7 @@ private:
 
 static_assert(sizeof(zetSmartPointer<counted>) == sizeof(void*));
 
-TEST(SmartPointer, AdoptsANewObjectAndEndsIt) {
+TEST(smart_pointer, adopts_a_new_object_and_ends_it) {
     recording_table table;
     int ends = 0;
     {
@@ -44,7 +44,7 @@ TEST(SmartPointer, AdoptsANewObjectAndEndsIt) {
     EXPECT_EQ(table.take(), calls{"qor_do_delete(#1)"});
 }
 
-TEST(SmartPointer, AttachingReleasesWhatWasHeld) {
+TEST(smart_pointer, attaching_releases_what_was_held) {
     counted first, second;
     {
         zetSmartPointer<counted> pointer;
@@ -57,7 +57,7 @@ TEST(SmartPointer, AttachingReleasesWhatWasHeld) {
     EXPECT_EQ(second.references, 0);
 }
 
-TEST(SmartPointer, AttachingWhatIsHeldIsReported) {
+TEST(smart_pointer, attaching_what_is_held_is_reported) {
     recording_table table;
     IQORErrorMessage* error = nullptr;
     qorGetLastError(&error);
@@ -75,7 +75,7 @@ TEST(SmartPointer, AttachingWhatIsHeldIsReported) {
     error->Release();
 }
 
-TEST(SmartPointer, AttachingTheHeldObjectReleasesItOnce) {
+TEST(smart_pointer, attaching_the_held_object_releases_it_once) {
     const recording_table table;
     counted held{2};
     zetSmartPointer<counted> pointer;
@@ -85,7 +85,7 @@ TEST(SmartPointer, AttachingTheHeldObjectReleasesItOnce) {
     EXPECT_EQ(*pointer, &held);
 }
 
-TEST(SmartPointer, DereferencingAnEmptyOneIsReported) {
+TEST(smart_pointer, dereferencing_an_empty_one_is_reported) {
     recording_table table;
     const zetSmartPointer<IQORErrorMessage> pointer;
     EXPECT_TRUE(pointer.IsEmpty());
@@ -97,7 +97,7 @@ TEST(SmartPointer, DereferencingAnEmptyOneIsReported) {
                                            "IQORErrorMessage", 130)});
 }
 
-TEST(SmartPointer, IsSilentWithoutATable) {
+TEST(smart_pointer, is_silent_without_a_table) {
     recording_table table;
     EXPECT_TRUE(table.unbound([] {
         counted held{2};
@@ -110,7 +110,7 @@ TEST(SmartPointer, IsSilentWithoutATable) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(SmartPointer, IsAnOutParameter) {
+TEST(smart_pointer, is_an_out_parameter) {
     recording_table table;
     counted before;
     const auto factory = [&](counted** out) {
@@ -130,7 +130,7 @@ TEST(SmartPointer, IsAnOutParameter) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(SmartPointer, CopiesShareTheObject) {
+TEST(smart_pointer, copies_share_the_object) {
     counted held, other;
     {
         zetSmartPointer<counted> pointer;
@@ -154,7 +154,7 @@ TEST(SmartPointer, CopiesShareTheObject) {
     EXPECT_EQ(held.references, 0);
 }
 
-TEST(SmartPointer, GivesItsReferenceAway) {
+TEST(smart_pointer, gives_its_reference_away) {
     counted held;
     {
         zetSmartPointer<counted> pointer;
@@ -165,7 +165,7 @@ TEST(SmartPointer, GivesItsReferenceAway) {
     EXPECT_EQ(held.references, 1);
 }
 
-TEST(SmartPointer, EmptyReleasesOnce) {
+TEST(smart_pointer, empty_releases_once) {
     counted held;
     {
         zetSmartPointer<counted> pointer;

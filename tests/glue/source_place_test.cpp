@@ -35,7 +35,7 @@ public:
     failing() : qorRefObject("test.failing") { throw 1; }
 };
 
-TEST(SourcePlace, IsNotedByTheMemoryOperations) {
+TEST(source_place, is_noted_by_the_memory_operations) {
     recording_table table;
     const int first = __LINE__;
     void* block = qor_do_malloc(0, 10);
@@ -56,7 +56,7 @@ TEST(SourcePlace, IsNotedByTheMemoryOperations) {
 // Operations that the table does not note by itself.
 std::string s_place;
 
-TEST(SourcePlace, IsNotedByTheOthers) {
+TEST(source_place, is_noted_by_the_others) {
     recording_table table;
     table.rows.qor_do_strdup = [](const char* text, const char* file, int line) noexcept {
         s_place = std::string(file) + ", " + std::to_string(line);
@@ -85,7 +85,7 @@ TEST(SourcePlace, IsNotedByTheOthers) {
     EXPECT_EQ(s_place, at(__LINE__ - 1));
 }
 
-TEST(SourcePlace, IsNotedByNew) {
+TEST(source_place, is_noted_by_new) {
     recording_table table;
     const int first = __LINE__;
     object* const made = QOR_NEW object;
@@ -102,7 +102,7 @@ TEST(SourcePlace, IsNotedByNew) {
     EXPECT_THROW(QOR_NEW object, std::bad_alloc);
 }
 
-TEST(SourcePlace, HasNoExtension) {
+TEST(source_place, has_no_extension) {
     EXPECT_STREQ(path_without_extension("demo/main.cpp"), "demo/main");
     EXPECT_STREQ(path_without_extension("demo\\main.cpp"), "demo\\main");
     EXPECT_STREQ(path_without_extension("main.test.cc"), "main.test");
@@ -113,7 +113,7 @@ TEST(SourcePlace, HasNoExtension) {
     EXPECT_STREQ(path_without_extension(""), "");
 }
 
-TEST(SourcePlace, IsKeptOnceForEachFile) {
+TEST(source_place, is_kept_once_for_each_file) {
     static constexpr char path[] = "demo/kept.cpp";
     EXPECT_EQ(path_without_extension(path), path_without_extension(path));
 
@@ -133,7 +133,7 @@ TEST(SourcePlace, IsKeptOnceForEachFile) {
         EXPECT_EQ(path_without_extension(each.c_str()), path_without_extension(each.c_str()));
 }
 
-TEST(SourcePlace, KeepsItsExtensionWithoutMemory) {
+TEST(source_place, keeps_its_extension_without_memory) {
     static constexpr char path[] = "demo/exhausted.cpp";
     qor::test::refuse_next_request();
     EXPECT_STREQ(path_without_extension(path), path);

@@ -33,7 +33,7 @@ uint32 last_error() {
 }
 
 // ---- memory
-TEST(MemoryStream, KeepsWhatIsWritten) {
+TEST(memory_stream, keeps_what_is_written) {
     const auto sink = new_sink();
     EXPECT_EQ(sink->GetSize(), 0u);
     EXPECT_EQ(sink->GetData(), nullptr);
@@ -53,7 +53,7 @@ TEST(MemoryStream, KeepsWhatIsWritten) {
     EXPECT_EQ(written(sink), bytes{'a'});
 }
 
-TEST(MemoryStream, MoreThanCanBeCountedIsRefused) {
+TEST(memory_stream, more_than_can_be_counted_is_refused) {
     const auto sink = new_sink();
     EXPECT_TRUE(sink->Write("abc", 3));
     qorClearLastError();
@@ -64,7 +64,7 @@ TEST(MemoryStream, MoreThanCanBeCountedIsRefused) {
     EXPECT_EQ(sink->GetSize(), 4u);
 }
 
-TEST(MemoryStream, IsReadInPiecesOfAnySize) {
+TEST(memory_stream, is_read_in_pieces_of_any_size) {
     const bytes data = {1, 2, 3, 4, 5, 6};
     const auto source = new_source(data);
     EXPECT_EQ(source->GetRemaining(), 6u);
@@ -100,7 +100,7 @@ bool answers(POINTER& object, const char* name) {
     return true;
 }
 
-TEST(MemoryStream, AnswersToItsNames) {
+TEST(memory_stream, answers_to_its_names) {
     const auto sink = new_sink();
     EXPECT_TRUE(answers(sink, "IQORMemoryDataSink"));
     EXPECT_TRUE(answers(sink, "IQORDataSink"));
@@ -114,7 +114,7 @@ TEST(MemoryStream, AnswersToItsNames) {
 }
 
 // ---- numbers
-TEST(Stream, NumbersAreLittleEndian) {
+TEST(stream, numbers_are_little_endian) {
     const auto sink = new_sink();
     EXPECT_TRUE(sink->WriteUint16(0x1234));
     EXPECT_TRUE(sink->WriteUint32(0x89abcdef));
@@ -141,8 +141,8 @@ TEST(Stream, NumbersAreLittleEndian) {
 
 // ---- the value types
 template <class TYPE>
-struct ValueStream : testing::Test {};
-TYPED_TEST_SUITE(ValueStream, value_types);
+struct value_stream : testing::Test {};
+TYPED_TEST_SUITE(value_stream, value_types);
 
 // The stream form, from the numbers of the fields.
 template <class TYPE>
@@ -156,14 +156,14 @@ bytes stream_form() {
     return result;
 }
 
-TYPED_TEST(ValueStream, IsItsFieldsInTheirOrder) {
+TYPED_TEST(value_stream, is_its_fields_in_their_order) {
     const auto sink = new_sink();
     EXPECT_TRUE(numbered<TypeParam>().Write(*sink));
     EXPECT_EQ(written(sink), stream_form<TypeParam>());
     EXPECT_EQ(sink->GetSize(), sizeof(TypeParam));
 }
 
-TYPED_TEST(ValueStream, ComesBackAsItWent) {
+TYPED_TEST(value_stream, comes_back_as_it_went) {
     bytes data = stream_form<TypeParam>();
     data.push_back(77);
     const auto source = new_source(data);
@@ -173,7 +173,7 @@ TYPED_TEST(ValueStream, ComesBackAsItWent) {
     EXPECT_EQ(source->GetRemaining(), 1u);
 }
 
-TYPED_TEST(ValueStream, AStreamThatEndsEarlyLeavesTheFieldsBeforeChanged) {
+TYPED_TEST(value_stream, a_stream_that_ends_early_leaves_the_fields_before_changed) {
     const bytes whole = stream_form<TypeParam>();
     for (std::size_t length = 0; length < whole.size(); ++length) {
         const bytes data(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
@@ -225,7 +225,7 @@ private:
     std::size_t m_room;
 };
 
-TYPED_TEST(ValueStream, ByteOrderIsTheSinksAndTheFirstFailedFieldIsTheLast) {
+TYPED_TEST(value_stream, byte_order_is_the_sinks_and_the_first_failed_field_is_the_last) {
     for (std::size_t room = 0; room <= field_count<TypeParam>; ++room) {
         big_endian_sink sink(room);
         EXPECT_EQ(numbered<TypeParam>().Write(&sink), room == field_count<TypeParam>);
@@ -240,7 +240,7 @@ TYPED_TEST(ValueStream, ByteOrderIsTheSinksAndTheFirstFailedFieldIsTheLast) {
     }
 }
 
-TEST(Stream, TypesFollowEachOtherInOneStream) {
+TEST(stream, types_follow_each_other_in_one_stream) {
     const auto sink = new_sink();
     qorStringArray texts;
     texts.Append("one");

@@ -90,7 +90,7 @@ const std::vector<std::string>& texts() {
     return all;
 }
 
-TEST(StringValue, ComparesByItsBytes) {
+TEST(string_value, compares_by_its_bytes) {
     for (const std::string& left : texts())
         for (const std::string& right : texts()) {
             const qorString ours(left);
@@ -117,14 +117,14 @@ TEST(StringValue, ComparesByItsBytes) {
         }
 }
 
-TEST(StringValue, TakesANullTextForAnEmptyOne) {
+TEST(string_value, takes_a_null_text_for_an_empty_one) {
     const char* const null = nullptr;
     EXPECT_TRUE(qorString() == null);
     EXPECT_TRUE(qorString("a") > null);
     EXPECT_TRUE(qorString(std::string_view()).IsEmpty());
 }
 
-TEST(StringValue, IsAKey) {
+TEST(string_value, is_a_key) {
     std::set<qorString> ordered;
     std::set<qorString, std::less<>> transparent;
     std::map<qorString, int> numbers;
@@ -149,7 +149,7 @@ TEST(StringValue, IsAKey) {
     EXPECT_FALSE(transparent.contains("abcd"));
 }
 
-TEST(StringValue, SortsWithTheAlgorithmsOfTheLibrary) {
+TEST(string_value, sorts_with_the_algorithms_of_the_library) {
     std::vector<qorString> ours;
     for (const std::string& text : texts())
         ours.emplace_back(text);
@@ -162,7 +162,7 @@ TEST(StringValue, SortsWithTheAlgorithmsOfTheLibrary) {
     EXPECT_NE(std::ranges::find(ours, "abc"sv), ours.end());
 }
 
-TEST(StringValue, TakesViewsWhole) {
+TEST(string_value, takes_views_whole) {
     for (const std::string& text : texts()) {
         const std::string_view view = text;
         qorString made(view);
@@ -179,7 +179,7 @@ TEST(StringValue, TakesViewsWhole) {
     }
 }
 
-TEST(StringValue, TakesAViewOfItself) {
+TEST(string_value, takes_a_view_of_itself) {
     qorString text("one two");
     text = std::string_view(text).substr(4);
     EXPECT_EQ(text, "two");
@@ -190,7 +190,7 @@ TEST(StringValue, TakesAViewOfItself) {
 const char* kind(const char*) { return "text"; }
 [[maybe_unused]] const char* kind(bool) { return "condition"; }
 
-TEST(StringValue, ConvertsToTextAndView) {
+TEST(string_value, converts_to_text_and_view) {
     const qorString text(std::string_view("a\0b", 3));
     const char* const plain = text;
     EXPECT_EQ(plain, text.Text());
@@ -210,7 +210,7 @@ TEST(StringValue, ConvertsToTextAndView) {
 }
 
 #ifdef __cpp_lib_format
-TEST(StringValue, IsFormattedAsAView) {
+TEST(string_value, is_formatted_as_a_view) {
     EXPECT_EQ(std::format("<{}>", qorString("abc")), "<abc>");
     EXPECT_EQ(std::format("<{:>5.2}>", qorString("abc")), "<   ab>");
 }

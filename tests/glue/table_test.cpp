@@ -57,7 +57,7 @@ constexpr row rows[] = {
 #undef QOR_FREE
 };
 
-TEST(Table, HoldsAllThatIsWrittenAndNothingElse) {
+TEST(table, holds_all_that_is_written_and_nothing_else) {
     const binding_table& table = *qor::glue::table();
     uint32 covered = 0;
     for (const row& each : rows)
@@ -66,9 +66,9 @@ TEST(Table, HoldsAllThatIsWrittenAndNothingElse) {
     EXPECT_EQ(covered, qor::glue::slot_count);
 }
 
-TEST(Table, TellsItsLength) { EXPECT_EQ(qor::glue::qorGetTableLength(), qor::glue::slot_count); }
+TEST(table, tells_its_length) { EXPECT_EQ(qor::glue::qorGetTableLength(), qor::glue::slot_count); }
 
-TEST(Table, IsSufficientWithEveryWrittenOperation) {
+TEST(table, is_sufficient_with_every_written_operation) {
     binding_table table = *qor::glue::table();
     EXPECT_TRUE(qor::glue::is_sufficient(table));
     const auto without = [&table](uint32 number) {
@@ -82,7 +82,7 @@ TEST(Table, IsSufficientWithEveryWrittenOperation) {
         EXPECT_EQ(without(each.number), !each.written) << each.op;
 }
 
-TEST(Table, IsSufficientWhereItIsLonger) {
+TEST(table, is_sufficient_where_it_is_longer) {
     binding_table table = *qor::glue::table();
     table.qorGetTableLength = []() noexcept -> uint32 { return qor::glue::slot_count + 1; };
     EXPECT_TRUE(qor::glue::is_sufficient(table));
@@ -92,7 +92,7 @@ TEST(Table, IsSufficientWhereItIsLonger) {
     EXPECT_FALSE(qor::glue::is_sufficient(table));
 }
 
-TEST(Table, IsNotReadBehindItsLength) {
+TEST(table, is_not_read_behind_its_length) {
     using length = uint32 (*)() noexcept;
     const length one = []() noexcept -> uint32 { return 1; };
     const qor::test::fenced_memory memory(sizeof one);
@@ -100,7 +100,7 @@ TEST(Table, IsNotReadBehindItsLength) {
     EXPECT_FALSE(qor::glue::is_sufficient(*reinterpret_cast<const binding_table*>(memory.end() - sizeof one)));
 }
 
-TEST(Table, AModuleTakesNoneThatIsInsufficient) {
+TEST(table, a_module_takes_none_that_is_insufficient) {
     const binding_table* const real = qor::glue::table();
     binding_table table = *real;
     table.qorCleanup = nullptr;
@@ -110,7 +110,7 @@ TEST(Table, AModuleTakesNoneThatIsInsufficient) {
     EXPECT_TRUE(qor::glue::bind_module(real));
 }
 
-TEST(Table, IsTheSameHoweverOftenItIsFetched) {
+TEST(table, is_the_same_however_often_it_is_fetched) {
     const binding_table* const first = qor::glue::table();
     EXPECT_EQ(qor::glue::bind(), first);
     EXPECT_EQ(qor::glue::s_funcs.load(), first);

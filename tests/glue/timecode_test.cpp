@@ -25,7 +25,7 @@ std::string text(const qorTimecode& timecode, const RATE& rate) {
     return out.Text();
 }
 
-TEST(Timecode, IsPackedIntoOneNumber) {
+TEST(timecode, is_packed_into_one_number) {
     EXPECT_EQ(qorTimecode(1, 2, 3, 4).pack_u64(), 0x0001000200030004u);
     EXPECT_EQ(qorTimecode(0xffff, 0, 0x8000, 0xfffe).pack_u64(), 0xffff00008000fffeu);
     std::mt19937_64 random(4);
@@ -40,13 +40,13 @@ TEST(Timecode, IsPackedIntoOneNumber) {
     EXPECT_EQ(timecode, qorTimecode(1, 2, 3, 4));
 }
 
-TEST(Timecode, IsATextForPictures) {
+TEST(timecode, is_a_text_for_pictures) {
     EXPECT_EQ(video({1, 2, 3, 4}), "01:02:03:04");
     EXPECT_EQ(video({0, 0, 0, 0}), "00:00:00:00");
     EXPECT_EQ(video({65535, 100, 61, 999}), "65535:100:61:999");
 }
 
-TEST(Timecode, IsATextForSound) {
+TEST(timecode, is_a_text_for_sound) {
     qorString out;
     qorTimecode(1, 2, 3, 4).GetAudioString(out);
     EXPECT_STREQ(out.Text(), "01:02:03.004");
@@ -54,7 +54,7 @@ TEST(Timecode, IsATextForSound) {
     EXPECT_STREQ(out.Text(), "100:00:00.65535");
 }
 
-TEST(Timecode, ItsFramesAreAsWideAsTheHighestOfTheRate) {
+TEST(timecode, its_frames_are_as_wide_as_the_highest_of_the_rate) {
     const qorTimecode timecode(1, 2, 3, 4);
     EXPECT_EQ(text(timecode, 1u), "01:02:03:4");
     EXPECT_EQ(text(timecode, 10u), "01:02:03:4");
@@ -69,7 +69,7 @@ TEST(Timecode, ItsFramesAreAsWideAsTheHighestOfTheRate) {
     EXPECT_EQ(text(qorTimecode(0, 0, 0, 123), 25u), "00:00:00:123");
 }
 
-TEST(Timecode, TheRateMayBeAFraction) {
+TEST(timecode, the_rate_may_be_a_fraction) {
     const qorTimecode timecode(1, 2, 3, 4);
     const auto of = [&timecode](int32 numerator, uint32 denominator) {
         return text(timecode, qorRational(numerator, denominator));
@@ -94,7 +94,7 @@ TEST(Timecode, TheRateMayBeAFraction) {
 // ---- from a clock
 constexpr uint64 second = 10'000'000;
 
-TEST(Timecode, IsTheTimeOfDayOfAClock) {
+TEST(timecode, is_the_time_of_day_of_a_clock) {
     qor::test::recording_table table;
     qorTimecode timecode;
     const uint64 day = 86400 * second;
@@ -114,7 +114,7 @@ TEST(Timecode, IsTheTimeOfDayOfAClock) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(Timecode, ARateAboveAThousandIsAThousand) {
+TEST(timecode, a_rate_above_a_thousand_is_a_thousand) {
     for (const uint64 ticks : {0ull, 1ull, 9'999ull, 10'000ull, 1'234'567ull, 9'999'999ull}) {
         qorTimecode thousand, more, little_more;
         thousand.SetFromClock(qorRational(1000, 1), false, 3 * second + ticks);
@@ -126,7 +126,7 @@ TEST(Timecode, ARateAboveAThousandIsAThousand) {
     }
 }
 
-TEST(Timecode, FramesOfAClockAreExact) {
+TEST(timecode, frames_of_a_clock_are_exact) {
     std::mt19937_64 random(5);
     for (int i = 0; i < 20000; ++i) {
         const qorRational rate(static_cast<int32>(random() % 0x7fffffff + 1) >> random() % 31 | 1,
@@ -146,7 +146,7 @@ TEST(Timecode, FramesOfAClockAreExact) {
     }
 }
 
-TEST(Timecode, ARateThatIsNoneIsReported) {
+TEST(timecode, a_rate_that_is_none_is_reported) {
     qor::test::recording_table table;
     const calls report{qor::test::assertion("INVALID FRAME RATE",
                                             "void qorTimecode::SetFromClock(const qorRational&, bool, uint64)",
@@ -160,7 +160,7 @@ TEST(Timecode, ARateThatIsNoneIsReported) {
     }
 }
 
-TEST(Timecode, LocalTimeIsAskedForWhereItIsWanted) {
+TEST(timecode, local_time_is_asked_for_where_it_is_wanted) {
     static std::vector<std::string> asked;
     asked.clear();
     qor::test::recording_table table;
@@ -179,7 +179,7 @@ TEST(Timecode, LocalTimeIsAskedForWhereItIsWanted) {
 }
 
 // ---- frame counts are the library's
-TEST(Timecode, WithoutAFlagCountsWithDroppedFrames) {
+TEST(timecode, without_a_flag_counts_with_dropped_frames) {
     qor::test::recording_table table;
     const qorRational rate(30000, 1001);
     qorTimecode without, with, plain;
@@ -197,7 +197,7 @@ TEST(Timecode, WithoutAFlagCountsWithDroppedFrames) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(Timecode, WithoutAFlagPassesTrueForIt) {
+TEST(timecode, without_a_flag_passes_true_for_it) {
     static std::string asked;
     asked.clear();
     qor::test::recording_table table;
@@ -222,7 +222,7 @@ std::string reported(ACTION action) {
     return testing::internal::GetCapturedStderr();
 }
 
-TEST(Timecode, ARateThatIsNoneCountsNothing) {
+TEST(timecode, a_rate_that_is_none_counts_nothing) {
     const std::string set = "assertion failed: INVALID FRAME RATE, in void "
                             "qorTimecode::SetFromFrameCount(const qorRational&, bool, "
                             "uint64) (qorcore/src/time/timecode:50)";

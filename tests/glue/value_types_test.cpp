@@ -10,10 +10,10 @@ namespace {
 
 // ---- what all of them have in common
 template <class TYPE>
-struct ValueType : testing::Test {};
-TYPED_TEST_SUITE(ValueType, value_types);
+struct value_class : testing::Test {};
+TYPED_TEST_SUITE(value_class, value_types);
 
-TYPED_TEST(ValueType, IsItsFieldsInTheirOrderAndNothingElse) {
+TYPED_TEST(value_class, is_its_fields_in_their_order_and_nothing_else) {
     static_assert(std::is_trivially_copyable_v<TypeParam>);
     static_assert(std::is_standard_layout_v<TypeParam>);
     static_assert(!std::is_polymorphic_v<TypeParam>);
@@ -27,7 +27,7 @@ TYPED_TEST(ValueType, IsItsFieldsInTheirOrderAndNothingElse) {
     EXPECT_EQ(sizeof value, offset);
 }
 
-TYPED_TEST(ValueType, IsMadeSetAndCopiedFieldByField) {
+TYPED_TEST(value_class, is_made_set_and_copied_field_by_field) {
     TypeParam model = numbered<TypeParam>();
     std::apply(
         [&](auto&... field) {
@@ -45,7 +45,7 @@ TYPED_TEST(ValueType, IsMadeSetAndCopiedFieldByField) {
     EXPECT_EQ(fields(assigned), fields(model));
 }
 
-TYPED_TEST(ValueType, IsEqualOnlyWhereEveryFieldIs) {
+TYPED_TEST(value_class, is_equal_only_where_every_field_is) {
     const TypeParam value = numbered<TypeParam>();
     TypeParam other = value;
     EXPECT_TRUE(value == other);
@@ -59,7 +59,7 @@ TYPED_TEST(ValueType, IsEqualOnlyWhereEveryFieldIs) {
     EXPECT_TRUE(value == other);
 }
 
-TEST(ValueTypes, BeginAsNothing) {
+TEST(value_types, begin_as_nothing) {
     EXPECT_EQ(qorSize(), qorSize(0, 0));
     EXPECT_EQ(qorPoint(), qorPoint(0, 0));
     EXPECT_EQ(qorRect(), qorRect(0, 0, 0, 0));
@@ -69,7 +69,7 @@ TEST(ValueTypes, BeginAsNothing) {
 }
 
 // ---- points and rectangles
-TEST(Geometry, EmptyIsAllZero) {
+TEST(geometry, empty_is_all_zero) {
     qorPoint point(1, 2);
     point.Empty();
     EXPECT_EQ(point, qorPoint());
@@ -78,7 +78,7 @@ TEST(Geometry, EmptyIsAllZero) {
     EXPECT_EQ(rect, qorRect());
 }
 
-TEST(Geometry, ARectangleIsAPointAndASize) {
+TEST(geometry, a_rectangle_is_a_point_and_a_size) {
     const qorRect rect(qorPoint(10, 20), qorSize(3, 4));
     EXPECT_EQ(rect, qorRect(10, 20, 13, 24));
     EXPECT_EQ(rect.GetSize(), qorSize(3, 4));
@@ -94,13 +94,13 @@ TEST(Geometry, ARectangleIsAPointAndASize) {
     EXPECT_EQ(set.GetSize(), qorSize(-1, 2));
 }
 
-TEST(Geometry, ARectangleMoves) {
+TEST(geometry, a_rectangle_moves) {
     qorRect rect(1, 2, 3, 4);
     rect.OffsetRect(10, -20);
     EXPECT_EQ(rect, qorRect(11, -18, 13, -16));
 }
 
-TEST(Geometry, ARectangleHoldsItsLeftAndTopButNotItsRightAndBottom) {
+TEST(geometry, a_rectangle_holds_its_left_and_top_but_not_its_right_and_bottom) {
     const qorRect rect(-2, 5, 1, 7);
     for (int x = -4; x < 4; ++x)
         for (int y = 3; y < 10; ++y) {
@@ -114,7 +114,7 @@ TEST(Geometry, ARectangleHoldsItsLeftAndTopButNotItsRightAndBottom) {
     EXPECT_FALSE(qorRect(INT_MIN, INT_MIN, INT_MAX, INT_MAX).IsInside(INT_MAX, 0));
 }
 
-TEST(Geometry, NormaliseSwapsWhatIsTheWrongWayRound) {
+TEST(geometry, normalise_swaps_what_is_the_wrong_way_round) {
     const auto normalised = [](qorRect rect) {
         rect.Normalise();
         return rect;
@@ -127,7 +127,7 @@ TEST(Geometry, NormaliseSwapsWhatIsTheWrongWayRound) {
     EXPECT_EQ(normalised({INT_MAX, 0, INT_MIN, 0}), qorRect(INT_MIN, 0, INT_MAX, 0));
 }
 
-TEST(Geometry, SumsAndDifferencesWrap) {
+TEST(geometry, sums_and_differences_wrap) {
     EXPECT_EQ(qorRect(qorPoint(INT_MAX, INT_MIN), qorSize(1, -1)), qorRect(INT_MAX, INT_MIN, INT_MIN, INT_MAX));
     EXPECT_EQ(qorRect(INT_MIN, INT_MAX, INT_MAX, INT_MIN).GetSize(), qorSize(-1, 1));
     qorRect rect(INT_MAX, INT_MIN, 0, 0);
@@ -136,7 +136,7 @@ TEST(Geometry, SumsAndDifferencesWrap) {
 }
 
 // ---- colours
-TEST(Colour, ThreeComponentsLeaveAlphaAlone) {
+TEST(colour, three_components_leave_alpha_alone) {
     qorColour colour;
     colour.Set(1, 2, 3);
     EXPECT_EQ(colour, qorColour(1, 2, 3, 65535));
@@ -147,7 +147,7 @@ TEST(Colour, ThreeComponentsLeaveAlphaAlone) {
 }
 
 // ---- fractions
-TEST(Rational, IsANumber) {
+TEST(rational, is_a_number) {
     EXPECT_EQ(qorRational(25, 1).fp_val(), 25.0);
     EXPECT_EQ(qorRational(30000, 1001).fp_val(), 30000.0 / 1001.0);
     EXPECT_EQ(qorRational(-1, 4).fp_val(), -0.25);

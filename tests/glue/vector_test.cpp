@@ -27,7 +27,7 @@ std::vector<int> content(qorVector& vector) {
     return values;
 }
 
-TEST(Vector, IsAPointerAndThreeNumbers) {
+TEST(vector, is_a_pointer_and_three_numbers) {
     static_assert(sizeof(qorVector) == 3 * sizeof(void*));
     static_assert(offsetof(qorVector, m_data) == 0);
     using data = decltype(qorVector::m_data);
@@ -40,7 +40,7 @@ TEST(Vector, IsAPointerAndThreeNumbers) {
     EXPECT_EQ(vector.m_data.alloc, 0u);
 }
 
-TEST(Vector, AppendsInsertsAndCollapses) {
+TEST(vector, appends_inserts_and_collapses) {
     recording_table table;
     qorVector vector(sizeof(int));
     append(vector, {1, 2, 3});
@@ -55,7 +55,7 @@ TEST(Vector, AppendsInsertsAndCollapses) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(Vector, NothingAddedIsTheAddressBehindTheLastElement) {
+TEST(vector, nothing_added_is_the_address_behind_the_last_element) {
     qorVector vector(sizeof(int));
     EXPECT_EQ(vector.Append(0), nullptr);
     append(vector, {1, 2});
@@ -63,7 +63,7 @@ TEST(Vector, NothingAddedIsTheAddressBehindTheLastElement) {
     EXPECT_EQ(vector.GetCount(), 2u);
 }
 
-TEST(Vector, RangesAreCutAtTheEnd) {
+TEST(vector, ranges_are_cut_at_the_end) {
     qorVector vector(sizeof(int));
     append(vector, {1, 2, 3});
     vector.Collapse(3, 5);
@@ -75,7 +75,7 @@ TEST(Vector, RangesAreCutAtTheEnd) {
     EXPECT_EQ(content(vector), (std::vector{1}));
 }
 
-TEST(Vector, EmptyFreesTheElementsAndKeepsTheirSize) {
+TEST(vector, empty_frees_the_elements_and_keeps_their_size) {
     qorVector vector(sizeof(int));
     append(vector, {1, 2, 3});
     vector.Empty();
@@ -86,7 +86,7 @@ TEST(Vector, EmptyFreesTheElementsAndKeepsTheirSize) {
     EXPECT_EQ(content(vector), (std::vector{7}));
 }
 
-TEST(Vector, MakesRoomAheadAndThenStaysWhereItIs) {
+TEST(vector, makes_room_ahead_and_then_stays_where_it_is) {
     qorVector vector(sizeof(int));
     vector.SetAlloc(1000);
     EXPECT_GE(vector.m_data.alloc, 1000u);
@@ -100,7 +100,7 @@ TEST(Vector, MakesRoomAheadAndThenStaysWhereItIs) {
     EXPECT_EQ(vector.GetCount(), 1000u);
 }
 
-TEST(Vector, DetachGivesTheElementsAwayAndKeepsTheirSize) {
+TEST(vector, detach_gives_the_elements_away_and_keeps_their_size) {
     qorVector vector(sizeof(int));
     append(vector, {1, 2});
     void* const elements = vector.m_data.elements;
@@ -115,7 +115,7 @@ TEST(Vector, DetachGivesTheElementsAwayAndKeepsTheirSize) {
     qor_do_free(elements, "test", 1);
 }
 
-TEST(Vector, StealsTheElementsOfAnother) {
+TEST(vector, steals_the_elements_of_another) {
     recording_table table;
     qorVector thief(sizeof(int)), victim(sizeof(int));
     append(thief, {1});
@@ -135,7 +135,7 @@ TEST(Vector, StealsTheElementsOfAnother) {
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(Vector, StealingElementsOfAnotherSizeIsReportedAndDone) {
+TEST(vector, stealing_elements_of_another_size_is_reported_and_done) {
     recording_table table;
     qorVector thief(1), victim(sizeof(int));
     append(victim, {2, 3});
@@ -150,7 +150,7 @@ TEST(Vector, StealingElementsOfAnotherSizeIsReportedAndDone) {
     EXPECT_EQ(victim.m_data.elements, nullptr);
 }
 
-TEST(Vector, AnIndexBeyondTheEndIsReportedAndItsAddressReturned) {
+TEST(vector, an_index_beyond_the_end_is_reported_and_its_address_returned) {
     recording_table table;
     qorVector vector(sizeof(int));
     EXPECT_EQ(vector.ptr(0), nullptr);
@@ -166,14 +166,14 @@ TEST(Vector, AnIndexBeyondTheEndIsReportedAndItsAddressReturned) {
     EXPECT_EQ(table.take(), calls{beyond_the_end});
 }
 
-TEST(Vector, IsSilentWithoutATable) {
+TEST(vector, is_silent_without_a_table) {
     recording_table table;
     qorVector vector(sizeof(int));
     EXPECT_TRUE(table.unbound([&] { EXPECT_EQ(vector.ptr(0), nullptr); }));
     EXPECT_EQ(table.take(), calls{});
 }
 
-TEST(Vector, WithoutMemoryStaysAsItWas) {
+TEST(vector, without_memory_stays_as_it_was) {
     qorVector vector(0x10000);
     std::memset(vector.Append(1), 7, 0x10000);
     EXPECT_THROW(vector.Append(0xffffffff), std::bad_alloc);
@@ -183,7 +183,7 @@ TEST(Vector, WithoutMemoryStaysAsItWas) {
 }
 
 // Long random runs beside a plain model.
-TEST(Vector, DoesWhatAPlainVectorDoes) {
+TEST(vector, does_what_a_plain_vector_does) {
     std::mt19937 random(1);
     qorVector vector(sizeof(int));
     std::vector<int> model;

@@ -20,7 +20,7 @@ auto wait_for(PRIMITIVE& what) {
     };
 }
 
-TEST(Trigger, AsManySetsInARowAsWaitReleaseThemAll) {
+TEST(trigger, as_many_sets_in_a_row_as_wait_release_them_all) {
     for (const int count : {1, 2, 4})
         in_each_round([count](int milliseconds) {
             qorTrigger trigger(false);
@@ -35,7 +35,7 @@ TEST(Trigger, AsManySetsInARowAsWaitReleaseThemAll) {
         });
 }
 
-TEST(Trigger, FewerSetsInARowReleaseNoMoreWaiters) {
+TEST(trigger, fewer_sets_in_a_row_release_no_more_waiters) {
     in_each_round([](int milliseconds) {
         qorTrigger trigger(false);
         crowd waiters(4, wait_for(trigger));
@@ -51,7 +51,7 @@ TEST(Trigger, FewerSetsInARowReleaseNoMoreWaiters) {
     });
 }
 
-TEST(Trigger, WhenAllWhoWaitedAreReleasedItIsSetOnce) {
+TEST(trigger, when_all_who_waited_are_released_it_is_set_once) {
     in_each_round([](int milliseconds) {
         qorTrigger trigger(false);
         crowd waiters(2, wait_for(trigger));
@@ -62,7 +62,7 @@ TEST(Trigger, WhenAllWhoWaitedAreReleasedItIsSetOnce) {
     });
 }
 
-TEST(Trigger, WhoComesLaterDoesNotTakeWhatAWaiterWasGiven) {
+TEST(trigger, who_comes_later_does_not_take_what_a_waiter_was_given) {
     in_each_round([](int milliseconds) {
         qorTrigger trigger(false);
         crowd waiters(1, wait_for(trigger));
@@ -76,7 +76,7 @@ TEST(Trigger, WhoComesLaterDoesNotTakeWhatAWaiterWasGiven) {
 }
 
 // Each ends with the waiter released or the trigger set, never both and never neither.
-TEST(Trigger, AWaitThatTimesOutSwallowsNoSet) {
+TEST(trigger, a_wait_that_times_out_swallows_no_set) {
     int released = 0;
     for (int round = 0; round < 300; ++round) {
         qorTrigger trigger(false);
@@ -93,7 +93,7 @@ TEST(Trigger, AWaitThatTimesOutSwallowsNoSet) {
     EXPECT_GT(released, 0);
 }
 
-TEST(Trigger, InACrowdNoSetReleasesTwo) {
+TEST(trigger, in_a_crowd_no_set_releases_two) {
     qorTrigger trigger(false);
     std::atomic<int> sets{0};
     std::atomic<int> taken{0};
@@ -127,7 +127,7 @@ TEST(Trigger, InACrowdNoSetReleasesTwo) {
     EXPECT_GT(taken, 0);
 }
 
-TEST(Gate, OpenedAndClosedAtOnceReleasesAllWhoWaited) {
+TEST(gate, opened_and_closed_at_once_releases_all_who_waited) {
     in_each_round([](int milliseconds) {
         qorGate gate(false);
         crowd waiters(4, wait_for(gate));
@@ -140,7 +140,7 @@ TEST(Gate, OpenedAndClosedAtOnceReleasesAllWhoWaited) {
     });
 }
 
-TEST(Gate, ClosedAtOnceItHoldsWhoComesLater) {
+TEST(gate, closed_at_once_it_holds_who_comes_later) {
     in_each_round([](int milliseconds) {
         qorGate gate(false);
         crowd early(2, wait_for(gate));
@@ -155,7 +155,7 @@ TEST(Gate, ClosedAtOnceItHoldsWhoComesLater) {
     });
 }
 
-TEST(Gate, OpenedAndClosedWithoutEndLosesNobody) {
+TEST(gate, opened_and_closed_without_end_loses_nobody) {
     qorGate gate(false);
     std::atomic<int> rest{4};
     std::vector<std::thread> waiters;

@@ -31,7 +31,7 @@ struct spoiled_memory {
 } // namespace
 
 // A released waiter has no more to do with the event, though its thread has not run yet.
-TEST(Waiters, ThatAreReleasedDoNotNeedTheirGateOrTrigger) {
+TEST(waiters, that_are_released_do_not_need_their_gate_or_trigger) {
     const spoiled_memory spoiled;
     qor::test::in_each_round([](int milliseconds) {
         auto gate = std::make_unique<qorGate>(false);
@@ -50,7 +50,7 @@ TEST(Waiters, ThatAreReleasedDoNotNeedTheirGateOrTrigger) {
 }
 
 // It would leave its place in the line behind, and the lock.
-TEST(Waiters, AThreadThatIsCancelledGetsWhatItWaitsForFirst) {
+TEST(waiters, a_thread_that_is_cancelled_gets_what_it_waits_for_first) {
     qorTrigger trigger(false);
     std::atomic<pthread_t> thread;
     qor::test::crowd waiters(1, [&](int) {
@@ -68,7 +68,7 @@ TEST(Waiters, AThreadThatIsCancelledGetsWhatItWaitsForFirst) {
 }
 
 // The child has none of the threads that wait in its parent, and so nobody takes from it what it sets.
-TEST(Waiters, AForkedChildHasNone) {
+TEST(waiters, a_forked_child_has_none) {
     qorTrigger trigger(false);
     qorGate gate(false);
     qor::test::crowd waiters(4, [&](int number) { number % 2 == 0 ? trigger.Wait() : gate.Wait(); });
@@ -100,7 +100,7 @@ TEST(Waiters, AForkedChildHasNone) {
 // ThreadSanitizer holds what the parent's threads did against the child.
 #if !defined(__SANITIZE_THREAD__)
 // It has none of those who were on their way out of the event either, and may destroy it.
-TEST(Waiters, AForkedChildMayDestroyWhatOthersWaitedFor) {
+TEST(waiters, a_forked_child_may_destroy_what_others_waited_for) {
     for (int round = 0; round < 50; ++round) {
         auto gate = std::make_unique<qorGate>(false);
         qor::test::crowd waiters(4, [&](int) { gate->Wait(); });

@@ -12,7 +12,7 @@ namespace {
 #error "windows.h has lost its LoadString"
 #endif
 
-TEST(QOR_TEST_SUITE, OursAreOurs) {
+TEST(QOR_TEST_SUITE, ours_are_ours) {
     qorString text;
     EXPECT_TRUE(text.LoadString("qorcore", 1));
     EXPECT_FALSE(text.IsEmpty());
@@ -37,7 +37,7 @@ TEST(QOR_TEST_SUITE, OursAreOurs) {
     EXPECT_EQ(from_token, name);
 }
 
-TEST(QOR_TEST_SUITE, ThoseOfWindowsAreOfWindows) {
+TEST(QOR_TEST_SUITE, those_of_windows_are_of_windows) {
     MSG message;
     (void)PeekMessage(&message, nullptr, 0, 0, PM_NOREMOVE); // a thread that asks has a queue of messages
     ASSERT_TRUE(PostThreadMessage(GetCurrentThreadId(), WM_APP + 7, 1, 2));

@@ -3,5 +3,5 @@
 
 #include "qor/qor.h"
 
-#define QOR_TEST_SUITE WindowsNamesBefore
+#define QOR_TEST_SUITE windows_names_before
 #include "glue/windows_names.h"

@@ -3,5 +3,5 @@
 
 #include <windows.h>
 
-#define QOR_TEST_SUITE WindowsNamesBehind
+#define QOR_TEST_SUITE windows_names_behind
 #include "glue/windows_names.h"

@@ -29,7 +29,7 @@ std::string text_of(const qorHostAddress& address, bool with_scope) {
 }
 
 // The recommendations of RFC 5952, each with an example of its own.
-TEST(Address, ipv6_in_its_shortest_form) {
+TEST(address, ipv6_in_its_shortest_form) {
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0, 0, 0}), "::");
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0, 0, 1}), "::1");
     EXPECT_EQ(text_of({1, 0, 0, 0, 0, 0, 0, 0}), "1::");
@@ -42,7 +42,7 @@ TEST(Address, ipv6_in_its_shortest_form) {
               "abcd:ef01:2345:6789:abcd:ef01:2345:6789");
 }
 
-TEST(Address, ipv6_with_an_ipv4_address_in_it) {
+TEST(address, ipv6_with_an_ipv4_address_in_it) {
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0xffff, 0xc000, 0x0201}), "::ffff:192.0.2.1");
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0, 0xc000, 0x0201}), "::192.0.2.1");
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0xffff, 0, 0}), "::ffff:0.0.0.0");
@@ -50,12 +50,12 @@ TEST(Address, ipv6_with_an_ipv4_address_in_it) {
               "64:ff9b::c000:201"); // a translator's prefix is none
 }
 
-TEST(Address, scope_follows) {
+TEST(address, scope_follows) {
     EXPECT_EQ(text_of({0xfe80, 0, 0, 0, 0, 0, 0, 1}, 4'000'000'000), "fe80::1%4000000000");
     EXPECT_EQ(text_of({0x2001, 0xdb8, 0, 0, 0, 0, 0, 1}, 1), "2001:db8::1%1"); // not link-local: a number
 }
 
-TEST(Address, host_of_either_family) {
+TEST(address, host_of_either_family) {
     EXPECT_EQ(text_of(qorHostAddress{}, true), "");
     EXPECT_EQ(text_of({.family = qorAddressFamily::ipv4, .ipv4 = {{255, 0, 10, 1}}}, true), "255.0.10.1");
     qorHostAddress link_local{.family = qorAddressFamily::ipv6, .scope = 4'000'000'000};

@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(Address, like_the_c_library) {
+TEST(address, like_the_c_library) {
     std::mt19937 random(1);
     for (int round = 0; round < 100'000; ++round) {
         // Each group is often 0, and each digit of it, too.
@@ -28,7 +28,7 @@ TEST(Address, like_the_c_library) {
     }
 }
 
-TEST(Address, scope_by_the_name_of_its_interface) {
+TEST(address, scope_by_the_name_of_its_interface) {
     const uint32 loopback = if_nametoindex("lo");
     ASSERT_NE(loopback, 0u);
     qoraddr_ipv6 address{{0xfe, 0x80}};

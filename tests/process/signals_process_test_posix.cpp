@@ -157,9 +157,9 @@ const scene system_calls{"signals_system_calls", act_system_calls};
 
 } // namespace
 
-TEST(SignalsOfAProcess, come_outside_the_interruption) { expect_success(not_inside_the_interruption); }
-TEST(SignalsOfAProcess, of_a_burst_none_is_lost) { expect_success(bursts); }
-TEST(SignalsOfAProcess, do_not_disturb_system_calls) { expect_success(system_calls); }
+TEST(signals_of_a_process, come_outside_the_interruption) { expect_success(not_inside_the_interruption); }
+TEST(signals_of_a_process, of_a_burst_none_is_lost) { expect_success(bursts); }
+TEST(signals_of_a_process, do_not_disturb_system_calls) { expect_success(system_calls); }
 
 // ---------------------------------------------------------------- removal and replacement
 
@@ -340,17 +340,17 @@ const scene put_back{"signals_put_back", act_put_back};
 
 } // namespace
 
-TEST(SignalsOfAProcess, taken_away_at_once_a_handler_has_got_all) { expect_success(taken_away_at_once); }
-TEST(SignalsOfAProcess, replaced_at_once_each_handler_gets_its_own) { expect_success(replaced_at_once); }
-TEST(SignalsOfAProcess, are_told_to_a_handler_that_takes_itself_away) {
+TEST(signals_of_a_process, taken_away_at_once_a_handler_has_got_all) { expect_success(taken_away_at_once); }
+TEST(signals_of_a_process, replaced_at_once_each_handler_gets_its_own) { expect_success(replaced_at_once); }
+TEST(signals_of_a_process, are_told_to_a_handler_that_takes_itself_away) {
     expect_success(takes_itself_away, {"removed"});
     expect_success(takes_itself_away, {"replaced"});
 }
-TEST(SignalsOfAProcess, add_up_while_handlers_come_and_go) { expect_success(add_up); }
-TEST(SignalsOfAProcess, without_a_handler_do_what_they_did_before) { EXPECT_EQ(play(put_back).code, 128 + SIGTERM); }
+TEST(signals_of_a_process, add_up_while_handlers_come_and_go) { expect_success(add_up); }
+TEST(signals_of_a_process, without_a_handler_do_what_they_did_before) { EXPECT_EQ(play(put_back).code, 128 + SIGTERM); }
 
-TEST(SignalsOfAProcess, after_removal_nobody_touches_the_handler) { expect_success(removal_is_the_end); }
-TEST(SignalsOfAProcess, handlers_are_replaced_in_a_storm) { expect_success(storm); }
+TEST(signals_of_a_process, after_removal_nobody_touches_the_handler) { expect_success(removal_is_the_end); }
+TEST(signals_of_a_process, handlers_are_replaced_in_a_storm) { expect_success(storm); }
 
 // ---------------------------------------------------------------- what the process had before
 
@@ -381,9 +381,9 @@ const scene other_signals{"signals_others", act_other_signals};
 
 } // namespace
 
-TEST(SignalsOfAProcess, of_other_kinds_are_left_alone) { expect_success(other_signals); }
+TEST(signals_of_a_process, of_other_kinds_are_left_alone) { expect_success(other_signals); }
 
-TEST(SignalsOfAProcess, given_back_they_end_the_process) {
+TEST(signals_of_a_process, given_back_they_end_the_process) {
     for (const int number : numbers)
         EXPECT_EQ(play(given_back, {std::to_string(number)}).code, 128 + number);
 }
@@ -470,12 +470,12 @@ const scene forked_inside{"signals_forked_inside", act_forked_inside};
 
 // The thread sanitizer does not let a child of a process with threads start a thread.
 #if !defined(__SANITIZE_THREAD__)
-TEST(SignalsOfAProcess, a_child_may_set_a_handler_of_its_own) {
+TEST(signals_of_a_process, a_child_may_set_a_handler_of_its_own) {
     expect_success(child_with_a_handler, {"kept"});
     expect_success(child_with_a_handler, {"removed"});
 }
 
-TEST(SignalsOfAProcess, a_child_may_be_forked_inside_a_call) { expect_success(forked_inside); }
+TEST(signals_of_a_process, a_child_may_be_forked_inside_a_call) { expect_success(forked_inside); }
 #endif
 
-TEST(SignalsOfAProcess, a_child_that_is_forked_during_a_call_can_clean_up) { expect_success(forked_during_a_call); }
+TEST(signals_of_a_process, a_child_that_is_forked_during_a_call_can_clean_up) { expect_success(forked_during_a_call); }

@@ -7,7 +7,7 @@ using qor::test::comes_true;
 using qor::test::interrupt_process;
 using qor::test::signal_recorder;
 
-TEST(Signals, RemovingAHandlerWaitsForItsRunningCall) {
+TEST(signals, removing_a_handler_waits_for_its_running_call) {
     signal_recorder handler;
     handler.hold_up = true;
     ASSERT_TRUE(qorSetSignalHandler(&handler));
@@ -22,7 +22,7 @@ TEST(Signals, RemovingAHandlerWaitsForItsRunningCall) {
     later.join();
 }
 
-TEST(Signals, AHandlerMayRemoveItself) {
+TEST(signals, a_handler_may_remove_itself) {
     signal_recorder handler;
     handler.remove_itself = true;
     ASSERT_TRUE(qorSetSignalHandler(&handler));
@@ -33,7 +33,7 @@ TEST(Signals, AHandlerMayRemoveItself) {
     EXPECT_TRUE(comes_true([&handler] { return handler.references == 0; })) << handler.references;
 }
 
-TEST(Signals, AHandlerIsReferencedWhileItIsSet) {
+TEST(signals, a_handler_is_referenced_while_it_is_set) {
     signal_recorder first;
     signal_recorder second;
     ASSERT_TRUE(qorSetSignalHandler(&first));
@@ -48,7 +48,7 @@ TEST(Signals, AHandlerIsReferencedWhileItIsSet) {
     EXPECT_TRUE(comes_true([&second] { return second.references == 0; })) << second.references;
 }
 
-TEST(Signals, AHandlerMayBeSetAgain) {
+TEST(signals, a_handler_may_be_set_again) {
     signal_recorder handler;
     EXPECT_TRUE(qorSetSignalHandler(nullptr));
     EXPECT_TRUE(qorSetSignalHandler(&handler));

@@ -25,7 +25,7 @@ void (*handling_of(int signal))(int) {
     return now.sa_handler;
 }
 
-TEST(Signals, EachIsDeliveredOnAnOrdinaryThread) {
+TEST(signals, each_is_delivered_on_an_ordinary_thread) {
     recorder handler;
     ASSERT_TRUE(qorSetSignalHandler(&handler));
     for (const named_signal& each : all_signals) {
@@ -40,7 +40,7 @@ TEST(Signals, EachIsDeliveredOnAnOrdinaryThread) {
 }
 
 // The host's threads know nothing of us and have every signal open.
-TEST(Signals, ArriveInAHostThatHasThreadsAlready) {
+TEST(signals, arrive_in_a_host_that_has_threads_already) {
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
@@ -65,7 +65,7 @@ TEST(Signals, ArriveInAHostThatHasThreadsAlready) {
 }
 
 // The kernel merges signals of one kind while it holds them back; what it hands over is not lost.
-TEST(Signals, ThoseThatComeDuringACallComeAfterIt) {
+TEST(signals, those_that_come_during_a_call_come_after_it) {
     recorder handler;
     handler.hold_up = true;
     ASSERT_TRUE(qorSetSignalHandler(&handler));
@@ -80,7 +80,7 @@ TEST(Signals, ThoseThatComeDuringACallComeAfterIt) {
     qorSetSignalHandler(nullptr);
 }
 
-TEST(Signals, WhereAHandlerRemovedItselfTheSystemHasThem) {
+TEST(signals, where_a_handler_removed_itself_the_system_has_them) {
     recorder handler;
     handler.remove_itself = true;
     ASSERT_TRUE(qorSetSignalHandler(&handler));
@@ -90,7 +90,7 @@ TEST(Signals, WhereAHandlerRemovedItselfTheSystemHasThem) {
     EXPECT_EQ(handling_of(SIGINT), SIG_DFL);
 }
 
-TEST(Signals, AreGivenBackToWhoeverHadThemBefore) {
+TEST(signals, are_given_back_to_whoever_had_them_before) {
     void (*const mine)(int) = [](int) {};
     std::signal(SIGHUP, mine);
     recorder handler;
@@ -104,7 +104,7 @@ TEST(Signals, AreGivenBackToWhoeverHadThemBefore) {
     }
 }
 
-TEST(Signals, WhatIsIgnoredStaysIgnored) {
+TEST(signals, what_is_ignored_stays_ignored) {
     std::signal(SIGHUP, SIG_IGN);
     recorder handler;
     ASSERT_TRUE(qorSetSignalHandler(&handler));
@@ -113,7 +113,7 @@ TEST(Signals, WhatIsIgnoredStaysIgnored) {
     EXPECT_EQ(handling_of(SIGHUP), SIG_IGN);
 }
 
-TEST(Signals, AForkedChildHasTheSystemsOwnHandling) {
+TEST(signals, a_forked_child_has_the_systems_own_handling) {
     recorder handler;
     ASSERT_TRUE(qorSetSignalHandler(&handler));
     const pid_t child = fork();
@@ -131,7 +131,7 @@ TEST(Signals, AForkedChildHasTheSystemsOwnHandling) {
     EXPECT_EQ(handler.finished, 1);
 }
 
-TEST(Signals, ErrorNumbersOfInterruptedCodeAreKept) {
+TEST(signals, error_numbers_of_interrupted_code_are_kept) {
     recorder handler;
     ASSERT_TRUE(qorSetSignalHandler(&handler));
     errno = 77;

@@ -19,7 +19,7 @@ BOOL WINAPI note(DWORD) {
 
 } // namespace
 
-TEST(Signals, CtrlCIsDeliveredOnAnOrdinaryThread) {
+TEST(signals, ctrl_c_is_delivered_on_an_ordinary_thread) {
     recorder handler;
     ASSERT_TRUE(qorSetSignalHandler(&handler));
     EXPECT_EQ(handler.references, 1);
@@ -33,7 +33,7 @@ TEST(Signals, CtrlCIsDeliveredOnAnOrdinaryThread) {
     EXPECT_EQ(handler.references, 0);
 }
 
-TEST(Signals, ThoseThatComeDuringACallComeAfterIt) {
+TEST(signals, those_that_come_during_a_call_come_after_it) {
     recorder handler;
     handler.hold_up = true;
     ASSERT_TRUE(qorSetSignalHandler(&handler));
@@ -47,7 +47,7 @@ TEST(Signals, ThoseThatComeDuringACallComeAfterIt) {
     qorSetSignalHandler(nullptr);
 }
 
-TEST(Signals, AreGivenBackToWhoeverHadThemBefore) {
+TEST(signals, are_given_back_to_whoever_had_them_before) {
     ASSERT_NE(SetConsoleCtrlHandler(note, TRUE), 0);
     of_the_host = 0;
     recorder handler;
@@ -65,7 +65,7 @@ TEST(Signals, AreGivenBackToWhoeverHadThemBefore) {
 }
 
 // Each goes to one handler of the framework or to the host, whenever the handlers change.
-TEST(Signals, AddUpWhenTheHandlerIsTakenAwayAtOnce) {
+TEST(signals, add_up_when_the_handler_is_taken_away_at_once) {
     ASSERT_NE(SetConsoleCtrlHandler(note, TRUE), 0);
     of_the_host = 0;
     int sent = 0;
@@ -88,7 +88,7 @@ TEST(Signals, AddUpWhenTheHandlerIsTakenAwayAtOnce) {
     SetConsoleCtrlHandler(note, FALSE);
 }
 
-TEST(Signals, WhatIsIgnoredStaysIgnored) {
+TEST(signals, what_is_ignored_stays_ignored) {
     recorder handler;
     ASSERT_NE(SetConsoleCtrlHandler(nullptr, TRUE), 0);
     ASSERT_TRUE(qorSetSignalHandler(&handler));

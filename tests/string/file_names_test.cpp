@@ -36,9 +36,9 @@ constexpr sample samples[] = {
     {"gro\xc3\x9f.d\xc3\xa9", "", "gro\xc3\x9f", "d\xc3\xa9"},
 };
 
-class FileNames : public testing::TestWithParam<sample> {};
+class file_names : public testing::TestWithParam<sample> {};
 
-TEST_P(FileNames, Parts) {
+TEST_P(file_names, parts) {
     const sample& expected = GetParam();
     const qorString text(expected.text);
     qorString part("left over");
@@ -52,7 +52,7 @@ TEST_P(FileNames, Parts) {
     EXPECT_EQ(expected.path + bytes(part), expected.text);
 }
 
-TEST_P(FileNames, PartsOfItself) {
+TEST_P(file_names, parts_of_itself) {
     const sample& expected = GetParam();
     qorString text(expected.text);
     text.FilePath(text);
@@ -68,7 +68,7 @@ TEST_P(FileNames, PartsOfItself) {
     EXPECT_EQ(expected.path + bytes(text), expected.text);
 }
 
-TEST_P(FileNames, AllAtOnce) {
+TEST_P(file_names, all_at_once) {
     const sample& expected = GetParam();
     // The string itself may be any of the three results, or none.
     for (int own = 0; own < 4; ++own) {
@@ -83,9 +83,9 @@ TEST_P(FileNames, AllAtOnce) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Samples, FileNames, testing::ValuesIn(samples));
+INSTANTIATE_TEST_SUITE_P(Samples, file_names, testing::ValuesIn(samples));
 
-TEST(FileNamesWithNuls, ANulIsAByteOfTheName) {
+TEST(file_names_with_nuls, a_nul_is_a_byte_of_the_name) {
     const std::string text("a\0b/c\0.d\0", 9);
     qorString path, name, extension;
     made_of(text).FileSplitName(path, name, extension);

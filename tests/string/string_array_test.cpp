@@ -22,7 +22,7 @@ uint32 last_error() {
     return qorGetLastError(text);
 }
 
-TEST(StringArray, EmptyOneOwnsNoStorage) {
+TEST(string_array, empty_one_owns_no_storage) {
     qorStringArray array;
     EXPECT_TRUE(array.IsEmpty());
     EXPECT_EQ(array.m_data.elements, nullptr);
@@ -39,7 +39,7 @@ TEST(StringArray, EmptyOneOwnsNoStorage) {
     EXPECT_EQ(array.m_data.alloc, 0u);
 }
 
-TEST(StringArray, Elements) {
+TEST(string_array, elements) {
     const qorStringArray array = array_of({"a", "", "b\0c"s});
     EXPECT_EQ(array.GetCount(), 3u);
     EXPECT_STREQ(array[0], "a");
@@ -49,7 +49,7 @@ TEST(StringArray, Elements) {
     EXPECT_STREQ(array.GetAt(0xffffffff), "");
 }
 
-TEST(StringArray, AnElementBehindTheCountIsASpareOne) {
+TEST(string_array, an_element_behind_the_count_is_a_spare_one) {
     qorStringArray array = array_of({"first", "second", "third"});
     ASSERT_GT(array.m_data.alloc, 3u);
     const auto are_empty = [&array](uint32 from) {
@@ -81,7 +81,7 @@ TEST(StringArray, AnElementBehindTheCountIsASpareOne) {
 }
 
 // The element is changed, so that its own text can be told from none at all.
-TEST(StringArray, AnIndexBehindTheCountGivesTheElementAllTheSame) {
+TEST(string_array, an_index_behind_the_count_gives_the_element_all_the_same) {
     qorStringArray array = array_of({"first"});
     ASSERT_GT(array.m_data.alloc, 2u);
     array.m_data.elements[2].Set("spare");
@@ -90,7 +90,7 @@ TEST(StringArray, AnIndexBehindTheCountGivesTheElementAllTheSame) {
     EXPECT_STREQ(array[array.m_data.alloc], "");
 }
 
-TEST(StringArray, FromVectors) {
+TEST(string_array, from_vectors) {
     char program[] = "program", word[] = "word";
     char* const arguments[] = {program, word, nullptr};
     qorStringArray array = array_of({"left over"});
@@ -104,7 +104,7 @@ TEST(StringArray, FromVectors) {
     EXPECT_EQ(list(array), texts{});
 }
 
-TEST(StringArray, VectorsOfItsOwnTexts) {
+TEST(string_array, vectors_of_its_own_texts) {
     qorStringArray array = array_of({"first", "second", "third"});
     const char* const own[] = {array[2], array[0] + 2, array[2], nullptr};
     array.SetFromVector(own);
@@ -114,7 +114,7 @@ TEST(StringArray, VectorsOfItsOwnTexts) {
     EXPECT_EQ(list(array), (texts{"rst", "third"}));
 }
 
-TEST(StringArray, ItsOwnTextsAsSources) {
+TEST(string_array, its_own_texts_as_sources) {
     qorStringArray array = array_of({"a"});
     for (int i = 0; i < 100; ++i) { // the storage moves several times
         array.Append(array[0]);
@@ -134,7 +134,7 @@ TEST(StringArray, ItsOwnTextsAsSources) {
     EXPECT_EQ(array.GetCount(), 63u);
 }
 
-TEST(StringArray, InsertAndRemove) {
+TEST(string_array, insert_and_remove) {
     qorStringArray array = array_of({"b"});
     array.InsertAt(0, "a");
     array.InsertAt(99, "d");
@@ -150,7 +150,7 @@ TEST(StringArray, InsertAndRemove) {
     EXPECT_TRUE(array.IsEmpty());
 }
 
-TEST(StringArray, Copies) {
+TEST(string_array, copies) {
     const qorStringArray source = array_of({"a", "b", "c", "d"});
     qorStringArray copy(source);
     copy.RemoveAt(0, 1);
@@ -176,7 +176,7 @@ TEST(StringArray, Copies) {
     EXPECT_EQ(list(copy), texts{});
 }
 
-TEST(StringArray, AsASet) {
+TEST(string_array, as_a_set) {
     qorStringArray array;
     EXPECT_TRUE(array.AddUnique("a"));
     EXPECT_FALSE(array.AddUnique("a"));
@@ -204,7 +204,7 @@ texts folded(texts elements) {
     return elements;
 }
 
-TEST(StringArray, SortsAreStableInBothDirections) {
+TEST(string_array, sorts_are_stable_in_both_directions) {
     generator random(27);
     for (int round = 0; round < 2000; ++round) {
         texts plain(random.below(40));
@@ -235,7 +235,7 @@ TEST(StringArray, SortsAreStableInBothDirections) {
     }
 }
 
-TEST(StringArray, TheCallersOrder) {
+TEST(string_array, the_callers_order) {
     const auto by_length = [](const char* left, const char* right, void* context) noexcept {
         ++*static_cast<int*>(context);
         return static_cast<int>(std::strlen(left)) - static_cast<int>(std::strlen(right));
@@ -247,7 +247,7 @@ TEST(StringArray, TheCallersOrder) {
     EXPECT_GT(calls, 0);
 }
 
-TEST(StringArray, AnOrderThatContradictsItselfGivesSomeOrder) {
+TEST(string_array, an_order_that_contradicts_itself_gives_some_order) {
     generator random(28);
     const auto any = [](const char*, const char*, void* context) noexcept {
         return static_cast<int>(static_cast<generator*>(context)->below(3)) - 1;
@@ -268,7 +268,7 @@ TEST(StringArray, AnOrderThatContradictsItselfGivesSomeOrder) {
 }
 
 // Long runs of changes, many of them with the array as its own source, against the C++ library's vector.
-TEST(StringArray, BehavesAsThePlainModel) {
+TEST(string_array, behaves_as_the_plain_model) {
     generator random(29);
     for (int round = 0; round < 200; ++round) {
         qorStringArray array;
@@ -364,13 +364,13 @@ public:
     uint32 largest = 0;
 };
 
-TEST(StringArrayStream, Form) {
+TEST(string_array_stream, form) {
     memory_sink sink;
     EXPECT_TRUE(array_of({"ab", "", "\0"s}).Write(&sink));
     EXPECT_EQ(sink.contents, "\3\0\0\0\2\0\0\0ab\0\0\0\0\1\0\0\0\0"s);
 }
 
-TEST(StringArrayStream, ThereAndBack) {
+TEST(string_array_stream, there_and_back) {
     const texts plain = {"a", std::string(64 * 1024, 'b'), "", std::string(200001, 'c'), "d\0e"s};
     memory_sink sink;
     EXPECT_TRUE(array_of(plain).Write(&sink));
@@ -381,7 +381,7 @@ TEST(StringArrayStream, ThereAndBack) {
     EXPECT_EQ(source.contents.substr(source.at), "behind");
 }
 
-TEST(StringArrayStream, CutAnywhereItGivesTheElementsThatWereWhole) {
+TEST(string_array_stream, cut_anywhere_it_gives_the_elements_that_were_whole) {
     const texts plain = {"first", "", "second", "\0"s};
     memory_sink whole;
     ASSERT_TRUE(array_of(plain).Write(&whole));
@@ -402,7 +402,7 @@ TEST(StringArrayStream, CutAnywhereItGivesTheElementsThatWereWhole) {
     }
 }
 
-TEST(StringArrayStream, WrongLengthsTakeNoMemory) {
+TEST(string_array_stream, wrong_lengths_take_no_memory) {
     for (const char* const length : {"\xff\xff\xff\x7f", "\xff\xff\xff\xff", "\xfe\xff\xff\x7f"}) {
         memory_source source("\xff\xff\xff\xff\1\0\0\0x"s + std::string(length, 4) + "few bytes");
         qorStringArray array;

@@ -50,7 +50,7 @@ uint32 last_error() {
     return qorGetLastError(text);
 }
 
-TEST(StringFormat, Numbers) {
+TEST(string_format, numbers) {
     qorString text("before");
     text.FormatInteger(0);
     EXPECT_EQ(bytes(text), "0");
@@ -68,7 +68,7 @@ TEST(StringFormat, Numbers) {
     EXPECT_EQ(bytes(text), "z");
 }
 
-TEST(StringFormat, ABaseThatIsNoneGivesNothing) {
+TEST(string_format, a_base_that_is_none_gives_nothing) {
     for (const uint32 base : {0u, 1u, 37u, 0xffffffffu}) {
         qorString text("before");
         text.FormatUnsigned(5, base);
@@ -76,7 +76,7 @@ TEST(StringFormat, ABaseThatIsNoneGivesNothing) {
     }
 }
 
-TEST(StringFormat, Printf) {
+TEST(string_format, printf) {
     qorString text;
     text.Printf("%s %d %5.2f%% %c%c", "text", -3, 2.5, 'x', 0);
     EXPECT_EQ(bytes(text), "text -3  2.50% x\0"s);
@@ -84,7 +84,7 @@ TEST(StringFormat, Printf) {
     EXPECT_TRUE(text.IsEmpty());
 }
 
-TEST(StringFormat, ErrnoIsTheCallersInBothPasses) {
+TEST(string_format, errno_is_the_callers_in_both_passes) {
     qorString text;
     errno = ENOENT;
     print(text, "%m");
@@ -94,7 +94,7 @@ TEST(StringFormat, ErrnoIsTheCallersInBothPasses) {
     EXPECT_EQ(bytes(text), std::string(3000, ' ') + "No such file or directory");
 }
 
-TEST(StringFormat, EveryLengthAroundTheSmallBuffer) {
+TEST(string_format, every_length_around_the_small_buffer) {
     for (int width = 1000; width < 1050; ++width) {
         qorString text;
         text.Printf("%*d", width, 7);
@@ -106,7 +106,7 @@ TEST(StringFormat, EveryLengthAroundTheSmallBuffer) {
     EXPECT_EQ(text[(1 << 20) - 1], '1');
 }
 
-TEST(StringFormat, ArgumentsMayLieInTheStringItself) {
+TEST(string_format, arguments_may_lie_in_the_string_itself) {
     qorString text("abc");
     print(text, "<%s|%s>", text.Text(), text.Text() + 1);
     EXPECT_EQ(bytes(text), "<abc|bc>");
@@ -118,18 +118,18 @@ TEST(StringFormat, ArgumentsMayLieInTheStringItself) {
     EXPECT_EQ(bytes(text), "1 of itself");
 }
 
-TEST(StringFormat, WhatTheCLibraryRefusesLeavesItEmpty) {
+TEST(string_format, what_the_c_library_refuses_leaves_it_empty) {
     qorString text("before");
     text.Printf("%ls", L"\x20ac");
     EXPECT_TRUE(text.IsEmpty());
 }
 
-TEST(StringFormat, TheProcessesLocaleDoesNotChangeTheResult) {
+TEST(string_format, the_processes_locale_does_not_change_the_result) {
     const qor::test::comma_locale comma;
     expect_results_of_the_c_locale();
 }
 
-TEST(StringFormat, AgreesWithTheCLibrary) {
+TEST(string_format, agrees_with_the_c_library) {
     generator random(23);
     const char* const formats[] = {"%lld", "%+020lld", "%#llx", "%-24llo|", "%.30llu", "%llX"};
     const char* const real_formats[] = {"%f", "%.0f", "%e", "%G", "%a", "%+.17g", "%30.3f"};
@@ -151,7 +151,7 @@ TEST(StringFormat, AgreesWithTheCLibrary) {
     }
 }
 
-TEST(StringStream, PutWritesTheTextAsItIs) {
+TEST(string_stream, put_writes_the_text_as_it_is) {
     const stream file = holding("");
     EXPECT_TRUE(made_of("a\0\xff"s).Put(file.get(), false));
     EXPECT_TRUE(qorString("b").Put(file.get(), true));
@@ -161,7 +161,7 @@ TEST(StringStream, PutWritesTheTextAsItIs) {
     EXPECT_EQ(contents_of(file.get()), "a\0\xff"s + "b\n\n" + std::string(5000, 'x') + "\n");
 }
 
-TEST(StringStream, PutSaysThatItCouldNot) {
+TEST(string_stream, put_says_that_it_could_not) {
     const qor::test::temp_folder folder;
     const std::string path = folder / "file";
     std::ofstream(path) << "text";
@@ -176,7 +176,7 @@ TEST(StringStream, PutSaysThatItCouldNot) {
     EXPECT_EQ(last_error(), qorError_cannot_write_file);
 }
 
-TEST(StringStream, LinesAndTheirEnds) {
+TEST(string_stream, lines_and_their_ends) {
     using lines = std::vector<std::string>;
     EXPECT_EQ(lines_of(""), lines{});
     EXPECT_EQ(lines_of("\n"), lines{""});
@@ -189,7 +189,7 @@ TEST(StringStream, LinesAndTheirEnds) {
     EXPECT_EQ(lines_of("\xff\n"), lines{"\xff"}) << "a byte that looks like EOF";
 }
 
-TEST(StringStream, LinesOfAnyLength) {
+TEST(string_stream, lines_of_any_length) {
     for (const std::size_t length : {510u, 511u, 512u, 513u, 1023u, 1024u, 1025u, 100000u}) {
         const std::string line(length, 'x');
         EXPECT_EQ(lines_of(line + "\n" + line), (std::vector<std::string>{line, line}));
@@ -197,7 +197,7 @@ TEST(StringStream, LinesOfAnyLength) {
     }
 }
 
-TEST(StringStream, TheLineBufferIsReused) {
+TEST(string_stream, the_line_buffer_is_reused) {
     const stream file = holding("a line that needs room\nshort\n");
     qorString line;
     ASSERT_TRUE(line.GetLine(file.get()));
@@ -207,7 +207,7 @@ TEST(StringStream, TheLineBufferIsReused) {
     EXPECT_EQ(bytes(line), "short");
 }
 
-TEST(StringStream, AReadErrorIsNotTheEndOfTheInput) {
+TEST(string_stream, a_read_error_is_not_the_end_of_the_input) {
     const qor::test::temp_folder folder;
     const std::string path = folder / "file";
     const stream file(std::fopen(path.c_str(), "w"));

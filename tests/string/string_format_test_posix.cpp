@@ -7,13 +7,13 @@
 #include <thread>
 #include <unistd.h>
 
-TEST(StringFormat, AWidthThatNoNumberHoldsIsRefused) {
+TEST(string_format, a_width_that_no_number_holds_is_refused) {
     qorString text("before");
     print(text, "%2147483648d", 1);
     EXPECT_TRUE(text.IsEmpty());
 }
 
-TEST(StringFormat, TheThreadsLocaleDoesNotChangeTheResult) {
+TEST(string_format, the_threads_locale_does_not_change_the_result) {
     const qor::test::comma_locale comma;
     const locale_t own = duplocale(LC_GLOBAL_LOCALE);
     uselocale(own);
@@ -22,14 +22,14 @@ TEST(StringFormat, TheThreadsLocaleDoesNotChangeTheResult) {
     freelocale(own);
 }
 
-TEST(StringFormat, AThreadWithoutALocaleHasNoneAfterwards) {
+TEST(string_format, a_thread_without_a_locale_has_none_afterwards) {
     const qor::test::comma_locale comma;
     expect_results_of_the_c_locale();
     EXPECT_EQ(uselocale(nullptr), LC_GLOBAL_LOCALE);
 }
 
 // The system ends a read for a handler that did not ask for anything else.
-TEST(StringLines, AreReadToTheirEndWhateverSignalsCome) {
+TEST(string_lines, are_read_to_their_end_whatever_signals_come) {
     struct sigaction action = {};
     struct sigaction before;
     action.sa_handler = [](int) {};

@@ -11,7 +11,7 @@ namespace {
 
 int sign(int value) { return (value > 0) - (value < 0); }
 
-TEST(StringCompare, IsByUnsignedBytes) {
+TEST(string_compare, is_by_unsigned_bytes) {
     EXPECT_EQ(qorString("abc").Compare("abc"), 0);
     EXPECT_LT(qorString("abc").Compare("abd"), 0);
     EXPECT_GT(qorString("abc").Compare("ab"), 0);
@@ -22,7 +22,7 @@ TEST(StringCompare, IsByUnsignedBytes) {
     EXPECT_EQ(qorString().Compare(""), 0);
 }
 
-TEST(StringCompare, ANulInTheStringIsAByte) {
+TEST(string_compare, a_nul_in_the_string_is_a_byte) {
     const qorString text = made_of("a\0b"s);
     EXPECT_GT(text.Compare("a"), 0);
     EXPECT_EQ(text.CompareN("a", 1), 0);
@@ -30,7 +30,7 @@ TEST(StringCompare, ANulInTheStringIsAByte) {
     EXPECT_GT(text.CompareNoCase("A"), 0);
 }
 
-TEST(StringCompare, TheFirstBytes) {
+TEST(string_compare, the_first_bytes) {
     EXPECT_EQ(qorString("abcx").CompareN("abcy", 3), 0);
     EXPECT_LT(qorString("abcx").CompareN("abcy", 4), 0);
     EXPECT_EQ(qorString("abc").CompareN("abc", 99), 0);
@@ -50,7 +50,7 @@ std::string lower_case(std::string text) {
     return text;
 }
 
-TEST(StringCompare, AgreesWithTheCLibrary) {
+TEST(string_compare, agrees_with_the_c_library) {
     generator random(21);
     const std::string alphabet = "abAB_[\x80\xff";
     for (int i = 0; i < 20000; ++i) {
@@ -65,7 +65,7 @@ TEST(StringCompare, AgreesWithTheCLibrary) {
     }
 }
 
-TEST(StringSearch, Bytes) {
+TEST(string_search, bytes) {
     const qorString text = made_of("a-b-\0-"s);
     EXPECT_EQ(text.FindByte('-'), 1);
     EXPECT_EQ(text.FindByte('-', 1), 1);
@@ -84,7 +84,7 @@ TEST(StringSearch, Bytes) {
     EXPECT_EQ(qorString().ReverseFindByte('\0'), -1);
 }
 
-TEST(StringSearch, Characters) {
+TEST(string_search, characters) {
     const qorString text("a\u00e9\u20ac\U0001f600\u00e9");
     EXPECT_EQ(text.FindChar('a'), 0);
     EXPECT_EQ(text.FindChar(0xe9), 1);
@@ -103,7 +103,7 @@ TEST(StringSearch, Characters) {
     EXPECT_EQ(made_of("a\0"s).FindChar(0), 1);
 }
 
-TEST(StringSearch, AnEmptyTextIsFoundAtTheStart) {
+TEST(string_search, an_empty_text_is_found_at_the_start) {
     const qorString text("abc");
     EXPECT_EQ(text.FindString(""), 0);
     EXPECT_EQ(text.FindString("", 2), 2);
@@ -115,14 +115,14 @@ TEST(StringSearch, AnEmptyTextIsFoundAtTheStart) {
     EXPECT_EQ(qorString().FindString(""), 0);
 }
 
-TEST(StringSearch, TextsInTheStringItself) {
+TEST(string_search, texts_in_the_string_itself) {
     const qorString text("abcabc");
     EXPECT_EQ(text.FindString(text.Text() + 3), 0);
     EXPECT_EQ(text.ReverseFindString(text.Text() + 3), 3);
     EXPECT_EQ(text.FindString(text), 0);
 }
 
-TEST(StringSearch, AgreesWithThePlainLoop) {
+TEST(string_search, agrees_with_the_plain_loop) {
     generator random(22);
     for (int i = 0; i < 20000; ++i) {
         const std::string plain = random.from("ab\0"s, 14);

@@ -10,7 +10,7 @@ namespace {
 
 constexpr char ascii_blanks[] = " \t\n\v\f\r";
 
-TEST(String, EmptyOneOwnsNoStorage) {
+TEST(string, empty_one_owns_no_storage) {
     const qorString text;
     EXPECT_EQ(text.m_data.text, nullptr);
     EXPECT_EQ(text.m_data.alloc, 0u);
@@ -22,7 +22,7 @@ TEST(String, EmptyOneOwnsNoStorage) {
     EXPECT_EQ(qorString(nullptr).m_data.text, nullptr);
 }
 
-TEST(String, NothingAllocatesForNothing) {
+TEST(string, nothing_allocates_for_nothing) {
     qorString text;
     text.Empty();
     text.Set("");
@@ -42,13 +42,13 @@ TEST(String, NothingAllocatesForNothing) {
     EXPECT_TRUE(is_sound(text));
 }
 
-TEST(String, LengthMinusOneMeansUpToTheTerminator) {
+TEST(string, length_minus_one_means_up_to_the_terminator) {
     EXPECT_EQ(bytes(qorString("abc")), "abc");
     EXPECT_EQ(bytes(qorString("abc", 2)), "ab");
     EXPECT_EQ(bytes(qorString("a\0c", 3)), "a\0c"s);
 }
 
-TEST(String, NullIsAnEmptyText) {
+TEST(string, null_is_an_empty_text) {
     qorString text("abc");
     text.Append(nullptr);
     text.Insert(1, nullptr);
@@ -63,7 +63,7 @@ TEST(String, NullIsAnEmptyText) {
     EXPECT_EQ(text.Compare(nullptr), 0);
 }
 
-TEST(String, CopiesAreTheirOwnAndMovesAreNot) {
+TEST(string, copies_are_their_own_and_moves_are_not) {
     qorString source = made_of("a\0b"s);
     qorString copy(source);
     copy.AppendByte('!');
@@ -82,7 +82,7 @@ TEST(String, CopiesAreTheirOwnAndMovesAreNot) {
     EXPECT_EQ(bytes(copy), "b");
 }
 
-TEST(String, EmptyingKeepsTheStorage) {
+TEST(string, emptying_keeps_the_storage) {
     qorString text("a line of a file that is being read");
     const char* const storage = text.Text();
     text.Empty();
@@ -94,7 +94,7 @@ TEST(String, EmptyingKeepsTheStorage) {
     EXPECT_EQ(bytes(text), "the next line, and more");
 }
 
-TEST(String, GrowthIsByDoublingAtLeast) {
+TEST(string, growth_is_by_doubling_at_least) {
     qorString text;
     uint32 moves = 0;
     for (uint32 i = 0, alloc = 0; i < 100000; ++i) {
@@ -110,7 +110,7 @@ TEST(String, GrowthIsByDoublingAtLeast) {
     EXPECT_EQ(text[99999], 'a' + 99999 % 26);
 }
 
-TEST(String, ReserveKeepsTheText) {
+TEST(string, reserve_keeps_the_text) {
     qorString text("abc");
     text.Reserve(1000);
     const char* const storage = text.Text();
@@ -122,14 +122,14 @@ TEST(String, ReserveKeepsTheText) {
     EXPECT_EQ(text.Length(), 1000u);
 }
 
-TEST(StringDeathTest, NoTextIsLongerThanItsLengthCanSay) {
+TEST(string_DeathTest, no_text_is_longer_than_its_length_can_say) {
     qorString text;
     EXPECT_DEATH(text.Reserve(0x7fffffff), "");
     EXPECT_DEATH((void)text.LockBuffer(0xffffffff), "");
     EXPECT_DEATH(qor::glue::qorString_Append(&text, "a", 0x7fffffff), "");
 }
 
-TEST(String, InsertAndRemove) {
+TEST(string, insert_and_remove) {
     qorString text("held");
     text.Insert(0, "be");
     text.Insert(6, "!");
@@ -147,7 +147,7 @@ TEST(String, InsertAndRemove) {
 
 // Every part of the string, with its terminator too, goes into the string itself, both with room to spare and
 // without, where the string has to move.
-TEST(String, SourcesMayLieInTheStringItself) {
+TEST(string, sources_may_lie_in_the_string_itself) {
     const std::string plain = "0123456789abcdef!";
     for (const uint32 spare : {0u, 100u})
         for (uint32 begin = 0; begin <= plain.size(); ++begin)
@@ -181,7 +181,7 @@ TEST(String, SourcesMayLieInTheStringItself) {
             }
 }
 
-TEST(String, ByteByByteIntoItself) {
+TEST(string, byte_by_byte_into_itself) {
     qorString text("ab");
     for (int i = 0; i < 10; ++i)
         text.AppendString(text);
@@ -190,7 +190,7 @@ TEST(String, ByteByByteIntoItself) {
     EXPECT_EQ(text.FindString("bb"), -1);
 }
 
-TEST(String, LockedBuffer) {
+TEST(string, locked_buffer) {
     qorString text("abc");
     char* buffer = text.LockBuffer(100);
     EXPECT_STREQ(buffer, "abc");
@@ -220,7 +220,7 @@ TEST(String, LockedBuffer) {
     EXPECT_TRUE(none.IsEmpty());
 }
 
-TEST(String, Index) {
+TEST(string, index) {
     const qorString text = made_of("a\xff"s);
     EXPECT_EQ(text[0], 'a');
     EXPECT_EQ(text[1], '\xff');
@@ -229,7 +229,7 @@ TEST(String, Index) {
     EXPECT_EQ(qorString()[0], '\0');
 }
 
-TEST(String, Slices) {
+TEST(string, slices) {
     const qorString text("0123456789");
     EXPECT_EQ(bytes(text.Left(3)), "012");
     EXPECT_EQ(bytes(text.Left(0)), "");
@@ -247,7 +247,7 @@ TEST(String, Slices) {
     EXPECT_EQ(bytes(qorString().Mid(0)), "");
 }
 
-TEST(String, SlicesOfItself) {
+TEST(string, slices_of_itself) {
     qorString text("0123456789");
     text.SetMid(2, -1);
     EXPECT_EQ(bytes(text), "23456789");
@@ -259,7 +259,7 @@ TEST(String, SlicesOfItself) {
     EXPECT_EQ(bytes(text), "6");
 }
 
-TEST(String, CaseIsThatOfAsciiLetters) {
+TEST(string, case_is_that_of_ascii_letters) {
     std::string all(256, '\0'), upper, lower;
     for (std::size_t i = 0; i < all.size(); ++i)
         all[i] = static_cast<char>(i);
@@ -275,7 +275,7 @@ TEST(String, CaseIsThatOfAsciiLetters) {
     EXPECT_EQ(bytes(text), lower);
 }
 
-TEST(String, WhiteSpaceIsThatOfTheCLocale) {
+TEST(string, white_space_is_that_of_the_c_locale) {
     for (int byte = 0; byte < 256; ++byte) {
         const char c = static_cast<char>(byte);
         qorString text = made_of(std::string{c, 'x', c});
@@ -285,7 +285,7 @@ TEST(String, WhiteSpaceIsThatOfTheCLocale) {
     }
 }
 
-TEST(String, Trimming) {
+TEST(string, trimming) {
     const std::string padded = ascii_blanks + "a b"s + ascii_blanks;
     qorString text = made_of(padded);
     text.TrimLeft();
@@ -305,7 +305,7 @@ TEST(String, Trimming) {
     }
 }
 
-TEST(String, Equality) {
+TEST(string, equality) {
     EXPECT_TRUE(qorString("abc") == "abc");
     EXPECT_FALSE(qorString("abc") == "abd");
     EXPECT_TRUE(made_of("a\0b"s) == made_of("a\0b"s));
@@ -323,7 +323,7 @@ std::string plain_trim(const std::string& text, bool left, bool right) {
 }
 
 // Long runs of changes, half of them with the string as its own source, against the C++ library's string.
-TEST(String, BehavesAsThePlainModel) {
+TEST(string, behaves_as_the_plain_model) {
     generator random(20);
     const std::string alphabet = "aZ \t\n\0\xc3\xa9"s;
     for (int round = 0; round < 300; ++round) {

@@ -21,7 +21,7 @@ words split(const std::string& text, char byte) {
     return list(out);
 }
 
-TEST(Tokens, Words) {
+TEST(tokens, words) {
     EXPECT_EQ(tokenised(""), words{});
     EXPECT_EQ(tokenised(" \t\n\v\f\r"), words{});
     EXPECT_EQ(tokenised("one"), words{"one"});
@@ -29,7 +29,7 @@ TEST(Tokens, Words) {
     EXPECT_EQ(tokenised("a\0b c\xa0\x85"s), (words{"a\0b"s, "c\xa0\x85"})) << "other bytes are no white space";
 }
 
-TEST(Tokens, Fields) {
+TEST(tokens, fields) {
     EXPECT_EQ(split("", ','), words{});
     EXPECT_EQ(split(",", ','), (words{"", ""}));
     EXPECT_EQ(split("a", ','), words{"a"});
@@ -37,7 +37,7 @@ TEST(Tokens, Fields) {
     EXPECT_EQ(split("a\0b"s, '\0'), (words{"a", "b"}));
 }
 
-TEST(Tokens, TheStringMayBeAnElementOfTheResult) {
+TEST(tokens, the_string_may_be_an_element_of_the_result) {
     qorStringArray array;
     array.Append("x y z");
     array.Append("a b");
@@ -49,7 +49,7 @@ TEST(Tokens, TheStringMayBeAnElementOfTheResult) {
 }
 
 // A reader that takes line after line into one string and one array stops allocating.
-TEST(Tokens, TheElementsStorageIsReused) {
+TEST(tokens, the_elements_storage_is_reused) {
     qorString line("a longer first word and some more words to have slots for");
     qorStringArray array;
     line.Tokenise_WS(array);
@@ -67,7 +67,7 @@ TEST(Tokens, TheElementsStorageIsReused) {
     EXPECT_EQ(array[8], ninth);
 }
 
-TEST(Tokens, SplitAtTheFirstSeparator) {
+TEST(tokens, split_at_the_first_separator) {
     const qorString text("name=a=b");
     qorString left, right;
     EXPECT_TRUE(text.SplitAtByte('=', left, right));
@@ -82,7 +82,7 @@ TEST(Tokens, SplitAtTheFirstSeparator) {
     EXPECT_EQ(bytes(left) + "|" + bytes(right), "|");
 }
 
-TEST(Tokens, APartMayBeTheStringItself) {
+TEST(tokens, a_part_may_be_the_string_itself) {
     qorString other;
     qorString text("left=and a longer right");
     EXPECT_TRUE(text.SplitAtByte('=', text, other));
@@ -97,7 +97,7 @@ TEST(Tokens, APartMayBeTheStringItself) {
     EXPECT_EQ(bytes(other) + "|" + bytes(text), "and a longer right|");
 }
 
-TEST(Tokens, FirstWord) {
+TEST(tokens, first_word) {
     qorString text("  one \t two\n");
     qorString token;
     EXPECT_TRUE(text.ExtractFirstToken_WS(token));
@@ -144,7 +144,7 @@ words plain_fields(const std::string& text, char byte) {
     return all;
 }
 
-TEST(Tokens, AgreeWithThePlainLoop) {
+TEST(tokens, agree_with_the_plain_loop) {
     generator random(24);
     qorStringArray out; // one for all: what is left over from before must not show
     qorString rest, token;

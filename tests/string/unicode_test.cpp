@@ -61,7 +61,7 @@ std::string raw(const std::basic_string<UNIT>& text) {
     return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(UNIT)};
 }
 
-TEST(Unicode, EveryCharacterThereAndBack) {
+TEST(unicode, every_character_there_and_back) {
     for (uint32 first = 0; first <= last_character; first += 0x100) {
         std::u32string characters;
         for (uint32 c = first; c < first + 0x100; ++c)
@@ -85,7 +85,7 @@ TEST(Unicode, EveryCharacterThereAndBack) {
     }
 }
 
-TEST(Unicode, WhatIsNoCharacterIsReplaced) {
+TEST(unicode, what_is_no_character_is_replaced) {
     bool valid = true;
     for (const char32_t none : {0xd800u, 0xdbffu, 0xdc00u, 0xdfffu, 0x110000u, 0xffffffffu}) {
         EXPECT_EQ(from_ucs4(U"a"s + none + U"b", &valid), "a\ufffdb");
@@ -114,7 +114,7 @@ TEST(Unicode, WhatIsNoCharacterIsReplaced) {
 }
 
 // The samples of the Unicode standard's chapter on replacement, and the borders of every range.
-TEST(Unicode, FaultsTakeTheLongestPrefixOfACharacter) {
+TEST(unicode, faults_take_the_longest_prefix_of_a_character) {
     const std::u32string r(1, 0xfffd);
     const struct {
         std::string from;
@@ -150,7 +150,7 @@ std::string nearly_utf8(generator& random, uint32 length_limit) {
     return random.from(interesting, length_limit);
 }
 
-TEST(Unicode, ValidityIsTheSystems) {
+TEST(unicode, validity_is_the_systems) {
     generator random(25);
     uint32 valid_ones = 0;
     for (int i = 0; i < 200000; ++i) {
@@ -168,7 +168,7 @@ TEST(Unicode, ValidityIsTheSystems) {
     EXPECT_GT(valid_ones, 1000u) << "the generator reaches both verdicts";
 }
 
-TEST(Unicode, AFaultyTextConvertedTwiceStaysAsItIs) {
+TEST(unicode, a_faulty_text_converted_twice_stays_as_it_is) {
     generator random(26);
     for (int i = 0; i < 20000; ++i) {
         const std::string text = nearly_utf8(random, 20);
@@ -180,7 +180,7 @@ TEST(Unicode, AFaultyTextConvertedTwiceStaysAsItIs) {
     }
 }
 
-TEST(Unicode, LengthsAndNuls) {
+TEST(unicode, lengths_and_nuls) {
     const uint16 two[] = {'a', 0, 'b', 0};
     const uint32 four[] = {'a', 0, 'b', 0};
     qorString text;
@@ -204,7 +204,7 @@ TEST(Unicode, LengthsAndNuls) {
     EXPECT_EQ(ucs4(""), U"");
 }
 
-TEST(Unicode, TheBlockIsReplaced) {
+TEST(unicode, the_block_is_replaced) {
     qorDataBlock block;
     block.AttachCopy("before", 6);
     EXPECT_TRUE(qorString("x").GetAsUCS2(block));
@@ -213,7 +213,7 @@ TEST(Unicode, TheBlockIsReplaced) {
     EXPECT_EQ(block.Size(), 4u);
 }
 
-TEST(Unicode, ASourceMayLieInTheString) {
+TEST(unicode, a_source_may_lie_in_the_string) {
     qorString text("aligned storage of some bytes");
     uint16* const units = reinterpret_cast<uint16*>(text.LockBuffer(24));
     for (uint16 i = 0; i < 10; ++i)

@@ -13,7 +13,7 @@ std::string name(const firmware& machine) {
     return found != nullptr ? found : "";
 }
 
-TEST(Firmware, of_virtual_machines) {
+TEST(firmware, of_virtual_machines) {
     EXPECT_EQ(name({"KVM", "Red Hat", "", "SeaBIOS", "RHEL-8.6.0", {}}), "KVM");
     EXPECT_EQ(name({"Standard PC (Q35 + ICH9, 2009)", "QEMU", "", "SeaBIOS", "pc-q35-7.2", {}}), "QEMU");
     EXPECT_EQ(name({"VMware Virtual Platform", "VMware, Inc.", "Intel Corporation", "Phoenix", "None", {}}), "VMware");
@@ -25,21 +25,21 @@ TEST(Firmware, of_virtual_machines) {
     EXPECT_EQ(name({"", "", "", "", "", true}), "unknown hypervisor");
 }
 
-TEST(Firmware, of_real_machines) {
+TEST(firmware, of_real_machines) {
     EXPECT_EQ(name({"PowerEdge R740", "Dell Inc.", "Dell Inc.", "Dell Inc.", "", false}), "");
     EXPECT_EQ(name({"ORACLE SERVER X7-2", "Oracle Corporation", "Oracle Corporation", "AMI", "", {}}), "");
     EXPECT_EQ(name({"Surface Laptop 4", "Microsoft Corporation", "Microsoft Corporation", "Microsoft", "", {}}), "");
     EXPECT_EQ(name({}), "");
 }
 
-TEST(Firmware, clouds_let_real_machines_under_the_same_name) {
+TEST(firmware, clouds_let_real_machines_under_the_same_name) {
     EXPECT_EQ(name({"c6g.metal", "Amazon EC2", "Amazon EC2", "Amazon EC2", "", {}}), "");
     EXPECT_EQ(name({"c6g.large", "Amazon EC2", "Amazon EC2", "Amazon EC2", "", false}), "");
     EXPECT_EQ(name({"c6g.metal", "Amazon EC2", "Amazon EC2", "Amazon EC2", "", true}), "Amazon EC2");
     EXPECT_EQ(name({"Google Compute Engine", "Google", "Google", "Google", "", true}), "Google Compute Engine");
 }
 
-TEST(Firmware, with_what_the_processor_says) {
+TEST(firmware, with_what_the_processor_says) {
     const firmware real = {"PowerEdge R740", "Dell Inc.", "", "", "", {}};
     const firmware guest = {"Virtual Machine", "Microsoft Corporation", "", "", "", {}};
     EXPECT_EQ(name_hypervisor({}, real), "");

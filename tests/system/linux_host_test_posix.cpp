@@ -58,7 +58,7 @@ const char meminfo[] = "MemTotal:       16384000 kB\nMemFree:         1000000 kB
 
 // ---- whole hosts
 
-TEST(LinuxHost, a_server) {
+TEST(linux_host, a_server) {
     recorded_host recorded({{"/etc/os-release", debian},
                             {"/proc/1/cgroup", "0::/init.scope\n"},
                             {"/sys/class/dmi/id/sys_vendor", "Dell Inc.\n"},
@@ -74,14 +74,14 @@ TEST(LinuxHost, a_server) {
     EXPECT_EQ(found.hypervisor, "");
 }
 
-TEST(LinuxHost, a_container_on_bare_metal_is_bare_metal) {
+TEST(linux_host, a_container_on_bare_metal_is_bare_metal) {
     recorded_host recorded({{"/etc/os-release", debian}, {"/.dockerenv", ""}}, qor::test::bare_xeon());
     const facts found = read_facts(recorded.host);
     EXPECT_EQ(found.enhanced_platform, "Debian GNU/Linux 12 (bookworm), docker container");
     EXPECT_EQ(found.hypervisor, "");
 }
 
-TEST(LinuxHost, wsl_2_is_a_guest_of_hyper_v) {
+TEST(linux_host, wsl_2_is_a_guest_of_hyper_v) {
     recorded_host recorded({{"/etc/os-release", "NAME=\"Ubuntu\"\nVERSION=\"22.04.3 LTS (Jammy Jellyfish)\"\n"
                                                 "PRETTY_NAME=\"Ubuntu 22.04.3 LTS\"\n"}},
                            qor::test::bare_xeon().add_hypervisor("Microsoft Hv"));
@@ -92,7 +92,7 @@ TEST(LinuxHost, wsl_2_is_a_guest_of_hyper_v) {
 }
 
 // There is no machine under the first one but Windows itself, which may be the host of Hyper-V.
-TEST(LinuxHost, wsl_1_is_what_its_windows_is) {
+TEST(linux_host, wsl_1_is_what_its_windows_is) {
     recorded_cpuid processor = qor::test::bare_xeon().add_hypervisor("Microsoft Hv");
     processor.leaves[{0x40000003, 0}] = {0x00003fff, 0x002bb9ff, 0, 0};
     recorded_host recorded({{"/etc/os-release", "PRETTY_NAME=\"Ubuntu 20.04.6 LTS\"\n"}}, processor);
@@ -103,7 +103,7 @@ TEST(LinuxHost, wsl_1_is_what_its_windows_is) {
     EXPECT_EQ(find_wsl(recorded.host), "WSL 2");
 }
 
-TEST(LinuxHost, the_host_and_a_guest_of_hyper_v) {
+TEST(linux_host, the_host_and_a_guest_of_hyper_v) {
     recorded_cpuid processor = qor::test::bare_xeon().add_hypervisor("Microsoft Hv");
     const std::pair<const char*, std::string> maker = {"/sys/class/dmi/id/sys_vendor", "Microsoft Corporation\n"};
     EXPECT_EQ(find_hypervisor(
@@ -115,7 +115,7 @@ TEST(LinuxHost, the_host_and_a_guest_of_hyper_v) {
         "");
 }
 
-TEST(LinuxHost, an_arm_board) {
+TEST(linux_host, an_arm_board) {
     const std::string core = "BogoMIPS\t: 108.00\nFeatures\t: fp asimd evtstrm crc32 cpuid\nCPU implementer\t: 0x41\n"
                              "CPU architecture: 8\nCPU variant\t: 0x0\nCPU part\t: 0xd08\nCPU revision\t: 3\n\n";
     recorded_host recorded(
@@ -130,7 +130,7 @@ TEST(LinuxHost, an_arm_board) {
     EXPECT_EQ(found.hypervisor, "");
 }
 
-TEST(LinuxHost, processors_without_cpuid) {
+TEST(linux_host, processors_without_cpuid) {
     const auto type = [](const std::string& text) {
         return read_cpuinfo(recorded_host({{"/proc/cpuinfo", text}}).host).type;
     };
@@ -149,7 +149,7 @@ TEST(LinuxHost, processors_without_cpuid) {
     EXPECT_EQ(read_facts(nothing.host).processor_extended, "");
 }
 
-TEST(LinuxHost, five_hundred_and_twelve_processors) {
+TEST(linux_host, five_hundred_and_twelve_processors) {
     recorded_host recorded;
     for (uint32 i = 0; i < 512; ++i) {
         recorded.host.processors.insert(i);
@@ -162,7 +162,7 @@ TEST(LinuxHost, five_hundred_and_twelve_processors) {
     EXPECT_EQ(count_cores(recorded.host), 3u);
 }
 
-TEST(LinuxHost, cores_by_the_older_name_and_without_any) {
+TEST(linux_host, cores_by_the_older_name_and_without_any) {
     recorded_host recorded;
     recorded.host.processors = {0, 1, 2, 3};
     EXPECT_EQ(count_cores(recorded.host), 4u);
@@ -175,7 +175,7 @@ TEST(LinuxHost, cores_by_the_older_name_and_without_any) {
 
 // ---- how the distribution describes itself
 
-TEST(OsRelease, from_either_place_and_from_none) {
+TEST(os_release, from_either_place_and_from_none) {
     EXPECT_EQ(read_os_release(recorded_host({{"/usr/lib/os-release", debian}}).host).name, "Debian GNU/Linux");
     EXPECT_EQ(
         read_os_release(recorded_host({{"/etc/os-release", "NAME=Here\n"}, {"/usr/lib/os-release", debian}}).host).name,
@@ -187,7 +187,7 @@ TEST(OsRelease, from_either_place_and_from_none) {
     EXPECT_EQ(found.enhanced_platform, "");
 }
 
-TEST(OsRelease, values_as_a_shell_reads_them) {
+TEST(os_release, values_as_a_shell_reads_them) {
     const os_release found = read_os_release(
         recorded_host(
             {{"/etc/os-release", "# a comment\n\nNAME='Single \"quoted\"'\nNAMELESS=x\nVERSION=\"\\\"1\\\" \\$2\"\r\n"
@@ -198,7 +198,7 @@ TEST(OsRelease, values_as_a_shell_reads_them) {
     EXPECT_EQ(found.description, "last one");
 }
 
-TEST(OsRelease, what_stands_in) {
+TEST(os_release, what_stands_in) {
     const auto read = [](const char* text) { return read_os_release(recorded_host({{"/etc/os-release", text}}).host); };
     EXPECT_EQ(read("NAME=\"Arch Linux\"\nBUILD_ID=rolling\n").version, "rolling");
     EXPECT_EQ(read("NAME=Alpine\nVERSION_ID=3.19.1\n").version, "3.19.1");
@@ -208,13 +208,13 @@ TEST(OsRelease, what_stands_in) {
 
 // ---- memory
 
-TEST(Memory, free_is_what_is_available) {
+TEST(memory, free_is_what_is_available) {
     const qorMemoryInfo info = memory_of(recorded_host({{"/proc/meminfo", meminfo}}));
     EXPECT_EQ(info.total, 16'384'000 * kib);
     EXPECT_EQ(info.free, 8'192'000 * kib);
 }
 
-TEST(Memory, of_kernels_that_do_not_tell_what_is_available) {
+TEST(memory, of_kernels_that_do_not_tell_what_is_available) {
     const std::string text = meminfo;
     const std::size_t at = text.find("MemAvailable");
     const std::string old = text.substr(0, at) + text.substr(text.find('\n', at) + 1);
@@ -224,13 +224,13 @@ TEST(Memory, of_kernels_that_do_not_tell_what_is_available) {
               0u);
 }
 
-TEST(Memory, where_the_system_does_not_tell) {
+TEST(memory, where_the_system_does_not_tell) {
     qorMemoryInfo info{1, 2, 3};
     EXPECT_FALSE(read_memory(recorded_host().host, info));
     EXPECT_FALSE(read_memory(recorded_host({{"/proc/meminfo", "MemFree: 10 kB\n"}}).host, info));
 }
 
-TEST(Memory, more_than_is_there_is_never_free) {
+TEST(memory, more_than_is_there_is_never_free) {
     const qorMemoryInfo info =
         memory_of(recorded_host({{"/proc/meminfo", "MemTotal: 100 kB\nMemAvailable: 200 kB\n"}}));
     EXPECT_EQ(info.free, 100 * kib);
@@ -241,7 +241,7 @@ const char unified_mount[] =
 const char memory_mount[] = "35 31 0:33 / /sys/fs/cgroup/cpu rw - cgroup cgroup rw,cpu\n"
                             "36 31 0:34 / /sys/fs/cgroup/memory rw - cgroup cgroup rw,memory\n";
 
-TEST(GroupMemory, the_lowest_limit_around_counts) {
+TEST(group_memory, the_lowest_limit_around_counts) {
     recorded_host recorded({{"/proc/meminfo", meminfo},
                             {"/proc/self/mountinfo", unified_mount},
                             {"/proc/self/cgroup", "0::/system.slice/app.service/inner\n"},
@@ -258,7 +258,7 @@ TEST(GroupMemory, the_lowest_limit_around_counts) {
     EXPECT_EQ(info.free, 90 * mib); // what the outer one leaves; the inner one would leave 384
 }
 
-TEST(GroupMemory, of_the_first_generation) {
+TEST(group_memory, of_the_first_generation) {
     recorded_host recorded({{"/proc/meminfo", meminfo},
                             {"/proc/self/mountinfo", memory_mount},
                             {"/proc/self/cgroup", "5:cpu:/elsewhere\n4:freezer,memory:/docker/abc\n0::/\n"},
@@ -273,7 +273,7 @@ TEST(GroupMemory, of_the_first_generation) {
 }
 
 // Without a namespace of its own a container sees its group's whole path, but only its own group is mounted.
-TEST(GroupMemory, seen_from_inside_a_container) {
+TEST(group_memory, seen_from_inside_a_container) {
     recorded_host recorded(
         {{"/proc/meminfo", meminfo},
          {"/proc/self/mountinfo", "36 31 0:34 /docker/abc /sys/fs/cgroup/mem\\040ory ro - cgroup cgroup rw,memory\n"},
@@ -298,7 +298,7 @@ TEST(GroupMemory, seen_from_inside_a_container) {
     EXPECT_EQ(memory_of(outside).total, 3 * gib);
 }
 
-TEST(GroupMemory, a_limit_above_what_is_there_is_none) {
+TEST(group_memory, a_limit_above_what_is_there_is_none) {
     recorded_host recorded({{"/proc/meminfo", meminfo},
                             {"/proc/self/mountinfo", unified_mount},
                             {"/proc/self/cgroup", "0::/\n"},
@@ -308,7 +308,7 @@ TEST(GroupMemory, a_limit_above_what_is_there_is_none) {
     EXPECT_EQ(memory_of(recorded).free, 8'192'000 * kib);
 }
 
-TEST(GroupMemory, tables_that_are_none) {
+TEST(group_memory, tables_that_are_none) {
     for (const char* const text :
          {"", "\n", "0", "0:", "::", "4:memory", "0::", "a b c d e\n", "1 2 3 4 5 - cgroup2\n"}) {
         recorded_host recorded(
@@ -319,7 +319,7 @@ TEST(GroupMemory, tables_that_are_none) {
 
 // ---- what is around the system
 
-TEST(Container, kinds) {
+TEST(container, kinds) {
     const auto kind = [](const char* path, const std::string& text) {
         return find_container(recorded_host({{path, text}}).host);
     };
@@ -338,7 +338,7 @@ TEST(Container, kinds) {
     EXPECT_EQ(find_container(recorded_host({{"/proc/vz/veinfo", ""}, {"/proc/bc/0", ""}}).host), "");
 }
 
-TEST(VirtualMachine, told_by_the_kernel) {
+TEST(virtual_machine, told_by_the_kernel) {
     const auto told = [](const char* path, const std::string& text) {
         return find_hypervisor(recorded_host({{path, text}}).host);
     };
@@ -354,7 +354,7 @@ TEST(VirtualMachine, told_by_the_kernel) {
     EXPECT_EQ(told("/proc/sysinfo", "LPAR Name: KVM1\n"), "");
 }
 
-TEST(VirtualMachine, xen_s_first_domain_is_the_host) {
+TEST(virtual_machine, xen_s_first_domain_is_the_host) {
     const recorded_cpuid processor = qor::test::bare_xeon().add_hypervisor("XenVMMXenVMM");
     EXPECT_EQ(
         find_hypervisor(
@@ -366,7 +366,7 @@ TEST(VirtualMachine, xen_s_first_domain_is_the_host) {
               "Xen");
 }
 
-TEST(VirtualMachine, marked_in_the_firmware_s_table) {
+TEST(virtual_machine, marked_in_the_firmware_s_table) {
     std::string table(0x18, '\1');
     table[0x13] = 0x1c;
     const char row[] = "/sys/firmware/dmi/entries/0-0/raw";
@@ -380,7 +380,7 @@ TEST(VirtualMachine, marked_in_the_firmware_s_table) {
 
 // ---- this host
 
-TEST(ThisHost, processors_are_those_that_a_thread_may_run_on) {
+TEST(this_host, processors_are_those_that_a_thread_may_run_on) {
     EXPECT_EQ(count_processors(), std::thread::hardware_concurrency());
     EXPECT_GE(count_processors(), count_cores());
 }

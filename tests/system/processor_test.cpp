@@ -13,7 +13,7 @@ using qor::test::epyc_in_kvm;
 using qor::test::recorded_cpuid;
 
 // What the kernel of the same host says in /proc/cpuinfo.
-TEST(Processor, by_name_family_model_and_stepping) {
+TEST(processor, by_name_family_model_and_stepping) {
     EXPECT_EQ(read_processor(epyc_in_kvm()).type, "AMD EPYC");
     EXPECT_EQ(read_processor(epyc_in_kvm()).extended,
               "AuthenticAMD family 26 model 2 stepping 1: ssse3 sse4_1 sse4_2 avx f16c fma avx2 avx_vnni avx512f "
@@ -24,7 +24,7 @@ TEST(Processor, by_name_family_model_and_stepping) {
               "GenuineIntel family 6 model 79 stepping 1: ssse3 sse4_1 sse4_2 avx f16c fma avx2");
 }
 
-TEST(Processor, extensions_whose_registers_the_system_does_not_keep_cannot_be_used) {
+TEST(processor, extensions_whose_registers_the_system_does_not_keep_cannot_be_used) {
     recorded_cpuid source = epyc_in_kvm();
     source.kept = 0x07;
     EXPECT_TRUE(read_processor(source).extended.ends_with(" fma avx2 avx_vnni")) << read_processor(source).extended;
@@ -32,20 +32,20 @@ TEST(Processor, extensions_whose_registers_the_system_does_not_keep_cannot_be_us
     EXPECT_TRUE(read_processor(source).extended.ends_with(" sse4_1 sse4_2")) << read_processor(source).extended;
 }
 
-TEST(Processor, registers_are_not_asked_for_where_the_system_keeps_none) {
+TEST(processor, registers_are_not_asked_for_where_the_system_keeps_none) {
     recorded_cpuid source = epyc_in_kvm();
     source.leaves[{1, 0}].c &= ~(uint32{1} << 27);
     EXPECT_TRUE(read_processor(source).extended.ends_with(" sse4_1 sse4_2"));
 }
 
-TEST(Processor, padding_of_its_name_goes) {
+TEST(processor, padding_of_its_name_goes) {
     recorded_cpuid source = bare_xeon();
     source.leaves[{0x80000002, 0}] = {0x20202020, 0x746e4920, 0x20206c65, 0x20202020}; // "     Intel      "
     source.leaves[{0x80000003, 0}] = {0x6f655820, 0x2020206e, 0x20202020, 0x00202020}; // " Xeon          "
     EXPECT_EQ(read_processor(source).type.substr(0, 10), "Intel Xeon");
 }
 
-TEST(Processor, without_a_name_its_maker_stands_in) {
+TEST(processor, without_a_name_its_maker_stands_in) {
     recorded_cpuid source;
     source.leaves[{0, 0}] = {1, 0x756e6547, 0x6c65746e, 0x49656e69};
     source.leaves[{1, 0}] = {0x00000543, 0, 0, 0}; // a Pentium: models have four bits
@@ -53,18 +53,18 @@ TEST(Processor, without_a_name_its_maker_stands_in) {
     EXPECT_EQ(read_processor(source).extended, "GenuineIntel family 5 model 4 stepping 3");
 }
 
-TEST(Processor, without_cpuid_nothing_is_known) {
+TEST(processor, without_cpuid_nothing_is_known) {
     EXPECT_EQ(read_processor({recorded_cpuid()}).type, "");
     EXPECT_EQ(read_processor({recorded_cpuid()}).extended, "");
 }
 
-TEST(Hypervisor, none_without_its_bit) {
+TEST(hypervisor, none_without_its_bit) {
     recorded_cpuid source = bare_xeon();
     source.leaves[{0x40000000, 0}] = {0x07, 0x340, 0x340, 0}; // processors answer unknown leaves with the last one's
     EXPECT_FALSE(read_hypervisor(source).is_there);
 }
 
-TEST(Hypervisor, by_its_signature) {
+TEST(hypervisor, by_its_signature) {
     const std::pair<const char*, const char*> known[] = {
         {"KVMKVMKVM", "KVM"},          {"Linux KVM Hv", "KVM"},        {"VMwareVMware", "VMware"},
         {"XenVMMXenVMM", "Xen"},       {"VBoxVBoxVBox", "VirtualBox"}, {"TCGTCGTCGTCG", "QEMU"},
@@ -79,7 +79,7 @@ TEST(Hypervisor, by_its_signature) {
     }
 }
 
-TEST(Hypervisor, behind_an_emulation_of_hyper_v) {
+TEST(hypervisor, behind_an_emulation_of_hyper_v) {
     for (const auto& [signature, name] : {std::pair{"KVMKVMKVM", "KVM"}, {"XenVMMXenVMM", "Xen"}}) {
         recorded_cpuid source = bare_xeon();
         source.add_hypervisor("Microsoft Hv").add_hypervisor(signature, 0x40000100);
@@ -89,7 +89,7 @@ TEST(Hypervisor, behind_an_emulation_of_hyper_v) {
     }
 }
 
-TEST(Hypervisor, the_host_of_hyper_v_is_no_guest) {
+TEST(hypervisor, the_host_of_hyper_v_is_no_guest) {
     recorded_cpuid source = bare_xeon();
     source.add_hypervisor("Microsoft Hv");
     source.leaves[{0x40000003, 0}] = {0x00003fff, 0x002bb9ff, 0, 0}; // the root partition of a desktop

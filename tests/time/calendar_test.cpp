@@ -25,7 +25,7 @@ std::string formatted(const char* format, const qorTimeInfo& info) {
 }
 
 // The C++ library's calendar, as far as it goes; every byte as month and as day.
-TEST(DayOfWeek, IsTheLibrarysCalendar) {
+TEST(day_of_week, is_the_librarys_calendar) {
     using namespace std::chrono;
     for (const int y : {1, 4, 100, 400, 1582, 1600, 1900, 2000, 2023, 2024, 9999, 32767})
         for (unsigned m = 0; m < 256; ++m)
@@ -39,7 +39,7 @@ TEST(DayOfWeek, IsTheLibrarysCalendar) {
             }
 }
 
-TEST(DayOfWeek, ThereIsNoYear0AndTheLastIs65535) {
+TEST(day_of_week, there_is_no_year0_and_the_last_is65535) {
     EXPECT_LT(qorGetDayOfWeek(date(0, 1, 1)), 0);
     EXPECT_EQ(qorGetDayOfWeek(date(1, 1, 1)), 0);
     // 400 years have a whole number of weeks: 65535 is like 1935.
@@ -49,7 +49,7 @@ TEST(DayOfWeek, ThereIsNoYear0AndTheLastIs65535) {
 }
 
 // Both ways between clock and date.
-TEST(DayOfWeek, IsTheWeekdayOfTheClock) {
+TEST(day_of_week, is_the_weekday_of_the_clock) {
     std::mt19937_64 random(20);
     for (int i = 0; i < 100'000; ++i) {
         qorTimeInfo info;
@@ -59,7 +59,7 @@ TEST(DayOfWeek, IsTheWeekdayOfTheClock) {
 }
 
 // Of the C library's formatting, what does not change with the locale.
-TEST(FormatTime, SaysWhatTheCLibrarySays) {
+TEST(format_time, says_what_the_c_library_says) {
     static constexpr char format[] = "%%%d/%m/%y @ %H:%M:%S|%Y %j|%F %T %z%%|%u";
     constexpr uint64 begin_of_1900 = 9'435'484'800 * qorTicksPerSecond; // older years are not for every C library
     std::mt19937_64 random(21);
@@ -93,7 +93,7 @@ TEST(FormatTime, SaysWhatTheCLibrarySays) {
     }
 }
 
-TEST(FormatTime, TicksAndOffsets) {
+TEST(format_time, ticks_and_offsets) {
     qorTimeInfo info = date(7, 1, 2);
     info.ticks = 1234;
     EXPECT_EQ(formatted("%Y %f %z", info), "0007 0001234 +0000");
@@ -105,14 +105,14 @@ TEST(FormatTime, TicksAndOffsets) {
     EXPECT_EQ(formatted("%z", info), "+0045");
 }
 
-TEST(FormatTime, FieldsAreNotJudged) {
+TEST(format_time, fields_are_not_judged) {
     const qorTimeInfo none{};
     EXPECT_EQ(formatted("%F %T %j %u", none), "0000-00-00 00:00:00 000 0");
     const qorTimeInfo wild{9999, 99, 255, 200, 100, 61, 9, ~0u, 0};
     EXPECT_EQ(formatted("%d.%m.%Y %H:%M:%S %f %j", wild), "255.99.9999 200:100:61 4294967295 000");
 }
 
-TEST(FormatTime, AnUnknownCodeStaysAndIsTold) {
+TEST(format_time, an_unknown_code_stays_and_is_told) {
     const qorTimeInfo info = date(2021, 3, 28);
     const struct {
         const char* format;
@@ -134,7 +134,7 @@ TEST(FormatTime, AnUnknownCodeStaysAndIsTold) {
     }
 }
 
-TEST(FormatTime, TheFormatMayLieInTheResult) {
+TEST(format_time, the_format_may_lie_in_the_result) {
     qorString text("%d-%%");
     EXPECT_TRUE(qorFormatTime(text, text, date(2021, 3, 28)));
     EXPECT_STREQ(text, "28-%");

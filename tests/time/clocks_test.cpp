@@ -18,7 +18,7 @@ uint32 last_error() {
 }
 
 // The C++ library's clock, read before and after; a clock that is set back in between makes another round.
-TEST(SystemTime, IsTheSystemsClockCountedFrom1601) {
+TEST(system_time, is_the_systems_clock_counted_from1601) {
     using namespace std::chrono;
     const auto now = [] {
         return duration_cast<duration<int64, std::ratio<1, 10'000'000>>>(system_clock::now().time_since_epoch())
@@ -34,7 +34,7 @@ TEST(SystemTime, IsTheSystemsClockCountedFrom1601) {
     ADD_FAILURE() << unix_time(qorGetSystemTime());
 }
 
-TEST(TickCounter, NeverGoesBack) {
+TEST(tick_counter, never_goes_back) {
     uint64 last = 0;
     for (int i = 0; i < 100'000; ++i) {
         const uint64 now = qorGetTickCounter();
@@ -43,7 +43,7 @@ TEST(TickCounter, NeverGoesBack) {
     }
 }
 
-TEST(Sleep, IsNeverShort) {
+TEST(sleep, is_never_short) {
     for (const uint32 ms : {0u, 1u, 2u, 3u, 5u, 16u, 20u, 1u, 1u, 1u}) {
         const uint64 begin = qorGetTickCounter();
         qorSleep(ms);
@@ -51,7 +51,7 @@ TEST(Sleep, IsNeverShort) {
     }
 }
 
-TEST(TimeZoneOffset, IsThatOfNow) {
+TEST(time_zone_offset, is_that_of_now) {
     qorTimeInfo info;
     int32 before;
     do { // the zone may change while this runs
@@ -63,7 +63,7 @@ TEST(TimeZoneOffset, IsThatOfNow) {
 }
 
 // Whatever the zone is: a local time that there is comes back, and one that is skipped comes back later.
-TEST(ConvertLocalTimeInfo, GoesBackAndForth) {
+TEST(convert_local_time_info, goes_back_and_forth) {
     std::mt19937_64 random(22);
     constexpr uint64 day = 86'400 * qorTicksPerSecond;
     for (int i = 0; i < 3'000; ++i) {
@@ -85,7 +85,7 @@ TEST(ConvertLocalTimeInfo, GoesBackAndForth) {
     }
 }
 
-TEST(ConvertLocalTimeInfo, RefusesWhatIsNoTime) {
+TEST(convert_local_time_info, refuses_what_is_no_time) {
     const qorTimeInfo good = {2021, 3, 28, 23, 59, 59, 0, 9'999'999, 0};
     qorClearLastError();
     EXPECT_NE(qorConvertLocalTimeInfo(good), 0u);

@@ -20,7 +20,7 @@ std::atomic<int> interruptions;
 
 uint32 last_error(qorString& text) { return qorGetLastError(text); }
 
-TEST(Sleep, GoesOnAfterSignals) {
+TEST(sleep, goes_on_after_signals) {
     struct sigaction handled {};
     struct sigaction before;
     handled.sa_handler = [](int) { ++interruptions; }; // without SA_RESTART
@@ -38,7 +38,7 @@ TEST(Sleep, GoesOnAfterSignals) {
     EXPECT_GT(interruptions, 0);
 }
 
-TEST(ConvertLocalTimeInfo, TheFirstTickAndTheLast) {
+TEST(convert_local_time_info, the_first_tick_and_the_last) {
     const zone set("UTC0");
     EXPECT_EQ(qorConvertLocalTimeInfo({1601, 1, 1, 0, 0, 0, 0, 1, 0}), 1u);
     EXPECT_EQ(qorConvertLocalTimeInfo({60056, 5, 28, 5, 36, 10, 0, 9'551'615, 0}), ~0ull);
@@ -49,13 +49,13 @@ TEST(ConvertLocalTimeInfo, TheFirstTickAndTheLast) {
 }
 
 // The beginning of the count is a time of 1600 in the west.
-TEST(ConvertLocalTimeInfo, OneTickBehindTheBeginningOfTheCount) {
+TEST(convert_local_time_info, one_tick_behind_the_beginning_of_the_count) {
     const zone set("XXX5");
     EXPECT_EQ(qorConvertLocalTimeInfo({1600, 12, 31, 19, 0, 0, 0, 1, 0}), 1u);
     EXPECT_EQ(qorConvertLocalTimeInfo({1600, 12, 31, 18, 59, 59, 0, 9'999'999, 0}), 0u);
 }
 
-TEST(ZoneName, WhatTheSystemKnows) {
+TEST(zone_name, what_the_system_knows) {
     for (const char* const name :
          {"", ":", "UTC", "GMT", ":UTC", "UTC0", "CET-1", "CET-1CEST", "CET-1CEST,M3.5.0,M10.5.0/3", "Europe/Berlin",
           ":Europe/Berlin", "/usr/share/zoneinfo/Europe/Berlin", "<+0330>-3:30", "<-03>3<-02>,M3.5.0/-2,M10.5.0/-1",
@@ -63,7 +63,7 @@ TEST(ZoneName, WhatTheSystemKnows) {
         EXPECT_TRUE(qor::time::is_zone(name)) << name;
 }
 
-TEST(ZoneName, WhatItDoesNotKnow) {
+TEST(zone_name, what_it_does_not_know) {
     for (const char* const name : {"Europe/Atlantis",
                                    "Europe",
                                    "/nowhere",
@@ -90,7 +90,7 @@ TEST(ZoneName, WhatItDoesNotKnow) {
         EXPECT_FALSE(qor::time::is_zone(name)) << name;
 }
 
-TEST(ZoneName, AnUnknownOneIsTheLastErrorOfEachCall) {
+TEST(zone_name, an_unknown_one_is_the_last_error_of_each_call) {
     {
         const zone set("Europe/Atlantis");
         for (int call = 0; call < 3; ++call) {
@@ -109,7 +109,7 @@ TEST(ZoneName, AnUnknownOneIsTheLastErrorOfEachCall) {
 }
 
 // The C library uses what it understands of a name.
-TEST(ZoneName, OneThatIsHalfUnderstood) {
+TEST(zone_name, one_that_is_half_understood) {
     struct {
         const char* name;
         int32 minutes;
@@ -129,7 +129,7 @@ TEST(ZoneName, OneThatIsHalfUnderstood) {
     }
 }
 
-TEST(ZoneName, OneThatIsHalfUnderstoodAndHasSummerTime) {
+TEST(zone_name, one_that_is_half_understood_and_has_summer_time) {
     const zone set("CET-1CEST,");
     for (const auto& [second, ahead] : {std::pair{1'609'459'200, "UTC+01:00"}, std::pair{1'625'097'600, "UTC+02:00"}}) {
         qorTimeInfo info;
@@ -142,7 +142,7 @@ TEST(ZoneName, OneThatIsHalfUnderstoodAndHasSummerTime) {
     }
 }
 
-TEST(ZoneName, LeapSecondsAreNotSupported) {
+TEST(zone_name, leap_seconds_are_not_supported) {
     if (!std::filesystem::exists("/usr/share/zoneinfo/right/Europe/Berlin"))
         GTEST_SKIP() << "this system has no zones with leap seconds";
     const zone set("right/Europe/Berlin");
@@ -154,7 +154,7 @@ TEST(ZoneName, LeapSecondsAreNotSupported) {
 }
 
 // Summer time from 27 March, 12:00, to the next day, 12:00 by its own clocks.
-TEST(ConvertLocalTimeInfo, TwoChangesWithinADay) {
+TEST(convert_local_time_info, two_changes_within_a_day) {
     const zone set("AAA0BBB-1,J86/12,J87/12");
     constexpr uint64 noon = 13'261'320'000; // of 27 March 2021, in seconds
     struct {
@@ -169,7 +169,7 @@ TEST(ConvertLocalTimeInfo, TwoChangesWithinADay) {
     }
 }
 
-TEST(ZoneName, AnUnknownOneIsTraced) {
+TEST(zone_name, an_unknown_one_is_traced) {
     ASSERT_TRUE(qorDebugEnableCode("system.time", true));
     testing::internal::CaptureStderr();
     {

@@ -39,7 +39,7 @@ struct leaves {
     }
 };
 
-TEST(ConvertTime, EveryDayThereIs) {
+TEST(convert_time, every_day_there_is) {
     leaves model;
     for (uint64 number = 0; number <= ~0ull / day; ++number, model.next())
         ASSERT_TRUE(model.is_date_of(utc(number * day + number % day)))
@@ -47,7 +47,7 @@ TEST(ConvertTime, EveryDayThereIs) {
     EXPECT_EQ(model.year, 60056u); // as far as 64 bits go
 }
 
-TEST(ConvertTime, EverySecondOfADay) {
+TEST(convert_time, every_second_of_a_day) {
     for (uint64 second = 0; second < 86'400; ++second)
         for (const uint64 ticks : {uint64{0}, qorTicksPerSecond - 1}) {
             const qorTimeInfo info = utc(149'000 * day + second * qorTicksPerSecond + ticks);
@@ -59,7 +59,7 @@ TEST(ConvertTime, EverySecondOfADay) {
         }
 }
 
-TEST(ConvertTime, TheFirstTickAndTheLast) {
+TEST(convert_time, the_first_tick_and_the_last) {
     const qorTimeInfo first = utc(0);
     EXPECT_EQ(first.year, 1601);
     EXPECT_EQ(first.month, 1);
@@ -77,7 +77,7 @@ TEST(ConvertTime, TheFirstTickAndTheLast) {
 }
 
 // The C++ library's calendar, as far as it goes.
-TEST(ConvertTime, IsTheLibrarysCalendar) {
+TEST(convert_time, is_the_librarys_calendar) {
     using namespace std::chrono;
     constexpr sys_days begin = 1601y / January / 1;
     std::mt19937_64 random(10);
@@ -94,7 +94,7 @@ TEST(ConvertTime, IsTheLibrarysCalendar) {
 }
 
 // Whatever the zone is: local time is the time of UTC, so much ahead as it says.
-TEST(ConvertTime, LocalTimeIsUtcAndItsOffset) {
+TEST(convert_time, local_time_is_utc_and_its_offset) {
     std::mt19937_64 random(11);
     for (int i = 0; i < 20'000; ++i) {
         const uint64 clock = random() % (~0ull - 2 * day) + day;

@@ -21,7 +21,7 @@ std::string local(int64 unix_time) {
 
 // What `date` of the GNU coreutils says of these moments; the zones are spelt out, so that no database is
 // needed.
-TEST(ConvertTimeZones, ChangesOfTheZoneTakeEffectAtTheirSecond) {
+TEST(convert_time_zones, changes_of_the_zone_take_effect_at_their_second) {
     const zone set("CET-1CEST,M3.5.0,M10.5.0/3");
     EXPECT_EQ(local(1616893199), "2021-03-28 01:59:59 +3600");
     EXPECT_EQ(local(1616893200), "2021-03-28 03:00:00 +7200");
@@ -30,7 +30,7 @@ TEST(ConvertTimeZones, ChangesOfTheZoneTakeEffectAtTheirSecond) {
     EXPECT_EQ(local(0), "1970-01-01 01:00:00 +3600");
 }
 
-TEST(ConvertTimeZones, ZonesOnBothSidesOfUtc) {
+TEST(convert_time_zones, zones_on_both_sides_of_utc) {
     {
         const zone set("XXX-5:45");
         EXPECT_EQ(local(-1), "1970-01-01 05:44:59 +20700");

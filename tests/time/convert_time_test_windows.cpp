@@ -8,7 +8,7 @@
 namespace {
 
 // Of a year whose rules are today's, the system's plain conversion says the same.
-TEST(ConvertTimeZones, LocalTimeIsTheSystems) {
+TEST(convert_time_zones, local_time_is_the_systems) {
     SYSTEMTIME now;
     GetSystemTime(&now);
     SYSTEMTIME new_year = {};
@@ -38,7 +38,7 @@ TEST(ConvertTimeZones, LocalTimeIsTheSystems) {
 }
 
 // The system counts to the year 30827 only; the calendar repeats every 400 years.
-TEST(ConvertTimeZones, TimesThatTheSystemDoesNotKnowHaveTheRulesOfOthersLikeThem) {
+TEST(convert_time_zones, times_that_the_system_does_not_know_have_the_rules_of_others_like_them) {
     constexpr uint64 four_centuries = 146'097ull * 86'400 * qorTicksPerSecond;
     const auto offset = [](uint64 clock) {
         qorTimeInfo info;

@@ -51,7 +51,7 @@ const rate_case common_rates[] = {
     {{100, 1}, false, 100, 0},     {{120000, 1001}, false, 120, 0}, {{120, 1}, false, 120, 0},
 };
 
-TEST(FrameCount, EveryFrameOf24HoursAtTheCommonRates) {
+TEST(frame_count, every_frame_of24_hours_at_the_common_rates) {
     for (const rate_case& of : common_rates) {
         odometer model(of.per_second, of.dropped);
         uint64 count = 0;
@@ -66,7 +66,7 @@ TEST(FrameCount, EveryFrameOf24HoursAtTheCommonRates) {
     }
 }
 
-TEST(FrameCount, TheFlagCountsOnlyWhereFramesAreDropped) {
+TEST(frame_count, the_flag_counts_only_where_frames_are_dropped) {
     std::mt19937_64 random(6);
     for (const qorRational& rate :
          {qorRational(24000, 1001), qorRational(25, 1), qorRational(30, 1), qorRational(60, 1),
@@ -81,7 +81,7 @@ TEST(FrameCount, TheFlagCountsOnlyWhereFramesAreDropped) {
         }
 }
 
-TEST(FrameCount, EqualRatesCountAlike) {
+TEST(frame_count, equal_rates_count_alike) {
     for (const int32 factor : {2, 3, 1000, INT_MAX / 30000}) {
         qorTimecode timecode;
         timecode.SetFromFrameCount(qorRational(30000 * factor, 1001u * static_cast<uint32>(factor)), 1800);
@@ -90,7 +90,7 @@ TEST(FrameCount, EqualRatesCountAlike) {
 }
 
 // All hours have the same frames, so one hour of the odometer serves every count.
-TEST(FrameCount, AnyCountOf64Bits) {
+TEST(frame_count, any_count_of64_bits) {
     std::mt19937_64 random(7);
     for (const rate_case& of : common_rates) {
         std::vector<qorTimecode> hour;
@@ -113,7 +113,7 @@ TEST(FrameCount, AnyCountOf64Bits) {
 }
 
 // The nearest whole number of frames, a half upwards; never none.
-TEST(FrameCount, AnyRationalRate) {
+TEST(frame_count, any_rational_rate) {
     const auto numbers_in_a_second = [](const qorRational& rate) {
         // The first count that is a second later.
         uint64 low = 1, high = uint64{1} << 32;
@@ -153,7 +153,7 @@ TEST(FrameCount, AnyRationalRate) {
     }
 }
 
-TEST(FrameCount, IsItsInverseWhereHoursAndFramesFit) {
+TEST(frame_count, is_its_inverse_where_hours_and_frames_fit) {
     std::mt19937_64 random(9);
     for (int i = 0; i < 50000; ++i) {
         const qorRational rate(static_cast<int32>((random() & 0xffff) >> random() % 16 | 1),
@@ -168,7 +168,7 @@ TEST(FrameCount, IsItsInverseWhereHoursAndFramesFit) {
     }
 }
 
-TEST(FrameCount, AFrameNumberThatIsLeftOutIsTheNextThatIsNot) {
+TEST(frame_count, a_frame_number_that_is_left_out_is_the_next_that_is_not) {
     for (const auto& [rate, per_second, dropped] :
          {std::tuple{qorRational(30000, 1001), 30, 2}, std::tuple{qorRational(60000, 1001), 60, 4}})
         for (uint16 minute = 1; minute < 60; ++minute) {
@@ -181,7 +181,7 @@ TEST(FrameCount, AFrameNumberThatIsLeftOutIsTheNextThatIsNot) {
         }
 }
 
-TEST(FrameCount, FieldsBeyondTheirRangesAreCarried) {
+TEST(frame_count, fields_beyond_their_ranges_are_carried) {
     for (const rate_case& of : common_rates) {
         const auto count = [&of](uint16 h, uint16 m, uint16 s, uint16 f) {
             return qorTimecode(h, m, s, f).GetFrameCount(of.rate, of.drop_frame);
@@ -197,7 +197,7 @@ TEST(FrameCount, FieldsBeyondTheirRangesAreCarried) {
               (65535ull * 3600 + 65535 * 60 + 65535) * INT_MAX + 65535);
 }
 
-TEST(FrameCount, FramesAndHoursKeepTheirLower16Bits) {
+TEST(frame_count, frames_and_hours_keep_their_lower16_bits) {
     qorTimecode timecode;
     timecode.SetFromFrameCount(qorRational(100000, 1), 70000);
     EXPECT_EQ(timecode, qorTimecode(0, 0, 0, 70000 - 65536));

@@ -165,14 +165,14 @@ void run_random(unsigned seed, unsigned steps, uint64 spread, unsigned keep_perc
     tables.compare();
 }
 
-TEST(AllocationTable, AgreesWithThePlainTableOnFewBuckets) {
+TEST(allocation_table, agrees_with_the_plain_table_on_few_buckets) {
     for (unsigned seed = 0; seed < 20; ++seed) {
         run_random<uint32>(seed, 6000, 3000, 60);
         run_random<uint64>(seed, 6000, 3000, 60);
     }
 }
 
-TEST(AllocationTable, AgreesWithThePlainTableWhereABucketOverflows) {
+TEST(allocation_table, agrees_with_the_plain_table_where_a_bucket_overflows) {
     for (unsigned seed = 0; seed < 5; ++seed) {
         run_random<uint32>(seed, 9000, 1022, 70);
         run_random<uint64>(seed, 9000, 1022, 70);
@@ -180,7 +180,7 @@ TEST(AllocationTable, AgreesWithThePlainTableWhereABucketOverflows) {
 }
 
 // Chains of several blocks that are emptied and filled again, with addresses live once, some times, or all the time.
-TEST(AllocationTable, AgreesWithThePlainTableOnLongChains) {
+TEST(allocation_table, agrees_with_the_plain_table_on_long_chains) {
     for (const uint64 addresses : {uint64{1}, uint64{50}, uint64{3000}, uint64{1} << 34}) {
         std::mt19937_64 random(addresses);
         both_tables<uint64> tables;
@@ -207,7 +207,7 @@ TEST(AllocationTable, AgreesWithThePlainTableOnLongChains) {
     }
 }
 
-TEST(AllocationTable, AddressZeroInAChainOfSeveralBlocks) {
+TEST(allocation_table, address_zero_in_a_chain_of_several_blocks) {
     both_tables<uint64> tables;
     for (uint64 i = 1; i <= 2048; ++i)
         tables.allocate(i << 30, 1);
@@ -223,7 +223,7 @@ TEST(AllocationTable, AddressZeroInAChainOfSeveralBlocks) {
     tables.compare();
 }
 
-TEST(AllocationTable, LiveSlotsTakeNewOrigins) {
+TEST(allocation_table, live_slots_take_new_origins) {
     both_tables<uint64> tables;
     for (uint32 i = 1; i < 5000; ++i)
         tables.allocate(uint64{i} << (i % 2 == 0 ? 30 : 4), i);
@@ -236,14 +236,14 @@ TEST(AllocationTable, LiveSlotsTakeNewOrigins) {
     EXPECT_EQ(walk(*tables.packed), expected);
 }
 
-TEST(AllocationTable, AgreesWithThePlainTableOnManyBuckets) {
+TEST(allocation_table, agrees_with_the_plain_table_on_many_buckets) {
     for (unsigned seed = 0; seed < 5; ++seed) {
         run_random<uint32>(seed, 20000, uint64{1} << 34, 55);
         run_random<uint64>(seed, 20000, uint64{1} << 34, 55);
     }
 }
 
-TEST(AllocationTable, ABucketHoldsMoreThanOneBlock) {
+TEST(allocation_table, a_bucket_holds_more_than_one_block) {
     both_tables<uint32> tables;
     for (uint32 i = 0; i < 1025; ++i)
         tables.allocate(0x40000 + i % 1024, i);
@@ -257,7 +257,7 @@ TEST(AllocationTable, ABucketHoldsMoreThanOneBlock) {
     tables.compare();
 }
 
-TEST(AllocationTable, AddressesThatShareABucketAreToldApart) {
+TEST(allocation_table, addresses_that_share_a_bucket_are_told_apart) {
     both_tables<uint32> tables;
     tables.allocate(0x1000, 1);
     tables.allocate(0x1000 + (uint64{1} << 30), 2);
@@ -269,7 +269,7 @@ TEST(AllocationTable, AddressesThatShareABucketAreToldApart) {
     tables.compare();
 }
 
-TEST(AllocationTable, AHeldSlotStaysValidWhileItsBlockGrows) {
+TEST(allocation_table, a_held_slot_stays_valid_while_its_block_grows) {
     allocation_table<uint32>& table = *new allocation_table<uint32>; // 8 MiB: too large for a stack
     const allocation_table<uint32>::__entry held = table.find_blank(0x1000);
     table.set(held, 0x1000, 7, 70);
@@ -283,7 +283,7 @@ TEST(AllocationTable, AHeldSlotStaysValidWhileItsBlockGrows) {
     delete &table;
 }
 
-TEST(AllocationTable, AddressZeroIsHeldByAnyBlankSlotOfItsBucket) {
+TEST(allocation_table, address_zero_is_held_by_any_blank_slot_of_its_bucket) {
     both_tables<uint32> tables;
     tables.release(0); // no block yet
     tables.allocate(0x10, 1);

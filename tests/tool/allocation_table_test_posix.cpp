@@ -37,7 +37,7 @@ void give_back_all() {
     }
 }
 
-TEST(AllocationTableMemory, ReturnsToTheSystemOnRequest) {
+TEST(allocation_table_memory, returns_to_the_system_on_request) {
     give_back_all<uint32>();
     give_back_all<uint64>();
 }

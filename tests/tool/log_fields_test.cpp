@@ -53,7 +53,7 @@ std::vector<std::string> words_of(const std::string& line) {
     return words;
 }
 
-TEST(LogFields, WordsAreThoseOfAPlainLoop) {
+TEST(log_fields, words_are_those_of_a_plain_loop) {
     std::mt19937 random(1);
     const std::string letters("ab\0 \t\r\v\f@\x08\x0e\x1f\x21\x80\x89\x8d\xa0\xff", 19);
     for (int round = 0; round < 20000; ++round) {
@@ -64,7 +64,7 @@ TEST(LogFields, WordsAreThoseOfAPlainLoop) {
     }
 }
 
-TEST(LogFields, LinesLoseWhiteSpaceAtBothEnds) {
+TEST(log_fields, lines_lose_white_space_at_both_ends) {
     const run text(" \t a b \r\n\n\r\n  \nlast\v\n");
     const char* next = text.begin();
     std::vector<std::string> lines;
@@ -126,22 +126,22 @@ void compare_numbers(NUMBER number, PLAIN plain) {
     }
 }
 
-TEST(LogFields, HexadecimalNumbersAreTheCLibrarys) {
+TEST(log_fields, hexadecimal_numbers_are_the_c_librarys) {
     compare_numbers(log_fields::hexadecimal,
                     [](const char* text) -> uint64 { return std::strtoull(text, nullptr, 16); });
 }
 
-TEST(LogFields, UnsignedNumbersAreTheCLibrarys) {
+TEST(log_fields, unsigned_numbers_are_the_c_librarys) {
     compare_numbers(log_fields::unsigned_number,
                     [](const char* text) -> uint64 { return std::strtoull(text, nullptr, 0); });
 }
 
-TEST(LogFields, SignedNumbersAreTheCLibrarys) {
+TEST(log_fields, signed_numbers_are_the_c_librarys) {
     compare_numbers(log_fields::signed_number,
                     [](const char* text) -> int64 { return std::strtoll(text, nullptr, 0); });
 }
 
-TEST(LogFields, ANulEndsANumber) {
+TEST(log_fields, a_nul_ends_a_number) {
     const run text(std::string("1f\0003 \n", 6));
     EXPECT_EQ(log_fields::hexadecimal(std::string_view(text.begin(), 4)), 0x1fu);
 }

@@ -50,7 +50,7 @@ struct both_lists {
     }
 };
 
-TEST(LookAheadList, AgreesWithAPlainList) {
+TEST(look_ahead_list, agrees_with_a_plain_list) {
     for (unsigned seed = 0; seed < 8; ++seed) {
         std::mt19937 random(seed);
         const unsigned addresses = seed % 2 == 0 ? 20 : 3000;
@@ -70,7 +70,7 @@ TEST(LookAheadList, AgreesWithAPlainList) {
     }
 }
 
-TEST(LookAheadList, HoldsAThousandAndTwentyFourRecordsOfOneAddress) {
+TEST(look_ahead_list, holds_a_thousand_and_twenty_four_records_of_one_address) {
     both_lists lists;
     for (uint32 i = 0; i < 1024; ++i)
         lists.append(7, i);

@@ -80,9 +80,9 @@ bool fail(IQORNetInterfaceList**) noexcept {
     return false;
 }
 
-class Netlist : public testing::Test {
+class netlist : public testing::Test {
 protected:
-    Netlist() : m_real(qor::glue::table()), m_table(*m_real) {
+    netlist() : m_real(qor::glue::table()), m_table(*m_real) {
         m_table.qorEnumerateNetInterfaces = list_them;
         s_interfaces.clear();
     }
@@ -126,14 +126,14 @@ protected:
 
 } // namespace
 
-TEST_F(Netlist, AHostWithoutInterfacesHasAHeading) {
+TEST_F(netlist, a_host_without_interfaces_has_a_heading) {
     EXPECT_EQ(run().out, "");
     const result loud = run(false);
     EXPECT_EQ(loud.code, 0);
     EXPECT_TRUE(loud.out.ends_with("\nNetwork interfaces:\n\nThe action has succeeded.\n")) << loud.out;
 }
 
-TEST_F(Netlist, ABlockForEachInterface) {
+TEST_F(netlist, a_block_for_each_interface) {
     facts full;
     full.hardware_address = {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e};
     full.ipv4 = {{{{192, 168, 1, 10}}, 24}, {{{10, 0, 0, 1}}, 0}, {{{255, 255, 255, 255}}, 32}};
@@ -168,7 +168,7 @@ TEST_F(Netlist, ABlockForEachInterface) {
                        "\n");
 }
 
-TEST_F(Netlist, AGatewayIsShownWithoutAddressesToo) {
+TEST_F(netlist, a_gateway_is_shown_without_addresses_too) {
     facts one;
     one.has_gateway = true;
     one.gateway = {{{10, 0, 0, 1}}, 32};
@@ -176,7 +176,7 @@ TEST_F(Netlist, AGatewayIsShownWithoutAddressesToo) {
     EXPECT_TRUE(run().out.ends_with("(none)\nDefault gateway:   10.0.0.1\n\n"));
 }
 
-TEST_F(Netlist, HardwareAddressesOfEveryLength) {
+TEST_F(netlist, hardware_addresses_of_every_length) {
     EXPECT_EQ(hardware_address({0xab}), "ab");
     EXPECT_EQ(hardware_address({0x0f, 0xf0}), "0f:f0");
     EXPECT_EQ(hardware_address({0, 0, 0, 0, 0, 0}), "00:00:00:00:00:00");
@@ -191,7 +191,7 @@ TEST_F(Netlist, HardwareAddressesOfEveryLength) {
     EXPECT_EQ(hardware_address({1, 2}, false), "(none)");
 }
 
-TEST_F(Netlist, AnIndexWithoutAnInterfaceIsPassedOver) {
+TEST_F(netlist, an_index_without_an_interface_is_passed_over) {
     facts gone;
     gone.is_there = false;
     s_interfaces = {gone, {}, gone};
@@ -201,7 +201,7 @@ TEST_F(Netlist, AnIndexWithoutAnInterfaceIsPassedOver) {
                        "Hardware address:  (none)\n\n");
 }
 
-TEST_F(Netlist, SaysWhyThereIsNoList) {
+TEST_F(netlist, says_why_there_is_no_list) {
     m_table.qorEnumerateNetInterfaces = fail;
     const result got = run();
     EXPECT_EQ(got.code, 1);

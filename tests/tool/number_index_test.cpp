@@ -36,12 +36,12 @@ void run_random(unsigned seed, unsigned hashes, unsigned keys) {
     }
 }
 
-TEST(NumberIndex, AgreesWithAMap) {
+TEST(number_index, agrees_with_a_map) {
     for (unsigned seed = 0; seed < 10; ++seed)
         run_random(seed, 1u << 20, 1 + seed * 300);
 }
 
-TEST(NumberIndex, AgreesWithAMapWhereHashesCollide) {
+TEST(number_index, agrees_with_a_map_where_hashes_collide) {
     for (unsigned seed = 0; seed < 10; ++seed)
         run_random(seed, 5, 60);
 }

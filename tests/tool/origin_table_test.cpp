@@ -11,13 +11,13 @@ namespace {
 
 using namespace qor::heap;
 
-TEST(OriginTable, KnowsNothingOfNumberZero) {
+TEST(origin_table, knows_nothing_of_number_zero) {
     const origin_table table;
     EXPECT_EQ(table.get(0), origin_table::origin{});
     EXPECT_EQ(table.printed(0), "");
 }
 
-TEST(OriginTable, KeepsEachCombinationOnce) {
+TEST(origin_table, keeps_each_combination_once) {
     using key = std::tuple<std::string, std::string, std::string, int32, uint8>;
     std::mt19937 random(3);
     origin_table table;
@@ -50,7 +50,7 @@ TEST(OriginTable, KeepsEachCombinationOnce) {
     }
 }
 
-TEST(OriginTable, ACallerAloneIsTheOriginWithNothingElse) {
+TEST(origin_table, a_caller_alone_is_the_origin_with_nothing_else) {
     origin_table table;
     for (int i = 0; i < 1000; ++i) {
         const std::string caller = "caller" + std::to_string(i % 100);
@@ -62,7 +62,7 @@ TEST(OriginTable, ACallerAloneIsTheOriginWithNothingElse) {
 
 std::string_view caller_of(const origin_table& table, uint32 number) { return table.printed(table.get(number).caller); }
 
-TEST(OriginTable, TextsStayWhereTheyAre) {
+TEST(origin_table, texts_stay_where_they_are) {
     origin_table table;
     const std::string large(100'000, 'x'); // larger than a piece
     const std::string_view first = caller_of(table, table.of_caller("first"));
@@ -74,7 +74,7 @@ TEST(OriginTable, TextsStayWhereTheyAre) {
     EXPECT_EQ(kept, large);
 }
 
-TEST(OriginTable, AdoptsFromAnotherTable) {
+TEST(origin_table, adopts_from_another_table) {
     origin_table old;
     for (int i = 0; i < 1000; ++i)
         old.of_caller("caller" + std::to_string(i));

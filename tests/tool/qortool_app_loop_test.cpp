@@ -6,7 +6,7 @@ using qor::test::app_with_a_loop;
 using qor::test::make_app;
 using qor::test::pause_for;
 
-TEST(QortoolAppLoop, WaitsForWorkAndForItsEnd) {
+TEST(qortool_app_loop, waits_for_work_and_for_its_end) {
     const app_pointer app = make_app();
     std::atomic<bool> ended{false};
     std::thread loop([&app, &ended] {
@@ -27,7 +27,7 @@ TEST(QortoolAppLoop, WaitsForWorkAndForItsEnd) {
 
 // The framework references the object only while the loop runs: the last Release here destroys it, at once
 // and on this thread.
-TEST(QortoolAppLoop, ARealSignalLeavesNoReference) {
+TEST(qortool_app_loop, a_real_signal_leaves_no_reference) {
     for (int round = 0; round < 50; ++round) {
         bool destroyed = false;
         app_pointer app = make_app(&destroyed);

@@ -18,7 +18,7 @@ bool is_caught(int number) {
 
 } // namespace
 
-TEST(QortoolAppLoop, EachSignalEndsItWhileItWaits) {
+TEST(qortool_app_loop, each_signal_ends_it_while_it_waits) {
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         const app_pointer app = make_app();
         std::thread sender([number] {

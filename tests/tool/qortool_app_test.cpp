@@ -45,7 +45,7 @@ zetSmartPointer<app_under_test> make_app() {
     return app;
 }
 
-TEST(QortoolApp, ASignalEndsAnEmptyQueueAndIsGivenBack) {
+TEST(qortool_app, a_signal_ends_an_empty_queue_and_is_given_back) {
     const auto app = make_app();
     app->Signal(qorSignal::terminate);
     EXPECT_EQ(app->queued(), 1u);
@@ -53,7 +53,7 @@ TEST(QortoolApp, ASignalEndsAnEmptyQueueAndIsGivenBack) {
     EXPECT_EQ(app->queued(), 0u);
 }
 
-TEST(QortoolApp, TwoSignalsQueueTwoMarkersOfWhichOneStays) {
+TEST(qortool_app, two_signals_queue_two_markers_of_which_one_stays) {
     const auto app = make_app();
     app->Signal(qorSignal::interrupt);
     app->Signal(qorSignal::quit);
@@ -64,7 +64,7 @@ TEST(QortoolApp, TwoSignalsQueueTwoMarkersOfWhichOneStays) {
     EXPECT_EQ(app->queued(), 0u);
 }
 
-TEST(QortoolApp, WhatWasQueuedBeforeTheSignalStillRunsInOrder) {
+TEST(qortool_app, what_was_queued_before_the_signal_still_runs_in_order) {
     const auto app = make_app();
     app->queue(app->call(&app_under_test::first));
     app->queue(app->call(&app_under_test::second));
@@ -75,14 +75,14 @@ TEST(QortoolApp, WhatWasQueuedBeforeTheSignalStillRunsInOrder) {
     EXPECT_EQ(app->queued(), 1u);
 }
 
-TEST(QortoolApp, ACallGetsItselfAndMayQueueItselfAgain) {
+TEST(qortool_app, a_call_gets_itself_and_may_queue_itself_again) {
     const auto app = make_app();
     app->queue(app->call(&app_under_test::again));
     app->process_fifo();
     EXPECT_EQ(app->order, (std::vector<int>{3, 3, 3, 3}));
 }
 
-TEST(QortoolApp, ARealSignalOfTheProcessEndsTheLoop) {
+TEST(qortool_app, a_real_signal_of_the_process_ends_the_loop) {
     const auto app = make_app();
     app->queue(app->call(&app_under_test::interrupt));
     app->process_fifo();
@@ -90,7 +90,7 @@ TEST(QortoolApp, ARealSignalOfTheProcessEndsTheLoop) {
     EXPECT_EQ(app->threads, std::vector<std::thread::id>{std::this_thread::get_id()});
 }
 
-TEST(QortoolApp, OtherThreadsMayQueueWhileTheLoopRuns) {
+TEST(qortool_app, other_threads_may_queue_while_the_loop_runs) {
     const auto app = make_app();
     constexpr int threads = 4;
     constexpr int calls = 500;
@@ -111,7 +111,7 @@ TEST(QortoolApp, OtherThreadsMayQueueWhileTheLoopRuns) {
 }
 
 // The leak sanitizer sees whether all of them are freed.
-TEST(QortoolApp, EntriesStillQueuedGoWithTheObject) {
+TEST(qortool_app, entries_still_queued_go_with_the_object) {
     const auto app = make_app();
     for (int i = 0; i < 10; ++i)
         app->queue(app->call(&app_under_test::first));

@@ -12,7 +12,7 @@ public:
     using qortool_app::Signal;
 };
 
-TEST(QortoolApp, AfterTheLoopSignalsAreHandledAsBefore) {
+TEST(qortool_app, after_the_loop_signals_are_handled_as_before) {
     zetSmartPointer<app_under_test> app;
     app.AttachNew(new ("tests/tool/qortool_app_test_posix", __LINE__) app_under_test);
     app->Signal(qorSignal::terminate);

@@ -83,12 +83,12 @@ private:
 
 using strings = std::vector<std::string>;
 
-class Replays : public testing::Test {
+class replays : public testing::Test {
 protected:
     temp_folder folder;
 };
 
-TEST_F(Replays, TellAnMtraceLog) {
+TEST_F(replays, tell_an_mtrace_log) {
     recorder<fixed_report_rules> sink;
     EXPECT_EQ(
         sink.run(
@@ -98,7 +98,7 @@ TEST_F(Replays, TellAnMtraceLog) {
                  "allocation 32 1 lib :0 ", "end of log, leftovers 0", "live 32 1 lib :0 ", "end"}));
 }
 
-TEST_F(Replays, TellAnAllocationLog) {
+TEST_F(replays, tell_an_allocation_log) {
     recorder<fixed_report_rules> sink;
     EXPECT_EQ(sink.run("", folder.file("log", "A 10 8 0 a.cpp 7\nT 10 Widget\nF 10 0\nF 10 0\nT 10 Widget\nZ 1\nZ\n")),
               (strings{"allocation 16 8  a.cpp:7 ", "origin 16 8  a.cpp:7 Widget", "release 16 8  a.cpp:7 Widget",
@@ -106,7 +106,7 @@ TEST_F(Replays, TellAnAllocationLog) {
                        "end of log, leftovers 0", "end"}));
 }
 
-TEST_F(Replays, TellProgress) {
+TEST_F(replays, tell_progress) {
     std::string mtrace, memcheck;
     for (int i = 0; i < 41; ++i)
         mtrace += "@ app - 0\n@ app + 0 1\n";
@@ -142,7 +142,7 @@ strings sizes_of(temp_folder& folder) {
     return sizes;
 }
 
-TEST_F(Replays, SizesHaveTheWidthOfTheRules) {
+TEST_F(replays, sizes_have_the_width_of_the_rules) {
     EXPECT_EQ(sizes_of<fixed_report_rules>(folder), (strings{"1", "2", "4294967295", "4294967295", "3", "4"}));
     EXPECT_EQ(sizes_of<exact_rules>(folder), (strings{"4294967297", "8589934594", "18446744073709551615",
                                                       "18446744073709551615", "4294967299", "4294967300"}));
@@ -152,7 +152,7 @@ constexpr char reused_mtrace[] = "@ one + 0x10 0x8\n@ one - 0x10\n@ plain + 0x10
                                  "@ two + 0x10 0x8\n";
 constexpr char reused_memcheck[] = "A 10 8 0 a 1\nT 10 First\nF 10 0\nA 10 8 0 b 2\nT 10 Second\n";
 
-TEST_F(Replays, AGreedyJoinTakesAllRecordsOfAnAddress) {
+TEST_F(replays, a_greedy_join_takes_all_records_of_an_address) {
     recorder<fixed_report_rules> sink;
     EXPECT_EQ(sink.run(folder.file("mtrace", reused_mtrace), folder.file("memcheck", reused_memcheck)),
               (strings{"allocation 16 8 one b:2 Second", "release 16 8 one b:2 Second", "allocation 16 9 plain :0 ",
@@ -160,7 +160,7 @@ TEST_F(Replays, AGreedyJoinTakesAllRecordsOfAnAddress) {
                        "live 16 8 two :0 ", "end"}));
 }
 
-TEST_F(Replays, AJoinInTimeTakesTheRecordsOfOneBlock) {
+TEST_F(replays, a_join_in_time_takes_the_records_of_one_block) {
     recorder<exact_rules> sink;
     EXPECT_EQ(sink.run(folder.file("mtrace", reused_mtrace), folder.file("memcheck", reused_memcheck)),
               (strings{"allocation 16 8 one a:1 First", "release 16 8 one a:1 First", "allocation 16 9 plain :0 ",
@@ -168,7 +168,7 @@ TEST_F(Replays, AJoinInTimeTakesTheRecordsOfOneBlock) {
                        "live 16 8 two b:2 Second", "end"}));
 }
 
-TEST_F(Replays, AJoinInTimeTellsWhatIsLeft) {
+TEST_F(replays, a_join_in_time_tells_what_is_left) {
     recorder<exact_rules> sink;
     EXPECT_EQ(
         sink.run(folder.file("mtrace", "@ app + 0x20 0x1\n"),
@@ -178,7 +178,7 @@ TEST_F(Replays, AJoinInTimeTellsWhatIsLeft) {
 }
 
 // More blocks that the mtrace log does not have than the look-ahead holds, but blocks that it has between them.
-TEST_F(Replays, AJoinInTimePassesByWhatNothingTakes) {
+TEST_F(replays, a_join_in_time_passes_by_what_nothing_takes) {
     constexpr int count = 5000;
     std::string mtrace, memcheck;
     for (int i = 0; i < count; ++i) {
@@ -255,7 +255,7 @@ struct made_run {
     std::map<unsigned, std::string> expected; // events of the live blocks, by address
 };
 
-TEST_F(Replays, AJoinInTimeFindsTheTruth) {
+TEST_F(replays, a_join_in_time_finds_the_truth) {
     for (unsigned seed = 1; seed <= 3; ++seed) {
         const made_run made(seed);
         recorder<exact_rules> sink;
@@ -271,7 +271,7 @@ TEST_F(Replays, AJoinInTimeFindsTheTruth) {
 }
 
 // Of two kinds, with threads that read ahead: each says what it says alone.
-TEST_F(Replays, ManyRunAtOnce) {
+TEST_F(replays, many_run_at_once) {
     constexpr unsigned count = 4;
     strings mtrace, memcheck;
     for (unsigned i = 0; i < count; ++i) {
@@ -301,7 +301,7 @@ TEST_F(Replays, ManyRunAtOnce) {
     }
 }
 
-TEST_F(Replays, BeginAnewOnceFreed) {
+TEST_F(replays, begin_anew_once_freed) {
     const made_run made(3);
     const std::string mtrace = folder.file("mtrace", made.mtrace);
     const std::string memcheck = folder.file("memcheck", made.memcheck);

@@ -100,9 +100,9 @@ const char* const labels[] = {
     "Testing simd_memcpy_safe() with unaligned data ...     ",
 };
 
-class SimdTest : public testing::Test {
+class simd_test : public testing::Test {
 protected:
-    SimdTest() : m_real(qor::glue::table()), m_table(*m_real) {
+    simd_test() : m_real(qor::glue::table()), m_table(*m_real) {
         m_table.qor_get_simd_alignment = get_alignment;
         m_table.simd_zero = zero;
         m_table.simd_memset_u8 = set_u8;
@@ -116,7 +116,7 @@ protected:
         s_buffers = 0;
         s_now = 0;
     }
-    ~SimdTest() override { qor::glue::s_funcs = m_real; }
+    ~simd_test() override { qor::glue::s_funcs = m_real; }
 
     // What the action prints when each test takes so many ticks.
     std::string run(uint64 elapsed, int& result, const char* word = nullptr) {
@@ -157,7 +157,7 @@ extern "C" void* __wrap_memcpy(void* destination, const void* source, std::size_
     return destination;
 }
 
-TEST_F(SimdTest, CallsEveryRoutineAThousandTimes) {
+TEST_F(simd_test, calls_every_routine_a_thousand_times) {
     int result = -1;
     run(1000, result);
     EXPECT_EQ(result, 0);
@@ -167,7 +167,7 @@ TEST_F(SimdTest, CallsEveryRoutineAThousandTimes) {
         ASSERT_EQ(s_calls[i], expected[i]) << i;
 }
 
-TEST_F(SimdTest, PrintsTimesAndRates) {
+TEST_F(simd_test, prints_times_and_rates) {
     struct {
         uint64 elapsed;
         const char* figures;
@@ -186,7 +186,7 @@ TEST_F(SimdTest, PrintsTimesAndRates) {
     }
 }
 
-TEST_F(SimdTest, AllocatesNothingForAWrongWord) {
+TEST_F(simd_test, allocates_nothing_for_a_wrong_word) {
     for (const char* const word : {"word", "--option"}) {
         int result = -1;
         testing::internal::CaptureStderr();
