@@ -89,7 +89,7 @@ bool qor::crypto::verify_password(std::string_view password, const verifier& val
     if (!make_verifier(password, value.iterations, value.salt, made))
         return false;
     // Both keys, so that a verifier whose halves do not belong together is good for nobody.
-    if (equal(made.stored_key, value.stored_key) & equal(made.server_key, value.server_key))
+    if ((int{equal(made.stored_key, value.stored_key)} & int{equal(made.server_key, value.server_key)}) != 0)
         return true;
     qorSetLastError(qorError_credentials_refused);
     return false;
