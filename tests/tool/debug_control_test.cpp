@@ -108,9 +108,9 @@ std::string error_text(uint32 number, const char* what) {
     return std::string(text.Text()) + '\n';
 }
 
-class console : public testing::Test {
+class debug_console : public testing::Test {
 protected:
-    console() {
+    debug_console() {
         s_peer = &m_peer;
         m_table.rows.create_IQORDebugControl = create_control;
         qorClearLastError();
@@ -162,7 +162,7 @@ protected:
     const std::string m_end_of_input = error_text(qorError_end_of_input, nullptr);
 };
 
-TEST_F(console, says_what_it_does_unless_it_is_quiet) {
+TEST_F(debug_console, says_what_it_does_unless_it_is_quiet) {
     const outcome loud = run({"debug-control", "host", "700"}, "user\nsecret\n");
     EXPECT_EQ(loud.out,
               message(1) + message(73, "3.35.21") + message(47) + "Username: Password: " + message(48) + "Debug> ");
@@ -174,7 +174,7 @@ TEST_F(console, says_what_it_does_unless_it_is_quiet) {
     EXPECT_EQ(quiet.err, m_end_of_input);
 }
 
-TEST_F(console, is_a_tracked_component_that_ends_with_the_action) {
+TEST_F(debug_console, is_a_tracked_component_that_ends_with_the_action) {
     run({"--quiet", "debug-control", "host", "700"}, "");
     const texts calls = m_table.take();
     const std::string made = "qor_do_new(" + std::to_string(sizeof(debug_control)) + ", util/qortool/main, 1196) = ";
@@ -186,13 +186,13 @@ TEST_F(console, is_a_tracked_component_that_ends_with_the_action) {
     EXPECT_EQ(m_peer.calls, (texts{"create", "Connect host 700", "ended"}));
 }
 
-TEST_F(console, takes_one_option_that_does_nothing) {
+TEST_F(debug_console, takes_one_option_that_does_nothing) {
     const outcome plain = run({"debug-control", "--xxx", "-xxx=value", "host", "700"}, "");
     EXPECT_EQ(plain.err, m_end_of_input);
     EXPECT_EQ(m_peer.calls, (texts{"create", "Connect host 700", "ended"}));
 }
 
-TEST_F(console, refuses_other_options_and_words_before_it_connects) {
+TEST_F(debug_console, refuses_other_options_and_words_before_it_connects) {
     const struct {
         texts words;
         std::string said;
@@ -216,7 +216,7 @@ TEST_F(console, refuses_other_options_and_words_before_it_connects) {
     EXPECT_EQ(m_peer.calls, texts{});
 }
 
-TEST_F(console, the_port_is_the_lower_sixteen_bits_of_a_number) {
+TEST_F(debug_console, the_port_is_the_lower_sixteen_bits_of_a_number) {
     const std::pair<const char*, const char*> cases[] = {
         {"70000", "4464"}, {"65536", "0"}, {"-1", "65535"}, {"http", "0"}, {"", "0"}, {" 12x", "12"},
     };
@@ -227,7 +227,7 @@ TEST_F(console, the_port_is_the_lower_sixteen_bits_of_a_number) {
     }
 }
 
-TEST_F(console, a_failed_connection_is_the_end) {
+TEST_F(debug_console, a_failed_connection_is_the_end) {
     m_peer.connects = false;
     const outcome result = run({"debug-control", "host", "700"}, "user\nsecret\n");
     EXPECT_EQ(result.code, 1);
@@ -236,7 +236,7 @@ TEST_F(console, a_failed_connection_is_the_end) {
     EXPECT_EQ(m_peer.calls, (texts{"create", "Connect host 700", "ended"}));
 }
 
-TEST_F(console, refused_credentials_are_asked_for_again_as_often_as_it_takes) {
+TEST_F(debug_console, refused_credentials_are_asked_for_again_as_often_as_it_takes) {
     m_peer.logins.assign(25, qorError_credentials_refused);
     std::string input;
     std::string prompts;
@@ -253,7 +253,7 @@ TEST_F(console, refused_credentials_are_asked_for_again_as_often_as_it_takes) {
     EXPECT_EQ(m_peer.calls.at(27), "Login [user25] [secret]");
 }
 
-TEST_F(console, another_failure_of_the_login_is_the_end) {
+TEST_F(debug_console, another_failure_of_the_login_is_the_end) {
     m_peer.logins = {qorError_credentials_refused, s_other_error};
     const outcome result = run({"--quiet", "debug-control", "host", "700"}, "a\nb\nc\nd\ne\nf\n");
     EXPECT_EQ(result.code, 1);
@@ -263,7 +263,7 @@ TEST_F(console, another_failure_of_the_login_is_the_end) {
     EXPECT_EQ(m_peer.calls, (texts{"create", "Connect host 700", "Login [a] [b]", "Login [c] [d]", "ended"}));
 }
 
-TEST_F(console, credentials_are_passed_as_they_are_read) {
+TEST_F(debug_console, credentials_are_passed_as_they_are_read) {
     run({"--quiet", "debug-control", "host", "700"}, " us er\t\n\t \xc3\xa4 % \n");
     EXPECT_EQ(m_peer.calls.at(2), "Login [ us er\t] [\t \xc3\xa4 % ]");
     m_peer.calls.clear();
@@ -271,7 +271,7 @@ TEST_F(console, credentials_are_passed_as_they_are_read) {
     EXPECT_EQ(m_peer.calls.at(2), "Login [] []");
 }
 
-TEST_F(console, the_input_may_end_at_each_prompt) {
+TEST_F(debug_console, the_input_may_end_at_each_prompt) {
     const std::pair<const char*, const char*> cases[] = {
         {"", "Username: "},
         {"user\n", "Username: Password: "},
@@ -286,7 +286,7 @@ TEST_F(console, the_input_may_end_at_each_prompt) {
     }
 }
 
-TEST_F(console, a_sink_that_is_not_taken_is_the_end) {
+TEST_F(debug_console, a_sink_that_is_not_taken_is_the_end) {
     m_peer.takes_sink = false;
     const outcome result = run({"debug-control", "host", "700"}, "user\nsecret\nhelp\n");
     EXPECT_EQ(result.code, 1);
@@ -295,7 +295,7 @@ TEST_F(console, a_sink_that_is_not_taken_is_the_end) {
     EXPECT_EQ(m_peer.calls.back(), "ended");
 }
 
-TEST_F(console, help_lists_the_commands_in_their_order) {
+TEST_F(debug_console, help_lists_the_commands_in_their_order) {
     const outcome result = console("help\nhelp me please\n");
     const std::string text = "\n" + message(65) + "\n" + message(49) + message(66) + message(67) + message(68) +
                              message(50) + message(69) + "\n";
@@ -304,7 +304,7 @@ TEST_F(console, help_lists_the_commands_in_their_order) {
     EXPECT_EQ(m_peer.calls, texts{});
 }
 
-TEST_F(console, shows_all_codes_sorted) {
+TEST_F(debug_console, shows_all_codes_sorted) {
     m_peer.codes = {"b.two", "%s", "a.one", "B.two", "b.\xc3\xa4"};
     const outcome result = console("show-all\n");
     EXPECT_EQ(result.out, "\n" + message(70) + "\n%s\nB.two\na.one\nb.two\nb.\xc3\xa4\n\nDebug> ");
@@ -312,11 +312,11 @@ TEST_F(console, shows_all_codes_sorted) {
     EXPECT_EQ(m_peer.calls, texts{"GetCodes"});
 }
 
-TEST_F(console, shows_a_heading_where_there_is_no_code) {
+TEST_F(debug_console, shows_a_heading_where_there_is_no_code) {
     EXPECT_EQ(console("show-all\n").out, "\n" + message(70) + "\n\nDebug> ");
 }
 
-TEST_F(console, shows_enabled_codes_sorted) {
+TEST_F(debug_console, shows_enabled_codes_sorted) {
     m_peer.codes = {"a", "b", "c"};
     m_peer.enabled = {"c", "a"};
     const outcome result = console("show-enabled\nshow-enabled\n");
@@ -325,28 +325,28 @@ TEST_F(console, shows_enabled_codes_sorted) {
     EXPECT_EQ(m_peer.calls, (texts{"GetEnabledCodes", "GetEnabledCodes"}));
 }
 
-TEST_F(console, says_that_no_code_is_on) {
+TEST_F(debug_console, says_that_no_code_is_on) {
     m_peer.codes = {"a"};
     const outcome result = console("show-enabled\n");
     EXPECT_EQ(result.out, message(71) + "Debug> ");
     EXPECT_EQ(result.err, m_end_of_input);
 }
 
-TEST_F(console, switches_codes_without_a_word) {
+TEST_F(debug_console, switches_codes_without_a_word) {
     const outcome result = console("enable a.one\ndisable b.*\ndisable-all\nenable %s\n");
     EXPECT_EQ(result.out, "Debug> Debug> Debug> Debug> ");
     EXPECT_EQ(result.err, m_end_of_input);
     EXPECT_EQ(m_peer.calls, (texts{"EnableCode a.one on", "EnableCode b.* off", "DisableAll", "EnableCode %s on"}));
 }
 
-TEST_F(console, blanks_around_and_between_words_do_not_count) {
+TEST_F(debug_console, blanks_around_and_between_words_do_not_count) {
     const outcome result = console("   \t enable \t  a.one  \r\n \t \n\n  disable-all  \n");
     EXPECT_EQ(result.out, "Debug> Debug> Debug> Debug> ");
     EXPECT_EQ(result.err, m_end_of_input);
     EXPECT_EQ(m_peer.calls, (texts{"EnableCode a.one on", "DisableAll"}));
 }
 
-TEST_F(console, commands_are_exact_words) {
+TEST_F(debug_console, commands_are_exact_words) {
     const texts unknown{"Help", "show_all",   "quit",     "exit",   "helper",
                         "hel",  "enable-all", "SHOW-ALL", "--help", "\"help\""};
     std::string input;
@@ -363,7 +363,7 @@ TEST_F(console, commands_are_exact_words) {
     EXPECT_EQ(m_peer.calls, texts{});
 }
 
-TEST_F(console, wrong_words_of_a_command_change_nothing) {
+TEST_F(debug_console, wrong_words_of_a_command_change_nothing) {
     const texts wrong{"show-all a", "show-enabled a", "enable",       "enable a b",
                       "disable",    "disable a b",    "disable-all a"};
     std::string input;
@@ -380,7 +380,7 @@ TEST_F(console, wrong_words_of_a_command_change_nothing) {
     EXPECT_EQ(m_peer.calls, texts{});
 }
 
-TEST_F(console, a_command_that_fails_does_not_end_the_console) {
+TEST_F(debug_console, a_command_that_fails_does_not_end_the_console) {
     m_peer.works = false;
     m_peer.codes = m_peer.enabled = {"half"};
     const outcome result = console("show-all\nshow-enabled\nenable a\ndisable a\ndisable-all\nhelp\n");
@@ -394,7 +394,7 @@ TEST_F(console, a_command_that_fails_does_not_end_the_console) {
               (texts{"GetCodes", "GetEnabledCodes", "EnableCode a on", "EnableCode a off", "DisableAll"}));
 }
 
-TEST_F(console, its_trace_names_what_it_does_and_what_failed) {
+TEST_F(debug_console, its_trace_names_what_it_does_and_what_failed) {
     const std::string file = m_folder / "trace";
     const auto traced = [this, &file](const texts& words, const std::string& input) {
         std::filesystem::remove(file);
@@ -425,7 +425,7 @@ TEST_F(console, its_trace_names_what_it_does_and_what_failed) {
     EXPECT_EQ(traced({"debug-control", "host", "1"}, ""), (texts{enter, "FAIL conn->Connect() returned false", leave}));
 }
 
-TEST_F(console, lines_may_be_of_any_length) {
+TEST_F(debug_console, lines_may_be_of_any_length) {
     const std::string name(100'000, 'n');
     console("enable " + name + "\n");
     EXPECT_EQ(m_peer.calls, texts{"EnableCode " + name + " on"});
@@ -481,7 +481,7 @@ void expect_operations(const console_object& object, void* view, std::size_t fir
     EXPECT_EQ(entry<version>(view, first + 3)(view), 1u);
 }
 
-TEST_F(console, its_tables_have_their_operations_in_order) {
+TEST_F(debug_console, its_tables_have_their_operations_in_order) {
     const console_object object;
     EXPECT_EQ(static_cast<char*>(object.as_sink()) - static_cast<char*>(object.primary()),
               static_cast<std::ptrdiff_t>(sizeof(qorComponent2)));
@@ -489,7 +489,7 @@ TEST_F(console, its_tables_have_their_operations_in_order) {
     expect_operations(object, object.as_sink(), 0);
 }
 
-TEST_F(console, its_fields_follow_the_bases) {
+TEST_F(debug_console, its_fields_follow_the_bases) {
     constexpr std::size_t first = sizeof(qorComponent2) + sizeof(void*);
     for (const bool quiet : {false, true}) {
         const console_object object(quiet);
@@ -500,7 +500,7 @@ TEST_F(console, its_fields_follow_the_bases) {
     EXPECT_EQ(sizeof(debug_control), first + 16);
 }
 
-TEST_F(console, a_lost_connection_ends_the_process) {
+TEST_F(debug_console, a_lost_connection_ends_the_process) {
     const console_object object;
     void* const primary = object.primary();
     void* const sink = object.as_sink();

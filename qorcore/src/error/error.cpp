@@ -8,8 +8,6 @@
 #include <iterator>
 #include <utility>
 
-namespace framework = qor::messages::framework;
-
 namespace {
 
 struct definition {
