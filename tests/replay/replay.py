@@ -405,7 +405,7 @@ class Replay:
     def report_foreign_log(self, reader, kind, is_first_of_two=False):
         if reader is not None and reader.is_foreign():
             self.err += (
-                f"'{reader.path}' is no {kind} log."
+                f"'{reader.path}' is not {'an' if kind == 'mtrace' else 'a'} {kind} log."
                 f" It looks like {looks_like(reader.beginning, is_first_of_two)}.\n"
             ).encode()
 
