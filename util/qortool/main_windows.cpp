@@ -5,21 +5,13 @@
 
 #include <string>
 #include <vector>
-#include <windows.h>
 
 namespace {
-
-std::string to_utf8(const wchar_t* text) {
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    std::string out(static_cast<std::size_t>(size), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text, -1, out.data(), size, nullptr, nullptr);
-    return out;
-}
 
 int run_with_utf8(int argc, wchar_t** argv) {
     std::vector<std::string> words;
     for (int i = 0; i < argc; ++i)
-        words.push_back(to_utf8(argv[i]));
+        words.push_back(qor::glue::to_utf8(argv[i]));
     std::vector<char*> pointers;
     for (std::string& word : words)
         pointers.push_back(word.data());

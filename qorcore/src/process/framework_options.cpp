@@ -8,7 +8,10 @@
 #include "message_names.h"
 #include "platform/own_process.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -76,21 +79,54 @@ struct option {
     const char* variable;
     const char* value_name;
     action carry_out;
+    int turn; // errors come in the user's language, and the trace of the rest goes where it should
+    qor::process::option_help help;
     bool is_for_one_process = false; // the variable; see claim()
 };
 
-// In the order in which they are carried out: errors come in the user's language, and the trace of the rest goes
-// where it should.
+// In the order of the help text.
 constexpr option options[] = {
-    {"language", "QOR_LANGUAGE", "LIST", set_language},
-    {"debug-file", "QOR_DEBUG_FILE", "FILE", trace_to_file},
-    {"debug", "QOR_DEBUG", "NAMES", enable_codes},
-    {"debug-users", "QOR_DEBUG_USERS", "FILE", take_users_file},
-    {"debug-listen", "QOR_DEBUG_LISTEN", "[HOST:]PORT", listen_for_debug_control, true},
-    {"memcheck", qor::memory::log_variable, "FILE", start_allocation_log},
+    {"debug", "QOR_DEBUG", "NAMES", enable_codes, 3, {framework::debug_syntax, framework::debug_description}},
+    {"debug-file",
+     "QOR_DEBUG_FILE",
+     "FILE",
+     trace_to_file,
+     2,
+     {framework::debug_file_syntax, framework::debug_file_description}},
+    {"memcheck",
+     qor::memory::log_variable,
+     "FILE",
+     start_allocation_log,
+     6,
+     {framework::memcheck_syntax, framework::memcheck_description}},
+    {"debug-listen",
+     "QOR_DEBUG_LISTEN",
+     "[HOST:]PORT",
+     listen_for_debug_control,
+     5,
+     {framework::debug_listen_syntax, framework::debug_listen_description},
+     true},
+    {"debug-users",
+     "QOR_DEBUG_USERS",
+     "FILE",
+     take_users_file,
+     4,
+     {framework::debug_users_syntax, framework::debug_users_description}},
+    {"language",
+     "QOR_LANGUAGE",
+     "LIST",
+     set_language,
+     1,
+     {framework::language_syntax, framework::language_description}},
 };
 
-static_assert(std::size(options) == qor::process::option_count);
+// Their places in the table, in the order in which they are carried out.
+constexpr auto in_turn = [] {
+    std::array<std::size_t, std::size(options)> places{};
+    std::iota(places.begin(), places.end(), std::size_t{0});
+    std::ranges::sort(places, {}, [](std::size_t place) { return options[place].turn; });
+    return places;
+}();
 
 struct settings {
     std::optional<std::string> values[std::size(options)];
@@ -149,14 +185,12 @@ bool claim(const char* variable, std::string& value) {
 
 } // namespace
 
-const qor::process::option_help qor::process::option_helps[] = {
-    {framework::debug_syntax, framework::debug_description},
-    {framework::debug_file_syntax, framework::debug_file_description},
-    {framework::memcheck_syntax, framework::memcheck_description},
-    {framework::debug_listen_syntax, framework::debug_listen_description},
-    {framework::debug_users_syntax, framework::debug_users_description},
-    {framework::language_syntax, framework::language_description},
-};
+std::vector<qor::process::option_help> qor::process::option_helps() {
+    std::vector<option_help> helps;
+    for (const option& each : options)
+        helps.push_back(each.help);
+    return helps;
+}
 
 bool qor::process::apply_framework_options(qorStringArray& args) {
     settings wanted;
@@ -165,9 +199,9 @@ bool qor::process::apply_framework_options(qorStringArray& args) {
     if (platform::is_privileged())
         wanted = {};
     bool logging = false;
-    for (std::size_t i = 0; i < std::size(options); ++i) {
-        // The language is the first: even a wrong command line is reported in it.
-        if (i != 0 && !understood)
+    for (const std::size_t i : in_turn) {
+        // Even a wrong command line is reported in the user's language.
+        if (i != in_turn.front() && !understood)
             return false;
         std::string source = std::string(prefix) + options[i].name;
         if (const char* const variable = platform::environment(options[i].variable)) {

@@ -3,6 +3,8 @@
 
 #include "qor/qor.h"
 
+#include <vector>
+
 namespace qor::process {
 
 // Takes the framework's options out of `args`, adds those that the environment gives and carries them out.
@@ -14,7 +16,7 @@ struct option_help {
     uint32 description;
 };
 
-inline constexpr uint32 option_count = 6;
-extern const option_help option_helps[option_count];
+// One entry an option, in the order of the help text.
+std::vector<option_help> option_helps();
 
 } // namespace qor::process

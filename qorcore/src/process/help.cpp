@@ -39,6 +39,6 @@ void qor::glue::qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 
 
 void qor::glue::qorWriteToolkitHelp(std::FILE* stream) noexcept {
     ::fputmsg(stream, framework::catalog, framework::options_heading, true);
-    for (const qor::process::option_help& each : qor::process::option_helps)
+    for (const qor::process::option_help& each : qor::process::option_helps())
         ::qorWriteHelpLine(stream, framework::catalog, each.syntax, each.description);
 }

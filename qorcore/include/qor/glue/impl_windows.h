@@ -10,6 +10,8 @@
 
 #include <cstdlib>
 #include <cwchar>
+#include <memory>
+#include <string>
 
 struct HINSTANCE__;
 struct _MEMORY_BASIC_INFORMATION;
@@ -148,15 +150,14 @@ inline HINSTANCE__* load_library() noexcept {
     });
 }
 
-// A system text as UTF-8; what is no character becomes a replacement.
-inline void append_utf16(qorStringArray& words, const wchar_t* text) noexcept {
+// A system text as UTF-8; a surrogate without its partner becomes a replacement character.
+inline std::string to_utf8(const wchar_t* text) {
     constexpr unsigned int utf8 = 65001;
     const int size = WideCharToMultiByte(utf8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    void* const memory = qor_do_malloc(0, static_cast<uint64>(size), false, impl_file, 120);
-    char* const bytes = static_cast<char*>(memory);
-    if (bytes != nullptr && WideCharToMultiByte(utf8, 0, text, -1, bytes, size, nullptr, nullptr) > 0)
-        qorStringArray_Append(&words, bytes, static_cast<uint32>(size - 1));
-    qor_do_free(memory, impl_file, 120);
+    std::string out(static_cast<std::size_t>(size), '\0');
+    WideCharToMultiByte(utf8, 0, text, -1, out.data(), size, nullptr, nullptr);
+    out.pop_back(); // the final zero, which the size counts
+    return out;
 }
 
 #endif
@@ -243,17 +244,19 @@ inline void qorwinSetInstanceHandle(void* module) noexcept {
 }
 
 // Fills `args` with the words of the process's command line, without the program's name: for a client that has no
-// main, or one whose arguments went through a code page.
-inline void qorwinSetupProcessArgs(qorStringArray& args) noexcept {
+// main, or one whose arguments went through a code page. Throws std::bad_alloc when memory runs out.
+inline void qorwinSetupProcessArgs(qorStringArray& args) {
     int count = 0;
     wchar_t** const argvec = CommandLineToArgvW(GetCommandLineW(), &count);
     if (argvec == nullptr)
         qor::glue::assert_failed("argvec != NULL", "void qorwinSetupProcessArgs(qorStringArray&)", qor::glue::impl_file,
                                  115);
     qor::glue::qorStringArray_Empty(&args);
-    for (int i = 1; argvec != nullptr && i < count; ++i)
-        qor::glue::append_utf16(args, argvec[i]);
-    GlobalFree(argvec);
+    const std::unique_ptr<wchar_t*, decltype(&GlobalFree)> owner(argvec, GlobalFree);
+    for (int i = 1; argvec != nullptr && i < count; ++i) {
+        const std::string word = qor::glue::to_utf8(argvec[i]);
+        qor::glue::qorStringArray_Append(&args, word.data(), static_cast<uint32>(word.size()));
+    }
 }
 
 #endif
