@@ -1,12 +1,12 @@
 // The binding of a client to libqor: the table of entry points and one forwarder for each of them.
 //
-// Everything here is made from slots.def, the only list of slots. A client gets, for each row, an inline
-// forwarder qor::glue::op that reads the table (one load, one test, one indirect jump). Where QOR_INSIDE is
-// defined, that is inside libqor, the same name is the declaration of the library's own function, so that
-// the framework's inline classes read alike on both sides.
+// Everything here is generated from slots.def, the only list of slots. A client gets an inline forwarder qor::glue::op
+// for each row; it reads the table (one load, one test, one indirect jump). Inside libqor, QOR_INSIDE is defined and
+// the same name declares the library's own function, so the framework's inline classes have the same source on both
+// sides.
 //
-// No exception crosses the table. An operation that finds no memory for its caller returns null, and the
-// inline class or function around it throws std::bad_alloc in the caller's own code.
+// No exception crosses the table. An operation that cannot allocate returns null, and the inline class or function
+// around it throws std::bad_alloc in the caller's own code.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -44,11 +44,11 @@ struct qoraddr_ipv4;
 struct qoraddr_ipv6;
 enum qorFolderId : uint32;
 
-// A trace switch. The library writes it, everyone reads it: 0 is off.
+// A trace switch: 0 is off. The library writes it; any code may read it.
 using qorDebugFlag = std::atomic<uint8>;
 static_assert(sizeof(qorDebugFlag) == 1 && qorDebugFlag::is_always_lock_free);
 
-// Codes lie below this number; the array that qorDebugGetFlags hands out is so long.
+// Codes lie below this number. It is also the length of the array that qorDebugGetFlags returns.
 inline constexpr uint32 qorDebugMaxCodes = 16384;
 
 // Like strcmp: negative, zero or positive.
@@ -57,7 +57,7 @@ using qorCleanupRoutine = void (*)(void* context) noexcept;
 
 namespace qor::glue {
 
-// What a reserved or free number holds: nothing that anyone may call.
+// The entry of a reserved or free number. Nobody may call it.
 using unwritten = void (*)();
 
 struct binding_table {
@@ -70,7 +70,7 @@ struct binding_table {
 #undef QOR_FREE
 };
 
-// Each row sits at its number.
+// The layout of the table is fixed: each row sits at its number.
 #define QOR_SLOT(number, result, op, parameters, arguments)                                                            \
     static_assert(offsetof(binding_table, op) == (number) * sizeof(unwritten));
 #define QOR_RESERVED(number, op) static_assert(offsetof(binding_table, op) == (number) * sizeof(unwritten));
@@ -82,8 +82,8 @@ struct binding_table {
 
 inline constexpr uint32 slot_count = sizeof(binding_table) / sizeof(unwritten);
 
-// Whether a library's table has every operation that this client was compiled for: an older one is shorter, or has not
-// written some of them yet. Its length is asked for first, since nothing behind it may be read.
+// Returns whether a library's table has every operation that this client was compiled for. The table of an older
+// library is shorter, or lacks some entries. The length is checked first, because nothing beyond it may be read.
 inline bool is_sufficient(const binding_table& table) noexcept {
     constexpr uint16 written[] = {
 #define QOR_SLOT(number, result, op, parameters, arguments) number,
@@ -116,15 +116,15 @@ constexpr bool is_bound() noexcept { return true; }
 
 #else
 
-// Null until the first bound call. Two threads that bind at once load the same library and store the same
-// table, so a plain store is enough; it is atomic only to be one word for every reader.
+// Null until the first bound call. Two threads that bind at the same time load the same library and store the same
+// pointer, so no further synchronisation is needed; the variable is atomic only to avoid a data race.
 #if defined(__ELF__)
 [[gnu::visibility("hidden")]]
 #endif
 inline constinit std::atomic<const binding_table*>
     s_funcs{nullptr};
 
-// Loads libqor and stores its table; ends the process with exit code 100 if it cannot (impl_<platform>.h).
+// Loads libqor and stores its table. Ends the process with exit code 100 if that fails (impl_<platform>.h).
 const binding_table* bind() noexcept;
 
 inline bool is_bound() noexcept { return s_funcs.load(std::memory_order_acquire) != nullptr; }
@@ -148,11 +148,11 @@ inline const binding_table* table() noexcept {
 #undef QOR_RESERVED
 #undef QOR_FREE
 
-// The source of every assertion of the binding and the primitives. It is the same on all platforms: what an
-// assertion says is part of the contract and does not follow the file that raises it.
+// The file name in every assertion of the binding and the primitives. It is the same on all platforms: the text of an
+// assertion is part of the contract and does not depend on the file that raises it.
 inline constexpr char impl_file[] = "qorcore/include/qor/glue/impl_windows";
 
-// Reports through slot 33, but never binds for it: before the table is bound an assertion is silent.
+// Reports through slot 33, but never binds in order to do so: an assertion before the binding is silent.
 inline void assert_failed(const char* expr, const char* func, const char* file, int line) noexcept {
     if (is_bound())
         qorAssertFailed(expr, func, file, line);
@@ -162,8 +162,8 @@ inline void assert_failed(const char* expr, const char* func, const char* file, 
 
 inline constexpr char bind_function[] = "const qor::glue::binding_table* qor::glue::bind()";
 
-// The end of bind() on every platform: checks the library's table, stores it and returns it. Where the table cannot be
-// used, `end` ends the process; it is told whether operations are missing.
+// The last step of bind() on every platform: checks the library's table, stores it and returns it. If the table is
+// unusable, calls `end`, which ends the process; its argument says whether operations are missing.
 template <class END>
 const binding_table* store_table(const binding_table* funcs, END end) noexcept {
     if (funcs == nullptr) {

@@ -1,5 +1,5 @@
-// The object model that every client carries: reference-counted objects, components with named interfaces, and
-// the owned run of bytes. Inline, on top of the table; the lines that assertions and allocations name are
+// The object model that every client compiles in: reference-counted objects, components with named interfaces, and an
+// owned block of bytes. All of it is inline, on top of the table. The lines that assertions and allocations name are
 // constants of the contract.
 #pragma once
 
@@ -14,17 +14,18 @@
 
 namespace qor::glue {
 
-// The source of the assertions and allocations here, whatever file they stand in.
+// The file name in the assertions and allocations below, whichever file contains them.
 inline constexpr char common_file[] = "qorcore/include/qor/glue/impl_common";
 
-// The address so many bytes behind another. It may lie outside of what begins there, or that may be null: an operation
-// that reports a bad index returns the address all the same. Numbers are added, for in pointers that has no meaning.
+// Returns the address `bytes` behind `begin`. The result may lie outside the object, and `begin` may be null, because
+// an operation that reports a bad index still returns the address. It adds integers: the pointer addition would be
+// undefined.
 template <class TYPE>
 TYPE* address_behind(TYPE* begin, std::size_t bytes) noexcept {
     return reinterpret_cast<TYPE*>(reinterpret_cast<std::uintptr_t>(begin) + bytes);
 }
 
-// Tells the framework of a new object, so that the allocation log can name its type. Silent before the table is
+// Reports a new object to the framework, so that the allocation log can name its type. Does nothing before the table is
 // bound.
 inline void announce(const void* object, const char* type_name) noexcept {
     if (is_bound())
@@ -33,12 +34,12 @@ inline void announce(const void* object, const char* type_name) noexcept {
 
 } // namespace qor::glue
 
-// A framework object, fresh from the tracked allocator, noted with the place where this stands:
+// Allocates a framework object with the tracked allocator, under the source location of the expression:
 // `reader.AttachNew(QOR_NEW my_reader(path))`. Throws std::bad_alloc.
 #define QOR_NEW new (std::source_location::current())
 
-// Storage of framework objects: operator new takes the source location, from QOR_NEW or as in
-// `new ("util/tool/main", 55) tool_app`.
+// The operators that allocate framework objects. operator new takes the source location from QOR_NEW, or explicitly as
+// in `new ("util/tool/main", 55) tool_app`.
 #define QOR_TRACKED_NEW                                                                                                \
     static void* operator new(std::size_t size, const char* file, int line) {                                          \
         return qor::glue::or_throw(qor::glue::qor_do_new(size, file, line));                                           \
@@ -50,11 +51,11 @@ inline void announce(const void* object, const char* type_name) noexcept {
     static void operator delete(void* object, const char*, int) noexcept { qor::glue::qor_do_delete(object); }         \
     static void operator delete(void* object, std::source_location) noexcept { qor::glue::qor_do_delete(object); }
 
-// A reference-counted object with one interface. It is born holding one reference, and the last Release ends it.
-// References may be added and dropped on any thread. The name is kept by pointer.
+// A reference-counted object with one interface. It starts with one reference, and the last Release destroys it. Any
+// thread may add and drop references. The type name is kept by pointer and must outlive the object.
 class qorRefObject {
 public:
-    // Announces the object by its type's name to the allocation log.
+    // Announces the object to the allocation log under the name of its type.
     explicit qorRefObject(const char* name) noexcept : m_type_name(name) {
         qor::glue::announce(this, name);
         m_refcount.Set(1);
@@ -67,13 +68,13 @@ public:
                                      qor::glue::common_file, 894);
     }
 
-    // Called once, before the object is destroyed.
+    // Called once, just before the object is destroyed.
     virtual void OnFinalRelease() noexcept {}
 
-    // As it was given to the constructor.
+    // The name that was passed to the constructor.
     const char* TypeName() const noexcept { return m_type_name; }
 
-    // Adds or drops a reference. Any thread; the last one ends the object on the thread that drops it.
+    // Add or drop a reference. Any thread; the last Release destroys the object on the calling thread.
     void AddRef() noexcept { m_refcount.Increment(); }
     void Release() noexcept {
         if (!m_refcount.DecrementAndTestZero())
@@ -89,12 +90,12 @@ private:
     qorAtomic2 m_refcount;
 };
 
-// A reference-counted object with a table of named interfaces. Interfaces are set while it is constructed, before
-// other threads see it, and only read afterwards. Names are kept by pointer.
+// A reference-counted object with a table of named interfaces. Its constructor sets the interfaces, before other
+// threads see the object; afterwards they are only read. Names are kept by pointer and must outlive the object.
 class qorComponent2 {
 public:
-    // Announces the object by its type's name, `**type.not.set**` without one, to the allocation log. Throws
-    // std::bad_alloc.
+    // Announces the object to the allocation log under the name of its type, or, without a name, keeps
+    // `**type.not.set**` as its type. Throws std::bad_alloc.
     explicit qorComponent2(const char* name) : m_data(new shared_record{name}) {
         m_data->refcount.Set(1);
         qor::glue::announce(this, name);
@@ -114,10 +115,10 @@ public:
         delete m_data;
     }
 
-    // Called once, before the object is destroyed.
+    // Called once, just before the object is destroyed.
     virtual void OnFinalRelease() noexcept {}
 
-    // Adds or drops a reference. Any thread; the last one ends the object on the thread that drops it.
+    // Add or drop a reference. Any thread; the last Release destroys the object on the calling thread.
     void object_AddRef() noexcept { m_data->refcount.Increment(); }
     void object_Release() noexcept {
         if (!m_data->refcount.DecrementAndTestZero())
@@ -126,8 +127,8 @@ public:
         delete this;
     }
 
-    // Offers `iface` under `name`; a successful query adds a reference to `owner`. Of two under one name the
-    // first one set is found. Throws std::bad_alloc.
+    // Offers `iface` under `name`; a successful query adds a reference to `owner`. If a name is set twice, queries find
+    // the first one. Throws std::bad_alloc.
     void x_SetInterface2(const char* name, void* iface, IQORInterface* owner) {
         const uint32 count = m_data->interface_count;
         m_data->interfaces = static_cast<interface_entry*>(
@@ -144,7 +145,7 @@ public:
         x_SetInterface2(name, iface, static_cast<IQORInterface*>(iface));
     }
 
-    // Returns 1 and the interface with a new reference, or 0 and leaves *out as it was.
+    // Returns 1 and stores the interface with a new reference, or returns 0 and leaves *out unchanged.
     int object_QueryInterface(const char* name, void** out) noexcept {
         const interface_entry* const entry = find(name);
         if (entry == nullptr)
@@ -154,7 +155,7 @@ public:
         return 1;
     }
 
-    // 1 if there is such an interface, else 0; no reference is taken.
+    // Returns 1 if the interface exists, else 0. Adds no reference.
     int object_TestInterface(const char* name) const noexcept { return find(name) != nullptr ? 1 : 0; }
 
     QOR_TRACKED_NEW
@@ -185,8 +186,8 @@ private:
 
 #undef QOR_TRACKED_NEW
 
-// One owned run of bytes. Operations that install new bytes free the old ones first, so when memory runs out
-// (std::bad_alloc) the block is empty; only after a failed Realloc it is as it was. Not thread-safe.
+// An owned block of bytes. Operations that install new bytes free the old ones first, so the block is empty when memory
+// runs out (std::bad_alloc); only a failed Realloc leaves it unchanged. Not thread-safe.
 class qorDataBlock {
 public:
     qorDataBlock() noexcept = default;
@@ -194,13 +195,13 @@ public:
     qorDataBlock& operator=(const qorDataBlock&) = delete;
     ~qorDataBlock() { release(); }
 
-    // Frees the bytes: the block is empty.
+    // Frees the bytes and leaves the block empty.
     void Free() noexcept {
         release();
         m_data = {};
     }
 
-    // New bytes, not cleared.
+    // Allocates `n` bytes, uninitialised.
     void* Create(uint32 n) {
         Free();
         m_data.bytes = qor_do_malloc(0, n, true, qor::glue::common_file, 1842);
@@ -208,36 +209,36 @@ public:
         return m_data.bytes;
     }
 
-    // Copies `n` bytes, which must not lie in this block.
+    // Replaces the content by a copy of `n` bytes, which must not lie in this block.
     void AttachCopy(const void* src, uint32 n) {
         void* const bytes = Create(n);
         if (n != 0)
             std::memcpy(bytes, src, n);
     }
 
-    // Takes over `p`, a block of the tracked allocator.
+    // Takes ownership of `p`, a block from the tracked allocator.
     void Attach(void* p, uint32 n) noexcept {
         Free();
         m_data = {p, n};
     }
 
-    // Takes over the bytes of another block, which is empty then. One that steals from itself is empty.
+    // Takes over the bytes of another block and leaves that block empty. A block that steals from itself becomes empty.
     void Steal(qorDataBlock& src) noexcept {
         Free();
         m_data = std::exchange(src.m_data, {});
     }
 
-    // The caller owns the bytes from now on and frees them with qor_do_free.
+    // Passes ownership of the bytes to the caller, who frees them with qor_do_free. The block is empty afterwards.
     [[nodiscard]] void* Detach() noexcept { return std::exchange(m_data, {}).bytes; }
 
-    // Keeps the bytes up to the smaller of both sizes.
+    // Changes the size and keeps the bytes up to the smaller of both sizes.
     void* Realloc(uint32 n) {
         m_data.bytes = qor_do_realloc(m_data.bytes, n, qor::glue::common_file, 1887);
         m_data.size = n;
         return m_data.bytes;
     }
 
-    // A block copied onto itself is empty: it frees its bytes before it looks at the source.
+    // Becomes a copy of another block. A block copied onto itself becomes empty, because it frees its bytes first.
     void Copy(const qorDataBlock& src) {
         Free();
         if (src.m_data.bytes != nullptr) {
@@ -246,11 +247,11 @@ public:
         }
     }
 
-    // The bytes, null where there are none; valid until the block changes.
+    // The bytes, or null if the block is empty. Valid until the block changes.
     void* ptr() noexcept { return m_data.bytes; }
     const void* ptr() const noexcept { return m_data.bytes; }
 
-    // An offset that is not below the size is reported, and the address is returned all the same.
+    // The address of a byte. An offset at or beyond the size is reported, and the address is still returned.
     void* ptr_at(uint32 offset) noexcept {
         if (offset >= m_data.size)
             qor::glue::assert_failed("offset < m_data.size", "void* qorDataBlock::ptr_at(uint32)",
@@ -264,7 +265,7 @@ public:
         return qor::glue::address_behind<const void>(m_data.bytes, offset);
     }
 
-    // In bytes.
+    // The size in bytes.
     uint32 Size() const noexcept { return m_data.size; }
 
 private:

@@ -1,5 +1,5 @@
-// The POSIX half of what a client compiles in: how it binds to libqor, and the critical section and the event
-// under the synchronisation primitives (primitives.h).
+// The POSIX part of the code that every client compiles in: the binding to libqor, and the critical section and the
+// event behind the synchronisation primitives (primitives.h).
 #pragma once
 
 #include "qor/glue/binding.h"
@@ -21,8 +21,8 @@ extern "C" void syslog(int priority, const char* format, ...);
 
 namespace qor::glue {
 
-// The executable's own file, or false. Without /proc the path that it was started by leads there, unless the process
-// has rights that its user has not: he chose that path.
+// Gets the path of the executable; returns false if it is unknown. Without /proc, uses the path that the program was
+// started with, unless the process has more rights than its user: that user chose the path.
 using own_path = char[8192 + 32]; // with room for the name of a library
 inline bool get_own_path(own_path& path) noexcept {
     static_assert(sizeof path >= PATH_MAX);
@@ -37,24 +37,25 @@ inline bool get_own_path(own_path& path) noexcept {
 
 #ifndef QOR_INSIDE
 
-// The debugger channel of a POSIX system is the system log: a failed binding never writes to the console, unless
-// the host itself has asked for that with openlog.
+// The debugger channel of a POSIX system is the system log. A failed binding never writes to the console, unless the
+// host program asked for that with openlog.
 inline void debugger_message(const char* text) noexcept {
     constexpr int debug_of_user = 1 << 3 | 7; // LOG_USER | LOG_DEBUG
     syslog(debug_of_user, "%s", text);
 }
 
-// What was printed before the first bound call is not lost; destructors and atexit routines do not run. Only the two
-// output streams are flushed: another thread may be reading from standard input and hold its lock.
+// Writes out what was printed before the first bound call; destructors and atexit routines do not run. Flushes only the
+// two output streams, because another thread may be reading from standard input and hold its lock.
 [[noreturn]] inline void end_process() noexcept {
     std::fflush(stdout);
     std::fflush(stderr);
     _exit(100);
 }
 
-// libqor.so from the executable's own folder, or from the lib beside its bin, where it lies installed; or null. A run
-// path would lead there as well, but the loader follows one for each library of the program: 22 looks in vain at every
-// start. RTLD_NOW: a damaged library fails here, not later.
+// Loads libqor.so from the executable's own folder or, in an installation, from the lib folder beside its bin folder.
+// Returns null if it is in neither. A run path would find it as well, but the loader then searches that folder for
+// every library of the program: 22 failed look-ups at every start. RTLD_NOW makes a damaged library fail here, not
+// later.
 inline void* load_beside_executable() noexcept {
     constexpr const char* names[] = {"libqor.so", "../lib/libqor.so"};
     own_path path;
@@ -73,8 +74,9 @@ inline void* load_beside_executable() noexcept {
     return nullptr;
 }
 
-// The bare name follows the executable's run path, if it has one. The loader is asked
-// where it will look, because it does not see what is_whole sees. What it finds in its cache is its own affair.
+// Loads libqor.so by its bare name, which follows the executable's run path, if it has one. Asks the loader where it
+// will look and checks the file there first, because the loader does not make the checks of is_whole. A library that
+// the loader finds in its cache is not checked.
 inline void* load_by_name() noexcept {
     void* const self = dlopen(nullptr, RTLD_LAZY);
     Dl_serinfo measure;
@@ -124,7 +126,7 @@ inline void* load_by_name() noexcept {
 
 #endif
 
-// A mutex that the thread which owns it may enter again.
+// A recursive mutex.
 class critical_section {
 public:
     static critical_section* create() noexcept {
@@ -159,10 +161,10 @@ private:
     pthread_mutex_t m_mutex;
 };
 
-// An event as the operating system's event objects are: set or not, and reset by hand or by the one waiter
-// that it releases. Setting it releases those who wait at that moment, one by one and the first to come first; whether
-// they have run by then does not matter, and nobody who comes later can take their place. Once all are released the
-// event may be destroyed, although they are still on their way out: the last of them frees it.
+// An event with the semantics of an event object of Windows: it is set or not, and is reset manually or automatically
+// by the one waiter that it releases. Setting it releases the threads that wait at that moment, in the order of their
+// arrival. They count as released even before they run, and no later thread can take their place. Once all are
+// released, the event may be destroyed although they have not returned yet: the last of them frees it.
 class event {
 public:
     static event* create(bool manual_reset, bool set) noexcept {
@@ -186,8 +188,8 @@ public:
     static void destroy(event* self) noexcept {
         if (self == nullptr)
             return;
-        // None of this process's threads has ever stood in line. In a forked child the lock may be held by a thread
-        // that the child does not have.
+        // No thread of this process has ever waited in line. In a forked child, the lock may be held by a thread that
+        // exists only in the parent, so it is not taken here.
         if (self->m_process != getpid())
             return end(self);
         pthread_mutex_lock(&self->m_lock);
@@ -201,7 +203,7 @@ public:
         pthread_mutex_lock(&self->m_lock);
         if (self->m_first != nullptr)
             self->forget_other_process();
-        // An event that is reset by the waiter which it releases is not set beside that.
+        // An auto-reset event that releases a waiter is not set in addition.
         self->m_set = self->m_manual_reset || self->m_first == nullptr;
         if (self->m_manual_reset)
             while (self->m_first != nullptr)
@@ -221,7 +223,7 @@ public:
 
     enum class outcome { signalled, timed_out, failed };
 
-    // A limit of 0 is the system's infinite wait, as 0xFFFFFFFF is.
+    // A limit of 0 means an infinite wait, as does 0xFFFFFFFF.
     static outcome wait(event* self, uint32 ms) noexcept {
         if (self == nullptr)
             return outcome::failed;
@@ -248,7 +250,8 @@ public:
     }
 
 private:
-    // A thread in the line, on its own stack. It goes on when it has been released, whatever the event is by then.
+    // A waiting thread's entry in the line, on its own stack. The thread continues once it has been released, whatever
+    // has happened to the event since.
     struct waiter {
         pthread_cond_t released;
         bool is_released;
@@ -261,7 +264,7 @@ private:
         std::free(self);
     }
 
-    // For those after whom there may be nobody to free the event.
+    // Unlocks, and frees a destroyed event if no other thread can do so any more.
     static void unlock(event* self) noexcept {
         const bool is_last = self->m_destroyed && self->m_leaving == 0;
         pthread_mutex_unlock(&self->m_lock);
@@ -269,12 +272,12 @@ private:
             end(self);
     }
 
-    // These are called with the lock held.
+    // The functions below are called with the lock held.
     outcome wait_in_line(const timespec* until) noexcept {
         waiter here{};
         pthread_condattr_t attributes;
         pthread_condattr_init(&attributes);
-        // A wait with a limit must not move when somebody sets the clock.
+        // Setting the system's clock must not change the length of a wait.
         pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
         int result = pthread_cond_init(&here.released, &attributes);
         pthread_condattr_destroy(&attributes);
@@ -282,15 +285,16 @@ private:
             return outcome::failed;
         forget_other_process();
         add(here);
-        // A thread that is cancelled here would leave its place in the line and the lock behind, and waits throw
-        // nothing: it is cancelled later.
+        // A thread cancelled here would leave its entry in the line and keep the lock. Waits do not throw, so
+        // cancellation is deferred.
         int cancellation;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
         while (!here.is_released && result == 0)
             result = until != nullptr ? pthread_cond_timedwait(&here.released, &m_lock, until)
                                       : pthread_cond_wait(&here.released, &m_lock);
         pthread_setcancelstate(cancellation, &cancellation);
-        // Released in the last moment counts: the one who set the event has given it to this thread.
+        // A release that comes together with the time-out counts: the thread that set the event has given it to this
+        // one.
         if (here.is_released)
             --m_leaving;
         else
@@ -301,7 +305,7 @@ private:
         return result == ETIMEDOUT ? outcome::timed_out : outcome::failed;
     }
 
-    // Waking under the lock lets a waiter destroy the event as soon as it has been released.
+    // Signalling under the lock lets a waiter destroy the event as soon as it has been released.
     void release_first() noexcept {
         waiter& first = *m_first;
         remove(first);
@@ -321,7 +325,7 @@ private:
         (one.behind != nullptr ? one.behind->before : m_last) = one.before;
     }
 
-    // A forked child has a copy of the line, but not the threads in it.
+    // A forked child has a copy of the line, but not its threads.
     void forget_other_process() noexcept {
         const pid_t process = getpid();
         if (m_process != process) {
@@ -334,8 +338,8 @@ private:
     pthread_mutex_t m_lock;
     waiter* m_first;
     waiter* m_last;
-    unsigned m_leaving; // released, and not yet out of wait()
-    pid_t m_process;    // whose threads stand in the line
+    unsigned m_leaving; // released, but still inside wait()
+    pid_t m_process;    // the process whose threads stand in the line
     bool m_manual_reset;
     bool m_set;
     bool m_destroyed;

@@ -1,9 +1,9 @@
-// The Windows half of what a client compiles in: how it binds to libqor, its wide command line, and the critical
-// section and the event under the synchronisation primitives (primitives.h).
+// The Windows part of the code that every client compiles in: the binding to libqor, the wide command line, and the
+// critical section and the event behind the synchronisation primitives (primitives.h).
 //
-// The few system calls are declared here. windows.h would bring thousands of names into every client, macros among
-// them that rename members of ours (GetMessage). A client may include it, before or after: it declares the same once
-// more, and our members answer to its names as well (String.h).
+// The few system calls are declared here, because windows.h would bring thousands of names into every client, including
+// macros that rename members of the framework (GetMessage). A client may include windows.h before or after this file:
+// it repeats the same declarations, and the renamed members exist as well (String.h).
 #pragma once
 
 #include "qor/glue/binding.h"
@@ -49,8 +49,8 @@ __declspec(dllimport) int __stdcall CloseHandle(void*);
 
 namespace qor::glue {
 
-// While one lives, a damaged library is only that: the system would stop this thread at a dialog about it, which in a
-// script nobody sees.
+// Suppresses the system's error dialogs on this thread, for as long as an object lives. Otherwise a damaged library
+// would stop the thread at a dialog, which nobody sees in a script.
 class no_dialogs {
 public:
     no_dialogs() noexcept { SetThreadErrorMode(fail_critical_errors, &m_before); }
@@ -63,9 +63,9 @@ private:
     unsigned long m_before = 0;
 };
 
-// Whether what a library exports can be called: it lies in memory that is executable.
+// Returns whether an export of a library can be called: it must lie in executable memory.
 inline bool is_function(const void* entry) noexcept {
-    // As the system's structure begins, and as large as it.
+    // The beginning of the system's structure, in the same size.
     struct {
         void* begin;
         void* reserved_at;
@@ -75,7 +75,7 @@ inline bool is_function(const void* entry) noexcept {
         unsigned long state, protection, kind;
     } region;
     static_assert(sizeof region == 48);
-    constexpr unsigned long executable = 0xf0; // execute; also read; also write; also copy on write
+    constexpr unsigned long executable = 0xf0; // execute; with read; with write; with copy on write
     return entry != nullptr &&
            VirtualQuery(entry, reinterpret_cast<_MEMORY_BASIC_INFORMATION*>(&region), sizeof region) == sizeof region &&
            (region.protection & executable) != 0;
@@ -83,13 +83,13 @@ inline bool is_function(const void* entry) noexcept {
 
 #ifndef QOR_INSIDE
 
-// The module in whose folder libqor is looked for; null is the executable.
+// The module whose folder contains libqor; null means the executable.
 inline constinit HINSTANCE__* s_hinst = nullptr;
 
 // The debugger channel: a failed binding never writes to the console.
 inline void debugger_message(const wchar_t* text) noexcept { OutputDebugStringW(text); }
 
-// What was printed before the first bound call is not lost. Only the two output streams are flushed: another thread
+// Writes out what was printed before the first bound call. Flushes only the two output streams, because another thread
 // may be reading from standard input and hold its lock.
 [[noreturn]] inline void end_process() noexcept {
     std::fflush(stdout);
@@ -97,12 +97,12 @@ inline void debugger_message(const wchar_t* text) noexcept { OutputDebugStringW(
     ExitProcess(100);
 }
 
-// libqor.dll from the folder of the executable (or of s_hinst), or null. Its path keeps to the system's limit of 260
-// characters, although the buffer is larger: a deeper folder counts as one without the library.
+// Loads libqor.dll from the folder of the executable (or of s_hinst); returns null if that fails. Its path keeps to the
+// system's limit of 260 characters, although the buffer is larger; a longer path is treated like a missing library.
 inline HINSTANCE__* load_beside_executable() noexcept {
     constexpr wchar_t name[] = L"libqor.dll";
     constexpr std::size_t path_limit = 260;
-    constexpr unsigned long with_altered_search_path = 8; // what libqor itself needs comes from its folder
+    constexpr unsigned long with_altered_search_path = 8; // libqor's own dependencies come from its folder
     wchar_t path[8192];
     const unsigned long length = GetModuleFileNameW(s_hinst, path, 8192);
     if (length == 0 || length == 8192)
@@ -111,7 +111,7 @@ inline HINSTANCE__* load_beside_executable() noexcept {
     if (backslash == nullptr)
         return nullptr;
     const std::size_t position = static_cast<std::size_t>(backslash - path);
-    // wcscpy_s would end the process over a name that does not fit.
+    // wcscpy_s would end the process if the name did not fit.
     if (position + sizeof name / sizeof *name > path_limit)
         return nullptr;
     wcscpy_s(backslash + 1, path_limit - position, name);
@@ -150,7 +150,7 @@ inline HINSTANCE__* load_library() noexcept {
     });
 }
 
-// A system text as UTF-8; a surrogate without its partner becomes a replacement character.
+// Converts a system text to UTF-8. Invalid characters are replaced.
 inline std::string to_utf8(const wchar_t* text) {
     constexpr unsigned int utf8 = 65001;
     const int size = WideCharToMultiByte(utf8, 0, text, -1, nullptr, 0, nullptr, nullptr);
@@ -162,7 +162,7 @@ inline std::string to_utf8(const wchar_t* text) {
 
 #endif
 
-// A mutex that the thread which owns it may enter again.
+// A recursive mutex.
 class critical_section {
 public:
     static critical_section* create() noexcept {
@@ -191,14 +191,14 @@ public:
 private:
     _RTL_CRITICAL_SECTION* section() noexcept { return reinterpret_cast<_RTL_CRITICAL_SECTION*>(m_storage); }
 
-    // As large as the system's structure: four pointers, and two numbers of 32 bits.
+    // At least as large as the system's structure: four pointers and two 32-bit numbers.
     alignas(void*) unsigned char m_storage[4 * sizeof(void*) + 8];
 };
 
-// An event of the operating system; the pointer is its handle.
+// An event of the operating system. The pointer is its handle.
 class event {
 public:
-    // Reset by hand, or by the one waiter that it releases.
+    // The event is reset manually, or automatically by the one waiter that it releases.
     static event* create(bool manual_reset, bool set) noexcept {
         return static_cast<event*>(CreateEventW(nullptr, manual_reset, set, nullptr));
     }
@@ -213,7 +213,7 @@ public:
 
     enum class outcome { signalled, timed_out, failed };
 
-    // A limit of 0 is the system's infinite wait, as 0xFFFFFFFF is.
+    // A limit of 0 means an infinite wait, as does 0xFFFFFFFF.
     static outcome wait(event* self, uint32 ms) noexcept {
         constexpr unsigned long infinite = 0xffffffff;
         constexpr unsigned long wait_timeout = 258;
@@ -235,16 +235,17 @@ private:
 
 #ifndef QOR_INSIDE
 
-// For a client that is a library itself: libqor lies in the folder of that module, not of the executable. Once, before
-// the first call.
+// For a client that is itself a library: makes libqor load from the folder of that module, not of the executable. Call
+// it once, before the first call of the framework.
 inline void qorwinSetInstanceHandle(void* module) noexcept {
     if (qor::glue::s_hinst != nullptr)
         qor::glue::assert_failed("s_hinst == NULL", "void qorwinSetInstanceHandle(void*)", qor::glue::impl_file, 26);
     qor::glue::s_hinst = static_cast<HINSTANCE__*>(module);
 }
 
-// Fills `args` with the words of the process's command line, without the program's name: for a client that has no
-// main, or one whose arguments went through a code page. Throws std::bad_alloc when memory runs out.
+// Replaces the content of `args` by the words of the process's command line, without the program's name. For a client
+// without a main function, or one whose arguments were converted to a code page. Throws std::bad_alloc when memory runs
+// out.
 inline void qorwinSetupProcessArgs(qorStringArray& args) {
     int count = 0;
     wchar_t** const argvec = CommandLineToArgvW(GetCommandLineW(), &count);

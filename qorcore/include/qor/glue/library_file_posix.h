@@ -1,5 +1,5 @@
-// Looks at a library of ours before and after the loader gets it. The loader believes what the headers of a file
-// say: where they are wrong the process dies while it maps, relocates or runs what is not there.
+// Checks one of the framework's libraries before and after the loader gets it. The loader trusts the headers of a file:
+// if they are wrong, the process crashes while it maps, relocates or runs parts that do not exist.
 #pragma once
 
 #include "qor/glue/regular_file_posix.h"
@@ -15,8 +15,8 @@
 
 namespace qor::glue {
 
-// An ELF file and what its headers claim. Its table of sections says a second time what its segments say, so a wrong
-// one of either is found; and since it stands at the end, a file that holds all of it is not cut off.
+// An ELF file and its headers. The section table repeats the facts of the segment table, so an error in either shows
+// up; and because it stands at the end of the file, a file that contains all of it is not truncated.
 class library_file {
 public:
     explicit library_file(const char* path) noexcept : m_file(open_regular_file(path, m_status)) {}
@@ -27,7 +27,7 @@ public:
             close(m_file);
     }
 
-    // A regular file of this word size, whose segments and sections lie in it and agree.
+    // Returns whether this is a regular file of this word size, whose segments and sections lie inside it and agree.
     bool is_sound() noexcept { return read_headers() && segments_agree() && sections_agree(); }
 
 private:
@@ -35,7 +35,7 @@ private:
     using segment = ElfW(Phdr);
     using section = ElfW(Shdr);
 
-    static constexpr std::size_t max_segments = 32; // linkers make a dozen
+    static constexpr std::size_t max_segments = 32; // linkers create about a dozen
     static constexpr std::size_t sections_at_once = 16;
     static constexpr uint64 page = 4096;
 
@@ -59,8 +59,8 @@ private:
                is_within(m_header.e_shoff, m_header.e_shnum * sizeof(section), 0, m_size);
     }
 
-    // Those that are mapped lie in the file, and one behind the other in memory; all others are parts of them, but for
-    // notes of the processor's own kinds, which the loader leaves alone.
+    // Mapped segments must lie inside the file and follow one another in memory. All other segments must be parts of
+    // them, except processor-specific notes, which the loader ignores.
     bool segments_agree() const noexcept {
         uint64 end = 0;
         for (std::size_t i = 0; i < m_header.e_phnum; ++i) {
@@ -73,7 +73,8 @@ private:
             } else if (one.p_type != PT_GNU_STACK && one.p_type < PT_LOPROC && one.p_filesz != 0 &&
                        !is_mapped(one.p_vaddr, one.p_filesz, one.p_offset, 0))
                 return false;
-            // The part that becomes read-only has nothing behind its bytes of the file but the rest of the page.
+            // The part that becomes read-only may have nothing behind its bytes in the file except the rest of the
+            // page.
             if (one.p_type == PT_GNU_RELRO && one.p_memsz - one.p_filesz >= page)
                 return false;
             if ((one.p_type == PT_LOAD || one.p_type == PT_TLS) && (one.p_align & (one.p_align - 1)) != 0)
@@ -82,7 +83,7 @@ private:
         return true;
     }
 
-    // Whether these bytes of the file come to this address, with these rights.
+    // Returns whether these bytes of the file are mapped to this address with these rights.
     bool is_mapped(uint64 address, uint64 size, uint64 offset, uint32 rights) const noexcept {
         for (std::size_t i = 0; i < m_header.e_phnum; ++i) {
             const segment& one = m_segments[i];
@@ -93,7 +94,7 @@ private:
         return false;
     }
 
-    // Whether a segment of this kind has memory there, with these rights.
+    // Returns whether a segment of this kind provides memory there with these rights.
     bool has_memory(uint32 kind, uint64 address, uint64 size, uint32 rights) const noexcept {
         for (std::size_t i = 0; i < m_header.e_phnum; ++i) {
             const segment& one = m_segments[i];
@@ -136,11 +137,11 @@ private:
     segment m_segments[max_segments];
 };
 
-// Whether the loader may have this file. Nothing that lies in its place, a FIFO for instance, can stop the process
-// here.
+// Returns whether the loader may open this file. Another kind of file in its place, such as a FIFO, cannot block the
+// process here.
 inline bool is_whole(const char* path) noexcept { return library_file(path).is_sound(); }
 
-// Whether what a library exports can be called: a function, all of it in memory that is executable.
+// Returns whether an export of a library can be called: it must be a function that lies entirely in executable memory.
 inline bool is_function(void* entry) noexcept {
     Dl_info info;
     void* found = nullptr;

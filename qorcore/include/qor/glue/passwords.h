@@ -1,4 +1,4 @@
-// Between libqor and its module for passwords; no client needs it.
+// The interfaces between libqor and its module for passwords. Clients do not need them.
 #pragma once
 
 #include "qor/system/Interface.h"
@@ -6,7 +6,7 @@
 class qorString;
 class qorStringArray;
 
-// What stands behind the operations of Password.h.
+// The implementation of the operations in Password.h.
 class IQORPasswords : public IQORInterface {
 public:
     [[nodiscard]] virtual bool CreateHash(const char* password, const char* earlier, qorString& hash) noexcept = 0;
@@ -17,7 +17,7 @@ protected:
     ~IQORPasswords() = default;
 };
 
-// What stands behind the operations of DebugUsers.h, and qorTrustDebugListener.
+// The implementation of the operations in DebugUsers.h, and of qorTrustDebugListener.
 class IQORDebugUsers : public IQORInterface {
 public:
     virtual bool Add(const char* file, const char* name, const char* password) noexcept = 0;

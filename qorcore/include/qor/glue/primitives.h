@@ -1,5 +1,5 @@
-// The locks, events and the atomic counter of the framework. They run inline on the operating system and never
-// call the library, but for a failed assertion, and that only once the table is bound.
+// The framework's locks, events and atomic counter. They run inline on top of the operating system. They call the
+// library only to report a failed assertion, and only once the table is bound.
 //
 // The lines that assertions name are constants of the contract, not lines of this file.
 #pragma once
@@ -16,11 +16,11 @@
 
 namespace qor::glue {
 
-// What the waits without a limit assert.
+// The expression that a failed wait without limit asserts.
 inline constexpr char unlimited_wait_expression[] =
     "::WaitForSingleObject(m_event, 0xffffffff) == ((((DWORD)0x00000000)) + 0)";
 
-// Waits as qorGate::Wait(uint32) does, and reports as `func`.
+// Waits like qorGate::Wait(uint32), and reports a failure under the name `func`.
 inline bool limited_wait(event* on, uint32 ms, const char* func, int line) noexcept {
     const event::outcome result = event::wait(on, ms);
     if (result == event::outcome::failed)
@@ -30,7 +30,7 @@ inline bool limited_wait(event* on, uint32 ms, const char* func, int line) noexc
 
 } // namespace qor::glue
 
-// A mutex; the thread that owns it may lock it again and must then unlock it as often. Not copyable.
+// A recursive mutex: the thread that holds it may lock it again and must unlock it equally often. Not copyable.
 class qorFastMutex2 {
 public:
     qorFastMutex2() noexcept : m_pCrit(qor::glue::critical_section::create()) {
@@ -41,16 +41,16 @@ public:
     qorFastMutex2& operator=(const qorFastMutex2&) = delete;
     ~qorFastMutex2() { qor::glue::critical_section::destroy(m_pCrit); }
 
-    // Waits until no other thread holds the mutex, and holds it.
+    // Waits until no other thread holds the mutex, then takes it.
     void Lock() noexcept { qor::glue::critical_section::enter(m_pCrit); }
-    // Lets go of it once; only the thread that holds it may do so.
+    // Releases the mutex once. Only the thread that holds it may call this.
     void Unlock() noexcept { qor::glue::critical_section::leave(m_pCrit); }
 
 private:
     qor::glue::critical_section* m_pCrit;
 };
 
-// Holds at most one mutex, and lets go of it at the end of its scope.
+// Holds at most one mutex and unlocks it at the end of the scope.
 class qorAutoLockFastMutex2 {
 public:
     qorAutoLockFastMutex2() noexcept = default;
@@ -63,7 +63,8 @@ public:
             m_mutex->Unlock();
     }
 
-    // Locking while one is held is a programming error: it is reported, the one held is left, the new one locked.
+    // Locks a mutex. If one is held already, that is a programming error: it is reported, the held mutex is unlocked,
+    // and the new one is locked.
     void Lock(qorFastMutex2* mutex) noexcept {
         if (m_mutex != nullptr) {
             qor::glue::assert_failed("m_mutex == NULL", "void qorAutoLockFastMutex2::Lock(qorFastMutex2*)",
@@ -74,7 +75,7 @@ public:
         m_mutex->Lock();
     }
 
-    // Unlocks the mutex held. Holding none is reported, and nothing happens.
+    // Unlocks the held mutex. If none is held, that is reported and nothing happens.
     void Unlock() noexcept {
         if (m_mutex == nullptr) {
             qor::glue::assert_failed("m_mutex != NULL", "void qorAutoLockFastMutex2::Unlock()",
@@ -89,12 +90,12 @@ private:
     qorFastMutex2* m_mutex = nullptr;
 };
 
-// Open or closed; while it is open, everyone who waits or comes to wait passes. Opening it releases all who wait, even
-// if it is closed at once. It may be destroyed when all who wait have been released, before they return. No wait is a
-// cancellation point.
+// A gate is open or closed. While it is open, waiting threads and those that arrive later pass. Open releases every
+// waiting thread, even if Close follows at once. A gate may be destroyed as soon as all waiting threads have been
+// released, even before they return from Wait. No wait is a cancellation point.
 class qorGate {
 public:
-    // Where the system has no memory for a gate it is reported, and every wait fails: unlimited ones return at once.
+    // If the system cannot create the gate, that is reported, and every wait fails; waits without limit return at once.
     explicit qorGate(bool open) noexcept : m_event(qor::glue::event::create(true, open)) {
         if (m_event == nullptr)
             qor::glue::assert_failed("m_event != NULL", "qorGate::qorGate(bool)", qor::glue::impl_file, 175);
@@ -103,7 +104,7 @@ public:
     qorGate& operator=(const qorGate&) = delete;
     virtual ~qorGate() { qor::glue::event::destroy(m_event); }
 
-    // Any thread; each of them may be called in either state.
+    // Any thread may call these, in either state.
     void Open() noexcept { qor::glue::event::set(m_event); }
     void Close() noexcept { qor::glue::event::reset(m_event); }
 
@@ -114,18 +115,19 @@ public:
                                      195);
     }
 
-    // True: open; false: the time ran out. A limit of 0 milliseconds is no limit at all, not a poll.
+    // Returns true if the gate is open, false if the time ran out. A limit of 0 milliseconds means no limit; it does
+    // not poll.
     bool Wait(uint32 ms) noexcept { return qor::glue::limited_wait(m_event, ms, "bool qorGate::Wait(uint32)", 204); }
 
 private:
     qor::glue::event* m_event;
 };
 
-// Each Set lets one waiter pass: one of those who wait, or where nobody waits the next to come, however often it was
-// called until then. Destruction and cancellation: as for the gate.
+// Each Set lets one thread pass: a waiting one, or, if none waits, the next to arrive. Several calls of Set without a
+// waiting thread count as one. Destruction and cancellation work as for qorGate.
 class qorTrigger {
 public:
-    // As qorGate::qorGate.
+    // Fails like qorGate::qorGate.
     explicit qorTrigger(bool set) noexcept : m_event(qor::glue::event::create(false, set)) {
         if (m_event == nullptr)
             qor::glue::assert_failed("m_event != NULL", "qorTrigger::qorTrigger(bool)", qor::glue::impl_file, 214);
@@ -144,30 +146,30 @@ public:
                                      qor::glue::impl_file, 229);
     }
 
-    // As qorGate::Wait(uint32): 0 waits without limit.
+    // Like qorGate::Wait(uint32): 0 means no limit.
     bool Wait(uint32 ms) noexcept { return qor::glue::limited_wait(m_event, ms, "bool qorTrigger::Wait(uint32)", 238); }
 
 private:
     qor::glue::event* m_event;
 };
 
-// A signed 32-bit counter. Changes are full barriers; Read is a plain load.
+// A signed 32-bit counter. Changes are full barriers; Read is a load with acquire order.
 class qorAtomic2 {
 public:
-    // The value, not older than what this thread has seen.
+    // The current value, no older than any that this thread has seen.
     int32 Read() const noexcept { return m_value.load(std::memory_order_acquire); }
-    // Exchanges the value.
+    // Replaces the value.
     void Set(int32 value) noexcept { m_value.exchange(value); }
-    // Adds or subtracts 1; the value wraps.
+    // Add or subtract 1; the value wraps.
     void Increment() noexcept { m_value.fetch_add(1); }
     void Decrement() noexcept { m_value.fetch_sub(1); }
 
-    // True when the value was `expected` and is now `desired`; otherwise nothing has changed.
+    // Returns true if the value was `expected` and is now `desired`; otherwise changes nothing.
     bool CompareAndExchange(int32 expected, int32 desired) noexcept {
         return m_value.compare_exchange_strong(expected, desired);
     }
 
-    // Subtracts 1. True: the value is 0 now; of several threads one sees that.
+    // Subtracts 1. Returns true if the value is now 0; if several threads race, exactly one gets true.
     bool DecrementAndTestZero() noexcept { return m_value.fetch_sub(1) == 1; }
 
 private:

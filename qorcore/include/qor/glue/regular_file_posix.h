@@ -1,6 +1,6 @@
-// The POSIX way to open what a program looks for by itself: its library, a module, a catalog, an account file, the lock
-// file of a port. Whoever can write the folder can put a pipe or a device in the place of such a file, and must not be
-// able to hold the program up by that. A file that the user names is another matter: it may be a pipe.
+// Opens files that a program looks for on its own: its library, a module, a catalog, an account file, a port's lock
+// file. Anyone who can write to the folder can replace such a file by a pipe or a device; opening it must not block the
+// program. Files that the user names are not opened this way, because they may be pipes.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -12,17 +12,18 @@
 
 namespace qor::glue {
 
-// Why a file cannot be read like one on a disk: 0, EISDIR for a folder, ESPIPE for a pipe, a socket or a device.
+// Why a file cannot be read like one on a disk: 0 if it can, EISDIR for a folder, ESPIPE for a pipe, a socket or a
+// device.
 inline int reason_against(const struct stat& status) noexcept {
     if (S_ISDIR(status.st_mode))
         return EISDIR;
     return S_ISREG(status.st_mode) ? 0 : ESPIPE;
 }
 
-// A descriptor for reading, which the caller closes, and what there is to know of the file. -1: errno says why, and for
-// all but regular files (those of /proc and /sys are regular) it is that of reason_against(). Never waits. What is
-// there is looked at before it is opened, since opening is an act for a device, and afterwards, since it may have been
-// replaced.
+// Opens a file for reading and fills in its status; the caller closes the descriptor. Returns -1 and sets errno on
+// failure; a file that is not regular gives the code of reason_against(). Files in /proc and /sys count as regular.
+// Never blocks. The file type is checked before open(), because opening a device can have side effects, and again
+// afterwards, because the file may have been replaced in between.
 inline int open_regular_file(const char* path, struct stat& status) noexcept {
     if (stat(path, &status) != 0)
         return -1;
