@@ -1,17 +1,17 @@
-// All that a client of the framework needs, in one include: compile with -I qorcore/include; there is nothing to
+// Everything that a client of the framework needs, in one include. Compile with -I qorcore/include; there is nothing to
 // link. The first call loads libqor; if it cannot be loaded, the process ends with exit code 100.
 //
-// This holds for every operation that does not say otherwise:
+// These rules hold for every operation, unless its comment says otherwise:
 //
-// - Units: sizes, lengths and positions are bytes, texts are UTF-8, waits are milliseconds.
-// - Ownership: what an operation is given stays the caller's, and is copied where it is needed later. An interface that
-//   is written to an out-parameter comes with a reference for the caller; `zetSmartPointer<TYPE>::Out()` takes it.
-// - Threads: free functions may be called on any thread, an object on one thread at a time, different objects on
-//   several.
+// - Units: sizes, lengths and positions are in bytes, texts are UTF-8, waits are in milliseconds.
+// - Ownership: the caller keeps ownership of arguments; an operation copies what it needs later. An interface written
+//   to an out-parameter comes with a reference for the caller; `zetSmartPointer<TYPE>::Out()` takes it.
+// - Threads: any thread may call a free function. Only one thread at a time may use an object; different objects may be
+//   used on different threads.
 // - Errors: an operation that fails returns false and sets the last error of the thread (qor/system/Error.h); success
-//   leaves it as it was. A broken precondition is reported as an assertion, and the operation goes on.
-// - Memory: an operation that says so throws std::bad_alloc where memory runs out. In every other the process ends with
-//   a report.
+//   leaves the last error unchanged. A broken precondition is reported as an assertion, and the operation continues.
+// - Memory: an operation throws std::bad_alloc only if its comment says so. In all others, the process ends with a
+//   report when memory runs out.
 #pragma once
 
 #include "qor/glue/binding.h"

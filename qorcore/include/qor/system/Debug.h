@@ -1,8 +1,8 @@
-// Tracing: named channels ("qortool.mtrace") that are switched on and off while the process runs, and
-// assertions. A channel that is off costs a load and a test.
+// Tracing through named channels ("qortool.mtrace"), which are switched on and off while the process runs, and
+// assertions. A channel that is off costs one load and one test.
 //
-// Lines go to standard error, or to the file of --qor-debug-file or qorDebugAttachFile. Any thread may trace; a
-// line is never torn.
+// Trace lines go to standard error, or to the file set by --qor-debug-file or qorDebugAttachFile. Any thread may trace;
+// lines of different threads never mix.
 #pragma once
 
 #include "qor/glue/impl_common.h"
@@ -18,14 +18,14 @@ inline const qorDebugFlag* debug_flags() noexcept { return qorDebugGetFlags(); }
 
 #else
 
-// The array of switches, once it was asked for.
+// The array of switches; null until it is first needed.
 #if defined(__ELF__)
 [[gnu::visibility("hidden")]]
 #endif
 inline constinit std::atomic<const qorDebugFlag*>
     s_debug_flags{nullptr};
 
-// Null before the table is bound: tracing never binds.
+// Returns null before the table is bound, because tracing never binds.
 inline const qorDebugFlag* debug_flags() noexcept {
     const qorDebugFlag* flags = s_debug_flags.load(std::memory_order_acquire);
     if (flags == nullptr && is_bound()) [[unlikely]] {
@@ -37,7 +37,7 @@ inline const qorDebugFlag* debug_flags() noexcept {
 
 #endif
 
-// Whether a code is on: a load and a test.
+// Returns whether a code is on, with one load and one test.
 inline bool debug_is_on(uint32 code) noexcept {
     const qorDebugFlag* const flags = debug_flags();
     return flags != nullptr && flags[code % qorDebugMaxCodes].load(std::memory_order_relaxed) != 0;
@@ -45,33 +45,35 @@ inline bool debug_is_on(uint32 code) noexcept {
 
 } // namespace qor::glue
 
-// The code of a dotted name, the same at each call. 0 when all codes are taken: it can never be switched on.
+// Returns the code of a dotted name; the same name always gets the same code. Returns 0, a code that is never on, if
+// all codes are taken (last error). Any thread.
 inline uint32 qorDebugAllocateCode(const char* name) noexcept { return qor::glue::qorDebugAllocateCode(name); }
 
-// Switches the codes on or off whose names match `pattern`, in which `*` stands for any bytes, also for none, and every
-// other byte for itself. Codes allocated later follow the last matching call: for them up to 256 patterns and names
-// without a code are kept; one that says all that an earlier one did replaces it, and "*" off drops them all. False:
-// the pattern is empty, or it would have to be kept and there is no room (last error); nothing is switched then. Any
-// thread may call it; none that allocates a code or traces waits for it.
+// Switches all codes on or off whose names match `pattern`. In it, `*` stands for any bytes, including none, and every
+// other byte for itself. Codes that are allocated later follow the last matching call. For them, the framework keeps up
+// to 256 patterns and names without a code; a pattern that covers an earlier one replaces it, and "*" off drops them
+// all. Returns false (last error) and switches nothing if the pattern is empty, or if it must be kept and there is no
+// room. Any thread may call it; threads that allocate a code or trace do not wait for it.
 inline bool qorDebugEnableCode(const char* pattern, bool enable) noexcept {
     return qor::glue::qorDebugEnableCode(pattern, enable);
 }
 
-// The names of all codes of this process, and of those that are on, in the order of their allocation.
+// Replace the content of `out` by the names of all codes of this process, or of those that are on, in the order of
+// their allocation.
 inline void qorDebugGetCodes(qorStringArray& out) noexcept { qor::glue::qorDebugGetCodes(out); }
 inline void qorDebugGetEnabledCodes(qorStringArray& out) noexcept { qor::glue::qorDebugGetEnabledCodes(out); }
 
-// Sends the trace of this process to the end of a file. False: it cannot be written (last error). Null: back to
-// standard error.
+// Appends the trace of this process to a file from now on; null switches back to standard error. Returns false if the
+// file cannot be written (last error).
 [[nodiscard]] inline bool qorDebugAttachFile(const char* path) noexcept { return qor::glue::qorDebugAttachFile(path); }
 
-// One line of trace, as it is.
+// Traces a text as one line, without formatting it.
 inline void qorSendDebugLiteral(uint32 code, const char* text) noexcept {
     if (qor::glue::debug_is_on(code)) [[unlikely]]
         qor::glue::qorSendDebugLiteral(code, text);
 }
 
-// One line of trace, formatted only while the code is on.
+// Traces one line. Formats it only if the code is on.
 QOR_PRINTF(2, 3) inline void qorDebug(uint32 code, const char* format, ...) noexcept {
     if (qor::glue::debug_is_on(code)) [[unlikely]] {
         std::va_list arguments;
@@ -81,14 +83,14 @@ QOR_PRINTF(2, 3) inline void qorDebug(uint32 code, const char* format, ...) noex
     }
 }
 
-// A trace scope: a line when it is entered and one when it is left, each if the code is on at that moment.
+// A trace scope: traces one line on entry and one on exit, each if the code is on at that moment.
 class qorDebugSeq {
 public:
-    // The name is kept by pointer.
+    // The name is kept by pointer and must outlive the object.
     qorDebugSeq(uint32 code, const char* func) noexcept : m_code(code), m_name(func) { enter(); }
 
-    // The scope's name is built from a printf-style format. A scope entered while the code is off has no name, and
-    // traces nothing when it is left.
+    // Builds the scope's name from a printf-style format. If the code is off on entry, no name is built, and nothing is
+    // traced on exit.
     template <class... ARGUMENTS>
     requires(sizeof...(ARGUMENTS) > 0) qorDebugSeq(uint32 code, const char* format, ARGUMENTS... arguments)
     noexcept : m_code(code) {
@@ -128,8 +130,8 @@ private:
     const char* m_name = nullptr;
 };
 
-// Reports a failed assertion on standard error and returns: execution goes on. `file` is the source path without
-// its extension.
+// Reports a failed assertion on standard error and returns; execution continues. `file` is the source path without its
+// extension.
 inline void qorAssertFailed(const char* expr, const char* func, const char* file, int line) noexcept {
     qor::glue::qorAssertFailed(expr, func, file, line);
 }

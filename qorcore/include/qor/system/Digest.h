@@ -1,4 +1,4 @@
-// Digests of data, by the name of their algorithm.
+// Digests of data, selected by the name of their algorithm.
 #pragma once
 
 #include "qor/glue/binding.h"
@@ -6,26 +6,27 @@
 
 class uint8_Array;
 
-// Takes the digest of all bytes that it is given, piece by piece. Not thread-safe.
+// Computes the digest of the bytes that it is given piece by piece. Operations return false on failure (last error).
+// Not thread-safe.
 class IQORDigestEngine : public IQORInterface {
 public:
-    // Forgets what it was given.
+    // Discards all bytes so far.
     virtual bool Reset() noexcept = 0;
 
-    // Adds bytes; `data` may be null where `length` is 0.
+    // Adds bytes; `data` may be null if `length` is 0.
     virtual bool Update(const void* data, uint32 length) noexcept = 0;
 
-    // The digest of all bytes so far, in place of what `out` held. More can be added afterwards.
+    // Replaces the content of `out` by the digest of all bytes so far. More bytes can follow.
     virtual bool GetDigest(uint8_Array& out) noexcept = 0;
 
 protected:
     ~IQORDigestEngine() = default;
 };
 
-// A new engine for "md5" (16 bytes), "sha1" (20), "sha256" (32) or "sha512" (64); letters are small. All but "md5" come
-// from the module qor-openssl, which is loaded when the first one is wanted. False: *out is as it was, and the last
-// error says whether there is no such algorithm or what is wrong with the module. MD5 and SHA-1 tell files apart; they
-// protect nothing against somebody who builds files on purpose.
+// Creates an engine for "md5" (16 bytes), "sha1" (20), "sha256" (32) or "sha512" (64); the names are in lower case. All
+// but "md5" come from the module qor-openssl, which is loaded on first use. Returns false and leaves *out unchanged if
+// there is no such algorithm or if the module fails; the last error says which. MD5 and SHA-1 tell files apart, but do
+// not protect against deliberately crafted files. Any thread.
 [[nodiscard]] inline bool qorCreateDigestEngine(const char* algorithm, IQORDigestEngine** out) noexcept {
     return qor::glue::qorCreateDigestEngine(algorithm, out);
 }

@@ -1,5 +1,5 @@
-// Errors are values: an operation that fails returns so and sets its thread's last error; success leaves the
-// last error as it was. An error has a number, a class and a text in the user's language.
+// Errors are values. An operation that fails says so in its result and sets the last error of its thread; success
+// leaves the last error unchanged. An error has a number, a class and a text in the user's language.
 #pragma once
 
 #include "qor/system/Interface.h"
@@ -8,20 +8,20 @@
 #include "qor/system/template/SmartPointer.h"
 
 #pragma push_macro("GetMessage")
-#undef GetMessage // windows.h makes it a macro for GetMessageA or GetMessageW, as LoadString (String.h)
+#undef GetMessage // windows.h defines it as a macro for GetMessageA or GetMessageW; see LoadString (String.h)
 
-// What kind of error it is.
+// The kinds of errors.
 enum class qorErrorClass : uint32 {
     none,     // no error
     internal, // the framework's own fault
     usage,    // a call or a command line that makes no sense
     resource, // memory or another limit
-    access,   // somebody may not do this
+    access,   // something that is not permitted
     file,     // a file could not be opened, read or written
     system,   // another service of the operating system
 };
 
-// The numbers, as qorError_<name>.
+// The numbers of all errors, as qorError_<name>.
 enum qorErrorNumber : uint32 {
 // One for each line of the list.
 #define QOR_ERROR(number, name, error_class, text) qorError_##name = number,
@@ -29,23 +29,23 @@ enum qorErrorNumber : uint32 {
 #undef QOR_ERROR
 };
 
-// One error. The object does not change; it may be used on any thread.
+// One error. The object is immutable; any thread may use it.
 class IQORErrorMessage : public IQORInterface {
 public:
     // One of qorErrorNumber.
     virtual uint32 GetErrorNumber() noexcept = 0;
     virtual bool IsError() noexcept = 0; // false only for number 0, "no error"
-    // What kind of error it is, for callers that act by it.
+    // The kind of the error, for callers that react to it.
     virtual qorErrorClass GetErrorClass() noexcept = 0;
-    // The text in the user's language, in place of what `out` held.
+    // Replaces the content of `out` by the text in the user's language.
     virtual void GetMessage(qorString& out) noexcept = 0;
 #if defined(_WIN32)
-    // For callers that have included windows.h. A class that implements the interface does so before it includes
-    // windows.h, or undefines GetMessage.
+    // For callers that have included windows.h. A class that implements the interface must do so before it includes
+    // windows.h, or undefine GetMessage.
     void GetMessageA(qorString& out) noexcept { GetMessage(out); }
     void GetMessageW(qorString& out) noexcept { GetMessage(out); }
 #endif
-    // Writes the text, and a newline behind it if asked. False: it could not be written.
+    // Writes the text, followed by a newline if `newline` is true. Returns false if it could not be written.
     virtual bool Put(std::FILE* stream, bool newline) noexcept = 0;
 
     // Presents the error to the user: a line on standard error that names the process.
@@ -55,13 +55,13 @@ protected:
     ~IQORErrorMessage() = default;
 };
 
-// Puts an error together step by step. Not thread-safe.
+// Builds an error step by step. Not thread-safe.
 class IQORErrorBuilder : public IQORInterface {
 public:
-    // Which error it is. A number that no error has becomes qorError_unknown.
+    // Sets the number. An unknown number becomes qorError_unknown.
     virtual void SetNumber(uint32 number) noexcept = 0;
     virtual void AddInsert(const char* text) noexcept = 0; // the next of ten; further ones are dropped
-    // The error as an object with a reference for the caller. Where memory runs out the process ends with a report.
+    // Creates the error object, with a reference for the caller. Ends the process with a report if memory runs out.
     virtual void Build(IQORErrorMessage** out) noexcept = 0;
     virtual void SetLastError() noexcept = 0; // makes it this thread's last error
 
@@ -69,17 +69,17 @@ protected:
     ~IQORErrorBuilder() = default;
 };
 
-// This thread's last error as an object with a reference for the caller. Never null: without an error it is
-// number 0. Throws std::bad_alloc, as the two factories below do.
+// Returns this thread's last error as an object, with a reference for the caller. Never null: number 0 means no error.
+// Throws std::bad_alloc, like the two factories below.
 inline void qorGetLastError(IQORErrorMessage** out) {
     qor::glue::qorGetLastError_message(out);
     qor::glue::or_throw(*out);
 }
 
-// Its text; returns its number.
+// Gets the text of this thread's last error and returns its number.
 inline uint32 qorGetLastError(qorString& out) noexcept { return qor::glue::qorGetLastError_text(out); }
 
-// A number that no error has becomes qorError_unknown.
+// Sets this thread's last error. An unknown number becomes qorError_unknown. The inserts are copied.
 inline void qorSetLastError(uint32 number, const char* a1 = nullptr, const char* a2 = nullptr, const char* a3 = nullptr,
                             const char* a4 = nullptr, const char* a5 = nullptr, const char* a6 = nullptr,
                             const char* a7 = nullptr, const char* a8 = nullptr, const char* a9 = nullptr,
@@ -88,14 +88,15 @@ inline void qorSetLastError(uint32 number, const char* a1 = nullptr, const char*
     qor::glue::qorSetLastError(number, inserts);
 }
 
-// From now on this thread has no error.
+// Clears this thread's last error.
 inline void qorClearLastError() noexcept { qor::glue::qorClearLastError(); }
 
-// The framework's number for an error code of Windows (GetLastError); qorError_unknown where there is no close
-// one. The same on every platform: such codes travel in files and over networks.
+// Converts a Windows error code (GetLastError) into the framework's number, or into qorError_unknown if nothing
+// matches. Works on every platform, because such codes appear in files and network messages.
 inline uint32 qorTranslateMSWindowsError(uint32 code) noexcept { return qor::glue::qorTranslateMSWindowsError(code); }
 
-// `inserts` are ten, or null.
+// Create an error object or a builder, with a reference for the caller. `inserts` is an array of ten texts, or null.
+// Throw std::bad_alloc.
 inline void create_IQORErrorMessage(uint32 number, const char* const* inserts, IQORErrorMessage** out) {
     qor::glue::create_IQORErrorMessage(number, inserts, out);
     qor::glue::or_throw(*out);
@@ -105,11 +106,11 @@ inline void create_IQORErrorBuilder(IQORErrorBuilder** out) {
     qor::glue::or_throw(*out);
 }
 
-// Prints this thread's last error, or, where there is none, a line that says so.
+// Prints this thread's last error, or, if there is none, a line that says so.
 inline void fputerr(std::FILE* stream, bool newline) noexcept { qor::glue::fputerr(stream, newline); }
 
-// Keeps this thread's last error over a piece of code that may set another, such as cleaning up after a failure:
-// what it found when it was made is the last error again when it goes.
+// Preserves this thread's last error while other code runs, such as the clean-up after a failure. The constructor saves
+// the error and the destructor restores it. The constructor throws std::bad_alloc.
 class qorSaveErrorInfo {
 public:
     qorSaveErrorInfo() { qorGetLastError(m_error.Out()); }
@@ -117,7 +118,7 @@ public:
     qorSaveErrorInfo& operator=(const qorSaveErrorInfo&) = delete;
     ~qorSaveErrorInfo() { qor::glue::qorSetLastErrorMessage(*m_error); }
 
-    // As those of the error that was kept.
+    // Like those of the saved error.
     bool IsError() const noexcept { return m_error->IsError(); }
     qorErrorClass GetErrorClass() const noexcept { return m_error->GetErrorClass(); }
     void GetMessage(qorString& out) const noexcept { m_error->GetMessage(out); }
@@ -125,10 +126,10 @@ public:
     void GetMessageA(qorString& out) const noexcept { GetMessage(out); }
     void GetMessageW(qorString& out) const noexcept { GetMessage(out); }
 #endif
-    // Writes the text of the error that was kept, as IQORErrorMessage::Put.
+    // Writes the text of the saved error, like IQORErrorMessage::Put.
     bool Put(std::FILE* stream, bool newline) const noexcept { return m_error->Put(stream, newline); }
 
-    // Lives as long as this object; a longer use takes a reference of its own.
+    // Valid as long as this object; longer use needs a reference of its own.
     IQORErrorMessage* MessagePtr() const noexcept { return *m_error; }
 
 private:

@@ -1,26 +1,25 @@
-// Files: the file object with positioned reads, and the line reader.
+// Files: a file object for reads at any position, and a line reader.
 #pragma once
 
 #include "qor/system/Interface.h"
 #include "qor/system/Memory.h"
 #include "qor/system/String.h"
 
-// The ways to open a file, to be combined with `|`. Reading a file that is there, while others may write to it, is 21:
-// all three, and the only combination so far. A mode converts to the number that Open takes.
+// Flags for opening a file, combined with `|`. So far the only valid combination is all three (21): read an existing
+// file that others may write at the same time. A mode converts to the number that Open takes.
 enum qorFileMode : uint32 {
     qorFileReading = 1,
     qorFileExisting = 4,
     qorFileShared = 16,
 };
 
-// Both ways together.
+// Combines two flags.
 constexpr qorFileMode operator|(qorFileMode left, qorFileMode right) noexcept {
     return static_cast<qorFileMode>(uint32{left} | uint32{right});
 }
 
-// A file on a disk, read from any place in it. The object closes its file when it is destroyed. Operations that fail
-// set the thread's last error, which names the path. Opening and closing belong to one thread; reads may run on
-// several.
+// A file on a disk that can be read at any position. The destructor closes the file. Operations that fail set the last
+// error, which names the path. Only one thread may open and close it; several threads may read at once.
 class qorFile {
 public:
     qorFile() noexcept { qor::glue::qorFile_Init(this); }
@@ -28,18 +27,18 @@ public:
     qorFile& operator=(const qorFile&) = delete;
     ~qorFile() { qor::glue::qorFile_Destroy(this); }
 
-    // Opens a file in place of one that may be open already. Folders, pipes and devices cannot be opened, and opening
-    // never waits.
+    // Opens a file and closes the one opened before. Folders, pipes and devices are refused. Opening never blocks.
+    // Returns false on failure (last error).
     [[nodiscard]] bool Open(const char* path, uint32 mode) noexcept {
         return qor::glue::qorFile_Open(this, path, mode);
     }
     void Close() noexcept { qor::glue::qorFile_Close(this); }
 
-    // In bytes, as it is now. 0 where it cannot be told.
+    // The current size in bytes, or 0 if it is unknown.
     uint64 GetSize() const noexcept { return qor::glue::qorFile_GetSize(this); }
 
-    // Reads exactly `length` bytes at `offset`. False if the file ends before them: what the buffer holds is then
-    // undefined.
+    // Reads exactly `length` bytes at `offset`. Returns false if the file ends before that or cannot be read (last
+    // error); the content of the buffer is then undefined.
     [[nodiscard]] bool ReadAt(uint64 offset, void* buffer, uint32 length) const noexcept {
         return qor::glue::qorFile_ReadAt(this, offset, buffer, length);
     }
@@ -50,37 +49,37 @@ public:
     } m_data;
 };
 
-// The readable bytes behind what IQORSimpleFileReader::ReadLines hands out.
+// The number of readable bytes behind the run that IQORSimpleFileReader::ReadLines returns.
 inline constexpr uint32 qorReadLinesPadding = 64;
 
 // Reads a text file line by line. The last Release closes the file. Not thread-safe.
 class IQORSimpleFileReader : public IQORInterface {
 public:
-    // Opens a file for reading, in place of one that may be open already. `flags` must be 0. Pipes and devices will
-    // do, a folder will not. False: the last error names the path and the reason.
+    // Opens a file for reading and closes the one opened before. `flags` must be 0. Pipes and devices are accepted,
+    // folders are not. Returns false on failure; the last error names the path and the reason.
     [[nodiscard]] virtual bool Open(const char* path, uint32 flags) noexcept = 0;
 
-    // Reads the next line, of at most 256 MiB, without its end (LF or CR LF); what follows the last line end is a line
-    // too unless it is empty. False at the end of the file, at a longer line, or on a read error; the last two are
-    // then the last error. Behind a longer line the next call goes on. After a read error none does: what had come of a
-    // line is handed out as a line, and every call after that is false with the same error.
+    // Reads the next line, of at most 256 MiB, without its end (LF or CR LF). Text behind the last line end counts as a
+    // line. Returns false at the end of the file, at a line that is too long, or on a read error; the last two set the
+    // last error. After a line that is too long, the next call continues behind it. A read error is permanent: the part
+    // of a line read before it is returned as a line, and every later call fails with the same error.
     [[nodiscard]] virtual bool ReadLine(qorString& line) noexcept = 0;
 
-    // Hands out the next run of whole lines in place: *size bytes at *text, the next line first. Every line ends with
-    // its '\n'; a last line that has none is given one. At least qorReadLinesPadding readable bytes follow, so that
-    // a scan may look at blocks of so many. The text is valid until the next call of any operation. False as for
-    // ReadLine: at a longer line with its first 256 MiB, ended in the same way, else with *size 0.
+    // Returns the next run of whole lines in place: *size bytes at *text, beginning with the next line. Every line ends
+    // with '\n'; one is added to a last line without it. At least qorReadLinesPadding readable bytes follow, so that a
+    // scan may read in blocks of that size. The text is valid until the next call of any operation. Returns false as
+    // ReadLine does: at a line that is too long with its first 256 MiB, also ended by '\n', otherwise with *size 0.
     [[nodiscard]] virtual bool ReadLines(const char** text, uint64* size) noexcept = 0;
 
-    // From now on tell(context) is called, by the thread that reads, before it has to wait because a pipe or a device
-    // has nothing to read yet: whoever has something to show shows it then. Null ends that.
+    // Sets a callback that the reading thread runs before it has to wait, because a pipe or a device has nothing to
+    // read yet; a program can then write out pending output. Null removes it.
     virtual void SetBeforeWait(void (*tell)(void* context), void* context) noexcept = 0;
 
 protected:
     ~IQORSimpleFileReader() = default;
 };
 
-// A new object without a file. Throws std::bad_alloc.
+// Creates a reader without an open file. Throws std::bad_alloc.
 inline void create_IQORSimpleFileReader(IQORSimpleFileReader** out) {
     qor::glue::create_IQORSimpleFileReader(out);
     qor::glue::or_throw(*out);

@@ -1,6 +1,5 @@
-// Sizes, points and rectangles of whole numbers. Their sums and differences wrap at 32 bits. Copied by value;
-// stream form: the fields in their order, each signed 32-bit. A failed Read leaves the fields read before it
-// changed.
+// Sizes, points and rectangles with integer coordinates. Sums and differences wrap at 32 bits. Copied by value. Stream
+// form: the fields in their order, each a signed 32-bit number. A failed Read may have changed some fields.
 #pragma once
 
 #include "qor/system/Stream.h"
@@ -26,72 +25,72 @@ public:
     // Width and height.
     qorSize(int32 w, int32 h) noexcept : width(w), height(h) {}
 
-    // As the constructor of the same arguments.
+    // Like the constructor with the same arguments.
     void Set(int32 w, int32 h) noexcept { *this = {w, h}; }
 
     bool operator==(const qorSize&) const noexcept = default;
 
-    // The stream form. False: the sink or source failed, and the last error says why.
+    // The stream form. Return false if the sink or source failed; the last error says why.
     bool Write(IQORDataSink* sink) const noexcept { return sink->WriteInt32(width) && sink->WriteInt32(height); }
     [[nodiscard]] bool Read(IQORDataSource* source) noexcept {
         return source->ReadInt32(width) && source->ReadInt32(height);
     }
 
-    // The fields, as they were set.
+    // The width and the height; negative values are allowed.
     int32 width = 0;
     int32 height = 0;
 };
 
-// A place, x from left to right and y from top to bottom.
+// A position; x grows to the right and y grows downwards.
 class qorPoint {
 public:
     qorPoint() noexcept = default;
     // Its coordinates.
     qorPoint(int32 horizontal, int32 vertical) noexcept : x(horizontal), y(vertical) {}
 
-    // As the constructor of the same arguments.
+    // Like the constructor with the same arguments; Empty sets both coordinates to 0.
     void Set(int32 horizontal, int32 vertical) noexcept { *this = {horizontal, vertical}; }
     void Empty() noexcept { *this = {}; }
 
     bool operator==(const qorPoint&) const noexcept = default;
 
-    // The stream form. False: the sink or source failed, and the last error says why.
+    // The stream form. Return false if the sink or source failed; the last error says why.
     bool Write(IQORDataSink* sink) const noexcept { return sink->WriteInt32(x) && sink->WriteInt32(y); }
     [[nodiscard]] bool Read(IQORDataSource* source) noexcept { return source->ReadInt32(x) && source->ReadInt32(y); }
 
-    // The fields, as they were set.
+    // The coordinates.
     int32 x = 0;
     int32 y = 0;
 };
 
-// Half-open: it holds the points with left <= x < right and top <= y < bottom. It is normalised where left <=
-// right and top <= bottom; no operation but Normalise sees to that.
+// A half-open rectangle: it contains the points with left <= x < right and top <= y < bottom. It is normalised if left
+// <= right and top <= bottom; only Normalise ensures that.
 class qorRect {
 public:
     qorRect() noexcept = default;
-    // The edges, or the corner at the top left and the size.
+    // From the edges, or from the top left corner and the size.
     qorRect(int32 l, int32 t, int32 r, int32 b) noexcept : left(l), top(t), right(r), bottom(b) {}
     qorRect(const qorPoint& point, const qorSize& size) noexcept
         : qorRect(point.x, point.y, qor::glue::wrapped_sum(point.x, size.width),
                   qor::glue::wrapped_sum(point.y, size.height)) {}
 
-    // As the constructor of the same arguments.
+    // Like the constructors with the same arguments; Empty sets all edges to 0.
     void Set(int32 l, int32 t, int32 r, int32 b) noexcept { *this = {l, t, r, b}; }
     void Set(const qorPoint& point, const qorSize& size) noexcept { *this = {point, size}; }
     void Empty() noexcept { *this = {}; }
 
-    // Negative where it is not normalised.
+    // Negative if the rectangle is not normalised.
     int32 GetWidth() const noexcept { return qor::glue::wrapped_difference(right, left); }
     int32 GetHeight() const noexcept { return qor::glue::wrapped_difference(bottom, top); }
     qorSize GetSize() const noexcept { return {GetWidth(), GetHeight()}; }
 
-    // The corners on the right and at the bottom are not inside.
+    // The corners; those on the right and at the bottom lie outside the rectangle.
     qorPoint GetTopLeft() const noexcept { return {left, top}; }
     qorPoint GetTopRight() const noexcept { return {right, top}; }
     qorPoint GetBottomLeft() const noexcept { return {left, bottom}; }
     qorPoint GetBottomRight() const noexcept { return {right, bottom}; }
 
-    // Moves it.
+    // Moves the rectangle.
     void OffsetRect(int32 dx, int32 dy) noexcept {
         left = qor::glue::wrapped_sum(left, dx);
         top = qor::glue::wrapped_sum(top, dy);
@@ -99,11 +98,11 @@ public:
         bottom = qor::glue::wrapped_sum(bottom, dy);
     }
 
-    // Whether the point is one of those that it holds.
+    // Returns whether the rectangle contains the point.
     bool IsInside(int x, int y) const noexcept { return left <= x && x < right && top <= y && y < bottom; }
     bool IsInside(const qorPoint& point) const noexcept { return IsInside(point.x, point.y); }
 
-    // Swaps left and right where they are the wrong way round, and so top and bottom.
+    // Swaps left and right if they are in the wrong order, and likewise top and bottom.
     void Normalise() noexcept {
         if (left > right)
             std::swap(left, right);
@@ -113,7 +112,7 @@ public:
 
     bool operator==(const qorRect&) const noexcept = default;
 
-    // The stream form. False: the sink or source failed, and the last error says why.
+    // The stream form. Return false if the sink or source failed; the last error says why.
     bool Write(IQORDataSink* sink) const noexcept {
         return sink->WriteInt32(left) && sink->WriteInt32(top) && sink->WriteInt32(right) && sink->WriteInt32(bottom);
     }
@@ -122,7 +121,7 @@ public:
                source->ReadInt32(bottom);
     }
 
-    // The edges, as they were set.
+    // The edges.
     int32 left = 0;
     int32 top = 0;
     int32 right = 0;
