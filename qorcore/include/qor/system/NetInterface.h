@@ -1,4 +1,4 @@
-// The network interfaces of the host, as they were when they were listed.
+// The network interfaces of the host, as a snapshot.
 #pragma once
 
 #include "qor/glue/binding.h"
@@ -9,37 +9,38 @@ class qorString;
 class qorStringArray;
 class uint8_Array;
 
-// One interface. It does not change, outlives its list, and may be used on any thread. docs/network.md says what the
-// strings are made of on each system.
+// One network interface. The object is immutable, outlives its list, and any thread may use it. docs/network.md
+// describes the strings on each system.
 class IQORNetInterface : public IQORInterface {
 public:
-    // The system's number for it, from 1.
+    // The system's number of the interface, from 1.
     virtual uint32 GetIndex() noexcept = 0;
 
-    // What programs call it: "eth0"; on Windows its identifier, in braces.
+    // The technical name: "eth0"; on Windows an identifier in braces.
     virtual void GetName(qorString& out) noexcept = 0;
 
-    // What it is: maker and model where they are known, driver, place.
+    // A description: manufacturer and model if known, driver, location.
     virtual void GetDescription(qorString& out) noexcept = 0;
 
-    // Further names that the system knows it by.
+    // Further names that the system accepts for it.
     virtual void GetAlternativeNames(qorStringArray& out) noexcept = 0;
 
-    // What people call it.
+    // The name shown to users.
     virtual void GetDisplayName(qorString& out) noexcept = 0;
 
-    // Its bytes, of whatever number. False: it has none, and `out` is empty.
+    // Gets the hardware address, of any length. Returns false and empties `out` if the interface has none.
     virtual bool GetHardwareAddress(uint8_Array& out) noexcept = 0;
 
-    // Its own addresses, in the system's order; on a link to a single peer not the peer's. False: there is no such
-    // index, and `out` is as it was.
+    // The interface's own addresses, in the system's order; on a point-to-point link without the peer's. Return false
+    // and leave `out` unchanged if there is no such index.
     virtual uint32 GetIPv4Count() noexcept = 0;
     virtual bool GetIPv4Address(uint32 index, qorNetAddress4& out) noexcept = 0;
 
-    // The default gateway that is reached through it, with a prefix of 32 bits. False: there is none.
+    // Gets the default gateway that is reached through this interface, with a prefix of 32 bits. Returns false if there
+    // is none.
     virtual bool GetExtraIPv4Address(qorNetAddress4& out) noexcept = 0;
 
-    // The same for IPv6. The scope is that of an address which means something on its link only, for others 0.
+    // The same for IPv6. The scope is set for addresses that are only valid on their link, else it is 0.
     virtual uint32 GetIPv6Count() noexcept = 0;
     virtual bool GetIPv6Address(uint32 index, qorNetAddress6& out) noexcept = 0;
 
@@ -47,24 +48,25 @@ protected:
     ~IQORNetInterface() = default;
 };
 
-// All of them, in the order of their numbers. It does not change; any thread.
+// The list of all interfaces, ordered by number. The object is immutable; any thread may use it.
 class IQORNetInterfaceList : public IQORInterface {
 public:
-    // By name or alternative name, byte for byte. False: there is none, and *out is as it was.
+    // Finds an interface by its name or an alternative name, compared byte by byte. Returns false and leaves *out
+    // unchanged if there is none.
     [[nodiscard]] virtual bool FindInterface(const char* name, IQORNetInterface** out) noexcept = 0;
 
-    // How many there are.
+    // The number of interfaces.
     virtual uint32 GetCount() noexcept = 0;
 
-    // A new reference. False: there is no such index, and *out is as it was.
+    // Gets an interface with a new reference. Returns false and leaves *out unchanged if there is no such index.
     [[nodiscard]] virtual bool GetInterface(uint32 index, IQORNetInterface** out) noexcept = 0;
 
 protected:
     ~IQORNetInterfaceList() = default;
 };
 
-// Lists the interfaces anew, those that are down among them, by the module qor-network, which is loaded when the first
-// list is wanted. False: *out is as it was, and the last error says why.
+// Lists the interfaces as they are now, including those that are down. Uses the module qor-network, which is loaded on
+// first use. Returns false and leaves *out unchanged on failure (last error).
 [[nodiscard]] inline bool qorEnumerateNetInterfaces(IQORNetInterfaceList** out) noexcept {
     return qor::glue::qorEnumerateNetInterfaces(out);
 }

@@ -1,4 +1,4 @@
-// Addresses of hosts, their text forms, and the look-up of hosts by name.
+// Addresses of hosts, their text forms, and host look-up by name.
 #pragma once
 
 #include "qor/glue/binding.h"
@@ -6,21 +6,21 @@
 
 class qorString;
 
-// An IPv4 address: its bytes in the order in which they are written and sent.
+// An IPv4 address; the bytes stand in network order.
 struct qoraddr_ipv4 {
     uint8 bytes[4]; // 192.0.2.1 is 192, 0, 2, 1
 
     bool operator==(const qoraddr_ipv4&) const noexcept = default;
 };
 
-// An IPv6 address, in the same order.
+// An IPv6 address; the bytes stand in network order.
 struct qoraddr_ipv6 {
     uint8 bytes[16]; // 2001:db8::1 is 0x20, 0x01, 0x0d, 0xb8, ... 1
 
     bool operator==(const qoraddr_ipv6&) const noexcept = default;
 };
 
-// Addresses of an interface: the address, and how many of its bits, from the left, its network has in common.
+// An address of an interface, and the length of its network prefix in bits.
 struct qorNetAddress4 {
     qoraddr_ipv4 address; // of the interface
     uint8 prefix;         // 0 to 32
@@ -33,69 +33,70 @@ struct qorNetAddress6 {
     uint32 scope;         // as in qorHostAddress
 };
 
-// Which protocol an address belongs to.
+// The protocol that an address belongs to.
 enum class qorAddressFamily : uint32 {
     none = 0, // no address
     ipv4 = 4,
     ipv6 = 6,
 };
 
-// The address of a host. Only the member that `family` names counts; the other one is zero.
+// The address of a host. Only the member named by `family` is used; the other one is zero.
 struct qorHostAddress {
-    qorAddressFamily family = qorAddressFamily::none; // which of the two counts
-    qoraddr_ipv4 ipv4{};                              // where the family is ipv4
-    qoraddr_ipv6 ipv6{};                              // where the family is ipv6
+    qorAddressFamily family = qorAddressFamily::none; // selects one of the two
+    qoraddr_ipv4 ipv4{};                              // used if the family is ipv4
+    qoraddr_ipv6 ipv6{};                              // used if the family is ipv6
 
-    // IPv6 addresses that are valid on one link only: the index of this host's interface to that link. 0 where the
-    // address needs none.
+    // For IPv6 addresses that are only valid on one link: the index of this host's interface on that link. 0 if the
+    // address needs no scope.
     uint32 scope = 0;
 
     bool operator==(const qorHostAddress&) const noexcept = default;
 };
 
-// The text of an address, in place of what `out` held: "192.0.2.1".
+// Replaces the content of `out` by the text of an address: "192.0.2.1".
 inline void qorAddressToString(const qoraddr_ipv4& address, qorString& out) noexcept {
     qor::glue::qorAddressToString_ipv4(address, out);
 }
 
-// "2001:db8::1": the shortest form, in small letters, an embedded IPv4 address as one: "::ffff:192.0.2.1". A scope
-// other than 0 follows as "%eth0", or as "%3" where the interface has no name: always numeric on Windows, and for
-// addresses that are not link-local. What it makes can be looked up again.
+// The same for IPv6, in the shortest form and in lower case: "2001:db8::1". An embedded IPv4 address is written as one:
+// "::ffff:192.0.2.1". A non-zero scope follows: the name of the interface ("%eth0"), or its number ("%3") on Windows,
+// for an interface without a name and for an address that is not link-local. The text can be looked up again.
 inline void qorAddressToString(const qoraddr_ipv6& address, uint32 scope, qorString& out) noexcept {
     qor::glue::qorAddressToString_ipv6(address, scope, out);
 }
 
-// Either of them; no text at all where the family is none. `with_scope`: false leaves the scope out, for another host
-// has interfaces of its own.
+// The same for either family; the text is empty if the family is none. If `with_scope` is false, the scope is left out,
+// because it means nothing on another host.
 inline void qorAddressToString(const qorHostAddress& address, bool with_scope, qorString& out) noexcept {
     qor::glue::qorAddressToString_host(address, with_scope, out);
 }
 
-// What a text says that is an address, as the system reads it: with its scope ("fe80::1%eth0"), and an IPv4 address in
-// any form that it knows ("127.1" on POSIX). Nothing is looked up. False: it is none, and `out` is as it was.
+// Parses the text of an address as the system does: with a scope ("fe80::1%eth0"), and IPv4 in any form that the system
+// accepts ("127.1" on POSIX). Looks nothing up. Returns false and leaves `out` unchanged if the text is not an address
+// (qorError_invalid_argument).
 inline bool qorStringToAddress(const char* text, qorHostAddress& out) noexcept {
     return qor::glue::qorStringToAddress(text, out);
 }
 
-// What a look-up found. The object does not change; it may be used on any thread.
+// The result of a look-up. The object is immutable; any thread may use it.
 class IQORHostAddressList : public IQORInterface {
 public:
-    // How many addresses there are; at least one.
+    // The number of addresses, at least one.
     virtual uint32 GetCount() noexcept = 0;
 
-    // The address at an index from 0. False: there is no such index, and `out` is as it was.
+    // Gets the address at an index from 0. Returns false and leaves `out` unchanged if there is no such index.
     virtual bool GetAddress(uint32 index, qorHostAddress& out) noexcept = 0;
 
 protected:
     ~IQORHostAddressList() = default;
 };
 
-// The addresses of a host, by its name or by one of its addresses, as the system's own resolver finds them and in its
-// order: the best one to connect to first. Each address comes once, also those that this host has no way to. The name
-// is UTF-8; an international one is looked up in its ASCII form. May take as long as the system waits for name servers.
-// False: *out is as it was, and the last error tells what there is not: such a host (qorError_no_such_host), an address
-// of it (qorError_host_without_address), an answer just now (qorError_no_answer), any network at all
-// (qorError_no_network); qorError_lookup_failed is all else. Any thread.
+// Looks up the addresses of a host, given by its name or by an address, with the system's own resolver. They come in
+// the resolver's order, the best one to connect to first. Each address appears once, even one that this host cannot
+// reach. The name is UTF-8; an international name is looked up in its ASCII form. May take as long as the system waits
+// for name servers. Returns false and leaves *out unchanged on failure. The last error is then qorError_no_such_host,
+// qorError_host_without_address (the host exists, but has no address), qorError_no_answer (try again later),
+// qorError_no_network (this host has no network) or, for anything else, qorError_lookup_failed. Any thread.
 [[nodiscard]] inline bool qorLookupHost(const char* name, IQORHostAddressList** out) noexcept {
     return qor::glue::qorLookupHost(name, out);
 }

@@ -1,18 +1,18 @@
-// Where the stream forms of the framework's types go to and come from: runs of bytes, and numbers, whose
-// layout is the sink's and the source's business. docs/stream-form.md tells what each type writes.
+// Sinks and sources for the stream forms of the framework's types. A stream form consists of bytes and of numbers,
+// whose layout the sink and the source decide. docs/stream-form.md describes the form of each type.
 #pragma once
 
 #include "qor/glue/binding.h"
 #include "qor/system/Interface.h"
 #include "qor/system/Memory.h"
 
-// Where the stream forms of the framework's types go to. Not thread-safe, unless an implementation says so.
+// The target of stream forms. Not thread-safe, unless an implementation says so.
 class IQORDataSink : public IQORInterface {
 public:
-    // Writes all `size` bytes. False: the thread's last error says why; how much was written is not known.
+    // Writes all `size` bytes. Returns false on failure (last error); it is then unknown how many bytes were written.
     virtual bool Write(const void* bytes, uint32 size) noexcept = 0;
 
-    // Numbers, little-endian; a sink with another layout overrides them.
+    // Write numbers in little-endian order; a sink with another layout overrides them.
     virtual bool WriteUint16(uint16 value) noexcept { return write_number(value); }
     virtual bool WriteUint32(uint32 value) noexcept { return write_number(value); }
     virtual bool WriteInt32(int32 value) noexcept { return WriteUint32(static_cast<uint32>(value)); }
@@ -30,14 +30,15 @@ private:
     }
 };
 
-// Where the stream forms of the framework's types come from. Not thread-safe, unless an implementation says so.
+// The origin of stream forms. Not thread-safe, unless an implementation says so.
 class IQORDataSource : public IQORInterface {
 public:
-    // Reads exactly `size` bytes. False: the thread's last error says why, data that ends before being one of
-    // the reasons; what is in `bytes` then is not known.
+    // Reads exactly `size` bytes. Returns false on failure (last error), including data that ends too early; the
+    // content of `bytes` is then undefined.
     [[nodiscard]] virtual bool Read(void* bytes, uint32 size) noexcept = 0;
 
-    // Numbers, little-endian; a source with another layout overrides them. False: `value` is as it was.
+    // Read numbers in little-endian order; a source with another layout overrides them. `value` is unchanged on
+    // failure.
     [[nodiscard]] virtual bool ReadUint16(uint16& value) noexcept { return read_number(value); }
     [[nodiscard]] virtual bool ReadUint32(uint32& value) noexcept { return read_number(value); }
     [[nodiscard]] virtual bool ReadInt32(int32& value) noexcept {
@@ -65,35 +66,34 @@ private:
     }
 };
 
-// A sink that keeps what is written, at most 4 GiB - 1 bytes. A write that finds no memory fails and leaves
-// it as it was. Bytes of its own must not be written to it.
+// A sink that keeps the bytes in memory, at most 4 GiB - 1. If memory runs out, a write fails and leaves the sink
+// unchanged. The sink's own bytes must not be written to it.
 class IQORMemoryDataSink : public IQORDataSink {
 public:
-    // What was written so far; valid until the next write, Empty or the last Release, and null while there is
-    // none.
+    // The bytes written so far, or null if there are none. Valid until the next write, Empty or the last Release.
     virtual const void* GetData() noexcept = 0;
     virtual uint32 GetSize() noexcept = 0;
 
-    // Drops it all.
+    // Drops all bytes.
     virtual void Empty() noexcept = 0;
 
 protected:
     ~IQORMemoryDataSink() = default;
 };
 
-// A source that reads what lies in memory, in place: the bytes are the caller's and outlive it. A read of
-// more than is left fails and takes nothing.
+// A source that reads bytes of the caller in place; they must outlive the source. A read of more bytes than are left
+// fails and consumes nothing.
 class IQORMemoryDataSource : public IQORDataSource {
 public:
-    // The bytes that were not read yet.
+    // The number of bytes that have not been read yet.
     virtual uint32 GetRemaining() noexcept = 0;
 
 protected:
     ~IQORMemoryDataSource() = default;
 };
 
-// Both come with a reference for the caller. They answer to their own name and to that of the interface they
-// extend.
+// Create a sink or a source, with a reference for the caller. Both also answer a query for the interface that they
+// extend. Throw std::bad_alloc.
 inline void create_IQORMemoryDataSink(IQORMemoryDataSink** out) {
     qor::glue::create_IQORMemoryDataSink(out);
     qor::glue::or_throw(*out);
