@@ -1,9 +1,9 @@
-// The framework's string: UTF-8 text with a length, and the operations that other systems' strings lack.
+// The framework's string: UTF-8 text with a length, and its operations.
 //
-// Positions, lengths and counts are in bytes. A text may hold NULs; operations that take a plain `const char*`
-// read up to the first one. White space is that of the C locale: blank, `\t`, `\n`, `\v`, `\f`, `\r`. Case is that of
-// ASCII letters: other bytes have none, in every locale. Strings are not thread-safe; different ones may be used
-// on different threads. Operations that need memory which is not there end the process with a report.
+// Positions, lengths and counts are in bytes. A text may contain NULs; operations that take a plain `const char*` read
+// up to the first one. White space is that of the C locale: blank, `\t`, `\n`, `\v`, `\f`, `\r`. Case conversion and
+// case-insensitive comparison only affect ASCII letters, in every locale. A string is not thread-safe; different
+// strings may be used on different threads. If memory runs out, the process ends with a report.
 #pragma once
 
 #include "qor/glue/impl_common.h"
@@ -22,18 +22,19 @@
 
 namespace qor::glue {
 
-// A text that knows its length: std::string_view, std::string and their like. Plain C strings and qorString have
-// overloads of their own.
+// A text that knows its length: std::string_view, std::string and similar types. Plain C strings and qorString have
+// separate overloads.
 template <class VIEW>
 concept sized_text =
     std::is_convertible_v<const VIEW&, std::string_view> && !std::is_convertible_v<const VIEW&, const char*>;
 
-// The length as the table takes it. A text that cannot be counted is refused as too long, not cut.
+// Converts a length to the type that the table takes. A length beyond its range becomes the largest value; the library
+// then refuses the text instead of truncating it.
 inline uint32 counted_length(std::size_t length) noexcept {
     return length < 0xffffffff ? static_cast<uint32>(length) : 0xffffffff;
 }
 
-// Length -1: up to the terminator. A null text is an empty one.
+// Length -1 means up to the terminator. A null text counts as empty.
 inline uint32 text_length(const char* text, int32 length) noexcept {
     if (text == nullptr)
         return 0;
@@ -43,21 +44,20 @@ inline uint32 text_length(const char* text, int32 length) noexcept {
 } // namespace qor::glue
 
 #pragma push_macro("LoadString")
-#undef LoadString // windows.h: see below
+#undef LoadString // windows.h: see LoadStringA below
 
-// A text of UTF-8 that owns its storage. Copies are copies of the text; what a string holds that was moved from is not
-// specified.
+// A UTF-8 text that owns its storage. Copying copies the text; the content of a moved-from string is unspecified.
 class qorString {
 public:
     qorString() noexcept { qor::glue::qorString_Init(this, 0); }
 
-    // Length -1: up to the terminator. A null text is an empty one, here and everywhere.
+    // Length -1 means up to the terminator. A null text counts as empty, here and everywhere.
     qorString(const char* text, int32 length = -1) noexcept {
         const uint32 count = qor::glue::text_length(text, length);
         qor::glue::qorString_Init(this, count);
         qor::glue::qorString_Set(this, text, count);
     }
-    // All bytes, zero bytes among them.
+    // Copies all bytes, including NULs.
     template <qor::glue::sized_text VIEW>
     explicit qorString(const VIEW& text) noexcept : qorString() {
         Set(text);
@@ -77,7 +77,8 @@ public:
         std::swap(m_data, other.m_data);
         return *this;
     }
-    // Becomes a copy of the text, up to its terminator or as long as its view; the text may lie in the string itself.
+    // Becomes a copy of a text, up to its terminator or with the length of its view. The text may lie in the string
+    // itself.
     qorString& operator=(const char* text) noexcept {
         Set(text, -1);
         return *this;
@@ -88,12 +89,12 @@ public:
         return *this;
     }
 
-    // The text, always terminated; valid until the string changes.
+    // The text, always terminated. Valid until the string changes.
     const char* Text() const noexcept { return m_data.text != nullptr ? m_data.text : ""; }
 
-    // Converts to the text as `const char*` or, with its length, as std::string_view, and to nothing else. These are
-    // templates because the compiler would go on from a plain `operator const char*` to bool, to `const void*` and to
-    // pointer arithmetic, and std::less<> would compare addresses.
+    // Converts to `const char*` and to std::string_view, and to nothing else. The operators are templates because the
+    // compiler would convert further from a plain `operator const char*`: to bool, to `const void*` and in pointer
+    // arithmetic; and std::less<> would compare addresses.
     template <std::same_as<const char*> TYPE>
     operator TYPE() const noexcept {
         return Text();
@@ -103,7 +104,7 @@ public:
         return {Text(), m_data.length};
     }
 
-    // IsEmpty() tells whether there is a text; Append and Printf put texts together.
+    // Deleted to avoid misuse: IsEmpty() tests for a text, and Append and Printf join texts.
     explicit operator bool() const = delete;
     template <class OTHER>
     friend void operator+(const qorString&, const OTHER&) = delete;
@@ -114,12 +115,12 @@ public:
     template <class OTHER>
     requires(!std::same_as<OTHER, qorString>) friend void operator-(const OTHER&, const qorString&) = delete;
 
-    // In bytes, without the terminator.
+    // The length in bytes, without the terminator.
     uint32 Length() const noexcept { return m_data.length; }
-    // Whether there is no byte in it.
+    // Returns whether the length is 0.
     bool IsEmpty() const noexcept { return m_data.length == 0; }
 
-    // The byte at `index`. An index that is not below the length is reported and yields a NUL.
+    // Returns the byte at `index`. An index at or beyond the length is reported and yields a NUL.
     char operator[](int32 index) const noexcept {
         if (index >= static_cast<int32>(m_data.length)) [[unlikely]] {
             qor::glue::assert_failed("index < (int32)m_data.length", "char qorString::operator[](int32) const",
@@ -129,7 +130,7 @@ public:
         return index >= 0 ? m_data.text[index] : '\0';
     }
 
-    // ---- assignment and change; every source may lie in the string itself
+    // ---- assignment and change. The text may lie in the string itself; an empty text frees no storage.
     void Empty() noexcept { qor::glue::qorString_Set(this, "", 0); }
     void Reserve(uint32 capacity) noexcept { qor::glue::qorString_Reserve(this, capacity); }
     void Set(const char* text, int32 length = -1) noexcept {
@@ -152,29 +153,29 @@ public:
         qor::glue::qorString_Append(this, other.Text(), other.m_data.length);
     }
     void AppendByte(char last) noexcept { qor::glue::qorString_Append(this, &last, 1); }
-    // An index behind the end means the end.
+    // An index beyond the end means the end.
     void Insert(uint32 index, const char* text, int32 length = -1) noexcept {
         qor::glue::qorString_Insert(this, index, text, qor::glue::text_length(text, length));
     }
-    // What lies behind the end does not count.
+    // The range is cut at the end of the text.
     void Remove(uint32 index, uint32 count) noexcept { qor::glue::qorString_Remove(this, index, count); }
 
-    // A buffer of `size` bytes and a terminator to write into; it begins with the present text. The string must
-    // not be used until UnlockBuffer has said how many bytes count (-1: up to the first NUL in the buffer).
+    // LockBuffer returns a buffer of `size` bytes and a terminator; it begins with the present text. The string must
+    // not be used until UnlockBuffer sets the new length (-1: up to the first NUL in the buffer).
     [[nodiscard]] char* LockBuffer(uint32 size) noexcept { return qor::glue::qorString_LockBuffer(this, size); }
     void UnlockBuffer(int32 length = -1) noexcept { qor::glue::qorString_UnlockBuffer(this, length); }
 
-    // ---- comparison: negative, zero or positive, by unsigned bytes, case-sensitive unless the name says so;
-    // without case, letters count as lower case. CompareN compares at most the first `count` bytes of both.
+    // ---- comparison: negative, zero or positive, by unsigned bytes. Case-sensitive unless the name says otherwise;
+    // without case, letters compare as lower case. CompareN compares at most the first `count` bytes of both.
     int Compare(const char* text) const noexcept { return qor::glue::qorString_Compare(this, text); }
     int CompareN(const char* text, uint32 count) const noexcept {
         return qor::glue::qorString_CompareN(this, text, count);
     }
     int CompareNoCase(const char* text) const noexcept { return qor::glue::qorString_CompareNoCase(this, text); }
 
-    // ---- searching: the position, or -1. The forward forms look at `start` and behind it, the reverse forms at
-    // `start` and before it (-1: from the end). A character is a Unicode code point; what is none is not found.
-    // An empty text is found at `start`.
+    // ---- searching: returns the position, or -1. The forward functions search from `start` on. The reverse functions
+    // search from `start` backwards; -1 means the end. A character is a Unicode code point; an invalid one is never
+    // found. An empty text is found at `start`.
     int32 FindByte(char sought, uint32 start = 0) const noexcept {
         return qor::glue::qorString_FindByte(this, sought, start);
     }
@@ -194,8 +195,8 @@ public:
         return qor::glue::qorString_ReverseFindString(this, text, start);
     }
 
-    // ---- slicing: what lies behind the end does not count; a count of -1 means up to the end. The Get forms
-    // write into `out`, which may be the string itself; the Set forms keep just that part.
+    // ---- slicing. Ranges are cut at the end of the text; a count of -1 means up to the end. The Get functions write
+    // into `out`, which may be the string itself; the Set functions keep only that part of the string.
     void GetLeft(qorString& out, uint32 count) const noexcept { GetMid(out, 0, clamp(count)); }
     void GetMid(qorString& out, uint32 start, int32 count) const noexcept {
         qor::glue::qorString_GetMid(this, out, start, count);
@@ -223,27 +224,27 @@ public:
     void TrimRight() noexcept { qor::glue::qorString_TrimRight(this); }
     void TrimBoth() noexcept { qor::glue::qorString_TrimBoth(this); }
 
-    // ---- tokenising; the array's old elements are replaced. The results are true; false is kept for a future
-    // in which a split can fail.
+    // ---- splitting. The elements of the array are replaced. Tokenise_WS and TokeniseAtByte always return true so far;
+    // false is reserved for failures.
     bool Tokenise_WS(qorStringArray& out) const noexcept { return qor::glue::qorString_Tokenise_WS(this, out); }
-    // n separators make n + 1 fields; an empty string makes none.
+    // n separators make n + 1 fields. An empty string makes no fields.
     bool TokeniseAtByte(char separator, qorStringArray& out) const noexcept {
         return qor::glue::qorString_TokeniseAtByte(this, separator, out);
     }
-    // At the first separator, which belongs to neither part. False: there is none, `left` is all of it and
-    // `right` is empty. One of the parts may be the string itself.
+    // Splits at the first separator, which belongs to neither part. Returns false if there is none; then `left` is the
+    // whole text and `right` is empty. One of the parts may be the string itself.
     bool SplitAtByte(char separator, qorString& left, qorString& right) const noexcept {
         return qor::glue::qorString_SplitAtByte(this, separator, left, right);
     }
-    // Takes the first word and the white space around it out of the string. False: there is no word, and both
-    // are empty then. Where `token` is the string itself, it is the word.
+    // Removes the first word and the white space around it from the string. Returns false if there is no word; both
+    // strings are then empty. If `token` is the string itself, it becomes the word.
     bool ExtractFirstToken_WS(qorString& token) noexcept {
         return qor::glue::qorString_ExtractFirstToken_WS(this, token);
     }
 
-    // ---- parts of a file name: "dir/archive.tar.gz" is "dir/", "archive.tar" and "gz". Dots in front of the
-    // name (".profile", "..") begin no extension. Each result may be the string itself. Windows separates folders
-    // by '\\', '/' and a drive's ':' too.
+    // ---- parts of a file name: "dir/archive.tar.gz" splits into "dir/", "archive.tar" and "gz". Leading dots
+    // (".profile", "..") begin no extension. Each result may be the string itself. On Windows, '\\' and the ':' of a
+    // drive separate folders, too.
     void FileName(qorString& out) const noexcept { qor::glue::qorString_FileName(this, out); }
     void FilePath(qorString& out) const noexcept { qor::glue::qorString_FilePath(this, out); }
     void FileExtension(qorString& out) const noexcept { qor::glue::qorString_FileExtension(this, out); }
@@ -259,18 +260,18 @@ public:
         qor::glue::qorString_PrintV(this, format, arguments);
         va_end(arguments);
     }
-    // Arguments may lie in the string itself. A format that the C library refuses leaves the string empty.
+    // Arguments may lie in the string itself. The string becomes empty if the C library rejects the format.
     void PrintV(const char* format, std::va_list arguments) noexcept {
         qor::glue::qorString_PrintV(this, format, arguments);
     }
     void FormatInteger(int64 value) noexcept { qor::glue::qorString_FormatInteger(this, value); }
-    // Base 2 to 36, digits beyond 9 in lower case; with another base the string is empty.
+    // Bases 2 to 36, digits above 9 in lower case. The string becomes empty for any other base.
     void FormatUnsigned(uint64 value, uint32 base = 10) noexcept {
         qor::glue::qorString_FormatUnsigned(this, value, base);
     }
 
-    // Messages of a catalog, in the best language that has them. Inserts stand in a text as {1} to {10}; those
-    // not given are empty. False: there is no such message, and the string is empty.
+    // Messages of a catalog, in the best available language. Inserts appear in a text as {1} to {10}; a missing insert
+    // is empty. Returns false and leaves the string empty if there is no such message.
     bool Format(const char* catalog, uint32 number, const char* a1 = nullptr, const char* a2 = nullptr,
                 const char* a3 = nullptr, const char* a4 = nullptr, const char* a5 = nullptr, const char* a6 = nullptr,
                 const char* a7 = nullptr, const char* a8 = nullptr, const char* a9 = nullptr,
@@ -278,11 +279,11 @@ public:
         const char* const inserts[] = {a1, a2, a3, a4, a5, a6, a7, a8, a9, a10};
         return qor::glue::qorString_Format(this, catalog, number, inserts);
     }
-    // In `language` ("de", "pt_BR") or what it falls back to; `inserts` are ten, or null.
+    // In `language` ("de", "pt_BR") or its fallbacks; `inserts` is an array of ten texts, or null.
     bool FormatEx(const char* catalog, uint32 number, const char* language, const char* const* inserts) noexcept {
         return qor::glue::qorString_FormatEx(this, catalog, number, language, inserts);
     }
-    // The same for a text at hand, which may lie in the string itself.
+    // The same for a given text, which may lie in the string itself.
     void FormatString(const char* text, const char* a1 = nullptr, const char* a2 = nullptr, const char* a3 = nullptr,
                       const char* a4 = nullptr, const char* a5 = nullptr, const char* a6 = nullptr,
                       const char* a7 = nullptr, const char* a8 = nullptr, const char* a9 = nullptr,
@@ -290,7 +291,7 @@ public:
         const char* const inserts[] = {a1, a2, a3, a4, a5, a6, a7, a8, a9, a10};
         qor::glue::qorString_FormatString(this, text, inserts);
     }
-    // A message as it stands in the catalog.
+    // Gets a message as it stands in the catalog, with its inserts not replaced.
     bool LoadString(const char* catalog, uint32 number) noexcept {
         return qor::glue::qorString_LoadString(this, catalog, number);
     }
@@ -298,26 +299,26 @@ public:
         return qor::glue::qorString_LoadStringEx(this, catalog, number, language);
     }
 #if defined(_WIN32)
-    // windows.h makes LoadString a macro for one of these names. A client that includes it, before or after this file,
-    // writes LoadString as ever, for the operation of a string as well as for that of Windows.
+    // windows.h defines LoadString as a macro for one of these names. A client that includes it, before or after this
+    // file, can still write LoadString, for this operation and for that of Windows.
     bool LoadStringA(const char* catalog, uint32 number) noexcept { return LoadString(catalog, number); }
     bool LoadStringW(const char* catalog, uint32 number) noexcept { return LoadString(catalog, number); }
 #endif
 
     // ---- streams
-    // Writes the whole text, NULs included, and a newline behind it if asked, in one go; a terminal gets it as
-    // qor/system/Process.h says. False: it could not be written (last error); a buffered stream may find that out
-    // later.
+    // Writes the whole text in one piece, including NULs, followed by a newline if `newline` is true. A terminal gets
+    // it as described in qor/system/Process.h. Returns false if it could not be written (last error); a buffered stream
+    // may notice a failure only later.
     bool Put(std::FILE* stream, bool newline) const noexcept { return qor::glue::qorString_Put(this, stream, newline); }
-    // Reads one line, of any length, without its end (LF or CR LF); what follows the last line end is a line
-    // too unless it is empty. False: the end of the input, or a read error, which is then the last error; the
-    // string is empty. A line may be a password: what reads it leaves no copy behind but the string and the stream's
-    // own buffer. Zero bytes are bytes of the line; Text() seems to end there.
+    // Reads one line of any length, without its end (LF or CR LF). Text behind the last line end counts as a line.
+    // Returns false and leaves the string empty at the end of the input, or on a read error, which is then the last
+    // error. Because a line may be a password, no copy remains except in the string and in the stream's own buffer.
+    // NULs in the line are kept; Text() seems to end at the first.
     [[nodiscard]] bool GetLine(std::FILE* stream) noexcept { return qor::glue::qorString_GetLine(this, stream); }
 
-    // ---- character sets. Lengths are in units; -1: up to a zero unit. What is no valid character becomes
-    // U+FFFD, and the result is false. "UCS2" is UTF-16: characters beyond the first plane are pairs. The blocks
-    // end with a zero unit.
+    // ---- character sets. Lengths are in code units; -1 means up to a zero unit. Invalid characters become U+FFFD, and
+    // the result is then false. "UCS2" is UTF-16: characters beyond U+FFFF are surrogate pairs. The blocks end with a
+    // zero unit.
     bool SetUCS2(const uint16* text, int32 length = -1) noexcept {
         return qor::glue::qorString_SetUCS2(this, text, length);
     }
@@ -327,14 +328,14 @@ public:
     bool GetAsUCS2(qorDataBlock& out) const noexcept { return qor::glue::qorString_GetAsUCS2(this, out); }
     bool GetAsUCS4(qorDataBlock& out) const noexcept { return qor::glue::qorString_GetAsUCS4(this, out); }
 
-    // Part of the contract: the library allocates and frees, inline members read. `text` is null while the string
-    // has no storage; `alloc` counts the bytes of the storage, terminator included.
+    // Part of the binary contract: the library allocates and frees, inline members read. `text` is null if the string
+    // has no storage; `alloc` counts the bytes of the storage, including the terminator.
     struct data {
         // The bytes and their terminator.
         char* text = nullptr;
-        // Of the text, in bytes.
+        // The length of the text in bytes.
         uint32 length = 0;
-        // Of the storage, in bytes.
+        // The size of the storage in bytes.
         uint32 alloc = 0;
     };
     data m_data; // the text
@@ -345,8 +346,8 @@ private:
 
 #pragma pop_macro("LoadString")
 
-// Strings compare by their bytes, which are unsigned, and then by their lengths; so do a string and a text of another
-// kind. A null `const char*` is an empty text.
+// Strings compare by unsigned bytes and then by length, also with other kinds of text. A null `const char*` counts as
+// empty.
 inline bool operator==(const qorString& left, const qorString& right) noexcept {
     return std::string_view(left) == std::string_view(right);
 }
@@ -370,14 +371,14 @@ std::strong_ordering operator<=>(const qorString& left, const VIEW& right) noexc
 
 namespace std {
 
-// The hash of the bytes: equal to that of the std::string_view of the same text.
+// The hash of the bytes, equal to that of a std::string_view of the same text.
 template <>
 struct hash<qorString> {
     size_t operator()(const qorString& text) const noexcept { return hash<string_view>()(text); }
 };
 
 #ifdef __cpp_lib_format
-// std::format takes strings with the options of std::string_view.
+// std::format accepts strings with the options of std::string_view.
 template <>
 struct formatter<qorString> : formatter<string_view> {
     auto format(const qorString& text, auto& context) const {

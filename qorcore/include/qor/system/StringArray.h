@@ -1,13 +1,13 @@
-// An ordered array of strings: the argument vector of every action, and the result of every listing.
+// An ordered array of strings, used for argument vectors and for the results of listings.
 #pragma once
 
 #include "qor/system/String.h"
 
 #include <span>
 
-// A contiguous range of strings that cannot be changed in place; iterators are stale after any change of the array.
-// Not thread-safe. Texts given to it are copied and may lie in the array itself; lengths of -1 mean up to the
-// terminator. Operations that need memory which is not there end the process with a report.
+// A contiguous range of strings that cannot be changed in place. Any change of the array invalidates iterators. Not
+// thread-safe. Added texts are copied and may lie in the array itself; a length of -1 means up to the terminator. If
+// memory runs out, the process ends with a report.
 class qorStringArray {
 public:
     qorStringArray() noexcept { qor::glue::qorStringArray_Init(this); }
@@ -27,20 +27,20 @@ public:
     uint32 GetCount() const noexcept { return m_data.count; }
     bool IsEmpty() const noexcept { return m_data.count == 0; }
 
-    // An element's text, valid until the array changes. An index that is not below the count is reported, and the
-    // element is returned all the same: where the array has room for it, it is a spare one, whose text is empty until
-    // the array grows; where it has none, there is no element, and the text is empty, too.
+    // Returns the text of an element, valid until the array changes. An index at or beyond the count is reported and
+    // yields an empty text.
     const char* operator[](uint32 index) const noexcept { return at(index); }
     const char* GetAt(uint32 index) const noexcept { return at(index); }
 
-    // The elements with their lengths: for range-for, the algorithms of the C++ library, and spans of const qorString.
+    // The elements with their lengths, for range-for, for the algorithms of the C++ library and for spans of const
+    // qorString.
     const qorString* begin() const noexcept { return m_data.elements; }
     const qorString* end() const noexcept { return m_data.elements + m_data.count; }
 
     // Frees the elements and the storage.
     void Empty() noexcept { qor::glue::qorStringArray_Empty(this); }
 
-    // The whole vector, the program's name included.
+    // The whole argument vector, including the program's name.
     void SetFromArgVec(int argc, char* const* argv) noexcept {
         qor::glue::qorStringArray_SetFromArgVec(this, argc, argv);
     }
@@ -57,37 +57,40 @@ public:
         qor::glue::qorStringArray_Append(this, view.data(), qor::glue::counted_length(view.size()));
     }
     void Append(const qorStringArray& other) noexcept { qor::glue::qorStringArray_AppendArray(this, other); }
-    // Several texts: of another array, which must not be this one, or C strings such as std::span(argv, argc).
+    // Adds several texts: elements of another array, which must not be this one, or C strings such as std::span(argv,
+    // argc).
     void Append(std::span<const qorString> texts) noexcept { append_each(texts); }
     void Append(std::span<const std::string_view> texts) noexcept { append_each(texts); }
     void Append(std::span<const char* const> texts) noexcept {
         for (const char* const text : texts)
             Append(text);
     }
-    // An index behind the end means the end.
+    // An index beyond the end means the end.
     void InsertAt(uint32 index, const char* text, int32 length = -1) noexcept {
         qor::glue::qorStringArray_InsertAt(this, index, text, qor::glue::text_length(text, length));
     }
-    // What lies behind the end does not count.
+    // The range is cut at the end of the array.
     void RemoveAt(uint32 index, uint32 count) noexcept { qor::glue::qorStringArray_RemoveAt(this, index, count); }
 
-    // A copy of itself changes nothing.
+    // Becomes a copy; copying an array onto itself changes nothing.
     void Copy(const qorStringArray& other) noexcept { qor::glue::qorStringArray_Copy(this, other); }
-    // `other` may be this array: it is cut to the part.
+    // Becomes a copy of a part. If `other` is this array, it is reduced to that part.
     void CopyPortion(const qorStringArray& other, uint32 index, uint32 count) noexcept {
         qor::glue::qorStringArray_CopyPortion(this, other, index, count);
     }
 
-    // Stable sorts; equal elements keep their order in both directions.
+    // Stable sorts: equal elements keep their order in both directions.
     void Sort(bool ascending) noexcept { qor::glue::qorStringArray_Sort(this, ascending); }
     void SortNoCase(bool ascending) noexcept { qor::glue::qorStringArray_SortNoCase(this, ascending); }
-    // `compare` gets the elements' texts and `context`. An order that contradicts itself gives some order.
+    // `compare` gets the texts of two elements and `context`. If it is inconsistent, the resulting order is
+    // unspecified.
     void SortUsing(qorStringCompare compare, void* context) noexcept {
         qor::glue::qorStringArray_SortUsing(this, compare, context);
     }
 
-    // As a set of texts, case-sensitive. AddUnique: false if present already. RemoveUnique: takes out the first
-    // equal one, false if there is none. FindString: the first equal one at or behind `start`, or -1.
+    // The array as a set of texts, case-sensitive. AddUnique returns false if the text is present already. RemoveUnique
+    // removes the first equal text and returns false if there is none. FindString returns the index of the first equal
+    // text at or behind `start`, or -1.
     bool AddUnique(const char* text) noexcept { return qor::glue::qorStringArray_AddUnique(this, text); }
     bool RemoveUnique(const char* text) noexcept { return qor::glue::qorStringArray_RemoveUnique(this, text); }
     int32 FindString(const char* text, uint32 start = 0) const noexcept {
@@ -95,20 +98,20 @@ public:
     }
     bool IsPresent(const char* text) const noexcept { return FindString(text) >= 0; }
 
-    // Stream form: the count, then for each element its length in bytes and its bytes; numbers are unsigned
-    // 32-bit. A failed Read leaves the elements that were whole; memory is taken only for bytes
-    // that came, whatever lengths the stream claims.
+    // Stream form: the count, then for each element its length in bytes and its bytes; the numbers are unsigned 32-bit.
+    // A failed Read leaves the elements that were complete (last error). Memory is only allocated for bytes that
+    // arrive, whatever lengths the stream claims.
     bool Write(IQORDataSink* sink) const noexcept { return qor::glue::qorStringArray_Write(this, sink); }
     [[nodiscard]] bool Read(IQORDataSource* source) noexcept { return qor::glue::qorStringArray_Read(this, source); }
 
-    // Part of the contract: the library allocates and frees, inline members read. All of `alloc` are strings; those
-    // behind the count are empty.
+    // Part of the binary contract: the library allocates and frees, inline members read. All `alloc` elements are
+    // constructed strings; those behind the count are empty.
     struct data {
-        // The storage, null where there is none.
+        // The storage, or null if there is none.
         qorString* elements = nullptr;
-        // The elements in use.
+        // The number of elements in use.
         uint32 count = 0;
-        // The elements that there is storage for.
+        // The number of elements that the storage holds.
         uint32 alloc = 0;
     };
     data m_data; // the elements

@@ -7,24 +7,24 @@
 
 #include <algorithm>
 
-// A fraction, neither reduced nor checked. Copied by value. Stream form: the numerator signed 32-bit, the
-// denominator unsigned 32-bit; a failed Read leaves what was read before it changed.
+// A fraction, neither reduced nor checked. Copied by value. Stream form: the numerator as signed 32-bit, the
+// denominator as unsigned 32-bit. A failed Read may have changed the numerator.
 class qorRational {
 public:
     qorRational() noexcept = default;
     // Numerator and denominator.
     qorRational(int32 n, uint32 d) noexcept : numerator(n), denominator(d) {}
 
-    // As the constructor of the same arguments.
+    // Like the constructor with the same arguments.
     void Set(int32 n, uint32 d) noexcept { *this = {n, d}; }
 
-    // 0.0 where the denominator is 0.
+    // The quotient, or 0.0 if the denominator is 0.
     double fp_val() const noexcept { return denominator != 0 ? static_cast<double>(numerator) / denominator : 0.0; }
 
-    // By fields: 1/2 is not 2/4.
+    // Compares the fields: 1/2 does not equal 2/4.
     bool operator==(const qorRational&) const noexcept = default;
 
-    // The stream form. False: the sink or source failed, and the last error says why.
+    // The stream form. Return false if the sink or source failed; the last error says why.
     bool Write(IQORDataSink* sink) const noexcept {
         return sink->WriteInt32(numerator) && sink->WriteUint32(denominator);
     }
@@ -32,29 +32,29 @@ public:
         return source->ReadInt32(numerator) && source->ReadUint32(denominator);
     }
 
-    // The fields, as they were set.
+    // The fraction; nothing reduces or checks it.
     int32 numerator = 0;
     uint32 denominator = 0;
 };
 
-// A time of day, or of a recording, in hours, minutes, seconds and frames. Nothing keeps the fields in their
-// usual ranges. Copied by value. Stream form: the fields in their order, each unsigned 16-bit; a failed Read
-// leaves the fields read before it changed.
+// A time of day, or a position in a recording, in hours, minutes, seconds and frames. The fields are not limited to
+// their usual ranges. Copied by value. Stream form: the fields in their order, each an unsigned 16-bit number. A failed
+// Read may have changed some fields.
 //
-// A rate is in frames per second. One with a denominator of 0, or whose numerator is not positive, is
-// reported by the operations that count with it.
+// A rate is in frames per second. Operations that compute with a rate report one with a denominator of 0 or a numerator
+// that is not positive.
 class qorTimecode {
 public:
     qorTimecode() noexcept = default;
     // Hours, minutes, seconds and frames.
     qorTimecode(uint16 h, uint16 m, uint16 s, uint16 f) noexcept : hours(h), minutes(m), seconds(s), frames(f) {}
 
-    // As the constructor of the same arguments.
+    // Like the constructor with the same arguments.
     void Set(uint16 h, uint16 m, uint16 s, uint16 f) noexcept { *this = {h, m, s, f}; }
 
     bool operator==(const qorTimecode&) const noexcept = default;
 
-    // The fields in one number, hours in the uppermost 16 bits.
+    // All fields in one number, with the hours in the highest 16 bits.
     uint64 pack_u64() const noexcept {
         return uint64{hours} << 48 | uint64{minutes} << 32 | uint64{seconds} << 16 | frames;
     }
@@ -66,17 +66,17 @@ public:
     // "hh:mm:ss:ff"
     void GetVideoString(qorString& out) const noexcept { print(out, 2); }
 
-    // "hh:mm:ss.fff", the fourth field being thousandths.
+    // "hh:mm:ss.fff"; the fourth field is taken as milliseconds.
     void GetAudioString(qorString& out) const noexcept {
         out.Printf("%02u:%02u:%02u.%03u", hours, minutes, seconds, frames);
     }
 
-    // "hh:mm:ss:ff", the frames as wide as the highest frame number of the rate, at most three digits. A rate
-    // of 0 frames has no highest number and gives ten digits.
+    // "hh:mm:ss:ff". The frames have as many digits as the highest frame number at the rate, at most three. A rate of 0
+    // has no highest frame number and yields ten digits.
     void GetString(uint32 fps, qorString& out) const noexcept { print(out, digits(std::min(fps, 1000u) - 1)); }
 
-    // The same, where the highest frame number is the rate less a half, cut towards zero; a denominator of 0
-    // gives one digit, a negative number ten.
+    // The same; the highest frame number is the rate minus one half, truncated. A denominator of 0 yields one digit, a
+    // negative number ten.
     void GetString(const qorRational& rate, qorString& out) const noexcept {
         if (rate.fp_val() > 1000.0)
             return GetString(1000, out);
@@ -84,29 +84,29 @@ public:
         print(out, digits(static_cast<uint32>(static_cast<int64>(highest))));
     }
 
-    // Counting frames. A second has as many frame numbers as the rate has frames, rounded to the nearest
-    // whole number, a half upwards, and at least 1. At 30000/1001 (60000/1001) frames per second, drop-frame
-    // counting leaves the first two (four) frame numbers of each minute out, but not those of every tenth
-    // minute, and so keeps step with the clock; this is SMPTE ST 12-1. At other rates `drop_frame` changes
-    // nothing. Equal rates count alike, whatever their fields: 60000/2002 is 30000/1001.
+    // Frame counting. The number of frames per second is the rate rounded to the nearest integer, halves up, and at
+    // least 1. At 30000/1001 (60000/1001) frames per second, drop-frame counting skips the first two (four) frame
+    // numbers of each minute, except every tenth minute, and so stays in step with the clock; this is SMPTE ST 12-1. At
+    // other rates, `drop_frame` has no effect. Equal rates count alike, whatever their fields: 60000/2002 is
+    // 30000/1001.
     //
-    // The timecode of the frame with this number, frame 0 being 00:00:00:00. Hours keep their lower 16 bits,
-    // and so do frames, which takes a rate above 65536. A rate that is reported gives 00:00:00:00.
+    // Sets the timecode of the frame with this number; frame 0 is 00:00:00:00. Hours are reduced to their low 16 bits,
+    // and so are frames, which only matters for rates above 65536. A reported rate yields 00:00:00:00.
     void SetFromFrameCount(const qorRational& rate, bool drop_frame, uint64 count) noexcept {
         qor::glue::qorTimecode_SetFromFrameCount_drop(this, rate, drop_frame, count);
     }
-    // With drop-frame counting, where the rate has it.
+    // With drop-frame counting, if the rate has it.
     void SetFromFrameCount(const qorRational& rate, uint64 count) noexcept { SetFromFrameCount(rate, true, count); }
 
-    // The number of the frame with this timecode: the inverse of the above for every count whose hours and
-    // frames fit. Fields beyond their ranges are carried, 00:00:61:00 being 00:01:01:00, and a frame number
-    // that drop-frame counting leaves out counts as the first of its minute. A rate that is reported gives 0.
+    // Returns the number of the frame with this timecode: the inverse of SetFromFrameCount, for every count whose hours
+    // and frames fit. Fields beyond their ranges carry over: 00:00:61:00 means 00:01:01:00. A frame number that
+    // drop-frame counting skips counts as the first of its minute. A reported rate yields 0.
     uint64 GetFrameCount(const qorRational& rate, bool drop_frame) const noexcept {
         return qor::glue::qorTimecode_GetFrameCount(this, rate, drop_frame);
     }
 
-    // The time of day of a clock (qor/system/Time.h), in UTC or in local time, and the frame of its second,
-    // at a rate of at most 1000 frames. A rate that is reported gives 00:00:00:00.
+    // Sets the time of day of a clock (qor/system/Time.h), in UTC or in local time, and the frame within its second, at
+    // a rate of at most 1000 frames per second. A reported rate yields 00:00:00:00.
     void SetFromClock(const qorRational& rate, bool local, uint64 clock) noexcept {
         const qorRational used = rate.fp_val() > 1000.0 ? qorRational(1000, 1) : rate;
         *this = {};
@@ -123,7 +123,7 @@ public:
         Set(info.hour, info.minute, info.second, static_cast<uint16>(frame));
     }
 
-    // The stream form. False: the sink or source failed, and the last error says why.
+    // The stream form. Return false if the sink or source failed; the last error says why.
     bool Write(IQORDataSink* sink) const noexcept {
         return sink->WriteUint16(hours) && sink->WriteUint16(minutes) && sink->WriteUint16(seconds) &&
                sink->WriteUint16(frames);
@@ -133,7 +133,7 @@ public:
                source->ReadUint16(frames);
     }
 
-    // The fields, as they were set.
+    // The fields; nothing limits them to their usual ranges.
     uint16 hours = 0;
     uint16 minutes = 0;
     uint16 seconds = 0;

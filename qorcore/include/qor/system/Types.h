@@ -1,5 +1,5 @@
-// The number types of the framework, the same width and the same C++ type on every platform, so that
-// overloads and printf formats ("%llu" for uint64) mean the same everywhere.
+// The integer types of the framework. Each has the same width and is the same C++ type on every platform, so that
+// overloads and printf formats ("%llu" for uint64) work everywhere.
 #pragma once
 
 #if __cplusplus < 202002L
@@ -8,7 +8,7 @@
 
 #include <cstddef>
 
-// By the number of bits.
+// Each name gives the number of bits.
 using int8 = signed char;
 using uint8 = unsigned char;
 using int16 = short;
@@ -20,7 +20,8 @@ using uint64 = unsigned long long;
 
 static_assert(sizeof(int16) == 2 && sizeof(int32) == 4 && sizeof(int64) == 8);
 
-// The compiler checks the arguments of printf-style operations; positions count `this` as 1.
+// Makes the compiler check the arguments of printf-style operations. Positions count from 1; in members `this` is
+// first.
 #if defined(__MINGW32__)
 #define QOR_PRINTF(format_position, first_argument) __attribute__((format(gnu_printf, format_position, first_argument)))
 #else

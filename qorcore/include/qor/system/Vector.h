@@ -1,39 +1,40 @@
-// A growable run of elements of one size, given as bytes: the storage under the typed and template arrays.
+// A growable array of elements of one size, treated as bytes: the storage of the typed arrays and the template array.
 #pragma once
 
 #include "qor/glue/impl_common.h"
 
-// Elements move by memcpy when the vector grows; nothing is constructed or destroyed. An element's address is
-// stale after anything that grows the vector. Not thread-safe.
+// Elements are moved as bytes when the vector grows; nothing is constructed or destroyed. Growth invalidates the
+// addresses of elements. Not thread-safe.
 class qorVector {
 public:
-    // An empty vector for elements of `chunk_size` bytes.
+    // Creates an empty vector for elements of `chunk_size` bytes.
     explicit qorVector(unsigned chunk_size) noexcept { qor::glue::qorVector_Init(this, chunk_size); }
     qorVector(const qorVector&) = delete;
     qorVector& operator=(const qorVector&) = delete;
     ~qorVector() { Empty(); }
 
-    // No elements; the storage is freed.
+    // Removes all elements and frees the storage.
     void Empty() noexcept { qor::glue::qorVector_Empty(this); }
 
-    // Adds `n` elements, not cleared, and returns the first of them. Growth is by half of what there is, at least
-    // what is asked for. Throws std::bad_alloc, as Insert and SetAlloc do; the vector is then as it was. For n of 0
-    // the result is the address behind the last element, null in a vector that never held one.
+    // Adds `n` uninitialised elements and returns the address of the first. The storage grows by half, or to the needed
+    // size if that is larger. Throws std::bad_alloc, like Insert and SetAlloc; the vector is then unchanged. If n is 0,
+    // the result is the address behind the last element, or null if the vector has no storage.
     void* Append(unsigned n) { return checked(qor::glue::qorVector_Append(this, n), n); }
 
-    // Opens `n` elements at `index` and returns the first of them. An index beyond the count appends.
+    // Inserts `n` uninitialised elements at `index` and returns the address of the first. An index beyond the count
+    // appends.
     void* Insert(unsigned index, unsigned n) { return checked(qor::glue::qorVector_Insert(this, index, n), n); }
 
-    // Takes out `n` elements at `index`; what lies beyond the count does not count.
+    // Removes `n` elements at `index`. The range is cut at the last element.
     void Collapse(unsigned index, unsigned n) noexcept { qor::glue::qorVector_Collapse(this, index, n); }
 
-    // Makes room for `n` elements in all; never takes room away.
+    // Reserves room for `n` elements in total. Never shrinks the storage.
     void SetAlloc(unsigned n) {
         if (!qor::glue::qorVector_SetAlloc(this, n)) [[unlikely]]
             throw std::bad_alloc();
     }
 
-    // Leaves the vector empty without freeing: the storage belongs to whoever holds its pointer, who frees it
+    // Leaves the vector empty without freeing the storage, which now belongs to the holder of its pointer, who frees it
     // with qor_do_free.
     void Detach() noexcept {
         m_data.elements = nullptr;
@@ -41,8 +42,8 @@ public:
         m_data.alloc = 0;
     }
 
-    // Takes over the elements of `src` and returns their count. Different element sizes are reported, and the
-    // elements are taken all the same.
+    // Frees the elements, takes over those of `src` and returns their number. Different element sizes are reported, but
+    // the elements are still taken.
     uint32 StealVectorData(qorVector& src) noexcept {
         if (m_data.chunk_size != src.m_data.chunk_size)
             qor::glue::assert_failed("m_data.chunk_size == src.m_data.chunk_size",
@@ -55,8 +56,7 @@ public:
         return m_data.count;
     }
 
-    // The address of an element. An index that is not below the count is reported, and the address is returned
-    // all the same.
+    // The address of an element. An index at or beyond the count is reported, and the address is still returned.
     void* ptr(uint32 index) noexcept {
         check(index);
         return qor::glue::address_behind(m_data.elements, std::size_t{index} * m_data.chunk_size);
@@ -69,7 +69,7 @@ public:
     // The number of elements.
     uint32 GetCount() const noexcept { return m_data.count; }
 
-    // Part of the contract: the library allocates and frees, inline members read.
+    // Part of the binary contract: the library allocates and frees, inline members read.
     struct {
         unsigned char* elements;
         uint32 count;

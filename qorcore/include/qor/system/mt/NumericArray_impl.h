@@ -1,4 +1,4 @@
-// The typed arrays: growable runs of plain numbers, one class for each type of element.
+// The typed arrays: growable arrays of plain numbers, one class for each element type.
 #pragma once
 
 #include "qor/system/Vector.h"
@@ -13,10 +13,10 @@
 
 namespace qor::glue {
 
-// The difference of two elements squeezed into 32 bits: what typed arrays sort by. It is not the order of the
-// numbers where it does not fit: integers of 32 and 64 bits leave their low 32 bits, and a floating
-// difference is cut towards zero, so that values less than 1 apart count as equal; where it is too large or
-// no number it is INT_MIN.
+// The difference of two elements reduced to 32 bits, by which typed arrays sort. It does not match the order of the
+// numbers if the difference does not fit: the difference of 32-bit and 64-bit integers keeps its low 32 bits, and a
+// floating-point difference is truncated towards zero, so that values less than 1 apart count as equal. A
+// floating-point difference that is too large or not a number becomes INT_MIN.
 template <class ELEMENT>
 int32 squeezed_difference(ELEMENT left, ELEMENT right) noexcept {
     if constexpr (std::is_floating_point_v<ELEMENT>) {
@@ -24,16 +24,15 @@ int32 squeezed_difference(ELEMENT left, ELEMENT right) noexcept {
         const ELEMENT difference = left - right;
         return difference > -limit && difference < limit ? static_cast<int32>(difference) : INT_MIN;
     } else {
-        // Unsigned, because overflow is meant.
+        // Unsigned, because the overflow is intended.
         return static_cast<int32>(static_cast<uint32>(left) - static_cast<uint32>(right));
     }
 }
 
-// All that the typed arrays are; SELF is the class, whose name reports give. An array is a contiguous range, and so
-// converts to std::span. Not copyable but by Copy and
-// Append, not thread-safe. An element's address is stale after anything that grows the array or takes
-// elements out. What grows it throws std::bad_alloc where there is no memory; the array is then as it was,
-// after Copy empty.
+// The common implementation of the typed arrays. SELF is the class, whose name appears in assertions. An array is a
+// contiguous range, and so converts to std::span. Only Copy and Append copy it. Not thread-safe. Addresses of elements
+// become invalid when the array grows or elements are removed. Operations that grow the array throw std::bad_alloc if
+// there is no memory; the array is then unchanged, but empty after Copy.
 template <class SELF, class ELEMENT>
 class numeric_array {
     static_assert(std::is_arithmetic_v<ELEMENT>);
@@ -45,41 +44,40 @@ public:
     uint32 GetCount() const noexcept { return m_vec.GetCount(); }
     bool IsEmpty() const noexcept { return GetCount() == 0; }
 
-    // No elements; the storage is freed.
+    // Removes all elements and frees the storage.
     void Empty() noexcept { m_vec.Empty(); }
 
     // Adds one element at the end and returns its address.
     ELEMENT* Append(ELEMENT value) { return store(m_vec.Append(1), value); }
 
-    // Adds a copy of all elements of another array, or of this one.
+    // Adds copies of all elements of another array or of this one.
     void Append(const SELF& other) {
         const uint32 count = other.GetCount();
         if (count == 0)
             return;
         void* const room = m_vec.Append(count);
-        copy_run(room, other.GetDataPtr(), count); // its address is asked for only now: it may be this array
+        copy_run(room, other.GetDataPtr(), count); // the pointer is read only now: Append may have moved it
     }
 
-    // Adds `n` elements; `src` must not lie in this array.
+    // Adds copies of `n` elements, which must not lie in this array.
     void Append(const ELEMENT* src, uint32 n) {
         if (n != 0)
             copy_run(m_vec.Append(n), src, n);
     }
 
-    // Adds the elements of a span, which must not lie in this array.
+    // Adds copies of the elements of a span, which must not lie in this array.
     void Append(std::span<const ELEMENT> elements) { Append(elements.data(), counted(elements)); }
 
-    // Becomes a copy of another array. A copy of itself leaves it empty, for it is emptied first.
+    // Becomes a copy of another array. An array copied onto itself becomes empty, because it is emptied first.
     void Copy(const SELF& other) {
         Empty();
         Append(other);
     }
 
-    // Opens room before `index` and returns the address of what was put there. An index beyond the count
-    // appends.
+    // Inserts an element before `index` and returns its address. An index beyond the count appends.
     ELEMENT* InsertAt(uint32 index, ELEMENT value) { return store(m_vec.Insert(index, 1), value); }
 
-    // The same for `n` elements; `src` must not lie in this array.
+    // The same for `n` elements, which must not lie in this array.
     void InsertAt(uint32 index, const ELEMENT* src, uint32 n) {
         if (n != 0)
             copy_run(m_vec.Insert(index, n), src, n);
@@ -90,8 +88,8 @@ public:
         InsertAt(index, elements.data(), counted(elements));
     }
 
-    // Takes elements out. A range that ends behind the last element is reported, and cut; the sum is 32 bits
-    // wide.
+    // Removes elements. A range that ends behind the last element is reported and cut; `index` + `count` is computed in
+    // 32 bits.
     void RemoveAt(uint32 index, uint32 count) noexcept {
         static constexpr joined_text<sizeof "void ::RemoveAt(uint32, uint32)" - 1 + type_name<SELF>().size()> func(
             {"void ", type_name<SELF>(), "::RemoveAt(uint32, uint32)"});
@@ -103,29 +101,29 @@ public:
         m_vec.Collapse(index, count);
     }
 
-    // The elements, contiguous; null where there never was one.
+    // The elements, contiguous; null if the array has no storage.
     ELEMENT* GetDataPtr() noexcept { return reinterpret_cast<ELEMENT*>(m_vec.m_data.elements); }
     const ELEMENT* GetDataPtr() const noexcept { return reinterpret_cast<const ELEMENT*>(m_vec.m_data.elements); }
 
-    // As a range; iterators are stale as addresses are.
+    // The elements as a range. Iterators become invalid like addresses.
     ELEMENT* begin() noexcept { return GetDataPtr(); }
     ELEMENT* end() noexcept { return begin() + GetCount(); }
     const ELEMENT* begin() const noexcept { return GetDataPtr(); }
     const ELEMENT* end() const noexcept { return begin() + GetCount(); }
 
-    // An element's address; the index is not checked.
+    // The address of an element; the index is not checked.
     ELEMENT* GetElementPtr(uint32 index) noexcept { return address_behind(GetDataPtr(), size(index)); }
     const ELEMENT* GetElementPtr(uint32 index) const noexcept { return address_behind(GetDataPtr(), size(index)); }
 
-    // By the C library's qsort, with the helpers below. Elements whose difference does not fit in 32 bits,
-    // and floating ones less than 1 apart, end up in an order that only qsort knows.
+    // Sorts with the C library's qsort and the helpers below. Elements whose difference does not fit into 32 bits, and
+    // floating-point elements less than 1 apart, end up in an unspecified order.
     void Sort(bool ascending) noexcept {
         if (GetCount() >= 2)
             std::qsort(GetDataPtr(), GetCount(), sizeof(ELEMENT),
                        ascending ? sorthelper_ascending : sorthelper_descending);
     }
 
-    // Drops elements at the end, or adds some, whose values are whatever lay there.
+    // Removes elements at the end, or adds uninitialised ones.
     void SetCount(uint32 n) {
         const uint32 count = GetCount();
         if (count > n)
@@ -134,10 +132,10 @@ public:
             m_vec.Append(n - count);
     }
 
-    // Makes room for `n` elements in all; never takes room away.
+    // Reserves room for `n` elements in total. Never shrinks the storage.
     void SetAlloc(uint32 n) { m_vec.SetAlloc(n); }
 
-    // The index of the first element that equals `value` by ==, else -1: a NaN is never found, and 0.0 finds
+    // Returns the index of the first element that equals `value` by ==, or -1. So a NaN is never found, and 0.0 finds
     // -0.0.
     int32 Find(ELEMENT value) const noexcept {
         const ELEMENT* const found = std::find(begin(), end(), value);
@@ -145,8 +143,8 @@ public:
     }
     bool IsPresent(ELEMENT value) const noexcept { return Find(value) >= 0; }
 
-    // As a set, by Find. AddUnique: false if present already. RemoveUnique: takes out the first equal one,
-    // false if there is none.
+    // The array as a set, by Find. AddUnique returns false if the value is present already. RemoveUnique removes the
+    // first equal element and returns false if there is none.
     bool AddUnique(ELEMENT value) {
         if (IsPresent(value))
             return false;
@@ -161,13 +159,14 @@ public:
         return true;
     }
 
-    // Byte for byte, unlike Find: 0.0 and -0.0 differ, and a NaN is identical to the same NaN.
+    // Compares the bytes, unlike Find: 0.0 and -0.0 differ, and a NaN is identical to the same NaN.
     bool IsIdentical(const SELF& other) const noexcept {
         return GetCount() == other.GetCount() &&
                (IsEmpty() || std::memcmp(GetDataPtr(), other.GetDataPtr(), size(GetCount())) == 0);
     }
 
-    // The orders of Sort, as qsort wants them: the squeezed difference of first and second, and the reverse.
+    // The orders of Sort, in the form that qsort needs: the reduced difference of the first and second element, and the
+    // reverse.
     static int32 sorthelper_ascending(const void* first, const void* second) noexcept {
         return squeezed_difference(*static_cast<const ELEMENT*>(first), *static_cast<const ELEMENT*>(second));
     }
@@ -178,7 +177,7 @@ public:
 private:
     static std::size_t size(uint32 count) noexcept { return std::size_t{count} * sizeof(ELEMENT); }
 
-    // A span that cannot be counted is refused as too long, not cut.
+    // A span that is too long to count throws; it is not truncated.
     static uint32 counted(std::span<const ELEMENT> elements) {
         if (elements.size() > 0xffffffff)
             throw std::bad_alloc();

@@ -8,8 +8,8 @@
 #include <type_traits>
 #include <utility>
 
-// The vector moves elements as bytes when it grows or closes a gap. So TYPE must be a type whose objects can
-// be moved like that: no pointers into itself. The framework's own types all can. Not thread-safe.
+// The vector moves elements as bytes when it grows or closes a gap. So TYPE must be relocatable by memcpy, for instance
+// contain no pointers into itself. The framework's own types are. Not thread-safe.
 template <class TYPE>
 class zetArray {
     static_assert(alignof(TYPE) <= alignof(std::max_align_t));
@@ -34,7 +34,7 @@ public:
         return *new (m_vec.Append(1)) TYPE(std::move(copy));
     }
 
-    // Takes elements out. A range that ends behind the last element is reported, and cut.
+    // Removes elements. A range that ends behind the last element is reported and cut.
     void RemoveAt(uint32 index, uint32 count) noexcept {
         static constexpr auto func = qor::glue::function_text<TYPE, sizeof signature>(signature);
         const uint32 held = GetCount();
@@ -48,12 +48,11 @@ public:
         m_vec.Collapse(index, count);
     }
 
-    // Checked by the vector: an index that is not below the count is reported, and what is returned must not
-    // be used.
+    // Checked by the vector: an index at or beyond the count is reported, and the result must not be used.
     TYPE& operator[](uint32 index) noexcept { return *static_cast<TYPE*>(m_vec.ptr(index)); }
     const TYPE& operator[](uint32 index) const noexcept { return *static_cast<const TYPE*>(m_vec.ptr(index)); }
 
-    // A contiguous range; iterators are stale after anything that grows the array or takes elements out.
+    // A contiguous range. Iterators become invalid when the array grows or elements are removed.
     TYPE* begin() noexcept { return reinterpret_cast<TYPE*>(m_vec.m_data.elements); }
     TYPE* end() noexcept { return begin() + GetCount(); }
     const TYPE* begin() const noexcept { return reinterpret_cast<const TYPE*>(m_vec.m_data.elements); }

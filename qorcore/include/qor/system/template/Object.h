@@ -1,4 +1,4 @@
-// A reference-counted implementation of one interface: derive from it, and write the interface's own operations.
+// A reference-counted implementation of one interface. Derive from it and implement the interface's own operations.
 #pragma once
 
 #include "qor/glue/impl_common.h"
@@ -9,16 +9,16 @@
 
 namespace qor {
 
-// A query may ask for `interface_name`, for the interface that it extends if it does, and for the root. Names are kept
-// by pointer.
+// Queries succeed for `interface_name`, for the interface that it extends, if any, and for the root. Names are kept by
+// pointer and must outlive the object.
 template <class OFFERED>
 class object : public qorRefObject, public OFFERED {
 public:
-    // The object is born holding one reference.
+    // The object starts with one reference.
     object(const char* type_name, const char* interface_name, const char* extended_name = root_name) noexcept
         : qorRefObject(type_name), m_names{interface_name, extended_name, root_name} {}
 
-    // As those of IQORInterface.
+    // Like those of IQORInterface.
     void AddRef() noexcept override { qorRefObject::AddRef(); }
     void Release() noexcept override { qorRefObject::Release(); }
     int QueryInterface(const char* name, void** out) noexcept override {

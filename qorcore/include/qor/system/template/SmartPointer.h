@@ -1,4 +1,4 @@
-// The owning pointer to a reference-counted object: everything that has AddRef and Release.
+// The owning pointer to a reference-counted object, for any type with AddRef and Release.
 #pragma once
 
 #include "qor/glue/binding.h"
@@ -9,7 +9,7 @@
 
 namespace qor::glue {
 
-// The name of a type as g++ writes it into its function texts; other compilers' texts are cut to the same.
+// The name of a type as g++ writes it in function names; the text of other compilers is cut to the same form.
 template <class TYPE>
 consteval std::string_view type_name() {
     constexpr std::string_view text = __PRETTY_FUNCTION__;
@@ -18,12 +18,12 @@ consteval std::string_view type_name() {
     return text.substr(begin, end - begin);
 }
 
-// A text put together at compile time; LENGTH is that of all parts.
+// A text joined at compile time; LENGTH is the total length of the parts.
 template <std::size_t LENGTH>
 struct joined_text {
     char text[LENGTH + 1] = {};
 
-    // Puts the parts together.
+    // Joins the parts.
     consteval joined_text(std::initializer_list<std::string_view> parts) {
         char* at = text;
         for (const std::string_view part : parts)
@@ -32,20 +32,20 @@ struct joined_text {
     }
 };
 
-// "<signature> [with TYPE = <name>]": assertions name the functions of templates so.
+// "<signature> [with TYPE = <name>]", the form in which assertions name the functions of templates.
 template <class TYPE, std::size_t SIZE>
 struct function_text : joined_text<SIZE - 1 + sizeof " [with TYPE = ]" - 1 + type_name<TYPE>().size()> {
     consteval explicit function_text(const char (&signature)[SIZE])
         : function_text::joined_text({{signature, SIZE - 1}, " [with TYPE = ", type_name<TYPE>(), "]"}) {}
 };
 
-// The source of the assertions here.
+// The file name in the assertions below.
 inline constexpr char smart_pointer_file[] = "qorcore/include/qor/system/template/SmartPointer";
 
 } // namespace qor::glue
 
-// Copies share the object, each with a reference of its own. A null pointer is allowed; dereferencing one is a
-// programming error that is reported.
+// Copies share the object; each holds a reference. A null pointer is allowed; dereferencing it is a programming error
+// that is reported.
 template <class TYPE>
 class zetSmartPointer {
 public:
@@ -61,7 +61,7 @@ public:
     }
     ~zetSmartPointer() { Empty(); }
 
-    // The object held. A null pointer is reported and returned all the same.
+    // The object held. A null pointer is reported, but still returned.
     TYPE* operator->() const noexcept {
         static constexpr auto func = make_text("TYPE* zetSmartPointer<TYPE>::operator->() const");
         if (m_ptr == nullptr) [[unlikely]]
@@ -69,7 +69,7 @@ public:
         return m_ptr;
     }
 
-    // The pointer itself, checked: for calls that take a plain pointer.
+    // The pointer itself, with the same check, for calls that take a plain pointer.
     TYPE* operator*() const noexcept {
         static constexpr auto func = make_text("TYPE* zetSmartPointer<TYPE>::operator*() const");
         if (m_ptr == nullptr) [[unlikely]]
@@ -77,8 +77,8 @@ public:
         return m_ptr;
     }
 
-    // Takes over the first reference of an object fresh from `new`. Attaching what is already held is a
-    // programming error: its reference would be counted once too often.
+    // Takes over the first reference of an object just created by `new`. Attaching the object already held is a
+    // programming error, because the object has only one such reference.
     void AttachNew(TYPE* ptr) noexcept {
         static constexpr auto func = make_text("void zetSmartPointer<TYPE>::AttachNew(TYPE*)");
         if (ptr == m_ptr) [[unlikely]]
@@ -93,16 +93,16 @@ public:
             held->Release();
     }
 
-    // For out-parameters: releases the object held and returns where the new reference goes.
+    // For out-parameters: releases the object held and returns the address for the new reference.
     TYPE** Out() noexcept {
         Empty();
         return &m_ptr;
     }
 
-    // Gives the reference away to the caller.
+    // Passes the reference to the caller; the pointer becomes null.
     [[nodiscard]] TYPE* Detach() noexcept { return std::exchange(m_ptr, nullptr); }
 
-    // Whether no object is held.
+    // Returns whether no object is held.
     bool IsEmpty() const noexcept { return m_ptr == nullptr; }
 
 private:
