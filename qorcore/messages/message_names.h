@@ -1,5 +1,5 @@
-// The names of all numbered messages. The lists beside this file have a catalog each: the English texts, from which
-// libqor is built, and these names, by which libqor, its modules and the two programs ask for them.
+// The names of all numbered messages. Each list beside this file has a catalog: the English texts, which are compiled
+// into libqor, and these names, by which libqor, its modules and the two programs refer to the messages.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -8,7 +8,7 @@
 
 namespace qor::messages {
 
-// The framework's own, beside the errors of qor/system/errors.def.
+// The framework's own messages, except the errors of qor/system/errors.def.
 namespace framework {
 inline constexpr char catalog[] = "qorcore";
 enum : uint32 {

@@ -1,4 +1,4 @@
-// The process's messages: its languages and the catalogs that came with the library.
+// The messages of the process: its languages, and the catalogs installed with the library.
 #include "catalog/catalog.h"
 
 #include "catalog/inserts.h"
@@ -14,8 +14,7 @@ namespace framework = qor::messages::framework;
 using qor::catalog::translations;
 using qor::catalog::user_setting;
 
-// Both are never destroyed: messages are printed until the process is gone, also by its last clean-up
-// routines.
+// Both are never destroyed: messages are printed until the process ends, even by its last clean-up routines.
 translations& all_texts() {
     static auto& texts = *new translations(&qor::platform::find_resource);
     return texts;

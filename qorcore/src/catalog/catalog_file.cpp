@@ -9,11 +9,10 @@
 
 namespace {
 
-// A catalog has a few kilobytes. What is larger than this is something else, and no process should wait for
-// it.
+// A catalog has a few kilobytes. A larger file is something else; reading it would only delay the process.
 constexpr std::size_t max_size = 1 << 20;
 
-// One bit for each insert of a text.
+// The set of inserts in a text, one bit for each.
 unsigned inserts_of(std::string_view text) noexcept {
     unsigned found = 0;
     for (; !text.empty(); text.remove_prefix(1))
@@ -32,7 +31,7 @@ bool is_utf8(std::string_view text) noexcept {
     return true;
 }
 
-// What stands in a line is text: a control character can only be written as an escape.
+// Resolves the escapes in a line. A raw control character is an error, because it must be written as an escape.
 std::optional<std::string> unescape(std::string_view text) {
     std::string result;
     result.reserve(text.size());
@@ -61,7 +60,7 @@ std::optional<std::string> unescape(std::string_view text) {
     return result;
 }
 
-// Takes a line without its end off `rest`.
+// Removes the first line from `rest` and returns it without its line end.
 std::string_view take_line(std::string_view& rest) noexcept {
     const std::size_t end = rest.find('\n');
     std::string_view line = rest.substr(0, end);
@@ -71,7 +70,7 @@ std::string_view take_line(std::string_view& rest) noexcept {
     return line;
 }
 
-// The number at the beginning of a line, taken off it together with the blank behind it.
+// Removes the number at the beginning of a line and the blank behind it, and returns the number.
 std::optional<uint32> take_number(std::string_view& line) noexcept {
     uint32 number = 0;
     const char* const end = line.data() + line.size();
@@ -99,7 +98,7 @@ qor::catalog::translation qor::catalog::parse_catalog(std::string_view content, 
             continue;
         texts.resize(english.size());
         std::string& place = texts[static_cast<std::size_t>(original - english.data())];
-        // Of two with the same number the first one counts.
+        // If a number occurs twice, the first text counts.
         if (place.empty())
             place = std::move(*text);
     }

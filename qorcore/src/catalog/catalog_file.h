@@ -1,7 +1,7 @@
-// Inside the library: the file of one catalog in one language. docs/message-catalogs.md describes it for
-// those who write one.
+// Inside the library: the file of one catalog in one language. docs/message-catalogs.md describes the format for
+// translators.
 //
-// Nothing in a file can stop a run: a message that cannot be used is missing, as if its line were not there.
+// No file content can stop a program: an unusable message is treated as missing.
 #pragma once
 
 #include "catalog/catalog.h"
@@ -13,12 +13,12 @@
 
 namespace qor::catalog {
 
-// Texts in the order of the English messages; an empty one is missing. All missing: no element at all.
+// Texts in the order of the English messages; an empty text is missing. The vector is empty if all texts are missing.
 using translation = std::vector<std::string>;
 
 translation parse_catalog(std::string_view content, std::span<const message> english);
 
-// The same for a file, which may be missing or no file at all.
+// The same for a file, which may be missing or not a regular file.
 translation load_catalog(const std::string& path, std::span<const message> english);
 
 } // namespace qor::catalog

@@ -1,5 +1,5 @@
-// The English text of every message, compiled in: printed where no other language has it, and the measure of every
-// translation.
+// The English text of every message, compiled in. It is printed if no other language has the message, and every
+// translation is checked against it.
 #include "catalog/catalog.h"
 #include "message_names.h"
 
@@ -35,7 +35,7 @@ constexpr built_in catalogs[] = {{messages::framework::catalog, framework},
                                  {messages::tool::catalog, tool},
                                  {messages::debug_user::catalog, debug_user}};
 
-// Each look-up is a binary search; an empty text would pass for a missing message.
+// Look-ups are binary searches, and an empty text would count as a missing message.
 static_assert(std::ranges::all_of(catalogs, [](const built_in& each) {
     return std::ranges::adjacent_find(each.messages, std::ranges::greater_equal(), &message::number) ==
                each.messages.end() &&

@@ -1,4 +1,4 @@
-// The texts of errors, and errors as objects, which tell their text.
+// The texts of errors, and the error objects that return them.
 #include "catalog/catalog.h"
 #include "error/error_state.h"
 #include "memory/allocator.h"
@@ -22,7 +22,7 @@ std::string text_of(const qor::error::state& error) {
     return qor::catalog::expand(qor::catalog::find("qorcore", error.number), texts);
 }
 
-// The number of the error.
+// Returns the number of the error.
 uint32 put_text(const qor::error::state& error, qorString& out) {
     const std::string text = text_of(error);
     out.Set(text.data(), static_cast<int32>(text.size()));
@@ -78,7 +78,7 @@ public:
     void Build(IQORErrorMessage** out) noexcept override {
         create(m_error, out);
         if (*out == nullptr)
-            qorEndOutOfMemory(); // no code of ours stands between this and its caller, to throw there
+            qorEndOutOfMemory(); // the caller calls this through the interface, so no inline code can throw
     }
     void SetLastError() noexcept override { qor::error::make_current(m_error); }
 
@@ -100,7 +100,7 @@ void qor::glue::fputerr(std::FILE* stream, bool newline) noexcept {
 void qor::glue::qorGetLastError_message(IQORErrorMessage** out) noexcept { create(qor::error::current(), out); }
 
 void qor::glue::qorSetLastErrorMessage(IQORErrorMessage* message) noexcept {
-    // Every error message is made here, so it is known what stands behind the interface.
+    // Every error message is created here, so the type behind the interface is known.
     qor::error::make_current(static_cast<error_message*>(message)->error());
 }
 

@@ -1,4 +1,4 @@
-// Inside the library: the places in a message where inserts go.
+// Inside the library: the inserts in the text of a message.
 #pragma once
 
 #include <cstddef>
@@ -10,10 +10,10 @@ inline constexpr std::size_t max_inserts = 10;
 
 struct insert {
     std::size_t number; // 1 to 10
-    std::size_t length; // in the text, braces included; 0: no insert stands there
+    std::size_t length; // in the text, including the braces; 0 if there is no insert
 };
 
-// The insert at the very beginning of `text`: "{1}" to "{10}", written just so.
+// Returns the insert at the beginning of `text`: exactly "{1}" to "{10}".
 constexpr insert leading_insert(std::string_view text) noexcept {
     if (text.starts_with("{10}"))
         return {10, 4};

@@ -4,7 +4,7 @@
 
 namespace {
 
-// More than any language's name takes, and short enough for a file name.
+// Longer than the name of any language, and short enough for a file name.
 constexpr std::size_t max_name = 40;
 
 constexpr std::string_view separators = ":,";
@@ -17,7 +17,7 @@ constexpr bool is_alphanumeric(char c) noexcept { return is_letter(c) || (c >= '
 constexpr char to_lower(char c) noexcept { return is_upper(c) ? static_cast<char>(c - 'A' + 'a') : c; }
 constexpr char to_upper(char c) noexcept { return is_lower(c) ? static_cast<char>(c - 'a' + 'A') : c; }
 
-// Takes the text in front of the first separator, and that separator, off `rest`.
+// Removes the text before the first separator, and the separator, from `rest`.
 std::string_view take_part(std::string_view& rest, std::string_view between) noexcept {
     const std::size_t end = rest.find_first_of(between);
     const std::string_view part = rest.substr(0, end);
@@ -25,7 +25,7 @@ std::string_view take_part(std::string_view& rest, std::string_view between) noe
     return part;
 }
 
-// Adds a language and what it falls back to. False: it is English, which ends the list.
+// Adds a language and its fallbacks. Returns false for English, which ends the list.
 bool add(std::vector<std::string>& languages, std::string_view canonical) {
     if (canonical == english)
         return false;
@@ -43,7 +43,7 @@ bool add(std::vector<std::string>& languages, std::string_view canonical) {
 std::string qor::catalog::canonical_language(std::string_view name) {
     if (name == "C" || name == "POSIX")
         return std::string(english);
-    // A separator at the very end would go unseen below.
+    // The loop below would not notice a separator at the very end.
     if (name.size() > max_name || name.ends_with('_') || name.ends_with('-'))
         return {};
 
@@ -101,7 +101,7 @@ std::vector<std::string> qor::catalog::languages_of_environment(const char* (*va
         if (locale != nullptr)
             break;
     }
-    // Who asks for the plain locale wants output that no other setting changes.
+    // A locale of "C" or "POSIX" asks for output that no other setting changes.
     if (locale != nullptr && (std::string_view(locale) == "C" || std::string_view(locale) == "POSIX"))
         return {};
 
@@ -110,7 +110,7 @@ std::vector<std::string> qor::catalog::languages_of_environment(const char* (*va
     std::vector<std::string> languages;
     while (!rest.empty()) {
         std::string_view name = take_part(rest, separators);
-        // A locale's name goes on with its character set and variant: "de_AT.UTF-8@euro".
+        // In the name of a locale, a character set and a variant follow: "de_AT.UTF-8@euro".
         name = name.substr(0, name.find_first_of(".@"));
         if (!add(languages, canonical_language(name)))
             break;

@@ -1,4 +1,4 @@
-// What clients reach of the message catalogs.
+// The operations on message catalogs that clients can call.
 #include "catalog/catalog.h"
 #include "catalog/inserts.h"
 #include "qor/qor.h"
@@ -8,7 +8,7 @@ namespace {
 
 std::string_view name_of(const char* catalog) noexcept { return catalog != nullptr ? catalog : ""; }
 
-// Without a language it is the user's choice.
+// Without a language, the user's languages apply.
 std::string_view find_text(const char* catalog, uint32 number, const char* language = nullptr) {
     return language != nullptr ? qor::catalog::find_in(name_of(catalog), number, language)
                                : qor::catalog::find(name_of(catalog), number);
@@ -18,7 +18,7 @@ void assign(qorString& string, std::string_view text) noexcept {
     qor::glue::qorString_Set(&string, text.data(), static_cast<uint32>(text.size()));
 }
 
-// The result of all operations: false says that there is no such message, and then the string is empty.
+// All operations return false if there is no such message; the string is then empty.
 bool assign_expanded(qorString& string, std::string_view text, const char* const* inserts) {
     assign(string, qor::catalog::expand(text, inserts));
     return !text.empty();

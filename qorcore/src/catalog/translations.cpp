@@ -4,7 +4,7 @@
 
 namespace {
 
-// Nothing where there is no such catalog.
+// Returns an empty span if there is no such catalog.
 std::span<const qor::catalog::message> messages_of(std::string_view catalog) noexcept {
     const auto all = qor::catalog::english();
     const auto found = std::ranges::find(all, catalog, &qor::catalog::built_in::name);
@@ -41,7 +41,7 @@ const qor::catalog::translation& qor::catalog::translations::load(std::string_vi
     const std::lock_guard lock(m_mutex);
     const auto [entry, is_new] = m_loaded.try_emplace(std::move(name));
     if (is_new) {
-        // A file that is not there is remembered too, as one that says nothing.
+        // A missing file is remembered too, as a translation without texts.
         entry->second = load_catalog(m_find_file(entry->first), messages);
     }
     return entry->second;

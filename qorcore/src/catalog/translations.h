@@ -1,4 +1,4 @@
-// Inside the library: the messages of all catalogs in all languages, read when they are first asked for.
+// Inside the library: the messages of all catalogs in all languages, loaded on first use.
 #pragma once
 
 #include "catalog/catalog_file.h"
@@ -12,18 +12,18 @@
 
 namespace qor::catalog {
 
-// Any thread. Each file is looked for and read once, at the first question that needs it; English needs none.
+// Any thread. Each file is searched for and read once, when it is first needed; English needs no file.
 class translations {
 public:
-    // The path of a file that came with the library, where it is or where it would be.
+    // Returns the path of a file that was installed with the library, whether the file exists or not.
     using finder = std::string (*)(std::string_view name);
     explicit translations(finder find_file) noexcept : m_find_file(find_file) {}
 
-    // The text in the first of `languages` that has it, at last in English; empty: there is no such message.
-    // The text lives as long as this object.
+    // Returns the text in the first of `languages` that has it, else in English, or an empty text if there is no such
+    // message. The text lives as long as this object.
     std::string_view find(std::string_view catalog, uint32 number, const std::vector<std::string>& languages);
 
-    // Whether any message has a text in this very language, which is not English.
+    // Returns whether any message has a text in exactly this language, which must not be English.
     bool has(std::string_view language);
 
 private:

@@ -16,7 +16,7 @@ bool any_is_set() noexcept {
     return false;
 }
 
-// The languages of the user's screens, the best first: "de-DE:en-US".
+// The user's display languages, the best first: "de-DE:en-US".
 std::string languages_of_screens() {
     ULONG count = 0;
     ULONG size = 0;
@@ -25,7 +25,7 @@ std::string languages_of_screens() {
     std::wstring names(size, L'\0');
     if (!GetUserPreferredUILanguages(MUI_LANGUAGE_NAME, &count, names.data(), &size))
         return {};
-    // Each name ends with a NUL, and the list with another one.
+    // Each name ends with a NUL, and the list with one more.
     while (!names.empty() && names.back() == L'\0')
         names.pop_back();
     for (wchar_t& c : names)

@@ -1,4 +1,4 @@
-// Debug control: the channel lies in the module qor-openssl; this is the way to it.
+// Debug control: creates the objects of the module qor-openssl, which implements the channel.
 #include "error/error.h"
 #include "error/error_state.h"
 #include "memory/allocator.h"
@@ -12,8 +12,8 @@ namespace {
 constexpr char source[] = "qorcore/src/debug/control_loader";
 constexpr char module_name[] = "qor-openssl";
 
-// What a client gets where the module cannot be used: it goes on failing with the reason, so that no client has to
-// look at a null pointer.
+// Returned to a client if the module is unusable. Every operation fails with that reason, so that clients need not
+// check for a null pointer.
 class no_control final : public qor::object<IQORDebugControl> {
 public:
     no_control() : object("qorcore.no_debug_control", "IQORDebugControl"), m_reason(qor::error::current()) {}

@@ -1,6 +1,6 @@
 #include "debug/surviving_memory.h"
 
-// Windows deletes no file that is mapped.
+// Unmaps the file first, because Windows does not delete a mapped file.
 void qor::debug::surviving_memory::close() noexcept {
     if (!is_open())
         return;

@@ -1,4 +1,4 @@
-// Inside tracing: memory that outlives its process, however that ends, because it belongs to a file.
+// Inside tracing: memory that survives the end of its process, however it ends, because it belongs to a file.
 #pragma once
 
 #include <cstddef>
@@ -14,20 +14,20 @@ public:
     surviving_memory(const surviving_memory&) = delete;
     surviving_memory& operator=(const surviving_memory&) = delete;
 
-    // A new file of zeros, with all its space on the disk. 0, or the system's error code; a file
-    // that is there already stays as it is.
+    // Creates a new file of zeros and allocates all its disk space. Returns 0, or the system's error code; an existing
+    // file is left alone.
     int open(const std::string& path) noexcept;
     bool is_open() const noexcept { return m_bytes != nullptr; }
     char* bytes() const noexcept { return m_bytes; }
 
-    // The file goes, too.
+    // Unmaps the memory and deletes the file.
     void close() noexcept;
 
-    // In the child of a fork: the file is the parent's.
+    // For a forked child: unmaps the memory only, because the file belongs to the parent.
     void leave() noexcept;
 
 private:
-    // ---- for each system
+    // ---- implemented for each system
     void unmap() noexcept;
     void remove_file() noexcept;
 
@@ -35,7 +35,8 @@ private:
     std::string m_path;
 };
 
-// The full name of a file on a disk, for when the host has gone to another folder; empty for anything else.
+// Returns the absolute path of a file on a disk, which stays valid when the process changes its current folder. Empty
+// for anything else.
 std::string full_name_on_disk(const char* path) noexcept;
 
 } // namespace qor::debug

@@ -10,12 +10,12 @@
 #include <unistd.h>
 
 int qor::debug::surviving_memory::open(const std::string& path) noexcept {
-    // What a trace says is for those who may read the trace; a name that is taken is never followed to
-    // another file.
+    // Only the owner may read the file, because it contains trace lines. O_EXCL makes sure that an existing name is
+    // never followed to another file.
     const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (file < 0)
         return errno;
-    // Without its space on the disk, a store into the mapping would end the process when the disk is full.
+    // Without reserved disk space, a store into the mapping would kill the process when the disk is full.
     int reason = posix_fallocate(file, 0, size);
     if (reason == 0) {
         void* const mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);

@@ -13,7 +13,7 @@ int qor::debug::surviving_memory::open(const std::string& path) noexcept {
     if (file == INVALID_HANDLE_VALUE)
         return static_cast<int>(GetLastError());
     int reason = 0;
-    // The mapping gives the file its size, and the view keeps both open.
+    // The mapping sets the size of the file; the view keeps the mapping and the file open.
     const HANDLE mapping = CreateFileMappingW(file, nullptr, PAGE_READWRITE, 0, size, nullptr);
     if (mapping != nullptr) {
         m_bytes = static_cast<char*>(MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, size));

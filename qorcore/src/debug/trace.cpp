@@ -16,30 +16,30 @@
 
 namespace {
 
-// The switches that everyone reads. Code 0 is what a process gets that has used up all others: never on.
+// The switches, which every client reads. Code 0 is never on; it is returned when all other codes are taken.
 qorDebugFlag flags[qorDebugMaxCodes];
 
-// By code; a line that is traced reads them without a lock.
+// The names by code. Tracing a line reads them without a lock.
 std::atomic<const char*> names[qorDebugMaxCodes];
 
-// A switch of the codes that a pattern matches; switches are numbered in their order.
+// A call that switched all codes that match a pattern. The numbers give the order of the calls.
 struct rule {
     qor::debug::trace_pattern pattern;
     bool enable;
     uint64 number;
 };
 constexpr std::size_t most_rules = 256;
-using rule_list = std::vector<std::shared_ptr<const rule>>; // a list is never changed, only replaced
+using rule_list = std::vector<std::shared_ptr<const rule>>; // a list never changes; it is replaced
 
 // Never destroyed: objects that trace may live until the very end of the process.
 struct shared_state {
-    std::mutex switching; // one switch after the other: they may be many, and strangers'
-    // The process's own threads take only this one, which is held for no longer than it takes to look a name up or to
-    // set a flag.
+    std::mutex switching; // held by one switch at a time; there may be many, also from strangers
+    // The process's own threads take only this lock. It is held no longer than a look-up of a name or a change of a
+    // flag takes.
     std::mutex lock;
-    std::unordered_map<std::string, uint32> codes;                          // the texts of the names
-    std::atomic<uint32> count{1};                                           // of names
-    std::shared_ptr<const rule_list> rules = std::make_shared<rule_list>(); // for codes to come; the last match counts
+    std::unordered_map<std::string, uint32> codes;                          // also owns the texts of the names
+    std::atomic<uint32> count{1};                                           // the next free code
+    std::shared_ptr<const rule_list> rules = std::make_shared<rule_list>(); // for future codes; the last match decides
     uint64 last_number = 0;
 };
 
@@ -48,7 +48,7 @@ shared_state& state() {
     return *made;
 }
 
-// By code: the rule that set its flag last, which is the one that was said last, whoever comes first to set it.
+// By code: the number of the rule that set its flag. The later rule wins, whichever thread sets the flag first.
 uint64 decided_by[qorDebugMaxCodes];
 
 void decide(uint32 code, bool enable, uint64 number) {
@@ -103,7 +103,7 @@ uint32 qor::glue::qorDebugAllocateCode(const char* name) noexcept {
         qor::error::set(qorError_no_trace_codes_left, {name, std::to_string(qorDebugMaxCodes - 1).c_str()});
         return 0;
     }
-    // Switches that came since the list was taken are on their way to this code, too.
+    // Rules added since the list was read are applied to this code by the threads that added them.
     const auto last =
         std::find_if(rules->rbegin(), rules->rend(), [name](const auto& each) { return each->pattern.matches(name); });
     if (last != rules->rend())
@@ -121,7 +121,8 @@ bool qor::glue::qorDebugEnableCode(const char* pattern, bool enable) noexcept {
     uint32 count;
     {
         const std::lock_guard one_at_a_time(shared.switching);
-        // A rule replaces its elders that say nothing beyond it, and where nothing is on before, off says nothing.
+        // Drop earlier rules that the new one covers. An "off" rule at the front of the list has no effect, so drop it
+        // too.
         const auto next = std::make_shared<rule_list>();
         for (const auto& old : *shared.rules)
             if ((old->enable || !next->empty()) && !made->pattern.covers(old->pattern))

@@ -26,13 +26,12 @@ using time_point = std::chrono::time_point<std::chrono::system_clock, microsecon
 using qor::debug::surviving_memory;
 
 constexpr microseconds period{10'000};
-constexpr int write_through_lines = 100; // of a period: they take about a hundredth of it
+constexpr int write_through_lines = 100; // per period; writing them takes about a hundredth of it
 
 void flush_periodically() noexcept;
 void finish() noexcept;
 
-// A trace that cannot be written must not disturb the process that it watches: failures of the file are not
-// told.
+// A trace that cannot be written must not disturb the process, so failures of the file are not reported.
 class trace_file {
 public:
     int open(const char* path) noexcept {
@@ -77,37 +76,38 @@ public:
 
     bool keeps_lines() const noexcept { return m_kept != 0; }
 
-    // From now on nothing is kept.
+    // Writes the kept lines, and from now on each line at once.
     void write_each_line() noexcept {
         flush();
         m_rest.close();
         m_may_keep = false;
     }
 
-    // What is kept is the parent's to write, and so is the thread.
+    // The kept lines and the flushing thread belong to the parent.
     void continue_in_child() noexcept {
         m_rest.leave();
         m_kept = 0;
         m_flusher_runs = false;
-        new (&m_flusher) std::condition_variable; // nobody waits at the old one any more
+        new (&m_flusher) std::condition_variable; // no thread waits for the old one in this process
     }
 
     std::condition_variable& flusher() noexcept { return m_flusher; }
 
 private:
-    // Where the host has closed the file, its number may be that of another one by now.
+    // If other code has closed the descriptor, its number may belong to another file by now.
     void write(std::string_view text) noexcept {
         if (m_file.recover(m_name.c_str()) == 0)
             (void)m_file.write(text.data(), text.size());
     }
 
-    // False: it is to be written at once.
+    // Returns false if the line must be written at once.
     bool keep(std::string_view line) noexcept {
         if (line.size() > surviving_memory::size || !has_rest())
             return false;
         if (line.size() > surviving_memory::size - m_kept)
             flush();
-        // A line that its process died in has no beginning, and so is no line.
+        // The first byte is stored last. A line that was interrupted by the end of the process has no first byte and is
+        // ignored.
         char* const to = m_rest.bytes() + m_kept;
         std::memcpy(to + 1, line.data() + 1, line.size() - 1);
         std::atomic_ref(*to).store(line.front(), std::memory_order_release);
@@ -122,7 +122,7 @@ private:
             return true;
         if (!m_may_keep)
             return false;
-        // Processes are numbered again after a while: what a killed one left behind stays.
+        // Process ids are reused, and the file of a killed process must stay, so a name that is taken gets a number.
         const std::string first = m_name + '.' + std::to_string(qor::platform::process_id()) + ".rest";
         std::string name = first;
         int reason = m_rest.open(name);
@@ -140,8 +140,8 @@ private:
 
     qor::platform::raw_file m_file;
     bool m_is_attached = false;
-    std::string m_name;      // of a file on a disk; empty for a pipe or a device
-    bool m_may_keep = false; // else each line is written at once
+    std::string m_name;      // the absolute path of the file; empty for a pipe or a device
+    bool m_may_keep = false; // if false, each line is written at once
     surviving_memory m_rest;
     std::size_t m_kept = 0; // bytes in m_rest
     microseconds::rep m_period = 0;
@@ -179,10 +179,10 @@ private:
     char m_text[80];
 };
 
-// A forked child is another process, on another thread.
+// Incremented in a forked child, where the ids of the process and the thread are different.
 std::atomic<unsigned> generation{1};
 
-// "4711:4712 ". The system is asked once for a thread: each question costs as much as half a line.
+// "4711:4712 ". Asks the system once per thread: a look-up takes half as long as tracing a line.
 std::string_view thread_text() noexcept {
     thread_local struct {
         unsigned generation = 0;
@@ -236,7 +236,7 @@ void after_fork_in_child() noexcept {
 } // namespace
 
 void qor::debug::write_line(const char* code_name, std::string_view text) noexcept {
-    // A trace changes nothing for the code that it watches.
+    // Tracing must not change the error codes that the traced code sees.
     const qor::error::keep_failures keep;
     static const bool watching_forks =
         (qor::platform::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child), true);
@@ -258,7 +258,7 @@ void qor::debug::write_line(const char* code_name, std::string_view text) noexce
 
     shared_output& to = output();
     const std::lock_guard hold(to.lock);
-    // Under the lock, so that lines stand in the order of their times.
+    // Read under the lock, so that lines appear in the order of their times.
     const auto now = std::chrono::time_point_cast<microseconds>(std::chrono::system_clock::now());
     to.times.write(line, now);
     if (to.file.is_attached()) {

@@ -1,6 +1,6 @@
-// Inside tracing: names with `*`, which stands for any bytes, also for none. Every other byte stands for itself, and
-// nothing takes a star's meaning away. Strangers may give both patterns and, by what they make a process do, names: a
-// match takes no more comparisons than twice the bytes of the name.
+// Inside tracing: patterns for names. `*` stands for any bytes, including none. Every other byte stands for itself; a
+// star cannot be escaped. Patterns may come from strangers, who can also influence names, so a match must be cheap: it
+// takes at most twice as many comparisons as the name has bytes.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -22,24 +22,24 @@ public:
         return matches(name, [](char one, char other) { return one == other; });
     }
 
-    // With a comparison of the caller's.
+    // The same with the caller's comparison.
     template <class SAME>
     bool matches(std::string_view name, SAME same) const noexcept;
 
-    // Whether it matches all that the other one does: a pattern that matches the other's text, stars as they stand,
-    // does.
+    // Returns whether this pattern matches everything that the other one matches. It does if it matches the other's
+    // text, with its stars taken literally.
     bool covers(const trace_pattern& other) const noexcept { return matches(other.m_text); }
 
 private:
-    // A text between two stars, which may begin anywhere. After as many bytes of it as its index tells, a byte that
-    // differs makes it go on with `shorter` bytes found: the longest beginning of it that is an end of what was found.
+    // A literal text between two stars. `shorter` is the failure function of the Knuth-Morris-Pratt algorithm: if a
+    // byte differs after i matching bytes, shorter[i] of them still match.
     struct piece {
         std::string text;
         std::vector<uint32> shorter;
     };
 
     std::string m_text;
-    std::string m_first, m_last; // before the first star and behind the last one; without a star all is the first
+    std::string m_first, m_last; // before the first star and after the last one; without a star, m_first is everything
     std::vector<piece> m_pieces;
     std::size_t m_least = 0; // bytes that are not stars
     bool m_has_star = false;
@@ -56,7 +56,7 @@ bool trace_pattern::matches(std::string_view name, SAME same) const noexcept {
     for (std::size_t i = 0; i < m_last.size(); ++i)
         if (!same(m_last[i], name[end + i]))
             return false;
-    // Each piece where it comes first: that leaves most for those behind it.
+    // Match each piece at its first occurrence, which leaves the most bytes for the following ones.
     std::size_t at = m_first.size();
     for (const piece& each : m_pieces) {
         std::size_t found = 0;

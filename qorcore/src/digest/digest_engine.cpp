@@ -1,4 +1,4 @@
-// Digest engines by name: MD5 is the library's own, the others are those of a module.
+// Digest engines by name: MD5 is implemented here, the others come from a module.
 #include "digest/md5.h"
 #include "error/error.h"
 #include "memory/allocator.h"

@@ -23,7 +23,7 @@ constexpr uint32 sines[step_count] = {
 
 constexpr int rotations[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
 
-// Which word of the block a step takes: the first of its round, and how far apart they are.
+// The word of the block that a step uses: the first one of its round, and the stride.
 constexpr int first_word[4] = {0, 1, 5, 0};
 constexpr int word_stride[4] = {1, 5, 3, 7};
 
@@ -41,9 +41,9 @@ void store(uint8* bytes, uint32 value) noexcept {
         bytes[i] = static_cast<uint8>(value >> (8 * i));
 }
 
-// What a round adds to `sum`. Every step waits for `b`, the result of the one before, so each form keeps the way from
-// there short. The second round's usual or of two masks is an addition, since the masks share no bit: the half
-// without `b` goes into the sum while `b` is still on its way.
+// Adds the mixing function of a round to `sum`. Every step waits for `b`, the result of the step before, so each form
+// has a short path from `b`. In the second round, the usual OR of two masked values is an addition, because the masks
+// have no bit in common: the half without `b` is added while `b` is still being computed.
 template <int ROUND>
 [[gnu::always_inline]] inline uint32 mix(uint32 sum, uint32 b, uint32 c, uint32 d) noexcept {
     if constexpr (ROUND == 0)
@@ -56,7 +56,7 @@ template <int ROUND>
         return sum + (c ^ (b | ~d));
 }
 
-// One step; the four words of the state change places instead of values.
+// One step. The four words of the state change their roles instead of being moved.
 template <int STEP>
 [[gnu::always_inline]] inline void step(uint32 (&state)[4], const uint8* block) noexcept {
     constexpr int round = STEP / 16;
@@ -109,7 +109,7 @@ void qor::digest::md5::update(const uint8* bytes, std::size_t size) noexcept {
 }
 
 void qor::digest::md5::finish(uint8 (&digest)[digest_size]) noexcept {
-    // A one bit, zeros, and the size in bits as the last 64 of a block.
+    // The padding: a one bit, zeros, and the size in bits in the last 64 bits of a block.
     constexpr std::size_t size_at = block_size - sizeof m_size;
     const uint64 bits = m_size * 8;
     const std::size_t kept = m_size % block_size;

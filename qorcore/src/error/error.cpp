@@ -30,8 +30,8 @@ const definition* find_definition(uint32 number) noexcept {
     return found != std::end(definitions) && found->number == number ? found : nullptr;
 }
 
-// Exit handlers run after the main thread's own objects are gone, and they too may fail and report. So its error stays
-// to the end; that of every other thread goes with the thread.
+// Exit handlers run after the main thread's own objects have been destroyed, and they too may fail and report. So the
+// main thread's error is never freed; the error of any other thread is freed when the thread ends.
 thread_local qor::error::state* last_error = nullptr;
 
 void forget_last_error() { delete std::exchange(last_error, nullptr); }

@@ -11,13 +11,13 @@ namespace qor::error {
 // At most ten inserts; the texts are copied.
 void set(qorErrorNumber number, std::initializer_list<const char*> inserts = {}) noexcept;
 
-// What the operating system says of one of its error codes, in its own words.
+// The operating system's text for one of its error codes.
 std::string system_reason(int code);
 
-// The system's code for what the C library's stream operation that was called last failed with.
+// Returns the system's error code of the C library's last stream operation, which failed.
 int stream_failure() noexcept;
 
-// Lets the code around it still find the failures that the C library and the system noted last.
+// Preserves the C library's and the system's last error codes for the surrounding code.
 class keep_failures {
 public:
     keep_failures() noexcept;
@@ -30,7 +30,7 @@ private:
     unsigned long m_of_system;
 };
 
-// An error whose last insert is the system's reason, as in cannot_open_file: subject, reason.
+// Sets an error whose inserts are a subject and the system's reason, such as cannot_open_file.
 void set_with_reason(qorErrorNumber number, const char* subject, int code) noexcept;
 
 } // namespace qor::error

@@ -1,5 +1,5 @@
-// Inside the library: one error with its inserts. The catalog makes its text (catalog/error_texts.cpp) when somebody
-// asks for it, so that setting an error that nobody reads costs no look-up.
+// Inside the library: one error with its inserts. Its text is only made on demand (catalog/error_texts.cpp), so setting
+// an error that nobody reads costs no look-up.
 #pragma once
 
 #include "qor/qor.h"
@@ -12,7 +12,7 @@ struct state {
     static constexpr uint32 max_inserts = 10;
 
     state() = default;
-    // A number that no error has becomes qorError_unknown. `texts` are ten, or null.
+    // An unknown number becomes qorError_unknown. `texts` is an array of ten, or null.
     state(uint32 wanted, const char* const* texts);
 
     qorErrorClass error_class() const noexcept;

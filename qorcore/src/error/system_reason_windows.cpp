@@ -11,15 +11,15 @@ std::string qor::error::system_reason(int code) {
                                   static_cast<DWORD>(code), 0, text, sizeof text / sizeof *text, nullptr);
     if (length == 0)
         return "error " + std::to_string(code);
-    // The system ends its sentences with a full stop and a line end; here they become part of one.
+    // The system's texts end with a full stop and a line end. Here they become part of a sentence.
     while (length != 0 && (text[length - 1] <= L' ' || text[length - 1] == L'.'))
         --length;
     return platform::from_wide({text, length});
 }
 
 int qor::error::stream_failure() noexcept {
-    // The C library keeps the system's code beside its own, unless it found the fault itself: then the stream was
-    // opened for something else, or is closed.
+    // The C library stores the system's error code in _doserrno, unless it detected the fault itself: then the stream
+    // was opened in another mode, or is closed.
     return _doserrno != 0 ? static_cast<int>(_doserrno) : ERROR_INVALID_HANDLE;
 }
 

@@ -1,4 +1,4 @@
-// Error codes of Windows in the framework's terms (codes: "System Error Codes" in the Windows documentation).
+// Converts error codes of Windows (see "System Error Codes" in the Windows documentation) into the framework's.
 #include "qor/qor.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// The file object: positioned reads of files on a disk.
+// The file object, which reads files on a disk at any position.
 #include "error/error.h"
 #include "platform/raw_file.h"
 
@@ -11,7 +11,7 @@ struct opened {
     std::string path;
 };
 
-// Null, and an error, where nothing is open.
+// Returns null and sets the last error if no file is open.
 opened* opened_of(const qorFile* self, const char* operation) noexcept {
     if (self->m_data.file == nullptr)
         qor::error::set(qorError_not_open, {operation});

@@ -1,4 +1,4 @@
-// The line reader: large blocks from the system, lines handed out of them.
+// The line reader: reads large blocks from the system and hands out lines from them.
 #include "error/error.h"
 #include "memory/allocator.h"
 #include "platform/raw_file.h"
@@ -13,10 +13,10 @@ namespace {
 
 constexpr char source[] = "qorcore/src/file/simple_file_reader";
 
-// Large enough that the system call does not count, small enough to stay in the second-level cache.
+// Large enough to make the system calls cheap, small enough to stay in the second-level cache.
 constexpr std::size_t block_size = 256 * 1024;
 
-// What has no line ends, a device for instance, must not take all memory.
+// A source without line ends, such as a device, must not use up all memory.
 constexpr std::size_t longest_line = std::size_t{256} << 20;
 
 class simple_file_reader final : public qor::object<IQORSimpleFileReader> {
@@ -70,8 +70,8 @@ public:
     }
 
 private:
-    // Reads until the block holds at least one whole line. False: there is none, and but for a line that is too long
-    // there are no bytes either.
+    // Reads until the block holds at least one whole line. Returns false if there is none; the block then holds
+    // nothing, or the beginning of a line that is too long.
     bool load_lines(const char* operation) {
         if (!m_file.is_open()) {
             qor::error::set(qorError_not_open, {operation});
@@ -81,7 +81,7 @@ private:
             return false;
         if (m_next != m_lines_end)
             return true;
-        // What follows the last whole line is the beginning of the next.
+        // The bytes behind the last whole line are the beginning of the next line.
         m_end -= m_lines_end;
         if (m_end != 0)
             std::memmove(m_block, m_block + m_lines_end, m_end);
@@ -92,7 +92,7 @@ private:
             if (m_ended_by_us) {
                 if (m_end == 0)
                     return false;
-                // There is room: the padding follows.
+                // There is room in front of the padding.
                 m_block[m_end++] = '\n';
                 m_lines_end = m_end;
                 return true;
@@ -109,7 +109,7 @@ private:
         }
     }
 
-    // Its last byte, the one too many, makes room for an end.
+    // Replaces the last byte of a line that is too long by a line end.
     void cut_line() {
         m_is_cut = true;
         m_block[m_end - 1] = '\n';
@@ -117,7 +117,7 @@ private:
         qor::error::set(qorError_line_too_long, {m_path.c_str(), std::to_string(longest_line >> 20).c_str()});
     }
 
-    // Of the line that was cut; its memory is given back. False: the file ends with it.
+    // Frees the memory of the cut line and skips the rest of it. Returns false if the file ends first.
     bool skip_rest_of_line() {
         qor::glue::qor_do_free(m_block, source, __LINE__);
         m_block = nullptr;
@@ -135,8 +135,8 @@ private:
         return true;
     }
 
-    // False: the file ends here, or cannot be read. Behind what could not be read nothing is looked for: a part would
-    // be missing.
+    // Returns false at the end of the file or on a read error. After an error nothing more is read, because some bytes
+    // would be missing.
     bool read_more() {
         if (m_failed != 0) {
             qor::error::set_with_reason(qorError_cannot_read_file, m_path.c_str(), m_failed);
@@ -146,8 +146,8 @@ private:
             enlarge();
         if (m_before_wait != nullptr && m_file.has_to_wait())
             m_before_wait(m_context);
-        // A huge line leaves a huge block behind; what comes next still goes through the cache. The longest line may
-        // lack its end only, for which there is room.
+        // A huge line leaves a huge block behind; small reads still go through the cache. When a line has reached the
+        // maximum length, one more byte is read, which may be its line end; there is room for it.
         const std::size_t wanted = std::clamp<std::size_t>(m_size - m_end, 1, block_size);
         std::size_t count = 0;
         m_failed = m_file.read(m_block + m_end, wanted, &count);
@@ -157,7 +157,7 @@ private:
         return count != 0;
     }
 
-    // A line longer than the block makes it grow.
+    // Makes room for a line that is longer than the block.
     void enlarge() {
         const std::size_t wanted = m_size != 0 ? m_size * 2 : block_size;
         void* const moved = qor::glue::qor_do_realloc(m_block, wanted + 1 + qorReadLinesPadding, source, __LINE__);
@@ -171,13 +171,13 @@ private:
     qor::platform::raw_file m_file;
     std::string m_path;
     char* m_block = nullptr;
-    std::size_t m_size = 0;      // of the block, without room for a line end and the padding
+    std::size_t m_size = 0;      // of the block, without the room for a line end and the padding
     std::size_t m_next = 0;      // the next line to hand out
     std::size_t m_lines_end = 0; // behind the last whole line
     std::size_t m_end = 0;       // behind what was read
     bool m_ended_by_us = false;  // the last line end in the block is not in the file
-    bool m_is_cut = false;       // nor is that of the only line, which is too long
-    int m_failed = 0;            // why the file cannot be read any further; 0: it can
+    bool m_is_cut = false;       // the block holds the beginning of a line that is too long, with an added line end
+    int m_failed = 0;            // the system's error code of a read; 0: no error
     void (*m_before_wait)(void*) = nullptr;
     void* m_context = nullptr;
 };

@@ -12,7 +12,7 @@ namespace framework = qor::messages::framework;
 
 namespace {
 
-// In the order of the ids.
+// The tags, in the order of the ids.
 constexpr const char* tags[] = {
     "home",
     "desktop",
@@ -47,7 +47,8 @@ constexpr const char* tags[] = {
 };
 static_assert(std::size(tags) == qorFolderCount);
 
-// A folder of the framework's own, empty where the system does not tell it. A folder that was removed has no path.
+// Cleans the path of a folder of the framework's own. Returns an empty path and sets the last error if the system does
+// not know the folder, or if it was removed.
 std::string own_path(qorFolderId id, const std::string& found) {
     std::string path = qor::folder::clean(found);
     if (path.empty())
@@ -72,7 +73,7 @@ std::string find(qorFolderId id) {
     }
 }
 
-// Null: there is no such folder.
+// Returns null and sets the last error if there is no such folder.
 const char* checked_tag(qorFolderId id) {
     const char* const tag = qor::folder::tag(id);
     if (tag == nullptr)

@@ -1,4 +1,4 @@
-// Inside the library: the named folders, and the seam to the system that knows where they are.
+// Inside the library: the named folders, and the part that each system implements.
 #pragma once
 
 #include "qor/qor.h"
@@ -8,19 +8,19 @@
 
 namespace qor::folder {
 
-// The folder's short name; null: there is no such id.
+// Returns the folder's short name, or null if there is no such id.
 const char* tag(qorFolderId id) noexcept;
 
-// Sets the last error: there is no such folder here, for the reason with this number in the catalog.
+// Sets the last error for a folder that does not exist here; `reason` is the number of a message in the catalog.
 void fail(qorFolderId id, uint32 reason);
 
-// ---- the seam to the system
+// ---- implemented for each system
 
-// Where a folder of the user or of the system lies, or the framework's configuration. Empty: the system does
-// not say, and the last error tells why.
+// Returns the path of a folder of the user, of the system or of the framework's configuration. Returns an empty path
+// and sets the last error if the system does not know it.
 std::string system_path(qorFolderId id);
 
-// The same folder by an absolute path without separators at its end; only a root keeps one.
+// Returns the absolute path of a folder without separators at its end; only a root keeps one.
 std::string clean(std::string_view path);
 
 } // namespace qor::folder

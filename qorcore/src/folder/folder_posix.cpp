@@ -1,5 +1,5 @@
-// The named folders on Linux: the environment and the files of the XDG base directories and user directories,
-// and the hierarchy of the file system.
+// The named folders on Linux, as defined by the environment, by the files of the XDG base directories and user
+// directories, and by the file system hierarchy.
 #include "folder/folder.h"
 
 #include "folder/user_dirs.h"
@@ -32,8 +32,8 @@ std::string real_path(const char* path) {
     return real != nullptr ? real.get() : std::string();
 }
 
-// Asked for once by each user that the process runs as: it takes longer than all else here, and every folder of the
-// user may need it.
+// Cached for the current user id: this look-up takes longer than anything else here, and every folder of the user may
+// need it.
 std::string home_of_account() {
     static std::mutex lock;
     static std::string& known = *new std::string;
@@ -54,13 +54,13 @@ std::string home_of_account() {
     return known;
 }
 
-// What the variable says; empty where it is no absolute path.
+// Returns the value of a variable, or an empty path if it is not absolute.
 std::string variable(const char* name) {
     const char* const value = qor::platform::environment(name);
     return value != nullptr && *value == '/' ? clean(value) : std::string();
 }
 
-// A folder below another one, which may be a root or unknown.
+// Returns a folder below another one, which may be a root; if that is unknown, so is the result.
 std::string below(std::string folder, const char* name) {
     if (folder.empty())
         return {};
@@ -92,7 +92,7 @@ std::string user_dir(const char* key) {
     return clean(qor::folder::user_dir(below(configuration(), "user-dirs.dirs"), key, home()));
 }
 
-// Distributions have different folders for libraries; the C library is in the right one.
+// The folder of libraries differs between distributions; the C library lies in the right one.
 std::string libraries() {
     Dl_info info;
     if (dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &info) == 0 || info.dli_fname == nullptr)

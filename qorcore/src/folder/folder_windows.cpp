@@ -1,5 +1,5 @@
-// The named folders on Windows: what the shell calls known folders. Its library costs a process time and
-// memory, so it is loaded when the first of them is wanted.
+// The named folders on Windows: the known folders of the shell. Its library costs a process time and memory, so it is
+// only loaded on first use.
 #include "folder/folder.h"
 
 #include "error/error.h"
@@ -18,7 +18,7 @@ struct place {
     const char* below; // a path below it, or empty
 };
 
-// In the order of the ids, up to the framework's own. Without a known folder: that of temporary files.
+// In the order of the ids, up to the framework's own. No known folder means the folder of temporary files.
 const place places[] = {
     {&FOLDERID_Profile, ""},
     {&FOLDERID_Desktop, ""},
@@ -56,7 +56,7 @@ const place& place_of(qorFolderId id) {
                                                       : places[id];
 }
 
-// Both return the system's code, 0 for success.
+// Both functions return the system's error code, or 0 for success.
 DWORD known_folder(const KNOWNFOLDERID& known, std::string& path) {
     auto* const ask =
         qor::platform::find_function<decltype(SHGetKnownFolderPath)>(L"shell32.dll", "SHGetKnownFolderPath");
@@ -64,7 +64,7 @@ DWORD known_folder(const KNOWNFOLDERID& known, std::string& path) {
     if (ask == nullptr || release == nullptr)
         return GetLastError();
     wchar_t* found = nullptr;
-    // What is not there yet is told all the same, and not made.
+    // The flag also returns folders that do not exist yet, without creating them.
     const HRESULT result = ask(known, KF_FLAG_DONT_VERIFY, nullptr, &found);
     if (SUCCEEDED(result))
         path = qor::platform::from_wide(found);
@@ -94,7 +94,7 @@ std::string qor::folder::system_path(qorFolderId id) {
     return clean(path + wanted.below);
 }
 
-// The system's paths are absolute.
+// No path is made absolute here, because the system's paths are.
 std::string qor::folder::clean(std::string_view path) {
     std::string cleaned(path);
     while (cleaned.size() > 3 && (cleaned.back() == '\\' || cleaned.back() == '/'))

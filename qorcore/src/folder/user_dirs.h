@@ -1,5 +1,5 @@
-// Inside the folders on Linux: the file user-dirs.dirs, in which a user's desktop keeps where documents and
-// the like lie.
+// Inside the folders on Linux: the file user-dirs.dirs, in which a user's desktop stores the paths of documents and
+// similar folders.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace qor::folder {
 
-// The folder that the file names for a key such as "MUSIC"; the home folder where it names none or there is
-// no such file.
+// Returns the folder that the file contains for a key such as "MUSIC". Returns the home folder if the file is missing
+// or has no such entry.
 std::string user_dir(const std::string& file, std::string_view key, const std::string& home);
 
 } // namespace qor::folder

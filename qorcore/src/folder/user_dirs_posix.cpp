@@ -4,7 +4,7 @@
 
 namespace {
 
-// The file has a few hundred bytes.
+// The file normally has a few hundred bytes.
 constexpr std::size_t max_size = 1 << 20;
 
 void skip_blanks(std::string_view& text) { text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size())); }
@@ -16,8 +16,8 @@ bool take(std::string_view& text, std::string_view word) {
     return true;
 }
 
-// The value of XDG_<key>_DIR="$HOME/folder" or ="/folder"; empty: the line says something else. It is a line
-// for the shell, and only lines of these two forms are written.
+// Returns the value of XDG_<key>_DIR="$HOME/folder" or ="/folder", or an empty text for any other line. The file has
+// the syntax of the shell, but only lines of these two forms are ever written.
 std::string value_of(std::string_view line, std::string_view key, const std::string& home) {
     skip_blanks(line);
     if (!take(line, "XDG_") || !take(line, key) || !take(line, "_DIR"))
@@ -48,7 +48,7 @@ std::string qor::folder::user_dir(const std::string& file, std::string_view key,
     if (!platform::read_whole(file.c_str(), max_size, content))
         return home;
     std::string found = home;
-    // The last line counts, as it does for the shell.
+    // The last matching line counts, as in the shell.
     for (std::string_view rest = content; !rest.empty();) {
         const std::string_view line = rest.substr(0, rest.find('\n'));
         rest.remove_prefix(std::min(line.size() + 1, rest.size()));

@@ -25,13 +25,13 @@ int qor::memory::allocation_log::open(const std::string& name, const live_blocks
         if (block.type_name != nullptr)
             named(block.address, block.type_name);
     }
-    // Many a child leaves by _exit, or becomes another program, and that writes nothing.
+    // Many child processes end with _exit or run another program, and neither would write the buffer.
     flush();
     return 0;
 }
 
-// A name that holds the process never takes the place of another file: processes are numbered again after a
-// while, and one process may run several programs.
+// A log whose name contains the process id never replaces another file: process ids are reused, and one process may run
+// several programs in turn.
 int qor::memory::allocation_log::open_file() {
     using access = platform::raw_file::access;
     m_buffer.clear();
@@ -112,7 +112,7 @@ void qor::memory::allocation_log::add_address(char letter, const void* address) 
     add_number(reinterpret_cast<std::uintptr_t>(address), 16);
 }
 
-// A word of the log holds no white space, whatever a file or a type is called.
+// Words of the log contain no white space, whatever the name of a file or a type contains.
 void qor::memory::allocation_log::add_word(const char* text) {
     for (; *text != '\0'; ++text)
         m_buffer += static_cast<unsigned char>(*text) <= ' ' ? '_' : *text;
@@ -120,7 +120,7 @@ void qor::memory::allocation_log::add_word(const char* text) {
 
 void qor::memory::allocation_log::end_line() {
     m_buffer += '\n';
-    // Without the new line, if that is what makes it too much.
+    // If the new line makes the buffer too long, write the lines before it.
     if (m_buffer.size() > buffer_size)
         flush();
     m_whole = m_buffer.size();
@@ -142,7 +142,7 @@ void qor::memory::allocation_log::flush() {
     m_whole = 0;
 }
 
-// A full disk ends the log, after a whole line, and never the program that is being watched.
+// A full disk ends the log, after a whole line, but never the program being watched.
 void qor::memory::allocation_log::give_up(int reason) {
     if (is_open())
         m_file.cut(m_written);

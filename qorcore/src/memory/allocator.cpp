@@ -1,11 +1,11 @@
-// The tracked allocator. With tracking off it is the C library's malloc and one test.
+// The tracked allocator. With tracking off, it is the C library's malloc and one test.
 //
-// Until the process has started it is not known whether a log is wanted, so blocks are remembered; the log
-// then begins with those that still live, and no later free is a bad one. While a log is written, a free of
-// what is not alive is logged and goes no further: the report can show it because the process survives it.
+// Before the process has started, it is unknown whether a log is wanted, so blocks are remembered. The log then begins
+// with those that are still alive, so that no later free of them looks bad. While a log is written, a free of a block
+// that is not alive is logged but not executed. The process survives it, and the report can show it.
 //
-// A process need not start the framework to use it. So a log that the environment asks for begins with the
-// first block, and who has not started after very many blocks is taken for one that never will.
+// A process can use the allocator without starting the framework. So a log that the environment asks for begins with
+// the first block, and a process that has not started after very many blocks is assumed never to start.
 #include "memory/allocator.h"
 
 #include "error/error.h"
@@ -28,23 +28,23 @@ using qor::memory::block_type;
 
 std::atomic<bool> tracking{true};
 
-// The allocator waits for the start of the framework until there have been so many blocks.
+// The allocator stops waiting for the start of the framework after this many blocks.
 constexpr uint64 blocks_before_start = 1 << 20;
 
 struct shared_state {
-    // Not recursive: a child process must be able to unlock what its parent's thread locked.
+    // Not recursive: a forked child must be able to unlock what a thread of the parent locked.
     std::mutex lock;
     qor::memory::live_blocks blocks;
     qor::memory::allocation_log log;
-    qor::memory::live_blocks huge_blocks; // with the size of their pages, log or no log
-    // Some living blocks are not among `blocks`: what is not known may be one of them.
+    qor::memory::live_blocks huge_blocks; // with the sizes of their mappings, with or without a log
+    // Some live blocks are not among `blocks`, so an unknown block may be one of them.
     bool has_forgotten = false;
-    std::atomic<bool> is_held{false}; // the lock, by some thread
+    std::atomic<bool> is_held{false}; // whether some thread holds the lock
 };
 
 int open_log(shared_state& shared, const std::string& name);
 
-// The state, once it is complete.
+// The state, or null until it is complete.
 std::atomic<shared_state*> complete_state{nullptr};
 
 // Never destroyed: blocks are freed until the very end of the process.
@@ -52,9 +52,9 @@ shared_state& state() {
     alignas(shared_state) static std::byte place[sizeof(shared_state)];
     static shared_state* const made = [] {
         auto* const shared = new (place) shared_state;
-        // To look for a variable that is not there is a failure on Windows, and an allocation is none.
+        // On Windows, looking up a missing variable sets an error code, which an allocation must not do.
         const qor::error::keep_failures keep;
-        // Which log is wanted is for the command line to say, where it does.
+        // The command line takes precedence over the environment.
         const char* const name = qor::platform::environment(qor::memory::log_variable);
         if (name != nullptr && !qor::platform::has_argument(qor::memory::log_option))
             (void)open_log(*shared, name); // if it fails, the start of the process will report it
@@ -70,8 +70,8 @@ void forget_blocks(shared_state& shared) noexcept {
     shared.blocks.clear();
 }
 
-// Holds the lock. That a log has ended is said when it is free again: who prints may have to wait for a
-// thread that wants it.
+// Holds the lock. The message that a log has ended is printed after unlocking, because printing may have to wait for a
+// thread that wants the lock.
 class guard {
 public:
     guard() : m_hold(state().lock) { state().is_held = true; }
@@ -99,8 +99,7 @@ private:
 
 bool is_tracking() noexcept { return tracking.load(std::memory_order_acquire); }
 
-// These two are called with the lock held.
-// There is room for one more block.
+// The next two functions are called with the lock held. note_new needs room for one more block.
 void note_new(void* block, uint64 size, block_type type, const char* file, int line) {
     if (!is_tracking())
         return;
@@ -111,13 +110,13 @@ void note_new(void* block, uint64 size, block_type type, const char* file, int l
         forget_blocks(state());
 }
 
-// False: this is no free of a live block, and must go no further.
+// Returns false if this is a bad free, which must not be executed.
 bool note_end(const void* block, block_type type) {
     if (!is_tracking())
         return true;
     const qor::memory::live_block* const known = state().blocks.find(block);
     const bool is_huge = type == block_type::huge;
-    // Pages and blocks of malloc are not given back in the same way.
+    // Mapped pages and malloc blocks are freed in different ways.
     const bool is_bad = known != nullptr ? is_huge != (known->type == block_type::huge) : !state().has_forgotten;
     if (state().log.is_open()) {
         if (known != nullptr || is_bad)
@@ -129,7 +128,7 @@ bool note_end(const void* block, block_type type) {
     return true;
 }
 
-// The C library would give nothing, or take the block away, for a size of 0; here it stays a block.
+// For a size of 0, the C library may return null or free the block. Here, the result is always a block.
 std::size_t at_least_a_byte(uint64 size) noexcept { return size != 0 ? size : 1; }
 
 void* change_size(void* block, uint64 size) noexcept { return qor::memory::change_size(block, at_least_a_byte(size)); }
@@ -160,8 +159,7 @@ void release(void* block, block_type type) noexcept {
     qor::memory::give_back(block);
 }
 
-// The old block ends before the C library can give its address to somebody else; if it stays, it begins
-// again.
+// Removes the old block before the C library can give its address to another thread. Adds it again if the call fails.
 void* reallocate_tracked(void* block, uint64 size, const char* file, int line) {
     guard hold;
     if (!state().blocks.make_room())
@@ -170,7 +168,7 @@ void* reallocate_tracked(void* block, uint64 size, const char* file, int line) {
     const qor::memory::live_block old =
         known != nullptr ? *known : qor::memory::live_block{block, 0, block_type::memory, file, line, nullptr, 0};
     if (!note_end(block, block_type::memory)) {
-        // Not a live block: the caller gets the memory that it asked for, and the report the bad free.
+        // Not a live block: the caller gets the requested memory, and the log shows the bad free.
         hold.unlock();
         return allocate(0, size, block_type::memory, file, line);
     }
@@ -187,7 +185,7 @@ void after_fork_in_parent() noexcept { state().lock.unlock(); }
 void after_fork_in_child() noexcept {
     state().log.continue_in_child(state().blocks);
     state().lock.unlock();
-    const guard hold; // prints what there is to say
+    const guard hold; // its destructor prints a pending message
 }
 
 void finish_log() noexcept {
@@ -195,8 +193,8 @@ void finish_log() noexcept {
     state().log.finish();
 }
 
-// The log is worth most where memory has run out. But it may be in the making, by this thread even, as the state that
-// it is part of may be, and to end it may need memory again.
+// The log is most useful when memory has run out. But this thread itself may hold the lock, or be creating the state
+// that contains the log, and finishing the log may need memory again.
 void begin_last_words() noexcept {
     static std::atomic<bool> begun{false};
     shared_state* const shared = complete_state;
@@ -205,7 +203,7 @@ void begin_last_words() noexcept {
     std::fflush(stdout);
 }
 
-// Neither exit handlers nor other threads have any memory either. A program may have given standard error a buffer.
+// Exit handlers and other threads have no memory either. The program may have given standard error a buffer.
 [[noreturn]] void end_process() noexcept {
     std::fflush(stderr);
     std::_Exit(1);
@@ -214,7 +212,7 @@ void begin_last_words() noexcept {
 int open_log(shared_state& shared, const std::string& name) {
     if (const int reason = shared.log.open(name, shared.blocks))
         return reason;
-    // The programs that this process starts inherit the variable: they are not to write over its log.
+    // The programs that this process starts inherit the variable and must not overwrite its log.
     if (qor::platform::environment(qor::memory::log_variable) != nullptr)
         qor::platform::set_environment(qor::memory::log_variable, qor::memory::log_name_for_children(name).c_str());
     tracking.store(true, std::memory_order_release);
@@ -316,7 +314,7 @@ void qor::glue::qor_do_huge_free(void* block, const char* file, int line) noexce
             state().huge_blocks.remove(block);
         }
     }
-    // Without its size a block cannot be given back. Where there is a log, it has shown that already.
+    // A block of unknown size cannot be unmapped. If there is a log, it has shown that already.
     if (size != 0)
         qor::memory::unmap_pages(block, size);
     else if (alive)
@@ -333,7 +331,7 @@ void qor::glue::qorAnnounceObject(const void* object, const char* type_name) noe
     if (!is_tracking() || type_name == nullptr || *type_name == '\0') [[likely]]
         return;
     const guard hold;
-    // Objects that live elsewhere, on a stack or inside another, have no block to name.
+    // Objects on a stack or inside another object have no block to name.
     if (qor::memory::live_block* const block = state().blocks.find(object)) {
         block->type_name = type_name;
         if (state().log.is_open())

@@ -1,4 +1,4 @@
-// Inside the library: memory that must be there.
+// Inside the library: allocations, and the handling of exhausted memory.
 #pragma once
 
 #include "qor/qor.h"
@@ -9,11 +9,11 @@
 
 namespace qor::memory {
 
-// Ends the process as qorEndOutOfMemory does, and says that `size` bytes are not to be had, and who wants them. For
-// operations that have no way to fail.
+// Ends the process like qorEndOutOfMemory and reports the size and the place of the request. For operations that have
+// no way to fail.
 [[noreturn]] void exhausted(uint64 size, const char* file, int line) noexcept;
 
-// What the C library has found, null where it is not there. Where it had no memory to look for it, the process ends.
+// Returns a result of the C library, which is null if it found nothing. Ends the process if it had no memory to search.
 template <class TYPE>
 TYPE* found(TYPE* result) noexcept {
     if (result == nullptr && errno == ENOMEM) [[unlikely]]
@@ -21,8 +21,8 @@ TYPE* found(TYPE* result) noexcept {
     return result;
 }
 
-// Makes an object for a caller, who holds the new reference. False: there is no memory for it, *out is as it was, and
-// the last error says so.
+// Creates an object and passes its first reference to the caller. Returns false if there is no memory; *out is then
+// unchanged, and the last error is set.
 template <class OBJECT, class INTERFACE, class... ARGUMENTS>
 bool make(const char* file, int line, INTERFACE** out, ARGUMENTS&&... arguments) noexcept {
     try {
@@ -34,7 +34,7 @@ bool make(const char* file, int line, INTERFACE** out, ARGUMENTS&&... arguments)
     }
 }
 
-// A tracked block that can always be used.
+// Returns a tracked block. Ends the process if there is no memory.
 inline void* require(uint64 size, const char* file, int line) noexcept {
     void* const block = qor::glue::qor_do_malloc(0, size, true, file, line);
     if (block == nullptr) [[unlikely]]

@@ -15,7 +15,7 @@ qor::memory::live_block& qor::memory::live_blocks::add(const void* address, uint
     return slot;
 }
 
-// The blocks behind the gap move up, so that every block can be reached from its home without a gap.
+// Moves later blocks into the gap, so that each block can be reached from its home slot without crossing a free slot.
 void qor::memory::live_blocks::remove(const void* address) {
     if (find(address) == nullptr)
         return;
@@ -64,13 +64,13 @@ void qor::memory::live_blocks::unmap(live_block* slots, std::size_t capacity) no
         unmap_pages(slots, capacity * sizeof *slots);
 }
 
-// Blocks lie at multiples of 16, and neighbours are often alive together.
+// The hash mixes the address, because blocks lie at multiples of 16 and neighbours are often alive together.
 std::size_t qor::memory::live_blocks::home(const void* address) const noexcept {
     const auto number = reinterpret_cast<std::uintptr_t>(address);
     return (number * 0x9e3779b97f4a7c15u >> 20) & (m_capacity - 1);
 }
 
-// The slot with this address, or the free one where it would be put.
+// Returns the slot with this address, or the free slot for it.
 std::size_t qor::memory::live_blocks::place(const void* address) const noexcept {
     std::size_t at = home(address);
     while (m_slots[at].address != nullptr && m_slots[at].address != address)

@@ -1,9 +1,10 @@
-// Inside the allocator: which tracked blocks are alive, and who asked for them. Kept only while somebody may
-// want to know: until the process has started, and as long as an allocation log is written. The caller holds
-// the allocator's lock.
+// Inside the allocator: the tracked blocks that are alive, and the places that requested them. They are kept only while
+// they may be needed: until the process has started, and as long as an allocation log is written. The caller holds the
+// allocator's lock.
 //
-// Its own memory is pages of the system, not blocks of malloc: what the bookkeeping needs is not for the
-// logs. The few blocks of a start fit into the object: pages would cost it more than the tool's shortest action.
+// Memory for this table comes from the system's pages, not from malloc, so that it never appears in a log. The few
+// blocks of a program start fit into the object itself, because mapping pages would take longer than the tool's
+// shortest action.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -33,19 +34,20 @@ public:
     live_blocks& operator=(const live_blocks&) = delete;
     ~live_blocks() { clear(); }
 
-    // False: there is no memory to remember one more block.
+    // Returns false if there is no memory to remember one more block.
     bool make_room() noexcept;
 
-    // An address holds one block, and there must be room for it. The result lives until the next change.
+    // Replaces a block at the same address. There must be room for the block. The result is valid until the next
+    // change.
     live_block& add(const void* address, uint64 size, block_type type, const char* file, int line);
     void remove(const void* address);
     live_block* find(const void* address);
 
-    // The oldest first.
+    // Returns all blocks, the oldest first.
     std::vector<live_block> in_order() const;
     void clear() noexcept;
 
-    // How many were ever added.
+    // The number of blocks ever added.
     uint64 additions() const noexcept { return m_additions; }
 
 private:
@@ -57,7 +59,7 @@ private:
     void unmap(live_block* slots, std::size_t capacity) noexcept;
 
     live_block m_first[first_capacity] = {};
-    live_block* m_slots = m_first; // a power of two of them, at most half in use; collisions go to the next slot
+    live_block* m_slots = m_first; // a power of two of slots, at most half in use; collisions go to the next slot
     std::size_t m_capacity = first_capacity;
     std::size_t m_count = 0;
     uint64 m_additions = 0;

@@ -1,18 +1,18 @@
-// Inside the allocator: what it asks of the operating system.
+// Inside the allocator: memory from the operating system.
 #pragma once
 
 #include "qor/system/Types.h"
 
 namespace qor::memory {
 
-// Whole zeroed pages, or null.
+// Returns whole zeroed pages, or null.
 void* map_pages(uint64 size) noexcept;
 void unmap_pages(void* pages, uint64 size) noexcept;
 
-// A block at a multiple of `alignment`, a power of two; null: no memory.
+// Returns a block at a multiple of `alignment`, a power of two, or null if there is no memory.
 void* allocate_aligned(uint64 alignment, uint64 size) noexcept;
 
-// std::realloc and std::free that take aligned blocks too. The new block is aligned for any type, no more.
+// Like std::realloc and std::free, but they accept aligned blocks too. The new block is only aligned for any type.
 void* change_size(void* block, uint64 size) noexcept;
 void give_back(void* block) noexcept;
 

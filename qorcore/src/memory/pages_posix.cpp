@@ -8,7 +8,7 @@ namespace {
 
 constexpr uint64 huge_page = uint64{2} << 20;
 
-// Whoever wants so much memory aligned goes through all of it. A system without huge pages gives small ones.
+// A caller that wants so much aligned memory normally uses all of it. A system without huge pages provides small ones.
 void ask_for_huge_pages(void* block, uint64 size) {
     const auto begin = reinterpret_cast<std::uintptr_t>(block);
     const std::uintptr_t first = (begin + huge_page - 1) & ~(huge_page - 1);

@@ -12,8 +12,8 @@
 
 namespace {
 
-// The C library here takes back nothing but what its malloc returned. So an aligned block lies within a larger one, and
-// this says in which. There are few of them, most processes have none.
+// The C library here only frees addresses that its malloc returned. So an aligned block lies inside a larger one, which
+// this table finds. Aligned blocks are rare; most processes have none.
 struct aligned_blocks {
     std::mutex lock;
     std::unordered_map<void*, void*> origins;
@@ -25,7 +25,7 @@ aligned_blocks& aligned() {
     return *made;
 }
 
-// Where the block around this one begins: the block itself, unless it is an aligned one.
+// Returns the start of the malloc block that contains this block: the block itself, unless it is an aligned one.
 void* origin_of(void* block) {
     aligned_blocks& known = aligned();
     if (known.count.load(std::memory_order_acquire) == 0)
@@ -85,7 +85,7 @@ void* qor::memory::change_size(void* block, uint64 size) noexcept {
 
 void qor::memory::give_back(void* block) noexcept {
     void* const origin = origin_of(block);
-    // Forgotten first: once it is free, another thread may get the same address.
+    // Remove it first: once it is free, another thread may get the same address.
     if (origin != block)
         forget(block);
     std::free(origin);

@@ -5,15 +5,15 @@
 
 namespace qor::memory {
 
-// How a log is asked for.
+// The option and the environment variable that ask for a log.
 inline constexpr char log_option[] = "--qor-memcheck";
 inline constexpr char log_variable[] = "QOR_MEMCHECK";
 
-// Begins the allocation log; blocks that live already are written first. "%p" in the name stands for the process. Where
-// a log has begun already, it goes on. 0, or the system's error code.
+// Begins the allocation log with the blocks that are already alive. "%p" in the name stands for the process. Does
+// nothing if there is a log already. Returns 0, or the system's error code.
 int start_log(const std::string& name);
 
-// There will be no log: forgets the blocks that were remembered for it, and tracks nothing from now on.
+// Ends the wait for a log: forgets the blocks remembered for it and stops tracking.
 void stop_tracking() noexcept;
 
 } // namespace qor::memory

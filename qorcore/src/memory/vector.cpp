@@ -9,14 +9,14 @@ namespace {
 
 constexpr char source[] = "qorcore/src/memory/vector";
 
-// Room for `count` elements in all. False: no memory, or more elements than can be counted.
+// Makes room for `count` elements in total. Returns false if there is no memory, or if they exceed the range of counts.
 bool make_room(qorVector& vector, uint64 count) noexcept {
     auto& data = vector.m_data;
     if (count <= data.alloc)
         return true;
     if (count > UINT_MAX)
         return false;
-    // By half, so that appending one by one stays linear and at most a third of the storage is idle.
+    // Grow by half: repeated appending takes linear time, and at most a third of the storage is unused.
     const uint64 wanted = std::min<uint64>(std::max<uint64>(count, data.alloc + data.alloc / 2ull), UINT_MAX);
     void* const moved = qor::glue::qor_do_realloc(data.elements, wanted * data.chunk_size, source, __LINE__);
     if (moved == nullptr)

@@ -18,8 +18,8 @@ namespace {
 using qor::glue::module_point;
 using qor::glue::module_table;
 
-// Looks at the file before the loader does, which would wait for the other end of a pipe. False: the last error says
-// what is wrong with it.
+// Checks the file before the loader opens it, because the loader would block on a pipe. Returns false and sets the last
+// error if the file is unusable.
 bool is_usable(const std::string& path) {
     using qor::platform::raw_file;
     const int code = raw_file().open(path.c_str(), raw_file::access::regular);
@@ -34,7 +34,7 @@ bool is_usable(const std::string& path) {
     return code == 0;
 }
 
-// Null: the last error says why.
+// Returns null and sets the last error on failure.
 const module_table* load(const std::string& file) {
     const std::string path = qor::platform::find_resource(file);
     if (!is_usable(path))
@@ -52,7 +52,7 @@ const module_table* load(const std::string& file) {
     return table;
 }
 
-// What could be loaded stays; what could not is tried again, for somebody may have put it right.
+// A loaded module stays loaded. A module that failed is tried again, because it may have been repaired meanwhile.
 const module_table* find(const char* module) {
     static std::mutex lock;
     static auto& loaded = *new std::map<std::string, const module_table*>;

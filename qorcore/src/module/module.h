@@ -1,22 +1,23 @@
-// Inside the library: modules, the shared libraries that it loads when they are first wanted.
+// Inside the library: modules, which are shared libraries loaded on first use.
 #pragma once
 
 #include <string>
 
 namespace qor::module {
 
-// A new object of a module (glue/module.h), whose file is `module` with this system's extension. False: *out is as it
-// was; the last error says what is wrong, and where that is the module, names its file. Any thread.
+// Creates an object of a module (glue/module.h). `module` is the name of its file without the system's extension.
+// Returns false and leaves *out unchanged on failure; the last error says why and, if the module is at fault, names its
+// file. Any thread.
 bool create_object(const char* module, const char* interface_name, const char* kind, void** out) noexcept;
 
-// ---- the seam to the system
+// ---- implemented for each system
 
 extern const char* const file_extension;
 
-// Loads a library for good. Null: `reason` says why.
+// Loads a library permanently. Returns null and sets `reason` on failure.
 void* load_library(const std::string& path, std::string& reason);
 
-// Null: it exports nothing of this name.
+// Returns null if there is no such export.
 void* find_export(void* library, const char* name) noexcept;
 
 } // namespace qor::module

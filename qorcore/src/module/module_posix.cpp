@@ -9,7 +9,7 @@ namespace framework = qor::messages::framework;
 
 const char* const qor::module::file_extension = ".so";
 
-// RTLD_NOW: what it needs and nobody has is missed here, not later. RTLD_LOCAL: what it brings stays its own.
+// RTLD_NOW reports unresolved symbols here, not later. RTLD_LOCAL keeps the symbols of the module to itself.
 void* qor::module::load_library(const std::string& path, std::string& reason) {
     if (!glue::is_whole(path.c_str())) {
         reason = catalog::find(framework::catalog, framework::not_a_library);

@@ -14,7 +14,7 @@ void* qor::module::load_library(const std::string& path, std::string& reason) {
         reason = error::system_reason(ERROR_INVALID_NAME);
         return nullptr;
     }
-    std::replace(wide.begin(), wide.end(), L'/', L'\\'); // the loader knows no other separator
+    std::replace(wide.begin(), wide.end(), L'/', L'\\'); // the loader accepts no other separator
     const glue::no_dialogs quiet;
     const HMODULE library = LoadLibraryExW(wide.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
     if (library == nullptr)

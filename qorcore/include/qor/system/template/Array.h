@@ -8,8 +8,8 @@
 #include <type_traits>
 #include <utility>
 
-// The vector moves elements as bytes when it grows or closes a gap. So TYPE must be relocatable by memcpy, for instance
-// contain no pointers into itself. The framework's own types are. Not thread-safe.
+// The vector moves elements as bytes when it grows or closes a gap. So TYPE must be relocatable by memcpy; for
+// instance, it must not contain pointers into itself. The framework's own types are relocatable. Not thread-safe.
 template <class TYPE>
 class zetArray {
     static_assert(alignof(TYPE) <= alignof(std::max_align_t));
