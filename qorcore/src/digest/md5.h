@@ -1,5 +1,5 @@
 // Inside the library: MD5 (RFC 1321). This implementation needs no module, works where a policy of the host's
-// cryptographic library forbids MD5, and is faster. MD5 tells files apart; it gives no security.
+// cryptographic library forbids MD5, and is faster. MD5 distinguishes files; it gives no security.
 #pragma once
 
 #include "qor/system/Types.h"

@@ -49,7 +49,7 @@ inline bool debug_is_on(uint32 code) noexcept {
 // all codes are taken (last error). Any thread.
 inline uint32 qorDebugAllocateCode(const char* name) noexcept { return qor::glue::qorDebugAllocateCode(name); }
 
-// Switches all codes on or off whose names match `pattern`. In it, `*` stands for any bytes, including none, and every
+// Switches on or off all codes whose names match `pattern`. In it, `*` stands for any bytes, including none, and every
 // other byte for itself. Codes that are allocated later follow the last matching call. For them, the framework keeps up
 // to 256 patterns and names without a code; a pattern that covers an earlier one replaces it, and "*" off drops them
 // all. Returns false (last error) and switches nothing if the pattern is empty, or if it must be kept and there is no

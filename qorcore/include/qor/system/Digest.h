@@ -25,7 +25,7 @@ protected:
 
 // Creates an engine for "md5" (16 bytes), "sha1" (20), "sha256" (32) or "sha512" (64); the names are in lower case. All
 // but "md5" come from the module qor-openssl, which is loaded on first use. Returns false and leaves *out unchanged if
-// there is no such algorithm or if the module fails; the last error says which. MD5 and SHA-1 tell files apart, but do
+// there is no such algorithm or if the module fails; the last error says which. MD5 and SHA-1 distinguish files, but do
 // not protect against deliberately crafted files. Any thread.
 [[nodiscard]] inline bool qorCreateDigestEngine(const char* algorithm, IQORDigestEngine** out) noexcept {
     return qor::glue::qorCreateDigestEngine(algorithm, out);

@@ -130,7 +130,7 @@ public:
         return index >= 0 ? m_data.text[index] : '\0';
     }
 
-    // ---- assignment and change. The text may lie in the string itself; an empty text frees no storage.
+    // ---- assignment and change. The text may lie in the string itself. Empty keeps the storage.
     void Empty() noexcept { qor::glue::qorString_Set(this, "", 0); }
     void Reserve(uint32 capacity) noexcept { qor::glue::qorString_Reserve(this, capacity); }
     void Set(const char* text, int32 length = -1) noexcept {
