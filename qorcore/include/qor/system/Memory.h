@@ -100,8 +100,9 @@ auto or_end(WORK work) noexcept -> decltype(work()) {
                          qor::glue::line_of(where));
 }
 
-// Changes the size of a block and keeps its bytes; a null `block` allocates. The result replaces `block`; it may lie
-// elsewhere, and is only aligned for any type. Throws std::bad_alloc if there is no memory; the old block stays valid.
+// Changes the size of a block and keeps its bytes; a null `block` allocates. The result replaces `block` and may lie
+// elsewhere. It is aligned for any type; a larger alignment is not kept. Throws std::bad_alloc if there is no memory;
+// the old block stays valid.
 [[nodiscard]] inline void* qor_do_realloc(void* block, uint64 size, const char* file, int line) {
     return qor::glue::or_throw(qor::glue::qor_do_realloc(block, size, file, line));
 }
