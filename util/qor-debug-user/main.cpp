@@ -1,4 +1,4 @@
-// qor-debug-user: who may log in to debug control.
+// qor-debug-user: manages the accounts that may log in to debug control.
 #include "command_table.h"
 #include "entry.h"
 #include "failure.h"
@@ -20,13 +20,13 @@ struct settings {
     bool has_file = false;
     bool generate = false;
 
-    // Null: the one in the framework's configuration folder.
+    // Null selects the file in the framework's configuration folder.
     const char* file_or_null() const { return has_file ? file.Text() : nullptr; }
 };
 
 struct option_row {
     const char* name;
-    bool needs_value; // else it takes none
+    bool needs_value; // otherwise it takes no value
     void (*handler)(settings& chosen, const qorString& value);
     uint32 syntax;
     uint32 description;
@@ -43,7 +43,7 @@ constexpr option_row options[] = {
      message::generate_description},
 };
 
-// 0, or the exit code for an option that is unknown or wrong.
+// Returns 0, or the exit code for an option that is unknown or wrong.
 int take_options(qorStringArray& args, settings& chosen) {
     qorString name;
     qorString value;
@@ -64,7 +64,7 @@ int take_options(qorStringArray& args, settings& chosen) {
     return 0;
 }
 
-// False: the user has been told.
+// Returns false after the user has been told.
 bool ask(uint32 prompt, const char* name, qorString& out) {
     qorString text;
     text.Format(message::catalog, prompt, name);
@@ -74,7 +74,7 @@ bool ask(uint32 prompt, const char* name, qorString& out) {
     return false;
 }
 
-// A password that is typed is not shown, so it is asked for twice. False: the user has been told.
+// A password that is typed is not shown, so it is asked for twice. Returns false after the user has been told.
 bool get_password(const settings& chosen, const char* name, qorString& out) {
     if (chosen.generate) {
         const bool done = qorGeneratePassword(out);
@@ -84,7 +84,7 @@ bool get_password(const settings& chosen, const char* name, qorString& out) {
     }
     if (!ask(message::password_prompt, name, out))
         return false;
-    // The framework takes passwords up to their first zero byte.
+    // The framework would use the password only up to its first zero byte.
     if (std::strlen(out) != out.Length()) {
         qorSetLastError(qorError_bad_password);
         report_failure();
@@ -169,7 +169,7 @@ int act_help(const settings&, qorStringArray&);
 struct action_row {
     const char* name;
     int (*handler)(const settings& chosen, qorStringArray& args);
-    uint32 count; // of arguments
+    uint32 count; // number of arguments
     uint32 syntax;
     uint32 description;
 };
@@ -223,7 +223,7 @@ int run(qorStringArray& args) {
 int run_tool(int argc, char* const* argv) {
     qorStringArray args;
     args.SetFromArgVec(argc, argv);
-    // A buffer would keep what it has read, passwords included.
+    // A buffer would keep all input, including passwords.
     std::setvbuf(stdin, nullptr, _IONBF, 0);
     if (!qorInitProcess("qor-debug-user", args, 0)) {
         zetSmartPointer<IQORErrorMessage> error;

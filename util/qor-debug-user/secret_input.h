@@ -1,11 +1,11 @@
-// Passwords that are typed, or come through a pipe.
+// Reads passwords from a terminal or a pipe.
 #pragma once
 
 #include "qor/qor.h"
 
-// Whether somebody sits there and types.
+// Returns true if standard input is a terminal.
 bool input_is_terminal();
 
-// The next line of standard input, without its end. In a terminal the prompt, on standard error, asks for it, and what
-// is typed is not shown. False: the input has ended.
+// Reads the next line of standard input, without its end. On a terminal, the prompt is written to standard error and
+// the typed text is not shown. Returns false at the end of the input.
 bool read_secret(const qorString& prompt, qorString& line);

@@ -11,24 +11,24 @@ constexpr int ending_signals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 
 termios before;
 
-// A shell that does not show what is typed helps nobody.
+// Restores the echo before the process ends; otherwise the user's shell would not show what is typed.
 extern "C" void show_again_and_end(int number) {
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
     raise(number);
 }
 
-// While it lives the terminal does not show what is typed, but for the ends of lines.
+// While it lives, the terminal shows only the ends of typed lines.
 class hidden_typing {
 public:
     hidden_typing() {
         tcgetattr(STDIN_FILENO, &before);
         struct sigaction action = {};
         action.sa_handler = show_again_and_end;
-        // Raised once more, it does what it did before.
+        // SA_RESETHAND restores the default action, so the raised signal ends the process.
         action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
         for (std::size_t i = 0; i < std::size(ending_signals); ++i) {
             sigaction(ending_signals[i], nullptr, &m_actions[i]);
-            // A signal that is ignored stays ignored.
+            // An ignored signal stays ignored.
             if (m_actions[i].sa_handler != SIG_IGN)
                 sigaction(ending_signals[i], &action, nullptr);
         }
@@ -56,7 +56,7 @@ bool input_is_terminal() { return isatty(STDIN_FILENO) == 1; }
 bool read_secret(const qorString& prompt, qorString& line) {
     if (!input_is_terminal())
         return line.GetLine(stdin);
-    // Nothing is asked for before it is safe to answer.
+    // The prompt appears only when typed text is no longer shown.
     const hidden_typing hidden;
     prompt.Put(stderr, false);
     return line.GetLine(stdin);

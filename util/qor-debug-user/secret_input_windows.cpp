@@ -5,7 +5,7 @@
 
 namespace {
 
-// While it lives the console does not show what is typed.
+// While it lives, the console does not show typed text.
 class hidden_typing {
 public:
     explicit hidden_typing(HANDLE console) : m_console(console) {
@@ -34,7 +34,7 @@ bool input_is_terminal() {
     return GetConsoleMode(console(), &mode) != 0;
 }
 
-// The C library would read a console through its code page, which has not every character.
+// The C library would read a console through its code page, which lacks many characters.
 bool read_secret(const qorString& prompt, qorString& line) {
     if (!input_is_terminal())
         return line.GetLine(stdin);

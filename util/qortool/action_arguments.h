@@ -3,18 +3,18 @@
 
 #include "qor/qor.h"
 
-// For an action that takes `count` arguments and `option`, without a value, as its only option; null: it has no option.
+// Checks an action that takes `count` arguments and one option, `option`, without a value. Null means no option.
 class action_arguments {
 public:
     enum class fault { none, unknown_option, wrong_count };
 
-    // Removes the options from `args`, up to an unknown one.
+    // Removes the options from `args`, stopping at an unknown one.
     action_arguments(qorStringArray& args, uint32 count, const char* option = nullptr);
 
     fault found() const noexcept { return m_fault; }
     bool has_option() const noexcept { return m_has_option; }
 
-    // Tells the user of the fault, on standard error. True: there is no fault.
+    // Reports the fault on standard error. Returns true if there is no fault.
     bool accept(const char* action) const;
 
 private:
@@ -23,7 +23,7 @@ private:
     qorString m_unknown_option;
 };
 
-// The check of an action without options. False: the user has been told of the fault.
+// Checks an action without options. Returns false after the user has been told of the fault.
 inline bool check_arguments(qorStringArray& args, const char* action, uint32 count) {
     return action_arguments(args, count).accept(action);
 }

@@ -1,16 +1,16 @@
-// What both programs do with their tables of options, actions and commands, whose rows begin with a name.
+// Functions for the tables of options, actions and commands of both programs. Each row begins with a name.
 #pragma once
 
 #include "qor/qor.h"
 
 #include <cstring>
 
-// Exit codes of the dispatch itself; every other one is an action's.
+// Exit codes of the dispatch itself; every other code comes from an action.
 inline constexpr int exit_unknown_option = 2;
 inline constexpr int exit_no_action = 10;
 inline constexpr int exit_unknown_action = 13;
 
-// The first row of exactly this name; null if the table has no such row.
+// Returns the first row with exactly this name; null if the table has no such row.
 template <class ROW, std::size_t COUNT>
 const ROW* find_row(const ROW (&table)[COUNT], const char* name) noexcept {
     for (const ROW& row : table)
@@ -19,7 +19,7 @@ const ROW* find_row(const ROW (&table)[COUNT], const char* name) noexcept {
     return nullptr;
 }
 
-// A line of help for each row that has one.
+// Writes a line of help for each row that has a syntax text.
 template <class ROW, std::size_t COUNT>
 void write_help_lines(std::FILE* stream, const char* catalog, const ROW (&table)[COUNT]) noexcept {
     for (const ROW& row : table)

@@ -1,4 +1,4 @@
-// How a failed call of the framework is reported.
+// Reports a failed call of the framework.
 #pragma once
 
 #include "qor/qor.h"
@@ -9,7 +9,7 @@ inline int report_failure() {
     return 1;
 }
 
-// The same behind a text that says what failed. The error is the one from before the text is printed.
+// Prints a text that says what failed, then the error. The error is read before the text is printed.
 QOR_PRINTF(1, 2) inline int report_failure(const char* format, ...) {
     qorString reason;
     qorGetLastError(reason);

@@ -1,6 +1,7 @@
 // The end of a tool's run.
 #pragma once
 
-// The exit code of a run that wanted this one. A result that could not be written is a failure, whatever the action
-// thought of it: a full disk or a closed output must not look like a clean report. Says so on standard error.
+// Returns the exit code for a run whose action returned `code`. If output could not be written, the run has failed even
+// if the action succeeded: a full disk or a closed output must not look like a clean report. Reports the failure on
+// standard error.
 int finish_output(int code);

@@ -1,4 +1,4 @@
-// The wide entry: a plain main gets its arguments through the system's code page, which has not every character.
+// The wide entry. A plain main gets its arguments through the system's code page, which lacks many characters.
 #include "entry.h"
 
 #include "qor/qor.h"

@@ -128,7 +128,7 @@ int qortool_app::Main(qorStringArray& args) {
     return result;
 }
 
-// Returns 1 on purpose: a script that ends up in the help text has not done what it was written for.
+// Deliberately returns 1: a script that ends up in the help text has not done its work.
 int qortool_app::func_help(qorStringArray&) {
     const qorDebugSeq trace(m_debug_code, "func_help");
     fputmsg(stderr, message::catalog, message::help_heading, true);
@@ -156,7 +156,7 @@ void qortool_app::queue(const deferred_call& call) {
     }
 }
 
-// Whatever the signal is, it queues a stop marker: what was queued before it still runs.
+// Every signal queues a stop marker; calls queued before it still run.
 void qortool_app::Signal(qorSignal) noexcept {
     qor::or_end([this] { queue({}); });
 }
@@ -166,7 +166,7 @@ bool qortool_app::process_fifo() {
     for (;;) {
         m_fifo_gate.Wait();
         qorAutoLockFastMutex2 hold(&m_fifo_lock);
-        // The gate can be found open although another pass has taken the last entry.
+        // The gate may be open although another pass has taken the last entry.
         if (m_fifo_head == nullptr) {
             m_fifo_gate.Close();
             continue;

@@ -1,4 +1,4 @@
-// The application object: the command line becomes one action call, and the action's result the exit code.
+// The application object. It runs the action that the command line names and returns its result as the exit code.
 #pragma once
 
 #include "qor/qor.h"
@@ -14,21 +14,21 @@ public:
     // Runs the action that `args` names and returns the exit code of the process.
     int Main(qorStringArray& args);
 
-    // The signal queue: work that an action wants to have done on its own thread, one piece after the other, until
-    // a signal arrives. The operation gets the call that it was queued as. Any thread may queue and signal.
+    // The signal queue: work that an action defers to its own thread, done in order until a signal arrives. `op`
+    // receives the queued call as its argument. Any thread may queue and signal.
     struct deferred_call {
         void (qortool_app::*op)(deferred_call& self) = nullptr;
         bool is_empty() const noexcept { return op == nullptr; }
     };
 
-    // Runs what is queued until it meets a stop marker, which a signal queues. Returns what giving the signals back
-    // returned.
+    // Runs the queued calls until it meets a stop marker, which a signal queues. Returns the result of restoring the
+    // signals.
     bool process_fifo();
 
 protected:
     ~qortool_app() override;
 
-    // Open to derived classes because no action of today queues anything.
+    // Protected, not private, because no action queues anything yet; derived classes may.
     void queue(const deferred_call& call);
     void Signal(qorSignal signal) noexcept override;
     uint32 queued() const noexcept { return m_fifo_count; }

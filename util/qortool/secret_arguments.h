@@ -1,4 +1,4 @@
-// Secrets on the command line, which other processes can read as long as this one runs.
+// Secrets on the command line, which other processes can read while this one runs.
 #pragma once
 
 #include "qor/qor.h"
@@ -6,8 +6,8 @@
 // Remembers the arguments of main, which live as long as the process.
 void remember_arguments(int argc, char* const* argv);
 
-// Overwrites every argument of main that equals this text, and the copies of the command line that the system shows.
+// Overwrites every argument of main that equals this text, and the system's visible copies of the command line.
 void hide_argument(const char* text);
 
-// Overwrites an element of an array. Its text is then empty or zeros.
+// Overwrites an element of an array. Its text is then empty or consists of zero bytes.
 void wipe_element(qorStringArray& array, uint32 index);

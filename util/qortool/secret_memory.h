@@ -1,10 +1,10 @@
-// Overwriting secrets, which each system has its own way to do.
+// Overwrites secrets. Each system has its own way to do this.
 #pragma once
 
 #include <cstddef>
 
-// Overwrites memory, even if nobody reads it afterwards.
+// Overwrites memory; the compiler does not remove the writes even if nobody reads the memory afterwards.
 void wipe(void* memory, std::size_t size) noexcept;
 
-// Overwrites the command line that the system keeps beside the arguments of main.
+// Overwrites the system's copies of the command line, apart from the arguments of main.
 void wipe_system_command_line() noexcept;

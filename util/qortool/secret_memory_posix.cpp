@@ -8,5 +8,5 @@ void wipe(void* memory, std::size_t size) noexcept {
         explicit_bzero(memory, size);
 }
 
-// The system shows the arguments of main themselves.
+// The system shows the arguments of main themselves, so there is no other copy.
 void wipe_system_command_line() noexcept {}

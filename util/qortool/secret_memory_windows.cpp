@@ -5,8 +5,8 @@
 
 void wipe(void* memory, std::size_t size) noexcept { SecureZeroMemory(memory, size); }
 
-// Other processes read the first; the system and the C library made copies of it at the start. Quoting makes it hard
-// to find one argument in them, so all of the text goes.
+// Other processes can read the wide line; the system and the C library made the other copies at the start. Quoting
+// makes it hard to find one argument in them, so the whole text is overwritten.
 void wipe_system_command_line() noexcept {
     wchar_t* const line = GetCommandLineW();
     wipe(line, lstrlenW(line) * sizeof *line);

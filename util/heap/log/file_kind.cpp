@@ -38,7 +38,7 @@ const signature* find_signature(std::string_view beginning) noexcept {
     return found != std::end(signatures) ? found : nullptr;
 }
 
-constexpr char escape = 0x1b; // texts for terminals hold it
+constexpr char escape = 0x1b; // occurs in texts for terminals
 constexpr char rubout = 0x7f;
 
 bool is_text(char c) noexcept {
@@ -57,7 +57,7 @@ bool is_mtrace_line(std::string_view line) {
            (log_lines::parse(line, record) == log_lines::kind::record && record.is_code_known);
 }
 
-// The letter alone is not enough: many a sentence begins with "A".
+// The letter alone is not enough: many sentences begin with "A".
 bool is_memcheck_line(std::string_view line) {
     const std::string_view letter = log_fields::next_word(line);
     std::string_view address = log_fields::next_word(line);
@@ -70,7 +70,7 @@ bool is_memcheck_line(std::string_view line) {
 }
 
 file_guess guess_text_kind(std::string_view beginning) {
-    // As the words of a log are read: behind every line an end, and behind that padding.
+    // Reading the words of a log requires an end behind every line, and padding behind the last one.
     std::string run(beginning);
     run += '\n';
     const std::size_t size = run.size();

@@ -1,4 +1,4 @@
-// What a file is that was given in place of a heap log, from its first bytes.
+// Guesses from its first bytes the kind of a file that was given in place of a heap log.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -26,10 +26,10 @@ struct file_guess {
     bool operator==(const file_guess&) const = default;
 };
 
-// True: the file begins like one that cannot be a log, such as a program, whatever its lines look like.
+// Returns true if the file begins like one that cannot be a log, such as a program, even if its lines look like one.
 bool has_foreign_signature(std::string_view beginning) noexcept;
 
-// A guess. It contains no bytes of the file, which may not be fit for a terminal.
+// The result is a guess. It contains no bytes of the file, which may be unsafe to print on a terminal.
 file_guess guess_file_kind(std::string_view beginning);
 
 } // namespace qor::heap

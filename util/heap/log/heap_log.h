@@ -1,5 +1,5 @@
 // A log that is being read. Lines are parsed some way ahead of the replay, so that the table's memory can be
-// prefetched. Traces and warnings come when a line's turn comes, not when it is parsed.
+// prefetched. A line is traced, and a warning about it given, when its turn comes, not when it is parsed.
 #pragma once
 
 #include "file_kind.h"
@@ -21,11 +21,11 @@ public:
     using batch = log_batch<LINE>;
     using entry = typename batch::entry;
 
-    // Only a log that is read to its end in any case may be read ahead by a thread.
+    // A thread may read ahead only in a log that is always read to its end.
     enum class extent { whole, part };
 
-    // With the trace code on, each line is traced with the format when its turn comes. Without a format there is no
-    // trace. before_wait() is called by next() before it waits for a line that nobody has written yet.
+    // If the trace code is on, each line is traced with the format when its turn comes. Without a format nothing is
+    // traced. next() calls before_wait() before it waits for a line that has not been written yet.
     heap_log(
         uint32 trace_code, const char* trace_format, std::function<void()> before_wait = [] {})
         : m_trace_code(trace_code), m_trace_format(trace_format), m_before_wait(std::move(before_wait)) {}
@@ -47,7 +47,7 @@ public:
         return true;
     }
 
-    // Ends reading and frees its memory. is_given() is false then.
+    // Ends reading and frees the memory. is_given() then returns false.
     void close() {
         m_ahead.reset();
         m_source.close();
@@ -58,31 +58,31 @@ public:
 
     bool is_given() const noexcept { return m_source.is_open(); }
 
-    // Whether the next line, if there is one, has to be waited for.
+    // Returns true if the next line is not in memory yet, so next() may have to wait for it.
     bool is_used_up() const noexcept { return m_next == m_batch->count && m_batch->end == m_batch->size; }
 
-    // The next line that means something, or null at the end of the log. It and its texts are valid until the next
-    // call. The memory of the table (allocation_table) that lines to come will need is asked for.
+    // Returns the next line that is not without meaning, or null at the end of the log. The line and its texts are
+    // valid until the next call. Prefetches the memory of the table (allocation_table) that later lines will need.
     template <class TABLE>
     const entry* next(TABLE& table) {
         if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code)) [[unlikely]]
             trace_up_to_next();
         if (m_next == m_batch->count && !go_on(table)) [[unlikely]]
             return nullptr;
-        // The heads asked for so many lines ago have arrived.
+        // The bucket heads that were prefetched this many lines ago have arrived.
         table.prefetch_head(m_batch->entries[m_next + head_lead].address);
         table.prefetch_block(m_batch->entries[m_next + block_lead].address);
         return &m_batch->entries[m_next++];
     }
 
-    // The beginning of the log, if it is not a log of this kind: none of its lines has the form of such a log, or the
-    // file begins like something other than text. Empty otherwise.
+    // Returns the beginning of the log if it is not a log of this kind: no line has the form of such a log, or the file
+    // begins like something other than text. Otherwise the result is empty.
     std::string_view foreign_beginning() const noexcept { return m_has_form ? std::string_view() : m_beginning; }
 
-    // Why the log was not read to its end; empty where it was.
+    // The reason why the log was not read to its end; empty if it was.
     const qorString& failure() const noexcept { return m_failure; }
 
-    // Of the batch that the last line is from.
+    // The text of the batch that contains the last line.
     const char* text() const noexcept { return m_batch->text; }
 
     // The last line, without white space at both ends.
@@ -100,10 +100,10 @@ private:
     static constexpr uint32 block_lead = 12;
     static_assert(head_lead < batch::margin);
 
-    // Enough to tell what a file is.
+    // Enough bytes to recognise the kind of a file.
     static constexpr std::size_t longest_beginning = 1024;
 
-    // To lines that mean something.
+    // Advances to the next lines that are not without meaning.
     template <class TABLE>
     [[gnu::noinline]] bool go_on(TABLE& table) {
         while (m_next == m_batch->count) {
@@ -118,7 +118,7 @@ private:
 
     bool next_batch() {
         const bool has_more = m_ahead || m_source.has_text();
-        // A log that is short needs no thread.
+        // A short log needs no thread.
         if (has_more && m_first.size != 0 && m_extent == extent::whole && !m_ahead)
             start_thread();
         if (m_ahead)
@@ -134,7 +134,7 @@ private:
         return true;
     }
 
-    // A log that is joined is asked for more at each allocation, but its end is looked at once.
+    // A joined log is asked for more at each allocation, but its end is examined only once.
     void note_end() {
         if (!m_has_ended && qorGetLastError(m_failure) == qorError_none)
             m_failure.Empty();
@@ -175,7 +175,7 @@ private:
         m_next = 0;
     }
 
-    // From then on the reading thread is the one that waits, and it has nothing to flush.
+    // From then on the reading thread does the waiting, and it has nothing to flush.
     void start_thread() {
         try {
             m_source.set_before_wait(nullptr, nullptr);
@@ -186,7 +186,7 @@ private:
         }
     }
 
-    // All lines from the one that was next to the one that is, also those without meaning.
+    // Traces all lines from the previous next line to the current one, including those without meaning.
     void trace_up_to_next() {
         const auto end_of = [this](uint32 i) { return m_batch->entries[i].end; };
         const char* next = m_batch->text + (m_next != 0 ? end_of(m_next - 1) : m_batch->begin);
@@ -202,7 +202,7 @@ private:
     text_ids::assigner m_ids{0};
     log_source<LINE> m_source;
     std::optional<log_ahead<LINE>> m_ahead;
-    batch m_first; // of a short log the only one
+    batch m_first; // the only batch of a short log
     batch* m_batch = &m_first;
     uint32 m_next = 0;
     std::string m_beginning;

@@ -1,4 +1,4 @@
-// Reading hexadecimal digits, which is most of what a heap log is made of.
+// Reads hexadecimal digits, which make up most of a heap log.
 #pragma once
 
 #include "qor/system/File.h"
@@ -15,19 +15,19 @@ inline bool is_hexadecimal_digit(char c) noexcept {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
 
-// The number that up to 16 digits make, and how many they are.
+// The value of up to 16 digits, and their count.
 struct hexadecimal_digits {
     uint64 value;
     unsigned count;
 };
 
-// Looks at 16 bytes, whatever stands there.
+// Reads 16 bytes, of any content.
 inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept;
 
 #if defined(__SSE2__)
 
-// All sixteen bytes at once, whatever they are: numbers of all lengths cost the same, and no branch is
-// guessed wrong.
+// Converts all sixteen bytes at once, whatever they are: numbers of every length cost the same, and no branch is
+// mispredicted.
 inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept {
     static_assert(qorReadLinesPadding >= sizeof(__m128i));
     const auto at_most = [](__m128i bytes, char limit) {
@@ -42,12 +42,12 @@ inline hexadecimal_digits read_hexadecimal_digits(const char* at) noexcept {
     const unsigned count = static_cast<unsigned>(std::countr_one(good));
     const __m128i nibbles =
         _mm_or_si128(_mm_and_si128(is_digit, digit), _mm_and_si128(is_letter, _mm_add_epi8(letter, _mm_set1_epi8(10))));
-    // Two nibbles to a byte, eight bytes to a word, of which the first byte counts most.
+    // Two nibbles make a byte, and eight bytes a word whose first byte is the most significant.
     const __m128i pairs =
         _mm_and_si128(_mm_or_si128(_mm_slli_epi16(nibbles, 4), _mm_srli_epi16(nibbles, 8)), _mm_set1_epi16(0xff));
     const uint64 packed = static_cast<uint64>(_mm_cvtsi128_si64(_mm_packus_epi16(pairs, pairs)));
     const uint64 all = __builtin_bswap64(packed);
-    // In two steps: to shift a word by all its bits means nothing. No digits make 0.
+    // The shift has two steps because a shift by the full width of a word is undefined. No digits give 0.
     return {count == 16 ? all : all >> 4 >> (60 - 4 * count), count};
 }
 

@@ -1,5 +1,5 @@
-// A thread that reads a log ahead of its replay. It also parses the lines, which is half of the work, as long as the
-// replay has enough to do.
+// A thread that reads a log ahead of its replay. It also parses the lines, which is half of the work, unless the replay
+// is idle.
 #pragma once
 
 #include "log_batch.h"
@@ -18,7 +18,7 @@ class log_ahead {
 public:
     using batch = log_batch<LINE>;
 
-    // Throws std::system_error where the process may start no thread; nothing was read then.
+    // Throws std::system_error if the process cannot start a thread; nothing has been read then.
     explicit log_ahead(const log_source<LINE>& source) : m_shared(std::make_shared<shared>(source)) {
         m_thread = std::thread([shared = m_shared] { qor::or_end([&] { shared->read(); }); });
     }
@@ -26,7 +26,7 @@ public:
     log_ahead(const log_ahead&) = delete;
     log_ahead& operator=(const log_ahead&) = delete;
 
-    // The thread may be waiting for a log that nobody writes to any more. It then goes on by itself, with the state
+    // The thread may be waiting for a log that nobody writes to any more. It then runs on, detached, with the state
     // that it shares.
     ~log_ahead() {
         if (m_shared->abandon())
@@ -35,8 +35,9 @@ public:
             m_thread.detach();
     }
 
-    // The next lines, valid until the next call; null at the end of the log, or where it cannot be read: then the last
-    // error says why, otherwise there is none. before_wait() is called before a long wait for them.
+    // Returns the next lines, valid until the next call. Returns null at the end of the log, or if it cannot be read:
+    // then the last error says why, otherwise there is no last error. before_wait() is called before a long wait for
+    // the lines.
     template <class BEFORE_WAIT>
     batch* next(const BEFORE_WAIT& before_wait) {
         return m_shared->take(before_wait);
@@ -77,7 +78,7 @@ private:
             return nullptr;
         }
 
-        // Tells the thread to end. False: it has not ended yet.
+        // Tells the thread to end. Returns false if it has not ended yet.
         bool abandon() {
             const std::lock_guard hold(m_lock);
             m_is_abandoned = true;
@@ -88,18 +89,18 @@ private:
     private:
         static constexpr uint64 ring = 16;
 
-        // With fewer batches waiting than this, the replay is the faster side. The thread then leaves parsing to it, so
-        // that neither side waits for the other.
+        // The low-water mark. With fewer waiting batches than this, the replay is the faster side. The thread then
+        // leaves parsing to it, so that neither side waits for the other.
         static constexpr uint64 low_water = ring / 2;
 
-        // Waking a thread costs more than one batch is worth. So a waiting replay is woken when several batches are
-        // there, or after `patience`: a slow log is not held up.
+        // Waking a thread costs more than processing one batch. So a waiting replay is woken when several batches are
+        // ready, or after `patience`, so that a slow log is not held up.
         static constexpr uint64 wake_count = ring / 4;
         static constexpr std::chrono::milliseconds patience{1};
 
         uint64 waiting() const noexcept { return m_passed - m_taken; }
 
-        // before_wait() is called only after `patience`, beside which its cost does not count.
+        // before_wait() is called only after `patience`, so its cost does not matter.
         template <class BEFORE_WAIT>
         void wait_for_batches(std::unique_lock<std::mutex>& hold, const BEFORE_WAIT& before_wait) {
             if (waiting() != 0 || m_is_done)
@@ -144,18 +145,18 @@ private:
         log_source<LINE> m_source;
         batch m_batches[ring];
         text_ids::assigner m_ids{1};
-        zetSmartPointer<IQORErrorMessage> m_error; // the thread's last one
+        zetSmartPointer<IQORErrorMessage> m_error; // the last error of the thread
 
         std::mutex m_lock;
         std::condition_variable m_changed;
-        uint64 m_passed = 0; // batches, counted from the first
+        uint64 m_passed = 0; // batches, counted from the start
         uint64 m_taken = 0;
-        uint64 m_wanted = 1;      // waiting batches at which the replay is woken
-        bool m_is_in_use = false; // the replay is using the batch behind those taken
+        uint64 m_wanted = 1;      // number of waiting batches at which the replay is woken
+        bool m_is_in_use = false; // the replay is using the batch after those taken
         bool m_is_done = false;
         bool m_is_abandoned = false;
         int m_processor = current_processor(); // where the replay was last seen
-        thread_place m_place;                  // the thread's
+        thread_place m_place;                  // that of the thread
     };
 
     std::shared_ptr<shared> m_shared;

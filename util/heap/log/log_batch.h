@@ -1,4 +1,4 @@
-// Some lines of a log that are read together: their text and what each of them says.
+// Some lines of a log that are read together: their text, and one entry per line.
 #pragma once
 
 #include "log_fields.h"
@@ -17,29 +17,29 @@ template <class LINE>
 struct log_batch {
     using entry = log_lines::entry<LINE>;
 
-    // Lines that are parsed at a time.
+    // The maximum number of lines that are parsed at a time.
     static constexpr uint32 limit = 1024;
 
-    // Entries behind the last one that may be read, so that a look-ahead shorter than this needs no check.
+    // Readable entries behind the last one, so that a look-ahead shorter than this needs no check.
     static constexpr uint32 margin = 32;
 
     const char* text = nullptr;
     uint32 size = 0;
 
-    // What of the text is parsed: [begin, end).
+    // The part of the text that is parsed: [begin, end).
     uint32 begin = 0;
     uint32 end = 0;
     uint32 count = 0;
     std::vector<entry> entries;
 
-    // True: the text is the reader's, valid until it reads on.
+    // True if the text belongs to the reader and is valid only until it reads on.
     bool is_borrowed = false;
 
-    // True: the text is the beginning of a line that is too long for a record.
+    // True if the text is the beginning of a line that is too long for a record.
     bool is_cut = false;
 
-    // The batch's own text: large enough that passing a batch on costs nothing in comparison, small enough that the
-    // caches hold several.
+    // The batch's own text. It is large enough to make the cost of passing a batch on negligible, and small enough for
+    // the caches to hold several.
     static constexpr std::size_t own_size = 64 * 1024;
     std::vector<char> own;
 
@@ -50,7 +50,7 @@ struct log_batch {
         is_cut = false;
     }
 
-    // The entries of the text's next lines take the place of those before. False: there are none left.
+    // Replaces the entries with those of the text's next lines. Returns false if no lines are left.
     bool parse_on(text_ids::assigner& ids) {
         if (end == size)
             return false;
@@ -65,7 +65,7 @@ struct log_batch {
         return true;
     }
 
-    // The lines with a text are collected first, without a branch: their order cannot be predicted.
+    // First collects the lines with a text, without a branch, because their order cannot be predicted.
     void assign_ids(text_ids::assigner& ids) {
         uint32 with_text[limit];
         uint32 found = 0;
@@ -98,7 +98,7 @@ struct log_batch {
         to.text_id = ids.of(all);
     }
 
-    // The memory of a batch that is used.
+    // Allocates the memory of a batch that will be used.
     void make() { entries.resize(limit + margin); }
     void make_with_text() {
         make();
@@ -123,13 +123,13 @@ public:
         m_next = m_end = nullptr;
     }
 
-    // As IQORSimpleFileReader has it.
+    // See IQORSimpleFileReader::SetBeforeWait.
     void set_before_wait(void (*tell)(void* context), void* context) { m_file->SetBeforeWait(tell, context); }
 
     bool is_open() const noexcept { return !m_file.IsEmpty(); }
 
-    // Whether lines follow; reads them. False: there are none, or they cannot be read. Then the last error says why,
-    // otherwise there is none.
+    // Returns true if lines follow, and reads them. Returns false if there are no more lines or they cannot be read. In
+    // the second case the last error says why; in the first there is no last error.
     bool has_text() {
         if (m_next == m_end) {
             uint64 size = 0;
@@ -140,8 +140,8 @@ public:
         return m_next != m_end;
     }
 
-    // The next lines, parsed. Their text stays the reader's and is valid until it reads on. False: there are none, as
-    // above.
+    // Sets `out` to the next lines, parsed. Their text belongs to the reader and is valid until it reads on. Returns
+    // false as has_text() does.
     bool borrow_batch(batch& out, text_ids::assigner& ids) {
         if (!has_text())
             return false;
@@ -155,7 +155,7 @@ public:
     }
 
     // Copies the next lines into the batch's own text, which make_with_text() has allocated; borrows them if the first
-    // line is too long for it. Parses them if `parsed`. False as above.
+    // line is too long for it. Parses them if `parsed` is true. Returns false as has_text() does.
     bool copy_batch(batch& out, bool parsed, text_ids::assigner& ids) {
         if (!has_text())
             return false;
@@ -174,9 +174,9 @@ public:
 
 private:
     zetSmartPointer<IQORSimpleFileReader> m_file;
-    const char* m_next = nullptr; // what the reader has handed out and no batch has
+    const char* m_next = nullptr; // handed out by the reader, not yet in a batch
     const char* m_end = nullptr;
-    bool m_is_cut = false; // it is the beginning of a line that is too long
+    bool m_is_cut = false; // the text is the beginning of a line that is too long
 };
 
 } // namespace qor::heap

@@ -14,7 +14,7 @@ namespace qor::heap {
 
 namespace {
 
-// The first white space at or behind `at`; there is always one, the line's end.
+// Finds the first white space at or behind `at`; at the latest the line's end is found.
 const char* find_space(const char* at) noexcept;
 
 #if defined(__SSE2__)
@@ -26,7 +26,7 @@ const char* find_space(const char* at) noexcept {
     const __m128i span = _mm_set1_epi8('\r' - '\t');
     for (;; at += sizeof(__m128i)) {
         const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
-        // \t to \r: what is not above the span once \t is taken off, as unsigned bytes.
+        // \t to \r: after \t is subtracted, the unsigned bytes that are not above the span.
         const __m128i offset = _mm_sub_epi8(bytes, first);
         const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(offset, span), offset);
         const int found = _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(bytes, blank), control));
@@ -45,15 +45,16 @@ const char* find_space(const char* at) noexcept {
 
 #endif
 
-// A word of one to eight digits that does not begin like an octal number. All of them at once, since a loop over them
-// ends where no processor expects it: two digits become a number, then two numbers, then two of those.
+// Reads a word of one to eight digits that does not begin like an octal number. It converts all digits at once, because
+// the end of a loop over them is mispredicted: pairs of digits become numbers, then pairs of these numbers, then pairs
+// of those.
 bool read_decimal(std::string_view word, uint64& value) noexcept {
     const std::size_t size = word.size();
     if (size == 0 || size > 8 || (word[0] == '0' && size > 1))
         return false;
     static_assert(qorReadLinesPadding >= sizeof value && std::endian::native == std::endian::little);
     std::memcpy(&value, word.data(), sizeof value);
-    // The last digit comes to the top; what is missing is 0.
+    // Moves the last digit to the most significant byte; missing digits are 0.
     const std::size_t missing = 8 * (sizeof value - size);
     value = (value << missing) - (0x3030303030303030 << missing);
     if (((value | (value + 0x7676767676767676)) & 0x8080808080808080) != 0)
@@ -91,12 +92,12 @@ std::string_view log_fields::next_word(std::string_view& rest) noexcept {
 }
 
 uint64 log_fields::hexadecimal(std::string_view word) noexcept {
-    // The usual form, by hand: the C library takes ten times as long.
+    // Reads the usual form by hand: the C library takes ten times as long.
     const char* at = word.data();
     if (word.size() > 2 && at[0] == '0' && (at[1] == 'x' || at[1] == 'X') && is_hexadecimal_digit(at[2]))
         at += 2;
     const hexadecimal_digits digits = read_hexadecimal_digits(at);
-    // Signs and what may be too large a number are left to the C library.
+    // The C library handles signs and numbers that may be too large.
     if (digits.count == 0 || digits.count == 16)
         return std::strtoull(word.data(), nullptr, 16);
     return digits.value;

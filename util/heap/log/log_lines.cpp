@@ -17,16 +17,16 @@ namespace {
 
 static_assert(qorReadLinesPadding >= 64);
 
-// A bit for each of 64 bytes that is a blank or a control character. Those that are not white space are rare
-// enough to make a line an unusual one.
+// Returns a bit for each of 64 bytes that is a blank or a control character. Control characters that are not white
+// space are rare, so a line with one may take the slow path.
 uint64 gaps(const char* at) noexcept;
 
-// A bit for each of 48 bytes that is a line's end.
+// Returns a bit for each of 48 bytes that is a line's end.
 uint64 line_ends(const char* at) noexcept;
 
 #if defined(__SSE2__)
 
-// The bytes that are what they were before, sixteen of them in their place among 64.
+// Returns bits for the bytes that are equal in `before` and `after`: sixteen of them, at their place among 64.
 [[gnu::always_inline]] inline uint64 equal_bits(__m128i before, __m128i after, unsigned place) noexcept {
     return static_cast<uint64>(static_cast<uint32>(_mm_movemask_epi8(_mm_cmpeq_epi8(before, after)))) << place;
 }
@@ -78,7 +78,7 @@ std::string_view between(const char* begin, const char* end) noexcept {
     return {begin, static_cast<std::size_t>(end - begin)};
 }
 
-// "0x" and digits. More than 16 are not all taken, so that what follows is no end.
+// Takes "0x" and digits. At most 16 digits are taken, so that a longer number is not followed by an end.
 bool take_number(const char*& at, uint64& value) noexcept {
     if (at[0] != '0' || at[1] != 'x')
         return false;
@@ -97,7 +97,7 @@ constexpr auto meanings = [] {
     return all;
 }();
 
-// Part of the loop over all lines, so that what it finds never gets to memory.
+// Inlined into the loop over all lines, so that its results stay in registers.
 template <class SIZE>
 [[gnu::always_inline]] inline bool parse_canonical_inline(const char*& next,
                                                           log_lines::mtrace_line<SIZE>& out) noexcept {
@@ -105,14 +105,15 @@ template <class SIZE>
         return false;
     const char* const caller = next + 2;
     const char* const code = find_gap(caller) + 1;
-    // A gap that is the line's end would be followed by the next line, or by the padding.
+    // If the gap were the line's end, the next line or the padding would follow it.
     if (code == caller + 1 || code[-1] != ' ' || code[1] != ' ')
         return false;
-    // Where the next line begins is found without waiting for this one's numbers, so that a processor can be at both.
+    // The start of the next line is found without waiting for this line's numbers, so that a processor can work on
+    // both.
     const uint64 ends = line_ends(code);
     const char* const end = code + std::countr_zero(ends);
-    // What is taken and what is given back come in no order that a processor could guess. So there is one way
-    // through for both: the size of a release is read where there is none, and not used.
+    // Allocations and releases come in an order that no processor can predict. So both share one path: for a release, a
+    // size is read where there is none, and is not used.
     const code_meaning meaning = meanings[static_cast<unsigned char>(*code)];
     const char* at = code + 2;
     if (!take_number(at, out.address) || meaning == code_meaning::none)
@@ -166,7 +167,7 @@ template <class SIZE>
     const char code = next[0];
     if ((code != 'A' && code != 'F' && code != 'T') || next[1] != ' ')
         return false;
-    // The words at the line's beginning, by the gaps behind them.
+    // Finds the words at the line's beginning by the gaps behind them.
     const char* words[4] = {next + 2};
     uint64 left = gaps(words[0]);
     const unsigned wanted = code == 'A' ? 3 : 1;
@@ -224,7 +225,7 @@ log_lines::kind log_lines::parse(std::string_view line, memcheck_line<SIZE>& out
         return kind::no_meaning;
     const char code = line[0];
     std::string_view rest = line.substr(1);
-    std::string_view words[5]; // address, and what the code makes of the others
+    std::string_view words[5]; // address, and others whose meaning depends on the code
     uint32 count = 0;
     while (count < 5 && !(words[count] = log_fields::next_word(rest)).empty())
         ++count;

@@ -15,13 +15,13 @@ namespace qor::heap {
 
 namespace {
 
-// Whether `size` bytes are the same.
+// Returns true if `size` bytes are equal.
 bool are_same(const char* one, const char* other, std::size_t size) noexcept;
 
 #if defined(__SSE2__)
 
-// The last step overlaps the one before it. Texts of one log have about the same length, so that the steps can be
-// guessed.
+// The last step overlaps the one before it. The texts of one log have about the same length, so the number of steps is
+// predictable.
 bool are_same(const char* one, const char* other, std::size_t size) noexcept {
     if (size < 16)
         return std::memcmp(one, other, size) == 0;

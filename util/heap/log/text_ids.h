@@ -1,7 +1,7 @@
-// Ids for the texts that a log repeats: callers, files and type names. The parser assigns them. The replay then knows a
-// text by its id and need not read the bytes, which may lie in another processor's cache.
+// Ids for the texts that a log repeats: callers, files and type names. The parser assigns them. The replay then
+// recognises a text by its id and need not read the bytes, which may be in another processor's cache.
 //
-// Ids are a shortcut only. Both sides remember the last few thousand texts: a text without an id, or with a forgotten
+// Ids are only a shortcut. Both sides remember the last few thousand texts. A text without an id, or with a forgotten
 // one, is compared by its bytes. So memory does not grow with the number of texts in a log.
 #pragma once
 
@@ -25,13 +25,13 @@ inline constexpr uint32 assigners = 2;
 // The parser's side. Belongs to one thread.
 class assigner {
 public:
-    // `which` counts the assigners of a log from 0. No two of them assign one id.
+    // `which` counts the assigners of a log from 0. No two of them assign the same id.
     explicit assigner(uint32 which) : m_next(assigners + which) {}
 
-    // Allocates the memory for all texts now; otherwise the first text does so.
+    // Allocates the memory for all texts now; otherwise the first call of of() does.
     void make();
 
-    // The id of the text, or none. No other text ever gets the same id.
+    // Returns the id of the text, or `none`. No other text ever gets the same id.
     uint32 of(std::string_view text);
 
 private:
@@ -43,7 +43,7 @@ private:
     };
 
     static constexpr uint32 mask = 2 * limit - 1;
-    // A log may contain texts that were made to collide, so the search is bounded.
+    // A log may contain texts that were chosen to collide, so the search is bounded.
     static constexpr uint32 longest_search = 8;
     static constexpr std::size_t text_bytes = 512 * 1024;
     static constexpr std::size_t longest = 4096;
@@ -60,10 +60,11 @@ private:
     uint32 m_next; // no id is assigned twice
 };
 
-// The replay's side: what the ids of one log stand for.
+// The replay's side: the meanings of the ids of one log.
 class cache {
 public:
-    // The meaning of an id, given what stands beside the text on its line. `make()` returns it if it is not remembered.
+    // Returns the meaning of an id together with `beside`, the other data of the line. Calls `make()` for it if the
+    // cache does not have it.
     template <class MAKE>
     uint32 of(uint32 id, uint32 beside, MAKE make) {
         if (id == none)

@@ -1,14 +1,15 @@
-// Where a thread that helps another one runs. A system may place both on one processor, when one wakes the other or a
-// third program was there for a moment, and leave them there for tens of milliseconds: longer than most logs take.
+// The processor on which a helper thread runs. A system may place it on the processor of the thread that it helps,
+// because one wakes the other or because a third program ran for a moment. It may leave both there for tens of
+// milliseconds, longer than most logs take.
 #pragma once
 
 namespace qor::heap {
 
-// The processor that the calling thread is on, or -1.
+// Returns the processor that runs the calling thread, or -1.
 int current_processor() noexcept;
 
-// The calling thread's way to keep off a processor. Every other one that it may use is open to it, and with none it
-// stays where it is. Where the system does not tell processors apart, nothing happens.
+// Keeps the calling thread off one processor. The thread may use every other processor that the process may use; if
+// there is no other, it stays where it is. Does nothing on systems that do not distinguish processors.
 class thread_place {
 public:
     void keep_off(int processor) noexcept {

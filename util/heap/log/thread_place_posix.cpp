@@ -10,7 +10,7 @@ int current_processor() noexcept { return sched_getcpu(); }
 void thread_place::move_off(int processor) noexcept {
     m_kept_off = processor;
     cpu_set_t open;
-    // What the process may use, whose first thread is never held back.
+    // The set of the process is that of its first thread, which is never restricted here.
     if (processor < 0 || processor >= CPU_SETSIZE || sched_getaffinity(getpid(), sizeof open, &open) != 0)
         return;
     CPU_CLR(processor, &open);

@@ -21,7 +21,7 @@ std::size_t length_to_nul(std::string_view text) noexcept { return std::min(text
 
 } // namespace
 
-// Number 0 is the empty text, and the origin of which nothing is known.
+// Number 0 is the empty text, and also the unknown origin.
 origin_table::origin_table() { of_caller({}); }
 
 uint32 origin_table::of_caller(std::string_view caller) {

@@ -1,5 +1,4 @@
-// How the line of a leak ends: what is known of its origin. Leaks of one origin come in crowds, so that the texts made
-// last are kept.
+// The end of a leak's line, which describes its origin. Many leaks share an origin, so the most recent texts are kept.
 #pragma once
 
 #include "origin_table.h"

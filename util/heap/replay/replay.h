@@ -1,5 +1,5 @@
 // Replays an mtrace log, joined with an allocation log of the framework if there is one, or an allocation log alone.
-// The replay keeps the table of live blocks and prints nothing: a sink is told what happens (replay_sink.h).
+// The replay keeps the table of live blocks and prints nothing: it reports all events to a sink (replay_sink.h).
 #pragma once
 
 #include "heap/log/heap_log.h"
@@ -19,8 +19,8 @@
 
 namespace qor::heap {
 
-// Carries the head of every bucket (8 MiB), so it always lives on the heap. One object serves one replay at a time.
-// Replays share nothing: each may run in a thread of its own. Operations that need memory throw std::bad_alloc.
+// The object contains the head of every bucket (8 MiB), so allocate it on the heap. One object serves one replay at a
+// time. Replays share nothing, so each may run in its own thread. Operations that need memory throw std::bad_alloc.
 //
 // The sink is called directly, not virtually: events that it ignores cost nothing.
 template <class SINK, class RULES>
@@ -44,7 +44,8 @@ public:
     replay(const replay&) = delete;
     replay& operator=(const replay&) = delete;
 
-    // An allocation log that is opened after an mtrace log is joined with it. False: the last error says why.
+    // An allocation log that is opened after an mtrace log is joined with it. Return false on failure; the last error
+    // says why.
     bool open_mtrace(const char* path) { return m_mtrace.open(path, mtrace_log::extent::whole); }
     bool open_memcheck(const char* path) {
         return m_memcheck.open(path, m_mtrace.is_given() ? memcheck_log::extent::part : memcheck_log::extent::whole);
@@ -68,8 +69,8 @@ public:
         visitor.end();
     }
 
-    // Closes the logs and frees all memory of the table and of everything read. The replay can then be used again.
-    // Without this call the table's memory stays in use until the process ends.
+    // Closes the logs and frees all memory of the table and of the data read from the logs. The replay can then be used
+    // again. Without this call the table's memory stays in use until the process ends.
     void free_all() {
         m_mtrace.close();
         m_memcheck.close();
@@ -91,7 +92,7 @@ private:
     using ahead_record = typename look_ahead_list<size_type>::record;
     using block = heap::block<size_type>;
 
-    // Blocks that the framework mapped directly: malloc, and so an mtrace log, never saw them.
+    // Blocks that the framework mapped directly. They do not come from malloc, so an mtrace log does not contain them.
     static constexpr uint8 huge_block = 3;
 
     static constexpr uint32 mtrace_progress = 20;
@@ -137,8 +138,8 @@ private:
         return log.next(m_table);
     }
 
-    // The next valid record; lines that cannot be used are skipped, with a warning where that is a fault. False at
-    // the end of the log. Texts are valid until the next call.
+    // Reads the next valid record. Unusable lines are skipped, with a warning if they are faulty. Returns false at the
+    // end of the log. Texts are valid until the next call.
     bool read_mtrace(mtrace_line& out) {
         const qorDebugSeq trace(m_debug_code, "read_mtrace");
         forget_unused_origins();
@@ -147,7 +148,7 @@ private:
                 m_sink.warning(warning::invalid_mtrace_line, {});
                 continue;
             }
-            // The size still tells what the line must have been.
+            // The code is unknown, but the size tells an allocation from a release.
             if (!next->is_code_known) {
                 log_lines::parse(m_mtrace.last_line(), out);
                 m_sink.warning(warning::bad_code_token, out.code);
@@ -224,14 +225,14 @@ private:
                 m_origins.printed(rec.type_name)};
     }
 
-    // The end of a block says nothing that the mtrace log does not.
+    // A block's release adds nothing to the mtrace log.
     void tell_leftover(const ahead_record& rec) {
         if (rec.code != 'F')
             m_sink.leftover(shown(rec));
     }
 
-    // The bounded look-ahead into the other log. What it meets on the way is kept for later, except what needs no
-    // partner: huge blocks enter the table at once, and frees say nothing that the mtrace log does not.
+    // The bounded look-ahead into the other log. Records met on the way are kept for later, except those that need no
+    // partner: huge blocks enter the table at once, and releases add nothing to the mtrace log.
     bool mtrace_read_memcheck_for(uint64 address, ahead_record& out) {
         const qorDebugSeq trace(m_debug_code, "mtrace_read_memcheck_for");
         if (!m_memcheck.is_given())
@@ -252,13 +253,14 @@ private:
         return false;
     }
 
-    // Greedy on purpose: takes every record for the address within reach, the last of each kind counts. The slot says
-    // for which: one that was written with address 0 is blank, and a huge block met on the way may take it.
+    // Deliberately greedy: takes every record for the address within reach; the last of each kind counts. The address
+    // is read from the slot, because a slot that was written with address 0 is blank and may be taken by a huge block
+    // met on the way.
     void mtrace_add_memcheck_data(const __entry& entry) {
         const qorDebugSeq trace(m_debug_code, "mtrace_add_memcheck_data");
         ahead_record rec;
         while (mtrace_read_memcheck_for(m_table.address(entry), rec)) {
-            // A blank slot comes from nowhere.
+            // A blank slot gets no origin.
             if (m_table.address(entry) == 0)
                 continue;
             if (rec.code == 'A')
@@ -268,8 +270,8 @@ private:
         }
     }
 
-    // The first record for the address that nothing has taken; it stays in the list. Reads on for it while the list has
-    // space, in which the ends of blocks have a place too.
+    // Returns the first untaken record for the address; it stays in the list. Reads on for it while the list has space.
+    // Releases take space in the list too.
     const ahead_record* find_ahead(uint64 address) {
         if (const ahead_record* const known = m_look_ahead.find(address))
             return known;
@@ -286,12 +288,12 @@ private:
         return nullptr;
     }
 
-    // The slot is that of the address, unless the address is 0: then it is blank, and comes from nowhere.
+    // The slot holds the address, except for address 0: then the slot is blank and gets no origin.
     void join_in_time(const __entry& entry, uint64 address, size_type size) {
         const qorDebugSeq trace(m_debug_code, "join_in_time");
         bool has_place = false;
         while (const ahead_record* const next = find_ahead(address)) {
-            // The block's end, another block of the address, or a block that did not come from the framework.
+            // The block's release, another block at the address, or a block that did not come from the framework.
             if (next->code == 'A' ? has_place || next->size != size : next->code == 'F' && has_place)
                 return;
             ahead_record rec;
@@ -309,7 +311,7 @@ private:
         }
     }
 
-    // The records behind a block's allocation, up to its end, are those of no later block.
+    // Takes the records behind a block's allocation, up to its release. They belong to no later block.
     void take_end_of_block(uint64 address) {
         ahead_record rec;
         for (const ahead_record* next = m_look_ahead.find(address); next != nullptr && next->code != 'A';
@@ -319,8 +321,8 @@ private:
         }
     }
 
-    // Lets go of what lies far behind a record that has found its partner. Threads may have written the two logs in
-    // different orders, but not by half a list.
+    // Removes records that lie far behind one that has found its partner. Threads may have written the two logs in
+    // different orders, but not by as much as half a list.
     void pass_by(uint32 sequence) {
         constexpr uint32 slack = look_ahead_list<size_type>::limit / 2;
         ahead_record rec;
@@ -347,7 +349,7 @@ private:
             release(rec);
             break;
         case 'T':
-            // No block lives at address 0, whatever the blank slots hold.
+            // No block lives at address 0, although blank slots contain it.
             if (rec.address != 0 && m_table.find_entry(rec.address, entry)) {
                 set_type_name(entry, m_type_names.of(rec.text_id, 0, [&] { return m_origins.text(rec.type_name); }));
                 m_sink.origin_changed(block{rec.address, m_table.size(entry), m_table.origin(entry)});
@@ -359,7 +361,7 @@ private:
             enter_memcheck(rec);
             break;
         default:
-            // The reader yields no other code; this says so should it ever learn one.
+            // The reader returns no other code today. The warning reports one if that ever changes.
             m_sink.warning(warning::unexpected_memcheck_code, {&rec.code, 1});
             break;
         }
@@ -386,7 +388,7 @@ private:
         m_table.set_origin(entry, m_origins.of(known));
     }
 
-    // Logs may name new callers all the time, so those that no live block has are given up now and then.
+    // A log may name new callers all the time, so origins without a live block are dropped now and then.
     void forget_unused_origins() {
         if (m_origins.bytes() > m_origins_limit)
             compact_origins();
@@ -418,10 +420,10 @@ private:
     table m_table;
     look_ahead_list<size_type> m_look_ahead;
     origin_table m_origins;
-    text_ids::cache m_callers;                     // origin of a caller
-    text_ids::cache m_places;                      // origin of a file and line, beside a block's type
-    text_ids::cache m_type_names;                  // number of the text in m_origins
-    std::size_t m_origins_limit = origins_minimum; // bytes of m_origins at which the unused are given up
+    text_ids::cache m_callers;                     // origins by caller
+    text_ids::cache m_places;                      // origins by file and line, together with the block's type
+    text_ids::cache m_type_names;                  // text numbers of m_origins
+    std::size_t m_origins_limit = origins_minimum; // bytes of m_origins above which unused origins are dropped
 };
 
 } // namespace qor::heap

@@ -1,20 +1,20 @@
-// What a program that replays heap logs chooses. A replay takes one of these structures, or one like them.
+// The choices of a program that replays heap logs. A replay takes one of these structures, or a similar one.
 #pragma once
 
 #include "qor/system/Types.h"
 
 namespace qor::heap {
 
-// How an mtrace log is joined with an allocation log of the same run. Either way the look-ahead is bounded
-// (look_ahead_list), and each record has one partner at most.
+// The way in which an mtrace log is joined with an allocation log of the same run. In both, the look-ahead is bounded
+// (look_ahead_list), and each record has at most one partner.
 enum class join_rule : uint8 {
-    // An allocation takes every record of its address within reach, also those of later blocks at that address; the
-    // last record of each kind counts.
+    // An allocation takes every record for its address within reach, including those of later blocks at that address;
+    // the last record of each kind counts.
     greedy,
 
-    // An allocation takes the records of one block: the next allocation record of its address, if that has the same
-    // size, and the type records up to the block's end. Records without a partner that lie far behind the last
-    // one with a partner leave the look-ahead, so that they do not fill it.
+    // An allocation takes the records of one block: the next allocation record for its address, if that has the same
+    // size, and the type records up to the block's release. Records without a partner that lie far behind the last
+    // joined one leave the look-ahead, so that they do not fill it.
     in_time,
 };
 

@@ -1,4 +1,4 @@
-// Finding an address among packed ones: the inner loop of the replay.
+// Finds an address among packed ones: the inner loop of the replay.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -9,12 +9,13 @@
 
 namespace qor::heap {
 
-// The index of the first of `count` addresses at or behind `start` that equals `wanted`; `count`: there is none.
+// Returns the index of the first of `count` addresses, at or behind `start`, that equals `wanted`; `count` if there is
+// none.
 inline uint32 find_address(const uint64* addresses, uint32 start, uint32 count, uint64 wanted) noexcept;
 
 #if defined(__SSE2__)
 
-// Two addresses at a time. SSE2 compares 32-bit halves; an address is equal where both halves are.
+// Compares two addresses at a time. SSE2 compares 32-bit halves; an address is equal if both halves are.
 inline uint32 find_address(const uint64* addresses, uint32 start, uint32 count, uint64 wanted) noexcept {
     const __m128i both = _mm_set1_epi64x(static_cast<long long>(wanted));
     uint32 i = start;

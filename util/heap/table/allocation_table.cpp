@@ -16,7 +16,7 @@ void blank(BLOCK* block, uint32 slot) noexcept {
     block->first_blank = std::min(block->first_blank, static_cast<uint16>(slot));
 }
 
-// The first blank slot of a block, which may be the first without memory; slot_count: there is none.
+// Returns the first blank slot of a block. It may be the first slot without memory, or slot_count if the block is full.
 template <class BLOCK>
 uint32 find_blank_in(BLOCK* block) noexcept {
     const uint32 slot = find_address(block->addresses(), block->first_blank, block->capacity, 0);
@@ -36,7 +36,7 @@ typename allocation_table<SIZE>::__block* allocation_table<SIZE>::make_block(uin
     return block;
 }
 
-// The same block with memory for more slots; the old memory is free.
+// Moves the block to memory for more slots and frees the old memory.
 template <class SIZE>
 typename allocation_table<SIZE>::__block* allocation_table<SIZE>::grow(__block* old) {
     __block* const larger = make_block(old->rank + 1u);
@@ -48,7 +48,7 @@ typename allocation_table<SIZE>::__block* allocation_table<SIZE>::grow(__block* 
     return larger;
 }
 
-// The bucket's only block and its earliest blank slot; null: there is a chain, or must be one.
+// Returns the bucket's only block and its earliest blank slot. Returns null if the bucket has a chain or needs one.
 template <class SIZE>
 inline typename allocation_table<SIZE>::__block* allocation_table<SIZE>::find_blank_in_head(uint32 bucket,
                                                                                             uint32& slot) {
@@ -101,7 +101,7 @@ typename allocation_table<SIZE>::__entry allocation_table<SIZE>::find_blank_in_c
     }
     __block*& block = all.blocks[number];
     const uint32 slot = find_blank_in(block);
-    // The first block was full before there was a second one.
+    // The first block has its full capacity before a chain is made, so a block that grows has a predecessor.
     if (slot == block->capacity)
         all.blocks[number - 1]->next = block = grow(block);
     return {bucket, number, slot};
@@ -174,7 +174,7 @@ const typename allocation_table<SIZE>::slot_data* allocation_table<SIZE>::releas
     if (head->has_chain)
         return chain_of(bucket_of(address)).release(address);
     const uint32 slot = find_address(head->addresses(), 0, head->capacity, address);
-    // The slots that have no memory yet are blank too.
+    // Slots that have no memory yet are blank too.
     if (slot == head->capacity)
         return address == 0 && slot < __block::slot_count ? &nothing : nullptr;
     blank(head, slot);

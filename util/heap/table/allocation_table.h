@@ -1,12 +1,12 @@
 // The table of live blocks: 2^20 buckets by address, each a chain of blocks of 1,024 slots.
 //
-// The order of slots is what the report shows, and it is part of the contract: a release blanks a slot, and the
-// earliest blank slot of a bucket is the next to be used. Two live slots may hold one address; the earlier one
-// is found first. Address 0 marks a blank slot and cannot be held.
+// The report shows the slots in their order, so the order is part of the contract. A release blanks a slot, and the
+// earliest blank slot of a bucket is used next. Two live slots may hold the same address; the earlier one is found
+// first. Address 0 marks a blank slot and cannot be held.
 //
-// A block has 1,024 slots, but memory for no more than it has used: its slots come in powers of two, addresses
-// packed in front, so that a search is a scan of a few cache lines. The rest of a slot is its size and the
-// number of its origin. A chain of more than one block is not scanned: it has an index.
+// A block has 1,024 slots, but memory only for those that it has used: its size grows in powers of two. The addresses
+// are packed in front, so that a search scans a few cache lines. The rest of a slot is the block's size and the number
+// of its origin. A chain of more than one block is not scanned: it has an index.
 #pragma once
 
 #include "block_arena.h"
@@ -27,7 +27,7 @@ namespace qor::heap {
 template <class SIZE>
 class allocation_table {
 public:
-    // Memory: this header, then `capacity` addresses, then as many slot_data.
+    // Memory layout: this header, then `capacity` addresses, then `capacity` slot_data.
     struct __block {
         struct slot_data {
             SIZE size;
@@ -38,10 +38,10 @@ public:
         static constexpr std::size_t full_size = 16 + slot_count * (sizeof(uint64) + sizeof(slot_data));
 
         __block* next;
-        uint16 capacity;    // slots that have memory; those behind it are blank
+        uint16 capacity;    // slots that have memory; the others are blank
         uint16 first_blank; // no slot before this one is blank
-        uint16 rank;        // of its memory in the arena
-        bool has_chain;     // it is the first of several, and the chain has an index
+        uint16 rank;        // of the block's memory in the arena
+        bool has_chain;     // the block is the first of several, and the chain has an index
 
         uint64* addresses() noexcept { return reinterpret_cast<uint64*>(this + 1); }
         const uint64* addresses() const noexcept { return reinterpret_cast<const uint64*>(this + 1); }
@@ -51,7 +51,7 @@ public:
 
     using slot_data = typename __block::slot_data;
 
-    // Names a slot: blocks move when they grow, so a slot that is kept is kept by its place.
+    // Identifies a slot by its place. Blocks move when they grow, so a pointer would not last.
     struct __entry {
         uint32 bucket;
         uint32 block; // its number in the chain
@@ -60,23 +60,23 @@ public:
 
     static constexpr uint32 bucket_count = 1u << 20;
 
-    // The heads are 8 MiB, of which most logs use little: the rest is not even touched.
+    // The heads take 8 MiB, of which most logs use little: the rest is not even touched.
     allocation_table() noexcept { zero_memory(m_heads, sizeof m_heads); }
     allocation_table(const allocation_table&) = delete;
     allocation_table& operator=(const allocation_table&) = delete;
 
-    // Does not free the blocks, which saves time where the process ends with the table.
+    // Does not free the blocks, which saves time if the process ends with the table.
     ~allocation_table() = default;
 
-    // Gives the memory of all blocks back; the table is empty then.
+    // Frees the memory of all blocks; the table is then empty.
     void free_all() noexcept;
 
     static constexpr uint32 bucket_of(uint64 address) noexcept {
         return static_cast<uint32>(address >> 10) & (bucket_count - 1);
     }
 
-    // Ask the processor for the memory that a search for the address will read: the bucket's head, and, when that
-    // has had time to arrive, the first block.
+    // Prefetch the memory that a search for the address will read: first the bucket's head and, when that has had time
+    // to arrive, the first block.
     void prefetch_head(uint64 address) noexcept {
         __builtin_prefetch(&m_heads[bucket_of(address)]);
         if (!m_chains.empty())
@@ -91,22 +91,22 @@ public:
             prefetch_place(address);
     }
 
-    // The earliest blank slot of the address's bucket. It stays blank until `set` gives it an address. Throws
+    // Returns the earliest blank slot of the address's bucket. It stays blank until `set` gives it an address. Throws
     // std::bad_alloc.
     __entry find_blank(uint64 address);
 
-    // The earliest slot that holds the address, which is not 0; false: none does.
+    // Finds the earliest slot that holds the address, which is not 0. Returns false if no slot does.
     bool find_entry(uint64 address, __entry& found) noexcept;
 
-    // Blanks the earliest slot that holds the address; what else was in it is valid until a block is added. Null: none
-    // does. Address 0 is "held" by any blank slot.
+    // Blanks the earliest slot that holds the address and returns its other data, valid until a block is added. Returns
+    // null if no slot holds it. Any blank slot counts as holding address 0.
     const slot_data* release(uint64 address) noexcept;
 
-    // The earliest blank slot of the bucket takes the block; as find_blank and set do, without naming the slot in
+    // Puts the block in the earliest blank slot of the bucket. Same as find_blank and set, without naming the slot in
     // between. Throws std::bad_alloc.
     void add(uint64 address, SIZE size, uint32 origin);
 
-    // The slot is a blank one, just found.
+    // Requires a blank slot that find_blank has just returned.
     void set(const __entry& entry, uint64 address, SIZE size, uint32 origin);
     uint64 address(const __entry& entry) const noexcept;
     SIZE size(const __entry& entry) const noexcept;
@@ -123,7 +123,7 @@ public:
         });
     }
 
-    // Gives every live slot the origin renumber(origin).
+    // Gives every live slot the origin that renumber(origin) returns.
     template <class RENUMBER>
     void renumber_origins(RENUMBER renumber) {
         walk_blocks([&renumber](__block* block) {
@@ -134,7 +134,7 @@ public:
     }
 
 private:
-    // Of released address 0.
+    // The data of address 0 when it is released.
     static constexpr slot_data nothing{0, 0};
 
     // Two small blocks of 32 bytes share a cache line.
@@ -154,7 +154,7 @@ private:
         const slot_data* release(uint64 address) noexcept;
     };
 
-    // A page of heads, of which those that hold any are known.
+    // A page of heads. The table remembers which pages have a block.
     static constexpr uint32 group = 512;
 
     template <class VISIT>
@@ -166,7 +166,7 @@ private:
                         visit(block);
     }
 
-    // Null: it has none. The one that was asked for last is often asked for again.
+    // Returns null if the bucket has no chain. The last chain is remembered because it is often wanted again.
     chain* find_chain(uint32 bucket) noexcept {
         if (bucket != m_recent_bucket) {
             const auto found = m_chains.find(bucket);
@@ -191,7 +191,7 @@ private:
     __block* m_heads[bucket_count];
     std::bitset<bucket_count / group> m_used_groups;
     std::unordered_map<uint32, chain> m_chains; // by bucket
-    uint32 m_recent_bucket = bucket_count;      // of m_recent; at first of none
+    uint32 m_recent_bucket = bucket_count;      // the bucket of m_recent; initially no bucket
     chain* m_recent = nullptr;
 };
 

@@ -14,7 +14,7 @@ void* block_arena::take(uint32 rank) {
         m_free[rank] = reused->next;
         return reused;
     }
-    // Small blocks share a cache line; larger ones begin on one.
+    // Small blocks share a cache line; larger ones begin at the start of one.
     const std::size_t size = size_of(rank);
     const std::size_t unit = size < cache_line ? size : cache_line;
     std::size_t skip = (unit - reinterpret_cast<std::uintptr_t>(m_next) % unit) % unit;

@@ -1,5 +1,5 @@
-// Memory for the blocks of one allocation table: one size per power of two and the size of a full block, cut from large
-// chunks. A block that grows leaves its old memory to the next one that needs that size.
+// Memory for the blocks of one allocation table, cut from large chunks: one size per power of two, and the size of a
+// full block. A block that grows leaves its old memory for reuse by the next block of that size.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -11,7 +11,7 @@ namespace qor::heap {
 
 class block_arena {
 public:
-    // The sizes are smallest << rank, and `largest` for the last rank.
+    // The sizes are smallest << rank, except the last one, which is `largest`.
     static constexpr uint32 rank_count = 10;
     block_arena(std::size_t smallest, std::size_t largest) noexcept : m_smallest(smallest), m_largest(largest) {}
     block_arena(const block_arena&) = delete;
@@ -26,7 +26,7 @@ public:
     void* take(uint32 rank);
     void give_back(void* memory, uint32 rank) noexcept;
 
-    // Gives all memory back to the system, that in use too.
+    // Returns all memory to the system, including memory in use.
     void free_all() noexcept;
 
 private:

@@ -6,7 +6,7 @@
 
 namespace qor::heap {
 
-// The root of both heaps made one.
+// Merges two heaps and returns the root.
 uint32 chain_index::meld(uint32 a, uint32 b) noexcept {
     if (b < a)
         std::swap(a, b);
@@ -21,11 +21,11 @@ uint32 chain_index::add_repeated(uint32 first, uint32 place) {
     return meld(first, place);
 }
 
-// The root without `first`, which was it; none: it was alone.
+// Removes the root `first` and returns the new root, or `none` if the heap is empty then.
 uint32 chain_index::take_repeated(uint32 first) noexcept {
     if (first >= m_links.size())
         return none;
-    // Neighbours are melded pair by pair, then the pairs from the last to the first.
+    // Neighbours are melded in pairs, then the pairs from the last to the first.
     uint32 rest = std::exchange(m_links[first].child, none);
     uint32 pairs = none;
     while (rest != none) {

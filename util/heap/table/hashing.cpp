@@ -25,8 +25,7 @@ uint32 hashing::of_end(std::string_view text) noexcept {
     return finish(mix(mix(key ^ text.size(), load(end - 16)), load(end - 8)));
 }
 
-// Sixteen bytes a step, in two states that do not wait for each other; the last step of a long text overlaps
-// the one before it.
+// Reads sixteen bytes a step into two independent states. The last step of a long text overlaps the one before it.
 uint32 hashing::of_text(std::string_view text) noexcept {
     const char* at = text.data();
     const char* const end = at + text.size();

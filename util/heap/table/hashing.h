@@ -1,5 +1,5 @@
-// How the engine's tables hash. The key is random and chosen once per process, so nobody can write a log whose entries
-// collide.
+// The hash functions of the engine's tables. The key is random and chosen once per process, so nobody can write a log
+// whose entries collide.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -23,8 +23,8 @@ inline uint32 of_address(uint64 address) noexcept { return finish(mix(key, addre
 
 uint32 of_text(std::string_view text) noexcept;
 
-// By its length and its last sixteen bytes, which it has to have. Callers have their address there, so that it tells
-// them apart.
+// Hashes the length and the last sixteen bytes, which the text must have. The address in a caller is at its end, so
+// these bytes distinguish callers.
 uint32 of_end(std::string_view text) noexcept;
 
 } // namespace qor::heap::hashing

@@ -1,5 +1,5 @@
-// Records of the allocation log that were read before the mtrace log asked for them: at most 1,024, in the
-// order in which they were read. The first record of an address is taken first; it is found by a hash.
+// Records of the allocation log that were read before the mtrace log asked for them: at most 1,024, in the order in
+// which they were read. The first record for an address is taken first; a hash finds it.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -14,7 +14,7 @@ class look_ahead_list {
 public:
     static constexpr uint32 limit = 1024;
 
-    // Texts by their numbers in the origin table.
+    // Texts are given by their numbers in the origin table.
     struct record {
         char code = '\0';
         uint8 bt = 0;
@@ -23,7 +23,7 @@ public:
         int32 line = 0;
         uint32 file = 0;
         uint32 type_name = 0;
-        uint32 sequence = 0; // counts the records of the list, the first one is 0; append() sets it
+        uint32 sequence = 0; // position among all records ever appended, from 0; append() sets it
     };
 
     look_ahead_list();
@@ -32,18 +32,18 @@ public:
     bool is_full() const noexcept { return m_count == limit; }
     uint32 count() const noexcept { return m_count; }
 
-    // The list is not full.
+    // Requires that the list is not full.
     void append(const record& added) noexcept;
 
-    // Takes the first record for the address out of the list. False: there is none.
+    // Takes the first record for the address out of the list. Returns false if there is none.
     bool take(uint64 address, record& out) noexcept;
 
-    // The first record for the address, or the first of all; valid until the next call of append() or take(). Null:
-    // there is none.
+    // Return the first record for the address, or the first of all, valid until the next call of append() or take().
+    // Return null if there is none.
     const record* find(uint64 address) const noexcept;
     const record* first() const noexcept { return m_order.first != none ? &m_nodes[m_order.first].content : nullptr; }
 
-    // Calls visit(record&) for each, in order.
+    // Calls visit(record&) for each record, in order.
     template <class VISIT>
     void walk(VISIT visit) {
         for (uint16 at = m_order.first; at != none; at = m_nodes[at].next)
@@ -58,7 +58,7 @@ private:
         record content;
         uint16 previous; // in the order of the list
         uint16 next;
-        uint16 next_of_group; // in the same order, among those whose addresses hash alike; or among free nodes
+        uint16 next_of_group; // in the same order, among those with the same hash; or among free nodes
     };
 
     struct ends {
@@ -74,7 +74,7 @@ private:
     ends m_order;
     uint16 m_free = 0;
     uint32 m_count = 0;
-    uint32 m_appended = 0; // since the beginning
+    uint32 m_appended = 0; // records ever appended
 };
 
 } // namespace qor::heap

@@ -1,5 +1,5 @@
-// Finds things that are named by numbers: open addressing over (hash, number), a power of two of cells, at
-// most three in four of them used. What a number stands for, only the user of the index knows.
+// Finds objects that are identified by numbers. It uses open addressing over (hash, number), with a power of two of
+// cells, of which at most three quarters are used. Only the user of the index knows the meaning of a number.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -16,13 +16,13 @@ public:
 
     struct cell {
         uint32 hash;
-        uint32 number; // the user may put another one with the same hash here
+        uint32 number; // the user may store another number with the same hash here
     };
 
-    static constexpr std::size_t cell_bytes = 2 * sizeof(cell); // what a number takes, on average
+    static constexpr std::size_t cell_bytes = 2 * sizeof(cell); // average memory of a number
 
-    // The cell with this hash for whose number `equal` holds, or null. It stays until something is added or
-    // removed.
+    // Returns the cell with this hash for which `equal(number)` is true, or null. The pointer is valid until something
+    // is added or removed.
     template <class EQUAL>
     cell* find(uint32 hash, EQUAL equal) noexcept {
         for (std::size_t at = hash & mask();; at = (at + 1) & mask()) {
@@ -42,7 +42,7 @@ public:
 
     void prefetch(uint32 hash) const noexcept { __builtin_prefetch(&m_cells[hash & mask()]); }
 
-    // What was put behind the cell moves up, so that no gap cuts it off.
+    // Moves later cells up, so that no gap makes them unreachable.
     void remove(cell* found) noexcept;
 
 private:

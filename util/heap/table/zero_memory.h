@@ -1,11 +1,11 @@
-// Clears large memory of malloc's without touching it all.
+// Clears a large block from malloc without touching all of it.
 #pragma once
 
 #include <cstddef>
 
 namespace qor::heap {
 
-// As memset with 0. Whole pages go back to the system, which puts zeroed ones in their place where one is used.
+// Same result as memset with 0. Whole pages go back to the system, which supplies zeroed ones on first use.
 void zero_memory(void* memory, std::size_t size) noexcept;
 
 } // namespace qor::heap

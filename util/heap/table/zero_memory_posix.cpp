@@ -12,7 +12,7 @@ void zero_memory(void* memory, std::size_t size) noexcept {
     const auto begin = reinterpret_cast<std::uintptr_t>(memory);
     const std::uintptr_t first = (begin + page - 1) / page * page;
     const std::uintptr_t last = (begin + size) / page * page;
-    // Locked memory cannot go back.
+    // Locked memory cannot be returned.
     if (first >= last || madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED) != 0) {
         std::memset(memory, 0, size);
         return;

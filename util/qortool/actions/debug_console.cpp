@@ -1,4 +1,4 @@
-// debug-control: the console on another process's trace codes.
+// debug-control: the console for another process's trace codes.
 #include "console/debug_control.h"
 #include "qortool_app.h"
 

@@ -11,7 +11,7 @@ namespace framework = qor::messages::framework;
 
 namespace {
 
-// Bounds the memory, whatever the size of the file.
+// Bounds the memory use, whatever the size of the file.
 constexpr uint32 block_size = 65536;
 
 constexpr uint32 digest_size = 16;
@@ -25,7 +25,7 @@ void print_digest(const uint8_Array& digest) {
     }
 }
 
-// A size of 0 is that of an empty file, or it could not be told.
+// A size of 0 means that the file is empty or that its size could not be determined.
 bool has_failed() {
     qorString reason;
     return qorGetLastError(reason) != qorError_none;
@@ -45,7 +45,7 @@ int qortool_app::func_md5sum(qorStringArray& args) {
     zetSmartPointer<IQORDigestEngine> engine;
     if (!qorCreateDigestEngine("md5", engine.Out()))
         return report_failure("FAILED to create MD5 digest engine\n");
-    const auto buffer = std::make_unique_for_overwrite<uint8[]>(block_size); // too much for a small stack
+    const auto buffer = std::make_unique_for_overwrite<uint8[]>(block_size); // too large for a small stack
     qorClearLastError();
     const uint64 size = file.GetSize();
     if (size == 0 && has_failed())
@@ -59,7 +59,7 @@ int qortool_app::func_md5sum(qorStringArray& args) {
     }
     uint8_Array digest;
     engine->GetDigest(digest);
-    // An engine that could not do its work has left none, or part of one.
+    // An engine that failed returns no digest, or only part of one.
     if (digest.GetCount() != digest_size) {
         fputmsg(stderr, framework::catalog, framework::digest_not_computed, args[0]);
         return 1;

@@ -10,7 +10,8 @@ namespace {
 
 constexpr char source[] = "util/qortool/main";
 
-// The message that names what a file is. That of compressed files takes the program that made them.
+// Returns the message that names the kind of a file. The message for compressed files takes the name of the program
+// that made them.
 uint32 name_of(qor::heap::file_kind kind) noexcept {
     using enum qor::heap::file_kind;
     switch (kind) {
@@ -38,7 +39,7 @@ uint32 name_of(qor::heap::file_kind kind) noexcept {
     return message::looks_binary;
 }
 
-// Where both streams end in one place, these lines come behind the replay's and before "Done".
+// If both streams end in one place, these lines appear after the replay's and before "Done".
 template <class... INSERTS>
 void warn(uint32 number, const INSERTS&... inserts) {
     std::fflush(stdout);
@@ -46,13 +47,13 @@ void warn(uint32 number, const INSERTS&... inserts) {
     std::fflush(stderr);
 }
 
-// The replay takes a log that cannot be read further for one that ends there, so some findings may be wrong.
+// If a log cannot be read further, the replay treats it as ended, so some findings may be wrong.
 void warn_of_unread_rest(const qorString& failure) {
     if (!failure.IsEmpty())
         warn(message::log_read_in_part, failure);
 }
 
-// Findings in such a log mean nothing.
+// Findings in such a log have no meaning.
 void warn_of_foreign_log(uint32 warning, const char* path, std::string_view beginning, bool is_first_of_two) {
     if (beginning.empty())
         return;

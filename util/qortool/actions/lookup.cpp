@@ -14,7 +14,7 @@ int qortool_app::func_lookup(qorStringArray& args) {
         return report_failure("Lookup FAILED : ");
     const uint32 count = list->GetCount();
     if (count == 0) {
-        // The line stays open: scripts know it so.
+        // The text has no line end because existing scripts expect it so.
         fixed_fprintf(stderr, "Lookup returned zero addresses");
         return 1;
     }

@@ -15,7 +15,7 @@ constexpr char source[] = "util/qortool/main";
 constexpr uint64 buffer_size = 67'108'864;
 constexpr uint32 calls = 1000;
 
-// Used in turn, so that no call finds the last one's buffer in a cache. They live until the process ends.
+// Used in turn, so that no call finds the previous call's buffer in a cache. They live until the process ends.
 struct buffers {
     std::array<char*, 8> all;
     char* operator[](uint32 number) const { return all[number % all.size()]; }
@@ -23,13 +23,14 @@ struct buffers {
 
 struct timed_test {
     const char* name;
-    uint32 first; // of the numbers that the calls get
+    uint32 first; // number of the first call
     void (*call)(const buffers& buffer, uint32 i);
 };
 
 constexpr uint32 doubled(uint32 i) { return i << 16 | i; }
 
-// The order is that of the output. Copies chain through the buffers: each reads what the next one overwrites.
+// The order is that of the output. Copies form a chain through the buffers: each reads the buffer that the next one
+// overwrites.
 constexpr timed_test tests[] = {
     {"memset()", 0, [](const buffers& buffer, uint32 i) { std::memset(buffer[i], 0, buffer_size); }},
     {"simd_zero()", 0, [](const buffers& buffer, uint32 i) { simd_zero(buffer[i], buffer_size); }},
@@ -53,7 +54,7 @@ constexpr timed_test tests[] = {
      [](const buffers& buffer, uint32 i) { simd_memcpy_safe(buffer[i - 1], buffer[i] + 1, buffer_size - 1); }},
 };
 
-// The label is there while the test runs; nothing is printed between the two readings of the clock.
+// The label is visible while the test runs; nothing is printed between the two readings of the clock.
 void run(const timed_test& test, const buffers& buffer) {
     qorString label;
     label.Printf("Testing %s ... ", test.name);
@@ -65,7 +66,7 @@ void run(const timed_test& test, const buffers& buffer) {
         test.call(buffer, i);
     const uint64 elapsed = qorGetTickCounter() - start;
 
-    // Bits of the nominal volume for each microsecond: tests that move a byte less count as much.
+    // Bits of the nominal volume for each microsecond; tests that move a byte less count as much.
     constexpr uint64 bits = calls * buffer_size * 8;
     fixed_fprintf(stdout, "elapsed: %llu.%03llu sec, %llu MB/sec\n", elapsed / 10'000'000, elapsed / 10'000 % 1000,
                   bits / (elapsed / 10));

@@ -52,7 +52,7 @@ int qortool_app::func_sysinfo(qorStringArray& args) {
     fixed_fprintf(stdout, "\n");
     fixed_fprintf(stdout, "Current timezone offset = %d\n", qorGetTimeZoneOffset());
     if (arguments.has_option()) {
-        // The sizes on a 64-bit target, which the contract fixes.
+        // The contract fixes these sizes for 64-bit targets.
         fixed_fprintf(stdout, "\n");
         fixed_fprintf(stdout, "sizeof(qorAtomic)        = %u\n", 4u);
         fixed_fprintf(stdout, "sizeof(qorFastMutex)     = %u\n", 8u);

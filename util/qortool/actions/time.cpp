@@ -13,8 +13,8 @@ constexpr const char* s_day_names[] = {
     "Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday", "Sunday",
 };
 
-// "28/3/2021". False: a separator is missing, or nothing stands before one. Numbers are cut to their field:
-// what comes out is the framework's to judge.
+// Splits "28/3/2021". Returns false if a separator is missing or nothing precedes one. Numbers are truncated to the
+// size of their field; the framework checks the result.
 bool split_date(const char* text, qorTimeInfo& date) {
     qorString rest(text);
     qorString day;
@@ -51,7 +51,7 @@ int qortool_app::func_dow(qorStringArray& args) {
     return 0;
 }
 
-// A person compares the lines: the night in which summer time begins in much of Europe, just before it does.
+// A person compares the lines. The time is shortly before summer time begins in much of Europe.
 int qortool_app::func_tztest(qorStringArray&) {
     const qorDebugSeq trace(m_debug_code, "func_tztest");
     constexpr char format[] = "%d/%m/%y @ %H:%M:%S";

@@ -1,4 +1,4 @@
-// userinfo and logon: what the framework knows of a user account.
+// userinfo and logon: show a user account.
 #include "action_arguments.h"
 #include "failure.h"
 #include "message_names.h"

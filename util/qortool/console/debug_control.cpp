@@ -14,7 +14,7 @@ namespace message = qor::messages::tool;
 
 namespace {
 
-// For a command that takes `count` arguments. False: their number is wrong, and the user has been told.
+// Checks a command that takes `count` arguments. Returns false after the user has been told that the number is wrong.
 bool check_count(const qorStringArray& args, uint32 count) {
     if (args.GetCount() == count)
         return true;
@@ -22,7 +22,7 @@ bool check_count(const qorStringArray& args, uint32 count) {
     return false;
 }
 
-// A command that failed does not end the console.
+// A failed command does not end the console.
 void report_unless(bool done) {
     if (!done)
         fputerr(stderr, true);
@@ -38,14 +38,14 @@ void list_codes(qorStringArray& codes, uint32 heading) {
     fixed_fprintf(stdout, "\n");
 }
 
-// The framework would take such a text up to the zero byte, which is not what was typed.
+// The framework would use only the text up to the zero byte, which is not the text that was typed.
 bool has_zero_byte(const qorString& line) { return std::strlen(line) != line.Length(); }
 
-// Prints a prompt and reads a line. False: the input has ended, and the user has been told.
+// Prints a prompt and reads a line. Returns false at the end of the input, after the user has been told.
 bool ask(const char* prompt, qorString& line) {
     fixed_fprintf(stdout, "%s", prompt);
     std::fflush(stdout);
-    // An earlier error has been reported, and says nothing about the input.
+    // An earlier error has been reported and is unrelated to the input.
     qorClearLastError();
     if (line.GetLine(stdin))
         return true;
@@ -83,7 +83,7 @@ debug_control::~debug_control() = default;
 uint32 debug_control::getver_IQORDebugControlSink() noexcept { return 1; }
 
 // Called on a thread of the framework while the console waits for input, which may never come. An orderly exit could
-// wait for the lock of the stream that the console reads, so the process ends without one.
+// wait for the lock of the stream that the console is reading, so the process ends without one.
 void debug_control::debug_ConnectionLost() noexcept {
     fixed_fprintf(stderr, "Debug connection lost\n");
     std::fflush(stderr);
@@ -91,7 +91,7 @@ void debug_control::debug_ConnectionLost() noexcept {
 }
 
 bool debug_control::check_arguments(qorStringArray& args) {
-    // "xxx" has no effect: old scripts give it.
+    // "xxx" has no effect; old scripts pass it.
     const action_arguments arguments(args, 2, "xxx");
     if (arguments.found() == action_arguments::fault::unknown_option)
         qorDebug(m_debug_code, "FAIL bad option");
@@ -100,7 +100,7 @@ bool debug_control::check_arguments(qorStringArray& args) {
     return arguments.accept("debug-control");
 }
 
-// On a first connection only the fingerprint tells users which process is about to receive their password.
+// On a first connection, only the fingerprint tells users which process will receive their password.
 void debug_control::warn_of_unknown_key(const char* host, uint16 port) {
     zetSmartPointer<IQORDebugControl2> control;
     qorString fingerprint;
@@ -114,19 +114,19 @@ void debug_control::warn_of_unknown_key(const char* host, uint16 port) {
 bool debug_control::send_credentials(const qorString& user, const qorString& password) {
     if (!has_zero_byte(user) && !has_zero_byte(password))
         return m_control->Login(user, password);
-    qorSetLastError(qorError_credentials_refused); // no account has these
+    qorSetLastError(qorError_credentials_refused); // no account has such a name or password
     return false;
 }
 
 bool debug_control::log_in() {
-    // A buffer would keep what it has read, passwords included.
+    // A buffer would keep all input, including passwords.
     std::setvbuf(stdin, nullptr, _IONBF, 0);
     for (;;) {
         qorString user;
         qorString password;
         const bool asked = ask("Username: ", user) && ask("Password: ", password);
         const bool done = asked && send_credentials(user, password);
-        wipe_string(user); // passwords are easily typed at the wrong prompt
+        wipe_string(user); // users easily type a password at the wrong prompt
         wipe_string(password);
         if (done || !asked)
             return done;
@@ -145,7 +145,7 @@ bool debug_control::Execute(qorStringArray& args) {
     create_IQORDebugControl(m_control.Out());
     if (!m_quiet)
         fputmsg(stdout, message::catalog, message::connecting, true);
-    // A larger number loses its upper bits: 70000 is port 4464.
+    // A port number above 65535 loses its upper bits: 70000 becomes 4464.
     const auto port = static_cast<uint16>(std::atoi(args[1]));
     if (!m_control->Connect(args[0], port)) {
         qorDebug(m_debug_code, "FAIL conn->Connect() returned false");

@@ -13,8 +13,8 @@ public:
     void Release() noexcept override { object_Release(); }
     int QueryInterface(const char* name, void** out) noexcept override { return object_QueryInterface(name, out); }
 
-    // Takes two arguments, a host and a port. Runs until the input ends or something fails that the console cannot
-    // recover from; the user has been told. Always false. A lost connection ends the process.
+    // Takes two arguments, a host and a port. Runs until the input ends or an unrecoverable failure occurs, of which
+    // the user has been told. Always returns false. A lost connection ends the process.
     bool Execute(qorStringArray& args);
 
 protected:

@@ -10,7 +10,7 @@ namespace {
 // For messages: a NUL in a text ends it there.
 int printed_length(std::string_view text) noexcept { return static_cast<int>(text.size()); }
 
-// The findings of a walk over the live blocks.
+// Reports the leaks that a walk over the live blocks finds.
 class leak_report {
 public:
     leak_report(report_streams& streams, const qor::heap::origin_table& origins)

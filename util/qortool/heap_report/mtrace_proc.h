@@ -11,8 +11,8 @@
 #include <cstdio>
 #include <string_view>
 
-// Carries the head of every bucket (8 MiB), so it always lives on the heap. One object serves one replay, of which it
-// is the sink.
+// The object contains the head of every bucket (8 MiB), so allocate it on the heap. One object serves one replay and is
+// its sink.
 class mtrace_proc : public qorRefObject {
 public:
     using replay = qor::heap::replay<mtrace_proc, qor::heap::fixed_report_rules>;
@@ -24,25 +24,26 @@ public:
 
     explicit mtrace_proc(std::FILE* out = stdout, std::FILE* err = stderr);
 
-    // One or two words: the mtrace log and the log to join. False: the last error says why.
+    // Takes one or two words: the mtrace log, and the log to join. Returns false on failure; the last error says why.
     bool Execute_MTRACE(qorStringArray& args);
 
-    // One word: the allocation log.
+    // Takes one word: the allocation log.
     bool Execute_MEMCHECK(qorStringArray& args);
 
-    // After a replay: what a log begins with that is none of its kind. Empty otherwise.
+    // After a replay: the beginning of a log that is not of the expected kind. Empty otherwise.
     std::string_view foreign_mtrace() const noexcept { return m_replay.mtrace().foreign_beginning(); }
     std::string_view foreign_memcheck() const noexcept { return m_replay.memcheck().foreign_beginning(); }
 
-    // After a replay: why a log was not read to its end. Empty otherwise.
+    // After a replay: the reason why a log was not read to its end. Empty otherwise.
     const qorString& mtrace_failure() const noexcept { return m_replay.mtrace().failure(); }
     const qorString& memcheck_failure() const noexcept { return m_replay.memcheck().failure(); }
 
-    // Gives the memory of the replay back. What is not freed so stays in use until the process ends: the two actions
-    // end with it.
+    // Frees the memory of the replay. Without this call it stays in use until the process ends, which is enough for the
+    // two actions.
     void free_all() { m_replay.free_all(); }
 
-    // What the replay tells. Live blocks are reported at the end, all others are of no interest.
+    // The events of the replay. The report lists the blocks that are live at the end, so allocations, releases and
+    // changed origins are ignored.
     void allocation(const block&) noexcept {}
     void release(const block&) noexcept {}
     void origin_changed(const block&) noexcept {}
@@ -56,7 +57,7 @@ public:
     void leftover(const __memcheck_line& rec);
 
 private:
-    // What both actions say to words that they cannot use. Always false.
+    // Reports a wrong number of words, for both actions. Always returns false.
     bool refuse_words(const char* action, const qorStringArray& args);
 
     void report_leaks();

@@ -4,7 +4,7 @@
 
 namespace {
 
-// Standard error may still be written while the process ends, so its buffer lives as long.
+// Standard error may still be written while the process ends, so its buffer is static.
 char err_buffer[64 * 1024];
 
 } // namespace

@@ -1,6 +1,6 @@
-// The two output streams of a replay. Standard error is chatty (a counter every few records), so it is buffered;
-// no byte of it changes. Where both streams end in one place, a terminal or one file, their lines still come in
-// the order in which they were written.
+// The two output streams of a replay. Standard error gets a counter every few records, so it is buffered; its bytes do
+// not change. If both streams end in one place, a terminal or one file, their lines still appear in the order in which
+// they were written.
 #pragma once
 
 #include <chrono>
@@ -8,25 +8,26 @@
 
 class report_streams {
 public:
-    // The standard streams, unless a test wants to see for itself.
+    // Uses the standard streams by default; tests pass others.
     explicit report_streams(std::FILE* out = stdout, std::FILE* err = stderr);
     report_streams(const report_streams&) = delete;
     report_streams& operator=(const report_streams&) = delete;
     ~report_streams();
 
-    // Findings go here; what was said on the other stream before is written out first if that matters.
+    // Findings go here. If the order matters, pending output of the other stream is written first.
     std::FILE* out();
 
     // Progress and warnings go here. Nothing stays in the buffer for longer than `stale_after`.
     std::FILE* err();
 
-    // A number that the next one overwrites. It stays in a buffer: call flush_if_stale() before what may take a while.
+    // Shows a number that the next one overwrites. It stays in a buffer: call flush_if_stale() before an operation that
+    // may take a while.
     void progress(unsigned count);
 
-    // Writes the buffer out if its last flush is longer ago than `stale_after`.
+    // Writes the buffer if its last flush was longer ago than `stale_after`.
     void flush_if_stale();
 
-    // Writes both streams out: the wait may take any time.
+    // Writes both streams, because the wait has no limit.
     void before_wait();
 
 private:
@@ -40,9 +41,9 @@ private:
     bool m_one_place;
     std::FILE* m_last = nullptr;
     std::chrono::steady_clock::time_point m_flushed;
-    char m_progress[4096]; // for standard error, behind what it has
+    char m_progress[4096]; // for standard error, after its buffered text
     char* m_next_progress = m_progress;
 };
 
-// Whether standard output and standard error end in the same terminal or file.
+// Returns true if standard output and standard error end in the same terminal or file.
 bool streams_share_a_place();

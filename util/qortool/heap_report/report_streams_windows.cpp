@@ -9,7 +9,8 @@ bool is_console(HANDLE stream) noexcept {
     return GetConsoleMode(stream, &mode) != 0;
 }
 
-// Two handles of one open file or pipe, as the shell makes them for "2>&1". Windows 10 is the first that can tell.
+// Returns true for two handles of one open file or pipe, such as the shell makes for "2>&1". The function exists from
+// Windows 10 on.
 bool is_same_object(HANDLE a, HANDLE b) noexcept {
     using compare = BOOL(WINAPI*)(HANDLE, HANDLE);
     const auto function = reinterpret_cast<compare>(

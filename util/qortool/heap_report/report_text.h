@@ -1,5 +1,4 @@
-// The text of a long report, put together by hand: there may be millions of lines, and printf takes ten times
-// as long.
+// Builds the text of a long report without printf, which takes ten times as long: there may be millions of lines.
 #pragma once
 
 #include "qor/qor.h"
@@ -10,7 +9,7 @@
 #include <memory>
 #include <string_view>
 
-// Goes to standard output in large pieces; the last one when the object ends.
+// Writes to standard output in large pieces; the destructor writes the last one.
 class report_text {
 public:
     explicit report_text(report_streams& streams) : m_streams(streams) {}
