@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Compares the includes of the tree with the tables of docs/architecture.md: a folder includes from the folders that its
-row names and from all of those, no file includes itself by way of others, and no folders depend on each other in a
-circle. The public headers, which every folder may include, stand in no row."""
+"""Compares the includes of the tree with the tables of docs/architecture.md. A folder includes from exactly the folders
+that its row names, no file includes itself by way of others, and no folders depend on each other in a circle. The
+public headers, which every folder may include, have no row."""
 
 import re
 import sys
@@ -14,17 +14,17 @@ PUBLIC = PurePosixPath("qorcore/include")
 SCANNED = ("qorcore/src", "qorcore/modules", "qorcore/include", "util")
 SOURCES = {".h", ".cpp", ".def"}
 
-INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)  # in <> stand headers of others
+INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)  # includes in <> name headers of others
 TABLE = re.compile(r"^\| folder of `([^`]+)` \|[^|]*\| may use \|\n\|[-|]+\|\n((?:\|.*\|\n)+)", re.MULTILINE)
 
 
 def unit_of(path):
-    """The folder that a file counts for; the public headers are one."""
+    """Returns the folder that a file counts for; the public headers are one folder."""
     return PUBLIC if path.is_relative_to(PUBLIC) else path.parent
 
 
 class Tree:
-    """The sources below `root`, and what each includes of the others."""
+    """The sources below `root`, and the includes of each within the tree."""
 
     def __init__(self, root):
         self.root = root
@@ -40,7 +40,8 @@ class Tree:
         return {found for name in INCLUDE.findall(text) if (found := self.find(path, PurePosixPath(name))) is not None}
 
     def find(self, path, name):
-        """The file of the tree that `path` includes as `name`, of several the nearest; None: a generated one."""
+        """Returns the file of the tree that `path` includes as `name`, the nearest if there are several; None for a
+        generated one."""
         if path.parent / name in self.files:
             return path.parent / name
         candidates = [file for file in self.by_name.get(name.name, ()) if file.parts[-len(name.parts):] == name.parts]
@@ -55,7 +56,7 @@ class Tree:
         return max(candidates, key=nearness, default=None)
 
     def edges(self):
-        """{(folder, folder): the files of the first that include from the second}"""
+        """Returns {(folder, folder): the files of the first that include from the second}."""
         result = {}
         for path, included in self.includes.items():
             for other in included:
@@ -69,12 +70,13 @@ class Tree:
 
 
 def resolved(row, word):
-    """The folders that a row may call `word`: below itself, else below one of the folders above, the nearest first."""
+    """Returns the folders that `word` in a row may mean: below the row's folder, else below a folder above it, nearest
+    first."""
     return [above / word for above in (row, *row.parents)]
 
 
 def read_tables(text, folders):
-    """({folder: the folders that it may use}, faults)"""
+    """Returns ({folder: the folders that it may use}, faults)."""
     rows, faults = {}, []
     for top, body in TABLE.findall(text):
         for line in body.splitlines():
@@ -93,7 +95,7 @@ def read_tables(text, folders):
 
 
 def circle_in(graph):
-    """A path through `graph` that ends where it began, or None."""
+    """Returns a path through `graph` that ends where it began, or None."""
     done, path = set(), []
 
     def visit(node):

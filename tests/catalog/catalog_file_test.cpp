@@ -89,7 +89,7 @@ TEST(parse_catalog, a_broken_line_is_missing_and_harms_no_other) {
         EXPECT_EQ(parse(std::string("1 eins\n") + line), only_one) << line;
     }
     EXPECT_EQ(parse(std::string("1 u\0no\n", 7)), none);
-    // What is no number is not number 0 either.
+    // Text that is not a number must not count as number 0.
     constexpr message zero[] = {{0, "zero"}};
     for (const char* line : {" null", "4294967296 null", "-0 null", "# null"})
         EXPECT_EQ(qor::catalog::parse_catalog(line, zero), none) << line;
@@ -101,7 +101,7 @@ TEST(parse_catalog, order_does_not_matter) {
 
 TEST(parse_catalog, of_two_the_first_counts) {
     EXPECT_EQ(parse("1 eins\n1 uno\n"), only_one);
-    // One that cannot be used is none.
+    // A line that cannot be used is ignored.
     EXPECT_EQ(parse("1 \xff\n1 eins\n"), only_one);
     EXPECT_EQ(parse("01 eins\n1 uno\n"), only_one);
 }

@@ -1,4 +1,4 @@
-// Catalogs in what only POSIX has for a file.
+// Catalogs in kinds of files that only POSIX has.
 #include "catalog/catalog_file.h"
 
 #include "support/temp_folder.h"

@@ -8,7 +8,7 @@ namespace {
 
 using qor::catalog::expand;
 
-// What a stream got.
+// Captures the output of a stream.
 class captured {
 public:
     captured() : m_stream(std::tmpfile()) {}
@@ -28,7 +28,7 @@ private:
     std::FILE* m_stream;
 };
 
-// English, whoever runs the test; each test may choose another language.
+// English, whatever the user's language; each test may choose another one.
 class catalog : public testing::Test {
 protected:
     catalog() { choose("en"); }
@@ -140,7 +140,7 @@ TEST_F(catalog, strings_format_messages) {
     EXPECT_STREQ(text, "");
     EXPECT_TRUE(text.FormatEx("qortool", 16, "fr", ten));
     EXPECT_STREQ(text, "Nom :               a");
-    // An insert may lie in the string itself.
+    // An insert may point into the string itself.
     text = "me";
     EXPECT_TRUE(text.Format("qorcore", 1020, text, text));
     EXPECT_STREQ(text, "me: me");

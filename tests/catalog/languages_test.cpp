@@ -9,7 +9,7 @@ namespace {
 using qor::catalog::canonical_language;
 using names = std::vector<std::string>;
 
-// A fake environment; what is not in it is unset.
+// A fake environment; variables that it does not contain are unset.
 std::map<std::string, std::string> environment;
 
 const char* value(const char* variable) {
@@ -54,7 +54,7 @@ TEST(canonical_language, gives_one_spelling) {
 TEST(canonical_language, knows_english_by_all_its_names) {
     for (const char* name : {"en", "EN", "en_GB", "en-us", "en_US_POSIX", "C", "POSIX"})
         EXPECT_EQ(canonical_language(name), "en") << name;
-    // Names that only begin like it.
+    // Names that only begin with a known one.
     EXPECT_EQ(canonical_language("enm"), "enm");
 }
 
@@ -68,7 +68,7 @@ TEST(canonical_language, refuses_what_cannot_be_a_name) {
     EXPECT_EQ(canonical_language("de_" + std::string(38, 'x')), "");
 }
 
-// Whatever comes in, what comes out can stand in a file's name.
+// Whatever the input, the result is safe as part of a file name.
 TEST(canonical_language, never_lets_a_path_through) {
     for (int first = 0; first < 256; ++first)
         for (int second = 0; second < 256; ++second) {
@@ -107,7 +107,7 @@ TEST(parse_languages, refuses_what_is_no_name) {
     EXPECT_EQ(refused_part("de:../../etc/passwd:fr"), "../../etc/passwd");
     EXPECT_EQ(refused_part("german language"), "german language");
     EXPECT_EQ(refused_part("de.UTF-8"), "de.UTF-8");
-    // Also where nobody would look for it any more.
+    // Even at a place that is no longer searched.
     EXPECT_EQ(refused_part("en:x"), "x");
 }
 
@@ -131,9 +131,9 @@ TEST(languages_of_environment, the_plain_locale_is_english_whatever_else_is_set)
     for (const char* plain : {"C", "POSIX"})
         for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"})
             EXPECT_EQ(of_environment({{"LANGUAGE", "de"}, {variable, plain}}), names{}) << variable;
-    // It has to be the one that decides.
+    // The variable must be the one that decides.
     EXPECT_EQ(of_environment({{"LANGUAGE", "de"}, {"LC_ALL", "fr"}, {"LANG", "C"}}), names{"de"});
-    // With a character set it is not asked for as such.
+    // A name with a character set does not count as "C".
     EXPECT_EQ(of_environment({{"LANGUAGE", "de"}, {"LANG", "C.UTF-8"}}), names{"de"});
     EXPECT_EQ(of_environment({{"LANG", "C.UTF-8"}}), names{});
 }

@@ -1,4 +1,4 @@
-// The texts that are shipped: every number there is, every language whole.
+// The shipped texts: every number exists, and every language is complete.
 #include "catalog/catalog_file.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@ namespace {
 
 using numbers = std::vector<uint32>;
 
-// The numbers that the tool speaks through. They are a contract: programs and translations count on them.
+// The message numbers of the tool. They are a contract: programs and translations rely on them.
 const numbers tool_numbers = {1,  2,  3,  5,  6,  7,  8,  9,  10, 11, 12,  13,  14,  15,  16,  17, 18, 19, 20,
                               21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31,  32,  33,  34,  35,  36, 37, 44, 45,
                               46, 47, 48, 49, 50, 51, 52, 53, 54, 55, 56,  57,  58,  59,  60,  63, 64, 65, 66,
@@ -25,7 +25,7 @@ struct pair {
     uint32 description;
 };
 
-// Help on the options and actions, in both catalogs.
+// Help on options and actions, in both catalogs.
 const pair tool_help[] = {{2, 3},   {56, 57}, {12, 13}, {23, 24}, {25, 26}, {54, 55}, {27, 28},
                           {29, 30}, {59, 60}, {44, 45}, {51, 52}, {31, 32}, {34, 35}, {78, 79},
                           {83, 84}, {80, 81}, {85, 86}, {87, 88}, {8, 9}};
@@ -42,7 +42,7 @@ const expected_inserts tool_inserts[] = {{10, 1}, {11, 1}, {16, 1}, {17, 1}, {18
 
 constexpr std::size_t syntax_width = 34;
 
-// In characters, as a terminal counts them.
+// The width in characters, as a terminal counts them.
 std::size_t width(std::string_view text) {
     return static_cast<std::size_t>(std::ranges::count_if(text, [](char c) { return (c & 0xc0) != 0x80; }));
 }
@@ -58,7 +58,7 @@ std::vector<shipped_file> shipped_files() {
     for (const auto& entry : std::filesystem::directory_iterator(QOR_MESSAGES_DIR)) {
         const std::filesystem::path& path = entry.path();
         if (path.extension() != ".msg") {
-            // Else it is one of the lists that English and the names are made from.
+            // Otherwise it is a list from which English and the names are made.
             EXPECT_TRUE(path.extension() == ".def" || path.extension() == ".h") << path;
             continue;
         }
@@ -79,7 +79,7 @@ std::string text_of(std::string_view catalog, uint32 number, std::string_view la
     return std::string(qor::catalog::find_in(catalog, number, language));
 }
 
-// All that is spoken: English and what is shipped.
+// All languages: English and those that are shipped.
 std::vector<std::string> languages() {
     std::vector<std::string> all = {"en"};
     for (const shipped_file& file : shipped_files())
@@ -170,7 +170,7 @@ TEST(messages, help_fits_its_columns) {
     }
 }
 
-// What the user types is the same in every language: the words in front of the first argument.
+// Words that the user types, those before the first argument, are the same in every language.
 TEST(messages, help_names_the_same_words_in_every_language) {
     const auto typed = [](const std::string& syntax) { return syntax.substr(0, syntax.find_first_of(" =")); };
     for (const std::string& language : languages()) {

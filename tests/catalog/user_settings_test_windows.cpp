@@ -1,4 +1,4 @@
-// The languages of a user who has set no variable.
+// The languages of a user who has not set a variable.
 #include "catalog/user_settings.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ protected:
     }
 };
 
-// What another function of the system says.
+// The same setting from another function of the system.
 std::string language_of_screens() {
     wchar_t wide[LOCALE_NAME_MAX_LENGTH];
     LCIDToLocaleName(MAKELCID(GetUserDefaultUILanguage(), SORT_DEFAULT), wide, LOCALE_NAME_MAX_LENGTH, 0);

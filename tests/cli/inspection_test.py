@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Whole runs of `sysinfo` and `lookup` beside the programs of the system that tell the same.
+"""Compares whole runs of `sysinfo` and `lookup` with system programs that report the same.
 
 usage: inspection_test.py --tool PATH
 
@@ -19,12 +19,12 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from tool import Tool, add_options  # noqa: E402  # in tests/support
 
 tool = None
 EVERYWHERE = os.defpath + ":/sbin:/usr/sbin"
 
-# A name server in the name space of the run: it knows every name, and no address of any.
+# A name server in the name space of the run: it knows every name, but no address for any.
 NAME_SERVER = """
 import os, socket, subprocess, sys, threading
 subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
@@ -59,7 +59,7 @@ class Inspection(unittest.TestCase):
         return output(*before, *tool.command, "--quiet", *words, **more)
 
     def report(self, *before, **more):
-        """The lines of the report that have a label."""
+        """Returns the labelled lines of the report."""
         done = self.run_tool("sysinfo", before=before, **more)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         self.text = done.stdout
@@ -71,7 +71,7 @@ class Inspection(unittest.TestCase):
         return path
 
     def with_files(self, replaced, *name_spaces):
-        """The words before a command that sees other content in files of the system."""
+        """Returns the words to put before a command so that it sees other content in files of the system."""
         if not may("-r", "-m", *name_spaces):
             self.skipTest("this host lets nobody have name spaces")
         script = ""
@@ -131,7 +131,7 @@ class Inspection(unittest.TestCase):
         self.assertAlmostEqual(total, used + free, delta=0.02)
         listed = output("free", "-b").stdout.splitlines()[1].split()
         limit = int(listed[1]) / 1048576
-        # A control group around this test may leave it less; what is free changes all the time.
+        # A control group around this test may reduce the total; free memory changes all the time.
         self.assertLessEqual(total, limit + 0.01)
         if total > limit - 0.01:
             self.assertAlmostEqual(free, int(listed[6]) / 1048576, delta=limit / 10)
@@ -193,7 +193,8 @@ class Inspection(unittest.TestCase):
     # ---- lookup
 
     def check_lookup(self, name, before=()):
-        """Beside getent, which lists an address once per kind of socket; -A: also those that this host has no way to."""
+        """Compares with getent, which lists an address once per kind of socket. With -A it also lists addresses that
+        this host cannot reach."""
         listed = output(*before, "getent", "-A", "ahosts", name)
         self.assertEqual(listed.returncode, 0, listed.stderr)
         expected = dict.fromkeys(line.split()[0] for line in listed.stdout.splitlines())

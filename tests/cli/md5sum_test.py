@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Whole runs of `qortool md5sum` beside coreutils md5sum, and over files that are not what they seem.
+"""Compares whole runs of `qortool md5sum` with coreutils md5sum, and runs it over files that are not what they seem.
 
 usage: md5sum_test.py --tool PATH [--runner PROGRAM]
 """
@@ -15,7 +15,7 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options, as_nobody, copy_programs, public_folder  # noqa: E402  # beside this folder
+from tool import Tool, add_options, as_nobody, copy_programs, public_folder  # noqa: E402  # in tests/support
 
 GIB = 1 << 30
 
@@ -33,13 +33,13 @@ class Md5sum(unittest.TestCase):
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=tool.environment(), **more)
 
     def end(self, process):
-        """(exit code, standard output, standard error)"""
+        """Returns (exit code, standard output, standard error)."""
         out, err = process.communicate(timeout=250)
         return process.returncode, tool.printed(out).decode(), tool.printed(err).decode()
 
     def check(self, name):
         theirs = subprocess.run(["md5sum", "-b", name], cwd=self.folder, capture_output=True, check=True)
-        # A name with a backslash or a line end makes it begin the line with a backslash.
+        # For a name with a backslash or a line end, coreutils begins the line with a backslash.
         digest = theirs.stdout.lstrip(b"\\").split()[0].decode().upper()
         self.assertEqual(self.end(self.start(name)), (0, digest + "\n", ""))
 
@@ -71,7 +71,7 @@ class Md5sum(unittest.TestCase):
 
 
 class Md5sumPosix(Md5sum):
-    """What only POSIX has, beside the rest."""
+    """Cases that only POSIX has."""
 
     def test_odd_names(self):
         for name in [b"a\nb", b"\\", b"\xff\xfe", b"%d", b" "]:
@@ -85,7 +85,7 @@ class Md5sumPosix(Md5sum):
                          "Cannot open 'pipe': it is a pipe or a device, not a file on a disk.")
 
     def test_an_unreadable_file(self):
-        # Nothing is unreadable to root, and another user may not be able to enter the build's folder.
+        # Every file is readable to root, and another user may not be able to enter the build's folder.
         folder = public_folder()
         self.addCleanup(folder.cleanup)
         self.folder = Path(folder.name)
@@ -95,7 +95,7 @@ class Md5sumPosix(Md5sum):
                          command=[str(copy_programs(tool.path.parent, self.folder))], **as_nobody())
 
     def test_a_file_that_is_shorter_than_it_says(self):
-        """As those of sysfs are: a page, whatever they hold."""
+        """Like files of sysfs: their size is a page, whatever they contain."""
         path = "/sys/class/net/lo/address"
         content = Path(path).read_bytes()
         self.assertLess(len(content), os.stat(path).st_size)
@@ -103,7 +103,7 @@ class Md5sumPosix(Md5sum):
                                f"byte {len(content)}.")
 
     def test_a_file_that_shrinks(self):
-        """So large that it cannot be read to its end before it is cut off."""
+        """A file so large that it is cut off before it has been read to its end."""
         path = self.folder / "file"
         path.touch()
         os.truncate(path, 256 * GIB)

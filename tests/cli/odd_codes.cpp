@@ -1,8 +1,8 @@
-// A process with a trace code and texts of any bytes, which the environment names: ODD_NAME.
+// A process with a trace code and texts of arbitrary bytes, taken from the environment variable ODD_NAME.
 //
 //     odd_codes MILLISECONDS [once]
 //
-// Traces every so many milliseconds until it is killed, with a code of its own name as well ("ticker.tick"), or once.
+// Traces once, or at this interval until it is killed, also with a code of an ordinary name ("ticker.tick").
 #include "qor/qor.h"
 
 #include <cstdlib>

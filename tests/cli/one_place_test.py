@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Both streams of a replay in one place, a file or a terminal: lines stand in the order in which they were written.
+"""Both streams of a replay in one place, a file or a terminal: lines appear in the order in which they were written.
 
 usage: one_place_test.py --tool PATH [--runner PROGRAM]
 """
@@ -14,9 +14,9 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from tool import Tool, add_options  # noqa: E402  # in tests/support
 
-# Findings between warnings and counters, so that any other order shows.
+# Findings between warnings and counters, so that any other order is visible.
 LOG = b"".join([
     b"@ first\n",
     b"@ a - 0x1000\n",
@@ -70,7 +70,7 @@ class OnePlace(unittest.TestCase):
         self.assertEqual(tool.printed((self.folder / "out").read_bytes()), EXPECTED)
 
     def run_in_its_shell(self):
-        """A redirection of ours would be two files to a Windows program; its own shell makes it one."""
+        """A redirection made here would be two files to a Windows program; its own shell makes it one."""
         *runner, program = tool.command
         command = f"{program} --quiet mtrace log >out 2>&1".replace("/", "\\")
         code = subprocess.run([*runner, "cmd", "/c", command], cwd=self.folder, stdin=subprocess.DEVNULL,

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""path-list in homes of its own, to the byte; and beside `xdg-user-dir` and `systemd-path`, which ask the same files and
-variables.
+"""Runs path-list in home folders of its own and compares the output byte for byte. Also compares it with `xdg-user-dir`
+and `systemd-path`, which read the same files and variables.
 
 usage: path_list_test.py --tool PATH
 """
@@ -17,7 +17,7 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from tool import Tool, add_options  # noqa: E402  # in tests/support
 
 TAGS = """home desktop documents downloads music pictures videos public templates
           user-configuration user-data user-state user-cache user-runtime user-temporary user-logs user-fonts
@@ -49,7 +49,7 @@ XDG_VIDEOS_DIR="relative"
 XDG_TEMPLATES_DIR=$HOME/no-quotes
 XDG_TEMPLATESX_DIR="$HOME/another"
 """
-# What other programs take as we do: the shell takes more.
+# Lines that other programs interpret as we do; the shell accepts more.
 PLAIN_USER_DIRS = """XDG_DESKTOP_DIR="$HOME/Schreibtisch"
 XDG_DOCUMENTS_DIR="/srv/documents"
 XDG_DOWNLOAD_DIR="$HOME/Downloads"
@@ -74,12 +74,12 @@ class PathList(unittest.TestCase):
         return done.stdout.decode(), done.stderr.decode()
 
     def paths(self, environment):
-        """{tag: path} of one run."""
+        """Returns {tag: path} of one run."""
         out, _ = self.run_tool(environment)
         return dict(re.findall(r"^    (\S+) *= (.*)$", out, re.M))
 
     def expected(self, **changes):
-        """What the tool prints with these environment variables and no file of user folders."""
+        """Returns the expected output for these environment variables, without a file of user folders."""
         home = self.home
         binaries = str(tool.path.parent)
         with open("/proc/self/maps") as maps:
@@ -143,7 +143,7 @@ class PathList(unittest.TestCase):
     def test_the_users_file_that_cannot_be_used(self):
         self.write_user_dirs("XDG_MUSIC_DIR=\"\nXDG_VIDEOS_DIR\nXDG_\n=\n\0\n\xff\nXDG_MUSIC_DIR=\"/m\\")
         paths = self.paths(self.environment())
-        # A last line without its end is one, too.
+        # A last line without a line end counts too.
         self.assertEqual((paths["music"], paths["videos"]), ("/m\\", self.home))
         shutil.rmtree(Path(self.home, ".config"))
         Path(self.home, ".config/user-dirs.dirs").mkdir(parents=True)

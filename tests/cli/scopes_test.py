@@ -12,15 +12,15 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from tool import Tool, add_options  # noqa: E402  # in tests/support
 
-# Words that bring the action to its end at once, and the scopes in the order in which they are opened.
+# Words that end the action at once, and the scopes in the order in which they are opened.
 ACTIONS = {
     "help": ("", ["func_help"]),
     "sysinfo": ("word", ["func_sysinfo"]),
     "netlist": ("word", ["func_netlist"]),
     "pwcrypt": ("", ["func_pwcrypt"]),
-    # This one has no scope.
+    # This action has no scope.
     "ttyinfo": ("", []),
     "list-serial": ("word", ["func_list_serial"]),
     "md5sum": ("", ["func_md5sum"]),
@@ -40,7 +40,7 @@ ACTIONS = {
 
 class Scopes(unittest.TestCase):
     def traced(self, *words):
-        """The lines of a run, without time and process."""
+        """Returns the lines of a run, without time and process."""
         with tempfile.TemporaryDirectory() as folder:
             file = Path(folder) / "trace"
             subprocess.run([*tool.command, "--qor-debug=system.util.qortool,qortool.*", f"--qor-debug-file={file}", *words],
@@ -53,7 +53,7 @@ class Scopes(unittest.TestCase):
                 lines = self.traced(action, *words.split())
                 entered = [line.split(" >>ENTER>> ")[1] for line in lines if ">>ENTER>>" in line]
                 self.assertEqual(entered, [name + "()" for name in ["Main", *scopes]])
-                # Each is left again, the last one first.
+                # Each scope is left again, in reverse order.
                 left = [line.split(" <<LEAVE<< ")[1] for line in lines if "<<LEAVE<<" in line]
                 self.assertEqual(left, entered[::-1])
 

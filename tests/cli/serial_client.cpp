@@ -1,5 +1,5 @@
-// serial_client PORT TEXT: a client that sends a text through a port and prints how the port is set and what comes
-// back, as many bytes as it sent.
+// serial_client PORT TEXT: sends a text through a port, then prints the port's settings and the answer, as many bytes
+// as it sent.
 #include "qor/qor.h"
 
 #include <cstring>
@@ -33,7 +33,7 @@ bool talk(IQORSerialPort& port, const char* text) {
     if (!port.GetWaiting(received, unsent))
         return false;
     fixed_fprintf(stdout, "%u sent, '%s' came, %u wait\n", length, answer.Text(), received + unsent);
-    // Nothing more comes, and that is no failure.
+    // No more bytes come, which is not a failure.
     return port.Read(&count, 1, 1, count) && count == 0;
 }
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A client and `qortool ttyinfo` on a pseudo-terminal whose other end answers. Wine takes one for a COM port.
+"""A client and `qortool ttyinfo` on a pseudo-terminal whose other end answers. Wine treats one as a COM port.
 
 usage: serial_talk_test.py --tool PATH --client PATH [--runner PROGRAM]
 """
@@ -16,9 +16,9 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from tool import Tool, add_options  # noqa: E402  # in tests/support
 
-PORT_IN_WINE = "COM77"  # Wine's own are the first few
+PORT_IN_WINE = "COM77"  # Wine uses the first few itself
 
 options = None
 

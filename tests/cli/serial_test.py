@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Whole runs of `qortool list-serial` and `qortool ttyinfo`: over hosts that are made up, over this host's ports beside what
-the kernel says of them, over a recorded adapter, and over ports that somebody else may open.
+"""Whole runs of `qortool list-serial` and `qortool ttyinfo`: on invented hosts, on this host's ports compared with the
+kernel's data, with a recorded adapter, and on ports that only another user may open.
 
 usage: serial_test.py --tool PATH [--instrumented]
 """
@@ -19,10 +19,10 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from name_space import name_space  # noqa: E402  # beside this folder
-from tool import NOBODY, Tool, add_options, as_nobody, copy_programs, public_folder  # noqa: E402  # beside this folder
+from name_space import name_space  # noqa: E402  # in tests/support
+from tool import NOBODY, Tool, add_options, as_nobody, copy_programs, public_folder  # noqa: E402  # in tests/support
 
-# In a name space of its own the run has these folders as its /sys and /dev.
+# In a name space of its own, the run sees these folders as its /sys and /dev.
 MOUNTED = ["sh", "-c", 'mount --bind "$0/sys" /sys && mount --bind "$0/dev" /dev && exec "$@"']
 
 ADAPTER = """\
@@ -64,7 +64,7 @@ tool = None
 
 
 def run(*words, command=(), program=None, **more):
-    """(exit code, standard output, standard error)"""
+    """Returns (exit code, standard output, standard error)."""
     done = subprocess.run([*command, *([program] if program else tool.command), "--quiet", *words], stdin=subprocess.DEVNULL, capture_output=True,
                           text=True, env=tool.environment(), timeout=250, **more)
     return done.returncode, done.stdout, done.stderr
@@ -175,7 +175,7 @@ class ThisHost(unittest.TestCase):
 
     def test_each_uart_that_is_listed_can_be_asked_for(self):
         for name, location in self.listed().items():
-            # What hangs at an adapter may restart when its port is opened.
+            # A device at an adapter may restart when its port is opened.
             if not re.fullmatch(r"ttyS\d+", name):
                 continue
             code, out, err = run("ttyinfo", name)
@@ -235,7 +235,7 @@ class RecordedAdapter(unittest.TestCase):
         with tempfile.TemporaryDirectory(prefix="qor.") as folder:
             record = Path(folder) / "adapter.umockdev"
             record.write_text(ADAPTER)
-            # It takes words of ASCII only, and the path of the build may have others.
+            # The program accepts only ASCII words, but the path of the build may have other characters.
             program = str(copy_programs(tool.path.parent, Path(folder)))
             code, out, err = run("list-serial", command=["umockdev-run", "--device", str(record), "--"], program=program)
         self.assertEqual((code, err), (0, ""))

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Whole runs with pipes, devices and more in the place of the files that the tool and its library look for by themselves. Each
-run ends, with what it tells where there is no such file, or with an error that names it.
+"""Whole runs with pipes, devices and other kinds in place of the files that the tool and its library open by
+themselves. Each run ends, either with the result for a missing file or with an error that names the file.
 
 usage: strange_files_test.py --tool PATH --accounts PATH
 """
@@ -16,9 +16,9 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from name_space import name_space  # noqa: E402  # beside this folder
-from strange_files import KINDS, REASONS, strange_file  # noqa: E402  # beside this folder
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from name_space import name_space  # noqa: E402  # in tests/support
+from strange_files import KINDS, REASONS, strange_file  # noqa: E402  # in tests/support
+from tool import Tool, add_options  # noqa: E402  # in tests/support
 
 GUARD = 250  # seconds, for a run that would never end
 
@@ -39,22 +39,22 @@ class StrangeFiles(unittest.TestCase):
         self.tool = Tool(self.bin / "qortool")
 
     def run_program(self, *words, program="qortool", before=(), **environment):
-        """(exit code, standard output, standard error)"""
+        """Returns (exit code, standard output, standard error)."""
         done = subprocess.run([*before, self.bin / program, *words], stdin=subprocess.DEVNULL, capture_output=True, text=True,
                               env={**self.tool.environment(), "HOME": str(self.folder), **environment}, timeout=GUARD)
         return done.returncode, done.stdout, done.stderr
 
     def each(self, path, check, text=b"text\n"):
-        """Calls check(kind) with each kind in the place of the file."""
+        """Calls check(kind) with each kind in place of the file."""
         path.parent.mkdir(parents=True, exist_ok=True)
         for kind in KINDS:
             with self.subTest(kind=kind, path=path.name), strange_file(kind, path, text):
                 check(kind)
 
-    # ---- what came with the library
+    # ---- files that came with the library
 
     def test_catalogs(self):
-        """English takes the place of the language, message by message."""
+        """English replaces the language, message by message."""
         german = {"LC_ALL": "de_DE.UTF-8", "LANGUAGE": "de"}
         english = self.run_program("help")
         self.assertNotEqual(self.run_program("help", **german), english)
@@ -81,7 +81,8 @@ class StrangeFiles(unittest.TestCase):
         self.each(module, check, module.read_bytes())
 
     def test_the_library(self):
-        """Nothing is said, and 100 is the exit code; where the library also lies in the lib beside bin, that one is taken."""
+        """Nothing is printed, and the exit code is 100. If the library is also in the lib beside bin, that file is
+        used."""
         library = self.bin / "libqor.so"
         expected = self.run_program("dow", "1/1/2000")
         self.each(library, lambda _: self.assertEqual(self.run_program("dow", "1/1/2000"), (100, "", "")), library.read_bytes())
@@ -89,7 +90,7 @@ class StrangeFiles(unittest.TestCase):
         shutil.copy(self.built / "libqor.so", self.folder / "lib")
         self.each(library, lambda _: self.assertEqual(self.run_program("dow", "1/1/2000"), expected))
 
-    # ---- what belongs to the user
+    # ---- files of the user
 
     def test_named_folders(self):
         file = self.folder / ".config/user-dirs.dirs"
@@ -98,7 +99,7 @@ class StrangeFiles(unittest.TestCase):
                   b'XDG_MUSIC_DIR="/music"\n')
 
     def test_time_zones(self):
-        """UTC stands in for one."""
+        """UTC replaces the time zone."""
         expected = self.run_program("--quiet", "tztest", TZ="UTC0")
         file = self.folder / "zone"
         for name in (str(file), f":{file}"):
@@ -106,7 +107,7 @@ class StrangeFiles(unittest.TestCase):
                       b"TZif2")
 
     def test_time_zones_that_are_known_without_a_file(self):
-        """The C library looks for a file of that name all the same, and would wait there."""
+        """The C library would look for a file of that name anyway, and wait there."""
         for name in ("CET-1", "UTC"):
             def check(kind, name=name):
                 stands_in = "UTC0" if kind in ("pipe", "pipe with text", "device", "socket") else name
@@ -127,10 +128,10 @@ class StrangeFiles(unittest.TestCase):
 
         self.each(file, check)
 
-    # ---- what belongs to the host
+    # ---- files of the host
 
     def in_a_host_where(self, *mounts):
-        """What runs a program with files of the test's own in the place of the system's: (own, system's)..."""
+        """Returns the words that run a program with the test's files in place of the system's: (own, system's)..."""
         space = name_space()
         if space is None:
             self.skipTest("this system has no name spaces for us")
@@ -138,7 +139,7 @@ class StrangeFiles(unittest.TestCase):
         return [*space, "sh", "-c", script, "sh"]
 
     def test_lock_files_of_serial_ports(self):
-        """Whoever put one there counts as the user of the port, and it is named."""
+        """The owner of a strange lock file counts as the user of the port, and the message names him."""
         ends = pty.openpty()
         for end in ends:
             self.addCleanup(os.close, end)
@@ -153,13 +154,13 @@ class StrangeFiles(unittest.TestCase):
                          f"file '/var/lock/{lock.name}', which names no process.\n")
         self.each(lock, lambda kind: self.assertEqual(self.run_program("--quiet", "ttyinfo", name, before=before),
                                                       free if kind == "link to nothing" else locked), str(os.getpid()).encode())
-        # A folder that anybody may write, as it is on many hosts.
+        # A folder that everybody may write, as on many hosts.
         locks.chmod(0o1777)
         with strange_file("pipe", lock):
             self.assertEqual(self.run_program("--quiet", "ttyinfo", name, before=before), locked)
 
     def test_files_of_the_host(self):
-        """The system's name is that of the kernel where its own file tells nothing."""
+        """The system's name is that of the kernel if its own file cannot be used."""
         # A link is followed when it is mounted, and a folder cannot be mounted on a file.
         for kind in ("pipe", "pipe with text", "socket"):
             strange = self.folder / kind

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""What a terminal gets of texts that come from anywhere: nothing that would steer it. A file gets the bytes as they are.
+"""Texts from any source, printed on a terminal: no byte may control it. A file gets the bytes unchanged.
 
 usage: terminal_test.py --tool PATH --odd-codes PATH --wrapper LIBNSS_WRAPPER
 
-Each program is run twice, into a pipe and in a terminal. What the terminal got must be what the pipe got, made visible as
-docs/terminals.md has it: by a plain implementation of that page.
+Each program is run twice, into a pipe and on a terminal. The terminal must get the bytes of the pipe, made visible as
+docs/terminals.md describes; a plain implementation of that page computes the expected text.
 """
 
 import argparse
@@ -23,13 +23,14 @@ from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
 sys.path.append(str(Path(__file__).resolve().parent.parent / "debug_control"))
-import listening  # noqa: E402  # beside this folder
+import listening  # noqa: E402  # in tests/debug_control
 from tool import Tool  # noqa: E402
 
 TIMEOUT = 120
 SKIPPED_SPACES = "this system has no name spaces for us"
 
-# A colour, the same by C1 in UTF-8 and in eight bits, a title, a carriage return, a bell, DEL, text that runs backwards.
+# A colour, the same by C1 in UTF-8 and in eight bits, a title, a carriage return, a bell, DEL, and text that runs
+# backwards.
 EVIL = b"red \x1b[31m c1 \xc2\x9b31m raw \x9b31m title \x1b]0;me\x07 back \r del \x7f bidi \xe2\x80\xaegnp.exe \xe2\x81\xa6"
 FINE = "Zwölf Boxkämpfer jagen Viktor, 日本語, \U0001f600, עברית\u200e".encode()
 
@@ -38,12 +39,12 @@ tool = None
 
 
 def one_word(text):
-    """As a log has it."""
+    """Returns the text as a log contains it."""
     return text.replace(b" ", b"_").replace(b"\r", b"")
 
 
 def visible(data):
-    """What a terminal is to get, slowly."""
+    """Returns the text that a terminal must get, computed without regard to speed."""
     out = b""
     for char in data.decode("utf-8", "surrogateescape"):
         raw = char.encode("utf-8", "surrogateescape")
@@ -67,7 +68,7 @@ class BothWays(unittest.TestCase):
         return done.returncode, done.stdout
 
     def run_in_terminal(self, command, **more):
-        """Both streams are a terminal that takes bytes as they are."""
+        """Runs the program with both streams on a terminal that passes bytes unchanged."""
         ours, its = pty.openpty()
         tty.setraw(its)
         seen = []
@@ -88,7 +89,8 @@ class BothWays(unittest.TestCase):
         return code, b"".join(seen)
 
     def compare(self, words, shown=EVIL, command=None, variables=None, own=lambda text: text, **more):
-        """Runs a program both ways. `shown` is what the pipe must have got; `own` takes out what the program steers itself."""
+        """Runs a program both ways. `shown` must be in the pipe's output; `own` removes the program's own control
+        bytes."""
         command = command or [*tool.command, "--quiet", *words]
         more = {"cwd": self.folder, "env": tool.environment() | (variables or {}), "input": b"", **more}
         code, piped = self.run_in_pipe(command, **more)
@@ -100,7 +102,7 @@ class BothWays(unittest.TestCase):
 
 
 class Terminal(BothWays):
-    # ---- words of the command line, in what is said of them
+    # ---- words of the command line in messages
 
     def test_names_of_files(self):
         self.compare(["md5sum", EVIL])
@@ -127,11 +129,11 @@ class Terminal(BothWays):
             chr(code).encode("utf-8", "surrogatepass") for code in
             [*range(0x80, 0xa1), 0xad, 0x61c, *range(0x2028, 0x2030), *range(0x2060, 0x2070), 0xd800, 0xfeff, 0xffff, 0x10ffff]]
         for _ in range(40):
-            # Long ones too, which take another way through the library.
+            # Long names too, which take another path through the library.
             name = b"".join(generator.choices(pieces, k=generator.choice([20, 2000])))
             self.compare(["md5sum", name], name)
 
-    # ---- what comes from elsewhere
+    # ---- texts from elsewhere
 
     def test_heap_logs(self):
         caller = one_word(EVIL)
@@ -168,7 +170,7 @@ class Terminal(BothWays):
         self.compare(["userinfo", "ann"], field, variables=variables)
 
     def in_name_space(self, script, words, shown, mounts="-m", needs=("true",)):
-        """The tool behind a script, in name spaces that only this run has."""
+        """Runs the tool from a script, in name spaces of its own."""
         prefix = next((each for each in (["unshare", mounts], ["unshare", "-r", mounts])
                        if shutil.which("unshare") and subprocess.run([*each, *needs], capture_output=True).returncode == 0), None)
         if prefix is None:
@@ -228,13 +230,13 @@ class OddCodes(listening.Listening, BothWays):
     def test_remote_codes(self):
         listening.ticker = Tool(options.odd_codes)
         self.listen()
-        # Else the first run is told of an unknown key, and the second is not.
+        # Otherwise the first run would report an unknown key, and the second would not.
         listening.trust(tool, self.users, "localhost", self.port, self.environment())
         more = {"input": b"ann\nsecret\nshow-all\nenable *\nshow-enabled\n", "variables": self.environment()}
         self.compare(["debug-control", "localhost", str(self.port)], b"\n" + EVIL + b"\n", **more)
 
     def test_trace(self):
-        """Times and processes differ: what follows them does not."""
+        """Times and processes differ, but not the text after them."""
         def texts(data):
             return b"".join(line.split(b" ", 2)[2] for line in data.splitlines(keepends=True))
 

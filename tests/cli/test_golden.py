@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Tests of golden.py itself: a runner that lets a wrong byte pass would hide every other fault."""
+"""Tests of golden.py itself: a runner that accepted a wrong byte would hide every other fault."""
 
 import os
 import subprocess
@@ -10,7 +10,7 @@ from pathlib import Path
 
 RUNNER = Path(__file__).resolve().parent / "golden.py"
 
-# Prints its words, its input and a file, on both streams and with odd bytes; --quiet takes the greeting away.
+# Prints its words, its input and a file, on both streams and with odd bytes; --quiet suppresses the greeting.
 TOOL = r"""#!/bin/sh
 if [ "$1" = --quiet ]; then shift; else echo Hello 2>/dev/null; fi
 case $1 in

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""timer-check, which never ends by itself: its lines, the drift under a clock that somebody sets, and its end.
+"""timer-check, which never ends by itself: its lines, the drift when the clock is set, and its end.
 
-The clock is set by libfaketime, which leaves the monotonic clock alone. No test depends on how long a pass takes.
+The clock is set by libfaketime, which does not change the monotonic clock. No test depends on the duration of a pass.
 
 usage: timer_check_test.py --tool PATH [--instrumented]
 """
@@ -18,13 +18,13 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from tool import Tool, add_options  # noqa: E402  # in tests/support
 
 HEADING = b"Comparing the tick counter with the system time; press Ctrl-C to stop.\n"
 START = re.compile(rb"start=(\d+) offset=(\d+)\n")
 PASS = re.compile(rb"val=( *\d+)\.(\d{7})    delta=(\d+\.\d{3})     diff=(-?\d+\.\d{6})\n")
 
-# Seconds that a busy machine may let pass between the readings of the two clocks.
+# Seconds that a busy machine may take between the readings of the two clocks.
 SLACK = 1000
 
 
@@ -35,7 +35,7 @@ class TimerCheck(unittest.TestCase):
         self.clock = Path(folder.name) / "clock"
 
     def set_clock(self, offset):
-        # In one step: the other process reads it at any time.
+        # The file is replaced atomically, because the other process may read it at any time.
         new = self.clock.with_suffix(".new")
         new.write_text(offset)
         new.rename(self.clock)
@@ -56,12 +56,12 @@ class TimerCheck(unittest.TestCase):
     def end(process):
         process.kill()
         process.communicate()
-        # libfaketime would do it at an orderly end.
+        # libfaketime removes these files only at an orderly end.
         for name in ("faketime_shm_", "sem.faketime_sem_"):
             Path(f"/dev/shm/{name}{process.pid}").unlink(missing_ok=True)
 
     def line(self, process, form):
-        """The next line of standard error, as soon as it is there; the parts that `form` names."""
+        """Returns the parts that `form` names of the next line of standard error, as soon as it is there."""
         text = process.stderr.readline()
         found = form.fullmatch(text)
         self.assertTrue(found, text)
@@ -75,10 +75,10 @@ class TimerCheck(unittest.TestCase):
             seconds, fraction, delta, _ = self.line(process, PASS)
             tick = int(seconds) * 10_000_000 + int(fraction)
             self.assertEqual(len(seconds), max(5, len(str(int(seconds)))))
-            self.assertGreaterEqual(tick - earlier, 10_000_000)  # no sleep is short
+            self.assertGreaterEqual(tick - earlier, 10_000_000)  # a sleep is never shorter
             self.assertEqual(delta.decode(), f"{(tick - earlier) / 1e7:.3f}")
             earlier = tick
-        # The system time is counted from 1601: the two add up to a moment since 2020.
+        # The system time is counted from 1601, so the sum is a time after 2020.
         self.assertGreater(start + offset, (2020 - 1601) * 365 * 86400 * 10_000_000)
         process.send_signal(signal.SIGINT)
         out, err = process.communicate(timeout=60)
@@ -100,11 +100,11 @@ class TimerCheck(unittest.TestCase):
         days = 86400
         for clock, drift in (("-2d", 2 * days), ("+3d", -3 * days)):
             self.set_clock(clock)
-            # The pass in which the clock was read while it was being set is over with the next one.
+            # The next pass ends the one in which the clock was read while it was being set.
             self.line(process, PASS)
             seconds, _, delta, diff = self.line(process, PASS)
             self.assertGreaterEqual(float(delta), 1)
-            # The wall clock in terms of the tick counter has no sign: before the counter's origin it is a huge number.
+            # The wall clock in terms of the tick counter is unsigned: before the counter's origin it is a huge number.
             wall = (int(seconds) - drift) * 10_000_000 % 2**64
             self.assertAlmostEqual(float(diff), int(seconds) - wall / 1e7, delta=SLACK)
 

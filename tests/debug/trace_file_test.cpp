@@ -1,4 +1,4 @@
-// Floods: more lines than are written one by one. None may be lost, however the process ends.
+// Floods: more lines than are written one by one. No line may be lost, however the process ends.
 #include "trace_flood.h"
 
 #include <chrono>
@@ -17,7 +17,7 @@ const scene orderly{"flood_orderly", [](const words& arguments) {
                         return 0;
                     }};
 
-// The file is not closed by anybody.
+// Nobody closes the file.
 const scene exiting{"flood_exiting", [](const words& arguments) {
                         start(arguments[0]);
                         trace(lines);
@@ -41,7 +41,7 @@ const scene idle{"flood_idle", [](const words& arguments) {
                      return 0;
                  }};
 
-// A line on its own is there at once, and so are the first of a flood.
+// A single line is in the file at once, and so are the first lines of a flood.
 const scene prompt{"flood_prompt", [](const words& arguments) {
                        start(arguments[0]);
                        for (int i = 0; i < 30; ++i) {
@@ -69,7 +69,7 @@ const scene long_lines{"flood_long_lines", [](const words& arguments) {
                            return 0;
                        }};
 
-// A killed process of the same number has left something.
+// A killed process with the same number has left a file.
 const scene taken{"flood_taken", [](const words& arguments) {
                       const std::string rest = arguments[0] + '.' + qor::test::process_id() + ".rest";
                       std::ofstream(rest) << "of another";

@@ -1,4 +1,4 @@
-// Floods of trace lines, forks and what is no file on a disk.
+// Floods of trace lines with forks, and into files that are not on a disk.
 #include "trace_flood.h"
 
 #include <csignal>
@@ -27,7 +27,7 @@ const scene without_exit{"flood_without_exit", [](const words& arguments) {
                              return 0;
                          }};
 
-// Parent and child go on in the same file, each with what it traced itself.
+// Parent and child continue in the same file, each with its own lines.
 const scene forked{"flood_forked", [](const words& arguments) {
                        start(arguments[0]);
                        trace(lines);
@@ -39,12 +39,12 @@ const scene forked{"flood_forked", [](const words& arguments) {
                        return 0;
                    }};
 
-// As a daemon does; then every number is that of another file. Nothing of the trace may get into that one.
+// Closes all descriptors, as a daemon does. Each number then belongs to another file, and no trace may get into it.
 const scene closes_everything{"flood_closes_everything", [](const words& arguments) {
                                   start(arguments[0]);
                                   trace(lines);
-                                  // The thread that writes floods is not to be in the middle of it: the next line, of a
-                                  // period of its own, waits for its lock.
+                                  // The thread that writes floods must have finished: the next line, which belongs to
+                                  // another period, waits for its lock.
                                   while (bodies(read_file(arguments[0])).size() != lines)
                                       usleep(1000);
                                   usleep(20'000);
@@ -118,7 +118,7 @@ TEST_F(trace_flood, goes_on_when_the_host_closes_its_descriptor) {
     }
 }
 
-// A pipe that is opened anew would make the host wait for a reader.
+// Opening a pipe anew would make the host wait for a reader.
 TEST_F(trace_flood, into_a_pipe_ends_when_the_host_closes_its_descriptor) {
     ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
     const int end = open(m_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);

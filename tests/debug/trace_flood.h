@@ -1,4 +1,4 @@
-// What tests of floods of trace lines share.
+// Shared code of the tests of floods of trace lines.
 #pragma once
 
 #include "qor/qor.h"
@@ -43,7 +43,7 @@ inline words expected(int count = lines) {
     return result;
 }
 
-// What stands behind time, process and thread; a line without them fails the test.
+// Returns the texts after time, process and thread; a line without them fails the test.
 inline words bodies(const std::string& text) {
     words result;
     std::istringstream stream(text);
@@ -59,7 +59,7 @@ inline words bodies(const std::string& text) {
     return result;
 }
 
-// The files that processes left which were killed.
+// Returns the files that killed processes have left.
 inline words rests(const std::string& folder) {
     words result;
     for (const auto& entry : std::filesystem::directory_iterator(folder))
@@ -68,7 +68,7 @@ inline words rests(const std::string& folder) {
     return result;
 }
 
-// What is in the file "trace" and then in its rests.
+// Returns the lines of the file "trace", then those of its rests.
 inline words all_bodies(const std::string& folder) {
     std::string text = read_file(folder + "/trace");
     for (const std::string& rest : rests(folder)) {

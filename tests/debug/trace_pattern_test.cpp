@@ -1,4 +1,4 @@
-// Patterns of trace codes beside a plain matcher, and how much work they are.
+// Patterns of trace codes, compared with a plain matcher, and the work of matching them.
 #include "debug/trace_pattern.h"
 #include "qor/qor.h"
 
@@ -14,8 +14,7 @@ namespace {
 
 using qor::debug::trace_pattern;
 
-// By the definition, without cleverness: row after row, whether the first bytes of the name match the first of the
-// pattern.
+// Follows the definition directly: row by row, whether a prefix of the name matches a prefix of the pattern.
 bool plainly_matches(const std::string& pattern, const std::string& name) {
     std::vector<bool> row(name.size() + 1, false);
     row[0] = true;
@@ -43,7 +42,7 @@ std::string times(std::size_t count, const std::string& what) {
     return made;
 }
 
-// The comparisons of bytes that it takes.
+// Returns the number of byte comparisons of a match.
 std::size_t work(const std::string& pattern, const std::string& name) {
     std::size_t comparisons = 0;
     const bool matched = trace_pattern(pattern).matches(name, [&comparisons](char one, char other) {
@@ -105,7 +104,7 @@ TEST(trace_pattern, covers_what_matches_no_more) {
     EXPECT_GT(covered, 100u);
 }
 
-// ---- the switches that a process keeps
+// ---- the switches that a process remembers
 
 uint32 last_error() {
     qorString ignored;
@@ -119,11 +118,11 @@ TEST(trace_switches, are_replaced_and_limited) {
         for (int i = 0; i < 256; ++i)
             ASSERT_TRUE(qorDebugEnableCode(pattern(i).c_str(), i % 2 == 0)) << i;
     qorClearLastError();
-    // Off before anything is on is nothing to keep: the first of all was on.
+    // A switch "off" is stored only after a switch "on". The first one was on, so all 256 are stored.
     EXPECT_FALSE(qorDebugEnableCode("kept.more", true));
     EXPECT_EQ(last_error(), qorError_too_many_switches);
     EXPECT_FALSE(qor::glue::debug_is_on(qorDebugAllocateCode("kept.more")));
-    // A name that has its code already is not kept, and a pattern that covers others takes their place.
+    // A name that already has a code needs no switch, and a pattern replaces the switches that it covers.
     EXPECT_TRUE(qorDebugEnableCode("kept.more", true));
     EXPECT_TRUE(qor::glue::debug_is_on(qorDebugAllocateCode("kept.more")));
     EXPECT_TRUE(qor::glue::debug_is_on(qorDebugAllocateCode("kept.254.x")));
@@ -138,8 +137,8 @@ TEST(trace_switches, are_replaced_and_limited) {
     EXPECT_TRUE(qorDebugEnableCode("*", false));
 }
 
-// Threads allocate codes, the same ones and others, while patterns come from elsewhere: whatever comes first, what was
-// said last counts in the end.
+// Threads allocate codes, common ones and others, while other threads set patterns. In any order of events, the last
+// setting is in effect at the end.
 TEST(trace_switches, what_was_said_last_counts_beside_new_codes) {
     ASSERT_TRUE(qorDebugEnableCode("*", false));
     constexpr int codes = 600;

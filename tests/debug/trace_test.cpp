@@ -21,7 +21,7 @@ using qor::test::words;
 
 bool is_on(uint32 code) { return qor::glue::debug_is_on(code); }
 
-// Codes last as long as the process: each test and each round has names of its own.
+// Codes last as long as the process, so each test and each round uses new names.
 std::string fresh_name(const std::string& text) {
     static int count = 0;
     return "t" + std::to_string(++count) + "." + text;
@@ -37,7 +37,7 @@ std::vector<std::string> split_lines(const std::string& text) {
 
 constexpr char head_pattern[] = R"((\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)\.\d{6}Z (\d+):(\d+) )";
 
-// What stands behind time, process and thread.
+// Returns the texts after time, process and thread.
 std::vector<std::string> bodies(const std::string& text) {
     static const std::regex head(head_pattern);
     std::vector<std::string> result;
@@ -49,7 +49,7 @@ std::vector<std::string> bodies(const std::string& text) {
     return result;
 }
 
-// What the code under test writes as trace, in a file of its own.
+// Collects the trace of the code under test in a file of its own.
 class trace : public testing::Test {
 protected:
     trace() : m_path(m_folder / "trace") { EXPECT_TRUE(qorDebugAttachFile(m_path.c_str())); }
@@ -58,7 +58,7 @@ protected:
         EXPECT_TRUE(qorDebugAttachFile(nullptr));
     }
 
-    // Attached anew, the file has all of them.
+    // Attaching the file again writes all pending lines.
     std::vector<std::string> lines() const {
         EXPECT_TRUE(qorDebugAttachFile(m_path.c_str()));
         return bodies(read_file(m_path));
@@ -68,7 +68,7 @@ protected:
     const std::string m_path;
 };
 
-// By the definition, without cleverness: a star is nothing, or a byte and the star again.
+// Follows the definition directly: a star matches nothing, or one byte and then the star again.
 bool plainly_matches(const char* pattern, const char* name) {
     if (*pattern == '\0')
         return *name == '\0';
@@ -163,7 +163,7 @@ TEST_F(trace, later_codes_follow_the_last_rule_that_matches) {
     EXPECT_TRUE(is_on(qorDebugAllocateCode((family + "loud").c_str())));
     EXPECT_FALSE(is_on(qorDebugAllocateCode((family + "quiet.one").c_str())));
     EXPECT_TRUE(is_on(qorDebugAllocateCode((family + "quiet.but.this").c_str())));
-    // Said again, an old rule is the last one.
+    // An old rule that is set again becomes the last one.
     qorDebugEnableCode((family + "*").c_str(), true);
     EXPECT_TRUE(is_on(qorDebugAllocateCode((family + "quiet.two").c_str())));
     qorDebugEnableCode((family + "*").c_str(), false);
@@ -183,7 +183,7 @@ TEST_F(trace, a_line_holds_time_process_thread_and_code) {
     const std::string name = fresh_name("line");
     const uint32 code = qorDebugAllocateCode(name.c_str());
     qorDebugEnableCode(name.c_str(), true);
-    // The C library's time() lags some milliseconds behind this clock.
+    // The C library's time() is some milliseconds behind this clock.
     const auto before = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
     qorDebug(code, "%s and %d", "text", 7);
     const auto after = std::chrono::system_clock::now();

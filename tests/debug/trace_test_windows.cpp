@@ -1,4 +1,4 @@
-// What a trace leaves alone on Windows.
+// Properties of Windows that a trace leaves unchanged.
 #include "qor/qor.h"
 #include "support/temp_folder.h"
 

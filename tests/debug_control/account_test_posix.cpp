@@ -1,5 +1,4 @@
-// Accounts as a peer of a real listener meets them: those that are changed within a login, and those that there are
-// not.
+// Accounts as a peer of a real listener sees them: accounts that are changed during a login, and invented accounts.
 #include "load/socket_peer.h"
 #include "loopback.h"
 
@@ -17,7 +16,7 @@ class accounts_of_a_listener : public loopback_fixture {
 protected:
     const std::string m_file = folder() / "users";
 
-    // The last answer to a login within which something happens.
+    // Returns the last answer to a login during which `happens` is called.
     std::optional<frame> log_in(const std::string& name, const std::string& password,
                                 const std::function<void()>& happens) {
         tls_peer peer(port(), {"127.0.0.1", std::nullopt});
@@ -37,7 +36,7 @@ TEST_F(accounts_of_a_listener, count_as_they_are_at_the_end_of_a_login) {
         log_in("ada", "secret", [&] { ASSERT_TRUE(qorAddDebugUser(m_file.c_str(), "eve", "new")) << last_error(); })));
     EXPECT_TRUE(is_refusal(log_in(
         "ada", "secret", [&] { ASSERT_TRUE(qorChangeDebugUser(m_file.c_str(), "ada", "changed")) << last_error(); })));
-    // The same password with another salt is another account, too: somebody wanted it to be.
+    // The same password with another salt makes another account too, because the change was deliberate.
     EXPECT_TRUE(is_refusal(log_in(
         "ada", "changed", [&] { ASSERT_TRUE(qorChangeDebugUser(m_file.c_str(), "ada", "changed")) << last_error(); })));
     EXPECT_TRUE(is_refusal(
@@ -46,7 +45,7 @@ TEST_F(accounts_of_a_listener, count_as_they_are_at_the_end_of_a_login) {
     EXPECT_TRUE(is_refusal(log_in("ada", "changed", [&] { std::filesystem::remove(m_file); })));
 }
 
-// Invented accounts look as the real ones do, each look as often as it is met among these.
+// Invented accounts look like the real ones, and each look is as frequent as among these.
 TEST_F(accounts_of_a_listener, that_are_invented_look_like_the_others) {
     std::string text;
     const auto add = [&](const std::string& name, int iterations, std::size_t salt) {
@@ -74,7 +73,7 @@ TEST_F(accounts_of_a_listener, that_are_invented_look_like_the_others) {
     constexpr int names = 120;
     for (int i = 0; i < names; ++i)
         ++seen[look_of("nobody" + std::to_string(i))];
-    // The counts stay within 6.5 deviations of what chance would have: less than one run of ten thousand million fails.
+    // The counts stay within 6.5 standard deviations: less than one run in ten thousand million fails by chance.
     for (const auto& [look, share] : {std::pair("4096/16", 0.5), {"4096/40", 0.25}, {"5000/16", 0.25}}) {
         std::printf("%s: %d of %d\n", look, seen[look], names);
         EXPECT_NEAR(seen[look], names * share, 6.5 * std::sqrt(names * share * (1 - share))) << look;
@@ -83,7 +82,7 @@ TEST_F(accounts_of_a_listener, that_are_invented_look_like_the_others) {
     EXPECT_TRUE(seen.empty()) << seen.begin()->first;
 }
 
-// Anybody who may read a folder can hold its lock.
+// Anybody who may read a folder can hold a lock on it.
 TEST_F(accounts_of_a_listener, need_no_lock_that_others_can_hold) {
     const int held = open(folder().path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(flock(held, LOCK_EX | LOCK_NB), 0);

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The console and a process that listens, over loopback: through a pipe, and through a terminal.
+"""The console and a listening process over loopback, through a pipe and through a terminal.
 
 usage: console_test.py --tool QORTOOL --ticker TICKER [--runner PROGRAM]
 """
@@ -24,10 +24,10 @@ END_OF_INPUT = "The input has ended.\n"
 
 
 class Input:
-    """A program that is talked to through pipes."""
+    """A program whose input and output are pipes."""
 
     def __init__(self, command, environment, before=None):
-        # Python ignores the signal of files that are too long: so does the program then.
+        # Python ignores the signal for files that are too long, and the program then inherits that.
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                         env=environment, preexec_fn=before, restore_signals=before is None)
         self.limit = threading.Timer(TIMEOUT, self.process.kill)
@@ -38,7 +38,7 @@ class Input:
         self.process.stdin.flush()
 
     def until(self, end):
-        """What it prints up to these words, with them; what it has printed where it ends before."""
+        """Returns its output up to and including these words, or to its end."""
         text = b""
         while not text.endswith(end.encode()):
             byte = self.process.stdout.read(1)
@@ -48,7 +48,7 @@ class Input:
         return listening.tool.printed(text).decode()
 
     def end(self, close=True):
-        """(exit code, standard output, standard error)"""
+        """Returns (exit code, standard output, standard error)."""
         if close:
             self.process.stdin.close()
         out, err = self.process.stdout.read(), self.process.stderr.read()
@@ -60,7 +60,7 @@ class Input:
 
 
 def memory_of(process):
-    """All that it can read, but for what a sanitizer keeps for itself."""
+    """Returns all readable memory of the process, except that of a sanitizer."""
     pieces = []
     with open(f"/proc/{process}/maps") as maps, open(f"/proc/{process}/mem", "rb") as memory:
         for line in maps:
@@ -70,18 +70,18 @@ def memory_of(process):
                     memory.seek(begin)
                     pieces.append(memory.read(end - begin))
                 except (OSError, ValueError, OverflowError):
-                    pass  # a page of the kernel's
+                    pass  # a page of the kernel
     return b"\n".join(pieces)
 
 
 def secrets_of(password, salt):
-    """The password in the forms that it may have, and the keys that are made of it."""
+    """Returns the password in its possible forms, and the keys that are derived from it."""
     text = password.encode()
     salted = hashlib.pbkdf2_hmac("sha256", text, base64.b64decode(salt), 4096)
     client = hmac.digest(salted, b"Client Key", "sha256")
     keys = [("the salted password", salted), ("the client's key", client), ("the server's key", hmac.digest(salted, b"Server Key", "sha256")),
             ("the stored key", hashlib.sha256(client).digest())]
-    # A piece of a long password is as bad as all of it.
+    # A piece of a long password is as bad as the whole.
     return [("the password", text[:12]), ("the end of the password", text[-12:]), ("the password in UTF-16", password.encode("utf-16le")[:24]),
             *keys, *((f"{name} in base64", base64.b64encode(key)) for name, key in keys)]
 
@@ -96,12 +96,12 @@ class Console(Listening):
             self.skipTest("files have other rights there, and processes no memory that is a file")
 
     def unknown(self):
-        """The text on a listener that was never met before."""
+        """Returns the text for a listener that is not known yet."""
         return (f"The key of 'localhost', port {self.port}, is not known here yet. Its fingerprint is {key_beside(self.users)}; "
                 "compare it with the output of 'qor-debug-user fingerprint' on that host.\n")
 
     def refused(self):
-        """The same of its refusal."""
+        """Returns the text for a refusal by such a listener."""
         return (f"{REFUSED[:-1]} The listener has not proved its identity yet. Before you type a password again, compare the "
                 f"fingerprint of its key, {key_beside(self.users)}, with the output of 'qor-debug-user fingerprint' on that host.\n")
 
@@ -175,7 +175,7 @@ class Console(Listening):
         console.say("ann", "secret")
         self.assertEqual(console.until(PROMPT), "Password: " + PROMPT)
         self.assertEqual(console.end(), (1, "", END_OF_INPUT))
-        # From then on it is known, and its refusal needs no warning.
+        # Now the listener is known, and its refusal needs no warning.
         console = self.console("--quiet")
         console.say("ann", "wrong", "ann", "secret")
         self.assertEqual(console.until(PROMPT), "Username: Password: " * 2 + PROMPT)
@@ -202,7 +202,7 @@ class Console(Listening):
         self.assertEqual((code, out, err), (1, "", REFUSED * 2 + "Unknown command. 'help' lists the commands.\n" * 2 + END_OF_INPUT))
 
     def test_a_disk_without_room(self):
-        """The first login has to note the key; what is noted already is not to blame."""
+        """The first login has to store the key; a stored key is not the cause of a failure."""
         self.needs_linux()
         self.listen()
         import resource
@@ -227,7 +227,7 @@ class Console(Listening):
         console.end()
 
     def test_no_password_stays_in_memory(self):
-        """The console's whole memory, while it waits for a command."""
+        """Searches the console's whole memory while it waits for a command."""
         self.needs_linux()
         passwords = ["horse battery 71", "staple " * 300 + "72"]
         self.users.write_text("".join(f"ann{i}:{listening.verifier(each.encode())}\n" for i, each in enumerate(passwords)))
@@ -239,7 +239,7 @@ class Console(Listening):
             self.assertEqual(console.until(PROMPT), "Username: Password: " * 2 + PROMPT)
             self.assertIn("ticker.tick", console.until(PROMPT))
             memory = memory_of(console.process.pid)
-            self.assertTrue(b"ticker.tick" in memory)  # or else nothing has been looked at
+            self.assertTrue(b"ticker.tick" in memory)  # otherwise no memory has been read
             salt = self.users.read_text().splitlines()[i].split(":")[2].split("$")[0]
             for name, secret in secrets_of(password, salt) + secrets_of(wrong, salt):
                 self.assertFalse(secret in memory, f"{name} of '{password[:20]}'")
@@ -273,7 +273,7 @@ class Console(Listening):
 
 
 class Terminal(Console):
-    """The same in a terminal, where the user sees what he types."""
+    """The same on a terminal, where users see their own typing."""
 
     def tmux(self, *words):
         return subprocess.run(["tmux", "-S", self.folder / "tmux", "-f", os.devnull, *words], check=True, text=True,

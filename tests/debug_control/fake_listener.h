@@ -1,5 +1,5 @@
-// A listener that one does not meet in good company: it does each step as it is told. One thread, one connection at a
-// time.
+// A listener that need not follow the protocol: the test decides each step. It has one thread and serves one connection
+// at a time.
 #pragma once
 
 #include "channel/debug_frames.h"
@@ -18,7 +18,7 @@ namespace qor::test {
 
 class fake_listener {
 public:
-    // What it does with a connection, once that is made; bytes go to and fro by read() and write().
+    // The listener's behaviour on an established connection, where read() and write() exchange bytes.
     using conduct = std::function<void(fake_listener&)>;
 
     explicit fake_listener(conduct act) : m_act(std::move(act)) {
@@ -38,11 +38,11 @@ public:
 
     uint16 port() const { return m_port; }
 
-    // For a conduct that waits for something else as well: it returns when the receiver of the end is ready.
+    // For a conduct that also waits for something else: it returns when the receiver of end() is ready.
     const sockets::socket& connection() const { return m_connection; }
     const sockets::socket& end() const { return m_waker.receiver(); }
 
-    // Whatever the peer sends next; empty: it is gone.
+    // Returns the next bytes of the peer; empty if the peer has gone.
     std::string read() {
         for (;;) {
             sockets::watched watched[] = {{&m_waker.receiver(), true, false}, {&m_connection, true, false}};
@@ -85,12 +85,12 @@ private:
     std::thread m_thread;
 };
 
-// The same with TLS of its own making, and frames.
+// The same with a TLS session of its own, and frames.
 class fake_tls {
 public:
     struct settings {
         int version = TLS1_3_VERSION;
-        std::string protocol = control::protocol_name; // empty: it knows of none
+        std::string protocol = control::protocol_name; // empty: it offers no protocol
     };
 
     fake_tls(fake_listener& through, EVP_PKEY* key, const settings& wanted)
@@ -104,7 +104,7 @@ public:
         m_frames.set_limit(control::payload_limit);
     }
 
-    // The next frame of the peer but for heartbeats. False: it is gone.
+    // Returns the peer's next frame that is not a heartbeat. False: the peer has gone.
     bool next(control::frame& out) {
         for (;;) {
             while (m_frames.next(out) == control::frame_reader::result::frame)
@@ -127,13 +127,13 @@ public:
         send(bytes);
     }
 
-    // As one record.
+    // Sends the bytes as one record.
     void send(const std::string& bytes) {
         SSL_write(m_ssl.get(), bytes.data(), static_cast<int>(bytes.size()));
         flush();
     }
 
-    std::string plain; // all that came, deciphered
+    std::string plain; // all decrypted input
 
 private:
     void take(std::string_view deciphered) {

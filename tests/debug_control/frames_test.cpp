@@ -1,4 +1,4 @@
-// Frames and payloads, byte for byte as docs/debug-control.md has them.
+// Frames and payloads, byte for byte as in docs/debug-control.md.
 #include "channel/debug_frames.h"
 
 #include <gtest/gtest.h>
@@ -62,7 +62,7 @@ TEST(frames, have_a_limit) {
         EXPECT_EQ(fits.next(found), result::frame);
         EXPECT_EQ(found.payload.size(), limit);
 
-        // The length alone is enough to see it: nothing of the payload is waited for.
+        // The length alone shows the fault; the reader does not wait for the payload.
         frame_reader over;
         over.set_limit(limit);
         wire.clear();

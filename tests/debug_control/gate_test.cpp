@@ -1,4 +1,4 @@
-// How many may be connected and logged in, and how often a login may be tried; the clock is the test's.
+// Limits on connections, sessions and login attempts. The test controls the clock.
 #include "channel/debug_gate.h"
 
 #include <gtest/gtest.h>
@@ -25,7 +25,7 @@ entered enter(gate& door, const std::string& who, moment now) {
     return result;
 }
 
-// One that has made no way for anybody.
+// Enters without displacing another connection.
 gate::place simply(gate& door, const std::string& who, moment now) {
     const entered result = enter(door, who, now);
     EXPECT_NE(result.place, 0u) << who;
@@ -39,7 +39,7 @@ bool is_turned_away(gate& door, const std::string& who, moment now) {
     return result.place == 0;
 }
 
-// A wrong one, if it may be made.
+// Makes a wrong attempt if one is allowed.
 bool try_wrong(gate& door, const std::string& who, const std::string& account, moment now) {
     moment next{};
     const bool may = door.may_try(who, account, now, next);
@@ -66,12 +66,12 @@ TEST(gate, four_of_a_source) {
         simply(door, "a", start + 1s);
     EXPECT_TRUE(is_turned_away(door, "a", start + 4999ms));
     const gate::place b = simply(door, "b", start + 4999ms);
-    // The oldest connection makes way for another one of its source.
+    // The oldest connection makes room for a new one of its source.
     const entered fifth = enter(door, "a", start + 5s);
     EXPECT_NE(fifth.place, 0u);
     EXPECT_EQ(fifth.loser, oldest);
     EXPECT_TRUE(is_turned_away(door, "a", start + 5s));
-    door.leave(oldest); // has left already
+    door.leave(oldest); // it has left already
     EXPECT_TRUE(is_turned_away(door, "a", start + 5s));
     door.leave(b);
     EXPECT_TRUE(is_turned_away(door, "a", start + 5s));
@@ -85,17 +85,17 @@ TEST(gate, who_has_the_most_makes_way) {
     std::vector<gate::place> places;
     for (unsigned i = 0; i < 32; ++i)
         places.push_back(simply(door, source(i % 8), start + i * 1ms));
-    // At once, and again, for one that has fewer still when he is in.
+    // Displaces a connection at once, and again, as long as the newcomer's source has fewer afterwards.
     for (unsigned i = 0; i < 3; ++i) {
         const entered newcomer = enter(door, "new", start + 40ms);
         EXPECT_NE(newcomer.place, 0u);
         EXPECT_EQ(newcomer.loser, places[i]);
     }
-    // He would have as many as the others: he has to wait for who has been there long enough.
+    // The newcomer would have as many as the others, so it waits until another connection is old enough.
     EXPECT_TRUE(is_turned_away(door, "new", start + 2999ms));
     const entered patient = enter(door, "new", start + 6s);
     EXPECT_NE(patient.place, 0u);
-    // Those who came again and again change nothing for those who have few.
+    // Frequent attempts of one source change nothing for sources with few connections.
     for (int i = 0; i < 1000; ++i)
         (void)enter(door, source(7), start + 7s);
     EXPECT_NE(enter(door, "another", start + 7s).place, 0u);
@@ -111,14 +111,14 @@ TEST(gate, a_crowd_of_single_ones_makes_way_in_time) {
     const entered newcomer = enter(door, "new", start + 5s);
     EXPECT_NE(newcomer.place, 0u);
     EXPECT_EQ(newcomer.loser, places[0]);
-    // He has his time, too: 31 others go before him, and then nobody for five seconds.
+    // The connection keeps its place for its time: 31 others are displaced first, and then nobody for five seconds.
     for (unsigned i = 1; i < 32; ++i)
         EXPECT_EQ(enter(door, source(100 + i), start + 5s).loser, places[i]);
     EXPECT_TRUE(is_turned_away(door, source(200), start + 9999ms));
     EXPECT_EQ(enter(door, source(200), start + 10s).loser, newcomer.place);
 }
 
-// ---- tries
+// ---- attempts
 
 TEST(gate, twenty_wrong_tries_of_a_source_in_any_minute) {
     gate door;
@@ -135,7 +135,7 @@ TEST(gate, twenty_wrong_tries_of_a_source_in_any_minute) {
     EXPECT_TRUE(try_wrong(door, "a", "ada", start + 61s));
 }
 
-// Twenty strangers can do no more than to make each of them, and who has erred as well, wait for a minute.
+// Twenty strangers can only make each of them, and anybody else who made a mistake, wait for a minute.
 TEST(gate, tries_at_an_account) {
     gate door;
     const moment start{};
@@ -150,7 +150,7 @@ TEST(gate, tries_at_an_account) {
     EXPECT_TRUE(door.may_try(source(3), "bob", start + 1s, next));
     EXPECT_TRUE(door.may_try("owner", "ada", start + 1s, next));
     EXPECT_TRUE(try_wrong(door, "owner", "ada", start + 1s));
-    // However many go on guessing, he waits no longer than that.
+    // However many go on guessing, the owner waits no longer than that.
     for (unsigned i = 20; i < 500; ++i)
         EXPECT_TRUE(try_wrong(door, source(i), "ada", start + 30s));
     EXPECT_EQ(next_try(door, "owner", "ada", start + 30s), start + 61s);
@@ -159,7 +159,7 @@ TEST(gate, tries_at_an_account) {
     EXPECT_EQ(door.delay("ada", start + 90s), 0s);
 }
 
-// More sources than are remembered do not push out one that tried more often.
+// More sources than the gate remembers do not displace one with more attempts.
 TEST(gate, a_crowd_does_not_push_out_who_has_tried) {
     gate door;
     const moment start{};

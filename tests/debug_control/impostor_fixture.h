@@ -1,4 +1,4 @@
-// Listeners that are not what they should be, and what a console makes of them.
+// Dishonest listeners, and the console's reaction to them.
 #pragma once
 
 #include "fake_listener.h"
@@ -16,7 +16,7 @@ class impostors : public loopback_fixture {
 protected:
     impostors() : m_key(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519")) {}
 
-    // A listener that goes through a login by itself, with a server of its own choice.
+    // A listener that answers a login by itself, with the given server.
     fake_listener::conduct login_by(plain_scram::server how, fake_tls::settings settings = {}) {
         return [this, how, settings](fake_listener& through) {
             fake_tls tls(through, m_key.get(), settings);
@@ -26,7 +26,7 @@ protected:
         };
     }
 
-    // False: the console did not go on with it.
+    // Returns false if the console did not continue.
     bool log_in(fake_tls& tls, const plain_scram::server& how) {
         frame first, last;
         if (!tls.next(first))
@@ -40,7 +40,8 @@ protected:
         return true;
     }
 
-    // An honest listener until the login is done; then requests are answered with the payload for their number, 0 on.
+    // Behaves honestly until the login is done, then answers requests with the payload for their number, counted from
+    // 0.
     fake_listener::conduct answers(frame_type type, std::function<std::string(uint32)> payload_of) {
         return [this, type, payload_of](fake_listener& through) {
             fake_tls tls(through, m_key.get(), {});
@@ -51,7 +52,7 @@ protected:
         };
     }
 
-    // Whether a login is refused there for that reason, and nothing else may follow.
+    // Expects that a login is refused for that reason, and that no other operation is possible afterwards.
     bool login_fails(uint16 at, uint32 number) {
         control_pointer control = make();
         qorStringArray out;
@@ -64,8 +65,8 @@ protected:
     }
 
     key_pointer m_key;
-    std::atomic<int> m_logins = 0; // that were begun
-    std::atomic<int> m_proofs = 0; // of the client's, that were sent
+    std::atomic<int> m_logins = 0; // logins that were begun
+    std::atomic<int> m_proofs = 0; // proofs that clients sent
 };
 
 } // namespace qor::test

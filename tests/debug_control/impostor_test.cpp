@@ -1,11 +1,11 @@
-// What a console refuses: listeners that are not what they should be.
+// Dishonest listeners that a console refuses.
 #include "impostor_fixture.h"
 
 namespace {
 
 using namespace qor::test;
 
-// The fake itself does all as it should here; otherwise the rest would prove nothing.
+// Here the fake behaves correctly. Without this test the others would prove nothing.
 TEST_F(impostors, one_that_knows_the_password_is_none) {
     fake_listener honest(login_by({"secret"}));
     control_pointer control = make();
@@ -41,7 +41,7 @@ TEST_F(impostors, nonces_and_salts_that_cannot_be) {
     EXPECT_EQ(m_proofs, 0);
 }
 
-// From the first login on another key is refused before a byte of the next login.
+// After the first login, another key is refused before a byte of the next login is sent.
 TEST_F(impostors, a_changed_key) {
     const std::string known_hosts = folder() / "known-hosts";
     uint16 at = 0;
@@ -55,7 +55,7 @@ TEST_F(impostors, a_changed_key) {
     const std::string line = read_file(known_hosts);
     EXPECT_TRUE(line.starts_with("127.0.0.1 " + std::to_string(at) + " sha256 ")) << line;
 
-    // The same place with another key: the listener's port goes into a line of its own, below a comment.
+    // Another key at the same place: the listener's port goes into a line of its own, below a comment.
     m_logins = 0;
     std::string changed = line;
     changed.replace(10, std::to_string(at).size(), std::to_string(port()));
@@ -63,7 +63,7 @@ TEST_F(impostors, a_changed_key) {
     EXPECT_TRUE(connect_fails(port(), qorError_debug_key_changed)) << last_error();
     EXPECT_NE(last_error().find("line 3"), std::string::npos) << last_error();
     EXPECT_NE(last_error().find(known_hosts), std::string::npos) << last_error();
-    // Taken out, the next login notes the new one, and the comment stays.
+    // After the line is removed, the next login stores the new key and keeps the comment.
     std::ofstream(known_hosts, std::ios::binary) << "# mine\n";
     control_pointer control = connect();
     EXPECT_TRUE(control->Login("ada", "secret")) << last_error();
@@ -80,7 +80,7 @@ TEST_F(impostors, a_damaged_line_of_known_hosts) {
     }
 }
 
-// ---- peers that are there and say nothing: each test waits as long as the console does
+// ---- silent peers: each test waits as long as the console does
 
 TEST_F(impostors, one_that_never_answers) {
     fake_listener silent([](fake_listener& through) {
@@ -91,7 +91,7 @@ TEST_F(impostors, one_that_never_answers) {
     EXPECT_NE(last_error().find("it does not answer"), std::string::npos) << last_error();
 }
 
-// Frozen after the login: no heartbeats come, and the sink is told.
+// The listener freezes after the login: no heartbeats come, and the sink is notified.
 TEST_F(impostors, one_that_freezes) {
     fake_listener freezing([this](fake_listener& through) {
         fake_tls tls(through, m_key.get(), {});
@@ -115,7 +115,7 @@ TEST_F(impostors, one_that_freezes) {
     EXPECT_NE(last_error().find("it sent nothing for too long"), std::string::npos) << last_error();
 }
 
-// What a listener may say after a login, and a console must not believe.
+// Answers after a login that a console must reject.
 TEST_F(impostors, answers_that_make_no_sense) {
     using qor::control::number_payload;
     const std::pair<frame_type, std::string> wrong[] = {{frame_type::get_codes_answer, "123"},
@@ -134,7 +134,7 @@ TEST_F(impostors, answers_that_make_no_sense) {
     }
 }
 
-// Lists that never end: their pages lead back, or on to pages without a name, or on and on.
+// Endless lists: their pages lead back, or to pages without a name, or to more and more pages.
 TEST_F(impostors, endless_lists) {
     using qor::control::number_payload;
     std::string full = number_payload(0);

@@ -18,7 +18,7 @@ namespace {
 using namespace qor::test;
 using qor::control::known_hosts;
 
-// Each has read the file before the others changed it; no line may get lost by that.
+// Each console has read the file before the others changed it; no line may be lost.
 TEST(known_hosts, consoles_that_remember_at_once) {
     const temp_folder folder;
     const std::string path = folder / "known-hosts";
@@ -43,7 +43,7 @@ TEST(known_hosts, consoles_that_remember_at_once) {
         }
 }
 
-// What is read is one whole text or the other, and neither side is refused because of the other.
+// A reader sees one of the two texts in full, and reader and writer never fail because of each other.
 TEST(private_file, is_read_while_it_is_replaced) {
     const temp_folder folder;
     const std::string texts[] = {std::string(3, 'a'), std::string(20'000, 'b')};
@@ -58,7 +58,7 @@ TEST(private_file, is_read_while_it_is_replaced) {
                 ASSERT_TRUE(qor::control::read_private_file(path, text, reason, is_missing)) << reason;
                 ASSERT_FALSE(is_missing);
                 ASSERT_TRUE(text == texts[0] || text == texts[1]) << text.size();
-                // Windows replaces no file that somebody reads: without a pause there would be no moment for it.
+                // Windows cannot replace a file that is being read, so the readers pause.
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
         });

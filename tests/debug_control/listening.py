@@ -1,4 +1,4 @@
-"""What the tests share that run against a process which listens: the example "ticker", as another program sees it.
+"""Shared code of the tests that need a listening process: the example "ticker", run as a separate program.
 
 Their options: --tool QORTOOL --ticker TICKER [--runner PROGRAM]
 """
@@ -17,7 +17,7 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from tool import Tool, add_options  # noqa: E402  # in tests/support
 
 TIMEOUT = 60  # seconds; instrumented builds on a busy machine are slow
 
@@ -26,7 +26,7 @@ ticker = None
 
 
 def verifier(password, iterations=4096):
-    """The stored form of a password, as an accounts file has it."""
+    """Returns the stored form of a password, as in an accounts file."""
     salt = os.urandom(16)
     salted = hashlib.pbkdf2_hmac("sha256", password, salt, iterations)
     stored = hashlib.sha256(hmac.digest(salted, b"Client Key", "sha256")).digest()
@@ -35,20 +35,20 @@ def verifier(password, iterations=4096):
 
 
 def key_beside(users):
-    """The fingerprint of the key beside a file of accounts, by another program than ours."""
+    """Returns the fingerprint of the key beside a file of accounts, computed by openssl."""
     public = subprocess.run(["openssl", "pkey", "-in", f"{users}.key", "-pubout", "-outform", "DER"], check=True, capture_output=True)
     return hashlib.sha256(public.stdout).hexdigest()
 
 
 def trust(tool, users, host, port, environment):
-    """Notes the key of a listener for consoles to come."""
+    """Stores the key of a listener for later consoles."""
     program = str(tool.path.with_name("qor-debug-user" + tool.path.suffix))
     subprocess.run([*tool.command[:-1], program, "trust", host, str(port), key_beside(users)], check=True, capture_output=True,
                    env=environment)
 
 
 class Listening(unittest.TestCase):
-    """Has an account "ann" with the password "secret"."""
+    """A test with an account "ann" that has the password "secret"."""
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="qor.")
@@ -63,14 +63,14 @@ class Listening(unittest.TestCase):
         return tool.environment() | {"XDG_CONFIG_HOME": str(self.folder), "HOME": str(self.folder)}
 
     def listen(self):
-        """A ticker that listens on self.port."""
+        """Starts a ticker that listens on self.port."""
         while True:
             self.port = random.randint(10000, 32000)
             words = ["20", f"--qor-debug-listen={self.port}", f"--qor-debug-users={self.users}",
                      f"--qor-debug-file={self.trace}", "--qor-debug=ticker.tick"]
             self.peer = subprocess.Popen([*ticker.command, *words], stdin=subprocess.DEVNULL, stderr=subprocess.PIPE,
                                          env=self.environment())
-            # It ticks once it listens; it has ended where somebody else has the port.
+            # It ticks once it listens; it ends if another process has the port.
             while self.peer.poll() is None and not (self.trace.exists() and self.trace.stat().st_size):
                 time.sleep(0.01)
             if self.peer.poll() is None:
@@ -86,11 +86,11 @@ class Listening(unittest.TestCase):
         self.peer.stderr.close()
 
     def traced(self):
-        """The lines of the peer's trace: words behind time, process and thread."""
+        """Returns the texts of the peer's trace lines, after time, process and thread."""
         return [line.split(" ", 2)[2] for line in self.trace.read_text().splitlines()]
 
     def wait_for_trace(self, line):
-        """Until a line ends with these words."""
+        """Waits until a line ends with these words."""
         until = time.monotonic() + TIMEOUT
         while not any(each.endswith(line) for each in self.traced()):
             self.assertLess(time.monotonic(), until, f"no {line} in {self.traced()[-20:]}")

@@ -1,4 +1,4 @@
-// A listener of this process with two accounts, and what its tests have in common.
+// A listener in this process with two accounts, and shared code of its tests.
 #pragma once
 
 #include "channel/control_client.h"
@@ -42,7 +42,7 @@ inline bool has(const std::vector<std::string>& all, const std::string& text) {
     return std::find(all.begin(), all.end(), text) != all.end();
 }
 
-// Counts how often it is told; lives on the stack.
+// Counts its calls; lives on the stack.
 class counting_sink final : public IQORDebugControlSink {
 public:
     void AddRef() noexcept override {}

@@ -26,7 +26,7 @@ TEST_F(loopback, a_login_and_the_operations) {
     EXPECT_FALSE(qor::glue::debug_is_on(code));
 }
 
-// Switched before it is there, and still there when the console has left.
+// A code is switched before it exists, and stays switched after the console has left.
 TEST_F(loopback, codes_to_come) {
     control_pointer control = connect();
     ASSERT_TRUE(control->Login("ada", "secret")) << last_error();
@@ -40,8 +40,8 @@ TEST_F(loopback, codes_to_come) {
     EXPECT_TRUE(control->DisableAll());
 }
 
-// Error 4 leads back to the prompt as often as it takes: after five refusals the listener leaves, and the next login
-// connects again by itself.
+// After error 4 a login may be tried again any number of times: after five refusals the listener closes the connection,
+// and the next login connects again by itself.
 TEST_F(loopback, six_wrong_logins_and_a_right_one) {
     control_pointer control = connect();
     for (int i = 0; i < 6; ++i) {
@@ -107,7 +107,7 @@ TEST_F(loopback, too_many_sessions) {
     EXPECT_TRUE(one_more->Login("bob", "other")) << last_error();
     for (const control_pointer& each : all)
         EXPECT_TRUE(each->DisableAll()) << last_error();
-    // A session that ends makes room.
+    // An ended session makes room.
     all.pop_back();
     control_pointer next = connect();
     while (!next->Login("ada", "secret"))

@@ -1,5 +1,5 @@
-// A peer of a listener's session, made with OpenSSL directly: bytes go to and fro in memory, and the time is the
-// test's.
+// A peer of a listener's session, built on OpenSSL directly: bytes are exchanged in memory, and the test controls the
+// time.
 #pragma once
 
 #include "channel/debug_frames.h"
@@ -25,7 +25,7 @@ using control::moment;
 
 struct client_settings {
     int version = TLS1_3_VERSION;
-    std::string protocols = "\x0bqor-debug/1"; // as TLS lists them
+    std::string protocols = "\x0bqor-debug/1"; // in the format of TLS
 };
 
 class memory_client {
@@ -43,7 +43,7 @@ public:
         step();
     }
 
-    // Moves what is there, both ways, until nothing moves any more.
+    // Moves pending bytes in both directions until there are no more.
     void exchange(control::session& with, moment now) {
         for (bool moved = true; moved;) {
             moved = false;
@@ -83,7 +83,7 @@ public:
         send(bytes);
     }
 
-    // The frames that came, but for heartbeats.
+    // Returns the received frames except heartbeats.
     std::vector<frame> frames() {
         std::vector<frame> all;
         for (frame found; m_frames.next(found) == frame_reader::result::frame;)
@@ -105,8 +105,8 @@ public:
     bool is_open() const { return SSL_is_init_finished(m_ssl.get()) != 0; }
     SSL* ssl() const { return m_ssl.get(); }
 
-    std::string wire;  // all that went over it, both ways
-    std::string plain; // all that came, deciphered
+    std::string wire;  // all bytes of the wire, both directions
+    std::string plain; // all received bytes, decrypted
     unsigned heartbeats = 0;
 
 private:

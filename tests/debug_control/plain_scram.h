@@ -1,5 +1,4 @@
-// SCRAM-SHA-256 step by step, as RFC 5802 writes it: for peers that do one step wrong. Nothing of it is shared with the
-// module.
+// SCRAM-SHA-256 step by step, as in RFC 5802, for peers that get one step wrong. It shares no code with the module.
 #pragma once
 
 #include <openssl/evp.h>
@@ -58,7 +57,7 @@ inline std::string exclusive_or(std::string left, const std::string& right) {
     return left;
 }
 
-// "name:SCRAM-SHA-256$iterations:salt$StoredKey:ServerKey"
+// Returns "name:SCRAM-SHA-256$iterations:salt$StoredKey:ServerKey".
 inline std::string account(const std::string& name, const std::string& password, int iterations = 4096) {
     const std::string salt = hash(name + password).substr(0, 16);
     const std::string key = salted(password, salt, iterations);
@@ -66,7 +65,7 @@ inline std::string account(const std::string& name, const std::string& password,
            base64(hash(hmac(key, "Client Key"))) + ':' + base64(hmac(key, "Server Key")) + '\n';
 }
 
-// The attributes of a message: "r=...,s=...".
+// Returns the attributes of a message: "r=...,s=...".
 inline std::map<char, std::string> attributes(const std::string& message) {
     std::map<char, std::string> out;
     for (std::size_t at = 0; at < message.size();) {
@@ -80,7 +79,7 @@ inline std::map<char, std::string> attributes(const std::string& message) {
 
 inline const std::string header = "p=tls-exporter,,";
 
-// What a client says.
+// The client's messages.
 struct client {
     std::string name;
     std::string password;
@@ -101,7 +100,7 @@ struct client {
         return without_proof + ",p=" + base64(proof);
     }
 
-    // What the server should answer to that.
+    // Returns the answer expected from the server.
     std::string expected(const std::string& server_first, const std::string& last) const {
         auto of = attributes(server_first);
         const std::string key = salted(password, from_base64(of['s']), std::stoi(of['i']));
@@ -110,7 +109,7 @@ struct client {
     }
 };
 
-// What a server says that knows the password.
+// The messages of a server that knows the password.
 struct server {
     std::string password;
     std::string iterations = "4096";

@@ -8,7 +8,7 @@
 
 namespace qor::test {
 
-// A new file of a test's folder that is its owner's alone; its path.
+// Creates a file in a test's folder that only its owner can access, and returns its path.
 inline std::string private_file(const temp_folder& folder, const char* name, const std::string& text) {
     std::string reason;
     EXPECT_TRUE(control::write_private_file(folder / name, text, reason)) << reason;

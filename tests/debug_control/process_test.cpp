@@ -1,4 +1,4 @@
-// Debug control by its public calls, as a program has them; each scene is a process of its own.
+// Debug control through its public calls, as a program uses them; each scene is a separate process.
 #include "loopback.h"
 #include "support/scenes.h"
 
@@ -6,7 +6,7 @@ namespace {
 
 using namespace qor::test;
 
-// Words: the file of accounts, and what to do at the end.
+// Arguments: the file of accounts, and what to do at the end.
 const scene both_ends{
     "debug_control_both_ends", [](const words& arguments) {
         uint16 port = 0;
@@ -28,19 +28,19 @@ const scene both_ends{
         if (arguments[1] == "clean up") {
             control.Empty();
             qorCleanup();
-            // It has ended: nobody listens any more.
+            // The listener has ended: nobody listens any more.
             create_IQORDebugControl(control.Out());
             EXPECT_FALSE(control->Connect("localhost", port));
             return 0;
         }
-        // Both threads are at work while the process ends. Nothing is lost: it can still be reached.
+        // Both threads are running while the process ends. The object is still reachable, so it is not a leak.
         static IQORDebugControl* kept = nullptr;
         kept = control.Detach();
         EXPECT_NE(kept, nullptr);
         return 0;
     }};
 
-// Starts with the framework's options, tells what came of it.
+// Starts with the framework's options and reports the result.
 const scene listen{"debug_control_listen", [](const words& arguments) {
                        qorStringArray args;
                        args.Append("program");
@@ -54,7 +54,7 @@ const scene listen{"debug_control_listen", [](const words& arguments) {
                        return 0;
                    }};
 
-// Starts as it is told, and then another one from the same environment.
+// Starts as the environment says, then starts another process with the same environment.
 const scene listen_and_start_another{"debug_control_listen_and_start_another", [](const words&) {
                                          qorStringArray args;
                                          args.Append("program");
@@ -81,7 +81,7 @@ protected:
         return play(listen, arguments, environment(more));
     }
 
-    // Taken by nobody a moment ago.
+    // Returns a port that was free a moment ago.
     std::string free_port() const {
         zetSmartPointer<IQORDebugListener> listener;
         uint16 port = 0;
@@ -129,11 +129,11 @@ TEST_F(debug_control_process, who_cannot_listen_does_not_start) {
     EXPECT_NE(start({"--qor-debug-listen=0", "--qor-debug-users=" + m_folder / "none"}).code, 0);
 }
 
-// A port is for one process: those that it starts leave the variable alone.
+// A port is for one process: its child processes ignore the variable.
 TEST_F(debug_control_process, the_variable_is_for_the_process_it_was_given_to) {
     ending ended{};
     std::string port;
-    // Somebody else may take a port that has been free.
+    // Another process may take a port that has just been free.
     for (int attempt = 0; attempt < 10 && (attempt == 0 || ended.code == 2); ++attempt) {
         port = free_port();
         ended = play(listen_and_start_another, {},

@@ -1,4 +1,4 @@
-// What a host process must not notice of its listener, on systems with signals, forks and descriptors.
+// Side effects that a listener must not have on its host process, with signals, forks and descriptors.
 #include "loopback.h"
 #include "support/scenes.h"
 
@@ -25,7 +25,7 @@ constexpr bool no_threads_after_fork = true;
 constexpr bool no_threads_after_fork = false;
 #endif
 
-// By their names: another thread may close a descriptor meanwhile, and using one that it closes would be a race.
+// Finds sockets by their names: another thread may close a descriptor meanwhile, so using it would be a race.
 std::vector<int> open_sockets() {
     constexpr std::string_view beginning = "socket:";
     std::vector<int> all;
@@ -40,7 +40,7 @@ std::vector<int> open_sockets() {
     return all;
 }
 
-// Starts as the environment says, and becomes another program, which does the same.
+// Starts as the environment says, then runs another program in its place that does the same.
 const scene listen_and_become_another{"debug_control_listen_and_become_another", [](const words&) {
                                           qorStringArray args;
                                           args.Append("program");
@@ -50,7 +50,7 @@ const scene listen_and_become_another{"debug_control_listen_and_become_another",
                                           return 1;
                                       }};
 
-// Starts as the environment says, and another one with a variable of its own.
+// Starts as the environment says, and starts another process with a different variable.
 const scene listen_and_let_listen{
     "debug_control_listen_and_let_listen", [](const words&) {
         qorStringArray args;
@@ -64,7 +64,7 @@ const scene listen_and_let_listen{
 
 class hosts : public loopback_fixture {
 protected:
-    // What a child of a fork returns.
+    // Returns the exit code of a forked child.
     static int in_child(const std::function<int()>& act) {
         const pid_t child = fork();
         if (child == 0)
@@ -85,7 +85,7 @@ TEST_F(hosts, descriptors_are_for_no_other_program) {
         EXPECT_NE(fcntl(each, F_GETFD) & FD_CLOEXEC, 0) << each;
 }
 
-// The child has no sockets of ours and lets go of both ends without harm; the parent goes on.
+// The child has none of our sockets and releases both ends without harm; the parent continues.
 TEST_F(hosts, a_forked_child_listens_no_more) {
     const std::size_t before = open_sockets().size();
     control_pointer control = connect();
@@ -104,7 +104,7 @@ TEST_F(hosts, a_forked_child_listens_no_more) {
     EXPECT_TRUE(control->DisableAll()) << last_error();
     control.Empty();
     EXPECT_EQ(sink.count(), 0);
-    // The listener's thread closes its end, too.
+    // The listener's thread closes its end too.
     while (open_sockets().size() != before)
         std::this_thread::yield();
 }
@@ -125,7 +125,7 @@ TEST_F(hosts, a_forked_child_may_listen_itself) {
     EXPECT_TRUE(control->Login("ada", "secret")) << last_error();
 }
 
-// A peer that is gone when it is written to would end the process by SIGPIPE.
+// Writing to a closed peer would end the process by SIGPIPE.
 TEST_F(hosts, no_signal_is_raised) {
     ASSERT_EQ(std::signal(SIGPIPE, SIG_DFL), SIG_DFL);
     sockaddr_in at{};
@@ -135,13 +135,13 @@ TEST_F(hosts, no_signal_is_raised) {
     for (int i = 0; i < 200; ++i) {
         const int peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         ASSERT_EQ(::connect(peer, reinterpret_cast<const sockaddr*>(&at), sizeof at), 0);
-        // What is no TLS is answered with an alert; who closes with something unread resets the connection.
+        // Text that is not TLS is answered with an alert; a peer that closes with unread input resets the connection.
         EXPECT_EQ(write(peer, "not TLS at all", 14), 14);
         const linger at_once{1, 0};
         setsockopt(peer, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
         close(peer);
     }
-    // Until the last of them has been noticed there may be no room for another one of the same address.
+    // Until the listener has noticed the last of them, it may have no room for another from this address.
     control_pointer control = make();
     while (!control->Connect("127.0.0.1", port()))
         ASSERT_EQ(error_number(), qorError_debug_busy) << last_error();
@@ -176,7 +176,8 @@ TEST_F(hosts, others_may_not_read_the_key_and_the_known_hosts) {
     }
 }
 
-// A process has its port as long as it lives, whatever program it runs; and one that is told to listen does.
+// A process keeps its port as long as it lives, whichever program it runs; and a process that is told to listen does
+// so.
 TEST(debug_control_processes, listen_where_they_are_told_to) {
     const temp_folder folder;
     const std::string users = private_file(folder, "users", plain_scram::account("ada", "secret"));

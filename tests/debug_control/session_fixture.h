@@ -1,4 +1,4 @@
-// The listener's side of a connection in memory, and a clock that the test moves.
+// The listener's side of a connection in memory, with a clock that the test controls.
 #pragma once
 
 #include "login/accounts.h"
@@ -28,7 +28,7 @@ protected:
         return std::make_unique<session>(m_host, sockets::source{source, "127.0.0.1 port 9"}, place, m_now);
     }
 
-    // The clock goes on, and the session looks at it as often as it asked for.
+    // Advances the clock, and calls the session as often as it asked for.
     void pass(session& of, std::chrono::milliseconds time, memory_client* peer = nullptr) {
         const moment end = m_now + time;
         while (!of.is_over() && of.next_look() <= end) {
@@ -49,7 +49,7 @@ protected:
         }
     }
 
-    // A login up to the answer to its first message.
+    // Logs in up to the answer to the first message.
     std::string begin(session& of, memory_client& peer, const plain_scram::client& who) {
         peer.send(frame_type::login_first, 1, who.first());
         peer.exchange(of, m_now);
@@ -63,7 +63,7 @@ protected:
         return answers[0].payload;
     }
 
-    // A whole login; the answers that came at once.
+    // Does a complete login and returns the answers that came at once.
     std::vector<frame> log_in(session& of, memory_client& peer, plain_scram::client who) {
         peer.exchange(of, m_now);
         who.binding = peer.binding();

@@ -1,4 +1,4 @@
-// The listener's side of a connection: peers of all kinds in memory, and a clock that the test moves.
+// The listener's side of a connection: peers of all kinds in memory, and a clock that the test controls.
 #include "session_fixture.h"
 
 #include <sstream>
@@ -36,7 +36,7 @@ TEST_F(sessions, a_login_and_the_requests) {
     EXPECT_EQ(ask(*of, peer, frame_type::enable_code, '\1' + std::string(4097, 'x')).type, frame_type::refusal);
 }
 
-// Many names are several pages, and a name that is long beyond measure is in none.
+// Many names fill several pages, and a name of excessive length is in none.
 TEST_F(sessions, lists_come_in_pages) {
     std::vector<std::string> expected;
     for (int i = 0; i < 400; ++i) {
@@ -86,7 +86,7 @@ TEST_F(sessions, a_wrong_password_may_be_followed_by_the_right_one) {
     EXPECT_TRUE(succeeds(*of, peer, m_ada));
 }
 
-// The same steps and the same answers; the salt of one that does not exist stays the same.
+// The steps and answers are the same; the salt of an unknown user stays the same.
 TEST_F(sessions, an_unknown_user_is_treated_like_a_known_one) {
     std::string salts[2];
     for (std::string& salt : salts) {
@@ -117,7 +117,7 @@ TEST_F(sessions, twenty_wrong_tries_a_minute_over_all_connections) {
         pass(*of, 250ms, &peer);
         EXPECT_EQ(peer.frames().size(), 1u) << i;
     }
-    // The next one waits until the first is a minute old, even with the right password; another source does not.
+    // The next attempt waits until the first is a minute old, even with the right password; other sources do not wait.
     memory_client peer;
     auto of = connect();
     EXPECT_TRUE(log_in(*of, peer, m_ada).empty());
@@ -180,7 +180,7 @@ TEST_F(sessions, a_frame_takes_five_seconds_at_most) {
     }
 }
 
-// A record of TLS that is not whole holds no frame yet, and is as good as one that has begun.
+// An incomplete TLS record contains no frame yet, but counts as one that has begun.
 TEST_F(sessions, a_record_takes_five_seconds_at_most) {
     memory_client peer;
     auto of = connect();
@@ -223,9 +223,9 @@ TEST_F(sessions, who_is_silent_for_fifteen_seconds_is_gone) {
     EXPECT_TRUE(of->is_over());
 }
 
-// ---- what is refused
+// ---- refused input
 
-// A hello of 120 KB is given no room, in however many records it comes, nor is a record that is longer than a hello.
+// A hello of 120 KB gets no memory, however many records it comes in, nor does a record that is longer than a hello.
 TEST_F(sessions, a_hello_that_claims_to_be_long) {
     for (const std::string_view record :
          {std::string_view("\x16\3\1\0\4\1\1\xe0\0", 9), std::string_view("\x16\3\1\0\1\1", 6),
@@ -236,8 +236,8 @@ TEST_F(sessions, a_hello_that_claims_to_be_long) {
     }
 }
 
-// Who has begun a handshake costs the most: what would draw it out ends it. A hello that goes on in another record, and
-// one that would have to be asked for another key.
+// A peer that has begun a handshake costs the most, so anything that would prolong it ends it: a hello that continues
+// in another record, and one that would need a request for another key.
 TEST_F(sessions, a_hello_that_needs_another_one) {
     memory_client whole;
     const std::string hello = whole.take();
@@ -246,7 +246,7 @@ TEST_F(sessions, a_hello_that_needs_another_one) {
     EXPECT_TRUE(begun->is_over());
     EXPECT_TRUE(begun->outgoing().empty());
 
-    // X25519 becomes a group that means nothing (RFC 8701), where it is offered and where its key is.
+    // X25519 is replaced by a meaningless group (RFC 8701), in the list of groups and beside its key.
     std::string other_key = hello;
     for (const std::string_view x25519 : {std::string_view("\0\x1d\0\x17", 4), std::string_view("\0\x1d\0\x20", 4)}) {
         const std::size_t at = other_key.find(x25519);
@@ -279,7 +279,7 @@ TEST_F(sessions, what_comes_instead_of_the_last_message_of_a_handshake) {
         of->receive(means_nothing, m_now);
         EXPECT_TRUE(of->is_over());
     }
-    // A warning that is passed over elsewhere, a record that holds something else, one that cannot be deciphered.
+    // A warning that others ignore, a record with other content, and one that cannot be decrypted.
     for (const std::string_view other :
          {std::string_view("\x15\3\3\0\2\1\x5a", 7), std::string_view("\x14\3\3\0\1\2", 6),
           std::string_view("\x17\3\3\0\x11-----------------", 22)}) {
@@ -290,7 +290,7 @@ TEST_F(sessions, what_comes_instead_of_the_last_message_of_a_handshake) {
     }
 }
 
-// What comes of a record is kept until it is whole: before a login that is no more than a frame.
+// The received part of a record is kept until the record is complete; before a login that is at most a frame.
 TEST_F(sessions, records_are_short_before_a_login) {
     const auto heartbeats = [](int count) {
         std::string bytes;
@@ -334,7 +334,7 @@ TEST_F(sessions, what_is_out_of_turn) {
         peer.send(frame_type::login_first, 1, m_ada.first());
     };
     EXPECT_TRUE(after(first_twice));
-    // While the answer to a wrong try is due nothing may come.
+    // Nothing may arrive while the answer to a wrong attempt is delayed.
     const auto while_waiting = [this](session& of, memory_client& peer) {
         log_in(of, peer, {"ada", "guess", {}});
         peer.send(frame_type::login_first, 1, m_ada.first());
@@ -381,8 +381,8 @@ TEST_F(sessions, a_peer_that_never_reads_is_dropped) {
     EXPECT_LE(most, 256u * 1024);
 }
 
-// A guess at an account that had many waits, wherever it comes from, also the right one; who has guessed wrong waits
-// for a minute.
+// A guess at an account with many wrong ones waits, from any source, even if it is right; a source that guessed wrong
+// waits for a minute.
 TEST_F(sessions, twenty_wrong_tries_a_minute_at_an_account) {
     const plain_scram::client wrong{"ada", "guess", {}};
     for (int i = 0; i < 20; ++i) {
@@ -412,7 +412,7 @@ TEST_F(sessions, twenty_wrong_tries_a_minute_at_an_account) {
     EXPECT_EQ(stranger.frames().at(0).type, frame_type::login_final_answer);
 }
 
-// Neither on the wire nor, deciphered, in what the server says.
+// The password is neither on the wire nor in the decrypted messages for the server.
 TEST_F(sessions, the_password_is_never_sent) {
     memory_client peer;
     auto of = connect();
@@ -434,11 +434,11 @@ TEST_F(sessions, names_in_the_trace_stay_in_their_quotes) {
     EXPECT_EQ(quoted(std::string(255, 'x')), "'" + std::string(255, 'x') + "'");
     EXPECT_EQ(quoted(std::string(256, 'x')), "'" + std::string(255, 'x') + "'+1");
     EXPECT_EQ(quoted(std::string(255, 'x') + "'+7" + std::string(3, 'y')), "'" + std::string(255, 'x') + "'+6");
-    // Different names, whole in the trace, are different there, too.
+    // Different names stay different in the trace, whether quoted or not.
     EXPECT_NE(quoted("a\nb"), quoted("a\\x0ab"));
 }
 
-// Where a name ends is for nobody to say but for the listener.
+// Only the listener decides where a name ends.
 TEST_F(sessions, fields_of_the_trace_cannot_be_forged) {
     const std::string path = m_folder / "trace";
     ASSERT_TRUE(qorDebugAttachFile(path.c_str()));
@@ -467,7 +467,7 @@ TEST_F(sessions, fields_of_the_trace_cannot_be_forged) {
             "'ada' from 127.0.0.1 port 9 switches all codes off"}));
 }
 
-// ---- what is limited after a login
+// ---- limits after a login
 
 TEST_F(sessions, of_an_account) {
     std::vector<std::unique_ptr<session>> all;
@@ -494,7 +494,7 @@ TEST_F(sessions, switches_for_codes_to_come_are_limited) {
     auto of = connect();
     ASSERT_TRUE(succeeds(*of, peer, m_ada));
     ask(*of, peer, frame_type::disable_all, {});
-    // As bad for a match as they can be.
+    // The worst case for matching.
     const auto name = [](int i) {
         return "\1*" + std::string(static_cast<std::size_t>(i % 7 + 1), 'a') + '*' + std::string(4000, 'a') +
                std::to_string(i);

@@ -1,4 +1,4 @@
-// Whom a connection counts for: users of this host by their numbers, whatever address they take.
+// Assigns connections to the users of this host by user number, whatever address they use.
 #include "channel/peer_source.h"
 #include "channel/peer_source_posix.h"
 #include "load/socket_peer.h"
@@ -65,7 +65,7 @@ protected:
         made.here = qor::sockets::local_end(made.taken);
     }
 
-    // By both ways; nobody: no user.
+    // Asks in both ways; nullopt if no user owns the connection.
     static std::optional<uid_t> owner(const pair& of) {
         std::uint32_t asked = 0, listed = 0;
         const owner_answer one = qor::sockets::owner_by_question(of.from, of.here, asked);
@@ -118,7 +118,7 @@ TEST_F(sources, whatever_address_they_take) {
     close(of_ipv6.peer);
 }
 
-// To the kernel a socket that nobody has open any more belongs to root.
+// For the kernel, a socket that nobody has open belongs to root.
 TEST_F(sources, who_has_left_is_nobody) {
     listen("127.0.0.1");
     pair made = connect();
@@ -127,7 +127,8 @@ TEST_F(sources, who_has_left_is_nobody) {
     EXPECT_EQ(qor::sockets::source_of(made.from, made.here).key, "this host");
 }
 
-// A listener of this host with the port from which somebody elsewhere connects is not his socket.
+// If a peer on another host connects from a port that is also the port of a local listener, the listener's owner does
+// not own the connection.
 TEST_F(sources, other_hosts_are_told_by_address) {
     listen("127.0.0.1");
     const auto elsewhere = [](const char* host, uint16 port) {
@@ -145,7 +146,7 @@ TEST_F(sources, other_hosts_are_told_by_address) {
         EXPECT_EQ(found.key, is_here ? "this host" : from.neighbour()) << host;
         EXPECT_EQ(found.text, from.text());
     }
-    // An IPv4 listener on all addresses takes part in the search, too.
+    // An IPv4 listener on all addresses is also searched.
     qor::sockets::socket everywhere;
     ASSERT_EQ(qor::sockets::listen_at(elsewhere("0.0.0.0", 0), everywhere), 0);
     const endpoint from = elsewhere("192.0.2.7", qor::sockets::local_end(everywhere).port());

@@ -1,18 +1,18 @@
 #!/usr/bin/python3
-"""A client of debug control that shares nothing with this project but docs/debug-control.md, from which it was written.
+"""An independent client of debug control, written from docs/debug-control.md only.
 
 usage: stranger.py HOST PORT USER KNOWN_HOSTS COMMAND...
 
-Standard input holds passwords, one a line: a login is tried with each until one is accepted. Of every refusal there is
-a line "refused" on standard output. Then the commands are carried out, and the lists come one name a line:
+Standard input holds passwords, one a line: they are tried until one is accepted. Each refusal prints a line "refused"
+on standard output. Then the commands are carried out, and the lists are printed one name a line:
 
     all, enabled          the trace codes of the process; those that are on
-    on:NAME, off:NAME     switches what has that name
+    on:NAME, off:NAME     switches the code with that name
     none                  switches all codes off
-    stay:COUNT            does nothing but what keeps the connection until so many heartbeats have come
+    stay:COUNT            only keeps the connection until this number of heartbeats has come
 
-A request that the listener refuses prints "cannot". A key that is not noted yet for the host and port is noted in
-KNOWN_HOSTS after the login. What ends the session early is an exit code of 1, with the reason on standard error.
+A request that the listener refuses prints "cannot". If KNOWN_HOSTS has no key for the host and port, it is added after
+the login. If the session ends early, the exit code is 1, with the reason on standard error.
 """
 
 import base64
@@ -38,7 +38,7 @@ HANDSHAKE, QUIET, DEAD = 5, 5, 15  # seconds
 
 
 class Ended(Exception):
-    """There is no connection any more, and why."""
+    """The connection has ended, with the reason."""
 
 
 class Refused(Exception):
@@ -50,7 +50,7 @@ class Refused(Exception):
 
 
 class Channel:
-    """TLS with frames on it. Heartbeats go out and come in while something else is waited for."""
+    """TLS with frames on it. It sends and receives heartbeats while waiting for other frames."""
 
     def __init__(self, host, port):
         context = SSL.Context(SSL.TLS_METHOD)
@@ -72,7 +72,8 @@ class Channel:
         self.sent = self.heard = time.monotonic()
 
     def carry_out(self, look_at_clock, operation, *words):
-        """`look_at_clock` tells when it wants to be called again; past that the other side is dead."""
+        """Calls `operation` until it succeeds. `look_at_clock` returns when it wants to be called again; after the
+        limit the other side is dead."""
         while True:
             try:
                 return operation(*words)
@@ -100,7 +101,7 @@ class Channel:
                        HEADER.pack(len(payload), kind, 0, request) + payload)
 
     def receive(self):
-        """The next frame: type, request, payload."""
+        """Returns the next frame: type, request, payload."""
         while True:
             length = 0
             if len(self.received) >= HEADER.size:
@@ -116,7 +117,7 @@ class Channel:
             self.heard = time.monotonic()
 
     def ask(self, kind, payload=b""):
-        """The payload of the answer."""
+        """Sends a request and returns the payload of the answer."""
         self.request += 1
         self.send(kind, self.request, payload)
         answer = HEARTBEAT
@@ -185,7 +186,7 @@ def log_in(channel, user, passwords):
 
 
 def noted_key(known, host, port):
-    """The key that the file notes, or None."""
+    """Returns the key that the file contains for the listener, or None."""
     lines = known.read_text().splitlines() if known.exists() else []
     for words in (line.split() for line in lines if line and not line.startswith("#")):
         if len(words) != 4 or words[2] != "sha256":

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""stranger.py, which knows nothing of this project but the description of the protocol, and a process that listens.
+"""Runs stranger.py, which was written from the description of the protocol only, with a listening process.
 
 usage: stranger_test.py --tool QORTOOL --ticker TICKER [--runner PROGRAM]
 """
@@ -24,12 +24,13 @@ class Stranger(Listening):
         self.listen()
 
     def run_stranger(self, *commands, passwords="secret\n", user="ann"):
-        # As a program: Debian's Python has what it needs, whichever one runs this test.
+        # Started as a program, because Debian's Python has the necessary modules and another one that runs this test
+        # may not.
         return subprocess.run([STRANGER, "localhost", str(self.port), user, self.known_hosts, *commands], text=True,
                               input=passwords, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=TIMEOUT)
 
     def stranger(self, *commands, **how):
-        """The lines that it prints."""
+        """Returns its output lines."""
         done = self.run_stranger(*commands, **how)
         self.assertEqual(done.returncode, 0, done.stderr)
         return done.stdout.splitlines()
@@ -85,7 +86,7 @@ class Stranger(Listening):
 def load_tests(_loader, _tests, _pattern):
     names = [name for name in dir(Stranger) if name.startswith("test_")]
     if listening.tool.for_windows:
-        # There it lies in a folder of the user that tests have in common.
+        # There the file is in a folder of the user that all tests share.
         names.remove("test_the_file_of_known_hosts_is_the_same")
     return unittest.TestSuite(map(Stranger, names))
 

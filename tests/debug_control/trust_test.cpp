@@ -1,5 +1,5 @@
-// Whom a console trusts: a listener that has not proved itself is told from one that has, and says only what the
-// protocol has.
+// The trust of a console: it distinguishes a listener that has not proved itself from one that has, and accepts only
+// payloads that the protocol defines.
 #include "impostor_fixture.h"
 #include "login/known_hosts.h"
 
@@ -18,7 +18,7 @@ protected:
         return control;
     }
 
-    // The fingerprint of the key that a control met; empty: it says that it knows the key.
+    // Returns the fingerprint of the key that a control has met; empty if the control says that it knows the key.
     static std::string unknown_key(const control_pointer& of) {
         zetSmartPointer<IQORDebugControl2> control;
         EXPECT_EQ(of->QueryInterface("IQORDebugControl2", reinterpret_cast<void**>(control.Out())), 1);
@@ -28,7 +28,7 @@ protected:
         return is_known ? "" : fingerprint.Text();
     }
 
-    // By OpenSSL's own way to the bytes of a public key.
+    // Gets the bytes of the public key by another function of OpenSSL.
     static std::string fingerprint(EVP_PKEY* key) {
         unsigned char* bytes = nullptr;
         const int size = i2d_PUBKEY(key, &bytes);
@@ -43,7 +43,7 @@ protected:
         return text;
     }
 
-    // Takes a proof and refuses it, as often as the console comes back.
+    // Accepts a proof and refuses it, as often as the console tries again.
     fake_listener::conduct refuse(EVP_PKEY* key, int times) {
         return [this, key, times](fake_listener& through) {
             fake_tls tls(through, key, {});
@@ -62,7 +62,7 @@ protected:
     }
 };
 
-// Each refusal warns of him who says it, with what tells him from the right one.
+// Each refusal warns about the listener and gives the fingerprint that identifies it.
 TEST_F(trust, a_refusal_by_somebody_who_has_proved_nothing) {
     fake_listener impostor(refuse(m_key.get(), 3));
     const control_pointer control = connected(make(), impostor.port());
@@ -77,7 +77,7 @@ TEST_F(trust, a_refusal_by_somebody_who_has_proved_nothing) {
     EXPECT_EQ(m_proofs, 3);
 }
 
-// The real one warns as well, until a login has proved it.
+// The real listener causes the same warning, until a login has proved it.
 TEST_F(trust, a_refusal_by_one_that_is_known) {
     control_pointer control = connect();
     EXPECT_NE(unknown_key(control), "");
@@ -92,7 +92,7 @@ TEST_F(trust, a_refusal_by_one_that_is_known) {
     EXPECT_EQ(last_error(), "The user name or the password was refused.");
 }
 
-// Known before the first login, no other key gets as far as a password.
+// If the key is stored before the first login, a listener with another key never receives a password.
 TEST_F(trust, a_key_that_is_noted_first) {
     const auto noted = [&](uint16 at, EVP_PKEY* key) {
         return qor::control::known_hosts(folder() / "known-hosts")
@@ -113,7 +113,7 @@ TEST_F(trust, a_key_that_is_noted_first) {
     EXPECT_EQ(error_number(), qorError_no_such_host);
 }
 
-// The key that the user has compared is the one that his next password goes to.
+// The next password goes to the key that the user has compared.
 TEST_F(trust, another_key_on_the_way_back) {
     const key_pointer other(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
     int connections = 0;
@@ -128,7 +128,7 @@ TEST_F(trust, another_key_on_the_way_back) {
     EXPECT_EQ(m_proofs, 1);
 }
 
-// ---- payloads that docs/debug-control.md does not have
+// ---- payloads that docs/debug-control.md does not define
 
 using operation = std::function<bool(const control_pointer&)>;
 
@@ -152,7 +152,7 @@ TEST_F(trust, answers_of_another_form) {
         const operation& ask;
         frame_type type;
         std::string payload;
-        uint32 error; // 0: as it should be
+        uint32 error; // 0: success
     } const all[] = {
         {enable, frame_type::enable_code_answer, "", 0},
         {enable, frame_type::enable_code_answer, "x", qorError_debug_protocol},
@@ -211,7 +211,7 @@ TEST_F(trust, heartbeats_say_nothing) {
     }
 }
 
-// A refusal stands in the place of the last message, and says one thing only.
+// A refusal replaces the last message and has one meaning only.
 TEST_F(trust, logins_that_are_refused_in_another_way) {
     struct {
         bool first;

@@ -1,4 +1,4 @@
-// Our MD5 beside OpenSSL's.
+// Our MD5, compared with OpenSSL's.
 #include "digest/md5.h"
 
 #include <gtest/gtest.h>
@@ -101,7 +101,7 @@ TEST(md5, random_messages_in_random_pieces) {
 
 TEST(md5, a_message_of_more_than_2_to_the_32_bits) {
     const bytes piece(1 << 20, 'x');
-    constexpr int pieces = 513; // of a mebibyte each: the number of bits needs more than 32
+    constexpr int pieces = 513; // of a mebibyte each: the count of bits needs more than 32 bits
     qor::digest::md5 ours;
     EVP_MD_CTX* const theirs = EVP_MD_CTX_new();
     ASSERT_EQ(EVP_DigestInit_ex(theirs, EVP_md5(), nullptr), 1);

@@ -33,7 +33,7 @@ def read(name):
 
 
 def prose(text):
-    """The lines outside of code, and their numbers."""
+    """Returns the lines outside code, with their numbers."""
     is_code = False
     for number, line in enumerate(text.splitlines(), 1):
         if line.startswith("```"):
@@ -43,18 +43,18 @@ def prose(text):
 
 
 def anchors(text):
-    """The headings as links name them."""
+    """Returns the headings in the form that links use."""
     headings = [line.lstrip("#").strip() for _, line in prose(text) if line.startswith("#")]
     return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings}
 
 
 def section(text, heading):
-    """From a heading up to the next one of its level."""
+    """Returns the text from a heading to the next one of its level."""
     return re.search(rf"^{re.escape(heading)}\n(.*?)(?=^## |\Z)", text, re.M | re.S).group(1)
 
 
 def first_words(text, heading):
-    """The first words of the code in the first column of a section's tables."""
+    """Returns the first words of the code in the first column of a section's tables."""
     return re.findall(r"^\| `(\S+?)[ `=\[]", section(text, heading), re.M)
 
 
@@ -76,7 +76,7 @@ class Documents(unittest.TestCase):
 
     def test_paths_are_those_of_files(self):
         for name, text in documents().items():
-            # The recipes name files that a contributor is about to write.
+            # The recipes name files that the contributor will create.
             if name == pathlib.Path("CONTRIBUTING.md"):
                 text = text.replace(section(text, "## Recipes"), "")
             for number, line in prose(text):
@@ -112,8 +112,8 @@ class WorkedExamples(unittest.TestCase):
         return done.stdout
 
     def follow(self, block, address):
-        """Runs the commands of a block and compares their output, in which addresses may differ. `address` is the
-        caller in README and the one here; the result is that of this run."""
+        """Runs the commands of a block and compares their output, except for addresses. `address` is the caller in
+        README and the one here. Returns the address of this run."""
         shown = re.sub(r"^    ", "", block, flags=re.M).strip()
         for command, output in re.findall(r"^\$ (.*)\n?((?:(?!\$ ).*\n?)*)", shown, re.M):
             command = command.replace(*address).replace("/tmp/", f"{self.folder}/")

@@ -22,7 +22,7 @@ TIMEOUT_SECONDS = 800
 
 
 def action_words(samples):
-    """What an action is given; one that is not here is run without words."""
+    """The arguments for actions; an action that is not listed runs without arguments."""
     return {
         "sysinfo": [["--developer"]],
         "pwcrypt": [["secret"]],
@@ -40,7 +40,7 @@ def action_words(samples):
 
 
 def actions(tool):
-    """Those that `help` lists."""
+    """Returns the actions that `help` lists."""
     text = subprocess.run([tool, "--quiet", "help"], capture_output=True, text=True, env={"LC_ALL": "C"}).stderr
     listed = text.split("\n\n")[2]
     return re.findall(r"^  (\S+)", listed, re.M)

@@ -40,7 +40,7 @@ std::string text_of(IQORErrorMessage* message) {
 
 std::string last_text() { return text_of(*last_error()); }
 
-// English, and no error from the test before.
+// Sets English and clears the error of the previous test.
 class error : public testing::Test {
 protected:
     error() {
@@ -168,7 +168,7 @@ TEST_F(error, an_object_may_be_used_on_other_threads) {
         each.join();
 }
 
-// Programs are compiled against the order of the interface's operations, so each is called here by its position.
+// Programs are compiled against the order of the interface's operations, so each is called by its position here.
 TEST_F(error, the_operations_stand_in_their_order) {
     qorSetLastError(qorError_cannot_open_file, "f", "r");
     IQORErrorMessage* message = nullptr;
@@ -349,7 +349,7 @@ TEST_F(error, windows_codes_are_translated) {
         {10060, qorError_timed_out},
         {10061, qorError_connection_lost},
     };
-    // All of them, so that a row in the wrong place of a sorted table shows.
+    // All codes, so that a misplaced row in a sorted table is found.
     for (uint32 code = 0; code < 20000; ++code) {
         const auto found = known.find(code);
         ASSERT_EQ(qorTranslateMSWindowsError(code), found != known.end() ? found->second : qorError_unknown) << code;
@@ -360,7 +360,7 @@ TEST_F(error, windows_codes_are_translated) {
 
 namespace {
 
-// Destructors of static objects and exit handlers run when the main thread's own objects are gone.
+// Destructors of static objects and exit handlers run after the main thread's own objects have been destroyed.
 const qor::test::scene late{
     "error_late", [](const words&) {
         std::atexit([] {

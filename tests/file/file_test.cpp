@@ -145,7 +145,7 @@ TEST_F(file, opened_again) {
     ASSERT_TRUE(from.Open(first.c_str(), reading));
     ASSERT_TRUE(from.Open(second.c_str(), reading));
     EXPECT_EQ(from.GetSize(), 2u);
-    // One that fails leaves nothing open.
+    // A failed Open leaves no file open.
     EXPECT_FALSE(from.Open((m_folder / "missing").c_str(), reading));
     EXPECT_EQ(from.GetSize(), 0u);
     ASSERT_TRUE(from.Open(first.c_str(), reading));
@@ -153,7 +153,7 @@ TEST_F(file, opened_again) {
     EXPECT_EQ(from.GetSize(), 0u);
 }
 
-// Others may go on with what is open here.
+// An open file does not restrict others.
 TEST_F(file, an_open_file_can_be_written_and_deleted) {
     const std::string path = m_folder.file("f", "before");
     qorFile from;

@@ -1,4 +1,4 @@
-// The file object and what POSIX has beside files: pipes, devices, rights, links.
+// The file object with POSIX specials: pipes, devices, rights, links.
 #include "qor/qor.h"
 #include "reader_support.h"
 
@@ -22,7 +22,7 @@ std::string no_disk_file(const std::string& path) {
     return std::string("Cannot open '") + path + "': it is a pipe or a device, not a file on a disk.";
 }
 
-// Rights mean nothing to a super-user, so the scene gives them up.
+// A super-user ignores access rights, so the scene gives up its own.
 const qor::test::scene unreadable{"file_unreadable", [](const words& arguments) {
                                       if (geteuid() == 0 && setuid(nobody) != 0)
                                           return 1;
@@ -48,7 +48,7 @@ TEST_F(posix_file, an_unreadable_file) {
     EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
 }
 
-// A pipe that nobody writes to would make an ordinary open wait for ever.
+// An ordinary open would wait forever for a writer of the pipe.
 TEST_F(posix_file, a_pipe) {
     const std::string path = m_folder / "pipe";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
@@ -57,7 +57,7 @@ TEST_F(posix_file, a_pipe) {
     EXPECT_EQ(last_error(), no_disk_file(path));
 }
 
-// Nor does it notice that somebody looked: a writer that found a reader would write, and get a broken pipe.
+// The pipe is not even opened: a writer that found a reader would write and then get a broken pipe.
 TEST_F(posix_file, a_pipe_is_not_touched) {
     const std::string path = m_folder / "pipe";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
@@ -111,14 +111,14 @@ TEST_F(posix_file, links) {
 
 TEST_F(posix_file, a_read_error_is_the_last_error) {
     qorFile from;
-    // Opens, but its first page is not mapped.
+    // The file opens, but its first page is not mapped.
     ASSERT_TRUE(from.Open("/proc/self/mem", reading));
     char byte;
     EXPECT_FALSE(from.ReadAt(0, &byte, 1));
     EXPECT_EQ(last_error(), "Cannot read '/proc/self/mem': Input/output error.");
 }
 
-// What another program is started with is its own affair.
+// Another program must not inherit our descriptors.
 TEST_F(posix_file, child_processes_do_not_inherit_it) {
     qorFile from;
     const int next = dup(STDERR_FILENO);

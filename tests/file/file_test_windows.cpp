@@ -1,4 +1,4 @@
-// The file object and what Windows has beside files: devices, and pipes with names of their own.
+// The file object with Windows specials: devices, and named pipes.
 #include "qor/qor.h"
 #include "reader_support.h"
 

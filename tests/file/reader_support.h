@@ -1,4 +1,4 @@
-// What the tests of the line reader share.
+// Shared code of the tests of the line reader.
 #pragma once
 
 #include "qor/qor.h"
@@ -33,7 +33,7 @@ inline words read_all(IQORSimpleFileReader* reader) {
     return lines;
 }
 
-// The tests of the line reader, each with a folder of its own.
+// Base of the tests of the line reader; each has a folder of its own.
 class reader_test : public testing::Test {
 protected:
     const temp_folder m_folder;

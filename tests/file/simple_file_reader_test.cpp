@@ -12,9 +12,9 @@ namespace {
 
 using namespace qor::test;
 
-constexpr std::size_t block = 256 * 1024; // the reader's own
+constexpr std::size_t block = 256 * 1024; // the reader's block size
 
-// The plain way: what lies between line feeds, without a carriage return in front of them.
+// The plain way: splits at line feeds and removes a carriage return before each.
 words split(const std::string& bytes) {
     words lines;
     std::size_t begin = 0;
@@ -72,7 +72,7 @@ TEST_F(simple_file_reader, any_byte) {
     EXPECT_EQ(lines_of(nuls), (words{std::string("\0a\0", 3), std::string("\0", 1)}));
 }
 
-// Every way in which a line and its end can lie across the reader's blocks.
+// Every way in which a line and its end can cross the reader's blocks.
 TEST_F(simple_file_reader, lines_around_the_end_of_a_block) {
     for (const char* const end : {"\n", "\r\n"})
         for (std::size_t blocks = 1; blocks <= 3; ++blocks)
@@ -144,7 +144,7 @@ TEST_F(simple_file_reader, the_end_of_a_file_is_no_error_and_stays_the_end) {
 
 constexpr std::uintmax_t longest = std::uintmax_t{256} << 20;
 
-// A line that begins with "x", and what follows it. Holes take no room.
+// Writes a line that begins with "x" and has this length, and then `rest`. The line is a hole and takes no disk space.
 std::string with_long_line(const temp_folder& folder, std::uintmax_t length, const std::string& rest) {
     const std::string path = folder.file("text", "a\nx");
     std::filesystem::resize_file(path, 2 + length);
@@ -174,7 +174,7 @@ TEST_F(simple_file_reader, a_line_of_more_than_256_MiB_is_a_read_error) {
             qorClearLastError();
             EXPECT_EQ(read_all(*reader), words{"a"});
             EXPECT_EQ(last_error(), "Cannot read '" + path + "': one of its lines is longer than 256 MiB.");
-            // It goes on behind it, and ends where the file does.
+            // Reading continues after the line, and ends at the end of the file.
             qorClearLastError();
             EXPECT_EQ(read_all(*reader), rest.size() > 1 ? words{"b"} : words{});
             EXPECT_EQ(read_all(*reader), words{});

@@ -1,4 +1,4 @@
-// The line reader and the files of POSIX: rights, descriptors, pipes.
+// The line reader with files of POSIX: rights, descriptors, pipes.
 #include "reader_support.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ namespace {
 
 constexpr int nobody = 65534;
 
-// Rights mean nothing to a super-user, so the scene gives them up.
+// A super-user ignores access rights, so the scene gives up its own.
 const qor::test::scene unreadable{"reader_unreadable", [](const words& arguments) {
                                       if (geteuid() == 0 && setuid(nobody) != 0)
                                           return 1;
@@ -44,7 +44,7 @@ TEST_F(posix_file_reader, an_unreadable_file) {
 
 TEST_F(posix_file_reader, a_read_error_is_the_last_error) {
     const reader_pointer reader = make_reader();
-    // Opens, but its first page is not mapped.
+    // The file opens, but its first page is not mapped.
     ASSERT_TRUE(reader->Open("/proc/self/mem", 0));
     qorString line;
     EXPECT_FALSE(reader->ReadLine(line));
@@ -84,7 +84,7 @@ TEST_F(posix_file_reader, a_pipe_that_is_fed_slowly) {
 TEST_F(posix_file_reader, a_line_of_a_pipe_comes_before_its_end) {
     const std::string path = m_folder / "pipe";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    // A pipe that the test holds open at both ends: nobody waits in open().
+    // The test holds both ends of the pipe open, so open() does not wait.
     const int pipe = open(path.c_str(), O_RDWR);
     const reader_pointer reader = make_reader();
     ASSERT_TRUE(reader->Open(path.c_str(), 0));
@@ -97,7 +97,7 @@ TEST_F(posix_file_reader, a_line_of_a_pipe_comes_before_its_end) {
     close(pipe);
 }
 
-// Whoever has something to show is told, each time and only then.
+// The callback is called before each wait, and only then.
 TEST_F(posix_file_reader, a_pipe_that_has_nothing_yet) {
     struct feeder {
         int pipe;
@@ -121,7 +121,7 @@ TEST_F(posix_file_reader, a_pipe_that_has_nothing_yet) {
         EXPECT_EQ(view(line), text);
     }
     EXPECT_EQ(writer.next, 3u);
-    // What is there already needs no wait, nor does a file, nor the end of either.
+    // Text that is already there needs no wait, nor does a file, nor the end of either.
     EXPECT_EQ(write(writer.pipe, "fourth\n", 7), 7);
     EXPECT_TRUE(reader->ReadLine(line));
     close(writer.pipe);

@@ -1,4 +1,4 @@
-// The line reader and the files of Windows: sharing, pipes.
+// The line reader with files of Windows: sharing, pipes.
 #include "error/error.h"
 #include "reader_support.h"
 #include "support/platform.h"
@@ -17,12 +17,12 @@ using namespace qor::test;
 
 class windows_file_reader : public qor::test::reader_test {};
 
-// One that lets nobody else have the file; INVALID_HANDLE_VALUE where somebody has it already.
+// Opens a file exclusively; INVALID_HANDLE_VALUE if somebody else has it open.
 HANDLE open_alone(const std::string& path) {
     return CreateFileA(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
 }
 
-// A pipe with this process at its writing end.
+// A pipe whose writing end is in this process.
 class pipe {
 public:
     pipe()

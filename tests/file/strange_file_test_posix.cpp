@@ -1,5 +1,5 @@
-// Pipes, devices and more in the place of each file that the library looks for by itself. A reader that waits for one
-// of them never ends.
+// Pipes, devices and other kinds in place of each file that the library opens by itself. A reader that waited for one
+// of them would never end.
 #include "catalog/catalog_file.h"
 #include "folder/user_dirs.h"
 #include "platform/raw_file.h"
@@ -23,7 +23,7 @@ using qor::test::strange_kinds;
 
 class strange_files : public testing::Test {
 protected:
-    // Calls `check` with each kind in the place of the file.
+    // Calls `check` with each kind in place of the file.
     template <class CHECK>
     void with_each(const std::string& path, std::string_view text, CHECK check) {
         for (const char* const kind : strange_kinds) {
@@ -55,7 +55,7 @@ TEST_F(strange_files, are_told_by_their_kind) {
     EXPECT_EQ(raw_file().open("/proc/self/status", raw_file::access::regular), 0);
 }
 
-// What a user names may be a pipe, whose text is waited for.
+// A file that a user names may be a pipe, and the reader then waits for its text.
 TEST_F(strange_files, may_be_named_by_the_user) {
     const strange_file pipe("pipe with text", m_path, "line\n");
     raw_file file;
@@ -120,7 +120,7 @@ TEST_F(strange_files, are_no_attributes_of_a_port) {
     EXPECT_EQ(qor::serial::read_lines(m_folder / "plain"), (std::vector<std::string>{" one\x1b ", "two"}));
 }
 
-// Whoever put them there has locked the port, in a way that names no process; nothing is where a link leads to nothing.
+// Their owner has locked the port in a way that names no process. A dangling link counts as no file.
 TEST_F(strange_files, lock_a_port_for_somebody) {
     const qor::test::fake_host host;
     int holder = 1;

@@ -39,7 +39,7 @@ TEST(folder, another_number_is_none) {
     }
 }
 
-// Where they are is for tests of the whole tool to say; here, that success leaves the last error alone.
+// Tests of the whole tool check the paths. This test checks that success keeps the last error.
 TEST(folder, the_frameworks_own_are_there) {
     for (const qorFolderId id : {qorFolder_qor_executable, qorFolder_qor_library, qorFolder_qor_catalogs}) {
         qorSetLastError(qorError_timed_out);

@@ -14,7 +14,7 @@ namespace {
 
 constexpr uid_t nobody = 65534;
 
-// What `ask` writes into its text, in a child that may change what cannot be changed back.
+// Returns the text that `ask` returns in a child process, which may make irreversible changes.
 std::string in_child(const std::function<std::string()>& ask) {
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);

@@ -13,7 +13,7 @@ std::string cut_range(const std::string& type) {
                                 "qorcore/include/qor/system/template/Array", 92);
 }
 
-// An element that counts how many of its kind live.
+// An element that counts the live objects of its type.
 struct counted {
     counted(int number, int& alive_now) : value(number), alive(&alive_now) { ++*alive; }
     counted(const counted& other) : value(other.value), alive(other.alive) { ++*alive; }
@@ -105,7 +105,7 @@ TEST(array, a_range_beyond_the_end_is_reported_and_cut) {
     EXPECT_EQ(values(array), (std::vector{0, 1}));
     array.RemoveAt(3, 0);
     EXPECT_EQ(table.take(), calls{cut_range("int")});
-    array.RemoveAt(0xffffffff, 2); // the sum would wrap
+    array.RemoveAt(0xffffffff, 2); // the sum would overflow
     EXPECT_EQ(table.take(), calls{cut_range("int")});
     EXPECT_EQ(values(array), (std::vector{0, 1}));
     array.RemoveAt(1, 0xffffffff);
@@ -149,7 +149,7 @@ TEST(array, an_index_is_checked_by_the_vector) {
 TEST(array, is_silent_without_a_table) {
     recording_table table;
     zetArray<int> array;
-    // Even a cut range reaches the library to close the gap; an index does not.
+    // Even a truncated range calls the library to close the gap; an index does not.
     array.Append(7);
     EXPECT_TRUE(table.unbound([&] { EXPECT_EQ(&array[1], &array[0] + 1); }));
     EXPECT_EQ(table.take(), calls{});

@@ -1,15 +1,15 @@
-"""What every client does with a libqor that is missing, damaged or another one, whatever the system.
+"""The behaviour of every client when libqor is missing, damaged or another version, on any system.
 
-A test case of its system has these names: `library`, where libqor is looked for; `real`, the bytes of the sound one;
-`good_start`, how many of them it takes to pass for one; `suffix`, of libraries; check() and copy(); and LOST,
-NOT_ANYWHERE, NO_EXPORT, INCOMPLETE and NOT_A_WORD, what comes of it.
+A test case of its system defines these names: `library`, the path where libqor is searched for; `real`, the bytes of
+the sound library; `good_start`, the number of bytes that a file needs to look like one; `suffix`, of library files;
+check() and copy(); and the results LOST, NOT_ANYWHERE, NO_EXPORT, INCOMPLETE and NOT_A_WORD.
 """
 
 import sys
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from damaged_libraries import DamagedLibraries  # noqa: E402  # beside this folder
+from damaged_libraries import DamagedLibraries  # noqa: E402  # in tests/support
 
 
 class WrongLibraries(DamagedLibraries):
@@ -33,7 +33,7 @@ class WrongLibraries(DamagedLibraries):
         self.check(self.LOST, self.NO_EXPORT)
 
     def test_an_incomplete_table(self):
-        """Of an older library, which lacks what the client was compiled for."""
+        """Tables of an older library, which lack operations that the client was compiled for."""
         for name in ("short_table", "table_without_length", "table_with_a_gap"):
             with self.subTest(name):
                 self.copy(name + self.suffix, self.library)

@@ -37,7 +37,7 @@ options = None
 
 
 def segments(image):
-    """(offset, size in the file) of the parts of an ELF image that a loader maps."""
+    """Returns (offset, size in the file) of the parts of an ELF image that a loader maps."""
     assert image[:5] == b"\x7fELF\x02", "a 64-bit ELF file"
     at, = struct.unpack_from("<Q", image, 32)
     size, count = struct.unpack_from("<HH", image, 54)
@@ -69,13 +69,13 @@ class Binding(WrongLibraries, unittest.TestCase):
         return Path(shutil.copy(options.bin / name, to))
 
     def run_client(self, *words, client=None, environment=None, **more):
-        """(exit code, standard output, standard error) of a run; the log is then in self.log."""
+        """Runs the client; returns (exit code, standard output, standard error). The log is then in self.log."""
         self.log.unlink(missing_ok=True)
         environment = {
             "PATH": "/usr/bin:/bin",
             "LD_PRELOAD": str(self.recorder),
             "FAKE_SYSLOG": str(self.log),
-            # A preloaded library comes before the sanitizer's own, which does not like that.
+            # The preloaded library comes before the sanitizer's, which would be an error.
             "ASAN_OPTIONS": "verify_asan_link_order=0",
             **(environment or {}),
         }
@@ -90,7 +90,7 @@ class Binding(WrongLibraries, unittest.TestCase):
         self.assertEqual(self.run_client(**more), expected)
         self.assertEqual(self.logged(), log)
 
-    # ---- the library is beside the client
+    # ---- a library beside the client
 
     def test_beside_the_client(self):
         self.library.write_bytes(self.real)
@@ -147,10 +147,11 @@ class Binding(WrongLibraries, unittest.TestCase):
         folder.mkdir()
         (folder / "libqor.so").write_bytes(image)
 
-    # ---- no library that could be loaded
+    # ---- no loadable library
 
     def test_cut_off(self):
-        """Wherever the file ends. A loader maps what is left of it and dies on the rest, if it is let."""
+        """The file is truncated at various places. Without the check, a loader would map the remaining part and crash
+        on the rest."""
         size = len(self.real)
         places = {1, 4, 16, 63, 64, 65, 120, 500, 1000, 4095, 4096, 4097, size // 4, size // 2,
                   size * 3 // 4, size - 1}
@@ -181,7 +182,7 @@ class Binding(WrongLibraries, unittest.TestCase):
     def test_unreadable(self):
         self.library.write_bytes(self.real)
         self.library.chmod(0)
-        # Nothing is unreadable to root.
+        # Every file is readable to root.
         somebody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
         self.bin.chmod(0o755)
         self.client.chmod(0o755)
@@ -203,8 +204,8 @@ class Binding(WrongLibraries, unittest.TestCase):
                 self.check(LOST, NO_EXPORT)
 
     def test_single_bits_of_the_headers(self):
-        """Each bit of the file's header and of the program headers: where it counts, the library is refused, and
-        nothing is mapped that is not there."""
+        """Flips each bit of the file header and the program headers. If the bit matters, the library is refused, and
+        nothing outside the file is mapped."""
         self.library.write_bytes(self.real)
         at, = struct.unpack_from("<Q", self.real, 32)
         size, count = struct.unpack_from("<HH", self.real, 54)
@@ -212,7 +213,7 @@ class Binding(WrongLibraries, unittest.TestCase):
         bits = range((at + size * count) * 8)
         refused = 0
         with open(self.library, "r+b", buffering=0) as library:
-            # Starting a program with a sanitizer in it takes many times as long.
+            # Starting a program with a sanitizer takes many times as long.
             for bit in bits[::17] if options.instrumented else bits:
                 byte = self.real[bit // 8]
                 os.pwrite(library.fileno(), bytes([byte ^ 1 << bit % 8]), bit // 8)
@@ -226,7 +227,7 @@ class Binding(WrongLibraries, unittest.TestCase):
     # ---- without /proc
 
     def without_proc(self, *words):
-        """The words before a program that sees an empty /proc."""
+        """Returns the words that run a program with an empty /proc."""
         if options.instrumented:
             self.skipTest("a sanitizer needs /proc itself")
         for space in (["unshare", "-m"], ["unshare", "-r", "-m"]):
@@ -255,7 +256,7 @@ class Binding(WrongLibraries, unittest.TestCase):
         self.assertEqual(self.run_without_proc(self.client), LOST)
 
     def test_without_proc_where_the_path_cannot_be_trusted(self):
-        """A set-user-id program believes no path that its user chose."""
+        """A set-user-id program ignores paths that its user chose."""
         if os.geteuid() != 0:
             self.skipTest("only root makes a program that runs as root")
         if os.statvfs(self.bin).f_flag & os.ST_NOSUID:
@@ -314,7 +315,7 @@ class Binding(WrongLibraries, unittest.TestCase):
 
 
 class Linking(unittest.TestCase):
-    """A client needs the headers and a compiler, nothing else."""
+    """A client needs only the headers and a compiler."""
 
     def test_compiles_with_the_headers_alone(self):
         with tempfile.TemporaryDirectory() as folder:
@@ -330,7 +331,7 @@ class Linking(unittest.TestCase):
         self.imports_nothing_of_ours(options.tool)
 
     def test_the_tool_has_no_run_path(self):
-        """The loader would follow it for the C library at every start."""
+        """The loader would use it for the C library too, at every start."""
         self.assertNotIn("PATH)", subprocess.check_output(["readelf", "-dW", options.tool], text=True))
 
     def imports_nothing_of_ours(self, program):

@@ -28,14 +28,15 @@ NO_EXPORT = ["FAILED GetProcAddress() on libqor.dll for main entry point\n"]
 LOST = (100, b"before the first call\r\n")
 BOUND = (0, b"before the first call\r\nbound\r\nend\r\n")
 
-# What GetModuleFileNameW gives may be 260 characters long, its end included.
+# A path from GetModuleFileNameW may have up to 260 characters, including its end.
 PATH_LIMIT = 260
 
 options = None
 
 
 def sections(image):
-    """(offset, size in the file) of the parts of a PE image that a loader maps, without what fills up the last block."""
+    """Returns (offset, size in the file) of the parts of a PE image that a loader maps, without the padding of the last
+    block."""
     pe, = struct.unpack_from("<I", image, 60)
     assert image[pe:pe + 4] == b"PE\0\0"
     count, = struct.unpack_from("<H", image, pe + 6)
@@ -47,7 +48,8 @@ def sections(image):
 
 
 def debugger_messages(trace):
-    """What reached a debugger; Wine shows each text where it enters, whatever its width, and where it is raised."""
+    """Returns the texts that reached a debugger. Wine prints each text when the function is entered, whatever its
+    width, and when it is raised."""
     found = re.findall(rb":OutputDebugString[AW] L?\"((?:[^\"\\]|\\.)*)\"", trace)
     return [text.decode().replace("\\n", "\n") for text in found]
 
@@ -71,12 +73,13 @@ class Binding(WrongLibraries, unittest.TestCase):
         return Path(shutil.copy(options.bin / name, to))
 
     def run_client(self, *words, client=None, path="", **more):
-        """((exit code, standard output), messages) of a run. `path` is put in front of the places where Windows looks."""
+        """Runs the client; returns ((exit code, standard output), messages). `path` comes before the places where
+        Windows searches."""
         environment = {**os.environ, "WINEDEBUG": "-all,warn+seh", "WINEPATH": path}
-        more.setdefault("cwd", self.root)  # Windows looks in the current folder, too
+        more.setdefault("cwd", self.root)  # Windows searches the current folder too
         run = subprocess.run([options.runner, client or self.client, *words], stdin=subprocess.DEVNULL,
                              capture_output=True, env=environment, timeout=120, **more)
-        # Wine's own lines say which thread and what kind they are; the program prints nothing here.
+        # Wine's own lines begin with the thread and a kind; the program itself prints nothing here.
         said = [line for line in run.stderr.splitlines() if not re.match(rb"[0-9a-f]{4}:", line)]
         self.assertEqual(said, [])
         return (run.returncode, run.stdout), debugger_messages(run.stderr)
@@ -84,7 +87,7 @@ class Binding(WrongLibraries, unittest.TestCase):
     def check(self, expected, messages, **more):
         self.assertEqual(self.run_client(**more), (expected, messages))
 
-    # ---- the library is beside the client
+    # ---- a library beside the client
 
     def test_beside_the_client(self):
         self.library.write_bytes(self.real)
@@ -101,7 +104,8 @@ class Binding(WrongLibraries, unittest.TestCase):
         self.check(BOUND, [], client=self.copy("client.exe", folder))
 
     def test_up_to_the_limit_of_a_path(self):
-        """The library's whole path, "Z:" in front, has the limit's length; with one more it counts as missing."""
+        """The library's path, with "Z:" in front, has the maximum length; one character more, and the library counts as
+        missing."""
         for longer, messages in ((0, []), (1, BY_NAME)):
             with self.subTest(longer=longer):
                 room = PATH_LIMIT + longer - len(f"Z:{self.root}/") - len("/libqor.dll")
@@ -109,13 +113,13 @@ class Binding(WrongLibraries, unittest.TestCase):
                 folder.mkdir(parents=True)
                 self.assertEqual(len(f"Z:{folder}/libqor.dll"), PATH_LIMIT + longer)
                 (folder / "libqor.dll").write_bytes(self.real)
-                # By its bare name Windows finds it there all the same: in the folder of the program.
+                # Windows finds it by its bare name nevertheless, in the folder of the program.
                 self.check(BOUND, messages, client=self.copy("client.exe", folder))
 
-    # ---- no library that could be loaded
+    # ---- no loadable library
 
     def test_cut_off(self):
-        """Wherever the file ends before its last part. Of that one Wine takes what there is; Windows refuses it."""
+        """The file is truncated before its last part. Wine accepts a truncated last part; Windows refuses it."""
         size = len(self.real)
         parts = sorted(sections(self.real))
         end = parts[-1][0]
@@ -152,7 +156,7 @@ class Binding(WrongLibraries, unittest.TestCase):
         self.copy("without_export.dll", self.root / "lib" / "libqor.dll")
         self.check(LOST, BY_NAME + NO_EXPORT, **more)
 
-    # ---- from a module's folder, and the words of the process
+    # ---- from a module's folder, and the process's arguments
 
     def test_a_client_within_a_module(self):
         folder = self.root / "Größe 日本語"
@@ -183,7 +187,7 @@ class Binding(WrongLibraries, unittest.TestCase):
 
 
 class Linking(unittest.TestCase):
-    """A client needs the headers and a compiler, nothing else: no import library, and windows.h in any place."""
+    """A client needs only the headers and a compiler: no import library, and windows.h may be included anywhere."""
 
     def compile(self, text):
         with tempfile.TemporaryDirectory() as folder:
@@ -202,7 +206,7 @@ class Linking(unittest.TestCase):
     def test_compiles_beside_windows_h(self):
         use = "int main() { qorSaveErrorInfo e; qorString s; e.GetMessage(s); return static_cast<int>(GetTickCount()); }\n"
         before = '#include <windows.h>\n#include "qor/qor.h"\n'
-        # Its macros come back with it: a client that includes it last says which GetMessage it means.
+        # Including windows.h last defines its macros again, so the client undefines GetMessage.
         after = '#include "qor/qor.h"\n#include <windows.h>\n#undef GetMessage\n'
         for order in (before, after):
             with self.subTest(order=order):

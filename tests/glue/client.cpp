@@ -1,4 +1,4 @@
-// The smallest client: what it prints before its first call must come out, whatever becomes of the call.
+// The smallest client. Its output before its first call must appear, whatever the call does.
 #include "qor/qor.h"
 
 #include <cstdio>

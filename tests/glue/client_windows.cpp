@@ -1,5 +1,5 @@
-// What only a client on Windows has.
-//   client_windows words WORDS...   prints its own words, one a line, as the framework gets them from the system
+// Checks of a client that only Windows needs.
+//   client_windows words WORDS...   prints its arguments, one a line, as the framework gets them from the system
 //   client_windows module PATH      binds as a client within that module would: from the module's folder
 #include "qor/qor.h"
 

@@ -25,7 +25,7 @@ std::string grown(const std::string& from, int entries, const std::string& block
 }
 std::string freed(const std::string& block) { return "qor_do_free(" + block + tag + "976)"; }
 
-// What becomes of a component in a test.
+// Counts what happens to a component in a test.
 struct fate {
     int final_releases = 0;
     int ends = 0;

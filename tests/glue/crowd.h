@@ -1,4 +1,4 @@
-// Threads that wait for one thing, and are asleep before anything happens to it.
+// Threads that wait for the same event and are asleep before it happens.
 #pragma once
 
 #include "support/platform.h"
@@ -29,13 +29,13 @@ public:
     crowd(const crowd&) = delete;
     crowd& operator=(const crowd&) = delete;
 
-    // All must be able to pass by then.
+    // All threads must be able to pass before this.
     ~crowd() {
         for (std::thread& each : m_threads)
             each.join();
     }
 
-    // Returns when all wait, but for those who have passed.
+    // Returns when all threads wait, except those that have passed.
     void fall_asleep(int milliseconds) {
         while (m_arrived != static_cast<int>(m_ids.size()))
             std::this_thread::yield();
@@ -44,7 +44,7 @@ public:
 
     int passed() const { return m_passed; }
 
-    // Whether so many pass; false after a long time only.
+    // Returns true when `count` threads have passed; false only after a long time.
     bool pass(int count) const {
         for (int rest = 1000; m_passed < count && rest != 0; --rest)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -58,9 +58,9 @@ private:
     std::vector<std::thread> m_threads;
 };
 
-// Plays rounds, each of which tells whether all went well. A system that does not tell who sleeps gives the threads of
-// a crowd a number of milliseconds instead: there a round may begin too early, and what fails is tried again with more
-// of them. A fault fails however many there are.
+// Plays rounds, each of which returns whether it went well. On a system that cannot tell which threads sleep, a crowd
+// waits for a number of milliseconds instead. There a round may begin too early, so a failed round is repeated with a
+// longer wait. A real fault fails with every wait.
 template <class ROUND>
 void in_each_round(ROUND round) {
     constexpr int rounds = 20;

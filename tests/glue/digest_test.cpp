@@ -1,4 +1,4 @@
-// Digest engines as a client sees them, beside OpenSSL.
+// Digest engines as a client sees them, compared with OpenSSL.
 #include "qor/qor.h"
 
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ engine_pointer make(const char* algorithm) {
 
 bytes digest_of(IQORDigestEngine* engine) {
     uint8_Array out;
-    out.Append(7); // what it held before
+    out.Append(7); // previous content
     EXPECT_TRUE(engine->GetDigest(out)) << last_error();
     return {out.GetDataPtr(), out.GetDataPtr() + out.GetCount()};
 }

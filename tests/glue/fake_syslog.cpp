@@ -1,5 +1,5 @@
-// Preloaded into a client: writes what goes to the system log into the file $FAKE_SYSLOG instead, each
-// message behind its priority.
+// Preloaded into a client: writes messages for the system log to the file $FAKE_SYSLOG instead, each after its
+// priority.
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -18,7 +18,7 @@ void record(int priority, const char* format, std::va_list arguments) {
 
 } // namespace
 
-// The names are the C library's; the second pair is what a hardened compilation calls.
+// The names are those of the C library; a hardened compilation calls the second pair.
 #define EXPORTED extern "C" [[gnu::visibility("default")]]
 
 EXPORTED void vsyslog(int priority, const char* format, std::va_list arguments) { record(priority, format, arguments); }

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Looks at what the compiler made of the forwarders, and at what libqor exports.
+"""Checks the machine code of the forwarders and the exports of libqor.
 
     forwarder_test.py --objdump PROGRAM --object FORWARDERS --expected SLOTS --library LIBQOR
 
-A bound call costs one load of the table's address, one test and one indirect jump through its slot. The
-arguments stay where they are, so nothing else may stand on the way, least of all a call that allocates. What
-runs when the table is not bound yet does not count. On Windows the compiler makes room on the stack for that rare
-case in front, because its exceptions want it so.
+A bound call costs one load of the table's address, one test and one indirect jump through its slot. The arguments stay
+in place, so no other instruction may come between, least of all a call that allocates. The code that runs when the
+table is not bound yet does not count. On Windows the compiler reserves stack space for that rare case in front, because
+exception handling there requires it.
 """
 
 import argparse
@@ -17,14 +17,13 @@ import unittest
 
 options = None
 
-# Arguments of one or two bytes are passed on extended, which the compiler does not take on trust: the register stays
-# the same.
+# Arguments of one or two bytes are extended before they are passed on, because the compiler does not rely on the caller
+# for that. They stay in the same register.
 EXTENSION = re.compile(
     r"^mov[sz][bw]l\s+%(?:([ds])il?,%e\1i|([cd])[lx],%e\2x|(r[89])[bw],%\3d)\n", re.MULTILINE
 )
 
-# The way of a bound call, in the words of the disassembler. The table's address is in a register that carries
-# no argument.
+# The path of a bound call as the disassembler prints it. The table's address is in a register that holds no argument.
 PATTERN = re.compile(r"""
     (?:endbr64\n)?
     mov\s+0x0\(%rip\),%(rax|r10|r11)\n
@@ -34,12 +33,12 @@ PATTERN = re.compile(r"""
 """, re.VERBOSE)
 
 
-# The fifth argument comes on the stack there, and the compiler takes it out and puts it back.
+# There the fifth argument is on the stack, and the compiler loads it and stores it again.
 WINDOWS_FIFTH = re.compile(
     r"^(?:push|pop)\s+%rbx\n|^mov(?:zbl)?\s+0x[0-9a-f]+\(%rsp\),%[re]bx\n|^mov\s+%[re]bx,0x[0-9a-f]+\(%rsp\)\n",
     re.MULTILINE)
 
-# On Windows the slot is loaded before the stack is as it was.
+# On Windows the slot is loaded before the stack pointer is restored.
 WINDOWS_PATTERN = re.compile(r"""
     sub\s+\$(?P<room>0x[0-9a-f]+),%rsp\n
     mov\s+0x0\(%rip\),%(rax|r10|r11)\n
@@ -56,7 +55,7 @@ def is_for_windows():
 
 
 def functions():
-    """(slot number, instructions) of each function of the object."""
+    """Yields (slot number, instructions) for each function of the object."""
     text = subprocess.check_output([options.objdump, "-d", "--no-show-raw-insn", options.object], text=True)
     for number, body in re.findall(r"^[0-9a-f]+ <forward_(\d+)>:\n((?:[^\n]+\n)+)", text, re.MULTILINE):
         lines = [line.split("\t", 1)[1] for line in body.splitlines() if "\t" in line]

@@ -1,5 +1,4 @@
-// One function for each forwarder, named after its number, to be looked at in machine code
-// (forwarder_test.py).
+// One function per forwarder, named after its number; forwarder_test.py checks their machine code.
 #include "qor/qor.h"
 
 #define QOR_SLOT(number, result, op, parameters, arguments)                                                            \

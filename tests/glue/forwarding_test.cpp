@@ -1,4 +1,4 @@
-// What the inline classes make of their forwarders: fixed arguments, two slots in turn, and nothing at all.
+// The calls that the inline classes make: with fixed arguments, to two slots in turn, or to none.
 #include "support/recording_table.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@ using qor::test::assertion;
 using qor::test::recording_table;
 using calls = std::vector<std::string>;
 
-// The string operations that a test looks at are written down and then carried out by the real table.
+// The observed string operations are recorded and then carried out by the real table.
 calls s_calls;
 const qor::glue::binding_table* s_real = nullptr;
 

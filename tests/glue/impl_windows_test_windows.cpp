@@ -1,4 +1,4 @@
-// What a client on Windows carries beside the primitives. The linker lets these calls to the system come here first.
+// The parts of a Windows client other than the primitives. The linker directs these system calls here first.
 #include "support/exhaustion.h"
 #include "support/recording_table.h"
 
@@ -58,7 +58,7 @@ TEST(windows_process_args, are_the_words_without_the_program) {
     qorStringArray words;
     words.Append("before");
     qorwinSetupProcessArgs(words);
-    // The test runner always has some: a filter at least.
+    // The test runner always passes arguments: at least a filter.
     ASSERT_EQ(words.GetCount(), static_cast<uint32>(__argc - 1));
     for (uint32 i = 0; i < words.GetCount(); ++i)
         EXPECT_STREQ(words[i], __argv[i + 1]);

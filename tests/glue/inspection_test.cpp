@@ -1,4 +1,4 @@
-// What tells of hosts, as a client sees it.
+// Information about hosts, as a client sees it.
 #include "qor/qor.h"
 
 #include <gtest/gtest.h>

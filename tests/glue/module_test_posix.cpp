@@ -1,4 +1,4 @@
-// The framework's own modules, handed a table that is not whole.
+// The framework's own modules, with an incomplete table.
 #include "qor/glue/module.h"
 #include "qor/qor.h"
 
@@ -12,7 +12,7 @@ namespace {
 TEST(posix_modules, refuse_a_library_that_lacks_an_operation) {
     const qor::glue::binding_table& real = *qor::glue::table();
     qor::glue::binding_table older = real;
-    older.qorTimecode_GetFrameCount = nullptr; // which none of them calls
+    older.qorTimecode_GetFrameCount = nullptr; // no module calls it
     const auto folder = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "qor";
     for (const char* const name : {"qor-network.so", "qor-openssl.so", "qor-pam.so"}) {
         void* const module = dlopen((folder / name).c_str(), RTLD_NOW | RTLD_LOCAL);

@@ -14,7 +14,7 @@ template <class ARRAY>
 struct numeric_array_model : testing::Test {};
 TYPED_TEST_SUITE(numeric_array_model, numeric_arrays, class_names);
 
-// ---- long random runs beside a plain model
+// ---- long random runs, compared with a plain model
 template <class ELEMENT>
 ELEMENT random_element(std::mt19937& random) {
     static const auto values = corners<ELEMENT>();
@@ -103,7 +103,7 @@ TYPED_TEST(numeric_array_model, does_what_a_plain_vector_does) {
         case 10: {
             array.SetCount(index);
             const element* const data = array.GetDataPtr();
-            if (index > size) // what is there is nobody's choice
+            if (index > size) // the new elements are unspecified
                 model.insert(model.end(), data + size, data + index);
             else
                 model.resize(index);
@@ -127,7 +127,7 @@ TYPED_TEST(numeric_array_model, does_what_a_plain_vector_does) {
             ASSERT_FALSE(array.IsIdentical(other));
             break;
         case 14: {
-            // Whatever the order is, a sort keeps the elements; equal bytes are equal elements here.
+            // Whatever the order, a sort keeps the elements. Elements with equal bytes are equal here.
             array.Sort(random() % 2 == 0);
             const auto by_bytes = [](element left, element right) {
                 return std::memcmp(&left, &right, sizeof(element)) < 0;

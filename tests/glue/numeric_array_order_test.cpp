@@ -12,8 +12,8 @@ template <class ARRAY>
 struct numeric_array_order : testing::Test {};
 TYPED_TEST_SUITE(numeric_array_order, numeric_arrays, class_names);
 
-// What the contract wants of the result, said another way: by the bytes of the difference, or by its
-// decimals.
+// The result that the contract requires, computed differently: from the bytes of the difference, or from its decimal
+// digits.
 template <class ELEMENT>
 int32 expected_order(ELEMENT first, ELEMENT second) {
     if constexpr (std::is_floating_point_v<ELEMENT>) {
@@ -75,7 +75,7 @@ TEST(numeric_array_orders, small_types_are_sorted_right) {
     check(std::make_unique<int16_Array>(), int16{SHRT_MIN});
 }
 
-// ---- what the 32 bits of a comparison do to an order
+// ---- effects of a 32-bit comparison result on the order
 TEST(numeric_array_orders, a_difference_of2_to_the31_or_more_sorts_the_wrong_way_round) {
     uint32_Array array;
     for (const bool swapped : {false, true}) {
@@ -144,7 +144,7 @@ void check_floating_orders() {
 TEST(numeric_array_orders, floating_differences_are_cut_towards_zero) {
     check_floating_orders<float_Array>();
     check_floating_orders<double_Array>();
-    // The difference is that of the type: in single precision this one is 0.
+    // The difference has the precision of the type: in single precision this one is 0.
     const float wide[] = {16777216.0f, 16777216.0f + 1.0f};
     EXPECT_EQ(float_Array::sorthelper_ascending(&wide[1], &wide[0]), 0);
     const double same[] = {16777216.0, 16777216.0 + 1.0};

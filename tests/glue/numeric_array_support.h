@@ -1,4 +1,4 @@
-// The ten typed arrays, for tests that are the same for each of them.
+// The ten typed arrays, for tests that are the same for all of them.
 #pragma once
 
 #include "support/recording_table.h"
@@ -13,7 +13,7 @@
 template <class ARRAY>
 using element_of = std::remove_pointer_t<decltype(std::declval<ARRAY&>().GetDataPtr())>;
 
-// The classes by name, and what the contract calls their elements.
+// The classes by name, and their element types' names in the contract.
 template <class ARRAY>
 struct named;
 #define NAMED(name, type)                                                                                              \
@@ -37,7 +37,7 @@ NAMED(double_Array, double);
 using numeric_arrays = testing::Types<uint8_Array, int8_Array, uint16_Array, int16_Array, uint32_Array, int32_Array,
                                       uint64_Array, int64_Array, float_Array, double_Array>;
 
-// Their tests are named after them.
+// Names the tests after the classes.
 struct class_names {
     template <class ARRAY>
     static std::string GetName(int) {
@@ -65,7 +65,7 @@ std::vector<element_of<ARRAY>> list(std::initializer_list<int> values) {
     return result;
 }
 
-// The report of a range that ends behind the last element.
+// The assertion text for a range that ends after the last element.
 template <class ARRAY>
 std::string cut_range() {
     return qor::test::assertion("index + count <= m_vec.count",
@@ -73,7 +73,7 @@ std::string cut_range() {
                                 "qorcore/include/qor/system/mt/NumericArray_impl", 102);
 }
 
-// The elements where something happens: the ends of the type and of the 32 bits of a comparison's result.
+// Critical values: the limits of the type, and those of a 32-bit comparison result.
 template <class ELEMENT>
 std::vector<ELEMENT> corners() {
     std::vector<ELEMENT> result;

@@ -56,7 +56,7 @@ TYPED_TEST(numeric_array, runs_are_appended_and_inserted) {
     EXPECT_EQ(element, array.GetDataPtr());
     array.InsertAt(6, run.data() + 2, 1);
     EXPECT_EQ(content(array), list<TypeParam>({9, 1, 1, 2, 2, 3, 3}));
-    // Beyond the end is the end.
+    // An index beyond the end means the end.
     const auto* const last = array.InsertAt(100, 8);
     EXPECT_EQ(last, array.GetElementPtr(7));
     array.InsertAt(0xffffffff, run.data(), 1);
@@ -95,7 +95,7 @@ TYPED_TEST(numeric_array, appended_to_itself_is_doubled) {
     fill(array, {1, 2, 3});
     array.Append(array);
     EXPECT_EQ(content(array), list<TypeParam>({1, 2, 3, 1, 2, 3}));
-    array.SetAlloc(100); // and where the storage need not move
+    array.SetAlloc(100); // also when the storage need not move
     array.Append(array);
     EXPECT_EQ(content(array), list<TypeParam>({1, 2, 3, 1, 2, 3, 1, 2, 3, 1, 2, 3}));
 }
@@ -139,7 +139,7 @@ TYPED_TEST(numeric_array, a_range_beyond_the_end_is_reported_and_cut) {
     array.RemoveAt(2, 1);
     EXPECT_EQ(table.take(), calls{cut_range<TypeParam>()});
     EXPECT_EQ(content(array), list<TypeParam>({3}));
-    // The sum wraps to 1: nothing to report, and nothing there to take out.
+    // The sum overflows to 1, so no range error is reported and no element is removed.
     array.RemoveAt(0xffffffff, 2);
     EXPECT_EQ(table.take(), calls{});
     EXPECT_EQ(content(array), list<TypeParam>({3}));
@@ -192,7 +192,7 @@ TYPED_TEST(numeric_array, its_count_is_set) {
     EXPECT_EQ(content(array), list<TypeParam>({1, 2}));
     array.SetCount(1000);
     EXPECT_EQ(array.GetCount(), 1000u);
-    std::fill_n(array.GetDataPtr() + 2, 998, static_cast<element_of<TypeParam>>(3)); // there is room
+    std::fill_n(array.GetDataPtr() + 2, 998, static_cast<element_of<TypeParam>>(3)); // within the allocated storage
     EXPECT_EQ(*array.GetElementPtr(0), 1);
     EXPECT_EQ(*array.GetElementPtr(1), 2);
     array.SetCount(0);

@@ -1,5 +1,5 @@
-// The locks, events and the counter. A test that something does NOT happen looks for a short while and can
-// miss a fault on a slow machine; it can never report one that is not there.
+// Locks, events and the counter. A test that something does NOT happen watches for a short time. It may miss a fault on
+// a slow machine, but never reports a false one.
 #include "support/exhaustion.h"
 #include "support/recording_table.h"
 
@@ -23,7 +23,7 @@ constexpr char windows_file[] = "qorcore/include/qor/glue/impl_windows";
 constexpr char common_file[] = "qorcore/include/qor/glue/impl_common";
 constexpr char unlimited_wait[] = "::WaitForSingleObject(m_event, 0xffffffff) == ((((DWORD)0x00000000)) + 0)";
 
-// A thread that does something which should block, and tells when it is past it.
+// A thread that runs an action which should block, and records when the action has returned.
 class follower {
 public:
     template <class ACTION>

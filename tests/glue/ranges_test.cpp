@@ -1,4 +1,4 @@
-// Arrays as ranges of C++: range-for, the concepts, the algorithms, spans in and out.
+// Arrays as C++ ranges: range-for, concepts, algorithms, and conversion from and to spans.
 #include "qor/qor.h"
 
 #include <gtest/gtest.h>
@@ -124,7 +124,7 @@ TYPED_TEST(typed_array_range, holds_the_elements) {
     EXPECT_EQ(*array.GetElementPtr(4), element{100});
 
     TypeParam copy;
-    copy.Append(array); // still the array as a whole
+    copy.Append(array); // appends the array as a whole, as before
     EXPECT_TRUE(copy.IsIdentical(array));
 }
 

@@ -1,5 +1,5 @@
-// Keeps slots.def as it is: slots_golden EXPECTED compares the list with the stored one and shows each row
-// that came or went; slots_golden --update EXPECTED stores the list anew.
+// Protects slots.def from accidental changes. slots_golden EXPECTED compares the list with the stored one and prints
+// each added or removed row; slots_golden --update EXPECTED stores the current list.
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -10,7 +10,7 @@
 
 namespace {
 
-// The free numbers are one line each, so that a number taken from them shows as just that.
+// Free numbers have one line each, so that taking one shows as a single change.
 void free_range(std::ostream& out, unsigned first, unsigned count) {
     for (unsigned number = first; number < first + count; ++number)
         out << number << " free\n";

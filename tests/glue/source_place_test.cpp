@@ -1,4 +1,5 @@
-// Allocations of a client that does not say where they stand: they are noted with this file, without its extension.
+// Allocations of a client that does not give their source place: they are recorded with this file's name, without its
+// extension.
 #include "support/exhaustion.h"
 #include "support/recording_table.h"
 
@@ -14,7 +15,7 @@ using qor::glue::path_without_extension;
 using qor::test::recording_table;
 using calls = std::vector<std::string>;
 
-// The place of a line of this file as it is noted.
+// Returns the recorded form of a place in this file.
 std::string at(int line) {
     const std::string_view file = __FILE__;
     return std::string(file.substr(0, file.rfind(".cpp"))) + ", " + std::to_string(line);
@@ -53,7 +54,7 @@ TEST(source_place, is_noted_by_the_memory_operations) {
                "qor_do_malloc(64, 30, false, " + at(first + 6) + ") = #4", "qor_do_free(#4, " + at(first + 7) + ")"}));
 }
 
-// Operations that the table does not note by itself.
+// Operations that the table does not record by itself.
 std::string s_place;
 
 TEST(source_place, is_noted_by_the_others) {
@@ -117,7 +118,7 @@ TEST(source_place, is_kept_once_for_each_file) {
     static constexpr char path[] = "demo/kept.cpp";
     EXPECT_EQ(path_without_extension(path), path_without_extension(path));
 
-    // More files than buckets, each asked for by all threads.
+    // More files than buckets; all threads look up each of them.
     std::vector<std::string> paths;
     for (int i = 0; i < 1000; ++i)
         paths.push_back("demo/file" + std::to_string(i) + ".cpp");

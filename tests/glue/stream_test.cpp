@@ -57,7 +57,7 @@ TEST(memory_stream, more_than_can_be_counted_is_refused) {
     const auto sink = new_sink();
     EXPECT_TRUE(sink->Write("abc", 3));
     qorClearLastError();
-    EXPECT_FALSE(sink->Write("", 0xffffffff)); // found out before a byte is read
+    EXPECT_FALSE(sink->Write("", 0xffffffff)); // refused before a byte is read
     EXPECT_EQ(last_error(), qorError_out_of_memory);
     EXPECT_EQ(written(sink), (bytes{'a', 'b', 'c'}));
     EXPECT_TRUE(sink->Write("d", 1));
@@ -76,7 +76,7 @@ TEST(memory_stream, is_read_in_pieces_of_any_size) {
     EXPECT_EQ(source->GetRemaining(), 2u);
     EXPECT_EQ(std::memcmp(piece, data.data(), 4), 0);
     EXPECT_EQ(last_error(), qorError_none);
-    // What does not come whole is not taken.
+    // An incomplete read takes nothing.
     EXPECT_FALSE(source->Read(piece, 3));
     EXPECT_EQ(last_error(), qorError_cannot_read_file);
     EXPECT_EQ(source->GetRemaining(), 2u);
@@ -144,7 +144,7 @@ template <class TYPE>
 struct value_stream : testing::Test {};
 TYPED_TEST_SUITE(value_stream, value_types);
 
-// The stream form, from the numbers of the fields.
+// Builds the stream form from the values of the fields.
 template <class TYPE>
 bytes stream_form() {
     TYPE value;
@@ -194,7 +194,7 @@ TYPED_TEST(value_stream, a_stream_that_ends_early_leaves_the_fields_before_chang
     }
 }
 
-// Numbers the other way round, and an end after some of them.
+// Stores numbers in reverse byte order, and fails after a given number of fields.
 class big_endian_sink final : public IQORDataSink {
 public:
     explicit big_endian_sink(std::size_t fields) : m_room(fields) {}

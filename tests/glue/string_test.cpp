@@ -1,4 +1,4 @@
-// The string as a value of C++: comparison, hashing, views in and out, and what must not compile.
+// The string as a C++ value: comparison, hashing, conversion from and to views, and code that must not compile.
 #include "qor/qor.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ namespace {
 using namespace std::string_literals;
 using namespace std::string_view_literals;
 
-// ---- operations that would work on the address of the text
+// ---- operators that would use the address of the text
 
 template <class TYPE>
 concept is_condition = requires(TYPE value) {
@@ -51,7 +51,7 @@ concept has_plus_assignment = requires(TYPE value) {
     value += 1;
 };
 
-// What the concepts are for is there.
+// Shows that the concepts detect these operators.
 static_assert(is_condition<const char*> && has_not<const char*> && has_and<const char*> && has_star<const char*>);
 static_assert(has_plus<const char*, int> && has_minus<const char*, const char*> && has_increment<const char*>);
 
@@ -66,7 +66,7 @@ static_assert(!std::is_constructible_v<bool, qorString> && !std::is_convertible_
 static_assert(!std::is_convertible_v<qorString, const void*> && !std::is_convertible_v<qorString, int>);
 static_assert(std::is_convertible_v<qorString, const char*> && std::is_convertible_v<qorString, std::string_view>);
 
-// Views are copied only where that is asked for.
+// A view is copied only explicitly.
 static_assert(std::is_constructible_v<qorString, std::string_view> &&
               !std::is_convertible_v<std::string_view, qorString>);
 
@@ -76,7 +76,7 @@ static_assert(std::three_way_comparable_with<qorString, std::string_view, std::s
 
 int sign(std::strong_ordering order) { return order < 0 ? -1 : order > 0 ? 1 : 0; }
 
-// By the C library, on unsigned bytes.
+// Compares with the C library, on unsigned bytes.
 int model(std::string_view left, std::string_view right) {
     const int order = std::memcmp(left.data(), right.data(), std::min(left.size(), right.size()));
     if (order != 0)

@@ -1,4 +1,4 @@
-// The table as the library hands it out.
+// The table that the library hands out.
 #include "qor/glue/module.h"
 #include "qor/qor.h"
 #include "support/fenced_memory.h"
@@ -12,7 +12,7 @@ namespace {
 
 using qor::glue::binding_table;
 
-// The numbers and signatures that never change, whatever slots.def says.
+// The numbers and signatures that never change, whatever slots.def contains.
 #define FIXED(number, op, signature)                                                                                   \
     static_assert(offsetof(binding_table, op) == (number) * sizeof(void*));                                            \
     static_assert(std::is_same_v<decltype(binding_table::op), signature>)
@@ -40,7 +40,7 @@ const void* entry(const binding_table& table, uint32 number) {
     return result;
 }
 
-// The rows of slots.def as data: a check in a loop compiles in a tenth of the time of one check for each row.
+// The rows of slots.def as data: checks in a loop compile in a tenth of the time of one check per row.
 struct row {
     uint32 number;
     uint32 count;

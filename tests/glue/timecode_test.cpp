@@ -86,7 +86,7 @@ TEST(timecode, the_rate_may_be_a_fraction) {
     EXPECT_EQ(of(1, 4), "01:02:03:4");
     EXPECT_EQ(of(1, 0), "01:02:03:4");
     EXPECT_EQ(of(INT_MAX, 0), "01:02:03:4");
-    EXPECT_EQ(of(-1, 4), "01:02:03:4"); // cut towards zero
+    EXPECT_EQ(of(-1, 4), "01:02:03:4"); // rounded towards zero
     EXPECT_EQ(of(-25, 1), "01:02:03:0000000004");
     EXPECT_EQ(of(INT_MIN, 1), "01:02:03:0000000004");
 }
@@ -136,7 +136,7 @@ TEST(timecode, frames_of_a_clock_are_exact) {
         const uint64 ticks = random() % second;
         qorTimecode timecode;
         timecode.SetFromClock(rate, false, ticks);
-        // The last frame that has begun: frame n begins at n * denominator / numerator seconds.
+        // The last frame that has begun; frame n begins at n * denominator / numerator seconds.
         __extension__ using wide = unsigned __int128;
         const auto begins = [&](uint64 frame) {
             return wide{frame} * rate.denominator * second <= wide{ticks} * static_cast<uint32>(rate.numerator);
@@ -178,7 +178,7 @@ TEST(timecode, local_time_is_asked_for_where_it_is_wanted) {
     EXPECT_EQ(asked, (calls{"5000000 local", "0 UTC"}));
 }
 
-// ---- frame counts are the library's
+// ---- the library converts frame counts
 TEST(timecode, without_a_flag_counts_with_dropped_frames) {
     qor::test::recording_table table;
     const qorRational rate(30000, 1001);
@@ -189,7 +189,7 @@ TEST(timecode, without_a_flag_counts_with_dropped_frames) {
     EXPECT_EQ(with, qorTimecode(0, 1, 0, 2));
     EXPECT_EQ(without, with);
     EXPECT_EQ(plain, qorTimecode(0, 1, 0, 0));
-    qorTimecode by_its_own_row; // which this client has no call for
+    qorTimecode by_its_own_row; // this client has no call for it
     qor::glue::qorTimecode_SetFromFrameCount(&by_its_own_row, rate, 1800);
     EXPECT_EQ(by_its_own_row, with);
     EXPECT_EQ(with.GetFrameCount(rate, true), 1800u);
@@ -214,7 +214,7 @@ TEST(timecode, without_a_flag_passes_true_for_it) {
     EXPECT_EQ(asked, "25 true 7;30 false 8;");
 }
 
-// The library reports by itself, on standard error.
+// The library itself reports on standard error.
 template <class ACTION>
 std::string reported(ACTION action) {
     testing::internal::CaptureStderr();

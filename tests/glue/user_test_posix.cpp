@@ -1,4 +1,4 @@
-// Accounts as a client sees them, beside what the C library says.
+// Accounts as a client sees them, compared with the C library.
 #include "qor/qor.h"
 
 #include <gtest/gtest.h>
@@ -106,7 +106,7 @@ TEST(user, on_several_threads) {
         thread.join();
 }
 
-// Names that nobody has and no password fits are one error, whoever asks.
+// An unknown name and a wrong password give the same error, for every caller.
 TEST(user, logging_on_as_nobody) {
     for (const char* name : {"no such user", "", static_cast<const char*>(nullptr)}) {
         IQORUserToken* token = nullptr;

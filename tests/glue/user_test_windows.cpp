@@ -1,4 +1,4 @@
-// Accounts as a client sees them, beside what Windows says.
+// Accounts as a client sees them, compared with Windows.
 #include "qor/qor.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// The value types, for tests that are the same for each of them: their fields in order.
+// The value types and their fields in order, for tests that are the same for all of them.
 #pragma once
 
 #include "qor/qor.h"
@@ -26,10 +26,10 @@ void for_each_field(TYPE& value, ACTION action) {
     std::apply([&](auto&... field) { (action(field, index++), ...); }, fields(value));
 }
 
-// The number that a field of this index has in `numbered`; no byte of it is another's.
+// Returns the number in the field with this index of `numbered`; no two fields share a byte value.
 inline uint32 field_number(std::size_t index) { return 0xf1e2d3c4u - 0x04040404u * static_cast<uint32>(index); }
 
-// A value whose fields all differ, in every byte.
+// Returns a value whose fields differ in every byte.
 template <class TYPE>
 TYPE numbered() {
     TYPE value;

@@ -8,7 +8,7 @@
 
 namespace {
 
-// ---- what all of them have in common
+// ---- common properties
 template <class TYPE>
 struct value_class : testing::Test {};
 TYPED_TEST_SUITE(value_class, value_types);

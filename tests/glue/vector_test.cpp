@@ -182,7 +182,7 @@ TEST(vector, without_memory_stays_as_it_was) {
     EXPECT_EQ(*static_cast<unsigned char*>(vector.ptr(0)), 7);
 }
 
-// Long random runs beside a plain model.
+// Long random runs, compared with a plain model.
 TEST(vector, does_what_a_plain_vector_does) {
     std::mt19937 random(1);
     qorVector vector(sizeof(int));

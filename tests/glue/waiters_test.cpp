@@ -1,5 +1,5 @@
-// Gates and triggers under those who wait: nothing happens before all are asleep, and then all of it at once, without a
-// pause in which a thread that has been released could run.
+// Gates and triggers with waiting threads. Nothing happens before all threads are asleep. Then everything happens at
+// once, without a pause in which a released thread could run.
 #include "crowd.h"
 
 #include "qor/qor.h"
@@ -9,7 +9,7 @@ namespace {
 using qor::test::crowd;
 using qor::test::in_each_round;
 
-// Half of them with a limit that never counts.
+// Half of the threads wait with a limit that is never reached.
 template <class PRIMITIVE>
 auto wait_for(PRIMITIVE& what) {
     return [&what](int number) {
@@ -75,7 +75,7 @@ TEST(trigger, who_comes_later_does_not_take_what_a_waiter_was_given) {
     });
 }
 
-// Each ends with the waiter released or the trigger set, never both and never neither.
+// In each round either the waiter is released or the trigger stays set, never both and never neither.
 TEST(trigger, a_wait_that_times_out_swallows_no_set) {
     int released = 0;
     for (int round = 0; round < 300; ++round) {
@@ -118,7 +118,7 @@ TEST(trigger, in_a_crowd_no_set_releases_two) {
     threads[4].join();
     threads[5].join();
     over = true;
-    // Two may wait without a limit still.
+    // Two threads may still wait without a limit.
     while (rest != 0)
         set();
     for (int i = 0; i < 4; ++i)

@@ -1,4 +1,4 @@
-// Waiters and what only POSIX has: forks, threads that are cancelled, and memory that changes as soon as it is free.
+// Waiters under POSIX: forks, cancelled threads, and memory that changes as soon as it is freed.
 #include "crowd.h"
 
 #include "qor/qor.h"
@@ -14,7 +14,7 @@ namespace {
 int in_child(int (*act)(qorTrigger&, qorGate&), qorTrigger& trigger, qorGate& gate) {
     const pid_t child = fork();
     if (child == 0) {
-        alarm(20); // a child that hangs ends as one killed by SIGALRM
+        alarm(20); // SIGALRM ends a child that hangs
         _exit(act(trigger, gate));
     }
     int status = 0;
@@ -22,7 +22,7 @@ int in_child(int (*act)(qorTrigger&, qorGate&), qorTrigger& trigger, qorGate& ga
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Fills what is freed, for as long as this object lives: a lock in it can no longer be taken.
+// Fills freed memory while this object lives, so that a lock in it can no longer be taken.
 struct spoiled_memory {
     spoiled_memory() { mallopt(M_PERTURB, 0xa5); }
     ~spoiled_memory() { mallopt(M_PERTURB, 0); }
@@ -30,7 +30,7 @@ struct spoiled_memory {
 
 } // namespace
 
-// A released waiter has no more to do with the event, though its thread has not run yet.
+// A released waiter no longer uses the event, even if its thread has not run yet.
 TEST(waiters, that_are_released_do_not_need_their_gate_or_trigger) {
     const spoiled_memory spoiled;
     qor::test::in_each_round([](int milliseconds) {
@@ -49,7 +49,7 @@ TEST(waiters, that_are_released_do_not_need_their_gate_or_trigger) {
     });
 }
 
-// It would leave its place in the line behind, and the lock.
+// A cancelled thread would leave its place in the queue behind, and the lock held.
 TEST(waiters, a_thread_that_is_cancelled_gets_what_it_waits_for_first) {
     qorTrigger trigger(false);
     std::atomic<pthread_t> thread;
@@ -67,7 +67,7 @@ TEST(waiters, a_thread_that_is_cancelled_gets_what_it_waits_for_first) {
     EXPECT_FALSE(trigger.Wait(1));
 }
 
-// The child has none of the threads that wait in its parent, and so nobody takes from it what it sets.
+// The child has none of the threads that wait in its parent, so no thread takes what it sets.
 TEST(waiters, a_forked_child_has_none) {
     qorTrigger trigger(false);
     qorGate gate(false);
@@ -82,7 +82,7 @@ TEST(waiters, a_forked_child_has_none) {
         return of_child.Wait(1) || gate_of_child.Wait(1) ? 1 : 0;
     };
     EXPECT_EQ(in_child(set_and_wait, trigger, gate), 0);
-    // The first thing that it does may be to wait, too.
+    // The child's first action may also be a wait.
     const auto only_wait = [](qorTrigger& of_child, qorGate& gate_of_child) {
         if (of_child.Wait(1) || gate_of_child.Wait(1))
             return 1;
@@ -97,9 +97,9 @@ TEST(waiters, a_forked_child_has_none) {
     EXPECT_TRUE(waiters.pass(4));
 }
 
-// ThreadSanitizer holds what the parent's threads did against the child.
+// ThreadSanitizer counts the actions of the parent's threads as conflicts in the child.
 #if !defined(__SANITIZE_THREAD__)
-// It has none of those who were on their way out of the event either, and may destroy it.
+// The child also has none of the threads that were about to leave the event, so it may destroy the event.
 TEST(waiters, a_forked_child_may_destroy_what_others_waited_for) {
     for (int round = 0; round < 50; ++round) {
         auto gate = std::make_unique<qorGate>(false);

@@ -1,5 +1,5 @@
-// Calls by names that windows.h turns into macros: to our objects, and to Windows. What includes this has included
-// qor.h and windows.h in one order or the other.
+// Calls with names that windows.h turns into macros, on our objects and on Windows. The including file has included
+// qor.h and windows.h, in either order.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -39,7 +39,7 @@ TEST(QOR_TEST_SUITE, ours_are_ours) {
 
 TEST(QOR_TEST_SUITE, those_of_windows_are_of_windows) {
     MSG message;
-    (void)PeekMessage(&message, nullptr, 0, 0, PM_NOREMOVE); // a thread that asks has a queue of messages
+    (void)PeekMessage(&message, nullptr, 0, 0, PM_NOREMOVE); // creates the thread's message queue
     ASSERT_TRUE(PostThreadMessage(GetCurrentThreadId(), WM_APP + 7, 1, 2));
     ASSERT_GT(GetMessage(&message, nullptr, WM_APP, WM_APP + 15), 0);
     EXPECT_EQ(message.message, WM_APP + 7u);

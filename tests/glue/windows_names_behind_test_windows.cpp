@@ -1,4 +1,4 @@
-// windows.h behind our headers.
+// windows.h after our headers.
 #include "qor/qor.h"
 
 #include <windows.h>

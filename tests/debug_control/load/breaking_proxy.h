@@ -1,4 +1,4 @@
-// A proxy of this host that does one thing wrong at one place of a connection: after so many bytes in one direction.
+// A proxy on this host that makes one fault at one place of a connection: after a number of bytes in one direction.
 #pragma once
 
 #include "channel/sockets.h"
@@ -20,14 +20,14 @@ namespace qor::test {
 
 enum class fault {
     none,
-    split,      // what follows comes by itself
-    single,     // from there on each byte comes by itself
-    pause,      // what follows comes 0.2 seconds later
-    long_pause, // 6 seconds: longer than anything may stay unfinished
+    split,      // the following bytes come separately
+    single,     // from there on each byte comes separately
+    pause,      // the following bytes come 0.2 seconds later
+    long_pause, // 6 seconds: longer than the allowed time of an incomplete frame
     repeat,     // the last byte comes twice
-    stall,      // nothing comes any more, but the connection stands
+    stall,      // no more bytes come, but the connection stays
     close,      // both connections end
-    reset,      // the same by a reset
+    reset,      // as close, but by a reset
 };
 
 class breaking_proxy {
@@ -54,7 +54,7 @@ public:
 
     uint16 port() const { return m_port; }
 
-    // For the next connection; those that follow it go through unharmed. A new one takes the place of the one before.
+    // Applies to the next connection; later ones pass unharmed. A new order replaces the previous one.
     void set(const order& wanted) {
         const std::lock_guard hold(m_lock);
         m_next = wanted;
@@ -62,7 +62,7 @@ public:
         m_fired = false;
     }
 
-    // Ends the connection now, with no word of TLS; it has ended when this returns.
+    // Breaks the connection without a TLS message; it has ended when this returns.
     void break_off(bool by_reset) {
         m_break = by_reset ? fault::reset : fault::close;
         m_waker.wake();
@@ -155,7 +155,7 @@ private:
         }
     }
 
-    // False: one side has ended it.
+    // Returns false if one side has ended the connection.
     bool move(direction& of) {
         char bytes[4096];
         std::size_t count;
@@ -176,7 +176,7 @@ private:
         return true;
     }
 
-    // What is wrong at this place. False: nothing more is to be passed on for now.
+    // Makes the fault that is due at this place. Returns false if nothing more may be passed on for now.
     bool act(direction& of) {
         if (of.what == fault::none || of.passed != of.offset)
             return true;

@@ -1,4 +1,4 @@
-// A host that closes all descriptors which it does not know, and goes on with others under their numbers.
+// A host that closes all descriptors which it does not know and opens others with their numbers.
 #include "host_process.h"
 #include "socket_peer.h"
 
@@ -29,7 +29,7 @@ TEST(closed_sockets, end_the_listener) {
     host.close_descriptors();
     EXPECT_TRUE(session.socket.is_cut_within(30s));
     EXPECT_TRUE(waiting.socket.is_cut_within(30s));
-    // Its thread does not go on.
+    // The listener's thread ends.
     for (const auto end = test_clock::now() + 30s; host.measure().threads != threads - 1 && test_clock::now() < end;)
         std::this_thread::sleep_for(10ms);
     EXPECT_EQ(host.measure().threads, threads - 1);
@@ -41,7 +41,7 @@ TEST(closed_sockets, end_the_listener) {
             " system.debug-control this process has closed the sockets of its listener: nobody listens any more\n"),
         std::string::npos)
         << trace;
-    // The numbers are the host's now.
+    // The numbers now belong to the host.
     EXPECT_EQ(host.untouched(), 64);
     host.release_listener();
     EXPECT_EQ(host.untouched(), 64);

@@ -1,4 +1,4 @@
-// The console itself through a proxy that breaks its connection: it ends in time and says what has happened.
+// The console behind a proxy that breaks its connection: it ends in time and reports the cause.
 #include "breaking_proxy.h"
 #include "loopback.h"
 #include "support/load.h"
@@ -14,7 +14,7 @@ constexpr char end_of_input[] = "The input has ended.\n";
 
 class console_through_a_proxy : public testing::Test {
 protected:
-    // A user that says all at once, as a script does.
+    // Runs the console with all its input at once, as a script does.
     static ending console(uint16 port, const std::string& home) {
         const std::filesystem::path tool = std::filesystem::path(this_program()).parent_path() / "qortool";
         return run({"/bin/sh", "-c", R"(printf 'ada\nsecret\nshow-enabled\ndisable-all\n' | "$@")", "sh", tool,
@@ -22,13 +22,13 @@ protected:
                    {"XDG_CONFIG_HOME=" + home});
     }
 
-    // What it says beside the key of the listener, which is new to it.
+    // Returns its messages without that about the listener's key, which is new to it.
     static std::string said(const ending& ended) {
         const std::string& all = ended.err;
         return all.starts_with("The key of '127.0.0.1'") ? all.substr(all.find('\n') + 1) : all;
     }
 
-    // How long it took.
+    // Returns the duration.
     std::chrono::steady_clock::duration try_out(const breaking_proxy::order& wanted) {
         const temp_folder home;
         zetSmartPointer<IQORDebugListener> listener;
@@ -42,7 +42,7 @@ protected:
         const auto time = std::chrono::steady_clock::now() - begin;
         SCOPED_TRACE(std::to_string(static_cast<int>(wanted.what)) + " at " + std::to_string(wanted.offset) + ": " +
                      ended.err);
-        // What a command that has failed says may come before it or behind it: that is for the threads to decide.
+        // The message of a failed command may come before or after that of the loss; the order depends on the threads.
         const bool lost = ended.code == 0 && ended.err.find("Debug connection lost\n") != std::string::npos;
         const bool failed = ended.code == 1 && !ended.err.empty();
         EXPECT_TRUE(lost || failed) << ended.code << ended.out;
@@ -60,7 +60,7 @@ protected:
 };
 
 TEST_F(console_through_a_proxy, ends_in_time_and_says_why) {
-    // Within the greeting, within the login, and where the first command is due.
+    // Within the greeting, within the login, and where the first command follows.
     const std::vector<std::size_t> brief{0, 400}, whole{0, 3, 100, 250, 330, 400, 470, 530, 590, 640, 700, 770};
     std::vector<breaking_proxy::order> orders;
     for (const fault what : {fault::stall, fault::close, fault::reset, fault::repeat, fault::single})

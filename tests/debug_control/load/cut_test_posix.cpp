@@ -1,4 +1,4 @@
-// Who takes too long is cut, seen from outside: real sockets, the real clock, all peers side by side.
+// Peers that take too long are cut off. Seen from outside: real sockets, the real clock, all peers in parallel.
 #include "host_process.h"
 #include "socket_peer.h"
 #include "support/load.h"
@@ -11,19 +11,19 @@ namespace {
 
 using namespace qor::test;
 
-// Bytes of the wire of something that is never whole.
+// The wire bytes of something that is never complete.
 struct beginning {
     std::string at_once;
-    std::vector<std::string> drops{}; // one in each second that follows
+    std::vector<std::string> drops{}; // one in each following second
 };
 
 struct dawdler {
     const char* what;
-    bool of_handshake; // whose time counts from the connection on
+    bool of_handshake; // if true, its time counts from the connection on
     std::function<beginning(tls_peer&)> begin;
 };
 
-// A byte in each second, and the time to notice.
+// One byte per second, and the time to notice.
 constexpr double at_most = 7;
 
 std::vector<std::string> single_bytes(const std::string& of) {
@@ -33,7 +33,7 @@ std::vector<std::string> single_bytes(const std::string& of) {
     return all;
 }
 
-// In records of TLS.
+// Returns the contents as TLS records.
 std::string wire_of(tls_peer& peer, const std::string& contents) {
     peer.tls.send(contents);
     return peer.tls.take();
@@ -51,7 +51,7 @@ std::string heartbeat() {
     return bytes;
 }
 
-// A byte of a frame in each record.
+// Returns records with one byte of a frame each.
 std::vector<std::string> records_of_bytes(tls_peer& peer, const std::string& contents) {
     std::vector<std::string> all;
     for (std::size_t i = 0; i < 20; ++i)
@@ -130,7 +130,7 @@ const dawdler dawdlers[] = {
      }},
 };
 
-// The seconds from the beginning until it was cut; less than 0: it never was.
+// Returns the seconds from the beginning until the peer was cut off; less than 0 if it never was.
 double time_until_cut(const dawdler& who, uint16 port, const source& from) {
     tls_peer peer(port, from);
     const test_clock::time_point connected = test_clock::now();
@@ -154,14 +154,14 @@ TEST(cut, what_has_begun_and_is_not_whole) {
     std::mutex lock;
     std::vector<std::thread> all;
     unsigned number = 0;
-    // Not so many that one of them has to make way.
+    // Few enough that no connection has to make room.
     for (int i = 0; i < load(1, 2); ++i)
         for (const dawdler& each : dawdlers)
             all.emplace_back([&, from = user_number(++number)] {
                 const double time = time_until_cut(each, host.port(), from);
                 const std::lock_guard hold(lock);
                 std::printf("%s: cut after %.2f s (at most %g)\n", each.what, time, at_most);
-                // The listener began to count before the peer did, on a busy machine long before.
+                // The listener starts counting before the peer does, on a busy machine long before.
                 EXPECT_GT(time, 3) << each.what;
                 EXPECT_LT(time, at_most) << each.what;
             });

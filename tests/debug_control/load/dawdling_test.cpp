@@ -1,4 +1,4 @@
-// Listeners that live, but take their time over an answer.
+// Listeners that work, but answer slowly.
 #include "impostor_fixture.h"
 #include "support/load.h"
 
@@ -13,7 +13,7 @@ class dawdlers : public impostors {
 protected:
     using conduct = std::function<void(fake_listener&, fake_tls&, const std::string& answer)>;
 
-    // Asks a listener for its codes that answers like this. The seconds that it took.
+    // Asks a listener with this conduct for its codes. Returns the seconds that it took.
     double ask(const conduct& act, bool answered) {
         fake_listener dawdler([&](fake_listener& through) {
             fake_tls tls(through, m_key.get(), {});
@@ -45,7 +45,8 @@ protected:
     }
 };
 
-// In the whole form it takes longer than anything may stay unfinished; the pieces that come are what counts.
+// In the whole form the answer takes longer than the limit for incomplete ones. Only the progress between its pieces
+// counts.
 TEST_F(dawdlers, an_answer_in_pieces) {
     const double time = ask(
         [](fake_listener&, fake_tls& tls, const std::string& answer) {
@@ -66,8 +67,8 @@ TEST_F(dawdlers, half_an_answer) {
     std::cout << "half an answer: lost after " << time << " s (at most 20)\n";
 }
 
-// Alive by its heartbeats, which are no answers. The brief form gives one after them; the whole form waits for the end
-// of the console's patience.
+// The listener is alive by its heartbeats, but they are not answers. The brief form sends an answer after them; the
+// whole form waits until the console gives up.
 TEST_F(dawdlers, heartbeats_and_no_answer) {
     const double time = ask(
         [](fake_listener&, fake_tls& tls, const std::string& answer) {

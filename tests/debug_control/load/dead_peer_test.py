@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""How long each side takes to notice that the other one is gone: frozen, unplugged, killed, or ended as it should be.
+"""Measures how long each side takes to notice that the other one is gone: frozen, unplugged, killed, or ended in order.
 
 usage: dead_peer_test.py --tool QORTOOL --ticker TICKER {processes|unplugged}
 
-The exit code is 77 where this system does not let the network be made.
+The exit code is 77 if this system does not allow the network to be made.
 """
 
 import argparse
@@ -18,8 +18,8 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path += [str(HERE.parent), str(HERE.parent.parent / "support")]
-import console_test  # noqa: E402  # its console
-import listening  # noqa: E402  # its accounts
+import console_test  # noqa: E402  # for its console
+import listening  # noqa: E402  # for its accounts
 from tool import Tool  # noqa: E402
 
 SKIPPED = 77
@@ -28,20 +28,20 @@ PROMPT = console_test.PROMPT
 LOST = (0, "", "Debug connection lost\n")
 WHOLE = "QOR_TEST_LOAD" in os.environ
 
-SILENT = 20  # seconds that a dead peer may go unnoticed
-CLOSED = 1  # the same for one that ended
-PATIENCE = 60  # of this test, where a busy machine is no failure
+SILENT = 20  # seconds after which a dead peer must be noticed
+CLOSED = 1  # the same for a peer that ended
+PATIENCE = 60  # of this test: a busy machine is not a failure
 
 tool = None
 ticker = None
 
 
 class Impossible(Exception):
-    """This system does not let the network be made."""
+    """This system does not allow the network to be made."""
 
 
 class Pair:
-    """A process that listens and a console that is logged in to it, or about to be."""
+    """A listening process, and a console that is logged in to it or about to log in."""
 
     def __init__(self, host="localhost", listen=(), connect=(), log_in=True):
         self.folder = tempfile.TemporaryDirectory(prefix="qor.")
@@ -81,7 +81,7 @@ class Pair:
         return console
 
     def wait_for(self, words):
-        """The first line of the listener's trace that has these words."""
+        """Returns the first line of the listener's trace that contains these words."""
         until = time.monotonic() + PATIENCE
         while time.monotonic() < until:
             lines = self.trace.read_text().splitlines() if self.trace.exists() else []
@@ -114,7 +114,7 @@ class Watch:
 # ---- frozen
 
 def freeze(process):
-    """When this returns it does nothing more: a signal is only on its way when it has been sent."""
+    """Returns when the process has stopped: a signal that has been sent is not yet delivered."""
     process.send_signal(signal.SIGSTOP)
     os.waitid(os.P_PID, process.pid, os.WSTOPPED)
 
@@ -136,7 +136,7 @@ def frozen_listener_that_is_asked():
         freeze(pair.listener)
         pair.console.say("show-all")
         code, out, err = pair.console.end(close=False)
-        # The command fails, and the end is told: which comes first, and whether a prompt does, is for the threads to decide.
+        # The command fails and the loss is reported. Their order, and whether a prompt appears, depends on the threads.
         assert code == 0 and out in ("", "Debug> ") and LOST[2] in err, (code, out, err)
         figure("a frozen listener that was asked for something:", watch.seconds(), SILENT)
 
@@ -191,7 +191,7 @@ def run(*words):
 
 
 class Cable:
-    """A network namespace of its own, at the other end of a cable from this one."""
+    """A network namespace at the other end of a virtual cable."""
 
     def __init__(self, number):
         self.near, self.far = f"near{number}", f"far{number}"
@@ -220,7 +220,7 @@ class Cable:
         run(*self.enter, "ip", "link", "set", self.far, "up")
 
     def lose_all(self):
-        """The link stays up, but nothing that is sent arrives."""
+        """The link stays up, but packets do not arrive."""
         nobody = ("lladdr", "02:00:00:00:00:99", "nud", "permanent")
         run("ip", "neigh", "replace", self.there, "dev", self.near, *nobody)
         run(*self.enter, "ip", "neigh", "replace", self.here, "dev", self.far, *nobody)
@@ -255,7 +255,7 @@ UNPLUGGED = [(unplugged, 1, Cable.cut, "a cut link"), (unplugged, 2, Cable.lose_
 
 
 def enter_own_network():
-    """Goes on in a network namespace where nothing but this test is."""
+    """Restarts this test in a network namespace of its own."""
     if INSIDE in os.environ:
         run("ip", "link", "set", "lo", "up")
         return
@@ -276,7 +276,7 @@ def main():
     try:
         if options.which == "unplugged":
             enter_own_network()
-        # Waiting takes no processor: all of them side by side.
+        # The tests only wait and need no processor, so all run in parallel.
         with concurrent.futures.ThreadPoolExecutor(max_workers=len(PROCESSES)) as pool:
             for each in [pool.submit(*case) for case in (PROCESSES if options.which == "processes" else UNPLUGGED)]:
                 each.result()

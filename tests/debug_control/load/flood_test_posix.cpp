@@ -1,4 +1,4 @@
-// A crowd of connections from one address: what it costs, and whether another address gets in meanwhile.
+// A crowd of connections from one address: its cost, and whether another address can still log in.
 #include "host_process.h"
 #include "socket_peer.h"
 #include "support/load.h"
@@ -15,14 +15,14 @@ using namespace qor::test;
 
 const plain_scram::client ada{"ada", "secret", {}};
 
-// The seconds that a login takes; less than 0: it fails.
+// Returns the seconds that a login takes; less than 0 if it fails.
 double time_of_login(const host_process& host, const source& from) {
     const test_clock::time_point begin = test_clock::now();
     tls_peer peer(host.port(), from);
     return peer.shake_hands() && is_logged_in(peer.log_in(ada)) ? seconds_since(begin) : -1;
 }
 
-// One of a crowd: whatever it is, it keeps its connection as long as it lives.
+// One of a crowd. It keeps its connection as long as it lives.
 using attacker = std::shared_ptr<void>;
 
 struct crowd {

@@ -1,5 +1,5 @@
-// A process of its own with a listener in it, which tells how it fares: what attacks cost is its memory, not the
-// attacker's.
+// A separate process with a listener, which reports its resources. So a test measures the cost of an attack for the
+// victim, not for the attacker.
 #pragma once
 
 #include "loopback.h"
@@ -10,10 +10,10 @@
 
 namespace qor::test {
 
-// What a process holds.
+// The resources of a process.
 struct holdings {
-    long heap = 0;     // bytes that are allocated
-    long resident = 0; // bytes of memory
+    long heap = 0;     // bytes of allocated memory
+    long resident = 0; // bytes of resident memory
     long descriptors = 0;
     long threads = 0;
 };
@@ -22,24 +22,23 @@ holdings measure_this_process();
 
 class host_process {
 public:
-    // The accounts are ada's and bob's, "secret" and "other", and those of these lines.
+    // The accounts are those of ada and bob, with the passwords "secret" and "other", and those of these lines.
     explicit host_process(const std::string& more_accounts = {});
     host_process(const host_process&) = delete;
     host_process& operator=(const host_process&) = delete;
-    ~host_process(); // ends it, and expects that it ends well
+    ~host_process(); // ends it, and expects exit code 0
 
     uint16 port() const { return m_port; }
     holdings measure();
 
-    // Once its connections are gone, as far as it has any that it must not have: waits until the descriptors are as
-    // many as these at most.
+    // Measures after surplus connections are gone: waits until there are at most as many descriptors as in `before`.
     holdings measure_at_rest(const holdings& before);
 
-    // Closes all its descriptors but the standard ones, and opens other sockets in their place, in each of which
-    // something waits to be read. Its trace is at trace_path() from then on.
+    // Closes all its descriptors except the standard ones and opens other sockets in their place, each with unread
+    // data. Afterwards its trace is at trace_path().
     void close_descriptors() { EXPECT_EQ(ask('c'), "done"); }
     std::string trace_path() const { return m_folder / "trace"; }
-    // How many of these sockets are as they were.
+    // Returns how many of these sockets are unchanged.
     int untouched() { return std::atoi(ask('u').c_str()); }
     void release_listener() { EXPECT_EQ(ask('r'), "done"); }
     void listen_again() { m_port = static_cast<uint16>(std::atoi(ask('l').c_str())); }

@@ -10,7 +10,7 @@
 #include <thread>
 #include <unistd.h>
 
-// The sanitizers have an allocator of their own.
+// The sanitizers have their own allocator.
 extern "C" [[gnu::weak]] std::size_t __sanitizer_get_current_allocated_bytes();
 
 namespace {
@@ -18,7 +18,7 @@ namespace {
 using namespace qor::test;
 
 long entries(const char* path) {
-    long count = -2; // "." and ".."
+    long count = -2; // do not count "." and ".."
     DIR* const folder = opendir(path);
     while (readdir(folder) != nullptr)
         ++count;
@@ -38,7 +38,7 @@ long resident() {
     return std::stol(text.substr(text.find(' '))) * sysconf(_SC_PAGESIZE);
 }
 
-// Sockets of the host's own, with a byte to be read in each.
+// Sockets of the host itself, each with a byte to read.
 class own_sockets {
 public:
     static constexpr int pairs = 32;
@@ -64,10 +64,9 @@ private:
     std::vector<int> m_all;
 };
 
-// Words: the file of accounts, and one for the trace. Answers each byte that it reads with a line, and ends with its
-// input.
+// Arguments: the file of accounts, and one for the trace. Answers each input byte with a line, and ends with its input.
 const scene host{"debug_control_host", [](const words& arguments) {
-                     // Trace codes that fill several pages.
+                     // Enough trace codes to fill several pages.
                      for (int i = 0; i < 2000; ++i)
                          qorDebugAllocateCode(("host." + std::to_string(i) + std::string(200, 'x')).c_str());
                      zetSmartPointer<IQORDebugListener> listener;
@@ -161,7 +160,7 @@ qor::test::holdings qor::test::host_process::measure() {
 
 qor::test::holdings qor::test::host_process::measure_at_rest(const holdings& before) {
     holdings now = measure();
-    // What is left is cut after the time for a handshake at the latest.
+    // Remaining connections are cut off after the time for a handshake at the latest.
     for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
          now.descriptors > before.descriptors && std::chrono::steady_clock::now() < end; now = measure())
         std::this_thread::sleep_for(std::chrono::milliseconds(50));

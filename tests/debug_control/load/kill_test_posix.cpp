@@ -1,4 +1,4 @@
-// The loss of a connection by the end of the process on the other side, which has no time to say anything.
+// Loss of a connection because the other process is killed without a chance to say anything.
 #include "loopback.h"
 #include "support/load.h"
 
@@ -11,7 +11,7 @@ namespace {
 
 using namespace qor::test;
 
-// A copy of this process that listens; made where it has no thread yet.
+// A copy of this process that listens; made while this process has no threads.
 class listening_child {
 public:
     explicit listening_child(const std::string& users) {
@@ -59,7 +59,7 @@ TEST(killed_listener, is_told_once) {
     for (int i = 0; i < rounds; ++i) {
         listening_child child(users);
         control_pointer control;
-        // A port may be met again, with the same key: all of them use the one beside the accounts.
+        // A port may come up again, with the same key: all copies use the key beside the accounts.
         ASSERT_TRUE(create_debug_control((folder / "known-hosts").c_str(), control.Out())) << last_error();
         ASSERT_TRUE(control->Connect("127.0.0.1", child.port())) << last_error();
         ASSERT_TRUE(control->Login("ada", "secret")) << last_error();

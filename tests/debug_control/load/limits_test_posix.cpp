@@ -1,4 +1,5 @@
-// The limits of a listener before a login, and of what it keeps for who does not read: real sockets, the real clock.
+// The limits of a listener before a login, and of its output for a peer that does not read: real sockets, the real
+// clock.
 #include "host_process.h"
 #include "session_fixture.h"
 #include "socket_peer.h"
@@ -17,13 +18,13 @@ using namespace qor::test;
 const plain_scram::client ada{"ada", "secret", {}};
 const plain_scram::client wrong{"ada", "guess", {}};
 
-// A connection that the listener keeps: it has a handshake with it.
+// Makes a connection that the listener keeps, because its handshake is done.
 std::unique_ptr<tls_peer> enter(uint16 port, const source& from) {
     auto peer = std::make_unique<tls_peer>(port, from);
     return peer->shake_hands() ? std::move(peer) : nullptr;
 }
 
-// The descriptors of the host, once those that have made way are closed.
+// Returns the host's descriptors after displaced connections are closed.
 long descriptors_at_most(host_process& host, long count) {
     holdings as_many;
     as_many.descriptors = count;
@@ -35,14 +36,14 @@ TEST(limits, connections_of_one_user) {
     const holdings before = host.measure();
     std::vector<std::unique_ptr<tls_peer>> inside;
     for (int i = 0; i < 20; ++i)
-        // Whatever address of this host he takes.
+        // Any address of this host.
         if (auto peer = enter(host.port(), {address_of(static_cast<unsigned>(i)), {}}))
             inside.push_back(std::move(peer));
     const long kept = descriptors_at_most(host, before.descriptors + 4) - before.descriptors;
     std::printf("connections before a login, of one user: %ld (4)\n", kept);
     EXPECT_EQ(kept, 4);
 
-    // With four that stay, a fifth gets the place of the oldest.
+    // Four connections stay; a fifth gets the place of the oldest.
     const test_clock::time_point begin = test_clock::now();
     tls_peer user(host.port(), {address_of(1), {}});
     std::unique_ptr<tls_peer> entered;
@@ -56,7 +57,7 @@ TEST(limits, connections_of_one_user) {
     }
 }
 
-// All places are taken by peers that stay, four each of eight users, or one each of 32.
+// All places are taken by connections that stay, four each of eight users, or one each of 32.
 TEST(limits, a_newcomer_gets_in) {
     QOR_NEEDS_SEVERAL_USERS();
     for (const unsigned users : {8u, 32u}) {
@@ -86,7 +87,7 @@ TEST(limits, a_newcomer_gets_in) {
     }
 }
 
-// After a login it is the account that counts: from wherever.
+// After a login the account counts, from any address.
 TEST(limits, sessions) {
     std::string accounts;
     for (int i = 0; i < 8; ++i)
@@ -112,7 +113,7 @@ TEST(limits, sessions) {
         EXPECT_TRUE(is_logged_in(log_in(ada)));
     EXPECT_TRUE(is_full(log_in(ada)));
     EXPECT_TRUE(inside.back()->socket.is_cut_within(10s));
-    // A wrong password gets no other answer than ever.
+    // A wrong password gets the same answer as always.
     EXPECT_EQ(log_in(wrong).payload, qor::control::number_payload(1));
     inside.pop_back();
     for (int account = 0; account < 7; ++account)
@@ -124,7 +125,7 @@ TEST(limits, sessions) {
     EXPECT_TRUE(is_full(log_in(bob)));
     std::printf("sessions: 8 of an account (8), 64 in all (64)\n");
     inside.clear();
-    // Those that have gone make room, as soon as the listener sees it.
+    // Ended sessions make room as soon as the listener notices.
     while (!is_logged_in(log_in(bob))) {
     }
 }
@@ -154,7 +155,7 @@ TEST(limits, refusals_on_one_connection) {
     EXPECT_EQ(refusals, 5);
 }
 
-// As many connections as there may be, each with one guess after another, from one address after the other.
+// As many connections as allowed, each with one guess after another, from one address after another.
 TEST(limits, guesses_of_one_user) {
     QOR_NEEDS_SEVERAL_USERS();
     host_process host;
@@ -171,7 +172,7 @@ TEST(limits, guesses_of_one_user) {
                 source from = user_number(1);
                 from.address = address_of(++addresses);
                 tls_peer peer(host.port(), from);
-                // One guess on each connection: the delay is shortest then.
+                // One guess on each connection, because the delay is then shortest.
                 if (!peer.shake_hands())
                     continue;
                 plain_scram::client who = wrong;
@@ -186,7 +187,7 @@ TEST(limits, guesses_of_one_user) {
                     answered.push_back(seconds_since(begin));
             }
         });
-    // All the while another user is not held up, at the same account.
+    // Meanwhile another user is not delayed, at the same account.
     std::this_thread::sleep_for(std::chrono::seconds(seconds) / 2);
     const test_clock::time_point other = test_clock::now();
     tls_peer neighbour(host.port(), user_number(2));
@@ -206,14 +207,13 @@ TEST(limits, guesses_of_one_user) {
     EXPECT_EQ(most, 20u);
 }
 
-// Each user has his own guesses, but all of them together do not have as many at one account.
+// Each user has his own limit, but together they do not get as many guesses at one account.
 TEST(limits, guesses_at_one_account) {
     QOR_NEEDS_SEVERAL_USERS();
     host_process host;
     const test_clock::time_point begin = test_clock::now();
     unsigned answered = 0, user = 0;
-    // Each user makes two guesses: of the second ones those get an answer that come before the account has had twenty
-    // wrong ones.
+    // Each user makes two guesses. Second guesses are answered only until the account has had twenty wrong ones.
     std::vector<std::unique_ptr<tls_peer>> waiting;
     for (; user < 12; ++user)
         for (int i = 0; i < 2; ++i) {
@@ -234,13 +234,13 @@ TEST(limits, guesses_at_one_account) {
     if (in_a_minute) {
         EXPECT_EQ(answered, 22u);
     }
-    // The right password gets in all the same.
+    // The right password is still accepted.
     const auto owner = enter(host.port(), user_number(100));
     ASSERT_NE(owner, nullptr);
     EXPECT_TRUE(is_logged_in(owner->log_in(ada)));
 }
 
-// A peer that is there and does not log in; the clock moves by itself in the whole form only.
+// A peer that connects and does not log in. The clock moves by itself only in the whole form.
 class grace : public sessions {};
 
 TEST_F(grace, for_a_login) {

@@ -1,4 +1,4 @@
-// The loss of a connection: told once, with no lock held, and never after an end of one's own.
+// Loss of a connection: reported once, with no lock held, and never after the client has ended the connection itself.
 #include "breaking_proxy.h"
 #include "loopback.h"
 #include "support/load.h"
@@ -12,7 +12,7 @@ namespace {
 
 using namespace qor::test;
 
-// What can happen to the connection of a console that goes through a proxy.
+// Ways to lose the connection of a console behind a proxy.
 enum class way { listener_ends, closed, reset };
 constexpr std::array ways{way::listener_ends, way::closed, way::reset};
 
@@ -37,7 +37,7 @@ protected:
             proxy.break_off(how == way::reset);
     }
 
-    // For the next round.
+    // Restores the connection for the next round.
     void mend() {
         if (listener.IsEmpty())
             listen(port());
@@ -67,7 +67,7 @@ TEST_F(loss, is_told_once) {
         expect_lost(control->EnableCode("loss", true), "EnableCode");
         expect_lost(control->SetSink(&sink), "SetSink");
         mend();
-        // Whoever logs in again has a new connection, of which nobody is told yet.
+        // A new login makes a new connection, whose loss nobody is notified of yet.
         if (i % 4 == 0) {
             EXPECT_TRUE(control->Login("ada", "secret")) << last_error();
             EXPECT_TRUE(control->DisableAll()) << last_error();
@@ -81,7 +81,7 @@ TEST_F(loss, is_told_once) {
     std::cout << "connections lost: " << rounds << ", told: " << told << '\n';
 }
 
-// The request fails with the loss, and the loss is told as well.
+// The request fails because of the loss, and the loss is reported as well.
 TEST_F(loss, is_told_once_during_a_request_of_another_thread) {
     int told = 0, during = 0;
     for (int i = 0; i < rounds; ++i) {
@@ -109,8 +109,7 @@ TEST_F(loss, is_told_once_during_a_request_of_another_thread) {
     std::cout << "connections lost during a request: " << during << ", told: " << told << '\n';
 }
 
-// Nobody is told of a connection that no sink was set for: neither a sink that was not there yet, nor the one of
-// before.
+// The loss of a connection without a sink is reported to nobody, also not to a later or an earlier sink.
 TEST_F(loss, before_a_login_is_not_told) {
     counting_sink sink;
     int again = 0;
@@ -122,9 +121,9 @@ TEST_F(loss, before_a_login_is_not_told) {
         EXPECT_EQ(error_number(), qorError_debug_not_logged_in);
         lose(way_of(i));
         mend();
-        // It is not the user's fault, and he would only say the same again.
+        // The login succeeds all the same: the user is not at fault, and would only type the same again.
         again += control->Login("ada", "secret");
-        // Of the connection that took the place of the lost one nothing is lost yet.
+        // The new connection is not lost yet.
         EXPECT_TRUE(control->DisableAll()) << last_error();
     }
     EXPECT_EQ(again, rounds);
@@ -133,7 +132,7 @@ TEST_F(loss, before_a_login_is_not_told) {
               << ", told: " << sink.count() << '\n';
 }
 
-// A refusal comes with a delay, so that the login waits for sure.
+// A refusal is delayed, so the login is sure to wait.
 TEST_F(loss, while_a_login_waits) {
     const int logins = load(3, 100);
     int lost = 0, refused = 0;
@@ -148,7 +147,7 @@ TEST_F(loss, while_a_login_waits) {
         std::thread asker([&] {
             EXPECT_FALSE(control->Login("ada", "guess"));
             lost += error_number() == qorError_debug_connection_lost;
-            refused += error_number() == qorError_credentials_refused; // where this thread had to wait, too
+            refused += error_number() == qorError_credentials_refused; // if this thread had to wait, too
         });
         while (proxy.passed(false) < all_that_is_said)
             std::this_thread::yield();
@@ -158,8 +157,7 @@ TEST_F(loss, while_a_login_waits) {
         EXPECT_FALSE(control->GetCodes(out));
         EXPECT_EQ(error_number(), qorError_debug_not_logged_in);
         mend();
-        // Another listener: of one and the same, the wrong logins of an address have to wait for their turn at some
-        // time.
+        // A new listener, because one listener would eventually delay the wrong logins of one address.
         listener.Empty();
         mend();
         EXPECT_TRUE(control->Login("ada", "secret")) << last_error();
@@ -177,7 +175,7 @@ TEST_F(loss, an_end_of_ones_own_is_not_told) {
         if (i % 3 == 0) {
             EXPECT_TRUE(control->Connect("127.0.0.1", proxy.port())) << last_error();
         } else if (i % 3 == 1) {
-            // Whoever does not want to be told any more is not, whatever happens.
+            // A removed sink is not notified of anything.
             EXPECT_TRUE(control->SetSink(nullptr));
             lose(way_of(i / 3));
             mend();
@@ -188,7 +186,8 @@ TEST_F(loss, an_end_of_ones_own_is_not_told) {
     std::cout << "connections ended by the console: " << rounds << ", told: " << sink.count() << '\n';
 }
 
-// Both at the same time: told once or not at all, and never after the end has returned; the sink is gone then.
+// Both at the same time: the loss is reported once or not at all, and never after the end has returned; the sink is
+// gone then.
 TEST_F(loss, beside_an_end_of_ones_own) {
     int told = 0;
     for (int i = 0; i < rounds; ++i) {
@@ -196,7 +195,7 @@ TEST_F(loss, beside_an_end_of_ones_own) {
         auto sink = std::make_unique<counting_sink>();
         ASSERT_TRUE(control->SetSink(sink.get()));
         std::thread loser([&] { lose(way_of(i)); });
-        if (i / 3 % 4 != 0) // as long as a loss takes to arrive, more or less
+        if (i / 3 % 4 != 0) // roughly the time that a loss takes to arrive
             std::this_thread::sleep_for(std::chrono::microseconds(i % 7 * 30));
         switch (i / 12 % 3) {
         case 0:
@@ -218,7 +217,7 @@ TEST_F(loss, beside_an_end_of_ones_own) {
     std::cout << "connections lost beside an end: " << rounds << ", told before it: " << told << '\n';
 }
 
-// No lock is held: the sink may release the control, and so end the very thread that calls it.
+// No lock is held: the sink may release the control, and so end the thread that calls it.
 TEST_F(loss, a_sink_may_release_the_control) {
     int told = 0;
     for (int i = 0; i < rounds; ++i) {
@@ -235,8 +234,8 @@ TEST_F(loss, a_sink_may_release_the_control) {
     std::cout << "controls released by their sinks: " << told << '\n';
 }
 
-// It may use the control, too, while an operation of another thread meets the same loss: connect anew and set itself
-// again.
+// The sink may also use the control while an operation of another thread meets the same loss: it connects anew and sets
+// itself again.
 TEST_F(loss, a_sink_may_use_the_control) {
     int told = 0;
     for (int i = 0; i < rounds; ++i) {

@@ -1,4 +1,4 @@
-// What those who attack a listener cost the process it is in: its memory and its descriptors, and who waits meanwhile.
+// Costs of attacks for the process of a listener: memory, descriptors, and delays of others.
 #include "host_process.h"
 #include "socket_peer.h"
 #include "support/load.h"
@@ -28,7 +28,7 @@ std::optional<frame> log_in(const host_process& host, const source& from) {
     return peer.shake_hands() ? peer.log_in(ada) : std::nullopt;
 }
 
-// What it holds when all that is made once, for the first of all connections, is there.
+// Returns the resources after everything that the first connection creates exists.
 holdings warmed_up(host_process& host) {
     const holdings at_first = host.measure();
     EXPECT_TRUE(is_logged_in(log_in(host, user_number(1))));
@@ -37,20 +37,20 @@ holdings warmed_up(host_process& host) {
 
 void shake_hands(tls_peer& peer) { EXPECT_TRUE(peer.shake_hands()); }
 
-// A record with a message of the handshake of that length.
+// Returns a record with a handshake message of that length.
 std::string handshake_record(std::size_t length) {
     const auto number = [](std::size_t of) { return std::string{static_cast<char>(of >> 8), static_cast<char>(of)}; };
     return "\x16\3\1" + number(length + 4) + std::string("\1\0", 2) + number(length) + std::string(length, '\3');
 }
 
-// Of the longest record that is taken after a handshake.
+// Returns the longest record that is accepted after a handshake, without its last byte.
 std::string all_but_a_byte(tls_peer& peer) {
     peer.tls.send(std::string(12 + 2048, 'x'));
     const std::string record = peer.tls.take();
     return record.substr(0, record.size() - 1);
 }
 
-// Where a peer stays that does not log in.
+// The point at which a peer stays without logging in.
 struct stage {
     const char* what;
     std::function<void(tls_peer&)> act;
@@ -69,7 +69,7 @@ const stage stages[] = {
              ASSERT_TRUE(came && !came->empty());
              peer.tls.give(*came);
          }
-         // In place of it what means nothing, and a record as long as can be.
+         // In its place meaningless records, and one of the maximum length.
          for (int i = 0; i < 100; ++i)
              peer.socket.write(std::string("\x14\3\3\0\1\1", 6));
          peer.socket.write("\x17\3\3\x10\xff" + std::string(4096, 'x'));
@@ -114,7 +114,7 @@ double in_KiB(long bytes) { return static_cast<double>(bytes) / KiB; }
 
 TEST(memory, of_connections_before_a_login) {
     QOR_NEEDS_SEVERAL_USERS();
-    constexpr unsigned connections = 23; // so that there is room for who comes later
+    constexpr unsigned connections = 23; // leaves room for later connections
     for (const stage& each : stages) {
         host_process host;
         const holdings before = warmed_up(host);
@@ -123,7 +123,7 @@ TEST(memory, of_connections_before_a_login) {
             all.push_back(std::make_unique<tls_peer>(host.port(), user_number(2 + i)));
             each.act(*all.back());
         }
-        // The listener's thread has seen it all when it has answered somebody who came later.
+        // When the listener has answered a later peer, its thread has handled everything before.
         EXPECT_TRUE(is_logged_in(log_in(host, user_number(1))));
         const holdings now = host.measure();
         const double of_one = in_KiB(now.heap - before.heap) / connections;
@@ -137,7 +137,7 @@ TEST(memory, of_connections_before_a_login) {
     }
 }
 
-// It asks and asks, and reads nothing of what is answered.
+// The peer sends requests and reads no answers.
 TEST(memory, of_a_peer_that_never_reads) {
     constexpr long limit = (256 + 16) * KiB;
     host_process host;
@@ -153,8 +153,8 @@ TEST(memory, of_a_peer_that_never_reads) {
              now = host.measure()) {
             if (peer.send(frame_type::get_codes, 1, qor::control::number_payload(0)))
                 ++asked;
-            // Memory that stays counts, not a move between two buffers. On a busy machine a move may take long, so a
-            // sum above the limit is looked at again for five seconds.
+            // Only memory that stays counts, not a move between two buffers. On a busy machine a move may take long, so
+            // a sum above the limit is measured again for five seconds.
             long stays = std::numeric_limits<long>::max();
             for (int look = 0; look < 6 || (stays - logged_in > limit && look < 500); ++look) {
                 std::this_thread::sleep_for(10ms);

@@ -1,5 +1,5 @@
-// Whole sessions through a proxy that breaks them at each place of their bytes: no operation hangs, no failure is taken
-// for another one, and the listener serves whoever comes next.
+// Whole sessions through a proxy that breaks them at every place of their bytes. No operation hangs, no failure is
+// mistaken for another, and the listener still serves the next peer.
 #include "breaking_proxy.h"
 #include "loopback.h"
 #include "support/load.h"
@@ -19,8 +19,8 @@ constexpr auto longest_allowed = std::chrono::seconds(20);
 
 struct kind {
     const char* words;
-    bool harmless; // the session succeeds all the same
-    // How many offsets there are between one that is tried and the next, in each direction; 1 is all of them.
+    bool harmless; // the session succeeds anyway
+    // The stride between the offsets that are tried, in each direction; 1 tries all.
     std::size_t brief;
     std::size_t whole;
 };
@@ -45,14 +45,14 @@ std::string seconds(clock::duration time) {
     return std::to_string(std::chrono::duration<double>(time).count()).substr(0, 5);
 }
 
-// What the breaking of a connection may be called.
+// Returns true for errors that correctly describe a broken connection.
 bool is_clear(uint32 number) {
     static const std::set<uint32> clear{qorError_debug_cannot_connect, qorError_debug_not_ours, qorError_debug_busy,
                                         qorError_debug_protocol, qorError_debug_connection_lost};
     return clear.count(number) != 0;
 }
 
-// A listener of its own, so that the limits of one do not meet the others, and the proxy before it.
+// A listener with the proxy in front of it. Each stage has its own, so that the limits of one do not affect the others.
 class stage {
 public:
     stage(const temp_folder& folder, const std::string& users, std::size_t number)
@@ -63,7 +63,7 @@ public:
     }
 
     struct outcome {
-        clock::duration longest{}; // of all operations
+        clock::duration longest{}; // of any operation
         bool failed = false;
     };
 
@@ -89,7 +89,7 @@ private:
     outcome session(uint16 port) {
         outcome out;
         counting_sink sink;
-        int lost = 0; // operations that said so once the sink was set
+        int lost = 0; // operations that reported the loss after the sink was set
         bool told_of = false;
         const auto step = [&](auto operation) {
             if (out.failed)
@@ -134,14 +134,14 @@ TEST(proxy, breaks_a_session_at_each_offset) {
     for (std::size_t i = 0; i < static_cast<std::size_t>(load(12, 150)); ++i)
         stages.push_back(std::make_unique<stage>(folder, users, i));
 
-    // A few bytes more or less, since signatures are not all of one length.
+    // Lengths vary by a few bytes, because signatures have different lengths.
     const std::array<std::size_t, 2> lengths = stages.front()->lengths();
     std::deque<breaking_proxy::order> orders;
     std::size_t begin = 0;
     for (const auto& [what, of] : kinds)
         for (const bool to_console : {false, true}) {
             const std::size_t stride = whole_load() ? of.whole : of.brief;
-            // Kinds whose strides are the same would meet the same places.
+            // Shifted, because kinds with the same stride would meet the same places.
             for (std::size_t offset = (begin += 7) % stride; offset <= lengths[to_console]; offset += stride)
                 if (what == fault::stall || what == fault::long_pause)
                     orders.push_front({what, to_console, offset});

@@ -1,4 +1,4 @@
-// Who is refused always: each a hundred times of a hundred.
+// Peers that are always refused: each a hundred times out of a hundred.
 #include "impostor_fixture.h"
 #include "session_fixture.h"
 
@@ -61,7 +61,7 @@ TEST_F(refused_by_listener, all_of_them) {
         expect_refused("plain SCRAM, or with another header, '" + std::string(gs2) + "'", login(gs2));
 }
 
-// Whoever ends TLS on both sides has two connections, each with a binding of its own.
+// A relay that ends TLS on both sides has two connections, each with its own channel binding.
 TEST_F(refused_by_listener, a_relay) {
     expect_refused("a relay", [this](int number) {
         memory_client victim_side;
@@ -76,7 +76,7 @@ TEST_F(refused_by_listener, a_relay) {
         relay.exchange(*of, m_now);
         pass(*of, 250ms, &relay);
         const std::vector<frame> answers = relay.frames();
-        m_now += 4s; // more than 20 guesses at an account in a minute would be answered later
+        m_now += 4s; // after 20 guesses at an account in a minute, answers would be delayed
         return answers.size() == 1 && answers[0].type == frame_type::refusal;
     });
 }
@@ -91,7 +91,7 @@ TEST_F(refused_by_console, one_that_does_not_know_the_password) {
     EXPECT_FALSE(std::filesystem::exists(folder() / "known-hosts"));
 }
 
-// Few iterations make the password cheap to guess from the proof, many keep the console busy: neither gets a proof.
+// Few iterations make the password cheap to guess from the proof; many keep the console busy. Neither gets a proof.
 TEST_F(refused_by_console, iterations_out_of_bounds) {
     for (const char* const iterations :
          {"1", "1000000000", "4095", "2000001", "99999999999999999999", "0", "-1", "4096x", ""}) {
@@ -131,7 +131,7 @@ TEST_F(refused_by_console, other_versions_and_protocols) {
     EXPECT_EQ(m_logins, 0);
 }
 
-// The real listener, which does not have the key that is known of it.
+// The real listener, with a key that differs from the known one.
 TEST_F(refused_by_console, a_changed_key) {
     private_file(folder(), "known-hosts",
                  "127.0.0.1 " + std::to_string(port()) + " sha256 " + std::string(64, 'a') + "\n");

@@ -1,11 +1,11 @@
-// Ends a connection the hard way.
+// Ends a connection by a reset.
 #pragma once
 
 #include "channel/sockets.h"
 
 namespace qor::test {
 
-// The peer meets a reset, no orderly end.
+// The peer receives a reset instead of an orderly end.
 void reset(sockets::socket& connection);
 
 } // namespace qor::test

@@ -1,4 +1,4 @@
-// Many sessions, some of them broken off: neither side keeps anything of them.
+// Many sessions, some of them broken off: neither side keeps resources of them.
 #include "breaking_proxy.h"
 #include "host_process.h"
 #include "support/load.h"
@@ -10,11 +10,11 @@ namespace {
 using namespace qor::test;
 
 #if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
-// Their allocators say exactly what is allocated, but keep what is freed for a while.
+// The sanitizers' allocators count allocations exactly, but keep freed memory for a while.
 constexpr long heap_slack = 4096;
 constexpr long resident_slack = 1L << 40;
 #else
-// The C library counts what it keeps at hand for each size of blocks, until it has some of each.
+// The C library counts free blocks that it caches for each size, until all its caches are full.
 constexpr long heap_slack = 64 * 1024;
 constexpr long resident_slack = 1024 * 1024;
 #endif
@@ -31,9 +31,9 @@ void expect_the_same(const char* who, const holdings& before, const holdings& af
 
 class soak : public testing::Test {
 protected:
-    // As far as it comes.
+    // Runs a session as far as it gets.
     void session(int number) {
-        counting_sink sink; // outlives the connection, which may be telling it something
+        counting_sink sink; // outlives the connection, which may still be calling it
         control_pointer control;
         ASSERT_TRUE(create_debug_control((m_folder / "known-hosts").c_str(), control.Out())) << last_error();
         const auto place = static_cast<std::size_t>(number);
@@ -72,7 +72,7 @@ TEST_F(soak, leaves_nothing_behind) {
         for (int i = 0; i < count; ++i)
             session(i);
     };
-    play(load(50, 1000)); // what is made once, and caches
+    play(load(50, 1000)); // fills caches and creates everything that is created once
     const holdings host_before = m_host.measure_at_rest(host_at_first), before = measure_this_process();
     play(rounds);
     const holdings host_after = m_host.measure_at_rest(host_before), after = measure_this_process();

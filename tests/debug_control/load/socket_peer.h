@@ -1,5 +1,4 @@
-// Peers of a listener over real sockets. To a listener they are as many as the users of this host whose sockets they
-// have.
+// Peers of a listener over real sockets. The listener distinguishes them by the users of this host who own the sockets.
 #pragma once
 
 #include "memory_client.h"
@@ -26,24 +25,24 @@ inline double seconds_since(test_clock::time_point begin) {
     return std::chrono::duration<double>(test_clock::now() - begin).count();
 }
 
-// What is left until then, at least nothing.
+// Returns the time left until then, at least 0.
 inline std::chrono::milliseconds left_until(test_clock::time_point end) {
     return std::max(std::chrono::ceil<std::chrono::milliseconds>(end - test_clock::now()), 0ms);
 }
 
-// Whom a connection is from. Where it is not to count, the tests' own user.
+// The origin of a connection. Without a user it is the user that runs the tests.
 struct source {
     std::string address;
     std::optional<uid_t> user;
 };
 
-// An address of 127.0.0.0/8, which says nothing about who it is.
+// Returns an address of 127.0.0.0/8; the address does not identify the peer.
 inline std::string address_of(unsigned number) {
     return "127." + std::to_string(1 + (number >> 16)) + '.' + std::to_string(number >> 8 & 0xff) + '.' +
            std::to_string(number & 0xff);
 }
 
-// One of several users, for root alone: each has an address of its own, too, so that they do not run out of ports.
+// Returns one of several users, for root only. Each also has its own address, so that ports do not run out.
 inline source user_number(unsigned number) { return {address_of(number), 20'000 + number}; }
 
 inline bool can_be_several_users() {
@@ -58,11 +57,11 @@ inline bool can_be_several_users() {
 
 class socket_peer {
 public:
-    // `buffer_size` is for bytes that nobody reads; 0: the system's choice.
+    // `buffer_size` is for bytes that nobody reads; 0 lets the system choose.
     socket_peer(uint16 port, const source& from, int buffer_size = 0) : m_socket(make(from.user)) {
         const int on = 1;
         setsockopt(m_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        // The port is chosen with the connection, so that as many may follow as there are pairs of ports.
+        // The port is chosen when the connection is made, so that every pair of ports can be used.
         setsockopt(m_socket, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
         setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         if (buffer_size != 0)
@@ -81,13 +80,13 @@ public:
 
     int handle() const { return m_socket; }
 
-    // Without waiting for room. False: not all of it went.
+    // Writes without waiting for space. Returns false if not all bytes were sent.
     bool write(std::string_view bytes) {
         return send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
                static_cast<ssize_t>(bytes.size());
     }
 
-    // What comes within the time. Nothing: it did not; an empty text: the connection was cut.
+    // Returns the bytes that arrive in time: nullopt if none did, an empty text if the connection was cut.
     std::optional<std::string> read(std::chrono::milliseconds patience) {
         pollfd watched{m_socket, POLLIN, 0};
         if (poll(&watched, 1, static_cast<int>(patience.count())) <= 0)
@@ -97,7 +96,7 @@ public:
         return std::string(bytes, got > 0 ? static_cast<std::size_t>(got) : 0);
     }
 
-    // Whatever else comes.
+    // Ignores all other input.
     bool is_cut_within(std::chrono::milliseconds patience) {
         for (const auto end = test_clock::now() + patience; test_clock::now() <= end;)
             if (const auto came = read(left_until(end)); came && came->empty())
@@ -106,7 +105,7 @@ public:
     }
 
 private:
-    // A socket belongs to who makes it. The user for files is the thread's alone.
+    // A socket belongs to the user who creates it. The file-system user is changed for this thread only.
     static int make(std::optional<uid_t> user) {
         const uid_t before = geteuid();
         if (user)
@@ -125,7 +124,7 @@ class tls_peer {
 public:
     tls_peer(uint16 port, const source& from, int buffer_size = 0) : socket(port, from, buffer_size) {}
 
-    // All steps, or but for the last message. False: it did not come about.
+    // Does all steps of the handshake, or all except the last message. Returns false on failure.
     bool shake_hands(std::chrono::milliseconds patience = 10s) {
         const auto end = test_clock::now() + patience;
         for (;;) {
@@ -143,7 +142,7 @@ public:
         return flush();
     }
 
-    // The next frame but for heartbeats. Nothing: it did not come in time, or the connection is cut.
+    // Returns the next frame that is not a heartbeat; nullopt if none came in time or the connection is cut.
     std::optional<frame> next(std::chrono::milliseconds patience = 10s) {
         for (const auto end = test_clock::now() + patience; m_frames.empty();) {
             if (!take_some(end))
@@ -156,13 +155,13 @@ public:
         return first;
     }
 
-    // A login up to the answer to its first message.
+    // Logs in up to the answer to the first message.
     std::optional<frame> begin_login(plain_scram::client& who) {
         who.binding = tls.binding();
         return send(frame_type::login_first, 1, who.first()) ? next() : std::nullopt;
     }
 
-    // A whole one; its last answer.
+    // Does a complete login and returns its last answer.
     std::optional<frame> log_in(plain_scram::client who) {
         const std::optional<frame> first = begin_login(who);
         if (!first || first->type != frame_type::login_first_answer ||

@@ -1,4 +1,4 @@
-// Whether the answers tell which accounts exist: their bytes and their times, seen from outside.
+// Checks from outside that neither the bytes nor the times of answers reveal which accounts exist.
 #include "host_process.h"
 #include "socket_peer.h"
 #include "support/load.h"
@@ -23,7 +23,7 @@ double median(std::vector<double> of) {
     return *middle;
 }
 
-// What one can tell of an answer without knowing what is random in it.
+// Returns the properties of an answer that do not depend on random values.
 std::string shape(const frame& of) {
     std::string text = std::to_string(static_cast<unsigned>(of.type)) + '/' + std::to_string(of.request) + '/' +
                        std::to_string(of.payload.size());
@@ -36,7 +36,7 @@ std::string shape(const frame& of) {
 
 TEST(timing, of_known_and_unknown_users) {
     QOR_NEEDS_SEVERAL_USERS();
-    // Accounts enough that none has so many wrong guesses that the next ones have to wait.
+    // So many accounts that no account gets enough wrong guesses to delay the next ones.
     std::string accounts;
     for (int i = 0; i < 20; ++i)
         accounts += plain_scram::account("k" + std::to_string(10 + i), "secret");
@@ -46,8 +46,8 @@ TEST(timing, of_known_and_unknown_users) {
     std::mutex lock;
     answers known, unknown;
     std::vector<std::thread> all;
-    // From a user of its own each, so that no guess has to wait; of the known user and of unknown ones in turn, and of
-    // both at any time.
+    // Each guess comes from its own user, so that none is delayed. Known and unknown accounts alternate, and both are
+    // tried at all times.
     for (int lane = 0; lane < lanes; ++lane)
         all.emplace_back([&, lane] {
             for (int i = lane; i < 2 * tries; i += lanes) {

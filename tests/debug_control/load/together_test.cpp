@@ -1,5 +1,5 @@
-// All threads of debug control at once, and those of a host that allocates and switches codes: for the thread sanitizer
-// above all.
+// All threads of debug control at once, beside threads of a host that allocates and switches codes. Mainly for the
+// thread sanitizer.
 #include "breaking_proxy.h"
 #include "loopback.h"
 #include "support/load.h"
@@ -13,7 +13,7 @@ using namespace qor::test;
 
 class together : public loopback_fixture {
 protected:
-    // What a console does until it is thrown out or leaves.
+    // The work of one console, until it is disconnected or leaves.
     void round_of(breaking_proxy& proxy, int round) {
         control_pointer control = make();
         counting_sink sink;
@@ -59,7 +59,7 @@ TEST_F(together, listener_consoles_losses_and_codes) {
             for (int round; (round = next++) < rounds;)
                 round_of(proxy, round);
         });
-    // The host's own work: new codes, which follow what the consoles said, and lines of trace.
+    // The host's own work: new codes, which follow the consoles' settings, and trace lines.
     others.emplace_back([&] {
         const uint32 traced = qorDebugAllocateCode("together.traced");
         for (int i = 0; !done; ++i) {

@@ -1,5 +1,5 @@
-// The password on the wire: looked for in every form that it might have, in all bytes of logins between a real console
-// and a real listener, and in what they mean.
+// Searches all bytes of logins between a real console and a real listener for the password in every likely form,
+// encrypted and decrypted.
 #include "impostor_fixture.h"
 #include "memory_client.h"
 #include "support/load.h"
@@ -21,7 +21,7 @@ std::string hexadecimal(const std::string& bytes, const char* digits) {
     return out;
 }
 
-// What base64 makes of it wherever it stands in a text, but for the digits that its neighbours have a part in.
+// Returns the base64 forms of the bytes at any position in a text, without the digits that depend on their neighbours.
 std::vector<std::string> in_base64(const std::string& bytes) {
     std::vector<std::string> all;
     for (std::size_t before = 0; before < 3; ++before) {
@@ -39,7 +39,7 @@ std::string in_utf16(const std::string& ascii, bool low_byte_first) {
     return out;
 }
 
-// All that gives the secret away, by name.
+// Returns all forms that reveal the secret, with their names.
 std::vector<std::pair<std::string, std::string>> forms(const std::string& name, const std::string& secret) {
     std::vector<std::pair<std::string, std::string>> all;
     const std::pair<std::string, std::string> codes[] = {{name, secret},
@@ -55,7 +55,7 @@ std::vector<std::pair<std::string, std::string>> forms(const std::string& name, 
     return all;
 }
 
-// The password, and what is as good as it with a salt: the keys that are made of it.
+// Returns the password and its equivalents for a salt: the keys that are derived from it.
 std::vector<std::pair<std::string, std::string>> secrets(const std::string& salt) {
     auto all = forms("the password", password);
     const std::string salted = plain_scram::salted(password, salt, 4096);
@@ -69,7 +69,7 @@ std::vector<std::pair<std::string, std::string>> secrets(const std::string& salt
     return all;
 }
 
-// The names of those that are there.
+// Returns the names of the secrets that occur in `bytes`.
 std::vector<std::string> found(const std::vector<std::pair<std::string, std::string>>& secrets,
                                const std::string& bytes) {
     std::vector<std::string> all;
@@ -88,14 +88,14 @@ qor::sockets::socket connect_to_listener(uint16 port) {
     return made;
 }
 
-// Stands between a console and a listener and writes down what they say.
+// Sits between a console and a listener and records their bytes.
 class recorder {
 public:
     explicit recorder(uint16 to) : m_front([this, to](fake_listener& through) { pass_on(through, to); }) {}
 
     uint16 port() const { return m_front.port(); }
 
-    // All bytes of the wire so far, each direction for itself.
+    // Returns all recorded bytes, separately for each direction.
     std::string recorded() {
         const std::lock_guard hold(m_lock);
         return m_to_listener + '\n' + m_to_console;
@@ -130,7 +130,7 @@ private:
     fake_listener m_front;
 };
 
-// Ends TLS on both sides, and passes on what it reads, a frame at a time.
+// Ends TLS on both sides and forwards the decrypted frames one by one.
 class relay {
 public:
     relay(EVP_PKEY* key, uint16 to) : m_front([this, key, to](fake_listener& through) { pass_on(through, key, to); }) {}
@@ -192,7 +192,7 @@ protected:
         EXPECT_TRUE(m_listener->Listen("127.0.0.1:0", users.c_str(), &m_port)) << last_error();
     }
 
-    // With a password that is wrong by a letter first.
+    // Tries a password with one wrong letter first.
     void log_in_and_work(uint16 at) {
         control_pointer control = make();
         ASSERT_TRUE(control->Connect("127.0.0.1", at)) << last_error();
@@ -216,7 +216,7 @@ protected:
     uint16 m_port = 0;
 };
 
-// They are found where they are; otherwise the rest would prove nothing.
+// The search finds secrets that are present. Without this test the others would prove nothing.
 TEST_F(wire, the_search_finds_every_form) {
     const std::string salt = "0123456789abcdef";
     const auto all = secrets(salt);
@@ -225,7 +225,7 @@ TEST_F(wire, the_search_finds_every_form) {
         EXPECT_GE(secret.size(), 30u) << name;
         EXPECT_FALSE(found(all, "before" + secret + "behind").empty()) << name;
     }
-    // As others write them, wherever they stand: {"p":"..."} through base64(1) and xxd(1).
+    // The forms that base64(1) and xxd(1) produce of {"p":"..."}, at different positions.
     const auto password_alone = forms("the password", password);
     for (const char* const text : {"eyJwIjoiY29ycmVjdCBob3JzZSBiYXR0ZXJ5IHN0YXBsZSAxIn0K",
                                    "eyJwYSI6ImNvcnJlY3QgaG9yc2UgYmF0dGVyeSBzdGFwbGUgMSJ9Cg==",
@@ -243,12 +243,12 @@ TEST_F(wire, of_a_console_and_a_listener) {
     const std::string bytes = between.recorded();
     EXPECT_GT(bytes.size(), static_cast<std::size_t>(logins) * 2000);
     expect_nothing_in(bytes, m_salt, "on the wire", logins);
-    // Nor the trace codes and who it is.
+    // Trace codes and the account's name must not be visible either.
     EXPECT_EQ(bytes.find("system.debug-control"), std::string::npos);
     EXPECT_EQ(bytes.find("n=ada"), std::string::npos);
 }
 
-// What the console says, deciphered: an honest listener's view.
+// The decrypted input from the console: the view of an honest listener.
 TEST_F(wire, deciphered_by_the_other_end) {
     std::string deciphered;
     const int logins = load(10, 100);

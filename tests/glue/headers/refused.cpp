@@ -1,5 +1,5 @@
-// Lines that must not compile with -Werror, each with a word of the error behind "refused:"; refused_test.py looks for
-// them.
+// Lines that must not compile with -Werror, each with a word of the expected error after "refused:"; refused_test.py
+// reads these marks.
 #include "qor/qor.h"
 
 void strings(const qorString& text, const qorString& other) {
@@ -21,7 +21,7 @@ void strings(const qorString& text, const qorString& other) {
         return;
 }
 
-// Of virtual operations only clang notices that a result is dropped.
+// For virtual operations, only clang reports an ignored result.
 void results(qorFile& file, qorString& text, char* buffer) {
     file.Open("name", qorFileReading);          // refused: nodiscard
     file.ReadAt(0, buffer, 1);                  // refused: nodiscard

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compiles refused.cpp and compares the lines that the compiler refuses with those that the file marks."""
+"""Compiles refused.cpp and compares the refused lines with those that the file marks."""
 
 import argparse
 import re

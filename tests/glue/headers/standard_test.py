@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compiles each header as C++17, which has to fail, and tells whether the first error says what is wrong."""
+"""Compiles each header as C++17, which must fail, and checks that the first error states the cause."""
 
 import argparse
 import subprocess
@@ -7,7 +7,7 @@ import sys
 
 
 def first_error(compiler, include, header):
-    """The compiler's first line of an error, or None where it takes the header."""
+    """Returns the first line of the compiler's error, or None if it accepts the header."""
     run = subprocess.run([compiler, "-std=c++17", "-fmax-errors=1", "-fsyntax-only", "-I", include, "-x", "c++", "-"],
                          text=True, input=f'#include "{header}"\n', capture_output=True)
     if run.returncode == 0:

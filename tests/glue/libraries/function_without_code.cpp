@@ -1,4 +1,4 @@
-// Calls its export a function, which lies in memory that cannot be executed.
+// Its export is marked as a function, but is in memory that cannot be executed.
 __asm__(".data\n"
         ".globl glue_binding_point\n"
         ".type glue_binding_point, %function\n"

@@ -7,7 +7,7 @@
 
 using made_up_row = qor::glue::unwritten;
 
-// As the client's own table is, row by row.
+// Laid out like the client's own table, row by row.
 struct made_up_table {
     made_up_row rows[qor::glue::slot_count];
 

@@ -1,2 +1,2 @@
-// Has the export, and hands out nothing.
+// Has the export, but it returns null.
 extern "C" [[gnu::visibility("default")]] const void* glue_binding_point() { return nullptr; }

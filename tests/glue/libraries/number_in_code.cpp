@@ -1,4 +1,4 @@
-// Has an export among its code that is no function.
+// Has an export in its code that is not a function.
 __asm__(".text\n"
         ".globl glue_binding_point\n"
         ".type glue_binding_point, %object\n"

@@ -1,4 +1,4 @@
-// Has a table from before there was a row for its length.
+// Has a table of an older format without a row for its length.
 #include "made_up_table.h"
 
 namespace {
