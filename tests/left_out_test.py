@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Compares the tests of POSIX alone (TEST and TEST_F in *_test_posix.cpp) with the list left_out_on_windows, and prints
-those with their reasons."""
+"""Compares the POSIX-only tests (TEST and TEST_F in *_test_posix.cpp) with the list left_out_on_windows, and prints
+them with their reasons."""
 
 import re
 import sys
@@ -10,7 +10,7 @@ HERE = Path(__file__).resolve().parent
 
 
 def listed():
-    """{test: reason}"""
+    """Returns {test: reason}."""
     tests, reason = {}, None
     for line in (HERE / "left_out_on_windows").read_text().splitlines():
         if line.startswith("== "):

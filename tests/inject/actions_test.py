@@ -1,14 +1,16 @@
 #!/usr/bin/env python3
-"""Runs every action of qortool and qor-debug-user, each call that the injector knows failing in turn.
+"""Runs every action of qortool and qor-debug-user, and makes each call that the injector knows fail in turn.
 
     actions_test.py --bin FOLDER --injector LIBRARY --samples FOLDER [--only NAME]... [--target NAME]... [--every]
 
-A run in which the n-th call failed must do one of two things: say what the undisturbed run says, with the same exit code,
-or end with an exit code other than 0 and words on standard error. It must never die by a signal, and never stop.
-A log that cannot be read to its end is the exception: that ends with 0, and words on standard error.
-n runs from 1 until no call is left to fail, each of them up to 1000. In the actions for which OpenSSL works it is each up to
-60, then n grows by a half, and comes back for the last 25: what lies between are its tables, nine thousand requests for memory,
-and the keys that it derives, two million of one kind in a fifth of a second. --every leaves none out; with a key that takes days.
+A run in which the n-th call failed must do one of two things: print the same as the undisturbed run, with the same exit
+code, or end with an exit code other than 0 and a text on standard error. It must never die by a signal, and never hang.
+The exception is a log that cannot be read to its end: such a run ends with 0 and a text on standard error.
+
+n takes each value from 1 up to 1000, or until no call is left to fail. For actions that use OpenSSL, n takes each value
+up to 60, then grows by a half, and finally takes the values of the last 25 calls. The calls between are OpenSSL's
+tables, nine thousand memory requests, and the keys that it derives, two million calls of one kind in a fifth of a
+second. --every leaves no call out; with a key that takes days.
 """
 
 import argparse
@@ -23,19 +25,19 @@ import tempfile
 import time
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from tool import linked  # noqa: E402  # beside this folder
+from tool import linked  # noqa: E402  # in tests/support
 
 TIMEOUT_SECONDS = 120
 
-# Why, the contract says, is told to the system's log alone.
+# The contract writes the cause only to the system log.
 FAILED_BINDING = 100
 
 READ_IN_PART = b"The report covers only what was read before that."
 
-# So many calls before the end are tried, however many were left out before.
+# The last calls are always tried, whatever was left out before.
 LAST_CALLS = 25
 
-# Target, what the failed calls say, and how many fail from the n-th on; 0: all.
+# The target, the error of the failed calls, and how many fail from the n-th on; 0: all.
 ALLOCATIONS = [("alloc", errno.ENOMEM, 1), ("alloc", errno.ENOMEM, 0)]
 SYSTEM_CALLS = [
     ("open", errno.EMFILE, 1), ("open", errno.EACCES, 1),
@@ -47,12 +49,12 @@ SYSTEM_CALLS = [
 
 
 class Run:
-    """One command. `until`: an action that runs for long is ended once it has said this, and has passed then."""
+    """One command. `until`: the text after which an action that runs for long is ended and counts as passed."""
 
     def __init__(self, program, words, stdin=b"", until=None, varies=False, errors_too=False, environment={}):
         self.program, self.words, self.stdin, self.until, self.varies = program, words, stdin, until, varies
         self.environment = environment
-        # Which calls fail where none is named.
+        # The calls that fail if none is named.
         self.targets = ["alloc"]
         if "md5sum" in words:
             self.targets += ["open", "pread", "close", "fstat"]
@@ -60,12 +62,12 @@ class Run:
         if self.reads_a_log:
             self.targets += ["read"]
         self.dense = 60 if {"pwcrypt", "add", "password", "debug-control"} & set(map(str, words)) else 1000
-        self.errors_too = errors_too  # what it says until then goes to standard error
+        self.errors_too = errors_too  # the text for `until` is on standard error
         self.name = " ".join([program.name, *map(str, words)])
 
 
 def long_logs(folder):
-    """So long that a thread reads ahead of the replay, and more than once."""
+    """A log so long that a thread reads ahead of the replay more than once."""
     mtrace, memcheck = folder / "mtrace.log", folder / "memcheck.log"
     blocks = [0x10000000 + 64 * i for i in range(9_000)]
     mtrace.write_text("".join(f"@ app:[{i % 50 + 4096:#x}] + {block:#x} 0x20\n" for i, block in enumerate(blocks)))
@@ -83,10 +85,10 @@ def action_runs(tool, samples, folder):
         ["memcheck", long_memcheck], ["tztest"], ["path-list"],
         ["logon", "no such user", "secret"],
     ]
-    # A salt, and the figures of this host, are others each time.
+    # A salt and the figures of this host differ in each run.
     varying = {"sysinfo", "pwcrypt", "path-list"}
     made = [Run(tool, ["--quiet", *words], varies=words[0] in varying) for words in runs]
-    # Its log is made at the first block, before anything else is.
+    # Its log begins with the first block, before anything else.
     made.append(Run(tool, ["--quiet", "dow", "1/3/2024"], environment={"QOR_MEMCHECK": str(folder / "own.log")}))
     made.append(Run(tool, ["--quiet", "timer-check"], until=b"start=", errors_too=True))
     made.append(Run(tool, ["--quiet", "simd-test"], until=b"Testing memset()"))
@@ -131,7 +133,7 @@ class Injector:
 
     @staticmethod
     def read_until(child, end):
-        """What was said up to `end`, and 0; if it never came, all, and the exit code."""
+        """Returns the output up to `end`, and 0; if `end` never came, all output and the exit code."""
         child.stdin.close()
         output = b""
         while end not in output and (more := child.stdout.read1()):
@@ -147,7 +149,7 @@ class Injector:
         return self.start(run, {"LD_PRELOAD": str(self.library)})
 
     def injected(self, run, target, error, at, count):
-        """The outcome, or None where there are fewer calls."""
+        """Returns the outcome, or None if there are fewer calls."""
         self.report.unlink(missing_ok=True)
         outcome = self.start(run, {
             "LD_PRELOAD": str(self.library), "QOR_INJECT": target, "QOR_INJECT_AT": str(at), "QOR_INJECT_COUNT": str(count),
@@ -158,8 +160,8 @@ class Injector:
         return self.report.read_text().split("\n")[0]
 
 
-# Others' code that dies itself where it has no memory: glibc 2.36 reads what its name service (nss_database) could not
-# store, and so does libpam. Nothing can be done about it from outside.
+# Foreign code that crashes when it has no memory: glibc 2.36 reads data that its name service (nss_database) could not
+# store, and so does libpam. This cannot be prevented from outside.
 FOREIGN = {"logon": {"libc.so.6", "libpam.so.0"}, "userinfo": {"libc.so.6"}, "path-list": {"libc.so.6"}}
 
 
@@ -187,7 +189,8 @@ def fault(run, plain, outcome, call):
 
 
 def each_call(fails, first, dense, every):
-    """Calls fails(n), which says whether there is an n-th call, as told above. How many calls there are, about."""
+    """Calls fails(n) for the values of n described above; it returns whether there is an n-th call. Returns the
+    approximate number of calls."""
     last, at = first - 1, first
     while fails(at):
         last, at = at, at + 1 if every or at < dense else at + max(at // 2, 1)

@@ -1,11 +1,11 @@
-// Every family of operations behind the table, with the n-th request for memory failing, for every n:
+// Every family of operations behind the table, with the n-th memory request failing, for every n:
 //
-//   inject_slots FOLDER          under the injector (tests/support/inject), which it needs to be preloaded
+//   inject_slots FOLDER          under the injector (tests/support/inject), which must be preloaded
 //
-// Each script runs once undisturbed and then, n = 1, 2, ..., in a child process of its own, until its requests are
-// fewer than n. No process but a child ever calls the framework, so that binding and all first uses are among what
-// fails. A child must say what the undisturbed one said and end with 0, or end with another code and words on standard
-// error. FOLDER is an empty one, for files.
+// Each script runs once undisturbed and then, for n = 1, 2, ..., in a child process of its own, until it makes fewer
+// than n requests. Only the children call the framework, so that binding and all first uses can fail too. A child must
+// print the same as the undisturbed one and end with 0, or end with another code and a text on standard error. FOLDER
+// must be empty; it is for files.
 #include "qor/qor.h"
 #include "support/inject/inject.h"
 
@@ -19,7 +19,7 @@
 
 namespace {
 
-// The end of a script whose operation failed.
+// Ends a script whose operation failed.
 [[noreturn]] void fail(const char* operation) {
     std::fprintf(stderr, "%s: ", operation);
     fputerr(stderr, true);
@@ -276,7 +276,7 @@ std::string read_back(std::FILE* file) {
     return text;
 }
 
-// One script in a child, its `at`th request for memory failing; 0: none.
+// Runs one script in a child whose `at`th memory request fails; 0: no request fails.
 outcome run(const script& which, unsigned long at) {
     std::FILE* const output = std::tmpfile();
     std::FILE* const errors = std::tmpfile();

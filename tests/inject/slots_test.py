@@ -9,7 +9,7 @@ import sys
 import tempfile
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-from tool import linked  # noqa: E402  # beside this folder
+from tool import linked  # noqa: E402  # in tests/support
 
 parser = argparse.ArgumentParser()
 parser.add_argument("--program", type=pathlib.Path, required=True)

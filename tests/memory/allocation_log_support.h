@@ -1,4 +1,4 @@
-// What the tests of the allocation log share: the reader of a log, and the frame around a scene that writes one.
+// Shared code of the tests of the allocation log: the reader of a log, and the frame around a scene that writes one.
 #pragma once
 
 #include "qor/qor.h"
@@ -14,7 +14,7 @@
 
 namespace qor::test::log {
 
-// The blocks of the scenes say that they come from here; the library has blocks of its own in the log.
+// The source name of the blocks of the scenes; the library's own blocks in the log have others.
 inline constexpr char here[] = "here";
 
 using events = std::vector<std::string>;
@@ -35,7 +35,7 @@ inline bool is_number(const std::string& text, const char* digits) {
     return !text.empty() && text.find_first_not_of(digits) == std::string::npos;
 }
 
-// Exactly the grammar: single blanks, nothing missing, nothing more.
+// Accepts exactly the grammar: single blanks, no missing and no extra fields.
 inline record parse(const std::string& text) {
     record result;
     std::istringstream fields(text);
@@ -61,11 +61,12 @@ inline record parse(const std::string& text) {
     return result;
 }
 
-// What happened to the blocks from here, each called by its line: "A 7 48 0", "T 7 name", "F 7 0"; a free of what was
-// not alive is "F ? 0". On the way each line of the log is checked, and that no block is given out twice.
+// The events of the blocks from `here`, each block identified by its line: "A 7 48 0", "T 7 name", "F 7 0"; a free of
+// an address that is not alive is "F ? 0". tell() also checks each line of the log, and that no live block is allocated
+// again.
 struct story {
     std::vector<std::string> events;
-    std::vector<std::string> leaks; // of anybody, "file:line"
+    std::vector<std::string> leaks; // of any source, "file:line"
 };
 
 inline story tell(const std::string& log) {
@@ -100,14 +101,14 @@ inline story tell(const std::string& log) {
     return result;
 }
 
-// The process that says at the beginning of a log that it wrote it.
+// Returns the process that the beginning of a log names as its writer.
 inline std::string process_of(const std::string& log) {
     constexpr std::string_view begin = "# allocation log of process ";
     EXPECT_TRUE(log.starts_with(begin)) << log.substr(0, 100);
     return log.substr(begin.size(), log.find(';') - begin.size());
 }
 
-// The other files in the folder of a log.
+// Returns the other files in the folder of a log.
 inline words logs_of_children(const std::string& path) {
     const std::string folder = path.substr(0, path.rfind('/') + 1);
     words result;
@@ -142,7 +143,7 @@ protected:
         return tell(read_file(m_path));
     }
 
-    // What the tool makes of a log, without its closing word.
+    // Returns the tool's report on a log, without its last line.
     std::string replay(const std::string& path) {
         const ending ended = qor::test::run({QOR_TOOL, "--quiet", "memcheck", path});
         EXPECT_EQ(ended.code, 0) << ended.err;
@@ -155,7 +156,7 @@ protected:
     const std::string m_path = m_folder / "log";
 };
 
-// What lives until the handlers of exit() run.
+// Objects that live until the handlers of exit() run.
 inline void* s_late;
 inline thing* s_object;
 
@@ -194,7 +195,7 @@ inline void work(unsigned seed, int rounds) {
         qor_do_free(block, here, 99);
 }
 
-// Enough for many writes of the log.
+// Allocates enough for many writes of the log.
 extern const scene much_work;
 
 } // namespace qor::test::log

@@ -8,7 +8,7 @@
 
 namespace qor::test::log {
 
-// ---------------------------------------------------------------- what is written
+// ---------------------------------------------------------------- contents
 
 namespace {
 
@@ -95,7 +95,7 @@ const scene huge{"log_huge", [](const words& arguments) {
                      return 0;
                  }};
 
-// Given back by the operation for the other kind, then by the right one.
+// Frees a block by the operation for the other kind, then by the right one.
 const scene wrong_frees{"log_wrong_frees", [](const words& arguments) {
                             start(arguments[0]);
                             void* const block = qor_do_malloc(0, 10, true, here, 1);
@@ -166,7 +166,7 @@ TEST_F(allocation_log, a_reallocation_is_an_end_and_a_beginning) {
     EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
     EXPECT_EQ(tell(read_file(m_path)).events,
               (events{"A 1 10 0", "F 1 0", "A 2 8 0", "F 2 0", "A 6 0 0", "F 6 0", "A 3 1048576 0",
-                      // What could not grow stands as it was.
+                      // A block that could not grow is unchanged.
                       "F 3 0", "A 3 1048576 0", "F 3 0"}));
 }
 
@@ -189,7 +189,7 @@ TEST_F(allocation_log, a_block_of_the_other_kind_is_not_given_back) {
     EXPECT_EQ(told.leaks, events{});
 }
 
-// ---------------------------------------------------------------- when it begins
+// ---------------------------------------------------------------- start
 
 namespace {
 
@@ -201,7 +201,7 @@ void initialise(const words& arguments) {
     EXPECT_TRUE(qorInitProcess("program", args, 0));
 }
 
-// The framework is used, and never started.
+// The framework is used, but never started.
 const scene never_started{"log_never_started", [](const words&) {
                               qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
                               return 0;
@@ -215,7 +215,7 @@ const scene started{"log_started", [](const words& arguments) {
                         return 0;
                     }};
 
-// Blocks that are forgotten by then, or that nobody ever noted, are freed as if there were no log.
+// Blocks that are forgotten by then, or were never recorded, are freed as without a log.
 const scene late_start{"log_late_start", [](const words& arguments) {
                            void* const early = qor_do_malloc(0, 10, true, here, 1);
                            if (arguments[1] == "after a start without")
@@ -229,7 +229,7 @@ const scene late_start{"log_late_start", [](const words& arguments) {
                            return 0;
                        }};
 
-// Starts a framework program, this one, without telling it of a log.
+// Starts this program again, without telling it about a log.
 const scene starts_another{
     "log_starts_another", [](const words& arguments) {
         qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
@@ -293,11 +293,11 @@ TEST_F(allocation_log, a_name_may_hold_the_process) {
         EXPECT_EQ(each, m_folder / ("of." + process_of(read_file(each)) + ".log"));
 }
 
-// ---------------------------------------------------------------- the end of the process
+// ---------------------------------------------------------------- end of the process
 
 namespace {
 
-// With the way to end as a second argument.
+// The second argument is the way to end.
 const scene end{"log_end", [](const words& arguments) {
                     // Registered before the log's own handler, so it runs after that.
                     std::atexit(free_late);
@@ -411,7 +411,7 @@ TEST_F(allocation_log, little_is_lost_when_the_process_is_killed) {
 
 namespace {
 
-// So little that it is written only at the end.
+// So few allocations that the log is written only at the end.
 const scene little_work{"log_little_work", [](const words& arguments) {
                             start(arguments[0]);
                             work(1, 20);

@@ -1,4 +1,4 @@
-// The allocation log where processes fork and files have limits.
+// The allocation log with forks and file limits.
 #include "allocation_log_support.h"
 
 #include <cstdlib>
@@ -17,7 +17,7 @@ using posix_allocation_log = allocation_log;
 
 namespace {
 
-// The exit code of the child, which runs `act` and exits as a program does.
+// Returns the exit code of a child that runs `act` and exits as a program does.
 template <class ACT>
 int in_child(ACT act, pid_t* process = nullptr) {
     const pid_t child = fork();
@@ -63,7 +63,7 @@ const scene forks_between_threads{
             workers.emplace_back(work, i, 20'000);
         for (int i = 0; i < 20; ++i)
             EXPECT_EQ(in_child([] {
-                          alarm(30); // instead of waiting for ever for a lock that nobody will open
+                          alarm(30); // instead of waiting forever for a lock that nobody releases
                           work(7, 50);
                           return 0;
                       }),
@@ -101,7 +101,7 @@ const scene quick_child{"log_quick_child", [](const words& arguments) {
                             return 0;
                         }};
 
-// What each of them leaves stays in reach, or a sanitizer would tell of it.
+// The blocks of each generation stay reachable; otherwise a sanitizer would report them.
 void* volatile s_generations[3];
 
 const scene three_generations{"log_three_generations", [](const words& arguments) {
@@ -118,7 +118,7 @@ const scene three_generations{"log_three_generations", [](const words& arguments
                                   return 0;
                               }};
 
-// Takes its own place twice.
+// Replaces itself by the same program, twice.
 const scene replaced{"log_replaced", [](const words& arguments) {
                          qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
                          if (arguments.size() < 3) {
@@ -154,10 +154,10 @@ TEST_F(posix_allocation_log, a_child_goes_on_in_a_file_of_its_own) {
     EXPECT_EQ(replay(m_path), "No leaks found\n");
 }
 
-// The address sanitizer's allocator does not let go of its own locks in a child.
+// The address sanitizer's allocator does not release its own locks in a child.
 #if !defined(__SANITIZE_ADDRESS__)
 TEST_F(posix_allocation_log, children_are_forked_while_other_threads_allocate) {
-    // A child does not have the threads that would free their blocks, and the sanitizers do not know that.
+    // A child lacks the threads that would free their blocks, which the sanitizers do not know.
     const ending ended =
         play(forks_between_threads, {m_path}, {"ASAN_OPTIONS=detect_leaks=0", "TSAN_OPTIONS=report_thread_leaks=0"});
     EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
@@ -223,7 +223,7 @@ TEST_F(posix_allocation_log, a_program_in_the_place_of_another_has_a_log_of_its_
 
 namespace {
 
-// As a daemon does; then every number is that of another file.
+// Closes all descriptors, as a daemon does. Each number then belongs to another file.
 const scene closes_everything{"log_closes_everything", [](const words& arguments) {
                                   start(arguments[0]);
                                   qor_do_free(qor_do_malloc(0, 10, true, here, 1), here, 99);
@@ -250,7 +250,7 @@ TEST_F(posix_allocation_log, goes_on_when_the_host_closes_its_descriptor) {
     }
 }
 
-// A pipe that is opened anew would make the host wait for a reader.
+// Opening a pipe anew would make the host wait for a reader.
 TEST_F(posix_allocation_log, into_a_pipe_ends_when_the_host_closes_its_descriptor) {
     ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
     const int reader = open(m_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);

@@ -27,7 +27,7 @@ std::string text_and_free(char* text) {
     return result;
 }
 
-// Each operation once, while blocks are tracked and when they no longer are.
+// Calls each operation once, while blocks are tracked and after tracking has ended.
 void use_all_operations() {
     char* block = static_cast<char*>(qor_do_malloc(0, 10, true, file, 1));
     std::memcpy(block, "123456789", 10);
@@ -58,7 +58,7 @@ const qor::test::scene without_tracking{"allocator_without_tracking", [](const w
                                             args.Append("program");
                                             EXPECT_TRUE(qorInitProcess("program", args, 0));
                                             use_all_operations();
-                                            // What was remembered while nothing was decided can be given back as ever.
+                                            // Blocks that were recorded before the decision can be freed as always.
                                             qor_do_free(qor_do_realloc(early, 200, file, 4), file, 5);
                                             qor_do_huge_free(early_huge, file, 6);
                                             qor::glue::qor_do_delete(early_object);
@@ -129,7 +129,7 @@ TEST(allocator, copies) {
     EXPECT_EQ(text_and_free(qor_do_strndup("text", 3, file, __LINE__)), "tex");
     EXPECT_EQ(text_and_free(qor_do_strndup("text", 4, file, __LINE__)), "text");
     EXPECT_EQ(text_and_free(qor_do_strndup("text", 0xffffffff, file, __LINE__)), "text");
-    // Bytes that are not terminated are not read beyond the length.
+    // Text without a terminator is not read beyond its length.
     const std::string exact(4096, 'x');
     char* const part = static_cast<char*>(std::malloc(4096));
     std::memcpy(part, exact.data(), 4096);

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Runs clients with every kind of missing, damaged and misplaced module: what is wrong with it is an error of the
-operation that needs it, and never the end of the process.
+"""Runs clients with every kind of missing, damaged and misplaced module. The result is an error of the operation that
+needs the module, and never the end of the process.
 
     module_test.py --bin FOLDER [--runner PROGRAM]
 
-FOLDER holds libqor, in its folder "qor" the module qor-openssl, the clients digest and twice, and the libraries that are
-sound but wrong.
+FOLDER holds libqor, in its folder "qor" the module qor-openssl, the clients digest and twice, and the libraries that
+are sound but wrong.
 """
 
 import argparse
@@ -20,9 +20,9 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from damaged_libraries import DamagedLibraries  # noqa: E402  # beside this folder
-from strange_files import KINDS, REASONS, strange_file  # noqa: E402  # beside this folder
-from tool import Tool  # noqa: E402  # beside this folder
+from damaged_libraries import DamagedLibraries  # noqa: E402  # in tests/support
+from strange_files import KINDS, REASONS, strange_file  # noqa: E402  # in tests/support
+from tool import Tool  # noqa: E402  # in tests/support
 
 NOBODY = 65534
 TEXT = b"the text\n"
@@ -54,12 +54,12 @@ class Modules(DamagedLibraries, unittest.TestCase):
                                 stderr=subprocess.PIPE, env=tool.environment(), **more)
 
     def end(self, process, given=b""):
-        """(exit code, standard output, standard error), with the line ends of POSIX"""
+        """Returns (exit code, standard output, standard error), with the line ends of POSIX."""
         out, err = process.communicate(given, timeout=120)
         return process.returncode, *(text.replace(b"\r\n", b"\n").decode() for text in (out, err))
 
     def path(self, path):
-        """As the programs print it: Wine has this system's files on a drive Z:."""
+        """Returns a path as the programs print it: Wine has this system's files on a drive Z:."""
         if not options.runner:
             return str(path)
         return "Z:" + str(path.parent).replace("/", "\\").removesuffix("\\qor") + (
@@ -77,7 +77,7 @@ class Modules(DamagedLibraries, unittest.TestCase):
             code, out, err = self.digest(algorithm, **more)
             self.assertEqual((code, out), (1, ""), err)
             self.assertRegex(err, "^" + message + "\n$")
-        # What needs no module does not care.
+        # An operation that needs no module still works.
         self.check_works("md5")
 
     def check_missing(self, **more):
@@ -107,7 +107,7 @@ class Modules(DamagedLibraries, unittest.TestCase):
         (self.bin / self.module.name).write_bytes(self.real)
         self.check_works()
 
-    # ---- none that could be loaded
+    # ---- no loadable module
 
     def test_missing(self):
         self.check_missing()
@@ -123,7 +123,8 @@ class Modules(DamagedLibraries, unittest.TestCase):
         self.check_works()
 
     def test_cut_off(self):
-        """Wherever the file ends. The last quarter of a Windows library is symbols that no loader reads."""
+        """The file is truncated at various places. The last quarter of a Windows library contains symbols that no
+        loader reads."""
         size = len(self.real)
         places = [1, 4, 63, 64, 65, 500, 4095, 4096, 4097, size // 4, size // 2, size * 3 // 4]
         if not options.runner:
@@ -132,7 +133,7 @@ class Modules(DamagedLibraries, unittest.TestCase):
             with self.subTest(place=place, of=size):
                 self.check_damaged(self.real[:place])
 
-    # ---- a library that is no module
+    # ---- a library that is not a module
 
     def test_without_the_export(self):
         self.copy("without_export" + options.library, self.module)
@@ -166,23 +167,23 @@ class Modules(DamagedLibraries, unittest.TestCase):
         self.module.write_bytes(self.real)
         process = self.start("twice", "sha1")
         self.assertEqual(process.stdout.readline().split(), [b"made"])
-        if not options.runner:  # Windows does not give up the file of a loaded library
+        if not options.runner:  # Windows cannot delete the file of a loaded library
             self.module.unlink()
         self.assertEqual(self.end(process, b"\n"), (0, "made\n", ""))
 
 
 class ModulesPosix(Modules):
-    """What only POSIX has, beside the rest."""
+    """Cases that only POSIX has."""
 
     def test_unreadable(self):
         self.module.write_bytes(self.real)
         self.module.chmod(0)
-        # Nothing is unreadable to root.
+        # Every file is readable to root.
         nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
         self.check_unusable(reason="Permission denied", **nobody)
 
     def test_what_is_no_file(self):
-        """Nobody waits for the other end of a pipe, and a link to nothing is nothing."""
+        """Opening does not wait for the other end of a pipe, and a dangling link counts as a missing file."""
         for kind in KINDS:
             with self.subTest(kind=kind), strange_file(kind, self.module, self.real):
                 if kind == "link to nothing":
@@ -199,7 +200,7 @@ class ModulesPosix(Modules):
         self.check_damaged(self.real[:-1], "it is not a library, or only part of one")
 
     def test_single_bits_of_the_headers(self):
-        """Some of those that binding_test.py tries all of: the module works, or is refused with a reason."""
+        """Tries some of the bits of which binding_test.py tries all: the module works, or is refused with a reason."""
         self.module.write_bytes(self.real)
         digest = self.copy("digest", self.bin)
         sound = (0, hashlib.sha256(TEXT).hexdigest() + "  text\n", "")
@@ -219,7 +220,7 @@ class ModulesPosix(Modules):
         self.assertGreater(refused, 0)
 
     def test_installed(self):
-        """The library lies in the lib beside the program's bin, its modules in lib/qor."""
+        """The library is in the lib beside the program's bin, and its modules are in lib/qor."""
         lib = self.root / "lib"
         shutil.move(self.bin / "qor", lib / "qor")
         shutil.move(self.library, lib)

@@ -1,4 +1,4 @@
-// Has the export of a module, and wants nothing of this library.
+// Has the export of a module, and refuses this library.
 #include "qor/glue/module.h"
 
 extern "C" [[gnu::visibility("default")]] const qor::glue::module_table*

@@ -1,4 +1,4 @@
-// Wants an engine, waits for a line, and wants it again: what became of a module in between?
+// Asks for an engine, waits for a line, and asks again, so that a test can change the module in between.
 #include "qor/qor.h"
 
 #include <cstdio>

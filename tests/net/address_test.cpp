@@ -28,7 +28,7 @@ std::string text_of(const qorHostAddress& address, bool with_scope) {
     return text.Text();
 }
 
-// The recommendations of RFC 5952, each with an example of its own.
+// The recommendations of RFC 5952, with an example for each.
 TEST(address, ipv6_in_its_shortest_form) {
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0, 0, 0}), "::");
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0, 0, 1}), "::1");
@@ -47,7 +47,7 @@ TEST(address, ipv6_with_an_ipv4_address_in_it) {
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0, 0xc000, 0x0201}), "::192.0.2.1");
     EXPECT_EQ(text_of({0, 0, 0, 0, 0, 0xffff, 0, 0}), "::ffff:0.0.0.0");
     EXPECT_EQ(text_of({0x64, 0xff9b, 0, 0, 0, 0, 0xc000, 0x0201}),
-              "64:ff9b::c000:201"); // a translator's prefix is none
+              "64:ff9b::c000:201"); // the prefix of a translator is not printed as IPv4
 }
 
 TEST(address, scope_follows) {

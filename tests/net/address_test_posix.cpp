@@ -1,4 +1,4 @@
-// Texts of addresses beside those of the C library.
+// Texts of addresses, compared with those of the C library.
 #include "net/address.h"
 
 #include <arpa/inet.h>
@@ -12,7 +12,7 @@ namespace {
 TEST(address, like_the_c_library) {
     std::mt19937 random(1);
     for (int round = 0; round < 100'000; ++round) {
-        // Each group is often 0, and each digit of it, too.
+        // Each group is often 0, and so is each of its digits.
         qoraddr_ipv6 address{};
         const uint32 zeros = random() & 0xff, masks = random();
         for (int i = 0; i < 16; ++i)

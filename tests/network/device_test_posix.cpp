@@ -1,4 +1,4 @@
-// Interfaces put together from dumps and from the files of other hosts, which are made here as they were found there.
+// Interfaces built from dumps and from the files of other hosts, which are recreated here as they were recorded.
 #include "interfaces_posix.h"
 #include "support/strange_files_posix.h"
 #include "support/temp_folder.h"
@@ -17,7 +17,7 @@ using network::dump_tables;
 using network::interface_facts;
 using network::link_row;
 
-// The root of another host's files.
+// The file tree of another host.
 class fake_root {
 public:
     void write(const std::string& path, const std::string& text) {
@@ -26,14 +26,14 @@ public:
     }
     void remove(const std::string& path) { fs::remove(this->path(path)); }
     std::string path(const std::string& path) const { return m_folder.path() + path; }
-    // A relative link, as the kernel makes them.
+    // Makes a relative link, as the kernel does.
     void lead(const std::string& from, const std::string& to) {
         const fs::path link = m_folder.path() + from;
         fs::create_directories(link.parent_path());
         fs::create_directories(m_folder.path() + to);
         fs::create_symlink(fs::relative(m_folder.path() + to, fs::canonical(link.parent_path())), link);
     }
-    // A device in /sys/devices, known to its bus.
+    // Makes a device in /sys/devices that its bus lists.
     void device(const std::string& folder, const std::string& bus, const std::string& driver = "") {
         lead("/sys/bus/" + bus + "/devices/" + folder.substr(folder.rfind('/') + 1), folder);
         lead(folder + "/subsystem", "/sys/bus/" + bus);
@@ -118,7 +118,7 @@ TEST(net_device, a_pci_card_that_is_in_no_list) {
     EXPECT_EQ(root.describe(link).description, "Intel Corporation device 0001, driver e1000e, PCI 0000:00:1f.6");
 }
 
-// Pipes and more in the place of files: nobody waits for what may never come.
+// Pipes and other kinds in place of files: the reader must not wait for them.
 TEST(net_device, files_that_are_none) {
     for (const char* const kind : qor::test::strange_kinds)
         for (const char* const file : {"/run/udev/data/+pci:0000:00:1f.6", "/usr/share/misc/pci.ids",
@@ -191,7 +191,7 @@ TEST(net_device, an_old_kernel_tells_the_device_by_name_alone) {
     link.hardware_address = {0x02, 0xfc, 0, 0, 0, 1};
     const std::string known = "Intel Corporation Ethernet Connection (7) I219-LM, driver e1000e, PCI 0000:00:1f.6";
     EXPECT_EQ(root.describe(link).description, known);
-    // The files are those of another network namespace, which has an interface of the same name.
+    // The files belong to another network namespace, which has an interface of the same name.
     link.index = 3;
     EXPECT_EQ(root.describe(link).description, "Ethernet");
     link.index = 2;
@@ -261,7 +261,7 @@ TEST(net_naming, kinds) {
     EXPECT_EQ(kind(link), "TAP (t)");
     link.tun_type = IFF_TUN;
     EXPECT_EQ(kind(link), "TUN (t)");
-    // Old kernels do not say which.
+    // Old kernels do not tell the kind.
     link.tun_type.reset();
     EXPECT_EQ(kind(link), "TAP (t)");
     link.type = ARPHRD_NONE;
@@ -287,7 +287,7 @@ TEST(net_interfaces, addresses_are_grouped_by_number) {
     EXPECT_EQ(interfaces[1].ipv4[0].address, (qoraddr_ipv4{{10, 0, 0, 5}}));
     EXPECT_EQ(interfaces[1].ipv4[0].prefix, 24);
     EXPECT_EQ(interfaces[1].ipv4[1].address, (qoraddr_ipv4{{10, 0, 0, 6}}));
-    // Only an address of the link needs its scope.
+    // Only a link-local address needs its scope.
     ASSERT_EQ(interfaces[2].ipv6.size(), 4u);
     EXPECT_EQ(interfaces[2].ipv6[0].scope, 7u);
     EXPECT_EQ(interfaces[2].ipv6[1].scope, 0u);

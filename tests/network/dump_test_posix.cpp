@@ -1,4 +1,4 @@
-// Dumps that are written here by hand: what no host of ours has, and what goes wrong.
+// Hand-written dumps: contents that no host of ours has, and faults.
 #include "message_maker.h"
 #include "rtnetlink_posix.h"
 
@@ -176,7 +176,7 @@ TEST(netlink_dump, routes_that_are_no_default_gateway) {
     header = default_route();
     header.rtm_family = AF_INET6;
     expect_none(header);
-    // A gateway with an IPv6 address alone, and a route without any.
+    // A gateway with only an IPv6 address, and a route without a gateway.
     EXPECT_TRUE(
         read(message(RTM_NEWROUTE, default_route(), {attribute(RTA_VIA, bytes(18, 1)), attribute(RTA_OIF, raw(5))}))
             .gateways.empty());
@@ -259,7 +259,7 @@ TEST(netlink_dump, what_is_cut_off_makes_no_sense) {
     }
 }
 
-// ---- the talk with a kernel
+// ---- the exchange with a kernel
 
 namespace {
 
@@ -268,7 +268,7 @@ struct reply {
     bytes datagram{};
 };
 
-// Answers with what a test wrote down; one list for each conversation.
+// Answers with prepared messages; one list for each conversation.
 struct script {
     std::deque<std::vector<reply>> conversations;
     std::vector<std::size_t> buffers{};
@@ -299,7 +299,7 @@ public:
             return ETIMEDOUT;
         reply next = m_replies.front();
         m_replies.pop_front();
-        // What is recorded has sequence 1; the answer carries that of the question.
+        // Recorded messages have sequence 1; the answer must have that of the request.
         for (std::size_t at = 0; at + sizeof(nlmsghdr) <= next.datagram.size();) {
             nlmsghdr header;
             std::memcpy(&header, next.datagram.data() + at, sizeof header);
@@ -322,7 +322,7 @@ bool talk(script& with, dump_tables& out) {
     return network::read_dumps([&with] { return std::make_unique<scripted>(with); }, out);
 }
 
-// What a quiet host answers: one link, one address, no route.
+// The answers of a quiet host: one link, one address, no route.
 std::vector<reply> quiet_host() {
     return {{0, link(1, "lo")},
             {0, done()},
@@ -418,7 +418,7 @@ TEST(netlink_talk, a_host_without_routes_or_next_hops_has_none) {
             {then(start, {{0, join({message(RTM_NEWROUTE, default_route(), {attribute(RTA_NH_ID, raw(9))}), done()})},
                           {0, refusal(code)}})}};
         EXPECT_TRUE(talk(without_hops, tables));
-        // Links and addresses there must be.
+        // Links and addresses are required.
         script without_links{{{{0, refusal(code)}}}};
         EXPECT_FALSE(talk(without_links, tables));
     }

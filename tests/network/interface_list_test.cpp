@@ -1,4 +1,4 @@
-// The objects that hand out what is known of the interfaces.
+// The objects that provide the data of the interfaces.
 #include "interface_list.h"
 
 #include <gtest/gtest.h>

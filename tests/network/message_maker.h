@@ -1,4 +1,4 @@
-// Messages of rtnetlink, written byte by byte.
+// Builds rtnetlink messages byte by byte.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -51,7 +51,7 @@ bytes message(int type, const HEADER& header, std::initializer_list<bytes> attri
 inline bytes done(int status = 0, int flags = NLM_F_MULTI) { return message(NLMSG_DONE, status, {}, flags); }
 inline bytes refusal(int code) { return message(NLMSG_ERROR, nlmsgerr{-code, {}}, {}, 0); }
 
-// Whoever changes a header in place.
+// Copies the header, for tests that change it in place.
 inline nlmsghdr header_of(const bytes& from) {
     nlmsghdr header;
     std::memcpy(&header, from.data(), sizeof header);

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""`qortool netlist` in network namespaces of its own, beside what `ip` says of them.
+"""Compares `qortool netlist` with `ip` in network namespaces of its own.
 
     namespaces_test.py --tool QORTOOL SCENE
     namespaces_test.py --list
 
-Each scene makes the interfaces that it needs. The exit code is 77 where this system does not let it.
+Each scene makes the interfaces that it needs. The exit code is 77 if this system does not allow it.
 """
 
 import argparse
@@ -19,18 +19,18 @@ import threading
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool  # noqa: E402  # beside this folder
+from tool import Tool  # noqa: E402  # in tests/support
 
 SKIPPED = 77
 TIMEOUT = 120
 INSIDE = "QOR_TEST_INSIDE"
 
-# What the kernel keeps as the address of these is an IP address.
+# For these kinds, the kernel stores an IP address as the hardware address.
 TUNNELS = {"ipip", "tunnel6", "sit", "gre", "gre6"}
 
 
 class Impossible(Exception):
-    """This system does not let the scene be made."""
+    """This system does not allow the scene to be made."""
 
 
 def run(*words, **more):
@@ -52,7 +52,7 @@ def batch(lines):
     ip("-batch -", input="\n".join(lines) + "\n")
 
 
-# ---- what qortool says, and what it should say according to ip
+# ---- the output of qortool, and the expected one according to ip
 
 LABELS = {"Name": "name", "Description": "description", "Display name": "display", "Hardware address": "hardware",
           "IPv4 address": "ipv4", "Default gateway": "gateway", "IPv6 address": "ipv6"}
@@ -77,7 +77,7 @@ def listed(tool):
 
 
 def gateways():
-    """{interface: the gateway of lowest metric}"""
+    """Returns {interface: the gateway of lowest metric}."""
     best = {}
     routes = ip_json("-4 -N route show default table main")
     for route in sorted(routes, key=lambda each: each.get("metric", 0)):
@@ -108,7 +108,7 @@ def expected():
 
 
 def check(tool):
-    """Compares all; returns {name: facts}."""
+    """Compares all interfaces; returns {name: facts}."""
     got, wanted = listed(tool), list(expected())
     assert [each["name"] for each in got] == [each["name"] for each in wanted], (got, wanted)
     for have, want in zip(got, wanted):
@@ -119,7 +119,7 @@ def check(tool):
     return {each["name"]: each for each in got}
 
 
-# ---- the scenes. d0 and the like are bridges: those every kernel has that has namespaces at all, unlike "dummy".
+# ---- the scenes. d0, d1 and so on are bridges: unlike "dummy", every kernel with namespaces has them.
 
 def empty(tool):
     assert list(check(tool)) == ["lo"]
@@ -153,7 +153,7 @@ def labels(tool):
 
 
 def peers(tool):
-    """To a peer, the address is ours."""
+    """For an address with a peer, our own address is shown."""
     batch(["link add d0 type bridge", "link set d0 up", "addr add 10.1.0.1 peer 10.1.0.2/32 dev d0",
            "addr add 10.2.0.1 peer 10.9.0.0/16 dev d0", "addr add 2001:db8::1 peer 2001:db8::2/128 dev d0"])
     blocks = check(tool)
@@ -205,7 +205,7 @@ def default_routes(tool):
 
 
 def check_without_tos(tool):
-    """ip shows routes for marked traffic as well, which are nobody's default."""
+    """ip also shows routes for marked traffic, which are not the default of any interface."""
     blocks = {each["name"]: each for each in listed(tool)}
     ip("route del default tos 0x10")
     assert blocks == check(tool)
@@ -237,7 +237,7 @@ def next_hop_objects(tool):
 
 
 def gateway_by_ipv6(tool):
-    """A default route whose gateway has an IPv6 address shows none."""
+    """A default route whose gateway has an IPv6 address shows no gateway."""
     batch(["link add d0 type bridge", "link set d0 up", "addr add 10.0.0.2/24 dev d0",
            "route add default via inet6 fe80::1 dev d0"])
     blocks = {each["name"]: each for each in listed(tool)}
@@ -245,7 +245,7 @@ def gateway_by_ipv6(tool):
 
 
 def a_long_message(tool):
-    """An interface of which the kernel has more to say than fits in 32 KiB."""
+    """An interface with more than 32 KiB of kernel data."""
     ip("link add d0 type bridge")
     batch([f"link property add dev d0 altname {i:03}{'n' * 120}" for i in range(300)])
     block = check(tool)["d0"]
@@ -259,7 +259,7 @@ def ten_thousand_addresses(tool):
 
 
 def changes(tool):
-    """While interfaces come and go, those that stay are listed with all that they have."""
+    """While other interfaces come and go, permanent ones are listed completely."""
     ip("link add d0 type bridge")
     batch([f"addr add 10.0.{i // 250}.{i % 250}/32 dev d0" for i in range(1000)])
     wanted = check(tool)["d0"]
@@ -282,7 +282,7 @@ def changes(tool):
 
 
 def without_libmnl(tool):
-    """A host that does not have the library misses this action alone."""
+    """Without the library, a host lacks only this action."""
     with tempfile.TemporaryDirectory() as folder:
         (Path(folder) / "libmnl.so.0").write_bytes(b"")
         environment = {**tool.environment(), "LD_LIBRARY_PATH": folder}

@@ -1,4 +1,4 @@
-// The file of accounts: what is read, what is refused and how it is said, and how it changes.
+// The file of accounts: accepted contents, refused contents with their messages, and changes.
 #include "login/accounts.h"
 #include "login/private_file.h"
 #include "plain_scram.h"
@@ -220,7 +220,7 @@ TEST_F(debug_users, a_damaged_file_stays_as_it_is) {
     EXPECT_EQ(qor::test::read_file(m_path + ".key"), "no key\n");
 }
 
-// Nobody's change is lost, and who reads sees whole files only.
+// No change is lost, and readers see complete files only.
 TEST_F(debug_users, many_at_once) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
@@ -233,7 +233,7 @@ TEST_F(debug_users, many_at_once) {
         each.join();
     EXPECT_EQ(names().size(), 8u);
     const std::filesystem::path folder = std::filesystem::path(m_path).parent_path();
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 2); // nothing is left behind
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 2); // no other file remains
 }
 
 TEST_F(debug_users, a_listener_makes_the_key_where_there_is_none) {

@@ -1,4 +1,4 @@
-// Whose the files of debug control are, in the words of POSIX.
+// Ownership and rights of the files of debug control under POSIX.
 #include "login/accounts.h"
 #include "login/private_file.h"
 #include "plain_scram.h"
@@ -62,8 +62,8 @@ TEST_F(private_files, are_files) {
     qorStringArray names;
     EXPECT_FALSE(qorGetDebugUsers(m_folder.path().c_str(), names));
     EXPECT_FALSE(qorGetDebugUsers("/dev/null", names));
-    // Nobody waits for the other end of a pipe, be it in the place of accounts, of the key beside them or of known
-    // hosts.
+    // Opening does not wait for the other end of a pipe in place of the accounts, of the key beside them, or of the
+    // known hosts.
     const std::string path = m_folder / "strange";
     std::string text;
     std::string reason;
@@ -95,7 +95,7 @@ TEST_F(private_files, are_private_whatever_the_mask) {
     EXPECT_EQ(mode_of(m_folder / "new"), 0700u);
 }
 
-// A file that cannot be written leaves the old one, and nothing beside it.
+// If a file cannot be written, the old one stays and no other remains beside it.
 TEST_F(private_files, whole_or_not_at_all) {
     std::string reason;
     ASSERT_EQ(chmod(m_path.c_str(), 0600), 0);
@@ -111,9 +111,9 @@ TEST_F(private_files, whole_or_not_at_all) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder.path()), {}), 3);
 }
 
-// ---- killed on the way
+// ---- killed during a change
 
-// Takes the place of the C library's: the system call after which a child of a test is gone.
+// Replaces the C library's functions: the system call after which a child of a test dies.
 enum class step { none, sync, rename };
 step deadly = step::none;
 
@@ -156,8 +156,8 @@ protected:
     }
 };
 
-// Where the file system has files without a name, nothing with hashes in it stays behind. In the moment between the
-// last two steps it has one, and who dies then leaves it to the next change to take away.
+// On file systems with unnamed files, no file with hashes remains. Only between the last two steps the file has a name;
+// if the process dies then, the next change removes it.
 TEST_F(killed, leaves_nothing_behind) {
     const std::string before = qor::test::read_file(m_path);
     write_and_die(step::sync);

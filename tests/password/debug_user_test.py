@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Whole runs of qor-debug-user: through pipes, and in a terminal.
+"""Whole runs of qor-debug-user, through pipes and on a terminal.
 
 usage: debug_user_test.py --tool PATH [--runner PROGRAM]
 """
@@ -19,14 +19,14 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from tool import Tool, add_options  # noqa: E402  # in tests/support
 
 ACCOUNT = re.compile(rb"([^:]+):SCRAM-SHA-256\$(\d+):([^$]+)\$([^:]+):(.+)")
 tool = None
 
 
 def is_password(line, password):
-    """Whether this line of the file holds it, by the book and not by our code."""
+    """Returns whether this line of the file contains the password, computed by the standard without our code."""
     _, iterations, salt, stored, _ = ACCOUNT.fullmatch(line).groups()
     salted = hashlib.pbkdf2_hmac("sha256", password, base64.b64decode(salt), int(iterations))
     key = hmac.digest(salted, b"Client Key", "sha256")
@@ -217,7 +217,7 @@ class DebugUser(unittest.TestCase):
         lock.symlink_to("elsewhere")
         self.assertEqual(self.run_tool("remove", "ada")[0], 1)
         lock.unlink()
-        # One that a crash has left is nobody's any more.
+        # A lock file that a crash has left is not locked any more.
         lock.touch(0o600)
         self.assertEqual(self.run_tool("remove", "ada")[0], 0)
         self.assertEqual(sorted(path.name for path in self.folder.iterdir()), ["users", "users.key"])
@@ -317,7 +317,7 @@ class DebugUser(unittest.TestCase):
                                   env=tool.environment())
         self.assertEqual((done.returncode, done.stderr), (1, b"The results could not be written: No space left on device.\n"))
 
-    # Types lines when they are asked for; what the terminal showed, and the exit code.
+    # Types lines at the prompts; returns the terminal's contents and the exit code.
     def type_in(self, *answers, words=("add", "ada")):
         import pty
         import termios
@@ -335,7 +335,7 @@ class DebugUser(unittest.TestCase):
             while piece := os.read(terminal, 4096):
                 shown += piece
         except OSError:
-            pass  # how Linux says that the other end is closed
+            pass  # Linux reports so that the other end is closed
         code = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
         os.close(terminal)
         return code, shown.replace(b"\r\n", b"\n").decode()

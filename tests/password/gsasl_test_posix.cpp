@@ -1,5 +1,5 @@
-// GNU SASL, which we did not write, on the other side of a login. It normalises names and passwords, which changes
-// nothing in ASCII.
+// Logins with GNU SASL, an independent implementation, on the other side. It normalises names and passwords, which
+// changes nothing in ASCII.
 #include "login/accounts.h"
 #include "login/private_file.h"
 #include "login/scram_client.h"
@@ -46,7 +46,7 @@ public:
         gsasl_done(m_context);
     }
 
-    // GSASL_OK at the end of a login that succeeded, GSASL_NEEDS_MORE before.
+    // Returns GSASL_OK at the end of a successful login, GSASL_NEEDS_MORE before.
     int step(const std::string& in, std::string& out) {
         char* bytes = nullptr;
         std::size_t size = 0;
@@ -87,7 +87,7 @@ protected:
         ASSERT_TRUE(m_accounts.open_key(m_key));
     }
 
-    // Whether GNU SASL's client gets in.
+    // Returns whether GNU SASL's client is accepted.
     bool client_gets_in(const std::string& name, const std::string& password, const std::array<uint8, 32>& of_client,
                         const std::array<uint8, 32>& of_server) {
         gsasl_side client(
@@ -128,7 +128,7 @@ TEST_F(gsasl, its_client_and_our_server) {
     EXPECT_TRUE(client_gets_in("a=2C,b=3D", "comma", binding, binding));
 }
 
-// Without data for a binding it speaks of none, which our server does not take.
+// Without binding data it announces no channel binding, which our server does not accept.
 TEST_F(gsasl, its_client_without_a_binding) {
     open(plain_scram::account("ada", "secret"));
     gsasl_side client(gsasl_side::which::client, {{GSASL_AUTHID, "ada"}, {GSASL_PASSWORD, "secret"}}, "SCRAM-SHA-256");
@@ -139,7 +139,7 @@ TEST_F(gsasl, its_client_without_a_binding) {
     EXPECT_FALSE(server.first(message, answer)) << message;
 }
 
-// Our client, its server; with the password, and with nothing but the verifier.
+// Our client with its server, which knows either the password or only the verifier.
 TEST_F(gsasl, our_client_and_its_server) {
     std::mt19937 random(2);
     for (int i = 0; i < 20; ++i) {

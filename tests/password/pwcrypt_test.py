@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What pwcrypt prints, computed again by Python's hashlib and by OpenSSL's program.
+"""Recomputes the output of pwcrypt by Python's hashlib and by OpenSSL's program.
 
 usage: pwcrypt_test.py --tool PATH [--runner PROGRAM]
 """
@@ -17,7 +17,7 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from tool import Tool, add_options  # noqa: E402  # in tests/support
 
 FORM = re.compile(rb"Hash: SCRAM-SHA-256\$(\d+):([A-Za-z0-9+/=]+)\$([A-Za-z0-9+/=]+):([A-Za-z0-9+/=]+)\n")
 
@@ -82,7 +82,7 @@ class PwcryptTest(unittest.TestCase):
                     line = Path(f"/proc/{process.pid}/cmdline").read_bytes() or line
                 seen.add(b"hidden-word" in line)
                 self.assertEqual(process.returncode, 0)
-        # The last look, while it was computing.
+        # The last look came during the computation, when the argument had been overwritten.
         self.assertIn(False, seen)
 
 

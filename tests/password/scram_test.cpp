@@ -1,5 +1,5 @@
-// Both sides of a login, beside a plain client and a plain server (plain_scram.h) that do one step wrong where a test
-// wants it, and against each other.
+// Both sides of a login, tested against each other and against a plain client and server (plain_scram.h) that can get
+// one step wrong.
 #include "login/accounts.h"
 #include "login/private_file.h"
 #include "login/scram_client.h"
@@ -51,7 +51,7 @@ protected:
         return result;
     }
 
-    // What the real client thinks of a server's messages.
+    // Returns whether the real client accepts a server's messages.
     bool accepts(const std::string& first_answer_end, const std::string& first_answer_begin = "r=") {
         scram_client client("ada", "secret", binding);
         const std::string nonce = plain_scram::attributes(client.first())['r'];
@@ -94,7 +94,7 @@ TEST_F(scram, both_sides_of_ours) {
     }
 }
 
-// A relay has another connection to each side, and so another binding.
+// A relay has a different connection to each side, and so a different channel binding.
 TEST_F(scram, another_binding) {
     plain_scram::client relay = m_ada;
     relay.binding[31] ^= 1;
@@ -191,7 +191,7 @@ TEST_F(scram, nonce_and_proof_are_good_once) {
     EXPECT_EQ(server.final(last, out), verdict::accepted);
     EXPECT_EQ(server.final(last, out), verdict::malformed);
 
-    // What was right in one login is wrong in the next.
+    // A valid message of one login is invalid in the next.
     scram_server other(m_accounts, binding);
     std::string second;
     ASSERT_TRUE(other.first(m_ada.first(), second));
@@ -216,7 +216,7 @@ TEST_F(scram, every_changed_bit_of_the_last_message_is_refused) {
     EXPECT_EQ(prototype.final(last, out), verdict::accepted);
 }
 
-// Nobody can tell by the answers whether there is such a user.
+// The answers do not reveal whether a user exists.
 TEST_F(scram, unknown_users) {
     const auto first_of = [this](const std::string& name) {
         scram_server server(m_accounts, binding);
@@ -233,7 +233,7 @@ TEST_F(scram, unknown_users) {
     EXPECT_NE(first_of("nobody2")['s'], nobody['s']);
     EXPECT_NE(first_of("nobody")['r'], nobody['r']);
 
-    // Also after the listener was started anew, and not in another listener.
+    // The same after a restart of the listener, but not in another listener.
     accounts again;
     qor::crypto::key_pointer key;
     ASSERT_TRUE(again.open(m_path.c_str()) && again.open_key(key));
@@ -249,8 +249,8 @@ TEST_F(scram, unknown_users) {
     EXPECT_NE(plain_scram::attributes(answer)['s'], nobody['s']);
 }
 
-// The look of a name does not tell whether it has an account: each look is as frequent among names that have none. As
-// accounts come, few names change their look, and those that do change their salt.
+// The look of an answer does not reveal whether a name has an account: each look is as frequent among names without
+// one. When accounts are added, few names change their look, and those that do change their salt.
 TEST_F(scram, unknown_users_look_like_known_ones) {
     const auto account = [](const std::string& name, uint32 iterations, std::size_t salt_size) {
         qor::crypto::verifier made;
@@ -276,7 +276,8 @@ TEST_F(scram, unknown_users_look_like_known_ones) {
         for (answer each : all)
             ++seen[each['i'] + '/' + std::to_string(plain_scram::from_base64(each['s']).size())];
         EXPECT_EQ(seen.size(), shares.size());
-        // Beyond 6.5 deviations comes less than one run of ten thousand million.
+        // A difference of more than 6.5 standard deviations occurs by chance in less than one run in ten thousand
+        // million.
         for (const auto& [look, share] : shares)
             EXPECT_NEAR(seen[look], names * share, 6.5 * std::sqrt(names * share * (1 - share))) << look;
     };
@@ -332,7 +333,7 @@ TEST_F(scram, the_client_bounds_the_iterations) {
 
 TEST_F(scram, the_client_refuses_what_cannot_be) {
     EXPECT_TRUE(accepts("x,s=AAAA,i=4096,x=an extension"));
-    EXPECT_FALSE(accepts(",s=AAAA,i=4096")); // the server added nothing
+    EXPECT_FALSE(accepts(",s=AAAA,i=4096")); // the server added nothing to the nonce
     EXPECT_FALSE(accepts("x,s=AAAA,i=4096", "r=x"));
     EXPECT_FALSE(accepts("x,s=AAAA,i=4096", "m=1,r="));
     EXPECT_FALSE(accepts("x,s=AAAA,i=4096,m=1"));
@@ -343,7 +344,7 @@ TEST_F(scram, the_client_refuses_what_cannot_be) {
     EXPECT_FALSE(accepts("\x01,s=AAAA,i=4096"));
     scram_client client("ada", "secret", binding);
     std::string out;
-    EXPECT_FALSE(client.final("r=x,s=AAAA,i=4096", out)); // before it has begun
+    EXPECT_FALSE(client.final("r=x,s=AAAA,i=4096", out)); // before the login has begun
     client.first();
     EXPECT_FALSE(client.final("e=unknown-user", out));
     EXPECT_FALSE(client.final("", out));
@@ -365,10 +366,10 @@ TEST_F(scram, the_server_has_to_prove_itself) {
           plain_scram::server{"guess"}.final(first, last), proof.substr(2)})
         EXPECT_FALSE(client.verify(wrong)) << wrong;
     std::string again;
-    EXPECT_FALSE(client.final(real.first(first), again)); // the password is gone by now
+    EXPECT_FALSE(client.final(real.first(first), again)); // the password has been wiped by now
 }
 
-// Accounts come and go while a process listens.
+// Accounts change while a process listens.
 TEST_F(scram, the_file_counts_as_it_is_now) {
     write(plain_scram::account("eve", "new"));
     EXPECT_EQ(log_in(m_ada), verdict::refused);

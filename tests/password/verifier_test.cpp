@@ -1,4 +1,4 @@
-// Stored passwords, beside OpenSSL called directly (plain_scram.h) and vectors of the standards.
+// Stored passwords, compared with direct calls of OpenSSL (plain_scram.h) and with test vectors of the standards.
 #include "password/verifier.h"
 #include "plain_scram.h"
 #include "qor/qor.h"
@@ -120,13 +120,13 @@ TEST(password_hash, the_usual_form) {
     EXPECT_EQ(last_error(), qorError_credentials_refused);
 }
 
-// Salt and iterations of an earlier one are used again, however much of it there is.
+// A new hash takes salt and iterations from an earlier one, even if that is truncated after the salt.
 TEST(password_hash, any_beginning_with_a_salt_will_do) {
     const std::size_t shortest = pencil.find('$', 14);
     for (std::size_t size = 0; size <= pencil.size(); ++size) {
         qorString hash("old");
         const bool done = qorCreatePasswordHash("pencil", pencil.substr(0, size).c_str(), hash);
-        // Four digits less are a salt, too.
+        // A salt shorter by four digits is also valid.
         EXPECT_EQ(done, size >= shortest || (size > 19 && (shortest - size) % 4 == 0)) << size;
         if (size >= shortest) {
             EXPECT_EQ(hash.Text(), pencil) << size;
@@ -144,12 +144,12 @@ TEST(password_hash, any_beginning_with_a_salt_will_do) {
 }
 
 TEST(password_hash, bytes_as_they_are) {
-    // Composed and decomposed are two passwords.
+    // Composed and decomposed characters make two different passwords.
     qorString hash;
     ASSERT_TRUE(qorCreatePasswordHash("caf\xc3\xa9", pencil.c_str(), hash));
     EXPECT_TRUE(qorVerifyPassword("caf\xc3\xa9", hash));
     EXPECT_FALSE(qorVerifyPassword("cafe\xcc\x81", hash));
-    // No UTF-8 at all.
+    // Bytes that are not UTF-8.
     ASSERT_TRUE(qorCreatePasswordHash("\xff\xfe\x9f", pencil.c_str(), hash));
     EXPECT_TRUE(qorVerifyPassword("\xff\xfe\x9f", hash));
     ASSERT_TRUE(qorCreatePasswordHash("", pencil.c_str(), hash));
@@ -184,7 +184,7 @@ TEST(password_hash, arguments_that_cannot_be) {
     EXPECT_EQ(last_error(), qorError_bad_password_hash);
 }
 
-// A success leaves the last error as it was.
+// Success leaves the last error unchanged.
 TEST(password_hash, success_is_silent) {
     qorSetLastError(qorError_disk_full);
     qorString hash;
@@ -204,7 +204,7 @@ TEST(password_hash, made_up_passwords) {
         ASSERT_EQ(all.find(one.Text()), all.npos);
         all += one.Text();
     }
-    // Each of the 32 digits comes 125 times in the mean.
+    // On average each of the 32 digits occurs 125 times.
     for (const char c : std::string("23456789abcdefghijkmnpqrstuvwxyz"))
         EXPECT_GT(std::count(all.begin(), all.end(), c), 60) << c;
 }

@@ -20,7 +20,7 @@ struct result {
     words rest;
 };
 
-// All options that come off the front, and what stays.
+// Returns the options at the front, and the remaining words.
 result take_options(const words& command_line) {
     qorStringArray args;
     for (const std::string& word : command_line)

@@ -1,4 +1,4 @@
-// The options of the framework itself: each scene is a process of its own, for they are taken once.
+// The framework's own options. Each scene is a separate process, because options are taken only once.
 #include "qor/qor.h"
 #include "support/platform.h"
 #include "support/scenes.h"
@@ -17,8 +17,8 @@ using qor::test::scene;
 using qor::test::temp_folder;
 using qor::test::words;
 
-// Starts with the scene's arguments; prints the words that are left, the languages and the trace codes that came on,
-// or the error, and ends with 1.
+// Starts with the scene's arguments. Prints the remaining words, the languages and the enabled trace codes, or the
+// error and ends with 1.
 const scene start{"options_start", [](const words& arguments) {
                       qorStringArray args;
                       args.Append("program");
@@ -77,7 +77,7 @@ TEST_F(framework_options, are_taken_out_wherever_they_stand) {
               "[a][--b][c] fr en");
 }
 
-// A word that is taken out moves no other one.
+// Removing an option must not move all later words, which would take quadratic time.
 TEST_F(framework_options, as_many_as_there_may_be_are_taken_out) {
     constexpr uint32 count = 200'000;
     qorStringArray args;
@@ -147,7 +147,7 @@ TEST_F(framework_options, the_allocation_log_goes_to_a_file) {
     const std::string log = read_file(m_path);
     EXPECT_NE(log.find(" 1 0 here 1\n"), std::string::npos) << log;
     printed({"--qor-memcheck=" + m_path});
-    // A new log takes the place of the old one.
+    // A new log replaces the old one.
     const std::string second = read_file(m_path);
     EXPECT_EQ(second.find("# ", 1), std::string::npos) << second;
 }

@@ -1,4 +1,4 @@
-// A program that runs with the rights of another user: the options of the framework, and the zone.
+// A program that runs with another user's rights: the options of the framework, and the time zone.
 #include "support/scenes.h"
 #include "support/temp_folder.h"
 #include "time/zone_name.h"
@@ -20,7 +20,7 @@ using qor::test::words;
 
 const scene at_secure{"options_at_secure", [](const words&) { return getauxval(AT_SECURE) != 0 ? 0 : 1; }};
 
-// One digit for each word: whether it names a zone.
+// Prints one digit for each word: whether it names a zone.
 const scene zones{"options_zones", [](const words& names) {
                       for (const std::string& each : names)
                           std::printf("%d", qor::time::is_zone(each.c_str()) ? 1 : 0);
@@ -43,7 +43,7 @@ protected:
             GTEST_SKIP() << "the file system of " << m_program << " leaves set-user-id bits alone";
     }
 
-    // A process that cannot be traced cannot look for leaks either.
+    // A process that cannot be traced cannot search for leaks either.
     ending run(const char* scene_name, const words& arguments, words environment = {}) const {
         words command{m_program, "--scene", scene_name};
         command.insert(command.end(), arguments.begin(), arguments.end());
@@ -51,7 +51,7 @@ protected:
         return qor::test::run(command, environment);
     }
 
-    // Nothing but the program came to be there.
+    // Expects that the folder contains only the program.
     void expect_nothing_done(const ending& ended) const {
         EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
         EXPECT_EQ(ended.out, "[word] en");
@@ -87,7 +87,7 @@ TEST_F(privileged_options, that_there_are_not_are_errors_still) {
     EXPECT_TRUE(ended.out.starts_with("20 ")) << ended.out;
 }
 
-// Their user must not have them open what he cannot open himself.
+// A privileged program must not open files for its user that he may not open himself.
 TEST_F(privileged_zones, are_those_of_the_database) {
     const std::string database = "/usr/share/zoneinfo/";
     const std::string copy = m_folder / "zone";

@@ -58,7 +58,7 @@ TEST(versions, compare_by_numbers) {
     }
 }
 
-// ---------------------------------------------------------------- clean-up
+// ---------------------------------------------------------------- cleanup
 
 namespace {
 
@@ -84,7 +84,7 @@ const scene cleanup{"process_cleanup", [](const words&) {
                         EXPECT_EQ(s_calls, "ccbda0");
                         qorCleanup();
                         EXPECT_EQ(s_calls, "ccbda0");
-                        // Memory and strings can be used on.
+                        // Memory and strings can still be used.
                         qorString text("still");
                         text.Append(" there");
                         EXPECT_STREQ(text, "still there");

@@ -1,4 +1,4 @@
-// Closed standard streams: what a process opens next would take their place. Which thread a process ends with.
+// Closed standard streams, whose numbers the next opened files would get; and the thread on which a process ends.
 #include "platform/own_process.h"
 #include "qor/qor.h"
 #include "support/scenes.h"
@@ -15,7 +15,7 @@
 
 namespace {
 
-// The first argument names the streams that the caller closed, the second is a file for the trace.
+// The first argument lists the streams that the caller closed, the second is a file for the trace.
 const qor::test::scene closed_streams{
     "process_closed_streams", [](const qor::test::words& arguments) {
         qorStringArray args;
@@ -29,7 +29,7 @@ const qor::test::scene closed_streams{
             EXPECT_NE(fcntl(stream, F_GETFD), -1) << stream;
             if (arguments[0].find(static_cast<char>('0' + stream)) == std::string::npos)
                 continue;
-            // It is there but cannot be used, as its caller wanted it.
+            // The descriptor is open but unusable, as its caller wanted.
             char byte = 'x';
             if (stream == 0)
                 EXPECT_EQ(read(stream, &byte, 1), -1);
@@ -62,7 +62,7 @@ TEST(process, closed_standard_streams_stay_useless_and_taken) {
     }
 }
 
-// A process that is forked has the forking thread alone.
+// A forked process has only the forking thread.
 TEST(main_thread, is_the_one_that_was_forked) {
     std::thread([] {
         const pid_t child = fork();

@@ -1,4 +1,4 @@
-// Signals and what they do to a process as a whole: each scene is one of its own.
+// Signals and their effect on a whole process: each scene is a separate process.
 #include "qor/qor.h"
 #include "support/scenes.h"
 
@@ -23,7 +23,7 @@ using qor::test::words;
 
 constexpr int numbers[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
-// Notes what it gets, in ways that only an ordinary thread may use.
+// Records its calls, in ways that only an ordinary thread may use.
 class recorder : public IQORSignalHandler {
 public:
     explicit recorder(std::function<void(qorSignal)> act = {}) : m_act(std::move(act)) {}
@@ -43,7 +43,7 @@ public:
         m_changed.notify_all();
     }
 
-    // False: they did not come in time.
+    // Returns false if the signals did not come in time.
     bool wait_for(std::size_t count) {
         std::unique_lock hold(m_lock);
         return m_changed.wait_for(hold, std::chrono::seconds(20), [&] { return m_signals.size() >= count; });
@@ -72,11 +72,11 @@ void (*disposition(int number))(int) {
     return now.sa_handler;
 }
 
-// How the child, which runs `act`, ends: the exit code, or 128 and the signal.
+// Runs `act` in a child and returns its exit code, or 128 plus the signal that ended it.
 int in_child(const std::function<int()>& act) {
     const pid_t child = fork();
     if (child == 0) {
-        alarm(20); // a child that hangs ends as one killed by SIGALRM
+        alarm(20); // SIGALRM ends a child that hangs
         _exit(act());
     }
     int status = 0;
@@ -95,8 +95,8 @@ void expect_success(const scene& which, const words& arguments = {}) {
 
 namespace {
 
-// The thread that the system interrupts holds the lock that the handler needs. A handler that ran inside the
-// interruption would wait for ever.
+// The interrupted thread holds the lock that the handler needs. A handler that ran inside the interruption would wait
+// forever.
 int act_not_inside_the_interruption(const words&) {
     std::mutex lock;
     recorder handler([&lock](qorSignal) { const std::lock_guard hold(lock); });
@@ -113,7 +113,7 @@ int act_not_inside_the_interruption(const words&) {
 }
 const scene not_inside_the_interruption{"signals_not_inside", act_not_inside_the_interruption};
 
-// raise() returns after the system has delivered, so none of these can merge with another.
+// raise() returns after the signal has been delivered, so no two of them are merged.
 int act_bursts(const words&) {
     recorder handler([](qorSignal) { pause_for(1); });
     EXPECT_TRUE(qorSetSignalHandler(&handler));
@@ -165,7 +165,7 @@ TEST(signals_of_a_process, do_not_disturb_system_calls) { expect_success(system_
 
 namespace {
 
-// Its last reference is given back slowly; a handler that is still touched afterwards would show.
+// Releases its last reference slowly, so that a later access to the handler would be detected.
 class slow_release : public recorder {
 public:
     using recorder::recorder;
@@ -190,12 +190,12 @@ int act_removal_is_the_end(const words&) {
 }
 const scene removal_is_the_end{"signals_removal_is_the_end", act_removal_is_the_end};
 
-// Between two handlers a signal must not find the process without one.
+// While one handler replaces another, a signal must always find a handler.
 int act_storm(const words&) {
     recorder always;
     EXPECT_TRUE(qorSetSignalHandler(&always));
-    // The signals of a round are limited. Each round waits for the delivery of all that were raised before it, so a
-    // sender that is faster than the delivery would make every round longer than the last.
+    // The number of signals in a round is limited. Each round waits until all earlier signals have been delivered. With
+    // a sender that is faster than the delivery, every round would otherwise take longer than the one before.
     constexpr int rounds = 300;
     constexpr int signals_per_round = 200;
     std::atomic<int> round{0};
@@ -269,7 +269,7 @@ int act_takes_itself_away(const words& arguments) {
     recorder handler([&](qorSignal) {
         while (!all_raised)
             pause_for(1);
-        // At the first signal alone: the last ones come when the handler that took its place has gone, too.
+        // Only at the first signal: the last ones may come when the replacing handler has gone too.
         if (!has_left.exchange(true)) {
             EXPECT_TRUE(qorSetSignalHandler(arguments[0] == "replaced" ? &next : nullptr));
         }
@@ -289,7 +289,7 @@ const scene takes_itself_away{"signals_takes_itself_away", act_takes_itself_away
 
 std::atomic<unsigned> of_the_host{0};
 
-// Handlers come and go while signals are raised one by one: each goes to one of them or to the host.
+// Handlers come and go while signals are raised one by one. Each signal goes to one of them or to the host.
 int act_add_up(const words&) {
     std::signal(SIGTERM, [](int) { ++of_the_host; });
     constexpr unsigned all = 20000;
@@ -310,7 +310,7 @@ int act_add_up(const words&) {
     for (int rest = 1000; told + of_the_host < all && rest != 0; --rest)
         pause_for(10);
 #if defined(__SANITIZE_THREAD__)
-    // It holds back signals of the whole process, and merges them.
+    // The sanitizer delays signals of the whole process, and so merges them.
     EXPECT_LE(told + of_the_host, all);
 #else
     EXPECT_EQ(told + of_the_host, all);
@@ -319,7 +319,7 @@ int act_add_up(const words&) {
 }
 const scene add_up{"signals_add_up", act_add_up};
 
-// A host that kept what it had found puts our handling back, with no handler behind it.
+// A host that saved the handling which it found restores ours when no handler is set.
 int act_put_back(const words&) {
     recorder handler;
     struct sigaction found {};
@@ -352,7 +352,7 @@ TEST(signals_of_a_process, without_a_handler_do_what_they_did_before) { EXPECT_E
 TEST(signals_of_a_process, after_removal_nobody_touches_the_handler) { expect_success(removal_is_the_end); }
 TEST(signals_of_a_process, handlers_are_replaced_in_a_storm) { expect_success(storm); }
 
-// ---------------------------------------------------------------- what the process had before
+// ---------------------------------------------------------------- the earlier handling of the process
 
 namespace {
 
@@ -395,8 +395,8 @@ namespace {
 int act_child_with_a_handler(const words& arguments) {
     recorder of_the_parent;
     EXPECT_TRUE(qorSetSignalHandler(&of_the_parent));
-    // A thread that still starts may hold a lock of the address sanitizer's allocator, which the child
-    // inherits.
+    // A thread that is still starting may hold a lock of the address sanitizer's allocator, which the child would
+    // inherit.
     raise(SIGTERM);
     EXPECT_TRUE(of_the_parent.wait_for(1));
     pause_for(20);
@@ -468,7 +468,7 @@ const scene forked_inside{"signals_forked_inside", act_forked_inside};
 
 } // namespace
 
-// The thread sanitizer does not let a child of a process with threads start a thread.
+// The thread sanitizer does not let a child of a multi-threaded process start a thread.
 #if !defined(__SANITIZE_THREAD__)
 TEST(signals_of_a_process, a_child_may_set_a_handler_of_its_own) {
     expect_success(child_with_a_handler, {"kept"});

@@ -1,4 +1,4 @@
-// What the tests of signals share: a handler that notes what it gets.
+// Shared code of the signal tests: a handler that records its calls.
 #pragma once
 
 #include "qor/qor.h"
@@ -12,7 +12,7 @@
 
 namespace qor::test {
 
-// With a lock and with memory, which an asynchronous handler could not use.
+// Uses a lock and memory, which an asynchronous handler could not do.
 class signal_recorder final : public IQORSignalHandler {
 public:
     void AddRef() noexcept override { ++references; }
@@ -33,7 +33,7 @@ public:
         ++finished;
     }
 
-    // How it notes this one.
+    // The recorded form of a signal.
     static std::string text(qorSignal signal) { return "signal " + std::to_string(static_cast<unsigned>(signal)); }
 
     qorStringArray take() {

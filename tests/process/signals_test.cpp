@@ -1,4 +1,4 @@
-// The handler of signals and its life, the same on every system. On Windows a signal needs a console: see
+// The signal handler and its lifetime, the same on every system. On Windows, signals need a console: see
 // in_terminal.py.
 #include "signals_support.h"
 #include "support/platform.h"
@@ -28,7 +28,7 @@ TEST(signals, a_handler_may_remove_itself) {
     ASSERT_TRUE(qorSetSignalHandler(&handler));
     interrupt_process();
     handler.entered.Wait();
-    qorSetSignalHandler(nullptr); // waits until the call is over
+    qorSetSignalHandler(nullptr); // waits until the call has returned
     EXPECT_EQ(handler.finished, 1);
     EXPECT_TRUE(comes_true([&handler] { return handler.references == 0; })) << handler.references;
 }

@@ -1,4 +1,4 @@
-// The signals of POSIX. Each test has a process of its own.
+// POSIX signals. Each test has a process of its own.
 #include "signals_support.h"
 
 #include <csignal>
@@ -39,7 +39,7 @@ TEST(signals, each_is_delivered_on_an_ordinary_thread) {
     EXPECT_TRUE(qorSetSignalHandler(nullptr));
 }
 
-// The host's threads know nothing of us and have every signal open.
+// The host's threads do not know about us and block no signal.
 TEST(signals, arrive_in_a_host_that_has_threads_already) {
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
@@ -64,7 +64,7 @@ TEST(signals, arrive_in_a_host_that_has_threads_already) {
     EXPECT_EQ(handler.finished, 50);
 }
 
-// The kernel merges signals of one kind while it holds them back; what it hands over is not lost.
+// The kernel merges pending signals of one kind; all that it delivers reach the handler.
 TEST(signals, those_that_come_during_a_call_come_after_it) {
     recorder handler;
     handler.hold_up = true;
@@ -86,7 +86,7 @@ TEST(signals, where_a_handler_removed_itself_the_system_has_them) {
     ASSERT_TRUE(qorSetSignalHandler(&handler));
     std::raise(SIGINT);
     handler.entered.Wait();
-    qorSetSignalHandler(nullptr); // waits until the call is over
+    qorSetSignalHandler(nullptr); // waits until the call has returned
     EXPECT_EQ(handling_of(SIGINT), SIG_DFL);
 }
 
@@ -119,13 +119,13 @@ TEST(signals, a_forked_child_has_the_systems_own_handling) {
     const pid_t child = fork();
     if (child == 0) {
         std::raise(SIGTERM);
-        _exit(0); // it was caught by somebody
+        _exit(0); // somebody caught it
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
     EXPECT_EQ(handler.finished, 0);
-    std::raise(SIGTERM); // the parent still has it
+    std::raise(SIGTERM); // the parent still has its handler
     handler.entered.Wait();
     qorSetSignalHandler(nullptr);
     EXPECT_EQ(handler.finished, 1);

@@ -64,7 +64,7 @@ TEST(signals, are_given_back_to_whoever_had_them_before) {
     SetConsoleCtrlHandler(note, FALSE);
 }
 
-// Each goes to one handler of the framework or to the host, whenever the handlers change.
+// Each event goes to one handler of the framework or to the host, whenever handlers change.
 TEST(signals, add_up_when_the_handler_is_taken_away_at_once) {
     ASSERT_NE(SetConsoleCtrlHandler(note, TRUE), 0);
     of_the_host = 0;

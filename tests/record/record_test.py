@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Records programs with scripts/record and looks at what qortool finds in the logs.
+"""Records programs with scripts/record and checks what qortool finds in the logs.
 
     record_test.py --bin FOLDER --record SCRIPT --source FOLDER [--instrumented]
 
-FOLDER holds qortool, the example `leaky` and `troubles`; the other is that of the tree. --instrumented: they are built
-with a sanitizer, and cannot be recorded.
+The first FOLDER holds qortool, the example `leaky` and `troubles`; the second is the source tree. --instrumented: the
+programs are built with a sanitizer and cannot be recorded.
 """
 
 import argparse
@@ -25,7 +25,7 @@ LEAK = re.compile(r"LEAK at 0x[0-9a-f]+ size (\d+) type (\d+) caller \[(.*)\] ty
 
 
 def line_of(text):
-    """The number of the one line of the example that holds `text`."""
+    """Returns the number of the only line of the example that contains `text`."""
     source = (options.source / "examples/leaky/leaky.cpp").read_text().splitlines()
     numbers = [number for number, line in enumerate(source, 1) if text in line]
     assert len(numbers) == 1, (text, numbers)
@@ -33,7 +33,7 @@ def line_of(text):
 
 
 def lines_of_size(lines, size):
-    """The codes of the lines of a log that have this size."""
+    """Returns the codes of the log lines with this size."""
     return [line.split()[2] for line in lines if line.endswith(f" {size:#x}")]
 
 
@@ -43,7 +43,7 @@ class Recorded(unittest.TestCase):
         self.environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", "XDG_CACHE_HOME": str(self.folder / "cache")}
 
     def enterContext(self, manager):
-        """As in Python 3.11."""
+        """Same as enterContext() of Python 3.11."""
         result = manager.__enter__()
         self.addCleanup(manager.__exit__, None, None, None)
         return result
@@ -60,7 +60,7 @@ class Recorded(unittest.TestCase):
         self.assertEqual(list(self.folder.glob("log*")), [])
 
     def trouble(self, name, code=0):
-        """Records it; the lines of its log."""
+        """Records one kind of trouble and returns the lines of its log."""
         done = self.record(options.bin / "troubles", name)
         self.assertEqual(done.returncode, code, done.stderr)
         self.messages = done.stderr
@@ -85,7 +85,7 @@ class Recorded(unittest.TestCase):
         return done.stdout
 
     def leaks(self, report):
-        """How often a block of each size leaked, of those that the program marks by theirs."""
+        """Returns {size: number of leaks} for the sizes that the program uses as marks."""
         sizes = [int(match[1]) for match in LEAK.finditer(report)]
         return {size: sizes.count(size) for size in sorted(set(sizes)) if 71000 <= size <= 73999 and size != 72704}
 
@@ -130,7 +130,7 @@ class Programs(Recorded):
         self.assertTrue(done.stderr.startswith("err\nrecord: "), done.stderr)
 
     def test_a_program_that_is_linked_to_another_malloc(self):
-        """Its operator new would hand out what the C library's free does not know."""
+        """Its operator new would return blocks that the C library's free does not know."""
         library = self.folder / "libjemalloc.so.2"
         source = self.folder / "pool.cpp"
         source.write_text("#include <cstddef>\n"
@@ -145,7 +145,7 @@ class Programs(Recorded):
                            "int main() { std::list<int> list{1, 2, 3}; list.clear(); ::operator delete(new char[71001]);\n"
                            "             static char* volatile kept; kept = new char[71002]; return kept == nullptr; }\n")
         subprocess.run(["c++", "-fPIC", "-shared", "-Wl,-soname," + library.name, "-o", library, source], check=True)
-        # First in the order of the libraries, and needed even where nothing refers to it.
+        # First in the order of the libraries, and needed even if nothing refers to it.
         subprocess.run(["c++", "-o", self.folder / "program", program, "-Wl,--no-as-needed", library,
                         "-Wl,-rpath," + str(self.folder)], check=True)
         done = self.record(self.folder / "program")
@@ -155,7 +155,7 @@ class Programs(Recorded):
         self.assertNotIn("BAD FREE", report)
 
     def test_paths_with_blanks_and_umlauts(self):
-        """The system parts the list of what it preloads at blanks and colons."""
+        """The system splits the list of preloaded libraries at blanks and colons."""
         self.folder /= "ein größerer Ordner"
         self.folder.mkdir()
         script = shutil.copytree(options.record.parent, self.folder / "die Skripte") / options.record.name
@@ -220,14 +220,16 @@ class Troubles(Recorded):
         self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1})
 
     def test_a_block_that_is_freed_twice(self):
-        """The C library ends the process before the line of the second release; those before it are there."""
+        """The C library ends the process before it writes the line of the second release; the earlier lines are in the
+        log."""
         lines = self.trouble("free_twice", 134)
         self.assertIn("double free", self.messages)
         self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71002: 1})
         self.assertRegex(lines[-1], r" - 0x[0-9a-f]+$")
 
     def test_blocks_that_fail_to_grow(self):
-        """They stay what they were; of all that the C library traces only what has happened is in the log."""
+        """The blocks stay unchanged. The C library also traces failed calls, but the log contains only what has
+        happened."""
         lines = self.trouble("fail_to_grow")
         report = self.report("mtrace", "log.mtrace")
         self.assertEqual(self.leaks(report), {71001: 1, 71002: 1})
@@ -235,7 +237,7 @@ class Troubles(Recorded):
         self.assertEqual(self.children(), [])
         self.assertEqual(lines_of_size(lines, 71001), ["+"])
         self.assertEqual([lines_of_size(lines, size) for size in (71003, 71004, 71005, 71002)], [["+"], [">"], [">"], [">"]])
-        # The C library's own reading of the log.
+        # The C library's own script reads the log.
         script = subprocess.run(["mtrace", "log.mtrace"], cwd=self.folder, capture_output=True, text=True)
         leaks = re.findall(r"^0x([0-9a-f]+) +0x([0-9a-f]+)  at ", script.stdout, re.M)
         found = re.findall(r"^LEAK at 0x([0-9a-f]+) size (\d+) ", report, re.M)
@@ -244,12 +246,12 @@ class Troubles(Recorded):
         self.assertNotIn("was never alloc'd", script.stdout)
 
     def test_what_the_c_library_traces_of_blocks_that_fail_to_grow(self):
-        """That is what the recorder leaves out; without it, the block would be one of the wanted size."""
+        """The recorder leaves out the line of the failed call; a replay of it would give the block the wanted size."""
         log = self.folder / "traced"
         environment = {**self.environment, "MALLOC_TRACE": str(log)}
         done = subprocess.run([options.bin / "troubles", "trace_itself"], env={**environment, "LD_PRELOAD": "libc_malloc_debug.so.0"})
         self.assertEqual(done.returncode, 0)
-        # A caller is a path here, with the blanks that it has.
+        # Here a caller is a path, and may contain blanks.
         codes = [re.search(r" ([-+<>!]) 0x", line)[1] for line in log.read_text().splitlines() if line.startswith("@ ")]
         self.assertEqual(codes, ["+", "!"])
 

@@ -1,5 +1,5 @@
-// What a recorded program may do to its recorder. The first word says what; each kind of block has a size of
-// its own, by which the test finds it in the report.
+// Things that a recorded program may do to its recorder. The first argument chooses one; each kind of block has its own
+// size, by which the test finds it in the report.
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -16,7 +16,7 @@ namespace {
 
 constexpr int many = 2000;
 
-// Keeps the compiler from taking out allocations that nobody uses.
+// Keeps the compiler from removing unused allocations.
 void* volatile used;
 
 void lose(std::size_t size) { used = std::malloc(size); }
@@ -32,7 +32,7 @@ int wait_for(pid_t child) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// The child frees what it inherited and its parent keeps; so does the child's child.
+// The child frees a block that it inherited and its parent keeps; so does the grandchild.
 int fork_twice() {
     void* volatile first = std::malloc(71001);
     lose(71002);
@@ -72,10 +72,10 @@ int free_twice() {
     return 0;
 }
 
-// Nothing has so much memory; the compiler must not know.
+// No system has this much memory, and the compiler must not know the value.
 volatile std::size_t too_much = SIZE_MAX / 4;
 
-// A block outlives a realloc that fails; another one is moved before and after that.
+// A block survives a failed realloc; another block is moved before and after it.
 int fail_to_grow() {
     void* volatile kept = std::malloc(71001);
     void* volatile moved = std::realloc(std::malloc(71003), 71004);
@@ -85,7 +85,7 @@ int fail_to_grow() {
     moved = std::realloc(moved, 71005);
     moved = std::realloc(moved, too_much) != nullptr ? nullptr : std::realloc(moved, 71002);
     std::free(std::malloc(71006));
-    // A child that does nothing else has no log.
+    // A child that allocates nothing else has no log.
     const pid_t child = fork();
     if (child == 0)
         _exit(std::realloc(kept, too_much) == nullptr ? 0 : 1);
@@ -93,7 +93,7 @@ int fail_to_grow() {
     return has_failed && wait_for(child) == 0 ? 0 : 1;
 }
 
-// Without a recorder.
+// Traces without a recorder.
 int trace_itself() {
     mtrace();
     void* volatile kept = std::malloc(71001);
@@ -108,7 +108,7 @@ int be_killed() {
     return std::raise(SIGKILL);
 }
 
-// As a daemon does.
+// Closes all descriptors, as a daemon does.
 int close_everything() {
     lose(71001);
     close_range(3, ~0U, 0);
@@ -116,7 +116,7 @@ int close_everything() {
     return 0;
 }
 
-// The log's descriptor becomes one of the program's files.
+// The log's descriptor number is reused for one of the program's files.
 int reuse_descriptors() {
     close_range(3, ~0U, 0);
     int mine = open("mine", O_RDWR | O_CREAT, 0600);
@@ -145,7 +145,7 @@ int fork_between_threads() {
     for (int i = 0; i < 20; ++i) {
         const pid_t child = fork();
         if (child == 0) {
-            alarm(60); // instead of waiting for ever for a lock that nobody will open
+            alarm(60); // instead of waiting forever for a lock that nobody releases
             lose(72001);
             _exit(0);
         }
@@ -156,14 +156,14 @@ int fork_between_threads() {
     return failed;
 }
 
-// Turns into another program that is to be recorded.
+// Becomes another program that is also recorded.
 int become_another() {
     lose(71001);
     execl("/proc/self/exe", "troubles", "leave_at_once", nullptr);
     return 1;
 }
 
-// As servers do that show in the list of processes what they are at.
+// Changes its name in the process list, as servers do to show their state.
 int rename_itself(char* name) {
     std::memcpy(name, "a b", 3);
     lose(71001);

@@ -34,7 +34,7 @@ import sys
 import tempfile
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-import tool as under_test  # noqa: E402  # beside this folder
+import tool as under_test  # noqa: E402  # in tests/support
 
 COMMON_LINE = re.compile(rb"@ \S+ (?:[+>] 0x[1-9a-f][0-9a-f]* (?:0x[0-9a-f]+|0)|[-<] 0x[1-9a-f][0-9a-f]*)$")
 
@@ -63,7 +63,7 @@ def show(title, counter):
 
 
 def compare(tool, title, lines, folder):
-    """True when both agree on the lines of one log."""
+    """Returns True if both agree on the lines of one log."""
     common = [line for line in lines if COMMON_LINE.match(line)]
     other = len(lines) - len(common)
     if not common:

@@ -21,7 +21,7 @@ import generate
 import replay
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-import tool as under_test  # noqa: E402  # beside this folder
+import tool as under_test  # noqa: E402  # in tests/support
 
 CORPUS = pathlib.Path(__file__).resolve().parent / "corpus"
 RUNS = {
@@ -34,7 +34,7 @@ DIFF_LINES = 20
 
 
 def possible_runs(folder):
-    """(run, action, log paths) of every run that the logs in a folder allow."""
+    """Yields (run, action, log paths) for every run that the logs in a folder allow."""
     for run, (action, logs) in RUNS.items():
         paths = [folder / log for log in logs]
         if all(path.exists() for path in paths):
@@ -59,7 +59,7 @@ def show_difference(title, expected, actual, expected_name, actual_name):
 
 
 def run_tool(tool, action, paths):
-    """(standard output, standard error, exit code) of one quiet run."""
+    """Returns (standard output, standard error, exit code) of one quiet run."""
     done = subprocess.run(
         [*tool.command, "--quiet", action, *paths], stdin=subprocess.DEVNULL, capture_output=True, timeout=TIMEOUT_SECONDS,
         env=tool.environment(),
@@ -68,7 +68,7 @@ def run_tool(tool, action, paths):
 
 
 def compare_run(tool, title, action, paths):
-    """True when both write the same; also hands back what the plain replay wrote."""
+    """Returns whether both write the same, and the output of the plain replay."""
     out, err = replay.replay(action, *paths)
     tool_out, tool_err, code = run_tool(tool, action, paths)
     agree = True
@@ -83,7 +83,7 @@ def compare_run(tool, title, action, paths):
 
 
 def compare_corpus(tool):
-    """(cases that agree, cases) of the corpus."""
+    """Returns (number of agreeing cases, number of cases) of the corpus."""
     good = total = 0
     for folder in sorted(path for path in CORPUS.iterdir() if path.is_dir()):
         total += 1
@@ -113,7 +113,7 @@ def compare_seed(tool, seed, keep):
         folder = pathlib.Path(name)
         for log, data in zip(("mtrace", "memcheck"), generate.generate(seed)):
             (folder / log).write_bytes(data)
-        # Every run is made, so that one report shows all that is wrong with a pair.
+        # Every run is done, so that one report shows all faults of a pair.
         results = [
             compare_run(tool, f"seed {seed} {run}", action, paths)[0] for run, action, paths in possible_runs(folder)
         ]

@@ -1,11 +1,10 @@
 #!/usr/bin/env python3
-"""Seeded pairs of heap logs, valid and broken, for comparing two replays of them.
+"""Makes seeded pairs of heap logs, valid and broken, for comparing two replays of them.
 
     generate.py SEED MTRACE MEMCHECK      writes the pair of one seed
 
-A pair is made in three steps: a scenario decides what the program does (events), a writer spells
-every event as a line of each log, sometimes oddly, and a spoiler damages some of the lines. One
-seed gives one pair, on every machine.
+A pair is made in three steps: a scenario decides what the program does (events), a writer spells every event as a line
+of each log, sometimes oddly, and a spoiler damages some of the lines. One seed gives the same pair on every machine.
 """
 
 import random
@@ -29,7 +28,7 @@ BLANKS = [b" ", b"  ", b"\t", b" \t ", b"\v", b"\f", b"\r", b" \r\v\f\t "]
 
 
 class Events:
-    """What both logs tell: (verb, address, size, block type); the logs may each miss some of it."""
+    """The events of both logs: (verb, address, size, block type); each log may miss some of them."""
 
     def __init__(self, rng):
         self.rng = rng
@@ -56,7 +55,7 @@ class Events:
 
 
 def a_real_run(events, rng, steps):
-    """Small blocks from a growing heap, freed ones used again first, most of them released in time."""
+    """Small blocks from a growing heap; freed ones are reused first, and most are released in time."""
     top = 0x55550000 + 16 * rng.randrange(4096)
     live, spare = [], []
     for _ in range(steps):
@@ -78,7 +77,7 @@ def a_real_run(events, rng, steps):
 
 
 def few_addresses(events, rng, steps):
-    """The same addresses again and again: double allocations, double frees, types out of place."""
+    """The same addresses repeatedly: double allocations, double frees, misplaced type records."""
     addresses = [rng.choice([0x1F3A0, 0x10000, 0x400]) + 8 * i for i in range(rng.randint(1, 12))]
     for _ in range(steps):
         address = rng.choice(addresses)
@@ -93,7 +92,7 @@ def few_addresses(events, rng, steps):
 
 
 def a_crowded_bucket(events, rng, steps):
-    """More than one block of live slots in one bucket, with holes, from addresses far apart as well."""
+    """More live slots in one bucket than a block holds, with gaps, also from addresses far apart."""
     base = SPAN * rng.randrange(1, 1 << 20)
     room = rng.choice([1, 2, 4])
     live = []
@@ -121,7 +120,7 @@ def far_addresses(events, rng, steps):
 
 
 def around_zero(events, rng, steps):
-    """Address 0 and its neighbours in bucket 0, with huge blocks that want a slot there too."""
+    """Address 0 and its neighbours in bucket 0, and huge blocks that need a slot there too."""
     addresses = [0, 0, 0, 8, 0x10, 0x3F8, GIB, GIB + 8]
     for _ in range(steps):
         address = rng.choice(addresses)
@@ -137,7 +136,7 @@ def around_zero(events, rng, steps):
 
 
 def huge_blocks(events, rng, steps):
-    """Block type 3, plainly and as 259, that mostly only the memcheck log knows."""
+    """Block type 3, also written as 259, mostly in the memcheck log only."""
     base = 0x700000000000
     addresses = [base + 0x100 * i for i in range(rng.randint(2, 40))]
     for _ in range(steps):
@@ -183,7 +182,7 @@ def a_late_log(events, rng, steps):
 
 
 def nothing(events, rng, steps):
-    """Empty logs, or almost empty ones once the spoiler has been at them."""
+    """Empty logs; after the spoiler, almost empty ones."""
 
 
 SCENARIOS = [
@@ -314,7 +313,7 @@ def spoil(line, rng):
 
 
 def assemble(lines, rng, damage):
-    """The file's bytes: lines, some of them damaged, with the line ends of one world or of both."""
+    """Returns the file's bytes: lines, some of them damaged, with one kind of line ends or both."""
     result = []
     for line in lines:
         if rng.random() < damage:
@@ -336,11 +335,11 @@ def assemble(lines, rng, damage):
 
 
 def generate(seed):
-    """The pair of one seed: the bytes of the mtrace log and of the memcheck log."""
+    """Returns the pair of one seed: the bytes of the mtrace log and of the memcheck log."""
     rng = random.Random(seed)
     steps = rng.choice([0, 1, 2, 19, 20, 21, 40, 99, 100, 101, 200, 300, 500, 1000, 2000])
     events = Events(rng)
-    # Most pairs mix several scenarios, since the interesting mistakes lie where they meet.
+    # Most pairs mix several scenarios, because most mistakes occur where they meet.
     for _ in range(rng.choice([1, 1, 2, 3])):
         rng.choice(SCENARIOS)(events, rng, steps)
     writer = Writer(rng)

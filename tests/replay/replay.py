@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
-"""A plain replay of heap logs: what `qortool --quiet mtrace` and `qortool --quiet memcheck` must write.
+"""A plain replay of heap logs. It writes the expected output of `qortool --quiet mtrace` and `qortool --quiet
+memcheck`.
 
     replay.py mtrace LOG [MEMCHECK]
     replay.py memcheck LOG
 
-It exists to disagree with qortool when one of the two is wrong, so it shares nothing with it and is
-written for the reader, not for speed: lists, searched from the front. Everything is bytes, because
-logs hold whatever bytes the recorded program had in its paths and names.
+It must disagree with qortool if one of the two is wrong, so it shares no code with qortool. It is written to be read,
+not to be fast: lists are searched from the front. All texts are bytes, because logs contain arbitrary bytes of the
+recorded program's paths and names.
 """
 
 import re
@@ -18,7 +19,7 @@ BUCKET_MASK = 0xFFFFF
 LOOK_AHEAD_LIMIT = 1024
 HUGE = 3
 
-# How lines of each log begin.
+# The beginnings of lines of each log.
 MTRACE_FORM = (b"@", b"= ")
 MEMCHECK_FORM = (b"A", b"F", b"T", b"E", b"#")
 
@@ -27,16 +28,16 @@ LONG_MAX = 2**63 - 1
 LONG_MIN = -(2**63)
 
 
-# Numbers, as the C library of 64-bit Linux reads them, where long has 64 bits.
+# Numbers as the C library of 64-bit Linux reads them.
 
 
 def scan_number(token, base):
-    """The sign and the unlimited magnitude at the front of a token; (False, 0) when there is none."""
+    """Returns the sign and the unlimited magnitude at the front of a token; (False, 0) if there is no number."""
     text = text_of(token)
     negative = text[:1] == b"-"
     if text[:1] in (b"-", b"+"):
         text = text[1:]
-    # A prefix counts only with a digit behind it: "0x" alone is the number 0 followed by junk.
+    # A prefix counts only if a digit follows: "0x" alone is the number 0 followed by junk.
     if base in (0, 16) and text[:2].lower() == b"0x" and digit_value(text[2:3]) < 16:
         text = text[2:]
         base = 16
@@ -55,7 +56,7 @@ def digit_value(byte):
 
 
 def unsigned_number(token, base):
-    """strtoul and strtoull: a minus sign wraps, too large a number saturates whatever its sign."""
+    """strtoul and strtoull: a minus sign wraps, and a number that is too large saturates whatever its sign."""
     negative, value = scan_number(token, base)
     if value > ULLONG_MAX:
         return ULLONG_MAX
@@ -82,7 +83,7 @@ def int32(value):
 
 
 def text_of(data):
-    """What the C library sees of a text: everything up to the first NUL."""
+    """Returns the text as the C library sees it: up to the first NUL."""
     return data.split(b"\0", 1)[0]
 
 
@@ -109,8 +110,8 @@ class MemcheckLine:
 
 
 class LineReader:
-    """Lines without their ends; the last line need not have one. Carriage returns fall to strip(). Of a line that
-    is too long there is a beginning, which is no record."""
+    """Reads lines without their ends; the last line may lack one. strip() removes carriage returns. A line that is too
+    long yields its beginning, which is not a record."""
 
     def __init__(self, path, form):
         self.path = path
@@ -125,7 +126,7 @@ class LineReader:
         self.has_form = False
 
     def read(self):
-        """The next line, without white space at both ends, and whether it is whole; None at the end."""
+        """Returns the next line, without white space at both ends, and whether it is complete; None at the end."""
         if self.next == len(self.lines):
             return None, True
         line = self.lines[self.next]
@@ -135,11 +136,12 @@ class LineReader:
         return text, len(line) <= LONGEST_LINE
 
     def is_foreign(self):
-        """Whether lines came and not one of them had the form of such a log, which what is no text has none of."""
+        """Returns whether the file has lines but none with the form of such a log. A file that is not text never has
+        the form."""
         return self.next > 0 and not (self.has_form and not self.beginning.startswith(tuple(SIGNATURES)))
 
 
-# What a file looks like that is no log of the wanted kind.
+# Signatures of files that are not a log of the wanted kind.
 
 SIGNATURES = {
     b"\x7fELF": "an ELF file: a program, a library or a core dump",
@@ -181,7 +183,7 @@ def looks_like(beginning, is_first_of_two):
 
 
 class Block:
-    """1024 slots. A slot whose address is 0 is blank; its old fields stay until it is written again."""
+    """1024 slots. A slot with address 0 is blank; its old fields stay until it is written again."""
 
     def __init__(self):
         self.addresses = [0] * BLOCK_SLOTS
@@ -189,7 +191,7 @@ class Block:
 
 
 class Slot:
-    """One slot of one block, named by its place, so that whoever holds it sees every change to it."""
+    """One slot of one block, identified by its place, so that every holder sees changes to it."""
 
     def __init__(self, block, index):
         self.block = block
@@ -236,7 +238,7 @@ class Table:
         return Slot(chain[-1], 0)
 
     def find_entry(self, address):
-        """The first slot that holds the address, or None. Address 0 is held by every blank slot."""
+        """Returns the first slot that holds the address, or None. Every blank slot holds address 0."""
         for block in self.buckets.get(self.bucket_of(address), []):
             if address in block.addresses:
                 return Slot(block, block.addresses.index(address))
@@ -258,7 +260,7 @@ class Table:
 
 
 class Replay:
-    """One run of one action. `out` and `err` collect what it writes."""
+    """One run of one action. `out` and `err` collect its output."""
 
     def __init__(self):
         self.out = bytearray()
@@ -301,8 +303,8 @@ class Replay:
                 continue
             code = line[:1]
             tokens = line[1:].split()
-            # An allocation needs address, size and block type, a type record its name; the others
-            # only an address, and a letter alone is never a record.
+            # An allocation needs address, size and block type, and a type record needs its name. The others need only
+            # an address; a letter alone is never a record.
             needed = {b"A": 3, b"T": 2}.get(code, 1)
             if len(tokens) < needed:
                 self.err += b"WARNING Invalid line in memcheck() file\n"
@@ -479,7 +481,7 @@ class Replay:
 
 
 def replay(action, *logs):
-    """Standard output and standard error of one run, as bytes."""
+    """Returns standard output and standard error of one run, as bytes."""
     run = Replay()
     {"mtrace": run.mtrace, "memcheck": run.memcheck}[action](*logs)
     return bytes(run.out), bytes(run.err)

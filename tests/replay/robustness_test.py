@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Logs that come through pipes, that somebody still writes, that are cut off, huge, or no logs at all.
+"""Logs that come through pipes, that are still being written, that are truncated, huge, or not logs at all.
 
     robustness_test.py --tool PATH [--instrumented] [--full]
 
-What is expected comes from the plain replay beside this file, or is so simple that it stands here. Memory is
-limited too, unless the tool is instrumented. --full takes the sizes that a machine at rest can bear.
+The expected output comes from the plain replay beside this file, or is simple enough to be written here. Memory is also
+limited, unless the tool is instrumented. --full uses sizes for an otherwise idle machine.
 """
 
 import argparse
@@ -24,7 +24,7 @@ from pathlib import Path
 import replay
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-import tool as under_test  # noqa: E402  # beside this folder
+import tool as under_test  # noqa: E402  # in tests/support
 
 MIB = 1 << 20
 GUARD = 120  # seconds; instrumented builds on a busy machine are slow
@@ -37,8 +37,8 @@ LEAK = re.compile(rb"LEAK at 0x([0-9a-f]+) ")
 
 
 class Run:
-    """One run of the tool; `feed(stream)` writes its standard input, if it is given. The run fails where it wants
-    more memory than `limit`, of addresses, which is more than it ever fills."""
+    """One run of the tool; `feed(stream)`, if given, writes its standard input. The run fails if it needs more than
+    `limit` bytes of address space, which is more than the memory that it really uses."""
 
     def __init__(self, words, feed=None, limit=256 * MIB):
         def bound():
@@ -86,7 +86,7 @@ class Robustness(unittest.TestCase):
             at += size
 
     def fifo(self, data):
-        """A FIFO and the thread that writes the data into it."""
+        """Makes a FIFO and a thread that writes the data into it."""
         path = self.folder / "fifo"
         os.mkfifo(path)
 
@@ -114,13 +114,13 @@ class Robustness(unittest.TestCase):
         expected_log.write_bytes(LOG)
         joined.write_bytes(memcheck)
         fifo, writer = self.fifo(memcheck)
-        # Nobody reads to the end of either pipe before the other has come: each is written by a thread of its own.
+        # Neither pipe is read to its end before data comes from the other, so each is written by its own thread.
         run = Run(["mtrace", "/dev/stdin", fifo], lambda stream: self.write_in_pieces(stream, LOG))
         writer.join()
         self.require_output(run, replay.replay("mtrace", expected_log, joined))
 
     def test_a_log_that_is_still_written(self):
-        """What was there at the start is replayed, and what came later as far as it was seen, line by line."""
+        """Data that is there at the start is replayed, and later data line by line, as far as it was seen."""
         before, after = 20_000, 200_000
         line = b"@ a + 0x%x 1\n"
         self.log.write_bytes(b"".join(line % (0x1000 + i * 16) for i in range(before)))
@@ -137,11 +137,11 @@ class Robustness(unittest.TestCase):
         self.assertEqual(run.code, 0)
         leaks = [int(address, 16) for address in LEAK.findall(run.out)]
         self.assertGreaterEqual(len(leaks), before)
-        # The order of the table is that of the addresses here. The last line may have been seen in part.
+        # Here the table is in the order of the addresses. The last line may have been read in part.
         self.assertEqual(leaks[:before], [0x1000 + i * 16 for i in range(before)])
 
     def test_every_line_is_traced_when_its_turn_comes(self):
-        """Also those without meaning, and whoever reads them."""
+        """Lines without meaning are traced too, whichever thread reads them."""
         data = LOG.replace(b"[0x4000] +", b"[0x4000] +\n\n# nothing\n  @ odd 0x10\n@ app +")
         self.log.write_bytes(data)
         trace = self.folder / "trace"
@@ -150,7 +150,7 @@ class Robustness(unittest.TestCase):
         said = [line.split(b" ", 3)[3] for line in trace.read_bytes().splitlines()]
         traced = [line[len(b"mtrace line: ["):-1] for line in said if line.startswith(b"mtrace line: [")]
         self.assertTrue(traced == [line.strip() for line in data.splitlines()], "other lines were traced")
-        # The replay asks for a record, and is told which lines lead to it.
+        # When the replay asks for a record, the trace shows the lines up to it.
         records = [n for n, line in enumerate(said) if line == b">>ENTER>> read_mtrace()"]
         for begin, end in zip(records, records[1:]):
             lines = [line for line in said[begin:end] if line.startswith(b"mtrace line: [")]
@@ -170,7 +170,7 @@ class Robustness(unittest.TestCase):
     def test_binary_garbage(self):
         chooser = random.Random(7)
         garbage = chooser.randbytes(1 << 20)
-        # The same with the letters of both grammars in it, and with line ends but no blank.
+        # The same with the letters of both grammars, and with line ends but no blanks.
         letters = bytes(chooser.choice(b"@AFTE#+-<> 0x1f\n\n\r\t\0\xff") for _ in range(1 << 19))
         for action in ("mtrace", "memcheck"):
             for data in (garbage, letters, garbage.replace(b" ", b"\n@ "), b"\n" * (1 << 18), b"\0" * (1 << 20)):
@@ -193,14 +193,15 @@ class Robustness(unittest.TestCase):
             (b"@ b + 0x" + b"0" * size + b"70 8", another % b"b" + leak + two),
         ):
             with self.subTest(line=line[:20]):
-                # The line, read and kept, with room to grow.
+                # The line is read and kept, with room to grow.
                 limit = 64 * MIB + 6 * size
                 run = Run(["mtrace", "/dev/stdin"], lambda stream: (stream.write(line), stream.write(rest)), limit)
                 self.assertEqual(run.code, 0)
                 self.assertTrue(run.out == out)
 
     def test_lines_that_are_too_long(self):
-        """They are passed over, with a warning where they begin as one that means something, and are never kept."""
+        """Lines that are too long are skipped and never kept. One that begins like a meaningful line causes a warning.
+        """
         longest = 256 * MIB
         before = [b"@ app:[0x%x] + 0x%x 0x20\n" % (i, 0x10 + i * 16) for i in range(20_000)]
         leak = b"LEAK at 0x4 size 8 type 0 caller [%s] type_name [] file [%s] line 0\n"
@@ -209,7 +210,7 @@ class Robustness(unittest.TestCase):
         warning = b"WARNING Invalid line in %s() file\n"
         for action, begin, fill, warnings, ahead in (
             ("mtrace", b"@ a + 0x10 1 ", b"x", 1, False),
-            ("mtrace", b"@ a + 0x10 1 ", b"x", 1, True),  # by the thread that reads ahead
+            ("mtrace", b"@ a + 0x10 1 ", b"x", 1, True),  # read by the thread that reads ahead
             ("mtrace", b"A 10 1 0 ", b"@", 0, False),
             ("memcheck", b"A 10 1 0 ", b"x", 1, False),
             ("memcheck", b"x", b"x", 1, False),
@@ -244,21 +245,21 @@ class Robustness(unittest.TestCase):
         self.require_output(Run(["mtrace", self.log], limit=640 * MIB), replay.replay("mtrace", self.log))
 
     def shows(self, terminal, wanted, seen):
-        """Waits until the terminal shows it."""
+        """Waits until the terminal shows the text."""
         while wanted not in seen:
             ready, _, _ = select.select([terminal], [], [], GUARD)
             self.assertTrue(ready, f"{wanted} is not on the screen, but only {bytes(seen[-200:])}")
             seen += os.read(terminal, 65536)
 
     def test_a_stalled_pipe_on_a_terminal(self):
-        """All that is known so far is on the screen while nothing comes, wherever in the log that is."""
+        """While no data comes, the screen shows everything known so far, at any place of the log."""
         many = b"".join(b"@ a + 0x%x 1\n@ a - 0x%x\n" % (i * 16, i * 16) for i in range(1, 20_001))
         for joined in (False, True):
             with self.subTest(joined=joined):
                 log, other = self.folder / f"log{joined}", self.folder / f"memcheck{joined}"
                 os.mkfifo(log)
                 os.mkfifo(other)
-                # Open at both ends, so that nobody waits there.
+                # Both ends are open, so that opening does not wait.
                 writer, second = os.open(log, os.O_RDWR), os.open(other, os.O_RDWR)
                 screen, terminal = pty.openpty()
                 process = subprocess.Popen([*tool.command, "--quiet", "mtrace", log, *([other] if joined else [])],
@@ -268,7 +269,7 @@ class Robustness(unittest.TestCase):
                 seen = bytearray()
                 try:
                     self.shows(screen, b"Processing mtrace file...", seen)
-                    # With the beginning of a line behind it.
+                    # Followed by the beginning of a line.
                     os.write(writer, b"@ odd\n@ a - 0x8\n" + b"@ a - 0x9\n" * 19 + b"@ a")
                     self.shows(screen, b"BAD FREE at 0x8 ", seen)
                     self.shows(screen, b"20\r", seen)
@@ -296,7 +297,7 @@ class Robustness(unittest.TestCase):
                     os.close(screen)
 
     def test_distinct_callers(self):
-        """What is remembered of callers follows the live blocks, not the length of the log."""
+        """The memory for callers depends on the live blocks, not on the length of the log."""
         count = 10_000_000 if options.full else 1_000_000 if not options.instrumented else 200_000
 
         def feed(stream):
@@ -318,7 +319,7 @@ class Robustness(unittest.TestCase):
         )
 
     def test_distinct_files_and_types(self):
-        """The same where all the records of the allocation log belong to one allocation, or to huge blocks."""
+        """The same if all records of the allocation log belong to one allocation, or to huge blocks."""
         count = 400_000 if not options.instrumented else 100_000
         huge = b"".join(b"A 2000 1 3 /a/long/path/of/a/file/%08d.cpp 1\nF 2000 3\n" % i for i in range(count))
         own = b"".join(b"T 1000 app::module::Type%08d\nA 1000 8 0 /a/long/path/%08d.cpp 7\n" % (i, i) for i in range(count))
@@ -334,7 +335,7 @@ class Robustness(unittest.TestCase):
             )
     
     def test_live_blocks_keep_their_callers(self):
-        """Callers that are given up in between leave those of live blocks and of waiting records alone."""
+        """Dropping unused callers does not affect those of live blocks and of waiting records."""
         count = 300_000
         mtrace = self.folder / "mtrace"
         memcheck = self.folder / "memcheck"

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""The whole trace of a replay, scope by scope and line by line.
+"""Checks the whole trace of a replay, scope by scope and line by line.
 
 usage: trace_test.py --tool PATH [--runner PROGRAM] [--update]
 
-Each file in traces/ is the trace of one run, without time and process: `SAMPLE.trace` of the joined logs samples/SAMPLE.*,
-`NAME.ACTION.trace` of the logs in corpus/NAME. With --update the files are written anew: read the difference before you
-commit it, since users filter traces by these lines.
+Each file in traces/ is the trace of one run, without time and process: `SAMPLE.trace` for the joined logs
+samples/SAMPLE.*, `NAME.ACTION.trace` for the logs in corpus/NAME. --update rewrites the files: check the difference
+before you commit it, because users filter traces by these lines.
 """
 
 import argparse
@@ -17,7 +17,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path.append(str(HERE.parent / "support"))
-from tool import Tool, add_options  # noqa: E402  # beside this folder
+from tool import Tool, add_options  # noqa: E402  # in tests/support
 
 TRACES = HERE / "traces"
 SAMPLES = HERE.parent.parent / "samples"
@@ -25,7 +25,7 @@ LOGS = {"mtrace": ["mtrace"], "memcheck": ["memcheck"], "joined": ["mtrace", "me
 
 
 def words_of(name):
-    """The words of the run that a trace is of."""
+    """Returns the words of the traced run."""
     logs, _, action = name.partition(".")
     if not action:
         return ["mtrace", SAMPLES / f"{logs}.mtrace", SAMPLES / f"{logs}.memcheck"]

@@ -1,4 +1,4 @@
-// A host of a test's own: its /sys, /dev, /proc and /var/lock, in the shape that recorded hosts have.
+// An invented host: its /sys, /dev, /proc and /var/lock, in the shape of recorded hosts.
 #pragma once
 
 #include "serial/sysfs.h"
@@ -25,7 +25,7 @@ public:
     const qor::serial::host& on() const { return m_on; }
     const temp_folder& folder() const { return m_folder; }
 
-    // A device below /sys/devices, with the attributes that it has.
+    // Makes a device below /sys/devices, with its attributes.
     void device(const std::string& path, const std::string& bus, attributes values = {}) {
         const std::filesystem::path place = m_on.sys + "/devices/" + path;
         std::filesystem::create_directories(place);
@@ -34,7 +34,7 @@ public:
         write(place, values);
     }
 
-    // A terminal on a device; `number` is major:minor.
+    // Makes a terminal on a device; `number` is major:minor.
     void terminal(const std::string& parent, const std::string& name, const char* number, attributes values = {}) {
         const std::filesystem::path place = m_on.sys + "/devices/" + parent + "/tty/" + name;
         std::filesystem::create_directories(place);
@@ -51,7 +51,7 @@ public:
         std::ofstream(file).flush();
     }
 
-    // "ttyS0 = motherboard UART at 0x3f8" and so on, in no order of their own.
+    // Returns texts like "ttyS0 = motherboard UART at 0x3f8", in the order of the list.
     std::vector<std::string> ports() const {
         std::vector<std::string> names;
         std::string path;

@@ -1,4 +1,4 @@
-// Which ports a host has and where they are, told by its files: hosts of many kinds, none of them this one.
+// The ports of a host and their locations, read from its files: hosts of many kinds, none of them this one.
 #include "fake_host.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@ namespace {
 using qor::test::fake_host;
 using names = std::vector<std::string>;
 
-// The table of drivers that a PC with a Bluetooth adapter has.
+// The table of drivers of a PC with a Bluetooth adapter.
 constexpr char drivers[] = "/dev/tty             /dev/tty        5       0 system:/dev/tty\n"
                            "/dev/console         /dev/console    5       1 system:console\n"
                            "/dev/vc/0            /dev/vc/0       4       0 system:vtmaster\n"
@@ -23,7 +23,7 @@ constexpr char drivers[] = "/dev/tty             /dev/tty        5       0 syste
                            "oneport              /dev/ttyONE   250       7 serial\n"
                            "unknown              /dev/tty        4 1-63 console\n";
 
-// What every Linux host has, and nobody can plug a cable into.
+// Terminals that every Linux host has and that are not ports.
 void add_consoles(fake_host& host) {
     std::ofstream(host.on().proc + "/tty/drivers") << drivers;
     host.terminal("virtual", "tty", "5:0");
@@ -36,7 +36,7 @@ void add_consoles(fake_host& host) {
     host.terminal("virtual", "ptmx", "5:2");
 }
 
-// The 8250 driver's terminals for ports that are not there; `type` 0 is what it found.
+// Adds the 8250 driver's terminals without a port; `type` 0 means that no UART was found.
 void add_ghosts(fake_host& host, int first, const char* type) {
     host.device("platform/serial8250", "platform");
     for (int i = first; i < 32; ++i)
@@ -84,7 +84,7 @@ TEST(serial_hosts, a_kernel_with_devices_between_the_port_and_its_bus) {
     EXPECT_EQ(host.ports(), names{"ttyS0 = motherboard UART at 0x3f8"});
 }
 
-// On kernels that tell a UART's type to root alone.
+// Some kernels show a UART's type only to root.
 TEST(serial_hosts, a_pc_that_hides_its_uarts_from_users) {
     fake_host host;
     add_consoles(host);
@@ -93,13 +93,13 @@ TEST(serial_hosts, a_pc_that_hides_its_uarts_from_users) {
     host.device("pnp0/00:06", "pnp", {{"resources", "state = active"}});
     host.terminal("pnp0/00:06", "ttyS2", "4:66");
     add_ghosts(host, 3, "0");
-    // A file that root alone can read, even if root runs this: it is there, and nothing comes of it.
+    // Simulates files that only root can read, even if root runs this test: they exist but are empty.
     for (const auto& entry : std::filesystem::directory_iterator(host.on().sys + "/class/tty"))
         if (entry.path().filename().string().starts_with("ttyS"))
             for (const char* const attribute : {"type", "port"})
                 std::ofstream(entry.path() / attribute, std::ios::trunc).flush();
     EXPECT_EQ(host.ports(), (names{"ttyS1 = motherboard UART at 0x2f8", "ttyS2 = motherboard UART"}));
-    // One that the kernel speaks through is there, wherever it hangs.
+    // A port that the kernel uses as its console exists, wherever it is connected.
     std::ofstream(host.on().sys + "/class/tty/console/active") << "tty0 ttyS3\n";
     EXPECT_EQ(host.ports(),
               (names{"ttyS1 = motherboard UART at 0x2f8", "ttyS2 = motherboard UART", "ttyS3 = motherboard UART"}));
@@ -161,7 +161,7 @@ TEST(serial_hosts, adapters_that_say_little) {
                      "ttyUSB1 = USB bus 3, port 2: 1a86:7523", "ttyUSB2 = USB bus 3, port 3: Silicon Labs CP2102"}));
 }
 
-// A device may say anything; only a terminal is spared it, on its way there.
+// A device may return any text; only its way to a terminal is filtered.
 TEST(serial_hosts, an_adapter_that_says_odd_things) {
     fake_host host;
     host.device("usb1/1-1", "usb",
@@ -185,7 +185,7 @@ TEST(serial_hosts, a_modem) {
               names{"ttyACM0 = USB bus 1, port 4: Arduino (www.arduino.cc) Arduino Uno, serial 85531303631351F0B1E1"});
 }
 
-// The lines are in the order of the interfaces, which need not be that of the names.
+// The lines are in the order of the interfaces, which may differ from that of the names.
 TEST(serial_hosts, an_adapter_with_several_lines) {
     fake_host host;
     const std::string device = "usb1/1-3";
@@ -237,7 +237,7 @@ TEST(serial_hosts, ports_made_by_software) {
                                    "ttyONE = software, driver oneport"}));
 }
 
-// Once somebody uses it, it hangs at the adapter.
+// A port in use is a child of the adapter.
 TEST(serial_hosts, bluetooth_in_use) {
     fake_host host;
     host.device("usb1/1-7", "usb", {{"busnum", "1"}, {"devpath", "7"}, {"product", "Bluetooth Radio"}});

@@ -1,4 +1,4 @@
-// Serial ports as every host has them: names that are none.
+// Serial ports on every host: names that are not ports.
 #include "qor/qor.h"
 
 #include <gtest/gtest.h>

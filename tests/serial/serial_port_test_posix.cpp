@@ -1,4 +1,4 @@
-// Open ports, on pseudo-terminals: what has a UART behind it cannot be counted on.
+// Open ports, on pseudo-terminals, because a host need not have a UART.
 #include "fake_host.h"
 #include "serial/lock_files.h"
 #include "support/temp_folder.h"
@@ -19,7 +19,7 @@
 
 namespace {
 
-// Both ends of a pseudo-terminal; the framework opens a third descriptor by the name.
+// Both ends of a pseudo-terminal; the framework opens a third descriptor by its name.
 class pseudo_terminal {
 public:
     pseudo_terminal() : m_other_end(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
@@ -164,7 +164,7 @@ TEST(posix_serial_port, tells_its_settings) {
         EXPECT_EQ(settings.parity, parity);
         EXPECT_EQ(settings.rts_cts, (control & CRTSCTS) != 0);
     };
-    // A pseudo-terminal itself takes nothing but 8 bits without parity.
+    // A pseudo-terminal itself accepts only 8 bits without parity.
     check(CS8, B115200, 115200, 2, qorSerialParity::none);
     EXPECT_EQ(settings.data_bits, 8);
     EXPECT_FALSE(settings.xon_xoff);
@@ -249,10 +249,10 @@ TEST(posix_serial_port, is_in_use_while_it_is_open) {
         expect_refused(terminal.name(), busy);
     }
     open_port(terminal.name());
-    ASSERT_EQ(flock(terminal.own(), LOCK_SH), 0); // by another program
+    ASSERT_EQ(flock(terminal.own(), LOCK_SH), 0); // as another program would
     expect_refused(terminal.name(), busy);
     ASSERT_EQ(flock(terminal.own(), LOCK_UN), 0);
-    // Root is not kept out of it by the kernel.
+    // The kernel does not exclude root.
     ASSERT_EQ(ioctl(terminal.own(), TIOCEXCL), 0);
     expect_refused(terminal.name(), busy);
     ASSERT_EQ(ioctl(terminal.own(), TIOCNXCL), 0);
@@ -291,7 +291,7 @@ TEST(serial_lock_files, of_processes_that_live_lock_the_port) {
     }
 }
 
-// Numbers whose bytes are digits and blanks as well, and texts as long as a number.
+// Binary numbers whose bytes are also digits or blanks, and texts as long as a number.
 TEST(serial_lock_files, numbers_that_look_like_texts) {
     const qor::test::fake_host host;
     const auto holder_in = [&](std::string_view bytes) {

@@ -1,5 +1,5 @@
-// The memory routines against byte-by-byte references: every instruction set that this machine has, and every
-// way that a plan can send a length.
+// The memory routines, compared with byte-by-byte references: with every instruction set of this machine, and on every
+// path that a plan can choose for a length.
 #include "qor/qor.h"
 #include "simd/simd.h"
 #include "support/fenced_memory.h"
@@ -29,8 +29,8 @@ using qor::simd::plan;
 constexpr uint8 guard = 0xa5;
 constexpr uint64 guards = 64; // on each side
 
-// A set and a way to use it: "machine" as on this machine, the others with everything above a few bytes sent
-// the same way, and "low" with all limits so near that lengths around each of them are cheap.
+// An instruction set and a plan to use it: "machine" has this machine's plan. The others handle all but the first few
+// bytes in one way. "low" has such small limits that lengths around each of them are cheap to test.
 struct way {
     std::string name;
     plan by;
@@ -90,7 +90,7 @@ bool is_guard(const uint8* from, const uint8* to) {
     return std::all_of(from, to, [](uint8 one) { return one == guard; });
 }
 
-// Copies, compares, and leaves nothing but guards behind. `to` has guards on both sides.
+// Copies, compares, and checks that the bytes around are unchanged. `to` has guards on both sides.
 bool copies(uint8* to, const uint8* from, uint64 length) {
     simd_memcpy_safe(to, from, length);
     const bool good =
@@ -99,7 +99,7 @@ bool copies(uint8* to, const uint8* from, uint64 length) {
     return good;
 }
 
-// The five fills under one name. The value of the narrow ones is cut from the wide one.
+// The five fills under one name. The narrow ones use the lower part of the wide value.
 struct filler {
     const char* name;
     uint64 width;
@@ -115,7 +115,7 @@ constexpr filler fillers[] = {
 
 constexpr uint64 value = 0x8796a5b4c3d2e1f0;
 
-// The reference: byte after byte, each element laid down as the machine keeps it.
+// The reference: byte by byte, each element in the byte order of the machine.
 bytes filled(const filler& by, uint64 length) {
     bytes made(length);
     for (uint64 i = 0; i < length; ++i) {
@@ -143,7 +143,7 @@ bool fills(const filler& by, uint8* to, const bytes& expected, uint64 length) {
     return good;
 }
 
-// The first address in `memory` behind its guards that is a multiple of `size`.
+// Returns the first multiple of `size` in `memory` after its guards.
 uint8* aligned_in(bytes& memory, uint64 size) {
     const auto first = reinterpret_cast<std::uintptr_t>(memory.data()) + guards;
     return memory.data() + guards + (size - first % size) % size;
@@ -189,7 +189,7 @@ TEST_P(simd, copies_around_every_limit) {
                     << "to +" << ahead << " from +" << behind << " length " << length;
 }
 
-// Where loads seem to depend on stores, copies go backwards.
+// If loads appear to depend on stores, copies go backwards.
 TEST_P(simd, copies_at_every_distance_within_a_page) {
     constexpr uint64 page = 4096;
     constexpr uint64 room = 9000 + page;
@@ -258,7 +258,7 @@ TEST_P(simd, fills_around_every_limit) {
     }
 }
 
-// The lengths at which this machine's own limits lie.
+// The lengths of this machine's own limits.
 TEST_P(simd, serves_the_limits_of_this_machine) {
     const limits& from = GetParam().by.large;
     std::vector<uint64> lengths;
@@ -311,7 +311,7 @@ TEST_P(simd, touches_nothing_for_a_length_of_zero) {
     }
 }
 
-// One thread writes a buffer and then says so; the other one must see all of it.
+// One thread writes a buffer and then signals it; the other must see the whole buffer.
 TEST_P(simd, publishes_to_another_thread) {
     constexpr uint64 size = 6000;
     constexpr uint32 rounds = 2000;
@@ -341,10 +341,10 @@ TEST_P(simd, publishes_to_another_thread) {
     EXPECT_EQ(wrong, 0u);
 }
 
-// ---- which set serves
+// ---- which instruction set is used
 namespace {
 
-// Uses the entries from several threads at once, which all find nothing decided; then says what was decided.
+// Uses the entries from several threads at once before the choice is made, then prints the choice.
 const qor::test::scene first_use{"simd_first_use", [](const qor::test::words&) {
                                      constexpr uint64 size = 5000;
                                      const bytes source = random_bytes(size);

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Looks at the machine code of the wide instruction sets: no vector of more than 16 bytes may lie on the stack.
+"""Checks the machine code of the wide instruction sets: no vector of more than 16 bytes may be stored on the stack.
 
     stack_test.py --objdump PROGRAM OBJECT...
 
-The compiler for Windows aligns the stack to 16 bytes only, yet stores wider vectors there as if they were aligned.
+The compiler for Windows aligns the stack to 16 bytes only, but stores wider vectors there as if they were aligned.
 """
 
 import argparse

@@ -62,7 +62,7 @@ TEST(visible_text, has_nothing_that_steers_whatever_the_bytes) {
             ASSERT_FALSE(next.character >= 0x7f && next.character <= 0x9f);
             rest.remove_prefix(next.size);
         }
-        // What is visible already is not made so again, nor what comes in other pieces.
+        // Visible text is not escaped again, even if it comes in other pieces.
         ASSERT_EQ(visible(shown), shown);
     }
 }

@@ -8,7 +8,7 @@
 
 namespace {
 
-// A thread that writes may hold the stream for as long as nobody reads: here it does until the test ends.
+// A writing thread may hold the stream as long as nobody reads; here it holds it until the test ends.
 TEST(text_for_standard_error, does_not_wait_for_another_thread) {
     flockfile(stdout);
     std::thread([] { EXPECT_TRUE(qor::stream::write_text(stderr, "")); }).join();

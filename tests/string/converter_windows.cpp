@@ -3,11 +3,11 @@
 #include <cstring>
 #include <windows.h>
 
-// The system converts between UTF-8 and UTF-16; between UTF-16 and UTF-32 there is little to do.
+// The system converts between UTF-8 and UTF-16; the step between UTF-16 and UTF-32 is simple.
 
 namespace {
 
-// Surrogates come in pairs here: the system checked them, or wrote them.
+// Surrogates come in pairs here, because the system has checked or written them.
 std::string utf32_of(const std::wstring& text) {
     std::string out;
     for (std::size_t i = 0; i < text.size(); ++i) {

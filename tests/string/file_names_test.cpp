@@ -70,7 +70,7 @@ TEST_P(file_names, parts_of_itself) {
 
 TEST_P(file_names, all_at_once) {
     const sample& expected = GetParam();
-    // The string itself may be any of the three results, or none.
+    // The string itself may be any of the three results, or none of them.
     for (int own = 0; own < 4; ++own) {
         qorString text(expected.text);
         qorString parts[3];

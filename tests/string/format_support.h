@@ -1,4 +1,4 @@
-// What the tests of printf share.
+// Shared code of the printf tests.
 #pragma once
 
 #include "string_support.h"
@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <string>
 
-// For formats that the compiler would warn of.
+// For formats that cause compiler warnings.
 inline void print(qorString& text, const char* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);

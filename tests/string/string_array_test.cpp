@@ -59,7 +59,7 @@ TEST(string_array, an_element_behind_the_count_is_a_spare_one) {
         return true;
     };
     EXPECT_TRUE(are_empty(3));
-    // Each way to have fewer elements leaves storage behind, but no text.
+    // Each operation that removes elements keeps their storage but no text.
     qorString one("one");
     one.Tokenise_WS(array);
     EXPECT_EQ(list(array), texts{"one"});
@@ -80,7 +80,7 @@ TEST(string_array, an_element_behind_the_count_is_a_spare_one) {
     EXPECT_TRUE(are_empty(1));
 }
 
-// The element is changed, so that its own text can be told from none at all.
+// The element is changed, so that its text differs from an empty one.
 TEST(string_array, an_index_behind_the_count_gives_the_element_all_the_same) {
     qorStringArray array = array_of({"first"});
     ASSERT_GT(array.m_data.alloc, 2u);
@@ -267,7 +267,7 @@ TEST(string_array, an_order_that_contradicts_itself_gives_some_order) {
     }
 }
 
-// Long runs of changes, many of them with the array as its own source, against the C++ library's vector.
+// Long runs of changes, many with the array as its own source, compared with the C++ library's vector.
 TEST(string_array, behaves_as_the_plain_model) {
     generator random(29);
     for (int round = 0; round < 200; ++round) {

@@ -1,4 +1,4 @@
-// printf in a thread that has a locale of its own, and lines that are read while signals come.
+// printf in a thread with its own locale, and lines that are read while signals arrive.
 #include "format_support.h"
 #include "support/platform.h"
 
@@ -28,7 +28,7 @@ TEST(string_format, a_thread_without_a_locale_has_none_afterwards) {
     EXPECT_EQ(uselocale(nullptr), LC_GLOBAL_LOCALE);
 }
 
-// The system ends a read for a handler that did not ask for anything else.
+// The system interrupts a read for a signal handler without SA_RESTART.
 TEST(string_lines, are_read_to_their_end_whatever_signals_come) {
     struct sigaction action = {};
     struct sigaction before;

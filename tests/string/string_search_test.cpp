@@ -36,13 +36,13 @@ TEST(string_compare, the_first_bytes) {
     EXPECT_EQ(qorString("abc").CompareN("abc", 99), 0);
     EXPECT_LT(qorString("ab").CompareN("abc", 3), 0);
     EXPECT_EQ(qorString("abc").CompareN("xyz", 0), 0);
-    // No more than that is read: the other text need not be terminated.
+    // No more than the length is read: the other text need not be terminated.
     const auto end = std::make_unique<char[]>(3);
     std::memcpy(end.get(), "abc", 3);
     EXPECT_EQ(qorString("abcd").CompareN(end.get(), 3), 0);
 }
 
-// The C library's strcasecmp takes other bytes for letters on some systems.
+// On some systems the C library's strcasecmp treats other bytes as letters.
 std::string lower_case(std::string text) {
     for (char& c : text)
         if (c >= 'A' && c <= 'Z')

@@ -1,4 +1,4 @@
-// For the string tests: framework strings and arrays as the C++ library's, which serve as the plain model.
+// For the string tests: framework strings and arrays converted to types of the C++ library, which serve as the model.
 #pragma once
 
 #include "qor/qor.h"
@@ -18,19 +18,19 @@ inline std::vector<std::string> list(const qorStringArray& array) {
     return elements;
 }
 
-// What holds between any two operations.
+// Checks the invariants that hold between any two operations.
 inline bool is_sound(const qorString& text) {
     const qorString::data& data = text.m_data;
     return data.text == nullptr ? data.length == 0 && data.alloc == 0
                                 : data.length < data.alloc && data.text[data.length] == '\0';
 }
 
-// Seeded: a failure comes again.
+// Seeded, so that a failure can be reproduced.
 class generator {
 public:
     explicit generator(uint32 seed) : m_engine(seed) {}
 
-    // 0 to limit - 1.
+    // Returns 0 to limit - 1.
     uint32 below(uint32 limit) { return static_cast<uint32>(m_engine() % limit); }
 
     std::string from(const std::string& alphabet, uint32 length_limit) {

@@ -145,7 +145,7 @@ TEST(string, insert_and_remove) {
     EXPECT_EQ(bytes(text), "b");
 }
 
-// Every part of the string, with its terminator too, goes into the string itself, both with room to spare and
+// Every part of the string, also with its terminator, is a source for the string itself: with spare storage, and
 // without, where the string has to move.
 TEST(string, sources_may_lie_in_the_string_itself) {
     const std::string plain = "0123456789abcdef!";
@@ -198,7 +198,7 @@ TEST(string, locked_buffer) {
     text.UnlockBuffer(50);
     EXPECT_EQ(bytes(text), std::string(50, 'x'));
 
-    // A buffer that is full to its last byte ends there, though the storage may be larger.
+    // A completely filled buffer ends at its last byte, even if the storage is larger.
     buffer = text.LockBuffer(60);
     std::fill_n(buffer, 60, 'y');
     text.UnlockBuffer();
@@ -322,7 +322,7 @@ std::string plain_trim(const std::string& text, bool left, bool right) {
     return last == text.npos ? "" : text.substr(begin, last + 1 - begin);
 }
 
-// Long runs of changes, half of them with the string as its own source, against the C++ library's string.
+// Long runs of changes, half of them with the string as its own source, compared with the C++ library's string.
 TEST(string, behaves_as_the_plain_model) {
     generator random(20);
     const std::string alphabet = "aZ \t\n\0\xc3\xa9"s;

@@ -48,7 +48,7 @@ TEST(tokens, the_string_may_be_an_element_of_the_result) {
     EXPECT_EQ(list(array), (words{"p", "q", "r"}));
 }
 
-// A reader that takes line after line into one string and one array stops allocating.
+// A reader that splits line after line with one string and one array stops allocating.
 TEST(tokens, the_elements_storage_is_reused) {
     qorString line("a longer first word and some more words to have slots for");
     qorStringArray array;
@@ -146,7 +146,7 @@ words plain_fields(const std::string& text, char byte) {
 
 TEST(tokens, agree_with_the_plain_loop) {
     generator random(24);
-    qorStringArray out; // one for all: what is left over from before must not show
+    qorStringArray out; // one array for all: earlier contents must not show
     qorString rest, token;
     for (int i = 0; i < 20000; ++i) {
         const std::string plain = random.from("ab, \t\n\v\f\r\0\x85\xa0\xff"s, 40);

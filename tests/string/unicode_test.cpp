@@ -113,7 +113,7 @@ TEST(unicode, what_is_no_character_is_replaced) {
     }
 }
 
-// The samples of the Unicode standard's chapter on replacement, and the borders of every range.
+// The examples of the Unicode standard's chapter on replacement, and the limits of every range.
 TEST(unicode, faults_take_the_longest_prefix_of_a_character) {
     const std::u32string r(1, 0xfffd);
     const struct {
@@ -143,7 +143,7 @@ TEST(unicode, faults_take_the_longest_prefix_of_a_character) {
     }
 }
 
-// Bytes that come near to what is valid, so that every branch of a decoder is reached.
+// Bytes that are almost valid, so that every branch of a decoder is reached.
 std::string nearly_utf8(generator& random, uint32 length_limit) {
     static const std::string interesting =
         "a\0\x7f\x80\x8f\x90\x9f\xa0\xbf\xc0\xc1\xc2\xdf\xe0\xe1\xec\xed\xee\xef\xf0\xf1\xf3\xf4\xf5\xff"s;

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""The sources are formatted as .clang-format says, and shellcheck finds nothing in the shell scripts.
+"""The sources are formatted as .clang-format says, and shellcheck finds no fault in the shell scripts.
 
-clang-format is asked for by its version, because each version formats a little differently.
+clang-format is called by its version, because each version formats a little differently.
 """
 
 import os
@@ -12,7 +12,7 @@ import unittest
 from pathlib import Path
 
 TREE = Path(__file__).resolve().parents[2]
-# Builds, and what no editor of this tree wrote.
+# Build folders, and files that nobody edited by hand.
 PASSED_OVER = {"build", ".git", "__pycache__"}
 
 
@@ -23,14 +23,15 @@ def sources():
 
 
 def is_shell(path):
-    """By the first line: a script has no ending here, and what others source says its shell to shellcheck."""
+    """Recognises a script by its first line: scripts have no file extension here, and files for sourcing name their
+    shell for shellcheck."""
     with open(path, "rb") as file:
         first = file.readline(200)
     return first.startswith((b"#!/usr/bin/env bash", b"#!/bin/bash", b"#!/bin/sh", b"# shellcheck shell="))
 
 
 def check(program, *words):
-    """What the program finds, as one text: empty where it finds nothing."""
+    """Returns the findings of the program as one text; empty if there are none."""
     done = subprocess.run([program, *map(str, words)], cwd=TREE, stdin=subprocess.DEVNULL, text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     return done.stdout if done.returncode == 0 else done.stdout or f"{program} ends with {done.returncode}"

@@ -1,11 +1,11 @@
-"""Files that bear a library's name and are none, for every test that loads libraries."""
+"""Files that have a library's name but are not libraries, for every test that loads libraries."""
 
 import random
 
 
 class DamagedLibraries:
-    """A test case has the sound library in `real`, and in `good_start` how many of its bytes it takes to pass for one;
-    its check_damaged(image) checks what becomes of another image in its place."""
+    """A test case has the sound library in `real`, and in `good_start` the number of bytes that a file needs to look
+    like one. Its check_damaged(image) checks the result for another image in its place."""
 
     def test_empty(self):
         self.check_damaged(b"")

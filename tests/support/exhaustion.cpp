@@ -5,7 +5,7 @@
 
 namespace {
 
-// Of all threads: a variable of one thread may itself need memory.
+// Shared by all threads: a thread-local variable may itself need memory.
 std::atomic<bool> s_refusing{false};
 
 } // namespace
@@ -15,7 +15,7 @@ bool qor::test::is_refused() noexcept { return s_refusing.exchange(false); }
 
 extern "C" {
 
-// The names are the linker's.
+// The linker defines these names.
 void* __real_malloc(std::size_t size);
 void* __wrap_malloc(std::size_t size);
 

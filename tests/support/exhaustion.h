@@ -1,5 +1,5 @@
-// A system that has nothing left, for one request. Test programs are linked with --wrap for what asks it: on every
-// system malloc, on Windows also CreateEventW.
+// A system that fails for one request. Test programs are linked with --wrap for the functions that request resources:
+// malloc on every system, and CreateEventW on Windows.
 #pragma once
 
 namespace qor::test {
