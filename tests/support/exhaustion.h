@@ -4,10 +4,10 @@
 
 namespace qor::test {
 
-// The next of these requests that the program makes fails: its own code's, that is also what a client compiles in.
+// Makes the next of these requests fail that the program's own code makes, including code that a client compiles in.
 void refuse_next_request() noexcept;
 
-// Inside the replacements: whether this request is the one.
+// For the replacements: returns whether this request must fail.
 bool is_refused() noexcept;
 
 } // namespace qor::test

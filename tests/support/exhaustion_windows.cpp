@@ -1,4 +1,4 @@
-// The system's functions are called through pointers that the loader fills in; the linker replaces the pointer.
+// System functions are called through pointers that the loader fills in; the linker replaces the pointer.
 #include "support/exhaustion.h"
 
 #include <windows.h>

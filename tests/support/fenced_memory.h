@@ -1,5 +1,4 @@
-// Memory that ends where it says: the pages on both sides of it cannot be read or written, so that a single
-// byte too many ends the test.
+// Memory between two pages that cannot be read or written, so that an access one byte beyond its end stops the test.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +7,7 @@ namespace qor::test {
 
 class fenced_memory {
 public:
-    // At least `size` bytes, whole pages, zeroed.
+    // Allocates at least `size` bytes, in whole pages, zeroed.
     explicit fenced_memory(std::size_t size);
     fenced_memory(const fenced_memory&) = delete;
     fenced_memory& operator=(const fenced_memory&) = delete;

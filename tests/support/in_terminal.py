@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Runs a program in a terminal of its own: some things exist only there, such as Ctrl-C.
+"""Runs a program on a terminal of its own, because some things, such as Ctrl-C, exist only there.
 
     in_terminal.py PROGRAM WORDS...
 
-Its standard input is the terminal; what it writes goes where ours does. The exit code is the program's.
+Its standard input is the terminal; its output goes to the same places as ours. The exit code is the program's.
 """
 
 import os

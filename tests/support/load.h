@@ -1,4 +1,4 @@
-// The size of a test that takes long: the brief form is everybody's, the whole one is for `./test load`.
+// The size of a long test: every suite runs the brief form, `./test load` the whole one.
 #pragma once
 
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// What tests have to know of the system that they run on.
+// Properties of the system that tests need to know.
 #pragma once
 
 #include "support/temp_folder.h"
@@ -9,38 +9,38 @@
 namespace qor::test {
 
 std::string process_id();
-std::string thread_id(); // the calling thread's
+std::string thread_id(); // of the calling thread
 
-// Returns when all of these threads of this process are asleep, or gone; each must be about to do nothing but wait for
-// one thing. Where the system does not tell, it only lets the milliseconds pass.
+// Returns when all of these threads of this process are asleep or gone. Each must be about to wait for one event and do
+// nothing else. If the system does not report the states of threads, only waits for `milliseconds`.
 void wait_until_asleep(const std::vector<std::string>& thread_ids, int milliseconds);
 extern const bool tells_who_sleeps;
 
-// Ctrl-C, sent to this process by itself.
+// Sends Ctrl-C to this process.
 void interrupt_process();
 
-// Ends this process at once, so that nothing of its own runs any more; the code that others see then.
+// Ends this process at once, without running any more of its code; the exit code that others then see.
 void kill_process();
 inline constexpr int killed_code = 137;
 
-// The program's name as it is without being told.
+// Returns the program's default name.
 std::string program_name();
 
-// How the system words what went wrong with a path.
+// The system's texts for errors with a path.
 struct reasons {
-    std::string no_file;   // the last part is not there
-    std::string no_folder; // a part before it is not there
-    std::string a_folder;  // it is a folder
+    std::string no_file;   // the last part is missing
+    std::string no_folder; // an earlier part is missing
+    std::string a_folder;  // the path is a folder
     std::string below_a_file;
-    std::string no_name; // an empty text
-    std::string full;    // no room is left on the disk
+    std::string no_name; // the text is empty
+    std::string full;    // the disk is full
 };
 reasons system_reasons();
 
-// A file that takes no byte, as on a full disk. Null: this system has none.
+// A file that accepts no byte, as on a full disk. Null: this system has none.
 extern const char* const full_disk;
 
-// A locale whose decimal point is a comma, for as long as this object lives.
+// Sets a locale whose decimal point is a comma while this object lives.
 class comma_locale {
 public:
     comma_locale();
@@ -54,7 +54,7 @@ private:
 
 } // namespace qor::test
 
-// For tests of a full disk.
+// Skips a test of a full disk if the system has no such file.
 #define QOR_NEEDS_FULL_DISK()                                                                                          \
     if (qor::test::full_disk == nullptr)                                                                               \
     GTEST_SKIP() << "this system has no file that is always full"

@@ -16,7 +16,7 @@ std::string qor::test::thread_id() { return std::to_string(gettid()); }
 
 namespace {
 
-// How a thread was found. It sleeps as long as the count of its waits stays the same.
+// The state in which a thread was found. It sleeps as long as the count of its waits does not change.
 struct state_of_thread {
     bool is_asleep = true;
     std::string waits;
@@ -39,8 +39,8 @@ state_of_thread look_at(const std::string& thread_id) {
 
 const bool qor::test::tells_who_sleeps = true;
 
-// One look does not do: a thread may be asleep for a lock that another one is about to open. Where all are asleep from
-// one look to the next, nobody holds any.
+// One look is not enough: a thread may be waiting for a lock that another is about to release. If all threads are
+// asleep at two looks in a row, no thread holds such a lock.
 void qor::test::wait_until_asleep(const std::vector<std::string>& thread_ids, int) {
     std::vector<state_of_thread> before;
     for (bool all_asleep = false; !all_asleep;) {
@@ -64,7 +64,7 @@ qor::test::reasons qor::test::system_reasons() {
             "Not a directory",           "No such file or directory", "No space left on device"};
 }
 
-// Of the C library's own form, so that none needs to be installed.
+// Built in the C library's own format, so that no locale needs to be installed.
 qor::test::comma_locale::comma_locale() {
     static constexpr char numeric[] =
         "\x14\x11\x03\x20\x06\0\0\0\x20\0\0\0\x22\0\0\0\x24\0\0\0\x28\0\0\0\x2c\0\0\0\x30\0\0\0"

@@ -8,7 +8,7 @@
 
 namespace {
 
-// Wine and Windows word them differently, and a Windows of another language differently again.
+// Wine and Windows have different texts, which also depend on the language of Windows.
 std::string wording(DWORD code) {
     char text[512];
     DWORD length = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0, text,
@@ -31,7 +31,7 @@ bool can_be_opened(const char* path) {
 std::string qor::test::process_id() { return std::to_string(GetCurrentProcessId()); }
 std::string qor::test::thread_id() { return std::to_string(GetCurrentThreadId()); }
 
-// Wine does not know the states of threads.
+// Wine does not report the states of threads.
 const bool qor::test::tells_who_sleeps = false;
 void qor::test::wait_until_asleep(const std::vector<std::string>&, int milliseconds) {
     Sleep(static_cast<DWORD>(milliseconds));
@@ -45,7 +45,7 @@ std::string qor::test::program_name() {
 void qor::test::interrupt_process() { EXPECT_NE(GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0), 0) << GetLastError(); }
 void qor::test::kill_process() { TerminateProcess(GetCurrentProcess(), killed_code); }
 
-// Windows itself has none, but Wine shows the files of its host as a drive.
+// Windows has no such file, but Wine shows the files of its host as a drive.
 const char* const qor::test::full_disk = can_be_opened("Z:/dev/full") ? "Z:/dev/full" : nullptr;
 
 qor::test::reasons qor::test::system_reasons() {

@@ -1,4 +1,5 @@
-// What most test sources include, compiled once for all test programs. Every source still includes what it uses.
+// The headers that most test sources include, compiled once for all test programs. Every source still includes the
+// headers that it uses.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -11,7 +11,7 @@ std::string text(int of) { return std::to_string(of); }
 std::string text(uint64 of) { return std::to_string(of); }
 std::string text(const std::string& of) { return of; }
 
-// "op(a, b, c)"
+// Returns "op(a, b, c)".
 template <class... PARTS>
 std::string call(const char* op, const PARTS&... parts) {
     std::string result = op;
@@ -26,7 +26,7 @@ std::string assertion(const std::string& expr, const std::string& func, const st
     return call("qorAssertFailed", expr, func, file, line);
 }
 
-// What stands in the rows of the copy.
+// The functions in the rows of the copied table.
 struct recorders {
     static const glue::binding_table& real() { return *s_current->m_real; }
 

@@ -1,4 +1,4 @@
-// A binding table that writes down what a client asks of the library.
+// A binding table that records a client's calls of the library.
 #pragma once
 
 #include "qor/qor.h"
@@ -11,10 +11,10 @@
 
 namespace qor::test {
 
-// While one lives, calls of this client go through a copy of the library's table. Assertions, announcements
-// of objects and the memory operations are noted as text and then carried out, but for assertions, which are
-// only noted. Blocks are named #1, #2, … in the order in which they were handed out. One at a time; threads
-// may call.
+// While an object lives, calls of this client go through a copy of the library's table. Memory operations and
+// announcements of objects are recorded as text and then carried out; assertions are only recorded. Blocks are named
+// #1, #2, … in the order in which they were allocated. Only one object may live at a time. Its operations are
+// thread-safe.
 class recording_table {
 public:
     recording_table();
@@ -22,19 +22,19 @@ public:
     recording_table& operator=(const recording_table&) = delete;
     ~recording_table();
 
-    // The calls since the last take, in order.
+    // Returns the calls since the last take(), in order.
     std::vector<std::string> take();
 
-    // Runs `action` as a client that has not bound yet. Tells whether it is still unbound afterwards.
+    // Runs `action` as a client that is not bound yet. Returns whether it is still unbound afterwards.
     static bool unbound(const std::function<void()>& action);
 
-    // The table in use: a test may replace further rows.
+    // The table in use: a test may replace more rows.
     glue::binding_table rows;
 
-    // Called for each announced object, before the call is noted.
+    // Called for each announced object, before the call is recorded.
     std::function<void(const void* object)> on_announce;
 
-    // While it is set, the memory operations find no memory.
+    // While it is true, the memory operations find no memory.
     bool exhausted = false;
 
 private:
@@ -52,7 +52,7 @@ private:
     unsigned m_blocks = 0;
 };
 
-// The note of a failed assertion.
+// The recorded form of a failed assertion.
 std::string assertion(const std::string& expr, const std::string& func, const std::string& file, int line);
 
 } // namespace qor::test

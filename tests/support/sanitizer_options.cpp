@@ -1,5 +1,5 @@
-// How the sanitizers run in test programs: a request that no memory can satisfy fails, as it does without
-// them, and a forked child may start threads. The names are the sanitizers'; without one they are never called.
+// Options of the sanitizers in test programs: a request for too much memory fails as it does without a sanitizer, and a
+// forked child may start threads. The sanitizers define these names; without them the functions are never called.
 #define SANITIZER_OPTIONS(name, options)                                                                               \
     extern "C" [[gnu::visibility("default")]] const char* name();                                                      \
     const char* name() { return options; }

@@ -1,6 +1,6 @@
-// Scenes: parts of a test that need a process of their own, because what they watch happens once in a process (its
-// start, its end, what it decides about memory). A scene stands beside its test; the test program plays it by starting
-// itself anew. Inside a scene the EXPECT macros work as everywhere: one that fails makes the scene end with 99.
+// Scenes: parts of a test that need a process of their own, because they test events that happen once in a process (its
+// start, its end, its decisions about memory). A scene is defined beside its test; the test program plays it by
+// starting itself again. The EXPECT macros work in a scene as usual: if one fails, the scene ends with 99.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ using words = std::vector<std::string>;
 
 class scene {
 public:
-    // `act` gets the words given to play() and returns the exit code.
+    // `act` gets the arguments of play() and returns the exit code.
     scene(const char* name, int (*act)(const words& arguments));
     const char* name() const noexcept { return m_name; }
 
@@ -21,19 +21,19 @@ private:
 };
 
 struct ending {
-    int code; // the exit code; where signals kill, 128 and the signal
+    int code; // the exit code; after a signal, 128 plus its number
     std::string out;
     std::string err;
 };
 
-// Runs a program to its end, with an environment in which nothing of the framework is set but `environment`
-// ("NAME=VALUE"). Standard input is empty. In what it printed, a line end is one byte on every system.
+// Runs a program to its end. Its environment contains only the framework variables of `environment` ("NAME=VALUE").
+// Standard input is empty. In the captured output, a line end is one byte on every system.
 ending run(const words& command, const words& environment = {});
 
-// Where the test program itself lies.
+// Returns the path of the test program itself.
 std::string this_program();
 
-// The command that plays a scene.
+// Returns the command that plays a scene.
 words command(const scene& which, const words& arguments = {});
 
 ending play(const scene& which, const words& arguments = {}, const words& environment = {});

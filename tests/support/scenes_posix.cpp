@@ -23,7 +23,7 @@ std::vector<char*> pointers(const words& texts) {
     return result;
 }
 
-// How instrumented programs report is told them through the environment; it is no part of a test.
+// Instrumented programs get their report settings through the environment, which are not part of a test.
 words make_environment(const words& settings) {
     std::map<std::string, std::string> values{{"PATH", "/usr/bin:/bin"}, {"LC_ALL", "C"}};
     for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"})
@@ -37,7 +37,7 @@ words make_environment(const words& settings) {
     return result;
 }
 
-// What a program prints goes to files, not pipes: it never waits for its reader.
+// Output goes to files, not pipes, so that a program never waits for its reader.
 class output {
 public:
     output() : m_file(std::tmpfile()) {}

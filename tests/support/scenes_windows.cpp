@@ -20,7 +20,7 @@ std::wstring widen(const std::string& text) {
     return result;
 }
 
-// As the C library's start-up code takes a command line apart.
+// Quotes a word so that the C library's start-up code restores it.
 std::wstring quoted(const std::string& word) {
     std::string result = "\"";
     std::size_t backslashes = 0;
@@ -39,7 +39,7 @@ bool is_ours(const std::wstring& setting) {
     return std::ranges::any_of(names, [&](std::wstring_view name) { return setting.starts_with(name); });
 }
 
-// The system itself needs much of its environment. Sorted, as it wants it.
+// The system itself needs much of its environment. The variables must be sorted.
 std::wstring make_environment(const words& settings) {
     std::map<std::wstring, std::wstring> values{{L"LC_MESSAGES", L"C"}};
     wchar_t* const present = GetEnvironmentStringsW();
@@ -62,7 +62,7 @@ HANDLE open_inherited(const std::wstring& path, DWORD access, DWORD how) {
     return CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited, how, 0, nullptr);
 }
 
-// What a program prints goes to files, not pipes: it never waits for its reader.
+// Output goes to files, not pipes, so that a program never waits for its reader.
 class output {
 public:
     output() {

@@ -1,20 +1,21 @@
-"""The kinds of things that anybody may put in the place of a file that a program looks for by itself: for runs that must end all the same."""
+"""The kinds of objects that anybody may put in place of a file that a program opens by itself. The program must not
+hang on any of them."""
 
 import contextlib
 import os
 import shutil
 import socket
 
-# The pipe with text has a writer that keeps it open, so that it never ends.
+# The pipe with text has a writer that keeps it open, so reading it never ends.
 KINDS = ("pipe", "pipe with text", "folder", "device", "socket", "link to itself", "link to nothing")
 
-# The system's words for some of them.
+# The system's error texts for some of them.
 REASONS = {"folder": "Is a directory", "link to itself": "Too many levels of symbolic links"}
 
 
 @contextlib.contextmanager
 def strange_file(kind, path, text=b"text\n"):
-    """One of these kinds at the path, which may have a file before and has it again afterwards."""
+    """Puts one of these kinds at the path; an existing file is restored afterwards."""
     kept = path.with_name(path.name + ".kept")
     if path.exists():
         path.rename(kept)
@@ -31,7 +32,7 @@ def strange_file(kind, path, text=b"text\n"):
             path.symlink_to("/dev/zero")
         elif kind == "socket":
             listener = stack.enter_context(socket.socket(socket.AF_UNIX))
-            # The system takes short paths only.
+            # The system accepts only short paths here.
             folder = os.open(path.parent, os.O_PATH | os.O_DIRECTORY)
             stack.callback(os.close, folder)
             listener.bind(f"/proc/self/fd/{folder}/{path.name}")

@@ -1,4 +1,4 @@
-// The kinds of things that anybody may put in the place of a file that a program looks for by itself.
+// The kinds of objects that anybody may put in place of a file that a program opens by itself.
 #pragma once
 
 #include "support/temp_folder.h"
@@ -15,7 +15,7 @@ namespace qor::test {
 inline constexpr const char* strange_kinds[] = {"pipe",   "pipe with text", "folder",
                                                 "device", "socket",         "link to itself"};
 
-// One of these kinds at a path, gone with the object. The pipe with text has a writer that keeps it open.
+// One of these kinds at a path; the destructor removes it. The pipe with text has a writer that keeps it open.
 class strange_file {
 public:
     strange_file(std::string_view kind, std::string path, std::string_view text = "text\n") : m_path(std::move(path)) {

@@ -1,4 +1,4 @@
-// A folder for the files of one test, gone with the object; and whole files as texts.
+// A folder for the files of one test, which the destructor removes; and functions that read and write whole files.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -36,7 +36,7 @@ public:
     const std::string& path() const { return m_path; }
     std::string operator/(std::string_view name) const { return m_path + '/' + std::string(name); }
 
-    // A new file with these bytes; its path.
+    // Writes a new file with these bytes and returns its path.
     std::string file(std::string_view name, std::string_view bytes) const {
         std::ofstream(*this / name, std::ios::binary) << bytes;
         return *this / name;

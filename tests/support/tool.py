@@ -1,4 +1,4 @@
-"""The tool under test, as the tests in Python run it: directly, or where it is a Windows program, under Wine."""
+"""Runs the tool under test, for the Python tests: directly, or under Wine if it is a Windows program."""
 
 import os
 import re
@@ -8,20 +8,20 @@ from pathlib import Path
 
 NOBODY = 65534
 
-# What Wine and Windows say where POSIX says something else. The tests know one wording, that of POSIX.
+# Texts of Wine and Windows that differ from those of POSIX. The tests use only the wording of POSIX.
 REASONS = {
     b"File not found": b"No such file or directory",
     b"The system cannot find the file specified": b"No such file or directory",
     b"Path not found": b"No such file or directory",
     b"The system cannot find the path specified": b"No such file or directory",
-    b"error 336": b"Is a directory",  # Wine has no words for it
+    b"error 336": b"Is a directory",  # Wine has no text for it
     b"An operation is not supported on a directory": b"Is a directory",
 }
 REASON = re.compile(b"|".join(map(re.escape, REASONS)))
 
 
 def public_folder():
-    """A temporary folder that every user may enter. The usual place can lie in somebody's private one."""
+    """A temporary folder that every user may enter. The usual place may be in a private folder."""
     for place in map(Path, (tempfile.gettempdir(), "/tmp", "/var/tmp")):
         if place.is_dir() and all(folder.stat().st_mode & 0o001 for folder in (place.resolve(), *place.resolve().parents)):
             folder = tempfile.TemporaryDirectory(prefix="qor.", dir=place)
@@ -31,8 +31,8 @@ def public_folder():
 
 
 def copy_programs(source, folder):
-    """Copies the tool and what it loads out of the build's folder `source`, which other users may not be able to enter.
-    Returns the tool's path."""
+    """Copies the tool and the files that it loads out of the build's folder `source`, which other users may not be able
+    to enter. Returns the tool's path."""
     for name in ("qortool", "libqor.so"):
         shutil.copy(source / name, folder)
     shutil.copytree(source / "qor", folder / "qor")
@@ -40,8 +40,8 @@ def copy_programs(source, folder):
 
 
 def linked(library, folder):
-    """A path of the library for lists that are parted at blanks and colons, LD_PRELOAD and PAM's rules: a link in this temporary
-    folder."""
+    """Returns a path of the library for lists that are split at blanks and colons, such as LD_PRELOAD and PAM's rules:
+    a link in this temporary folder."""
     link = Path(folder) / Path(library).name
     if not link.exists():
         link.symlink_to(Path(library).resolve())
@@ -49,7 +49,8 @@ def linked(library, folder):
 
 
 def as_nobody():
-    """How subprocess starts a program as a user without rights. A test that runs without root is such a user."""
+    """Returns the options with which subprocess starts a program as a user without rights. A test that does not run as
+    root is such a user."""
     return {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
 
 
@@ -65,14 +66,14 @@ class Tool:
         self.for_windows = self.path.suffix == ".exe"
 
     def environment(self):
-        """A clean one, in which the tool speaks English."""
+        """Returns a clean environment in which the tool speaks English."""
         wanted = {"PATH": os.defpath, "LC_ALL": "C.UTF-8" if self.for_windows else "C"}
-        # An instrumented tool is told through these how to report.
+        # These variables tell an instrumented tool how to report.
         wanted.update((name, value) for name, value in os.environ.items() if name.endswith("SAN_OPTIONS"))
         return wanted
 
     def printed(self, data):
-        """What the tool printed, as it prints it on POSIX. A line end that is not this system's stands out."""
+        """Returns the tool's output as it would be on POSIX. A line end that is not this system's is marked."""
         if not self.for_windows:
             return data
         data = re.sub(rb"(\r?)\n", lambda end: b"\n" if end[1] else b"<no CR>\n", data)

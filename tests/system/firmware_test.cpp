@@ -46,8 +46,8 @@ TEST(firmware, with_what_the_processor_says) {
     EXPECT_EQ(name_hypervisor({true, false, "KVM"}, real), "KVM");
     EXPECT_EQ(name_hypervisor({true, false, ""}, real), "unknown hypervisor");
     EXPECT_EQ(name_hypervisor({true, true, "Hyper-V"}, real), "");
-    EXPECT_EQ(name_hypervisor({true, true, "Hyper-V"}, guest), "Hyper-V"); // a host of guests that is one itself
-    EXPECT_EQ(name_hypervisor({}, guest), "Hyper-V");                      // one that hides its bit
+    EXPECT_EQ(name_hypervisor({true, true, "Hyper-V"}, guest), "Hyper-V"); // a host of guests that is a guest itself
+    EXPECT_EQ(name_hypervisor({}, guest), "Hyper-V");                      // a hypervisor that hides its bit
 }
 
 } // namespace

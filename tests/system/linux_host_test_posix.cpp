@@ -1,4 +1,4 @@
-// Recorded and put-together hosts: what their /proc, /sys and /etc say goes through the same code as this one's.
+// Recorded and invented hosts: the contents of their /proc, /sys and /etc go through the same code as this host's.
 #include "system/linux_host.h"
 
 #include "recorded_cpuid.h"
@@ -91,7 +91,7 @@ TEST(linux_host, wsl_2_is_a_guest_of_hyper_v) {
     EXPECT_EQ(found.hypervisor, "Hyper-V");
 }
 
-// There is no machine under the first one but Windows itself, which may be the host of Hyper-V.
+// WSL 1 runs directly on Windows, which may be the host of Hyper-V.
 TEST(linux_host, wsl_1_is_what_its_windows_is) {
     recorded_cpuid processor = qor::test::bare_xeon().add_hypervisor("Microsoft Hv");
     processor.leaves[{0x40000003, 0}] = {0x00003fff, 0x002bb9ff, 0, 0};
@@ -99,7 +99,7 @@ TEST(linux_host, wsl_1_is_what_its_windows_is) {
     recorded.host.release = "4.4.0-19041-Microsoft";
     EXPECT_EQ(read_facts(recorded.host).enhanced_platform, "Ubuntu 20.04.6 LTS, WSL 1");
     EXPECT_EQ(find_wsl(recorded.host), "WSL 1");
-    recorded.host.release = "4.19.128-microsoft-standard"; // the second one, before it had its name in there
+    recorded.host.release = "4.19.128-microsoft-standard"; // WSL 2, before its release contained its name
     EXPECT_EQ(find_wsl(recorded.host), "WSL 2");
 }
 
@@ -134,7 +134,7 @@ TEST(linux_host, processors_without_cpuid) {
     const auto type = [](const std::string& text) {
         return read_cpuinfo(recorded_host({{"/proc/cpuinfo", text}}).host).type;
     };
-    // Cores of two kinds, one that nobody knows, and other makers' ways of saying it.
+    // Cores of two kinds, an unknown core, and the formats of other makers.
     EXPECT_EQ(type("processor : 0\nCPU implementer : 0x41\nCPU part : 0xd03\n\nprocessor : 1\nCPU implementer : 0x41\n"
                    "CPU part : 0xd09\n\nprocessor : 2\nCPU implementer : 0x41\nCPU part : 0xd09\n"),
               "ARM Cortex-A53, ARM Cortex-A73");
@@ -173,7 +173,7 @@ TEST(linux_host, cores_by_the_older_name_and_without_any) {
     EXPECT_EQ(count_cores(recorded.host), 1u);
 }
 
-// ---- how the distribution describes itself
+// ---- the distribution's own description
 
 TEST(os_release, from_either_place_and_from_none) {
     EXPECT_EQ(read_os_release(recorded_host({{"/usr/lib/os-release", debian}}).host).name, "Debian GNU/Linux");
@@ -255,7 +255,7 @@ TEST(group_memory, the_lowest_limit_around_counts) {
                             {"/sys/fs/cgroup/system.slice/memory.stat", "inactive_file 94371840\n"}});
     const qorMemoryInfo info = memory_of(recorded);
     EXPECT_EQ(info.total, 512 * mib);
-    EXPECT_EQ(info.free, 90 * mib); // what the outer one leaves; the inner one would leave 384
+    EXPECT_EQ(info.free, 90 * mib); // the outer group's rest; the inner one would leave 384
 }
 
 TEST(group_memory, of_the_first_generation) {
@@ -272,7 +272,7 @@ TEST(group_memory, of_the_first_generation) {
     EXPECT_EQ(info.free, 76 * mib);
 }
 
-// Without a namespace of its own a container sees its group's whole path, but only its own group is mounted.
+// Without its own namespace, a container sees its group's whole path, but only its own group is mounted.
 TEST(group_memory, seen_from_inside_a_container) {
     recorded_host recorded(
         {{"/proc/meminfo", meminfo},
@@ -317,7 +317,7 @@ TEST(group_memory, tables_that_are_none) {
     }
 }
 
-// ---- what is around the system
+// ---- containers around the system
 
 TEST(container, kinds) {
     const auto kind = [](const char* path, const std::string& text) {
@@ -332,7 +332,7 @@ TEST(container, kinds) {
     EXPECT_EQ(kind("/proc/1/cgroup", "0::/system.slice/docker-0123.scope\n"), "docker container");
     EXPECT_EQ(kind("/proc/1/cgroup", "0::/lxc.payload.one/init.scope\n"), "lxc container");
     EXPECT_EQ(kind("/proc/vz/veinfo", ""), "openvz container");
-    // The manager itself is in none.
+    // The container manager itself is not in a container.
     EXPECT_EQ(kind("/proc/1/cgroup", "0::/system.slice/docker.service\n"), "");
     EXPECT_EQ(kind("/proc/1/cgroup", "0::/init.scope\n"), "");
     EXPECT_EQ(find_container(recorded_host({{"/proc/vz/veinfo", ""}, {"/proc/bc/0", ""}}).host), "");

@@ -12,7 +12,7 @@ using qor::test::bare_xeon;
 using qor::test::epyc_in_kvm;
 using qor::test::recorded_cpuid;
 
-// What the kernel of the same host says in /proc/cpuinfo.
+// The values that the kernel of the same host shows in /proc/cpuinfo.
 TEST(processor, by_name_family_model_and_stepping) {
     EXPECT_EQ(read_processor(epyc_in_kvm()).type, "AMD EPYC");
     EXPECT_EQ(read_processor(epyc_in_kvm()).extended,
@@ -60,7 +60,7 @@ TEST(processor, without_cpuid_nothing_is_known) {
 
 TEST(hypervisor, none_without_its_bit) {
     recorded_cpuid source = bare_xeon();
-    source.leaves[{0x40000000, 0}] = {0x07, 0x340, 0x340, 0}; // processors answer unknown leaves with the last one's
+    source.leaves[{0x40000000, 0}] = {0x07, 0x340, 0x340, 0}; // an unknown leaf has the data of the last one
     EXPECT_FALSE(read_hypervisor(source).is_there);
 }
 
@@ -83,7 +83,7 @@ TEST(hypervisor, behind_an_emulation_of_hyper_v) {
     for (const auto& [signature, name] : {std::pair{"KVMKVMKVM", "KVM"}, {"XenVMMXenVMM", "Xen"}}) {
         recorded_cpuid source = bare_xeon();
         source.add_hypervisor("Microsoft Hv").add_hypervisor(signature, 0x40000100);
-        source.leaves[{0x40000003, 0}].b = 0x1001; // were it Hyper-V, this would be its host
+        source.leaves[{0x40000003, 0}].b = 0x1001; // for Hyper-V this would mean the host
         EXPECT_EQ(read_hypervisor(source).name, name);
         EXPECT_FALSE(read_hypervisor(source).is_ours);
     }

@@ -1,4 +1,4 @@
-// For tests: a processor that was recorded, or put together.
+// For tests: a recorded or invented processor.
 #pragma once
 
 #include "system/cpuid.h"
@@ -22,7 +22,7 @@ public:
     registers hypervisor_leaf(uint32 number) const noexcept override { return leaf(number, 0); }
     uint64 kept_registers() const noexcept override { return kept; }
 
-    // A hypervisor's name of twelve bytes at its leaf; the processor says that there is one.
+    // Adds a hypervisor with a name of twelve bytes at its leaf, and sets the processor's bit for it.
     recorded_cpuid& add_hypervisor(std::string name, uint32 at = 0x40000000) {
         name.resize(12, '\0');
         registers& found = leaves[{at, 0}];
@@ -49,7 +49,7 @@ inline recorded_cpuid epyc_in_kvm() {
     return source;
 }
 
-// An Intel Xeon E5-2680 v4, nothing between it and the system.
+// An Intel Xeon E5-2680 v4 without a hypervisor.
 inline recorded_cpuid bare_xeon() {
     recorded_cpuid source;
     source.leaves = {

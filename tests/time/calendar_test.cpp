@@ -24,7 +24,7 @@ std::string formatted(const char* format, const qorTimeInfo& info) {
     return text.Text();
 }
 
-// The C++ library's calendar, as far as it goes; every byte as month and as day.
+// Compares with the C++ library's calendar, in its range; every byte is tried as month and as day.
 TEST(day_of_week, is_the_librarys_calendar) {
     using namespace std::chrono;
     for (const int y : {1, 4, 100, 400, 1582, 1600, 1900, 2000, 2023, 2024, 9999, 32767})
@@ -42,13 +42,13 @@ TEST(day_of_week, is_the_librarys_calendar) {
 TEST(day_of_week, there_is_no_year0_and_the_last_is65535) {
     EXPECT_LT(qorGetDayOfWeek(date(0, 1, 1)), 0);
     EXPECT_EQ(qorGetDayOfWeek(date(1, 1, 1)), 0);
-    // 400 years have a whole number of weeks: 65535 is like 1935.
+    // 400 years have a whole number of weeks, so 65535 is like 1935.
     EXPECT_EQ(qorGetDayOfWeek(date(65535, 12, 31)), qorGetDayOfWeek(date(1935, 12, 31)));
     EXPECT_LT(qorGetDayOfWeek(date(65535, 2, 29)), 0);
     EXPECT_EQ(qorGetDayOfWeek(date(65532, 2, 29)), qorGetDayOfWeek(date(1932, 2, 29)));
 }
 
-// Both ways between clock and date.
+// Converts in both directions between clock and date.
 TEST(day_of_week, is_the_weekday_of_the_clock) {
     std::mt19937_64 random(20);
     for (int i = 0; i < 100'000; ++i) {
@@ -58,10 +58,10 @@ TEST(day_of_week, is_the_weekday_of_the_clock) {
     }
 }
 
-// Of the C library's formatting, what does not change with the locale.
+// Compares with the C library's formatting, for formats that do not depend on the locale.
 TEST(format_time, says_what_the_c_library_says) {
     static constexpr char format[] = "%%%d/%m/%y @ %H:%M:%S|%Y %j|%F %T %z%%|%u";
-    constexpr uint64 begin_of_1900 = 9'435'484'800 * qorTicksPerSecond; // older years are not for every C library
+    constexpr uint64 begin_of_1900 = 9'435'484'800 * qorTicksPerSecond; // some C libraries cannot format older years
     std::mt19937_64 random(21);
     for (int i = 0; i < 20'000; ++i) {
         const uint64 clock = begin_of_1900 + random() % (250'000'000'000 * qorTicksPerSecond);
@@ -80,7 +80,7 @@ TEST(format_time, says_what_the_c_library_says) {
                 ++same.tm_yday;
         same.tm_yday += info.day - 1;
         char expected[200];
-        // The C library of Windows does not know all of ours.
+        // The C library of Windows lacks some of our formats.
         static constexpr char known[] = "%%%d/%m/%y @ %H:%M:%S|%Y %j|%Y-%m-%d %H:%M:%S +0000%%|";
         const std::size_t length = std::strftime(expected, sizeof expected, known, &same);
         ASSERT_NE(length, 0u);

@@ -17,7 +17,7 @@ uint32 last_error() {
     return qorGetLastError(text);
 }
 
-// The C++ library's clock, read before and after; a clock that is set back in between makes another round.
+// Reads the C++ library's clock before and after; if a clock is set back in between, the test repeats.
 TEST(system_time, is_the_systems_clock_counted_from1601) {
     using namespace std::chrono;
     const auto now = [] {
@@ -62,7 +62,7 @@ TEST(time_zone_offset, is_that_of_now) {
     } while (info.utc_offset != before);
 }
 
-// Whatever the zone is: a local time that there is comes back, and one that is skipped comes back later.
+// In any zone: a local time that exists converts back to itself, and a skipped one to a later time.
 TEST(convert_local_time_info, goes_back_and_forth) {
     std::mt19937_64 random(22);
     constexpr uint64 day = 86'400 * qorTicksPerSecond;
@@ -71,12 +71,12 @@ TEST(convert_local_time_info, goes_back_and_forth) {
         qorTimeInfo info;
         qorConvertTime(clock, true, info);
         const int32 offset = info.utc_offset;
-        info.weekday = 99; // neither counts
+        info.weekday = 99; // neither is used
         info.utc_offset = 99;
         const uint64 again = qorConvertLocalTimeInfo(info);
         qorTimeInfo shown;
         qorConvertTime(again, true, shown);
-        // Of a time that comes twice, the first is meant.
+        // If a time comes twice, the first is used.
         ASSERT_LE(again, clock);
         ASSERT_EQ((clock - again) / qorTicksPerSecond, static_cast<uint64>(shown.utc_offset - offset)) << clock;
         info.weekday = shown.weekday;

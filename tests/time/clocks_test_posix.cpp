@@ -48,7 +48,7 @@ TEST(convert_local_time_info, the_first_tick_and_the_last) {
     EXPECT_EQ(last_error(text), uint32{qorError_no_such_time});
 }
 
-// The beginning of the count is a time of 1600 in the west.
+// In western zones, the beginning of the count is a time of 1600.
 TEST(convert_local_time_info, one_tick_behind_the_beginning_of_the_count) {
     const zone set("XXX5");
     EXPECT_EQ(qorConvertLocalTimeInfo({1600, 12, 31, 19, 0, 0, 0, 1, 0}), 1u);
@@ -108,7 +108,7 @@ TEST(zone_name, an_unknown_one_is_the_last_error_of_each_call) {
     EXPECT_EQ(last_error(text), uint32{qorError_none});
 }
 
-// The C library uses what it understands of a name.
+// The C library uses the part of a name that it understands.
 TEST(zone_name, one_that_is_half_understood) {
     struct {
         const char* name;
@@ -153,7 +153,7 @@ TEST(zone_name, leap_seconds_are_not_supported) {
     EXPECT_NE(std::string(text.Text()).find("'right/Europe/Berlin' counts leap seconds"), std::string::npos);
 }
 
-// Summer time from 27 March, 12:00, to the next day, 12:00 by its own clocks.
+// Summer time begins on 27 March at 12:00 and ends on the next day at 12:00 of its own clocks.
 TEST(convert_local_time_info, two_changes_within_a_day) {
     const zone set("AAA0BBB-1,J86/12,J87/12");
     constexpr uint64 noon = 13'261'320'000; // of 27 March 2021, in seconds

@@ -12,12 +12,12 @@ constexpr uint64 day = 86'400 * qorTicksPerSecond;
 
 qorTimeInfo utc(uint64 clock) {
     qorTimeInfo info;
-    std::memset(&info, 0xee, sizeof info); // every field is set
+    std::memset(&info, 0xee, sizeof info); // every field must be set
     qorConvertTime(clock, false, info);
     return info;
 }
 
-// A calendar that turns its leaves one by one.
+// A calendar that advances day by day.
 struct leaves {
     unsigned year = 1601, month = 1, day = 1, weekday = 0; // a Monday
 
@@ -44,7 +44,7 @@ TEST(convert_time, every_day_there_is) {
     for (uint64 number = 0; number <= ~0ull / day; ++number, model.next())
         ASSERT_TRUE(model.is_date_of(utc(number * day + number % day)))
             << model.year << " " << model.month << " " << model.day;
-    EXPECT_EQ(model.year, 60056u); // as far as 64 bits go
+    EXPECT_EQ(model.year, 60056u); // the largest year of a 64-bit count
 }
 
 TEST(convert_time, every_second_of_a_day) {
@@ -76,7 +76,7 @@ TEST(convert_time, the_first_tick_and_the_last) {
     EXPECT_EQ(last.ticks, 9'551'615u);
 }
 
-// The C++ library's calendar, as far as it goes.
+// Compares with the C++ library's calendar, in its range.
 TEST(convert_time, is_the_librarys_calendar) {
     using namespace std::chrono;
     constexpr sys_days begin = 1601y / January / 1;
@@ -93,7 +93,7 @@ TEST(convert_time, is_the_librarys_calendar) {
     }
 }
 
-// Whatever the zone is: local time is the time of UTC, so much ahead as it says.
+// In any zone: local time is UTC plus the offset that is returned.
 TEST(convert_time, local_time_is_utc_and_its_offset) {
     std::mt19937_64 random(11);
     for (int i = 0; i < 20'000; ++i) {

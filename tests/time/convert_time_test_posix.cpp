@@ -19,7 +19,7 @@ std::string local(int64 unix_time) {
     return text.Text();
 }
 
-// What `date` of the GNU coreutils says of these moments; the zones are spelt out, so that no database is
+// The expected texts come from `date` of the GNU coreutils; the zones are given as rules, so that no database is
 // needed.
 TEST(convert_time_zones, changes_of_the_zone_take_effect_at_their_second) {
     const zone set("CET-1CEST,M3.5.0,M10.5.0/3");
@@ -37,9 +37,9 @@ TEST(convert_time_zones, zones_on_both_sides_of_utc) {
         EXPECT_EQ(local(253402300799), "10000-01-01 05:44:59 +20700");
     }
     {
-        const zone set("XXX3:30:15"); // a zone changes from one call to the next
+        const zone set("XXX3:30:15"); // the zone changes between two calls
         EXPECT_EQ(local(0), "1969-12-31 20:29:45 -12615");
-        // Behind the beginning of the count and ahead of its end.
+        // Local times before the beginning of the count and after its end.
         EXPECT_EQ(local(-11'644'473'600), "1600-12-31 20:29:45 -12615");
     }
     {

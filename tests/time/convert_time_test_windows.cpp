@@ -7,7 +7,7 @@
 
 namespace {
 
-// Of a year whose rules are today's, the system's plain conversion says the same.
+// For a year with the current rules, the system's plain conversion gives the same result.
 TEST(convert_time_zones, local_time_is_the_systems) {
     SYSTEMTIME now;
     GetSystemTime(&now);
@@ -37,7 +37,7 @@ TEST(convert_time_zones, local_time_is_the_systems) {
     }
 }
 
-// The system counts to the year 30827 only; the calendar repeats every 400 years.
+// The system counts only to the year 30827; the calendar repeats every 400 years.
 TEST(convert_time_zones, times_that_the_system_does_not_know_have_the_rules_of_others_like_them) {
     constexpr uint64 four_centuries = 146'097ull * 86'400 * qorTicksPerSecond;
     const auto offset = [](uint64 clock) {

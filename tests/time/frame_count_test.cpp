@@ -9,7 +9,7 @@
 
 namespace {
 
-// Counts frames one by one, as a display does that is told what to leave out.
+// Counts frames one by one, like a display that skips the dropped numbers.
 class odometer {
 public:
     odometer(unsigned per_second, unsigned dropped) : m_per_second(per_second), m_dropped(dropped) {}
@@ -61,7 +61,7 @@ TEST(frame_count, every_frame_of24_hours_at_the_common_rates) {
             ASSERT_EQ(timecode.pack_u64(), model.now().pack_u64()) << of.rate.fp_val() << " " << count;
             ASSERT_EQ(timecode.GetFrameCount(of.rate, of.drop_frame), count) << of.rate.fp_val();
         }
-        // The standard's own figure: a day at 30000/1001 has 2,589,408 frames.
+        // The standard's own value: a day at 30000/1001 has 2,589,408 frames.
         EXPECT_EQ(count, of.dropped != 0 ? of.dropped * 1'294'704u : of.per_second * 86'400u);
     }
 }
@@ -89,7 +89,7 @@ TEST(frame_count, equal_rates_count_alike) {
     }
 }
 
-// All hours have the same frames, so one hour of the odometer serves every count.
+// Every hour has the same frames, so one hour of the odometer is enough for every count.
 TEST(frame_count, any_count_of64_bits) {
     std::mt19937_64 random(7);
     for (const rate_case& of : common_rates) {
@@ -112,10 +112,10 @@ TEST(frame_count, any_count_of64_bits) {
     }
 }
 
-// The nearest whole number of frames, a half upwards; never none.
+// The nearest whole number of frames, halves rounded up; at least one.
 TEST(frame_count, any_rational_rate) {
     const auto numbers_in_a_second = [](const qorRational& rate) {
-        // The first count that is a second later.
+        // Finds the first count that is one second later.
         uint64 low = 1, high = uint64{1} << 32;
         while (low < high) {
             const uint64 middle = (low + high) / 2;
@@ -145,7 +145,7 @@ TEST(frame_count, any_rational_rate) {
         const qorRational rate(static_cast<int32>((random() & 0x7fffffff) >> random() % 31 | 1),
                                static_cast<uint32>(random()) >> random() % 32 | 1);
         const auto numerator = static_cast<uint32>(rate.numerator);
-        // n is nearest where 2n - 1 <= 2 * rate < 2n + 1.
+        // n is nearest if 2n - 1 <= 2 * rate < 2n + 1.
         const uint64 n = numbers_in_a_second(rate);
         const uint64 twice = 2ull * numerator;
         EXPECT_GT((2 * n + 1) * rate.denominator, twice);

@@ -1,6 +1,6 @@
-// Converts times as it is told, a line of input for a line of output:
+// Converts times; each line of input gives a line of output:
 //
-//     zone NAME                        TZ from now on; answers whether the last error was set
+//     zone NAME                        sets TZ; prints whether the last error was set
 //     utc SECOND                       second of 1970: the local time's offset from UTC
 //     local YEAR MONTH DAY H M S       the second of 1970 of this local time
 #include "qor/qor.h"

@@ -1,15 +1,15 @@
 #!/usr/bin/env python3
-"""Local times by 10,000 generated rules, as POSIX writes them in TZ, beside Python's zoneinfo and the C library's own
+"""Local times by 10,000 generated POSIX rules for TZ, compared with Python's zoneinfo and with the C library's
 localtime and mktime.
 
-The rules are odder than those of any real zone: offsets of up to a day to both sides, changes at any second of a week
-around any day, two changes within hours of each other. A rule has two offsets, so that a plain search is easy: the second
-of a local time is the earlier one of the two at which one of the offsets holds, and of a skipped time the lower offset
-counts, which was there before.
+The rules are odder than those of any real zone: offsets of up to a day in both directions, changes at any second of a
+week around any day, two changes within hours of each other. A rule has two offsets, so a plain search is easy: the
+second of a local time is the earlier of the two seconds at which one of the offsets is in effect. For a skipped time
+the lower offset counts, which was in effect before.
 
-Python and the C library part where a change lies within days of the end of a year, where a rule counts the days of the year
-from 0, which Python counts from 1, and where it names J59, which Python takes for 29 February in leap years. There only the
-C library counts, because the framework's local time is that of the system.
+Python and the C library differ if a change is within days of the end of a year, if a rule counts the days of the year
+from 0, which Python counts from 1, and if it names J59, which Python takes for 29 February in leap years. There only
+the C library counts, because the framework's local time is that of the system.
 
 usage: rules_test.py --program PATH [--count N] [--seed N]
 """
@@ -46,7 +46,7 @@ def some_offset(source):
 
 
 def some_change(source, day, forms):
-    """A change within a week of this day of the year."""
+    """Returns a change within a week of this day of the year."""
     at = source.choice([7200, 0, 10800, 43200, source.randrange(DAY), source.randrange(-6 * DAY, 6 * DAY)])
     form = source.choice(forms)
     if form == "J":
@@ -60,7 +60,7 @@ def some_change(source, day, forms):
 
 
 def some_rule(source):
-    """(rule, its two offsets, the day of the year around which both of its changes lie, or None)"""
+    """Returns (rule, its two offsets, the day of the year near which both of its changes are, or None)."""
     standard = some_offset(source)
     summer = standard + source.choice([3600, 3600, 1800, 7200, -3600, source.randint(-DAY // 2, DAY // 2)])
     if not -DAY < summer < DAY:
@@ -75,7 +75,7 @@ def some_rule(source):
 
 
 def zone_of(rule):
-    """A file of the zone database that has no change of its own, only the rule for all times."""
+    """Builds a file of the zone database that has no change of its own, only the rule for all times."""
     header = b"TZif2" + bytes(15)
     empty = header + struct.pack(">6l", 0, 0, 0, 0, 1, 4) + struct.pack(">lbb", 0, 0, 0) + b"AAA\0"
     return zoneinfo.ZoneInfo.from_file(io.BytesIO(empty + empty + b"\n" + rule.encode() + b"\n"))
@@ -86,7 +86,8 @@ def system_offset(second):
 
 
 def changes_between(begin, end, step):
-    """The seconds at which the C library's local time changes its offset, where it keeps one for `step` at least."""
+    """Returns the seconds at which the C library's local time changes its offset, if each offset lasts for at least
+    `step`."""
     found, before = [], system_offset(begin)
     for second in range(begin, end, step):
         low, high = second, second + step
@@ -142,7 +143,7 @@ class Comparison:
             fields = (EPOCH + timedelta(seconds=local)).timetuple()
             self.beside_mktime += 1
             theirs = int(time.mktime((*fields[:6], 0, 0, -1)))
-            # What mktime answers it must mean: of odd rules it gives up at times.
+            # A result of mktime counts only if it is consistent: for odd rules mktime sometimes fails.
             if theirs != solutions[0] and theirs + system_offset(theirs) == local:
                 self.disagreements.append(f"{rule}: local {local} is {solutions[0]}, by mktime {theirs}")
         self.twice += len(solutions) > 1
@@ -155,7 +156,7 @@ class Comparison:
         year = self.source.randint(1975, 2090)
         self.ask(rule, f"zone {rule}", 0)
         changes = changes_of_year(year, brief_day)
-        # Where summer time ends when it begins, Python has one all the year.
+        # If summer time ends when it begins, Python applies it all the year.
         zone = None if re.search(r",(\d|J59)", rule) or not changes else zone_of(rule)
         for change in changes:
             for second in (change - 1, change):

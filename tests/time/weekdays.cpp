@@ -1,5 +1,5 @@
-// What the framework's calendar says of every day and month of the years FIRST to LAST, the impossible ones
-// too: a line a year, in it the 12 times 31 weekdays, "-" for what is no date.
+// Prints the framework's weekdays for every day and month of the years FIRST to LAST, including impossible dates: a
+// line a year with 12 times 31 weekdays, "-" for an impossible date.
 //
 //     weekdays FIRST LAST
 #include "qor/qor.h"
@@ -15,7 +15,7 @@ int main(int argc, char** argv) {
         std::string line;
         for (uint8 month = 1; month <= 12; ++month)
             for (uint8 day = 1; day <= 31; ++day) {
-                // What is no part of the date does not count.
+                // Fields that are not part of the date are ignored.
                 const qorTimeInfo info{static_cast<uint16>(year), month, day, 255, 255, 255, 255, ~0u, -1};
                 const int32 weekday = qorGetDayOfWeek(info);
                 line += weekday < 0 ? '-' : static_cast<char>('0' + weekday);

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Every date there is, and every one there is not, beside Python's calendar; beyond its years, beside their likes 400
-years earlier.
+"""Every possible and impossible date, compared with Python's calendar. Years beyond that calendar are compared with
+those 400 years earlier.
 
 usage: weekdays_test.py --program PATH [--runner PROGRAM]
 """

@@ -1,4 +1,4 @@
-// For tests on POSIX: the time zone of this process while an object lives.
+// For tests on POSIX: sets the time zone of this process while an object lives.
 #pragma once
 
 #include <cstdlib>

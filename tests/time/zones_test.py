@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Local times of all zones of this system's database, at every change of their offsets from 1970 to 2100, beside Python's
-zoneinfo, which reads the database by itself, and those that come once beside the C library's mktime as well.
+"""Local times of all zones of this system's database, at every change of their offsets from 1970 to 2100, compared with
+Python's zoneinfo, which reads the database itself. Local times that come once are also compared with the C library's
+mktime.
 
-For a local time that is skipped or comes twice, Python's fold=0 asks for what the framework promises: the offset before
-the change, the first of the two.
+For a local time that is skipped or comes twice, Python's fold=0 gives the result that the framework promises: the
+offset before the change, or the first of the two times.
 
-usage: zones_test.py --program PATH [--every N]: with a number, one zone of N
+usage: zones_test.py --program PATH [--every N]: with a number, tests one zone of N
 """
 
 import argparse
@@ -28,12 +29,12 @@ STEP = 5 * 86400
 
 
 def offset(zone, second):
-    """Seconds ahead of UTC, at a second of 1970."""
+    """Returns the seconds ahead of UTC, at a second of 1970."""
     return int((EPOCH + second * SECOND).replace(tzinfo=UTC).astimezone(zone).utcoffset().total_seconds())
 
 
 def table(data):
-    """The changes that a zone's file lists: the second block has 64-bit times."""
+    """Returns the changes that a zone's file lists: the second block has 64-bit times."""
     at = 0
     for size in (4, 8):
         counts = struct.unpack_from(">6l", data, at + 20)
@@ -45,7 +46,7 @@ def table(data):
 
 
 def changes(zone, data):
-    """Those of the file, and what its last rule brings, found by halving."""
+    """Returns the changes in the file and those that its last rule makes, found by bisection."""
     found = {second for second in table(data) if BEGIN <= second < END}
     before = offset(zone, BEGIN)
     for second in range(BEGIN, END, STEP):
@@ -61,13 +62,13 @@ def changes(zone, data):
 
 
 def check_mktime(name, time, second):
-    """A local time that comes once is the same second to the C library."""
+    """Checks that a local time that comes once is the same second for the C library."""
     theirs = int(mktime((*time.timetuple()[:6], 0, 0, -1)))
     assert theirs == second, (name, time, second, theirs)
 
 
 def questions(name, zone, data):
-    """[(question, answer)]"""
+    """Returns [(question, answer)]."""
     os.environ["TZ"] = name
     tzset()
     asked = []
@@ -98,7 +99,7 @@ def main():
     for name in zones:
         data = (DATABASE / name).read_bytes()
         key = hashlib.sha256(data).digest()
-        # A zone may have several names; the changes of one are enough.
+        # A zone may have several names; its changes are tested for one of them.
         if key not in known:
             known[key] = name
             asked += [(f"zone {name}", 0), *questions(name, zoneinfo.ZoneInfo(name), data)]

@@ -1,4 +1,4 @@
-// The packed table beside a plain one that spells the rules out: chains of blocks of 1,024 slots.
+// The packed table, compared with a plain one that follows the rules directly: chains of blocks of 1,024 slots.
 #include "heap/table/allocation_table.h"
 
 #include <gtest/gtest.h>
@@ -82,11 +82,12 @@ std::vector<live> walk(const allocation_table<SIZE>& table) {
     return all;
 }
 
-// In memory that is not blank, as an analyser's need not be: what the table reads without having written it shows.
+// Places the table in memory that is not zero, as an analyser's may be, so that a read of an unwritten field is
+// detected.
 template <class SIZE>
 class table_in_used_memory : public allocation_table<SIZE> {
 public:
-    table_in_used_memory() {} // zeroes nothing, as the defaulted one would here
+    table_in_used_memory() {} // zeroes nothing, unlike a defaulted constructor
 
     [[gnu::noinline]] static void* operator new(std::size_t size) {
         return std::memset(::operator new(size), 0x55, size);
@@ -101,7 +102,7 @@ struct both_tables {
     std::unique_ptr<table_in_used_memory<SIZE>> packed = std::make_unique<table_in_used_memory<SIZE>>();
     plain_table plain;
 
-    // The size has bits at both ends, where it is wide enough.
+    // The size has bits at both ends, if it is wide enough.
     void allocate(uint64 address, uint32 number) {
         const SIZE size = static_cast<SIZE>(number * uint64{0x100000001});
         const typename table::__entry entry = packed->find_blank(address);
@@ -139,7 +140,7 @@ struct both_tables {
     void compare() { ASSERT_EQ(walk(*packed), plain.walk()); }
 };
 
-// Draws addresses so that buckets are shared, chains grow past one block, and releases miss now and then.
+// Draws addresses so that buckets are shared, chains grow past one block, and some releases miss.
 template <class SIZE>
 void run_random(unsigned seed, unsigned steps, uint64 spread, unsigned keep_percent) {
     std::mt19937_64 random(seed);
@@ -149,7 +150,7 @@ void run_random(unsigned seed, unsigned steps, uint64 spread, unsigned keep_perc
         const unsigned what = static_cast<unsigned>(random() % 100);
         const uint64 old = known[random() % known.size()];
         if (what < keep_percent) {
-            // Same span, same bucket from above bit 29, or a repeated address.
+            // The same range, the same bucket by bits above bit 29, or a repeated address.
             const uint64 fresh = 1 + random() % spread + ((random() % 4) << 30);
             const uint64 address = random() % 16 == 0 ? old : fresh;
             tables.allocate(address, static_cast<uint32>(step));
@@ -179,7 +180,8 @@ TEST(allocation_table, agrees_with_the_plain_table_where_a_bucket_overflows) {
     }
 }
 
-// Chains of several blocks that are emptied and filled again, with addresses live once, some times, or all the time.
+// Chains of several blocks that are emptied and filled again, with addresses that are live once, several times, or
+// always.
 TEST(allocation_table, agrees_with_the_plain_table_on_long_chains) {
     for (const uint64 addresses : {uint64{1}, uint64{50}, uint64{3000}, uint64{1} << 34}) {
         std::mt19937_64 random(addresses);

@@ -1,4 +1,4 @@
-// What a table takes from the system and gives back, as the kernel counts it.
+// The memory that a table takes from the system and returns, as the kernel counts it.
 #include "heap/table/allocation_table.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// An application object whose loop is watched.
+// An application object whose loop a test observes.
 #pragma once
 
 #include "qortool_app.h"

@@ -1,4 +1,4 @@
-// The console of debug control with a connection that only writes down what it is asked for.
+// The console of debug control with a fake connection that only records requests.
 #include "console/debug_control.h"
 #include "qortool_app.h"
 #include "support/recording_table.h"
@@ -18,14 +18,14 @@ namespace {
 
 using texts = std::vector<std::string>;
 
-constexpr uint32 s_other_error = qorError_cannot_write_file; // any but that of refused credentials
+constexpr uint32 s_other_error = qorError_cannot_write_file; // any error except that of refused credentials
 
-// What the connection answers, and what it was asked.
+// The answers of the connection, and the recorded requests.
 struct peer {
     bool connects = true;
-    std::deque<uint32> logins; // the error of each try, 0 for success; none left: success
+    std::deque<uint32> logins; // the error of each attempt, 0 for success; none left: success
     bool takes_sink = true;
-    bool works = true; // the commands
+    bool works = true; // the commands succeed
     texts codes;
     texts enabled;
     texts calls;
@@ -122,7 +122,7 @@ protected:
         std::string err;
     };
 
-    // Runs the tool with these words and this input.
+    // Runs the tool with these arguments and this input.
     outcome run(const texts& words, const std::string& input) {
         qorStringArray args;
         for (const std::string& word : words)
@@ -140,7 +140,7 @@ protected:
         return result;
     }
 
-    // The same for the console, without what is said around the commands; `input` follows the login.
+    // Runs the console and returns its output without the text around the commands; `input` follows the login.
     outcome console(const std::string& input) {
         outcome result = run({"--quiet", "debug-control", "host", "700"}, "user\nsecret\n" + input);
         EXPECT_EQ(result.code, 1);
@@ -468,8 +468,7 @@ using plain = void(void*) noexcept;
 using query = int(void*, const char*, void**) noexcept;
 using version = uint32(void*) noexcept;
 
-// Calls the three operations of the root interface, and the version behind them, by their places in the
-// table.
+// Calls the three operations of the root interface, and the version after them, by their positions in the table.
 void expect_operations(const console_object& object, void* view, std::size_t first) {
     entry<plain>(view, first)(view);
     EXPECT_EQ(references(object), 2);
@@ -485,7 +484,7 @@ TEST_F(debug_console, its_tables_have_their_operations_in_order) {
     const console_object object;
     EXPECT_EQ(static_cast<char*>(object.as_sink()) - static_cast<char*>(object.primary()),
               static_cast<std::ptrdiff_t>(sizeof(qorComponent2)));
-    expect_operations(object, object.primary(), 3); // behind two destructors and OnFinalRelease
+    expect_operations(object, object.primary(), 3); // after two destructors and OnFinalRelease
     expect_operations(object, object.as_sink(), 0);
 }
 

@@ -1,4 +1,4 @@
-// What files look like that are given in place of a log.
+// Recognises files that are given in place of a log.
 #include "heap/log/file_kind.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Logs read in batches, at once and ahead: every line comes, in order, once.
+// Logs read in batches, directly and ahead: every line comes exactly once and in order.
 #include "heap/log/heap_log.h"
 #include "heap/table/allocation_table.h"
 #include "support/temp_folder.h"
@@ -27,7 +27,7 @@ struct seen {
     bool operator==(const seen&) const = default;
 };
 
-// A log of many batches and all kinds of lines, and what is to be seen of it.
+// A log of many batches with all kinds of lines, and the expected result of reading it.
 struct long_log {
     explicit long_log(int lines) {
         for (int i = 0; i < lines; ++i) {
@@ -36,7 +36,7 @@ struct long_log {
             std::snprintf(number, sizeof number, "0x%llx", static_cast<unsigned long long>(address));
             if (i % 97 == 0)
                 text += "= a comment\n\n";
-            // Longer than a batch, and than what the reader takes at a time.
+            // Longer than a batch, and longer than a single read of the reader.
             const std::string caller =
                 i % 5000 == 4999 ? std::string(i % 10000 == 9999 ? 40'000 : 600'000, 'x')
                                  : (i % 3 == 0 ? "app+" : "/usr/bin/application:[0x1234]+") + std::to_string(i % 100);
@@ -65,7 +65,7 @@ std::vector<seen> read_all(mtrace_log& log, allocation_table<uint32>& table) {
         }
         all.push_back({caller, is_record ? next->address : 0, next->kind});
     }
-    // Two hundred callers, and two assigners of ids.
+    // Two hundred callers and two assigners of ids.
     EXPECT_LE(numbered.size(), 400u);
     return all;
 }
@@ -84,7 +84,7 @@ TEST_F(heap_logs, every_line_comes_once_and_in_order) {
         ASSERT_TRUE(log.open(path.c_str(), how_much));
         EXPECT_TRUE(read_all(log, *table) == made.expected);
         EXPECT_EQ(log.next(*table), nullptr);
-        // Another one with the same object.
+        // The same object reads another log.
         ASSERT_TRUE(log.open(path.c_str(), how_much));
         EXPECT_TRUE(read_all(log, *table) == made.expected);
     }
@@ -101,7 +101,7 @@ TEST_F(heap_logs, a_short_one_and_none) {
     EXPECT_FALSE(log.open((folder / "missing").c_str(), extent::whole));
 }
 
-// A file as long as this one is mostly a hole.
+// Appends a hole, because a file of this length must not take disk space, and a text.
 void append(const std::string& path, std::uintmax_t hole, const std::string& text) {
     const std::uintmax_t size = std::filesystem::file_size(path);
     std::filesystem::resize_file(path, size + hole);
@@ -110,7 +110,8 @@ void append(const std::string& path, std::uintmax_t hole, const std::string& tex
 
 constexpr std::uintmax_t too_long = std::uintmax_t{257} << 20;
 
-// It is no record, and only worth a word if it begins as one. The log is read to its end all the same.
+// A line that is too long is not a record, and causes a warning only if it begins as one. The log is still read to its
+// end.
 TEST_F(heap_logs, lines_that_are_too_long) {
     const long_log made(3000);
     const std::string path = folder.file("log", made.text + "@ app + 0x10 ");
@@ -173,7 +174,7 @@ TEST_F(heap_logs, a_whole_one_has_no_error) {
     EXPECT_STREQ(log.failure().Text(), "");
 }
 
-// Nobody takes the rest.
+// The rest of the log is never read.
 TEST_F(heap_logs, one_that_is_left_in_the_middle) {
     const std::string path = folder.file("log", long_log(20'000).text);
     for (int taken : {0, 1, 2000, 5000, 19'999}) {

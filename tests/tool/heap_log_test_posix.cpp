@@ -30,7 +30,7 @@ using namespace qor::test;
 using mtrace_log = heap_log<log_lines::mtrace_line<uint32>>;
 using extent = mtrace_log::extent;
 
-// The thread sanitizer has one of its own, from the first one on that is started.
+// The thread sanitizer adds a thread of its own when the first thread is started.
 #if defined(__SANITIZE_THREAD__)
 constexpr std::ptrdiff_t fewest_threads = 2;
 #else
@@ -46,15 +46,15 @@ protected:
     piped_log() {
         m_path = m_folder / "fifo";
         EXPECT_EQ(mkfifo(m_path.c_str(), 0600), 0);
-        writer = open(m_path.c_str(), O_RDWR | O_CLOEXEC); // so that neither side waits for the other to open it
+        writer = open(m_path.c_str(), O_RDWR | O_CLOEXEC); // so that neither side waits in open()
         EXPECT_TRUE(log->open(m_path.c_str(), extent::whole));
     }
     ~piped_log() override {
         log.reset();
         if (writer >= 0)
             close(writer);
-        // A thread that was left to itself sees the end of the log now. What it owns would be lost in a process that
-        // is forked before it is done.
+        // A detached thread now sees the end of the log. Its memory would be lost in a process that is forked before
+        // the thread has ended.
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         while (threads_of_this_process() > std::max(m_threads, fewest_threads)) {
             if (std::chrono::steady_clock::now() > end) {
@@ -92,7 +92,7 @@ private:
     std::unique_ptr<allocation_table<uint32>> m_table = std::make_unique<allocation_table<uint32>>();
 };
 
-// Also when a thread reads ahead, no line waits for one that is not written yet.
+// Even if a thread reads ahead, no line waits for one that is not written yet.
 TEST_F(piped_log, a_line_is_seen_when_it_is_written) {
     for (uint64 i = 100; i < 120; ++i) {
         write_lines(i, 1);
@@ -100,9 +100,9 @@ TEST_F(piped_log, a_line_is_seen_when_it_is_written) {
     }
 }
 
-// Also behind the beginning of a line, and whoever reads.
+// This also holds after the beginning of a line, and for both readers.
 TEST_F(piped_log, what_there_is_to_show_is_shown_before_a_wait) {
-    // So often that the thread has come to read; never more than the pipe holds.
+    // So often that the thread also reads; never more than the pipe holds.
     for (int i = 0; i < 3000; ++i) {
         if (i % 1000 == 0)
             write_lines(100, 1000);
@@ -131,7 +131,7 @@ TEST_F(piped_log, the_first_wait) {
     EXPECT_EQ(waited, 1);
 }
 
-// The thread that reads ahead waits for a line that does not come, and nobody waits for the thread.
+// The thread that reads ahead waits for a line that does not come; nothing waits for the thread.
 TEST_F(piped_log, one_that_is_left_while_nothing_comes) {
     write_lines(10, 1);
     EXPECT_EQ(next_address(), 0x10u);
@@ -162,7 +162,7 @@ TEST(heap_log_without_threads, is_read_all_the_same) {
     ASSERT_GE(child, 0);
     if (child == 0) {
         const auto table = std::make_unique<allocation_table<uint32>>();
-        // No room for another stack, nor a used one that is large enough.
+        // There is no space for another stack, and no used stack that is large enough.
         pthread_attr_t attributes;
         pthread_attr_init(&attributes);
         pthread_attr_setstacksize(&attributes, std::size_t{64} << 20);

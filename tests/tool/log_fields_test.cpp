@@ -1,4 +1,4 @@
-// Words and numbers of a log line beside plain loops and the C library.
+// Words and numbers of a log line, compared with plain loops and the C library.
 #include "heap/log/log_fields.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@ namespace {
 
 using namespace qor::heap;
 
-// As ReadLines hands it out: padding behind the text.
+// Text as ReadLines returns it: followed by padding.
 class run {
 public:
     explicit run(const std::string& text)
@@ -73,7 +73,7 @@ TEST(log_fields, lines_lose_white_space_at_both_ends) {
     EXPECT_EQ(lines, (std::vector<std::string>{"a b", "", "", "", "last"}));
 }
 
-// In a log a word is followed by white space; the C library stops there too.
+// In a log, a word is followed by white space; the C library stops there too.
 template <class NUMBER, class PLAIN>
 void compare_numbers(NUMBER number, PLAIN plain) {
     std::vector<std::string> words{"0",

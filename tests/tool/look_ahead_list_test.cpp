@@ -1,4 +1,4 @@
-// The list beside a plain one that is searched from the front.
+// The list, compared with a plain one that is searched from the front.
 #include "heap/table/look_ahead_list.h"
 
 #include <gtest/gtest.h>
@@ -56,7 +56,7 @@ TEST(look_ahead_list, agrees_with_a_plain_list) {
         const unsigned addresses = seed % 2 == 0 ? 20 : 3000;
         both_lists lists;
         for (uint32 step = 0; step < 6000; ++step) {
-            // Fills up, is emptied, and fills up again.
+            // The list fills up, empties, and fills up again.
             const bool growing = step / 2000 % 2 == 0;
             if (!lists.list.is_full() && random() % 10 < (growing ? 8u : 2u))
                 lists.append(random() % addresses, step);

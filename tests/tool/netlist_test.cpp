@@ -1,4 +1,4 @@
-// netlist with interfaces that no host has: what it prints of them, byte for byte.
+// The output of netlist for invented interfaces, byte for byte.
 #include "qortool_app.h"
 
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ public:
     uint32 GetIPv4Count() noexcept override { return static_cast<uint32>(m_facts.ipv4.size()); }
     bool GetIPv4Address(uint32 index, qorNetAddress4& out) noexcept override {
         out = m_facts.ipv4[index];
-        return false; // nobody asks
+        return false; // never called
     }
     bool GetExtraIPv4Address(qorNetAddress4& out) noexcept override {
         out = m_facts.gateway;
@@ -109,7 +109,7 @@ protected:
         return {code, out, testing::internal::GetCapturedStderr()};
     }
 
-    // The line of the hardware address.
+    // Returns the line of the hardware address.
     std::string hardware_address(std::vector<uint8> bytes, bool has_one = true) {
         facts one;
         one.hardware_address = std::move(bytes);

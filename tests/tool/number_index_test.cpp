@@ -1,4 +1,4 @@
-// The index beside a plain map.
+// The index, compared with a plain map.
 #include "heap/table/number_index.h"
 
 #include <gtest/gtest.h>
@@ -10,12 +10,12 @@ namespace {
 
 using namespace qor::heap;
 
-// Few hashes, so that cells collide, and those at the end of the table run over to its beginning.
+// Few hashes, so that cells collide, and those at the end of the table wrap to its beginning.
 void run_random(unsigned seed, unsigned hashes, unsigned keys) {
     std::mt19937 random(seed);
     const auto hash_of = [hashes](uint32 key) { return 0xffffffffu - key % hashes; };
     number_index index;
-    std::map<uint32, uint32> plain; // number by key; a number stands for the key number / 8
+    std::map<uint32, uint32> plain; // number by key; a number belongs to the key number / 8
     for (unsigned step = 0; step < 20000; ++step) {
         const uint32 key = static_cast<uint32>(random() % keys);
         number_index::cell* const found = index.find(hash_of(key), [key](uint32 number) { return number / 8 == key; });

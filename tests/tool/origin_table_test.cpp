@@ -22,7 +22,7 @@ TEST(origin_table, keeps_each_combination_once) {
     std::mt19937 random(3);
     origin_table table;
     std::map<key, uint32> numbers;
-    // Texts of every length around the eight bytes that are hashed at a time, with NULs in them.
+    // Texts of every length around the eight bytes that are hashed at a time, some with NULs.
     const auto text = [&random] {
         std::string made;
         for (unsigned length = random() % 20; length != 0; --length)
@@ -64,7 +64,7 @@ std::string_view caller_of(const origin_table& table, uint32 number) { return ta
 
 TEST(origin_table, texts_stay_where_they_are) {
     origin_table table;
-    const std::string large(100'000, 'x'); // larger than a piece
+    const std::string large(100'000, 'x'); // larger than a chunk
     const std::string_view first = caller_of(table, table.of_caller("first"));
     const std::string_view kept = caller_of(table, table.of_caller(large));
     for (int i = 0; i < 20000; ++i)

@@ -1,4 +1,4 @@
-// The loop of the application object while it waits, and what it leaves behind.
+// The waiting loop of the application object, and the state after it.
 #include "app_with_a_loop.h"
 
 using qor::test::app_pointer;
@@ -25,8 +25,8 @@ TEST(qortool_app_loop, waits_for_work_and_for_its_end) {
     EXPECT_TRUE(ended);
 }
 
-// The framework references the object only while the loop runs: the last Release here destroys it, at once
-// and on this thread.
+// The framework holds a reference only while the loop runs: the last Release here destroys the object, at once and on
+// this thread.
 TEST(qortool_app_loop, a_real_signal_leaves_no_reference) {
     for (int round = 0; round < 50; ++round) {
         bool destroyed = false;

@@ -1,4 +1,4 @@
-// The loop of the application object and the signals of POSIX.
+// The loop of the application object with POSIX signals.
 #include "app_with_a_loop.h"
 
 #include <csignal>
@@ -22,8 +22,8 @@ TEST(qortool_app_loop, each_signal_ends_it_while_it_waits) {
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         const app_pointer app = make_app();
         std::thread sender([number] {
-            // A thread that is about to end may still be given a signal, and the thread sanitizer loses what it puts
-            // off there.
+            // A signal may still be delivered to a thread that is about to end, and the thread sanitizer loses signals
+            // that it delays there.
             sigset_t all;
             sigfillset(&all);
             pthread_sigmask(SIG_SETMASK, &all, nullptr);

@@ -25,7 +25,7 @@ public:
     void again(deferred_call& self) {
         order.push_back(3);
         if (order.size() < 4)
-            queue(self); // a call knows itself
+            queue(self); // the call receives itself
         else
             Signal(qorSignal::interrupt);
     }
@@ -60,7 +60,7 @@ TEST(qortool_app, two_signals_queue_two_markers_of_which_one_stays) {
     EXPECT_EQ(app->queued(), 2u);
     app->process_fifo();
     EXPECT_EQ(app->queued(), 1u);
-    app->process_fifo(); // the marker that stayed ends the next loop at once
+    app->process_fifo(); // the remaining marker ends the next loop at once
     EXPECT_EQ(app->queued(), 0u);
 }
 
@@ -101,7 +101,7 @@ TEST(qortool_app, other_threads_may_queue_while_the_loop_runs) {
             for (int k = 0; k < calls; ++k)
                 app->queue(app->call(&app_under_test::first));
             if (++ready == threads)
-                app->Signal(qorSignal::interrupt); // behind all the others
+                app->Signal(qorSignal::interrupt); // after all the others
         });
     app->process_fifo();
     for (std::thread& worker : workers)
@@ -110,7 +110,7 @@ TEST(qortool_app, other_threads_may_queue_while_the_loop_runs) {
     EXPECT_EQ(app->queued(), 0u);
 }
 
-// The leak sanitizer sees whether all of them are freed.
+// The leak sanitizer checks that all entries are freed.
 TEST(qortool_app, entries_still_queued_go_with_the_object) {
     const auto app = make_app();
     for (int i = 0; i < 10; ++i)

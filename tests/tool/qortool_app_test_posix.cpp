@@ -1,4 +1,4 @@
-// The signals of POSIX and the application object's loop.
+// POSIX signals and the loop of the application object.
 #include "qortool_app.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// The replay, by what it tells its sink: events, the width of sizes, the rules of the join, several replays at once.
+// The events that the replay reports to its sink; the width of sizes; the rules of the join; several replays at once.
 #include "heap/replay/replay.h"
 #include "support/temp_folder.h"
 
@@ -19,7 +19,7 @@ namespace {
 using namespace qor::heap;
 using namespace qor::test;
 
-// Writes down all that it is told.
+// Records all events.
 template <class RULES>
 class recorder {
 public:
@@ -55,7 +55,7 @@ public:
     void live_block(const block<size>& of) { tell("live", of); }
     void end() { events.emplace_back("end"); }
 
-    // A replay of one log, or of two that are joined, from the first event to the last.
+    // Replays one log, or two joined ones, and returns all events.
     const std::vector<std::string>& run(const std::string& mtrace, const std::string& memcheck) {
         events.clear();
         if (!mtrace.empty()) {
@@ -177,7 +177,7 @@ TEST_F(replays, a_join_in_time_tells_what_is_left) {
                  "leftover A 32 2 d ", "live 32 1 app :0 ", "end"}));
 }
 
-// More blocks that the mtrace log does not have than the look-ahead holds, but blocks that it has between them.
+// There are more blocks without an mtrace record than the look-ahead holds, with blocks of the mtrace log between them.
 TEST_F(replays, a_join_in_time_passes_by_what_nothing_takes) {
     constexpr int count = 5000;
     std::string mtrace, memcheck;
@@ -198,12 +198,12 @@ TEST_F(replays, a_join_in_time_passes_by_what_nothing_takes) {
     EXPECT_EQ(left, count);
 }
 
-// Logs of a program that never was, and where its blocks come from.
+// Logs of an invented program, and the origins of its blocks.
 struct made_run {
-    // Few addresses, so that they are used again and again; sizes of the framework's blocks are even.
+    // Few addresses, so that they are reused often; sizes of the framework's blocks are even.
     explicit made_run(unsigned seed) {
         std::mt19937 random(seed);
-        std::map<unsigned, bool> live; // by address: whether the framework has it
+        std::map<unsigned, bool> live; // by address: whether the framework allocated the block
         strings lines;
         for (int i = 0; i < 20'000; ++i) {
             const unsigned address = 0x1000 + 16 * static_cast<unsigned>(random() % 300);
@@ -236,7 +236,7 @@ struct made_run {
                                 (is_framework ? "file" + std::to_string(i % 7) + ":" + std::to_string(i) : ":0") + " " +
                                 (has_type ? "type" + std::to_string(i % 11) : "");
         }
-        // Another thread's line may come between, as long as the lines of one address stay in order.
+        // Lines of other threads may come between, as long as the lines of one address stay in order.
         for (std::size_t i = 1; i < lines.size(); ++i)
             if (random() % 4 == 0 && address_of(lines[i]) != address_of(lines[i - 1]))
                 std::swap(lines[i], lines[i - 1]);
@@ -270,7 +270,7 @@ TEST_F(replays, a_join_in_time_finds_the_truth) {
     }
 }
 
-// Of two kinds, with threads that read ahead: each says what it says alone.
+// Replays of two kinds, with threads that read ahead: each gives the same result as alone.
 TEST_F(replays, many_run_at_once) {
     constexpr unsigned count = 4;
     strings mtrace, memcheck;
@@ -314,7 +314,7 @@ TEST_F(replays, begin_anew_once_freed) {
         EXPECT_EQ(sink.events, (strings{"end"}));
         EXPECT_TRUE(sink.run(mtrace, memcheck) == first);
     }
-    // The allocation log alone, with no mtrace log left over from before.
+    // The allocation log alone, without the earlier mtrace log.
     sink.analyser->free_all();
     recorder<exact_rules> other;
     EXPECT_TRUE(sink.run("", memcheck) == other.run("", memcheck));

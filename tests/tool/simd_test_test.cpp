@@ -1,4 +1,4 @@
-// simd-test with a library that only writes down what it is asked for: the real one would move 700 GB.
+// simd-test with a library that only records calls: the real one would move 700 GB.
 #include "qortool_app.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ namespace {
 
 constexpr uint64 size = 67'108'864;
 
-// A buffer is nothing but its address: no call of the action may touch it.
+// A buffer is only an address: no call of the action may access it.
 char* buffer(int number) { return reinterpret_cast<char*>(uint64{0x2000'0000'0000} + number * size); }
 
 std::string name(const void* address) {
@@ -58,7 +58,7 @@ uint64 tick_counter() noexcept {
     return s_now += s_elapsed;
 }
 
-// What each test calls, in the words above: the numbers run as the list of tests says.
+// Returns the calls of each test, in the recorded form: the numbers follow the list of tests.
 std::vector<std::string> expected_calls() {
     std::vector<std::string> calls{"tick"};
     for (int i = 0; i < 8; ++i) {
@@ -118,7 +118,7 @@ protected:
     }
     ~simd_test() override { qor::glue::s_funcs = m_real; }
 
-    // What the action prints when each test takes so many ticks.
+    // Returns the output of the action when each test takes this number of ticks.
     std::string run(uint64 elapsed, int& result, const char* word = nullptr) {
         s_elapsed = elapsed;
         zetSmartPointer<qortool_app> app;
@@ -142,7 +142,7 @@ protected:
 
 } // namespace
 
-// The library's own small calls go on to the C library.
+// Small calls of the library itself go to the C library.
 extern "C" void* __wrap_memset(void* destination, int value, std::size_t length) {
     if (length < size - 1)
         return __real_memset(destination, value, length);

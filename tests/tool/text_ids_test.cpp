@@ -1,4 +1,4 @@
-// Ids of texts: a text keeps its id or gets another one, and no id ever stands for two texts.
+// Ids of texts: a text may get a new id, but an id never belongs to two texts.
 #include "heap/log/text_ids.h"
 
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ TEST(text_ids, neither_empty_nor_huge_ones_have_one) {
     EXPECT_EQ(ids.of(std::string(4097, 'x')), none);
 }
 
-// Of every length, with all but one byte alike: each byte counts.
+// Texts of every length that differ in one byte: every byte counts.
 TEST(text_ids, texts_that_are_nearly_alike) {
     assigner ids(0);
     std::map<uint32, std::string> known;
@@ -53,7 +53,7 @@ TEST(text_ids, texts_that_are_nearly_alike) {
     EXPECT_GT(known.size(), 8u * 79u);
 }
 
-// More of them than are remembered, of all sizes, by both assigners.
+// More texts than are remembered, of all sizes, from both assigners.
 TEST(text_ids, no_id_stands_for_two_texts) {
     std::mt19937 random(7);
     assigner assigners[] = {assigner(0), assigner(1)};
@@ -71,7 +71,7 @@ TEST(text_ids, no_id_stands_for_two_texts) {
     }
 }
 
-// Callers that are written to collide: most have no id, and no search is long.
+// Callers that were chosen to collide: most get no id, and no search is long.
 TEST(text_ids, texts_that_collide) {
     assigner ids(0);
     unsigned without = 0;

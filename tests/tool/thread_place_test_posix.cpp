@@ -1,4 +1,4 @@
-// Keeping off a processor, beside what the kernel says of the thread.
+// Keeping a thread off a processor, compared with the kernel's data on the thread.
 #include "heap/log/thread_place.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ TEST(thread_place, the_processor_is_one_that_is_open) {
     EXPECT_TRUE(CPU_ISSET(static_cast<unsigned>(current_processor()), &open));
 }
 
-// Of as many processors as there are: with one of them alone a thread stays.
+// With all processors that this process may use; if there is only one, the thread stays on it.
 TEST(thread_place, a_thread_keeps_off_one_and_then_another) {
     const cpu_set_t all = open_to_caller();
     std::thread([&all] {
@@ -54,7 +54,7 @@ TEST(thread_place, a_processor_that_is_not_known) {
     }).join();
 }
 
-// Of a process that is held to one processor, whatever it is.
+// The process may use only one processor.
 TEST(thread_place, the_only_processor) {
     const cpu_set_t all = open_to_caller();
     const int processor = current_processor();

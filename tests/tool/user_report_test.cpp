@@ -1,4 +1,4 @@
-// The report on accounts that no host has.
+// The report on invented accounts.
 #include "actions/user_report.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// Preloaded into a program, looks through its memory when it ends: FIND_SECRET is the sought text written backwards, so
-// that it is not found itself, and FIND_SECRET_LOG gets the number of places.
+// Preloaded into a program: searches its memory when it ends. FIND_SECRET is the text written backwards, so that the
+// search does not find the variable; FIND_SECRET_LOG gets the number of places.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -38,7 +38,7 @@ std::size_t count_in(const char* begin, std::size_t size, const char* backwards)
         std::string copy(end - begin, '\0');
         const ssize_t size = pread(memory, copy.data(), copy.size(), static_cast<off_t>(begin));
         found += count_in(copy.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)), backwards);
-        std::fill(copy.begin(), copy.end(), '\0'); // the next part may be where it lies
+        std::fill(copy.begin(), copy.end(), '\0'); // the next part may contain it
     }
     std::fclose(maps);
     close(memory);

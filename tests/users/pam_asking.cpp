@@ -1,9 +1,9 @@
-// A PAM module that asks for what its words say, and keeps a record of what came back:
+// A PAM module that asks the questions of its arguments and records the answers:
 //
 //     asking.so RECORD [hidden|open|info|error]...
 //
-// RECORD gets a line for each answer, one with the words of the process that asks, and one when the conversation has
-// ended.
+// RECORD gets a line for each answer, one with the arguments of the asking process, and one at the end of the
+// conversation.
 #include <security/pam_modules.h>
 
 #include <cstdio>

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""userinfo and logon as whole runs, beside what the host itself says of its accounts.
+"""Whole runs of userinfo and logon, compared with the host's own data on accounts.
 
     users_test.py --bin FOLDER --wrapper LIBNSS_WRAPPER [--instrumented]
 
-userinfo is asked about invented accounts (nss_wrapper) and compared with `id` and `getent` in the same surroundings. logon is
-asked about real accounts, which useradd makes and userdel takes away; that takes root, and is skipped without it.
+userinfo runs with invented accounts (nss_wrapper) and is compared with `id` and `getent` in the same environment. logon
+runs with real accounts, which useradd creates and userdel removes; these tests need root and are skipped without it.
 """
 
 import argparse
@@ -21,8 +21,8 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from strange_files import KINDS, strange_file  # noqa: E402  # beside this folder
-from tool import as_nobody, copy_programs, linked, public_folder  # noqa: E402  # beside this folder
+from strange_files import KINDS, strange_file  # noqa: E402  # in tests/support
+from tool import as_nobody, copy_programs, linked, public_folder  # noqa: E402  # in tests/support
 
 HOST_FILE = Path("/etc/pam.d/qor")
 PASSWORD = "Tr1cky pass{1}%s"
@@ -70,7 +70,7 @@ class Case(unittest.TestCase):
         self.tool = options.bin / "qortool"
 
     def copy_programs(self):
-        """Into a folder of this test's own, where anybody may read them."""
+        """Copies the programs into a folder of this test, where everybody may read them."""
         folder = self.root / "bin"
         folder.mkdir()
         self.tool = copy_programs(options.bin, folder)
@@ -79,27 +79,27 @@ class Case(unittest.TestCase):
     def environment(self, preload=None, **more):
         wanted = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C", **more}
         wanted.update((name, value) for name, value in os.environ.items() if name.endswith("SAN_OPTIONS"))
-        # A sanitizer stands between programs and libcrypt, and looks for it once, at the start.
+        # A sanitizer intercepts calls of libcrypt, and looks for it only at the start.
         preloads = [str(preload)] * (preload is not None) + ["libcrypt.so.1"] * options.instrumented
         if preloads:
-            # They come before the sanitizer's own library, which does not like that.
+            # They come before the sanitizer's own library, which would be an error.
             before = wanted.get("ASAN_OPTIONS")
             wanted["ASAN_OPTIONS"] = ":".join(filter(None, [before, "verify_asan_link_order=0"]))
-            # nss_wrapper unlocks mutexes whose locking the other sanitizer did not see.
+            # nss_wrapper unlocks mutexes whose locking the thread sanitizer did not see.
             before = wanted.get("TSAN_OPTIONS")
             wanted["TSAN_OPTIONS"] = ":".join(filter(None, [before, "report_mutex_bugs=0"]))
             wanted["LD_PRELOAD"] = ":".join(preloads)
         return wanted
 
     def run_program(self, *words, preload=None, variables=None, **more):
-        """(exit code, standard output, standard error)"""
+        """Returns (exit code, standard output, standard error)."""
         done = subprocess.run(words, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120,
                               env=self.environment(preload, **(variables or {})), **more)
         return done.returncode, done.stdout, done.stderr
 
 
 class Userinfo(Case):
-    """Accounts that we invented."""
+    """Invented accounts."""
 
     def setUp(self):
         super().setUp()
@@ -145,7 +145,7 @@ class Userinfo(Case):
         self.check("long", name, ["people"])
 
     def test_as_others_see_them(self):
-        """Nobody has to believe our idea of these files."""
+        """Compares with independent programs that read these files."""
         for name in (line.split(":")[0] for line in PASSWD.splitlines()):
             with self.subTest(name):
                 _, text, _ = self.userinfo(name)
@@ -178,7 +178,7 @@ class Userinfo(Case):
 
 @contextlib.contextmanager
 def account_tools():
-    """useradd and its like give up where another one is at work; other suites may run beside this one."""
+    """useradd and similar tools give up while another one runs; other suites may run at the same time."""
     with open(Path(tempfile.gettempdir()) / "qor-account-tools.lock", "w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         yield
@@ -202,7 +202,7 @@ class LogonOfNobody(Case):
             with self.subTest(words):
                 self.assertEqual(self.run_program(self.tool, "--quiet", "logon", *words, **as_nobody()),
                                  (1, "", "You must be super-user to run this function\n"))
-        if os.geteuid() == 0:  # a process may run as somebody who has no account
+        if os.geteuid() == 0:  # a process may run as a user without an account
             as_number = {"user": 3_999_999, "group": 3_999_999, "extra_groups": []}
             self.assertEqual(self.run_program(self.tool, "--quiet", "logon", "root", "x", **as_number),
                              (1, "", "You must be super-user to run this function\n"))
@@ -244,7 +244,7 @@ class RealAccount(Case):
 
 
 class Logon(RealAccount):
-    """Under the service file that comes with the module."""
+    """Uses the service file that comes with the module."""
 
     def test_who_gets_in_and_who_does_not(self):
         self.check_in()
@@ -267,7 +267,7 @@ class Logon(RealAccount):
     def test_a_locked_account(self):
         change("usermod", "--lock", self.user)
         self.check_refused(f"The account '{self.user}' is locked.")
-        self.check_refused(self.REFUSED, "wrong")  # this is for those who know the password
+        self.check_refused(self.REFUSED, "wrong")  # only users who know the password are told that it is locked
         change("usermod", "--unlock", self.user)
         self.check_in()
 
@@ -307,14 +307,14 @@ class Logon(RealAccount):
             find_secret = linked(options.bin / "find_secret.so", self.root)
             self.logon(password, preload=find_secret, variables=variables)
             self.assertEqual(log.read_text(), "0\n")
-            # And it would have been found: where nobody logs on, it stays where it was.
+            # The search works: without a logon, the password stays in place and is found.
             self.run_program(self.tool, "--quiet", "logon", self.user, password, "too many", variables=variables,
                              preload=find_secret)
             self.assertGreater(int(log.read_text()), 0)
 
 
 class Rules(RealAccount):
-    """Under service files that we wrote: those that lie beside a module are its own."""
+    """Uses service files of the test, which are beside the module."""
 
     def setUp(self):
         super().setUp()
@@ -371,17 +371,17 @@ class Rules(RealAccount):
             self.assertEqual(self.recorded()[1:], expected)
 
     def test_what_others_see_of_the_command_line(self):
-        """When the first module is asked, the password has left it."""
+        """When the first module is asked, the password is no longer in the process's arguments."""
         self.rule(auth=self.asking("hidden"))
         self.check_in()
         self.assertEqual(self.recorded()[0].rstrip("|"), f"words {self.tool}|--quiet|logon|{self.user}")
-        # A user of the name of the password, an option before and an end of the options.
+        # A user whose name equals the password, an option before, and an end of the options.
         self.record.unlink()
         self.run_program(self.tool, "--quiet", "logon", "--", PASSWORD, PASSWORD)
         self.assertNotIn(PASSWORD, self.recorded()[0])
 
     def test_seen_from_another_process(self):
-        """A wrong password makes PAM wait: time enough to look."""
+        """A wrong password makes PAM wait, which leaves time to look."""
         shutil.copy(options.bin / "qor" / "pam.d" / "qor", self.rules)
         process = subprocess.Popen([self.tool, "--quiet", "logon", self.user, "seen from outside"],
                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=self.environment())
@@ -393,7 +393,7 @@ class Rules(RealAccount):
         self.assertIn(last, {words.rstrip(b"\0") for words in seen})
 
     def test_without_rules(self):
-        """The rules for services that have none are not ours."""
+        """The rules for services without their own do not apply to ours."""
         (self.rules / "other").write_text("auth required pam_permit.so\naccount required pam_permit.so\n")
         (self.rules / "qor").unlink()
         self.check_refused(f"The logon service is not configured: there is neither '{HOST_FILE}' nor '{self.rules / 'qor'}'.")

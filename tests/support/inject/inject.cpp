@@ -1,26 +1,24 @@
 // The injector: a library to preload (LD_PRELOAD) that makes one chosen call of a program fail, so that a test can try
-// each of them in turn. It knows two kinds of targets:
+// each call in turn. It has two kinds of targets:
 //
 //   alloc          every request to the C library's allocator: malloc, calloc, realloc, aligned_alloc, memalign,
 //                  posix_memalign; operator new goes through malloc
 //   <name>         one system call wrapper of the table at the end, mmap included
 //
-// Told by environment variables, which are read once:
+// It is controlled by environment variables, which are read once:
 //
 //   QOR_INJECT         the target
-//   QOR_INJECT_AT      the number of the call that fails, from 1 on
-//   QOR_INJECT_COUNT   how many calls fail from there on; 1 where it is not set, 0: all
-//   QOR_INJECT_WITH    what a failed system call says: a number of errno, or "short": the call is done, with half of
-//   the
-//                      length that it was asked for; ENOMEM where it is not set
-//   QOR_INJECT_REPORT  a file to which a line is added when a call fails: the call, its number, and for a request for
-//   memory
-//                      the library that makes it; without a line there were fewer calls
+//   QOR_INJECT_AT      the number of the first call that fails, from 1 on
+//   QOR_INJECT_COUNT   how many calls fail from there on; 0: all; default 1
+//   QOR_INJECT_WITH    the result of a failed system call: a number of errno, or "short": the call is done with half of
+//                      the requested length; default ENOMEM
+//   QOR_INJECT_REPORT  a file that gets a line when a call fails: the call, its number, and for a memory request the
+//                      library that made it. Without a line there were fewer calls
 //
-// Or by qor_inject_arm (inject.h), in a program that is prepared for it.
+// A program that is prepared for it can use qor_inject_arm (inject.h) instead.
 //
-// A new system call is a row in the table. Calls that the C library makes inside itself are not seen, but their
-// requests for memory are. The library uses nothing that allocates.
+// A new system call is a row in the table. Calls inside the C library are not seen, except its memory requests. The
+// library uses no function that allocates.
 #include "inject.h"
 
 #include <atomic>
@@ -42,10 +40,10 @@
 
 namespace {
 
-// Requests that are not counted and never fail, for their users are told not to look at the result.
+// Requests that are not counted and never fail, because their documentation tells users not to check the result.
 struct exempt {
     const char* what;
-    std::size_t alignment; // at least
+    std::size_t alignment; // at least this
     std::size_t size;
 };
 constexpr exempt exempt_requests[] = {
@@ -57,13 +55,13 @@ constexpr char memory[] = "alloc";
 struct settings {
     const char* target = nullptr;
     const char* report = nullptr;
-    unsigned long first = 0; // 0: none
+    unsigned long first = 0; // 0: no call
     unsigned long count = 1;
     int error = ENOMEM;
     bool is_short = false;
 };
 settings s_settings;
-std::atomic<int> s_is_read{0}; // 1: by some thread at this moment, 2: done
+std::atomic<int> s_is_read{0}; // 1: a thread is reading them now, 2: done
 std::atomic<unsigned long> s_calls{0};
 int s_told = -1;
 
@@ -88,7 +86,7 @@ void read_settings() {
     s_is_read = 2;
 }
 
-// A failed report ends the program: its test would take silence for the end of the calls.
+// If the report cannot be written, the program ends; otherwise its test would conclude that there were no more calls.
 void report(const char* call, unsigned long at, const void* caller) {
     if (s_told >= 0 && syscall(SYS_write, s_told, "!", 1) != 1)
         syscall(SYS_exit_group, 99);
@@ -122,7 +120,7 @@ void report(const char* call, unsigned long at, const void* caller) {
     syscall(SYS_close, file);
 }
 
-// Whether this call of `target` is one that fails.
+// Returns whether this call of `target` must fail.
 bool fires(const char* target, const char* call, const void* caller = nullptr) {
     if (s_is_read != 2)
         read_settings();
@@ -158,7 +156,7 @@ void qor_inject_arm(const char* target, unsigned long at) {
 
 void qor_inject_tell(int descriptor) { s_told = descriptor; }
 
-// ---- the allocator. These are the C library's own names for what stands behind malloc.
+// ---- the allocator. These are the C library's own names of the functions behind malloc.
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
@@ -201,7 +199,7 @@ int posix_memalign(void** out, std::size_t alignment, std::size_t size) {
 }
 
 // ---- the system calls: CALL(result, name, (parameters), number of the call, its arguments), and CALL_OF_LENGTH with
-// `length` for those that may do less than they were asked to; the target comes first where one has two names.
+// `length` for calls that may do less than requested. If a call has two names, the target's name comes first.
 #define CALL(result, name, parameters, ...)                                                                            \
     result name parameters {                                                                                           \
         if (fires(#name, #name)) {                                                                                     \
@@ -229,7 +227,7 @@ using pointer = void*;
             errno = s_settings.error;                                                                                  \
             return -1;                                                                                                 \
         }                                                                                                              \
-        /* Who makes no file passes no mode; what is read then is not looked at. */                                    \
+        /* A call that creates no file passes no mode; the value read here is unused. */                               \
         std::va_list more;                                                                                             \
         va_start(more, flags);                                                                                         \
         const mode_t mode = va_arg(more, mode_t);                                                                      \
@@ -262,7 +260,7 @@ CALL(int, ftruncate, (int file, off_t size), SYS_ftruncate, file, size)
 CALL(pointer, mmap, (void* at, std::size_t size, int access, int flags, int file, off_t from), SYS_mmap, at, size,
      access, flags, file, from)
 
-// A pure pause passes at once: logging on makes who gave a wrong password wait for seconds.
+// A pure pause returns at once: after a wrong password, logging on waits for seconds.
 int select(int count, fd_set* readable, fd_set* writable, fd_set* special, struct timeval* patience) {
     if (count == 0)
         return 0;

@@ -1,12 +1,12 @@
-// What a program that runs under the injector says to it; null where it runs without.
+// The interface between the injector and a program that runs under it; the functions are null without the injector.
 #pragma once
 
 extern "C" {
 
-// From now on the call with this number, counted from 1, fails; 0: none.
+// Makes the call with this number fail, counted from 1 from now on; 0: no call.
 [[gnu::weak]] void qor_inject_arm(const char* target, unsigned long at);
 
-// A descriptor to which a byte is written when a call fails.
+// Sets a descriptor to which a byte is written when a call fails.
 [[gnu::weak]] void qor_inject_tell(int descriptor);
 
 } // extern "C"
