@@ -1,9 +1,9 @@
-// What an allocation with its release costs, in nanoseconds of the processor: for allocation_log.py.
+// Measures an allocation with its release in nanoseconds of processor time, for allocation_log.py.
 //
 //     allocation_cost malloc|framework COUNT [framework options]
 //
-// Blocks have the sizes of everyday objects and live for a while; those of the framework go through the bound
-// table, as every client's do.
+// Blocks have the sizes of everyday objects and live for a while; those of the framework go through the bound table, as
+// in every client.
 #include "qor/qor.h"
 
 #include <cstdio>

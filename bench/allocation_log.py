@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""What an allocation and its release cost: by malloc, by the framework, and by the framework while it writes its log.
+"""Measures an allocation with its release: by malloc, by the framework, and by the framework while it writes its log.
 
     allocation_log.py --program ALLOCATION_COST --tool QORTOOL [--brief] [--max-off RATIO] [--max-on RATIO]
 
-The three run in turn; the figures are medians of nanoseconds of the processor. The log is then replayed. The exit code is 1 if the
-framework takes more than RATIO times as long as malloc: 1.5 without a log, 40 with one, or if the replay finds a fault.
-A brief run fails by no figure: other programs have too much to say in it.
+The three run in turn; the figures are medians of nanoseconds of processor time. The log is then replayed. The exit code
+is 1 if the framework takes more than RATIO times as long as malloc (1.5 without a log, 40 with one), or if the replay
+finds a fault. A brief run never fails because of a figure, since other programs influence it too much.
 """
 
 import argparse

@@ -1,10 +1,9 @@
-// What a call through the binding costs beside a direct one, and what a trace scope costs that is switched
-// off.
+// Compares a call through the binding with a direct one, and measures a trace scope that is switched off.
 //
 //   bound_call [--brief]
 //
-// Prints nanoseconds: medians of interleaved rounds. The exit code is 1 if the scope costs more than 3 ns
-// even in its best round; a brief run fails by no figure, because other programs have too much to say in it.
+// Prints nanoseconds: medians of interleaved rounds. The exit code is 1 if the scope costs more than 3 ns even in its
+// best round. A brief run never fails because of a figure, since other programs influence it too much.
 #include "qor/qor.h"
 
 #include <algorithm>
@@ -17,13 +16,13 @@ namespace {
 
 constexpr double scope_limit = 3;
 
-// Keeps the compiler from moving anything across: it must load, test and call each time anew.
+// Keeps the compiler from moving code across it: each pass must load, test and call again.
 inline void fence() { asm volatile("" ::: "memory"); }
 inline void use(const void* value) { asm volatile("" ::"r"(value) : "memory"); }
 
 const qorDebugFlag s_flags[1] = {};
 
-// Does what the library's qorDebugGetFlags does, from the same executable.
+// Same work as the library's qorDebugGetFlags, but in this executable.
 [[gnu::noinline]] const qorDebugFlag* direct() {
     fence();
     return s_flags;
@@ -34,7 +33,7 @@ uint32 s_code = 0;
 struct measurement {
     const char* name;
     void (*run)(int times);
-    std::vector<double> rounds{}; // nanoseconds for each pass
+    std::vector<double> rounds{}; // nanoseconds per pass
 
     double median() {
         std::nth_element(rounds.begin(), rounds.begin() + rounds.size() / 2, rounds.end());
@@ -86,7 +85,7 @@ int main(int argc, char** argv) {
         std::fputs("usage: bound_call [--brief]\n", stderr);
         return 2;
     }
-    s_code = qorDebugAllocateCode("bench.bound_call"); // binds, too
+    s_code = qorDebugAllocateCode("bench.bound_call"); // also binds
 
     measurement all[] = {{"direct call", run_direct},
                          {"call through a pointer", run_pointer},

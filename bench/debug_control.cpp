@@ -1,10 +1,10 @@
-// Debug control over the loopback network, listener and console in one process: lists of 10,000 trace codes, of which
-// half are on, one small request, and a login; and what a trace scope that is off costs in a process that listens.
+// Debug control over the loopback network, with listener and console in one process: lists of 10,000 trace codes, half
+// of them on; one small request; a login; and the cost of a disabled trace scope in a process that listens.
 //
 //   debug_control_bench [--brief]
 //
 // Prints medians. The exit code is 1 if a list takes more than 100 ms, or the scope more than 3 ns, even in its best
-// round; a brief run fails by no figure, because other programs have too much to say in it.
+// round. A brief run never fails because of a figure, since other programs influence it too much.
 #include "qor/qor.h"
 
 #include <algorithm>
@@ -36,7 +36,7 @@ void require(bool done) {
     std::exit(1);
 }
 
-// The best round.
+// Prints the median and returns the best round.
 double print(const char* name, unsigned rounds, auto action) {
     std::vector<double> all;
     for (unsigned i = 0; i < rounds; ++i)
@@ -46,7 +46,7 @@ double print(const char* name, unsigned rounds, auto action) {
     return all.front();
 }
 
-// Its own folder of settings, gone with it.
+// A settings folder of its own, removed with the object.
 class folder {
 public:
     folder() {
@@ -67,11 +67,11 @@ private:
 void run_scopes(uint32 code) {
     for (int i = 0; i < scope_count; ++i) {
         const qorDebugSeq scope(code, "run_scopes");
-        asm volatile("" ::: "memory"); // each of them loads and tests anew
+        asm volatile("" ::: "memory"); // each pass loads and tests again
     }
 }
 
-// Whether all limits are kept.
+// Returns whether all limits are kept.
 bool run(unsigned rounds) {
     const folder settings;
     const std::string users = settings.file("users");

@@ -1,11 +1,11 @@
-// Writes the heap log of a program that never was, with addresses that the real allocator gave.
+// Writes the heap log of an invented program, with addresses from the real allocator.
 //
 //   heap_log_generator --lines N --live M --seed S [--memcheck FILE] OUT
 //
-// N is the number of allocation and release lines in OUT; the number of live blocks climbs to M within
-// the first part of the log and then stays about there. --memcheck writes the framework's own log of the
-// same run beside it. One seed gives one sequence of events, but the addresses follow the allocator.
-// Prints one line for the bench: the lines written and the highest number of live blocks.
+// N is the number of allocation and release lines in OUT. The number of live blocks rises to M in the first part of the
+// log and then stays near it. --memcheck also writes the framework's own log of the same run. One seed gives one
+// sequence of events, but the addresses depend on the allocator. Prints one line for the bench: the lines written and
+// the highest number of live blocks.
 
 #include <charconv>
 #include <cmath>
@@ -28,7 +28,7 @@ constexpr int kLargePerMille = 1;
 constexpr int kReallocPercent = 6;
 constexpr int kTypedPercent = 30;
 constexpr int kShortLifePercent = 70;
-// A short-lived block is among the last few allocated when it is released.
+// A short-lived block is one of the last few allocated when it is released.
 constexpr size_t kShortLifeReach = 32;
 
 struct Options {
@@ -50,7 +50,7 @@ struct CallSite {
     std::exit(1);
 }
 
-// A log file that ends the program when it cannot be written.
+// A log file that ends the program if it cannot be written.
 class Log {
 public:
     explicit Log(const char* path) : m_path(path), m_file(std::fopen(path, "wb")) {
@@ -74,7 +74,7 @@ private:
     std::FILE* m_file;
 };
 
-// The program that is pretended: which blocks live, and what it does next.
+// The invented program: its live blocks and its next action.
 class Program {
 public:
     Program(const Options& options, Log& mtrace, Log* memcheck)
@@ -102,12 +102,12 @@ private:
     uint64_t below(uint64_t limit) { return m_random() % limit; }
     bool percent(int chance) { return below(100) < static_cast<uint64_t>(chance); }
 
-    // Climbs by some two blocks in five lines until the wanted number is reached, then sways about it.
+    // The number rises by about two blocks in five lines until it reaches the wanted one, then varies around it.
     int release_percent() const { return m_blocks.size() < m_options.live ? 30 : 70; }
 
     CallSite make_site(int number) {
         char text[160];
-        // A third of the lines of real logs name a function, the others only an address.
+        // In real logs, a third of the lines name a function, the others only an address.
         if (number % 3 == 0)
             std::snprintf(text, sizeof text,
                           "/usr/lib/x86_64-linux-gnu/libapp%d.so.1:(_ZN3app6module%d6createEv+0x%x)[0x%x]", number % 17,
@@ -145,7 +145,7 @@ private:
     }
 
     void allocated(void* block, size_t size, char code, const CallSite& site) {
-        // As the C library of Linux writes them, wherever the log is made.
+        // In the format of the C library of Linux, on every system.
         const auto address = reinterpret_cast<uintptr_t>(block);
         m_mtrace.write("@ %s %c %#zx %#zx\n", site.caller.c_str(), code, address, size);
         if (m_memcheck != nullptr) {

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Actions that inspect the host, as whole processes, beside the system's programs that tell the same.
+"""Compares actions that inspect the host, as whole processes, with system programs that report the same.
 
     inspection.py --tool PATH [--brief] [--limit RATIO]
 
 The programs of a pair are started in turn; the times are medians of the wall clock from the start of a process to its
-end. The exit code is 1 if an action takes more than RATIO (1.5) times as long as what stands beside it. A brief run
-fails by no figure.
+end. The exit code is 1 if an action takes more than RATIO (1.5) times as long as its peers. A brief run never fails
+because of a figure.
 """
 
 import argparse
@@ -15,7 +15,7 @@ import sys
 
 from startup import milliseconds
 
-# An action, and the programs that together stand beside it.
+# An action, and the programs that it is compared with, taken together.
 PAIRS = [
     (["sysinfo"], [["uname", "-a"], ["free"]]),
     (["lookup", "localhost"], [["getent", "ahosts", "localhost"]]),
@@ -40,7 +40,7 @@ def main():
         times = [], []
         for round_number in range((20 if options.brief else 400) + 1):
             taken = milliseconds(ours, 0), sum(milliseconds(words, 0) for words in theirs)
-            if round_number > 0:  # the first one reads the files from the disk
+            if round_number > 0:  # the first round reads the files from the disk
                 for all_of_one, one in zip(times, taken):
                     all_of_one.append(one)
         tool, peer = map(statistics.median, times)

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""`qortool --quiet md5sum` beside coreutils `md5sum` and `openssl dgst -md5`: a large file, and a tiny one.
+"""Compares `qortool --quiet md5sum` with coreutils `md5sum` and `openssl dgst -md5`, on a large file and on a tiny one.
 
     md5sum.py --tool PATH [--size MIB] [--rounds N] [--brief] [--limit RATIO] [--start-limit RATIO]
 
-They run in turn over the same file, which lies in the system's cache; the times are medians of the wall clock from the
+They run in turn on the same file, which is in the system's cache; the times are medians of the wall clock from the
 start of the process to its end. The large file's ratio is to the faster of the two others, the tiny file's to
-coreutils. The exit code is 1 if a digest is wrong, or a ratio above its limit (1.0 and 1.5); --brief is too short to
-say anything of ratios, and fails by none.
+coreutils. The exit code is 1 if a digest is wrong or a ratio is above its limit (1.0 and 1.5). --brief is too short for
+meaningful ratios, and never fails because of them.
 """
 
 import argparse
@@ -28,14 +28,14 @@ def digest_of(words):
 
 
 def medians(programs, path, rounds):
-    """The median time of each in milliseconds; ends the bench where they do not agree."""
+    """Returns the median time of each program in milliseconds; ends the bench if the digests differ."""
     digests = {name: digest_of([*words, path]) for name, words in programs.items()}
     if len(set(digests.values())) != 1:
         sys.exit(f"the digests differ: {digests}")
     times = {name: [] for name in programs}
     order, shuffled = list(programs.items()), random.Random(1)
     for _ in range(rounds):
-        # A start is slower behind a program that leaves little of the caches to others: nobody shall always have that place.
+        # A start is slower after a program that has filled the caches, so the order varies.
         shuffled.shuffle(order)
         for name, words in order:
             times[name].append(milliseconds([*words, path], 0))
@@ -43,7 +43,7 @@ def medians(programs, path, rounds):
 
 
 def report(title, times, peer, limit):
-    """Prints the times, and whether the tool keeps to `limit` times the peer's."""
+    """Prints the times, and whether the tool keeps within `limit` times the peer's time."""
     print(title)
     for name, median in times.items():
         print(f"  {name:24} {median:9.2f} ms")

@@ -1,11 +1,11 @@
-// What a replay of an mtrace log costs when it does nothing but the work itself: the yardstick of replay.py.
+// A replay of an mtrace log that does only the necessary work: the reference of replay.py.
 //
 //   near_limit LOG
 //
-// Reads large blocks, finds lines with memchr, reads hexadecimal digits by hand, keeps live blocks in a hash
-// table with open addressing, whose memory it fetches some lines ahead, and each caller once. It trusts the
-// log: lines are what the C library writes, an address is live once at a time, no trace, no progress, no
-// order of the report. It says what it found in lines like those of qortool, so that both write as much.
+// Reads large blocks, finds lines with memchr, reads hexadecimal digits by hand, keeps live blocks in a hash table with
+// open addressing, which it prefetches some lines ahead, and stores each caller once. It trusts the log: lines are as
+// the C library writes them, and an address is live once at a time. It has no trace, no progress and no fixed order of
+// the report. Its output has lines like those of qortool, so that both write the same amount.
 
 #include <cstdint>
 #include <cstdio>
@@ -24,12 +24,12 @@ constexpr std::size_t kBlockSize = 256 * 1024;
 constexpr std::uint64_t kMultiplier = 0x9e3779b97f4a7c15; // 2^64 / golden ratio
 
 struct Live {
-    std::uint64_t address; // 0: nobody
+    std::uint64_t address; // 0: free
     std::uint32_t size;
     std::uint32_t caller;
 };
 
-// Linear probing; what is removed is filled from behind, so that there are no tombstones.
+// Linear probing. A removed entry is filled from behind, so there are no tombstones.
 class LiveTable {
 public:
     void add(const Live& block) {
@@ -117,7 +117,7 @@ public:
 private:
     struct Cell {
         std::uint64_t hash;
-        std::uint32_t number; // 0: nobody
+        std::uint32_t number; // 0: free
     };
 
     static std::uint64_t hash_of(const char* text, std::size_t size) {
@@ -128,7 +128,7 @@ private:
             hash = (hash ^ word) * kMultiplier;
             hash ^= hash >> 32;
         }
-        // The block is padded, and what follows the text is cut off.
+        // The block is padded; bytes after the text are masked out.
         std::memcpy(&word, text, 8);
         hash = (hash ^ (word & ((std::uint64_t{1} << (size * 8)) - 1))) * kMultiplier;
         return hash ^ (hash >> 32);
@@ -151,7 +151,7 @@ private:
     std::size_t m_mask = m_cells.size() - 1;
 };
 
-// Digits up to the first byte that is none.
+// Reads digits up to the first other byte.
 std::uint64_t hexadecimal(const char*& at) {
     if (at[0] == '0' && at[1] == 'x')
         at += 2;

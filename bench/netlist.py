@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""`qortool --quiet netlist` beside `ip addr`, in a network namespace of its own.
+"""Compares `qortool --quiet netlist` with `ip addr`, in a network namespace of its own.
 
     netlist.py --tool PATH [--brief]
 
-Both are started in turn: on a host with one interface, with 2,000 interfaces, and with 10,000 addresses on one; the
-times are medians of the wall clock from the start of the process to its end. The exit code is 1 if the tool takes longer
-than the limit in a row says, and 77 where no such namespace can be made. A brief run is there to see that the bench still
-works: it makes fewer interfaces and fails by no figure.
+Both are started in turn: on a host with one interface, with 2,000 interfaces, and with 10,000 addresses on one. The
+times are medians of the wall clock from the start of the process to its end. The exit code is 1 if the tool exceeds the
+limit of a row, and 77 if no such namespace can be made. A brief run only shows that the bench still works: it makes
+fewer interfaces and never fails because of a figure.
 """
 
 import argparse
@@ -38,12 +38,12 @@ def enter_namespace():
 
 
 def measure(programs, rounds):
-    """Medians, in the order of the programs."""
+    """Returns the medians, in the order of the programs."""
     times = {name: [] for name in programs}
     for round_number in range(rounds + 1):
         for name, words in programs.items():
             taken = milliseconds(words, 0)
-            if round_number > 0:  # the first one reads the files from the disk
+            if round_number > 0:  # the first round reads the files from the disk
                 times[name].append(taken)
     return [statistics.median(taken) for taken in times.values()]
 

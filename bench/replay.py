@@ -4,13 +4,13 @@
     replay.py --tool PATH --generator PATH --near-limit PATH [--lines N]... [--recorded LOG]...
               [--rounds R] [--seed S] [--folder DIR] [--brief]
 
-For each length: a log with addresses of the real allocator, a fifth as many blocks live at its peak. Then
-recorded logs, a long log with few live blocks, and logs made to be hostile. Prints ratios of medians, each
-beside its limit; ends with 1 when one is missed, or when the programs name different numbers of leaks.
-Seconds are processor time, of all threads, which what else happens on the machine touches least; the programs take
-turns. How much faster than the script somebody has the result, who waits for it, is of the wall clock: the tool reads
-ahead with a thread, so that takes a machine with a second processor at leisure.
---brief is one round over short logs without limits: it shows that the bench still works.
+For each length it replays a log with addresses of the real allocator and a fifth as many live blocks at its peak. Then
+it replays recorded logs, a long log with few live blocks, and hostile logs. It prints ratios of medians, each beside
+its limit. The exit code is 1 if a limit is missed, or if the programs report different numbers of leaks. Seconds are
+processor time of all threads, which other work on the machine influences least; the programs run in turn. The speed-up
+over the script is in wall-clock time, because that is what a user waits for. The tool reads ahead with a thread, so
+this figure needs a machine with an idle second processor. --brief is one round over short logs without limits: it shows
+that the bench still works.
 """
 
 import argparse
@@ -29,7 +29,7 @@ FIXED_BYTES = 16 * MIB
 FULL_LINES = [500_000, 5_000_000, 20_000_000]
 BRIEF_LINES = [100_000]
 FEW_LIVE = 1000
-# Records of the allocation log that no allocation asks for: one more than are read ahead.
+# Records of the allocation log that no allocation asks for: one more than the look-ahead holds.
 NEVER_ASKED_FOR = 1025
 WARMING_SECONDS = 4
 
@@ -46,27 +46,27 @@ class Bench:
         self.misses = 0
 
     def measure(self, command, out=os.devnull):
-        """(processor seconds, peak resident bytes, seconds of the wall clock) of one run."""
+        """Returns (processor seconds, peak resident bytes, wall-clock seconds) of one run."""
         with open(out, "wb") as stream, open(os.devnull, "r+b") as nowhere:
             begin = time.perf_counter()
             process = subprocess.Popen(command, stdin=nowhere, stdout=stream, stderr=nowhere)
             _, status, usage = os.wait4(process.pid, 0)
             waited = time.perf_counter() - begin
         process.returncode = os.waitstatus_to_exitcode(status)
-        # The script ends with 1 when it has found leaks.
+        # The script ends with 1 if it has found leaks.
         if process.returncode not in (0, 1):
             sys.exit(f"{command[0]} ended with {process.returncode}")
         return usage.ru_utime + usage.ru_stime, usage.ru_maxrss * 1024, waited
 
     def compare(self, commands):
-        """{who: (median seconds, peak bytes, leaks, median seconds of the wall clock)}; turn by turn."""
-        # A run before the others tells the leaks. The others' reports go nowhere: what a file system takes for some megabytes
-        # is no matter of ours, nor is what it still writes of the logs.
+        """Returns {who: (median seconds, peak bytes, leaks, median wall-clock seconds)}; the programs run in turn."""
+        # The leaks come from a run before the others. The reports of the others are discarded, so that neither writing
+        # them nor the remaining writes of the logs are measured.
         for who, command in commands.items():
             self.measure(command, self.folder / who)
         os.sync()
-        # A virtual machine may get its second processor as the other half of the first one's core, until both have been busy
-        # for some seconds.
+        # A virtual machine's second processor may share a core with the first one until both have been busy for some
+        # seconds.
         if not self.brief:
             keep_processors_busy(WARMING_SECONDS)
         results = {who: [] for who in commands}
@@ -74,7 +74,7 @@ class Bench:
             for who, command in commands.items():
                 if who != "script":
                     results[who].append(self.measure(command))
-        # It takes so long that its time hardly varies.
+        # The script takes so long that its time hardly varies.
         if "script" in commands:
             results["script"].append(self.measure(commands["script"]))
         return {
@@ -101,7 +101,7 @@ class Bench:
             self.misses += 1
 
     def generate(self, lines, live):
-        """(mtrace log, allocation log, blocks live at the peak)."""
+        """Returns (mtrace log, allocation log, live blocks at the peak)."""
         log, memcheck_log = self.folder / "log.mtrace", self.folder / "log.memcheck"
         numbers = ["--lines", str(lines), "--live", str(live), "--seed", str(self.seed)]
         made = subprocess.run(
@@ -159,7 +159,7 @@ class Bench:
         self.check("MiB at the peak", measured["qortool"][1] / MIB, 64)
 
     def hostile(self, blocks):
-        """A million live slots in a chain, beside as many well spread."""
+        """A million live slots in a chain, compared with as many that are well spread."""
         addresses = {
             "friendly": lambda i: 0x100000 + i * 160,
             "2^30 apart": lambda i: 0x1000 + (i << 30),

@@ -1,10 +1,10 @@
-// The memory routines beside the C library's, in one process and over the same memory.
+// Compares the memory routines with those of the C library, in one process and on the same memory.
 //
 //   simd_bench [--brief]
 //
-// Prints how many times as fast ours are: the ratio of the medians of interleaved rounds, each called as a
-// client calls it. Where a limit is given, a figure below it makes the exit code 1; a brief run fails by no
-// figure, because other programs have too much to say in it.
+// Prints how many times faster ours are: the ratio of the medians of interleaved rounds, each called as a client calls
+// it. If a figure is below its limit, the exit code is 1. A brief run never fails because of a figure, since other
+// programs influence it too much.
 #include "simd/simd.h"
 #include "qor/qor.h"
 
@@ -25,8 +25,8 @@
 namespace {
 
 constexpr uint64 kib = 1024, mib = 1024 * kib;
-// Far more than any cache of the classes measured: what a cold round touched, the next one finds in none of
-// them.
+// Much larger than any cache of the measured classes, so that no cold round finds in a cache memory that an earlier
+// round touched.
 constexpr uint64 half_pool = 256 * mib;
 
 bool s_brief = false;
@@ -36,7 +36,7 @@ char* s_from;
 
 using routine = void (*)(char* to, const char* from, uint64 length);
 
-// Kept from the compiler, which would put its own code in the place of some of these calls.
+// Hidden from the compiler, which would otherwise replace some of these calls by its own code.
 void* (*volatile library_copy)(void*, const void*, std::size_t) = std::memcpy;
 void* (*volatile library_fill)(void*, int, std::size_t) = std::memset;
 
@@ -47,7 +47,7 @@ void our_fill(char* to, const char*, uint64 length) { simd_memset_u8(to, 7, leng
 void their_zero(char* to, const char*, uint64 length) { library_fill(to, 0, length); }
 void our_zero(char* to, const char*, uint64 length) { simd_zero(to, length); }
 
-// Reads what a routine has left, as its caller would.
+// Reads the memory that a routine has written, as its caller would.
 uint64 sum(const char* from, uint64 length) {
     uint64 total[4] = {};
     for (uint64 i = 0; i + 32 <= length; i += 32)
@@ -67,7 +67,7 @@ void and_read(char* to, const char* from, uint64 length) {
 }
 
 #if defined(__x86_64__)
-// The fastest way to write memory that this processor has: nothing but stores past the caches.
+// The fastest way to write memory on this processor: only stores that bypass the caches.
 template <char VALUE>
 void write_ceiling(char* to, const char*, uint64 length) {
     const __m128i value = _mm_set1_epi8(VALUE);
@@ -76,7 +76,7 @@ void write_ceiling(char* to, const char*, uint64 length) {
     _mm_sfence();
 }
 
-// And to copy it, of sixteen ways that were tried on a Zen 5: its own instruction.
+// The fastest of sixteen ways to copy memory that were tried on a Zen 5: its own instruction.
 void copy_ceiling(char* to, const char* from, uint64 length) {
     asm volatile("rep movsb" : "+D"(to), "+S"(from), "+c"(length) : : "memory");
 }
@@ -88,7 +88,7 @@ struct work {
     bool cold = false;
 };
 
-// Nanoseconds for a call. A cold round walks on through the pool; `place` remembers where it is.
+// Returns nanoseconds per call. A cold round continues through the pool; `place` keeps its position.
 double round_of(routine run, const work& what, uint64& place) {
     using clock = std::chrono::steady_clock;
     const uint64 stride = (what.length + 4 * kib) / (4 * kib) * (4 * kib) + 4 * kib;
@@ -114,7 +114,7 @@ std::string size_name(uint64 size) {
                          : std::to_string(size) + " B";
 }
 
-// The two run in turn, and in turn as the first.
+// The two run in turn, and take turns in running first.
 double compare(const char* name, routine theirs, routine ours, const work& what, double limit) {
     std::vector<double> their_times, our_times;
     uint64 place = 0;

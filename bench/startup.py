@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""Short runs of qortool, from start to end, beside that of coreutils md5sum with an empty file.
+"""Compares short runs of qortool, from start to end, with coreutils md5sum on an empty file.
 
     startup.py --tool PATH [--brief] [--limit RATIO] [--files-alone]
 
-All are started in turn; the times are medians of the wall clock from the start of the process to its end. The exit
-code is 1 if a run of the tool takes more than RATIO (1.5) times as long as md5sum. What a host asks for accounts beside
-/etc/passwd and /etc/group is loaded into every process that asks for them, coreutils id among them, which stands there
-for comparison; --files-alone leaves that out (as root, for this run and nobody else). A brief run is there to see that the
-bench still works: other programs have too much to say in its figures, so it fails by none of them.
+All are started in turn; the times are medians of the wall clock from the start of the process to its end. The exit code
+is 1 if a run of the tool takes more than RATIO (1.5) times as long as md5sum. If a host has sources of accounts besides
+/etc/passwd and /etc/group, every process that looks up accounts loads them, including coreutils id, which is listed for
+comparison. --files-alone excludes them (needs root; only for this run). A brief run only shows that the bench still
+works; it never fails because of a figure, since other programs influence it too much.
 """
 
 import argparse
@@ -23,7 +23,7 @@ ENVIRONMENT = {"PATH": "/usr/bin:/bin", "LC_ALL": "C", "TZ": "Europe/Berlin", "H
 
 
 def milliseconds(words, expected_code):
-    """One run, its output thrown away."""
+    """One run with discarded output."""
     devnull = os.open(os.devnull, os.O_WRONLY)
     try:
         begin = time.perf_counter_ns()
@@ -40,7 +40,7 @@ def milliseconds(words, expected_code):
 
 
 def with_files_alone(words):
-    """The same once more, where another /etc/nsswitch.conf lies over that of the host."""
+    """Runs the bench again with another /etc/nsswitch.conf mounted over that of the host."""
     with tempfile.NamedTemporaryFile("w") as services:
         services.write("passwd: files\ngroup: files\n")
         services.flush()
@@ -73,7 +73,7 @@ def main():
         for round_number in range((20 if options.brief else 400) + 1):
             for name, run in programs.items():
                 taken = milliseconds(*run)
-                if round_number > 0:  # the first one reads the files from the disk
+                if round_number > 0:  # the first round reads the files from the disk
                     times[name].append(taken)
 
     medians = {name: statistics.median(taken) for name, taken in times.items()}

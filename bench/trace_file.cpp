@@ -1,10 +1,10 @@
-// Two threads that trace at full speed into a file, beside the same with spdlog's file logger.
+// Two threads that trace at full speed into a file, compared with spdlog's file logger.
 //
 //   trace_file [--brief] [FOLDER]
 //
-// Both write the same words, each with a head of its own. Prints lines a second: medians of interleaved
-// rounds, closing the file included. Every line must be in the file, whole and in its thread's order: else
-// the exit code is 1, and also if the framework is the slower one, but for a brief run.
+// Both write the same words, each with its own line head. Prints lines per second: medians of interleaved rounds,
+// including the closing of the file. The exit code is 1 if a line is missing, damaged or out of its thread's order. It
+// is also 1 if the framework is slower, except in a brief run.
 #include "qor/qor.h"
 
 #include <algorithm>
@@ -29,7 +29,7 @@ constexpr int threads = 2;
 struct contender {
     const char* name;
     void (*run)(const std::string& path, int lines);
-    std::vector<double> rounds{}; // lines a second
+    std::vector<double> rounds{}; // lines per second
 
     double median() {
         std::nth_element(rounds.begin(), rounds.begin() + static_cast<long>(rounds.size() / 2), rounds.end());
@@ -68,7 +68,7 @@ void run_spdlog(const std::string& path, int lines) {
     spdlog::drop_all();
 }
 
-// The number behind `word`, or -1.
+// Returns the number after `word`, or -1.
 int number_behind(std::string_view line, std::string_view word) {
     const std::size_t at = line.find(word);
     int number = -1;

@@ -1,8 +1,8 @@
-// Prints the digest of a file by any algorithm of the framework, as sha256sum and its relatives do:
+// Prints the digest of a file by any algorithm of the framework, like sha256sum and similar programs:
 //
 //     digest sha256 FILE
 //
-// An algorithm that comes from a module loads it; the error says what is wrong with one that cannot be used.
+// If an algorithm comes from a module, the module is loaded. If it cannot be used, the error states the cause.
 #include "qor/qor.h"
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 
 namespace {
 
-// The whole file, piece by piece. False: the last error says why.
+// Adds the whole file in pieces. Returns false on failure; the last error says why.
 bool add_file(IQORDigestEngine* engine, const char* path) {
     qorFile file;
     if (!file.Open(path, qorFileReading | qorFileExisting | qorFileShared))

@@ -1,9 +1,9 @@
-// A program that leaks on purpose: what the demo logs in samples/ were recorded from.
+// A program that leaks on purpose. The demo logs in samples/ were recorded from it.
 //
-// It keeps a list of readings the way a real program might, and forgets some of what it allocated: an object with a
-// type name, blocks with a source line, a block that has grown, pages that never went through malloc, and a block of
-// malloc of which only the caller is known. Once it frees a block twice, where a log is written: that shows it, and
-// without one the C library would end the program.
+// It keeps a list of readings as a real program might, and fails to free some of its memory: an object with a type
+// name, blocks with a source line, a block that has grown, pages that did not come from malloc, and a block from
+// malloc of which only the caller is known. If a log is written, it also frees a block twice, which the log shows;
+// without a log the C library would end the program.
 #include "qor/qor.h"
 
 #include <cstdio>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr char source[] = "examples/leaky/leaky";
 
-// Announces its type name; the allocation log shows it.
+// Announces its type name, which the allocation log shows.
 class reading : public qorRefObject {
 public:
     explicit reading(double value) : qorRefObject("examples.leaky.reading") {
@@ -32,7 +32,7 @@ private:
     double m_samples[96];
 };
 
-// One reading in four is forgotten: its reference is given up without a Release.
+// Forgets one reading in four: its reference is dropped without a Release.
 double take_readings(int count) {
     zetArray<zetSmartPointer<reading>> readings;
     double sum = 0;
@@ -47,7 +47,7 @@ double take_readings(int count) {
     return sum;
 }
 
-// A line grows with what is written to it, and the first one stays.
+// A line grows as text is added, and the first one leaks.
 void write_lines(int count) {
     constexpr uint64 first = 5000;
     for (int i = 0; i < count; ++i) {
@@ -59,7 +59,7 @@ void write_lines(int count) {
     }
 }
 
-// The last page is never freed, the first one twice.
+// The last page is never freed; the first one is freed twice.
 void write_report(int pages, bool is_logged) {
     constexpr uint64 page_size = 4096;
     zetArray<char*> written;
@@ -77,10 +77,10 @@ void write_report(int pages, bool is_logged) {
         qor_do_free(written[0], source, __LINE__);
 }
 
-// Keeps the compiler from taking out allocations that nobody uses.
+// Keeps the compiler from removing unused allocations.
 void* volatile used;
 
-// Memory of the C library, which no framework log shows.
+// Allocates from the C library, which a framework log does not show.
 void fill_table() {
     for (std::size_t size = 100; size <= 500; size += 100) {
         used = std::malloc(size);
@@ -89,7 +89,7 @@ void fill_table() {
     }
 }
 
-// Pages that come straight from the system: the mtrace log never shows them, the framework's does.
+// Allocates pages directly from the system: the mtrace log never shows them, the framework's log does.
 void use_huge_block() {
     constexpr uint64 size = 8 * 1024 * 1024;
     char* const scratch = static_cast<char*>(qor_do_huge_alloc(size, source, __LINE__));
@@ -103,7 +103,7 @@ void use_huge_block() {
 int main(int argc, char** argv) {
     qorStringArray args;
     args.SetFromArgVec(argc, argv);
-    // The framework takes its options out of the words, and the program's name.
+    // The framework removes its options and the program's name from the words.
     const uint32 words = args.GetCount();
     if (!qorInitProcess("leaky", args, 0)) {
         fputerr(stderr, true);

@@ -1,18 +1,17 @@
-// A process to try debug control on: it traces once a second until it is stopped, if somebody wants to see
-// it.
+// A process for trying debug control: it writes trace lines once a second, if their codes are on, until it is stopped.
 //
 //     ticker [MILLISECONDS] --qor-debug-listen=7447
 //
-// `qortool debug-control localhost 7447` switches its trace codes. It has "ticker.tick" and "ticker.work",
-// and from the tenth tick on "ticker.ten": a code is known from the moment in which somebody first wants to
-// trace with it. Another number of milliseconds than 1,000 makes it tick so often.
+// `qortool debug-control localhost 7447` switches its trace codes. These are "ticker.tick" and "ticker.work", and from
+// the tenth tick on "ticker.ten": a code becomes known when the process first uses it. MILLISECONDS sets the interval;
+// the default is 1,000.
 #include "qor/qor.h"
 
 #include <cstdlib>
 
 namespace {
 
-// Opened by Ctrl-C and its relatives.
+// Ctrl-C and similar signals open the gate.
 class stop_gate final : public IQORSignalHandler {
 public:
     void AddRef() noexcept override {}
@@ -31,7 +30,7 @@ void work(uint32 code, uint32 tick) {
     qorDebug(code, "the sum of all ticks is %llu", (1ull + tick) * tick / 2);
 }
 
-// Until somebody stops the process. False: the last error says why it cannot begin.
+// Ticks until the process is stopped. Returns false if it cannot start; the last error says why.
 bool tick_every(uint32 milliseconds) {
     stop_gate stop;
     if (!qorSetSignalHandler(&stop))
@@ -56,7 +55,7 @@ int main(int argc, char** argv) {
     args.SetFromArgVec(argc, argv);
     bool done = qorInitProcess("ticker", args, 0);
     if (done) {
-        // The framework's primitives take 0 for "without limit".
+        // The framework's primitives treat 0 as "without limit".
         const int milliseconds = args.IsEmpty() ? 1000 : std::atoi(args[0]);
         done = tick_every(milliseconds > 0 ? static_cast<uint32>(milliseconds) : 1000);
         qorCleanup();
