@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-r"""Runs the tool as a whole and compares what it prints, to the byte.
+r"""Runs the whole tool and compares its output byte for byte.
 
     golden.py --tool PATH [--runner PROGRAM] [--update] [--list] [CASE...]
 
-A CASE is a group ("mtrace"), a case ("mtrace/empty-log") or nothing for all of them. Each case is one file
-cases/<group>/<name>.case, and is run in a fresh folder with a clean environment: once as written, and once
-with --quiet in front of its words. The case file says what it tests in comments, then come settings, then
-sections, each of which holds bytes up to the next line that begins with "== ":
+A CASE is a group ("mtrace") or a case ("mtrace/empty-log"); without a CASE, all cases are run. Each case is one
+file cases/<group>/<name>.case, and is run in a new folder with a clean environment: once as written, and once
+with --quiet before its words. The case file begins with comments that describe the test. Then come settings, and
+then sections, each of which contains the bytes up to the next line that begins with "== ":
 
     # A release that comes before its allocation is a bad free.
     args: mtrace log.mtrace
@@ -20,22 +20,22 @@ sections, each of which holds bytes up to the next line that begins with "== ":
     Processing mtrace file...
 
 settings    args: WORDS         the words, quoted as for a shell
-            exit: CODE          the expected exit code; quiet-exit: where it differs under --quiet
+            exit: CODE          the expected exit code; quiet-exit: the code under --quiet, if different
             env: NAME=VALUE     any number of times
             stdout: full|shut   standard output is a full disk, or closed
-            stderr: stdout      both streams end in one place, as "2>&1" has it: the section stdout holds both
+            stderr: stdout      both streams end in one place, as with "2>&1": the section stdout holds both
             quiet: none         there is no run with --quiet
-            posix: REASON       a case that Windows cannot have, and why
-sections    file NAME, dir NAME what is there before the run; folders on the way are made
-            stdin               standard input, empty if there is none
-            stdout, stderr      what must come out; a section that is missing stands for nothing at all
-            quiet stdout, quiet stderr   where these differ under --quiet
+            posix: REASON       a case that is impossible on Windows, with the reason
+sections    file NAME, dir NAME exists before the run; parent folders are created
+            stdin               standard input; empty without this section
+            stdout, stderr      the expected output; a missing section means no output
+            quiet stdout, quiet stderr   the same under --quiet, if different
 
 In words and sections:
-    \\ \r \t \xNN           the byte; and at the end of a line, \ takes away the line's end
-    \*A..B/STEP LINE        LINE once for each number from A to B, with the number at {i}, {i:x}, {i:03x} ...
+    \\ \r \t \xNN           the byte; at the end of a line, \ removes the line's end
+    \*A..B/STEP LINE        LINE once for each number from A to B, inserted at {i}, {i:x}, {i:03x} ...
     $TMP $TOOL_DIR          the folder of the run, and the folder of the tool
-    $NAME on its own line   lines of the tool that the file cases/names gives; under --quiet, none at all
+    $NAME on its own line   lines of the tool, from the file cases/names; under --quiet, no lines
 """
 
 import argparse
@@ -50,7 +50,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path.append(str(HERE.parent / "support"))
-import tool  # noqa: E402  # beside this folder
+import tool  # noqa: E402  # noqa: E402  # in tests/support
 TIMEOUT = 120  # seconds; instrumented builds on a busy machine are slow
 
 SETTINGS = {"args": (), "exit": (), "quiet-exit": (), "stdout": ("full", "shut"), "stderr": ("stdout",), "quiet": ("none",), "posix": ()}
@@ -59,11 +59,11 @@ ESCAPES = {b"\\": b"\\", b"r": b"\r", b"t": b"\t"}
 
 
 class CaseError(Exception):
-    """The case file itself is wrong."""
+    """A case file with an error."""
 
 
 def unescape(text):
-    """The bytes that a text of a case file stands for."""
+    """Returns the bytes that a text of a case file represents."""
 
     def one(match):
         code = match[1]
@@ -77,7 +77,7 @@ def unescape(text):
 
 
 def escape(line):
-    """The visible form of one line's bytes, the reverse of unescape."""
+    """Returns the visible form of one line's bytes; the reverse of unescape."""
     names = {value.decode(): "\\" + code.decode() for code, value in ESCAPES.items()}
     out = ""
     for char in line.decode("utf-8", "surrogateescape"):
@@ -95,7 +95,7 @@ def escape(line):
 
 
 class Texts:
-    """The short names of a run: $TMP and $TOOL_DIR, and the lines that --quiet keeps back."""
+    """The short names of a run: $TMP and $TOOL_DIR, and the lines that --quiet suppresses."""
 
     def __init__(self, paths, lines, quiet):
         self.paths, self.lines, self.quiet = paths, lines, quiet
@@ -106,14 +106,14 @@ class Texts:
         return text
 
     def decode(self, lines):
-        """The bytes that a section's lines stand for."""
+        """Returns the bytes that a section's lines represent."""
         out = b""
         for line in lines:
             if line.startswith("$") and line[1:] in self.lines:
                 out += b"" if self.quiet else self.lines[line[1:]]
                 continue
             for text in repeat(self.fill(line)):
-                # An even number of backslashes at the end is an escaped backslash, not a joint.
+                # An even number of backslashes at the end is an escaped backslash, not a continuation.
                 if re.search(r"(?<!\\)(\\\\)*\\$", text):
                     out += unescape(text[:-1])
                 else:
@@ -121,7 +121,7 @@ class Texts:
         return out
 
     def encode(self, data):
-        """The lines of a section that stands for these bytes; decode(encode(x)) == x."""
+        """Returns the lines of a section with these bytes; decode(encode(x)) == x."""
         lines = []
         while data:
             for name, text in self.lines.items():
@@ -141,7 +141,7 @@ class Texts:
 
 
 def repeat(line):
-    r"""The lines that "\*A..B/STEP LINE" stands for; any other line stands for itself."""
+    r"""Returns the lines that "\*A..B/STEP LINE" produces; any other line is returned unchanged."""
     match = re.fullmatch(r"\\\*(\d+)\.\.(\d+)(?:/(\d+))? (.*)", line)
     if not match:
         return [line]
@@ -153,7 +153,7 @@ def repeat(line):
 
 
 class Case:
-    """One case file. It is kept as lines, so that an update changes only what has to change."""
+    """One case file. It is kept as lines, so that an update changes as little as possible."""
 
     def __init__(self, path, name):
         self.path, self.name = path, name
@@ -192,7 +192,7 @@ class Case:
                 raise CaseError(f"not a section: {title!r}")
 
     def expected(self, quiet):
-        """What the run must give, still as text."""
+        """Returns the expected results of the run, still as text."""
 
         def pick(name):
             plain = self.sections.get(name, [])
@@ -206,7 +206,7 @@ class Case:
         }
 
     def replace(self, quiet, key, value):
-        """Makes the file expect something else."""
+        """Changes an expectation in the file."""
         if key == "exit":
             key = "quiet-exit" if quiet else "exit"
             self.head = [line for line in self.head if not line.startswith(key + ":")]
@@ -230,7 +230,7 @@ class Runner:
         self.tool, self.names, self.update = under_test, names, update
 
     def run(self, case):
-        """Runs a case in all its forms; the failures, as text."""
+        """Runs a case in all its forms; returns the failures as text."""
         failures = ""
         for quiet in [False] if case.settings.get("quiet") == "none" else [False, True]:
             with tempfile.TemporaryDirectory(prefix="golden.") as folder:
@@ -295,7 +295,7 @@ class Runner:
 
 
 def read_names(path):
-    """The file of names: a line "NAME text" for each; a name that comes again has a further line."""
+    """Reads the file of names: a line "NAME text" for each. A name may have several lines."""
     names = {}
     for line in path.read_text(encoding="utf-8").splitlines() if path.exists() else []:
         if line and not line.startswith("#"):

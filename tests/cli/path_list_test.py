@@ -99,7 +99,7 @@ class PathList(unittest.TestCase):
                    "XDG_RUNTIME_DIR is not set to an absolute path.\n")
         for words in [], ["foo"], ["--option", "-x"]:
             self.assertEqual(self.run_tool(self.environment(), *words), (self.expected(), failure))
-        self.assertEqual(os.listdir(self.home), [])  # nothing was made
+        self.assertEqual(os.listdir(self.home), [])  # no folder was created
 
     def test_every_variable_is_set(self):
         variables = {"XDG_CONFIG_HOME": "/c/", "XDG_DATA_HOME": "/d//", "XDG_STATE_HOME": "/s", "XDG_CACHE_HOME": "/h",

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The trace scopes that each action opens.
+"""Checks the trace scopes that each action opens.
 
 usage: scopes_test.py --tool PATH [--runner PROGRAM]
 """

@@ -20,7 +20,7 @@ from name_space import name_space  # noqa: E402  # in tests/support
 from strange_files import KINDS, REASONS, strange_file  # noqa: E402  # in tests/support
 from tool import Tool, add_options  # noqa: E402  # in tests/support
 
-GUARD = 250  # seconds, for a run that would never end
+GUARD = 250  # seconds; a run that takes longer never ends
 
 options = None
 

@@ -1,4 +1,4 @@
-// A listener and controls in one process, over the loopback network.
+// A listener and consoles in one process, over the loopback network.
 #include "channel/control_client.h"
 #include "loopback.h"
 

@@ -1,4 +1,4 @@
-// Files that matter to logins are not used if others may read them.
+// For files of logins, which are not used if others may read them.
 #pragma once
 
 #include "login/private_file.h"

@@ -148,7 +148,7 @@ TEST_F(hosts, no_signal_is_raised) {
     EXPECT_TRUE(control->Login("ada", "secret")) << last_error();
 }
 
-// The threads take no signal that the host waits for elsewhere.
+// The threads must not take signals for which the host waits elsewhere.
 TEST_F(hosts, the_threads_block_all_signals) {
     control_pointer control = connect();
     ASSERT_TRUE(control->Login("ada", "secret")) << last_error();

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Checks what the documents say against the tree and the tool.
+"""Checks the documents against the tree and the tool.
 
     documents_test.py --source FOLDER --tool QORTOOL [--compiler C++] [--worked-examples]
 
-Links lead to files and headings that exist, paths are those of files, and README and docs/command-line.md list the
-actions and options that `help` lists. --worked-examples: the leak in README is hunted command by command, with the
-output that README shows, and the first program of docs/library.md is compiled and run.
+Links must lead to existing files and headings, paths must be those of files, and README and docs/command-line.md must
+list the actions and options that `help` lists. --worked-examples: runs the commands with which README finds a leak and
+compares their output, and compiles and runs the first program of docs/library.md.
 """
 
 import argparse

@@ -3,8 +3,8 @@
 
     dogfood_test.py --tool QORTOOL --samples FOLDER [--program PROGRAM [WORDS...]]...
 
-What their logs show must be what intended.txt lists, no more and no less. Words are separated by "|". What the test
-programs start for themselves is given a clean environment, and so writes no log: there, leaks are part of tests.
+Their logs must show exactly the findings that intended.txt lists. Words are separated by "|". Programs that the test
+programs start get a clean environment and write no log, because their leaks are part of tests.
 """
 
 import argparse

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Runs a client with every kind of missing, damaged and misplaced libqor, and looks at all that it does.
+"""Runs a client with every kind of missing, damaged and misplaced libqor, and checks everything that it does.
 
     binding_test.py --bin FOLDER --tool PATH --compiler PATH --include FOLDER [--instrumented]
 
-FOLDER holds the client, libqor.so, the preloaded recorder of the system log and the libraries that are sound
-but wrong. --instrumented: the build has a sanitizer in it, whose own dlopen does not follow the executable's
-run path, so the library is shown to the bare-name load by LD_LIBRARY_PATH instead.
+FOLDER holds the client, libqor.so, the preloaded recorder of the system log, and the libraries that are sound but
+wrong. --instrumented: the build has a sanitizer, whose own dlopen does not follow the executable's run path; for a load
+by the bare name, LD_LIBRARY_PATH then contains the library's folder.
 """
 
 import argparse

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Runs a Windows client with every kind of missing, damaged and misplaced libqor.dll, and looks at all that it does.
+"""Runs a Windows client with every kind of missing, damaged and misplaced libqor.dll, and checks everything that it
+does.
 
     binding_test_windows.py --bin FOLDER --tool PATH --runner PROGRAM --compiler PATH --objdump PATH --include FOLDER
 
-FOLDER holds the client, libqor.dll and the libraries that are sound but wrong. What is said to the debugger is read
-from Wine, which prints it when it is asked to; a real Windows shows it to a debugger alone.
+FOLDER holds the client, libqor.dll and the libraries that are sound but wrong. Messages for the debugger are read from
+Wine, which can print them; a real Windows shows them only to a debugger.
 """
 
 import argparse

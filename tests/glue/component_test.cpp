@@ -61,7 +61,7 @@ public:
     int references = 0;
 };
 
-// The words of an object: its virtual table, then its fields.
+// Reads an object word by word: its virtual table, then its fields.
 template <class WORD>
 WORD word_of(const void* object, std::size_t index) {
     WORD word;

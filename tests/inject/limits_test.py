@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The tool with little memory and a small stack, as `ulimit` sets them: limits_test.py --tool QORTOOL"""
+"""Runs the tool with little memory and a small stack, as `ulimit` sets them: limits_test.py --tool QORTOOL"""
 
 import argparse
 import hashlib

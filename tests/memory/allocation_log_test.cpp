@@ -56,7 +56,7 @@ const scene objects{"log_objects", [](const words& arguments) {
                         object->Release();
                         thing* const nameless = new (here, 2) thing(nullptr);
                         nameless->Release();
-                        // Not at the start of a block, so there is no block to name.
+                        // The address is not the start of a block, so no block gets the name.
                         const int on_the_stack = 0;
                         qor::glue::qorAnnounceObject(&on_the_stack, "stack");
                         return 0;
@@ -364,7 +364,7 @@ namespace {
 
 const scene threads{"log_threads", [](const words& arguments) {
                         std::vector<std::thread> workers;
-                        // Some are at work already when the log begins.
+                        // Some threads are already working when the log begins.
                         for (unsigned i = 0; i < 4; ++i)
                             workers.emplace_back(work, i, 2000);
                         start(arguments[0]);

@@ -198,7 +198,7 @@ TEST_F(posix_allocation_log, a_child_that_does_not_exit_leaves_what_it_inherited
 
 TEST_F(posix_allocation_log, children_of_children_have_logs_side_by_side) {
     EXPECT_EQ(story_of(three_generations).events, (events{"A 1 10 0"}));
-    std::map<std::size_t, events> found; // by their number
+    std::map<std::size_t, events> found; // by the number of events
     for (const std::string& each : logs_of_children(m_path)) {
         const std::string log = read_file(each);
         EXPECT_EQ(each, m_path + '.' + process_of(log));

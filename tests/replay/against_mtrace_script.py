@@ -3,26 +3,26 @@
 
     against_mtrace_script.py --tool PATH [--runner PROGRAM] LOG...
 
-Both must name the same leaked blocks, each with its address and size, and the same bad frees: in the
-whole log, and in its second half, a recording that began late and so holds many bad frees.
+Both must report the same leaked blocks, each with its address and size, and the same bad frees: in the whole log, and
+in its second half, which is like a recording that began late and so has many bad frees.
 
-Two kinds of line mean different things to the two, and are kept from what is compared:
+The two programs interpret two kinds of line differently, so these are not compared:
 
-* Lines that are no `@ CALLER CODE 0xADDRESS [0xSIZE]` with one of the codes + - < >. The script passes
-  over them or reads them in its own way; qortool warns, skips, or makes the best of them:
+* Lines that do not have the form `@ CALLER CODE 0xADDRESS [0xSIZE]` with one of the codes + - < >. The script skips
+  them or reads them in its own way; qortool warns, skips them, or interprets them as well as it can:
   - `= Start` and `= End`, which both skip;
-  - `@ CALLER ! 0xADDRESS 0xSIZE`, a reallocation that failed and left its block alone: the script
-    ignores it, qortool warns of a bad code and goes by the size;
-  - `+ (nil) 0xSIZE`, an allocation that failed: the script ignores it, qortool cannot hold address 0;
-  - lines without `@`, from the time before callers were written: the script takes them, qortool does not;
+  - `@ CALLER ! 0xADDRESS 0xSIZE`, a failed reallocation that left its block unchanged: the script
+    ignores it, qortool warns of a bad code and interprets it by the size;
+  - `+ (nil) 0xSIZE`, a failed allocation: the script ignores it, qortool cannot hold address 0;
+  - lines without `@`, of an old format without callers: the script reads them, qortool does not;
   - callers with a blank in their path, which shift the words;
-  - address 0, which qortool takes for a blank slot, and addresses that are not spelled as the C library
-    spells them, since the script tells blocks apart by the spelling.
+  - address 0, which means a blank slot in qortool, and addresses that are not spelled as the C library
+    spells them, because the script distinguishes blocks by the spelling.
 * An allocation of a block that is still live (`duplicate` in the script's words). The script drops the
-  line; qortool keeps two blocks, since two threads may have written their lines out of order. The
-  script names the number of such a line, which is then left out of what qortool reads.
+  line; qortool keeps two blocks, because two threads may have written their lines out of order. The
+  script reports the number of such a line, which is then removed from qortool's input.
 
-How many lines were left out is printed. Sizes are compared as qortool holds them, in 32 bits.
+The number of removed lines is printed. Sizes are compared in 32 bits, as qortool stores them.
 """
 
 import argparse

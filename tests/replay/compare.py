@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Runs qortool and the plain replay over the same logs and requires equal bytes on both streams.
+"""Runs qortool and the plain replay on the same logs and requires equal bytes on both streams.
 
     compare.py --tool PATH [--runner PROGRAM] [--count N] [--seed S] [--keep FOLDER]
 
-First the cases of corpus/: each folder holds an `mtrace` log, a `memcheck` log or both, and for at
-least one run the hand-checked bytes it must write, RUN.out and RUN.err, where RUN is `mtrace`,
-`joined` or `memcheck`. Both replays have to match those files, so that a mistake both make still
-shows. Then N generated pairs, seeds S, S+1, ... A pair that differs is kept in FOLDER.
+First come the cases of corpus/: each folder holds an `mtrace` log, a `memcheck` log or both, and for at least one run
+the hand-checked expected output, RUN.out and RUN.err, where RUN is `mtrace`, `joined` or `memcheck`. Both replays must
+match those files, so that a mistake that both make is still found. Then come N generated pairs with the seeds S, S+1,
+... A pair with different output is kept in FOLDER.
 """
 
 import argparse

@@ -1,4 +1,4 @@
-// The order of both standard streams.
+// The order of output on both standard streams.
 #include "stream/text_output.h"
 
 #include <gtest/gtest.h>

@@ -78,7 +78,7 @@ TEST(string, copies_are_their_own_and_moves_are_not) {
 
     copy = *&copy;
     EXPECT_EQ(bytes(copy), "a\0b"s);
-    copy = copy.m_data.text + 2; // a source in itself
+    copy = copy.m_data.text + 2; // the source is a part of the string itself
     EXPECT_EQ(bytes(copy), "b");
 }
 

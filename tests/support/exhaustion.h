@@ -7,7 +7,7 @@ namespace qor::test {
 // Makes the next of these requests fail that the program's own code makes, including code that a client compiles in.
 void refuse_next_request() noexcept;
 
-// For the replacements: returns whether this request must fail.
+// For the replacements of these functions: returns true once, if the current request must fail.
 bool is_refused() noexcept;
 
 } // namespace qor::test

@@ -96,7 +96,7 @@ TEST(hypervisor, the_host_of_hyper_v_is_no_guest) {
     EXPECT_TRUE(read_hypervisor(source).is_ours);
     source.leaves[{0x40000003, 0}] = {0x00002e7f, 0x00003070 & ~0x1000u, 0, 0}; // a guest
     EXPECT_FALSE(read_hypervisor(source).is_ours);
-    source.leaves[{0x40000003, 0}].b = 0x00403070; // isolated: its paravisor directs the processors for it
+    source.leaves[{0x40000003, 0}].b = 0x00403070; // isolated: its paravisor controls the processors for it
     EXPECT_FALSE(read_hypervisor(source).is_ours);
 }
 

@@ -1,4 +1,4 @@
-// The check of an action's options and arguments.
+// Checks an action's options and arguments.
 #pragma once
 
 #include "qor/qor.h"

@@ -1,4 +1,4 @@
-// The end of a tool's run.
+// The end of a run of either tool.
 #pragma once
 
 // Returns the exit code for a run whose action returned `code`. If output could not be written, the run has failed even

@@ -1,6 +1,7 @@
 // The process entry: the framework's start and end around one action.
 //
-// Source names and lines in assertions and allocations are constants: reports compare across versions.
+// Source names and lines in assertions and allocations are constants, so that reports of different versions can be
+// compared.
 #include "entry.h"
 #include "finish_output.h"
 #include "qortool_app.h"

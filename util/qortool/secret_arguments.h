@@ -3,7 +3,7 @@
 
 #include "qor/qor.h"
 
-// Remembers the arguments of main, which live as long as the process.
+// Remembers the arguments of main, which are valid until the process ends.
 void remember_arguments(int argc, char* const* argv);
 
 // Overwrites every argument of main that equals this text, and the system's visible copies of the command line.

@@ -155,7 +155,7 @@ private:
         bool m_is_in_use = false; // the replay is using the batch after those taken
         bool m_is_done = false;
         bool m_is_abandoned = false;
-        int m_processor = current_processor(); // where the replay was last seen
+        int m_processor = current_processor(); // on which the replay was last seen
         thread_place m_place;                  // that of the thread
     };
 

@@ -1,5 +1,5 @@
-// Where blocks came from: every combination of caller, block type, type name, file and line is kept once and
-// named by a number, so that a slot of the table needs four bytes for it.
+// The origins of blocks: every combination of caller, block type, type name, file and line is stored once and has a
+// number, so that a slot of the table needs four bytes for it.
 #pragma once
 
 #include "heap/table/number_index.h"

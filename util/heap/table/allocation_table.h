@@ -102,8 +102,8 @@ public:
     // null if no slot holds it. Any blank slot counts as holding address 0.
     const slot_data* release(uint64 address) noexcept;
 
-    // Puts the block in the earliest blank slot of the bucket. Same as find_blank and set, without naming the slot in
-    // between. Throws std::bad_alloc.
+    // Same as find_blank and set, without naming the slot in between: puts the block in the earliest blank slot of its
+    // bucket. Throws std::bad_alloc.
     void add(uint64 address, SIZE size, uint32 origin);
 
     // Requires a blank slot that find_blank has just returned.

@@ -17,7 +17,7 @@ public:
     block_arena(const block_arena&) = delete;
     block_arena& operator=(const block_arena&) = delete;
 
-    // The memory outlives the arena, unless free_all() gives it back.
+    // The memory outlives the arena, unless free_all() frees it.
     ~block_arena() = default;
 
     std::size_t size_of(uint32 rank) const noexcept { return rank + 1 < rank_count ? m_smallest << rank : m_largest; }

@@ -1,4 +1,4 @@
-// simd-test: the framework's memory routines beside those of the C library.
+// simd-test: compares the framework's memory routines with those of the C library.
 #include "action_arguments.h"
 #include "message_names.h"
 #include "qortool_app.h"

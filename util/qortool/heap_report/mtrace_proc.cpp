@@ -7,7 +7,7 @@
 
 namespace {
 
-// For messages: a NUL in a text ends it there.
+// The precision for %.*s in messages; a NUL in the text ends the output earlier.
 int printed_length(std::string_view text) noexcept { return static_cast<int>(text.size()); }
 
 // Reports the leaks that a walk over the live blocks finds.
