@@ -85,7 +85,7 @@ TEST(gate, who_has_the_most_makes_way) {
     std::vector<gate::place> places;
     for (unsigned i = 0; i < 32; ++i)
         places.push_back(simply(door, source(i % 8), start + i * 1ms));
-    // Displaces a connection at once, and again, as long as the newcomer's source has fewer afterwards.
+    // The newcomer displaces connections at once, as long as its source has fewer even with the new one.
     for (unsigned i = 0; i < 3; ++i) {
         const entered newcomer = enter(door, "new", start + 40ms);
         EXPECT_NE(newcomer.place, 0u);
@@ -111,7 +111,8 @@ TEST(gate, a_crowd_of_single_ones_makes_way_in_time) {
     const entered newcomer = enter(door, "new", start + 5s);
     EXPECT_NE(newcomer.place, 0u);
     EXPECT_EQ(newcomer.loser, places[0]);
-    // The connection keeps its place for its time: 31 others are displaced first, and then nobody for five seconds.
+    // The newcomer keeps its place for its full time: 31 others are displaced first, then no connection for five
+    // seconds.
     for (unsigned i = 1; i < 32; ++i)
         EXPECT_EQ(enter(door, source(100 + i), start + 5s).loser, places[i]);
     EXPECT_TRUE(is_turned_away(door, source(200), start + 9999ms));

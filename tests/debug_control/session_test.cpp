@@ -434,7 +434,7 @@ TEST_F(sessions, names_in_the_trace_stay_in_their_quotes) {
     EXPECT_EQ(quoted(std::string(255, 'x')), "'" + std::string(255, 'x') + "'");
     EXPECT_EQ(quoted(std::string(256, 'x')), "'" + std::string(255, 'x') + "'+1");
     EXPECT_EQ(quoted(std::string(255, 'x') + "'+7" + std::string(3, 'y')), "'" + std::string(255, 'x') + "'+6");
-    // Different names stay different in the trace, whether quoted or not.
+    // Different names that are not truncated stay different in the trace.
     EXPECT_NE(quoted("a\nb"), quoted("a\\x0ab"));
 }
 

@@ -59,8 +59,8 @@ private:
 };
 
 // Plays rounds, each of which returns whether it went well. On a system that cannot tell which threads sleep, a crowd
-// waits for a number of milliseconds instead. There a round may begin too early, so a failed round is repeated with a
-// longer wait. A real fault fails with every wait.
+// waits for a number of milliseconds instead. There a round may begin too early, so if a round fails, all are repeated
+// with a longer wait. A real fault fails with every wait.
 template <class ROUND>
 void in_each_round(ROUND round) {
     constexpr int rounds = 20;

@@ -319,7 +319,7 @@ int act_add_up(const words&) {
 }
 const scene add_up{"signals_add_up", act_add_up};
 
-// A host that saved the handling which it found restores ours when no handler is set.
+// A host that saved our signal handling puts it back when no handler is set.
 int act_put_back(const words&) {
     recorder handler;
     struct sigaction found {};

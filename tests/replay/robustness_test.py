@@ -200,8 +200,7 @@ class Robustness(unittest.TestCase):
                 self.assertTrue(run.out == out)
 
     def test_lines_that_are_too_long(self):
-        """Lines that are too long are skipped and never kept. One that begins like a meaningful line causes a warning.
-        """
+        """Lines that are too long are skipped, not kept; one that begins like a meaningful line causes a warning."""
         longest = 256 * MIB
         before = [b"@ app:[0x%x] + 0x%x 0x20\n" % (i, 0x10 + i * 16) for i in range(20_000)]
         leak = b"LEAK at 0x4 size 8 type 0 caller [%s] type_name [] file [%s] line 0\n"

@@ -23,7 +23,7 @@ enum class fault {
     split,      // the following bytes come separately
     single,     // from there on each byte comes separately
     pause,      // the following bytes come 0.2 seconds later
-    long_pause, // 6 seconds: longer than the allowed time of an incomplete frame
+    long_pause, // 6 seconds: longer than the limit for anything incomplete
     repeat,     // the last byte comes twice
     stall,      // no more bytes come, but the connection stays
     close,      // both connections end

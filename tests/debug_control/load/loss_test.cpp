@@ -67,7 +67,7 @@ TEST_F(loss, is_told_once) {
         expect_lost(control->EnableCode("loss", true), "EnableCode");
         expect_lost(control->SetSink(&sink), "SetSink");
         mend();
-        // A new login makes a new connection, whose loss nobody is notified of yet.
+        // A new login makes a new connection. It has no sink yet, so its loss is not reported.
         if (i % 4 == 0) {
             EXPECT_TRUE(control->Login("ada", "secret")) << last_error();
             EXPECT_TRUE(control->DisableAll()) << last_error();
@@ -109,7 +109,7 @@ TEST_F(loss, is_told_once_during_a_request_of_another_thread) {
     std::cout << "connections lost during a request: " << during << ", told: " << told << '\n';
 }
 
-// The loss of a connection without a sink is reported to nobody, also not to a later or an earlier sink.
+// The loss of a connection without a sink is not reported, not even to a sink of an earlier connection.
 TEST_F(loss, before_a_login_is_not_told) {
     counting_sink sink;
     int again = 0;

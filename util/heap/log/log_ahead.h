@@ -1,5 +1,5 @@
-// A thread that reads a log ahead of its replay. It also parses the lines, which is half of the work, unless the replay
-// is idle.
+// A thread that reads a log ahead of its replay. It also parses the lines, which is half of the work, as long as enough
+// batches are waiting for the replay.
 #pragma once
 
 #include "log_batch.h"

@@ -57,7 +57,7 @@ private:
     std::unique_ptr<char[]> m_texts;
     std::size_t m_used = 0;
     uint32 m_count = 0;
-    uint32 m_next; // never repeats a number
+    uint32 m_next; // ids are never reused
 };
 
 // The replay's side: the meanings of the ids of one log.

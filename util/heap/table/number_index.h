@@ -19,7 +19,7 @@ public:
         uint32 number; // the user may store another number with the same hash here
     };
 
-    static constexpr std::size_t cell_bytes = 2 * sizeof(cell); // average memory of a number
+    static constexpr std::size_t cell_bytes = 2 * sizeof(cell); // average memory per number
 
     // Returns the cell with this hash for which `equal(number)` is true, or null. The pointer is valid until something
     // is added or removed.
