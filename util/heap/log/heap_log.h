@@ -61,8 +61,9 @@ public:
     // Returns true if the next line is not in memory yet, so next() may have to wait for it.
     bool is_used_up() const noexcept { return m_next == m_batch->count && m_batch->end == m_batch->size; }
 
-    // Returns the next line that is not without meaning, or null at the end of the log. The line and its texts are
-    // valid until the next call. Prefetches the memory of the table (allocation_table) that later lines will need.
+    // Returns the next line with meaning, a record or a faulty line, or null at the end of the log. The line and its
+    // texts are valid until the next call. Prefetches the memory of the table (allocation_table) that later lines will
+    // need.
     template <class TABLE>
     const entry* next(TABLE& table) {
         if (m_trace_format != nullptr && qor::glue::debug_is_on(m_trace_code)) [[unlikely]]
@@ -103,7 +104,7 @@ private:
     // Enough bytes to recognise the kind of a file.
     static constexpr std::size_t longest_beginning = 1024;
 
-    // Advances to the next lines that are not without meaning.
+    // Advances to the next lines with meaning.
     template <class TABLE>
     [[gnu::noinline]] bool go_on(TABLE& table) {
         while (m_next == m_batch->count) {
@@ -186,7 +187,7 @@ private:
         }
     }
 
-    // Traces all lines from the previous next line to the current one, including those without meaning.
+    // Traces all lines after the last returned one up to the next one, including those without meaning.
     void trace_up_to_next() {
         const auto end_of = [this](uint32 i) { return m_batch->entries[i].end; };
         const char* next = m_batch->text + (m_next != 0 ? end_of(m_next - 1) : m_batch->begin);

@@ -1,4 +1,4 @@
-// Some lines of a log that are read together: their text, and one entry per line.
+// Some lines of a log that are read together: their text and their entries.
 #pragma once
 
 #include "log_fields.h"
