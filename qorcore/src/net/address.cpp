@@ -9,12 +9,12 @@ namespace {
 
 constexpr int group_count = 8;
 
-// A run of groups, in IPv6 addresses.
+// A range of consecutive groups of an IPv6 address.
 struct run {
     int begin, count;
 };
 
-// The first one of the longest runs of zeros; a single zero is none.
+// Returns the first of the longest runs of zeros. A single zero does not count as a run.
 run longest_zeros(const uint32 (&groups)[group_count], int end) {
     run best{-1, 1};
     for (int i = 0; i < end;) {
@@ -37,7 +37,7 @@ std::string hexadecimal(uint32 group) {
     return text;
 }
 
-// Addresses that are valid on one link: fe80::/10, and multicast within a node or a link.
+// Whether the address is valid on a single link only: fe80::/10, or multicast within a node or a link.
 bool is_link_local(const qoraddr_ipv6& address) {
     const uint8* const bytes = address.bytes;
     return (bytes[0] == 0xfe && (bytes[1] & 0xc0) == 0x80) ||
@@ -63,7 +63,7 @@ std::string qor::net::to_text(const qoraddr_ipv6& address, uint32 scope) {
     for (int i = 0; i < group_count; ++i)
         groups[i] = uint32{address.bytes[2 * i]} << 8 | address.bytes[2 * i + 1];
 
-    // Those that embed an IPv4 address: ::ffff:1.2.3.4 and the old ::1.2.3.4, which ::1 is not.
+    // Addresses that embed an IPv4 address: ::ffff:1.2.3.4 and the deprecated form ::1.2.3.4, which excludes ::1.
     const bool has_five_zeros = std::all_of(groups, groups + 5, [](uint32 group) { return group == 0; });
     const bool embeds = has_five_zeros && (groups[5] == 0xffff || (groups[5] == 0 && groups[6] != 0));
     const int end = embeds ? group_count - 2 : group_count;

@@ -1,4 +1,4 @@
-// Inside the library: texts of addresses, and the system's names of scopes.
+// Inside the library: addresses as text, and the system's scope names.
 #pragma once
 
 #include "qor/qor.h"
@@ -9,10 +9,11 @@ namespace qor::net {
 
 std::string to_text(const qoraddr_ipv4& address);
 
-// With "%" and the scope, where it is not 0.
+// Appends "%" and the scope if the scope is not 0.
 std::string to_text(const qoraddr_ipv6& address, uint32 scope);
 
-// The name of the interface with this index, as the system's resolver reads it; empty: it has none.
+// Returns the name of the interface with this index, in the form that the system's resolver accepts. Empty if the
+// interface has no name.
 std::string scope_name(uint32 scope);
 
 } // namespace qor::net

@@ -1,4 +1,4 @@
-// The network interfaces are listed by a module: what the system has for it is loaded when they are first wanted.
+// A module lists the network interfaces, so that the system libraries it needs are loaded only on first use.
 #include "error/error.h"
 #include "module/module.h"
 

@@ -34,7 +34,7 @@ private:
 } // namespace
 
 bool qor::glue::qorLookupHost(const char* name, IQORHostAddressList** out) noexcept {
-    // Systems differ in what no name stands for: this host, or nothing.
+    // Systems disagree on the meaning of an empty name: this host, or nothing.
     if (name == nullptr || *name == '\0') {
         error::set(qorError_no_such_host, {""});
         return false;
@@ -45,7 +45,7 @@ bool qor::glue::qorLookupHost(const char* name, IQORHostAddressList** out) noexc
         error::set(failure.number, {name, failure.reason.c_str()});
         return false;
     }
-    // A hosts file may say the same twice, and a name server may, too.
+    // A hosts file or a name server may list an address twice.
     for (const qorHostAddress& address : found)
         if (std::find(addresses.begin(), addresses.end(), address) == addresses.end())
             addresses.push_back(address);

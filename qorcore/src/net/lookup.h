@@ -11,16 +11,16 @@ namespace qor::net {
 
 struct lookup_failure {
     qorErrorNumber number;
-    std::string reason; // of qorError_lookup_failed only
+    std::string reason; // for qorError_lookup_failed only
 };
 
 enum class names { all, numeric_only };
 
-// Asks the system's resolver. What it finds is added to `out`, in its order; an address may come again. False: nothing
-// is added. Any thread.
+// Asks the system's resolver and appends the addresses to `out` in the resolver's order; an address may occur twice.
+// Returns false and appends nothing on failure. Thread-safe.
 bool resolve(const char* name, names which, std::vector<qorHostAddress>& out, lookup_failure& failure);
 
-// What a list of the resolver holds. IN and IN6 are the system's types of socket addresses.
+// Appends the addresses in a list of the resolver. IN and IN6 are the system's types of socket addresses.
 template <class IN, class IN6, class INFO>
 void add_addresses(const INFO* list, int family_of_in, int family_of_in6, std::vector<qorHostAddress>& out) {
     for (; list != nullptr; list = list->ai_next) {

@@ -23,7 +23,8 @@ bool is_international(std::string_view name) {
     return std::any_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) > 127; });
 }
 
-// The C library takes names for text in the thread's character set: ours is UTF-8, whatever the process has.
+// The C library reads names in the character set of the thread's locale. Ours are UTF-8, whatever the locale of the
+// process is.
 class utf8_thread {
 public:
     utf8_thread() noexcept : m_locale(newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{})) {
@@ -44,7 +45,7 @@ private:
     locale_t m_before{};
 };
 
-// Is there an interface with an address, other than the loopback? Where it cannot be told, there is.
+// Whether an interface other than the loopback is up and has an address. True if the system cannot tell.
 bool has_network() {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0)
@@ -57,7 +58,7 @@ bool has_network() {
     return found;
 }
 
-// The C library loads it when it meets the first international name.
+// The C library loads libidn2 when it meets the first international name.
 bool has_libidn2() {
     void* const library = dlopen("libidn2.so.0", RTLD_LAZY | RTLD_LOCAL);
     if (library != nullptr)
@@ -94,7 +95,7 @@ qor::net::lookup_failure failure_of(int result, int system_code) {
 bool qor::net::resolve(const char* name, names which, std::vector<qorHostAddress>& out, lookup_failure& failure) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM; // else each address comes once per kind of socket
+    hints.ai_socktype = SOCK_STREAM; // otherwise each address comes once for each type of socket
     hints.ai_flags = which == names::numeric_only ? AI_NUMERICHOST : 0;
     std::optional<utf8_thread> utf8;
     if (is_international(name)) {

@@ -6,7 +6,7 @@
 #include "platform/wide_windows.h"
 
 #include <winsock2.h>
-// Behind winsock2.h, which windows.h would otherwise bring in its first version.
+// Must follow winsock2.h: windows.h would otherwise include the first version of the socket header.
 #include "platform/system_library_windows.h"
 #include <ws2tcpip.h>
 
@@ -26,7 +26,7 @@ public:
 
     decltype(GetAddrInfoW)* get;
     decltype(FreeAddrInfoW)* free;
-    int failure; // 0, or why it cannot be used
+    int failure; // 0, or the reason why the resolver cannot be used
 
 private:
     template <class FUNCTION>
@@ -56,7 +56,7 @@ qor::net::lookup_failure failure_of(int code) {
 } // namespace
 
 bool qor::net::resolve(const char* name, names which, std::vector<qorHostAddress>& out, lookup_failure& failure) {
-    static const resolver system; // never given back, as nothing is that was loaded
+    static const resolver system; // never unloaded, like every system library that we load
     if (system.failure != 0) {
         failure = failure_of(system.failure);
         return false;
@@ -69,7 +69,7 @@ bool qor::net::resolve(const char* name, names which, std::vector<qorHostAddress
     }
     ADDRINFOW hints{};
     hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM; // else each address comes once per kind of socket
+    hints.ai_socktype = SOCK_STREAM; // otherwise each address comes once for each type of socket
     hints.ai_flags = which == names::numeric_only ? AI_NUMERICHOST : 0;
     ADDRINFOW* list = nullptr;
     const int result = system.get(wide.c_str(), nullptr, &hints, &list);

@@ -1,51 +1,53 @@
-// Inside the library: what it knows of the process it runs in.
+// Inside the library: facts about the process in which it runs.
 #pragma once
 
 #include <string>
 
 namespace qor::platform {
 
-// The name given to qorInitProcess; before that, the executable's.
+// The name given to qorInitProcess; until then, the name of the executable.
 const char* name() noexcept;
 void set_name(const char* name);
 
 unsigned long process_id() noexcept;
 unsigned long thread_id() noexcept;
 
-// Whether the calling thread is the one with which the process ends, if none calls exit. Windows does not tell; there
-// it is the one that loaded the library.
+// Whether the calling thread is the main thread, whose return ends the process. Windows does not report the main
+// thread; there it is the thread that loaded the library.
 bool is_main_thread() noexcept;
 
-// From now on the end of the calling thread calls `run`, the same in all threads. Not for the main thread.
+// Makes the end of the calling thread call `run`, which must be the same function in all threads. Not for the main
+// thread.
 void at_thread_end(void (*run)()) noexcept;
 
-// The path of the running program's file; empty if it cannot be told.
+// Returns the path of the running program's file; empty if it is unknown.
 std::string executable();
 
-// The folder in which libqor lies, with its separator; empty if it cannot be told.
+// Returns the folder of libqor with a trailing separator; empty if it is unknown.
 std::string library_folder();
 
-// Whether the process runs with rights that its caller does not have: a set-user-id program, for instance.
+// Whether the process runs with more rights than its caller has, as a set-user-id program does.
 bool is_privileged() noexcept;
 
-// The value of an environment variable, or null where it is unset or empty, or where the process is privileged.
+// Returns the value of an environment variable. Null if it is unset or empty, or if the process is privileged.
 const char* environment(const char* variable) noexcept;
 
 // Sets a variable for the programs that this process starts.
 void set_environment(const char* variable, const char* value) noexcept;
 
-// Whether a word of this process's command line begins like this. For those who cannot wait until the framework has
-// read it.
+// Whether a word of this process's command line begins with `begin`. For code that runs before the framework reads the
+// command line.
 bool has_argument(const char* begin) noexcept;
 
-// Makes the standard streams safe to print to: one that the caller closed must not become the next file that somebody
-// opens, and a console must take what comes for UTF-8.
+// Makes the standard streams safe for output: no file that is opened later may take the place of a stream that the
+// caller closed, and a console must read the output as UTF-8.
 void set_up_standard_streams() noexcept;
 
-// Has three routines called around every fork: in the parent before and after it, and in the child.
+// Registers three routines that run around every fork: in the parent before and after it, and in the child.
 void watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept, void (*in_child)() noexcept) noexcept;
 
-// A detached thread of the framework's own, which gets none of the host's signals. 0, or the system's error code.
+// Starts a detached thread of the framework's own that receives none of the host's signals. Returns 0 or the system's
+// error code.
 int start_thread(void (*run)() noexcept) noexcept;
 
 } // namespace qor::platform

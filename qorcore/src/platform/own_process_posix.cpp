@@ -15,10 +15,10 @@
 
 namespace {
 
-// The kernel takes no more than 6 MB of words for a program.
+// The kernel accepts at most 6 MB of arguments for a program.
 constexpr std::size_t longest_command_line = 16 << 20;
 
-// Never destroyed: exit handlers too report under this name.
+// Never destroyed: exit handlers also report under this name.
 std::string& process_name() {
     static std::string* const name = new std::string(program_invocation_short_name);
     return *name;
@@ -38,8 +38,8 @@ unsigned long qor::platform::process_id() noexcept { return static_cast<unsigned
 unsigned long qor::platform::thread_id() noexcept { return static_cast<unsigned long>(gettid()); }
 bool qor::platform::is_main_thread() noexcept { return gettid() == getpid(); }
 
-// No destructor of a thread_local object: to note one takes memory, and the C library aborts where there is none. Where
-// there is no key left the end of a thread is not told.
+// A thread_local object with a destructor would not do: registering the destructor allocates memory, and the C library
+// aborts if that fails. If no key is left, the end of a thread goes unnoticed.
 void qor::platform::at_thread_end(void (*run)()) noexcept {
     static pthread_key_t key;
     static const bool is_made =
@@ -81,7 +81,7 @@ bool qor::platform::has_argument(const char* begin) noexcept {
 
 void qor::platform::set_up_standard_streams() noexcept {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
-        // Opened the wrong way round, so that using the stream still fails as it should.
+        // The access mode is deliberately the wrong one, so that using the stream still fails as it should.
         if (fcntl(stream, F_GETFD) < 0 && errno == EBADF)
             (void)open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
 }

@@ -9,7 +9,7 @@
 
 namespace {
 
-// More than any path has.
+// Longer than any path.
 constexpr DWORD max_path = 32768;
 
 std::string module_path(HMODULE module) {
@@ -25,7 +25,7 @@ std::string executable_name() {
     return name.substr(0, name.find_last_of('.'));
 }
 
-// Never destroyed: exit handlers too report under this name.
+// Never destroyed: exit handlers also report under this name.
 std::string& process_name() {
     static std::string* const name = new std::string(executable_name());
     return *name;
@@ -53,8 +53,9 @@ unsigned long qor::platform::process_id() noexcept { return GetCurrentProcessId(
 unsigned long qor::platform::thread_id() noexcept { return GetCurrentThreadId(); }
 bool qor::platform::is_main_thread() noexcept { return GetCurrentThreadId() == loading_thread; }
 
-// Not by the destructor of a thread_local object: the run-time has freed those objects when it calls their destructors.
-// The system calls this before it tells the libraries that a thread ends.
+// The destructor of a thread_local object would come too late: the run-time has already freed the memory of these
+// objects when it calls their destructors. The system calls this function before it notifies the libraries of the end
+// of a thread.
 void qor::platform::at_thread_end(void (*run)()) noexcept {
     static const DWORD slot = FlsAlloc(call_at_thread_end);
     if (slot != FLS_OUT_OF_INDEXES)
@@ -73,12 +74,12 @@ std::string qor::platform::library_folder() {
     return backslash == std::string::npos ? std::string() : path.substr(0, backslash + 1);
 }
 
-// A program there has the rights of the one who starts it.
+// On Windows, a program runs with the rights of the user who starts it.
 bool qor::platform::is_privileged() noexcept { return false; }
 
 const char* qor::platform::environment(const char* variable) noexcept {
-    // The system's own variables are UTF-16. What was converted stays where it is until the variable changes, as it
-    // does in the C library's environment.
+    // The system's own variables are UTF-16. A converted value stays at its address until the variable changes, as in
+    // the C library's environment.
     static std::mutex lock;
     static auto& values = *new std::map<std::string, std::string>;
     std::wstring name;
@@ -107,17 +108,19 @@ bool qor::platform::has_argument(const char* begin) noexcept {
     std::wstring wide;
     if (!platform::to_wide(begin, wide))
         return false;
-    // A word in quotes counts too, as it should.
+    // A quoted word also counts.
     const std::wstring line = GetCommandLineW();
     return line.find(L' ' + wide) != std::wstring::npos || line.find(L'"' + wide) != std::wstring::npos;
 }
 
-// No file takes the place of a closed stream here: handles are not numbered like that. But a console shows bytes as
-// its code page says, which is seldom UTF-8. The console belongs to the user: it gets its code page back.
+// On Windows, no file can take the place of a closed stream, because handles are not numbered like descriptors. But a
+// console shows bytes in its code page, which is seldom UTF-8. The console belongs to the user, so its code page is
+// restored at exit.
 void qor::platform::set_up_standard_streams() noexcept {
     if (console_before != 0)
         return;
-    // The C library buffers one that is redirected, and a question or a warning would be seen when the process ends.
+    // The C library buffers standard error if it is redirected. A question or a warning would then appear only when the
+    // process ends.
     std::setvbuf(stderr, nullptr, _IONBF, 0);
     console_before = GetConsoleOutputCP();
     if (console_before == 0 || console_before == CP_UTF8 || !SetConsoleOutputCP(CP_UTF8))
@@ -125,7 +128,7 @@ void qor::platform::set_up_standard_streams() noexcept {
     std::atexit(restore_console);
 }
 
-// No process of this system is the copy of another.
+// Windows has no fork.
 void qor::platform::watch_forks(void (*)() noexcept, void (*)() noexcept, void (*)() noexcept) noexcept {}
 
 int qor::platform::start_thread(void (*run)() noexcept) noexcept {

@@ -1,5 +1,5 @@
-// Inside the library: unbuffered files, the seam to the operating system. Results are error codes of the
-// system, 0 for success; qor::error::system_reason words them.
+// Inside the library: unbuffered files, the seam to the operating system. Results are the system's error codes, 0 for
+// success; qor::error::system_reason converts them to text.
 #pragma once
 
 #include <cstddef>
@@ -9,17 +9,16 @@ namespace qor::platform {
 
 class raw_file {
 public:
-    // `read` is for what the user names, which may be a pipe or a device and then makes him wait. `regular` is for all
-    // that the library looks for by itself, and for reading at any place: it takes files on a disk only, and never
-    // waits.
+    // Use `read` for files that the user names; such a file may be a pipe or a device, and reading it may wait. Use
+    // `regular` for files that the library looks for by itself, and for read_at(): it accepts only files on a disk and
+    // never waits.
     enum class access { read, regular, truncate, append, create };
 
-    // The codes of open() where `regular` meets a pipe or a device, and where a file that it should create is there
-    // already.
+    // Results of open(): `regular` found a pipe or a device; the file to `create` already exists.
     static const int not_regular;
     static const int is_taken;
 
-    // Whether a code of open() says that there is no such file.
+    // Whether a result of open() means that there is no such file.
     static bool is_missing(int reason) noexcept;
 
     raw_file() noexcept = default;
@@ -27,38 +26,38 @@ public:
     raw_file& operator=(const raw_file&) = delete;
     ~raw_file() { close(); }
 
-    // A folder cannot be opened. Child processes that run another program do not inherit the file, and it
-    // never takes the place of a closed standard stream.
+    // Fails for a folder. Child processes that run another program do not inherit the file. The file never takes the
+    // place of a closed standard stream.
     int open(const char* path, access how) noexcept;
     void close() noexcept;
     bool is_open() const noexcept { return m_handle >= 0; }
 
-    // Up to `size` bytes; *count 0 is the end of the file.
+    // Reads up to `size` bytes. *count is 0 at the end of the file.
     int read(void* bytes, std::size_t size, std::size_t* count) noexcept;
 
-    // Whether read() would wait now: a pipe or a device has nothing to read yet, and may still get something.
+    // Whether read() would wait now: a pipe or a device has nothing to read yet, but may still receive data.
     bool has_to_wait() const noexcept;
 
-    // The same as read() from a place of choice; less than `size` only at the end of the file.
+    // Reads from `offset`. Reads less than `size` bytes only at the end of the file.
     int read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept;
 
     int size(std::uint64_t* bytes) noexcept;
 
-    // All of them, however many calls it takes. A file that may grow no further and a pipe without a reader
-    // are errors like any other, no signals.
+    // Writes all bytes, in as many calls as that takes. A file-size limit and a pipe without a reader are reported as
+    // ordinary errors, not as signals.
     int write(const void* bytes, std::size_t size) noexcept;
 
-    // Opens the file at `path` again, to append to it, if the host has closed what it did not open, or made
-    // another file of it. A pipe or a device is not opened again, for that might wait. 0, or why there is nothing to
-    // write to.
+    // Opens the file at `path` again for appending if the host has closed the descriptor or has opened another file
+    // under its number. Does not reopen a pipe or a device, because opening one might wait. Returns 0, or the reason
+    // why there is nothing to write to.
     int recover(const char* path) noexcept;
 
-    // Ends a file that is written here after its first `size` bytes. What has no size stays as it is.
+    // Truncates a file that is open for writing to its first `size` bytes. Does nothing for a file that has no size.
     void cut(std::uint64_t size) noexcept;
 
 private:
-    std::intptr_t m_handle = -1; // the system's
-    // Where hosts close handles by their numbers: what it stood for at first.
+    std::intptr_t m_handle = -1; // the system's handle or descriptor
+    // Identifies the file that was opened, on systems where the host may close a descriptor by its number.
     std::uint64_t m_identity[2] = {0, 0};
 };
 

@@ -16,7 +16,7 @@ int open_flags(qor::platform::raw_file::access how) noexcept {
     using access = qor::platform::raw_file::access;
     switch (how) {
     case access::read:
-    case access::regular: // glue::open_regular_file() does it
+    case access::regular: // opened by glue::open_regular_file()
         return O_RDONLY;
     case access::truncate:
         return O_WRONLY | O_CREAT | O_TRUNC;
@@ -43,7 +43,7 @@ bool is_identity(const struct stat& status, const std::uint64_t (&identity)[2]) 
     return status.st_dev == identity[0] && status.st_ino == identity[1];
 }
 
-// While one lives, this thread gets no signal for a write that fails: it would end the host.
+// While such an object lives, a failed write sends no signal to this thread. The signal would end the host.
 class no_write_signals {
 public:
     no_write_signals() noexcept {
@@ -56,7 +56,8 @@ public:
     no_write_signals& operator=(const no_write_signals&) = delete;
     ~no_write_signals() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
 
-    // After a write has failed: takes away the signal that waits for the end of this object.
+    // Call this after a failed write: it removes the pending signal, which would otherwise arrive when this object
+    // ends.
     void take(int reason) noexcept {
         constexpr timespec no_time{};
         if (reason == EFBIG || reason == EPIPE)
@@ -80,7 +81,7 @@ int qor::platform::raw_file::open(const char* path, access how) noexcept {
     int handle = open_handle(path, how);
     if (handle < 0)
         return errno;
-    // Where a host closed its standard streams, what it prints must not end up in this file.
+    // If the host closed its standard streams, their output must not end up in this file.
     if (handle <= STDERR_FILENO) {
         const int moved = fcntl(handle, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
         const int reason = errno;
@@ -101,7 +102,7 @@ int qor::platform::raw_file::open(const char* path, access how) noexcept {
     return 0;
 }
 
-// A descriptor that has become the host's is the host's to close.
+// If the host has reused the descriptor for a file of its own, only the host may close it.
 void qor::platform::raw_file::close() noexcept {
     struct stat status;
     if (m_handle >= 0 && fstat(static_cast<int>(m_handle), &status) == 0 && is_identity(status, m_identity))
@@ -135,7 +136,7 @@ bool qor::platform::raw_file::has_to_wait() const noexcept {
 }
 
 int qor::platform::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept {
-    // Beyond that a file has no places.
+    // Offsets above this limit do not exist in a file.
     constexpr std::uint64_t end = std::numeric_limits<off_t>::max();
     char* const begin = static_cast<char*>(bytes);
     for (*count = 0; *count < size && offset + *count <= end;) {

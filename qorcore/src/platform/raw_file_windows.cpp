@@ -6,19 +6,19 @@
 
 namespace {
 
-// ERROR_DIRECTORY_NOT_SUPPORTED, younger than many a header.
+// ERROR_DIRECTORY_NOT_SUPPORTED, which many headers do not have yet.
 constexpr int operation_on_folder = 336;
 
 HANDLE as_handle(std::intptr_t value) noexcept { return reinterpret_cast<HANDLE>(value); }
 
 int last_error() noexcept { return static_cast<int>(GetLastError()); }
 
-// As much as the system takes in one call.
+// The number of bytes to pass to the system in one call.
 DWORD piece(std::size_t size) noexcept { return static_cast<DWORD>(std::min<std::size_t>(size, 0x40000000)); }
 
 HANDLE open_handle(const wchar_t* path, qor::platform::raw_file::access how) noexcept {
     using access = qor::platform::raw_file::access;
-    // Others may read, write and delete what is open here, as on every other system.
+    // Others may read, write and delete a file that is open here, as on every other system.
     constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     switch (how) {
     case access::read:
@@ -56,7 +56,7 @@ int qor::platform::raw_file::open(const char* path, access how) noexcept {
     const HANDLE handle = open_handle(wide.c_str(), how);
     if (handle == INVALID_HANDLE_VALUE) {
         const int reason = last_error();
-        // "Access denied" would send the user to look for rights that are not the matter.
+        // "Access denied" would make the user check the access rights, which are not the problem.
         return reason == ERROR_ACCESS_DENIED && is_folder(wide.c_str()) ? operation_on_folder : reason;
     }
     if (how == access::regular && GetFileType(handle) != FILE_TYPE_DISK) {
@@ -78,7 +78,7 @@ int qor::platform::raw_file::read(void* bytes, std::size_t size, std::size_t* co
     *count = 0;
     if (!ReadFile(as_handle(m_handle), bytes, piece(size), &got, nullptr)) {
         const int reason = last_error();
-        // Nobody writes into the pipe any more: its end.
+        // The pipe has no writer any more: this is its end.
         return reason == ERROR_BROKEN_PIPE || reason == ERROR_HANDLE_EOF ? 0 : reason;
     }
     *count = got;
@@ -136,7 +136,7 @@ int qor::platform::raw_file::write(const void* bytes, std::size_t size) noexcept
     return 0;
 }
 
-// Nobody here closes handles that he does not know.
+// On Windows, no code closes handles that it does not know.
 int qor::platform::raw_file::recover(const char*) noexcept { return 0; }
 
 void qor::platform::raw_file::cut(std::uint64_t size) noexcept {

@@ -1,4 +1,4 @@
-// Inside the library: files that come with it.
+// Inside the library: files that are installed with it.
 #pragma once
 
 #include <string>
@@ -6,8 +6,8 @@
 
 namespace qor::platform {
 
-// The path of a file that came with the library: in the library's own folder, else in the folder "qor" there, where it
-// usually lies. That it is there and can be used is for the caller to see.
+// Returns the path of a file that is installed with the library: in the library's own folder, otherwise in the folder
+// "qor" there, its usual place. The caller checks that the file exists and can be used.
 std::string find_resource(std::string_view name);
 
 } // namespace qor::platform

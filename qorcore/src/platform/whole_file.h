@@ -1,4 +1,4 @@
-// Inside the library: small files that it looks for by itself, read in one go.
+// Inside the library: reads a small file that the library looks for by itself, in one operation.
 #pragma once
 
 #include <cstddef>
@@ -6,8 +6,8 @@
 
 namespace qor::platform {
 
-// Adds what the file holds to `content`, without waiting. False: it is no file on a disk, cannot be read to its end, or
-// `content` would be larger than `max_size`.
+// Appends the content of a file to `content`, without waiting. Returns false if it is not a file on a disk, if it
+// cannot be read to its end, or if `content` would become larger than `max_size`.
 bool read_whole(const char* path, std::size_t max_size, std::string& content);
 
 } // namespace qor::platform

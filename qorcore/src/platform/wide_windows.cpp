@@ -9,7 +9,7 @@ bool qor::platform::to_wide(std::string_view text, std::wstring& out) {
         return true;
     if (text.find('\0') != text.npos)
         return false;
-    // A character takes no more units of UTF-16 than bytes of UTF-8.
+    // A character takes at most as many units in UTF-16 as bytes in UTF-8.
     out.resize(text.size());
     const int length = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()),
                                            out.data(), static_cast<int>(out.size()));
@@ -18,7 +18,7 @@ bool qor::platform::to_wide(std::string_view text, std::wstring& out) {
 }
 
 std::string qor::platform::from_wide(std::wstring_view text) {
-    // And no unit takes more than three bytes.
+    // A unit of UTF-16 takes at most three bytes in UTF-8.
     std::string out(text.size() * 3, '\0');
     const int length = text.empty() ? 0
                                     : WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),

@@ -6,10 +6,10 @@
 
 namespace qor::platform {
 
-// False: the text is no UTF-8, or holds a NUL. Such a text names nothing on this system.
+// Returns false if the text is not valid UTF-8 or contains a NUL. No object of the system can have such a name.
 bool to_wide(std::string_view text, std::wstring& out);
 
-// What is no character becomes a replacement.
+// Replaces invalid units with the replacement character.
 std::string from_wide(std::wstring_view text);
 
 } // namespace qor::platform

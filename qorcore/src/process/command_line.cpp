@@ -1,4 +1,4 @@
-// Options of programs: a leading word "--name" or "-name", with "=value" where one is taken.
+// Options of programs: a leading word "--name" or "-name", followed by "=value" if the option takes one.
 #include "qor/qor.h"
 
 #include <cstring>

@@ -1,4 +1,5 @@
-// One table: what an option is called, what it takes, what it does. The command line beats the environment.
+// One table has the name, the value and the effect of each option. The command line takes precedence over the
+// environment.
 #include "process/framework_options.h"
 
 #include "catalog/catalog.h"
@@ -22,7 +23,7 @@ namespace {
 
 constexpr std::string_view prefix = "--qor-";
 
-// `source` is what the user wrote, the option or the variable, to be named in an error.
+// `source` is the option or the variable as the user wrote it, for error messages.
 using action = bool (*)(const char* source, const std::string& value);
 
 bool set_language(const char* source, const std::string& value) {
@@ -59,7 +60,7 @@ bool start_allocation_log(const char* source, const std::string& value) {
     return check_written(source, value, qor::memory::start_log(value));
 }
 
-// The file of accounts that the next option wants.
+// The accounts file for the option debug-listen.
 std::string& users_file() {
     static auto* const made = new std::string;
     return *made;
@@ -75,13 +76,13 @@ bool listen_for_debug_control(const char*, const std::string& value) {
 }
 
 struct option {
-    const char* name; // behind the prefix
+    const char* name; // without the prefix
     const char* variable;
     const char* value_name;
     action carry_out;
-    int turn; // errors come in the user's language, and the trace of the rest goes where it should
+    int turn; // errors appear in the user's language, and the trace of the later options goes to the right file
     qor::process::option_help help;
-    bool is_for_one_process = false; // the variable; see claim()
+    bool is_for_one_process = false; // applies to the variable; see claim()
 };
 
 // In the order of the help text.
@@ -132,7 +133,7 @@ struct settings {
     std::optional<std::string> values[std::size(options)];
 };
 
-// False: not one of ours, or without its value.
+// Returns false if the framework does not have the option, or if its value is missing.
 bool read_option(const char* word, settings& wanted) {
     const std::string_view text = std::string_view(word).substr(prefix.size());
     const std::size_t equals = std::min(text.find('='), text.size());
@@ -151,8 +152,8 @@ bool read_option(const char* word, settings& wanted) {
     return false;
 }
 
-// False: some option was wrong. The others are still read, because one of them may say in which language to report
-// that. The words between the options move down in one go, however many there are.
+// Returns false if an option is wrong. The other options are still read, because one of them may set the language of
+// the error message. The words between the options move down in a single pass, which keeps the work linear.
 bool take_from(qorStringArray& args, settings& wanted) {
     bool understood = true;
     uint32 kept = 0;
@@ -168,9 +169,9 @@ bool take_from(qorStringArray& args, settings& wanted) {
     return understood;
 }
 
-// A variable that is for the process it was given to gets the number of that process behind it: "7447/1234". Those that
-// this process starts inherit it and leave it alone; a program that takes its place has it still. False: it is for
-// another process.
+// A variable for a single process gets the id of the process that first reads it: "7447/1234". Child processes inherit
+// the variable and ignore it; a program that replaces the process by exec still uses it. Returns false if the variable
+// is for another process.
 bool claim(const char* variable, std::string& value) {
     const std::string mark = '/' + std::to_string(qor::platform::process_id());
     const std::size_t slash = value.rfind('/');
@@ -195,7 +196,7 @@ std::vector<qor::process::option_help> qor::process::option_helps() {
 bool qor::process::apply_framework_options(qorStringArray& args) {
     settings wanted;
     const bool understood = take_from(args, wanted);
-    // They would write files, and open the process to others, with rights that the caller does not have.
+    // The options would write files and open the process to others, with rights that the caller does not have.
     if (platform::is_privileged())
         wanted = {};
     bool logging = false;

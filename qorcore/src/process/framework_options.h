@@ -7,8 +7,8 @@
 
 namespace qor::process {
 
-// Takes the framework's options out of `args`, adds those that the environment gives and carries them out.
-// False: the last error says which option was wrong and why.
+// Removes the framework's options from `args`, adds the options from the environment and applies them all. On false,
+// the last error names the wrong option and the reason.
 bool apply_framework_options(qorStringArray& args);
 
 struct option_help {

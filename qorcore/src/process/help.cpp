@@ -10,11 +10,11 @@ namespace framework = qor::messages::framework;
 
 namespace {
 
-// Where descriptions begin; a longer syntax has its description on the next line.
+// The column where descriptions begin. The description of a longer syntax starts on the next line.
 constexpr std::size_t indent = 2;
 constexpr std::size_t column = 38;
 
-// What takes a place on the screen: bytes that continue a character do not.
+// Counts columns on the screen: continuation bytes of UTF-8 take none.
 std::size_t width(const std::string& text) {
     return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
 }

@@ -22,7 +22,7 @@ std::vector<cleanup_entry>& cleanup_entries() {
     return *made;
 }
 
-// The last one registered; a routine may register another.
+// Takes the most recently registered entry. A routine may register another one.
 bool take_cleanup(cleanup_entry& entry) {
     const std::lock_guard hold(cleanup_lock);
     if (cleanup_entries().empty())
@@ -72,7 +72,7 @@ int qor::glue::qorCompareVersions(const char* left, const char* right) noexcept 
         const unsigned long long b = std::strtoull(right, &right_end, 10);
         if (a != b)
             return a < b ? -1 : 1;
-        // A part that is no number counts as 0 and is passed over.
+        // A part that is not a number counts as 0 and is skipped.
         left_end += std::strcspn(left_end, ".");
         right_end += std::strcspn(right_end, ".");
         left = *left_end == '.' ? left_end + 1 : left_end;

@@ -1,4 +1,4 @@
-// Process signals, delivered to one handler on a thread of our own.
+// Process signals, delivered to one handler on a thread of the framework's own.
 #include "process/signals.h"
 
 #include "error/error.h"
@@ -14,15 +14,15 @@
 
 namespace {
 
-// By the number of the signal; the first is 1.
+// Indexed by signal number, which starts at 1.
 constexpr std::size_t kinds = static_cast<std::size_t>(qorSignal::quit) + 1;
 using counts = std::array<unsigned, kinds>;
 
-// Caught and not yet delivered: all that is touched where the system calls its handlers.
+// Caught but undelivered signals. Code that the system calls asynchronously touches nothing else.
 std::atomic<unsigned> pending[kinds];
 static_assert(std::atomic<unsigned>::is_always_lock_free);
 
-// A handler that was replaced before it had got all that was meant for it, with the reference that was held for it.
+// A handler that was replaced before it received all its signals, with the reference that is held for it.
 struct departing {
     IQORSignalHandler* handler;
     counts rest;
@@ -34,7 +34,7 @@ struct shared_state {
     std::condition_variable delivered;
     IQORSignalHandler* handler = nullptr;
     std::list<departing> departed;
-    // Signals, and handlers that departed, which the thread began and ended to serve.
+    // Counters: signals whose delivery began and ended; replaced handlers that were queued and completely served.
     uint64 begun = 0;
     uint64 ended = 0;
     uint64 departures = 0;
@@ -49,7 +49,7 @@ shared_state& state() {
     return *made;
 }
 
-// 0: there is none.
+// Returns 0 if there is no signal.
 std::size_t first_of(const counts& all) noexcept {
     for (std::size_t kind = 1; kind < kinds; ++kind)
         if (all[kind] != 0)
@@ -74,8 +74,8 @@ counts take_all_pending() noexcept {
     return all;
 }
 
-// Takes the next signal and the handler for it, with a reference. False: there is no signal. No handler: nobody is
-// left.
+// Takes the next signal and its handler, with a reference. Returns false if there is no signal. The handler is null if
+// none is set any more.
 bool take_next(shared_state& shared, qorSignal& signal, IQORSignalHandler*& handler, bool& is_last_of_departed) {
     std::size_t kind;
     is_last_of_departed = false;
@@ -99,7 +99,7 @@ bool take_next(shared_state& shared, qorSignal& signal, IQORSignalHandler*& hand
     return kind != 0;
 }
 
-// False: there was nothing to deliver.
+// Returns false if there was nothing to deliver.
 bool deliver_next(shared_state& shared) {
     qorSignal signal;
     IQORSignalHandler* handler;
@@ -107,7 +107,8 @@ bool deliver_next(shared_state& shared) {
     std::unique_lock hold(shared.lock);
     if (!take_next(shared, signal, handler, is_last_of_departed))
         return false;
-    // Caught while the last handler was taken away. Nobody sets another one before it is given back.
+    // The signal was caught while the last handler was being removed. The lock keeps out a new handler until the signal
+    // is given back.
     if (handler == nullptr) {
         qor::process::raise_again(signal);
         return true;
@@ -115,7 +116,7 @@ bool deliver_next(shared_state& shared) {
     ++shared.begun;
     hold.unlock();
     handler->Signal(signal);
-    // Before anyone may believe that the handler is no longer in use.
+    // Release first: after the update below, waiting threads may assume that the handler is no longer in use.
     handler->Release();
     hold.lock();
     shared.ended = shared.begun;
@@ -135,7 +136,7 @@ void run() noexcept {
             qor::process::wait_for_wake();
 }
 
-// 0, or the system's error code.
+// Returns 0 or the system's error code.
 int start_catching(shared_state& shared) {
     if (!shared.has_thread) {
         if (const int reason = qor::process::start_signal_thread(run))
@@ -154,9 +155,9 @@ void qor::process::count_signal(qorSignal signal) noexcept {
     wake_signal_thread();
 }
 
-// Built anew in its place: the lock may be held, and the condition waited for, by threads that the child does
-// not have. The reference to the handler is the child's now, to be given back when it sets another. The parent's
-// signals are not the child's.
+// Reconstructs the state in place: threads that do not exist in the child may hold the lock or wait for the condition.
+// The child takes over the reference to the handler and releases it when it sets another one. Pending signals belong to
+// the parent and are dropped.
 void qor::process::forget_signal_thread() noexcept {
     shared_state& shared = state();
     IQORSignalHandler* const handler = shared.handler;
@@ -178,7 +179,7 @@ bool qor::glue::qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
     else if (std::exchange(shared.catching, false))
         qor::process::release_signals();
     IQORSignalHandler* old = std::exchange(shared.handler, handler);
-    // All signals caught until now are for the old one, whoever comes next.
+    // All signals caught so far belong to the old handler, whether or not a new one follows.
     if (old != nullptr) {
         const counts rest = take_all_pending();
         if (first_of(rest) != 0) {
@@ -187,7 +188,7 @@ bool qor::glue::qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
             qor::process::wake_signal_thread();
         }
     }
-    // The caller may end the old handler as soon as this returns.
+    // The caller may destroy the old handler as soon as this function returns.
     if (std::this_thread::get_id() != shared.thread)
         shared.delivered.wait(hold, [&shared, departures = shared.departures, begun = shared.begun] {
             return shared.served >= departures && shared.ended >= begun;

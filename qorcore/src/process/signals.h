@@ -5,29 +5,30 @@
 
 namespace qor::process {
 
-// Begins to catch signals; what the process ignores stays ignored. 0, or the system's error code.
+// Starts to catch signals. Signals that the process ignores stay ignored. Returns 0 or the system's error code.
 int catch_signals() noexcept;
 
-// Gives them back to whoever had them before.
+// Restores the previous handling of the signals.
 void release_signals() noexcept;
 
-// Hands a signal that was caught, but that no handler is left for, to whoever has it now.
+// Passes on a caught signal for which no handler is left: the current handling of that signal receives it.
 void raise_again(qorSignal signal) noexcept;
 
-// Starts the one thread that calls `run`; the operating system's handlers never run on it. 0, or an error code.
+// Starts the single thread that calls `run`; the operating system never runs its signal handlers on it. Returns 0 or an
+// error code.
 int start_signal_thread(void (*run)() noexcept) noexcept;
 
-// On that thread: returns when it has been woken since the last time, however long it takes.
+// To be called on that thread. Waits until a wake-up has arrived since the last call.
 void wait_for_wake() noexcept;
 
-// From any thread, and from wherever the system calls its handlers, within a thread that was interrupted too.
+// May be called from any thread and from the system's signal handlers, which may interrupt a thread.
 void wake_signal_thread() noexcept;
 
 // ---- called by the system's side
-// For every signal that was caught, from wherever the system calls its handlers.
+// Called for every caught signal, from the system's signal handlers.
 void count_signal(qorSignal signal) noexcept;
 
-// In the child of a fork: it has neither that thread nor signals that are caught, and can begin again.
+// Called in a forked child, which has no signal thread and catches no signals. The child can start again.
 void forget_signal_thread() noexcept;
 
 } // namespace qor::process

@@ -29,7 +29,7 @@ static_assert(std::atomic<int>::is_always_lock_free);
 struct sigaction previous[signal_count];
 bool caught[signal_count];
 
-// The signal thread blocks all signals. A child that is forked on it would begin its life deaf.
+// The signal thread blocks all signals. A child that is forked on it must not inherit this mask.
 sigset_t mask_of_the_host;
 thread_local bool is_signal_thread = false;
 
@@ -64,10 +64,10 @@ int qor::process::catch_signals() noexcept {
     for (std::size_t i = 0; i < signal_count; ++i) {
         if (sigaction(signals[i].number, nullptr, &previous[i]) != 0)
             return errno;
-        // A host may have put our handling back after we had given the signal back.
+        // A host may have installed our handler again after we gave the signal back.
         if (previous[i].sa_handler == on_signal)
             previous[i].sa_handler = SIG_DFL;
-        // Started with nohup or in the background, a process is meant to stay deaf.
+        // A process that was started with nohup or in the background must keep ignoring the signal.
         if (previous[i].sa_handler == SIG_IGN)
             continue;
         struct sigaction action = {};
@@ -89,7 +89,8 @@ void qor::process::release_signals() noexcept {
     }
 }
 
-// Not raised in this thread: hosts that wait for signals block them in all of theirs, and this one has its own mask.
+// The signal goes to the process, not to this thread: a host that waits for signals blocks them in all its threads,
+// while this thread has a mask of its own.
 void qor::process::raise_again(qorSignal signal) noexcept {
     for (std::size_t i = 0; i < signal_count; ++i) {
         if (signals[i].meaning != signal)
@@ -113,7 +114,7 @@ int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
         close(event);
         return failed;
     }
-    // Once: a child that starts a thread of its own has inherited this.
+    // Registered only once: a child that starts its own signal thread has inherited the registration.
     static const bool watching_forks = (platform::watch_forks(nullptr, nullptr, after_fork_in_child), true);
     (void)watching_forks;
     return 0;
@@ -126,6 +127,6 @@ void qor::process::wait_for_wake() noexcept {
 
 void qor::process::wake_signal_thread() noexcept {
     const std::uint64_t one = 1;
-    // The only failure is a counter that is full, and then the thread is awake anyway.
+    // The write fails only if the counter is full, and then the thread is awake anyway.
     (void)!write(wake.load(), &one, sizeof one);
 }

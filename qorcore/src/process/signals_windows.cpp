@@ -9,7 +9,7 @@ namespace {
 struct caught_event {
     DWORD number;
     qorSignal meaning;
-    // The system ends the process as soon as its handler returns, or some seconds later.
+    // The system ends the process as soon as its handler returns, or after some seconds.
     bool is_last;
 };
 
@@ -20,25 +20,26 @@ constexpr caught_event events[] = {
 };
 constexpr std::size_t event_count = sizeof events / sizeof *events;
 
-// Whether it is for us to catch them; never destroyed, for events may come until the very end.
+// Whether we catch events. Never destroyed: events may arrive until the process ends.
 std::mutex& catching_lock = *new std::mutex;
 bool catching = false;
 
 HANDLE wake = nullptr;
 
-// Called on a thread that the system makes for each event.
+// The system calls this function on a new thread for each event.
 BOOL WINAPI on_event(DWORD number) {
     for (std::size_t i = 0; i < event_count; ++i) {
         if (events[i].number != number)
             continue;
         {
             const std::lock_guard hold(catching_lock);
-            // Given back while this call began: whoever comes next has it.
+            // Catching stopped while this call began. The next handler in the chain gets the event.
             if (!catching)
                 return FALSE;
             qor::process::count_signal(events[i].meaning);
         }
-        // What the handler began must have time to end: the process ends by itself, or when the system's patience does.
+        // The work that the handler started needs time to finish. The process ends by itself, or the system ends it
+        // after its time limit.
         if (events[i].is_last)
             Sleep(INFINITE);
         return TRUE;
@@ -53,7 +54,7 @@ void set_catching(bool on) {
 
 } // namespace
 
-// A process that was told to ignore Ctrl-C does so still: its handlers are not called for it.
+// A process that was started with Ctrl-C disabled keeps ignoring it: the system does not call handlers for it.
 int qor::process::catch_signals() noexcept {
     set_catching(true);
     if (SetConsoleCtrlHandler(on_event, TRUE))
@@ -68,7 +69,8 @@ void qor::process::release_signals() noexcept {
     SetConsoleCtrlHandler(on_event, FALSE);
 }
 
-// Whoever is next has it already: what comes when there is no handler any more is not caught.
+// Nothing to do: an event that arrives after the last handler is removed is not caught, so the next handler in the
+// chain already has it.
 void qor::process::raise_again(qorSignal) noexcept {}
 
 int qor::process::start_signal_thread(void (*run)() noexcept) noexcept {
