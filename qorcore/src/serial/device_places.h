@@ -1,12 +1,12 @@
-// Inside the serial ports on Windows: what the device manager knows.
+// Inside the serial ports on Windows: facts from the device manager.
 #pragma once
 
 #include <string>
 
 namespace qor::serial {
 
-// What stands behind a port, and where: "USB Serial Port, Port_#0003.Hub_#0002, serial A50285BI". Empty where the
-// device manager has no such port.
+// Returns the device behind a port and its place: "USB Serial Port, Port_#0003.Hub_#0002, serial A50285BI". Empty if
+// the device manager does not have the port.
 std::string device_place(const std::string& port);
 
 } // namespace qor::serial

@@ -4,16 +4,16 @@
 
 #include <string_view>
 #include <windows.h>
-// Needs the one above.
+// Needs the include above.
 #include <setupapi.h>
 
 namespace {
 
 using qor::platform::from_wide;
 
-constexpr DWORD longest = 512; // characters of a text of the device manager; it has no longer ones
+constexpr DWORD longest = 512; // the longest text of the device manager, in characters
 
-// The device manager's library, loaded when it is first wanted: every process would pay for it.
+// The device manager's library. It is loaded on first use, because otherwise every process would pay for it.
 class device_manager {
 public:
     device_manager() noexcept {
@@ -70,14 +70,15 @@ std::string property(const device_manager& manager, HDEVINFO devices, SP_DEVINFO
     return from_wide(text);
 }
 
-// A device that has a serial number is called by it: "USB\VID_2341&PID_0043\85531303631351F0B1E1", or with its driver's
-// signs, "FTDIBUS\VID_0403+PID_6001+A50285BIA\0000". A number with '&' in it was made up for one that has none.
+// The instance id of a device contains its serial number: "USB\VID_2341&PID_0043\85531303631351F0B1E1", or in the form
+// of the FTDI driver: "FTDIBUS\VID_0403+PID_6001+A50285BIA\0000". A number that contains '&' was made up by the system
+// for a device without a serial number.
 std::string serial_number(const std::string& instance) {
     std::string_view text = instance;
     if (text.starts_with("FTDIBUS\\")) {
         text = text.substr(0, text.rfind('\\'));
         text = text.substr(text.rfind('+') + 1);
-        // The last letter tells the ports of one device apart.
+        // The last letter distinguishes the ports of a device.
         text.remove_suffix(text.empty() ? 0 : 1);
     } else if (text.starts_with("USB\\")) {
         text = text.substr(text.rfind('\\') + 1);
@@ -108,7 +109,7 @@ std::string qor::serial::device_place(const std::string& port) {
     static const device_manager manager;
     if (!manager.is_there() || !platform::to_wide(port, name))
         return {};
-    // Of all classes: a modem has a port too.
+    // Search the devices of all classes, because a modem also has a port.
     const HDEVINFO devices = manager.get_devices(nullptr, nullptr, nullptr, DIGCF_PRESENT | DIGCF_ALLCLASSES);
     if (devices == INVALID_HANDLE_VALUE)
         return {};

@@ -1,4 +1,5 @@
-// Where a port is: the kernel's folder of a port lies in that of its device, which lies in that of its bus.
+// The location of a port. In sysfs, the folder of a port lies in the folder of its device, which lies in the folder of
+// its bus.
 #include "serial/natural_order.h"
 #include "serial/sysfs.h"
 #include "serial/sysfs_files.h"
@@ -17,7 +18,7 @@ using qor::serial::real_path;
 
 std::string parent(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
-// ", line 2 of 4" for a device that carries several ports, in the order in which they hang on it.
+// Returns ", line 2 of 4" if a device has several ports, counted in natural order of their names.
 std::string line_of(const host& on, const std::string& device, const std::string& port) {
     std::vector<std::string> names;
     std::vector<std::string> ports;
@@ -34,7 +35,7 @@ std::string line_of(const host& on, const std::string& device, const std::string
     return ", line " + std::to_string(own) + " of " + std::to_string(ports.size());
 }
 
-// "FTDI FT232R USB UART, serial A50285BI". The numbers of maker and product where it has no names.
+// Returns "FTDI FT232R USB UART, serial A50285BI". Without a product name, the ids of maker and product take its place.
 std::string usb_texts(const std::string& device) {
     const std::string maker = read_attribute(device + "/manufacturer");
     std::string text = read_attribute(device + "/product");
@@ -52,14 +53,14 @@ std::string hexadecimal(unsigned long long number) {
     return text;
 }
 
-// The address of a UART on the motherboard, "0x3f8". Empty if only root is told.
+// Returns the address of a UART on the motherboard, "0x3f8". Empty if only root may read it.
 std::string address(const std::string& port, const std::string& device) {
     for (const char* const attribute : {"/port", "/iomem_base"}) {
         const std::string text = read_attribute(port + attribute);
         if (const unsigned long long number = std::strtoull(text.c_str(), nullptr, 0))
             return hexadecimal(number);
     }
-    // Plug and play tells everybody, line by line: "io 0x3f8-0x3ff".
+    // Everybody may read the plug-and-play resources, one a line: "io 0x3f8-0x3ff".
     unsigned long long number = 0;
     for (const std::string& line : qor::serial::read_lines(device + "/resources"))
         if (std::sscanf(line.c_str(), "io 0x%llx", &number) == 1 ||
@@ -73,14 +74,15 @@ std::string on_motherboard(const std::string& port, const std::string& device) {
     return at.empty() ? "motherboard UART" : "motherboard UART at " + at;
 }
 
-// What a device is called on its bus. Empty: it is no place of its own, but a part of the device around it.
+// Returns the name of a device on its bus. Empty if the device has no place of its own but is part of the device around
+// it.
 std::string place(const host& on, const std::string& device, const std::string& port) {
     const std::string bus = link_target(device + "/subsystem");
     const std::string name(qor::serial::base_name(device));
     if (bus.empty() || bus == "tty" || bus == "serial-base" || bus == "usb-serial")
         return {};
     if (bus == "usb") {
-        // Interfaces are parts of the device; only that has a place.
+        // An interface is a part of its device; only the device has a place.
         const std::string number = read_attribute(device + "/busnum");
         return number.empty() ? number
                               : "USB bus " + number + ", port " + read_attribute(device + "/devpath") +
@@ -93,7 +95,7 @@ std::string place(const host& on, const std::string& device, const std::string& 
     return kind + ' ' + name + line_of(on, device, port);
 }
 
-// A port without a device is made by its driver.
+// A port without a device exists only in its driver.
 std::string place_of_software(const host& on, const std::string& port, const std::string& name) {
     constexpr std::string_view gadget = "ttyGS";
     if (name.starts_with(gadget))
@@ -104,7 +106,7 @@ std::string place_of_software(const host& on, const std::string& port, const std
 }
 
 std::string place_of_port(const host& on, const std::string& port, const std::string& name) {
-    // A port over Bluetooth has no device until it is used.
+    // A Bluetooth port has no device until it is used.
     const std::string peer = read_attribute(port + "/address");
     if (!peer.empty())
         return "Bluetooth " + peer + ", channel " + read_attribute(port + "/channel");
@@ -123,11 +125,11 @@ std::string qor::serial::describe_location(const host& on, const std::string& ke
     const std::string file = on.dev + '/' + kernel_name;
     const std::string folder = terminal_folder(on, kernel_name);
     if (!exists(folder)) {
-        // Of terminals that the kernel has no folder for, only these have a name in a folder of their own.
+        // Of the terminals without a folder in sysfs, only pseudo-terminals have a name in a folder of their own.
         return kernel_name.starts_with("pts/") ? "pseudo-terminal" : "";
     }
     std::string text = place_of_port(on, real_path(folder), kernel_name);
-    // A container sees the ports of its host, but not their files, until it is given them.
+    // A container sees the ports of its host, but not their device files unless it is given them.
     if (!exists(file))
         text += (text.empty() ? "no file " : ", no file ") + file;
     return text;

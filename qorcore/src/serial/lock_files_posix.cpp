@@ -12,8 +12,8 @@
 
 namespace {
 
-// The number is written as text by most, as a plain int by some: that has a zero byte, because processes have numbers
-// below 2^22, and a text has none. 0: it cannot be told.
+// Most programs write the process id as text, some as a binary int. A binary id contains a zero byte, because ids are
+// below 2^22; a text contains none. Returns 0 if the id is unknown.
 int read_holder(qor::platform::raw_file& file) {
     char text[32] = "";
     std::size_t length = 0;
@@ -39,7 +39,7 @@ qor::serial::lock qor::serial::find_lock(const host& on, const std::string& kern
         if (platform::raw_file::is_missing(code) || code == ENAMETOOLONG)
             continue;
         holder = code == 0 ? read_holder(opened) : 0;
-        // Whoever is about to write the number has locked it already.
+        // A process that is about to write its id has already locked the port.
         if (holder == 0)
             return lock::somebody;
         if (kill(holder, 0) == 0 || errno != ESRCH)

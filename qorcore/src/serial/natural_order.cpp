@@ -6,7 +6,8 @@ namespace {
 
 bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-// Takes a number off the front, without its leading zeros: the longer of two is then the greater.
+// Removes a number from the front of the text and returns it without leading zeros, so that the longer of two numbers
+// is the greater one.
 std::string_view take_number(std::string_view& text) noexcept {
     const auto end = std::find_if_not(text.begin(), text.end(), is_digit);
     std::string_view number(text.begin(), end);
@@ -33,6 +34,6 @@ bool qor::serial::comes_before(std::string_view left, std::string_view right) no
             b.remove_prefix(1);
         }
     }
-    // "COM01" and "COM1" differ by their zeros alone.
+    // "COM01" and "COM1" differ only in their zeros.
     return a.empty() && b.empty() ? left < right : a.empty();
 }

@@ -1,4 +1,4 @@
-// Serial ports: the list, the locations, and the object that stands for an open one.
+// Serial ports: the list, the locations and the object for an open port.
 #include "error/error.h"
 #include "memory/allocator.h"
 #include "qor/system/template/Object.h"

@@ -1,4 +1,4 @@
-// Inside the serial ports on Linux: what the kernel tells of them in its files. Nothing here opens a device.
+// Inside the serial ports on Linux: reads the kernel's files about the ports. No function opens a device.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace qor::serial {
 
-// Where a host's files lie; tests have hosts of their own.
+// The folders of a host; tests use their own.
 struct host {
     std::string sys = "/sys";
     std::string dev = "/dev";
@@ -16,13 +16,13 @@ struct host {
     std::string locks = "/var/lock";
 };
 
-// The last part of a path.
+// Returns the last part of a path.
 std::string_view base_name(std::string_view path) noexcept;
 
-// The kernel's folder of a terminal.
+// Returns the sysfs folder of a terminal.
 std::string terminal_folder(const host& on, std::string kernel_name);
 
-// A row of the table of terminal drivers.
+// A row of the kernel's table of terminal drivers.
 struct driver {
     std::string name; // "rfcomm"
     std::string type; // "serial", "console", "pty:slave" ...
@@ -32,25 +32,25 @@ struct driver {
 };
 std::vector<driver> read_drivers(const host& on);
 
-// That of the terminal in the folder; null if none has it.
+// Returns the driver of the terminal in the folder; null if there is none.
 const driver* find_driver(const std::vector<driver>& drivers, const std::string& folder);
 
-// 0, or the system's code; path is then what could not be read.
+// Returns 0 or the system's error code; on failure, `path` is the folder that could not be read.
 int list_ports(const host& on, std::vector<std::string>& names, std::string& path);
 
-// The kernel's name of the port that a user calls so: without "/dev/", and not that of a link to it.
+// Returns the kernel's name of the port that the user calls `name`: without "/dev/", and with links resolved.
 std::string kernel_name(const host& on, const std::string& name);
 
-// The file that a user means by a name. It need not be there.
+// Returns the file that the user means by `name`. The file need not exist.
 std::string device_file(const host& on, const std::string& name);
 
-// Whether there is a terminal of this name, by the kernel or by its device file.
+// Whether a terminal of this name exists, in sysfs or as a device file.
 bool is_known(const host& on, const std::string& kernel_name);
 
-// False only if it is certain that no UART answers there.
+// False only if certainly no UART is present.
 bool has_hardware(const host& on, const std::string& kernel_name);
 
-// False only if it is certain that the device of this number is another thing than a port: opening it could do harm.
+// False only if the device with this number is certainly not a port. Opening such a device could do harm.
 bool may_be_port(const host& on, dev_t number);
 
 std::string describe_location(const host& on, const std::string& kernel_name);

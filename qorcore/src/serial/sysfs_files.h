@@ -1,4 +1,4 @@
-// Inside the serial ports on Linux: reading sysfs, where a folder is a device and a file is one of its attributes.
+// Inside the serial ports on Linux: reads sysfs, where a folder is a device and a file is one of its attributes.
 #pragma once
 
 #include <string>
@@ -6,22 +6,23 @@
 
 namespace qor::serial {
 
-// The lines of a file. None if it cannot be read.
+// Returns the lines of a file; no lines if it cannot be read.
 std::vector<std::string> read_lines(const std::string& path);
 
-// The first line, without white space around it. Texts of USB devices are whatever their makers wrote. Empty if it
-// cannot be read.
+// Returns the first line without surrounding white space; empty if the file cannot be read. The makers of USB devices
+// choose the text freely, so it may contain anything.
 std::string read_attribute(const std::string& path);
 
 bool exists(const std::string& path) noexcept;
 
-// Without links in it. Empty if it is not there.
+// Returns the path with links resolved; empty if it does not exist.
 std::string real_path(const std::string& path);
 
-// The last part of what a link points to, or of the path if it is none. Empty if it is not there.
+// Returns the last part of the target of a link, or of the path itself if it is not a link. Empty if the path does not
+// exist.
 std::string link_target(const std::string& path);
 
-// Without "." and "..". 0, or the system's code.
+// Lists a folder without "." and "..". Returns 0 or the system's error code.
 int read_folder(const std::string& path, std::vector<std::string>& names);
 
 } // namespace qor::serial

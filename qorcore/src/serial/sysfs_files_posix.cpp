@@ -12,7 +12,7 @@
 
 namespace {
 
-// An attribute has a page at most, the table of drivers a few kilobytes.
+// An attribute takes at most a page, the table of drivers a few kilobytes.
 constexpr std::size_t longest_file = 1 << 20;
 
 } // namespace

@@ -1,4 +1,4 @@
-// Which ports there are, and which names they have.
+// Finds the ports and their names.
 #include "serial/sysfs.h"
 
 #include "serial/sysfs_files.h"
@@ -14,8 +14,8 @@ namespace {
 
 using qor::serial::host;
 
-// A terminal with a device behind it is a port. Others are made by software, consoles and serial ports alike
-// (Bluetooth, the ports of a host that is a USB device itself, multiplexers): there the driver has the word.
+// A terminal with a device behind it is a port. The other terminals exist only in software: consoles, but also serial
+// ports (Bluetooth, gadget ports of a USB device, multiplexers). For these, the type of the driver decides.
 bool is_port(const std::vector<qor::serial::driver>& drivers, const std::string& folder) {
     if (qor::serial::exists(folder + "/device"))
         return true;
@@ -45,14 +45,14 @@ std::string without_folder(const std::string& path, const std::string& folder) {
 std::string_view qor::serial::base_name(std::string_view path) noexcept { return path.substr(path.rfind('/') + 1); }
 
 std::string qor::serial::terminal_folder(const host& on, std::string kernel_name) {
-    // A name with folders in it has '!' for their '/' there.
+    // In sysfs, '!' replaces the '/' in a name.
     std::replace(kernel_name.begin(), kernel_name.end(), '/', '!');
     return on.sys + "/class/tty/" + kernel_name;
 }
 
 std::vector<qor::serial::driver> qor::serial::read_drivers(const host& on) {
     std::vector<driver> drivers;
-    // Name, file, number and range of numbers or one of them, type:
+    // Name, file, major number, minor number or range of minor numbers, type:
     //     serial               /dev/ttyS        4 64-95 serial
     for (const std::string& line : read_lines(on.proc + "/tty/drivers")) {
         char name[64];
@@ -86,7 +86,8 @@ int qor::serial::list_ports(const host& on, std::vector<std::string>& names, std
     path = on.sys + "/class/tty";
     std::vector<std::string> found;
     if (const int code = read_folder(path, found))
-        // A kernel without terminals has no ports, and says so; a container without /sys says nothing.
+        // A kernel without terminals has no ports: no error. In a container without /sys the ports are unknown: an
+        // error.
         return code == ENOENT && exists(on.sys + "/class") ? 0 : code;
     const std::vector<driver> drivers = read_drivers(on);
     for (std::string& name : found) {
@@ -100,12 +101,13 @@ int qor::serial::list_ports(const host& on, std::vector<std::string>& names, std
 
 bool qor::serial::has_hardware(const host& on, const std::string& kernel_name) {
     const std::string folder = terminal_folder(on, kernel_name);
-    // The type of the UART, of those that have one: 0 is none. The 8250 driver has terminals for as many ports as it
-    // could serve, whatever there is.
+    // The type of the UART, for ports that have one; 0 means that there is no UART. The 8250 driver creates terminals
+    // for as many ports as it could serve, whether they exist or not.
     const std::string type = read_attribute(folder + "/type");
     if (!type.empty() || !exists(folder + "/type"))
         return type != "0";
-    // Older kernels tell it to root alone. Then it is the stand-in device that holds those for which nothing was found.
+    // Older kernels show the type to root only. In that case, a port below the platform device serial8250 has no
+    // hardware, unless it is a console.
     return real_path(folder).find("/platform/serial8250/") == std::string::npos || is_console(on, kernel_name);
 }
 

@@ -4,7 +4,8 @@
 #include "serial/lock_files.h"
 #include "serial/sysfs.h"
 
-// The kernel's own header: it has the speeds as numbers, which the C library's lacks. The two cannot be had together.
+// The kernel's own header has the speeds as numbers, which the C library's header lacks. The two cannot be included
+// together.
 #include <asm/termbits.h>
 
 #include <algorithm>
@@ -24,7 +25,7 @@ namespace {
 using qor::error::set;
 using qor::serial::host;
 
-// The name of a group or user, or its number where it has no name.
+// Returns the name of a group or user, or its number if it has no name.
 std::string group_name(gid_t number) {
     const group* const found = getgrgid(number);
     return found != nullptr ? found->gr_name : std::to_string(number);
@@ -34,7 +35,7 @@ std::string user_name(uid_t number) {
     return found != nullptr ? found->pw_name : std::to_string(number);
 }
 
-// Who may open a file that this process may not.
+// Reports who may open a file that this process may not open.
 void set_denied(const std::string& name, const struct stat& status) {
     constexpr mode_t for_group = S_IRGRP | S_IWGRP;
     if ((status.st_mode & for_group) == for_group)
@@ -63,7 +64,7 @@ void set_open_failure(int code, const std::string& name, const struct stat& stat
     }
 }
 
-// Opening any other device could do harm, so what it is is looked up before.
+// Opening any other kind of device could do harm, so the kind is checked first.
 bool find_device(const std::string& name, const std::string& file, struct stat& status) {
     if (name.empty() || stat(file.c_str(), &status) != 0) {
         const int code = name.empty() ? ENOENT : errno;
@@ -81,7 +82,8 @@ bool find_device(const std::string& name, const std::string& file, struct stat& 
     return false;
 }
 
-// Programs of today lock the device itself, and the kernel lets root pass an exclusive one.
+// Current programs lock the device itself. The exclusive mode is checked here as well, because the kernel lets root
+// bypass it.
 int lock(int handle) noexcept {
     int exclusive = 0;
     if (ioctl(handle, TIOCGEXCL, &exclusive) == 0 && exclusive != 0)
@@ -90,15 +92,15 @@ int lock(int handle) noexcept {
 }
 
 int open_terminal(const std::string& file) noexcept {
-    // Without O_NONBLOCK it would wait for a carrier; with a terminal of its own the process would get the other end's
-    // signals.
+    // Without O_NONBLOCK, open would wait for a carrier. Without O_NOCTTY, the port could become the controlling
+    // terminal, whose other end could send signals to the process.
     int handle;
     do
         handle = open(file.c_str(), O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     while (handle < 0 && errno == EINTR);
     if (handle < 0 || handle > STDERR_FILENO)
         return handle;
-    // It never takes the place of a closed standard stream.
+    // The port must never take the place of a closed standard stream.
     const int moved = fcntl(handle, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     close(handle);
     return moved;
@@ -106,12 +108,12 @@ int open_terminal(const std::string& file) noexcept {
 
 int descriptor(std::intptr_t handle) noexcept { return static_cast<int>(handle); }
 
-// How much of the time of an operation is left.
+// The time that an operation has left.
 class time_limit {
 public:
     explicit time_limit(uint32 milliseconds) noexcept : m_end(clock::now() + std::chrono::milliseconds(milliseconds)) {}
 
-    // Waits until the port is ready for `events`. *ready is false when the time is over.
+    // Waits until the port is ready for `events`. Sets *ready to false if the time ran out.
     int wait(int handle, short events, bool& ready) const noexcept {
         for (;;) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_end - clock::now()).count();
@@ -129,7 +131,7 @@ private:
     clock::time_point m_end;
 };
 
-// Nothing to take or to give at the moment: reading and writing wait and try again.
+// There is nothing to read, or no room to write, at the moment: the operation waits and tries again.
 bool is_passing(int code) noexcept { return code == EAGAIN || code == EINTR; }
 
 } // namespace
@@ -253,7 +255,7 @@ int qor::serial::system_port::read(void* buffer, uint32 size, uint32 millisecond
             count = static_cast<uint32>(taken);
             return 0;
         }
-        // What ends like a file has been unplugged.
+        // An end of file means that the port was unplugged.
         if (taken == 0)
             return EIO;
         if (!is_passing(errno))
@@ -286,7 +288,7 @@ int qor::serial::system_port::discard(bool received, bool unsent) noexcept {
 }
 
 int qor::serial::system_port::flush() noexcept {
-    // What tcdrain() of the C library does.
+    // The same call as in the C library's tcdrain().
     while (ioctl(descriptor(m_handle), TCSBRK, 1) != 0)
         if (errno != EINTR)
             return errno;

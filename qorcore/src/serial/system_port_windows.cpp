@@ -20,14 +20,14 @@ struct known_port {
     std::string device; // \Device\VCP0
 };
 
-// What the drivers of serial ports enter when they find one: nothing dropped, nothing opened. The key is missing where
-// none ever did.
+// Reads the list in which drivers enter the serial ports that they find. The list omits no port, and reading it opens
+// none. The key does not exist if no driver has entered a port.
 int read_device_map(std::vector<known_port>& ports) {
     HKEY key;
     LSTATUS code = RegOpenKeyExW(HKEY_LOCAL_MACHINE, wide_device_map, 0, KEY_QUERY_VALUE, &key);
     if (code != ERROR_SUCCESS)
         return code == ERROR_FILE_NOT_FOUND ? 0 : static_cast<int>(code);
-    // No value's name is longer than 16383 characters, and no port's than a path.
+    // The name of a value has at most 16383 characters, and the name of a port is no longer than a path.
     std::wstring device(16384, L'\0');
     wchar_t name[MAX_PATH + 1];
     for (DWORD index = 0;; ++index) {
@@ -49,7 +49,7 @@ bool is_same_name(const std::string& left, const std::string& right) {
     return lstrcmpiA(left.c_str(), right.c_str()) == 0;
 }
 
-// "COM3" of "\\.\com3" and "COM3:" too.
+// Also returns "COM3" for "\\.\com3" and "COM3:".
 std::string port_name(std::string name) {
     constexpr std::string_view device = "\\\\.\\";
     if (name.starts_with(device))
@@ -59,7 +59,8 @@ std::string port_name(std::string name) {
     return name;
 }
 
-// A driver may be there without an entry in the map; any other name might be that of a disk.
+// A driver may be loaded without an entry in the list, so any COM name may be a port. Another name might belong to a
+// disk.
 bool is_com_port(const std::string& name) {
     constexpr std::size_t digits = 3;
     return name.size() > digits && is_same_name(name.substr(0, digits), "COM") &&
@@ -71,7 +72,8 @@ std::string location_of(const known_port& port) {
     return !place.empty() || port.device.empty() ? place : "device " + port.device;
 }
 
-// The port of that name as the system has it; where it has none, one that could be.
+// Finds the system's entry for a port of this name. If there is none, returns false and the name that such a port would
+// have.
 bool find_port(const std::string& name, known_port& port) {
     std::vector<known_port> ports;
     read_device_map(ports);
@@ -87,7 +89,8 @@ bool find_port(const std::string& name, known_port& port) {
 
 HANDLE system_handle(std::intptr_t handle) noexcept { return reinterpret_cast<HANDLE>(handle); }
 
-// An operation that does not keep its thread. The port's own time limits are settings, and left alone.
+// An overlapped operation, which does not block its thread. The time limits of the port itself are settings and stay
+// unchanged.
 class operation {
 public:
     explicit operation(HANDLE port) noexcept : m_port(port), m_state() {
@@ -99,7 +102,8 @@ public:
 
     OVERLAPPED* state() noexcept { return &m_state; }
 
-    // After it was started: what it has done when the time is over.
+    // Waits for the started operation and cancels it when the time runs out. `count` is the number of bytes
+    // transferred.
     int finish(BOOL is_done, DWORD milliseconds, uint32& count) noexcept {
         if (!is_done && GetLastError() != ERROR_IO_PENDING)
             return static_cast<int>(GetLastError());
@@ -154,7 +158,7 @@ bool qor::serial::system_port::open(const std::string& name) {
         set(qorError_no_serial_port, {name.c_str()});
         return false;
     }
-    // The system itself keeps every other opener out as long as this one is open.
+    // While this handle is open, the system refuses every other attempt to open the port.
     m_handle = reinterpret_cast<std::intptr_t>(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                                            OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
     DCB settings{};
@@ -166,7 +170,7 @@ bool qor::serial::system_port::open(const std::string& name) {
         case ERROR_PATH_NOT_FOUND:
             set(qorError_no_serial_port, {name.c_str()});
             break;
-        case ERROR_ACCESS_DENIED: // that is how a port says it
+        case ERROR_ACCESS_DENIED: // the reason a port in use gives
         case ERROR_SHARING_VIOLATION:
             set(qorError_serial_port_in_use, {name.c_str()});
             break;
@@ -201,8 +205,8 @@ int qor::serial::system_port::settings(qorSerialSettings& out) noexcept {
     return 0;
 }
 
-// The system tells only the lines that the other end drives; its own two follow from the settings where they are
-// steady.
+// The system reports only the lines that the other end drives. Our own two lines are known only if the settings keep
+// them steady.
 int qor::serial::system_port::modem_lines(uint32& lines) noexcept {
     DWORD now = 0;
     DCB settings{};
@@ -234,7 +238,8 @@ int qor::serial::system_port::read(void* buffer, uint32 size, uint32 millisecond
     uint32 unsent = 0;
     if (const int code = waiting(received, unsent))
         return code;
-    // The system would wait for all that it is asked for: it is asked for what there is, or for the first byte.
+    // ReadFile would wait for as many bytes as it is asked for. So ask only for the bytes already received, or for the
+    // first one.
     operation reading(system_handle(m_handle));
     const DWORD wanted = std::min(size, std::max<uint32>(received, 1));
     const BOOL is_done = ReadFile(system_handle(m_handle), buffer, wanted, nullptr, reading.state());

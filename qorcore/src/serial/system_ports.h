@@ -1,4 +1,5 @@
-// Inside the serial ports: the seam to the operating system. What fails sets the thread's last error.
+// Inside the serial ports: the seam to the operating system. A function that returns false sets the thread's last
+// error.
 #pragma once
 
 #include "qor/qor.h"
@@ -9,14 +10,13 @@
 
 namespace qor::serial {
 
-// The names of all ports, in any order.
+// Returns the names of all ports, unordered.
 bool find_ports(std::vector<std::string>& names);
 
-// False: there is no such port.
+// Returns false if there is no such port.
 bool find_location(const std::string& name, std::string& location);
 
-// A port that is open. Its operations have the meaning of those of IQORSerialPort; their results are error codes of the
-// system, 0 for success.
+// An open port. Its operations have the meaning of those of IQORSerialPort and return 0 or the system's error code.
 class system_port {
 public:
     system_port() noexcept = default;
@@ -24,7 +24,7 @@ public:
     system_port& operator=(const system_port&) = delete;
     ~system_port();
 
-    // Once in the object's life.
+    // Call this at most once for an object.
     bool open(const std::string& name);
 
     const std::string& name() const noexcept { return m_name; }
@@ -39,9 +39,9 @@ public:
     int flush() noexcept;
 
 private:
-    std::intptr_t m_handle = -1; // the system's
-    std::string m_name;          // its own name, not that of a link
-    std::string m_location;      // a port that is unplugged later was there
+    std::intptr_t m_handle = -1; // the system's handle or descriptor
+    std::string m_name;          // the port's own name, not that of a link
+    std::string m_location;      // kept, so that it is still known after the port was unplugged
 };
 
 } // namespace qor::serial

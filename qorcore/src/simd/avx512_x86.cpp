@@ -1,4 +1,4 @@
-// Compiled for AVX-512; nothing here may run before the processor has been asked.
+// Compiled for AVX-512. Check the processor's features before you call anything here.
 #include "simd/kernels.h"
 #include "simd/sets_x86.h"
 

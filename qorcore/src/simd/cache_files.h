@@ -7,7 +7,7 @@
 
 namespace qor::simd {
 
-// What the files index<n>/level, type and size in the folder say.
+// Reads the files index<n>/level, type and size in the folder.
 cache_sizes read_cache_files(const std::string& folder);
 
 } // namespace qor::simd

@@ -6,7 +6,7 @@
 
 namespace {
 
-// A file of one word; empty if it cannot be read.
+// Reads a file of one word; empty if it cannot be read.
 std::string read_word(const std::string& path) {
     struct stat status;
     const int file = qor::glue::open_regular_file(path.c_str(), status);

@@ -1,9 +1,9 @@
-// Inside the SIMD routines: the kernels, written once over a vector type. Each instruction set has a unit of
-// its own that is compiled for that set and includes this. Everything here is internal to that unit: a shared
-// inline function would be kept from one of them, perhaps the one that this processor cannot run.
+// Inside the SIMD routines: the kernels, written once over a vector type. Each instruction set has its own translation
+// unit that is compiled for that set and includes this file. Everything here has internal linkage: of a shared inline
+// function, the linker would keep one unit's version, perhaps one that this processor cannot run.
 //
-// VECTOR::type with these: load and store at any address, store_aligned and stream at a multiple of its size,
-// repeat (the vector of a pattern) and fence (behind streamed stores).
+// VECTOR::type has these operations: load and store at any address, store_aligned and stream at a multiple of the
+// vector's size, repeat (makes the vector of a pattern) and fence (orders streamed stores before later ones).
 #pragma once
 
 #include "simd/pattern.h"
@@ -20,7 +20,7 @@ struct kernels {
     static constexpr uint64 block = 4 * width;
     static_assert(qor::simd::small_limit >= width && qor::simd::stream_minimum >= block);
 
-    // ---- four vectors or two, at any address
+    // ---- blocks of four vectors or two, at any address
     static void copy_block(char* to, const char* from) noexcept {
         const type a = VECTOR::load(from), b = VECTOR::load(from + width);
         const type c = VECTOR::load(from + 2 * width), d = VECTOR::load(from + 3 * width);
@@ -36,15 +36,15 @@ struct kernels {
 
     static void copy_one(char* to, const char* from) noexcept { VECTOR::store(to, VECTOR::load(from)); }
 
-    // How far it is to the next multiple of `size`; never 0, so that the head is always one whole piece.
+    // The distance to the next multiple of `size`. Never 0, so that the head is always one whole piece.
     static uint64 to_next(const char* at, uint64 size) noexcept {
         return size - (reinterpret_cast<std::uintptr_t>(at) & (size - 1));
     }
 
-    // A load seems to depend on an earlier store when their addresses agree modulo 4096, and waits for it.
-    // Where the destination runs shortly ahead of the source in that sense, it does so in every round;
-    // backwards in none. What does not fit the first cache waits for the second anyway, and that one prefers
-    // forwards.
+    // A load waits for an earlier store if their addresses agree modulo 4096, because the processor mistakes it for
+    // dependent. If the destination is shortly ahead of the source modulo 4096, this happens in every round of a
+    // forward copy, but never in a backward copy. A copy that does not fit the first-level cache waits for the second
+    // level anyway, and that one prefers the forward direction.
     static bool runs_ahead(const char* to, const char* from, uint64 length) noexcept {
         const uint64 ahead = static_cast<uint64>(to - from) % 4096;
         return ahead != 0 && ahead < 1024 && length <= 16384;
@@ -87,7 +87,7 @@ struct kernels {
         VECTOR::store_aligned(to + 2 * width, c), VECTOR::store_aligned(to + 3 * width, d);
     }
 
-    // Four kilobytes ahead is beyond the page where the processor's own prefetcher stops.
+    // Prefetches four kilobytes ahead: the processor's own prefetcher stops at the end of a page.
     static void stream_copy(void* destination, const void* source, uint64 length) noexcept {
         constexpr uint64 line = qor::simd::alignment;
         char* to = static_cast<char*>(destination);

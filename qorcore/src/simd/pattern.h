@@ -1,5 +1,5 @@
-// Inside the SIMD routines: the phase of a fill's pattern. Internal to each unit that includes it: units
-// compiled for wider instruction sets must not lend their code to the others.
+// Inside the SIMD routines: the phase of a fill's pattern. Internal linkage, because units that are compiled for wider
+// instruction sets must not share their code with the others.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -8,7 +8,7 @@
 
 namespace {
 
-// The pattern as it goes on `distance` bytes behind its beginning.
+// The pattern as it continues `distance` bytes after its beginning.
 [[maybe_unused]] inline uint64 go_on(uint64 pattern, uint64 distance) noexcept {
     const unsigned bits = static_cast<unsigned>(distance % 8) * 8;
     if constexpr (std::endian::native == std::endian::little)

@@ -1,4 +1,4 @@
-// The kernels for a processor of which nothing is known. It has no stores that pass the caches.
+// The kernels for an unknown processor. They have no stores that bypass the caches.
 #include "simd/kernels.h"
 
 #include <cstring>

@@ -1,4 +1,4 @@
-// On a processor of another kind the plain kernels serve every length.
+// On processors other than x86-64, the plain kernels serve all lengths.
 #include "simd/simd.h"
 
 qor::simd::set_list qor::simd::available_sets() noexcept { return {{&plain}, 1}; }

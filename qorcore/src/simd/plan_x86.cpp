@@ -1,4 +1,4 @@
-// Which routine serves which length on x86-64. The figures behind it are in docs/benchmarks.md.
+// Selects the routine for each length on x86-64. The measurements are in docs/benchmarks.md.
 #include "simd/pattern.h"
 #include "simd/sets_x86.h"
 
@@ -11,7 +11,7 @@ void string_copy(void* destination, const void* source, uint64 length) noexcept 
     asm volatile("rep movsb" : "+D"(destination), "+S"(source), "+c"(length) : : "memory");
 }
 
-// The instruction is fast only from a multiple of eight on.
+// The instruction is fast only at an address that is a multiple of eight.
 void string_fill(void* destination, uint64 pattern, uint64 length) noexcept {
     char* const to = static_cast<char*>(destination);
     const uint64 end = go_on(pattern, length);
@@ -51,15 +51,15 @@ qor::simd::limits qor::simd::find_limits(const instruction_set& set, const cache
     const uint64 second = or_default(caches.second, 512 << 10);
     const uint64 third = or_default(caches.third, 8 << 20);
     if (this_processor().has_fast_strings) {
-        // Copies that no longer fit the first cache with their source, and fills that no longer fit the
-        // second.
+        // For copies whose source and destination together exceed the first-level cache, and for fills that exceed the
+        // second-level cache.
         found.string_copy = string_copy;
         found.string_copy_from = first / 2;
         found.string_gap = this_processor().string_gap;
         found.string_fill = string_fill;
         found.string_fill_from = second;
     }
-    // What is streamed is in no cache when it is read next, so it pays only where it would not be there
+    // Streamed data is in no cache when it is next read. So streaming pays only for data that would not stay in a cache
     // anyway.
     found.stream_copy_from = third / 2;
     found.stream_fill_from = third;

@@ -6,14 +6,15 @@ namespace {
 
 constexpr uint32 bit(int number) { return uint32{1} << number; }
 
-// Leaf 1, ECX; leaf 7, EBX and ECX.
+// Leaf 1, register ECX; leaf 7, registers EBX and ECX.
 constexpr uint32 os_uses_xsave = bit(27);
 constexpr uint32 avx2_bit = bit(5);
 constexpr uint32 fast_strings_bit = bit(9);
 constexpr uint32 avx512_f_bit = bit(16);
 constexpr uint32 avx512_vbmi2_bit = bit(6);
 
-// The halves of registers that a switch of threads keeps: SSE and AVX; and for AVX-512 the masks, too.
+// The register state that the operating system saves at a thread switch: SSE and AVX; for AVX-512 also the masks and
+// the wider halves.
 constexpr uint32 avx_state = 0x06;
 constexpr uint32 avx512_state = 0xe6;
 
@@ -23,7 +24,7 @@ uint32 saved_state() noexcept {
     return low;
 }
 
-// Processors of AMD before Zen 5 have the gap; Intel's never had it.
+// AMD's processors before Zen 5 have the gap; Intel's have never had it.
 constexpr uint32 zen5 = 0x1a;
 
 bool has_gap(uint32 signature) noexcept {
@@ -45,7 +46,7 @@ qor::simd::processor qor::simd::read_processor() noexcept {
         return {};
     const bool keeps_avx = (saved & avx_state) == avx_state;
     const bool keeps_avx512 = (saved & avx512_state) == avx512_state;
-    // The first processors with AVX-512 lower their clock for it; those that do not have VBMI2.
+    // The first processors with AVX-512 lower their clock for it. They can be recognised by their lack of VBMI2.
     return {.has_avx2 = keeps_avx && (b & avx2_bit) != 0,
             .has_avx512 = keeps_avx512 && (b & avx512_f_bit) != 0 && (c & avx512_vbmi2_bit) != 0,
             .has_fast_strings = (b & fast_strings_bit) != 0,

@@ -1,4 +1,4 @@
-// The entries: short lengths in place, everything else as the plan says.
+// The entry points: they handle short lengths themselves and everything else according to the plan.
 #include "qor/qor.h"
 #include "simd/pattern.h"
 #include "simd/simd.h"
@@ -15,7 +15,7 @@ namespace {
 using qor::simd::plan;
 using qor::simd::small_limit;
 
-// ---- up to small_limit bytes: pieces from both ends, which overlap in the middle
+// ---- up to small_limit bytes: pieces from both ends, which may overlap in the middle
 struct piece {
     uint64 words[2];
 };
@@ -32,7 +32,7 @@ void put(char* to, const TYPE& value) noexcept {
     std::memcpy(to, &value, sizeof value);
 }
 
-// Two pieces that together are as long as one of twice the length or shorter.
+// Two pieces cover any length from one piece to two.
 template <class TYPE>
 void copy_ends(char* to, const char* from, uint64 length) noexcept {
     const TYPE first = get<TYPE>(from);
@@ -41,7 +41,7 @@ void copy_ends(char* to, const char* from, uint64 length) noexcept {
     put(to + length - sizeof(TYPE), last);
 }
 
-// The hints lay the code out: a jump that is taken costs a cycle of about eight.
+// The hints control the code layout: a taken jump costs about one of eight cycles.
 [[gnu::always_inline]] inline void copy_small(char* to, const char* from, uint64 length) noexcept {
     if (length >= sizeof(piece)) [[likely]] {
         if (length <= 2 * sizeof(piece)) [[likely]]
@@ -60,7 +60,7 @@ void copy_ends(char* to, const char* from, uint64 length) noexcept {
     }
 }
 
-// The leading bytes of the pattern at the front, and as it goes on there at the end.
+// Stores the beginning of the pattern at the front, and its continuation at the end.
 template <class TYPE>
 void fill_ends(char* to, uint64 pattern, uint64 length) noexcept {
     const uint64 end = go_on(pattern, length - sizeof(TYPE));
@@ -88,7 +88,7 @@ void fill_ends(char* to, uint64 pattern, uint64 length) noexcept {
     }
 }
 
-// ---- above it: until the first call nobody knows what this machine has
+// ---- longer: the first call finds out the features of this machine
 void resolve() noexcept {
     static const qor::simd::instruction_set& set = qor::simd::choose_set(std::getenv("QOR_SIMD"));
     static const plan made(set, qor::simd::find_limits(set, qor::simd::read_cache_sizes()));
@@ -154,7 +154,7 @@ const qor::simd::instruction_set& qor::simd::choose_set(const char* name) noexce
     const set_list here = available_sets();
     if (name == nullptr)
         return *here.sets[0];
-    // All that there are, the best first: one that is missing here stands for the next.
+    // The names of all sets, the best first: if a set is not available here, the next one takes its place.
     constexpr const char* names[] = {"avx512", "avx2", "sse2", "plain"};
     const auto wanted = std::ranges::find_if(names, [&](const char* one) { return std::strcmp(one, name) == 0; });
     for (auto one = wanted; one != std::end(names); ++one)
@@ -186,7 +186,8 @@ void qor::glue::simd_memset_u32(void* dst, uint32 value, uint64 length) noexcept
 
 void qor::glue::simd_memset_u64(void* dst, uint64 value, uint64 length) noexcept { fill(dst, value, length); }
 
-// What alignment would spare is one store: not worth a second set of kernels that fault where it is missing.
+// Alignment would save a single store. That does not justify a second set of kernels, which would fault on misaligned
+// addresses.
 void qor::glue::simd_memcpy_aligned(void* dst, const void* src, uint64 length) noexcept { copy(dst, src, length); }
 
 void qor::glue::simd_memcpy_safe(void* dst, const void* src, uint64 length) noexcept { copy(dst, src, length); }

@@ -7,12 +7,12 @@ namespace qor::simd {
 
 extern const instruction_set sse2, avx2, avx512;
 
-// What the processor says of itself, and which registers the operating system saves.
+// The processor's features, as far as the operating system saves the registers they need.
 struct processor {
     bool has_avx2;
-    bool has_avx512;       // and runs it at full speed
-    bool has_fast_strings; // rep movsb and rep stosq work line by line
-    uint64 string_gap;     // as in limits
+    bool has_avx512;       // and runs it at full clock speed
+    bool has_fast_strings; // rep movsb and rep stosq work in whole cache lines
+    uint64 string_gap;     // as in struct limits
 };
 processor read_processor() noexcept;
 

@@ -1,4 +1,4 @@
-// printf to a stream, with a result that no locale changes.
+// printf to a stream; its output does not depend on the locale.
 #include "qor/qor.h"
 #include "stream/text_output.h"
 #include "string/format_fixed.h"

@@ -9,13 +9,13 @@
 
 namespace {
 
-// A line may be a password: no copy of it stays behind.
+// A line may be a password, so no copy of it may stay in memory.
 void wipe(char* bytes, std::size_t size) noexcept {
     for (volatile char* at = bytes; size != 0; --size)
         *at++ = '\0';
 }
 
-// As Append, but where the string moves its old storage is wiped.
+// Like Append, but wipes the old storage if the string moves.
 void append_secret(qorString& self, const char* bytes, uint32 size) noexcept {
     const uint64 total = uint64{self.m_data.length} + size;
     if (total >= self.m_data.alloc) {
@@ -31,8 +31,8 @@ void append_secret(qorString& self, const char* bytes, uint32 size) noexcept {
 } // namespace
 
 bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool newline) noexcept {
-    // One call for the whole line: on an unbuffered stream, or where several threads write, two would tear
-    // it.
+    // Writes the whole line in one call. With two calls, output of another thread could split the line, and an
+    // unbuffered stream would write it in two parts.
     qor::string::working_memory memory;
     const char* text = self->Text();
     std::size_t length = self->Length();
@@ -57,7 +57,7 @@ bool qor::glue::qorString_GetLine(qorString* self, std::FILE* stream) noexcept {
     int byte;
     while ((byte = std::getc(stream)) != '\n') {
         if (byte == EOF) {
-            // A signal that some handler took is no end: the read begins again.
+            // A read that a signal handler interrupted is not the end of the stream: read again.
             if (std::feof(stream) || !std::ferror(stream) || errno != EINTR)
                 break;
             std::clearerr(stream);

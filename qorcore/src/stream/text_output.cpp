@@ -8,9 +8,9 @@
 
 namespace {
 
-constexpr uint32 escape_size = 4; // of one byte: "\x1b"
+constexpr uint32 escape_size = 4; // for one byte: "\x1b"
 
-// Bytes that need no second look.
+// Bytes that can be shown without further checks.
 constexpr bool is_plain(char c) noexcept { return (c >= ' ' && c <= '~') || c == '\n' || c == '\t'; }
 
 bool each_is_plain(std::string_view text) noexcept {
@@ -18,8 +18,9 @@ bool each_is_plain(std::string_view text) noexcept {
 }
 
 bool is_plain(std::string_view text) noexcept {
-    // Eight at a time: the high bit of a byte is set in one of the three terms where it is beyond ASCII, below a blank
-    // or DEL. A carry out of it may only point at its neighbour as well.
+    // Tests eight bytes at a time: one of the three terms sets the high bit of a byte that is beyond ASCII, below a
+    // blank, or DEL. A carry can only mark the neighbour of such a byte as well, and the exact check below clears up a
+    // wrong mark.
     constexpr uint64 each = 0x0101010101010101;
     for (; text.size() >= sizeof each; text.remove_prefix(sizeof each)) {
         uint64 bytes;
@@ -38,7 +39,7 @@ bool is_shown(const qor::string::decoded& next) noexcept {
     return next.valid && !(c >= 0x7f && c <= 0x9f) && !(c >= 0x202a && c <= 0x202e) && !(c >= 0x2066 && c <= 0x2069);
 }
 
-// Calls `add(piece, shown)` for one piece after the other.
+// Calls `add(piece, shown)` for each piece in turn.
 template <class ADD>
 void divide(std::string_view text, ADD add) {
     while (!text.empty()) {
@@ -48,7 +49,7 @@ void divide(std::string_view text, ADD add) {
     }
 }
 
-// Asking the system costs as much as a look at some hundred bytes.
+// The system call costs as much as checking some hundred bytes, so a short text is checked first.
 bool is_for_eyes(std::FILE* stream, std::string_view text) noexcept {
     constexpr std::size_t short_text = 512;
     return (text.size() > short_text || !is_plain(text)) && qor::stream::is_terminal(stream);

@@ -1,6 +1,6 @@
-// Inside the library: text on its way to a C stream. A terminal obeys what it finds in a text, and texts come from
-// anywhere: the names of files and devices, logs, other hosts. So a terminal gets them with everything visible; a file
-// or a pipe gets the bytes as they are.
+// Inside the library: output of text to a C stream. A terminal obeys control sequences in a text, and texts come from
+// untrusted sources: the names of files and devices, logs, other hosts. So text for a terminal has all control
+// characters made visible; text for a file or a pipe stays unchanged.
 #pragma once
 
 #include "string/working_memory.h"
@@ -10,20 +10,22 @@
 
 namespace qor::stream {
 
-// What a terminal gets: `\x1b` and the like for each byte of what would steer it or is no UTF-8. That is every control
-// character but newline and tab, those from U+0080 on included, and what makes the text behind it run the other way
-// (U+202A to U+202E, U+2066 to U+2069). Marks that change nothing but their neighbours stay: Hebrew and Arabic need
-// them. The result lies in `memory`, or is `text` itself where that has nothing to hide.
+// Returns the text in its form for a terminal: an escape such as `\x1b` replaces each byte of a control character or of
+// invalid UTF-8. Control characters are all but newline and tab, including those from U+0080, and the characters that
+// change the direction of the following text (U+202A to U+202E, U+2066 to U+2069). Marks that affect only their
+// neighbours stay, because Hebrew and Arabic need them. The result lies in `memory`, or is `text` itself if it has
+// nothing to escape.
 std::string_view visible(std::string_view text, string::working_memory& memory) noexcept;
 
-// Writes in one call, so that lines of several threads do not mix; false: not all of it could be written. Before text
-// for standard error goes what waits in standard output, so that both stand in order where they end in one place.
+// Writes in one call, so that lines of several threads do not mix. Returns false if not all of the text could be
+// written. For standard error, flushes standard output first, so that the two stay in order if they have the same
+// destination.
 bool write_text(std::FILE* stream, std::string_view text) noexcept;
 
-// The same for those who must not wait for another stream.
+// Like write_text, but flushes no other stream. For callers that must not wait for one.
 bool write_this_text_only(std::FILE* stream, std::string_view text) noexcept;
 
-// ---- for each system
+// ---- implemented for each system
 bool is_terminal(std::FILE* stream) noexcept;
 void flush_standard_output() noexcept;
 

@@ -13,10 +13,10 @@ bool qor::stream::is_terminal(std::FILE* stream) noexcept {
 
 void qor::stream::flush_standard_output() noexcept {
     const error::keep_failures keep;
-    // Text that goes into a buffer is not written yet: who gave standard error one sees to the order, as a replay does.
+    // If the host gave standard error a buffer, this text is not written yet, so the host is responsible for the order.
     if (__fbufsize(stderr) > 1)
         return;
-    // Another thread may be writing, for as long as nobody reads: its text cannot be made to come first.
+    // Another thread may be writing, and may be blocked because nobody reads. The order with its text cannot be kept.
     if (ftrylockfile(stdout) != 0)
         return;
     std::fflush(stdout);

@@ -1,8 +1,8 @@
 // Inside the library: the storage of string arrays.
 //
-// All slots of the storage are strings, those behind the count too: they are empty, and keep the storage of elements
-// that were there before, and an array that is filled again and again, as with the words of each line of a file,
-// stops allocating after a few rounds.
+// All slots of the storage are constructed strings, including those behind the count: they are empty, but keep the
+// storage of elements that were there before. So an array that is filled again and again, for example with the words of
+// each line of a file, stops allocating after a few rounds.
 #pragma once
 
 #include "qor/qor.h"
@@ -11,14 +11,14 @@
 
 namespace qor::string {
 
-// No elements; their storage waits for the next ones.
+// Removes the elements. Their storage is kept for the next ones.
 inline void restart(qorStringArray& array) noexcept {
     for (uint32 i = 0; i < array.m_data.count; ++i)
         array.m_data.elements[i].Empty();
     array.m_data.count = 0;
 }
 
-// Whether a string is one of the array's own, which filling the array would overwrite.
+// Whether the string is an element of the array, which filling the array would overwrite.
 inline bool is_element(const qorStringArray& array, const qorString& text) noexcept {
     const auto address = reinterpret_cast<std::uintptr_t>(&text);
     const auto begin = reinterpret_cast<std::uintptr_t>(array.m_data.elements);

@@ -1,4 +1,4 @@
-// String arrays: the stream form.
+// String arrays: reading from and writing to streams.
 #include "error/error.h"
 #include "string/array_data.h"
 #include "string/string_data.h"
@@ -8,7 +8,7 @@
 
 namespace {
 
-// A length on a stream may be wrong, so memory follows the bytes that really came.
+// A length in a stream may be wrong, so memory is allocated only for bytes that have arrived.
 constexpr uint32 piece_size = 64 * 1024;
 
 bool read_text(IQORDataSource* source, qorString& text) noexcept {

@@ -8,9 +8,9 @@ using qor::string::view;
 namespace {
 
 struct parts {
-    std::string_view path; // with its separator
+    std::string_view path; // with the trailing separator
     std::string_view name;
-    std::string_view extension; // without its dot
+    std::string_view extension; // without the dot
     std::string_view name_and_extension;
 };
 
@@ -18,7 +18,7 @@ parts split(std::string_view text) noexcept {
     const std::size_t separator = text.find_last_of(qor::string::path_separators);
     const std::size_t begin = separator == text.npos ? 0 : separator + 1;
     const std::string_view whole = text.substr(begin);
-    // Dots in front are part of the name: ".profile", "..".
+    // Leading dots are part of the name: ".profile", "..".
     const std::size_t first = whole.find_first_not_of('.');
     const std::size_t dot = first == whole.npos ? whole.npos : whole.find_last_of('.');
     if (dot == whole.npos || dot < first)
@@ -28,7 +28,7 @@ parts split(std::string_view text) noexcept {
 
 } // namespace
 
-// Where one part is asked for, the result may be the string itself: assignment copes with a source in it.
+// `out` may be the string itself in the functions for a single part: assign() accepts a source within its target.
 
 void qor::glue::qorString_FileName(const qorString* self, qorString& out) noexcept {
     assign(out, split(view(*self)).name);

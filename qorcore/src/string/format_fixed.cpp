@@ -1,4 +1,4 @@
-// printf whose result no locale changes.
+// printf whose result does not depend on the locale.
 #include "string/format_fixed.h"
 
 #include <cerrno>
@@ -6,7 +6,7 @@
 bool qor::string::format_fixed(working_memory& memory, std::string_view& out, const char* format,
                                std::va_list arguments) noexcept {
     out = "";
-    // %m prints errno, so a second pass has to find it as the first one did.
+    // %m prints errno, so the second pass must have the same errno as the first.
     const int error = errno;
     char* text = memory.get(working_memory::small_size);
     std::va_list again;

@@ -1,4 +1,4 @@
-// printf whose result no locale changes, POSIX.
+// printf whose result does not depend on the locale, POSIX.
 #include "string/format_fixed.h"
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// printf whose result no locale changes, Windows.
+// printf whose result does not depend on the locale, Windows.
 #include "string/format_fixed.h"
 
 #include <clocale>
@@ -10,7 +10,7 @@ namespace {
 
 bool is_c_locale() noexcept { return std::strcmp(std::setlocale(LC_ALL, nullptr), "C") == 0; }
 
-// The C library here has no locale objects, but a thread may have a locale of its own for a while.
+// The C library of Windows has no locale objects, but it lets a thread have a locale of its own temporarily.
 class c_locale_of_thread {
 public:
     c_locale_of_thread() : m_mode(_configthreadlocale(_ENABLE_PER_THREAD_LOCALE)) {
@@ -33,7 +33,7 @@ private:
 
 int qor::string::vsnprintf_in_c_locale(char* out, std::size_t size, const char* format,
                                        std::va_list arguments) noexcept {
-    // Few programs ever leave the C locale, and asking costs far less than changing it.
+    // Few programs ever leave the C locale, and the query costs far less than the change.
     if (is_c_locale())
         return std::vsnprintf(out, size, format, arguments);
     const c_locale_of_thread hold;

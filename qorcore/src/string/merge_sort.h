@@ -1,4 +1,4 @@
-// Inside the library: a stable sort that any order can be used with.
+// Inside the library: a stable sort that tolerates any comparison function.
 #pragma once
 
 #include <algorithm>
@@ -6,9 +6,9 @@
 
 namespace qor::string {
 
-// Sorts `count` elements; `spare` has room for as many. `before(a, b)`: a belongs in front of b. An order
-// that contradicts itself gives some arrangement of the elements, never a step outside them: the sorts of the
-// C++ library promise nothing there, and the order may come from a client.
+// Sorts `count` elements; `spare` has room for as many. `before(a, b)` is true if a belongs before b. If the comparison
+// is inconsistent, the elements end up in some order, but no access leaves the arrays. The sorts of the C++ library do
+// not guarantee that, and the comparison may come from a client.
 template <class TYPE, class BEFORE>
 void merge_sort(TYPE* elements, TYPE* spare, std::size_t count, const BEFORE& before) {
     TYPE* from = elements;
@@ -20,7 +20,7 @@ void merge_sort(TYPE* elements, TYPE* spare, std::size_t count, const BEFORE& be
             std::size_t left = begin;
             std::size_t right = middle;
             for (std::size_t at = begin; at < end; ++at) {
-                // Of two equal elements the left one was first.
+                // Of two equal elements, take the left one first, which keeps the sort stable.
                 const bool take_right = left == middle || (right < end && before(from[right], from[left]));
                 to[at] = from[take_right ? right++ : left++];
             }

@@ -10,10 +10,10 @@ namespace {
 
 constexpr char this_file[] = "qorcore/src/string/string";
 
-// Less than this saves no memory: the C library's smallest block is as large.
+// A smaller size saves no memory: the smallest block of the C library is as large.
 constexpr uint64 smallest_storage = 16;
 
-// Doubling makes appending piece by piece cost as much as one copy of the whole.
+// Doubling makes appending piece by piece take linear time.
 uint32 storage_size(const qorString& self, uint64 length) noexcept {
     if (length > qor::string::max_length)
         qor::memory::exhausted(length + 1, this_file, __LINE__);
@@ -21,7 +21,7 @@ uint32 storage_size(const qorString& self, uint64 length) noexcept {
     return static_cast<uint32>(std::min<uint64>(wanted, qor::string::max_length + 1));
 }
 
-// Makes room for `length` bytes and a terminator behind the present text, which moves.
+// Makes room for `length` bytes and a terminator behind the present text. The text may move.
 void grow(qorString& self, uint64 length) noexcept {
     const uint32 size = storage_size(self, length);
     void* const block = qor::glue::qor_do_realloc(self.m_data.text, size, this_file, __LINE__);
@@ -32,9 +32,9 @@ void grow(qorString& self, uint64 length) noexcept {
     self.m_data.text[self.m_data.length] = '\0';
 }
 
-// grow for an operation whose source may lie in the string: returns where the source is then.
+// Like grow, for an operation whose source may lie in the string. Returns the address of the source afterwards.
 const char* grow_with_source(qorString& self, uint64 length, const char* source) noexcept {
-    // Pointers to different blocks have no order of their own; their addresses do.
+    // Comparing pointers into different blocks is undefined; comparing their addresses is not.
     const std::uintptr_t offset =
         reinterpret_cast<std::uintptr_t>(source) - reinterpret_cast<std::uintptr_t>(self.m_data.text);
     const bool inside = offset < self.m_data.alloc;
@@ -47,7 +47,7 @@ void set_length(qorString& self, uint32 length) noexcept {
     self.m_data.text[length] = '\0';
 }
 
-// Cuts the string to the part from `begin` to `end`.
+// Reduces the string to the part from `begin` to `end`.
 void keep(qorString& self, uint32 begin, uint32 end) noexcept {
     if (end - begin == self.m_data.length)
         return;
@@ -97,8 +97,9 @@ void qor::glue::qorString_Set(qorString* self, const char* text, uint32 length) 
         return;
     }
     if (length == 0)
-        return; // without storage it is empty already
-    // The old text is not worth moving. It is freed last, for the new one may lie in it.
+        return; // without storage, the string is already empty
+    // The old text need not be copied, so allocate a new block. The old block is freed last, because `text` may lie in
+    // it.
     const uint32 size = storage_size(*self, length);
     char* const block = static_cast<char*>(qor::memory::require(size, this_file, __LINE__));
     std::memcpy(block, text, length);
@@ -115,7 +116,7 @@ void qor::glue::qorString_Append(qorString* self, const char* text, uint32 lengt
     const uint64 total = uint64{self->m_data.length} + length;
     if (total >= self->m_data.alloc)
         text = grow_with_source(*self, total, text);
-    // A source in the string may reach to the terminator, where the copy begins.
+    // A source in the string may include the terminator, where the copy begins.
     std::memmove(self->m_data.text + self->m_data.length, text, length);
     set_length(*self, static_cast<uint32>(total));
 }
@@ -135,7 +136,7 @@ void qor::glue::qorString_Insert(qorString* self, uint32 index, const char* text
     if (offset > old_length) {
         std::memcpy(gap, text, length);
     } else {
-        // The source lies in the string: what of it stood behind the gap has moved by the gap's length.
+        // The source lies in the string: its part behind the gap has moved by the length of the gap.
         const std::size_t unmoved = offset < before_gap ? std::min<std::size_t>(length, before_gap - offset) : 0;
         std::memmove(gap, text, unmoved);
         std::memmove(gap + unmoved, text + unmoved + length, length - unmoved);
@@ -156,7 +157,7 @@ char* qor::glue::qorString_LockBuffer(qorString* self, uint32 size) noexcept {
     const uint32 end = std::max(size, self->m_data.length);
     if (end >= self->m_data.alloc)
         grow(*self, end);
-    // A caller may fill the buffer to its last byte and leave the end to be found.
+    // A caller may fill the buffer to its last byte and let UnlockBuffer find the end.
     self->m_data.text[end] = '\0';
     return self->m_data.text;
 }
@@ -164,7 +165,7 @@ char* qor::glue::qorString_LockBuffer(qorString* self, uint32 size) noexcept {
 void qor::glue::qorString_UnlockBuffer(qorString* self, int32 length) noexcept {
     const qorString::data& data = self->m_data;
     if (data.text == nullptr)
-        return; // nothing was locked
+        return; // the buffer was not locked
     const uint32 room = data.alloc - 1;
     if (length >= 0) {
         set_length(*self, std::min(static_cast<uint32>(length), room));
@@ -200,8 +201,7 @@ void qor::glue::qorString_TrimLeft(qorString* self) noexcept { keep(*self, first
 void qor::glue::qorString_TrimRight(qorString* self) noexcept { keep(*self, 0, behind_last_black(*self)); }
 
 void qor::glue::qorString_TrimBoth(qorString* self) noexcept {
-    // From the end first: a string of white space alone is empty then, and nothing is left for the other
-    // side.
+    // Trim the end first: a string of white space is then empty, and the front has nothing left to trim.
     keep(*self, 0, behind_last_black(*self));
     keep(*self, first_black(*self), self->m_data.length);
 }

@@ -18,10 +18,10 @@ constexpr char this_file[] = "qorcore/src/string/string_array";
 // Positions are int32.
 constexpr uint64 max_count = 0x7fffffff;
 
-// Most arrays are argument vectors and lines of few words.
+// Most arrays are argument vectors or the words of a line.
 constexpr uint64 smallest_alloc = 8;
 
-// Elements are moved as bytes: a string is its three fields and nothing knows where it lies.
+// Elements are moved as bytes: a string consists of its three fields, and nothing points to it.
 using fields = qorString::data;
 static_assert(std::is_standard_layout_v<qorString> && sizeof(qorString) == sizeof(fields));
 static_assert(std::is_trivially_copyable_v<fields>);
@@ -79,7 +79,7 @@ void qor::glue::qorStringArray_Empty(qorStringArray* self) noexcept {
 }
 
 void qor::glue::qorStringArray_SetFromArgVec(qorStringArray* self, int argc, char* const* argv) noexcept {
-    qorStringArray made; // apart, for the texts may lie in this array
+    qorStringArray made; // built separately, because the texts may lie in this array
     for (int i = 0; i < argc; ++i)
         made.Append(argv[i]);
     *self = static_cast<qorStringArray&&>(made);
@@ -93,14 +93,14 @@ void qor::glue::qorStringArray_SetFromVector(qorStringArray* self, const char* c
 }
 
 void qor::glue::qorStringArray_Append(qorStringArray* self, const char* text, uint32 length) noexcept {
-    // The text may be an element's: growing moves the elements, not the texts they own.
+    // The text may belong to an element: growing moves the elements, but not the texts that they own.
     reserve(*self, uint64{self->m_data.count} + 1);
     qorString_Set(&self->m_data.elements[self->m_data.count], text, length);
     ++self->m_data.count;
 }
 
 void qor::glue::qorStringArray_AppendArray(qorStringArray* self, const qorStringArray& other) noexcept {
-    const uint32 count = other.m_data.count; // of itself: as many as there are now
+    const uint32 count = other.m_data.count; // fixed now, because `other` may be this array
     reserve(*self, uint64{self->m_data.count} + count);
     for (uint32 i = 0; i < count; ++i) {
         const std::string_view text = view(other.m_data.elements[i]);

@@ -10,7 +10,7 @@ namespace {
 
 template <class NUMBER>
 void format_number(qorString& self, NUMBER value, int base) noexcept {
-    char digits[64]; // 64 binary ones, or a sign and 19 decimals
+    char digits[64]; // 64 binary digits, or a sign and 19 decimal digits
     const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value, base);
     assign(self, {digits, static_cast<std::size_t>(end.ptr - digits)});
 }
@@ -27,7 +27,7 @@ void qor::glue::qorString_FormatUnsigned(qorString* self, uint64 value, uint32 b
 }
 
 void qor::glue::qorString_PrintV(qorString* self, const char* format, std::va_list arguments) noexcept {
-    // Formatted apart, for the arguments may lie in this string.
+    // Formatted separately, because the arguments may lie in this string.
     qor::string::working_memory memory;
     std::string_view text;
     qor::string::format_fixed(memory, text, format, arguments);

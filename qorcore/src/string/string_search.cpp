@@ -10,11 +10,11 @@ namespace {
 
 int32 position(std::size_t found) noexcept { return found == std::string_view::npos ? -1 : static_cast<int32>(found); }
 
-// Where a reverse search begins.
+// The position where a reverse search begins.
 std::size_t from(int32 start) noexcept { return start < 0 ? std::string_view::npos : static_cast<std::size_t>(start); }
 
-// A character's bytes. UTF-8 finds itself: the bytes of one character never begin inside another, so a search
-// for bytes finds characters, in a text with faults too. Empty for what is no character.
+// The bytes of a character. UTF-8 is self-synchronizing: the bytes of a character never begin inside another one, so a
+// byte search finds characters, even in a text with invalid parts. Empty if the value is not a character.
 class encoded {
 public:
     explicit encoded(uint32 character) noexcept : m_size(qor::string::encode(character, m_bytes)) {}
@@ -44,7 +44,7 @@ int qor::glue::qorString_Compare(const qorString* self, const char* text) noexce
 }
 
 int qor::glue::qorString_CompareN(const qorString* self, const char* text, uint32 count) noexcept {
-    // Of the other text no more than `count` bytes are read: it may not be terminated.
+    // Reads at most `count` bytes of the other text, which need not be terminated.
     std::size_t length = 0;
     while (text != nullptr && length < count && text[length] != '\0')
         ++length;

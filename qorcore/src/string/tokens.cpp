@@ -9,7 +9,7 @@ using qor::string::view;
 
 namespace {
 
-// The first word at or behind `at`, which then stands behind it; empty: there is none.
+// Returns the first word at or after `at` and moves `at` behind it; empty if there is no word.
 std::string_view next_word(std::string_view text, std::size_t& at) noexcept {
     while (at < text.size() && qor::string::is_white_space(text[at]))
         ++at;
@@ -57,7 +57,7 @@ bool qor::glue::qorString_SplitAtByte(const qorString* self, char byte, qorStrin
     const std::size_t found = text.find(byte);
     const std::string_view head = text.substr(0, found);
     const std::string_view tail = text.substr(found == text.npos ? text.size() : found + 1);
-    // A part that is the string itself comes last: the other one is still to be read from it.
+    // If one of the outputs is the string itself, assign it last, because the other one is still read from the string.
     if (&right == self) {
         assign(left, head);
         assign(right, tail);

@@ -1,4 +1,4 @@
-// Strings: UTF-8, and conversions to and from the other character sets.
+// Strings: UTF-8, and conversions to and from the other encodings.
 #include "string/unicode.h"
 #include "memory/allocator.h"
 #include "string/string_data.h"
@@ -9,8 +9,8 @@ namespace {
 
 constexpr char this_file[] = "qorcore/src/string/unicode";
 
-// What a lead byte promises: so many bytes behind it, the first of them between `low` and `high`. That range
-// is what keeps out overlong forms (E0, F0), surrogates (ED) and numbers beyond 10FFFF (F4).
+// The bytes that must follow a lead byte: their number, and the range of the first of them. The range excludes overlong
+// forms (E0, F0), surrogates (ED) and numbers beyond 10FFFF (F4).
 struct promise {
     uint32 following;
     unsigned char low;
@@ -29,8 +29,8 @@ constexpr promise promise_of(unsigned char lead) noexcept {
     return {0, 0, 0};
 }
 
-// Units of the other character sets. `next` reads a character and moves on, or reads a replacement and says
-// that it had to; `put` writes a character and returns behind it.
+// Units of the other encodings. `next` reads a character and advances; for an invalid sequence it returns the
+// replacement character and reports that. `put` writes a character and returns the position behind it.
 struct utf16 {
     using unit = uint16;
 
@@ -85,7 +85,7 @@ bool set_from(qorString& self, const typename SET::unit* text, int32 length) noe
         while (*end != 0)
             ++end;
 
-    // Made apart, for the source may lie in this string's storage.
+    // Built separately, because the source may lie in this string's storage.
     qorString made;
     bool valid = true;
     for (const typename SET::unit* at = text; at != end;) {
@@ -158,7 +158,7 @@ uint32 qor::string::encode(uint32 character, char (&out)[4]) noexcept {
         out[i] = static_cast<char>(0x80 | (character & 0x3f));
         character >>= 6;
     }
-    // As many ones as there are bytes, then a zero.
+    // The lead byte: as many one bits as there are bytes, then a zero bit.
     out[0] = static_cast<char>((0xf00u >> size & 0xff) | character);
     return size;
 }

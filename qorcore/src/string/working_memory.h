@@ -1,4 +1,4 @@
-// Inside the library: bytes for the length of one operation, on the stack as far as they go.
+// Inside the library: memory for the duration of one operation, on the stack if it is small.
 #pragma once
 
 #include "memory/allocator.h"
@@ -7,7 +7,7 @@ namespace qor::string {
 
 class working_memory {
 public:
-    // Lines of a report fit; the rest is allocated.
+    // Lines of a report fit; larger texts are allocated.
     static constexpr std::size_t small_size = 1024;
 
     working_memory() noexcept = default;
@@ -18,7 +18,7 @@ public:
             qor::glue::qor_do_free(m_large, this_file, __LINE__);
     }
 
-    // Bytes to write to, not cleared. What was asked for before is gone.
+    // Returns memory to write to, uninitialised. Invalidates the memory of the previous call.
     char* get(std::size_t size) noexcept {
         if (size <= small_size)
             return m_small;
