@@ -5,20 +5,21 @@
 
 namespace qor::system {
 
-// The CPUID instruction of x86. Tests put a recorded one in its place.
+// The CPUID instruction of x86. Tests replace it with a recording.
 class cpuid {
 public:
     struct registers {
         uint32 a = 0, b = 0, c = 0, d = 0;
     };
 
-    // All 0 for a leaf that this processor does not have: for all leaves on other processors.
+    // Returns zeros for a leaf that this processor does not have; a processor other than x86 has no leaves.
     virtual registers leaf(uint32 number, uint32 subleaf = 0) const noexcept = 0;
 
-    // A leaf of the hypervisor, which no maximum covers.
+    // Returns a leaf of the hypervisor. The processor's highest leaf number does not cover these leaves.
     virtual registers hypervisor_leaf(uint32 number) const noexcept = 0;
 
-    // Which registers the operating system keeps for each thread (XCR0); only where leaf 1 says that it does.
+    // The register state that the operating system saves for each thread (XCR0). Call this only if leaf 1 reports XSAVE
+    // support by the operating system.
     virtual uint64 kept_registers() const noexcept = 0;
 
 protected:

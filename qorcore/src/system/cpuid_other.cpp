@@ -1,4 +1,4 @@
-// Processors of another kind have no such instruction.
+// Processors other than x86 do not have the instruction.
 #include "system/cpuid.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 namespace {
 
-// A leaf costs a virtual machine some microseconds, so the maxima are asked for once.
+// CPUID takes some microseconds in a virtual machine, so the highest leaf numbers are read only once.
 class instruction final : public qor::system::cpuid {
 public:
     instruction() noexcept : m_last(ask(0, 0).a), m_last_extended(ask(first_extended, 0).a) {}

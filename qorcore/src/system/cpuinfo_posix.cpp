@@ -1,4 +1,4 @@
-// Processors without CPUID: what the kernel's list of them says.
+// Processors without CPUID: the kernel's list of processors describes them.
 #include "system/linux_host.h"
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 
 namespace {
 
-using section = std::map<std::string, std::string, std::less<>>; // of one logical processor
+using section = std::map<std::string, std::string, std::less<>>; // for one logical processor
 
 std::string_view trim(std::string_view text) {
     while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
@@ -19,7 +19,8 @@ std::string_view trim(std::string_view text) {
     return text;
 }
 
-// "key : value" lines. An empty line ends a section; what is said of the whole board makes one of its own.
+// Reads lines of the form "key : value". An empty line ends a section; facts about the whole board have a section of
+// their own.
 std::vector<section> read_sections(std::string_view text) {
     std::vector<section> sections(1);
     std::string_view line;
@@ -86,7 +87,7 @@ std::string type_of(const section& from) {
     return {};
 }
 
-// The vector extensions among the features of ARM processors.
+// The vector extensions among the features that the kernel lists for ARM processors.
 constexpr std::string_view arm_extensions[] = {"neon", "vfpv4", "asimd", "asimdhp", "asimddp", "i8mm",
                                                "bf16", "sve",   "sve2",  "sme",     "sme2"};
 
@@ -112,7 +113,7 @@ std::string extended_of(const section& from) {
 
 qor::system::processor qor::system::read_cpuinfo(const linux_host& host) {
     const std::string text = host.read("/proc/cpuinfo");
-    // Boards have processors of several kinds: each kind is named once.
+    // A board may have processors of several kinds; each kind is named only once.
     std::vector<std::string> types, extended;
     for (const section& each : read_sections(text)) {
         if (!each.contains("processor"))

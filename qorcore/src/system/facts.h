@@ -1,4 +1,4 @@
-// Inside the library: what the system tells of the host, the seam between the object and the two systems.
+// Inside the library: facts about the host, the seam between the object and the two systems.
 #pragma once
 
 #include "qor/qor.h"
@@ -10,12 +10,12 @@
 
 namespace qor::system {
 
-// What does not change. An empty text is not known.
+// Constant facts. A text is empty if it is unknown.
 struct facts {
     std::string platform, enhanced_platform;
     std::string type, version, description;
     std::string processor_type, processor_extended;
-    std::string hypervisor; // empty: this is no virtual machine
+    std::string hypervisor; // empty if this is not a virtual machine
 };
 
 facts read_facts();
@@ -24,13 +24,13 @@ uint32 page_size() noexcept;
 uint32 count_processors(); // at least 1
 uint32 count_cores();      // at least 1
 
-// Its name, from what the processor says and what the firmware says; empty: this is no virtual machine.
+// Names the hypervisor from the data of the processor and of the firmware. Empty if this is not a virtual machine.
 std::string name_hypervisor(const hypervisor& seen, const firmware& machine);
 
-// The texts that are not empty, with ", " between them.
+// Joins the texts that are not empty with ", ".
 std::string join(const std::vector<std::string>& texts);
 
-// "KVM guest"; nothing where there is no hypervisor.
+// Returns "KVM guest"; empty if there is no hypervisor.
 std::string guest_of(const std::string& hypervisor);
 
 } // namespace qor::system

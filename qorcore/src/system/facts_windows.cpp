@@ -14,7 +14,7 @@ using qor::platform::find_function;
 constexpr wchar_t version_key[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
 constexpr wchar_t firmware_key[] = L"HARDWARE\\DESCRIPTION\\System\\BIOS";
 
-// A value of the registry, with the machine's own view of it; false: it is not there.
+// Reads a value of the registry below HKEY_LOCAL_MACHINE. Returns false if it does not exist.
 bool read_value(const wchar_t* key, const wchar_t* name, DWORD kinds, void* value, DWORD size) noexcept {
     static const auto get = find_function<decltype(RegGetValueW)>(L"advapi32.dll", "RegGetValueW");
     return get != nullptr && get(HKEY_LOCAL_MACHINE, key, name, kinds, nullptr, value, &size) == ERROR_SUCCESS;
@@ -30,7 +30,8 @@ qor::system::firmware read_firmware() {
         read_text(firmware_key, L"SystemProductName"),     read_text(firmware_key, L"SystemManufacturer"),
         read_text(firmware_key, L"BaseBoardManufacturer"), read_text(firmware_key, L"BIOSVendor"),
         read_text(firmware_key, L"SystemVersion"),         {}};
-    // The firmware's own table: 8 bytes of the system's, then its first row. There, a bit tells a virtual machine.
+    // The firmware's raw table: the system's header of 8 bytes, then the first structure, in which a bit marks a
+    // virtual machine.
     constexpr std::size_t row = 8, extensions_2 = 0x13;
     constexpr unsigned is_virtual = 1 << 4;
     constexpr DWORD provider = 0x52534d42; // "RSMB"
@@ -55,13 +56,13 @@ const char* architecture() noexcept {
     }
 }
 
-// "Wine 8.0" where it takes the place of Windows.
+// Returns "Wine 8.0" if Wine replaces Windows.
 std::string wine() {
     const auto version = find_function<const char*()>(L"ntdll.dll", "wine_get_version");
     return version != nullptr ? std::string("Wine ") + version() : "";
 }
 
-// The processors that this process may use, by the groups of at most 64 into which the system divides them.
+// Returns the processors that this process may use. Windows divides the processors into groups of at most 64.
 std::vector<GROUP_AFFINITY> usable_processors() {
     const HANDLE process = GetCurrentProcess();
     USHORT groups[64] = {};
@@ -70,8 +71,8 @@ std::vector<GROUP_AFFINITY> usable_processors() {
         count = 1;
     std::vector<GROUP_AFFINITY> usable;
     DWORD_PTR of_process = 0, of_system = 0;
-    // Of a process in one group the system tells the very processors, after the limits of its job; one in several uses
-    // all of each.
+    // If the process uses a single group, the system reports the exact processors within the limits of its job. A
+    // process in several groups uses all processors of each group.
     if (count == 1 && GetProcessAffinityMask(process, &of_process, &of_system) && of_process != 0) {
         usable.push_back({.Mask = of_process, .Group = groups[0], .Reserved = {}});
         return usable;
@@ -87,7 +88,7 @@ std::vector<GROUP_AFFINITY> usable_processors() {
 } // namespace
 
 qor::system::facts qor::system::read_facts() {
-    // GetVersionEx tells programs what they want to hear.
+    // GetVersionEx reports the version that the program's manifest asks for, not the real one.
     RTL_OSVERSIONINFOEXW system{};
     system.dwOSVersionInfoSize = sizeof system;
     if (const auto get = find_function<LONG WINAPI(RTL_OSVERSIONINFOEXW*)>(L"ntdll.dll", "RtlGetVersion"))
@@ -134,7 +135,7 @@ bool qor::system::read_memory(qorMemoryInfo& info) {
     info.total = memory.ullTotalPhys;
     info.free = memory.ullAvailPhys;
 
-    // The job that this process is in, as a container is one, may leave it less.
+    // The job of this process, for example that of a container, may limit its memory further.
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION job{};
     PROCESS_MEMORY_COUNTERS_EX own{};
     if (QueryInformationJobObject(nullptr, JobObjectExtendedLimitInformation, &job, sizeof job, nullptr) &&
@@ -179,7 +180,7 @@ uint32 qor::system::count_cores() {
     const std::vector<GROUP_AFFINITY> usable = usable_processors();
     uint32 count = 0;
     for (DWORD at = 0; at < size && row(at)->Size != 0; at += row(at)->Size) {
-        const GROUP_AFFINITY& core = row(at)->Processor.GroupMask[0]; // a core lies in one group
+        const GROUP_AFFINITY& core = row(at)->Processor.GroupMask[0]; // a core lies in a single group
         count += std::any_of(usable.begin(), usable.end(), [&core](const GROUP_AFFINITY& group) {
             return group.Group == core.Group && (group.Mask & core.Mask) != 0;
         });

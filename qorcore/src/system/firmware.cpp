@@ -7,10 +7,10 @@ namespace {
 struct row {
     std::string_view prefix;
     const char* hypervisor;
-    bool has_real_machines = false; // under the same name
+    bool has_real_machines = false; // real machines have the same name
 };
 
-// "Oracle Corporation" and "Microsoft Corporation" are missing: they build servers and tablets, too.
+// "Oracle Corporation" and "Microsoft Corporation" are missing because they also build servers and tablets.
 constexpr row rows[] = {
     {"KVM", "KVM"},
     {"OpenStack", "KVM"},
@@ -31,7 +31,7 @@ constexpr row rows[] = {
     {"Apple Virtualization", "Apple Virtualization"},
 };
 
-// "m5.metal", "c3-standard-192-metal"
+// Recognises real machines by names like "m5.metal" and "c3-standard-192-metal" if the firmware does not mark them.
 bool is_metal(const qor::system::firmware& machine) {
     return machine.is_marked_virtual ? !*machine.is_marked_virtual : machine.product.find("metal") != std::string::npos;
 }

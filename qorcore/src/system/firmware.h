@@ -1,4 +1,4 @@
-// Inside the library: what the firmware's tables say of the machine.
+// Inside the library: the firmware's description of the machine.
 #pragma once
 
 #include <optional>
@@ -6,13 +6,14 @@
 
 namespace qor::system {
 
-// Texts as they stand there; empty where there is none.
+// The texts as the firmware has them; empty if it has none.
 struct firmware {
     std::string product, maker, board_maker, firmware_maker, version;
-    std::optional<bool> is_marked_virtual; // not everybody may read it
+    std::optional<bool> is_marked_virtual; // not every user may read it
 };
 
-// The hypervisor that the machine is one of; null: it is a real one, or does not tell.
+// Returns the hypervisor under the machine. Null if the machine is real, or if its firmware does not reveal a
+// hypervisor.
 const char* find_hypervisor(const firmware& machine);
 
 } // namespace qor::system

@@ -12,11 +12,12 @@
 
 namespace {
 
-constexpr std::size_t max_file = 16 << 20; // /proc/cpuinfo of the largest hosts has some megabytes
+constexpr std::size_t max_file = 16 << 20; // the /proc/cpuinfo of the largest hosts has some megabytes
 
 constexpr bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\0'; }
 
-// As many as the kernel has: a set of fixed size would fail on larger hosts.
+// Enlarges the set until it has room for the kernel's number of processors: a set of fixed size would fail on larger
+// hosts.
 std::set<uint32> usable_processors() {
     std::set<uint32> usable;
     for (int count = 1024; count <= 1 << 20; count *= 2) {
@@ -77,7 +78,7 @@ qor::system::facts qor::system::read_facts(const linux_host& host) {
 }
 
 uint32 qor::system::count_cores(const linux_host& host) {
-    // Each core by the list of its logical processors, under the kernel's newer name for it or the older one.
+    // Identifies each core by the list of its logical processors, whose file has a newer and an older name.
     std::set<std::string> cores;
     for (const uint32 number : host.processors) {
         const std::string folder = "/sys/devices/system/cpu/cpu" + std::to_string(number) + "/topology/";

@@ -1,4 +1,4 @@
-// Memory of the host, and of the control groups that this process is in.
+// The memory of the host and of the control groups that contain this process.
 #include "system/linux_host.h"
 
 #include <algorithm>
@@ -8,7 +8,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-// One of the two generations of control groups: where it says what.
+// The file names of one of the two generations of control groups.
 struct generation {
     std::string_view file_system, limit, usage, file_pages[3];
 };
@@ -28,7 +28,7 @@ bool lists(std::string_view commas, std::string_view word) {
     return false;
 }
 
-// Blanks and the like stand there as a backslash and three octal digits.
+// Blanks and other special characters are written as a backslash and three octal digits.
 std::string decode(std::string_view path) {
     std::string text;
     for (std::size_t i = 0; i < path.size(); ++i)
@@ -41,8 +41,8 @@ std::string decode(std::string_view path) {
     return text;
 }
 
-// The path of this process's group, as the kernel has it; of the first generation, that of its memory. Not all hosts
-// have each generation.
+// Returns the path of this process's group in the kernel's notation; for the first generation, the path of its memory
+// group. A host need not have both generations.
 std::optional<std::string> group_path(std::string_view groups, const generation& which) {
     std::string_view line;
     while (qor::system::take_line(groups, line)) {
@@ -57,11 +57,11 @@ std::optional<std::string> group_path(std::string_view groups, const generation&
 }
 
 struct mount {
-    std::string top;   // the group that is seen there
-    std::string point; // where it is seen
+    std::string top;   // the group that is visible there
+    std::string point; // the folder where it is visible
 };
 
-// Lines are "id parent device TOP POINT options [tags] - TYPE source OPTIONS".
+// A line has the form "id parent device TOP POINT options [tags] - TYPE source OPTIONS".
 std::vector<mount> find_mounts(std::string_view table, const generation& which) {
     std::vector<mount> mounts;
     std::string_view line, word;
@@ -83,8 +83,8 @@ std::vector<mount> find_mounts(std::string_view table, const generation& which) 
     return mounts;
 }
 
-// The path of the group below its mount; empty: the mount's top itself. That is also what is seen of a group that lies
-// elsewhere, as a container's without a namespace of its own may.
+// Returns the path of the group below its mount; empty for the mount's top. Also empty for a group that lies outside
+// the mount, as in a container without a cgroup namespace: only the top is visible then.
 std::string path_in(const mount& where, const std::string& path) {
     if (path.starts_with("/.."))
         return {};
@@ -95,7 +95,7 @@ std::string path_in(const mount& where, const std::string& path) {
     return {};
 }
 
-// The limits of a group and of all groups around it: each of them counts all below it.
+// Applies the limits of a group and of all groups around it. Each group counts the memory of all groups below it.
 void tighten(const qor::system::linux_host& host, const generation& which, const mount& where, std::string path,
              uint64 total, qor::system::group_memory& memory) {
     for (;;) {
@@ -103,7 +103,7 @@ void tighten(const qor::system::linux_host& host, const generation& which, const
         const std::string limit_text = host.read(folder + std::string(which.limit));
         const uint64 limit = limit_text.empty() || limit_text == "max" ? total : qor::system::number_of(limit_text);
         if (limit < total) {
-            // The pages of files would give way, as they do in what the kernel calls available.
+            // The page cache can be reclaimed, so it counts as free, as in the kernel's MemAvailable.
             uint64 used = qor::system::number_of(host.read(folder + std::string(which.usage)));
             const std::string statistics = host.read(folder + "memory.stat");
             for (const std::string_view key : which.file_pages)
@@ -141,7 +141,8 @@ bool qor::system::read_memory(const linux_host& host, qorMemoryInfo& info) {
         return false;
     std::optional<uint64> available = bytes("MemAvailable");
     if (!available) {
-        // Kernels before 3.14: what is free, and the caches, of which what is shared would not give way.
+        // Kernels before 3.14 lack MemAvailable: add the free memory and the caches, without the shared memory, which
+        // cannot be reclaimed.
         uint64 sum = 0;
         for (const std::string_view key : {"MemFree"sv, "Buffers"sv, "Cached"sv, "SReclaimable"sv})
             sum += bytes(key).value_or(0);

@@ -2,7 +2,7 @@
 
 namespace {
 
-// A value as a shell reads it: in quotes of either kind, or with a backslash before what it would take otherwise.
+// Reads a value as a shell does: in quotes of either kind, or with a backslash before special characters.
 std::string unquote(std::string_view text) {
     std::string value;
     char quote = '\0';
@@ -20,7 +20,7 @@ std::string unquote(std::string_view text) {
     return value;
 }
 
-// The last line KEY=VALUE counts.
+// If a key occurs several times, the last line KEY=VALUE counts.
 std::string find_value(std::string_view text, std::string_view key) {
     std::string value;
     std::string_view line;
@@ -41,7 +41,7 @@ qor::system::os_release qor::system::read_os_release(const linux_host& host) {
         text = host.read("/usr/lib/os-release");
     os_release found;
     found.name = find_value(text, "NAME");
-    // Distributions without releases have no version, but may name what they were built of.
+    // Distributions without releases have no version, but may have a build id.
     for (const char* const key : {"VERSION", "VERSION_ID", "BUILD_ID"})
         if (found.version.empty())
             found.version = find_value(text, key);

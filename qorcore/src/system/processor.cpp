@@ -9,7 +9,7 @@ using registers = qor::system::cpuid::registers;
 
 constexpr bool has(uint32 word, int bit) { return (word >> bit & 1) != 0; }
 
-// Registers hold texts byte by byte, with NULs behind them.
+// Registers hold texts byte by byte, padded with NULs.
 std::string text_of(std::initializer_list<uint32> words) {
     std::string text;
     for (const uint32 word : words) {
@@ -20,7 +20,7 @@ std::string text_of(std::initializer_list<uint32> words) {
     return text.substr(0, text.find('\0'));
 }
 
-// Makers pad their names in front, behind and in between.
+// Makers pad their names at both ends and in between.
 std::string without_padding(std::string_view text) {
     std::string clean;
     for (const char c : text)
@@ -40,20 +40,21 @@ std::string brand_of(const qor::system::cpuid& source) {
     return without_padding(brand);
 }
 
-// Vector extensions by the names that the Linux kernel has for them.
+// Vector extensions, under the names that the Linux kernel uses for them.
 class extension_list {
 public:
     void add_if(bool is_there, const char* name) {
         if (is_there)
             (m_text += ' ') += name;
     }
-    const std::string& text() const { return m_text; } // each with a blank before it
+    const std::string& text() const { return m_text; } // each name follows a blank
 
 private:
     std::string m_text;
 };
 
-// What the processor has and the operating system keeps for each thread: nothing else can be used.
+// Lists the extensions that the processor has and whose registers the operating system saves for each thread. No others
+// can be used.
 std::string extensions_of(const qor::system::cpuid& source) {
     constexpr int os_uses_xsave = 27;
     constexpr uint64 avx_state = 0x06, avx512_state = 0xe6, tile_state = 0x60000;
@@ -150,13 +151,13 @@ qor::system::hypervisor qor::system::read_hypervisor(const cpuid& source) {
     if (found.name != "Hyper-V")
         return found;
 
-    // Others offer Hyper-V's interface to Windows guests, and their own one behind it.
+    // Other hypervisors offer Hyper-V's interface to Windows guests, and their own one after it.
     if (const std::string behind = hypervisor_name(source.hypervisor_leaf(first + step)); !behind.empty()) {
         found.name = behind;
         return found;
     }
-    // The partition that directs the processors is the host itself, and no guest; an isolated one has a paravisor
-    // that does it in its place.
+    // A partition that controls the processors is the host itself, not a guest. An isolated partition is a guest: a
+    // paravisor controls the processors for it.
     constexpr int directs_processors = 12, is_isolated = 22;
     const uint32 rights = source.hypervisor_leaf(first + 3).b;
     found.is_ours = has(rights, directs_processors) && !has(rights, is_isolated);

@@ -1,4 +1,4 @@
-// Inside the library: what CPUID says, in words.
+// Inside the library: the data of CPUID as text.
 #pragma once
 
 #include "system/cpuid.h"
@@ -12,14 +12,14 @@ struct processor {
     std::string extended; // maker, family, model, stepping, vector extensions
 };
 
-// Both empty where there is no CPUID.
+// Both texts are empty without CPUID.
 processor read_processor(const cpuid& source);
 
-// What the processor says of a hypervisor under this system.
+// The processor's data about a hypervisor under this system.
 struct hypervisor {
     bool is_there = false;
-    bool is_ours = false; // this system directs it, and itself runs on the bare machine as far as it can tell
-    std::string name;     // empty: an unknown one
+    bool is_ours = false; // this system controls the hypervisor and, as far as it can tell, runs on the real machine
+    std::string name;     // empty if unknown
 };
 hypervisor read_hypervisor(const cpuid& source);
 

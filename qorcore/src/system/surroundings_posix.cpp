@@ -1,4 +1,4 @@
-// What is around this system: virtual machine, container, another system's kernel.
+// The environment of this system: virtual machine, container, WSL.
 #include "system/linux_host.h"
 
 #include <algorithm>
@@ -12,7 +12,7 @@ qor::system::firmware read_firmware(const linux_host& host) {
     const auto text = [&host](const char* name) { return host.read(std::string("/sys/class/dmi/id/") + name); };
     qor::system::firmware machine = {text("product_name"), text("sys_vendor"),      text("board_vendor"),
                                      text("bios_vendor"),  text("product_version"), {}};
-    // The table of the firmware itself. Behind the text of each row, a bit says that the machine is a virtual one.
+    // The first structure of the firmware's own table. A bit in it marks a virtual machine.
     constexpr std::size_t extensions_2 = 0x13;
     constexpr unsigned is_virtual = 1 << 4;
     const std::string raw = host.read("/sys/firmware/dmi/entries/0-0/raw");
@@ -21,12 +21,12 @@ qor::system::firmware read_firmware(const linux_host& host) {
     return machine;
 }
 
-// Xen's first domain is in charge of the machine.
+// Xen's first domain controls the machine.
 bool directs_xen(const linux_host& host) {
     return host.read("/proc/xen/capabilities").find("control_d") != std::string::npos;
 }
 
-// Where neither processor nor firmware tell: what the kernel itself was told when it started.
+// If neither the processor nor the firmware names a hypervisor, the kernel may know one from its start.
 std::string told_to_kernel(const linux_host& host) {
     if (host.read("/sys/hypervisor/type") == "xen")
         return "Xen";
@@ -42,7 +42,7 @@ std::string told_to_kernel(const linux_host& host) {
     const std::string board = host.read("/proc/device-tree/compatible");
     if (board.starts_with("linux,dummy-virt") || board.find("qemu,pseries") != std::string::npos)
         return "QEMU";
-    // Mainframes list what they run under, the closest one first.
+    // A mainframe lists the systems under which this one runs, the closest one first.
     const std::string mainframe = host.read("/proc/sysinfo");
     std::string_view table = mainframe, line;
     while (qor::system::take_line(table, line))
@@ -51,7 +51,7 @@ std::string told_to_kernel(const linux_host& host) {
     return {};
 }
 
-// The value of "container" in a block of variables that end with a NUL each.
+// Returns the value of "container" in a block of NUL-terminated variables.
 std::string container_variable(const std::string& block) {
     constexpr std::string_view key = "container=";
     for (std::size_t at = 0; at < block.size(); at = block.find('\0', at) + 1) {
@@ -80,14 +80,14 @@ constexpr struct {
 std::string container_kind(const linux_host& host) {
     if (host.has("/proc/vz") && !host.has("/proc/bc"))
         return "openvz";
-    // What the manager of the container left for those inside.
+    // The manager of the container left this file for the programs inside.
     if (const std::string kind = host.read("/run/systemd/container"); !kind.empty())
         return kind;
     if (const std::string kind = container_variable(host.read("/proc/1/environ")); !kind.empty())
         return kind;
     if (host.has("/run/.containerenv"))
         return "podman";
-    // The first process lies in a control group that the manager has named.
+    // The first process is in a control group with a name that the manager chose.
     const std::string groups = host.read("/proc/1/cgroup");
     for (const auto& [part, kind] : group_names)
         if (groups.find(part) != std::string::npos)
@@ -117,6 +117,6 @@ std::string qor::system::find_wsl(const linux_host& host) {
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     if (release.find("microsoft") == std::string::npos)
         return {};
-    // The first one has no kernel: what answers for it says 4.4, and has no WSL in its name.
+    // WSL 1 has no Linux kernel. Its substitute reports version 4.4 and a name without "WSL".
     return release.find("wsl2") != std::string::npos || !release.starts_with("4.4.") ? "WSL 2" : "WSL 1";
 }

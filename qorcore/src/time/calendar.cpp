@@ -5,12 +5,12 @@ namespace {
 constexpr int64 days_per_100_years = 36'524;
 constexpr int64 days_per_4_years = 1'461;
 
-// The days that come before each month of a common year, and those of all of it.
+// The days before each month of a common year; the last entry is the length of the year.
 constexpr int days_before_month[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334, 365};
 
 bool is_leap(int64 year) noexcept { return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0); }
 
-// The first month is 0.
+// Months count from 0.
 int first_day(int month, int64 year) noexcept {
     return days_before_month[month] + (month >= 2 && is_leap(year) ? 1 : 0);
 }
@@ -18,7 +18,7 @@ int first_day(int month, int64 year) noexcept {
 } // namespace
 
 void qor::time::set_date(int64 day, qorTimeInfo& info) noexcept {
-    info.weekday = static_cast<uint8>(day % 7); // the first one was a Monday
+    info.weekday = static_cast<uint8>(day % 7); // day 0 was a Monday
     int64 year = 1 + day / days_per_400_years * 400;
     int64 rest = day % days_per_400_years;
     // The last of the four centuries is a day longer than the others, and so is the last of four years.

@@ -25,7 +25,7 @@ uint64 qor::glue::qorGetTickCounter() noexcept {
 void qor::glue::qorSleep(uint32 ms) noexcept {
     constexpr uint64 ticks_per_ms = qorTicksPerSecond / 1000;
     const uint64 end = qorGetTickCounter() + ms * ticks_per_ms;
-    // The system wakes up a little early where its own clock is a coarser one.
+    // A system with a coarse clock may wake the thread slightly early.
     for (uint64 now; (now = qorGetTickCounter()) < end;)
         std::this_thread::sleep_for(ticks(end - now));
 }

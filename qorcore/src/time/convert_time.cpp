@@ -1,4 +1,4 @@
-// Calendar time of a clock, and the other way round.
+// Conversion between clocks and calendar time.
 #include "error/error.h"
 #include "time/calendar.h"
 #include "time/local_offset.h"
@@ -9,18 +9,19 @@ namespace {
 
 using qor::time::seconds_per_day;
 
-// From the first day of the year 1 to that of 1601.
+// The days from 1 January of the year 1 to 1 January 1601.
 constexpr int64 first_clock_day = 4 * qor::time::days_per_400_years;
 constexpr int64 last_second = static_cast<int64>(~uint64{0} / qorTicksPerSecond);
 
-// The clock at this second. What lies behind either end of the count counts as that end.
+// Returns the clock at this second. Clamps seconds outside the range of the clock.
 uint64 counted_clock(int64 second) noexcept {
     return static_cast<uint64>(std::clamp(second, int64{0}, last_second)) * qorTicksPerSecond;
 }
 
 int64 offset_at(int64 second) noexcept { return qor::time::local_offset(counted_clock(second)); }
 
-// The first second of (second, later] that has another offset than `second`; `later` has.
+// Returns the first second in (second, later] whose offset differs from that of `second`. The offset of `later` must
+// differ.
 int64 find_change(int64 second, int64 later) noexcept {
     const int64 before = offset_at(second);
     while (later - second > 1) {
@@ -30,11 +31,11 @@ int64 find_change(int64 second, int64 later) noexcept {
     return later;
 }
 
-// The second of UTC at which local clocks show `local`. Both count from 1601.
+// Returns the second of UTC at which local clocks show `local`. Both count from 1601.
 //
-// No zone is more than a day and an hour ahead or behind, so the second lies within as much of `local`. There may be
-// several changes of the offset within that time. They are passed in turn, so that of a time that comes twice the first
-// is found; of a time that is skipped, the offset before the change counts.
+// A zone is at most 25 hours ahead of UTC or behind it, so the second lies within 25 hours of `local`. The offset may
+// change several times in this span. The loop visits the changes in order, so the first of two possible seconds is
+// returned if a local time occurs twice. For a local time that is skipped, the offset before the change counts.
 int64 to_utc(int64 local) noexcept {
     constexpr int64 margin = 25 * 3600;
     int64 second = local - margin;
@@ -87,7 +88,7 @@ uint64 qor::glue::qorConvertLocalTimeInfo(const qorTimeInfo& info) noexcept {
         qor::time::look_at_zone(counted_clock(local));
         const int64 second = to_utc(local);
         const uint64 clock = static_cast<uint64>(second) * qorTicksPerSecond + info.ticks;
-        // The last second of the count is not a whole one.
+        // The clock's range ends within its last second.
         if (second >= 0 && clock / qorTicksPerSecond == static_cast<uint64>(second))
             return clock;
     }

@@ -21,10 +21,10 @@ void append_offset(std::string& text, int32 offset) {
         append(text, seconds % 60, 2);
 }
 
-// Null, or the first code that is none, which stays as it is.
+// Returns null, or the first unknown code. An unknown code is copied unchanged.
 const char* append_all(std::string& text, const char* format, const qorTimeInfo& info);
 
-// False: there is no such code.
+// Returns false if the code is unknown.
 bool append_part(std::string& text, char code, const qorTimeInfo& info) {
     const bool is_date = qor::time::day_number(info) >= 0;
     switch (code) {
@@ -94,7 +94,7 @@ bool qor::glue::qorFormatTime_info(qorString& out, const char* format, const qor
     const char* const unknown = append_all(text, format, info);
     if (unknown != nullptr)
         qor::error::set(qorError_bad_time_format, {format, std::to_string(unknown - format).c_str()});
-    out = text.c_str(); // at last: the format may lie in it
+    out = text.c_str(); // assigned last, because the format may lie in `out`
     return unknown == nullptr;
 }
 

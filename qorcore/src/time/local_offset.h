@@ -5,18 +5,18 @@
 
 namespace qor::time {
 
-// The first second of 1970, counted in seconds from the beginning of 1601.
+// 1 January 1970, in seconds since the beginning of 1601.
 inline constexpr int64 seconds_to_1970 = 11'644'473'600;
 
-// Every conversion begins with this look at the zone's name, which may have changed since the last one. Sets the last
-// error where the system does not know the zone; the text says what the system uses instead at this clock.
+// Every conversion starts with this call, because the zone may have changed since the last one. If the system does not
+// know the zone, sets the last error; its text names the offset at this clock that the system uses instead.
 void look_at_zone(uint64 clock) noexcept;
 
-// How many seconds local time is ahead of UTC at this clock, in the zone of the last look; 0 where the system cannot
-// tell. Any thread.
+// Returns how many seconds local time is ahead of UTC at this clock, in the zone of the last look_at_zone(); 0 if the
+// system cannot tell. Thread-safe.
 int32 local_offset(uint64 clock) noexcept;
 
-// The number of seconds for which every zone of this system keeps an offset at least. Shorter periods may be missed.
+// The time, in seconds, for which every zone of this system keeps an offset at least. Shorter periods may be missed.
 extern const int64 shortest_period;
 
 } // namespace qor::time

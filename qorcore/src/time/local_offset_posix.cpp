@@ -16,15 +16,15 @@ std::time_t seconds_of(uint64 clock) {
     return static_cast<std::time_t>(static_cast<int64>(clock / qorTicksPerSecond) - qor::time::seconds_to_1970);
 }
 
-// Whether the zone in use counts leap seconds, as those of the database's folder "right" do: a full minute of POSIX,
-// far behind the last leap second, is no full minute there.
+// Whether the zone in use counts leap seconds, as zones in the database's folder "right" do. In such a zone, a full
+// minute of POSIX time well after the last leap second is not a full minute.
 bool counts_leap_seconds() {
     constexpr std::time_t full_minute = 4'102'444'800;
     std::tm utc;
     return gmtime_r(&full_minute, &utc) != nullptr && utc.tm_sec != 0;
 }
 
-// "+01:00"; nothing for UTC itself.
+// Returns "+01:00"; empty for UTC.
 std::string ahead_of_utc(int32 offset) {
     if (offset == 0)
         return {};
@@ -37,14 +37,14 @@ std::string ahead_of_utc(int32 offset) {
 
 uint32 trace_code() { return qorDebugAllocateCode("system.time"); }
 
-// Whether the C library was asked for the zone of the last look. Where it was not, UTC stands in.
+// Whether the C library was asked for the zone of the last look. If it was not, UTC is used.
 std::atomic<bool> was_asked_for = true;
 
 } // namespace
 
 const int64 qor::time::shortest_period = 15 * 60;
 
-// The C library says nothing of a zone that it does not know: it uses what it understands of the name, else UTC.
+// The C library does not report an unknown zone: it uses the part of the name that it understands, or UTC.
 void qor::time::look_at_zone(uint64 clock) noexcept {
     const char* const tz = std::getenv("TZ");
     static std::mutex lock;
@@ -59,7 +59,7 @@ void qor::time::look_at_zone(uint64 clock) noexcept {
         usable = tz == nullptr || can_be_asked_for(tz);
         known = usable && (tz == nullptr || is_zone(tz));
     }
-    // localtime_r need not look at the zone again.
+    // localtime_r is not required to read the zone again.
     if (usable)
         tzset();
     was_asked_for = usable;

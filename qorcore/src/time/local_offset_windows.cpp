@@ -4,8 +4,8 @@
 
 namespace {
 
-// The system converts only from here to the year 30827, and the local time must lie there too. Elsewhere a
-// year that has the same calendar does: it repeats every 400 years.
+// The system converts only times between these two, and the local time must lie there too. For other times, use a year
+// with the same calendar: the calendar repeats every 400 years.
 constexpr uint64 day = 86'400 * qorTicksPerSecond;
 constexpr uint64 four_centuries = 146'097 * day;
 constexpr uint64 first = day;
@@ -19,10 +19,10 @@ int64 ticks_of(const FILETIME& time) {
 
 } // namespace
 
-// The rules of a year have two changes, days apart.
+// The rules of a year have two changes, which are days apart.
 const int64 qor::time::shortest_period = 25 * 3600;
 
-// The zone is a setting of the system, which always knows it.
+// The zone is a setting of Windows, which always knows it.
 void qor::time::look_at_zone(uint64) noexcept {}
 
 int32 qor::time::local_offset(uint64 clock) noexcept {
@@ -31,12 +31,12 @@ int32 qor::time::local_offset(uint64 clock) noexcept {
     if (clock >= last)
         clock = last - four_centuries + (clock - last) % four_centuries;
 
-    // Calendar times of the system end in milliseconds.
+    // The system's calendar times have milliseconds only, so drop the part below a second.
     const FILETIME utc_ticks = file_time(clock - clock % qorTicksPerSecond);
     SYSTEMTIME utc, local;
     TIME_ZONE_INFORMATION rules;
     FILETIME local_ticks;
-    // Without naming the year, today's rules would do for all times.
+    // Without the year, the system would apply the current rules to all times.
     if (!FileTimeToSystemTime(&utc_ticks, &utc) || !GetTimeZoneInformationForYear(utc.wYear, nullptr, &rules) ||
         !SystemTimeToTzSpecificLocalTime(&rules, &utc, &local) || !SystemTimeToFileTime(&local, &local_ticks))
         return 0;

@@ -5,15 +5,15 @@
 
 namespace {
 
-// How frames of a rate are numbered.
+// The numbering of frames at a frame rate.
 struct counting {
     counting(const qorRational& rate, bool drop_frame) noexcept
         : per_second(std::max<uint64>(rounded(rate), 1)), dropped(drop_frame ? dropped_at(rate) : 0),
           per_minute(60 * per_second - dropped), per_ten_minutes(600 * per_second - 9 * dropped) {}
 
     uint64 per_second; // frame numbers
-    uint64 dropped;    // frame numbers left out in each minute but every tenth
-    uint64 per_minute; // frames in a minute that leaves some out
+    uint64 dropped;    // frame numbers that each minute skips, except every tenth minute
+    uint64 per_minute; // frames in a minute that skips numbers
     uint64 per_ten_minutes;
 
 private:
@@ -50,8 +50,8 @@ void qor::glue::qorTimecode_SetFromFrameCount_drop(qorTimecode* self, const qorR
         return;
     const counting by(rate, drop_frame);
     uint64 minute = count / by.per_ten_minutes * 10;
-    uint64 number = count % by.per_ten_minutes; // within its minute, in the end
-    // The first of ten minutes leaves nothing out; each other one begins behind what it leaves out.
+    uint64 number = count % by.per_ten_minutes; // at first within ten minutes, finally within its minute
+    // The first of ten minutes skips no numbers; each other minute begins after the numbers that it skips.
     if (const uint64 first_minute = 60 * by.per_second; number >= first_minute) {
         minute += 1 + (number - first_minute) / by.per_minute;
         number = (number - first_minute) % by.per_minute + by.dropped;
@@ -70,7 +70,7 @@ uint64 qor::glue::qorTimecode_GetFrameCount(const qorTimecode* self, const qorRa
     uint64 number = second % 60 * by.per_second + self->frames % by.per_second;
     if (minute % 10 == 0)
         return minute / 10 * by.per_ten_minutes + number;
-    // A number that is left out stands for the first behind it.
+    // A skipped number counts as the first number after it.
     number = std::max(number, by.dropped);
     return minute / 10 * by.per_ten_minutes + 60 * by.per_second + (minute % 10 - 1) * by.per_minute + number -
            by.dropped;

@@ -17,7 +17,7 @@ bool take(std::string_view& text, char c) {
     return true;
 }
 
-// A number of at least so many digits that is not above the limit.
+// Takes a number from `least` to `limit`.
 bool take_number(std::string_view& text, int least, int limit) {
     int value = 0;
     int digits = 0;
@@ -28,7 +28,7 @@ bool take_number(std::string_view& text, int least, int limit) {
     return digits > 0 && value >= least && value <= limit;
 }
 
-// "CET", or what is no word in angle brackets: "<+0330>".
+// Takes a name: letters ("CET"), or any name in angle brackets ("<+0330>").
 bool take_name(std::string_view& text) {
     const bool quoted = take(text, '<');
     std::size_t length = 0;
@@ -50,7 +50,7 @@ bool take_time(std::string_view& text, int most_hours) {
     return !take(text, ':') || (take_number(text, 0, 59) && (!take(text, ':') || take_number(text, 0, 59)));
 }
 
-// ,Jn or ,n or ,Mm.w.d, each perhaps with /time
+// ,Jn or ,n or ,Mm.w.d, each with an optional /time
 bool take_change(std::string_view& text) {
     if (!take(text, ','))
         return false;
@@ -74,14 +74,14 @@ bool is_rule(std::string_view text) {
     return text.empty() || (take_change(text) && take_change(text) && text.empty());
 }
 
-// Whether the zone is one of the database or the system's own. To a set-user-id program the C library gives no other:
-// its user could have any file opened.
+// Whether the zone belongs to the database or to the system. In a set-user-id program, the C library accepts no other
+// zone, because otherwise the user could make it open any file.
 bool is_of_the_system(std::string_view zone) {
     return zone.find("..") == zone.npos &&
            (!zone.starts_with('/') || zone.starts_with("/usr/share/zoneinfo/") || zone == "/etc/localtime");
 }
 
-// The file that the C library would look for; empty: none.
+// Returns the file in which the C library would look for the zone; empty if it would open none.
 std::string path_of(std::string_view zone) {
     if (qor::platform::is_privileged() && !is_of_the_system(zone))
         return {};
@@ -106,7 +106,7 @@ bool is_zone_file(const std::string& path) {
 bool qor::time::is_zone(const char* name) {
     std::string_view zone = name;
     take(zone, ':');
-    // UTC is known where there is no database, too.
+    // UTC is known even without a database.
     return zone.empty() || zone == "UTC" || zone == "GMT" || is_rule(zone) || is_zone_file(path_of(zone));
 }
 

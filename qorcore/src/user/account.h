@@ -1,4 +1,4 @@
-// Inside the library: accounts of the host, as the tokens show them.
+// Inside the library: accounts of the host, the data of the tokens.
 #pragma once
 
 #include "qor/qor.h"
@@ -16,14 +16,14 @@ struct account {
     int32 level = qorAuthLevel_user;
 };
 
-// ---- the seam to the system. False: the last error says why.
+// ---- the seam to the system. On false, the last error gives the reason.
 
 bool find_account(const char* name, account& out);
 bool current_account(account& out);
 bool current_name(std::string& out);
 bool is_super_user() noexcept;
 
-// The account, if the password is right and the account may be used.
+// Returns the account if the password is right and the account may be used.
 bool log_on(const char* name, const char* password, account& out);
 
 } // namespace qor::user

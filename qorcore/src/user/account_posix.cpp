@@ -1,4 +1,4 @@
-// Accounts by the name service switch: files, directories over the network, whatever the host has set up.
+// Accounts from the name service switch: files, network directories and all other sources that the host has set up.
 #include "error/error.h"
 #include "module/module.h"
 #include "user/account.h"
@@ -11,16 +11,16 @@
 
 namespace {
 
-// Bounds what an entry may take: a service that asks for ever more would otherwise take all memory.
+// Limits the size of an entry: a faulty service that asks for more room each time would otherwise use up all memory.
 constexpr std::size_t max_entry_size = std::size_t{1} << 28;
 
-// The manual gives these for "there is no such entry", beside 0.
+// The manual lists these codes, and 0, for "there is no such entry".
 bool means_none(int code) noexcept {
     return code == 0 || code == ENOENT || code == ESRCH || code == EBADF || code == EPERM;
 }
 
-// Reads one entry with one of the C library's functions, in a buffer that grows until the entry fits. Returns the
-// error, with 0 and found == false where there is no such entry.
+// Reads one entry with one of the C library's functions, into a buffer that grows until the entry fits. Returns the
+// error code; 0 with found == false means that there is no such entry.
 template <class ENTRY, class KEY>
 int read_entry(int (*read)(KEY, ENTRY*, char*, std::size_t, ENTRY**), KEY key, ENTRY& entry, std::vector<char>& buffer,
                bool& found) {
@@ -30,13 +30,13 @@ int read_entry(int (*read)(KEY, ENTRY*, char*, std::size_t, ENTRY**), KEY key, E
         buffer.resize(size);
         code = read(key, &entry, buffer.data(), buffer.size(), &result);
         if (code < 0)
-            code = errno; // so do some libraries that stand in front of the C library's
+            code = errno; // some libraries that replace the C library's report errors this way, too
     }
     found = result != nullptr;
     return found || means_none(code) ? 0 : code;
 }
 
-// Group by group: the list of all groups may be long, and some services refuse to give it out.
+// Looks up a single group by its number: the list of all groups may be long, and some services refuse to give it out.
 bool group_name(gid_t number, std::string& out) {
     group entry;
     std::vector<char> buffer;
@@ -55,7 +55,7 @@ bool read_groups(const char* name, gid_t first, std::vector<std::string>& out) {
         int count = static_cast<int>(numbers.size());
         const bool complete = getgrouplist(name, first, numbers.data(), &count) >= 0;
         if (!complete && count <= static_cast<int>(numbers.size()))
-            count = static_cast<int>(numbers.size()) * 2; // not every service says how many there are
+            count = static_cast<int>(numbers.size()) * 2; // not every service reports the number of groups
         numbers.resize(static_cast<std::size_t>(count));
         if (complete)
             break;
@@ -66,8 +66,8 @@ bool read_groups(const char* name, gid_t first, std::vector<std::string>& out) {
     return true;
 }
 
-// What everybody may read decides, so that all who ask get the same answer: a locked password or an expired account
-// stands where only root can look, and is told to those who log on.
+// Only public data decides, so that every caller gets the same answer. A locked password or an expired account is
+// visible to root only; the user learns about it at log-on.
 bool may_log_in(std::string_view shell) noexcept {
     const std::string_view program = shell.substr(shell.rfind('/') + 1);
     return program != "nologin" && program != "false";
@@ -75,7 +75,8 @@ bool may_log_in(std::string_view shell) noexcept {
 
 bool take(const passwd& entry, qor::user::account& out) {
     out.name = entry.pw_name;
-    // The name comes first among what commas separate. An ampersand is one: departments are called so.
+    // The name is the first of the comma-separated fields. An ampersand is an ordinary character: department names
+    // contain it.
     const std::string_view gecos = entry.pw_gecos != nullptr ? entry.pw_gecos : "";
     out.description = gecos.substr(0, gecos.find(','));
     out.is_super_user = entry.pw_uid == 0;
@@ -86,7 +87,7 @@ bool take(const passwd& entry, qor::user::account& out) {
     return read_groups(entry.pw_name, entry.pw_gid, out.groups);
 }
 
-// Whom the process acts as. The texts of `entry` lie in `buffer`.
+// Reads the account of the effective user. The texts of `entry` lie in `buffer`.
 bool read_current(passwd& entry, std::vector<char>& buffer, bool& found) {
     if (const int code = read_entry(getpwuid_r, geteuid(), entry, buffer, found)) {
         qor::error::set_with_reason(qorError_system, "getpwuid_r", code);
@@ -120,7 +121,7 @@ bool qor::user::current_account(account& out) {
         return false;
     if (found)
         return take(entry, out);
-    // A container may give a process any number. Nobody can log in as one.
+    // In a container, a process may have a user id without an account. Nobody can log in with it.
     out.name = std::to_string(geteuid());
     out.is_super_user = is_super_user();
     out.level = qorAuthLevel_none;

@@ -1,4 +1,4 @@
-// Accounts of Windows, of this computer or of a domain.
+// Windows accounts, of this computer or of a domain.
 #include "error/error.h"
 #include "platform/wide_windows.h"
 #include "user/account.h"
@@ -25,7 +25,7 @@ struct net_api {
     decltype(&NetUserGetLocalGroups) get_groups = nullptr;
     decltype(&NetGetDCName) get_controller = nullptr;
     decltype(&NetApiBufferFree) free = nullptr;
-    DWORD reason = 0; // why it is not there
+    DWORD reason = 0; // why it is unavailable; 0 if it is available
 
     net_api() noexcept {
         const HMODULE library = LoadLibraryExW(L"netapi32.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
@@ -47,7 +47,7 @@ const net_api& net() noexcept {
     return loaded;
 }
 
-// What netapi32 hands out and takes back.
+// A buffer that netapi32 allocates and must free.
 template <class TYPE>
 class net_buffer {
 public:
@@ -74,7 +74,7 @@ struct identity {
     bool is_user = false;
 };
 
-// By name, plain or as DOMAIN\name or name@domain. 0, or why there is none.
+// Looks up a plain name, DOMAIN\name or name@domain. Returns 0 or the system's error code.
 DWORD look_up(const std::wstring& name, identity& out) {
     DWORD sid_size = 0, domain_size = 0;
     SID_NAME_USE use;
@@ -106,7 +106,8 @@ bool look_up(PSID sid, identity& out) {
     return true;
 }
 
-// The user of a token, as a TOKEN_USER with the identity that it points to; empty where the system does not say.
+// Returns the user of a token: a TOKEN_USER together with the SID that it points to. Empty if the system does not
+// report it.
 std::vector<BYTE> user_of(HANDLE token) {
     DWORD size = 0;
     GetTokenInformation(token, TokenUser, nullptr, 0, &size);
@@ -132,7 +133,7 @@ bool find_current(identity& out) {
 
 // ---- accounts
 
-// The server that knows the account: null is this computer.
+// Finds the server that knows the account; null for this computer.
 bool find_server(const identity& who, net_buffer<wchar_t>& server) {
     wchar_t computer[MAX_COMPUTERNAME_LENGTH + 1];
     DWORD length = MAX_COMPUTERNAME_LENGTH + 1;
@@ -158,9 +159,9 @@ bool read_account(const identity& who, qor::user::account& out) {
     if ((found.usri1_flags & (UF_ACCOUNTDISABLE | UF_LOCKOUT)) != 0)
         out.level = qorAuthLevel_none;
     else
-        out.level = static_cast<int32>(found.usri1_priv); // the scale is the same
+        out.level = static_cast<int32>(found.usri1_priv); // Windows uses the same scale
 
-    // Those of this computer, with the groups of groups: they are what rights hang on.
+    // The local groups of this computer, including indirect membership, because Windows grants rights through them.
     net_buffer<LOCALGROUP_USERS_INFO_0> groups;
     DWORD count = 0, total = 0;
     const std::wstring member = server.get() != nullptr ? who.domain + L'\\' + who.name : who.name;
@@ -173,7 +174,7 @@ bool read_account(const identity& who, qor::user::account& out) {
     return true;
 }
 
-// Whether a name means a user; the last error says that there is none.
+// Whether the name is that of a user; if it is not, sets the last error.
 bool find_user(const char* name, identity& who) {
     std::wstring wide;
     DWORD code = ERROR_NONE_MAPPED;
@@ -235,7 +236,7 @@ bool check_password(const char* name, const identity& who, const char* password)
     SecureZeroMemory(wide.data(), wide.size() * sizeof wide[0]);
     if (!done)
         return refused(name, code);
-    // The system may let somebody in as a guest instead.
+    // The system may log on the caller as a guest instead.
     const std::vector<BYTE> user = user_of(token);
     CloseHandle(token);
     if (!user.empty() && EqualSid(sid_of(user), const_cast<BYTE*>(who.sid.data())))
@@ -267,7 +268,7 @@ bool qor::user::current_name(std::string& out) {
     return true;
 }
 
-// The check says no where the group is there only to deny, as it is for an administrator who is not elevated.
+// Returns false if the group is only used to deny access, as for an administrator who is not elevated.
 bool qor::user::is_super_user() noexcept {
     BYTE administrators[SECURITY_MAX_SID_SIZE];
     DWORD size = sizeof administrators;
@@ -279,7 +280,7 @@ bool qor::user::is_super_user() noexcept {
 bool qor::user::log_on(const char* name, const char* password, account& out) {
     identity who;
     if (!find_user(name, who)) {
-        // Nobody is told which of the two was wrong.
+        // The error does not reveal whether the name or the password was wrong.
         zetSmartPointer<IQORErrorMessage> error;
         qorGetLastError(error.Out());
         if (error->GetErrorNumber() == qorError_unknown_user)

@@ -1,11 +1,11 @@
-// Passwords and the accounts of debug control: the module qor-openssl has them; this is the way to it.
+// Passwords and the accounts of debug control: forwards to the module qor-openssl, which implements them.
 #include "qor/glue/passwords.h"
 #include "error/error.h"
 #include "module/module.h"
 
 namespace {
 
-// An object of the module. Empty: the last error says why.
+// Creates an object of the module. Empty on failure; the last error gives the reason.
 template <class INTERFACE>
 zetSmartPointer<INTERFACE> of_module(const char* interface_name) noexcept {
     zetSmartPointer<INTERFACE> object;
@@ -19,7 +19,7 @@ zetSmartPointer<IQORPasswords> passwords() noexcept { return of_module<IQORPassw
 
 zetSmartPointer<IQORDebugUsers> debug_users() noexcept { return of_module<IQORDebugUsers>("IQORDebugUsers"); }
 
-// Texts that must be there.
+// Checks required texts.
 bool are_given(const char* operation, std::initializer_list<const char*> texts) noexcept {
     for (const char* const text : texts)
         if (text == nullptr) {

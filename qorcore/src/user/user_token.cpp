@@ -28,7 +28,7 @@ private:
     const qor::user::account m_account;
 };
 
-// The token of the account that `find` finds.
+// Makes a token of the account that `find` looks up.
 template <class FIND>
 bool make_token(IQORUserToken** out, FIND find) noexcept {
     qor::user::account account;
