@@ -1,4 +1,4 @@
-// Inside the modules: no exception leaves them.
+// Inside the modules: keeps exceptions inside a module.
 #pragma once
 
 #include "qor/qor.h"
@@ -10,8 +10,7 @@
 
 namespace qor::modules {
 
-// The result of `work`, which says whether it succeeded. False and qorError_out_of_memory where there is no memory for
-// it.
+// Returns the result of `work`, true for success. Returns false and sets qorError_out_of_memory if memory runs out.
 template <class WORK>
 bool guarded(WORK work) noexcept {
     try {
@@ -22,7 +21,8 @@ bool guarded(WORK work) noexcept {
     }
 }
 
-// The same for work that may throw std::system_error. Then `fail` gets its text, sets the last error and returns false.
+// Like the above, for work that may also throw std::system_error. `fail` receives the text of the error, sets the last
+// error and returns false.
 template <class WORK, class FAIL>
 bool guarded(WORK work, FAIL fail) noexcept {
     return guarded([&] {
@@ -34,7 +34,7 @@ bool guarded(WORK work, FAIL fail) noexcept {
     });
 }
 
-// Makes an object for a caller, who holds the new reference. False: there is no memory for it, *out is as it was.
+// Makes an object for a caller, who owns the new reference. Returns false and leaves *out unchanged if memory runs out.
 template <class OBJECT, class INTERFACE, class... ARGUMENTS>
 bool make(const char* file, int line, INTERFACE** out, ARGUMENTS&&... arguments) noexcept {
     return guarded([&] {

@@ -1,11 +1,12 @@
-// Inside the modules: new objects on their way through the module's table.
+// Inside the modules: converts new objects for the module's table.
 #pragma once
 
 #include "qor/qor.h"
 
 namespace qor::modules {
 
-// What a maker of one interface makes, as the table speaks of it. False: the last error says why.
+// Calls `make` for its interface and returns the object in the untyped form of the table. On false, the last error
+// gives the reason.
 template <class INTERFACE, class MAKER>
 bool hand_out(MAKER make, void** out) noexcept {
     INTERFACE* object = nullptr;

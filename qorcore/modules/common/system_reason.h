@@ -1,11 +1,11 @@
-// Inside the modules: the system's error codes in words.
+// Inside the modules: texts for the system's error codes.
 #pragma once
 
 #include <string>
 
 namespace qor::modules {
 
-// The system's own text for one of its error codes (errno, GetLastError, WSAGetLastError).
+// Returns the system's own text for an error code (errno, GetLastError, WSAGetLastError).
 std::string system_reason(int code);
 
 } // namespace qor::modules

@@ -12,7 +12,7 @@ std::string qor::modules::system_reason(int code) {
     const int size =
         WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(length), text, sizeof text, nullptr, nullptr);
     std::string reason(text, static_cast<std::size_t>(std::max(size, 0)));
-    // It comes as a sentence on a line of its own.
+    // The text ends with a full stop and a line end.
     reason.erase(reason.find_last_not_of(" .\r\n") + 1);
     return reason.empty() ? "error " + std::to_string(code) : reason;
 }

@@ -1,4 +1,4 @@
-// The interfaces of this host, as the IP Helper library lists them.
+// The interfaces of this host, from the IP Helper library.
 #include "interface_list.h"
 
 #include <winsock2.h> // before the two below
@@ -14,7 +14,7 @@ namespace {
 
 using network::interface_facts;
 
-// How often it is asked again with more room: the list may have grown since it said how much it takes.
+// The number of calls with an enlarged buffer: the list may have grown since the system reported its size.
 constexpr int attempts = 10;
 
 std::string utf8(const wchar_t* text) {
@@ -29,7 +29,7 @@ const SOCKET_ADDRESS_TYPE& as(const SOCKET_ADDRESS& address) {
     return *reinterpret_cast<const SOCKET_ADDRESS_TYPE*>(address.lpSockaddr);
 }
 
-// The list of addresses and gateways that an adapter has, one behind the other.
+// Calls `take` for each address or gateway in a linked list of an adapter.
 template <class ROW, class TAKE>
 void each(const ROW* row, TAKE take) {
     for (; row != nullptr; row = row->Next)
@@ -45,7 +45,7 @@ qoraddr_ipv4 ipv4_of(const SOCKET_ADDRESS& address) {
 
 interface_facts facts_of(const IP_ADAPTER_ADDRESSES& adapter) {
     interface_facts facts;
-    // Where both have a number, it is the same. One that has IPv6 alone has none for IPv4.
+    // If both numbers are set, they are equal. An adapter with IPv6 only has no number for IPv4.
     facts.index = adapter.IfIndex != 0 ? adapter.IfIndex : adapter.Ipv6IfIndex;
     facts.name = adapter.AdapterName;
     facts.description = utf8(adapter.Description);
@@ -63,7 +63,7 @@ interface_facts facts_of(const IP_ADAPTER_ADDRESSES& adapter) {
             facts.ipv6.push_back(address);
         }
     });
-    // They come with the best one first.
+    // The list starts with the best gateway.
     each(adapter.FirstGatewayAddress, [&](const IP_ADAPTER_GATEWAY_ADDRESS& row, int family) {
         if (family == AF_INET && !facts.gateway)
             facts.gateway = qorNetAddress4{ipv4_of(row.Address), 32};

@@ -13,11 +13,10 @@
 
 namespace {
 
-// Of the files read here only the list of PCI names is longer than a few hundred bytes; it has 1.5 MB.
+// Of the files that are read here, only the list of PCI names exceeds a few hundred bytes; it has 1.5 MB.
 constexpr std::size_t longest_file = 16 * 1024 * 1024;
 
-// What the C library has found, null where it is not there. Throws std::bad_alloc where it had no memory to look for
-// it.
+// Returns a result of the C library, null if there is none. Throws std::bad_alloc if the C library ran out of memory.
 template <class TYPE>
 TYPE* found(TYPE* result) {
     if (result == nullptr && errno == ENOMEM)
@@ -25,7 +24,7 @@ TYPE* found(TYPE* result) {
     return result;
 }
 
-// Empty: there is no such file.
+// Returns an empty text if there is no such file.
 std::string read_file(const std::string& path) {
     std::string text;
     struct stat status;
@@ -52,7 +51,7 @@ std::string real_path(const std::string& path) {
 
 std::string last_part(std::string_view path) { return std::string(path.substr(path.rfind('/') + 1)); }
 
-// The name of what a link leads to; empty: there is no such link.
+// Returns the name of a link's target; empty if there is no such link.
 std::string target_name(const std::string& link) {
     char target[4096];
     const ssize_t length = ::readlink(link.c_str(), target, sizeof target);
@@ -71,13 +70,14 @@ std::string hexadecimal(const std::vector<uint8>& bytes) {
     return text;
 }
 
-// "0x8086" without the front.
+// Removes the "0x" of a number like "0x8086".
 std::string identifier(const std::string& path) {
     const std::string text = read_line(path);
     return text.starts_with("0x") ? text.substr(2) : text;
 }
 
-// The value of a line "KEY=value"; the last of several, as programs that run on such files see it.
+// Returns the value of a line "KEY=value". If there are several, the last one counts, as for other programs that read
+// these files.
 std::string value_of(std::string_view text, std::string_view key) {
     std::string value;
     while (!text.empty()) {
@@ -89,8 +89,8 @@ std::string value_of(std::string_view text, std::string_view key) {
     return value;
 }
 
-// The text behind the line that begins with `head`, within [begin, end); its end is the next line that does not begin
-// with `inner`, or with a comment. Empty: there is no such line.
+// The text after the line that begins with `head`. It ends before the next line that begins neither with `inner` nor
+// with a comment. Empty if there is no such line.
 struct section {
     std::string name;
     std::string_view inside;
@@ -111,7 +111,7 @@ section find_section(std::string_view text, const std::string& head, std::string
     return found;
 }
 
-// Where the kernel's name for a USB device says it is: "1-2.3", "1-2.3:1.0" for a part of it.
+// The place of a USB device from the kernel's name for it: "1-2.3", or "1-2.3:1.0" for one of its interfaces.
 std::string usb_place(const std::string& name) {
     const std::size_t dash = name.find('-');
     return "USB bus " + name.substr(0, dash) + ", port " + name.substr(dash + 1, name.find(':') - dash - 1);
@@ -127,7 +127,7 @@ std::string device_finder::folder_of(const link_row& link) const {
     return link.kind.empty() ? folder_by_name(link) : "";
 }
 
-// Kernels before 5.14 do not say where the hardware is. Only what is surely this interface will do.
+// Kernels before 5.14 do not report the device. Accept the folder only if it certainly belongs to this interface.
 std::string device_finder::folder_by_name(const link_row& link) const {
     const std::string folder = m_root + "/sys/class/net/" + link.name;
     const bool is_it = read_line(folder + "/ifindex") == std::to_string(link.index) &&
@@ -135,7 +135,7 @@ std::string device_finder::folder_by_name(const link_row& link) const {
     return is_it ? real_path(folder + "/device") : "";
 }
 
-// Common places of the list of all PCI devices.
+// Distributions keep the list of PCI names in one of these places.
 const std::string& device_finder::pci_names() {
     if (!m_pci_names) {
         m_pci_names.emplace();
@@ -147,7 +147,7 @@ const std::string& device_finder::pci_names() {
 }
 
 void device_finder::describe_pci(const std::string& folder, device_facts& out) {
-    // What the device manager found in its hardware database when the device appeared.
+    // The device manager looked the names up in its hardware database when the device appeared.
     const std::string known = read_file(m_root + "/run/udev/data/+pci:" + last_part(folder));
     out.maker = value_of(known, "E:ID_VENDOR_FROM_DATABASE=");
     out.model = value_of(known, "E:ID_MODEL_FROM_DATABASE=");
@@ -176,7 +176,7 @@ std::optional<device_facts> device_finder::find(const link_row& link) {
     facts.place = bus == "pci" ? "PCI " + name : bus.empty() ? name : bus + " " + name;
     facts.driver = target_name(folder + "/driver");
     facts.is_wireless = exists(folder + "/ieee80211");
-    // What can be found with the hands is the USB or PCI device that it is part of.
+    // The user can find and touch the USB or PCI device that contains this one.
     for (; folder.size() > m_root.size(); folder.resize(folder.rfind('/'))) {
         const std::string subsystem = target_name(folder + "/subsystem");
         const std::string part = last_part(folder);

@@ -1,6 +1,5 @@
-// What the system's files say of the hardware behind an interface. They are asked by bus and device, never by the name
-// of an interface where that can be helped: those in /sys/class/net are of another network namespace in many a
-// container.
+// The system's data about the hardware behind an interface. It is looked up by bus and device, and by the name of the
+// interface only if there is no other way: in many containers, /sys/class/net belongs to another network namespace.
 #pragma once
 
 #include "dump_posix.h"
@@ -12,7 +11,7 @@
 namespace network {
 
 struct device_facts {
-    std::string maker; // as the system knows them; may be empty
+    std::string maker; // the names that the system knows; may be empty
     std::string model;
     std::string driver;
     std::string place; // "PCI 0000:00:03.0", "USB bus 1, port 2.3"
@@ -21,10 +20,10 @@ struct device_facts {
 
 class device_finder {
 public:
-    // `root` stands in front of every path; empty for this host.
+    // `root` is put in front of every path; empty for this host.
     explicit device_finder(std::string root = {}) : m_root(std::move(root)) {}
 
-    // The hardware of an interface, if it has any.
+    // Returns the hardware of an interface, if it has any.
     std::optional<device_facts> find(const link_row& link);
 
 private:

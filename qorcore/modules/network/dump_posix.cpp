@@ -20,7 +20,7 @@ using network::dump_state;
 using network::dump_tables;
 using bytes = std::span<const uint8>;
 
-// What is shorter than the number is none, and counts as 0.
+// Data that is shorter than the number counts as 0.
 template <class NUMBER>
 NUMBER number(bytes from) {
     NUMBER value{};
@@ -29,7 +29,7 @@ NUMBER number(bytes from) {
     return value;
 }
 
-// Up to the terminator, where there is one.
+// Reads up to the terminator, if there is one.
 std::string text(bytes from) { return {from.begin(), std::ranges::find(from, uint8{0})}; }
 
 template <std::size_t SIZE>
@@ -40,7 +40,7 @@ bool copy(bytes from, std::array<uint8, SIZE>& to) {
     return true;
 }
 
-// Calls take(type, payload) for each attribute; the first that does not fit is the end.
+// Calls take(type, payload) for each attribute. Stops at the first one that does not fit.
 template <class TAKE>
 void each_attribute(bytes attributes, TAKE take) {
     const auto* const end = attributes.data() + attributes.size();
@@ -52,7 +52,7 @@ void each_attribute(bytes attributes, TAKE take) {
     }
 }
 
-// A message's own header, and the attributes behind it.
+// The header of a message's own type, and the attributes after it.
 template <class HEADER>
 struct parts {
     HEADER header{};
@@ -107,7 +107,7 @@ bool take_link(const nlmsghdr* message, dump_tables& out) {
                 else if (part == IFLA_INFO_DATA)
                     data = of_part;
             });
-            // What the data says depends on the kind.
+            // The meaning of the data depends on the kind.
             if (row.kind == "tun")
                 each_attribute(data, [&](int part, bytes of_part) {
                     if (part == IFLA_TUN_TYPE)
@@ -129,7 +129,7 @@ bool take_address(const nlmsghdr* message, dump_tables& out) {
         return false;
     const std::size_t size = address.header.ifa_family == AF_INET ? 4 : address.header.ifa_family == AF_INET6 ? 16 : 0;
     if (size == 0)
-        return true; // other families have addresses too
+        return true; // other families are skipped, since they also have addresses
     bytes own;
     bytes peer_or_own;
     each_attribute(address.attributes, [&](int type, bytes value) {
@@ -179,7 +179,8 @@ bool take_route(const nlmsghdr* message, dump_tables& out) {
             break;
         }
     });
-    // Routes for marked traffic are none for everybody, and those that the kernel made from others are no settings.
+    // Routes for marked traffic do not apply to everybody, and routes that the kernel derived from others are not
+    // settings.
     if (table != RT_TABLE_MAIN || route.header.rtm_family != AF_INET || route.header.rtm_dst_len != 0 ||
         route.header.rtm_tos != 0 || route.header.rtm_type != RTN_UNICAST ||
         (route.header.rtm_flags & RTM_F_CLONED) != 0)
@@ -193,7 +194,7 @@ bool take_route(const nlmsghdr* message, dump_tables& out) {
             out.gateways.push_back(row);
         return true;
     }
-    // The kernel has looked the next hop up for us.
+    // The kernel has already resolved the next hop.
     row.next_hop = 0;
     add(gateway, route.header.rtm_flags);
     while (several.size() >= sizeof(rtnexthop)) {
@@ -255,7 +256,7 @@ bool take(const nlmsghdr* message, dump_tables& out) {
     }
 }
 
-// Both the message of an error and that of the end begin with an errno, which is negative, or 0.
+// Error messages and end messages both start with an errno, which is negative or 0.
 dump_result ending(const nlmsghdr* message, dump_state without_error) {
     constexpr int last_errno = 4095;
     parts<int> status;
@@ -264,7 +265,7 @@ dump_result ending(const nlmsghdr* message, dump_state without_error) {
     return status.header == 0 ? dump_result{without_error} : dump_result{dump_state::refused, -status.header};
 }
 
-// To libmnl alone a length of 2 GiB and more is a negative one, and fits.
+// libmnl alone takes a length of 2 GiB or more for a negative one and accepts it.
 bool fits(const nlmsghdr* message, int length) {
     return mnl_nlmsg_ok(message, length) && message->nlmsg_len <= static_cast<uint32>(length);
 }

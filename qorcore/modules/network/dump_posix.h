@@ -1,4 +1,4 @@
-// What rtnetlink says in its dumps: from the bytes of a datagram to tables. No system is asked here.
+// Converts rtnetlink dumps from the bytes of datagrams to tables. Makes no system calls.
 #pragma once
 
 #include "qor/qor.h"
@@ -18,9 +18,9 @@ struct link_row {
     std::string alias;
     std::vector<std::string> alternative_names;
     std::vector<uint8> hardware_address;
-    std::string kind;              // of an interface that software makes: "veth"
+    std::string kind;              // for an interface made by software: "veth"
     std::optional<uint8> tun_type; // IFF_TUN or IFF_TAP
-    std::string bus;               // with `device`: where the hardware is
+    std::string bus;               // with `device`: the place of the hardware
     std::string device;
 };
 
@@ -28,18 +28,18 @@ struct address_row {
     uint32 link = 0;
     uint8 prefix_length = 0;
     bool is_ipv6 = false;
-    std::array<uint8, 16> bytes{}; // IPv4: the first four
+    std::array<uint8, 16> bytes{}; // IPv4 uses the first four
 };
 
-// A default route of the main table, one for each of its next hops.
+// A default route of the main table; a route with several next hops has a row for each.
 struct gateway_row {
     uint32 link = 0;
     uint32 metric = 0;
-    uint32 next_hop = 0; // not 0: link and gateway are those of this next hop
+    uint32 next_hop = 0; // if not 0, this next hop determines link and gateway
     std::array<uint8, 4> gateway{};
 };
 
-// A next hop that routes name by its number: a gateway, or a group of further next hops.
+// A next hop that routes refer to by its number: a gateway, or a group of other next hops.
 struct next_hop_row {
     uint32 number = 0;
     uint32 link = 0;
@@ -55,20 +55,20 @@ struct dump_tables {
 };
 
 enum class dump_state {
-    more,        // the dump goes on in another datagram
-    done,        // this was its end
-    interrupted, // something changed meanwhile: what was read is worth nothing
-    refused,     // the kernel says no
-    senseless,   // not what a kernel writes
+    more,        // the dump continues in another datagram
+    done,        // the dump is complete
+    interrupted, // something changed meanwhile: discard the tables
+    refused,     // the kernel reports an error
+    senseless,   // no kernel sends this
 };
 
 struct dump_result {
     dump_state state;
-    int code = 0; // refused: errno
+    int code = 0; // for `refused`: errno
 };
 
-// Adds what a datagram says. Messages that answer no request of `sequence` and `port` are passed over. Throws
-// std::bad_alloc.
+// Adds the content of a datagram to the tables. Skips messages that do not answer the request of `sequence` and `port`.
+// Throws std::bad_alloc.
 dump_result read_datagram(std::span<const uint8> datagram, uint32 sequence, uint32 port, dump_tables& out);
 
 } // namespace network

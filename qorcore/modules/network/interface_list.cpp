@@ -66,7 +66,7 @@ public:
     bool GetIPv6Address(uint32 index, qorNetAddress6& out) noexcept override { return pick(m_facts.ipv6, index, out); }
 
 private:
-    zetSmartPointer<interface_list> m_list; // which the facts lie in
+    zetSmartPointer<interface_list> m_list; // owns the facts
     const interface_facts& m_facts;
 };
 

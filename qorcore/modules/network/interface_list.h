@@ -1,4 +1,4 @@
-// Inside the module qor-network: what is known of the interfaces, and the objects that hand it out.
+// Inside the module qor-network: facts about the interfaces, and the objects that give clients access to them.
 #pragma once
 
 #include "qor/qor.h"
@@ -21,15 +21,16 @@ struct interface_facts {
     std::vector<qorNetAddress6> ipv6;
 };
 
-// A list with one reference, of interfaces in the order of their numbers. Throws std::bad_alloc.
+// Makes a list of interfaces in the order of their numbers; the caller owns the reference. Throws std::bad_alloc.
 IQORNetInterfaceList* make_list(std::vector<interface_facts> interfaces);
 
-// The scope that goes with an address: that of the link where it is one of a link, else 0.
+// Returns the scope of an address: the link if the address is valid on one link only, otherwise 0.
 uint32 scope_of(const qoraddr_ipv6& address, uint32 link) noexcept;
 
 // ---- the seam to the system
 
-// All interfaces of the host, in the order of their numbers. False: the last error says why. Throws std::bad_alloc.
+// Returns all interfaces of the host in the order of their numbers. On false, the last error gives the reason. Throws
+// std::bad_alloc.
 bool read_interfaces(std::vector<interface_facts>& out);
 
 } // namespace network

@@ -16,7 +16,7 @@ using network::interface_facts;
 using network::link_row;
 using network::next_hop_row;
 
-// What the kernel keeps as the own address of such a tunnel is the IP address of its end.
+// False for tunnels whose hardware address, to the kernel, is the IP address of their own end.
 bool has_hardware(const link_row& link) {
     switch (link.type) {
     case ARPHRD_TUNNEL:
@@ -44,7 +44,7 @@ interface_facts facts_of(const link_row& link, network::device_finder& devices) 
     return facts;
 }
 
-// Null: there is none.
+// Returns null if there is no such interface.
 interface_facts* find(std::vector<interface_facts>& interfaces, uint32 index) {
     const auto found = std::ranges::lower_bound(interfaces, index, {}, &interface_facts::index);
     return found != interfaces.end() && found->index == index ? &*found : nullptr;
@@ -63,7 +63,7 @@ void add_address(const address_row& row, interface_facts& to) {
     }
 }
 
-// The rows that a row with the number of a next hop stands for: one, or those of a group, which holds no further group.
+// Resolves the number of a next hop: returns one row, or a row for each member of a group. Groups are not nested.
 std::vector<gateway_row> resolve(const gateway_row& row, const std::vector<next_hop_row>& hops) {
     if (row.next_hop == 0)
         return {row};
@@ -79,7 +79,7 @@ std::vector<gateway_row> resolve(const gateway_row& row, const std::vector<next_
     return all;
 }
 
-// Of several gateways of an interface the one with the lowest metric, and of equal ones the first.
+// Each interface gets the gateway with the lowest metric; among equal ones, the first.
 void add_gateways(const dump_tables& tables, std::vector<interface_facts>& interfaces) {
     std::vector<gateway_row> all;
     for (const gateway_row& row : tables.gateways)

@@ -1,4 +1,4 @@
-// The interfaces of a host, put together from what its kernel says of them.
+// Combines the kernel's data into the interfaces of a host.
 #pragma once
 
 #include "device_posix.h"
@@ -6,7 +6,7 @@
 
 namespace network {
 
-// In the order of their numbers. Addresses of links that are not there are left out: the links have gone meanwhile.
+// Returns the interfaces in the order of their numbers. Ignores addresses of links that have disappeared meanwhile.
 std::vector<interface_facts> put_together(const dump_tables& tables, device_finder& devices);
 
 } // namespace network

@@ -1,4 +1,4 @@
-// The module qor-network: what libqor asks of libraries for the network.
+// The module qor-network: the parts of libqor that need network libraries.
 #include "qor/glue/module.h"
 
 #include "common/guarded.h"

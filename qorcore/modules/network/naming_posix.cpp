@@ -12,7 +12,7 @@ struct kind_name {
     const char* text;
 };
 
-// Interfaces that software makes, by the kernel's word for them.
+// Interfaces made by software, by the kernel's name for their kind.
 constexpr kind_name kinds[] = {
     {"bareudp", "Tunnel"},
     {"batadv", "Mesh"},
@@ -54,16 +54,16 @@ constexpr kind_name kinds[] = {
     {"xfrm", "Tunnel"},
 };
 
-// A text for one line, in a file too: what stands behind a line end would look like a line of the list.
+// Makes a text fit on one line: text after a line end would look like another line of the list.
 std::string one_line(std::string text) {
     std::ranges::replace(text, '\n', ' ');
     return text;
 }
 
-// The alias of an interface is whatever the administrator wrote; blanks alone are no name.
+// An administrator may choose any alias; one of blanks only is not a name.
 bool is_blank(const std::string& text) { return text.find_first_not_of(" \t\r\n") == text.npos; }
 
-// Empty: the one that stands in brackets behind the kind.
+// Returns a name that a person chose; empty if there is none. The display name is then made of kind and name.
 std::string given_name(const network::link_row& link) {
     if (!is_blank(link.alias))
         return link.alias;

@@ -18,16 +18,16 @@ using network::dump_result;
 using network::dump_state;
 using network::dump_tables;
 
-// The kernel fills no more than 32 KiB unless a single message needs it.
+// The kernel fills at most 32 KiB unless a single message needs more.
 constexpr std::size_t first_buffer_size = 32 * 1024;
 constexpr std::size_t largest_buffer = 16 * 1024 * 1024;
 
-// A dump, by the request that begins it.
+// A dump, described by its request.
 struct request {
     const char* name;
     uint16 type;
     std::size_t header_size;
-    bool may_be_missing; // a kernel without this, or a namespace without any, refuses it
+    bool may_be_missing; // a kernel without this object, or a namespace that has none, refuses the request
 
     void fill(nlmsghdr* message) const;
 };
@@ -42,7 +42,7 @@ void request::fill(nlmsghdr* message) const {
     message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     void* const header = mnl_nlmsg_put_extra_header(message, header_size);
     if (type == RTM_GETLINK) {
-        // Counters are what takes long, and nobody asked for them.
+        // Omit the counters: they take most of the time and are not used here.
         mnl_attr_put_u32(message, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
     } else if (type == RTM_GETROUTE) {
         static_cast<rtmsg*>(header)->rtm_family = AF_INET;
@@ -61,7 +61,8 @@ public:
         m_socket = mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC);
         if (m_socket == nullptr || mnl_socket_bind(m_socket, 0, MNL_SOCKET_AUTOPID) != 0)
             return errno;
-        // Makes the kernel heed what a request narrows down. Old ones do not know it, and say too much.
+        // Makes the kernel apply the filters of a request. Older kernels do not know this option and send unfiltered
+        // data.
         int on = 1;
         mnl_socket_setsockopt(m_socket, NETLINK_GET_STRICT_CHK, &on, sizeof on);
         return 0;

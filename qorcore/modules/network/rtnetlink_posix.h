@@ -1,4 +1,4 @@
-// Asking the kernel for its links, addresses, default routes and next hops.
+// Reads links, addresses, default routes and next hops from the kernel.
 #pragma once
 
 #include "dump_posix.h"
@@ -8,7 +8,7 @@
 
 namespace network {
 
-// One socket's talk with the kernel. An operation returns 0 or an errno; nothing here throws but std::bad_alloc.
+// A conversation with the kernel over one socket. Operations return 0 or an errno and throw only std::bad_alloc.
 class conversation {
 public:
     conversation() = default;
@@ -20,17 +20,18 @@ public:
     virtual uint32 port() = 0;
     virtual int send(std::span<const uint8> request) = 0;
 
-    // The next datagram, into a buffer of whatever size. ENOSPC: it is longer than the buffer, and lost.
+    // Receives the next datagram into a buffer of any size. ENOSPC means that the datagram was longer than the buffer
+    // and is lost.
     virtual int receive(std::span<uint8> buffer, std::size_t& length) = 0;
 };
 
-// So often it begins again, each time in a new conversation, when something changes while it reads.
+// The number of attempts. Each one starts a new conversation after something changed during the previous one.
 inline constexpr int dump_attempts = 30;
 
-// Reads all. False: the last error says why.
+// Reads all tables. On false, the last error gives the reason.
 bool read_dumps(const std::function<std::unique_ptr<conversation>()>& begin, dump_tables& out);
 
-// The conversation with the kernel of this host.
+// Returns a conversation with the kernel of this host.
 std::unique_ptr<conversation> talk_to_kernel();
 
 } // namespace network

@@ -23,9 +23,9 @@ using qor::control::frame_type;
 
 constexpr char source[] = "qorcore/modules/openssl/channel/control_client";
 
-constexpr int connect_time = 10'000; // milliseconds for each address
+constexpr int connect_time = 10'000; // milliseconds, for each address
 constexpr auto request_time = 20s;
-// A listener may let a login wait until its neighbour has been quiet for a minute.
+// A listener may hold back a login for a minute after wrong tries from the same source.
 constexpr auto login_time = 130s;
 
 class control_client final : public qor::object<IQORDebugControl2> {
@@ -61,13 +61,13 @@ public:
                 qorSetLastError(qorError_debug_logged_in);
                 return false;
             }
-            // No account has such a name, and the frame that carried it would end the connection.
+            // No account has such a name, and the listener would end the connection at a frame this long.
             if (std::strlen(username) > qor::control::longest_user_name) {
                 qorSetLastError(qorError_credentials_refused);
                 return false;
             }
-            // A listener lets a connection go after some refusals, or when nobody logs in for long. That is no reason
-            // to bother the user, who has only to type once more.
+            // A listener closes a connection after several refusals, or if nobody logs in for some time. The user
+            // should only have to retype the password, so connect again without an error.
             const bool fresh = !is_alive(to);
             if (fresh && !connect(to))
                 return false;
@@ -106,7 +106,7 @@ public:
             if (to == nullptr)
                 return false;
             const std::string payload = std::string(1, enable ? '\1' : '\0') + name;
-            // A name that fits no frame is the name of no code.
+            // No code has a name that does not fit a frame.
             if (payload.size() > qor::control::payload_limit) {
                 qorSetLastError(qorError_debug_refused);
                 return false;
@@ -136,7 +136,8 @@ public:
     }
 
 private:
-    // Operations keep what they work on: a call of the sink may connect anew, beside the operation that met the loss.
+    // Operations hold a reference to their link: a callback of the sink may connect anew while another operation still
+    // reports the loss.
     using link_pointer = std::shared_ptr<qor::control::link>;
 
     using peer_name = qor::control::link::peer_name;
@@ -163,7 +164,7 @@ private:
         return link != nullptr && !link->is_of_parent() && !link->is_lost();
     }
 
-    // Null: the last error says why.
+    // Returns null on failure; the last error gives the reason.
     link_pointer logged_in() const {
         link_pointer to = current();
         if (to == nullptr || to->is_of_parent()) {
@@ -177,7 +178,7 @@ private:
         return to;
     }
 
-    // Who takes a link out of its place is the one to stop it.
+    // The thread that takes a link out of m_link stops it.
     void replace(link_pointer by) {
         {
             const std::lock_guard hold(m_lock);
@@ -241,7 +242,8 @@ private:
         return true;
     }
 
-    // The user may have compared the key that Connect met: a login that connects anew by itself must meet the same one.
+    // The user may have compared the key that Connect received. A login that connects again by itself must meet the
+    // same key.
     bool is_as_at_first(const qor::control::link& to) {
         const std::lock_guard hold(m_lock);
         if (!m_first_key)
@@ -253,10 +255,10 @@ private:
         return false;
     }
 
-    // From the answer to the first message on.
+    // Continues a login after the answer to the first message.
     bool log_in(const link_pointer& to, qor::control::scram_client& login, frame& answer) {
         std::string last;
-        const qor::crypto::wiped_later of_last(last); // guesses at the password can be tried against it
+        const qor::crypto::wiped_later of_last(last); // an attacker could test guesses at the password against it
         if (!login.final(answer.payload, last)) {
             leave(to);
             qorSetLastError(qorError_debug_protocol, qor::control::reason_text(framework::unsafe_login).c_str());
@@ -266,7 +268,7 @@ private:
             return false;
         if (answer.type == frame_type::refusal)
             return login_refused(*to, answer);
-        // From here on it is the listener that has to prove itself.
+        // From here on, the listener must prove its identity.
         const peer_name& peer = to->peer();
         if (!login.verify(answer.payload)) {
             leave(to);
@@ -288,7 +290,8 @@ private:
                code == static_cast<uint32>(qor::control::refusal_code::no_room);
     }
 
-    // Anybody can refuse, and collect what is typed again: the user has to know where he stands.
+    // Any listener can refuse in order to collect retyped passwords, so the message says whether this one has proved
+    // its identity.
     static bool login_refused(const qor::control::link& by, const frame& answer) {
         const std::string doubt = by.is_proved()
                                       ? ""
@@ -321,7 +324,7 @@ private:
                 if (!ask(to, type, qor::control::number_payload(next), answer))
                     return false;
                 length += answer.payload.size();
-                // A list must come to an end: each page brings a name, and not more than this memory can take.
+                // Bounds the list: each page must bring at least one name, and the total size is limited.
                 if (!qor::control::read_page(answer.payload, page) || length > qor::control::list_limit ||
                     (page.next != 0 && (page.next <= next || page.names.empty())))
                     return to->lose_to_nonsense();
@@ -335,9 +338,9 @@ private:
 
     const qor::control::tls_context m_context;
     const std::string m_known_hosts;
-    mutable std::mutex m_lock; // held for no longer than it takes to copy what it guards
+    mutable std::mutex m_lock; // held only while copying the members that it guards
     peer_name m_to;
-    std::optional<qor::control::key_fingerprint> m_first_key; // that was met there since Connect
+    std::optional<qor::control::key_fingerprint> m_first_key; // the first key that this listener showed since Connect
     link_pointer m_link;
 };
 

@@ -3,5 +3,6 @@
 
 #include "qor/qor.h"
 
-// `known_hosts` names that file; an empty name is the user's own. False: the last error says why.
+// `known_hosts` is the path of the file of known hosts; an empty path means the user's own file. On false, the last
+// error gives the reason.
 bool create_debug_control(const char* known_hosts, IQORDebugControl** out) noexcept;

@@ -2,7 +2,7 @@
 
 namespace {
 
-// Numbers are sent with their highest byte first.
+// Numbers are sent in big-endian order.
 void append_number(std::string& out, uint32 number, int bytes) {
     for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
         out += static_cast<char>(number >> shift & 0xff);
@@ -22,7 +22,7 @@ qor::control::refusals qor::control::refusals_of(frame_type request, std::string
         return one_refusal(refusal_code::credentials) | one_refusal(refusal_code::no_room);
     if (request != frame_type::enable_code)
         return 0;
-    // The name stands behind one byte. No code has an empty one, or one so long.
+    // The name follows one byte. No code has an empty name or one that long.
     const bool has_name = payload.size() > 1 && payload.size() - 1 <= name_limit;
     return one_refusal(has_name ? refusal_code::no_room : refusal_code::request);
 }
@@ -46,7 +46,7 @@ void qor::control::append_frame(std::string& out, frame_type type, uint32 reques
 qor::control::frame_reader::result qor::control::frame_reader::next(frame& out) {
     const result found = take(out);
     if (found == result::nothing)
-        m_bytes.shrink_to_fit(); // a peer may leave it like that for long
+        m_bytes.shrink_to_fit(); // the peer may stay idle for long
     return found;
 }
 

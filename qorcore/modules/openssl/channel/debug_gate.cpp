@@ -108,7 +108,7 @@ qor::control::gate::recent& qor::control::gate::at_account(std::string_view acco
     return m_accounts[std::hash<std::string_view>()(account) % m_accounts.size()];
 }
 
-// The source that tried least is forgotten.
+// Forgets the source with the fewest wrong tries.
 void qor::control::gate::make_room() {
     m_sources.erase(std::min_element(m_sources.begin(), m_sources.end(), [](const auto& one, const auto& other) {
         return one.second.size() < other.second.size();

@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// The same figures as the listener's.
+// The listener uses the same values.
 constexpr auto handshake_time = 5s;
 constexpr auto frame_time = 5s;
 constexpr auto heartbeat_time = 5s;
@@ -36,7 +36,7 @@ qor::control::link::link(peer_name peer, sockets::socket connected, SSL_CTX* con
       m_channel(context, tls_channel::side::client), m_begun(clock::now()), m_heard(m_begun), m_sent(m_begun) {}
 
 bool qor::control::link::open(const std::shared_ptr<link>& self) {
-    // The thread keeps what it works on: the last call of a sink may release everything else.
+    // The thread holds a reference to the link, because the last callback of a sink may release all other references.
     self->m_thread = sockets::start_thread([self] { self->run(); });
     std::unique_lock hold(self->m_lock);
     self->m_changed.wait(hold, [&] { return self->m_open || self->m_lost; });
@@ -105,7 +105,8 @@ bool qor::control::link::look_at_clock(clock::time_point now) {
                lose_in_handshake(qorError_debug_cannot_connect, reason_text(framework::peer_does_not_answer));
     if (now >= m_heard + silence_limit)
         return lose(qorError_debug_connection_lost, reason_text(framework::peer_was_silent));
-    // Heartbeats prove that somebody is there, not that an answer will ever be whole, or come.
+    // Heartbeats only prove that the peer is there. They do not prove that an answer will be completed or will come at
+    // all.
     if ((m_within_since && now >= *m_within_since + frame_time) || (m_answer_by && now >= *m_answer_by))
         return lose(qorError_debug_connection_lost, reason_text(framework::peer_does_not_answer));
     return true;
@@ -137,7 +138,7 @@ bool qor::control::link::receive(clock::time_point now) {
     }
     if (!take_frames(plain))
         return lose_to_nonsense();
-    // A long answer takes the time it takes, as long as its pieces come.
+    // A long answer may take any time as long as its pieces keep coming.
     if (!m_frames.is_within() && !m_channel.is_within())
         m_within_since.reset();
     else if (!plain.empty() || !m_within_since)
@@ -201,7 +202,7 @@ bool qor::control::link::lose_to_peer(std::string reason) {
         const std::lock_guard hold(m_lock);
         m_closed = true;
     }
-    // A listener that has no room for another one says nothing.
+    // A listener without room closes the connection without a message.
     return m_open ? lose(qorError_debug_connection_lost, std::move(reason))
                   : lose_in_handshake(qorError_debug_busy, {});
 }

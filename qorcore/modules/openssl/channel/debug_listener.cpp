@@ -14,11 +14,11 @@ namespace {
 constexpr char source[] = "qorcore/modules/openssl/channel/debug_listener";
 
 struct listening_address {
-    std::vector<std::string> hosts; // one that is named, or this host's own two
+    std::vector<std::string> hosts; // the given host, or both loopback addresses
     uint16 port = 0;
 };
 
-// "[HOST:]PORT"; a host with colons stands in brackets.
+// "[HOST:]PORT"; a host that contains colons is written in brackets.
 bool read_address(std::string_view text, listening_address& out) {
     const std::size_t colon = text.rfind(':');
     const std::string_view port = text.substr(colon + 1);
@@ -44,8 +44,8 @@ bool cannot_listen(const char* address, const std::string& reason) noexcept {
     return false;
 }
 
-// All of them, on one port. Not 0: the system's code; an address that this host lacks is none to fail for, unless it
-// lacks them all.
+// Listens at all addresses, on the same port. Returns 0 or the system's error code. An address that this host lacks is
+// an error only if the host lacks all of them.
 int listen_at_all(std::vector<qor::sockets::endpoint> places, std::vector<qor::sockets::socket>& out) {
     int missing = 0;
     for (qor::sockets::endpoint& each : places) {
@@ -63,7 +63,8 @@ int listen_at_all(std::vector<qor::sockets::endpoint> places, std::vector<qor::s
     return out.empty() ? missing : 0;
 }
 
-// The system chooses a free port for the first address; that it is free for the others is likely, no more.
+// The system chooses a free port for the first address. The port may be in use at another address, so try several
+// times.
 int listen_with_retries(const std::vector<qor::sockets::endpoint>& places, std::vector<qor::sockets::socket>& out) {
     int failed = 0;
     for (int i = 0; i < 16; ++i) {
@@ -80,7 +81,7 @@ public:
     debug_listener() noexcept : object("qorcore.openssl.debug_listener", "IQORDebugListener") {}
 
     ~debug_listener() override {
-        // In a forked child the thread does not exist and its locks may be held for ever: all of it stays as it is.
+        // In a forked child, the thread does not exist and its locks may stay locked, so leave the service alone.
         if (m_forks == qor::sockets::fork_count())
             delete m_service;
     }
@@ -97,7 +98,7 @@ private:
             qorSetLastError(qorError_debug_bad_address, address);
             return false;
         }
-        // Nobody could log in: there is no point in listening then.
+        // Do not listen if nobody could log in.
         qor::control::accounts users_of_file;
         qor::control::key_pointer key;
         if (!users_of_file.open(users) || !users_of_file.open_key(key))

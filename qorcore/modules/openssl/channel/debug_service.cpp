@@ -9,10 +9,11 @@ namespace {
 using namespace std::chrono_literals;
 using qor::control::moment;
 
-// What ends a connection goes out, too, if the peer reads it soon.
+// A connection that ends has this long to send its last bytes.
 constexpr auto farewell_time = 1s;
 
-// New connections, before those that are there are served again: a flood of them must not keep anyone waiting.
+// The number of new connections to accept before existing ones are served again, so that a flood of connections delays
+// nobody.
 constexpr int at_a_time = 64;
 
 } // namespace
@@ -55,7 +56,7 @@ bool qor::control::service::turn(std::vector<sockets::watched>& watched) {
         return false;
     const moment now = std::chrono::steady_clock::now();
     m_waker.take();
-    // Connections stand in the list as they stood in it when it was made; new ones come behind.
+    // `watched` has the connections in the order of m_connections; accept_some() appends new ones only afterwards.
     std::size_t at = 1 + m_listeners.size();
     for (auto each = m_connections.begin(); each != m_connections.end(); ++at)
         each = serve(*each, watched[at].ready, now) ? std::next(each) : m_connections.erase(each);
@@ -94,14 +95,14 @@ void qor::control::service::accept_some(const sockets::socket& listener, moment 
             sockets::socket made;
             sockets::endpoint from;
             if (const int failed = sockets::accept_from(listener, made, from)) {
-                // Most likely the host's descriptors are used up; it gets no busier by us.
+                // Most likely the host has no descriptors left. Do not add to its load: try again later.
                 if (failed != sockets::would_block)
                     m_accept_again = now + 1s;
                 return;
             }
             let_in(std::move(made), from, now);
         } catch (const std::bad_alloc&) {
-            // It is closed.
+            // Out of memory: the connection is closed.
         }
     }
 }
@@ -125,7 +126,7 @@ void qor::control::service::let_in(sockets::socket made, const sockets::endpoint
     }
 }
 
-// False: the connection can be closed.
+// Returns false if the connection can be closed.
 bool qor::control::service::serve(connection& of, bool ready, moment now) {
     try {
         if (ready && !of.talk.is_over() && !receive(of, now))
@@ -144,7 +145,7 @@ bool qor::control::service::serve(connection& of, bool ready, moment now) {
 }
 
 bool qor::control::service::receive(connection& of, moment now) {
-    char bytes[4096]; // so much at a time that what many small records mean needs no more room than a long one
+    char bytes[4096]; // small, so that the content of many short records takes no more room than a long one
     std::size_t count;
     const int failed = sockets::receive(of.socket, bytes, sizeof bytes, &count);
     if (failed == sockets::would_block)
@@ -157,7 +158,7 @@ bool qor::control::service::receive(connection& of, moment now) {
     return true;
 }
 
-// False: nothing can be sent any more.
+// Returns false if nothing can be sent any more.
 bool qor::control::service::flush(connection& of) {
     std::string& out = of.talk.outgoing();
     while (!out.empty()) {

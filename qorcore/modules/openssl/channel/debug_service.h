@@ -20,7 +20,7 @@ public:
     service(tls_context context, accounts users, std::vector<sockets::socket> listeners);
     service(const service&) = delete;
     service& operator=(const service&) = delete;
-    ~service(); // ends the thread and all connections; waits for it
+    ~service(); // ends the thread and all connections, and waits for the thread
 
     void start(); // throws std::system_error
 
@@ -31,11 +31,11 @@ private:
 
         sockets::socket socket;
         session talk;
-        moment close_at{}; // for one that is over
+        moment close_at{}; // for a session that is over
     };
 
     void run();
-    bool turn(std::vector<sockets::watched>& watched); // one round; false: the process has closed sockets of ours
+    bool turn(std::vector<sockets::watched>& watched); // one round; false if the host has closed our sockets
     int time_to_wait(moment now) const noexcept;
     bool wait(moment now, std::vector<sockets::watched>& watched);
     void accept_some(const sockets::socket& listener, moment now);
@@ -52,7 +52,7 @@ private:
     std::vector<sockets::socket> m_listeners;
     sockets::waker m_waker;
     std::list<connection> m_connections;
-    moment m_accept_again{}; // the host has no descriptors left
+    moment m_accept_again{}; // set while the host has no descriptors left
     moment m_forget_at{};
     std::atomic<bool> m_ending = false;
     std::thread m_thread;

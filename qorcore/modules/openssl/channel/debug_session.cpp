@@ -6,10 +6,10 @@ namespace {
 
 using qor::control::frame_type;
 
-// The page of a list that begins at `start` among all codes. Codes are only ever added, so that pages fit together
-// whatever happens in between.
+// Returns the page of a list that begins at `start` among all codes. Codes are only ever added, so the pages fit
+// together even if codes are added between them.
 std::string list_page(bool only_enabled, uint32 start) {
-    // Asked for first: what is in this list is in the other one, too, and in the same order.
+    // Read this list first: the second list then contains all its names, in the same order.
     qorStringArray enabled;
     if (only_enabled)
         qorDebugGetEnabledCodes(enabled);
@@ -107,7 +107,7 @@ void qor::control::session::handle(const frame& request, moment now) {
     }
     if (m_logged_in)
         return carry_out(request);
-    // One step after the other: nothing may come while an answer is due.
+    // One step at a time: no request may arrive before the previous one is answered.
     if (m_waiting == waiting::nothing && request.type == frame_type::login_first && !m_login)
         return begin_login(request);
     if (m_waiting == waiting::nothing && request.type == frame_type::login_final && m_login) {

@@ -1,5 +1,5 @@
-// Inside the module qor-openssl: the listener's side of one connection of debug control. It knows no sockets and no
-// clock: bytes and the time are given to it, and it says what to send and when it wants to be called again.
+// Inside the module qor-openssl: the listener's side of a debug-control connection. It uses no sockets and no clock:
+// the caller passes in bytes and the time, sends the output and calls again at the time that the session asks for.
 #pragma once
 
 #include "debug_frames.h"
@@ -14,7 +14,7 @@
 
 namespace qor::control {
 
-// What the sessions of a listener have in common.
+// The parts that the sessions of a listener share.
 struct session_host {
     SSL_CTX* context;
     gate& doorway;
@@ -24,39 +24,41 @@ struct session_host {
 
 class session {
 public:
-    static constexpr std::chrono::seconds frame_time{5}; // for the handshake, and for a frame that has begun
+    static constexpr std::chrono::seconds frame_time{5}; // for the handshake, and for an incomplete frame
     static constexpr std::chrono::seconds login_time{120};
-    static constexpr std::chrono::seconds heartbeat_time{5}; // as long one side may say nothing
+    static constexpr std::chrono::seconds heartbeat_time{5}; // the longest time without sending anything
     static constexpr std::chrono::seconds silence_limit{15};
     static constexpr unsigned refusals = 5;
-    static constexpr std::chrono::milliseconds refusal_delay{250}; // the first; each is twice the one before
+    static constexpr std::chrono::milliseconds refusal_delay{250}; // the first delay; each further one is twice as long
     static constexpr std::size_t queue_limit = 256 * 1024;
 
-    // The gate has given it a place.
+    // `place` is the session's place at the gate.
     session(const session_host& host, sockets::source peer, gate::place place, moment now);
     session(const session&) = delete;
     session& operator=(const session&) = delete;
     ~session();
 
-    // Bytes from the peer. Throws std::bad_alloc, as the next one; the session cannot be used any more then.
+    // Processes bytes from the peer. Throws std::bad_alloc, as does look_at_clock; the session cannot be used
+    // afterwards.
     void receive(std::string_view wire, moment now);
 
-    // Does what the time demands.
+    // Performs the actions that are due.
     void look_at_clock(moment now);
 
-    // When that should happen next.
+    // The time of the next call of look_at_clock.
     moment next_look() const noexcept;
 
-    // What is to be sent; who sends it takes it out.
+    // The bytes to send; the caller removes the bytes it has sent.
     std::string& outgoing() noexcept { return m_channel.outgoing(); }
 
-    // Nothing more comes: the connection is closed once all is sent, or the time of next_look is over.
+    // The session produces no more output. The caller closes the connection after sending all output, or after a time
+    // limit.
     bool is_over() const noexcept { return m_over; }
 
-    // The connection ends, for a reason in words.
+    // Ends the session, for a reason that is traced.
     void lost(const char* reason);
 
-    gate::place place() const noexcept { return m_place; } // 0: it has none any more
+    gate::place place() const noexcept { return m_place; } // 0 after it has left the gate
 
 private:
     void handle(const frame& request, moment now);
@@ -76,14 +78,14 @@ private:
     gate::place m_place;
     tls_channel m_channel;
     frame_reader m_frames;
-    bool m_open = false; // the handshake is done
+    bool m_open = false; // the handshake has finished
     bool m_logged_in = false;
     bool m_over = false;
 
     std::optional<scram_server> m_login;
-    std::string m_account; // as the peer names it
-    std::string m_user;    // the same for the trace
-    // A request whose answer waits for its time: a login's last step, until the gate lets it, or a refusal.
+    std::string m_account; // as sent by the peer
+    std::string m_user;    // the same, quoted for the trace
+    // A request whose answer is delayed: the last step of a login until the gate admits it, or a refusal.
     enum class waiting { nothing, try_to_log_in, refusal };
     waiting m_waiting = waiting::nothing;
     frame m_waiting_request{};
@@ -94,12 +96,12 @@ private:
     moment m_begun;
     moment m_heard;
     moment m_sent;
-    std::optional<moment> m_within_since; // a frame has begun that is not whole
+    std::optional<moment> m_within_since; // since when a frame is incomplete
 };
 
-// A text of somebody who may not be trusted, as it stands in a line of trace: between quotes, which no text can leave,
-// since what is not printable ASCII, quotes and backslashes are "\xNN" within. A text longer than an account's name can
-// be is cut there, and "+N" behind the quotes says how many bytes more there are.
+// Quotes an untrusted text for a line of trace. No text can end the quotes: quotes, backslashes and everything but
+// printable ASCII become "\xNN". A text longer than the longest account name is cut there, and "+N" after the quotes
+// gives the number of missing bytes.
 std::string quoted(std::string_view text);
 
 } // namespace qor::control

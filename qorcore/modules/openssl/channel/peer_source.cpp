@@ -4,7 +4,7 @@
 
 qor::sockets::source qor::sockets::source_of(const endpoint& from, const endpoint& here) {
     source made{from.neighbour(), from.text()};
-    // A part of it may be the name of a network interface.
+    // The text may contain the name of a network interface, which may have any characters.
     std::replace_if(
         made.text.begin(), made.text.end(), [](char c) { return c < ' ' || c > '~' || c == '\''; }, '?');
     std::string user;

@@ -1,5 +1,5 @@
-// Inside the module qor-openssl: what counts as one on the other side of a connection. All users of a host share its
-// loopback addresses, so that an address says nothing there; the system knows whose a socket is.
+// Inside the module qor-openssl: identifies the source of a connection. All users of a host share its loopback
+// addresses, so the address does not distinguish them; but the system knows the owner of a socket.
 #pragma once
 
 #include "sockets.h"
@@ -9,15 +9,15 @@
 namespace qor::sockets {
 
 struct source {
-    std::string key;  // equal for all that count as one
-    std::string text; // for people: address and port, and the user where there is one
+    std::string key;  // equal for all connections of a source
+    std::string text; // for people: address and port, and the user if known
 };
 
-// The source of a connection from `from` to `here`, while it stands.
+// Returns the source of a connection from `from` to `here`. Call this while the connection exists.
 source source_of(const endpoint& from, const endpoint& here);
 
-// The user whose socket of this host it is, as digits, or on Windows as a text of his identifier. False: it is a socket
-// of another host, or nobody's any more, or the system does not tell.
+// Returns the owner of a socket of this host: the number of the user, or on Windows the text of the SID. Returns false
+// if the socket belongs to another host or to nobody any more, or if the system does not report the owner.
 bool owner_of(const endpoint& from, const endpoint& here, std::string& user);
 
 } // namespace qor::sockets

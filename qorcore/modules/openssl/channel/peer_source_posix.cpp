@@ -17,14 +17,14 @@ namespace {
 using qor::sockets::endpoint;
 using qor::sockets::owner_answer;
 
-// Without its family: an IPv4 address has 4 bytes.
+// The size without the family: an IPv4 address has 4 bytes.
 std::size_t address_size(const endpoint& of) noexcept { return of.is_ipv6() ? 16 : 4; }
 const unsigned char* address_bytes(const endpoint& of) noexcept {
     return of.bytes + (of.is_ipv6() ? endpoint::ipv6_at : endpoint::ipv4_at);
 }
 
-// As the lists have an end of a connection: words of 32 bits as they lie in memory, and the port. In the list of IPv6
-// an IPv4 address has its other form.
+// Formats an end of a connection as in the kernel's lists: words of 32 bits in memory order, and the port. The IPv6
+// list has IPv4 addresses in their mapped form.
 std::string listed(const endpoint& of, bool among_ipv6) {
     unsigned char bytes[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
     const std::size_t size = among_ipv6 ? 16 : 4;
@@ -65,7 +65,7 @@ owner_answer qor::sockets::owner_by_question(const endpoint& from, const endpoin
     if (made < 0)
         return owner_answer::cannot_ask;
     const socket to(made);
-    // The answer is there when the question has been sent.
+    // The kernel answers before send() returns, so receive() need not wait.
     alignas(nlmsghdr) char bytes[1024];
     std::size_t size;
     if (sockets::send(to, reinterpret_cast<const char*>(&question), sizeof question, &size) != 0 ||
@@ -78,8 +78,8 @@ owner_answer qor::sockets::owner_by_question(const endpoint& from, const endpoin
     if (head.nlmsg_type != SOCK_DIAG_BY_FAMILY || size < NLMSG_LENGTH(sizeof(inet_diag_msg)))
         return owner_answer::cannot_ask;
     const auto& found = *reinterpret_cast<const inet_diag_msg*>(NLMSG_DATA(&head));
-    // Where there is none the kernel gives a listener of that port, and one that its process has closed seems to be
-    // root's.
+    // If there is no such socket, the kernel returns a listener on that port. A socket that its process has closed
+    // appears to belong to root. Neither is an answer.
     if (found.idiag_state == TCP_LISTEN || found.idiag_inode == 0 || found.id.idiag_dport != id.idiag_dport)
         return owner_answer::nobody;
     user = found.idiag_uid;
@@ -117,7 +117,7 @@ owner_answer qor::sockets::owner_by_list(const char* folder, const endpoint& fro
 bool qor::sockets::owner_of(const endpoint& from, const endpoint& here, std::string& user) {
     std::uint32_t number = 0;
     owner_answer answer = owner_by_question(from, here, number);
-    // The lists are long where there are many connections, and those of other hosts are in none.
+    // The lists are long if there are many connections, and they contain no sockets of other hosts.
     if (answer == owner_answer::cannot_ask && from.is_loopback())
         answer = owner_by_list("/proc/net", from, here, number);
     if (answer == owner_answer::found)

@@ -31,12 +31,12 @@ bool is_row(const MIB_TCP6ROW_OWNER_PID& row, const endpoint& from, const endpoi
            std::memcmp(row.ucLocalAddr, from.bytes + endpoint::ipv6_at, 16) == 0;
 }
 
-// The process at the other end; 0: it is in no table.
+// Returns the process at the other end; 0 if no table has it.
 template <class TABLE>
 DWORD process_in(ULONG family, const endpoint& from, const endpoint& here) {
     std::vector<DWORD> memory;
     DWORD size = 0, failed;
-    // It may grow between two calls.
+    // The table may grow between two calls.
     while ((failed = GetExtendedTcpTable(memory.data(), &size, FALSE, family, TCP_TABLE_OWNER_PID_CONNECTIONS, 0)) ==
            ERROR_INSUFFICIENT_BUFFER) {
         memory.resize(size / sizeof(DWORD) + 1024);
@@ -53,7 +53,7 @@ DWORD process_in(ULONG family, const endpoint& from, const endpoint& here) {
 
 } // namespace
 
-// Other users' processes may be closed to this one: who they are is not known then.
+// This process may not be allowed to open another user's process. The owner is unknown then.
 bool qor::sockets::owner_of(const endpoint& from, const endpoint& here, std::string& user) {
     if (!from.is_loopback())
         return false;

@@ -1,11 +1,11 @@
-// Inside the seam to sockets: hosts by name. Each platform brings its types and functions.
+// Inside the seam to sockets: looks up hosts by name. Each platform supplies its types and functions.
 #pragma once
 
 #include "sockets.h"
 
 namespace qor::sockets {
 
-// Adds the endpoints of a host that `get` finds by `hints`. 0, or the code of `get`.
+// Appends the endpoints of a host that `get` finds with `hints`. Returns 0 or the error code of `get`.
 template <class INFO, class GET, class FREE>
 int look_up(const char* host, uint16 port, const INFO& hints, GET get, FREE free, std::vector<endpoint>& out) {
     INFO* found = nullptr;

@@ -5,7 +5,7 @@
 
 namespace {
 
-// An IPv4 address in its other form counts as what it is.
+// The prefix of an IPv4-mapped IPv6 address, which counts as an IPv4 address.
 constexpr unsigned char mapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
 
 bool is_mapped(const qor::sockets::endpoint& address) noexcept {
@@ -14,8 +14,8 @@ bool is_mapped(const qor::sockets::endpoint& address) noexcept {
 
 } // namespace
 
-// An address lies in memory as every system of ours has it, which sockets_posix.cpp and sockets_windows.cpp check: the
-// family, the port, and then an IPv4 address, or four bytes further an IPv6 one.
+// Relies on a memory layout that all supported systems share (sockets_posix.cpp and sockets_windows.cpp check it): the
+// family, the port, then an IPv4 address, or, four bytes later, an IPv6 address.
 qor::sockets::endpoint::endpoint(const void* address, std::size_t length) noexcept
     : size(static_cast<unsigned>(std::min(length, sizeof bytes))) {
     std::memcpy(bytes, address, size);

@@ -31,7 +31,7 @@ static_assert(offsetof(sockaddr_in, sin_port) == endpoint::port_at &&
               offsetof(sockaddr_in, sin_addr) == endpoint::ipv4_at &&
               offsetof(sockaddr_in6, sin6_addr) == endpoint::ipv6_at);
 
-// All sockets of the module, for the day of a fork. Never destroyed.
+// All sockets of the module, so that a forked child can close them. Never destroyed.
 struct register_of_sockets {
     struct entry {
         int handle;
@@ -43,7 +43,7 @@ struct register_of_sockets {
     unsigned forks = 0;
 };
 
-// The number of a socket's inode; 0: it is no socket.
+// Returns the inode number of a socket; 0 if the handle is not a socket.
 std::uint64_t identity_of(std::intptr_t handle) noexcept {
     struct stat status;
     return fstat(static_cast<int>(handle), &status) == 0 && S_ISSOCK(status.st_mode) ? status.st_ino : 0;
@@ -53,7 +53,7 @@ void before_fork();
 void after_fork_in_parent();
 void after_fork_in_child();
 
-// Takes no memory: destructors ask for it, too.
+// Allocates no memory, because destructors also call this.
 register_of_sockets& open_sockets() noexcept {
     alignas(register_of_sockets) static std::byte place[sizeof(register_of_sockets)];
     static register_of_sockets* const made = [] {
@@ -66,7 +66,7 @@ register_of_sockets& open_sockets() noexcept {
 void before_fork() { open_sockets().lock.lock(); }
 void after_fork_in_parent() { open_sockets().lock.unlock(); }
 
-// A connection that the child kept would outlive the parent's end of it.
+// A connection that stays open in the child would outlive the parent's end of it.
 void after_fork_in_child() {
     for (const auto& each : open_sockets().open)
         if (identity_of(each.handle) == each.identity)
@@ -87,7 +87,7 @@ int make(const endpoint& for_what, qor::sockets::socket& out) {
         return errno;
     out = qor::sockets::socket(made);
     const int on = 1;
-    // Small frames are answers that somebody waits for.
+    // Frames are small, and a peer waits for each answer.
     setsockopt(made, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     return 0;
 }
@@ -102,7 +102,7 @@ bool qor::sockets::is_not_here(int code) noexcept { return code == EADDRNOTAVAIL
 
 unsigned qor::sockets::fork_count() noexcept { return open_sockets().forks; }
 
-// As it is an object before its body, its destructor closes the handle where there is no memory for the entry.
+// The delegating constructor has finished, so if push_back throws, the destructor closes the handle.
 qor::sockets::socket::socket(std::intptr_t handle) : socket() {
     m_handle = handle;
     m_identity = identity_of(handle);
@@ -112,7 +112,7 @@ qor::sockets::socket::socket(std::intptr_t handle) : socket() {
 }
 
 bool qor::sockets::socket::is_ours() const noexcept {
-    // Closed by a fork, or by the host; the number may be somebody else's by now.
+    // A fork or the host may have closed the descriptor, and its number may belong to another file now.
     return is_open() && m_forks == open_sockets().forks && m_identity != 0 && identity_of(m_handle) == m_identity;
 }
 
@@ -233,7 +233,7 @@ bool qor::sockets::wait(std::span<watched> all, int milliseconds) {
     using clock = std::chrono::steady_clock;
     const clock::time_point end = clock::now() + std::chrono::milliseconds(milliseconds);
     int ready;
-    // A signal that is not for this thread to handle is no reason to come back early.
+    // A signal that interrupts poll() must not end the wait early.
     while ((ready = poll(list.data(), list.size(), milliseconds)) < 0 && errno == EINTR)
         if (milliseconds > 0)
             milliseconds = static_cast<int>(
@@ -245,7 +245,7 @@ bool qor::sockets::wait(std::span<watched> all, int milliseconds) {
 
 qor::sockets::waker::waker() {
     int ends[2];
-    // The end of one of them, which nobody means, wakes the other one.
+    // One end becomes readable when the other end is written to.
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0)
         throw std::system_error(errno, std::generic_category());
     m_receiver = socket(ends[0]);

@@ -21,7 +21,7 @@ static_assert(offsetof(sockaddr_in, sin_port) == endpoint::port_at &&
               offsetof(sockaddr_in, sin_addr) == endpoint::ipv4_at &&
               offsetof(sockaddr_in6, sin6_addr) == endpoint::ipv6_at);
 
-// Once, and for good: the host may use sockets of its own.
+// Called once and never undone, because the host may use sockets of its own.
 void start() {
     static const bool started = [] {
         WSADATA data;
@@ -37,7 +37,7 @@ int size_of(const endpoint& of) noexcept { return static_cast<int>(of.size); }
 
 SOCKET handle_of(const qor::sockets::socket& of) noexcept { return static_cast<SOCKET>(of.handle()); }
 
-// Never blocking, without delay, and no child's.
+// Makes a socket non-blocking, without send delay, and not inheritable by child processes.
 void set_up(SOCKET made) noexcept {
     u_long on = 1;
     ioctlsocket(made, FIONBIO, &on);
@@ -72,12 +72,12 @@ const int qor::sockets::in_use = WSAEADDRINUSE;
 
 bool qor::sockets::is_not_here(int code) noexcept { return code == WSAEADDRNOTAVAIL || code == WSAEAFNOSUPPORT; }
 
-// Nothing forks here.
+// Windows has no fork.
 unsigned qor::sockets::fork_count() noexcept { return 0; }
 
 qor::sockets::socket::socket(std::intptr_t handle) : m_handle(handle) {}
 
-// Nobody closes handles that he does not know here.
+// On Windows, no code closes handles that it does not know.
 bool qor::sockets::socket::is_ours() const noexcept { return is_open(); }
 
 qor::sockets::socket::~socket() {
@@ -109,7 +109,7 @@ int qor::sockets::listen_at(const endpoint& at, socket& out) {
     socket made;
     if (const int failed = make(family_of(at), SOCK_STREAM, IPPROTO_TCP, made))
         return failed;
-    // Otherwise another program could take the port as well.
+    // Without this option, another program could bind the same port.
     set_on(made, SOL_SOCKET, SO_EXCLUSIVEADDRUSE);
     if (at.is_ipv6())
         set_on(made, IPPROTO_IPV6, IPV6_V6ONLY);
@@ -146,7 +146,7 @@ int qor::sockets::connect_to(const endpoint& to, int milliseconds, socket& out) 
     if (connect(handle_of(made), address_of(to), size_of(to)) != 0) {
         if (WSAGetLastError() != WSAEWOULDBLOCK)
             return WSAGetLastError();
-        // WSAPoll of older systems does not tell of a connection that failed.
+        // WSAPoll of older systems does not report a failed connection.
         fd_set stands, failed;
         FD_ZERO(&stands);
         FD_ZERO(&failed);
@@ -189,7 +189,7 @@ bool qor::sockets::wait(std::span<watched> all, int milliseconds) {
     return true;
 }
 
-// A datagram socket of this host that is connected to itself.
+// A datagram socket on the loopback address that is connected to itself.
 qor::sockets::waker::waker() {
     endpoint at;
     auto* const address = reinterpret_cast<sockaddr_in*>(at.bytes);

@@ -16,7 +16,7 @@ namespace {
 using qor::control::key_fingerprint;
 using qor::control::protocol_name;
 
-// As TLS lists it: a length and the name.
+// The protocol's name in the form of a TLS list: its length, then the name.
 constexpr unsigned char offered[] = "\x0bqor-debug/1";
 static_assert(sizeof offered - 2 == 0x0b && sizeof protocol_name - 1 == 0x0b);
 
@@ -39,8 +39,9 @@ int choose_protocol(SSL*, const unsigned char** out, unsigned char* out_size, co
 }
 
 constexpr std::size_t header_size = 5;
-constexpr std::size_t wrapping = 256; // at most, around what a record means
-// Of the record that begins here; 0: it is not known yet. What is no record of TLS is for OpenSSL to refuse.
+constexpr std::size_t wrapping = 256; // the largest overhead of a record over its content
+// Returns the size of the record at the front; 0 if it is not known yet. Data that is not a TLS record is passed to
+// OpenSSL, which rejects it.
 std::size_t record_size(std::string_view bytes) noexcept {
     if (bytes.size() < header_size)
         return 0;
@@ -50,8 +51,8 @@ std::size_t record_size(std::string_view bytes) noexcept {
     return header_size + static_cast<std::size_t>(at(3) << 8 | at(4));
 }
 
-// A message of the handshake is given room for all that it claims to be, as soon as its first bytes are there. No
-// client of ours needs more than one record for it.
+// OpenSSL allocates the size that a handshake message claims as soon as its first bytes arrive. Our clients need no
+// more than one record for such a message, so reject larger ones.
 bool is_modest(std::string_view record) noexcept {
     constexpr char handshake = 22;
     if (record[0] != handshake)
@@ -61,10 +62,10 @@ bool is_modest(std::string_view record) noexcept {
                qor::control::tls_channel::longest_hello;
 }
 
-// It means nothing, and OpenSSL clients send it before their last message: RFC 8446, D.4.
+// OpenSSL clients send this meaningless record before their last message: RFC 8446, D.4.
 bool is_meaningless(std::string_view record) noexcept { return record == std::string_view("\x14\3\3\0\1\1", 6); }
 
-// What has gone through is kept no longer, nor the room for it: a connection that says nothing holds no buffers.
+// Frees the buffer of processed bytes, so that an idle connection holds no buffers.
 void release(BIO* memory) {
     BUF_MEM* const fresh = BUF_MEM_new();
     if (fresh == nullptr)
@@ -72,26 +73,26 @@ void release(BIO* memory) {
     BIO_set_mem_buf(memory, fresh, BIO_CLOSE);
 }
 
-// No authority vouches for a server: its key's fingerprint and the login do.
+// No authority certifies a server; the fingerprint of its key and the login prove its identity.
 int take_any_certificate(X509_STORE_CTX*, void*) noexcept { return 1; }
 
 bool set_common(SSL_CTX* context) noexcept {
     SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_NO_COMPRESSION);
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS);
-    // What is bigger is no handshake of ours.
+    // No handshake of ours is larger.
     SSL_CTX_set_max_cert_list(context, 8192);
     return SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) == 1 &&
            SSL_CTX_set_max_proto_version(context, TLS1_3_VERSION) == 1 && SSL_CTX_set_num_tickets(context, 0) == 1 &&
            SSL_CTX_set_max_early_data(context, 0) == 1;
 }
 
-// Its contents but for the key mean nothing; some clients want them all the same.
+// Only the key in the certificate matters, but some clients require the other fields.
 std::unique_ptr<X509, qor::control::openssl_freer> make_certificate(EVP_PKEY* key) noexcept {
     std::unique_ptr<X509, qor::control::openssl_freer> made(X509_new());
     uint64 serial = 0;
     X509_NAME* const name = made != nullptr ? X509_get_subject_name(made.get()) : nullptr;
-    // Keys of the Edwards curves bring their digest along.
+    // Keys on Edwards curves have a built-in digest.
     const bool own_digest = EVP_PKEY_is_a(key, "ED25519") == 1 || EVP_PKEY_is_a(key, "ED448") == 1;
     if (name == nullptr || RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) != 1 ||
         X509_set_version(made.get(), X509_VERSION_3) != 1 ||
@@ -152,7 +153,8 @@ qor::control::tls_channel::tls_channel(SSL_CTX* context, side which)
 void qor::control::tls_channel::receive(std::string_view wire, std::string& plain) {
     if (m_state != state::handshake && m_state != state::open)
         return;
-    // OpenSSL would keep large buffers for a record that has only begun, and does not always tell that one has.
+    // OpenSSL would allocate large buffers for an incomplete record, and does not always report that a record is
+    // incomplete. So only complete records are passed on.
     m_partial += wire;
     std::string_view rest = m_partial;
     std::size_t size;
@@ -170,7 +172,7 @@ void qor::control::tls_channel::receive(std::string_view wire, std::string& plai
         if (BIO_write(SSL_get_rbio(m_ssl.get()), rest.data(), static_cast<int>(size)) != static_cast<int>(size))
             throw no_memory();
     }
-    // No more room than the record takes that has begun; a text that has some already would double it.
+    // Reserve only the size of the incomplete record; growing the existing string could double its capacity.
     std::string begun;
     begun.reserve(size);
     begun = rest;
@@ -179,16 +181,16 @@ void qor::control::tls_channel::receive(std::string_view wire, std::string& plai
         advance(plain);
 }
 
-// OpenSSL keeps buffers of 30 KiB for the rest of the handshake, and a client may be long about it. A server that asks
-// for early data is called back once its answer is written, and those buffers are freed there; the data themselves
-// would need a ticket, and nobody has one. They are made anew for what comes next, so that has to be all that is
-// missing.
+// OpenSSL would keep buffers of 30 KiB until the handshake ends, which a client may delay. A server that asks for early
+// data gets control back after its answer is written, and OpenSSL frees these buffers there. Early data itself would
+// need a ticket, and nobody has one. OpenSSL allocates the buffers again for the client's next message, so that must be
+// the last one and must arrive complete.
 void qor::control::tls_channel::answer_hello() {
     char nothing;
     std::size_t length = 0;
     m_awaited = awaited::last_message;
     if (SSL_read_early_data(m_ssl.get(), &nothing, sizeof nothing, &length) == SSL_READ_EARLY_DATA_FINISH) {
-        // No key has been agreed on where the client would have to send another hello.
+        // If the client would have to send another hello, no key has been agreed on yet.
         EVP_PKEY* of_client = nullptr;
         if (SSL_get_peer_tmp_key(m_ssl.get(), &of_client) != 1)
             return fail("the hello brings no key for a curve that is known here");
@@ -213,8 +215,8 @@ void qor::control::tls_channel::advance(std::string& plain) {
         if (result == 1) {
             m_state = state::open;
             m_awaited = awaited::anything;
-            // One for writing is made for the handshake's last message and freed after the first writing, which may be
-            // long in coming.
+            // OpenSSL allocates a write buffer for the last message of the handshake and keeps it until the first
+            // write, which may be much later.
             SSL_free_buffers(m_ssl.get());
         } else if (m_awaited == awaited::last_message && SSL_get_error(m_ssl.get(), result) == SSL_ERROR_WANT_READ)
             return fail("the last message of the handshake is in pieces");
@@ -263,7 +265,7 @@ void qor::control::tls_channel::drain() {
     BIO* const out = SSL_get_wbio(m_ssl.get());
     char* bytes = nullptr;
     if (const long size = BIO_get_mem_data(out, &bytes); size > 0) {
-        // What a peer does not read is kept without the room that a growing text takes for more to come.
+        // Copy the unread output into a string of its exact size; a growing string would reserve more.
         std::string all;
         all.reserve(m_outgoing.size() + static_cast<std::size_t>(size));
         all.append(m_outgoing).append(bytes, static_cast<std::size_t>(size));
