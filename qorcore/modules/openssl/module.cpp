@@ -1,4 +1,4 @@
-// The module qor-openssl: what libqor does with OpenSSL.
+// The module qor-openssl: the parts of libqor that use OpenSSL.
 #include "qor/glue/module.h"
 #include "channel/control_client.h"
 #include "channel/debug_listener.h"
@@ -38,8 +38,8 @@ constexpr qor::glue::module_table table = {&create_object};
 extern "C" const qor::glue::module_table* glue_module_point(const qor::glue::binding_table* library) noexcept {
     if (!qor::glue::bind_module(library))
         return nullptr;
-    // A process may end while a thread of ours still uses OpenSSL, so nothing of it is taken down.
-    // Without memory for its context most of its functions would read what is not there.
+    // Do not clean up OpenSSL at exit: a thread of ours may still use it while the process ends. If the default context
+    // could not be allocated, most OpenSSL functions would access invalid memory.
     if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1 || OSSL_LIB_CTX_get0_global_default() == nullptr)
         return nullptr;
     return &table;

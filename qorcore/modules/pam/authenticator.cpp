@@ -26,13 +26,13 @@ using qor::modules::guarded;
 
 constexpr char source[] = "qorcore/modules/pam/authenticator";
 
-// The service is our own. Those of other programs follow rules of theirs: `su` takes any password from root.
+// A PAM service of our own. The services of other programs have their own rules: `su` accepts any password from root.
 constexpr char service[] = "qor";
-constexpr char host_file[] = "/etc/pam.d/qor"; // what the administrator wrote comes before what came with us
+constexpr char host_file[] = "/etc/pam.d/qor"; // the administrator's file takes precedence over ours
 
-// ---- where the service file lies
+// ---- the place of the service file
 
-// The folder pam.d beside this module.
+// Returns the folder pam.d beside this module.
 std::string own_folder() {
     Dl_info self;
     if (dladdr(host_file, &self) == 0)
@@ -41,7 +41,7 @@ std::string own_folder() {
     return path.substr(0, path.rfind('/') + 1) + "pam.d";
 }
 
-// False, and the last error: it is something else, which is not for reading.
+// Returns false and sets the last error if it is not a plain file.
 bool is_file(const char* path, const struct stat& status) noexcept {
     if (qor::glue::reason_against(status) == 0)
         return true;
@@ -53,7 +53,7 @@ bool is_file(const char* path, const struct stat& status) noexcept {
 
 // ---- the conversation
 
-// The one question that is answered, and that once.
+// The only question that is answered, and only once.
 struct answer {
     const char* password;
     bool given = false;
@@ -64,8 +64,8 @@ void wipe(char* text) noexcept {
         explicit_bzero(text, std::strlen(text));
 }
 
-// Modules tell things and ask for things. Only a hidden word is known here: who is asked for anything else, a second
-// factor or a new password, cannot log on this way.
+// Modules may show messages and ask questions. Only a hidden prompt is answered, with the password. An account that
+// needs anything else, such as a second factor or a new password, cannot log on this way.
 int converse(int count, const pam_message** messages, pam_response** responses, void* context) noexcept {
     auto& known = *static_cast<answer*>(context);
     auto* const replies =
@@ -106,8 +106,8 @@ public:
         const std::string folder = own_folder();
         const std::string file = folder + '/' + service;
         struct stat status;
-        // PAM would answer for a service without a file by the rules for "other", whatever they are; and it would wait
-        // at a pipe.
+        // PAM would serve a service without a file by the rules for "other", whatever they are, and it would wait on a
+        // pipe. So check the files first.
         if (stat(host_file, &status) == 0) {
             if (is_file(host_file, status))
                 m_result = pam_start(service, name, &m_conversation, &m_handle);
@@ -126,10 +126,10 @@ public:
             pam_end(m_handle, m_result);
     }
 
-    // False: the last error says why, as it does if one of the others is false.
+    // On false, the last error gives the reason; the same holds for the other functions.
     bool is_open() const noexcept { return m_handle != nullptr; }
 
-    // Whether the password is right. An account that has none cannot show who somebody is.
+    // Whether the password is right. An account without a password cannot prove anyone's identity.
     bool authenticate(const char* name) {
         m_result = pam_authenticate(m_handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
         return m_result == PAM_SUCCESS || fail("pam_authenticate", name);
@@ -141,7 +141,7 @@ public:
         return m_result == PAM_SUCCESS || fail("pam_acct_mgmt", name);
     }
 
-    // A module may have found another name for whom we asked.
+    // A module may have replaced the name.
     bool get_account(const char* name, qorString& out) {
         const void* found = nullptr;
         m_result = pam_get_item(m_handle, PAM_USER, &found);
@@ -160,9 +160,9 @@ private:
     int m_result = PAM_SUCCESS;
 };
 
-// To PAM a locked password is one that no word fits: an exclamation mark stands in front of its hash. Who knows the
-// word that fitted before is told; for everybody else it is a wrong one. Only who may read the shadow file gets that
-// far.
+// A locked password has an exclamation mark before its hash, so PAM finds that no password matches. If the given
+// password matches the hash, the user is told about the lock; otherwise the password is simply wrong. This needs read
+// access to the shadow file.
 bool fits_locked_password(const char* name, const char* password) {
     std::vector<char> buffer(1024);
     spwd entry;
@@ -218,7 +218,7 @@ public:
     authenticator() noexcept : object("qorcore.pam.authenticator", "IQORAuthenticator") {}
 
     bool Authenticate(const char* name, const char* password, qorString& account) noexcept override {
-        // PAM would ask for a name that is empty.
+        // PAM would prompt for an empty name.
         if (*name == '\0') {
             qorSetLastError(qorError_credentials_refused);
             return false;

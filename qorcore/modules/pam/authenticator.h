@@ -1,7 +1,7 @@
-// Inside the module qor-pam: passwords checked by PAM.
+// Inside the module qor-pam: checks passwords with PAM.
 #pragma once
 
 #include "qor/qor.h"
 
-// False: the last error says why.
+// On false, the last error gives the reason.
 bool create_authenticator(IQORAuthenticator** out) noexcept;

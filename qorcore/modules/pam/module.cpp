@@ -1,4 +1,4 @@
-// The module qor-pam: what libqor does with PAM.
+// The module qor-pam: the parts of libqor that use PAM.
 #include "qor/glue/module.h"
 #include "authenticator.h"
 #include "common/hand_out.h"

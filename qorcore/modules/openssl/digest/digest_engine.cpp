@@ -26,7 +26,7 @@ public:
     }
 
     bool GetDigest(uint8_Array& out) noexcept override {
-        // The end of a message takes its context with it, so it is a copy that ends.
+        // Finishing a digest consumes its context, so finish a copy.
         const context_pointer message(EVP_MD_CTX_new());
         if (message == nullptr || EVP_MD_CTX_copy_ex(message.get(), m_message.get()) != 1)
             return failed("EVP_MD_CTX_copy_ex");

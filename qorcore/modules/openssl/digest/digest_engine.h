@@ -1,7 +1,7 @@
-// Inside the module qor-openssl: digests of OpenSSL.
+// Inside the module qor-openssl: OpenSSL's digests.
 #pragma once
 
 #include "qor/qor.h"
 
-// False: the last error says why.
+// On false, the last error gives the reason.
 bool create_digest_engine(const char* algorithm, IQORDigestEngine** out) noexcept;

@@ -15,7 +15,7 @@ namespace {
 
 using qor::control::account_list;
 
-// Reasons of the catalog "qorcore", in the order of account_list::fault.
+// Texts in the catalog "qorcore", in the order of account_list::fault.
 constexpr uint32 first_fault_text = framework::no_colon;
 
 bool cannot_use(const std::string& path, const std::string& reason) {
@@ -145,7 +145,7 @@ bool qor::control::find_accounts(const char* path, std::string& out) {
 }
 
 bool qor::control::accounts::open(const char* path) {
-    // Of the key, once that is open; until then it only has to be unknown.
+    // open_key() replaces this by a secret derived from the key. Until then, the secret only has to be unpredictable.
     crypto::digest secret;
     if (!find_accounts(path, m_path) || !crypto::random_bytes(secret.data(), secret.size()) || !load())
         return false;
@@ -172,15 +172,16 @@ bool qor::control::accounts::load() {
     return done;
 }
 
-// Each look draws a lot for the name, by a secret, and the one with the most luck for its number of accounts wins: it
-// wins as often as it is met among the accounts. Where accounts come and go, no more names change their look than need
-// to. A salt belongs to one look, for accounts that change theirs have a new salt, too.
+// Weighted rendezvous hashing: each look gets a pseudorandom number for the name, keyed by a secret, and the best
+// number, weighted by the count of accounts with that look, wins. So a look is as frequent among unknown names as among
+// the accounts, and a change of the accounts changes the look of as few names as possible. The salt depends on the look
+// too, because an account whose look changes also gets a new salt.
 bool qor::control::accounts::invent(std::string_view name, crypto::verifier& out) const {
     out = {};
     double most = 0;
     std::string seed;
     for (const auto& [look, count] : m_looks) {
-        // No name of a login has a zero byte.
+        // The name of a login contains no zero byte.
         std::string text(name);
         text.append(1, '\0').append(std::to_string(look.first)).append(1, ':').append(std::to_string(look.second));
         crypto::digest lot;
@@ -188,7 +189,7 @@ bool qor::control::accounts::invent(std::string_view name, crypto::verifier& out
             return false;
         uint64 number;
         std::memcpy(&number, lot.data(), sizeof number);
-        // Uniform in (0, 1]; 53 bits are what the fraction has room for.
+        // Uniform in (0, 1]; a double holds 53 bits exactly.
         const double luck = static_cast<double>((number >> 11) + 1) * 0x1p-53;
         const double weight = count / std::max(-std::log(luck), 0x1p-60);
         if (weight > most) {
@@ -209,13 +210,14 @@ bool qor::control::accounts::invent(std::string_view name, crypto::verifier& out
 }
 
 bool qor::control::accounts::look_up(std::string_view name, crypto::verifier& out, bool& is_known) {
-    // Who was taken out since must not come in, and a file that cannot be used is one without accounts.
+    // Read the file again: an account that was removed meanwhile must not log in. An unusable file counts as one
+    // without accounts.
     if (!load()) {
         qorString reason;
         qorGetLastError(reason);
         qorDebug(qorDebugAllocateCode("system.debug-control"), "%s", reason.Text());
     }
-    // For everybody: the time tells nothing then.
+    // Computed for known users too, so that the response time reveals nothing.
     if (!invent(name, out))
         return false;
     const crypto::verifier* const found = m_accounts.find(name);

@@ -1,6 +1,6 @@
-// Inside the module qor-openssl: who may log in to debug control. A file of lines "name:verifier" (verifier.h); empty
-// lines and those that begin with '#' are left as they are. Beside it, in "<file>.key", lies the key that the listener
-// shows.
+// Inside the module qor-openssl: the accounts that may log in to debug control. The file has lines "name:verifier"
+// (verifier.h); empty lines and lines that begin with '#' are kept. The key that the listener shows lies beside it, in
+// "<file>.key".
 #pragma once
 
 #include "password/verifier.h"
@@ -16,36 +16,36 @@ namespace qor::control {
 
 inline constexpr std::size_t longest_user_name = 255; // bytes
 
-// 1 to 255 bytes, without a colon and control characters; no '#' in front and no blank at either end.
+// 1 to 255 bytes, without colons and control characters, not beginning with '#', and without a blank at either end.
 bool is_user_name(std::string_view name) noexcept;
 
-// The text of the file.
+// The content of the file.
 class account_list {
 public:
-    // What is wrong with a line.
+    // The error in a line.
     enum class fault { none, no_colon, bad_name, bad_verifier, twice };
 
-    // False: `line` (from 1 on) and `what` tell the first fault, and the list is empty.
+    // On false, `line` (counted from 1) and `what` describe the first error, and the list is empty.
     bool parse(std::string_view text, unsigned& line, fault& what);
 
-    // As it is to be written: every line that was there before is there still.
+    // Returns the new content of the file. All other lines are preserved.
     std::string format() const;
 
     const crypto::verifier* find(std::string_view name) const noexcept;
     void set(std::string_view name,
-             const crypto::verifier& value); // in place of the one that is there, else as the last line
+             const crypto::verifier& value); // replaces the account's entry, or appends a line
     bool remove(std::string_view name);
     std::vector<std::string> names() const;
 
-    // The iterations and the length of the salt, which a stranger sees of an account before the login.
+    // The iterations and the length of the salt: everything that a client sees of an account before the login.
     using look = std::pair<uint32, std::size_t>;
 
-    // How many accounts look like that.
+    // Returns the number of accounts with each look.
     std::map<look, unsigned> looks() const;
 
 private:
     struct entry {
-        std::string line; // a comment, where there is no name
+        std::string line; // a comment, if there is no name
         std::string name;
         crypto::verifier value;
     };
@@ -53,22 +53,23 @@ private:
     fault parse_account(std::string_view all, entry& made);
 
     std::vector<entry> m_entries;
-    std::map<std::string, std::size_t, std::less<>> m_places; // of the names, in the entries
+    std::map<std::string, std::size_t, std::less<>> m_places; // maps names to indexes of m_entries
 };
 
 // The accounts of a listener. Not thread-safe. Throws std::bad_alloc.
 class accounts {
 public:
-    // Null: the file in the framework's configuration folder. False: there is none, it cannot be used, or others may
-    // read it; the last error says so.
+    // Opens the file; null means the file in the framework's configuration folder. Returns false if there is none, if
+    // it cannot be used, or if others may read it; the last error gives the reason.
     bool open(const char* path);
 
-    // The listener's key, which is made where there is none. Call it after open. False: the last error says why.
+    // Opens the listener's key and makes one if there is none. Call this after open. On false, the last error gives the
+    // reason.
     bool open_key(crypto::key_pointer& key);
 
-    // What there is to know of a user; the file is looked at anew. A user that is not there gets a verifier that nobody
-    // fits, the same one each time, and looks as one of the accounts does, each look as often among such users as among
-    // the accounts. False: the last error says why.
+    // Reads the file again and looks up a user. An unknown user gets a verifier that no password matches, the same one
+    // each time, with the look of an account; each look is as frequent among unknown users as among the accounts. On
+    // false, the last error gives the reason.
     bool look_up(std::string_view name, crypto::verifier& out, bool& is_known);
 
 private:
@@ -78,15 +79,15 @@ private:
     std::string m_path;
     account_list m_accounts;
     std::map<account_list::look, unsigned> m_looks;
-    std::string m_secret; // what is invented is made of it
+    std::string m_secret; // seeds the invented verifiers
 };
 
-// The file of a path that somebody gave; null: the one in the framework's configuration folder. False: the last error
-// says why.
+// Returns the path that the user gave; for null, the path of the file in the framework's configuration folder. On
+// false, the last error gives the reason.
 bool find_accounts(const char* path, std::string& out);
 
-// Reads accounts from a file. False: the last error says why. A missing file is one without accounts, where
-// `is_missing` takes it.
+// Reads accounts from a file. On false, the last error gives the reason. A missing file is an error if `is_missing` is
+// null; otherwise it counts as a file without accounts.
 bool read_accounts(const std::string& path, account_list& out, bool* is_missing = nullptr);
 
 } // namespace qor::control

@@ -1,4 +1,4 @@
-// Accounts of debug control: reading, changing and writing their file.
+// Accounts of debug control: reads, changes and writes their file.
 #include "debug_users.h"
 
 #include "accounts.h"
@@ -34,14 +34,14 @@ bool no_such_user(const std::string& path, const char* name) {
     return false;
 }
 
-// `edit` changes the accounts between reading and writing; no other change comes in between. The file may be missing
-// where the accounts begin with this change.
+// Reads the accounts, lets `edit` change them and writes them; the lock keeps other writers out meanwhile. The file may
+// be missing if `may_be_missing`.
 template <class EDIT>
 bool change(const std::string& path, bool may_be_missing, EDIT edit) {
     bool is_missing = false;
     account_list accounts;
     std::string reason;
-    // Where there is nothing to change, nothing is made, no lock either.
+    // If the file is required, check it first: without it, create nothing, not even the lock file.
     if (!may_be_missing && !qor::control::read_accounts(path, accounts))
         return false;
     const qor::control::private_file_lock lock(path);

@@ -12,7 +12,7 @@ using qor::control::key_fingerprint;
 constexpr std::string_view algorithm = "sha256";
 constexpr std::string_view digits = "0123456789abcdef";
 
-// Names of hosts have no case.
+// Host names are not case-sensitive.
 std::string plain_host(std::string host) {
     std::transform(host.begin(), host.end(), host.begin(), [](char c) { return c >= 'A' && c <= 'Z' ? c + 32 : c; });
     return host;
@@ -88,7 +88,7 @@ bool qor::control::known_hosts::look_up(const std::string& host, uint16 port, co
         if (!found)
             continue;
         const std::string line_number = std::to_string(line);
-        // It may have been the line of this very host.
+        // The damaged line may be the one of this host.
         if (!found->key) {
             qorSetLastError(qorError_debug_known_hosts_line, m_path.c_str(), line_number.c_str());
             return false;
@@ -105,7 +105,7 @@ bool qor::control::known_hosts::look_up(const std::string& host, uint16 port, co
 }
 
 bool qor::control::known_hosts::remember(const std::string& host, uint16 port, const key_fingerprint& key) {
-    // A line of its own is all that a host may get.
+    // The host must not be able to break the format of its line.
     if (host.empty() || host.front() == '#' ||
         std::any_of(host.begin(), host.end(), [](char c) { return c >= '\0' && c <= ' '; })) {
         qorSetLastError(qorError_no_such_host, host.c_str());
@@ -114,7 +114,7 @@ bool qor::control::known_hosts::remember(const std::string& host, uint16 port, c
     bool known;
     if (!look_up(host, port, key, known) || known)
         return known;
-    // Read once more: another console may add its line at this moment.
+    // Look again under the lock: another console may be adding the same line.
     const private_file_lock lock(m_path);
     std::string reason;
     if (!lock.is_held(reason))

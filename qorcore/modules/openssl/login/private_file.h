@@ -1,4 +1,4 @@
-// Inside the module qor-openssl: files that are their owner's alone. Reasons are in the user's language. Any thread;
+// Inside the module qor-openssl: files that only their owner may use. Reasons are in the user's language. Thread-safe;
 // throws std::bad_alloc.
 #pragma once
 
@@ -10,26 +10,25 @@
 
 namespace qor::control {
 
-// All of a file. One that is not there is empty, and `is_missing` says so. False: it cannot be read, is no plain file,
-// or others than its owner may read or write it.
+// Reads a whole file. For a missing file, the text is empty and `is_missing` true. Returns false if the file cannot be
+// read, is not a plain file, or if others than its owner may read or write it.
 bool read_private_file(const std::string& path, std::string& text, std::string& reason, bool& is_missing);
 
-// The same of a file that is no secret: others may read it, but not write it.
+// Like the above for a file that is not secret: others may read it, but not write it.
 bool read_own_file(const std::string& path, std::string& text, std::string& reason);
 
-// Puts a file in the place of the one that is there, whole or not at all, for its owner only. Folders that are missing
-// on the way are made, for their owner only, too, but not in a folder of somebody else. A private_file_lock has to keep
-// other writers off.
+// Replaces a file atomically; only its owner has access to the new one. Makes missing folders, also for the owner only,
+// but never in a folder of another user. The caller must hold a private_file_lock, which keeps other writers out.
 bool write_private_file(const std::string& path, std::string_view text, std::string& reason);
 
-// Where a file of the framework's configuration folder is for the user that runs this process. False: the last error
-// says why.
+// Returns the path of a file in the framework's configuration folder, for the user who runs this process. On false, the
+// last error gives the reason.
 bool configuration_file(const char* name, std::string& path);
 
-// Our files are small, so a longer one is refused.
+// Our files are small, so longer ones are rejected.
 inline constexpr std::size_t longest_private_file = 16 << 20;
 
-// A reason of the catalog "qorcore".
+// A reason in the catalog "qorcore".
 enum class private_file_fault : unsigned {
     others_have_access = messages::framework::others_have_access,
     of_another_owner = messages::framework::of_another_owner,
@@ -41,11 +40,11 @@ enum class private_file_fault : unsigned {
 };
 std::string reason_of(private_file_fault fault, const std::string& insert = {});
 
-// So long one waits for another's lock.
+// The longest wait for a lock that another process holds.
 inline constexpr std::chrono::seconds lock_patience{20};
 
-// While it lives no other process that asks for it changes this file. It is a lock of a file of its own beside it,
-// "<file>.lock", that nobody but its owner can open: other users could hold the lock of anything that they may read.
+// While this object lives, no other process that asks for the lock changes the file. The lock is on a separate file
+// beside it, "<file>.lock", which only its owner can open: other users could lock any file that they may read.
 class private_file_lock {
 public:
     explicit private_file_lock(const std::string& file);
@@ -53,14 +52,14 @@ public:
     private_file_lock& operator=(const private_file_lock&) = delete;
     ~private_file_lock();
 
-    // False: `reason` says why.
+    // On false, `reason` has the text.
     bool is_held(std::string& reason) const {
         reason = m_reason;
         return m_handle != -1;
     }
 
 private:
-    long long m_handle = -1; // the system's
+    long long m_handle = -1; // the system's handle or descriptor
     std::string m_path;
     std::string m_reason;
 };

@@ -50,7 +50,7 @@ std::string folder_of(const std::string& path) {
     return slash == path.npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// Where a link leads to is what is to be replaced, not the link.
+// Resolves links, so that the target of a link is replaced and not the link.
 std::string real_path(const std::string& path) {
     char* const found = realpath(path.c_str(), nullptr);
     if (found == nullptr && errno == ENOMEM)
@@ -60,11 +60,11 @@ std::string real_path(const std::string& path) {
     return real;
 }
 
-// Files of ours in somebody else's folder would stand in his way, and he could put an earlier one in the place of a
-// newer.
+// In another user's folder, our files would be in that user's way, and that user could replace a file by an earlier
+// version.
 bool is_own_folder(const struct stat& status) noexcept { return status.st_uid == geteuid() || status.st_uid == 0; }
 
-// So could whoever may write in the folder, but for those with the sticky bit.
+// Everyone who may write in the folder could also do that, unless the folder has the sticky bit.
 bool is_safe_folder(const std::string& folder, std::string& reason) {
     struct stat status;
     if (stat(folder.c_str(), &status) != 0)
@@ -76,7 +76,7 @@ bool is_safe_folder(const std::string& folder, std::string& reason) {
     return true;
 }
 
-// `forbidden`: what others may not do.
+// `forbidden` has the access rights that others must not have.
 bool is_own(const struct stat& status, mode_t forbidden, std::string& reason) {
     if (status.st_uid != geteuid() && status.st_uid != 0)
         return failed(private_file_fault::of_another_owner, reason);
@@ -123,8 +123,8 @@ bool write_all(int file, std::string_view text) {
     return true;
 }
 
-// Those that are missing. A super-user who runs with the home folder of somebody else must not leave folders in it that
-// this one cannot use.
+// Makes missing folders. A super-user who runs with another user's home folder must not leave folders there that this
+// user cannot use.
 bool make_folders(const std::string& path, std::string& reason) {
     for (std::size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1)) {
         const std::string folder = path.substr(0, slash);
@@ -140,13 +140,13 @@ bool make_folders(const std::string& path, std::string& reason) {
     return true;
 }
 
-// After a loss of power the file is whole.
+// fsync keeps the file complete even after a power failure.
 bool put(int file, std::string_view text) {
     return file >= 0 && fchmod(file, S_IRUSR | S_IWUSR) == 0 && write_all(file, text) && fsync(file) == 0;
 }
 
-// The file has no name before it is whole: who is killed on the way leaves nothing behind. Not every file system can do
-// that.
+// The file has no name until it is complete, so a process that is killed leaves nothing behind. Not every file system
+// supports this.
 bool put_nameless(const std::string& folder, std::string_view text, const std::string& name) {
     const descriptor file(open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, S_IRUSR | S_IWUSR));
     const std::string made = "/proc/self/fd/" + std::to_string(file.number());
@@ -158,7 +158,7 @@ bool put_named(std::string_view text, const std::string& name) {
     return put(file.number(), text);
 }
 
-// The lock file, without waiting for a lock. Not open: `reason` says why.
+// Opens the lock file; does not wait for the lock. On failure, returns a closed descriptor and sets `reason`.
 descriptor open_lock(const std::string& path, std::string& reason) {
     descriptor lock(
         open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, S_IRUSR | S_IWUSR));
@@ -174,7 +174,7 @@ descriptor open_lock(const std::string& path, std::string& reason) {
     return is_own(status, S_IRWXG | S_IRWXO, reason) ? std::move(lock) : descriptor(-1);
 }
 
-// The holder of the lock removes the file with it: a lock on a removed file keeps nobody off.
+// The holder of the lock removes the file at the end; a lock on a removed file keeps nobody out.
 bool is_at(int file, const std::string& path) noexcept {
     struct stat opened, there;
     return fstat(file, &opened) == 0 && stat(path.c_str(), &there) == 0 && opened.st_dev == there.st_dev &&
@@ -202,7 +202,8 @@ bool qor::control::write_private_file(const std::string& path, std::string_view 
     const descriptor folder(open(place.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder.number() < 0)
         return failed(reason);
-    // One that was killed between the last two steps left it; nothing else of us has this name.
+    // A process that was killed between the last two steps may have left such a file. Nothing else of ours has this
+    // name.
     const std::string made = real + ".unfinished";
     unlink(made.c_str());
     if ((put_nameless(place, text, made) || put_named(text, made)) && rename(made.c_str(), real.c_str()) == 0 &&

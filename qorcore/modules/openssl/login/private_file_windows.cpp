@@ -1,5 +1,4 @@
-// Windows has no mode: what may be done with a file stands in its list of entries for accounts. Ours names the user
-// that runs this process, and nobody else.
+// Windows files have no mode; an access control list holds the rights. Ours names only the user who runs this process.
 #include "private_file.h"
 
 #include "common/system_reason.h"
@@ -61,7 +60,8 @@ std::wstring wide(const std::string& text) {
     return out;
 }
 
-// The user that runs this process: a TOKEN_USER with what it points to. Empty: the system does not say.
+// Returns the user who runs this process: a TOKEN_USER together with the SID that it points to. Empty if the system
+// does not report it.
 std::vector<unsigned char> current_user() {
     HANDLE token;
     if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token))
@@ -79,13 +79,13 @@ PSID sid_of(const std::vector<unsigned char>& user) {
     return reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
 }
 
-// Those that can read and change everything anyhow do not count.
+// Ignore accounts that can read and change everything anyway.
 bool is_trusted(PSID sid, PSID user) {
     return EqualSid(sid, user) || IsWellKnownSid(sid, WinLocalSystemSid) ||
            IsWellKnownSid(sid, WinBuiltinAdministratorsSid) || IsWellKnownSid(sid, WinCreatorOwnerRightsSid);
 }
 
-// Whether nobody else has one of these rights, and the file is the user's own.
+// Whether nobody else has one of these rights, and the user owns the file.
 bool is_own(HANDLE file, DWORD forbidden, std::string& reason) {
     const std::vector<unsigned char> user = current_user();
     if (user.empty())
@@ -99,7 +99,7 @@ bool is_own(HANDLE file, DWORD forbidden, std::string& reason) {
     const std::unique_ptr<void, local_freer> freed_later(descriptor);
     if (!is_trusted(owner, sid_of(user)))
         return failed(private_file_fault::of_another_owner, reason);
-    // No list at all lets everybody do everything.
+    // A file without an access control list is open to everybody.
     bool is_private = list != nullptr;
     for (DWORD i = 0; is_private && i < list->AceCount; ++i) {
         void* entry;
@@ -126,8 +126,8 @@ bool read_all(HANDLE file, std::string& text, std::string& reason) {
     }
 }
 
-// Where others put a file in the place of one that is read, both sides are denied for a moment, whatever they share: a
-// refusal counts only once it has lasted. False: the system's last error says why.
+// While another process replaces a file that is being read, Windows briefly denies access to both, whatever their share
+// modes. So a refusal counts only if it lasts. On false, the system's last error gives the reason.
 template <class TRY>
 bool succeeds_within(std::chrono::milliseconds longest, TRY attempt) {
     const auto end = std::chrono::steady_clock::now() + longest;
@@ -143,7 +143,7 @@ bool succeeds_within(std::chrono::milliseconds longest, TRY attempt) {
     return true;
 }
 
-// Of one reading or replacing; a peer of a listener may wait for it.
+// For reading or replacing a file. Short, because a listener's peer may be waiting.
 constexpr std::chrono::seconds file_patience{1};
 
 handle open_file(const std::wstring& path, DWORD access, DWORD shares, DWORD disposition, DWORD flags,
@@ -170,7 +170,7 @@ bool read_file(const std::string& path, DWORD forbidden, std::string& text, std:
     return is_own(file.get(), forbidden, reason) && read_all(file.get(), text, reason);
 }
 
-// The rights of a new file: all for the user, none for others, whatever the folder says.
+// The rights of a new file: all for the user, none for others, regardless of the folder's rights.
 class own_rights {
 public:
     own_rights() : m_user(current_user()) {
@@ -191,7 +191,7 @@ public:
                     SetSecurityDescriptorControl(&m_descriptor, SE_DACL_PROTECTED, SE_DACL_PROTECTED);
     }
 
-    // Null: they could not be made.
+    // Null if they could not be made.
     SECURITY_ATTRIBUTES* get() noexcept { return m_is_made ? &m_attributes : nullptr; }
 
 private:
@@ -202,7 +202,7 @@ private:
     bool m_is_made = false;
 };
 
-// Those that are missing; whatever goes wrong shows when the file is opened.
+// Makes missing folders. Ignores errors, because opening the file reports them.
 void make_folders(const std::string& path) {
     for (std::size_t end = path.find_first_of("/\\", 3); end != path.npos; end = path.find_first_of("/\\", end + 1))
         CreateDirectoryW(wide(path.substr(0, end)).c_str(), nullptr);
@@ -225,7 +225,7 @@ bool qor::control::write_private_file(const std::string& path, std::string_view 
     own_rights rights;
     if (rights.get() == nullptr)
         return failed(reason);
-    // One that was killed on the way left it; nothing else of us has this name.
+    // A process that was killed may have left such a file. Nothing else of ours has this name.
     const std::wstring made = wide(path + ".unfinished");
     DeleteFileW(made.c_str());
     handle file(CreateFileW(made.c_str(), GENERIC_WRITE, 0, rights.get(), CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -245,7 +245,7 @@ bool qor::control::write_private_file(const std::string& path, std::string_view 
     return done;
 }
 
-// A file that only one process at a time can have open; the system takes it away with the last handle.
+// A file that only one process at a time can open. The system deletes it with the last handle.
 qor::control::private_file_lock::private_file_lock(const std::string& file) : m_path(file + ".lock") {
     make_folders(file);
     own_rights rights;
@@ -253,7 +253,7 @@ qor::control::private_file_lock::private_file_lock(const std::string& file) : m_
         failed(m_reason);
         return;
     }
-    // What is about to be deleted counts as denied.
+    // While the file is being deleted, Windows denies access to it, so try again for a while.
     handle lock = open_file(wide(m_path), GENERIC_WRITE, 0, OPEN_ALWAYS,
                             FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, lock_patience, rights.get());
     if (lock.is_open())

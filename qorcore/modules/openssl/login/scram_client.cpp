@@ -51,11 +51,11 @@ bool qor::control::scram_client::answer_with(const crypto::digest& salted_passwo
     if (!crypto::client_key_of(salted_password, key) || !crypto::sha256(crypto::bytes_of(key), stored_key) ||
         !xor_with_signature(stored_key, messages, key))
         return false;
-    // From here on it is the proof.
+    // `key` now holds the proof.
     std::string proof = crypto::to_base64(crypto::bytes_of(key));
     const crypto::wiped_later of_proof(proof);
     answer.clear();
-    answer.reserve(without_proof.size() + 3 + proof.size()); // a string that grows leaves copies behind
+    answer.reserve(without_proof.size() + 3 + proof.size()); // a growing string would leave copies in memory
     answer.append(without_proof).append(",p=").append(proof);
     return crypto::server_key_of(salted_password, key) &&
            crypto::hmac_sha256(crypto::bytes_of(key), messages, m_expected);

@@ -1,5 +1,5 @@
-// Inside the module qor-openssl: the client's side of a login. Messages go in and come out; who has the connection
-// moves them.
+// Inside the module qor-openssl: the client's side of a login. It takes and returns messages; the caller has the
+// connection.
 #pragma once
 
 #include "support/primitives.h"
@@ -10,24 +10,25 @@
 
 namespace qor::control {
 
-// One login: first(), final() with what the server answers, verify() with its last word. The password is forgotten as
-// soon as it has been used. Not thread-safe. Throws std::bad_alloc.
+// A single login: call first(), then final() with the server's answer, then verify() with its last message. Wipes the
+// password as soon as it has been used. Not thread-safe. Throws std::bad_alloc.
 class scram_client {
 public:
-    // What tells the connection from every other one, for both of its ends: 32 bytes of TLS's exporter.
+    // A value that identifies the connection among all others, the same at both ends: 32 bytes from TLS's exporter.
     using binding_data = std::array<uint8, 32>;
 
-    // Name and password are taken as the bytes that they are.
+    // Name and password are used byte by byte, without normalization.
     scram_client(std::string_view name, std::string_view password, const binding_data& binding);
     scram_client(const scram_client&) = delete;
     scram_client& operator=(const scram_client&) = delete;
     ~scram_client();
 
-    // The client-first-message; empty: there is no randomness to be had, and the last error says so.
+    // Returns the client-first-message; empty if no random bytes are available, and then the last error gives the
+    // reason.
     std::string first();
 
-    // The answer to a server-first-message. False: the message cannot be right, or wants fewer or more iterations than
-    // is safe; nothing was computed of the password then, and nothing may be sent.
+    // Answers a server-first-message. Returns false if the message is invalid or its number of iterations is outside
+    // the safe range. Nothing has been computed from the password then; do not send anything.
     bool final(std::string_view server_first, std::string& answer);
 
     // Whether a server-final-message proves that the server knows the account.
@@ -37,7 +38,7 @@ private:
     bool answer_with(const crypto::digest& salted_password, std::string_view server_first, std::string_view nonce,
                      std::string& answer);
 
-    std::string m_name; // as messages have it
+    std::string m_name; // escaped for messages
     std::string m_password;
     std::string m_binding;
     std::string m_nonce;

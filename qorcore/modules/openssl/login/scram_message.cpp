@@ -17,7 +17,7 @@ bool qor::control::take_attribute(std::string_view& message, char name, std::str
         return false;
     const std::size_t end = std::min(message.find(','), message.size());
     value = message.substr(2, end - 2);
-    // A comma at the very end would promise something that does not come.
+    // A trailing comma is invalid, because no attribute follows it.
     if (end + 1 == message.size() || value.find('\0') != value.npos)
         return false;
     message.remove_prefix(std::min(end + 1, message.size()));

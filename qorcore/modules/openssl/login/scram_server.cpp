@@ -26,7 +26,7 @@ bool qor::control::scram_server::first(std::string_view client_first, std::strin
 
 qor::control::scram_server::verdict qor::control::scram_server::final(std::string_view client_final,
                                                                       std::string& answer) {
-    // The proof stands last, and what stands before it is part of what it proves.
+    // The proof comes last and covers everything before it.
     const std::size_t end = client_final.rfind(",p=");
     if (m_nonce.empty() || end == client_final.npos)
         return verdict::malformed;
@@ -42,12 +42,13 @@ qor::control::scram_server::verdict qor::control::scram_server::final(std::strin
         return verdict::malformed;
     m_messages.append(client_final.substr(0, end));
 
-    // The account as it is now: it may have been taken away, or changed, since the first message.
+    // Read the account again: it may have been removed or changed since the first message.
     crypto::verifier now;
     bool is_known = false;
     const bool is_as_before = m_users.look_up(m_user, now, is_known) && is_known == m_is_known && now == m_verifier;
 
-    // All of it is computed, whoever asks, so that the time tells nothing. The proof becomes the client's key.
+    // Do all computations for every client, so that the response time reveals nothing. The XOR turns the proof into the
+    // client's key.
     crypto::digest stored_key;
     crypto::digest signature;
     const bool computed = xor_with_signature(m_verifier.stored_key, m_messages, key) &&
@@ -55,7 +56,7 @@ qor::control::scram_server::verdict qor::control::scram_server::final(std::strin
                           crypto::hmac_sha256(crypto::bytes_of(m_verifier.server_key), m_messages, signature);
     const bool is_bound = m_binding.substr(2) == binding;
     const bool is_fresh = nonce == m_nonce;
-    // One attempt for each nonce.
+    // Each nonce allows one attempt.
     m_nonce.clear();
     if (!computed)
         return verdict::refused;

@@ -1,5 +1,5 @@
-// Inside the module qor-openssl: the server's side of a login. Messages go in and come out; who has the connection
-// moves them.
+// Inside the module qor-openssl: the server's side of a login. It takes and returns messages; the caller has the
+// connection.
 #pragma once
 
 #include "accounts.h"
@@ -11,32 +11,32 @@
 
 namespace qor::control {
 
-// One login: first(), then final(). Not thread-safe. Throws std::bad_alloc.
+// A single login: call first(), then final(). Not thread-safe. Throws std::bad_alloc.
 class scram_server {
 public:
     enum class verdict {
         accepted,
-        refused,   // whatever was wrong: the peer must not learn more
-        malformed, // no message of a client that follows the rules
+        refused,   // for any reason; the peer must not learn more
+        malformed, // not a valid client message
     };
 
-    // `binding` is what TLS's exporter gives for this connection.
+    // `binding` is the value of TLS's exporter for this connection.
     scram_server(accounts& users, const std::array<uint8, 32>& binding);
 
-    // The answer to a client-first-message. False: it is malformed, wants what is not spoken here, or there is no
-    // randomness to be had. A user that does not exist is asked for a password all the same.
+    // Answers a client-first-message. Returns false if the message is malformed or asks for an unsupported feature, or
+    // if there are no random bytes. An unknown user is asked for a password like any other.
     bool first(std::string_view client_first, std::string& answer);
 
-    // The answer to a client-final-message, where it is accepted.
+    // Checks a client-final-message; if it is accepted, `answer` is the reply.
     verdict final(std::string_view client_final, std::string& answer);
 
-    // Whom the client wants to log in; bytes of its choice.
+    // The user that the client wants to log in. The client may choose any bytes.
     const std::string& user() const noexcept { return m_user; }
 
 private:
     std::string m_user;
     std::string m_binding;
-    std::string m_messages; // those of the login so far, each with a comma behind it
+    std::string m_messages; // the messages of the login so far, each followed by a comma
     std::string m_nonce;
     crypto::verifier m_verifier;
     bool m_is_known = false;

@@ -29,7 +29,7 @@ std::string text_of_reason(uint32 number) {
     return reason.Text();
 }
 
-// OpenSSL would ask at the terminal.
+// Without this callback, OpenSSL would ask for a password at the terminal.
 int no_password(char*, int, int, void*) noexcept { return -1; }
 
 bool parse_key(const std::string& path, const std::string& text, key_pointer& key) {
@@ -40,7 +40,7 @@ bool parse_key(const std::string& path, const std::string& text, key_pointer& ke
     if (key != nullptr && EVP_PKEY_get_group_name(key.get(), name, sizeof name, &size) == 1 &&
         std::string_view(name, size) == curve)
         return true;
-    // OpenSSL has tried this and that, and its reason for the last try helps nobody.
+    // OpenSSL has tried several formats, and the reason for the last failure is no help.
     ERR_clear_error();
     return cannot_use(path, text_of_reason(framework::bad_private_key));
 }
@@ -70,7 +70,7 @@ bool qor::control::open_server_key(const std::string& accounts, crypto::key_poin
         return cannot_use(path, reason);
     if (!is_missing)
         return parse_key(path, text, key);
-    // Two that find none must not make two.
+    // The lock prevents two processes from both making a key.
     const private_file_lock lock(path);
     if (!lock.is_held(reason) || !read_private_file(path, text, reason, is_missing))
         return cannot_use(path, reason);

@@ -9,7 +9,7 @@ constexpr char source[] = "qorcore/modules/openssl/password/passwords";
 
 namespace crypto = qor::crypto;
 
-// Five bits each: digits and letters without 0, 1, l and o.
+// 32 characters for five bits each: digits and letters without 0, 1, l and o.
 constexpr std::string_view easy_to_tell = "23456789abcdefghijkmnpqrstuvwxyz";
 static_assert(easy_to_tell.size() == 32);
 

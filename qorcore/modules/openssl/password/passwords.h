@@ -4,5 +4,5 @@
 #include "qor/glue/passwords.h"
 #include "qor/qor.h"
 
-// False: the last error says why.
+// On false, the last error gives the reason.
 bool create_passwords(IQORPasswords** out) noexcept;

@@ -10,7 +10,7 @@ using qor::crypto::digest;
 
 constexpr std::string_view scheme = "SCRAM-SHA-256$";
 
-// What stands before the separator; `text` is what stands behind it. All of it where there is none.
+// Takes the text before the separator, or all of it if there is no separator. `text` keeps the part after it.
 std::string_view take_field(std::string_view& text, char separator) {
     const std::size_t end = std::min(text.find(separator), text.size());
     const std::string_view field = text.substr(0, end);
@@ -43,7 +43,7 @@ bool qor::crypto::parse_verifier(std::string_view text, verifier& out) {
 bool qor::crypto::parse_beginning(std::string_view text, verifier& out) {
     if (!take_iterations_and_salt(text, out))
         return false;
-    // Of the rest there may be any part, but nothing else: two keys, with a colon between.
+    // The rest may be incomplete, but must be the beginning of two keys with a colon between them.
     const std::size_t key_size = to_base64(bytes_of(out.stored_key)).size();
     if (text.size() > 2 * key_size + 1)
         return false;
@@ -88,7 +88,7 @@ bool qor::crypto::verify_password(std::string_view password, const verifier& val
     verifier made;
     if (!make_verifier(password, value.iterations, value.salt, made))
         return false;
-    // Both keys, so that a verifier whose halves do not belong together is good for nobody.
+    // Compares both keys, so that a verifier with mismatched halves is useless to everybody.
     if ((int{equal(made.stored_key, value.stored_key)} & int{equal(made.server_key, value.server_key)}) != 0)
         return true;
     qorSetLastError(qorError_credentials_refused);
@@ -98,7 +98,7 @@ bool qor::crypto::verify_password(std::string_view password, const verifier& val
 bool qor::crypto::has_control_characters(std::string_view text) noexcept {
     for (std::size_t i = 0; i < text.size(); ++i) {
         const uint8 byte = static_cast<uint8>(text[i]);
-        // U+0080 to U+009F are two bytes in UTF-8, and the first of them begins these and U+00A0 to U+00BF only.
+        // U+0080 to U+009F take two bytes in UTF-8; their first byte is shared only with U+00A0 to U+00BF.
         const bool second = byte == 0xc2 && i + 1 < text.size() && static_cast<uint8>(text[i + 1]) >= 0x80 &&
                             static_cast<uint8>(text[i + 1]) < 0xa0;
         if (byte < 0x20 || byte == 0x7f || second)

@@ -1,8 +1,9 @@
-// Inside the module qor-openssl: the form in which passwords are stored, a verifier of SCRAM-SHA-256 (RFC 5803):
+// Inside the module qor-openssl: the stored form of passwords, a verifier of SCRAM-SHA-256 (RFC 5803):
 //
 //   SCRAM-SHA-256$<iterations>:<salt>$<StoredKey>:<ServerKey>
 //
-// with the last three in base64. It serves to check a password, and to log its owner in without sending it.
+// The last three fields are in base64. A verifier can check a password, and can log its owner in without the password
+// being sent.
 #pragma once
 
 #include "support/primitives.h"
@@ -12,7 +13,7 @@
 
 namespace qor::crypto {
 
-// Fewer are guessed too fast; with more, a peer could keep this process busy for long.
+// Fewer iterations make guessing too fast. With more, a peer could keep this process busy for long.
 inline constexpr uint32 fewest_iterations = 4096;
 inline constexpr uint32 default_iterations = 600000;
 inline constexpr uint32 most_iterations = 2000000;
@@ -20,7 +21,7 @@ inline constexpr std::size_t default_salt_size = 16;
 
 struct verifier {
     uint32 iterations = 0;
-    std::string salt; // bytes, at least one
+    std::string salt; // raw bytes, at least one
     digest stored_key{};
     digest server_key{};
 };
@@ -33,32 +34,33 @@ inline bool operator==(const verifier& left, const verifier& right) noexcept {
 // Decimal, without a sign or leading zeros, and within the bounds above.
 bool parse_iterations(std::string_view text, uint32& out) noexcept;
 
-// Only what format_verifier writes. False: the last error stays as it is.
+// Accepts only the output of format_verifier. Does not set the last error.
 bool parse_verifier(std::string_view text, verifier& out);
 
-// The iterations and the salt of a verifier of which at least the part with these is there.
+// Reads the iterations and the salt of a verifier that may be incomplete after these. Does not set the last error.
 bool parse_beginning(std::string_view text, verifier& out);
 
 std::string format_verifier(const verifier& value);
 
-// For a password, taken as the bytes that it is. False: the last error says why.
+// Makes a verifier for a password, whose bytes are used unchanged. On false, the last error gives the reason.
 bool make_verifier(std::string_view password, uint32 iterations, std::string_view salt, verifier& out);
 
-// With the usual number of iterations and a fresh salt.
+// Uses the default number of iterations and a new salt.
 bool make_verifier(std::string_view password, verifier& out);
 
-// Whether it is the password, compared in constant time. False: the last error says why, credentials_refused where it
-// is another password.
+// Whether the password matches, compared in constant time. On false, the last error gives the reason:
+// credentials_refused for a wrong password.
 bool verify_password(std::string_view password, const verifier& value);
 
-// The keys of a password that has been salted and iterated.
+// Derive the keys from a password that has been salted and iterated.
 bool client_key_of(const digest& salted_password, digest& out) noexcept;
 bool server_key_of(const digest& salted_password, digest& out) noexcept;
 
-// Whether a text has a control character of Unicode.
+// Whether a text contains a control character of Unicode.
 bool has_control_characters(std::string_view text) noexcept;
 
-// Whether it may be a password: control characters could not be typed everywhere. False: the last error says so.
+// Whether a text may be a password. Control characters are not allowed, because they cannot be typed everywhere. On
+// false, sets the last error.
 bool is_password(std::string_view text) noexcept;
 
 } // namespace qor::crypto

@@ -1,4 +1,4 @@
-// Inside the module qor-openssl: what all users of OpenSSL share.
+// Inside the module qor-openssl: helpers for all users of OpenSSL.
 #pragma once
 
 #include <openssl/bio.h>
@@ -22,10 +22,10 @@ struct openssl_freer {
 using key_pointer = std::unique_ptr<EVP_PKEY, openssl_freer>;
 using bio_pointer = std::unique_ptr<BIO, openssl_freer>;
 
-// The oldest of OpenSSL's reasons for a failure on this thread, which are forgotten.
+// Returns OpenSSL's oldest error on this thread and clears its error queue.
 std::string openssl_reason();
 
-// Makes the failure of an operation of OpenSSL the last error; always false.
+// Sets the last error for a failed OpenSSL operation; always returns false.
 bool failed(const char* operation) noexcept;
 
 } // namespace qor::crypto

@@ -14,7 +14,7 @@ constexpr std::string_view digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopq
 
 const uint8* data_of(std::string_view bytes) noexcept { return reinterpret_cast<const uint8*>(bytes.data()); }
 
-// Six bits; 64 for what is no digit.
+// Returns six bits; 64 if the character is not a base64 digit.
 unsigned value_of(char digit) noexcept { return static_cast<unsigned>(std::min(digits.find(digit), digits.size())); }
 
 } // namespace
@@ -29,7 +29,7 @@ bool qor::crypto::sha256(std::string_view message, digest& out) noexcept {
 }
 
 bool qor::crypto::hmac_sha256(std::string_view key, std::string_view message, digest& out) noexcept {
-    // A null key would mean the one of the call before.
+    // OpenSSL would read a null key as "the key of the previous call".
     const char* const begin = key.empty() ? "" : key.data();
     return HMAC(EVP_sha256(), begin, static_cast<int>(key.size()), data_of(message), message.size(), out.data(),
                 nullptr) != nullptr ||
@@ -54,7 +54,7 @@ void qor::crypto::wipe(void* bytes, std::size_t size) noexcept { OPENSSL_cleanse
 void qor::crypto::wipe(digest& secret) noexcept { wipe(secret.data(), secret.size()); }
 
 void qor::crypto::wipe(std::string& secret) noexcept {
-    // All that the string has room for may hold what once was in it.
+    // The whole capacity of the string may contain earlier content.
     secret.resize(secret.capacity());
     wipe(secret.data(), secret.size());
     secret.clear();
@@ -98,7 +98,7 @@ bool qor::crypto::from_base64(std::string_view text, std::string& out) {
             for (const int shift : {16, 8, 0})
                 out += static_cast<char>(bits >> shift & 255);
     }
-    // What lies behind the last byte has to be zero, or one value would have many forms.
+    // The unused bits must be zero, because otherwise a value would have several encodings.
     const bool canonical =
         std::all_of(out.end() - static_cast<std::ptrdiff_t>(padding), out.end(), [](char c) { return c == 0; });
     out.resize(out.size() - padding);

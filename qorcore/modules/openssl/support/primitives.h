@@ -1,5 +1,5 @@
-// Inside the module qor-openssl: the few operations that passwords and logins are made of. Those that return false have
-// set the last error. Any thread.
+// Inside the module qor-openssl: basic operations for passwords and logins. On false, an operation has set the last
+// error unless its comment says otherwise. Thread-safe.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -10,22 +10,22 @@
 
 namespace qor::crypto {
 
-using digest = std::array<uint8, 32>; // of SHA-256
+using digest = std::array<uint8, 32>; // for SHA-256
 
 bool random_bytes(void* out, std::size_t size) noexcept;
 bool sha256(std::string_view message, digest& out) noexcept;
 bool hmac_sha256(std::string_view key, std::string_view message, digest& out) noexcept;
 bool pbkdf2_sha256(std::string_view password, std::string_view salt, uint32 iterations, digest& out) noexcept;
 
-// In a time that does not depend on where they differ.
+// Compares in constant time.
 bool equal(const digest& left, const digest& right) noexcept;
 
-// Overwrites what must not stay in memory; no compiler takes it away.
+// Overwrites secrets in memory; compilers cannot remove the writes.
 void wipe(void* bytes, std::size_t size) noexcept;
 void wipe(digest& secret) noexcept;
 void wipe(std::string& secret) noexcept; // and empties it
 
-// Wipes a variable when its block ends.
+// Wipes a variable at the end of its block.
 template <class SECRET>
 class wiped_later {
 public:
@@ -44,8 +44,8 @@ std::string_view bytes_of(const digest& value) noexcept;
 bool is_base64_digit(char c) noexcept;
 std::string to_base64(std::string_view bytes);
 
-// Only what to_base64 writes: no line ends, no missing padding, no bits behind the last byte. False: it is none, and
-// the last error stays as it is.
+// Accepts only the output of to_base64: no line ends, no missing padding, no bits after the last byte. Does not set the
+// last error.
 bool from_base64(std::string_view text, std::string& out);
 bool from_base64(std::string_view text, digest& out);
 
