@@ -1,11 +1,11 @@
-/* For mtrace_preload.c: what a forked child inherits. Its log begins with the lines of its parent's whose
-   blocks were alive when it was forked, so that no release of one of them is a bad one. */
+/* For mtrace_preload.c: the blocks that a forked child inherits. The child's log begins with the parent's lines for
+   the blocks that were alive at the fork, so that releasing them does not look like a bad release. */
 
-/* Lines of the parent's log, found by the address in them: a power of two of slots, at most half of them in
-   use. A line whose block was released stays there, to keep the way to the others, and is marked. */
+/* Lines of the parent's log, in a hash table by address. The number of slots is a power of two, and at most half of
+   them are used. The line of a released block keeps its slot, so that probing still finds later slots. */
 struct inherited_line {
-    unsigned long address; /* 0: a free slot */
-    const char* text;      /* null: released */
+    unsigned long address; /* 0: the slot is free */
+    const char* text;      /* null: the block was released */
     size_t length;
 };
 
@@ -63,7 +63,7 @@ static bool read_line(struct inherited_lines* lines, const char* begin, const ch
     return true;
 }
 
-/* In the order of their addresses' slots: which of them is older does not matter any more. */
+/* Writes the lines in the order of the slots; their age no longer matters. */
 static void copy_live_blocks(const char* parent, off_t size) {
     if (size == 0)
         return;

@@ -1,22 +1,22 @@
-/* Preloaded by scripts/record into the program to be recorded, before libc_malloc_debug.so.0, whose mtrace()
-   writes the log. This file gives mtrace() a stream of its own making, so that
+/* scripts/record preloads this into the program to be recorded, before libc_malloc_debug.so.0, whose mtrace() writes
+   the log. This file supplies the stream for mtrace(), so that
 
-   - each line reaches the file whole and at once, for a part of the file is mapped, and what is written there
-   outlives the process: nothing waits in memory that a signal, an abort or _exit would lose or a fork would
-   double, and no line costs a call of the system;
-   - the log survives a program that closes descriptors it does not know;
-   - a forked child goes on in a file of its own, PREFIX.mtrace.<pid>, which begins with the blocks that it
-   inherited;
-   - a blank in the name of a caller is "_": a blank ends a word of the log;
-   - there are no lines of what did not happen: "!", a realloc that failed and left its block as it was, and an
-   allocation that failed, whose address is "(nil)";
-   - a disk that is full ends the log after a whole line, with one message, and not the program.
+   - each line reaches the file complete and at once: a part of the file is mapped, and data written to it survives
+     the process. So a signal, an abort or _exit loses no lines, a fork duplicates none, and no line needs a system
+     call;
+   - the log survives a program that closes descriptors that it does not know;
+   - a forked child continues in a file of its own, PREFIX.mtrace.<pid>, which begins with the blocks that it
+     inherited;
+   - a blank in the name of a caller becomes "_", because a blank ends a word of the log;
+   - failed calls leave no lines: neither "!", a realloc that failed and kept its block, nor an allocation that
+     failed, whose address is "(nil)";
+   - a full disk ends the log after a complete line, with one message, and does not end the program.
 
-   Environment: MALLOC_TRACE names the log, QOR_RECORD_MEMCHECK the framework's. QOR_RECORD_PID is the process
-   to record; a program that it executes in its own place starts the logs anew, so that a launcher script may
-   be recorded. QOR_RECORD_PRELOAD is what LD_PRELOAD was before, for the processes that are not recorded.
+   Environment: MALLOC_TRACE is the path of the log, QOR_RECORD_MEMCHECK that of the framework's log. QOR_RECORD_PID is
+   the process to record; if it executes another program in its place, the logs start again, so that a launcher script
+   can be recorded. QOR_RECORD_PRELOAD is the earlier value of LD_PRELOAD, for processes that are not recorded.
 
-   Nothing here may allocate: it runs inside malloc. */
+   This code runs inside malloc, so it must not allocate. */
 
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -36,8 +36,8 @@
 #define EXPORT __attribute__((visibility("default")))
 
 enum {
-    WINDOW = 64 * 1024,          /* how much of the file is mapped; what is not used of it is empty lines */
-    LOWEST_LOG_DESCRIPTOR = 900, /* shells and daemons use the low ones without asking */
+    WINDOW = 64 * 1024,          /* size of the mapped part of the file; its unused part consists of empty lines */
+    LOWEST_LOG_DESCRIPTOR = 900, /* shells and daemons use low descriptors without checking */
     LONGEST_PATH = 4096,
     LONGEST_LINE = 16384,
     LOCK_TRIES = 1000,
@@ -46,25 +46,25 @@ enum {
 
 int __cxa_atexit(void (*function)(void*), void* argument, void* dso);
 
-/* Declared here because <mcheck.h> promises the compiler that mtrace() never calls back into its
-   caller, and it does, through fopen(). */
+/* Declared here because <mcheck.h> declares that mtrace() never calls back into its caller, but it does, through
+   fopen(). */
 void mtrace(void);
 
-struct place { /* what a descriptor stands for */
+struct place { /* identifies the file behind a descriptor */
     dev_t device;
     ino_t file;
 };
 
-static char first_path[LONGEST_PATH]; /* of the process that was told to record; its children's begin with it */
+static char first_path[LONGEST_PATH]; /* the log of the first recorded process; its children's paths begin with it */
 static char path[LONGEST_PATH];
 static FILE* stream;
 static char stream_buffer[LONGEST_LINE];
-static char line[LONGEST_LINE]; /* what there is of the line that is being made */
+static char line[LONGEST_LINE]; /* the incomplete current line */
 static size_t line_length;
 static bool has_ended;
 
-/* The process that writes the log, and a page that a fork clears: the first line of a child makes its file,
-   and one that only executes a program leaves none. */
+/* The process that writes the log, and a flag in a page that fork clears. A child makes its file with its first line,
+   so a child that only executes a program leaves no file. */
 static pid_t writer;
 static bool* is_writer;
 
@@ -88,7 +88,7 @@ static bool is_at(int file, const struct place* wanted) {
     return place_of(file, &found) && found.device == wanted->device && found.file == wanted->file;
 }
 
-/* Says it where the program's messages go, unless that has become something else. */
+/* Prints a message to the program's standard error, unless that has become another file. */
 static void end_log(int reason) {
     has_ended = true;
     if (is_at(STDERR_FILENO, &message_place))
@@ -107,7 +107,7 @@ static bool open_log(int flags) {
     return place_of(descriptor, &log_place);
 }
 
-/* The log again, if the program has closed its descriptor or made it another file's. */
+/* Opens the log again if the program has closed the descriptor or opened another file under its number. */
 static bool find_log(void) { return is_at(descriptor, &log_place) || open_log(0); }
 
 static void close_window(void) {
@@ -116,7 +116,7 @@ static void close_window(void) {
     window = NULL;
 }
 
-/* 0, or why not. Blocks of the disk are reserved: a mapped page without one would end the program. */
+/* Returns 0 or an errno. Reserves disk blocks, because writing to a mapped page without one would end the program. */
 static int move_window(void) {
     if (!find_log())
         return errno;
@@ -134,7 +134,7 @@ static int move_window(void) {
     return 0;
 }
 
-/* What a program's limits make of a file that grows is no signal for the program. */
+/* Blocks the signal for exceeding a file-size limit: the growing log must not signal the program. */
 static bool make_room(size_t size) {
     if (window && written + (off_t)size <= window_begin + WINDOW)
         return true;
@@ -154,7 +154,7 @@ static bool make_room(size_t size) {
     return reason == 0;
 }
 
-/* The first byte last: a line that is cut off in the middle is none. */
+/* Writes the first byte last, so that a line that is cut off in the middle does not count as a line. */
 static void write_out(const char* text, size_t size) {
     if (!make_room(size))
         return;
@@ -165,8 +165,8 @@ static void write_out(const char* text, size_t size) {
     written += (off_t)size;
 }
 
-/* Where the code is in "@ CALLER CODE ADDRESS[ SIZE]", or null; `end` is that of the line. The caller may
-   hold blanks, so the words are counted from the end. */
+/* Returns the position of the code in "@ CALLER CODE ADDRESS[ SIZE]", or null; `end` is the end of the line. The
+   caller may contain blanks, so the words are counted from the end. */
 static const char* find_code(const char* begin, const char* end) {
     if (*begin != '@')
         return NULL;
@@ -192,7 +192,7 @@ static void begin_log_of_child(void) {
     *is_writer = true;
     writer = getpid();
     written = 0;
-    /* A number that a process had before may come again. */
+    /* Process ids may be reused. */
     int length = snprintf(path, sizeof path, "%s.%d", first_path, (int)writer);
     for (int i = 2; !open_log(O_CREAT | O_EXCL) && !has_ended; ++i) {
         if (errno != EEXIST)
@@ -203,15 +203,15 @@ static void begin_log_of_child(void) {
         copy_live_blocks(parent, inherited);
 }
 
-/* The main program is called what its argv[0] says now, and servers write there what they are doing. A blank
-   in a name would part it in two words. */
+/* The name of the main program is its current argv[0], where servers write their status. A blank in the name would
+   split it into two words. */
 static void join_caller(const char* code) {
     for (char* at = line + 2; at < code - 1; ++at)
         if (*at == ' ')
             *at = '_';
 }
 
-/* The C library says "!" of a realloc that failed, in place of "<" and ">". */
+/* For a failed realloc, the C library writes "!" instead of "<" and ">". */
 static bool has_failed(const char* code) { return *code == '!' || code[2] == '('; }
 
 static void end_line(void) {
@@ -228,7 +228,7 @@ static void end_line(void) {
         write_out(line, length);
 }
 
-/* What mtrace() prints comes in pieces; what is longer than any line is cut. */
+/* mtrace() writes in pieces. Lines that are too long are cut. */
 static ssize_t take_text(void* unused, const char* text, size_t size) {
     (void)unused;
     int kept = errno;
@@ -242,7 +242,7 @@ static ssize_t take_text(void* unused, const char* text, size_t size) {
     return (ssize_t)size;
 }
 
-/* mtrace() opens its log through here, before it traces. Every other call goes on to the C library. */
+/* mtrace() opens its log with this function before it starts tracing. All other calls go to the C library. */
 EXPORT FILE* fopen(const char* name, const char* mode) {
     if (!*path || stream || strcmp(name, path) != 0) {
         FILE* (*next)(const char*, const char*);
@@ -255,14 +255,13 @@ EXPORT FILE* fopen(const char* name, const char* mode) {
     return stream;
 }
 
-/* Another thread may have been in the middle of a line. */
+/* Another thread may have been in the middle of a line at the fork. */
 static void after_fork_in_child(void) {
     __fpurge(stream);
     line_length = 0;
 }
 
-/* Takes the empty lines away. Other threads may be writing theirs, or may hold the stream for ever: it waits,
-   but not for long. */
+/* Removes the empty lines. Other threads may be writing, or may never release the stream, so the wait is limited. */
 static void finish_log(void) {
     if (!stream || writer != getpid())
         return;
@@ -281,7 +280,7 @@ static void finish_log(void) {
     funlockfile(stream);
 }
 
-/* Runs after everything else that exit() runs, because it was registered first. */
+/* Registered first, so it runs after everything else in exit(). */
 static void finish_log_at_exit(void* unused) {
     (void)unused;
     finish_log();
@@ -307,9 +306,8 @@ static void stay_out(void) {
     unsetenv("QOR_MEMCHECK");
 }
 
-/* The linker flag initfirst has this run before every other library's initialisation: what they
-   allocate there and release later is in the log, and is no free of an unknown block. The C library
-   has not set `environ` by then. */
+/* The linker flag initfirst makes this run before the constructors of all other libraries, so that the log has their
+   allocations, and a later release is not one of an unknown block. The C library has not set `environ` yet. */
 __attribute__((constructor)) static void begin_log(int argc, char** argv, char** environment) {
     (void)argc;
     (void)argv;
@@ -331,7 +329,7 @@ __attribute__((constructor)) static void begin_log(int argc, char** argv, char**
     strcpy(path, log);
     place_of(STDERR_FILENO, &message_place);
     mtrace();
-    /* A launcher has left its own choice for those that it starts. */
+    /* A launcher may have set QOR_MEMCHECK for the programs that it starts. */
     const char* memcheck_log = getenv("QOR_RECORD_MEMCHECK");
     const char* memcheck_log_now = getenv("QOR_MEMCHECK");
     if (memcheck_log && (!memcheck_log_now || strcmp(memcheck_log, memcheck_log_now) != 0))

@@ -1,10 +1,10 @@
 # shellcheck shell=bash disable=SC2034,SC2154  # names that pass between this file and its callers
-# Sourced by ./run and ./test: what a build needs, and how a preset is built.
-# The caller sets `tree`, the folder of the repository; `builds` becomes the folder of its builds. Everything said here
-# goes to standard error, because the standard output of ./run belongs to qortool alone.
+# Sourced by ./run and ./test: installs what a build needs, and builds presets. The caller sets `tree`, the folder of
+# the repository; this file sets `builds`, the folder of its builds. All messages go to standard error, because the
+# standard output of ./run belongs to qortool alone.
 
-# What has to be there, as "package=probe". A probe is a command, or the path of a file. It is looked
-# for first: a host that has a tool from elsewhere needs no package, and the look costs no process.
+# The packages that are needed, as "package=probe". A probe is a command or the path of a file. It is checked first: a
+# host that has the tool from another source does not need the package, and the check starts no process.
 needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja" "libmnl-dev=/usr/include/libmnl/libmnl.h")
 needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/openssl/evp.h" "python3=python3"
     "libc-devtools=mtrace" "valgrind=valgrind" "iproute2=ip" "libpam0g-dev=/usr/include/security/pam_appl.h"
@@ -25,7 +25,7 @@ die() {
     exit 1
 }
 
-# install_missing NEED...: installs the packages whose probes fail, or ends with what to type.
+# install_missing NEED...: installs the packages whose probes fail, or ends with the command to type.
 install_missing() {
     local need probe missing=()
     for need in "$@"; do
@@ -41,7 +41,7 @@ install_missing() {
 
     local as_root=() install=(apt-get install -y --no-install-recommends "${missing[@]}")
     if ((EUID != 0)); then
-        # A password can be asked for only where somebody can answer.
+        # Ask for a password only if there is a terminal to answer on.
         if command -v sudo >/dev/null && { sudo -n true 2>/dev/null || [[ -t 0 && -t 2 ]]; }; then
             as_root=(sudo)
         else
@@ -52,15 +52,15 @@ install_missing() {
     fi
 
     say "Installing ${missing[*]}; this may take a minute ..."
-    # Another apt may be at work on a fresh machine: wait for it instead of failing.
+    # On a fresh machine, another apt may be running: wait for it instead of failing.
     local log quiet=(-qq -o Dpkg::Use-Pty=0 -o DPkg::Lock::Timeout=300)
     as_root+=(env DEBIAN_FRONTEND=noninteractive)
-    # Hundreds of lines that matter only when something went wrong.
+    # The hundreds of lines of output matter only if something goes wrong.
     log=$({ "${as_root[@]}" apt-get update "${quiet[@]}" && "${as_root[@]}" "${install[@]}" "${quiet[@]}"; } \
         </dev/null 2>&1) || die "$log" "These packages could not be installed: ${missing[*]}"
 }
 
-# may_build_in FOLDER: whether this user may build there. Another user, root for instance, may have built in it before.
+# may_build_in FOLDER: whether this user may build there. Another user, for example root, may have built there before.
 may_build_in() {
     local lock
     if [[ ! -e $1 ]]; then [[ -w ${1%/*} ]]; return; fi
@@ -70,8 +70,8 @@ may_build_in() {
     done
 }
 
-# Builds lie in the clone, or where this user may not write there, in the user's cache: the clone may belong to somebody
-# else, or lie on a medium that is read-only. scripts/in-wine, which ctest starts, finds them by the variable.
+# Builds lie in the clone, or in the user's cache if the user may not write to the clone: it may belong to another user
+# or lie on a read-only medium. ctest starts scripts/in-wine, which finds the builds through this variable.
 builds=$tree/build
 if ! may_build_in "$builds"; then
     cache=${XDG_CACHE_HOME:-${HOME:+$HOME/.cache}}
@@ -86,18 +86,18 @@ if ! may_build_in "$builds"; then
 fi
 export QOR_BUILDS=$builds
 
-# build PRESET [TARGET]: configures and builds it where something has changed; silent where nothing has.
-# Standard input is left alone: it belongs to what is built. Returns non-zero on failure, in words
-# instead of through `set -e`, which bash switches off in a function whose result is tested.
+# build PRESET [TARGET]: configures and builds the preset if something has changed; otherwise prints nothing. Does not
+# read standard input, which belongs to the program that is built. Reports failure through the return code, because bash
+# ignores `set -e` in a function whose result is tested.
 build() {
     local dir=$builds/$1
     mkdir -p "$builds" || return
-    # One build at a time: two terminals may well start the first one together.
+    # One build at a time: two terminals may start the first build together.
     { flock 9 && configure "$1" "$dir" && run_ninja "$dir" "${2:-all}"; } </dev/null >&2 9>"$dir.lock"
 }
 
-# CMake regenerates by itself when a CMakeLists.txt changes, but not when a preset does. The stamp
-# says which tree was configured, because CMake refuses a build folder that has moved.
+# CMake reconfigures by itself when a CMakeLists.txt changes, but not when a preset changes. The stamp contains the path
+# of the tree, because CMake refuses a build folder that has moved.
 configure() {
     local stamp=$2/.configured fresh=()
     if [[ -f $stamp ]]; then
@@ -110,7 +110,7 @@ configure() {
     (cd "$tree" && cmake "${fresh[@]}" --preset "$1" -B "$2" --log-level=WARNING) && echo "$tree" >"$stamp"
 }
 
-# What ninja says when it has nothing to do is not worth a line in every ./run.
+# Drop ninja's messages that there is nothing to do, which every ./run would show.
 run_ninja() {
     local noise=(-e '^ninja: Entering' -e '^ninja: no work' -e 'Re-checking globbed')
     ninja -C "$1" "$2" | { grep --line-buffered -v "${noise[@]}" || true; }
