@@ -1,4 +1,4 @@
-# Warnings, sanitizers and link choices of every target of the tree.
+# Warnings, sanitizers and link options for all targets.
 
 add_library(qor_options INTERFACE)
 target_compile_options(qor_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
@@ -10,22 +10,23 @@ if(QOR_SANITIZE)
     target_link_options(qor_options INTERFACE -fsanitize=${QOR_SANITIZE})
 endif()
 
-# How what ships is linked: tool, library, modules. Test programs keep the shared run-time.
+# Link options of the shipped files: tool, library, modules. Test programs keep the shared run-time.
 add_library(qor_shipped INTERFACE)
 if(QOR_STATIC_RUNTIME)
     target_link_options(qor_shipped INTERFACE -static-libstdc++ -static-libgcc)
 endif()
 if(WIN32)
-    # There the run-time is not part of the system, so that every program brings its own, threads included.
+    # On Windows, the run-time is not part of the system, so every program contains its own, including the thread
+    # library.
     target_link_options(qor_options INTERFACE -static)
 endif()
 target_link_options(qor_shipped INTERFACE LINKER:--gc-sections LINKER:-O1)
 
-# A client needs the headers and nothing else.
+# A client needs only the headers.
 add_library(qor_client INTERFACE)
 target_include_directories(qor_client INTERFACE ${PROJECT_SOURCE_DIR}/qorcore/include)
 
-# The sources that match, without those of the other platforms.
+# qor_platform_sources(RESULT PATTERNS...): the matching sources, without those for other platforms.
 function(qor_platform_sources result)
     list(TRANSFORM ARGN PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
     file(GLOB sources CONFIGURE_DEPENDS ${ARGN})

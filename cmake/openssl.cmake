@@ -1,6 +1,7 @@
-# OpenSSL, for the module qor-openssl and for tests that compare with it: the target OpenSSL::Crypto, where it is there.
+# OpenSSL, for the module qor-openssl and for tests that compare with it: defines the target OpenSSL::Crypto if it is
+# installed.
 if(WIN32)
-    # scripts/build-openssl-windows makes it; no package has it.
+    # scripts/build-openssl-windows builds it; no package contains it.
     set(OPENSSL_ROOT_DIR ${CMAKE_BINARY_DIR}/../openssl-windows)
     list(APPEND CMAKE_FIND_ROOT_PATH ${OPENSSL_ROOT_DIR})
     set(OPENSSL_USE_STATIC_LIBS ON)

@@ -1,4 +1,4 @@
-# PAM, for the module qor-pam: the target PAM::PAM, where it is there. Windows has a logon of its own.
+# PAM, for the module qor-pam: defines the target PAM::PAM if it is installed. Windows has its own logon.
 if(NOT WIN32 AND NOT QOR_PAM STREQUAL "OFF")
     find_path(PAM_INCLUDE_DIR security/pam_appl.h)
     find_library(PAM_LIBRARY pam)
