@@ -13,7 +13,7 @@
 
 namespace {
 
-// Of the files that are read here, only the list of PCI names exceeds a few hundred bytes; it has 1.5 MB.
+// Only the list of PCI names is longer than a few hundred bytes; it has 1.5 MB.
 constexpr std::size_t longest_file = 16 * 1024 * 1024;
 
 // Returns a result of the C library, null if there is none. Throws std::bad_alloc if the C library ran out of memory.
@@ -176,7 +176,8 @@ std::optional<device_facts> device_finder::find(const link_row& link) {
     facts.place = bus == "pci" ? "PCI " + name : bus.empty() ? name : bus + " " + name;
     facts.driver = target_name(folder + "/driver");
     facts.is_wireless = exists(folder + "/ieee80211");
-    // The user can find and touch the USB or PCI device that contains this one.
+    // Describe the USB or PCI device that contains this one, because that is the hardware that a user can find and
+    // touch.
     for (; folder.size() > m_root.size(); folder.resize(folder.rfind('/'))) {
         const std::string subsystem = target_name(folder + "/subsystem");
         const std::string part = last_part(folder);

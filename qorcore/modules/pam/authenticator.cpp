@@ -161,8 +161,8 @@ private:
 };
 
 // A locked password has an exclamation mark before its hash, so PAM finds that no password matches. If the given
-// password matches the hash, the user is told about the lock; otherwise the password is simply wrong. This needs read
-// access to the shadow file.
+// password matches the hash, the error names the lock; otherwise the password is simply wrong. This needs read access
+// to the shadow file.
 bool fits_locked_password(const char* name, const char* password) {
     std::vector<char> buffer(1024);
     spwd entry;

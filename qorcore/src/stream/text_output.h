@@ -10,11 +10,10 @@
 
 namespace qor::stream {
 
-// Returns the text in its form for a terminal: an escape such as `\x1b` replaces each byte of a control character or of
-// invalid UTF-8. Control characters are all but newline and tab, including those from U+0080, and the characters that
-// change the direction of the following text (U+202A to U+202E, U+2066 to U+2069). Marks that affect only their
-// neighbours stay, because Hebrew and Arabic need them. The result lies in `memory`, or is `text` itself if it has
-// nothing to escape.
+// Returns the text in its form for a terminal. An escape such as `\x1b` replaces each byte of invalid UTF-8, of control
+// characters except newline and tab (including those from U+0080), and of characters that change the direction of the
+// following text (U+202A to U+202E, U+2066 to U+2069). Marks that affect only their neighbours stay, because Hebrew and
+// Arabic need them. The result lies in `memory`, or is `text` itself if nothing was replaced.
 std::string_view visible(std::string_view text, string::working_memory& memory) noexcept;
 
 // Writes in one call, so that lines of several threads do not mix. Returns false if not all of the text could be

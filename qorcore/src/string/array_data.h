@@ -1,8 +1,8 @@
 // Inside the library: the storage of string arrays.
 //
-// All slots of the storage are constructed strings, including those behind the count: they are empty, but keep the
-// storage of elements that were there before. So an array that is filled again and again, for example with the words of
-// each line of a file, stops allocating after a few rounds.
+// All slots of the storage hold constructed strings. The strings behind the count are empty but keep the storage of
+// earlier elements. So an array that is filled again and again, for example with the words of each line of a file,
+// stops allocating after a few rounds.
 #pragma once
 
 #include "qor/qor.h"

@@ -20,7 +20,7 @@ void merge_sort(TYPE* elements, TYPE* spare, std::size_t count, const BEFORE& be
             std::size_t left = begin;
             std::size_t right = middle;
             for (std::size_t at = begin; at < end; ++at) {
-                // Of two equal elements, take the left one first, which keeps the sort stable.
+                // If two elements are equal, take the left one first, which keeps the sort stable.
                 const bool take_right = left == middle || (right < end && before(from[right], from[left]));
                 to[at] = from[take_right ? right++ : left++];
             }
