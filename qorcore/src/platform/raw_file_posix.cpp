@@ -43,7 +43,7 @@ bool is_identity(const struct stat& status, const std::uint64_t (&identity)[2]) 
     return status.st_dev == identity[0] && status.st_ino == identity[1];
 }
 
-// While such an object lives, a failed write sends no signal to this thread. The signal would end the host.
+// Blocks the signals that a failed write would send to this thread, because they would end the host.
 class no_write_signals {
 public:
     no_write_signals() noexcept {

@@ -125,7 +125,7 @@ std::string qor::serial::describe_location(const host& on, const std::string& ke
     const std::string file = on.dev + '/' + kernel_name;
     const std::string folder = terminal_folder(on, kernel_name);
     if (!exists(folder)) {
-        // Only pseudo-terminals have no folder in sysfs but a name in a folder of their own.
+        // A terminal without a folder in sysfs is known only if its name is in the folder of pseudo-terminals.
         return kernel_name.starts_with("pts/") ? "pseudo-terminal" : "";
     }
     std::string text = place_of_port(on, real_path(folder), kernel_name);

@@ -113,7 +113,7 @@ class time_limit {
 public:
     explicit time_limit(uint32 milliseconds) noexcept : m_end(clock::now() + std::chrono::milliseconds(milliseconds)) {}
 
-    // Waits until the port is ready for `events`. Sets *ready to false if the time ran out.
+    // Waits until the port is ready for `events`. Sets `ready` to false if the time runs out.
     int wait(int handle, short events, bool& ready) const noexcept {
         for (;;) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(m_end - clock::now()).count();
