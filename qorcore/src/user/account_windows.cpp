@@ -47,7 +47,7 @@ const net_api& net() noexcept {
     return loaded;
 }
 
-// A buffer that netapi32 allocates and must free.
+// Owns a buffer that netapi32 allocates, and returns it to netapi32.
 template <class TYPE>
 class net_buffer {
 public:

@@ -76,7 +76,7 @@ private:
     place m_last_place = 0;
     std::map<std::string, recent, std::less<>> m_sources;
     // Indexed by a hash of the name, so that a flood of names cannot displace an account. Accounts with the same index
-    // share only the delay.
+    // are merely slowed together.
     std::array<recent, 1024> m_accounts;
     std::map<std::string, unsigned, std::less<>> m_sessions;
     unsigned m_session_count = 0;

@@ -245,7 +245,7 @@ bool qor::sockets::wait(std::span<watched> all, int milliseconds) {
 
 qor::sockets::waker::waker() {
     int ends[2];
-    // One end becomes readable when the other end is written to.
+    // If the host closes one end by mistake, the other end becomes readable, so a wait ends.
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0)
         throw std::system_error(errno, std::generic_category());
     m_receiver = socket(ends[0]);

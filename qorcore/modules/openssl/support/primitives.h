@@ -1,5 +1,5 @@
-// Inside the module qor-openssl: basic operations for passwords and logins. On false, an operation has set the last
-// error unless its comment says otherwise. Thread-safe.
+// Inside the module qor-openssl: basic operations for passwords and logins. An operation that fails returns false and
+// has set the last error unless its comment says otherwise. Thread-safe.
 #pragma once
 
 #include "qor/system/Types.h"
