@@ -28,7 +28,7 @@ public:
     // On false, `line` (counted from 1) and `what` describe the first error, and the list is empty.
     bool parse(std::string_view text, unsigned& line, fault& what);
 
-    // Returns the new content of the file. All other lines are preserved.
+    // Returns the new content of the file. Unchanged lines are preserved.
     std::string format() const;
 
     const crypto::verifier* find(std::string_view name) const noexcept;

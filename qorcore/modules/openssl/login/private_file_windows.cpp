@@ -85,7 +85,7 @@ bool is_trusted(PSID sid, PSID user) {
            IsWellKnownSid(sid, WinBuiltinAdministratorsSid) || IsWellKnownSid(sid, WinCreatorOwnerRightsSid);
 }
 
-// Whether nobody else has one of these rights, and the user owns the file.
+// Whether no other account has one of these rights, or owns the file.
 bool is_own(HANDLE file, DWORD forbidden, std::string& reason) {
     const std::vector<unsigned char> user = current_user();
     if (user.empty())
