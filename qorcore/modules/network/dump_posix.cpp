@@ -206,7 +206,7 @@ bool take_route(const nlmsghdr* message, dump_tables& out) {
             if (type == RTA_GATEWAY)
                 add(value, hop.rtnh_flags);
         });
-        several = several.subspan(std::min(several.size(), std::size_t{MNL_ALIGN(hop.rtnh_len)}));
+        several = several.subspan(std::min(several.size(), MNL_ALIGN(std::size_t{hop.rtnh_len})));
     }
     return true;
 }
