@@ -27,7 +27,7 @@ public:
 
 private:
     int m_of_c_library;
-    unsigned long m_of_system;
+    [[maybe_unused]] unsigned long m_of_system; // only Windows has one beside errno
 };
 
 // Sets an error whose inserts are a subject and the system's reason, such as cannot_open_file.
