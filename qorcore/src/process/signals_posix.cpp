@@ -35,9 +35,9 @@ thread_local bool is_signal_thread = false;
 
 extern "C" void on_signal(int number) {
     const int saved = errno;
-    for (std::size_t i = 0; i < signal_count; ++i)
-        if (signals[i].number == number)
-            qor::process::count_signal(signals[i].meaning);
+    for (const caught_signal& each : signals)
+        if (each.number == number)
+            qor::process::count_signal(each.meaning);
     errno = saved;
 }
 

@@ -45,7 +45,7 @@ bool qor::serial::exists(const std::string& path) noexcept { return access(path.
 
 std::string qor::serial::real_path(const std::string& path) {
     char* const found = memory::found(realpath(path.c_str(), nullptr));
-    const std::string real = found != nullptr ? found : "";
+    std::string real = found != nullptr ? found : "";
     std::free(found);
     return real;
 }

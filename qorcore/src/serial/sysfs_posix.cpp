@@ -120,7 +120,7 @@ std::string qor::serial::device_file(const host& on, const std::string& name) {
 }
 
 std::string qor::serial::kernel_name(const host& on, const std::string& name) {
-    const std::string plain = without_folder(name, on.dev);
+    std::string plain = without_folder(name, on.dev);
     if (is_terminal(on, plain))
         return plain;
     const std::string file = device_file(on, name);

@@ -81,9 +81,9 @@ std::string container_kind(const linux_host& host) {
     if (host.has("/proc/vz") && !host.has("/proc/bc"))
         return "openvz";
     // The manager of the container left this file for the programs inside.
-    if (const std::string kind = host.read("/run/systemd/container"); !kind.empty())
+    if (std::string kind = host.read("/run/systemd/container"); !kind.empty())
         return kind;
-    if (const std::string kind = container_variable(host.read("/proc/1/environ")); !kind.empty())
+    if (std::string kind = container_variable(host.read("/proc/1/environ")); !kind.empty())
         return kind;
     if (host.has("/run/.containerenv"))
         return "podman";

@@ -56,7 +56,7 @@ bool append_part(std::string& text, char code, const qorTimeInfo& info) {
         append(text, info.ticks, 7);
         return true;
     case 'u':
-        append(text, static_cast<uint64>(qorGetDayOfWeek(info) + 1), 1);
+        append(text, static_cast<uint64>(qorGetDayOfWeek(info)) + 1, 1);
         return true;
     case 'z':
         append_offset(text, info.utc_offset);

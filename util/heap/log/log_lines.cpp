@@ -187,7 +187,10 @@ template <class SIZE>
     int32 line = 0;
     if (code == 'A') {
         const char* const number = end + 1;
-        if (*end != ' ' || (end = find_gap(number)) == number)
+        if (*end != ' ')
+            return false;
+        end = find_gap(number);
+        if (end == number)
             return false;
         line = static_cast<int32>(log_fields::signed_number(between(number, end)));
     }

@@ -55,7 +55,7 @@ std::string real_path(const std::string& path) {
     char* const found = realpath(path.c_str(), nullptr);
     if (found == nullptr && errno == ENOMEM)
         throw std::bad_alloc();
-    const std::string real = found != nullptr ? found : path;
+    std::string real = found != nullptr ? found : path;
     std::free(found);
     return real;
 }
