@@ -1,0 +1,195 @@
+#!/usr/bin/env python3
+"""clang-tidy finds nothing in the sources of the library, of its modules and of the programs, as this system compiles them.
+
+Most of a check's time goes into the headers of the C++ library. Sources with the same options are therefore checked
+together, as parts of one generated source. If something is found there, the parts before it and the others are checked
+again, down to the single source: they may merely not fit together, and what is reported is what a source alone shows.
+
+The build folder keeps which sources are clean. Such a source is checked again when its text, a header, an option,
+.clang-tidy or clang-tidy itself has changed.
+
+Alone: tests/style/tidy_test.py [--build FOLDER] [SOURCE...]; with sources, of any folder, it checks just these.
+"""
+
+import argparse
+import functools
+import hashlib
+import json
+import os
+import re
+import shlex
+import subprocess
+import sys
+import tempfile
+import unittest
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+from typing import NamedTuple
+
+TREE = Path(__file__).resolve().parents[2]
+CONFIG = TREE / ".clang-tidy"
+PROGRAM = "clang-tidy-16"
+# Sources that are checked together: fewer read the headers more often, of more too many do not fit together.
+TOGETHER = 9
+
+
+class Unit(NamedTuple):
+    source: Path
+    options: tuple
+    object: str = ""
+
+
+def options(words):
+    """What decides how a source reads; the rest makes code, and some of it only g++ knows."""
+    words = iter(words)
+    for word in words:
+        if word == "-isystem":
+            yield from (word, next(words))
+        elif re.match("-[DIWm]|-std=", word):
+            yield word
+
+
+def units(build):
+    """All sources of this build, each once."""
+    found = {}
+    for entry in json.loads((build / "compile_commands.json").read_text()):
+        words = shlex.split(entry["command"])
+        source = Path(entry["file"])
+        found.setdefault(source, Unit(source, tuple(options(words[1:])), words[words.index("-o") + 1]))
+    return found
+
+
+def is_shipped(unit):
+    return unit.source.is_relative_to(TREE / "qorcore") or unit.source.is_relative_to(TREE / "util")
+
+
+def read_files(build):
+    """For each object that is up to date, the files that its compilation read."""
+    said = subprocess.run(["ninja", "-C", build, "-t", "deps"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    found = {match[1]: [build / line.strip() for line in match[2].splitlines()]
+             for match in re.finditer(r"^(\S+): #deps .*\(VALID\)\n((?: {4}.*\n)*)", said.stdout, re.MULTILINE)}
+    return {name: files for name, files in found.items() if changed(build / name) >= max(map(changed, files))}
+
+
+@functools.cache
+def changed(path):
+    return path.stat().st_mtime_ns if path.exists() else sys.maxsize
+
+
+@functools.cache
+def digest(path):
+    return hashlib.sha256(path.read_bytes()).hexdigest()
+
+
+@functools.cache
+def version():
+    return subprocess.run([PROGRAM, "--version"], stdout=subprocess.PIPE, text=True, check=True).stdout
+
+
+def key(unit, files):
+    """Stands for all that the findings in a source depend on."""
+    parts = [version(), digest(CONFIG), str(unit.source), *unit.options]
+    parts += [f"{path} {digest(path)}" for path in sorted({unit.source, *files})]
+    return hashlib.sha256("\n".join(parts).encode()).hexdigest()
+
+
+def findings(batch):
+    """What clang-tidy finds in sources that have the same options, as one text: empty where it finds nothing."""
+    with tempfile.TemporaryDirectory() as folder:
+        source = batch[0].source
+        options = list(batch[0].options)
+        if len(batch) > 1:
+            options.append("-Wno-shadow")  # of names of other parts
+            source = Path(folder, "batch.cpp")
+            source.write_text("".join(f'#include "{unit.source}" // NOLINT\n' for unit in batch))
+        done = subprocess.run([PROGRAM, "--quiet", f"--config-file={CONFIG}", source, "--", *options],
+                              cwd=TREE, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    text = done.stdout or (done.returncode and f"{PROGRAM} {source} ends with {done.returncode}\n{done.stderr}")
+    if not text or len(batch) == 1:
+        return text or ""
+    place = re.search(r"^(.*?):\d+:\d+: (?:warning|error):", text, re.MULTILINE)
+    sources = [str(unit.source) for unit in batch]
+    middle = place and place[1] in sources and sources.index(place[1]) or len(batch) // 2
+    return findings(batch[:middle]) + findings(batch[middle:])
+
+
+def batches(wanted):
+    """Sources that are likely to define the same names go into different batches: those of one folder, and those that
+    name themselves for the allocation log."""
+    alike = {}
+    for unit in wanted:
+        alike.setdefault(unit.options, []).append(unit)
+    for group in alike.values():
+        group.sort(key=lambda unit: b"constexpr char source[]" in unit.source.read_bytes())
+        count = -(-len(group) // TOGETHER)
+        yield from (group[first::count] for first in range(count))
+
+
+def check(build, wanted):
+    """The findings in the sources that are not known as clean; remembers those that are."""
+    files = read_files(build)
+    keys = {unit: key(unit, files[unit.object]) for unit in wanted if unit.object in files}
+    kept = build / "tidy_clean.json"
+    clean = set(json.loads(kept.read_text())) if kept.exists() else set()
+    left = list(batches([unit for unit in wanted if keys.get(unit) not in clean]))
+    with ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
+        texts = list(pool.map(findings, left))
+    clean.update(keys[unit] for batch, text in zip(left, texts) if not text for unit in batch if unit in keys)
+    kept.write_text(json.dumps(sorted(clean & set(keys.values()))))
+    return "".join(texts)
+
+
+class Tidy(unittest.TestCase):
+    build = TREE / "build/dev"
+
+    def test_sources_are_clean(self):
+        wanted = [unit for unit in units(self.build).values() if is_shipped(unit)]
+        self.assertGreater(len(wanted), 150)
+        self.assertEqual(check(self.build, wanted), "")
+
+    def test_what_is_wrong_is_found(self):
+        with tempfile.TemporaryDirectory() as name:
+            folder = Path(name, "util")
+            folder.mkdir()
+            texts = {"right.cpp": "static int number() { return 1; }\nint right() { return number(); }\n",
+                     "also_right.cpp": "static int number() { return 2; }\nint also_right() { return number(); }\n",
+                     "wrong.h": "struct base { virtual ~base() = default; };\nstruct derived : base { virtual ~derived(); };\n",
+                     "wrong.cpp": '#include "wrong.h"\nderived::~derived() = default;\n'}
+            batch = []
+            for name, text in texts.items():
+                (folder / name).write_text(text)
+                if name.endswith(".cpp"):
+                    batch.append(Unit(folder / name, ("-std=c++20",)))
+            right, also_right, wrong = batch
+            self.assertEqual(findings([right]), "")
+            self.assertEqual(findings([right, also_right]), "", "they do not fit together, and are clean")
+            for together in [wrong], [right, wrong], batch:
+                self.assertRegex(findings(together), r"wrong\.h:2:.*modernize-use-override")
+
+    def test_a_change_is_seen(self):
+        with tempfile.TemporaryDirectory() as name:
+            paths = [Path(name, each) for each in ("it.cpp", "it.h")]
+            for path in paths:
+                path.write_text("\n")
+            seen = set()
+            for options in (), ("-DIT",):
+                for changed in (None, *paths):
+                    if changed:
+                        changed.write_text(changed.read_text() + "// more\n")
+                    digest.cache_clear()
+                    seen.add(key(Unit(paths[0], options), paths))
+            self.assertEqual(len(seen), 6)
+
+
+if __name__ == "__main__":
+    arguments = argparse.ArgumentParser()
+    arguments.add_argument("--build", type=Path, default=Tidy.build)
+    arguments.add_argument("sources", nargs="*", type=Path)
+    given = arguments.parse_args()
+    Tidy.build = given.build.resolve()
+    if not given.sources:
+        sys.exit(unittest.main(argv=sys.argv[:1]))
+    known = units(Tidy.build)
+    found = [findings([known[path.resolve()]]) for path in given.sources]
+    print(*filter(None, found), sep="", end="")
+    sys.exit(any(found))
