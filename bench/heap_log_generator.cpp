@@ -242,10 +242,10 @@ bool parse(int argc, char** argv, Options& options) {
 
 void write_logs(const Options& options, Log* memcheck) {
     Log mtrace(options.out);
-    mtrace.write("= Start\n");
+    mtrace.write("= %s\n", "Start");
     Program program(options, mtrace, memcheck);
     program.run();
-    mtrace.write("= End\n");
+    mtrace.write("= %s\n", "End");
     std::printf("lines %llu peak_live %llu\n", static_cast<unsigned long long>(program.lines()),
                 static_cast<unsigned long long>(program.peak()));
 }
