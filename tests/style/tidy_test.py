@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
-"""clang-tidy finds nothing in the sources of the library, of its modules and of the programs, as this system compiles them.
+"""clang-tidy has no findings in the sources of the library, its modules and the programs, as compiled on this system.
 
-Most of a check's time goes into the headers of the C++ library. Sources with the same options are therefore checked
-together, as parts of one generated source. If something is found there, the parts before it and the others are checked
-again, down to the single source: they may merely not fit together, and what is reported is what a source alone shows.
+A check spends most of its time in the headers of the C++ library. Therefore sources with the same options are checked
+together, as parts of one generated source. Such a batch with findings is split and checked again, down to single
+sources, because its parts may merely clash with each other. Only findings in a single source are reported.
 
-The build folder keeps which sources are clean. Such a source is checked again when its text, a header, an option,
-.clang-tidy or clang-tidy itself has changed.
+The build folder stores which sources are clean. A clean source is checked again after a change of its text, its headers,
+its options, .clang-tidy or clang-tidy itself.
 
-Alone: tests/style/tidy_test.py [--build FOLDER] [SOURCE...]; with sources, of any folder, it checks just these.
+To run it alone: tests/style/tidy_test.py [--build FOLDER] [SOURCE...]. With sources, from any folder, it checks only these.
 """
 
 import argparse
@@ -29,7 +29,7 @@ from typing import NamedTuple
 TREE = Path(__file__).resolve().parents[2]
 CONFIG = TREE / ".clang-tidy"
 PROGRAM = "clang-tidy-16"
-# Sources that are checked together: fewer read the headers more often, of more too many do not fit together.
+# The size of a batch. Smaller batches read the headers more often; in larger ones too many names clash.
 TOGETHER = 9
 
 
@@ -40,7 +40,7 @@ class Unit(NamedTuple):
 
 
 def options(words):
-    """What decides how a source reads; the rest makes code, and some of it only g++ knows."""
+    """Yields the options that decide how a source is parsed. The others concern code generation, and clang lacks some."""
     words = iter(words)
     for word in words:
         if word == "-isystem":
@@ -50,7 +50,7 @@ def options(words):
 
 
 def units(build):
-    """All sources of this build, each once."""
+    """Returns all sources of this build, each once."""
     found = {}
     for entry in json.loads((build / "compile_commands.json").read_text()):
         words = shlex.split(entry["command"])
@@ -64,7 +64,7 @@ def is_shipped(unit):
 
 
 def read_files(build):
-    """For each object that is up to date, the files that its compilation read."""
+    """Returns the files that the compilation of each up-to-date object read."""
     said = subprocess.run(["ninja", "-C", build, "-t", "deps"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     found = {match[1]: [build / line.strip() for line in match[2].splitlines()]
              for match in re.finditer(r"^(\S+): #deps .*\(VALID\)\n((?: {4}.*\n)*)", said.stdout, re.MULTILINE)}
@@ -87,19 +87,19 @@ def version():
 
 
 def key(unit, files):
-    """Stands for all that the findings in a source depend on."""
+    """Returns a digest of everything that the findings in a source depend on."""
     parts = [version(), digest(CONFIG), str(unit.source), *unit.options]
     parts += [f"{path} {digest(path)}" for path in sorted({unit.source, *files})]
     return hashlib.sha256("\n".join(parts).encode()).hexdigest()
 
 
 def findings(batch):
-    """What clang-tidy finds in sources that have the same options, as one text: empty where it finds nothing."""
+    """Returns the findings in sources with the same options as one text, which is empty if there are no findings."""
     with tempfile.TemporaryDirectory() as folder:
         source = batch[0].source
         options = list(batch[0].options)
         if len(batch) > 1:
-            options.append("-Wno-shadow")  # of names of other parts
+            options.append("-Wno-shadow")  # parts may shadow names of other parts
             source = Path(folder, "batch.cpp")
             source.write_text("".join(f'#include "{unit.source}" // NOLINT\n' for unit in batch))
         done = subprocess.run([PROGRAM, "--quiet", f"--config-file={CONFIG}", source, "--", *options],
@@ -114,8 +114,8 @@ def findings(batch):
 
 
 def batches(wanted):
-    """Sources that are likely to define the same names go into different batches: those of one folder, and those that
-    name themselves for the allocation log."""
+    """Yields batches. Sources that are likely to define the same names are spread over them: sources of one folder, and
+    sources that define their name for the allocation log."""
     alike = {}
     for unit in wanted:
         alike.setdefault(unit.options, []).append(unit)
@@ -126,7 +126,7 @@ def batches(wanted):
 
 
 def check(build, wanted):
-    """The findings in the sources that are not known as clean; remembers those that are."""
+    """Returns the findings in the sources that are not known to be clean, and stores the clean ones."""
     files = read_files(build)
     keys = {unit: key(unit, files[unit.object]) for unit in wanted if unit.object in files}
     kept = build / "tidy_clean.json"
@@ -162,7 +162,7 @@ class Tidy(unittest.TestCase):
                     batch.append(Unit(folder / name, ("-std=c++20",)))
             right, also_right, wrong = batch
             self.assertEqual(findings([right]), "")
-            self.assertEqual(findings([right, also_right]), "", "they do not fit together, and are clean")
+            self.assertEqual(findings([right, also_right]), "", "sources that clash are clean when checked alone")
             for together in [wrong], [right, wrong], batch:
                 self.assertRegex(findings(together), r"wrong\.h:2:.*modernize-use-override")
 
