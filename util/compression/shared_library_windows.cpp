@@ -1,0 +1,24 @@
+// The libraries lie beside the program; nothing is looked for along the path or in the current folder.
+#include "shared_library.h"
+
+#include <system_error>
+#include <windows.h>
+
+namespace qor::compression {
+
+const char* const zlib_file = "zlib1.dll";
+const char* const zstd_file = "libzstd.dll";
+
+void* load_library(const char* file, std::string& reason) {
+    const HMODULE library =
+        LoadLibraryExA(file, nullptr, LOAD_LIBRARY_SEARCH_APPLICATION_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32);
+    if (library == nullptr)
+        reason = std::system_category().message(static_cast<int>(GetLastError()));
+    return library;
+}
+
+void* find_function(void* library, const char* name) noexcept {
+    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
+}
+
+} // namespace qor::compression
