@@ -5,13 +5,14 @@
 
 # What has to be there, as "package=probe". A probe is a command, or the path of a file. It is looked
 # for first: a host that has a tool from elsewhere needs no package, and the look costs no process.
-needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja" "libmnl-dev=/usr/include/libmnl/libmnl.h")
+needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja" "libmnl-dev=/usr/include/libmnl/libmnl.h"
+    "zlib1g-dev=/usr/include/zlib.h" "libzstd-dev=/usr/include/zstd.h")
 needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/openssl/evp.h" "python3=python3"
     "libc-devtools=mtrace" "valgrind=valgrind" "iproute2=ip" "libpam0g-dev=/usr/include/security/pam_appl.h"
     "libnss-wrapper=/usr/lib/$HOSTTYPE-linux-gnu/libnss_wrapper.so" "umockdev=umockdev-run"
     "tzdata=/usr/share/zoneinfo/Europe/Berlin" "libfaketime=/usr/lib/$HOSTTYPE-linux-gnu/faketime/libfaketime.so.1"
     "xdg-user-dirs=xdg-user-dir" "systemd=systemd-path" "procps=free" "libgsasl-dev=/usr/include/gsasl.h"
-    "openssl=openssl" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux" "doxygen=doxygen"
+    "openssl=openssl" "gzip=gzip" "zstd=zstd" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux" "doxygen=doxygen"
     "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py"
     "clang-format-14=clang-format-14" "shellcheck=shellcheck")
 needs_windows=("cmake=cmake" "ninja-build=ninja" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"

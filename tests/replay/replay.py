@@ -109,7 +109,7 @@ class MemcheckLine:
 
 
 class LineReader:
-    """Lines without their ends; the last line need not have one. Carriage returns fall to strip(). Of a line that
+    """Lines without their ends; what gzip and zstd compressed has to be decompressed before; the last line need not have one. Carriage returns fall to strip(). Of a line that
     is too long there is a beginning, which is no record."""
 
     def __init__(self, path, form):
