@@ -16,6 +16,7 @@ needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/
     "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py"
     "clang-format-14=clang-format-14" "shellcheck=shellcheck")
 needs_windows=("cmake=cmake" "ninja-build=ninja" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"
+    "libz-mingw-w64-dev=/usr/x86_64-w64-mingw32/include/zlib.h" "gzip=gzip" "zstd=zstd"
     "wine64=/usr/lib/wine/wine64" "googletest=/usr/src/googletest/CMakeLists.txt" "python3=python3" "libc-devtools=mtrace"
     "openssl=openssl" "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py")
 

@@ -10,10 +10,14 @@ const char* const zlib_file = "zlib1.dll";
 const char* const zstd_file = "libzstd.dll";
 
 void* load_library(const char* file, std::string& reason) {
+    // No dialog about a damaged file.
+    DWORD before = 0;
+    SetThreadErrorMode(SEM_FAILCRITICALERRORS, &before);
     const HMODULE library =
         LoadLibraryExA(file, nullptr, LOAD_LIBRARY_SEARCH_APPLICATION_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32);
     if (library == nullptr)
         reason = std::system_category().message(static_cast<int>(GetLastError()));
+    SetThreadErrorMode(before, nullptr);
     return library;
 }
 
