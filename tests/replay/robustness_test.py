@@ -110,11 +110,16 @@ class Robustness(unittest.TestCase):
         writer.join()
         self.require_output(run, self.expected(LOG))
 
-    def test_fifo_with_a_compressed_log(self):
-        fifo, writer = self.fifo(gzip.compress(LOG))
-        run = Run(["mtrace", fifo])
-        writer.join()
-        self.require_output(run, self.expected(LOG))
+    def test_compressed_logs_through_pipes(self):
+        expected = self.expected(LOG)
+        zstd = subprocess.run(["zstd", "-q", "-c"], input=LOG, stdout=subprocess.PIPE, check=True).stdout
+        for data in (gzip.compress(LOG), zstd):
+            fifo, writer = self.fifo(data)
+            run = Run(["mtrace", fifo])
+            writer.join()
+            fifo.unlink()
+            self.require_output(run, expected)
+            self.require_output(Run(["mtrace", "/dev/stdin"], lambda stream: self.write_in_pieces(stream, data)), expected)
 
     def test_memory_of_compressed_logs(self):
         """It follows neither the length of the log nor what its beginning asks for, up to the limit that users are told."""
