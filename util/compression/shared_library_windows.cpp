@@ -1,4 +1,4 @@
-// The libraries lie beside the program; nothing is looked for along the path or in the current folder.
+// The libraries lie beside the program; others of these names are left alone.
 #include "shared_library.h"
 
 #include <system_error>
@@ -13,8 +13,7 @@ void* load_library(const char* file, std::string& reason) {
     // No dialog about a damaged file.
     DWORD before = 0;
     SetThreadErrorMode(SEM_FAILCRITICALERRORS, &before);
-    const HMODULE library =
-        LoadLibraryExA(file, nullptr, LOAD_LIBRARY_SEARCH_APPLICATION_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32);
+    const HMODULE library = LoadLibraryExA(file, nullptr, LOAD_LIBRARY_SEARCH_APPLICATION_DIR);
     if (library == nullptr)
         reason = std::system_category().message(static_cast<int>(GetLastError()));
     SetThreadErrorMode(before, nullptr);
