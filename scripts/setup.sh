@@ -5,18 +5,20 @@
 
 # The packages that are needed, as "package=probe". A probe is a command or the path of a file. It is checked first: a
 # host that has the tool from another source does not need the package, and the check starts no process.
-needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja" "libmnl-dev=/usr/include/libmnl/libmnl.h")
+needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja" "libmnl-dev=/usr/include/libmnl/libmnl.h"
+    "zlib1g-dev=/usr/include/zlib.h" "libzstd-dev=/usr/include/zstd.h")
 needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/openssl/evp.h" "python3=python3"
     "libc-devtools=mtrace" "valgrind=valgrind" "iproute2=ip" "libpam0g-dev=/usr/include/security/pam_appl.h"
     "libnss-wrapper=/usr/lib/$HOSTTYPE-linux-gnu/libnss_wrapper.so" "umockdev=umockdev-run"
     "tzdata=/usr/share/zoneinfo/Europe/Berlin" "libfaketime=/usr/lib/$HOSTTYPE-linux-gnu/faketime/libfaketime.so.1"
     "xdg-user-dirs=xdg-user-dir" "systemd=systemd-path" "procps=free" "libgsasl-dev=/usr/include/gsasl.h"
-    "openssl=openssl" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux" "doxygen=doxygen"
+    "openssl=openssl" "gzip=gzip" "zstd=zstd" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux" "doxygen=doxygen"
     "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py"
     "clang-format-14=clang-format-14" "clang-tidy-16=clang-tidy-16" "shellcheck=shellcheck")
 needs_fuzz=("clang-16=clang++-16" "libssl-dev=/usr/include/openssl/evp.h" "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer"
     "libclang-rt-16-dev=/usr/lib/llvm-16/lib/clang/16/lib/linux/libclang_rt.fuzzer-$HOSTTYPE.a")
 needs_windows=("cmake=cmake" "ninja-build=ninja" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"
+    "libz-mingw-w64-dev=/usr/x86_64-w64-mingw32/include/zlib.h" "gzip=gzip" "zstd=zstd"
     "wine64=/usr/lib/wine/wine64" "googletest=/usr/src/googletest/CMakeLists.txt" "python3=python3" "libc-devtools=mtrace"
     "openssl=openssl" "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py")
 

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <fcntl.h>
@@ -97,18 +98,20 @@ TEST_F(posix_file_reader, a_line_of_a_pipe_comes_before_its_end) {
     close(pipe);
 }
 
+// Writes into a pipe when its reader is about to wait.
+struct feeder {
+    int pipe;
+    std::vector<const char*> pieces;
+    std::size_t next = 0;
+    static void feed(void* context) {
+        feeder& self = *static_cast<feeder*>(context);
+        const char* const piece = self.pieces.at(self.next++);
+        EXPECT_EQ(write(self.pipe, piece, std::strlen(piece)), static_cast<ssize_t>(std::strlen(piece)));
+    }
+};
+
 // The callback is called before each wait, and only then.
 TEST_F(posix_file_reader, a_pipe_that_has_nothing_yet) {
-    struct feeder {
-        int pipe;
-        std::vector<const char*> pieces;
-        std::size_t next = 0;
-        static void feed(void* context) {
-            feeder& self = *static_cast<feeder*>(context);
-            const char* const piece = self.pieces.at(self.next++);
-            EXPECT_EQ(write(self.pipe, piece, std::strlen(piece)), static_cast<ssize_t>(std::strlen(piece)));
-        }
-    };
     const std::string path = m_folder / "pipe";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     feeder writer{open(path.c_str(), O_RDWR), {"first\nsec", "ond\n", "third\n"}};
@@ -129,6 +132,46 @@ TEST_F(posix_file_reader, a_pipe_that_has_nothing_yet) {
     ASSERT_TRUE(reader->Open(m_folder.file("text", "a\n").c_str(), 0));
     EXPECT_EQ(read_all(*reader), words{"a"});
     EXPECT_EQ(writer.next, 3u);
+}
+
+// A whole line is handed out before the filter has to know more, and a beginning that it wants more of is waited for.
+TEST_F(posix_file_reader, a_pipe_and_a_filter) {
+    class dropping_filter final : public IQORFileFilter {
+    public:
+        answer IsFor(const char* beginning, uint64 size) noexcept override {
+            const std::string_view seen(beginning, static_cast<std::size_t>(std::min<uint64>(size, 3)));
+            return seen != std::string_view("#!:").substr(0, seen.size()) ? answer::no
+                   : seen.size() == 3                                     ? answer::yes
+                                                                          : answer::undecided;
+        }
+        bool Convert(const char** next, const char* end, bool, char** out, char* out_end) noexcept override {
+            for (; *next != end && *out != out_end; ++*next)
+                if (**next != '#' && **next != '!' && **next != ':')
+                    *(*out)++ = **next;
+            return true;
+        }
+    } filter;
+    const struct {
+        std::vector<const char*> pieces;
+        words lines;
+    } cases[] = {{{"#!\n", "#!:\n"}, {"#!", "#!:"}}, {{"#", "!", ":", "a", "b:\nc\n"}, {"ab", "c"}}};
+    for (const auto& each : cases) {
+        const std::string path = m_folder / ("pipe" + std::to_string(each.pieces.size()));
+        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+        feeder writer{open(path.c_str(), O_RDWR), each.pieces};
+        const reader_pointer reader = make_reader();
+        ASSERT_TRUE(reader->Open(path.c_str(), 0));
+        reader->SetFilter(&filter);
+        reader->SetBeforeWait(feeder::feed, &writer);
+        qorString line;
+        for (const std::string& text : each.lines) {
+            EXPECT_TRUE(reader->ReadLine(line));
+            EXPECT_EQ(view(line), text);
+        }
+        EXPECT_EQ(writer.next, each.pieces.size());
+        close(writer.pipe);
+        EXPECT_FALSE(reader->ReadLine(line));
+    }
 }
 
 namespace {

@@ -15,6 +15,7 @@ second. --every leaves no call out; with a key that takes days.
 
 import argparse
 import errno
+import gzip
 import os
 import pathlib
 import re
@@ -75,14 +76,23 @@ def long_logs(folder):
     return mtrace, memcheck
 
 
+def compressed(log):
+    """The same log as gzip and as zstd write it."""
+    gz, zst = log.with_suffix(".gz"), log.with_suffix(".zst")
+    gz.write_bytes(gzip.compress(log.read_bytes()))
+    zst.write_bytes(subprocess.run(["zstd", "-q", "-c", log], stdout=subprocess.PIPE, check=True).stdout)
+    return gz, zst
+
+
 def action_runs(tool, samples, folder):
     long_mtrace, long_memcheck = long_logs(folder)
+    gzip_mtrace, zstd_mtrace = compressed(long_mtrace)
     data = samples / "demo.memcheck"
     runs = [
         ["help"], ["sysinfo", "--developer"], ["netlist"], ["pwcrypt", "secret"], ["ttyinfo", "/dev/null"], ["list-serial"],
         ["md5sum", data], ["lookup", "127.0.0.1"], ["userinfo"], ["dow", "29/2/2024"], ["debug-control", "127.0.0.1", "1"],
         ["mtrace", samples / "demo.mtrace", data], ["memcheck", data], ["mtrace", long_mtrace],
-        ["memcheck", long_memcheck], ["tztest"], ["path-list"],
+        ["memcheck", long_memcheck], ["mtrace", gzip_mtrace], ["mtrace", zstd_mtrace], ["tztest"], ["path-list"],
         ["logon", "no such user", "secret"],
     ]
     # A salt and the figures of this host differ in each run.

@@ -111,7 +111,7 @@ class MemcheckLine:
 
 class LineReader:
     """Reads lines without their ends; the last line may lack one. strip() removes carriage returns. A line that is too
-    long yields its beginning, which is not a record."""
+    long yields its beginning, which is not a record. A compressed log must be decompressed before."""
 
     def __init__(self, path, form):
         self.path = path

@@ -8,6 +8,7 @@ limited, unless the tool is instrumented. --full uses sizes for an otherwise idl
 """
 
 import argparse
+import gzip
 import os
 import pty
 import random
@@ -19,6 +20,7 @@ import sys
 import tempfile
 import threading
 import unittest
+import zlib
 from pathlib import Path
 
 import replay
@@ -40,7 +42,7 @@ class Run:
     """One run of the tool; `feed(stream)`, if given, writes its standard input. The run fails if it needs more than
     `limit` bytes of address space, which is more than the memory that it really uses."""
 
-    def __init__(self, words, feed=None, limit=256 * MIB):
+    def __init__(self, words, feed=None, limit=256 * MIB, environment={}):
         def bound():
             if not options.instrumented:
                 resource.setrlimit(resource.RLIMIT_AS, (limit, limit))
@@ -48,7 +50,7 @@ class Run:
         with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
             process = subprocess.Popen(
                 [*tool.command, "--quiet", *words], stdin=subprocess.PIPE, stdout=out, stderr=err,
-                env=tool.environment(), preexec_fn=bound,
+                env={**tool.environment(), **environment}, preexec_fn=bound,
             )
             if feed is not None:
                 feed(process.stdin)
@@ -107,6 +109,51 @@ class Robustness(unittest.TestCase):
         run = Run(["mtrace", fifo])
         writer.join()
         self.require_output(run, self.expected(LOG))
+
+    def test_compressed_logs_through_pipes(self):
+        expected = self.expected(LOG)
+        zstd = subprocess.run(["zstd", "-q", "-c"], input=LOG, stdout=subprocess.PIPE, check=True).stdout
+        for data in (gzip.compress(LOG), zstd):
+            fifo, writer = self.fifo(data)
+            run = Run(["mtrace", fifo])
+            writer.join()
+            fifo.unlink()
+            self.require_output(run, expected)
+            self.require_output(Run(["mtrace", "/dev/stdin"], lambda stream: self.write_in_pieces(stream, data)), expected)
+
+    def test_memory_of_compressed_logs(self):
+        """It follows neither the length of the log nor what its beginning asks for, up to the limit that users are told."""
+        line = b"@ app + 0x10 0x20\n@ app - 0x10\n"
+        def feed(stream):
+            state = zlib.compressobj(1, zlib.DEFLATED, 31)
+            for _ in range(100):
+                stream.write(state.compress(line * 20_000))
+            stream.write(state.flush())
+
+        run = Run(["mtrace", "/dev/stdin"], feed, 64 * MIB)
+        self.assertEqual((run.code, run.out), (0, b"No leaks found\nDone\n"))
+        # A window of 128 MiB.
+        frame = b"\x28\xb5\x2f\xfd\0\x88" + (len(line) << 3 | 1).to_bytes(3, "little") + line
+        run = Run(["mtrace", "/dev/stdin"], lambda stream: stream.write(frame), 200 * MIB)
+        self.assertEqual((run.code, run.out), (0, b"No leaks found\nDone\n"))
+        if not options.instrumented:
+            run = Run(["mtrace", "/dev/stdin"], lambda stream: stream.write(frame), 100 * MIB)
+            self.assertEqual(run.code, 1)
+            self.assertIn(b"out of memory", run.err)
+
+    def test_a_library_that_is_missing(self):
+        folder = self.folder / "libraries"
+        folder.mkdir()
+        for data, program, library in ((gzip.compress(LOG), "gzip", "libz.so.1"),
+                                       (b"\x28\xb5\x2f\xfd", "zstd", "libzstd.so.1")):
+            with self.subTest(program=program):
+                (folder / library).write_bytes(b"no library")
+                self.log.write_bytes(data)
+                run = Run(["mtrace", self.log], environment={"LD_LIBRARY_PATH": str(folder)})
+                self.assertEqual((run.code, run.out), (0, b"No leaks found\nDone\n"))
+                self.assertRegex(run.err.decode(), f"\nCannot read '{self.log}': it is compressed with {program}, and the "
+                                 f"library '{library}' cannot be used: .*{library}.*\\. The report covers only what was read "
+                                 "before that\\.\n$")
 
     def test_join_of_two_pipes(self):
         memcheck = b"".join(b"A %x %d 0 src/a %d\n" % (0x55550000 + i * 48, i, i) for i in range(40_000))
@@ -294,6 +341,35 @@ class Robustness(unittest.TestCase):
                     process.kill()
                     process.wait()
                     os.close(screen)
+
+    def test_a_stalled_pipe_with_a_compressed_log(self):
+        """All that has come is on the screen, however it was compressed."""
+        fifo = self.folder / "compressed"
+        os.mkfifo(fifo)
+        writer = os.open(fifo, os.O_RDWR)
+        screen, terminal = pty.openpty()
+        process = subprocess.Popen([*tool.command, "--quiet", "mtrace", fifo], stdin=subprocess.DEVNULL, stdout=terminal,
+                                   stderr=terminal, env=tool.environment())
+        os.close(terminal)
+        seen = bytearray()
+        try:
+            state = zlib.compressobj(1, zlib.DEFLATED, 31)
+            for i in range(1, 4):
+                # More than a batch, the second time.
+                text = b"@ a - 0x%x\n" % i + b"@ a + 0x1000 1\n@ a - 0x1000\n" * (10_000 * (i - 1))
+                data = state.compress(text) + state.flush(zlib.Z_SYNC_FLUSH)
+                for piece in (data[:1], data[1:2], data[2:]):
+                    os.write(writer, piece)
+                self.shows(screen, b"BAD FREE at 0x%x " % i, seen)
+            os.write(writer, state.flush())
+            os.close(writer)
+            self.shows(screen, b"Done", seen)
+            self.assertNotIn(b"Cannot read", seen)
+            self.assertEqual(process.wait(GUARD), 0)
+        finally:
+            process.kill()
+            process.wait()
+            os.close(screen)
 
     def test_distinct_callers(self):
         """The memory for callers depends on the live blocks, not on the length of the log."""

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace {
 
@@ -33,6 +34,8 @@ public:
         m_next = m_lines_end = m_end = 0;
         m_is_cut = false;
         m_failed = 0;
+        m_filter = nullptr;
+        m_is_filtered = false;
         m_path = path;
         if (const int reason = m_file.open(path, qor::platform::raw_file::access::read)) {
             qor::error::set_with_reason(qorError_cannot_open_file, path, reason);
@@ -69,6 +72,8 @@ public:
         m_context = context;
     }
 
+    void SetFilter(IQORFileFilter* filter) noexcept override { m_filter = filter; }
+
 private:
     // Reads until the block holds at least one whole line. Returns false if there is none; the block then holds
     // nothing, or the beginning of a line that is too long.
@@ -87,8 +92,8 @@ private:
             std::memmove(m_block, m_block + m_lines_end, m_end);
         m_next = m_lines_end = 0;
         for (;;) {
-            const std::size_t begin = m_end;
-            m_ended_by_us = !read_more();
+            const std::size_t count = read_more();
+            m_ended_by_us = count == 0;
             if (m_ended_by_us) {
                 if (m_end == 0)
                     return false;
@@ -97,7 +102,8 @@ private:
                 m_lines_end = m_end;
                 return true;
             }
-            if (const std::size_t last = std::string_view(m_block + begin, m_end - begin).rfind('\n');
+            const std::size_t begin = m_end - count;
+            if (const std::size_t last = std::string_view(m_block + begin, count).rfind('\n');
                 last != std::string_view::npos) {
                 m_lines_end = begin + last + 1;
                 return true;
@@ -125,7 +131,7 @@ private:
         const void* end;
         do {
             m_next = m_lines_end = m_end = 0;
-            if (!read_more())
+            if (read_more() == 0)
                 return false;
             end = std::memchr(m_block, '\n', m_end);
         } while (end == nullptr);
@@ -135,26 +141,70 @@ private:
         return true;
     }
 
-    // Returns false at the end of the file or on a read error. After an error nothing more is read, because some bytes
-    // would be missing.
-    bool read_more() {
+    // Reads more text to the end of the block and returns the number of bytes. Returns 0 at the end of the file or on a
+    // read error. After an error nothing more is read, because some bytes would be missing.
+    std::size_t read_more() {
         if (m_failed != 0) {
             qor::error::set_with_reason(qorError_cannot_read_file, m_path.c_str(), m_failed);
-            return false;
+            return 0;
         }
         if (m_end == m_size && m_size != longest_line)
             enlarge();
-        if (m_before_wait != nullptr && m_file.has_to_wait())
-            m_before_wait(m_context);
         // A huge line leaves a huge block behind; small reads still go through the cache. When a line has reached the
         // maximum length, one more byte is read, which may be its line end; there is room for it.
         const std::size_t wanted = std::clamp<std::size_t>(m_size - m_end, 1, block_size);
+        char* const out = m_block + m_end;
+        std::size_t count = m_is_filtered ? convert(out, wanted) : read_file(out, wanted);
+        m_end += count;
+        if (m_filter != nullptr && !m_is_filtered && is_for_filter(count == 0)) {
+            m_raw.resize(block_size);
+            std::memcpy(m_raw.data(), m_block, m_end);
+            m_raw_next = m_raw.data();
+            m_raw_end = m_raw_next + m_end;
+            m_is_filtered = true;
+            m_end = count = convert(m_block, block_size);
+        }
+        return count;
+    }
+
+    std::size_t read_file(char* out, std::size_t wanted) {
+        if (m_before_wait != nullptr && m_file.has_to_wait())
+            m_before_wait(m_context);
         std::size_t count = 0;
-        m_failed = m_file.read(m_block + m_end, wanted, &count);
+        m_failed = m_file.read(out, wanted, &count);
         if (m_failed != 0)
             qor::error::set_with_reason(qorError_cannot_read_file, m_path.c_str(), m_failed);
-        m_end += count;
-        return count != 0;
+        return count;
+    }
+
+    // Asked as long as the block holds the beginning of the file and nothing has been handed out. What is undecided
+    // holds no line end, or else a pipe would have to be waited for that has given a whole line.
+    bool is_for_filter(bool is_at_end) {
+        if (m_end == 0)
+            return false;
+        const IQORFileFilter::answer found = is_at_end ? IQORFileFilter::answer::no : m_filter->IsFor(m_block, m_end);
+        if (found == IQORFileFilter::answer::no)
+            m_filter = nullptr;
+        return found == IQORFileFilter::answer::yes;
+    }
+
+    // Text that the filter makes of the file.
+    std::size_t convert(char* out, std::size_t wanted) {
+        char* next = out;
+        for (;;) {
+            const bool is_good = m_filter->Convert(&m_raw_next, m_raw_end, false, &next, out + wanted);
+            if (!is_good || next != out)
+                break;
+            const std::size_t count = read_file(m_raw.data(), m_raw.size());
+            m_raw_next = m_raw.data();
+            m_raw_end = m_raw_next + count;
+            if (count != 0)
+                continue;
+            if (m_failed == 0)
+                (void)m_filter->Convert(&m_raw_next, m_raw_end, true, &next, out + wanted);
+            break;
+        }
+        return static_cast<std::size_t>(next - out);
     }
 
     // Makes room for a line that is longer than the block.
@@ -180,6 +230,11 @@ private:
     int m_failed = 0;            // the system's error code of a read; 0: no error
     void (*m_before_wait)(void*) = nullptr;
     void* m_context = nullptr;
+    IQORFileFilter* m_filter = nullptr; // null: the file is text
+    bool m_is_filtered = false;         // the file is one for the filter
+    std::vector<char> m_raw;            // bytes of such a file
+    const char* m_raw_next = nullptr;   // what the filter has not used
+    const char* m_raw_end = nullptr;
 };
 
 } // namespace

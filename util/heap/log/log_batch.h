@@ -1,6 +1,7 @@
 // Some lines of a log that are read together: their text and their entries.
 #pragma once
 
+#include "decompressing_filter.h"
 #include "log_fields.h"
 #include "log_lines.h"
 #include "qor/qor.h"
@@ -8,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -106,7 +108,7 @@ struct log_batch {
     }
 };
 
-// Makes batches of a log.
+// Makes batches of a log, which may be compressed. Copies read the same file.
 template <class LINE>
 class log_source {
 public:
@@ -115,11 +117,16 @@ public:
     bool open(const char* path) {
         create_IQORSimpleFileReader(m_file.Out());
         m_next = m_end = nullptr;
-        return m_file->Open(path, 0);
+        if (!m_file->Open(path, 0))
+            return false;
+        m_filter = std::make_shared<decompressing_filter>(path);
+        m_file->SetFilter(m_filter.get());
+        return true;
     }
 
     void close() {
         m_file.Empty();
+        m_filter.reset();
         m_next = m_end = nullptr;
     }
 
@@ -173,6 +180,7 @@ public:
     }
 
 private:
+    std::shared_ptr<decompressing_filter> m_filter; // the file's, which it outlives
     zetSmartPointer<IQORSimpleFileReader> m_file;
     const char* m_next = nullptr; // handed out by the reader, not yet in a batch
     const char* m_end = nullptr;

@@ -52,6 +52,26 @@ public:
 // The number of readable bytes behind the run that IQORSimpleFileReader::ReadLines returns.
 inline constexpr uint32 qorReadLinesPadding = 64;
 
+// Makes text of the bytes of a file, a decompressor for instance; IQORSimpleFileReader reads through it. The client
+// implements and owns it.
+class IQORFileFilter {
+public:
+    // Whether the file that begins with these bytes is one for this filter. They are as many as the system has handed
+    // out at once, then more, as long as the answer is `undecided`; at the end of the file that counts as `no`.
+    enum class answer : uint32 { no, yes, undecided };
+    virtual answer IsFor(const char* beginning, uint64 size) noexcept = 0;
+
+    // Makes text of the next bytes of the file, [*next, end), and stores it at *out, before `out_end`; moves both
+    // pointers behind what it used. It has to use all of the bytes, or all of the room. `is_at_end`: no more bytes
+    // follow, unless somebody is still writing the file: then the reader calls again with them. False: no more text
+    // can be made, or the file ends too early; the last error says why. What was stored counts all the same.
+    [[nodiscard]] virtual bool Convert(const char** next, const char* end, bool is_at_end, char** out,
+                                       char* out_end) noexcept = 0;
+
+protected:
+    ~IQORFileFilter() = default;
+};
+
 // Reads a text file line by line. The last Release closes the file. Not thread-safe.
 class IQORSimpleFileReader : public IQORInterface {
 public:
@@ -74,6 +94,11 @@ public:
     // Sets a callback that the reading thread runs before it has to wait, because a pipe or a device has nothing to
     // read yet; a program can then write out pending output. Null removes it.
     virtual void SetBeforeWait(void (*tell)(void* context), void* context) noexcept = 0;
+
+    // For a file that is not read yet: lines come from what the filter makes of the file, if it is one for it.
+    // Otherwise they come from the file itself. The filter has to stay until the reader is destroyed or has opened
+    // another file, which is read without it unless it is set again. A failure of the filter is a read error.
+    virtual void SetFilter(IQORFileFilter* filter) noexcept = 0;
 
 protected:
     ~IQORSimpleFileReader() = default;
