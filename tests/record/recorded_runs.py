@@ -1,0 +1,97 @@
+"""Runs of programs under qor-record for the tests here, and independent readings of their logs."""
+
+import os
+import pathlib
+import re
+import subprocess
+import tempfile
+import unittest
+
+import stacks_file
+
+LEAK = re.compile(r"^LEAK at 0x([0-9a-f]+) size (\d+) ", re.MULTILINE)
+SCRIPT_LEAK = re.compile(r"^0x([0-9a-f]+) +0x([0-9a-f]+)  at ", re.MULTILINE)
+
+# The size of the block that c_library_tracing.c allocates first.
+MARKER = 79123
+
+
+class RecordedRuns(unittest.TestCase):
+    """`options` has bin (the recorded programs), record (qor-record) and tool (qortool)."""
+
+    options = None
+    maxDiff = None
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.environment = {"PATH": "/usr/bin:/bin", "LC_ALL": "C", "PYTHONHASHSEED": "0", "PYTHONMALLOC": "malloc",
+                            "HOME": str(self.folder)}
+
+    def preloaded(self, *libraries):
+        """The environment with these, which lie beside the programs unless the system has them."""
+        found = [str(path) if (path := self.options.bin / name).exists() else name for name in libraries]
+        return {**self.environment, "LD_PRELOAD": ":".join(found)}
+
+    def start(self, *command, prefix="log", words=(), environment=None, **more):
+        return subprocess.Popen([self.options.record, "-o", prefix, *words, "--", *map(str, command)], cwd=self.folder,
+                                env=environment or self.environment, **more)
+
+    def record(self, *command, code=0, **more):
+        """Its standard output and error."""
+        more = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True, **more}
+        with self.start(*command, **more) as process:
+            out, errors = process.communicate()
+        self.assertEqual(process.returncode, code, errors)
+        return out, errors
+
+    def recording(self, name="log.mtrace"):
+        """The log with its stacks: one stack for each new block, and no loss."""
+        recording = stacks_file.Recording(self.folder / name)
+        blocks = sum(record is not None for _, _, record in recording.lines)
+        self.assertEqual((len(recording.stacks.records), recording.stacks_left), (blocks, 0))
+        self.assertEqual((recording.stacks.cut_off, recording.stacks.newer, recording.stacks.losses), (False, False, []))
+        return recording
+
+    def logs(self, prefix="log"):
+        """Those of all processes, that of the program first."""
+        return sorted(path.name for path in self.folder.glob(f"{prefix}.mtrace*"))
+
+    def by_tool(self, log):
+        """{(address, size)} of the leaks that qortool reports; there must be no bad free."""
+        done = subprocess.run([self.options.tool, "--quiet", "mtrace", log], cwd=self.folder, env=self.environment,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertNotIn("BAD FREE", done.stdout)
+        self.assertNotIn("WARNING", done.stderr)
+        return sorted((int(address, 16), int(size)) for address, size in LEAK.findall(done.stdout))
+
+    def by_script(self, log):
+        """The same, as the C library's script reports it."""
+        done = subprocess.run(["mtrace", log], cwd=self.folder, env=self.environment, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True)
+        self.assertIn(done.returncode, (0, 1), done.stderr)
+        return (sorted((int(address, 16), int(size, 16)) for address, size in SCRIPT_LEAK.findall(done.stdout)),
+                done.stdout)
+
+    def by_both(self, log):
+        leaks = self.by_tool(log)
+        scripts, text = self.by_script(log)
+        self.assertNotIn("was never alloc'd", text)
+        self.assertEqual(leaks, scripts)
+        return leaks
+
+
+def parse(parser, argv=None):
+    parser.add_argument("--bin", type=lambda path: pathlib.Path(path).resolve(), required=True,
+                        help="the folder of the recorded programs")
+    parser.add_argument("--record", type=lambda path: pathlib.Path(path).resolve(), required=True, help="qor-record")
+    parser.add_argument("--tool", type=lambda path: pathlib.Path(path).resolve(), required=True, help="qortool")
+    RecordedRuns.options, rest = parser.parse_known_args(argv)
+    return rest
+
+
+def longer():
+    """Whether this is ./test load, which takes its time."""
+    return bool(os.environ.get("QOR_TEST_LOAD"))

@@ -1,0 +1,100 @@
+#!/usr/bin/env python3
+"""Everything at once: tests/record/programs/torture.cpp, recorded, with an allocator that its signals may interrupt.
+
+    torture_test.py --bin FOLDER --record PROGRAM --tool QORTOOL [--seconds N]
+
+Ten seconds, or ten minutes in ./test load. No block may be missing or misplaced in a log, and no frame be one that cannot be.
+"""
+
+import argparse
+import collections
+import struct
+import sys
+import unittest
+
+import recorded_runs
+import return_addresses
+import symbols
+
+BRIEF_SECONDS, LONG_SECONDS = 10, 600
+LOST_BLOCKS = 50
+
+# The size of the blocks that each kind of work loses, and the functions that their stacks begin with.
+LOST = {
+    71001: ["lose", "handle"],
+    71002: ["lose", "throw_and_lose", "throw_exceptions"],
+    71003: ["lose", "work"],
+    71004: ["work_of_one", "use_library", "load_libraries"],
+    71005: ["work_of_two", "use_library", "load_libraries"],
+}
+LOST_BY_CHILD = 72001
+
+seconds = BRIEF_SECONDS
+
+
+class Torture(recorded_runs.RecordedRuns):
+    def test_everything_at_once(self):
+        environment = {**self.preloaded("counting.so", "signal_safe_malloc.so"), "COUNTING": str(self.folder / "counts")}
+        out, errors = self.record(self.options.bin / "torture", seconds, environment=environment)
+        print(out, errors, sep="", end="", file=sys.stderr)
+        children = int(out.split()[0])
+        self.check_program()
+        forked = 0
+        for name in self.logs()[1:]:
+            # A program that was started has a log, too.
+            if self.leaks(name).get(LOST_BY_CHILD):
+                forked += 1
+        self.assertEqual(forked, children)
+
+    def leaks(self, name):
+        """{size: number}, as a plain replay, qortool and the script see them."""
+        recording = self.recording(name)
+        alive, bad = recording.replay()
+        self.assertEqual(bad, [])
+        self.assertEqual(return_addresses.Checker().foreign(recording.stacks), [])
+        found = sorted((address, record.size) for address, record in alive.items())
+        self.assertEqual(self.by_tool(name), found)
+        return collections.Counter(record.size for record in alive.values())
+
+    def check_program(self):
+        leaks = self.leaks("log.mtrace")
+        self.assertEqual({size: leaks[size] for size in LOST}, dict.fromkeys(LOST, LOST_BLOCKS))
+        recording = self.recording()
+        counts = recording.count("+"), recording.count(">"), recording.count("-")
+        counted = self.folder / f"counts.{recording.stacks.process.pid}.1"
+        self.assertEqual(counts, struct.unpack("=3Q", counted.read_bytes()))
+        self.assertEqual(recording.count("<"), recording.count(">"))
+        addr2line = symbols.Addr2line()
+        self.addCleanup(addr2line.close)
+        for leak in symbols.recorded_leaks(recording, addr2line):
+            if leak.size in LOST:
+                functions = [place.function for place in leak.within(self.options.bin)]
+                self.assertEqual(functions[:len(LOST[leak.size])], LOST[leak.size])
+        self.check_ends(recording)
+
+    def check_ends(self, recording):
+        """Stacks go to the start of the program or of a thread, but for some that a signal has cut into."""
+        whole = cut = 0
+        for record in (record for _, _, record in recording.lines if record):
+            frames = recording.stacks.frames(record.node)
+            if len(frames) < recording.stacks.process.depth:
+                module = frames[-1].module if frames else None
+                if module is not None and module.path.endswith(("/torture", "/libc.so.6")):
+                    whole += 1
+                else:
+                    cut += 1
+        print(f"{whole} stacks, {cut} that end early", file=sys.stderr)
+        self.assertLess(cut, whole / 100)
+
+
+def main():
+    global seconds
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--seconds", type=int, default=LONG_SECONDS if recorded_runs.longer() else BRIEF_SECONDS)
+    rest = recorded_runs.parse(parser)
+    seconds = recorded_runs.RecordedRuns.options.seconds
+    return 0 if unittest.main(argv=[sys.argv[0], *rest], verbosity=2, exit=False).result.wasSuccessful() else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
