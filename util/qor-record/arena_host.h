@@ -1,0 +1,104 @@
+// An arena as the recorder has it: it makes the file, and maps of it what it reads.
+#pragma once
+
+#include "shared/arena.h"
+
+#include <string>
+#include <memory>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace qor::record {
+
+// "@ CALLER " of a line in the log: a string of any length. It is copied 64 bytes at a time.
+struct caller_text {
+    std::size_t size;
+    char text[64]; // the first of them
+};
+
+class arena_host {
+public:
+    struct plan {
+        unsigned depth;
+        bool is_stopped;
+        bool follows_children;
+        std::vector<code_range> allocation_code; // of the program, where that is known
+    };
+
+    // Null: there is no memory for it; errno says why. The calling thread is the one that reads the arena.
+    static std::unique_ptr<arena_host> make(const plan& wanted);
+    ~arena_host();
+    arena_host(const arena_host&) = delete;
+
+    // From now on the arena is marked when the calling thread ends.
+    void own();
+
+    int descriptor() const noexcept { return m_descriptor; }
+    void close_descriptor() noexcept;
+
+    arena& shared() const noexcept { return *m_shared; }
+    // Null: no memory.
+    ring_record* ring(unsigned session_index);
+    void release_ring(unsigned session_index);
+    const node* node_at(std::uint32_t number);
+
+    std::string_view path_of(const module& of) const;
+    void set_program(const std::string& path) { m_program = path; }
+    const std::string& program() const noexcept { return m_program; }
+
+    // Sessions that processes have taken since; each is told once.
+    template <class Found> void find_new_sessions(Found found) {
+        if (m_shared->session_count.load(std::memory_order_acquire) == m_known_count)
+            return;
+        for (unsigned index = 0; index < most_sessions; ++index)
+            if (!m_is_known[index] &&
+                m_shared->sessions[index].state.load(std::memory_order_acquire) == session_state::running)
+                found(index);
+    }
+    void know_session(unsigned index) {
+        m_is_known[index] = true;
+        ++m_known_count;
+    }
+    // When its process is over: the next one may take it.
+    void release_session(unsigned index);
+
+    const caller_text& caller(std::uint64_t address, std::uint32_t module);
+    const caller_text& caller_of_node(std::uint32_t number) {
+        if (number < m_node_callers.size() && m_node_callers[number] != nullptr) [[likely]]
+            return *m_node_callers[number];
+        return find_caller_of_node(number);
+    }
+
+private:
+    arena_host() = default;
+    void* map_part(std::size_t offset, std::size_t size);
+    const caller_text& find_caller_of_node(std::uint32_t number);
+    const caller_text& make_caller(std::uint64_t address, std::uint32_t module);
+
+    struct place {
+        std::uint64_t address;
+        std::uint32_t module;
+        bool operator==(const place&) const = default;
+    };
+    struct place_hash {
+        std::size_t operator()(const place& of) const noexcept { return (of.address ^ of.module) * 0x9e3779b97f4a7c15U >> 16; }
+    };
+    struct cached_caller {
+        place of;
+        const caller_text* text;
+    };
+
+    int m_descriptor = -1;
+    arena* m_shared = nullptr;
+    std::string m_program;
+    std::vector<bool> m_is_known = std::vector<bool>(most_sessions);
+    std::uint64_t m_known_count = 0;
+    std::vector<ring_record*> m_rings = std::vector<ring_record*>(most_sessions);
+    std::vector<node*> m_chunks = std::vector<node*>(most_node_chunks);
+    std::vector<const caller_text*> m_node_callers;
+    std::unordered_map<place, const caller_text*, place_hash> m_callers;
+    std::vector<cached_caller> m_cached_callers = std::vector<cached_caller>(1U << 14);
+};
+
+} // namespace qor::record
