@@ -2,7 +2,7 @@
 """Records programs, together with other observers of the same run: the C library's own tracing of malloc, and a library that
 counts the calls.
 
-    oracles_test.py --bin FOLDER --record PROGRAM --tool QORTOOL --samples FOLDER
+    oracles_test.py --bin FOLDER --record PROGRAM --tool QORTOOL
 
 Both are preloaded behind the recorder, so that they see what it passes on: the same blocks at the same addresses. The
 C library's tracing begins later, and tells nothing of threads in the right order; the programs here have one thread.
@@ -10,7 +10,6 @@ C library's tracing begins later, and tells nothing of threads in the right orde
 
 import argparse
 import collections
-import pathlib
 import re
 import struct
 import subprocess
@@ -19,8 +18,6 @@ import unittest
 
 import recorded_runs
 from recorded_runs import MARKER
-
-options = None
 
 PYTHON = """
 import collections, json, re
@@ -75,8 +72,14 @@ class Programs(recorded_runs.RecordedRuns):
             git("commit", "-q", "-m", f"commit {i}")
         return ["git", "-C", "tree", "--no-pager", "log", "-p", "--stat"]
 
-    def replay(self):
-        return [self.options.tool, "--quiet", "mtrace", self.options.samples / "cc1.mtrace"]
+    def samples(self):
+        """The programs of scripts/record-samples that have one process."""
+        (self.folder / "tiny.c").write_text("int twice(int x) { return 2 * x; }\nint main(void) { return twice(0); }\n")
+        (self.folder / "build.ninja").write_text("rule copy\n  command = cp $in $out\n" + "".join(
+            f"build out/{i}: copy tiny.c\n" for i in range(1, 41)))
+        cc1 = subprocess.run(["gcc", "-print-prog-name=cc1"], check=True, capture_output=True, text=True).stdout.strip()
+        return [["perl", "-e", 'my %h; $h{$_ % 7} .= "x" x $_ for 1..50; print map { "$_\n" } sort keys %h'],
+                [cc1, "-quiet", "-fsyntax-only", "tiny.c"], ["ls", "-l", "/"], ["ninja", "-n"]]
 
     def planted(self):
         self.environment["PLANTED"] = "vector"
@@ -86,24 +89,29 @@ class Programs(recorded_runs.RecordedRuns):
 class TracingOfTheCLibrary(Programs):
     def check(self, command):
         environment = self.preloaded("c_library_tracing.so", "libc_malloc_debug.so.0")
-        self.record(*command, environment={**environment, "MALLOC_TRACE": str(self.folder / "traced")})
+        self.record(*command, environment={**environment, "TRACED": str(self.folder / "traced")})
         # The marker parts what that tracing has seen from what came before.
         ours = self.folder / "log.mtrace"
         lines = ours.read_text(errors="surrogateescape").splitlines(keepends=True)
         place = next(i for i, line in enumerate(lines) if re.search(rf" \+ 0x[0-9a-f]+ {MARKER:#x}$", line))
         (self.folder / "later").write_text("= Start\n" + "".join(lines[place:]), errors="surrogateescape")
-        theirs, _ = self.by_script("traced")
-        self.assertIn(MARKER, [size for _, size in theirs])
-        self.assertEqual(self.by_script("later")[0], theirs)
-        # Each log is read alike by qortool and by the script.
-        leaks = self.by_both("log.mtrace")
-        before = len(leaks) - len(theirs)
-        self.assertGreaterEqual(before, 0)
-        self.assertEqual([leak for leak in theirs if leak not in set(leaks)], [])
+        (traced,) = self.folder.glob("traced.*")
+        theirs, _ = self.by_script(traced)
+        self.assertEqual(sum(size == MARKER for _, size in theirs), 1)
+        self.assert_same(self.by_script("later")[0], theirs)
+        leaks = set(self.by_both("log.mtrace"))
+        self.assertEqual([leak for leak in theirs if leak not in leaks], [])
         return theirs
 
     def test_planted(self):
         self.assertEqual({size for _, size in self.check(self.planted())} & {24, 4096}, {24, 4096})
+
+    def test_samples(self):
+        for command in self.samples():
+            with self.subTest(command):
+                for log in self.folder.glob("traced.*"):
+                    log.unlink()
+                self.check(command)
 
     def test_python(self):
         self.assertGreater(len(self.check(self.python())), 10)
@@ -132,9 +140,7 @@ class Counts(Programs):
             replaced[counts] += path.with_name(f"counts.{process}.{int(number) + 1}").exists()
         recorded = collections.Counter()
         for name in self.logs():
-            recording = self.recording(name)
-            self.assertEqual(recording.count("<"), recording.count(">"))
-            recorded[recording.count("+"), recording.count(">"), recording.count("-")] += 1
+            recorded[self.counts(self.recording(name))] += 1
         self.assertEqual(recorded - counted, collections.Counter())
         self.assertEqual(counted - recorded - replaced, collections.Counter())
         return list(recorded.elements())
@@ -164,11 +170,7 @@ class Counts(Programs):
 
 
 def main():
-    global options
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--samples", type=pathlib.Path, required=True)
-    rest = recorded_runs.parse(parser)
-    options = recorded_runs.RecordedRuns.options
+    rest = recorded_runs.parse(argparse.ArgumentParser())
     return 0 if unittest.main(argv=[sys.argv[0], *rest], verbosity=2, exit=False).result.wasSuccessful() else 1
 
 

@@ -1,22 +1,17 @@
 #!/usr/bin/env python3
 """The leaks of tests/record/programs/planted.*: the stacks that qor-record writes beside those of valgrind memcheck.
 
-    planted_test.py --bin FOLDER --record PROGRAM
+    planted_test.py --bin FOLDER --record PROGRAM --tool QORTOOL
 
-FOLDER holds the built programs. For each leak: the frames within the program and its library, functions and lines, are
-those that memcheck finds, block by block, and the innermost one of a block is the line that the source names.
+For each leak, block by block, the functions and lines within the program and its library are those that memcheck finds.
 """
 
 import argparse
-import collections
-import os
 import pathlib
-import subprocess
 import sys
-import tempfile
 import unittest
 
-import stacks_file
+import recorded_runs
 import symbols
 
 SOURCES = pathlib.Path(__file__).resolve().parent / "programs"
@@ -47,38 +42,24 @@ def shown(leak):
     return "\n".join([f"{size} bytes", *(f"    {place}" for place in places)])
 
 
-class Planted(unittest.TestCase):
-    maxDiff = None
-
+class Planted(recorded_runs.RecordedRuns):
     @classmethod
     def setUpClass(cls):
         cls.addr2line = symbols.Addr2line()
         cls.addClassCleanup(cls.addr2line.close)
 
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
-
-    def both(self, program, name):
-        """(what qor-record has, what memcheck has): each block's size and places."""
-        environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", "PLANTED": name}
-        done = subprocess.run([options.record, "-o", "log", "--", program], cwd=self.folder, env=environment,
-                              stdin=subprocess.DEVNULL, capture_output=True, text=True)
-        self.assertEqual((done.returncode, done.stdout), (0, ""), done.stderr)
-        recording = stacks_file.Recording(self.folder / "log.mtrace")
-        self.assertEqual(recording.stacks_left, 0)
+    def check(self, name, program):
+        self.environment["PLANTED"] = name
+        program = self.options.bin / program
+        self.assertEqual(self.record(program)[0], "")
+        recording = self.recording()
         self.assertEqual(recording.replay()[1], [])
-        return (of_program(symbols.recorded_leaks(recording, self.addr2line), program.parent),
-                of_program(symbols.memcheck_leaks([program], self.folder, environment), program.parent))
-
-    def check(self, program, name):
-        ours, memchecks = self.both(options.bin / program, name)
-        self.assertIn(line_of(name), [(places[0].file, places[0].line) for _, places in memchecks]
-                      + [(place.file, place.line) for _, places in memchecks for place in places])
+        ours = of_program(symbols.recorded_leaks(recording, self.addr2line), program.parent)
+        memchecks = of_program(symbols.memcheck_leaks([program], self.folder, self.environment), program.parent)
+        self.assertIn(line_of(name), [(place.file, place.line) for _, places in ours for place in places])
         # On an alternate stack memcheck goes no further than the frame of the signal.
         if name == "signal_handler":
-            for size, places in ours:
+            for _, places in ours:
                 self.assertEqual([place.function for place in places[2:]], ["signal_handler", "main"])
             ours = [(size, places[:2]) for size, places in ours]
         self.assertEqual(sorted(map(shown, ours)), sorted(map(shown, memchecks)))
@@ -87,15 +68,11 @@ class Planted(unittest.TestCase):
 def add_tests():
     for program, names in (("planted_leaks_c", C_LEAKS), ("planted_leaks", CXX_LEAKS)):
         for name in names:
-            setattr(Planted, f"test_{name}", lambda self, program=program, name=name: self.check(program, name))
+            setattr(Planted, f"test_{name}", lambda self, name=name, program=program: self.check(name, program))
 
 
 def main():
-    global options
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--bin", type=lambda path: pathlib.Path(path).resolve(), required=True)
-    parser.add_argument("--record", type=lambda path: pathlib.Path(path).resolve(), required=True)
-    options, rest = parser.parse_known_args()
+    rest = recorded_runs.parse(argparse.ArgumentParser())
     add_tests()
     return 0 if unittest.main(argv=[sys.argv[0], *rest], verbosity=2, exit=False).result.wasSuccessful() else 1
 

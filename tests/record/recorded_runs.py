@@ -1,5 +1,6 @@
 """Runs of programs under qor-record for the tests here, and independent readings of their logs."""
 
+import collections
 import os
 import pathlib
 import re
@@ -20,7 +21,7 @@ class RecordedRuns(unittest.TestCase):
     """`options` has bin (the recorded programs), record (qor-record) and tool (qortool)."""
 
     options = None
-    maxDiff = None
+    maxDiff = 4000
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
@@ -54,6 +55,11 @@ class RecordedRuns(unittest.TestCase):
         self.assertEqual((recording.stacks.cut_off, recording.stacks.newer, recording.stacks.losses), (False, False, []))
         return recording
 
+    def counts(self, recording):
+        """(allocations, reallocations, releases), as counting.c counts them."""
+        of = {code: recording.count(code) for code in "+-<>"}
+        return of["+"], of[">"], of["-"] + of["<"] - of[">"]
+
     def logs(self, prefix="log"):
         """Those of all processes, that of the program first."""
         return sorted(path.name for path in self.folder.glob(f"{prefix}.mtrace*"))
@@ -79,8 +85,14 @@ class RecordedRuns(unittest.TestCase):
         leaks = self.by_tool(log)
         scripts, text = self.by_script(log)
         self.assertNotIn("was never alloc'd", text)
-        self.assertEqual(leaks, scripts)
+        self.assert_same(leaks, scripts)
         return leaks
+
+    def assert_same(self, one, other):
+        """Of lists with thousands of members; tells the first ones that differ."""
+        if one != other:
+            one, other = collections.Counter(one), collections.Counter(other)
+            self.fail(f"{list((one - other).items())[:10]} is only in the first, {list((other - one).items())[:10]} in the second")
 
 
 def parse(parser, argv=None):

@@ -23,7 +23,7 @@ def short_name(function):
     """The name without namespaces, classes, parameters and template arguments: debug information gives an inlined function
     no more than that."""
     name = function.replace("operator()", "call operator")
-    for suffix in (r" \[clone [^]]*\]", r" const\b"):
+    for suffix in (r" \[clone [^]]*\]", r" const\b", r"\.(constprop|isra|part)\b.*"):
         name = re.sub(suffix, "", name)
     for begin, end in ("()", "<>", "{}"):
         inner = re.compile(rf"\{begin}[^{begin}{end}]*\{end}")
@@ -80,8 +80,9 @@ class Leak:
     places: list
 
     def within(self, folder):
-        """The places in object files of this folder; the others belong to libraries."""
-        return [place for path, place in zip(self.objects, self.places) if os.path.dirname(path) == str(folder)]
+        """The places in object files of this folder that have a line; the others belong to libraries and to the start."""
+        return [place for path, place in zip(self.objects, self.places)
+                if os.path.dirname(path) == str(folder) and place.line > 0]
 
 
 def recorded_leaks(recording, addr2line):

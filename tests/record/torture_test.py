@@ -50,20 +50,18 @@ class Torture(recorded_runs.RecordedRuns):
         """{size: number}, as a plain replay, qortool and the script see them."""
         recording = self.recording(name)
         alive, bad = recording.replay()
-        self.assertEqual(bad, [])
-        self.assertEqual(return_addresses.Checker().foreign(recording.stacks), [])
+        self.assertEqual(bad[:5], [])
+        self.assertEqual(return_addresses.Checker().foreign(recording.stacks)[:10], [])
         found = sorted((address, record.size) for address, record in alive.items())
-        self.assertEqual(self.by_tool(name), found)
+        self.assert_same(self.by_tool(name), found)
         return collections.Counter(record.size for record in alive.values())
 
     def check_program(self):
         leaks = self.leaks("log.mtrace")
         self.assertEqual({size: leaks[size] for size in LOST}, dict.fromkeys(LOST, LOST_BLOCKS))
         recording = self.recording()
-        counts = recording.count("+"), recording.count(">"), recording.count("-")
         counted = self.folder / f"counts.{recording.stacks.process.pid}.1"
-        self.assertEqual(counts, struct.unpack("=3Q", counted.read_bytes()))
-        self.assertEqual(recording.count("<"), recording.count(">"))
+        self.assertEqual(self.counts(recording), struct.unpack("=3Q", counted.read_bytes()))
         addr2line = symbols.Addr2line()
         self.addCleanup(addr2line.close)
         for leak in symbols.recorded_leaks(recording, addr2line):

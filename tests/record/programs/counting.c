@@ -10,6 +10,7 @@
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -28,12 +29,13 @@ static struct counts* counts = &early;
 #define NEXT(function)                                                                                                 \
     static __typeof__(function)* next;                                                                                 \
     if (next == NULL) {                                                                                                \
-        next = (__typeof__(function)*)dlsym(RTLD_NEXT, #function);                                                     \
+        *(void**)\& next = dlsym(RTLD_NEXT, #function);                                                                \
     }
 
 static void open_counts(void) {
     const char* name = getenv("COUNTING");
-    if (name == NULL) {
+    /* The recorder is observed, not an observed one. */
+    if (name == NULL || strcmp(program_invocation_short_name, "qor-record") == 0) {
         return;
     }
     char path[4096];
@@ -92,7 +94,7 @@ void* realloc(void* old, size_t size) {
         if (block != NULL) {
             COUNT(allocations);
         }
-    } else if (size == 0) {
+    } else if (size == 0 && block == NULL) {
         COUNT(releases);
     } else {
         COUNT(reallocations);

@@ -149,8 +149,8 @@ struct task {
     std::coroutine_handle<promise_type> handle;
 };
 
-OWN_FRAME void* part_of_a_coroutine(std::size_t size) {
-    return new char[size]; // coroutine
+OWN_FRAME void allocate_for_a_coroutine(std::size_t size) {
+    lose(new char[size + 1]); // coroutine
 }
 
 // Its frame is a leak, too.
@@ -158,7 +158,7 @@ OWN_FRAME task wait_for_nobody(std::size_t size) {
     std::array<char, 200> kept{};
     planted = kept.data();
     co_await std::suspend_always{};
-    lose(part_of_a_coroutine(size + static_cast<std::size_t>(kept[0])));
+    allocate_for_a_coroutine(size + static_cast<std::size_t>(kept[0]));
     co_await std::suspend_always{};
     planted = kept.data();
 }
