@@ -53,6 +53,7 @@ class RecordedRuns(unittest.TestCase):
         blocks = sum(record is not None for _, _, record in recording.lines)
         self.assertEqual((len(recording.stacks.records), recording.stacks_left), (blocks, 0))
         self.assertEqual((recording.stacks.cut_off, recording.stacks.newer, recording.stacks.losses), (False, False, []))
+        self.assertEqual(recording.stacks.faults[:10], [])
         return recording
 
     def counts(self, recording):

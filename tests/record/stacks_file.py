@@ -61,7 +61,7 @@ class Stacks:
         self.process = None
         self.modules, self.nodes = [None], [(0, None, 0)]
         self.records = []  # (node, thread, nanoseconds, inherited), in the order of the log
-        self.losses, self.thread_names, self.loads = [], {}, []
+        self.losses, self.thread_names, self.loads, self.faults = [], {}, [], []
         self.cut_off = self.newer = False
         self.data, self.place = data, 8
         thread = now = inherited = 0
@@ -71,7 +71,7 @@ class Stacks:
                 number = self.number()
                 if number >= FIRST_STACK:
                     if not 0 <= number - FIRST_STACK < len(self.nodes):
-                        raise ValueError(f"stack {number - FIRST_STACK} at {begin} comes before its node")
+                        raise ValueError(f"stack {number - FIRST_STACK} comes before its node, at {begin}")
                     self.records.append((number - FIRST_STACK, thread, now, inherited > 0))
                     inherited -= inherited > 0
                 elif number == PROCESS:
@@ -85,13 +85,13 @@ class Stacks:
                 elif number in (MODULE_WENT, MODULE_CAME):
                     module = self.modules[self.number()]
                     if module.loaded != (number == MODULE_WENT):
-                        raise ValueError(f"{module.path} at {begin} comes or goes twice")
+                        self.faults.append(f"{module.path} comes or goes twice, at {begin}")
                     module.loaded = number == MODULE_CAME
                     self.loads.append((len(self.records), "came" if module.loaded else "went", module))
                 elif number == NODE:
                     parent, module, address = self.number(), self.number(), self.number()
                     if parent >= len(self.nodes):
-                        raise ValueError(f"node at {begin} comes before its parent")
+                        raise ValueError(f"a node comes before its parent, at {begin}")
                     self.nodes.append((parent, self.modules[module], address))
                 elif number == THREAD:
                     thread = self.number()

@@ -23,7 +23,7 @@ static void* next_function(const char* name, const char* version) {
 #define NEXT(function, version)                                                                                        \
     static __typeof__(function)* next;                                                                                 \
     if (next == NULL) {                                                                                                \
-        *(void**)\& next = next_function(#function, version);                                                          \
+        *(void**)&next = next_function(#function, version);                                                            \
     }
 
 void* malloc(size_t size) {

@@ -29,7 +29,7 @@ static struct counts* counts = &early;
 #define NEXT(function)                                                                                                 \
     static __typeof__(function)* next;                                                                                 \
     if (next == NULL) {                                                                                                \
-        *(void**)\& next = dlsym(RTLD_NEXT, #function);                                                                \
+        *(void**)&next = dlsym(RTLD_NEXT, #function);                                                                  \
     }
 
 static void open_counts(void) {
