@@ -1,5 +1,7 @@
 #include "arena_host.h"
 
+#include "process_facts.h"
+
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -29,6 +31,7 @@ std::unique_ptr<arena_host> arena_host::make(const plan& wanted) {
         if (shared.program_range_count < most_program_ranges)
             shared.program_ranges[shared.program_range_count++] = range;
     shared.stopped.store(wanted.is_stopped ? 1 : 0);
+    shared.session_count.store(1);
     shared.node_count.store(1);
     shared.module_count.store(1);
     shared.text_size.store(1); // the empty text
@@ -84,6 +87,44 @@ ring_record* arena_host::ring(unsigned session_index) {
     if (m_rings[session_index] == nullptr)
         m_rings[session_index] = static_cast<ring_record*>(map_part(ring_offset(session_index), ring_bytes));
     return m_rings[session_index];
+}
+
+bool arena_host::forks_are_under_way() {
+    // In this order, so that a fork that ends meanwhile is not taken for one that has not begun.
+    const std::uint64_t arrived = m_shared->forks_arrived.load(std::memory_order_seq_cst) + m_forks_given_up;
+    return is_worth_waiting(m_shared->forks_begun.load(std::memory_order_seq_cst), arrived, m_forks_given_up, m_forks_since);
+}
+
+bool arena_host::awaits_children() {
+    return is_worth_waiting(m_shared->session_count.load(std::memory_order_seq_cst), m_known_count, m_known_count,
+                            m_sessions_since) ||
+           forks_are_under_way();
+}
+
+// Whether more are expected than have come, and not for too long.
+bool arena_host::is_worth_waiting(std::uint64_t expected, std::uint64_t come, std::uint64_t& given_up, std::uint64_t& since) {
+    constexpr std::uint64_t patience = 200'000'000;
+    if (expected <= come) {
+        since = 0;
+        return false;
+    }
+    const std::uint64_t now = steady_time();
+    since = since != 0 ? since : now;
+    if (now - since < patience)
+        return true;
+    given_up += expected - come;
+    since = 0;
+    return false;
+}
+
+std::vector<unsigned> arena_host::new_sessions() const {
+    std::vector<unsigned> found;
+    if (m_shared->session_count.load(std::memory_order_acquire) == m_known_count)
+        return found;
+    for (unsigned index = 1; index < most_sessions; ++index)
+        if (!m_is_known[index] && m_shared->sessions[index].state.load(std::memory_order_acquire) == session_state::running)
+            found.push_back(index);
+    return found;
 }
 
 void arena_host::release_session(unsigned index) {

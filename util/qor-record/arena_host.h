@@ -47,18 +47,16 @@ public:
     void set_program(const std::string& path) { m_program = path; }
     const std::string& program() const noexcept { return m_program; }
 
-    // Sessions that processes have taken since; each is told once.
-    template <class Found> void find_new_sessions(Found found) {
-        if (m_shared->session_count.load(std::memory_order_acquire) == m_known_count)
-            return;
-        for (unsigned index = 0; index < most_sessions; ++index)
-            if (!m_is_known[index] &&
-                m_shared->sessions[index].state.load(std::memory_order_acquire) == session_state::running)
-                found(index);
-    }
+    // A process forks, or a child has come that is not known yet.
+    bool awaits_children();
+    // A child that does not come in time has not been made, or has ended at once.
+    bool forks_are_under_way();
+
+    // Those that processes have taken and know_session() was not told of.
+    std::vector<unsigned> new_sessions() const;
     void know_session(unsigned index) {
         m_is_known[index] = true;
-        ++m_known_count;
+        m_known_count += index != 0 ? 1 : 0;
     }
     // When its process is over: the next one may take it.
     void release_session(unsigned index);
@@ -72,6 +70,7 @@ public:
 
 private:
     arena_host() = default;
+    static bool is_worth_waiting(std::uint64_t expected, std::uint64_t come, std::uint64_t& given_up, std::uint64_t& since);
     void* map_part(std::size_t offset, std::size_t size);
     const caller_text& find_caller_of_node(std::uint32_t number);
     const caller_text& make_caller(std::uint64_t address, std::uint32_t module);
@@ -93,7 +92,10 @@ private:
     arena* m_shared = nullptr;
     std::string m_program;
     std::vector<bool> m_is_known = std::vector<bool>(most_sessions);
-    std::uint64_t m_known_count = 0;
+    std::uint64_t m_known_count = 1;
+    std::uint64_t m_forks_given_up = 0;
+    std::uint64_t m_forks_since = 0; // when the wait for them began; 0: there is none
+    std::uint64_t m_sessions_since = 0;
     std::vector<ring_record*> m_rings = std::vector<ring_record*>(most_sessions);
     std::vector<node*> m_chunks = std::vector<node*>(most_node_chunks);
     std::vector<const caller_text*> m_node_callers;

@@ -3,6 +3,7 @@
 #include "messages.h"
 #include "stacks_file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -77,7 +78,21 @@ bool log_names::set(const std::string& prefix, const std::string& program, compr
 }
 
 std::string log_names::of(std::int32_t process, int attempt) const {
-    return '.' + std::to_string(process) + (attempt > 1 ? '.' + std::to_string(attempt) : std::string()) + suffix_of(m_kind);
+    std::string text = "." + std::to_string(process);
+    if (attempt > 1)
+        text += "." + std::to_string(attempt);
+    return text += suffix_of(m_kind);
+}
+
+std::vector<std::string> log_names::memchecks_of_children() const {
+    std::vector<std::string> found;
+    const std::string folder = m_path.substr(0, m_path.rfind('/') + 1);
+    const std::string begin = memcheck().substr(folder.size()) + '.';
+    for (const std::string& entry : names_in(folder))
+        if (entry.starts_with(begin) && is_process_part(std::string_view(entry).substr(begin.size())))
+            found.push_back(folder + entry);
+    std::ranges::sort(found);
+    return found;
 }
 
 bool log_names::clear(bool replaces_anything) const {

@@ -1,10 +1,11 @@
 // The names of the logs, and what may be replaced to create them.
 #pragma once
 
-#include "output_file.h"
+#include "compression.h"
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace qor::record {
 
@@ -15,6 +16,7 @@ public:
 
     // The prefix as the user wrote it, and with the path of its folder.
     const std::string& prefix() const noexcept { return m_prefix; }
+    const std::string& path() const noexcept { return m_path; }
 
     // Of the first process, with an absolute path; and as the user would write it.
     std::string log() const { return m_path + ".mtrace" + suffix_of(m_kind); }
@@ -24,6 +26,9 @@ public:
     std::string log(std::int32_t process, int attempt) const { return m_path + ".mtrace" + of(process, attempt); }
     std::string stacks(std::int32_t process, int attempt) const { return m_path + ".stacks" + of(process, attempt); }
     std::string shown(const std::string& path) const { return m_prefix + path.substr(m_path.size()); }
+
+    // The framework's logs of children, which it has named itself.
+    std::vector<std::string> memchecks_of_children() const;
 
     // Removes the logs of an earlier run, the children's too. False after a message: one of them is something else.
     bool clear(bool replaces_anything) const;

@@ -2,6 +2,7 @@
 //
 // There are two processes: this one starts the program, passes signals on and ends with its exit code; the recording one
 // reads and writes, and goes on after this one as long as something that the program has started is still running.
+#include "control.h"
 #include "messages.h"
 #include "recorder.h"
 
@@ -109,6 +110,11 @@ int record(const options& chosen) {
     if (preload.empty() || !look_at_program(path, facts) ||
         !names.set(chosen.prefix, path.substr(path.rfind('/') + 1), chosen.kind) || !names.clear(chosen.replaces_anything))
         return 1;
+    std::string library, why;
+    if (!can_compress(chosen.kind, library, why)) {
+        say(message::compressor_missing, {library, why});
+        return 1;
+    }
     recorder recording(chosen, names);
     char* const real_path = ::realpath(path.c_str(), nullptr);
     const bool is_ready = recording.prepare(real_path != nullptr ? real_path : path, facts);
@@ -156,14 +162,16 @@ int record(const options& chosen) {
     (void)::send(ends[0], &program, sizeof program, MSG_NOSIGNAL);
     const std::int32_t code = wait_for(program, signals);
     (void)::send(ends[0], &code, sizeof code, MSG_NOSIGNAL);
-    char done;
-    (void)::recv(ends[0], &done, 1, 0);
-    return code;
+    char has_nothing = 0;
+    (void)::recv(ends[0], &has_nothing, 1, 0);
+    return has_nothing != 0 && code == 0 ? 1 : code;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    if (argc >= 2 && std::strcmp(argv[1], "control") == 0)
+        return control(argc - 2, argv + 2);
     options chosen;
     const int code = read_options(argc, argv, chosen);
     return code != no_exit_code ? code : record(chosen);

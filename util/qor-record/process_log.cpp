@@ -56,13 +56,15 @@ inline char* put_code_and_address(char* at, char code, std::uint64_t address) {
 
 process_log::process_log(arena_host& host, unsigned session_index, std::int32_t process)
     : m_host(host), m_session(host.shared().sessions[session_index]), m_ring(host.ring(session_index)),
-      m_session_index(session_index), m_process(process), m_stacks(host) {}
+      m_session_index(session_index), m_process(process), m_number(session_index != 0 ? m_session.number : 1), m_stacks(host) {}
 
 int process_log::create(const std::string& log, const std::string& stacks, compression kind) {
-    std::string why;
-    if (const int reason = m_log.create(log, make_compressor(kind, why)))
+    if (const int reason = m_log.create(log, kind))
         return reason;
-    return m_stacks.file().create(stacks, make_compressor(kind, why));
+    const int reason = m_stacks.file().create(stacks, kind);
+    if (reason != 0)
+        m_log.remove();
+    return reason;
 }
 
 void process_log::begin(std::int32_t parent) {
@@ -85,14 +87,20 @@ void process_log::publish(std::uint64_t tail) {
 
 std::uint64_t process_log::drain(std::uint64_t most, bool is_over) {
     const std::uint64_t head = m_session.head.load(std::memory_order_acquire);
-    if (head == m_tail)
+    if (head == m_tail || m_ring == nullptr)
         return 0;
+    // A child that is being forked inherits what stands in the log up to here, and no more.
+    if (!is_over && head - m_tail < ring_size * 3 / 4 && m_host.awaits_children())
+        return 0;
+    return read(head - m_tail > most ? m_tail + most : head, is_over);
+}
+
+std::uint64_t process_log::read(std::uint64_t end, bool is_over) {
     if (const std::uint64_t time = now(); time - m_last_time >= time_step) {
         m_last_time = time;
         m_stacks.time(time - m_start_time);
     }
     const std::uint64_t first = m_tail;
-    const std::uint64_t end = head - m_tail > most ? m_tail + most : head;
     constexpr std::uint64_t publish_step = ring_size / 16;
     for (; m_tail < end; ++m_tail) {
         const ring_record& record = m_ring[m_tail % ring_size];
@@ -126,11 +134,40 @@ void process_log::write_line(const caller_text& caller, char code, std::uint64_t
     ++m_lines;
 }
 
-void process_log::write(const ring_record& record, record_kind kind) {
+// Whether it is about a block that is not in the log.
+bool process_log::leaves_out(const ring_record& record, record_kind kind) {
     switch (kind) {
     case record_kind::allocation:
     case record_kind::moved_to:
+        if (m_is_stopped)
+            m_unlogged.insert(record.address);
+        return m_is_stopped;
+    case record_kind::release:
+        return m_unlogged.erase(record.address) != 0;
+    case record_kind::moved_from:
+        m_moving.erase(record.thread);
+        if (m_unlogged.erase(record.address) == 0)
+            return false;
+        m_moving[record.thread] = record.address;
+        return true;
     case record_kind::not_moved:
+        if (const auto moving = m_moving.find(record.thread); moving != m_moving.end() && moving->second == record.address) {
+            m_unlogged.insert(record.address);
+            return true;
+        }
+        return false;
+    case record_kind::module_gone:
+        return false;
+    }
+    return false;
+}
+
+void process_log::write(const ring_record& record, record_kind kind) {
+    if ((m_is_stopped || !m_unlogged.empty() || !m_moving.empty()) && leaves_out(record, kind)) [[unlikely]]
+        return;
+    switch (kind) {
+    case record_kind::allocation:
+    case record_kind::moved_to:
         write_line(m_host.caller_of_node(record.stack), kind == record_kind::allocation ? '+' : '>', record.address,
                    record.detail);
         m_stacks.allocation(record.stack, record.thread);
@@ -139,9 +176,54 @@ void process_log::write(const ring_record& record, record_kind kind) {
     case record_kind::moved_from:
         write_line(m_host.caller(record.detail, record.stack), kind == record_kind::release ? '-' : '<', record.address);
         break;
+    case record_kind::not_moved:
+        write_block_again(record);
+        break;
     case record_kind::module_gone:
         m_stacks.module_gone(static_cast<std::uint32_t>(record.detail));
         break;
+    }
+}
+
+// The block that realloc has left as it was, with the size that it had.
+void process_log::write_block_again(const ring_record& record) {
+    const log_replay& before = replay_of(m_lines);
+    const auto block = before.moved_blocks().find(record.address);
+    const std::uint64_t size = block != before.moved_blocks().end() ? block->second.size : 0;
+    write_line(m_host.caller_of_node(record.stack), '>', record.address, size);
+    m_stacks.allocation(record.stack, record.thread);
+}
+
+// The replay goes on from where it was, unless that is behind the place.
+log_replay& process_log::replay_of(std::uint64_t lines) {
+    flush();
+    if (m_replay == nullptr || m_replay->lines() > lines)
+        m_replay = std::make_unique<log_replay>(m_log.path(), m_stacks.file().path(), m_log.kind());
+    if (!m_replay->advance(lines))
+        ++m_lost;
+    return *m_replay;
+}
+
+process_log::place process_log::place_of_fork(std::uint64_t ticket, bool is_over) {
+    // Another thread of the parent may be about to commit a record of before.
+    for (int i = 0; m_tail < ticket && i < 1000; ++i) {
+        if (read(ticket, is_over) == 0) {
+            constexpr timespec moment = {0, 100'000};
+            ::nanosleep(&moment, nullptr);
+        }
+    }
+    return {m_lines, m_unlogged};
+}
+
+void process_log::inherit(process_log& parent, const place& from) {
+    m_unlogged = from.unlogged;
+    const log_replay& replay = parent.replay_of(from.lines);
+    m_inherited = replay.blocks().size();
+    m_stacks.inherited(m_inherited);
+    for (const auto& [address, block] : replay.blocks_in_order()) {
+        const std::uint32_t node = parent.m_stacks.node_of(block.stack);
+        write_line(m_host.caller_of_node(node), '+', address, block.size);
+        m_stacks.stack(node);
     }
 }
 
@@ -161,6 +243,8 @@ void process_log::rename(const std::string& log, const std::string& stacks) {
 }
 
 void process_log::finish() {
+    m_lost += m_session.lost.load(std::memory_order_relaxed);
+    m_has_given_up = m_session.lost_why.load(std::memory_order_relaxed) != loss::nothing;
     m_log.finish();
     m_stacks.file().finish();
 }

@@ -1,20 +1,20 @@
 #include "recorder.h"
 
+#include "control.h"
 #include "messages.h"
+#include "process_facts.h"
+#include "unix_socket.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <poll.h>
 #include <random>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace qor::record {
@@ -25,15 +25,8 @@ constexpr int spare_descriptor = 700;         // out of the way of those that a 
 constexpr std::uint64_t few_records = 10'000; // of a forked child before it executes a program
 constexpr std::uint64_t millisecond = 1'000'000;
 constexpr std::uint64_t undecided_time = 1000 * millisecond;
-constexpr std::uint64_t arrival_time = 200 * millisecond; // that a forked child may take to its session
 constexpr std::uint64_t flush_time = 200 * millisecond;
 constexpr std::uint64_t records_at_a_time = ring_size / 4;
-
-std::uint64_t now() {
-    timespec time;
-    ::clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(time.tv_nsec);
-}
 
 std::string random_text(std::size_t size) {
     std::random_device device;
@@ -43,240 +36,233 @@ std::string random_text(std::size_t size) {
     return text;
 }
 
-std::string program_of(std::int32_t process) {
-    const std::string link = "/proc/" + std::to_string(process) + "/exe";
-    char path[4096];
-    const ssize_t size = ::readlink(link.c_str(), path, sizeof path);
-    return std::string(path, size > 0 ? static_cast<std::size_t>(size) : 0);
-}
-
-std::int32_t parent_of(std::int32_t process) {
-    std::int32_t parent = 0;
-    const std::string path = "/proc/" + std::to_string(process) + "/stat";
-    if (std::FILE* const file = std::fopen(path.c_str(), "re")) {
-        char text[512];
-        const std::size_t size = std::fread(text, 1, sizeof text - 1, file);
-        std::fclose(file);
-        text[size] = '\0';
-        if (const char* const name_end = std::strrchr(text, ')'))
-            (void)std::sscanf(name_end + 1, " %*c %d", &parent);
-    }
-    return parent;
-}
-
-bool is_readable(int descriptor) {
-    pollfd wanted{descriptor, POLLIN, 0};
-    return ::poll(&wanted, 1, 0) > 0;
-}
-
 } // namespace
 
-std::shared_ptr<arena_host> recorder::make_arena(bool is_first, const program_facts& facts) {
-    arena_host::plan wanted{m_options.depth, m_options.is_stopped, m_options.follows_children, {}};
-    if (is_first)
-        wanted.allocation_code = facts.allocation_code;
-    return arena_host::make(wanted);
+std::shared_ptr<arena_host> recorder::make_arena(const std::vector<code_range>& allocation_code) {
+    std::shared_ptr<arena_host> made =
+        arena_host::make({m_options.depth, m_is_stopped, m_options.follows_children, allocation_code});
+    if (made != nullptr && !m_options.follows_children && m_first_process != 0)
+        made->shared().followed_process = m_first_process;
+    return made;
 }
 
 bool recorder::prepare(const std::string& program, const program_facts& facts) {
     m_program = program;
-    auto first = make_arena(true, facts);
-    m_spare = make_arena(false, {});
-    if (first == nullptr || m_spare == nullptr) {
+    m_is_stopped = m_options.is_stopped;
+    m_has_own_malloc = facts.has_own_malloc;
+    m_arenas.push_back(make_arena(facts.allocation_code));
+    if (m_arenas.front() == nullptr) {
         say(message::cannot_share, {std::strerror(errno)});
         return false;
     }
-    m_arenas.push_back(first);
-    m_first_descriptor = ::fcntl(first->descriptor(), F_DUPFD_CLOEXEC, spare_descriptor);
-    if (m_first_descriptor < 0)
-        m_first_descriptor = ::fcntl(first->descriptor(), F_DUPFD_CLOEXEC, 3);
-    return make_socket();
-}
-
-bool recorder::make_socket() {
     m_token = random_text(token_size);
-    const std::string name = "qor-record-" + random_text(16);
-    m_socket = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path + 1, name.data(), name.size());
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-    if (m_socket < 0 || ::bind(m_socket, reinterpret_cast<sockaddr*>(&address), size) != 0 || ::listen(m_socket, 1000) != 0) {
-        say(message::cannot_share, {std::strerror(errno)});
+    m_socket_name = "qor-record-" + random_text(token_size);
+    m_socket = listen_at(m_socket_name);
+    m_control_socket = listen_at(control_name(m_names));
+    if (m_socket < 0 || m_control_socket < 0) {
+        say(errno == EADDRINUSE ? message::already_recording : message::cannot_share,
+            {errno == EADDRINUSE ? m_names.prefix() : std::strerror(errno)});
         return false;
     }
-    m_offer = ':' + m_token + ':' + name;
+    m_first_descriptor = ::fcntl(m_arenas.front()->descriptor(), F_DUPFD_CLOEXEC, spare_descriptor + 1);
+    if (m_first_descriptor < 0)
+        m_first_descriptor = ::dup(m_arenas.front()->descriptor());
     return true;
 }
 
-recorder::process* recorder::find(std::int32_t number) {
-    for (process& each : m_processes)
+recorded_process* recorder::find(std::int32_t number) {
+    for (recorded_process& each : m_processes)
         if (!each.is_over && each.log->process() == number)
             return &each;
     return nullptr;
 }
 
+// Executed programs ask for an arena of their own.
 void recorder::answer_requests() {
-    for (;;) {
-        const int connection = ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (connection < 0)
-            return;
-        // It has sent its token before it waits; nobody else is waited for longer.
-        pollfd wanted{connection, POLLIN, 0};
-        char token[token_size + 1];
-        ucred peer{};
-        socklen_t peer_size = sizeof peer;
-        if (::poll(&wanted, 1, 1000) > 0 && ::recv(connection, token, sizeof token, 0) == token_size &&
-            std::memcmp(token, m_token.data(), token_size) == 0 &&
-            ::getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &peer_size) == 0 &&
-            (m_options.follows_children || peer.pid == m_first_process)) {
-            auto host = make_arena(false, {});
-            if (host != nullptr) {
-                host->own();
-                host->shared().followed_process = m_options.follows_children ? 0 : m_first_process;
-                char byte = 0;
-                iovec content{&byte, 1};
-                alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-                msghdr message{};
-                message.msg_iov = &content;
-                message.msg_iovlen = 1;
-                message.msg_control = control;
-                message.msg_controllen = sizeof control;
-                cmsghdr* const head = CMSG_FIRSTHDR(&message);
-                head->cmsg_level = SOL_SOCKET;
-                head->cmsg_type = SCM_RIGHTS;
-                head->cmsg_len = CMSG_LEN(sizeof(int));
-                const int descriptor = host->descriptor();
-                std::memcpy(CMSG_DATA(head), &descriptor, sizeof descriptor);
-                add_executed(host, peer.pid);
-                (void)::sendmsg(connection, &message, MSG_NOSIGNAL);
-            }
+    for (int connection; (connection = accept_at(m_socket)) >= 0; ::close(connection)) {
+        peer other;
+        if (receive(connection, token_size + 1) != m_token || !peer_of(connection, other) ||
+            (!m_options.follows_children && other.process != m_first_process))
+            continue;
+        if (const auto host = make_arena({})) {
+            host->own();
+            add_executed(host, other.process);
+            (void)send_descriptor(connection, host->descriptor());
         }
-        ::close(connection);
     }
 }
 
-// Another process has taken the one that lies ready in /proc.
+void recorder::answer_control() {
+    for (int connection; (connection = accept_at(m_control_socket)) >= 0; ::close(connection)) {
+        peer other;
+        if (!peer_of(connection, other) || (other.user != ::geteuid() && other.user != 0))
+            continue;
+        const std::string word = receive(connection, 16);
+        if (word != "start" && word != "stop")
+            continue;
+        stop(word == "stop");
+        (void)send_text(connection, "done");
+    }
+}
+
+// What was recorded before the command is written as it was then.
+void recorder::stop(bool is_stopped) {
+    m_is_stopped = is_stopped;
+    if (m_spare != nullptr)
+        m_spare->shared().stopped.store(is_stopped ? 1 : 0);
+    for (const auto& each : m_arenas)
+        each->shared().stopped.store(is_stopped ? 1 : 0);
+    for (recorded_process& each : m_processes) {
+        if (each.is_over)
+            continue;
+        for (std::uint64_t left = each.log->waiting(); left != 0;) {
+            const std::uint64_t read = each.has_files ? each.log->drain(left, false) : 0;
+            if (read == 0)
+                break;
+            left -= std::min(left, read);
+        }
+        each.log->stop(is_stopped);
+    }
+}
+
+// In /proc, for those that cannot reach the socket.
+void recorder::publish_spare() {
+    m_spare = make_arena({});
+    if (m_spare == nullptr)
+        return;
+    m_spare->own();
+    (void)::dup3(m_spare->descriptor(), spare_descriptor, O_CLOEXEC);
+}
+
 void recorder::replace_spare() {
-    if (m_spare == nullptr || m_spare->shared().taken.load() == 0 ||
-        m_spare->shared().sessions[0].state.load(std::memory_order_acquire) != session_state::running)
+    if (m_spare == nullptr || m_spare->shared().sessions[0].state.load(std::memory_order_acquire) != session_state::running)
         return;
     const std::shared_ptr<arena_host> taken = m_spare;
-    m_spare = make_arena(false, {});
-    if (m_spare != nullptr) {
-        m_spare->own();
-        m_spare->shared().followed_process = m_options.follows_children ? 0 : m_first_process;
-        (void)::dup3(m_spare->descriptor(), spare_descriptor, O_CLOEXEC);
-    }
+    publish_spare();
     add_executed(taken, taken->shared().sessions[0].process);
 }
 
-// A process that has executed a program is another one from then on.
-void recorder::add_executed(std::shared_ptr<arena_host> host, std::int32_t number) {
-    m_arenas.push_back(host);
-    bool is_first = number == m_first_process;
-    if (process* const before = find(number)) {
-        before->was_replaced = true;
-        end(*before);
-        is_first = before->is_first;
-    }
-    host->set_program(program_of(number));
-    add_session(host, 0, number);
-    m_processes.back().is_first = is_first;
-}
-
-void recorder::add_session(const std::shared_ptr<arena_host>& host, unsigned index, std::int32_t number) {
-    process& added = m_processes.emplace_back();
+recorded_process& recorder::add(const std::shared_ptr<arena_host>& host, unsigned index, std::int32_t number) {
+    recorded_process& added = m_processes.emplace_back();
     added.host = host;
     added.log = std::make_unique<process_log>(*host, index, number);
+    added.log->stop(m_is_stopped);
     added.program = host->program();
-    added.handle = static_cast<int>(::syscall(SYS_pidfd_open, number, 0));
-    added.seen_since = now();
+    added.handle = open_process(number);
+    added.known_since = steady_time();
     added.is_forked = index != 0;
     host->know_session(index);
+    return added;
 }
 
-void recorder::find_sessions() {
-    for (std::size_t i = 0; i < m_arenas.size(); ++i) {
-        const std::shared_ptr<arena_host> host = m_arenas[i];
-        host->find_new_sessions([&](unsigned index) {
-            const session& found = host->shared().sessions[index];
-            add_session(host, index, found.process);
-            process& added = m_processes.back();
-            for (process& each : m_processes)
-                if (each.host == host && each.log->number() == found.parent) {
-                    added.parent = &each;
-                    each.has_forked = true;
-                }
-        });
+// A process that has executed a program is another one from then on.
+void recorder::add_executed(const std::shared_ptr<arena_host>& host, std::int32_t number) {
+    find_forked();
+    bool is_first = number == m_first_process;
+    if (recorded_process* const before = find(number)) {
+        before->was_replaced = true;
+        is_first = before->is_first;
+        end(*before);
+    }
+    m_arenas.push_back(host);
+    host->set_program(program_of(number));
+    add(host, 0, number).is_first = is_first;
+}
+
+// Children in the order in which they were forked: the place in the parent's log only ever moves on.
+void recorder::find_forked() {
+    for (const auto& host : m_arenas) {
+        if (host->forks_are_under_way())
+            continue;
+        std::vector<unsigned> found = host->new_sessions();
+        std::ranges::sort(found, {}, [&](unsigned index) { return host->shared().sessions[index].fork_ticket; });
+        for (const unsigned index : found) {
+            const session& of = host->shared().sessions[index];
+            recorded_process& added = add(host, index, of.process);
+            for (recorded_process& each : m_processes) {
+                if (each.host != host || each.log->number() != of.parent)
+                    continue;
+                added.parent = &each;
+                each.has_forked = true;
+                if (!each.has_files && !each.is_over)
+                    begin_files(each);
+                added.inherited = each.log->place_of_fork(of.fork_ticket, each.is_over);
+            }
+        }
     }
 }
 
-bool recorder::create_files(process& of) {
-    of.has_files = true;
+int recorder::create_files(recorded_process& of) {
+    if (of.is_first)
+        return of.log->create(m_names.log(), m_names.stacks(), m_options.kind);
     int reason = EEXIST;
-    if (of.is_first) {
-        reason = of.log->create(m_names.log(), m_names.stacks(), m_options.kind);
-    } else {
-        for (int attempt = 1; reason == EEXIST && attempt < 1000; ++attempt)
-            reason = of.log->create(m_names.log(of.log->process(), attempt), m_names.stacks(of.log->process(), attempt),
-                                    m_options.kind);
-    }
-    if (reason != 0)
-        say(message::cannot_create, {of.is_first ? m_names.shown(m_names.log()) : of.program, std::strerror(reason)});
-    of.log->begin(parent_of(of.log->process()));
-    return reason == 0;
+    for (int attempt = 1; reason == EEXIST && attempt < 1000; ++attempt)
+        reason = of.log->create(m_names.log(of.log->process(), attempt), m_names.stacks(of.log->process(), attempt),
+                                m_options.kind);
+    return reason;
 }
 
-bool recorder::has_ended(const process& of) const {
-    if (of.is_first && m_exit_code >= 0)
-        return true;
-    if (of.handle >= 0)
-        return is_readable(of.handle);
-    return ::kill(of.log->process(), 0) != 0 && errno == ESRCH;
+void recorder::begin_files(recorded_process& of) {
+    of.has_files = true;
+    if (!of.is_first || of.log->log().path().empty())
+        (void)create_files(of);
+    of.log->begin(parent_of(of.log->process()));
+    if (of.parent != nullptr)
+        of.log->inherit(*of.parent->log, of.inherited);
+}
+
+bool recorder::has_ended(const recorded_process& of) const {
+    return (of.is_first && m_exit_code >= 0) || record::has_ended(of.log->process(), of.handle);
+}
+
+// Whether it is worth a log: a child that only executes a program leaves nothing.
+bool recorder::is_decided(const recorded_process& of) const {
+    if (!of.is_forked)
+        return of.log->waiting() != 0;
+    return of.log->waiting() >= few_records || (of.log->waiting() != 0 && steady_time() - of.known_since > undecided_time);
 }
 
 // False: there was nothing.
-bool recorder::drain(process& of) {
-    if (of.is_over)
+bool recorder::drain(recorded_process& of) {
+    if (!of.has_files && !is_decided(of))
         return false;
-    const std::uint64_t waiting = of.log->waiting();
-    if (!of.has_files) {
-        // A child that only executes a program leaves nothing.
-        if (of.is_forked && !of.has_forked && waiting < few_records && now() - of.seen_since < undecided_time && !has_ended(of))
-            return false;
-        if (waiting == 0 && !has_ended(of))
-            return false;
-        create_files(of);
-    }
-    if (waiting == 0)
-        return false;
+    if (!of.has_files)
+        begin_files(of);
     return of.log->drain(records_at_a_time, false) != 0;
 }
 
-void recorder::end(process& of) {
+void recorder::tell_failure(recorded_process& of) {
+    const int reason = of.log->log().failure() != 0 ? of.log->log().failure() : of.log->stacks().failure();
+    if (reason == 0 || of.has_failed)
+        return;
+    of.has_failed = true;
+    const std::string path = of.log->log().path();
+    say(message::log_ended, {path.empty() ? of.program : m_names.shown(path), std::strerror(reason)});
+}
+
+void recorder::end(recorded_process& of) {
     if (of.is_over)
         return;
-    const bool is_dropped = of.is_forked && !of.has_forked &&
-                            (of.log->waiting() + of.log->lines() == 0 ||
-                             (of.was_replaced && of.log->waiting() + of.log->lines() < few_records));
-    if (!of.has_files && !is_dropped)
-        create_files(of);
-    if (is_dropped) {
-        of.log->remove();
-        of.is_dropped = true;
-    } else {
-        while (of.log->drain(ring_size, true) != 0) {
-        }
-        of.log->finish();
-        if (of.is_first && of.was_replaced) {
-            int attempt = 1;
-            while (::access(m_names.log(of.log->process(), attempt).c_str(), F_OK) == 0)
-                ++attempt;
-            of.log->rename(m_names.log(of.log->process(), attempt), m_names.stacks(of.log->process(), attempt));
-        }
-    }
     of.is_over = true;
+    of.is_dropped = of.is_forked && !of.has_forked &&
+                    (of.log->waiting() + of.log->own_lines() == 0 ||
+                     (of.was_replaced && of.log->waiting() + of.log->own_lines() < few_records));
+    if (!of.is_dropped && !of.has_files)
+        begin_files(of);
+    while (!of.is_dropped && of.log->drain(ring_size, true) != 0) {
+    }
+    of.log->finish();
+    if (of.is_dropped)
+        of.log->remove();
+    else
+        tell_failure(of);
+    if (of.is_first && of.was_replaced) {
+        // The name is that of the program that the process ends as.
+        int attempt = 1;
+        while (::access(m_names.log(of.log->process(), attempt).c_str(), F_OK) == 0)
+            ++attempt;
+        of.log->rename(m_names.log(of.log->process(), attempt), m_names.stacks(of.log->process(), attempt));
+    }
     if (of.handle >= 0)
         ::close(of.handle);
     of.handle = -1;
@@ -284,14 +270,54 @@ void recorder::end(process& of) {
 }
 
 void recorder::hear_front() {
-    std::int32_t code;
     if (m_front < 0 || m_exit_code >= 0 || !is_readable(m_front))
         return;
-    const ssize_t size = ::recv(m_front, &code, sizeof code, MSG_DONTWAIT);
-    if (size == sizeof code)
+    std::int32_t code;
+    if (::recv(m_front, &code, sizeof code, MSG_DONTWAIT) == sizeof code)
         m_exit_code = code;
-    else if (size == 0 || errno != EAGAIN)
+    else
         m_front = -1;
+}
+
+// The process that waits for the program has all that it needs. What goes on here keeps no stream open.
+void recorder::dismiss_front() {
+    summarise();
+    const char has_nothing = m_arenas.front()->shared().taken.load() == 0 ? 1 : 0;
+    if (m_front >= 0)
+        (void)::send(m_front, &has_nothing, 1, MSG_NOSIGNAL);
+    m_front = -1;
+    const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        ::dup2(nowhere, stream);
+}
+
+void recorder::flush() {
+    for (recorded_process& each : m_processes)
+        if (!each.is_over && each.has_files) {
+            each.log->flush();
+            tell_failure(each);
+        }
+}
+
+// One round. False: there was nothing to do.
+bool recorder::work() {
+    for (const auto& each : m_arenas)
+        each->shared().heartbeat.fetch_add(1, std::memory_order_relaxed);
+    hear_front();
+    answer_requests();
+    answer_control();
+    replace_spare();
+    find_forked();
+    bool is_busy = false;
+    for (recorded_process& each : m_processes) {
+        if (each.is_over)
+            continue;
+        const bool is_last = has_ended(each);
+        is_busy = drain(each) || is_busy;
+        if (is_last && !each.host->awaits_children())
+            end(each);
+    }
+    return is_busy;
 }
 
 void recorder::run(int front) {
@@ -303,79 +329,52 @@ void recorder::run(int front) {
         ::setrlimit(RLIMIT_NOFILE, &descriptors);
     }
     m_arenas.front()->own();
-    m_spare->own();
-    (void)::dup3(m_spare->descriptor(), spare_descriptor, O_CLOEXEC);
-    m_offer = std::to_string(m_first_descriptor) + ':' + std::to_string(::getpid()) + ':' +
-              std::to_string(spare_descriptor) + m_offer;
-    (void)::send(front, m_offer.data(), m_offer.size(), MSG_NOSIGNAL);
-    if (::recv(front, &m_first_process, sizeof m_first_process, 0) != sizeof m_first_process)
-        return;
     m_arenas.front()->set_program(m_program);
-    m_spare->shared().followed_process = m_options.follows_children ? 0 : m_first_process;
-    add_session(m_arenas.front(), 0, m_first_process);
-    m_processes.back().is_first = true;
-    create_files(m_processes.back());
+    recorded_process& first = add(m_arenas.front(), 0, 0);
+    first.is_first = true;
+    if (const int reason = create_files(first)) {
+        say(message::cannot_create, {m_names.shown(m_names.log()), std::strerror(reason)});
+        return;
+    }
+    publish_spare();
+    const std::string offer = std::to_string(m_first_descriptor) + ':' + std::to_string(::getpid()) + ':' +
+                              std::to_string(spare_descriptor) + ':' + m_token + ':' + m_socket_name;
+    if (!send_text(front, offer) || ::recv(front, &m_first_process, sizeof m_first_process, 0) != sizeof m_first_process) {
+        first.log->remove();
+        return;
+    }
+    ::close(m_first_descriptor);
+    first.log->set_process(m_first_process);
+    first.handle = open_process(m_first_process);
+    if (m_spare != nullptr && !m_options.follows_children)
+        m_spare->shared().followed_process = m_first_process;
+    begin_files(first);
 
-    unsigned idle_rounds = 0;
-    std::uint64_t last_flush = now();
-    std::uint64_t all_over_since = 0;
-    bool has_summarised = false;
-    for (;;) {
-        for (const auto& each : m_arenas)
-            each->shared().heartbeat.fetch_add(1, std::memory_order_relaxed);
-        hear_front();
-        answer_requests();
-        replace_spare();
-        find_sessions();
-        bool is_busy = false;
-        bool are_all_over = true;
-        for (process& each : m_processes) {
-            if (each.is_over)
-                continue;
-            is_busy = drain(each) || is_busy;
-            if (has_ended(each))
-                end(each);
-            are_all_over = are_all_over && each.is_over;
-        }
+    bool is_dismissed = false;
+    std::uint64_t last_flush = 0;
+    for (unsigned idle_rounds = 0;;) {
+        const bool is_busy = work();
         const bool is_first_over = m_exit_code >= 0 || m_front < 0;
-        if (are_all_over && is_first_over) {
-            const bool may_have_more = std::ranges::any_of(m_arenas, [](const auto& each) {
-                return each->shared().forks_begun.load() > each->shared().forks_arrived.load();
-            });
-            all_over_since = all_over_since != 0 ? all_over_since : now();
-            if (!may_have_more || now() - all_over_since > arrival_time)
-                break;
-        } else {
-            all_over_since = 0;
+        const bool are_all_over = std::ranges::all_of(m_processes, &recorded_process::is_over);
+        if (is_first_over && are_all_over &&
+            std::ranges::none_of(m_arenas, [](const auto& each) { return each->awaits_children(); }))
+            break;
+        // What the program has left running is recorded on, but nobody waits for it.
+        if (is_first_over && !are_all_over && !is_dismissed && !find(m_first_process)) {
+            is_dismissed = true;
+            dismiss_front();
         }
-        if (is_first_over && !has_summarised && !are_all_over) {
-            // What the program has started and left behind is recorded on, but nobody waits for it.
-            has_summarised = true;
-            summarise();
-        }
-        if (now() - last_flush > flush_time && !is_busy) {
-            last_flush = now();
-            for (process& each : m_processes)
-                if (!each.is_over && each.has_files)
-                    each.log->flush();
+        if (!is_busy && steady_time() - last_flush > flush_time) {
+            last_flush = steady_time();
+            flush();
         }
         idle_rounds = is_busy ? 0 : std::min(idle_rounds + 1, 16U);
-        std::vector<pollfd> wanted{{m_socket, POLLIN, 0}};
-        if (m_front >= 0 && m_exit_code < 0)
-            wanted.push_back({m_front, POLLIN, 0});
+        pollfd wanted[] = {{m_socket, POLLIN, 0}, {m_control_socket, POLLIN, 0}, {m_exit_code < 0 ? m_front : -1, POLLIN, 0}};
         const timespec pause = {0, static_cast<long>(std::min(500'000U << idle_rounds / 4, 5'000'000U))};
-        ::ppoll(wanted.data(), wanted.size(), &pause, nullptr);
+        ::ppoll(wanted, std::size(wanted), &pause, nullptr);
     }
-    if (!has_summarised)
-        summarise();
-}
-
-void recorder::summarise() {
-    std::fflush(stderr);
-    if (m_front >= 0) {
-        const char done = 0;
-        (void)::send(m_front, &done, 1, MSG_NOSIGNAL);
-    }
+    if (!is_dismissed)
+        dismiss_front();
 }
 
 } // namespace qor::record

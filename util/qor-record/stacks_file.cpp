@@ -42,30 +42,32 @@ void stacks_file::begin(std::int32_t process, std::int32_t parent, std::uint64_t
     m_file.advance(text(at, qor_version));
 }
 
+void stacks_file::add_stack(std::uint32_t node) {
+    add_node(node);
+    m_nodes[node].is_stack = 1;
+    ++m_stack_count;
+}
+
 // Parents first: an entry refers only to those before it.
 void stacks_file::add_node(std::uint32_t wanted) {
     std::vector<std::uint32_t> path;
-    for (std::uint32_t each = wanted; each >= m_nodes.size() || m_nodes[each] == 0;) {
+    for (std::uint32_t each = wanted; path.size() <= most_frames;) {
         if (each >= m_nodes.size())
             m_nodes.resize(std::max<std::size_t>(each + 1, 2 * m_nodes.size()));
-        if (each == 0)
+        if (each == 0 || m_nodes[each].number != 0)
             break;
         path.push_back(each);
         const node* const found = m_host.node_at(each);
-        if (found == nullptr || found->parent == each || path.size() > most_frames)
-            break;
-        each = found->parent;
+        each = found != nullptr ? found->parent : 0;
     }
-    while (!path.empty()) {
-        const std::uint32_t each = path.back();
-        path.pop_back();
-        const node* const found = m_host.node_at(each);
-        const node empty{};
-        const node& made = found != nullptr ? *found : empty;
+    for (; !path.empty(); path.pop_back()) {
+        const node* const found = m_host.node_at(path.back());
+        const node made = found != nullptr ? *found : node{};
         const std::uint32_t module = module_number(made.module);
         const std::uint64_t base = module != 0 ? m_host.shared().modules[made.module].base : 0;
-        entry(stacks_entry::node, m_nodes[made.parent], module, made.address - base);
-        m_nodes[each] = ++m_node_count;
+        entry(stacks_entry::node, m_nodes[made.parent].number, module, made.address - base);
+        m_nodes[path.back()].number = static_cast<std::uint32_t>(m_file_nodes.size());
+        m_file_nodes.push_back(path.back());
     }
 }
 

@@ -42,11 +42,17 @@ public:
     }
     // The same of no particular thread.
     void stack(std::uint32_t node) {
-        if (node >= m_nodes.size() || m_nodes[node] == 0) [[unlikely]]
-            add_node(node);
+        if (node >= m_nodes.size() || !m_nodes[node].is_stack) [[unlikely]]
+            add_stack(node);
         char* const at = m_file.room();
-        m_file.advance(number(at, stacks_entry::first_stack + m_nodes[node]));
+        m_file.advance(number(at, stacks_entry::first_stack + m_nodes[node].number));
     }
+    // The arena's node of a number in this file.
+    std::uint32_t node_of(std::uint32_t file_number) const noexcept {
+        return file_number < m_file_nodes.size() ? m_file_nodes[file_number] : 0;
+    }
+    // Distinct ones, so far.
+    std::uint32_t stack_count() const noexcept { return m_stack_count; }
     void module_gone(std::uint32_t module);
     void time(std::uint64_t since_start);
     void loss(std::uint64_t records, std::string_view reason);
@@ -71,10 +77,15 @@ private:
         std::memcpy(at, value.data(), value.size());
         return at + value.size();
     }
+    void add_stack(std::uint32_t node);
     void add_node(std::uint32_t node);
     std::uint32_t module_number(std::uint32_t module);
     void change_thread(std::uint32_t thread);
 
+    struct seen_node {
+        std::uint32_t number : 31 = 0; // in this file; 0: not yet
+        std::uint32_t is_stack : 1 = 0;
+    };
     struct seen_module {
         std::uint32_t number = 0; // in this file; 0: not yet
         bool is_gone = false;
@@ -82,9 +93,10 @@ private:
 
     arena_host& m_host;
     output_file m_file;
-    std::vector<std::uint32_t> m_nodes; // their numbers in this file; 0: not yet
+    std::vector<seen_node> m_nodes;          // by their numbers in the arena
+    std::vector<std::uint32_t> m_file_nodes{0}; // the other way round
+    std::uint32_t m_stack_count = 0;
     std::vector<seen_module> m_modules;
-    std::uint32_t m_node_count = 0;
     std::uint32_t m_module_count = 0;
     std::int32_t m_process = 0;
     std::uint32_t m_thread = 0;

@@ -49,6 +49,16 @@ inline bool modules_are_changing() noexcept { return unloading.load(std::memory_
 // Forgets which module a place belongs to.
 void forget_places() noexcept;
 
+// This library's own code.
+extern "C" __attribute__((visibility("hidden"))) const char __ehdr_start[];
+extern "C" __attribute__((visibility("hidden"))) const char etext[];
+inline code_range own_code() noexcept {
+    return {reinterpret_cast<std::uintptr_t>(__ehdr_start), reinterpret_cast<std::uintptr_t>(etext)};
+}
+inline bool is_own_code(std::uintptr_t address) noexcept {
+    return address >= own_code().begin && address < own_code().end;
+}
+
 // ---- stacks.cpp
 
 // The node of a stack, whose innermost frame comes first.

@@ -47,13 +47,6 @@ bool has_started;
 
 constexpr unsigned most_skipped = 16; // frames of allocation functions
 
-// This library's code.
-extern "C" __attribute__((visibility("hidden"))) const char __ehdr_start[];
-extern "C" __attribute__((visibility("hidden"))) const char etext[];
-bool is_own_code(std::uintptr_t address) noexcept {
-    return address >= reinterpret_cast<std::uintptr_t>(__ehdr_start) && address < reinterpret_cast<std::uintptr_t>(etext);
-}
-
 constexpr timespec wait_for_recorder = {0, 100'000'000};
 constexpr unsigned waits_without_heartbeat = 300;
 
@@ -286,7 +279,7 @@ void make_no_system_calls() noexcept {
 }
 
 void put_early_records() noexcept {
-    add_allocation_code(reinterpret_cast<std::uintptr_t>(__ehdr_start), reinterpret_cast<std::uintptr_t>(etext));
+    add_allocation_code(own_code().begin, own_code().end);
     for (unsigned i = 0; i < early_count; ++i) {
         const early_record& each = early[i];
         const bool is_release = each.kind == record_kind::release || each.kind == record_kind::moved_from;
@@ -300,10 +293,10 @@ void end_of_start() noexcept { has_started = true; }
 
 // The child takes its session at once, so that the recorder knows of it although its parent may end before.
 void follow_forks() noexcept {
-    pthread_atfork([] { this_process.shared->forks_begun.fetch_add(1, std::memory_order_relaxed); }, nullptr,
+    pthread_atfork([] { this_process.shared->forks_begun.fetch_add(1, std::memory_order_seq_cst); }, nullptr,
                    [] {
                        (void)is_recording();
-                       this_process.shared->forks_arrived.fetch_add(1, std::memory_order_relaxed);
+                       this_process.shared->forks_arrived.fetch_add(1, std::memory_order_seq_cst);
                    });
 }
 

@@ -65,6 +65,8 @@ std::uint32_t node_of(const std::uintptr_t* frames, unsigned count) noexcept {
     std::uint32_t number = 0;
     bool whole = true;
     for (unsigned i = count; i-- > 0 && whole;) {
+        if (i != 0 && is_own_code(frames[i]))
+            continue; // the hook of an operator new that calls another one
         const std::uint32_t child = child_of(number, frames[i]);
         whole = child != 0;
         number = whole ? child : number;

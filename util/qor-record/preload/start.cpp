@@ -217,7 +217,7 @@ void start_recording(char** environment) noexcept {
     this_process.ring = shared->first_ring;
     session& own = *this_process.own;
     own.process = process;
-    own.number = shared->session_count.fetch_add(1) + 1;
+    own.number = 1;
     prepare_unwinder();
     find_operators_of_program();
     follow_forks();
