@@ -10,7 +10,7 @@
 #include <string.h>
 #include <sys/mman.h>
 
-enum { classes = 20, smallest = 64, most_slots = 1 << 16, word_bits = 64 };
+enum { classes = 20, smallest = 64, most_slots = 1 << 16, word_bits = 64, smallest_alignment = 16 };
 static const size_t row_bytes = (size_t)1 << 28;
 
 struct header { /* in front of the block */
@@ -97,18 +97,7 @@ static struct header* header_of(void* block) {
     return header;
 }
 
-void* malloc(size_t size) {
-    void* block = take(size, 16);
-    if (block == NULL) {
-        errno = ENOMEM;
-    }
-    return block;
-}
-
-void free(void* block) {
-    if (block == NULL) {
-        return;
-    }
+static void give(void* block) {
     struct header* header = header_of(block);
     unsigned index = header->slot / word_bits;
     uint64_t bit = (uint64_t)1 << header->slot % word_bits;
@@ -119,35 +108,7 @@ void free(void* block) {
     }
 }
 
-void* calloc(size_t count, size_t size) {
-    size_t bytes;
-    if (__builtin_mul_overflow(count, size, &bytes)) {
-        errno = ENOMEM;
-        return NULL;
-    }
-    void* block = malloc(bytes);
-    return block != NULL ? memset(block, 0, bytes) : NULL;
-}
-
-void* realloc(void* old, size_t size) {
-    if (old == NULL) {
-        return malloc(size);
-    }
-    if (size == 0) {
-        free(old);
-        return NULL;
-    }
-    void* block = malloc(size);
-    if (block != NULL) {
-        size_t before = header_of(old)->size;
-        memcpy(block, old, before < size ? before : size);
-        free(old);
-    }
-    return block;
-}
-
-void* memalign(size_t alignment, size_t size);
-void* memalign(size_t alignment, size_t size) {
+static void* take_or_fail(size_t size, size_t alignment) {
     void* block = take(size, alignment);
     if (block == NULL) {
         errno = ENOMEM;
@@ -155,7 +116,44 @@ void* memalign(size_t alignment, size_t size) {
     return block;
 }
 
-void* aligned_alloc(size_t alignment, size_t size) { return memalign(alignment, size); }
+/* ---- none of these calls another one, which somebody in front might take for calls of the program */
+
+void* malloc(size_t size) { return take_or_fail(size, smallest_alignment); }
+
+void free(void* block) {
+    if (block != NULL) {
+        give(block);
+    }
+}
+
+void* calloc(size_t count, size_t size) {
+    size_t bytes;
+    if (__builtin_mul_overflow(count, size, &bytes)) {
+        errno = ENOMEM;
+        return NULL;
+    }
+    void* block = take_or_fail(bytes, smallest_alignment);
+    return block != NULL ? memset(block, 0, bytes) : NULL;
+}
+
+void* realloc(void* old, size_t size) {
+    if (old != NULL && size == 0) {
+        give(old);
+        return NULL;
+    }
+    void* block = take_or_fail(size, smallest_alignment);
+    if (block != NULL && old != NULL) {
+        size_t before = header_of(old)->size;
+        memcpy(block, old, before < size ? before : size);
+        give(old);
+    }
+    return block;
+}
+
+void* memalign(size_t alignment, size_t size);
+void* memalign(size_t alignment, size_t size) { return take_or_fail(size, alignment); }
+
+void* aligned_alloc(size_t alignment, size_t size) { return take_or_fail(size, alignment); }
 
 int posix_memalign(void** place, size_t alignment, size_t size) {
     void* block = take(size, alignment);
