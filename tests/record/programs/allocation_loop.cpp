@@ -2,10 +2,13 @@
 //
 //     allocation_loop CALLS [THREADS]
 //
-// CALLS is the number of allocations and releases together, of all threads.
+// CALLS is the number of allocations and releases together, of all threads. At the end the file $PEAK gets the largest
+// number of bytes that were resident.
 #include <array>
 #include <cstddef>
 #include <cstdlib>
+#include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -27,7 +30,7 @@ template <int Depth>
     return block;
 }
 
-// Its own callers are main with the three frames of the start, or the four of a thread.
+// Its callers are run, main and the three frames of the start, or those of a thread.
 [[gnu::noinline]] void work(long rounds, unsigned seed) {
     std::array<char*, 1000> blocks{};
     numbers next{seed};
@@ -35,21 +38,30 @@ template <int Depth>
         char*& block = blocks[(next() >> 8) % blocks.size()];
         std::size_t size = 16 + (next() >> 16) % 200;
         delete[] block;
-        block = allocate<5>(size);
+        block = allocate<4>(size);
     }
     for (char* block : blocks) {
         delete[] block;
     }
 }
 
-} // namespace
+void tell_peak() {
+    const char* name = std::getenv("PEAK");
+    if (name == nullptr) {
+        return;
+    }
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmHWM:")) {
+            std::ofstream(name) << std::stol(line.substr(6)) * 1024 << '\n';
+        }
+    }
+}
 
-int main(int count, char** words) {
-    long rounds = (count > 1 ? std::atol(words[1]) : 1'000'000) / 2;
-    int threads = count > 2 ? std::atoi(words[2]) : 1;
+[[gnu::noinline]] void run(long rounds, int threads) {
     if (threads <= 1) {
         work(rounds, 1);
-        return 0;
+        return;
     }
     std::vector<std::thread> workers;
     for (int i = 0; i < threads; ++i) {
@@ -58,4 +70,12 @@ int main(int count, char** words) {
     for (std::thread& worker : workers) {
         worker.join();
     }
+}
+
+} // namespace
+
+int main(int count, char** words) {
+    long rounds = (count > 1 ? std::atol(words[1]) : 1'000'000) / 2;
+    run(rounds, count > 2 ? std::atoi(words[2]) : 1);
+    tell_peak();
 }
