@@ -5,7 +5,8 @@
 
 # What has to be there, as "package=probe". A probe is a command, or the path of a file. It is looked
 # for first: a host that has a tool from elsewhere needs no package, and the look costs no process.
-needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja" "libmnl-dev=/usr/include/libmnl/libmnl.h")
+needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja" "libmnl-dev=/usr/include/libmnl/libmnl.h"
+    "libzstd-dev=/usr/include/zstd.h" "zlib1g-dev=/usr/include/zlib.h")
 needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/openssl/evp.h" "python3=python3"
     "libc-devtools=mtrace" "valgrind=valgrind" "iproute2=ip" "libpam0g-dev=/usr/include/security/pam_appl.h"
     "libnss-wrapper=/usr/lib/$HOSTTYPE-linux-gnu/libnss_wrapper.so" "umockdev=umockdev-run"

@@ -134,6 +134,12 @@ int meet_a_limit() {
     return 0;
 }
 
+int leave_many() {
+    for (int i = 0; i < many; ++i)
+        use(71001);
+    _exit(7);
+}
+
 void work() {
     for (int i = 0; i < many; ++i)
         use(71001);
@@ -188,6 +194,7 @@ constexpr trouble troubles[] = {
     {"close_everything", close_everything},
     {"reuse_descriptors", reuse_descriptors},
     {"meet_a_limit", meet_a_limit},
+    {"leave_many", leave_many},
     {"fork_between_threads", fork_between_threads},
     {"become_another", become_another},
 };

@@ -2,6 +2,7 @@
 
 #include "process_facts.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -9,22 +10,44 @@
 #include <memory>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace qor::record {
 
 static_assert(sizeof(pthread_mutex_t) <= sizeof(arena::owner));
 
+namespace {
+
+// The limit on the size of files holds for this memory too, as far as the user may not raise it. Returns the size.
+std::size_t grow(int descriptor) {
+    rlimit before;
+    if (::getrlimit(RLIMIT_FSIZE, &before) != 0)
+        return 0;
+    const rlimit raised = {before.rlim_max, before.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &raised);
+    const std::size_t size = std::min<rlim_t>(arena_file_size, before.rlim_max) / 4096 * 4096;
+    const bool has_grown = size >= sizeof(arena) && ::ftruncate(descriptor, static_cast<off_t>(size)) == 0;
+    const int reason = size < sizeof(arena) ? EFBIG : errno;
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    errno = reason;
+    return has_grown ? size : 0;
+}
+
+} // namespace
+
 std::unique_ptr<arena_host> arena_host::make(const plan& wanted) {
     std::unique_ptr<arena_host> made(new arena_host);
     made->m_descriptor = ::memfd_create("qor-record", MFD_CLOEXEC);
-    if (made->m_descriptor < 0 || ::ftruncate(made->m_descriptor, static_cast<off_t>(arena_file_size)) != 0)
+    const std::size_t size = made->m_descriptor >= 0 ? grow(made->m_descriptor) : 0;
+    if (size < sizeof(arena))
         return nullptr;
     made->m_shared = static_cast<arena*>(made->map_part(0, sizeof(arena)));
     if (made->m_shared == nullptr)
         return nullptr;
     arena& shared = *made->m_shared;
     shared.version = arena_version;
+    shared.file_size = size;
     shared.depth = wanted.depth;
     shared.followed_process = wanted.follows_children ? 0 : -1;
     for (const code_range& range : wanted.allocation_code)
@@ -76,6 +99,8 @@ void arena_host::close_descriptor() noexcept {
 }
 
 void* arena_host::map_part(std::size_t offset, std::size_t size) {
+    if (offset + size > (m_shared != nullptr ? m_shared->file_size : size))
+        return nullptr;
     void* const mapped =
         ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, m_descriptor, static_cast<off_t>(offset));
     return mapped != MAP_FAILED ? mapped : nullptr;

@@ -166,16 +166,21 @@ void recorder::add_executed(const std::shared_ptr<arena_host>& host, std::int32_
     }
     m_arenas.push_back(host);
     host->set_program(program_of(number));
+    host->shared().is_first = is_first ? 1 : 0;
     add(host, 0, number).is_first = is_first;
 }
 
-// Children in the order in which they were forked: the place in the parent's log only ever moves on.
+// Parents before their children, and children in the order in which they were forked: the place in the parent's log only
+// ever moves on.
 void recorder::find_forked() {
     for (const auto& host : m_arenas) {
         if (host->forks_are_under_way())
             continue;
         std::vector<unsigned> found = host->new_sessions();
-        std::ranges::sort(found, {}, [&](unsigned index) { return host->shared().sessions[index].fork_ticket; });
+        std::ranges::sort(found, {}, [&](unsigned index) {
+            const session& of = host->shared().sessions[index];
+            return std::pair(of.parent, of.fork_ticket);
+        });
         for (const unsigned index : found) {
             const session& of = host->shared().sessions[index];
             recorded_process& added = add(host, index, of.process);
@@ -330,6 +335,7 @@ void recorder::run(int front) {
     }
     m_arenas.front()->own();
     m_arenas.front()->set_program(m_program);
+    m_arenas.front()->shared().is_first = 1;
     recorded_process& first = add(m_arenas.front(), 0, 0);
     first.is_first = true;
     if (const int reason = create_files(first)) {

@@ -92,7 +92,7 @@ arena* map_arena(long descriptor, bool is_ours) noexcept {
 // The first program's: a file of that number may also be the program's own by now, and too short to be read.
 arena* map_inherited(int descriptor) noexcept {
     const long size = raw_call(SYS_lseek, descriptor, 0, SEEK_END);
-    return descriptor >= 0 && size == static_cast<long>(arena_file_size) ? map_arena(descriptor, false) : nullptr;
+    return descriptor >= 0 && size >= static_cast<long>(sizeof(arena)) ? map_arena(descriptor, false) : nullptr;
 }
 
 // Sends the token and is sent a descriptor.
@@ -166,6 +166,26 @@ arena* map_spare(const offer& made) noexcept {
     return nullptr;
 }
 
+// The framework's log of the first program has the name that the recorder has chosen, also where a launcher has left its
+// own choice for those that it starts. Others have a number in the name. No memory is allocated for this.
+void choose_memcheck_log(bool is_first) noexcept {
+    const char* const wanted = getenv(memcheck_variable);
+    const char* const now = getenv("QOR_MEMCHECK");
+    static char variable[4096 + 32];
+    if (wanted == nullptr || strlen(wanted) > 4096 || (now == nullptr && !is_first))
+        return;
+    *append(append(append(variable, "QOR_MEMCHECK="), wanted), is_first ? "" : ".%p") = '\0';
+    const char* const value = strchr(variable, '=') + 1;
+    if (now != nullptr && (strcmp(now, value) == 0 || (!is_first && strcmp(now, wanted) != 0)))
+        return;
+    for (char** each = environ; *each != nullptr; ++each)
+        if (strncmp(*each, variable, static_cast<std::size_t>(value - variable)) == 0) {
+            *each = variable;
+            return;
+        }
+    putenv(variable);
+}
+
 void leave_unrecorded() noexcept {
     if (const char* const before = getenv(preload_variable)) {
         if (*before != '\0')
@@ -205,11 +225,7 @@ void start_recording(char** environment) noexcept {
         end_of_start();
         return;
     }
-    // A launcher may have left its own choice for those that it starts.
-    const char* const memcheck = getenv(memcheck_variable);
-    const char* const memcheck_now = getenv("QOR_MEMCHECK");
-    if (memcheck != nullptr && (memcheck_now == nullptr || strcmp(memcheck, memcheck_now) != 0))
-        setenv("QOR_MEMCHECK", memcheck, 1);
+    choose_memcheck_log(shared->is_first != 0);
     this_process.shared = shared;
     this_process.owner = as_pointer<process_state::owner_page>(page);
     this_process.depth = shared->depth < most_frames ? shared->depth : most_frames;

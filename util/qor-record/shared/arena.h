@@ -121,7 +121,9 @@ struct arena {
     std::uint64_t magic;
     std::uint32_t version;
     std::uint32_t depth;          // of the stacks; 0: the caller alone
+    std::uint64_t file_size;      // a limit of the recorder may make it less than arena_file_size
     std::int32_t followed_process; // only this process is recorded, and no child; 0: children too
+    std::uint32_t is_first;           // of the process that the recorder was started with
     std::uint32_t program_range_count;
     code_range program_ranges[most_program_ranges];
 
