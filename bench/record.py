@@ -69,7 +69,7 @@ class Bench:
 
     def make_workloads(self, only):
         """{name: (command, command of the longer work)}"""
-        shorter, longer = (100_000, 300_000) if self.brief else (1_000_000, 4_000_000)
+        shorter, longer = (100_000, 300_000) if self.brief else (500_000, 2_500_000)
         loop = str(self.programs / "allocation_loop")
         compiler = subprocess.run(["g++", "-print-prog-name=cc1plus"], check=True, capture_output=True, text=True).stdout.strip()
         multiarch = subprocess.run(["g++", "-print-multiarch"], check=True, capture_output=True, text=True).stdout.strip()
@@ -79,8 +79,8 @@ class Bench:
             source.write_text(cxx_source(length))
             return [compiler, "-quiet", "-O1", *(["-imultiarch", multiarch] if multiarch else []), "-D_GNU_SOURCE", str(source),
                     "-o", os.devnull]
-        lengths = (1, 3) if self.brief else (5, 45)
-        repeats = (5, 15) if self.brief else (50, 250)
+        lengths = (1, 3) if self.brief else (5, 25)
+        repeats = (5, 15) if self.brief else (20, 100)
         workloads = {
             "loop": tuple([loop, str(calls)] for calls in (shorter, longer)),
             "loop, 2 threads": tuple([loop, str(calls), "2"] for calls in (shorter, longer)),
@@ -182,8 +182,8 @@ class Bench:
         for name, command in commands.items():
             for path in self.folder.glob("counts.*"):
                 path.unlink()
-            self.run(self.qor_record("--depth", "0") + command, {
-                **self.environment, "COUNTING": str(self.folder / "counts"), "LD_PRELOAD": str(self.programs / "counting.so")})
+            counting = ["sh", "-c", 'LD_PRELOAD="$LD_PRELOAD:$0" exec "$@"', str(self.programs / "counting.so")]
+            self.run(self.qor_record("--depth", "0") + counting + command, {**self.environment, "COUNTING": str(self.folder / "counts")})
             codes = collections.Counter()
             with open(self.folder / "out.mtrace", errors="surrogateescape") as log:
                 for line in log:

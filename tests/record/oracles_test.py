@@ -88,8 +88,8 @@ class Programs(recorded_runs.RecordedRuns):
 
 class TracingOfTheCLibrary(Programs):
     def check(self, command):
-        environment = self.preloaded("c_library_tracing.so", "libc_malloc_debug.so.0")
-        self.record(*command, environment={**environment, "TRACED": str(self.folder / "traced")})
+        self.record(*self.with_libraries("c_library_tracing.so", "libc_malloc_debug.so.0", TRACED=self.folder / "traced"),
+                    *command)
         # The marker parts what that tracing has seen from what came before.
         ours = self.folder / "log.mtrace"
         lines = ours.read_text(errors="surrogateescape").splitlines(keepends=True)
@@ -127,10 +127,9 @@ class TracingOfTheCLibrary(Programs):
 
 
 class Counts(Programs):
-    def check(self, command, allocators=(), **more):
+    def check(self, command):
         """[(allocations, reallocations, releases)] of all processes."""
-        environment = {**self.preloaded("counting.so", *allocators), "COUNTING": str(self.folder / "counts")}
-        self.record(*command, environment=environment, **more)
+        self.record(*self.with_libraries("counting.so", COUNTING=self.folder / "counts"), *command)
         counted, replaced = collections.Counter(), collections.Counter()
         for path in self.folder.glob("counts.*"):
             counts = struct.unpack("=3Q", path.read_bytes())

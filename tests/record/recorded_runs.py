@@ -30,14 +30,16 @@ class RecordedRuns(unittest.TestCase):
         self.environment = {"PATH": "/usr/bin:/bin", "LC_ALL": "C", "PYTHONHASHSEED": "0", "PYTHONMALLOC": "malloc",
                             "HOME": str(self.folder)}
 
-    def preloaded(self, *libraries):
-        """The environment with these, which lie beside the programs unless the system has them."""
+    def with_libraries(self, *libraries, **variables):
+        """The beginning of a command that preloads these behind the recorder's own; they lie beside the programs unless the system
+        has them. The recorder itself is without them: a sanitizer in it would not bear that."""
         found = [str(path) if (path := self.options.bin / name).exists() else name for name in libraries]
-        return {**self.environment, "LD_PRELOAD": ":".join(found)}
+        self.environment.update({name: str(value) for name, value in variables.items()})
+        return ["sh", "-c", 'LD_PRELOAD="$LD_PRELOAD:$0" exec "$@"', ":".join(found)]
 
-    def start(self, *command, prefix="log", words=(), environment=None, **more):
-        return subprocess.Popen([self.options.record, "-o", prefix, *words, "--", *map(str, command)], cwd=self.folder,
-                                env=environment or self.environment, **more)
+    def start(self, *command, **more):
+        return subprocess.Popen([self.options.record, "-o", "log", "--", *map(str, command)], cwd=self.folder,
+                                env=self.environment, **more)
 
     def record(self, *command, code=0, **more):
         """Its standard output and error."""
@@ -61,9 +63,10 @@ class RecordedRuns(unittest.TestCase):
         of = {code: recording.count(code) for code in "+-<>"}
         return of["+"], of[">"], of["-"] + of["<"] - of[">"]
 
-    def logs(self, prefix="log"):
-        """Those of all processes, that of the program first."""
-        return sorted(path.name for path in self.folder.glob(f"{prefix}.mtrace*"))
+    def logs(self):
+        """Those of all processes, that of the program first; without that of the shell that has become the program."""
+        process = stacks_file.Stacks(stacks_file.contents(self.folder / "log.stacks")).process
+        return [path.name for path in sorted(self.folder.glob("log.mtrace*")) if path.name != f"log.mtrace.{process.pid}"]
 
     def by_tool(self, log):
         """{(address, size)} of the leaks that qortool reports; there must be no bad free."""

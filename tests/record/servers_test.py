@@ -48,9 +48,9 @@ class Servers(recorded_runs.RecordedRuns):
 
     def test_a_server_that_loses_its_sessions(self):
         sessions = 400 if recorded_runs.longer() else 40
-        environment = {**self.preloaded("counting.so"), "COUNTING": str(self.folder / "counts")}
-        with self.start(self.options.bin / "session_server", environment=environment, stdin=subprocess.PIPE,
-                        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as server:
+        libraries = self.with_libraries("counting.so", COUNTING=self.folder / "counts")
+        with self.start(*libraries, self.options.bin / "session_server", stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                        stderr=subprocess.PIPE, text=True) as server:
             port = int(server.stdout.readline())
 
             def client(number):

@@ -1,6 +1,7 @@
-// Everything at once, for the seconds that the first word gives: libraries that come and go, exceptions, threads that
-// begin and end, a profiling signal whose handler allocates, forks, and programs that are started. The signal
-// interrupts the allocation functions themselves, so an allocator has to be preloaded that allows that.
+// Everything at once, for the seconds that the first word gives, with pauses of so many microseconds as the second one
+// gives: libraries that come and go, exceptions, threads that begin and end, a profiling signal whose handler allocates,
+// forks, and programs that are started. The signal interrupts the allocation functions themselves, so an allocator has to
+// be preloaded that allows that.
 //
 // Each kind of work loses `lost_blocks` blocks of its own size; all else is released.
 #include <atomic>
@@ -33,6 +34,7 @@ constexpr std::size_t lost_by_library_two = 71005;
 constexpr std::size_t lost_by_child = 72001;
 
 std::atomic<bool> ended;
+std::chrono::microseconds pause_time{0};
 void* volatile place;
 
 [[gnu::noinline]] void lose(std::size_t size) {
@@ -79,6 +81,7 @@ void load_libraries() {
     for (int i = 0; !ended || i < lost_blocks; ++i) {
         use_library("torture_library_one.so", "work_of_one", i < lost_blocks ? lost_by_library_one : 0);
         use_library("torture_library_two.so", "work_of_two", i < lost_blocks ? lost_by_library_two : 0);
+        std::this_thread::sleep_for(pause_time);
     }
 }
 
@@ -105,6 +108,7 @@ void throw_exceptions() {
         if (i < lost_blocks) {
             throw_and_lose();
         }
+        std::this_thread::sleep_for(pause_time);
     }
 }
 
@@ -126,6 +130,7 @@ void churn_threads() {
         std::thread one(work, i < lost_blocks), other(work, false);
         one.join();
         other.join();
+        std::this_thread::sleep_for(pause_time);
     }
 }
 
@@ -168,6 +173,7 @@ int fork_children() {
 
 int main(int count, char** words) {
     int seconds = count > 1 ? std::atoi(words[1]) : 1;
+    pause_time = std::chrono::microseconds(count > 2 ? std::atoi(words[2]) : 0);
     struct sigaction action {};
     action.sa_handler = handle;
     action.sa_flags = SA_RESTART;
