@@ -23,7 +23,7 @@ PAUSE_MICROSECONDS = 5000 if recorded_runs.longer() else 100
 # For each size: how many blocks of it are lost, and the functions that their stacks begin with.
 LOST = {
     71001: (50, ["lose", "handle"]),
-    71002: (100, ["lose", "throw_and_lose", "throw_exceptions"]),
+    71002: (100, ["lose", "throw_exceptions"]),
     71003: (50, ["lose", "work"]),
     71004: (50, ["work_of_one", "use_library", "load_libraries"]),
     71005: (50, ["work_of_two", "use_library", "load_libraries"]),

@@ -95,8 +95,6 @@ void load_libraries() {
     return descend(depth - 1) + text;
 }
 
-[[gnu::noinline]] void throw_and_lose() { lose(lost_by_thrower); }
-
 void throw_exceptions() {
     for (int i = 0; !ended || i < lost_blocks; ++i) {
         try {
@@ -106,7 +104,7 @@ void throw_exceptions() {
             place = copy.data();
         }
         if (i < lost_blocks) {
-            throw_and_lose();
+            lose(lost_by_thrower);
         }
         std::this_thread::sleep_for(pause_time);
     }
