@@ -1,7 +1,7 @@
 // Everything at once, for the seconds that the first word gives, with pauses of so many microseconds as the second one
-// gives: libraries that come and go, exceptions, threads that begin and end, a profiling signal whose handler allocates,
-// forks, and programs that are started. The signal interrupts the allocation functions themselves, so an allocator has to
-// be preloaded that allows that.
+// gives: libraries that come and go, exceptions, threads that begin and end, a profiling signal whose handler
+// allocates, forks, and programs that are started. The signal interrupts the allocation functions themselves, so an
+// allocator has to be preloaded that allows that.
 //
 // Each kind of work loses `lost_blocks` blocks of its own size; all else is released.
 #include <atomic>
