@@ -108,7 +108,7 @@ int record(const options& chosen) {
     log_names names;
     const std::string preload = find_preload();
     if (preload.empty() || !look_at_program(path, facts) ||
-        !names.set(chosen.prefix, path.substr(path.rfind('/') + 1), chosen.kind) || !names.clear(chosen.replaces_anything))
+        !names.set(chosen.prefix, path.substr(path.rfind('/') + 1), chosen.kind))
         return 1;
     std::string library, why;
     if (!can_compress(chosen.kind, library, why)) {
@@ -117,7 +117,8 @@ int record(const options& chosen) {
     }
     recorder recording(chosen, names);
     char* const real_path = ::realpath(path.c_str(), nullptr);
-    const bool is_ready = recording.prepare(real_path != nullptr ? real_path : path, facts);
+    const bool is_ready =
+        recording.prepare(real_path != nullptr ? real_path : path, facts) && names.clear(chosen.replaces_anything);
     std::free(real_path);
     int ends[2];
     if (!is_ready || ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)

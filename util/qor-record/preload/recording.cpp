@@ -210,6 +210,13 @@ unsigned first_outside(const std::uintptr_t* frames, unsigned count) noexcept {
     const bool is_inside = self.wrapper > caller.sp || (module_of(caller.pc) & allocation_code) != 0;
     if (depth == 1 && !is_inside)
         return node_of(&caller.pc, 1);
+    if (is_inside && depth == 1 && self.wrapper == 0) {
+        // Most often it is an operator new that has called malloc.
+        const unsigned few = unwind(caller, frames, 3);
+        const unsigned outside = few != 0 ? first_outside(frames, few) : 0;
+        if (outside + 1 < few || (few != 0 && (module_of(frames[outside]) & allocation_code) == 0))
+            return node_of(frames + outside, 1);
+    }
     unsigned count = unwind(caller, frames, is_inside ? depth + most_skipped : depth);
     if (count == 0)
         return node_of(&caller.pc, 1);

@@ -149,16 +149,17 @@ struct arena {
     alignas(4096) ring_record first_ring[ring_size];
 };
 
-// What lies behind the arena in its file, mapped by those who need it.
+// What lies behind the arena in its file, mapped by those who need it: rings and chunks of nodes in turn, so that the first
+// few of both lie within the limits of a process that may have little memory.
 constexpr std::size_t ring_bytes = sizeof(ring_record) * ring_size;
 constexpr std::size_t chunk_bytes = sizeof(node) * nodes_per_chunk;
 static_assert(ring_bytes % 4096 == 0 && chunk_bytes % 4096 == 0 && sizeof(arena) % 4096 == 0);
 
 constexpr std::size_t chunk_offset(unsigned chunk) { // from 1 on
-    return sizeof(arena) + chunk_bytes * (chunk - 1);
+    return sizeof(arena) + (ring_bytes + chunk_bytes) * (chunk - 1) + ring_bytes;
 }
 constexpr std::size_t ring_offset(unsigned session_index) { // from 1 on
-    return chunk_offset(most_node_chunks) + ring_bytes * (session_index - 1);
+    return sizeof(arena) + (ring_bytes + chunk_bytes) * (session_index - 1);
 }
 constexpr std::size_t arena_file_size = ring_offset(most_sessions);
 
