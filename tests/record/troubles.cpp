@@ -30,8 +30,8 @@ void* volatile used;
 void lose(std::size_t size) { used = std::malloc(size); }
 
 void use(std::size_t size) {
-    used = std::malloc(size);
-    std::free(used);
+    void* volatile block = std::malloc(size);
+    std::free(block);
 }
 
 int wait_for(pid_t child) {
@@ -294,19 +294,21 @@ int trace_as_well() {
     return 0;
 }
 
-// Its parent is the one that started it, the recorder that one's child.
+// Its parent is the one that has started it; the recorder is that one's other child.
 int lose_recorder() {
     lose(71001);
-    std::FILE* const list = popen("ps -o pid= --ppid \"$(ps -o ppid= -p $PPID)\"", "r");
-    char line[64];
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/task/%d/children", getppid(), getppid());
+    std::FILE* const list = std::fopen(path, "r");
     int killed = 0;
-    while (std::fgets(line, sizeof line, list) != nullptr)
-        if (const pid_t each = std::atoi(line); each != getpid() && each > 1)
+    for (pid_t each; list != nullptr && std::fscanf(list, "%d", &each) == 1;)
+        if (each != getpid())
             killed += kill(each, SIGKILL) == 0 ? 1 : 0;
-    pclose(list);
+    if (list != nullptr)
+        std::fclose(list);
     for (int i = 0; i < 200'000; ++i) // more than there is room for
         use(72001);
-    return killed > 0 ? 0 : 1;
+    return killed == 1 ? 0 : 1;
 }
 
 int abort_here() {
