@@ -95,7 +95,7 @@ class Programs(Recorded):
         done = self.record(options.bin / "leaky")
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertEqual(done.stdout, "sum of means: 14.0\npage 1 of 3\npage 2 of 3\npage 3 of 3\n")
-        self.assertRegex(done.stderr, r"\Arecord: log\.mtrace: \d+ allocations and releases, \d+ stacks\n"
+        self.assertRegex(done.stderr, r"\Arecord: log\.mtrace: \d+ allocations and releases; distinct stacks: \d+\n"
                                       r"record: log\.memcheck: \d+ lines of the framework\n"
                                       r"record: now type: qortool mtrace log\.mtrace log\.memcheck\n\Z")
         source = "examples/leaky/leaky"
@@ -120,7 +120,7 @@ class Programs(Recorded):
     def test_a_program_that_is_found_along_the_path_names_the_log(self):
         done = self.record("true", prefix=())
         self.assertEqual(done.returncode, 0, done.stderr)
-        self.assertRegex(done.stderr, r"\Arecord: true\.mtrace: \d+ allocations and releases, \d+ stacks\n"
+        self.assertRegex(done.stderr, r"\Arecord: true\.mtrace: \d+ allocations and releases; distinct stacks: \d+\n"
                                       r"record: now type: qortool mtrace true\.mtrace\n\Z")
         self.assertEqual(sorted(path.name for path in self.folder.iterdir()), ["true.mtrace", "true.stacks"])
 
@@ -201,7 +201,7 @@ class Programs(Recorded):
 class Troubles(Recorded):
     def test_forks(self):
         self.trouble("fork_twice")
-        self.assertEqual(len(re.findall(r"^record: log\.mtrace\.\d+: \d+ allocations and releases of .*/troubles, \d+ stacks$",
+        self.assertEqual(len(re.findall(r"^record: log\.mtrace\.\d+: \d+ allocations and releases of .*/troubles; distinct stacks: \d+$",
                                         self.messages, re.M)), 2, self.messages)
         reports = [self.report("mtrace", name) for name in ("log.mtrace", *self.children())]
         for report in reports:
@@ -218,7 +218,7 @@ class Troubles(Recorded):
         self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1})
         child, = self.children()
         self.assertNotIn("/troubles:", (self.folder / child).read_text())
-        self.assertRegex(self.messages, r"(?m)^record: log\.mtrace\.\d+: \d+ allocations and releases of /usr/bin/true, \d+ stacks$")
+        self.assertRegex(self.messages, r"(?m)^record: log\.mtrace\.\d+: \d+ allocations and releases of /usr/bin/true; distinct stacks: \d+$")
 
     def test_no_children(self):
         for name in ("fork_twice", "fork_and_execute"):

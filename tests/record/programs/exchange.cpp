@@ -1,5 +1,5 @@
-// Threads that release each other's blocks: exchange THREADS ROUNDS. Each round of a thread is an allocation and, once the
-// places are full, a release.
+// Threads that release each other's blocks: exchange THREADS ROUNDS. Each round of a thread is an allocation and, once
+// the places are full, a release.
 #include <atomic>
 #include <cstdlib>
 #include <thread>
@@ -13,7 +13,8 @@ std::atomic<void*> places[place_count];
 void exchange(unsigned seed, long rounds) {
     for (long i = 0; i < rounds; ++i) {
         seed = seed * 1103515245 + 12345;
-        void* const block = i % 7 == 0 ? std::realloc(std::malloc(16 + (seed >> 16) % 64), 200) : std::malloc(16 + (seed >> 16) % 200);
+        void* const block =
+            i % 7 == 0 ? std::realloc(std::malloc(16 + (seed >> 16) % 64), 200) : std::malloc(16 + (seed >> 16) % 200);
         std::free(places[(seed >> 8) % place_count].exchange(block));
     }
 }
