@@ -14,8 +14,11 @@ needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/
     "xdg-user-dirs=xdg-user-dir" "systemd=systemd-path" "procps=free" "libgsasl-dev=/usr/include/gsasl.h"
     "openssl=openssl" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux" "doxygen=doxygen"
     "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py"
-    "clang-format-14=clang-format-14" "shellcheck=shellcheck" "elfutils=eu-addr2line" "heaptrack=heaptrack" "git=git"
-    "sqlite3=sqlite3" "zstd=zstd")
+    "clang-format-14=clang-format-14" "shellcheck=shellcheck"
+    "libjemalloc2=/usr/lib/$HOSTTYPE-linux-gnu/libjemalloc.so.2"
+    "libtcmalloc-minimal4=/usr/lib/$HOSTTYPE-linux-gnu/libtcmalloc_minimal.so.4"
+    "libmimalloc2.0=/usr/lib/$HOSTTYPE-linux-gnu/libmimalloc.so.2"
+    "elfutils=eu-addr2line" "heaptrack=heaptrack" "git=git" "sqlite3=sqlite3" "zstd=zstd")
 needs_windows=("cmake=cmake" "ninja-build=ninja" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"
     "wine64=/usr/lib/wine/wine64" "googletest=/usr/src/googletest/CMakeLists.txt" "python3=python3" "libc-devtools=mtrace"
     "openssl=openssl" "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py")

@@ -95,7 +95,7 @@ class Programs(Recorded):
         done = self.record(options.bin / "leaky")
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertEqual(done.stdout, "sum of means: 14.0\npage 1 of 3\npage 2 of 3\npage 3 of 3\n")
-        self.assertRegex(done.stderr, r"\Arecord: log\.mtrace: \d+ allocations and releases, \d+ stacks\n"
+        self.assertRegex(done.stderr, r"\Arecord: log\.mtrace: \d+ allocations and releases; distinct stacks: \d+\n"
                                       r"record: log\.memcheck: \d+ lines of the framework\n"
                                       r"record: now type: qortool mtrace log\.mtrace log\.memcheck\n\Z")
         source = "examples/leaky/leaky"
@@ -120,7 +120,7 @@ class Programs(Recorded):
     def test_a_program_that_is_found_along_the_path_names_the_log(self):
         done = self.record("true", prefix=())
         self.assertEqual(done.returncode, 0, done.stderr)
-        self.assertRegex(done.stderr, r"\Arecord: true\.mtrace: \d+ allocations and releases, \d+ stacks\n"
+        self.assertRegex(done.stderr, r"\Arecord: true\.mtrace: \d+ allocations and releases; distinct stacks: \d+\n"
                                       r"record: now type: qortool mtrace true\.mtrace\n\Z")
         self.assertEqual(sorted(path.name for path in self.folder.iterdir()), ["true.mtrace", "true.stacks"])
 
@@ -201,7 +201,7 @@ class Programs(Recorded):
 class Troubles(Recorded):
     def test_forks(self):
         self.trouble("fork_twice")
-        self.assertEqual(len(re.findall(r"^record: log\.mtrace\.\d+: \d+ allocations and releases of .*/troubles, \d+ stacks$",
+        self.assertEqual(len(re.findall(r"^record: log\.mtrace\.\d+: \d+ allocations and releases of .*/troubles; distinct stacks: \d+$",
                                         self.messages, re.M)), 2, self.messages)
         reports = [self.report("mtrace", name) for name in ("log.mtrace", *self.children())]
         for report in reports:
@@ -218,7 +218,7 @@ class Troubles(Recorded):
         self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1})
         child, = self.children()
         self.assertNotIn("/troubles:", (self.folder / child).read_text())
-        self.assertRegex(self.messages, r"(?m)^record: log\.mtrace\.\d+: \d+ allocations and releases of /usr/bin/true, \d+ stacks$")
+        self.assertRegex(self.messages, r"(?m)^record: log\.mtrace\.\d+: \d+ allocations and releases of /usr/bin/true; distinct stacks: \d+$")
 
     def test_no_children(self):
         for name in ("fork_twice", "fork_and_execute"):
@@ -327,8 +327,129 @@ class Troubles(Recorded):
             self.assertNotIn("BAD FREE", report)
 
     def test_a_program_in_the_place_of_another(self):
+        """The name of the log is the last one's; the first one's log is beside it."""
         self.trouble("become_another", 7)
         self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1})
+        before, = self.children()
+        self.assertEqual(self.leaks(self.report("mtrace", before)), {71001: 1})
+        self.assertIn(f"record: {before}: ", self.messages)
+        self.assertIn("which was replaced by another program", self.messages)
+
+    def skip_if(self, code, name):
+        done = subprocess.run([options.bin / "troubles", name], cwd=self.folder, capture_output=True)
+        if done.returncode == code:
+            self.skipTest("this host does not allow it")
+
+    def test_a_process_that_may_call_nothing(self):
+        self.trouble("be_confined")
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1, 71002: 1})
+
+    def test_a_program_out_of_reach(self):
+        self.skip_if(77, "execute_confined")
+        self.trouble("execute_confined", 7)
+        child, = self.children()
+        self.assertEqual(self.leaks(self.report("mtrace", child)), {71001: 1})
+
+    def test_dropped_rights(self):
+        self.skip_if(77, "drop_rights")
+        (self.folder / "empty").rmdir()
+        self.trouble("drop_rights")
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1, 71002: 1})
+        child, = self.children()
+        self.assertEqual(self.leaks(self.report("mtrace", child)), {71001: 1, 71002: 1, 72001: 1})
+
+    def test_limits(self):
+        self.trouble("live_within_limits")
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1})
+        child, = self.children()
+        self.assertEqual(self.leaks(self.report("mtrace", child)), {71001: 1, 72001: 1})
+
+    def test_programs_that_are_started_in_other_ways(self):
+        self.trouble("start_programs")
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1, 71002: 1})
+        reports = [self.report("mtrace", name) for name in self.children()]
+        self.assertCountEqual(map(self.leaks, reports), [{}, {}, {71001: 1, 72001: 1}])
+        self.assertNotIn("BAD FREE", "".join(reports))
+
+    def test_a_thousand_threads(self):
+        self.trouble("start_many_threads")
+        report = self.report("mtrace", "log.mtrace")
+        self.assertEqual(self.leaks(report), {71001: 1000})
+        self.assertNotIn("BAD FREE", report)
+
+    def test_exceptions(self):
+        self.trouble("throw_exceptions")
+        report = self.report("mtrace", "log.mtrace")
+        self.assertEqual(self.leaks(report), {71001: 1})
+        self.assertNotIn("BAD FREE", report)
+
+    def test_a_program_that_traces_itself(self):
+        self.trouble("trace_as_well")
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1, 71002: 1, 71003: 1})
+
+    def test_a_process_that_aborts(self):
+        self.trouble("abort_here", 134)
+        self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1})
+
+    def test_a_recorder_that_dies_first(self):
+        """The program goes on to its end."""
+        done = self.record(options.bin / "troubles", "lose_recorder")
+        self.assertEqual(done.returncode, 0, done.stderr)
+
+
+class Control(Recorded):
+    def start(self, *prefix):
+        process = subprocess.Popen([options.bin / "qor-record", *prefix, "-o", "log", options.bin / "troubles", "be_controlled"],
+                                   cwd=self.folder, env=self.environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.stdin.close)
+        self.addCleanup(process.stderr.close)
+        self.assertEqual(process.stdout.readline(), "early\n")
+        return process
+
+    def control(self, *words):
+        return subprocess.run([options.bin / "qor-record", "control", *words], cwd=self.folder, env=self.environment,
+                              capture_output=True, text=True)
+
+    def go_on(self, process):
+        process.stdin.write("\n")
+        process.stdin.flush()
+
+    def finish(self, process):
+        self.go_on(process)
+        self.assertEqual(process.wait(), 0)
+        report = self.report("mtrace", "log.mtrace")
+        self.assertNotIn("BAD FREE", report)
+        return self.leaks(report)
+
+    def test_a_start_up_that_is_left_out(self):
+        process = self.start("--start-stopped")
+        self.assertEqual(self.control("log", "start").returncode, 0)
+        self.go_on(process)
+        self.assertEqual(process.stdout.readline(), "recorded\n")
+        self.assertEqual(self.finish(process), {71002: 1, 71003: 1})
+
+    def test_a_part_that_is_left_out(self):
+        """What is released there is not a leak."""
+        process = self.start()
+        self.go_on(process)
+        self.assertEqual(process.stdout.readline(), "recorded\n")
+        stopped = self.control(self.folder / "log", "stop")
+        self.assertEqual((stopped.returncode, stopped.stdout), (0, ""), stopped.stderr)
+        self.assertEqual(self.finish(process), {71001: 1, 71002: 1})
+
+    def test_nothing_to_control(self):
+        done = self.control("log", "start")
+        self.assertEqual((done.returncode, done.stderr), (1, "record: Nothing is being recorded as log.\n"))
+        self.assertEqual(self.control("log", "begin").returncode, 1)
+
+    def test_two_recorders_of_one_name(self):
+        process = self.start()
+        done = self.record("true")
+        self.assertEqual((done.returncode, done.stderr), (1, "record: A recorder is writing the files of log just now.\n"))
+        self.go_on(process)
+        self.finish(process)
 
 
 class Instrumented(Recorded):
@@ -343,7 +464,7 @@ def main():
     parser.add_argument("--source", type=lambda path: pathlib.Path(path).resolve(), required=True)
     parser.add_argument("--instrumented", action="store_true")
     options = parser.parse_args()
-    cases = [Instrumented] if options.instrumented else [Programs, Troubles]
+    cases = [Instrumented] if options.instrumented else [Programs, Troubles, Control]
     suite = unittest.TestSuite(map(unittest.defaultTestLoader.loadTestsFromTestCase, cases))
     return 0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1
 

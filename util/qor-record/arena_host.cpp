@@ -117,7 +117,8 @@ ring_record* arena_host::ring(unsigned session_index) {
 bool arena_host::forks_are_under_way() {
     // In this order, so that a fork that ends meanwhile is not taken for one that has not begun.
     const std::uint64_t arrived = m_shared->forks_arrived.load(std::memory_order_seq_cst) + m_forks_given_up;
-    return is_worth_waiting(m_shared->forks_begun.load(std::memory_order_seq_cst), arrived, m_forks_given_up, m_forks_since);
+    return is_worth_waiting(m_shared->forks_begun.load(std::memory_order_seq_cst), arrived, m_forks_given_up,
+                            m_forks_since);
 }
 
 bool arena_host::awaits_children() {
@@ -127,7 +128,8 @@ bool arena_host::awaits_children() {
 }
 
 // Whether more are expected than have come, and not for too long.
-bool arena_host::is_worth_waiting(std::uint64_t expected, std::uint64_t come, std::uint64_t& given_up, std::uint64_t& since) {
+bool arena_host::is_worth_waiting(std::uint64_t expected, std::uint64_t come, std::uint64_t& given_up,
+                                  std::uint64_t& since) {
     constexpr std::uint64_t patience = 200'000'000;
     if (expected <= come) {
         since = 0;
@@ -147,7 +149,8 @@ std::vector<unsigned> arena_host::new_sessions() const {
     if (m_shared->session_count.load(std::memory_order_acquire) == m_known_count)
         return found;
     for (unsigned index = 1; index < most_sessions; ++index)
-        if (!m_is_known[index] && m_shared->sessions[index].state.load(std::memory_order_acquire) == session_state::running)
+        if (!m_is_known[index] &&
+            m_shared->sessions[index].state.load(std::memory_order_acquire) == session_state::running)
             found.push_back(index);
     return found;
 }

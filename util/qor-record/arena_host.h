@@ -3,8 +3,8 @@
 
 #include "shared/arena.h"
 
-#include <string>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -70,7 +70,8 @@ public:
 
 private:
     arena_host() = default;
-    static bool is_worth_waiting(std::uint64_t expected, std::uint64_t come, std::uint64_t& given_up, std::uint64_t& since);
+    static bool is_worth_waiting(std::uint64_t expected, std::uint64_t come, std::uint64_t& given_up,
+                                 std::uint64_t& since);
     void* map_part(std::size_t offset, std::size_t size);
     const caller_text& find_caller_of_node(std::uint32_t number);
     const caller_text& make_caller(std::uint64_t address, std::uint32_t module);
@@ -81,7 +82,9 @@ private:
         bool operator==(const place&) const = default;
     };
     struct place_hash {
-        std::size_t operator()(const place& of) const noexcept { return (of.address ^ of.module) * 0x9e3779b97f4a7c15U >> 16; }
+        std::size_t operator()(const place& of) const noexcept {
+            return (of.address ^ of.module) * 0x9e3779b97f4a7c15U >> 16;
+        }
     };
     struct cached_caller {
         place of;

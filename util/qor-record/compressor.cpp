@@ -19,7 +19,8 @@ public:
         if (m_handle == nullptr)
             m_why = ::dlerror();
     }
-    template <class Function> void find(Function*& function, const char* name) {
+    template <class Function>
+    void find(Function*& function, const char* name) {
         function = m_handle != nullptr ? reinterpret_cast<Function*>(::dlsym(m_handle, name)) : nullptr;
         if (function == nullptr && m_why.empty())
             m_why = name;
@@ -133,7 +134,8 @@ public:
         ZSTD_inBuffer in{data, size, 0};
         for (;;) {
             ZSTD_outBuffer to{room_in(out), piece, 0};
-            const std::size_t result = m_context != nullptr ? zstd().ZSTD_decompressStream(m_context, &to, &in) : std::size_t(-1);
+            const std::size_t result =
+                m_context != nullptr ? zstd().ZSTD_decompressStream(m_context, &to, &in) : std::size_t(-1);
             out.resize(out.size() - piece + to.pos);
             if (zstd().ZSTD_isError(result) != 0)
                 return false;
@@ -151,8 +153,8 @@ constexpr int gzip_window = 15 + 16; // the largest window, and the frame of gzi
 class gzip_compressor : public compressor {
 public:
     gzip_compressor()
-        : m_is_there(zlib().deflateInit2_(&m_stream, fastest, Z_DEFLATED, gzip_window, 8, Z_DEFAULT_STRATEGY, ZLIB_VERSION,
-                                          sizeof m_stream) == Z_OK) {}
+        : m_is_there(zlib().deflateInit2_(&m_stream, fastest, Z_DEFLATED, gzip_window, 8, Z_DEFAULT_STRATEGY,
+                                          ZLIB_VERSION, sizeof m_stream) == Z_OK) {}
     ~gzip_compressor() override { zlib().deflateEnd(&m_stream); }
 
     bool put(const char* data, std::size_t size, how_far until, std::string& out) override {
@@ -179,7 +181,8 @@ private:
 
 class gzip_decompressor : public decompressor {
 public:
-    gzip_decompressor() : m_is_there(zlib().inflateInit2_(&m_stream, gzip_window, ZLIB_VERSION, sizeof m_stream) == Z_OK) {}
+    gzip_decompressor()
+        : m_is_there(zlib().inflateInit2_(&m_stream, gzip_window, ZLIB_VERSION, sizeof m_stream) == Z_OK) {}
     ~gzip_decompressor() override { zlib().inflateEnd(&m_stream); }
 
     bool put(const char* data, std::size_t size, std::string& out) override {

@@ -34,8 +34,9 @@ content content_of(const std::string& path) {
     const ssize_t size = ::read(file, begin, sizeof begin);
     ::close(file);
     const std::string_view text(begin, size > 0 ? static_cast<std::size_t>(size) : 0);
-    const bool is_log = text.empty() || text.starts_with("= Start\n") || text.starts_with(std::string_view(stacks_magic, 6)) ||
-                        text.starts_with("\x28\xb5\x2f\xfd") || text.starts_with("\x1f\x8b");
+    const bool is_log = text.empty() || text.starts_with("= Start\n") ||
+                        text.starts_with(std::string_view(stacks_magic, 6)) || text.starts_with("\x28\xb5\x2f\xfd") ||
+                        text.starts_with("\x1f\x8b");
     return is_log ? content::log : content::other;
 }
 

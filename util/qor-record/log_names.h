@@ -11,7 +11,8 @@ namespace qor::record {
 
 class log_names {
 public:
-    // `prefix` as the user wrote it, FOLDER/ for `program` in that folder. False after a message: there is no such folder.
+    // `prefix` as the user wrote it, FOLDER/ for `program` in that folder. False after a message: there is no such
+    // folder.
     bool set(const std::string& prefix, const std::string& program, compression kind);
 
     // The prefix as the user wrote it, and with the path of its folder.

@@ -1,5 +1,5 @@
-// The blocks that are alive at a place of a log, found by reading what was written of it: that is needed where a process
-// forks, or a realloc fails, so no block has to be remembered otherwise.
+// The blocks that are alive at a place of a log, found by reading what was written of it: that is needed where a
+// process forks, or a realloc fails, so no block has to be remembered otherwise.
 #pragma once
 
 #include "compression.h"

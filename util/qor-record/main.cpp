@@ -1,7 +1,7 @@
 // qor-record: runs a program and records its heap.
 //
-// There are two processes: this one starts the program, passes signals on and ends with its exit code; the recording one
-// reads and writes, and goes on after this one as long as something that the program has started is still running.
+// There are two processes: this one starts the program, passes signals on and ends with its exit code; the recording
+// one reads and writes, and goes on after this one as long as something that the program has started is still running.
 #include "control.h"
 #include "messages.h"
 #include "recorder.h"
@@ -39,7 +39,8 @@ std::string find_preload() {
     return {};
 }
 
-// A list of libraries to preload is parted at blanks and colons: then it is found through the recorder's own descriptor.
+// A list of libraries to preload is parted at blanks and colons: then it is found through the recorder's own
+// descriptor.
 std::string preload_list(const std::string& library) {
     std::string name = library;
     if (name.find_first_of(" :") != std::string::npos) {
@@ -51,8 +52,8 @@ std::string preload_list(const std::string& library) {
 }
 
 [[noreturn]] void become_program(const options& chosen, const std::string& path, const recorder& recording,
-                                 const std::string& offer, const log_names& names, const std::string& preload, int report,
-                                 const sigset_t& signals) {
+                                 const std::string& offer, const log_names& names, const std::string& preload,
+                                 int report, const sigset_t& signals) {
     if (!chosen.follows_children)
         recording.first_arena().followed_process = ::getpid();
     const char* const before = std::getenv("LD_PRELOAD");
@@ -108,7 +109,7 @@ int record(const options& chosen) {
     log_names names;
     const std::string preload = find_preload();
     if (preload.empty() || !look_at_program(path, facts) ||
-        !names.set(chosen.prefix, path.substr(path.rfind('/') + 1), chosen.kind) || !names.clear(chosen.replaces_anything))
+        !names.set(chosen.prefix, path.substr(path.rfind('/') + 1), chosen.kind))
         return 1;
     std::string library, why;
     if (!can_compress(chosen.kind, library, why)) {
@@ -117,7 +118,8 @@ int record(const options& chosen) {
     }
     recorder recording(chosen, names);
     char* const real_path = ::realpath(path.c_str(), nullptr);
-    const bool is_ready = recording.prepare(real_path != nullptr ? real_path : path, facts);
+    const bool is_ready =
+        recording.prepare(real_path != nullptr ? real_path : path, facts) && names.clear(chosen.replaces_anything);
     std::free(real_path);
     int ends[2];
     if (!is_ready || ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
@@ -151,7 +153,8 @@ int record(const options& chosen) {
     const std::string list = preload_list(preload);
     const pid_t program = ::fork();
     if (program == 0)
-        become_program(chosen, path, recording, std::string(offer, static_cast<std::size_t>(size)), names, list, report[1], before);
+        become_program(chosen, path, recording, std::string(offer, static_cast<std::size_t>(size)), names, list,
+                       report[1], before);
     ::close(report[1]);
     int reason = 0;
     const bool has_failed = ::read(report[0], &reason, sizeof reason) == sizeof reason || program < 0;

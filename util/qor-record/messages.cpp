@@ -1,5 +1,7 @@
 #include "messages.h"
 
+#include "qor/qor.h"
+
 #include <cstdio>
 #include <string_view>
 
@@ -18,7 +20,16 @@ constexpr english_text english[] = {
 };
 #undef QOR_MESSAGE
 
+// libqor has the other languages. Without it, as where only the recorder was brought to a host, the texts are English.
+bool has_translations() {
+    static const bool has = qor::glue::load_beside_executable() != nullptr;
+    return has;
+}
+
 std::string find(uint32 number) {
+    qorString translated;
+    if (has_translations() && translated.LoadString(message::catalog, number))
+        return translated.Text();
     for (const english_text& each : english)
         if (each.number == number)
             return std::string(each.text);

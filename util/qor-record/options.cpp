@@ -3,6 +3,7 @@
 #include "messages.h"
 #include "shared/arena.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <string_view>
@@ -56,8 +57,13 @@ constexpr option_row rows[] = {
 
 void show_help() {
     std::printf("%s\n", text_of(message::usage).c_str());
-    for (const option_row& each : rows)
-        std::printf("  %-18s %s\n", text_of(each.syntax).c_str(), text_of(each.description).c_str());
+    constexpr std::size_t column = 18;
+    for (const option_row& each : rows) {
+        std::string syntax = text_of(each.syntax);
+        const auto width = std::ranges::count_if(syntax, [](char c) { return (c & 0xc0) != 0x80; }); // characters
+        syntax.append(column - std::min(column, static_cast<std::size_t>(width)), ' ');
+        std::printf("  %s %s\n", syntax.c_str(), text_of(each.description).c_str());
+    }
 }
 
 const option_row* find_row(std::string_view name) {

@@ -22,7 +22,8 @@ public:
     compression kind() const noexcept { return m_kind; }
     int failure() const noexcept { return m_failure; } // errno of the write that ended it; 0: none has
 
-    // Room for the next piece, which may be as long as `longest_piece`; advance() tells its end. A piece is never parted.
+    // Room for the next piece, which may be as long as `longest_piece`; advance() tells its end. A piece is never
+    // parted.
     static constexpr std::size_t longest_piece = 16U << 10;
     char* room() {
         if (m_used > buffer_size - longest_piece) [[unlikely]]

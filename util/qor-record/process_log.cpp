@@ -56,7 +56,8 @@ inline char* put_code_and_address(char* at, char code, std::uint64_t address) {
 
 process_log::process_log(arena_host& host, unsigned session_index, std::int32_t process)
     : m_host(host), m_session(host.shared().sessions[session_index]), m_ring(host.ring(session_index)),
-      m_session_index(session_index), m_process(process), m_number(session_index != 0 ? m_session.number : 1), m_stacks(host) {}
+      m_session_index(session_index), m_process(process), m_number(session_index != 0 ? m_session.number : 1),
+      m_stacks(host) {}
 
 int process_log::create(const std::string& log, const std::string& stacks, compression kind) {
     if (const int reason = m_log.create(log, kind))
@@ -151,7 +152,8 @@ bool process_log::leaves_out(const ring_record& record, record_kind kind) {
         m_moving[record.thread] = record.address;
         return true;
     case record_kind::not_moved:
-        if (const auto moving = m_moving.find(record.thread); moving != m_moving.end() && moving->second == record.address) {
+        if (const auto moving = m_moving.find(record.thread);
+            moving != m_moving.end() && moving->second == record.address) {
             m_unlogged.insert(record.address);
             return true;
         }
@@ -174,7 +176,8 @@ void process_log::write(const ring_record& record, record_kind kind) {
         break;
     case record_kind::release:
     case record_kind::moved_from:
-        write_line(m_host.caller(record.detail, record.stack), kind == record_kind::release ? '-' : '<', record.address);
+        write_line(m_host.caller(record.detail, record.stack), kind == record_kind::release ? '-' : '<',
+                   record.address);
         break;
     case record_kind::not_moved:
         write_block_again(record);

@@ -75,7 +75,7 @@ private:
     std::uint64_t m_last_time = 0;
     bool m_is_stopped = false;
     bool m_has_given_up = false;
-    std::unordered_set<std::uint64_t> m_unlogged; // blocks that are alive and not in the log
+    std::unordered_set<std::uint64_t> m_unlogged;              // blocks that are alive and not in the log
     std::unordered_map<std::uint32_t, std::uint64_t> m_moving; // those of them that a thread's realloc is moving
     std::unique_ptr<log_replay> m_replay;
     output_file m_log;

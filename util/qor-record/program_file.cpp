@@ -27,7 +27,8 @@ public:
             return;
         struct stat status;
         if (::fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0) {
-            void* const mapped = ::mmap(nullptr, static_cast<std::size_t>(status.st_size), PROT_READ, MAP_PRIVATE, file, 0);
+            void* const mapped =
+                ::mmap(nullptr, static_cast<std::size_t>(status.st_size), PROT_READ, MAP_PRIVATE, file, 0);
             if (mapped != MAP_FAILED)
                 m_bytes = {static_cast<const char*>(mapped), static_cast<std::size_t>(status.st_size)};
         }
@@ -45,7 +46,8 @@ public:
                    ? std::string_view(m_bytes.data() + offset, size)
                    : std::string_view();
     }
-    template <class T> std::span<const T> table(std::uint64_t offset, std::uint64_t count) const noexcept {
+    template <class T>
+    std::span<const T> table(std::uint64_t offset, std::uint64_t count) const noexcept {
         if (offset % alignof(T) != 0 || offset > m_bytes.size() || count > (m_bytes.size() - offset) / sizeof(T))
             return {};
         return {reinterpret_cast<const T*>(m_bytes.data() + offset), count};
@@ -83,7 +85,8 @@ public:
     }
 
     // Calls visit(name, symbol) for the symbols of that kind of table.
-    template <class Visitor> void visit_symbols(unsigned type, Visitor visit) const {
+    template <class Visitor>
+    void visit_symbols(unsigned type, Visitor visit) const {
         for (const auto& section : m_sections) {
             if (section.sh_type != type || section.sh_link >= m_sections.size())
                 continue;
@@ -91,8 +94,8 @@ public:
             const std::string_view text = m_file.text(names.sh_offset, names.sh_size);
             for (const auto& symbol : m_file.table<ElfW(Sym)>(section.sh_offset, section.sh_size / sizeof(ElfW(Sym))))
                 if (symbol.st_name < text.size())
-                    visit(std::string_view(text.data() + symbol.st_name, ::strnlen(text.data() + symbol.st_name,
-                                                                                   text.size() - symbol.st_name)),
+                    visit(std::string_view(text.data() + symbol.st_name,
+                                           ::strnlen(text.data() + symbol.st_name, text.size() - symbol.st_name)),
                           symbol);
         }
     }
@@ -153,8 +156,9 @@ bool look_at(const std::string& path, program_facts& found, int depth) {
         return false;
     }
     bool is_sanitized = false;
-    elf.visit_symbols(SHT_DYNSYM, [&](std::string_view name, const ElfW(Sym)& symbol) {
-        for (const std::string_view sanitizer : {"__asan_init", "__hwasan_init", "__lsan_init", "__msan_init", "__tsan_init"})
+    elf.visit_symbols(SHT_DYNSYM, [&](std::string_view name, const ElfW(Sym) & symbol) {
+        for (const std::string_view sanitizer :
+             {"__asan_init", "__hwasan_init", "__lsan_init", "__msan_init", "__tsan_init"})
             is_sanitized = is_sanitized || name == sanitizer;
         found.has_own_malloc = found.has_own_malloc || (name == "malloc" && symbol.st_shndx != SHN_UNDEF);
     });
@@ -166,7 +170,7 @@ bool look_at(const std::string& path, program_facts& found, int depth) {
         say(message::is_foreign, {path});
         return false;
     }
-    elf.visit_symbols(SHT_SYMTAB, [&](std::string_view name, const ElfW(Sym)& symbol) {
+    elf.visit_symbols(SHT_SYMTAB, [&](std::string_view name, const ElfW(Sym) & symbol) {
         if (symbol.st_shndx != SHN_UNDEF && symbol.st_size != 0 && is_allocation_symbol(name))
             found.allocation_code.push_back({symbol.st_value, symbol.st_value + symbol.st_size});
     });

@@ -135,7 +135,8 @@ void recorder::publish_spare() {
 }
 
 void recorder::replace_spare() {
-    if (m_spare == nullptr || m_spare->shared().sessions[0].state.load(std::memory_order_acquire) != session_state::running)
+    if (m_spare == nullptr ||
+        m_spare->shared().sessions[0].state.load(std::memory_order_acquire) != session_state::running)
         return;
     const std::shared_ptr<arena_host> taken = m_spare;
     publish_spare();
@@ -170,8 +171,8 @@ void recorder::add_executed(const std::shared_ptr<arena_host>& host, std::int32_
     add(host, 0, number).is_first = is_first;
 }
 
-// Parents before their children, and children in the order in which they were forked: the place in the parent's log only
-// ever moves on.
+// Parents before their children, and children in the order in which they were forked: the place in the parent's log
+// only ever moves on.
 void recorder::find_forked() {
     for (const auto& host : m_arenas) {
         if (host->forks_are_under_way())
@@ -224,7 +225,8 @@ bool recorder::has_ended(const recorded_process& of) const {
 bool recorder::is_decided(const recorded_process& of) const {
     if (!of.is_forked)
         return of.log->waiting() != 0;
-    return of.log->waiting() >= few_records || (of.log->waiting() != 0 && steady_time() - of.known_since > undecided_time);
+    return of.log->waiting() >= few_records ||
+           (of.log->waiting() != 0 && steady_time() - of.known_since > undecided_time);
 }
 
 // False: there was nothing.
@@ -345,7 +347,8 @@ void recorder::run(int front) {
     publish_spare();
     const std::string offer = std::to_string(m_first_descriptor) + ':' + std::to_string(::getpid()) + ':' +
                               std::to_string(spare_descriptor) + ':' + m_token + ':' + m_socket_name;
-    if (!send_text(front, offer) || ::recv(front, &m_first_process, sizeof m_first_process, 0) != sizeof m_first_process) {
+    if (!send_text(front, offer) ||
+        ::recv(front, &m_first_process, sizeof m_first_process, 0) != sizeof m_first_process) {
         first.log->remove();
         return;
     }
@@ -375,7 +378,8 @@ void recorder::run(int front) {
             flush();
         }
         idle_rounds = is_busy ? 0 : std::min(idle_rounds + 1, 16U);
-        pollfd wanted[] = {{m_socket, POLLIN, 0}, {m_control_socket, POLLIN, 0}, {m_exit_code < 0 ? m_front : -1, POLLIN, 0}};
+        pollfd wanted[] = {
+            {m_socket, POLLIN, 0}, {m_control_socket, POLLIN, 0}, {m_exit_code < 0 ? m_front : -1, POLLIN, 0}};
         const timespec pause = {0, static_cast<long>(std::min(500'000U << idle_rounds / 4, 5'000'000U))};
         ::ppoll(wanted, std::size(wanted), &pause, nullptr);
     }

@@ -22,7 +22,7 @@ struct recorded_process {
     bool is_forked = false;
     bool has_forked = false;
     bool has_files = false;
-    bool has_failed = false;   // its log has ended before it, and that was said
+    bool has_failed = false; // its log has ended before it, and that was said
     bool is_over = false;
     bool is_dropped = false;   // it has left nothing
     bool was_replaced = false; // by another program
@@ -40,10 +40,10 @@ public:
     int first_descriptor() const noexcept { return m_first_descriptor; }
     arena& first_arena() const noexcept { return m_arenas.front()->shared(); }
 
-    // In the recording process, until the first program and those that it has started are over. `front` is the connection
-    // to the process that starts the program. It is sent the value of `record_variable` when the program may start; it
-    // sends the number of the program and then its exit code; it is sent a byte when all is said: 0, or 1 if nothing was
-    // recorded.
+    // In the recording process, until the first program and those that it has started are over. `front` is the
+    // connection to the process that starts the program. It is sent the value of `record_variable` when the program may
+    // start; it sends the number of the program and then its exit code; it is sent a byte when all is said: 0, or 1 if
+    // nothing was recorded.
     void run(int front);
 
 private:

@@ -67,7 +67,8 @@ private:
         *at++ = static_cast<char>(value);
         return at;
     }
-    template <class... Numbers> void entry(Numbers... numbers) {
+    template <class... Numbers>
+    void entry(Numbers... numbers) {
         char* at = m_file.room();
         ((at = number(at, static_cast<std::uint64_t>(numbers))), ...);
         m_file.advance(at);
@@ -93,7 +94,7 @@ private:
 
     arena_host& m_host;
     output_file m_file;
-    std::vector<seen_node> m_nodes;          // by their numbers in the arena
+    std::vector<seen_node> m_nodes;             // by their numbers in the arena
     std::vector<std::uint32_t> m_file_nodes{0}; // the other way round
     std::uint32_t m_stack_count = 0;
     std::vector<seen_module> m_modules;

@@ -64,7 +64,8 @@ std::string receive(int connection, std::size_t size) {
 }
 
 bool send_text(int connection, const std::string& text) {
-    return ::send(connection, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(text.size());
+    return ::send(connection, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
+           static_cast<ssize_t>(text.size());
 }
 
 bool send_descriptor(int connection, int descriptor) {

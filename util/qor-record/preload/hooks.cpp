@@ -1,6 +1,6 @@
 // The allocation functions of C and POSIX, as the program finds them: each calls the next one of its name and records
-// what that did. A release is recorded before the block is released, an allocation after it was allocated, so that in the
-// order of the records a block is never allocated twice.
+// what that did. A release is recorded before the block is released, an allocation after it was allocated, so that in
+// the order of the records a block is never allocated twice.
 #include "next.h"
 #include "recording.h"
 
@@ -18,7 +18,8 @@ namespace qor::record {
 
 namespace {
 
-#define QOR_NEXT(name, type) constinit next_function<type> next_##name{#name}
+#define QOR_NEXT(name, type)                                                                                           \
+    constinit next_function<type> next_##name { #name }
 
 QOR_NEXT(malloc, void*(std::size_t));
 QOR_NEXT(calloc, void*(std::size_t, std::size_t));
@@ -43,7 +44,8 @@ QOR_NEXT(prctl, int(int, unsigned long, unsigned long, unsigned long, unsigned l
 // While the loader searches, it may allocate itself.
 bool is_searching;
 
-template <class Function> Function* find(next_function<Function>& next) noexcept {
+template <class Function>
+Function* find(next_function<Function>& next) noexcept {
     Function* found = next.function.load(std::memory_order_relaxed);
     if (found != nullptr) [[likely]]
         return found;
@@ -91,8 +93,8 @@ template <class Function, class Call, class Block, class Size>
 }
 
 template <class Function, class... Arguments>
-[[gnu::always_inline]] inline void* allocate(next_function<Function>& next, const machine_context& caller, std::size_t size,
-                                             Arguments... arguments) noexcept {
+[[gnu::always_inline]] inline void* allocate(next_function<Function>& next, const machine_context& caller,
+                                             std::size_t size, Arguments... arguments) noexcept {
     Function* const function = find(next);
     if (function == nullptr) {
         errno = ENOMEM;
@@ -252,27 +254,32 @@ QOR_HOOK std::size_t malloc_usable_size(void* block) {
 
 QOR_HOOK char* strdup(const char* text) {
     auto* const function = find(next_strdup);
-    return duplicate(next_strdup, capture_context(), [=] { return function(text); }, size_of_text);
+    return duplicate(
+        next_strdup, capture_context(), [=] { return function(text); }, size_of_text);
 }
 
 QOR_HOOK char* __strdup(const char* text) {
     auto* const function = find(next_strdup);
-    return duplicate(next_strdup, capture_context(), [=] { return function(text); }, size_of_text);
+    return duplicate(
+        next_strdup, capture_context(), [=] { return function(text); }, size_of_text);
 }
 
 QOR_HOOK char* strndup(const char* text, std::size_t size) {
     auto* const function = find(next_strndup);
-    return duplicate(next_strndup, capture_context(), [=] { return function(text, size); }, size_of_text);
+    return duplicate(
+        next_strndup, capture_context(), [=] { return function(text, size); }, size_of_text);
 }
 
 QOR_HOOK char* __strndup(const char* text, std::size_t size) {
     auto* const function = find(next_strndup);
-    return duplicate(next_strndup, capture_context(), [=] { return function(text, size); }, size_of_text);
+    return duplicate(
+        next_strndup, capture_context(), [=] { return function(text, size); }, size_of_text);
 }
 
 QOR_HOOK wchar_t* wcsdup(const wchar_t* text) {
     auto* const function = find(next_wcsdup);
-    return duplicate(next_wcsdup, capture_context(), [=] { return function(text); }, size_of_wide_text);
+    return duplicate(
+        next_wcsdup, capture_context(), [=] { return function(text); }, size_of_wide_text);
 }
 
 QOR_HOOK int vasprintf(char** result, const char* format, va_list arguments) {

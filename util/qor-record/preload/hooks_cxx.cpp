@@ -21,14 +21,17 @@ using release_function = void(void*);
 void mark_as_allocation_code(void* function) noexcept {
     Dl_info information;
     const ElfW(Sym)* symbol = nullptr;
-    if (function == nullptr || dladdr1(function, &information, reinterpret_cast<void**>(const_cast<ElfW(Sym)**>(&symbol)),
-                                       RTLD_DL_SYMENT) == 0 || symbol == nullptr)
+    if (function == nullptr ||
+        dladdr1(function, &information, reinterpret_cast<void**>(const_cast<ElfW(Sym)**>(&symbol)), RTLD_DL_SYMENT) ==
+            0 ||
+        symbol == nullptr)
         return;
     const auto begin = reinterpret_cast<std::uintptr_t>(function);
     add_allocation_code(begin, begin + symbol->st_size);
 }
 
-template <class Function> Function* find(next_function<Function>& next) noexcept {
+template <class Function>
+Function* find(next_function<Function>& next) noexcept {
     Function* found = next.function.load(std::memory_order_relaxed);
     if (found != nullptr) [[likely]]
         return found;
@@ -41,8 +44,8 @@ template <class Function> Function* find(next_function<Function>& next) noexcept
 
 // Not noexcept: what the operator throws passes through.
 template <class Function, class... Arguments>
-[[gnu::always_inline]] inline void* allocate(next_function<Function>& next, const machine_context& caller, std::size_t size,
-                                             Arguments... arguments) {
+[[gnu::always_inline]] inline void* allocate(next_function<Function>& next, const machine_context& caller,
+                                             std::size_t size, Arguments... arguments) {
     Function* const function = find(next);
     if (function == nullptr) [[unlikely]] {
         // A program of C++ without a C++ library that could be found: only its malloc is left.
@@ -91,9 +94,9 @@ template <class Function, class... Arguments>
 
 // An operator new of the program's own comes before this library's; it gets its memory from malloc as it likes.
 void find_operators_of_program() noexcept {
-    for (const char* const name : {"_Znwm", "_Znam", "_ZnwmRKSt9nothrow_t", "_ZnamRKSt9nothrow_t", "_ZnwmSt11align_val_t",
-                                   "_ZnamSt11align_val_t", "_ZnwmSt11align_val_tRKSt9nothrow_t",
-                                   "_ZnamSt11align_val_tRKSt9nothrow_t"}) {
+    for (const char* const name :
+         {"_Znwm", "_Znam", "_ZnwmRKSt9nothrow_t", "_ZnamRKSt9nothrow_t", "_ZnwmSt11align_val_t",
+          "_ZnamSt11align_val_t", "_ZnwmSt11align_val_tRKSt9nothrow_t", "_ZnamSt11align_val_tRKSt9nothrow_t"}) {
         void* const first = dlsym(RTLD_DEFAULT, name);
         Dl_info of_first;
         Dl_info of_this;
@@ -110,12 +113,12 @@ using namespace qor::record;
 
 #define QOR_HOOK extern "C" __attribute__((visibility("default")))
 
-#define QOR_NEW(name, parameters, arguments)                                                                            \
+#define QOR_NEW(name, parameters, arguments)                                                                           \
     namespace {                                                                                                        \
-    constinit next_function<void* parameters> next_##name{#name};                                                      \
+    constinit next_function<void * parameters> next_##name{#name};                                                     \
     }                                                                                                                  \
     QOR_HOOK void* name parameters { return allocate(next_##name, capture_context(), size, QOR_LIST arguments); }
-#define QOR_DELETE(name, parameters, ...)                                                                               \
+#define QOR_DELETE(name, parameters, ...)                                                                              \
     namespace {                                                                                                        \
     constinit next_function<void parameters> next_##name{#name};                                                       \
     }                                                                                                                  \
@@ -143,5 +146,7 @@ QOR_DELETE(_ZdlPvSt11align_val_t, (void* block, std::size_t alignment), alignmen
 QOR_DELETE(_ZdaPvSt11align_val_t, (void* block, std::size_t alignment), alignment)
 QOR_DELETE(_ZdlPvmSt11align_val_t, (void* block, std::size_t size, std::size_t alignment), size, alignment)
 QOR_DELETE(_ZdaPvmSt11align_val_t, (void* block, std::size_t size, std::size_t alignment), size, alignment)
-QOR_DELETE(_ZdlPvSt11align_val_tRKSt9nothrow_t, (void* block, std::size_t alignment, const nothrow_tag* tag), alignment, tag)
-QOR_DELETE(_ZdaPvSt11align_val_tRKSt9nothrow_t, (void* block, std::size_t alignment, const nothrow_tag* tag), alignment, tag)
+QOR_DELETE(_ZdlPvSt11align_val_tRKSt9nothrow_t, (void* block, std::size_t alignment, const nothrow_tag* tag), alignment,
+           tag)
+QOR_DELETE(_ZdaPvSt11align_val_tRKSt9nothrow_t, (void* block, std::size_t alignment, const nothrow_tag* tag), alignment,
+           tag)

@@ -40,7 +40,7 @@ std::size_t length_of(const char* text) noexcept {
 
 bool are_equal(const void* a, const void* b, std::size_t size) noexcept { return __builtin_memcmp(a, b, size) == 0; }
 
-void find_build_id(const ElfW(Nhdr)* note, std::size_t size, module& found) noexcept {
+void find_build_id(const ElfW(Nhdr) * note, std::size_t size, module& found) noexcept {
     while (size >= sizeof *note) {
         const std::size_t name = (note->n_namesz + 3U) & ~std::size_t{3};
         const std::size_t whole = sizeof *note + name + ((note->n_descsz + 3U) & ~std::size_t{3});
@@ -82,14 +82,16 @@ std::uint32_t add_module(const module& found, const link_map* map) noexcept {
     for (std::uint32_t number = 1; number < count && number < most_modules; ++number) {
         const module& other = shared.modules[number];
         if (other.begin == found.begin && other.end == found.end && other.base == found.base &&
-            other.build_id_size == found.build_id_size && are_equal(other.build_id, found.build_id, found.build_id_size) &&
+            other.build_id_size == found.build_id_size &&
+            are_equal(other.build_id, found.build_id, found.build_id_size) &&
             are_equal(shared.texts + other.name, name, length)) {
             known[number].map = map;
             known[number].is_loaded.store(true, std::memory_order_release);
             return number;
         }
     }
-    const std::uint32_t text = shared.text_size.fetch_add(static_cast<std::uint32_t>(length), std::memory_order_relaxed);
+    const std::uint32_t text =
+        shared.text_size.fetch_add(static_cast<std::uint32_t>(length), std::memory_order_relaxed);
     if (text + length > sizeof shared.texts)
         return 0;
     __builtin_memcpy(shared.texts + text, name, length);
@@ -107,7 +109,8 @@ bool is_still_there(std::uint32_t number) noexcept {
     const module& there = this_process.shared->modules[number];
     dl_find_object loaded;
     return _dl_find_object(reinterpret_cast<void*>(there.begin), &loaded) == 0 &&
-           loaded.dlfo_link_map == known[number].map && reinterpret_cast<std::uintptr_t>(loaded.dlfo_map_end) == there.end;
+           loaded.dlfo_link_map == known[number].map &&
+           reinterpret_cast<std::uintptr_t>(loaded.dlfo_map_end) == there.end;
 }
 
 std::uint32_t find_module(std::uintptr_t address) noexcept {

@@ -8,10 +8,12 @@
 
 namespace qor::record {
 
-// Whether a function gets its memory by a call of malloc, free or the like that another hook sees. The first call shows.
+// Whether a function gets its memory by a call of malloc, free or the like that another hook sees. The first call
+// shows.
 enum class habit : unsigned char { unknown, calls_hooks, works_alone };
 
-template <class Function> struct next_function {
+template <class Function>
+struct next_function {
     const char* const name;
     std::atomic<Function*> function{nullptr};
     std::atomic<habit> found{habit::unknown};

@@ -15,11 +15,13 @@ std::atomic<node*> chunks[most_node_chunks];
 
 } // namespace
 
-// A shared mapping can be doubled without its descriptor: by a move that leaves it where it is, to any part of the file.
+// A shared mapping can be doubled without its descriptor: by a move that leaves it where it is, to any part of the
+// file.
 void* map_behind_arena(std::size_t offset, std::size_t size) noexcept {
     if (this_process.without_system_calls || offset + size > this_process.shared->file_size)
         return nullptr;
-    const long whole = raw_call(SYS_mremap, as_word(this_process.shared), 0, static_cast<long>(offset + size), MREMAP_MAYMOVE);
+    const long whole =
+        raw_call(SYS_mremap, as_word(this_process.shared), 0, static_cast<long>(offset + size), MREMAP_MAYMOVE);
     if (has_failed(whole))
         return nullptr;
     raw_call(SYS_munmap, whole, static_cast<long>(offset));

@@ -6,9 +6,9 @@
 namespace qor::record {
 
 struct process_state {
-    arena* shared;        // null: nothing is recorded
-    session* own;         // this process's
-    ring_record* ring;    // of `own`
+    arena* shared;     // null: nothing is recorded
+    session* own;      // this process's
+    ring_record* ring; // of `own`
     unsigned own_index;
     bool without_system_calls;
     std::uint32_t depth;
@@ -16,7 +16,7 @@ struct process_state {
     // A page that a fork clears, so that a child notices at its first record that it is one.
     struct owner_page {
         std::atomic<std::uint32_t> phase;
-    }* owner;
+    } * owner;
 };
 
 enum : std::uint32_t { phase_forked = 0, phase_starting, phase_running, phase_off };

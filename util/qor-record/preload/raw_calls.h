@@ -46,9 +46,13 @@ inline void pause_briefly() noexcept { __asm__ volatile("yield"); }
 
 inline bool has_failed(long result) noexcept { return result < 0 && result > -4096; }
 
-template <class T> long as_word(T* pointer) noexcept { return static_cast<long>(reinterpret_cast<std::uintptr_t>(pointer)); }
+template <class T>
+long as_word(T* pointer) noexcept {
+    return static_cast<long>(reinterpret_cast<std::uintptr_t>(pointer));
+}
 
-template <class T = void> T* as_pointer(long word) noexcept {
+template <class T = void>
+T* as_pointer(long word) noexcept {
     return reinterpret_cast<T*>(static_cast<std::uintptr_t>(word));
 }
 

@@ -16,8 +16,8 @@ namespace {
 #define QOR_PER_THREAD __thread __attribute__((tls_model("initial-exec")))
 
 QOR_PER_THREAD struct {
-    std::uint32_t thread;   // the system's number; 0: not asked yet
-    std::uint32_t process;  // at a fork the thread gets another number
+    std::uint32_t thread;  // the system's number; 0: not asked yet
+    std::uint32_t process; // at a fork the thread gets another number
     std::uint32_t last_slot;
     bool is_starting;       // a child's session, in this very thread
     std::uintptr_t wrapper; // the stack is below this place inside a function that allocates for its caller
@@ -77,7 +77,8 @@ bool begin_child() noexcept {
         if (shared.sessions[i].state.compare_exchange_strong(state, session_state::claimed))
             index = i;
     }
-    auto* const ring = index != 0 ? static_cast<ring_record*>(map_behind_arena(ring_offset(index), ring_bytes)) : nullptr;
+    auto* const ring =
+        index != 0 ? static_cast<ring_record*>(map_behind_arena(ring_offset(index), ring_bytes)) : nullptr;
     if (ring == nullptr) {
         if (index != 0)
             shared.sessions[index].state.store(session_state::unused, std::memory_order_release);
@@ -156,7 +157,8 @@ inline std::uint32_t thread_number() noexcept {
     if (self.process != process) [[unlikely]] {
         self.process = process;
         self.thread = this_process.without_system_calls ? 0 : static_cast<std::uint32_t>(raw_call(SYS_gettid));
-        self.last_slot = next_slot.fetch_add(1, std::memory_order_relaxed) % (sizeof last_tickets / sizeof *last_tickets);
+        self.last_slot =
+            next_slot.fetch_add(1, std::memory_order_relaxed) % (sizeof last_tickets / sizeof *last_tickets);
         self.tail = 0;
     }
     return self.thread;
@@ -210,6 +212,13 @@ unsigned first_outside(const std::uintptr_t* frames, unsigned count) noexcept {
     const bool is_inside = self.wrapper > caller.sp || (module_of(caller.pc) & allocation_code) != 0;
     if (depth == 1 && !is_inside)
         return node_of(&caller.pc, 1);
+    if (is_inside && depth == 1 && self.wrapper == 0) {
+        // Most often it is an operator new that has called malloc.
+        const unsigned few = unwind(caller, frames, 3);
+        const unsigned outside = few != 0 ? first_outside(frames, few) : 0;
+        if (outside + 1 < few || (few != 0 && (module_of(frames[outside]) & allocation_code) == 0))
+            return node_of(frames + outside, 1);
+    }
     unsigned count = unwind(caller, frames, is_inside ? depth + most_skipped : depth);
     if (count == 0)
         return node_of(&caller.pc, 1);

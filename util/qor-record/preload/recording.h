@@ -20,8 +20,8 @@ struct thread_counts {
 };
 const thread_counts& counts_of_this_thread() noexcept;
 
-// A function of the C library that allocates for its caller, such as strdup: as long as this lives, blocks belong to the
-// caller of the hook that it stands in.
+// A function of the C library that allocates for its caller, such as strdup: as long as this lives, blocks belong to
+// the caller of the hook that it stands in.
 class allocating_for_caller {
 public:
     allocating_for_caller() noexcept;

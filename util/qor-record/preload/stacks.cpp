@@ -16,8 +16,8 @@ constexpr std::uint64_t mix(std::uint64_t hash, std::uint64_t value) {
     return hash ^ hash >> 32;
 }
 
-std::uint32_t new_node(std::uint64_t address, std::uint32_t parent, std::uint32_t module, std::atomic<std::uint32_t>& bucket,
-                       std::uint32_t first) noexcept {
+std::uint32_t new_node(std::uint64_t address, std::uint32_t parent, std::uint32_t module,
+                       std::atomic<std::uint32_t>& bucket, std::uint32_t first) noexcept {
     arena& shared = *this_process.shared;
     if (shared.nodes_are_full.load(std::memory_order_relaxed) != 0)
         return 0;

@@ -73,13 +73,13 @@ bool is_filtered() noexcept {
 
 // Maps the arena of a descriptor, and closes that. Null: it is none, or somebody else's.
 arena* map_arena(long descriptor, bool is_ours) noexcept {
-    const long mapped =
-        raw_call(SYS_mmap, 0, sizeof(arena), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
+    const long mapped = raw_call(SYS_mmap, 0, sizeof(arena), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
     if (has_failed(mapped))
         return nullptr;
     auto* const shared = as_pointer<arena>(mapped);
     std::uint32_t nobody = 0;
-    if (shared->magic == arena_magic && shared->version == arena_version && shared->taken.compare_exchange_strong(nobody, 1)) {
+    if (shared->magic == arena_magic && shared->version == arena_version &&
+        shared->taken.compare_exchange_strong(nobody, 1)) {
         raw_call(SYS_close, descriptor);
         return shared;
     }
@@ -166,8 +166,8 @@ arena* map_spare(const offer& made) noexcept {
     return nullptr;
 }
 
-// The framework's log of the first program has the name that the recorder has chosen, also where a launcher has left its
-// own choice for those that it starts. Others have a number in the name. No memory is allocated for this.
+// The framework's log of the first program has the name that the recorder has chosen, also where a launcher has left
+// its own choice for those that it starts. Others have a number in the name. No memory is allocated for this.
 void choose_memcheck_log(bool is_first) noexcept {
     const char* const wanted = getenv(memcheck_variable);
     const char* const now = getenv("QOR_MEMCHECK");

@@ -4,8 +4,8 @@
 // of its own in it.
 //
 // A session is a ring of records. A thread takes a ticket from `head`, fills in the record at that place and commits it
-// with a release store; the recorder reads the tickets in their order and moves `tail`. No lock is involved, so a signal
-// handler may record whatever it interrupts, and a process may end anywhere.
+// with a release store; the recorder reads the tickets in their order and moves `tail`. No lock is involved, so a
+// signal handler may record whatever it interrupts, and a process may end anywhere.
 //
 // Stacks are a tree of nodes: a frame and its caller's node. Equal stacks are the same node.
 #pragma once
@@ -36,9 +36,9 @@ enum class record_kind : std::uint8_t {
 
 struct ring_record {
     std::uint64_t address;
-    std::uint64_t detail; // the size of an allocation, the caller of a release
-    std::uint32_t stack;  // the node of an allocation, the module of the caller of a release
-    std::uint32_t thread; // the system's number of the thread
+    std::uint64_t detail;              // the size of an allocation, the caller of a release
+    std::uint32_t stack;               // the node of an allocation, the module of the caller of a release
+    std::uint32_t thread;              // the system's number of the thread
     std::atomic<std::uint64_t> commit; // commit_word() of the ticket, once the record is whole
 };
 static_assert(sizeof(ring_record) == 32);
@@ -120,10 +120,10 @@ inline constexpr unsigned most_program_ranges = 64;
 struct arena {
     std::uint64_t magic;
     std::uint32_t version;
-    std::uint32_t depth;          // of the stacks; 0: the caller alone
-    std::uint64_t file_size;      // a limit of the recorder may make it less than arena_file_size
+    std::uint32_t depth;           // of the stacks; 0: the caller alone
+    std::uint64_t file_size;       // a limit of the recorder may make it less than arena_file_size
     std::int32_t followed_process; // only this process is recorded, and no child; 0: children too
-    std::uint32_t is_first;           // of the process that the recorder was started with
+    std::uint32_t is_first;        // of the process that the recorder was started with
     std::uint32_t program_range_count;
     code_range program_ranges[most_program_ranges];
 
@@ -136,7 +136,7 @@ struct arena {
     std::atomic<std::uint64_t> unrecorded_children;       // there was no session for them
     std::atomic<std::uint64_t> forks_begun;               // a child of one of them may not have its session yet
     std::atomic<std::uint64_t> forks_arrived;
-    alignas(64) std::atomic<std::uint32_t> node_count;    // node 0 is the empty stack
+    alignas(64) std::atomic<std::uint32_t> node_count; // node 0 is the empty stack
     std::atomic<std::uint32_t> nodes_are_full;
     std::atomic<std::uint32_t> module_count; // module 0 is none
     std::atomic<std::uint32_t> text_size;
@@ -149,22 +149,24 @@ struct arena {
     alignas(4096) ring_record first_ring[ring_size];
 };
 
-// What lies behind the arena in its file, mapped by those who need it.
+// What lies behind the arena in its file, mapped by those who need it: rings and chunks of nodes in turn, so that the
+// first few of both lie within the limits of a process that may have little memory.
 constexpr std::size_t ring_bytes = sizeof(ring_record) * ring_size;
 constexpr std::size_t chunk_bytes = sizeof(node) * nodes_per_chunk;
 static_assert(ring_bytes % 4096 == 0 && chunk_bytes % 4096 == 0 && sizeof(arena) % 4096 == 0);
 
 constexpr std::size_t chunk_offset(unsigned chunk) { // from 1 on
-    return sizeof(arena) + chunk_bytes * (chunk - 1);
+    return sizeof(arena) + (ring_bytes + chunk_bytes) * (chunk - 1) + ring_bytes;
 }
 constexpr std::size_t ring_offset(unsigned session_index) { // from 1 on
-    return chunk_offset(most_node_chunks) + ring_bytes * (session_index - 1);
+    return sizeof(arena) + (ring_bytes + chunk_bytes) * (session_index - 1);
 }
 constexpr std::size_t arena_file_size = ring_offset(most_sessions);
 
 // FUTEX_OWNER_DIED and FUTEX_TID_MASK, in the word that `owner` begins with.
 inline bool recorder_is_gone(const arena& shared) {
-    const auto word = reinterpret_cast<const std::atomic<std::uint32_t>*>(shared.owner)->load(std::memory_order_relaxed);
+    const auto word =
+        reinterpret_cast<const std::atomic<std::uint32_t>*>(shared.owner)->load(std::memory_order_relaxed);
     return (word & 0x3fffffffU) == 0 || (word & 0x40000000U) != 0;
 }
 
