@@ -53,7 +53,7 @@ class Planted(recorded_runs.RecordedRuns):
         program = self.options.bin / program
         self.assertEqual(self.record(program)[0], "")
         recording = self.recording()
-        self.assertEqual(recording.replay()[1], [])
+        self.assertEqual(recording.bad, [])
         ours = of_program(symbols.recorded_leaks(recording, self.addr2line), program.parent)
         memchecks = of_program(symbols.memcheck_leaks([program], self.folder, self.environment), program.parent)
         self.assertIn(line_of(name), [(place.file, place.line) for _, places in ours for place in places])

@@ -52,16 +52,15 @@ class RecordedRuns(unittest.TestCase):
     def recording(self, name="log.mtrace"):
         """The log with its stacks: one stack for each new block, and no loss."""
         recording = stacks_file.Recording(self.folder / name)
-        blocks = sum(record is not None for _, _, record in recording.lines)
-        self.assertEqual((len(recording.stacks.records), recording.stacks_left), (blocks, 0))
+        self.assertEqual(len(recording.stacks.records), recording.blocks)
         self.assertEqual((recording.stacks.cut_off, recording.stacks.newer, recording.stacks.losses), (False, False, []))
         self.assertEqual(recording.stacks.faults[:10], [])
         return recording
 
     def counts(self, recording):
         """(allocations, reallocations, releases), as counting.c counts them."""
-        of = {code: recording.count(code) for code in "+-<>"}
-        return of["+"], of[">"], of["-"] + of["<"] - of[">"]
+        codes = recording.codes
+        return codes["+"], codes[">"], codes["-"] + codes["<"] - codes[">"]
 
     def logs(self):
         """Those of all processes, that of the program first; without that of the shell that has become the program."""

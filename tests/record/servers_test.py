@@ -71,9 +71,8 @@ class Servers(recorded_runs.RecordedRuns):
         recording = self.recording()
         (counted,) = self.folder.glob("counts.*")
         self.assertEqual(self.counts(recording), struct.unpack("=3Q", counted.read_bytes()))
-        alive, bad = recording.replay()
-        self.assertEqual(bad[:5], [])
-        self.assert_same(self.by_both("log.mtrace"), sorted((address, record.size) for address, record in alive.items()))
+        self.assertEqual(recording.bad[:5], [])
+        self.assert_same(self.by_both("log.mtrace"), sorted((address, record.size) for address, record in recording.alive.items()))
         # Each lost session and the name of its user, from the one line.
         with_function = collections.Counter()
         addr2line = symbols.Addr2line()
@@ -122,11 +121,10 @@ class Servers(recorded_runs.RecordedRuns):
         children = 0
         for name in logs:
             recording = self.recording(name)
-            alive, bad = recording.replay()
-            self.assertEqual(bad[:5], [], name)
-            self.assert_same(self.by_both(name), sorted((address, record.size) for address, record in alive.items()))
+            self.assertEqual(recording.bad[:5], [], name)
+            self.assert_same(self.by_both(name), sorted((address, record.size) for address, record in recording.alive.items()))
             # A forked child begins with what it inherited.
-            children += any(record and record.inherited for _, _, record in recording.lines)
+            children += bool(recording.stacks.inherited)
         self.assertGreater(children, CLIENTS)
 
 

@@ -1,7 +1,10 @@
 """Reads PREFIX.stacks as docs/heap-logs.md describes it, and the log beside it. Nothing of the recorder's own code is used."""
 
+import array
+import collections
 import dataclasses
 import gzip
+import io
 import pathlib
 import re
 import subprocess
@@ -60,7 +63,9 @@ class Stacks:
             raise ValueError(f"not a stacks file of version {VERSION}: {data[:8]}")
         self.process = None
         self.modules, self.nodes = [None], [(0, None, 0)]
-        self.records = []  # (node, thread, nanoseconds, inherited), in the order of the log
+        # Of the blocks in the order of the log: the node of the stack, the thread, nanoseconds.
+        self.records, self.threads, self.times = array.array("I"), array.array("I"), array.array("Q")
+        self.inherited = set()  # the places in those arrays
         self.losses, self.thread_names, self.loads, self.faults = [], {}, [], []
         self.cut_off = self.newer = False
         self.data, self.place = data, 8
@@ -72,8 +77,12 @@ class Stacks:
                 if number >= FIRST_STACK:
                     if not 0 <= number - FIRST_STACK < len(self.nodes):
                         raise ValueError(f"stack {number - FIRST_STACK} comes before its node, at {begin}")
-                    self.records.append((number - FIRST_STACK, thread, now, inherited > 0))
-                    inherited -= inherited > 0
+                    if inherited:
+                        self.inherited.add(len(self.records))
+                        inherited -= 1
+                    self.records.append(number - FIRST_STACK)
+                    self.threads.append(thread)
+                    self.times.append(now)
                 elif number == PROCESS:
                     numbers = [self.number() for _ in range(4)]
                     self.process = Process(*numbers, self.text().decode(), self.text().decode())
@@ -139,53 +148,57 @@ class Stacks:
         return result
 
 
-def contents(path):
-    """The bytes of a file that may be compressed; a compressed one that is cut off gives what can be read of it."""
+def opened(path):
+    """A file for its bytes, which may be compressed."""
     path = pathlib.Path(path)
     if path.suffix == ".zst":
-        return subprocess.run(["zstd", "-dcq", path], stdout=subprocess.PIPE).stdout
-    if path.suffix == ".gz":
-        return gzip.decompress(path.read_bytes())
-    return path.read_bytes()
+        return subprocess.Popen(["zstd", "-dcq", path], stdout=subprocess.PIPE).stdout
+    return gzip.open(path) if path.suffix == ".gz" else open(path, "rb")
+
+
+def contents(path):
+    with opened(path) as file:
+        return file.read()
 
 
 class Recording:
-    """A log with its stacks: `lines` are all of (code, address, Record of a new block or None)."""
+    """A log with its stacks, replayed: the blocks that are alive at the end, {address: Record}, and the releases and moves of
+    what was not alive, with the blocks that came twice, as (number of the line, code, address)."""
 
     def __init__(self, log, stacks=None):
-        log = pathlib.Path(log)
-        beside = log.with_name(log.name.replace(".mtrace", ".stacks"))
-        self.stacks = Stacks(contents(stacks or beside))
-        self.lines = []
-        known = iter(self.stacks.records)
-        for text in contents(log).decode("utf-8", "surrogateescape").splitlines():
-            if not text.startswith("@"):
-                continue
-            match = LINE.fullmatch(text)
-            if match is None:
-                raise ValueError(f"{log}: {text}")
-            caller, code, address, size = match.groups()
-            if (code in "+>") != (size is not None):
-                raise ValueError(f"{log}: {text}")
-            record = None
-            if code in "+>":
-                record = Record(int(address, 16), int(size, 16), caller)
-                for name, value in zip(("node", "thread", "time", "inherited"), next(known, ())):
-                    setattr(record, name, value)
-            self.lines.append((code, int(address, 16), record))
-        self.stacks_left = sum(1 for _ in known)
+        self.log = pathlib.Path(log)
+        self.stacks = Stacks(contents(stacks or self.log.with_name(self.log.name.replace(".mtrace", ".stacks"))))
+        self.codes, self.blocks, self.alive, self.bad = collections.Counter(), 0, {}, []
+        for place, (code, address, record) in enumerate(self.lines()):
+            if record is None:
+                if self.alive.pop(address, None) is None:
+                    self.bad.append((place, code, address))
+            else:
+                if address in self.alive:
+                    self.bad.append((place, code, address))
+                self.alive[address] = record
+                self.blocks += 1
+                if record.inherited:
+                    continue
+            self.codes[code] += 1
 
-    def count(self, codes):
-        return sum(code in codes and not (record and record.inherited) for code, _, record in self.lines)
-
-    def replay(self):
-        """(blocks that are alive at the end, {address: Record}; releases of blocks that were not alive)"""
-        alive, bad = {}, []
-        for place, (code, address, record) in enumerate(self.lines):
-            if record is not None:
-                if address in alive:
-                    bad.append((place, code, address))
-                alive[address] = record
-            elif alive.pop(address, None) is None:
-                bad.append((place, code, address))
-        return alive, bad
+    def lines(self):
+        """(code, address, Record of a new block or None) of each line."""
+        blocks = 0
+        with io.TextIOWrapper(opened(self.log), encoding="utf-8", errors="surrogateescape") as lines:
+            for text in lines:
+                if not text.startswith("@"):
+                    continue
+                match = LINE.fullmatch(text.rstrip("\n"))
+                if match is None or (match[2] in "+>") != (match[4] is not None):
+                    raise ValueError(f"{self.log}: {text}")
+                record = None
+                if match[4] is not None:
+                    record = Record(int(match[3], 16), int(match[4], 16), match[1])
+                    if blocks < len(self.stacks.records):
+                        record.node = self.stacks.records[blocks]
+                        record.thread = self.stacks.threads[blocks]
+                        record.time = self.stacks.times[blocks]
+                        record.inherited = blocks in self.stacks.inherited
+                    blocks += 1
+                yield match[2], int(match[3], 16), record

@@ -86,9 +86,8 @@ class Leak:
 
 
 def recorded_leaks(recording, addr2line):
-    alive, _ = recording.replay()
     result = []
-    for record in alive.values():
+    for record in recording.alive.values():
         leak = Leak(record.size, [], [])
         for frame in recording.stacks.frames(record.node):
             path = frame.module.path if frame.module else ""

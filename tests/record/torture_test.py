@@ -17,8 +17,8 @@ import return_addresses
 import symbols
 
 BRIEF_SECONDS, LONG_SECONDS = 10, 600
-# How long each kind of work rests between two rounds: what ten minutes write can be read, too.
-PAUSE_MICROSECONDS = 5000 if recorded_runs.longer() else 100
+# How long each kind of work rests between two rounds, for a log of some hundred thousand lines a second.
+PAUSE_MICROSECONDS = 3000
 
 # For each size: how many blocks of it are lost, and the functions that their stacks begin with.
 LOST = {
@@ -39,28 +39,23 @@ class Torture(recorded_runs.RecordedRuns):
         out, errors = self.record(*libraries, self.options.bin / "torture", seconds, PAUSE_MICROSECONDS)
         print(out, errors, sep="", end="", file=sys.stderr)
         children = int(out.split()[0])
-        self.check_program()
-        forked = 0
-        for name in self.logs()[1:]:
-            # Programs that were started have logs, too.
-            if self.leaks(name).get(LOST_BY_CHILD):
-                forked += 1
-        self.assertEqual(forked, children)
+        program, *others = self.logs()
+        self.check_program(self.read(program))
+        # Programs that were started have logs, too.
+        forked = [any(record.size == LOST_BY_CHILD for record in self.read(name).alive.values()) for name in others]
+        self.assertEqual(sum(forked), children)
 
-    def leaks(self, name):
-        """{size: number}, as a plain replay, qortool and the script see them."""
+    def read(self, name):
+        """The recording; a plain replay of it, and qortool's, agree."""
         recording = self.recording(name)
-        alive, bad = recording.replay()
-        self.assertEqual(bad[:5], [])
+        self.assertEqual(recording.bad[:5], [])
         self.assertEqual(return_addresses.Checker().foreign(recording.stacks)[:10], [])
-        found = sorted((address, record.size) for address, record in alive.items())
-        self.assert_same(self.by_tool(name), found)
-        return collections.Counter(record.size for record in alive.values())
+        self.assert_same(self.by_tool(name), sorted((address, record.size) for address, record in recording.alive.items()))
+        return recording
 
-    def check_program(self):
-        leaks = self.leaks("log.mtrace")
-        self.assertEqual({size: leaks[size] for size in LOST}, {size: number for size, (number, _) in LOST.items()})
-        recording = self.recording()
+    def check_program(self, recording):
+        sizes = collections.Counter(record.size for record in recording.alive.values())
+        self.assertEqual({size: sizes[size] for size in LOST}, {size: number for size, (number, _) in LOST.items()})
         counted = self.folder / f"counts.{recording.stacks.process.pid}.1"
         self.assertEqual(self.counts(recording), struct.unpack("=3Q", counted.read_bytes()))
         addr2line = symbols.Addr2line()
@@ -70,19 +65,19 @@ class Torture(recorded_runs.RecordedRuns):
                 functions = [place.function for place in leak.within(self.options.bin)]
                 expected = LOST[leak.size][1]
                 self.assertEqual(functions[:len(expected)], expected)
-        self.check_ends(recording)
+        self.check_ends(recording.stacks)
 
-    def check_ends(self, recording):
+    def check_ends(self, stacks):
         """Stacks go to the start of the program or of a thread, but for some that a signal has cut into."""
         whole = cut = 0
-        for record in (record for _, _, record in recording.lines if record):
-            frames = recording.stacks.frames(record.node)
-            if len(frames) < recording.stacks.process.depth:
+        for node, number in collections.Counter(stacks.records).items():
+            frames = stacks.frames(node)
+            if len(frames) < stacks.process.depth:
                 module = frames[-1].module if frames else None
                 if module is not None and module.path.endswith(("/torture", "/libc.so.6")):
-                    whole += 1
+                    whole += number
                 else:
-                    cut += 1
+                    cut += number
         print(f"{whole} stacks, {cut} that end early", file=sys.stderr)
         self.assertLess(cut, whole / 100)
 
