@@ -13,9 +13,11 @@ import pathlib
 import re
 import resource
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 options = None
@@ -397,6 +399,335 @@ class Troubles(Recorded):
         self.assertEqual(done.returncode, 0, done.stderr)
 
 
+def numbers_and_texts(data):
+    """Entries of a file of stacks, read as docs/heap-logs.md says: (N, numbers, texts)."""
+    shapes = {1: (4, 2), 2: (3, 2), 3: (1, 0), 4: (1, 0), 5: (3, 0), 6: (1, 0), 7: (1, 1), 8: (1, 0), 9: (1, 1), 10: (1, 0)}
+    assert data[:8] == b"QORSTK\x01\n", data[:8]
+    at = 8
+
+    def number():
+        nonlocal at
+        value = shift = 0
+        while True:
+            byte = data[at]
+            at += 1
+            value |= (byte & 0x7f) << shift
+            shift += 7
+            if byte < 0x80:
+                return value
+
+    def text():
+        nonlocal at
+        size = number()
+        at += size
+        return data[at - size:at]
+
+    while at < len(data):
+        kind = number()
+        if kind >= 16:
+            yield kind, [], []
+            continue
+        counts = shapes[kind]
+        numbers = [number() for _ in range(counts[0])]
+        yield kind, numbers, [text() for _ in range(counts[1])]
+
+
+class StacksFile:
+    def __init__(self, data):
+        self.modules, self.nodes, self.stacks, self.threads, self.gone, self.times = [None], [(0, 0, 0)], [], [], [], []
+        self.inherited = 0
+        thread = 0
+        for kind, numbers, texts in numbers_and_texts(data):
+            if kind >= 16:
+                self.stacks.append(kind - 16)
+                self.threads.append(thread)
+            elif kind == 1:
+                self.process, self.program = numbers[0], texts[0].decode()
+            elif kind == 2:
+                self.modules.append((*numbers, texts[0].decode(), texts[1].hex()))
+            elif kind == 3:
+                self.gone.append(numbers[0])
+            elif kind == 5:
+                self.nodes.append(tuple(numbers))
+            elif kind == 6:
+                thread = numbers[0]
+            elif kind == 8:
+                self.times.append(numbers[0])
+            elif kind == 10:
+                self.inherited = numbers[0]
+
+    def frames(self, stack):
+        """From the innermost on: the path of the module and the address in it."""
+        result = []
+        while stack != 0:
+            stack, module, address = self.nodes[stack]
+            result.append((self.modules[module][3] if module else "", address))
+        return result
+
+
+class Stacks(Recorded):
+    def build(self, name, source, *words):
+        path = self.folder / name
+        (self.folder / f"{name}.cpp").write_text(source)
+        subprocess.run(["c++", "-g", "-o", path, self.folder / f"{name}.cpp", *words], check=True)
+        return path
+
+    def recorded(self, program, *prefix, log="log"):
+        done = self.record(program, prefix=(*prefix, "-o", "log"))
+        self.assertEqual(done.returncode, 0, done.stderr)
+        lines = [line.split() for line in self.lines(f"{log}.mtrace") if line.startswith("@ ") and line.split()[2] in "+>"]
+        stacks = StacksFile((self.folder / f"{log}.stacks").read_bytes())
+        self.assertEqual(len(stacks.stacks), len(lines))
+        return lines, stacks
+
+    def functions(self, program, frames):
+        addresses = [hex(address - 1) for path, address in frames if path == str(program)]
+        done = subprocess.run(["addr2line", "-Cfe", program, *addresses], capture_output=True, text=True, check=True)
+        return [re.sub(r"\(.*", "", name) for name in done.stdout.splitlines()[::2]]
+
+    def test_stacks(self):
+        """Each allocation has its own, also where no frame pointers are; the log's caller is their first frame."""
+        program = self.build("program", """
+            #include <cstdlib>
+            #include <cstring>
+            #include <cstdio>
+            #include <memory>
+            void* volatile kept;
+            [[gnu::noinline]] void by_new() { kept = new char[70001]; kept = nullptr; }
+            [[gnu::noinline]] void by_text() { kept = strdup("a text"); kept = nullptr; }
+            [[gnu::noinline]] void by_print() { char* text; kept = asprintf(&text, "%70002d", 1) < 0 ? nullptr : text; kept = nullptr; }
+            [[gnu::noinline]] void by_malloc() { kept = std::malloc(70003); kept = nullptr; }
+            [[gnu::noinline]] void outer(int depth) { if (depth > 0) { outer(depth - 1); kept = nullptr; return; } by_new(); by_text(); by_print(); by_malloc(); }
+            int main() { outer(3); }
+            """, "-O2", "-fomit-frame-pointer", "-fno-optimize-sibling-calls", "-fno-ipa-cp", "-fno-inline")
+        for depth in ("64", "0"):
+            lines, stacks = self.recorded(program, "--depth", depth)
+            found = {}
+            for line, stack in zip(lines, stacks.stacks):
+                frames = stacks.frames(stack)
+                path, address = re.fullmatch(r"(.*):\[0x([0-9a-f]+)\]", line[1]).groups()
+                self.assertEqual((path, int(address, 16)), frames[0], line)
+                names = self.functions(program, frames)
+                if path == str(program):
+                    found[names[0]] = names
+            whole = ["outer"] * 4 + ["main"] if depth == "64" else []
+            for name in ("by_new", "by_text", "by_print", "by_malloc"):
+                self.assertEqual(found[name][1:1 + len(whole)], whole, found)
+        self.assertEqual(stacks.program, str(program))
+        build_id = subprocess.run(["readelf", "-n", program], capture_output=True, text=True).stdout
+        module, = [each for each in stacks.modules[1:] if each[3] == str(program)]
+        self.assertIn(module[4], build_id)
+        # Each stack once.
+        self.assertEqual(len(set(map(tuple, map(stacks.frames, range(1, len(stacks.nodes)))))), len(stacks.nodes) - 1)
+
+    def test_a_library_in_the_place_of_another(self):
+        """Both are modules of their own, with their own stacks."""
+        for name in ("first", "second"):
+            self.build(f"{name}.so", f"""
+                #include <cstdlib>
+                extern "C" void* allocate() {{ return std::malloc({70001 if name == "first" else 70002}); }}
+                """, "-shared", "-fPIC", "-O1", "-fno-optimize-sibling-calls")
+        program = self.build("program", """
+            #include <cstdlib>
+            #include <dlfcn.h>
+            int main() {
+                for (int i = 0; i < 20; ++i) {
+                    void* const library = dlopen(i % 2 == 0 ? "./first.so" : "./second.so", RTLD_NOW);
+                    void* const block = reinterpret_cast<void* (*)()>(dlsym(library, "allocate"))();
+                    std::free(block);
+                    dlclose(library);
+                }
+            }
+            """)
+        lines, stacks = self.recorded(program)
+        for line, stack in zip(lines, stacks.stacks):
+            name = {"0x11171": "./first.so", "0x11172": "./second.so"}.get(line[4])
+            if name:
+                self.assertEqual(stacks.frames(stack)[0][0], name, line)
+                self.assertTrue(line[1].startswith(name), line)
+        self.assertEqual(sum(each is not None and each[3] == "./first.so" for each in stacks.modules), 1)
+        self.assertEqual(len(stacks.gone), 20)
+
+    def test_what_a_child_inherits(self):
+        done = self.record(options.bin / "troubles", "fork_twice")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        for child in self.children():
+            stacks = StacksFile((self.folder / child.replace("mtrace", "stacks")).read_bytes())
+            self.assertEqual(stacks.process, int(child.rsplit(".", 1)[1]))
+            lines = [line.split() for line in self.lines(child) if " + " in line]
+            self.assertEqual(len(lines), len(stacks.stacks))
+            self.assertGreaterEqual(stacks.inherited, 2)
+            for line, stack in zip(lines, stacks.stacks):
+                path, address = stacks.frames(stack)[0]
+                self.assertEqual(line[1], f"{path}:[{address:#x}]")
+
+
+class Order(Recorded):
+    def test_threads_that_release_each_others_blocks(self):
+        """No block is allocated twice or released twice in the order of the log, and none is missing."""
+        done = self.record(options.bin / "exchange", 64, 19000)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        live = set()
+        count = 0
+        misplaced = []
+        with open(self.folder / "log.mtrace") as log:
+            for line in log:
+                if not line.startswith("@ "):
+                    continue
+                count += 1
+                words = line.split()
+                if (words[2] in "+>") == (words[3] in live):
+                    misplaced.append(line)
+                (live.add if words[2] in "+>" else live.discard)(words[3])
+        self.assertEqual(misplaced, [])
+        # An allocation and a release in each round; every seventh has a realloc too.
+        self.assertGreater(count, 2 * 64 * 19000 + 2 * 64 * 19000 // 7)
+
+    def test_the_same_findings_as_the_c_librarys_script(self):
+        for words in (["ls", "-l", "/"], ["git", "--version"], ["sh", "-c", "x=$(echo a); echo $x"]):
+            if shutil.which(words[0]) is None:
+                words = ["true"]
+            done = self.record(*words, prefix=("--no-children", "-o", "log"))
+            self.assertEqual(done.returncode, 0, done.stderr)
+            script = subprocess.run(["mtrace", "log.mtrace"], cwd=self.folder, capture_output=True, text=True)
+            leaks = re.findall(r"^0x([0-9a-f]+) +0x([0-9a-f]+)  at ", script.stdout, re.M)
+            report = self.report("mtrace", "log.mtrace")
+            found = re.findall(r"^LEAK at 0x([0-9a-f]+) size (\d+) ", report, re.M)
+            self.assertCountEqual([(int(address, 16), int(size, 16)) for address, size in leaks],
+                                  [(int(address, 16), int(size)) for address, size in found])
+            self.assertEqual(script.stdout.count("never alloc'd"), report.count("BAD FREE"))
+
+
+class Allocators(Recorded):
+    def check(self, library):
+        program = self.folder / "program"
+        program.with_suffix(".cpp").write_text("""
+            #include <cstdlib>
+            #include <new>
+            #include <string>
+            #include <vector>
+            void* volatile kept;
+            int main() {
+                kept = new char[71001];
+                kept = std::malloc(71002);
+                kept = ::operator new(71003, std::align_val_t(64));
+                kept = std::realloc(std::malloc(72001), 71004);
+                kept = std::calloc(71005, 1);
+                kept = std::aligned_alloc(64, 71040);
+                kept = new (std::nothrow) char[71006];
+                std::vector<std::string> texts(100, std::string(72002, 'a'));
+                delete[] new char[72003];
+            }
+            """)
+        path = subprocess.run(["c++", f"-print-file-name={library}"], capture_output=True, text=True).stdout.strip()
+        expected = {size: 1 for size in (71001, 71002, 71003, 71004, 71005, 71006, 71040)}
+        for words, environment in (([path, "-Wl,--no-as-needed"], {}), ([], {"LD_PRELOAD": path})):
+            subprocess.run(["c++", "-o", program, program.with_suffix(".cpp"), "-Wl,--no-as-needed", *words], check=True)
+            before = dict(self.environment)
+            self.environment.update(environment)
+            done = self.record(program)
+            self.environment = before
+            self.assertEqual(done.returncode, 0, done.stderr)
+            report = self.report("mtrace", "log.mtrace")
+            self.assertEqual(self.leaks(report), expected)
+            self.assertNotIn("BAD FREE", report)
+
+    def test_jemalloc(self):
+        self.check("libjemalloc.so.2")
+
+    def test_tcmalloc(self):
+        self.check("libtcmalloc_minimal.so.4")
+
+    def test_mimalloc(self):
+        self.check("libmimalloc.so.2")
+
+
+class Files(Recorded):
+    def test_compressed_logs(self):
+        plain = self.record(options.bin / "troubles", "leave_many")
+        self.assertEqual(plain.returncode, 7, plain.stderr)
+        codes = [line.split()[2] for line in self.lines("log.mtrace")[1:]]
+        for option, suffix, tool in (("--zstd", ".zst", "zstd"), ("--gzip", ".gz", "gzip")):
+            done = self.record(options.bin / "troubles", "leave_many", prefix=(option, "-o", "log"))
+            self.assertEqual(done.returncode, 7, done.stderr)
+            self.assertIn(f"now type: qortool mtrace log.mtrace{suffix}\n", done.stderr)
+            self.assertEqual(sorted(path.name for path in self.folder.iterdir()), [f"log.mtrace{suffix}", f"log.stacks{suffix}"])
+            text = subprocess.run([tool, "-dc", f"log.mtrace{suffix}"], cwd=self.folder, capture_output=True, text=True, check=True)
+            self.assertEqual([line.split()[2] for line in text.stdout.splitlines()[1:]], codes)
+
+    def test_children_of_a_compressed_recording(self):
+        """What they inherit is read from the compressed log."""
+        for option, suffix, tool in (("--zstd", ".zst", "zstd"), ("--gzip", ".gz", "gzip")):
+            done = self.record(options.bin / "troubles", "fork_twice", prefix=(option, "-o", "log"))
+            self.assertEqual(done.returncode, 0, done.stderr)
+            found = []
+            for path in self.folder.glob(f"log.mtrace*{suffix}"):
+                subprocess.run([tool, "-dfq", path], check=True)
+                report = self.report("mtrace", path.with_suffix("").name)
+                self.assertNotIn("BAD FREE", report)
+                found.append(self.leaks(report))
+                path.with_suffix("").unlink()
+            self.assertCountEqual(found, [{71001: 1, 71002: 1}, {71002: 1, 72001: 1}, {71002: 1, 73001: 1}])
+
+    def test_files_are_the_users_own(self):
+        self.assertEqual(self.record("true").returncode, 0)
+        for path in self.folder.iterdir():
+            self.assertEqual(path.stat().st_mode & 0o777, 0o600)
+
+    def test_what_is_no_log_is_not_replaced(self):
+        mine = self.folder / "log.mtrace"
+        mine.write_text("my notes\n")
+        done = self.record("true")
+        self.assertEqual((done.returncode, mine.read_text()), (1, "my notes\n"))
+        self.assertEqual(done.stderr, "record: log.mtrace exists and is not a log of a heap. '--force' replaces it.\n")
+        self.assertEqual(self.record("true", prefix=("--force", "-o", "log")).returncode, 0)
+        self.lines("log.mtrace")
+
+    def test_links_are_not_followed(self):
+        other = self.folder / "other"
+        other.write_text("= Start\n")
+        (self.folder / "log.mtrace").symlink_to(other)
+        self.assertEqual(self.record("true", prefix=("--force", "-o", "log")).returncode, 1)
+        self.assertEqual(other.read_text(), "= Start\n")
+
+    def test_a_folder_takes_the_programs_name(self):
+        (self.folder / "logs").mkdir()
+        self.assertEqual(self.record("true", prefix=("-o", "logs/")).returncode, 0)
+        self.assertEqual(sorted(path.name for path in (self.folder / "logs").iterdir()), ["true.mtrace", "true.stacks"])
+
+    def test_wrong_words(self):
+        for words in (["--nothing", "true"], ["-o"], ["--depth", "1x", "true"], ["--depth", "1000", "true"], [],
+                      ["--zstd", "--gzip", "true"], ["--zstd=3", "true"]):
+            done = subprocess.run([options.bin / "qor-record", *words], cwd=self.folder, env=self.environment, capture_output=True, text=True)
+            self.assertEqual((done.returncode, done.stdout, done.stderr.count("\n")), (1, "", 1), done)
+        done = subprocess.run([options.bin / "qor-record", "--help"], cwd=self.folder, env=self.environment, capture_output=True, text=True)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        for option in ("-o", "--depth", "--no-children", "--start-stopped", "--zstd", "--gzip", "--force"):
+            self.assertIn(f"\n  {option} ", done.stdout)
+
+    def test_signals_are_passed_on(self):
+        for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGUSR1):
+            program = "import signal, time; signal.signal({0}, lambda *_: exit(9)); print('ready', flush=True); time.sleep(60)"
+            process = subprocess.Popen([options.bin / "qor-record", "--depth", "0", "-o", "log", sys.executable, "-c", program.format(int(number))],
+                                       cwd=self.folder, env=self.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            self.assertEqual(process.stdout.readline(), "ready\n")
+            process.send_signal(number)
+            self.assertIn("record: log.mtrace: ", process.communicate()[1])
+            self.assertEqual(process.returncode, 9)
+
+    def test_what_is_left_running(self):
+        """Nobody waits for it, and its log goes on."""
+        done = self.record("sh", "-c", "(sleep 0.3; x=$(echo a); exit 0) </dev/null >/dev/null 2>&1 & echo $!")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertIn("is still running, and its log goes on\n", done.stderr)
+        child = self.folder / f"log.mtrace.{done.stdout.strip()}"
+        size = child.stat().st_size if child.exists() else 0
+        deadline = time.monotonic() + 60
+        while time.monotonic() < deadline and not (child.exists() and child.stat().st_size > size):
+            time.sleep(0.05)
+        self.assertGreater(child.stat().st_size, size)
+
+
 class Control(Recorded):
     def start(self, *prefix):
         process = subprocess.Popen([options.bin / "qor-record", *prefix, "-o", "log", options.bin / "troubles", "be_controlled"],
@@ -464,7 +795,7 @@ def main():
     parser.add_argument("--source", type=lambda path: pathlib.Path(path).resolve(), required=True)
     parser.add_argument("--instrumented", action="store_true")
     options = parser.parse_args()
-    cases = [Instrumented] if options.instrumented else [Programs, Troubles, Control]
+    cases = [Instrumented] if options.instrumented else [Programs, Troubles, Stacks, Order, Allocators, Files, Control]
     suite = unittest.TestSuite(map(unittest.defaultTestLoader.loadTestsFromTestCase, cases))
     return 0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1
 

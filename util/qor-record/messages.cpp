@@ -27,9 +27,11 @@ bool has_translations() {
 }
 
 std::string find(uint32 number) {
-    qorString translated;
-    if (has_translations() && translated.LoadString(message::catalog, number))
-        return translated.Text();
+    if (has_translations()) {
+        qorString translated; // the first of it binds to the library
+        if (translated.LoadString(message::catalog, number))
+            return translated.Text();
+    }
     for (const english_text& each : english)
         if (each.number == number)
             return std::string(each.text);

@@ -288,6 +288,9 @@ void recorder::hear_front() {
 
 // The process that waits for the program has all that it needs. What goes on here keeps no stream open.
 void recorder::dismiss_front() {
+    for (recorded_process& each : m_processes)
+        if (!each.is_over && !each.has_files)
+            begin_files(each);
     summarise();
     const char has_nothing = m_arenas.front()->shared().taken.load() == 0 ? 1 : 0;
     if (m_front >= 0)
