@@ -14,7 +14,11 @@ needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/
     "xdg-user-dirs=xdg-user-dir" "systemd=systemd-path" "procps=free" "libgsasl-dev=/usr/include/gsasl.h"
     "openssl=openssl" "gzip=gzip" "zstd=zstd" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux" "doxygen=doxygen"
     "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py"
-    "clang-format-14=clang-format-14" "clang-tidy-16=clang-tidy-16" "shellcheck=shellcheck")
+    "clang-format-14=clang-format-14" "clang-tidy-16=clang-tidy-16" "shellcheck=shellcheck"
+    "libjemalloc2=/usr/lib/$HOSTTYPE-linux-gnu/libjemalloc.so.2"
+    "libtcmalloc-minimal4=/usr/lib/$HOSTTYPE-linux-gnu/libtcmalloc_minimal.so.4"
+    "libmimalloc2.0=/usr/lib/$HOSTTYPE-linux-gnu/libmimalloc.so.2"
+    "elfutils=eu-addr2line" "heaptrack=heaptrack" "git=git" "sqlite3=sqlite3")
 needs_fuzz=("clang-16=clang++-16" "libssl-dev=/usr/include/openssl/evp.h" "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer"
     "libclang-rt-16-dev=/usr/lib/llvm-16/lib/clang/16/lib/linux/libclang_rt.fuzzer-$HOSTTYPE.a")
 needs_windows=("cmake=cmake" "ninja-build=ninja" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"

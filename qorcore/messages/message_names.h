@@ -1,5 +1,5 @@
-// The names of all numbered messages. Each list beside this file has a catalog: the English texts, which are compiled
-// into libqor, and these names, by which libqor, its modules and the two programs refer to the messages.
+// The names of all numbered messages. Each list beside this file has a catalog: the English texts, from which libqor is
+// built, and these names, by which libqor, its modules and the programs refer to the messages.
 #pragma once
 
 #include "qor/system/Types.h"
@@ -29,6 +29,13 @@ enum : uint32 {
 #include "qor-debug-user.def"
 };
 } // namespace debug_user
+
+namespace record {
+inline constexpr char catalog[] = "qor-record";
+enum : uint32 {
+#include "qor-record.def"
+};
+} // namespace record
 
 } // namespace qor::messages
 

@@ -6,8 +6,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/seccomp.h>
 #include <mcheck.h>
+#include <new>
+#include <sched.h>
+#include <spawn.h>
+#include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -22,8 +30,8 @@ void* volatile used;
 void lose(std::size_t size) { used = std::malloc(size); }
 
 void use(std::size_t size) {
-    used = std::malloc(size);
-    std::free(used);
+    void* volatile block = std::malloc(size);
+    std::free(block);
 }
 
 int wait_for(pid_t child) {
@@ -134,6 +142,12 @@ int meet_a_limit() {
     return 0;
 }
 
+int leave_many() {
+    for (int i = 0; i < many; ++i)
+        use(71001);
+    _exit(7);
+}
+
 void work() {
     for (int i = 0; i < many; ++i)
         use(71001);
@@ -163,7 +177,166 @@ int become_another() {
     return 1;
 }
 
-// Changes its name in the process list, as servers do to show their state.
+// What a filter allows that ends the process for anything but reads, writes and its end.
+int be_confined() {
+    lose(71001);
+    if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT) != 0)
+        return 1;
+    for (int i = 0; i < 100'000; ++i) // more than wait for the recorder anywhere
+        use(72001);
+    lose(71002);
+    syscall(SYS_exit, 0);
+    return 1;
+}
+
+// A child that executes a program where it reaches no socket.
+int execute_confined() {
+    lose(71001);
+    const pid_t child = fork();
+    if (child != 0)
+        return wait_for(child);
+    if (unshare(CLONE_NEWNET) != 0)
+        _exit(77);
+    execl("/proc/self/exe", "troubles", "leave_at_once", nullptr);
+    _exit(1);
+}
+
+// As a server does that gives up the rights of root.
+int drop_rights() {
+    lose(71001);
+    if (chroot("/var/empty") != 0 && (mkdir("empty", 0755) != 0 || chroot("empty") != 0))
+        return 77;
+    if (chdir("/") != 0 || setgid(65534) != 0 || setuid(65534) != 0)
+        return 77;
+    lose(71002);
+    const pid_t child = fork();
+    if (child != 0)
+        return wait_for(child);
+    lose(72001);
+    _exit(0);
+}
+
+int live_within_limits() {
+    constexpr rlimit few_descriptors{3, 3};
+    constexpr rlimit little_memory{64U << 20, 64U << 20};
+    setrlimit(RLIMIT_NOFILE, &few_descriptors);
+    setrlimit(RLIMIT_AS, &little_memory);
+    void* const most = std::malloc(32U << 20);
+    std::free(most);
+    lose(71001);
+    const pid_t child = fork();
+    if (child != 0)
+        return wait_for(child) != 0 || most == nullptr ? 1 : 0;
+    lose(72001);
+    _exit(0);
+}
+
+// vfork runs the child on the parent's stack and heap; posix_spawn does so too, and clone as it is told.
+int start_programs() {
+    lose(71001);
+    char* const words[] = {const_cast<char*>("true"), nullptr};
+    pid_t child = vfork();
+    if (child == 0) {
+        execv("/bin/true", words);
+        _exit(1);
+    }
+    int failed = wait_for(child);
+    failed |= posix_spawn(&child, "/bin/true", nullptr, nullptr, words, environ);
+    failed |= wait_for(child);
+    child = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, 0));
+    if (child == 0) {
+        lose(72001);
+        _exit(0);
+    }
+    failed |= wait_for(child);
+    lose(71002);
+    return failed;
+}
+
+int start_many_threads() {
+    constexpr int count = 1000;
+    std::thread threads[count];
+    for (std::thread& each : threads)
+        each = std::thread([] {
+            for (int i = 0; i < 100; ++i)
+                use(72001);
+            lose(71001);
+        });
+    for (std::thread& each : threads)
+        each.join();
+    return 0;
+}
+
+int throw_exceptions() {
+    int caught = 0;
+    for (int i = 0; i < 100; ++i)
+        try {
+            used = ::operator new(i % 2 == 0 ? too_much : 72001);
+            ::operator delete(used);
+            throw std::runtime_error("a text that is longer than what is kept in a string itself");
+        } catch (const std::bad_alloc&) {
+            ++caught;
+        } catch (const std::runtime_error&) {
+            ++caught;
+        }
+    lose(71001);
+    return caught == 100 ? 0 : 1;
+}
+
+// The C library's own tracing.
+int trace_as_well() {
+    lose(71001);
+    setenv("MALLOC_TRACE", "own", 1);
+    mtrace();
+    lose(71002);
+    muntrace();
+    lose(71003);
+    return 0;
+}
+
+// Its parent is the one that has started it; the recorder is that one's other child.
+int lose_recorder() {
+    lose(71001);
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/task/%d/children", getppid(), getppid());
+    std::FILE* const list = std::fopen(path, "r");
+    int killed = 0;
+    for (pid_t each; list != nullptr && std::fscanf(list, "%d", &each) == 1;)
+        if (each != getpid())
+            killed += kill(each, SIGKILL) == 0 ? 1 : 0;
+    if (list != nullptr)
+        std::fclose(list);
+    for (int i = 0; i < 200'000; ++i) // more than there is room for
+        use(72001);
+    return killed == 1 ? 0 : 1;
+}
+
+int abort_here() {
+    lose(71001);
+    std::abort();
+}
+
+// Begins where nobody looks: the recorder is told by the test when to start and stop.
+int be_controlled() {
+    lose(71001);
+    void* volatile early = std::malloc(72001);
+    std::puts("early");
+    std::fflush(stdout);
+    std::getchar();
+    lose(71002);
+    std::free(early);
+    void* volatile recorded = std::malloc(72002);
+    void* volatile grown = std::realloc(std::malloc(72003), 71004);
+    std::puts("recorded");
+    std::fflush(stdout);
+    std::getchar();
+    lose(71003);
+    std::free(recorded);
+    std::free(std::realloc(grown, 72005));
+    return 0;
+}
+
+// As servers do that show in the list of processes what they are at.
 int rename_itself(char* name) {
     std::memcpy(name, "a b", 3);
     lose(71001);
@@ -188,8 +361,20 @@ constexpr trouble troubles[] = {
     {"close_everything", close_everything},
     {"reuse_descriptors", reuse_descriptors},
     {"meet_a_limit", meet_a_limit},
+    {"leave_many", leave_many},
     {"fork_between_threads", fork_between_threads},
     {"become_another", become_another},
+    {"be_confined", be_confined},
+    {"execute_confined", execute_confined},
+    {"drop_rights", drop_rights},
+    {"live_within_limits", live_within_limits},
+    {"start_programs", start_programs},
+    {"start_many_threads", start_many_threads},
+    {"throw_exceptions", throw_exceptions},
+    {"trace_as_well", trace_as_well},
+    {"lose_recorder", lose_recorder},
+    {"abort_here", abort_here},
+    {"be_controlled", be_controlled},
 };
 
 } // namespace

@@ -21,6 +21,10 @@ constexpr message debug_user[] = {
 #include "qor-debug-user.def"
 };
 
+constexpr message record[] = {
+#include "qor-record.def"
+};
+
 constexpr message framework[] = {
 #define QOR_ERROR(number, name, error_class, text) {number, text},
 #include "qor/system/errors.def"
@@ -33,7 +37,8 @@ constexpr message framework[] = {
 namespace messages = qor::messages;
 constexpr built_in catalogs[] = {{messages::framework::catalog, framework},
                                  {messages::tool::catalog, tool},
-                                 {messages::debug_user::catalog, debug_user}};
+                                 {messages::debug_user::catalog, debug_user},
+                                 {messages::record::catalog, record}};
 
 // Look-ups are binary searches, and an empty text would count as a missing message.
 static_assert(std::ranges::all_of(catalogs, [](const built_in& each) {

@@ -1,0 +1,21 @@
+// Leaks in a library that a program loads while it runs. It may be unloaded before the leak is looked for.
+#include <memory>
+
+namespace {
+
+struct plugin_state {
+    char text[3000];
+};
+
+[[gnu::noinline]] void remember(plugin_state* volatile* place) {
+    *place = new plugin_state; // library
+}
+
+} // namespace
+
+extern "C" [[gnu::visibility("default")]] void leak_in_library(void* volatile* place) {
+    plugin_state* volatile state;
+    remember(&state);
+    *place = state;
+    *place = nullptr;
+}

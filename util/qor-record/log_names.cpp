@@ -1,0 +1,142 @@
+#include "log_names.h"
+
+#include "messages.h"
+#include "stacks_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace qor::record {
+
+namespace {
+
+enum class content { nothing, log, other, no_file };
+
+// By the first bytes. Of what is compressed only the name tells, and that is the user's word for it.
+content content_of(const std::string& path) {
+    struct stat status;
+    if (::lstat(path.c_str(), &status) != 0)
+        return content::nothing;
+    if (!S_ISREG(status.st_mode))
+        return content::no_file;
+    const int file = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+    if (file < 0)
+        return content::other;
+    char begin[16];
+    const ssize_t size = ::read(file, begin, sizeof begin);
+    ::close(file);
+    const std::string_view text(begin, size > 0 ? static_cast<std::size_t>(size) : 0);
+    const bool is_log = text.empty() || text.starts_with("= Start\n") ||
+                        text.starts_with(std::string_view(stacks_magic, 6)) || text.starts_with("\x28\xb5\x2f\xfd") ||
+                        text.starts_with("\x1f\x8b");
+    return is_log ? content::log : content::other;
+}
+
+bool is_number(std::string_view text) { return !text.empty() && text.find_first_not_of("0123456789") == text.npos; }
+
+// "1234", "1234.2" and the like.
+bool is_process_part(std::string_view text) {
+    const std::size_t dot = text.find('.');
+    return is_number(text.substr(0, dot)) && (dot == text.npos || is_number(text.substr(dot + 1)));
+}
+
+std::vector<std::string> names_in(const std::string& folder) {
+    std::vector<std::string> names;
+    DIR* const entries = ::opendir(folder.c_str());
+    while (const dirent* const entry = entries != nullptr ? ::readdir(entries) : nullptr)
+        names.emplace_back(entry->d_name);
+    if (entries != nullptr)
+        ::closedir(entries);
+    return names;
+}
+
+} // namespace
+
+bool log_names::set(const std::string& prefix, const std::string& program, compression kind) {
+    m_kind = kind;
+    m_prefix = prefix.empty() || prefix.ends_with('/') ? prefix + program : prefix;
+    const std::size_t slash = m_prefix.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : m_prefix.substr(0, slash + 1);
+    const std::unique_ptr<char, decltype(&std::free)> path(::realpath(folder.c_str(), nullptr), &std::free);
+    struct stat status;
+    if (path == nullptr || ::stat(path.get(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        say(message::no_folder, {prefix});
+        return false;
+    }
+    m_path = path.get();
+    if (m_path != "/")
+        m_path += '/';
+    m_path += m_prefix.substr(slash == std::string::npos ? 0 : slash + 1);
+    return true;
+}
+
+std::string log_names::of(std::int32_t process, int attempt) const {
+    std::string text = "." + std::to_string(process);
+    if (attempt > 1)
+        text += "." + std::to_string(attempt);
+    return text += suffix_of(m_kind);
+}
+
+std::vector<std::string> log_names::memchecks_of_children() const {
+    std::vector<std::string> found;
+    const std::string folder = m_path.substr(0, m_path.rfind('/') + 1);
+    const std::string begin = memcheck().substr(folder.size()) + '.';
+    for (const std::string& entry : names_in(folder))
+        if (entry.starts_with(begin) && is_process_part(std::string_view(entry).substr(begin.size())))
+            found.push_back(folder + entry);
+    std::ranges::sort(found);
+    return found;
+}
+
+bool log_names::clear(bool replaces_anything) const {
+    // In whatever way an earlier run has compressed them.
+    std::vector<std::string> found;
+    const std::size_t slash = m_path.rfind('/');
+    const std::string folder = m_path.substr(0, slash + 1);
+    const std::string name = m_path.substr(slash + 1);
+    for (const std::string& entry : names_in(folder)) {
+        std::string_view rest = entry;
+        if (!rest.starts_with(name))
+            continue;
+        rest.remove_prefix(name.size());
+        for (const std::string_view kind : {".mtrace", ".stacks", ".memcheck"}) {
+            if (!rest.starts_with(kind))
+                continue;
+            std::string_view tail = rest.substr(kind.size());
+            for (const std::string_view suffix : {".zst", ".gz"})
+                if (tail.ends_with(suffix) && kind != ".memcheck")
+                    tail.remove_suffix(suffix.size());
+            const bool is_first = tail.empty();
+            if (!is_first && (tail.front() != '.' || !is_process_part(tail.substr(1))))
+                continue;
+            const std::string path = folder + entry;
+            const content what = kind == ".memcheck" ? content::log : content_of(path);
+            if (what == content::no_file && is_first) {
+                say(message::not_regular, {shown(path)});
+                return false;
+            }
+            if (what == content::other && is_first && !replaces_anything) {
+                say(message::not_a_log, {shown(path)});
+                return false;
+            }
+            if (what == content::log || (is_first && replaces_anything))
+                found.push_back(path);
+        }
+    }
+    for (const std::string& each : found)
+        if (::unlink(each.c_str()) != 0 && errno != ENOENT) {
+            say(message::cannot_create, {shown(each), std::strerror(errno)});
+            return false;
+        }
+    return true;
+}
+
+} // namespace qor::record

@@ -1,0 +1,66 @@
+#include "messages.h"
+
+#include "qor/qor.h"
+
+#include <cstdio>
+#include <string_view>
+
+namespace qor::record {
+
+namespace {
+
+struct english_text {
+    uint32 number;
+    std::string_view text;
+};
+
+#define QOR_MESSAGE(number, name, text) {number, text},
+constexpr english_text english[] = {
+#include "qor-record.def"
+};
+#undef QOR_MESSAGE
+
+// libqor has the other languages. Without it, as where only the recorder was brought to a host, the texts are English.
+bool has_translations() {
+    static const bool has = qor::glue::load_beside_executable() != nullptr;
+    return has;
+}
+
+std::string find(uint32 number) {
+    if (has_translations()) {
+        qorString translated; // the first of it binds to the library
+        if (translated.LoadString(message::catalog, number))
+            return translated.Text();
+    }
+    for (const english_text& each : english)
+        if (each.number == number)
+            return std::string(each.text);
+    return {};
+}
+
+} // namespace
+
+std::string text_of(uint32 number, std::initializer_list<std::string> inserts) {
+    const std::string text = find(number);
+    std::string result;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const std::size_t insert = at + 2 < text.size() && text[at] == '{' && text[at + 2] == '}'
+                                       ? static_cast<std::size_t>(text[at + 1] - '1')
+                                       : inserts.size();
+        if (insert >= inserts.size()) {
+            result += text[at];
+            continue;
+        }
+        result += inserts.begin()[insert];
+        at += 2;
+    }
+    return result;
+}
+
+void say(uint32 number, std::initializer_list<std::string> inserts) {
+    const std::string line = "record: " + text_of(number, inserts) + '\n';
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    std::fflush(stderr);
+}
+
+} // namespace qor::record

@@ -1,0 +1,119 @@
+#include "options.h"
+
+#include "messages.h"
+#include "shared/arena.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <string_view>
+
+namespace qor::record {
+
+namespace {
+
+struct option_row {
+    const char* name;
+    bool has_value;
+    bool (*handler)(options& chosen, const std::string& value); // false after a message
+    uint32 syntax;
+    uint32 description;
+};
+
+bool take_depth(options& chosen, const std::string& value) {
+    const char* const end = value.data() + value.size();
+    const auto [stop, error] = std::from_chars(value.data(), end, chosen.depth);
+    if (error == std::errc() && stop == end && chosen.depth <= most_frames)
+        return true;
+    say(message::bad_depth, {value, std::to_string(most_frames)});
+    return false;
+}
+
+bool take_compression(options& chosen, compression kind) {
+    if (chosen.kind != compression::none && chosen.kind != kind) {
+        say(message::both_compressions);
+        return false;
+    }
+    chosen.kind = kind;
+    return true;
+}
+
+constexpr option_row rows[] = {
+    {"-o", true, [](options& chosen, const std::string& value) { return chosen.prefix = value, true; },
+     message::output_syntax, message::output_description},
+    {"--depth", true, take_depth, message::depth_syntax, message::depth_description},
+    {"--no-children", false, [](options& chosen, const std::string&) { return chosen.follows_children = false, true; },
+     message::no_children_syntax, message::no_children_description},
+    {"--start-stopped", false, [](options& chosen, const std::string&) { return chosen.is_stopped = true; },
+     message::start_stopped_syntax, message::start_stopped_description},
+    {"--zstd", false, [](options& chosen, const std::string&) { return take_compression(chosen, compression::zstd); },
+     message::zstd_syntax, message::zstd_description},
+    {"--gzip", false, [](options& chosen, const std::string&) { return take_compression(chosen, compression::gzip); },
+     message::gzip_syntax, message::gzip_description},
+    {"--force", false, [](options& chosen, const std::string&) { return chosen.replaces_anything = true; },
+     message::force_syntax, message::force_description},
+    {"--help", false, nullptr, message::help_syntax, message::help_description},
+};
+
+void show_help() {
+    std::printf("%s\n", text_of(message::usage).c_str());
+    constexpr std::size_t column = 18;
+    for (const option_row& each : rows) {
+        std::string syntax = text_of(each.syntax);
+        const auto width = std::ranges::count_if(syntax, [](char c) { return (c & 0xc0) != 0x80; }); // characters
+        syntax.append(column - std::min(column, static_cast<std::size_t>(width)), ' ');
+        std::printf("  %s %s\n", syntax.c_str(), text_of(each.description).c_str());
+    }
+}
+
+const option_row* find_row(std::string_view name) {
+    for (const option_row& each : rows)
+        if (name == each.name)
+            return &each;
+    return nullptr;
+}
+
+} // namespace
+
+int read_options(int argc, char** argv, options& chosen) {
+    int at = 1;
+    for (; at < argc && argv[at][0] == '-'; ++at) {
+        const std::string_view word = argv[at];
+        if (word == "--") {
+            ++at;
+            break;
+        }
+        // "--depth=8" is "--depth 8"; "-oFILE" is "-o FILE".
+        std::size_t end = word.starts_with("--") ? word.find('=') : 2;
+        end = end < word.size() ? end : std::string_view::npos;
+        const option_row* const row = find_row(word.substr(0, end));
+        if (row == nullptr || (end != std::string_view::npos && !row->has_value)) {
+            say(message::unknown_option, {argv[at]});
+            return 1;
+        }
+        if (row->handler == nullptr) {
+            show_help();
+            return 0;
+        }
+        std::string value;
+        if (row->has_value) {
+            if (end != std::string_view::npos)
+                value = word.substr(word.starts_with("--") ? end + 1 : end);
+            else if (at + 1 < argc)
+                value = argv[++at];
+            if (value.empty()) {
+                say(message::missing_value, {row->name});
+                return 1;
+            }
+        }
+        if (!row->handler(chosen, value))
+            return 1;
+    }
+    chosen.command.assign(argv + at, argv + argc);
+    if (!chosen.command.empty())
+        return no_exit_code;
+    say(message::no_program);
+    return 1;
+}
+
+} // namespace qor::record

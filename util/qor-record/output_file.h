@@ -1,0 +1,60 @@
+// A log as it is written: a new file, in whole pieces, so that whatever ends it ends it behind a whole line.
+#pragma once
+
+#include "compression.h"
+
+#include <memory>
+#include <string>
+
+namespace qor::record {
+
+class output_file {
+public:
+    output_file() = default;
+    output_file(const output_file&) = delete;
+    output_file& operator=(const output_file&) = delete;
+    ~output_file();
+
+    // Creates the file, 0600. Nothing that exists is opened. 0, or the error.
+    int create(const std::string& path, compression kind);
+
+    const std::string& path() const noexcept { return m_path; }
+    compression kind() const noexcept { return m_kind; }
+    int failure() const noexcept { return m_failure; } // errno of the write that ended it; 0: none has
+
+    // Room for the next piece, which may be as long as `longest_piece`; advance() tells its end. A piece is never
+    // parted.
+    static constexpr std::size_t longest_piece = 16U << 10;
+    char* room() {
+        if (m_used > buffer_size - longest_piece) [[unlikely]]
+            pass_on(how_far::on);
+        return m_buffer.get() + m_used;
+    }
+    void advance(const char* end) noexcept { m_used = static_cast<std::size_t>(end - m_buffer.get()); }
+
+    void flush(); // so that all of it can be read
+    void finish();
+    void remove();
+    // What there is of that name already is replaced.
+    void rename(const std::string& path);
+
+private:
+    static constexpr std::size_t buffer_size = 128U << 10;
+
+    void pass_on(how_far until);
+    void write(const char* data, std::size_t size);
+    void close();
+
+    std::string m_path;
+    compression m_kind = compression::none;
+    std::unique_ptr<compressor> m_compressor;
+    std::string m_compressed;
+    std::unique_ptr<char[]> m_buffer;
+    std::size_t m_used = 0;
+    std::size_t m_written = 0;
+    bool m_is_flushed = true;
+    int m_descriptor = -1;
+    int m_failure = 0;
+};
+
+} // namespace qor::record

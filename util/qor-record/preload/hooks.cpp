@@ -1,0 +1,355 @@
+// The allocation functions of C and POSIX, as the program finds them: each calls the next one of its name and records
+// what that did. A release is recorded before the block is released, an allocation after it was allocated, so that in
+// the order of the records a block is never allocated twice.
+#include "next.h"
+#include "recording.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+#include <dlfcn.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+namespace qor::record {
+
+namespace {
+
+#define QOR_NEXT(name, type)                                                                                           \
+    constinit next_function<type> next_##name { #name }
+
+QOR_NEXT(malloc, void*(std::size_t));
+QOR_NEXT(calloc, void*(std::size_t, std::size_t));
+QOR_NEXT(realloc, void*(void*, std::size_t));
+QOR_NEXT(free, void(void*));
+QOR_NEXT(memalign, void*(std::size_t, std::size_t));
+QOR_NEXT(aligned_alloc, void*(std::size_t, std::size_t));
+QOR_NEXT(posix_memalign, int(void**, std::size_t, std::size_t));
+QOR_NEXT(valloc, void*(std::size_t));
+QOR_NEXT(pvalloc, void*(std::size_t));
+QOR_NEXT(malloc_usable_size, std::size_t(void*));
+QOR_NEXT(free_sized, void(void*, std::size_t));
+QOR_NEXT(free_aligned_sized, void(void*, std::size_t, std::size_t));
+QOR_NEXT(strdup, char*(const char*));
+QOR_NEXT(strndup, char*(const char*, std::size_t));
+QOR_NEXT(wcsdup, wchar_t*(const wchar_t*));
+QOR_NEXT(vasprintf, int(char**, const char*, va_list));
+QOR_NEXT(__vasprintf_chk, int(char**, int, const char*, va_list));
+QOR_NEXT(dlclose, int(void*));
+QOR_NEXT(prctl, int(int, unsigned long, unsigned long, unsigned long, unsigned long));
+
+// While the loader searches, it may allocate itself.
+bool is_searching;
+
+template <class Function>
+Function* find(next_function<Function>& next) noexcept {
+    Function* found = next.function.load(std::memory_order_relaxed);
+    if (found != nullptr) [[likely]]
+        return found;
+    const bool was_searching = is_searching;
+    is_searching = true;
+    found = reinterpret_cast<Function*>(find_next(next.name));
+    is_searching = was_searching;
+    next.function.store(found, std::memory_order_relaxed);
+    return found;
+}
+
+// Those that work without the reserve come first.
+void find_the_first() noexcept {
+    find(next_calloc);
+    find(next_free);
+    find(next_realloc);
+    find(next_malloc);
+}
+
+bool uses_reserve() noexcept {
+    if (next_malloc.function.load(std::memory_order_relaxed) != nullptr && !is_searching) [[likely]]
+        return false;
+    if (!is_searching)
+        find_the_first();
+    return is_searching;
+}
+
+// Calls the next function; what no other hook has recorded is recorded here. `block` and `size` tell of the result.
+template <class Function, class Call, class Block, class Size>
+[[gnu::always_inline]] inline auto observe(next_function<Function>& next, const machine_context& caller, Call call,
+                                           Block block, Size size) noexcept {
+    const unsigned long before = counts_of_this_thread().allocations;
+    const auto result = call();
+    const void* const made = block(result);
+    if (made == nullptr)
+        return result;
+    habit found = next.found.load(std::memory_order_relaxed);
+    if (found == habit::unknown) [[unlikely]] {
+        found = counts_of_this_thread().allocations == before ? habit::works_alone : habit::calls_hooks;
+        next.found.store(found, std::memory_order_relaxed);
+    }
+    if (found == habit::works_alone)
+        record_allocation(record_kind::allocation, made, size(made), caller);
+    return result;
+}
+
+template <class Function, class... Arguments>
+[[gnu::always_inline]] inline void* allocate(next_function<Function>& next, const machine_context& caller,
+                                             std::size_t size, Arguments... arguments) noexcept {
+    Function* const function = find(next);
+    if (function == nullptr) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return observe(
+        next, caller, [=] { return function(arguments...); }, [](void* made) { return made; },
+        [=](const void*) { return size; });
+}
+
+// realloc and those that are made of it.
+[[gnu::always_inline]] inline void* reallocate(void* block, std::size_t size, const machine_context& caller) noexcept {
+    auto* const function = find(next_realloc);
+    if (block == nullptr)
+        return allocate(next_realloc, caller, size, nullptr, size);
+    record_release(record_kind::moved_from, block, caller);
+    void* const moved = function(block, size);
+    if (moved != nullptr)
+        record_allocation(record_kind::moved_to, moved, size, caller);
+    else if (size != 0)
+        record_allocation(record_kind::not_moved, block, size, caller);
+    return moved;
+}
+
+void* move_out_of_reserve(void* block, std::size_t size, const machine_context& caller) noexcept {
+    void* const moved = allocate(next_malloc, caller, size, size);
+    if (moved != nullptr) {
+        const std::size_t before = size_in_reserve(block);
+        memcpy(moved, block, before < size ? before : size);
+    }
+    return moved;
+}
+
+template <class Function, class... Arguments>
+[[gnu::always_inline]] inline void release(next_function<Function>& next, void* block, const machine_context& caller,
+                                           Arguments... arguments) noexcept {
+    if (block == nullptr || is_from_reserve(block))
+        return;
+    record_release(record_kind::release, block, caller);
+    if (Function* const function = find(next))
+        function(block, arguments...);
+    else
+        find(next_free)(block);
+}
+
+// The result of a function that makes a text.
+template <class Function, class Call>
+[[gnu::always_inline]] inline auto duplicate(next_function<Function>& next, const machine_context& caller, Call call,
+                                             std::size_t (*size)(const void*)) noexcept {
+    const allocating_for_caller scope;
+    return observe(
+        next, caller, call, [](const void* made) { return made; }, size);
+}
+
+std::size_t size_of_text(const void* text) noexcept { return strlen(static_cast<const char*>(text)) + 1; }
+std::size_t size_of_wide_text(const void* text) noexcept {
+    return (wcslen(static_cast<const wchar_t*>(text)) + 1) * sizeof(wchar_t);
+}
+
+template <class Function, class Call>
+[[gnu::always_inline]] inline int print(next_function<Function>& next, char** text, const machine_context& caller,
+                                        Call call) noexcept {
+    const allocating_for_caller scope;
+    return observe(
+        next, caller, call, [text](int length) { return length < 0 ? nullptr : *text; }, size_of_text);
+}
+
+} // namespace
+
+} // namespace qor::record
+
+using namespace qor::record;
+
+#define QOR_HOOK extern "C" __attribute__((visibility("default")))
+
+QOR_HOOK void* malloc(std::size_t size) {
+    if (uses_reserve()) [[unlikely]]
+        return allocate_from_reserve(size);
+    return allocate(next_malloc, capture_context(), size, size);
+}
+
+QOR_HOOK void* calloc(std::size_t count, std::size_t size) {
+    if (uses_reserve()) [[unlikely]]
+        return allocate_from_reserve(count * size);
+    return allocate(next_calloc, capture_context(), count * size, count, size);
+}
+
+QOR_HOOK void* realloc(void* block, std::size_t size) {
+    if (uses_reserve()) [[unlikely]] {
+        void* const moved = allocate_from_reserve(size);
+        if (moved != nullptr && block != nullptr)
+            memcpy(moved, block, size_in_reserve(block) < size ? size_in_reserve(block) : size);
+        return moved;
+    }
+    if (is_from_reserve(block)) [[unlikely]]
+        return move_out_of_reserve(block, size, capture_context());
+    return reallocate(block, size, capture_context());
+}
+
+QOR_HOOK void* reallocarray(void* block, std::size_t count, std::size_t size) {
+    std::size_t whole;
+    if (__builtin_mul_overflow(count, size, &whole)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    if (uses_reserve() || is_from_reserve(block)) [[unlikely]]
+        return realloc(block, whole);
+    return reallocate(block, whole, capture_context());
+}
+
+QOR_HOOK void free(void* block) {
+    if (uses_reserve()) [[unlikely]]
+        return;
+    release(next_free, block, capture_context());
+}
+
+QOR_HOOK void cfree(void* block) {
+    if (!uses_reserve())
+        release(next_free, block, capture_context());
+}
+
+QOR_HOOK void free_sized(void* block, std::size_t size) {
+    if (!uses_reserve())
+        release(next_free_sized, block, capture_context(), size);
+}
+
+QOR_HOOK void free_aligned_sized(void* block, std::size_t alignment, std::size_t size) {
+    if (!uses_reserve())
+        release(next_free_aligned_sized, block, capture_context(), alignment, size);
+}
+
+QOR_HOOK void* memalign(std::size_t alignment, std::size_t size) {
+    return allocate(next_memalign, capture_context(), size, alignment, size);
+}
+
+QOR_HOOK void* aligned_alloc(std::size_t alignment, std::size_t size) {
+    return allocate(next_aligned_alloc, capture_context(), size, alignment, size);
+}
+
+QOR_HOOK int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
+    auto* const function = find(next_posix_memalign);
+    return observe(
+        next_posix_memalign, capture_context(), [=] { return function(result, alignment, size); },
+        [=](int reason) { return reason == 0 ? *result : nullptr; }, [=](const void*) { return size; });
+}
+
+QOR_HOOK void* valloc(std::size_t size) { return allocate(next_valloc, capture_context(), size, size); }
+
+QOR_HOOK void* pvalloc(std::size_t size) { return allocate(next_pvalloc, capture_context(), size, size); }
+
+QOR_HOOK std::size_t malloc_usable_size(void* block) {
+    if (is_from_reserve(block))
+        return size_in_reserve(block);
+    auto* const function = find(next_malloc_usable_size);
+    return function != nullptr ? function(block) : 0;
+}
+
+QOR_HOOK char* strdup(const char* text) {
+    auto* const function = find(next_strdup);
+    return duplicate(
+        next_strdup, capture_context(), [=] { return function(text); }, size_of_text);
+}
+
+QOR_HOOK char* __strdup(const char* text) {
+    auto* const function = find(next_strdup);
+    return duplicate(
+        next_strdup, capture_context(), [=] { return function(text); }, size_of_text);
+}
+
+QOR_HOOK char* strndup(const char* text, std::size_t size) {
+    auto* const function = find(next_strndup);
+    return duplicate(
+        next_strndup, capture_context(), [=] { return function(text, size); }, size_of_text);
+}
+
+QOR_HOOK char* __strndup(const char* text, std::size_t size) {
+    auto* const function = find(next_strndup);
+    return duplicate(
+        next_strndup, capture_context(), [=] { return function(text, size); }, size_of_text);
+}
+
+QOR_HOOK wchar_t* wcsdup(const wchar_t* text) {
+    auto* const function = find(next_wcsdup);
+    return duplicate(
+        next_wcsdup, capture_context(), [=] { return function(text); }, size_of_wide_text);
+}
+
+QOR_HOOK int vasprintf(char** result, const char* format, va_list arguments) {
+    auto* const function = find(next_vasprintf);
+    return print(next_vasprintf, result, capture_context(), [&] { return function(result, format, arguments); });
+}
+
+QOR_HOOK int asprintf(char** result, const char* format, ...) {
+    auto* const function = find(next_vasprintf);
+    va_list arguments;
+    va_start(arguments, format);
+    const int length =
+        print(next_vasprintf, result, capture_context(), [&] { return function(result, format, arguments); });
+    va_end(arguments);
+    return length;
+}
+
+QOR_HOOK int __asprintf(char** result, const char* format, ...) {
+    auto* const function = find(next_vasprintf);
+    va_list arguments;
+    va_start(arguments, format);
+    const int length =
+        print(next_vasprintf, result, capture_context(), [&] { return function(result, format, arguments); });
+    va_end(arguments);
+    return length;
+}
+
+QOR_HOOK int __vasprintf_chk(char** result, int flag, const char* format, va_list arguments) {
+    auto* const function = find(next___vasprintf_chk);
+    return print(next___vasprintf_chk, result, capture_context(),
+                 [&] { return function(result, flag, format, arguments); });
+}
+
+QOR_HOOK int __asprintf_chk(char** result, int flag, const char* format, ...) {
+    auto* const function = find(next___vasprintf_chk);
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = print(next___vasprintf_chk, result, capture_context(),
+                             [&] { return function(result, flag, format, arguments); });
+    va_end(arguments);
+    return length;
+}
+
+// Another library may lie at the place of this one later.
+QOR_HOOK int dlclose(void* library) {
+    auto* const function = find(next_dlclose);
+    modules_are_going();
+    const int result = function(library);
+    modules_have_gone();
+    return result;
+}
+
+// Strict mode allows a thread to read, write and end: the recorder then gets its records without a call of the system.
+QOR_HOOK int prctl(int operation, ...) {
+    auto* const function = find(next_prctl);
+    va_list list;
+    va_start(list, operation);
+    const auto a = va_arg(list, unsigned long);
+    const auto b = va_arg(list, unsigned long);
+    const auto c = va_arg(list, unsigned long);
+    const auto d = va_arg(list, unsigned long);
+    va_end(list);
+    if (operation == PR_SET_SECCOMP && a == SECCOMP_MODE_STRICT)
+        make_no_system_calls();
+    return function(operation, a, b, c, d);
+}
+
+namespace {
+
+// Before the libraries of the program: this library has the flag -z initfirst.
+__attribute__((constructor)) void start(int, char**, char** environment) { start_recording(environment); }
+
+} // namespace

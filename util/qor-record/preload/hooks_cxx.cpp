@@ -1,0 +1,152 @@
+// The operators new and delete of C++, in all forms. Those of the C++ library call malloc and free, which are hooked
+// themselves; an allocator's own may not. An exception of a failed allocation passes through.
+#include "next.h"
+#include "process.h"
+#include "recording.h"
+
+#include <dlfcn.h>
+#include <elf.h>
+#include <link.h>
+#include <stdlib.h>
+
+namespace qor::record {
+
+namespace {
+
+struct nothrow_tag;
+
+using release_function = void(void*);
+
+// The frames of the operator are not what a block's user looks for.
+void mark_as_allocation_code(void* function) noexcept {
+    Dl_info information;
+    const ElfW(Sym)* symbol = nullptr;
+    if (function == nullptr ||
+        dladdr1(function, &information, reinterpret_cast<void**>(const_cast<ElfW(Sym)**>(&symbol)), RTLD_DL_SYMENT) ==
+            0 ||
+        symbol == nullptr)
+        return;
+    const auto begin = reinterpret_cast<std::uintptr_t>(function);
+    add_allocation_code(begin, begin + symbol->st_size);
+}
+
+template <class Function>
+Function* find(next_function<Function>& next) noexcept {
+    Function* found = next.function.load(std::memory_order_relaxed);
+    if (found != nullptr) [[likely]]
+        return found;
+    void* const symbol = find_next_of_cxx(next.name);
+    mark_as_allocation_code(symbol);
+    found = reinterpret_cast<Function*>(symbol);
+    next.function.store(found, std::memory_order_relaxed);
+    return found;
+}
+
+// Not noexcept: what the operator throws passes through.
+template <class Function, class... Arguments>
+[[gnu::always_inline]] inline void* allocate(next_function<Function>& next, const machine_context& caller,
+                                             std::size_t size, Arguments... arguments) {
+    Function* const function = find(next);
+    if (function == nullptr) [[unlikely]] {
+        // A program of C++ without a C++ library that could be found: only its malloc is left.
+        void* const made = malloc(size);
+        if (made == nullptr)
+            abort();
+        return made;
+    }
+    const habit known = next.found.load(std::memory_order_relaxed);
+    if (known == habit::calls_hooks) [[likely]]
+        return function(arguments...);
+    const unsigned long before = counts_of_this_thread().allocations;
+    void* const made = function(arguments...);
+    if (made == nullptr)
+        return nullptr;
+    const bool is_recorded = known == habit::unknown && counts_of_this_thread().allocations != before;
+    if (known == habit::unknown)
+        next.found.store(is_recorded ? habit::calls_hooks : habit::works_alone, std::memory_order_relaxed);
+    if (!is_recorded)
+        record_allocation(record_kind::allocation, made, size, caller);
+    return made;
+}
+
+template <class Function, class... Arguments>
+[[gnu::always_inline]] inline void release(next_function<Function>& next, const machine_context& caller, void* block,
+                                           Arguments... arguments) noexcept {
+    Function* const function = find(next);
+    if (function == nullptr) [[unlikely]]
+        return free(block);
+    const habit known = next.found.load(std::memory_order_relaxed);
+    if (known == habit::calls_hooks) [[likely]]
+        return function(block, arguments...);
+    if (known == habit::works_alone && block != nullptr)
+        record_release(record_kind::release, block, caller);
+    const unsigned long before = counts_of_this_thread().releases;
+    function(block, arguments...);
+    if (known != habit::unknown || block == nullptr)
+        return;
+    const bool is_recorded = counts_of_this_thread().releases != before;
+    next.found.store(is_recorded ? habit::calls_hooks : habit::works_alone, std::memory_order_relaxed);
+    if (!is_recorded)
+        record_release(record_kind::release, block, caller);
+}
+
+} // namespace
+
+// An operator new of the program's own comes before this library's; it gets its memory from malloc as it likes.
+void find_operators_of_program() noexcept {
+    for (const char* const name :
+         {"_Znwm", "_Znam", "_ZnwmRKSt9nothrow_t", "_ZnamRKSt9nothrow_t", "_ZnwmSt11align_val_t",
+          "_ZnamSt11align_val_t", "_ZnwmSt11align_val_tRKSt9nothrow_t", "_ZnamSt11align_val_tRKSt9nothrow_t"}) {
+        void* const first = dlsym(RTLD_DEFAULT, name);
+        Dl_info of_first;
+        Dl_info of_this;
+        if (first != nullptr && dladdr(first, &of_first) != 0 &&
+            dladdr(reinterpret_cast<void*>(&find_operators_of_program), &of_this) != 0 &&
+            of_first.dli_fbase != of_this.dli_fbase)
+            mark_as_allocation_code(first);
+    }
+}
+
+} // namespace qor::record
+
+using namespace qor::record;
+
+#define QOR_HOOK extern "C" __attribute__((visibility("default")))
+
+#define QOR_NEW(name, parameters, arguments)                                                                           \
+    namespace {                                                                                                        \
+    constinit next_function<void * parameters> next_##name{#name};                                                     \
+    }                                                                                                                  \
+    QOR_HOOK void* name parameters { return allocate(next_##name, capture_context(), size, QOR_LIST arguments); }
+#define QOR_DELETE(name, parameters, ...)                                                                              \
+    namespace {                                                                                                        \
+    constinit next_function<void parameters> next_##name{#name};                                                       \
+    }                                                                                                                  \
+    QOR_HOOK void name parameters { release(next_##name, capture_context(), block __VA_OPT__(, ) __VA_ARGS__); }
+#define QOR_LIST(...) __VA_ARGS__
+
+QOR_NEW(_Znwm, (std::size_t size), (size))
+QOR_NEW(_Znam, (std::size_t size), (size))
+QOR_NEW(_ZnwmRKSt9nothrow_t, (std::size_t size, const nothrow_tag* tag), (size, tag))
+QOR_NEW(_ZnamRKSt9nothrow_t, (std::size_t size, const nothrow_tag* tag), (size, tag))
+QOR_NEW(_ZnwmSt11align_val_t, (std::size_t size, std::size_t alignment), (size, alignment))
+QOR_NEW(_ZnamSt11align_val_t, (std::size_t size, std::size_t alignment), (size, alignment))
+QOR_NEW(_ZnwmSt11align_val_tRKSt9nothrow_t, (std::size_t size, std::size_t alignment, const nothrow_tag* tag),
+        (size, alignment, tag))
+QOR_NEW(_ZnamSt11align_val_tRKSt9nothrow_t, (std::size_t size, std::size_t alignment, const nothrow_tag* tag),
+        (size, alignment, tag))
+
+QOR_DELETE(_ZdlPv, (void* block))
+QOR_DELETE(_ZdaPv, (void* block))
+QOR_DELETE(_ZdlPvm, (void* block, std::size_t size), size)
+QOR_DELETE(_ZdaPvm, (void* block, std::size_t size), size)
+QOR_DELETE(_ZdlPvRKSt9nothrow_t, (void* block, const nothrow_tag* tag), tag)
+QOR_DELETE(_ZdaPvRKSt9nothrow_t, (void* block, const nothrow_tag* tag), tag)
+QOR_DELETE(_ZdlPvSt11align_val_t, (void* block, std::size_t alignment), alignment)
+QOR_DELETE(_ZdaPvSt11align_val_t, (void* block, std::size_t alignment), alignment)
+QOR_DELETE(_ZdlPvmSt11align_val_t, (void* block, std::size_t size, std::size_t alignment), size, alignment)
+QOR_DELETE(_ZdaPvmSt11align_val_t, (void* block, std::size_t size, std::size_t alignment), size, alignment)
+QOR_DELETE(_ZdlPvSt11align_val_tRKSt9nothrow_t, (void* block, std::size_t alignment, const nothrow_tag* tag), alignment,
+           tag)
+QOR_DELETE(_ZdaPvSt11align_val_tRKSt9nothrow_t, (void* block, std::size_t alignment, const nothrow_tag* tag), alignment,
+           tag)

@@ -1,0 +1,36 @@
+// The functions that the hooks stand before: those that the program would call without this library. They are the C
+// library's, or an allocator's that is linked or preloaded.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace qor::record {
+
+// Whether a function gets its memory by a call of malloc, free or the like that another hook sees. The first call
+// shows.
+enum class habit : unsigned char { unknown, calls_hooks, works_alone };
+
+template <class Function>
+struct next_function {
+    const char* const name;
+    std::atomic<Function*> function{nullptr};
+    std::atomic<habit> found{habit::unknown};
+
+    constexpr explicit next_function(const char* symbol) noexcept : name(symbol) {}
+};
+
+// Null: there is none. The functions of C are searched for behind this library.
+void* find_next(const char* name) noexcept;
+
+// Also in a C++ library that was loaded with a library of its own, after the program.
+void* find_next_of_cxx(const char* name) noexcept;
+
+// ---- memory for what the loader allocates while it is asked; it is never released
+
+void* allocate_from_reserve(std::size_t size) noexcept;
+bool is_from_reserve(const void* block) noexcept;
+std::size_t size_in_reserve(const void* block) noexcept;
+
+} // namespace qor::record

@@ -1,0 +1,68 @@
+// Inside the preload: the arena as this process has mapped it, and its session in it.
+#pragma once
+
+#include "shared/arena.h"
+
+namespace qor::record {
+
+struct process_state {
+    arena* shared;     // null: nothing is recorded
+    session* own;      // this process's
+    ring_record* ring; // of `own`
+    unsigned own_index;
+    bool without_system_calls;
+    std::uint32_t depth;
+
+    // A page that a fork clears, so that a child notices at its first record that it is one.
+    struct owner_page {
+        std::atomic<std::uint32_t> phase;
+    } * owner;
+};
+
+enum : std::uint32_t { phase_forked = 0, phase_starting, phase_running, phase_off };
+
+extern process_state this_process;
+
+// The node of that number. Null: it could not be mapped.
+node* node_at(std::uint32_t number) noexcept;
+
+// Maps a part of the arena's file that lies behind the arena; null: there is no room.
+void* map_behind_arena(std::size_t offset, std::size_t size) noexcept;
+
+// ---- modules.cpp
+
+// The module of a place in the code; 0: none. The bit `allocation_code` is set for code of allocation functions, which
+// are not what a block's user looks for.
+inline constexpr std::uint32_t allocation_code = 0x8000;
+std::uint32_t module_of(std::uintptr_t address) noexcept;
+
+// Makes a range of the program's code one of allocation functions. While the process starts.
+void add_allocation_code(std::uintptr_t begin, std::uintptr_t end) noexcept;
+
+// Tells which of the modules that were there are not there any more.
+void find_modules_gone(void (*gone)(std::uint32_t module) noexcept) noexcept;
+
+// While a library is being unloaded, nothing that is remembered of places in the code is sure.
+inline std::atomic<unsigned> unloading;
+inline bool modules_are_changing() noexcept { return unloading.load(std::memory_order_relaxed) != 0; }
+
+// Forgets which module a place belongs to.
+void forget_places() noexcept;
+
+// This library's own code.
+extern "C" __attribute__((visibility("hidden"))) const char __ehdr_start[];
+extern "C" __attribute__((visibility("hidden"))) const char etext[];
+inline code_range own_code() noexcept {
+    return {reinterpret_cast<std::uintptr_t>(__ehdr_start), reinterpret_cast<std::uintptr_t>(etext)};
+}
+inline bool is_own_code(std::uintptr_t address) noexcept {
+    return address >= own_code().begin && address < own_code().end;
+}
+
+// ---- stacks.cpp
+
+// The node of a stack, whose innermost frame comes first.
+std::uint32_t node_of(const std::uintptr_t* frames, unsigned count) noexcept;
+void forget_stacks() noexcept;
+
+} // namespace qor::record

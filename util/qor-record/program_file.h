@@ -1,0 +1,26 @@
+// The file of the program to be recorded, looked at before it runs.
+#pragma once
+
+#include "shared/arena.h"
+
+#include <string>
+#include <vector>
+
+namespace qor::record {
+
+// As the shell finds it: along PATH if there is no '/' in the name. Empty: there is none that can be executed.
+std::string find_program(const std::string& name);
+
+struct program_facts {
+    bool has_own_malloc = false;             // nothing can stand before it
+    std::vector<code_range> allocation_code; // operators new that are in the file itself
+};
+
+// False, after a message: this program cannot be recorded. Of a script it is its interpreter that counts; what another
+// file is shows when the system executes it.
+bool look_at_program(const std::string& path, program_facts& found);
+
+// The names of the operators new, as the linker knows them.
+bool is_allocation_symbol(std::string_view name);
+
+} // namespace qor::record
