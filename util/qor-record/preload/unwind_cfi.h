@@ -1,0 +1,79 @@
+// The rules of .eh_frame for x86-64, read from tables that may be damaged: nothing outside of them is touched.
+#pragma once
+
+#include <cstdint>
+
+namespace qor::record {
+
+// The readable segment that holds both tables of a module, and where in it .eh_frame_hdr begins.
+struct frame_tables {
+    std::uintptr_t begin;
+    std::uintptr_t end;
+    std::uintptr_t header; // 0: the module has no such tables
+};
+
+namespace column {
+constexpr unsigned rax = 0, rdx = 1, rcx = 2, rbx = 3, rsi = 4, rdi = 5, rbp = 6, rsp = 7, r12 = 12, r15 = 15,
+                   return_address = 16, count = 17;
+}
+
+enum class how : std::uint8_t {
+    unspecified, // unchanged where a call keeps the register, otherwise lost
+    same,
+    undefined,
+    at_offset,     // saved at CFA + value
+    offset,        // is CFA + value
+    in_register,   // is what the register `value` was
+    at_expression, // saved where the expression says
+    expression,    // is what the expression says
+};
+
+// An expression is told by its distance from the begin of the tables, where its length stands.
+struct register_rule {
+    how kind;
+    std::int32_t value;
+};
+
+// What is known of a frame at one program counter.
+struct frame_row {
+    register_rule cfa; // offset: `cfa_register` + value; expression
+    std::uint8_t cfa_register;
+    bool is_signal; // the frame below was interrupted, and did not call
+    register_rule registers[column::count];
+};
+
+// False: the tables have nothing for this program counter, or nothing that can be understood.
+bool find_row(const frame_tables& tables, std::uintptr_t pc, frame_row& row) noexcept;
+
+// Memory of a thread that may not be there. A function instead of a virtual one: nothing of the C++ library is needed.
+struct memory_reader {
+    bool (*read_word)(memory_reader& self, std::uintptr_t address, std::uintptr_t& value) noexcept;
+
+    bool read(std::uintptr_t address, std::uintptr_t& value) noexcept { return read_word(*this, address, value); }
+};
+
+struct register_set {
+    std::uintptr_t values[column::count];
+    std::uint32_t known; // a bit for each register
+
+    bool knows(unsigned number) const noexcept { return (known >> number & 1) != 0; }
+    void set(unsigned number, std::uintptr_t value) noexcept {
+        values[number] = value;
+        known |= 1u << number;
+    }
+};
+
+// The value of the expression of a rule. False: it needs a register that is not known, memory that is not there, or is
+// none.
+bool evaluate(const frame_tables& tables, std::int32_t expression, const register_set& registers, memory_reader& memory,
+              const std::uintptr_t* initial, std::uintptr_t& result) noexcept;
+
+// Whether the expression is the value of `number` plus `offset`, and with `is_read` what stands in memory there.
+bool is_register_and_offset(const frame_tables& tables, std::int32_t expression, unsigned number, std::int64_t& offset,
+                            bool& is_read) noexcept;
+
+// Turns the registers of a frame into those of its caller. An unknown return address is the end of the stack. False:
+// the caller cannot be told.
+bool step(const frame_tables& tables, const frame_row& row, register_set& registers, memory_reader& memory) noexcept;
+
+} // namespace qor::record

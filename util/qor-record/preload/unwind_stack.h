@@ -1,0 +1,42 @@
+// Which memory around a stack pointer can be read.
+#pragma once
+
+#include "unwind_cfi.h"
+
+#include <cstdint>
+
+namespace qor::record {
+
+constexpr std::uintptr_t page_size = 4096;
+
+// Asks the kernel for the page that holds the address; errno stays as it is.
+bool is_readable(std::uintptr_t address) noexcept;
+
+// The thread that calls has its stack where the system put that of the program.
+void this_is_the_main_thread() noexcept;
+
+// A stretch of readable memory from a stack pointer up. On the thread's own stack it reaches to its upper end, and
+// costs nothing; on any other stack it grows by pages as they are needed.
+class stack_view {
+public:
+    // Whether the word at `address` can be read, without asking anybody.
+    bool covers(std::uintptr_t address) const noexcept {
+        return address - m_low <= m_high - m_low - sizeof address && m_high != m_low;
+    }
+
+    // A stack pointer: of code that is running, or one that may be anything.
+    void enter_running(std::uintptr_t sp) noexcept;
+    void enter(std::uintptr_t sp) noexcept;
+
+    // Whether the word lies on this stack, not far above what is known of it.
+    bool reaches(std::uintptr_t address) noexcept;
+
+    std::uintptr_t low() const noexcept { return m_low; }
+
+private:
+    std::uintptr_t m_low = 0;
+    std::uintptr_t m_high = 0;
+    bool m_own = false;
+};
+
+} // namespace qor::record

@@ -1,0 +1,274 @@
+#include "unwind.h"
+#include "unwind_rules.h"
+#include "unwind_stack.h"
+
+namespace qor::record {
+namespace {
+
+std::uintptr_t word_at(std::uintptr_t address) noexcept { return *reinterpret_cast<const std::uintptr_t*>(address); }
+
+// The stack of the walk; memory elsewhere is read only if the kernel lets it.
+struct stack_reader : memory_reader {
+    stack_reader() noexcept : memory_reader{&read_somewhere} {}
+
+    stack_view view;
+
+private:
+    static bool read_somewhere(memory_reader& self, std::uintptr_t address, std::uintptr_t& value) noexcept {
+        if (address % sizeof address != 0 ||
+            !(static_cast<stack_reader&>(self).view.reaches(address) || is_readable(address)))
+            return false;
+        value = word_at(address);
+        return true;
+    }
+};
+
+// Whether a call ends where code goes on at `pc`.
+bool follows_call(std::uintptr_t pc) noexcept {
+    constexpr unsigned longest = 7;
+    // From the last byte down, as far as there is memory.
+    unsigned char code[longest]{};
+    unsigned count = 0;
+    for (; count < longest; ++count) {
+        const std::uintptr_t address = pc - 1 - count;
+        if ((count == 0 || address % page_size == page_size - 1) && !is_readable(address))
+            break;
+        code[longest - 1 - count] = *reinterpret_cast<const unsigned char*>(address);
+    }
+    if (count >= 5 && code[2] == 0xe8)
+        return true;
+    for (unsigned length = 2; length <= count; ++length) {
+        const unsigned char* const at = code + longest - length;
+        if (at[0] != 0xff || (at[1] >> 3 & 7) != 2)
+            continue;
+        const unsigned mode = at[1] >> 6;
+        const unsigned place = at[1] & 7;
+        unsigned needed = 2;
+        if (mode != 3 && place == 4)
+            needed += 1;
+        if (mode == 1)
+            needed += 1;
+        else if (mode == 2 || (mode == 0 && (place == 5 || (place == 4 && length > 2 && (at[2] & 7) == 5))))
+            needed += 4;
+        if (needed == length)
+            return true;
+    }
+    return false;
+}
+
+// One way down a stack. `lookup` is where the rule for a frame is found: within the call, not behind it.
+struct frame_position {
+    std::uintptr_t pc;
+    std::uintptr_t sp;
+    std::uintptr_t fp;
+    std::uintptr_t lookup;
+};
+
+// Where no table tells: the frame pointer, if it leads up on the same stack to what a call has left. `state` as in
+// rule_of: while modules come and go, only those that stay are looked at.
+bool follow_frame_pointer(frame_position& at, stack_view& view, std::uint64_t state) noexcept {
+    if (at.fp < at.sp || at.fp % sizeof at.fp != 0 || !view.reaches(at.fp) || !view.reaches(at.fp + 8))
+        return false;
+    const std::uintptr_t pc = word_at(at.fp + 8);
+    found_module module;
+    if (state >= one_change && find_module(pc - 1, module) && !module.stays)
+        return false;
+    if (pc < page_size || !follows_call(pc))
+        return false;
+    at = {pc, at.fp + 16, word_at(at.fp), pc - 1};
+    return true;
+}
+
+bool leave_signal_frame(frame_position& at, stack_view& view) noexcept {
+    if (!view.reaches(at.sp + signal_offset::fp) || !view.reaches(at.sp + signal_offset::pc))
+        return false;
+    const std::uintptr_t pc = word_at(at.sp + signal_offset::pc);
+    at = {pc, word_at(at.sp + signal_offset::sp), word_at(at.sp + signal_offset::fp), pc};
+    if (at.sp % sizeof at.sp != 0)
+        return false;
+    if (!view.covers(at.sp))
+        view.enter(at.sp);
+    return true;
+}
+
+enum class general_step { done, end, no_table, needs_registers };
+
+// A rule that is too long for the cache.
+general_step take_general_step(register_set& registers, std::uintptr_t& lookup, stack_reader& reader) noexcept {
+    found_module module;
+    frame_row row;
+    if (!find_module(lookup, module) || !find_row(module.tables, lookup, row))
+        return general_step::no_table;
+    const std::uintptr_t sp = registers.values[column::rsp];
+    if (!step(module.tables, row, registers, reader))
+        return general_step::needs_registers;
+    const std::uintptr_t new_sp = registers.values[column::rsp];
+    if (!registers.knows(column::return_address) || !registers.knows(column::rsp) || new_sp == sp ||
+        new_sp % sizeof new_sp != 0)
+        return general_step::end;
+    const std::uintptr_t pc = registers.values[column::return_address];
+    lookup = row.is_signal ? pc : pc - 1;
+    if (!reader.view.covers(new_sp))
+        reader.view.enter(new_sp);
+    return pc < page_size ? general_step::end : general_step::done;
+}
+
+// The registers here, as far as a function keeps them.
+[[gnu::always_inline]] inline void capture_registers(register_set& result) noexcept {
+    __asm__ volatile("movq %%rbx, 24(%0)\n\t"
+                     "movq %%rbp, 48(%0)\n\t"
+                     "movq %%rsp, 56(%0)\n\t"
+                     "movq %%r12, 96(%0)\n\t"
+                     "movq %%r13, 104(%0)\n\t"
+                     "movq %%r14, 112(%0)\n\t"
+                     "movq %%r15, 120(%0)\n\t"
+                     "leaq 1f(%%rip), %%rax\n"
+                     "1:\n\t"
+                     "movq %%rax, 128(%0)"
+                     :
+                     : "r"(result.values)
+                     : "rax", "memory");
+    result.known =
+        1u << column::rbx | 1u << column::rbp | 1u << column::rsp | 0xfu << column::r12 | 1u << column::return_address;
+}
+
+// With all registers that calls keep, from here to the context and on: some rules need more than those in the context.
+[[gnu::noinline]] unsigned unwind_with_all_registers(const machine_context& context, std::uintptr_t* frames,
+                                                     unsigned depth, unsigned count) noexcept {
+    register_set registers{};
+    capture_registers(registers);
+    stack_reader reader;
+    reader.view.enter_running(registers.values[column::rsp]);
+    std::uintptr_t lookup = registers.values[column::return_address];
+    const std::uint64_t state = module_state.load(std::memory_order_acquire);
+    const auto is_at_context = [&] {
+        return registers.values[column::rsp] == context.sp && registers.values[column::return_address] == context.pc;
+    };
+    for (unsigned steps = 0; !is_at_context(); ++steps)
+        if (steps == 16 || registers.values[column::rsp] > context.sp ||
+            take_general_step(registers, lookup, reader) != general_step::done)
+            return count;
+
+    for (unsigned n = 0;;) {
+        frames[n++] = registers.values[column::return_address];
+        if (n == depth)
+            return n;
+        switch (take_general_step(registers, lookup, reader)) {
+        case general_step::done:
+            continue;
+        case general_step::no_table:
+            break;
+        default:
+            return n;
+        }
+        frame_position at{frames[n - 1], registers.values[column::rsp], registers.values[column::rbp], lookup};
+        if (rule_of(lookup, state) == frame_rule::signal_frame
+                ? !leave_signal_frame(at, reader.view)
+                : !registers.knows(column::rbp) || !follow_frame_pointer(at, reader.view, state))
+            return n;
+        registers.known = 0;
+        registers.set(column::rsp, at.sp);
+        registers.set(column::rbp, at.fp);
+        registers.set(column::return_address, at.pc);
+        lookup = at.lookup;
+    }
+}
+
+} // namespace
+
+void prepare_unwinder() noexcept {
+    static constinit bool is_prepared = false;
+    // A forked child has the modules of its parent, but none of the threads that were changing them.
+    module_state.fetch_and(one_change - 1);
+    if (is_prepared)
+        return;
+    is_prepared = true;
+    this_is_the_main_thread();
+    read_first_modules();
+}
+
+unsigned unwind(const machine_context& context, std::uintptr_t* frames, unsigned depth) noexcept {
+    if (depth == 0 || context.pc < page_size || context.sp % sizeof context.sp != 0)
+        return 0;
+    const std::uint64_t state = module_state.load(std::memory_order_acquire);
+    stack_reader reader;
+    stack_view& view = reader.view;
+    view.enter_running(context.sp);
+    frame_position at{context.pc, context.sp, context.fp, context.pc - 1};
+    for (unsigned n = 0;;) {
+        frames[n++] = at.pc;
+        if (n == depth)
+            return n;
+        const frame_rule rule = rule_of(at.lookup, state);
+        std::uintptr_t cfa;
+        std::uintptr_t saved;
+        if (rule.kind() == frame_rule::from_sp) [[likely]] {
+            cfa = at.sp + rule.offset();
+            saved = cfa - rule.saved();
+        } else if (rule.kind() == frame_rule::from_fp) {
+            if (at.fp % sizeof at.fp != 0)
+                return n;
+            cfa = at.fp + rule.offset();
+            saved = cfa - rule.saved();
+        } else if (rule.kind() == frame_rule::from_fp_read) {
+            if (at.fp % sizeof at.fp != 0 || !view.reaches(at.fp - rule.offset()) || !view.reaches(at.fp))
+                return n;
+            cfa = word_at(at.fp - rule.offset());
+            saved = at.fp;
+        } else {
+            switch (rule.which()) {
+            case frame_rule::outermost:
+                return n;
+            case frame_rule::signal_frame:
+                if (!leave_signal_frame(at, view) || at.pc < page_size)
+                    return n;
+                continue;
+            case frame_rule::no_table:
+                if (!follow_frame_pointer(at, view, state))
+                    return n;
+                continue;
+            case frame_rule::general:
+                break;
+            }
+            register_set registers{};
+            registers.set(column::rsp, at.sp);
+            registers.set(column::rbp, at.fp);
+            registers.set(column::return_address, at.pc);
+            const general_step result = take_general_step(registers, at.lookup, reader);
+            if (result == general_step::needs_registers || !registers.knows(column::rbp))
+                return unwind_with_all_registers(context, frames, depth, n);
+            if (result != general_step::done)
+                return n;
+            at = {registers.values[column::return_address], registers.values[column::rsp],
+                  registers.values[column::rbp], at.lookup};
+            continue;
+        }
+
+        // Up, and on the same stack; a function that changes stacks keeps the old one in its frame pointer.
+        if (cfa - 8 < at.sp || !view.covers(cfa - 8)) [[unlikely]] {
+            if (cfa % sizeof cfa != 0)
+                return n;
+            if (cfa - 8 < at.sp || !view.reaches(cfa - 8)) {
+                if (rule.kind() == frame_rule::from_sp)
+                    return n;
+                view.enter(saved < cfa - 8 ? saved : cfa - 8);
+                if (!view.reaches(cfa - 8))
+                    return n;
+            }
+        }
+        if (rule.kind() == frame_rule::from_fp_read) {
+            at.fp = word_at(saved);
+        } else if (saved != cfa) {
+            if (!view.covers(saved)) [[unlikely]]
+                return n;
+            at.fp = word_at(saved);
+        }
+        at.pc = word_at(cfa - 8);
+        at.sp = cfa;
+        at.lookup = at.pc - 1;
+        if (at.pc < page_size)
+            return n;
+    }
+}
+
+} // namespace qor::record
