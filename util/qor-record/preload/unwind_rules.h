@@ -54,14 +54,16 @@ frame_rule read_rule(std::uintptr_t pc) noexcept;
 
 namespace rule_cache {
 
-// Two words that belong together only if one is the other's check: threads write them at once, in any order.
-struct entry {
+// Threads write the parts of an entry at once, in any order: `check` belongs to `rule`, or the entry counts for
+// nothing.
+struct alignas(32) entry {
     std::atomic<std::uint64_t> check;
-    std::atomic<std::uint64_t> rule; // below; above it the number of module_state, 0 where the module stays
+    std::atomic<std::uint64_t> rule;   // below; above it the number of module_state, 0 where the module stays
+    std::atomic<std::uint32_t> caller; // the place of the entry that was needed next: a guess
 };
 
-constexpr unsigned index_bits = 17;
-extern entry entries[1u << index_bits];
+constexpr unsigned index_bits = 16;
+[[gnu::visibility("hidden")]] extern entry entries[1u << index_bits];
 
 inline entry& place_of(std::uintptr_t pc) noexcept { return entries[(pc * 0x9e3779b97f4a7c15u) >> (64 - index_bits)]; }
 
@@ -70,16 +72,36 @@ constexpr std::uint64_t check_of(std::uintptr_t pc, std::uint64_t rule) noexcept
     return pc ^ (rule + 1) * 0xd6e8feb86659fd93u;
 }
 
+// `state`: of module_state.
+inline bool holds(const entry& place, std::uintptr_t pc, std::uint64_t state, frame_rule& rule) noexcept {
+    const std::uint64_t value = place.rule.load(std::memory_order_relaxed);
+    const std::uint64_t number = value >> 32;
+    rule = frame_rule(static_cast<std::uint32_t>(value));
+    return place.check.load(std::memory_order_relaxed) == check_of(pc, value) && (number == 0 || number == state);
+}
+
 } // namespace rule_cache
 
 inline frame_rule rule_of(std::uintptr_t pc, std::uint64_t state) noexcept {
-    const rule_cache::entry& entry = rule_cache::place_of(pc);
-    const std::uint64_t rule = entry.rule.load(std::memory_order_relaxed);
-    const std::uint64_t number = rule >> 32;
-    if (entry.check.load(std::memory_order_relaxed) == rule_cache::check_of(pc, rule) &&
-        (number == 0 || number == state)) [[likely]]
-        return frame_rule(static_cast<std::uint32_t>(rule));
-    return read_rule(pc);
+    frame_rule rule = frame_rule::no_table;
+    return rule_cache::holds(rule_cache::place_of(pc), pc, state, rule) ? rule : read_rule(pc);
+}
+
+// An entry and what was in it.
+struct rule_place {
+    rule_cache::entry* entry;
+    frame_rule rule;
+};
+
+// The rule by the whole way, after `last`.
+rule_place look_for_rule(rule_cache::entry* last, std::uintptr_t pc, std::uint64_t state) noexcept;
+
+// The rule of a frame after that of `last`, which it called or which interrupted it. Where `last` was called from
+// before is tried first: then the processor need not wait for the return address to find the next rule.
+[[gnu::always_inline]] inline rule_place next_rule(rule_cache::entry* last, std::uintptr_t pc,
+                                                   std::uint64_t state) noexcept {
+    rule_place result{&rule_cache::entries[last->caller.load(std::memory_order_relaxed)], frame_rule::no_table};
+    return rule_cache::holds(*result.entry, pc, state, result.rule) ? result : look_for_rule(last, pc, state);
 }
 
 } // namespace qor::record

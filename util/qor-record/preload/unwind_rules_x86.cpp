@@ -78,6 +78,10 @@ frame_rule compress(const frame_tables& tables, const frame_row& row, std::uintp
             saved};
 }
 
+// Counts wrong guesses. Few of them are set right, or threads that call one function from here and there would take its
+// entry from each other all the time.
+[[gnu::tls_model("initial-exec")]] constinit thread_local unsigned wrong_guesses = 0;
+
 // What a handler returns to, in programs without tables for it: mov $15, %rax; syscall.
 bool is_return_from_signal(std::uintptr_t pc) noexcept {
     constexpr unsigned char code[] = {0x48, 0xc7, 0xc0, 0x0f, 0, 0, 0, 0x0f, 0x05};
@@ -104,6 +108,15 @@ bool is_return_from_signal(std::uintptr_t pc) noexcept {
         entry.check.store(rule_cache::check_of(pc, value), std::memory_order_relaxed);
     }
     return rule;
+}
+
+rule_place look_for_rule(rule_cache::entry* last, std::uintptr_t pc, std::uint64_t state) noexcept {
+    rule_place result{&rule_cache::place_of(pc), frame_rule::no_table};
+    if (last->caller.load(std::memory_order_relaxed) == 0 || ++wrong_guesses % 16 == 0)
+        last->caller.store(static_cast<std::uint32_t>(result.entry - rule_cache::entries), std::memory_order_relaxed);
+    if (!rule_cache::holds(*result.entry, pc, state, result.rule))
+        result.rule = read_rule(pc);
+    return result;
 }
 
 } // namespace qor::record

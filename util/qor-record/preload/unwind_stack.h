@@ -31,7 +31,9 @@ public:
     // Whether the word lies on this stack, not far above what is known of it.
     bool reaches(std::uintptr_t address) noexcept;
 
-    std::uintptr_t low() const noexcept { return m_low; }
+    // The words that are covered begin at `low` and at most `span` bytes above it; of none, no word begins at `low`.
+    std::uintptr_t low() const noexcept { return m_high != m_low ? m_low : 1; }
+    std::uintptr_t span() const noexcept { return m_high != m_low ? m_high - m_low - sizeof m_low : 0; }
 
 private:
     std::uintptr_t m_low = 0;

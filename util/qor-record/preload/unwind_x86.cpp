@@ -88,7 +88,7 @@ bool leave_signal_frame(frame_position& at, stack_view& view) noexcept {
         return false;
     if (!view.covers(at.sp))
         view.enter(at.sp);
-    return true;
+    return pc >= page_size;
 }
 
 enum class general_step { done, end, no_table, needs_registers };
@@ -174,6 +174,75 @@ general_step take_general_step(register_set& registers, std::uintptr_t& lookup, 
     }
 }
 
+// Where the caller's stack begins, and where its frame pointer was saved; the same: it was not.
+struct frame_place {
+    std::uintptr_t cfa;
+    std::uintptr_t saved;
+};
+
+enum class unlikely {
+    placed,          // `place` is filled in
+    left,            // `at` is the caller
+    needs_registers, // not even the context suffices
+    end
+};
+
+// All rules but the usual one, that one where a stack ends or is not known to go on.
+unlikely leave_unlikely(frame_rule rule, frame_position& at, frame_place& place, std::uint64_t state,
+                        stack_reader& reader) noexcept {
+    stack_view& view = reader.view;
+    switch (rule.kind()) {
+    case frame_rule::from_sp:
+        break;
+    case frame_rule::from_fp:
+        place.cfa = at.fp + rule.offset();
+        place.saved = place.cfa - rule.saved();
+        break;
+    case frame_rule::from_fp_read:
+        if (at.fp % sizeof at.fp != 0 || !view.reaches(at.fp - rule.offset()))
+            return unlikely::end;
+        place = {word_at(at.fp - rule.offset()), at.fp};
+        break;
+    case frame_rule::special:
+        switch (rule.which()) {
+        case frame_rule::outermost:
+            return unlikely::end;
+        case frame_rule::signal_frame:
+            return leave_signal_frame(at, view) ? unlikely::left : unlikely::end;
+        case frame_rule::no_table:
+            return follow_frame_pointer(at, view, state) ? unlikely::left : unlikely::end;
+        case frame_rule::general:
+            break;
+        }
+        register_set registers{};
+        registers.set(column::rsp, at.sp);
+        registers.set(column::rbp, at.fp);
+        registers.set(column::return_address, at.pc);
+        const general_step result = take_general_step(registers, at.lookup, reader);
+        if (result == general_step::needs_registers || !registers.knows(column::rbp))
+            return unlikely::needs_registers;
+        if (result != general_step::done)
+            return unlikely::end;
+        at = {registers.values[column::return_address], registers.values[column::rsp], registers.values[column::rbp],
+              at.lookup};
+        return unlikely::left;
+    }
+
+    if (place.cfa % sizeof place.cfa != 0)
+        return unlikely::end;
+    const std::uintptr_t back = place.cfa - 8;
+    const std::uintptr_t first = place.saved < back ? place.saved : back;
+    if (first < at.sp || !view.reaches(back) || !view.covers(first)) {
+        // Not up, or not on the same stack: a function that changes stacks keeps the old one in its frame pointer.
+        if (rule.kind() == frame_rule::from_sp)
+            return unlikely::end;
+        view.enter(first);
+        if (!view.reaches(back) || !view.covers(first))
+            return unlikely::end;
+    }
+    return unlikely::placed;
+}
+
 } // namespace
 
 void prepare_unwinder() noexcept {
@@ -192,81 +261,53 @@ unsigned unwind(const machine_context& context, std::uintptr_t* frames, unsigned
         return 0;
     const std::uint64_t state = module_state.load(std::memory_order_acquire);
     stack_reader reader;
-    stack_view& view = reader.view;
-    view.enter_running(context.sp);
-    frame_position at{context.pc, context.sp, context.fp, context.pc - 1};
+    reader.view.enter_running(context.sp);
+    std::uintptr_t pc = context.pc;
+    std::uintptr_t sp = context.sp;
+    std::uintptr_t fp = context.fp;
+    std::uintptr_t lookup = pc - 1;
+    std::uintptr_t low = reader.view.low();
+    std::uintptr_t span = reader.view.span();
+    rule_place place{rule_cache::entries, frame_rule::no_table};
     for (unsigned n = 0;;) {
-        frames[n++] = at.pc;
+        // In a register of the processor each: the compiler would join them to vectors, for the sake of the rare cases.
+        __asm__("" : "+r"(pc), "+r"(sp), "+r"(fp));
+        frames[n++] = pc;
         if (n == depth)
             return n;
-        const frame_rule rule = rule_of(at.lookup, state);
-        std::uintptr_t cfa;
-        std::uintptr_t saved;
-        if (rule.kind() == frame_rule::from_sp) [[likely]] {
-            cfa = at.sp + rule.offset();
-            saved = cfa - rule.saved();
-        } else if (rule.kind() == frame_rule::from_fp) {
-            if (at.fp % sizeof at.fp != 0)
-                return n;
-            cfa = at.fp + rule.offset();
-            saved = cfa - rule.saved();
-        } else if (rule.kind() == frame_rule::from_fp_read) {
-            if (at.fp % sizeof at.fp != 0 || !view.reaches(at.fp - rule.offset()) || !view.reaches(at.fp))
-                return n;
-            cfa = word_at(at.fp - rule.offset());
-            saved = at.fp;
-        } else {
-            switch (rule.which()) {
-            case frame_rule::outermost:
-                return n;
-            case frame_rule::signal_frame:
-                if (!leave_signal_frame(at, view) || at.pc < page_size)
-                    return n;
-                continue;
-            case frame_rule::no_table:
-                if (!follow_frame_pointer(at, view, state))
-                    return n;
-                continue;
-            case frame_rule::general:
-                break;
-            }
-            register_set registers{};
-            registers.set(column::rsp, at.sp);
-            registers.set(column::rbp, at.fp);
-            registers.set(column::return_address, at.pc);
-            const general_step result = take_general_step(registers, at.lookup, reader);
-            if (result == general_step::needs_registers || !registers.knows(column::rbp))
+        place = next_rule(place.entry, lookup, state);
+        const frame_rule rule = place.rule;
+        std::uintptr_t cfa = (rule.kind() == frame_rule::from_sp ? sp : fp) + rule.offset();
+        std::uintptr_t saved = cfa - rule.saved();
+        // The rule from fp needs it to lead up.
+        const bool is_usual = rule.kind() == frame_rule::from_sp ||
+                              (rule.kind() == frame_rule::from_fp && fp >= sp && fp % sizeof fp == 0);
+        if (!is_usual || cfa - 8 - low > span || saved - low > span + 8) [[unlikely]] {
+            frame_position at{pc, sp, fp, lookup};
+            frame_place where{cfa, saved};
+            const unlikely result = leave_unlikely(rule, at, where, state, reader);
+            if (result == unlikely::needs_registers)
                 return unwind_with_all_registers(context, frames, depth, n);
-            if (result != general_step::done)
+            if (result == unlikely::end)
                 return n;
-            at = {registers.values[column::return_address], registers.values[column::rsp],
-                  registers.values[column::rbp], at.lookup};
-            continue;
-        }
-
-        // Up, and on the same stack; a function that changes stacks keeps the old one in its frame pointer.
-        if (cfa - 8 < at.sp || !view.covers(cfa - 8)) [[unlikely]] {
-            if (cfa % sizeof cfa != 0)
-                return n;
-            if (cfa - 8 < at.sp || !view.reaches(cfa - 8)) {
-                if (rule.kind() == frame_rule::from_sp)
-                    return n;
-                view.enter(saved < cfa - 8 ? saved : cfa - 8);
-                if (!view.reaches(cfa - 8))
-                    return n;
+            low = reader.view.low();
+            span = reader.view.span();
+            if (result == unlikely::left) {
+                pc = at.pc;
+                sp = at.sp;
+                fp = at.fp;
+                lookup = at.lookup;
+                continue;
             }
+            cfa = where.cfa;
+            saved = where.saved;
         }
-        if (rule.kind() == frame_rule::from_fp_read) {
-            at.fp = word_at(saved);
-        } else if (saved != cfa) {
-            if (!view.covers(saved)) [[unlikely]]
-                return n;
-            at.fp = word_at(saved);
-        }
-        at.pc = word_at(cfa - 8);
-        at.sp = cfa;
-        at.lookup = at.pc - 1;
-        if (at.pc < page_size)
+        if (saved != cfa)
+            fp = word_at(saved);
+        pc = word_at(cfa - 8);
+        sp = cfa;
+        lookup = pc - 1;
+        if (pc < page_size)
             return n;
     }
 }
