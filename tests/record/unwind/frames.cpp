@@ -1,0 +1,50 @@
+#include "frames.h"
+#include "qor-record/preload/unwind.h"
+
+#include <gtest/gtest.h>
+
+#include <execinfo.h>
+
+namespace qor::test {
+namespace {
+
+[[maybe_unused]] const bool prepared = (record::prepare_unwinder(), true);
+
+}
+
+two_stacks both_stacks(unsigned depth) {
+    two_stacks result;
+    result.ours.resize(depth);
+    result.ours.resize(record::unwind(record::capture_context(), result.ours.data(), depth));
+    // The first of theirs is here.
+    std::vector<void*> frames(depth + 1);
+    frames.resize(static_cast<std::size_t>(backtrace(frames.data(), static_cast<int>(depth + 1))));
+    for (std::size_t i = 1; i < frames.size(); ++i)
+        result.theirs.push_back(reinterpret_cast<std::uintptr_t>(frames[i]));
+    return result;
+}
+
+std::vector<std::uintptr_t> our_stack() {
+    std::vector<std::uintptr_t> frames(64);
+    frames.resize(record::unwind(record::capture_context(), frames.data(), 64));
+    return frames;
+}
+
+void take_ours(void* argument) { *static_cast<std::vector<std::uintptr_t>*>(argument) = our_stack(); }
+
+void take_both(void* argument) { *static_cast<two_stacks*>(argument) = both_stacks(); }
+
+void expect_equal(const two_stacks& stacks, std::size_t at_least) {
+    EXPECT_EQ(stacks.ours, stacks.theirs);
+    EXPECT_GE(stacks.ours.size(), at_least);
+}
+
+void every_stack::add(void* self) { static_cast<every_stack*>(self)->found.push_back(both_stacks()); }
+
+void expect_equal(const every_stack& stacks, std::size_t count, std::size_t at_least) {
+    EXPECT_EQ(stacks.found.size(), count);
+    for (const two_stacks& each : stacks.found)
+        expect_equal(each, at_least);
+}
+
+} // namespace qor::test
