@@ -45,20 +45,6 @@ struct found_below {
     }
 };
 
-// Whether the first `sure` frames are those of `truth`, and all others among the rest of it in their order.
-bool is_part_of(const std::vector<std::uintptr_t>& frames, const std::vector<std::uintptr_t>& truth, std::size_t sure) {
-    if (frames.size() < sure)
-        return false;
-    std::size_t at = 0;
-    for (std::size_t i = 0; i < frames.size(); ++i, ++at) {
-        while (at < truth.size() && truth[at] != frames[i])
-            ++at;
-        if (at == truth.size() || (i < sure && at != i))
-            return false;
-    }
-    return true;
-}
-
 // A page of code that is made here.
 class made_code {
 public:

@@ -39,6 +39,19 @@ void expect_equal(const two_stacks& stacks, std::size_t at_least) {
     EXPECT_GE(stacks.ours.size(), at_least);
 }
 
+bool is_part_of(const std::vector<std::uintptr_t>& frames, const std::vector<std::uintptr_t>& truth, std::size_t sure) {
+    if (frames.size() < sure)
+        return false;
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < frames.size(); ++i, ++at) {
+        while (at < truth.size() && truth[at] != frames[i])
+            ++at;
+        if (at == truth.size() || (i < sure && at != i))
+            return false;
+    }
+    return true;
+}
+
 void every_stack::add(void* self) { static_cast<every_stack*>(self)->found.push_back(both_stacks()); }
 
 void expect_equal(const every_stack& stacks, std::size_t count, std::size_t at_least) {

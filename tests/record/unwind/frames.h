@@ -26,6 +26,9 @@ void take_ours(void* argument);
 
 void expect_equal(const two_stacks& stacks, std::size_t at_least);
 
+// Whether the first `sure` frames are those of `truth`, and all others among the rest of it in their order.
+bool is_part_of(const std::vector<std::uintptr_t>& frames, const std::vector<std::uintptr_t>& truth, std::size_t sure);
+
 // Collects what several calls of an action find.
 struct every_stack {
     std::vector<two_stacks> found;
