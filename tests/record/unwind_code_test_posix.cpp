@@ -196,7 +196,7 @@ TEST(unwound_code, that_was_made_and_has_garbage_in_its_frame_pointer) {
     // On the stack, and like frames: without a return address, with one that is a function, and with itself above.
     std::uintptr_t fake[8] = {};
     fake[0] = fake[2] = fake[4] = reinterpret_cast<std::uintptr_t>(fake);
-    fake[3] = reinterpret_cast<std::uintptr_t>(&take_both);
+    fake[3] = reinterpret_cast<std::uintptr_t>(&code_after_call);
     fake[5] = reinterpret_cast<std::uintptr_t>(memory.begin());
     __asm__ volatile("" : : "r"(fake) : "memory");
     const auto at = [](const void* address) { return reinterpret_cast<std::uintptr_t>(address); };

@@ -11,8 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <execinfo.h>
 #include <ucontext.h>
+#include <unwind.h>
 
 namespace {
 
@@ -31,12 +31,28 @@ struct report {
     std::uintptr_t theirs[depth];
 } found;
 
+// Not by backtrace(), of which sanitizers have their own.
+struct their_frames {
+    std::uintptr_t frames[depth + 1];
+    unsigned count = 0;
+
+    static _Unwind_Reason_Code add(_Unwind_Context* context, void* argument) {
+        their_frames& self = *static_cast<their_frames*>(argument);
+        if (self.count == depth + 1)
+            return _URC_END_OF_STACK;
+        if (const std::uintptr_t pc = _Unwind_GetIP(context); pc != 0)
+            self.frames[self.count++] = pc;
+        return _URC_NO_REASON;
+    }
+};
+
 void compare(int, siginfo_t*, void* context) {
     std::uintptr_t ours[depth];
-    void* frames[depth + 1];
     const unsigned our_count = qor::record::unwind(qor::record::capture_context(), ours, depth);
-    const int all = backtrace(frames, depth + 1);
-    const unsigned their_count = static_cast<unsigned>(all) - 1;
+    their_frames all;
+    _Unwind_Backtrace(&their_frames::add, &all);
+    const std::uintptr_t* const frames = all.frames;
+    const unsigned their_count = all.count - 1;
     ++found.steps;
     if (our_count == their_count && std::memcmp(ours, frames + 1, their_count * sizeof *ours) == 0)
         return;
@@ -55,8 +71,8 @@ void run() { __asm__ volatile("pushfq; andq $~0x100, (%%rsp); popfq" : : : "cc",
 
 // Runs `act` in steps, and gives their number.
 unsigned expect_right_steps(void (*act)()) {
-    void* first[1];
-    backtrace(first, 1); // loads what it needs
+    // The loader resolves what the handler calls before that.
+    compare(0, nullptr, nullptr);
     struct sigaction handling {};
     struct sigaction before;
     handling.sa_sigaction = &compare;

@@ -3,24 +3,38 @@
 
 #include <gtest/gtest.h>
 
-#include <execinfo.h>
+#include <unwind.h>
 
 namespace qor::test {
 namespace {
 
 [[maybe_unused]] const bool prepared = (record::prepare_unwinder(), true);
 
-}
+// Not by backtrace(), of which sanitizers have their own.
+struct theirs {
+    std::vector<std::uintptr_t>& frames;
+    std::size_t limit;
+
+    static _Unwind_Reason_Code add(_Unwind_Context* context, void* argument) {
+        const theirs& self = *static_cast<theirs*>(argument);
+        if (self.frames.size() == self.limit)
+            return _URC_END_OF_STACK;
+        if (const std::uintptr_t pc = _Unwind_GetIP(context); pc != 0)
+            self.frames.push_back(pc);
+        return _URC_NO_REASON;
+    }
+};
+
+} // namespace
 
 two_stacks both_stacks(unsigned depth) {
     two_stacks result;
     result.ours.resize(depth);
     result.ours.resize(record::unwind(record::capture_context(), result.ours.data(), depth));
+    theirs found{result.theirs, depth + 1};
+    _Unwind_Backtrace(&theirs::add, &found);
     // The first of theirs is here.
-    std::vector<void*> frames(depth + 1);
-    frames.resize(static_cast<std::size_t>(backtrace(frames.data(), static_cast<int>(depth + 1))));
-    for (std::size_t i = 1; i < frames.size(); ++i)
-        result.theirs.push_back(reinterpret_cast<std::uintptr_t>(frames[i]));
+    result.theirs.erase(result.theirs.begin());
     return result;
 }
 

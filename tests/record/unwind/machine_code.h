@@ -15,6 +15,8 @@ void code_on_stack(void* top, action act, void* argument); // goes to another st
 void code_by_expressions(action act, void* argument);      // all of it told by expressions
 void code_without_caller(action act, void* argument);      // says that nobody called it
 
+void code_after_call(); // begins where a call ends that does not return
+
 // Wrong ones.
 void code_far_up(action act, void* argument);                          // the frame is said to be 16 MiB long
 void code_across_page(action act, void* argument);                     // and 4 KiB

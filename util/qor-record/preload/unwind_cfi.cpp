@@ -464,6 +464,7 @@ bool find_row(const frame_tables& tables, std::uintptr_t pc, frame_row& row) noe
 
     row = {};
     row.is_signal = common.is_signal;
+    row.function = begin;
     row_machine machine(tables, common, row);
     if (!machine.run(cursor(common.instructions, common.instructions_end), 0, ~std::uintptr_t{0}, nullptr))
         return false;

@@ -64,6 +64,13 @@ struct frame_position {
     std::uintptr_t lookup;
 };
 
+// The begin of a function may follow a call, too: of one that does not return, at the end of the function before.
+bool is_function(std::uintptr_t pc) noexcept {
+    found_module module;
+    frame_row row;
+    return find_module(pc, module) && find_row(module.tables, pc, row) && row.function == pc;
+}
+
 // Where no table tells: the frame pointer, if it leads up on the same stack to what a call has left. `state` as in
 // rule_of: while modules come and go, only those that stay are looked at.
 bool follow_frame_pointer(frame_position& at, stack_view& view, std::uint64_t state) noexcept {
@@ -73,7 +80,7 @@ bool follow_frame_pointer(frame_position& at, stack_view& view, std::uint64_t st
     found_module module;
     if (state >= one_change && find_module(pc - 1, module) && !module.stays)
         return false;
-    if (pc < page_size || !follows_call(pc))
+    if (pc < page_size || !follows_call(pc) || is_function(pc))
         return false;
     at = {pc, at.fp + 16, word_at(at.fp), pc - 1};
     return true;
