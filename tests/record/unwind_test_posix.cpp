@@ -1,5 +1,6 @@
 // The unwinder beside the compiler's run-time, which finds the same frames in twenty times the time.
 #include "qor-record/preload/unwind.h"
+#include "support/scenes.h"
 #include "unwind/places.h"
 #include "unwind/walks.h"
 
@@ -7,6 +8,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -160,3 +162,47 @@ TEST(unwinder, works_in_a_forked_child) {
     waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
 }
+
+namespace {
+
+// Outside of main: before it, at the end of a thread, and at the end of the process.
+two_stacks before_main;
+[[maybe_unused]] const bool taken = (qor::record::prepare_unwinder(), take_both(&before_main), true);
+
+struct acts_at_end_of_thread {
+    two_stacks* result = nullptr;
+    ~acts_at_end_of_thread() {
+        if (result != nullptr)
+            take_both(result);
+    }
+};
+thread_local acts_at_end_of_thread at_end_of_thread;
+
+bool are_equal(const two_stacks& stacks) { return stacks.ours == stacks.theirs && stacks.ours.size() > 3; }
+
+// What is registered last is called first.
+struct acts_at_end_of_process {
+    ~acts_at_end_of_process() {
+        const two_stacks stacks = both_stacks();
+        if (!are_equal(stacks))
+            _exit(1);
+        std::atexit([] { _exit(are_equal(both_stacks()) ? 7 : 2); });
+    }
+};
+
+const scene ends("unwinder_at_the_end", [](const words&) -> int {
+    static const acts_at_end_of_process last;
+    std::exit(0);
+});
+
+} // namespace
+
+TEST(unwinder, before_main) { expect_equal(before_main, 4); }
+
+TEST(unwinder, at_the_end_of_a_thread) {
+    two_stacks stacks;
+    std::thread([&] { at_end_of_thread.result = &stacks; }).join();
+    expect_equal(stacks, 3);
+}
+
+TEST(unwinder, at_the_end_of_the_process) { EXPECT_EQ(play(ends).code, 7); }
