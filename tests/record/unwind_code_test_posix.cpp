@@ -147,6 +147,12 @@ TEST(unwound_code, whose_tables_are_wrong) {
     }
 }
 
+TEST(unwound_code, that_is_said_to_return_to_data) {
+    std::vector<std::uintptr_t> frames;
+    code_to_data(&take_ours, &frames);
+    EXPECT_EQ(frames.size(), 2u);
+}
+
 TEST(unwound_code, whose_registers_are_lost) {
     const stack_memory memory(8192);
     std::uintptr_t own[4] = {};

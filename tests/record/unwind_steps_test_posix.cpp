@@ -65,9 +65,14 @@ void compare(int, siginfo_t*, void* context) {
     }
 }
 
-// The bit of the flags that makes the processor stop behind each instruction.
-void step() { __asm__ volatile("pushfq; orq $0x100, (%%rsp); popfq" : : : "cc", "memory"); }
-void run() { __asm__ volatile("pushfq; andq $~0x100, (%%rsp); popfq" : : : "cc", "memory"); }
+// The bit of the flags that makes the processor stop behind each instruction. Their tables are right in between, too.
+extern "C" void step_from_here();
+extern "C" void run_from_here();
+#define QOR_FLAGS(name, change)                                                                                        \
+    __asm__(".text\n" #name ":\n.cfi_startproc\npushfq\n.cfi_adjust_cfa_offset 8\n" change                             \
+            ", (%rsp)\npopfq\n.cfi_adjust_cfa_offset -8\nret\n.cfi_endproc\n")
+QOR_FLAGS(step_from_here, "orq $0x100");
+QOR_FLAGS(run_from_here, "andq $~0x100");
 
 // Runs `act` in steps, and gives their number.
 unsigned expect_right_steps(void (*act)()) {
@@ -79,9 +84,9 @@ unsigned expect_right_steps(void (*act)()) {
     handling.sa_flags = SA_SIGINFO;
     sigaction(SIGTRAP, &handling, &before);
     found = {};
-    step();
+    step_from_here();
     act();
-    run();
+    run_from_here();
     sigaction(SIGTRAP, &before, nullptr);
     EXPECT_EQ(found.wrong, 0u) << "first at " << std::hex << found.at << " of " << found.steps;
     if (found.wrong != 0) {

@@ -45,6 +45,8 @@ QOR_CODE(code_by_lost_rbp, "pushq %rbp\n.cfi_def_cfa %rbp, 16\n.cfi_offset %rbp,
                            "popq %rbp\nret\n")
 QOR_CODE(code_read_from, "pushq %rbp\n.cfi_escape 0x0f, 3, 0x76, 0x78, 0x06\n.cfi_escape 0x10, 6, 2, 0x76, 0\n"
                          "movq %rdi, %rbp\n" QOR_CALL_SECOND "popq %rbp\nret\n")
+QOR_CODE(code_to_data,
+         "subq $8, %rsp\npushq %rsp\npushq %rsp\n.cfi_def_cfa_offset 16\n" QOR_CALL "addq $24, %rsp\nret\n")
 QOR_CODE(code_circle, "subq $8, %rsp\n.cfi_def_cfa_offset 0\n" QOR_CALL "addq $8, %rsp\nret\n")
 
 // Behind a call that does not return; it returns at once itself.

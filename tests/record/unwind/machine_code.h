@@ -22,6 +22,7 @@ void code_far_up(action act, void* argument);                          // the fr
 void code_across_page(action act, void* argument);                     // and 4 KiB
 void code_by_lost_rbp(std::uintptr_t rbp, action act, void* argument); // said to be found by a register that is `rbp`
 void code_read_from(std::uintptr_t rbp, action act, void* argument);   // said to be found in memory there
+void code_to_data(action act, void* argument);                         // said to return to where no code is
 void code_circle(action act, void* argument);                          // said to be its own caller
 }
 
