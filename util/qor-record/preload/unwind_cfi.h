@@ -38,7 +38,8 @@ struct register_rule {
 struct frame_row {
     register_rule cfa; // offset: `cfa_register` + value; expression
     std::uint8_t cfa_register;
-    bool is_signal; // the frame below was interrupted, and did not call
+    bool is_signal;          // the frame below was interrupted, and did not call
+    std::uintptr_t function; // where the code begins that the tables describe together
     register_rule registers[column::count];
 };
 

@@ -10,11 +10,6 @@
 #include <sys/auxv.h>
 #include <unistd.h>
 
-#if defined(DLFO_STRUCT_HAS_EH_DBASE)
-// Of the C library 2.35 and newer: lock-free and safe in signal handlers.
-extern "C" int _dl_find_object(void* address, dl_find_object* result) noexcept __attribute__((weak));
-#endif
-
 namespace qor::record {
 
 constinit std::atomic<std::uint64_t> module_state{1};
@@ -117,12 +112,20 @@ void read_segments(segment_list& list) noexcept {
 }
 
 #if defined(DLFO_STRUCT_HAS_EH_DBASE)
-bool can_find_objects() noexcept { return !without_find_object && &_dl_find_object != nullptr; }
+// Of the C library 2.35 and newer: lock-free and safe in signal handlers. Older ones would not load what is linked to
+// it.
+constinit decltype(&_dl_find_object) find_in_c_library = nullptr;
+
+bool can_find_objects() noexcept { return !without_find_object && find_in_c_library != nullptr; }
+
+void look_for_find_object() noexcept {
+    find_in_c_library = reinterpret_cast<decltype(find_in_c_library)>(dlsym(RTLD_DEFAULT, "_dl_find_object"));
+}
 
 // A module that came later, by the headers that are mapped with it.
 bool find_object(std::uintptr_t pc, frame_tables& result) noexcept {
     dl_find_object object;
-    if (_dl_find_object(reinterpret_cast<void*>(pc), &object) != 0)
+    if (find_in_c_library(reinterpret_cast<void*>(pc), &object) != 0)
         return false;
     const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(object.dlfo_map_start);
     if (!is_readable(start))
@@ -150,6 +153,8 @@ bool find_object(std::uintptr_t pc, frame_tables& result) noexcept {
 }
 #else
 bool can_find_objects() noexcept { return false; }
+
+void look_for_find_object() noexcept {}
 
 bool find_object(std::uintptr_t, frame_tables&) noexcept { return false; }
 #endif
@@ -189,6 +194,7 @@ bool find_module(std::uintptr_t pc, found_module& result) noexcept {
 }
 
 void read_first_modules() noexcept {
+    look_for_find_object();
     read_segments(first_segments);
     read_later_modules();
 }

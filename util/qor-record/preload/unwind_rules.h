@@ -19,6 +19,7 @@ public:
     };
     enum special_case : std::uint32_t {
         no_table,     // no table tells
+        no_code,      // nor is it in a module, and no call ends there: no return address
         outermost,    // there is no caller
         signal_frame, // the kernel's, with the registers of the interrupted code
         general       // the table tells, but it does not fit in here
@@ -48,6 +49,9 @@ private:
 namespace signal_offset {
 constexpr std::intptr_t fp = 120, sp = 160, pc = 168;
 }
+
+// Whether a call ends where code goes on at `pc`.
+bool follows_call(std::uintptr_t pc) noexcept;
 
 // Reads the rule for a program counter from the tables of its module, and keeps it.
 frame_rule read_rule(std::uintptr_t pc) noexcept;

@@ -91,6 +91,38 @@ bool is_return_from_signal(std::uintptr_t pc) noexcept {
 
 } // namespace
 
+bool follows_call(std::uintptr_t pc) noexcept {
+    constexpr unsigned longest = 7;
+    // From the last byte down, as far as there is memory.
+    unsigned char code[longest]{};
+    unsigned count = 0;
+    for (; count < longest; ++count) {
+        const std::uintptr_t address = pc - 1 - count;
+        if ((count == 0 || address % page_size == page_size - 1) && !is_readable(address))
+            break;
+        code[longest - 1 - count] = *reinterpret_cast<const unsigned char*>(address);
+    }
+    if (count >= 5 && code[2] == 0xe8)
+        return true;
+    for (unsigned length = 2; length <= count; ++length) {
+        const unsigned char* const at = code + longest - length;
+        if (at[0] != 0xff || (at[1] >> 3 & 7) != 2)
+            continue;
+        const unsigned mode = at[1] >> 6;
+        const unsigned place = at[1] & 7;
+        unsigned needed = 2;
+        if (mode != 3 && place == 4)
+            needed += 1;
+        if (mode == 1)
+            needed += 1;
+        else if (mode == 2 || (mode == 0 && (place == 5 || (place == 4 && length > 2 && (at[2] & 7) == 5))))
+            needed += 4;
+        if (needed == length)
+            return true;
+    }
+    return false;
+}
+
 [[gnu::noinline]] frame_rule read_rule(std::uintptr_t pc) noexcept {
     const std::uint64_t state = module_state.load(std::memory_order_acquire);
     frame_rule rule = frame_rule::no_table;
@@ -101,6 +133,8 @@ bool is_return_from_signal(std::uintptr_t pc) noexcept {
         rule = compress(module.tables, row, pc);
     else if (is_return_from_signal(pc + 1))
         rule = frame_rule::signal_frame;
+    else if (!is_code && !follows_call(pc + 1))
+        rule = frame_rule::no_code;
     if (module.stays || state < one_change) {
         const std::uint64_t value = rule.bits() | (module.stays ? 0 : state << 32);
         rule_cache::entry& entry = rule_cache::place_of(pc);

@@ -23,39 +23,6 @@ private:
     }
 };
 
-// Whether a call ends where code goes on at `pc`.
-bool follows_call(std::uintptr_t pc) noexcept {
-    constexpr unsigned longest = 7;
-    // From the last byte down, as far as there is memory.
-    unsigned char code[longest]{};
-    unsigned count = 0;
-    for (; count < longest; ++count) {
-        const std::uintptr_t address = pc - 1 - count;
-        if ((count == 0 || address % page_size == page_size - 1) && !is_readable(address))
-            break;
-        code[longest - 1 - count] = *reinterpret_cast<const unsigned char*>(address);
-    }
-    if (count >= 5 && code[2] == 0xe8)
-        return true;
-    for (unsigned length = 2; length <= count; ++length) {
-        const unsigned char* const at = code + longest - length;
-        if (at[0] != 0xff || (at[1] >> 3 & 7) != 2)
-            continue;
-        const unsigned mode = at[1] >> 6;
-        const unsigned place = at[1] & 7;
-        unsigned needed = 2;
-        if (mode != 3 && place == 4)
-            needed += 1;
-        if (mode == 1)
-            needed += 1;
-        else if (mode == 2 || (mode == 0 && (place == 5 || (place == 4 && length > 2 && (at[2] & 7) == 5))))
-            needed += 4;
-        if (needed == length)
-            return true;
-    }
-    return false;
-}
-
 // One way down a stack. `lookup` is where the rule for a frame is found: within the call, not behind it.
 struct frame_position {
     std::uintptr_t pc;
@@ -63,6 +30,13 @@ struct frame_position {
     std::uintptr_t fp;
     std::uintptr_t lookup;
 };
+
+// The begin of a function may follow a call, too: of one that does not return, at the end of the function before.
+bool is_function(std::uintptr_t pc) noexcept {
+    found_module module;
+    frame_row row;
+    return find_module(pc, module) && find_row(module.tables, pc, row) && row.function == pc;
+}
 
 // Where no table tells: the frame pointer, if it leads up on the same stack to what a call has left. `state` as in
 // rule_of: while modules come and go, only those that stay are looked at.
@@ -73,7 +47,7 @@ bool follow_frame_pointer(frame_position& at, stack_view& view, std::uint64_t st
     found_module module;
     if (state >= one_change && find_module(pc - 1, module) && !module.stays)
         return false;
-    if (pc < page_size || !follows_call(pc))
+    if (pc < page_size || !follows_call(pc) || is_function(pc))
         return false;
     at = {pc, at.fp + 16, word_at(at.fp), pc - 1};
     return true;
@@ -162,7 +136,10 @@ general_step take_general_step(register_set& registers, std::uintptr_t& lookup, 
             return n;
         }
         frame_position at{frames[n - 1], registers.values[column::rsp], registers.values[column::rbp], lookup};
-        if (rule_of(lookup, state) == frame_rule::signal_frame
+        const frame_rule rule = rule_of(lookup, state);
+        if (rule == frame_rule::no_code && lookup != at.pc && n > 1)
+            return n - 1;
+        if (rule == frame_rule::signal_frame
                 ? !leave_signal_frame(at, reader.view)
                 : !registers.knows(column::rbp) || !follow_frame_pointer(at, reader.view, state))
             return n;
@@ -183,6 +160,7 @@ struct frame_place {
 enum class unlikely {
     placed,          // `place` is filled in
     left,            // `at` is the caller
+    foreign,         // `at` is no frame at all
     needs_registers, // not even the context suffices
     end
 };
@@ -209,6 +187,11 @@ unlikely leave_unlikely(frame_rule rule, frame_position& at, frame_place& place,
             return unlikely::end;
         case frame_rule::signal_frame:
             return leave_signal_frame(at, view) ? unlikely::left : unlikely::end;
+        case frame_rule::no_code:
+            // A guess cannot be made of the code that was interrupted.
+            if (at.lookup != at.pc)
+                return unlikely::foreign;
+            [[fallthrough]];
         case frame_rule::no_table:
             return follow_frame_pointer(at, view, state) ? unlikely::left : unlikely::end;
         case frame_rule::general:
@@ -288,6 +271,9 @@ unsigned unwind(const machine_context& context, std::uintptr_t* frames, unsigned
             const unlikely result = leave_unlikely(rule, at, where, state, reader);
             if (result == unlikely::needs_registers)
                 return unwind_with_all_registers(context, frames, depth, n);
+            // What was called has a caller, whatever its code looks like.
+            if (result == unlikely::foreign)
+                return n > 1 ? n - 1 : n;
             if (result == unlikely::end)
                 return n;
             low = reader.view.low();
