@@ -216,7 +216,7 @@ unsigned first_outside(const std::uintptr_t* frames, unsigned count) noexcept {
         return node_of(&caller.pc, 1);
     if (is_inside && depth == 1 && self.wrapper == 0) {
         // Most often it is an operator new that has called malloc.
-        const unsigned few = unwind(caller, frames, 3);
+        const unsigned few = unwind(caller, frames, 4);
         const unsigned outside = few != 0 ? first_outside(frames, few) : 0;
         if (outside + 1 < few || (few != 0 && (module_of(frames[outside]) & allocation_code) == 0))
             return node_of(frames + outside, 1);
