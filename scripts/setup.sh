@@ -15,7 +15,7 @@ needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/
     "openssl=openssl" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux" "doxygen=doxygen"
     "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py"
     "clang-format-14=clang-format-14" "shellcheck=shellcheck"
-    "libjemalloc2=/usr/lib/$HOSTTYPE-linux-gnu/libjemalloc.so.2"
+    "zstd=zstd" "libjemalloc2=/usr/lib/$HOSTTYPE-linux-gnu/libjemalloc.so.2"
     "libtcmalloc-minimal4=/usr/lib/$HOSTTYPE-linux-gnu/libtcmalloc_minimal.so.4"
     "libmimalloc2.0=/usr/lib/$HOSTTYPE-linux-gnu/libmimalloc.so.2")
 needs_windows=("cmake=cmake" "ninja-build=ninja" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"
