@@ -118,6 +118,7 @@ class WorkedExamples(unittest.TestCase):
         for command, output in re.findall(r"^\$ (.*)\n?((?:(?!\$ ).*\n?)*)", shown, re.M):
             command = command.replace(*address).replace("/tmp/", f"{self.folder}/")
             command = command.replace("./run ", f"{options.tool} ")
+            command = command.replace("scripts/record ", f"{options.tool.parent / 'qor-record'} ")
             said = self.run_in_shell(command).replace(f"{self.folder}/", "/tmp/")
             callers = [re.search(r"caller \[.*\[(0x[0-9a-f]+)\]\]", text) for text in (output, said)]
             if all(callers):

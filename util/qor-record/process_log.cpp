@@ -1,5 +1,7 @@
 #include "process_log.h"
 
+#include "process_facts.h"
+
 #include <climits>
 #include <ctime>
 #include <linux/futex.h>
@@ -91,7 +93,7 @@ std::uint64_t process_log::drain(std::uint64_t most, bool is_over) {
     if (head == m_tail || m_ring == nullptr)
         return 0;
     // A child that is being forked inherits what stands in the log up to here, and no more.
-    if (!is_over && head - m_tail < ring_size * 3 / 4 && m_host.awaits_children())
+    if (!is_over && head - m_tail < ring_size / 2 && m_host.awaits_children())
         return 0;
     return read(head - m_tail > most ? m_tail + most : head, is_over);
 }
@@ -110,8 +112,10 @@ std::uint64_t process_log::read(std::uint64_t end, bool is_over) {
             word = record.commit.load(std::memory_order_acquire);
         if ((word & ticket_bits) == m_tail + 1)
             write(record, static_cast<record_kind>(word >> 56));
+        else if (has_been_left(m_tail))
+            ++m_lost;
         else if (!is_over)
-            break;
+            break; // what is over, was not done
         if (m_tail % publish_step == 0)
             publish(m_tail);
     }
@@ -133,6 +137,17 @@ void process_log::write_line(const caller_text& caller, char code, std::uint64_t
     *at++ = '\n';
     m_log.advance(at);
     ++m_lines;
+}
+
+// A signal handler that does not return to what it has interrupted may leave a ticket that is never committed.
+bool process_log::has_been_left(std::uint64_t ticket) {
+    constexpr std::uint64_t patience = 5'000'000'000;
+    const std::uint64_t time = steady_time();
+    if (m_stalled_at != ticket || m_stalled_since == 0) {
+        m_stalled_at = ticket;
+        m_stalled_since = time;
+    }
+    return time - m_stalled_since > patience && waiting() >= ring_limit;
 }
 
 // Whether it is about a block that is not in the log.

@@ -59,6 +59,7 @@ private:
     void write_block_again(const ring_record& record);
     bool leaves_out(const ring_record& record, record_kind kind);
     void publish(std::uint64_t tail);
+    bool has_been_left(std::uint64_t ticket);
     log_replay& replay_of(std::uint64_t lines);
 
     arena_host& m_host;
@@ -71,6 +72,8 @@ private:
     std::uint64_t m_lines = 0;
     std::uint64_t m_inherited = 0;
     std::uint64_t m_lost = 0;
+    std::uint64_t m_stalled_at = 0; // a ticket that is not committed
+    std::uint64_t m_stalled_since = 0;
     std::uint64_t m_start_time = 0;
     std::uint64_t m_last_time = 0;
     bool m_is_stopped = false;

@@ -193,11 +193,9 @@ std::string find_program(const std::string& name) {
     for (bool is_last = false; !is_last;) {
         const std::size_t end = rest.find(':');
         is_last = end == std::string_view::npos;
-        std::string folder(rest.substr(0, end));
+        const std::string_view folder = rest.substr(0, end);
         rest = is_last ? std::string_view() : rest.substr(end + 1);
-        if (folder.empty())
-            folder = ".";
-        if (const std::string each = folder + '/' + name; is_program(each))
+        if (const std::string each = std::string(folder.empty() ? "." : folder) + '/' + name; is_program(each))
             return each;
     }
     return {};

@@ -192,7 +192,7 @@ void recorder::find_forked() {
                 each.has_forked = true;
                 if (!each.has_files && !each.is_over)
                     begin_files(each);
-                added.inherited = each.log->place_of_fork(of.fork_ticket, each.is_over);
+                added.inherited = each.log->place_of_fork(of.fork_ticket, each.is_over || has_ended(each));
             }
         }
     }

@@ -55,15 +55,13 @@ template <class Function, class... Arguments>
         return made;
     }
     const habit known = next.found.load(std::memory_order_relaxed);
-    if (known == habit::calls_hooks) [[likely]]
-        return function(arguments...);
     const unsigned long before = counts_of_this_thread().allocations;
     void* const made = function(arguments...);
     if (made == nullptr)
         return nullptr;
     const bool is_recorded = known == habit::unknown && counts_of_this_thread().allocations != before;
     if (known == habit::unknown)
-        next.found.store(is_recorded ? habit::calls_hooks : habit::works_alone, std::memory_order_relaxed);
+        next.found.store(is_recorded ? habit::calls_hooks : habit::works_alone, std::memory_order_release);
     if (!is_recorded)
         record_allocation(record_kind::allocation, made, size, caller);
     return made;
@@ -76,8 +74,6 @@ template <class Function, class... Arguments>
     if (function == nullptr) [[unlikely]]
         return free(block);
     const habit known = next.found.load(std::memory_order_relaxed);
-    if (known == habit::calls_hooks) [[likely]]
-        return function(block, arguments...);
     if (known == habit::works_alone && block != nullptr)
         record_release(record_kind::release, block, caller);
     const unsigned long before = counts_of_this_thread().releases;
@@ -85,7 +81,7 @@ template <class Function, class... Arguments>
     if (known != habit::unknown || block == nullptr)
         return;
     const bool is_recorded = counts_of_this_thread().releases != before;
-    next.found.store(is_recorded ? habit::calls_hooks : habit::works_alone, std::memory_order_relaxed);
+    next.found.store(is_recorded ? habit::calls_hooks : habit::works_alone, std::memory_order_release);
     if (!is_recorded)
         record_release(record_kind::release, block, caller);
 }
@@ -113,16 +109,31 @@ using namespace qor::record;
 
 #define QOR_HOOK extern "C" __attribute__((visibility("default")))
 
+// Most operators call malloc or free, which record: those are jumped to, so that no frame of this library lies between.
 #define QOR_NEW(name, parameters, arguments)                                                                           \
     namespace {                                                                                                        \
     constinit next_function<void * parameters> next_##name{#name};                                                     \
+    [[gnu::noinline]] void* record_##name parameters {                                                                 \
+        return allocate(next_##name, capture_context(), size, QOR_LIST arguments);                                     \
     }                                                                                                                  \
-    QOR_HOOK void* name parameters { return allocate(next_##name, capture_context(), size, QOR_LIST arguments); }
-#define QOR_DELETE(name, parameters, ...)                                                                              \
+    }                                                                                                                  \
+    QOR_HOOK void* name parameters {                                                                                   \
+        if (next_##name.found.load(std::memory_order_acquire) == habit::calls_hooks) [[likely]]                        \
+            return next_##name.function.load(std::memory_order_relaxed) arguments;                                     \
+        return record_##name arguments;                                                                                \
+    }
+#define QOR_DELETE(name, parameters, arguments, ...)                                                                   \
     namespace {                                                                                                        \
     constinit next_function<void parameters> next_##name{#name};                                                       \
+    [[gnu::noinline]] void record_##name parameters {                                                                  \
+        release(next_##name, capture_context(), block __VA_OPT__(, ) __VA_ARGS__);                                     \
     }                                                                                                                  \
-    QOR_HOOK void name parameters { release(next_##name, capture_context(), block __VA_OPT__(, ) __VA_ARGS__); }
+    }                                                                                                                  \
+    QOR_HOOK void name parameters {                                                                                    \
+        if (next_##name.found.load(std::memory_order_acquire) == habit::calls_hooks) [[likely]]                        \
+            return next_##name.function.load(std::memory_order_relaxed) arguments;                                     \
+        return record_##name arguments;                                                                                \
+    }
 #define QOR_LIST(...) __VA_ARGS__
 
 QOR_NEW(_Znwm, (std::size_t size), (size))
@@ -136,17 +147,19 @@ QOR_NEW(_ZnwmSt11align_val_tRKSt9nothrow_t, (std::size_t size, std::size_t align
 QOR_NEW(_ZnamSt11align_val_tRKSt9nothrow_t, (std::size_t size, std::size_t alignment, const nothrow_tag* tag),
         (size, alignment, tag))
 
-QOR_DELETE(_ZdlPv, (void* block))
-QOR_DELETE(_ZdaPv, (void* block))
-QOR_DELETE(_ZdlPvm, (void* block, std::size_t size), size)
-QOR_DELETE(_ZdaPvm, (void* block, std::size_t size), size)
-QOR_DELETE(_ZdlPvRKSt9nothrow_t, (void* block, const nothrow_tag* tag), tag)
-QOR_DELETE(_ZdaPvRKSt9nothrow_t, (void* block, const nothrow_tag* tag), tag)
-QOR_DELETE(_ZdlPvSt11align_val_t, (void* block, std::size_t alignment), alignment)
-QOR_DELETE(_ZdaPvSt11align_val_t, (void* block, std::size_t alignment), alignment)
-QOR_DELETE(_ZdlPvmSt11align_val_t, (void* block, std::size_t size, std::size_t alignment), size, alignment)
-QOR_DELETE(_ZdaPvmSt11align_val_t, (void* block, std::size_t size, std::size_t alignment), size, alignment)
-QOR_DELETE(_ZdlPvSt11align_val_tRKSt9nothrow_t, (void* block, std::size_t alignment, const nothrow_tag* tag), alignment,
-           tag)
-QOR_DELETE(_ZdaPvSt11align_val_tRKSt9nothrow_t, (void* block, std::size_t alignment, const nothrow_tag* tag), alignment,
-           tag)
+QOR_DELETE(_ZdlPv, (void* block), (block))
+QOR_DELETE(_ZdaPv, (void* block), (block))
+QOR_DELETE(_ZdlPvm, (void* block, std::size_t size), (block, size), size)
+QOR_DELETE(_ZdaPvm, (void* block, std::size_t size), (block, size), size)
+QOR_DELETE(_ZdlPvRKSt9nothrow_t, (void* block, const nothrow_tag* tag), (block, tag), tag)
+QOR_DELETE(_ZdaPvRKSt9nothrow_t, (void* block, const nothrow_tag* tag), (block, tag), tag)
+QOR_DELETE(_ZdlPvSt11align_val_t, (void* block, std::size_t alignment), (block, alignment), alignment)
+QOR_DELETE(_ZdaPvSt11align_val_t, (void* block, std::size_t alignment), (block, alignment), alignment)
+QOR_DELETE(_ZdlPvmSt11align_val_t, (void* block, std::size_t size, std::size_t alignment), (block, size, alignment),
+           size, alignment)
+QOR_DELETE(_ZdaPvmSt11align_val_t, (void* block, std::size_t size, std::size_t alignment), (block, size, alignment),
+           size, alignment)
+QOR_DELETE(_ZdlPvSt11align_val_tRKSt9nothrow_t, (void* block, std::size_t alignment, const nothrow_tag* tag),
+           (block, alignment, tag), alignment, tag)
+QOR_DELETE(_ZdaPvSt11align_val_tRKSt9nothrow_t, (void* block, std::size_t alignment, const nothrow_tag* tag),
+           (block, alignment, tag), alignment, tag)

@@ -21,6 +21,7 @@ QOR_PER_THREAD struct {
     std::uint32_t last_slot;
     bool is_starting;       // a child's session, in this very thread
     std::uintptr_t wrapper; // the stack is below this place inside a function that allocates for its caller
+    volatile unsigned puts; // how many put() are under way, one in the signal handler that has interrupted the other
     std::uint64_t tail;     // as it was seen last
     thread_counts counts;
 } self;
@@ -126,13 +127,13 @@ inline bool is_recording() noexcept {
 }
 
 // The recorder reads on until there is room for the ticket. False: it does not.
-[[gnu::noinline]] bool wait_for_room(session& own, std::uint64_t ticket) noexcept {
+[[gnu::noinline]] bool wait_for_room(session& own, std::uint64_t ticket, std::uint64_t limit) noexcept {
     const arena& shared = *this_process.shared;
     std::uint32_t heartbeat = shared.heartbeat.load(std::memory_order_relaxed);
     for (unsigned waits = 0; waits < waits_without_heartbeat;) {
         const std::uint32_t moves = own.tail_moves.load(std::memory_order_acquire);
         self.tail = own.tail.load(std::memory_order_acquire);
-        if (ticket - self.tail < ring_size)
+        if (ticket - self.tail < limit)
             return true;
         if (this_process.owner->phase.load(std::memory_order_relaxed) != phase_running || recorder_is_gone(shared))
             break;
@@ -142,7 +143,7 @@ inline bool is_recording() noexcept {
             continue;
         }
         own.waiters.store(1, std::memory_order_seq_cst);
-        if (ticket - own.tail.load(std::memory_order_seq_cst) >= ring_size)
+        if (ticket - own.tail.load(std::memory_order_seq_cst) >= limit)
             raw_call(SYS_futex, as_word(&own.tail_moves), FUTEX_WAIT, moves, as_word(&wait_for_recorder));
         const std::uint32_t now = shared.heartbeat.load(std::memory_order_relaxed);
         waits = now == heartbeat ? waits + 1 : 0;
@@ -167,18 +168,19 @@ inline std::uint32_t thread_number() noexcept {
 inline void put(record_kind kind, std::uint64_t address, std::uint64_t detail, std::uint32_t stack) noexcept {
     session& own = *this_process.own;
     const std::uint32_t thread = thread_number();
+    const std::uint64_t limit = self.puts == 0 ? ring_limit : ring_size;
+    self.puts = self.puts + 1;
     const std::uint64_t ticket = own.head.fetch_add(1, std::memory_order_relaxed);
     last_tickets[self.last_slot].ticket.store(ticket + 1, std::memory_order_relaxed);
-    if (ticket - self.tail >= ring_size) [[unlikely]] {
-        if (!wait_for_room(own, ticket))
-            return;
+    if (ticket - self.tail < limit || wait_for_room(own, ticket, limit)) [[likely]] {
+        ring_record& record = this_process.ring[ticket % ring_size];
+        record.address = address;
+        record.detail = detail;
+        record.stack = stack;
+        record.thread = thread;
+        record.commit.store(commit_word(ticket, kind), std::memory_order_release);
     }
-    ring_record& record = this_process.ring[ticket % ring_size];
-    record.address = address;
-    record.detail = detail;
-    record.stack = stack;
-    record.thread = thread;
-    record.commit.store(commit_word(ticket, kind), std::memory_order_release);
+    self.puts = self.puts - 1;
 }
 
 std::uint64_t address_of(const void* block) noexcept { return reinterpret_cast<std::uintptr_t>(block); }
@@ -214,7 +216,7 @@ unsigned first_outside(const std::uintptr_t* frames, unsigned count) noexcept {
         return node_of(&caller.pc, 1);
     if (is_inside && depth == 1 && self.wrapper == 0) {
         // Most often it is an operator new that has called malloc.
-        const unsigned few = unwind(caller, frames, 3);
+        const unsigned few = unwind(caller, frames, 4);
         const unsigned outside = few != 0 ? first_outside(frames, few) : 0;
         if (outside + 1 < few || (few != 0 && (module_of(frames[outside]) & allocation_code) == 0))
             return node_of(frames + outside, 1);

@@ -25,6 +25,10 @@ inline constexpr unsigned most_frames = 256;
 
 inline constexpr std::uint64_t ring_size = 1U << 16;
 
+// Threads wait when so much of the ring is in use. The rest is for signal handlers that have interrupted a thread
+// between its ticket and its commit: the recorder cannot read on before they return, so they must not wait for it.
+inline constexpr std::uint64_t ring_limit = ring_size * 3 / 4;
+
 enum class record_kind : std::uint8_t {
     allocation = 1, // "+"
     release,        // "-"
