@@ -436,7 +436,7 @@ def numbers_and_texts(data):
 
 class StacksFile:
     def __init__(self, data):
-        self.modules, self.nodes, self.stacks, self.threads, self.gone, self.times = [None], [(0, 0, 0)], [], [], [], []
+        self.modules, self.nodes, self.stacks, self.threads, self.loads, self.times = [None], [(0, 0, 0)], [], [], [], []
         self.inherited = 0
         thread = 0
         for kind, numbers, texts in numbers_and_texts(data):
@@ -447,8 +447,9 @@ class StacksFile:
                 self.process, self.program = numbers[0], texts[0].decode()
             elif kind == 2:
                 self.modules.append((*numbers, texts[0].decode(), texts[1].hex()))
-            elif kind == 3:
-                self.gone.append(numbers[0])
+                self.loads.append((len(self.modules) - 1, "came"))
+            elif kind in (3, 4):
+                self.loads.append((numbers[0], "went" if kind == 3 else "came"))
             elif kind == 5:
                 self.nodes.append(tuple(numbers))
             elif kind == 6:
@@ -548,7 +549,39 @@ class Stacks(Recorded):
                 self.assertEqual(stacks.frames(stack)[0][0], name, line)
                 self.assertTrue(line[1].startswith(name), line)
         self.assertEqual(sum(each is not None and each[3] == "./first.so" for each in stacks.modules), 1)
-        self.assertEqual(len(stacks.gone), 20)
+        for name in ("./first.so", "./second.so"):
+            loads = [what for number, what in stacks.loads if stacks.modules[number][3] == name]
+            self.assertEqual(loads, ["came", "went"] * 10)
+
+    def test_a_child_after_a_library_went(self):
+        """A block that the child inherits was allocated in the library, which the child loads again."""
+        self.build("library.so", """
+            #include <cstdlib>
+            extern "C" void* allocate() { return std::malloc(70001); }
+            """, "-shared", "-fPIC", "-O1", "-fno-optimize-sibling-calls")
+        program = self.build("program", """
+            #include <dlfcn.h>
+            #include <sys/wait.h>
+            #include <unistd.h>
+            void use() {
+                void* const library = dlopen("./library.so", RTLD_NOW);
+                reinterpret_cast<void* (*)()>(dlsym(library, "allocate"))();
+                dlclose(library);
+            }
+            int main() {
+                use();
+                if (fork() == 0) {
+                    use();
+                    _exit(0);
+                }
+                wait(nullptr);
+            }
+            """)
+        self.recorded(program)
+        child, = self.children()
+        stacks = StacksFile((self.folder / child.replace("mtrace", "stacks")).read_bytes())
+        self.assertEqual([what for number, what in stacks.loads if stacks.modules[number][3] == "./library.so"],
+                         ["came", "went"] * 2)
 
     def test_what_a_child_inherits(self):
         done = self.record(options.bin / "troubles", "fork_twice")

@@ -230,7 +230,7 @@ process_log::place process_log::place_of_fork(std::uint64_t ticket, bool is_over
             ::nanosleep(&moment, nullptr);
         }
     }
-    return {m_lines, m_unlogged};
+    return {m_lines, m_unlogged, m_stacks.modules_gone()};
 }
 
 void process_log::inherit(process_log& parent, const place& from) {
@@ -243,6 +243,8 @@ void process_log::inherit(process_log& parent, const place& from) {
         write_line(m_host.caller_of_node(node), '+', address, block.size);
         m_stacks.stack(node);
     }
+    for (const std::uint32_t module : from.modules_gone)
+        m_stacks.module_gone(module);
 }
 
 void process_log::flush() {

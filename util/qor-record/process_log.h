@@ -20,6 +20,7 @@ public:
     struct place {
         std::uint64_t lines = 0;
         std::unordered_set<std::uint64_t> unlogged;
+        std::vector<std::uint32_t> modules_gone;
     };
     // Of this log, behind what the tickets below this one did.
     place place_of_fork(std::uint64_t ticket, bool is_over);

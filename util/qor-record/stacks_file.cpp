@@ -42,10 +42,27 @@ void stacks_file::begin(std::int32_t process, std::int32_t parent, std::uint64_t
     m_file.advance(text(at, qor_version));
 }
 
+// The first line with this stack, or the first one since a module went.
 void stacks_file::add_stack(std::uint32_t node) {
     add_node(node);
-    m_nodes[node].is_stack = 1;
-    ++m_stack_count;
+    bring_modules_back(node);
+    m_stack_count += m_nodes[node].generation == 0 ? 1 : 0;
+    m_nodes[node].generation = m_generation;
+}
+
+// A frame in a module shows that the module is loaded.
+void stacks_file::bring_modules_back(std::uint32_t node) {
+    for (unsigned depth = 0; m_gone_count != 0 && node != 0 && depth < most_frames; ++depth) {
+        const record::node* const found = m_host.node_at(node);
+        if (found == nullptr)
+            return;
+        if (found->module < m_modules.size() && m_modules[found->module].is_gone) {
+            entry(stacks_entry::module_back, m_modules[found->module].number);
+            m_modules[found->module].is_gone = false;
+            --m_gone_count;
+        }
+        node = found->parent;
+    }
 }
 
 // Parents first: an entry refers only to those before it.
@@ -87,10 +104,7 @@ std::uint32_t stacks_file::module_number(std::uint32_t module) {
         at = text(at, m_host.path_of(of).substr(0, 4096));
         m_file.advance(text(at, {reinterpret_cast<const char*>(of.build_id), of.build_id_size}));
         seen.number = ++m_module_count;
-    } else if (seen.is_gone) {
-        entry(stacks_entry::module_back, seen.number);
     }
-    seen.is_gone = false;
     return seen.number;
 }
 
@@ -110,10 +124,21 @@ void stacks_file::change_thread(std::uint32_t thread) {
 }
 
 void stacks_file::module_gone(std::uint32_t module) {
-    if (module < m_modules.size() && m_modules[module].number != 0) {
-        entry(stacks_entry::module_gone, m_modules[module].number);
-        m_modules[module].is_gone = true;
-    }
+    // A module without a frame in a stack since it came back has not come back for a reader.
+    if (module >= m_modules.size() || m_modules[module].number == 0 || m_modules[module].is_gone)
+        return;
+    entry(stacks_entry::module_gone, m_modules[module].number);
+    m_modules[module].is_gone = true;
+    ++m_gone_count;
+    ++m_generation;
+}
+
+std::vector<std::uint32_t> stacks_file::modules_gone() const {
+    std::vector<std::uint32_t> found;
+    for (std::uint32_t module = 0; module < m_modules.size(); ++module)
+        if (m_modules[module].is_gone)
+            found.push_back(module);
+    return found;
 }
 
 void stacks_file::time(std::uint64_t since_start) { entry(stacks_entry::time, since_start); }

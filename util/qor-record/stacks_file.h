@@ -42,7 +42,7 @@ public:
     }
     // The same of no particular thread.
     void stack(std::uint32_t node) {
-        if (node >= m_nodes.size() || !m_nodes[node].is_stack) [[unlikely]]
+        if (node >= m_nodes.size() || m_nodes[node].generation != m_generation) [[unlikely]]
             add_stack(node);
         char* const at = m_file.room();
         m_file.advance(number(at, stacks_entry::first_stack + m_nodes[node].number));
@@ -54,6 +54,8 @@ public:
     // Distinct ones, so far.
     std::uint32_t stack_count() const noexcept { return m_stack_count; }
     void module_gone(std::uint32_t module);
+    // The modules that are gone here, by their numbers in the arena.
+    std::vector<std::uint32_t> modules_gone() const;
     void time(std::uint64_t since_start);
     void loss(std::uint64_t records, std::string_view reason);
     void inherited(std::uint64_t lines);
@@ -81,11 +83,12 @@ private:
     void add_stack(std::uint32_t node);
     void add_node(std::uint32_t node);
     std::uint32_t module_number(std::uint32_t module);
+    void bring_modules_back(std::uint32_t node);
     void change_thread(std::uint32_t thread);
 
     struct seen_node {
-        std::uint32_t number : 31 = 0; // in this file; 0: not yet
-        std::uint32_t is_stack : 1 = 0;
+        std::uint32_t number = 0;     // in this file; 0: not yet
+        std::uint32_t generation = 0; // of the modules, when it was last the stack of a line; 0: never
     };
     struct seen_module {
         std::uint32_t number = 0; // in this file; 0: not yet
@@ -99,6 +102,8 @@ private:
     std::uint32_t m_stack_count = 0;
     std::vector<seen_module> m_modules;
     std::uint32_t m_module_count = 0;
+    std::uint32_t m_generation = 1; // grows when a module goes
+    std::uint32_t m_gone_count = 0; // modules that are gone and not back
     std::int32_t m_process = 0;
     std::uint32_t m_thread = 0;
     std::vector<std::uint32_t> m_named_threads;
