@@ -76,6 +76,12 @@ class Recorded(unittest.TestCase):
             self.assertTrue(LINE.fullmatch(line), line)
         return lines
 
+    def build(self, name, source, *words):
+        path = self.folder / name
+        (self.folder / f"{name}.cpp").write_text(source)
+        subprocess.run(["c++", "-g", "-o", path, self.folder / f"{name}.cpp", *words], check=True)
+        return path
+
     def children(self):
         return sorted(path.name for path in self.folder.glob("log.mtrace.*"))
 
@@ -469,12 +475,6 @@ class StacksFile:
 
 
 class Stacks(Recorded):
-    def build(self, name, source, *words):
-        path = self.folder / name
-        (self.folder / f"{name}.cpp").write_text(source)
-        subprocess.run(["c++", "-g", "-o", path, self.folder / f"{name}.cpp", *words], check=True)
-        return path
-
     def recorded(self, program, *prefix, log="log"):
         done = self.record(program, prefix=(*prefix, "-o", "log"))
         self.assertEqual(done.returncode, 0, done.stderr)
@@ -522,6 +522,25 @@ class Stacks(Recorded):
         self.assertIn(module[4], build_id)
         # Each stack once.
         self.assertEqual(len(set(map(tuple, map(stacks.frames, range(1, len(stacks.nodes)))))), len(stacks.nodes) - 1)
+
+    def test_an_operator_new_in_the_program(self):
+        """The caller is the one outside, also in a program that another one executes."""
+        program = self.build("program", """
+            void* volatile kept;
+            [[gnu::noinline]] void by_new() { kept = new char[70001]; kept = nullptr; }
+            int main() { by_new(); }
+            """, "-O1", "-static-libstdc++", "-static-libgcc", "-fno-optimize-sibling-calls")
+        for words in ((program,), ("sh", "-c", f"'{program}'; exit 0")):
+            for depth in ("64", "0"):
+                done = self.record(*words, prefix=("--depth", depth, "-o", "log"))
+                self.assertEqual(done.returncode, 0, done.stderr)
+                found = []
+                for log in ("log.mtrace", *self.children()):
+                    stacks = StacksFile((self.folder / log.replace("mtrace", "stacks")).read_bytes())
+                    lines = [line.split() for line in self.lines(log) if line.startswith("@ ") and line.split()[2] in "+>"]
+                    found += [self.functions(program, stacks.frames(stack))[0] for line, stack in zip(lines, stacks.stacks)
+                              if line[4] == "0x11171"]
+                self.assertEqual(found, ["by_new"], (words, depth))
 
     def test_a_library_in_the_place_of_another(self):
         """Both are modules of their own, with their own stacks."""
@@ -677,6 +696,195 @@ class Allocators(Recorded):
         self.check("libmimalloc.so.2")
 
 
+    def behind(self, library, program):
+        """Records the program with a library behind the recorder's own; the recorder itself is without it."""
+        done = self.record("sh", "-c", 'LD_PRELOAD="$LD_PRELOAD:$0" exec "$1"', library, program)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        report = self.report("mtrace", "log.mtrace")
+        self.assertNotIn("BAD FREE", report)
+        lines = [line.split() for line in self.lines("log.mtrace") if line.startswith("@ ")]
+        alive = set()
+        for line in lines:
+            self.assertEqual(line[3] in alive, line[2] in "-<", line)
+            (alive.add if line[2] in "+>" else alive.discard)(line[3])
+        return self.leaks(report), lines
+
+    def test_functions_that_call_each_other(self):
+        """A block has one record, of the caller outside of the allocator."""
+        library = self.build("library.so", """
+            #include <cstdlib>
+            #include <cstring>
+            #include <malloc.h>
+            extern "C" {
+            void* __libc_malloc(std::size_t size);
+            void __libc_free(void* block);
+            void* malloc(std::size_t size) noexcept { return __libc_malloc(size); }
+            void free(void* block) noexcept { __libc_free(block); }
+            void* calloc(std::size_t count, std::size_t size) noexcept {
+                void* const made = malloc(count * size);
+                return made != nullptr ? std::memset(made, 0, count * size) : nullptr;
+            }
+            void* realloc(void* block, std::size_t size) noexcept {
+                const std::size_t before = malloc_usable_size(block);
+                if (block != nullptr && size < before && size > before / 2)
+                    return block;
+                void* const made = malloc(size);
+                if (made != nullptr && block != nullptr) {
+                    std::memcpy(made, block, before < size ? before : size);
+                    free(block);
+                }
+                return made;
+            }
+            }
+            """, "-shared", "-fPIC", "-O1", "-fno-builtin", "-fno-optimize-sibling-calls")
+        program = self.build("program", """
+            #include <cstdlib>
+            void* volatile kept;
+            int main() {
+                kept = std::malloc(71001);
+                kept = std::realloc(std::malloc(72001), 71002);
+                kept = std::calloc(71003, 1);
+                kept = std::realloc(nullptr, 71004);
+                kept = std::realloc(std::realloc(std::calloc(72002, 1), 72003), 71005);
+                std::free(std::realloc(std::malloc(300), 72004));
+                std::free(std::realloc(std::malloc(72006), 72000));
+                kept = std::realloc(std::malloc(72005), 999'999'999'999'999) == nullptr ? nullptr : kept;
+            }
+            """)
+        leaks, lines = self.behind(library, program)
+        self.assertEqual(leaks, {71001: 1, 71002: 1, 71003: 1, 71004: 1, 71005: 1, 72005: 1})
+        for line in lines:
+            if line[-1] in map(hex, (*range(71001, 71006), *range(72001, 72006))):
+                self.assertTrue(line[1].startswith(f"{program}:"), line)
+
+    def test_signals_within_the_first_calls(self):
+        """What their handler allocates and releases is not taken for a part of the call."""
+        library = self.build("library.so", """
+            #include <csignal>
+            #include <cstdlib>
+            #include <new>
+            extern "C" void* __libc_malloc(std::size_t size);
+            extern "C" void* __libc_memalign(std::size_t alignment, std::size_t size);
+            extern "C" void __libc_free(void* block);
+            static void raise_once(bool& has_raised) {
+                if (!has_raised) {
+                    has_raised = true;
+                    std::raise(SIGUSR1);
+                }
+            }
+            extern "C" void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
+                static bool has_raised;
+                raise_once(has_raised);
+                return __libc_memalign(alignment, size);
+            }
+            void* operator new(std::size_t size) {
+                static bool has_raised;
+                raise_once(has_raised);
+                return __libc_malloc(size);
+            }
+            void operator delete(void* block) noexcept {
+                static bool has_raised;
+                raise_once(has_raised);
+                __libc_free(block);
+            }
+            """, "-shared", "-fPIC", "-O1", "-fno-builtin")
+        program = self.build("program", """
+            #include <csignal>
+            #include <cstdlib>
+            #include <new>
+            void* volatile kept;
+            void* volatile changed = std::malloc(72001);
+            void handle(int) {
+                kept = std::malloc(71001);
+                std::free(changed);
+                changed = std::malloc(72001);
+            }
+            int main() {
+                std::signal(SIGUSR1, handle);
+                kept = std::aligned_alloc(64, 71104);
+                kept = std::aligned_alloc(64, 71168);
+                kept = ::operator new(71002);
+                kept = ::operator new(71003);
+                ::operator delete(::operator new(72002));
+                ::operator delete(::operator new(72003));
+            }
+            """, "-O0")
+        leaks, _ = self.behind(library, program)
+        self.assertEqual(leaks, {71001: 3, 71002: 1, 71003: 1, 71104: 1, 71168: 1, 72001: 1})
+
+
+class Executions(Recorded):
+    """Programs that are executed with an environment without the recorder."""
+
+    def test_a_variable_that_is_set_anew(self):
+        for words in (["LD_PRELOAD=libm.so.6"], ["-u", "LD_PRELOAD"], ["-i"], ["-i", "LD_PRELOAD=libm.so.6", "A=b"]):
+            done = self.record("env", *words, options.bin / "troubles", "leave_at_once")
+            self.assertEqual(done.returncode, 7, done.stderr)
+            self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1}, words)
+            self.assertEqual(len(self.children()), 1)
+
+    def test_libraries_that_the_program_preloads(self):
+        """They are loaded still, and what the program set is what an unrecorded one finds."""
+        done = self.record("env", "-i", "LD_PRELOAD=libm.so.6", "A=b", "/bin/sh", "-c", 'echo "$LD_PRELOAD $QOR_RECORD_PRELOAD $A"')
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual(done.stdout, f"{options.bin / 'libqor-record.so'}:libm.so.6 libm.so.6 b\n")
+
+    def test_no_children(self):
+        done = self.record("sh", "-c", "env -i sh -c 'echo .$LD_PRELOAD.'; exec env -i true", prefix=("--no-children", "-o", "log"))
+        self.assertEqual((done.returncode, done.stdout), (0, "..\n"), done.stderr)
+        self.assertEqual(len(self.children()), 2, "the shell and env, which were replaced")
+
+    def test_each_function(self):
+        program = self.build("program", """
+            #include <cstdlib>
+            #include <fcntl.h>
+            #include <spawn.h>
+            #include <sys/wait.h>
+            #include <unistd.h>
+            static int wait_for(pid_t child) {
+                int status = 0;
+                waitpid(child, &status, 0);
+                return WIFEXITED(status) && WEXITSTATUS(status) == 7 ? 0 : 1;
+            }
+            template <class Call>
+            int in_child(Call call) {
+                const pid_t child = fork();
+                if (child == 0) {
+                    call();
+                    _exit(99);
+                }
+                return wait_for(child);
+            }
+            int main(int, char** words) {
+                char* const program = words[1];
+                char* const list[] = {program, words[2], nullptr};
+                char* const nothing[] = {nullptr};
+                clearenv();
+                int failed = in_child([&] { execve(program, list, nothing); });
+                failed += in_child([&] { execv(program, list); });
+                failed += in_child([&] { execvp(program, list); });
+                failed += in_child([&] { execvpe(program, list, nothing); });
+                failed += in_child([&] { execl(program, program, words[2], nullptr); });
+                failed += in_child([&] { execlp(program, program, words[2], nullptr); });
+                failed += in_child([&] { execle(program, program, words[2], nullptr, nothing); });
+                failed += in_child([&] { fexecve(open(program, O_RDONLY | O_CLOEXEC), list, nothing); });
+                failed += in_child([&] { execveat(AT_FDCWD, program, list, nothing, 0); });
+                pid_t child = vfork();
+                if (child == 0) {
+                    execve(program, list, nothing);
+                    _exit(99);
+                }
+                failed += wait_for(child);
+                failed += posix_spawn(&child, program, nullptr, nullptr, list, nothing) + wait_for(child);
+                failed += posix_spawnp(&child, program, nullptr, nullptr, list, environ) + wait_for(child);
+                return failed;
+            }
+            """)
+        done = self.record(program, options.bin / "troubles", "leave_at_once")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual([self.leaks(self.report("mtrace", name)) for name in self.children()], [{71001: 1}] * 12)
+
+
 class Files(Recorded):
     def test_compressed_logs(self):
         plain = self.record(options.bin / "troubles", "leave_many")
@@ -830,7 +1038,7 @@ def main():
     parser.add_argument("--source", type=lambda path: pathlib.Path(path).resolve(), required=True)
     parser.add_argument("--instrumented", action="store_true")
     options = parser.parse_args()
-    cases = [Instrumented] if options.instrumented else [Programs, Troubles, Stacks, Order, Allocators, Files, Control]
+    cases = [Instrumented] if options.instrumented else [Programs, Troubles, Stacks, Order, Allocators, Executions, Files, Control]
     suite = unittest.TestSuite(map(unittest.defaultTestLoader.loadTestsFromTestCase, cases))
     return 0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1
 

@@ -138,6 +138,18 @@ std::string interpreter_of(const mapped_file& file) {
     return std::string(line.substr(0, line.find_first_of(" \t\r")));
 }
 
+// The names of the operators new, as the linker knows them.
+bool is_allocation_symbol(std::string_view name) { return name.starts_with("_Znwm") || name.starts_with("_Znam"); }
+
+std::vector<code_range> allocation_code_in(const elf_file& elf) {
+    std::vector<code_range> found;
+    elf.visit_symbols(SHT_SYMTAB, [&](std::string_view name, const ElfW(Sym) & symbol) {
+        if (symbol.st_shndx != SHN_UNDEF && symbol.st_size != 0 && is_allocation_symbol(name))
+            found.push_back({symbol.st_value, symbol.st_value + symbol.st_size});
+    });
+    return found;
+}
+
 bool look_at(const std::string& path, program_facts& found, int depth) {
     if (is_privileged(path)) {
         say(message::is_privileged, {path});
@@ -170,16 +182,11 @@ bool look_at(const std::string& path, program_facts& found, int depth) {
         say(message::is_foreign, {path});
         return false;
     }
-    elf.visit_symbols(SHT_SYMTAB, [&](std::string_view name, const ElfW(Sym) & symbol) {
-        if (symbol.st_shndx != SHN_UNDEF && symbol.st_size != 0 && is_allocation_symbol(name))
-            found.allocation_code.push_back({symbol.st_value, symbol.st_value + symbol.st_size});
-    });
+    found.allocation_code = allocation_code_in(elf);
     return true;
 }
 
 } // namespace
-
-bool is_allocation_symbol(std::string_view name) { return name.starts_with("_Znwm") || name.starts_with("_Znam"); }
 
 std::string find_program(const std::string& name) {
     const auto is_program = [](const std::string& path) {
@@ -204,6 +211,11 @@ std::string find_program(const std::string& name) {
 bool look_at_program(const std::string& path, program_facts& found) {
     constexpr int longest_chain = 4; // of scripts that are interpreted by scripts
     return look_at(path, found, longest_chain);
+}
+
+std::vector<code_range> allocation_code_of(std::int32_t process) {
+    const mapped_file file("/proc/" + std::to_string(process) + "/exe");
+    return allocation_code_in(elf_file(file));
 }
 
 } // namespace qor::record

@@ -20,7 +20,7 @@ struct program_facts {
 // file is shows when the system executes it.
 bool look_at_program(const std::string& path, program_facts& found);
 
-// The names of the operators new, as the linker knows them.
-bool is_allocation_symbol(std::string_view name);
+// The operators new in the file of the program that runs in a process.
+std::vector<code_range> allocation_code_of(std::int32_t process);
 
 } // namespace qor::record

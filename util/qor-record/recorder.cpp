@@ -84,7 +84,7 @@ void recorder::answer_requests() {
         if (receive(connection, token_size + 1) != m_token || !peer_of(connection, other) ||
             (!m_options.follows_children && other.process != m_first_process))
             continue;
-        if (const auto host = make_arena({})) {
+        if (const auto host = make_arena(allocation_code_of(other.process))) {
             host->own();
             add_executed(host, other.process);
             (void)send_descriptor(connection, host->descriptor());

@@ -2,6 +2,7 @@
 // what that did. A release is recorded before the block is released, an allocation after it was allocated, so that in
 // the order of the records a block is never allocated twice.
 #include "next.h"
+#include "process.h"
 #include "recording.h"
 
 #include <cerrno>
@@ -73,21 +74,13 @@ bool uses_reserve() noexcept {
     return is_searching;
 }
 
-// Calls the next function; what no other hook has recorded is recorded here. `block` and `size` tell of the result.
-template <class Function, class Call, class Block, class Size>
-[[gnu::always_inline]] inline auto observe(next_function<Function>& next, const machine_context& caller, Call call,
-                                           Block block, Size size) noexcept {
-    const unsigned long before = counts_of_this_thread().allocations;
+// Calls the next function, and records its result if no other hook has. `block` and `size` tell of the result.
+template <class Call, class Block, class Size>
+[[gnu::always_inline]] inline auto observe(const machine_context& caller, Call call, Block block, Size size) noexcept {
+    const unsigned long before = records_of_this_thread();
     const auto result = call();
     const void* const made = block(result);
-    if (made == nullptr)
-        return result;
-    habit found = next.found.load(std::memory_order_relaxed);
-    if (found == habit::unknown) [[unlikely]] {
-        found = counts_of_this_thread().allocations == before ? habit::works_alone : habit::calls_hooks;
-        next.found.store(found, std::memory_order_relaxed);
-    }
-    if (found == habit::works_alone)
+    if (made != nullptr && !has_recorded(made, before))
         record_allocation(record_kind::allocation, made, size(made), caller);
     return result;
 }
@@ -101,20 +94,23 @@ template <class Function, class... Arguments>
         return nullptr;
     }
     return observe(
-        next, caller, [=] { return function(arguments...); }, [](void* made) { return made; },
+        caller, [=] { return function(arguments...); }, [](void* made) { return made; },
         [=](const void*) { return size; });
 }
 
-// realloc and those that are made of it.
+// realloc and those that are made of it. An allocator's own realloc may call malloc and free, which are hooked: those
+// do not record the old block's release once more, and the new block is recorded there.
 [[gnu::always_inline]] inline void* reallocate(void* block, std::size_t size, const machine_context& caller) noexcept {
     auto* const function = find(next_realloc);
     if (block == nullptr)
         return allocate(next_realloc, caller, size, nullptr, size);
     record_release(record_kind::moved_from, block, caller);
+    const announced_release scope(block);
+    const unsigned long before = records_of_this_thread();
     void* const moved = function(block, size);
-    if (moved != nullptr)
+    if (moved != nullptr && !has_recorded(moved, before))
         record_allocation(record_kind::moved_to, moved, size, caller);
-    else if (size != 0)
+    else if (moved == nullptr && size != 0)
         record_allocation(record_kind::not_moved, block, size, caller);
     return moved;
 }
@@ -133,20 +129,29 @@ template <class Function, class... Arguments>
                                            Arguments... arguments) noexcept {
     if (block == nullptr || is_from_reserve(block))
         return;
-    record_release(record_kind::release, block, caller);
-    if (Function* const function = find(next))
-        function(block, arguments...);
+    if (announced == block) [[unlikely]]
+        announced = nullptr;
     else
-        find(next_free)(block);
+        record_release(record_kind::release, block, caller);
+    Function* const function = find(next);
+    if constexpr (sizeof...(arguments) != 0) { // it may call free
+        const announced_release scope(block);
+        if (function != nullptr)
+            function(block, arguments...);
+        else
+            find(next_free)(block);
+    } else {
+        function(block);
+    }
 }
 
 // The result of a function that makes a text.
-template <class Function, class Call>
-[[gnu::always_inline]] inline auto duplicate(next_function<Function>& next, const machine_context& caller, Call call,
+template <class Call>
+[[gnu::always_inline]] inline auto duplicate(const machine_context& caller, Call call,
                                              std::size_t (*size)(const void*)) noexcept {
     const allocating_for_caller scope;
     return observe(
-        next, caller, call, [](const void* made) { return made; }, size);
+        caller, call, [](const void* made) { return made; }, size);
 }
 
 std::size_t size_of_text(const void* text) noexcept { return strlen(static_cast<const char*>(text)) + 1; }
@@ -154,15 +159,32 @@ std::size_t size_of_wide_text(const void* text) noexcept {
     return (wcslen(static_cast<const wchar_t*>(text)) + 1) * sizeof(wchar_t);
 }
 
-template <class Function, class Call>
-[[gnu::always_inline]] inline int print(next_function<Function>& next, char** text, const machine_context& caller,
-                                        Call call) noexcept {
+template <class Call>
+[[gnu::always_inline]] inline int print(char** text, const machine_context& caller, Call call) noexcept {
     const allocating_for_caller scope;
     return observe(
-        next, caller, call, [text](int length) { return length < 0 ? nullptr : *text; }, size_of_text);
+        caller, call, [text](int length) { return length < 0 ? nullptr : *text; }, size_of_text);
+}
+
+template <class Function>
+void add_next(next_function<Function>& next) noexcept {
+    if (Function* const function = find(next))
+        add_allocation_function(reinterpret_cast<void*>(function));
 }
 
 } // namespace
+
+// One of these may call another one that is hooked: its frames are not what a block's user looks for.
+void find_allocator() noexcept {
+    add_next(next_malloc);
+    add_next(next_calloc);
+    add_next(next_realloc);
+    add_next(next_memalign);
+    add_next(next_aligned_alloc);
+    add_next(next_posix_memalign);
+    add_next(next_valloc);
+    add_next(next_pvalloc);
+}
 
 } // namespace qor::record
 
@@ -237,7 +259,7 @@ QOR_HOOK void* aligned_alloc(std::size_t alignment, std::size_t size) {
 QOR_HOOK int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
     auto* const function = find(next_posix_memalign);
     return observe(
-        next_posix_memalign, capture_context(), [=] { return function(result, alignment, size); },
+        capture_context(), [=] { return function(result, alignment, size); },
         [=](int reason) { return reason == 0 ? *result : nullptr; }, [=](const void*) { return size; });
 }
 
@@ -255,36 +277,36 @@ QOR_HOOK std::size_t malloc_usable_size(void* block) {
 QOR_HOOK char* strdup(const char* text) {
     auto* const function = find(next_strdup);
     return duplicate(
-        next_strdup, capture_context(), [=] { return function(text); }, size_of_text);
+        capture_context(), [=] { return function(text); }, size_of_text);
 }
 
 QOR_HOOK char* __strdup(const char* text) {
     auto* const function = find(next_strdup);
     return duplicate(
-        next_strdup, capture_context(), [=] { return function(text); }, size_of_text);
+        capture_context(), [=] { return function(text); }, size_of_text);
 }
 
 QOR_HOOK char* strndup(const char* text, std::size_t size) {
     auto* const function = find(next_strndup);
     return duplicate(
-        next_strndup, capture_context(), [=] { return function(text, size); }, size_of_text);
+        capture_context(), [=] { return function(text, size); }, size_of_text);
 }
 
 QOR_HOOK char* __strndup(const char* text, std::size_t size) {
     auto* const function = find(next_strndup);
     return duplicate(
-        next_strndup, capture_context(), [=] { return function(text, size); }, size_of_text);
+        capture_context(), [=] { return function(text, size); }, size_of_text);
 }
 
 QOR_HOOK wchar_t* wcsdup(const wchar_t* text) {
     auto* const function = find(next_wcsdup);
     return duplicate(
-        next_wcsdup, capture_context(), [=] { return function(text); }, size_of_wide_text);
+        capture_context(), [=] { return function(text); }, size_of_wide_text);
 }
 
 QOR_HOOK int vasprintf(char** result, const char* format, va_list arguments) {
     auto* const function = find(next_vasprintf);
-    return print(next_vasprintf, result, capture_context(), [&] { return function(result, format, arguments); });
+    return print(result, capture_context(), [&] { return function(result, format, arguments); });
 }
 
 QOR_HOOK int asprintf(char** result, const char* format, ...) {
@@ -292,7 +314,7 @@ QOR_HOOK int asprintf(char** result, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     const int length =
-        print(next_vasprintf, result, capture_context(), [&] { return function(result, format, arguments); });
+        print(result, capture_context(), [&] { return function(result, format, arguments); });
     va_end(arguments);
     return length;
 }
@@ -302,14 +324,14 @@ QOR_HOOK int __asprintf(char** result, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     const int length =
-        print(next_vasprintf, result, capture_context(), [&] { return function(result, format, arguments); });
+        print(result, capture_context(), [&] { return function(result, format, arguments); });
     va_end(arguments);
     return length;
 }
 
 QOR_HOOK int __vasprintf_chk(char** result, int flag, const char* format, va_list arguments) {
     auto* const function = find(next___vasprintf_chk);
-    return print(next___vasprintf_chk, result, capture_context(),
+    return print(result, capture_context(),
                  [&] { return function(result, flag, format, arguments); });
 }
 
@@ -317,7 +339,7 @@ QOR_HOOK int __asprintf_chk(char** result, int flag, const char* format, ...) {
     auto* const function = find(next___vasprintf_chk);
     va_list arguments;
     va_start(arguments, format);
-    const int length = print(next___vasprintf_chk, result, capture_context(),
+    const int length = print(result, capture_context(),
                              [&] { return function(result, flag, format, arguments); });
     va_end(arguments);
     return length;

@@ -17,18 +17,9 @@ struct nothrow_tag;
 
 using release_function = void(void*);
 
-// The frames of the operator are not what a block's user looks for.
-void mark_as_allocation_code(void* function) noexcept {
-    Dl_info information;
-    const ElfW(Sym)* symbol = nullptr;
-    if (function == nullptr ||
-        dladdr1(function, &information, reinterpret_cast<void**>(const_cast<ElfW(Sym)**>(&symbol)), RTLD_DL_SYMENT) ==
-            0 ||
-        symbol == nullptr)
-        return;
-    const auto begin = reinterpret_cast<std::uintptr_t>(function);
-    add_allocation_code(begin, begin + symbol->st_size);
-}
+// The libraries whose operators new have shown their habit, which is that of their operators delete, too.
+std::atomic<const void*> library_that_calls_hooks;
+std::atomic<const void*> library_that_works_alone;
 
 template <class Function>
 Function* find(next_function<Function>& next) noexcept {
@@ -36,7 +27,7 @@ Function* find(next_function<Function>& next) noexcept {
     if (found != nullptr) [[likely]]
         return found;
     void* const symbol = find_next_of_cxx(next.name);
-    mark_as_allocation_code(symbol);
+    next.library.store(symbol != nullptr ? add_allocation_function(symbol) : nullptr, std::memory_order_relaxed);
     found = reinterpret_cast<Function*>(symbol);
     next.function.store(found, std::memory_order_relaxed);
     return found;
@@ -54,14 +45,16 @@ template <class Function, class... Arguments>
             abort();
         return made;
     }
-    const habit known = next.found.load(std::memory_order_relaxed);
-    const unsigned long before = counts_of_this_thread().allocations;
+    const unsigned long before = records_of_this_thread();
     void* const made = function(arguments...);
     if (made == nullptr)
         return nullptr;
-    const bool is_recorded = known == habit::unknown && counts_of_this_thread().allocations != before;
-    if (known == habit::unknown)
+    const bool is_recorded = has_recorded_around(made, before);
+    if (next.found.load(std::memory_order_relaxed) == habit::unknown) {
+        const void* const library = next.library.load(std::memory_order_relaxed);
+        (is_recorded ? library_that_calls_hooks : library_that_works_alone).store(library, std::memory_order_relaxed);
         next.found.store(is_recorded ? habit::calls_hooks : habit::works_alone, std::memory_order_release);
+    }
     if (!is_recorded)
         record_allocation(record_kind::allocation, made, size, caller);
     return made;
@@ -73,17 +66,16 @@ template <class Function, class... Arguments>
     Function* const function = find(next);
     if (function == nullptr) [[unlikely]]
         return free(block);
-    const habit known = next.found.load(std::memory_order_relaxed);
-    if (known == habit::works_alone && block != nullptr)
+    const void* const library = next.library.load(std::memory_order_relaxed);
+    if (library != nullptr && library == library_that_calls_hooks.load(std::memory_order_relaxed) &&
+        library != library_that_works_alone.load(std::memory_order_relaxed))
+        next.found.store(habit::calls_hooks, std::memory_order_release);
+    if (block == nullptr || next.found.load(std::memory_order_relaxed) == habit::calls_hooks)
+        return function(block, arguments...);
+    if (announced != block)
         record_release(record_kind::release, block, caller);
-    const unsigned long before = counts_of_this_thread().releases;
+    const announced_release scope(block);
     function(block, arguments...);
-    if (known != habit::unknown || block == nullptr)
-        return;
-    const bool is_recorded = counts_of_this_thread().releases != before;
-    next.found.store(is_recorded ? habit::calls_hooks : habit::works_alone, std::memory_order_release);
-    if (!is_recorded)
-        record_release(record_kind::release, block, caller);
 }
 
 } // namespace
@@ -99,7 +91,7 @@ void find_operators_of_program() noexcept {
         if (first != nullptr && dladdr(first, &of_first) != 0 &&
             dladdr(reinterpret_cast<void*>(&find_operators_of_program), &of_this) != 0 &&
             of_first.dli_fbase != of_this.dli_fbase)
-            mark_as_allocation_code(first);
+            add_allocation_function(first);
     }
 }
 

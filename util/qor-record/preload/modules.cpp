@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <link.h>
+#include <sys/auxv.h>
 
 namespace qor::record {
 
@@ -149,6 +150,28 @@ std::uint32_t module_of(std::uintptr_t address) noexcept {
 void add_allocation_code(std::uintptr_t begin, std::uintptr_t end) noexcept {
     if (range_count < most_ranges && begin < end)
         ranges[range_count++] = {begin, end};
+}
+
+const void* add_allocation_function(void* function) noexcept {
+    Dl_info information;
+    const ElfW(Sym)* symbol = nullptr;
+    if (dladdr1(function, &information, reinterpret_cast<void**>(const_cast<ElfW(Sym)**>(&symbol)), RTLD_DL_SYMENT) == 0)
+        return nullptr;
+    const auto begin = reinterpret_cast<std::uintptr_t>(function);
+    if (symbol != nullptr)
+        add_allocation_code(begin, begin + symbol->st_size);
+    return information.dli_fbase;
+}
+
+void add_allocation_code_of_program() noexcept {
+    const arena& shared = *this_process.shared;
+    dl_find_object program;
+    if (shared.program_range_count == 0 || shared.program_range_count > most_program_ranges ||
+        _dl_find_object(reinterpret_cast<void*>(getauxval(AT_ENTRY)), &program) != 0)
+        return;
+    const std::uintptr_t base = program.dlfo_link_map->l_addr;
+    for (unsigned i = 0; i < shared.program_range_count; ++i)
+        add_allocation_code(base + shared.program_ranges[i].begin, base + shared.program_ranges[i].end);
 }
 
 void forget_places() noexcept {

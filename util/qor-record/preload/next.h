@@ -8,15 +8,16 @@
 
 namespace qor::record {
 
-// Whether a function gets its memory by a call of malloc, free or the like that another hook sees. The first call
-// shows.
+// Whether an operator gets its memory by a call of malloc, free or the like that another hook records. The first call
+// of an operator new shows it. One that has once worked alone may call malloc another time: each call is looked at.
 enum class habit : unsigned char { unknown, calls_hooks, works_alone };
 
 template <class Function>
 struct next_function {
     const char* const name;
     std::atomic<Function*> function{nullptr};
-    std::atomic<habit> found{habit::unknown};
+    std::atomic<habit> found{habit::unknown};  // of an operator
+    std::atomic<const void*> library{nullptr}; // that an operator is in
 
     constexpr explicit next_function(const char* symbol) noexcept : name(symbol) {}
 };

@@ -39,6 +39,13 @@ std::uint32_t module_of(std::uintptr_t address) noexcept;
 // Makes a range of the program's code one of allocation functions. While the process starts.
 void add_allocation_code(std::uintptr_t begin, std::uintptr_t end) noexcept;
 
+// The same of the function that begins there, as far as its library tells where it ends. Returns the library's base; null:
+// it is unknown.
+const void* add_allocation_function(void* function) noexcept;
+
+// The ranges that the recorder has found in the program's file.
+void add_allocation_code_of_program() noexcept;
+
 // Tells which of the modules that were there are not there any more.
 void find_modules_gone(void (*gone)(std::uint32_t module) noexcept) noexcept;
 

@@ -15,6 +15,13 @@ namespace {
 // Initial-exec: a first use allocates nothing.
 #define QOR_PER_THREAD __thread __attribute__((tls_model("initial-exec")))
 
+// Records that one call of an allocation function may bring, with those of a signal handler.
+constexpr unsigned most_remembered = 64;
+struct remembered {
+    std::uintptr_t address; // of a released block its complement
+    std::size_t size;       // of a new block
+};
+
 QOR_PER_THREAD struct {
     std::uint32_t thread;  // the system's number; 0: not asked yet
     std::uint32_t process; // at a fork the thread gets another number
@@ -23,7 +30,8 @@ QOR_PER_THREAD struct {
     std::uintptr_t wrapper; // the stack is below this place inside a function that allocates for its caller
     volatile unsigned puts; // how many put() are under way, one in the signal handler that has interrupted the other
     std::uint64_t tail;     // as it was seen last
-    thread_counts counts;
+    unsigned long records;
+    remembered recorded[most_remembered]; // the last ones
 } self;
 
 // The last ticket that each thread has taken. It is private memory: a forked child finds the tickets that were taken
@@ -183,6 +191,12 @@ inline void put(record_kind kind, std::uint64_t address, std::uint64_t detail, s
     self.puts = self.puts - 1;
 }
 
+inline void remember(std::uintptr_t address, std::size_t size) noexcept {
+    const unsigned long number = self.records;
+    self.recorded[number % most_remembered] = {address, size};
+    self.records = number + 1;
+}
+
 std::uint64_t address_of(const void* block) noexcept { return reinterpret_cast<std::uintptr_t>(block); }
 
 void keep_early(record_kind kind, const void* block, std::uint64_t detail, std::uintptr_t caller) noexcept {
@@ -239,10 +253,41 @@ std::uintptr_t outside_caller(const machine_context& caller) noexcept {
 
 } // namespace
 
-const thread_counts& counts_of_this_thread() noexcept { return self.counts; }
+unsigned long records_of_this_thread() noexcept { return self.records; }
+
+namespace {
+
+// The last of these records that `is_wanted` accepts; null: there is none.
+template <class Wanted>
+inline const remembered* find_recorded(unsigned long since, Wanted is_wanted) noexcept {
+    const unsigned long count = self.records;
+    for (unsigned long number = count; number != since && count - number < most_remembered; --number)
+        if (const remembered& each = self.recorded[(number - 1) % most_remembered]; is_wanted(each))
+            return &each;
+    return nullptr;
+}
+
+} // namespace
+
+bool has_recorded(const void* block, unsigned long since) noexcept {
+    const std::uintptr_t address = address_of(block);
+    const remembered* const last = find_recorded(
+        since, [=](const remembered& each) { return each.address == address || each.address == ~address; });
+    return last != nullptr && last->address == address;
+}
+
+bool has_recorded_around(const void* block, unsigned long since) noexcept {
+    const std::uintptr_t address = address_of(block);
+    return find_recorded(since, [=](const remembered& each) {
+               return address >= each.address && address - each.address < each.size &&
+                      has_recorded(reinterpret_cast<const void*>(each.address), since);
+           }) != nullptr;
+}
 
 void record_allocation(record_kind kind, const void* block, std::size_t size, const machine_context& caller) noexcept {
-    ++self.counts.allocations;
+    remember(address_of(block), size);
+    if (announced == block) [[unlikely]]
+        announced = nullptr; // a signal handler has left the release by a jump, and the block is another one now
     if (!is_recording()) [[unlikely]] {
         keep_early(kind, block, size, caller.pc);
         return;
@@ -252,7 +297,7 @@ void record_allocation(record_kind kind, const void* block, std::size_t size, co
 }
 
 void record_release(record_kind kind, const void* block, const machine_context& caller) noexcept {
-    ++self.counts.releases;
+    remember(~address_of(block), 0);
     if (!is_recording()) [[unlikely]] {
         keep_early(kind, block, caller.pc, caller.pc);
         return;

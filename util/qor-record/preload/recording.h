@@ -13,12 +13,33 @@ void record_allocation(record_kind kind, const void* block, std::size_t size, co
 // A block that is about to be released (record_kind::release or moved_from).
 void record_release(record_kind kind, const void* block, const machine_context& caller) noexcept;
 
-// How much this thread has recorded: a hook sees by it whether the function that it called has done so.
-struct thread_counts {
-    unsigned long allocations;
-    unsigned long releases;
+// How many blocks this thread has recorded, new and released ones: a hook sees by it whether a function that it calls
+// records by another hook.
+unsigned long records_of_this_thread() noexcept;
+
+// Whether this thread has recorded BLOCK as a new one, and not as released afterwards, since it had recorded SINCE
+// blocks. A signal handler may have recorded its own blocks meanwhile, so the number alone does not tell.
+bool has_recorded(const void* block, unsigned long since) noexcept;
+
+// The same of a block that BLOCK lies in: an operator new may put something of its own before it.
+bool has_recorded_around(const void* block, unsigned long since) noexcept;
+
+// A block whose release is recorded, and which another function is about to release: if that function calls a hook
+// with the block, the hook must not record it again.
+inline __thread const void* announced __attribute__((tls_model("initial-exec")));
+
+class announced_release {
+public:
+    explicit announced_release(const void* block) noexcept : m_block(block), m_outer(announced) { announced = block; }
+    // What an inner function has released need not reach another hook of the outer one.
+    ~announced_release() { announced = announced != m_block && m_outer == m_block ? nullptr : m_outer; }
+    announced_release(const announced_release&) = delete;
+    announced_release& operator=(const announced_release&) = delete;
+
+private:
+    const void* m_block;
+    const void* m_outer;
 };
-const thread_counts& counts_of_this_thread() noexcept;
 
 // A function of the C library that allocates for its caller, such as strdup: as long as this lives, blocks belong to
 // the caller of the hook that it stands in.

@@ -17,6 +17,7 @@ namespace qor::record {
 
 void put_early_records() noexcept;
 void end_of_start() noexcept;
+void find_allocator() noexcept;
 void find_operators_of_program() noexcept;
 void follow_forks() noexcept;
 
@@ -235,7 +236,9 @@ void start_recording(char** environment) noexcept {
     own.process = process;
     own.number = 1;
     prepare_unwinder();
+    find_allocator();
     find_operators_of_program();
+    add_allocation_code_of_program();
     follow_forks();
     this_process.owner->phase.store(phase_running, std::memory_order_release);
     put_early_records();
