@@ -20,6 +20,7 @@ void end_of_start() noexcept;
 void find_allocator() noexcept;
 void find_operators_of_program() noexcept;
 void follow_forks() noexcept;
+void prepare_executions() noexcept;
 
 namespace {
 
@@ -240,6 +241,7 @@ void start_recording(char** environment) noexcept {
     find_operators_of_program();
     add_allocation_code_of_program();
     follow_forks();
+    prepare_executions();
     this_process.owner->phase.store(phase_running, std::memory_order_release);
     put_early_records();
     end_of_start();

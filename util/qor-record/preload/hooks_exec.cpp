@@ -1,0 +1,262 @@
+// The functions that execute a program: they see to it that the program finds the recorder, although the environment
+// that it is given may have another LD_PRELOAD or nothing at all. All of them may be called in the child of a vfork, on
+// the stack and in the memory of its parent, so nothing is written but this stack.
+#include "next.h"
+#include "process.h"
+#include "raw_calls.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <dlfcn.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+namespace qor::record {
+
+namespace {
+
+using variables = char* const*;
+
+#define QOR_NEXT(name, type)                                                                                           \
+    constinit next_function<type> next_##name { #name }
+
+QOR_NEXT(execve, int(const char*, variables, variables));
+QOR_NEXT(execvpe, int(const char*, variables, variables));
+QOR_NEXT(fexecve, int(int, variables, variables));
+QOR_NEXT(execveat, int(int, const char*, variables, variables, int));
+QOR_NEXT(posix_spawn, int(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, variables,
+                          variables));
+QOR_NEXT(posix_spawnp, int(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, variables,
+                           variables));
+
+template <class Function>
+Function* find(next_function<Function>& next) noexcept {
+    Function* found = next.function.load(std::memory_order_relaxed);
+    if (found == nullptr) {
+        found = reinterpret_cast<Function*>(find_next(next.name));
+        next.function.store(found, std::memory_order_relaxed);
+    }
+    return found;
+}
+
+// Copies of what this process was given: a program may write over its environment.
+char own_path[4096];
+char record_text[512];
+char memcheck_text[4096 + 64];
+
+constexpr char preload_name[] = "LD_PRELOAD";
+
+// The value of a variable; null: this is another one.
+const char* value_of(const char* variable, const char* name) noexcept {
+    const std::size_t length = strlen(name);
+    return strncmp(variable, name, length) == 0 && variable[length] == '=' ? variable + length + 1 : nullptr;
+}
+
+const char* find_variable(variables list, const char* name) noexcept {
+    for (; list != nullptr && *list != nullptr; ++list)
+        if (const char* const value = value_of(*list, name))
+            return value;
+    return nullptr;
+}
+
+// The loader parts the list at blanks and colons.
+bool has_own_path(const char* list) noexcept {
+    const std::size_t length = strlen(own_path);
+    while (list != nullptr && *list != '\0') {
+        const std::size_t word = strcspn(list, " :");
+        if (word == length && strncmp(list, own_path, length) == 0)
+            return true;
+        list += word;
+        list += strspn(list, " :");
+    }
+    return false;
+}
+
+// Whether programs that this process executes are recorded.
+bool follows_programs() noexcept {
+    if (this_process.shared == nullptr || own_path[0] == '\0' || this_process.without_system_calls ||
+        recorder_is_gone(*this_process.shared))
+        return false;
+    const std::int32_t followed = this_process.shared->followed_process;
+    return followed == 0 || followed == raw_call(SYS_getpid);
+}
+
+constexpr std::size_t added_variables = 4;
+constexpr std::size_t most_room = 256U << 10;
+
+// The size of a complete environment without the texts that are there already; 0: this one has all, or is too large.
+std::size_t room_for(variables given) noexcept {
+    const char* const preload = find_variable(given, preload_name);
+    if ((has_own_path(preload) && find_variable(given, record_variable) != nullptr) || !follows_programs())
+        return 0;
+    std::size_t count = 0;
+    while (given != nullptr && given[count] != nullptr)
+        ++count;
+    const std::size_t length = preload != nullptr ? strlen(preload) : 0;
+    const std::size_t room = (count + added_variables + 1) * sizeof(char*) + strlen(own_path) + 2 * length +
+                             sizeof preload_name + sizeof preload_variable + 8;
+    return room <= most_room ? room : 0;
+}
+
+char* append(char* at, const char* text) noexcept {
+    const std::size_t length = strlen(text);
+    memcpy(at, text, length + 1);
+    return at + length;
+}
+
+// The environment with what it lacks, in ROOM: the recorder's library stands before the libraries that are preloaded
+// already.
+variables complete(variables given, char* room) noexcept {
+    auto** const made = reinterpret_cast<char**>(room);
+    const char* const preload = find_variable(given, preload_name);
+    const bool has_library = has_own_path(preload);
+    std::size_t count = 0;
+    for (; given != nullptr && *given != nullptr; ++given)
+        if (has_library ||
+            (value_of(*given, preload_name) == nullptr && value_of(*given, preload_variable) == nullptr))
+            made[count++] = *given;
+    made[count] = nullptr;
+    if (find_variable(made, record_variable) == nullptr)
+        made[count++] = record_text;
+    made[count] = nullptr;
+    if (memcheck_text[0] != '\0' && find_variable(made, memcheck_variable) == nullptr)
+        made[count++] = memcheck_text;
+    if (!has_library) {
+        char* const first = reinterpret_cast<char*>(made + count + 3);
+        char* at = append(append(append(first, preload_name), "="), own_path);
+        if (preload != nullptr && *preload != '\0')
+            at = append(append(at, ":"), preload);
+        char* const second = at + 1;
+        append(append(append(second, preload_variable), "="), preload != nullptr ? preload : "");
+        made[count++] = first;
+        made[count++] = second;
+    }
+    made[count] = nullptr;
+    return made;
+}
+
+template <class Call>
+int with_complete(variables given, Call call) noexcept {
+    const std::size_t size = room_for(given);
+    if (size == 0)
+        return call(given);
+    return call(complete(given, static_cast<char*>(__builtin_alloca(size))));
+}
+
+template <class Function>
+int execute(next_function<Function>& next, const char* file, variables words, variables environment) noexcept {
+    Function* const function = find(next);
+    return with_complete(environment, [=](variables all) { return function(file, words, all); });
+}
+
+// FIRST and what follows up to a null pointer, and behind it the environment if that is given too.
+template <class Function>
+int execute_list(next_function<Function>& next, const char* file, const char* first, va_list& list,
+                 bool has_environment) noexcept {
+    va_list ahead;
+    va_copy(ahead, list);
+    std::size_t count = 1;
+    for (const char* word = first; word != nullptr; ++count)
+        word = va_arg(ahead, const char*);
+    va_end(ahead);
+    auto** const words = static_cast<char**>(__builtin_alloca(count * sizeof(char*)));
+    words[0] = const_cast<char*>(first);
+    for (std::size_t i = 1; i < count; ++i)
+        words[i] = va_arg(list, char*);
+    return execute(next, file, words, has_environment ? va_arg(list, variables) : environ);
+}
+
+void copy_variable(char* to, std::size_t size, const char* name) noexcept {
+    const char* const value = getenv(name);
+    if (value != nullptr && strlen(name) + strlen(value) + 2 <= size)
+        append(append(append(to, name), "="), value);
+}
+
+} // namespace
+
+// While the process starts: after a fork, the loader may be locked.
+void prepare_executions() noexcept {
+    Dl_info own;
+    copy_variable(record_text, sizeof record_text, record_variable);
+    copy_variable(memcheck_text, sizeof memcheck_text, memcheck_variable);
+    if (record_text[0] != '\0' && dladdr(own_path, &own) != 0 && strlen(own.dli_fname) < sizeof own_path)
+        append(own_path, own.dli_fname);
+    find(next_execve);
+    find(next_execvpe);
+    find(next_fexecve);
+    find(next_execveat);
+    find(next_posix_spawn);
+    find(next_posix_spawnp);
+}
+
+} // namespace qor::record
+
+using namespace qor::record;
+
+#define QOR_HOOK extern "C" __attribute__((visibility("default")))
+
+QOR_HOOK int execve(const char* path, variables words, variables environment) noexcept {
+    return execute(next_execve, path, words, environment);
+}
+
+QOR_HOOK int execv(const char* path, variables words) noexcept { return execute(next_execve, path, words, environ); }
+
+QOR_HOOK int execvp(const char* file, variables words) noexcept { return execute(next_execvpe, file, words, environ); }
+
+QOR_HOOK int execvpe(const char* file, variables words, variables environment) noexcept {
+    return execute(next_execvpe, file, words, environment);
+}
+
+QOR_HOOK int execl(const char* path, const char* first, ...) noexcept {
+    va_list list;
+    va_start(list, first);
+    const int result = execute_list(next_execve, path, first, list, false);
+    va_end(list);
+    return result;
+}
+
+QOR_HOOK int execlp(const char* file, const char* first, ...) noexcept {
+    va_list list;
+    va_start(list, first);
+    const int result = execute_list(next_execvpe, file, first, list, false);
+    va_end(list);
+    return result;
+}
+
+QOR_HOOK int execle(const char* path, const char* first, ...) noexcept {
+    va_list list;
+    va_start(list, first);
+    const int result = execute_list(next_execve, path, first, list, true);
+    va_end(list);
+    return result;
+}
+
+QOR_HOOK int fexecve(int file, variables words, variables environment) noexcept {
+    auto* const function = find(next_fexecve);
+    return with_complete(environment, [=](variables all) { return function(file, words, all); });
+}
+
+QOR_HOOK int execveat(int folder, const char* path, variables words, variables environment, int flags) noexcept {
+    auto* const function = find(next_execveat);
+    if (function == nullptr) { // a C library before 2.34
+        errno = ENOSYS;
+        return -1;
+    }
+    return with_complete(environment, [=](variables all) { return function(folder, path, words, all, flags); });
+}
+
+QOR_HOOK int posix_spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
+                         const posix_spawnattr_t* attributes, variables words, variables environment) {
+    auto* const function = find(next_posix_spawn);
+    return with_complete(environment,
+                         [=](variables all) { return function(process, path, actions, attributes, words, all); });
+}
+
+QOR_HOOK int posix_spawnp(pid_t* process, const char* file, const posix_spawn_file_actions_t* actions,
+                          const posix_spawnattr_t* attributes, variables words, variables environment) {
+    auto* const function = find(next_posix_spawnp);
+    return with_complete(environment,
+                         [=](variables all) { return function(process, file, actions, attributes, words, all); });
+}
