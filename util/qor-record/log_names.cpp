@@ -79,9 +79,10 @@ bool log_names::set(const std::string& prefix, const std::string& program, compr
 }
 
 std::string log_names::of(std::int32_t process, int attempt) const {
-    std::string text = "." + std::to_string(process);
+    std::string text = ".";
+    text += std::to_string(process);
     if (attempt > 1)
-        text += "." + std::to_string(attempt);
+        (text += '.') += std::to_string(attempt);
     return text += suffix_of(m_kind);
 }
 

@@ -4,6 +4,7 @@
 // one reads and writes, and goes on after this one as long as something that the program has started is still running.
 #include "control.h"
 #include "messages.h"
+#include "process_facts.h"
 #include "recorder.h"
 
 #include <cerrno>
@@ -45,7 +46,7 @@ std::string preload_list(const std::string& library) {
     std::string name = library;
     if (name.find_first_of(" :") != std::string::npos) {
         const int descriptor = ::open(library.c_str(), O_RDONLY | O_CLOEXEC);
-        name = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(descriptor);
+        name = path_in_proc(::getpid(), "fd/") += std::to_string(descriptor);
     }
     const char* const before = std::getenv("LD_PRELOAD");
     return before != nullptr && *before != '\0' ? name + ':' + before : name;

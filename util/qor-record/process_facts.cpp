@@ -11,8 +11,17 @@
 
 namespace qor::record {
 
+// Without operator +, of which g++ 12 warns wrongly.
+std::string path_in_proc(std::int32_t process, const std::string& name) {
+    std::string path = "/proc/";
+    path += std::to_string(process);
+    path += '/';
+    path += name;
+    return path;
+}
+
 std::string program_of(std::int32_t process) {
-    const std::string link = "/proc/" + std::to_string(process) + "/exe";
+    const std::string link = path_in_proc(process, "exe");
     char path[4096];
     const ssize_t size = ::readlink(link.c_str(), path, sizeof path);
     return std::string(path, size > 0 ? static_cast<std::size_t>(size) : 0);
@@ -20,7 +29,7 @@ std::string program_of(std::int32_t process) {
 
 std::int32_t parent_of(std::int32_t process) {
     std::int32_t parent = 0;
-    const std::string path = "/proc/" + std::to_string(process) + "/stat";
+    const std::string path = path_in_proc(process, "stat");
     if (std::FILE* const file = std::fopen(path.c_str(), "re")) {
         char text[512];
         text[std::fread(text, 1, sizeof text - 1, file)] = '\0';

@@ -1,10 +1,13 @@
-// What /proc tells of a process. Where it tells nothing, the result is empty or 0.
+// Facts about a process, from /proc. If they are not there, the result is empty or 0.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 namespace qor::record {
+
+// "/proc/PROCESS/NAME".
+std::string path_in_proc(std::int32_t process, const std::string& name);
 
 std::string program_of(std::int32_t process);
 std::int32_t parent_of(std::int32_t process);

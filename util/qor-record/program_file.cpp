@@ -1,6 +1,7 @@
 #include "program_file.h"
 
 #include "messages.h"
+#include "process_facts.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -214,7 +215,7 @@ bool look_at_program(const std::string& path, program_facts& found) {
 }
 
 std::vector<code_range> allocation_code_of(std::int32_t process) {
-    const mapped_file file("/proc/" + std::to_string(process) + "/exe");
+    const mapped_file file(path_in_proc(process, "exe"));
     return allocation_code_in(elf_file(file));
 }
 
