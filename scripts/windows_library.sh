@@ -1,17 +1,19 @@
 # shellcheck shell=bash disable=SC2154  # names that pass between this file and its callers
-# Sourced by the scripts that make a library for 64-bit Windows from Debian's source package, because no package brings
-# it. The caller has sourced setup.sh and defines
+# Sourced by the scripts that build a library for 64-bit Windows from Debian's source package, because no Debian package
+# contains the library. The caller sources setup.sh first and then defines
 #
-#     library           its name, of the result and in messages
-#     source_package    Debian's
-#     needs             what making it takes, as install_missing has it
-#     compile FOLDER DESTINATION    makes DESTINATION/LIBRARY of the sources in FOLDER
+#     library           the library's name, for the result and for messages
+#     source_package    the name of Debian's source package
+#     needs             the packages that the build needs, in the form that install_missing takes
+#     compile FOLDER DESTINATION    builds DESTINATION/LIBRARY from the sources in FOLDER
 #
-# and calls `make_library "$@"`. The result is kept in $QOR_CACHE (else ~/.cache/qor) and found there by the next call, of any
-# clone; --again makes it anew, for instance after a security update. build/LIBRARY-windows leads to it. Debian's source
-# repository is known to this one download only; the host's own apt settings are read, never changed.
+# The caller then calls `make_library "$@"`. The result is kept in $QOR_CACHE (otherwise ~/.cache/qor), where later calls
+# from any clone find it. --again builds it again, for instance after a security update. build/LIBRARY-windows is a link to
+# it. The scripts read the apt settings of the host and never change them; only their own download uses Debian's source
+# repository.
 
-# The host's Debian repositories as sources, for `apt-get source`. Other vendors' seldom have any.
+# Prints the host's Debian repositories as source repositories, for `apt-get source`. Those of other vendors seldom have
+# sources.
 source_list() {
     local key=/usr/share/keyrings/debian-archive-keyring.gpg options=""
     [[ -e $key ]] && options="[signed-by=$key] "
@@ -19,8 +21,8 @@ source_list() {
         'Created-By: Packages' 'Origin: Debian' | sort -u
 }
 
-# download FOLDER: unpacks the source package there, with Debian's patches applied. The newest version, or where a mirror
-# lists one that it does not have (yet), the next older one.
+# download FOLDER: unpacks the source package there, with Debian's patches applied. It takes the newest version; if the
+# mirror lists that version but does not have it yet, it takes the next older one.
 download() {
     local state=$1/apt version
     mkdir -p "$state/lists/partial" "$state/cache/archives/partial"
@@ -39,7 +41,7 @@ download() {
     return 1
 }
 
-# make_result RESULT MADE_BY
+# make_result RESULT MADE_BY: builds the library and puts it in the folder RESULT, with the stamp MADE_BY.
 make_result() {
     say "Building $library for Windows; this may take some minutes ..."
     work=$cache/work.$$
@@ -59,9 +61,9 @@ make_library() {
     [[ ${1:-} == --again || $# == 0 ]] || die "usage: $0 [--again]"
     cache=${QOR_CACHE:-${HOME:+$HOME/.cache/qor}}
     cache=${cache:-$builds/cache}
-    # What one result differs from another by: how it was made.
+    # A result is valid for the commands that made it, so a change of the scripts, except of comments, makes a new one.
     local result=$cache/$library-windows made_by
-    made_by=$(cat "$0" "${BASH_SOURCE[0]}" | cksum)
+    made_by=$(grep -hv '^ *#' "$0" "${BASH_SOURCE[0]}" | cksum)
     mkdir -p "$cache" "$builds"
     {
         flock 9
