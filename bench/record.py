@@ -64,7 +64,7 @@ class Bench:
         self.environment = {"PATH": "/usr/bin:/bin", "LC_ALL": "C", "PYTHONMALLOC": "malloc", "PYTHONHASHSEED": "0",
                             "HOME": str(folder)}
         self.workloads = self.make_workloads(options.only)
-        # What outlives its parent becomes a child of this process, and counts.
+        # A process that outlives its parent becomes a child of this one, and counts.
         ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
 
     def make_workloads(self, only):

@@ -41,7 +41,7 @@ result decompress(const char* data, std::size_t size, std::size_t in, std::size_
     const char* next = data;
     const char* const end = data + size;
     while (found.last == decompressor::outcome::good && found.text.size() < enough) {
-        // Of just these sizes, so that a step beyond an end is seen.
+        // Blocks of exactly these sizes, so that a step beyond an end is seen.
         const std::vector<char> piece(next, next + std::min<std::size_t>(in, static_cast<std::size_t>(end - next)));
         std::vector<char> room(out);
         const char* used = piece.data();

@@ -36,7 +36,7 @@ bool same_row(const frame_row& a, const frame_row& b) {
     return same;
 }
 
-// What the tables say of a program counter.
+// The rules of the tables for a program counter.
 struct meaning {
     bool is_found = false;
     frame_row row{};

@@ -618,7 +618,7 @@ class Stacks(Recorded):
 
 class Order(Recorded):
     def test_threads_that_release_each_others_blocks(self):
-        """No block is allocated twice or released twice in the order of the log, and none is missing."""
+        """No block is allocated twice or released twice in the order of the log, and no record is missing."""
         done = self.record(options.bin / "exchange", 64, 19000)
         self.assertEqual(done.returncode, 0, done.stderr)
         live = set()
@@ -758,7 +758,7 @@ class Allocators(Recorded):
                 self.assertTrue(line[1].startswith(f"{program}:"), line)
 
     def test_signals_within_the_first_calls(self):
-        """What their handler allocates and releases is not taken for a part of the call."""
+        """Their handler allocates and releases, which is not taken for a part of the call."""
         library = self.build("library.so", """
             #include <csignal>
             #include <cstdlib>
@@ -899,7 +899,7 @@ class Files(Recorded):
             self.assertEqual([line.split()[2] for line in text.stdout.splitlines()[1:]], codes)
 
     def test_children_of_a_compressed_recording(self):
-        """What they inherit is read from the compressed log."""
+        """The blocks that they inherit are read from the compressed log."""
         for option, suffix, tool in (("--zstd", ".zst", "zstd"), ("--gzip", ".gz", "gzip")):
             done = self.record(options.bin / "troubles", "fork_twice", prefix=(option, "-o", "log"))
             self.assertEqual(done.returncode, 0, done.stderr)
@@ -1005,7 +1005,7 @@ class Control(Recorded):
         self.assertEqual(self.finish(process), {71002: 1, 71003: 1})
 
     def test_a_part_that_is_left_out(self):
-        """What is released there is not a leak."""
+        """A block that is released there is not a leak."""
         process = self.start()
         self.go_on(process)
         self.assertEqual(process.stdout.readline(), "recorded\n")

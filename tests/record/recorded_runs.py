@@ -92,7 +92,7 @@ class RecordedRuns(unittest.TestCase):
         return leaks
 
     def assert_same(self, one, other):
-        """Of lists with thousands of members; tells the first ones that differ."""
+        """For lists with thousands of members: names the first ones that differ."""
         if one != other:
             one, other = collections.Counter(one), collections.Counter(other)
             self.fail(f"{list((one - other).items())[:10]} is only in the first, {list((other - one).items())[:10]} in the second")

@@ -30,7 +30,7 @@ CLIENTS = 10
 
 class Servers(recorded_runs.RecordedRuns):
     def in_threads(self, work):
-        """Lets each client do its work; what one of them fails with is raised here."""
+        """Lets each client do its work; an exception of one of them is raised here."""
         failed = []
 
         def run(number):

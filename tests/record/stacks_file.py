@@ -63,7 +63,7 @@ class Stacks:
             raise ValueError(f"not a stacks file of version {VERSION}: {data[:8]}")
         self.process = None
         self.modules, self.nodes = [None], [(0, None, 0)]
-        # Of the blocks in the order of the log: the node of the stack, the thread, nanoseconds.
+        # The blocks in the order of the log: the node of the stack, the thread, nanoseconds.
         self.records, self.threads, self.times = array.array("I"), array.array("I"), array.array("Q")
         self.inherited = set()  # the places in those arrays
         self.losses, self.thread_names, self.loads, self.faults = [], {}, [], []

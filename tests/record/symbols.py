@@ -111,7 +111,7 @@ def memcheck_leaks(command, folder, environment):
         places = [Place(short_name(frame.findtext("fn", "??")), frame.findtext("file", "??"), int(frame.findtext("line", "0")))
                   for frame in frames]
         blocks = int(details.findtext("leakedblocks"))
-        # Of a block with others that only it leads to, the text says its own size.
+        # If a block leads to others that are lost with it, the text has its own size.
         direct = re.search(r"\(([\d,]+) direct,", details.findtext("text"))
         size = int(direct[1].replace(",", "") if direct else details.findtext("leakedbytes")) // blocks
         result += [Leak(size, [frame.findtext("obj", "") for frame in frames], places)] * blocks

@@ -159,7 +159,7 @@ int fork_between_threads() {
     for (int i = 0; i < 20; ++i) {
         const pid_t child = fork();
         if (child == 0) {
-            alarm(60); // instead of waiting forever for a lock that nobody releases
+            alarm(60); // instead of a wait without end for a lock that nobody releases
             lose(72001);
             _exit(0);
         }
@@ -177,7 +177,7 @@ int become_another() {
     return 1;
 }
 
-// What a filter allows that ends the process for anything but reads, writes and its end.
+// The filter ends the process for every system call but reads, writes and its end.
 int be_confined() {
     lose(71001);
     if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT) != 0)
@@ -231,7 +231,7 @@ int live_within_limits() {
     _exit(0);
 }
 
-// vfork runs the child on the parent's stack and heap; posix_spawn does so too, and clone as it is told.
+// vfork runs the child on the parent's stack and heap; posix_spawn does so too, and clone by its flags.
 int start_programs() {
     lose(71001);
     char* const words[] = {const_cast<char*>("true"), nullptr};
@@ -316,7 +316,7 @@ int abort_here() {
     std::abort();
 }
 
-// Begins where nobody looks: the recorder is told by the test when to start and stop.
+// The test starts and stops the recording at the lines that this prints.
 int be_controlled() {
     lose(71001);
     void* volatile early = std::malloc(72001);

@@ -1,4 +1,4 @@
-// Libraries that come and go, and what is told of those that are there.
+// Libraries that come and go, and the modules that are reported.
 #include "qor-record/preload/unwind.h"
 #include "qor-record/preload/unwind_modules.h"
 #include "support/scenes.h"

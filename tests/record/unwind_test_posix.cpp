@@ -180,7 +180,7 @@ thread_local acts_at_end_of_thread at_end_of_thread;
 
 bool are_equal(const two_stacks& stacks) { return stacks.ours == stacks.theirs && stacks.ours.size() > 3; }
 
-// What is registered last is called first.
+// The function that is registered last is called first.
 struct acts_at_end_of_process {
     ~acts_at_end_of_process() {
         const two_stacks stacks = both_stacks();

@@ -1,4 +1,4 @@
-// Compresses what comes in pieces.
+// Compresses data that come in pieces.
 #pragma once
 
 #include "format.h"
@@ -11,7 +11,7 @@ namespace qor::compression {
 
 class compressor {
 public:
-    // What the output is good for behind a piece.
+    // The state of the output behind a piece.
     enum class ending : unsigned char {
         none,  // nothing yet: the library waits for more
         flush, // all so far can be decompressed

@@ -48,7 +48,7 @@ void decompressor::go_on(const char*& next, const char* end, char*& out, char* o
             m_head_size = 0;
             continue;
         }
-        // What is called again and again with nothing to do, libzstd takes for a fault.
+        // libzstd takes repeated calls with nothing to do for a fault.
         if (out == out_end || (next == end && !m_was_full))
             break;
         m_outcome = run(next, end, out, out_end);
@@ -69,7 +69,7 @@ bool decompressor::begin_stream(const char*& next, const char* end) {
             m_outcome = prepare(found.is);
         } else {
             m_outcome = outcome::damaged;
-            m_position -= m_head_size; // which turned out to be none
+            m_position -= m_head_size; // they turned out not to be a signature
         }
         return m_outcome == outcome::good;
     }

@@ -1,4 +1,4 @@
-// Decompresses what comes in pieces: gzip members and zstd frames one behind the other, in any mixture.
+// Decompresses data that come in pieces: gzip members and zstd frames one behind the other, in any mixture.
 #pragma once
 
 #include "format.h"
@@ -29,7 +29,7 @@ public:
 
     // Decompresses bytes at `next` to the room at `out`, and moves both behind what was used. It returns when it has
     // used all bytes and everything they yield has been stored, or when there is no room. Other outcomes than `good`
-    // are final; what was stored before counts.
+    // are final; text that was stored before is valid.
     outcome convert(const char*& next, const char* end, char*& out, char* out_end);
 
     // Whether the data may end here.
@@ -38,7 +38,7 @@ public:
     // In bytes of compressed data, from the first: how far it was understood.
     std::uint64_t position() const noexcept { return m_position; }
 
-    // Of the stream that was begun last.
+    // The form of the stream that was begun last.
     format stream() const noexcept { return m_last; }
 
     // After `no_library`.
@@ -56,7 +56,7 @@ private:
     outcome run_zstd(const char*& next, const char* end, char*& out, char* out_end);
 
     outcome m_outcome = outcome::good;
-    format m_stream = format::none; // none: between two
+    format m_stream = format::none; // `none`: between two streams
     format m_last = format::none;
     bool m_had_stream = false;
     char m_head[longest_signature];

@@ -7,7 +7,7 @@ namespace qor::compression {
 
 enum class format : unsigned char { none, gzip, zstd };
 
-// What the first bytes of a file, or those behind the end of a stream, say.
+// The form that the first bytes of a file, or those behind the end of a stream, begin.
 struct beginning {
     format is;
     bool is_open; // more bytes are needed to tell

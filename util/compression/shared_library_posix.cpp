@@ -8,7 +8,7 @@ namespace qor::compression {
 const char* const zlib_file = "libz.so.1";
 const char* const zstd_file = "libzstd.so.1";
 
-// RTLD_LOCAL: what it brings stays its own.
+// RTLD_LOCAL: other libraries do not find its symbols.
 void* load_library(const char* file, std::string& reason) {
     void* const library = dlopen(file, RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr)

@@ -1,4 +1,4 @@
-// An arena as the recorder has it: it makes the file, and maps of it what it reads.
+// An arena in the recorder, which makes the file and maps the parts that it reads.
 #pragma once
 
 #include "shared/arena.h"
@@ -11,7 +11,7 @@
 
 namespace qor::record {
 
-// "@ CALLER " of a line in the log: a string of any length. It is copied 64 bytes at a time.
+// The text "@ CALLER " of a line in the log, of any length. It is copied 64 bytes at a time.
 struct caller_text {
     std::size_t size;
     char text[64]; // the first of them
@@ -23,7 +23,7 @@ public:
         unsigned depth;
         bool is_stopped;
         bool follows_children;
-        std::vector<code_range> allocation_code; // of the program, where that is known
+        std::vector<code_range> allocation_code; // in the program's file, if it is known
     };
 
     // Null: there is no memory for it; errno says why. The calling thread is the one that reads the arena.
@@ -47,12 +47,12 @@ public:
     void set_program(const std::string& path) { m_program = path; }
     const std::string& program() const noexcept { return m_program; }
 
-    // A process forks, or a child has come that is not known yet.
+    // Whether a process is forking, or a child has come that is not known yet.
     bool awaits_children();
-    // A child that does not come in time has not been made, or has ended at once.
+    // Whether a process is forking. A child that does not come in time was not made, or ended at once.
     bool forks_are_under_way();
 
-    // Those that processes have taken and know_session() was not told of.
+    // The sessions that processes have taken, without those that were given to know_session().
     std::vector<unsigned> new_sessions() const;
     void know_session(unsigned index) {
         m_is_known[index] = true;
@@ -97,7 +97,7 @@ private:
     std::vector<bool> m_is_known = std::vector<bool>(most_sessions);
     std::uint64_t m_known_count = 1;
     std::uint64_t m_forks_given_up = 0;
-    std::uint64_t m_forks_since = 0; // when the wait for them began; 0: there is none
+    std::uint64_t m_forks_since = 0; // when the wait for them began; 0: nothing is awaited
     std::uint64_t m_sessions_since = 0;
     std::vector<ring_record*> m_rings = std::vector<ring_record*>(most_sessions);
     std::vector<node*> m_chunks = std::vector<node*>(most_node_chunks);

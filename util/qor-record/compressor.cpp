@@ -12,7 +12,7 @@ namespace {
 constexpr int fastest = 1;
 constexpr std::size_t piece = 64U << 10;
 
-// The functions of a library, by their declarations. A library without one of them is as good as none.
+// The functions of a library, by their declarations. A library that lacks one of them cannot be used.
 class loaded_library {
 public:
     explicit loaded_library(const char* name) : m_name(name), m_handle(::dlopen(name, RTLD_NOW | RTLD_LOCAL)) {

@@ -20,7 +20,7 @@ namespace {
 
 enum class content { nothing, log, other, no_file };
 
-// By the first bytes. Of what is compressed only the name tells, and that is the user's word for it.
+// The first bytes decide. A compressed file counts as a log, because its name is that of one.
 content content_of(const std::string& path) {
     struct stat status;
     if (::lstat(path.c_str(), &status) != 0)

@@ -19,11 +19,11 @@ public:
     const std::string& prefix() const noexcept { return m_prefix; }
     const std::string& path() const noexcept { return m_path; }
 
-    // Of the first process, with an absolute path; and as the user would write it.
+    // The files of the first process, with an absolute path; and as the user would write it.
     std::string log() const { return m_path + ".mtrace" + suffix_of(m_kind); }
     std::string stacks() const { return m_path + ".stacks" + suffix_of(m_kind); }
     std::string memcheck() const { return m_path + ".memcheck"; }
-    // Of another one; `attempt` counts from 1, as a number that a process had before may come again.
+    // The files of another process; `attempt` counts from 1, as a number that a process had before may come again.
     std::string log(std::int32_t process, int attempt) const { return m_path + ".mtrace" + of(process, attempt); }
     std::string stacks(std::int32_t process, int attempt) const { return m_path + ".stacks" + of(process, attempt); }
     std::string shown(const std::string& path) const { return m_prefix + path.substr(m_path.size()); }

@@ -21,7 +21,7 @@ public:
     struct block {
         std::uint64_t size;
         std::uint32_t stack; // the number of its node in the file of stacks
-        std::uint64_t line;  // of its allocation
+        std::uint64_t line;  // the number of its allocation's line
     };
 
     // On to the place behind that many allocations and releases. False: there are not so many, or one cannot be read.

@@ -80,7 +80,7 @@ std::string preload_list(const std::string& library) {
     ::_exit(1);
 }
 
-// Passes on what others send; what a terminal sends, it sends to the program too.
+// Passes on the signals of other processes. A terminal sends its signals to the program itself.
 void pass_on(int signals, pid_t program) {
     signalfd_siginfo received;
     if (::read(signals, &received, sizeof received) == sizeof received && received.ssi_code <= 0 &&

@@ -1,4 +1,4 @@
-// What the program says, on standard error: numbered messages in the user's language.
+// The program's messages on standard error: numbered texts in the user's language.
 #pragma once
 
 #include "message_names.h"

@@ -20,7 +20,7 @@ public:
 
     const std::string& path() const noexcept { return m_path; }
     compression kind() const noexcept { return m_kind; }
-    int failure() const noexcept { return m_failure; } // errno of the write that ended it; 0: none has
+    int failure() const noexcept { return m_failure; } // errno of the write that ended it; 0: all writes succeeded
 
     // Room for the next piece, which may be as long as `longest_piece`; advance() tells its end. A piece is never
     // parted.
@@ -35,7 +35,7 @@ public:
     void flush(); // so that all of it can be read
     void finish();
     void remove();
-    // What there is of that name already is replaced.
+    // Replaces a file that has this name.
     void rename(const std::string& path);
 
 private:

@@ -115,7 +115,7 @@ std::uint64_t process_log::read(std::uint64_t end, bool is_over) {
         else if (has_been_left(m_tail))
             ++m_lost;
         else if (!is_over)
-            break; // what is over, was not done
+            break; // the process has ended before the record was whole, so it did nothing more
         if (m_tail % publish_step == 0)
             publish(m_tail);
     }

@@ -22,7 +22,7 @@ public:
         std::unordered_set<std::uint64_t> unlogged;
         std::vector<std::uint32_t> modules_gone;
     };
-    // Of this log, behind what the tickets below this one did.
+    // The place in this log behind all records with tickets below this one.
     place place_of_fork(std::uint64_t ticket, bool is_over);
     void inherit(process_log& parent, const place& from);
 

@@ -210,7 +210,7 @@ std::string find_program(const std::string& name) {
 }
 
 bool look_at_program(const std::string& path, program_facts& found) {
-    constexpr int longest_chain = 4; // of scripts that are interpreted by scripts
+    constexpr int longest_chain = 4; // scripts that are interpreted by scripts
     return look_at(path, found, longest_chain);
 }
 

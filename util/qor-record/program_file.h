@@ -8,7 +8,7 @@
 
 namespace qor::record {
 
-// As the shell finds it: along PATH if there is no '/' in the name. Empty: there is none that can be executed.
+// As the shell finds it: along PATH if there is no '/' in the name. Empty: no such file can be executed.
 std::string find_program(const std::string& name);
 
 struct program_facts {
@@ -16,8 +16,8 @@ struct program_facts {
     std::vector<code_range> allocation_code; // operators new that are in the file itself
 };
 
-// False, after a message: this program cannot be recorded. Of a script it is its interpreter that counts; what another
-// file is shows when the system executes it.
+// False, after a message: this program cannot be recorded. The interpreter of a script counts instead of the script.
+// Files of other kinds are accepted, because the system decides what they are.
 bool look_at_program(const std::string& path, program_facts& found);
 
 // The operators new in the file of the program that runs in a process.

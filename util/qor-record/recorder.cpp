@@ -22,7 +22,7 @@ namespace qor::record {
 namespace {
 
 constexpr int spare_descriptor = 700;         // out of the way of those that a process counts from 0
-constexpr std::uint64_t few_records = 10'000; // of a forked child before it executes a program
+constexpr std::uint64_t few_records = 10'000; // a forked child with fewer leaves no log if it executes a program
 constexpr std::uint64_t millisecond = 1'000'000;
 constexpr std::uint64_t undecided_time = 1000 * millisecond;
 constexpr std::uint64_t flush_time = 200 * millisecond;
@@ -105,7 +105,7 @@ void recorder::answer_control() {
     }
 }
 
-// What was recorded before the command is written as it was then.
+// The records from before the command are written in the state from before.
 void recorder::stop(bool is_stopped) {
     m_is_stopped = is_stopped;
     if (m_spare != nullptr)
@@ -286,7 +286,7 @@ void recorder::hear_front() {
         m_front = -1;
 }
 
-// The process that waits for the program has all that it needs. What goes on here keeps no stream open.
+// The process that waits for the program has all that it needs. This process may go on, without the streams.
 void recorder::dismiss_front() {
     for (recorded_process& each : m_processes)
         if (!each.is_over && !each.has_files)
@@ -371,7 +371,7 @@ void recorder::run(int front) {
         if (is_first_over && are_all_over &&
             std::ranges::none_of(m_arenas, [](const auto& each) { return each->awaits_children(); }))
             break;
-        // What the program has left running is recorded on, but nobody waits for it.
+        // The recording of processes that the program has left running goes on, but nobody waits for it.
         if (is_first_over && !are_all_over && !is_dismissed && !find(m_first_process)) {
             is_dismissed = true;
             dismiss_front();

@@ -84,7 +84,7 @@ private:
     int m_control_socket = -1;
     int m_front = -1;
     std::int32_t m_first_process = 0;
-    int m_exit_code = -1; // of the first program; -1: it has not ended
+    int m_exit_code = -1; // the first program's; -1: it has not ended
     bool m_is_stopped = false;
     bool m_has_own_malloc = false;
     std::vector<std::shared_ptr<arena_host>> m_arenas;

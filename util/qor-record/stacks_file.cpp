@@ -11,7 +11,7 @@ namespace qor::record {
 
 namespace {
 
-// What the system calls the thread; empty: it has ended.
+// The system's name of the thread; empty: the thread has ended.
 std::string name_of_thread(std::int32_t process, std::uint32_t thread) {
     char path[64];
     std::snprintf(path, sizeof path, "/proc/%d/task/%u/comm", process, thread);
@@ -124,7 +124,7 @@ void stacks_file::change_thread(std::uint32_t thread) {
 }
 
 void stacks_file::module_gone(std::uint32_t module) {
-    // A module without a frame in a stack since it came back has not come back for a reader.
+    // If no stack has shown that the module was back, the file need not say that it went again.
     if (module >= m_modules.size() || m_modules[module].number == 0 || m_modules[module].is_gone)
         return;
     entry(stacks_entry::module_gone, m_modules[module].number);

@@ -40,7 +40,7 @@ public:
             change_thread(thread);
         stack(node);
     }
-    // The same of no particular thread.
+    // The same for a line without a thread.
     void stack(std::uint32_t node) {
         if (node >= m_nodes.size() || m_nodes[node].generation != m_generation) [[unlikely]]
             add_stack(node);
@@ -88,7 +88,7 @@ private:
 
     struct seen_node {
         std::uint32_t number = 0;     // in this file; 0: not yet
-        std::uint32_t generation = 0; // of the modules, when it was last the stack of a line; 0: never
+        std::uint32_t generation = 0; // m_generation when it was last the stack of a line; 0: it never was
     };
     struct seen_module {
         std::uint32_t number = 0; // in this file; 0: not yet

@@ -1,4 +1,4 @@
-// What the recorder says at the end: what was recorded, what was not and why, and what to type next.
+// The recorder's last lines: the logs, the losses with their reasons, and the command to type next.
 #include "messages.h"
 #include "recorder.h"
 
@@ -21,7 +21,7 @@ std::string quoted(const std::string& word) {
     return result + '\'';
 }
 
-// Lines of the framework's log; -1: there is none.
+// The number of lines in the framework's log; -1: the file is missing or empty.
 long lines_of_memcheck(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     long count = 0;

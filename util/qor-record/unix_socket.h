@@ -10,16 +10,16 @@ namespace qor::record {
 int listen_at(const std::string& name);
 int connect_to(const std::string& name);
 
-// Who is at the other end. False: it cannot be told.
+// The process at the other end. False: it is unknown.
 struct peer {
     pid_t process;
     uid_t user;
 };
 bool peer_of(int connection, peer& found);
 
-// The next connection. -1: there is none now.
+// The next connection. -1: nobody is waiting.
 int accept_at(int socket);
-// One message of at most `size` bytes, within a second; empty: there is none.
+// One message of at most `size` bytes, within a second; empty: nothing came.
 std::string receive(int connection, std::size_t size);
 bool send_text(int connection, const std::string& text);
 bool send_descriptor(int connection, int descriptor);

@@ -116,7 +116,7 @@ static void* take_or_fail(size_t size, size_t alignment) {
     return block;
 }
 
-/* ---- none of these calls another one, which somebody in front might take for calls of the program */
+/* ---- the functions; they do not call each other, so a library in front sees the calls of the program alone */
 
 void* malloc(size_t size) { return take_or_fail(size, smallest_alignment); }
 

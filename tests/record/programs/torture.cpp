@@ -42,7 +42,7 @@ void* volatile place;
     place = nullptr;
 }
 
-// ---- the profiling signal: what the handler allocates is released by a later one, of whatever thread
+// ---- the profiling signal: its handler allocates; a later run of it, on any thread, releases
 
 std::atomic<void*> kept[64];
 std::atomic<unsigned> signals;

@@ -1,7 +1,7 @@
 // A library that comes and goes. Two of them differ in nothing but the size of a frame, so that an old rule is wrong.
 #include "frames.h"
 
-// Of the program.
+// The program has it.
 extern "C" void library_is_loading();
 
 namespace {

@@ -1,6 +1,6 @@
 #include "machine_code.h"
 
-// A function: what it pushes and how its frame is told stand in it.
+// A function, with the instructions that push and with the directives for its frame.
 #define QOR_CODE(name, text)                                                                                           \
     __asm__(".text\n.globl " #name "\n.type " #name ", @function\n.p2align 4\n" #name ":\n.cfi_startproc\n" text       \
             ".cfi_endproc\n.size " #name ", .-" #name "\n");

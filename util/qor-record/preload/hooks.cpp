@@ -1,5 +1,5 @@
 // The allocation functions of C and POSIX, as the program finds them: each calls the next one of its name and records
-// what that did. A release is recorded before the block is released, an allocation after it was allocated, so that in
+// the result. A release is recorded before the block is released, an allocation after it was allocated, so that in
 // the order of the records a block is never allocated twice.
 #include "next.h"
 #include "process.h"
@@ -174,7 +174,7 @@ void add_next(next_function<Function>& next) noexcept {
 
 } // namespace
 
-// One of these may call another one that is hooked: its frames are not what a block's user looks for.
+// One of these may call another one, which is hooked: then its frames are not those of the block's user.
 void find_allocator() noexcept {
     add_next(next_malloc);
     add_next(next_calloc);
@@ -313,8 +313,7 @@ QOR_HOOK int asprintf(char** result, const char* format, ...) {
     auto* const function = find(next_vasprintf);
     va_list arguments;
     va_start(arguments, format);
-    const int length =
-        print(result, capture_context(), [&] { return function(result, format, arguments); });
+    const int length = print(result, capture_context(), [&] { return function(result, format, arguments); });
     va_end(arguments);
     return length;
 }
@@ -323,24 +322,21 @@ QOR_HOOK int __asprintf(char** result, const char* format, ...) {
     auto* const function = find(next_vasprintf);
     va_list arguments;
     va_start(arguments, format);
-    const int length =
-        print(result, capture_context(), [&] { return function(result, format, arguments); });
+    const int length = print(result, capture_context(), [&] { return function(result, format, arguments); });
     va_end(arguments);
     return length;
 }
 
 QOR_HOOK int __vasprintf_chk(char** result, int flag, const char* format, va_list arguments) {
     auto* const function = find(next___vasprintf_chk);
-    return print(result, capture_context(),
-                 [&] { return function(result, flag, format, arguments); });
+    return print(result, capture_context(), [&] { return function(result, flag, format, arguments); });
 }
 
 QOR_HOOK int __asprintf_chk(char** result, int flag, const char* format, ...) {
     auto* const function = find(next___vasprintf_chk);
     va_list arguments;
     va_start(arguments, format);
-    const int length = print(result, capture_context(),
-                             [&] { return function(result, flag, format, arguments); });
+    const int length = print(result, capture_context(), [&] { return function(result, flag, format, arguments); });
     va_end(arguments);
     return length;
 }

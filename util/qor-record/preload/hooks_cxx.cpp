@@ -33,7 +33,7 @@ Function* find(next_function<Function>& next) noexcept {
     return found;
 }
 
-// Not noexcept: what the operator throws passes through.
+// Not noexcept: an exception of the operator passes through.
 template <class Function, class... Arguments>
 [[gnu::always_inline]] inline void* allocate(next_function<Function>& next, const machine_context& caller,
                                              std::size_t size, Arguments... arguments) {

@@ -26,10 +26,10 @@ QOR_NEXT(execve, int(const char*, variables, variables));
 QOR_NEXT(execvpe, int(const char*, variables, variables));
 QOR_NEXT(fexecve, int(int, variables, variables));
 QOR_NEXT(execveat, int(int, const char*, variables, variables, int));
-QOR_NEXT(posix_spawn, int(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, variables,
-                          variables));
-QOR_NEXT(posix_spawnp, int(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, variables,
-                           variables));
+QOR_NEXT(posix_spawn,
+         int(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, variables, variables));
+QOR_NEXT(posix_spawnp,
+         int(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, variables, variables));
 
 template <class Function>
 Function* find(next_function<Function>& next) noexcept {
@@ -114,8 +114,7 @@ variables complete(variables given, char* room) noexcept {
     const bool has_library = has_own_path(preload);
     std::size_t count = 0;
     for (; given != nullptr && *given != nullptr; ++given)
-        if (has_library ||
-            (value_of(*given, preload_name) == nullptr && value_of(*given, preload_variable) == nullptr))
+        if (has_library || (value_of(*given, preload_name) == nullptr && value_of(*given, preload_variable) == nullptr))
             made[count++] = *given;
     made[count] = nullptr;
     if (find_variable(made, record_variable) == nullptr)

@@ -14,7 +14,7 @@ namespace {
 constexpr unsigned cache_size = 4096;
 std::atomic<std::uint64_t> places[cache_size]; // the address, and the module in the upper 16 bits
 
-// What the loader said of a module when it was found, by its number.
+// The loader's entry for each module when it was found, by the module's number.
 struct known_module {
     const link_map* map;
     std::atomic<bool> is_loaded;
@@ -155,7 +155,8 @@ void add_allocation_code(std::uintptr_t begin, std::uintptr_t end) noexcept {
 const void* add_allocation_function(void* function) noexcept {
     Dl_info information;
     const ElfW(Sym)* symbol = nullptr;
-    if (dladdr1(function, &information, reinterpret_cast<void**>(const_cast<ElfW(Sym)**>(&symbol)), RTLD_DL_SYMENT) == 0)
+    if (dladdr1(function, &information, reinterpret_cast<void**>(const_cast<ElfW(Sym)**>(&symbol)), RTLD_DL_SYMENT) ==
+        0)
         return nullptr;
     const auto begin = reinterpret_cast<std::uintptr_t>(function);
     if (symbol != nullptr)

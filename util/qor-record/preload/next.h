@@ -16,19 +16,19 @@ template <class Function>
 struct next_function {
     const char* const name;
     std::atomic<Function*> function{nullptr};
-    std::atomic<habit> found{habit::unknown};  // of an operator
-    std::atomic<const void*> library{nullptr}; // that an operator is in
+    std::atomic<habit> found{habit::unknown};  // for operators
+    std::atomic<const void*> library{nullptr}; // the operator's
 
     constexpr explicit next_function(const char* symbol) noexcept : name(symbol) {}
 };
 
-// Null: there is none. The functions of C are searched for behind this library.
+// Null: there is no such function. The functions of C are searched for behind this library.
 void* find_next(const char* name) noexcept;
 
 // Also in a C++ library that was loaded with a library of its own, after the program.
 void* find_next_of_cxx(const char* name) noexcept;
 
-// ---- memory for what the loader allocates while it is asked; it is never released
+// ---- memory for allocations of the loader during a search; it is never released
 
 void* allocate_from_reserve(std::size_t size) noexcept;
 bool is_from_reserve(const void* block) noexcept;

@@ -8,7 +8,7 @@ namespace qor::record {
 struct process_state {
     arena* shared;     // null: nothing is recorded
     session* own;      // this process's
-    ring_record* ring; // of `own`
+    ring_record* ring; // that of `own`
     unsigned own_index;
     bool without_system_calls;
     std::uint32_t depth;
@@ -31,16 +31,16 @@ void* map_behind_arena(std::size_t offset, std::size_t size) noexcept;
 
 // ---- modules.cpp
 
-// The module of a place in the code; 0: none. The bit `allocation_code` is set for code of allocation functions, which
-// are not what a block's user looks for.
+// The module of a place in the code; 0: it is in no module. The bit `allocation_code` is set for code of allocation
+// functions, which a block's user does not look for.
 inline constexpr std::uint32_t allocation_code = 0x8000;
 std::uint32_t module_of(std::uintptr_t address) noexcept;
 
-// Makes a range of the program's code one of allocation functions. While the process starts.
+// Marks a range of code as that of allocation functions.
 void add_allocation_code(std::uintptr_t begin, std::uintptr_t end) noexcept;
 
-// The same of the function that begins there, as far as its library tells where it ends. Returns the library's base; null:
-// it is unknown.
+// The same for a function, if its library's symbols have its size. Returns the base of the library; null: it is
+// unknown.
 const void* add_allocation_function(void* function) noexcept;
 
 // The ranges that the recorder has found in the program's file.

@@ -18,8 +18,8 @@ namespace {
 // Records that one call of an allocation function may bring, with those of a signal handler.
 constexpr unsigned most_remembered = 64;
 struct remembered {
-    std::uintptr_t address; // of a released block its complement
-    std::size_t size;       // of a new block
+    std::uintptr_t address; // the complement of the address if the block was released
+    std::size_t size;
 };
 
 QOR_PER_THREAD struct {
@@ -41,7 +41,7 @@ struct alignas(64) {
 } last_tickets[1024];
 std::atomic<std::uint32_t> next_slot;
 
-// What was allocated before start_recording().
+// Allocations and releases before start_recording().
 struct early_record {
     record_kind kind;
     const void* block;
@@ -208,7 +208,7 @@ void keep_early(record_kind kind, const void* block, std::uint64_t detail, std::
         ++early_lost;
 }
 
-// Which of the frames is the first outside of allocation functions.
+// The index of the first frame outside of allocation functions.
 unsigned first_outside(const std::uintptr_t* frames, unsigned count) noexcept {
     unsigned first = 0;
     while (first + 1 < count && (module_of(frames[first]) & allocation_code) != 0)
@@ -257,7 +257,7 @@ unsigned long records_of_this_thread() noexcept { return self.records; }
 
 namespace {
 
-// The last of these records that `is_wanted` accepts; null: there is none.
+// The last of these records that `is_wanted` accepts; null: it accepts no record.
 template <class Wanted>
 inline const remembered* find_recorded(unsigned long since, Wanted is_wanted) noexcept {
     const unsigned long count = self.records;

@@ -1,4 +1,4 @@
-// The recording of this process: what the hooks call. All of it is safe in a signal handler, takes no lock, allocates
+// The recording of this process, for the hooks. All of it is safe in a signal handler, takes no lock, allocates
 // nothing and leaves errno alone.
 #pragma once
 
@@ -31,7 +31,7 @@ inline __thread const void* announced __attribute__((tls_model("initial-exec")))
 class announced_release {
 public:
     explicit announced_release(const void* block) noexcept : m_block(block), m_outer(announced) { announced = block; }
-    // What an inner function has released need not reach another hook of the outer one.
+    // A block that an inner function has released is released for the outer one, too.
     ~announced_release() { announced = announced != m_block && m_outer == m_block ? nullptr : m_outer; }
     announced_release(const announced_release&) = delete;
     announced_release& operator=(const announced_release&) = delete;

@@ -24,7 +24,7 @@ void prepare_executions() noexcept;
 
 namespace {
 
-struct offer { // what the environment says
+struct offer { // the content of the variable
     int descriptor = -1;
     int recorder = 0;
     int spare = -1;
@@ -32,7 +32,7 @@ struct offer { // what the environment says
     const char* socket = nullptr;
 };
 
-// A number up to the next colon; -1: there is none.
+// A number up to the next colon; -1: the text is not a number.
 int take_number(const char*& text) noexcept {
     int number = 0;
     if (*text < '0' || *text > '9')
@@ -57,8 +57,8 @@ bool read_offer(const char* text, offer& found) noexcept {
     return true;
 }
 
-// A filter of system calls stays in force in the programs that a process executes. What the loader itself calls is
-// allowed at least; a socket may not be.
+// A filter of system calls stays in force in the programs that a process executes. The loader's own calls
+// are allowed at least; a socket may not be.
 bool is_filtered() noexcept {
     const long file = raw_call(SYS_openat, AT_FDCWD, as_word("/proc/self/status"), O_RDONLY | O_CLOEXEC);
     if (has_failed(file))
@@ -73,7 +73,7 @@ bool is_filtered() noexcept {
     return mode == nullptr || mode[10] != '0';
 }
 
-// Maps the arena of a descriptor, and closes that. Null: it is none, or somebody else's.
+// Maps the arena of a descriptor, and closes the descriptor. Null: it is not an arena, or it is somebody else's.
 arena* map_arena(long descriptor, bool is_ours) noexcept {
     const long mapped = raw_call(SYS_mmap, 0, sizeof(arena), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
     if (has_failed(mapped))

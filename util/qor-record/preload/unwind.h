@@ -1,4 +1,4 @@
-// Call stacks of the thread that asks, from inside its allocation functions and signal handlers.
+// Call stacks of the calling thread, from inside its allocation functions and signal handlers.
 //
 // On x86-64 a frame costs a look into a cache from program counter to the rule that finds the caller. A rule that is
 // not in the cache is read from the .eh_frame of its module. Code without such a table is followed by its frame
@@ -41,16 +41,16 @@ void modules_changing() noexcept;
 void modules_changed() noexcept;
 
 struct module_info {
-    std::uintptr_t base;  // what is added to the addresses in the file
-    std::uintptr_t begin; // of the executable segments
+    std::uintptr_t base;  // an address in memory minus an address in the file
+    std::uintptr_t begin; // the range of the executable segments
     std::uintptr_t end;
-    const char* path; // of the program itself as the kernel tells it; of the kernel's own library a name alone
+    const char* path; // the program's is the kernel's; that of the kernel's own library is a name alone
     const unsigned char* build_id;
-    unsigned build_id_size; // 0: it has none
+    unsigned build_id_size; // 0: it has no build id
 };
 
 // Calls `visitor` for each module of the process, the program first. It holds the loader's lock meanwhile: the visitor
-// must not wait for another thread. What the pointers lead to lives as long as the call.
+// must not wait for another thread. The pointers are valid during the call.
 void visit_modules(void (*visitor)(const module_info&, void*), void* argument) noexcept;
 
 } // namespace qor::record

@@ -6,7 +6,7 @@
 namespace qor::record {
 namespace {
 
-// What a CIE says of the FDEs that name it.
+// The part of a CIE that counts for the FDEs that name it.
 struct common_part {
     std::uint64_t code_alignment;
     std::int64_t data_alignment;
@@ -90,7 +90,7 @@ public:
     row_machine(const frame_tables& tables, const common_part& common, frame_row& row) noexcept
         : m_tables(tables), m_common(common), m_row(row) {}
 
-    // `initial`: what a register is restored to; null in the CIE itself.
+    // `initial`: the rules to which registers are restored; null in the CIE itself.
     bool run(cursor at, std::uintptr_t location, std::uintptr_t pc, const frame_row* initial) noexcept {
         unsigned remembered = 0;
         while (!at.at_end()) {

@@ -28,13 +28,13 @@ enum class how : std::uint8_t {
     expression,    // is what the expression says
 };
 
-// An expression is told by its distance from the begin of the tables, where its length stands.
+// The value for an expression is its distance from the begin of the tables; its length stands there.
 struct register_rule {
     how kind;
     std::int32_t value;
 };
 
-// What is known of a frame at one program counter.
+// The rules for a frame at one program counter.
 struct frame_row {
     register_rule cfa; // offset: `cfa_register` + value; expression
     std::uint8_t cfa_register;
@@ -64,8 +64,8 @@ struct register_set {
     }
 };
 
-// The value of the expression of a rule. False: it needs a register that is not known, memory that is not there, or is
-// none.
+// The value of the expression of a rule. False: it needs a register that is not known or memory that is not there, or
+// it is not an expression.
 bool evaluate(const frame_tables& tables, std::int32_t expression, const register_set& registers, memory_reader& memory,
               const std::uintptr_t* initial, std::uintptr_t& result) noexcept;
 
@@ -74,7 +74,7 @@ bool is_register_and_offset(const frame_tables& tables, std::int32_t expression,
                             bool& is_read) noexcept;
 
 // Turns the registers of a frame into those of its caller. An unknown return address is the end of the stack. False:
-// the caller cannot be told.
+// the caller is unknown.
 bool step(const frame_tables& tables, const frame_row& row, register_set& registers, memory_reader& memory) noexcept;
 
 } // namespace qor::record

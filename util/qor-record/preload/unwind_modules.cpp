@@ -112,8 +112,8 @@ void read_segments(segment_list& list) noexcept {
 }
 
 #if defined(DLFO_STRUCT_HAS_EH_DBASE)
-// Of the C library 2.35 and newer: lock-free and safe in signal handlers. Older ones would not load what is linked to
-// it.
+// A function of the C library 2.35 and newer, lock-free and safe in signal handlers. An older one would not load a
+// library that is linked to it.
 constinit decltype(&_dl_find_object) find_in_c_library = nullptr;
 
 bool can_find_objects() noexcept { return !without_find_object && find_in_c_library != nullptr; }

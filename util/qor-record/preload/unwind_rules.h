@@ -76,7 +76,7 @@ constexpr std::uint64_t check_of(std::uintptr_t pc, std::uint64_t rule) noexcept
     return pc ^ (rule + 1) * 0xd6e8feb86659fd93u;
 }
 
-// `state`: of module_state.
+// `state`: the value of module_state.
 inline bool holds(const entry& place, std::uintptr_t pc, std::uint64_t state, frame_rule& rule) noexcept {
     const std::uint64_t value = place.rule.load(std::memory_order_relaxed);
     const std::uint64_t number = value >> 32;

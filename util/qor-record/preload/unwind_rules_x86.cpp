@@ -82,7 +82,7 @@ frame_rule compress(const frame_tables& tables, const frame_row& row, std::uintp
 // entry from each other all the time.
 [[gnu::tls_model("initial-exec")]] constinit thread_local unsigned wrong_guesses = 0;
 
-// What a handler returns to, in programs without tables for it: mov $15, %rax; syscall.
+// The code that a handler returns to, in programs without tables for it: mov $15, %rax; syscall.
 bool is_return_from_signal(std::uintptr_t pc) noexcept {
     constexpr unsigned char code[] = {0x48, 0xc7, 0xc0, 0x0f, 0, 0, 0, 0x0f, 0x05};
     return is_readable(pc) && is_readable(pc + sizeof code - 1) &&

@@ -14,8 +14,8 @@ namespace {
 
 constexpr std::uintptr_t page_of(std::uintptr_t address) noexcept { return address & ~(page_size - 1); }
 
-// What is known of the thread's own stack. All pages from `verified` up to `top` are readable, as long as the thread
-// lives.
+// The thread's own stack, as far as it is known. All pages from `verified` up to `top` are readable as long as the
+// thread lives.
 struct own_stack {
     std::uintptr_t top;
     std::uintptr_t verified;

@@ -1,4 +1,4 @@
-// Which memory around a stack pointer can be read.
+// The memory around a stack pointer that can be read.
 #pragma once
 
 #include "unwind_cfi.h"
@@ -24,14 +24,15 @@ public:
         return address - m_low <= m_high - m_low - sizeof address && m_high != m_low;
     }
 
-    // A stack pointer: of code that is running, or one that may be anything.
+    // A stack pointer of running code, or any value.
     void enter_running(std::uintptr_t sp) noexcept;
     void enter(std::uintptr_t sp) noexcept;
 
     // Whether the word lies on this stack, not far above what is known of it.
     bool reaches(std::uintptr_t address) noexcept;
 
-    // The words that are covered begin at `low` and at most `span` bytes above it; of none, no word begins at `low`.
+    // The words that are covered begin at `low` and at most `span` bytes above it; if no word is covered, no word
+    // begins at `low`.
     std::uintptr_t low() const noexcept { return m_high != m_low ? m_low : 1; }
     std::uintptr_t span() const noexcept { return m_high != m_low ? m_high - m_low - sizeof m_low : 0; }
 

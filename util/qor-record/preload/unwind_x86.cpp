@@ -31,7 +31,7 @@ struct frame_position {
     std::uintptr_t lookup;
 };
 
-// The begin of a function may follow a call, too: of one that does not return, at the end of the function before.
+// The begin of a function may follow a call, too, if the function before ends with a call that does not return.
 bool is_function(std::uintptr_t pc) noexcept {
     found_module module;
     frame_row row;
@@ -230,7 +230,7 @@ unlikely leave_unlikely(frame_rule rule, frame_position& at, frame_place& place,
 
 void prepare_unwinder() noexcept {
     static constinit bool is_prepared = false;
-    // A forked child has the modules of its parent, but none of the threads that were changing them.
+    // A forked child has the modules of its parent, but not the threads that were changing them.
     module_state.fetch_and(one_change - 1);
     if (is_prepared)
         return;
@@ -271,7 +271,7 @@ unsigned unwind(const machine_context& context, std::uintptr_t* frames, unsigned
             const unlikely result = leave_unlikely(rule, at, where, state, reader);
             if (result == unlikely::needs_registers)
                 return unwind_with_all_registers(context, frames, depth, n);
-            // What was called has a caller, whatever its code looks like.
+            // A called function has a caller, whatever its code looks like.
             if (result == unlikely::foreign)
                 return n > 1 ? n - 1 : n;
             if (result == unlikely::end)

@@ -73,8 +73,8 @@ struct session {
     std::atomic<std::uint32_t> waiters;
     alignas(64) std::atomic<session_state> state;
     std::int32_t process;
-    std::uint64_t number;      // of all sessions of this arena, from 1
-    std::uint64_t parent;      // the number of the session that was forked; 0: none
+    std::uint64_t number;      // counts the sessions of this arena, from 1
+    std::uint64_t parent;      // the number of the session that was forked; 0: it was not forked
     std::uint64_t fork_ticket; // the child inherits what the tickets below it did
     std::atomic<loss> lost_why;
     std::atomic<std::uint64_t> lost; // records that were not written
@@ -124,10 +124,10 @@ inline constexpr unsigned most_program_ranges = 64;
 struct arena {
     std::uint64_t magic;
     std::uint32_t version;
-    std::uint32_t depth;           // of the stacks; 0: the caller alone
+    std::uint32_t depth;           // the most frames of a stack; 0: the caller alone
     std::uint64_t file_size;       // a limit of the recorder may make it less than arena_file_size
     std::int32_t followed_process; // only this process is recorded, and no child; 0: children too
-    std::uint32_t is_first;        // of the process that the recorder was started with
+    std::uint32_t is_first;        // the arena belongs to the process that the recorder started
     std::uint32_t program_range_count;
     code_range program_ranges[most_program_ranges];
 
@@ -142,7 +142,7 @@ struct arena {
     std::atomic<std::uint64_t> forks_arrived;
     alignas(64) std::atomic<std::uint32_t> node_count; // node 0 is the empty stack
     std::atomic<std::uint32_t> nodes_are_full;
-    std::atomic<std::uint32_t> module_count; // module 0 is none
+    std::atomic<std::uint32_t> module_count; // module 0 stands for no module
     std::atomic<std::uint32_t> text_size;
 
     session sessions[most_sessions];
@@ -153,8 +153,8 @@ struct arena {
     alignas(4096) ring_record first_ring[ring_size];
 };
 
-// What lies behind the arena in its file, mapped by those who need it: rings and chunks of nodes in turn, so that the
-// first few of both lie within the limits of a process that may have little memory.
+// Rings and chunks of nodes lie behind the arena in its file, in turn, so that the first few of both lie within the
+// limits of a process that may have little memory. Each process maps those that it needs.
 constexpr std::size_t ring_bytes = sizeof(ring_record) * ring_size;
 constexpr std::size_t chunk_bytes = sizeof(node) * nodes_per_chunk;
 static_assert(ring_bytes % 4096 == 0 && chunk_bytes % 4096 == 0 && sizeof(arena) % 4096 == 0);
@@ -179,7 +179,7 @@ inline bool recorder_is_gone(const arena& shared) {
 // <descriptor>:<recorder>:<spare>:<token>:<socket>
 //
 // descriptor  the arena of the first program; closed or another file in all others
-// socket      the abstract name of the recorder's socket: who sends it the token is sent an arena's descriptor
+// socket      the abstract name of the recorder's socket: a process that sends the token receives an arena's descriptor
 // recorder, spare  where the socket is out of reach, /proc/<recorder>/fd/<spare> is an arena that nobody has taken yet
 inline constexpr char record_variable[] = "QOR_RECORD";
 // LD_PRELOAD as it was, for processes that are not recorded.
