@@ -36,7 +36,7 @@ int control(int argc, char** argv) {
     }
     log_names names;
     const std::string prefix = argv[0];
-    if (prefix.empty() || prefix.back() == '/' || !names.set(prefix, {}, compression::none)) {
+    if (prefix.empty() || prefix.back() == '/' || !names.set(prefix, {}, compression::format::none)) {
         say(message::no_recording, {prefix});
         return 1;
     }

@@ -60,7 +60,11 @@ std::vector<std::string> names_in(const std::string& folder) {
 
 } // namespace
 
-bool log_names::set(const std::string& prefix, const std::string& program, compression kind) {
+const char* suffix_of(compression::format kind) noexcept {
+    return kind == compression::format::zstd ? ".zst" : kind == compression::format::gzip ? ".gz" : "";
+}
+
+bool log_names::set(const std::string& prefix, const std::string& program, compression::format kind) {
     m_kind = kind;
     m_prefix = prefix.empty() || prefix.ends_with('/') ? prefix + program : prefix;
     const std::size_t slash = m_prefix.rfind('/');

@@ -1,7 +1,7 @@
 // The names of the logs, and what may be replaced to create them.
 #pragma once
 
-#include "compression.h"
+#include "compression/format.h"
 
 #include <cstdint>
 #include <string>
@@ -9,11 +9,14 @@
 
 namespace qor::record {
 
+// ".zst", ".gz" or nothing.
+const char* suffix_of(compression::format kind) noexcept;
+
 class log_names {
 public:
     // `prefix` as the user wrote it, FOLDER/ for `program` in that folder. False after a message: there is no such
     // folder.
-    bool set(const std::string& prefix, const std::string& program, compression kind);
+    bool set(const std::string& prefix, const std::string& program, compression::format kind);
 
     // The prefix as the user wrote it, and with the path of its folder.
     const std::string& prefix() const noexcept { return m_prefix; }
@@ -39,7 +42,7 @@ private:
 
     std::string m_prefix;
     std::string m_path;
-    compression m_kind = compression::none;
+    compression::format m_kind = compression::format::none;
 };
 
 } // namespace qor::record

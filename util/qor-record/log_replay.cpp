@@ -10,8 +10,9 @@
 
 namespace qor::record {
 
-log_replay::stream::stream(const std::string& path, compression kind)
-    : m_descriptor(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)), m_decompressor(make_decompressor(kind)) {}
+log_replay::stream::stream(const std::string& path, compression::format kind)
+    : m_descriptor(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)),
+      m_decompressor(kind != compression::format::none ? std::make_unique<compression::decompressor>() : nullptr) {}
 
 log_replay::stream::~stream() {
     if (m_descriptor >= 0)
@@ -28,9 +29,19 @@ bool log_replay::stream::fill() {
     while (size < 0 && m_descriptor >= 0 && errno == EINTR);
     if (size <= 0)
         return false;
-    if (m_decompressor)
-        return m_decompressor->put(piece, static_cast<std::size_t>(size), m_bytes);
-    m_bytes.append(piece, static_cast<std::size_t>(size));
+    if (!m_decompressor) {
+        m_bytes.append(piece, static_cast<std::size_t>(size));
+        return true;
+    }
+    const char* next = piece;
+    const char* const end = piece + size;
+    char text[64U << 10];
+    for (char* out = text + sizeof text; next != end || out == text + sizeof text;) {
+        out = text;
+        if (m_decompressor->convert(next, end, out, text + sizeof text) != compression::decompressor::outcome::good)
+            return false;
+        m_bytes.append(text, static_cast<std::size_t>(out - text));
+    }
     return true;
 }
 
@@ -65,7 +76,7 @@ bool log_replay::stream::skip(std::uint64_t bytes) {
     return true;
 }
 
-log_replay::log_replay(const std::string& log, const std::string& stacks, compression kind)
+log_replay::log_replay(const std::string& log, const std::string& stacks, compression::format kind)
     : m_log(log, kind), m_stacks(stacks, kind) {}
 
 bool log_replay::next_stack(std::uint32_t& number) {

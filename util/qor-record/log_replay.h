@@ -2,7 +2,7 @@
 // process forks, or a realloc fails, so no block has to be remembered otherwise.
 #pragma once
 
-#include "compression.h"
+#include "compression/decompressor.h"
 
 #include <cstdint>
 #include <memory>
@@ -16,7 +16,7 @@ namespace qor::record {
 class log_replay {
 public:
     // Both files as far as they are flushed.
-    log_replay(const std::string& log, const std::string& stacks, compression kind);
+    log_replay(const std::string& log, const std::string& stacks, compression::format kind);
 
     struct block {
         std::uint64_t size;
@@ -37,7 +37,7 @@ public:
 private:
     class stream {
     public:
-        stream(const std::string& path, compression kind);
+        stream(const std::string& path, compression::format kind);
         ~stream();
         stream(const stream&) = delete;
         // False: there is no more.
@@ -49,7 +49,7 @@ private:
 
     private:
         int m_descriptor;
-        std::unique_ptr<decompressor> m_decompressor;
+        std::unique_ptr<compression::decompressor> m_decompressor; // null: the file is not compressed
         std::string m_bytes;
         std::size_t m_at = 0;
     };

@@ -112,9 +112,9 @@ int record(const options& chosen) {
     if (preload.empty() || !look_at_program(path, facts) ||
         !names.set(chosen.prefix, path.substr(path.rfind('/') + 1), chosen.kind))
         return 1;
-    std::string library, why;
-    if (!can_compress(chosen.kind, library, why)) {
-        say(message::compressor_missing, {library, why});
+    qor::compression::compressor trial;
+    if (chosen.kind != qor::compression::format::none && !trial.start(chosen.kind, output_file::level)) {
+        say(message::compressor_missing, {qor::compression::name_of(chosen.kind), trial.reason()});
         return 1;
     }
     recorder recording(chosen, names);

@@ -29,8 +29,8 @@ bool take_depth(options& chosen, const std::string& value) {
     return false;
 }
 
-bool take_compression(options& chosen, compression kind) {
-    if (chosen.kind != compression::none && chosen.kind != kind) {
+bool take_compression(options& chosen, compression::format kind) {
+    if (chosen.kind != compression::format::none && chosen.kind != kind) {
         say(message::both_compressions);
         return false;
     }
@@ -46,9 +46,11 @@ constexpr option_row rows[] = {
      message::no_children_syntax, message::no_children_description},
     {"--start-stopped", false, [](options& chosen, const std::string&) { return chosen.is_stopped = true; },
      message::start_stopped_syntax, message::start_stopped_description},
-    {"--zstd", false, [](options& chosen, const std::string&) { return take_compression(chosen, compression::zstd); },
+    {"--zstd", false,
+     [](options& chosen, const std::string&) { return take_compression(chosen, compression::format::zstd); },
      message::zstd_syntax, message::zstd_description},
-    {"--gzip", false, [](options& chosen, const std::string&) { return take_compression(chosen, compression::gzip); },
+    {"--gzip", false,
+     [](options& chosen, const std::string&) { return take_compression(chosen, compression::format::gzip); },
      message::gzip_syntax, message::gzip_description},
     {"--force", false, [](options& chosen, const std::string&) { return chosen.replaces_anything = true; },
      message::force_syntax, message::force_description},

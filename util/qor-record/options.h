@@ -14,7 +14,7 @@ struct options {
     bool follows_children = true;
     bool replaces_anything = false;
     bool is_stopped = false;
-    compression kind = compression::none;
+    compression::format kind = compression::format::none;
     std::vector<std::string> command; // the program and its arguments
 };
 

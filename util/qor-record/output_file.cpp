@@ -15,14 +15,18 @@ void output_file::close() {
     m_descriptor = -1;
 }
 
-int output_file::create(const std::string& path, compression kind) {
+int output_file::create(const std::string& path, compression::format kind) {
     m_buffer = std::make_unique_for_overwrite<char[]>(buffer_size);
+    if (kind != compression::format::none) {
+        m_compressor = std::make_unique<compression::compressor>();
+        if (!m_compressor->start(kind, level))
+            return m_failure = ENOMEM; // the library is there, as its caller has seen
+    }
     m_descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (m_descriptor < 0)
         return m_failure = errno;
     m_path = path;
     m_kind = kind;
-    m_compressor = make_compressor(kind);
     m_failure = 0;
     return 0;
 }
@@ -49,7 +53,7 @@ void output_file::write(const char* data, std::size_t size) {
     m_written += done;
 }
 
-void output_file::pass_on(how_far until) {
+void output_file::pass_on(ending until) {
     const std::size_t size = m_used;
     m_used = 0;
     if (m_descriptor < 0)
@@ -58,23 +62,23 @@ void output_file::pass_on(how_far until) {
         write(m_buffer.get(), size);
     } else {
         m_compressed.clear();
-        const bool is_whole = m_compressor->put(m_buffer.get(), size, until, m_compressed);
+        const bool is_whole = m_compressor->add({m_buffer.get(), size}, until, m_compressed);
         write(m_compressed.data(), m_compressed.size());
         if (!is_whole && m_failure == 0) {
             m_failure = ENOMEM;
             close();
         }
     }
-    m_is_flushed = until != how_far::on;
+    m_is_flushed = until != ending::none;
 }
 
 void output_file::flush() {
     if (m_used > 0 || !m_is_flushed)
-        pass_on(how_far::flush);
+        pass_on(ending::flush);
 }
 
 void output_file::finish() {
-    pass_on(how_far::end);
+    pass_on(ending::whole);
     close();
     m_buffer.reset();
     m_compressor.reset();

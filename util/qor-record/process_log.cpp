@@ -61,7 +61,7 @@ process_log::process_log(arena_host& host, unsigned session_index, std::int32_t 
       m_session_index(session_index), m_process(process), m_number(session_index != 0 ? m_session.number : 1),
       m_stacks(host) {}
 
-int process_log::create(const std::string& log, const std::string& stacks, compression kind) {
+int process_log::create(const std::string& log, const std::string& stacks, compression::format kind) {
     if (const int reason = m_log.create(log, kind))
         return reason;
     const int reason = m_stacks.file().create(stacks, kind);

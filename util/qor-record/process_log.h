@@ -13,7 +13,7 @@ public:
     process_log(arena_host& host, unsigned session_index, std::int32_t process);
 
     // Creates the files. 0, or the error of one of them.
-    int create(const std::string& log, const std::string& stacks, compression kind);
+    int create(const std::string& log, const std::string& stacks, compression::format kind);
     void begin(std::int32_t parent);
 
     // The place in a log up to which a forked child has inherited what it says.
