@@ -19,6 +19,8 @@ import tempfile
 INTENDED = pathlib.Path(__file__).resolve().parent / "intended.txt"
 LEAK = re.compile(r"LEAK at 0x[0-9a-f]+ size (\d+) type \d+ caller \[\] type_name \[(.*)\] file \[(.*)\] line \d+")
 TIMEOUT_SECONDS = 800
+# Actions that take minutes run with QOR_TEST_WHOLE only.
+LONG = {"simd-test"}
 
 
 def action_words(samples):
@@ -82,8 +84,11 @@ def main():
     runs = []
     words = action_words(options.samples.resolve())
     for action in actions(tool):
+        if action in LONG and "QOR_TEST_WHOLE" not in os.environ:
+            print(f"{action} runs with QOR_TEST_WHOLE only")
+            continue
         runs += [(f"qortool {action}", [tool, "--quiet", action, *some]) for some in words.get(action, [[]])]
-    assert len(runs) >= 18, runs
+    assert len(runs) >= 17, runs
     for program in options.program:
         command = program.split("|")
         runs.append((pathlib.Path(command[0]).stem, command))

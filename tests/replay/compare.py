@@ -11,6 +11,7 @@ match those files, so that a mistake that both make is still found. Then come N 
 
 import argparse
 import difflib
+import os
 import pathlib
 import shutil
 import subprocess
@@ -130,7 +131,8 @@ def compare_seed(tool, seed, keep):
 def main():
     parser = argparse.ArgumentParser(description="Compares qortool with the plain replay, byte for byte.")
     under_test.add_options(parser)
-    parser.add_argument("--count", type=int, default=600, help="how many generated pairs (default 600)")
+    parser.add_argument("--count", type=int, default=600 if "QOR_TEST_WHOLE" in os.environ else 150,
+                        help="how many generated pairs (default 150; 600 with QOR_TEST_WHOLE)")
     parser.add_argument("--seed", type=int, default=1, help="the first seed (default 1)")
     default = pathlib.Path(tempfile.gettempdir()) / "qor-replay"
     parser.add_argument("--keep", type=pathlib.Path, default=default, help=f"where pairs that differ go ({default})")

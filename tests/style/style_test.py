@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
-"""The sources are formatted as .clang-format says, and shellcheck finds no fault in the shell scripts.
+"""The sources are formatted as .clang-format says, shellcheck finds no fault in the shell scripts, and Windows allows
+the names of all files.
 
 clang-format is called by its version, because each version formats a little differently.
 """
 
 import os
+import re
 import subprocess
 import sys
 import tempfile
@@ -45,6 +47,12 @@ def scripts_findings(*paths):
     return check("shellcheck", "--external-sources", *paths)
 
 
+def is_for_any_system(path):
+    """Returns whether Windows allows the name: it reserves those of devices, with any extension, and some characters."""
+    device = re.match(r"(con|prn|aux|nul|com\d|lpt\d)(\.|$)", path.name, re.IGNORECASE)
+    return not device and not re.search(r'[\0-\x1f<>:"|?*\\]|[ .]$', path.name)
+
+
 class Style(unittest.TestCase):
     def test_sources_are_formatted(self):
         paths = [path for path in sources() if path.suffix in (".cpp", ".h", ".c")]
@@ -56,6 +64,13 @@ class Style(unittest.TestCase):
         names = {str(path.relative_to(TREE)) for path in paths}
         self.assertLessEqual({"test", "run", ".ci/run", "scripts/setup.sh"}, names)
         self.assertEqual(scripts_findings(*paths), "")
+
+    def test_names_are_for_any_system(self):
+        self.assertEqual([path for path in sources() if not is_for_any_system(path)], [])
+        for wrong in "nul", "NUL.txt", "com1", "a:b", "what?", "dot.":
+            self.assertFalse(is_for_any_system(Path(wrong)), wrong)
+        for right in "nul_byte", "console", ".ci", "a.b":
+            self.assertTrue(is_for_any_system(Path(right)), right)
 
     def test_what_is_wrong_is_found(self):
         with tempfile.TemporaryDirectory() as folder:

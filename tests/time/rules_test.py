@@ -174,7 +174,7 @@ class Comparison:
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--program", required=True)
-    parser.add_argument("--count", type=int, default=10000)
+    parser.add_argument("--count", type=int, default=10000 if "QOR_TEST_WHOLE" in os.environ else 2500)
     parser.add_argument("--seed", type=int, default=1)
     options = parser.parse_args()
     source = random.Random(options.seed)

@@ -16,7 +16,7 @@ namespace {
 // Only the list of PCI names is longer than a few hundred bytes; it has 1.5 MB.
 constexpr std::size_t longest_file = 16 * 1024 * 1024;
 
-// Returns a result of the C library, null if there is none. Throws std::bad_alloc if the C library ran out of memory.
+// Returns a result of the C library, which may be null. Throws std::bad_alloc if the C library ran out of memory.
 template <class TYPE>
 TYPE* found(TYPE* result) {
     if (result == nullptr && errno == ENOMEM)

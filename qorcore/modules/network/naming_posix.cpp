@@ -63,7 +63,7 @@ std::string one_line(std::string text) {
 // An administrator may choose any alias; one of blanks only is not a name.
 bool is_blank(const std::string& text) { return text.find_first_not_of(" \t\r\n") == text.npos; }
 
-// Returns a name that a person chose; empty if there is none. The display name is then made of kind and name.
+// Returns a name that a person chose; empty if nobody chose one. The display name is then made of kind and name.
 std::string given_name(const network::link_row& link) {
     if (!is_blank(link.alias))
         return link.alias;

@@ -106,7 +106,7 @@ inline void create_IQORErrorBuilder(IQORErrorBuilder** out) {
     qor::glue::or_throw(*out);
 }
 
-// Prints this thread's last error, or, if there is none, a line that says so.
+// Prints this thread's last error, or a line that says that there was no error.
 inline void fputerr(std::FILE* stream, bool newline) noexcept { qor::glue::fputerr(stream, newline); }
 
 // Preserves this thread's last error while other code runs, such as the clean-up after a failure. The constructor saves

@@ -81,14 +81,16 @@ public:
 
     // Reads the next line, of at most 256 MiB, without its end (LF or CR LF). Text behind the last line end counts as a
     // line. Returns false at the end of the file, at a line that is too long, or on a read error; the last two set the
-    // last error. After a line that is too long, the next call continues behind it. A read error is permanent: the part
-    // of a line read before it is returned as a line, and every later call fails with the same error.
+    // last error. After a line that is too long, the next call reads the line that follows it. A read error is
+    // permanent: the part of a line read before it is returned as a line, and every later call fails with the same
+    // error.
     [[nodiscard]] virtual bool ReadLine(qorString& line) noexcept = 0;
 
     // Returns the next run of whole lines in place: *size bytes at *text, beginning with the next line. Every line ends
     // with '\n'; one is added to a last line without it. At least qorReadLinesPadding readable bytes follow, so that a
-    // scan may read in blocks of that size. The text is valid until the next call of any operation. Returns false as
-    // ReadLine does: at a line that is too long with its first 256 MiB, also ended by '\n', otherwise with *size 0.
+    // scan may read in blocks of that size. The text is valid until the next call of any operation. Returns false in
+    // the same cases as ReadLine. For a line that is too long, the text is then its first 256 MiB, ended by '\n'; in
+    // the other cases *size is 0.
     [[nodiscard]] virtual bool ReadLines(const char** text, uint64* size) noexcept = 0;
 
     // Sets a callback that the reading thread runs before it has to wait, because a pipe or a device has nothing to

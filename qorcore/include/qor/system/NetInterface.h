@@ -36,8 +36,8 @@ public:
     virtual uint32 GetIPv4Count() noexcept = 0;
     virtual bool GetIPv4Address(uint32 index, qorNetAddress4& out) noexcept = 0;
 
-    // Gets the default gateway that is reached through this interface, with a prefix of 32 bits. Returns false if there
-    // is none.
+    // Gets the default gateway that is reached through this interface, with a prefix of 32 bits. Returns false if the
+    // interface has no default gateway.
     virtual bool GetExtraIPv4Address(qorNetAddress4& out) noexcept = 0;
 
     // The same for IPv6. The scope is set for addresses that are only valid on their link, else it is 0.
@@ -52,7 +52,7 @@ protected:
 class IQORNetInterfaceList : public IQORInterface {
 public:
     // Finds an interface by its name or an alternative name, compared byte by byte. Returns false and leaves *out
-    // unchanged if there is none.
+    // unchanged if no interface has this name.
     [[nodiscard]] virtual bool FindInterface(const char* name, IQORNetInterface** out) noexcept = 0;
 
     // The number of interfaces.

@@ -65,7 +65,7 @@ inline void qorAddressToString(const qoraddr_ipv6& address, uint32 scope, qorStr
     qor::glue::qorAddressToString_ipv6(address, scope, out);
 }
 
-// The same for either family; the text is empty if the family is none. If `with_scope` is false, the scope is left out,
+// The same for either family; the text is empty if no family is set. If `with_scope` is false, the scope is left out,
 // because it means nothing on another host.
 inline void qorAddressToString(const qorHostAddress& address, bool with_scope, qorString& out) noexcept {
     qor::glue::qorAddressToString_host(address, with_scope, out);

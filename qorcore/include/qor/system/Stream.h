@@ -70,7 +70,7 @@ private:
 // unchanged. The sink's own bytes must not be written to it.
 class IQORMemoryDataSink : public IQORDataSink {
 public:
-    // The bytes written so far, or null if there are none. Valid until the next write, Empty or the last Release.
+    // The bytes written so far, or null if nothing was written. Valid until the next write, Empty or the last Release.
     virtual const void* GetData() noexcept = 0;
     virtual uint32 GetSize() noexcept = 0;
 

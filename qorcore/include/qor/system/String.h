@@ -231,8 +231,8 @@ public:
     bool TokeniseAtByte(char separator, qorStringArray& out) const noexcept {
         return qor::glue::qorString_TokeniseAtByte(this, separator, out);
     }
-    // Splits at the first separator, which belongs to neither part. Returns false if there is none; then `left` is the
-    // whole text and `right` is empty. One of the parts may be the string itself.
+    // Splits at the first separator, which belongs to neither part. Returns false if it does not occur; then `left` is
+    // the whole text and `right` is empty. One of the parts may be the string itself.
     bool SplitAtByte(char separator, qorString& left, qorString& right) const noexcept {
         return qor::glue::qorString_SplitAtByte(this, separator, left, right);
     }

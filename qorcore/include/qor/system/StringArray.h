@@ -89,8 +89,8 @@ public:
     }
 
     // The array as a set of texts, case-sensitive. AddUnique returns false if the text is present already. RemoveUnique
-    // removes the first equal text and returns false if there is none. FindString returns the index of the first equal
-    // text at or behind `start`, or -1.
+    // removes the first equal text and returns false if no text is equal. FindString returns the index of the first
+    // equal text at or behind `start`, or -1.
     bool AddUnique(const char* text) noexcept { return qor::glue::qorStringArray_AddUnique(this, text); }
     bool RemoveUnique(const char* text) noexcept { return qor::glue::qorStringArray_RemoveUnique(this, text); }
     int32 FindString(const char* text, uint32 start = 0) const noexcept {
@@ -107,7 +107,7 @@ public:
     // Part of the binary contract: the library allocates and frees, inline members read. All `alloc` elements are
     // constructed strings; those behind the count are empty.
     struct data {
-        // The storage, or null if there is none.
+        // The storage; null while no memory is allocated.
         qorString* elements = nullptr;
         // The number of elements in use.
         uint32 count = 0;

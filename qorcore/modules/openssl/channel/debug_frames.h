@@ -87,7 +87,7 @@ private:
 
 // ---- payloads
 
-// A page of a list of names: the start of the next page, or 0 if there is none, and the names.
+// A page of a list of names: the start of the next page, or 0 on the last page, and the names.
 struct name_page {
     uint32 next = 0;
     std::vector<std::string> names;

@@ -144,7 +144,7 @@ public:
     bool IsPresent(ELEMENT value) const noexcept { return Find(value) >= 0; }
 
     // The array as a set, by Find. AddUnique returns false if the value is present already. RemoveUnique removes the
-    // first equal element and returns false if there is none.
+    // first equal element and returns false if no element is equal.
     bool AddUnique(ELEMENT value) {
         if (IsPresent(value))
             return false;
