@@ -42,8 +42,9 @@ QOR_NEXT(__vasprintf_chk, int(char**, int, const char*, va_list));
 QOR_NEXT(dlclose, int(void*));
 QOR_NEXT(prctl, int(int, unsigned long, unsigned long, unsigned long, unsigned long));
 
-// While the loader searches, it may allocate itself.
-bool is_searching;
+// While the loader searches for this thread, it may allocate itself. Other threads allocate as ever: the reserve is
+// small.
+__thread bool is_searching __attribute__((tls_model("initial-exec")));
 
 template <class Function>
 Function* find(next_function<Function>& next) noexcept {
