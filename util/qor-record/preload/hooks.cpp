@@ -60,14 +60,14 @@ Function* find(next_function<Function>& next) noexcept {
 }
 
 // Those that work without the reserve come first.
-void find_the_first() noexcept {
+[[gnu::noinline]] void find_the_first() noexcept {
     find(next_calloc);
     find(next_free);
     find(next_realloc);
     find(next_malloc);
 }
 
-bool uses_reserve() noexcept {
+[[gnu::always_inline]] inline bool uses_reserve() noexcept {
     if (next_malloc.function.load(std::memory_order_relaxed) != nullptr && !is_searching) [[likely]]
         return false;
     if (!is_searching)

@@ -11,9 +11,6 @@ namespace qor::record {
 
 namespace {
 
-constexpr unsigned cache_size = 4096;
-std::atomic<std::uint64_t> places[cache_size]; // the address, and the module in the upper 16 bits
-
 // The loader's entry for each module when it was found, by the module's number.
 struct known_module {
     const link_map* map;
@@ -134,16 +131,11 @@ std::uint32_t find_module(std::uintptr_t address) noexcept {
 
 } // namespace
 
-std::uint32_t module_of(std::uintptr_t address) noexcept {
-    std::atomic<std::uint64_t>& place = places[(address ^ address >> 12) % cache_size];
-    const std::uint64_t seen = place.load(std::memory_order_relaxed);
-    constexpr std::uint64_t address_bits = (std::uint64_t{1} << 48) - 1;
-    if ((seen & address_bits) == address && !modules_are_changing()) [[likely]]
-        return static_cast<std::uint32_t>(seen >> 48);
+std::uint32_t find_module_of(std::uintptr_t address) noexcept {
     // A return address may lie behind the last byte of its module.
     const std::uint32_t number = find_module(address - 1) | (is_allocation_code(address) ? allocation_code : 0);
-    if ((address & ~address_bits) == 0)
-        place.store(address | std::uint64_t{number} << 48, std::memory_order_relaxed);
+    if ((address & ~place_address_bits) == 0)
+        place_of(address).store(address | std::uint64_t{number} << 48, std::memory_order_relaxed);
     return number;
 }
 

@@ -11,9 +11,6 @@ namespace qor::record {
 
 namespace {
 
-constexpr std::size_t reserve_size = 64U << 10;
-constexpr std::size_t reserve_alignment = 16;
-alignas(reserve_alignment) char reserve[reserve_size];
 std::atomic<std::size_t> reserve_used;
 
 } // namespace
@@ -37,11 +34,6 @@ void* allocate_from_reserve(std::size_t size) noexcept {
         return nullptr;
     __builtin_memcpy(reserve + at, &size, sizeof size);
     return reserve + at + reserve_alignment;
-}
-
-bool is_from_reserve(const void* block) noexcept {
-    const auto* const place = static_cast<const char*>(block);
-    return place >= reserve && place < reserve + reserve_size;
 }
 
 std::size_t size_in_reserve(const void* block) noexcept {

@@ -31,7 +31,12 @@ void* find_next_of_cxx(const char* name) noexcept;
 // ---- memory for allocations of the loader during a search; it is never released
 
 void* allocate_from_reserve(std::size_t size) noexcept;
-bool is_from_reserve(const void* block) noexcept;
+inline constexpr std::size_t reserve_size = 64U << 10;
+inline constexpr std::size_t reserve_alignment = 16;
+alignas(reserve_alignment) inline char reserve[reserve_size];
+inline bool is_from_reserve(const void* block) noexcept {
+    return static_cast<std::size_t>(static_cast<const char*>(block) - reserve) < reserve_size;
+}
 std::size_t size_in_reserve(const void* block) noexcept;
 
 } // namespace qor::record

@@ -34,7 +34,25 @@ void* map_behind_arena(std::size_t offset, std::size_t size) noexcept;
 // The module of a place in the code; 0: it is in no module. The bit `allocation_code` is set for code of allocation
 // functions, which a block's user does not look for.
 inline constexpr std::uint32_t allocation_code = 0x8000;
-std::uint32_t module_of(std::uintptr_t address) noexcept;
+std::uint32_t find_module_of(std::uintptr_t address) noexcept;
+
+// Places that were found before: the address, and the module in the upper 16 bits.
+inline constexpr std::uint64_t place_address_bits = (std::uint64_t{1} << 48) - 1;
+inline std::atomic<std::uint64_t> places[4096];
+inline std::atomic<std::uint64_t>& place_of(std::uintptr_t address) noexcept {
+    return places[(address ^ address >> 12) % (sizeof places / sizeof *places)];
+}
+
+// While a library is being unloaded, nothing that is remembered of places in the code is sure.
+inline std::atomic<unsigned> unloading;
+inline bool modules_are_changing() noexcept { return unloading.load(std::memory_order_relaxed) != 0; }
+
+inline std::uint32_t module_of(std::uintptr_t address) noexcept {
+    const std::uint64_t seen = place_of(address).load(std::memory_order_relaxed);
+    if ((seen & place_address_bits) == address && !modules_are_changing()) [[likely]]
+        return static_cast<std::uint32_t>(seen >> 48);
+    return find_module_of(address);
+}
 
 // Marks a range of code as that of allocation functions.
 void add_allocation_code(std::uintptr_t begin, std::uintptr_t end) noexcept;
@@ -48,10 +66,6 @@ void add_allocation_code_of_program() noexcept;
 
 // Tells which of the modules that were there are not there any more.
 void find_modules_gone(void (*gone)(std::uint32_t module) noexcept) noexcept;
-
-// While a library is being unloaded, nothing that is remembered of places in the code is sure.
-inline std::atomic<unsigned> unloading;
-inline bool modules_are_changing() noexcept { return unloading.load(std::memory_order_relaxed) != 0; }
 
 // Forgets which module a place belongs to.
 void forget_places() noexcept;
