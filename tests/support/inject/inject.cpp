@@ -31,6 +31,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -245,6 +246,13 @@ CALL_OF_LENGTH("pread", pread, (int file, void* bytes, std::size_t length, off_t
 CALL_OF_LENGTH("pread", pread64, (int file, void* bytes, std::size_t length, off64_t at), SYS_pread64, file, bytes,
                length, at)
 CALL_OF_LENGTH("write", write, (int file, const void* bytes, std::size_t length), SYS_write, file, bytes, length)
+CALL_OF_LENGTH("pwrite", pwrite, (int file, const void* bytes, std::size_t length, off_t at), SYS_pwrite64, file, bytes,
+               length, at)
+CALL_OF_LENGTH("pwrite", pwrite64, (int file, const void* bytes, std::size_t length, off64_t at), SYS_pwrite64, file,
+               bytes, length, at)
+CALL_OF_LENGTH("copy_file_range", copy_file_range,
+               (int from, off64_t* from_at, int to, off64_t* to_at, std::size_t length, unsigned flags),
+               SYS_copy_file_range, from, from_at, to, to_at, length, flags)
 CALL_OF_LENGTH("recv", recv, (int file, void* bytes, std::size_t length, int flags), SYS_recvfrom, file, bytes, length,
                flags, 0, 0)
 CALL_OF_LENGTH("send", send, (int file, const void* bytes, std::size_t length, int flags), SYS_sendto, file, bytes,
@@ -256,6 +264,8 @@ CALL(int, socket, (int domain, int type, int protocol), SYS_socket, domain, type
 CALL(int, connect, (int file, const struct sockaddr* to, socklen_t size), SYS_connect, file, to, size)
 CALL(int, bind, (int file, const struct sockaddr* at, socklen_t size), SYS_bind, file, at, size)
 CALL(int, listen, (int file, int waiting), SYS_listen, file, waiting)
+CALL(int, fsync, (int file), SYS_fsync, file)
+CALL(int, flock, (int file, int operation), SYS_flock, file, operation)
 CALL(int, ftruncate, (int file, off_t size), SYS_ftruncate, file, size)
 CALL(pointer, mmap, (void* at, std::size_t size, int access, int flags, int file, off_t from), SYS_mmap, at, size,
      access, flags, file, from)
