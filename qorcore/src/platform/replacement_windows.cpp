@@ -20,17 +20,34 @@ constexpr ULONGLONG patience_milliseconds = 1000;
 
 int last_error() noexcept { return static_cast<int>(GetLastError()); }
 
-// Resolves links, so that the target of a link is replaced and not the link.
-void follow_links(std::wstring& path) {
-    const HANDLE file = CreateFileW(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
-        return;
-    std::wstring found(GetFinalPathNameByHandleW(file, nullptr, 0, 0), L'\0');
-    const DWORD length = GetFinalPathNameByHandleW(file, found.data(), static_cast<DWORD>(found.size()), 0);
+// Looks at what is to be replaced, if there is anything. Resolves links, so that the target of a link is replaced and
+// not the link.
+int examine_target(std::wstring& path) {
+    if (path.empty() || path.back() == L'/' || path.back() == L'\\')
+        return ERROR_PATH_NOT_FOUND;
+    const HANDLE file =
+        CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        const int reason = last_error();
+        return qor::platform::raw_file::is_missing(reason) ? 0 : reason;
+    }
+    BY_HANDLE_FILE_INFORMATION about{};
+    int reason = 0;
+    if (GetFileType(file) != FILE_TYPE_DISK)
+        reason = qor::platform::raw_file::not_regular;
+    else if (!GetFileInformationByHandle(file, &about))
+        reason = last_error();
+    else if ((about.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+        reason = operation_on_folder;
+    else if ((GetFileAttributesW(path.c_str()) & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        std::wstring found(GetFinalPathNameByHandleW(file, nullptr, 0, 0), L'\0');
+        const DWORD length = GetFinalPathNameByHandleW(file, found.data(), static_cast<DWORD>(found.size()), 0);
+        if (length != 0 && length < found.size())
+            path = found.substr(0, length);
+    }
     CloseHandle(file);
-    if (length != 0 && length < found.size())
-        path = found.substr(0, length);
+    return reason;
 }
 
 // Removes what a killed process has left. A file that was written a moment ago may be about to take its place.
@@ -58,17 +75,8 @@ int qor::platform::replacement::begin(const char* path, bool is_private) {
     std::wstring target;
     if (!to_wide_path(path, target))
         return ERROR_INVALID_NAME;
-    const DWORD attributes = GetFileAttributesW(target.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES && !raw_file::is_missing(last_error()))
-        return last_error();
-    if (attributes != INVALID_FILE_ATTRIBUTES) {
-        if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
-            return operation_on_folder;
-        if ((attributes & FILE_ATTRIBUTE_DEVICE) != 0)
-            return raw_file::not_regular;
-        if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
-            follow_links(target);
-    }
+    if (const int reason = examine_target(target))
+        return reason;
     glue::own_rights rights;
     if (is_private && rights.get() == nullptr)
         return last_error();
