@@ -173,7 +173,7 @@ void use_files() {
     MUST(made.Write(long_text) && made.Seek(2) && made.ReadExact(begin, 5) && made.CloseAndDelete());
     say(begin);
     qorOpenFile* handle = nullptr;
-    MUST(qorFileOpen("lines", qorFileReading | qorFileExisting, &handle));
+    MUST(qorFileOpen("lines", qorFileReading | qorFileExisting | qorFileShared, &handle));
     qorFileInfo info;
     MUST(qorFileGetFileInfo(handle, info) && qorFileClose(handle));
     std::printf("%llu\n", info.size);

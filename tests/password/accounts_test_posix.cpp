@@ -119,13 +119,14 @@ step deadly = step::none;
 
 } // namespace
 
-extern "C" int fsync(int file) {
+extern "C" [[gnu::visibility("default")]] int fsync(int file) {
     if (deadly == step::sync)
         kill(getpid(), SIGKILL);
     return static_cast<int>(syscall(SYS_fsync, file));
 }
 
-extern "C" int renameat(int folder, const char* from, int other_folder, const char* to) noexcept {
+extern "C" [[gnu::visibility("default")]] int renameat(int folder, const char* from, int other_folder,
+                                                       const char* to) noexcept {
     if (deadly == step::rename)
         kill(getpid(), SIGKILL);
     return static_cast<int>(syscall(SYS_renameat2, folder, from, other_folder, to, 0));
