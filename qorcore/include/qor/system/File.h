@@ -93,6 +93,7 @@ public:
     // alone. Returns false if it is not deleted; it is closed in any case.
     bool CloseAndDelete() noexcept { return qor::glue::qorFile_CloseAndDelete(this); }
 
+    // Whether a file is open. Changes nothing, and does not touch the last error.
     bool IsOpen() const noexcept { return m_data.file != nullptr; }
 
     // Reads at the position, and moves it. *count is less than `length` only at the end of the file, where it is 0.

@@ -168,6 +168,7 @@ public:
         using difference_type = std::ptrdiff_t;        // as iterators need it
 
         block_iterator() noexcept = default;
+        // Reads the first block of a source, which must outlive the iterator.
         explicit block_iterator(qorFileSource* source) noexcept : m_source(source) { ++*this; }
 
         // The current block.
