@@ -59,6 +59,9 @@ CALLS = {
     "fstat": [errno.EIO],
     "flock": [errno.EWOULDBLOCK, errno.ENOLCK, errno.EINTR],
     "close": [errno.EIO],
+    "statx": [errno.EIO, errno.ESTALE, errno.EINTR],
+    "linkat": [errno.EIO, errno.EINTR],
+    "renameat": [errno.EIO, errno.ESTALE, errno.EINTR],
 }
 UNNOTICED = (errno.EINTR, "short")
 
