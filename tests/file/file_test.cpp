@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -215,6 +216,20 @@ TEST_F(file, is_replaced_as_a_whole) {
     EXPECT_FALSE(qorReplaceFile(m_folder.path().c_str(), "x"));
     EXPECT_EQ(last_error(), "Cannot write '" + m_folder.path() + "': " + qor::test::system_reasons().a_folder + ".");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder.path()), {}), 2);
+}
+
+TEST_F(file, is_replaced_by_several_threads) {
+    const std::string path = m_folder / "f";
+    const auto replace = [&path](char letter) {
+        for (std::size_t i = 1; i <= 50; ++i)
+            EXPECT_TRUE(qorReplaceFile(path.c_str(), std::string(1000 * i, letter))) << last_error();
+    };
+    std::thread first(replace, 'a'), second(replace, 'b');
+    first.join();
+    second.join();
+    const std::string text = qor::test::read_file(path);
+    EXPECT_EQ(text, std::string(50'000, text.at(0)));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder.path()), {}), 1);
 }
 
 // Both systems exclude others in the same way.
