@@ -26,6 +26,7 @@ options = None
 
 BOTH = READING | WRITING
 UNFINISHED = ".qor-unfinished"
+PATIENCE_SECONDS = 100
 
 
 class Faults(unittest.TestCase):
@@ -140,8 +141,12 @@ class Faults(unittest.TestCase):
         changer = threading.Thread(target=change)
         changer.start()
         seen = set()
+        end = time.monotonic() + PATIENCE_SECONDS
         try:
-            for attempt in range(3000):
+            attempt = 0
+            # The number of the changes between two opens is left to chance, but not that there are some.
+            while attempt < 3000 or (seen != {0, CANNOT_OPEN, NO_DISK_FILE} and time.monotonic() < end):
+                attempt += 1
                 try:
                     driver.run("open", 0, self.file, 21 if attempt % 2 else BOTH | EXISTING | SHARED)
                 except Failed as failed:
