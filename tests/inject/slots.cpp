@@ -166,6 +166,23 @@ void use_files() {
     std::printf("%u lines, the last %u long\n", count, line.Length());
     if (!reader->Open("/no/such/file/with/a/long/name", 0))
         fputerr(stdout, true);
+
+    qorFile made;
+    qorString path;
+    MUST(made.CreateUnique(".", "unique", nullptr, path));
+    MUST(made.Write(long_text) && made.Seek(2) && made.ReadExact(begin, 5) && made.CloseAndDelete());
+    say(begin);
+    qorOpenFile* handle = nullptr;
+    MUST(qorFileOpen("lines", qorFileReading | qorFileExisting | qorFileShared, &handle));
+    qorFileInfo info;
+    MUST(qorFileGetFileInfo(handle, info) && qorFileClose(handle));
+    std::printf("%llu\n", info.size);
+    MUST(qorReplaceFile("replaced", long_text));
+    qorFileSource from;
+    qorFileTarget to;
+    MUST(from.Open("replaced") && to.Open("copy", qorFileReplace));
+    MUST(from.CopyTo(to).has_value() && to.Write("end") && to.Close());
+    std::printf("%llu\n", to.GetPosition());
 }
 
 void use_trace() {

@@ -22,6 +22,8 @@ class IQORDebugControl;
 class IQORDigestEngine;
 class IQORErrorBuilder;
 class IQORErrorMessage;
+class IQORFileSource;
+class IQORFileTarget;
 class IQORHostAddressList;
 class IQORMemoryDataSink;
 class IQORMemoryDataSource;
@@ -38,11 +40,15 @@ class qorString;
 class qorStringArray;
 class qorTimecode;
 class qorVector;
+struct qorFileInfo;
 struct qorHostAddress;
+struct qorOpenFile;
 struct qorTimeInfo;
 struct qoraddr_ipv4;
 struct qoraddr_ipv6;
 enum qorFolderId : uint32;
+enum class qorFileOrigin : uint32;
+enum class qorFlushTo : uint32;
 
 // A trace switch: 0 is off. The library writes it; any code may read it.
 using qorDebugFlag = std::atomic<uint8>;
