@@ -24,6 +24,7 @@
 #include "qor/system/Digest.h"
 #include "qor/system/Error.h"
 #include "qor/system/File.h"
+#include "qor/system/FileInfo.h"
 #include "qor/system/Folder.h"
 #include "qor/system/Geometry.h"
 #include "qor/system/Interface.h"

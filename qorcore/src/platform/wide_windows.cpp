@@ -17,6 +17,24 @@ bool qor::platform::to_wide(std::string_view text, std::wstring& out) {
     return length != 0;
 }
 
+bool qor::platform::to_wide_path(std::string_view path, std::wstring& out) {
+    if (!to_wide(path, out))
+        return false;
+    // A new folder's path may be that long, so that a file name of the oldest form still fits behind it.
+    constexpr DWORD longest = MAX_PATH - 12;
+    const DWORD room = GetFullPathNameW(out.c_str(), 0, nullptr, nullptr);
+    if (room <= longest || out.starts_with(L"\\\\?\\") || out.starts_with(L"\\\\.\\"))
+        return true;
+    std::wstring full(room, L'\0');
+    const DWORD length = GetFullPathNameW(out.c_str(), room, full.data(), nullptr);
+    // The current folder may have changed in between; the system reports what it then finds.
+    if (length == 0 || length >= room)
+        return true;
+    full.resize(length);
+    out = full.starts_with(L"\\\\") ? L"\\\\?\\UNC\\" + full.substr(2) : L"\\\\?\\" + full;
+    return true;
+}
+
 std::string qor::platform::from_wide(std::wstring_view text) {
     // A unit of UTF-16 takes at most three bytes in UTF-8.
     std::string out(text.size() * 3, '\0');
