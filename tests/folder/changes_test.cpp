@@ -28,8 +28,7 @@ TEST(folders, are_created_one_by_one) {
     EXPECT_TRUE(last_error().starts_with("Cannot create the folder '" + path + "': ")) << last_error();
     const std::string below = folder / "missing/below";
     EXPECT_FALSE(qorCreateDirectory(below.c_str()));
-    EXPECT_EQ(last_error(),
-              "Cannot create the folder '" + below + "': " + qor::test::system_reasons().no_folder + ".");
+    EXPECT_EQ(last_error(), "Cannot create the folder '" + below + "': " + qor::test::system_reasons().no_folder + ".");
 }
 
 TEST(folders, are_created_with_those_above) {
@@ -85,8 +84,9 @@ TEST(folders, are_deleted_with_their_contents) {
 TEST(folders, without_a_name_of_their_own_are_not_deleted) {
     const qor::test::temp_folder folder;
     fs::create_directory(folder / "a");
-    for (const std::string& path : {std::string(), std::string("/"), std::string("//"), std::string("."), std::string(".."),
-                                    folder / "a/.", folder / "a/..", folder / "a/../", folder / "a/.//"}) {
+    for (const std::string& path :
+         {std::string(), std::string("/"), std::string("//"), std::string("."), std::string(".."), folder / "a/.",
+          folder / "a/..", folder / "a/../", folder / "a/.//"}) {
         EXPECT_FALSE(qorDeleteDirectoryAndContents(path.c_str())) << path;
         EXPECT_EQ(last_error(), "qorDeleteDirectoryAndContents was called with an invalid argument: " + path + ".");
     }
@@ -102,8 +102,7 @@ TEST(files, are_deleted_and_folders_are_not) {
     EXPECT_FALSE(qorDeleteFile(file.c_str()));
     EXPECT_EQ(last_error(), "Cannot delete '" + file + "': " + qor::test::system_reasons().no_file + ".");
     EXPECT_FALSE(qorDeleteFile(folder.path().c_str()));
-    EXPECT_EQ(last_error(),
-              "Cannot delete '" + folder.path() + "': " + qor::test::system_reasons().a_folder + ".");
+    EXPECT_EQ(last_error(), "Cannot delete '" + folder.path() + "': " + qor::test::system_reasons().a_folder + ".");
 }
 
 TEST(rename, takes_the_place_of_a_file_only_if_asked) {

@@ -86,7 +86,8 @@ TEST(folder_contents, of_what_is_no_folder_are_an_error) {
 
 TEST(folder_contents, names_in_all_scripts) {
     const qor::test::temp_folder folder;
-    for (const char8_t* const name : {u8"größe", u8"файл", u8"文件", u8"🙂", u8"e\u0301", u8"\u00e9", u8"with blank "}) {
+    for (const char8_t* const name :
+         {u8"größe", u8"файл", u8"文件", u8"🙂", u8"e\u0301", u8"\u00e9", u8"with blank "}) {
         const fs::path path = fs::path(folder.path()) / name;
         const std::string text = folder / std::string_view(reinterpret_cast<const char*>(name));
         EXPECT_TRUE(qorCreateDirectory(text.c_str())) << last_error();

@@ -30,7 +30,8 @@ TEST(windows_names, of_any_units_survive) {
         EXPECT_EQ(back, name);
     }
     // What is valid has the usual form.
-    EXPECT_EQ(qor::platform::name_from_wide(L"gr\x00f6\x00df" L"e \x6587 \xd83d\xde42"),
+    EXPECT_EQ(qor::platform::name_from_wide(L"gr\x00f6\x00df"
+                                            L"e \x6587 \xd83d\xde42"),
               reinterpret_cast<const char*>(u8"größe 文 🙂"));
     std::wstring out;
     EXPECT_FALSE(qor::platform::to_wide_path("\xff", out));

@@ -32,7 +32,8 @@ TEST(path, named_folders_are_replaced) {
     const std::string temporary = folder(qorFolder_user_temporary);
     EXPECT_EQ(translated("${user-temporary}"), temporary);
     EXPECT_EQ(translated("${user-temporary}/a/b"), temporary + "/a/b");
-    EXPECT_EQ(translated("/jail${user-temporary}/${qor-library}"), "/jail" + temporary + '/' + folder(qorFolder_qor_library));
+    EXPECT_EQ(translated("/jail${user-temporary}/${qor-library}"),
+              "/jail" + temporary + '/' + folder(qorFolder_qor_library));
 }
 
 TEST(path, each_tag_is_known) {
@@ -57,7 +58,8 @@ TEST(path, what_cannot_be_translated_is_an_error) {
         const char* path;
         const char* error;
     } cases[] = {
-        {"a/${nowhere}/b", "The path 'a/${nowhere}/b' cannot be translated: there is no folder with the name 'nowhere'."},
+        {"a/${nowhere}/b",
+         "The path 'a/${nowhere}/b' cannot be translated: there is no folder with the name 'nowhere'."},
         {"${}", "The path '${}' cannot be translated: there is no folder with the name ''."},
         {"${Home}", "The path '${Home}' cannot be translated: there is no folder with the name 'Home'."},
         {"${home", "The path '${home' cannot be translated: the closing brace behind the name of a folder is missing."},
@@ -78,8 +80,8 @@ TEST(path, the_result_may_take_the_place_of_the_path) {
 
 // Whoever knows the system's own rules: the C++ library.
 TEST(path, absolute_as_the_standard_library_says) {
-    for (const char* const path : {"", "/", "/a", "a", "./a", "../a", "//a/b", "\\", "\\a", "\\\\server\\share", "c:", "c:a",
-                                   "c:\\", "c:/a", "C:\\a\\..\\b", "\\\\?\\C:\\a", "ab:\\c"}) {
+    for (const char* const path : {"", "/", "/a", "a", "./a", "../a", "//a/b", "\\", "\\a", "\\\\server\\share",
+                                   "c:", "c:a", "c:\\", "c:/a", "C:\\a\\..\\b", "\\\\?\\C:\\a", "ab:\\c"}) {
         // The library takes \\server alone for a root name without a root directory.
         EXPECT_EQ(qorIsAbsolutePath(path), std::filesystem::path(path).is_absolute()) << path;
     }

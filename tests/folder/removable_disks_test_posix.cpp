@@ -73,10 +73,11 @@ TEST(removable_disks, a_stick_with_two_partitions) {
     host.device(disk + "/sdb1", "8:17", "60000000", nullptr);
     host.device(disk + "/sdb2", "8:18", "400000", nullptr);
     host.label("My\\x20photos", "sdb1");
-    host.file("proc/self/mountinfo",
-              "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
-              "90 22 8:17 /below /mnt/part rw,nosuid - vfat /dev/sdb1 rw\n"
-              "91 22 8:17 / /media/ann/My\\040photos rw,nosuid,nodev shared:50 master:2 - vfat /dev/sdb1 ro,uid=1000\n");
+    host.file(
+        "proc/self/mountinfo",
+        "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+        "90 22 8:17 /below /mnt/part rw,nosuid - vfat /dev/sdb1 rw\n"
+        "91 22 8:17 / /media/ann/My\\040photos rw,nosuid,nodev shared:50 master:2 - vfat /dev/sdb1 ro,uid=1000\n");
     const auto found = host.disks();
     ASSERT_EQ(found.size(), 2u);
     EXPECT_STREQ(found[0].device, "/dev/sdb1");

@@ -116,8 +116,10 @@ TEST(posix_folders, keep_times_to_the_nanosecond) {
         const auto nanoseconds = [](uint64 ticks, uint8 rest) {
             return (static_cast<int64>(ticks) - 116'444'736'000'000'000) * 100 + rest;
         };
-        EXPECT_EQ(nanoseconds(info->accessed, info->accessed_rest), kept.st_atim.tv_sec * 1'000'000'000 + kept.st_atim.tv_nsec);
-        EXPECT_EQ(nanoseconds(info->modified, info->modified_rest), kept.st_mtim.tv_sec * 1'000'000'000 + kept.st_mtim.tv_nsec);
+        EXPECT_EQ(nanoseconds(info->accessed, info->accessed_rest),
+                  kept.st_atim.tv_sec * 1'000'000'000 + kept.st_atim.tv_nsec);
+        EXPECT_EQ(nanoseconds(info->modified, info->modified_rest),
+                  kept.st_mtim.tv_sec * 1'000'000'000 + kept.st_mtim.tv_nsec);
     }
 }
 
@@ -228,7 +230,9 @@ TEST(posix_folders, exchanged_for_links_they_are_not_left) {
     std::atomic<int> exchanges{0};
     std::thread other([&] {
         const std::string link = folder / "link";
-        const auto exchange = [&] { return renameat2(AT_FDCWD, inner.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE) == 0; };
+        const auto exchange = [&] {
+            return renameat2(AT_FDCWD, inner.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE) == 0;
+        };
         while (!is_over) {
             mkdir(tree.c_str(), 0700);
             mkdir((tree + "/a").c_str(), 0700);

@@ -42,9 +42,17 @@ bool names_a_folder(std::string_view path) noexcept {
     return !path.empty() && path != "." && path != "..";
 }
 
-bool is_folder(const char* path) noexcept {
+// Creates a folder, or accepts one that exists. Returns the system's error code.
+int create_or_accept(const char* path, uint32 rights) noexcept {
+    const int code = qor::folder::create_folder(path, rights);
+    if (code == 0)
+        return 0;
     qorFileInfo info;
-    return qor::platform::file_info(path, true, info) == 0 && info.kind == qorFileKind::folder;
+    const int reason = qor::platform::file_info(path, true, info);
+    if (reason == 0 && info.kind == qorFileKind::folder)
+        return 0;
+    // A name that exists and leads nowhere is still taken; one that cannot be examined may be a folder.
+    return qor::folder::is_taken(code) && reason != 0 && !qor::platform::means_no_file(reason) ? reason : code;
 }
 
 // Goes up until a folder exists or can be created, and down again. It never asks whether a folder exists before it
@@ -59,8 +67,8 @@ int create_folder_path(const char* path, uint32 rights, std::string& failed) {
     std::vector<std::string> missing; // the last one is the next to create
     int returns = 0;
     for (bool goes_down = false;;) {
-        const int code = qor::folder::create_folder(failed.c_str(), missing.empty() ? rights : 0777);
-        if (code == 0 || is_folder(failed.c_str())) {
+        const int code = create_or_accept(failed.c_str(), missing.empty() ? rights : 0777);
+        if (code == 0) {
             if (missing.empty())
                 return 0;
             failed = std::move(missing.back());

@@ -13,9 +13,9 @@ int create_folder(const char* path, uint32 rights) noexcept;
 int delete_file(const char* path) noexcept;
 
 // Results of delete_tree and rename that are no failures of a single call.
-extern const int is_mount_point;     // another file system begins there
-extern const int changes_meanwhile;  // the folder is moved or filled while it is deleted
-extern const int other_file_system;  // only rename
+extern const int is_mount_point;    // another file system begins there
+extern const int changes_meanwhile; // the folder is moved or filled while it is deleted
+extern const int other_file_system; // only rename
 
 // After a failure, `failed` is the path of what could not be deleted.
 int delete_tree(const char* path, std::string& failed);

@@ -34,8 +34,8 @@ private:
     std::vector<char> m_names;
 };
 
-// Adds everything in a folder but "." and "..". Returns 0 or the system's error code; then `failed` is the path that the
-// failure is about: the folder, or a name in it.
+// Adds everything in a folder but "." and "..". Returns 0 or the system's error code; then `failed` is the path that
+// the failure is about: the folder, or a name in it.
 int read_contents(const char* path, listing& out, std::string& failed);
 
 } // namespace qor::folder

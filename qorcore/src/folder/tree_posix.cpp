@@ -27,16 +27,14 @@ struct open_folder {
     int descriptor = -1;
     uint64 device = 0, inode = 0;
 
-    bool operator==(const open_folder& other) const noexcept {
-        return device == other.device && inode == other.inode;
-    }
+    bool operator==(const open_folder& other) const noexcept { return device == other.device && inode == other.inode; }
 };
 
 struct level {
     open_folder folder;
-    std::string name;                // in the folder above
+    std::string name;                 // in the folder above
     std::vector<std::string> folders; // those in it that are still to delete
-    int passes = 1;                  // of the last of them
+    int passes = 1;                   // of the last of them
 };
 
 void close_it(open_folder& folder) noexcept {

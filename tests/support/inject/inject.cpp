@@ -28,6 +28,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -251,6 +252,19 @@ CALL_OF_LENGTH("send", send, (int file, const void* bytes, std::size_t length, i
                length, flags, 0, 0)
 CALL(int, close, (int file), SYS_close, file)
 CALL(int, fstat, (int file, struct stat* out), SYS_fstat, file, out)
+CALL(int, statx, (int folder, const char* path, int flags, unsigned mask, struct statx* out), SYS_statx, folder, path,
+     flags, mask, out)
+CALL(ssize_t, getdents64, (int folder, void* entries, std::size_t length), SYS_getdents64, folder, entries, length)
+CALL(ssize_t, readlink, (const char* path, char* out, std::size_t length), SYS_readlinkat, AT_FDCWD, path, out, length)
+CALL(off_t, lseek, (int file, off_t at, int from), SYS_lseek, file, at, from)
+CALL(int, mkdirat, (int folder, const char* path, mode_t rights), SYS_mkdirat, folder, path, rights)
+CALL(int, unlinkat, (int folder, const char* path, int flags), SYS_unlinkat, folder, path, flags)
+CALL(int, linkat, (int folder, const char* path, int to_folder, const char* to, int flags), SYS_linkat, folder, path,
+     to_folder, to, flags)
+CALL(int, renameat, (int folder, const char* path, int to_folder, const char* to), SYS_renameat2, folder, path,
+     to_folder, to, 0)
+CALL(int, renameat2, (int folder, const char* path, int to_folder, const char* to, unsigned flags), SYS_renameat2,
+     folder, path, to_folder, to, flags)
 CALL(int, poll, (struct pollfd * files, nfds_t count, int milliseconds), SYS_poll, files, count, milliseconds)
 CALL(int, socket, (int domain, int type, int protocol), SYS_socket, domain, type, protocol)
 CALL(int, connect, (int file, const struct sockaddr* to, socklen_t size), SYS_connect, file, to, size)

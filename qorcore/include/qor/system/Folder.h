@@ -1,9 +1,9 @@
 // Folders: the framework's named folders, which belong to the user, the system or the framework (docs/folders.md lists
 // their locations on each system), and the operations on folders and names in general.
 //
-// A path is UTF-8. On Linux any bytes are accepted and handed on as they are; on Windows a name that is not valid UTF-16
-// has each single surrogate in its three-byte form, so every name survives a round trip. An error names the operation,
-// the path and the system's reason.
+// A path is UTF-8. On Linux any bytes are accepted and handed on as they are; on Windows a name that is not valid
+// UTF-16 has each single surrogate in its three-byte form, so every name survives a round trip. An error names the
+// operation, the path and the system's reason.
 #pragma once
 
 #include "qor/system/FileInfo.h"
@@ -102,9 +102,7 @@ public:
     virtual const qorFolderEntry* GetEntries() noexcept = 0;
 
     // All entries, for range-for and the algorithms of the C++ library.
-    std::span<const qorFolderEntry> Entries() noexcept {
-        return {GetEntries(), static_cast<std::size_t>(GetCount())};
-    }
+    std::span<const qorFolderEntry> Entries() noexcept { return {GetEntries(), static_cast<std::size_t>(GetCount())}; }
 
 protected:
     ~IQORFolderContents() = default;
