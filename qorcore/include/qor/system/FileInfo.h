@@ -21,12 +21,12 @@ enum class qorFileKind : uint32 {
 // The short form, which qorFile::GetFileInfo fills in, too. A time is a clock (qor/system/Time.h), or 0 if the file
 // system does not keep it.
 struct qorFileInfo {
-    qorFileKind kind = qorFileKind::unknown;
+    qorFileKind kind = qorFileKind::unknown; // of what the path leads to, or of a link itself
     uint32 rights = 0;   // POSIX permission bits; on Windows 0666, or 0444 for a read-only file, with 0111 for a folder
     uint64 size = 0;     // in bytes; 0 for what has no size
     uint64 modified = 0; // last change of the content
     uint64 accessed = 0; // last read, as exactly as the file system keeps it
-    uint64 created = 0;
+    uint64 created = 0;  // the creation of the file, not of its content
 };
 
 // The long form.
@@ -40,12 +40,17 @@ struct qorFileInfoEx : qorFileInfo {
     // The numbers of its user and group, and their names. A number without a name is the name itself. Windows has no
     // numbers, but all ones; there the names are "DOMAIN\name", or the text of the SID, or empty if the caller may not
     // read them.
-    uint32 owner = 0, group = 0;
-    qorString owner_name, group_name;
+    uint32 owner = 0;
+    uint32 group = 0;
+    qorString owner_name;
+    qorString group_name;
     // The text of a link; empty for what is no link.
     qorString target;
     // What the file system keeps of the times beyond the ticks of a clock: nanoseconds, 0 to 99.
-    uint8 modified_rest = 0, accessed_rest = 0, created_rest = 0, changed_rest = 0;
+    uint8 modified_rest = 0;
+    uint8 accessed_rest = 0;
+    uint8 created_rest = 0;
+    uint8 changed_rest = 0;
 };
 
 // Gets information on the object that `path` leads to, or with `follow` false on a link itself. Returns false and

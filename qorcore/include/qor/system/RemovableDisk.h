@@ -8,13 +8,13 @@
 
 // One volume of a removable disk: a partition, or the whole disk if it has none. Texts that are not known are empty.
 struct qorRemovableDisk {
-    qorString device;      // "/dev/sdb1"; on Windows "E:"
-    qorString mount_point; // the folder that shows its content; empty if it is not mounted
-    qorString file_system; // "vfat", "NTFS"; on Linux only of a mounted volume
-    qorString label;       // the name that the user gave it
-    qorString model;       // maker and model of the disk; on Linux only
-    uint64 size = 0;       // in bytes
-    bool is_read_only = false;
+    qorString device;          // "/dev/sdb1"; on Windows "E:"
+    qorString mount_point;     // the folder that shows its content; empty if it is not mounted
+    qorString file_system;     // "vfat", "NTFS"; on Linux only of a mounted volume
+    qorString label;           // the name that the user gave it
+    qorString model;           // maker and model of the disk; on Linux only
+    uint64 size = 0;           // in bytes
+    bool is_read_only = false; // the volume, or the way in which it is mounted
 };
 
 // A list of disks, ordered by device. The object is immutable; any thread may use it.
