@@ -70,7 +70,8 @@ class Operations(unittest.TestCase):
         for name in names("unwritten"):
             owner, _, member = name.rpartition("::")
             text = files.partition("class qorFile {")[2].partition("\n};")[0] if owner == "qorFile" else headers
-            self.assertIsNone(re.search(rf"\b{member}\(", text), f"{name} is declared: remove it from tests/glue/unwritten")
+            with self.subTest(name=name):  # one that is declared has to leave the list
+                self.assertIsNone(re.search(rf"\b{member}\(", text))
 
     def test_the_reserved_rows_are_unwritten(self):
         table = (pathlib.Path(options.include) / "qor/glue/slots.def").read_text()

@@ -31,8 +31,9 @@ class Driver:
 
     def ask(self, *words):
         """Returns the words of the answer behind "ok", or (number, text) of an error; None: the process has ended."""
+        line = " ".join(encode(str(word) if isinstance(word, int) else word) for word in words)
         try:
-            self.process.stdin.write(" ".join(encode(str(word) if isinstance(word, int) else word) for word in words) + "\n")
+            self.process.stdin.write(line + "\n")
             self.process.stdin.flush()
         except BrokenPipeError:
             return None
