@@ -117,6 +117,8 @@ TEST(rename, takes_the_place_of_a_file_only_if_asked) {
     EXPECT_FALSE(fs::exists(one));
     EXPECT_TRUE(qorRenameFile(two.c_str(), one.c_str())) << last_error();
     EXPECT_EQ(qor::test::read_file(one), "1");
+    EXPECT_FALSE(qorRenameFile(one.c_str(), one.c_str()));
+    EXPECT_TRUE(qorRenameFile(one.c_str(), one.c_str(), true)) << last_error();
     EXPECT_FALSE(qorRenameFile(two.c_str(), (folder / "three").c_str()));
     EXPECT_FALSE(fs::exists(folder / "three"));
 }

@@ -169,9 +169,9 @@ class Model(unittest.TestCase):
                     modified, accessed, changed = answer[8:11]
                     self.assertEqual(KINDS[int(kind)], self.kind(status.st_mode))
                     self.assertEqual(int(size), self.size(status))
-                    self.assertEqual(int(links), status.st_nlink)
                     if options.runner:
                         continue
+                    self.assertEqual(int(links), status.st_nlink)
                     self.assertEqual(int(modified), status.st_mtime_ns)
                     self.assertEqual(int(accessed), status.st_atime_ns)
                     self.assertEqual(int(changed), status.st_ctime_ns)

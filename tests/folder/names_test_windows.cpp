@@ -69,6 +69,11 @@ TEST(windows_names, read_only_files_and_folders_are_deleted) {
     EXPECT_FALSE(qorDirectoryExists((folder / "tree").c_str()));
 }
 
+TEST(windows_names, of_servers_and_devices_are_absolute) {
+    for (const char* const path : {"\\\\server\\share", "\\\\?\\C:\\a", "//server/share", "\\\\.\\COM1"})
+        EXPECT_TRUE(qorIsAbsolutePath(path)) << path;
+}
+
 TEST(windows_names, a_device_is_a_device) {
     const auto info = qorGetFileInfo("NUL");
     ASSERT_TRUE(info) << last_error();

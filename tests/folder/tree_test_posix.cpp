@@ -9,7 +9,9 @@
 #include <atomic>
 #include <fcntl.h>
 #include <filesystem>
+#include <set>
 #include <string>
+#include <string_view>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -139,6 +141,27 @@ TEST(posix_folders, names_that_are_no_utf_8_survive) {
         EXPECT_TRUE(qorRenameFile(path.c_str(), (path + "\xff").c_str())) << last_error();
         EXPECT_TRUE(qorDeleteDirectoryAndContents((path + "\xff").c_str())) << last_error();
     }
+    EXPECT_TRUE(fs::is_empty(folder.path()));
+}
+
+// The names of this folder take several of the kernel's blocks.
+TEST(posix_folders, large_ones_are_listed_and_deleted_whole) {
+    const qor::test::temp_folder folder;
+    constexpr int count = 5000;
+    const std::string begin = std::string(100, 'n') + ' ';
+    ASSERT_TRUE(qorCreateDirectory((folder / "tree").c_str()));
+    for (int i = 0; i < count; ++i)
+        folder.file("tree/" + begin + std::to_string(i), "");
+    zetSmartPointer<IQORFolderContents> contents;
+    ASSERT_TRUE(qorGetFolderContents((folder / "tree").c_str(), contents.Out())) << last_error();
+    std::set<std::string_view> names;
+    for (const qorFolderEntry& each : contents->Entries())
+        names.insert(each.Name());
+    EXPECT_EQ(names.size(), std::size_t{count});
+    EXPECT_EQ(contents->GetCount(), names.size());
+    for (int i = 0; i < count; ++i)
+        EXPECT_TRUE(names.contains(begin + std::to_string(i))) << i;
+    EXPECT_TRUE(qorDeleteDirectoryAndContents((folder / "tree").c_str())) << last_error();
     EXPECT_TRUE(fs::is_empty(folder.path()));
 }
 

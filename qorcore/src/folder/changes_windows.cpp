@@ -2,12 +2,19 @@
 
 #include "platform/wide_windows.h"
 
+#include <cwchar>
 #include <windows.h>
 
 namespace {
 
 // ERROR_DIRECTORY_NOT_SUPPORTED, which many headers do not have yet.
 constexpr int operation_on_folder = 336;
+
+bool exists(const std::wstring& path) noexcept { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+bool is_folder(const std::wstring& path) noexcept {
+    return exists(path) && (GetFileAttributesW(path.c_str()) & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
 
 int code_of(BOOL done) noexcept { return done ? 0 : static_cast<int>(GetLastError()); }
 
@@ -51,5 +58,11 @@ int qor::folder::rename(const char* from, const char* to, bool replace) noexcept
     std::wstring wide_from, wide_to;
     if (!platform::to_wide_path(from, wide_from) || !platform::to_wide_path(to, wide_to))
         return ERROR_INVALID_NAME;
+    if (!replace && wide_from == wide_to && exists(wide_to))
+        return ERROR_ALREADY_EXISTS; // the system would do nothing, successfully
+    // Some file systems let a folder and a file replace each other.
+    const bool is_other_name = _wcsicmp(wide_from.c_str(), wide_to.c_str()) != 0;
+    if (replace && is_other_name && exists(wide_to) && (is_folder(wide_from) || is_folder(wide_to)))
+        return ERROR_ALREADY_EXISTS;
     return code_of(MoveFileExW(wide_from.c_str(), wide_to.c_str(), replace ? MOVEFILE_REPLACE_EXISTING : 0));
 }

@@ -62,9 +62,8 @@ private:
         if (!qor::platform::to_wide_path(path, wide))
             return ERROR_INVALID_NAME;
         const HANDLE folder =
-            CreateFileW(wide.c_str(), DELETE | FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES,
-                        FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                        FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+            CreateFileW(wide.c_str(), FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                        nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
         if (folder == INVALID_HANDLE_VALUE)
             return last_error();
         qor::platform::file_status status;
@@ -103,24 +102,37 @@ private:
         return 0;
     }
 
-    // Deletes the current folder, which is empty unless others fill it, and goes up.
+    // Deletes the current folder, which is empty unless others fill it, and goes up. It has to be closed for that. What
+    // takes its place in that moment is no danger: of a folder only an empty one is deleted, of a link only itself.
     int leave(std::string& failed) {
-        level& here = m_levels.back();
-        failed = here.path;
-        // A folder with the attribute "read-only" cannot be deleted.
-        FILE_BASIC_INFO basic{};
-        basic.FileAttributes = FILE_ATTRIBUTE_NORMAL;
-        SetFileInformationByHandle(here.folder, FileBasicInfo, &basic, sizeof basic);
-        FILE_DISPOSITION_INFO disposition{TRUE};
-        if (!SetFileInformationByHandle(here.folder, FileDispositionInfo, &disposition, sizeof disposition)) {
-            const int code = last_error();
-            if (code != ERROR_DIR_NOT_EMPTY)
-                return code;
-            return ++here.passes > most_passes ? qor::folder::changes_meanwhile : delete_names(failed);
-        }
-        CloseHandle(here.folder);
+        failed = std::move(m_levels.back().path);
+        const int passes = m_levels.back().passes;
+        CloseHandle(m_levels.back().folder);
         m_levels.pop_back();
-        return 0;
+        const int code = remove_folder(failed);
+        if (code != ERROR_DIR_NOT_EMPTY)
+            return code;
+        if (passes == most_passes)
+            return qor::folder::changes_meanwhile;
+        const std::string path = failed;
+        const int entered = enter(path, failed);
+        if (entered == 0)
+            m_levels.back().passes = passes + 1;
+        return entered;
+    }
+
+    static int remove_folder(const std::string& path) {
+        std::wstring wide;
+        qor::platform::to_wide_path(path, wide);
+        if (RemoveDirectoryW(wide.c_str()))
+            return 0;
+        const int code = last_error();
+        if (code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND)
+            return 0; // others have deleted it
+        // The attribute "read-only" keeps a folder from being deleted, though not its contents.
+        const bool is_done = code == ERROR_ACCESS_DENIED && SetFileAttributesW(wide.c_str(), FILE_ATTRIBUTE_NORMAL) &&
+                             RemoveDirectoryW(wide.c_str());
+        return is_done ? 0 : code;
     }
 
     std::vector<level> m_levels;
