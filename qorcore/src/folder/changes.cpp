@@ -100,7 +100,7 @@ bool qor::glue::qorCreateDirectoryPath(const char* path, uint32 rights) noexcept
 }
 
 bool qor::glue::qorDeleteFile(const char* path) noexcept {
-    return is_done(folder::delete_file(path), qorError_cannot_delete, path);
+    return is_done(folder::delete_file(path), qorError_cannot_delete_file, path);
 }
 
 bool qor::glue::qorDeleteDirectoryAndContents(const char* path) noexcept {
@@ -115,7 +115,7 @@ bool qor::glue::qorDeleteDirectoryAndContents(const char* path) noexcept {
                    {failed.c_str()});
         return false;
     }
-    return is_done(code, qorError_cannot_delete, failed.c_str());
+    return is_done(code, qorError_cannot_delete_file, failed.c_str());
 }
 
 bool qor::glue::qorRenameFile(const char* from, const char* to, bool replace) noexcept {
