@@ -139,12 +139,10 @@ private:
         if (code == 0)
             return qor::folder::is_mount_point;
         const int folder = here.folder.descriptor;
-        if (code == ENOENT)
-            code = 0; // others have deleted it
-        else if (code == ENOTDIR || code == ELOOP)
+        if (code == ENOTDIR || code == ELOOP)
             code = unlink_in(folder, next.name.c_str(), 0); // it is a file or a link by now
-        else if (code == EACCES && unlink_in(folder, next.name.c_str(), AT_REMOVEDIR) == 0)
-            code = 0; // it may not be read, but is empty
+        else if (code == ENOENT || (code == EACCES && unlink_in(folder, next.name.c_str(), AT_REMOVEDIR) == 0))
+            code = 0; // others have deleted it, or it may not be read, but was empty
         if (code == 0) {
             m_failed.clear();
             forget_last(here);
