@@ -32,7 +32,8 @@ bool is_done(int code, const char* path) noexcept {
     return code == 0;
 }
 
-// Whether a path leads to something, which is a folder or is none. Sets the last error if the system does not tell.
+// Whether a path leads to something, which is a folder or, with `folder` false, something else. Sets the last error if
+// the system does not tell.
 bool leads_to(const char* path, bool folder) noexcept {
     qorFileInfo info;
     const int code = qor::platform::file_info(path, true, info);

@@ -137,7 +137,7 @@ inline bool qorDeleteDirectoryAndContents(const char* path) noexcept {
 }
 
 // Gives a file, folder or link another name, in one step: others see either the old name or the new one. With `replace`
-// false, fails if `to` exists. With `replace` true, `to` may be a file, if `from` is none of folders; on Linux also an
+// false, fails if `to` exists. With `replace` true, `to` may be a file if `from` is not a folder; on Linux also an
 // empty folder, if `from` is a folder. Fails if the two paths are on different file systems.
 inline bool qorRenameFile(const char* from, const char* to, bool replace = false) noexcept {
     return qor::glue::qorRenameFile(from, to, replace);
