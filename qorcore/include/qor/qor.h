@@ -34,6 +34,7 @@
 #include "qor/system/Network.h"
 #include "qor/system/Password.h"
 #include "qor/system/Process.h"
+#include "qor/system/RemovableDisk.h"
 #include "qor/system/SerialPort.h"
 #include "qor/system/Simd.h"
 #include "qor/system/Stream.h"

@@ -1,8 +1,9 @@
 #include "platform/file_status_posix.h"
 
+#include "platform/uninterrupted_posix.h"
+
 #include <cerrno>
 #include <limits>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 namespace {
@@ -10,8 +11,9 @@ namespace {
 constexpr int64 ticks_per_second = 10'000'000;
 constexpr int64 seconds_from_1601_to_1970 = 11'644'473'600;
 
-// Returns a clock: times that no clock has become the nearest one.
-uint64 clock_of(const statx_timestamp& time, uint8& rest) noexcept {
+} // namespace
+
+uint64 qor::platform::clock_of(const statx_timestamp& time, uint8& rest) noexcept {
     constexpr int64 last_second =
         static_cast<int64>(std::numeric_limits<uint64>::max() / ticks_per_second) - seconds_from_1601_to_1970 - 1;
     rest = 0;
@@ -23,7 +25,7 @@ uint64 clock_of(const statx_timestamp& time, uint8& rest) noexcept {
     return static_cast<uint64>(time.tv_sec + seconds_from_1601_to_1970) * ticks_per_second + time.tv_nsec / 100;
 }
 
-qorFileKind kind_of(unsigned mode) noexcept {
+qorFileKind qor::platform::kind_of(unsigned mode) noexcept {
     switch (mode & S_IFMT) {
     case S_IFREG:
         return qorFileKind::file;
@@ -44,20 +46,18 @@ qorFileKind kind_of(unsigned mode) noexcept {
     }
 }
 
-} // namespace
+bool qor::platform::has_size(qorFileKind kind) noexcept {
+    return kind == qorFileKind::file || kind == qorFileKind::link;
+}
 
 int qor::platform::get_status(int folder, const char* path, int flags, file_status& out) noexcept {
     struct statx status;
-    int result;
-    do
-        result = statx(folder, path, flags, STATX_BASIC_STATS | STATX_BTIME, &status);
-    while (result != 0 && errno == EINTR);
-    if (result != 0)
+    if (uninterrupted([&] { return statx(folder, path, flags, STATX_BASIC_STATS | STATX_BTIME, &status); }) != 0)
         return errno;
     out = {};
     out.info.kind = kind_of(status.stx_mode);
     out.info.rights = status.stx_mode & 07777u;
-    out.info.size = status.stx_size;
+    out.info.size = has_size(out.info.kind) ? status.stx_size : 0;
     out.info.modified = clock_of(status.stx_mtime, out.modified_rest);
     out.info.accessed = clock_of(status.stx_atime, out.accessed_rest);
     if ((status.stx_mask & STATX_BTIME) != 0)

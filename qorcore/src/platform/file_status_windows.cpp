@@ -35,7 +35,7 @@ int qor::platform::get_status(HANDLE file, file_status& out) noexcept {
     out = {};
     out.info.kind = kind_of(basic.FileAttributes, tag.ReparseTag);
     out.info.rights = rights_of(basic.FileAttributes);
-    out.info.size = static_cast<uint64>(standard.EndOfFile.QuadPart);
+    out.info.size = out.info.kind != qorFileKind::folder ? static_cast<uint64>(standard.EndOfFile.QuadPart) : 0;
     out.info.modified = clock_of(basic.LastWriteTime);
     out.info.accessed = clock_of(basic.LastAccessTime);
     out.info.created = clock_of(basic.CreationTime);

@@ -80,7 +80,7 @@ int qor::platform::replacement::begin(const char* path, bool is_private) {
     glue::own_rights rights;
     if (is_private && rights.get() == nullptr)
         return last_error();
-    m_target = from_wide(target);
+    m_target = name_from_wide(target);
     HANDLE file = INVALID_HANDLE_VALUE;
     int reason = ERROR_FILE_EXISTS;
     for (int attempt = 0; reason == ERROR_FILE_EXISTS && attempt < most_writers; ++attempt) {
@@ -94,7 +94,7 @@ int qor::platform::replacement::begin(const char* path, bool is_private) {
             if (reason == ERROR_ACCESS_DENIED && GetFileAttributesW(name.c_str()) != INVALID_FILE_ATTRIBUTES)
                 reason = ERROR_FILE_EXISTS;
         }
-        m_name = from_wide(name);
+        m_name = name_from_wide(name);
     }
     if (reason != 0) {
         m_name.clear();
