@@ -161,6 +161,64 @@ class Faults(unittest.TestCase):
             changer.join()
         self.assertEqual(seen, {0, CANNOT_OPEN, NO_DISK_FILE})
 
+    def test_a_file_that_vanishes_between_two_calls(self):
+        driver = self.driver()
+        self.file.write_bytes(b"0123456789")
+        driver.run("open", 0, self.file, BOTH)
+        self.file.unlink()
+        self.assertEqual(driver.bytes("read-at", 0, 3, 4), b"3456")
+        driver.run("write-at", 0, 10, b"more")
+        self.assertEqual(driver.number("size", 0), 14)
+        self.assertEqual(driver.run("info", 0)[2], "14")
+        driver.run("flush", 0, TO_DISK)
+        self.check_fails(CANNOT_OPEN, f"Cannot open '{self.file}': No such file or directory.",
+                         driver.run, "open", 1, self.file, 21)
+        driver.run("replace", self.file, b"new", 0)
+        self.assertEqual(driver.bytes("read-at", 0, 0, 14), b"0123456789more")
+        self.assertEqual(self.file.read_bytes(), b"new")
+
+    def test_a_file_that_grows_and_shrinks_between_two_calls(self):
+        driver = self.driver()
+        self.file.write_bytes(b"0123456789")
+        driver.run("open", 0, self.file, 21)
+        self.assertEqual(driver.bytes("read", 0, 100), b"0123456789")
+        self.assertEqual(driver.bytes("read", 0, 100), b"")
+        with open(self.file, "ab") as file:
+            file.write(b"more")
+        self.assertEqual(driver.bytes("read", 0, 100), b"more")
+        os.truncate(self.file, 5)
+        self.assertEqual(driver.number("size", 0), 5)
+        self.assertEqual(driver.bytes("read", 0, 100), b"")
+        self.assertEqual(driver.number("tell", 0), 14)
+        self.check_fails(FILE_ENDS, f"Cannot read '{self.file}': it ends unexpectedly at byte 5.",
+                         driver.run, "read-at", 0, 3, 4)
+
+    def test_a_file_that_is_replaced_by_a_pipe_or_a_link_between_two_calls(self):
+        driver = self.driver()
+        other = self.folder / "other"
+        other.write_bytes(b"other")
+        for make, error in (os.mkfifo, NO_DISK_FILE), (lambda path: path.symlink_to(path), CANNOT_OPEN), \
+                           (lambda path: path.symlink_to("other"), None):
+            self.file.write_bytes(b"old")
+            driver.run("open", 0, self.file, BOTH | SHARED)
+            self.file.unlink()
+            make(self.file)
+            driver.run("write", 0, b"OLD")
+            self.assertEqual(driver.bytes("read-at", 0, 0, 3), b"OLD")
+            if error is None:
+                driver.run("open", 1, self.file, 21)
+                driver.run("close", 1)
+            else:
+                with self.assertRaises(Failed) as failed:
+                    driver.run("open", 1, self.file, 21)
+                self.assertEqual(failed.exception.number, error)
+            with self.assertRaises(Failed) as failed:
+                driver.run("delete", 0)
+            self.assertEqual(failed.exception.number, FILE_WAS_REPLACED)
+            self.assertTrue(os.path.lexists(self.file))
+            self.file.unlink()
+        self.assertEqual(other.read_bytes(), b"other")
+
     # ---- sharing
 
     def test_sharing(self):

@@ -219,6 +219,9 @@ class Model(unittest.TestCase):
             self.assertEqual(text, f"Cannot use '{self.folder / 'missing'}' as the folder for temporary files: "
                                    "No such file or directory.")
 
+    def test_the_removable_disks_are_a_list(self):
+        self.assertFalse(failed(self.driver.ask("disks")))
+
     def test_a_full_and_a_read_only_file_system(self):
         """In a name space of its own, where a file system of two pages and a read-only one can be mounted."""
         if options.runner or subprocess.run(["unshare", "-rm", "true"], stderr=subprocess.DEVNULL).returncode != 0:

@@ -279,6 +279,35 @@ TEST(posix_folders, exchanged_for_links_they_are_not_left) {
         EXPECT_TRUE(fs::exists(each)) << each;
 }
 
+// Another thread exchanges a folder of the tree for a pipe. Opening one could wait; nothing does, and it is deleted.
+TEST(posix_folders, exchanged_for_pipes_they_are_deleted_without_a_wait) {
+    const qor::test::temp_folder folder;
+    const std::string tree = folder / "tree", inner = tree + "/inner", pipe = folder / "pipe";
+    std::atomic<bool> is_over{false};
+    std::atomic<int> exchanges{0};
+    std::thread other([&] {
+        while (!is_over) {
+            mkdir(tree.c_str(), 0700);
+            mkdir(inner.c_str(), 0700);
+            mkfifo(pipe.c_str(), 0600);
+            if (renameat2(AT_FDCWD, inner.c_str(), AT_FDCWD, pipe.c_str(), RENAME_EXCHANGE) == 0) {
+                ++exchanges;
+                rmdir(pipe.c_str());
+            }
+        }
+    });
+    constexpr int enough = 2000;
+    for (int i = 0; i < 1'000'000 && exchanges < enough; ++i) {
+        (void)qorDeleteDirectoryAndContents(tree.c_str()); // may fail, because the other fills the tree
+        zetSmartPointer<IQORFolderContents> contents;
+        (void)qorGetFolderContents(inner.c_str(), contents.Out()); // the same
+    }
+    is_over = true;
+    other.join();
+    EXPECT_GE(exchanges, enough);
+    EXPECT_TRUE(!fs::exists(tree) || qorDeleteDirectoryAndContents(tree.c_str())) << last_error();
+}
+
 TEST(posix_folders, that_may_not_be_read_or_searched) {
     const qor::test::temp_folder folder;
     const usual_rights here(folder.path());

@@ -10,6 +10,7 @@ import argparse
 import errno
 import os
 import random
+import struct
 import sys
 import tempfile
 import unittest
@@ -23,11 +24,15 @@ options = None
 
 BOTH = READING | WRITING
 OLD, NEW_TEXT = b"old content " * 1000, b"new content " * 40_000
+# The entries: a class, the rights, and a number. The owner and user 1 may read and write, others nothing.
+ACCESS_LIST = struct.pack("<I", 2) + b"".join(
+    struct.pack("<HHI", *entry)
+    for entry in [(1, 6, 0xffffffff), (2, 6, 1), (4, 0, 0xffffffff), (16, 6, 0xffffffff), (32, 0, 0xffffffff)])
 UNREASONED = (FILE_IN_USE, FILE_WAS_REPLACED)  # errors that need no reason of the system
 
-# The operations of each run, with the paths "file" and "other" in the place of the words FILE and OTHER. Before each,
-# "file" holds OLD.
-FILE, OTHER = object(), object()
+# The operations of each run, with paths in the place of the words FILE, OTHER and SPARSE. Before each, "file" holds
+# OLD and has an access control list, "other" holds NEW_TEXT, and "sparse" a text between two holes.
+FILE, OTHER, SPARSE = object(), object(), object()
 RUNS = {
     "open": [("open", 0, FILE, 21), ("size", 0), ("close", 0)],
     "read": [("open", 0, FILE, 21), ("read", 0, 5000), ("read-exact", 0, 5000), ("read", 0, 5000), ("read", 0, 2),
@@ -38,12 +43,14 @@ RUNS = {
     "append": [("open", 0, FILE, WRITING | APPEND), ("write", 0, NEW_TEXT), ("tell", 0), ("close", 0)],
     "delete": [("open", 0, OTHER, BOTH | NEW), ("delete", 0)],
     "replace": [("replace", FILE, NEW_TEXT, 0), ("get", FILE, 0)],
+    "replace a file without a list": [("close", 0), ("replace", OTHER, OLD, 0), ("get", OTHER, 0)],
     "private": [("replace", FILE, NEW_TEXT, 1), ("get", FILE, 0)],
     "source": [("get", FILE, 0), ("get", FILE, 100), ("get", FILE, 40_000)],
     "target": [("put", OTHER, 0, NEW_TEXT, 1000, 1), ("put", OTHER, APPEND, NEW_TEXT, 100_000, 1)],
     "target that replaces": [("put", FILE, REPLACE, NEW_TEXT, 1000, 1)],
     "copy": [("copy", FILE, OTHER, 0, TO_THE_END), ("get", OTHER, 0)],
     "copy that replaces": [("copy", OTHER, FILE, REPLACE, TO_THE_END)],
+    "copy with holes": [("copy", SPARSE, OTHER, 0, TO_THE_END), ("get", OTHER, 0)],
 }
 
 # Calls and what they fail with. "short": the call does half of what it was asked for.
@@ -54,14 +61,21 @@ CALLS = {
     "write": [errno.ENOSPC, errno.EIO, errno.EINTR, "short"],
     "pwrite": [errno.ENOSPC, errno.EIO, errno.EINTR, "short"],
     "copy_file_range": [errno.EXDEV, errno.EIO, errno.ENOSPC, errno.EINTR, "short"],
-    "fsync": [errno.EIO, errno.EINTR],
-    "ftruncate": [errno.EIO, errno.EINTR],
+    "fsync": [errno.EIO, errno.ENOSPC, errno.EINTR],
+    "ftruncate": [errno.EIO, errno.ENOSPC, errno.EINTR],
     "fstat": [errno.EIO],
     "flock": [errno.EWOULDBLOCK, errno.ENOLCK, errno.EINTR],
     "close": [errno.EIO],
     "statx": [errno.EIO, errno.ESTALE, errno.EINTR],
-    "linkat": [errno.EIO, errno.EINTR],
+    "linkat": [errno.EIO, errno.ENOSPC, errno.EINTR],
     "renameat": [errno.EIO, errno.ESTALE, errno.EINTR],
+    "lseek": [errno.EIO],
+    "fchown": [errno.EPERM, errno.EINTR],
+    "fchmod": [errno.EIO, errno.EINTR],
+    "llistxattr": [errno.EIO, errno.ESTALE, errno.EINTR],
+    "lgetxattr": [errno.EIO, errno.ESTALE, errno.EINTR],
+    "fsetxattr": [errno.EIO, errno.ENOSPC, errno.EPERM, errno.EINTR],
+    "fremovexattr": [errno.EIO, errno.EINTR],
 }
 UNNOTICED = (errno.EINTR, "short")
 
@@ -72,6 +86,7 @@ class Files(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = Path(folder.name)
         self.file, self.other = self.folder / "file", self.folder / "other"
+        self.sparse = self.folder / "sparse"
         self.report = self.folder / "report"
 
     def play(self, run, environment):
@@ -80,13 +95,19 @@ class Files(unittest.TestCase):
             if path.name != "libraries":
                 path.unlink()
         self.file.write_bytes(OLD)
+        os.setxattr(self.file, "system.posix_acl_access", ACCESS_LIST)
+        with open(self.sparse, "wb") as sparse:
+            sparse.seek(1 << 20)
+            sparse.write(b"text")
+            sparse.truncate(1 << 21)
         self.other.write_bytes(NEW_TEXT)
         if run == RUNS["delete"]:
             self.other.unlink()
         answers = []
         with Driver([options.driver], environment=environment) as driver:
             for operation in run:
-                words = [self.file if word is FILE else self.other if word is OTHER else word for word in operation]
+                paths = {FILE: self.file, OTHER: self.other, SPARSE: self.sparse}
+                words = [paths.get(word, word) for word in operation]
                 try:
                     answer = driver.run(*words)
                     # The times of a file differ from run to run.
@@ -117,8 +138,11 @@ class Files(unittest.TestCase):
             self.assertIn(self.file.read_bytes(), (OLD, NEW_TEXT))
             if not failures:
                 self.assertEqual(self.file.read_bytes(), NEW_TEXT)
+            # Whatever could not be kept, nobody else has more rights.
+            if name != "private":
+                self.assertEqual(os.getxattr(self.file, "system.posix_acl_access"), ACCESS_LIST)
         # Nothing unfinished is left.
-        self.assertLessEqual({path.name for path in self.folder.iterdir()}, {"file", "other", "report", "libraries"})
+        self.assertLessEqual({path.name for path in self.folder.iterdir()}, {"file", "other", "sparse", "report", "libraries"})
 
     def test_each_call_fails_in_turn(self):
         libraries = self.folder / "libraries"

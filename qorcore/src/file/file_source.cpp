@@ -62,23 +62,20 @@ public:
 
     bool CopyTo(IQORDataSink* target, uint64 limit, uint64* copied) noexcept override {
         *copied = 0;
-        if (!is_usable("IQORFileSource::CopyTo"))
+        if (!is_usable("IQORFileSource::CopyTo") || !pass_on(target, limit, copied))
             return false;
-        if (!pass_on(target, limit, copied))
-            return false;
-        if (auto* const own = qor::file::file_target::from(target)) {
-            const uint64 count = own->copy_from(m_file, limit - *copied);
-            m_position += count;
-            *copied += count;
-            own->Release();
+        qor::file::file_target* const own = qor::file::file_target::from(target);
+        if (own == nullptr)
+            return copy_blocks(target, limit, true, copied);
+        bool done = true;
+        while (done && *copied < limit) {
+            const uint64 before = *copied;
+            done = copy_run(own, limit, copied);
+            if (*copied == before)
+                break; // the end of the file
         }
-        while (*copied < limit) {
-            if (!load() || m_next == m_end)
-                return m_failed == 0;
-            if (!pass_on(target, limit, copied))
-                return false;
-        }
-        return true;
+        own->Release();
+        return done;
     }
 
     uint64 GetPosition() noexcept override { return m_position; }
@@ -101,11 +98,11 @@ private:
     }
 
     // Fills the empty block by one read. It stays empty at the end of the file.
-    bool load() {
+    bool load(std::size_t most = block_size) {
         if (m_block == nullptr)
             m_block = static_cast<char*>(qor::memory::require(block_size, source, __LINE__));
         m_next = m_end = 0;
-        const int reason = m_file.read(m_block, block_size, &m_end);
+        const int reason = m_file.read(m_block, most, &m_end);
         return reason == 0 || fail(reason);
     }
 
@@ -127,6 +124,36 @@ private:
             return false;
         *copied += size;
         return true;
+    }
+
+    // Copies blocks to the target until `end` bytes are copied or the file ends. If it may not read ahead, it reads no
+    // byte behind that end.
+    bool copy_blocks(IQORDataSink* target, uint64 end, bool reads_ahead, uint64* copied) {
+        while (*copied < end) {
+            const uint64 most = reads_ahead ? block_size : std::min<uint64>(end - *copied, block_size);
+            if (!load(static_cast<std::size_t>(most)) || m_next == m_end)
+                return m_failed == 0;
+            if (!pass_on(target, end, copied))
+                return false;
+        }
+        return true;
+    }
+
+    // Copies the next hole, or the bytes up to the next hole: inside the system as far as it does that.
+    bool copy_run(qor::file::file_target* target, uint64 limit, uint64* copied) {
+        qor::platform::raw_file::run run;
+        if (const int reason = m_file.next_run(limit - *copied, run))
+            return fail(reason);
+        const uint64 end = *copied + run.length;
+        const int reason = run.is_hole ? target->skip_hole(m_file, run.length) : int{qor::platform::raw_file::no_hole};
+        uint64 count = run.length;
+        if (reason == qor::platform::raw_file::no_hole)
+            count = target->copy_from(m_file, run.length);
+        else if (reason != 0)
+            return false;
+        m_position += count;
+        *copied += count;
+        return copy_blocks(target, end, end == limit, copied);
     }
 
     bool read_up_to(const char* operation, void* bytes, uint64 size, uint64* count) {

@@ -106,6 +106,17 @@ bool qor::file::file_target::Close() noexcept {
     return reason == 0 || fail(reason);
 }
 
+int qor::file::file_target::skip_hole(platform::raw_file& from, uint64 size) noexcept {
+    if (m_to == nullptr || m_failed != 0 || !write_out())
+        return platform::raw_file::no_hole;
+    const int reason = m_to->skip_hole(from, size);
+    if (reason == 0)
+        m_position += size;
+    else if (reason != platform::raw_file::no_hole)
+        fail(reason);
+    return reason;
+}
+
 uint64 qor::file::file_target::copy_from(platform::raw_file& from, uint64 limit) noexcept {
     if (m_to == nullptr || m_failed != 0 || !write_out())
         return 0;

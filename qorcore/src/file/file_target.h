@@ -25,6 +25,9 @@ public:
     bool Close() noexcept override;
     uint64 GetPosition() noexcept override { return m_position; }
 
+    // Does what raw_file::skip_hole() does; another result than 0 and `no_hole` is the target's failure.
+    int skip_hole(platform::raw_file& from, uint64 size) noexcept;
+
     // Copies up to `limit` bytes from the position of a file, inside the system, and returns their number. The caller
     // copies the rest.
     uint64 copy_from(platform::raw_file& from, uint64 limit) noexcept;

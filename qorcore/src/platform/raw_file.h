@@ -82,6 +82,21 @@ public:
     // Removes the name `path` of this open file.
     int remove(const char* path) noexcept;
 
+    // What follows a position: bytes, or a hole, which reads as zeros and takes no room on the disk.
+    struct run {
+        std::uint64_t length = 0;
+        bool is_hole = false;
+    };
+
+    // Finds out what follows the position, up to `limit` bytes. Where the system does not tell, it is bytes, of which
+    // there may be fewer.
+    int next_run(std::uint64_t limit, run& out) noexcept;
+
+    // Makes a hole of `size` bytes here as there is one at the position of `from`, and moves both positions behind it.
+    // Only at the end of this file; elsewhere it returns `no_hole`, changes nothing, and the caller writes zeros.
+    int skip_hole(raw_file& from, std::uint64_t size) noexcept;
+    static const int no_hole;
+
     // Copies up to `limit` bytes from the position of `from` to the position of this file, inside the system, and
     // returns their number. If it is less, the system goes no further: the caller reads and writes the rest, if there
     // is any, and so meets the reason.

@@ -136,6 +136,7 @@ const int qor::platform::raw_file::not_regular = ESPIPE;
 const int qor::platform::raw_file::is_taken = EEXIST;
 const int qor::platform::raw_file::in_use = EWOULDBLOCK;
 const int qor::platform::raw_file::was_replaced = -1;
+const int qor::platform::raw_file::no_hole = -1;
 
 bool qor::platform::raw_file::is_missing(int reason) noexcept { return reason == ENOENT || reason == ENOTDIR; }
 
@@ -291,6 +292,53 @@ int qor::platform::raw_file::remove(const char* path) noexcept {
     if (!is_identity(status, m_identity))
         return was_replaced;
     return unlink(path) == 0 ? 0 : errno;
+}
+
+// A file that takes as much room as it has bytes is not worth the search. Searching moves the position.
+int qor::platform::raw_file::next_run(std::uint64_t limit, run& out) noexcept {
+    const int file = descriptor_of(m_handle);
+    out = {limit, false};
+    struct stat status;
+    if (fstat(file, &status) != 0)
+        return errno;
+    const off_t here =
+        S_ISREG(status.st_mode) && status.st_blocks < status.st_size / 512 ? lseek(file, 0, SEEK_CUR) : -1;
+    if (here < 0 || here >= status.st_size)
+        return 0;
+    off_t end = lseek(file, here, SEEK_DATA);
+    const bool is_hole = end > here || (end < 0 && errno == ENXIO);
+    if (end < 0 && is_hole)
+        end = status.st_size;
+    else if (end == here)
+        end = lseek(file, here, SEEK_HOLE);
+    if (lseek(file, here, SEEK_SET) != here)
+        return errno;
+    if (end > here)
+        out = {std::min(limit, static_cast<std::uint64_t>(end - here)), is_hole};
+    return 0;
+}
+
+int qor::platform::raw_file::skip_hole(raw_file& from, std::uint64_t size) noexcept {
+    const int file = descriptor_of(m_handle);
+    struct stat status;
+    const off_t here = lseek(file, 0, SEEK_CUR);
+    const int flags = fcntl(file, F_GETFL);
+    if (here < 0 || flags < 0 || (flags & O_APPEND) != 0 || fstat(file, &status) != 0 || !S_ISREG(status.st_mode) ||
+        here != status.st_size)
+        return no_hole;
+    const std::uint64_t end = static_cast<std::uint64_t>(here) + size;
+    const int reason = set_size(end);
+    if (reason == 0 && lseek(file, static_cast<off_t>(size), SEEK_CUR) >= 0) {
+        if (lseek(descriptor_of(from.m_handle), static_cast<off_t>(size), SEEK_CUR) >= 0)
+            return 0;
+        if (lseek(file, here, SEEK_SET) != here)
+            return errno;
+    }
+    // Zeros would not fit, either, but it could take days to find that out.
+    if (reason == EFBIG)
+        return reason;
+    cut(static_cast<std::uint64_t>(here));
+    return no_hole;
 }
 
 // The first call may find that the system cannot copy between these two; some kernels also claim that a file of theirs

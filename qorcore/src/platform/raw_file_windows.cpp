@@ -81,6 +81,7 @@ const int qor::platform::raw_file::not_regular = ERROR_SEEK_ON_DEVICE;
 const int qor::platform::raw_file::is_taken = ERROR_FILE_EXISTS;
 const int qor::platform::raw_file::in_use = ERROR_SHARING_VIOLATION;
 const int qor::platform::raw_file::was_replaced = -1;
+const int qor::platform::raw_file::no_hole = -1;
 
 bool qor::platform::raw_file::is_missing(int reason) noexcept {
     return reason == ERROR_FILE_NOT_FOUND || reason == ERROR_PATH_NOT_FOUND;
@@ -241,6 +242,14 @@ int qor::platform::raw_file::remove(const char* path) noexcept {
     CloseHandle(there);
     return reason;
 }
+
+// Only a file that a program has marked as sparse can have holes here, and the system's own copies do not keep them.
+int qor::platform::raw_file::next_run(std::uint64_t limit, run& out) noexcept {
+    out = {limit, false};
+    return 0;
+}
+
+int qor::platform::raw_file::skip_hole(raw_file&, std::uint64_t) noexcept { return no_hole; }
 
 // The system copies only whole files by their paths.
 std::uint64_t qor::platform::raw_file::copy_from(raw_file&, std::uint64_t) noexcept { return 0; }

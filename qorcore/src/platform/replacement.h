@@ -2,6 +2,7 @@
 // it is complete and on the disk.
 #pragma once
 
+#include "platform/file_attributes.h"
 #include "platform/raw_file.h"
 
 #include <string>
@@ -16,8 +17,10 @@ public:
     replacement& operator=(const replacement&) = delete;
     ~replacement() { drop(); }
 
-    // Prepares an empty file that is to take the place of the one at `path`. The new file has the rights of the old
-    // one, or those of a new file; if `is_private`, they are those of this user alone.
+    // Prepares an empty file that is to take the place of the one at `path`. If `is_private`, it is for this user
+    // alone. Otherwise it has, as far as the system permits, what does not belong to the content of the old file:
+    // rights, access control list, owner and group, attributes. If there is no old file, it has what the system gives
+    // to new ones.
     int begin(const char* path, bool is_private);
 
     // What the new file holds is written to it. Valid between begin() and commit() or drop().
@@ -34,13 +37,10 @@ private:
     raw_file m_file;
     std::string m_target; // the file's name; on Windows its path
     std::string m_name;   // that of the new file, likewise; empty: it has none yet
-    // POSIX only: the folder; the rights that the new file gets, and its owner and group.
-    int m_folder = -1;
-    unsigned m_rights = 0;
-    unsigned m_owner = 0;
-    unsigned m_group = 0;
-    bool m_keeps_owner = false;
-    bool m_sets_rights = false;
+    file_attributes m_kept;
+    bool m_keeps = false; // whether the new file gets m_kept
+    bool m_is_private = false;
+    int m_folder = -1; // POSIX only
 };
 
 } // namespace qor::platform

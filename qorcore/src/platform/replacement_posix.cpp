@@ -21,6 +21,8 @@ using qor::platform::uninterrupted;
 
 constexpr int most_writers = 100; // of one file at once
 
+constexpr mode_t own_rights = S_IRUSR | S_IWUSR;
+
 int descriptor_of(const qor::platform::raw_file& file) noexcept { return static_cast<int>(file.handle()); }
 
 // Resolves links, so that the target of a link is replaced and not the link.
@@ -120,16 +122,16 @@ int qor::platform::replacement::begin(const char* path, bool is_private) {
     if (exists)
         if (const int reason = glue::reason_against(status))
             return reason;
-    m_sets_rights = is_private || exists;
-    m_keeps_owner = exists && !is_private;
-    m_rights = is_private ? S_IRUSR | S_IWUSR : exists ? status.st_mode & 07777 : 0;
-    m_owner = m_keeps_owner ? status.st_uid : 0;
-    m_group = m_keeps_owner ? status.st_gid : 0;
+    m_is_private = is_private;
+    m_keeps = exists && !is_private;
+    if (m_keeps)
+        if (const int reason = m_kept.read(real.c_str()))
+            return reason;
 
     m_folder = uninterrupted([&] { return ::open(around.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
     if (m_folder < 0)
         return errno;
-    const mode_t rights = m_sets_rights ? S_IRUSR | S_IWUSR : 0666;
+    const mode_t rights = m_keeps || m_is_private ? own_rights : 0666;
     int file = open_nameless(m_folder, rights);
     if (file < 0) {
         const int reason = with_free_name(m_folder, m_target, m_name, [this, &file, rights](const char* name) {
@@ -154,11 +156,13 @@ int qor::platform::replacement::begin(const char* path, bool is_private) {
 
 int qor::platform::replacement::commit() {
     const int file = descriptor_of(m_file);
-    // Only a super-user may give files away; others keep at least the group, if they belong to it. A change of the
-    // owner removes rights, so it comes first.
-    if (m_keeps_owner && fchown(file, m_owner, m_group) != 0)
-        (void)!fchown(file, static_cast<uid_t>(-1), m_group);
-    int reason = m_sets_rights && uninterrupted([&] { return fchmod(file, m_rights); }) != 0 ? errno : m_file.sync();
+    int reason = 0;
+    if (m_keeps)
+        reason = m_kept.write(file);
+    else if (m_is_private && uninterrupted([file] { return fchmod(file, own_rights); }) != 0)
+        reason = errno;
+    if (reason == 0)
+        reason = m_file.sync();
     if (reason == 0 && m_name.empty())
         reason = link_nameless(file, m_folder, m_target, m_name);
     if (reason == 0 &&

@@ -4,7 +4,7 @@
 #include "platform/wide_windows.h"
 #include "qor/glue/own_rights_windows.h"
 
-#include <vector>
+#include <algorithm>
 #include <windows.h>
 
 namespace {
@@ -68,6 +68,15 @@ bool remove_leftover(const std::wstring& path) noexcept {
     return is_leftover;
 }
 
+// The name of the new file for the `attempt`th of several writers. It is one component, whatever the length of the
+// target's.
+std::wstring unfinished_name(const std::wstring& target, int attempt) {
+    constexpr std::size_t longest = 255;
+    const std::wstring end = (attempt != 0 ? L"." + std::to_wstring(attempt) : L"") + L".qor-unfinished";
+    const std::size_t begin = target.find_last_of(L"\\/:") + 1;
+    return target.substr(0, begin + std::min(target.size() - begin, longest - end.size())) + end;
+}
+
 } // namespace
 
 int qor::platform::replacement::begin(const char* path, bool is_private) {
@@ -81,14 +90,18 @@ int qor::platform::replacement::begin(const char* path, bool is_private) {
     if (is_private && rights.get() == nullptr)
         return last_error();
     m_target = name_from_wide(target);
+    m_keeps = !is_private && GetFileAttributesW(target.c_str()) != INVALID_FILE_ATTRIBUTES;
+    if (m_keeps)
+        if (const int reason = m_kept.read(m_target.c_str()))
+            return reason;
     HANDLE file = INVALID_HANDLE_VALUE;
     int reason = ERROR_FILE_EXISTS;
     for (int attempt = 0; reason == ERROR_FILE_EXISTS && attempt < most_writers; ++attempt) {
-        const std::wstring name = target + (attempt != 0 ? L"." + std::to_wstring(attempt) : L"") + L".qor-unfinished";
+        const std::wstring name = unfinished_name(target, attempt);
         for (int round = 0; reason == ERROR_FILE_EXISTS && (round == 0 || (round == 1 && remove_leftover(name)));
              ++round) {
-            file = CreateFileW(name.c_str(), GENERIC_WRITE, 0, is_private ? rights.get() : nullptr, CREATE_NEW,
-                               FILE_ATTRIBUTE_NORMAL, nullptr);
+            file = CreateFileW(name.c_str(), GENERIC_WRITE | WRITE_DAC, 0, is_private ? rights.get() : nullptr,
+                               CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
             reason = file != INVALID_HANDLE_VALUE ? 0 : last_error();
             // A file that is being deleted.
             if (reason == ERROR_ACCESS_DENIED && GetFileAttributesW(name.c_str()) != INVALID_FILE_ATTRIBUTES)
@@ -104,7 +117,9 @@ int qor::platform::replacement::begin(const char* path, bool is_private) {
 }
 
 int qor::platform::replacement::commit() {
-    int reason = m_file.sync();
+    int reason = m_keeps ? m_kept.write(m_file.handle()) : 0;
+    if (reason == 0)
+        reason = m_file.sync();
     const int late = m_file.close();
     if (reason == 0)
         reason = late;

@@ -38,6 +38,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace {
@@ -281,6 +282,14 @@ CALL(int, listen, (int file, int waiting), SYS_listen, file, waiting)
 CALL(int, fsync, (int file), SYS_fsync, file)
 CALL(int, flock, (int file, int operation), SYS_flock, file, operation)
 CALL(int, ftruncate, (int file, off_t size), SYS_ftruncate, file, size)
+CALL(int, fchown, (int file, uid_t owner, gid_t group), SYS_fchown, file, owner, group)
+CALL(int, fchmod, (int file, mode_t rights), SYS_fchmod, file, rights)
+CALL(ssize_t, llistxattr, (const char* path, char* names, std::size_t length), SYS_llistxattr, path, names, length)
+CALL(ssize_t, lgetxattr, (const char* path, const char* name, void* value, std::size_t length), SYS_lgetxattr, path,
+     name, value, length)
+CALL(int, fsetxattr, (int file, const char* name, const void* value, std::size_t length, int flags), SYS_fsetxattr,
+     file, name, value, length, flags)
+CALL(int, fremovexattr, (int file, const char* name), SYS_fremovexattr, file, name)
 CALL(pointer, mmap, (void* at, std::size_t size, int access, int flags, int file, off_t from), SYS_mmap, at, size,
      access, flags, file, from)
 

@@ -47,7 +47,7 @@ enum class qorFlushTo : uint32 {
 
 // Flags of qorReplaceFile, combined with `|`.
 enum qorReplaceFlags : uint32 {
-    qorReplaceUsual = 0,   // the new file has the rights of the old one, else those that the system gives to new files
+    qorReplaceUsual = 0,   // rights, access control list and attributes of the old file are kept; see docs/files.md
     qorReplacePrivate = 1, // only the user who runs this process has access
 };
 

@@ -1,4 +1,4 @@
-// What a file system knows about a file or a folder: kind, size, times, owner, rights and links.
+// What a file system knows about a file or a folder: kind, size, times, owner, rights, links. Any thread may ask.
 #pragma once
 
 #include "qor/glue/binding.h"

@@ -29,9 +29,9 @@ public:
     // end of the file. They are valid until the next call of any operation.
     [[nodiscard]] virtual bool ReadBlock(const void** bytes, uint64* size) noexcept = 0;
 
-    // Writes the next bytes to `target`, at most `limit`, and stops at the end of the file. *copied counts them. The
-    // system copies by itself where it can, if the target is a file of the framework. Returns false if a read or a
-    // write fails.
+    // Writes the next bytes to `target`, at most `limit`, and stops at the end of the file. *copied counts them. If the
+    // target is a file of the framework, the system copies by itself where it can, and holes stay holes
+    // (docs/streams.md). Returns false if a read or a write fails.
     [[nodiscard]] virtual bool CopyTo(IQORDataSink* target, uint64 limit, uint64* copied) noexcept = 0;
 
     // The number of bytes read so far.

@@ -3,7 +3,7 @@
 //
 // A path is UTF-8. On Linux any bytes are accepted and handed on as they are; on Windows a name that is not valid
 // UTF-16 has each single surrogate in its three-byte form, so every name survives a round trip. An error names the
-// operation, the path and the system's reason.
+// operation, the path and the system's reason. Any thread may call the operations.
 #pragma once
 
 #include "qor/system/FileInfo.h"

@@ -8,7 +8,7 @@
 
 // One volume of a removable disk: a partition, or the whole disk if it has none. Texts that are not known are empty.
 struct qorRemovableDisk {
-    qorString device;          // "/dev/sdb1"; on Windows "E:"
+    qorString device;          // "/dev/sdb1"; on Windows "E:", or the volume's name if it has no letter
     qorString mount_point;     // the folder that shows its content; empty if it is not mounted
     qorString file_system;     // "vfat", "NTFS"; on Linux only of a mounted volume
     qorString label;           // the name that the user gave it
@@ -32,7 +32,7 @@ protected:
 };
 
 // Lists the removable disks that are connected now and have a medium. Returns false and leaves *out unchanged on
-// failure (last error); a host without such disks is not an error.
+// failure (last error); a host without such disks is not an error. Any thread.
 [[nodiscard]] inline bool qorGetRemovableDiskList(IQORRemovableDiskList** out) noexcept {
     return qor::glue::qorGetRemovableDiskList(out);
 }
