@@ -18,6 +18,7 @@ needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/
     "libjemalloc2=/usr/lib/$HOSTTYPE-linux-gnu/libjemalloc.so.2"
     "libtcmalloc-minimal4=/usr/lib/$HOSTTYPE-linux-gnu/libtcmalloc_minimal.so.4"
     "libmimalloc2.0=/usr/lib/$HOSTTYPE-linux-gnu/libmimalloc.so.2"
+    "acl=getfacl" "attr=getfattr"
     "elfutils=eu-addr2line" "heaptrack=heaptrack" "git=git" "sqlite3=sqlite3")
 needs_fuzz=("clang-16=clang++-16" "libssl-dev=/usr/include/openssl/evp.h" "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer"
     "libclang-rt-16-dev=/usr/lib/llvm-16/lib/clang/16/lib/linux/libclang_rt.fuzzer-$HOSTTYPE.a")

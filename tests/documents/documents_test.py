@@ -5,7 +5,7 @@
 
 Links must lead to existing files and headings, paths must be those of files, and README and docs/command-line.md must
 list the actions and options that `help` lists. --worked-examples: runs the commands with which README finds a leak and
-compares their output, and compiles and runs the first program of docs/library.md.
+compares their output, and compiles and runs the first program of each page.
 """
 
 import argparse
@@ -141,18 +141,28 @@ class WorkedExamples(unittest.TestCase):
         source.write_text(mended)
         self.follow(blocks[2], ("0x", "0x"))
 
-    def test_the_first_program(self):
-        text = section(read("docs/library.md"), "## A first program")
-        (self.folder / "names.cpp").write_text(re.search(r"```cpp\n(.*?)```", text, re.S).group(1))
+    def test_the_first_program_of_each_page(self):
+        """Compiles the program under "A first program", and runs it by the commands that follow it."""
+        pages = {name: text for name, text in documents().items() if re.search("^## A first program$", text, re.M)}
+        self.assertGreaterEqual(len(pages), 3)
         (self.folder / "libqor.so").symlink_to(options.tool.parent / "libqor.so")
+        for name, text in pages.items():
+            with self.subTest(page=str(name)):
+                self.follow_program(section(text, "## A first program"))
+
+    def follow_program(self, text):
+        program = re.search(r"```cpp\n(.*?)```", text, re.S).group(1)
         block = re.search(r"(?:^    .*\n)+", text.split("```")[2], re.M).group()
         commands = re.sub(r"^    ", "", block, flags=re.M)
-        for place in ("build/release/bin/names", "names.cpp"):
-            commands = commands.replace(place, str(self.folder / pathlib.Path(place).name))
-        commands = commands.replace("$ g++ ", f"$ {options.compiler} ")
-        compiling, running = re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", commands, re.M)
-        self.assertEqual(self.run_in_shell(compiling[0]), compiling[1])
-        self.assertEqual(self.run_in_shell(running[0]), running[1])
+        source, built = re.search(r"(\w+\.cpp) -o (\S+)", commands).groups()
+        (self.folder / source).write_text(program)
+        commands = commands.replace("$ g++ ", f"$ {options.compiler} ").replace("/tmp/", f"{self.folder}/")
+        for place in (built, source):
+            commands = re.sub(rf"(?<= ){re.escape(place)}", str(self.folder / pathlib.Path(place).name), commands)
+        ran = re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", commands, re.M)
+        self.assertGreaterEqual(len(ran), 2)
+        for command, output in ran:
+            self.assertEqual(self.run_in_shell(command), output)
 
 
 def main():

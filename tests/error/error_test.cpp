@@ -104,6 +104,21 @@ TEST_F(error, inserts_are_copied) {
     EXPECT_EQ(last_text(), "Cannot open '" + before + "': Reason.");
 }
 
+TEST_F(error, inserts_can_be_had_by_themselves) {
+    qorSetLastError(qorError_cannot_open_file, "/a/path", "Reason");
+    qorString insert("before");
+    EXPECT_TRUE(qorGetLastErrorInsert(1, insert));
+    EXPECT_STREQ(insert, "/a/path");
+    EXPECT_TRUE(qorGetLastErrorInsert(2, insert));
+    EXPECT_STREQ(insert, "Reason");
+    for (const uint32 index : {0u, 3u, 10u, 11u, 0xffffffffu}) {
+        insert = "before";
+        EXPECT_FALSE(qorGetLastErrorInsert(index, insert)) << index;
+        EXPECT_STREQ(insert, "");
+    }
+    EXPECT_EQ(last_text(), "Cannot open '/a/path': Reason.");
+}
+
 TEST_F(error, inserts_not_given_are_empty) {
     qorSetLastError(qorError_cannot_open_file);
     EXPECT_EQ(last_text(), "Cannot open '': .");

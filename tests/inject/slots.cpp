@@ -166,6 +166,46 @@ void use_files() {
     std::printf("%u lines, the last %u long\n", count, line.Length());
     if (!reader->Open("/no/such/file/with/a/long/name", 0))
         fputerr(stdout, true);
+
+    qorFile made;
+    qorString path;
+    MUST(made.CreateUnique(".", "unique", nullptr, path));
+    MUST(made.Write(long_text) && made.Seek(2) && made.ReadExact(begin, 5) && made.CloseAndDelete());
+    say(begin);
+    qorOpenFile* handle = nullptr;
+    MUST(qorFileOpen("lines", qorFileReading | qorFileExisting | qorFileShared, &handle));
+    qorFileInfo info;
+    MUST(qorFileGetFileInfo(handle, info) && qorFileClose(handle));
+    std::printf("%llu\n", info.size);
+    MUST(qorReplaceFile("replaced", long_text));
+    qorFileSource from;
+    qorFileTarget to;
+    MUST(from.Open("replaced") && to.Open("copy", qorFileReplace));
+    MUST(from.CopyTo(to).has_value() && to.Write("end") && to.Close());
+    std::printf("%llu\n", to.GetPosition());
+}
+
+void use_folders() {
+    MUST(qorCreateDirectoryPath("folders/with/a/path/that/is/long/enough/to/need/a/block/of/its/own"));
+    MUST(qorRenameFile("folders/with", "folders/without"));
+    zetSmartPointer<IQORFolderContents> contents;
+    MUST(qorGetFolderContents("folders", contents.Out()));
+    for (const qorFolderEntry& each : contents->Entries())
+        say(each.text);
+    const auto info = qorGetFileInfoEx("folders");
+    MUST(info.has_value());
+    say(info->owner_name);
+    qorString path;
+    MUST(qorTranslatePath("${qor-library}/$${x}", path));
+    qorTempFolder folder;
+    MUST(folder.Create("prefix", "folders"));
+    zetSmartPointer<IQORRemovableDiskList> disks;
+    MUST(qorGetRemovableDiskList(disks.Out()));
+    std::printf("%u %d\n", disks->GetCount(), qorIsAbsolutePath(path));
+    MUST(folder.Delete());
+    MUST(qorDeleteDirectoryAndContents("folders"));
+    if (!qorDeleteFile("folders/no such file with a rather long name"))
+        fputerr(stdout, true);
 }
 
 void use_trace() {
@@ -253,10 +293,10 @@ struct script {
 };
 
 constexpr script scripts[] = {
-    {"memory", use_memory},     {"vector", use_vector}, {"string", use_string},   {"array", use_array},
-    {"messages", use_messages}, {"errors", use_errors}, {"files", use_files},     {"trace", use_trace},
-    {"process", use_process},   {"host", use_host},     {"network", use_network}, {"time", use_time},
-    {"digest", use_digest},
+    {"memory", use_memory},     {"vector", use_vector},   {"string", use_string},   {"array", use_array},
+    {"messages", use_messages}, {"errors", use_errors},   {"files", use_files},     {"trace", use_trace},
+    {"process", use_process},   {"host", use_host},       {"network", use_network}, {"time", use_time},
+    {"digest", use_digest},     {"folders", use_folders},
 };
 
 struct outcome {

@@ -113,22 +113,23 @@ TEST_F(private_files, whole_or_not_at_all) {
 
 // ---- killed during a change
 
-// Replaces the C library's functions: the system call after which a child of a test dies.
+// Replaces the C library's functions, for libqor too: the system call after which a child of a test dies.
 enum class step { none, sync, rename };
 step deadly = step::none;
 
 } // namespace
 
-extern "C" int fsync(int file) {
+extern "C" [[gnu::visibility("default")]] int fsync(int file) {
     if (deadly == step::sync)
         kill(getpid(), SIGKILL);
     return static_cast<int>(syscall(SYS_fsync, file));
 }
 
-extern "C" int rename(const char* from, const char* to) noexcept {
+extern "C" [[gnu::visibility("default")]] int renameat(int folder, const char* from, int other_folder,
+                                                       const char* to) noexcept {
     if (deadly == step::rename)
         kill(getpid(), SIGKILL);
-    return static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
+    return static_cast<int>(syscall(SYS_renameat2, folder, from, other_folder, to, 0));
 }
 
 namespace {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -76,3 +77,11 @@ void qor::glue::qorSetLastError(uint32 number, const char* const* inserts) noexc
 }
 
 void qor::glue::qorClearLastError() noexcept { own_state() = {}; }
+
+bool qor::glue::qorGetLastErrorInsert(uint32 index, qorString& out) noexcept {
+    const error::state& last = own_state();
+    const bool exists = index >= 1 && index <= error::state::max_inserts && !last.inserts[index - 1].empty();
+    const std::string_view text = exists ? std::string_view(last.inserts[index - 1]) : std::string_view();
+    qorString_Set(&out, text.data(), static_cast<uint32>(text.size()));
+    return exists;
+}

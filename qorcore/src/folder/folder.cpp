@@ -56,23 +56,6 @@ std::string own_path(qorFolderId id, const std::string& found) {
     return path;
 }
 
-std::string find(qorFolderId id) {
-    switch (id) {
-    case qorFolder_qor_executable: {
-        const std::string program = qor::platform::executable();
-        return own_path(id, program.substr(0, program.find_last_of(qor::string::path_separators) + 1));
-    }
-    case qorFolder_qor_library:
-        return own_path(id, qor::platform::library_folder());
-    case qorFolder_qor_catalogs: {
-        const std::string library = qor::platform::library_folder();
-        return own_path(id, library.empty() ? library : library + "qor");
-    }
-    default:
-        return qor::folder::system_path(id);
-    }
-}
-
 // Returns null and sets the last error if there is no such folder.
 const char* checked_tag(qorFolderId id) {
     const char* const tag = qor::folder::tag(id);
@@ -90,6 +73,23 @@ void qor::folder::fail(qorFolderId id, uint32 reason) {
     error::set(qorError_no_such_folder, {tag(id), text.c_str()});
 }
 
+std::string qor::folder::find(qorFolderId id) {
+    switch (id) {
+    case qorFolder_qor_executable: {
+        const std::string program = platform::executable();
+        return own_path(id, program.substr(0, program.find_last_of(string::path_separators) + 1));
+    }
+    case qorFolder_qor_library:
+        return own_path(id, platform::library_folder());
+    case qorFolder_qor_catalogs: {
+        const std::string library = platform::library_folder();
+        return own_path(id, library.empty() ? library : library + "qor");
+    }
+    default:
+        return system_path(id);
+    }
+}
+
 bool qor::glue::qorGetFolderTagForId(qorFolderId id, qorString& tag) noexcept {
     const char* const found = checked_tag(id);
     tag = found;
@@ -99,7 +99,7 @@ bool qor::glue::qorGetFolderTagForId(qorFolderId id, qorString& tag) noexcept {
 bool qor::glue::qorGetFolderPath(qorFolderId id, qorString& path) noexcept {
     std::string found;
     if (checked_tag(id) != nullptr)
-        found = find(id);
+        found = folder::find(id);
     path = found.c_str();
     return !found.empty();
 }

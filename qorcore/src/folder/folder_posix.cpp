@@ -101,7 +101,7 @@ std::string libraries() {
     return !path.empty() ? path.substr(0, path.rfind('/')) : "/usr/lib";
 }
 
-std::string find(qorFolderId id) {
+std::string path_of(qorFolderId id) {
     switch (id) {
     case qorFolder_home:
         return home();
@@ -165,7 +165,7 @@ std::string find(qorFolderId id) {
 } // namespace
 
 std::string qor::folder::system_path(qorFolderId id) {
-    std::string path = find(id);
+    std::string path = path_of(id);
     if (path.empty())
         fail(id, id == qorFolder_user_runtime ? framework::no_runtime_folder : framework::no_home_folder);
     return path;
@@ -179,3 +179,8 @@ std::string qor::folder::clean(std::string_view path) {
         cleaned.pop_back();
     return cleaned;
 }
+
+bool qor::folder::is_absolute(std::string_view path) noexcept { return path.starts_with('/'); }
+
+const int qor::folder::is_no_folder = ENOTDIR;
+constinit const std::string_view qor::folder::separators = "/";

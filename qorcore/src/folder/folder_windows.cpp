@@ -101,3 +101,12 @@ std::string qor::folder::clean(std::string_view path) {
         cleaned.pop_back();
     return cleaned;
 }
+
+// "\x" lies on the current drive, and "C:x" in the current folder of that drive.
+bool qor::folder::is_absolute(std::string_view path) noexcept {
+    const auto is_separator = [&](std::size_t at) { return path.size() > at && (path[at] == '\\' || path[at] == '/'); };
+    return is_separator(0) ? is_separator(1) : path.size() > 2 && path[1] == ':' && is_separator(2);
+}
+
+const int qor::folder::is_no_folder = ERROR_DIRECTORY;
+constinit const std::string_view qor::folder::separators = "\\/";

@@ -2,6 +2,8 @@
 // success; qor::error::system_reason converts them to text.
 #pragma once
 
+#include "platform/file_status.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -14,9 +16,26 @@ public:
     // never waits.
     enum class access { read, regular, truncate, append, create };
 
-    // Results of open(): `regular` found a pipe or a device; the file to `create` already exists.
+    // How a file on a disk is opened for a program that names it. Never waits.
+    struct terms {
+        bool reads = false;
+        bool writes = false;
+        bool creates = false;    // a missing file
+        bool is_new = false;     // an existing file is refused
+        bool is_shared = false;  // others may have the file open
+        bool is_private = false; // a new file is for this user alone
+        bool truncates = false;
+        bool appends = false; // write() writes at the end
+    };
+
+    // Results of open(): not a file on a disk; the file to create already exists; another has the file open, and one of
+    // the two does not share it.
     static const int not_regular;
     static const int is_taken;
+    static const int in_use;
+
+    // A result of remove(): the path leads to another file.
+    static const int was_replaced;
 
     // Whether a result of open() means that there is no such file.
     static bool is_missing(int reason) noexcept;
@@ -29,7 +48,10 @@ public:
     // Fails for a folder. Child processes that run another program do not inherit the file. The file never takes the
     // place of a closed standard stream.
     int open(const char* path, access how) noexcept;
-    void close() noexcept;
+    int open(const char* path, const terms& how) noexcept;
+
+    // Closes the file in any case. A result other than 0 tells of earlier writes that failed.
+    int close() noexcept;
     bool is_open() const noexcept { return m_handle >= 0; }
 
     // Reads up to `size` bytes. *count is 0 at the end of the file.
@@ -42,10 +64,43 @@ public:
     int read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept;
 
     int size(std::uint64_t* bytes) noexcept;
+    int status(file_status& out) noexcept;
+
+    // Writes all bytes at `offset`. *count is the number of bytes written, also on failure.
+    int write_at(std::uint64_t offset, const void* bytes, std::size_t size, std::size_t* count) noexcept;
 
     // Writes all bytes, in as many calls as that takes. A file-size limit and a pipe without a reader are reported as
     // ordinary errors, not as signals.
     int write(const void* bytes, std::size_t size) noexcept;
+
+    // Returns when all that was written is on the disk.
+    int sync() noexcept;
+
+    // Cuts the file, or adds zeros.
+    int set_size(std::uint64_t size) noexcept;
+
+    // Removes the name `path` of this open file.
+    int remove(const char* path) noexcept;
+
+    // What follows a position: bytes, or a hole, which reads as zeros and takes no room on the disk.
+    struct run {
+        std::uint64_t length = 0;
+        bool is_hole = false;
+    };
+
+    // Finds out what follows the position, up to `limit` bytes. Where the system does not tell, it is bytes, of which
+    // there may be fewer.
+    int next_run(std::uint64_t limit, run& out) noexcept;
+
+    // Makes a hole of `size` bytes here as there is one at the position of `from`, and moves both positions behind it.
+    // Only at the end of this file; elsewhere it returns `no_hole`, changes nothing, and the caller writes zeros.
+    int skip_hole(raw_file& from, std::uint64_t size) noexcept;
+    static const int no_hole;
+
+    // Copies up to `limit` bytes from the position of `from` to the position of this file, inside the system, and
+    // returns their number. If it is less, the system goes no further: the caller reads and writes the rest, if there
+    // is any, and so meets the reason.
+    std::uint64_t copy_from(raw_file& from, std::uint64_t limit) noexcept;
 
     // Opens the file at `path` again for appending if the host has closed the descriptor or has opened another file
     // under its number. Does not reopen a pipe or a device, because opening one might wait. Returns 0, or the reason
@@ -55,8 +110,13 @@ public:
     // Truncates a file that is open for writing to its first `size` bytes. Does nothing for a file that has no size.
     void cut(std::uint64_t size) noexcept;
 
+    // Takes over a handle or a descriptor that is open. Closes it on failure.
+    int adopt(std::intptr_t handle) noexcept;
+    std::intptr_t handle() const noexcept { return m_handle; }
+
 private:
     std::intptr_t m_handle = -1; // the system's handle or descriptor
+    bool m_appends = false;      // only Windows needs to know at each write
     // Identifies the file that was opened, on systems where the host may close a descriptor by its number.
     std::uint64_t m_identity[2] = {0, 0};
 };

@@ -1,7 +1,10 @@
+#include "platform/file_status_windows.h"
 #include "platform/raw_file.h"
 #include "platform/wide_windows.h"
+#include "qor/glue/own_rights_windows.h"
 
 #include <algorithm>
+#include <utility>
 #include <windows.h>
 
 namespace {
@@ -34,15 +37,51 @@ HANDLE open_handle(const wchar_t* path, qor::platform::raw_file::access how) noe
     return INVALID_HANDLE_VALUE;
 }
 
+// Others may read and write a file only if both share it, but always rename and delete it, as on every other system.
+HANDLE open_handle(const wchar_t* path, const qor::platform::raw_file::terms& how) noexcept {
+    const DWORD access = (how.reads ? GENERIC_READ : 0u) | (how.writes ? GENERIC_WRITE : 0u);
+    const DWORD share = FILE_SHARE_DELETE | (how.is_shared ? FILE_SHARE_READ | FILE_SHARE_WRITE : 0u);
+    const DWORD which = how.is_new ? CREATE_NEW : how.creates ? OPEN_ALWAYS : OPEN_EXISTING;
+    if (!how.is_private)
+        return CreateFileW(path, access, share, nullptr, which, FILE_ATTRIBUTE_NORMAL, nullptr);
+    qor::glue::own_rights rights;
+    if (rights.get() == nullptr)
+        return INVALID_HANDLE_VALUE;
+    return CreateFileW(path, access, share, rights.get(), which, FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+// The place for a read or a write, whatever the position of the handle.
+OVERLAPPED place_of(std::uint64_t offset) noexcept {
+    OVERLAPPED place{};
+    place.Offset = static_cast<DWORD>(offset);
+    place.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    return place;
+}
+
+// The end of the largest file that the system can count.
+constexpr std::uint64_t last_offset = 0x7fffffffffffffff;
+
+constexpr std::uint64_t end_of_file = ~std::uint64_t{0}; // as the place of a write
+
 bool is_folder(const wchar_t* path) noexcept {
     const DWORD attributes = GetFileAttributesW(path);
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+// Why a file could not be opened. "Access denied" would make the user check the access rights of a folder, which are
+// not the problem.
+int reason_against(const wchar_t* path) noexcept {
+    const int reason = last_error();
+    return reason == ERROR_ACCESS_DENIED && is_folder(path) ? operation_on_folder : reason;
 }
 
 } // namespace
 
 const int qor::platform::raw_file::not_regular = ERROR_SEEK_ON_DEVICE;
 const int qor::platform::raw_file::is_taken = ERROR_FILE_EXISTS;
+const int qor::platform::raw_file::in_use = ERROR_SHARING_VIOLATION;
+const int qor::platform::raw_file::was_replaced = -1;
+const int qor::platform::raw_file::no_hole = -1;
 
 bool qor::platform::raw_file::is_missing(int reason) noexcept {
     return reason == ERROR_FILE_NOT_FOUND || reason == ERROR_PATH_NOT_FOUND;
@@ -51,26 +90,43 @@ bool qor::platform::raw_file::is_missing(int reason) noexcept {
 int qor::platform::raw_file::open(const char* path, access how) noexcept {
     close();
     std::wstring wide;
-    if (!platform::to_wide(path, wide))
+    if (!platform::to_wide_path(path, wide))
         return ERROR_INVALID_NAME;
     const HANDLE handle = open_handle(wide.c_str(), how);
-    if (handle == INVALID_HANDLE_VALUE) {
-        const int reason = last_error();
-        // "Access denied" would make the user check the access rights, which are not the problem.
-        return reason == ERROR_ACCESS_DENIED && is_folder(wide.c_str()) ? operation_on_folder : reason;
-    }
+    if (handle == INVALID_HANDLE_VALUE)
+        return reason_against(wide.c_str());
     if (how == access::regular && GetFileType(handle) != FILE_TYPE_DISK) {
         CloseHandle(handle);
         return not_regular;
     }
-    m_handle = reinterpret_cast<std::intptr_t>(handle);
+    return adopt(reinterpret_cast<std::intptr_t>(handle));
+}
+
+int qor::platform::raw_file::open(const char* path, const terms& how) noexcept {
+    close();
+    std::wstring wide;
+    if (!platform::to_wide_path(path, wide))
+        return ERROR_INVALID_NAME;
+    const HANDLE handle = open_handle(wide.c_str(), how);
+    if (handle == INVALID_HANDLE_VALUE)
+        return reason_against(wide.c_str());
+    if (GetFileType(handle) != FILE_TYPE_DISK) {
+        CloseHandle(handle);
+        return not_regular;
+    }
+    m_appends = how.appends;
+    const int reason = adopt(reinterpret_cast<std::intptr_t>(handle));
+    return reason == 0 && how.truncates ? set_size(0) : reason;
+}
+
+int qor::platform::raw_file::adopt(std::intptr_t handle) noexcept {
+    m_handle = handle;
     return 0;
 }
 
-void qor::platform::raw_file::close() noexcept {
-    if (is_open())
-        CloseHandle(as_handle(m_handle));
-    m_handle = -1;
+int qor::platform::raw_file::close() noexcept {
+    m_appends = false;
+    return !is_open() || CloseHandle(as_handle(std::exchange(m_handle, -1))) ? 0 : last_error();
 }
 
 int qor::platform::raw_file::read(void* bytes, std::size_t size, std::size_t* count) noexcept {
@@ -100,10 +156,9 @@ bool qor::platform::raw_file::has_to_wait() const noexcept {
 
 int qor::platform::raw_file::read_at(std::uint64_t offset, void* bytes, std::size_t size, std::size_t* count) noexcept {
     char* const begin = static_cast<char*>(bytes);
+    size = offset < last_offset ? std::min(size, static_cast<std::size_t>(last_offset - offset)) : 0;
     for (*count = 0; *count < size;) {
-        OVERLAPPED place{};
-        place.Offset = static_cast<DWORD>(offset + *count);
-        place.OffsetHigh = static_cast<DWORD>((offset + *count) >> 32);
+        OVERLAPPED place = place_of(offset + *count);
         DWORD got = 0;
         if (!ReadFile(as_handle(m_handle), begin + *count, piece(size - *count), &got, &place)) {
             const int reason = last_error();
@@ -124,11 +179,14 @@ int qor::platform::raw_file::size(std::uint64_t* bytes) noexcept {
     return 0;
 }
 
+int qor::platform::raw_file::status(file_status& out) noexcept { return get_status(as_handle(m_handle), out); }
+
 int qor::platform::raw_file::write(const void* bytes, std::size_t size) noexcept {
     const char* at = static_cast<const char*>(bytes);
     while (size != 0) {
+        OVERLAPPED end = place_of(end_of_file);
         DWORD written = 0;
-        if (!WriteFile(as_handle(m_handle), at, piece(size), &written, nullptr))
+        if (!WriteFile(as_handle(m_handle), at, piece(size), &written, m_appends ? &end : nullptr))
             return last_error();
         at += written;
         size -= written;
@@ -136,11 +194,67 @@ int qor::platform::raw_file::write(const void* bytes, std::size_t size) noexcept
     return 0;
 }
 
+int qor::platform::raw_file::write_at(std::uint64_t offset, const void* bytes, std::size_t size,
+                                      std::size_t* count) noexcept {
+    *count = 0;
+    if (offset > last_offset || size > last_offset - offset)
+        return size != 0 ? ERROR_INVALID_PARAMETER : 0;
+    while (*count < size) {
+        OVERLAPPED place = place_of(offset + *count);
+        DWORD written = 0;
+        if (!WriteFile(as_handle(m_handle), static_cast<const char*>(bytes) + *count, piece(size - *count), &written,
+                       &place))
+            return last_error();
+        *count += written;
+    }
+    return 0;
+}
+
+int qor::platform::raw_file::sync() noexcept { return FlushFileBuffers(as_handle(m_handle)) ? 0 : last_error(); }
+
+int qor::platform::raw_file::set_size(std::uint64_t size) noexcept {
+    if (size > last_offset)
+        return ERROR_INVALID_PARAMETER;
+    FILE_END_OF_FILE_INFO end;
+    end.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
+    return SetFileInformationByHandle(as_handle(m_handle), FileEndOfFileInfo, &end, sizeof end) ? 0 : last_error();
+}
+
+int qor::platform::raw_file::remove(const char* path) noexcept {
+    std::wstring wide;
+    if (!platform::to_wide_path(path, wide))
+        return ERROR_INVALID_NAME;
+    const HANDLE there =
+        CreateFileW(wide.c_str(), DELETE | FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                    nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (there == INVALID_HANDLE_VALUE)
+        return last_error();
+    BY_HANDLE_FILE_INFORMATION ours, theirs;
+    FILE_DISPOSITION_INFO gone{TRUE};
+    int reason = 0;
+    if (!GetFileInformationByHandle(as_handle(m_handle), &ours) || !GetFileInformationByHandle(there, &theirs))
+        reason = last_error();
+    else if (ours.dwVolumeSerialNumber != theirs.dwVolumeSerialNumber || ours.nFileIndexLow != theirs.nFileIndexLow ||
+             ours.nFileIndexHigh != theirs.nFileIndexHigh)
+        reason = was_replaced;
+    else if (!SetFileInformationByHandle(there, FileDispositionInfo, &gone, sizeof gone))
+        reason = last_error();
+    CloseHandle(there);
+    return reason;
+}
+
+// Only a file that a program has marked as sparse can have holes here, and the system's own copies do not keep them.
+int qor::platform::raw_file::next_run(std::uint64_t limit, run& out) noexcept {
+    out = {limit, false};
+    return 0;
+}
+
+int qor::platform::raw_file::skip_hole(raw_file&, std::uint64_t) noexcept { return no_hole; }
+
+// The system copies only whole files by their paths.
+std::uint64_t qor::platform::raw_file::copy_from(raw_file&, std::uint64_t) noexcept { return 0; }
+
 // On Windows, no code closes handles that it does not know.
 int qor::platform::raw_file::recover(const char*) noexcept { return 0; }
 
-void qor::platform::raw_file::cut(std::uint64_t size) noexcept {
-    FILE_END_OF_FILE_INFO end;
-    end.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
-    SetFileInformationByHandle(as_handle(m_handle), FileEndOfFileInfo, &end, sizeof end);
-}
+void qor::platform::raw_file::cut(std::uint64_t size) noexcept { set_size(size); }

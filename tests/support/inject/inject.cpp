@@ -28,14 +28,17 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace {
@@ -245,18 +248,48 @@ CALL_OF_LENGTH("pread", pread, (int file, void* bytes, std::size_t length, off_t
 CALL_OF_LENGTH("pread", pread64, (int file, void* bytes, std::size_t length, off64_t at), SYS_pread64, file, bytes,
                length, at)
 CALL_OF_LENGTH("write", write, (int file, const void* bytes, std::size_t length), SYS_write, file, bytes, length)
+CALL_OF_LENGTH("pwrite", pwrite, (int file, const void* bytes, std::size_t length, off_t at), SYS_pwrite64, file, bytes,
+               length, at)
+CALL_OF_LENGTH("pwrite", pwrite64, (int file, const void* bytes, std::size_t length, off64_t at), SYS_pwrite64, file,
+               bytes, length, at)
+CALL_OF_LENGTH("copy_file_range", copy_file_range,
+               (int from, off64_t* from_at, int to, off64_t* to_at, std::size_t length, unsigned flags),
+               SYS_copy_file_range, from, from_at, to, to_at, length, flags)
 CALL_OF_LENGTH("recv", recv, (int file, void* bytes, std::size_t length, int flags), SYS_recvfrom, file, bytes, length,
                flags, 0, 0)
 CALL_OF_LENGTH("send", send, (int file, const void* bytes, std::size_t length, int flags), SYS_sendto, file, bytes,
                length, flags, 0, 0)
 CALL(int, close, (int file), SYS_close, file)
 CALL(int, fstat, (int file, struct stat* out), SYS_fstat, file, out)
+CALL(int, statx, (int folder, const char* path, int flags, unsigned mask, struct statx* out), SYS_statx, folder, path,
+     flags, mask, out)
+CALL(ssize_t, getdents64, (int folder, void* entries, std::size_t length), SYS_getdents64, folder, entries, length)
+CALL(ssize_t, readlink, (const char* path, char* out, std::size_t length), SYS_readlinkat, AT_FDCWD, path, out, length)
+CALL(off_t, lseek, (int file, off_t at, int from), SYS_lseek, file, at, from)
+CALL(int, mkdirat, (int folder, const char* path, mode_t rights), SYS_mkdirat, folder, path, rights)
+CALL(int, unlinkat, (int folder, const char* path, int flags), SYS_unlinkat, folder, path, flags)
+CALL(int, linkat, (int folder, const char* path, int to_folder, const char* to, int flags), SYS_linkat, folder, path,
+     to_folder, to, flags)
+CALL(int, renameat, (int folder, const char* path, int to_folder, const char* to), SYS_renameat2, folder, path,
+     to_folder, to, 0)
+CALL(int, renameat2, (int folder, const char* path, int to_folder, const char* to, unsigned flags), SYS_renameat2,
+     folder, path, to_folder, to, flags)
 CALL(int, poll, (struct pollfd * files, nfds_t count, int milliseconds), SYS_poll, files, count, milliseconds)
 CALL(int, socket, (int domain, int type, int protocol), SYS_socket, domain, type, protocol)
 CALL(int, connect, (int file, const struct sockaddr* to, socklen_t size), SYS_connect, file, to, size)
 CALL(int, bind, (int file, const struct sockaddr* at, socklen_t size), SYS_bind, file, at, size)
 CALL(int, listen, (int file, int waiting), SYS_listen, file, waiting)
+CALL(int, fsync, (int file), SYS_fsync, file)
+CALL(int, flock, (int file, int operation), SYS_flock, file, operation)
 CALL(int, ftruncate, (int file, off_t size), SYS_ftruncate, file, size)
+CALL(int, fchown, (int file, uid_t owner, gid_t group), SYS_fchown, file, owner, group)
+CALL(int, fchmod, (int file, mode_t rights), SYS_fchmod, file, rights)
+CALL(ssize_t, llistxattr, (const char* path, char* names, std::size_t length), SYS_llistxattr, path, names, length)
+CALL(ssize_t, lgetxattr, (const char* path, const char* name, void* value, std::size_t length), SYS_lgetxattr, path,
+     name, value, length)
+CALL(int, fsetxattr, (int file, const char* name, const void* value, std::size_t length, int flags), SYS_fsetxattr,
+     file, name, value, length, flags)
+CALL(int, fremovexattr, (int file, const char* name), SYS_fremovexattr, file, name)
 CALL(pointer, mmap, (void* at, std::size_t size, int access, int flags, int file, off_t from), SYS_mmap, at, size,
      access, flags, file, from)
 

@@ -79,6 +79,13 @@ inline void qorGetLastError(IQORErrorMessage** out) {
 // Gets the text of this thread's last error and returns its number.
 inline uint32 qorGetLastError(qorString& out) noexcept { return qor::glue::qorGetLastError_text(out); }
 
+// Gets an insert of this thread's last error, from 1 to 10, for a text of the caller's own: errors of files have the
+// path as insert 1 and the system's reason as insert 2 (qor/system/errors.def). Returns false and empties `out` if
+// there is no such insert.
+inline bool qorGetLastErrorInsert(uint32 index, qorString& out) noexcept {
+    return qor::glue::qorGetLastErrorInsert(index, out);
+}
+
 // Sets this thread's last error. An unknown number becomes qorError_unknown. The inserts are copied.
 inline void qorSetLastError(uint32 number, const char* a1 = nullptr, const char* a2 = nullptr, const char* a3 = nullptr,
                             const char* a4 = nullptr, const char* a5 = nullptr, const char* a6 = nullptr,

@@ -28,6 +28,9 @@ bool configuration_file(const char* name, std::string& path);
 // Our files are small, so longer ones are rejected.
 inline constexpr std::size_t longest_private_file = 16 << 20;
 
+// Makes the missing folders of a file, as write_private_file needs them.
+bool make_private_folders(const std::string& path, std::string& reason);
+
 // A reason in the catalog "qorcore".
 enum class private_file_fault : unsigned {
     others_have_access = messages::framework::others_have_access,

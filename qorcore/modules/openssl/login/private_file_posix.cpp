@@ -113,51 +113,6 @@ bool read_file(const std::string& path, mode_t forbidden, std::string& text, std
     return is_own(status, forbidden, reason) && read_all(file.number(), text, reason);
 }
 
-bool write_all(int file, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(file, text.data(), text.size());
-        if (count < 0 && errno != EINTR)
-            return false;
-        text.remove_prefix(count < 0 ? 0 : static_cast<std::size_t>(count));
-    }
-    return true;
-}
-
-// Makes missing folders. A super-user who runs with another user's home folder must not leave folders there that this
-// user cannot use.
-bool make_folders(const std::string& path, std::string& reason) {
-    for (std::size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1)) {
-        const std::string folder = path.substr(0, slash);
-        struct stat status;
-        if (stat(folder.c_str(), &status) == 0)
-            continue;
-        const std::string around = folder_of(folder);
-        if (errno == ENOENT && stat(around.c_str(), &status) == 0 && !is_own_folder(status))
-            return failed(private_file_fault::folder_of_another_owner, reason, around);
-        if (mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST)
-            return failed(reason);
-    }
-    return true;
-}
-
-// fsync keeps the file complete even after a power failure.
-bool put(int file, std::string_view text) {
-    return file >= 0 && fchmod(file, S_IRUSR | S_IWUSR) == 0 && write_all(file, text) && fsync(file) == 0;
-}
-
-// The file has no name until it is complete, so a process that is killed leaves nothing behind. Not every file system
-// supports this.
-bool put_nameless(const std::string& folder, std::string_view text, const std::string& name) {
-    const descriptor file(open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    const std::string made = "/proc/self/fd/" + std::to_string(file.number());
-    return put(file.number(), text) && linkat(AT_FDCWD, made.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
-}
-
-bool put_named(std::string_view text, const std::string& name) {
-    const descriptor file(open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    return put(file.number(), text);
-}
-
 // Opens the lock file; does not wait for the lock. On failure, returns a closed descriptor and sets `reason`.
 descriptor open_lock(const std::string& path, std::string& reason) {
     descriptor lock(
@@ -194,28 +149,25 @@ bool qor::control::read_own_file(const std::string& path, std::string& text, std
     return read_file(path, S_IWGRP | S_IWOTH, text, reason, is_missing);
 }
 
-bool qor::control::write_private_file(const std::string& path, std::string_view text, std::string& reason) {
-    if (!make_folders(path, reason))
-        return false;
-    const std::string real = real_path(path);
-    const std::string place = folder_of(real);
-    const descriptor folder(open(place.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder.number() < 0)
-        return failed(reason);
-    // A process that was killed between the last two steps may have left such a file. Nothing else of ours has this
-    // name.
-    const std::string made = real + ".unfinished";
-    unlink(made.c_str());
-    if ((put_nameless(place, text, made) || put_named(text, made)) && rename(made.c_str(), real.c_str()) == 0 &&
-        fsync(folder.number()) == 0)
-        return true;
-    failed(reason);
-    unlink(made.c_str());
-    return false;
+// Makes missing folders. A super-user who runs with another user's home folder must not leave folders there that this
+// user cannot use.
+bool qor::control::make_private_folders(const std::string& path, std::string& reason) {
+    for (std::size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1)) {
+        const std::string folder = path.substr(0, slash);
+        struct stat status;
+        if (stat(folder.c_str(), &status) == 0)
+            continue;
+        const std::string around = folder_of(folder);
+        if (errno == ENOENT && stat(around.c_str(), &status) == 0 && !is_own_folder(status))
+            return failed(private_file_fault::folder_of_another_owner, reason, around);
+        if (mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST)
+            return failed(reason);
+    }
+    return true;
 }
 
 qor::control::private_file_lock::private_file_lock(const std::string& file) {
-    if (!make_folders(file, m_reason))
+    if (!make_private_folders(file, m_reason))
         return;
     const std::string real = real_path(file);
     if (!is_safe_folder(folder_of(real), m_reason))

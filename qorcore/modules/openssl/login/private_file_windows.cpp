@@ -2,6 +2,7 @@
 #include "private_file.h"
 
 #include "common/system_reason.h"
+#include "qor/glue/own_rights_windows.h"
 
 #include <chrono>
 #include <cstdlib>
@@ -60,25 +61,6 @@ std::wstring wide(const std::string& text) {
     return out;
 }
 
-// Returns the user who runs this process: a TOKEN_USER together with the SID that it points to. Empty if the system
-// does not report it.
-std::vector<unsigned char> current_user() {
-    HANDLE token;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token))
-        return {};
-    const handle closed_later(token);
-    DWORD size = 0;
-    GetTokenInformation(token, TokenUser, nullptr, 0, &size);
-    std::vector<unsigned char> user(size);
-    if (!GetTokenInformation(token, TokenUser, user.data(), size, &size))
-        user.clear();
-    return user;
-}
-
-PSID sid_of(const std::vector<unsigned char>& user) {
-    return reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
-}
-
 // Ignore accounts that can read and change everything anyway.
 bool is_trusted(PSID sid, PSID user) {
     return EqualSid(sid, user) || IsWellKnownSid(sid, WinLocalSystemSid) ||
@@ -87,7 +69,7 @@ bool is_trusted(PSID sid, PSID user) {
 
 // Whether no other account has one of these rights, or owns the file.
 bool is_own(HANDLE file, DWORD forbidden, std::string& reason) {
-    const std::vector<unsigned char> user = current_user();
+    const std::vector<unsigned char> user = qor::glue::current_user();
     if (user.empty())
         return failed(reason);
     PSID owner = nullptr;
@@ -97,7 +79,7 @@ bool is_own(HANDLE file, DWORD forbidden, std::string& reason) {
                                            &owner, nullptr, &list, nullptr, &descriptor))
         return failed(reason, code);
     const std::unique_ptr<void, local_freer> freed_later(descriptor);
-    if (!is_trusted(owner, sid_of(user)))
+    if (!is_trusted(owner, qor::glue::sid_of(user)))
         return failed(private_file_fault::of_another_owner, reason);
     // A file without an access control list is open to everybody.
     bool is_private = list != nullptr;
@@ -108,7 +90,7 @@ bool is_own(HANDLE file, DWORD forbidden, std::string& reason) {
         const auto* const allowed = static_cast<const ACCESS_ALLOWED_ACE*>(entry);
         if (allowed->Header.AceType == ACCESS_ALLOWED_ACE_TYPE && (allowed->Header.AceFlags & INHERIT_ONLY_ACE) == 0 &&
             (allowed->Mask & forbidden) != 0)
-            is_private = is_trusted(const_cast<DWORD*>(&allowed->SidStart), sid_of(user));
+            is_private = is_trusted(const_cast<DWORD*>(&allowed->SidStart), qor::glue::sid_of(user));
     }
     return is_private || failed(private_file_fault::others_have_access, reason);
 }
@@ -170,44 +152,6 @@ bool read_file(const std::string& path, DWORD forbidden, std::string& text, std:
     return is_own(file.get(), forbidden, reason) && read_all(file.get(), text, reason);
 }
 
-// The rights of a new file: all for the user, none for others, regardless of the folder's rights.
-class own_rights {
-public:
-    own_rights() : m_user(current_user()) {
-        if (m_user.empty())
-            return;
-        EXPLICIT_ACCESS_W entry{};
-        entry.grfAccessPermissions = GENERIC_ALL;
-        entry.grfAccessMode = SET_ACCESS;
-        entry.grfInheritance = NO_INHERITANCE;
-        entry.Trustee.TrusteeForm = TRUSTEE_IS_SID;
-        entry.Trustee.ptstrName = static_cast<wchar_t*>(sid_of(m_user));
-        PACL list = nullptr;
-        if (SetEntriesInAclW(1, &entry, nullptr, &list) != ERROR_SUCCESS)
-            return;
-        m_list.reset(list);
-        m_is_made = InitializeSecurityDescriptor(&m_descriptor, SECURITY_DESCRIPTOR_REVISION) &&
-                    SetSecurityDescriptorDacl(&m_descriptor, TRUE, list, FALSE) &&
-                    SetSecurityDescriptorControl(&m_descriptor, SE_DACL_PROTECTED, SE_DACL_PROTECTED);
-    }
-
-    // Null if they could not be made.
-    SECURITY_ATTRIBUTES* get() noexcept { return m_is_made ? &m_attributes : nullptr; }
-
-private:
-    std::vector<unsigned char> m_user;
-    std::unique_ptr<void, local_freer> m_list;
-    SECURITY_DESCRIPTOR m_descriptor{};
-    SECURITY_ATTRIBUTES m_attributes{sizeof(SECURITY_ATTRIBUTES), &m_descriptor, FALSE};
-    bool m_is_made = false;
-};
-
-// Makes missing folders. Ignores errors, because opening the file reports them.
-void make_folders(const std::string& path) {
-    for (std::size_t end = path.find_first_of("/\\", 3); end != path.npos; end = path.find_first_of("/\\", end + 1))
-        CreateDirectoryW(wide(path.substr(0, end)).c_str(), nullptr);
-}
-
 } // namespace
 
 bool qor::control::read_private_file(const std::string& path, std::string& text, std::string& reason,
@@ -220,35 +164,17 @@ bool qor::control::read_own_file(const std::string& path, std::string& text, std
     return read_file(path, writing_rights, text, reason, is_missing);
 }
 
-bool qor::control::write_private_file(const std::string& path, std::string_view text, std::string& reason) {
-    make_folders(path);
-    own_rights rights;
-    if (rights.get() == nullptr)
-        return failed(reason);
-    // A process that was killed may have left such a file. Nothing else of ours has this name.
-    const std::wstring made = wide(path + ".unfinished");
-    DeleteFileW(made.c_str());
-    handle file(CreateFileW(made.c_str(), GENERIC_WRITE, 0, rights.get(), CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file.is_open())
-        return failed(reason);
-    DWORD written = 0;
-    bool done = WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
-                FlushFileBuffers(file.get());
-    file.close();
-    done = done && succeeds_within(file_patience, [&, place = wide(path)] {
-               return MoveFileExW(made.c_str(), place.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
-           });
-    if (!done) {
-        failed(reason);
-        DeleteFileW(made.c_str());
-    }
-    return done;
+// Ignores errors, because opening the file reports them.
+bool qor::control::make_private_folders(const std::string& path, std::string&) {
+    for (std::size_t end = path.find_first_of("/\\", 3); end != path.npos; end = path.find_first_of("/\\", end + 1))
+        CreateDirectoryW(wide(path.substr(0, end)).c_str(), nullptr);
+    return true;
 }
 
 // A file that only one process at a time can open. The system deletes it with the last handle.
 qor::control::private_file_lock::private_file_lock(const std::string& file) : m_path(file + ".lock") {
-    make_folders(file);
-    own_rights rights;
+    make_private_folders(file, m_reason);
+    qor::glue::own_rights rights;
     if (rights.get() == nullptr) {
         failed(m_reason);
         return;

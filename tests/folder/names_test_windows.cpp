@@ -1,0 +1,83 @@
+// Names and paths on Windows: single surrogates, long paths, read-only files, junctions as links.
+#include "platform/wide_windows.h"
+#include "qor/qor.h"
+#include "support/temp_folder.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <windows.h>
+
+namespace {
+
+std::string last_error() {
+    qorString text;
+    qorGetLastError(text);
+    return text.Text();
+}
+
+TEST(windows_names, of_any_units_survive) {
+    for (unsigned unit = 1; unit < 0x10000; ++unit) {
+        const std::wstring name = {L'x', static_cast<wchar_t>(unit), L'y'};
+        std::wstring back;
+        ASSERT_TRUE(qor::platform::to_wide_path(qor::platform::name_from_wide(name), back)) << unit;
+        ASSERT_EQ(back, name) << unit;
+    }
+    const std::wstring odd[] = {L"\xd83d\xde42", L"\xde42\xd83d", L"\xd83d\xd83d\xde42", L"\xd83d", L"a\xde42"};
+    for (const std::wstring& name : odd) {
+        std::wstring back;
+        ASSERT_TRUE(qor::platform::to_wide_path(qor::platform::name_from_wide(name), back));
+        EXPECT_EQ(back, name);
+    }
+    // What is valid has the usual form.
+    EXPECT_EQ(qor::platform::name_from_wide(L"gr\x00f6\x00df"
+                                            L"e \x6587 \xd83d\xde42"),
+              reinterpret_cast<const char*>(u8"größe 文 🙂"));
+    std::wstring out;
+    EXPECT_FALSE(qor::platform::to_wide_path("\xff", out));
+    EXPECT_FALSE(qor::platform::to_wide_path("\xed\xa0", out)); // cut off
+}
+
+TEST(windows_names, long_paths_work_everywhere) {
+    const qor::test::temp_folder folder;
+    std::string path = folder.path();
+    for (int i = 0; i < 20; ++i)
+        path += "\\a name of a folder that is rather long";
+    ASSERT_GT(path.size(), 600u);
+    EXPECT_TRUE(qorCreateDirectoryPath(path.c_str())) << last_error();
+    EXPECT_TRUE(qorDirectoryExists(path.c_str()));
+    EXPECT_TRUE(qorCreateDirectory((path + "/one").c_str())) << last_error();
+    EXPECT_TRUE(qorRenameFile((path + "/one").c_str(), (path + "\\two").c_str())) << last_error();
+    zetSmartPointer<IQORFolderContents> contents;
+    ASSERT_TRUE(qorGetFolderContents(path.c_str(), contents.Out())) << last_error();
+    ASSERT_EQ(contents->GetCount(), 1u);
+    EXPECT_STREQ(contents->Entries()[0].text, "two");
+    EXPECT_TRUE(qorGetFileInfoEx((path + "\\two").c_str()).has_value()) << last_error();
+    const std::string first = folder.path() + "\\a name of a folder that is rather long";
+    EXPECT_TRUE(qorDeleteDirectoryAndContents(first.c_str())) << last_error();
+    EXPECT_FALSE(qorDirectoryExists(first.c_str()));
+}
+
+TEST(windows_names, read_only_files_and_folders_are_deleted) {
+    const qor::test::temp_folder folder;
+    ASSERT_TRUE(qorCreateDirectoryPath((folder / "tree/below").c_str()));
+    const std::string file = folder.file("tree/below/file", "x");
+    SetFileAttributesA(file.c_str(), FILE_ATTRIBUTE_READONLY);
+    SetFileAttributesA((folder / "tree/below").c_str(), FILE_ATTRIBUTE_READONLY);
+    EXPECT_EQ(qorGetFileInfo(file.c_str())->rights, 0444u);
+    EXPECT_TRUE(qorDeleteDirectoryAndContents((folder / "tree").c_str())) << last_error();
+    EXPECT_FALSE(qorDirectoryExists((folder / "tree").c_str()));
+}
+
+TEST(windows_names, of_servers_and_devices_are_absolute) {
+    for (const char* const path : {"\\\\server\\share", "\\\\?\\C:\\a", "//server/share", "\\\\.\\COM1"})
+        EXPECT_TRUE(qorIsAbsolutePath(path)) << path;
+}
+
+TEST(windows_names, a_device_is_a_device) {
+    const auto info = qorGetFileInfo("NUL");
+    ASSERT_TRUE(info) << last_error();
+    EXPECT_EQ(info->kind, qorFileKind::character_device);
+}
+
+} // namespace
