@@ -398,7 +398,12 @@ class Faults(unittest.TestCase):
     def test_no_descriptor_left(self):
         self.file.write_bytes(b"old")
         driver = self.driver()
+        # Each runs once before: the library is loaded then, and a sanitizer examines new objects through a pipe.
         driver.bytes("get", self.file, 0)
+        driver.run("open", 0, self.file, 21)
+        driver.run("put", self.folder / "other", 0, b"x", 1, 1)
+        driver.run("replace", self.file, b"old", 0)
+        driver.run("close", 0)
         resource.prlimit(driver.process.pid, resource.RLIMIT_NOFILE, (3, 3))
         for words in ("open", 0, self.file, 21), ("get", self.file, 0), ("put", self.file, 0, b"x", 1, 1):
             self.check_fails(CANNOT_OPEN, f"Cannot open '{self.file}': Too many open files.", driver.run, *words)

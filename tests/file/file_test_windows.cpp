@@ -1,4 +1,5 @@
 // The file object with Windows specials: devices, and named pipes.
+#include "platform/raw_file.h"
 #include "qor/qor.h"
 #include "reader_support.h"
 
@@ -40,4 +41,20 @@ TEST(windows_file, both_separators) {
     for (char& c : path)
         c = c == '/' ? '\\' : c;
     EXPECT_TRUE(from.Open(path.c_str(), reading));
+}
+
+// Another program must not inherit our handles.
+TEST(windows_file, child_processes_do_not_inherit_it) {
+    const qor::test::temp_folder folder;
+    const std::string path = folder.file("f", "x");
+    for (const bool is_private : {false, true}) {
+        qor::platform::raw_file::terms terms;
+        terms.writes = terms.creates = true;
+        terms.is_private = is_private;
+        qor::platform::raw_file file;
+        ASSERT_EQ(file.open(path.c_str(), terms), 0);
+        DWORD flags = HANDLE_FLAG_INHERIT;
+        ASSERT_TRUE(GetHandleInformation(reinterpret_cast<HANDLE>(file.handle()), &flags));
+        EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, 0u);
+    }
 }

@@ -27,7 +27,8 @@ BLOCK = 256 * KIB  # what a source reads ahead
 
 
 def done(*words):
-    return subprocess.run(list(map(str, words)), capture_output=True, text=True, check=True).stdout
+    """Returns the output of a program; bytes that are no UTF-8 become surrogates."""
+    return os.fsdecode(subprocess.run(list(map(str, words)), capture_output=True, check=True).stdout)
 
 
 def access_list(path):

@@ -14,8 +14,8 @@ using qor::platform::uninterrupted;
 
 constexpr char access_list[] = "system.posix_acl_access";
 
-// The names of the system's lists begin like this.
-bool grants_access(std::string_view name) noexcept { return name.starts_with("system."); }
+// Whether an attribute is an access control list, of POSIX or of NFS 4.
+bool grants_access(std::string_view name) noexcept { return name == access_list || name.starts_with("system.nfs4_"); }
 
 // The system drops the first one when it writes to a file; the others are checksums of the content.
 bool depends_on_content(std::string_view name) noexcept {

@@ -210,12 +210,21 @@ int qor::platform::raw_file::recover(const char* path) noexcept {
 }
 
 int qor::platform::raw_file::read(void* bytes, std::size_t size, std::size_t* count) noexcept {
-    ssize_t got;
-    do
-        got = ::read(static_cast<int>(m_handle), bytes, size);
-    while (got < 0 && errno == EINTR);
-    *count = got > 0 ? static_cast<std::size_t>(got) : 0;
-    return got < 0 ? errno : 0;
+    const int file = descriptor_of(m_handle);
+    *count = 0;
+    ssize_t got = uninterrupted([&] { return ::read(file, bytes, size); });
+    if (got < 0 && errno == EINVAL) {
+        // The system refuses a read that goes on behind the largest file.
+        const off_t here = lseek(file, 0, SEEK_CUR);
+        const std::uint64_t rest = last_offset - static_cast<std::uint64_t>(std::max<off_t>(here, 0));
+        if (here < 0 || size <= rest)
+            return EINVAL;
+        got = uninterrupted([&] { return ::read(file, bytes, static_cast<std::size_t>(rest)); });
+    }
+    if (got < 0)
+        return errno;
+    *count = static_cast<std::size_t>(got);
+    return 0;
 }
 
 // A file on a disk is always ready.
