@@ -27,7 +27,6 @@ QOR_PER_THREAD struct {
     std::uint32_t process; // at a fork the thread gets another number
     std::uint32_t last_slot;
     bool is_starting;       // a child's session, in this very thread
-    std::uintptr_t wrapper; // the stack is below this place inside a function that allocates for its caller
     volatile unsigned puts; // how many put() are under way, one in the signal handler that has interrupted the other
     std::uint64_t tail;     // as it was seen last
     unsigned long records;
@@ -208,27 +207,40 @@ void keep_early(record_kind kind, const void* block, std::uint64_t detail, std::
         ++early_lost;
 }
 
+std::uint32_t plain_module_of(std::uintptr_t address) noexcept { return module_of(address) & ~allocation_code; }
+
+// The index of the frame of the hook that has called FUNCTION, if all frames before it are in the library of FUNCTION.
+// `count`: they are not. A signal handler that has interrupted the function has its frame between them.
+unsigned frame_of_hook(const void* function, const std::uintptr_t* frames, unsigned first, unsigned count) noexcept {
+    const std::uint32_t library = plain_module_of(reinterpret_cast<std::uintptr_t>(function) + 1);
+    for (unsigned i = first; i < count && i < most_skipped; ++i) {
+        if (is_own_code(frames[i]))
+            return i;
+        if (plain_module_of(frames[i]) != library)
+            break;
+    }
+    return count;
+}
+
 // The index of the first frame outside of allocation functions.
 unsigned first_outside(const std::uintptr_t* frames, unsigned count) noexcept {
     unsigned first = 0;
     while (first + 1 < count && (module_of(frames[first]) & allocation_code) != 0)
         ++first;
-    if (self.wrapper == 0)
+    if (called_text_function == nullptr)
         return first;
-    for (unsigned i = first; i + 1 < count && i < most_skipped; ++i)
-        if (is_own_code(frames[i]))
-            return i + 1;
-    return first;
+    const unsigned hook = frame_of_hook(called_text_function, frames, first, count);
+    return hook + 1 < count ? hook + 1 : first;
 }
 
 // At depth 0 the caller alone.
 [[gnu::noinline]] std::uint32_t stack_of(const machine_context& caller, unsigned depth) noexcept {
     std::uintptr_t frames[most_frames + most_skipped];
     depth = depth != 0 ? depth : 1;
-    const bool is_inside = self.wrapper > caller.sp || (module_of(caller.pc) & allocation_code) != 0;
+    const bool is_inside = called_text_function != nullptr || (module_of(caller.pc) & allocation_code) != 0;
     if (depth == 1 && !is_inside)
         return node_of(&caller.pc, 1);
-    if (is_inside && depth == 1 && self.wrapper == 0) {
+    if (is_inside && depth == 1 && called_text_function == nullptr) {
         // Most often it is an operator new that has called malloc.
         const unsigned few = unwind(caller, frames, 4);
         const unsigned outside = few != 0 ? first_outside(frames, few) : 0;
@@ -306,11 +318,18 @@ void record_release(record_kind kind, const void* block, const machine_context& 
     put(kind, address_of(block), outside, module_of(outside) & ~allocation_code);
 }
 
-[[gnu::noinline]] allocating_for_caller::allocating_for_caller() noexcept : m_outer(self.wrapper) {
-    self.wrapper = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
+[[gnu::noinline]] bool is_called_by_allocator(const machine_context& caller) noexcept {
+    if (this_process.shared == nullptr)
+        return false;
+    if (is_own_code(caller.pc))
+        return true; // it has jumped to the hook
+    std::uintptr_t frames[most_skipped];
+    const std::uint32_t library = plain_module_of(reinterpret_cast<std::uintptr_t>(called_allocator) + 1);
+    if (plain_module_of(caller.pc) != library)
+        return false;
+    const unsigned count = unwind(caller, frames, most_skipped);
+    return frame_of_hook(called_allocator, frames, 0, count) < count;
 }
-
-allocating_for_caller::~allocating_for_caller() { self.wrapper = m_outer; }
 
 void modules_are_going() noexcept {
     unloading.fetch_add(1);
