@@ -132,6 +132,14 @@ class Programs(Recorded):
         subprocess.run(["cc", "-fsanitize=address", "-o", self.folder / "checked", source], check=True)
         self.refused("is built with a sanitizer", self.folder / "checked")
 
+    def test_an_older_c_library(self):
+        """It cannot tell the module of an address, and would not load the recorder's library."""
+        source = self.folder / "older.c"
+        source.write_text('const char* gnu_get_libc_version(void) { return "2.34"; }\n')
+        subprocess.run(["cc", "-shared", "-fPIC", "-o", self.folder / "older.so", source], check=True)
+        self.environment["LD_PRELOAD"] = str(self.folder / "older.so")
+        self.refused("The C library is of version 2.34, and recording needs 2.35 or a later one", "true")
+
     @unittest.skipUnless(os.geteuid() == 0, "only root can give a file away")
     def test_what_has_the_rights_of_another_cannot_be_recorded(self):
         foreign = self.folder / "foreign"

@@ -95,6 +95,7 @@ bool begin_child() noexcept {
     }
     session& own = shared.sessions[index];
     own.process = static_cast<std::int32_t>(raw_call(SYS_getpid));
+    own.parent_process = static_cast<std::int32_t>(raw_call(SYS_getppid));
     own.number = shared.session_count.fetch_add(1) + 1;
     own.parent = parent;
     own.fork_ticket = fork_ticket;
