@@ -74,9 +74,9 @@ struct session {
     alignas(64) std::atomic<session_state> state;
     std::int32_t process;        // its number where it runs, which may be a namespace of its own
     std::int32_t parent_process; // 0: it is outside of that namespace
-    std::uint64_t number;      // counts the sessions of this arena, from 1
-    std::uint64_t parent;      // the number of the session that was forked; 0: it was not forked
-    std::uint64_t fork_ticket; // the child inherits what the tickets below it did
+    std::uint64_t number;        // counts the sessions of this arena, from 1
+    std::uint64_t parent;        // the number of the session that was forked; 0: it was not forked
+    std::uint64_t fork_ticket;   // the child inherits what the tickets below it did
     std::atomic<loss> lost_why;
     std::atomic<std::uint64_t> lost; // records that were not written
 };
