@@ -297,6 +297,13 @@ class Troubles(Recorded):
         self.trouble("be_confined")
         self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1, 71002: 1})
 
+    def test_a_process_whose_calls_are_filtered(self):
+        """The filter of the first kind is that of one thread, the other one that of all threads."""
+        for name in ("be_filtered_by_prctl", "be_filtered_by_seccomp"):
+            self.skip_if(77, name)
+            self.trouble(name)
+            self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1, 71002: 1, 71003: 2})
+
     def test_a_program_out_of_reach(self):
         self.skip_if(77, "execute_confined")
         self.trouble("execute_confined", 7)

@@ -357,7 +357,7 @@ QOR_HOOK int dlclose(void* library) {
     return result;
 }
 
-// Strict mode allows a thread to read, write and end: the recorder then gets its records without a call of the system.
+// The recorder gets the records without a call of the system then.
 QOR_HOOK int prctl(int operation, ...) {
     auto* const function = find(next_prctl);
     va_list list;
@@ -367,8 +367,8 @@ QOR_HOOK int prctl(int operation, ...) {
     const auto c = va_arg(list, unsigned long);
     const auto d = va_arg(list, unsigned long);
     va_end(list);
-    if (operation == PR_SET_SECCOMP && a == SECCOMP_MODE_STRICT)
-        make_no_system_calls();
+    if (operation == PR_SET_SECCOMP)
+        confine(a == SECCOMP_MODE_STRICT);
     return function(operation, a, b, c, d);
 }
 

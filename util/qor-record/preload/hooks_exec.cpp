@@ -5,12 +5,14 @@
 #include "next.h"
 #include "process.h"
 #include "raw_calls.h"
+#include "recording.h"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
+#include <linux/seccomp.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -418,6 +420,8 @@ QOR_HOOK long record_syscall(long number, long a, long b, long c, long d, long e
     if (number == SYS_execve) [[unlikely]]
         return execve(as_pointer<const char>(a), as_pointer<char* const>(b), as_pointer<char* const>(c));
     auto* const function = find(next_syscall);
+    if (number == SYS_seccomp && (a == SECCOMP_SET_MODE_STRICT || a == SECCOMP_SET_MODE_FILTER)) [[unlikely]]
+        confine(a == SECCOMP_SET_MODE_STRICT);
     if (number == SYS_execveat) [[unlikely]]
         return become(as_pointer<const char>(b), as_pointer<char* const>(d),
                       [=](variables all) { return static_cast<int>(function(number, a, b, c, as_word(all), e, f)); });

@@ -145,7 +145,7 @@ inline bool is_recording() noexcept {
             return true;
         if (this_process.owner->phase.load(std::memory_order_relaxed) != phase_running || recorder_is_gone(shared))
             break;
-        if (this_process.without_system_calls) {
+        if (this_process.without_system_calls || this_process.is_filtered) {
             for (int i = 0; i < 1000; ++i)
                 pause_briefly();
             continue;
@@ -161,11 +161,21 @@ inline bool is_recording() noexcept {
     return false;
 }
 
+// The C library knows the number and writes it into a mutex that the thread holds.
+std::uint32_t known_thread_number() noexcept {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&mutex);
+    const auto number = static_cast<std::uint32_t>(mutex.__data.__owner);
+    pthread_mutex_unlock(&mutex);
+    return number;
+}
+
 inline std::uint32_t thread_number() noexcept {
     const auto process = static_cast<std::uint32_t>(this_process.own->process);
     if (self.process != process) [[unlikely]] {
         self.process = process;
-        self.thread = this_process.without_system_calls ? 0 : static_cast<std::uint32_t>(raw_call(SYS_gettid));
+        const bool is_confined = this_process.without_system_calls || this_process.is_filtered;
+        self.thread = is_confined ? known_thread_number() : static_cast<std::uint32_t>(raw_call(SYS_gettid));
         self.last_slot =
             next_slot.fetch_add(1, std::memory_order_relaxed) % (sizeof last_tickets / sizeof *last_tickets);
         self.tail = 0;
@@ -348,10 +358,10 @@ void modules_have_gone() noexcept {
     unloading.fetch_sub(1);
 }
 
-void make_no_system_calls() noexcept {
+void confine(bool is_strict) noexcept {
     if (is_recording())
         thread_number();
-    this_process.without_system_calls = true;
+    (is_strict ? this_process.without_system_calls : this_process.is_filtered) = true;
 }
 
 void put_early_records() noexcept {

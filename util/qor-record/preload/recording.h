@@ -75,8 +75,9 @@ inline bool belongs_to_outer_call(const machine_context& caller) noexcept {
 void modules_are_going() noexcept;
 void modules_have_gone() noexcept;
 
-// No more calls of the system from now on: a filter would end the process for one.
-void make_no_system_calls() noexcept;
+// The process gives up the right to call the system, but for reading, writing and its end (SECCOMP_MODE_STRICT), or has
+// its calls filtered (SECCOMP_MODE_FILTER). The system may end it for any other call.
+void confine(bool is_strict) noexcept;
 
 // Once, before any library of the program is initialised.
 void start_recording(char** environment) noexcept;
