@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Records programs with qor-record, among them such as trouble a recorder.
 
-    record_test.py --bin FOLDER --source FOLDER [--instrumented]
+    record_test.py --bin FOLDER --source FOLDER --build FOLDER --cmake PROGRAM [--instrumented]
 
 --instrumented: the programs are built with a sanitizer, and cannot be recorded.
 """
@@ -498,6 +498,25 @@ class Control(Recorded):
         self.finish(process)
 
 
+class Installed(Recorded):
+    def test_the_installed_recorder(self):
+        """It finds its library where that is installed, also if it is called by a link."""
+        done = subprocess.run([options.cmake, "--install", options.build, "--prefix", self.folder / "installed"], capture_output=True, text=True)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        program = self.folder / "installed/bin/qor-record"
+        self.assertTrue((self.folder / "installed/lib/qor/libqor-record.so").exists())
+        (self.folder / "link").symlink_to(program)
+        for each in (program, self.folder / "link"):
+            done = subprocess.run([each, "-o", "log", options.bin / "troubles", "leave_at_once"], cwd=self.folder, env=self.environment,
+                                  capture_output=True, text=True)
+            self.assertEqual(done.returncode, 7, done.stderr)
+            self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71001: 1})
+        (self.folder / "installed/lib/qor/libqor-record.so").unlink()
+        done = subprocess.run([program, "true"], cwd=self.folder, env=self.environment, capture_output=True, text=True)
+        self.assertEqual((done.returncode, done.stderr),
+                         (1, f"record: {self.folder}/installed/lib/qor/libqor-record.so is missing: it is installed with this program\n"))
+
+
 class Instrumented(Recorded):
     def test_what_cannot_be_recorded(self):
         self.refused("is built with a sanitizer", options.bin / "leaky")
@@ -505,8 +524,10 @@ class Instrumented(Recorded):
 
 def main():
     parser = argparse.ArgumentParser()
+    parser.add_argument("--build", required=True)
+    parser.add_argument("--cmake", required=True)
     parser.add_argument("--instrumented", action="store_true")
-    return run(lambda: [Instrumented] if options.instrumented else [Programs, Troubles, Files, Control], parser)
+    return run(lambda: [Instrumented] if options.instrumented else [Programs, Troubles, Files, Control, Installed], parser)
 
 
 if __name__ == "__main__":
