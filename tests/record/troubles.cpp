@@ -1,11 +1,14 @@
 // Things that a recorded program may do to its recorder. The first argument chooses one; each kind of block has its own
 // size, by which the test finds it in the report.
+#include <atomic>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
+#include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <mcheck.h>
 #include <new>
@@ -189,6 +192,52 @@ int be_confined() {
     return 1;
 }
 
+// The filter ends the process for calls that it does not make by itself. It has several threads.
+int be_filtered(long (*install)(const sock_fprog& filter)) {
+    constexpr std::uint32_t allowed[] = {SYS_mmap,    SYS_munmap, SYS_mremap,    SYS_mprotect,
+                                         SYS_madvise, SYS_brk,    SYS_exit_group};
+    constexpr std::uint8_t count = std::size(allowed);
+    sock_filter filter[count + 3] = {{BPF_LD | BPF_W | BPF_ABS, 0, 0, 0}};
+    for (std::uint8_t i = 0; i < count; ++i)
+        filter[1 + i] = {BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint8_t>(count - i), 0, allowed[i]};
+    filter[count + 1] = {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_KILL_PROCESS};
+    filter[count + 2] = {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW};
+    static std::atomic<int> begun, ended;
+    for (int i = 0; i < 2; ++i)
+        std::thread([] {
+            for (++begun; begun < 3;) {
+            }
+            work();
+            lose(71003);
+            for (++ended;;) {
+            }
+        }).detach();
+    lose(71001);
+    while (begun < 2) {
+    }
+    const sock_fprog program{count + 3, filter};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || install(program) != 0)
+        return 77;
+    ++begun;
+    for (int i = 0; i < 100'000; ++i) // more than wait for the recorder anywhere
+        use(72001);
+    lose(71002);
+    while (ended < 2) {
+    }
+    _exit(0);
+}
+
+int be_filtered_by_prctl() {
+    return be_filtered(
+        [](const sock_fprog& filter) -> long { return prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter); });
+}
+
+int be_filtered_by_seccomp() {
+    return be_filtered([](const sock_fprog& filter) {
+        return syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &filter);
+    });
+}
+
 // A child that executes a program where it reaches no socket.
 int execute_confined() {
     lose(71001);
@@ -365,6 +414,8 @@ constexpr trouble troubles[] = {
     {"fork_between_threads", fork_between_threads},
     {"become_another", become_another},
     {"be_confined", be_confined},
+    {"be_filtered_by_prctl", be_filtered_by_prctl},
+    {"be_filtered_by_seccomp", be_filtered_by_seccomp},
     {"execute_confined", execute_confined},
     {"drop_rights", drop_rights},
     {"live_within_limits", live_within_limits},

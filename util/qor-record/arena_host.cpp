@@ -12,6 +12,7 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <utility>
 
 namespace qor::record {
 
@@ -142,6 +143,17 @@ bool arena_host::is_worth_waiting(std::uint64_t expected, std::uint64_t come, st
     given_up += expected - come;
     since = 0;
     return false;
+}
+
+bool arena_host::has_new_executions() {
+    const std::uint64_t count = m_shared->executions_begun.load(std::memory_order_acquire);
+    return std::exchange(m_known_executions, count) != count;
+}
+
+bool arena_host::is_program_of(std::int32_t process) const {
+    program_image found{};
+    const bool is_known = m_shared->image != program_image{} && image_of(process, found);
+    return !is_known || found == m_shared->image;
 }
 
 std::vector<unsigned> arena_host::new_sessions() const {

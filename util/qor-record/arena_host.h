@@ -52,6 +52,12 @@ public:
     // Whether a process is forking. A child that does not come in time was not made, or ended at once.
     bool forks_are_under_way();
 
+    // Whether there are new entries of `executions` since the last call.
+    bool has_new_executions();
+
+    // Whether a process runs the program of this arena, as far as can be seen.
+    bool is_program_of(std::int32_t process) const;
+
     // The sessions that processes have taken, without those that were given to know_session().
     std::vector<unsigned> new_sessions() const;
     void know_session(unsigned index) {
@@ -96,6 +102,7 @@ private:
     std::string m_program;
     std::vector<bool> m_is_known = std::vector<bool>(most_sessions);
     std::uint64_t m_known_count = 1;
+    std::uint64_t m_known_executions = 0;
     std::uint64_t m_forks_given_up = 0;
     std::uint64_t m_forks_since = 0; // when the wait for them began; 0: nothing is awaited
     std::uint64_t m_sessions_since = 0;

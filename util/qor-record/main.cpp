@@ -9,14 +9,17 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <gnu/libc-version.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -100,7 +103,20 @@ int wait_for(pid_t program, int signals) {
     }
 }
 
+// The preload asks the C library for the module of an address, which older ones cannot tell.
+bool has_new_c_library() {
+    int major = 0, minor = 0;
+    const char* const version = ::gnu_get_libc_version();
+    const bool is_read = std::sscanf(version, "%d.%d", &major, &minor) == 2;
+    if (is_read && std::pair(major, minor) >= std::pair(2, 35))
+        return true;
+    say(message::old_c_library, {version});
+    return false;
+}
+
 int record(const options& chosen) {
+    if (!has_new_c_library())
+        return 1;
     const std::string path = find_program(chosen.command[0]);
     if (path.empty()) {
         say(message::program_not_found, {chosen.command[0]});

@@ -25,6 +25,7 @@ constexpr int spare_descriptor = 700;         // out of the way of those that a 
 constexpr std::uint64_t few_records = 10'000; // a forked child with fewer leaves no log if it executes a program
 constexpr std::uint64_t millisecond = 1'000'000;
 constexpr std::uint64_t undecided_time = 1000 * millisecond;
+constexpr std::uint64_t look_time = 50 * millisecond;
 constexpr std::uint64_t flush_time = 200 * millisecond;
 constexpr std::uint64_t records_at_a_time = ring_size / 4;
 
@@ -149,7 +150,7 @@ recorded_process& recorder::add(const std::shared_ptr<arena_host>& host, unsigne
     added.log = std::make_unique<process_log>(*host, index, number);
     added.log->stop(m_is_stopped);
     added.program = host->program();
-    added.handle = open_process(number);
+    added.handle = number != 0 ? open_process(number) : -1;
     added.known_since = steady_time();
     added.is_forked = index != 0;
     host->know_session(index);
@@ -159,6 +160,9 @@ recorded_process& recorder::add(const std::shared_ptr<arena_host>& host, unsigne
 // A process that has executed a program is another one from then on.
 void recorder::add_executed(const std::shared_ptr<arena_host>& host, std::int32_t number) {
     find_forked();
+    for (const auto& each : m_arenas)
+        m_executed.read(each);
+    m_executed.forget(number);
     bool is_first = number == m_first_process;
     if (recorded_process* const before = find(number)) {
         before->was_replaced = true;
@@ -169,6 +173,19 @@ void recorder::add_executed(const std::shared_ptr<arena_host>& host, std::int32_
     host->set_program(program_of(number));
     host->shared().is_first = is_first ? 1 : 0;
     add(host, 0, number).is_first = is_first;
+}
+
+// The number of a process in its own namespace, which another one may have later.
+std::int32_t recorder::inner_number(const recorded_process& of) {
+    return of.is_over ? of.inner_number : of.host->shared().sessions[of.log->session_index()].process;
+}
+
+// Whether the numbers in the namespace of a process are not those here.
+bool recorder::is_elsewhere(const arena_host& host, const session& of) const {
+    return of.parent_process == 0 || std::ranges::any_of(m_processes, [&](const recorded_process& parent) {
+               return parent.host.get() == &host && parent.log->number() == of.parent &&
+                      (parent.is_elsewhere || parent.log->process() != inner_number(parent));
+           });
 }
 
 // Parents before their children, and children in the order in which they were forked: the place in the parent's log
@@ -184,7 +201,11 @@ void recorder::find_forked() {
         });
         for (const unsigned index : found) {
             const session& of = host->shared().sessions[index];
-            recorded_process& added = add(host, index, of.process);
+            const bool is_here = !is_elsewhere(*host, of);
+            const std::int32_t number = is_here ? of.process : find_in_namespaces(of.process, host->shared().image);
+            recorded_process& added = add(host, index, number != 0 ? number : of.process);
+            added.is_elsewhere = !is_here;
+            added.was_gone = number == 0;
             for (recorded_process& each : m_processes) {
                 if (each.host != host || each.log->number() != of.parent)
                     continue;
@@ -196,6 +217,49 @@ void recorder::find_forked() {
             }
         }
     }
+}
+
+// Programs that processes have become or started without an arena of their own.
+void recorder::find_executed() {
+    for (const auto& each : m_arenas)
+        m_executed.read(each);
+    m_executed.look();
+    const std::uint64_t now = steady_time();
+    if (now - m_last_look < look_time)
+        return;
+    m_last_look = now;
+    for (const recorded_process& each : m_processes)
+        if (!each.is_over && !each.host->is_program_of(each.log->process()))
+            m_executed.add(each.log->process(), program_of(each.log->process()));
+}
+
+bool recorder::has_arena(std::int32_t process, std::uint64_t since) const {
+    return std::ranges::any_of(m_processes, [=](const recorded_process& each) {
+        if (each.is_forked || each.known_since < since)
+            return false;
+        return each.log->process() == process || inner_number(each) == process;
+    });
+}
+
+void recorder::add_up(const arena& of) {
+    m_unrecorded_children += of.unrecorded_children.load();
+    m_unnamed_executions += of.unnamed_executions.load();
+    m_stacks_were_full = m_stacks_were_full || of.nodes_are_full.load() != 0;
+}
+
+// An arena takes memory as long as it exists. The first one tells the summary whether anything was recorded.
+void recorder::drop_arenas() {
+    std::erase_if(m_arenas, [this](const std::shared_ptr<arena_host>& host) {
+        const auto needs = [&](const recorded_process& each) { return !each.is_over && each.host == host; };
+        if (host == m_arenas.front() || std::ranges::any_of(m_processes, needs) || host->awaits_children())
+            return false;
+        m_executed.read(host);
+        add_up(host->shared());
+        for (recorded_process& each : m_processes)
+            if (each.host == host)
+                each.host.reset();
+        return true;
+    });
 }
 
 int recorder::create_files(recorded_process& of) {
@@ -218,7 +282,7 @@ void recorder::begin_files(recorded_process& of) {
 }
 
 bool recorder::has_ended(const recorded_process& of) const {
-    return (of.is_first && m_exit_code >= 0) || record::has_ended(of.log->process(), of.handle);
+    return (of.is_first && m_exit_code >= 0) || of.was_gone || record::has_ended(of.log->process(), of.handle);
 }
 
 // Whether it is worth a log: a child that only executes a program leaves nothing.
@@ -250,10 +314,13 @@ void recorder::tell_failure(recorded_process& of) {
 void recorder::end(recorded_process& of) {
     if (of.is_over)
         return;
+    of.inner_number = inner_number(of);
     of.is_over = true;
+    m_executed.read(of.host);
+    const bool has_executed = of.was_replaced || m_executed.has(of.log->process());
     of.is_dropped = of.is_forked && !of.has_forked &&
                     (of.log->waiting() + of.log->own_lines() == 0 ||
-                     (of.was_replaced && of.log->waiting() + of.log->own_lines() < few_records));
+                     (has_executed && of.log->waiting() + of.log->own_lines() < few_records));
     if (!of.is_dropped && !of.has_files)
         begin_files(of);
     while (!of.is_dropped && of.log->drain(ring_size, true) != 0) {
@@ -274,6 +341,13 @@ void recorder::end(recorded_process& of) {
         ::close(of.handle);
     of.handle = -1;
     of.host->release_session(of.log->session_index());
+}
+
+// Processes that run a program which is not recorded.
+void recorder::end_replaced() {
+    for (recorded_process& each : m_processes)
+        if (!each.is_over && m_executed.has(each.log->process()))
+            end(each);
 }
 
 void recorder::hear_front() {
@@ -319,14 +393,20 @@ bool recorder::work() {
     replace_spare();
     find_forked();
     bool is_busy = false;
+    bool has_ended_one = false;
     for (recorded_process& each : m_processes) {
         if (each.is_over)
             continue;
         const bool is_last = has_ended(each);
         is_busy = drain(each) || is_busy;
-        if (is_last && !each.host->awaits_children())
+        if (is_last && !each.host->awaits_children()) {
             end(each);
+            has_ended_one = true;
+        }
     }
+    find_executed();
+    if (has_ended_one)
+        drop_arenas();
     return is_busy;
 }
 
@@ -367,12 +447,16 @@ void recorder::run(int front) {
     for (unsigned idle_rounds = 0;;) {
         const bool is_busy = work();
         const bool is_first_over = m_exit_code >= 0 || m_front < 0;
+        if (is_first_over && !m_executed.are_starting())
+            end_replaced();
         const bool are_all_over = std::ranges::all_of(m_processes, &recorded_process::is_over);
-        if (is_first_over && are_all_over &&
-            std::ranges::none_of(m_arenas, [](const auto& each) { return each->awaits_children(); }))
+        if (is_first_over && m_executed.are_starting()) {
+            // A program that is being loaded may ask for an arena.
+        } else if (is_first_over && are_all_over &&
+                   std::ranges::none_of(m_arenas, [](const auto& each) { return each->awaits_children(); })) {
             break;
-        // The recording of processes that the program has left running goes on, but nobody waits for it.
-        if (is_first_over && !are_all_over && !is_dismissed && !find(m_first_process)) {
+        } else if (is_first_over && !are_all_over && !is_dismissed && !find(m_first_process)) {
+            // The recording of processes that the program has left running goes on, but nobody waits for it.
             is_dismissed = true;
             dismiss_front();
         }

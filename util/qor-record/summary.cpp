@@ -2,6 +2,7 @@
 #include "messages.h"
 #include "recorder.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <unistd.h>
@@ -19,6 +20,15 @@ std::string quoted(const std::string& word) {
     for (const char c : word)
         result += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return result + '\'';
+}
+
+// "12, 13, 14"; of many the first ones.
+std::string list_of(const std::vector<std::int32_t>& processes) {
+    constexpr std::size_t most = 10;
+    std::string list;
+    for (std::size_t i = 0; i < std::min(processes.size(), most); ++i)
+        (list += i != 0 ? ", " : "") += std::to_string(processes[i]);
+    return processes.size() > most ? list + ", ..." : list;
 }
 
 // The number of lines in the framework's log; -1: the file is missing or empty.
@@ -85,15 +95,15 @@ void recorder::summarise() {
             summarise(each);
     if (m_has_own_malloc)
         say(message::own_malloc, {m_program});
-    std::uint64_t unrecorded = 0;
-    bool stacks_were_full = false;
-    for (const auto& each : m_arenas) {
-        unrecorded += each->shared().unrecorded_children.load();
-        stacks_were_full = stacks_were_full || each->shared().nodes_are_full.load() != 0;
-    }
-    if (unrecorded != 0)
-        say(message::unrecorded_children, {std::to_string(unrecorded)});
-    if (stacks_were_full)
+    for (const auto& [program, processes] : m_executed.unrecorded())
+        say(message::unrecorded_program, {program, list_of(processes)});
+    for (const auto& each : m_arenas)
+        add_up(each->shared());
+    if (m_unrecorded_children != 0)
+        say(message::unrecorded_children, {std::to_string(m_unrecorded_children)});
+    if (m_unnamed_executions != 0)
+        say(message::unnamed_executions, {std::to_string(m_unnamed_executions)});
+    if (m_stacks_were_full)
         say(message::stacks_were_full, {m_names.shown(m_names.stacks())});
     summarise_memcheck(command);
     // In the tree, where the tool is built by its own command.

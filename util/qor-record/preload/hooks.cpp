@@ -86,6 +86,21 @@ template <class Call, class Block, class Size>
     return result;
 }
 
+// The same for a function of the allocator.
+template <class Function, class Call, class Block>
+[[gnu::always_inline]] inline auto observe_allocator(Function* function, const machine_context& caller, Call call,
+                                                     Block block, std::size_t size) noexcept {
+    if (belongs_to_outer_call(caller)) [[unlikely]]
+        return call();
+    return observe(
+        caller,
+        [=] {
+            const call_scope scope(called_allocator, function);
+            return call();
+        },
+        block, [=](const void*) { return size; });
+}
+
 template <class Function, class... Arguments>
 [[gnu::always_inline]] inline void* allocate(next_function<Function>& next, const machine_context& caller,
                                              std::size_t size, Arguments... arguments) noexcept {
@@ -94,21 +109,26 @@ template <class Function, class... Arguments>
         errno = ENOMEM;
         return nullptr;
     }
-    return observe(
-        caller, [=] { return function(arguments...); }, [](void* made) { return made; },
-        [=](const void*) { return size; });
+    return observe_allocator(
+        function, caller, [=] { return function(arguments...); }, [](void* made) { return made; }, size);
 }
 
-// realloc and those that are made of it. An allocator's own realloc may call malloc and free, which are hooked: those
-// do not record the old block's release once more, and the new block is recorded there.
+// realloc and those that are made of it. An allocator's own realloc may call malloc and free, which are hooked. If the
+// stack does not show that it has called them, they are told apart by their blocks.
 [[gnu::always_inline]] inline void* reallocate(void* block, std::size_t size, const machine_context& caller) noexcept {
     auto* const function = find(next_realloc);
     if (block == nullptr)
         return allocate(next_realloc, caller, size, nullptr, size);
+    if (belongs_to_outer_call(caller)) [[unlikely]]
+        return function(block, size);
     record_release(record_kind::moved_from, block, caller);
     const announced_release scope(block);
     const unsigned long before = records_of_this_thread();
-    void* const moved = function(block, size);
+    const auto move = [=] {
+        const call_scope call(called_allocator, function);
+        return function(block, size);
+    };
+    void* const moved = move();
     if (moved != nullptr && !has_recorded(moved, before))
         record_allocation(record_kind::moved_to, moved, size, caller);
     else if (moved == nullptr && size != 0)
@@ -132,9 +152,10 @@ template <class Function, class... Arguments>
         return;
     if (announced == block) [[unlikely]]
         announced = nullptr;
-    else
+    else if (!belongs_to_outer_call(caller)) [[likely]]
         record_release(record_kind::release, block, caller);
     Function* const function = find(next);
+    const call_scope call(called_allocator, function);
     if constexpr (sizeof...(arguments) != 0) { // it may call free
         const announced_release scope(block);
         if (function != nullptr)
@@ -147,12 +168,13 @@ template <class Function, class... Arguments>
 }
 
 // The result of a function that makes a text.
-template <class Call>
-[[gnu::always_inline]] inline auto duplicate(const machine_context& caller, Call call,
-                                             std::size_t (*size)(const void*)) noexcept {
-    const allocating_for_caller scope;
+template <class Function, class... Arguments>
+[[gnu::always_inline]] inline auto duplicate(next_function<Function>& next, const machine_context& caller,
+                                             std::size_t (*size)(const void*), Arguments... arguments) noexcept {
+    Function* const function = find(next);
+    const call_scope scope(called_text_function, function);
     return observe(
-        caller, call, [](const void* made) { return made; }, size);
+        caller, [=] { return function(arguments...); }, [](const void* made) { return made; }, size);
 }
 
 std::size_t size_of_text(const void* text) noexcept { return strlen(static_cast<const char*>(text)) + 1; }
@@ -160,11 +182,14 @@ std::size_t size_of_wide_text(const void* text) noexcept {
     return (wcslen(static_cast<const wchar_t*>(text)) + 1) * sizeof(wchar_t);
 }
 
-template <class Call>
-[[gnu::always_inline]] inline int print(char** text, const machine_context& caller, Call call) noexcept {
-    const allocating_for_caller scope;
+template <class Function, class... Arguments>
+[[gnu::always_inline]] inline int print(next_function<Function>& next, const machine_context& caller, char** text,
+                                        Arguments... arguments) noexcept {
+    Function* const function = find(next);
+    const call_scope scope(called_text_function, function);
     return observe(
-        caller, call, [text](int length) { return length < 0 ? nullptr : *text; }, size_of_text);
+        caller, [=] { return function(text, arguments...); },
+        [text](int length) { return length < 0 ? nullptr : *text; }, size_of_text);
 }
 
 template <class Function>
@@ -259,9 +284,9 @@ QOR_HOOK void* aligned_alloc(std::size_t alignment, std::size_t size) {
 
 QOR_HOOK int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
     auto* const function = find(next_posix_memalign);
-    return observe(
-        capture_context(), [=] { return function(result, alignment, size); },
-        [=](int reason) { return reason == 0 ? *result : nullptr; }, [=](const void*) { return size; });
+    return observe_allocator(
+        function, capture_context(), [=] { return function(result, alignment, size); },
+        [=](int reason) { return reason == 0 ? *result : nullptr; }, size);
 }
 
 QOR_HOOK void* valloc(std::size_t size) { return allocate(next_valloc, capture_context(), size, size); }
@@ -275,69 +300,50 @@ QOR_HOOK std::size_t malloc_usable_size(void* block) {
     return function != nullptr ? function(block) : 0;
 }
 
-QOR_HOOK char* strdup(const char* text) {
-    auto* const function = find(next_strdup);
-    return duplicate(
-        capture_context(), [=] { return function(text); }, size_of_text);
-}
+QOR_HOOK char* strdup(const char* text) { return duplicate(next_strdup, capture_context(), size_of_text, text); }
 
-QOR_HOOK char* __strdup(const char* text) {
-    auto* const function = find(next_strdup);
-    return duplicate(
-        capture_context(), [=] { return function(text); }, size_of_text);
-}
+QOR_HOOK char* __strdup(const char* text) { return duplicate(next_strdup, capture_context(), size_of_text, text); }
 
 QOR_HOOK char* strndup(const char* text, std::size_t size) {
-    auto* const function = find(next_strndup);
-    return duplicate(
-        capture_context(), [=] { return function(text, size); }, size_of_text);
+    return duplicate(next_strndup, capture_context(), size_of_text, text, size);
 }
 
 QOR_HOOK char* __strndup(const char* text, std::size_t size) {
-    auto* const function = find(next_strndup);
-    return duplicate(
-        capture_context(), [=] { return function(text, size); }, size_of_text);
+    return duplicate(next_strndup, capture_context(), size_of_text, text, size);
 }
 
 QOR_HOOK wchar_t* wcsdup(const wchar_t* text) {
-    auto* const function = find(next_wcsdup);
-    return duplicate(
-        capture_context(), [=] { return function(text); }, size_of_wide_text);
+    return duplicate(next_wcsdup, capture_context(), size_of_wide_text, text);
 }
 
 QOR_HOOK int vasprintf(char** result, const char* format, va_list arguments) {
-    auto* const function = find(next_vasprintf);
-    return print(result, capture_context(), [&] { return function(result, format, arguments); });
+    return print(next_vasprintf, capture_context(), result, format, arguments);
 }
 
 QOR_HOOK int asprintf(char** result, const char* format, ...) {
-    auto* const function = find(next_vasprintf);
     va_list arguments;
     va_start(arguments, format);
-    const int length = print(result, capture_context(), [&] { return function(result, format, arguments); });
+    const int length = print(next_vasprintf, capture_context(), result, format, arguments);
     va_end(arguments);
     return length;
 }
 
 QOR_HOOK int __asprintf(char** result, const char* format, ...) {
-    auto* const function = find(next_vasprintf);
     va_list arguments;
     va_start(arguments, format);
-    const int length = print(result, capture_context(), [&] { return function(result, format, arguments); });
+    const int length = print(next_vasprintf, capture_context(), result, format, arguments);
     va_end(arguments);
     return length;
 }
 
 QOR_HOOK int __vasprintf_chk(char** result, int flag, const char* format, va_list arguments) {
-    auto* const function = find(next___vasprintf_chk);
-    return print(result, capture_context(), [&] { return function(result, flag, format, arguments); });
+    return print(next___vasprintf_chk, capture_context(), result, flag, format, arguments);
 }
 
 QOR_HOOK int __asprintf_chk(char** result, int flag, const char* format, ...) {
-    auto* const function = find(next___vasprintf_chk);
     va_list arguments;
     va_start(arguments, format);
-    const int length = print(result, capture_context(), [&] { return function(result, flag, format, arguments); });
+    const int length = print(next___vasprintf_chk, capture_context(), result, flag, format, arguments);
     va_end(arguments);
     return length;
 }
@@ -351,7 +357,7 @@ QOR_HOOK int dlclose(void* library) {
     return result;
 }
 
-// Strict mode allows a thread to read, write and end: the recorder then gets its records without a call of the system.
+// The recorder gets the records without a call of the system then.
 QOR_HOOK int prctl(int operation, ...) {
     auto* const function = find(next_prctl);
     va_list list;
@@ -361,8 +367,8 @@ QOR_HOOK int prctl(int operation, ...) {
     const auto c = va_arg(list, unsigned long);
     const auto d = va_arg(list, unsigned long);
     va_end(list);
-    if (operation == PR_SET_SECCOMP && a == SECCOMP_MODE_STRICT)
-        make_no_system_calls();
+    if (operation == PR_SET_SECCOMP)
+        confine(a == SECCOMP_MODE_STRICT);
     return function(operation, a, b, c, d);
 }
 

@@ -1,17 +1,22 @@
 // The functions that execute a program: they see to it that the program finds the recorder, although the environment
-// that it is given may have another LD_PRELOAD or nothing at all. All of them may be called in the child of a vfork, on
-// the stack and in the memory of its parent, so nothing is written but this stack.
+// that it is given may have another LD_PRELOAD or nothing at all, and tell the recorder which program it is. Most may
+// be called in the child of a vfork, on the stack and in the memory of its parent, so they write to this stack and to
+// the arena alone.
 #include "next.h"
 #include "process.h"
 #include "raw_calls.h"
+#include "recording.h"
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
+#include <linux/seccomp.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <unistd.h>
+#include <wordexp.h>
 
 namespace qor::record {
 
@@ -30,6 +35,10 @@ QOR_NEXT(posix_spawn,
          int(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, variables, variables));
 QOR_NEXT(posix_spawnp,
          int(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, variables, variables));
+QOR_NEXT(system, int(const char*));
+QOR_NEXT(popen, FILE*(const char*, const char*));
+QOR_NEXT(wordexp, int(const char*, wordexp_t*, int));
+QOR_NEXT(syscall, long(long, long, long, long, long, long, long));
 
 template <class Function>
 Function* find(next_function<Function>& next) noexcept {
@@ -144,10 +153,55 @@ int with_complete(variables given, Call call) noexcept {
     return call(complete(given, static_cast<char*>(__builtin_alloca(size))));
 }
 
+// Tells the recorder which program a process becomes or has become. Null: it was not told.
+execution* announce(std::int32_t process, const char* program, bool is_new_process) noexcept {
+    arena& shared = *this_process.shared;
+    for (execution& each : shared.executions) {
+        std::int32_t unused = 0;
+        if (each.process.load(std::memory_order_relaxed) != 0 || !each.process.compare_exchange_strong(unused, -1))
+            continue;
+        const std::size_t length = program != nullptr ? strnlen(program, sizeof each.program - 1) : 0;
+        memcpy(each.program, program, length);
+        each.program[length] = '\0';
+        each.is_new_process = is_new_process ? 1 : 0;
+        each.process.store(process, std::memory_order_release);
+        shared.executions_begun.fetch_add(1, std::memory_order_release);
+        return &each;
+    }
+    shared.unnamed_executions.fetch_add(1, std::memory_order_relaxed);
+    return nullptr;
+}
+
+// A call that returns only if the program could not be executed.
+template <class Call>
+int become(const char* program, variables given, Call call) noexcept {
+    execution* const announced =
+        follows_programs() ? announce(static_cast<std::int32_t>(raw_call(SYS_getpid)), program, false) : nullptr;
+    const int result = with_complete(given, call);
+    if (announced != nullptr)
+        announced->process.store(0, std::memory_order_release);
+    return result;
+}
+
 template <class Function>
 int execute(next_function<Function>& next, const char* file, variables words, variables environment) noexcept {
     Function* const function = find(next);
-    return with_complete(environment, [=](variables all) { return function(file, words, all); });
+    return become(file, environment, [=](variables all) { return function(file, words, all); });
+}
+
+// A program in a new process. The recorder may leave out the children.
+template <class Function>
+int spawn(next_function<Function>& next, pid_t* process, const char* file, const posix_spawn_file_actions_t* actions,
+          const posix_spawnattr_t* attributes, variables words, variables environment) noexcept {
+    Function* const function = find(next);
+    pid_t made = 0;
+    const int result = with_complete(
+        environment, [&](variables all) { return function(&made, file, actions, attributes, words, all); });
+    if (result == 0 && process != nullptr)
+        *process = made;
+    if (result == 0 && follows_programs() && this_process.shared->followed_process == 0)
+        (void)announce(made, file, true);
+    return result;
 }
 
 // FIRST and what follows up to a null pointer, and behind it the environment if that is given too.
@@ -166,6 +220,94 @@ int execute_list(next_function<Function>& next, const char* file, const char* fi
         words[i] = va_arg(list, char*);
     return execute(next, file, words, has_environment ? va_arg(list, variables) : environ);
 }
+
+// The functions of the C library that start a shell give it the environment of the process. While one of them runs,
+// that has what the shell needs to find the recorder, if the program has removed it.
+class complete_environment {
+public:
+    complete_environment() noexcept {
+        lock();
+        if (users != 0 || add()) {
+            ++users;
+            m_is_user = true;
+        }
+        unlock();
+    }
+    ~complete_environment() {
+        if (!m_is_user)
+            return;
+        lock();
+        if (users != 0 && --users == 0)
+            remove();
+        unlock();
+    }
+    complete_environment(const complete_environment&) = delete;
+    complete_environment& operator=(const complete_environment&) = delete;
+
+private:
+    // Not a mutex: a child that was forked meanwhile finds it held by another process, and takes it over.
+    static void lock() noexcept {
+        const auto own = static_cast<std::int32_t>(raw_call(SYS_getpid));
+        std::int32_t other = 0;
+        while (!holder.compare_exchange_weak(other, own, std::memory_order_acquire)) {
+            if (other != own && other != 0) {
+                users = 0;
+                continue; // `other` is what the next exchange expects
+            }
+            other = 0;
+            pause_briefly();
+        }
+    }
+    static void unlock() noexcept { holder.store(0, std::memory_order_release); }
+
+    // False: nothing lacks.
+    static bool add() noexcept {
+        if (room_for(environ) == 0)
+            return false;
+        const char* const preload = find_variable(environ, preload_name);
+        has_library = has_own_path(preload);
+        if (!has_library) {
+            if (preload != nullptr &&
+                strlen(preload) + strlen(own_path) + sizeof preload_name + 2 > sizeof added_preload)
+                return false;
+            char* at = append(append(append(added_preload, preload_name), "="), own_path);
+            if (preload != nullptr && *preload != '\0')
+                append(append(at, ":"), preload);
+            append(append(append(added_before, preload_variable), "="), preload != nullptr ? preload : "");
+            // The text of the program itself, which is put back.
+            replaced = preload != nullptr ? const_cast<char*>(preload) - sizeof preload_name : nullptr;
+            putenv(added_preload);
+            putenv(added_before);
+        }
+        has_record = find_variable(environ, record_variable) != nullptr;
+        if (!has_record)
+            putenv(record_text);
+        return true;
+    }
+
+    static void remove() noexcept {
+        const int reason = errno;
+        if (!has_library) {
+            if (replaced != nullptr)
+                putenv(replaced);
+            else
+                unsetenv(preload_name);
+            unsetenv(preload_variable);
+        }
+        if (!has_record)
+            unsetenv(record_variable);
+        errno = reason;
+    }
+
+    inline static std::atomic<std::int32_t> holder;
+    inline static unsigned users;
+    inline static bool has_library, has_record;
+    inline static char* replaced;
+    inline static char added_preload[2 * sizeof own_path];
+    inline static char added_before[2 * sizeof own_path];
+
+    bool m_is_user = false;
+};
 
 void copy_variable(char* to, std::size_t size, const char* name) noexcept {
     const char* const value = getenv(name);
@@ -188,6 +330,7 @@ void prepare_executions() noexcept {
     find(next_execveat);
     find(next_posix_spawn);
     find(next_posix_spawnp);
+    find(next_syscall);
 }
 
 } // namespace qor::record
@@ -234,28 +377,53 @@ QOR_HOOK int execle(const char* path, const char* first, ...) noexcept {
 
 QOR_HOOK int fexecve(int file, variables words, variables environment) noexcept {
     auto* const function = find(next_fexecve);
-    return with_complete(environment, [=](variables all) { return function(file, words, all); });
+    return become("", environment, [=](variables all) { return function(file, words, all); });
 }
 
 QOR_HOOK int execveat(int folder, const char* path, variables words, variables environment, int flags) noexcept {
     auto* const function = find(next_execveat);
-    if (function == nullptr) { // a C library before 2.34
-        errno = ENOSYS;
-        return -1;
-    }
-    return with_complete(environment, [=](variables all) { return function(folder, path, words, all, flags); });
+    return become(path, environment, [=](variables all) { return function(folder, path, words, all, flags); });
 }
 
 QOR_HOOK int posix_spawn(pid_t* process, const char* path, const posix_spawn_file_actions_t* actions,
                          const posix_spawnattr_t* attributes, variables words, variables environment) {
-    auto* const function = find(next_posix_spawn);
-    return with_complete(environment,
-                         [=](variables all) { return function(process, path, actions, attributes, words, all); });
+    return spawn(next_posix_spawn, process, path, actions, attributes, words, environment);
 }
 
 QOR_HOOK int posix_spawnp(pid_t* process, const char* file, const posix_spawn_file_actions_t* actions,
                           const posix_spawnattr_t* attributes, variables words, variables environment) {
-    auto* const function = find(next_posix_spawnp);
-    return with_complete(environment,
-                         [=](variables all) { return function(process, file, actions, attributes, words, all); });
+    return spawn(next_posix_spawnp, process, file, actions, attributes, words, environment);
+}
+
+QOR_HOOK int system(const char* line) {
+    auto* const function = find(next_system);
+    const complete_environment scope;
+    return function(line);
+}
+
+QOR_HOOK FILE* popen(const char* line, const char* mode) {
+    auto* const function = find(next_popen);
+    const complete_environment scope;
+    return function(line, mode);
+}
+
+QOR_HOOK int wordexp(const char* words, wordexp_t* result, int flags) {
+    auto* const function = find(next_wordexp);
+    const complete_environment scope;
+    return function(words, result, flags);
+}
+
+// The C library's function has a variable number of arguments, and reads all that a call of the system can have. With
+// as many parameters here, a call that does not execute a program is a jump to it.
+QOR_HOOK long record_syscall(long number, long a, long b, long c, long d, long e, long f) __asm__("syscall");
+QOR_HOOK long record_syscall(long number, long a, long b, long c, long d, long e, long f) {
+    if (number == SYS_execve) [[unlikely]]
+        return execve(as_pointer<const char>(a), as_pointer<char* const>(b), as_pointer<char* const>(c));
+    auto* const function = find(next_syscall);
+    if (number == SYS_seccomp && (a == SECCOMP_SET_MODE_STRICT || a == SECCOMP_SET_MODE_FILTER)) [[unlikely]]
+        confine(a == SECCOMP_SET_MODE_STRICT);
+    if (number == SYS_execveat) [[unlikely]]
+        return become(as_pointer<const char>(b), as_pointer<char* const>(d),
+                      [=](variables all) { return static_cast<int>(function(number, a, b, c, as_word(all), e, f)); });
+    return function(number, a, b, c, d, e, f);
 }

@@ -11,6 +11,7 @@ struct process_state {
     ring_record* ring; // that of `own`
     unsigned own_index;
     bool without_system_calls;
+    bool is_filtered; // the calls that it makes by itself may be all that are allowed
     std::uint32_t depth;
 
     // A page that a fork clears, so that a child notices at its first record that it is one.

@@ -27,7 +27,6 @@ QOR_PER_THREAD struct {
     std::uint32_t process; // at a fork the thread gets another number
     std::uint32_t last_slot;
     bool is_starting;       // a child's session, in this very thread
-    std::uintptr_t wrapper; // the stack is below this place inside a function that allocates for its caller
     volatile unsigned puts; // how many put() are under way, one in the signal handler that has interrupted the other
     std::uint64_t tail;     // as it was seen last
     unsigned long records;
@@ -96,6 +95,7 @@ bool begin_child() noexcept {
     }
     session& own = shared.sessions[index];
     own.process = static_cast<std::int32_t>(raw_call(SYS_getpid));
+    own.parent_process = static_cast<std::int32_t>(raw_call(SYS_getppid));
     own.number = shared.session_count.fetch_add(1) + 1;
     own.parent = parent;
     own.fork_ticket = fork_ticket;
@@ -145,7 +145,7 @@ inline bool is_recording() noexcept {
             return true;
         if (this_process.owner->phase.load(std::memory_order_relaxed) != phase_running || recorder_is_gone(shared))
             break;
-        if (this_process.without_system_calls) {
+        if (this_process.without_system_calls || this_process.is_filtered) {
             for (int i = 0; i < 1000; ++i)
                 pause_briefly();
             continue;
@@ -161,11 +161,21 @@ inline bool is_recording() noexcept {
     return false;
 }
 
+// The C library knows the number and writes it into a mutex that the thread holds.
+std::uint32_t known_thread_number() noexcept {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&mutex);
+    const auto number = static_cast<std::uint32_t>(mutex.__data.__owner);
+    pthread_mutex_unlock(&mutex);
+    return number;
+}
+
 inline std::uint32_t thread_number() noexcept {
     const auto process = static_cast<std::uint32_t>(this_process.own->process);
     if (self.process != process) [[unlikely]] {
         self.process = process;
-        self.thread = this_process.without_system_calls ? 0 : static_cast<std::uint32_t>(raw_call(SYS_gettid));
+        const bool is_confined = this_process.without_system_calls || this_process.is_filtered;
+        self.thread = is_confined ? known_thread_number() : static_cast<std::uint32_t>(raw_call(SYS_gettid));
         self.last_slot =
             next_slot.fetch_add(1, std::memory_order_relaxed) % (sizeof last_tickets / sizeof *last_tickets);
         self.tail = 0;
@@ -208,27 +218,40 @@ void keep_early(record_kind kind, const void* block, std::uint64_t detail, std::
         ++early_lost;
 }
 
+std::uint32_t plain_module_of(std::uintptr_t address) noexcept { return module_of(address) & ~allocation_code; }
+
+// The index of the frame of the hook that has called FUNCTION, if all frames before it are in the library of FUNCTION.
+// `count`: they are not. A signal handler that has interrupted the function has its frame between them.
+unsigned frame_of_hook(const void* function, const std::uintptr_t* frames, unsigned first, unsigned count) noexcept {
+    const std::uint32_t library = plain_module_of(reinterpret_cast<std::uintptr_t>(function) + 1);
+    for (unsigned i = first; i < count && i < most_skipped; ++i) {
+        if (is_own_code(frames[i]))
+            return i;
+        if (plain_module_of(frames[i]) != library)
+            break;
+    }
+    return count;
+}
+
 // The index of the first frame outside of allocation functions.
 unsigned first_outside(const std::uintptr_t* frames, unsigned count) noexcept {
     unsigned first = 0;
     while (first + 1 < count && (module_of(frames[first]) & allocation_code) != 0)
         ++first;
-    if (self.wrapper == 0)
+    if (called_text_function == nullptr)
         return first;
-    for (unsigned i = first; i + 1 < count && i < most_skipped; ++i)
-        if (is_own_code(frames[i]))
-            return i + 1;
-    return first;
+    const unsigned hook = frame_of_hook(called_text_function, frames, first, count);
+    return hook + 1 < count ? hook + 1 : first;
 }
 
 // At depth 0 the caller alone.
 [[gnu::noinline]] std::uint32_t stack_of(const machine_context& caller, unsigned depth) noexcept {
     std::uintptr_t frames[most_frames + most_skipped];
     depth = depth != 0 ? depth : 1;
-    const bool is_inside = self.wrapper > caller.sp || (module_of(caller.pc) & allocation_code) != 0;
+    const bool is_inside = called_text_function != nullptr || (module_of(caller.pc) & allocation_code) != 0;
     if (depth == 1 && !is_inside)
         return node_of(&caller.pc, 1);
-    if (is_inside && depth == 1 && self.wrapper == 0) {
+    if (is_inside && depth == 1 && called_text_function == nullptr) {
         // Most often it is an operator new that has called malloc.
         const unsigned few = unwind(caller, frames, 4);
         const unsigned outside = few != 0 ? first_outside(frames, few) : 0;
@@ -306,11 +329,18 @@ void record_release(record_kind kind, const void* block, const machine_context& 
     put(kind, address_of(block), outside, module_of(outside) & ~allocation_code);
 }
 
-[[gnu::noinline]] allocating_for_caller::allocating_for_caller() noexcept : m_outer(self.wrapper) {
-    self.wrapper = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
+[[gnu::noinline]] bool is_called_by_allocator(const machine_context& caller) noexcept {
+    if (this_process.shared == nullptr)
+        return false;
+    if (is_own_code(caller.pc))
+        return true; // it has jumped to the hook
+    std::uintptr_t frames[most_skipped];
+    const std::uint32_t library = plain_module_of(reinterpret_cast<std::uintptr_t>(called_allocator) + 1);
+    if (plain_module_of(caller.pc) != library)
+        return false;
+    const unsigned count = unwind(caller, frames, most_skipped);
+    return frame_of_hook(called_allocator, frames, 0, count) < count;
 }
-
-allocating_for_caller::~allocating_for_caller() { self.wrapper = m_outer; }
 
 void modules_are_going() noexcept {
     unloading.fetch_add(1);
@@ -328,10 +358,10 @@ void modules_have_gone() noexcept {
     unloading.fetch_sub(1);
 }
 
-void make_no_system_calls() noexcept {
+void confine(bool is_strict) noexcept {
     if (is_recording())
         thread_number();
-    this_process.without_system_calls = true;
+    (is_strict ? this_process.without_system_calls : this_process.is_filtered) = true;
 }
 
 void put_early_records() noexcept {

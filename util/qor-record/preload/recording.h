@@ -41,25 +41,43 @@ private:
     const void* m_outer;
 };
 
-// A function of the C library that allocates for its caller, such as strdup: as long as this lives, blocks belong to
-// the caller of the hook that it stands in.
-class allocating_for_caller {
+// A function of an allocator that a hook has called, as long as it runs. It may call hooks in turn: its block is then
+// recorded once, by the hook that the program has called.
+inline __thread const void* called_allocator __attribute__((tls_model("initial-exec")));
+
+// A function of the C library that makes a text, such as strdup, as long as it runs. Blocks that it allocates belong to
+// the caller of its hook.
+inline __thread const void* called_text_function __attribute__((tls_model("initial-exec")));
+
+class call_scope {
 public:
-    allocating_for_caller() noexcept;
-    ~allocating_for_caller();
-    allocating_for_caller(const allocating_for_caller&) = delete;
-    allocating_for_caller& operator=(const allocating_for_caller&) = delete;
+    template <class Function>
+    call_scope(const void*& called, Function* function) noexcept : m_called(called), m_outer(called) {
+        called = reinterpret_cast<const void*>(function);
+    }
+    ~call_scope() { m_called = m_outer; }
+    call_scope(const call_scope&) = delete;
+    call_scope& operator=(const call_scope&) = delete;
 
 private:
-    std::uintptr_t m_outer;
+    const void*& m_called;
+    const void* m_outer;
 };
+
+// Whether the caller is `called_allocator` or a function that it has called in its own library. A signal handler that
+// has interrupted it is not.
+bool is_called_by_allocator(const machine_context& caller) noexcept;
+inline bool belongs_to_outer_call(const machine_context& caller) noexcept {
+    return called_allocator != nullptr && is_called_by_allocator(caller);
+}
 
 // Before and after the program unloads a library.
 void modules_are_going() noexcept;
 void modules_have_gone() noexcept;
 
-// No more calls of the system from now on: a filter would end the process for one.
-void make_no_system_calls() noexcept;
+// The process gives up the right to call the system, but for reading, writing and its end (SECCOMP_MODE_STRICT), or has
+// its calls filtered (SECCOMP_MODE_FILTER). The system may end it for any other call.
+void confine(bool is_strict) noexcept;
 
 // Once, before any library of the program is initialised.
 void start_recording(char** environment) noexcept;

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <linux/mman.h>
 #include <stdlib.h>
+#include <sys/auxv.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -233,6 +234,7 @@ void start_recording(char** environment) noexcept {
     this_process.depth = shared->depth < most_frames ? shared->depth : most_frames;
     this_process.own = &shared->sessions[0];
     this_process.ring = shared->first_ring;
+    shared->image = {getauxval(AT_ENTRY), getauxval(AT_RANDOM), getauxval(AT_SYSINFO_EHDR)};
     session& own = *this_process.own;
     own.process = process;
     own.number = 1;

@@ -72,10 +72,11 @@ struct session {
     std::atomic<std::uint32_t> tail_moves;       // a futex for those that wait for room
     std::atomic<std::uint32_t> waiters;
     alignas(64) std::atomic<session_state> state;
-    std::int32_t process;
-    std::uint64_t number;      // counts the sessions of this arena, from 1
-    std::uint64_t parent;      // the number of the session that was forked; 0: it was not forked
-    std::uint64_t fork_ticket; // the child inherits what the tickets below it did
+    std::int32_t process;        // its number where it runs, which may be a namespace of its own
+    std::int32_t parent_process; // 0: it is outside of that namespace
+    std::uint64_t number;        // counts the sessions of this arena, from 1
+    std::uint64_t parent;        // the number of the session that was forked; 0: it was not forked
+    std::uint64_t fork_ticket;   // the child inherits what the tickets below it did
     std::atomic<loss> lost_why;
     std::atomic<std::uint64_t> lost; // records that were not written
 };
@@ -111,6 +112,25 @@ struct node {
 };
 static_assert(sizeof(node) == 24);
 
+// ---- programs that the processes of an arena execute or start
+
+// A hook writes it before the process becomes the program, and takes it back if that fails; for a program that was
+// started in another process, it writes it afterwards. The recorder names the programs that do not ask for an arena.
+struct execution {
+    std::atomic<std::int32_t> process; // that of the program; 0: unused; -1: it is being filled in
+    std::uint32_t is_new_process;      // it was started, and runs; else a process is about to become it
+    char program[248];                 // its path or name, cut off
+};
+inline constexpr unsigned most_executions = 256;
+
+// Values of the auxiliary vector, by which a process that has executed another program is told from one that has not.
+struct program_image {
+    std::uint64_t entry;
+    std::uint64_t random_bytes;
+    std::uint64_t kernel_library;
+    bool operator==(const program_image&) const = default;
+};
+
 // ---- the arena
 
 // Where the program has allocation functions of its own, such as an operator new that was linked statically: addresses
@@ -130,6 +150,7 @@ struct arena {
     std::uint32_t is_first;        // the arena belongs to the process that the recorder started
     std::uint32_t program_range_count;
     code_range program_ranges[most_program_ranges];
+    program_image image; // all zero: no process has mapped the arena
 
     // A robust mutex that the recorder holds: the kernel marks the word when the recorder ends, in whatever way.
     alignas(64) unsigned char owner[64];
@@ -140,11 +161,14 @@ struct arena {
     std::atomic<std::uint64_t> unrecorded_children;       // there was no session for them
     std::atomic<std::uint64_t> forks_begun;               // a child of one of them may not have its session yet
     std::atomic<std::uint64_t> forks_arrived;
+    std::atomic<std::uint64_t> executions_begun;       // grows with each new entry of `executions`
+    std::atomic<std::uint64_t> unnamed_executions;     // there was no room for them
     alignas(64) std::atomic<std::uint32_t> node_count; // node 0 is the empty stack
     std::atomic<std::uint32_t> nodes_are_full;
     std::atomic<std::uint32_t> module_count; // module 0 stands for no module
     std::atomic<std::uint32_t> text_size;
 
+    execution executions[most_executions];
     session sessions[most_sessions];
     alignas(4096) module modules[most_modules];
     alignas(4096) char texts[4U << 20];
