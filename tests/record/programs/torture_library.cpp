@@ -1,12 +1,12 @@
-// A library that a program loads and unloads again and again. It is built twice, under the names of its function: a
-// frame of one must never be taken for one of the other, which lies at the same address a moment later.
+// A library that a program loads and unloads again and again. It is built twice, with different names of its function:
+// a frame of one must never be taken for one of the other, which is loaded at the same address a moment later.
 #include <cstdlib>
 #include <map>
 #include <string>
 
 namespace {
 
-// Some code in front, so that the functions of the two libraries do not lie at the same place.
+// Padding, so that the functions of the two libraries have different addresses.
 #ifdef PADDED
 [[gnu::used]] int padding(int a) {
     for (int i = 0; i < a; ++i) {

@@ -42,8 +42,7 @@ QOR_NEXT(__vasprintf_chk, int(char**, int, const char*, va_list));
 QOR_NEXT(dlclose, int(void*));
 QOR_NEXT(prctl, int(int, unsigned long, unsigned long, unsigned long, unsigned long));
 
-// While the loader searches for this thread, it may allocate itself. Other threads allocate as ever: the reserve is
-// small.
+// The loader may allocate while it searches for this thread. Only that thread uses the reserve, which is small.
 __thread bool is_searching __attribute__((tls_model("initial-exec")));
 
 template <class Function>
@@ -59,7 +58,7 @@ Function* find(next_function<Function>& next) noexcept {
     return found;
 }
 
-// Those that work without the reserve come first.
+// malloc comes last: until it is found, allocations come from the reserve.
 void find_the_first() noexcept {
     find(next_calloc);
     find(next_free);
@@ -113,8 +112,8 @@ template <class Function, class... Arguments>
         function, caller, [=] { return function(arguments...); }, [](void* made) { return made; }, size);
 }
 
-// realloc and those that are made of it. An allocator's own realloc may call malloc and free, which are hooked. If the
-// stack does not show that it has called them, they are told apart by their blocks.
+// realloc and functions that are built on it. An allocator's own realloc may call malloc and free, which are hooked. If
+// the stack does not show that realloc has called them, the addresses of the blocks do.
 [[gnu::always_inline]] inline void* reallocate(void* block, std::size_t size, const machine_context& caller) noexcept {
     auto* const function = find(next_realloc);
     if (block == nullptr)
@@ -200,7 +199,7 @@ void add_next(next_function<Function>& next) noexcept {
 
 } // namespace
 
-// One of these may call another one, which is hooked: then its frames are not those of the block's user.
+// If one of these calls another one, which is hooked, its frames are skipped in the stack of the block.
 void find_allocator() noexcept {
     add_next(next_malloc);
     add_next(next_calloc);
@@ -348,7 +347,7 @@ QOR_HOOK int __asprintf_chk(char** result, int flag, const char* format, ...) {
     return length;
 }
 
-// Another library may lie at the place of this one later.
+// Another library may be loaded at the same address later.
 QOR_HOOK int dlclose(void* library) {
     auto* const function = find(next_dlclose);
     modules_are_going();
@@ -357,7 +356,7 @@ QOR_HOOK int dlclose(void* library) {
     return result;
 }
 
-// The recorder gets the records without a call of the system then.
+// From then on, recording makes no system calls that the filter may forbid.
 QOR_HOOK int prctl(int operation, ...) {
     auto* const function = find(next_prctl);
     va_list list;
