@@ -30,7 +30,7 @@ extern "C" [[gnu::visibility("default"), gnu::noinline]] void LIBRARY_FUNCTION(s
     }
     map.clear();
     if (lost != 0) {
-        static void* volatile place;
+        [[maybe_unused]] static void* volatile place;
         place = std::malloc(lost);
         place = nullptr;
     }
