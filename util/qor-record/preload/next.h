@@ -18,6 +18,7 @@ struct next_function {
     std::atomic<Function*> function{nullptr};
     std::atomic<habit> found{habit::unknown};  // for operators
     std::atomic<const void*> library{nullptr}; // the operator's
+    std::atomic<bool> is_alone{false};         // for functions of C: it is the C library's, which calls no hook
 
     constexpr explicit next_function(const char* symbol) noexcept : name(symbol) {}
 };
