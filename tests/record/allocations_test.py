@@ -11,6 +11,7 @@ import shutil
 import subprocess
 import sys
 
+import stacks_file
 from recorded import Recorded, options, run
 
 
@@ -210,6 +211,20 @@ class Stacks(WithStacks):
         stacks = StacksFile((self.folder / child.replace("mtrace", "stacks")).read_bytes())
         self.assertEqual([what for number, what in stacks.loads if stacks.modules[number][3] == "./library.so"],
                          ["came", "went"] * 2)
+
+    def test_a_file_that_is_cut_off(self):
+        """It is usable up to its end: each part of it has the first stacks of the whole."""
+        self.recorded(shutil.which("ls"))
+        data = (self.folder / "log.stacks").read_bytes()
+        whole = stacks_file.Stacks(data)
+        self.assertFalse(whole.cut_off)
+        counts = set()
+        for size in range(9, len(data), max(1, len(data) // 500)):
+            part = stacks_file.Stacks(data[:size])
+            count = len(part.records)
+            counts.add(count)
+            self.assertEqual(list(map(part.frames, part.records)), list(map(whole.frames, whole.records[:count])))
+        self.assertGreater(len(counts), 10)
 
     def test_what_a_child_inherits(self):
         done = self.record(options.bin / "troubles", "fork_twice")

@@ -239,7 +239,7 @@ class Executions(Recorded):
         """The memory of a process that is over is released."""
         descriptors = self.folder / "descriptors"
         done = self.record("sh", "-c", "for i in $(seq 300); do /bin/true; done; "
-                           f"for each in $(pgrep -P $PPID); do ls /proc/$each/fd; done > {descriptors}")
+                           f"for each in $(cat /proc/$PPID/task/$PPID/children); do ls /proc/$each/fd; done > {descriptors}")
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertGreaterEqual(len(self.children()), 300)
         self.assertLess(len(descriptors.read_text().split()), 100)

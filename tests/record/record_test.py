@@ -131,6 +131,28 @@ class Programs(Recorded):
         self.refused("is statically linked", script)
         subprocess.run(["cc", "-fsanitize=address", "-o", self.folder / "checked", source], check=True)
         self.refused("is built with a sanitizer", self.folder / "checked")
+        subprocess.run(["cc", "-Wl,--dynamic-linker=/lib/ld-of-another.so.1", "-o", self.folder / "other", source], check=True)
+        (self.folder / "other").chmod(0o755)
+        self.refused("runs on another C library", self.folder / "other")
+
+    def test_the_preloaded_library_needs_the_c_library_alone(self):
+        dynamic = subprocess.run(["readelf", "-dW", options.bin / "libqor-record.so"], capture_output=True, text=True, check=True).stdout
+        self.assertEqual(re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic), ["libc.so.6"])
+        self.assertRegex(dynamic, r"\(FLAGS_1\).*INITFIRST")
+
+    def test_a_malloc_inside_the_program(self):
+        """Nothing can stand before it. The summary says so."""
+        program = self.build("program", """
+            #include <cstddef>
+            alignas(16) static char pool[1 << 20];
+            static std::size_t used;
+            extern "C" void* malloc(std::size_t size) noexcept { void* const p = pool + used; used += size + 15 & ~15ul; return p; }
+            extern "C" void free(void*) noexcept {}
+            int main() { return malloc(71001) == nullptr; }
+            """, "-fno-builtin", "-Wl,--export-dynamic")
+        done = self.record(program)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertIn(f"record: {program} has a malloc of its own inside it", done.stderr)
 
     def test_an_older_c_library(self):
         """It cannot tell the module of an address, and would not load the recorder's library."""
@@ -188,6 +210,12 @@ class Troubles(Recorded):
         lines = self.trouble("free_twice", 134)
         self.assertIn("double free", self.messages)
         self.assertEqual(self.leaks(self.report("mtrace", "log.mtrace")), {71002: 1})
+        self.assertRegex(lines[-1], r" - 0x[0-9a-f]+$")
+
+    def test_a_release_of_what_is_no_block(self):
+        lines = self.trouble("free_a_part", 134)
+        self.assertIn("invalid pointer", self.messages)
+        self.assertEqual(self.report("mtrace", "log.mtrace").count("BAD FREE"), 1)
         self.assertRegex(lines[-1], r" - 0x[0-9a-f]+$")
 
     def test_blocks_that_fail_to_grow(self):
@@ -354,7 +382,7 @@ class Troubles(Recorded):
     def test_a_recorder_that_dies_first(self):
         """The program goes on to its end."""
         done = self.record(options.bin / "troubles", "lose_recorder")
-        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual((done.returncode, done.stderr), (0, "record: The recorder has ended before the program: the logs of log are not complete\n"))
 
 
 class Files(Recorded):

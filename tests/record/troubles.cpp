@@ -83,6 +83,13 @@ int free_twice() {
     return 0;
 }
 
+int free_a_part() {
+    char* volatile block = static_cast<char*>(std::malloc(71001));
+    char* volatile part = block + 8; // the compiler must not see that it is wrong
+    std::free(part);
+    return 0;
+}
+
 // No system has this much memory, and the compiler must not know the value.
 volatile std::size_t too_much = SIZE_MAX / 4;
 
@@ -404,6 +411,7 @@ constexpr trouble troubles[] = {
     {"fork_and_execute", fork_and_execute},
     {"leave_at_once", leave_at_once},
     {"free_twice", free_twice},
+    {"free_a_part", free_a_part},
     {"fail_to_grow", fail_to_grow},
     {"trace_itself", trace_itself},
     {"be_killed", be_killed},

@@ -183,7 +183,8 @@ int record(const options& chosen) {
     const std::int32_t code = wait_for(program, signals);
     (void)::send(ends[0], &code, sizeof code, MSG_NOSIGNAL);
     char has_nothing = 0;
-    (void)::recv(ends[0], &has_nothing, 1, 0);
+    if (::recv(ends[0], &has_nothing, 1, 0) != 1)
+        say(message::recorder_ended, {names.prefix()});
     return has_nothing != 0 && code == 0 ? 1 : code;
 }
 

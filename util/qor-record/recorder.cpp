@@ -470,8 +470,11 @@ void recorder::run(int front) {
         const timespec pause = {0, static_cast<long>(std::min(500'000U << idle_rounds / 4, 5'000'000U))};
         ::ppoll(wanted, std::size(wanted), &pause, nullptr);
     }
-    if (!is_dismissed)
+    if (!is_dismissed) {
+        // The next recorder of these files may begin as soon as the front process has ended.
+        ::close(m_control_socket);
         dismiss_front();
+    }
 }
 
 } // namespace qor::record

@@ -2,8 +2,8 @@
 //
 //     allocation_loop CALLS [THREADS]
 //
-// CALLS is the number of allocations and releases together, of all threads. At the end the file $PEAK gets the largest
-// number of bytes that were resident.
+// CALLS counts the allocations and releases of all threads. At the end, the program writes its largest resident size in
+// bytes to the file $PEAK.
 #include <array>
 #include <cstddef>
 #include <cstdlib>
@@ -30,7 +30,7 @@ template <int Depth>
     return block;
 }
 
-// Its callers are run, main and the three frames of the start, or those of a thread.
+// Its callers are run, main and three frames of the program's start, or the frames of a thread's start.
 [[gnu::noinline]] void work(long rounds, unsigned seed) {
     std::array<char*, 1000> blocks{};
     numbers next{seed};

@@ -1,7 +1,7 @@
-/* Preloaded between the recorder and the C library's own tracing (libc_malloc_debug.so.0): begins that in a process, in
-   the file $TRACED.<pid>, with a block of a size that marks the place in another log of the same process. The library's
-   functions have old versions alone, which only a program that was linked to them finds by itself: so the calls that
-   the recorder passes on go through here. */
+/* Preloaded between the recorder and the C library's own tracing (libc_malloc_debug.so.0). It begins that tracing in a
+   process, in the file $TRACED.<pid>, with a block whose size marks the same place in another log of the process. The
+   tracing library exports old symbol versions only, which a search by name does not find, so the calls of the recorder
+   are passed on here. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>

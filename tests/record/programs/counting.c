@@ -1,6 +1,6 @@
-/* Preloaded behind the recorder: counts the calls that bring blocks into being, change or release them. The counts lie
-   in the file $COUNTING.<pid>, mapped, so that they hold whatever ends the process. Calls without an effect do not
-   count: failed ones, and releases of null. A forked child begins with counts of zero in a file of its own. */
+/* Preloaded behind the recorder: counts the calls that allocate, reallocate and release blocks. The counts are in the
+   mapped file $COUNTING.<pid>, so they survive however the process ends. Calls without an effect do not count: failed
+   ones, and releases of null. A forked child begins with counts of zero in a file of its own. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>

@@ -1,4 +1,4 @@
-// Calls each function that allocates or releases once at least, also in ways that fail or do nothing.
+// Calls each function that allocates or releases at least once, also in ways that fail or do nothing.
 #include <climits>
 #include <cstdarg>
 #include <cstdint>
@@ -13,7 +13,7 @@ namespace {
 
 void* volatile place;
 
-// The compiler must not see the sizes: it would warn of them.
+// Volatile, because the compiler would warn of a constant size.
 std::size_t volatile huge = SIZE_MAX / 2 - 100;
 
 void release(void* block) {

@@ -1,4 +1,4 @@
-/* Leaks of C: the variable PLANTED of the environment says which. The line of a leak ends with its word as a comment.
+/* Leaks of C; the environment variable PLANTED chooses one. The line of a leak ends with its word as a comment.
    Compiled with optimisation and without frame pointers. */
 #define _GNU_SOURCE
 #include <stdio.h>
@@ -7,7 +7,7 @@
 
 #define OWN_FRAME __attribute__((noinline))
 
-/* Keeps the compiler from taking out what nobody uses, and from jumping to a function instead of calling it. */
+/* Keeps the compiler from removing unused allocations and from turning calls into jumps. */
 void* volatile planted;
 
 typedef void* allocator(size_t, size_t);
@@ -22,7 +22,7 @@ static void function_pointer(void) {
     planted = NULL;
 }
 
-/* Each round may move the block; only the last one is there in the end. */
+/* Each round may move the block; only the last block is left. */
 OWN_FRAME static void* grow(void* block, size_t size) {
     void* grown = realloc(block, size); /* realloc_chain */
     if (grown == NULL) {

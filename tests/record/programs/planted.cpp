@@ -1,6 +1,6 @@
-// Leaks of C++: the variable PLANTED of the environment says which, so that a constructor of a global object knows it
-// too. The line of a leak ends with its word as a comment. Where the C++ library allocates, that is the line of the
-// frame of this program which called it.
+// Leaks of C++; the environment variable PLANTED chooses one, so that the constructor of a global object can read it.
+// The line of a leak ends with its word as a comment. If the C++ library allocates, it is the line that calls the
+// library.
 #include <array>
 #include <coroutine>
 #include <csignal>
@@ -20,7 +20,7 @@
 
 namespace {
 
-// Keeps the compiler from taking out what nobody uses, and from jumping to a function instead of calling it.
+// Keeps the compiler from removing unused allocations and from turning calls into jumps.
 void* volatile planted;
 
 void lose(void* block) {
@@ -101,7 +101,7 @@ OWN_FRAME void string() {
 
 OWN_FRAME void inlined() { lose(inner(333)); }
 
-// ---- things that are called
+// ---- function objects
 
 template <typename Function>
 OWN_FRAME void* call(Function function, std::size_t size) {
@@ -122,7 +122,7 @@ OWN_FRAME void function() {
     lose(held);
 }
 
-// ---- a circle of owners
+// ---- reference cycles
 
 struct person {
     std::shared_ptr<person> friend_of;
@@ -153,7 +153,7 @@ OWN_FRAME void allocate_for_a_coroutine(std::size_t size) {
     lose(new char[size + 1]); // coroutine
 }
 
-// Its frame is a leak, too.
+// The coroutine's frame leaks as well.
 OWN_FRAME task wait_for_nobody(std::size_t size) {
     std::array<char, 200> kept{};
     planted = kept.data();
@@ -202,7 +202,7 @@ OWN_FRAME void fail(int number) {
     throw std::out_of_range(std::string(600, 'e') + std::to_string(number)); // exception
 }
 
-// The exception is held by its pointer, which is lost.
+// The exception lives as long as its pointer, which leaks.
 OWN_FRAME void exception() {
     try {
         fail(3);
@@ -222,7 +222,7 @@ void handle(int) {
     lose(nullptr);
 }
 
-// On a stack of its own.
+// Runs on an alternate signal stack.
 OWN_FRAME void signal_handler() {
     static char stack[1 << 16];
     stack_t alternate{};

@@ -1,4 +1,4 @@
-// Leaks in a library that a program loads while it runs. It may be unloaded before the leak is looked for.
+// Leaks in a library that a program loads while it runs, and may unload before the leaks are reported.
 #include <memory>
 
 namespace {

@@ -1,5 +1,5 @@
-// A service with eight threads, which loses the session of every connection. It prints the port that it listens at, and
-// ends when its standard input does.
+// A service with eight threads that leaks the session of every connection. It prints its port, and ends when its
+// standard input does.
 #include <arpa/inet.h>
 #include <atomic>
 #include <cstdio>

@@ -1,4 +1,4 @@
-/* An allocator that a signal handler may call wherever it interrupts a thread, which the C library's does not allow.
+/* An allocator that signal handlers may call at any time, which the C library does not allow.
    With it, a program can put the recorder to the test there. Each class of sizes is a row of slots and a map of bits of
    those in use; no lock is involved. A release of what is not in use ends the process. */
 #define _GNU_SOURCE

@@ -1,9 +1,10 @@
-// Everything at once, for the seconds that the first word gives, with pauses of so many microseconds as the second one
-// gives: libraries that come and go, exceptions, threads that begin and end, a profiling signal whose handler
-// allocates, forks, and programs that are started. The signal interrupts the allocation functions themselves, so an
-// allocator has to be preloaded that allows that.
+//     torture SECONDS PAUSE
 //
-// Each kind of work loses `lost_blocks` blocks of its own size; all else is released.
+// Does everything at once, with pauses of PAUSE microseconds: loads and unloads libraries, throws exceptions, begins
+// and ends threads, allocates in the handler of a profiling signal, forks, and starts programs. The signal also
+// interrupts allocation functions, so an allocator that allows that has to be preloaded.
+//
+// Each kind of work leaks `lost_blocks` blocks of its own size and releases all others.
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -42,7 +43,7 @@ void* volatile place;
     place = nullptr;
 }
 
-// ---- the profiling signal: its handler allocates; a later run of it, on any thread, releases
+// ---- the profiling signal: its handler allocates blocks, which a later run of it releases on any thread
 
 std::atomic<void*> kept[64];
 std::atomic<unsigned> signals;
@@ -132,7 +133,7 @@ void churn_threads() {
     }
 }
 
-// ---- children: forked ones that allocate, and programs that are started
+// ---- forked children that allocate, and started programs
 
 void wait_for(pid_t child) {
     int status = 0;

@@ -1,12 +1,12 @@
-// A library that a program loads and unloads again and again. It is built twice, under the names of its function: a
-// frame of one must never be taken for one of the other, which lies at the same address a moment later.
+// A library that a program loads and unloads again and again. It is built twice, with different names of its function:
+// a frame of one must never be taken for one of the other, which is loaded at the same address a moment later.
 #include <cstdlib>
 #include <map>
 #include <string>
 
 namespace {
 
-// Some code in front, so that the functions of the two libraries do not lie at the same place.
+// Padding, so that the functions of the two libraries have different addresses.
 #ifdef PADDED
 [[gnu::used]] int padding(int a) {
     for (int i = 0; i < a; ++i) {
@@ -30,7 +30,7 @@ extern "C" [[gnu::visibility("default"), gnu::noinline]] void LIBRARY_FUNCTION(s
     }
     map.clear();
     if (lost != 0) {
-        static void* volatile place;
+        [[maybe_unused]] static void* volatile place;
         place = std::malloc(lost);
         place = nullptr;
     }

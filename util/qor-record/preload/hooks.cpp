@@ -11,6 +11,7 @@
 #include <cstring>
 #include <cwchar>
 #include <dlfcn.h>
+#include <gnu/libc-version.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -42,8 +43,7 @@ QOR_NEXT(__vasprintf_chk, int(char**, int, const char*, va_list));
 QOR_NEXT(dlclose, int(void*));
 QOR_NEXT(prctl, int(int, unsigned long, unsigned long, unsigned long, unsigned long));
 
-// While the loader searches for this thread, it may allocate itself. Other threads allocate as ever: the reserve is
-// small.
+// The loader may allocate while it searches for this thread. Only that thread uses the reserve, which is small.
 __thread bool is_searching __attribute__((tls_model("initial-exec")));
 
 template <class Function>
@@ -59,7 +59,7 @@ Function* find(next_function<Function>& next) noexcept {
     return found;
 }
 
-// Those that work without the reserve come first.
+// malloc comes last: until it is found, allocations come from the reserve.
 [[gnu::noinline]] void find_the_first() noexcept {
     find(next_calloc);
     find(next_free);
@@ -88,17 +88,21 @@ template <class Call, class Block, class Size>
 
 // The same for a function of the allocator.
 template <class Function, class Call, class Block>
-[[gnu::always_inline]] inline auto observe_allocator(Function* function, const machine_context& caller, Call call,
-                                                     Block block, std::size_t size) noexcept {
+[[gnu::always_inline]] inline auto observe_allocator(next_function<Function>& next, const machine_context& caller,
+                                                     Call call, Block block, std::size_t size) noexcept {
     if (belongs_to_outer_call(caller)) [[unlikely]]
         return call();
+    const auto size_of = [=](const void*) { return size; };
+    if (next.is_alone.load(std::memory_order_relaxed)) [[likely]]
+        return observe(caller, call, block, size_of);
+    Function* const function = next.function.load(std::memory_order_relaxed);
     return observe(
         caller,
         [=] {
             const call_scope scope(called_allocator, function);
             return call();
         },
-        block, [=](const void*) { return size; });
+        block, size_of);
 }
 
 template <class Function, class... Arguments>
@@ -110,11 +114,11 @@ template <class Function, class... Arguments>
         return nullptr;
     }
     return observe_allocator(
-        function, caller, [=] { return function(arguments...); }, [](void* made) { return made; }, size);
+        next, caller, [=] { return function(arguments...); }, [](void* made) { return made; }, size);
 }
 
-// realloc and those that are made of it. An allocator's own realloc may call malloc and free, which are hooked. If the
-// stack does not show that it has called them, they are told apart by their blocks.
+// realloc and functions that are built on it. An allocator's own realloc may call malloc and free, which are hooked. If
+// the stack does not show that realloc has called them, the addresses of the blocks do.
 [[gnu::always_inline]] inline void* reallocate(void* block, std::size_t size, const machine_context& caller) noexcept {
     auto* const function = find(next_realloc);
     if (block == nullptr)
@@ -155,6 +159,8 @@ template <class Function, class... Arguments>
     else if (!belongs_to_outer_call(caller)) [[likely]]
         record_release(record_kind::release, block, caller);
     Function* const function = find(next);
+    if (next.is_alone.load(std::memory_order_relaxed) && sizeof...(arguments) == 0) [[likely]]
+        return function(block, arguments...);
     const call_scope call(called_allocator, function);
     if constexpr (sizeof...(arguments) != 0) { // it may call free
         const announced_release scope(block);
@@ -193,23 +199,28 @@ template <class Function, class... Arguments>
 }
 
 template <class Function>
-void add_next(next_function<Function>& next) noexcept {
-    if (Function* const function = find(next))
-        add_allocation_function(reinterpret_cast<void*>(function));
+void add_next(next_function<Function>& next, const void* c_library) noexcept {
+    if (Function* const function = find(next)) {
+        const void* const library = add_allocation_function(reinterpret_cast<void*>(function));
+        next.is_alone.store(library != nullptr && library == c_library, std::memory_order_relaxed);
+    }
 }
 
 } // namespace
 
-// One of these may call another one, which is hooked: then its frames are not those of the block's user.
+// If one of these calls another one, which is hooked, its frames are skipped in the stack of the block.
 void find_allocator() noexcept {
-    add_next(next_malloc);
-    add_next(next_calloc);
-    add_next(next_realloc);
-    add_next(next_memalign);
-    add_next(next_aligned_alloc);
-    add_next(next_posix_memalign);
-    add_next(next_valloc);
-    add_next(next_pvalloc);
+    Dl_info c_library{};
+    (void)dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &c_library);
+    add_next(next_malloc, c_library.dli_fbase);
+    add_next(next_calloc, c_library.dli_fbase);
+    add_next(next_realloc, c_library.dli_fbase);
+    add_next(next_memalign, c_library.dli_fbase);
+    add_next(next_aligned_alloc, c_library.dli_fbase);
+    add_next(next_posix_memalign, c_library.dli_fbase);
+    add_next(next_valloc, c_library.dli_fbase);
+    add_next(next_pvalloc, c_library.dli_fbase);
+    add_next(next_free, c_library.dli_fbase);
 }
 
 } // namespace qor::record
@@ -285,7 +296,7 @@ QOR_HOOK void* aligned_alloc(std::size_t alignment, std::size_t size) {
 QOR_HOOK int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
     auto* const function = find(next_posix_memalign);
     return observe_allocator(
-        function, capture_context(), [=] { return function(result, alignment, size); },
+        next_posix_memalign, capture_context(), [=] { return function(result, alignment, size); },
         [=](int reason) { return reason == 0 ? *result : nullptr; }, size);
 }
 
@@ -348,7 +359,7 @@ QOR_HOOK int __asprintf_chk(char** result, int flag, const char* format, ...) {
     return length;
 }
 
-// Another library may lie at the place of this one later.
+// Another library may be loaded at the same address later.
 QOR_HOOK int dlclose(void* library) {
     auto* const function = find(next_dlclose);
     modules_are_going();
@@ -357,7 +368,7 @@ QOR_HOOK int dlclose(void* library) {
     return result;
 }
 
-// The recorder gets the records without a call of the system then.
+// From then on, recording makes no system calls that the filter may forbid.
 QOR_HOOK int prctl(int operation, ...) {
     auto* const function = find(next_prctl);
     va_list list;

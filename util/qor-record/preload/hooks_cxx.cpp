@@ -17,7 +17,7 @@ struct nothrow_tag;
 
 using release_function = void(void*);
 
-// The libraries whose operators new have shown their habit, which is that of their operators delete, too.
+// Libraries whose operators new have shown their habit. Their operators delete have the same one.
 std::atomic<const void*> library_that_calls_hooks;
 std::atomic<const void*> library_that_works_alone;
 
@@ -39,7 +39,7 @@ template <class Function, class... Arguments>
                                              std::size_t size, Arguments... arguments) {
     Function* const function = find(next);
     if (function == nullptr) [[unlikely]] {
-        // A program of C++ without a C++ library that could be found: only its malloc is left.
+        // No C++ library was found, so the block comes from malloc.
         void* const made = malloc(size);
         if (made == nullptr)
             abort();
@@ -80,7 +80,7 @@ template <class Function, class... Arguments>
 
 } // namespace
 
-// An operator new of the program's own comes before this library's; it gets its memory from malloc as it likes.
+// An operator new in the program itself takes precedence over this library's; its frames are skipped, too.
 void find_operators_of_program() noexcept {
     for (const char* const name :
          {"_Znwm", "_Znam", "_ZnwmRKSt9nothrow_t", "_ZnamRKSt9nothrow_t", "_ZnwmSt11align_val_t",

@@ -50,14 +50,14 @@ Function* find(next_function<Function>& next) noexcept {
     return found;
 }
 
-// Copies of what this process was given: a program may write over its environment.
+// Copies of the variables of this process, because the program may overwrite its environment.
 char own_path[4096];
 char record_text[512];
 char memcheck_text[4096 + 64];
 
 constexpr char preload_name[] = "LD_PRELOAD";
 
-// The value of a variable; null: this is another one.
+// Returns the value of a variable, or null if its name is another one.
 const char* value_of(const char* variable, const char* name) noexcept {
     const std::size_t length = strlen(name);
     return strncmp(variable, name, length) == 0 && variable[length] == '=' ? variable + length + 1 : nullptr;
@@ -70,7 +70,7 @@ const char* find_variable(variables list, const char* name) noexcept {
     return nullptr;
 }
 
-// The loader parts the list at blanks and colons.
+// The loader splits the list at blanks and colons.
 bool has_own_path(const char* list) noexcept {
     const std::size_t length = strlen(own_path);
     while (list != nullptr && *list != '\0') {
@@ -95,7 +95,8 @@ bool follows_programs() noexcept {
 constexpr std::size_t added_variables = 4;
 constexpr std::size_t most_room = 256U << 10;
 
-// The size of a complete environment without the texts that are there already; 0: this one has all, or is too large.
+// The memory that a complete environment needs, without the texts that exist already; 0: nothing is missing, or it
+// would be too large.
 std::size_t room_for(variables given) noexcept {
     const char* const preload = find_variable(given, preload_name);
     if ((has_own_path(preload) && find_variable(given, record_variable) != nullptr) || !follows_programs())
@@ -115,8 +116,7 @@ char* append(char* at, const char* text) noexcept {
     return at + length;
 }
 
-// The environment with what it lacks, in ROOM: the recorder's library stands before the libraries that are preloaded
-// already.
+// Builds the complete environment in ROOM. The recorder's library comes before libraries that are preloaded already.
 variables complete(variables given, char* room) noexcept {
     auto** const made = reinterpret_cast<char**>(room);
     const char* const preload = find_variable(given, preload_name);
@@ -153,7 +153,7 @@ int with_complete(variables given, Call call) noexcept {
     return call(complete(given, static_cast<char*>(__builtin_alloca(size))));
 }
 
-// Tells the recorder which program a process becomes or has become. Null: it was not told.
+// Tells the recorder which program a process becomes or runs. Returns null if there was no room.
 execution* announce(std::int32_t process, const char* program, bool is_new_process) noexcept {
     arena& shared = *this_process.shared;
     for (execution& each : shared.executions) {
@@ -172,7 +172,7 @@ execution* announce(std::int32_t process, const char* program, bool is_new_proce
     return nullptr;
 }
 
-// A call that returns only if the program could not be executed.
+// Runs a call that returns only if the program could not be executed.
 template <class Call>
 int become(const char* program, variables given, Call call) noexcept {
     execution* const announced =
@@ -189,7 +189,7 @@ int execute(next_function<Function>& next, const char* file, variables words, va
     return become(file, environment, [=](variables all) { return function(file, words, all); });
 }
 
-// A program in a new process. The recorder may leave out the children.
+// Starts a program in a new process.
 template <class Function>
 int spawn(next_function<Function>& next, pid_t* process, const char* file, const posix_spawn_file_actions_t* actions,
           const posix_spawnattr_t* attributes, variables words, variables environment) noexcept {
@@ -245,7 +245,7 @@ public:
     complete_environment& operator=(const complete_environment&) = delete;
 
 private:
-    // Not a mutex: a child that was forked meanwhile finds it held by another process, and takes it over.
+    // This is not a mutex: if a fork copied it while it was held, the child takes it over.
     static void lock() noexcept {
         const auto own = static_cast<std::int32_t>(raw_call(SYS_getpid));
         std::int32_t other = 0;
@@ -260,7 +260,7 @@ private:
     }
     static void unlock() noexcept { holder.store(0, std::memory_order_release); }
 
-    // False: nothing lacks.
+    // Returns false if nothing is missing.
     static bool add() noexcept {
         if (room_for(environ) == 0)
             return false;
@@ -274,7 +274,7 @@ private:
             if (preload != nullptr && *preload != '\0')
                 append(append(at, ":"), preload);
             append(append(append(added_before, preload_variable), "="), preload != nullptr ? preload : "");
-            // The text of the program itself, which is put back.
+            // The program's own text, which remove() puts back.
             replaced = preload != nullptr ? const_cast<char*>(preload) - sizeof preload_name : nullptr;
             putenv(added_preload);
             putenv(added_before);
@@ -317,7 +317,7 @@ void copy_variable(char* to, std::size_t size, const char* name) noexcept {
 
 } // namespace
 
-// While the process starts: after a fork, the loader may be locked.
+// Called at the start, because the loader may be locked after a fork.
 void prepare_executions() noexcept {
     Dl_info own;
     copy_variable(record_text, sizeof record_text, record_variable);

@@ -56,7 +56,7 @@ void find_build_id(const ElfW(Nhdr) * note, std::size_t size, module& found) noe
     }
 }
 
-// The headers of a module lie at the begin of its mapping.
+// The headers of a module lie at the beginning of its mapping.
 void read_headers(module& found) noexcept {
     const auto* const header = reinterpret_cast<const ElfW(Ehdr)*>(found.begin);
     if (!are_equal(header->e_ident, ELFMAG, SELFMAG) || header->e_phentsize != sizeof(ElfW(Phdr)) ||

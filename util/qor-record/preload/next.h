@@ -18,14 +18,15 @@ struct next_function {
     std::atomic<Function*> function{nullptr};
     std::atomic<habit> found{habit::unknown};  // for operators
     std::atomic<const void*> library{nullptr}; // the operator's
+    std::atomic<bool> is_alone{false};         // for functions of C: it is the C library's, which calls no hook
 
     constexpr explicit next_function(const char* symbol) noexcept : name(symbol) {}
 };
 
-// Null: there is no such function. The functions of C are searched for behind this library.
+// Returns null if there is no such function. The search for functions of C begins behind this library.
 void* find_next(const char* name) noexcept;
 
-// Also in a C++ library that was loaded with a library of its own, after the program.
+// Searches the C++ library as well if a dlopened library brought it in.
 void* find_next_of_cxx(const char* name) noexcept;
 
 // ---- memory for allocations of the loader during a search; it is never released

@@ -24,27 +24,27 @@ enum : std::uint32_t { phase_forked = 0, phase_starting, phase_running, phase_of
 
 extern process_state this_process;
 
-// The node of that number. Null: it could not be mapped.
+// Returns the node of that number, or null if its chunk could not be mapped.
 node* node_at(std::uint32_t number) noexcept;
 
-// Maps a part of the arena's file that lies behind the arena; null: there is no room.
+// Maps a part of the arena's file that lies behind the arena. Returns null if there is no room.
 void* map_behind_arena(std::size_t offset, std::size_t size) noexcept;
 
 // ---- modules.cpp
 
-// The module of a place in the code; 0: it is in no module. The bit `allocation_code` is set for code of allocation
-// functions, which a block's user does not look for.
+// Returns the module of a code address; 0 stands for an address outside of every module. The bit `allocation_code` is
+// set for code of allocation functions, which a block's user does not look for.
 inline constexpr std::uint32_t allocation_code = 0x8000;
 std::uint32_t find_module_of(std::uintptr_t address) noexcept;
 
-// Places that were found before: the address, and the module in the upper 16 bits.
+// The cache from code addresses to modules: the address, and the module in the upper 16 bits.
 inline constexpr std::uint64_t place_address_bits = (std::uint64_t{1} << 48) - 1;
 inline std::atomic<std::uint64_t> places[4096];
 inline std::atomic<std::uint64_t>& place_of(std::uintptr_t address) noexcept {
     return places[(address ^ address >> 12) % (sizeof places / sizeof *places)];
 }
 
-// While a library is being unloaded, nothing that is remembered of places in the code is sure.
+// While a library is being unloaded, cached results for code addresses are not used.
 inline std::atomic<unsigned> unloading;
 inline bool modules_are_changing() noexcept { return unloading.load(std::memory_order_relaxed) != 0; }
 
@@ -58,17 +58,17 @@ inline std::uint32_t module_of(std::uintptr_t address) noexcept {
 // Marks a range of code as that of allocation functions.
 void add_allocation_code(std::uintptr_t begin, std::uintptr_t end) noexcept;
 
-// The same for a function, if its library's symbols have its size. Returns the base of the library; null: it is
-// unknown.
+// Does the same for a function whose size its library's symbols tell. Returns the base of the library, or null if it
+// is unknown.
 const void* add_allocation_function(void* function) noexcept;
 
 // The ranges that the recorder has found in the program's file.
 void add_allocation_code_of_program() noexcept;
 
-// Tells which of the modules that were there are not there any more.
+// Calls `gone` for each module that was unloaded since the last call.
 void find_modules_gone(void (*gone)(std::uint32_t module) noexcept) noexcept;
 
-// Forgets which module a place belongs to.
+// Clears the cache from code addresses to modules.
 void forget_places() noexcept;
 
 // This library's own code.

@@ -1,5 +1,5 @@
-// Calls of the system without the C library's part of them: errno stays as it is, no function of the C library that a
-// program may have replaced is called, and nothing is a point of cancellation.
+// System calls that bypass the C library: they leave errno alone, call no function that the program may have replaced,
+// and are not cancellation points.
 #pragma once
 
 #include <cstddef>

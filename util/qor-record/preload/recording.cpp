@@ -12,10 +12,10 @@ namespace qor::record {
 
 namespace {
 
-// Initial-exec: a first use allocates nothing.
+// With the initial-exec model, the first use allocates nothing.
 #define QOR_PER_THREAD __thread __attribute__((tls_model("initial-exec")))
 
-// Records that one call of an allocation function may bring, with those of a signal handler.
+// The most records that a hook looks back on: those of one call and of signal handlers meanwhile.
 constexpr unsigned most_remembered = 64;
 struct remembered {
     std::uintptr_t address; // the complement of the address if the block was released
@@ -66,7 +66,7 @@ void stop_here(loss why) noexcept {
     }
 }
 
-// A forked child has no session yet. False: it is not recorded.
+// Gives a forked child its session. Returns false if the child is not recorded.
 bool begin_child() noexcept {
     arena& shared = *this_process.shared;
     std::uint64_t fork_ticket = 0;
@@ -124,7 +124,7 @@ bool begin_child_once() noexcept {
     return before == phase_running;
 }
 
-// False: nothing is recorded in this process, or no more.
+// Returns false if this process is not recorded, or not any more.
 inline bool is_recording() noexcept {
     if (this_process.shared == nullptr) [[unlikely]]
         return false;
@@ -134,7 +134,7 @@ inline bool is_recording() noexcept {
     return phase != phase_off && begin_child_once();
 }
 
-// The recorder reads on until there is room for the ticket. False: it does not.
+// Waits until the recorder has made room for the ticket. Returns false if it does not read any more.
 [[gnu::noinline]] bool wait_for_room(session& own, std::uint64_t ticket, std::uint64_t limit) noexcept {
     const arena& shared = *this_process.shared;
     std::uint32_t heartbeat = shared.heartbeat.load(std::memory_order_relaxed);
@@ -244,7 +244,7 @@ unsigned first_outside(const std::uintptr_t* frames, unsigned count) noexcept {
     return hook + 1 < count ? hook + 1 : first;
 }
 
-// At depth 0 the caller alone.
+// Returns the node of the stack; at depth 0 that of the caller alone.
 [[gnu::noinline]] std::uint32_t stack_of(const machine_context& caller, unsigned depth) noexcept {
     std::uintptr_t frames[most_frames + most_skipped];
     depth = depth != 0 ? depth : 1;

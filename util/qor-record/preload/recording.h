@@ -13,15 +13,15 @@ void record_allocation(record_kind kind, const void* block, std::size_t size, co
 // A block that is about to be released (record_kind::release or moved_from).
 void record_release(record_kind kind, const void* block, const machine_context& caller) noexcept;
 
-// How many blocks this thread has recorded, new and released ones: a hook sees by it whether a function that it calls
-// records by another hook.
+// Returns the number of records of this thread. A hook compares it before and after a call to see whether another hook
+// has recorded the block.
 unsigned long records_of_this_thread() noexcept;
 
 // Whether this thread has recorded BLOCK as a new one, and not as released afterwards, since it had recorded SINCE
 // blocks. A signal handler may have recorded its own blocks meanwhile, so the number alone does not tell.
 bool has_recorded(const void* block, unsigned long since) noexcept;
 
-// The same of a block that BLOCK lies in: an operator new may put something of its own before it.
+// The same for a block that contains BLOCK: an operator new may put a header of its own before it.
 bool has_recorded_around(const void* block, unsigned long since) noexcept;
 
 // A block whose release is recorded, and which another function is about to release: if that function calls a hook

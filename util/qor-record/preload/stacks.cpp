@@ -34,7 +34,7 @@ std::uint32_t new_node(std::uint64_t address, std::uint32_t parent, std::uint32_
     return number;
 }
 
-// 0: there is no room for it.
+// Returns 0 if there is no room for it.
 std::uint32_t child_of(std::uint32_t parent, std::uintptr_t address) noexcept {
     const std::uint32_t module = module_of(address) & ~allocation_code;
     auto& bucket = this_process.shared->buckets[mix(mix(module, address), parent) % node_buckets];

@@ -33,7 +33,7 @@ struct offer { // the content of the variable
     const char* socket = nullptr;
 };
 
-// A number up to the next colon; -1: the text is not a number.
+// Reads a number up to the next colon. Returns -1 if the text is not a number.
 int take_number(const char*& text) noexcept {
     int number = 0;
     if (*text < '0' || *text > '9')
@@ -74,7 +74,7 @@ bool is_filtered() noexcept {
     return mode == nullptr || mode[10] != '0';
 }
 
-// Maps the arena of a descriptor, and closes the descriptor. Null: it is not an arena, or it is somebody else's.
+// Maps the arena of a descriptor and closes the descriptor. Returns null if it is not an arena or is already taken.
 arena* map_arena(long descriptor, bool is_ours) noexcept {
     const long mapped = raw_call(SYS_mmap, 0, sizeof(arena), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
     if (has_failed(mapped))

@@ -10,7 +10,7 @@
 
 namespace qor::record {
 
-// The registers of the code that a function returns to, as they will be then.
+// The registers of the caller as they will be after the return.
 struct machine_context {
     std::uintptr_t pc;
     std::uintptr_t sp;

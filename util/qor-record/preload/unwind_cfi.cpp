@@ -6,7 +6,7 @@
 namespace qor::record {
 namespace {
 
-// The part of a CIE that counts for the FDEs that name it.
+// The fields of a CIE that apply to its FDEs.
 struct common_part {
     std::uint64_t code_alignment;
     std::int64_t data_alignment;
@@ -17,7 +17,7 @@ struct common_part {
     std::uintptr_t instructions_end;
 };
 
-// The content of the entry at `address`, behind its length; not good if it is not one.
+// Returns the content of the entry at `address`, behind its length. The cursor is bad if there is no valid entry.
 cursor entry_at(const frame_tables& tables, std::uintptr_t address) noexcept {
     cursor at(address < tables.begin ? tables.end + 1 : address, tables.end);
     const std::uint32_t length = at.take<std::uint32_t>();

@@ -43,10 +43,11 @@ struct frame_row {
     register_rule registers[column::count];
 };
 
-// False: the tables have nothing for this program counter, or nothing that can be understood.
+// Returns false if the tables have no rule for this program counter, or one that is not understood.
 bool find_row(const frame_tables& tables, std::uintptr_t pc, frame_row& row) noexcept;
 
-// Memory of a thread that may not be there. A function instead of a virtual one: nothing of the C++ library is needed.
+// Memory of a thread, which may be unmapped. A function pointer replaces a virtual function, because the C++ library is
+// not available here.
 struct memory_reader {
     bool (*read_word)(memory_reader& self, std::uintptr_t address, std::uintptr_t& value) noexcept;
 
@@ -64,8 +65,7 @@ struct register_set {
     }
 };
 
-// The value of the expression of a rule. False: it needs a register that is not known or memory that is not there, or
-// it is not an expression.
+// Computes the expression of a rule. Returns false if it needs an unknown register or unmapped memory, or is invalid.
 bool evaluate(const frame_tables& tables, std::int32_t expression, const register_set& registers, memory_reader& memory,
               const std::uintptr_t* initial, std::uintptr_t& result) noexcept;
 
@@ -73,8 +73,8 @@ bool evaluate(const frame_tables& tables, std::int32_t expression, const registe
 bool is_register_and_offset(const frame_tables& tables, std::int32_t expression, unsigned number, std::int64_t& offset,
                             bool& is_read) noexcept;
 
-// Turns the registers of a frame into those of its caller. An unknown return address is the end of the stack. False:
-// the caller is unknown.
+// Turns the registers of a frame into those of its caller. An undefined return address is the end of the stack. Returns
+// false if the caller is unknown.
 bool step(const frame_tables& tables, const frame_row& row, register_set& registers, memory_reader& memory) noexcept;
 
 } // namespace qor::record

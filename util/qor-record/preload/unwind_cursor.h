@@ -11,7 +11,7 @@ constexpr unsigned absolute = 0x00, uleb128 = 0x01, udata2 = 0x02, udata4 = 0x03
                    sdata2 = 0x0a, sdata4 = 0x0b, sdata8 = 0x0c, relative_to_pc = 0x10, relative_to_header = 0x30,
                    indirect = 0x80, format_bits = 0x0f, base_bits = 0x70;
 
-// Reads within its bounds: beyond them there are zeros, and the cursor is not good any more.
+// Reads within its bounds. A read beyond them gives zeros and marks the cursor as bad.
 class cursor {
 public:
     cursor(std::uintptr_t begin, std::uintptr_t end) noexcept : m_at(begin), m_end(end), m_good(begin <= end) {

@@ -40,7 +40,7 @@ bool evaluate(const frame_tables& tables, std::int32_t expression, const registe
     if (initial != nullptr)
         push(*initial);
 
-    // One that jumps in a circle ends as well.
+    // The limit also ends an expression that loops.
     for (unsigned steps = 0; !at.at_end(); ++steps) {
         if (steps == 200)
             return false;
@@ -62,7 +62,7 @@ bool evaluate(const frame_tables& tables, std::int32_t expression, const registe
                 push(left & right);
                 break;
             case 0x1b: // div
-                // The smallest number by -1 is no number.
+                // The quotient of the smallest number and -1 cannot be represented.
                 if (right == 0 || (right == ~std::uintptr_t{0} && left == std::uintptr_t{1} << 63))
                     return false;
                 push(static_cast<std::uintptr_t>(signed_value(left) / signed_value(right)));

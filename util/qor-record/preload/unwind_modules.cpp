@@ -96,7 +96,7 @@ void read_segments(segment_list& list) noexcept {
         segment_list& list;
         bool began;
     } now{list, false};
-    // Everything under the loader's lock, which keeps two threads apart.
+    // The loader's lock, which dl_iterate_phdr holds, keeps two threads apart.
     dl_iterate_phdr(
         [](dl_phdr_info* module, std::size_t, void* argument) {
             reading& state = *static_cast<reading*>(argument);
@@ -216,7 +216,7 @@ void visit_modules(void (*visitor)(const module_info&, void*), void* argument) n
             visit& each = *static_cast<visit*>(state);
             module_info info{module->dlpi_addr, ~std::uintptr_t{0}, 0, module->dlpi_name, nullptr, 0};
             if (each.is_program) {
-                // Where the kernel's files are not there, as it was started.
+                // Without /proc, the name by which the program was started.
                 const ssize_t length = readlink("/proc/self/exe", each.path, sizeof each.path - 1);
                 each.path[length > 0 ? length : 0] = '\0';
                 const char* const started = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
@@ -247,7 +247,7 @@ void modules_changed() noexcept {
     std::uint64_t before = module_state.load();
     std::uint64_t after;
     do {
-        // The number is never 0, which is that of modules which stay.
+        // The number is never 0, which stands for modules that are never unloaded.
         const std::uint32_t number = static_cast<std::uint32_t>(before) + 1;
         const std::uint64_t changes = before / one_change;
         after = (changes - (changes != 0)) * one_change + (number == 0 ? 1 : number);

@@ -13,7 +13,7 @@ struct found_module {
     bool stays; // it was there when the program started, and is never unloaded
 };
 
-// False: no module has code at this address.
+// Returns false if no module has code at this address.
 bool find_module(std::uintptr_t pc, found_module& result) noexcept;
 
 // Reads which modules there are; takes the loader's lock.
@@ -25,7 +25,7 @@ void read_later_modules() noexcept;
 extern std::atomic<std::uint64_t> module_state;
 constexpr std::uint64_t one_change = std::uint64_t{1} << 32;
 
-// Tells the modules as a C library before 2.35 does, which has no `_dl_find_object`. For tests.
+// Finds modules without `_dl_find_object`, as with a C library before 2.35. For tests.
 extern bool without_find_object;
 
 } // namespace qor::record

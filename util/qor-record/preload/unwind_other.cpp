@@ -1,4 +1,4 @@
-// Other processors: the caller alone.
+// On other processors, a stack is the caller alone.
 #include "unwind.h"
 #include "unwind_modules.h"
 

@@ -93,7 +93,7 @@ bool is_return_from_signal(std::uintptr_t pc) noexcept {
 
 bool follows_call(std::uintptr_t pc) noexcept {
     constexpr unsigned longest = 7;
-    // From the last byte down, as far as there is memory.
+    // Read from the last byte down, as far as the memory is mapped.
     unsigned char code[longest]{};
     unsigned count = 0;
     for (; count < longest; ++count) {

@@ -77,7 +77,7 @@ bool is_own(std::uintptr_t address, bool is_running) noexcept {
             own.is_whole = true;
             return false;
         }
-        // In a sandbox that lets nobody ask, a stack near by is the thread's own.
+        // If a sandbox forbids the system call, a stack near by is taken for the thread's own.
         if (found == answer::none)
             return is_running;
         own.verified -= page_size;

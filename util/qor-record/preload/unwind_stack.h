@@ -1,4 +1,4 @@
-// The memory around a stack pointer that can be read.
+// The readable memory around a stack pointer.
 #pragma once
 
 #include "unwind_cfi.h"
@@ -19,7 +19,7 @@ void this_is_the_main_thread() noexcept;
 // costs nothing; on any other stack it grows by pages as they are needed.
 class stack_view {
 public:
-    // Whether the word at `address` can be read, without asking anybody.
+    // Whether the word at `address` is known to be readable, without a system call.
     bool covers(std::uintptr_t address) const noexcept {
         return address - m_low <= m_high - m_low - sizeof address && m_high != m_low;
     }

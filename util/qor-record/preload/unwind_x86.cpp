@@ -38,8 +38,8 @@ bool is_function(std::uintptr_t pc) noexcept {
     return find_module(pc, module) && find_row(module.tables, pc, row) && row.function == pc;
 }
 
-// Where no table tells: the frame pointer, if it leads up on the same stack to what a call has left. `state` as in
-// rule_of: while modules come and go, only those that stay are looked at.
+// Without a table, the frame pointer is followed, if it leads up on the same stack to what a call has left. `state` as
+// in rule_of: while modules come and go, only those that stay are looked at.
 bool follow_frame_pointer(frame_position& at, stack_view& view, std::uint64_t state) noexcept {
     if (at.fp < at.sp || at.fp % sizeof at.fp != 0 || !view.reaches(at.fp) || !view.reaches(at.fp + 8))
         return false;
@@ -188,7 +188,7 @@ unlikely leave_unlikely(frame_rule rule, frame_position& at, frame_place& place,
         case frame_rule::signal_frame:
             return leave_signal_frame(at, view) ? unlikely::left : unlikely::end;
         case frame_rule::no_code:
-            // A guess cannot be made of the code that was interrupted.
+            // No guess is possible about interrupted code.
             if (at.lookup != at.pc)
                 return unlikely::foreign;
             [[fallthrough]];
@@ -271,7 +271,7 @@ unsigned unwind(const machine_context& context, std::uintptr_t* frames, unsigned
             const unlikely result = leave_unlikely(rule, at, where, state, reader);
             if (result == unlikely::needs_registers)
                 return unwind_with_all_registers(context, frames, depth, n);
-            // A called function has a caller, whatever its code looks like.
+            // A called function always has a caller.
             if (result == unlikely::foreign)
                 return n > 1 ? n - 1 : n;
             if (result == unlikely::end)
