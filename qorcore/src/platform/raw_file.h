@@ -116,7 +116,7 @@ public:
 
 private:
     std::intptr_t m_handle = -1; // the system's handle or descriptor
-    bool m_appends = false;      // only Windows needs to know at each write
+    bool m_appends = false;      // write() writes at the end
     // Identifies the file that was opened, on systems where the host may close a descriptor by its number.
     std::uint64_t m_identity[2] = {0, 0};
 };

@@ -163,6 +163,7 @@ int qor::platform::raw_file::open(const char* path, const terms& how) noexcept {
         ::close(handle);
         return reason;
     }
+    m_appends = how.appends;
     return adopt(handle);
 }
 
@@ -191,6 +192,7 @@ int qor::platform::raw_file::adopt(std::intptr_t opened) noexcept {
 
 // If the host has reused the descriptor for a file of its own, only the host may close it.
 int qor::platform::raw_file::close() noexcept {
+    m_appends = false;
     const int handle = descriptor_of(std::exchange(m_handle, -1));
     struct stat status;
     if (handle < 0 || fstat(handle, &status) != 0 || !is_identity(status, m_identity) || ::close(handle) == 0)
@@ -331,9 +333,7 @@ int qor::platform::raw_file::skip_hole(raw_file& from, std::uint64_t size) noexc
     const int file = descriptor_of(m_handle);
     struct stat status;
     const off_t here = lseek(file, 0, SEEK_CUR);
-    const int flags = fcntl(file, F_GETFL);
-    if (here < 0 || flags < 0 || (flags & O_APPEND) != 0 || fstat(file, &status) != 0 || !S_ISREG(status.st_mode) ||
-        here != status.st_size)
+    if (here < 0 || m_appends || fstat(file, &status) != 0 || !S_ISREG(status.st_mode) || here != status.st_size)
         return no_hole;
     const std::uint64_t end = static_cast<std::uint64_t>(here) + size;
     const int reason = set_size(end);
