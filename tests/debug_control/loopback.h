@@ -5,6 +5,7 @@
 #include "channel/debug_listener.h"
 #include "plain_scram.h"
 #include "private_file_of.h"
+#include "support/last_error.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
@@ -19,12 +20,6 @@
 namespace qor::test {
 
 using control_pointer = zetSmartPointer<IQORDebugControl>;
-
-inline std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return {text.Text(), text.Length()};
-}
 
 inline uint32 error_number() {
     qorString text;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "qor/qor.h"
+#include "support/last_error.h"
 #include "support/scenes.h"
 #include "support/temp_folder.h"
 
@@ -12,12 +13,6 @@ namespace qor::test {
 using reader_pointer = zetSmartPointer<IQORSimpleFileReader>;
 
 inline std::string view(const qorString& text) { return {text.Text(), text.Length()}; }
-
-inline std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return view(text);
-}
 
 inline reader_pointer make_reader() {
     reader_pointer reader;

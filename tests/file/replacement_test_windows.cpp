@@ -2,6 +2,7 @@
 #include "platform/wide_windows.h"
 #include "qor/glue/own_rights_windows.h"
 #include "qor/qor.h"
+#include "support/last_error.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
@@ -13,11 +14,7 @@
 
 namespace {
 
-std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return text.Text();
-}
+using qor::test::last_error;
 
 std::wstring wide(const std::string& path) {
     std::wstring out;

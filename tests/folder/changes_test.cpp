@@ -1,4 +1,5 @@
 #include "qor/qor.h"
+#include "support/last_error.h"
 #include "support/platform.h"
 #include "support/temp_folder.h"
 
@@ -13,11 +14,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return text.Text();
-}
+using qor::test::last_error;
 
 TEST(folders, are_created_one_by_one) {
     const qor::test::temp_folder folder;

@@ -1,4 +1,5 @@
 #include "qor/qor.h"
+#include "support/last_error.h"
 #include "support/platform.h"
 #include "support/temp_folder.h"
 
@@ -13,11 +14,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return text.Text();
-}
+using qor::test::last_error;
 
 using entries = std::map<std::string, std::pair<qorFileKind, uint64>>;
 

@@ -1,6 +1,7 @@
 // Names and paths on Windows: single surrogates, long paths, read-only files, junctions as links.
 #include "platform/wide_windows.h"
 #include "qor/qor.h"
+#include "support/last_error.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
@@ -10,11 +11,7 @@
 
 namespace {
 
-std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return text.Text();
-}
+using qor::test::last_error;
 
 TEST(windows_names, of_any_units_survive) {
     for (unsigned unit = 1; unit < 0x10000; ++unit) {

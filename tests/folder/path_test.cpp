@@ -1,4 +1,5 @@
 #include "qor/qor.h"
+#include "support/last_error.h"
 #include "support/platform.h"
 #include "support/temp_folder.h"
 
@@ -10,11 +11,7 @@
 
 namespace {
 
-std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return text.Text();
-}
+using qor::test::last_error;
 
 std::string folder(qorFolderId id) {
     qorString path;

@@ -1,6 +1,7 @@
 // Folders on POSIX: links, kinds, names that are no UTF-8, depths and lengths at their limits, and others that change a
 // tree while it is deleted.
 #include "qor/qor.h"
+#include "support/last_error.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
@@ -24,11 +25,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return text.Text();
-}
+using qor::test::last_error;
 
 // Creates one name of each kind.
 void make_kinds(const qor::test::temp_folder& folder) {

@@ -1,5 +1,6 @@
 // Digest engines as a client sees them, compared with OpenSSL.
 #include "qor/qor.h"
+#include "support/last_error.h"
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
@@ -15,11 +16,7 @@ namespace {
 using bytes = std::vector<uint8>;
 using engine_pointer = zetSmartPointer<IQORDigestEngine>;
 
-std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return {text.Text(), text.Length()};
-}
+using qor::test::last_error;
 
 engine_pointer make(const char* algorithm) {
     engine_pointer engine;

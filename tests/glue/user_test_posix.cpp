@@ -1,5 +1,6 @@
 // Accounts as a client sees them, compared with the C library.
 #include "qor/qor.h"
+#include "support/last_error.h"
 
 #include <gtest/gtest.h>
 
@@ -45,11 +46,7 @@ std::vector<std::string> groups_by_libc(const passwd& entry) {
     return out;
 }
 
-std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return text.Text();
-}
+using qor::test::last_error;
 
 } // namespace
 

@@ -1,6 +1,7 @@
 // Hand-written dumps: contents that no host of ours has, and faults.
 #include "message_maker.h"
 #include "rtnetlink_posix.h"
+#include "support/last_error.h"
 
 #include <gtest/gtest.h>
 
@@ -64,11 +65,7 @@ bytes hop(int link, const bytes& gateway, int flags = 0) {
          inside});
 }
 
-std::string last_error() {
-    qorString out;
-    qorGetLastError(out);
-    return out.Text();
-}
+using qor::test::last_error;
 
 } // namespace
 

@@ -4,6 +4,7 @@
 #include "support/temp_folder.h"
 
 #include "qor/qor.h"
+#include "support/last_error.h"
 
 #include <gtest/gtest.h>
 
@@ -71,11 +72,7 @@ private:
     std::string m_name;
 };
 
-std::string last_error() {
-    qorString text;
-    qorGetLastError(text);
-    return text.Text();
-}
+using qor::test::last_error;
 
 zetSmartPointer<IQORSerialPort> open_port(const std::string& name) {
     zetSmartPointer<IQORSerialPort> port;
