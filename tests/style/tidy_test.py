@@ -150,6 +150,7 @@ def recent_changes():
 
 class Tidy(unittest.TestCase):
     build = TREE / "build/dev"
+    maxDiff = None  # all findings are shown
 
     def test_sources_are_clean(self):
         wanted = [unit for unit in units(self.build).values() if is_shipped(unit)]

@@ -245,7 +245,7 @@ const caller_text& arena_host::make_caller(std::uint64_t address, std::uint32_t 
     if (made == nullptr)
         std::abort();
     made->size = line.size();
-    std::memcpy(reinterpret_cast<char*>(made) + offsetof(caller_text, text), line.data(), line.size());
+    line.copy(reinterpret_cast<char*>(made) + offsetof(caller_text, text), line.size());
     return *made;
 }
 
