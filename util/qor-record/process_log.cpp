@@ -42,6 +42,8 @@ inline char* put_hex(char* at, std::uint64_t value) {
     return end;
 }
 
+constexpr char number_begin[] = {' ', '0', 'x'};
+
 inline char* put_caller(char* at, const caller_text& caller) {
     for (std::size_t done = 0; done < caller.size; done += 64)
         std::memcpy(at + done, caller.text + done, 64);
@@ -50,8 +52,8 @@ inline char* put_caller(char* at, const caller_text& caller) {
 
 inline char* put_code_and_address(char* at, char code, std::uint64_t address) {
     *at++ = code;
-    std::memcpy(at, " 0x", 3);
-    return put_hex(at + 3, address);
+    std::memcpy(at, number_begin, sizeof number_begin);
+    return put_hex(at + sizeof number_begin, address);
 }
 
 } // namespace
@@ -132,8 +134,8 @@ void process_log::write_line(const caller_text& caller, char code, std::uint64_t
 
 void process_log::write_line(const caller_text& caller, char code, std::uint64_t address, std::uint64_t size) {
     char* at = put_code_and_address(put_caller(m_log.room(), caller), code, address);
-    std::memcpy(at, " 0x", 3);
-    at = put_hex(at + 3, size);
+    std::memcpy(at, number_begin, sizeof number_begin);
+    at = put_hex(at + sizeof number_begin, size);
     *at++ = '\n';
     m_log.advance(at);
     ++m_lines;

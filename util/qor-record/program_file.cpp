@@ -203,7 +203,7 @@ std::string find_program(const std::string& name) {
         is_last = end == std::string_view::npos;
         const std::string_view folder = rest.substr(0, end);
         rest = is_last ? std::string_view() : rest.substr(end + 1);
-        if (const std::string each = std::string(folder.empty() ? "." : folder) + '/' + name; is_program(each))
+        if (std::string each = std::string(folder.empty() ? "." : folder) + '/' + name; is_program(each))
             return each;
     }
     return {};

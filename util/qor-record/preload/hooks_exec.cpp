@@ -10,11 +10,11 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <linux/seccomp.h>
 #include <spawn.h>
-#include <stdlib.h>
 #include <unistd.h>
 #include <wordexp.h>
 

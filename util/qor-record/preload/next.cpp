@@ -2,10 +2,10 @@
 
 #include "process.h"
 
+#include <cstdlib>
 #include <dlfcn.h>
 #include <elf.h>
 #include <link.h>
-#include <stdlib.h>
 
 namespace qor::record {
 

@@ -4,9 +4,9 @@
 #include "raw_calls.h"
 
 #include <cerrno>
+#include <ctime>
 #include <linux/futex.h>
 #include <pthread.h>
-#include <time.h>
 
 namespace qor::record {
 

@@ -4,10 +4,10 @@
 #include "raw_calls.h"
 #include "recording.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/mman.h>
-#include <stdlib.h>
 #include <sys/auxv.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
