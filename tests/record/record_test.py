@@ -449,7 +449,7 @@ class Files(Recorded):
             self.assertIn(f"\n  {option} ", done.stdout)
 
     def test_signals_are_passed_on(self):
-        for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGUSR1):
+        for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGUSR1, signal.SIGUSR2):
             program = "import signal, time; signal.signal({0}, lambda *_: exit(9)); print('ready', flush=True); time.sleep(60)"
             process = subprocess.Popen([options.bin / "qor-record", "--depth", "0", "-o", "log", sys.executable, "-c", program.format(int(number))],
                                        cwd=self.folder, env=self.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
