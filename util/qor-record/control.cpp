@@ -13,7 +13,7 @@
 namespace qor::record {
 
 std::string control_name(const log_names& names) {
-    const std::string path = names.path();
+    const std::string& path = names.path();
     const std::size_t slash = path.rfind('/');
     struct stat folder;
     if (::stat(path.substr(0, slash + 1).c_str(), &folder) != 0)

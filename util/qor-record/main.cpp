@@ -33,8 +33,8 @@ std::string find_preload() {
     const ssize_t size = ::readlink("/proc/self/exe", path, sizeof path);
     const std::string program(path, size > 0 ? static_cast<std::size_t>(size) : 0);
     const std::string folder = program.substr(0, program.rfind('/'));
-    const std::string beside = folder + "/libqor-record.so";
-    const std::string installed = folder.substr(0, folder.rfind('/')) + "/lib/qor/libqor-record.so";
+    std::string beside = folder + "/libqor-record.so";
+    std::string installed = folder.substr(0, folder.rfind('/')) + "/lib/qor/libqor-record.so";
     if (::access(beside.c_str(), R_OK) == 0)
         return beside;
     if (::access(installed.c_str(), R_OK) == 0)
@@ -69,6 +69,7 @@ std::string preload_list(const std::string& library) {
     ::fcntl(recording.first_descriptor(), F_SETFD, 0);
     ::pthread_sigmask(SIG_SETMASK, &signals, nullptr);
     std::vector<char*> words;
+    words.reserve(chosen.command.size() + 1);
     for (const std::string& each : chosen.command)
         words.push_back(const_cast<char*>(each.c_str()));
     words.push_back(nullptr);
