@@ -58,7 +58,7 @@ class Checker:
         return self.codes[path]
 
     def foreign(self, stacks):
-        """Nodes whose address no call returns to, nor a signal: (module, address, number of the node)."""
+        """Nodes whose address no call returns to, nor a signal, nor an exception: (module, address, number of the node)."""
         result = []
         children = [[] for _ in stacks.nodes]
         for number, (parent, _, _) in enumerate(stacks.nodes):
@@ -73,6 +73,9 @@ class Checker:
             interrupted = inner and all(
                 (known := stacks.nodes[child][1]) is not None and self.code(known.path) is not None
                 and self.code(known.path).is_signal_trampoline(stacks.nodes[child][2]) for child in inner)
-            if not interrupted or code.around(address, 0, 1) is None:
+            # An exception's run-time returns to the place that handles it. A signal may come just before that.
+            landing = inner and all((known := stacks.nodes[child][1]) is not None and "/libgcc_s.so" in known.path
+                                    for child in inner)
+            if not (interrupted or landing) or code.around(address, 0, 1) is None:
                 result.append((module.path, hex(address), number))
         return result
