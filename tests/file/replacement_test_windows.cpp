@@ -1,4 +1,4 @@
-// What a file that is replaced keeps on Windows: the access control list, and whether it is hidden.
+// A file that is replaced on Windows keeps its access control list and stays hidden if it was.
 #include "platform/wide_windows.h"
 #include "qor/glue/own_rights_windows.h"
 #include "qor/qor.h"

@@ -108,7 +108,7 @@ TEST(file_exists, tells_files_from_folders) {
         EXPECT_FALSE(qorDirectoryExists(path.c_str()));
     }
     qorString message;
-    EXPECT_EQ(qorGetLastError(message), uint32{qorError_timed_out}); // "there is none" is an answer
+    EXPECT_EQ(qorGetLastError(message), uint32{qorError_timed_out}); // a missing name is an answer, not a failure
 }
 
 TEST(file_info, is_that_of_the_standard_library) {

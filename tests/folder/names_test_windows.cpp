@@ -26,7 +26,7 @@ TEST(windows_names, of_any_units_survive) {
         ASSERT_TRUE(qor::platform::to_wide_path(qor::platform::name_from_wide(name), back));
         EXPECT_EQ(back, name);
     }
-    // What is valid has the usual form.
+    // Valid UTF-16 has the usual form.
     EXPECT_EQ(qor::platform::name_from_wide(L"gr\x00f6\x00df"
                                             L"e \x6587 \xd83d\xde42"),
               reinterpret_cast<const char*>(u8"größe 文 🙂"));

@@ -136,7 +136,7 @@ decompressor::outcome decompressor::run_gzip(const char*& next, const char* end,
 }
 
 // A call that fails keeps back the text that it has made. So the library gets one part of the frame at a time, without
-// the head of the next block, which it asks for too; and it gets nothing while text of before waits for room.
+// the head of the next block, although it asks for that too. It gets nothing while earlier text waits for room.
 decompressor::outcome decompressor::run_zstd(const char*& next, const char* end, char*& out, char* out_end) {
     ZSTD_inBuffer from{next, m_was_full ? 0 : std::min(distance(next, end), m_wanted), 0};
     ZSTD_outBuffer to{out, distance(out, out_end), 0};

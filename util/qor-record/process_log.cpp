@@ -225,7 +225,7 @@ log_replay& process_log::replay_of(std::uint64_t lines) {
 }
 
 process_log::place process_log::place_of_fork(std::uint64_t ticket, bool is_over) {
-    // Another thread of the parent may be about to commit a record of before.
+    // Another thread of the parent may be about to commit an earlier record.
     for (int i = 0; m_tail < ticket && i < 1000; ++i) {
         if (read(ticket, is_over) == 0) {
             constexpr timespec moment = {0, 100'000};

@@ -14,7 +14,7 @@ const char* tag(qorFolderId id) noexcept;
 // Sets the last error for a folder that does not exist here; `reason` is the number of a message in the catalog.
 void fail(qorFolderId id, uint32 reason);
 
-// Returns the path of a folder. Returns an empty path and sets the last error if there is none here.
+// Returns the path of a folder. Returns an empty path and sets the last error if this host has no such folder.
 std::string find(qorFolderId id);
 
 // ---- implemented for each system

@@ -23,7 +23,7 @@ public:
 
 private:
     std::vector<std::pair<std::string, std::string>> m_named; // POSIX: names and values
-    std::vector<unsigned char> m_descriptor;                  // Windows: the access control list; empty: there is none
+    std::vector<unsigned char> m_descriptor;                  // Windows: the access control list, empty without one
     unsigned m_rights = 0;                                    // on Windows the file's attributes
     unsigned m_owner = 0;                                     // POSIX
     unsigned m_group = 0;

@@ -23,7 +23,7 @@ int examine(const char* path, bool follow, qor::platform::file_status& status) n
     return qor::platform::get_status(AT_FDCWD, path, AT_NO_AUTOMOUNT | (follow ? 0 : AT_SYMLINK_NOFOLLOW), status);
 }
 
-// Returns the name of a user or group, with one of the C library's functions; the number if there is none.
+// Returns the name of a user or group, with one of the C library's functions, or the number if it has no name.
 template <class ENTRY, class ID>
 std::string name_of(int (*read)(ID, ENTRY*, char*, std::size_t, ENTRY**), char* ENTRY::*name, ID number) {
     std::vector<char> buffer;

@@ -14,7 +14,7 @@ struct file_status {
     uint64 id[2];
     uint32 owner; // the numbers of its user and its group; Windows has none: all ones
     uint32 group;
-    // What the system keeps beyond the ticks of a clock: nanoseconds, 0 to 99.
+    // The rest of the times that the 100-ns units cannot hold: nanoseconds, 0 to 99.
     uint8 modified_rest;
     uint8 accessed_rest;
     uint8 created_rest;

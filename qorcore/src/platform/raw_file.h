@@ -82,7 +82,7 @@ public:
     // Removes the name `path` of this open file.
     int remove(const char* path) noexcept;
 
-    // What follows a position: bytes, or a hole, which reads as zeros and takes no room on the disk.
+    // The run that begins at a position: bytes, or a hole, which reads as zeros and takes no room on the disk.
     struct run {
         std::uint64_t length = 0;
         bool is_hole = false;

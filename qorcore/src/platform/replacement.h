@@ -23,7 +23,7 @@ public:
     // to new ones.
     int begin(const char* path, bool is_private);
 
-    // What the new file holds is written to it. Valid between begin() and commit() or drop().
+    // The content of the new file is written to it. Valid between begin() and commit() or drop().
     raw_file& file() noexcept { return m_file; }
 
     // Puts the new file in its place, on the disk. On failure the old file is still there, unless the folder's way to

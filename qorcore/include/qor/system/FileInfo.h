@@ -6,7 +6,7 @@
 
 #include <optional>
 
-// What a name stands for.
+// The kind of object that a name stands for.
 enum class qorFileKind : uint32 {
     unknown,
     file,             // bytes on a disk
@@ -46,7 +46,7 @@ struct qorFileInfoEx : qorFileInfo {
     qorString group_name;
     // The text of a link; empty for what is no link.
     qorString target;
-    // What the file system keeps of the times beyond the ticks of a clock: nanoseconds, 0 to 99.
+    // The rest of the times that the 100-ns units cannot hold: nanoseconds, 0 to 99.
     uint8 modified_rest = 0;
     uint8 accessed_rest = 0;
     uint8 created_rest = 0;
@@ -80,6 +80,6 @@ inline bool qorGetFileInfoEx(const char* path, qorFileInfoEx& out, bool follow =
 
 // Return whether `path` leads to a folder, or to anything else; links are followed. If there is nothing, they return
 // false and leave the last error unchanged; if the system does not tell, they return false and set it. The answer may
-// be outdated at once: to create a file only if there is none, open it with that mode.
+// be outdated at once: to create a file only if it is missing, open it with qorFileNew.
 inline bool qorFileExists(const char* path) noexcept { return qor::glue::qorFileExists(path); }
 inline bool qorDirectoryExists(const char* path) noexcept { return qor::glue::qorDirectoryExists(path); }

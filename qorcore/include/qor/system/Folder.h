@@ -109,7 +109,7 @@ protected:
 };
 
 // Reads the contents of a folder in one pass, without "." and "..", in the system's order. A name that disappears
-// meanwhile is left out. Of a name that the caller may not examine, only the name and usually the kind are known; any
+// meanwhile is left out. If the caller may not examine a name, only the name and usually the kind are known; any
 // other failure ends the call. Returns false and leaves *out unchanged on failure.
 [[nodiscard]] inline bool qorGetFolderContents(const char* path, IQORFolderContents** out) noexcept {
     return qor::glue::qorGetFolderContents(path, out);
