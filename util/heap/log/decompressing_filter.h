@@ -16,6 +16,9 @@ public:
     answer IsFor(const char* beginning, uint64 size) noexcept override;
     bool Convert(const char** next, const char* end, bool is_at_end, char** out, char* out_end) noexcept override;
 
+    // In bytes of the compressed file, from its beginning.
+    uint64 position() const noexcept { return m_decompressor.position(); }
+
 private:
     void set_error(compression::decompressor::outcome what) const;
 

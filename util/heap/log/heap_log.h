@@ -21,11 +21,13 @@ public:
     using batch = log_batch<LINE>;
     using entry = typename batch::entry;
 
-    // A thread may read ahead only in a log that is always read to its end.
-    enum class extent { whole, part };
+    // A thread may read ahead only in a log that is always read to its end: when the log turns out to be long, or from
+    // the beginning. `followed` is from the beginning too, and the log has no end: somebody still writes it.
+    enum class extent { whole, whole_in_thread, followed, part };
 
     // If the trace code is on, each line is traced with the format when its turn comes. Without a format nothing is
-    // traced. next() calls before_wait() before it waits for a line that has not been written yet.
+    // traced. next() calls before_wait() before it waits for a line that has not been written yet; while a thread
+    // reads ahead, every tenth of a second again.
     heap_log(
         uint32 trace_code, const char* trace_format, std::function<void()> before_wait = [] {})
         : m_trace_code(trace_code), m_trace_format(trace_format), m_before_wait(std::move(before_wait)) {}
@@ -33,6 +35,17 @@ public:
     heap_log& operator=(const heap_log&) = delete;
 
     bool open(const char* path, extent how_much) {
+        log_source<LINE> source;
+        if (!source.open(path, how_much == extent::followed)) {
+            close();
+            return false;
+        }
+        open(std::move(source), how_much);
+        return true;
+    }
+
+    // The same for a source that is open and of which nothing has been taken.
+    void open(log_source<LINE> source, extent how_much) {
         m_ahead.reset();
         m_extent = how_much;
         m_first.make();
@@ -41,10 +54,8 @@ public:
         m_has_form = false;
         m_has_ended = false;
         m_failure.Empty();
-        if (!m_source.open(path))
-            return false;
+        m_source = std::move(source);
         tell_before_wait();
-        return true;
     }
 
     // Ends reading and frees the memory. is_given() then returns false.
@@ -57,6 +68,9 @@ public:
     }
 
     bool is_given() const noexcept { return m_source.is_open(); }
+
+    // The caller does without the ids of text_ids. To be called before the first line is read.
+    void leave_out_ids() noexcept { m_ids.leave_out(); }
 
     // Returns true if the next line is not in memory yet, so next() may have to wait for it.
     bool is_used_up() const noexcept { return m_next == m_batch->count && m_batch->end == m_batch->size; }
@@ -79,6 +93,9 @@ public:
     // Returns the beginning of the log if it is not a log of this kind: no line has the form of such a log, or the file
     // begins like something other than text. Otherwise the result is empty.
     std::string_view foreign_beginning() const noexcept { return m_has_form ? std::string_view() : m_beginning; }
+
+    // How much of the file has been read, in bytes of it; the replay is a little behind.
+    uint64 position() const noexcept { return m_source.position(); }
 
     // The reason why the log was not read to its end; empty if it was.
     const qorString& failure() const noexcept { return m_failure; }
@@ -118,6 +135,8 @@ private:
     }
 
     bool next_batch() {
+        if ((m_extent == extent::whole_in_thread || m_extent == extent::followed) && !m_ahead)
+            start_thread();
         const bool has_more = m_ahead || m_source.has_text();
         // A short log needs no thread.
         if (has_more && m_first.size != 0 && m_extent == extent::whole && !m_ahead)
@@ -180,7 +199,7 @@ private:
     void start_thread() {
         try {
             m_source.set_before_wait(nullptr, nullptr);
-            m_ahead.emplace(m_source);
+            m_ahead.emplace(m_source, m_ids.is_left_out());
         } catch (const std::system_error&) {
             tell_before_wait();
             m_extent = extent::part;

@@ -19,7 +19,8 @@ public:
     using batch = log_batch<LINE>;
 
     // Throws std::system_error if the process cannot start a thread; nothing has been read then.
-    explicit log_ahead(const log_source<LINE>& source) : m_shared(std::make_shared<shared>(source)) {
+    log_ahead(const log_source<LINE>& source, bool are_ids_left_out)
+        : m_shared(std::make_shared<shared>(source, are_ids_left_out)) {
         m_thread = std::thread([shared = m_shared] { qor::or_end([&] { shared->read(); }); });
     }
 
@@ -37,7 +38,7 @@ public:
 
     // Returns the next lines, valid until the next call. Returns null at the end of the log, or if it cannot be read:
     // then the last error says why, otherwise there is no last error. before_wait() is called before a long wait for
-    // the lines.
+    // the lines, and every 100 ms during it; an exception from it leaves the log as it is.
     template <class BEFORE_WAIT>
     batch* next(const BEFORE_WAIT& before_wait) {
         return m_shared->take(before_wait);
@@ -46,16 +47,18 @@ public:
 private:
     class shared {
     public:
-        explicit shared(const log_source<LINE>& source) : m_source(source) {
+        shared(const log_source<LINE>& source, bool are_ids_left_out) : m_source(source) {
             for (batch& each : m_batches)
                 each.make_with_text();
-            m_ids.make();
+            if (are_ids_left_out)
+                m_ids.leave_out();
+            else
+                m_ids.make();
         }
 
         void read() {
             bool parsed;
-            for (batch* free = next_free(parsed); free != nullptr && m_source.copy_batch(*free, parsed, m_ids);
-                 free = next_free(parsed))
+            for (batch* free = next_free(parsed); free != nullptr && fill(*free, parsed); free = next_free(parsed))
                 pass_on(*free);
             qorGetLastError(m_error.Out());
             const std::lock_guard hold(m_lock);
@@ -98,6 +101,12 @@ private:
         static constexpr uint64 wake_count = ring / 4;
         static constexpr std::chrono::milliseconds patience{1};
 
+        // How often the end of a log that somebody still writes is tried again.
+        static constexpr std::chrono::milliseconds follow_step{20};
+
+        // before_wait() is called this often while the replay waits.
+        static constexpr std::chrono::milliseconds wait_step{100};
+
         uint64 waiting() const noexcept { return m_passed - m_taken; }
 
         // before_wait() is called only after `patience`, so its cost does not matter.
@@ -111,10 +120,11 @@ private:
             m_wanted = 1;
             if (waiting() != 0)
                 return;
-            hold.unlock();
-            before_wait();
-            hold.lock();
-            m_changed.wait(hold, [this] { return waiting() != 0 || m_is_done; });
+            do {
+                hold.unlock();
+                before_wait();
+                hold.lock();
+            } while (!m_changed.wait_for(hold, wait_step, [this] { return waiting() != 0 || m_is_done; }));
         }
 
         void return_batch() {
@@ -131,6 +141,19 @@ private:
             parsed = waiting() >= low_water;
             m_place.keep_off(m_processor);
             return m_is_abandoned ? nullptr : &m_batches[m_passed % ring];
+        }
+
+        // Waits at the end of a log that somebody still writes.
+        bool fill(batch& free, bool parsed) {
+            while (!m_source.copy_batch(free, parsed, m_ids)) {
+                qorString failure;
+                if (!m_source.follows() || qorGetLastError(failure) != qorError_none)
+                    return false;
+                std::unique_lock hold(m_lock);
+                if (m_changed.wait_for(hold, follow_step, [this] { return m_is_abandoned; }))
+                    return false;
+            }
+            return true;
         }
 
         void pass_on(const batch& filled) {

@@ -2,12 +2,14 @@
 #pragma once
 
 #include "decompressing_filter.h"
+#include "following_filter.h"
 #include "log_fields.h"
 #include "log_lines.h"
 #include "qor/qor.h"
 #include "text_ids.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -60,10 +62,10 @@ struct log_batch {
         const char* next = text + begin;
         count = log_lines::parse_lines<LINE>(text, next, text + size, entries.data(), limit);
         end = static_cast<uint32>(next - text);
-        if (!is_cut)
-            assign_ids(ids);
-        else if (count != 0)
+        if (is_cut && count != 0)
             entries[0].kind = log_lines::kind::too_few_words;
+        if (!is_cut && !ids.is_left_out())
+            assign_ids(ids);
         return true;
     }
 
@@ -114,26 +116,56 @@ class log_source {
 public:
     using batch = log_batch<LINE>;
 
-    bool open(const char* path) {
+    // `follows`: somebody still writes the log, so more may follow behind its end.
+    bool open(const char* path, bool follows = false) {
         create_IQORSimpleFileReader(m_file.Out());
         m_next = m_end = nullptr;
         if (!m_file->Open(path, 0))
             return false;
-        m_filter = std::make_shared<decompressing_filter>(path);
-        m_file->SetFilter(m_filter.get());
+        m_position = std::make_shared<std::atomic<uint64>>(0);
+        m_follows = follows;
+        if (follows)
+            m_filter = set_filter<following_filter>(path);
+        else
+            m_filter = m_decompressor = set_filter<decompressing_filter>(path);
         return true;
     }
 
     void close() {
         m_file.Empty();
         m_filter.reset();
+        m_decompressor.reset();
         m_next = m_end = nullptr;
     }
+
+    // A source of which nothing has been taken may turn out to be one of other lines.
+    template <class OTHER>
+    log_source<OTHER> as() const {
+        log_source<OTHER> other;
+        other.m_position = m_position;
+        other.m_filter = m_filter;
+        other.m_decompressor = m_decompressor;
+        other.m_file = m_file;
+        other.m_next = m_next;
+        other.m_end = m_end;
+        other.m_is_cut = m_is_cut;
+        other.m_follows = m_follows;
+        return other;
+    }
+
+    // The next lines, which stay where they are. Empty at the end, or if nothing can be read.
+    std::string_view peek() {
+        return has_text() ? std::string_view(m_next, static_cast<std::size_t>(m_end - m_next)) : std::string_view();
+    }
+
+    // How much of the file has been read, in bytes of it.
+    uint64 position() const noexcept { return m_position ? m_position->load(std::memory_order_relaxed) : 0; }
 
     // See IQORSimpleFileReader::SetBeforeWait.
     void set_before_wait(void (*tell)(void* context), void* context) { m_file->SetBeforeWait(tell, context); }
 
     bool is_open() const noexcept { return !m_file.IsEmpty(); }
+    bool follows() const noexcept { return m_follows; }
 
     // Returns true if lines follow, and reads them. Returns false if there are no more lines or they cannot be read. In
     // the second case the last error says why; in the first there is no last error.
@@ -143,6 +175,7 @@ public:
             qorClearLastError();
             m_is_cut = !m_file->ReadLines(&m_next, &size);
             m_end = m_next + size;
+            note_position(size);
         }
         return m_next != m_end;
     }
@@ -180,11 +213,30 @@ public:
     }
 
 private:
-    std::shared_ptr<decompressing_filter> m_filter; // the file's, which it outlives
+    template <class FILTER>
+    std::shared_ptr<FILTER> set_filter(const char* path) {
+        auto filter = std::make_shared<FILTER>(path);
+        m_file->SetFilter(filter.get());
+        return filter;
+    }
+
+    void note_position(uint64 size) noexcept {
+        const uint64 raw = m_decompressor ? m_decompressor->position() : 0;
+        m_position->store(raw != 0 ? raw : m_position->load(std::memory_order_relaxed) + size,
+                          std::memory_order_relaxed);
+    }
+
+    template <class OTHER>
+    friend class log_source;
+
+    std::shared_ptr<std::atomic<uint64>> m_position;      // of all copies
+    std::shared_ptr<void> m_filter;                       // the file's, which it outlives
+    std::shared_ptr<decompressing_filter> m_decompressor; // the same, if it is one
     zetSmartPointer<IQORSimpleFileReader> m_file;
     const char* m_next = nullptr; // handed out by the reader, not yet in a batch
     const char* m_end = nullptr;
     bool m_is_cut = false; // the text is the beginning of a line that is too long
+    bool m_follows = false;
 };
 
 } // namespace qor::heap

@@ -28,6 +28,10 @@ public:
     // `which` counts the assigners of a log from 0. No two of them assign the same id.
     explicit assigner(uint32 which) : m_next(assigners + which) {}
 
+    // The texts get no ids, that is, `none`.
+    void leave_out() noexcept { m_is_left_out = true; }
+    bool is_left_out() const noexcept { return m_is_left_out; }
+
     // Allocates the memory for all texts now; otherwise the first call of of() does.
     void make();
 
@@ -58,6 +62,7 @@ private:
     std::size_t m_used = 0;
     uint32 m_count = 0;
     uint32 m_next; // ids are never reused
+    bool m_is_left_out = false;
 };
 
 // The replay's side: the meanings of the ids of one log.

@@ -12,7 +12,8 @@ namespace {
 constexpr std::size_t piece_size = 64 * 1024;
 
 uint32 hash_of(const origin_table::origin& origin) noexcept {
-    uint64 state = hashing::mix(hashing::key ^ origin.type, uint64{origin.caller} << 32 | origin.type_name);
+    uint64 state = hashing::mix(hashing::key ^ origin.type ^ uint64{origin.stack} << 8,
+                                uint64{origin.caller} << 32 | origin.type_name);
     state = hashing::mix(state, uint64{origin.file} << 32 | static_cast<uint32>(origin.line));
     return hashing::finish(state);
 }
@@ -27,7 +28,7 @@ origin_table::origin_table() { of_caller({}); }
 uint32 origin_table::of_caller(std::string_view caller) {
     const uint32 number = text(caller);
     if (m_texts[number].as_caller == number_index::none)
-        m_texts[number].as_caller = of({number, 0, 0, 0, 0});
+        m_texts[number].as_caller = of({.caller = number});
     return m_texts[number].as_caller;
 }
 
@@ -51,6 +52,8 @@ uint32 origin_table::text(std::string_view text) {
     if (const number_index::cell* const found =
             m_text_index.find(hash, [&](uint32 number) { return whole(m_texts[number]) == text; }))
         return found->number;
+    if (!has_room(m_texts.size()))
+        return 0;
     const uint32 number = static_cast<uint32>(m_texts.size());
     m_texts.push_back(
         {keep(text), static_cast<uint32>(text.size()), static_cast<uint32>(length_to_nul(text)), number_index::none});
@@ -64,11 +67,20 @@ uint32 origin_table::of(const origin& wanted) {
     if (const number_index::cell* const found =
             m_origin_index.find(hash, [&](uint32 number) { return m_origins[number] == wanted; }))
         return found->number;
-    const uint32 number = count();
-    m_origins.push_back(wanted);
+    const uint32 number = add(wanted);
+    if (number == 0 && count() != 1)
+        return 0;
     m_origin_index.add(hash, number);
-    m_bytes += sizeof(origin) + number_index::cell_bytes;
+    m_bytes += number_index::cell_bytes;
     return number;
+}
+
+uint32 origin_table::add(const origin& unknown) {
+    if (!has_room(m_origins.size()))
+        return 0;
+    m_origins.push_back(unknown);
+    m_bytes += sizeof(origin);
+    return count() - 1;
 }
 
 uint32 origin_table::adopt_text(const origin_table& other, uint32 number) {

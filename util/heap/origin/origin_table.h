@@ -1,5 +1,5 @@
-// The origins of blocks: every combination of caller, block type, type name, file and line is stored once and has a
-// number, so that a slot of the table needs four bytes for it.
+// The origins of blocks: every combination of caller, block type, type name, file, line and stack is stored once and
+// has a number, so that a slot of the table needs four bytes for it.
 #pragma once
 
 #include "heap/table/number_index.h"
@@ -19,10 +19,15 @@ public:
         uint32 file = 0;
         int32 line = 0;
         uint8 type = 0;
+        uint32 stack = 0; // as the sink numbers it; 0: unknown
         bool operator==(const origin&) const = default;
     };
 
     origin_table();
+
+    // From so many origins or texts on, every other one is the unknown origin, or the empty text: number 0.
+    void set_limit(uint32 most) noexcept { m_most = most; }
+    bool is_full() const noexcept { return m_is_full; }
 
     uint32 text(std::string_view text);
 
@@ -32,6 +37,9 @@ public:
     // Returns the number of an origin with only a caller. This is the usual case, with one look-up.
     uint32 of_caller(std::string_view caller);
     uint32 of(const origin& wanted);
+
+    // The same for an origin that the table does not have, without a look-up. of() does not find it.
+    uint32 add(const origin& unknown);
 
     const origin& get(uint32 number) const { return m_origins[number]; }
     uint32 count() const noexcept { return static_cast<uint32>(m_origins.size()); }
@@ -51,6 +59,10 @@ private:
         uint32 as_caller; // the origin with only this caller, or none
     };
 
+    bool has_room(std::size_t used) noexcept {
+        m_is_full |= used >= m_most;
+        return used < m_most;
+    }
     std::string_view whole(const text_record& record) const { return {record.text, record.length}; }
     const char* keep(std::string_view text);
 
@@ -63,6 +75,8 @@ private:
     std::deque<std::vector<char>> m_pieces;
     std::size_t m_piece_left = 0;
     std::size_t m_bytes = 0;
+    uint32 m_most = number_index::none;
+    bool m_is_full = false;
 };
 
 } // namespace qor::heap

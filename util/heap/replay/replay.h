@@ -13,6 +13,7 @@
 #include "replay_sink.h"
 
 #include <algorithm>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -46,10 +47,23 @@ public:
 
     // An allocation log that is opened after an mtrace log is joined with it. Return false on failure; the last error
     // says why.
-    bool open_mtrace(const char* path) { return m_mtrace.open(path, mtrace_log::extent::whole); }
+    bool open_mtrace(const char* path) { return m_mtrace.open(path, whole_extent<mtrace_log>()); }
     bool open_memcheck(const char* path) {
-        return m_memcheck.open(path, m_mtrace.is_given() ? memcheck_log::extent::part : memcheck_log::extent::whole);
+        return m_memcheck.open(path, m_mtrace.is_given() ? memcheck_log::extent::part : whole_extent<memcheck_log>());
     }
+
+    // Opens the log that is read to its end, of either kind: its beginning decides. Waits for the beginning. If the
+    // result is neither kind, nothing is open, and `beginning` holds the first bytes; without them, the log is empty,
+    // or cannot be read, and the last error says why.
+    enum class opened : uint8 { failed, mtrace, memcheck, neither };
+    opened open(const char* path, std::string& beginning);
+
+    // To be called before opening: the log that is opened first is still being written, and has no end. The sink ends
+    // the replay by an exception.
+    void follow() noexcept { m_follows = true; }
+
+    // At most so many origins are told apart, see origin_table::set_limit.
+    void limit_origins(uint32 most) noexcept { m_origins.set_limit(most); }
 
     // Reads the open logs to their end.
     void run() {
@@ -69,6 +83,9 @@ public:
         visitor.end();
     }
 
+    // How much of the first log has been read, in bytes of its file.
+    uint64 position() const noexcept { return m_mtrace.is_given() ? m_mtrace.position() : m_memcheck.position(); }
+
     // Closes the logs and frees all memory of the table and of the data read from the logs. The replay can then be used
     // again. Without this call the table's memory stays in use until the process ends.
     void free_all() {
@@ -78,6 +95,8 @@ public:
         m_look_ahead = {};
         m_origins = {};
         m_origins_limit = origins_minimum;
+        for (std::vector<uint32>& each : m_stack_origins)
+            each = {};
         m_callers = {};
         m_places = {};
         m_type_names = {};
@@ -95,6 +114,12 @@ private:
     // Blocks that the framework mapped directly. They do not come from malloc, so an mtrace log does not contain them.
     static constexpr uint8 huge_block = 3;
 
+    template <class LOG>
+    typename LOG::extent whole_extent() const noexcept {
+        using extent = typename LOG::extent;
+        return m_follows ? extent::followed : RULES::reads_in_thread ? extent::whole_in_thread : extent::whole;
+    }
+
     static constexpr uint32 mtrace_progress = 20;
     static constexpr uint32 memcheck_progress = 100;
 
@@ -103,13 +128,16 @@ private:
     void run_mtrace() {
         mtrace_line rec;
         uint32 count = 0;
+        if constexpr (stacks_sink<SINK, size_type>)
+            if (m_sink.has_stacks())
+                m_mtrace.leave_out_ids();
         while (read_mtrace(rec)) {
             if (++count % mtrace_progress == 0)
                 m_sink.progress(count);
             if (rec.is_alloc) {
                 mtrace_allocation(rec);
             } else {
-                if constexpr (RULES::join == join_rule::in_time)
+                if (RULES::join == join_rule::in_time && m_memcheck.is_given())
                     take_end_of_block(rec.address);
                 release(rec);
             }
@@ -156,6 +184,7 @@ private:
             out.address = next->address;
             out.size = next->size;
             out.is_alloc = next->is_alloc;
+            out.is_code_known = next->is_code_known;
             out.caller = {m_mtrace.text() + next->caller_at, next->caller_size};
             out.caller_id = next->caller_id;
             return true;
@@ -187,7 +216,7 @@ private:
     }
 
     void mtrace_allocation(const mtrace_line& rec) {
-        const uint32 origin = m_callers.of(rec.caller_id, 0, [&] { return m_origins.of_caller(rec.caller); });
+        const uint32 origin = origin_of(rec);
         if (!m_memcheck.is_given()) {
             m_table.add(rec.address, rec.size, origin);
             return tell_allocation(rec.address, rec.size, origin);
@@ -199,6 +228,26 @@ private:
         else
             mtrace_add_memcheck_data(entry);
         tell_allocation(rec.address, rec.size, m_table.origin(entry));
+    }
+
+    uint32 origin_of(const mtrace_line& rec) {
+        if constexpr (stacks_sink<SINK, size_type>) {
+            const uint32 stack = rec.is_code_known ? m_sink.next_stack() : 0;
+            if (stack != 0)
+                return origin_of_stack(stack, rec.caller);
+        }
+        return m_callers.of(rec.caller_id, 0, [&] { return m_origins.of_caller(rec.caller); });
+    }
+
+    // The caller is part of the stack: the first one counts.
+    uint32 origin_of_stack(uint32 stack, std::string_view caller) {
+        std::vector<uint32>& origins = m_stack_origins[stack % 2];
+        if (stack / 2 >= origins.size())
+            origins.resize(stack / 2 + std::size_t{1}, number_index::none);
+        uint32& origin = origins[stack / 2];
+        if (origin == number_index::none)
+            origin = m_origins.add({.caller = m_origins.text(caller), .stack = stack});
+        return origin;
     }
 
     template <class LINE>
@@ -351,8 +400,9 @@ private:
         case 'T':
             // No block lives at address 0, although blank slots contain it.
             if (rec.address != 0 && m_table.find_entry(rec.address, entry)) {
+                const uint32 before = m_table.origin(entry);
                 set_type_name(entry, m_type_names.of(rec.text_id, 0, [&] { return m_origins.text(rec.type_name); }));
-                m_sink.origin_changed(block{rec.address, m_table.size(entry), m_table.origin(entry)});
+                m_sink.origin_changed(block{rec.address, m_table.size(entry), m_table.origin(entry)}, before);
             } else {
                 m_sink.warning(warning::unmatched_type_record, {});
             }
@@ -369,7 +419,10 @@ private:
 
     void enter_memcheck(const memcheck_line& rec) {
         const uint32 origin = m_places.of(rec.text_id, rec.bt, [&] {
-            return m_origins.of({0, m_origins.text(rec.type_name), m_origins.text(rec.file), rec.line, rec.bt});
+            return m_origins.of({.type_name = m_origins.text(rec.type_name),
+                                 .file = m_origins.text(rec.file),
+                                 .line = rec.line,
+                                 .type = rec.bt});
         });
         m_table.add(rec.address, rec.size, origin);
         tell_allocation(rec.address, rec.size, origin);
@@ -390,7 +443,7 @@ private:
 
     // A log may name new callers all the time, so origins without a live block are dropped now and then.
     void forget_unused_origins() {
-        if (m_origins.bytes() > m_origins_limit)
+        if (!RULES::keeps_origins && m_origins.bytes() > m_origins_limit)
             compact_origins();
     }
 
@@ -407,6 +460,8 @@ private:
             rec.type_name = kept.adopt_text(m_origins, rec.type_name);
         });
         m_origins = std::move(kept);
+        for (std::vector<uint32>& each : m_stack_origins)
+            each.clear();
         m_callers.forget();
         m_places.forget();
         m_type_names.forget();
@@ -415,15 +470,36 @@ private:
 
     SINK& m_sink;
     uint32 m_debug_code;
+    bool m_follows = false;
     mtrace_log m_mtrace;
     memcheck_log m_memcheck;
     table m_table;
     look_ahead_list<size_type> m_look_ahead;
     origin_table m_origins;
+    std::vector<uint32> m_stack_origins[2];        // origins by half the number of a stack, the even ones apart
     text_ids::cache m_callers;                     // origins by caller
     text_ids::cache m_places;                      // origins by file and line, together with the block's type
     text_ids::cache m_type_names;                  // text numbers of m_origins
     std::size_t m_origins_limit = origins_minimum; // bytes of m_origins above which unused origins are dropped
 };
+
+template <class SINK, class RULES>
+typename replay<SINK, RULES>::opened replay<SINK, RULES>::open(const char* path, std::string& beginning) {
+    constexpr std::size_t longest_beginning = 64 * 1024;
+    log_source<mtrace_line> source;
+    if (!source.open(path, m_follows))
+        return opened::failed;
+    beginning = source.peek().substr(0, longest_beginning);
+    switch (guess_file_kind(beginning).kind) {
+    case file_kind::mtrace_log:
+        m_mtrace.open(std::move(source), whole_extent<mtrace_log>());
+        return opened::mtrace;
+    case file_kind::memcheck_log:
+        m_memcheck.open(source.template as<memcheck_line>(), whole_extent<memcheck_log>());
+        return opened::memcheck;
+    default:
+        return opened::neither;
+    }
+}
 
 } // namespace qor::heap

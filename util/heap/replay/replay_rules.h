@@ -22,11 +22,22 @@ enum class join_rule : uint8 {
 struct fixed_report_rules {
     using size = uint32;
     static constexpr join_rule join = join_rule::greedy;
+    static constexpr bool keeps_origins = false;
+    static constexpr bool reads_in_thread = false;
 };
 
 struct exact_rules {
     using size = uint64;
     static constexpr join_rule join = join_rule::in_time;
+
+    // Keep the numbers of origins valid for the whole replay. Otherwise those without a live block are dropped now and
+    // then, so that memory does not follow the length of a log that names new callers all the time.
+    static constexpr bool keeps_origins = false;
+
+    // Begin to read the log, or the first of two, in a thread right away: the sink's before_wait() is then called again
+    // and again while nothing can be read, and may end the replay by an exception. Otherwise a thread begins when the
+    // log turns out to be long.
+    static constexpr bool reads_in_thread = false;
 };
 
 } // namespace qor::heap

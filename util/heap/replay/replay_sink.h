@@ -37,8 +37,9 @@ concept replay_sink = requires(SINK& sink, const block<SIZE>& of, const log_line
     sink.allocation(of);
     sink.release(of);
 
-    // A live block has a new origin, because its type has become known.
-    sink.origin_changed(of);
+    // A live block has a new origin, because its type has become known. The second argument is the number of the old
+    // one.
+    sink.origin_changed(of, uint32{});
 
     // A release of an address that no live block has.
     sink.bad_free(mtrace_record);
@@ -60,6 +61,16 @@ concept replay_sink = requires(SINK& sink, const block<SIZE>& of, const log_line
 
     // The log has been read to its end. The argument is the number of leftovers that follow.
     sink.end_of_log(uint32{});
+};
+
+// A sink that knows the stacks of allocations may have one event more: it is asked for the stack of each allocation
+// line with a known code, in their order. Blocks with different stacks have different origins
+// (origin_table::origin::stack). 0 is an unknown stack. Numbers are used as indices, the even and the odd ones apart,
+// so they should be small. has_stacks(): most allocations will have one; asked when the replay begins.
+template <class SINK, class SIZE>
+concept stacks_sink = replay_sink<SINK, SIZE> && requires(SINK& sink) {
+    { sink.next_stack() } -> std::same_as<uint32>;
+    { sink.has_stacks() } -> std::same_as<bool>;
 };
 
 } // namespace qor::heap

@@ -1,5 +1,7 @@
 #include "number_index.h"
 
+#include <bit>
+
 namespace qor::heap {
 
 void number_index::remove(cell* found) noexcept {
@@ -26,8 +28,14 @@ void number_index::put(cell added) noexcept {
     m_cells[at] = added;
 }
 
-void number_index::enlarge() {
-    const std::vector<cell> old = std::exchange(m_cells, std::vector<cell>(m_cells.size() * 2, cell{0, none}));
+void number_index::reserve(std::size_t more) {
+    const std::size_t cells = std::bit_ceil((m_used + more) * 4 / 3 + 1);
+    if (cells > m_cells.size())
+        enlarge(cells);
+}
+
+void number_index::enlarge(std::size_t cells) {
+    const std::vector<cell> old = std::exchange(m_cells, std::vector<cell>(cells, cell{0, none}));
     for (const cell& each : old)
         if (each.number != none)
             put(each);

@@ -36,9 +36,12 @@ public:
 
     void add(uint32 hash, uint32 number) {
         if (++m_used * 4 > m_cells.size() * 3)
-            enlarge();
+            enlarge(m_cells.size() * 2);
         put({hash, number});
     }
+
+    // Makes room for so many more numbers at once.
+    void reserve(std::size_t more);
 
     void prefetch(uint32 hash) const noexcept { __builtin_prefetch(&m_cells[hash & mask()]); }
 
@@ -48,7 +51,7 @@ public:
 private:
     std::size_t mask() const noexcept { return m_cells.size() - 1; }
     void put(cell added) noexcept;
-    void enlarge();
+    void enlarge(std::size_t cells);
 
     std::vector<cell> m_cells = std::vector<cell>(64, cell{0, none});
     std::size_t m_used = 0;
