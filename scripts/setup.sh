@@ -6,8 +6,12 @@
 # The packages that are needed, as "package=probe". A probe is a command or the path of a file. It is checked first: a
 # host that has the tool from another source does not need the package, and the check starts no process.
 needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja" "libmnl-dev=/usr/include/libmnl/libmnl.h"
-    "zlib1g-dev=/usr/include/zlib.h" "libzstd-dev=/usr/include/zstd.h")
-needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/openssl/evp.h" "python3=python3"
+    "zlib1g-dev=/usr/include/zlib.h" "libzstd-dev=/usr/include/zstd.h" "libdw-dev=/usr/include/elfutils/libdw.h"
+    "libdebuginfod-dev=/usr/include/elfutils/debuginfod.h" "libtomlplusplus-dev=/usr/include/toml++/toml.h"
+    "libsqlite3-dev=/usr/include/sqlite3.h"
+    "libboost1.81-dev=/usr/include/boost/unordered/unordered_flat_map.hpp" "nlohmann-json3-dev=/usr/include/nlohmann/json.hpp")
+needs_tests=("golang-github-burntsushi-toml-dev=/usr/share/gocode/src/github.com/BurntSushi/toml/internal/toml-test"
+    "libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/openssl/evp.h" "python3=python3"
     "libc-devtools=mtrace" "valgrind=valgrind" "iproute2=ip" "libpam0g-dev=/usr/include/security/pam_appl.h"
     "libnss-wrapper=/usr/lib/$HOSTTYPE-linux-gnu/libnss_wrapper.so" "umockdev=umockdev-run"
     "tzdata=/usr/share/zoneinfo/Europe/Berlin" "libfaketime=/usr/lib/$HOSTTYPE-linux-gnu/faketime/libfaketime.so.1"
@@ -19,13 +23,21 @@ needs_tests=("libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/
     "libtcmalloc-minimal4=/usr/lib/$HOSTTYPE-linux-gnu/libtcmalloc_minimal.so.4"
     "libmimalloc2.0=/usr/lib/$HOSTTYPE-linux-gnu/libmimalloc.so.2"
     "acl=getfacl" "attr=getfattr"
-    "elfutils=eu-addr2line" "heaptrack=heaptrack" "git=git" "sqlite3=sqlite3")
-needs_fuzz=("clang-16=clang++-16" "libssl-dev=/usr/include/openssl/evp.h" "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer"
+    "elfutils=eu-addr2line" "heaptrack=heaptrack" "git=git" "sqlite3=sqlite3"
+    "chromium=chromium" "chromium-driver=chromedriver" "firefox-esr=firefox-esr" "fonts-dejavu-core=/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf"
+    "protobuf-compiler=protoc" "golang-go=go" "python3-jsonschema=/usr/lib/python3/dist-packages/jsonschema/__init__.py"
+    "golang-github-google-pprof-dev=/usr/share/gocode/src/github.com/google/pprof/proto/profile.proto"
+    "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer" "dwz=dwz" "debuginfod=debuginfod" "libc6-dbg=/usr/share/doc/libc6-dbg")
+needs_fuzz=("clang-16=clang++-16" "libboost1.81-dev=/usr/include/boost/unordered/unordered_flat_map.hpp"
+    "nlohmann-json3-dev=/usr/include/nlohmann/json.hpp" "libssl-dev=/usr/include/openssl/evp.h" "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer"
     "libclang-rt-16-dev=/usr/lib/llvm-16/lib/clang/16/lib/linux/libclang_rt.fuzzer-$HOSTTYPE.a")
-needs_windows=("cmake=cmake" "ninja-build=ninja" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"
+needs_windows=("cmake=cmake" "ninja-build=ninja" "libboost1.81-dev=/usr/include/boost/unordered/unordered_flat_map.hpp"
+    "nlohmann-json3-dev=/usr/include/nlohmann/json.hpp" "g++-mingw-w64-x86-64-posix=x86_64-w64-mingw32-g++-posix"
     "libz-mingw-w64-dev=/usr/x86_64-w64-mingw32/include/zlib.h" "gzip=gzip" "zstd=zstd"
     "wine64=/usr/lib/wine/wine64" "googletest=/usr/src/googletest/CMakeLists.txt" "python3=python3" "libc-devtools=mtrace"
-    "openssl=openssl" "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py")
+    "openssl=openssl" "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py"
+    "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer" "libtomlplusplus-dev=/usr/include/toml++/toml.h"
+    "golang-github-burntsushi-toml-dev=/usr/share/gocode/src/github.com/BurntSushi/toml/internal/toml-test")
 
 say() { printf '%s\n' "$@" >&2; }
 

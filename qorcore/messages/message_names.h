@@ -37,6 +37,20 @@ enum : uint32 {
 };
 } // namespace record
 
+namespace heap_page {
+inline constexpr char catalog[] = "qor-heap-page";
+enum : uint32 {
+#include "qor-heap-page.def"
+};
+} // namespace heap_page
+
+namespace heap {
+inline constexpr char catalog[] = "qor-heap";
+enum : uint32 {
+#include "qor-heap.def"
+};
+} // namespace heap
+
 } // namespace qor::messages
 
 #undef QOR_MESSAGE

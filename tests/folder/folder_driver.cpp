@@ -1,34 +1,13 @@
-// Applies operations of folders, one for each line of standard input: words between blanks, each word in hexadecimal
-// digits, so that it may be any bytes. The answer is a line that begins with "ok" or "error NUMBER"; texts in it are in
-// the same form.
-#include "qor/qor.h"
+// Applies operations of folders, in the form of line_driver.h.
+#include "support/line_driver.h"
 
-#include <algorithm>
-#include <cstdio>
 #include <map>
 #include <string>
 #include <vector>
 
 namespace {
 
-using words = std::vector<std::string>;
-
-std::string hexadecimal(std::string_view text) {
-    std::string out = "x";
-    for (const char byte : text) {
-        constexpr char digits[] = "0123456789abcdef";
-        out += digits[static_cast<unsigned char>(byte) >> 4];
-        out += digits[static_cast<unsigned char>(byte) & 15];
-    }
-    return out;
-}
-
-std::string plain(std::string_view text) {
-    std::string out;
-    for (std::size_t i = 1; i + 1 < text.size(); i += 2)
-        out += static_cast<char>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16));
-    return out;
-}
+using namespace line_driver;
 
 std::string kind(qorFileKind kind) { return std::to_string(static_cast<uint32>(kind)); }
 
@@ -74,7 +53,7 @@ bool text(bool done, const qorString& found, std::string& out) {
     return done;
 }
 
-const std::map<std::string, bool (*)(const words&, std::string&)> operations = {
+const std::map<std::string, operation> operations = {
     {"list", list},
     {"info", info},
     {"exists", exists},
@@ -110,37 +89,4 @@ const std::map<std::string, bool (*)(const words&, std::string&)> operations = {
 
 } // namespace
 
-int main() {
-    std::string line;
-    for (int byte; (byte = std::getchar()) != EOF;) {
-        if (byte == '\r')
-            continue;
-        if (byte != '\n') {
-            line += static_cast<char>(byte);
-            continue;
-        }
-        words given;
-        for (std::size_t begin = 0; begin < line.size();) {
-            const std::size_t end = std::min(line.find(' ', begin), line.size());
-            given.push_back(plain(line.substr(begin, end - begin)));
-            begin = end + 1;
-        }
-        line.clear();
-        const auto operation = operations.find(given.empty() ? "" : given[0]);
-        given.resize(4);
-        if (operation == operations.end()) {
-            std::fputs("unknown operation\n", stderr);
-            return 2;
-        }
-        std::string answer;
-        if (operation->second(given, answer)) {
-            std::printf("ok%s\n", answer.c_str());
-        } else {
-            qorString message;
-            const uint32 number = qorGetLastError(message);
-            std::printf("error %u %s\n", number, hexadecimal(message).c_str());
-        }
-        std::fflush(stdout);
-    }
-    return 0;
-}
+int main() { return apply_lines(operations, 4); }

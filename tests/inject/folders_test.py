@@ -15,7 +15,7 @@ import unittest
 from pathlib import Path
 
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
-from folder_driver import Driver, failed  # noqa: E402  # in tests/support
+from line_driver import Driver, failed  # noqa: E402  # in tests/support
 from tool import linked  # noqa: E402
 
 options = None

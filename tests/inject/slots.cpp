@@ -208,6 +208,74 @@ void use_folders() {
         fputerr(stdout, true);
 }
 
+void use_config() {
+    char path[4096];
+    MUST(getcwd(path, sizeof path - 10) != nullptr);
+    std::strcat(path, "/app.toml");
+    unlink(path); // as an earlier run may have left it
+    zetSmartPointer<IQORConfigFile> file;
+    MUST(qorCreateConfigFileAbsolute(path, file.Out()));
+    const qorConfig all(*file);
+    MUST(all.Set("table.\"with a rather long name\".text", long_text));
+    MUST(all.Set("list[].number", 7));
+    MUST(all.SetLiteral("list[0].more", "[1, {a = 2}, 'three']"));
+    MUST(file->Save());
+    MUST(all.Remove("list[0].more[1]"));
+    MUST(file->Reload());
+    say(all["table"].Names());
+    say(std::string(all.Get("table.\"with a rather long name\".text", "")).c_str());
+    zetSmartPointer<IQORConfigNode> dummy;
+    qorCreateDummyConfigNode(dummy.Out());
+    zetSmartPointer<IQORConfigPack> pack;
+    qorCreateConfigPack(pack.Out());
+    MUST(pack->Add(*dummy) && pack->Add(*file));
+    const qorConfig both(*pack);
+    say(both.Names());
+    std::printf("%u %d\n", both["list"][0]["more"].Origin().line, both.Get("list[0].number", 0));
+    MUST(!both.Find<bool>("list[0].number"));
+    fputerr(stdout, true);
+    MUST(file->Save());
+}
+
+void use_store() {
+    for (const char* const each : {"store", "store-wal", "store-shm", "store-journal", "store copy", "store saved"})
+        unlink(each); // as an earlier run may have left it
+    zetSmartPointer<IQORObjectStore> store;
+    MUST(qorOpenObjectStore("store", {.synced = false, .schema = 1}, store.Out()));
+    qorAttributeSet set;
+    set->Set("a name with some length", long_text);
+    uint64 version = 0;
+    MUST(store->Put("key/1", set, 0, version));
+    MUST(store->PutIf("key/1", set, version));
+    {
+        qorStoreTransaction both(*store);
+        MUST(static_cast<bool>(both));
+        MUST(store->Put("key/2", set));
+        MUST(store->Remove("key/1"));
+        MUST(both.Commit());
+    }
+    MUST(store->Put("key/3", set));
+    const qorStoreWalk walk = store->Sets({.prefix = "key/"});
+    for (const qorStoreEntry& each : walk) {
+        say(each.key.text);
+        MUST(each.Value().has_value());
+    }
+    MUST(!walk.HasFailed());
+    qorStringArray findings;
+    MUST(store->Check(findings));
+    MUST(store->CopyTo("store copy"));
+    qorStoreRescue report;
+    MUST(store->Rescue("store saved", report));
+    std::printf("%llu %llu\n", static_cast<unsigned long long>(report.sets),
+                static_cast<unsigned long long>(report.lost));
+    version = 7;
+    MUST(!store->PutIf("key/3", set, version));
+    qorString text;
+    if (qorGetLastError(text) != qorError_store_conflict)
+        fail("PutIf");
+    say(text);
+}
+
 void use_trace() {
     const uint32 code = qorDebugAllocateCode("inject.slots.with.a.long.name");
     MUST(qorDebugAttachFile("trace"));
@@ -287,16 +355,68 @@ void use_digest() {
     std::printf("\n");
 }
 
+void use_containers() {
+    qorVariantList list;
+    MUST(list->Append(long_text));
+    list->AppendSet()->SetList("inner")->Append(1.5);
+    for (int i = 0; i < 20; ++i)
+        MUST(list->InsertAt(0, i));
+    list->Sort(false);
+    qorAttributeSet set, other;
+    for (int i = 0; i < 20; ++i)
+        MUST(set->Set(("attribute " + std::to_string(i)).c_str(), list->GetValues()[i]));
+    MUST(set->Set("list", qorVariant::List(list)));
+    qorString json;
+    MUST(set->WriteJson(json, 2));
+    MUST(other->ReadJson(json));
+    say(json);
+    MUST(other->Set("attribute 3", long_text) && other->Remove("attribute 4"));
+    qorAttributeSetDelta delta;
+    delta->SetDifference(set, other);
+    MUST(delta->Apply(set));
+    qorAttributeSetArray sets;
+    sets->Append(set);
+    zetSmartPointer<IQORMemoryDataSink> sink;
+    create_IQORMemoryDataSink(sink.Out());
+    MUST(sets->Write(*sink));
+    zetSmartPointer<IQORMemoryDataSource> source;
+    create_IQORMemoryDataSource(sink->GetData(), sink->GetSize(), source.Out());
+    qorAttributeSetArray back;
+    MUST(back->Read(*source));
+    std::printf("%d\n", back == sets);
+
+    qorValueList texts;
+    qorMapStringToString map;
+    qorMapU32ToU32 numbers;
+    qorBlockTracker64 tracker;
+    for (uint32 i = 0; i < 50; ++i) {
+        MUST(texts->Append(long_text));
+        map->Set((long_text + std::to_string(i)).c_str(), long_text);
+        numbers->Set(i, i);
+        tracker->Add(i * 10, i * 10 + 3);
+    }
+    texts->Sort(true);
+    qorMapStringToString copy(map);
+    qorBlockTracker64 merged;
+    merged->Merge(tracker);
+    qorReadWriteLock lock;
+    const qorAutoLockWrite write(lock);
+    const qorAutoLockRead read(lock);
+    std::printf("%u %llu %llu %llu %d\n", texts->GetCount(), copy->GetCount(), numbers->GetCount(),
+                merged->FindGap(7).value_or(0), read.IsHeld());
+}
+
 struct script {
     const char* name;
     void (*run)();
 };
 
 constexpr script scripts[] = {
-    {"memory", use_memory},     {"vector", use_vector},   {"string", use_string},   {"array", use_array},
-    {"messages", use_messages}, {"errors", use_errors},   {"files", use_files},     {"trace", use_trace},
-    {"process", use_process},   {"host", use_host},       {"network", use_network}, {"time", use_time},
-    {"digest", use_digest},     {"folders", use_folders},
+    {"memory", use_memory},     {"vector", use_vector},   {"string", use_string},         {"array", use_array},
+    {"messages", use_messages}, {"errors", use_errors},   {"files", use_files},           {"trace", use_trace},
+    {"process", use_process},   {"host", use_host},       {"network", use_network},       {"time", use_time},
+    {"digest", use_digest},     {"folders", use_folders}, {"containers", use_containers}, {"config", use_config},
+    {"store", use_store},
 };
 
 struct outcome {

@@ -68,6 +68,7 @@ class Stacks:
         self.inherited = set()  # the places in those arrays
         self.losses, self.thread_names, self.loads, self.faults = [], {}, [], []
         self.cut_off = self.newer = False
+        self.last_time = 0
         self.data, self.place = data, 8
         thread = now = inherited = 0
         while self.place < len(data):
@@ -108,7 +109,7 @@ class Stacks:
                     known = self.number()
                     self.thread_names[known] = self.text().decode("utf-8", "replace")
                 elif number == TIME:
-                    now = self.number()
+                    now = self.last_time = self.number()
                 elif number == LOSS:
                     missing = self.number()
                     self.losses.append((missing, self.text().decode()))

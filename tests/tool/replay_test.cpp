@@ -38,7 +38,7 @@ public:
 
     void allocation(const block<size>& of) { tell("allocation", of); }
     void release(const block<size>& of) { tell("release", of); }
-    void origin_changed(const block<size>& of) { tell("origin", of); }
+    void origin_changed(const block<size>& of, uint32 /*before*/) { tell("origin", of); }
     void bad_free(const mtrace_line& rec) { tell("bad free", rec.address); }
     void bad_free(const memcheck_line& rec) { tell("bad free of the framework", rec.address); }
     void warning(qor::heap::warning what, std::string_view text) {

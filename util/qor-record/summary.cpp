@@ -107,7 +107,7 @@ void recorder::summarise() {
         say(message::stacks_were_full, {m_names.shown(m_names.stacks())});
     summarise_memcheck(command);
     // In the tree, where the tool is built by its own command.
-    const bool is_in_tree = ::access("./run", X_OK) == 0 && ::access("scripts/record", X_OK) == 0;
+    const bool is_in_tree = ::access("./run", X_OK) == 0 && ::access("util/qor-record", X_OK) == 0;
     say(message::next_command, {(is_in_tree ? "./run mtrace " : "qortool mtrace ") + command});
 }
 

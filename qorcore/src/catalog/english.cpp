@@ -25,6 +25,14 @@ constexpr message record[] = {
 #include "qor-record.def"
 };
 
+constexpr message heap_page[] = {
+#include "qor-heap-page.def"
+};
+
+constexpr message heap[] = {
+#include "qor-heap.def"
+};
+
 constexpr message framework[] = {
 #define QOR_ERROR(number, name, error_class, text) {number, text},
 #include "qor/system/errors.def"
@@ -35,10 +43,9 @@ constexpr message framework[] = {
 #undef QOR_MESSAGE
 
 namespace messages = qor::messages;
-constexpr built_in catalogs[] = {{messages::framework::catalog, framework},
-                                 {messages::tool::catalog, tool},
-                                 {messages::debug_user::catalog, debug_user},
-                                 {messages::record::catalog, record}};
+constexpr built_in catalogs[] = {{messages::framework::catalog, framework},   {messages::tool::catalog, tool},
+                                 {messages::debug_user::catalog, debug_user}, {messages::record::catalog, record},
+                                 {messages::heap_page::catalog, heap_page},   {messages::heap::catalog, heap}};
 
 // Look-ups are binary searches, and an empty text would count as a missing message.
 static_assert(std::ranges::all_of(catalogs, [](const built_in& each) {

@@ -4,6 +4,7 @@
 #include "qor/glue/own_rights_windows.h"
 
 #include <algorithm>
+#include <cwchar>
 #include <utility>
 #include <windows.h>
 
@@ -19,12 +20,29 @@ int last_error() noexcept { return static_cast<int>(GetLastError()); }
 // The number of bytes to pass to the system in one call.
 DWORD piece(std::size_t size) noexcept { return static_cast<DWORD>(std::min<std::size_t>(size, 0x40000000)); }
 
+// Standard input has no name there, so it has that of the other systems.
+constexpr wchar_t standard_input[] = L"/dev/stdin";
+
+HANDLE open_standard_input() noexcept {
+    HANDLE own = INVALID_HANDLE_VALUE;
+    const HANDLE process = GetCurrentProcess();
+    const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+    if (input == nullptr || input == INVALID_HANDLE_VALUE)
+        SetLastError(ERROR_FILE_NOT_FOUND);
+    else if (DuplicateHandle(process, input, process, &own, 0, FALSE, DUPLICATE_SAME_ACCESS) != 0)
+        return own;
+    return INVALID_HANDLE_VALUE;
+}
+
 HANDLE open_handle(const wchar_t* path, qor::platform::raw_file::access how) noexcept {
     using access = qor::platform::raw_file::access;
     // Others may read, write and delete a file that is open here, as on every other system.
     constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     switch (how) {
     case access::read:
+        if (std::wcscmp(path, standard_input) == 0)
+            return open_standard_input();
+        [[fallthrough]];
     case access::regular:
         return CreateFileW(path, GENERIC_READ, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     case access::truncate:
@@ -75,6 +93,21 @@ int reason_against(const wchar_t* path) noexcept {
     return reason == ERROR_ACCESS_DENIED && is_folder(path) ? operation_on_folder : reason;
 }
 
+// Opens PATH in one of the two ways above. With IS_REGULAR, anything but a file on a disk is refused.
+template <typename HOW>
+int open_path(const char* path, const HOW& how, bool is_regular, HANDLE& handle) noexcept {
+    std::wstring wide;
+    if (!qor::platform::to_wide_path(path, wide))
+        return ERROR_INVALID_NAME;
+    handle = open_handle(wide.c_str(), how);
+    if (handle == INVALID_HANDLE_VALUE)
+        return reason_against(wide.c_str());
+    if (!is_regular || GetFileType(handle) == FILE_TYPE_DISK)
+        return 0;
+    CloseHandle(handle);
+    return qor::platform::raw_file::not_regular;
+}
+
 } // namespace
 
 const int qor::platform::raw_file::not_regular = ERROR_SEEK_ON_DEVICE;
@@ -89,34 +122,20 @@ bool qor::platform::raw_file::is_missing(int reason) noexcept {
 
 int qor::platform::raw_file::open(const char* path, access how) noexcept {
     close();
-    std::wstring wide;
-    if (!platform::to_wide_path(path, wide))
-        return ERROR_INVALID_NAME;
-    const HANDLE handle = open_handle(wide.c_str(), how);
-    if (handle == INVALID_HANDLE_VALUE)
-        return reason_against(wide.c_str());
-    if (how == access::regular && GetFileType(handle) != FILE_TYPE_DISK) {
-        CloseHandle(handle);
-        return not_regular;
-    }
-    return adopt(reinterpret_cast<std::intptr_t>(handle));
+    HANDLE handle = INVALID_HANDLE_VALUE;
+    const int reason = open_path(path, how, how == access::regular, handle);
+    return reason == 0 ? adopt(reinterpret_cast<std::intptr_t>(handle)) : reason;
 }
 
 int qor::platform::raw_file::open(const char* path, const terms& how) noexcept {
     close();
-    std::wstring wide;
-    if (!platform::to_wide_path(path, wide))
-        return ERROR_INVALID_NAME;
-    const HANDLE handle = open_handle(wide.c_str(), how);
-    if (handle == INVALID_HANDLE_VALUE)
-        return reason_against(wide.c_str());
-    if (GetFileType(handle) != FILE_TYPE_DISK) {
-        CloseHandle(handle);
-        return not_regular;
-    }
+    HANDLE handle = INVALID_HANDLE_VALUE;
+    const int reason = open_path(path, how, true, handle);
+    if (reason != 0)
+        return reason;
     m_appends = how.appends;
-    const int reason = adopt(reinterpret_cast<std::intptr_t>(handle));
-    return reason == 0 && how.truncates ? set_size(0) : reason;
+    adopt(reinterpret_cast<std::intptr_t>(handle));
+    return how.truncates ? set_size(0) : 0;
 }
 
 int qor::platform::raw_file::adopt(std::intptr_t handle) noexcept {

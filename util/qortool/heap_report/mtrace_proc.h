@@ -46,7 +46,7 @@ public:
     // changed origins are ignored.
     void allocation(const block&) noexcept {}
     void release(const block&) noexcept {}
-    void origin_changed(const block&) noexcept {}
+    void origin_changed(const block&, uint32) noexcept {}
     void bad_free(const __mtrace_line& rec) { report_free_without_alloc(rec); }
     void bad_free(const __memcheck_line& rec) { report_free_without_alloc(rec); }
     void warning(qor::heap::warning what, std::string_view text);

@@ -16,6 +16,14 @@
 #include <cstdio>
 #include <cstring>
 
+class IQORAttributeSet;
+class IQORAttributeSetArray;
+class IQORAttributeSetDelta;
+class IQORAttributeSetDeltaArray;
+class IQORBlockTracker64;
+class IQORConfigFile;
+class IQORConfigNode;
+class IQORConfigPack;
 class IQORDataSink;
 class IQORDataSource;
 class IQORDebugControl;
@@ -26,25 +34,38 @@ class IQORFileSource;
 class IQORFileTarget;
 class IQORFolderContents;
 class IQORHostAddressList;
+class IQORMapStringToString;
+class IQORMapStringToU32;
+class IQORMapStringToVoid;
+class IQORMapU32ToString;
+class IQORMapU32ToU32;
+class IQORMapU32ToVoid;
 class IQORMemoryDataSink;
 class IQORMemoryDataSource;
 class IQORNetInterfaceList;
+class IQORObjectList;
+class IQORObjectStore;
+class IQORReadWriteLock;
 class IQORRemovableDiskList;
 class IQORSerialPort;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
 class IQORSystemInfo;
 class IQORUserToken;
+class IQORValueList;
+class IQORVariantList;
 class qorDataBlock;
 class qorFile;
 class qorRational;
 class qorString;
 class qorStringArray;
 class qorTimecode;
+class qorVariant;
 class qorVector;
 struct qorFileInfo;
 struct qorFileInfoEx;
 struct qorHostAddress;
+struct qorObjectStoreOptions;
 struct qorOpenFile;
 struct qorTimeInfo;
 struct qoraddr_ipv4;
@@ -52,6 +73,7 @@ struct qoraddr_ipv6;
 enum qorFolderId : uint32;
 enum class qorFileOrigin : uint32;
 enum class qorFlushTo : uint32;
+enum class qorVariantKind : uint32;
 
 // A trace switch: 0 is off. The library writes it; any code may read it.
 using qorDebugFlag = std::atomic<uint8>;

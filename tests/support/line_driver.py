@@ -1,4 +1,4 @@
-"""Runs the program tests/folder/folder_driver.cpp, for the tests of folders."""
+"""Runs a program that applies operations, in the form of line_driver.h."""
 
 import os
 import subprocess
