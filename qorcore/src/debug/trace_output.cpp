@@ -221,7 +221,7 @@ void flush_periodically() noexcept {
 }
 
 void finish() noexcept {
-    const std::lock_guard hold(output().lock);
+    const auto hold = qor::platform::lock_at_exit(output().lock);
     output().file.write_each_line();
 }
 

@@ -1,6 +1,7 @@
 // Inside the library: facts about the process in which it runs.
 #pragma once
 
+#include <mutex>
 #include <string>
 
 namespace qor::platform {
@@ -49,5 +50,9 @@ void watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept, void (
 // Starts a detached thread of the framework's own that receives none of the host's signals. Returns 0 or the system's
 // error code.
 int start_thread(void (*run)() noexcept) noexcept;
+
+// Locks a mutex in an exit handler. On Windows, the end of a process first ends all other threads, wherever they are, so
+// a thread that no longer exists may hold the mutex. Then the mutex is made anew; what it protects may be half changed.
+std::unique_lock<std::mutex> lock_at_exit(std::mutex& lock) noexcept;
 
 } // namespace qor::platform

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <new>
 #include <windows.h>
 
 namespace {
@@ -41,6 +42,14 @@ DWORD WINAPI thread_main(void* run) {
 }
 
 const DWORD loading_thread = GetCurrentThreadId();
+
+bool other_threads_are_gone() noexcept {
+    // Every process has this library, so it need not be loaded, which no process may do at its end.
+    using function = BOOLEAN NTAPI();
+    static function* const is_shutting_down = reinterpret_cast<function*>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+    return is_shutting_down != nullptr && is_shutting_down();
+}
 
 void WINAPI call_at_thread_end(void* run) { reinterpret_cast<void (*)()>(run)(); }
 
@@ -137,4 +146,15 @@ int qor::platform::start_thread(void (*run)() noexcept) noexcept {
         return static_cast<int>(GetLastError());
     CloseHandle(thread);
     return 0;
+}
+
+std::unique_lock<std::mutex> qor::platform::lock_at_exit(std::mutex& lock) noexcept {
+    std::unique_lock hold(lock, std::defer_lock);
+    if (!other_threads_are_gone())
+        hold.lock();
+    else if (!hold.try_lock()) {
+        new (&lock) std::mutex; // without the old one's destructor, which refuses a locked mutex
+        hold.lock();
+    }
+    return hold;
 }
