@@ -81,6 +81,14 @@ class Cases(unittest.TestCase):
                     self.assertEqual(answer[0], SYNTAX)
                     self.assertRegex(answer[1], r"^text, line \d+, column \d+: ")
 
+    # Letters that have nothing to do with white space, but whose numbers are near those of other spaces.
+    def test_letters_where_white_space_may_be(self):
+        for letter in "¡éÿĀſ҇ҙᙠᠾᡠ‑⁁⁪₠‱⃿⁴\u2070꫞豈ﻼ":
+            for text in (f"a{letter}=1", f"a={letter}1", f"a=1{letter}", f"{letter}a=1", f"[a]{letter}", f"a=[1,{letter}2]"):
+                self.assertEqual(self.driver.ask("parse", text.encode())[0], SYNTAX, text)
+        for space in "\u00a0\u2003\u3000\ufeff":
+            self.assertEqual(self.driver.ask("parse", f"a={space}1".encode())[0], SYNTAX, ascii(space))
+
     def test_depth(self):
         for text in ("a" + ".a" * 99 + "=1", "[a" + ".a" * 98 + "]\na=1", "a=" + "[" * 99 + "]" * 99):
             self.assertEqual(self.driver.ask("parse", text), [], text)
