@@ -72,9 +72,12 @@ bool remove_leftover(const std::wstring& path) noexcept {
 // target's.
 std::wstring unfinished_name(const std::wstring& target, int attempt) {
     constexpr std::size_t longest = 255;
-    const std::wstring end = (attempt != 0 ? L"." + std::to_wstring(attempt) : L"") + L".qor-unfinished";
+    std::wstring end;
+    if (attempt != 0)
+        end.append(L".").append(std::to_wstring(attempt));
+    end.append(L".qor-unfinished");
     const std::size_t begin = target.find_last_of(L"\\/:") + 1;
-    return target.substr(0, begin + std::min(target.size() - begin, longest - end.size())) + end;
+    return target.substr(0, begin + std::min(target.size() - begin, longest - end.size())).append(end);
 }
 
 } // namespace

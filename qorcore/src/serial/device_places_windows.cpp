@@ -92,12 +92,12 @@ std::string describe(const device_manager& manager, HDEVINFO devices, SP_DEVINFO
     std::string text = property(manager, devices, device, SPDRP_DEVICEDESC);
     const std::string location = property(manager, devices, device, SPDRP_LOCATION_INFORMATION);
     if (!location.empty())
-        text += (text.empty() ? "" : ", ") + location;
+        text.append(text.empty() ? "" : ", ").append(location);
     wchar_t instance[longest + 1] = L"";
     if (manager.get_instance(devices, &device, instance, longest, nullptr)) {
         const std::string number = serial_number(from_wide(instance));
         if (!number.empty())
-            text += ", serial " + number;
+            text.append(", serial ").append(number);
     }
     return text;
 }

@@ -14,7 +14,8 @@ qor::control::scram_client::~scram_client() {
 std::string qor::control::scram_client::first() {
     if (!make_nonce(m_nonce))
         return {};
-    return std::string(scram_header) + "n=" + m_name + ",r=" + m_nonce;
+    std::string text(scram_header);
+    return text.append("n=").append(m_name).append(",r=").append(m_nonce);
 }
 
 bool qor::control::scram_client::final(std::string_view server_first, std::string& answer) {

@@ -99,9 +99,9 @@ bool qor::crypto::from_base64(std::string_view text, std::string& out) {
                 out += static_cast<char>(bits >> shift & 255);
     }
     // The unused bits must be zero, because otherwise a value would have several encodings.
-    const bool canonical =
-        std::all_of(out.end() - static_cast<std::ptrdiff_t>(padding), out.end(), [](char c) { return c == 0; });
-    out.resize(out.size() - padding);
+    const auto unused = out.end() - static_cast<std::ptrdiff_t>(padding);
+    const bool canonical = std::all_of(unused, out.end(), [](char c) { return c == 0; });
+    out.erase(unused, out.end());
     return canonical;
 }
 

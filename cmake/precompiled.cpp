@@ -1,0 +1,1 @@
+// A library cannot consist of precompiled headers alone.
