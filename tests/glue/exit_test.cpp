@@ -1,5 +1,5 @@
-// The end of a process whose other threads are in the middle of tracing and allocating. On Windows, the system ends these
-// threads before it calls the library's exit handlers, so that they may hold locks.
+// The end of a process whose other threads are in the middle of tracing and allocating. On Windows, the system ends
+// these threads before it calls the library's exit handlers, so that they may hold locks.
 #include "qor/qor.h"
 #include "support/scenes.h"
 #include "support/temp_folder.h"
