@@ -79,7 +79,8 @@ std::string serial_number(const std::string& instance) {
         text = text.substr(0, text.rfind('\\'));
         text = text.substr(text.rfind('+') + 1);
         // The last letter distinguishes the ports of a device.
-        text.remove_suffix(text.empty() ? 0 : 1);
+        if (!text.empty())
+            text.remove_suffix(1);
     } else if (text.starts_with("USB\\")) {
         text = text.substr(text.rfind('\\') + 1);
     } else {
