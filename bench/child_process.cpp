@@ -60,8 +60,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::size_t size = brief ? std::size_t{64} << 20 : std::size_t{4} << 30;
-    void* const memory =
-        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    void* const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
     if (memory == MAP_FAILED) {
         std::perror("4 GiB");
         return 2;

@@ -72,8 +72,9 @@ TEST(child, one_that_does_not_read_is_no_failure) {
 
 TEST(child, any_argument_arrives_as_it_is) {
     std::mt19937 random(7);
-    constexpr std::string_view pieces[] = {"\"", "\\", " ", "\t", "%PATH%", "^", "&", "|", "a", "", "\xc3\xa4", "'",
-                                           "$x", "*", "\n", "\\\\\"", "--", "=", "\xf0\x9f\x98\x80", "!"};
+    constexpr std::string_view pieces[] = {
+        "\"", "\\",     " ",  "\t", "%PATH%",           "^", "&", "|", "a", "", "\xc3\xa4", "'", "$x", "*",
+        "\n", "\\\\\"", "--", "=",  "\xf0\x9f\x98\x80", "!"};
     for (int round = 0; round < 20; ++round) {
         qorStringArray all = words({"arguments"});
         for (int i = 0; i < 50; ++i) {
@@ -144,9 +145,8 @@ zetSmartPointer<IQORChildProcess> start(const qorStringArray& arguments, qorChil
     return made;
 }
 
-constexpr qorChildProcessOptions all_pipes = {.input = {qorChildStreamKind::pipe},
-                                              .output = {qorChildStreamKind::pipe},
-                                              .errors = {qorChildStreamKind::pipe}};
+constexpr qorChildProcessOptions all_pipes = {
+    .input = {qorChildStreamKind::pipe}, .output = {qorChildStreamKind::pipe}, .errors = {qorChildStreamKind::pipe}};
 
 TEST(child, can_be_talked_to) {
     const auto child = start(words({"copy"}), all_pipes);

@@ -61,8 +61,9 @@ TEST(posix_child, has_only_the_descriptors_that_are_named) {
     // The two change their numbers, and one gets a number beyond all others.
     const qorChildHandle handles[] = {{named, other}, {other, named}, {plain, 200}};
     const std::string list = "for i in /proc/self/fd/*; do readlink $i; done | grep -v 'pipe:\\|/proc/'; "
-                             "readlink /proc/$$/fd/" + std::to_string(other) + " /proc/$$/fd/" +
-                             std::to_string(named) + "; ls /proc/$$/fd | tr '\\n' ' '";
+                             "readlink /proc/$$/fd/" +
+                             std::to_string(other) + " /proc/$$/fd/" + std::to_string(named) +
+                             "; ls /proc/$$/fd | tr '\\n' ' '";
     EXPECT_EQ(run(list.c_str(), {.handles = handles, .handle_count = 3}).output.find("/dev/zero\n/dev/full\n") !=
                   std::string::npos,
               true);
@@ -79,10 +80,9 @@ TEST(posix_child, numbers_that_cannot_be_passed_are_refused) {
     const int own = open("/dev/null", O_RDONLY);
     const auto refused = [&](std::vector<qorChildHandle> handles) {
         IQORChildProcess* made = nullptr;
-        EXPECT_FALSE(qorCreateChildProcess({.arguments = &words,
-                                            .handles = handles.data(),
-                                            .handle_count = static_cast<uint32>(handles.size())},
-                                           &made));
+        EXPECT_FALSE(qorCreateChildProcess(
+            {.arguments = &words, .handles = handles.data(), .handle_count = static_cast<uint32>(handles.size())},
+            &made));
         return last_number();
     };
     EXPECT_EQ(refused({{own, 1}}), uint32{qorError_child_handle_number});
@@ -140,8 +140,8 @@ TEST(posix_child, a_whole_tree_ends_with_its_object) {
     const qorStringArray words = shell("sleep 3600 & sleep 3600");
     const qorChildHandle handle = {ends[1], 9};
     zetSmartPointer<IQORChildProcess> child;
-    ASSERT_TRUE(qorCreateChildProcess(
-        {.arguments = &words, .handles = &handle, .handle_count = 1, .whole_tree = true}, child.Out()));
+    ASSERT_TRUE(qorCreateChildProcess({.arguments = &words, .handles = &handle, .handle_count = 1, .whole_tree = true},
+                                      child.Out()));
     close(ends[1]);
     child.Empty();
     char byte;
@@ -152,8 +152,7 @@ TEST(posix_child, a_whole_tree_ends_with_its_object) {
 TEST(posix_child, is_asked_to_end) {
     const qorStringArray words = shell("trap 'exit 5' TERM; echo; while :; do sleep 0.01; done");
     zetSmartPointer<IQORChildProcess> child;
-    ASSERT_TRUE(
-        qorCreateChildProcess({.arguments = &words, .output = {qorChildStreamKind::pipe}}, child.Out()));
+    ASSERT_TRUE(qorCreateChildProcess({.arguments = &words, .output = {qorChildStreamKind::pipe}}, child.Out()));
     char byte;
     uint64 count = 0;
     EXPECT_TRUE(child->Read(qorChildOutput::output, &byte, 1, 0, count));

@@ -92,8 +92,7 @@ TEST(thread, an_exception_is_an_error_of_each_who_waits) {
         EXPECT_FALSE(qorWaitThread(*made));
         EXPECT_EQ(last_number(), uint32{qorError_thread_failed});
     }
-    EXPECT_EQ(qor::test::last_error(),
-              "An exception has ended the thread 'odd': it is not one of the C++ library's");
+    EXPECT_EQ(qor::test::last_error(), "An exception has ended the thread 'odd': it is not one of the C++ library's");
 }
 
 TEST(thread, a_wait_ends_with_its_time) {

@@ -16,8 +16,8 @@ namespace {
 std::string shown_name_of(const char* name) {
     std::string shown;
     zetSmartPointer<IQORThread> made;
-    EXPECT_TRUE(qorBeginThread([&] { shown = qor::test::read_file("/proc/thread-self/comm"); }, made.Out(),
-                               {.name = name}));
+    EXPECT_TRUE(
+        qorBeginThread([&] { shown = qor::test::read_file("/proc/thread-self/comm"); }, made.Out(), {.name = name}));
     EXPECT_TRUE(qorWaitThread(*made));
     return shown;
 }

@@ -77,8 +77,8 @@ enum class step { done, would_wait, failed };
 class child_process final : public qor::object<IQORChildProcess> {
 public:
     child_process(std::string program, bool whole_tree)
-        : object("qorcore.child_process", "IQORChildProcess"), m_program(std::move(program)),
-          m_whole_tree(whole_tree) {}
+        : object("qorcore.child_process", "IQORChildProcess"), m_program(std::move(program)), m_whole_tree(whole_tree) {
+    }
 
     ~child_process() {
         if (m_own != getpid())
@@ -335,6 +335,7 @@ private:
         std::array<reading, 2> readings;
         const deadline until;
         uint64 written = 0;
+        bool is_refused = false; // the child has closed its input
         std::unique_ptr<char[]> buffer;
     };
     static constexpr std::size_t buffer_size = 64 * 1024;
@@ -367,11 +368,11 @@ private:
 // nothing more.
 step child_process::feed(talk& with) noexcept {
     while (with.written < with.input.length) {
-        const int code =
-            write_some(with.input.text + with.written, with.input.length - with.written, with.written);
+        const int code = write_some(with.input.text + with.written, with.input.length - with.written, with.written);
         if (code == EAGAIN)
             return step::would_wait;
-        if (code == EPIPE)
+        with.is_refused = code == EPIPE;
+        if (with.is_refused)
             break;
         if (code != 0) {
             qor::error::set_with_reason(qorError_child_failed, m_program.c_str(), code);
@@ -385,8 +386,7 @@ step child_process::feed(talk& with) noexcept {
 // Reads what there is.
 step child_process::collect(talk& with, const reading& one) noexcept {
     for (;;) {
-        const ssize_t got =
-            uninterrupted([&] { return read(*one.descriptor, with.buffer.get(), buffer_size); });
+        const ssize_t got = uninterrupted([&] { return read(*one.descriptor, with.buffer.get(), buffer_size); });
         if (got < 0 && errno == EAGAIN)
             return step::would_wait;
         if (got < 0) {
@@ -416,6 +416,7 @@ bool child_process::Communicate(qorTextView input, IQORDataSink* output, IQORDat
                    {qorChildOutput::errors, &m_descriptors.errors, errors}}},
                  deadline(ms),
                  0,
+                 false,
                  std::make_unique<char[]>(buffer_size)};
     bool has_failed = m_descriptors.input >= 0 && feed(with) == step::failed;
     bool has_ended = false;
@@ -453,7 +454,8 @@ bool child_process::Communicate(qorTextView input, IQORDataSink* output, IQORDat
             if (all[i + 1].revents != 0)
                 has_failed = collect(with, with.readings[i]) == step::failed;
     }
-    quiet.take(EPIPE);
+    if (with.is_refused)
+        quiet.take(EPIPE);
     if (!has_failed && !is_late && wait_for_end(with.until))
         return get_end(end);
     // What is there already still counts; the failure remains the last error.
@@ -520,8 +522,7 @@ bool add_handles(const qorChildProcessOptions& options, qor::child::start_plan& 
         if (!is_open || in_child <= STDERR_FILENO ||
             std::any_of(plan.descriptors.begin(), plan.descriptors.end(), is_same)) {
             qor::error::set(is_open ? qorError_child_handle_number : qorError_child_handle,
-                            {std::to_string(is_open ? in_child : each.own).c_str(),
-                             qor::child::program_name(options)});
+                            {std::to_string(is_open ? in_child : each.own).c_str(), qor::child::program_name(options)});
             return false;
         }
         add_descriptor(plan, static_cast<int>(each.own), static_cast<int>(in_child));
@@ -642,8 +643,7 @@ void set_program_error(const start_texts& texts, const char* name, int code) {
     const auto known = is_missing        ? std::optional(qor::messages::framework::child_no_interpreter)
                        : code == ENOEXEC ? std::optional(qor::messages::framework::child_no_program)
                                          : std::nullopt;
-    if (known.has_value() &&
-        qor::glue::qorString_LoadString(&reason, qor::messages::framework::catalog, *known))
+    if (known.has_value() && qor::glue::qorString_LoadString(&reason, qor::messages::framework::catalog, *known))
         return qor::error::set(qorError_cannot_start_child, {name, reason.Text()});
     qor::error::set_with_reason(qorError_cannot_start_child, name, code);
 }

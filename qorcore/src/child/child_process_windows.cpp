@@ -25,7 +25,9 @@ uint64 peak_memory(HANDLE process) noexcept {
     return get != nullptr && get(process, &counters, sizeof counters) ? counters.PeakWorkingSetSize : 0;
 }
 
-bool is_end(int code) noexcept { return code == ERROR_BROKEN_PIPE || code == ERROR_NO_DATA || code == ERROR_HANDLE_EOF; }
+bool is_end(int code) noexcept {
+    return code == ERROR_BROKEN_PIPE || code == ERROR_NO_DATA || code == ERROR_HANDLE_EOF;
+}
 
 } // namespace
 

@@ -1,5 +1,5 @@
-// Inside the Windows half of child processes: the own process's end of a pipe. Windows waits with a limit only for pipes
-// that have a name.
+// Inside the Windows half of child processes: the own process's end of a pipe. Windows waits with a limit only for
+// pipes that have a name.
 #pragma once
 
 #include "child/child.h"

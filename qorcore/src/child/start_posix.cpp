@@ -190,8 +190,8 @@ qor::child::start_result qor::child::start_program(start_plan& plan) noexcept {
     // Without a signal for its end: if the program cannot be executed, the host hears nothing of the attempt. From the
     // execution on, the kernel sends SIGCHLD as for every child.
     int pidfd = -1;
-    result.process = clone(child_main, stack, shared_memory | CLONE_VFORK | (s_uses_pidfd ? CLONE_PIDFD : 0), told,
-                           &pidfd);
+    result.process =
+        clone(child_main, stack, shared_memory | CLONE_VFORK | (s_uses_pidfd ? CLONE_PIDFD : 0), told, &pidfd);
     const int code = errno;
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_setcancelstate(cancellation, &cancellation);

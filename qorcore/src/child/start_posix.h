@@ -34,8 +34,8 @@ struct start_result {
     pid_t process = -1;
     int pidfd = -1; // -1: the kernel has none
     start_step step = start_step::process;
-    int code = 0;         // of the system; 0: the program runs
-    int descriptor = -1;  // for descriptors
+    int code = 0;        // of the system; 0: the program runs
+    int descriptor = -1; // for descriptors
 };
 
 // Whether pidfds are used where the kernel has them. Tests switch them off.

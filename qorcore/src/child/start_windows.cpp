@@ -112,8 +112,7 @@ std::wstring environment_block(std::vector<std::wstring> all) {
 }
 
 // Gets a handle that the child inherits; null if the own process has no such stream.
-bool open_stream(const qorChildStream& stream, DWORD number, qor::child::pipe_end& pipe, handles& childs,
-                 HANDLE& out) {
+bool open_stream(const qorChildStream& stream, DWORD number, qor::child::pipe_end& pipe, handles& childs, HANDLE& out) {
     SECURITY_ATTRIBUTES inheritable = {sizeof inheritable, nullptr, TRUE};
     const bool is_input = number == STD_INPUT_HANDLE;
     out = nullptr;
@@ -146,7 +145,7 @@ bool open_stream(const qorChildStream& stream, DWORD number, qor::child::pipe_en
     std::wstring wide;
     if (!qor::platform::to_wide_path(path, wide))
         return refuse_text("path");
-    const DWORD access = is_input                  ? GENERIC_READ
+    const DWORD access = is_input                   ? GENERIC_READ
                          : is_file && stream.append ? FILE_APPEND_DATA | SYNCHRONIZE | FILE_READ_ATTRIBUTES
                                                     : GENERIC_WRITE;
     const DWORD how = is_input || !is_file ? OPEN_EXISTING : stream.append ? OPEN_ALWAYS : CREATE_ALWAYS;
@@ -165,8 +164,8 @@ bool add_handles(const qorChildProcessOptions& options, std::vector<HANDLE>& inh
         const auto handle = reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(options.handles[i].own));
         DWORD flags = 0;
         if (!GetHandleInformation(handle, &flags) || (flags & HANDLE_FLAG_INHERIT) == 0) {
-            qor::error::set(qorError_child_handle, {std::to_string(options.handles[i].own).c_str(),
-                                                    qor::child::program_name(options)});
+            qor::error::set(qorError_child_handle,
+                            {std::to_string(options.handles[i].own).c_str(), qor::child::program_name(options)});
             return false;
         }
         inherited.push_back(handle);
@@ -179,8 +178,7 @@ HANDLE make_job() noexcept {
     const HANDLE job = CreateJobObjectW(nullptr, nullptr);
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
-    if (job != nullptr &&
-        !SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits)) {
+    if (job != nullptr && !SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits)) {
         const DWORD code = GetLastError();
         CloseHandle(job);
         SetLastError(code);

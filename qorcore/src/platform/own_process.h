@@ -51,8 +51,9 @@ void watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept, void (
 // error code.
 int start_thread(void (*run)() noexcept) noexcept;
 
-// Locks a mutex in an exit handler. On Windows, the end of a process first ends all other threads, wherever they are, so
-// a thread that no longer exists may hold the mutex. Then the mutex is made anew; what it protects may be half changed.
+// Locks a mutex in an exit handler. On Windows, the end of a process first ends all other threads, wherever they are,
+// so a thread that no longer exists may hold the mutex. Then the mutex is made anew; what it protects may be half
+// changed.
 std::unique_lock<std::mutex> lock_at_exit(std::mutex& lock) noexcept;
 
 // Whether the process is at its end and all other threads are gone: Windows ends them before it calls exit handlers.

@@ -75,7 +75,7 @@ struct timers {
     std::mutex lock;
     qor::timer::sleeper sleeper;
     std::condition_variable has_run; // a timer's function has returned
-    std::vector<record*> heap;        // by the time at which they are due
+    std::vector<record*> heap;       // by the time at which they are due
     std::unordered_map<qorTimerId, record_pointer> all;
     qorTimerId last_id = 0;
     bool has_thread = false;
@@ -125,8 +125,8 @@ struct timers {
     }
 };
 
-// Never destroyed: the thread lives as long as the process. A forked child gets new ones; its parent's stay as they are,
-// because threads that do not exist in the child may have been changing them.
+// Never destroyed: the thread lives as long as the process. A forked child gets new ones; its parent's stay as they
+// are, because threads that do not exist in the child may have been changing them.
 std::atomic<timers*> s_timers{nullptr};
 
 // What a thread that forks holds meanwhile: another one may set up the first timer between the two routines.
@@ -151,8 +151,7 @@ void in_child() noexcept {
     s_timers.store(fresh);
 }
 
-[[maybe_unused]] const bool s_watches_forks =
-    (qor::platform::watch_forks(before_fork, in_parent, in_child), true);
+[[maybe_unused]] const bool s_watches_forks = (qor::platform::watch_forks(before_fork, in_parent, in_child), true);
 
 // Takes no lock, which a fork could leave behind.
 timers& the_timers() {

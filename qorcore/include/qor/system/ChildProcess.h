@@ -31,9 +31,9 @@ enum class qorChildStreamKind : uint32 {
 
 // A standard stream of the child.
 struct qorChildStream {
-    qorChildStreamKind kind = qorChildStreamKind::inherit;
-    const char* path = nullptr; // of the file
-    bool append = false;        // to the file
+    qorChildStreamKind kind = qorChildStreamKind::inherit; // where it leads
+    const char* path = nullptr;                            // of the file
+    bool append = false;                                   // to the file
 };
 
 // A descriptor, or on Windows an inheritable object's handle, that the child gets.
@@ -146,8 +146,8 @@ protected:
 // What a child has written, and how it has ended.
 struct qorChildResult {
     std::string output; // any bytes
-    std::string errors;
-    qorChildEnd end;
+    std::string errors; // the same
+    qorChildEnd end; // of the child
 };
 
 // Starts a program. Returns false and leaves *out unchanged if it cannot be started; nothing of it has run then. An
@@ -173,6 +173,7 @@ namespace qor::glue {
 // A sink into a text of the C++ library.
 class text_sink final : public qor::object<IQORDataSink> {
 public:
+    // The text must outlive it.
     explicit text_sink(std::string& text) noexcept : object("qor.text_sink", "IQORDataSink"), m_text(text) {}
 
     bool Write(const void* bytes, uint32 size) noexcept override {
@@ -206,8 +207,7 @@ private:
     return qorExecuteChildProcess(options, input, *output, *errors, result.end);
 }
 // The same without an input: `qorExecuteChildProcess({"git", "status"}, result)`.
-[[nodiscard]] inline bool qorExecuteChildProcess(std::initializer_list<const char*> arguments,
-                                                 qorChildResult& result) {
+[[nodiscard]] inline bool qorExecuteChildProcess(std::initializer_list<const char*> arguments, qorChildResult& result) {
     qorStringArray words;
     for (const char* const each : arguments)
         words.Append(each);

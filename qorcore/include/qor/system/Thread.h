@@ -38,6 +38,7 @@ struct qorThreadOptions {
     const char* name = nullptr;
     // The size of the stack in bytes, rounded up to whole pages; 0 for the system's default.
     uint64 stack_size = 0;
+    // Beside other threads.
     qorThreadPriority priority = qorThreadPriority::normal;
 };
 
@@ -161,7 +162,7 @@ template <std::invocable FUNCTION>
 // A thread as a member: the destructor waits for it; what made the wait fail is then the last error. Not copyable.
 class qorThread {
 public:
-    qorThread() noexcept = default;
+    qorThread() noexcept = default; // there is none
     qorThread(const qorThread&) = delete;
     qorThread& operator=(const qorThread&) = delete;
     ~qorThread() { Join(); }

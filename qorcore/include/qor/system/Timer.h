@@ -48,9 +48,9 @@ constexpr uint64 qorTicks(std::chrono::duration<NUMBER, PERIOD> duration) noexce
 
 // One call of a timer.
 struct qorTimerTick {
-    qorTimerId timer = 0;
-    uint64 due = 0;    // the time for which it stands, of qorGetTickCounter; with missed ones, the last of them
-    uint64 missed = 0; // how many times have passed without a call since the one before
+    qorTimerId timer = 0; // that is due
+    uint64 due = 0;       // the time for which it stands, of qorGetTickCounter; with missed ones, the last of them
+    uint64 missed = 0;    // how many times have passed without a call since the one before
 };
 
 // The function of a timer.
@@ -132,6 +132,7 @@ namespace qor::glue {
 template <class FUNCTION>
 class function_target final : public qor::object<IQORTimerTarget> {
 public:
+    // Moves or copies the function object.
     explicit function_target(FUNCTION&& function)
         : object("qor.function_target", "IQORTimerTarget"), m_function(std::move(function)) {}
     explicit function_target(const FUNCTION& function)
@@ -155,8 +156,8 @@ private:
 
 // Whether a function object can be that of a timer.
 template <class FUNCTION>
-concept timer_function = std::invocable<std::decay_t<FUNCTION>&, const qorTimerTick&> ||
-    std::invocable<std::decay_t<FUNCTION>&>;
+concept timer_function = std::invocable < std::decay_t<FUNCTION>
+&, const qorTimerTick& > || std::invocable<std::decay_t<FUNCTION>&>;
 
 } // namespace qor::glue
 
@@ -174,7 +175,7 @@ template <qor::glue::timer_function FUNCTION>
 // A timer as a member: the destructor cancels it, and so returns when its function does not run. Not copyable.
 class qorTimer {
 public:
-    qorTimer() noexcept = default;
+    qorTimer() noexcept = default; // none is set up
     qorTimer(const qorTimer&) = delete;
     qorTimer& operator=(const qorTimer&) = delete;
     ~qorTimer() { Cancel(); }
