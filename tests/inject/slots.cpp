@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <stdexcept>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -406,6 +407,41 @@ void use_containers() {
                 merged->FindGap(7).value_or(0), read.IsHeld());
 }
 
+void use_threads() {
+    uint32 result = 0;
+    zetSmartPointer<IQORThread> thread;
+    MUST(qorBeginThread([] { return 7u; }, thread.Out(), {.name = long_text}));
+    MUST(qorWaitThread(*thread, 0, &result));
+    std::printf("%u\n", result);
+    MUST(qorBeginThread([] { throw std::runtime_error(long_text); }, thread.Out(), {.name = "odd"}));
+    if (!qorWaitThread(*thread))
+        fputerr(stdout, true);
+}
+
+void use_timers() {
+    qorGate gate(false);
+    qorTimer timer;
+    MUST(timer.Once(std::chrono::milliseconds(1), [&] { gate.Open(); }));
+    gate.Wait();
+    qorTimerId later = 0;
+    MUST(qorSetupTimer([] {}, {.delay = ~uint64{0}}, &later));
+    std::printf("%d\n", qorCancelTimer(later));
+}
+
+void use_children() {
+    qorChildResult result;
+    const qorStringArray words = [] {
+        qorStringArray made;
+        for (const char* const each : {"cat", "-", "no such file"})
+            made.Append(each);
+        return made;
+    }();
+    MUST(qorExecuteChildProcess({.arguments = &words, .folder = "/", .whole_tree = true}, long_text, result));
+    std::printf("%u %s\n%s", result.end.code, result.output.c_str(), result.errors.c_str());
+    if (!qorExecuteChildProcess({long_text}, result))
+        fputerr(stdout, true);
+}
+
 struct script {
     const char* name;
     void (*run)();
@@ -416,7 +452,7 @@ constexpr script scripts[] = {
     {"messages", use_messages}, {"errors", use_errors},   {"files", use_files},           {"trace", use_trace},
     {"process", use_process},   {"host", use_host},       {"network", use_network},       {"time", use_time},
     {"digest", use_digest},     {"folders", use_folders}, {"containers", use_containers}, {"config", use_config},
-    {"store", use_store},
+    {"store", use_store},       {"threads", use_threads}, {"timers", use_timers},         {"children", use_children},
 };
 
 struct outcome {

@@ -56,4 +56,7 @@ int start_thread(void (*run)() noexcept) noexcept;
 // changed.
 std::unique_lock<std::mutex> lock_at_exit(std::mutex& lock) noexcept;
 
+// Whether the process is at its end and all other threads are gone: Windows ends them before it calls exit handlers.
+bool other_threads_are_gone() noexcept;
+
 } // namespace qor::platform

@@ -43,14 +43,6 @@ DWORD WINAPI thread_main(void* run) {
 
 const DWORD loading_thread = GetCurrentThreadId();
 
-bool other_threads_are_gone() noexcept {
-    // Every process has this library, so it need not be loaded, which no process may do at its end.
-    using function = BOOLEAN NTAPI();
-    static function* const is_shutting_down = reinterpret_cast<function*>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
-    return is_shutting_down != nullptr && is_shutting_down();
-}
-
 void WINAPI call_at_thread_end(void* run) { reinterpret_cast<void (*)()>(run)(); }
 
 } // namespace
@@ -146,6 +138,14 @@ int qor::platform::start_thread(void (*run)() noexcept) noexcept {
         return static_cast<int>(GetLastError());
     CloseHandle(thread);
     return 0;
+}
+
+bool qor::platform::other_threads_are_gone() noexcept {
+    // Every process has this library, so it need not be loaded, which no process may do at its end.
+    using function = BOOLEAN NTAPI();
+    static function* const is_shutting_down = reinterpret_cast<function*>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+    return is_shutting_down != nullptr && is_shutting_down();
 }
 
 std::unique_lock<std::mutex> qor::platform::lock_at_exit(std::mutex& lock) noexcept {

@@ -1,6 +1,7 @@
 #include "platform/raw_file.h"
 
 #include "platform/file_status_posix.h"
+#include "platform/no_write_signals_posix.h"
 #include "platform/uninterrupted_posix.h"
 #include "qor/glue/regular_file_posix.h"
 
@@ -83,37 +84,11 @@ bool is_identity(const struct stat& status, const std::uint64_t (&identity)[2]) 
     return status.st_dev == identity[0] && status.st_ino == identity[1];
 }
 
-// Blocks the signals that a failed write would send to this thread, because they would end the host.
-class no_write_signals {
-public:
-    no_write_signals() noexcept {
-        sigemptyset(&m_signals);
-        sigaddset(&m_signals, SIGXFSZ);
-        sigaddset(&m_signals, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &m_signals, &m_before);
-    }
-    no_write_signals(const no_write_signals&) = delete;
-    no_write_signals& operator=(const no_write_signals&) = delete;
-    ~no_write_signals() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-
-    // Call this after a failed write: it removes the pending signal, which would otherwise arrive when this object
-    // ends.
-    void take(int reason) noexcept {
-        constexpr timespec no_time{};
-        if (reason == EFBIG || reason == EPIPE)
-            sigtimedwait(&m_signals, nullptr, &no_time);
-    }
-
-private:
-    sigset_t m_signals;
-    sigset_t m_before;
-};
-
 // Writes all bytes by `call`, which gets the bytes, their number, and how many have been written. If `count` is not
 // null, it receives this number at the end.
 template <class CALL>
 int write_all(const void* bytes, std::size_t size, std::size_t* count, CALL call) noexcept {
-    no_write_signals quiet;
+    qor::platform::no_write_signals quiet;
     std::size_t done = 0;
     int reason = 0;
     while (done < size && reason == 0) {
@@ -288,7 +263,7 @@ int qor::platform::raw_file::sync() noexcept {
 int qor::platform::raw_file::set_size(std::uint64_t size) noexcept {
     if (size > last_offset)
         return EFBIG;
-    no_write_signals quiet;
+    qor::platform::no_write_signals quiet;
     if (uninterrupted([&] { return ftruncate(descriptor_of(m_handle), static_cast<off_t>(size)); }) == 0)
         return 0;
     const int reason = errno;
@@ -354,7 +329,7 @@ int qor::platform::raw_file::skip_hole(raw_file& from, std::uint64_t size) noexc
 // is empty.
 std::uint64_t qor::platform::raw_file::copy_from(raw_file& from, std::uint64_t limit) noexcept {
     constexpr std::uint64_t most = std::uint64_t{1} << 30;
-    no_write_signals quiet;
+    qor::platform::no_write_signals quiet;
     std::uint64_t count = 0;
     while (count < limit) {
         const ssize_t copied = uninterrupted([&] {

@@ -32,6 +32,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/select.h>
@@ -279,6 +280,14 @@ CALL(int, socket, (int domain, int type, int protocol), SYS_socket, domain, type
 CALL(int, connect, (int file, const struct sockaddr* to, socklen_t size), SYS_connect, file, to, size)
 CALL(int, bind, (int file, const struct sockaddr* at, socklen_t size), SYS_bind, file, at, size)
 CALL(int, listen, (int file, int waiting), SYS_listen, file, waiting)
+CALL(int, pipe2, (int ends[2], int flags), SYS_pipe2, ends, flags)
+CALL(int, dup2, (int file, int number), SYS_dup2, file, number)
+CALL(int, close_range, (unsigned first, unsigned last, int flags), SYS_close_range, first, last, flags)
+CALL(int, setpgid, (pid_t process, pid_t group), SYS_setpgid, process, group)
+CALL(int, chdir, (const char* path), SYS_chdir, path)
+CALL(int, execve, (const char* path, char* const words[], char* const variables[]), SYS_execve, path, words, variables)
+CALL(int, pidfd_send_signal, (int process, int number, siginfo_t* info, unsigned flags), SYS_pidfd_send_signal, process,
+     number, info, flags)
 CALL(int, fsync, (int file), SYS_fsync, file)
 CALL(int, flock, (int file, int operation), SYS_flock, file, operation)
 CALL(int, ftruncate, (int file, off_t size), SYS_ftruncate, file, size)

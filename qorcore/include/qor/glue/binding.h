@@ -21,6 +21,7 @@ class IQORAttributeSetArray;
 class IQORAttributeSetDelta;
 class IQORAttributeSetDeltaArray;
 class IQORBlockTracker64;
+class IQORChildProcess;
 class IQORConfigFile;
 class IQORConfigNode;
 class IQORConfigPack;
@@ -51,6 +52,10 @@ class IQORSerialPort;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
 class IQORSystemInfo;
+class IQORThread;
+class IQORThreadWork;
+class IQORTimerQueue;
+class IQORTimerTarget;
 class IQORUserToken;
 class IQORValueList;
 class IQORVariantList;
@@ -62,12 +67,19 @@ class qorStringArray;
 class qorTimecode;
 class qorVariant;
 class qorVector;
+struct qorChildEnd;
+struct qorChildProcessOptions;
 struct qorFileInfo;
 struct qorFileInfoEx;
 struct qorHostAddress;
 struct qorObjectStoreOptions;
 struct qorOpenFile;
+struct qorTextView;
+struct qorThreadEnd;
+struct qorThreadOptions;
 struct qorTimeInfo;
+struct qorTimerTick;
+struct qorTimerTimes;
 struct qoraddr_ipv4;
 struct qoraddr_ipv6;
 enum qorFolderId : uint32;
@@ -85,6 +97,9 @@ inline constexpr uint32 qorDebugMaxCodes = 16384;
 // Like strcmp: negative, zero or positive.
 using qorStringCompare = int (*)(const char* left, const char* right, void* context) noexcept;
 using qorCleanupRoutine = void (*)(void* context) noexcept;
+using qorThreadRoutine = void (*)(void* context, qorThreadEnd& end) noexcept;
+using qorTimerRoutine = void (*)(void* context, const qorTimerTick& tick) noexcept;
+using qorTimerId = uint64;
 
 namespace qor::glue {
 
