@@ -34,6 +34,7 @@ class IQORFileSource;
 class IQORFileTarget;
 class IQORFolderContents;
 class IQORHostAddressList;
+class IQORLogEntry;
 class IQORMapStringToString;
 class IQORMapStringToU32;
 class IQORMapStringToVoid;
@@ -65,6 +66,7 @@ class qorVector;
 struct qorFileInfo;
 struct qorFileInfoEx;
 struct qorHostAddress;
+struct qorLogPlace;
 struct qorObjectStoreOptions;
 struct qorOpenFile;
 struct qorTimeInfo;
@@ -73,6 +75,7 @@ struct qoraddr_ipv6;
 enum qorFolderId : uint32;
 enum class qorFileOrigin : uint32;
 enum class qorFlushTo : uint32;
+enum class qorLogLevel : uint32;
 enum class qorVariantKind : uint32;
 
 // A trace switch: 0 is off. The library writes it; any code may read it.
