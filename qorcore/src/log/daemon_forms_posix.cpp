@@ -49,8 +49,8 @@ std::string qor::log::syslog_form(const system_entry& entry, const std::tm& when
                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     char head[64];
     std::snprintf(head, sizeof head, "<%u>%s %2d %02d:%02d:%02d ",
-                  facility_user * 8 + static_cast<unsigned>(entry.level),
-                  months[std::clamp(when.tm_mon, 0, 11)], when.tm_mday, when.tm_hour, when.tm_min, when.tm_sec);
+                  facility_user * 8 + static_cast<unsigned>(entry.level), months[std::clamp(when.tm_mon, 0, 11)],
+                  when.tm_mday, when.tm_hour, when.tm_min, when.tm_sec);
     std::string out = head;
     append_line_text(out, cut_text(entry.program, 64), " :[]");
     out.append("[").append(std::to_string(entry.process)).append("]: ");

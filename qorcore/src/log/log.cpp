@@ -66,7 +66,8 @@ system_sender& sender() {
         return sender_of_process;
     }();
     static const bool is_watching = [] {
-        qor::platform::watch_forks([]() noexcept { made->before_fork(); }, []() noexcept { made->after_fork_in_parent(); },
+        qor::platform::watch_forks([]() noexcept { made->before_fork(); },
+                                   []() noexcept { made->after_fork_in_parent(); },
                                    []() noexcept { made->after_fork_in_child(); });
         sender_exists.store(true, std::memory_order_release);
         return std::atexit([] { made->finish(true, last_wait); }) == 0;
@@ -99,8 +100,16 @@ void send_as_line(const qor::log::entry& sent) noexcept {
     if (file.empty())
         lines().write({program, " ", qor::log::level_name(sent.level), " -", fields, ": ", text});
     else
-        lines().write({program, " ", qor::log::level_name(sent.level), " ", file, ":",
-                       {number, static_cast<std::size_t>(digits)}, fields, ": ", text});
+        lines().write({program,
+                       " ",
+                       qor::log::level_name(sent.level),
+                       " ",
+                       file,
+                       ":",
+                       {number, static_cast<std::size_t>(digits)},
+                       fields,
+                       ": ",
+                       text});
 }
 
 } // namespace

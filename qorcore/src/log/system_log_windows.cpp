@@ -6,6 +6,7 @@
 #include "platform/system_library_windows.h"
 #include "platform/wide_windows.h"
 
+#include <algorithm>
 #include <windows.h>
 
 namespace {
@@ -56,14 +57,14 @@ public:
         if (!open(entry.program))
             return outcome::absent;
         std::string fields;
-        append_fields(fields, {{"LEVEL", std::string(qor::log::level_name(entry.level))},
-                               {"PROCESS", std::to_string(entry.process)},
-                               {"THREAD", std::to_string(entry.thread)},
-                               {"TIME", qor::debug::time_text(entry.time)}});
+        qor::log::append_fields(fields, {{"LEVEL", std::string(qor::log::level_name(entry.level))},
+                                         {"PROCESS", std::to_string(entry.process)},
+                                         {"THREAD", std::to_string(entry.thread)},
+                                         {"TIME", qor::debug::time_text(entry.time)}});
         if (!entry.file.empty())
-            append_fields(fields, {{"CODE_FILE", entry.file},
-                                   {"CODE_LINE", std::to_string(entry.line)},
-                                   {"CODE_FUNC", entry.function}});
+            qor::log::append_fields(
+                fields,
+                {{"CODE_FILE", entry.file}, {"CODE_LINE", std::to_string(entry.line)}, {"CODE_FUNC", entry.function}});
         qor::log::append_fields(fields, entry.fields);
         const std::wstring text = insert_of(entry.text);
         const std::wstring rest = insert_of(std::string_view(fields).substr(1));
@@ -87,7 +88,8 @@ private:
         if (m_source != nullptr)
             return true;
         constexpr wchar_t library[] = L"advapi32.dll";
-        const auto register_source = qor::platform::find_function<decltype(RegisterEventSourceW)>(library, "RegisterEventSourceW");
+        const auto register_source =
+            qor::platform::find_function<decltype(RegisterEventSourceW)>(library, "RegisterEventSourceW");
         m_report = qor::platform::find_function<decltype(ReportEventW)>(library, "ReportEventW");
         m_deregister = qor::platform::find_function<decltype(DeregisterEventSource)>(library, "DeregisterEventSource");
         if (register_source != nullptr && m_report != nullptr && m_deregister != nullptr)

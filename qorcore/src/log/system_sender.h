@@ -70,7 +70,7 @@ private:
     std::condition_variable m_has_work; // the thread waits for it
     std::condition_variable m_is_idle;  // flush() and finish() do
     std::deque<std::shared_ptr<system_entry>> m_queue;
-    std::size_t m_bytes = 0;        // of the queue
+    std::size_t m_bytes = 0; // of the queue
     bool m_thread_runs = false;
     bool m_is_sending = false;      // the first of the queue, or a notice, without the lock
     bool m_was_absent = false;      // when last tried
