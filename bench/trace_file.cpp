@@ -5,56 +5,20 @@
 // Both write the same words, each with its own line head. Prints lines per second: medians of interleaved rounds,
 // including the closing of the file. The exit code is 1 if a line is missing, damaged or out of its thread's order. It
 // is also 1 if the framework is slower, except in a brief run.
+#include "line_files.h"
 #include "qor/qor.h"
-
-#include <algorithm>
-#include <charconv>
-#include <chrono>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <random>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <vector>
 
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>
 
 namespace {
 
-constexpr int threads = 2;
-
-struct contender {
-    const char* name;
-    void (*run)(const std::string& path, int lines);
-    std::vector<double> rounds{}; // lines per second
-
-    double median() {
-        std::nth_element(rounds.begin(), rounds.begin() + static_cast<long>(rounds.size() / 2), rounds.end());
-        return rounds[rounds.size() / 2];
-    }
-};
-
-template <class TRACE>
-void on_threads(int lines, TRACE trace) {
-    std::vector<std::thread> all;
-    for (int thread = 0; thread < threads; ++thread)
-        all.emplace_back([=] {
-            for (int line = 0; line < lines; ++line)
-                trace(thread, line);
-        });
-    for (std::thread& each : all)
-        each.join();
-}
-
 void run_qor(const std::string& path, int lines) {
     static const uint32 code = qorDebugAllocateCode("bench.trace-file");
     qorDebugEnableCode("bench.trace-file", true);
     if (!qorDebugAttachFile(path.c_str()))
         fputerr(stderr, true);
-    on_threads(lines, [](int thread, int line) {
+    bench::on_threads(lines, [](int thread, int line) {
         qorDebug(code, "thread %d has come to line %d of %s", thread, line, "many");
     });
     (void)qorDebugAttachFile(nullptr);
@@ -62,63 +26,14 @@ void run_qor(const std::string& path, int lines) {
 
 void run_spdlog(const std::string& path, int lines) {
     const auto logger = spdlog::basic_logger_mt("bench", path, true);
-    on_threads(lines, [logger = logger.get()](int thread, int line) {
+    bench::on_threads(lines, [logger = logger.get()](int thread, int line) {
         logger->info("thread {} has come to line {} of {}", thread, line, "many");
     });
     spdlog::drop_all();
 }
 
-// Returns the number after `word`, or -1.
-int number_behind(std::string_view line, std::string_view word) {
-    const std::size_t at = line.find(word);
-    int number = -1;
-    if (at != line.npos)
-        std::from_chars(line.data() + at + word.size(), line.data() + line.size(), number);
-    return number;
-}
-
-bool is_whole(const std::string& path, int lines) {
-    std::ifstream file(path);
-    int next[threads] = {};
-    for (std::string line; std::getline(file, line);) {
-        const int thread = number_behind(line, " thread ");
-        if (thread < 0 || thread >= threads || number_behind(line, " to line ") != next[thread]++ ||
-            !line.ends_with(" of many"))
-            return false;
-    }
-    return std::ranges::count(next, lines) == threads;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    bool brief = false;
-    std::string folder = std::filesystem::temp_directory_path();
-    for (int i = 1; i < argc; ++i)
-        if (std::string_view(argv[i]) == "--brief")
-            brief = true;
-        else
-            folder = argv[i];
-    const int lines = brief ? 20'000 : 500'000;
-    const int rounds = brief ? 3 : 9;
-    const std::string path = folder + "/qor-trace-bench." + std::to_string(std::random_device()());
-    contender contenders[] = {{"the framework", run_qor}, {"spdlog", run_spdlog}};
-    bool whole = true;
-    for (int round = 0; round < rounds; ++round)
-        for (contender& each : contenders) {
-            const auto begin = std::chrono::steady_clock::now();
-            each.run(path, lines);
-            const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
-            each.rounds.push_back(threads * lines / taken.count());
-            if (!is_whole(path, lines)) {
-                std::printf("%s: lines are missing or torn\n", each.name);
-                whole = false;
-            }
-            std::filesystem::remove(path);
-        }
-    for (contender& each : contenders)
-        std::printf("%-14s %9.0f lines a second\n", each.name, each.median());
-    const double ratio = contenders[0].median() / contenders[1].median();
-    std::printf("ratio %.2f (at least 1.00)\n", ratio);
-    return whole && (brief || ratio >= 1) ? 0 : 1;
+    return bench::compare(argc, argv, "qor-trace-bench", {{"the framework", run_qor}, {"spdlog", run_spdlog}});
 }

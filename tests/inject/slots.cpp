@@ -442,6 +442,26 @@ void use_children() {
         fputerr(stdout, true);
 }
 
+void use_log() {
+    MUST(qorSetLogTarget("log"));
+    for (int i = 0; i < 5; ++i)
+        MUST(qorSendLogText(qorLogLevel::info, long_text));
+    MUST(qorSendLogText(qorLogLevel::info, "two\nlines"));
+    MUST(qorSendLogMessage(qorLogLevel::error, "qorcore", 10, long_text, long_text));
+    MUST(qorLogEntry(qorLogLevel::notice).Text(long_text).Field("A_FIELD", long_text).Send());
+    MUST(qorSetLogTarget("system"));
+    MUST(qorSendLogText(qorLogLevel::info, long_text));
+    (void)qorFlushLog(1); // this host may have no log
+    MUST(qorSetLogTarget("stderr"));
+    std::FILE* const file = std::fopen("log", "r");
+    char line[4096];
+    while (file != nullptr && std::fgets(line, sizeof line, file) != nullptr)
+        std::printf("%s", std::strstr(line, " inject_slots "));
+    if (file != nullptr)
+        std::fclose(file);
+    unlink("log");
+}
+
 struct script {
     const char* name;
     void (*run)();
@@ -453,6 +473,7 @@ constexpr script scripts[] = {
     {"process", use_process},   {"host", use_host},       {"network", use_network},       {"time", use_time},
     {"digest", use_digest},     {"folders", use_folders}, {"containers", use_containers}, {"config", use_config},
     {"store", use_store},       {"threads", use_threads}, {"timers", use_timers},         {"children", use_children},
+    {"log", use_log},
 };
 
 struct outcome {

@@ -34,6 +34,7 @@
 #include "qor/system/Geometry.h"
 #include "qor/system/Interface.h"
 #include "qor/system/Lists.h"
+#include "qor/system/LogEntry.h"
 #include "qor/system/Map.h"
 #include "qor/system/Memory.h"
 #include "qor/system/NetInterface.h"

@@ -70,8 +70,9 @@ public:
     int write_at(std::uint64_t offset, const void* bytes, std::size_t size, std::size_t* count) noexcept;
 
     // Writes all bytes, in as many calls as that takes. A file-size limit and a pipe without a reader are reported as
-    // ordinary errors, not as signals.
-    int write(const void* bytes, std::size_t size) noexcept;
+    // ordinary errors, not as signals. If `count` is not null, it receives the number of bytes written, also on
+    // failure.
+    int write(const void* bytes, std::size_t size, std::size_t* count = nullptr) noexcept;
 
     // Returns when all that was written is on the disk.
     int sync() noexcept;
@@ -101,6 +102,9 @@ public:
     // returns their number. If it is less, the system goes no further: the caller reads and writes the rest, if there
     // is any, and so meets the reason.
     std::uint64_t copy_from(raw_file& from, std::uint64_t limit) noexcept;
+
+    // Whether `path` leads to this open file.
+    bool is_at(const char* path) const noexcept;
 
     // Opens the file at `path` again for appending if the host has closed the descriptor or has opened another file
     // under its number. Does not reopen a pipe or a device, because opening one might wait. Returns 0, or the reason

@@ -176,6 +176,11 @@ int qor::platform::raw_file::close() noexcept {
     return errno == EINTR ? 0 : errno;
 }
 
+bool qor::platform::raw_file::is_at(const char* path) const noexcept {
+    struct stat status;
+    return stat(path, &status) == 0 && is_identity(status, m_identity);
+}
+
 int qor::platform::raw_file::recover(const char* path) noexcept {
     struct stat status;
     if (fstat(static_cast<int>(m_handle), &status) == 0 && is_identity(status, m_identity))
@@ -240,8 +245,8 @@ int qor::platform::raw_file::status(file_status& out) noexcept {
     return get_status(descriptor_of(m_handle), "", AT_EMPTY_PATH, out);
 }
 
-int qor::platform::raw_file::write(const void* bytes, std::size_t size) noexcept {
-    return write_all(bytes, size, nullptr, [this](const void* from, std::size_t length, std::size_t) {
+int qor::platform::raw_file::write(const void* bytes, std::size_t size, std::size_t* count) noexcept {
+    return write_all(bytes, size, count, [this](const void* from, std::size_t length, std::size_t) {
         return ::write(descriptor_of(m_handle), from, length);
     });
 }

@@ -108,6 +108,17 @@ int open_path(const char* path, const HOW& how, bool is_regular, HANDLE& handle)
     return qor::platform::raw_file::not_regular;
 }
 
+// Returns 0 if both handles are of the same file.
+int compare(HANDLE one, HANDLE other) noexcept {
+    BY_HANDLE_FILE_INFORMATION ours, theirs;
+    if (!GetFileInformationByHandle(one, &ours) || !GetFileInformationByHandle(other, &theirs))
+        return last_error();
+    return ours.dwVolumeSerialNumber == theirs.dwVolumeSerialNumber && ours.nFileIndexLow == theirs.nFileIndexLow &&
+                   ours.nFileIndexHigh == theirs.nFileIndexHigh
+               ? 0
+               : qor::platform::raw_file::was_replaced;
+}
+
 } // namespace
 
 const int qor::platform::raw_file::not_regular = ERROR_SEEK_ON_DEVICE;
@@ -200,17 +211,20 @@ int qor::platform::raw_file::size(std::uint64_t* bytes) noexcept {
 
 int qor::platform::raw_file::status(file_status& out) noexcept { return get_status(as_handle(m_handle), out); }
 
-int qor::platform::raw_file::write(const void* bytes, std::size_t size) noexcept {
-    const char* at = static_cast<const char*>(bytes);
-    while (size != 0) {
+int qor::platform::raw_file::write(const void* bytes, std::size_t size, std::size_t* count) noexcept {
+    std::size_t done = 0;
+    int reason = 0;
+    while (done != size && reason == 0) {
         OVERLAPPED end = place_of(end_of_file);
         DWORD written = 0;
-        if (!WriteFile(as_handle(m_handle), at, piece(size), &written, m_appends ? &end : nullptr))
-            return last_error();
-        at += written;
-        size -= written;
+        if (!WriteFile(as_handle(m_handle), static_cast<const char*>(bytes) + done, piece(size - done), &written,
+                       m_appends ? &end : nullptr))
+            reason = last_error();
+        done += written;
     }
-    return 0;
+    if (count != nullptr)
+        *count = done;
+    return reason;
 }
 
 int qor::platform::raw_file::write_at(std::uint64_t offset, const void* bytes, std::size_t size,
@@ -248,15 +262,9 @@ int qor::platform::raw_file::remove(const char* path) noexcept {
                     nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr);
     if (there == INVALID_HANDLE_VALUE)
         return last_error();
-    BY_HANDLE_FILE_INFORMATION ours, theirs;
     FILE_DISPOSITION_INFO gone{TRUE};
-    int reason = 0;
-    if (!GetFileInformationByHandle(as_handle(m_handle), &ours) || !GetFileInformationByHandle(there, &theirs))
-        reason = last_error();
-    else if (ours.dwVolumeSerialNumber != theirs.dwVolumeSerialNumber || ours.nFileIndexLow != theirs.nFileIndexLow ||
-             ours.nFileIndexHigh != theirs.nFileIndexHigh)
-        reason = was_replaced;
-    else if (!SetFileInformationByHandle(there, FileDispositionInfo, &gone, sizeof gone))
+    int reason = compare(as_handle(m_handle), there);
+    if (reason == 0 && !SetFileInformationByHandle(there, FileDispositionInfo, &gone, sizeof gone))
         reason = last_error();
     CloseHandle(there);
     return reason;
@@ -274,6 +282,20 @@ int qor::platform::raw_file::skip_hole(raw_file&, std::uint64_t) noexcept { retu
 std::uint64_t qor::platform::raw_file::copy_from(raw_file&, std::uint64_t) noexcept { return 0; }
 
 // On Windows, no code closes handles that it does not know.
+bool qor::platform::raw_file::is_at(const char* path) const noexcept {
+    std::wstring wide;
+    if (!platform::to_wide_path(path, wide))
+        return false;
+    const HANDLE there =
+        CreateFileW(wide.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (there == INVALID_HANDLE_VALUE)
+        return false;
+    const bool is_ours = compare(as_handle(m_handle), there) == 0;
+    CloseHandle(there);
+    return is_ours;
+}
+
 int qor::platform::raw_file::recover(const char*) noexcept { return 0; }
 
 void qor::platform::raw_file::cut(std::uint64_t size) noexcept { set_size(size); }

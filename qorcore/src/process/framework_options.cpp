@@ -5,6 +5,7 @@
 #include "catalog/catalog.h"
 #include "debug/trace_output.h"
 #include "error/error.h"
+#include "log/log.h"
 #include "memory/tracking.h"
 #include "message_names.h"
 #include "platform/own_process.h"
@@ -43,6 +44,10 @@ bool check_written(const char* source, const std::string& path, int reason) {
 
 bool trace_to_file(const char* source, const std::string& value) {
     return check_written(source, value, qor::debug::attach_file(value.c_str()));
+}
+
+bool log_to(const char* source, const std::string& value) {
+    return check_written(source, value, qor::log::set_target(value.c_str()));
 }
 
 bool enable_codes(const char*, const std::string& value) {
@@ -94,6 +99,7 @@ constexpr option options[] = {
      trace_to_file,
      2,
      {framework::debug_file_syntax, framework::debug_file_description}},
+    {"log", "QOR_LOG", "FILE|stderr|system", log_to, 7, {framework::log_syntax, framework::log_description}},
     {"memcheck",
      qor::memory::log_variable,
      "FILE",

@@ -1,6 +1,7 @@
 // Start and end of the framework in a process.
 #include "debug/trace_output.h"
 #include "error/error.h"
+#include "log/log.h"
 #include "platform/own_process.h"
 #include "process/framework_options.h"
 
@@ -51,6 +52,7 @@ void qor::glue::qorCleanup() noexcept {
         entry.routine(entry.context);
     qorDebugListen(nullptr, nullptr, nullptr);
     qorSetSignalHandler(nullptr);
+    qor::log::finish();
     qor::debug::detach_file();
 }
 

@@ -35,6 +35,7 @@ class IQORFileSource;
 class IQORFileTarget;
 class IQORFolderContents;
 class IQORHostAddressList;
+class IQORLogEntry;
 class IQORMapStringToString;
 class IQORMapStringToU32;
 class IQORMapStringToVoid;
@@ -72,6 +73,7 @@ struct qorChildProcessOptions;
 struct qorFileInfo;
 struct qorFileInfoEx;
 struct qorHostAddress;
+struct qorLogPlace;
 struct qorObjectStoreOptions;
 struct qorOpenFile;
 struct qorTextView;
@@ -85,6 +87,7 @@ struct qoraddr_ipv6;
 enum qorFolderId : uint32;
 enum class qorFileOrigin : uint32;
 enum class qorFlushTo : uint32;
+enum class qorLogLevel : uint32;
 enum class qorVariantKind : uint32;
 
 // A trace switch: 0 is off. The library writes it; any code may read it.

@@ -15,7 +15,8 @@ inline bool qorInitProcess(const char* name, qorStringArray& args, unsigned flag
     return qor::glue::qorInitProcess(name, args, flags);
 }
 
-// Ends what qorInitProcess began: runs the clean-up routines, releases the signals and flushes the trace. Memory and
+// Ends what qorInitProcess began: runs the clean-up routines, releases the signals and flushes the log
+// and the trace. Memory and
 // strings can still be used and freed afterwards. Call it once, at the end.
 inline void qorCleanup() noexcept { qor::glue::qorCleanup(); }
 

@@ -1,0 +1,40 @@
+// Two threads that log at full speed into a file, compared with spdlog's file logger.
+//
+//   log_file [--brief] [FOLDER]
+//
+// Both write the same words, each with its own line head; the framework's has the place in the source, too. Prints
+// entries per second: medians of interleaved rounds, including the closing of the file. The exit code is 1 if an entry
+// is missing, damaged or out of its thread's order. It is also 1 if the framework is slower, except in a brief run.
+#include "line_files.h"
+#include "qor/qor.h"
+
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/spdlog.h>
+
+namespace {
+
+void run_qor(const std::string& path, int lines) {
+    if (!qorSetLogTarget(path.c_str()))
+        fputerr(stderr, true);
+    bench::on_threads(lines, [](int thread, int line) {
+        char text[100];
+        const int length =
+            std::snprintf(text, sizeof text, "thread %d has come to line %d of %s", thread, line, "many");
+        qorSendLogText(qorLogLevel::info, std::string_view(text, static_cast<std::size_t>(length)));
+    });
+    (void)qorSetLogTarget("stderr");
+}
+
+void run_spdlog(const std::string& path, int lines) {
+    const auto logger = spdlog::basic_logger_mt("bench", path, true);
+    bench::on_threads(lines, [logger = logger.get()](int thread, int line) {
+        logger->info("thread {} has come to line {} of {}", thread, line, "many");
+    });
+    spdlog::drop_all();
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    return bench::compare(argc, argv, "qor-log-bench", {{"the framework", run_qor}, {"spdlog", run_spdlog}});
+}
