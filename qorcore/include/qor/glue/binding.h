@@ -67,6 +67,8 @@ struct qorFileInfoEx;
 struct qorHostAddress;
 struct qorObjectStoreOptions;
 struct qorOpenFile;
+struct qorServiceOptions;
+struct qorServiceStatus;
 struct qorTimeInfo;
 struct qoraddr_ipv4;
 struct qoraddr_ipv6;
