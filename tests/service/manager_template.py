@@ -24,6 +24,7 @@ STARTS = {
     "oneshot": ("done", {"ActiveState": "inactive", "SubState": "dead"}, {}),
     "skipped": ("skipped", {"ActiveState": "inactive", "SubState": "dead"}, {}),
     "exits": ("failed", FAILED, {"Result": "exit-code", "ExecMainCode": dbus.Int32(1), "ExecMainStatus": dbus.Int32(3)}),
+    "nameless": ("failed", FAILED, {"Result": "resources"}),
     "killed": ("failed", FAILED, {"Result": "signal", "ExecMainCode": dbus.Int32(2), "ExecMainStatus": dbus.Int32(9)}),
     "dumped": ("failed", FAILED,
                {"Result": "core-dump", "ExecMainCode": dbus.Int32(3), "ExecMainStatus": dbus.Int32(11)}),
@@ -105,7 +106,8 @@ def make(mock, name):
     }
     if stem(name) == "no-id":
         del unit["Id"]
-        unit["InvocationID"] = dbus.Array([], signature="y")
+    if stem(name) in ("nameless", "no-id"):
+        unit["InvocationID"] = dbus.Array([] if stem(name) == "no-id" else bytes(16), signature="y")
     if stem(name) == "wrong-types":
         unit = {key: dbus.Int32(7) for key in unit}
     if stem(name) == "wrong-some":

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Runs a command beside a mocked manager of services, on a bus of its own: mocked_manager.py COMMAND..."""
 
+import contextlib
 import os
 import subprocess
 import sys
@@ -36,7 +37,8 @@ class Bus:
         file = Path(self.folder.name, "bus.conf")
         file.write_text(CONFIGURATION.format(folder=self.folder.name))
         self.process = subprocess.Popen(["dbus-daemon", f"--config-file={file}", "--nofork", "--print-address"],
-                                        stdout=subprocess.PIPE, stdin=subprocess.DEVNULL, text=True)
+                                        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL,
+                                        text=True)
         self.address = self.process.stdout.readline().strip()
         assert self.address, "dbus-daemon did not start"
 
@@ -50,7 +52,9 @@ class Manager:
     """A mocked manager on this bus. It is there when the constructor returns."""
 
     def __init__(self, bus):
-        self.environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": bus.address}
+        self.bus = bus
+        self.environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": bus.address,
+                            "DBUS_SESSION_BUS_ADDRESS": bus.address}
         self.process = subprocess.Popen(
             ["/usr/bin/python3", "-m", "dbusmock", "--system", "--template", TEMPLATE, "--logfile", os.devnull],
             env=self.environment, stdin=subprocess.DEVNULL)
@@ -70,17 +74,28 @@ class Manager:
         self.process.wait()
 
 
-def main():
+@contextlib.contextmanager
+def running_bus():
     bus = Bus()
     try:
-        manager = Manager(bus)
-        try:
-            environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": bus.address, "DBUS_SESSION_BUS_ADDRESS": bus.address}
-            return subprocess.run(sys.argv[1:], env=environment).returncode
-        finally:
-            manager.end()
+        yield bus
     finally:
         bus.end()
+
+
+@contextlib.contextmanager
+def running_manager():
+    with running_bus() as bus:
+        manager = Manager(bus)
+        try:
+            yield manager
+        finally:
+            manager.end()
+
+
+def main():
+    with running_manager() as manager:
+        return subprocess.run(sys.argv[1:], env=manager.environment).returncode
 
 
 if __name__ == "__main__":

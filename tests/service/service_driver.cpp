@@ -22,16 +22,14 @@ qorServiceOptions options_of(const words& given) {
 bool exists(const words& given, std::string&) {
     return qorServiceExists(given[1].c_str(), options_of(given), &s_status);
 }
-bool start(const words& given, std::string&) {
-    return qorServiceStart(given[1].c_str(), options_of(given), &s_status);
-}
+bool start(const words& given, std::string&) { return qorServiceStart(given[1].c_str(), options_of(given), &s_status); }
 bool stop(const words& given, std::string&) { return qorServiceStop(given[1].c_str(), options_of(given), &s_status); }
 
 bool status(const words&, std::string& answer) {
     const qorServiceStatus& s = s_status;
-    for (const long long each : {static_cast<long long>(s.state), static_cast<long long>(s.masked),
-                                 static_cast<long long>(s.process), static_cast<long long>(s.end),
-                                 static_cast<long long>(s.code)})
+    for (const long long each :
+         {static_cast<long long>(s.state), static_cast<long long>(s.masked), static_cast<long long>(s.process),
+          static_cast<long long>(s.end), static_cast<long long>(s.code)})
         answer.append(" ").append(std::to_string(each));
     for (const qorString* each : {&s.name, &s.description, &s.detail, &s.result})
         answer.append(" ").append(hexadecimal(std::string_view(each->Text(), each->Length())));

@@ -123,9 +123,14 @@ std::string systemd::harmless(std::string_view text, std::size_t limit) {
     out.reserve(text.size() + 3);
     for (const char each : text)
         out.push_back(static_cast<unsigned char>(each) < 0x20 || each == 0x7f ? ' ' : each);
-    out.erase(out.find_last_not_of(" .") + 1);
     if (is_long)
         out.append("...");
+    return out;
+}
+
+std::string systemd::as_reason(std::string_view text) {
+    std::string out = harmless(text);
+    out.erase(out.find_last_not_of(" .") + 1);
     return out;
 }
 
@@ -137,8 +142,8 @@ bool systemd::connection::lost(int code) {
         reason = message_text(framework::peer_closed_connection);
     else if (code == -ETIMEDOUT)
         reason = message_text(framework::peer_does_not_answer);
-    else
-        reason = qor::modules::system_reason(-code).c_str();
+    else // libsystemd says ENXIO where a message has fewer values than are read
+        reason = qor::modules::system_reason(code == -ENXIO ? EBADMSG : -code).c_str();
     qorSetLastError(qorError_service_manager_lost, m_unit.c_str(), reason.Text());
     return false;
 }
@@ -153,7 +158,7 @@ std::string_view systemd::connection::error_of(const message_pointer& answer) no
 bool systemd::connection::refused(const message_pointer& answer) {
     const std::string_view name = error_of(answer);
     const char* const given = sd_bus_message_get_error(answer.get())->message;
-    const std::string text = harmless(given != nullptr && *given != '\0' ? std::string_view(given) : name);
+    const std::string text = as_reason(given != nullptr && *given != '\0' ? std::string_view(given) : name);
     const auto is_one_of = [&](std::initializer_list<std::string_view> names) {
         return std::find(names.begin(), names.end(), name) != names.end();
     };
@@ -161,8 +166,8 @@ bool systemd::connection::refused(const message_pointer& answer) {
         return lost(-ENOTCONN);
     if (is_one_of({SD_BUS_ERROR_TIMEOUT}))
         return lost(-ETIMEDOUT);
-    if (is_one_of({SD_BUS_ERROR_ACCESS_DENIED, SD_BUS_ERROR_INTERACTIVE_AUTHORIZATION_REQUIRED,
-                   SD_BUS_ERROR_AUTH_FAILED}))
+    if (is_one_of(
+            {SD_BUS_ERROR_ACCESS_DENIED, SD_BUS_ERROR_INTERACTIVE_AUTHORIZATION_REQUIRED, SD_BUS_ERROR_AUTH_FAILED}))
         qorSetLastError(qorError_service_no_right, m_unit.c_str(), text.c_str());
     else if (is_one_of({SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER}) && m_owner.empty())
         qorSetLastError(qorError_service_no_manager, text.c_str());
@@ -183,7 +188,7 @@ bool systemd::connection::open(qorServiceManager which) {
     const std::string address = address_of(which);
     int result = is_local(address) ? connect_to(address, m_bus) : -EOPNOTSUPP;
     // A bus with much to do has no room for a further connection.
-    while (result == -EAGAIN && !m_limit.is_over()) {
+    while ((result == -EAGAIN || result == -EINTR) && !m_limit.is_over()) {
         const timespec pause = {0, 10'000'000};
         nanosleep(&pause, nullptr);
         result = connect_to(address, m_bus);
@@ -229,7 +234,9 @@ int systemd::connection::on_answer(sd_bus_message* message, void* answer, sd_bus
 bool systemd::connection::exchange(sd_bus_message* question, message_pointer& answer) {
     message_pointer arrived;
     sd_bus_slot* made = nullptr;
-    const int result = sd_bus_call_async(m_bus.get(), &made, question, &on_answer, &arrived, endless);
+    int result = -EINTR;
+    while (result == -EINTR)
+        result = sd_bus_call_async(m_bus.get(), &made, question, &on_answer, &arrived, endless);
     const std::unique_ptr<sd_bus_slot, unreferenced> slot(made); // without it, no answer arrives any more
     if (result < 0)
         return lost(result);
@@ -257,8 +264,8 @@ int systemd::connection::on_job(sd_bus_message* message, void* context, sd_bus_e
     const char* path = nullptr;
     const char* unit = nullptr;
     const char* result = nullptr;
-    if (!self.is_from_manager(message) ||
-        sd_bus_message_read(message, "uoss", &number, &path, &unit, &result) <= 0 || *result == '\0')
+    if (!self.is_from_manager(message) || sd_bus_message_read(message, "uoss", &number, &path, &unit, &result) <= 0 ||
+        *result == '\0')
         return 0;
     try {
         if (self.m_job.empty() && self.m_ended.size() < most_ended)

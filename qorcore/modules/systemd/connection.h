@@ -63,7 +63,8 @@ public:
     }
     // The same without arguments.
     bool ask(const char* path, const char* interface, const char* member, message_pointer& answer) {
-        return ask(path, interface, member, [](sd_bus_message*) { return 0; }, answer);
+        return ask(
+            path, interface, member, [](sd_bus_message*) { return 0; }, answer);
     }
 
     // The name of the error that an answer is; empty if it is none.
@@ -104,7 +105,10 @@ private:
     bool m_has_no_memory = false;
 };
 
-// The beginning of a text of somebody else, for an error: without control characters, and of a limited length.
+// The beginning of a text of somebody else: without control characters, and of a limited length.
 std::string harmless(std::string_view text, std::size_t limit = 500);
+
+// The same for the place of a reason in an error, where a full stop follows.
+std::string as_reason(std::string_view text);
 
 } // namespace systemd

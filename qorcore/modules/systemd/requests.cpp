@@ -78,7 +78,7 @@ bool can_start(const unit& which) {
         which.load_state == "not-found") // it was deleted while it ran
         return true;
     qorSetLastError(qorError_service_refused, which.id.c_str(),
-                    (which.load_error.empty() ? which.load_state : which.load_error).c_str());
+                    systemd::as_reason(which.load_error.empty() ? which.load_state : which.load_error).c_str());
     return false;
 }
 
@@ -120,8 +120,8 @@ bool run_job(connection& bus, bool is_start, const unit_name& name, const qorSer
     const bool is_done = result == "done" || result == "skipped";
     if (is_done && !(is_start && which.has_failed()))
         return true;
-    return failed(which, result, options, is_start, limit.left() > uint64(grace) * 1000 ? limit : systemd::time_limit(grace),
-                  status);
+    return failed(which, result, options, is_start,
+                  limit.left() > uint64(grace) * 1000 ? limit : systemd::time_limit(grace), status);
 }
 
 } // namespace

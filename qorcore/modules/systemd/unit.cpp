@@ -189,10 +189,10 @@ qorServiceState systemd::state_of(const unit& which) noexcept {
     constexpr struct {
         std::string_view word;
         qorServiceState state;
-    } states[] = {{"inactive", qorServiceState::inactive},     {"activating", qorServiceState::activating},
-                  {"active", qorServiceState::active},         {"reloading", qorServiceState::reloading},
-                  {"refreshing", qorServiceState::reloading},  {"deactivating", qorServiceState::deactivating},
-                  {"maintenance", qorServiceState::inactive},  {"failed", qorServiceState::failed}};
+    } states[] = {{"inactive", qorServiceState::inactive},    {"activating", qorServiceState::activating},
+                  {"active", qorServiceState::active},        {"reloading", qorServiceState::reloading},
+                  {"refreshing", qorServiceState::reloading}, {"deactivating", qorServiceState::deactivating},
+                  {"maintenance", qorServiceState::inactive}, {"failed", qorServiceState::failed}};
     for (const auto& each : states)
         if (which.active_state == each.word)
             return each.state;

@@ -8,8 +8,8 @@ namespace {
 constexpr std::size_t longest_name = 255;
 
 constexpr std::string_view service = "service";
-constexpr std::string_view kinds[] = {service,     "socket", "target", "device", "mount", "automount",
-                                      "swap",      "timer",  "path",   "slice",  "scope"};
+constexpr std::string_view kinds[] = {service, "socket", "target", "device", "mount", "automount",
+                                      "swap",  "timer",  "path",   "slice",  "scope"};
 
 bool is_allowed(char c) noexcept {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||

@@ -64,10 +64,11 @@ const service_api& api() noexcept {
 class handle {
 public:
     handle() noexcept = default;
-    explicit handle(SC_HANDLE value) : m_value(value, [](SC_HANDLE each) {
-        if (each != nullptr)
-            api().close(each);
-    }) {}
+    explicit handle(SC_HANDLE value)
+        : m_value(value, [](SC_HANDLE each) {
+              if (each != nullptr)
+                  api().close(each);
+          }) {}
     SC_HANDLE get() const noexcept { return m_value.get(); }
 
 private:
@@ -117,7 +118,7 @@ DWORD run_in_time(const handle& service, DWORD (*work)(SC_HANDLE) noexcept, cons
     const HANDLE thread = CreateThread(nullptr, 0, &run_slowly, given.get(), 0, nullptr);
     if (thread == nullptr)
         return GetLastError();
-   static_cast<void>(given.release()); // the thread has it
+    static_cast<void>(given.release()); // the thread has it
     DWORD waited = WAIT_TIMEOUT;
     while (waited == WAIT_TIMEOUT && !limit.is_over())
         waited = WaitForSingleObject(thread, limit.left(60'000));
@@ -301,8 +302,8 @@ bool service::exists() {
 
 bool service::start() {
     const DWORD code = run_in_time(
-        m_service,
-        [](SC_HANDLE each) noexcept { return api().start(each, 0, nullptr) ? DWORD(0) : GetLastError(); }, m_limit);
+        m_service, [](SC_HANDLE each) noexcept { return api().start(each, 0, nullptr) ? DWORD(0) : GetLastError(); },
+        m_limit);
     SERVICE_STATUS_PROCESS now;
     if (!read_status(now))
         return false;
