@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Lets each system call of the operations on services fail in turn: faults_test.py --driver PROGRAM --injector LIBRARY
 
-A call that was interrupted or would have to wait changes no answer. With any other failure, a run gives the same answers
-as an undisturbed one, or one of them is an error. No run leaves a descriptor open, and none waits for its time limit.
+A call that was interrupted or would have to wait changes no answer. With any other failure, a run gives the same
+answers as an undisturbed one, or one of them is an error. No run leaves a descriptor open, and none waits for its time
+limit.
 """
 
 import argparse

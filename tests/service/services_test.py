@@ -90,7 +90,7 @@ class Services(Mocked):
         self.bad(UNKNOWN, "start", "gone-meanwhile")
 
     def test_names(self):
-        for name in "", "a b", "a/b", "/dev/sda", "\u00e4", "a\n", "@", "@one", ".service", "a" * 250, "a" * 300, "a\x1b":
+        for name in "", "a b", "a/b", "/dev/sda", "\u00e4", "a\n", "@", "@one", ".service", "a" * 250, "a\x1b":
             for operation in "exists", "start", "stop":
                 self.assertIn("cannot be the name of a service", self.bad(NAME, operation, name))
         self.assertIn("'instance@NAME.service'", self.bad(NAME, "start", "instance@"))
@@ -165,8 +165,8 @@ class Services(Mocked):
 
     def test_time_limit(self):
         self.assertEqual(self.bad(TIMEOUT, "start", "stuck", SYSTEM, 200),
-                         "After 200 ms the state of the service 'stuck.service' was still 'activating'. The request goes "
-                         "on.")
+                         "After 200 ms the state of the service 'stuck.service' was still 'activating'. "
+                         "The request goes on.")
         self.assertEqual(self.status().state, "activating")
         self.assertIn("it does not answer", self.bad(LOST, "start", "silent", SYSTEM, 200))
         self.good("start", "quick", SYSTEM, 0)
@@ -208,8 +208,8 @@ class Managers(Mocked):
         self.assertEqual(driver.ask("start", "user", USER), [])
         self.assertEqual(self.status(driver).state, "active")
         number, text = driver.ask("start", "user", SYSTEM)
-        self.assertEqual((number, text), (NO_MANAGER, f"There is no service manager to ask: '{nowhere}': No such file or "
-                                                      "directory."))
+        self.assertEqual((number, text), (NO_MANAGER, f"There is no service manager to ask: '{nowhere}': "
+                                                      "No such file or directory."))
 
     def test_of_the_user_in_the_runtime_folder(self):
         folder = public_folder()
