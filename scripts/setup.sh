@@ -8,7 +8,7 @@
 needs_build=("g++=g++" "cmake=cmake" "ninja-build=ninja" "libmnl-dev=/usr/include/libmnl/libmnl.h"
     "zlib1g-dev=/usr/include/zlib.h" "libzstd-dev=/usr/include/zstd.h" "libdw-dev=/usr/include/elfutils/libdw.h"
     "libdebuginfod-dev=/usr/include/elfutils/debuginfod.h" "libtomlplusplus-dev=/usr/include/toml++/toml.h"
-    "libsqlite3-dev=/usr/include/sqlite3.h"
+    "libsqlite3-dev=/usr/include/sqlite3.h" "libsystemd-dev=/usr/include/systemd/sd-bus.h"
     "libboost1.81-dev=/usr/include/boost/unordered/unordered_flat_map.hpp" "nlohmann-json3-dev=/usr/include/nlohmann/json.hpp")
 needs_tests=("golang-github-burntsushi-toml-dev=/usr/share/gocode/src/github.com/BurntSushi/toml/internal/toml-test"
     "libgtest-dev=/usr/include/gtest/gtest.h" "libssl-dev=/usr/include/openssl/evp.h" "python3=python3"
@@ -22,7 +22,8 @@ needs_tests=("golang-github-burntsushi-toml-dev=/usr/share/gocode/src/github.com
     "libjemalloc2=/usr/lib/$HOSTTYPE-linux-gnu/libjemalloc.so.2"
     "libtcmalloc-minimal4=/usr/lib/$HOSTTYPE-linux-gnu/libtcmalloc_minimal.so.4"
     "libmimalloc2.0=/usr/lib/$HOSTTYPE-linux-gnu/libmimalloc.so.2"
-    "acl=getfacl" "attr=getfattr"
+    "acl=getfacl" "attr=getfattr" "dbus=dbus-daemon" "python3-dbusmock=/usr/lib/python3/dist-packages/dbusmock/__init__.py"
+    "systemd-journal-remote=/lib/systemd/systemd-journal-remote"
     "elfutils=eu-addr2line" "heaptrack=heaptrack" "git=git" "sqlite3=sqlite3"
     "chromium=chromium" "chromium-driver=chromedriver" "firefox-esr=firefox-esr" "fonts-dejavu-core=/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf"
     "protobuf-compiler=protoc" "golang-go=go" "python3-jsonschema=/usr/lib/python3/dist-packages/jsonschema/__init__.py"

@@ -277,6 +277,24 @@ void use_store() {
     say(text);
 }
 
+// The manager is a mocked one.
+void use_services() {
+    qorServiceStatus status;
+    MUST(qorServiceExists("quick"));
+    MUST(qorServiceStart("quick", {}, &status));
+    say(status.name);
+    say(status.description);
+    std::printf("%u\n", status.process);
+    MUST(qorServiceStop("quick"));
+    qorClearLastError();
+    qorString text;
+    if (qorServiceExists("nothing") || qorGetLastError(text) != qorError_none)
+        fail("qorServiceExists");
+    if (qorServiceStart("exits") || qorGetLastError(text) != qorError_service_failed)
+        fail("qorServiceStart");
+    say(text);
+}
+
 void use_trace() {
     const uint32 code = qorDebugAllocateCode("inject.slots.with.a.long.name");
     MUST(qorDebugAttachFile("trace"));
@@ -468,12 +486,12 @@ struct script {
 };
 
 constexpr script scripts[] = {
-    {"memory", use_memory},     {"vector", use_vector},   {"string", use_string},         {"array", use_array},
-    {"messages", use_messages}, {"errors", use_errors},   {"files", use_files},           {"trace", use_trace},
-    {"process", use_process},   {"host", use_host},       {"network", use_network},       {"time", use_time},
-    {"digest", use_digest},     {"folders", use_folders}, {"containers", use_containers}, {"config", use_config},
-    {"store", use_store},       {"threads", use_threads}, {"timers", use_timers},         {"children", use_children},
-    {"log", use_log},
+    {"memory", use_memory},     {"vector", use_vector},     {"string", use_string},         {"array", use_array},
+    {"messages", use_messages}, {"errors", use_errors},     {"files", use_files},           {"trace", use_trace},
+    {"process", use_process},   {"host", use_host},         {"network", use_network},       {"time", use_time},
+    {"digest", use_digest},     {"folders", use_folders},   {"containers", use_containers}, {"config", use_config},
+    {"store", use_store},       {"threads", use_threads},   {"timers", use_timers},         {"children", use_children},
+    {"log", use_log},           {"services", use_services},
 };
 
 struct outcome {

@@ -45,6 +45,7 @@
 #include "qor/system/ReadWriteLock.h"
 #include "qor/system/RemovableDisk.h"
 #include "qor/system/SerialPort.h"
+#include "qor/system/Service.h"
 #include "qor/system/Simd.h"
 #include "qor/system/Stream.h"
 #include "qor/system/String.h"

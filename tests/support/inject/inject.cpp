@@ -23,6 +23,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -260,6 +261,8 @@ CALL_OF_LENGTH("recv", recv, (int file, void* bytes, std::size_t length, int fla
                flags, 0, 0)
 CALL_OF_LENGTH("send", send, (int file, const void* bytes, std::size_t length, int flags), SYS_sendto, file, bytes,
                length, flags, 0, 0)
+CALL(ssize_t, recvmsg, (int file, struct msghdr* message, int flags), SYS_recvmsg, file, message, flags)
+CALL(ssize_t, sendmsg, (int file, const struct msghdr* message, int flags), SYS_sendmsg, file, message, flags)
 CALL(int, close, (int file), SYS_close, file)
 CALL(int, fstat, (int file, struct stat* out), SYS_fstat, file, out)
 CALL(int, statx, (int folder, const char* path, int flags, unsigned mask, struct statx* out), SYS_statx, folder, path,
@@ -306,6 +309,20 @@ CALL(int, fsetxattr, (int file, const char* name, const void* value, std::size_t
 CALL(int, fremovexattr, (int file, const char* name), SYS_fremovexattr, file, name)
 CALL(pointer, mmap, (void* at, std::size_t size, int access, int flags, int file, off_t from), SYS_mmap, at, size,
      access, flags, file, from)
+
+// The system changes the time that it is given.
+int ppoll(struct pollfd* files, nfds_t count, const struct timespec* patience, const sigset_t* signals) {
+    if (fires("ppoll", "ppoll")) {
+        errno = s_settings.error;
+        return -1;
+    }
+    struct timespec left = {};
+    if (patience != nullptr)
+        left = *patience;
+    constexpr std::size_t size_of_signals = 8; // of the system, not of the C library
+    return static_cast<int>(
+        syscall(SYS_ppoll, files, count, patience != nullptr ? &left : nullptr, signals, size_of_signals));
+}
 
 // A pure pause returns at once: after a wrong password, logging on waits for seconds.
 int select(int count, fd_set* readable, fd_set* writable, fd_set* special, struct timeval* patience) {

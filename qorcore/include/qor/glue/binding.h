@@ -76,6 +76,8 @@ struct qorHostAddress;
 struct qorLogPlace;
 struct qorObjectStoreOptions;
 struct qorOpenFile;
+struct qorServiceOptions;
+struct qorServiceStatus;
 struct qorTextView;
 struct qorThreadEnd;
 struct qorThreadOptions;
