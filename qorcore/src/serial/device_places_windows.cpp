@@ -2,6 +2,7 @@
 
 #include "platform/wide_windows.h"
 
+#include <algorithm>
 #include <string_view>
 #include <windows.h>
 // Needs the include above.
@@ -86,7 +87,7 @@ std::string serial_number(const std::string& instance) {
     } else {
         return {};
     }
-    return text.find('&') == std::string_view::npos ? std::string(text) : std::string();
+    return std::ranges::find(text, '&') == text.end() ? std::string(text) : std::string();
 }
 
 std::string describe(const device_manager& manager, HDEVINFO devices, SP_DEVINFO_DATA& device) {
