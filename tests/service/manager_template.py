@@ -20,6 +20,7 @@ SUCCESS = {"ActiveState": "active", "SubState": "running"}
 FAILED = {"ActiveState": "failed", "SubState": "failed"}
 STARTS = {
     "quick": ("done", SUCCESS, {"MainPID": dbus.UInt32(4711)}),
+    "resting": ("done", SUCCESS, {}),
     "slow": ("done", SUCCESS, {}),
     "oneshot": ("done", {"ActiveState": "inactive", "SubState": "dead"}, {}),
     "skipped": ("skipped", {"ActiveState": "inactive", "SubState": "dead"}, {}),

@@ -72,9 +72,9 @@ class Mocked(unittest.TestCase):
 
 class Services(Mocked):
     def test_exist(self):
-        status = self.good("exists", "quick")
+        status = self.good("exists", "resting")
         self.assertEqual((status.name, status.description, status.state, status.detail, status.masked),
-                         ("quick.service", "The unit quick", "inactive", "dead", False))
+                         ("resting.service", "The unit resting", "inactive", "dead", False))
         for name in "quick.service", "cups.socket", "instance@", "instance@.service", "instance@one", "deleted":
             self.good("exists", name)
         self.assertTrue(self.good("exists", "masked").masked)

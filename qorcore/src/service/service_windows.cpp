@@ -309,7 +309,10 @@ bool service::start() {
         return false;
     if (code == WAIT_TIMEOUT)
         return timed_out();
-    if (code != 0 && code != ERROR_SERVICE_ALREADY_RUNNING)
+    // Its process ended before the manager had finished with it.
+    const bool is_over = (code == ERROR_SERVICE_REQUEST_TIMEOUT || code == ERROR_PROCESS_ABORTED) &&
+                         m_state == SERVICE_STOPPED && m_status.code != 0;
+    if (code != 0 && code != ERROR_SERVICE_ALREADY_RUNNING && !is_over)
         return refused(m_name, code);
     // A service that is paused runs already.
     return m_state == SERVICE_PAUSED || wait_for(SERVICE_RUNNING);
