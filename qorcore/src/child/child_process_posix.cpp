@@ -22,12 +22,15 @@
 #include <optional>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/pidfd.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+extern "C" {
+#include <sys/pidfd.h> // glibc 2.36 has not made it for C++
+}
 
 namespace {
 
@@ -602,7 +605,7 @@ std::vector<std::string> find_files(const qorChildProcessOptions& options) {
         const std::size_t end = std::min(path.find(':', begin), path.size());
         std::string folder = path.substr(begin, end - begin);
         if (folder.empty())
-            folder = ".";
+            folder.push_back('.');
         files.push_back(from_here(folder.append("/").append(name), options));
         begin = end + 1;
     }
