@@ -169,7 +169,8 @@ template <qor::glue::timer_function FUNCTION>
     using target = qor::glue::function_target<std::decay_t<FUNCTION>>;
     zetSmartPointer<target> made;
     made.AttachNew(QOR_NEW target(std::forward<FUNCTION>(function)));
-    return queue != nullptr ? qorSetupTimerDispatch(queue, *made, times, out) : qorSetupTimer(*made, times, out);
+    return queue != nullptr ? qor::glue::qorSetupTimerDispatch(queue, *made, times, out)
+                            : qor::glue::qorSetupTimer_object(*made, times, out);
 }
 
 // A timer as a member: the destructor cancels it, and so returns when its function does not run. Not copyable.
