@@ -53,6 +53,8 @@ TEST(posix_timer, a_forked_child_has_none_and_makes_its_own) {
         qorSleep(1);
 }
 
+// The address sanitizer's allocator does not release its own locks in a child.
+#if !defined(__SANITIZE_ADDRESS__)
 TEST(posix_timer, a_fork_during_cancellations_leaves_both_processes_whole) {
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
@@ -71,6 +73,7 @@ TEST(posix_timer, a_fork_during_cancellations_leaves_both_processes_whole) {
     for (std::thread& each : threads)
         each.join();
 }
+#endif
 
 TEST(posix_timer, a_function_may_fork) {
     qorGate gate(false);

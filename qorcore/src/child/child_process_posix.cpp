@@ -686,29 +686,26 @@ bool qor::child::start(const qorChildProcessOptions& options, IQORChildProcess**
         made.AttachNew(created);
     else
         is_ready = false;
-    // The destructor of a child that was not started takes this lock, too.
+    // Errors are set behind this lock, because texts are memory of the framework, whose lock a fork takes before. The
+    // destructor of a child that was not started takes it, too.
     std::optional<no_fork> hold(std::in_place);
-    if (is_ready) {
-        if (const int code = made->make_pipes(options, plan, childs)) {
-            error::set_with_reason(qorError_cannot_start_child, program_name(options), code);
-            is_ready = false;
-        }
-    }
-    if (is_ready) {
+    start_result started;
+    if (is_ready)
+        started.code = made->make_pipes(options, plan, childs);
+    if (is_ready && started.code == 0) {
         std::sort(plan.descriptors.begin(), plan.descriptors.end(),
                   [](const auto& one, const auto& other) { return one.in_child < other.in_child; });
-        const start_result started = start_program(plan);
-        if (started.code == 0) {
+        started = start_program(plan);
+        if (started.code == 0)
             made->adopt(started, *hold);
-        } else {
-            set_start_error(options, texts, started);
-            is_ready = false;
-        }
     }
     for (const int each : childs)
         close(each);
     hold.reset();
-    if (is_ready)
-        *out = made.Detach();
-    return is_ready;
+    if (is_ready && started.code != 0)
+        set_start_error(options, texts, started);
+    if (!is_ready || started.code != 0)
+        return false;
+    *out = made.Detach();
+    return true;
 }

@@ -45,6 +45,11 @@ struct shared_state {
 
 int open_log(shared_state& shared, const std::string& name);
 
+// Around every fork, with a log or without one: a forked child must not find the lock held by a thread that it lacks.
+void before_fork() noexcept;
+void after_fork_in_parent() noexcept;
+void after_fork_in_child() noexcept;
+
 // The state, or null until it is complete.
 std::atomic<shared_state*> complete_state{nullptr};
 
@@ -60,6 +65,7 @@ shared_state& state() {
         if (name != nullptr && !qor::platform::has_argument(qor::memory::log_option))
             (void)open_log(*shared, name); // if it fails, the start of the process will report it
         complete_state = shared;
+        qor::platform::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child);
         return shared;
     }();
     return *made;
@@ -218,7 +224,6 @@ int open_log(shared_state& shared, const std::string& name) {
     if (qor::platform::environment(qor::memory::log_variable) != nullptr)
         qor::platform::set_environment(qor::memory::log_variable, qor::memory::log_name_for_children(name).c_str());
     tracking.store(true, std::memory_order_release);
-    qor::platform::watch_forks(before_fork, after_fork_in_parent, after_fork_in_child);
     std::atexit([] { finish_log(); });
     return 0;
 }
