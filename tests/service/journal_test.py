@@ -102,6 +102,10 @@ class Journals(unittest.TestCase):
                     entry(4, "pretended", UNIT="nameless.service", _PID="2")])
         self.assertEqual(self.lines("nameless")[0], ["by the service", "by the manager"])
 
+    def test_only_since_the_last_start(self):
+        self.write([entry(i, f"line {i}", _SYSTEMD_UNIT="nameless-timed.service") for i in range(5)])
+        self.assertEqual(self.lines("nameless-timed")[0], ["line 2", "line 3", "line 4"])
+
     def test_of_a_user(self):
         user = str(os.geteuid())
         self.write([entry(1, "by the service", _SYSTEMD_USER_UNIT="nameless.service", _UID=user),

@@ -27,6 +27,7 @@ STARTS = {
     "exits": ("failed", FAILED,
               {"Result": "exit-code", "ExecMainCode": dbus.Int32(1), "ExecMainStatus": dbus.Int32(3)}),
     "nameless": ("failed", FAILED, {"Result": "resources"}),
+    "nameless-timed": ("failed", FAILED, {"Result": "resources"}),
     "killed": ("failed", FAILED, {"Result": "signal", "ExecMainCode": dbus.Int32(2), "ExecMainStatus": dbus.Int32(9)}),
     "dumped": ("failed", FAILED,
                {"Result": "core-dump", "ExecMainCode": dbus.Int32(3), "ExecMainStatus": dbus.Int32(11)}),
@@ -108,7 +109,9 @@ def make(mock, name):
     }
     if stem(name) == "no-id":
         del unit["Id"]
-    if stem(name) in ("nameless", "no-id"):
+    if stem(name) == "nameless-timed":
+        unit["InactiveExitTimestamp"] = dbus.UInt64(1_700_000_000_000_002)
+    if stem(name) in ("nameless", "nameless-timed", "no-id"):
         unit["InvocationID"] = dbus.Array([] if stem(name) == "no-id" else bytes(16), signature="y")
     if stem(name) == "wrong-types":
         unit = {key: dbus.Int32(7) for key in unit}

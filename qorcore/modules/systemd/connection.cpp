@@ -84,9 +84,10 @@ int connect_to(const std::string& address, std::unique_ptr<sd_bus, systemd::unre
     if (result < 0)
         return result;
     out.reset(made);
-    if ((result = sd_bus_set_address(made, address.c_str())) < 0 || (result = sd_bus_set_bus_client(made, 1)) < 0)
-        return result;
-    return sd_bus_start(made);
+    result = sd_bus_set_address(made, address.c_str());
+    if (result >= 0)
+        result = sd_bus_set_bus_client(made, 1);
+    return result >= 0 ? sd_bus_start(made) : result;
 }
 
 qorString message_text(uint32 number) {

@@ -14,8 +14,8 @@ struct closed {
 };
 using journal_pointer = std::unique_ptr<sd_journal, closed>;
 
-// The fields that a line must have, all of one of the groups. Fields with a low line at their beginning are those of
-// the journal itself; others may come from anybody, so they count only in lines of the manager.
+// The fields that an entry must have, all of one of the groups. Fields with a low line at their beginning are those of
+// the journal itself; others may come from anybody, so they count only in entries of the manager.
 using fields = std::vector<std::string>;
 std::vector<fields> groups_of(qorServiceManager manager, const systemd::unit& of) {
     const bool is_of_user = manager == qorServiceManager::user;
@@ -34,15 +34,18 @@ std::vector<fields> groups_of(qorServiceManager manager, const systemd::unit& of
     return out;
 }
 
-bool select(sd_journal* journal, const std::vector<fields>& groups) noexcept {
-    for (const fields& group : groups) {
-        if (sd_journal_add_disjunction(journal) < 0)
-            return false;
-        for (const std::string& field : group)
-            if (sd_journal_add_match(journal, field.data(), field.size()) < 0)
-                return false;
-    }
-    return true;
+bool has(sd_journal* journal, const std::string& field) {
+    const void* data = nullptr;
+    size_t size = 0;
+    return sd_journal_get_data(journal, field.substr(0, field.find('=')).c_str(), &data, &size) >= 0 &&
+           field == std::string_view(static_cast<const char*>(data), size);
+}
+
+// libsystemd could search by itself, but without memory for what it searches it would end the process.
+bool is_in_a_group(sd_journal* journal, const std::vector<fields>& groups) {
+    return std::any_of(groups.begin(), groups.end(), [&](const fields& group) {
+        return std::all_of(group.begin(), group.end(), [&](const std::string& each) { return has(journal, each); });
+    });
 }
 
 } // namespace
@@ -53,14 +56,18 @@ std::vector<std::string> systemd::last_lines(qorServiceManager manager, const un
     sd_journal* made = nullptr;
     const int opened = count != 0 ? sd_journal_open(&made, SD_JOURNAL_LOCAL_ONLY) : -1;
     const journal_pointer journal(made);
-    if (opened < 0 || !select(made, groups_of(manager, of)) || sd_journal_seek_tail(made) < 0)
+    if (opened < 0 || sd_journal_seek_tail(made) < 0)
         return lines;
+    const std::vector<fields> groups = groups_of(manager, of);
     // The threshold has room for the field's name.
     sd_journal_set_data_threshold(made, 2 * longest_line);
     while (lines.size() < count && !limit.is_over() && sd_journal_previous(made) > 0) {
+        uint64_t time = 0;
+        if (sd_journal_get_realtime_usec(made, &time) >= 0 && time < of.started)
+            break;
         const void* data = nullptr;
         size_t size = 0;
-        if (sd_journal_get_data(made, "MESSAGE", &data, &size) < 0)
+        if (!is_in_a_group(made, groups) || sd_journal_get_data(made, "MESSAGE", &data, &size) < 0)
             continue;
         std::string_view line(static_cast<const char*>(data), size);
         line.remove_prefix(std::min(line.find('='), line.size() - 1) + 1);

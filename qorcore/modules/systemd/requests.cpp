@@ -3,6 +3,7 @@
 #include "journal.h"
 #include "message_names.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -19,6 +20,8 @@ using systemd::unit_name;
 
 // How many milliseconds the state may take to be read when the time limit is over.
 constexpr uint32 grace = 1000;
+// How many milliseconds the journal may be searched, which on a host that writes much can take long.
+constexpr uint32 search = 5000;
 // How much of a line goes into the text of an error.
 constexpr std::size_t line_in_error = 200;
 
@@ -59,7 +62,9 @@ bool failed(const unit& which, const std::string& job_result, const qorServiceOp
     const qorString reason = reason_of(which, job_result);
     std::string text;
     if (reads_log) {
-        for (const std::string& line : last_lines(options.manager, which, options.lines, limit)) {
+        const uint64 left = std::clamp<uint64>(limit.left() / 1000, grace, search);
+        for (const std::string& line :
+             last_lines(options.manager, which, options.lines, systemd::time_limit(static_cast<uint32>(left)))) {
             status.lines.Append(line.c_str());
             text.append("\n    ").append(systemd::harmless(line, line_in_error));
         }
@@ -120,8 +125,7 @@ bool run_job(connection& bus, bool is_start, const unit_name& name, const qorSer
     const bool is_done = result == "done" || result == "skipped";
     if (is_done && !(is_start && which.has_failed()))
         return true;
-    return failed(which, result, options, is_start,
-                  limit.left() > uint64(grace) * 1000 ? limit : systemd::time_limit(grace), status);
+    return failed(which, result, options, is_start, limit, status);
 }
 
 } // namespace

@@ -94,6 +94,8 @@ int read_property(sd_bus_message* from, const char* name, unit& out) {
         return read_error(from, out.load_error);
     if (std::strcmp(name, "InvocationID") == 0)
         return read_invocation(from, out.invocation);
+    if (std::strcmp(name, "InactiveExitTimestamp") == 0)
+        return read_number(from, "t", out.started);
     if (std::strcmp(name, "ExecMainCode") == 0)
         return read_number(from, "i", out.end_kind);
     if (std::strcmp(name, "ExecMainStatus") == 0)

@@ -15,6 +15,7 @@ struct unit {
     std::string load_error;
     std::string active_state;
     std::string sub_state;
+    uint64 started = 0;     // its last start, in microseconds since 1970; 0: unknown
     std::string invocation; // the number of its last start, in hexadecimal digits; empty if it has none
     // Of services only.
     std::string result;

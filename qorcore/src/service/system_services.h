@@ -2,6 +2,7 @@
 #pragma once
 
 #include "qor/glue/service_requests.h"
+#include "qor/qor.h"
 
 namespace qor::service {
 
