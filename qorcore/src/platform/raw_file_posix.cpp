@@ -1,12 +1,12 @@
 #include "platform/raw_file.h"
 
 #include "platform/file_status_posix.h"
+#include "platform/no_write_signals_posix.h"
 #include "platform/uninterrupted_posix.h"
 #include "qor/glue/regular_file_posix.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <fcntl.h>
 #include <limits>
 #include <poll.h>
@@ -17,6 +17,7 @@
 
 namespace {
 
+using qor::platform::no_write_signals;
 using qor::platform::uninterrupted;
 
 int open_flags(qor::platform::raw_file::access how) noexcept {
@@ -82,32 +83,6 @@ int take(int file, const qor::platform::raw_file::terms& how) noexcept {
 bool is_identity(const struct stat& status, const std::uint64_t (&identity)[2]) noexcept {
     return status.st_dev == identity[0] && status.st_ino == identity[1];
 }
-
-// Blocks the signals that a failed write would send to this thread, because they would end the host.
-class no_write_signals {
-public:
-    no_write_signals() noexcept {
-        sigemptyset(&m_signals);
-        sigaddset(&m_signals, SIGXFSZ);
-        sigaddset(&m_signals, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &m_signals, &m_before);
-    }
-    no_write_signals(const no_write_signals&) = delete;
-    no_write_signals& operator=(const no_write_signals&) = delete;
-    ~no_write_signals() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-
-    // Call this after a failed write: it removes the pending signal, which would otherwise arrive when this object
-    // ends.
-    void take(int reason) noexcept {
-        constexpr timespec no_time{};
-        if (reason == EFBIG || reason == EPIPE)
-            sigtimedwait(&m_signals, nullptr, &no_time);
-    }
-
-private:
-    sigset_t m_signals;
-    sigset_t m_before;
-};
 
 // Writes all bytes by `call`, which gets the bytes, their number, and how many have been written. If `count` is not
 // null, it receives this number at the end.
