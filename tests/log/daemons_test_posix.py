@@ -384,8 +384,13 @@ class Faults(Inside):
         driver = Driver([options.driver], environment, stderr=subprocess.DEVNULL)
         texts = [b"one", b"x" * 400_000, b"three"]
         answers = [driver.ask("text", INFO, text) for text in texts]
-        if None in answers:  # what failed was the driver's own output
-            driver.__exit__()
+        if None in answers:  # what failed was the binding, or the driver's own output
+            try:
+                driver.process.communicate()
+            except BrokenPipeError:
+                driver.process.stdout.close()
+                driver.process.wait()
+            self.assertNotEqual(driver.process.returncode, 0)
             while self.journal.next(0) is not None:
                 pass
             return

@@ -99,8 +99,9 @@ const scene threads{"log_threads", [](const words& arguments) {
                                 for (int i = 0; i < flood; ++i) {
                                     qorSendLogText(qorLogLevel::info,
                                                    "of " + std::to_string(thread) + " " + std::to_string(i));
-                                    if (thread == 0 && i % 500 == 0)
+                                    if (thread == 0 && i % 500 == 0) {
                                         EXPECT_TRUE(qorSetLogTarget(arguments[0].c_str()));
+                                    }
                                 }
                             });
                         for (std::thread& each : all)

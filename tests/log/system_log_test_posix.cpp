@@ -34,8 +34,9 @@ public:
         m_socket = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         unlink(path.c_str());
         EXPECT_EQ(bind(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << strerror(errno);
-        if (type == SOCK_STREAM)
+        if (type == SOCK_STREAM) {
             EXPECT_EQ(listen(m_socket, 5), 0);
+        }
     }
     listener(const listener&) = delete;
     listener& operator=(const listener&) = delete;

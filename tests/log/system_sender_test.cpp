@@ -186,6 +186,7 @@ TEST_F(log_sender, does_not_repeat_a_notice_for_ever) {
     // No number is lost, either.
     log.refuse("");
     send("more");
+    send("still more");
     const words texts = log.texts();
     EXPECT_EQ(std::count(texts.begin(), texts.end(), "7 log entries were dropped."), 1);
 }

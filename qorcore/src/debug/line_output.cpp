@@ -266,16 +266,16 @@ void qor::debug::line_output::report_loss(bool is_last) noexcept {
     std::string line(head, sizeof head);
     line.append(thread).append(m_report(lost)).append("\n");
     const uint64 total = m_lost_total;
-    if (m_file != nullptr && write_to_file(line))
-        return;
-    if (m_file == nullptr || is_last) {
-        if (qor::stream::write_this_text_only(stderr, line) && std::fflush(stderr) == 0)
-            return;
-        std::clearerr(stderr);
+    bool is_said = m_file != nullptr && write_to_file(line);
+    if (!is_said && (m_file == nullptr || is_last)) {
+        is_said = qor::stream::write_this_text_only(stderr, line);
+        is_said = std::fflush(stderr) == 0 && is_said;
+        if (!is_said)
+            std::clearerr(stderr);
     }
     // The report itself is no line of anybody's.
-    m_lost = lost;
     m_lost_total = total;
+    m_lost = is_said ? 0 : lost;
 }
 
 // Returns false if the line must be written at once.

@@ -1,6 +1,7 @@
 #include "debug/surviving_memory.h"
 
 #include "memory/allocator.h"
+#include "platform/no_write_signals_posix.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -16,7 +17,9 @@ int qor::debug::surviving_memory::open(const std::string& path) noexcept {
     if (file < 0)
         return errno;
     // Without reserved disk space, a store into the mapping would kill the process when the disk is full.
+    platform::no_write_signals quiet;
     int reason = posix_fallocate(file, 0, size);
+    quiet.take(reason);
     if (reason == 0) {
         void* const mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
         if (mapped == MAP_FAILED)

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <fcntl.h>
 #include <limits>
 #include <poll.h>
@@ -18,6 +17,7 @@
 
 namespace {
 
+using qor::platform::no_write_signals;
 using qor::platform::uninterrupted;
 
 int open_flags(qor::platform::raw_file::access how) noexcept {

@@ -283,7 +283,6 @@ CALL(int, socket, (int domain, int type, int protocol), SYS_socket, domain, type
 CALL(ssize_t, sendto,
      (int file, const void* bytes, std::size_t length, int flags, const struct sockaddr* to, socklen_t size),
      SYS_sendto, file, bytes, length, flags, to, size)
-CALL(ssize_t, sendmsg, (int file, const struct msghdr* message, int flags), SYS_sendmsg, file, message, flags)
 CALL(int, memfd_create, (const char* name, unsigned flags), SYS_memfd_create, name, flags)
 CALL(int, connect, (int file, const struct sockaddr* to, socklen_t size), SYS_connect, file, to, size)
 CALL(int, bind, (int file, const struct sockaddr* at, socklen_t size), SYS_bind, file, at, size)
