@@ -425,18 +425,17 @@ bool child_process::Communicate(qorTextView input, IQORDataSink* output, IQORDat
     bool has_ended = false;
     bool is_late = false;
     while (!has_failed) {
-        pollfd all[4];
-        nfds_t count = 0;
-        for (const int each : {m_descriptors.input.load(), m_descriptors.output.load(), m_descriptors.errors.load()})
-            all[count++] = {each, static_cast<short>(count == 0 ? POLLOUT : POLLIN), 0}; // -1 is passed over
+        pollfd all[4] = {{m_descriptors.input, POLLOUT, 0}, // -1 is passed over
+                         {m_descriptors.output, POLLIN, 0},
+                         {m_descriptors.errors, POLLIN, 0}};
         if (all[0].fd < 0 && all[1].fd < 0 && all[2].fd < 0)
             break;
         // The end of the child ends its tree, and with it the streams.
         const int pidfd = m_descriptors.pidfd;
-        all[count++] = {has_ended ? -1 : pidfd, POLLIN, 0};
+        all[3] = {has_ended ? -1 : pidfd, POLLIN, 0};
         const uint32 most = pidfd < 0 && !has_ended ? longest_pause : INT_MAX;
         const bool waits_always = !with.until.is_limited() && most == INT_MAX;
-        const int ready = poll(all, count, waits_always ? -1 : static_cast<int>(with.until.left(most)));
+        const int ready = poll(all, 4, waits_always ? -1 : static_cast<int>(with.until.left(most)));
         if (with.until.is_over()) {
             is_late = true;
             break;

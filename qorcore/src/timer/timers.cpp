@@ -71,57 +71,63 @@ struct record final : public IQORTimerEvent, public std::enable_shared_from_this
 
 using record_pointer = std::shared_ptr<record>;
 
+// A place in the heap has a copy of what is compared, so that a comparison need not look at the timer.
+struct entry {
+    uint64 due;
+    qorTimerId id;
+    record* which;
+
+    // Timers for the same time are called in the order in which they were set up.
+    bool is_before(const entry& other) const noexcept { return due != other.due ? due < other.due : id < other.id; }
+};
+
 struct timers {
     std::mutex lock;
     qor::timer::sleeper sleeper;
     std::condition_variable has_run; // a timer's function has returned
-    std::vector<record*> heap;       // by the time at which they are due
+    std::vector<entry> heap;         // by the time at which they are due
     std::unordered_map<qorTimerId, record_pointer> all;
     qorTimerId last_id = 0;
     bool has_thread = false;
     uint64 sleeps_until = 0; // of the thread; 0: it is awake
     timers* of_parent = nullptr;
 
-    void put(std::size_t place, record* which) noexcept {
-        heap[place] = which;
-        which->place = place;
-    }
-    // Timers for the same time are called in the order in which they were set up.
-    static bool is_before(const record* one, const record* other) noexcept {
-        return one->due != other->due ? one->due < other->due : one->id < other->id;
+    void put(std::size_t place, const entry& what) noexcept {
+        heap[place] = what;
+        what.which->place = place;
     }
     void sift_up(std::size_t place) noexcept {
-        record* const moved = heap[place];
-        for (; place != 0 && is_before(moved, heap[(place - 1) / 2]); place = (place - 1) / 2)
+        const entry moved = heap[place];
+        for (; place != 0 && moved.is_before(heap[(place - 1) / 2]); place = (place - 1) / 2)
             put(place, heap[(place - 1) / 2]);
         put(place, moved);
     }
     void sift_down(std::size_t place) noexcept {
-        record* const moved = heap[place];
+        const entry moved = heap[place];
         for (std::size_t child; (child = 2 * place + 1) < heap.size(); place = child) {
-            if (child + 1 < heap.size() && is_before(heap[child + 1], heap[child]))
+            if (child + 1 < heap.size() && heap[child + 1].is_before(heap[child]))
                 ++child;
-            if (is_before(moved, heap[child]))
+            if (moved.is_before(heap[child]))
                 break;
             put(place, heap[child]);
         }
         put(place, moved);
     }
     void add(record* which) {
-        heap.push_back(which);
+        heap.push_back({which->due, which->id, which});
         sift_up(heap.size() - 1);
     }
     void remove(record* which) noexcept {
         const std::size_t place = std::exchange(which->place, not_waiting);
         if (place == not_waiting)
             return;
-        record* const last = heap.back();
+        const entry last = heap.back();
         heap.pop_back();
-        if (last == which)
+        if (last.which == which)
             return;
         put(place, last);
         sift_up(place);
-        sift_down(last->place);
+        sift_down(last.which->place);
     }
 };
 
@@ -204,7 +210,7 @@ uint64 next_time(uint64 due, uint64 period, uint64 now, uint64& passed) noexcept
 
 // Serves the first timer of the heap, which is due. Returns false in a child that its function has forked.
 bool serve_first(timers& own, uint64 now, std::unique_lock<std::mutex>& hold) {
-    const record_pointer which = own.all.find(own.heap.front()->id)->second;
+    const record_pointer which = own.all.find(own.heap.front().id)->second;
     own.remove(which.get());
     uint64 passed = 0;
     const uint64 due = which->due;
@@ -236,7 +242,7 @@ void serve() noexcept {
     timers& own = *s_timers.load();
     std::unique_lock hold(own.lock);
     for (;;) {
-        const uint64 due = own.heap.empty() ? never : own.heap.front()->due;
+        const uint64 due = own.heap.empty() ? never : own.heap.front().due;
         const uint64 now = qor::glue::qorGetTickCounter();
         if (due <= now && due != never) {
             if (!serve_first(own, now, hold)) {
