@@ -91,7 +91,7 @@ const scene rotated{"log_rotated", [](const words& arguments) {
                         return 0;
                     }};
 
-const scene threads{"log_threads", [](const words& arguments) {
+const scene threads{"log_file_threads", [](const words& arguments) {
                         start(arguments[0]);
                         std::vector<std::thread> all;
                         for (int thread = 0; thread < 4; ++thread)
