@@ -69,7 +69,7 @@ void expect_entries(const words& lines) {
                                        R"(DISK="other" N_2="": Cannot open 'x': y.)");
 }
 
-const scene killed{"log_killed", [](const words& arguments) {
+const scene killed{"log_file_killed", [](const words& arguments) {
                        start(arguments[0]);
                        for (int i = 0; i < flood; ++i)
                            qorSendLogText(qorLogLevel::info, std::to_string(i));
