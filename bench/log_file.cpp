@@ -2,7 +2,8 @@
 //
 //   log_file [--brief] [FOLDER]
 //
-// Both write the same words, each with its own line head; the framework's has the place in the source, too. Prints
+// Both write the same words, each with its own line head; the framework's has the place in the source, too. The
+// framework takes texts that are ready, so the client makes them, with the library that is also in spdlog. Prints
 // entries per second: medians of interleaved rounds, including the closing of the file. The exit code is 1 if an entry
 // is missing, damaged or out of its thread's order. It is also 1 if the framework is slower, except in a brief run.
 #include "line_files.h"
@@ -17,10 +18,9 @@ void run_qor(const std::string& path, int lines) {
     if (!qorSetLogTarget(path.c_str()))
         fputerr(stderr, true);
     bench::on_threads(lines, [](int thread, int line) {
-        char text[100];
-        const int length =
-            std::snprintf(text, sizeof text, "thread %d has come to line %d of %s", thread, line, "many");
-        qorSendLogText(qorLogLevel::info, std::string_view(text, static_cast<std::size_t>(length)));
+        fmt::basic_memory_buffer<char, 250> text; // as large as spdlog's
+        fmt::format_to(std::back_inserter(text), "thread {} has come to line {} of {}", thread, line, "many");
+        qorSendLogText(qorLogLevel::info, std::string_view(text.data(), text.size()));
     });
     (void)qorSetLogTarget("stderr");
 }

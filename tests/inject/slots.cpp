@@ -471,12 +471,13 @@ void use_log() {
     MUST(qorSendLogText(qorLogLevel::info, long_text));
     (void)qorFlushLog(1); // this host may have no log
     MUST(qorSetLogTarget("stderr"));
-    std::FILE* const file = std::fopen("log", "r");
-    char line[4096];
-    while (file != nullptr && std::fgets(line, sizeof line, file) != nullptr)
-        std::printf("%s", std::strstr(line, " inject_slots "));
-    if (file != nullptr)
-        std::fclose(file);
+    static char text[1 << 16];
+    const int file = open("log", O_RDONLY | O_CLOEXEC);
+    const ssize_t size = read(file, text, sizeof text - 1);
+    close(file);
+    text[size > 0 ? size : 0] = '\0';
+    for (const char* line = text; (line = std::strstr(line, " inject_slots ")) != nullptr; ++line)
+        std::printf("%.*s\n", static_cast<int>(std::strcspn(line, "\n")), line);
     unlink("log");
 }
 

@@ -86,6 +86,16 @@ shared_state& shared() {
     return *made;
 }
 
+// The lock is held for less time than putting a thread to sleep and waking it takes, unless somebody writes to the
+// file.
+std::unique_lock<std::mutex> lock_soon(std::mutex& lock) noexcept {
+    constexpr int tries = 100;
+    for (int i = 0; i < tries; ++i)
+        if (std::unique_lock hold(lock, std::try_to_lock); hold)
+            return hold;
+    return std::unique_lock(lock);
+}
+
 uint64 count_lines(std::string_view text) noexcept {
     return static_cast<uint64>(std::count(text.begin(), text.end(), '\n'));
 }
@@ -154,7 +164,7 @@ void qor::debug::line_output::write(std::initializer_list<std::string_view> part
         *at++ = '\n';
     const std::string_view whole(line, static_cast<std::size_t>(at - line));
 
-    const std::lock_guard hold(shared().lock);
+    const auto hold = lock_soon(shared().lock);
     // Read under the lock, so that lines appear in the order of their times.
     const auto now = std::chrono::time_point_cast<microseconds>(std::chrono::system_clock::now());
     shared().times.write(line, now);

@@ -12,8 +12,10 @@
 #include "stream/text_output.h"
 
 #include <atomic>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 namespace framework = qor::messages::framework;
 
@@ -76,40 +78,34 @@ system_sender& sender() {
     return *made;
 }
 
+// A word of a line. Most texts stay as they are, and `changed` remains empty.
+std::string_view shown(std::string_view text, std::string& changed, std::string_view special = {}) {
+    if (qor::log::is_line_text(text) && (special.empty() || text.find(special.front()) == text.npos))
+        return text;
+    qor::log::append_line_text(changed, text, special);
+    return changed;
+}
+
 void send_as_line(const qor::log::entry& sent) noexcept {
-    char number[16];
-    const int digits = std::snprintf(number, sizeof number, "%u", sent.place.line);
-    std::string_view program = qor::platform::name();
-    std::string_view file = qor::log::base_name(sent.place.file);
-    std::string_view text = sent.text;
-    // Most parts stay as they are.
-    std::string shown_program, shown_file, shown_text, fields;
-    if (!qor::log::is_line_text(program) || program.find(' ') != program.npos) {
-        qor::log::append_line_text(shown_program, program, " ");
-        program = shown_program;
+    std::string program, file, text, fields;
+    char place[16] = "-";
+    char* place_end = place + 1;
+    const std::string_view file_name = shown(qor::log::base_name(sent.place.file), file, " ");
+    if (!file_name.empty()) {
+        *place = ':';
+        place_end = std::to_chars(place + 1, std::end(place), sent.place.line).ptr;
     }
-    if (!qor::log::is_line_text(file) || file.find(' ') != file.npos) {
-        qor::log::append_line_text(shown_file, file, " ");
-        file = shown_file;
-    }
-    if (!qor::log::is_line_text(text)) {
-        qor::log::append_line_text(shown_text, text);
-        text = shown_text;
-    }
-    qor::log::append_fields(fields, sent.fields);
-    if (file.empty())
-        lines().write({program, " ", qor::log::level_name(sent.level), " -", fields, ": ", text});
-    else
-        lines().write({program,
-                       " ",
-                       qor::log::level_name(sent.level),
-                       " ",
-                       file,
-                       ":",
-                       {number, static_cast<std::size_t>(digits)},
-                       fields,
-                       ": ",
-                       text});
+    if (!sent.fields.empty())
+        qor::log::append_fields(fields, sent.fields);
+    lines().write({shown(qor::platform::name(), program, " "),
+                   " ",
+                   qor::log::level_name(sent.level),
+                   " ",
+                   file_name,
+                   {place, static_cast<std::size_t>(place_end - place)},
+                   fields,
+                   ": ",
+                   shown(sent.text, text)});
 }
 
 } // namespace
