@@ -291,7 +291,8 @@ class Journal(Inside):
                 if i in (10, 999):
                     process = Path(f"/proc/{driver.process.pid}")
                     counts.append([len(os.listdir(process / name)) for name in ("fd", "task")])
-            self.assertEqual(counts[0], counts[1])
+            self.assertEqual(counts[0][0], counts[1][0])
+            self.assertLessEqual(counts[1][1], 3)  # one for a flood in a file, and one for a slow journal
             self.assertEqual(Path(folder, "log").read_text().count("\n"), 1000)
             self.assertEqual(os.listdir(folder), ["log"])
 
