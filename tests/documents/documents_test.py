@@ -66,7 +66,7 @@ def help_lines():
 class Documents(unittest.TestCase):
     def test_links_lead_to_files_and_headings(self):
         for name, text in documents().items():
-            for target in re.findall(r"\]\((?!https?:)([^)]+)\)", text):
+            for target in re.findall(r"\]\((?!https?:)([^)]+)\)", re.sub(r"```.*?```", "", text, flags=re.S)):
                 with self.subTest(document=str(name), link=target):
                     file, _, anchor = target.partition("#")
                     path = (options.source / name).parent / file if file else options.source / name
@@ -159,7 +159,7 @@ class WorkedExamples(unittest.TestCase):
         (self.folder / source).write_text(program)
         commands = commands.replace("$ g++ ", f"$ {options.compiler} ").replace("/tmp/", f"{self.folder}/")
         for place in (built, source):
-            commands = re.sub(rf"(?<= ){re.escape(place)}", str(self.folder / pathlib.Path(place).name), commands)
+            commands = re.sub(rf"(?<= ){re.escape(place)}(?!:)", str(self.folder / pathlib.Path(place).name), commands)
         ran = re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", commands, re.M)
         self.assertGreaterEqual(len(ran), 2)
         for command, output in ran:

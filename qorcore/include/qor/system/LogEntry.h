@@ -44,9 +44,9 @@ inline constexpr uint32 qorMaxWaitingLogEntries = 4096;
 
 // Where in the source an entry comes from. Texts may be null.
 struct qorLogPlace {
-    const char* file = nullptr;
-    uint32 line = 0;
-    const char* function = nullptr;
+    const char* file = nullptr;     // its path
+    uint32 line = 0;                // 0: unknown
+    const char* function = nullptr; // its name
 
     qorLogPlace() noexcept = default;
     // A place that the compiler knows.

@@ -39,6 +39,7 @@ inline constexpr uint32 qorMaxServiceLines = 1000;
 
 // How a service is asked for.
 struct qorServiceOptions {
+    // The one that is asked.
     qorServiceManager manager = qorServiceManager::system;
     // How many milliseconds the call may take; 0 for no limit. When they are over, the state is asked for once more,
     // for a second at most.
@@ -54,6 +55,7 @@ struct qorServiceOptions {
 struct qorServiceStatus {
     qorString name;        // as the manager spells it: "nginx.service"
     qorString description; // a text for people
+    // Its state at the end of the call.
     qorServiceState state = qorServiceState::unknown;
     // More about the state in the manager's own words ("running", "auto-restart"); empty on Windows.
     qorString detail;
