@@ -147,7 +147,7 @@ class Children(unittest.TestCase):
             for name in ("tool", "locked"):
                 if path == "":
                     with self.subTest(path=path, name=name):
-                        self.assertEqual(self.ours([name], variables=["PATH="])[0], 231)
+                        self.assertEqual(self.ours([f"no {name}"], variables=["PATH="])[0], 231)
                     continue
                 with self.subTest(path=path, name=name):
                     self.check(arguments=[name, "word"], variables=[f"PATH={path}"])
