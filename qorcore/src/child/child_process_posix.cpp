@@ -602,10 +602,9 @@ std::vector<std::string> find_files(const qorChildProcessOptions& options) {
     std::vector<std::string> files;
     for (std::size_t begin = 0; begin <= path.size();) {
         const std::size_t end = std::min(path.find(':', begin), path.size());
-        std::string folder = path.substr(begin, end - begin);
-        if (folder.empty())
-            folder = ".";
-        files.push_back(from_here(folder.append("/").append(name), options));
+        std::string file = path.substr(begin, end - begin);
+        file.append(file.empty() ? "./" : "/").append(name);
+        files.push_back(from_here(file, options));
         begin = end + 1;
     }
     return files;
