@@ -12,8 +12,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fcntl.h>
-#include <stdexcept>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -425,15 +425,27 @@ void use_containers() {
                 merged->FindGap(7).value_or(0), read.IsHeld());
 }
 
+// Prints the error of an operation that must have failed for this reason.
+void say_failure(uint32 expected) {
+    qorString text;
+    if (qorGetLastError(text) != expected)
+        fail("another failure");
+    say(text);
+}
+
+struct no_paper final : std::exception {
+    const char* what() const noexcept override { return long_text; }
+};
+
 void use_threads() {
     uint32 result = 0;
     zetSmartPointer<IQORThread> thread;
     MUST(qorBeginThread([] { return 7u; }, thread.Out(), {.name = long_text}));
     MUST(qorWaitThread(*thread, 0, &result));
     std::printf("%u\n", result);
-    MUST(qorBeginThread([] { throw std::runtime_error(long_text); }, thread.Out(), {.name = "odd"}));
+    MUST(qorBeginThread([] { throw no_paper(); }, thread.Out(), {.name = "odd"}));
     if (!qorWaitThread(*thread))
-        fputerr(stdout, true);
+        say_failure(qorError_thread_failed);
 }
 
 void use_timers() {
@@ -457,7 +469,7 @@ void use_children() {
     MUST(qorExecuteChildProcess({.arguments = &words, .folder = "/", .whole_tree = true}, long_text, result));
     std::printf("%u %s\n%s", result.end.code, result.output.c_str(), result.errors.c_str());
     if (!qorExecuteChildProcess({long_text}, result))
-        fputerr(stdout, true);
+        say_failure(qorError_child_program_missing);
 }
 
 void use_log() {
