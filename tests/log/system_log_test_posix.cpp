@@ -7,11 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <map>
-#include <regex>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -112,14 +112,19 @@ std::shared_ptr<system_entry> an_entry(const std::string& text, const std::vecto
     return made;
 }
 
+// Checks what stands before the text.
 std::string syslog_text(const std::string& datagram) {
-    static const std::regex form(R"(<11>[A-Z][a-z]{2} [ 1-3]\d \d\d:\d\d:\d\d program\[(\d+)\]: ([^]*))");
-    std::smatch found;
-    EXPECT_TRUE(std::regex_match(datagram, found, form)) << datagram.substr(0, 100);
-    if (found.empty())
-        return {};
-    EXPECT_EQ(found[1], std::to_string(getpid()));
-    return found[2];
+    char month[4] = {};
+    int numbers[5] = {}, length = 0;
+    const auto& [day, hour, minute, second, process] = numbers;
+    EXPECT_EQ(std::sscanf(datagram.c_str(), "<11>%3[A-Za-z] %2d %2d:%2d:%2d program[%d]:%n", month, numbers,
+                          numbers + 1, numbers + 2, numbers + 3, numbers + 4, &length),
+              6)
+        << datagram.substr(0, 100);
+    EXPECT_TRUE(day >= 1 && day <= 31 && hour < 24 && minute < 60 && second < 61) << datagram.substr(0, 100);
+    EXPECT_EQ(process, getpid());
+    EXPECT_EQ(datagram.substr(static_cast<std::size_t>(length), 1), " ");
+    return datagram.substr(static_cast<std::size_t>(length) + 1);
 }
 
 class system_logs : public testing::Test {

@@ -96,7 +96,13 @@ std::shared_ptr<system_entry> an_entry(const std::string& text) {
     return qor::log::make_system_entry({qorLogLevel::info, text, no_fields, place});
 }
 
-// Log and sender are never destroyed, because the thread never ends.
+// Never destroyed, because the thread never ends.
+template <class OBJECT, class... VALUES>
+OBJECT& make(VALUES&&... values) {
+    static auto& all = *new std::vector<OBJECT*>; // where the search for leaks finds them
+    return *all.emplace_back(new OBJECT(std::forward<VALUES>(values)...));
+}
+
 class log_sender : public testing::Test {
 protected:
     log_sender() { said.clear(); }
@@ -104,8 +110,8 @@ protected:
     void send(const std::string& text) { sender.send(an_entry(text)); }
     bool flush(uint32 wait = 60'000) { return sender.flush(wait, waiting, reason); }
 
-    fake_log& log = *new fake_log;
-    system_sender& sender = *new system_sender(log, start_thread, say);
+    fake_log& log = make<fake_log>();
+    system_sender& sender = make<system_sender>(log, start_thread, say);
     std::size_t waiting = 0;
     std::string reason;
 };
@@ -263,7 +269,7 @@ TEST_F(log_sender, sends_at_the_end_what_is_left) {
 
 // As on Windows, where the end of the process has ended the thread.
 TEST_F(log_sender, sends_what_is_left_without_its_thread) {
-    system_sender& alone = *new system_sender(
+    system_sender& alone = make<system_sender>(
         log, []() noexcept { return 0; }, say);
     log.answer(outcome::busy);
     for (int i = 0; i < 50; ++i)
@@ -274,7 +280,7 @@ TEST_F(log_sender, sends_what_is_left_without_its_thread) {
 }
 
 TEST_F(log_sender, drops_what_must_wait_where_no_thread_can_start) {
-    system_sender& alone = *new system_sender(log, start_no_thread, say);
+    system_sender& alone = make<system_sender>(log, start_no_thread, say);
     log.answer(outcome::busy);
     alone.send(an_entry("one"));
     EXPECT_EQ(alone.dropped(), 1u);
