@@ -147,7 +147,7 @@ protected:
 struct qorChildResult {
     std::string output; // any bytes
     std::string errors; // the same
-    qorChildEnd end; // of the child
+    qorChildEnd end;    // of the child
 };
 
 // Starts a program. Returns false and leaves *out unchanged if it cannot be started; nothing of it has run then. An
