@@ -83,7 +83,7 @@ public:
         : object("qorcore.child_process", "IQORChildProcess"), m_program(std::move(program)), m_whole_tree(whole_tree) {
     }
 
-    ~child_process() {
+    ~child_process() override {
         if (m_own != getpid())
             return;
         if (m_process > 0 && !m_has_ended && m_whole_tree)

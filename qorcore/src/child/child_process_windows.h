@@ -13,7 +13,7 @@ namespace qor::child {
 class child_process final : public qor::object<IQORChildProcess> {
 public:
     child_process(std::string program, bool whole_tree);
-    ~child_process();
+    ~child_process() override;
 
     uint64 GetId() noexcept override;
     bool IsRunning() noexcept override;

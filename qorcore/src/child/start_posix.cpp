@@ -107,9 +107,13 @@ void close_between(unsigned first, unsigned last) noexcept {
 // First all are moved out of the way, because one's new number may be another's old one.
 void pass_descriptors(start_plan& plan, report& to) noexcept {
     const int above = std::max(plan.descriptors.empty() ? 0 : plan.descriptors.back().in_child + 1, 3);
-    for (auto& each : plan.descriptors)
-        if (each.own != each.in_child && (each.moved = fcntl(each.own, F_DUPFD_CLOEXEC, above)) < 0)
+    for (auto& each : plan.descriptors) {
+        if (each.own == each.in_child)
+            continue;
+        each.moved = fcntl(each.own, F_DUPFD_CLOEXEC, above);
+        if (each.moved < 0)
             give_up(to, start_step::descriptors, errno, each.in_child);
+    }
     unsigned next = 0;
     for (const auto& each : plan.descriptors) {
         const int result = each.own == each.in_child

@@ -121,7 +121,7 @@ class thread_object final : public qor::object<IQORThread> {
 public:
     explicit thread_object(std::shared_ptr<state> of) noexcept
         : object("qorcore.thread", "IQORThread"), m_state(std::move(of)) {}
-    ~thread_object() { detach(*m_state); }
+    ~thread_object() override { detach(*m_state); }
 
     void GetName(qorString& out) noexcept override { out = m_state->name; }
 

@@ -297,7 +297,7 @@ bool refuse(const char* operation, const char* argument) noexcept {
 void record::Run() noexcept {
     if (!is_current(*owner))
         return;
-    const record_pointer self = shared_from_this();
+    const record_pointer self = weak_from_this().lock();
     std::unique_lock hold(owner->lock);
     if (is_cancelled || is_running || !is_posted || event_self == nullptr)
         return;
