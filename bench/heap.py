@@ -5,9 +5,9 @@
 
 FOLDER holds qor-heap, qortool, qor-record and libqor. Logs of N lines (5 million), with a fifth as many live blocks at
 their peak, are read by `sites` without symbols, with stacks and without them, by `diff` and by `qortool mtrace`. A
-compiler is recorded, and that recording is read, too. python3 with debug information, where it is installed, or else the
-compiler is recorded by qor-record and by heaptrack: `sites` with symbols stands beside heaptrack_interpret, which finds
-the symbols there, and heaptrack_print. With --places, the test program of that name, bench/source_places.py follows.
+compiler is recorded, and that recording is read, too. python3, with debug information where that is installed, is
+recorded by qor-record and by heaptrack: `sites` with symbols stands beside heaptrack_interpret, which finds the symbols
+there, and heaptrack_print. With --places, the test program of that name, bench/source_places.py follows.
 
 Seconds are processor time of all processes, which other work on the machine influences least; the programs run in turn,
 and medians count. The exit code is 1 if a limit is missed. --brief is one round over short logs without limits: it shows
@@ -177,8 +177,8 @@ class Bench:
         self.show("sites without symbols, of the time of qortool mtrace", found["sites"][0] / found["mtrace"][0], 1.3)
 
     def symbols(self):
-        python = shutil.which("python3-dbg") or shutil.which("python3.11-dbg")
-        command = [sys.executable, "-c", "pass"] if self.brief else [python, "-c", SCRIPT] if python else self.compiler()
+        python = shutil.which("python3-dbg") or sys.executable
+        command = [python, "-c", "pass" if self.brief else SCRIPT]
         os.environ["PYTHONMALLOC"] = "malloc"
         log = self.record("own", command)
         subprocess.run(["heaptrack", "--raw", "-o", self.folder / "track", *command], check=True, capture_output=True)
