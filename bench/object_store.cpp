@@ -221,7 +221,7 @@ void compare_all(const std::string& path, uint64 count, bool is_synced) {
         });
 }
 
-// What this process has read by system calls.
+// The bytes that this process has read by system calls.
 uint64 bytes_read() {
     std::ifstream file("/proc/self/io");
     for (std::string word; file >> word;)

@@ -1,4 +1,4 @@
-// Hostile stream forms and JSON texts of the containers. What is accepted must survive being written and read again.
+// Hostile stream forms and JSON texts of the containers. An accepted one must survive being written and read again.
 // The first byte of an input selects the container.
 #include "qor/qor.h"
 

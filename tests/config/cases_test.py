@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The cases of toml-test: cases_test.py --driver PROGRAM [--runner PROGRAM]
 
-Of a valid text, all values must be as its case says, and each must be found where it stands. Of an invalid text, the
+All values of a valid text must be as its case says, and each must be found where it stands. For an invalid text, the
 error must name a place in it.
 """
 

@@ -1,4 +1,4 @@
-// What a store loses if the power fails, the disk is full or refuses a call: nothing that was confirmed.
+// A store loses nothing that was confirmed if the power fails, or if the disk is full or refuses a call.
 #include "disk.h"
 #include "qor/qor.h"
 #include "support/load.h"

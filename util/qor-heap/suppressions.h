@@ -15,7 +15,7 @@ extern const std::string_view built_in_suppressions;
 
 class suppressions {
 public:
-    // Adds those of a text. Returns the number of the first line that is none, from 1; 0: all lines are good.
+    // Adds those of a text. Returns the number of the first bad line, from 1; 0: all lines are good.
     std::size_t add(std::string_view text);
 
     bool matches(const named_profile& in, const heap::profile::place& place) const;

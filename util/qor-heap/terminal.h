@@ -1,4 +1,4 @@
-// What the standard streams are.
+// The kinds of the standard streams.
 #pragma once
 
 namespace qor::heap_tool {

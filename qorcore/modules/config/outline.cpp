@@ -61,7 +61,7 @@ private:
         return depth > qor::config::max_depth;
     }
 
-    // Reads names between dots. Returns false, and stays where it is, if there are none.
+    // Reads names between dots. Returns false, and stays where it is, if no name stands there.
     bool read_key(std::vector<std::string>& key, std::size_t depth) {
         key.clear();
         do {
@@ -84,7 +84,7 @@ private:
         return false;
     }
 
-    // The table that a step of a header leads to, which is made if there is none.
+    // The table that a step of a header leads to, which is made if it does not exist yet.
     node* enter(node& from, const std::string& name, std::size_t at) {
         node* next = from.find(name);
         if (next == nullptr)

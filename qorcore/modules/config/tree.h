@@ -90,10 +90,10 @@ struct outline {
 };
 
 // Scans a text. If it is valid, the result has the place of everything, but scalars have no values yet: only a parser
-// knows which texts are valid, and what scalars mean. Of any other text the result is anything.
+// knows which texts are valid, and what scalars mean. The result for any other text is arbitrary.
 void scan(std::string_view text, outline& out);
 
-// Finds what a path leads to; null if there is none.
+// Finds the node to which a path leads; null if it leads nowhere.
 const node* find(const node& root, const std::vector<part>& path) noexcept;
 
 // Parsers of a text: fill in the values of scalars. Return false and set the last error on failure.

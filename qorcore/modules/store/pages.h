@@ -67,7 +67,7 @@ struct field {
     std::string_view bytes;
 };
 
-// Divides a record into its fields. Returns false if it is none.
+// Divides a record into its fields. Returns false if this is not a record.
 bool read_record(std::string_view record, std::vector<field>& out);
 
 // A number of SQLite in one to nine bytes; `at` moves behind it. Returns false if it does not end.

@@ -1,4 +1,4 @@
-// What can be saved from a damaged file: every record that is whole, on whichever page it stands.
+// The records that can be saved from a damaged file: every record that is whole, on whichever page it stands.
 #include "format.h"
 #include "pages.h"
 #include "set_form.h"

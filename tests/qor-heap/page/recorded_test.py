@@ -3,8 +3,8 @@
 
     recorded_test.py --bin BUILD/bin --browser chromium|firefox
 
-A service with eight threads, which loses the session of every connection, is recorded. What the page shows and the exports hold is compared with another reading of
-the log, by tests/record, and with the functions and lines that elfutils' addr2line finds.
+A service with eight threads, which loses the session of every connection, is recorded. The contents of the page and of the
+exports are compared with another reading of the log, by tests/record, and with the functions and lines that elfutils' addr2line finds.
 """
 
 import argparse

@@ -5,7 +5,8 @@
 
 The two disagree with each other at one address in ten. At each address, the places are those of at least one of them;
 or each name and each line is one of theirs ("mixed"): addr2line takes an inlined function for the one around it, and the
-file of a line for that of the unit; llvm-symbolizer takes the name of an alias. What is left is counted by its reason:
+file of a line for that of the unit; llvm-symbolizer takes the name of an alias. The other differences are
+counted by their reason:
 
 name    functions that have several names, of which each program takes another one
 line    a row of the line table without a line, which each program reads in its own way

@@ -1,4 +1,4 @@
-// What each place has at the end, had at the peak and allocated over the run, in one pass over the records.
+// Counts the blocks of each place at the end, at the peak and over the run, in one pass over the records.
 //
 // Nothing is copied when a new peak is reached. A place that changes for the first time since the peak remembers what
 // it had until then: that is what it had at the peak. The same step closes the parts of the run behind it.

@@ -60,7 +60,7 @@ struct profile {
     // caller in the log.
     struct place {
         uint32 node = 0;   // 0: the stack is unknown. Without recorded stacks, one frame that is made of the caller
-        uint32 caller = 0; // numbers in `texts`, 0 if there is none
+        uint32 caller = 0; // numbers in `texts`; 0: no text
         uint32 type_name = 0;
         uint32 file = 0;
         int32 line = 0;

@@ -128,7 +128,7 @@ void profile_builder::release(const block& of) {
     end_record();
 }
 
-// Of an allocation log, which has no inherited blocks.
+// Only allocation logs have this event, and they have no inherited blocks.
 void profile_builder::origin_changed(const block& of, uint32 before) {
     if (before != of.origin)
         m_places.move(before, of.origin, of.size);

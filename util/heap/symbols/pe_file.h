@@ -19,7 +19,7 @@ public:
     // The GUID by which a debugger recognises the file, 16 bytes as they lie in it. Empty: it has none.
     const std::string& build_id() const noexcept { return m_build_id; }
 
-    // The bytes of a section. Empty: there is none of this name.
+    // The bytes of a section. Empty: no section has this name.
     std::string_view content(std::string_view name) const noexcept;
 
     // Addresses are those of the loaded file minus its beginning.

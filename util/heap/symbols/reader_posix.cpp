@@ -81,7 +81,7 @@ private:
 
     const std::string& build_id() const { return m_request.build_id.empty() ? m_main.build_id() : m_request.build_id; }
 
-    // Opens m_separate: a file with the same build id, or, if there is none, with the checksum that the main file
+    // Opens m_separate: a file with the same build id, or, if no such file exists, with the checksum that the main file
     // names.
     bool find_separate() {
         if (find(build_id(), m_separate))

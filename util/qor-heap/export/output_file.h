@@ -18,7 +18,7 @@ public:
     output_file& operator=(const output_file&) = delete;
     ~output_file() override; // removes a file that is not finished
 
-    // `path`: UTF-8; "-" is standard output. False: reason() says why. What has this name and is no regular file stays.
+    // `path`: UTF-8; "-" is standard output. False: reason() says why. A file of this name that is not regular stays.
     bool open(const std::string& path);
 
     // After a failure, nothing more is written.

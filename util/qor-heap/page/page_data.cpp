@@ -201,7 +201,7 @@ page_data::tables page_data::selected(std::size_t most, const std::function<std:
     return compacted(some);
 }
 
-// What no place needs is left out.
+// Entries that no place needs are left out.
 page_data::tables page_data::compacted(const tables& all) {
     renumbering nodes(all.nodes.size()), frames(all.frames.size());
     renumbering functions(all.functions.size()), texts(all.texts.size());

@@ -70,7 +70,7 @@ constexpr bool is_bare(char c) noexcept {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-';
 }
 
-// Reads a name from `at` on, bare or in quotes, and moves `at` behind it. Returns false if there is none.
+// Reads a name from `at` on, bare or in quotes, and moves `at` behind it. Returns false if no name stands there.
 inline bool read_name(std::string_view text, std::size_t& at, std::string& name) {
     name.clear();
     const char quote = at < text.size() ? text[at] : '\0';
@@ -105,7 +105,7 @@ inline bool read_name(std::string_view text, std::size_t& at, std::string& name)
     return false;
 }
 
-// Divides a path. Returns false if it is none.
+// Divides a path. Returns false if this is not a path.
 inline bool read_path(std::string_view path, std::vector<part>& parts) {
     parts.clear();
     std::size_t at = 0;

@@ -38,8 +38,8 @@ public:
     virtual bool AreTaken(uint64 first, uint64 last) noexcept = 0;
     virtual bool AnyTaken(uint64 first, uint64 last) noexcept = 0;
 
-    // Finds the lowest place at or behind `from` where `size` places in a row are free. Returns false if there is none,
-    // or if size is 0; *first is then unchanged.
+    // Finds the lowest place at or behind `from` where `size` places in a row are free. Returns false if no such place
+    // is left, or if size is 0; *first is then unchanged.
     virtual bool FindGap(uint64 size, uint64 from, uint64* first) noexcept = 0;
 
     // Gets the ranges that end at or behind `from`, in ascending order, at most `room`, and returns their number. A

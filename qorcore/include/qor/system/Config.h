@@ -70,7 +70,7 @@ struct qorConfigWish {
     int64 most = std::numeric_limits<int64>::max();  // of an integer
 };
 
-// A place in a file: lines and columns count from 1, columns in characters. The line is 0 if there is none.
+// A place in a file: lines and columns count from 1, columns in characters. Line 0: no place is known.
 struct qorConfigOrigin {
     qorString file;    // its path
     uint32 line = 0;   // from 1
@@ -80,7 +80,7 @@ struct qorConfigOrigin {
 // A tree of values. `qorConfig` below is the convenient way to use it.
 class IQORConfigNode : public IQORInterface {
 public:
-    // Gets a value. What is absent is no failure: out.kind is none then. Returns false and sets the last error, which
+    // Gets a value. An absent value is no failure: out.kind is none then. Returns false and sets the last error, which
     // names file and line, if the value is not as wished, or if this is not a path; out.kind is none then, too.
     virtual bool GetValue(const char* path, const qorConfigWish& wish, qorConfigValue& out) noexcept = 0;
 
@@ -132,7 +132,7 @@ public:
     // Whether there are changes that are not saved.
     virtual bool IsModified() noexcept = 0;
 
-    // Writes the changes since the last Save. What others have written since then is read first, and the changes are
+    // Writes the changes since the last Save. The changes of others since then are read first, and the changes are
     // made there, so that no change of either is lost; of two for the same value the later one counts. The object then
     // shows the result. The file is replaced at once or not at all. Returns false and keeps the changes on failure: the
     // file cannot be read or is invalid, it leaves no room for a change, or another process keeps it locked for more
@@ -330,7 +330,7 @@ public:
     // The path from the root.
     const qorString& Path() const noexcept { return m_path; }
 
-    // The value at `path` below this place, or nothing if there is none, or if it is of another kind or beyond the
+    // The value at `path` below this place, or nothing if there is no value, or if it is of another kind or beyond the
     // range of the type; then the last error names the file and the line.
     template <class TYPE>
     std::optional<TYPE> Find(const char* path = "") const noexcept {
@@ -354,7 +354,7 @@ public:
     qorConfigKind Kind() const noexcept { return value().kind; }
     uint32 Count() const noexcept { return value().count; }
 
-    // The names in this table; empty if it is none.
+    // The names in this table; empty if this is not a table.
     qorStringArray Names() const noexcept {
         qorStringArray names;
         if (Kind() == qorConfigKind::table)

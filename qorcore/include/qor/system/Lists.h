@@ -152,7 +152,7 @@ public:
     virtual bool SetAt(uint32 index, IQORInterface* object) noexcept = 0;
     // The range is cut at the end.
     virtual void RemoveAt(uint32 index, uint32 count) noexcept = 0;
-    // Removes the first element that is this object; returns false if there is none.
+    // Removes the first element that is this object; returns false if the list does not contain it.
     virtual bool Remove(IQORInterface* object) noexcept = 0;
     virtual void Empty() noexcept = 0;
     virtual void Reserve(uint32 count) noexcept = 0;

@@ -23,7 +23,7 @@ inline constexpr uint64 qorAnyVersion = 0xffffffffffffffff;
 
 class IQORObjectStore;
 
-// What a store is opened for.
+// The purpose for which a store is opened.
 enum class qorStoreMode : uint32 {
     create,    // reading and writing; a missing store is created
     open,      // reading and writing
@@ -58,7 +58,7 @@ struct qorStoreRange {
     bool backward = false; // begins with the last key
 };
 
-// What a transaction is for.
+// The purpose of a transaction.
 enum class qorStoreAccess : uint32 {
     read,  // all reads see one state of the store; never waits for writers
     write, // other writers wait
@@ -183,8 +183,8 @@ public:
     [[nodiscard]] virtual bool Commit() noexcept = 0;
     virtual bool Rollback() noexcept = 0;
 
-    // Reads the whole file and looks for damage. Returns true if there is none; otherwise `findings` says in words what
-    // was found, and the last error is the first of it. SQLite's findings are in English.
+    // Reads the whole file and looks for damage. Returns true if it finds no damage; otherwise `findings` says in words
+    // what was found, and the last error is the first of it. SQLite's findings are in English.
     [[nodiscard]] virtual bool Check(qorStringArray& findings) noexcept = 0;
     // Saves what can be read in a damaged file into a new store, which must not exist. The file itself is only read; no
     // process may write to it meanwhile. Where the damage hides which state of a set is the newest, it takes the
@@ -193,7 +193,7 @@ public:
     // Writes the present state into a new file, which must not exist, while others go on working: for a backup.
     [[nodiscard]] virtual bool CopyTo(const char* path) noexcept = 0;
 
-    // The set of a key, or nothing if there is none, and on failure (last error).
+    // The set of a key, or nothing if the store does not contain it, and on failure (last error).
     std::optional<qorAttributeSet> Find(qorTextView key) {
         qorAttributeSet value;
         uint64 version = 0;

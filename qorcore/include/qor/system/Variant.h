@@ -8,8 +8,8 @@
 #include <optional>
 #include <span>
 
-// What a variant holds. The order of the kinds is also the order in which values of different kinds are sorted; all
-// numbers together are one kind there.
+// The kinds of values in a variant. The order of the kinds is also the order in which values of different kinds are
+// sorted; all numbers together are one kind there.
 enum class qorVariantKind : uint32 {
     null = 0,    // nothing
     logical = 1, // true or false
