@@ -1,6 +1,7 @@
-// A program that the tests start: child_peer WHAT [WORD]... The framework gets its arguments in UTF-8 on every system.
+// A program that the tests start: child_peer WHAT [WORD]...
 #include "qor/qor.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -38,15 +39,7 @@ int write_both(unsigned long count) {
     return 0;
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-#if defined(_WIN32)
-    for (std::FILE* const each : {stdin, stdout, stderr})
-        _setmode(_fileno(each), _O_BINARY);
-#endif
-    qorStringArray words;
-    words.SetFromArgVec(argc, argv);
+int run(const qorStringArray& words) {
     const std::string_view what = words.GetCount() > 1 ? words[1] : "";
     const char* const word = words.GetCount() > 2 ? words[2] : "";
     if (what == "arguments") {
@@ -75,3 +68,25 @@ int main(int argc, char** argv) {
             std::this_thread::sleep_for(std::chrono::hours(1));
     return 99;
 }
+
+} // namespace
+
+#if defined(_WIN32)
+// The C runtime has split the command line. A program that asks the system for it must get the same words.
+int wmain(int argc, wchar_t** argv) {
+    for (std::FILE* const each : {stdin, stdout, stderr})
+        _setmode(_fileno(each), _O_BINARY);
+    qorStringArray words;
+    for (int i = 0; i < argc; ++i)
+        words.Append(qor::glue::to_utf8(argv[i]));
+    qorStringArray of_system;
+    qorwinSetupProcessArgs(of_system);
+    return std::equal(words.begin() + 1, words.end(), of_system.begin(), of_system.end()) ? run(words) : 98;
+}
+#else
+int main(int argc, char** argv) {
+    qorStringArray words;
+    words.SetFromArgVec(argc, argv);
+    return run(words);
+}
+#endif

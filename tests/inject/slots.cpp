@@ -473,6 +473,7 @@ void use_children() {
 }
 
 void use_log() {
+    unlink("log"); // that of a run that has failed
     MUST(qorSetLogTarget("log"));
     for (int i = 0; i < 5; ++i)
         MUST(qorSendLogText(qorLogLevel::info, long_text));
@@ -490,7 +491,6 @@ void use_log() {
     text[size > 0 ? size : 0] = '\0';
     for (const char* line = text; (line = std::strstr(line, " inject_slots ")) != nullptr; ++line)
         std::printf("%.*s\n", static_cast<int>(std::strcspn(line, "\n")), line);
-    unlink("log");
 }
 
 struct script {

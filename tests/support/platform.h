@@ -16,6 +16,9 @@ std::string thread_id(); // of the calling thread
 void wait_until_asleep(const std::vector<std::string>& thread_ids, int milliseconds);
 extern const bool tells_who_sleeps;
 
+// Whether the system tells how much memory a process has used when it has ended.
+extern const bool tells_memory_of_ended;
+
 // Sends Ctrl-C to this process.
 void interrupt_process();
 

@@ -37,6 +37,7 @@ state_of_thread look_at(const std::string& thread_id) {
 
 } // namespace
 
+const bool qor::test::tells_memory_of_ended = true;
 const bool qor::test::tells_who_sleeps = true;
 
 // One look is not enough: a thread may be waiting for a lock that another is about to release. If all threads are

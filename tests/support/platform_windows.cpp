@@ -37,6 +37,10 @@ void qor::test::wait_until_asleep(const std::vector<std::string>&, int milliseco
     Sleep(static_cast<DWORD>(milliseconds));
 }
 
+// Windows does, Wine does not.
+const bool qor::test::tells_memory_of_ended =
+    GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") == nullptr;
+
 std::string qor::test::program_name() {
     wchar_t self[MAX_PATH];
     return std::filesystem::path(self, self + GetModuleFileNameW(nullptr, self, MAX_PATH)).stem().string();

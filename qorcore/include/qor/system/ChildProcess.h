@@ -81,7 +81,7 @@ struct qorChildEnd {
     uint32 signal = 0;      // the number of the signal that has ended it; 0: none. Windows: always 0
     uint64 user_time = 0;   // of the processor, in 100 ns; with the children that it has waited for
     uint64 kernel_time = 0; // the same inside the system
-    uint64 peak_memory = 0; // in bytes; Linux: the largest of it and the children that it has waited for
+    uint64 peak_memory = 0; // in bytes, 0: unknown; Linux: the largest of it and the children that it has waited for
 
     // Whether it has returned 0.
     bool IsSuccess() const noexcept { return code == 0 && signal == 0; }
