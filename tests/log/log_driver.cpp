@@ -1,11 +1,13 @@
 // Logs what the lines of its input say (support/line_driver.h): `text LEVEL TEXT`, `many COUNT TEXT`, `message LEVEL
 // CATALOG NUMBER INSERT INSERT`, `entry LEVEL TEXT NAME VALUE ...`, `target NAME`, `flush MILLISECONDS`, `dropped`,
-// `fork TEXT` (the child logs the text), `close` (all descriptors but the standard streams).
+// and on Linux `fork TEXT` (the child logs the text), `close` (all descriptors but the standard streams).
 #include "qor/qor.h"
 #include "support/line_driver.h"
 
+#if !defined(_WIN32)
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 namespace {
 
@@ -43,6 +45,7 @@ bool tell_dropped(const words&, std::string& answer) {
     return true;
 }
 
+#if !defined(_WIN32)
 bool send_in_child(const words& given, std::string&) {
     const pid_t child = fork();
     if (child == 0)
@@ -53,6 +56,7 @@ bool send_in_child(const words& given, std::string&) {
 }
 
 bool close_all(const words&, std::string&) { return close_range(3, ~0u, 0) == 0; }
+#endif
 
 } // namespace
 
@@ -64,9 +68,17 @@ int main(int argc, char** argv) {
         return 1;
     }
     const std::map<std::string, line_driver::operation> operations = {
-        {"text", send_text},    {"many", send_many},     {"message", send_message},
-        {"entry", send_entry},  {"flush", flush},        {"dropped", tell_dropped},
-        {"target", set_target}, {"fork", send_in_child}, {"close", close_all},
+        {"text", send_text},
+        {"many", send_many},
+        {"message", send_message},
+        {"entry", send_entry},
+        {"flush", flush},
+        {"dropped", tell_dropped},
+        {"target", set_target},
+#if !defined(_WIN32)
+        {"fork", send_in_child},
+        {"close", close_all},
+#endif
     };
     const int code = line_driver::apply_lines(operations, 6);
     qorCleanup();
