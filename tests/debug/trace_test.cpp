@@ -1,4 +1,5 @@
 #include "qor/qor.h"
+#include "support/line_heads.h"
 #include "support/platform.h"
 #include "support/scenes.h"
 #include "support/temp_folder.h"
@@ -8,11 +9,11 @@
 #include <chrono>
 #include <random>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 namespace {
 
+using qor::test::bodies;
 using qor::test::ending;
 using qor::test::play;
 using qor::test::read_file;
@@ -25,28 +26,6 @@ bool is_on(uint32 code) { return qor::glue::debug_is_on(code); }
 std::string fresh_name(const std::string& text) {
     static int count = 0;
     return "t" + std::to_string(++count) + "." + text;
-}
-
-std::vector<std::string> split_lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
-}
-
-constexpr char head_pattern[] = R"((\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)\.\d{6}Z (\d+):(\d+) )";
-
-// Returns the texts after time, process and thread.
-std::vector<std::string> bodies(const std::string& text) {
-    static const std::regex head(head_pattern);
-    std::vector<std::string> result;
-    for (const std::string& line : split_lines(text)) {
-        std::smatch match;
-        EXPECT_TRUE(std::regex_search(line, match, head, std::regex_constants::match_continuous)) << line;
-        result.push_back(match.suffix());
-    }
-    return result;
 }
 
 // Collects the trace of the code under test in a file of its own.
@@ -189,7 +168,8 @@ TEST_F(trace, a_line_holds_time_process_thread_and_code) {
     const auto after = std::chrono::system_clock::now();
     const std::string line = read_file(m_path);
     std::smatch match;
-    ASSERT_TRUE(std::regex_match(line, match, std::regex(std::string(head_pattern) + "(.*)\n"))) << line;
+    const std::regex form(R"((\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)\.\d{6}Z (\d+):(\d+) (.*)\n)");
+    ASSERT_TRUE(std::regex_match(line, match, form)) << line;
     const auto number = [&match](std::size_t index) { return std::stoi(match[index]); };
     using namespace std::chrono;
     const sys_seconds written =

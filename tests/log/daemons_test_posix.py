@@ -290,8 +290,11 @@ class Journal(Inside):
                 self.assertEqual(self.texts(1), ["text"])
                 if i in (10, 999):
                     process = Path(f"/proc/{driver.process.pid}")
-                    counts.append([len(os.listdir(process / name)) for name in ("fd", "task")])
+                    memory = int((process / "statm").read_text().split()[1]) * os.sysconf("SC_PAGESIZE")
+                    counts.append([*(len(os.listdir(process / name)) for name in ("fd", "task")), memory])
             self.assertEqual(counts[0][0], counts[1][0])
+            if options.injector:  # sanitizers keep what was freed
+                self.assertLess(counts[1][2] - counts[0][2], 1 << 20)
             self.assertLessEqual(counts[1][1], 3)  # one for a flood in a file, and one for a slow journal
             self.assertEqual(Path(folder, "log").read_text().count("\n"), 1000)
             self.assertEqual(os.listdir(folder), ["log"])

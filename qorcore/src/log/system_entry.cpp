@@ -9,7 +9,7 @@ std::size_t qor::log::system_entry::size() const noexcept {
 }
 
 std::shared_ptr<qor::log::system_entry> qor::log::make_system_entry(const entry& sent) {
-    const auto made = std::make_shared<system_entry>();
+    auto made = std::make_shared<system_entry>();
     made->level = sent.level;
     made->program = platform::name();
     made->text = sent.text;

@@ -51,7 +51,8 @@ void qor::log::system_sender::enqueue(std::shared_ptr<system_entry> entry) noexc
         drop();
         return;
     }
-    if (!m_thread_runs && !(m_thread_runs = m_start_thread() == 0)) {
+    m_thread_runs = m_thread_runs || m_start_thread() == 0;
+    if (!m_thread_runs) {
         drop();
         return;
     }
