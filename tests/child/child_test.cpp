@@ -1,5 +1,6 @@
 // Child processes: streams, ends, limits and refusals, with a program of the tests' own.
 #include "qor/qor.h"
+#include "support/holdings.h"
 #include "support/last_error.h"
 #include "support/platform.h"
 #include "support/temp_folder.h"
@@ -277,6 +278,30 @@ TEST(child, what_cannot_be_started_is_refused) {
     EXPECT_FALSE(qorExecuteChildProcess({.arguments = &with_nul}, "", result));
     EXPECT_EQ(qor::test::last_error(), "qorCreateChildProcess was called with an invalid argument: arguments, because "
                                        "the one with the index 1 has a NUL in it.");
+}
+
+TEST(child, many_leave_nothing_behind) {
+    const qorStringArray all = words({"exit", "0"});
+    const auto start_one = [&, kind = 0]() mutable {
+        qorChildResult result;
+        zetSmartPointer<IQORChildProcess> left;
+        switch (++kind % 3) {
+        case 0:
+            EXPECT_FALSE(qorExecuteChildProcess({"./no such program"}, result));
+            break;
+        case 1:
+            EXPECT_TRUE(qorExecuteChildProcess({.arguments = &all}, "input", result));
+            break;
+        default:
+            EXPECT_TRUE(qorCreateChildProcess({.arguments = &all}, left.Out()));
+        }
+    };
+    // Those that were left alone are reaped when another one is started.
+    const auto reap = [&] {
+        qorSleep(1);
+        (void)run(all);
+    };
+    qor::test::expect_to_leave_nothing(start_one, reap, std::getenv("QOR_TEST_WHOLE") != nullptr ? 1000 : 100);
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 // Child processes on Linux: signals, descriptors, groups, and hosts that handle SIGCHLD themselves.
 #include "child/start_posix.h"
 #include "qor/qor.h"
-#include "support/holdings_posix.h"
 #include "support/last_error.h"
 #include "support/temp_folder.h"
 
@@ -292,24 +291,6 @@ TEST(posix_child, belongs_to_the_process_that_has_started_it) {
     qorChildEnd end;
     EXPECT_TRUE(child->Wait(end));
     EXPECT_TRUE(end.IsSuccess());
-}
-
-TEST(posix_child, a_thousand_leave_nothing_behind) {
-    const auto start_three = [] {
-        qorChildResult result;
-        EXPECT_FALSE(qorExecuteChildProcess({"/no/such/program"}, result));
-        EXPECT_TRUE(qorExecuteChildProcess({"/bin/true"}, result));
-        qorStringArray words;
-        words.Append("/bin/true");
-        zetSmartPointer<IQORChildProcess> left;
-        EXPECT_TRUE(qorCreateChildProcess({.arguments = &words}, left.Out()));
-    };
-    // The last ones are reaped when another one is started.
-    const auto reap = [] {
-        while ((void)run("exit 0"), waitid(P_ALL, 0, nullptr, WEXITED | WNOHANG | WNOWAIT) == 0)
-            qorSleep(1);
-    };
-    qor::test::expect_to_leave_nothing(start_three, reap);
 }
 
 } // namespace

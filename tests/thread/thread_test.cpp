@@ -1,5 +1,6 @@
 // Threads: results, exceptions, waits, and what a start refuses.
 #include "qor/qor.h"
+#include "support/holdings.h"
 #include "support/last_error.h"
 
 #include <gtest/gtest.h>
@@ -224,6 +225,16 @@ TEST(thread, a_thousand_come_and_go) {
     }
     while (sum != 1000)
         qorSleep(1);
+}
+
+TEST(thread, a_thousand_leave_nothing_behind) {
+    const auto run = [] {
+        zetSmartPointer<IQORThread> awaited;
+        ASSERT_TRUE(qorBeginThread([] {}, awaited.Out(), {.name = "awaited"}));
+        ASSERT_TRUE(qorBeginThread([] {}, nullptr, {.name = "alone"}));
+        EXPECT_TRUE(qorWaitThread(*awaited));
+    };
+    qor::test::expect_to_leave_nothing(run, [] { qorSleep(1); });
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 // Threads: what the system shows of them, and forks.
 #include "qor/qor.h"
-#include "support/holdings_posix.h"
 #include "support/last_error.h"
 #include "support/temp_folder.h"
 
@@ -117,16 +116,6 @@ TEST(posix_thread, may_fork_itself) {
         made.Out()));
     EXPECT_TRUE(qorWaitThread(*made));
     EXPECT_EQ(WEXITSTATUS(status), 5);
-}
-
-TEST(posix_thread, a_thousand_leave_nothing_behind) {
-    const auto run = [] {
-        zetSmartPointer<IQORThread> awaited;
-        ASSERT_TRUE(qorBeginThread([] {}, awaited.Out(), {.name = "awaited"}));
-        ASSERT_TRUE(qorBeginThread([] {}, nullptr, {.name = "alone"}));
-        EXPECT_TRUE(qorWaitThread(*awaited));
-    };
-    qor::test::expect_to_leave_nothing(run, [] { qorSleep(1); });
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // Timers: order, periods, and the promise of a cancellation. No test depends on how late a call comes.
 #include "qor/qor.h"
+#include "support/holdings.h"
 #include "support/last_error.h"
 
 #include <gtest/gtest.h>
@@ -451,6 +452,18 @@ TEST(timer, many_threads_set_up_and_cancel) {
         each.join();
     while (alive != 0) // those that have ended by themselves
         qorSleep(1);
+}
+
+TEST(timer, a_thousand_leave_nothing_behind) {
+    const auto run = [] {
+        qorGate called(false);
+        qorTimer once, again, later;
+        ASSERT_TRUE(once.Once(0s, [&] { called.Open(); }));
+        ASSERT_TRUE(again.Every(1h, [] {}));
+        ASSERT_TRUE(later.Once(1h, [] {}));
+        called.Wait();
+    };
+    qor::test::expect_to_leave_nothing(run, [] { qorSleep(1); });
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 // Timers and forks, and what the thread of the timers does while nothing is due.
 #include "qor/qor.h"
-#include "support/holdings_posix.h"
 
 #include <gtest/gtest.h>
 
@@ -145,18 +144,6 @@ TEST(posix_timer, nothing_wakes_up_while_nothing_is_due) {
     EXPECT_EQ(sleeps(), before);
     for (const qorTimerId each : ids)
         EXPECT_TRUE(qorCancelTimer(each));
-}
-
-TEST(posix_timer, a_thousand_leave_nothing_behind) {
-    const auto run = [] {
-        qorGate called(false);
-        qorTimer once, again, never;
-        ASSERT_TRUE(once.Once(0s, [&] { called.Open(); }));
-        ASSERT_TRUE(again.Every(1h, [] {}));
-        ASSERT_TRUE(never.Once(1h, [] {}));
-        called.Wait();
-    };
-    qor::test::expect_to_leave_nothing(run, [] { qorSleep(1); });
 }
 
 } // namespace
