@@ -1,7 +1,8 @@
 #include "support/holdings.h"
 
+#include <windows.h> // before tlhelp32.h
+
 #include <tlhelp32.h>
-#include <windows.h>
 
 namespace {
 
