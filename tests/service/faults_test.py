@@ -69,8 +69,9 @@ class Faults(unittest.TestCase):
             runs = 0
             for call, errors in CALLS.items():
                 for error in errors:
-                    fired = 0
-                    for at in range(1, 2000):
+                    at, misses = 1, 0
+                    # On a busy host, an answer may be there before anybody waits for it.
+                    while misses < (20 if at == 1 else 1):
                         report.unlink(missing_ok=True)
                         with self.subTest(call=call, error=errno.errorcode[error], at=at):
                             begin = time.monotonic()
@@ -79,10 +80,11 @@ class Faults(unittest.TestCase):
                                 "QOR_INJECT_WITH": str(error), "QOR_INJECT_REPORT": str(report)})
                             self.assertLess(time.monotonic() - begin, LIMIT / 1000)
                         runs += 1
-                        if not report.exists():
-                            break
-                        fired += 1
-                    self.assertTrue(fired, f"nothing calls {call}")
+                        if report.exists():
+                            at += 1
+                        else:
+                            misses += 1
+                    self.assertGreater(at, 1, f"nothing calls {call}")
             print(f"{runs} runs")
 
 
