@@ -130,9 +130,9 @@ TEST(serial_line, rates_with_and_without_a_number) {
     const struct {
         uint32 rate;
         tcflag_t code;
-    } rates[] = {{50, B50},         {134, B134},         {115200, B115200}, {4000000, B4000000},
-                 {250000, BOTHER},  {31250, BOTHER},     {1, BOTHER},       {12000000, BOTHER},
-                 {921600, B921600}, {921601, BOTHER},    {4294967295u, BOTHER}};
+    } rates[] = {{50, B50},         {134, B134},      {115200, B115200},    {4000000, B4000000},
+                 {250000, BOTHER},  {31250, BOTHER},  {1, BOTHER},          {12000000, BOTHER},
+                 {921600, B921600}, {921601, BOTHER}, {4294967295u, BOTHER}};
     for (const auto& each : rates) {
         fake_line line;
         line.settings.c_cflag |= B300 << IBSHIFT;
@@ -199,8 +199,7 @@ TEST(serial_line, what_the_driver_drops_is_an_error) {
     // A line that stays in line mode.
     fake_line line;
     line.takes = [&](struct termios2& taken) { taken.c_lflag |= ICANON | ECHO | ISIG; };
-    expect_not_set(line, basics(9600),
-                   head + "mode that passes bytes unchanged. It was to be on, and became off.");
+    expect_not_set(line, basics(9600), head + "mode that passes bytes unchanged. It was to be on, and became off.");
     // A rate that the clock does not give.
     line.takes = [&](struct termios2& taken) { taken.c_ospeed = taken.c_ospeed == 9600 ? 9600 : 115200; };
     line.settings.c_lflag = 0;
@@ -254,9 +253,10 @@ TEST(serial_line, a_driver_that_drives_no_bus) {
     line.has_no_mode = ENOTTY;
     qorSerialParams params = basics(300);
     ASSERT_TRUE(qorSetParams_RS485(params, {.enabled = true}));
-    expect_not_set(line, params,
-                   "The driver of the serial port 'tty' cannot drive an RS-485 bus in this way: Inappropriate ioctl for "
-                   "device.");
+    expect_not_set(
+        line, params,
+        "The driver of the serial port 'tty' cannot drive an RS-485 bus in this way: Inappropriate ioctl for "
+        "device.");
     ASSERT_TRUE(qorSetParams_RS485(params, {.enabled = false}));
     EXPECT_TRUE(qor::serial::set_line(line, "tty", params)) << last_error();
     EXPECT_EQ(line.settings.c_ospeed, 300u);

@@ -81,8 +81,8 @@ TEST(windows_serial_line, every_form_of_characters) {
             for (const BYTE parity : {NOPARITY, ODDPARITY, EVENPARITY, MARKPARITY, SPACEPARITY}) {
                 const uint8 stop = !is_longer ? 2 : data_bits == 5 ? 3 : 4;
                 fake_line line;
-                ASSERT_TRUE(qor::serial::set_line(line, "COM7",
-                                                  basics(250000, data_bits, stop, qorSerialParity{parity})));
+                ASSERT_TRUE(
+                    qor::serial::set_line(line, "COM7", basics(250000, data_bits, stop, qorSerialParity{parity})));
                 EXPECT_EQ(line.settings.BaudRate, 250000u);
                 EXPECT_EQ(line.settings.ByteSize, data_bits);
                 EXPECT_EQ(line.settings.Parity, parity);
@@ -146,18 +146,26 @@ TEST(windows_serial_line, what_the_driver_drops_is_an_error) {
         };
         expect_not_set(line, params, "The serial port 'COM7' was not set: its driver did not take the " + what);
     };
-    drop(basics(300), [](DCB& taken) { taken.BaudRate = 1200; }, "bit rate. It was to be 300, and became 1200.");
-    drop(basics(300, 7), [](DCB& taken) { taken.ByteSize = 8; }, "number of data bits. It was to be 7, and became 8.");
-    drop(basics(300, 5, 3), [](DCB& taken) { taken.StopBits = TWOSTOPBITS; },
-         "number of stop bits. It was to be 1.5, and became 2.");
-    drop(basics(300, 8, 2, qorSerialParity::mark), [](DCB& taken) { taken.Parity = NOPARITY; },
-         "parity. It was to be mark, and became none.");
-    drop(basics(300), [](DCB& taken) { taken.fNull = TRUE; }, "mode that passes bytes unchanged.");
+    drop(
+        basics(300), [](DCB& taken) { taken.BaudRate = 1200; }, "bit rate. It was to be 300, and became 1200.");
+    drop(
+        basics(300, 7), [](DCB& taken) { taken.ByteSize = 8; }, "number of data bits. It was to be 7, and became 8.");
+    drop(
+        basics(300, 5, 3), [](DCB& taken) { taken.StopBits = TWOSTOPBITS; },
+        "number of stop bits. It was to be 1.5, and became 2.");
+    drop(
+        basics(300, 8, 2, qorSerialParity::mark), [](DCB& taken) { taken.Parity = NOPARITY; },
+        "parity. It was to be mark, and became none.");
+    drop(
+        basics(300), [](DCB& taken) { taken.fNull = TRUE; }, "mode that passes bytes unchanged.");
     qorSerialParams params;
     ASSERT_TRUE(qorSetParams_FlowControl(params, true, true));
-    drop(params, [](DCB& taken) { taken.fOutxCtsFlow = FALSE; }, "flow control by RTS and CTS. It was to be on");
-    drop(params, [](DCB& taken) { taken.fRtsControl = RTS_CONTROL_ENABLE; }, "flow control by RTS and CTS.");
-    drop(params, [](DCB& taken) { taken.fInX = FALSE; }, "flow control by XON and XOFF. It was to be on");
+    drop(
+        params, [](DCB& taken) { taken.fOutxCtsFlow = FALSE; }, "flow control by RTS and CTS. It was to be on");
+    drop(
+        params, [](DCB& taken) { taken.fRtsControl = RTS_CONTROL_ENABLE; }, "flow control by RTS and CTS.");
+    drop(
+        params, [](DCB& taken) { taken.fInX = FALSE; }, "flow control by XON and XOFF. It was to be on");
 }
 
 TEST(windows_serial_line, what_the_driver_refuses_is_an_error) {
