@@ -1,5 +1,5 @@
-// Inside the serial ports on Linux: what a port is set to, in the kernel's form. Do not include <termios.h> with it: the
-// kernel's own header has the rates as numbers, which the C library's header lacks.
+// Inside the serial ports on Linux: what a port is set to, in the kernel's form. Do not include <termios.h> with it:
+// the kernel's own header has the rates as numbers, which the C library's header lacks.
 #pragma once
 
 #include "serial/params.h"
@@ -50,8 +50,8 @@ qorSerialRS485 rs485_of(const struct serial_rs485& line) noexcept;
 // Changes what the groups of the basics and of the flow control say, and leaves the rest.
 void change(struct termios2& line, const qorSerialParams& params) noexcept;
 
-// Sets a line, all at once, and reads it back. On false the last error, which names `port`, says why, and the line is as
-// it was before.
+// Sets a line, all at once, and reads it back. On false the last error, which names `port`, says why, and the line is
+// as it was before.
 bool set_line(line_driver& line, const std::string& port, const qorSerialParams& params);
 
 } // namespace qor::serial

@@ -50,8 +50,8 @@ void change_rs485(DCB& line, const qorSerialRS485& rs485) noexcept {
 
 // The system has no more than a switch for it.
 bool is_plain(const qorSerialRS485& rs485) noexcept {
-    return !rs485.enabled || (rs485.rts_while_sending && !rs485.hears_itself && rs485.delay_before == 0 &&
-                              rs485.delay_after == 0);
+    return !rs485.enabled ||
+           (rs485.rts_while_sending && !rs485.hears_itself && rs485.delay_before == 0 && rs485.delay_after == 0);
 }
 
 bool has_handshake(const DCB& line) noexcept { return line.fRtsControl == RTS_CONTROL_HANDSHAKE; }

@@ -47,8 +47,8 @@ qorSerialRS485 rs485_of(const DCB& line) noexcept;
 // Changes what the groups of the basics, the flow control and the bus say, and leaves the rest.
 void change(DCB& line, const qorSerialParams& params) noexcept;
 
-// Sets a line, all at once, and reads it back. The driver gets no time limits, because the framework's own are exact. On
-// false the last error, which names `port`, says why, and the line is as it was before.
+// Sets a line, all at once, and reads it back. The driver gets no time limits, because the framework's own are exact.
+// On false the last error, which names `port`, says why, and the line is as it was before.
 bool set_line(line_driver& line, const std::string& port, const qorSerialParams& params);
 
 } // namespace qor::serial

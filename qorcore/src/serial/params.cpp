@@ -32,8 +32,11 @@ std::string text_of(const qorSerialRS485& rs485) {
         return "off";
     std::string text = rs485.rts_while_sending ? "RTS on" : "RTS off";
     text.append(rs485.hears_itself ? ", hears itself" : ", hears others");
-    return text.append(", ").append(std::to_string(rs485.delay_before)).append(" ms, ").append(
-        std::to_string(rs485.delay_after)).append(" ms");
+    return text.append(", ")
+        .append(std::to_string(rs485.delay_before))
+        .append(" ms, ")
+        .append(std::to_string(rs485.delay_after))
+        .append(" ms");
 }
 
 bool are_valid_basics(const qorSerialParams& params, const char* operation) {
@@ -113,8 +116,7 @@ qor::serial::not_taken qor::serial::compare(const qorSerialRS485& wanted, const 
 void qor::serial::report(const std::string& port, const not_taken& which) {
     qorString parameter;
     parameter.LoadString(framework::catalog, which.parameter);
-    error::set(qorError_serial_not_taken,
-               {port.c_str(), parameter.Text(), which.wanted.c_str(), which.got.c_str()});
+    error::set(qorError_serial_not_taken, {port.c_str(), parameter.Text(), which.wanted.c_str(), which.got.c_str()});
 }
 
 // The operations on params change a copy, which is checked before it takes the caller's place.

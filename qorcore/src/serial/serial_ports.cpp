@@ -21,7 +21,8 @@ void assign(qorString& out, const std::string& text) {
 class time_left {
 public:
     explicit time_left(uint32 milliseconds) noexcept
-        : m_is_limited(milliseconds != qorSerialForever), m_end(clock::now() + std::chrono::milliseconds(milliseconds)) {}
+        : m_is_limited(milliseconds != qorSerialForever),
+          m_end(clock::now() + std::chrono::milliseconds(milliseconds)) {}
 
     // At most `longest`.
     uint32 get(uint32 longest) const noexcept {
@@ -93,13 +94,14 @@ public:
     bool WriteAll(const void* data, uint32 size, uint32& count) noexcept override {
         count = 0;
         const time_left left(m_timeouts.write_total);
-        do {
+        for (;;) {
             uint32 part = 0;
-            if (!done(m_port.write(static_cast<const char*>(data) + count, size - count, left.get(qorSerialForever), part)))
-                return (count += part, false);
+            const char* const rest = static_cast<const char*>(data) + count;
+            const bool is_done = done(m_port.write(rest, size - count, left.get(qorSerialForever), part));
             count += part;
-        } while (count != size && !left.is_over());
-        return true;
+            if (!is_done || count == size || left.is_over())
+                return is_done;
+        }
     }
 
     bool SetBreak(bool on) noexcept override { return done(m_port.set_break(on)); }

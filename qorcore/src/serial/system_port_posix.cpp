@@ -243,7 +243,8 @@ int qor::serial::system_port::set_break(bool on) noexcept {
 }
 
 int qor::serial::system_port::set_modem_lines(uint32 lines, bool on) noexcept {
-    const int system_lines = ((lines & qorSerialDTR) != 0 ? TIOCM_DTR : 0) | ((lines & qorSerialRTS) != 0 ? TIOCM_RTS : 0);
+    const int system_lines =
+        ((lines & qorSerialDTR) != 0 ? TIOCM_DTR : 0) | ((lines & qorSerialRTS) != 0 ? TIOCM_RTS : 0);
     return ioctl(descriptor(m_handle), on ? TIOCMBIS : TIOCMBIC, &system_lines) == 0 ? 0 : errno;
 }
 

@@ -170,7 +170,8 @@ bool qor::serial::system_port::open(const std::string& name) {
     m_handle = reinterpret_cast<std::intptr_t>(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                                            OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
     DCB settings{};
-    const int failure = m_handle == -1 ? static_cast<int>(GetLastError()) : system_line(system_handle(m_handle)).get(settings);
+    const int failure =
+        m_handle == -1 ? static_cast<int>(GetLastError()) : system_line(system_handle(m_handle)).get(settings);
     if (failure != 0) {
         switch (failure) {
         case ERROR_FILE_NOT_FOUND:
@@ -198,7 +199,6 @@ bool qor::serial::system_port::open(const std::string& name) {
 
 // The system lets no other program open a port that is open.
 int qor::serial::system_port::claim(bool restores) {
-    m_is_claimed = true;
     if (!restores)
         return 0;
     m_found = std::make_unique<found_line>();

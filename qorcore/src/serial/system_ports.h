@@ -30,7 +30,8 @@ public:
     // Call this at most once for an object.
     bool open(const std::string& name);
 
-    // Keeps other programs out, and remembers the settings if they are to be restored at the end. Call it behind open().
+    // Keeps other programs out, and remembers the settings if they are to be restored at the end. Call it behind
+    // open().
     int claim(bool restores);
 
     // Sets the port; the last error says why not.
@@ -51,11 +52,11 @@ public:
     int set_modem_lines(uint32 lines, bool on) noexcept;
 
 private:
-    std::intptr_t m_handle = -1; // the system's handle or descriptor
-    bool m_is_claimed = false;
-    std::unique_ptr<found_line> m_found;
-    std::string m_name;          // the port's own name, not that of a link
-    std::string m_location;      // kept, so that it is still known after the port was unplugged
+    std::intptr_t m_handle = -1;         // the system's handle or descriptor
+    bool m_is_claimed = false;           // whether claim() has changed something
+    std::unique_ptr<found_line> m_found; // what is restored at the end
+    std::string m_name;                  // the port's own name, not that of a link
+    std::string m_location;              // kept, so that it is still known after the port was unplugged
 };
 
 } // namespace qor::serial

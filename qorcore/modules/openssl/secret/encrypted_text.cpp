@@ -74,16 +74,16 @@ bool qor::secret::seal(const key_bytes& key, const nonce_bytes& nonce, std::stri
     return true;
 }
 
-bool qor::secret::unseal(const key_bytes& key, const nonce_bytes& nonce, std::string_view bound, std::string_view cipher,
-                         const tag_bytes& tag, std::string& plain, bool& is_genuine) {
+bool qor::secret::unseal(const key_bytes& key, const nonce_bytes& nonce, std::string_view bound,
+                         std::string_view cipher, const tag_bytes& tag, std::string& plain, bool& is_genuine) {
     plain.clear();
     is_genuine = false;
     const cipher_context context(EVP_CIPHER_CTX_new());
     tag_bytes expected = tag;
     if (context == nullptr ||
         EVP_DecryptInit_ex2(context.get(), EVP_aes_256_gcm(), key.data(), nonce.data(), nullptr) != 1 ||
-        EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(expected.size()),
-                            expected.data()) != 1)
+        EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(expected.size()), expected.data()) !=
+            1)
         return failed("EVP_DecryptInit_ex2");
     if (!add_bound(context.get(), bound, false))
         return false;
@@ -114,8 +114,9 @@ bool qor::secret::id_of(const key_bytes& key, std::string& id) {
 }
 
 bool qor::secret::is_id(std::string_view text) noexcept {
-    return text.size() == id_digits &&
-           std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+    return text.size() == id_digits && std::all_of(text.begin(), text.end(), [](char c) {
+               return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+           });
 }
 
 qor::secret::form qor::secret::parse(std::string_view text, encrypted& out, uint32& number) {

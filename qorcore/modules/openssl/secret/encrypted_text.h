@@ -9,7 +9,7 @@
 
 namespace qor::secret {
 
-using key_bytes = crypto::digest;     // 256 bits
+using key_bytes = crypto::digest; // 256 bits
 using nonce_bytes = std::array<uint8, 12>;
 using tag_bytes = std::array<uint8, 16>;
 
@@ -21,8 +21,8 @@ inline constexpr std::size_t longest_context = 4096;
 bool seal(const key_bytes& key, const nonce_bytes& nonce, std::string_view bound, std::string_view plain,
           std::string& cipher, tag_bytes& tag);
 
-// The reverse. `is_genuine` is false if any of the inputs is not that of seal(); `plain` is empty then. The caller wipes
-// `plain`. On false, the last error gives the reason.
+// The reverse. `is_genuine` is false if any of the inputs is not that of seal(); `plain` is empty then. The caller
+// wipes `plain`. On false, the last error gives the reason.
 bool unseal(const key_bytes& key, const nonce_bytes& nonce, std::string_view bound, std::string_view cipher,
             const tag_bytes& tag, std::string& plain, bool& is_genuine);
 
@@ -34,7 +34,8 @@ struct encrypted {
     tag_bytes tag{};
 };
 
-// The name of a key: 16 hexadecimal digits, which tell nothing about the key. On false, the last error gives the reason.
+// The name of a key: 16 hexadecimal digits, which tell nothing about the key. On false, the last error gives the
+// reason.
 bool id_of(const key_bytes& key, std::string& id);
 bool is_id(std::string_view text) noexcept;
 

@@ -57,7 +57,8 @@ public:
         });
     }
 
-    bool Decrypt(const char* text, const qorTextView& context, qorString& password, bool* has_old_key) noexcept override {
+    bool Decrypt(const char* text, const qorTextView& context, qorString& password,
+                 bool* has_old_key) noexcept override {
         return qor::modules::guarded([&] {
             secret::encrypted stored;
             secret::key_ring keys;
