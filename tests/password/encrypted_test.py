@@ -18,10 +18,10 @@ import tempfile
 import unittest
 from pathlib import Path
 
-from cryptography.exceptions import InvalidTag
-from cryptography.hazmat.primitives.ciphers.aead import AESGCM
-
 sys.path.append(str(Path(__file__).resolve().parent.parent / "support"))
+sys.path.append("/usr/lib/python3/dist-packages")  # a Python of its own may lack what Debian's has
+from cryptography.exceptions import InvalidTag  # noqa: E402
+from cryptography.hazmat.primitives.ciphers.aead import AESGCM  # noqa: E402
 from line_driver import Driver, decode, failed  # noqa: E402  # in tests/support
 from tool import linked  # noqa: E402
 
@@ -101,7 +101,7 @@ class Anywhere(Base):
                 self.assertNotEqual(text, self.encrypt(password, context))
                 found, is_old = self.good("decrypt", text, context, driver=self.new_driver())
                 self.assertEqual((decode(found), is_old), (password, "0"))
-                self.bad(TAMPERED, "decrypt", text, context + b"x")
+                self.bad(TAMPERED, "decrypt", text, context[1:] if context else b"x")
 
     def test_sealing_is_that_of_another_implementation(self):
         source = random.Random(2)
@@ -188,7 +188,8 @@ class OfFiles(Base):
             self.assertEqual(decode(self.good("decrypt", theirs, context)[0]), password)
 
     def test_a_file_that_somebody_has_written(self):
-        keys = [random.Random(4).randbytes(32) for _ in range(3)]
+        source = random.Random(4)
+        keys = [source.randbytes(32) for _ in range(3)]
         self.file.parent.mkdir(parents=True)
         self.file.write_text("".join(f"{line}\n" for line in
                                      [FIRST_LINE, *(f"{name_of(key)} {encoded(key)}" for key in keys)]))
@@ -301,7 +302,8 @@ class Leftovers(Base):
         keys = self.keys()
         everything = [secret, *keys, *(encoded(key).encode() for key in keys)]
         inverted = [bytes(byte ^ 255 for byte in each) for each in everything]
-        self.assertEqual(self.good("leftovers", text, b"", *inverted, driver=self.new_driver()), ["0"] * len(everything))
+        counts = self.good("leftovers", text, b"", *inverted, driver=self.new_driver())
+        self.assertEqual(counts, ["0"] * len(everything))
         # What is there is found: the text itself is a word of the question.
         [count] = self.good("leftovers", text, b"", bytes(byte ^ 255 for byte in text.encode()))
         self.assertGreater(int(count), 0)

@@ -128,5 +128,5 @@ int main() {
                                      {"seal", seal},
                                      {"unseal", unseal},
                                      {"leftovers", leftovers}},
-                                    6);
+                                    3);
 }

@@ -60,7 +60,10 @@ bool qor::secret::key_ring::read() {
     const wiped_later of_text(text);
     if (!has_no_link(m_path, reason) || !control::read_private_file(m_path, text, reason, is_missing))
         return fail(reason);
-    return is_missing || parse(text);
+    if (is_missing || parse(text))
+        return true;
+    m_keys.clear(); // no half of a damaged file is used
+    return false;
 }
 
 bool qor::secret::key_ring::parse(std::string_view text) {
@@ -124,8 +127,10 @@ bool qor::secret::key_ring::write() const {
 bool qor::secret::key_ring::load() { return find_file() && read(); }
 
 bool qor::secret::key_ring::load_or_make() {
-    if (!load() || !m_keys.empty())
-        return !m_keys.empty();
+    if (!load())
+        return false;
+    if (!m_keys.empty())
+        return true;
     std::string reason;
     const private_file_lock lock(m_path);
     if (!lock.is_held(reason))
