@@ -47,9 +47,9 @@ public:
 };
 
 // Encrypts a password, or any other bytes up to 64 KiB, for a program that has to present it elsewhere. `text` gets
-// "AES-256-GCM$1:<key>$<nonce>:<bytes>:<tag>", a different one each time. The key is the newest of this user's; the first
-// call makes it. `context` says what the password is for, such as a host and an account, at most 4 KiB: only the same
-// context decrypts, so that nobody can put the text in the place of another.
+// "AES-256-GCM$1:<key>$<nonce>:<bytes>:<tag>", a different one each time. The key is the newest of this user's; the
+// first call makes it. `context` says what the password is for, such as a host and an account, at most 4 KiB: only the
+// same context decrypts, so that nobody can put the text in the place of another.
 [[nodiscard]] inline bool qorEncryptPassword2(qorTextView password, qorTextView context, qorString& text) noexcept {
     return qor::glue::qorEncryptPassword2(password, context, text);
 }

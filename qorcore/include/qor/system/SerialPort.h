@@ -1,4 +1,5 @@
-// Serial ports: lists the host's ports, describes where they are, opens and sets them. docs/serial-ports.md has examples.
+// Serial ports: lists the host's ports, describes where they are, opens and sets them. docs/serial-ports.md has
+// examples.
 #pragma once
 
 #include "qor/system/Interface.h"
@@ -75,8 +76,8 @@ enum class qorSerialClosing : uint32 {
 };
 
 // An open port; the last Release closes it. Only SetParams changes settings; until then the port works as it was set
-// before. One thread may read while another writes; otherwise not thread-safe. Operations that fail return false and set
-// the last error, which names the port. Once a port was unplugged or hung up, they all fail.
+// before. One thread may read while another writes; otherwise not thread-safe. Operations that fail return false and
+// set the last error, which names the port. Once a port was unplugged or hung up, they all fail.
 class IQORSerialPort : public IQORInterface {
 public:
     // The name of the port as qorEnumSerialPorts lists it, whatever name it was opened by.
@@ -109,9 +110,9 @@ public:
 
     // Sets the groups that are filled in, all at once, and reads them back. If the driver refuses them
     // (qorError_serial_settings_refused) or did not take one (qorError_serial_not_taken, which says what it took
-    // instead), the port is as it was before. A bit rate is taken if it is right to within 2 per cent; GetSettings tells
-    // it. The basics also make the port pass every byte unchanged, ignore the carrier, and not check parity: a byte
-    // arrives whatever its parity bit is. Both kinds of flow control at once are possible.
+    // instead), the port is as it was before. A bit rate is taken if it is right to within 2 per cent; GetSettings
+    // tells it. The basics also make the port pass every byte unchanged, ignore the carrier, and not check parity: a
+    // byte arrives whatever its parity bit is. Both kinds of flow control at once are possible.
     [[nodiscard]] virtual bool SetParams(const qorSerialParams& params) noexcept = 0;
 
     // Gets how the port drives an RS-485 bus. Fails with qorError_serial_no_rs485 if its driver cannot.
@@ -127,8 +128,8 @@ public:
     // Begins or ends a break: the line stays in the state of a start bit. A receiver reads a break as a zero byte.
     virtual bool SetBreak(bool on) noexcept = 0;
 
-    // Switches some of the lines that the port drives, qorSerialDTR and qorSerialRTS, on or off. RTS is the driver's own
-    // with hardware flow control or on an RS-485 bus.
+    // Switches some of the lines that the port drives, qorSerialDTR and qorSerialRTS, on or off. RTS is the driver's
+    // own with hardware flow control or on an RS-485 bus.
     virtual bool SetModemLines(uint32 lines, bool on) noexcept = 0;
 
     // Writes a text. Returns false also if the time limit is over before all of it was accepted (qorError_timed_out).
@@ -180,9 +181,9 @@ inline bool qorGetSerialPortLocation(const char* name, qorString& out) noexcept 
 // Empties `params`: no group is filled in, and all members have their defaults.
 inline void qorResetParams(qorSerialParams& params) noexcept { qor::glue::qorResetParams(params); }
 
-// Fills in the basics. Any bit rate above 0 may be asked for. `data_bits`: 5 to 8. `half_stop_bits`: 2 for one stop bit,
-// 4 for two; with 5 data bits, 3 for one and a half in the place of two. Returns false and leaves `params` unchanged for
-// any other value (qorError_invalid_argument).
+// Fills in the basics. Any bit rate above 0 may be asked for. `data_bits`: 5 to 8. `half_stop_bits`: 2 for one stop
+// bit, 4 for two; with 5 data bits, 3 for one and a half in the place of two. Returns false and leaves `params`
+// unchanged for any other value (qorError_invalid_argument).
 inline bool qorSetParams_Basics(qorSerialParams& params, uint32 bits_per_second, uint8 data_bits = 8,
                                 uint8 half_stop_bits = 2, qorSerialParity parity = qorSerialParity::none) noexcept {
     return qor::glue::qorSetParams_Basics(params, bits_per_second, data_bits, half_stop_bits, parity);
@@ -200,14 +201,15 @@ inline bool qorSetParams_Timeouts(qorSerialParams& params, const qorSerialTimeou
     return qor::glue::qorSetParams_Timeouts(params, timeouts);
 }
 
-// Fills in the driving of an RS-485 bus. Returns false and leaves `params` unchanged if they want flow control by RTS and
-// CTS, or a delay is longer than a second.
+// Fills in the driving of an RS-485 bus. Returns false and leaves `params` unchanged if they want flow control by RTS
+// and CTS, or a delay is longer than a second.
 inline bool qorSetParams_RS485(qorSerialParams& params, const qorSerialRS485& rs485) noexcept {
     return qor::glue::qorSetParams_RS485(params, rs485);
 }
 
-// Opens a port like qorOpenSerialPort, for this program alone (Linux: in exclusive mode, which lasts until it is closed),
-// and sets it like IQORSerialPort::SetParams. On failure the port is closed, and its settings are as they were.
+// Opens a port like qorOpenSerialPort, for this program alone (Linux: in exclusive mode, which lasts until it is
+// closed), and sets it like IQORSerialPort::SetParams. On failure the port is closed, and its settings are as they
+// were.
 [[nodiscard]] inline bool qorOpenSerialPortEx(const char* name, const qorSerialParams& params, qorSerialClosing closing,
                                               IQORSerialPort** out) noexcept {
     return qor::glue::qorOpenSerialPortEx(name, params, closing, out);
