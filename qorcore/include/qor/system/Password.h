@@ -40,7 +40,9 @@ inline void qorWipeString(qorString& text) noexcept {
 // not grow.
 class qorSecretString : public qorString {
 public:
-    using qorString::qorString;
+    qorSecretString() noexcept = default;
+    // Copies a text.
+    explicit qorSecretString(const char* text) noexcept : qorString(text) {}
     qorSecretString(const qorSecretString&) = delete;
     qorSecretString& operator=(const qorSecretString&) = delete;
     ~qorSecretString() { qorWipeString(*this); }

@@ -42,7 +42,7 @@ struct qorSerialTimeouts {
 
 // How a port drives an RS-485 bus, where its driver can: it switches the transmitter by RTS.
 struct qorSerialRS485 {
-    bool enabled = false;
+    bool enabled = false;          // whether it drives one
     bool rts_while_sending = true; // the state of RTS while it sends; otherwise the opposite
     bool hears_itself = false;     // it also receives while it sends
     uint32 delay_before = 0;       // from switching RTS to the first byte
@@ -58,15 +58,15 @@ inline constexpr uint32 qorSerialSetsRS485 = 8;
 // What a port is to be set to. The operations qorSetParams_... fill in a group each and check it; a group that was not
 // filled in stays as it is on the port.
 struct qorSerialParams {
-    uint32 sets = 0;            // the groups that are filled in
-    uint32 bits_per_second = 0; // the basics; as in qorSerialSettings
-    uint8 data_bits = 0;
-    uint8 half_stop_bits = 0;
-    qorSerialParity parity = qorSerialParity::none;
-    bool rts_cts = false; // flow control; as in qorSerialSettings
-    bool xon_xoff = false;
-    qorSerialTimeouts timeouts{};
-    qorSerialRS485 rs485{};
+    uint32 sets = 0;                                // the groups that are filled in
+    uint32 bits_per_second = 0;                     // of the basics, all as in qorSerialSettings
+    uint8 data_bits = 0;                            // the same
+    uint8 half_stop_bits = 0;                       // the same
+    qorSerialParity parity = qorSerialParity::none; // the same
+    bool rts_cts = false;                           // of the flow control, likewise
+    bool xon_xoff = false;                          // the same
+    qorSerialTimeouts timeouts{};                   // a group of its own
+    qorSerialRS485 rs485{};                         // the same
 };
 
 // What becomes of the settings when a port is closed.
