@@ -472,22 +472,6 @@ void use_children() {
         say_failure(qorError_child_program_missing);
 }
 
-void use_passwords() {
-    qorSecretString password;
-    qorString text;
-    bool has_old_key = false;
-    MUST(qorEncryptPassword2(long_text, "context", text));
-    MUST(qorDecryptPassword2(text, "context", password, &has_old_key));
-    say(password);
-    MUST(qorRenewPasswordKey());
-    MUST(qorReencryptPassword(text, "context", has_old_key));
-    std::printf("%d\n", has_old_key);
-    if (!qorDecryptPassword2(text, "another", password))
-        say_failure(qorError_encrypted_tampered);
-    if (!qorDecryptPassword2(long_text, "context", password))
-        say_failure(qorError_encrypted_password);
-}
-
 void use_serial() {
     const int other_end = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (other_end < 0 || grantpt(other_end) != 0 || unlockpt(other_end) != 0)
@@ -545,7 +529,7 @@ constexpr script scripts[] = {
     {"process", use_process},   {"host", use_host},         {"network", use_network},       {"time", use_time},
     {"digest", use_digest},     {"folders", use_folders},   {"containers", use_containers}, {"config", use_config},
     {"store", use_store},       {"threads", use_threads},   {"timers", use_timers},         {"children", use_children},
-    {"log", use_log},           {"services", use_services}, {"passwords", use_passwords},   {"serial", use_serial},
+    {"log", use_log},           {"services", use_services}, {"serial", use_serial},
 };
 
 struct outcome {

@@ -19,5 +19,5 @@ parser.add_argument("--injector", type=pathlib.Path, required=True)
 options = parser.parse_args()
 with tempfile.TemporaryDirectory() as folder, tempfile.TemporaryDirectory() as links, running_manager() as manager:
     environment = {"PATH": os.defpath, "LC_ALL": "C", "LD_PRELOAD": str(linked(options.injector, links)),
-                   "XDG_CONFIG_HOME": f"{folder}/configuration", "DBUS_SYSTEM_BUS_ADDRESS": manager.bus.address}
+                   "DBUS_SYSTEM_BUS_ADDRESS": manager.bus.address}
     sys.exit(subprocess.run([options.program.resolve(), folder], env=environment).returncode)

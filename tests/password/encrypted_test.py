@@ -348,6 +348,30 @@ class Faults(Base):
                         counts[call] += 1
         self.assertEqual([call for call, count in counts.items() if count == 0], [])
 
+    def test_requests_for_memory(self):
+        """OpenSSL makes thousands, so these are the first ones, and then every further by a tenth."""
+        text = self.encrypt(b"secret")
+        injector, report = linked(options.injector, self.home), self.home / "report"
+        for words in (("encrypt", b"new", b""), ("renew",), ("decrypt", text, b"")):
+            at = 1
+            while True:
+                with self.subTest(words=words[0], at=at):
+                    report.unlink(missing_ok=True)
+                    with Driver([options.driver], {
+                            "XDG_CONFIG_HOME": str(self.home), "LC_ALL": "C", "LD_PRELOAD": str(injector),
+                            "QOR_INJECT": "alloc", "QOR_INJECT_AT": str(at), "QOR_INJECT_REPORT": str(report)},
+                            stderr=subprocess.DEVNULL) as faulty:
+                        answer = faulty.ask(*words)
+                        if answer is None:
+                            self.assertGreaterEqual(faulty.process.wait(), 0)  # it has ended, not crashed
+                    if answer is not None and not failed(answer) and words[0] == "decrypt":
+                        self.assertEqual(decode(answer[0]), b"secret")
+                    self.assertEqual(decode(self.good("decrypt", text, b"")[0]), b"secret")
+                if not report.exists():
+                    break
+                at = max(at + 1, at * 11 // 10)
+            self.assertGreater(at, 100)
+
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()

@@ -121,12 +121,16 @@ bool leftovers(const words& given, std::string& answer) {
 } // namespace
 
 int main() {
-    return line_driver::apply_lines({{"encrypt", encrypt},
-                                     {"decrypt", decrypt},
-                                     {"again", again},
-                                     {"renew", renew},
-                                     {"seal", seal},
-                                     {"unseal", unseal},
-                                     {"leftovers", leftovers}},
-                                    3);
+    int code = 0;
+    qor::or_end([&code] {
+        code = line_driver::apply_lines({{"encrypt", encrypt},
+                                         {"decrypt", decrypt},
+                                         {"again", again},
+                                         {"renew", renew},
+                                         {"seal", seal},
+                                         {"unseal", unseal},
+                                         {"leftovers", leftovers}},
+                                        3);
+    });
+    return code;
 }
