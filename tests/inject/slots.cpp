@@ -472,6 +472,31 @@ void use_children() {
         say_failure(qorError_child_program_missing);
 }
 
+void use_serial() {
+    const int other_end = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (other_end < 0 || grantpt(other_end) != 0 || unlockpt(other_end) != 0)
+        return (void)std::puts("no pseudo-terminal");
+    const char* const name = ptsname(other_end);
+    qorSerialParams params;
+    MUST(qorSetParams_Basics(params, 250000));
+    MUST(qorSetParams_FlowControl(params, true, false));
+    MUST(qorSetParams_Timeouts(params, {.read_total = 0}));
+    zetSmartPointer<IQORSerialPort> port;
+    MUST(qorOpenSerialPortEx(name, params, qorSerialClosing::restore, port.Out()));
+    qorSerialSettings settings{};
+    MUST(port->GetSettings(settings));
+    std::printf("%u\n", settings.bits_per_second);
+    char bytes[8];
+    uint32 count = 0;
+    MUST(port->ReadAll(bytes, sizeof bytes, count) && port->WriteAll("text"));
+    MUST(qorSetParams_Basics(params, 300, 7));
+    const bool is_refused = !port->SetParams(params);
+    qorString text;
+    std::printf("%d %d\n", is_refused, qorGetLastError(text) == qorError_serial_not_taken);
+    port.Empty();
+    close(other_end);
+}
+
 void use_log() {
     unlink("log"); // that of a run that has failed
     MUST(qorSetLogTarget("log"));
@@ -504,7 +529,7 @@ constexpr script scripts[] = {
     {"process", use_process},   {"host", use_host},         {"network", use_network},       {"time", use_time},
     {"digest", use_digest},     {"folders", use_folders},   {"containers", use_containers}, {"config", use_config},
     {"store", use_store},       {"threads", use_threads},   {"timers", use_timers},         {"children", use_children},
-    {"log", use_log},           {"services", use_services},
+    {"log", use_log},           {"services", use_services}, {"serial", use_serial},
 };
 
 struct outcome {

@@ -6,6 +6,7 @@
 #include "digest/digest_engine.h"
 #include "login/debug_users.h"
 #include "password/passwords.h"
+#include "secret/password_keys.h"
 
 #include <openssl/crypto.h>
 
@@ -25,6 +26,8 @@ bool create_object(const char* interface_name, const char* kind, void** out) noe
         return hand_out<IQORDebugListener>(create_debug_listener, out);
     if (wanted == "IQORPasswords")
         return hand_out<IQORPasswords>(create_passwords, out);
+    if (wanted == "IQORPasswordKeys")
+        return hand_out<IQORPasswordKeys>(create_password_keys, out);
     if (wanted == "IQORDebugUsers")
         return hand_out<IQORDebugUsers>(create_debug_users, out);
     qorSetLastError(qorError_not_supported);

@@ -288,6 +288,7 @@ CALL(int, connect, (int file, const struct sockaddr* to, socklen_t size), SYS_co
 CALL(int, bind, (int file, const struct sockaddr* at, socklen_t size), SYS_bind, file, at, size)
 CALL(int, listen, (int file, int waiting), SYS_listen, file, waiting)
 CALL(int, pipe2, (int ends[2], int flags), SYS_pipe2, ends, flags)
+CALL(int, ioctl, (int file, unsigned long request, void* value), SYS_ioctl, file, request, value)
 CALL(int, dup2, (int file, int number), SYS_dup2, file, number)
 CALL(int, close_range, (unsigned first, unsigned last, int flags), SYS_close_range, first, last, flags)
 CALL(int, setpgid, (pid_t process, pid_t group), SYS_setpgid, process, group)

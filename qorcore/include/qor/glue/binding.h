@@ -76,6 +76,9 @@ struct qorHostAddress;
 struct qorLogPlace;
 struct qorObjectStoreOptions;
 struct qorOpenFile;
+struct qorSerialParams;
+struct qorSerialRS485;
+struct qorSerialTimeouts;
 struct qorServiceOptions;
 struct qorServiceStatus;
 struct qorTextView;
@@ -90,6 +93,8 @@ enum qorFolderId : uint32;
 enum class qorFileOrigin : uint32;
 enum class qorFlushTo : uint32;
 enum class qorLogLevel : uint32;
+enum class qorSerialClosing : uint32;
+enum class qorSerialParity : uint8;
 enum class qorVariantKind : uint32;
 
 // A trace switch: 0 is off. The library writes it; any code may read it.
