@@ -89,13 +89,18 @@ record* find_provider(const char* name) {
     if (!find_modules(all))
         return nullptr;
     const auto hold = take_lock();
+    const auto unread = std::ranges::find_if(all, [](const record* each) { return each->why.is_unread; });
+    const record* const cannot_say = unread != all.end() ? *unread : nullptr;
     std::erase_if(all, [name](const record* each) {
         return std::ranges::find(each->facts.components, name) == each->facts.components.end();
     });
     // One that is refused counts only where there is no other; then its reason is the error.
     std::ranges::stable_partition(all, [](const record* each) { return each->loading.is_made() || !each->why; });
     if (all.empty()) {
-        error::set(qorError_component_unknown, {name});
+        if (cannot_say != nullptr)
+            error::set(cannot_say->why.number, {cannot_say->path.c_str(), cannot_say->why.reason.c_str()});
+        else
+            error::set(qorError_component_unknown, {name});
         return nullptr;
     }
     record* provider = all.front();

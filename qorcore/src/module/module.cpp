@@ -56,12 +56,19 @@ public:
     int status(platform::file_status& out) { return m_file.status(out); }
     bool read(uint64 offset, void* bytes, std::size_t size) override {
         std::size_t count = 0;
-        return m_file.read_at(offset, bytes, size, &count) == 0 && count == size;
+        m_failure = m_file.read_at(offset, bytes, size, &count);
+        return m_failure == 0 && count == size;
     }
+
+    // The system's error code if it was the reason of the last read that failed; 0: the file has ended.
+    int failure() const noexcept { return m_failure; }
 
 private:
     platform::raw_file m_file;
+    int m_failure = 0;
 };
+
+refusal unread(int code) { return {qorError_module_damaged, error::system_reason(code), true}; }
 
 // Opens the file, which is done before the loader does it, because the loader would wait for a pipe.
 refusal open(const std::string& path, module_file& file, platform::file_status& status) {
@@ -72,15 +79,15 @@ refusal open(const std::string& path, module_file& file, platform::file_status& 
         return {qorError_module_damaged, message(framework::not_a_plain_file)};
     if (code == 0)
         code = file.status(status);
-    if (code != 0)
-        return {qorError_module_damaged, error::system_reason(code)};
-    return {};
+    return code == 0 ? refusal() : unread(code);
 }
 
 // Reads the description and says what is against the module.
 refusal examine(module_file& file, const std::string& name, std::string& section, description& facts) {
     switch (find_description(file, section)) {
     case find_result::no_library:
+        if (file.failure() != 0)
+            return unread(file.failure());
         return {qorError_module_damaged, message(framework::not_a_library)};
     case find_result::no_description:
         return {qorError_module_wrong, message(framework::module_no_description)};
@@ -117,13 +124,14 @@ void examine(record& which) {
     }
     description facts;
     std::string section;
-    if (!why)
+    const bool is_open = !why;
+    if (is_open)
         why = examine(file, which.name, section, facts);
     facts.bytes = {};
     const auto hold = take_lock();
     if (which.loading.is_made())
         return;
-    which.is_examined = !why || why.number == qorError_module_wrong;
+    which.is_examined = is_open && !why.is_unread;
     which.file = status;
     which.facts = std::move(facts);
     which.why = std::move(why);

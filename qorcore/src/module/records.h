@@ -30,6 +30,7 @@ using registrations = std::map<std::string, registration, std::less<>>;
 struct refusal {
     qorErrorNumber number = qorError_none;
     std::string reason{};
+    bool is_unread = false; // the system did not let the file be read, so nobody knows what it offers
 
     explicit operator bool() const noexcept { return number != qorError_none; }
 };
