@@ -153,7 +153,10 @@ TEST(components, offer_interfaces) {
 
 class throwing final : public qor::test::scanner {
 public:
-    throwing() : scanner(0) {
+    throwing() : scanner(fail()) {}
+
+private:
+    [[noreturn]] static uint32 fail() {
         if (shared_counters().fails)
             throw std::bad_alloc();
         throw 7;
@@ -308,7 +311,8 @@ TEST(components, bring_their_messages) {
     qorString text;
     EXPECT_TRUE(text.Format("test-scanner", 1, "7"));
     EXPECT_STREQ(text, "7 lines");
-    EXPECT_TRUE(text.FormatEx("test-scanner", 1, "de", "7"));
+    const char* const inserts[10] = {"7"};
+    EXPECT_TRUE(text.FormatEx("test-scanner", 1, "de", inserts));
     EXPECT_STREQ(text, "7 Zeilen");
     EXPECT_TRUE(text.FormatEx("test-scanner", 7, "fr", nullptr));
     EXPECT_STREQ(text, "No paper.");

@@ -511,7 +511,7 @@ void use_components() {
     constexpr qorCatalogMessage messages[] = {{1, long_text}, {2, "{1} and {2}"}};
     MUST(helper->AddCatalog("inject-slots", messages));
     qorString text;
-    MUST(text.FormatEx("inject-slots", 2, "de", long_text, "more"));
+    MUST(text.Format("inject-slots", 2, long_text, "more"));
     say(text);
     zetSmartPointer<IQORModuleManager> manager;
     qorGetModuleManager(manager.Out());

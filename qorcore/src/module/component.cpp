@@ -72,11 +72,10 @@ bool find_registered(std::string_view name, found_component& out) {
     return provider != providers().end() && out.find(provider->second->components, name);
 }
 
-// Finds one of a module that is loaded. A module that is being started can use what it has registered, and nobody else
-// can.
+// Finds one of a module that is loaded. While a module starts, it alone can use what it has registered.
 bool find_in(record& provider, std::string_view name, found_component& out) {
     const auto hold = take_lock();
-    if (!provider.loading.is_usable() || !out.find(provider.components, name))
+    if ((!provider.loading.is_made() && !is_starting(provider)) || !out.find(provider.components, name))
         return false;
     if (provider.loading.is_made())
         providers().emplace(name, &provider);

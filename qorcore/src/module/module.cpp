@@ -168,6 +168,9 @@ const glue::module_table* enter(const std::string& path, const description& fact
     return table;
 }
 
+// What the calling thread starts; the innermost one.
+thread_local const record* s_starting = nullptr;
+
 // Lets the module register its components.
 bool start(record& which, const glue::module_table& table, const description& facts,
            zetSmartPointer<IQORModuleHelper>& helper) {
@@ -180,7 +183,10 @@ bool start(record& which, const glue::module_table& table, const description& fa
     if (table.start != nullptr) {
         const error::state before = error::current();
         error::set(qorError_none);
-        if (!table.start(*helper)) {
+        const record* const outer = std::exchange(s_starting, &which);
+        const bool is_started = table.start(*helper);
+        s_starting = outer;
+        if (!is_started) {
             error::set(qorError_module_not_started, {which.name.c_str(), last_error_text().c_str()});
             return false;
         }
@@ -316,6 +322,8 @@ bool load(record& which) {
     }
     return table != nullptr; // the helper of a failed attempt ends here, without the lock
 }
+
+bool is_starting(const record& which) noexcept { return s_starting == &which; }
 
 bool find_modules(std::vector<record*>& out) {
     std::vector<std::string> all;

@@ -63,6 +63,9 @@ record& record_of(const std::string& folder, const std::string& name);
 // tries again. Without the lock.
 bool load(record& which);
 
+// Whether the calling thread is inside the start of this module, and not, within that, inside the start of another.
+bool is_starting(const record& which) noexcept;
+
 // The folders in which components are looked for, each with a separator at its end. Under the lock.
 std::vector<std::string>& folders();
 

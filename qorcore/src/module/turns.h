@@ -34,8 +34,6 @@ public:
     void leave(bool is_made) noexcept;
 
     bool is_made() const noexcept { return m_state == state::made; }
-    // Whether the calling thread may use it: it is made, or this thread is the one that makes it.
-    bool is_usable() const noexcept { return is_made() || (is_being_made() && m_maker == std::this_thread::get_id()); }
     bool is_being_made() const noexcept { return m_state == state::being_made; }
 
 private:

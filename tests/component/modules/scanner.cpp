@@ -20,7 +20,10 @@ struct early {
 
 class impossible final : public qor::test::scanner {
 public:
-    impossible() : scanner(0) { throw std::runtime_error("the lamp is missing"); }
+    impossible() : scanner(fail()) {}
+
+private:
+    [[noreturn]] static uint32 fail() { throw std::runtime_error("the lamp is missing"); }
 };
 
 constexpr qorCatalogMessage messages[] = {{1, "{1} lines"}, {7, "No paper."}};

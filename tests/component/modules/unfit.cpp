@@ -1,4 +1,4 @@
-// Modules that were compiled against another framework. KIND says in what it differs. None of their code may run.
+// Modules that were compiled against another framework. MODULE_KIND says in what it differs. None of their code may run.
 #include "qor/glue/module.h"
 #include "qor/qor.h"
 
@@ -10,20 +10,21 @@ constexpr int other_version = 1, longer_table = 2, missing_row = 3, other_row = 
 
 struct early {
     early() {
-        if (std::FILE* const file = std::fopen("ran." NAME, "w"))
+        if (std::FILE* const file = std::fopen("ran." MODULE_NAME, "w"))
             std::fclose(file);
     }
 } s_early;
 
 consteval auto describe() {
-    auto made = qor::glue::describe_module(NAME, "1.0", KIND == other_version ? "4.0.0" : "3.99", "test.unfit.x");
-    if (KIND == longer_table)
+    auto made = qor::glue::describe_module(MODULE_NAME, "1.0", MODULE_KIND == other_version ? "4.0.0" : "3.9.9",
+                                           "test.unfit.x");
+    if (MODULE_KIND == longer_table)
         ++made.head.table_length;
-    if (KIND == missing_row) // what no library has: one of the free numbers
+    if (MODULE_KIND == missing_row) // what no library has: one of the free numbers
         made.rows[0].number = 1;
-    if (KIND == other_row)
+    if (MODULE_KIND == other_row)
         ++made.rows[10].form;
-    if (KIND == other_layout)
+    if (MODULE_KIND == other_layout)
         ++made.head.layout;
     return made;
 }
