@@ -174,7 +174,8 @@ class FilesPosix(Files):
         for kind in KINDS:
             with self.subTest(kind=kind), strange_file(kind, self.module, self.real):
                 lines = self.run_driver("test.scanner.sheet")
-                self.assertRegex(lines[-1], "^(There is no component|test.scanner.sheet: 14)")
+                self.assertRegex(lines[-1], "cannot be loaded: Too many levels of symbolic links" if
+                                 kind == "link to itself" else "^There is no component")
 
     def test_unreadable(self):
         self.module.write_bytes(self.real)
