@@ -2,10 +2,13 @@
 // whole file, or, if it begins with the first byte of a description, the section alone.
 #include "module/description.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <set>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -101,7 +104,8 @@ found find_in_pe(const bytes& file) {
         return {};
     for (uint64 at = table; at != table + count * 40; at += 40)
         if (std::memcmp(&file[static_cast<std::size_t>(at)], "qor_mod", 8) == 0)
-            return from_section(part(file, *number(file, at + 20, 4), std::min(*number(file, at + 8, 4), *number(file, at + 16, 4))));
+            return from_section(
+                part(file, *number(file, at + 20, 4), std::min(*number(file, at + 8, 4), *number(file, at + 16, 4))));
     return {qor::module::find_result::no_description, {}};
 }
 
@@ -119,7 +123,8 @@ bool is_dotted(const std::string& text, std::size_t least, std::size_t longest, 
     for (const char c : text + ".") {
         const bool is_digit = c >= '0' && c <= '9';
         if (c != '.') {
-            if (!is_digit && (digits_only || (std::strchr("_-", c) == nullptr && !(c >= 'a' && c <= 'z') && !(c >= 'A' && c <= 'Z'))))
+            if (!is_digit && (digits_only ||
+                              (std::strchr("_-", c) == nullptr && !(c >= 'a' && c <= 'z') && !(c >= 'A' && c <= 'Z'))))
                 return false;
             part += c;
         } else if (part.empty()) {

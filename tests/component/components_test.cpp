@@ -107,9 +107,9 @@ TEST(components, have_dotted_names) {
         EXPECT_TRUE(helper->Register<scanner_of<4>>(name.c_str())) << name;
         EXPECT_EQ(scan(name.c_str()), 4u) << name;
     }
-    for (const std::string& name : {std::string(), std::string("a"), std::string(".a"), std::string("a."),
-                                    std::string("a..b"), std::string("a.b c"), std::string("a/b.c"),
-                                    std::string("a.\xc3\xa4"), longest + "b"}) {
+    for (const std::string& name :
+         {std::string(), std::string("a"), std::string(".a"), std::string("a."), std::string("a..b"),
+          std::string("a.b c"), std::string("a/b.c"), std::string("a.\xc3\xa4"), longest + "b"}) {
         EXPECT_FALSE(helper->Register<scanner_of<4>>(name.c_str())) << name;
         EXPECT_EQ(scan(name.c_str()), 0u) << name;
         EXPECT_EQ(last_error(), "'" + name +
@@ -171,7 +171,8 @@ TEST(components, tell_why_they_cannot_be_made) {
     EXPECT_EQ(last_error(), "There is not enough memory.");
     shared_counters().fails = false;
     EXPECT_EQ(scan("test.program.throwing"), 0u);
-    EXPECT_EQ(last_error(), "The function of the component 'test.program.throwing' gave neither an object nor a reason.");
+    EXPECT_EQ(last_error(),
+              "The function of the component 'test.program.throwing' gave neither an object nor a reason.");
     EXPECT_EQ(shared_counters().objects, 0);
 
     ASSERT_TRUE(helper->RegisterComponent(
@@ -335,10 +336,9 @@ TEST(components, catalogs_of_the_program) {
     constexpr qorCatalogMessage twice[] = {{2, "two"}, {2, "one"}};
     constexpr qorCatalogMessage empty[] = {{2, ""}};
     constexpr qorCatalogMessage null[] = {{2, nullptr}};
-    for (const std::span<const qorCatalogMessage> each : {std::span<const qorCatalogMessage>(unsorted),
-                                                          std::span<const qorCatalogMessage>(twice),
-                                                          std::span<const qorCatalogMessage>(empty),
-                                                          std::span<const qorCatalogMessage>(null)}) {
+    for (const std::span<const qorCatalogMessage> each :
+         {std::span<const qorCatalogMessage>(unsorted), std::span<const qorCatalogMessage>(twice),
+          std::span<const qorCatalogMessage>(empty), std::span<const qorCatalogMessage>(null)}) {
         EXPECT_FALSE(helper->AddCatalog("test-bad", each));
         EXPECT_EQ(last_error(), "AddCatalog was called with an invalid argument: messages.");
     }

@@ -28,8 +28,7 @@ inline counters& shared_counters() { return *qorGetGlobalSlot<counters>("test.co
 
 class scanner : public qor::object<IQORScanner> {
 public:
-    explicit scanner(uint32 factor)
-        : object("test.scanner", "qor::test::IQORScanner"), m_factor(factor) {
+    explicit scanner(uint32 factor) : object("test.scanner", "qor::test::IQORScanner"), m_factor(factor) {
         ++shared_counters().objects;
     }
     ~scanner() override { --shared_counters().objects; }

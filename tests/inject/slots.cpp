@@ -541,7 +541,7 @@ constexpr script scripts[] = {
     {"process", use_process},   {"host", use_host},         {"network", use_network},       {"time", use_time},
     {"digest", use_digest},     {"folders", use_folders},   {"containers", use_containers}, {"config", use_config},
     {"store", use_store},       {"threads", use_threads},   {"timers", use_timers},         {"children", use_children},
-    {"log", use_log},           {"services", use_services},       {"components", use_components},
+    {"log", use_log},           {"services", use_services}, {"components", use_components},
 };
 
 struct outcome {

@@ -46,8 +46,8 @@ struct built_in {
 // The framework's catalogs with their English messages.
 std::span<const built_in> english() noexcept;
 
-// Adds a catalog of a module or a program, for as long as the process lives; the texts are copied. Returns false if there
-// is another one of this name. Any thread.
+// Adds a catalog of a module or a program, for as long as the process lives; the texts are copied. Returns false if
+// there is another one of this name. Any thread.
 bool add(std::string_view name, std::span<const message> messages, std::string_view folder);
 
 // Returns the catalog of this name, of whomever, or null.

@@ -72,8 +72,7 @@ find_result find_in_elf(file_bytes& file, std::string& section) {
     const uint64 table = form.get(header + form.section_table);
     const std::size_t count = number<uint16>(header + form.entry_size + 2);
     const std::size_t names_index = number<uint16>(header + form.entry_size + 4);
-    if (count > most_sections || names_index >= count ||
-        number<uint16>(header + form.entry_size) != form.section_size)
+    if (count > most_sections || names_index >= count || number<uint16>(header + form.entry_size) != form.section_size)
         return find_result::no_library;
 
     std::string sections(count * form.section_size, '\0');
@@ -94,8 +93,7 @@ find_result find_in_elf(file_bytes& file, std::string& section) {
     for (std::size_t i = 0; i < count; ++i) {
         const uint32 name = number<uint32>(entry(i));
         if (name < names_size && type_of(i) != no_bits && std::strcmp(names.data() + name, section_name.data()) == 0)
-            return read_section(file, offset_of(i), size_of(i), section) ? find_result::found
-                                                                         : find_result::no_library;
+            return read_section(file, offset_of(i), size_of(i), section) ? find_result::found : find_result::no_library;
     }
     return find_result::no_description;
 }

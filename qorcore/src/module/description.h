@@ -46,8 +46,8 @@ struct description {
 // Takes such a section apart. Returns false if it is no description, or one of a form that this library does not know.
 bool parse_description(std::string_view section, description& out);
 
-// Returns why a module with this description cannot work with the library whose version and table these are; empty if it
-// can.
+// Returns why a module with this description cannot work with the library whose version and table these are; empty if
+// it can.
 std::string objection(const description& module, std::string_view version, uint32 table_length,
                       const std::vector<glue::module_row>& rows);
 

@@ -46,7 +46,8 @@ public:
             return false;
         }
         static unsigned long long last_id = 0;
-        const auto [place, is_new] = table().try_emplace(name, registration{factory, context, this, m_name, last_id + 1});
+        const auto [place, is_new] =
+            table().try_emplace(name, registration{factory, context, this, m_name, last_id + 1});
         if (!is_new) {
             error::set(qorError_component_taken, {name, place->second.owner_name.c_str()});
             return false;

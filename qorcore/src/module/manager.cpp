@@ -51,8 +51,8 @@ private:
     std::vector<qorModuleInfo> m_modules;
 };
 
-// What is against each of these modules, in their order. Of several files with one module, only one can be used: the one
-// that is loaded, or else the first. Under the lock.
+// What is against each of these modules, in their order. Of several files with one module, only one can be used: the
+// one that is loaded, or else the first. Under the lock.
 std::vector<refusal> refusals(const std::vector<record*>& all) {
     std::map<std::string_view, const record*> first;
     for (const record* const each : all)

@@ -38,7 +38,8 @@ struct refusal {
 // A module, loaded or not. Records are never destroyed. Everything but the first three is under the lock; `helper` and
 // `table` do not change any more once the module is loaded.
 struct record {
-    record(std::string in, std::string base) : path(in + base + file_extension), folder(std::move(in)), name(std::move(base)) {}
+    record(std::string in, std::string base)
+        : path(in + base + file_extension), folder(std::move(in)), name(std::move(base)) {}
 
     const std::string path;
     const std::string folder; // with a separator at its end

@@ -89,7 +89,8 @@ void forget_other_threads() noexcept {
 
 namespace {
 
-[[maybe_unused]] const bool s_watches_forks = (platform::watch_forks(before_fork, in_parent, forget_other_threads), true);
+[[maybe_unused]] const bool s_watches_forks =
+    (platform::watch_forks(before_fork, in_parent, forget_other_threads), true);
 
 } // namespace
 
@@ -102,8 +103,8 @@ void tell_change() noexcept { all().changed.notify_all(); }
 turn::outcome turn::enter(std::unique_lock<std::mutex>& hold) {
     shared& own = all();
     const std::thread::id self = std::this_thread::get_id();
-    // Follows what the maker waits for, and the maker of that. No such way leads in a circle, since each step was looked
-    // at before somebody began to wait.
+    // Follows what the maker waits for, and the maker of that. No such way leads in a circle, since each step was
+    // looked at before somebody began to wait.
     const auto waits_for_self = [&](std::thread::id thread) {
         for (;;) {
             if (thread == self)

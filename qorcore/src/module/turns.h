@@ -28,8 +28,8 @@ public:
         circular, // the caller would wait for itself
     };
 
-    // Waits while another thread makes it. A forked child forgets the threads of its parent, so what they were making is
-    // not made there.
+    // Waits while another thread makes it. A forked child forgets the threads of its parent, so what they were making
+    // is not made there.
     outcome enter(std::unique_lock<std::mutex>& hold);
     void leave(bool is_made) noexcept;
 
@@ -55,8 +55,8 @@ public:
     ~in_loader();
 };
 
-// A call of a component's function, which has this number. Begins and ends with the lock held; is_running() says whether
-// another thread is inside such a call.
+// A call of a component's function, which has this number. Begins and ends with the lock held; is_running() says
+// whether another thread is inside such a call.
 class running_call {
 public:
     explicit running_call(unsigned long long id) noexcept;

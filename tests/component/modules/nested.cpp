@@ -1,5 +1,5 @@
-// Modules that want components while they start. MODULE_WANTS is a component, and MODULE_FACTOR makes the module's own scanner
-// different from others; MODULE_SLOW waits for the test.
+// Modules that want components while they start. MODULE_WANTS is a component, and MODULE_FACTOR makes the module's own
+// scanner different from others; MODULE_SLOW waits for the test.
 #include "component/scanner.h"
 #include "qor/glue/module.h"
 

@@ -1,4 +1,5 @@
-// Modules that were compiled against another framework. MODULE_KIND says in what it differs. None of their code may run.
+// Modules that were compiled against another framework. MODULE_KIND says in what it differs. None of their code may
+// run.
 #include "qor/glue/module.h"
 #include "qor/qor.h"
 

@@ -54,8 +54,7 @@ using module_point = const module_table*(const binding_table* table) noexcept;
 // the components that it registers:
 //
 //     QOR_MODULE("vendor-scanner", "1.2.0", start, "vendor.scanner.flatbed", "vendor.scanner.sheet")
-#define QOR_MODULE(NAME, VERSION, START, ...)                                                                          \
-    QOR_MODULE_TABLE(NAME, VERSION, nullptr, START __VA_OPT__(, ) __VA_ARGS__)
+#define QOR_MODULE(NAME, VERSION, START, ...) QOR_MODULE_TABLE(NAME, VERSION, nullptr, START __VA_OPT__(, ) __VA_ARGS__)
 
 // The same for a module of libqor's own, whose version is that of the framework.
 #define QOR_OWN_MODULE(NAME, CREATE_OBJECT, START)                                                                     \

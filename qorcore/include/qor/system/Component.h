@@ -79,13 +79,14 @@ public:
     [[nodiscard]] virtual bool AddCatalog(const char* catalog, const qorCatalogMessage* messages,
                                           uint32 count) noexcept = 0;
 
-    // Registers a class that is derived from qor::object, or from any implementation of one interface whose objects are
-    // created with QOR_NEW. Each component is a new object. What its constructor throws is an error of the creation.
+    // Registers a class that is derived from qor::object, or from another implementation of one interface whose objects
+    // are created with QOR_NEW. Each component is a new object. What its constructor throws is an error of the creation.
     template <class OBJECT>
-        requires std::convertible_to<OBJECT*, IQORInterface*>
+    requires std::convertible_to<OBJECT*, IQORInterface*>
     [[nodiscard]] bool Register(const char* name) noexcept {
         return RegisterComponent(name, &qor::glue::make_component<OBJECT>, nullptr);
     }
+    // The same as above, for an array of messages.
     [[nodiscard]] bool AddCatalog(const char* catalog, std::span<const qorCatalogMessage> messages) noexcept {
         return AddCatalog(catalog, messages.data(), static_cast<uint32>(messages.size()));
     }
@@ -96,7 +97,7 @@ protected:
 
 // Gets a helper for the program, or for a library of its own kind that is no module. `folder` is the absolute path of
 // its files; null for the folder of the running program. Returns false if the name or the version is not one (last
-// error). Throws nothing. docs/components.md says when a program needs it.
+// error).
 [[nodiscard]] inline bool qorCreateModuleHelper(const char* name, const char* version, const char* folder,
                                                 IQORModuleHelper** out) noexcept {
     return qor::glue::qorCreateModuleHelper(name, version, folder, out);
@@ -145,6 +146,7 @@ struct qorModuleInfo {
 // The modules at one moment. Any thread may use it.
 class IQORModuleList : public IQORInterface {
 public:
+    // The number of modules.
     virtual uint32 GetCount() noexcept = 0;
     // The first of them; they lie one behind the other, in the order in which they are searched.
     virtual const qorModuleInfo* GetModules() noexcept = 0;
