@@ -74,13 +74,15 @@ public:
     virtual bool UnregisterComponent(const char* name) noexcept = 0;
 
     // Adds a catalog of messages, for qorString::Format, fputmsg and their like. `messages` are sorted by number, none
-    // is empty, and all are copied. Other languages lie in the helper's folder in files such as `vendor-scanner.de.msg`
-    // (docs/messages.md). A catalog stays until the process ends; adding the same one again changes nothing.
+    // is empty, and all are copied. Other languages lie in the helper's folder, in UTF-8 files with a line for each
+    // number and its text: `vendor-scanner.de.msg` with `1 {1} Zeilen`. A text whose inserts are not those of the
+    // English one does not count. A catalog stays until the process ends; adding the same one again changes nothing.
     [[nodiscard]] virtual bool AddCatalog(const char* catalog, const qorCatalogMessage* messages,
                                           uint32 count) noexcept = 0;
 
     // Registers a class that is derived from qor::object, or from another implementation of one interface whose objects
-    // are created with QOR_NEW. Each component is a new object. What its constructor throws is an error of the creation.
+    // are created with QOR_NEW. Each component is a new object. An exception of its constructor is an error of whoever
+    // creates it.
     template <class OBJECT>
     requires std::convertible_to<OBJECT*, IQORInterface*>
     [[nodiscard]] bool Register(const char* name) noexcept {
