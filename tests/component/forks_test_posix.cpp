@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <sys/wait.h>
 #include <thread>
@@ -117,15 +118,22 @@ TEST(posix_components, forks_beside_first_uses) {
     zetSmartPointer<IQORModuleManager> manager;
     qorGetModuleManager(manager.Out());
     ASSERT_TRUE(manager->AddFolder((std::filesystem::path(QOR_TEST_MODULES) / "good").c_str()));
-    std::thread other([] {
-        zetSmartPointer<IQORScanner> made;
-        EXPECT_TRUE(qorCreateComponent("test.nested.x", made.Out()));
+    std::atomic<bool> is_over{false};
+    std::thread other([&] {
+        while (!is_over) {
+            zetSmartPointer<IQORScanner> made;
+            EXPECT_TRUE(qorCreateComponent("test.nested.x", made.Out()));
+            qorStringArray names;
+            EXPECT_TRUE(manager->GetComponents(names));
+            manager->GetFolders(names);
+        }
     });
     for (int i = 0; i < 30; ++i)
         EXPECT_TRUE(in_child([] {
             zetSmartPointer<IQORScanner> made;
             return qorCreateComponent("test.scanner.sheet", made.Out()) && made->Scan(1) == 2;
         }));
+    is_over = true;
     other.join();
 }
 

@@ -52,22 +52,27 @@ private:
 };
 
 // What is against each of these modules, in their order. Of several files with one module, only one can be used: the
-// one that is loaded, or else the first. Under the lock.
+// one that is loaded, or else the first.
 std::vector<refusal> refusals(const std::vector<record*>& all) {
-    std::map<std::string_view, const record*> first;
-    for (const record* const each : all)
-        if (const record*& place = first[each->name]; place == nullptr || each->loading.is_made())
-            place = each;
-    std::vector<refusal> found;
-    for (const record* const each : all) {
-        const record* const other = first[each->name];
-        if (each->loading.is_made())
-            found.emplace_back();
-        else if (other != each && !each->why)
-            found.push_back(taken_by(*other));
-        else
-            found.push_back(each->why);
+    std::vector<refusal> found(all.size());
+    std::vector<const record*> others(all.size()); // the one with the same name, where that is the reason
+    {
+        const auto hold = take_lock();
+        std::map<std::string_view, const record*> usable;
+        for (const record* const each : all)
+            if (const record*& place = usable[each->name]; place == nullptr || each->loading.is_made())
+                place = each;
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            if (all[i]->loading.is_made())
+                continue;
+            found[i] = all[i]->why;
+            if (const record* const other = usable[all[i]->name]; other != all[i] && !found[i])
+                others[i] = other;
+        }
     }
+    for (std::size_t i = 0; i < all.size(); ++i)
+        if (others[i] != nullptr)
+            found[i] = taken_by(*others[i]);
     return found;
 }
 
@@ -99,9 +104,13 @@ public:
     }
 
     void GetFolders(qorStringArray& out) noexcept override {
+        std::vector<std::string> all;
+        {
+            const auto hold = take_lock();
+            all = folders();
+        }
         out.Empty();
-        const auto hold = take_lock();
-        for (const std::string& each : folders())
+        for (const std::string& each : all)
             out.Append(each.c_str());
     }
 
@@ -113,8 +122,8 @@ public:
         module_list* made = nullptr;
         if (!memory::make<module_list>(source, __LINE__, &made))
             return false;
-        const auto hold = take_lock();
         const std::vector<refusal> why = refusals(all);
+        const auto hold = take_lock();
         for (std::size_t i = 0; i < all.size(); ++i)
             made->add(*all[i], why[i]);
         *out = made;
@@ -126,12 +135,12 @@ public:
         std::vector<record*> all;
         if (!find_modules(all))
             return false;
+        const std::vector<refusal> why = refusals(all);
         std::set<std::string> names;
         {
             const auto hold = take_lock();
             for (const auto& [name, how] : program_components())
                 names.insert(name);
-            const std::vector<refusal> why = refusals(all);
             for (std::size_t i = 0; i < all.size(); ++i)
                 if (!why[i])
                     names.insert(all[i]->facts.components.begin(), all[i]->facts.components.end());

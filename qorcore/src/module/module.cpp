@@ -201,13 +201,14 @@ bool start(record& which, const glue::module_table& table, const description& fa
     return true;
 }
 
-// Refuses a module whose name one has that is loaded, or is about to be. Under the lock.
-refusal claim_name(record& which) {
+// Returns a module with the same name that is loaded, or is about to be; null if this one may be loaded. Under the
+// lock.
+const record* claim_name(record& which) {
     record*& named = known().by_name[which.name];
     if (named != nullptr && named != &which && (named->loading.is_made() || named->loading.is_being_made()))
-        return taken_by(*named);
+        return named;
     named = &which;
-    return {};
+    return nullptr;
 }
 
 // What the thread does whose turn it is. Returns null and sets the last error on failure, and `why` if the file is at
@@ -223,12 +224,15 @@ const glue::module_table* load_now(record& which, refusal& why, zetSmartPointer<
     if (!why) {
         description kept = facts;
         kept.bytes = {};
-        const auto hold = take_lock();
+        auto hold = take_lock();
         // The helper checks against what stands here.
         which.facts = std::move(kept);
         which.file = status;
         which.is_examined = true;
-        why = claim_name(which);
+        const record* const other = claim_name(which);
+        hold.unlock();
+        if (other != nullptr)
+            why = taken_by(*other);
     }
     const glue::module_table* const table = why ? nullptr : enter(which.path, facts, why);
     if (why) {

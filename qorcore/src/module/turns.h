@@ -7,8 +7,8 @@
 
 namespace qor::module {
 
-// The lock of everything in this folder. No call to a client or to the system's loader is made with it held. A fork
-// waits for it.
+// The lock of everything in this folder. A fork waits for it, when it holds the locks of other facilities: with this
+// one held, nothing may be called that takes another, such as a client, the system's loader or the tracked allocator.
 std::unique_lock<std::mutex> take_lock() noexcept;
 
 // Waits until another thread changes something; tell_change() says so. Both with the lock held.
