@@ -23,7 +23,7 @@ options = None
 COMMON = [str(errno.EINTR), str(errno.EIO), str(errno.ENOMEM)]
 CALLS = {"open": [*COMMON, str(errno.EMFILE), str(errno.EACCES)], "fstat": [str(errno.EIO)],
          "statx": [str(errno.EIO), str(errno.EACCES)], "pread": [*COMMON, "short"],
-         "getdents64": [str(errno.EIO)], "close": [str(errno.EIO)], "mmap": [str(errno.ENOMEM)]}
+         "getdents64": [str(errno.EIO)], "close": [str(errno.EIO)]}
 
 
 class Components(unittest.TestCase):
@@ -42,6 +42,10 @@ class Components(unittest.TestCase):
                               capture_output=True, text=True)
         return done.returncode, done.stdout.splitlines(), done.stderr, self.report.exists()
 
+    def reason(self, result):
+        """Returns what a run must have said: the system's reason, or that of the loader."""
+        return "only part of one|cannot|not be|" + ("" if result == "short" else os.strerror(int(result)))
+
     def test_each_call(self):
         code, plain, errors, _ = self.play({})
         self.assertEqual((code, plain[-2:], errors), (0, ["test.nested.x: 35", "test.scanner.flatbed: 7"], ""))
@@ -56,7 +60,7 @@ class Components(unittest.TestCase):
                         # 1: the folder cannot be used; 100 and 127: libqor or the C library cannot be loaded.
                         self.assertIn(code, (0, 1, 100, 127), (lines, errors))
                         if code == 1 or (code == 0 and lines != plain):
-                            self.assertRegex("\n".join([*lines, errors]), r"cannot|Cannot|could not|no component|\bnot\b")
+                            self.assertRegex("\n".join([*lines, errors]), self.reason(result))
                         if result in ("short", str(errno.EINTR)) and code == 0:
                             self.assertEqual(lines, plain)
                     if not has_fired:
