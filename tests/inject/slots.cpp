@@ -518,6 +518,43 @@ void use_log() {
         std::printf("%.*s\n", static_cast<int>(std::strcspn(line, "\n")), line);
 }
 
+class thing final : public qor::object<IQORInterface> {
+public:
+    thing() : object("inject.thing", "IQORInterface") {}
+};
+
+struct counted {
+    qorString text{long_text};
+};
+
+void use_components() {
+    zetSmartPointer<IQORModuleHelper> helper;
+    MUST(qorCreateModuleHelper("inject-slots", "1.0", nullptr, helper.Out()));
+    MUST(helper->Register<thing>("inject.slots.thing-with-a-rather-long-name"));
+    zetSmartPointer<IQORInterface> made;
+    MUST(qorCreateComponent("inject.slots.thing-with-a-rather-long-name", made.Out()));
+    constexpr qorCatalogMessage messages[] = {{1, long_text}, {2, "{1} and {2}"}};
+    MUST(helper->AddCatalog("inject-slots", messages));
+    qorString text;
+    MUST(text.Format("inject-slots", 2, long_text, "more"));
+    say(text);
+    zetSmartPointer<IQORModuleManager> manager;
+    qorGetModuleManager(manager.Out());
+    MUST(manager->AddFolder("/usr"));
+    zetSmartPointer<IQORModuleList> modules;
+    MUST(manager->GetModules(modules.Out()));
+    for (const qorModuleInfo& each : modules->Modules())
+        say(each.name);
+    MUST(manager->LoadModule("qor-network"));
+    if (!qorCreateComponent("inject.slots.unknown", made.Out()))
+        say_failure(qorError_component_unknown);
+    const counted* const value = qorGetGlobalSlot<counted>("inject.counted");
+    MUST(value != nullptr);
+    say(value->text);
+    MUST(helper->UnregisterComponent("inject.slots.thing-with-a-rather-long-name"));
+    qorCleanup();
+}
+
 struct script {
     const char* name;
     void (*run)();
@@ -529,7 +566,7 @@ constexpr script scripts[] = {
     {"process", use_process},   {"host", use_host},         {"network", use_network},       {"time", use_time},
     {"digest", use_digest},     {"folders", use_folders},   {"containers", use_containers}, {"config", use_config},
     {"store", use_store},       {"threads", use_threads},   {"timers", use_timers},         {"children", use_children},
-    {"log", use_log},           {"services", use_services}, {"serial", use_serial},
+    {"log", use_log},           {"services", use_services}, {"serial", use_serial},         {"components", use_components},
 };
 
 struct outcome {

@@ -34,16 +34,15 @@ bool create_object(const char* interface_name, const char* kind, void** out) noe
     return false;
 }
 
-constexpr qor::glue::module_table table = {&create_object};
+bool start(IQORModuleHelper*) noexcept {
+    // Do not clean up OpenSSL at exit: a thread of ours may still use it while the process ends. If the default context
+    // could not be allocated, most OpenSSL functions would access invalid memory.
+    if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1 && OSSL_LIB_CTX_get0_global_default() != nullptr)
+        return true;
+    qorSetLastError(qorError_out_of_memory);
+    return false;
+}
 
 } // namespace
 
-extern "C" const qor::glue::module_table* glue_module_point(const qor::glue::binding_table* library) noexcept {
-    if (!qor::glue::bind_module(library))
-        return nullptr;
-    // Do not clean up OpenSSL at exit: a thread of ours may still use it while the process ends. If the default context
-    // could not be allocated, most OpenSSL functions would access invalid memory.
-    if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1 || OSSL_LIB_CTX_get0_global_default() == nullptr)
-        return nullptr;
-    return &table;
-}
+QOR_OWN_MODULE("qor-openssl", &create_object, &start)
