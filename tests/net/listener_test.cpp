@@ -426,8 +426,8 @@ TEST(listener, what_is_no_address_of_this_host_is_refused) {
     const auto ignore = [](IQORIPConnection&) {};
     for (const char* const text : {"localhost", "127.1", "[::1]", "::1%", "1.2.3.4:80"}) {
         EXPECT_FALSE(listener.Begin({.address = text}, ignore));
-        EXPECT_EQ(last_error(), std::string("qorCreateIPPortListener was called with an invalid argument: ") + text +
-                                    ".");
+        EXPECT_EQ(last_error(),
+                  std::string("qorCreateIPPortListener was called with an invalid argument: ") + text + ".");
     }
     EXPECT_FALSE(listener.Begin({.address = "192.0.2.1"}, ignore));
     EXPECT_EQ(last_error().rfind("Cannot listen at 192.0.2.1 port 0: ", 0), 0u) << last_error();
@@ -604,7 +604,8 @@ TEST(listener_queue, calls_on_the_thread_that_runs_the_event) {
 TEST(listener_queue, a_dropped_event_closes_its_connection) {
     const auto own = new_queue();
     qorIPPortListener listener;
-    ASSERT_TRUE(listener.Begin(local, [](IQORIPConnection&) { ADD_FAILURE(); }, *own));
+    ASSERT_TRUE(listener.Begin(
+        local, [](IQORIPConnection&) { ADD_FAILURE(); }, *own));
     peer other(listener.Port());
     auto event = own->take();
     EXPECT_EQ(listener.Counts().open, 1u);
@@ -617,7 +618,8 @@ TEST(listener_queue, the_events_of_a_closed_listener_do_nothing) {
     const auto own = new_queue();
     std::atomic<int> targets{0};
     qorIPPortListener listener;
-    ASSERT_TRUE(listener.Begin(local, [self = alive(targets)](IQORIPConnection&) { ADD_FAILURE(); }, *own));
+    ASSERT_TRUE(listener.Begin(
+        local, [self = alive(targets)](IQORIPConnection&) { ADD_FAILURE(); }, *own));
     peer other(listener.Port());
     const auto event = own->take();
     EXPECT_TRUE(listener.Close());
@@ -631,7 +633,8 @@ TEST(listener_queue, a_slow_one_is_bounded_by_the_limits) {
     qorIPPortOptions options = local;
     options.connections = 4;
     qorIPPortListener listener;
-    ASSERT_TRUE(listener.Begin(options, [](IQORIPConnection&) {}, *own));
+    ASSERT_TRUE(listener.Begin(
+        options, [](IQORIPConnection&) {}, *own));
     std::vector<peer> peers;
     for (int i = 0; i < 20; ++i)
         peers.emplace_back(listener.Port());

@@ -14,9 +14,10 @@ class peer {
 public:
     // Connects to a port of this host, from its usual address or from another one of 127.0.0.0/8.
     explicit peer(uint16 port, qorAddressFamily family = qorAddressFamily::ipv4, const char* from = nullptr);
-    peer(peer&& other) noexcept : m_socket(std::exchange(other.m_socket, -1)) {}
+    peer(peer&& other) noexcept : m_socket(std::exchange(other.m_socket, -1)), m_is_reset(other.m_is_reset) {}
     peer& operator=(peer&& other) noexcept {
         std::swap(m_socket, other.m_socket);
+        std::swap(m_is_reset, other.m_is_reset);
         return *this;
     }
     ~peer() { close(); }
@@ -36,6 +37,7 @@ public:
 
 private:
     std::intptr_t m_socket = -1;
+    bool m_is_reset = false; // even before it knew that it was connected
 };
 
 // Closes a socket that a connection has given away.

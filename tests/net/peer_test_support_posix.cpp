@@ -1,6 +1,7 @@
 #include "net/peer_test_support.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,6 +34,7 @@ qor::test::peer::peer(uint16 port, qorAddressFamily family, const char* from) {
     in6.sin6_port = htons(port);
     const int failed = is_ipv4 ? connect(made, reinterpret_cast<const sockaddr*>(&in), sizeof in)
                                : connect(made, reinterpret_cast<const sockaddr*>(&in6), sizeof in6);
+    m_is_reset = failed != 0 && errno == ECONNRESET;
     if (failed == 0)
         m_socket = made;
     else
@@ -69,6 +71,8 @@ std::string qor::test::peer::receive(std::size_t count) {
 }
 
 bool qor::test::peer::is_ended() {
+    if (m_is_reset)
+        return true;
     char byte;
     const ssize_t got = recv(number_of(m_socket), &byte, 1, 0);
     return got == 0 || (got < 0 && errno == ECONNRESET);

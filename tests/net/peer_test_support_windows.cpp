@@ -33,6 +33,7 @@ qor::test::peer::peer(uint16 port, qorAddressFamily family, const char* from) {
     in6.sin6_port = htons(port);
     const int failed = is_ipv4 ? connect(made, reinterpret_cast<const sockaddr*>(&in), sizeof in)
                                : connect(made, reinterpret_cast<const sockaddr*>(&in6), sizeof in6);
+    m_is_reset = failed != 0 && (WSAGetLastError() == WSAECONNRESET || WSAGetLastError() == WSAECONNABORTED);
     if (failed == 0)
         m_socket = static_cast<std::intptr_t>(made);
     else
@@ -69,6 +70,8 @@ std::string qor::test::peer::receive(std::size_t count) {
 }
 
 bool qor::test::peer::is_ended() {
+    if (m_is_reset)
+        return true;
     char byte;
     const int got = recv(number_of(m_socket), &byte, 1, 0);
     const int code = WSAGetLastError();

@@ -1,4 +1,4 @@
-// Listeners on a port of TCP, and the connections that they accept. docs/network.md has examples.
+// Listeners on a port of TCP, and the connections that they accept. docs/listeners.md has an example.
 //
 // One thread of the framework, which the first listener starts, accepts the connections of all listeners. It receives
 // no signals, and sleeps where nothing arrives. It calls the targets of listeners without a queue one after the other.

@@ -1,5 +1,5 @@
 // Where a service is, as one text: "example.org:https", "[fe80::1%eth0]:80", ":8080", "unix:/run/x.sock", "pipe:x".
-// docs/network.md describes the forms.
+// docs/listeners.md describes the forms.
 #pragma once
 
 #include "qor/glue/binding.h"
