@@ -72,8 +72,8 @@ std::string qor::test::peer::receive(std::size_t count) {
 bool qor::test::peer::is_ended() {
     if (m_is_reset)
         return true;
-    char byte;
-    const int got = recv(number_of(m_socket), &byte, 1, 0);
+    char next;
+    const int got = recv(number_of(m_socket), &next, 1, 0);
     const int code = WSAGetLastError();
     return got == 0 || (got < 0 && (code == WSAECONNRESET || code == WSAECONNABORTED));
 }

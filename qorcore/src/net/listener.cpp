@@ -204,7 +204,10 @@ bool pass_on(accepter& own, const listener_pointer& which, stream& made, const q
 // Accepts what waits at a socket. Returns false in a child that a target has forked.
 bool accept_some(accepter& own, const listener_pointer& which, std::size_t socket,
                  std::unique_lock<std::mutex>& hold) noexcept {
-    for (int i = 0; i < at_a_time && !which->is_closed && !which->is_broken; ++i) {
+    const auto is_served = [&] {
+        return !which->is_closed && !which->is_broken && which->paused_until == steady::time_point();
+    };
+    for (int i = 0; i < at_a_time && is_served(); ++i) {
         stream made;
         qorIPEndpoint from;
         qorIPEndpoint at;
