@@ -102,10 +102,12 @@ void in_child() noexcept {
     s_accepter.store(fresh);
 }
 
-[[maybe_unused]] const bool s_watches_forks = (qor::platform::watch_forks(before_fork, in_parent, in_child), true);
-
-// Takes no lock, which a fork could leave behind.
+// Takes no lock, which a fork could leave behind. To be called after the first request to the allocator: objects are
+// made with our lock held, so a fork has to take it before that of the allocator, which begins to watch forks with the
+// first request. Whoever watches last is asked first.
 accepter& the_accepter() {
+    [[maybe_unused]] static const bool watches_forks =
+        (qor::platform::watch_forks(before_fork, in_parent, in_child), true);
     accepter* known = s_accepter.load();
     if (known != nullptr)
         return *known;
@@ -434,12 +436,12 @@ bool qor::glue::qorCreateIPPortListener(const qorIPPortOptions& options, IQORIPC
         return false;
     }
     const auto made = std::make_shared<listener>();
-    accepter& own = the_accepter();
-    made->owner = &own;
     made->counted = std::make_shared<tally>(options.connections, options.connections_of_source);
     zetSmartPointer<ip_port_listener> object;
     if (!memory::make<ip_port_listener>(source, __LINE__, object.Out(), made))
         return false;
+    accepter& own = the_accepter();
+    made->owner = &own;
     std::unique_lock hold(own.lock);
     // Later, the thread itself looks after the bell.
     if (const int code = own.has_thread ? 0 : own.bell.open()) {

@@ -132,7 +132,13 @@ qor::net::acceptance qor::net::listening_socket::accept(stream& out, qorIPEndpoi
     return acceptance::made;
 }
 
-void qor::net::listening_socket::close() noexcept { close_handle(m_socket); }
+// A child that was just forked may still have the socket, and so has one that has not yet executed its program. So the
+// port is given up, not only the descriptor.
+void qor::net::listening_socket::close() noexcept {
+    if (is_ours(m_socket))
+        (void)shutdown(number_of(m_socket), SHUT_RDWR);
+    close_handle(m_socket);
+}
 
 int qor::net::bell::open() noexcept {
     if (is_ours(m_ends[0]) && is_ours(m_ends[1]))

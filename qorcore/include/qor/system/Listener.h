@@ -234,7 +234,7 @@ public:
         using target = qor::glue::connection_target<std::decay_t<FUNCTION>>;
         zetSmartPointer<target> made;
         made.AttachNew(QOR_NEW target(std::forward<FUNCTION>(function)));
-        return qorCreateIPPortListener(options, *made, queue, m_listener.Out());
+        return qor::glue::qorCreateIPPortListener(options, *made, queue, m_listener.Out());
     }
 
     // Like qorCloseListener.
