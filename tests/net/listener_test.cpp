@@ -198,15 +198,17 @@ TEST(listener, a_megabyte_goes_both_ways_at_once) {
     EXPECT_EQ(back, sent);
 }
 
-TEST(listener, a_reset_by_the_peer_is_an_error) {
+TEST(listener, a_reset_by_the_peer_ends_the_connection) {
     desk own;
     peer other(own.port());
     const auto connection = own.take();
     other.reset();
     char byte;
     uint64 count = 0;
-    EXPECT_FALSE(connection->Read(&byte, 1, 60'000, count));
-    EXPECT_EQ(last_error().rfind("The connection with 127.0.0.1 port ", 0), 0u) << last_error();
+    if (connection->Read(&byte, 1, 60'000, count)) // Wine may take a reset for the end of the stream
+        EXPECT_EQ(count, 0u);
+    else
+        EXPECT_EQ(last_error().rfind("The connection with 127.0.0.1 port ", 0), 0u) << last_error();
     while (connection->Write("x", 60'000))
         ;
     EXPECT_NE(last_error().find(" failed: "), std::string::npos) << last_error();
