@@ -14,7 +14,6 @@ using line_driver::hexadecimal;
 using line_driver::words;
 
 void add(std::string& answer, std::string_view word) { answer.append(" ").append(hexadecimal(word)); }
-void add(std::string& answer, const qorString& word) { add(answer, std::string_view(word.Text(), word.Length())); }
 void add(std::string& answer, uint64 number) { add(answer, std::to_string(number)); }
 
 bool parse(const words& given, std::string& answer) {
