@@ -14,9 +14,12 @@
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <string>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -338,6 +341,14 @@ void use_host() {
     std::printf("%llu\n", qor_get_simd_alignment());
 }
 
+// Prints the error of an operation that must have failed for this reason.
+void say_failure(uint32 expected) {
+    qorString text;
+    if (qorGetLastError(text) != expected)
+        fail("another failure");
+    say(text);
+}
+
 void use_network() {
     zetSmartPointer<IQORHostAddressList> found;
     MUST(qorLookupHost("192.0.2.7", found.Out()));
@@ -352,6 +363,52 @@ void use_network() {
     zetSmartPointer<IQORNetInterfaceList> all;
     MUST(qorEnumerateNetInterfaces(all.Out()));
     std::printf("%u\n", all->GetCount());
+    std::vector<qorLocalAddress> addresses;
+    MUST(qorGetLocalAddresses(addresses));
+    std::printf("%zu\n", addresses.size());
+    MUST(qorGetHostDNSName("localhost", text));
+    say(text);
+    for (const char* const each : {"tcp://example.org:80", "[2001:db8::1]:1", "unix:/run/a path that needs a block"}) {
+        qorServiceDescriptor service;
+        MUST(qorParseServiceDescriptor(each, service));
+        service.GetText(text);
+        say(text);
+    }
+    qorServiceDescriptor none;
+    if (!qorParseServiceDescriptor(long_text, none))
+        say_failure(qorError_descriptor_syntax);
+}
+
+// Connects to a port of this host, sends a word, and prints what comes back up to the end.
+void call(uint16 port) {
+    const int peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.sin_port = htons(port);
+    char bytes[10] = {};
+    if (connect(peer, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0 ||
+        send(peer, "word", 4, MSG_NOSIGNAL) != 4 || recv(peer, bytes, 4, MSG_WAITALL) != 4)
+        std::_Exit((std::fputs("no answer\n", stderr), 1));
+    close(peer);
+    say(bytes);
+}
+
+void use_listeners() {
+    qorIPPortListener listener;
+    MUST(listener.Begin({.address = "127.0.0.1"}, [](IQORIPConnection& connection) {
+        char bytes[4];
+        uint64 count = 0;
+        if (connection.Read(bytes, sizeof bytes, 60'000, count))
+            (void)connection.Write(std::string_view(bytes, static_cast<std::size_t>(count)), 60'000);
+    }));
+    call(listener.Port());
+    qorIPPortListener second;
+    qorString text; // names the port, which is another one in each run
+    if (second.Begin({.address = "127.0.0.1", .port = listener.Port()}, [](IQORIPConnection&) {}) ||
+        qorGetLastError(text) != qorError_cannot_listen)
+        fail("another failure");
+    std::printf("%d\n", listener.Close());
 }
 
 void use_time() {
@@ -423,14 +480,6 @@ void use_containers() {
     const qorAutoLockRead read(lock);
     std::printf("%u %llu %llu %llu %d\n", texts->GetCount(), copy->GetCount(), numbers->GetCount(),
                 merged->FindGap(7).value_or(0), read.IsHeld());
-}
-
-// Prints the error of an operation that must have failed for this reason.
-void say_failure(uint32 expected) {
-    qorString text;
-    if (qorGetLastError(text) != expected)
-        fail("another failure");
-    say(text);
 }
 
 struct no_paper final : std::exception {
@@ -567,6 +616,7 @@ constexpr script scripts[] = {
     {"digest", use_digest},     {"folders", use_folders},   {"containers", use_containers}, {"config", use_config},
     {"store", use_store},       {"threads", use_threads},   {"timers", use_timers},         {"children", use_children},
     {"log", use_log},           {"services", use_services}, {"serial", use_serial},         {"components", use_components},
+    {"listeners", use_listeners},
 };
 
 struct outcome {

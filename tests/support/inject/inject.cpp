@@ -287,6 +287,8 @@ CALL(int, memfd_create, (const char* name, unsigned flags), SYS_memfd_create, na
 CALL(int, connect, (int file, const struct sockaddr* to, socklen_t size), SYS_connect, file, to, size)
 CALL(int, bind, (int file, const struct sockaddr* at, socklen_t size), SYS_bind, file, at, size)
 CALL(int, listen, (int file, int waiting), SYS_listen, file, waiting)
+CALL(int, accept4, (int file, struct sockaddr* from, socklen_t* size, int flags), SYS_accept4, file, from, size, flags)
+CALL(int, shutdown, (int file, int how), SYS_shutdown, file, how)
 CALL(int, pipe2, (int ends[2], int flags), SYS_pipe2, ends, flags)
 CALL(int, ioctl, (int file, unsigned long request, void* value), SYS_ioctl, file, request, value)
 CALL(int, dup2, (int file, int number), SYS_dup2, file, number)
