@@ -33,6 +33,7 @@
 #include "qor/system/Folder.h"
 #include "qor/system/Geometry.h"
 #include "qor/system/Interface.h"
+#include "qor/system/Ipc.h"
 #include "qor/system/Lists.h"
 #include "qor/system/LogEntry.h"
 #include "qor/system/Map.h"
