@@ -175,7 +175,7 @@ int qor::ipc::listener::system::take_name() {
     const std::string name = lock_path();
     for (;;) {
         if (!lock.make([&] {
-                return open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR);
+                return ::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR);
             }))
             return errno;
         struct stat held {};
