@@ -136,6 +136,8 @@ class Messages(unittest.TestCase):
         lively.put(MESSAGE, b"here")
         self.assertEqual(lively.get(), (MESSAGE, b"here"))
         self.assertEqual(server.stdout.readline(), "silent\n")
+        lively.put(END)
+        self.assertEqual(lively.get(), (ARRIVED, b""))
         self.end(server)
 
     def test_as_a_server(self):

@@ -110,11 +110,17 @@ int qor::ipc::channel::code() const noexcept {
     return m_system->read_code != 0 ? m_system->read_code : m_system->write_code;
 }
 
+// One piece goes by the shorter call, which matters for messages of a few bytes.
 qor::ipc::io qor::ipc::channel::read(const piece* pieces, unsigned count, std::size_t& got) noexcept {
-    std::array<iovec, most_pieces> parts;
-    msghdr message = message_of(pieces, count, parts);
+    const int socket = m_system->socket.get();
     // Descriptors that somebody sends along are closed by the kernel, because nothing is there to receive them.
-    const ssize_t result = uninterrupted([&] { return recvmsg(m_system->socket.get(), &message, MSG_DONTWAIT); });
+    const ssize_t result = uninterrupted([&] {
+        if (count == 1)
+            return recv(socket, pieces->bytes, pieces->length, MSG_DONTWAIT);
+        std::array<iovec, most_pieces> parts;
+        msghdr message = message_of(pieces, count, parts);
+        return recvmsg(socket, &message, MSG_DONTWAIT);
+    });
     if (result > 0) {
         got = static_cast<std::size_t>(result);
         return io::done;
@@ -128,10 +134,14 @@ qor::ipc::io qor::ipc::channel::read(const piece* pieces, unsigned count, std::s
 }
 
 qor::ipc::io qor::ipc::channel::write(const piece* pieces, unsigned count, std::size_t& written) noexcept {
-    std::array<iovec, most_pieces> parts;
-    const msghdr message = message_of(pieces, count, parts);
-    const ssize_t result =
-        uninterrupted([&] { return sendmsg(m_system->socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL); });
+    const int socket = m_system->socket.get();
+    const ssize_t result = uninterrupted([&] {
+        if (count == 1)
+            return send(socket, pieces->bytes, pieces->length, MSG_DONTWAIT | MSG_NOSIGNAL);
+        std::array<iovec, most_pieces> parts;
+        const msghdr message = message_of(pieces, count, parts);
+        return sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    });
     if (result >= 0) {
         written = static_cast<std::size_t>(result);
         return io::done;

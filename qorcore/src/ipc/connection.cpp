@@ -21,6 +21,13 @@ using qor::ipc::ticks_per_ms;
 constexpr uint64 free_share = 64 << 10;
 // At most so much is written for one connection before the others get their turn.
 constexpr std::size_t most_at_once = 1 << 20;
+// The rest of a message that is longer than this is read to its place, with little of what follows, so that it need not
+// be copied; and so often before the others get their turn.
+constexpr std::size_t long_rest = 16 << 10;
+constexpr std::size_t little = 4 << 10;
+constexpr int most_reads = 4;
+// A message up to this length is written together with its header.
+constexpr std::size_t short_message = 1 << 10;
 // How long an ended connection waits until the peer has read the end, and the end of Close without a limit.
 constexpr uint64 lingering_time = 10'000 * ticks_per_ms;
 // How long one connection may take for its message while the others wait for memory, if silence is not limited.
@@ -201,9 +208,14 @@ void qor::ipc::connection::flush() noexcept {
 // Nothing waits. The calling thread writes by itself, and waits itself for the peer, so nothing is copied.
 bool qor::ipc::connection::send_now(const char* bytes, std::size_t length, uint64 until,
                                     std::unique_lock<std::mutex>& hold) noexcept {
-    char header[header_size];
+    char header[header_size + short_message]; // with the message, if it is short
     write_header(header, frame_kind::message, static_cast<uint32>(length));
     const std::size_t whole = header_size + length;
+    std::size_t in_header = header_size;
+    if (length <= short_message && length != 0) {
+        std::memcpy(header + header_size, bytes, length);
+        in_header = whole;
+    }
     std::size_t done = 0;
     m_is_writing = true;
     hold.unlock();
@@ -211,9 +223,9 @@ bool qor::ipc::connection::send_now(const char* bytes, std::size_t length, uint6
     while (done < whole) {
         piece pieces[2];
         unsigned count = 0;
-        if (done < header_size)
-            pieces[count++] = {header + done, header_size - done};
-        const std::size_t of_bytes = done < header_size ? 0 : done - header_size;
+        if (done < in_header)
+            pieces[count++] = {header + done, in_header - done};
+        const std::size_t of_bytes = std::max(done, in_header) - header_size;
         if (of_bytes < length)
             pieces[count++] = {const_cast<char*>(bytes) + of_bytes, length - of_bytes};
         std::size_t written = 0;
@@ -221,7 +233,7 @@ bool qor::ipc::connection::send_now(const char* bytes, std::size_t length, uint6
         done += written;
         if (result == io::done)
             continue;
-        const uint64 now = until != 0 ? ticks_now() : 0;
+        const uint64 now = until == 0 ? 0 : ticks_now();
         if (result != io::would_wait || now >= until)
             break;
         const uint64 left = until == never ? 60'000 : (until - now) / ticks_per_ms + 1;
@@ -231,7 +243,7 @@ bool qor::ipc::connection::send_now(const char* bytes, std::size_t length, uint6
     hold.lock();
     m_is_writing = false;
     if (done != 0)
-        m_last_sent = ticks_now();
+        m_last_sent = m_loop->is_own_thread() ? m_loop->now() : ticks_now();
     if (result != io::done && result != io::would_wait) {
         m_code = m_channel.code();
         break_writing();
@@ -410,44 +422,61 @@ void qor::ipc::connection::can_write() noexcept {
 }
 
 void qor::ipc::connection::can_read(char* buffer, std::size_t size) noexcept {
-    if (m_is_gone)
-        return;
-    if (m_phase == phase::lingering) {
-        const piece all = {buffer, size};
-        std::size_t dropped = 0;
-        const io result = m_channel.read(&all, 1, dropped);
-        if (result == io::ended || result == io::failed)
-            drop();
-        return;
+    for (int i = 0; i < most_reads && !m_is_gone; ++i) {
+        if (m_phase == phase::lingering) {
+            const piece all = {buffer, size};
+            std::size_t dropped = 0;
+            const io result = m_channel.read(&all, 1, dropped);
+            if (result == io::ended || result == io::failed)
+                drop();
+            return;
+        }
+        if (!read_once(buffer, size))
+            return;
     }
+}
+
+// Returns whether there may be more, which is worth a look at once.
+bool qor::ipc::connection::read_once(char* buffer, std::size_t size) noexcept {
     piece pieces[2];
     unsigned count = 0;
     std::size_t part = 0;
     char* const room = m_reader.room(part);
+    const bool is_long = part >= long_rest;
     if (part != 0)
         pieces[count++] = {room, part};
-    pieces[count++] = {buffer, size};
+    pieces[count++] = {buffer, is_long ? little : size};
     std::size_t got = 0;
     const io result = m_channel.read(pieces, count, got);
     if (result == io::would_wait)
-        return;
-    if (result != io::done)
-        return at_end(result);
+        return false;
+    if (result != io::done) {
+        at_end(result);
+        return false;
+    }
+    const bool is_all = is_long && got == part + little;
     bool is_right = true;
     const auto taker = [this](const frame& what) { return take(what); };
     part = std::min(part, got);
     if (part == 0 || m_reader.added(part, taker))
         is_right = m_reader.feed(buffer, got - part, taker);
-    if (!is_right)
-        return finish(qorIpcEnd::violation);
+    if (!is_right) {
+        finish(qorIpcEnd::violation);
+        return false;
+    }
     {
         const std::lock_guard hold(m_lock);
-        m_last_heard = ticks_now();
-        m_partial = m_reader.held();
-        hold_changed();
+        m_last_heard = m_loop->now();
+        if (m_partial != m_reader.held()) {
+            m_partial = m_reader.held();
+            hold_changed();
+        }
     }
-    if (!m_is_finished_here)
-        look_at_memory();
+    if (m_is_finished_here)
+        return false;
+    look_at_memory();
+    const std::lock_guard hold(m_lock);
+    return is_all && m_reads;
 }
 
 // When all connections together hold too much, only one of them goes on to receive a message that has begun.

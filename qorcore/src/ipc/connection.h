@@ -80,6 +80,7 @@ private:
     void take_end() noexcept;
     void deliver(const frame& what) noexcept;
     void refuse(refusal why) noexcept;
+    bool read_once(char* buffer, std::size_t size) noexcept;
     void at_end(io result) noexcept;
     void look_at_memory() noexcept;
     void feed_closed() noexcept;

@@ -3,7 +3,8 @@
 namespace {
 
 constexpr char magic[] = {'q', 'm', 's', 'g'};
-constexpr std::size_t least_room = 4096;
+// A message of usual length gets its memory at once, of which the system gives what is used.
+constexpr std::size_t least_room = 64 << 10;
 
 } // namespace
 

@@ -58,7 +58,7 @@ public:
     // How much memory it holds.
     std::size_t held() const noexcept { return m_capacity; }
 
-    // Where further bytes of an incomplete frame can be read to directly; `added` tells how many were.
+    // Where further bytes of an incomplete message can be read to directly; `added` tells how many were.
     char* room(std::size_t& length) noexcept {
         length = m_capacity - m_have;
         return m_bytes.get() + m_have;

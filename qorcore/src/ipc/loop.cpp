@@ -18,6 +18,9 @@ constexpr std::size_t buffer_size = 256 << 10;
 // After the system had no descriptor or memory for a connection.
 constexpr uint64 accept_pause = 100 * qor::ipc::ticks_per_ms;
 
+// That which the calling thread serves.
+thread_local const qor::ipc::loop* s_own = nullptr;
+
 // Tells a peer why nobody talks to it. There is always room for so little.
 void refuse(qor::ipc::channel& peer, qor::ipc::refusal why) noexcept {
     char bytes[qor::ipc::header_size + qor::ipc::refused_size];
@@ -63,11 +66,12 @@ void qor::ipc::loop::post(std::function<void(loop&)> what) {
         if (!m_takes_posts)
             return;
         m_posted.push_back(std::move(what));
+        m_has_posts = true;
     }
     m_poller.wake();
 }
 
-bool qor::ipc::loop::is_own_thread() const noexcept { return m_thread_id == platform::thread_id(); }
+bool qor::ipc::loop::is_own_thread() const noexcept { return s_own == this; }
 
 bool qor::ipc::loop::close(uint64 until, bool at_once) noexcept {
     const platform::no_cancellation keep;
@@ -89,11 +93,11 @@ bool qor::ipc::loop::close(uint64 until, bool at_once) noexcept {
 
 // ---- the thread
 
-int qor::ipc::loop::time_to_wait() const noexcept {
+int qor::ipc::loop::time_to_wait() noexcept {
     const uint64 next = std::min(m_accept_again, m_checks.empty() ? never : m_checks.top().when);
     if (next == never)
         return -1;
-    const uint64 now = ticks_now();
+    const uint64 now = m_now;
     if (next <= now)
         return 0;
     return static_cast<int>(std::min<uint64>((next - now + ticks_per_ms - 1) / ticks_per_ms, INT_MAX));
@@ -101,10 +105,12 @@ int qor::ipc::loop::time_to_wait() const noexcept {
 
 void qor::ipc::loop::run() noexcept {
     thread::set_own_name("qor-ipc");
-    m_thread_id = platform::thread_id();
+    s_own = this;
     std::array<event, most_events> events;
+    m_now = ticks_now();
     while (!m_is_ending || !m_connections.empty()) {
         const unsigned count = m_poller.wait(events.data(), most_events, time_to_wait());
+        m_now = ticks_now();
         for (unsigned i = 0; i < count; ++i) {
             if (events[i].key == key_of_listener) {
                 accept();
@@ -137,10 +143,13 @@ void qor::ipc::loop::run() noexcept {
 }
 
 void qor::ipc::loop::run_posted() noexcept {
+    if (!m_has_posts)
+        return;
     std::vector<std::function<void(loop&)>> now;
     {
         const std::lock_guard hold(m_lock);
         now.swap(m_posted);
+        m_has_posts = false;
     }
     for (const auto& each : now)
         each(*this);
@@ -155,7 +164,7 @@ void qor::ipc::loop::check_at(connection& which, uint64 when) {
 
 // A connection may be in the queue more than once; only the earliest place counts.
 void qor::ipc::loop::run_checks(bool has_seen_all) noexcept {
-    const uint64 now = ticks_now();
+    const uint64 now = m_now;
     if (now >= m_accept_again) {
         m_accept_again = never;
         if (!m_is_ending)

@@ -28,6 +28,8 @@ public:
     // Lets the thread do something. Any thread; does nothing if the loop's has ended.
     void post(std::function<void(loop&)> what);
     bool is_own_thread() const noexcept;
+    // The moment at which the thread has last looked at the clock; for the thread, a moment ago.
+    uint64 now() const noexcept { return m_now.load(std::memory_order_relaxed); }
 
     // ---- for a server
     listener& own_listener() noexcept { return m_listener; }
@@ -62,7 +64,7 @@ private:
     void run_checks(bool has_seen_all) noexcept;
     void forget_if_gone(connection& which) noexcept;
     void begin_end(uint64 until, bool at_once) noexcept;
-    int time_to_wait() const noexcept;
+    int time_to_wait() noexcept;
 
     // ---- of the thread
     qorIpcOptions m_options;
@@ -87,7 +89,8 @@ private:
     bool m_is_over = false;
     bool m_has_thread = false; // that nobody has joined or detached
     thread::handle m_thread = 0;
-    std::atomic<unsigned long> m_thread_id{0};
+    std::atomic<bool> m_has_posts{false};
+    std::atomic<uint64> m_now{0};
 };
 
 // The loop of the connections that this process makes. Null with the last error if its thread cannot be started.
