@@ -14,6 +14,7 @@
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
+#include <filesystem>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -493,18 +494,39 @@ void use_log() {
         std::printf("%.*s\n", static_cast<int>(std::strcspn(line, "\n")), line);
 }
 
+void use_ipc() {
+    zetSmartPointer<IQORIpcServer> server;
+    const auto answer = [](IQORIpcConnection& from, std::string_view message) { MUST(from.TrySend(message)); };
+    const std::string address = "unix:" + std::filesystem::current_path().string() + "/ipc";
+    MUST(qorCreateIpcServer(address.c_str(), {}, answer, server.Out()));
+    zetSmartPointer<IQORIpcConnection> connection;
+    MUST(qorCreateIpcConnection(address.c_str(), connection.Out()));
+    std::string back;
+    for (const std::string& message : {std::string(long_text), std::string(100'000, 'x'), std::string()}) {
+        MUST(connection->Send(message));
+        MUST(connection->Receive(back, 60'000));
+        std::printf("%d\n", back == message);
+    }
+    MUST(connection->Close(60'000));
+    MUST(server->Close(60'000));
+    if (!qorCreateIpcConnection(address.c_str(), connection.Out()))
+        say_failure(qorError_ipc_no_server);
+}
+
 struct script {
     const char* name;
     void (*run)();
 };
 
 constexpr script scripts[] = {
-    {"memory", use_memory},     {"vector", use_vector},     {"string", use_string},         {"array", use_array},
-    {"messages", use_messages}, {"errors", use_errors},     {"files", use_files},           {"trace", use_trace},
-    {"process", use_process},   {"host", use_host},         {"network", use_network},       {"time", use_time},
-    {"digest", use_digest},     {"folders", use_folders},   {"containers", use_containers}, {"config", use_config},
-    {"store", use_store},       {"threads", use_threads},   {"timers", use_timers},         {"children", use_children},
-    {"log", use_log},           {"services", use_services},
+    {"memory", use_memory},     {"vector", use_vector},     {"string", use_string},
+    {"array", use_array},       {"messages", use_messages}, {"errors", use_errors},
+    {"files", use_files},       {"trace", use_trace},       {"process", use_process},
+    {"host", use_host},         {"network", use_network},   {"time", use_time},
+    {"digest", use_digest},     {"folders", use_folders},   {"containers", use_containers},
+    {"config", use_config},     {"store", use_store},       {"threads", use_threads},
+    {"timers", use_timers},     {"children", use_children}, {"log", use_log},
+    {"services", use_services}, {"ipc", use_ipc},
 };
 
 struct outcome {

@@ -1,7 +1,8 @@
 // A client for tests: a server that sends every message back, or a connection that sends what it reads.
 //
 //   ipc_driver serve ADDRESS [SILENCE]   prints "ready", and a line for each end of a connection, until its input ends
-//   ipc_driver send ADDRESS COUNT        sends COUNT messages of 0, 7, 14, ... bytes, and prints "same" if all come back
+//   ipc_driver send ADDRESS COUNT        sends COUNT messages of 0, 7, 14, ... bytes, and prints "same" if all come
+//   back
 #include "qor/qor.h"
 
 #include <cstdio>

@@ -310,7 +310,8 @@ TEST(ipc, an_address_is_one_servers) {
 TEST(ipc, addresses_that_are_none) {
     const auto told = new_notes();
     zetSmartPointer<IQORIpcServer> server;
-    for (const char* const each : {"", "a/b", ".hidden", "tcp:host", "http://x", "with space", "\xc3\xa9", "unix:", "pipe:"}) {
+    for (const char* const each :
+         {"", "a/b", ".hidden", "tcp:host", "http://x", "with space", "\xc3\xa9", "unix:", "pipe:"}) {
         EXPECT_FALSE(qorCreateIpcServer(each, {}, *told, server.Out())) << each;
         EXPECT_EQ(last_number(), qorError_ipc_address) << each;
         zetSmartPointer<IQORIpcConnection> connection;

@@ -52,9 +52,8 @@ bool get_peer(int socket, qor::ipc::peer& out) noexcept {
 
 bool try_connect(const qor::ipc::descriptor& socket, const std::string& path) noexcept {
     const sockaddr_un address = address_of(path);
-    return uninterrupted([&] {
-               return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-           }) == 0;
+    return uninterrupted(
+               [&] { return connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address); }) == 0;
 }
 
 int new_socket() noexcept { return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); }
@@ -179,8 +178,8 @@ struct qor::ipc::listener::system {
 qor::ipc::listener::listener() noexcept : m_system(std::make_unique<system>()) {}
 qor::ipc::listener::~listener() { close(); }
 
-// A file beside the socket, which a process holds as long as it listens. It is removed at the end, so whoever has locked
-// one looks whether it is still there. Returns EWOULDBLOCK if somebody else holds it.
+// A file beside the socket, which a process holds as long as it listens. It is removed at the end, so whoever has
+// locked one looks whether it is still there. Returns EWOULDBLOCK if somebody else holds it.
 int qor::ipc::listener::system::take_name() {
     const std::string name = lock_path();
     for (;;) {

@@ -58,8 +58,8 @@ bool wait(std::condition_variable& on, std::unique_lock<std::mutex>& hold, uint6
 qor::ipc::connection::connection(std::shared_ptr<loop> owner, channel&& from, peer&& who, const qorIpcOptions& options,
                                  IQORIpcTarget* target, bool is_servers, uint64 id)
     : m_loop(std::move(owner)), m_options(options), m_peer(std::move(who)), m_id(id), m_is_servers(is_servers),
-      m_has_target(target != nullptr), m_reader(options.max_message), m_since(ticks_now()),
-      m_channel(std::move(from)), m_last_heard(m_since), m_last_sent(m_since) {
+      m_has_target(target != nullptr), m_reader(options.max_message), m_since(ticks_now()), m_channel(std::move(from)),
+      m_last_heard(m_since), m_last_sent(m_since) {
     if (target != nullptr) {
         target->AddRef();
         m_target.AttachNew(target);
@@ -383,9 +383,7 @@ bool qor::ipc::connection::wait_until_open(const char* address) noexcept {
     wait(m_has_changed, hold, never, [this] { return m_is_open || m_is_finished; });
     if (m_is_open)
         return true;
-    const auto fail = [&](uint32 why) {
-        error::set(qorError_ipc_cannot_connect, {address, text_of(why).c_str()});
-    };
+    const auto fail = [&](uint32 why) { error::set(qorError_ipc_cannot_connect, {address, text_of(why).c_str()}); };
     if (m_refusal == static_cast<uint32>(refusal::full))
         error::set(qorError_ipc_refused, {address, text_of(framework::ipc_full).c_str()});
     else if (m_refusal == static_cast<uint32>(refusal::other_user))
@@ -405,15 +403,18 @@ bool qor::ipc::connection::wait_until_open(const char* address) noexcept {
 
 bool qor::ipc::connection::begin() noexcept {
     const std::lock_guard hold(m_lock);
-    m_code = m_loop->m_poller.add(m_channel, m_id);
-    if (m_code == 0 && !m_is_servers) {
+    if (const int code = m_loop->m_poller.add(m_channel, m_id)) {
+        m_code = code;
+        return false;
+    }
+    if (!m_is_servers) {
         char bytes[hello_size];
         write_hello(bytes, {m_options.max_message, m_options.silence});
         enqueue(frame_kind::hello, bytes, sizeof bytes);
-        flush();
+        flush(); // a server that has refused reads nothing, but its answer is there
     }
     set_interest();
-    return m_code == 0;
+    return true;
 }
 
 void qor::ipc::connection::can_write() noexcept {

@@ -1,4 +1,5 @@
-// Inside the library: the form of messages on the way between processes. docs/messages-between-processes.md describes it.
+// Inside the library: the form of messages on the way between processes. docs/messages-between-processes.md describes
+// it.
 #pragma once
 
 #include "qor/system/Types.h"

@@ -104,15 +104,14 @@ private:
 };
 
 bool are_right(const char* operation, const char* address, const qorIpcOptions& options) noexcept {
-    const char* const wrong =
-        address == nullptr                                                                          ? "address"
-        : options.max_message == 0 || options.max_message > qorIpcLongestMessage                    ? "max_message"
-        : options.send_queue == 0                                                                   ? "send_queue"
-        : options.receive_queue == 0                                                                ? "receive_queue"
-        : options.max_connections == 0                                                              ? "max_connections"
-        : options.silence != 0 && options.silence < qor::ipc::shortest_silence                      ? "silence"
-        : options.users != qorIpcUsers::own && options.users != qorIpcUsers::any                    ? "users"
-                                                                                                    : nullptr;
+    const char* const wrong = address == nullptr                                                       ? "address"
+                              : options.max_message == 0 || options.max_message > qorIpcLongestMessage ? "max_message"
+                              : options.send_queue == 0                                                ? "send_queue"
+                              : options.receive_queue == 0                                             ? "receive_queue"
+                              : options.max_connections == 0                                         ? "max_connections"
+                              : options.silence != 0 && options.silence < qor::ipc::shortest_silence ? "silence"
+                              : options.users != qorIpcUsers::own && options.users != qorIpcUsers::any ? "users"
+                                                                                                       : nullptr;
     if (wrong == nullptr)
         return true;
     qor::error::set(qorError_invalid_argument, {operation, wrong});
@@ -168,8 +167,8 @@ bool qor::glue::qorCreateIpcConnection(const char* address, const qorIpcOptions&
         error::set(qorError_ipc_other_user, {full.c_str(), who.user.c_str()});
         return false;
     }
-    const auto made = std::make_shared<connection>(own, std::move(to), std::move(who), options, target, false,
-                                                   own->new_id());
+    const auto made =
+        std::make_shared<connection>(own, std::move(to), std::move(who), options, target, false, own->new_id());
     IQORIpcConnection* created = nullptr;
     if (!ipc::make_face(made, true, &created))
         return false;

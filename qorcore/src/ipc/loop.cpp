@@ -220,8 +220,8 @@ void qor::ipc::loop::accept() noexcept {
         else if (m_count >= m_options.max_connections)
             refuse(made, refusal::full);
         else
-            add(std::make_shared<connection>(shared_from_this(), std::move(made), std::move(from), m_options,
-                                             *m_target, true, new_id()));
+            add(std::make_shared<connection>(shared_from_this(), std::move(made), std::move(from), m_options, *m_target,
+                                             true, new_id()));
     }
 }
 

@@ -1,15 +1,16 @@
-// Messages between the processes of one host. docs/messages-between-processes.md has examples and the form of the bytes.
+// Messages between the processes of one host. docs/messages-between-processes.md has examples and the form of the
+// bytes.
 //
 // A server has an address, and connections to it carry messages in both directions: any bytes with a length, each
 // received whole, once and in order, or not at all. Linux uses Unix sockets, Windows named pipes.
 //
-// Addresses. "NAME" or "unix:NAME" is a socket in a private folder of the user's: the folder `qor` in XDG_RUNTIME_DIR or
-// in /run/user/NUMBER, otherwise /tmp/qor-NUMBER. "unix:/PATH" is a socket anywhere. On Windows, "NAME" and "pipe:NAME"
-// are a named pipe. So "NAME" is understood on both systems: letters of ASCII, digits and . _ - up to 64.
+// Addresses. "NAME" or "unix:NAME" is a socket in a private folder of the user's: the folder `qor` in XDG_RUNTIME_DIR
+// or in /run/user/NUMBER, otherwise /tmp/qor-NUMBER. "unix:/PATH" is a socket anywhere. On Windows, "NAME" and
+// "pipe:NAME" are a named pipe. So "NAME" is understood on both systems: letters of ASCII, digits and . _ - up to 64.
 //
 // Threads. Each server has a thread, and all connections that qorCreateIpcConnection makes share another one. These
-// threads do all reading, and call the targets: the calls of one server, and those of all such connections, are made one
-// after the other. A target should not take long. A connection without a target has a queue for Receive instead.
+// threads do all reading, and call the targets: the calls of one server, and those of all such connections, are made
+// one after the other. A target should not take long. A connection without a target has a queue for Receive instead.
 //
 // A forked child has none of its parent's servers and connections: its copies are closed, and operations on them fail.
 #pragma once
@@ -58,20 +59,20 @@ struct qorIpcOptions {
     // How many bytes of messages may wait in one connection until the peer takes them. One message may always wait,
     // whatever its length.
     uint32 send_queue = 1 << 20;
-    // How many bytes of received messages may wait for Receive. While there are more, nothing is read, so the peer has to
-    // wait; again, one message may always wait.
+    // How many bytes of received messages may wait for Receive. While there are more, nothing is read, so the peer has
+    // to wait; again, one message may always wait.
     uint32 receive_queue = 1 << 20;
     // How many bytes all connections of a server may hold together: messages that wait, and those that have arrived in
-    // part. What goes beyond 64 KiB in a connection counts. Senders have to wait; for those who send, the connection that
-    // holds most is ended. The same holds for all connections of qorCreateIpcConnection with each other; there, the
-    // limit of the one that asks counts.
+    // part. What goes beyond 64 KiB in a connection counts. Senders have to wait; for those who send, the connection
+    // that holds most is ended. The same holds for all connections of qorCreateIpcConnection with each other; there,
+    // the limit of the one that asks counts.
     uint64 memory = 64 << 20;
     // How many connections a server has at most; further ones are refused.
     uint32 max_connections = 1000;
-    // The longest time, in milliseconds, in which nothing is heard of the peer; 0: no limit; otherwise at least 100. The
-    // framework sends signs of life in the peer's stead of messages, so this is the time in which a peer is noticed that
-    // is stopped or hangs as a whole. A peer that only is busy, or does not call Receive, lives. A peer that ends is
-    // noticed at once. While this side does not read, it does not judge.
+    // The longest time, in milliseconds, in which nothing is heard of the peer; 0: no limit; otherwise at least 100.
+    // The framework sends signs of life in the peer's stead of messages, so this is the time in which a peer is noticed
+    // that is stopped or hangs as a whole. A peer that only is busy, or does not call Receive, lives. A peer that ends
+    // is noticed at once. While this side does not read, it does not judge.
     uint32 silence = 15000;
     // How long a connection may take to come about, in milliseconds; 0: no limit.
     uint32 connect = 10000;
@@ -88,8 +89,8 @@ struct qorIpcPeer {
     bool is_own_user = false;
 };
 
-// One connection. Any thread may call any operation, several at once. `ms`: as in qorGate::Wait, where 0 means no limit;
-// a wait whose time is over fails with qorError_timed_out. No wait is a cancellation point.
+// One connection. Any thread may call any operation, several at once. `ms`: as in qorGate::Wait, where 0 means no
+// limit; a wait whose time is over fails with qorError_timed_out. No wait is a cancellation point.
 class IQORIpcConnection : public IQORInterface {
 public:
     // Who is on the other side.
@@ -111,11 +112,11 @@ public:
     [[nodiscard]] virtual bool Receive(IQORDataSink* sink, uint32 ms) noexcept = 0;
 
     // Ends the connection: takes no further messages, and waits until the peer's framework has received all that were
-    // sent before. They have arrived then, even if the peer's program has not looked at them. Fails if that is not known
-    // when the time is over, or the connection ends otherwise; what has not gone then is dropped. In a call of a target
-    // it does not wait: the rest goes within `ms`, or 10 s for 0.
-    // When it returns, the target is not in a call of this connection and will not be called again, except that a call
-    // under way is finished if this is called from it. Messages that arrive meanwhile are dropped.
+    // sent before. They have arrived then, even if the peer's program has not looked at them. Fails if that is not
+    // known when the time is over, or the connection ends otherwise; what has not gone then is dropped. In a call of a
+    // target it does not wait: the rest goes within `ms`, or 10 s for 0. When it returns, the target is not in a call
+    // of this connection and will not be called again, except that a call under way is finished if this is called from
+    // it. Messages that arrive meanwhile are dropped.
     virtual bool Close(uint32 ms) noexcept = 0;
 
     // How it has ended; none: not yet.
@@ -138,8 +139,8 @@ protected:
     ~IQORIpcConnection() = default;
 };
 
-// What is told about connections. The client implements it. All calls are made on the thread of the server, or on that of
-// the connections. They may use the connection, and close it; a reference that they add keeps the object, not the
+// What is told about connections. The client implements it. All calls are made on the thread of the server, or on that
+// of the connections. They may use the connection, and close it; a reference that they add keeps the object, not the
 // connection.
 class IQORIpcTarget {
 public:
@@ -188,9 +189,9 @@ protected:
 }
 
 // Connects to a server, and waits until that has accepted. With a null target, the connection has a queue for Receive.
-// Fails if nobody listens (qorError_ipc_no_server), if the server is of another user, or if it refuses. The last Release
-// of *out ends the connection without a wait: messages that still wait are dropped. It waits for a call of the target
-// that is under way, like Close. Not in a call of a target of a connection that was made like this.
+// Fails if nobody listens (qorError_ipc_no_server), if the server is of another user, or if it refuses. The last
+// Release of *out ends the connection without a wait: messages that still wait are dropped. It waits for a call of the
+// target that is under way, like Close. Not in a call of a target of a connection that was made like this.
 [[nodiscard]] inline bool qorCreateIpcConnection(const char* address, const qorIpcOptions& options,
                                                  IQORIpcTarget* target, IQORIpcConnection** out) noexcept {
     return qor::glue::qorCreateIpcConnection(address, options, target, out);
