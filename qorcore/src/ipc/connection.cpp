@@ -418,8 +418,14 @@ bool qor::ipc::connection::begin() noexcept {
 }
 
 void qor::ipc::connection::can_write() noexcept {
-    const std::lock_guard hold(m_lock);
-    flush();
+    bool is_done = false;
+    {
+        const std::lock_guard hold(m_lock);
+        flush();
+        is_done = m_queue.empty() && !m_is_writing;
+    }
+    if (is_done && m_phase == phase::lingering)
+        drop();
 }
 
 void qor::ipc::connection::can_read(char* buffer, std::size_t size) noexcept {
@@ -736,7 +742,7 @@ void qor::ipc::connection::finish(qorIpcEnd how) noexcept {
         const std::lock_guard hold(m_lock);
         m_end = how;
         m_is_over = true;
-        m_is_in_order = m_has_arrived || how == qorIpcEnd::closed || !m_is_open;
+        m_is_in_order = m_has_arrived || how == qorIpcEnd::closed || !m_is_announced;
         // Behind a closing from both sides, the answer to the peer's may still wait.
         m_lingers = m_lingers || (m_has_arrived && !m_queue.empty());
         if (!m_lingers)
@@ -757,6 +763,7 @@ void qor::ipc::connection::finish(qorIpcEnd how) noexcept {
         const std::lock_guard hold(m_lock);
         m_is_finished = true;
         m_is_paused = m_is_starved = false;
+        m_lingers = m_lingers && (m_is_writing || !m_queue.empty());
         if (m_lingers)
             set_interest();
         m_has_changed.notify_all();
