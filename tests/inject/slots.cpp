@@ -14,7 +14,6 @@
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
-#include <filesystem>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -497,7 +496,8 @@ void use_log() {
 void use_ipc() {
     zetSmartPointer<IQORIpcServer> server;
     const auto answer = [](IQORIpcConnection& from, std::string_view message) { MUST(from.TrySend(message)); };
-    const std::string address = "unix:" + std::filesystem::current_path().string() + "/ipc";
+    char folder[4096];
+    const std::string address = "unix:" + std::string(getcwd(folder, sizeof folder)) + "/ipc";
     MUST(qorCreateIpcServer(address.c_str(), {}, answer, server.Out()));
     zetSmartPointer<IQORIpcConnection> connection;
     MUST(qorCreateIpcConnection(address.c_str(), connection.Out()));

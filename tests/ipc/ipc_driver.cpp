@@ -1,6 +1,7 @@
 // A client for tests: a server that sends every message back, or a connection that sends what it reads.
 //
 //   ipc_driver serve ADDRESS [SILENCE]   prints "ready", and a line for each end of a connection, until its input ends
+//   ipc_driver both ADDRESS COUNT        does the same with a server of its own
 //   ipc_driver send ADDRESS COUNT        sends COUNT messages of 0, 7, 14, ... bytes, and prints "same" if all come
 //   back
 #include "qor/qor.h"
@@ -87,6 +88,19 @@ int send(const char* address, unsigned count) {
     return 0;
 }
 
+int both(const char* address, unsigned count) {
+    zetSmartPointer<IQORIpcServer> server;
+    const auto answer = [](IQORIpcConnection& from, std::string_view message) {
+        if (!from.TrySend(message))
+            from.Close(0); // so that nobody waits for it
+    };
+    if (!qorCreateIpcServer(address, {}, answer, server.Out()))
+        return fail();
+    if (const int code = send(address, count))
+        return code;
+    return server->Close(10'000) ? 0 : fail();
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -95,5 +109,7 @@ int main(int argc, char** argv) {
         return serve(argv[2], argc > 3 ? static_cast<uint32>(std::atoi(argv[3])) : 15'000);
     if (argc == 4 && std::strcmp(argv[1], "send") == 0)
         return send(argv[2], static_cast<unsigned>(std::atoi(argv[3])));
+    if (argc == 4 && std::strcmp(argv[1], "both") == 0)
+        return both(argv[2], static_cast<unsigned>(std::atoi(argv[3])));
     return 2;
 }

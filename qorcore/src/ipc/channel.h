@@ -47,6 +47,8 @@ public:
     // Waits until something can be written, at most so many milliseconds. Returns false where only the poller tells
     // that.
     bool wait_writable(uint32 ms) noexcept;
+    // The peer reads what was written before, and then the end.
+    void shut_writing() noexcept;
     // Both directions end: reading and writing fail from now on, also a wait that is under way.
     void shut() noexcept;
     void close() noexcept;

@@ -104,6 +104,7 @@ qor::ipc::channel::~channel() = default;
 
 bool qor::ipc::channel::is_open() const noexcept { return m_system->socket.is_open(); }
 void qor::ipc::channel::close() noexcept { m_system->socket.close(); }
+void qor::ipc::channel::shut_writing() noexcept { shutdown(m_system->socket.get(), SHUT_WR); }
 void qor::ipc::channel::shut() noexcept { shutdown(m_system->socket.get(), SHUT_RDWR); }
 int qor::ipc::channel::code() const noexcept {
     return m_system->read_code != 0 ? m_system->read_code : m_system->write_code;

@@ -179,6 +179,9 @@ bool qor::ipc::channel::is_open() const noexcept { return m_system->state->pipe 
 void qor::ipc::channel::close() noexcept { close_pipe(*m_system->state); }
 int qor::ipc::channel::code() const noexcept { return m_system->state->shown_code; }
 
+// A pipe has one end for both directions. Writing fails there only if the other end is gone.
+void qor::ipc::channel::shut_writing() noexcept {}
+
 void qor::ipc::channel::shut() noexcept {
     const std::lock_guard hold(m_system->state->lock);
     if (is_open())

@@ -79,7 +79,8 @@ void qor::ipc::connection::hold_changed() noexcept {
 
 bool qor::ipc::connection::fail_ended() noexcept {
     std::string why;
-    switch (m_is_over ? m_end : m_is_closing ? qorIpcEnd::closed_here : qorIpcEnd::lost) {
+    const qorIpcEnd broken = m_code != 0 ? qorIpcEnd::failed : qorIpcEnd::lost;
+    switch (m_is_over ? m_end : m_is_closing ? qorIpcEnd::closed_here : broken) {
     case qorIpcEnd::closed:
         why = text_of(framework::ipc_peer_closed);
         break;
@@ -143,10 +144,14 @@ void qor::ipc::connection::drop_queue(bool keep_begun) noexcept {
     hold_changed();
 }
 
-// The peer reads no more. What it has sent may still be there, so this is not the end yet.
-void qor::ipc::connection::break_writing() noexcept {
+// The peer reads no more, or the system refuses to write. What the peer has sent may still be there, so this is not the
+// end yet; that comes when the peer notices that nothing follows.
+void qor::ipc::connection::break_writing(io result) noexcept {
+    if (result == io::failed)
+        m_code = m_channel.code();
     m_is_broken = true;
     drop_queue(false);
+    m_channel.shut_writing();
     m_sender_may_go.notify_all();
 }
 
@@ -182,8 +187,7 @@ void qor::ipc::connection::flush() noexcept {
         if (result == io::would_wait)
             break;
         if (result != io::done) {
-            m_code = m_channel.code();
-            break_writing();
+            break_writing(result);
             break;
         }
         total += written;
@@ -244,10 +248,8 @@ bool qor::ipc::connection::send_now(const char* bytes, std::size_t length, uint6
     m_is_writing = false;
     if (done != 0)
         m_last_sent = m_loop->is_own_thread() ? m_loop->now() : ticks_now();
-    if (result != io::done && result != io::would_wait) {
-        m_code = m_channel.code();
-        break_writing();
-    }
+    if (result != io::done && result != io::would_wait)
+        break_writing(result);
     if (m_is_dropped)
         m_channel.close();
     const bool is_taken = done == whole || (!m_is_over && !m_is_broken);
@@ -510,12 +512,18 @@ void qor::ipc::connection::feed_again() noexcept {
 }
 
 void qor::ipc::connection::at_end(io result) noexcept {
+    if (result == io::failed) {
+        const std::lock_guard hold(m_lock);
+        m_code = m_channel.code();
+    }
+    finish_lost();
+}
+
+void qor::ipc::connection::finish_lost() noexcept {
     bool has_failed = false;
     {
         const std::lock_guard hold(m_lock);
-        has_failed = result == io::failed;
-        if (has_failed)
-            m_code = m_channel.code();
+        has_failed = m_code != 0;
     }
     finish(has_failed ? qorIpcEnd::failed : qorIpcEnd::lost);
 }
@@ -720,8 +728,8 @@ void qor::ipc::connection::begin_close(uint64 until) noexcept {
     }
     if (m_phase == phase::greeting)
         finish(qorIpcEnd::closed_here);
-    else if (is_broken && m_is_paused)
-        finish(qorIpcEnd::lost);
+    else if (is_broken)
+        finish_lost(); // nothing that was sent will be answered
     else
         feed_closed();
     m_loop->check_at(*this, m_is_finished_here ? 0 : m_close_until);

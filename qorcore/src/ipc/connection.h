@@ -82,6 +82,7 @@ private:
     void refuse(refusal why) noexcept;
     bool read_once(char* buffer, std::size_t size) noexcept;
     void at_end(io result) noexcept;
+    void finish_lost() noexcept;
     void look_at_memory() noexcept;
     void feed_closed() noexcept;
 
@@ -99,7 +100,7 @@ private:
     void set_interest() noexcept;
     void hold_changed() noexcept;
     void drop_queue(bool keep_begun) noexcept;
-    void break_writing() noexcept;
+    void break_writing(io result) noexcept;
 
     const std::shared_ptr<loop> m_loop;
     const qorIpcOptions m_options;
