@@ -604,19 +604,41 @@ void use_components() {
     qorCleanup();
 }
 
+void use_ipc() {
+    zetSmartPointer<IQORIpcServer> server;
+    const auto answer = [](IQORIpcConnection& from, std::string_view message) { MUST(from.TrySend(message)); };
+    char folder[4096];
+    const std::string address = "unix:" + std::string(getcwd(folder, sizeof folder)) + "/ipc";
+    MUST(qorCreateIpcServer(address.c_str(), {}, answer, server.Out()));
+    zetSmartPointer<IQORIpcConnection> connection;
+    MUST(qorCreateIpcConnection(address.c_str(), connection.Out()));
+    std::string back;
+    for (const std::string& message : {std::string(long_text), std::string(100'000, 'x'), std::string()}) {
+        MUST(connection->Send(message));
+        MUST(connection->Receive(back, 60'000));
+        std::printf("%d\n", back == message);
+    }
+    MUST(connection->Close(60'000));
+    MUST(server->Close(60'000));
+    if (!qorCreateIpcConnection(address.c_str(), connection.Out()))
+        say_failure(qorError_ipc_no_server);
+}
+
 struct script {
     const char* name;
     void (*run)();
 };
 
 constexpr script scripts[] = {
-    {"memory", use_memory},     {"vector", use_vector},     {"string", use_string},         {"array", use_array},
-    {"messages", use_messages}, {"errors", use_errors},     {"files", use_files},           {"trace", use_trace},
-    {"process", use_process},   {"host", use_host},         {"network", use_network},       {"time", use_time},
-    {"digest", use_digest},     {"folders", use_folders},   {"containers", use_containers}, {"config", use_config},
-    {"store", use_store},       {"threads", use_threads},   {"timers", use_timers},         {"children", use_children},
-    {"log", use_log},           {"services", use_services}, {"serial", use_serial},         {"components", use_components},
-    {"listeners", use_listeners},
+    {"memory", use_memory},       {"vector", use_vector},     {"string", use_string},
+    {"array", use_array},         {"messages", use_messages}, {"errors", use_errors},
+    {"files", use_files},         {"trace", use_trace},       {"process", use_process},
+    {"host", use_host},           {"network", use_network},   {"time", use_time},
+    {"digest", use_digest},       {"folders", use_folders},   {"containers", use_containers},
+    {"config", use_config},       {"store", use_store},       {"threads", use_threads},
+    {"timers", use_timers},       {"children", use_children}, {"log", use_log},
+    {"services", use_services},   {"serial", use_serial},     {"components", use_components},
+    {"listeners", use_listeners}, {"ipc", use_ipc},
 };
 
 struct outcome {

@@ -35,6 +35,7 @@
 #include "qor/system/Geometry.h"
 #include "qor/system/GlobalSlot.h"
 #include "qor/system/Interface.h"
+#include "qor/system/Ipc.h"
 #include "qor/system/Listener.h"
 #include "qor/system/Lists.h"
 #include "qor/system/LogEntry.h"
