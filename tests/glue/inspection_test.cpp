@@ -130,7 +130,8 @@ TEST(local_addresses, are_those_of_the_interfaces) {
 
     zetSmartPointer<IQORLocalAddressList> list;
     ASSERT_TRUE(qorGetLocalAddresses(list.Out()));
-    qorLocalAddress kept{.prefix = 99};
+    qorLocalAddress kept;
+    kept.prefix = 99;
     EXPECT_FALSE(list->GetAddress(list->GetCount(), kept));
     EXPECT_EQ(kept.prefix, 99);
 }

@@ -2,6 +2,7 @@
 // examples.
 #pragma once
 
+#include "qor/system/Error.h"
 #include "qor/system/Interface.h"
 #include "qor/system/String.h"
 #include "qor/system/TextView.h"
