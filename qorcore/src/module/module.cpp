@@ -112,14 +112,14 @@ bool is_same(const platform::file_status& left, const platform::file_status& rig
            left.changed == right.changed;
 }
 
-// Brings a record up to date with its file, unless the module is loaded.
+// Brings a record up to date with its file, unless the module is loaded or is about to be.
 void examine(record& which) {
     module_file file;
     platform::file_status status{};
     refusal why = open(which.path, file, status);
     {
         const auto hold = take_lock();
-        if (which.loading.is_made() || (!why && which.is_examined && is_same(which.file, status)))
+        if (!which.loading.is_unmade() || (!why && which.is_examined && is_same(which.file, status)))
             return;
     }
     description facts;
@@ -129,7 +129,7 @@ void examine(record& which) {
         why = examine(file, which.name, section, facts);
     facts.bytes = {};
     const auto hold = take_lock();
-    if (which.loading.is_made())
+    if (!which.loading.is_unmade())
         return;
     which.is_examined = is_open && !why.is_unread;
     which.file = status;
@@ -205,7 +205,7 @@ bool start(record& which, const glue::module_table& table, const description& fa
 // lock.
 const record* claim_name(record& which) {
     record*& named = known().by_name[which.name];
-    if (named != nullptr && named != &which && (named->loading.is_made() || named->loading.is_being_made()))
+    if (named != nullptr && named != &which && !named->loading.is_unmade())
         return named;
     named = &which;
     return nullptr;

@@ -34,6 +34,7 @@ public:
     void leave(bool is_made) noexcept;
 
     bool is_made() const noexcept { return m_state == state::made; }
+    bool is_unmade() const noexcept { return m_state == state::unmade; }
     bool is_being_made() const noexcept { return m_state == state::being_made; }
 
 private:
