@@ -42,7 +42,7 @@ enum class qorIpcEnd : uint32 {
     lost,        // the peer has ended without closing it; the last of its messages may be missing
     silent,      // nothing was heard of the peer for the time that the options give
     violation,   // what the peer has sent is not the protocol, or a message was longer than it may be
-    overloaded,  // it held most of the server's memory when that was used up
+    overloaded,  // its message took too long while the memory for messages was used up
     failed,      // the system refused to read or write
 };
 
@@ -63,9 +63,10 @@ struct qorIpcOptions {
     // to wait; again, one message may always wait.
     uint32 receive_queue = 1 << 20;
     // How many bytes all connections of a server may hold together: messages that wait, and those that have arrived in
-    // part. What goes beyond 64 KiB in a connection counts. Senders have to wait; for those who send, the connection
-    // that holds most is ended. The same holds for all connections of qorCreateIpcConnection with each other; there,
-    // the limit of the one that asks counts.
+    // part. What goes beyond 64 KiB in a connection counts. When it is reached, senders have to wait, and of the
+    // connections with a long message under way one at a time goes on to receive it; it is ended if that takes longer
+    // than `silence`, or than 15 s without that. All connections of qorCreateIpcConnection count together, each against
+    // its own limit.
     uint64 memory = 64 << 20;
     // How many connections a server has at most; further ones are refused.
     uint32 max_connections = 1000;
