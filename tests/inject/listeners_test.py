@@ -23,7 +23,7 @@ from tool import linked  # noqa: E402
 options = None
 
 CALLS = {"socket": [errno.EMFILE, errno.EAFNOSUPPORT], "bind": [errno.EADDRINUSE, errno.EACCES],
-         "listen": [errno.EADDRINUSE], "pipe2": [errno.EMFILE, errno.ENFILE], "mmap": [errno.ENOMEM],
+         "listen": [errno.EADDRINUSE], "pipe2": [errno.EMFILE, errno.ENFILE],
          "accept4": [errno.EMFILE, errno.ENFILE, errno.ENOMEM, errno.ENOBUFS, errno.ECONNABORTED, errno.EINTR,
                      errno.EPERM, errno.EINVAL],
          "fstat": [errno.EIO], "poll": [errno.EINTR, errno.ENOMEM, errno.EINVAL],
@@ -34,16 +34,16 @@ WORD = b"an echo that is not short"
 
 def echo(port):
     """Returns what comes back, up to the end."""
-    with socket.create_connection(("127.0.0.1", port), 60) as peer:
-        try:
+    try:
+        with socket.create_connection(("127.0.0.1", port), 60) as peer:
             peer.sendall(WORD)
             peer.shutdown(socket.SHUT_WR)
             back = b""
             while part := peer.recv(1000):
                 back += part
             return back
-        except ConnectionError:
-            return b""
+    except ConnectionError:
+        return b""
 
 
 class Listeners(unittest.TestCase):
@@ -59,9 +59,11 @@ class Listeners(unittest.TestCase):
                 "QOR_INJECT_COUNT": str(count), "QOR_INJECT_WITH": str(error), "QOR_INJECT_REPORT": str(self.report)}
 
     def listen(self, driver):
-        """Returns the port, or None after an error that names the reason."""
+        """Returns the port, None after an error that names the reason, or 0 if the library was not bound."""
         answer = driver.ask("listen")
-        self.assertIsNotNone(answer)
+        if answer is None:
+            self.assertEqual(driver.process.wait(), 100)
+            return 0
         if failed(answer):
             self.assertIn(answer[0], (267, 268), answer)
             return None
@@ -71,6 +73,8 @@ class Listeners(unittest.TestCase):
         """Returns whether a call has failed."""
         with Driver([options.driver], environment) as driver:
             port = self.listen(driver)
+            if port == 0:
+                return True
             if port is not None:
                 self.assertIn(echo(port), (WORD, b""))
             fired = self.report.exists()
@@ -79,7 +83,7 @@ class Listeners(unittest.TestCase):
             if not fired:
                 return False
             again = self.listen(driver)
-            self.assertIsNotNone(again)
+            self.assertTrue(again)
             self.assertEqual(echo(again), WORD)
             self.assertFalse(failed(driver.ask("close")))
             # Standard streams and the bell; the thread may just be closing the connection.

@@ -228,6 +228,9 @@ bool accept_some(accepter& own, const listener_pointer& which, std::size_t socke
             return true;
         case acceptance::broken:
             which->is_broken = true;
+            // Nobody is to wait at a socket that is left.
+            for (qor::net::listening_socket& each : which->sockets)
+                each.close();
             return true;
         }
     }

@@ -6,11 +6,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -38,8 +40,11 @@ int adopt(int number, socket_handle& out) noexcept {
 
 bool is_ours(const socket_handle& of) noexcept {
     struct stat status;
-    return of.is_open() && fstat(number_of(of), &status) == 0 && status.st_dev == of.identity[0] &&
-           status.st_ino == of.identity[1];
+    if (!of.is_open())
+        return false;
+    if (fstat(number_of(of), &status) != 0)
+        return errno != EBADF;
+    return status.st_dev == of.identity[0] && status.st_ino == of.identity[1];
 }
 
 void close_handle(socket_handle& which) noexcept {
@@ -179,7 +184,7 @@ void qor::net::bell::wait(std::span<watched> all, int milliseconds) noexcept {
     // A wait that ends early is no harm, but one that cannot even begin would be made again at once.
     const int ready = poll(list.data(), list.size(), milliseconds);
     if (ready < 0 && errno != EINTR)
-        (void)poll(nullptr, 0, look_every);
+        std::this_thread::sleep_for(std::chrono::milliseconds(look_every));
     for (std::size_t i = 0; i < all.size(); ++i)
         all[i].ready = ready > 0 && list[i].revents != 0;
     if (!has_bell || ready <= 0 || list.back().revents == 0 || !is_ours(m_ends[0]))

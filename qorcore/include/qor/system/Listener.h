@@ -21,8 +21,8 @@
 
 // An end of a connection.
 struct qorIPEndpoint {
-    qorHostAddress address; // of the host; never an IPv4 address in the form of an IPv6 one
-    uint16 port = 0;        // of TCP
+    qorHostAddress address{}; // of the host; never an IPv4 address in the form of an IPv6 one
+    uint16 port = 0;          // of TCP
 
     bool operator==(const qorIPEndpoint&) const noexcept = default;
 };

@@ -131,7 +131,7 @@ enum class qorAddressScope : uint32 {
 
 // An address of this host.
 struct qorLocalAddress {
-    qorHostAddress address;                        // with the scope that it needs
+    qorHostAddress address{};                      // with the scope that it needs
     uint8 prefix = 0;                              // the length of its network prefix in bits
     uint32 interface_index = 0;                    // IQORNetInterface::GetIndex of its interface
     qorAddressScope scope = qorAddressScope::wide; // how far it reaches
