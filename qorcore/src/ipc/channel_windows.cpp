@@ -24,6 +24,7 @@ constexpr DWORD buffer_size = 32 * 1024; // of a pipe, and of what is read
 constexpr std::size_t most_written = 64 * 1024;
 constexpr uint64 key_of_waker = 0;
 constexpr ULONG most_entries = 128;
+constexpr uint64 ticks_per_ms = qorTicksPerSecond / 1000;
 constexpr DWORD pipe_pause = 50; // milliseconds, for which a client waits for an instance at a time
 
 // What a channel shares with the operations that are under way, which may outlive it.
@@ -536,12 +537,14 @@ bool qor::ipc::poller::system::take(OVERLAPPED* ended, DWORD code, event& out) {
     return out.can_read || out.can_write;
 }
 
-unsigned qor::ipc::poller::wait(event* out, unsigned most, int ms) noexcept {
+unsigned qor::ipc::poller::wait(event* out, unsigned most, uint64 until, uint64 now) noexcept {
+    constexpr uint64 longest = 3'600'000; // milliseconds; then the caller looks again
+    const uint64 left = until > now ? (until - now) / ticks_per_ms + 1 : 0;
     static auto* const reason = platform::find_function<ULONG WINAPI(NTSTATUS)>(L"ntdll.dll", "RtlNtStatusToDosError");
     OVERLAPPED_ENTRY entries[most_entries];
     ULONG count = 0;
     if (!GetQueuedCompletionStatusEx(m_system->port, entries, std::min<ULONG>(most, most_entries), &count,
-                                     ms < 0 ? INFINITE : static_cast<DWORD>(ms), FALSE))
+                                     static_cast<DWORD>(std::min(left, longest)), FALSE))
         return 0;
     unsigned told = 0;
     for (ULONG i = 0; i < count; ++i) {
