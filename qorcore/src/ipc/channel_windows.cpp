@@ -55,6 +55,7 @@ struct pipe_state {
     std::unique_ptr<char[]> output;
     DWORD output_size = 0;
     bool is_writing = false;
+    bool wants_output = false;
     int write_code = 0;
     int shown_code = 0;
 };
@@ -468,16 +469,19 @@ int qor::ipc::poller::add(listener& which, uint64 key) noexcept {
     return which.m_system->wait_for_client();
 }
 
-int qor::ipc::poller::set(channel& which, uint64, bool read, bool) noexcept {
+// A write that has ended is told once. Who asks later, because another thread was writing meanwhile, is told again.
+int qor::ipc::poller::set(channel& which, uint64, bool read, bool write) noexcept {
     const std::shared_ptr<pipe_state>& of = which.m_system->state;
     const std::lock_guard hold(of->lock);
-    if (of->pipe == INVALID_HANDLE_VALUE || of->wants_input == read)
+    if (of->pipe == INVALID_HANDLE_VALUE)
         return 0;
+    const bool asks_to_read = read && !of->wants_input;
+    const bool asks_to_write = write && !of->wants_output;
     of->wants_input = read;
-    if (!read)
-        return 0;
-    begin_read(of);
-    if (!of->is_reading)
+    of->wants_output = write;
+    if (asks_to_read)
+        begin_read(of);
+    if ((asks_to_read && !of->is_reading) || (asks_to_write && !of->is_writing))
         tell_again(of);
     return 0;
 }
@@ -529,6 +533,7 @@ bool qor::ipc::poller::system::take(OVERLAPPED* ended, DWORD code, event& out) {
         break;
     case operation::kind::again:
         out.can_read = of->wants_input && !of->is_reading;
+        out.can_write = of->wants_output && !of->is_writing;
         break;
     case operation::kind::connect:
         break;
