@@ -223,6 +223,7 @@ void qor::ipc::loop::begin_end(uint64 until, bool at_once) noexcept {
         m_listener.close();
     m_is_ending = true;
     std::vector<std::shared_ptr<connection>> all;
+    all.reserve(m_connections.size());
     for (const auto& [id, each] : m_connections)
         all.push_back(each);
     for (const std::shared_ptr<connection>& each : all) {
