@@ -8,13 +8,13 @@
 #include "qor/qor.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -49,6 +49,9 @@ void must(bool is_done, const char* what) {
     std::_Exit(2);
 }
 
+// That of a process that serves.
+zetSmartPointer<IQORIpcServer> s_server;
+
 // A process that does something, and ends with this one.
 class other_process {
 public:
@@ -60,6 +63,7 @@ public:
             run();
             char byte;
             (void)!read(m_end[0], &byte, 1);
+            s_server.Empty(); // which removes its socket
             std::_Exit(0);
         }
         close(m_end[0]);
@@ -147,12 +151,11 @@ private:
 
 // Answers each message, or each `count`th with one byte.
 void serve(const char* address, std::size_t count, uint32 connections) {
-    static zetSmartPointer<IQORIpcServer> server;
     auto answer = [count, seen = std::size_t{0}](IQORIpcConnection& from, std::string_view message) mutable {
         if (++seen % count == 0)
             (void)from.TrySend(count == 1 ? message : message.substr(0, 1));
     };
-    must(qorCreateIpcServer(address, {.max_connections = connections}, answer, server.Out()), "qorCreateIpcServer");
+    must(qorCreateIpcServer(address, {.max_connections = connections}, answer, s_server.Out()), "qorCreateIpcServer");
 }
 
 void connect_within_time(const char* address, IQORIpcTarget* target, IQORIpcConnection** out) {

@@ -105,8 +105,9 @@ public:
     int set(channel& which, uint64 key, bool read, bool write) noexcept;
     int set(listener& which, uint64 key, bool read) noexcept;
 
-    // Returns how many events there are. -1 as the limit: none.
-    unsigned wait(event* out, unsigned most, int ms) noexcept;
+    // Returns how many events there are, at this time of qorGetTickCounter at the latest; `now` is that of a moment
+    // ago.
+    unsigned wait(event* out, unsigned most, uint64 until, uint64 now) noexcept;
     void wake() noexcept;
 
     struct system;

@@ -22,6 +22,7 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -31,6 +32,7 @@ using qor::platform::uninterrupted;
 namespace {
 
 constexpr int waiting_connections = 1024;
+constexpr uint64 never = ~uint64{0};
 
 sockaddr_un address_of(const std::string& path) noexcept {
     sockaddr_un address{};
@@ -334,6 +336,9 @@ bool qor::ipc::connect(const char* address, uint32 ms, channel& out, peer& to, s
 struct qor::ipc::poller::system {
     descriptor set;
     descriptor waker;
+    // A timer of its own, because one for each wait costs more than a short message.
+    descriptor timer;
+    uint64 rings_at = never;
 
     int control(int operation, int which, uint64 key, uint32_t events) const noexcept {
         epoll_event wanted{};
@@ -344,17 +349,21 @@ struct qor::ipc::poller::system {
 };
 
 namespace {
+// Connections and listeners have others.
 constexpr uint64 key_of_waker = 0;
-}
+constexpr uint64 key_of_timer = ~uint64{0};
+} // namespace
 
 qor::ipc::poller::poller() noexcept : m_system(std::make_unique<system>()) {}
 qor::ipc::poller::~poller() = default;
 
 int qor::ipc::poller::open() noexcept {
     if (!m_system->set.make([] { return epoll_create1(EPOLL_CLOEXEC); }) ||
-        !m_system->waker.make([] { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }))
+        !m_system->waker.make([] { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }) ||
+        !m_system->timer.make([] { return timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK); }))
         return errno;
-    return m_system->control(EPOLL_CTL_ADD, m_system->waker.get(), key_of_waker, EPOLLIN);
+    const int code = m_system->control(EPOLL_CTL_ADD, m_system->timer.get(), key_of_timer, EPOLLIN);
+    return code != 0 ? code : m_system->control(EPOLL_CTL_ADD, m_system->waker.get(), key_of_waker, EPOLLIN);
 }
 
 int qor::ipc::poller::add(channel&, uint64) noexcept { return 0; }
@@ -382,10 +391,20 @@ int qor::ipc::poller::set(listener& which, uint64 key, bool read) noexcept {
     return m_system->control(EPOLL_CTL_MOD, which.m_system->socket.get(), key, read ? EPOLLIN : 0u);
 }
 
-unsigned qor::ipc::poller::wait(event* out, unsigned most, int ms) noexcept {
+// The timer may ring earlier than needed, once, but is not set again for each wait.
+unsigned qor::ipc::poller::wait(event* out, unsigned most, uint64 until, uint64 now) noexcept {
+    if (until > now && until < m_system->rings_at) {
+        constexpr uint64 longest = 24 * 3600 * qorTicksPerSecond; // then the caller looks again
+        const uint64 left = std::min(until - now, longest);
+        itimerspec when{};
+        when.it_value.tv_sec = static_cast<time_t>(left / qorTicksPerSecond);
+        when.it_value.tv_nsec = static_cast<long>(left % qorTicksPerSecond * (1'000'000'000 / qorTicksPerSecond));
+        timerfd_settime(m_system->timer.get(), 0, &when, nullptr);
+        m_system->rings_at = now + left;
+    }
     std::array<epoll_event, 128> events;
     const int count = epoll_wait(m_system->set.get(), events.data(),
-                                 static_cast<int>(std::min<std::size_t>(most, events.size())), ms);
+                                 static_cast<int>(std::min<std::size_t>(most, events.size())), until > now ? -1 : 0);
     unsigned told = 0;
     for (int i = 0; i < count; ++i) {
         const uint32_t what = events[static_cast<std::size_t>(i)].events;
@@ -393,6 +412,12 @@ unsigned qor::ipc::poller::wait(event* out, unsigned most, int ms) noexcept {
         if (key == key_of_waker) {
             eventfd_t ignored;
             eventfd_read(m_system->waker.get(), &ignored);
+            continue;
+        }
+        if (key == key_of_timer) {
+            uint64_t ignored;
+            (void)!::read(m_system->timer.get(), &ignored, sizeof ignored);
+            m_system->rings_at = never;
             continue;
         }
         out[told++] = {key, (what & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0, (what & (EPOLLOUT | EPOLLERR)) != 0};

@@ -24,6 +24,7 @@ constexpr DWORD buffer_size = 32 * 1024; // of a pipe, and of what is read
 constexpr std::size_t most_written = 64 * 1024;
 constexpr uint64 key_of_waker = 0;
 constexpr ULONG most_entries = 128;
+constexpr uint64 ticks_per_ms = qorTicksPerSecond / 1000;
 constexpr DWORD pipe_pause = 50; // milliseconds, for which a client waits for an instance at a time
 
 // What a channel shares with the operations that are under way, which may outlive it.
@@ -54,6 +55,7 @@ struct pipe_state {
     std::unique_ptr<char[]> output;
     DWORD output_size = 0;
     bool is_writing = false;
+    bool wants_output = false;
     int write_code = 0;
     int shown_code = 0;
 };
@@ -467,16 +469,19 @@ int qor::ipc::poller::add(listener& which, uint64 key) noexcept {
     return which.m_system->wait_for_client();
 }
 
-int qor::ipc::poller::set(channel& which, uint64, bool read, bool) noexcept {
+// A write that has ended is told once. Who asks later, because another thread was writing meanwhile, is told again.
+int qor::ipc::poller::set(channel& which, uint64, bool read, bool write) noexcept {
     const std::shared_ptr<pipe_state>& of = which.m_system->state;
     const std::lock_guard hold(of->lock);
-    if (of->pipe == INVALID_HANDLE_VALUE || of->wants_input == read)
+    if (of->pipe == INVALID_HANDLE_VALUE)
         return 0;
+    const bool asks_to_read = read && !of->wants_input;
+    const bool asks_to_write = write && !of->wants_output;
     of->wants_input = read;
-    if (!read)
-        return 0;
-    begin_read(of);
-    if (!of->is_reading)
+    of->wants_output = write;
+    if (asks_to_read)
+        begin_read(of);
+    if ((asks_to_read && !of->is_reading) || (asks_to_write && !of->is_writing))
         tell_again(of);
     return 0;
 }
@@ -528,6 +533,7 @@ bool qor::ipc::poller::system::take(OVERLAPPED* ended, DWORD code, event& out) {
         break;
     case operation::kind::again:
         out.can_read = of->wants_input && !of->is_reading;
+        out.can_write = of->wants_output && !of->is_writing;
         break;
     case operation::kind::connect:
         break;
@@ -536,12 +542,14 @@ bool qor::ipc::poller::system::take(OVERLAPPED* ended, DWORD code, event& out) {
     return out.can_read || out.can_write;
 }
 
-unsigned qor::ipc::poller::wait(event* out, unsigned most, int ms) noexcept {
+unsigned qor::ipc::poller::wait(event* out, unsigned most, uint64 until, uint64 now) noexcept {
+    constexpr uint64 longest = 3'600'000; // milliseconds; then the caller looks again
+    const uint64 left = until > now ? (until - now) / ticks_per_ms + 1 : 0;
     static auto* const reason = platform::find_function<ULONG WINAPI(NTSTATUS)>(L"ntdll.dll", "RtlNtStatusToDosError");
     OVERLAPPED_ENTRY entries[most_entries];
     ULONG count = 0;
     if (!GetQueuedCompletionStatusEx(m_system->port, entries, std::min<ULONG>(most, most_entries), &count,
-                                     ms < 0 ? INFINITE : static_cast<DWORD>(ms), FALSE))
+                                     static_cast<DWORD>(std::min(left, longest)), FALSE))
         return 0;
     unsigned told = 0;
     for (ULONG i = 0; i < count; ++i) {

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <climits>
 
 namespace {
 
@@ -93,14 +92,8 @@ bool qor::ipc::loop::close(uint64 until, bool at_once) noexcept {
 
 // ---- the thread
 
-int qor::ipc::loop::time_to_wait() noexcept {
-    const uint64 next = std::min(m_accept_again, m_checks.empty() ? never : m_checks.top().when);
-    if (next == never)
-        return -1;
-    const uint64 now = m_now;
-    if (next <= now)
-        return 0;
-    return static_cast<int>(std::min<uint64>((next - now + ticks_per_ms - 1) / ticks_per_ms, INT_MAX));
+uint64 qor::ipc::loop::next_due() const noexcept {
+    return std::min(m_accept_again, m_checks.empty() ? never : m_checks.top().when);
 }
 
 void qor::ipc::loop::run() noexcept {
@@ -109,7 +102,7 @@ void qor::ipc::loop::run() noexcept {
     std::array<event, most_events> events;
     m_now = ticks_now();
     while (!m_is_ending || !m_connections.empty()) {
-        const unsigned count = m_poller.wait(events.data(), most_events, time_to_wait());
+        const unsigned count = m_poller.wait(events.data(), most_events, next_due(), m_now);
         m_now = ticks_now();
         for (unsigned i = 0; i < count; ++i) {
             if (events[i].key == key_of_listener) {
@@ -127,7 +120,7 @@ void qor::ipc::loop::run() noexcept {
             forget_if_gone(*which);
         }
         run_posted();
-        run_checks(count + 1 < most_events); // one may have been that of a wake
+        run_checks(count + 2 < most_events); // a wake and the timer may have been among them
     }
     std::vector<std::function<void(loop&)>> dropped; // behind the lock
     {
@@ -230,6 +223,7 @@ void qor::ipc::loop::begin_end(uint64 until, bool at_once) noexcept {
         m_listener.close();
     m_is_ending = true;
     std::vector<std::shared_ptr<connection>> all;
+    all.reserve(m_connections.size());
     for (const auto& [id, each] : m_connections)
         all.push_back(each);
     for (const std::shared_ptr<connection>& each : all) {

@@ -64,7 +64,7 @@ private:
     void run_checks(bool has_seen_all) noexcept;
     void forget_if_gone(connection& which) noexcept;
     void begin_end(uint64 until, bool at_once) noexcept;
-    int time_to_wait() noexcept;
+    uint64 next_due() const noexcept;
 
     // ---- of the thread
     qorIpcOptions m_options;
