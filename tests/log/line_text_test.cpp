@@ -34,9 +34,14 @@ TEST(log_line_text, escapes_what_its_place_needs) { EXPECT_EQ(shown("my app", " 
 TEST(log_line_text, is_found_to_need_nothing) {
     EXPECT_TRUE(qor::log::is_line_text(""));
     EXPECT_TRUE(qor::log::is_line_text("all of ' ' to '~'"));
+    EXPECT_TRUE(qor::log::is_line_word(""));
     for (int byte = 0; byte < 256; ++byte)
-        EXPECT_EQ(qor::log::is_line_text(std::string(20, 'x') + static_cast<char>(byte)), byte >= ' ' && byte <= '~')
-            << byte;
+        for (const std::size_t at : {0, 6, 7, 8, 19}) {
+            std::string text(20, 'x');
+            text[at] = static_cast<char>(byte);
+            EXPECT_EQ(qor::log::is_line_text(text), byte >= ' ' && byte <= '~') << byte;
+            EXPECT_EQ(qor::log::is_line_word(text), byte > ' ' && byte <= '~') << byte;
+        }
 }
 
 TEST(log_line_text, has_fields_that_can_be_told_apart) {

@@ -16,6 +16,23 @@ bool is_shown(const qor::string::decoded& next) noexcept {
            !(c >= 0x2066 && c <= 0x2069) && c != 0x2028 && c != 0x2029;
 }
 
+// Tests eight bytes at a time: one of the three terms sets the high bit of a byte that is beyond ASCII, below `least`,
+// or DEL. A carry can only mark the neighbour of such a byte as well.
+template <char least>
+bool is_plain(std::string_view text) noexcept {
+    constexpr uint64 each = 0x0101010101010101;
+    uint64 found = 0;
+    for (; text.size() >= sizeof each; text.remove_prefix(sizeof each)) {
+        uint64 bytes;
+        std::memcpy(&bytes, text.data(), sizeof bytes);
+        found |= bytes | (bytes - least * each) | (bytes + each);
+    }
+    bool is_right = (found & 0x80 * each) == 0;
+    for (const char c : text)
+        is_right &= c >= least && c <= '~';
+    return is_right;
+}
+
 void append_escape(std::string& line, char byte) {
     constexpr char digits[] = "0123456789abcdef";
     switch (byte) {
@@ -41,21 +58,8 @@ std::string_view qor::log::level_name(qorLogLevel level) noexcept {
     return names[std::min<std::size_t>(static_cast<std::size_t>(level), std::size(names) - 1)];
 }
 
-bool qor::log::is_line_text(std::string_view text) noexcept {
-    // Tests eight bytes at a time: one of the three terms sets the high bit of a byte that is beyond ASCII, below a
-    // blank, or DEL. A carry can only mark the neighbour of such a byte as well.
-    constexpr uint64 each = 0x0101010101010101;
-    uint64 found = 0;
-    for (; text.size() >= sizeof each; text.remove_prefix(sizeof each)) {
-        uint64 bytes;
-        std::memcpy(&bytes, text.data(), sizeof bytes);
-        found |= bytes | (bytes - 0x20 * each) | (bytes + each);
-    }
-    bool is_plain = (found & 0x80 * each) == 0;
-    for (const char c : text)
-        is_plain &= c >= ' ' && c <= '~';
-    return is_plain;
-}
+bool qor::log::is_line_text(std::string_view text) noexcept { return is_plain<' '>(text); }
+bool qor::log::is_line_word(std::string_view text) noexcept { return is_plain<'!'>(text); }
 
 void qor::log::append_line_text(std::string& line, std::string_view text, std::string_view special) {
     while (!text.empty()) {

@@ -16,8 +16,9 @@ std::string_view level_name(qorLogLevel level) noexcept;
 // become `\x20` and the like.
 void append_line_text(std::string& line, std::string_view text, std::string_view special = {});
 
-// Whether append_line_text would change nothing, found out quickly.
+// Whether the text is ASCII that append_line_text leaves alone; a word has no blanks, either.
 bool is_line_text(std::string_view text) noexcept;
+bool is_line_word(std::string_view text) noexcept;
 
 // Appends ` NAME="value"` for each field; '"' and '\' have a '\' before them.
 void append_fields(std::string& line, const std::vector<field>& fields);

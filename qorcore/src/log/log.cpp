@@ -78,11 +78,17 @@ system_sender& sender() {
     return *made;
 }
 
-// A word of a line. Most texts stay as they are, and `changed` remains empty.
-std::string_view shown(std::string_view text, std::string& changed, std::string_view special = {}) {
-    if (qor::log::is_line_text(text) && (special.empty() || text.find(special.front()) == text.npos))
+// Most texts and words stay as they are, and `changed` remains empty.
+std::string_view shown_text(std::string_view text, std::string& changed) {
+    if (qor::log::is_line_text(text))
         return text;
-    qor::log::append_line_text(changed, text, special);
+    qor::log::append_line_text(changed, text);
+    return changed;
+}
+std::string_view shown_word(std::string_view word, std::string& changed) {
+    if (qor::log::is_line_word(word))
+        return word;
+    qor::log::append_line_text(changed, word, " ");
     return changed;
 }
 
@@ -90,14 +96,14 @@ void send_as_line(const qor::log::entry& sent) noexcept {
     std::string program, file, text, fields;
     char place[16] = "-";
     char* place_end = place + 1;
-    const std::string_view file_name = shown(qor::log::base_name(sent.place.file), file, " ");
+    const std::string_view file_name = shown_word(qor::log::base_name(sent.place.file), file);
     if (!file_name.empty()) {
         *place = ':';
         place_end = std::to_chars(place + 1, std::end(place), sent.place.line).ptr;
     }
     if (!sent.fields.empty())
         qor::log::append_fields(fields, sent.fields);
-    lines().write({shown(qor::platform::name(), program, " "),
+    lines().write({shown_word(qor::platform::name(), program),
                    " ",
                    qor::log::level_name(sent.level),
                    " ",
@@ -105,7 +111,7 @@ void send_as_line(const qor::log::entry& sent) noexcept {
                    {place, static_cast<std::size_t>(place_end - place)},
                    fields,
                    ": ",
-                   shown(sent.text, text)});
+                   shown_text(sent.text, text)});
 }
 
 } // namespace
