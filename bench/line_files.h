@@ -1,5 +1,8 @@
-// Shared by the benchmarks of lines that two threads write into a file at full speed.
+// Shared by the benchmarks of lines that two threads write into a file at full speed, beside spdlog's file logger.
 #pragma once
+
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/spdlog.h>
 
 #include <algorithm>
 #include <charconv>
@@ -61,8 +64,17 @@ inline bool is_whole(const std::string& path, int lines) {
     return std::ranges::count(next, lines) == threads;
 }
 
-// The framework is the first of the contenders. Returns the exit code of the benchmark.
-inline int compare(int argc, char** argv, const std::string& name, std::vector<contender> contenders) {
+inline void run_spdlog(const std::string& path, int lines) {
+    const auto logger = spdlog::basic_logger_mt("bench", path, true);
+    on_threads(lines, [logger = logger.get()](int thread, int line) {
+        logger->info("thread {} has come to line {} of {}", thread, line, "many");
+    });
+    spdlog::drop_all();
+}
+
+// `run` is the framework's side. Returns the exit code of the benchmark.
+inline int compare(int argc, char** argv, const std::string& name, void (*run)(const std::string& path, int lines)) {
+    contender contenders[] = {{"the framework", run}, {"spdlog", run_spdlog}};
     bool brief = false;
     std::string folder = std::filesystem::temp_directory_path();
     for (int i = 1; i < argc; ++i)

@@ -8,9 +8,6 @@
 #include "line_files.h"
 #include "qor/qor.h"
 
-#include <spdlog/sinks/basic_file_sink.h>
-#include <spdlog/spdlog.h>
-
 namespace {
 
 void run_qor(const std::string& path, int lines) {
@@ -24,16 +21,6 @@ void run_qor(const std::string& path, int lines) {
     (void)qorDebugAttachFile(nullptr);
 }
 
-void run_spdlog(const std::string& path, int lines) {
-    const auto logger = spdlog::basic_logger_mt("bench", path, true);
-    bench::on_threads(lines, [logger = logger.get()](int thread, int line) {
-        logger->info("thread {} has come to line {} of {}", thread, line, "many");
-    });
-    spdlog::drop_all();
-}
-
 } // namespace
 
-int main(int argc, char** argv) {
-    return bench::compare(argc, argv, "qor-trace-bench", {{"the framework", run_qor}, {"spdlog", run_spdlog}});
-}
+int main(int argc, char** argv) { return bench::compare(argc, argv, "qor-trace-bench", run_qor); }
