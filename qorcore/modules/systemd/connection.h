@@ -67,7 +67,7 @@ public:
             path, interface, member, [](sd_bus_message*) { return 0; }, answer);
     }
 
-    // The name of the error that an answer is; empty if it is none.
+    // The name of the error, if an answer is one; otherwise empty.
     static std::string_view error_of(const message_pointer& answer) noexcept;
 
     // Set the last error and return false: for an answer that is an error, and for an error number of libsystemd.

@@ -25,6 +25,8 @@ struct start_plan {
     bool sets_umask = false;
     bool own_group = false;
     std::vector<passed_descriptor> descriptors; // by their numbers in the child, each of which is there once
+
+    void add(int own, int in_child) { descriptors.push_back({own, in_child}); }
 };
 
 // Where a start has failed.

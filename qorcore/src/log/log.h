@@ -14,7 +14,7 @@ struct field {
     std::string value;
 };
 
-// What the caller has said. The texts are valid during the call alone.
+// An entry as the caller gives it. The texts are valid during the call only.
 struct entry {
     qorLogLevel level;
     std::string_view text;

@@ -234,7 +234,7 @@ DWORD service::open(DWORD rights) {
     return 0;
 }
 
-// What the system does not tell stays empty.
+// Members that the system does not tell stay empty.
 void service::read_config() {
     DWORD size = 0;
     api().query_config(m_service.get(), nullptr, 0, &size);

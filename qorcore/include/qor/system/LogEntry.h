@@ -4,7 +4,7 @@
 // An entry has a level, a text or a numbered message with inserts, fields, and its place in the source. It goes to one
 // target, which the option --qor-log, the variable QOR_LOG or qorSetLogTarget chooses:
 //
-//   system   the journal of systemd; where there is none syslog; on Windows the event log. The default.
+//   system   the journal of systemd, or syslog on a host without one; the event log on Windows. The default.
 //   stderr   lines on standard error
 //   FILE     lines at the end of a file
 //

@@ -14,7 +14,7 @@ enum class qorServiceManager : uint32 {
     user, // those of the user as whom the process runs
 };
 
-// What a service does now.
+// The state of a service.
 enum class qorServiceState : uint32 {
     unknown, // a state that this release does not know
     inactive,
