@@ -1,6 +1,7 @@
 // Logs what the lines of its input say (support/line_driver.h): `text LEVEL TEXT`, `many COUNT TEXT`, `message LEVEL
-// CATALOG NUMBER INSERT INSERT`, `entry LEVEL TEXT NAME VALUE ...`, `target NAME`, `flush MILLISECONDS`, `dropped`,
-// and on Linux `fork TEXT` (the child logs the text), `close` (all descriptors but the standard streams).
+// CATALOG NUMBER INSERT INSERT`, `entry LEVEL TEXT NAME VALUE ...`, `place FILE` (messages and entries then seem to
+// come from line 1 of this file, in function `f`), `target NAME`, `flush MILLISECONDS`, `dropped`, and on Linux `fork
+// TEXT` (the child logs the text), `close` (all descriptors but the standard streams).
 #include "qor/qor.h"
 #include "support/line_driver.h"
 
@@ -12,6 +13,14 @@
 namespace {
 
 using line_driver::words;
+
+std::string source_file;
+
+qorLogPlace place_or(const qorLogPlace& here) {
+    return source_file.empty() ? here : qorLogPlace(source_file.c_str(), 1, "f");
+}
+
+bool set_place(const words& given, std::string&) { return !(source_file = given[1]).empty(); }
 
 qorLogLevel level_of(const std::string& word) { return static_cast<qorLogLevel>(std::stoul(word)); }
 
@@ -26,11 +35,12 @@ bool send_many(const words& given, std::string&) {
 
 bool send_message(const words& given, std::string&) {
     return qorSendLogMessage(level_of(given[1]), given[2].c_str(), static_cast<uint32>(std::stoul(given[3])),
-                             given[4].c_str(), given[5].c_str());
+                             given[4].c_str(), given[5].c_str(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                             nullptr, nullptr, place_or(std::source_location::current()));
 }
 
 bool send_entry(const words& given, std::string&) {
-    qorLogEntry entry(level_of(given[1]));
+    qorLogEntry entry(level_of(given[1]), place_or(std::source_location::current()));
     entry.Text(given[2]);
     for (std::size_t i = 3; i + 1 < given.size() && !given[i].empty(); i += 2)
         entry.Field(given[i], given[i + 1]);
@@ -72,6 +82,7 @@ int main(int argc, char** argv) {
         {"many", send_many},
         {"message", send_message},
         {"entry", send_entry},
+        {"place", set_place},
         {"flush", flush},
         {"dropped", tell_dropped},
         {"target", set_target},
