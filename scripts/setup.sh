@@ -17,6 +17,8 @@ needs_tests=("golang-github-burntsushi-toml-dev=/usr/share/gocode/src/github.com
     "tzdata=/usr/share/zoneinfo/Europe/Berlin" "libfaketime=/usr/lib/$HOSTTYPE-linux-gnu/faketime/libfaketime.so.1"
     "xdg-user-dirs=xdg-user-dir" "systemd=systemd-path" "procps=free" "libgsasl-dev=/usr/include/gsasl.h"
     "openssl=openssl" "gzip=gzip" "zstd=zstd" "libspdlog-dev=/usr/include/spdlog/spdlog.h" "tmux=tmux" "doxygen=doxygen"
+    "python3-cryptography=/usr/lib/python3/dist-packages/cryptography/__init__.py"
+    "python3-serial=/usr/lib/python3/dist-packages/serial/__init__.py"
     "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py"
     "clang-format-14=clang-format-14" "clang-tidy-16=clang-tidy-16" "shellcheck=shellcheck"
     "libjemalloc2=/usr/lib/$HOSTTYPE-linux-gnu/libjemalloc.so.2"

@@ -1,7 +1,8 @@
-// serial_client PORT TEXT: sends a text through a port, then prints the port's settings and the answer, as many bytes
-// as it sent.
+// serial_client PORT TEXT [RATE]: sends a text through a port, then prints the port's settings and the answer, as many
+// bytes as it sent. With a rate, it sets the port first.
 #include "qor/qor.h"
 
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -37,13 +38,22 @@ bool talk(IQORSerialPort& port, const char* text) {
     return port.Read(&count, 1, 1, count) && count == 0;
 }
 
+bool open_port(const char* name, const char* rate, IQORSerialPort** port) {
+    if (rate == nullptr)
+        return qorOpenSerialPort(name, port);
+    qorSerialParams params;
+    return qorSetParams_Basics(params, static_cast<uint32>(std::atoi(rate)), 8, 4) &&
+           qorSetParams_FlowControl(params, false, true) &&
+           qorOpenSerialPortEx(name, params, qorSerialClosing::keep, port);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3)
+    if (argc < 3 || argc > 4)
         return 2;
     zetSmartPointer<IQORSerialPort> port;
-    if (qorOpenSerialPort(argv[1], port.Out()) && talk(**port, argv[2]))
+    if (open_port(argv[1], argv[3], port.Out()) && talk(**port, argv[2]))
         return 0;
     fputerr(stderr, true);
     return 1;

@@ -49,23 +49,35 @@ class Talk(unittest.TestCase):
                               env=program.environment(), timeout=250)
         return done.returncode, program.printed(done.stdout).decode(), program.printed(done.stderr).decode()
 
-    def test_what_is_sent_comes_and_is_answered(self):
+    def answer_in_capitals(self, length):
+        heard = b""
+        while len(heard) < length:
+            heard += os.read(self.other_end, 64)
+        os.write(self.other_end, heard.upper())
+
+    def talk(self, *rate):
+        """Returns what the client prints about the settings and the talk."""
         text = "Hello, port"
-
-        def answer():
-            heard = b""
-            while len(heard) < len(text):
-                heard += os.read(self.other_end, 64)
-            os.write(self.other_end, heard.upper())
-
-        other = threading.Thread(target=answer, daemon=True)
+        other = threading.Thread(target=self.answer_in_capitals, args=(len(text),), daemon=True)
         other.start()
-        before = termios.tcgetattr(self.end)
-        self.assertEqual(self.run_program(options.client, self.name, text),
-                         (0, "19200 bits per second, 8 data bits, 2 half stop bits, parity 0\n"
-                          "11 sent, 'HELLO, PORT' came, 0 wait\n", ""))
-        self.assertEqual(termios.tcgetattr(self.end), before)
+        code, out, err = self.run_program(options.client, self.name, text, *rate)
+        self.assertEqual((code, err), (0, ""))
         other.join()
+        return out
+
+    def test_what_is_sent_comes_and_is_answered(self):
+        before = termios.tcgetattr(self.end)
+        self.assertEqual(self.talk(), "19200 bits per second, 8 data bits, 2 half stop bits, parity 0\n"
+                         "11 sent, 'HELLO, PORT' came, 0 wait\n")
+        self.assertEqual(termios.tcgetattr(self.end), before)
+
+    def test_settings_reach_the_port(self):
+        self.assertEqual(self.talk("57600"), "57600 bits per second, 8 data bits, 4 half stop bits, parity 0\n"
+                         "11 sent, 'HELLO, PORT' came, 0 wait\n")
+        now = termios.tcgetattr(self.end)
+        self.assertEqual(now[4:6], [termios.B57600] * 2)
+        self.assertEqual(now[0] & (termios.IXON | termios.IXOFF), termios.IXON | termios.IXOFF)
+        self.assertEqual(now[2] & (termios.CSTOPB | termios.PARENB), termios.CSTOPB)
 
     def test_ttyinfo_leaves_it_as_it_was(self):
         before = termios.tcgetattr(self.end)

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -67,6 +68,72 @@ TEST(lookup_host, what_is_no_name_is_no_host) {
         qorString reason;
         EXPECT_EQ(qorGetLastError(reason), qorError_no_such_host);
     }
+}
+
+TEST(host_dns_name, of_this_host_under_any_name) {
+    // Whatever the name is, it is one, and it is that of the address, too, if that has any.
+    qorString name("what it held");
+    ASSERT_TRUE(qorGetHostDNSName("localhost", name));
+    EXPECT_FALSE(name.IsEmpty());
+    EXPECT_NE(name, "what it held");
+    qorString of_address("what it held");
+    const qorHostAddress loopback{.family = qorAddressFamily::ipv4, .ipv4 = {{127, 0, 0, 1}}};
+    if (qorGetHostDNSName(loopback, of_address)) {
+        qorString of_text;
+        EXPECT_TRUE(qorGetHostDNSName("127.0.0.1", of_text));
+        EXPECT_EQ(of_text, of_address);
+    } else {
+        EXPECT_EQ(of_address, "what it held");
+    }
+}
+
+TEST(host_dns_name, of_nothing_is_an_error) {
+    qorString name("what it held");
+    EXPECT_FALSE(qorGetHostDNSName("", name));
+    EXPECT_EQ(qorGetLastError(name), qorError_no_such_host);
+    EXPECT_FALSE(qorGetHostDNSName(qorHostAddress{}, name));
+    EXPECT_EQ(qorGetLastError(name), qorError_invalid_argument);
+}
+
+TEST(local_addresses, are_those_of_the_interfaces) {
+    zetSmartPointer<IQORNetInterfaceList> interfaces;
+    ASSERT_TRUE(qorEnumerateNetInterfaces(interfaces.Out()));
+    std::vector<qorLocalAddress> addresses;
+    ASSERT_TRUE(qorGetLocalAddresses(addresses));
+    std::size_t at = 0;
+    for (uint32 i = 0; i < interfaces->GetCount(); ++i) {
+        zetSmartPointer<IQORNetInterface> each;
+        ASSERT_TRUE(interfaces->GetInterface(i, each.Out()));
+        for (uint32 k = 0; k < each->GetIPv4Count(); ++k, ++at) {
+            qorNetAddress4 address{};
+            ASSERT_TRUE(each->GetIPv4Address(k, address));
+            ASSERT_LT(at, addresses.size());
+            EXPECT_EQ(addresses[at].address,
+                      (qorHostAddress{.family = qorAddressFamily::ipv4, .ipv4 = address.address}));
+            EXPECT_EQ(addresses[at].prefix, address.prefix);
+            EXPECT_EQ(addresses[at].interface_index, each->GetIndex());
+            EXPECT_EQ(addresses[at].IsLoopback(), address.address.bytes[0] == 127);
+        }
+        for (uint32 k = 0; k < each->GetIPv6Count(); ++k, ++at) {
+            qorNetAddress6 address{};
+            ASSERT_TRUE(each->GetIPv6Address(k, address));
+            ASSERT_LT(at, addresses.size());
+            EXPECT_EQ(
+                addresses[at].address,
+                (qorHostAddress{.family = qorAddressFamily::ipv6, .ipv6 = address.address, .scope = address.scope}));
+            EXPECT_EQ(addresses[at].prefix, address.prefix);
+            EXPECT_EQ(addresses[at].interface_index, each->GetIndex());
+            EXPECT_EQ(addresses[at].IsLinkLocal(), address.address.bytes[0] == 0xfe && address.scope != 0);
+        }
+    }
+    EXPECT_EQ(at, addresses.size());
+
+    zetSmartPointer<IQORLocalAddressList> list;
+    ASSERT_TRUE(qorGetLocalAddresses(list.Out()));
+    qorLocalAddress kept;
+    kept.prefix = 99;
+    EXPECT_FALSE(list->GetAddress(list->GetCount(), kept));
+    EXPECT_EQ(kept.prefix, 99);
 }
 
 TEST(string_to_address, of_either_family) {

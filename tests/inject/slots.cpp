@@ -14,9 +14,12 @@
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <string>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -338,6 +341,14 @@ void use_host() {
     std::printf("%llu\n", qor_get_simd_alignment());
 }
 
+// Prints the error of an operation that must have failed for this reason.
+void say_failure(uint32 expected) {
+    qorString text;
+    if (qorGetLastError(text) != expected)
+        fail("another failure");
+    say(text);
+}
+
 void use_network() {
     zetSmartPointer<IQORHostAddressList> found;
     MUST(qorLookupHost("192.0.2.7", found.Out()));
@@ -352,6 +363,52 @@ void use_network() {
     zetSmartPointer<IQORNetInterfaceList> all;
     MUST(qorEnumerateNetInterfaces(all.Out()));
     std::printf("%u\n", all->GetCount());
+    std::vector<qorLocalAddress> addresses;
+    MUST(qorGetLocalAddresses(addresses));
+    std::printf("%zu\n", addresses.size());
+    MUST(qorGetHostDNSName("localhost", text));
+    say(text);
+    for (const char* const each : {"tcp://example.org:80", "[2001:db8::1]:1", "unix:/run/a path that needs a block"}) {
+        qorServiceDescriptor service;
+        MUST(qorParseServiceDescriptor(each, service));
+        service.GetText(text);
+        say(text);
+    }
+    qorServiceDescriptor none;
+    if (!qorParseServiceDescriptor(long_text, none))
+        say_failure(qorError_descriptor_syntax);
+}
+
+// Connects to a port of this host, sends a word, and prints what comes back up to the end.
+void call(uint16 port) {
+    const int peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.sin_port = htons(port);
+    char bytes[10] = {};
+    if (connect(peer, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0 ||
+        send(peer, "word", 4, MSG_NOSIGNAL) != 4 || recv(peer, bytes, 4, MSG_WAITALL) != 4)
+        std::_Exit((std::fputs("no answer\n", stderr), 1));
+    close(peer);
+    say(bytes);
+}
+
+void use_listeners() {
+    qorIPPortListener listener;
+    MUST(listener.Begin({.address = "127.0.0.1"}, [](IQORIPConnection& connection) {
+        char bytes[4];
+        uint64 count = 0;
+        if (connection.Read(bytes, sizeof bytes, 60'000, count))
+            (void)connection.Write(std::string_view(bytes, static_cast<std::size_t>(count)), 60'000);
+    }));
+    call(listener.Port());
+    qorIPPortListener second;
+    qorString text; // names the port, which is another one in each run
+    if (second.Begin({.address = "127.0.0.1", .port = listener.Port()}, [](IQORIPConnection&) {}) ||
+        qorGetLastError(text) != qorError_cannot_listen)
+        fail("another failure");
+    std::printf("%d\n", listener.Close());
 }
 
 void use_time() {
@@ -425,14 +482,6 @@ void use_containers() {
                 merged->FindGap(7).value_or(0), read.IsHeld());
 }
 
-// Prints the error of an operation that must have failed for this reason.
-void say_failure(uint32 expected) {
-    qorString text;
-    if (qorGetLastError(text) != expected)
-        fail("another failure");
-    say(text);
-}
-
 struct no_paper final : std::exception {
     const char* what() const noexcept override { return long_text; }
 };
@@ -472,6 +521,31 @@ void use_children() {
         say_failure(qorError_child_program_missing);
 }
 
+void use_serial() {
+    const int other_end = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (other_end < 0 || grantpt(other_end) != 0 || unlockpt(other_end) != 0)
+        return (void)std::puts("no pseudo-terminal");
+    const char* const name = ptsname(other_end);
+    qorSerialParams params;
+    MUST(qorSetParams_Basics(params, 250000));
+    MUST(qorSetParams_FlowControl(params, true, false));
+    MUST(qorSetParams_Timeouts(params, {.read_total = 0}));
+    zetSmartPointer<IQORSerialPort> port;
+    MUST(qorOpenSerialPortEx(name, params, qorSerialClosing::restore, port.Out()));
+    qorSerialSettings settings{};
+    MUST(port->GetSettings(settings));
+    std::printf("%u\n", settings.bits_per_second);
+    char bytes[8];
+    uint32 count = 0;
+    MUST(port->ReadAll(bytes, sizeof bytes, count) && port->WriteAll("text"));
+    MUST(qorSetParams_Basics(params, 300, 7));
+    const bool is_refused = !port->SetParams(params);
+    qorString text;
+    std::printf("%d %d\n", is_refused, qorGetLastError(text) == qorError_serial_not_taken);
+    port.Empty();
+    close(other_end);
+}
+
 void use_log() {
     unlink("log"); // that of a run that has failed
     MUST(qorSetLogTarget("log"));
@@ -493,18 +567,78 @@ void use_log() {
         std::printf("%.*s\n", static_cast<int>(std::strcspn(line, "\n")), line);
 }
 
+class thing final : public qor::object<IQORInterface> {
+public:
+    thing() : object("inject.thing", "IQORInterface") {}
+};
+
+struct counted {
+    qorString text{long_text};
+};
+
+void use_components() {
+    zetSmartPointer<IQORModuleHelper> helper;
+    MUST(qorCreateModuleHelper("inject-slots", "1.0", nullptr, helper.Out()));
+    MUST(helper->Register<thing>("inject.slots.thing-with-a-rather-long-name"));
+    zetSmartPointer<IQORInterface> made;
+    MUST(qorCreateComponent("inject.slots.thing-with-a-rather-long-name", made.Out()));
+    constexpr qorCatalogMessage messages[] = {{1, long_text}, {2, "{1} and {2}"}};
+    MUST(helper->AddCatalog("inject-slots", messages));
+    qorString text;
+    MUST(text.Format("inject-slots", 2, long_text, "more"));
+    say(text);
+    zetSmartPointer<IQORModuleManager> manager;
+    qorGetModuleManager(manager.Out());
+    MUST(manager->AddFolder("/usr"));
+    zetSmartPointer<IQORModuleList> modules;
+    MUST(manager->GetModules(modules.Out()));
+    for (const qorModuleInfo& each : modules->Modules())
+        say(each.name);
+    MUST(manager->LoadModule("qor-network"));
+    if (!qorCreateComponent("inject.slots.unknown", made.Out()))
+        say_failure(qorError_component_unknown);
+    const counted* const value = qorGetGlobalSlot<counted>("inject.counted");
+    MUST(value != nullptr);
+    say(value->text);
+    MUST(helper->UnregisterComponent("inject.slots.thing-with-a-rather-long-name"));
+    qorCleanup();
+}
+
+void use_ipc() {
+    zetSmartPointer<IQORIpcServer> server;
+    const auto answer = [](IQORIpcConnection& from, std::string_view message) { MUST(from.TrySend(message)); };
+    char folder[4096];
+    const std::string address = "unix:" + std::string(getcwd(folder, sizeof folder)) + "/ipc";
+    MUST(qorCreateIpcServer(address.c_str(), {}, answer, server.Out()));
+    zetSmartPointer<IQORIpcConnection> connection;
+    MUST(qorCreateIpcConnection(address.c_str(), connection.Out()));
+    std::string back;
+    for (const std::string& message : {std::string(long_text), std::string(100'000, 'x'), std::string()}) {
+        MUST(connection->Send(message));
+        MUST(connection->Receive(back, 60'000));
+        std::printf("%d\n", back == message);
+    }
+    MUST(connection->Close(60'000));
+    MUST(server->Close(60'000));
+    if (!qorCreateIpcConnection(address.c_str(), connection.Out()))
+        say_failure(qorError_ipc_no_server);
+}
+
 struct script {
     const char* name;
     void (*run)();
 };
 
 constexpr script scripts[] = {
-    {"memory", use_memory},     {"vector", use_vector},     {"string", use_string},         {"array", use_array},
-    {"messages", use_messages}, {"errors", use_errors},     {"files", use_files},           {"trace", use_trace},
-    {"process", use_process},   {"host", use_host},         {"network", use_network},       {"time", use_time},
-    {"digest", use_digest},     {"folders", use_folders},   {"containers", use_containers}, {"config", use_config},
-    {"store", use_store},       {"threads", use_threads},   {"timers", use_timers},         {"children", use_children},
-    {"log", use_log},           {"services", use_services},
+    {"memory", use_memory},       {"vector", use_vector},     {"string", use_string},
+    {"array", use_array},         {"messages", use_messages}, {"errors", use_errors},
+    {"files", use_files},         {"trace", use_trace},       {"process", use_process},
+    {"host", use_host},           {"network", use_network},   {"time", use_time},
+    {"digest", use_digest},       {"folders", use_folders},   {"containers", use_containers},
+    {"config", use_config},       {"store", use_store},       {"threads", use_threads},
+    {"timers", use_timers},       {"children", use_children}, {"log", use_log},
+    {"services", use_services},   {"serial", use_serial},     {"components", use_components},
+    {"listeners", use_listeners}, {"ipc", use_ipc},
 };
 
 struct outcome {

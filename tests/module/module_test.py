@@ -90,8 +90,8 @@ class Modules(DamagedLibraries, unittest.TestCase):
         self.module.write_bytes(image)
         self.check_unusable(reason=reason)
 
-    def check_wrong(self):
-        self.check_fails(f"The file '{self.quoted(self.module)}' is not a module that this library can use\\.")
+    def check_wrong(self, reason):
+        self.check_fails(f"The file '{self.quoted(self.module)}' is not a module that this library can use: {reason}\\.")
 
     def quoted(self, path):
         return self.path(path).replace("\\", "\\\\").replace(".", "\\.")
@@ -136,24 +136,33 @@ class Modules(DamagedLibraries, unittest.TestCase):
     # ---- a library that is not a module
 
     def test_without_the_export(self):
+        self.copy("without_entry" + options.library, self.module)
+        self.check_wrong("it has no usable entry")
+
+    def test_without_a_description(self):
         self.copy("without_export" + options.library, self.module)
-        self.check_wrong()
+        self.check_wrong("it has no description of a module")
+
+    def test_with_the_name_of_another(self):
+        other = self.bin / "qor" / ("qor-network" + options.library)
+        shutil.copy(options.bin / "qor" / other.name, self.module)
+        self.check_wrong("its description is that of 'qor-network'")
 
     def test_another_library_of_ours(self):
         shutil.copy(self.library, self.module)
-        self.check_wrong()
+        self.check_wrong("it has no description of a module")
 
     def test_a_module_that_cannot_work_with_this_library(self):
         self.copy("refusing_module" + options.library, self.module)
-        self.check_wrong()
+        self.check_wrong("it refuses this library")
 
     def test_needs_what_nobody_has(self):
-        self.copy("unresolved" + options.library, self.module)
+        self.copy("unresolved_module" + options.library, self.module)
         self.check_unusable()
 
     def test_exports_that_are_no_functions(self):
-        self.copy("no_function" + options.library, self.module)
-        self.check_wrong()
+        self.copy("no_function_module" + options.library, self.module)
+        self.check_wrong("it has no usable entry")
 
     # ---- in one process
 
@@ -215,7 +224,8 @@ class ModulesPosix(Modules):
                 os.pwrite(module.fileno(), bytes([byte]), bit // 8)
                 if (run.returncode, run.stdout, run.stderr) != sound:
                     self.assertEqual((run.returncode, run.stdout), (1, ""), f"byte {bit // 8}, bit {bit % 8}")
-                    self.assertRegex(run.stderr, "^The module .* cannot be loaded: ")
+                    # The index of the names of sections is one of the fields.
+                    self.assertRegex(run.stderr, "^The (module .* cannot be loaded|file .* is not a module .*): ")
                     refused += 1
         self.assertGreater(refused, 0)
 

@@ -25,7 +25,10 @@ class Driver:
         return self
 
     def __exit__(self, *_):
-        self.process.stdin.close()
+        try:
+            self.process.stdin.close()
+        except BrokenPipeError:
+            pass  # it has ended before it was asked
         self.process.stdout.close()
         self.process.wait()
 

@@ -6,6 +6,7 @@
 #include "digest/digest_engine.h"
 #include "login/debug_users.h"
 #include "password/passwords.h"
+#include "secret/password_keys.h"
 
 #include <openssl/crypto.h>
 
@@ -25,22 +26,23 @@ bool create_object(const char* interface_name, const char* kind, void** out) noe
         return hand_out<IQORDebugListener>(create_debug_listener, out);
     if (wanted == "IQORPasswords")
         return hand_out<IQORPasswords>(create_passwords, out);
+    if (wanted == "IQORPasswordKeys")
+        return hand_out<IQORPasswordKeys>(create_password_keys, out);
     if (wanted == "IQORDebugUsers")
         return hand_out<IQORDebugUsers>(create_debug_users, out);
     qorSetLastError(qorError_not_supported);
     return false;
 }
 
-constexpr qor::glue::module_table table = {&create_object};
+bool start(IQORModuleHelper*) noexcept {
+    // Do not clean up OpenSSL at exit: a thread of ours may still use it while the process ends. If the default context
+    // could not be allocated, most OpenSSL functions would access invalid memory.
+    if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1 && OSSL_LIB_CTX_get0_global_default() != nullptr)
+        return true;
+    qorSetLastError(qorError_out_of_memory);
+    return false;
+}
 
 } // namespace
 
-extern "C" const qor::glue::module_table* glue_module_point(const qor::glue::binding_table* library) noexcept {
-    if (!qor::glue::bind_module(library))
-        return nullptr;
-    // Do not clean up OpenSSL at exit: a thread of ours may still use it while the process ends. If the default context
-    // could not be allocated, most OpenSSL functions would access invalid memory.
-    if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1 || OSSL_LIB_CTX_get0_global_default() == nullptr)
-        return nullptr;
-    return &table;
-}
+QOR_OWN_MODULE("qor-openssl", &create_object, &start)

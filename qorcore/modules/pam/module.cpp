@@ -15,12 +15,6 @@ bool create_object(const char* interface_name, const char* kind, void** out) noe
     return qor::modules::hand_out<IQORAuthenticator>(create_authenticator, out);
 }
 
-constexpr qor::glue::module_table table = {&create_object};
-
 } // namespace
 
-extern "C" const qor::glue::module_table* glue_module_point(const qor::glue::binding_table* library) noexcept {
-    if (!qor::glue::bind_module(library))
-        return nullptr;
-    return &table;
-}
+QOR_OWN_MODULE("qor-pam", &create_object, nullptr)

@@ -30,10 +30,6 @@ bool create_object(const char* interface_name, const char*, void** out) noexcept
     });
 }
 
-constexpr qor::glue::module_table table = {&create_object};
-
 } // namespace
 
-extern "C" const qor::glue::module_table* glue_module_point(const qor::glue::binding_table* library) noexcept {
-    return qor::glue::bind_module(library) ? &table : nullptr;
-}
+QOR_OWN_MODULE("qor-store", &create_object, nullptr)

@@ -3,6 +3,7 @@
 
 #include "qor/system/Types.h"
 
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -38,10 +39,22 @@ struct message {
 struct built_in {
     std::string_view name;
     std::span<const message> messages; // sorted by number
+    // Where the other languages are, with a separator at its end; empty: where the library's own files are.
+    std::string_view folder{};
 };
 
-// All catalogs with their English messages.
+// The framework's catalogs with their English messages.
 std::span<const built_in> english() noexcept;
+
+// Adds a catalog of a module or a program, for as long as the process lives; the texts are copied. Returns false if
+// there is another one of this name. Any thread.
+bool add(std::string_view name, std::span<const message> messages, std::string_view folder);
+
+// Returns the catalog of this name, of whomever, or null.
+const built_in* find_catalog(std::string_view name) noexcept;
+
+// Calls `visit` with each catalog until it returns true, and returns whether it has.
+bool any_catalog(const std::function<bool(const built_in& catalog)>& visit);
 
 // Returns the message with this number, or null if there is none.
 const message* find_message(std::span<const message> messages, uint32 number) noexcept;

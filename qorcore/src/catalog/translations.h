@@ -27,7 +27,7 @@ public:
     bool has(std::string_view language);
 
 private:
-    const translation& load(std::string_view catalog, std::string_view language, std::span<const message> messages);
+    const translation& load(const built_in& catalog, std::string_view language);
 
     finder m_find_file;
     std::mutex m_mutex;

@@ -1,9 +1,9 @@
 // Inside the library: what the systems share about child processes, and the start, which each has for itself.
 #pragma once
 
+#include "platform/deadline.h"
 #include "qor/qor.h"
 
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -15,25 +15,6 @@ bool start(const qorChildProcessOptions& options, IQORChildProcess** out) noexce
 // The program as errors name it.
 const char* program_name(const qorChildProcessOptions& options) noexcept;
 
-// How much time is left. 0 milliseconds at the beginning mean no limit.
-class deadline {
-public:
-    explicit deadline(uint32 ms) noexcept
-        : m_limited(ms != 0), m_end(std::chrono::steady_clock::now() + std::chrono::milliseconds(ms)) {}
-
-    bool is_limited() const noexcept { return m_limited; }
-    bool is_over() const noexcept { return m_limited && std::chrono::steady_clock::now() >= m_end; }
-    // Milliseconds, rounded up, at most `most`, which is also the result without a limit.
-    uint32 left(uint32 most) const noexcept {
-        if (!m_limited)
-            return most;
-        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(m_end - std::chrono::steady_clock::now());
-        return rest.count() <= 0 ? 0 : rest.count() < most ? static_cast<uint32>(rest.count()) : most;
-    }
-
-private:
-    bool m_limited;
-    std::chrono::steady_clock::time_point m_end;
-};
+using platform::deadline;
 
 } // namespace qor::child

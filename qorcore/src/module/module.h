@@ -5,14 +5,20 @@
 
 namespace qor::module {
 
-// Creates an object of a module (glue/module.h). `module` is the name of its file without the system's extension.
-// Returns false and leaves *out unchanged on failure; the last error says why and, if the module is at fault, names its
-// file. Any thread.
+// Creates an object of one of the framework's own modules (glue/module.h). `module` is the name of its file without the
+// system's extension. Returns false and leaves *out unchanged on failure; the last error says why and, if the module is
+// at fault, names its file. Any thread.
 bool create_object(const char* module, const char* interface_name, const char* kind, void** out) noexcept;
+
+// Destroys the values of qorGetGlobalSlot, the one made last first.
+void end_global_slots() noexcept;
 
 // ---- implemented for each system
 
 extern const char* const file_extension;
+
+// Each of these bytes stands between two names of a path.
+extern const char* const path_separators;
 
 // Loads a library permanently. Returns null and sets `reason` on failure.
 void* load_library(const std::string& path, std::string& reason);

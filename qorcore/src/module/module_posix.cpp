@@ -8,6 +8,7 @@
 namespace framework = qor::messages::framework;
 
 const char* const qor::module::file_extension = ".so";
+const char* const qor::module::path_separators = "/";
 
 // RTLD_NOW reports unresolved symbols here, not later. RTLD_LOCAL keeps the symbols of the module to itself.
 void* qor::module::load_library(const std::string& path, std::string& reason) {

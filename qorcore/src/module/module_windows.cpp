@@ -7,6 +7,7 @@
 #include <windows.h>
 
 const char* const qor::module::file_extension = ".dll";
+const char* const qor::module::path_separators = "/\\";
 
 void* qor::module::load_library(const std::string& path, std::string& reason) {
     std::wstring wide;

@@ -3,6 +3,7 @@
 #include "string/string_data.h"
 
 #include <algorithm>
+#include <charconv>
 #include <iterator>
 
 namespace {
@@ -37,19 +38,126 @@ std::string hexadecimal(uint32 group) {
     return text;
 }
 
-// Whether the address is valid on a single link only: fe80::/10, or multicast within a node or a link.
-bool is_link_local(const qoraddr_ipv6& address) {
+std::string scope_text(const qoraddr_ipv6& address, uint32 scope) {
+    const std::string name = qor::net::is_link_local(address) ? qor::net::scope_name(scope) : std::string();
+    return "%" + (name.empty() ? std::to_string(scope) : name);
+}
+
+// Takes a group of hexadecimal digits off the front: one to four.
+bool take_group(std::string_view& text, uint32& group) noexcept {
+    const std::size_t count = std::min(text.find_first_not_of("0123456789abcdefABCDEF"), text.size());
+    if (count == 0 || count > 4)
+        return false;
+    std::from_chars(text.data(), text.data() + count, group, 16);
+    text.remove_prefix(count);
+    return true;
+}
+
+bool parse_scope(const qoraddr_ipv6& address, std::string_view text, uint32& out) {
+    const char* const end = text.data() + text.size();
+    if (text.find_first_not_of("0123456789") == text.npos) {
+        const auto parsed = std::from_chars(text.data(), end, out);
+        return !text.empty() && parsed.ec == std::errc();
+    }
+    // A name serves for link-local addresses only, as in the system's resolver.
+    out = qor::net::is_link_local(address) ? qor::net::scope_index(std::string(text)) : 0;
+    return out != 0;
+}
+
+} // namespace
+
+bool qor::net::is_link_local(const qoraddr_ipv6& address) noexcept {
     const uint8* const bytes = address.bytes;
     return (bytes[0] == 0xfe && (bytes[1] & 0xc0) == 0x80) ||
            (bytes[0] == 0xff && ((bytes[1] & 15) == 1 || (bytes[1] & 15) == 2));
 }
 
-std::string scope_text(const qoraddr_ipv6& address, uint32 scope) {
-    const std::string name = is_link_local(address) ? qor::net::scope_name(scope) : std::string();
-    return "%" + (name.empty() ? std::to_string(scope) : name);
+bool qor::net::from_text(std::string_view text, qoraddr_ipv4& out) noexcept {
+    qoraddr_ipv4 made;
+    for (uint8& byte : made.bytes) {
+        if (&byte != made.bytes) {
+            if (!text.starts_with('.'))
+                return false;
+            text.remove_prefix(1);
+        }
+        const std::size_t count = std::min(text.find_first_not_of("0123456789"), text.size());
+        uint32 value = 0;
+        if (count == 0 || count > 3 || (count > 1 && text[0] == '0'))
+            return false;
+        std::from_chars(text.data(), text.data() + count, value);
+        if (value > 255)
+            return false;
+        byte = static_cast<uint8>(value);
+        text.remove_prefix(count);
+    }
+    if (!text.empty())
+        return false;
+    out = made;
+    return true;
 }
 
-} // namespace
+bool qor::net::from_text(std::string_view text, qoraddr_ipv6& out) noexcept {
+    uint32 groups[group_count] = {};
+    int count = 0, gap = -1; // `gap` is the place of "::"
+    if (text.starts_with("::")) {
+        gap = 0;
+        text.remove_prefix(2);
+    }
+    while (!text.empty()) {
+        qoraddr_ipv4 embedded;
+        if (count <= group_count - 2 && from_text(text, embedded)) {
+            for (int i = 0; i < 4; i += 2)
+                groups[count++] = uint32{embedded.bytes[i]} << 8 | embedded.bytes[i + 1];
+            text = {};
+            break;
+        }
+        if (count == group_count || !take_group(text, groups[count]))
+            return false;
+        ++count;
+        if (text.empty())
+            break;
+        if (text.starts_with("::") && gap < 0) {
+            gap = count;
+            text.remove_prefix(2);
+        } else if (text.starts_with(':') && text.size() > 1) {
+            text.remove_prefix(1);
+        } else {
+            return false;
+        }
+    }
+    if (gap < 0 ? count != group_count : count == group_count)
+        return false;
+    if (gap >= 0) {
+        std::copy_backward(groups + gap, groups + count, std::end(groups));
+        std::fill(groups + gap, groups + gap + group_count - count, 0);
+    }
+    for (int i = 0; i < group_count; ++i) {
+        out.bytes[2 * i] = static_cast<uint8>(groups[i] >> 8);
+        out.bytes[2 * i + 1] = static_cast<uint8>(groups[i]);
+    }
+    return true;
+}
+
+bool qor::net::from_text(std::string_view text, qorHostAddress& out, bool* bad_scope) {
+    qorHostAddress made;
+    if (bad_scope != nullptr)
+        *bad_scope = false;
+    if (from_text(text, made.ipv4)) {
+        made.family = qorAddressFamily::ipv4;
+    } else {
+        const std::size_t percent = text.find('%');
+        if (!from_text(text.substr(0, percent), made.ipv6))
+            return false;
+        made.family = qorAddressFamily::ipv6;
+        if (percent != text.npos && !parse_scope(made.ipv6, text.substr(percent + 1), made.scope)) {
+            if (bad_scope != nullptr)
+                *bad_scope = true;
+            return false;
+        }
+    }
+    out = made;
+    return true;
+}
 
 std::string qor::net::to_text(const qoraddr_ipv4& address) {
     std::string text;

@@ -20,6 +20,15 @@ enum class names { all, numeric_only };
 // Returns false and appends nothing on failure. Thread-safe.
 bool resolve(const char* name, names which, std::vector<qorHostAddress>& out, lookup_failure& failure);
 
+// The canonical name of a host; empty if the resolver has none. Failures like those of resolve. Thread-safe.
+bool canonical_name(const char* name, std::string& out, lookup_failure& failure);
+
+// The name that the network of an address has given it. Thread-safe.
+bool name_of(const qorHostAddress& address, std::string& out, lookup_failure& failure);
+
+// This host's own name, as it is set, and not looked up.
+bool own_name(std::string& out, lookup_failure& failure);
+
 // Appends the addresses in a list of the resolver. IN and IN6 are the system's types of socket addresses.
 template <class IN, class IN6, class INFO>
 void add_addresses(const INFO* list, int family_of_in, int family_of_in6, std::vector<qorHostAddress>& out) {

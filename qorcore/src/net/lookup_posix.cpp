@@ -3,17 +3,21 @@
 #include "catalog/catalog.h"
 #include "error/error.h"
 #include "message_names.h"
+#include "net/socket_address_posix.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <clocale>
 #include <dlfcn.h>
 #include <ifaddrs.h>
+#include <memory>
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <optional>
 #include <string_view>
+#include <unistd.h>
 
 namespace framework = qor::messages::framework;
 
@@ -90,13 +94,17 @@ qor::net::lookup_failure failure_of(int result, int system_code) {
     }
 }
 
-} // namespace
+struct free_list {
+    void operator()(addrinfo* list) const noexcept { freeaddrinfo(list); }
+};
+using list_pointer = std::unique_ptr<addrinfo, free_list>;
 
-bool qor::net::resolve(const char* name, names which, std::vector<qorHostAddress>& out, lookup_failure& failure) {
+// Null on failure.
+list_pointer ask(const char* name, int flags, qor::net::lookup_failure& failure) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM; // otherwise each address comes once for each type of socket
-    hints.ai_flags = which == names::numeric_only ? AI_NUMERICHOST : 0;
+    hints.ai_flags = flags;
     std::optional<utf8_thread> utf8;
     if (is_international(name)) {
         hints.ai_flags |= AI_IDN;
@@ -105,11 +113,49 @@ bool qor::net::resolve(const char* name, names which, std::vector<qorHostAddress
     addrinfo* list = nullptr;
     const int result = getaddrinfo(name, nullptr, &hints, &list);
     const int system_code = errno;
-    if (result != 0) {
+    if (result != 0)
         failure = failure_of(result, system_code);
+    return list_pointer(result == 0 ? list : nullptr);
+}
+
+} // namespace
+
+bool qor::net::resolve(const char* name, names which, std::vector<qorHostAddress>& out, lookup_failure& failure) {
+    const list_pointer list = ask(name, which == names::numeric_only ? AI_NUMERICHOST : 0, failure);
+    if (list == nullptr)
+        return false;
+    add_addresses<sockaddr_in, sockaddr_in6>(list.get(), AF_INET, AF_INET6, out);
+    return true;
+}
+
+bool qor::net::canonical_name(const char* name, std::string& out, lookup_failure& failure) {
+    const list_pointer list = ask(name, AI_CANONNAME, failure);
+    if (list == nullptr)
+        return false;
+    out = list->ai_canonname != nullptr ? list->ai_canonname : "";
+    return true;
+}
+
+bool qor::net::name_of(const qorHostAddress& address, std::string& out, lookup_failure& failure) {
+    const socket_address at(address, 0);
+    char name[NI_MAXHOST];
+    const int result = getnameinfo(at.get(), at.size(), name, sizeof name, nullptr, 0, NI_NAMEREQD);
+    const int system_code = errno;
+    if (result != 0) {
+        failure =
+            result == EAI_NONAME ? lookup_failure{qorError_address_without_name, {}} : failure_of(result, system_code);
         return false;
     }
-    add_addresses<sockaddr_in, sockaddr_in6>(list, AF_INET, AF_INET6, out);
-    freeaddrinfo(list);
+    out = name;
+    return true;
+}
+
+bool qor::net::own_name(std::string& out, lookup_failure& failure) {
+    char name[HOST_NAME_MAX + 1] = {};
+    if (gethostname(name, sizeof name - 1) != 0) {
+        failure = {qorError_lookup_failed, error::system_reason(errno)};
+        return false;
+    }
+    out = name;
     return true;
 }

@@ -2,6 +2,7 @@
 #include "debug/trace_output.h"
 #include "error/error.h"
 #include "log/log.h"
+#include "module/module.h"
 #include "platform/own_process.h"
 #include "process/framework_options.h"
 
@@ -50,6 +51,7 @@ void qor::glue::qorCleanup() noexcept {
     cleanup_entry entry;
     while (take_cleanup(entry))
         entry.routine(entry.context);
+    qor::module::end_global_slots();
     qorDebugListen(nullptr, nullptr, nullptr);
     qorSetSignalHandler(nullptr);
     qor::log::finish();

@@ -1,12 +1,9 @@
 #include "serial/system_ports.h"
 
 #include "error/error.h"
+#include "serial/line_posix.h"
 #include "serial/lock_files.h"
 #include "serial/sysfs.h"
-
-// The kernel's own header has the speeds as numbers, which the C library's header lacks. The two cannot be included
-// together.
-#include <asm/termbits.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -154,9 +151,19 @@ bool qor::serial::find_location(const std::string& name, std::string& location) 
     return true;
 }
 
+qor::serial::system_port::system_port() noexcept = default;
+
 qor::serial::system_port::~system_port() {
-    if (m_handle >= 0)
-        close(descriptor(m_handle));
+    if (m_handle < 0)
+        return;
+    if (m_found != nullptr) {
+        kernel_line line(descriptor(m_handle));
+        restore_line(line, *m_found);
+    }
+    // Another program may still have the port open, and with it the mode.
+    if (m_is_claimed)
+        ioctl(descriptor(m_handle), TIOCNXCL);
+    close(descriptor(m_handle));
 }
 
 bool qor::serial::system_port::open(const std::string& name) {
@@ -183,7 +190,7 @@ bool qor::serial::system_port::open(const std::string& name) {
     }
     m_handle = open_terminal(file);
     struct termios2 settings;
-    int code = m_handle < 0 || ioctl(descriptor(m_handle), TCGETS2, &settings) != 0 ? errno : 0;
+    int code = m_handle < 0 ? errno : kernel_line(descriptor(m_handle)).get(settings);
     if (code == 0)
         code = ::lock(descriptor(m_handle));
     if (code != 0) {
@@ -194,23 +201,51 @@ bool qor::serial::system_port::open(const std::string& name) {
     return true;
 }
 
+int qor::serial::system_port::claim(bool restores) {
+    if (ioctl(descriptor(m_handle), TIOCEXCL) != 0)
+        return errno;
+    m_is_claimed = true;
+    if (!restores)
+        return 0;
+    m_found = std::make_unique<found_line>();
+    kernel_line line(descriptor(m_handle));
+    const int code = find_line(line, *m_found);
+    if (code != 0)
+        m_found.reset();
+    return code;
+}
+
+bool qor::serial::system_port::set_params(const qorSerialParams& params) {
+    kernel_line line(descriptor(m_handle));
+    return set_line(line, m_name, params);
+}
+
 int qor::serial::system_port::settings(qorSerialSettings& out) noexcept {
     struct termios2 now;
-    if (ioctl(descriptor(m_handle), TCGETS2, &now) != 0)
-        return errno;
-    const bool odd = (now.c_cflag & PARODD) != 0;
-    const bool stick = (now.c_cflag & CMSPAR) != 0;
-    out.bits_per_second = (now.c_cflag & CBAUD) == B0 ? 0 : now.c_ospeed;
-    constexpr uint8 sizes[] = {5, 6, 7, 8}; // CS5 to CS8
-    out.data_bits = sizes[(now.c_cflag & CSIZE) / CS6];
-    out.half_stop_bits = (now.c_cflag & CSTOPB) == 0 ? 2 : out.data_bits == 5 ? 3 : 4;
-    out.parity = (now.c_cflag & PARENB) == 0 ? qorSerialParity::none
-                 : stick                     ? (odd ? qorSerialParity::mark : qorSerialParity::space)
-                 : odd                       ? qorSerialParity::odd
-                                             : qorSerialParity::even;
-    out.rts_cts = (now.c_cflag & CRTSCTS) != 0;
-    out.xon_xoff = (now.c_iflag & (IXON | IXOFF)) != 0;
-    return 0;
+    const int code = kernel_line(descriptor(m_handle)).get(now);
+    if (code == 0)
+        out = settings_of(now);
+    return code;
+}
+
+bool qor::serial::system_port::get_rs485(qorSerialRS485& out) {
+    struct serial_rs485 now {};
+    const int code = kernel_line(descriptor(m_handle)).get(now);
+    if (code == 0)
+        out = rs485_of(now);
+    else
+        error::set_with_reason(qorError_serial_no_rs485, m_name.c_str(), code);
+    return code == 0;
+}
+
+int qor::serial::system_port::set_break(bool on) noexcept {
+    return ioctl(descriptor(m_handle), on ? TIOCSBRK : TIOCCBRK) == 0 ? 0 : errno;
+}
+
+int qor::serial::system_port::set_modem_lines(uint32 lines, bool on) noexcept {
+    const int system_lines =
+        ((lines & qorSerialDTR) != 0 ? TIOCM_DTR : 0) | ((lines & qorSerialRTS) != 0 ? TIOCM_RTS : 0);
+    return ioctl(descriptor(m_handle), on ? TIOCMBIS : TIOCMBIC, &system_lines) == 0 ? 0 : errno;
 }
 
 int qor::serial::system_port::modem_lines(uint32& lines) noexcept {

@@ -3,6 +3,7 @@
 #include "error/error.h"
 #include "platform/wide_windows.h"
 #include "serial/device_places.h"
+#include "serial/line_windows.h"
 
 #include <algorithm>
 #include <windows.h>
@@ -145,9 +146,16 @@ bool qor::serial::find_location(const std::string& name, std::string& location) 
     return true;
 }
 
+qor::serial::system_port::system_port() noexcept = default;
+
 qor::serial::system_port::~system_port() {
-    if (m_handle != -1)
-        CloseHandle(system_handle(m_handle));
+    if (m_handle == -1)
+        return;
+    if (m_found != nullptr) {
+        system_line line(system_handle(m_handle));
+        restore_line(line, *m_found);
+    }
+    CloseHandle(system_handle(m_handle));
 }
 
 bool qor::serial::system_port::open(const std::string& name) {
@@ -162,10 +170,10 @@ bool qor::serial::system_port::open(const std::string& name) {
     m_handle = reinterpret_cast<std::intptr_t>(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                                            OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
     DCB settings{};
-    settings.DCBlength = sizeof settings;
-    if (m_handle == -1 || !GetCommState(system_handle(m_handle), &settings)) {
-        const DWORD code = GetLastError();
-        switch (code) {
+    const int failure =
+        m_handle == -1 ? static_cast<int>(GetLastError()) : system_line(system_handle(m_handle)).get(settings);
+    if (failure != 0) {
+        switch (failure) {
         case ERROR_FILE_NOT_FOUND:
         case ERROR_PATH_NOT_FOUND:
             set(qorError_no_serial_port, {name.c_str()});
@@ -180,7 +188,7 @@ bool qor::serial::system_port::open(const std::string& name) {
             set(qorError_not_a_serial_port, {name.c_str()});
             break;
         default:
-            error::set_with_reason(qorError_serial_port_failed, name.c_str(), static_cast<int>(code));
+            error::set_with_reason(qorError_serial_port_failed, name.c_str(), failure);
         }
         return false;
     }
@@ -189,20 +197,52 @@ bool qor::serial::system_port::open(const std::string& name) {
     return true;
 }
 
+// The system lets no other program open a port that is open.
+int qor::serial::system_port::claim(bool restores) {
+    if (!restores)
+        return 0;
+    m_found = std::make_unique<found_line>();
+    system_line line(system_handle(m_handle));
+    const int code = find_line(line, *m_found);
+    if (code != 0)
+        m_found.reset();
+    return code;
+}
+
+bool qor::serial::system_port::set_params(const qorSerialParams& params) {
+    system_line line(system_handle(m_handle));
+    return set_line(line, m_name, params);
+}
+
 int qor::serial::system_port::settings(qorSerialSettings& out) noexcept {
     DCB now{};
-    now.DCBlength = sizeof now;
-    if (!GetCommState(system_handle(m_handle), &now))
-        return static_cast<int>(GetLastError());
-    out.bits_per_second = now.BaudRate;
-    out.data_bits = now.ByteSize;
-    out.half_stop_bits = now.StopBits == ONESTOPBIT ? 2 : now.StopBits == ONE5STOPBITS ? 3 : 4;
-    constexpr qorSerialParity parities[] = {qorSerialParity::none, qorSerialParity::odd, qorSerialParity::even,
-                                            qorSerialParity::mark, qorSerialParity::space}; // NOPARITY and so on
-    out.parity = now.Parity < std::size(parities) ? parities[now.Parity] : qorSerialParity::none;
-    out.rts_cts = now.fOutxCtsFlow != 0 || now.fRtsControl == RTS_CONTROL_HANDSHAKE;
-    out.xon_xoff = now.fOutX != 0 || now.fInX != 0;
-    return 0;
+    const int code = system_line(system_handle(m_handle)).get(now);
+    if (code == 0)
+        out = settings_of(now);
+    return code;
+}
+
+bool qor::serial::system_port::get_rs485(qorSerialRS485& out) {
+    DCB now{};
+    const int code = system_line(system_handle(m_handle)).get(now);
+    if (code == 0)
+        out = rs485_of(now);
+    else
+        error::set_with_reason(qorError_serial_port_failed, m_name.c_str(), code);
+    return code == 0;
+}
+
+int qor::serial::system_port::set_break(bool on) noexcept {
+    return last_code(on ? SetCommBreak(system_handle(m_handle)) : ClearCommBreak(system_handle(m_handle)));
+}
+
+int qor::serial::system_port::set_modem_lines(uint32 lines, bool on) noexcept {
+    int code = 0;
+    if ((lines & qorSerialDTR) != 0)
+        code = last_code(EscapeCommFunction(system_handle(m_handle), on ? SETDTR : CLRDTR));
+    if (code == 0 && (lines & qorSerialRTS) != 0)
+        code = last_code(EscapeCommFunction(system_handle(m_handle), on ? SETRTS : CLRRTS));
+    return code;
 }
 
 // The system reports only the lines that the other end drives. Our own two lines are known only if the settings keep
@@ -210,9 +250,10 @@ int qor::serial::system_port::settings(qorSerialSettings& out) noexcept {
 int qor::serial::system_port::modem_lines(uint32& lines) noexcept {
     DWORD now = 0;
     DCB settings{};
-    settings.DCBlength = sizeof settings;
-    if (!GetCommModemStatus(system_handle(m_handle), &now) || !GetCommState(system_handle(m_handle), &settings))
+    if (!GetCommModemStatus(system_handle(m_handle), &now))
         return static_cast<int>(GetLastError());
+    if (const int code = system_line(system_handle(m_handle)).get(settings))
+        return code;
     lines = ((now & MS_CTS_ON) != 0 ? qorSerialCTS : 0) + ((now & MS_DSR_ON) != 0 ? qorSerialDSR : 0) +
             ((now & MS_RING_ON) != 0 ? qorSerialRing : 0) + ((now & MS_RLSD_ON) != 0 ? qorSerialCarrier : 0) +
             (settings.fDtrControl != DTR_CONTROL_DISABLE ? qorSerialDTR : 0) +

@@ -17,6 +17,8 @@ zetSmartPointer<INTERFACE> of_module(const char* interface_name) noexcept {
 
 zetSmartPointer<IQORPasswords> passwords() noexcept { return of_module<IQORPasswords>("IQORPasswords"); }
 
+zetSmartPointer<IQORPasswordKeys> password_keys() noexcept { return of_module<IQORPasswordKeys>("IQORPasswordKeys"); }
+
 zetSmartPointer<IQORDebugUsers> debug_users() noexcept { return of_module<IQORDebugUsers>("IQORDebugUsers"); }
 
 // Checks required texts.
@@ -48,6 +50,24 @@ bool qor::glue::qorVerifyPassword(const char* password, const char* hash) noexce
 bool qor::glue::qorGeneratePassword(qorString& password) noexcept {
     const auto object = passwords();
     return !object.IsEmpty() && object->Generate(password);
+}
+
+bool qor::glue::qorEncryptPassword2(const qorTextView& password, const qorTextView& context, qorString& text) noexcept {
+    const auto object = password_keys();
+    return !object.IsEmpty() && object->Encrypt(password, context, text);
+}
+
+bool qor::glue::qorDecryptPassword2(const char* text, const qorTextView& context, qorString& password,
+                                    bool* has_old_key) noexcept {
+    if (!are_given("qorDecryptPassword2", {text}))
+        return false;
+    const auto object = password_keys();
+    return !object.IsEmpty() && object->Decrypt(text, context, password, has_old_key);
+}
+
+bool qor::glue::qorRenewPasswordKey() noexcept {
+    const auto object = password_keys();
+    return !object.IsEmpty() && object->Renew();
 }
 
 bool qor::glue::qorAddDebugUser(const char* file, const char* name, const char* password) noexcept {

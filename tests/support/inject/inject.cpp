@@ -34,6 +34,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/select.h>
@@ -287,7 +289,16 @@ CALL(int, memfd_create, (const char* name, unsigned flags), SYS_memfd_create, na
 CALL(int, connect, (int file, const struct sockaddr* to, socklen_t size), SYS_connect, file, to, size)
 CALL(int, bind, (int file, const struct sockaddr* at, socklen_t size), SYS_bind, file, at, size)
 CALL(int, listen, (int file, int waiting), SYS_listen, file, waiting)
+CALL(int, accept4, (int file, struct sockaddr* from, socklen_t* size, int flags), SYS_accept4, file, from, size, flags)
+CALL(int, epoll_create1, (int flags), SYS_epoll_create1, flags)
+CALL(int, epoll_ctl, (int set, int operation, int file, struct epoll_event* event), SYS_epoll_ctl, set, operation, file,
+     event)
+CALL(int, epoll_wait, (int set, struct epoll_event* events, int most, int milliseconds), SYS_epoll_wait, set, events,
+     most, milliseconds)
+CALL(int, eventfd, (unsigned value, int flags), SYS_eventfd2, value, flags)
+CALL(int, shutdown, (int file, int how), SYS_shutdown, file, how)
 CALL(int, pipe2, (int ends[2], int flags), SYS_pipe2, ends, flags)
+CALL(int, ioctl, (int file, unsigned long request, void* value), SYS_ioctl, file, request, value)
 CALL(int, dup2, (int file, int number), SYS_dup2, file, number)
 CALL(int, close_range, (unsigned first, unsigned last, int flags), SYS_close_range, first, last, flags)
 CALL(int, setpgid, (pid_t process, pid_t group), SYS_setpgid, process, group)

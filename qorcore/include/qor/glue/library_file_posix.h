@@ -5,6 +5,7 @@
 #include "qor/glue/regular_file_posix.h"
 #include "qor/system/Types.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -40,7 +41,18 @@ private:
     static constexpr uint64 page = 4096;
 
     bool read_at(void* buffer, std::size_t size, uint64 offset) const noexcept {
-        return pread(m_file, buffer, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
+        auto* to = static_cast<char*>(buffer);
+        while (size != 0) {
+            const ssize_t got = pread(m_file, to, size, static_cast<off_t>(offset));
+            if (got == 0 || (got < 0 && errno != EINTR))
+                return false;
+            if (got > 0) {
+                to += got;
+                offset += static_cast<uint64>(got);
+                size -= static_cast<std::size_t>(got);
+            }
+        }
+        return true;
     }
 
     static bool is_within(uint64 begin, uint64 size, uint64 whole_begin, uint64 whole_size) noexcept {

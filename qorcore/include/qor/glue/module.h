@@ -1,17 +1,25 @@
-// A module of the framework: a client in a shared library of its own, for a feature that needs a heavy third-party
-// library. libqor loads it from its own folder on first use and never unloads it. docs/modules.md describes modules.
+// A module: a client in a shared library of its own, which libqor loads when something in it is first wanted, and never
+// unloads. docs/modules.md shows how a module is written.
 #pragma once
 
 #include "qor/glue/binding.h"
+#include "qor/glue/module_description.h"
 
 namespace qor::glue {
 
 // The operations of a module. The table lives as long as the process; any thread may use it.
 struct module_table {
-    // Creates an object and returns it with one reference for the caller. `interface_name` names its interface and
-    // `kind` the implementation ("IQORDigestEngine", "sha256"). Returns false, leaves *out unchanged and sets the last
-    // error on failure; an unknown name is qorError_not_supported.
+    const module_description* description;
+
+    // For what libqor itself wants from its modules; null otherwise. Creates an object and returns it with one
+    // reference for the caller. `interface_name` names its interface and `kind` the implementation
+    // ("IQORDigestEngine", "sha256"). Returns false, leaves *out unchanged and sets the last error on failure; an
+    // unknown name is qorError_not_supported.
     bool (*create_object)(const char* interface_name, const char* kind, void** out) noexcept;
+
+    // Called once, after the module is bound and before anything else, to register the components. Returns false and
+    // sets the last error if the module cannot work; it is called again when the module is wanted again. May be null.
+    bool (*start)(IQORModuleHelper* helper) noexcept;
 };
 
 // The type of a module's only export, which is named glue_module_point. `table` is libqor's table. Returns null if the
@@ -34,3 +42,30 @@ using module_point = const module_table*(const binding_table* table) noexcept;
 #endif
 
 } // namespace qor::glue
+
+#if defined(__ELF__)
+#define QOR_MODULE_EXPORT [[gnu::visibility("default")]]
+#else
+#define QOR_MODULE_EXPORT [[gnu::dllexport]]
+#endif
+
+// The description and the entry of a module, once in each module. NAME is that of its file without the system's
+// extension, VERSION consists of dotted numbers, START is the function above, and the texts behind it are the names of
+// the components that it registers:
+//
+//     QOR_MODULE("vendor-scanner", "1.2.0", start, "vendor.scanner.flatbed", "vendor.scanner.sheet")
+#define QOR_MODULE(NAME, VERSION, START, ...) QOR_MODULE_TABLE(NAME, VERSION, nullptr, START __VA_OPT__(, ) __VA_ARGS__)
+
+// The same for a module of libqor's own, whose version is that of the framework.
+#define QOR_OWN_MODULE(NAME, CREATE_OBJECT, START)                                                                     \
+    QOR_MODULE_TABLE(NAME, qor::glue::framework_version, CREATE_OBJECT, START)
+
+#define QOR_MODULE_TABLE(NAME, VERSION, CREATE_OBJECT, START, ...)                                                     \
+    [[gnu::section(QOR_MODULE_SECTION)]] static constinit const auto qor_module_description =                          \
+        qor::glue::describe_module(NAME, VERSION, qor::glue::framework_version __VA_OPT__(, ) __VA_ARGS__);            \
+    static constinit const qor::glue::module_table qor_module_table = {&qor_module_description.head, CREATE_OBJECT,    \
+                                                                       START};                                         \
+    extern "C" QOR_MODULE_EXPORT const qor::glue::module_table* glue_module_point(                                     \
+        const qor::glue::binding_table* library) noexcept {                                                            \
+        return qor::glue::bind_module(library) ? &qor_module_table : nullptr;                                          \
+    }

@@ -5,6 +5,7 @@
 
 class qorString;
 class qorStringArray;
+struct qorTextView;
 
 // The implementation of the operations in Password.h.
 class IQORPasswords : public IQORInterface {
@@ -15,6 +16,19 @@ public:
 
 protected:
     ~IQORPasswords() = default;
+};
+
+// The implementation of the operations in Password.h on encrypted passwords.
+class IQORPasswordKeys : public IQORInterface {
+public:
+    [[nodiscard]] virtual bool Encrypt(const qorTextView& password, const qorTextView& context,
+                                       qorString& text) noexcept = 0;
+    [[nodiscard]] virtual bool Decrypt(const char* text, const qorTextView& context, qorString& password,
+                                       bool* has_old_key) noexcept = 0;
+    [[nodiscard]] virtual bool Renew() noexcept = 0;
+
+protected:
+    ~IQORPasswordKeys() = default;
 };
 
 // The implementation of the operations in DebugUsers.h, and of qorTrustDebugListener.

@@ -15,9 +15,9 @@
 #include "qor/system/TextView.h"
 #include "qor/system/template/Object.h"
 #include "qor/system/template/SmartPointer.h"
+#include "qor/system/template/TextSink.h"
 
 #include <initializer_list>
-#include <new>
 #include <string>
 
 // Where a standard stream of the child leads.
@@ -167,30 +167,6 @@ struct qorChildResult {
                                                  qorChildEnd& end) noexcept {
     return qor::glue::qorExecuteChildProcess(options, input, output, errors, end);
 }
-
-namespace qor::glue {
-
-// A sink into a text of the C++ library.
-class text_sink final : public qor::object<IQORDataSink> {
-public:
-    // The text must outlive it.
-    explicit text_sink(std::string& text) noexcept : object("qor.text_sink", "IQORDataSink"), m_text(text) {}
-
-    bool Write(const void* bytes, uint32 size) noexcept override {
-        try {
-            m_text.append(static_cast<const char*>(bytes), size);
-            return true;
-        } catch (const std::bad_alloc&) {
-            ::qorSetLastError(qorError_out_of_memory);
-            return false;
-        }
-    }
-
-private:
-    std::string& m_text;
-};
-
-} // namespace qor::glue
 
 // The same, into memory: an output and an error stream that the options leave as `inherit` are collected, and the input
 // is `input`. Throws std::bad_alloc.

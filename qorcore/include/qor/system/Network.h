@@ -3,6 +3,9 @@
 
 #include "qor/glue/binding.h"
 #include "qor/system/Interface.h"
+#include "qor/system/template/SmartPointer.h"
+
+#include <vector>
 
 class qorString;
 
@@ -99,4 +102,71 @@ protected:
 // qorError_no_network (this host has no network) or, for anything else, qorError_lookup_failed. Any thread.
 [[nodiscard]] inline bool qorLookupHost(const char* name, IQORHostAddressList** out) noexcept {
     return qor::glue::qorLookupHost(name, out);
+}
+
+// Gets the name of a host in the domain name system, by the system's own resolver.
+//
+// For a name, this is the canonical one: the name at which aliases of the host end (the first one of a line in a hosts
+// file, the end of a chain of CNAME records). For a null pointer, it is that of this host, found by its own name. For
+// the text of an address, and for an address, it is the name that whoever runs the network of that address has given it
+// (reverse look-up, PTR records): the name of a peer for logs, but no proof of who the peer is.
+//
+// International names are given in their ASCII form ("xn--..."). May take as long as the system waits for name servers,
+// as qorLookupHost does (Linux: `options timeout` and `attempts` in resolv.conf). Returns false and leaves `out`
+// unchanged on failure. The last error is then one of those of qorLookupHost, or qorError_address_without_name. An
+// answer that is no host name (with blanks or control characters) is qorError_lookup_failed. Any thread.
+[[nodiscard]] inline bool qorGetHostDNSName(const char* name, qorString& out) noexcept {
+    return qor::glue::qorGetHostDNSName(name, nullptr, out);
+}
+[[nodiscard]] inline bool qorGetHostDNSName(const qorHostAddress& address, qorString& out) noexcept {
+    return qor::glue::qorGetHostDNSName(nullptr, &address, out);
+}
+
+// How far an address reaches.
+enum class qorAddressScope : uint32 {
+    host = 1, // loopback: this host only (127.0.0.0/8, ::1)
+    link = 2, // link-local: the hosts on the same link (169.254.0.0/16, fe80::/10)
+    wide = 3, // further; whether as far as the whole internet, routers decide
+};
+
+// An address of this host.
+struct qorLocalAddress {
+    qorHostAddress address{};                      // with the scope that it needs
+    uint8 prefix = 0;                              // the length of its network prefix in bits
+    uint32 interface_index = 0;                    // IQORNetInterface::GetIndex of its interface
+    qorAddressScope scope = qorAddressScope::wide; // how far it reaches
+
+    bool IsLoopback() const noexcept { return scope == qorAddressScope::host; }
+    bool IsLinkLocal() const noexcept { return scope == qorAddressScope::link; }
+    bool operator==(const qorLocalAddress&) const noexcept = default;
+};
+
+// The addresses of this host, as a snapshot. The object is immutable; any thread may use it.
+class IQORLocalAddressList : public IQORInterface {
+public:
+    // The number of addresses; 0 on a host without an address.
+    virtual uint32 GetCount() noexcept = 0;
+
+    // Gets the address at an index from 0. Returns false and leaves `out` unchanged if there is no such index.
+    virtual bool GetAddress(uint32 index, qorLocalAddress& out) noexcept = 0;
+
+protected:
+    ~IQORLocalAddressList() = default;
+};
+
+// Lists the addresses of this host's interfaces as they are now: in the order of the interfaces, the IPv4 addresses of
+// each first. Includes those of interfaces that are down. Two interfaces may have the same address. Uses the module
+// qor-network like qorEnumerateNetInterfaces. Returns false and leaves *out unchanged on failure (last error).
+[[nodiscard]] inline bool qorGetLocalAddresses(IQORLocalAddressList** out) noexcept {
+    return qor::glue::qorGetLocalAddresses(out);
+}
+// The same in a vector, whose content is replaced. Throws std::bad_alloc.
+[[nodiscard]] inline bool qorGetLocalAddresses(std::vector<qorLocalAddress>& out) {
+    zetSmartPointer<IQORLocalAddressList> list;
+    if (!qor::glue::qorGetLocalAddresses(list.Out()))
+        return false;
+    out.resize(list->GetCount());
+    for (uint32 i = 0; i < out.size(); ++i)
+        list->GetAddress(i, out[i]);
+    return true;
 }

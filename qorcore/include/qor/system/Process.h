@@ -15,9 +15,9 @@ inline bool qorInitProcess(const char* name, qorStringArray& args, unsigned flag
     return qor::glue::qorInitProcess(name, args, flags);
 }
 
-// Ends what qorInitProcess began: runs the clean-up routines, releases the signals and flushes the log
-// and the trace. Memory and
-// strings can still be used and freed afterwards. Call it once, at the end.
+// Ends what qorInitProcess began: runs the clean-up routines, destroys the values of the whole process (GlobalSlot.h),
+// releases the signals and flushes the log and the trace. Memory and strings can still be used and freed afterwards.
+// Call it once, at the end.
 inline void qorCleanup() noexcept { qor::glue::qorCleanup(); }
 
 // Makes qorCleanup call `routine(context)`; the routine registered last runs first.

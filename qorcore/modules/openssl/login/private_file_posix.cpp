@@ -2,7 +2,9 @@
 
 #include "common/system_reason.h"
 #include "qor/glue/regular_file_posix.h"
+#include "support/primitives.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -86,8 +88,12 @@ bool is_own(const struct stat& status, mode_t forbidden, std::string& reason) {
 }
 
 bool read_all(int file, std::string& text, std::string& reason) {
-    for (;;) {
+    struct piece {
         char bytes[4096];
+        ~piece() { qor::crypto::wipe(bytes, sizeof bytes); }
+    } piece;
+    auto& bytes = piece.bytes;
+    for (;;) {
         const ssize_t count = read(file, bytes, sizeof bytes);
         if (count == 0)
             return true;
@@ -110,6 +116,8 @@ bool read_file(const std::string& path, mode_t forbidden, std::string& text, std
         return true;
     if (file.number() < 0)
         return errno == EISDIR || errno == ESPIPE ? failed(private_file_fault::no_plain_file, reason) : failed(reason);
+    // With room for all of it, the text is not moved and leaves no copy of a secret behind.
+    text.reserve(std::min(static_cast<std::size_t>(status.st_size), qor::control::longest_private_file));
     return is_own(status, forbidden, reason) && read_all(file.number(), text, reason);
 }
 

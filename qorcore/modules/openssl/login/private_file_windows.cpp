@@ -3,7 +3,9 @@
 
 #include "common/system_reason.h"
 #include "qor/glue/own_rights_windows.h"
+#include "support/primitives.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -96,13 +98,20 @@ bool is_own(HANDLE file, DWORD forbidden, std::string& reason) {
 }
 
 bool read_all(HANDLE file, std::string& text, std::string& reason) {
-    char piece[4096];
+    // With room for all of it, the text is not moved and leaves no copy of a secret behind.
+    LARGE_INTEGER size{};
+    if (GetFileSizeEx(file, &size))
+        text.reserve(static_cast<std::size_t>(std::min<LONGLONG>(size.QuadPart, qor::control::longest_private_file)));
+    struct piece {
+        char bytes[4096];
+        ~piece() { qor::crypto::wipe(bytes, sizeof bytes); }
+    } piece;
     for (DWORD got = 0;;) {
-        if (!ReadFile(file, piece, sizeof piece, &got, nullptr))
+        if (!ReadFile(file, piece.bytes, sizeof piece.bytes, &got, nullptr))
             return failed(reason);
         if (got == 0)
             return true;
-        text.append(piece, got);
+        text.append(piece.bytes, got);
         if (text.size() > qor::control::longest_private_file)
             return failed(private_file_fault::too_long, reason);
     }

@@ -13,6 +13,7 @@ namespace qor::crypto {
 struct openssl_freer {
     void operator()(EVP_MD* algorithm) const noexcept { EVP_MD_free(algorithm); }
     void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
+    void operator()(EVP_CIPHER_CTX* context) const noexcept { EVP_CIPHER_CTX_free(context); }
     void operator()(EVP_PKEY* key) const noexcept { EVP_PKEY_free(key); }
     void operator()(BIO* bytes) const noexcept { BIO_free(bytes); }
     void operator()(X509* certificate) const noexcept { X509_free(certificate); }

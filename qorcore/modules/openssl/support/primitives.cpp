@@ -84,6 +84,7 @@ bool qor::crypto::from_base64(std::string_view text, std::string& out) {
     out.clear();
     if (text.size() % 4 != 0)
         return false;
+    out.reserve(text.size() / 4 * 3); // a string that grows would leave copies of a secret behind
     std::size_t padding = 0;
     while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=')
         ++padding;
@@ -111,4 +112,25 @@ bool qor::crypto::from_base64(std::string_view text, digest& out) {
         return false;
     std::copy(bytes.begin(), bytes.end(), out.begin());
     return true;
+}
+
+std::string qor::crypto::to_base64url(std::string_view bytes) {
+    std::string text = to_base64(bytes);
+    text.erase(std::min(text.find('='), text.size()));
+    std::replace(text.begin(), text.end(), '+', '-');
+    std::replace(text.begin(), text.end(), '/', '_');
+    return text;
+}
+
+bool qor::crypto::from_base64url(std::string_view text, std::string& out) {
+    out.clear();
+    if (text.find_first_of("+/=") != text.npos)
+        return false;
+    std::string padded;
+    const wiped_later of_padded(padded);
+    padded.reserve(text.size() + 3);
+    padded.append(text).append((4 - text.size() % 4) % 4, '=');
+    std::replace(padded.begin(), padded.end(), '-', '+');
+    std::replace(padded.begin(), padded.end(), '_', '/');
+    return from_base64(padded, out);
 }

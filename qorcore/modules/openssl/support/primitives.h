@@ -49,4 +49,8 @@ std::string to_base64(std::string_view bytes);
 bool from_base64(std::string_view text, std::string& out);
 bool from_base64(std::string_view text, digest& out);
 
+// The same for base64url without padding.
+std::string to_base64url(std::string_view bytes);
+bool from_base64url(std::string_view text, std::string& out);
+
 } // namespace qor::crypto
