@@ -28,8 +28,8 @@ using qorComponentFactory = bool (*)(void* context, const char* name, IQORInterf
 
 // A message of a catalog in English, with inserts {1} to {10}.
 struct qorCatalogMessage {
-    uint32 number;
-    const char* text;
+    uint32 number;    // unique in its catalog
+    const char* text; // UTF-8
 };
 
 namespace qor::glue {
@@ -136,10 +136,10 @@ struct qorModuleInfo {
     const char* name;      // the file's name without the system's extension
     const char* version;   // empty if its description cannot be read
     const char* framework; // the version of the framework that it was compiled with; empty likewise
-    qorModuleState state;
-    const char* reason; // empty unless it is refused
-    const char* const* components;
-    uint32 component_count;
+    qorModuleState state;          // at the time of the list
+    const char* reason;            // empty unless it is refused
+    const char* const* components; // `component_count` names; see Components()
+    uint32 component_count;        // 0 if its description cannot be read
 
     // The names of the components that it offers.
     std::span<const char* const> Components() const noexcept { return {components, component_count}; }

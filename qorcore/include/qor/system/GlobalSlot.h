@@ -39,6 +39,7 @@ using qorGlobalMaker = bool (*)(void* context, qorGlobalValue& made) noexcept;
 
 namespace qor::glue {
 
+// The name of a type, as a text that ends with a zero byte.
 template <class TYPE>
 inline constexpr joined_text<type_name<TYPE>().size()> value_type_text{{type_name<TYPE>()}};
 

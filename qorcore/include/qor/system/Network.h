@@ -136,7 +136,9 @@ struct qorLocalAddress {
     uint32 interface_index = 0;                    // IQORNetInterface::GetIndex of its interface
     qorAddressScope scope = qorAddressScope::wide; // how far it reaches
 
+    // Whether only this host can use it.
     bool IsLoopback() const noexcept { return scope == qorAddressScope::host; }
+    // Whether only the hosts on the same link can use it.
     bool IsLinkLocal() const noexcept { return scope == qorAddressScope::link; }
     bool operator==(const qorLocalAddress&) const noexcept = default;
 };
