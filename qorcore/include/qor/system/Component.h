@@ -132,10 +132,10 @@ enum class qorModuleState : uint32 {
 
 // A module, as long as its list lives.
 struct qorModuleInfo {
-    const char* path;      // of its file
-    const char* name;      // the file's name without the system's extension
-    const char* version;   // empty if its description cannot be read
-    const char* framework; // the version of the framework that it was compiled with; empty likewise
+    const char* path;              // of its file
+    const char* name;              // the file's name without the system's extension
+    const char* version;           // empty if its description cannot be read
+    const char* framework;         // the version of the framework that it was compiled with; empty likewise
     qorModuleState state;          // at the time of the list
     const char* reason;            // empty unless it is refused
     const char* const* components; // `component_count` names; see Components()
