@@ -23,7 +23,6 @@
 #include "qor/system/template/SmartPointer.h"
 #include "qor/system/template/TextSink.h"
 
-#include <concepts>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -228,8 +227,9 @@ private:
 
 // Whether a function object takes messages.
 template <class FUNCTION>
-concept ipc_function = std::invocable < std::decay_t<FUNCTION>
-&, IQORIpcConnection&, std::string_view > ;
+concept ipc_function = requires(std::decay_t<FUNCTION>& function, IQORIpcConnection& from, std::string_view message) {
+    function(from, message);
+};
 
 // Makes a target of a function object. Throws std::bad_alloc.
 template <ipc_function FUNCTION>

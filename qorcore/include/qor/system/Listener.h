@@ -15,7 +15,6 @@
 #include "qor/system/template/Object.h"
 #include "qor/system/template/SmartPointer.h"
 
-#include <concepts>
 #include <type_traits>
 #include <utility>
 
@@ -188,8 +187,9 @@ namespace qor::glue {
 
 // Whether a function object can take connections.
 template <class FUNCTION>
-concept connection_function = std::invocable < std::decay_t<FUNCTION>
-&, IQORIPConnection& > ;
+concept connection_function = requires(std::decay_t<FUNCTION>& function, IQORIPConnection& connection) {
+    function(connection);
+};
 
 // A target that calls a function object, which is destroyed with it.
 template <class FUNCTION>
