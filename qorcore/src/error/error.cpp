@@ -62,6 +62,8 @@ const qor::error::state& qor::error::current() noexcept { return own_state(); }
 
 void qor::error::make_current(const state& error) noexcept { own_state() = error; }
 
+qor::error::apart::apart() noexcept : m_before(current()) { set(qorError_none); }
+
 void qor::error::set(qorErrorNumber number, std::initializer_list<const char*> inserts) noexcept {
     const char* texts[state::max_inserts] = {};
     std::copy_n(inserts.begin(), std::min<std::size_t>(inserts.size(), state::max_inserts), texts);

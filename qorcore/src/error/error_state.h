@@ -25,4 +25,15 @@ struct state {
 const state& current() noexcept;
 void make_current(const state& error) noexcept;
 
+// Begins without a last error, so that it shows whether foreign code sets one. After a success the earlier one is
+// brought back.
+class apart {
+public:
+    apart() noexcept;
+    void bring_back() const noexcept { make_current(m_before); }
+
+private:
+    state m_before;
+};
+
 } // namespace qor::error

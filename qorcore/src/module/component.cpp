@@ -40,8 +40,7 @@ public:
 
     // Calls its function and gets the interface. Without the lock.
     bool make(const char* name, const char* interface_name, void** out) const {
-        const error::state before = error::current();
-        error::set(qorError_none);
+        const error::apart apart;
         IQORInterface* made = nullptr;
         if (!m_factory(m_context, name, &made) || made == nullptr) {
             if (error::current().number == qorError_none)
@@ -51,7 +50,7 @@ public:
         const bool is_offered = made->QueryInterface(interface_name, out) != 0;
         made->Release();
         if (is_offered)
-            error::make_current(before);
+            apart.bring_back();
         else
             error::set(qorError_component_interface, {name, interface_name});
         return is_offered;

@@ -181,8 +181,7 @@ bool start(record& which, const glue::module_table& table, const description& fa
     if (!make_helper(which, helper))
         return false;
     if (table.start != nullptr) {
-        const error::state before = error::current();
-        error::set(qorError_none);
+        const error::apart apart;
         const record* const outer = std::exchange(s_starting, &which);
         const bool is_started = table.start(*helper);
         s_starting = outer;
@@ -190,7 +189,7 @@ bool start(record& which, const glue::module_table& table, const description& fa
             error::set(qorError_module_not_started, {which.name.c_str(), last_error_text().c_str()});
             return false;
         }
-        error::make_current(before);
+        apart.bring_back();
     }
     const auto hold = take_lock();
     for (const std::string& each : facts.components)
