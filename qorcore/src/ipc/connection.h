@@ -22,6 +22,11 @@ inline constexpr uint64 ticks_per_ms = qorTicksPerSecond / 1000;
 inline uint64 ticks_now() noexcept { return qor::glue::qorGetTickCounter(); }
 inline uint64 in_ms(uint32 ms) noexcept { return ms == 0 ? never : ticks_now() + ms * ticks_per_ms; }
 
+// A connection may hold so much, whatever the others hold.
+inline constexpr uint64 free_share = 64 << 10;
+// How long an ended connection waits until the peer has read the end, and the end of Close without a limit.
+inline constexpr uint64 lingering_time = 10'000 * ticks_per_ms;
+
 // The lock is held for moments only, and for writing that does not wait.
 class connection final : public std::enable_shared_from_this<connection> {
 public:

@@ -10,6 +10,6 @@ bool qor::net::port_of_service(const std::string& name, uint16& out) {
     const servent* const found = system.getservbyname(name.c_str(), "tcp");
     if (found == nullptr)
         return false;
-    out = from_network_order(static_cast<uint16>(found->s_port));
+    out = network_order(static_cast<uint16>(found->s_port));
     return true;
 }

@@ -62,7 +62,7 @@ struct qorIpcOptions {
     // to wait; again, one message may always wait.
     uint32 receive_queue = 1 << 20;
     // How many bytes all connections of a server may hold together: messages that wait, and those that have arrived in
-    // part. What goes beyond 64 KiB in a connection counts. When it is reached, senders have to wait, and of the
+    // part. Only bytes beyond 64 KiB in a connection count. When it is reached, senders have to wait, and of the
     // connections with a long message under way one at a time goes on to receive it; it is ended if that takes longer
     // than `silence`, or than 15 s without that. All connections of qorCreateIpcConnection count together, each against
     // its own limit.
@@ -139,9 +139,9 @@ protected:
     ~IQORIpcConnection() = default;
 };
 
-// What is told about connections. The client implements it. All calls are made on the thread of the server, or on that
-// of the connections. They may use the connection, and close it; a reference that they add keeps the object, not the
-// connection.
+// Gets messages and news of connections. The client implements it. All calls are made on the thread of the server, or
+// on that of the connections. They may use the connection, and close it; a reference that they add keeps the object,
+// not the connection.
 class IQORIpcTarget {
 public:
     // Like those of IQORInterface.
@@ -181,8 +181,8 @@ protected:
 };
 
 // Sets up a server. Fails if the address is taken (qorError_ipc_address_taken), also by another program's socket or
-// pipe. What a server has left that was killed is replaced. The socket is for the own user only, unless the options say
-// otherwise.
+// pipe. The socket that a killed server has left is replaced. The socket is for the own user only, unless the options
+// say otherwise.
 [[nodiscard]] inline bool qorCreateIpcServer(const char* address, const qorIpcOptions& options, IQORIpcTarget* target,
                                              IQORIpcServer** out) noexcept {
     return qor::glue::qorCreateIpcServer(address, options, target, out);

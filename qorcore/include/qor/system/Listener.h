@@ -58,7 +58,7 @@ struct qorIPPortCounts {
 // reason, qorError_connection_closed after Close, qorError_connection_of_another_process in a forked child.
 class IQORIPConnection : public IQORInterface {
 public:
-    // The other end, and the own one. What they say does not change when the connection ends.
+    // The other end, and the own one. Both stay the same when the connection ends.
     virtual void GetPeer(qorIPEndpoint& out) noexcept = 0;
     virtual void GetLocal(qorIPEndpoint& out) noexcept = 0;
 
@@ -73,7 +73,7 @@ public:
     // The peer reads the end of the stream behind what was written. Reading goes on.
     virtual bool EndWriting() noexcept = 0;
 
-    // Closes the connection; a read or write on another thread fails at once. What was written and not yet sent is
+    // Closes the connection; a read or write on another thread fails at once. Bytes that wait to be sent are
     // still sent, unless the peer's bytes were left unread. A second call does nothing.
     virtual void Close() noexcept = 0;
 
@@ -103,8 +103,8 @@ public:
     virtual void Release() noexcept = 0;
     virtual int QueryInterface(const char* name, void** out) noexcept = 0;
 
-    // A connection was accepted. Who wants to keep it adds a reference; without one it is closed when this returns. On
-    // the framework's thread, all listeners wait meanwhile: hand it to a thread of your own, or use a queue.
+    // A connection was accepted. A target that keeps it adds a reference; without one it is closed when this returns.
+    // On the framework's thread, all listeners wait meanwhile: hand it to a thread of your own, or use a queue.
     virtual void ConnectionAccepted(IQORIPConnection* connection) noexcept = 0;
 
 protected:

@@ -47,7 +47,7 @@ enum class form { known, newer, unknown };
 form parse(std::string_view text, encrypted& out, uint32& number);
 std::string format(const encrypted& value);
 
-// What is authenticated beside the password.
+// The bytes that are authenticated beside the password.
 std::string bound_to(std::string_view key_id, std::string_view context);
 
 } // namespace qor::secret
