@@ -14,6 +14,7 @@
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <string>
 #include <sys/socket.h>
@@ -701,6 +702,9 @@ int main(int argc, char** argv) {
         std::fputs("usage: inject_slots FOLDER, with the injector preloaded\n", stderr);
         return 2;
     }
+    // glibc 2.36 crashes where it has no memory for the configuration of its name service (nss_database). The children
+    // inherit it.
+    (void)getservbyname("domain", "tcp");
     if (std::FILE* const lines = std::fopen("lines", "w")) {
         for (int i = 0; i < 10'000; ++i)
             std::fprintf(lines, "%s %d\n", long_text, i);

@@ -4,27 +4,44 @@
 #include "memory/allocator.h"
 #include "module/records.h"
 #include "platform/no_cancellation.h"
-#include "qor/system/template/Object.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <new>
 
 namespace qor::module {
 namespace {
 
 constexpr char source[] = "qorcore/src/module/helper";
 
-class module_helper final : public object<IQORModuleHelper> {
+// That of a module lives as long as the process, and so has no place in the allocation log.
+class module_helper : public IQORModuleHelper {
 public:
     // `of` is null for a helper of the program.
     module_helper(record* of, std::string name, std::string version, std::string folder) noexcept
-        : object("qorcore.module_helper", "IQORModuleHelper"), m_of(of), m_name(std::move(name)),
-          m_version(std::move(version)), m_folder(std::move(folder)) {}
-    ~module_helper() override {
+        : m_of(of), m_name(std::move(name)), m_version(std::move(version)), m_folder(std::move(folder)) {}
+    module_helper(const module_helper&) = delete;
+    module_helper& operator=(const module_helper&) = delete;
+    virtual ~module_helper() {
         auto hold = take_lock();
         registrations& all = table();
         for (auto each = all.begin(); each != all.end();)
             // Another thread may change the table while this one waits.
             each = each->second.owner == this ? (withdraw(each, hold), all.begin()) : std::next(each);
+    }
+
+    void AddRef() noexcept override { ++m_references; }
+    void Release() noexcept override {
+        if (--m_references == 0)
+            delete this;
+    }
+    int QueryInterface(const char* name, void** out) noexcept override {
+        if (std::strcmp(name, "IQORModuleHelper") != 0 && std::strcmp(name, "IQORInterface") != 0)
+            return 0;
+        *out = static_cast<IQORModuleHelper*>(this);
+        AddRef();
+        return 1;
     }
 
     void GetName(qorString& out) noexcept override { out.Set(m_name.c_str()); }
@@ -104,6 +121,22 @@ private:
     const std::string m_name;
     const std::string m_version;
     const std::string m_folder;
+    std::atomic<uint32> m_references{1};
+};
+
+// That of a program, which has to release it.
+class program_helper final : public module_helper {
+public:
+    program_helper(std::string name, std::string version, std::string folder) noexcept
+        : module_helper(nullptr, std::move(name), std::move(version), std::move(folder)) {
+        qor::glue::announce(this, "qorcore.module_helper");
+    }
+
+    static void* operator new(std::size_t size, const char* file, int line) {
+        return glue::or_throw(glue::qor_do_new(size, file, line));
+    }
+    static void operator delete(void* object) noexcept { glue::qor_do_delete(object); }
+    static void operator delete(void* object, const char*, int) noexcept { glue::qor_do_delete(object); }
 };
 
 } // namespace
@@ -114,7 +147,13 @@ bool make_helper(record& of, zetSmartPointer<IQORModuleHelper>& out) {
         const auto hold = take_lock();
         version = of.facts.version;
     }
-    return memory::make<module_helper>(source, __LINE__, out.Out(), &of, of.name, version, of.folder);
+    IQORModuleHelper* const made = new (std::nothrow) module_helper(&of, of.name, version, of.folder);
+    if (made == nullptr) {
+        error::set(qorError_out_of_memory);
+        return false;
+    }
+    out.AttachNew(made);
+    return true;
 }
 
 } // namespace qor::module
@@ -135,6 +174,6 @@ bool qor::glue::qorCreateModuleHelper(const char* name, const char* version, con
     qorString own;
     if (folder == nullptr && !glue::qorGetFolderPath(qorFolder_qor_executable, own))
         return false;
-    return memory::make<module::module_helper>(module::source, __LINE__, out, nullptr, name, version,
-                                               module::with_separator(folder != nullptr ? folder : own.Text()));
+    return memory::make<module::program_helper>(module::source, __LINE__, out, name, version,
+                                                module::with_separator(folder != nullptr ? folder : own.Text()));
 }
