@@ -638,6 +638,7 @@ TEST(posix_ipc, without_descriptors_a_server_waits_and_goes_on) {
     std::string back;
     EXPECT_TRUE(connection->Send("first") && connection->Receive(back));
     EXPECT_FALSE(qorCreateIpcConnection((there.address + ".not").c_str(), none.Out()));
+    EXPECT_EQ(last_number(), qorError_ipc_no_server);
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     raw_peer waits(there.path);
