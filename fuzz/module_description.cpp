@@ -102,10 +102,14 @@ found find_in_pe(const bytes& file) {
     const uint64 table = *start + 24 + *number(file, *start + 20, 2);
     if (!part(file, table, count * 40))
         return {};
-    for (uint64 at = table; at != table + count * 40; at += 40)
+    for (uint64 at = table; at != table + count * 40; at += 40) {
+        const uint64 size = *number(file, at + 16, 4);
+        const uint64 offset = *number(file, at + 20, 4);
+        if (size != 0 && !part(file, offset, size))
+            return {};
         if (std::memcmp(&file[static_cast<std::size_t>(at)], "qor_mod", 8) == 0)
-            return from_section(
-                part(file, *number(file, at + 20, 4), std::min(*number(file, at + 8, 4), *number(file, at + 16, 4))));
+            return from_section(part(file, offset, std::min(*number(file, at + 8, 4), size)));
+    }
     return {qor::module::find_result::no_description, {}};
 }
 

@@ -40,10 +40,12 @@ IQORModuleManager* manager() {
     return out;
 }
 
-void add_folder(const char* name) {
-    ASSERT_TRUE(manager()->AddFolder((std::filesystem::path(QOR_TEST_MODULES) / name).string().c_str()))
-        << last_error();
+// On Windows with the drive, which the path of a build on another system lacks.
+std::string path_of(const char* folder) {
+    return std::filesystem::absolute(std::filesystem::path(QOR_TEST_MODULES) / folder).string();
 }
+
+void add_folder(const char* name) { ASSERT_TRUE(manager()->AddFolder(path_of(name).c_str())) << last_error(); }
 
 // What the manager knows about a module.
 struct known {
@@ -469,9 +471,9 @@ TEST(components, folders_of_modules) {
     EXPECT_FALSE(manager()->AddFolder("relative"));
     EXPECT_EQ(last_error(), "Modules are not loaded from 'relative': the path is not absolute.");
     EXPECT_FALSE(manager()->AddFolder(nullptr));
-    EXPECT_FALSE(manager()->AddFolder((std::filesystem::path(QOR_TEST_MODULES) / "no such one").string().c_str()));
+    EXPECT_FALSE(manager()->AddFolder(path_of("no such one").c_str()));
     EXPECT_TRUE(last_error().starts_with("Cannot list the folder ")) << last_error();
-    EXPECT_FALSE(manager()->AddFolder(QOR_LIBRARY)); // a file
+    EXPECT_FALSE(manager()->AddFolder(std::filesystem::absolute(QOR_LIBRARY).string().c_str())); // a file
     add_folder("good");
     add_folder("good");
     manager()->GetFolders(folders);

@@ -35,7 +35,7 @@ PATTERN = re.compile(r"""
 
 # There the fifth argument is on the stack, and the compiler loads it and stores it again.
 WINDOWS_FIFTH = re.compile(
-    r"^(?:push|pop)\s+%rbx\n|^mov(?:zbl)?\s+0x[0-9a-f]+\(%rsp\),%[re]bx\n|^mov\s+%[re]bx,0x[0-9a-f]+\(%rsp\)\n",
+    r"^(?:push|pop)\s+%rbx\n|^mov(?:zbl)?\s+0x[0-9a-f]+\(%rsp\),%[re]bx\n|^mov\s+%(?:[re]bx|bl),0x[0-9a-f]+\(%rsp\)\n",
     re.MULTILINE)
 
 # On Windows the slot is loaded before the stack pointer is restored.

@@ -115,10 +115,14 @@ find_result find_in_pe(file_bytes& file, std::string& section) {
     if (!file.read(place + sizeof header + optional_size, sections.data(), sections.size()))
         return find_result::no_library;
     for (const char* at = sections.data(); at != sections.data() + sections.size(); at += section_size) {
+        const uint32 size_in_file = number<uint32>(at + 16);
+        char last;
+        if (size_in_file != 0 && !file.read(uint64{number<uint32>(at + 20)} + size_in_file - 1, &last, 1))
+            return find_result::no_library;
         if (std::strncmp(at, section_name.data(), 8) != 0)
             continue;
         // What is in the file is rounded up; the rest of it is no part of the section.
-        const uint32 size = std::min(number<uint32>(at + 8), number<uint32>(at + 16));
+        const uint32 size = std::min(number<uint32>(at + 8), size_in_file);
         return read_section(file, number<uint32>(at + 20), size, section) ? find_result::found
                                                                           : find_result::no_library;
     }
