@@ -1,8 +1,10 @@
-#include "recorder.h"
+#include "recorder_posix.h"
 
+#include "clocks.h"
 #include "control.h"
 #include "messages.h"
 #include "process_facts.h"
+#include "shared/offer_posix.h"
 #include "unix_socket.h"
 
 #include <algorithm>
