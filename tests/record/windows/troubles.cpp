@@ -1,0 +1,159 @@
+// What may trouble a recorder on Windows. The first word says which.
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <process.h>
+#include <string>
+#include <thread>
+#include <vector>
+#include <windows.h>
+
+namespace {
+
+std::atomic<void*> place;
+
+// Blocks go from thread to thread: each is made by one and often released by another.
+void churn(std::atomic<void*>* blocks, std::size_t count, unsigned seed, long rounds) {
+    for (long i = 0; rounds == 0 || i < rounds; ++i) {
+        seed = seed * 1664525 + 1013904223;
+        std::free(blocks[seed / 65536 % count].exchange(std::malloc(seed % 300 + 1)));
+    }
+}
+
+// The allocations that were made, and what is left.
+int exchange(unsigned threads, long rounds) {
+    static std::atomic<void*> blocks[64];
+    std::vector<std::thread> workers;
+    for (unsigned i = 0; i < threads; ++i)
+        workers.emplace_back(churn, blocks, std::size(blocks), i, rounds);
+    for (std::thread& each : workers)
+        each.join();
+    std::printf("%ld\n", threads * rounds);
+    for (const auto& each : blocks)
+        if (each.load() != nullptr)
+            std::printf("%p\n", each.load());
+    return 0;
+}
+
+// The process ends while the others are at work, and the end of the program allocates more than there is room for.
+struct at_end {
+    ~at_end() {
+        for (int i = 0; i < count; ++i)
+            std::free(place = std::malloc(77));
+    }
+    int count = 0;
+};
+
+int end_at_work(bool by_system, int at_the_end) {
+    static std::atomic<void*> blocks[64];
+    static at_end last;
+    last.count = at_the_end;
+    for (unsigned i = 0; i < 3; ++i)
+        std::thread(churn, blocks, std::size(blocks), i, 0).detach();
+    Sleep(30);
+    if (by_system)
+        ExitProcess(5);
+    std::exit(5);
+}
+
+// A program that is started in each way that the run-times and the system have.
+int start(const char* how, wchar_t** words) {
+    const std::wstring self = words[0];
+    const std::wstring line = L'"' + self + L"\" lose 71201";
+    std::free(place = std::malloc(500));
+    if (std::strcmp(how, "spawn") == 0) {
+        return static_cast<int>(_wspawnl(_P_WAIT, self.c_str(), L"troubles", L"lose", L"71201", nullptr));
+    }
+    if (std::strcmp(how, "system") == 0)
+        return _wsystem((L'"' + line + L'"').c_str());
+    STARTUPINFOW about{};
+    about.cb = sizeof about;
+    PROCESS_INFORMATION started;
+    std::wstring copy = line;
+    const bool is_held = std::strcmp(how, "held") == 0;
+    if (!CreateProcessW(nullptr, copy.data(), nullptr, nullptr, FALSE, is_held ? CREATE_SUSPENDED : 0, nullptr, nullptr,
+                        &about, &started))
+        return 99;
+    if (is_held)
+        ResumeThread(started.hThread);
+    if (std::strcmp(how, "leave") == 0)
+        return 0;
+    WaitForSingleObject(started.hProcess, INFINITE);
+    DWORD code = 98;
+    GetExitCodeProcess(started.hProcess, &code);
+    return static_cast<int>(code);
+}
+
+// Allocates one block of a size for each line that is read.
+int be_controlled() {
+    char line[100];
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
+    while (std::fgets(line, sizeof line, stdin) != nullptr) {
+        if (line[0] == 'f')
+            std::free(place.exchange(nullptr));
+        else
+            place = std::malloc(static_cast<std::size_t>(std::atoi(line)));
+        std::printf("done\n");
+    }
+    return 0;
+}
+
+int use_heap() {
+    const HANDLE heap = HeapCreate(0, 0, 0);
+    void* const kept = HeapAlloc(GetProcessHeap(), 0, 71301);
+    void* moved = HeapReAlloc(GetProcessHeap(), 0, HeapAlloc(GetProcessHeap(), 0, 100), 71302);
+    HeapFree(GetProcessHeap(), 0, HeapAlloc(GetProcessHeap(), 0, 71303));
+    if (HeapReAlloc(GetProcessHeap(), 0, kept, std::size_t{1} << 62) != nullptr)
+        return 1;
+    for (int i = 0; i < 10; ++i)
+        place = HeapAlloc(heap, 0, 71304);
+    HeapDestroy(heap);
+    std::printf("%p %p\n", kept, moved);
+    return 0;
+}
+
+std::string utf8(const wchar_t* text) {
+    char buffer[4096];
+    WideCharToMultiByte(CP_UTF8, 0, text, -1, buffer, sizeof buffer, nullptr, nullptr);
+    return buffer;
+}
+
+} // namespace
+
+int wmain(int count, wchar_t** words) {
+    const std::string what = count > 1 ? utf8(words[1]) : "";
+    const auto number = [=](int i) { return count > i ? std::atol(utf8(words[i]).c_str()) : 0; };
+    if (what == "words") {
+        for (int i = 2; i < count; ++i)
+            std::printf("%s\n", utf8(words[i]).c_str());
+        return 0;
+    }
+    if (what == "lose") {
+        place = std::malloc(static_cast<std::size_t>(number(2)));
+        return 3;
+    }
+    if (what == "exchange")
+        return exchange(static_cast<unsigned>(number(2)), number(3));
+    if (what == "exit")
+        return end_at_work(false, number(2));
+    if (what == "exit_process")
+        return end_at_work(true, number(2));
+    if (what == "kill") {
+        place = std::malloc(71401);
+        TerminateProcess(GetCurrentProcess(), 9);
+    }
+    if (what == "crash") {
+        place = std::malloc(71402);
+        SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
+        RaiseException(0xc0000094, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+    }
+    if (what == "start")
+        return start(utf8(words[2]).c_str(), words);
+    if (what == "be_controlled")
+        return be_controlled();
+    if (what == "heap")
+        return use_heap();
+    return 2;
+}
