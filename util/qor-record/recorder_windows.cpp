@@ -19,6 +19,23 @@ constexpr std::uint64_t records_at_a_time = ring_size / 4;
 
 bool has_ended(const recorded_process& of) { return WaitForSingleObject(of.handle, 0) == WAIT_OBJECT_0; }
 
+// A variable of the environment for the program alone: the recorder is not to take it for its own.
+class lent_variable {
+public:
+    lent_variable(const wchar_t* name, const std::wstring& value) : m_name(name) {
+        m_before.resize(GetEnvironmentVariableW(name, nullptr, 0));
+        m_before.resize(GetEnvironmentVariableW(name, m_before.data(), static_cast<DWORD>(m_before.size())));
+        SetEnvironmentVariableW(name, value.c_str());
+    }
+    ~lent_variable() { SetEnvironmentVariableW(m_name, m_before.empty() ? nullptr : m_before.c_str()); }
+    lent_variable(const lent_variable&) = delete;
+    lent_variable& operator=(const lent_variable&) = delete;
+
+private:
+    const wchar_t* m_name;
+    std::wstring m_before;
+};
+
 std::string program_of(HANDLE process) {
     std::wstring path(32768, L'\0');
     auto size = static_cast<DWORD>(path.size());
@@ -187,12 +204,16 @@ bool recorder::start(const std::string& path) {
     about.hStdError = GetStdHandle(STD_ERROR_HANDLE);
     for (const HANDLE each : {about.hStdInput, about.hStdOutput, about.hStdError})
         SetHandleInformation(each, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
-    SetEnvironmentVariableW(L"QOR_MEMCHECK", wide(m_names.memcheck()).c_str());
     std::wstring line = wide(command_line(m_options.command));
-    PROCESS_INFORMATION started;
-    if (!CreateProcessW(wide(path).c_str(), line.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr, nullptr,
-                        &about, &started)) {
-        const auto reason = static_cast<int>(GetLastError());
+    PROCESS_INFORMATION started{};
+    int reason = 0;
+    {
+        const lent_variable memcheck(L"QOR_MEMCHECK", wide(m_names.memcheck()));
+        if (!CreateProcessW(wide(path).c_str(), line.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr, nullptr,
+                            &about, &started))
+            reason = static_cast<int>(GetLastError());
+    }
+    if (reason != 0) {
         if (reason == ERROR_EXE_MACHINE_TYPE_MISMATCH)
             say(message::is_32_bit, {path});
         else

@@ -3,22 +3,30 @@
 
 namespace {
 
-[[gnu::noinline]] void* allocate(std::size_t size) {
-    return std::malloc(size); // late_library
-}
-
 void* volatile at_load;
 
-// Runs before the loading ends.
-const struct holder {
+// It works before the loading ends, and when the library or the process ends.
+struct holder {
     holder() { at_load = std::malloc(71021); }
-    ~holder() { std::free(at_load); }
+    ~holder() {
+        std::free(at_load);
+        for (int i = 0; i < allocations_at_end; ++i) {
+            at_load = std::malloc(77);
+            std::free(at_load);
+        }
+    }
+    int allocations_at_end = 0;
 } held;
 
 } // namespace
 
-extern "C" __declspec(dllexport) void* allocate_in_library(std::size_t size) {
-    void* const block = allocate(size);
-    at_load = at_load; // no tail call
+extern "C" {
+
+__declspec(dllexport) void* allocate_in_library(std::size_t size) {
+    void* const block = std::malloc(size); // late_library
+    at_load = at_load;                     // no tail call
     return block;
+}
+
+__declspec(dllexport) void allocate_at_end(int count) { held.allocations_at_end = count; }
 }

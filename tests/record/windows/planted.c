@@ -34,11 +34,11 @@ static void grown(void) {
     lose("grown", block, 71104);
 }
 
-/* A realloc that must fail leaves the block as it is. */
+/* A realloc that must fail leaves the block as it is, and is its place from then on. */
 OWN_FRAME static void kept(void) {
-    void* block = malloc(71105); /* kept */
+    void* block = malloc(71105);
     volatile size_t much = (size_t)1 << 62;
-    if (realloc(block, much) != NULL)
+    if (realloc(block, much) != NULL) /* kept */
         abort();
     lose("kept", block, 71105);
 }

@@ -37,19 +37,13 @@ int exchange(unsigned threads, long rounds) {
     return 0;
 }
 
-// The process ends while the others are at work, and the end of the program allocates more than there is room for.
-struct at_end {
-    ~at_end() {
-        for (int i = 0; i < count; ++i)
-            std::free(place = std::malloc(77));
-    }
-    int count = 0;
-};
-
+// The process ends while the others are at work. A library goes on to allocate when they have been ended.
 int end_at_work(bool by_system, int at_the_end) {
     static std::atomic<void*> blocks[64];
-    static at_end last;
-    last.count = at_the_end;
+    if (at_the_end != 0) {
+        const FARPROC function = GetProcAddress(LoadLibraryW(L"late_library.dll"), "allocate_at_end");
+        reinterpret_cast<void (*)(int)>(reinterpret_cast<void*>(function))(at_the_end);
+    }
     for (unsigned i = 0; i < 3; ++i)
         std::thread(churn, blocks, std::size(blocks), i, 0).detach();
     Sleep(30);
@@ -137,9 +131,9 @@ int wmain(int count, wchar_t** words) {
     if (what == "exchange")
         return exchange(static_cast<unsigned>(number(2)), number(3));
     if (what == "exit")
-        return end_at_work(false, number(2));
+        return end_at_work(false, static_cast<int>(number(2)));
     if (what == "exit_process")
-        return end_at_work(true, number(2));
+        return end_at_work(true, static_cast<int>(number(2)));
     if (what == "kill") {
         place = std::malloc(71401);
         TerminateProcess(GetCurrentProcess(), 9);
