@@ -23,11 +23,12 @@ public:
         unsigned depth;
         bool is_stopped;
         bool follows_children;
-        bool wants_system_heap = false;           // on Windows
+        bool wants_system_heap = false;            // on Windows
         std::vector<code_range> allocation_code{}; // in the program's file, if it is known
     };
 
-    // Null: there is no memory for it; the system's last error says why. The calling thread is the one that reads the arena.
+    // Null: there is no memory for it; the system's last error says why. The calling thread is the one that reads the
+    // arena.
     static std::unique_ptr<arena_host> make(const plan& wanted);
     ~arena_host();
     arena_host(const arena_host&) = delete;

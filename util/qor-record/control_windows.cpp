@@ -29,8 +29,7 @@ std::wstring section_name(const log_names& names) {
     for (const wchar_t c : path)
         number = (number ^ c) * 1099511628211U;
     wchar_t name[64];
-    std::swprintf(name, sizeof name / sizeof *name, L"Local\\qor-record-%llx",
-                  static_cast<unsigned long long>(number));
+    std::swprintf(name, sizeof name / sizeof *name, L"Local\\qor-record-%llx", static_cast<unsigned long long>(number));
     return name;
 }
 
@@ -88,11 +87,12 @@ int control(int argc, char** argv) {
     const bool is_prefix = !prefix.empty() && last_separator(prefix) != prefix.size() - 1;
     if (is_prefix && !names.set(prefix, {}, compression::format::none))
         return 1;
-    const HANDLE section = is_prefix ? OpenFileMappingW(FILE_MAP_READ | FILE_MAP_WRITE, FALSE, section_name(names).c_str())
-                                     : nullptr;
-    auto* const word = section != nullptr ? static_cast<control_listener::word*>(
-                                                MapViewOfFile(section, FILE_MAP_READ | FILE_MAP_WRITE, 0, 0, 0))
-                                          : nullptr;
+    const HANDLE section =
+        is_prefix ? OpenFileMappingW(FILE_MAP_READ | FILE_MAP_WRITE, FALSE, section_name(names).c_str()) : nullptr;
+    auto* const word =
+        section != nullptr
+            ? static_cast<control_listener::word*>(MapViewOfFile(section, FILE_MAP_READ | FILE_MAP_WRITE, 0, 0, 0))
+            : nullptr;
     if (word == nullptr) {
         const DWORD reason = GetLastError();
         if (is_prefix && reason == ERROR_ACCESS_DENIED)
@@ -105,10 +105,11 @@ int control(int argc, char** argv) {
     const std::uint32_t code = wanted == "stop" ? stop : start;
     std::uint32_t answers = 0;
     const bool is_done = wait_until([&] {
-        std::uint32_t before = nothing;
-        answers = word->answers.load(std::memory_order_acquire);
-        return word->wanted.compare_exchange_strong(before, code);
-    }) && wait_until([&] { return word->answers.load(std::memory_order_acquire) != answers; });
+                             std::uint32_t before = nothing;
+                             answers = word->answers.load(std::memory_order_acquire);
+                             return word->wanted.compare_exchange_strong(before, code);
+                         }) &&
+                         wait_until([&] { return word->answers.load(std::memory_order_acquire) != answers; });
     if (!is_done) {
         say(message::no_control, {prefix, reason_of(WAIT_TIMEOUT)});
         return 1;

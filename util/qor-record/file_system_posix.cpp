@@ -52,9 +52,7 @@ int raw_file::write(const char* data, std::size_t size, std::size_t& done) {
     return 0;
 }
 
-void raw_file::cut_to(std::uint64_t size) {
-    (void)!::ftruncate(static_cast<int>(m_file), static_cast<off_t>(size));
-}
+void raw_file::cut_to(std::uint64_t size) { (void)!::ftruncate(static_cast<int>(m_file), static_cast<off_t>(size)); }
 
 int remove_file(const std::string& path) { return ::unlink(path.c_str()) != 0 ? errno : 0; }
 int rename_file(const std::string& from, const std::string& to) {

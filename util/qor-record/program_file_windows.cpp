@@ -19,8 +19,8 @@ class mapped_file {
 public:
     explicit mapped_file(const std::string& path) {
         m_file = CreateFileW(wide(path).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-        m_section =
-            m_file != INVALID_HANDLE_VALUE ? CreateFileMappingW(m_file, nullptr, PAGE_READONLY, 0, 0, nullptr) : nullptr;
+        m_section = m_file != INVALID_HANDLE_VALUE ? CreateFileMappingW(m_file, nullptr, PAGE_READONLY, 0, 0, nullptr)
+                                                   : nullptr;
         m_view = m_section != nullptr ? MapViewOfFile(m_section, FILE_MAP_READ, 0, 0, 0) : nullptr;
         LARGE_INTEGER size;
         if (m_view != nullptr && GetFileSizeEx(m_file, &size))
@@ -70,9 +70,8 @@ bool read_header(const mapped_file& file, std::uint64_t& at, IMAGE_FILE_HEADER& 
 
 bool has_extension(const std::string& path, std::string_view extension) {
     return path.size() >= extension.size() &&
-           std::equal(extension.rbegin(), extension.rend(), path.rbegin(), [](char one, char other) {
-               return one == std::tolower(static_cast<unsigned char>(other));
-           });
+           std::equal(extension.rbegin(), extension.rend(), path.rbegin(),
+                      [](char one, char other) { return one == std::tolower(static_cast<unsigned char>(other)); });
 }
 
 } // namespace
@@ -82,8 +81,7 @@ std::string find_program(const std::string& name) {
     std::wstring path(SearchPathW(nullptr, wanted.c_str(), L".exe", 0, nullptr, nullptr), L'\0');
     if (path.empty())
         return {};
-    path.resize(
-        SearchPathW(nullptr, wanted.c_str(), L".exe", static_cast<DWORD>(path.size()), path.data(), nullptr));
+    path.resize(SearchPathW(nullptr, wanted.c_str(), L".exe", static_cast<DWORD>(path.size()), path.data(), nullptr));
     const DWORD found = GetFileAttributesW(path.c_str());
     if (found == INVALID_FILE_ATTRIBUTES || (found & FILE_ATTRIBUTE_DIRECTORY) != 0)
         return {};
@@ -115,8 +113,8 @@ std::vector<code_range> allocation_code_of(const std::string& path) {
     const std::uint64_t symbols = header.PointerToSymbolTable;
     const std::uint64_t names = symbols + std::uint64_t{header.NumberOfSymbols} * IMAGE_SIZEOF_SYMBOL;
     IMAGE_SYMBOL symbol;
-    for (std::uint64_t i = 0; symbols != 0 && i < header.NumberOfSymbols &&
-                              file.get(symbols + i * IMAGE_SIZEOF_SYMBOL, symbol);
+    for (std::uint64_t i = 0;
+         symbols != 0 && i < header.NumberOfSymbols && file.get(symbols + i * IMAGE_SIZEOF_SYMBOL, symbol);
          i += 1U + symbol.NumberOfAuxSymbols) {
         const std::uint64_t own_name = symbols + i * IMAGE_SIZEOF_SYMBOL;
         const std::string_view name =

@@ -236,7 +236,8 @@ int recorder::run(const std::string& path) {
     ResumeThread(m_first_thread);
     CloseHandle(m_first_thread);
     std::uint64_t last_flush = 0;
-    for (unsigned idle_rounds = 0; std::ranges::any_of(m_processes, [](const auto& each) { return !each.is_over(); });) {
+    for (unsigned idle_rounds = 0;
+         std::ranges::any_of(m_processes, [](const auto& each) { return !each.is_over(); });) {
         const bool is_busy = work();
         if (!is_busy && steady_time() - last_flush > flush_time) {
             last_flush = steady_time();

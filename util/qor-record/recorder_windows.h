@@ -1,5 +1,5 @@
-// The recorder on Windows: one process that starts the program, reads what the recorded processes leave in their arenas,
-// and writes their logs. It ends after the last of them.
+// The recorder on Windows: one process that starts the program, reads what the recorded processes leave in their
+// arenas, and writes their logs. It ends after the last of them.
 #pragma once
 
 #include "control_windows.h"

@@ -16,9 +16,7 @@ OWN_FRAME static void lose(const char* name, void* block, size_t size) {
     printf("%s %p %u\n", name, block, (unsigned)size);
 }
 
-OWN_FRAME static void zeroed(void) {
-    lose("zeroed", calloc(3, 23701), 71103); /* zeroed */
-}
+OWN_FRAME static void zeroed(void) { lose("zeroed", calloc(3, 23701), 71103); /* zeroed */ }
 
 OWN_FRAME static void* grow(void* block, size_t size) {
     void* grown = realloc(block, size); /* grown */

@@ -58,9 +58,9 @@ Function* original(unsigned number) noexcept {
 }
 
 template <class Char, class Information, unsigned Number>
-BOOL WINAPI create_process(const Char* program, Char* command, SECURITY_ATTRIBUTES* process, SECURITY_ATTRIBUTES* thread,
-                           BOOL inherits, DWORD flags, void* environment, const Char* folder, Information* about,
-                           PROCESS_INFORMATION* started) {
+BOOL WINAPI create_process(const Char* program, Char* command, SECURITY_ATTRIBUTES* process,
+                           SECURITY_ATTRIBUTES* thread, BOOL inherits, DWORD flags, void* environment,
+                           const Char* folder, Information* about, PROCESS_INFORMATION* started) {
     return start(flags, started, [=](DWORD with) {
         using type = BOOL WINAPI(const Char*, Char*, SECURITY_ATTRIBUTES*, SECURITY_ATTRIBUTES*, BOOL, DWORD, void*,
                                  const Char*, Information*, PROCESS_INFORMATION*);

@@ -118,9 +118,8 @@ struct hooks_of {
 
     // ---- aligned blocks
     static void* aligned_malloc(std::size_t size, std::size_t alignment) {
-        return allocate(QOR_CALLER, size, [=] {
-            return original<void*(std::size_t, std::size_t)>(fn_aligned_malloc)(size, alignment);
-        });
+        return allocate(QOR_CALLER, size,
+                        [=] { return original<void*(std::size_t, std::size_t)>(fn_aligned_malloc)(size, alignment); });
     }
     static void* aligned_offset_malloc(std::size_t size, std::size_t alignment, std::size_t offset) {
         return allocate(QOR_CALLER, size, [=] {
@@ -169,14 +168,12 @@ struct hooks_of {
     }
     template <runtime_function Which, class Char>
     static Char* full_path(Char* place, const Char* path, std::size_t size) {
-        return fill_text(QOR_CALLER, place, [=] {
-            return original<Char*(Char*, const Char*, std::size_t)>(Which)(place, path, size);
-        });
+        return fill_text(QOR_CALLER, place,
+                         [=] { return original<Char*(Char*, const Char*, std::size_t)>(Which)(place, path, size); });
     }
     template <runtime_function Which, class Char>
     static Char* temporary_name(const Char* folder, const Char* prefix) {
-        return make_text(QOR_CALLER,
-                         [=] { return original<Char*(const Char*, const Char*)>(Which)(folder, prefix); });
+        return make_text(QOR_CALLER, [=] { return original<Char*(const Char*, const Char*)>(Which)(folder, prefix); });
     }
     template <runtime_function Which, class Char>
     static int variable(Char** text, std::size_t* size, const Char* name) {

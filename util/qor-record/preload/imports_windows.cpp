@@ -1,5 +1,5 @@
-// Where the hooks are put: in the tables of imports of all modules, by the addresses that they hold, and in the tables of
-// exports of the C run-times, for modules that are loaded later and for GetProcAddress. An address in a table of
+// Where the hooks are put: in the tables of imports of all modules, by the addresses that they hold, and in the tables
+// of exports of the C run-times, for modules that are loaded later and for GetProcAddress. An address in a table of
 // exports is the distance from the beginning of the library, so it leads to a jump near the library.
 #include "hooks_windows.h"
 #include "image_windows.h"
@@ -24,8 +24,7 @@ static_assert(sizeof(far_jump) == 16);
 class writable {
 public:
     writable(void* place, std::size_t size) noexcept : m_place(place), m_size(size) {
-        constexpr DWORD executable =
-            PAGE_EXECUTE | PAGE_EXECUTE_READ | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+        constexpr DWORD executable = PAGE_EXECUTE | PAGE_EXECUTE_READ | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
         MEMORY_BASIC_INFORMATION about;
         const bool is_code =
             VirtualQuery(place, &about, sizeof about) != 0 && (about.Protect & executable) != 0; // other threads run it
@@ -132,8 +131,8 @@ far_jump* jumps_near(const loaded_image& image) noexcept {
             return nullptr;
         const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(about.BaseAddress) + about.RegionSize;
         if (about.State == MEM_FREE && end - at >= size)
-            if (void* const made = VirtualAlloc(reinterpret_cast<void*>(at), size, MEM_RESERVE | MEM_COMMIT,
-                                                PAGE_EXECUTE_READWRITE))
+            if (void* const made =
+                    VirtualAlloc(reinterpret_cast<void*>(at), size, MEM_RESERVE | MEM_COMMIT, PAGE_EXECUTE_READWRITE))
                 return static_cast<far_jump*>(made);
         at = (end + step - 1) / step * step;
     }

@@ -121,8 +121,8 @@ void module_came(const void* base, const wchar_t* path, unsigned length) noexcep
         is_known = bases[number].load(std::memory_order_relaxed) == base;
     if (!is_known) {
         char name[4096];
-        const int size = WideCharToMultiByte(CP_UTF8, 0, path, static_cast<int>(length), name, sizeof name - 1, nullptr,
-                                             nullptr);
+        const int size =
+            WideCharToMultiByte(CP_UTF8, 0, path, static_cast<int>(length), name, sizeof name - 1, nullptr, nullptr);
         name[size > 0 ? size : 0] = '\0';
         module found{};
         found.begin = found.base = image.begin();

@@ -25,8 +25,8 @@ constexpr ULONG was_loaded = 1;
 
 } // namespace qor::record
 
-extern "C" __declspec(dllimport) NTSTATUS NTAPI LdrRegisterDllNotification(
-    ULONG, void(NTAPI*)(ULONG, const qor::record::module_notice*, void*), void*, void**);
+extern "C" __declspec(dllimport) NTSTATUS NTAPI
+    LdrRegisterDllNotification(ULONG, void(NTAPI*)(ULONG, const qor::record::module_notice*, void*), void*, void**);
 
 namespace qor::record {
 
@@ -64,8 +64,8 @@ HANDLE take_injection(std::uint64_t& recorder) noexcept {
     const injection head = *program.at<const injection>(imports.VirtualAddress - injection_size);
     if (head.magic != injection_magic)
         return nullptr;
-    auto* const headers = program.at<IMAGE_NT_HEADERS64>(
-        static_cast<std::uint32_t>(program.at<const IMAGE_DOS_HEADER>(0)->e_lfanew));
+    auto* const headers =
+        program.at<IMAGE_NT_HEADERS64>(static_cast<std::uint32_t>(program.at<const IMAGE_DOS_HEADER>(0)->e_lfanew));
     DWORD before;
     if (VirtualProtect(headers, sizeof *headers, PAGE_READWRITE, &before)) {
         IMAGE_DATA_DIRECTORY* const directories = headers->OptionalHeader.DataDirectory;

@@ -145,10 +145,10 @@ inline constexpr unsigned most_program_ranges = 64;
 struct arena {
     std::uint64_t magic;
     std::uint32_t version;
-    std::uint32_t depth;           // the most frames of a stack; 0: the caller alone
-    std::uint64_t file_size;       // a limit of the recorder may make it less than arena_file_size
-    std::int32_t followed_process; // only this process is recorded, and no child; 0: children too
-    std::uint32_t is_first;        // the arena belongs to the process that the recorder started
+    std::uint32_t depth;             // the most frames of a stack; 0: the caller alone
+    std::uint64_t file_size;         // a limit of the recorder may make it less than arena_file_size
+    std::int32_t followed_process;   // only this process is recorded, and no child; 0: children too
+    std::uint32_t is_first;          // the arena belongs to the process that the recorder started
     std::uint32_t wants_system_heap; // on Windows: the functions of the system's heaps are recorded, too
     std::uint32_t program_range_count;
     code_range program_ranges[most_program_ranges];
@@ -169,7 +169,6 @@ struct arena {
     std::atomic<std::uint32_t> nodes_are_full;
     std::atomic<std::uint32_t> module_count; // module 0 stands for no module
     std::atomic<std::uint32_t> text_size;
-
 
     // On Windows: what the hooks stand before. `runtimes` has a bit for each of `runtime_names`.
     std::atomic<std::uint32_t> runtimes;
