@@ -1,5 +1,6 @@
 // What may trouble a recorder on Windows. The first word says which.
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -108,6 +109,34 @@ int use_heap() {
     return 0;
 }
 
+// ---- what a recording costs
+
+template <int Depth>
+[[gnu::noinline]] void* allocate(std::size_t size) {
+    void* volatile block;
+    if constexpr (Depth == 0)
+        block = std::malloc(size);
+    else
+        block = allocate<Depth - 1>(size);
+    return block;
+}
+
+// Prints the nanoseconds of an allocation with its release, ten frames below this one.
+int loop(long rounds) {
+    static void* blocks[1000];
+    unsigned seed = 1;
+    const auto begin = std::chrono::steady_clock::now();
+    for (long i = 0; i < rounds; ++i) {
+        seed = seed * 1664525 + 1013904223;
+        void*& block = blocks[seed / 65536 % std::size(blocks)];
+        std::free(block);
+        block = allocate<10>(16 + seed / 65536 % 200);
+    }
+    const std::chrono::duration<double, std::nano> time = std::chrono::steady_clock::now() - begin;
+    std::printf("%.1f\n", time.count() / static_cast<double>(rounds));
+    return 0;
+}
+
 std::string utf8(const wchar_t* text) {
     char buffer[4096];
     WideCharToMultiByte(CP_UTF8, 0, text, -1, buffer, sizeof buffer, nullptr, nullptr);
@@ -130,6 +159,8 @@ int wmain(int count, wchar_t** words) {
     }
     if (what == "exchange")
         return exchange(static_cast<unsigned>(number(2)), number(3));
+    if (what == "loop")
+        return loop(number(2));
     if (what == "exit")
         return end_at_work(false, static_cast<int>(number(2)));
     if (what == "exit_process")
