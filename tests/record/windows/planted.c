@@ -16,7 +16,10 @@ OWN_FRAME static void lose(const char* name, void* block, size_t size) {
     printf("%s %p %u\n", name, block, (unsigned)size);
 }
 
-OWN_FRAME static void zeroed(void) { lose("zeroed", calloc(3, 23701), 71103); /* zeroed */ }
+OWN_FRAME static void zeroed(void) {
+    void* block = calloc(3, 23701); /* zeroed */
+    lose("zeroed", block, 71103);
+}
 
 OWN_FRAME static void* grow(void* block, size_t size) {
     void* grown = realloc(block, size); /* grown */

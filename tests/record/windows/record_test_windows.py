@@ -125,6 +125,17 @@ class Windows(unittest.TestCase):
         paths = [module.path for module in stacks.modules[1:]]
         self.assertEqual(len(paths), len(set(paths)))
 
+    def test_stacks_are_those_that_the_system_finds(self):
+        out, _ = self.record("troubles_windows.exe", "stacks")
+        recording = self.recording()
+        stacks = {record.size: [frame.module.base + frame.address for frame in recording.stacks.frames(record.node)]
+                  for record in recording.alive.values()}
+        told = {int(size): [int(frame, 16) for frame in frames] for size, *frames in map(str.split, out.splitlines())}
+        self.assertEqual(sorted(told), list(range(71701, 71712)))
+        for size, frames in told.items():
+            # The call of malloc is in the innermost frame, where the system found its own call.
+            self.assertEqual(list(map(hex, stacks[size][1:])), list(map(hex, frames)), size)
+
     def test_modules_come_and_go(self):
         self.record("planted_windows.exe", code=42)
         moves = [what for _, what, module in self.recording().stacks.loads if module.path.endswith("\\late_library.dll")]
@@ -224,6 +235,18 @@ class Windows(unittest.TestCase):
         self.refused("cannot be started", ".\\text.exe")
         self.refused("no such program", ".\\missing.exe")
         self.refused("Unknown option '--nothing'", "--nothing", "x")
+
+    def test_the_recorder_lies_in_a_folder_with_accents(self):
+        folder = self.folder / "wä n"
+        folder.mkdir()
+        for name in (options.record.name, "qor-record-hooks.dll", "zlib1.dll", "libzstd.dll"):
+            shutil.copy(options.record.with_name(name), folder)
+        self.run_windows(folder / options.record.name, "-o", "log", windows(options.bin / "troubles_windows.exe"), "lose", 71201,
+                         code=3)
+        self.assertEqual([size for _, size in self.check()], [71201])
+        (folder / "qor-record-hooks.dll").unlink()
+        _, errors = self.run_windows(folder / options.record.name, "-o", "log", "cmd.exe", code=1)
+        self.assertIn("qor-record-hooks.dll is missing", errors)
 
     def test_files_of_others_stay(self):
         (self.folder / "log.mtrace").write_text("a letter\n")

@@ -8,6 +8,7 @@
 #include <process.h>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 #include <windows.h>
 
@@ -109,6 +110,94 @@ int use_heap() {
     return 0;
 }
 
+// ---- stacks
+
+// Prints the frames that the system finds around this one, of a block of that size.
+[[gnu::noinline]] void show(std::size_t size) {
+    void* frames[200];
+    const unsigned count = RtlCaptureStackBackTrace(0, std::size(frames), frames, nullptr);
+    place = std::malloc(size);
+    std::printf("%u", static_cast<unsigned>(size));
+    for (unsigned i = 1; i < count && frames[i] != nullptr; ++i)
+        std::printf(" %p", frames[i]);
+    std::printf("\n");
+}
+
+// A frame whose size is known when it runs only, and those below it.
+[[gnu::noinline]] void with_room(unsigned depth, std::size_t size) {
+    auto* const room = static_cast<volatile char*>(__builtin_alloca(100 + depth * 1000));
+    room[0] = 1;
+    if (depth == 0)
+        show(size);
+    else
+        with_room(depth - 1, size);
+    room[1] = 2;
+}
+
+template <std::size_t Bytes>
+[[gnu::noinline]] void with_large_frame(std::size_t size) {
+    volatile char room[Bytes];
+    room[0] = 1;
+    show(size + static_cast<std::size_t>(room[0]));
+    room[1] = room[0];
+}
+
+int compare(const void*, const void*) {
+    static bool is_shown;
+    if (!std::exchange(is_shown, true))
+        show(71704);
+    return 0;
+}
+
+struct shows_when_it_goes {
+    ~shows_when_it_goes() { show(71705); }
+};
+
+[[gnu::noinline]] void fail() {
+    const shows_when_it_goes local;
+    throw 1;
+}
+
+LONG CALLBACK handle(EXCEPTION_POINTERS* about) {
+    if (about->ExceptionRecord->ExceptionCode != 0xe0000001)
+        return EXCEPTION_CONTINUE_SEARCH;
+    show(71707);
+    return EXCEPTION_CONTINUE_EXECUTION;
+}
+
+DWORD WINAPI in_pool(void* done) {
+    show(71708);
+    SetEvent(done);
+    return 0;
+}
+
+void WINAPI in_fiber(void* back) {
+    show(71709);
+    SwitchToFiber(back);
+}
+
+int show_stacks() {
+    show(71701);
+    with_room(5, 71702);
+    with_large_frame<100'000>(71702);
+    int numbers[] = {3, 1, 2};
+    std::qsort(numbers, std::size(numbers), sizeof *numbers, compare);
+    try {
+        fail();
+    } catch (int) {
+        show(71706);
+    }
+    AddVectoredExceptionHandler(1, handle);
+    RaiseException(0xe0000001, 0, 0, nullptr);
+    const HANDLE done = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    QueueUserWorkItem(in_pool, done, WT_EXECUTEDEFAULT);
+    WaitForSingleObject(done, INFINITE);
+    SwitchToFiber(CreateFiber(0, in_fiber, ConvertThreadToFiber(nullptr)));
+    std::thread([] { show(71710); }).join();
+    std::atexit([] { show(71711); });
+    return 0;
+}
+
 // ---- what a recording costs
 
 template <int Depth>
@@ -159,6 +248,8 @@ int wmain(int count, wchar_t** words) {
     }
     if (what == "exchange")
         return exchange(static_cast<unsigned>(number(2)), number(3));
+    if (what == "stacks")
+        return show_stacks();
     if (what == "loop")
         return loop(number(2));
     if (what == "exit")

@@ -3,6 +3,7 @@
 #include "image_windows.h"
 #include "process.h"
 #include "recording_windows.h"
+#include "walk_windows.h"
 
 #include "shared/operator_names.h"
 
@@ -130,6 +131,7 @@ void module_came(const void* base, const wchar_t* path, unsigned length) noexcep
         read_build_id(image, found);
         add_operators(image);
         forget_places(); // this was no module
+        forget_rules();
         if (const std::uint32_t number = number_of(found, name, static_cast<std::uint32_t>(size > 0 ? size : 0) + 1))
             bases[number].store(base, std::memory_order_release);
     }
@@ -148,6 +150,7 @@ void module_goes(const void* base) noexcept {
             continue;
         bases[number].store(nullptr, std::memory_order_release);
         forget_places();
+        forget_rules();
         forget_stacks();
         record_module_gone(number);
     }

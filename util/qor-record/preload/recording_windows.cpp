@@ -1,5 +1,7 @@
 #include "recording_windows.h"
 
+#include "walk_windows.h"
+
 #include <windows.h>
 
 extern "C" __declspec(dllimport) BOOLEAN NTAPI RtlDllShutdownInProgress();
@@ -12,7 +14,6 @@ constinit std::atomic<bool> is_on{false};
 constinit std::atomic<bool> has_filled_gaps{false};
 
 constexpr unsigned most_skipped = 16; // frames of allocation functions
-constexpr unsigned most_own = 8;      // frames of this library
 constexpr unsigned pauses_without_heartbeat = 30'000;
 
 void stop_here(loss why) noexcept {
@@ -63,21 +64,6 @@ void put(record_kind kind, std::uint64_t address, std::uint64_t detail, std::uin
     record.commit.store(commit_word(ticket, kind), std::memory_order_release);
 }
 
-// Frames from `caller` on. The walk of Wine goes on beyond the first frame of a thread, with a null.
-unsigned frames_from(void* caller, std::uintptr_t* frames, unsigned most) noexcept {
-    void* found[most_frames + most_skipped + most_own];
-    const unsigned count = RtlCaptureStackBackTrace(0, most + most_own, found, nullptr);
-    unsigned first = 0;
-    while (first < count && first < most_own && found[first] != caller)
-        ++first;
-    if (first == count || found[first] != caller)
-        return 0;
-    unsigned n = 0;
-    for (; n < most && first + n < count && found[first + n] != nullptr; ++n)
-        frames[n] = reinterpret_cast<std::uintptr_t>(found[first + n]);
-    return n;
-}
-
 // The index of the first frame outside of allocation functions.
 unsigned first_outside(const std::uintptr_t* frames, unsigned count) noexcept {
     unsigned first = 0;
@@ -94,7 +80,7 @@ unsigned first_outside(const std::uintptr_t* frames, unsigned count) noexcept {
     if (depth == 1 && !is_inside)
         return node_of(&pc, 1);
     std::uintptr_t frames[most_frames + most_skipped];
-    unsigned count = frames_from(caller, frames, is_inside ? depth + most_skipped : depth);
+    unsigned count = walk_stack(caller, frames, is_inside ? depth + most_skipped : depth);
     if (count == 0)
         return node_of(&pc, 1);
     const unsigned first = is_inside ? first_outside(frames, count) : 0;
@@ -104,7 +90,7 @@ unsigned first_outside(const std::uintptr_t* frames, unsigned count) noexcept {
 
 [[gnu::noinline]] std::uintptr_t outside_caller(void* caller) noexcept {
     std::uintptr_t frames[most_skipped];
-    const unsigned count = frames_from(caller, frames, most_skipped);
+    const unsigned count = walk_stack(caller, frames, most_skipped);
     return count != 0 ? frames[first_outside(frames, count)] : reinterpret_cast<std::uintptr_t>(caller);
 }
 

@@ -43,7 +43,9 @@ void NTAPI hear(ULONG reason, const module_notice* about, void*) {
 
 // The system calls with its lock of the loader held.
 void add_first_modules() noexcept {
-    LIST_ENTRY* const head = &NtCurrentTeb()->ProcessEnvironmentBlock->Ldr->InMemoryOrderModuleList;
+    const PEB* process; // the thread's block has its address at 0x60
+    __asm__("movq %%gs:0x60, %0" : "=r"(process));
+    LIST_ENTRY* const head = &process->Ldr->InMemoryOrderModuleList;
     for (LIST_ENTRY* each = head->Flink; each != head; each = each->Flink) {
         const auto* const entry = CONTAINING_RECORD(each, LDR_DATA_TABLE_ENTRY, InMemoryOrderLinks);
         module_came(entry->DllBase, entry->FullDllName.Buffer, entry->FullDllName.Length / 2U);
