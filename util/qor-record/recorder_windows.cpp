@@ -10,6 +10,8 @@
 #include <utility>
 #include <windows.h>
 
+extern "C" __declspec(dllimport) LONG NTAPI NtResumeProcess(HANDLE);
+
 namespace qor::record {
 
 namespace {
@@ -99,11 +101,13 @@ bool recorder::begin(void* process, std::int32_t number, const std::string& prog
 }
 
 // A process that has been started, and waits. In any case it may run afterwards.
-void recorder::take(std::int32_t number, recorded_process& parent) {
+void recorder::take(std::int32_t number, recorded_process& parent, bool runs_at_once) {
     const HANDLE process = OpenProcess(PROCESS_ALL_ACCESS, FALSE, static_cast<DWORD>(number));
     const std::string program = process != nullptr ? program_of(process) : "?";
-    if (process != nullptr && begin(process, number, program, parent.log->process()))
+    if (process != nullptr && begin(process, number, program, parent.log->process())) {
+        m_processes.back().holder = runs_at_once ? &parent : nullptr;
         return;
+    }
     m_unrecorded[program].push_back(number);
     if (process != nullptr)
         CloseHandle(process);
@@ -116,7 +120,7 @@ void recorder::follow(recorded_process& parent) {
         std::int32_t number = each.process.load(std::memory_order_acquire);
         if (number <= 0)
             continue;
-        take(number, parent);
+        take(number, parent, each.is_new_process != 0);
         each.process.compare_exchange_strong(number, 0);
     }
 }
@@ -170,6 +174,15 @@ void recorder::end(recorded_process& of) {
     of.host.reset();
 }
 
+// The hook that holds a process before its first instruction may end with its own process.
+void recorder::let_run(recorded_process& of) {
+    if (of.holder == nullptr || !of.holder->is_over())
+        return;
+    of.holder = nullptr;
+    if (of.host->shared().taken.load() == 0)
+        NtResumeProcess(of.handle); // does nothing to one that runs
+}
+
 // One round. False: there was nothing to do.
 bool recorder::work() {
     bool is_busy = false;
@@ -179,6 +192,7 @@ bool recorder::work() {
             continue;
         each.host->shared().heartbeat.fetch_add(1, std::memory_order_relaxed);
         const bool is_last = has_ended(each);
+        let_run(each);
         follow(each);
         is_busy = each.log->drain(records_at_a_time, false) != 0 || is_busy;
         if (is_last)

@@ -18,6 +18,7 @@ struct recorded_process {
     std::unique_ptr<process_log> log;
     std::string program;
     void* handle = nullptr;
+    recorded_process* holder = nullptr; // the one that has started it and will let it run; null: it may run
     bool is_first = false;
     bool has_begun = false;  // the library of the hooks is at work in it
     bool has_failed = false; // its log has ended before it, and that was said
@@ -38,7 +39,8 @@ private:
     bool begin(void* process, std::int32_t number, const std::string& program, std::int32_t parent);
     int create_files(recorded_process& of);
     void follow(recorded_process& parent);
-    void take(std::int32_t number, recorded_process& parent);
+    void take(std::int32_t number, recorded_process& parent, bool runs_at_once);
+    static void let_run(recorded_process& of);
     void answer_control();
     bool work();
     void end(recorded_process& of);

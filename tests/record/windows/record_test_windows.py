@@ -3,7 +3,7 @@
 
     record_test_windows.py --bin FOLDER --record PROGRAM --tool QORTOOL --heap QOR_HEAP --source FOLDER [--runner PROGRAM]
 
-QOR_TEST_WHOLE=1 ends 200 processes at work instead of 20.
+QOR_TEST_WHOLE=1 ends 200 processes at work instead of 10.
 """
 
 import argparse
@@ -173,7 +173,7 @@ class Windows(unittest.TestCase):
         return {thread for thread, count in counts.items() if count >= 20000}
 
     def test_a_process_that_ends_while_its_threads_allocate(self):
-        for i in range(200 if os.environ.get("QOR_TEST_WHOLE") else 20):
+        for i in range(200 if os.environ.get("QOR_TEST_WHOLE") else 10):
             self.record("troubles_windows.exe", "exit_process" if i % 2 else "exit", 0, code=5)
             self.assertEqual(self.recording().bad[:5], [])
 

@@ -10,7 +10,7 @@ namespace qor::record {
 namespace {
 
 // The recorder clears the entry when it is done with the process.
-void show_to_recorder(const PROCESS_INFORMATION& started) noexcept {
+void show_to_recorder(const PROCESS_INFORMATION& started, bool runs_at_once) noexcept {
     arena& shared = *this_process.shared;
     execution* place = nullptr;
     for (execution& each : shared.executions) {
@@ -25,7 +25,7 @@ void show_to_recorder(const PROCESS_INFORMATION& started) noexcept {
         return;
     }
     auto process = static_cast<std::int32_t>(started.dwProcessId);
-    place->is_new_process = 1;
+    place->is_new_process = runs_at_once ? 1 : 0;
     place->program[0] = '\0';
     place->process.store(process, std::memory_order_release);
     shared.executions_begun.fetch_add(1, std::memory_order_release);
@@ -44,8 +44,9 @@ template <class Call>
     const BOOL is_started = call(flags | CREATE_SUSPENDED);
     if (is_started) {
         const DWORD before = GetLastError();
-        show_to_recorder(*started);
-        if ((flags & CREATE_SUSPENDED) == 0)
+        const bool runs_at_once = (flags & CREATE_SUSPENDED) == 0;
+        show_to_recorder(*started, runs_at_once);
+        if (runs_at_once)
             ResumeThread(started->hThread);
         SetLastError(before);
     }

@@ -25,6 +25,7 @@ constexpr ULONG was_loaded = 1;
 
 } // namespace qor::record
 
+extern "C" __declspec(dllimport) BOOLEAN NTAPI RtlDllShutdownInProgress();
 extern "C" __declspec(dllimport) NTSTATUS NTAPI
     LdrRegisterDllNotification(ULONG, void(NTAPI*)(ULONG, const qor::record::module_notice*, void*), void*, void**);
 
@@ -36,7 +37,7 @@ void NTAPI hear(ULONG reason, const module_notice* about, void*) {
     const DWORD before = GetLastError();
     if (reason == was_loaded)
         module_came(about->base, about->path->Buffer, about->path->Length / 2U);
-    else
+    else if (!RtlDllShutdownInProgress()) // at the end of the process all of them go
         module_goes(about->base);
     SetLastError(before);
 }

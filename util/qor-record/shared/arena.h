@@ -119,7 +119,8 @@ static_assert(sizeof(node) == 24);
 // started in another process, it writes it afterwards. The recorder names the programs that do not ask for an arena.
 struct execution {
     std::atomic<std::int32_t> process; // that of the program; 0: unused; -1: it is being filled in
-    std::uint32_t is_new_process;      // it was started, and runs; else a process is about to become it
+    std::uint32_t is_new_process;      // it was started, and runs; else a process is about to become it. On Windows
+                                       // it is 0 for one that waits until the program lets it run
     char program[248];                 // its path or name, cut off
 };
 inline constexpr unsigned most_executions = 256;
