@@ -116,6 +116,7 @@ injected inject(void* process, void* arena, const std::string& hooks) {
         return injected::is_foreign;
     IMAGE_DATA_DIRECTORY& imports = headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
     IMAGE_DATA_DIRECTORY& bound = headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_BOUND_IMPORT];
+    IMAGE_DATA_DIRECTORY& addresses = headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IAT];
 
     // The head, the imports with the library in front and an empty one behind, two tables of one function, the name.
     std::vector<IMAGE_IMPORT_DESCRIPTOR> list;
@@ -139,7 +140,8 @@ injected inject(void* process, void* arena, const std::string& hooks) {
                          give(process, arena, 0, DUPLICATE_SAME_ACCESS),
                          give(process, GetCurrentProcess(), SYNCHRONIZE, 0),
                          {imports.VirtualAddress, imports.Size},
-                         {bound.VirtualAddress, bound.Size}};
+                         {bound.VirtualAddress, bound.Size},
+                         {addresses.VirtualAddress, addresses.Size}};
     if (head.section == 0 || head.recorder == 0)
         return injected::failed;
     std::vector<char> block(size);
@@ -150,6 +152,8 @@ injected inject(void* process, void* arena, const std::string& hooks) {
 
     imports = {address + injection_size, static_cast<DWORD>(list_size)};
     bound = {0, 0}; // it would say that the imports need no search
+    if (addresses.VirtualAddress == 0)
+        addresses = {address, static_cast<DWORD>(size)}; // else the system seeks them in the section of the list
     const std::uintptr_t headers_at = base + static_cast<std::uint32_t>(first.e_lfanew);
     DWORD before;
     if (!memory.write(place, block.data(), size) ||

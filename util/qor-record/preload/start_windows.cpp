@@ -74,6 +74,7 @@ HANDLE take_injection(std::uint64_t& recorder) noexcept {
         IMAGE_DATA_DIRECTORY* const directories = headers->OptionalHeader.DataDirectory;
         put_back(directories[IMAGE_DIRECTORY_ENTRY_IMPORT], head.imports);
         put_back(directories[IMAGE_DIRECTORY_ENTRY_BOUND_IMPORT], head.bound_imports);
+        put_back(directories[IMAGE_DIRECTORY_ENTRY_IAT], head.addresses);
         VirtualProtect(headers, sizeof *headers, before, &before);
     }
     recorder = head.recorder;

@@ -15,7 +15,7 @@ struct injection {
     struct directory {
         std::uint32_t address, size;
     };
-    directory imports, bound_imports; // the program's own, which the library puts back
+    directory imports, bound_imports, addresses; // the program's own, which the library puts back
 };
 
 // The list begins so many bytes behind the head.
