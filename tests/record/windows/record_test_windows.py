@@ -179,12 +179,15 @@ class Windows(unittest.TestCase):
 
     def test_a_process_that_ends_while_its_threads_allocate(self):
         for i in range(200 if os.environ.get("QOR_TEST_WHOLE") else 10):
-            self.record("troubles_windows.exe", "exit_process" if i % 2 else "exit", 0, code=5)
-            self.assertEqual(self.recording().bad[:5], [])
+            self.record("troubles_windows.exe", "exit_process" if i % 2 else "exit", 0, code=5,
+                        prefix=("--system-heap", "-o", "log"))
+            recording = self.recording()
+            self.assertEqual(recording.bad[:5], [])
+            self.assertGreater(recording.codes["+"], 3000)
 
     def test_an_end_that_has_more_to_say_than_there_is_room_for(self):
         for word in ("exit", "exit_process"):
-            self.record("troubles_windows.exe", word, 200000, code=5)
+            self.record("troubles_windows.exe", word, 200000, code=5, prefix=("--system-heap", "-o", "log"))
             recording = self.recording()
             self.assertEqual(recording.bad[:5], [])
             self.assertGreaterEqual(recording.codes["-"], 200000)

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iterator>
 #include <process.h>
 #include <string>
@@ -18,7 +19,7 @@ std::atomic<void*> place;
 
 // Blocks go from thread to thread: each is made by one and often released by another.
 void churn(std::atomic<void*>* blocks, std::size_t count, unsigned seed, long rounds) {
-    for (long i = 0; rounds == 0 || i < rounds; ++i) {
+    for (long i = 0; i < rounds; ++i) {
         seed = seed * 1664525 + 1013904223;
         std::free(blocks[seed / 65536 % count].exchange(std::malloc(seed % 300 + 1)));
     }
@@ -39,16 +40,35 @@ int exchange(unsigned threads, long rounds) {
     return 0;
 }
 
+// For ever, in a heap of its own without a lock: Wine 8 spins for ever at the end of a process if a thread is ended in
+// the instant in which it wakes another one, and threads of one heap do so all the time.
+void churn_alone(std::atomic<int>& working) {
+    void* blocks[64]{};
+    const HANDLE heap = HeapCreate(HEAP_NO_SERIALIZE, 0, 0);
+    for (unsigned i = 0, seed = 1;; ++i) {
+        seed = seed * 1664525 + 1013904223;
+        void*& block = blocks[seed / 65536 % std::size(blocks)];
+        if (block != nullptr)
+            HeapFree(heap, 0, block);
+        block = HeapAlloc(heap, 0, seed % 300 + 1);
+        if (i == 1000)
+            ++working;
+    }
+}
+
 // The process ends while the others are at work. A library goes on to allocate when they have been ended.
 int end_at_work(bool by_system, int at_the_end) {
-    static std::atomic<void*> blocks[64];
+    static std::atomic<int> working;
+    constexpr int threads = 3;
     if (at_the_end != 0) {
         const FARPROC function = GetProcAddress(LoadLibraryW(L"late_library.dll"), "allocate_at_end");
         reinterpret_cast<void (*)(int)>(reinterpret_cast<void*>(function))(at_the_end);
     }
-    for (unsigned i = 0; i < 3; ++i)
-        std::thread(churn, blocks, std::size(blocks), i, 0).detach();
-    Sleep(30);
+    for (int i = 0; i < threads; ++i)
+        std::thread(churn_alone, std::ref(working)).detach();
+    while (working < threads)
+        Sleep(1);
+    Sleep(10);
     if (by_system)
         ExitProcess(5);
     std::exit(5);
