@@ -1,10 +1,9 @@
 // The recorder's last lines: the logs, the losses with their reasons, and the command to type next.
 #include "messages.h"
-#include "recorder.h"
+#include "recorder_posix.h"
+#include "summary_texts.h"
 
 #include <algorithm>
-#include <cstring>
-#include <fstream>
 #include <unistd.h>
 
 namespace qor::record {
@@ -20,24 +19,6 @@ std::string quoted(const std::string& word) {
     for (const char c : word)
         result += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return result + '\'';
-}
-
-// "12, 13, 14"; of many the first ones.
-std::string list_of(const std::vector<std::int32_t>& processes) {
-    constexpr std::size_t most = 10;
-    std::string list;
-    for (std::size_t i = 0; i < std::min(processes.size(), most); ++i)
-        (list += i != 0 ? ", " : "") += std::to_string(processes[i]);
-    return processes.size() > most ? list + ", ..." : list;
-}
-
-// The number of lines in the framework's log; -1: the file is missing or empty.
-long lines_of_memcheck(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    long count = 0;
-    for (std::string line; std::getline(file, line);)
-        count += !line.empty() && std::strchr("AFT", line[0]) != nullptr ? 1 : 0;
-    return file.is_open() && count > 0 ? count : -1;
 }
 
 } // namespace

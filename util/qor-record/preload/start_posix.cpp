@@ -3,6 +3,7 @@
 #include "process.h"
 #include "raw_calls.h"
 #include "recording.h"
+#include "shared/offer_posix.h"
 
 #include <cstdlib>
 #include <cstring>

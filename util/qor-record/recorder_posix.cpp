@@ -1,8 +1,10 @@
-#include "recorder.h"
+#include "recorder_posix.h"
 
+#include "clocks.h"
 #include "control.h"
 #include "messages.h"
 #include "process_facts.h"
+#include "shared/offer_posix.h"
 #include "unix_socket.h"
 
 #include <algorithm>
@@ -41,7 +43,7 @@ std::string random_text(std::size_t size) {
 
 std::shared_ptr<arena_host> recorder::make_arena(const std::vector<code_range>& allocation_code) {
     std::shared_ptr<arena_host> made =
-        arena_host::make({m_options.depth, m_is_stopped, m_options.follows_children, allocation_code});
+        arena_host::make({m_options.depth, m_is_stopped, m_options.follows_children, false, allocation_code});
     if (made != nullptr && !m_options.follows_children && m_first_process != 0)
         made->shared().followed_process = m_first_process;
     return made;

@@ -5,7 +5,8 @@
 #include "control.h"
 #include "messages.h"
 #include "process_facts.h"
-#include "recorder.h"
+#include "recorder_posix.h"
+#include "shared/offer_posix.h"
 
 #include <cerrno>
 #include <csignal>

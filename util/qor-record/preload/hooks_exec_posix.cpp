@@ -6,6 +6,8 @@
 #include "process.h"
 #include "raw_calls.h"
 #include "recording.h"
+#include "shared/offer_posix.h"
+#include "shared/owner_posix.h"
 
 #include <cerrno>
 #include <cstdarg>

@@ -1,5 +1,6 @@
 #include "executed_programs.h"
 
+#include "clocks.h"
 #include "process_facts.h"
 
 #include <algorithm>

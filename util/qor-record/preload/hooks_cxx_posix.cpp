@@ -4,10 +4,10 @@
 #include "process.h"
 #include "recording.h"
 
+#include <cstdlib>
 #include <dlfcn.h>
 #include <elf.h>
 #include <link.h>
-#include <stdlib.h>
 
 namespace qor::record {
 

@@ -2,6 +2,7 @@
 
 #include "process.h"
 #include "raw_calls.h"
+#include "shared/owner_posix.h"
 
 #include <cerrno>
 #include <ctime>

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <dirent.h>
 #include <elf.h>
 #include <fcntl.h>
@@ -116,12 +115,6 @@ bool has_ended(std::int32_t process, int handle) {
 bool is_readable(int descriptor) {
     pollfd wanted{descriptor, POLLIN, 0};
     return ::poll(&wanted, 1, 0) > 0;
-}
-
-std::uint64_t steady_time() {
-    timespec time;
-    ::clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(time.tv_nsec);
 }
 
 } // namespace qor::record
