@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <io.h>
-#include <iterator>
 #include <windows.h>
 
 namespace {
@@ -68,6 +67,8 @@ wchar_t* append_lines(std::wstring_view text, wchar_t* to) noexcept {
 
 // Text that was typed, on its way from the console. A line comes in pieces if it is long.
 class typed_text {
+    static constexpr DWORD longest_read = 512;
+
 public:
     typed_text() noexcept = default;
     typed_text(const typed_text&) = delete;
@@ -81,7 +82,7 @@ public:
     bool read(HANDLE console, DWORD mode) noexcept {
         // By lines, the console gives at most one line. Otherwise it gives all that was typed, and what stands behind
         // the end of the line would be lost.
-        const DWORD most = (mode & ENABLE_LINE_INPUT) != 0 ? DWORD{std::size(m_units) - 1} : 1;
+        const DWORD most = (mode & ENABLE_LINE_INPUT) != 0 ? longest_read : 1;
         DWORD count = 0;
         do {
             SetLastError(ERROR_SUCCESS);
@@ -108,8 +109,8 @@ public:
     }
 
 private:
-    wchar_t m_units[513];
-    char m_bytes[3 * 513]; // a unit takes at most three
+    wchar_t m_units[longest_read + 1];
+    char m_bytes[3 * (longest_read + 1)]; // a unit takes at most three
     std::size_t m_kept = 0;
     std::size_t m_size = 0;
 };

@@ -11,6 +11,13 @@ namespace {
 using qor::user::account;
 using qor::user::account_reader;
 
+// Never destroyed, because other threads may still read it at the end of the process.
+const account& account_of_nobody() {
+    auto* const made = new account;
+    made->level = qorAuthLevel_none;
+    return *made;
+}
+
 constexpr char source[] = "qorcore/src/user/user_token";
 
 class user_token final : public qor::object<IQORUserToken> {
@@ -36,7 +43,7 @@ public:
 private:
     // After a failure, the next call tries again.
     const account& whole() noexcept {
-        static const account& unknown = *new account{.level = qorAuthLevel_none};
+        static const account& unknown = account_of_nobody();
         const std::lock_guard hold(m_lock);
         account found;
         if (m_read && !m_read(found))
