@@ -9,6 +9,7 @@ import pty
 import re
 import select
 import time
+import tty
 
 import listening
 from listening import TIMEOUT, Listening, trust, verifier
@@ -24,6 +25,9 @@ class Terminal:
         self.seen = b""
         self.child, self.terminal = pty.fork()
         if self.child == 0:
+            # Wine does so itself, but only when the program reads. What was typed before would get other line ends.
+            if listening.tool.for_windows:
+                tty.setraw(0)
             os.execvpe(command[0], command, environment)
 
     def text(self):
