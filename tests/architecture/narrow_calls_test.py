@@ -22,7 +22,7 @@ TREE = HERE.parent.parent
 PARTS = ("qorcore", "util", "examples")
 
 # What ends in a capital A after a small letter or a digit has a wide twin. A name in capitals, such as ZSTD_..., is none.
-ANSI = re.compile(r"[A-Z][A-Za-z0-9]*[a-z0-9]A")
+ANSI = re.compile(r"[A-Za-z][A-Za-z0-9]*[a-z0-9]A")
 
 # Functions that do not tell it by their names: those of sockets, files and the environment in the libraries of C and C++,
 # and the C++ library's texts for the system's errors.
