@@ -1,4 +1,5 @@
 // The order of output on both standard streams.
+#include "stream/terminal.h"
 #include "stream/text_output.h"
 
 #include <gtest/gtest.h>

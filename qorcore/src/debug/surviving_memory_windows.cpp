@@ -1,5 +1,6 @@
 #include "debug/surviving_memory.h"
 #include "platform/wide_windows.h"
+#include "qor/glue/own_rights_windows.h"
 
 #include <windows.h>
 
@@ -8,7 +9,11 @@ int qor::debug::surviving_memory::open(const std::string& path) noexcept {
     if (!platform::to_wide(path, wide))
         return ERROR_INVALID_NAME;
     constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    const HANDLE file = CreateFileW(wide.c_str(), GENERIC_READ | GENERIC_WRITE, share, nullptr, CREATE_NEW,
+    // Only the owner may read the file, because it contains trace lines.
+    glue::own_rights rights;
+    if (rights.get() == nullptr)
+        return static_cast<int>(GetLastError());
+    const HANDLE file = CreateFileW(wide.c_str(), GENERIC_READ | GENERIC_WRITE, share, rights.get(), CREATE_NEW,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE)
         return static_cast<int>(GetLastError());

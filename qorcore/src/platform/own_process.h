@@ -41,7 +41,7 @@ void set_environment(const char* variable, const char* value) noexcept;
 bool has_argument(const char* begin) noexcept;
 
 // Makes the standard streams safe for output: no file that is opened later may take the place of a stream that the
-// caller closed, and a console must read the output as UTF-8.
+// caller closed, and nothing stays in a buffer of standard error.
 void set_up_standard_streams() noexcept;
 
 // Registers three routines that run around every fork: in the parent before and after it, and in the child.

@@ -2,7 +2,6 @@
 #include "platform/wide_windows.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <new>
@@ -31,10 +30,6 @@ std::string& process_name() {
     static std::string* const name = new std::string(executable_name());
     return *name;
 }
-
-UINT console_before = 0;
-
-void restore_console() { SetConsoleOutputCP(console_before); }
 
 DWORD WINAPI thread_main(void* run) {
     reinterpret_cast<void (*)() noexcept>(run)();
@@ -114,19 +109,12 @@ bool qor::platform::has_argument(const char* begin) noexcept {
     return line.find(L' ' + wide) != std::wstring::npos || line.find(L'"' + wide) != std::wstring::npos;
 }
 
-// On Windows, no file can take the place of a closed stream, because handles are not numbered like descriptors. But a
-// console shows bytes in its code page, which is seldom UTF-8. The console belongs to the user, so its code page is
-// restored at exit.
+// On Windows, no file can take the place of a closed stream, because handles are not numbered like descriptors. But the
+// C library buffers standard error if it is redirected. A question or a warning would then appear only when the process
+// ends.
 void qor::platform::set_up_standard_streams() noexcept {
-    if (console_before != 0)
-        return;
-    // The C library buffers standard error if it is redirected. A question or a warning would then appear only when the
-    // process ends.
-    std::setvbuf(stderr, nullptr, _IONBF, 0);
-    console_before = GetConsoleOutputCP();
-    if (console_before == 0 || console_before == CP_UTF8 || !SetConsoleOutputCP(CP_UTF8))
-        return;
-    std::atexit(restore_console);
+    static const int done = std::setvbuf(stderr, nullptr, _IONBF, 0);
+    (void)done;
 }
 
 // Windows has no fork.

@@ -1,5 +1,6 @@
 // Strings: reading from and writing to C streams.
 #include "error/error.h"
+#include "stream/terminal.h"
 #include "stream/text_output.h"
 #include "string/string_data.h"
 
@@ -9,6 +10,8 @@
 
 namespace {
 
+using qor::stream::line_end;
+
 // A line may be a password, so no copy of it may stay in memory.
 void wipe(char* bytes, std::size_t size) noexcept {
     for (volatile char* at = bytes; size != 0; --size)
@@ -16,7 +19,7 @@ void wipe(char* bytes, std::size_t size) noexcept {
 }
 
 // Like Append, but wipes the old storage if the string moves.
-void append_secret(qorString& self, const char* bytes, uint32 size) noexcept {
+void append_secret(qorString& self, const char* bytes, unsigned size) noexcept {
     const uint64 total = uint64{self.m_data.length} + size;
     if (total >= self.m_data.alloc) {
         qorString grown;
@@ -26,6 +29,32 @@ void append_secret(qorString& self, const char* bytes, uint32 size) noexcept {
         self = static_cast<qorString&&>(grown);
     }
     qor::glue::qorString_Append(&self, bytes, size);
+}
+
+// Reads with the functions of the C library.
+line_end read_line(std::FILE* stream, qorString& line) noexcept {
+    char piece[512];
+    unsigned used = 0;
+    int byte;
+    while ((byte = std::getc(stream)) != '\n') {
+        if (byte == EOF) {
+            // A read that a signal handler interrupted is not the end of the stream: read again.
+            if (std::feof(stream) || !std::ferror(stream) || errno != EINTR)
+                break;
+            std::clearerr(stream);
+            continue;
+        }
+        if (used == sizeof piece) {
+            append_secret(line, piece, used);
+            used = 0;
+        }
+        piece[used++] = static_cast<char>(byte);
+    }
+    append_secret(line, piece, used);
+    wipe(piece, sizeof piece);
+    if (byte == '\n')
+        return line_end::newline;
+    return std::feof(stream) ? line_end::end_of_input : line_end::failed;
 }
 
 } // namespace
@@ -51,34 +80,16 @@ bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool new
 
 bool qor::glue::qorString_GetLine(qorString* self, std::FILE* stream) noexcept {
     self->Empty();
-    char piece[512];
-    uint32 used = 0;
-    bool any = false;
-    int byte;
-    while ((byte = std::getc(stream)) != '\n') {
-        if (byte == EOF) {
-            // A read that a signal handler interrupted is not the end of the stream: read again.
-            if (std::feof(stream) || !std::ferror(stream) || errno != EINTR)
-                break;
-            std::clearerr(stream);
-            continue;
-        }
-        any = true;
-        if (used == sizeof piece) {
-            append_secret(*self, piece, used);
-            used = 0;
-        }
-        piece[used++] = static_cast<char>(byte);
-    }
-    if (byte == EOF && !std::feof(stream)) {
+    line_end end = qor::stream::read_terminal_line(stream, *self, append_secret);
+    if (end == line_end::use_stream)
+        end = read_line(stream, *self);
+    if (end == line_end::failed) {
         qor::error::set_with_reason(qorError_cannot_read_file, "stream", qor::error::stream_failure());
-        wipe(piece, sizeof piece);
+        wipe(self->m_data.text, self->m_data.length);
         self->Empty();
         return false;
     }
-    append_secret(*self, piece, used);
-    wipe(piece, sizeof piece);
-    if (byte == '\n' && self->m_data.length != 0 && self->m_data.text[self->m_data.length - 1] == '\r')
+    if (end == line_end::newline && self->m_data.length != 0 && self->m_data.text[self->m_data.length - 1] == '\r')
         qorString_Remove(self, self->m_data.length - 1, 1);
-    return any || byte == '\n';
+    return end == line_end::newline || !self->IsEmpty();
 }

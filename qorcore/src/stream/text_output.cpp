@@ -1,6 +1,7 @@
 #include "stream/text_output.h"
 
 #include "qor/qor.h"
+#include "stream/terminal.h"
 #include "string/unicode.h"
 
 #include <algorithm>
@@ -49,7 +50,8 @@ void divide(std::string_view text, ADD add) {
     }
 }
 
-// The system call costs as much as checking some hundred bytes, so a short text is checked first.
+// The system call costs as much as checking some hundred bytes, so a short text is checked first. If it is plain, it
+// means the same in every encoding that a terminal may have.
 bool is_for_eyes(std::FILE* stream, std::string_view text) noexcept {
     constexpr std::size_t short_text = 512;
     return (text.size() > short_text || !is_plain(text)) && qor::stream::is_terminal(stream);
@@ -81,7 +83,7 @@ std::string_view qor::stream::visible(std::string_view text, string::working_mem
 bool qor::stream::write_this_text_only(std::FILE* stream, std::string_view text) noexcept {
     string::working_memory memory;
     if (is_for_eyes(stream, text))
-        text = visible(text, memory);
+        return write_to_terminal(stream, visible(text, memory));
     return std::fwrite(text.data(), 1, text.size(), stream) == text.size();
 }
 

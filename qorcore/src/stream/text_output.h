@@ -25,7 +25,6 @@ bool write_text(std::FILE* stream, std::string_view text) noexcept;
 bool write_this_text_only(std::FILE* stream, std::string_view text) noexcept;
 
 // ---- implemented for each system
-bool is_terminal(std::FILE* stream) noexcept;
 void flush_standard_output() noexcept;
 
 } // namespace qor::stream

@@ -3,13 +3,6 @@
 #include "error/error.h"
 
 #include <stdio_ext.h>
-#include <unistd.h>
-
-bool qor::stream::is_terminal(std::FILE* stream) noexcept {
-    const error::keep_failures keep;
-    const int file = fileno(stream);
-    return file >= 0 && isatty(file) != 0;
-}
 
 void qor::stream::flush_standard_output() noexcept {
     const error::keep_failures keep;

@@ -1,5 +1,7 @@
 #include "output_file.h"
 
+#include "qor/qor.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <windows.h>
@@ -43,6 +45,9 @@ int output_file::use_standard_output() {
 }
 
 int output_file::write_out(std::string_view text) {
+    DWORD mode;
+    if (m_path.empty() && GetConsoleMode(handle_of(m_file), &mode))
+        return fputtext(stdout, text.data(), text.size()) && std::fflush(stdout) == 0 ? 0 : last_error();
     while (!text.empty()) {
         constexpr std::size_t most = 1U << 20;
         DWORD count = 0;
