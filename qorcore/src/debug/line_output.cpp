@@ -359,7 +359,7 @@ void qor::debug::line_output::flush_periodically() noexcept {
 }
 
 void qor::debug::line_output::finish() noexcept {
-    const auto hold = qor::platform::lock_at_exit(shared().lock);
+    const std::lock_guard hold(shared().lock);
     for (line_output* each = shared().first; each != nullptr; each = each->m_next) {
         each->write_each_line();
         each->report_loss(true);

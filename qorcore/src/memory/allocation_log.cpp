@@ -1,6 +1,7 @@
 #include "memory/allocation_log.h"
 
 #include "error/error.h"
+#include "platform/end_of_process.h"
 #include "platform/own_process.h"
 
 #include <charconv>
@@ -87,6 +88,9 @@ void qor::memory::allocation_log::named(const void* address, const char* type_na
 
 void qor::memory::allocation_log::finish() {
     m_finishing = true;
+    // A thread that was ended while it wrote may have written lines that it did not count. They are written once more.
+    if (is_open() && platform::other_threads_are_gone())
+        m_file.cut(m_written);
     flush();
 }
 

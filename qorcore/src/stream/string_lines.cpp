@@ -4,7 +4,6 @@
 #include "string/string_data.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -30,7 +29,7 @@ void append_secret(qorString& self, const char* bytes, uint32 size) noexcept {
 
 } // namespace
 
-bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool newline) noexcept {
+bool qor::glue::qorString_Put_sink(const qorString* self, IQORStreamSink* sink, bool newline) noexcept {
     // Writes the whole line in one call. With two calls, output of another thread could split the line, and an
     // unbuffered stream would write it in two parts.
     qor::string::working_memory memory;
@@ -43,42 +42,40 @@ bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool new
         text = line;
         ++length;
     }
-    if (qor::stream::write_text(stream, {text, length}))
+    if (qor::stream::write_text(*sink, {text, length}))
         return true;
-    qor::error::set_with_reason(qorError_cannot_write_file, "stream", qor::error::stream_failure());
+    qor::error::set_with_reason(qorError_cannot_write_file, "stream", sink->GetFailure());
     return false;
 }
 
-bool qor::glue::qorString_GetLine(qorString* self, std::FILE* stream) noexcept {
+bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool newline) noexcept {
+    return self->Put(stream, newline);
+}
+
+bool qor::glue::qorString_GetLine_source(qorString* self, IQORStreamSource* source) noexcept {
     self->Empty();
     char piece[512];
     uint32 used = 0;
+    bool is_read;
     bool any = false;
-    int byte;
-    while ((byte = std::getc(stream)) != '\n') {
-        if (byte == EOF) {
-            // A read that a signal handler interrupted is not the end of the stream: read again.
-            if (std::feof(stream) || !std::ferror(stream) || errno != EINTR)
-                break;
-            std::clearerr(stream);
-            continue;
-        }
-        any = true;
-        if (used == sizeof piece) {
-            append_secret(*self, piece, used);
-            used = 0;
-        }
-        piece[used++] = static_cast<char>(byte);
-    }
-    if (byte == EOF && !std::feof(stream)) {
-        qor::error::set_with_reason(qorError_cannot_read_file, "stream", qor::error::stream_failure());
-        wipe(piece, sizeof piece);
+    bool is_whole = false;
+    do {
+        is_read = source->ReadLine(piece, sizeof piece, &used);
+        any = any || used != 0;
+        is_whole = used != 0 && piece[used - 1] == '\n';
+        append_secret(*self, piece, is_whole ? used - 1 : used);
+    } while (is_read && used == sizeof piece && !is_whole);
+    if (!is_read)
+        qor::error::set_with_reason(qorError_cannot_read_file, "stream", source->GetFailure());
+    wipe(piece, sizeof piece);
+    if (!is_read) {
+        wipe(self->m_data.text, self->m_data.length);
         self->Empty();
         return false;
     }
-    append_secret(*self, piece, used);
-    wipe(piece, sizeof piece);
-    if (byte == '\n' && self->m_data.length != 0 && self->m_data.text[self->m_data.length - 1] == '\r')
+    if (is_whole && self->m_data.length != 0 && self->m_data.text[self->m_data.length - 1] == '\r')
         qorString_Remove(self, self->m_data.length - 1, 1);
-    return any || byte == '\n';
+    return any;
 }
+
+bool qor::glue::qorString_GetLine(qorString* self, std::FILE* stream) noexcept { return self->GetLine(stream); }

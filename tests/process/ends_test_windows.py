@@ -1,0 +1,113 @@
+#!/usr/bin/env python3
+"""Ends processes whose threads trace, allocate, log, listen and use timers, in each way in which a process ends, and
+expects that none of them hangs, that the operations of the framework still work at the end, and that trace, log and
+allocation log consist of whole lines.
+
+    ends_test_windows.py --driver PATH --library PATH --runner WORD
+
+QOR_TEST_WHOLE=1 ends 200 processes.
+
+Wine itself sometimes hangs when it ends the threads of a process, because it has killed one inside of a lock of its
+own. Then none of the process's libraries has been called yet: its notes are empty. At most one of 50 may end so.
+"""
+
+import argparse
+import collections
+import concurrent.futures
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+WAYS = ("return", "exit", "thread", "interrupt")
+ENDS = 200 if os.environ.get("QOR_TEST_WHOLE") == "1" else 40
+AT_ONCE = 6
+LIMIT = 60  # seconds, against hanging
+CODE = 7
+STEPS = ["the end", "traced", "allocated", "logged", "a thread that is gone", "a lock that it held", "no new thread",
+         "listener closed", "timer cancelled", "server closed", "signals released", "done"]
+# Wine ends a process with 0 at Ctrl-C; of Windows' code, 0xc000013a, the system here would keep the last byte.
+INTERRUPTED = (0, 0x3a)
+LINE = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z \d+:\d+ \S.*")
+RECORD = re.compile(r"#.*|[AF] [0-9a-f]+ .*|T [0-9a-f]+ \S+")
+
+options = None
+
+
+def windows_path(path):
+    return "Z:" + str(path).replace("/", "\\")
+
+
+class Ends(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="qor.")
+        self.addCleanup(folder.cleanup)
+        self.root = Path(folder.name)
+
+    def end(self, number):
+        """Ends one process. Returns its way, its exit code (None: it hangs) and its folder."""
+        way = WAYS[number % len(WAYS)]
+        folder = self.root / str(number)
+        folder.mkdir()
+        files = [windows_path(folder / name) for name in ("trace", "log")]
+        command = [options.runner, options.driver, way, str(number * 7 % 160), *files,
+                   windows_path(options.library), windows_path(folder / "notes")]
+        if way == "interrupt":
+            command = [sys.executable, Path(__file__).resolve().parent.parent / "support/in_terminal.py", *command]
+        environment = {name: value for name, value in os.environ.items() if not name.startswith("QOR_MEM")}
+        if number // len(WAYS) % 2 == 0:
+            environment["QOR_MEMCHECK"] = windows_path(folder / "memory")
+        with open(folder / "output", "wb") as output:
+            process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+                                       start_new_session=True)
+            try:
+                return way, process.wait(LIMIT), folder
+            except subprocess.TimeoutExpired:
+                os.killpg(process.pid, 9)
+                process.wait()
+                return way, None, folder
+
+    def check_lines(self, path, pattern):
+        text = path.read_bytes()
+        self.assertTrue(text == b"" or text.endswith(b"\n"), (path.name, text[-200:]))
+        for line in text.decode().splitlines():
+            self.assertTrue(pattern.fullmatch(line), (path.name, line))
+
+    def check(self, way, code, folder):
+        output = (folder / "output").read_text(errors="replace")
+        notes = (folder / "notes").read_text().splitlines() if (folder / "notes").exists() else []
+        self.assertEqual(notes, STEPS, (way, code, output))
+        self.assertIn(code, INTERRUPTED if way == "interrupt" else (CODE,), output)
+        self.assertEqual(output, "")
+        files = {file.name for file in folder.iterdir()}
+        self.assertEqual(files - {"memory"}, {"trace", "log", "notes", "output"})
+        for name in ("trace", "log"):
+            self.check_lines(folder / name, LINE)
+        self.assertIn(" end.late from the end\n", (folder / "trace").read_text())
+        self.assertIn(": from the end\n", (folder / "log").read_text())
+        if "memory" in files:
+            self.check_lines(folder / "memory", RECORD)
+
+    def test_no_process_hangs(self):
+        of_wine = []
+        with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
+            for way, code, folder in pool.map(self.end, range(ENDS)):
+                if code is None and (folder / "notes").exists() and (folder / "notes").read_bytes() == b"":
+                    of_wine.append(way)
+                    continue
+                with self.subTest(way=way, process=folder.name):
+                    self.check(way, code, folder)
+        print(f"{ENDS} ends of a process; {len(of_wine)} hung in Wine itself: {collections.Counter(of_wine)}")
+        self.assertLessEqual(len(of_wine), max(1, ENDS // 50))
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--driver", type=Path, required=True)
+    parser.add_argument("--library", type=Path, required=True)
+    parser.add_argument("--runner", required=True)
+    options = parser.parse_args()
+    unittest.main(argv=sys.argv[:1], verbosity=2)
