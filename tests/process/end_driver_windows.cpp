@@ -71,7 +71,7 @@ int wmain(int argc, wchar_t** argv) {
     qorStringArray words;
     words.Append("end_driver");
     if (!qorInitProcess("end_driver", words, 0) || !qorDebugAttachFile(qor::glue::to_utf8(argv[3]).c_str()) ||
-        !qorSetLogTarget(qor::glue::to_utf8(argv[4]).c_str()) || !qorDebugEnableCode("end", true)) {
+        !qorSetLogTarget(qor::glue::to_utf8(argv[4]).c_str()) || !qorDebugEnableCode("end*", true)) {
         fputerr(stderr, true);
         return 3;
     }
@@ -95,4 +95,5 @@ int wmain(int argc, wchar_t** argv) {
     else
         GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0);
     Sleep(INFINITE);
+    return code_at_end;
 }

@@ -83,6 +83,10 @@ class Ends(unittest.TestCase):
         self.assertIn(code, INTERRUPTED if way == "interrupt" else (CODE,), output)
         self.assertEqual(output, "")
         files = {file.name for file in folder.iterdir()}
+        # The file for the lines of a flood, which a thread was just making.
+        for name in [name for name in files if re.fullmatch(r"(trace|log)\.\d+\.rest", name)]:
+            self.assertEqual((folder / name).read_bytes().strip(b"\0"), b"", name)
+            files.remove(name)
         self.assertEqual(files - {"memory"}, {"trace", "log", "notes", "output"})
         for name in ("trace", "log"):
             self.check_lines(folder / name, LINE)

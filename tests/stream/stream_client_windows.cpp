@@ -29,6 +29,7 @@ int print() {
     fixed_fprintf(stdout, "%s %d %lld %.3f\n", "formatted", -1, 1LL << 40, 0.5);
     fputmsg(stdout, "qorcore", 1000, "first", "second");
     fputmsg(stdout, "qorcore", 1000, false);
+    fputtext(stdout, "\n", 1);
     fputmsg(stdout, "no catalog", 7, "insert");
     qorSetLastError(qorError_no_such_user, "somebody");
     fputerr(stdout, true);
@@ -77,6 +78,10 @@ int fail(const char* path) {
 } // namespace
 
 int main(int argc, char** argv) {
+    qorStringArray words;
+    words.Append("stream_client");
+    if (!qorInitProcess("stream_client", words, 0))
+        return 4;
     const char* const what = argc > 1 ? argv[1] : "";
     if (std::strcmp(what, "echo") == 0)
         return echo();

@@ -15,7 +15,7 @@ class IQORStreamSink : public IQORDataSink {
 public:
     // The terminal behind the stream: its descriptor, or the handle of a console. -1: there is none.
     virtual int64 GetTerminal() noexcept = 0;
-    // Writes out what the stream has in its buffer.
+    // Writes out what the stream has in its buffer; for standard error, that of standard output first.
     virtual bool Flush() noexcept = 0;
     // Between these two, other threads wait with what they do to the stream.
     virtual void Lock() noexcept = 0;
@@ -76,11 +76,19 @@ public:
     explicit stream_sink(std::FILE* stream) noexcept : c_stream(stream) {}
 
     bool Write(const void* bytes, uint32 size) noexcept override {
-        if (m_stream == stderr)
-            flush_standard_output();
+        keep_order();
         return std::fwrite(bytes, 1, size, m_stream) == size;
     }
-    bool Flush() noexcept override { return std::fflush(m_stream) == 0; }
+    bool Flush() noexcept override {
+        keep_order();
+        return std::fflush(m_stream) == 0;
+    }
+
+private:
+    void keep_order() noexcept {
+        if (m_stream == stderr)
+            flush_standard_output();
+    }
 };
 
 // Gives lines. No copy of them stays here: they may be passwords.

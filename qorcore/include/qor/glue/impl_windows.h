@@ -190,6 +190,10 @@ inline void flush_standard_output() noexcept {
     SetLastError(systems_before);
 }
 
+// The C library buffers standard error if it is redirected. A question or a warning would then appear only when the
+// process ends.
+inline void set_up_standard_error() noexcept { std::setvbuf(stderr, nullptr, _IONBF, 0); }
+
 inline void lock_stream(std::FILE* stream) noexcept { _lock_file(stream); }
 inline void unlock_stream(std::FILE* stream) noexcept { _unlock_file(stream); }
 

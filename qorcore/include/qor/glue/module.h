@@ -55,7 +55,8 @@ using module_point = const module_table*(const binding_table* table) noexcept;
     QOR_MODULE_TABLE(NAME, qor::glue::framework_version, CREATE_OBJECT, START)
 
 #define QOR_MODULE_TABLE(NAME, VERSION, CREATE_OBJECT, START, ...)                                                     \
-    QOR_IN_SECTION(QOR_MODULE_SECTION) static constinit const auto qor_module_description =                                         \
+    QOR_IN_SECTION(QOR_MODULE_SECTION)                                                                                 \
+    static constinit const auto qor_module_description =                                                               \
         qor::glue::describe_module(NAME, VERSION, qor::glue::framework_version __VA_OPT__(, ) __VA_ARGS__);            \
     static constinit const qor::glue::module_table qor_module_table = {&qor_module_description.head, CREATE_OBJECT,    \
                                                                        START};                                         \

@@ -12,6 +12,7 @@
 // pass 0. Returns false on failure; the process should then report the last error and end. Call it once, before other
 // threads use the framework.
 inline bool qorInitProcess(const char* name, qorStringArray& args, unsigned flags) noexcept {
+    qor::glue::set_up_standard_error();
     return qor::glue::qorInitProcess(name, args, flags);
 }
 
