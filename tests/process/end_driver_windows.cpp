@@ -38,8 +38,8 @@ void write_log() { qorSendLogText(qorLogLevel::info, "entry"); }
 
 void listen_for_a_moment() {
     qorIPPortListener listener;
-    if (!listener.Begin({.address = "127.0.0.1"}, [](IQORIPConnection&) {}))
-        Sleep(1);
+    (void)listener.Begin({.address = "127.0.0.1"}, [](IQORIPConnection&) {});
+    Sleep(2); // a thread that is ended while it makes a socket can take Wine down with it
 }
 
 void set_up_a_timer() {
