@@ -62,9 +62,6 @@ public:
         return failure == 0;
     }
     int64 GetTerminal() noexcept override { return terminal; }
-    bool Flush() noexcept override { return true; }
-    void Lock() noexcept override {}
-    void Unlock() noexcept override {}
     int32 GetFailure() noexcept override { return failure; }
 
     int writes = 0;
@@ -87,9 +84,6 @@ public:
         m_bytes.erase(0, *count);
         return *count != 0 || failure == 0;
     }
-    int64 GetTerminal() noexcept override { return -1; }
-    void Lock() noexcept override {}
-    void Unlock() noexcept override {}
     int32 GetFailure() noexcept override { return failure; }
 
     int32 failure = 0;

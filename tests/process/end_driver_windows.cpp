@@ -18,6 +18,8 @@ namespace {
 
 constexpr int code_at_end = 7;
 
+void (*s_note)() noexcept = nullptr;
+
 // Until the process ends.
 template <class WORK>
 void keep_doing(WORK work) {
@@ -57,7 +59,8 @@ bool begin_late_library(const wchar_t* path, const wchar_t* notes, bool with_sig
         return false;
     using function = bool(const wchar_t* notes, bool with_signals);
     auto* const begin = reinterpret_cast<function*>(reinterpret_cast<void*>(GetProcAddress(library, "begin")));
-    return begin != nullptr && begin(notes, with_signals);
+    s_note = reinterpret_cast<void (*)() noexcept>(reinterpret_cast<void*>(GetProcAddress(library, "note_of_program")));
+    return begin != nullptr && s_note != nullptr && begin(notes, with_signals);
 }
 
 } // namespace
@@ -67,6 +70,11 @@ int wmain(int argc, wchar_t** argv) {
         std::fputs("end_driver WAY DELAY TRACE LOG LIBRARY NOTES\n", stderr);
         return 2;
     }
+    // The first one is called last.
+    std::atexit([] {
+        if (s_note != nullptr)
+            s_note();
+    });
     const std::wstring way = argv[1];
     qorStringArray words;
     words.Append("end_driver");

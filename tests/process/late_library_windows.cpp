@@ -1,6 +1,6 @@
 // A client that is a library, loaded after libqor. So its static object is destroyed before libqor's exit handlers run,
 // when all other threads of the process are gone, in the middle of whatever they did. Each step of the destructor is
-// noted in a file: the last one says where it hangs.
+// noted in a file: the last one says where it hangs. The program notes that its own exit handlers are done.
 #include "qor/qor.h"
 
 #include <cstring>
@@ -93,6 +93,8 @@ struct late_objects {
 };
 
 } // namespace
+
+extern "C" __declspec(dllexport) void note_of_program() noexcept { note("the program's exit handlers are done"); }
 
 extern "C" __declspec(dllexport) bool begin(const wchar_t* notes, bool with_signals) {
     s_notes = CreateFileW(notes, GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, 0, nullptr);

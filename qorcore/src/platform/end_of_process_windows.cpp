@@ -1,7 +1,7 @@
 // The linker leads the calls of the thread library and of the C++ run-time here (qorcore/CMakeLists.txt), those of the
 // run-time itself included. So at the end of a process no lock is waited for, whether it is a mutex of ours, that of a
-// static variable which a thread was making, or one inside the thread library. The system does the same for its own
-// critical sections.
+// static variable which a thread was making, or one inside the thread library. Critical sections of the system need no
+// such care: Windows ends the process when it meets one that a thread which is gone has held, and Wine lets it through.
 #include "platform/end_of_process.h"
 
 #include <cerrno>

@@ -63,7 +63,7 @@ public:
     bool Write(const void* bytes, uint32 size) noexcept override {
         return std::fwrite(bytes, 1, size, m_stream) == size;
     }
-    bool Flush() noexcept override { return std::fflush(m_stream) == 0; }
+    int64 GetTerminal() noexcept override { return qor::glue::stream_terminal(m_stream); }
 };
 
 } // namespace

@@ -15,11 +15,6 @@ class IQORStreamSink : public IQORDataSink {
 public:
     // The terminal behind the stream: its descriptor, or the handle of a console. -1: there is none.
     virtual int64 GetTerminal() noexcept = 0;
-    // Writes out what the stream has in its buffer; for standard error, that of standard output first.
-    virtual bool Flush() noexcept = 0;
-    // Between these two, other threads wait with what they do to the stream.
-    virtual void Lock() noexcept = 0;
-    virtual void Unlock() noexcept = 0;
     // The system's code for the operation of the stream that has failed last on this thread.
     virtual int32 GetFailure() noexcept = 0;
 
@@ -33,10 +28,7 @@ public:
     // Reads up to `size` bytes, and stops behind a newline. *count is less otherwise only at the end, or on a failure,
     // which returns false.
     [[nodiscard]] virtual bool ReadLine(char* bytes, uint32 size, uint32* count) noexcept = 0;
-    // Like those of IQORStreamSink.
-    virtual int64 GetTerminal() noexcept = 0;
-    virtual void Lock() noexcept = 0;
-    virtual void Unlock() noexcept = 0;
+    // Like that of IQORStreamSink.
     virtual int32 GetFailure() noexcept = 0;
 
 protected:
@@ -57,9 +49,6 @@ public:
         *out = static_cast<OFFERED*>(this);
         return 1;
     }
-    int64 GetTerminal() noexcept override { return stream_terminal(m_stream); }
-    void Lock() noexcept override { lock_stream(m_stream); }
-    void Unlock() noexcept override { unlock_stream(m_stream); }
     int32 GetFailure() noexcept override { return stream_failure(); }
 
 protected:
@@ -76,19 +65,11 @@ public:
     explicit stream_sink(std::FILE* stream) noexcept : c_stream(stream) {}
 
     bool Write(const void* bytes, uint32 size) noexcept override {
-        keep_order();
-        return std::fwrite(bytes, 1, size, m_stream) == size;
-    }
-    bool Flush() noexcept override {
-        keep_order();
-        return std::fflush(m_stream) == 0;
-    }
-
-private:
-    void keep_order() noexcept {
         if (m_stream == stderr)
             flush_standard_output();
+        return std::fwrite(bytes, 1, size, m_stream) == size;
     }
+    int64 GetTerminal() noexcept override { return stream_terminal(m_stream); }
 };
 
 // Gives lines. No copy of them stays here: they may be passwords.

@@ -153,8 +153,6 @@ inline void flush_standard_output() noexcept {
 // It has no buffer here.
 inline void set_up_standard_error() noexcept {}
 
-inline void lock_stream(std::FILE* stream) noexcept { flockfile(stream); }
-inline void unlock_stream(std::FILE* stream) noexcept { funlockfile(stream); }
 inline int32 stream_failure() noexcept { return errno; }
 
 // A recursive mutex.

@@ -194,9 +194,6 @@ inline void flush_standard_output() noexcept {
 // process ends.
 inline void set_up_standard_error() noexcept { std::setvbuf(stderr, nullptr, _IONBF, 0); }
 
-inline void lock_stream(std::FILE* stream) noexcept { _lock_file(stream); }
-inline void unlock_stream(std::FILE* stream) noexcept { _unlock_file(stream); }
-
 // The C library stores the system's error code in _doserrno, unless it detected the fault itself: then the stream was
 // opened in another mode, or is closed.
 inline int32 stream_failure() noexcept {
