@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -279,7 +280,7 @@ bool qor::debug::line_output::write_to_file(std::string_view text) noexcept {
 // A thread that was ended while it wrote may have left a part of a line.
 void qor::debug::line_output::look_for_torn_line() noexcept {
     raw_file written;
-    uint64 size = 0;
+    std::uint64_t size = 0;
     char last = '\n';
     std::size_t count = 0;
     if (std::exchange(m_is_at_end, true) || m_name.empty() ||
