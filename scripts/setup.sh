@@ -39,7 +39,7 @@ needs_windows=("cmake=cmake" "ninja-build=ninja" "libboost1.81-dev=/usr/include/
     "libz-mingw-w64-dev=/usr/x86_64-w64-mingw32/include/zlib.h" "gzip=gzip" "zstd=zstd"
     "wine64=/usr/lib/wine/wine64" "googletest=/usr/src/googletest/CMakeLists.txt" "python3=python3" "libc-devtools=mtrace"
     "openssl=openssl" "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py"
-    "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer" "libtomlplusplus-dev=/usr/include/toml++/toml.h"
+    "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer" "clang-16=clang++-16" "libtomlplusplus-dev=/usr/include/toml++/toml.h"
     "golang-github-burntsushi-toml-dev=/usr/share/gocode/src/github.com/BurntSushi/toml/internal/toml-test")
 
 say() { printf '%s\n' "$@" >&2; }

@@ -1,4 +1,6 @@
 #include "platform/own_process.h"
+
+#include "platform/end_of_process.h"
 #include "platform/wide_windows.h"
 
 #include <cstdio>
@@ -121,28 +123,11 @@ void qor::platform::set_up_standard_streams() noexcept {
 void qor::platform::watch_forks(void (*)() noexcept, void (*)() noexcept, void (*)() noexcept) noexcept {}
 
 int qor::platform::start_thread(void (*run)() noexcept) noexcept {
+    if (platform::other_threads_are_gone())
+        return ERROR_SHUTDOWN_IN_PROGRESS; // the thread would not get to run
     const HANDLE thread = CreateThread(nullptr, 0, thread_main, reinterpret_cast<void*>(run), 0, nullptr);
     if (thread == nullptr)
         return static_cast<int>(GetLastError());
     CloseHandle(thread);
     return 0;
-}
-
-bool qor::platform::other_threads_are_gone() noexcept {
-    // Every process has this library, so it need not be loaded, which no process may do at its end.
-    using function = BOOLEAN NTAPI();
-    static function* const is_shutting_down = reinterpret_cast<function*>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
-    return is_shutting_down != nullptr && is_shutting_down();
-}
-
-std::unique_lock<std::mutex> qor::platform::lock_at_exit(std::mutex& lock) noexcept {
-    std::unique_lock hold(lock, std::defer_lock);
-    if (!other_threads_are_gone())
-        hold.lock();
-    else if (!hold.try_lock()) {
-        new (&lock) std::mutex; // without the old one's destructor, which refuses a locked mutex
-        hold.lock();
-    }
-    return hold;
 }

@@ -1,20 +1,13 @@
 #include "stream/terminal.h"
 
-#include "error/error.h"
+#include "stream/text_output.h"
 
-#include <unistd.h>
-
-bool qor::stream::is_terminal(std::FILE* stream) noexcept {
-    const error::keep_failures keep;
-    const int file = fileno(stream);
-    return file >= 0 && isatty(file) != 0;
+bool qor::stream::write_to_terminal(IQORStreamSink& sink, int64, std::string_view text, int& failure) noexcept {
+    return write_bytes(sink, text, failure);
 }
 
-bool qor::stream::write_to_terminal(std::FILE* stream, std::string_view text) noexcept {
-    return std::fwrite(text.data(), 1, text.size(), stream) == text.size();
-}
-
-qor::stream::line_end qor::stream::read_terminal_line(std::FILE*, qorString&,
-                                                      void (*)(qorString&, const char*, unsigned) noexcept) noexcept {
+qor::stream::line_end qor::stream::read_terminal_line(IQORStreamSource&, qorString&,
+                                                      void (*)(qorString&, const char*, uint32) noexcept,
+                                                      int&) noexcept {
     return line_end::use_stream;
 }

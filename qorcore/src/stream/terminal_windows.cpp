@@ -1,34 +1,26 @@
 #include "stream/terminal.h"
 
-#include "error/error.h"
+#include "stream/text_output.h"
 #include "string/working_memory.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <io.h>
 #include <windows.h>
 
 namespace {
 
 constexpr wchar_t control_z = L'\x1a';
 
-// Returns the handle of a console behind the stream, or null.
-HANDLE console_of(std::FILE* stream, DWORD& mode) noexcept {
-    const int file = _fileno(stream);
-    const HANDLE handle = file >= 0 ? reinterpret_cast<HANDLE>(_get_osfhandle(file)) : INVALID_HANDLE_VALUE;
-    return GetConsoleMode(handle, &mode) != 0 ? handle : nullptr;
-}
-
 // While it lives, other threads wait with what they do to the stream.
+template <class STREAM>
 class stream_lock {
 public:
-    explicit stream_lock(std::FILE* stream) noexcept : m_stream(stream) { _lock_file(m_stream); }
+    explicit stream_lock(STREAM& stream) noexcept : m_stream(stream) { m_stream.Lock(); }
     stream_lock(const stream_lock&) = delete;
     stream_lock& operator=(const stream_lock&) = delete;
-    ~stream_lock() { _unlock_file(m_stream); }
+    ~stream_lock() { m_stream.Unlock(); }
 
 private:
-    std::FILE* m_stream;
+    STREAM& m_stream;
 };
 
 // Older consoles take at most 64 KiB in one call.
@@ -117,44 +109,42 @@ private:
 
 } // namespace
 
-bool qor::stream::is_terminal(std::FILE* stream) noexcept {
-    const error::keep_failures keep;
-    DWORD mode;
-    return console_of(stream, mode) != nullptr;
-}
-
-bool qor::stream::write_to_terminal(std::FILE* stream, std::string_view text) noexcept {
+bool qor::stream::write_to_terminal(IQORStreamSink& sink, int64 terminal, std::string_view text,
+                                    int& failure) noexcept {
+    const auto console = reinterpret_cast<HANDLE>(terminal);
+    if (DWORD mode; !GetConsoleMode(console, &mode))
+        return write_bytes(sink, text, failure); // some other terminal of the client's
     // A unit for each byte, and twice as many for lines.
     string::working_memory memory;
     const std::size_t room = std::min(text.size(), longest_piece);
     auto* const units = reinterpret_cast<wchar_t*>(memory.get(3 * room * sizeof(wchar_t)));
     wchar_t* const lines = units + room;
-    const stream_lock hold(stream);
-    if (std::fflush(stream) != 0)
+    const stream_lock hold(sink);
+    if (!sink.Flush()) {
+        failure = sink.GetFailure();
         return false;
-    DWORD mode;
-    const HANDLE console = console_of(stream, mode);
+    }
     while (!text.empty()) {
         const std::string_view piece = take_piece(text);
         const int length = MultiByteToWideChar(CP_UTF8, 0, piece.data(), static_cast<int>(piece.size()), units,
                                                static_cast<int>(room));
         const wchar_t* const end = append_lines({units, static_cast<std::size_t>(length)}, lines);
         if (!write_wide(console, {lines, end})) {
-            _doserrno = GetLastError();
+            failure = static_cast<int>(GetLastError());
             return false;
         }
     }
     return true;
 }
 
-qor::stream::line_end qor::stream::read_terminal_line(std::FILE* stream, qorString& line,
+qor::stream::line_end qor::stream::read_terminal_line(IQORStreamSource& source, qorString& line,
                                                       void (*append)(qorString& line, const char* bytes,
-                                                                     unsigned size) noexcept) noexcept {
-    const stream_lock hold(stream);
+                                                                     uint32 size) noexcept,
+                                                      int& failure) noexcept {
+    const stream_lock hold(source);
+    const auto console = reinterpret_cast<HANDLE>(source.GetTerminal());
     DWORD mode;
-    const HANDLE console = console_of(stream, mode);
-    // What the C library has read already comes first.
-    if (console == nullptr || stream->_cnt > 0)
+    if (console == INVALID_HANDLE_VALUE || !GetConsoleMode(console, &mode))
         return line_end::use_stream;
     typed_text text;
     // What stands behind Ctrl-Z on its line is not used.
@@ -165,14 +155,12 @@ qor::stream::line_end qor::stream::read_terminal_line(std::FILE* stream, qorStri
         const std::size_t end = std::min({units.find(control_z), newline, units.size()});
         if (!has_ended) {
             const std::string_view bytes = text.bytes(end);
-            append(line, bytes.data(), static_cast<unsigned>(bytes.size()));
+            append(line, bytes.data(), static_cast<uint32>(bytes.size()));
         }
         has_ended = has_ended || (end < units.size() && units[end] == control_z);
         if (newline != units.npos)
             return has_ended ? line_end::end_of_input : line_end::newline;
     }
-    if (GetLastError() == ERROR_SUCCESS)
-        return line_end::end_of_input;
-    _doserrno = GetLastError();
-    return line_end::failed;
+    failure = static_cast<int>(GetLastError());
+    return failure == 0 ? line_end::end_of_input : line_end::failed;
 }
