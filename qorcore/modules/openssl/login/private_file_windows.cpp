@@ -3,6 +3,7 @@
 
 #include "common/system_reason.h"
 #include "qor/glue/own_rights_windows.h"
+#include "qor/glue/wide_path_windows.h"
 #include "support/primitives.h"
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 namespace {
 
 using qor::control::private_file_fault;
+using qor::glue::wide_path;
 
 constexpr DWORD all_shares = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr DWORD reading_rights = FILE_READ_DATA | GENERIC_READ | GENERIC_ALL;
@@ -54,13 +56,6 @@ bool failed(std::string& reason, DWORD code = GetLastError()) {
 bool failed(private_file_fault fault, std::string& reason) {
     reason = qor::control::reason_of(fault);
     return false;
-}
-
-std::wstring wide(const std::string& text) {
-    std::wstring out(text.size(), L'\0');
-    out.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                                            out.data(), static_cast<int>(out.size()))));
-    return out;
 }
 
 // Ignore accounts that can read and change everything anyway.
@@ -149,7 +144,7 @@ handle open_file(const std::wstring& path, DWORD access, DWORD shares, DWORD dis
 
 bool read_file(const std::string& path, DWORD forbidden, std::string& text, std::string& reason, bool& is_missing) {
     text.clear();
-    const handle file = open_file(wide(path), GENERIC_READ | READ_CONTROL, all_shares, OPEN_EXISTING,
+    const handle file = open_file(wide_path(path), GENERIC_READ | READ_CONTROL, all_shares, OPEN_EXISTING,
                                   FILE_ATTRIBUTE_NORMAL, file_patience);
     is_missing = !file.is_open() && (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
     if (is_missing)
@@ -176,7 +171,7 @@ bool qor::control::read_own_file(const std::string& path, std::string& text, std
 // Ignores errors, because opening the file reports them.
 bool qor::control::make_private_folders(const std::string& path, std::string&) {
     for (std::size_t end = path.find_first_of("/\\", 3); end != path.npos; end = path.find_first_of("/\\", end + 1))
-        CreateDirectoryW(wide(path.substr(0, end)).c_str(), nullptr);
+        CreateDirectoryW(wide_path(path.substr(0, end)).c_str(), nullptr);
     return true;
 }
 
@@ -189,7 +184,7 @@ qor::control::private_file_lock::private_file_lock(const std::string& file) : m_
         return;
     }
     // While the file is being deleted, Windows denies access to it, so try again for a while.
-    handle lock = open_file(wide(m_path), GENERIC_WRITE, 0, OPEN_ALWAYS,
+    handle lock = open_file(wide_path(m_path), GENERIC_WRITE, 0, OPEN_ALWAYS,
                             FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, lock_patience, rights.get());
     if (lock.is_open())
         m_handle = reinterpret_cast<std::intptr_t>(lock.release());
