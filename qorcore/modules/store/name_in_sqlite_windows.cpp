@@ -11,11 +11,11 @@ const char* const store::file_system = "win32-longpath";
 std::string store::name_in_sqlite(const std::string& path) {
     // SQLite takes some relative names for commands, such as ":memory:" and "file:".
     std::string name = qorIsAbsolutePath(path.c_str()) ? path : ".\\" + path;
-    std::wstring wide = glue::wide_path(name);
+    std::wstring wide = qor::glue::wide_path(name);
     if (wide.empty())
         return name; // not UTF-8: SQLite says that there is no such file
     // SQLite puts "-journal" behind it.
-    glue::lift_path_limit(wide, glue::longest_plain_path - 8);
+    qor::glue::lift_path_limit(wide, qor::glue::longest_plain_path - 8);
     // A unit of UTF-16 takes at most three bytes in UTF-8.
     name.assign(wide.size() * 3, '\0');
     name.resize(

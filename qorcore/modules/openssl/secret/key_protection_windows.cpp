@@ -2,6 +2,7 @@
 
 #include "common/system_reason.h"
 #include "login/private_file.h"
+#include "qor/glue/wide_path_windows.h"
 #include "support/primitives.h"
 
 #include <windows.h>
