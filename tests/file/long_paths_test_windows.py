@@ -81,7 +81,7 @@ class LongPaths(unittest.TestCase):
         """They are kept in folders of their own, which are made first."""
         users = f"--file={self.there('new')}\\accounts"
         self.run_program("qor-debug-user", users, "--generate", "add", "ann", least=3)
-        self.assertEqual([path.name for path in (self.folder / "new").iterdir() if path.suffix != ".lock"], ["accounts"])
+        self.assertLessEqual({"accounts", "accounts.key"}, {path.name for path in (self.folder / "new").iterdir()})
         self.assertIn("ann", self.run_program("qor-debug-user", users, "list"))
 
     def test_object_stores(self):

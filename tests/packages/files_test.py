@@ -32,7 +32,7 @@ def resources(path):
     with pefile.PE(str(path)) as file:
         manifests = [(number.id, file.get_data(number.directory.entries[0].data.struct.OffsetToData,
                                                number.directory.entries[0].data.struct.Size))
-                     for kind in getattr(file, "DIRECTORY_ENTRY_RESOURCE", pefile.Structure("")).entries
+                     for kind in file.DIRECTORY_ENTRY_RESOURCE.entries
                      if kind.id == pefile.RESOURCE_TYPE["RT_MANIFEST"] for number in kind.directory.entries]
         fixed = file.VS_FIXEDFILEINFO[0]
         numbers = [(fixed.FileVersionMS >> 16, fixed.FileVersionMS & 0xffff, fixed.FileVersionLS >> 16),
