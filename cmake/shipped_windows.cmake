@@ -70,7 +70,8 @@ endfunction()
 if(WIN32)
     enable_language(RC)
     add_custom_target(shipped)
-    # The same sources give the same files in any folder.
-    string(APPEND CMAKE_CXX_FLAGS_RELWITHDEBINFO
-           " -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_BINARY_DIR}=build")
+    # The same sources give the same files in any folder: there is no other name in them than this one.
+    set(with_names "$<$<AND:$<CONFIG:RelWithDebInfo>,$<COMPILE_LANGUAGE:CXX>>")
+    add_compile_options("${with_names}:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=/qor>"
+                        "${with_names}:-ffile-prefix-map=${CMAKE_BINARY_DIR}=/qor/build>")
 endif()

@@ -152,7 +152,7 @@ class Debug(packed.Unpacked):
         said = subprocess.check_output([packed.options.addr2line, "-C", "-f", "-e", path, address], text=True)
         function, place = said.splitlines()
         self.assertIn("qorFileOpen", function)
-        self.assertRegex(place, r"^qorcore/src/file/\w+\.cpp:\d+")
+        self.assertRegex(place, r"^/qor/qorcore/src/file/\w+\.cpp:\d+")
 
 
 class Reproducible(unittest.TestCase):
