@@ -17,7 +17,7 @@ class Fault(Exception):
 def read(path=FOLDER / "list"):
     """Returns the entries of the list: dictionaries with all of FIELDS; those of MANY are lists of words."""
     entries = []
-    text = re.sub(r"^#.*\n", "", path.read_text(), flags=re.M).strip()
+    text = re.sub(r"^#.*\n", "", path.read_text(encoding="utf-8"), flags=re.M).strip()
     for number, block in enumerate(re.split(r"\n\s*\n", text), 1):
         entry = {name: "" for name in FIELDS}
         for line in re.sub(r"\n[ \t]+", " ", block).splitlines():
@@ -50,5 +50,5 @@ def document(entries, title):
         if entry["Files"]:
             out[-1:] = [f"  Files:    {', '.join(entry['Files'])}", ""]
     for name in texts(entries):
-        out += ["=" * 80, "", f"licences/{name}", "", (FOLDER / name).read_text().rstrip(), ""]
+        out += ["=" * 80, "", f"licences/{name}", "", (FOLDER / name).read_text(encoding="utf-8").rstrip(), ""]
     return "\n".join(out)

@@ -17,8 +17,8 @@ import shutil
 import subprocess
 import sys
 import tempfile
-import zipfile
 import time
+import zipfile
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
@@ -44,7 +44,7 @@ def run(*words, **more):
 def expected_files():
     """Returns the files that the packages have to contain, by packages/windows/files."""
     found = set()
-    for number, line in enumerate((HERE / "files").read_text().splitlines(), 1):
+    for number, line in enumerate((HERE / "files").read_text(encoding="utf-8").splitlines(), 1):
         if not line or line.startswith("#"):
             continue
         place, _, pattern = line.partition(" = ")
@@ -101,12 +101,19 @@ def write_lists(names, stage, folder):
     folders = {parent.as_posix() for name in names for parent in Path(name).parents} - {"."}
     for each in sorted(folders, key=lambda each: (-each.count("/"), each)):
         remove.append('RMDir "$INSTDIR\\' + each.replace("/", "\\") + '"')
-    (folder / "install.nsh").write_text("".join(line + "\n" for line in install))
-    (folder / "remove.nsh").write_text("".join(line + "\n" for line in remove))
+    (folder / "install.nsh").write_text("".join(line + "\n" for line in install), encoding="utf-8")
+    (folder / "remove.nsh").write_text("".join(line + "\n" for line in remove), encoding="utf-8")
+
+
+def signing_command():
+    try:
+        return shlex.split(os.environ.get("QOR_SIGN", ""))
+    except ValueError as fault:
+        raise Fault(f"QOR_SIGN: {fault}") from None
 
 
 def sign(path):
-    command = shlex.split(os.environ.get("QOR_SIGN", ""))
+    command = signing_command()
     if command:
         run(*command, path)
 
@@ -124,7 +131,7 @@ def make(options, work):
     for name in notices.texts(entries):
         shutil.copyfile(notices.FOLDER / name, stage / "licences" / name)
     title = f"qor {options.version} for 64-bit Windows"
-    (stage / "THIRD-PARTY-NOTICES.txt").write_text(notices.document(entries, title))
+    (stage / "THIRD-PARTY-NOTICES.txt").write_text(notices.document(entries, title), encoding="utf-8")
 
     names = files_in(stage)
     compare(names)
@@ -145,8 +152,10 @@ def make(options, work):
     size = sum((stage / name).stat().st_size for name in names)
     definitions = {"VERSION": options.version, "NUMBERS": options.version + ".0", "STAGE": stage, "LISTS": lists,
                    "PATH_ENTRY": path_entry, "OUT": installer, "SIZE": size // 1024}
-    if os.environ.get("QOR_SIGN"):
-        definitions["SIGN"] = os.environ["QOR_SIGN"]
+    if signing_command():
+        # makensis has quotes and variables of its own, so it gets the command in a file.
+        definitions["SIGN"] = work / "sign"
+        definitions["SIGN"].write_text(f'exec {shlex.join(signing_command())} "$1"\n', encoding="utf-8")
     defined = (f"-D{name}={value}" for name, value in definitions.items())
     run("makensis", "-V2", "-WX", "-INPUTCHARSET", "UTF8", *defined, HERE / "qor.nsi", env=environment)
     sign(installer)

@@ -1,6 +1,6 @@
 ; The installer for 64-bit Windows. pack.py calls makensis with the definitions VERSION, NUMBERS, STAGE (the folder with
 ; the files), PATH_ENTRY (the program that changes the search path), LISTS (the folder with install.nsh and remove.nsh,
-; which are made from the list of the files), OUT, SIZE, and SIGN, the command that signs, where there is one.
+; which are made from the list of the files), OUT, SIZE, and SIGN, a script that signs, where there is one.
 ;
 ; setup.exe [/CurrentUser | /AllUsers] [/S] [/NoPath] [/D=FOLDER]
 Target amd64-unicode
@@ -37,7 +37,7 @@ VIAddVersionKey ProductName "qor"
 VIAddVersionKey ProductVersion "${VERSION}"
 
 !ifdef SIGN
-!uninstfinalize '${SIGN} "%1"' = 0
+!uninstfinalize 'sh "${SIGN}" "%1"' = 0
 !endif
 
 Var Scope       ; user or machine
@@ -210,6 +210,9 @@ Section
             MessageBox MB_OK|MB_ICONSTOP "$(InUse)" /SD IDOK
             Abort "$(InUse)"
         ${EndIf}
+        ; It could not remove itself. The folder is kept if it has files of others.
+        Delete "$R1\uninstall.exe"
+        RMDir "$R1"
     ${EndIf}
 
     SetOverwrite try

@@ -221,14 +221,21 @@ class Refused(unittest.TestCase):
 class Signed(unittest.TestCase):
     """The command of QOR_SIGN gets each program once, and the packages contain what it made."""
     MARK = b"signed here"
+    # Blanks, quotes and what is a variable for makensis or for a shell arrive as they are.
+    KEY = "--key=it's $HOME ${VERSION}"
 
-    def signer(self, folder, fails_for=""):
+    def signer(self, folder, fails_after="none"):
+        """Returns the signer's log and the command. It fails after a number of files."""
         log, command = Path(folder) / "log", Path(folder) / "a signer"
+        log.touch()
         command.write_text("#!/bin/sh\n"
-                           f'case $2 in *"{fails_for or "/none"}") echo "no key for this"; exit 3;; esac\n'
-                           f'echo "$1 $2" >>"{log}"\nprintf "{self.MARK.decode()}" >>"$2"\n')
+                           f'[ "$(wc -l <"{log}")" != {fails_after} ] || {{ echo "no key for this"; exit 3; }}\n'
+                           f'printf "%s\\t%s\\n" "$1" "$2" >>"{log}"\nprintf "{self.MARK.decode()}" >>"$2"\n')
         command.chmod(command.stat().st_mode | stat.S_IXUSR)
-        return log, f'"{command}" --key'
+        return log, f'"{command}" "{self.KEY}"'
+
+    def programs(self):
+        return sorted(name for name in pack.expected_files() if name.endswith((".exe", ".dll")))
 
     def test_the_order(self):
         with tempfile.TemporaryDirectory(prefix="qor.") as folder:
@@ -236,15 +243,16 @@ class Signed(unittest.TestCase):
             out = Path(folder) / "out"
             done = packed.pack(out, QOR_SIGN=command)
             self.assertEqual(done.returncode, 0, done.stdout)
-            words = [line.split(" ", 1) for line in log.read_text().splitlines()]
-            self.assertEqual({first for first, _ in words}, {"--key"})
+            words = [line.split("\t") for line in log.read_text().splitlines()]
+            self.assertEqual({first for first, _ in words}, {self.KEY})
             files = [Path(path) for _, path in words]
-            wanted = sorted(name for name in pack.expected_files() if name.endswith((".exe", ".dll")))
+            wanted = self.programs()
             self.assertEqual([f"{path.parent.name}/{path.name}" for path in files[:len(wanted)]],
                              ["/".join(name.split("/")[-2:]) for name in wanted])
             # The uninstaller has a name of the program that makes it.
             self.assertEqual(files[len(wanted)].name, "path-entry.exe")
             self.assertEqual(len(files), len(wanted) + 3)
+            self.assertNotIn(".", files[-2].name)
             installer = packed.package("-setup.exe").name
             self.assertEqual(files[-1].name, installer)
             self.assertTrue((out / installer).read_bytes().endswith(self.MARK))
@@ -254,13 +262,22 @@ class Signed(unittest.TestCase):
                     self.assertEqual(archive.read(name).endswith(self.MARK), is_program, name)
 
     def test_a_signer_that_fails(self):
-        for which in "libqor.dll", "-setup.exe":
-            with self.subTest(file=which), tempfile.TemporaryDirectory(prefix="qor.") as folder:
-                _, command = self.signer(folder, which)
+        """For a program, the uninstaller or the installer."""
+        count = len(self.programs())
+        for number in 1, count + 1, count + 2:
+            with self.subTest(signed=number), tempfile.TemporaryDirectory(prefix="qor.") as folder:
+                log, command = self.signer(folder, number)
                 done = packed.pack(Path(folder) / "out", QOR_SIGN=command)
                 self.assertEqual(done.returncode, 1)
                 self.assertIn("no key for this", done.stdout)
+                self.assertEqual(len(log.read_text().splitlines()), number)
                 self.assertFalse((Path(folder) / "out").exists())
+
+    def test_a_command_with_a_fault(self):
+        with tempfile.TemporaryDirectory(prefix="qor.") as folder:
+            done = packed.pack(Path(folder) / "out", QOR_SIGN="signer 'without an end")
+            self.assertEqual(done.returncode, 1)
+            self.assertRegex(done.stdout, "^pack.py: QOR_SIGN: No closing quotation")
 
     def test_a_signer_that_is_missing(self):
         with tempfile.TemporaryDirectory(prefix="qor.") as folder:

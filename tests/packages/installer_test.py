@@ -140,8 +140,14 @@ class Installer(InWine):
         # It is found there again.
         self.install()
         self.check_installed(folder, "HKCU")
-        self.remove(folder, key)
+        # It moves.
+        other = "C:\\another"
+        self.install("/NoPath", f"/D={other}")
         self.assertFalse(self.unix(folder).exists())
+        key = self.check_installed(other, "HKCU")
+        self.assertIsNone(self.value(USER, "Path"))
+        self.remove(other, key)
+        self.assertFalse(self.unix(other).exists())
 
     def test_a_program_that_runs(self):
         """Nothing is changed while a program of qor runs from the folder."""
