@@ -26,8 +26,9 @@ TREE = HERE.parents[1]
 sys.path.append(str(HERE.parent))
 import notices  # noqa: E402  # in packages
 
-# The form of zip knows no earlier time.
+# The form of zip knows the years from 1980 to 2107.
 FIRST_TIME = 315532800
+LAST_TIME = 4354819199
 
 
 class Fault(Exception):
@@ -78,7 +79,7 @@ def is_signed(name):
 
 def write_zip(path, top, folder, when):
     """Entries are in order, and have the same time and no rights."""
-    stamp = time.gmtime(max(when, FIRST_TIME))[:6]
+    stamp = time.gmtime(when)[:6]
     with zipfile.ZipFile(path, "w", zipfile.ZIP_DEFLATED, compresslevel=9) as out:
         for name in files_in(folder):
             entry = zipfile.ZipInfo(f"{top}/{name}", stamp)
@@ -105,6 +106,13 @@ def write_lists(names, stage, folder):
     (folder / "remove.nsh").write_text("".join(line + "\n" for line in remove), encoding="utf-8")
 
 
+def time_of_entries():
+    text = os.environ.get("SOURCE_DATE_EPOCH", str(FIRST_TIME))
+    if not text.isascii() or not text.isdecimal() or int(text) > LAST_TIME:
+        raise Fault(f"SOURCE_DATE_EPOCH: {text!r} is not a number of seconds up to {LAST_TIME}")
+    return max(int(text), FIRST_TIME)
+
+
 def signing_command():
     try:
         return shlex.split(os.environ.get("QOR_SIGN", ""))
@@ -119,7 +127,7 @@ def sign(path):
 
 
 def make(options, work):
-    when = int(os.environ.get("SOURCE_DATE_EPOCH", FIRST_TIME))
+    when = time_of_entries()
     environment = {**os.environ, "SOURCE_DATE_EPOCH": str(when)}
     stage, debug, lists = work / "stage", work / "debug", work / "lists"
     lists.mkdir()
@@ -146,8 +154,6 @@ def make(options, work):
     (work / "out").mkdir()
     base = work / "out" / f"{top}-windows-x86_64"
     installer = Path(f"{base}-setup.exe")
-    write_zip(f"{base}.zip", top, stage, when)
-    write_zip(f"{base}-debug.zip", top, debug, when)
     write_lists(names, stage, lists)
     size = sum((stage / name).stat().st_size for name in names)
     definitions = {"VERSION": options.version, "NUMBERS": options.version + ".0", "STAGE": stage, "LISTS": lists,
@@ -159,6 +165,8 @@ def make(options, work):
     defined = (f"-D{name}={value}" for name, value in definitions.items())
     run("makensis", "-V2", "-WX", "-INPUTCHARSET", "UTF8", *defined, HERE / "qor.nsi", env=environment)
     sign(installer)
+    write_zip(f"{base}.zip", top, stage, when)
+    write_zip(f"{base}-debug.zip", top, debug, when)
     # There are all packages or none.
     options.out.mkdir(parents=True, exist_ok=True)
     made = (Path(f"{base}.zip"), Path(f"{base}-debug.zip"), installer)

@@ -217,6 +217,13 @@ class Refused(unittest.TestCase):
         self.assertEqual(done.returncode, 1)
         self.assertRegex(done.stdout, "^pack.py: ")
 
+    def test_a_time_with_a_fault(self):
+        for text in "yesterday", "-1", "", "4354819200":
+            with self.subTest(text=text):
+                done = packed.pack(self.folder / "out", SOURCE_DATE_EPOCH=text)
+                self.assertEqual(done.returncode, 1)
+                self.assertRegex(done.stdout, f"^pack.py: SOURCE_DATE_EPOCH: '{text}' is not ")
+
 
 class Signed(unittest.TestCase):
     """The command of QOR_SIGN gets each program once, and the packages contain what it made."""
