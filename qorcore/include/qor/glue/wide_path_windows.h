@@ -24,7 +24,11 @@ inline void lift_path_limit(std::wstring& path, std::size_t most = longest_plain
     if (length == 0 || length >= full.size())
         return; // the system says why it does not take the path
     full.resize(length);
-    if ((path.size() > most || full.size() > most) && !full.starts_with(L"\\\\.\\"))
+    if ((path.size() <= most && full.size() <= most) || full.starts_with(L"\\\\.\\"))
+        return;
+    if (full.starts_with(L"\\\\?\\"))
+        path = full; // it had other slashes
+    else
         path = full.starts_with(L"\\\\") ? L"\\\\?\\UNC" + full.substr(1) : L"\\\\?\\" + full;
 }
 
