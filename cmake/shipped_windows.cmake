@@ -71,7 +71,10 @@ if(WIN32)
     enable_language(RC)
     add_custom_target(shipped)
     # The same sources give the same files in any folder: there is no other name in them than this one.
-    set(with_names "$<$<AND:$<CONFIG:RelWithDebInfo>,$<COMPILE_LANGUAGE:CXX>>")
-    add_compile_options("${with_names}:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=/qor>"
-                        "${with_names}:-ffile-prefix-map=${CMAKE_BINARY_DIR}=/qor/build>")
+    set(names "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=/qor")
+    cmake_path(IS_PREFIX PROJECT_SOURCE_DIR "${CMAKE_BINARY_DIR}" is_inside)
+    if(NOT is_inside)
+        list(APPEND names "-ffile-prefix-map=${CMAKE_BINARY_DIR}=/qor/build/windows")
+    endif()
+    add_compile_options("$<$<AND:$<CONFIG:RelWithDebInfo>,$<COMPILE_LANGUAGE:CXX>>:${names}>")
 endif()
