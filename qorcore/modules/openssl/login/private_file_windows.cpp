@@ -3,8 +3,8 @@
 
 #include "access_list_windows.h"
 #include "common/system_reason.h"
-#include "common/wide_windows.h"
 #include "qor/glue/own_rights_windows.h"
+#include "qor/glue/wide_path_windows.h"
 #include "support/primitives.h"
 
 #include <algorithm>
@@ -20,7 +20,7 @@
 namespace {
 
 using qor::control::private_file_fault;
-using qor::modules::to_wide;
+using qor::glue::wide_path;
 
 constexpr DWORD all_shares = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr DWORD reading_rights = FILE_READ_DATA | GENERIC_READ | GENERIC_ALL;
@@ -129,7 +129,7 @@ handle open_file(const std::wstring& path, DWORD access, DWORD shares, DWORD dis
 
 bool read_file(const std::string& path, DWORD forbidden, std::string& text, std::string& reason, bool& is_missing) {
     text.clear();
-    const handle file = open_file(to_wide(path), GENERIC_READ | READ_CONTROL, all_shares, OPEN_EXISTING,
+    const handle file = open_file(wide_path(path), GENERIC_READ | READ_CONTROL, all_shares, OPEN_EXISTING,
                                   FILE_ATTRIBUTE_NORMAL, file_patience);
     is_missing = !file.is_open() && (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
     if (is_missing)
@@ -156,7 +156,7 @@ bool qor::control::read_own_file(const std::string& path, std::string& text, std
 // Ignores errors, because opening the file reports them.
 bool qor::control::make_private_folders(const std::string& path, std::string&) {
     for (std::size_t end = path.find_first_of("/\\", 3); end != path.npos; end = path.find_first_of("/\\", end + 1))
-        CreateDirectoryW(to_wide(path.substr(0, end)).c_str(), nullptr);
+        CreateDirectoryW(wide_path(path.substr(0, end)).c_str(), nullptr);
     return true;
 }
 
@@ -169,7 +169,7 @@ qor::control::private_file_lock::private_file_lock(const std::string& file) : m_
         return;
     }
     // While the file is being deleted, Windows denies access to it, so try again for a while.
-    handle lock = open_file(to_wide(m_path), GENERIC_WRITE, 0, OPEN_ALWAYS,
+    handle lock = open_file(wide_path(m_path), GENERIC_WRITE, 0, OPEN_ALWAYS,
                             FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, lock_patience, rights.get());
     if (lock.is_open()) {
         // Somebody else may have made the file before, to hold the lock whenever they like.
