@@ -1,11 +1,9 @@
 #include "net/services.h"
 
-#include "net/socket_address.h"
 #include "net/winsock_windows.h"
 #include "platform/wide_windows.h"
 
 #include <algorithm>
-#include <cstring>
 
 // The older function for services has no wide form.
 bool qor::net::port_of_service(const std::string& name, uint16& out) {
