@@ -411,6 +411,27 @@ TEST(listener, the_port_is_free_when_it_is_closed) {
     }
 }
 
+// The thread that accepts learns late of a new listener, when a connection waits there already.
+TEST(listener, a_new_one_is_served_on_a_busy_host) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> busy;
+    for (int i = 0; i < 8; ++i)
+        busy.emplace_back([&] {
+            while (!stop)
+                continue;
+        });
+    const desk another;
+    for (int i = 0; i < 60; ++i) {
+        desk own;
+        peer other(own.port());
+        own.take()->Close();
+        EXPECT_TRUE(other.is_ended());
+    }
+    stop = true;
+    for (std::thread& each : busy)
+        each.join();
+}
+
 TEST(listener, a_port_that_is_taken_is_refused) {
     desk own;
     qorIPPortOptions options = local;

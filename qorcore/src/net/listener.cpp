@@ -46,7 +46,9 @@ struct listener {
     std::vector<qor::net::listening_socket> sockets;
     zetSmartPointer<IQORIPConnectionTarget> target;
     zetSmartPointer<IQORIPConnectionQueue> queue;
-    steady::time_point paused_until{};
+    // When it is tried again whether somebody tells of a connection or not; nothing is accepted before. At first, that
+    // is at once: the event of the first connection may wake the thread while it does not know the listener yet.
+    steady::time_point paused_until = steady::now();
     bool is_broken = false; // the host has closed a socket
     bool is_closed = false;
     bool is_free = false; // the sockets are closed, too
@@ -258,7 +260,7 @@ int plan(const accepter& own, std::vector<place>& places, std::vector<qor::net::
             limit = limit < 0 ? left : std::min(limit, left);
             if (left > 0)
                 continue;
-            each->paused_until = {}; // it is tried at once: nothing tells again about those who wait
+            each->paused_until = {}; // nothing tells again about those who wait
         }
         for (std::size_t i = 0; i < each->sockets.size(); ++i) {
             places.push_back({each, i});
