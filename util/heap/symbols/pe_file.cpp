@@ -122,10 +122,10 @@ void pe_file::read_exports(uint32 address, uint32 size) {
         const uint64 name = place_of(number(name_table + 4 * i, 4));
         if (ordinal >= functions || name == nowhere)
             continue;
-        const uint32 function = number(address_table + uint64{4} * ordinal, 4);
+        const uint32 entry = number(address_table + uint64{4} * ordinal, 4);
         // In the directory itself lies the name of a function of another library.
-        if (m_is_whole && is_code(function) && (function < address || function - address >= size))
-            m_exported.push_back({function, text(name, longest_name)});
+        if (m_is_whole && is_code(entry) && (entry < address || entry - address >= size))
+            m_exported.push_back({entry, text(name, longest_name)});
     }
     std::sort(m_exported.begin(), m_exported.end(), [](const exported& one, const exported& other) {
         return std::tie(one.address, one.name) < std::tie(other.address, other.name);
