@@ -240,7 +240,7 @@ void qor::ipc::connection::refuse(refusal why) noexcept {
     finish(qorIpcEnd::closed_here);
 }
 
-// All messages of the peer have been received. What waits for it is not wanted any more.
+// All messages of the peer have been received. The peer wants no more, so the queue for it is dropped.
 void qor::ipc::connection::take_end() noexcept {
     bool closes_too = false;
     {

@@ -45,8 +45,8 @@ struct listener {
     std::vector<qor::net::listening_socket> sockets;
     zetSmartPointer<IQORIPConnectionTarget> target;
     zetSmartPointer<IQORIPConnectionQueue> queue;
-    // When it is tried again whether somebody tells of a connection or not; nothing is accepted before. At first, that
-    // is at once: the event of the first connection may wake the thread while it does not know the listener yet.
+    // Nothing is accepted before this time; then the thread tries without being told. It tries a new listener at once,
+    // because the event of the first connection may wake the thread before it knows the listener.
     steady::time_point paused_until = steady::now();
     bool is_broken = false; // the host has closed a socket
     bool is_closed = false;

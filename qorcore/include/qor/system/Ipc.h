@@ -139,9 +139,9 @@ protected:
     ~IQORIpcConnection() = default;
 };
 
-// Gets messages and news of connections. The client implements it. All calls are made on the thread of the server, or
-// on that of the connections. They may use the connection, and close it; a reference that they add keeps the object,
-// not the connection.
+// Receives messages and events of connections. The client implements it. All calls are made on the thread of the
+// server, or on that of the connections. They may use the connection, and close it; a reference that they add keeps the
+// object, not the connection.
 class IQORIpcTarget {
 public:
     // Like those of IQORInterface.

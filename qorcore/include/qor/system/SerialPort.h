@@ -56,7 +56,7 @@ inline constexpr uint32 qorSerialSetsFlowControl = 2;
 inline constexpr uint32 qorSerialSetsTimeouts = 4;
 inline constexpr uint32 qorSerialSetsRS485 = 8;
 
-// The wished settings of a port. The operations qorSetParams_... fill in a group each and check it; a group that was
+// The settings to give to a port. The operations qorSetParams_... fill in a group each and check it; a group that was
 // not filled in stays as it is on the port.
 struct qorSerialParams {
     uint32 sets = 0;                                // the groups that are filled in
