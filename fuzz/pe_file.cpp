@@ -41,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             return other.address == one.address && other.name == found;
         }));
     }
-    for (std::uint64_t address : {std::uint64_t{0}, std::uint64_t{0x1000}, ~std::uint64_t{0}})
+    for (std::uint64_t address : {std::uint64_t{0}, std::uint64_t{0x1000}, std::uint64_t{0x1044}, ~std::uint64_t{0}})
         require(is_within(file.exported_at(address), bytes));
     return 0;
 }

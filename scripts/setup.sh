@@ -39,8 +39,10 @@ needs_windows=("cmake=cmake" "ninja-build=ninja" "libboost1.81-dev=/usr/include/
     "libz-mingw-w64-dev=/usr/x86_64-w64-mingw32/include/zlib.h" "gzip=gzip" "zstd=zstd"
     "wine64=/usr/lib/wine/wine64" "googletest=/usr/src/googletest/CMakeLists.txt" "python3=python3" "libc-devtools=mtrace"
     "openssl=openssl" "python3-openssl=/usr/lib/python3/dist-packages/OpenSSL/__init__.py"
-    "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer" "libtomlplusplus-dev=/usr/include/toml++/toml.h"
+    "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer" "clang-16=clang++-16" "libtomlplusplus-dev=/usr/include/toml++/toml.h"
     "golang-github-burntsushi-toml-dev=/usr/share/gocode/src/github.com/BurntSushi/toml/internal/toml-test")
+needs_windows_packages=("nsis=makensis" "git=git")
+needs_windows_tests=("python3-pefile=/usr/lib/python3/dist-packages/pefile.py")
 
 say() { printf '%s\n' "$@" >&2; }
 
@@ -92,6 +94,12 @@ may_build_in() {
     for lock in "$1"/*.lock; do
         [[ -w $lock || ! -e $lock ]] || return
     done
+}
+
+# Builds the libraries for Windows that Debian does not package.
+build_windows_libraries() {
+    local library
+    for library in openssl zstd backtrace sqlite; do "$tree/scripts/build-$library-windows" || return; done
 }
 
 # Builds lie in the clone, or in the user's cache if the user may not write to the clone: it may belong to another user

@@ -45,7 +45,7 @@ TEST(child, its_streams_are_collected) {
     EXPECT_EQ(without_returns(result.output), "out it\n");
     EXPECT_EQ(without_returns(result.errors), "err it\n");
     EXPECT_TRUE(result.end.IsSuccess());
-    EXPECT_EQ(result.end.peak_memory != 0, qor::test::tells_memory_of_ended);
+    EXPECT_TRUE(result.end.peak_memory != 0 || !qor::test::tells_memory_of_ended);
 }
 
 TEST(child, its_exit_code_is_told) {

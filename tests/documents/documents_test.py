@@ -19,7 +19,7 @@ import unittest
 
 options = None
 
-FILE_PATH = re.compile(r"`((?:bench|cmake|docs|examples|fuzz|qorcore|samples|scripts|tests|util)/[\w./-]+)`")
+FILE_PATH = re.compile(r"`((?:bench|cmake|docs|examples|fuzz|packages|qorcore|samples|scripts|tests|util)/[\w./-]+)`")
 
 
 def documents():

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <filesystem>
 #include <sddl.h>
 #include <string>
 #include <vector>
@@ -64,6 +66,46 @@ TEST(windows_replacement, keeps_a_hidden_file_hidden) {
         EXPECT_TRUE(qorReplaceFile(path.c_str(), "new")) << last_error();
         EXPECT_EQ(GetFileAttributesW(wide(path).c_str()) & kept, before);
     }
+}
+
+// Whoever makes the new file first would keep the rights that the folder gives, or would be in the way for ever.
+TEST(windows_replacement, has_no_name_that_can_be_guessed) {
+    const qor::test::temp_folder folder;
+    const std::string path = folder / "file";
+    for (int i = 0; i < 100; ++i)
+        folder.file("file" + (i != 0 ? "." + std::to_string(i) : "") + ".qor-unfinished", "of another");
+    EXPECT_TRUE(qorReplaceFile(path.c_str(), "new")) << last_error();
+    EXPECT_EQ(qor::test::read_file(path), "new");
+    EXPECT_TRUE(qorReplaceFile(path.c_str(), "newer", qorReplacePrivate)) << last_error();
+    EXPECT_EQ(qor::test::read_file(path), "newer");
+    EXPECT_EQ(qor::test::read_file(folder / "file.99.qor-unfinished"), "of another");
+}
+
+TEST(windows_replacement, that_is_private_gives_others_no_rights) {
+    const qor::test::temp_folder folder;
+    const std::string expected = folder / "expected";
+    qor::glue::own_rights rights;
+    ASSERT_NE(rights.get(), nullptr);
+    CloseHandle(CreateFileW(wide(expected).c_str(), GENERIC_WRITE, 0, rights.get(), CREATE_NEW, 0, nullptr));
+    const std::string path = folder.file("file", "old");
+    ASSERT_NE(list_of(path), list_of(expected));
+    EXPECT_TRUE(qorReplaceFile(path.c_str(), "new", qorReplacePrivate)) << last_error();
+    EXPECT_EQ(list_of(path), list_of(expected));
+}
+
+TEST(windows_replacement, removes_what_killed_processes_have_left) {
+    const qor::test::temp_folder folder;
+    const std::string path = folder / "file";
+    const std::string old = folder.file("file.abcdefgh2345.qor-unfinished", "old");
+    const std::string fresh = folder.file("file.abcdefgh2346.qor-unfinished", "fresh");
+    const std::string longer = folder.file("file.of.abcdefgh2345.qor-unfinished", "of the file 'file.of'");
+    for (const std::string& each : {old, longer})
+        std::filesystem::last_write_time(each,
+                                         std::filesystem::file_time_type::clock::now() - std::chrono::minutes(11));
+    EXPECT_TRUE(qorReplaceFile(path.c_str(), "new")) << last_error();
+    EXPECT_FALSE(std::filesystem::exists(old));
+    EXPECT_TRUE(std::filesystem::exists(fresh));
+    EXPECT_TRUE(std::filesystem::exists(longer));
 }
 
 // The new file has a name of its own for a moment, which must not be too long.

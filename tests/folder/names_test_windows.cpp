@@ -1,12 +1,15 @@
 // Names and paths on Windows: single surrogates, long paths, read-only files, junctions as links.
 #include "platform/wide_windows.h"
+#include "qor/glue/wide_path_windows.h"
 #include "qor/qor.h"
 #include "support/last_error.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
+#include <utility>
 #include <windows.h>
 
 namespace {
@@ -53,6 +56,30 @@ TEST(windows_names, long_paths_work_everywhere) {
     const std::string first = folder.path() + "\\a name of a folder that is rather long";
     EXPECT_TRUE(qorDeleteDirectoryAndContents(first.c_str())) << last_error();
     EXPECT_FALSE(qorDirectoryExists(first.c_str()));
+}
+
+TEST(windows_names, long_ones_get_the_form_without_a_limit) {
+    std::wstring tail;
+    for (int i = 0; i < 5; ++i)
+        tail.append(L"\\").append(60, L'd');
+    std::wstring slashes = tail;
+    std::replace(slashes.begin(), slashes.end(), L'\\', L'/');
+    const std::pair<std::wstring, std::wstring> cases[] = {
+        {L"C:" + tail, L"\\\\?\\C:" + tail},
+        {L"C:/a/.././b" + slashes, L"\\\\?\\C:\\b" + tail},
+        {L"\\\\server\\share" + tail, L"\\\\?\\UNC\\server\\share" + tail},
+        {L"//server/share" + slashes, L"\\\\?\\UNC\\server\\share" + tail},
+        {L"\\\\?\\C:" + tail, L"\\\\?\\C:" + tail},
+        {L"//?/C:" + slashes, L"\\\\?\\C:" + tail},
+        {L"\\\\.\\C:" + tail, L"\\\\.\\C:" + tail},
+        {L"C:/a/../b", L"C:/a/../b"},
+        {L"NUL", L"NUL"},
+    };
+    for (const auto& [path, form] : cases) {
+        std::wstring lifted = path;
+        qor::glue::lift_path_limit(lifted);
+        EXPECT_EQ(lifted, form);
+    }
 }
 
 TEST(windows_names, read_only_files_and_folders_are_deleted) {

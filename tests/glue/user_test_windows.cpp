@@ -1,10 +1,30 @@
 // Accounts as a client sees them, compared with Windows.
 #include "qor/qor.h"
+#include "support/scenes.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <windows.h>
+
+namespace {
+
+using namespace qor::test;
+
+// The library that asks directories for accounts, perhaps on a server.
+bool has_loaded_directory() { return GetModuleHandleW(L"netapi32.dll") != nullptr; }
+
+const scene asking{"user_asking", [](const words&) {
+                       zetSmartPointer<IQORUserToken> token;
+                       EXPECT_TRUE(qorGetCurrentUserToken(token.Out()));
+                       EXPECT_EQ(token->IsSuperUser(), qorIsSuperUser());
+                       EXPECT_FALSE(has_loaded_directory());
+                       EXPECT_NE(token->GetAuthLevel(), qorAuthLevel_none);
+                       EXPECT_TRUE(has_loaded_directory());
+                       return 0;
+                   }};
+
+} // namespace
 
 TEST(user, the_current_one) {
     char expected[256];
@@ -16,6 +36,11 @@ TEST(user, the_current_one) {
     zetSmartPointer<IQORUserToken> token;
     ASSERT_TRUE(qorGetCurrentUserToken(token.Out()));
     EXPECT_EQ(token->IsSuperUser(), qorIsSuperUser());
+}
+
+TEST(user, own_rights_are_known_without_a_directory) {
+    const ending ended = play(asking);
+    EXPECT_EQ(ended.code, 0) << ended.out << ended.err;
 }
 
 TEST(user, there_is_none) {

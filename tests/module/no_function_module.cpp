@@ -2,5 +2,5 @@
 #include "odd_module.h"
 
 extern "C" {
-QOR_MODULE_EXPORT int glue_module_point = 1;
+QOR_EXPORTED int glue_module_point = 1;
 }

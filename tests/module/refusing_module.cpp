@@ -1,7 +1,6 @@
 // Has all that a module needs, and refuses this library.
 #include "odd_module.h"
 
-extern "C" QOR_MODULE_EXPORT const qor::glue::module_table*
-glue_module_point(const qor::glue::binding_table*) noexcept {
+extern "C" QOR_EXPORTED const qor::glue::module_table* glue_module_point(const qor::glue::binding_table*) noexcept {
     return nullptr;
 }

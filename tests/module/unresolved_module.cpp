@@ -2,7 +2,6 @@
 #include "odd_module.h"
 
 extern "C" const void* a_symbol_that_nobody_has();
-extern "C" QOR_MODULE_EXPORT const qor::glue::module_table*
-glue_module_point(const qor::glue::binding_table*) noexcept {
+extern "C" QOR_EXPORTED const qor::glue::module_table* glue_module_point(const qor::glue::binding_table*) noexcept {
     return static_cast<const qor::glue::module_table*>(a_symbol_that_nobody_has());
 }

@@ -9,6 +9,16 @@ Its standard input is the terminal; its output goes to the same places as ours. 
 import os
 import pty
 import sys
+import threading
+
+
+def drain(terminal):
+    """Reads what the terminal shows, such as typed characters; otherwise it would stop the program at some time."""
+    try:
+        while os.read(terminal, 65536):
+            pass
+    except OSError:  # the other side is closed
+        pass
 
 
 def main():
@@ -18,9 +28,8 @@ def main():
         os.dup2(out, 1)
         os.dup2(err, 2)
         os.execvp(sys.argv[1], sys.argv[1:])
-    code = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
-    os.close(terminal)
-    return code
+    threading.Thread(target=drain, args=(terminal,), daemon=True).start()
+    return os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
 
 
 if __name__ == "__main__":

@@ -37,7 +37,7 @@ void qor::test::wait_until_asleep(const std::vector<std::string>&, int milliseco
     Sleep(static_cast<DWORD>(milliseconds));
 }
 
-// Windows does, Wine does not.
+// Windows does. Wine does only if the process has just ended.
 const bool qor::test::tells_memory_of_ended =
     GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") == nullptr;
 

@@ -1,7 +1,9 @@
 // The libraries lie beside the program; others of these names are left alone.
 #include "shared_library.h"
 
-#include <system_error>
+#include "system_reason.h"
+
+#include <string_view>
 #include <windows.h>
 
 namespace qor::compression {
@@ -13,9 +15,11 @@ void* load_library(const char* file, std::string& reason) {
     // No dialog about a damaged file.
     DWORD before = 0;
     SetThreadErrorMode(SEM_FAILCRITICALERRORS, &before);
-    const HMODULE library = LoadLibraryExA(file, nullptr, LOAD_LIBRARY_SEARCH_APPLICATION_DIR);
+    const std::string_view name = file; // ASCII
+    const HMODULE library =
+        LoadLibraryExW(std::wstring(name.begin(), name.end()).c_str(), nullptr, LOAD_LIBRARY_SEARCH_APPLICATION_DIR);
     if (library == nullptr)
-        reason = std::system_category().message(static_cast<int>(GetLastError()));
+        reason = system_reason(static_cast<int>(GetLastError()));
     SetThreadErrorMode(before, nullptr);
     return library;
 }

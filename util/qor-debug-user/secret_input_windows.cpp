@@ -1,6 +1,5 @@
 #include "secret_input.h"
 
-#include <io.h>
 #include <windows.h>
 
 namespace {
@@ -34,21 +33,11 @@ bool input_is_terminal() {
     return GetConsoleMode(console(), &mode) != 0;
 }
 
-// The C library would read a console through its code page, which lacks many characters.
 bool read_secret(const qorString& prompt, qorString& line) {
     if (!input_is_terminal())
         return line.GetLine(stdin);
-    wchar_t text[1024];
-    DWORD count = 0;
-    bool done;
-    {
-        const hidden_typing hidden(console());
-        prompt.Put(stderr, false);
-        done = ReadConsoleW(console(), text, static_cast<DWORD>(std::size(text)), &count, nullptr) != 0 && count != 0;
-    }
-    while (count != 0 && (text[count - 1] == L'\n' || text[count - 1] == L'\r'))
-        --count;
-    done = done && line.SetUCS2(reinterpret_cast<const uint16*>(text), static_cast<int32>(count));
-    SecureZeroMemory(text, sizeof text);
-    return done;
+    // The prompt appears only when typed text is no longer shown.
+    const hidden_typing hidden(console());
+    prompt.Put(stderr, false);
+    return line.GetLine(stdin);
 }

@@ -8,7 +8,6 @@
 #include "text.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <optional>
 #include <string_view>
 
@@ -22,8 +21,8 @@ namespace {
 enum class log_kind : uint8 { unknown, mtrace, memcheck, stacks };
 
 bool is_regular(const std::string& path) {
-    std::error_code ignored;
-    return std::filesystem::is_regular_file(std::filesystem::u8path(path), ignored);
+    const auto info = qorGetFileInfo(path.c_str());
+    return info.has_value() && info->kind == qorFileKind::file;
 }
 
 // A pipe is not read yet: its beginning could not be read again.

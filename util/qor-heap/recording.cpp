@@ -7,7 +7,6 @@
 #include "message_names.h"
 #include "text.h"
 
-#include <filesystem>
 #include <optional>
 
 namespace qor::heap_tool {
@@ -18,11 +17,8 @@ namespace tool = qor::messages::tool;
 namespace {
 
 uint64 size_of(const std::string& path) {
-    std::error_code fault;
-    const auto path_of = std::filesystem::u8path(path);
-    const bool is_regular = std::filesystem::is_regular_file(path_of, fault);
-    const auto size = is_regular ? std::filesystem::file_size(path_of, fault) : 0;
-    return fault ? 0 : size;
+    const auto info = qorGetFileInfo(path.c_str());
+    return info.has_value() && info->kind == qorFileKind::file ? info->size : 0;
 }
 
 void warn_of_failure(const qorString& failure) {

@@ -13,6 +13,7 @@ innermost object */libstdc++.so.6* size 72704
 innermost object */libstdc++.so.6* size 73728
 innermost function "*(anonymous namespace)::pool::*" size 72704
 innermost function *_GLOBAL__sub_I_eh_alloc.cc* size 72704
+function __do_global_ctors size 74752
 
 # The loader: its lists of libraries, and the storage of threads.
 innermost object */ld-linux*.so.*

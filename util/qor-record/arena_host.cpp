@@ -1,50 +1,20 @@
 #include "arena_host.h"
 
-#include "process_facts.h"
+#include "clocks.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <pthread.h>
-#include <sys/mman.h>
-#include <sys/resource.h>
-#include <unistd.h>
 #include <utility>
 
 namespace qor::record {
 
-static_assert(sizeof(pthread_mutex_t) <= sizeof(arena::owner));
-
-namespace {
-
-// The limit on the size of files holds for this memory too, as far as the user may not raise it. Returns the size.
-std::size_t grow(int descriptor) {
-    rlimit before;
-    if (::getrlimit(RLIMIT_FSIZE, &before) != 0)
-        return 0;
-    const rlimit raised = {before.rlim_max, before.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &raised);
-    const std::size_t size = std::min<rlim_t>(arena_file_size, before.rlim_max) / 4096 * 4096;
-    const bool has_grown = size >= sizeof(arena) && ::ftruncate(descriptor, static_cast<off_t>(size)) == 0;
-    const int reason = size < sizeof(arena) ? EFBIG : errno;
-    ::setrlimit(RLIMIT_FSIZE, &before);
-    errno = reason;
-    return has_grown ? size : 0;
-}
-
-} // namespace
-
 std::unique_ptr<arena_host> arena_host::make(const plan& wanted) {
     std::unique_ptr<arena_host> made(new arena_host);
-    made->m_descriptor = ::memfd_create("qor-record", MFD_CLOEXEC);
-    const std::size_t size = made->m_descriptor >= 0 ? grow(made->m_descriptor) : 0;
-    if (size < sizeof(arena))
-        return nullptr;
-    made->m_shared = static_cast<arena*>(made->map_part(0, sizeof(arena)));
-    if (made->m_shared == nullptr)
+    const std::size_t size = made->map_arena();
+    if (size == 0)
         return nullptr;
     arena& shared = *made->m_shared;
     shared.version = arena_version;
@@ -60,51 +30,9 @@ std::unique_ptr<arena_host> arena_host::make(const plan& wanted) {
     shared.module_count.store(1);
     shared.text_size.store(1); // the empty text
     shared.sessions[0].state.store(session_state::claimed);
+    shared.wants_system_heap = wanted.wants_system_heap ? 1 : 0;
     shared.magic = arena_magic;
     return made;
-}
-
-void arena_host::own() {
-    pthread_mutexattr_t attributes;
-    pthread_mutexattr_init(&attributes);
-    pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-    auto* const mutex = reinterpret_cast<pthread_mutex_t*>(m_shared->owner);
-    pthread_mutex_init(mutex, &attributes);
-    pthread_mutexattr_destroy(&attributes);
-    pthread_mutex_lock(mutex);
-}
-
-arena_host::~arena_host() {
-    if (m_shared != nullptr) {
-        auto* const mutex = reinterpret_cast<pthread_mutex_t*>(m_shared->owner);
-        if (recorder_is_gone(*m_shared) == false)
-            pthread_mutex_unlock(mutex);
-        for (unsigned i = 1; i < most_sessions; ++i)
-            if (m_rings[i] != nullptr)
-                ::munmap(m_rings[i], ring_bytes);
-        for (node* const chunk : m_chunks)
-            if (chunk != nullptr)
-                ::munmap(chunk, chunk_bytes);
-        ::munmap(m_shared, sizeof(arena));
-    }
-    close_descriptor();
-    for (const auto& each : m_callers)
-        std::free(const_cast<caller_text*>(each.second));
-}
-
-void arena_host::close_descriptor() noexcept {
-    if (m_descriptor >= 0)
-        ::close(m_descriptor);
-    m_descriptor = -1;
-}
-
-void* arena_host::map_part(std::size_t offset, std::size_t size) {
-    if (offset + size > (m_shared != nullptr ? m_shared->file_size : size))
-        return nullptr;
-    void* const mapped =
-        ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, m_descriptor, static_cast<off_t>(offset));
-    return mapped != MAP_FAILED ? mapped : nullptr;
 }
 
 ring_record* arena_host::ring(unsigned session_index) {
@@ -150,12 +78,6 @@ bool arena_host::has_new_executions() {
     return std::exchange(m_known_executions, count) != count;
 }
 
-bool arena_host::is_program_of(std::int32_t process) const {
-    program_image found{};
-    const bool is_known = m_shared->image != program_image{} && image_of(process, found);
-    return !is_known || found == m_shared->image;
-}
-
 std::vector<unsigned> arena_host::new_sessions() const {
     std::vector<unsigned> found;
     if (m_shared->session_count.load(std::memory_order_acquire) == m_known_count)
@@ -181,15 +103,6 @@ void arena_host::release_session(unsigned index) {
     of.state.store(session_state::unused, std::memory_order_release);
 }
 
-// Its pages too: the next process in this place begins with an empty one.
-void arena_host::release_ring(unsigned session_index) {
-    if (session_index == 0 || m_rings[session_index] == nullptr)
-        return;
-    ::madvise(m_rings[session_index], ring_bytes, MADV_REMOVE);
-    ::munmap(m_rings[session_index], ring_bytes);
-    m_rings[session_index] = nullptr;
-}
-
 const node* arena_host::node_at(std::uint32_t number) {
     const unsigned chunk = number / nodes_per_chunk;
     if (chunk == 0)
@@ -203,7 +116,7 @@ const node* arena_host::node_at(std::uint32_t number) {
 
 std::string_view arena_host::path_of(const module& of) const {
     const char* const text = m_shared->texts + (of.name < sizeof m_shared->texts ? of.name : 0);
-    const std::size_t size = ::strnlen(text, sizeof m_shared->texts - static_cast<std::size_t>(text - m_shared->texts));
+    const std::size_t size = strnlen(text, sizeof m_shared->texts - static_cast<std::size_t>(text - m_shared->texts));
     return size != 0 ? std::string_view(text, size) : std::string_view(m_program);
 }
 

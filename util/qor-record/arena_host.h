@@ -23,10 +23,12 @@ public:
         unsigned depth;
         bool is_stopped;
         bool follows_children;
-        std::vector<code_range> allocation_code; // in the program's file, if it is known
+        bool wants_system_heap = false;            // on Windows
+        std::vector<code_range> allocation_code{}; // in the program's file, if it is known
     };
 
-    // Null: there is no memory for it; errno says why. The calling thread is the one that reads the arena.
+    // Null: there is no memory for it; the system's last error says why. The calling thread is the one that reads the
+    // arena.
     static std::unique_ptr<arena_host> make(const plan& wanted);
     ~arena_host();
     arena_host(const arena_host&) = delete;
@@ -34,10 +36,15 @@ public:
     // From now on the arena is marked when the calling thread ends.
     void own();
 
-    int descriptor() const noexcept { return m_descriptor; }
+    // Of the arena's file. On Windows it is the handle of a section.
+    int descriptor() const noexcept { return static_cast<int>(m_descriptor); }
+    void* section() const noexcept { return reinterpret_cast<void*>(m_descriptor); }
     void close_descriptor() noexcept;
 
     arena& shared() const noexcept { return *m_shared; }
+    // Lets threads go on that wait for room in a ring.
+    static void wake_writers(session& of);
+
     // Null: no memory.
     ring_record* ring(unsigned session_index);
     void release_ring(unsigned session_index);
@@ -78,6 +85,8 @@ private:
     arena_host() = default;
     static bool is_worth_waiting(std::uint64_t expected, std::uint64_t come, std::uint64_t& given_up,
                                  std::uint64_t& since);
+    // Returns the size of the arena's file, 0 after an error.
+    std::size_t map_arena();
     void* map_part(std::size_t offset, std::size_t size);
     const caller_text& find_caller_of_node(std::uint32_t number);
     const caller_text& make_caller(std::uint64_t address, std::uint32_t module);
@@ -97,7 +106,7 @@ private:
         const caller_text* text;
     };
 
-    int m_descriptor = -1;
+    std::intptr_t m_descriptor = -1;
     arena* m_shared = nullptr;
     std::string m_program;
     std::vector<bool> m_is_known = std::vector<bool>(most_sessions);

@@ -1,17 +1,11 @@
 #include "log_names.h"
 
+#include "file_system.h"
 #include "messages.h"
 #include "stacks_file.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
-#include <memory>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <string_view>
 #include <vector>
 
 namespace qor::record {
@@ -22,18 +16,14 @@ enum class content { nothing, log, other, no_file };
 
 // The first bytes decide. A compressed file counts as a log, because its name is that of one.
 content content_of(const std::string& path) {
-    struct stat status;
-    if (::lstat(path.c_str(), &status) != 0)
-        return content::nothing;
-    if (!S_ISREG(status.st_mode))
-        return content::no_file;
-    const int file = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
-    if (file < 0)
+    if (const file_type type = type_of(path); type != file_type::regular)
+        return type == file_type::nothing ? content::nothing : content::no_file;
+    raw_file file;
+    if (file.open(path) != 0)
         return content::other;
     char begin[16];
-    const ssize_t size = ::read(file, begin, sizeof begin);
-    ::close(file);
-    const std::string_view text(begin, size > 0 ? static_cast<std::size_t>(size) : 0);
+    const std::size_t size = file.read(begin, sizeof begin);
+    const std::string_view text(begin, size);
     const bool is_log = text.empty() || text.starts_with("= Start\n") ||
                         text.starts_with(std::string_view(stacks_magic, 6)) || text.starts_with("\x28\xb5\x2f\xfd") ||
                         text.starts_with("\x1f\x8b");
@@ -48,16 +38,6 @@ bool is_process_part(std::string_view text) {
     return is_number(text.substr(0, dot)) && (dot == text.npos || is_number(text.substr(dot + 1)));
 }
 
-std::vector<std::string> names_in(const std::string& folder) {
-    std::vector<std::string> names;
-    DIR* const entries = ::opendir(folder.c_str());
-    while (const dirent* const entry = entries != nullptr ? ::readdir(entries) : nullptr)
-        names.emplace_back(entry->d_name);
-    if (entries != nullptr)
-        ::closedir(entries);
-    return names;
-}
-
 } // namespace
 
 const char* suffix_of(compression::format kind) noexcept {
@@ -66,19 +46,16 @@ const char* suffix_of(compression::format kind) noexcept {
 
 bool log_names::set(const std::string& prefix, const std::string& program, compression::format kind) {
     m_kind = kind;
-    m_prefix = prefix.empty() || prefix.ends_with('/') ? prefix + program : prefix;
-    const std::size_t slash = m_prefix.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : m_prefix.substr(0, slash + 1);
-    const std::unique_ptr<char, decltype(&std::free)> path(::realpath(folder.c_str(), nullptr), &std::free);
-    struct stat status;
-    if (path == nullptr || ::stat(path.get(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+    m_prefix = prefix.empty() || last_separator(prefix) == prefix.size() - 1 ? prefix + program : prefix;
+    const std::size_t separator = last_separator(m_prefix);
+    m_path = path_of_folder(separator == std::string::npos ? "." : m_prefix.substr(0, separator + 1));
+    if (m_path.empty()) {
         say(message::no_folder, {prefix});
         return false;
     }
-    m_path = path.get();
-    if (m_path != "/")
-        m_path += '/';
-    m_path += m_prefix.substr(slash == std::string::npos ? 0 : slash + 1);
+    if (last_separator(m_path) != m_path.size() - 1)
+        m_path += separators[0];
+    m_path += m_prefix.substr(separator == std::string::npos ? 0 : separator + 1);
     return true;
 }
 
@@ -92,7 +69,7 @@ std::string log_names::of(std::int32_t process, int attempt) const {
 
 std::vector<std::string> log_names::memchecks_of_children() const {
     std::vector<std::string> found;
-    const std::string folder = m_path.substr(0, m_path.rfind('/') + 1);
+    const std::string folder = m_path.substr(0, last_separator(m_path) + 1);
     const std::string begin = memcheck().substr(folder.size()) + '.';
     for (const std::string& entry : names_in(folder))
         if (entry.starts_with(begin) && is_process_part(std::string_view(entry).substr(begin.size())))
@@ -104,9 +81,9 @@ std::vector<std::string> log_names::memchecks_of_children() const {
 bool log_names::clear(bool replaces_anything) const {
     // In whatever way an earlier run has compressed them.
     std::vector<std::string> found;
-    const std::size_t slash = m_path.rfind('/');
-    const std::string folder = m_path.substr(0, slash + 1);
-    const std::string name = m_path.substr(slash + 1);
+    const std::size_t separator = last_separator(m_path);
+    const std::string folder = m_path.substr(0, separator + 1);
+    const std::string name = m_path.substr(separator + 1);
     for (const std::string& entry : names_in(folder)) {
         std::string_view rest = entry;
         if (!rest.starts_with(name))
@@ -137,8 +114,8 @@ bool log_names::clear(bool replaces_anything) const {
         }
     }
     for (const std::string& each : found)
-        if (::unlink(each.c_str()) != 0 && errno != ENOENT) {
-            say(message::cannot_create, {shown(each), std::strerror(errno)});
+        if (const int reason = remove_file(each); reason != 0 && !is_missing(reason)) {
+            say(message::cannot_create, {shown(each), reason_of(reason)});
             return false;
         }
     return true;

@@ -3,34 +3,24 @@
 #include "stacks_file.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace qor::record {
 
 log_replay::stream::stream(const std::string& path, compression::format kind)
-    : m_descriptor(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)),
-      m_decompressor(kind != compression::format::none ? std::make_unique<compression::decompressor>() : nullptr) {}
-
-log_replay::stream::~stream() {
-    if (m_descriptor >= 0)
-        ::close(m_descriptor);
+    : m_decompressor(kind != compression::format::none ? std::make_unique<compression::decompressor>() : nullptr) {
+    (void)m_file.open(path); // nothing can be read from a file that is not open
 }
 
 bool log_replay::stream::fill() {
     m_bytes.erase(0, m_at);
     m_at = 0;
     char piece[64U << 10];
-    ssize_t size;
-    do
-        size = m_descriptor >= 0 ? ::read(m_descriptor, piece, sizeof piece) : -1;
-    while (size < 0 && m_descriptor >= 0 && errno == EINTR);
-    if (size <= 0)
+    const std::size_t size = m_file.read(piece, sizeof piece);
+    if (size == 0)
         return false;
     if (!m_decompressor) {
-        m_bytes.append(piece, static_cast<std::size_t>(size));
+        m_bytes.append(piece, size);
         return true;
     }
     const char* next = piece;

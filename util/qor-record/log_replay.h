@@ -3,6 +3,7 @@
 #pragma once
 
 #include "compression/decompressor.h"
+#include "file_system.h"
 
 #include <cstdint>
 #include <memory>
@@ -38,8 +39,6 @@ private:
     class stream {
     public:
         stream(const std::string& path, compression::format kind);
-        ~stream();
-        stream(const stream&) = delete;
         // False: there is no more.
         bool fill();
         // A line without its end. False: there is no whole one.
@@ -48,7 +47,7 @@ private:
         bool skip(std::uint64_t bytes);
 
     private:
-        int m_descriptor;
+        raw_file m_file;
         std::unique_ptr<compression::decompressor> m_decompressor; // null: the file is not compressed
         std::string m_bytes;
         std::size_t m_at = 0;

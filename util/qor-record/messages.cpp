@@ -1,8 +1,9 @@
 #include "messages.h"
 
+#include "terminal.h"
+
 #include "qor/qor.h"
 
-#include <cstdio>
 #include <string_view>
 
 namespace qor::record {
@@ -58,9 +59,7 @@ std::string text_of(uint32 number, std::initializer_list<std::string> inserts) {
 }
 
 void say(uint32 number, std::initializer_list<std::string> inserts) {
-    const std::string line = "record: " + text_of(number, inserts) + '\n';
-    std::fwrite(line.data(), 1, line.size(), stderr);
-    std::fflush(stderr);
+    write_text(stream::error, "record: " + text_of(number, inserts) + '\n');
 }
 
 } // namespace qor::record

@@ -2,23 +2,15 @@
 
 #include "messages.h"
 #include "shared/arena.h"
+#include "terminal.h"
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <string_view>
 
 namespace qor::record {
 
 namespace {
-
-struct option_row {
-    const char* name;
-    bool has_value;
-    bool (*handler)(options& chosen, const std::string& value); // false after a message
-    uint32 syntax;
-    uint32 description;
-};
 
 bool take_depth(options& chosen, const std::string& value) {
     const char* const end = value.data() + value.size();
@@ -57,22 +49,30 @@ constexpr option_row rows[] = {
     {"--help", false, nullptr, message::help_syntax, message::help_description},
 };
 
+template <class Function>
+void for_each_row(Function function) {
+    for (const option_row& each : rows)
+        function(each);
+    for (const option_row& each : options_of_system())
+        function(each);
+}
+
 void show_help() {
-    std::printf("%s\n", text_of(message::usage).c_str());
+    std::string help = text_of(message::usage) + '\n';
     constexpr std::size_t column = 18;
-    for (const option_row& each : rows) {
+    for_each_row([&](const option_row& each) {
         std::string syntax = text_of(each.syntax);
         const auto width = std::ranges::count_if(syntax, [](char c) { return (c & 0xc0) != 0x80; }); // characters
         syntax.append(column - std::min(column, static_cast<std::size_t>(width)), ' ');
-        std::printf("  %s %s\n", syntax.c_str(), text_of(each.description).c_str());
-    }
+        help.append("  ").append(syntax).append(" ").append(text_of(each.description)).append("\n");
+    });
+    write_text(stream::output, help);
 }
 
 const option_row* find_row(std::string_view name) {
-    for (const option_row& each : rows)
-        if (name == each.name)
-            return &each;
-    return nullptr;
+    const option_row* found = nullptr;
+    for_each_row([&](const option_row& each) { found = name == each.name ? &each : found; });
+    return found;
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "compression/compressor.h"
+#include "file_system.h"
 
 #include <memory>
 #include <string>
@@ -15,14 +16,15 @@ public:
     output_file() = default;
     output_file(const output_file&) = delete;
     output_file& operator=(const output_file&) = delete;
-    ~output_file();
 
-    // Creates the file, 0600. Nothing that exists is opened. 0, or the error.
+    // Creates the file. Nothing that exists is opened. 0, or the error.
     int create(const std::string& path, compression::format kind);
+    // What is written goes nowhere.
+    void refuse(int reason);
 
     const std::string& path() const noexcept { return m_path; }
     compression::format kind() const noexcept { return m_kind; }
-    int failure() const noexcept { return m_failure; } // errno of the write that ended it; 0: all writes succeeded
+    int failure() const noexcept { return m_failure; } // of the write that ended it; 0: all writes succeeded
 
     // Room for the next piece, which may be as long as `longest_piece`; advance() tells its end. A piece is never
     // parted.
@@ -47,7 +49,6 @@ private:
 
     void pass_on(ending until);
     void write(const char* data, std::size_t size);
-    void close();
 
     std::string m_path;
     compression::format m_kind = compression::format::none;
@@ -57,7 +58,7 @@ private:
     std::size_t m_used = 0;
     std::size_t m_written = 0;
     bool m_is_flushed = true;
-    int m_descriptor = -1;
+    raw_file m_file;
     int m_failure = 0;
 };
 

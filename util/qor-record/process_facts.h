@@ -28,7 +28,4 @@ bool has_ended(std::int32_t process, int handle);
 
 bool is_readable(int descriptor);
 
-// Nanoseconds of the steady clock.
-std::uint64_t steady_time();
-
 } // namespace qor::record

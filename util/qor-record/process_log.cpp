@@ -1,24 +1,15 @@
 #include "process_log.h"
 
-#include "process_facts.h"
+#include "clocks.h"
 
-#include <climits>
-#include <ctime>
-#include <linux/futex.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <chrono>
+#include <thread>
 
 namespace qor::record {
 
 namespace {
 
 constexpr std::uint64_t time_step = 10'000'000; // nanoseconds between the time marks
-
-std::uint64_t now() {
-    timespec time;
-    ::clock_gettime(CLOCK_REALTIME, &time);
-    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(time.tv_nsec);
-}
 
 constexpr char hex_pairs[513] = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f"
                                 "202122232425262728292a2b2c2d2e2f303132333435363738393a3b3c3d3e3f"
@@ -64,8 +55,10 @@ process_log::process_log(arena_host& host, unsigned session_index, std::int32_t 
       m_stacks(host) {}
 
 int process_log::create(const std::string& log, const std::string& stacks, compression::format kind) {
-    if (const int reason = m_log.create(log, kind))
+    if (const int reason = m_log.create(log, kind)) {
+        m_stacks.file().refuse(reason);
         return reason;
+    }
     const int reason = m_stacks.file().create(stacks, kind);
     if (reason != 0)
         m_log.remove();
@@ -73,7 +66,7 @@ int process_log::create(const std::string& log, const std::string& stacks, compr
 }
 
 void process_log::begin(std::int32_t parent) {
-    m_start_time = now();
+    m_start_time = time_since_1970();
     m_stacks.begin(m_process, parent, m_start_time, m_host.shared().depth);
     char* const at = m_log.room();
     constexpr std::string_view start = "= Start\n";
@@ -83,11 +76,7 @@ void process_log::begin(std::int32_t parent) {
 
 void process_log::publish(std::uint64_t tail) {
     m_session.tail.store(tail, std::memory_order_seq_cst);
-    if (m_session.waiters.load(std::memory_order_seq_cst) == 0)
-        return;
-    m_session.waiters.store(0, std::memory_order_seq_cst);
-    m_session.tail_moves.fetch_add(1, std::memory_order_seq_cst);
-    ::syscall(SYS_futex, &m_session.tail_moves, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+    arena_host::wake_writers(m_session);
 }
 
 std::uint64_t process_log::drain(std::uint64_t most, bool is_over) {
@@ -101,7 +90,7 @@ std::uint64_t process_log::drain(std::uint64_t most, bool is_over) {
 }
 
 std::uint64_t process_log::read(std::uint64_t end, bool is_over) {
-    if (const std::uint64_t time = now(); time - m_last_time >= time_step) {
+    if (const std::uint64_t time = time_since_1970(); time - m_last_time >= time_step) {
         m_last_time = time;
         m_stacks.time(time - m_start_time);
     }
@@ -176,6 +165,7 @@ bool process_log::leaves_out(const ring_record& record, record_kind kind) {
         }
         return false;
     case record_kind::module_gone:
+    case record_kind::left:
         return false;
     }
     return false;
@@ -202,6 +192,8 @@ void process_log::write(const ring_record& record, record_kind kind) {
     case record_kind::module_gone:
         m_stacks.module_gone(static_cast<std::uint32_t>(record.detail));
         break;
+    case record_kind::left:
+        break;
     }
 }
 
@@ -227,10 +219,8 @@ log_replay& process_log::replay_of(std::uint64_t lines) {
 process_log::place process_log::place_of_fork(std::uint64_t ticket, bool is_over) {
     // Another thread of the parent may be about to commit an earlier record.
     for (int i = 0; m_tail < ticket && i < 1000; ++i) {
-        if (read(ticket, is_over) == 0) {
-            constexpr timespec moment = {0, 100'000};
-            ::nanosleep(&moment, nullptr);
-        }
+        if (read(ticket, is_over) == 0)
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
     return {m_lines, m_unlogged, m_stacks.modules_gone()};
 }

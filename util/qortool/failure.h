@@ -15,7 +15,7 @@ QOR_PRINTF(1, 2) inline int report_failure(const char* format, ...) {
     qorGetLastError(reason);
     std::va_list arguments;
     va_start(arguments, format);
-    qor::glue::fixed_vfprintf(stderr, format, arguments);
+    fixed_vfprintf(stderr, format, arguments);
     va_end(arguments);
     reason.Put(stderr, true);
     return 1;

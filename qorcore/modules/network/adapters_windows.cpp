@@ -1,4 +1,5 @@
 // The interfaces of this host, from the IP Helper library.
+#include "common/system_reason.h"
 #include "interface_list.h"
 
 #include <winsock2.h> // before the two below
@@ -8,7 +9,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <system_error>
 
 namespace {
 
@@ -93,7 +93,7 @@ bool network::read_interfaces(std::vector<interface_facts>& out) {
         return true;
     if (code != ERROR_SUCCESS) {
         qorSetLastError(qorError_system, "GetAdaptersAddresses",
-                        std::system_category().message(static_cast<int>(code)).c_str());
+                        qor::modules::system_reason(static_cast<int>(code)).c_str());
         return false;
     }
     for (auto* adapter = reinterpret_cast<const IP_ADAPTER_ADDRESSES*>(room.data()); adapter != nullptr;

@@ -137,11 +137,6 @@ void query::finish() noexcept {
 
 // ---- connections
 
-std::string name_in_sqlite(const std::string& path) {
-    // SQLite takes some relative names for commands, such as ":memory:" and "file:".
-    return qorIsAbsolutePath(path.c_str()) ? path : "./" + path;
-}
-
 connection::~connection() {
     for (sqlite3_stmt* const each : m_statements)
         sqlite3_finalize(each);
@@ -166,7 +161,7 @@ bool connection::open(const char* path, int flags, uint32 wait_ms) {
     m_wait = wait_ms;
     const int result =
         sqlite3_open_v2(name_in_sqlite(path).c_str(), &m_database,
-                        flags | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE | SQLITE_OPEN_EXRESCODE, nullptr);
+                        flags | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE | SQLITE_OPEN_EXRESCODE, file_system);
     if (result == SQLITE_CANTOPEN && (flags & SQLITE_OPEN_CREATE) == 0 && sqlite3_system_errno(m_database) == no_file)
         return fail(qorError_store_missing, nullptr);
     if (result != SQLITE_OK)

@@ -2,6 +2,7 @@
 // framework's form, and a limit on waiting for other processes.
 #pragma once
 
+#include "name_in_sqlite.h"
 #include "qor/qor.h"
 
 #include <array>
@@ -47,9 +48,6 @@ enum class command {
 constexpr command limited(command plain, bool is_limited) noexcept {
     return static_cast<command>(static_cast<int>(plain) + (is_limited ? 1 : 0));
 }
-
-// The name by which SQLite finds a path.
-std::string name_in_sqlite(const std::string& path);
 
 // Preserves the last error while a failure is cleaned up. Without memory for that, a later error may take its place.
 class kept_error {

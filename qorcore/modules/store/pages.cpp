@@ -42,7 +42,7 @@ raw_file::~raw_file() {
 }
 
 int raw_file::open(const std::string& path, int kind) {
-    sqlite3_vfs* const system = sqlite3_vfs_find(nullptr);
+    sqlite3_vfs* const system = sqlite3_vfs_find(file_system);
     if (system == nullptr)
         return SQLITE_ERROR;
     // The name goes with those of the files beside it, in one block.

@@ -40,11 +40,7 @@ public:
 
     void GetMessage(qorString& out) noexcept override { put_text(m_error, out); }
 
-    bool Put(std::FILE* stream, bool newline) noexcept override {
-        qorString text;
-        GetMessage(text);
-        return text.Put(stream, newline);
-    }
+    bool PutToOwnStream(std::FILE* stream, bool newline) noexcept override { return Put(stream, newline); }
 
     void Report() noexcept override {
         fputmsg(stderr, framework::catalog, framework::error_report, qor::platform::name(), text_of(m_error).c_str());
@@ -91,11 +87,13 @@ private:
 
 uint32 qor::glue::qorGetLastError_text(qorString& out) noexcept { return put_text(error::current(), out); }
 
-void qor::glue::fputerr(std::FILE* stream, bool newline) noexcept {
+void qor::glue::fputerr_sink(IQORStreamSink* sink, bool newline) noexcept {
     qorString text;
     qorGetLastError_text(text);
-    text.Put(stream, newline);
+    qorString_Put_sink(&text, sink, newline);
 }
+
+void qor::glue::fputerr(std::FILE* stream, bool newline) noexcept { ::fputerr(stream, newline); }
 
 void qor::glue::qorGetLastError_message(IQORErrorMessage** out) noexcept { create(qor::error::current(), out); }
 

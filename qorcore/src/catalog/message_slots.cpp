@@ -53,8 +53,8 @@ bool qor::glue::qorString_LoadStringEx(qorString* self, const char* catalog, uin
     return !text.empty();
 }
 
-bool qor::glue::fputmsg(std::FILE* stream, const char* catalog, uint32 number, const char* const* inserts,
-                        bool newline) noexcept {
+bool qor::glue::fputmsg_sink(IQORStreamSink* sink, const char* catalog, uint32 number, const char* const* inserts,
+                             bool newline) noexcept {
     const std::string_view text = find_text(catalog, number);
     std::string line;
     if (!text.empty()) {
@@ -67,7 +67,13 @@ bool qor::glue::fputmsg(std::FILE* stream, const char* catalog, uint32 number, c
     }
     if (newline)
         line += '\n';
-    return qor::stream::write_text(stream, line) && !text.empty();
+    return qor::stream::write_text(*sink, line) && !text.empty();
+}
+
+bool qor::glue::fputmsg(std::FILE* stream, const char* catalog, uint32 number, const char* const* inserts,
+                        bool newline) noexcept {
+    stream_sink sink(stream);
+    return fputmsg_sink(&sink, catalog, number, inserts, newline);
 }
 
 void qor::glue::qorGetActiveCatalogLanguages(qorStringArray& out) noexcept {

@@ -3,6 +3,7 @@
 // system, and does not see a file while it is written.
 #include "config/config.h"
 #include "error/error.h"
+#include "platform/end_of_process.h"
 #include "platform/file_info.h"
 #include "platform/own_process.h"
 
@@ -187,7 +188,7 @@ void qor::config::watch::stop() noexcept {
     std::unique_lock hold(own.lock);
     std::erase(own.watched, m_state);
     if (own.thread != platform::thread_id())
-        own.changed.wait(hold, [&] { return own.told != m_state; });
+        (void)platform::wait_for_others(own.changed, hold, [&] { return own.told != m_state; });
     hold.unlock();
     m_state = nullptr;
 }

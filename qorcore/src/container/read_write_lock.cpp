@@ -1,6 +1,7 @@
 // The read/write lock: one mutex guards the state, and two conditions wake those who wait.
 #include "error/error.h"
 #include "memory/allocator.h"
+#include "platform/end_of_process.h"
 #include "platform/no_cancellation.h"
 #include "qor/system/template/Object.h"
 
@@ -76,8 +77,18 @@ private:
         return false;
     }
 
+    // At the end of a process, nobody else holds it any more.
+    void forget_the_gone() noexcept {
+        if (!qor::platform::other_threads_are_gone())
+            return;
+        std::erase_if(m_readers, [](const reader& each) { return each.thread != std::this_thread::get_id(); });
+        m_writes = is_writer() ? m_writes : 0;
+        m_waiting_writers = 0;
+    }
+
     bool lock_read(wait how, uint32 ms) noexcept {
         std::unique_lock hold(m_lock);
+        forget_the_gone();
         const auto own = find_reader();
         if (own != m_readers.end()) {
             ++own->times;
@@ -93,6 +104,7 @@ private:
 
     bool lock_write(wait how, uint32 ms) noexcept {
         std::unique_lock hold(m_lock);
+        forget_the_gone();
         if (!is_writer()) {
             if (find_reader() != m_readers.end()) {
                 qor::error::set(qorError_lock_would_wait_for_itself, {"IQORReadWriteLock::LockWrite"});

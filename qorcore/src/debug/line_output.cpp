@@ -1,6 +1,7 @@
 #include "debug/line_output.h"
 
 #include "error/error.h"
+#include "platform/end_of_process.h"
 #include "platform/own_process.h"
 #include "stream/text_output.h"
 #include "string/working_memory.h"
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -242,8 +244,9 @@ void qor::debug::line_output::flush() noexcept {
     if (m_kept == 0)
         return;
     write_to_file({m_rest.bytes(), m_kept});
-    std::memset(m_rest.bytes(), 0, m_kept);
-    m_kept = 0;
+    // In this order, because a thread may be ended in the middle.
+    const std::size_t written = std::exchange(m_kept, 0);
+    std::memset(m_rest.bytes(), 0, written);
 }
 
 // Writes the kept lines, and from now on each line at once.
@@ -257,6 +260,8 @@ void qor::debug::line_output::write_each_line() noexcept {
 bool qor::debug::line_output::write_to_file(std::string_view text) noexcept {
     std::size_t written = 0;
     int reason = m_file->recover(m_name.c_str());
+    if (platform::other_threads_are_gone())
+        look_for_torn_line();
     // What follows a part of a line begins a new one.
     if (reason == 0 && m_is_torn) {
         reason = m_file->write("\n", 1);
@@ -270,6 +275,19 @@ bool qor::debug::line_output::write_to_file(std::string_view text) noexcept {
         m_is_torn = text[written - 1] != '\n';
     count_loss(count_lines(text.substr(written)));
     return false;
+}
+
+// A thread that was ended while it wrote may have left a part of a line.
+void qor::debug::line_output::look_for_torn_line() noexcept {
+    raw_file written;
+    std::uint64_t size = 0;
+    char last = '\n';
+    std::size_t count = 0;
+    if (std::exchange(m_is_at_end, true) || m_name.empty() ||
+        written.open(m_name.c_str(), raw_file::access::read) != 0 || written.size(&size) != 0 || size == 0 ||
+        written.read_at(size - 1, &last, 1, &count) != 0)
+        return;
+    m_is_torn = last != '\n';
 }
 
 void qor::debug::line_output::count_loss(uint64 lines) noexcept {
@@ -359,10 +377,12 @@ void qor::debug::line_output::flush_periodically() noexcept {
 }
 
 void qor::debug::line_output::finish() noexcept {
-    const auto hold = qor::platform::lock_at_exit(shared().lock);
+    const std::lock_guard hold(shared().lock);
     for (line_output* each = shared().first; each != nullptr; each = each->m_next) {
         each->write_each_line();
         each->report_loss(true);
+        if (each->m_file != nullptr && platform::other_threads_are_gone())
+            each->write_to_file({});
     }
 }
 

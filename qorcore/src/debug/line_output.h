@@ -71,6 +71,7 @@ private:
     bool write_to_file(std::string_view text) noexcept;
     bool keep(std::string_view line) noexcept;
     bool has_rest() noexcept;
+    void look_for_torn_line() noexcept;
     void report_loss(bool is_last) noexcept;
     void count_loss(uint64 lines) noexcept;
 
@@ -78,6 +79,7 @@ private:
     std::string m_name;                         // the absolute path of the file; empty for a pipe or a device
     bool m_may_keep = false;                    // if false, each line is written at once
     bool m_is_torn = false;                     // the file ends with a part of a line of ours
+    bool m_is_at_end = false;                   // the other threads are gone, and what they left is known
     surviving_memory m_rest;
     std::size_t m_kept = 0; // bytes in m_rest
     microseconds::rep m_period = 0;

@@ -14,9 +14,6 @@ void set(qorErrorNumber number, std::initializer_list<const char*> inserts = {})
 // The operating system's text for one of its error codes.
 std::string system_reason(int code);
 
-// Returns the system's error code of the C library's last stream operation, which failed.
-int stream_failure() noexcept;
-
 // Preserves the C library's and the system's last error codes for the surrounding code.
 class keep_failures {
 public:

@@ -9,8 +9,6 @@ std::string qor::error::system_reason(int code) {
     return strerror_r(code, text, sizeof text);
 }
 
-int qor::error::stream_failure() noexcept { return errno; }
-
 // On POSIX, errno is also the system's error code.
 qor::error::keep_failures::keep_failures() noexcept : m_of_c_library(errno), m_of_system(0) {}
 qor::error::keep_failures::~keep_failures() { errno = m_of_c_library; }

@@ -2,7 +2,6 @@
 #include "platform/wide_windows.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <windows.h>
 
 std::string qor::error::system_reason(int code) {
@@ -15,12 +14,6 @@ std::string qor::error::system_reason(int code) {
     while (length != 0 && (text[length - 1] <= L' ' || text[length - 1] == L'.'))
         --length;
     return platform::from_wide({text, length});
-}
-
-int qor::error::stream_failure() noexcept {
-    // The C library stores the system's error code in _doserrno, unless it detected the fault itself: then the stream
-    // was opened in another mode, or is closed.
-    return _doserrno != 0 ? static_cast<int>(_doserrno) : ERROR_INVALID_HANDLE;
 }
 
 qor::error::keep_failures::keep_failures() noexcept : m_of_c_library(errno), m_of_system(GetLastError()) {}

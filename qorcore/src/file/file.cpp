@@ -1,10 +1,10 @@
 // The file object, and the same operations by a handle. The position is kept here, not by the system: reads and writes
 // at the position and at an offset are then one thing on every system.
 #include "file/file_mode.h"
+#include "platform/random_name.h"
 
 #include <cstring>
 #include <limits>
-#include <random>
 #include <string>
 
 struct qorOpenFile {
@@ -92,17 +92,6 @@ bool open(const char* path, uint32 mode, const char* operation, qorOpenFile** ou
     return reason == 0;
 }
 
-// Twelve characters that no file system takes for others: small letters and digits.
-std::string random_name() {
-    constexpr char characters[] = "abcdefghijklmnopqrstuvwxyz234567";
-    std::random_device random;
-    std::string name;
-    while (name.size() < 12)
-        for (uint32 bits = random(), i = 0; i < 6; ++i, bits >>= 5)
-            name += characters[bits & 31];
-    return name;
-}
-
 bool create_unique(const char* folder, const char* begin, const char* end, qorString& path, const char* operation,
                    qorOpenFile** out) {
     constexpr int most_attempts = 1000;
@@ -126,7 +115,7 @@ bool create_unique(const char* folder, const char* begin, const char* end, qorSt
     std::string made;
     int reason = qor::platform::raw_file::is_taken;
     for (int i = 0; reason == qor::platform::raw_file::is_taken && i < most_attempts; ++i) {
-        made = place + (begin != nullptr ? begin : "") + random_name() + (end != nullptr ? end : "");
+        made = place + (begin != nullptr ? begin : "") + qor::platform::random_name() + (end != nullptr ? end : "");
         reason = open_file(made.c_str(), mode, terms, out);
     }
     if (reason != 0) {

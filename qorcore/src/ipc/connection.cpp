@@ -5,6 +5,7 @@
 #include "ipc/loop.h"
 #include "ipc/texts.h"
 #include "message_names.h"
+#include "platform/end_of_process.h"
 #include "platform/no_cancellation.h"
 #include "platform/own_process.h"
 

@@ -2,6 +2,7 @@
 #include "error/error.h"
 #include "ipc/loop.h"
 #include "memory/allocator.h"
+#include "platform/end_of_process.h"
 #include "platform/own_process.h"
 #include "qor/system/template/Object.h"
 

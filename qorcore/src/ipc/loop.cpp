@@ -2,6 +2,7 @@
 
 #include "error/error.h"
 #include "ipc/thread_start.h"
+#include "platform/end_of_process.h"
 #include "platform/no_cancellation.h"
 #include "platform/own_process.h"
 

@@ -2,7 +2,7 @@
 
 #include "catalog/catalog.h"
 #include "message_names.h"
-#include "platform/own_process.h"
+#include "platform/end_of_process.h"
 
 #include <algorithm>
 #include <new>
@@ -145,8 +145,9 @@ void qor::log::system_sender::run() noexcept {
 
 bool qor::log::system_sender::flush(uint32 wait, std::size_t& waiting, std::string& reason) {
     holding hold(m_lock);
+    const auto is_idle = [this] { return m_queue.empty() && !m_is_sending; };
     const bool is_done =
-        m_is_idle.wait_for(hold, milliseconds(wait), [this] { return m_queue.empty() && !m_is_sending; });
+        platform::other_threads_are_gone() ? is_idle() : m_is_idle.wait_for(hold, milliseconds(wait), is_idle);
     waiting = m_queue.size();
     if (!is_done)
         reason = m_service.reason();
@@ -155,8 +156,9 @@ bool qor::log::system_sender::flush(uint32 wait, std::size_t& waiting, std::stri
 
 // An exit handler cannot rely on the thread: Windows has ended it, perhaps while it was sending.
 void qor::log::system_sender::finish(bool at_exit, milliseconds limit) noexcept {
-    holding hold = at_exit ? platform::lock_at_exit(m_lock) : holding(m_lock);
+    holding hold(m_lock);
     const auto end = std::chrono::steady_clock::now() + limit;
+    at_exit = at_exit || platform::other_threads_are_gone();
     if (!at_exit)
         m_is_idle.wait_until(hold, end, [this] { return !m_is_sending; });
     while (has_work() && (at_exit || !m_is_sending)) {

@@ -1,8 +1,10 @@
 #include "memory/allocation_log.h"
 
 #include "error/error.h"
+#include "platform/end_of_process.h"
 #include "platform/own_process.h"
 
+#include <algorithm>
 #include <charconv>
 #include <utility>
 
@@ -87,6 +89,9 @@ void qor::memory::allocation_log::named(const void* address, const char* type_na
 
 void qor::memory::allocation_log::finish() {
     m_finishing = true;
+    // A thread that was ended while it wrote may have written lines that it did not count. They are written once more.
+    if (is_open() && platform::other_threads_are_gone())
+        m_file.cut(m_written);
     flush();
 }
 
@@ -106,7 +111,11 @@ void qor::memory::allocation_log::add_number(unsigned long long value, int base)
     add({text, std::to_chars(text, text + sizeof text, value, base).ptr});
 }
 
+// The first word of a line. What stands behind the last whole line is that of a thread which the end of the process has
+// ended in the middle.
 void qor::memory::allocation_log::add_address(char letter, const void* address) {
+    m_whole = std::min(m_whole, m_buffer.size());
+    m_buffer.erase(m_whole);
     const char begin[] = {letter, ' '};
     add({begin, sizeof begin});
     add_number(reinterpret_cast<std::uintptr_t>(address), 16);
@@ -129,6 +138,7 @@ void qor::memory::allocation_log::end_line() {
 }
 
 void qor::memory::allocation_log::flush() {
+    m_whole = std::min(m_whole, m_buffer.size());
     if (is_open() && m_whole != 0) {
         int reason = m_file.recover(m_path.c_str());
         if (reason == 0)

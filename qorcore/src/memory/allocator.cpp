@@ -81,8 +81,7 @@ void forget_blocks(shared_state& shared) noexcept {
 // thread that wants the lock.
 class guard {
 public:
-    guard() : guard(std::unique_lock(state().lock)) {}
-    explicit guard(std::unique_lock<std::mutex> hold) : m_hold(std::move(hold)) { state().is_held = true; }
+    guard() : m_hold(state().lock) { state().is_held = true; }
     guard(const guard&) = delete;
     guard& operator=(const guard&) = delete;
     ~guard() { unlock(); }
@@ -197,7 +196,7 @@ void after_fork_in_child() noexcept {
 }
 
 void finish_log() noexcept {
-    const guard hold(qor::platform::lock_at_exit(state().lock));
+    const guard hold;
     state().log.finish();
 }
 

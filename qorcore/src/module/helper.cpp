@@ -3,6 +3,7 @@
 #include "error/error.h"
 #include "memory/allocator.h"
 #include "module/records.h"
+#include "platform/end_of_process.h"
 #include "platform/no_cancellation.h"
 
 #include <algorithm>
@@ -113,7 +114,7 @@ private:
     void withdraw(registrations::iterator which, std::unique_lock<std::mutex>& hold) {
         const unsigned long long id = which->second.id;
         table().erase(which);
-        while (!running_call::is_inside() && running_call::is_running(id))
+        while (!running_call::is_inside() && running_call::is_running(id) && !platform::other_threads_are_gone())
             wait_for_change(hold);
     }
 

@@ -1,5 +1,6 @@
 #include "module/turns.h"
 
+#include "platform/end_of_process.h"
 #include "platform/own_process.h"
 
 #include <algorithm>
@@ -120,6 +121,8 @@ turn::outcome turn::enter(std::unique_lock<std::mutex>& hold) {
     while (m_state == state::being_made) {
         if (waits_for_self(m_maker))
             return outcome::circular;
+        if (platform::other_threads_are_gone())
+            break; // the maker is gone, and this thread makes it
         waiter here{self, this, own.waiters};
         own.waiters = &here;
         own.changed.wait(hold);

@@ -8,6 +8,7 @@
 #include "memory/allocator.h"
 #include "net/address.h"
 #include "net/connection.h"
+#include "platform/end_of_process.h"
 #include "platform/no_cancellation.h"
 #include "platform/own_process.h"
 #include "qor/system/template/Object.h"
@@ -296,8 +297,7 @@ bool close_listener(const listener_pointer& which) noexcept {
     accepter& own = *which->owner;
     if (!is_current(own))
         return false;
-    // Its owner may be an object that is destroyed by an exit handler.
-    std::unique_lock hold = qor::platform::lock_at_exit(own.lock);
+    std::unique_lock hold(own.lock);
     const qor::platform::no_cancellation keep;
     const bool are_others_gone = qor::platform::other_threads_are_gone();
     const bool is_first = !std::exchange(which->is_closed, true);

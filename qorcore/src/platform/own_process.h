@@ -1,7 +1,6 @@
 // Inside the library: facts about the process in which it runs.
 #pragma once
 
-#include <mutex>
 #include <string>
 
 namespace qor::platform {
@@ -41,7 +40,7 @@ void set_environment(const char* variable, const char* value) noexcept;
 bool has_argument(const char* begin) noexcept;
 
 // Makes the standard streams safe for output: no file that is opened later may take the place of a stream that the
-// caller closed, and a console must read the output as UTF-8.
+// caller closed, and nothing stays in a buffer of standard error.
 void set_up_standard_streams() noexcept;
 
 // Registers three routines that run around every fork: in the parent before and after it, and in the child.
@@ -50,13 +49,5 @@ void watch_forks(void (*before)() noexcept, void (*in_parent)() noexcept, void (
 // Starts a detached thread of the framework's own that receives none of the host's signals. Returns 0 or the system's
 // error code.
 int start_thread(void (*run)() noexcept) noexcept;
-
-// Locks a mutex in an exit handler. On Windows, the end of a process first ends all other threads, wherever they are,
-// so a thread that no longer exists may hold the mutex. Then the mutex is made anew; what it protects may be half
-// changed.
-std::unique_lock<std::mutex> lock_at_exit(std::mutex& lock) noexcept;
-
-// Whether the process is at its end and all other threads are gone: Windows ends them before it calls exit handlers.
-bool other_threads_are_gone() noexcept;
 
 } // namespace qor::platform

@@ -103,7 +103,3 @@ int qor::platform::start_thread(void (*run)() noexcept) noexcept {
         pthread_detach(thread);
     return failed;
 }
-
-// Here, the other threads run until the process is gone.
-std::unique_lock<std::mutex> qor::platform::lock_at_exit(std::mutex& lock) noexcept { return std::unique_lock(lock); }
-bool qor::platform::other_threads_are_gone() noexcept { return false; }

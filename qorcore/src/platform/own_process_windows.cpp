@@ -1,8 +1,9 @@
 #include "platform/own_process.h"
+
+#include "platform/end_of_process.h"
 #include "platform/wide_windows.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <new>
@@ -31,10 +32,6 @@ std::string& process_name() {
     static std::string* const name = new std::string(executable_name());
     return *name;
 }
-
-UINT console_before = 0;
-
-void restore_console() { SetConsoleOutputCP(console_before); }
 
 DWORD WINAPI thread_main(void* run) {
     reinterpret_cast<void (*)() noexcept>(run)();
@@ -114,47 +111,23 @@ bool qor::platform::has_argument(const char* begin) noexcept {
     return line.find(L' ' + wide) != std::wstring::npos || line.find(L'"' + wide) != std::wstring::npos;
 }
 
-// On Windows, no file can take the place of a closed stream, because handles are not numbered like descriptors. But a
-// console shows bytes in its code page, which is seldom UTF-8. The console belongs to the user, so its code page is
-// restored at exit.
+// On Windows, no file can take the place of a closed stream, because handles are not numbered like descriptors. But the
+// C library buffers standard error if it is redirected. A question or a warning would then appear only when the process
+// ends.
 void qor::platform::set_up_standard_streams() noexcept {
-    if (console_before != 0)
-        return;
-    // The C library buffers standard error if it is redirected. A question or a warning would then appear only when the
-    // process ends.
-    std::setvbuf(stderr, nullptr, _IONBF, 0);
-    console_before = GetConsoleOutputCP();
-    if (console_before == 0 || console_before == CP_UTF8 || !SetConsoleOutputCP(CP_UTF8))
-        return;
-    std::atexit(restore_console);
+    static const int done = std::setvbuf(stderr, nullptr, _IONBF, 0);
+    (void)done;
 }
 
 // Windows has no fork.
 void qor::platform::watch_forks(void (*)() noexcept, void (*)() noexcept, void (*)() noexcept) noexcept {}
 
 int qor::platform::start_thread(void (*run)() noexcept) noexcept {
+    if (platform::other_threads_are_gone())
+        return ERROR_SHUTDOWN_IN_PROGRESS; // the thread would not get to run
     const HANDLE thread = CreateThread(nullptr, 0, thread_main, reinterpret_cast<void*>(run), 0, nullptr);
     if (thread == nullptr)
         return static_cast<int>(GetLastError());
     CloseHandle(thread);
     return 0;
-}
-
-bool qor::platform::other_threads_are_gone() noexcept {
-    // Every process has this library, so it need not be loaded, which no process may do at its end.
-    using function = BOOLEAN NTAPI();
-    static function* const is_shutting_down = reinterpret_cast<function*>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
-    return is_shutting_down != nullptr && is_shutting_down();
-}
-
-std::unique_lock<std::mutex> qor::platform::lock_at_exit(std::mutex& lock) noexcept {
-    std::unique_lock hold(lock, std::defer_lock);
-    if (!other_threads_are_gone())
-        hold.lock();
-    else if (!hold.try_lock()) {
-        new (&lock) std::mutex; // without the old one's destructor, which refuses a locked mutex
-        hold.lock();
-    }
-    return hold;
 }

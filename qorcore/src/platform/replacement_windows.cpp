@@ -1,15 +1,20 @@
-// The new file is called like the target, with ".qor-unfinished" behind it. Nobody else can open it while it is being
-// written, so another writer knows whether such a file is still wanted.
+// The new file is called like the target, with random characters and ".qor-unfinished" behind it: a name that could be
+// guessed could be taken before. Nobody else can open the file while it is being written, so another writer knows
+// whether such a file is still wanted.
+#include "platform/random_name.h"
 #include "platform/replacement.h"
 #include "platform/wide_windows.h"
 #include "qor/glue/own_rights_windows.h"
 
 #include <algorithm>
+#include <iterator>
 #include <windows.h>
 
 namespace {
 
-constexpr int most_writers = 100; // of one file at once
+constexpr int most_attempts = 100;
+
+constexpr wchar_t mark[] = L".qor-unfinished";
 
 // ERROR_DIRECTORY_NOT_SUPPORTED, which many headers do not have yet.
 constexpr int operation_on_folder = 336;
@@ -51,33 +56,44 @@ int examine_target(std::wstring& path) {
 }
 
 // Removes what a killed process has left. A file that was written a moment ago may be about to take its place.
-bool remove_leftover(const std::wstring& path) noexcept {
+void remove_leftover(const std::wstring& path) noexcept {
     constexpr uint64 ten_minutes = 600 * 10'000'000ull;
     const HANDLE file = CreateFileW(path.c_str(), DELETE | FILE_READ_ATTRIBUTES, 0, nullptr, OPEN_EXISTING,
                                     FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
     if (file == INVALID_HANDLE_VALUE)
-        return GetLastError() == ERROR_FILE_NOT_FOUND;
+        return;
     const auto number = [](FILETIME time) { return time.dwLowDateTime | uint64{time.dwHighDateTime} << 32; };
     FILETIME written, now;
     GetSystemTimeAsFileTime(&now);
     FILE_DISPOSITION_INFO gone{TRUE};
-    const bool is_leftover = GetFileTime(file, nullptr, nullptr, &written) &&
-                             number(written) + ten_minutes < number(now) &&
-                             SetFileInformationByHandle(file, FileDispositionInfo, &gone, sizeof gone);
+    if (GetFileTime(file, nullptr, nullptr, &written) && number(written) + ten_minutes < number(now))
+        SetFileInformationByHandle(file, FileDispositionInfo, &gone, sizeof gone);
     CloseHandle(file);
-    return is_leftover;
 }
 
-// The name of the new file for the `attempt`th of several writers. It is one component, whatever the length of the
-// target's.
-std::wstring unfinished_name(const std::wstring& target, int attempt) {
-    constexpr std::size_t longest = 255;
-    std::wstring end;
-    if (attempt != 0)
-        end.append(L".").append(std::to_wstring(attempt));
-    end.append(L".qor-unfinished");
-    const std::size_t begin = target.find_last_of(L"\\/:") + 1;
-    return target.substr(0, begin + std::min(target.size() - begin, longest - end.size())).append(end);
+std::size_t name_begin(const std::wstring& path) noexcept { return path.find_last_of(L"\\/:") + 1; }
+
+// The beginning of the new file's path. Its name is one component, whatever the length of the target's.
+std::wstring begin_of_new(const std::wstring& target) {
+    constexpr std::size_t longest = 255 - qor::platform::random_name_length - std::size(mark);
+    const std::size_t begin = name_begin(target);
+    return target.substr(0, begin + std::min(target.size() - begin, longest)).append(L".");
+}
+
+void remove_leftovers(const std::wstring& begin) {
+    WIN32_FIND_DATAW found;
+    const HANDLE search = FindFirstFileW(std::wstring(begin).append(L"*").append(mark).c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE)
+        return;
+    // The pattern also matches short names and names with other characters in between.
+    const std::size_t length =
+        begin.size() - name_begin(begin) + qor::platform::random_name_length + std::size(mark) - 1;
+    do {
+        const std::wstring_view name = found.cFileName;
+        if (name.size() == length && name.ends_with(mark))
+            remove_leftover(begin.substr(0, name_begin(begin)).append(name));
+    } while (FindNextFileW(search, &found));
+    FindClose(search);
 }
 
 } // namespace
@@ -97,19 +113,19 @@ int qor::platform::replacement::begin(const char* path, bool is_private) {
     if (m_keeps)
         if (const int reason = m_kept.read(m_target.c_str()))
             return reason;
+    const std::wstring begin = begin_of_new(target);
+    remove_leftovers(begin);
     HANDLE file = INVALID_HANDLE_VALUE;
     int reason = ERROR_FILE_EXISTS;
-    for (int attempt = 0; reason == ERROR_FILE_EXISTS && attempt < most_writers; ++attempt) {
-        const std::wstring name = unfinished_name(target, attempt);
-        for (int round = 0; reason == ERROR_FILE_EXISTS && (round == 0 || (round == 1 && remove_leftover(name)));
-             ++round) {
-            file = CreateFileW(name.c_str(), GENERIC_WRITE | WRITE_DAC, 0, is_private ? rights.get() : nullptr,
-                               CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
-            reason = file != INVALID_HANDLE_VALUE ? 0 : last_error();
-            // A file that is being deleted.
-            if (reason == ERROR_ACCESS_DENIED && GetFileAttributesW(name.c_str()) != INVALID_FILE_ATTRIBUTES)
-                reason = ERROR_FILE_EXISTS;
-        }
+    for (int attempt = 0; reason == ERROR_FILE_EXISTS && attempt < most_attempts; ++attempt) {
+        const std::string random = random_name();
+        const std::wstring name = std::wstring(begin).append(random.begin(), random.end()).append(mark);
+        file = CreateFileW(name.c_str(), GENERIC_WRITE | WRITE_DAC, 0, is_private ? rights.get() : nullptr, CREATE_NEW,
+                           FILE_ATTRIBUTE_NORMAL, nullptr);
+        reason = file != INVALID_HANDLE_VALUE ? 0 : last_error();
+        // A file that is being deleted.
+        if (reason == ERROR_ACCESS_DENIED && GetFileAttributesW(name.c_str()) != INVALID_FILE_ATTRIBUTES)
+            reason = ERROR_FILE_EXISTS;
         m_name = name_from_wide(name);
     }
     if (reason != 0) {

@@ -1,12 +1,11 @@
 // UTF-8 from and to the system's UTF-16.
 #include "platform/wide_windows.h"
 
+#include "qor/glue/wide_path_windows.h"
+
 #include <windows.h>
 
 namespace {
-
-// A folder must leave room for a name of 12 characters, so this is the limit for all paths.
-constexpr std::size_t longest_plain_path = MAX_PATH - 13;
 
 bool is_high(wchar_t unit) noexcept { return unit >= 0xd800 && unit < 0xdc00; }
 bool is_low(wchar_t unit) noexcept { return unit >= 0xdc00 && unit < 0xe000; }
@@ -97,13 +96,6 @@ std::string qor::platform::name_from_wide(std::wstring_view name) {
 bool qor::platform::to_wide_path(std::string_view path, std::wstring& out) {
     if (!name_to_wide(path, out))
         return false;
-    if (out.size() <= longest_plain_path || out.starts_with(L"\\\\?\\") || out.starts_with(L"\\\\.\\"))
-        return true;
-    std::wstring full(GetFullPathNameW(out.c_str(), 0, nullptr, nullptr), L'\0');
-    const DWORD length = GetFullPathNameW(out.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-    if (length == 0 || length >= full.size())
-        return true; // the system says why it does not take the path
-    full.resize(length);
-    out = full.starts_with(L"\\\\") ? L"\\\\?\\UNC" + full.substr(1) : L"\\\\?\\" + full;
+    glue::lift_path_limit(out);
     return true;
 }

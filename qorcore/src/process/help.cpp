@@ -21,7 +21,8 @@ std::size_t width(const std::string& text) {
 
 } // namespace
 
-void qor::glue::qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 syntax, uint32 description) noexcept {
+void qor::glue::qorWriteHelpLine_sink(IQORStreamSink* sink, const char* catalog, uint32 syntax,
+                                      uint32 description) noexcept {
     qorString left;
     qorString right;
     left.LoadString(catalog, syntax);
@@ -34,11 +35,17 @@ void qor::glue::qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 
         line.append(column - width(line), ' ');
     line += right.Text();
     line += '\n';
-    (void)qor::stream::write_text(stream, line);
+    (void)qor::stream::write_text(*sink, line);
 }
 
-void qor::glue::qorWriteToolkitHelp(std::FILE* stream) noexcept {
-    ::fputmsg(stream, framework::catalog, framework::options_heading, true);
+void qor::glue::qorWriteToolkitHelp_sink(IQORStreamSink* sink) noexcept {
+    fputmsg_sink(sink, framework::catalog, framework::options_heading, nullptr, true);
     for (const qor::process::option_help& each : qor::process::option_helps())
-        ::qorWriteHelpLine(stream, framework::catalog, each.syntax, each.description);
+        qorWriteHelpLine_sink(sink, framework::catalog, each.syntax, each.description);
 }
+
+void qor::glue::qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 syntax, uint32 description) noexcept {
+    ::qorWriteHelpLine(stream, catalog, syntax, description);
+}
+
+void qor::glue::qorWriteToolkitHelp(std::FILE* stream) noexcept { ::qorWriteToolkitHelp(stream); }

@@ -2,6 +2,7 @@
 #include "process/signals.h"
 
 #include "error/error.h"
+#include "platform/end_of_process.h"
 
 #include <array>
 #include <atomic>
@@ -190,9 +191,10 @@ bool qor::glue::qorSetSignalHandler(IQORSignalHandler* handler) noexcept {
     }
     // The caller may destroy the old handler as soon as this function returns.
     if (std::this_thread::get_id() != shared.thread)
-        shared.delivered.wait(hold, [&shared, departures = shared.departures, begun = shared.begun] {
-            return shared.served >= departures && shared.ended >= begun;
-        });
+        (void)platform::wait_for_others(shared.delivered, hold,
+                                        [&shared, departures = shared.departures, begun = shared.begun] {
+                                            return shared.served >= departures && shared.ended >= begun;
+                                        });
     hold.unlock();
     if (old != nullptr)
         old->Release();

@@ -47,7 +47,9 @@ int read_device_map(std::vector<known_port>& ports) {
 }
 
 bool is_same_name(const std::string& left, const std::string& right) {
-    return lstrcmpiA(left.c_str(), right.c_str()) == 0;
+    std::wstring wide_left, wide_right;
+    return qor::platform::to_wide(left, wide_left) && qor::platform::to_wide(right, wide_right) &&
+           lstrcmpiW(wide_left.c_str(), wide_right.c_str()) == 0;
 }
 
 // Also returns "COM3" for "\\.\com3" and "COM3:".

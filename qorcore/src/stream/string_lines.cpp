@@ -1,13 +1,15 @@
 // Strings: reading from and writing to C streams.
 #include "error/error.h"
+#include "stream/terminal.h"
 #include "stream/text_output.h"
 #include "string/string_data.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
 namespace {
+
+using qor::stream::line_end;
 
 // A line may be a password, so no copy of it may stay in memory.
 void wipe(char* bytes, std::size_t size) noexcept {
@@ -28,9 +30,28 @@ void append_secret(qorString& self, const char* bytes, uint32 size) noexcept {
     qor::glue::qorString_Append(&self, bytes, size);
 }
 
+// Reads with the functions of the stream.
+line_end read_line(IQORStreamSource& source, qorString& line, int& failure) noexcept {
+    char piece[512];
+    uint32 used = 0;
+    bool is_read;
+    bool is_whole;
+    do {
+        is_read = source.ReadLine(piece, sizeof piece, &used);
+        is_whole = used != 0 && piece[used - 1] == '\n';
+        append_secret(line, piece, is_whole ? used - 1 : used);
+    } while (is_read && used == sizeof piece && !is_whole);
+    if (!is_read)
+        failure = source.GetFailure();
+    wipe(piece, sizeof piece);
+    if (!is_read)
+        return line_end::failed;
+    return is_whole ? line_end::newline : line_end::end_of_input;
+}
+
 } // namespace
 
-bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool newline) noexcept {
+bool qor::glue::qorString_Put_sink(const qorString* self, IQORStreamSink* sink, bool newline) noexcept {
     // Writes the whole line in one call. With two calls, output of another thread could split the line, and an
     // unbuffered stream would write it in two parts.
     qor::string::working_memory memory;
@@ -43,42 +64,32 @@ bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool new
         text = line;
         ++length;
     }
-    if (qor::stream::write_text(stream, {text, length}))
+    int failure = 0;
+    if (qor::stream::write_text(*sink, {text, length}, failure))
         return true;
-    qor::error::set_with_reason(qorError_cannot_write_file, "stream", qor::error::stream_failure());
+    qor::error::set_with_reason(qorError_cannot_write_file, "stream", failure);
     return false;
 }
 
-bool qor::glue::qorString_GetLine(qorString* self, std::FILE* stream) noexcept {
+bool qor::glue::qorString_Put(const qorString* self, std::FILE* stream, bool newline) noexcept {
+    return self->Put(stream, newline);
+}
+
+bool qor::glue::qorString_GetLine_source(qorString* self, IQORStreamSource* source) noexcept {
     self->Empty();
-    char piece[512];
-    uint32 used = 0;
-    bool any = false;
-    int byte;
-    while ((byte = std::getc(stream)) != '\n') {
-        if (byte == EOF) {
-            // A read that a signal handler interrupted is not the end of the stream: read again.
-            if (std::feof(stream) || !std::ferror(stream) || errno != EINTR)
-                break;
-            std::clearerr(stream);
-            continue;
-        }
-        any = true;
-        if (used == sizeof piece) {
-            append_secret(*self, piece, used);
-            used = 0;
-        }
-        piece[used++] = static_cast<char>(byte);
-    }
-    if (byte == EOF && !std::feof(stream)) {
-        qor::error::set_with_reason(qorError_cannot_read_file, "stream", qor::error::stream_failure());
-        wipe(piece, sizeof piece);
+    int failure = 0;
+    line_end end = qor::stream::read_terminal_line(*source, *self, append_secret, failure);
+    if (end == line_end::use_stream)
+        end = read_line(*source, *self, failure);
+    if (end == line_end::failed) {
+        qor::error::set_with_reason(qorError_cannot_read_file, "stream", failure);
+        wipe(self->m_data.text, self->m_data.length);
         self->Empty();
         return false;
     }
-    append_secret(*self, piece, used);
-    wipe(piece, sizeof piece);
-    if (byte == '\n' && self->m_data.length != 0 && self->m_data.text[self->m_data.length - 1] == '\r')
+    if (end == line_end::newline && self->m_data.length != 0 && self->m_data.text[self->m_data.length - 1] == '\r')
         qorString_Remove(self, self->m_data.length - 1, 1);
-    return any || byte == '\n';
+    return end == line_end::newline || !self->IsEmpty();
 }
+
+bool qor::glue::qorString_GetLine(qorString* self, std::FILE* stream) noexcept { return self->GetLine(stream); }

@@ -1,6 +1,7 @@
 #include "stream/text_output.h"
 
 #include "qor/qor.h"
+#include "stream/terminal.h"
 #include "string/unicode.h"
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 namespace {
 
 constexpr uint32 escape_size = 4; // for one byte: "\x1b"
+constexpr std::size_t most_at_once = 1u << 31;
 
 // Bytes that can be shown without further checks.
 constexpr bool is_plain(char c) noexcept { return (c >= ' ' && c <= '~') || c == '\n' || c == '\t'; }
@@ -49,11 +51,24 @@ void divide(std::string_view text, ADD add) {
     }
 }
 
-// The system call costs as much as checking some hundred bytes, so a short text is checked first.
-bool is_for_eyes(std::FILE* stream, std::string_view text) noexcept {
+// The terminal that is to show the text; -1: there is none, or the text needs no look. The system call costs as much as
+// checking some hundred bytes, so a short text is checked first. If it is plain, it means the same in every encoding
+// that a terminal may have.
+int64 terminal_for(IQORStreamSink& sink, std::string_view text) noexcept {
     constexpr std::size_t short_text = 512;
-    return (text.size() > short_text || !is_plain(text)) && qor::stream::is_terminal(stream);
+    return text.size() > short_text || !is_plain(text) ? sink.GetTerminal() : -1;
 }
+
+// A stream of the library's own.
+class own_stream final : public qor::glue::c_stream<IQORStreamSink> {
+public:
+    explicit own_stream(std::FILE* stream) noexcept : c_stream(stream) {}
+    bool Write(const void* bytes, uint32 size) noexcept override {
+        return std::fwrite(bytes, 1, size, m_stream) == size;
+    }
+    bool Flush() noexcept override { return std::fflush(m_stream) == 0; }
+    int64 GetTerminal() noexcept override { return qor::glue::stream_terminal(m_stream); }
+};
 
 } // namespace
 
@@ -78,19 +93,40 @@ std::string_view qor::stream::visible(std::string_view text, string::working_mem
     return {begin, size};
 }
 
-bool qor::stream::write_this_text_only(std::FILE* stream, std::string_view text) noexcept {
+bool qor::stream::write_text(IQORStreamSink& sink, std::string_view text, int& failure) noexcept {
     string::working_memory memory;
-    if (is_for_eyes(stream, text))
-        text = visible(text, memory);
-    return std::fwrite(text.data(), 1, text.size(), stream) == text.size();
+    if (const int64 terminal = terminal_for(sink, text); terminal != -1)
+        return write_to_terminal(sink, terminal, visible(text, memory), failure);
+    return write_bytes(sink, text, failure);
 }
 
-bool qor::stream::write_text(std::FILE* stream, std::string_view text) noexcept {
-    if (stream == stderr)
-        flush_standard_output();
-    return write_this_text_only(stream, text);
+bool qor::stream::write_text(IQORStreamSink& sink, std::string_view text) noexcept {
+    int failure;
+    return write_text(sink, text, failure);
+}
+
+// Calls the sink even for no text: standard output is flushed all the same.
+bool qor::stream::write_bytes(IQORStreamSink& sink, std::string_view text, int& failure) noexcept {
+    do {
+        const auto size = static_cast<uint32>(std::min<std::size_t>(text.size(), most_at_once));
+        if (!sink.Write(text.data(), size)) {
+            failure = sink.GetFailure();
+            return false;
+        }
+        text.remove_prefix(size);
+    } while (!text.empty());
+    return true;
+}
+
+bool qor::stream::write_this_text_only(std::FILE* stream, std::string_view text) noexcept {
+    own_stream sink(stream);
+    return write_text(sink, text);
+}
+
+bool qor::glue::fputtext_sink(IQORStreamSink* sink, const char* text, uint64 length) noexcept {
+    return qor::stream::write_text(*sink, {text, length});
 }
 
 bool qor::glue::fputtext(std::FILE* stream, const char* text, uint64 length) noexcept {
-    return qor::stream::write_text(stream, {text, length});
+    return ::fputtext(stream, text, length);
 }

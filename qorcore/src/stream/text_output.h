@@ -1,8 +1,9 @@
-// Inside the library: output of text to a C stream. A terminal obeys control sequences in a text, and texts come from
-// untrusted sources: the names of files and devices, logs, other hosts. So text for a terminal has all control
-// characters made visible; text for a file or a pipe stays unchanged.
+// Inside the library: output of text to a C stream, mostly one of a client (qor/glue/c_stream.h). A terminal obeys
+// control sequences in a text, and texts come from untrusted sources: the names of files and devices, logs, other
+// hosts. So text for a terminal has all control characters made visible; text for a file or a pipe stays unchanged.
 #pragma once
 
+#include "qor/glue/c_stream.h"
 #include "string/working_memory.h"
 
 #include <cstdio>
@@ -17,15 +18,15 @@ namespace qor::stream {
 std::string_view visible(std::string_view text, string::working_memory& memory) noexcept;
 
 // Writes in one call, so that lines of several threads do not mix. Returns false if not all of the text could be
-// written. For standard error, flushes standard output first, so that the two stay in order if they have the same
-// destination.
-bool write_text(std::FILE* stream, std::string_view text) noexcept;
+// written; `failure` then gets the system's code.
+bool write_text(IQORStreamSink& sink, std::string_view text, int& failure) noexcept;
+bool write_text(IQORStreamSink& sink, std::string_view text) noexcept;
 
-// Like write_text, but flushes no other stream. For callers that must not wait for one.
+// Writes the text as it is.
+bool write_bytes(IQORStreamSink& sink, std::string_view text, int& failure) noexcept;
+
+// Writes text to a stream of the library's own C run-time. Flushes no other stream: for callers that must not wait for
+// one.
 bool write_this_text_only(std::FILE* stream, std::string_view text) noexcept;
-
-// ---- implemented for each system
-bool is_terminal(std::FILE* stream) noexcept;
-void flush_standard_output() noexcept;
 
 } // namespace qor::stream

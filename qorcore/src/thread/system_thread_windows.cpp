@@ -1,5 +1,6 @@
 #include "thread/system_thread.h"
 
+#include "platform/end_of_process.h"
 #include "platform/system_library_windows.h"
 #include "platform/wide_windows.h"
 
@@ -26,6 +27,8 @@ HANDLE of(qor::thread::handle which) noexcept { return reinterpret_cast<HANDLE>(
 
 int qor::thread::start(uint64 stack_size, void (*run)(void* context) noexcept, void* context, handle& out) noexcept {
     auto begin = std::make_unique<beginning>(beginning{run, context});
+    if (platform::other_threads_are_gone())
+        return ERROR_SHUTDOWN_IN_PROGRESS; // the thread would not get to run
     if (stack_size > static_cast<SIZE_T>(-1) / 2)
         return ERROR_NOT_ENOUGH_MEMORY;
     const HANDLE made = CreateThread(nullptr, static_cast<SIZE_T>(stack_size), thread_main, begin.get(),

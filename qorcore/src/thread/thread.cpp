@@ -3,6 +3,7 @@
 #include "error/error.h"
 #include "memory/allocator.h"
 #include "message_names.h"
+#include "platform/end_of_process.h"
 #include "platform/no_cancellation.h"
 #include "platform/own_process.h"
 #include "qor/system/template/Object.h"
@@ -130,7 +131,7 @@ public:
         if (of.id == 0 && of.process == qor::platform::process_id()) {
             const qor::platform::no_cancellation keep;
             std::unique_lock hold(of.lock);
-            of.changed.wait(hold, [&] { return of.is_ready; });
+            (void)qor::platform::wait_for_others(of.changed, hold, [&] { return of.is_ready; });
         }
         return of.id;
     }
@@ -209,10 +210,9 @@ bool may_wait(const state& of) noexcept {
 template <class CONDITION>
 bool wait_until(state& of, std::unique_lock<std::mutex>& hold, uint32 ms, CONDITION is_so) {
     const qor::platform::no_cancellation keep;
-    if (ms != 0)
+    if (ms != 0 && !qor::platform::other_threads_are_gone())
         return of.changed.wait_for(hold, std::chrono::milliseconds(ms), is_so);
-    of.changed.wait(hold, is_so);
-    return true;
+    return qor::platform::wait_for_others(of.changed, hold, is_so);
 }
 
 } // namespace

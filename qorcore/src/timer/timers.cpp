@@ -4,6 +4,7 @@
 // A heap holds the timers that wait, and a map finds them. A timer stays in the map until its last call has returned
 // and its target is released, so that everybody who cancels it can wait for that.
 #include "error/error.h"
+#include "platform/end_of_process.h"
 #include "platform/no_cancellation.h"
 #include "platform/own_process.h"
 #include "qor/qor.h"
@@ -360,8 +361,7 @@ bool qor::glue::qorCancelTimer(qorTimerId id) noexcept {
     if (own == nullptr)
         return false;
     record_pointer which;
-    // Its owner may be an object that is destroyed by an exit handler.
-    std::unique_lock hold = platform::lock_at_exit(own->lock);
+    std::unique_lock hold(own->lock);
     const auto found = own->all.find(id);
     if (found == own->all.end())
         return false;

@@ -3,6 +3,7 @@
 
 #include "qor/qor.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,12 @@ struct account {
 // ---- the seam to the system. On false, the last error gives the reason.
 
 bool find_account(const char* name, account& out);
-bool current_account(account& out);
+
+// Reads an account that is known already.
+using account_reader = std::function<bool(account& out)>;
+
+// The account that this process runs as now. Reading it may take a server's time, and not all callers need it.
+bool current_account(account_reader& out);
 bool current_name(std::string& out);
 bool is_super_user() noexcept;
 

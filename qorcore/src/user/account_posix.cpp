@@ -87,9 +87,9 @@ bool take(const passwd& entry, qor::user::account& out) {
     return read_groups(entry.pw_name, entry.pw_gid, out.groups);
 }
 
-// Reads the account of the effective user. The texts of `entry` lie in `buffer`.
-bool read_current(passwd& entry, std::vector<char>& buffer, bool& found) {
-    if (const int code = read_entry(getpwuid_r, geteuid(), entry, buffer, found)) {
+// Reads the entry of a user. The texts of `entry` lie in `buffer`.
+bool read_user(uid_t number, passwd& entry, std::vector<char>& buffer, bool& found) {
+    if (const int code = read_entry(getpwuid_r, number, entry, buffer, found)) {
         qor::error::set_with_reason(qorError_system, "getpwuid_r", code);
         return false;
     }
@@ -113,26 +113,29 @@ bool qor::user::find_account(const char* name, account& out) {
     return take(entry, out);
 }
 
-bool qor::user::current_account(account& out) {
-    passwd entry;
-    std::vector<char> buffer;
-    bool found;
-    if (!read_current(entry, buffer, found))
-        return false;
-    if (found)
-        return take(entry, out);
-    // In a container, a process may have a user id without an account. Nobody can log in with it.
-    out.name = std::to_string(geteuid());
-    out.is_super_user = is_super_user();
-    out.level = qorAuthLevel_none;
-    return read_groups(out.name.c_str(), getegid(), out.groups);
+bool qor::user::current_account(account_reader& out) {
+    out = [user = geteuid(), group = getegid()](account& found) {
+        passwd entry;
+        std::vector<char> buffer;
+        bool has_account;
+        if (!read_user(user, entry, buffer, has_account))
+            return false;
+        if (has_account)
+            return take(entry, found);
+        // In a container, a process may have a user id without an account. Nobody can log in with it.
+        found.name = std::to_string(user);
+        found.is_super_user = user == 0;
+        found.level = qorAuthLevel_none;
+        return read_groups(found.name.c_str(), group, found.groups);
+    };
+    return true;
 }
 
 bool qor::user::current_name(std::string& out) {
     passwd entry;
     std::vector<char> buffer;
     bool found;
-    if (!read_current(entry, buffer, found))
+    if (!read_user(geteuid(), entry, buffer, found))
         return false;
     out = found ? entry.pw_name : std::to_string(geteuid());
     return true;

@@ -1,109 +1,18 @@
 // Windows accounts, of this computer or of a domain.
 #include "error/error.h"
 #include "platform/wide_windows.h"
-#include "user/account.h"
+#include "user/directory_windows.h"
 
 #include <utility>
 
-#include <windows.h> // before lm.h
-
-#include <lm.h>
-
 namespace {
 
-using qor::platform::from_wide;
+using qor::user::identity;
+using qor::user::the_directory;
 
 bool failed(const char* operation, DWORD code) {
     qor::error::set_with_reason(qorError_system, operation, static_cast<int>(code));
     return false;
-}
-
-// ---- netapi32, which only these operations need
-
-struct net_api {
-    decltype(&NetUserGetInfo) get_info = nullptr;
-    decltype(&NetUserGetLocalGroups) get_groups = nullptr;
-    decltype(&NetGetDCName) get_controller = nullptr;
-    decltype(&NetApiBufferFree) free = nullptr;
-    DWORD reason = 0; // why it is unavailable; 0 if it is available
-
-    net_api() noexcept {
-        const HMODULE library = LoadLibraryExW(L"netapi32.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-        const bool there = library != nullptr && find(library, "NetUserGetInfo", get_info) &&
-                           find(library, "NetUserGetLocalGroups", get_groups) &&
-                           find(library, "NetGetDCName", get_controller) && find(library, "NetApiBufferFree", free);
-        reason = there ? 0 : GetLastError();
-    }
-
-    template <class FUNCTION>
-    static bool find(HMODULE library, const char* name, FUNCTION& out) noexcept {
-        out = reinterpret_cast<FUNCTION>(reinterpret_cast<void*>(GetProcAddress(library, name)));
-        return out != nullptr;
-    }
-};
-
-const net_api& net() noexcept {
-    static const net_api loaded;
-    return loaded;
-}
-
-// Owns a buffer that netapi32 allocates, and returns it to netapi32.
-template <class TYPE>
-class net_buffer {
-public:
-    net_buffer() noexcept = default;
-    net_buffer(const net_buffer&) = delete;
-    net_buffer& operator=(const net_buffer&) = delete;
-    ~net_buffer() {
-        if (m_data != nullptr)
-            net().free(m_data);
-    }
-    BYTE** out() noexcept { return &m_data; }
-    const TYPE* get() const noexcept { return reinterpret_cast<const TYPE*>(m_data); }
-
-private:
-    BYTE* m_data = nullptr;
-};
-
-// ---- names and identities
-
-struct identity {
-    std::wstring name;
-    std::wstring domain;
-    std::vector<BYTE> sid;
-    bool is_user = false;
-};
-
-// Looks up a plain name, DOMAIN\name or name@domain. Returns 0 or the system's error code.
-DWORD look_up(const std::wstring& name, identity& out) {
-    DWORD sid_size = 0, domain_size = 0;
-    SID_NAME_USE use;
-    LookupAccountNameW(nullptr, name.c_str(), nullptr, &sid_size, nullptr, &domain_size, &use);
-    if (const DWORD code = GetLastError(); code != ERROR_INSUFFICIENT_BUFFER)
-        return code;
-    out.sid.resize(sid_size);
-    out.domain.resize(domain_size);
-    if (!LookupAccountNameW(nullptr, name.c_str(), out.sid.data(), &sid_size, out.domain.data(), &domain_size, &use))
-        return GetLastError();
-    out.domain.resize(domain_size);
-    const std::size_t begin = name.rfind(L'\\') + 1;
-    out.name = name.substr(begin, name.find(L'@') - begin);
-    out.is_user = use == SidTypeUser;
-    return 0;
-}
-
-bool look_up(PSID sid, identity& out) {
-    DWORD name_size = 0, domain_size = 0;
-    SID_NAME_USE use;
-    LookupAccountSidW(nullptr, sid, nullptr, &name_size, nullptr, &domain_size, &use);
-    out.name.resize(name_size);
-    out.domain.resize(domain_size);
-    if (!LookupAccountSidW(nullptr, sid, out.name.data(), &name_size, out.domain.data(), &domain_size, &use))
-        return failed("LookupAccountSidW", GetLastError());
-    out.name.resize(name_size);
-    out.domain.resize(domain_size);
-    out.is_user = use == SidTypeUser;
-    return true;
 }
 
 // Returns the user of a token: a TOKEN_USER together with the SID that it points to. Empty if the system does not
@@ -121,57 +30,27 @@ PSID sid_of(const std::vector<BYTE>& user) noexcept {
     return reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
 }
 
-bool find_current(identity& out) {
+// The SID of the user who runs this process. Empty on failure, and the last error gives the reason.
+std::vector<BYTE> current_sid() {
     HANDLE token;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token))
-        return failed("OpenProcessToken", GetLastError());
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) {
+        failed("OpenProcessToken", GetLastError());
+        return {};
+    }
     const std::vector<BYTE> user = user_of(token);
     const DWORD code = GetLastError();
     CloseHandle(token);
-    return user.empty() ? failed("GetTokenInformation", code) : look_up(sid_of(user), out);
+    if (user.empty()) {
+        failed("GetTokenInformation", code);
+        return {};
+    }
+    const auto* const sid = static_cast<const BYTE*>(sid_of(user));
+    return {sid, sid + GetLengthSid(sid_of(user))};
 }
 
-// ---- accounts
-
-// Finds the server that knows the account; null for this computer.
-bool find_server(const identity& who, net_buffer<wchar_t>& server) {
-    wchar_t computer[MAX_COMPUTERNAME_LENGTH + 1];
-    DWORD length = MAX_COMPUTERNAME_LENGTH + 1;
-    if (who.domain.empty() || !GetComputerNameW(computer, &length) || lstrcmpiW(computer, who.domain.c_str()) == 0)
-        return true;
-    const DWORD code = net().get_controller(nullptr, who.domain.c_str(), server.out());
-    return code == NERR_Success || failed("NetGetDCName", code);
-}
-
-bool read_account(const identity& who, qor::user::account& out) {
-    if (net().reason != 0)
-        return failed("netapi32.dll", net().reason);
-    net_buffer<wchar_t> server;
-    if (!find_server(who, server))
-        return false;
-    net_buffer<USER_INFO_1> info;
-    if (const DWORD code = net().get_info(server.get(), who.name.c_str(), 1, info.out()); code != NERR_Success)
-        return failed("NetUserGetInfo", code);
-    const USER_INFO_1& found = *info.get();
-    out.name = from_wide(found.usri1_name);
-    out.description = from_wide(found.usri1_comment != nullptr ? found.usri1_comment : L"");
-    out.is_super_user = found.usri1_priv == USER_PRIV_ADMIN;
-    if ((found.usri1_flags & (UF_ACCOUNTDISABLE | UF_LOCKOUT)) != 0)
-        out.level = qorAuthLevel_none;
-    else
-        out.level = static_cast<int32>(found.usri1_priv); // Windows uses the same scale
-
-    // The local groups of this computer, including indirect membership, because Windows grants rights through them.
-    net_buffer<LOCALGROUP_USERS_INFO_0> groups;
-    DWORD count = 0, total = 0;
-    const std::wstring member = server.get() != nullptr ? who.domain + L'\\' + who.name : who.name;
-    if (const DWORD code = net().get_groups(nullptr, member.c_str(), 0, LG_INCLUDE_INDIRECT, groups.out(),
-                                            MAX_PREFERRED_LENGTH, &count, &total);
-        code != NERR_Success)
-        return failed("NetUserGetLocalGroups", code);
-    for (DWORD i = 0; i < count; ++i)
-        out.groups.push_back(from_wide(groups.get()[i].lgrui0_name));
-    return true;
+bool find_user_of(const std::vector<BYTE>& sid, identity& out) {
+    const DWORD code = look_up(the_directory(), const_cast<BYTE*>(sid.data()), out);
+    return code == 0 || failed("LookupAccountSidW", code);
 }
 
 // Whether the name is that of a user; if it is not, sets the last error.
@@ -179,7 +58,7 @@ bool find_user(const char* name, identity& who) {
     std::wstring wide;
     DWORD code = ERROR_NONE_MAPPED;
     if (*name != '\0' && qor::platform::to_wide(name, wide))
-        code = look_up(wide, who);
+        code = look_up(the_directory(), wide, who);
     if (code != 0 && code != ERROR_NONE_MAPPED)
         return failed("LookupAccountNameW", code);
     if (code == 0 && who.is_user)
@@ -249,22 +128,26 @@ bool check_password(const char* name, const identity& who, const char* password)
 
 bool qor::user::find_account(const char* name, account& out) {
     identity who;
-    return find_user(name, who) && read_account(who, out);
+    return find_user(name, who) && read_account(the_directory(), who, out);
 }
 
-bool qor::user::current_account(account& out) {
-    identity who;
-    if (!find_current(who) || !read_account(who, out))
+bool qor::user::current_account(account_reader& out) {
+    std::vector<BYTE> sid = current_sid();
+    if (sid.empty())
         return false;
-    out.is_super_user = is_super_user();
+    out = [sid = std::move(sid)](account& found) {
+        identity who;
+        return find_user_of(sid, who) && read_account(the_directory(), who, found);
+    };
     return true;
 }
 
 bool qor::user::current_name(std::string& out) {
+    const std::vector<BYTE> sid = current_sid();
     identity who;
-    if (!find_current(who))
+    if (sid.empty() || !find_user_of(sid, who))
         return false;
-    out = from_wide(who.name);
+    out = platform::from_wide(who.name);
     return true;
 }
 
@@ -287,5 +170,5 @@ bool qor::user::log_on(const char* name, const char* password, account& out) {
             error::set(qorError_credentials_refused);
         return false;
     }
-    return check_password(name, who, password) && read_account(who, out);
+    return check_password(name, who, password) && read_account(the_directory(), who, out);
 }

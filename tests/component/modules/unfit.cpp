@@ -35,7 +35,7 @@ constinit const qor::glue::module_table table = {&description.head, nullptr, nul
 
 } // namespace
 
-extern "C" QOR_MODULE_EXPORT const qor::glue::module_table*
+extern "C" QOR_EXPORTED const qor::glue::module_table*
 glue_module_point(const qor::glue::binding_table* library) noexcept {
     return qor::glue::bind_module(library) ? &table : nullptr;
 }

@@ -93,14 +93,59 @@ TEST(pe_file, tells_what_is_in_it) {
     }
 }
 
+// The same, with a table of functions: `one` to 0x1008, one without a name from 0x1018 on, a part of `one` at 0x1040.
+std::string library_with_functions() {
+    std::string result = library(true);
+    put(result, 0x84, 0x8664, 2);
+    const std::size_t directory = 0x98 + 112 + 3 * 8;
+    put(result, directory, 0x2300, 4);
+    put(result, directory + 4, 3 * 12, 4);
+    const uint32 functions[] = {0x1000, 0x1008, 0x2340, 0x1018, 0x1020, 0x2340, 0x1040, 0x1050, 0x2348};
+    for (std::size_t i = 0; i < 9; ++i)
+        put(result, 0x2300 + 4 * i, functions[i], 4);
+    put(result, 0x2340, 1, 1);          // version 1
+    put(result, 0x2348, 1 | 4 << 3, 1); // which is a part of another one
+    put(result, 0x234a, 1, 1);          // behind one code and an empty place
+    put(result, 0x2348 + 8, 0x1000, 4);
+    put(result, 0x2348 + 12, 0x1008, 4);
+    put(result, 0x2348 + 16, 0x2340, 4);
+    return result;
+}
+
+TEST(pe_file, knows_where_functions_end) {
+    const std::string bytes = library_with_functions();
+    pe_file file;
+    ASSERT_TRUE(file.parse(bytes));
+    EXPECT_EQ(file.exported_at(0xfff), "");
+    EXPECT_EQ(file.exported_at(0x1000), "one");
+    EXPECT_EQ(file.exported_at(0x1007), "one");
+    EXPECT_EQ(file.exported_at(0x1008), "");     // behind its end
+    EXPECT_EQ(file.exported_at(0x1010), "same"); // which has no entry
+    EXPECT_EQ(file.exported_at(0x1017), "same");
+    EXPECT_EQ(file.exported_at(0x1018), ""); // a function without a name
+    EXPECT_EQ(file.exported_at(0x101f), "");
+    EXPECT_EQ(file.exported_at(0x1020), "");
+    EXPECT_EQ(file.exported_at(0x1040), "one"); // its other part
+    EXPECT_EQ(file.exported_at(0x104f), "one");
+    EXPECT_EQ(file.exported_at(0x1050), "");
+    // Parts that lead to each other end somewhere.
+    std::string circle = bytes;
+    put(circle, 0x2340, 1 | 4 << 3, 1);
+    put(circle, 0x2344, 0x1000, 4);
+    put(circle, 0x234c, 0x2340, 4);
+    ASSERT_TRUE(file.parse(circle));
+    EXPECT_LE(file.exported_at(0x1007).size(), 4u);
+}
+
 TEST(pe_file, does_not_read_beyond_the_end) {
-    const std::string whole = library(true);
-    for (std::size_t size = 0; size < whole.size(); size += size < 0x300 || (size > 0x2000 && size < 0x2300) ? 1 : 97) {
+    const std::string whole = library_with_functions();
+    for (std::size_t size = 0; size < whole.size(); size += size < 0x300 || (size > 0x2000 && size < 0x2380) ? 1 : 97) {
         // A block of its own, so that the sanitizers see its end.
         const std::vector<char> bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
         pe_file file;
         if (file.parse({bytes.data(), bytes.size()})) {
             EXPECT_LE(file.all_exported().size(), 3u);
+            EXPECT_LE(file.exported_at(0x1045).size(), 4u);
         }
     }
     pe_file file;

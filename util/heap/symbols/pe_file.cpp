@@ -11,15 +11,22 @@ constexpr uint64 nowhere = ~uint64{0};
 
 constexpr uint32 code_section = 0x00000020, executable_section = 0x20000000;
 constexpr uint32 codeview = 2;
+constexpr uint32 x86_64 = 0x8664;
+constexpr uint32 function_size = 12;
 
 } // namespace
 
-// Little-endian. Beyond the end it is 0, and the file is known to be cut off.
+// Beyond the end it is 0, and the file is known to be cut off.
 uint32 pe_file::number(uint64 place, unsigned bytes) {
-    if (place > m_bytes.size() || m_bytes.size() - place < bytes) {
+    if (place > m_bytes.size() || m_bytes.size() - place < bytes)
         m_is_whole = false;
+    return number_or_0(place, bytes);
+}
+
+// Little-endian.
+uint32 pe_file::number_or_0(uint64 place, unsigned bytes) const noexcept {
+    if (place > m_bytes.size() || m_bytes.size() - place < bytes)
         return 0;
-    }
     uint32 result = 0;
     for (unsigned i = bytes; i-- != 0;)
         result = result << 8 | static_cast<unsigned char>(m_bytes[place + i]);
@@ -56,6 +63,8 @@ bool pe_file::parse(std::string_view bytes) {
         return false;
     if (count > 0)
         read_exports(number(directories, 4), number(directories + 4, 4));
+    if (count > 3 && number(coff, 2) == x86_64)
+        read_functions(number(directories + 24, 4), number(directories + 28, 4));
     if (count > 6)
         read_debug_directory(number(directories + 48, 4), number(directories + 52, 4));
     return true;
@@ -79,7 +88,7 @@ void pe_file::read_sections(uint64 headers, uint32 count, uint64 names) {
 }
 
 // The place in the file of an address.
-uint64 pe_file::place_of(uint32 address) const {
+uint64 pe_file::place_of(uint32 address) const noexcept {
     for (const section& one : m_sections)
         if (address >= one.address && address - one.address < one.stored)
             return uint64{one.place} + (address - one.address);
@@ -113,10 +122,10 @@ void pe_file::read_exports(uint32 address, uint32 size) {
         const uint64 name = place_of(number(name_table + 4 * i, 4));
         if (ordinal >= functions || name == nowhere)
             continue;
-        const uint32 function = number(address_table + uint64{4} * ordinal, 4);
+        const uint32 entry = number(address_table + uint64{4} * ordinal, 4);
         // In the directory itself lies the name of a function of another library.
-        if (m_is_whole && is_code(function) && (function < address || function - address >= size))
-            m_exported.push_back({function, text(name, longest_name)});
+        if (m_is_whole && is_code(entry) && (entry < address || entry - address >= size))
+            m_exported.push_back({entry, text(name, longest_name)});
     }
     std::sort(m_exported.begin(), m_exported.end(), [](const exported& one, const exported& other) {
         return std::tie(one.address, one.name) < std::tie(other.address, other.name);
@@ -142,16 +151,65 @@ bool pe_file::is_code(uint64 address) const noexcept {
     return found != nullptr && found->is_code;
 }
 
+void pe_file::read_functions(uint32 address, uint32 size) {
+    m_functions = place_of(address);
+    if (m_functions < m_bytes.size())
+        m_function_count =
+            static_cast<uint32>(std::min<uint64>(size, m_bytes.size() - m_functions) / uint64{function_size});
+}
+
+pe_file::function pe_file::function_of(uint64 place) const noexcept {
+    return {number_or_0(place, 4), number_or_0(place + 4, 4), number_or_0(place + 8, 4)};
+}
+
+// The last one that begins at the address or before it. False: there is none.
+bool pe_file::find_function(uint64 address, function& last) const noexcept {
+    uint32 begin = 0;
+    for (uint32 end = m_function_count; begin < end;) {
+        const uint32 middle = begin + (end - begin) / 2;
+        if (number_or_0(m_functions + uint64{middle} * function_size, 4) <= address)
+            begin = middle + 1;
+        else
+            end = middle;
+    }
+    if (begin == 0)
+        return false;
+    last = function_of(m_functions + uint64{begin - 1} * function_size);
+    return true;
+}
+
+// A function may be in several parts, which lead to its first one.
+pe_file::function pe_file::whole_of(function part) const noexcept {
+    constexpr unsigned most_parts = 32, is_part = 4 << 3;
+    for (unsigned i = 0; i < most_parts; ++i) {
+        const uint64 place = place_of(part.unwind);
+        if (place == nowhere || (number_or_0(place, 1) & is_part) == 0)
+            break;
+        part = function_of(place + 4 + (number_or_0(place + 2, 1) + 1) / 2 * 4); // behind the codes
+    }
+    return part;
+}
+
+std::string_view pe_file::first_name_at(uint32 address) const noexcept {
+    const auto found = std::lower_bound(m_exported.begin(), m_exported.end(), address,
+                                        [](const exported& one, uint32 value) { return one.address < value; });
+    return found != m_exported.end() && found->address == address ? found->name : std::string_view();
+}
+
 std::string_view pe_file::exported_at(uint64 address) const noexcept {
     auto found = std::upper_bound(m_exported.begin(), m_exported.end(), address,
                                   [](uint64 value, const exported& one) { return value < one.address; });
-    if (found == m_exported.begin())
-        return {};
-    --found;
-    // Of several names for a place, the first.
-    found = std::lower_bound(m_exported.begin(), found, found->address,
-                             [](const exported& one, uint32 value) { return one.address < value; });
-    return section_of(found->address) == section_of(address) ? found->name : std::string_view();
+    const bool has_one_before = found != m_exported.begin() && section_of((found - 1)->address) == section_of(address);
+    const uint32 nearest = has_one_before ? (found - 1)->address : 0;
+    function part;
+    if ((has_one_before && nearest == address) || !find_function(address, part))
+        return has_one_before ? first_name_at(nearest) : std::string_view();
+    if (address >= part.end) // in no function of the table
+        return has_one_before && nearest >= part.end ? first_name_at(nearest) : std::string_view();
+    const uint32 begin = whole_of(part).begin;
+    if (const std::string_view name = first_name_at(begin); !name.empty())
+        return name;
+    return has_one_before && nearest > part.begin && begin == part.begin ? first_name_at(nearest) : std::string_view();
 }
 
 } // namespace qor::heap

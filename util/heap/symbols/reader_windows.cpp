@@ -3,6 +3,7 @@
 #include "backtrace_reader_windows.h"
 #include "demangled.h"
 #include "pe_file.h"
+#include "qor/glue/wide_path_windows.h"
 #include "windows_path.h"
 
 #include <windows.h>
@@ -15,14 +16,6 @@ struct closing {
     void operator()(void* handle) const noexcept { CloseHandle(handle); }
 };
 using handle = std::unique_ptr<void, closing>;
-
-std::wstring wide(const std::string& text) {
-    const int size = static_cast<int>(text.size());
-    std::wstring result(text.size(), L'\0');
-    const int count = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), size, result.data(), size);
-    result.resize(static_cast<std::size_t>(count));
-    return result;
-}
 
 std::string reason_of(DWORD code) { return "error " + std::to_string(code); }
 
@@ -37,7 +30,7 @@ public:
     symbol_status open(const std::string& path, std::string& reason) {
         if (path.empty())
             return symbol_status::no_file;
-        const std::wstring name = wide(path);
+        const std::wstring name = qor::glue::wide_path(path);
         if (!is_on_drive(path) || name.empty())
             return symbol_status::refused;
         m_file.reset(CreateFileW(name.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,

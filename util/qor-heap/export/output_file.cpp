@@ -1,7 +1,8 @@
 #include "output_file.h"
 
+#include "compression/system_reason.h"
+
 #include <random>
-#include <system_error>
 
 namespace qor::heap_tool {
 
@@ -14,7 +15,7 @@ output_file::~output_file() {
 
 bool output_file::fail(int error) {
     if (error != 0 && m_reason.empty())
-        m_reason = std::system_category().message(error);
+        m_reason = compression::system_reason(error);
     return m_reason.empty();
 }
 

@@ -1,16 +1,16 @@
 #include "output_file.h"
 
+#include "qor/glue/wide_path_windows.h"
+#include "qor/qor.h"
+
 #include <algorithm>
-#include <filesystem>
 #include <windows.h>
 
 namespace qor::heap_tool {
 
 namespace {
 
-std::wstring wide(const std::string& path) {
-    return std::filesystem::path(std::u8string(path.begin(), path.end())).wstring();
-}
+using glue::wide_path;
 
 int last_error() { return static_cast<int>(GetLastError()); }
 
@@ -20,7 +20,7 @@ HANDLE handle_of(std::intptr_t file) { return reinterpret_cast<HANDLE>(file); }
 
 // A folder cannot be replaced. Devices have no attributes.
 int output_file::check_place(const std::string& path) {
-    const std::wstring name = wide(path);
+    const std::wstring name = wide_path(path);
     if (name.starts_with(L"\\\\.\\") || name.starts_with(L"\\\\?\\GLOBALROOT"))
         return ERROR_BAD_DEVICE;
     const DWORD found = GetFileAttributesW(name.c_str());
@@ -29,7 +29,7 @@ int output_file::check_place(const std::string& path) {
 
 int output_file::create(const std::string& path) {
     const HANDLE file =
-        CreateFileW(wide(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+        CreateFileW(wide_path(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
     m_file = reinterpret_cast<std::intptr_t>(file);
     return file == INVALID_HANDLE_VALUE ? last_error() : 0;
 }
@@ -43,6 +43,9 @@ int output_file::use_standard_output() {
 }
 
 int output_file::write_out(std::string_view text) {
+    DWORD mode;
+    if (m_path.empty() && GetConsoleMode(handle_of(m_file), &mode))
+        return fputtext(stdout, text.data(), text.size()) && std::fflush(stdout) == 0 ? 0 : last_error();
     while (!text.empty()) {
         constexpr std::size_t most = 1U << 20;
         DWORD count = 0;
@@ -61,9 +64,9 @@ int output_file::close() {
 }
 
 int output_file::replace(const std::string& path, const std::string& by) {
-    return MoveFileExW(wide(by).c_str(), wide(path).c_str(), MOVEFILE_REPLACE_EXISTING) ? 0 : last_error();
+    return MoveFileExW(wide_path(by).c_str(), wide_path(path).c_str(), MOVEFILE_REPLACE_EXISTING) ? 0 : last_error();
 }
 
-void output_file::remove(const std::string& path) { DeleteFileW(wide(path).c_str()); }
+void output_file::remove(const std::string& path) { DeleteFileW(wide_path(path).c_str()); }
 
 } // namespace qor::heap_tool

@@ -71,11 +71,16 @@ void find_modules_gone(void (*gone)(std::uint32_t module) noexcept) noexcept;
 // Clears the cache from code addresses to modules.
 void forget_places() noexcept;
 
-// This library's own code.
-extern "C" __attribute__((visibility("hidden"))) const char __ehdr_start[];
-extern "C" __attribute__((visibility("hidden"))) const char etext[];
+// This library's own code, between two symbols of the linker.
+#if defined(_WIN32)
+extern "C" const char own_begin[] __asm__("__ImageBase");
+extern "C" const char own_end[] __asm__("etext");
+#else
+extern "C" __attribute__((visibility("hidden"))) const char own_begin[] __asm__("__ehdr_start");
+extern "C" __attribute__((visibility("hidden"))) const char own_end[] __asm__("etext");
+#endif
 inline code_range own_code() noexcept {
-    return {reinterpret_cast<std::uintptr_t>(__ehdr_start), reinterpret_cast<std::uintptr_t>(etext)};
+    return {reinterpret_cast<std::uintptr_t>(own_begin), reinterpret_cast<std::uintptr_t>(own_end)};
 }
 inline bool is_own_code(std::uintptr_t address) noexcept {
     return address >= own_code().begin && address < own_code().end;

@@ -1,7 +1,7 @@
 // The memory that a recorded process and its recorder share: one memfd, an "arena", for each executed program and the
 // processes that it forks. The recorder makes it, the preloaded library maps it; both are of one build, which `version`
 // checks. A process needs no descriptor and no file to record: a forked child inherits the mapping, and takes a session
-// of its own in it.
+// of its own in it. On Windows it is a section of the paging file, and each process has one, with one session.
 //
 // A session is a ring of records. A thread takes a ticket from `head`, fills in the record at that place and commits it
 // with a release store; the recorder reads the tickets in their order and moves `tail`. No lock is involved, so a
@@ -17,7 +17,7 @@
 namespace qor::record {
 
 inline constexpr std::uint64_t arena_magic = 0x616e657261726f71; // "qorarena" in memory
-inline constexpr std::uint32_t arena_version = 1;
+inline constexpr std::uint32_t arena_version = 2;
 
 inline constexpr unsigned most_frames = 256;
 
@@ -36,6 +36,7 @@ enum class record_kind : std::uint8_t {
     moved_to,       // ">"
     not_moved,      // ">": a realloc has failed, and its block is alive again
     module_gone,    // detail: the module
+    left,           // nothing: the thread that had the ticket was ended
 };
 
 struct ring_record {
@@ -118,7 +119,8 @@ static_assert(sizeof(node) == 24);
 // started in another process, it writes it afterwards. The recorder names the programs that do not ask for an arena.
 struct execution {
     std::atomic<std::int32_t> process; // that of the program; 0: unused; -1: it is being filled in
-    std::uint32_t is_new_process;      // it was started, and runs; else a process is about to become it
+    std::uint32_t is_new_process;      // it was started, and runs; else a process is about to become it. On Windows
+                                       // it is 0 for one that waits until the program lets it run
     char program[248];                 // its path or name, cut off
 };
 inline constexpr unsigned most_executions = 256;
@@ -144,10 +146,11 @@ inline constexpr unsigned most_program_ranges = 64;
 struct arena {
     std::uint64_t magic;
     std::uint32_t version;
-    std::uint32_t depth;           // the most frames of a stack; 0: the caller alone
-    std::uint64_t file_size;       // a limit of the recorder may make it less than arena_file_size
-    std::int32_t followed_process; // only this process is recorded, and no child; 0: children too
-    std::uint32_t is_first;        // the arena belongs to the process that the recorder started
+    std::uint32_t depth;             // the most frames of a stack; 0: the caller alone
+    std::uint64_t file_size;         // a limit of the recorder may make it less than arena_file_size
+    std::int32_t followed_process;   // only this process is recorded, and no child; 0: children too
+    std::uint32_t is_first;          // the arena belongs to the process that the recorder started
+    std::uint32_t wants_system_heap; // on Windows: the functions of the system's heaps are recorded, too
     std::uint32_t program_range_count;
     code_range program_ranges[most_program_ranges];
     program_image image; // all zero: no process has mapped the arena
@@ -167,6 +170,14 @@ struct arena {
     std::atomic<std::uint32_t> nodes_are_full;
     std::atomic<std::uint32_t> module_count; // module 0 stands for no module
     std::atomic<std::uint32_t> text_size;
+
+    // On Windows: what the hooks stand before. `runtimes` has a bit for each of `runtime_names`.
+    std::atomic<std::uint32_t> runtimes;
+    std::atomic<std::uint32_t> hooked_modules;
+    std::atomic<std::uint32_t> hooked_imports;
+    std::atomic<std::uint32_t> hooked_imports_of_program;
+    std::atomic<std::uint32_t> was_left_alone; // the process was changed, and its library found no place to begin
+    std::uint64_t recorder;                    // the recorder's process, a handle in the recorded one
 
     execution executions[most_executions];
     session sessions[most_sessions];
@@ -190,27 +201,5 @@ constexpr std::size_t ring_offset(unsigned session_index) { // from 1 on
     return sizeof(arena) + (ring_bytes + chunk_bytes) * (session_index - 1);
 }
 constexpr std::size_t arena_file_size = ring_offset(most_sessions);
-
-// FUTEX_OWNER_DIED and FUTEX_TID_MASK, in the word that `owner` begins with.
-inline bool recorder_is_gone(const arena& shared) {
-    const auto word =
-        reinterpret_cast<const std::atomic<std::uint32_t>*>(shared.owner)->load(std::memory_order_relaxed);
-    return (word & 0x3fffffffU) == 0 || (word & 0x40000000U) != 0;
-}
-
-// ---- how a process finds its arena: variables of its environment
-
-// <descriptor>:<recorder>:<spare>:<token>:<socket>
-//
-// descriptor  the arena of the first program; closed or another file in all others
-// socket      the abstract name of the recorder's socket: a process that sends the token receives an arena's descriptor
-// recorder, spare  where the socket is out of reach, /proc/<recorder>/fd/<spare> is an arena that nobody has taken yet
-inline constexpr char record_variable[] = "QOR_RECORD";
-// LD_PRELOAD as it was, for processes that are not recorded.
-inline constexpr char preload_variable[] = "QOR_RECORD_PRELOAD";
-// The framework's own log, which a launcher may have hidden from the program that it starts.
-inline constexpr char memcheck_variable[] = "QOR_RECORD_MEMCHECK";
-
-inline constexpr std::size_t token_size = 32;
 
 } // namespace qor::record

@@ -61,6 +61,8 @@ class IQORRemovableDiskList;
 class IQORSerialPort;
 class IQORSignalHandler;
 class IQORSimpleFileReader;
+class IQORStreamSink;
+class IQORStreamSource;
 class IQORSystemInfo;
 class IQORThread;
 class IQORThreadWork;
@@ -189,11 +191,7 @@ constexpr bool is_bound() noexcept { return true; }
 
 // Null until the first bound call. Two threads that bind at the same time load the same library and store the same
 // pointer, so no further synchronisation is needed; the variable is atomic only to avoid a data race.
-#if defined(__ELF__)
-[[gnu::visibility("hidden")]]
-#endif
-inline constinit std::atomic<const binding_table*>
-    s_funcs{nullptr};
+QOR_HIDDEN inline constinit std::atomic<const binding_table*> s_funcs{nullptr};
 
 // Loads libqor and stores its table. Ends the process with exit code 100 if that fails (impl_<platform>.h).
 const binding_table* bind() noexcept;

@@ -13,6 +13,7 @@
 #include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>
+#include <stdio_ext.h>
 #include <sys/auxv.h>
 #include <unistd.h>
 
@@ -99,7 +100,7 @@ inline void* load_by_name() noexcept {
     return usable ? dlopen("libqor.so", RTLD_NOW | RTLD_LOCAL) : nullptr;
 }
 
-[[gnu::noinline, gnu::cold]] inline const binding_table* bind() noexcept {
+QOR_COLD inline const binding_table* bind() noexcept {
     void* library = load_beside_executable();
     if (library == nullptr) {
         debugger_message("FAILED dlopen() of libqor.so\n");
@@ -125,6 +126,39 @@ inline void* load_by_name() noexcept {
 }
 
 #endif
+
+// ---- what c_stream.h needs
+
+inline int64 stream_terminal(std::FILE* stream) noexcept {
+    const int before = errno;
+    const int file = fileno(stream);
+    const bool is_terminal = file >= 0 && isatty(file) != 0;
+    errno = before;
+    return is_terminal ? file : -1;
+}
+
+inline void flush_standard_output() noexcept {
+    // If the host gave standard error a buffer, its text is not written yet, so the host is responsible for the order.
+    if (__fbufsize(stderr) > 1)
+        return;
+    // Another thread may be writing, and may be blocked because nobody reads. The order with its text cannot be kept.
+    const int before = errno;
+    if (ftrylockfile(stdout) == 0) {
+        std::fflush(stdout);
+        funlockfile(stdout);
+    }
+    errno = before;
+}
+
+// It has no buffer here.
+inline void set_up_standard_error() noexcept {}
+
+// Here, a terminal is read like any other file.
+inline int64 input_terminal(std::FILE*) noexcept { return -1; }
+
+inline void lock_stream(std::FILE* stream) noexcept { flockfile(stream); }
+inline void unlock_stream(std::FILE* stream) noexcept { funlockfile(stream); }
+inline int32 stream_failure() noexcept { return errno; }
 
 // A recursive mutex.
 class critical_section {

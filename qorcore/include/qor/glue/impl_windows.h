@@ -8,8 +8,10 @@
 
 #include "qor/glue/binding.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cwchar>
+#include <io.h>
 #include <memory>
 #include <string>
 
@@ -43,6 +45,10 @@ __declspec(dllimport) void __stdcall LeaveCriticalSection(_RTL_CRITICAL_SECTION*
 __declspec(dllimport) void* __stdcall CreateEventW(_SECURITY_ATTRIBUTES*, int, int, const wchar_t*);
 __declspec(dllimport) int __stdcall SetEvent(void*);
 __declspec(dllimport) int __stdcall ResetEvent(void*);
+__declspec(dllimport) unsigned long __stdcall GetLastError();
+__declspec(dllimport) void __stdcall SetLastError(unsigned long);
+__declspec(dllimport) int __stdcall GetConsoleMode(void*, unsigned long*);
+
 __declspec(dllimport) unsigned long __stdcall WaitForSingleObject(void*, unsigned long);
 __declspec(dllimport) int __stdcall CloseHandle(void*);
 }
@@ -134,7 +140,7 @@ inline HINSTANCE__* load_library() noexcept {
     return library;
 }
 
-[[gnu::noinline, gnu::cold]] inline const binding_table* bind() noexcept {
+QOR_COLD inline const binding_table* bind() noexcept {
     HINSTANCE__* const library = load_library();
     auto* const entry =
         reinterpret_cast<binding_point*>(reinterpret_cast<void (*)()>(GetProcAddress(library, "glue_binding_point")));
@@ -161,6 +167,51 @@ inline std::string to_utf8(const wchar_t* text) {
 }
 
 #endif
+
+// ---- what c_stream.h needs
+
+inline int64 stream_terminal(std::FILE* stream) noexcept {
+    const int before = errno;
+    const unsigned long systems_before = GetLastError();
+    const int file = _fileno(stream);
+    const std::intptr_t handle = file >= 0 ? _get_osfhandle(file) : -1;
+    unsigned long mode;
+    const bool is_console = handle != -1 && GetConsoleMode(reinterpret_cast<void*>(handle), &mode) != 0;
+    errno = before;
+    SetLastError(systems_before);
+    return is_console ? handle : -1;
+}
+
+inline void flush_standard_output() noexcept {
+    const int before = errno;
+    const unsigned long systems_before = GetLastError();
+    std::fflush(stdout);
+    errno = before;
+    SetLastError(systems_before);
+}
+
+// The C library buffers standard error if it is redirected. A question or a warning would then appear only when the
+// process ends.
+inline void set_up_standard_error() noexcept { std::setvbuf(stderr, nullptr, _IONBF, 0); }
+
+// What the C library has read already comes first. Newer run-times do not show it.
+template <class STREAM>
+int64 input_terminal(STREAM* stream) noexcept {
+    if constexpr (requires { stream->_cnt; })
+        if (stream->_cnt > 0)
+            return -1;
+    return stream_terminal(stream);
+}
+
+inline void lock_stream(std::FILE* stream) noexcept { _lock_file(stream); }
+inline void unlock_stream(std::FILE* stream) noexcept { _unlock_file(stream); }
+
+// The C library stores the system's error code in _doserrno, unless it detected the fault itself: then the stream was
+// opened in another mode, or is closed.
+inline int32 stream_failure() noexcept {
+    constexpr int32 invalid_handle = 6;
+    return _doserrno != 0 ? static_cast<int32>(_doserrno) : invalid_handle;
+}
 
 // A recursive mutex.
 class critical_section {

@@ -43,12 +43,6 @@ using module_point = const module_table*(const binding_table* table) noexcept;
 
 } // namespace qor::glue
 
-#if defined(__ELF__)
-#define QOR_MODULE_EXPORT [[gnu::visibility("default")]]
-#else
-#define QOR_MODULE_EXPORT [[gnu::dllexport]]
-#endif
-
 // The description and the entry of a module, once in each module. NAME is that of its file without the system's
 // extension, VERSION consists of dotted numbers, START is the function above, and the texts behind it are the names of
 // the components that it registers:
@@ -61,11 +55,12 @@ using module_point = const module_table*(const binding_table* table) noexcept;
     QOR_MODULE_TABLE(NAME, qor::glue::framework_version, CREATE_OBJECT, START)
 
 #define QOR_MODULE_TABLE(NAME, VERSION, CREATE_OBJECT, START, ...)                                                     \
-    [[gnu::section(QOR_MODULE_SECTION)]] static constinit const auto qor_module_description =                          \
+    QOR_IN_SECTION(QOR_MODULE_SECTION)                                                                                 \
+    static constinit const auto qor_module_description =                                                               \
         qor::glue::describe_module(NAME, VERSION, qor::glue::framework_version __VA_OPT__(, ) __VA_ARGS__);            \
     static constinit const qor::glue::module_table qor_module_table = {&qor_module_description.head, CREATE_OBJECT,    \
                                                                        START};                                         \
-    extern "C" QOR_MODULE_EXPORT const qor::glue::module_table* glue_module_point(                                     \
+    extern "C" QOR_EXPORTED const qor::glue::module_table* glue_module_point(                                          \
         const qor::glue::binding_table* library) noexcept {                                                            \
         return qor::glue::bind_module(library) ? &qor_module_table : nullptr;                                          \
     }

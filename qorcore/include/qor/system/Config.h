@@ -65,9 +65,9 @@ struct qorConfigValue {
 
 // The values that a caller can use. Another one is refused.
 struct qorConfigWish {
-    qorConfigKind kind = qorConfigKind::none;        // none: any. For `number`, an integer is converted
-    int64 least = std::numeric_limits<int64>::min(); // of an integer
-    int64 most = std::numeric_limits<int64>::max();  // of an integer
+    qorConfigKind kind = qorConfigKind::none;          // none: any. For `number`, an integer is converted
+    int64 least = (std::numeric_limits<int64>::min)(); // of an integer
+    int64 most = (std::numeric_limits<int64>::max)();  // of an integer
 };
 
 // A place in a file: lines and columns count from 1, columns in characters. Line 0: no place is known.
@@ -262,9 +262,9 @@ struct conversion<bool> {
 template <std::integral TYPE>
 struct conversion<TYPE> {
     static constexpr qorConfigWish wish = {
-        qorConfigKind::integer, std::is_signed_v<TYPE> ? static_cast<int64>(std::numeric_limits<TYPE>::min()) : 0,
-        sizeof(TYPE) < sizeof(int64) || std::is_signed_v<TYPE> ? static_cast<int64>(std::numeric_limits<TYPE>::max())
-                                                               : std::numeric_limits<int64>::max()};
+        qorConfigKind::integer, std::is_signed_v<TYPE> ? static_cast<int64>((std::numeric_limits<TYPE>::min)()) : 0,
+        sizeof(TYPE) < sizeof(int64) || std::is_signed_v<TYPE> ? static_cast<int64>((std::numeric_limits<TYPE>::max)())
+                                                               : (std::numeric_limits<int64>::max)()};
     static TYPE from(const qorConfigValue& value) noexcept { return static_cast<TYPE>(value.integer); }
     static void to(TYPE from, qorConfigValue& value) noexcept { value.integer = static_cast<int64>(from); }
 };
@@ -377,7 +377,7 @@ public:
         qorConfigValue value;
         value.kind = qor::config::conversion<TYPE>::wish.kind;
         if constexpr (std::is_same_v<TYPE, uint64>)
-            if (from > static_cast<uint64>(std::numeric_limits<int64>::max())) {
+            if (from > static_cast<uint64>((std::numeric_limits<int64>::max)())) {
                 qorString text;
                 text.FormatUnsigned(from, 10);
                 return m_node->SetLiteral(whole(path), text);

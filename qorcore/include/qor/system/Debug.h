@@ -19,11 +19,7 @@ inline const qorDebugFlag* debug_flags() noexcept { return qorDebugGetFlags(); }
 #else
 
 // The array of switches; null until it is first needed.
-#if defined(__ELF__)
-[[gnu::visibility("hidden")]]
-#endif
-inline constinit std::atomic<const qorDebugFlag*>
-    s_debug_flags{nullptr};
+QOR_HIDDEN inline constinit std::atomic<const qorDebugFlag*> s_debug_flags{nullptr};
 
 // Returns null before the table is bound, because tracing never binds.
 inline const qorDebugFlag* debug_flags() noexcept {

@@ -46,7 +46,14 @@ public:
     void GetMessageW(qorString& out) noexcept { GetMessage(out); }
 #endif
     // Writes the text, followed by a newline if `newline` is true. Returns false if it could not be written.
-    virtual bool Put(std::FILE* stream, bool newline) noexcept = 0;
+    bool Put(std::FILE* stream, bool newline) noexcept {
+        qorString text;
+        GetMessage(text);
+        return text.Put(stream, newline);
+    }
+    // The same for a stream of the library's C run-time. For programs compiled before Put was no operation of the
+    // object.
+    virtual bool PutToOwnStream(std::FILE* stream, bool newline) noexcept = 0;
 
     // Presents the error to the user: a line on standard error that names the process.
     virtual void Report() noexcept = 0;
@@ -114,7 +121,10 @@ inline void create_IQORErrorBuilder(IQORErrorBuilder** out) {
 }
 
 // Prints this thread's last error, or a line that says that there was no error.
-inline void fputerr(std::FILE* stream, bool newline) noexcept { qor::glue::fputerr(stream, newline); }
+inline void fputerr(std::FILE* stream, bool newline) noexcept {
+    qor::glue::stream_sink sink(stream);
+    qor::glue::fputerr_sink(&sink, newline);
+}
 
 // Preserves this thread's last error while other code runs, such as the clean-up after a failure. The constructor saves
 // the error and the destructor restores it. The constructor throws std::bad_alloc.

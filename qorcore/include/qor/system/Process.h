@@ -12,6 +12,7 @@
 // pass 0. Returns false on failure; the process should then report the last error and end. Call it once, before other
 // threads use the framework.
 inline bool qorInitProcess(const char* name, qorStringArray& args, unsigned flags) noexcept {
+    qor::glue::set_up_standard_error();
     return qor::glue::qorInitProcess(name, args, flags);
 }
 
@@ -56,14 +57,21 @@ inline bool qorSetSignalHandler(IQORSignalHandler* handler) noexcept { return qo
 
 // Writes `length` bytes. Returns false if not all of them could be written.
 inline bool fputtext(std::FILE* stream, const char* text, uint64 length) noexcept {
-    return qor::glue::fputtext(stream, text, length);
+    qor::glue::stream_sink sink(stream);
+    return qor::glue::fputtext_sink(&sink, text, length);
 }
 
-// Like printf to a stream, but independent of the locale: the decimal point is always a point.
+// Like vfprintf, but independent of the locale: the decimal point is always a point. Returns a negative number if the
+// text could not be written.
+inline int fixed_vfprintf(std::FILE* stream, const char* format, std::va_list arguments) noexcept {
+    qor::glue::stream_sink sink(stream);
+    return qor::glue::fixed_vfprintf_sink(&sink, format, arguments);
+}
+// The same with its arguments.
 QOR_PRINTF(2, 3) inline int fixed_fprintf(std::FILE* stream, const char* format, ...) noexcept {
     std::va_list arguments;
     va_start(arguments, format);
-    const int written = qor::glue::fixed_vfprintf(stream, format, arguments);
+    const int written = fixed_vfprintf(stream, format, arguments);
     va_end(arguments);
     return written;
 }
@@ -75,21 +83,27 @@ inline bool fputmsg(std::FILE* stream, const char* catalog, uint32 number, const
                     const char* a6 = nullptr, const char* a7 = nullptr, const char* a8 = nullptr,
                     const char* a9 = nullptr, const char* a10 = nullptr) noexcept {
     const char* const inserts[] = {a1, a2, a3, a4, a5, a6, a7, a8, a9, a10};
-    return qor::glue::fputmsg(stream, catalog, number, inserts, true);
+    qor::glue::stream_sink sink(stream);
+    return qor::glue::fputmsg_sink(&sink, catalog, number, inserts, true);
 }
 
 // The same for a message without inserts; `newline` says whether a newline follows.
 inline bool fputmsg(std::FILE* stream, const char* catalog, uint32 number, bool newline) noexcept {
-    return qor::glue::fputmsg(stream, catalog, number, nullptr, newline);
+    qor::glue::stream_sink sink(stream);
+    return qor::glue::fputmsg_sink(&sink, catalog, number, nullptr, newline);
 }
 
 // Prints one entry of a help text: the syntax, and the description in a second column.
 inline void qorWriteHelpLine(std::FILE* stream, const char* catalog, uint32 syntax, uint32 description) noexcept {
-    qor::glue::qorWriteHelpLine(stream, catalog, syntax, description);
+    qor::glue::stream_sink sink(stream);
+    qor::glue::qorWriteHelpLine_sink(&sink, catalog, syntax, description);
 }
 
 // Prints the options that qorInitProcess takes, as help lines under a heading.
-inline void qorWriteToolkitHelp(std::FILE* stream) noexcept { qor::glue::qorWriteToolkitHelp(stream); }
+inline void qorWriteToolkitHelp(std::FILE* stream) noexcept {
+    qor::glue::stream_sink sink(stream);
+    qor::glue::qorWriteToolkitHelp_sink(&sink);
+}
 
 // Gets the languages in which messages are looked up, the best first; English ("en") is always the last.
 inline void qorGetActiveCatalogLanguages(qorStringArray& out) noexcept { qor::glue::qorGetActiveCatalogLanguages(out); }

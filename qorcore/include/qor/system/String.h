@@ -6,6 +6,7 @@
 // strings may be used on different threads. If memory runs out, the process ends with a report.
 #pragma once
 
+#include "qor/glue/c_stream.h"
 #include "qor/glue/impl_common.h"
 
 #include <compare>
@@ -309,12 +310,18 @@ public:
     // Writes the whole text in one piece, including NULs, followed by a newline if `newline` is true. A terminal gets
     // it as described in qor/system/Process.h. Returns false if it could not be written (last error); a buffered stream
     // may notice a failure only later.
-    bool Put(std::FILE* stream, bool newline) const noexcept { return qor::glue::qorString_Put(this, stream, newline); }
+    bool Put(std::FILE* stream, bool newline) const noexcept {
+        qor::glue::stream_sink sink(stream);
+        return qor::glue::qorString_Put_sink(this, &sink, newline);
+    }
     // Reads one line of any length, without its end (LF or CR LF). Text behind the last line end counts as a line.
     // Returns false and leaves the string empty at the end of the input, or on a read error, which is then the last
     // error. Because a line may be a password, no copy remains except in the string and in the stream's own buffer.
     // NULs in the line are kept; Text() seems to end at the first.
-    [[nodiscard]] bool GetLine(std::FILE* stream) noexcept { return qor::glue::qorString_GetLine(this, stream); }
+    [[nodiscard]] bool GetLine(std::FILE* stream) noexcept {
+        qor::glue::stream_source source(stream);
+        return qor::glue::qorString_GetLine_source(this, &source);
+    }
 
     // ---- character sets. Lengths are in code units; -1 means up to a zero unit. Invalid characters become U+FFFD, and
     // the result is then false. "UCS2" is UTF-16: characters beyond U+FFFF are surrogate pairs. The blocks end with a

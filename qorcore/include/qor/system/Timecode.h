@@ -73,7 +73,7 @@ public:
 
     // "hh:mm:ss:ff". The frames have as many digits as the highest frame number at the rate, at most three. A rate of 0
     // has no highest frame number and yields ten digits.
-    void GetString(uint32 fps, qorString& out) const noexcept { print(out, digits(std::min(fps, 1000u) - 1)); }
+    void GetString(uint32 fps, qorString& out) const noexcept { print(out, digits((std::min)(fps, 1000u) - 1)); }
 
     // The same; the highest frame number is the rate minus one half, truncated. A denominator of 0 yields one digit, a
     // negative number ten.

@@ -2,9 +2,7 @@
 // overloads and printf formats ("%llu" for uint64) work everywhere.
 #pragma once
 
-#if __cplusplus < 202002L
-#error "The headers of qor need C++20: compile with -std=c++20 or later."
-#endif
+#include "qor/glue/compiler.h"
 
 #include <cstddef>
 
@@ -19,11 +17,3 @@ using int64 = long long;
 using uint64 = unsigned long long;
 
 static_assert(sizeof(int16) == 2 && sizeof(int32) == 4 && sizeof(int64) == 8);
-
-// Makes the compiler check the arguments of printf-style operations. Positions count from 1; in members `this` is
-// first.
-#if defined(__MINGW32__)
-#define QOR_PRINTF(format_position, first_argument) __attribute__((format(gnu_printf, format_position, first_argument)))
-#else
-#define QOR_PRINTF(format_position, first_argument) __attribute__((format(printf, format_position, first_argument)))
-#endif

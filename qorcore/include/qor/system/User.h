@@ -10,12 +10,14 @@
 class qorString;
 class qorStringArray;
 
-// A snapshot of one account, taken when the token was created. It is immutable; any thread may use it. Later versions
-// add operations only at the end.
+// A snapshot of one account. It is immutable; any thread may use it. It was taken when the token was created; for the
+// account of the process, what IsSuperUser does not tell is read when it is first wanted. If that fails, the texts are
+// empty, the level is qorAuthLevel_none, and the last error says why; the next call tries again. Later versions add
+// operations only at the end.
 class IQORUserToken : public IQORInterface {
 public:
-    // Linux: whether the account's number is 0. Windows: whether it is an administrator; for the token of the process's
-    // own account, only if the process is elevated.
+    // Linux: whether the account's number is 0. Windows: whether it is an administrator of this computer; for the token
+    // of the process's own account, only if the process is elevated.
     virtual bool IsSuperUser() noexcept = 0;
 
     // Replaces the content of `out` by the name of the account.
@@ -77,7 +79,7 @@ inline bool qorIsSuperUser() noexcept { return qor::glue::qorIsSuperUser(); }
     return qor::glue::qorGetUserToken(name, out);
 }
 
-// Gets the account that the process runs as.
+// Gets the account that the process runs as now. Asks no server.
 [[nodiscard]] inline bool qorGetCurrentUserToken(IQORUserToken** out) noexcept {
     return qor::glue::qorGetCurrentUserToken(out);
 }

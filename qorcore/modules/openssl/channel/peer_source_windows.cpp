@@ -1,5 +1,7 @@
 #include "peer_source.h"
 
+#include "common/wide_windows.h"
+
 #include <winsock2.h> // before the three below
 #include <ws2tcpip.h>
 
@@ -66,11 +68,11 @@ bool qor::sockets::owner_of(const endpoint& from, const endpoint& here, std::str
     const handle_pointer token(opened);
     alignas(TOKEN_USER) char bytes[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
     DWORD size = 0;
-    char* text = nullptr;
+    wchar_t* text = nullptr;
     if (!GetTokenInformation(token.get(), TokenUser, bytes, sizeof bytes, &size) ||
-        !ConvertSidToStringSidA(reinterpret_cast<const TOKEN_USER*>(bytes)->User.Sid, &text))
+        !ConvertSidToStringSidW(reinterpret_cast<const TOKEN_USER*>(bytes)->User.Sid, &text))
         return false;
-    user = text;
+    user = modules::from_wide(text);
     LocalFree(text);
     return true;
 }

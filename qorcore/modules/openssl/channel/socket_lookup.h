@@ -5,11 +5,12 @@
 
 namespace qor::sockets {
 
-// Appends the endpoints of a host that `get` finds with `hints`. Returns 0 or the error code of `get`.
-template <class INFO, class GET, class FREE>
-int look_up(const char* host, uint16 port, const INFO& hints, GET get, FREE free, std::vector<endpoint>& out) {
+// Appends the endpoints of a host that `get` finds with `hints`. The host and the port are texts of the system. Returns
+// 0 or the error code of `get`.
+template <class TEXT, class INFO, class GET, class FREE>
+int look_up(const TEXT& host, const TEXT& port, const INFO& hints, GET get, FREE free, std::vector<endpoint>& out) {
     INFO* found = nullptr;
-    if (const int failed = get(host, std::to_string(port).c_str(), &hints, &found))
+    if (const int failed = get(host.c_str(), port.c_str(), &hints, &found))
         return failed;
     for (const INFO* each = found; each != nullptr; each = each->ai_next)
         out.emplace_back(each->ai_addr, each->ai_addrlen);

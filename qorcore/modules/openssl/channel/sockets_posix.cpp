@@ -139,7 +139,7 @@ int qor::sockets::resolve(const char* host, uint16 port, bool to_listen, std::ve
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV | (to_listen ? AI_PASSIVE : 0);
-    const int failed = look_up(host, port, hints, getaddrinfo, freeaddrinfo, out);
+    const int failed = look_up<std::string>(host, std::to_string(port), hints, getaddrinfo, freeaddrinfo, out);
     if (failed != 0)
         reason = failed == EAI_SYSTEM ? modules::system_reason(errno) : gai_strerror(failed);
     return failed;
@@ -247,7 +247,7 @@ qor::sockets::waker::waker() {
     int ends[2];
     // If the host closes one end by mistake, the other end becomes readable, so a wait ends.
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0)
-        throw std::system_error(errno, std::generic_category());
+        throw std::system_error(errno, qor::modules::system_category());
     m_receiver = socket(ends[0]);
     m_sender = socket(ends[1]);
 }

@@ -1,6 +1,7 @@
 #include "sockets.h"
 
 #include "common/system_reason.h"
+#include "common/wide_windows.h"
 #include "qor/system/Memory.h"
 #include "socket_lookup.h"
 
@@ -62,7 +63,7 @@ int set_on(const qor::sockets::socket& of, int level, int option) noexcept {
     return setsockopt(handle_of(of), level, option, reinterpret_cast<const char*>(&on), sizeof on);
 }
 
-[[noreturn]] void give_up() { throw std::system_error(WSAGetLastError(), std::system_category()); }
+[[noreturn]] void give_up() { throw std::system_error(WSAGetLastError(), qor::modules::system_category()); }
 
 } // namespace
 
@@ -88,18 +89,18 @@ qor::sockets::socket::~socket() {
 bool qor::sockets::endpoint::is_ipv6() const noexcept { return family_of(*this) == AF_INET6; }
 
 std::string qor::sockets::endpoint::host() const {
-    char text[NI_MAXHOST] = "?";
-    (void)getnameinfo(address_of(*this), size_of(*this), text, sizeof text, nullptr, 0, NI_NUMERICHOST);
-    return text;
+    wchar_t text[NI_MAXHOST] = L"?";
+    (void)GetNameInfoW(address_of(*this), size_of(*this), text, NI_MAXHOST, nullptr, 0, NI_NUMERICHOST);
+    return modules::from_wide(text);
 }
 
 int qor::sockets::resolve(const char* host, uint16 port, bool to_listen, std::vector<endpoint>& out,
                           std::string& reason) {
     start();
-    addrinfo hints{};
+    ADDRINFOW hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = to_listen ? AI_PASSIVE : 0;
-    const int failed = look_up(host, port, hints, getaddrinfo, freeaddrinfo, out);
+    const int failed = look_up(modules::to_wide(host), std::to_wstring(port), hints, GetAddrInfoW, FreeAddrInfoW, out);
     if (failed != 0)
         reason = modules::system_reason(failed);
     return failed;

@@ -1,8 +1,10 @@
 // Windows files have no mode; an access control list holds the rights. Ours names only the user who runs this process.
 #include "private_file.h"
 
+#include "access_list_windows.h"
 #include "common/system_reason.h"
 #include "qor/glue/own_rights_windows.h"
+#include "qor/glue/wide_path_windows.h"
 #include "support/primitives.h"
 
 #include <algorithm>
@@ -18,6 +20,7 @@
 namespace {
 
 using qor::control::private_file_fault;
+using qor::glue::wide_path;
 
 constexpr DWORD all_shares = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr DWORD reading_rights = FILE_READ_DATA | GENERIC_READ | GENERIC_ALL;
@@ -56,19 +59,6 @@ bool failed(private_file_fault fault, std::string& reason) {
     return false;
 }
 
-std::wstring wide(const std::string& text) {
-    std::wstring out(text.size(), L'\0');
-    out.resize(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                                            out.data(), static_cast<int>(out.size()))));
-    return out;
-}
-
-// Ignore accounts that can read and change everything anyway.
-bool is_trusted(PSID sid, PSID user) {
-    return EqualSid(sid, user) || IsWellKnownSid(sid, WinLocalSystemSid) ||
-           IsWellKnownSid(sid, WinBuiltinAdministratorsSid) || IsWellKnownSid(sid, WinCreatorOwnerRightsSid);
-}
-
 // Whether no other account has one of these rights, or owns the file.
 bool is_own(HANDLE file, DWORD forbidden, std::string& reason) {
     const std::vector<unsigned char> user = qor::glue::current_user();
@@ -81,20 +71,10 @@ bool is_own(HANDLE file, DWORD forbidden, std::string& reason) {
                                            &owner, nullptr, &list, nullptr, &descriptor))
         return failed(reason, code);
     const std::unique_ptr<void, local_freer> freed_later(descriptor);
-    if (!is_trusted(owner, qor::glue::sid_of(user)))
+    if (!qor::control::is_trusted(owner, qor::glue::sid_of(user)))
         return failed(private_file_fault::of_another_owner, reason);
-    // A file without an access control list is open to everybody.
-    bool is_private = list != nullptr;
-    for (DWORD i = 0; is_private && i < list->AceCount; ++i) {
-        void* entry;
-        if (!GetAce(list, i, &entry))
-            return failed(reason);
-        const auto* const allowed = static_cast<const ACCESS_ALLOWED_ACE*>(entry);
-        if (allowed->Header.AceType == ACCESS_ALLOWED_ACE_TYPE && (allowed->Header.AceFlags & INHERIT_ONLY_ACE) == 0 &&
-            (allowed->Mask & forbidden) != 0)
-            is_private = is_trusted(const_cast<DWORD*>(&allowed->SidStart), qor::glue::sid_of(user));
-    }
-    return is_private || failed(private_file_fault::others_have_access, reason);
+    return qor::control::allows_only_trusted(list, forbidden, qor::glue::sid_of(user)) ||
+           failed(private_file_fault::others_have_access, reason);
 }
 
 bool read_all(HANDLE file, std::string& text, std::string& reason) {
@@ -149,7 +129,7 @@ handle open_file(const std::wstring& path, DWORD access, DWORD shares, DWORD dis
 
 bool read_file(const std::string& path, DWORD forbidden, std::string& text, std::string& reason, bool& is_missing) {
     text.clear();
-    const handle file = open_file(wide(path), GENERIC_READ | READ_CONTROL, all_shares, OPEN_EXISTING,
+    const handle file = open_file(wide_path(path), GENERIC_READ | READ_CONTROL, all_shares, OPEN_EXISTING,
                                   FILE_ATTRIBUTE_NORMAL, file_patience);
     is_missing = !file.is_open() && (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
     if (is_missing)
@@ -176,7 +156,7 @@ bool qor::control::read_own_file(const std::string& path, std::string& text, std
 // Ignores errors, because opening the file reports them.
 bool qor::control::make_private_folders(const std::string& path, std::string&) {
     for (std::size_t end = path.find_first_of("/\\", 3); end != path.npos; end = path.find_first_of("/\\", end + 1))
-        CreateDirectoryW(wide(path.substr(0, end)).c_str(), nullptr);
+        CreateDirectoryW(wide_path(path.substr(0, end)).c_str(), nullptr);
     return true;
 }
 
@@ -189,11 +169,15 @@ qor::control::private_file_lock::private_file_lock(const std::string& file) : m_
         return;
     }
     // While the file is being deleted, Windows denies access to it, so try again for a while.
-    handle lock = open_file(wide(m_path), GENERIC_WRITE, 0, OPEN_ALWAYS,
+    handle lock = open_file(wide_path(m_path), GENERIC_WRITE, 0, OPEN_ALWAYS,
                             FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, lock_patience, rights.get());
-    if (lock.is_open())
-        m_handle = reinterpret_cast<std::intptr_t>(lock.release());
-    else if (GetLastError() == ERROR_SHARING_VIOLATION)
+    if (lock.is_open()) {
+        // Somebody else may have made the file before, to hold the lock whenever they like.
+        if (is_own(lock.get(), reading_rights | writing_rights, m_reason))
+            m_handle = reinterpret_cast<std::intptr_t>(lock.release());
+        else
+            m_reason.insert(0, m_path + ": ");
+    } else if (GetLastError() == ERROR_SHARING_VIOLATION)
         m_reason = reason_of(private_file_fault::locked, m_path);
     else
         failed(m_reason);

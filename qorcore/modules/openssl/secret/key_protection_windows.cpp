@@ -2,6 +2,7 @@
 
 #include "common/system_reason.h"
 #include "login/private_file.h"
+#include "qor/glue/wide_path_windows.h"
 #include "support/primitives.h"
 
 #include <windows.h>
@@ -48,11 +49,7 @@ bool qor::secret::unprotect(std::string_view stored, std::string& key, std::stri
 
 bool qor::secret::has_no_link(const std::string& path, std::string& reason) {
     for (const std::string& each : {path.substr(0, path.find_last_of("/\\")), path}) {
-        std::wstring wide(each.size(), L'\0');
-        const int length = MultiByteToWideChar(CP_UTF8, 0, each.data(), static_cast<int>(each.size()), wide.data(),
-                                               static_cast<int>(wide.size()));
-        wide.erase(static_cast<std::size_t>(length));
-        const DWORD attributes = GetFileAttributesW(wide.c_str());
+        const DWORD attributes = GetFileAttributesW(glue::wide_path(each).c_str());
         if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
             reason = control::reason_of(control::private_file_fault::no_plain_file);
             return false;

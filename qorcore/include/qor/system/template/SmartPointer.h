@@ -12,10 +12,7 @@ namespace qor::glue {
 // The name of a type as g++ writes it in function names; the text of other compilers is cut to the same form.
 template <class TYPE>
 consteval std::string_view type_name() {
-    constexpr std::string_view text = __PRETTY_FUNCTION__;
-    constexpr std::size_t begin = text.find("TYPE = ") + 7;
-    constexpr std::size_t end = text.find_first_of(";]", begin);
-    return text.substr(begin, end - begin);
+    return type_in_signature(QOR_SIGNATURE);
 }
 
 // A text joined at compile time; LENGTH is the total length of the parts.

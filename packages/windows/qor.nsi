@@ -1,0 +1,281 @@
+; The installer for 64-bit Windows. pack.py calls makensis with the definitions VERSION, NUMBERS, STAGE (the folder with
+; the files), PATH_ENTRY (the program that changes the search path), LISTS (the folder with install.nsh and remove.nsh,
+; which are made from the list of the files), OUT, SIZE, and SIGN, a script that signs, where there is one.
+;
+; setup.exe [/CurrentUser | /AllUsers] [/S] [/NoPath] [/D=FOLDER]
+Target amd64-unicode
+Unicode true
+SetDateSave off
+SetCompressor /SOLID zlib
+ManifestSupportedOS Win10
+ManifestDPIAware true
+ManifestLongPathAware true
+; Rights are asked for only when they are needed.
+RequestExecutionLevel user
+
+!include MUI2.nsh
+!include LogicLib.nsh
+!include FileFunc.nsh
+!include nsDialogs.nsh
+
+!define UNINSTALL "Software\Microsoft\Windows\CurrentVersion\Uninstall\qor"
+; The system's number for "needs more rights".
+!define ELEVATION_REQUIRED 740
+
+Name "qor ${VERSION}"
+OutFile "${OUT}"
+BrandingText " "
+ShowInstDetails hide
+
+VIProductVersion "${NUMBERS}"
+VIFileVersion "${NUMBERS}"
+VIAddVersionKey CompanyName "qor"
+VIAddVersionKey FileDescription "Installs qor"
+VIAddVersionKey FileVersion "${VERSION}"
+VIAddVersionKey LegalCopyright ""
+VIAddVersionKey ProductName "qor"
+VIAddVersionKey ProductVersion "${VERSION}"
+
+!ifdef SIGN
+!uninstfinalize 'sh "${SIGN}" "%1"' = 0
+!endif
+
+Var Scope       ; user or machine
+Var ByCommand   ; the folder that the command line names, or empty
+Var ForAll      ; the button of the page
+
+!define MUI_ABORTWARNING
+Page custom ChooseScope LeaveScope
+!insertmacro MUI_PAGE_DIRECTORY
+!insertmacro MUI_PAGE_INSTFILES
+!insertmacro MUI_UNPAGE_CONFIRM
+!insertmacro MUI_UNPAGE_INSTFILES
+!insertmacro MUI_LANGUAGE English
+!insertmacro MUI_LANGUAGE German
+!insertmacro MUI_LANGUAGE French
+
+LangString ScopeTitle ${LANG_ENGLISH} "For whom?"
+LangString ScopeTitle ${LANG_GERMAN} "Für wen?"
+LangString ScopeTitle ${LANG_FRENCH} "Pour qui ?"
+LangString ScopeMine ${LANG_ENGLISH} "Only for me"
+LangString ScopeMine ${LANG_GERMAN} "Nur für mich"
+LangString ScopeMine ${LANG_FRENCH} "Pour moi seulement"
+LangString ScopeAll ${LANG_ENGLISH} "For all users of this computer (needs an administrator)"
+LangString ScopeAll ${LANG_GERMAN} "Für alle Benutzer dieses Computers (nur mit Administratorrechten)"
+LangString ScopeAll ${LANG_FRENCH} "Pour tous les utilisateurs de cet ordinateur (droits d'administrateur requis)"
+LangString NeedsRights ${LANG_ENGLISH} "This needs the rights of an administrator."
+LangString NeedsRights ${LANG_GERMAN} "Dafür sind Administratorrechte nötig."
+LangString NeedsRights ${LANG_FRENCH} "Cela demande des droits d'administrateur."
+LangString InUse ${LANG_ENGLISH} "Some files could not be written. Is a program of qor running?"
+LangString InUse ${LANG_GERMAN} "Einige Dateien konnten nicht geschrieben werden. Läuft ein Programm von qor?"
+LangString InUse ${LANG_FRENCH} "Certains fichiers n'ont pas pu être écrits. Un programme de qor est-il en cours ?"
+LangString NoPath ${LANG_ENGLISH} "The search path could not be changed."
+LangString NoPath ${LANG_GERMAN} "Der Suchpfad konnte nicht geändert werden."
+LangString NoPath ${LANG_FRENCH} "Le chemin de recherche n'a pas pu être modifié."
+
+; ---- what the installer and the uninstaller share
+
+; Sets the error flag if this process is not an administrator's.
+!macro HAS_RIGHTS
+    UserInfo::GetAccountType
+    Pop $R9
+    ClearErrors
+    ${If} $R9 != "Admin"
+        SetErrors
+    ${EndIf}
+!macroend
+
+; Starts PROGRAM again with more rights, or ends with an error where nobody could be asked.
+!macro ASK_FOR_RIGHTS PROGRAM WORDS
+    ${If} ${Silent}
+        SetErrorLevel ${ELEVATION_REQUIRED}
+        Quit
+    ${EndIf}
+    ClearErrors
+    ExecShell "runas" "${PROGRAM}" "${WORDS}"
+    ${If} ${Errors}
+        MessageBox MB_OK|MB_ICONSTOP "$(NeedsRights)"
+        SetErrorLevel ${ELEVATION_REQUIRED}
+    ${EndIf}
+    Quit
+!macroend
+
+!macro USE_SCOPE
+    ${If} $Scope == machine
+        SetShellVarContext all
+    ${Else}
+        SetShellVarContext current
+    ${EndIf}
+!macroend
+
+; Gets the result of path-entry in $R0.
+!macro PATH_ENTRY ACTION
+    InitPluginsDir
+    File "/oname=$PLUGINSDIR\path-entry.exe" "${PATH_ENTRY}"
+    StrCpy $R0 1
+    ExecWait '"$PLUGINSDIR\path-entry.exe" ${ACTION} $Scope "$INSTDIR\bin"' $R0
+!macroend
+
+; Ends with an error while a program of qor runs from the folder: each of them has libqor open.
+!macro REFUSE_IN_USE FOLDER
+    ${If} ${FileExists} "${FOLDER}\bin\libqor.dll"
+        ClearErrors
+        FileOpen $R8 "${FOLDER}\bin\libqor.dll" a
+        ${If} ${Errors}
+            SetErrorLevel 2
+            MessageBox MB_OK|MB_ICONSTOP "$(InUse)" /SD IDOK
+            Abort "$(InUse)"
+        ${EndIf}
+        FileClose $R8
+    ${EndIf}
+!macroend
+
+; ---- the installer
+
+; The folder of an earlier installation, or the usual one.
+Function DefaultFolder
+    !insertmacro USE_SCOPE
+    ${If} $ByCommand != ""
+        StrCpy $INSTDIR $ByCommand
+        Return
+    ${EndIf}
+    ReadRegStr $INSTDIR SHCTX "${UNINSTALL}" "InstallLocation"
+    ${If} $INSTDIR != ""
+        Return
+    ${EndIf}
+    ${If} $Scope == machine
+        StrCpy $INSTDIR "$PROGRAMFILES64\qor"
+    ${Else}
+        StrCpy $INSTDIR "$LOCALAPPDATA\Programs\qor"
+    ${EndIf}
+FunctionEnd
+
+Function .onInit
+    StrCpy $ByCommand $INSTDIR
+    StrCpy $Scope user
+    ${GetParameters} $R0
+    ClearErrors
+    ${GetOptions} $R0 "/AllUsers" $R1
+    ${IfNot} ${Errors}
+        StrCpy $Scope machine
+        !insertmacro HAS_RIGHTS
+        ${If} ${Errors}
+            !insertmacro ASK_FOR_RIGHTS "$EXEPATH" "$R0"
+        ${EndIf}
+    ${EndIf}
+    Call DefaultFolder
+FunctionEnd
+
+Function ChooseScope
+    !insertmacro MUI_HEADER_TEXT "$(ScopeTitle)" ""
+    nsDialogs::Create 1018
+    Pop $R0
+    ${NSD_CreateRadioButton} 0 20u 100% 12u "$(ScopeMine)"
+    Pop $R1
+    ${NSD_CreateRadioButton} 0 40u 100% 12u "$(ScopeAll)"
+    Pop $ForAll
+    ${If} $Scope == machine
+        ${NSD_Check} $ForAll
+    ${Else}
+        ${NSD_Check} $R1
+    ${EndIf}
+    nsDialogs::Show
+FunctionEnd
+
+Function LeaveScope
+    ${NSD_GetState} $ForAll $R0
+    ${If} $R0 == ${BST_CHECKED}
+        StrCpy $Scope machine
+        !insertmacro HAS_RIGHTS
+        ${If} ${Errors}
+            !insertmacro ASK_FOR_RIGHTS "$EXEPATH" "/AllUsers"
+        ${EndIf}
+    ${Else}
+        StrCpy $Scope user
+    ${EndIf}
+    Call DefaultFolder
+FunctionEnd
+
+Section
+    !insertmacro USE_SCOPE
+    !insertmacro REFUSE_IN_USE $INSTDIR
+    ; Another version may have other files.
+    ReadRegStr $R1 SHCTX "${UNINSTALL}" "InstallLocation"
+    ${If} $R1 != ""
+    ${AndIf} ${FileExists} "$R1\uninstall.exe"
+        StrCpy $R2 1
+        ExecWait '"$R1\uninstall.exe" /S _?=$R1' $R2
+        ${If} $R2 != 0
+            SetErrorLevel 2
+            MessageBox MB_OK|MB_ICONSTOP "$(InUse)" /SD IDOK
+            Abort "$(InUse)"
+        ${EndIf}
+        ; It could not remove itself. The folder is kept if it has files of others.
+        Delete "$R1\uninstall.exe"
+        RMDir "$R1"
+    ${EndIf}
+
+    SetOverwrite try
+    ClearErrors
+    !include "${LISTS}/install.nsh"
+    SetOutPath "$INSTDIR"
+    WriteUninstaller "$INSTDIR\uninstall.exe"
+    ${If} ${Errors}
+        SetErrorLevel 2
+        MessageBox MB_OK|MB_ICONSTOP "$(InUse)" /SD IDOK
+        Abort "$(InUse)"
+    ${EndIf}
+
+    WriteRegStr SHCTX "${UNINSTALL}" "DisplayName" "qor"
+    WriteRegStr SHCTX "${UNINSTALL}" "DisplayVersion" "${VERSION}"
+    WriteRegStr SHCTX "${UNINSTALL}" "DisplayIcon" "$INSTDIR\bin\qortool.exe"
+    WriteRegStr SHCTX "${UNINSTALL}" "Publisher" "qor"
+    WriteRegStr SHCTX "${UNINSTALL}" "InstallLocation" "$INSTDIR"
+    WriteRegStr SHCTX "${UNINSTALL}" "UninstallString" '"$INSTDIR\uninstall.exe"'
+    WriteRegStr SHCTX "${UNINSTALL}" "QuietUninstallString" '"$INSTDIR\uninstall.exe" /S'
+    WriteRegDWORD SHCTX "${UNINSTALL}" "EstimatedSize" ${SIZE}
+    WriteRegDWORD SHCTX "${UNINSTALL}" "NoModify" 1
+    WriteRegDWORD SHCTX "${UNINSTALL}" "NoRepair" 1
+
+    ${GetParameters} $R0
+    ClearErrors
+    ${GetOptions} $R0 "/NoPath" $R1
+    ${If} ${Errors}
+        !insertmacro PATH_ENTRY add
+        ${If} $R0 != 0
+            SetErrorLevel 2
+            MessageBox MB_OK|MB_ICONSTOP "$(NoPath)" /SD IDOK
+            Abort "$(NoPath)"
+        ${EndIf}
+    ${EndIf}
+SectionEnd
+
+; ---- the uninstaller
+
+Function un.onInit
+    StrCpy $Scope user
+    SetShellVarContext all
+    ReadRegStr $R0 SHCTX "${UNINSTALL}" "InstallLocation"
+    ${If} $R0 == $INSTDIR
+        StrCpy $Scope machine
+        !insertmacro HAS_RIGHTS
+        ${If} ${Errors}
+            !insertmacro ASK_FOR_RIGHTS "$INSTDIR\uninstall.exe" ""
+        ${EndIf}
+    ${EndIf}
+    !insertmacro USE_SCOPE
+FunctionEnd
+
+; Removes only what was installed, and folders only if they are empty then.
+Section Uninstall
+    !insertmacro REFUSE_IN_USE $INSTDIR
+    !insertmacro PATH_ENTRY remove
+    SetOutPath "$TEMP"
+    !include "${LISTS}/remove.nsh"
+    Delete "$INSTDIR\uninstall.exe"
+    RMDir "$INSTDIR"
+    ReadRegStr $R0 SHCTX "${UNINSTALL}" "InstallLocation"
+    ${If} $R0 == $INSTDIR
+        DeleteRegKey SHCTX "${UNINSTALL}"
+    ${EndIf}
+SectionEnd
