@@ -4,6 +4,7 @@
 #include "heap/log/stacks_log.h"
 #include "message_names.h"
 #include "recording.h"
+#include "regular_file.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -20,10 +21,7 @@ namespace {
 
 enum class log_kind : uint8 { unknown, mtrace, memcheck, stacks };
 
-bool is_regular(const std::string& path) {
-    const auto info = qorGetFileInfo(path.c_str());
-    return info.has_value() && info->kind == qorFileKind::file;
-}
+bool is_regular(const std::string& path) { return size_of_regular_file(path).has_value(); }
 
 // A pipe is not read yet: its beginning could not be read again.
 log_kind kind_of(const std::string& path) {

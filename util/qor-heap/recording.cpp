@@ -5,6 +5,7 @@
 #include "heap/symbols/symbols.h"
 #include "interrupt.h"
 #include "message_names.h"
+#include "regular_file.h"
 #include "text.h"
 
 #include <optional>
@@ -15,11 +16,6 @@ namespace message = qor::messages::heap;
 namespace tool = qor::messages::tool;
 
 namespace {
-
-uint64 size_of(const std::string& path) {
-    const auto info = qorGetFileInfo(path.c_str());
-    return info.has_value() && info->kind == qorFileKind::file ? info->size : 0;
-}
 
 void warn_of_failure(const qorString& failure) {
     if (!failure.IsEmpty())
@@ -151,7 +147,7 @@ int read_recording(const std::vector<std::string>& files, const options& chosen,
             builder->leave_out_inherited();
         if (!open_logs(logs, *builder))
             return exit_failure;
-        shown.begin(file_name(logs.log), size_of(logs.log));
+        shown.begin(file_name(logs.log), size_of_regular_file(logs.log).value_or(0));
         builder->run();
         shown.clear();
         heap::profile made = builder->make_profile(kept);
