@@ -11,7 +11,9 @@ using qor::heap_tool::size_of_regular_file;
 TEST(regular_file, has_its_size) {
     const qor::test::temp_folder folder;
     EXPECT_EQ(size_of_regular_file(folder.file("some.mtrace", "= Start\n")), 8U);
-    EXPECT_EQ(size_of_regular_file(folder.file("\u00fcber.mtrace", "")), 0U);
+    const std::string name = folder / "\u00fcber.mtrace";
+    std::ofstream(std::filesystem::u8path(name)).close();
+    EXPECT_EQ(size_of_regular_file(name), 0U);
 }
 
 TEST(regular_file, is_nothing_else) {
