@@ -17,10 +17,12 @@ RequestExecutionLevel user
 !include LogicLib.nsh
 !include FileFunc.nsh
 !include nsDialogs.nsh
+!include WinVer.nsh
 
 !define UNINSTALL "Software\Microsoft\Windows\CurrentVersion\Uninstall\qor"
-; The system's number for "needs more rights".
+; The system's numbers for "needs more rights" and "needs a newer Windows".
 !define ELEVATION_REQUIRED 740
+!define OLD_WIN_VERSION 1150
 
 Name "qor ${VERSION}"
 OutFile "${OUT}"
@@ -64,6 +66,9 @@ LangString ScopeMine ${LANG_FRENCH} "Pour moi seulement"
 LangString ScopeAll ${LANG_ENGLISH} "For all users of this computer (needs an administrator)"
 LangString ScopeAll ${LANG_GERMAN} "Für alle Benutzer dieses Computers (nur mit Administratorrechten)"
 LangString ScopeAll ${LANG_FRENCH} "Pour tous les utilisateurs de cet ordinateur (droits d'administrateur requis)"
+LangString NeedsNewer ${LANG_ENGLISH} "qor needs Windows 10 or later."
+LangString NeedsNewer ${LANG_GERMAN} "qor braucht Windows 10 oder neuer."
+LangString NeedsNewer ${LANG_FRENCH} "qor demande Windows 10 ou une version ultérieure."
 LangString NeedsRights ${LANG_ENGLISH} "This needs the rights of an administrator."
 LangString NeedsRights ${LANG_GERMAN} "Dafür sind Administratorrechte nötig."
 LangString NeedsRights ${LANG_FRENCH} "Cela demande des droits d'administrateur."
@@ -170,6 +175,11 @@ Function DefaultFolder
 FunctionEnd
 
 Function .onInit
+    ${IfNot} ${AtLeastWin10}
+        SetErrorLevel ${OLD_WIN_VERSION}
+        MessageBox MB_OK|MB_ICONSTOP "$(NeedsNewer)" /SD IDOK
+        Quit
+    ${EndIf}
     StrCpy $ByCommand $INSTDIR
     StrCpy $Scope user
     ${If} $ByCommand != ""

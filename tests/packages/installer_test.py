@@ -132,6 +132,13 @@ class Installer(InWine):
         self.assertFalse(self.unix("C:\\Program Files\\qor").exists())
         self.assertEqual(self.value(MACHINE, "Path"), before)
 
+    def test_on_an_older_system(self):
+        key = f"HKCU\\Software\\Wine\\AppDefaults\\{packed.package('-setup.exe').name}"
+        self.run_there("reg", "add", key, "/v", "Version", "/d", "win81", "/f")
+        self.install(code=1150 & 0xff)
+        self.run_there("reg", "add", key, "/v", "Version", "/d", "win10", "/f")
+        self.assertFalse(self.unix(self.local_folder()).exists())
+
     def test_in_another_folder(self):
         folder = "C:\\a place\\for tools"
         # The last word has no quotes, though it has blanks.
@@ -219,7 +226,7 @@ class Installer(InWine):
         self.assertIsNone(self.value(USER, "Path"))
 
     def limited(self, *words, code):
-        """Runs the program as a user who is no administrator, and shows nothing. Returns the words of what it starts."""
+        """Runs the program as a user who is no administrator, without a screen. Returns the words of what it starts."""
         environment = {**self.environment, "WINEDEBUG": "-all,trace+process"}
         environment.pop("DISPLAY", None)
         done = subprocess.run([packed.options.runner, packed.options.aid, "limited", *words], env=environment,
@@ -228,7 +235,8 @@ class Installer(InWine):
         said = done.stdout.decode(errors="replace")
         self.assertEqual(done.returncode, code & 0xff, said[-2000:])
         # In Wine's message each backslash is two. The first program is the one that is limited.
-        started = [line.replace("\\\\", "\\") for line in re.findall(r'NtCreateUserProcess .* cmdline L"(.*)" parent', said)]
+        started = [line.replace("\\\\", "\\")
+                   for line in re.findall(r'NtCreateUserProcess .* cmdline L"(.*)" parent', said)]
         self.assertTrue(started, said[-2000:])
         return [line.rpartition('setup.exe\\" ')[2] for line in started[1:]]
 
