@@ -35,6 +35,9 @@ class InWine(packed.Unpacked):
         cls.drive = Path(folder.name) / "windows/wine/drive_c"
         cls.addClassCleanup(subprocess.run, [packed.options.runner, "--stop"], env=cls.environment, check=False)
         subprocess.run([packed.options.runner, "--start"], env=cls.environment, check=True, timeout=LONGEST)
+        # Otherwise Wine says that it is Windows 7.
+        subprocess.run([packed.options.runner, "reg", "add", "HKCU\\Software\\Wine", "/v", "Version", "/d", "win10"],
+                       env=cls.environment, check=True, timeout=LONGEST, stdout=subprocess.DEVNULL)
 
     def run_there(self, *words, code=0):
         done = subprocess.run([packed.options.runner, *map(str, words)], env=self.environment, stdin=subprocess.DEVNULL,
@@ -136,7 +139,7 @@ class Installer(InWine):
         key = f"HKCU\\Software\\Wine\\AppDefaults\\{packed.package('-setup.exe').name}"
         self.run_there("reg", "add", key, "/v", "Version", "/d", "win81", "/f")
         self.install(code=1150 & 0xff)
-        self.run_there("reg", "add", key, "/v", "Version", "/d", "win10", "/f")
+        self.run_there("reg", "delete", key, "/f")
         self.assertFalse(self.unix(self.local_folder()).exists())
 
     def test_in_another_folder(self):
