@@ -90,20 +90,21 @@ def write_zip(path, top, folder, when):
 
 def write_lists(names, stage, folder):
     """Writes the parts of the installer that name the files. A $ begins a variable there."""
-    install, remove, last = [], [], None
+    lists = {"install": [], "remove": [], "folders": []}
+    last = None
     for name in names:
         where, _, file = name.rpartition("/")
         target = "$INSTDIR" + ("\\" + where.replace("/", "\\") if where else "")
         if target != last:
-            install.append(f'SetOutPath "{target}"')
+            lists["install"].append(f'SetOutPath "{target}"')
             last = target
-        install.append(f'File "/oname={file}" "{stage / name}"')
-        remove.append(f'Delete "{target}\\{file}"')
+        lists["install"].append(f'File "/oname={file}" "{stage / name}"')
+        lists["remove"].append(f'Delete "{target}\\{file}"')
     folders = {parent.as_posix() for name in names for parent in Path(name).parents} - {"."}
     for each in sorted(folders, key=lambda each: (-each.count("/"), each)):
-        remove.append('RMDir "$INSTDIR\\' + each.replace("/", "\\") + '"')
-    (folder / "install.nsh").write_text("".join(line + "\n" for line in install), encoding="utf-8")
-    (folder / "remove.nsh").write_text("".join(line + "\n" for line in remove), encoding="utf-8")
+        lists["folders"].append('RMDir "$INSTDIR\\' + each.replace("/", "\\") + '"')
+    for name, lines in lists.items():
+        (folder / f"{name}.nsh").write_text("".join(line + "\n" for line in lines), encoding="utf-8")
 
 
 def time_of_entries():

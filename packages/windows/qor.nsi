@@ -1,6 +1,6 @@
 ; The installer for 64-bit Windows. pack.py calls makensis with the definitions VERSION, NUMBERS, STAGE (the folder with
-; the files), PATH_ENTRY (the program that changes the search path), LISTS (the folder with install.nsh and remove.nsh,
-; which are made from the list of the files), OUT, SIZE, and SIGN, a script that signs, where there is one.
+; the files), PATH_ENTRY (the program that changes the search path), LISTS (the folder with install.nsh, remove.nsh and
+; folders.nsh, which are made from the list of the files), OUT, SIZE, and SIGN, a script that signs, where there is one.
 ;
 ; setup.exe [/CurrentUser | /AllUsers] [/S] [/NoPath] [/D=FOLDER]
 Target amd64-unicode
@@ -17,10 +17,12 @@ RequestExecutionLevel user
 !include LogicLib.nsh
 !include FileFunc.nsh
 !include nsDialogs.nsh
+!include WinVer.nsh
 
 !define UNINSTALL "Software\Microsoft\Windows\CurrentVersion\Uninstall\qor"
-; The system's number for "needs more rights".
+; The system's numbers for "needs more rights" and "needs a newer Windows".
 !define ELEVATION_REQUIRED 740
+!define OLD_WIN_VERSION 1150
 
 Name "qor ${VERSION}"
 OutFile "${OUT}"
@@ -42,6 +44,7 @@ VIAddVersionKey ProductVersion "${VERSION}"
 
 Var Scope       ; user or machine
 Var ByCommand   ; the folder that the command line names, or empty
+Var Folder      ; the same as the last option, which ${GetParameters} leaves out
 Var ForAll      ; the button of the page
 
 !define MUI_ABORTWARNING
@@ -63,6 +66,9 @@ LangString ScopeMine ${LANG_FRENCH} "Pour moi seulement"
 LangString ScopeAll ${LANG_ENGLISH} "For all users of this computer (needs an administrator)"
 LangString ScopeAll ${LANG_GERMAN} "Für alle Benutzer dieses Computers (nur mit Administratorrechten)"
 LangString ScopeAll ${LANG_FRENCH} "Pour tous les utilisateurs de cet ordinateur (droits d'administrateur requis)"
+LangString NeedsNewer ${LANG_ENGLISH} "qor needs Windows 10 or later."
+LangString NeedsNewer ${LANG_GERMAN} "qor braucht Windows 10 oder neuer."
+LangString NeedsNewer ${LANG_FRENCH} "qor demande Windows 10 ou une version ultérieure."
 LangString NeedsRights ${LANG_ENGLISH} "This needs the rights of an administrator."
 LangString NeedsRights ${LANG_GERMAN} "Dafür sind Administratorrechte nötig."
 LangString NeedsRights ${LANG_FRENCH} "Cela demande des droits d'administrateur."
@@ -85,18 +91,26 @@ LangString NoPath ${LANG_FRENCH} "Le chemin de recherche n'a pas pu être modifi
     ${EndIf}
 !macroend
 
-; Starts PROGRAM again with more rights, or ends with an error where nobody could be asked.
+; Starts PROGRAM again with more rights, or ends with an error where nobody could be asked. A system that gives no more
+; rights to the second process would start one after the other, so that one is told that it is the second.
 !macro ASK_FOR_RIGHTS PROGRAM WORDS
     ${If} ${Silent}
         SetErrorLevel ${ELEVATION_REQUIRED}
         Quit
     ${EndIf}
+    ${GetParameters} $R8
     ClearErrors
-    ExecShell "runas" "${PROGRAM}" "${WORDS}"
+    ${GetOptions} $R8 "/Elevated" $R7
     ${If} ${Errors}
-        MessageBox MB_OK|MB_ICONSTOP "$(NeedsRights)"
-        SetErrorLevel ${ELEVATION_REQUIRED}
+        ClearErrors
+        ExecShell "runas" "${PROGRAM}" "${WORDS}"
+        ${IfNot} ${Errors}
+            SetErrorLevel 0
+            Quit
+        ${EndIf}
     ${EndIf}
+    SetErrorLevel ${ELEVATION_REQUIRED}
+    MessageBox MB_OK|MB_ICONSTOP "$(NeedsRights)"
     Quit
 !macroend
 
@@ -116,18 +130,28 @@ LangString NoPath ${LANG_FRENCH} "Le chemin de recherche n'a pas pu être modifi
     ExecWait '"$PLUGINSDIR\path-entry.exe" ${ACTION} $Scope "$INSTDIR\bin"' $R0
 !macroend
 
-; Ends with an error while a program of qor runs from the folder: each of them has libqor open.
-!macro REFUSE_IN_USE FOLDER
-    ${If} ${FileExists} "${FOLDER}\bin\libqor.dll"
+!macro END_IN_USE
+    SetErrorLevel 2
+    MessageBox MB_OK|MB_ICONSTOP "$(InUse)" /SD IDOK
+    Abort "$(InUse)"
+!macroend
+
+!macro REFUSE_FILE_IN_USE FILE
+    ${If} ${FileExists} "${FILE}"
         ClearErrors
-        FileOpen $R8 "${FOLDER}\bin\libqor.dll" a
+        FileOpen $R8 "${FILE}" a
         ${If} ${Errors}
-            SetErrorLevel 2
-            MessageBox MB_OK|MB_ICONSTOP "$(InUse)" /SD IDOK
-            Abort "$(InUse)"
+            !insertmacro END_IN_USE
         ${EndIf}
         FileClose $R8
     ${EndIf}
+!macroend
+
+; Ends with an error while a program of qor runs from the folder: each of them has libqor open. A recorded program that
+; runs longer than its recorder has the hooks open.
+!macro REFUSE_IN_USE FOLDER
+    !insertmacro REFUSE_FILE_IN_USE "${FOLDER}\bin\libqor.dll"
+    !insertmacro REFUSE_FILE_IN_USE "${FOLDER}\bin\qor-record-hooks.dll"
 !macroend
 
 ; ---- the installer
@@ -151,8 +175,16 @@ Function DefaultFolder
 FunctionEnd
 
 Function .onInit
+    ${IfNot} ${AtLeastWin10}
+        SetErrorLevel ${OLD_WIN_VERSION}
+        MessageBox MB_OK|MB_ICONSTOP "$(NeedsNewer)" /SD IDOK
+        Quit
+    ${EndIf}
     StrCpy $ByCommand $INSTDIR
     StrCpy $Scope user
+    ${If} $ByCommand != ""
+        StrCpy $Folder " /D=$ByCommand"
+    ${EndIf}
     ${GetParameters} $R0
     ClearErrors
     ${GetOptions} $R0 "/AllUsers" $R1
@@ -160,7 +192,7 @@ Function .onInit
         StrCpy $Scope machine
         !insertmacro HAS_RIGHTS
         ${If} ${Errors}
-            !insertmacro ASK_FOR_RIGHTS "$EXEPATH" "$R0"
+            !insertmacro ASK_FOR_RIGHTS "$EXEPATH" "$R0 /Elevated$Folder"
         ${EndIf}
     ${EndIf}
     Call DefaultFolder
@@ -188,7 +220,8 @@ Function LeaveScope
         StrCpy $Scope machine
         !insertmacro HAS_RIGHTS
         ${If} ${Errors}
-            !insertmacro ASK_FOR_RIGHTS "$EXEPATH" "/AllUsers"
+            ${GetParameters} $R0
+            !insertmacro ASK_FOR_RIGHTS "$EXEPATH" "$R0 /AllUsers /Elevated$Folder"
         ${EndIf}
     ${Else}
         StrCpy $Scope user
@@ -206,9 +239,7 @@ Section
         StrCpy $R2 1
         ExecWait '"$R1\uninstall.exe" /S _?=$R1' $R2
         ${If} $R2 != 0
-            SetErrorLevel 2
-            MessageBox MB_OK|MB_ICONSTOP "$(InUse)" /SD IDOK
-            Abort "$(InUse)"
+            !insertmacro END_IN_USE
         ${EndIf}
         ; It could not remove itself. The folder is kept if it has files of others.
         Delete "$R1\uninstall.exe"
@@ -221,9 +252,7 @@ Section
     SetOutPath "$INSTDIR"
     WriteUninstaller "$INSTDIR\uninstall.exe"
     ${If} ${Errors}
-        SetErrorLevel 2
-        MessageBox MB_OK|MB_ICONSTOP "$(InUse)" /SD IDOK
-        Abort "$(InUse)"
+        !insertmacro END_IN_USE
     ${EndIf}
 
     WriteRegStr SHCTX "${UNINSTALL}" "DisplayName" "qor"
@@ -260,19 +289,25 @@ Function un.onInit
         StrCpy $Scope machine
         !insertmacro HAS_RIGHTS
         ${If} ${Errors}
-            !insertmacro ASK_FOR_RIGHTS "$INSTDIR\uninstall.exe" ""
+            !insertmacro ASK_FOR_RIGHTS "$INSTDIR\uninstall.exe" "/Elevated"
         ${EndIf}
     ${EndIf}
     !insertmacro USE_SCOPE
 FunctionEnd
 
-; Removes only what was installed, and folders only if they are empty then.
+; Removes only what was installed, and folders only if they are empty then. If a file stays, the uninstaller stays, too,
+; and can be called again.
 Section Uninstall
     !insertmacro REFUSE_IN_USE $INSTDIR
-    !insertmacro PATH_ENTRY remove
     SetOutPath "$TEMP"
+    ClearErrors
     !include "${LISTS}/remove.nsh"
+    ${If} ${Errors}
+        !insertmacro END_IN_USE
+    ${EndIf}
+    !insertmacro PATH_ENTRY remove
     Delete "$INSTDIR\uninstall.exe"
+    !include "${LISTS}/folders.nsh"
     RMDir "$INSTDIR"
     ReadRegStr $R0 SHCTX "${UNINSTALL}" "InstallLocation"
     ${If} $R0 == $INSTDIR

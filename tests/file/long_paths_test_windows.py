@@ -24,6 +24,10 @@ TAKEN = re.compile(r'RtlDosPathNameToNtPathName_U_WithStatus \(L"(.*?)"(\.\.\.)?
 options = None
 
 
+def windows(path):
+    return "Z:" + str(path).replace("/", "\\")
+
+
 class LongPaths(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="qor.")
@@ -35,7 +39,7 @@ class LongPaths(unittest.TestCase):
         self.assertGreater(len(str(self.folder)), LIMIT + 40)
 
     def there(self, name):
-        return "Z:" + str(self.folder / name).replace("/", "\\")
+        return windows(self.folder / name)
 
     def check_told(self, least=1):
         """Every long path had the form for long paths."""
@@ -76,6 +80,13 @@ class LongPaths(unittest.TestCase):
         self.run_program("qor-heap", "page", self.there("demo.mtrace"), "-o", self.there("page.html"), least=3)
         self.assertIn("<html", (self.folder / "page.html").read_text()[:2000])
         self.assertEqual({path.name for path in self.folder.iterdir()}, {"demo.mtrace", "page.html"})
+
+    def test_the_recorder_writes_and_replaces_files(self):
+        for least in 2, 4:  # the second run looks at what the first one left, and removes it
+            self.run_program("qor-record", "-o", self.there("log"), windows(options.bin / "qortool.exe"), "--quiet",
+                             "dow", "28/3/2021", least=least)
+            self.assertEqual({path.name for path in self.folder.iterdir()}, {"log.memcheck", "log.mtrace", "log.stacks"})
+            self.assertGreater((self.folder / "log.mtrace").stat().st_size, 1000)
 
     def test_accounts(self):
         """They are kept in folders of their own, which are made first."""

@@ -93,6 +93,18 @@ TEST(windows_names, read_only_files_and_folders_are_deleted) {
     EXPECT_FALSE(qorDirectoryExists((folder / "tree").c_str()));
 }
 
+// The other name is the same folder, so nothing stands in its way. Wine then leaves the folder its name.
+TEST(windows_names, of_folders_change_between_small_and_capital_letters) {
+    const qor::test::temp_folder folder;
+    for (const auto& [from, to] : {std::pair(u8"one", u8"ONE"), std::pair(u8"\u00e4nderung", u8"\u00c4nderung")}) {
+        const std::string before = folder / reinterpret_cast<const char*>(from);
+        const std::string after = folder / reinterpret_cast<const char*>(to);
+        ASSERT_TRUE(qorCreateDirectory(before.c_str())) << last_error();
+        EXPECT_TRUE(qorRenameFile(before.c_str(), after.c_str(), true)) << last_error();
+        EXPECT_TRUE(qorDirectoryExists(after.c_str()));
+    }
+}
+
 TEST(windows_names, of_servers_and_devices_are_absolute) {
     for (const char* const path : {"\\\\server\\share", "\\\\?\\C:\\a", "//server/share", "\\\\.\\COM1"})
         EXPECT_TRUE(qorIsAbsolutePath(path)) << path;

@@ -2,6 +2,7 @@
 """Installs the framework for Windows under Wine, uses it and removes it again. The tests have a Wine of their own.
 
     installer_test.py --build FOLDER --packages FOLDER --version VERSION --cmake PROGRAM --runner PROGRAM
+                      --aid PROGRAM
 """
 
 import os
@@ -34,6 +35,9 @@ class InWine(packed.Unpacked):
         cls.drive = Path(folder.name) / "windows/wine/drive_c"
         cls.addClassCleanup(subprocess.run, [packed.options.runner, "--stop"], env=cls.environment, check=False)
         subprocess.run([packed.options.runner, "--start"], env=cls.environment, check=True, timeout=LONGEST)
+        # Otherwise Wine says that it is Windows 7.
+        subprocess.run([packed.options.runner, "reg", "add", "HKCU\\Software\\Wine", "/v", "Version", "/d", "win10"],
+                       env=cls.environment, check=True, timeout=LONGEST, stdout=subprocess.DEVNULL)
 
     def run_there(self, *words, code=0):
         done = subprocess.run([packed.options.runner, *map(str, words)], env=self.environment, stdin=subprocess.DEVNULL,
@@ -131,6 +135,13 @@ class Installer(InWine):
         self.assertFalse(self.unix("C:\\Program Files\\qor").exists())
         self.assertEqual(self.value(MACHINE, "Path"), before)
 
+    def test_on_an_older_system(self):
+        key = f"HKCU\\Software\\Wine\\AppDefaults\\{packed.package('-setup.exe').name}"
+        self.run_there("reg", "add", key, "/v", "Version", "/d", "win81", "/f")
+        self.install(code=1150 & 0xff)
+        self.run_there("reg", "delete", key, "/f")
+        self.assertFalse(self.unix(self.local_folder()).exists())
+
     def test_in_another_folder(self):
         folder = "C:\\a place\\for tools"
         # The last word has no quotes, though it has blanks.
@@ -166,12 +177,86 @@ class Installer(InWine):
         finally:
             running.kill()
             running.communicate()
-        end = time.monotonic() + LONGEST
-        while not self.is_free(self.unix(folder) / "bin/libqor.dll"):
-            self.assertLess(time.monotonic(), end)
-            time.sleep(0.1)
+        self.wait_until(lambda: self.is_free(self.unix(folder) / "bin/libqor.dll"))
         self.remove(folder, key)
         self.assertFalse(self.unix(folder).exists())
+
+    def start(self, *words):
+        """Starts a program that writes a line when it is at work."""
+        running = subprocess.Popen([packed.options.runner, *map(str, words)], env=self.environment,
+                                   stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.addCleanup(lambda: running.stdin.closed or running.communicate())
+        self.addCleanup(running.kill)
+        self.assertTrue(running.stdout.readline())
+        return running
+
+    def test_a_recorded_program_that_runs_longer_than_its_recorder(self):
+        """It has the library with the hooks open, and nothing else."""
+        folder = "C:\\recorded"
+        self.install(f"/D={folder}")
+        key = self.check_installed(folder, "HKCU")
+        hooks = self.unix(folder) / "bin/qor-record-hooks.dll"
+        recorder = self.start(self.unix(folder) / "bin/qor-record.exe", "-o", "C:\\log", "--", packed.options.aid,
+                              "hold", "C:\\windows\\win.ini")
+        # The program goes on: standard input is the same for both.
+        recorder.kill()
+        self.wait_until(lambda: self.is_free(self.unix(folder) / "bin/libqor.dll"))
+        self.assertFalse(self.is_free(hooks))
+        self.install(f"/D={folder}", code=2)
+        self.check_installed(folder, "HKCU")
+        self.run_there(self.unix(folder) / "uninstall.exe", "/S", f"_?={folder}", code=2)
+        self.check_installed(folder, "HKCU")
+        recorder.communicate(timeout=LONGEST)
+        self.wait_until(lambda: self.is_free(hooks))
+        self.remove(folder, key)
+        self.assertFalse(self.unix(folder).exists())
+
+    def test_a_file_that_cannot_be_removed(self):
+        """The uninstaller and its entry stay, so that it can be called again."""
+        folder = "C:\\held"
+        self.install(f"/D={folder}")
+        key = self.check_installed(folder, "HKCU")
+        path = self.value(USER, "Path")
+        held = self.start(packed.options.aid, "hold", f"{folder}\\include\\qor\\qor.h")
+        self.run_there(self.unix(folder) / "uninstall.exe", "/S", f"_?={folder}", code=2)
+        left = [path.name for path in self.unix(folder).rglob("*") if path.is_file()]
+        self.assertEqual(sorted(left), ["qor.h", "uninstall.exe"])
+        self.assertEqual(self.value(key, "InstallLocation"), ("REG_SZ", folder))
+        self.assertEqual(self.value(USER, "Path"), path)
+        held.communicate(timeout=LONGEST)
+        self.remove(folder, key)
+        self.assertFalse(self.unix(folder).exists())
+        self.assertIsNone(self.value(USER, "Path"))
+
+    def limited(self, *words, code):
+        """Runs the program as a user who is no administrator, without a screen. Returns the words of what it starts."""
+        environment = {**self.environment, "WINEDEBUG": "-all,trace+process"}
+        environment.pop("DISPLAY", None)
+        done = subprocess.run([packed.options.runner, packed.options.aid, "limited", *words], env=environment,
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                              timeout=LONGEST)
+        said = done.stdout.decode(errors="replace")
+        self.assertEqual(done.returncode, code & 0xff, said[-2000:])
+        # In Wine's message each backslash is two. The first program is the one that is limited.
+        started = [line.replace("\\\\", "\\")
+                   for line in re.findall(r'NtCreateUserProcess .* cmdline L"(.*)" parent', said)]
+        self.assertTrue(started, said[-2000:])
+        return [line.rpartition('setup.exe\\" ')[2] for line in started[1:]]
+
+    def test_without_the_rights_of_an_administrator(self):
+        setup = packed.package("-setup.exe")
+        self.assertEqual(self.limited(setup, "/S", "/AllUsers", code=740), [])
+        self.assertFalse(self.unix("C:\\Program Files\\qor").exists())
+        # It asks for them, and starts itself again with the same words, but only once.
+        self.assertEqual(self.limited(setup, "/AllUsers", "/NoPath", "/D=C:\\a", "place", code=0),
+                         ["/AllUsers /NoPath /Elevated /D=C:\\a place"])
+        self.assertEqual(self.limited(setup, "/AllUsers", "/Elevated", code=740), [])
+
+    def wait_until(self, condition):
+        end = time.monotonic() + LONGEST
+        while not condition():
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.1)
 
     def is_free(self, path):
         """Whether no process under Wine has the library."""
@@ -231,4 +316,4 @@ class SearchPath(InWine):
 
 
 if __name__ == "__main__":
-    sys.exit(packed.main("runner"))
+    sys.exit(packed.main("runner", "aid"))

@@ -250,6 +250,8 @@ TEST_F(user_directory, rights_and_groups_are_those_of_this_computer) {
     EXPECT_EQ(found.level, qorAuthLevel_user);
 
     m_world.priv = USER_PRIV_USER;
+    m_world.groups[L"SALES\\jmiller"].emplace_back(L"Admin\u00adistratoren"); // with a hyphen that nobody sees
+    EXPECT_FALSE(read(L"SALES\\jmiller").is_super_user);
     m_world.groups[L"SALES\\jmiller"].emplace_back(L"administratoren");
     const account raised = read(L"SALES\\jmiller");
     EXPECT_TRUE(raised.is_super_user);

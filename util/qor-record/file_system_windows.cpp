@@ -2,8 +2,9 @@
 
 #include "wide_text_windows.h"
 
+#include "qor/glue/wide_path_windows.h"
+
 #include <algorithm>
-#include <system_error>
 #include <windows.h>
 
 namespace qor::record {
@@ -12,6 +13,8 @@ const int out_of_memory = ERROR_NOT_ENOUGH_MEMORY;
 const char separators[] = "\\/";
 
 namespace {
+
+using glue::wide_path;
 
 int last_error() { return static_cast<int>(GetLastError()); }
 HANDLE handle_of(std::intptr_t file) { return reinterpret_cast<HANDLE>(file); }
@@ -24,14 +27,14 @@ static_assert(sizeof(std::intptr_t) == sizeof(HANDLE));
 
 // The rights are those of the folder.
 int raw_file::create(const std::string& path) {
-    const HANDLE file = CreateFileW(wide(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
-                                    CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE file = CreateFileW(wide_path(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                                    nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
     m_file = reinterpret_cast<std::intptr_t>(file);
     return is_open() ? 0 : last_error();
 }
 
 int raw_file::open(const std::string& path) {
-    const HANDLE file = CreateFileW(wide(path).c_str(), GENERIC_READ, everybody, nullptr, OPEN_EXISTING,
+    const HANDLE file = CreateFileW(wide_path(path).c_str(), GENERIC_READ, everybody, nullptr, OPEN_EXISTING,
                                     FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
     m_file = reinterpret_cast<std::intptr_t>(file);
     return is_open() ? 0 : last_error();
@@ -71,9 +74,9 @@ void raw_file::cut_to(std::uint64_t size) {
         SetEndOfFile(handle_of(m_file));
 }
 
-int remove_file(const std::string& path) { return DeleteFileW(wide(path).c_str()) ? 0 : last_error(); }
+int remove_file(const std::string& path) { return DeleteFileW(wide_path(path).c_str()) ? 0 : last_error(); }
 int rename_file(const std::string& from, const std::string& to) {
-    return MoveFileExW(wide(from).c_str(), wide(to).c_str(), MOVEFILE_REPLACE_EXISTING) ? 0 : last_error();
+    return MoveFileExW(wide_path(from).c_str(), wide_path(to).c_str(), MOVEFILE_REPLACE_EXISTING) ? 0 : last_error();
 }
 bool is_there(const std::string& path) { return type_of(path) != file_type::nothing; }
 bool is_taken(int error) noexcept { return error == ERROR_FILE_EXISTS || error == ERROR_ALREADY_EXISTS; }
@@ -89,7 +92,7 @@ std::string reason_of(int error) {
 }
 
 file_type type_of(const std::string& path) {
-    const DWORD found = GetFileAttributesW(wide(path).c_str());
+    const DWORD found = GetFileAttributesW(wide_path(path).c_str());
     if (found == INVALID_FILE_ATTRIBUTES)
         return file_type::nothing;
     constexpr DWORD no_file = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DEVICE;
@@ -100,7 +103,9 @@ std::string path_of_folder(const std::string& folder) {
     const std::wstring name = wide(folder);
     std::wstring path(GetFullPathNameW(name.c_str(), 0, nullptr, nullptr), L'\0');
     path.resize(GetFullPathNameW(name.c_str(), static_cast<DWORD>(path.size()), path.data(), nullptr));
-    const DWORD found = GetFileAttributesW(path.c_str());
+    std::wstring lifted = path;
+    glue::lift_path_limit(lifted);
+    const DWORD found = GetFileAttributesW(lifted.c_str());
     if (path.empty() || found == INVALID_FILE_ATTRIBUTES || (found & FILE_ATTRIBUTE_DIRECTORY) == 0)
         return {};
     return narrow(path);
@@ -109,7 +114,7 @@ std::string path_of_folder(const std::string& folder) {
 std::vector<std::string> names_in(const std::string& folder) {
     std::vector<std::string> names;
     WIN32_FIND_DATAW entry;
-    const HANDLE entries = FindFirstFileW((wide(folder) + L"\\*").c_str(), &entry);
+    const HANDLE entries = FindFirstFileW(wide_path(folder + "\\*").c_str(), &entry);
     if (entries == INVALID_HANDLE_VALUE)
         return names;
     do

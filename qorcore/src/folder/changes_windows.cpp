@@ -2,7 +2,6 @@
 
 #include "platform/wide_windows.h"
 
-#include <cwchar>
 #include <windows.h>
 
 namespace {
@@ -61,7 +60,7 @@ int qor::folder::rename(const char* from, const char* to, bool replace) noexcept
     if (!replace && wide_from == wide_to && exists(wide_to))
         return ERROR_ALREADY_EXISTS; // the system would do nothing, successfully
     // Some file systems let a folder and a file replace each other.
-    const bool is_other_name = _wcsicmp(wide_from.c_str(), wide_to.c_str()) != 0;
+    const bool is_other_name = CompareStringOrdinal(wide_from.c_str(), -1, wide_to.c_str(), -1, TRUE) != CSTR_EQUAL;
     if (replace && is_other_name && exists(wide_to) && (is_folder(wide_from) || is_folder(wide_to)))
         return ERROR_ALREADY_EXISTS;
     return code_of(MoveFileExW(wide_from.c_str(), wide_to.c_str(), replace ? MOVEFILE_REPLACE_EXISTING : 0));

@@ -55,8 +55,10 @@ private:
     TYPE* m_data = nullptr;
 };
 
+// As the system compares names. A comparison by the rules of a language would ignore some characters, and take a group
+// that looks like the administrators' for theirs.
 bool is_same_name(const std::wstring& left, const std::wstring& right) noexcept {
-    return lstrcmpiW(left.c_str(), right.c_str()) == 0;
+    return CompareStringOrdinal(left.c_str(), -1, right.c_str(), -1, TRUE) == CSTR_EQUAL;
 }
 
 bool is_of_this_computer(const identity& who) {
