@@ -277,17 +277,24 @@ bool qor::debug::line_output::write_to_file(std::string_view text) noexcept {
     return false;
 }
 
-// A thread that was ended while it wrote may have left a part of a line.
+// A thread that was ended while it wrote may have left a part of a line. The system may still be writing the rest.
 void qor::debug::line_output::look_for_torn_line() noexcept {
+    constexpr int looks = 50;
+    constexpr std::chrono::milliseconds pause{1};
     raw_file written;
-    std::uint64_t size = 0;
-    char last = '\n';
-    std::size_t count = 0;
-    if (std::exchange(m_is_at_end, true) || m_name.empty() ||
-        written.open(m_name.c_str(), raw_file::access::read) != 0 || written.size(&size) != 0 || size == 0 ||
-        written.read_at(size - 1, &last, 1, &count) != 0)
+    if (std::exchange(m_is_at_end, true) || m_name.empty() || written.open(m_name.c_str(), raw_file::access::read) != 0)
         return;
-    m_is_torn = last != '\n';
+    for (int look = 0; look < looks; ++look) {
+        std::uint64_t size = 0;
+        char last = '\n';
+        std::size_t count = 0;
+        if (written.size(&size) != 0 || size == 0 || written.read_at(size - 1, &last, 1, &count) != 0)
+            return;
+        m_is_torn = last != '\n';
+        if (!m_is_torn)
+            return;
+        std::this_thread::sleep_for(pause);
+    }
 }
 
 void qor::debug::line_output::count_loss(uint64 lines) noexcept {

@@ -350,4 +350,7 @@ std::uint64_t qor::platform::raw_file::copy_from(raw_file& from, std::uint64_t l
     return count;
 }
 
-void qor::platform::raw_file::cut(std::uint64_t size) noexcept { set_size(size); }
+void qor::platform::raw_file::cut(std::uint64_t size) noexcept {
+    if (set_size(size) == 0)
+        lseek(descriptor_of(m_handle), static_cast<off_t>(size), SEEK_SET);
+}

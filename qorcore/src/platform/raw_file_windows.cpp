@@ -298,4 +298,9 @@ bool qor::platform::raw_file::is_at(const char* path) const noexcept {
 
 int qor::platform::raw_file::recover(const char*) noexcept { return 0; }
 
-void qor::platform::raw_file::cut(std::uint64_t size) noexcept { set_size(size); }
+void qor::platform::raw_file::cut(std::uint64_t size) noexcept {
+    LARGE_INTEGER end;
+    end.QuadPart = static_cast<LONGLONG>(size);
+    if (set_size(size) == 0)
+        SetFilePointerEx(as_handle(m_handle), end, nullptr, FILE_BEGIN);
+}
