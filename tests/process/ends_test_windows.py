@@ -8,10 +8,10 @@ allocation log consist of whole lines.
 QOR_TEST_WHOLE=1 ends 200 processes.
 
 Wine itself sometimes hangs or fails when it ends the threads of a process, because it has killed one inside of a lock
-of its own. The notes of the process say then that none of its libraries has been called yet. Such a process hangs, or is
-gone with exit code 0; some are gone before they have begun, several at once. Or Wine names its own source, which may also
-come later, when it meets what a killed thread has left. A program that uses no library of ours hangs and fails in the
-same way, six times of a hundred on a busy machine. Up to one of ten may end so.
+of its own. The notes of the process say then that none of its libraries has been called yet. Such a process hangs, or
+is gone with exit code 0; some are gone before they have begun, several at once. Or Wine names its own source, which
+may also come later, when it meets what a killed thread has left. A program that uses no library of ours hangs and
+fails in the same way, six times of a hundred on a busy machine. Up to one of ten may end so.
 """
 
 import argparse
