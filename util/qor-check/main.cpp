@@ -15,7 +15,8 @@ constexpr int does_not_bind = 1; // the program ends with exit code 100
 constexpr int wrong_usage = 2;
 
 // The framework's own modules. Each has a package of its own, because each needs what not every host has.
-constexpr const char* own_modules[] = {"qor-config", "qor-network", "qor-openssl", "qor-pam", "qor-store", "qor-systemd"};
+constexpr const char* own_modules[] = {"qor-config", "qor-network", "qor-openssl",
+                                       "qor-pam",    "qor-store",   "qor-systemd"};
 
 constexpr const char* operations[] = {
 #define QOR_SLOT(number, result, op, parameters, arguments) #op,
@@ -179,7 +180,8 @@ void print_modules() {
     // Modules of others are not loaded, because their code would run.
     for (const qorModuleInfo& each : list->Modules())
         if (present.contains(each.name))
-            print_module(each.name, each.state == qorModuleState::refused ? each.reason : text_of(message::module_fits));
+            print_module(each.name,
+                         each.state == qorModuleState::refused ? each.reason : text_of(message::module_fits));
 }
 
 int run(int argc, char** argv) {
@@ -190,6 +192,8 @@ int run(int argc, char** argv) {
             print(text_of(message::usage));
             return binds;
         }
+        if (word.starts_with("--qor-"))
+            continue; // the framework's own, for qorInitProcess
         if (word.size() > 1 && word.front() == '-') {
             complain(text_of(message::unknown_option, {word}));
             return wrong_usage;
@@ -213,10 +217,20 @@ int run(int argc, char** argv) {
         break;
     }
     bind_like(known);
+    if (qor::glue::is_bound()) {
+        qorStringArray args;
+        args.SetFromArgVec(argc, argv);
+        if (!qorInitProcess("qor-check", args, 0)) {
+            fputerr(stderr, true);
+            return wrong_usage;
+        }
+    }
     print_search(known);
     const int code = print_library(known);
     if (known.table != nullptr)
         print_modules();
+    if (qor::glue::is_bound())
+        qorCleanup();
     return code;
 }
 

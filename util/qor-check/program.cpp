@@ -21,7 +21,7 @@ bool find_client(std::string_view file, program& out) {
         if (file.size() - at < head_size)
             break;
         description head;
-        std::memcpy(&head, file.data() + at, head_size);
+        std::memcpy(static_cast<void*>(&head), file.data() + at, head_size);
         const std::size_t bytes = (std::size_t{head.table_length} + 7) / 8;
         // The whole has the size that alignment gives it.
         if (head.layout != glue::client.layout || head.size < head_size + bytes || head.size > file.size() - at)

@@ -47,9 +47,12 @@ constexpr message framework[] = {
 #undef QOR_MESSAGE
 
 namespace messages = qor::messages;
-constexpr built_in catalogs[] = {{messages::framework::catalog, framework},   {messages::tool::catalog, tool},
-                                 {messages::debug_user::catalog, debug_user}, {messages::record::catalog, record},
-                                 {messages::heap_page::catalog, heap_page},   {messages::heap::catalog, heap},
+constexpr built_in catalogs[] = {{messages::framework::catalog, framework},
+                                 {messages::tool::catalog, tool},
+                                 {messages::debug_user::catalog, debug_user},
+                                 {messages::record::catalog, record},
+                                 {messages::heap_page::catalog, heap_page},
+                                 {messages::heap::catalog, heap},
                                  {messages::check::catalog, check}};
 
 // Look-ups are binary searches, and an empty text would count as a missing message.

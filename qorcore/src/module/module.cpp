@@ -75,7 +75,8 @@ refusal open(const record& which, module_file& file, platform::file_status& stat
     int code = file.open(which.path);
     if (platform::raw_file::is_missing(code)) {
         const std::string package = package_of(which.name);
-        return {qorError_module_missing, package.empty() ? package : message(framework::module_package, package.c_str())};
+        return {qorError_module_missing,
+                package.empty() ? package : message(framework::module_package, package.c_str())};
     }
     if (code == platform::raw_file::not_regular)
         return {qorError_module_damaged, message(framework::not_a_plain_file)};

@@ -41,7 +41,8 @@ void arrays() {
     for (uint32 i = 0; i < 1000; ++i)
         numbers.Append(i * 7919 % 1000);
     std::sort(numbers.begin(), numbers.end());
-    fixed_fprintf(stdout, "sorted: %d %u %u\n", std::is_sorted(numbers.begin(), numbers.end()), *numbers.begin(), *(numbers.end() - 1));
+    fixed_fprintf(stdout, "sorted: %d %u %u\n", std::is_sorted(numbers.begin(), numbers.end()), *numbers.begin(),
+                  *(numbers.end() - 1));
     zetArray<uint16> shorts;
     shorts.Append(3);
     shorts.Append(4);

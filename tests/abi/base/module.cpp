@@ -1,6 +1,6 @@
 // The kept module: a component, messages of its own, and some of the framework's types on its side.
-#include "gauge.h"
 #include "qor/glue/module.h"
+#include "gauge.h"
 
 namespace {
 
