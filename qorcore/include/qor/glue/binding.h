@@ -157,8 +157,9 @@ struct binding_table {
 
 inline constexpr uint32 slot_count = sizeof(binding_table) / sizeof(unwritten);
 
-// What a client says about itself, as data in its file, for whoever explains a binding (qor-check): what it needs of the
-// table, and where it looks for libqor. The binding uses the same data. Numbers are in the byte order of the machine.
+// What a client says about itself, as data in its file, for whoever explains a binding (qor-check): what it needs of
+// the table, and where it looks for libqor. The binding uses the same data. Numbers are in the byte order of the
+// machine.
 struct client_description {
     char magic[8] = {'q', 'o', 'r', ' ', 'a', 'p', 'p', '\n'};
     uint32 layout = 1;
