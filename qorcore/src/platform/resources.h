@@ -14,7 +14,8 @@ bool is_installed(std::string_view library_folder) noexcept;
 std::string resource_folder();
 
 // Returns the path of a file that is installed with the library: in the library's own folder, otherwise in the folder
-// "qor" there. Where there is none, the path in its usual place. The caller checks that the file exists and can be used.
+// "qor" there. Where there is none, the path in its usual place. The caller checks that the file exists and can be
+// used.
 std::string find_resource(std::string_view name);
 
 } // namespace qor::platform
