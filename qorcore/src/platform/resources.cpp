@@ -19,7 +19,7 @@ std::string qor::platform::resource_folder() {
 }
 
 std::string qor::platform::find_resource(std::string_view name) {
-    const std::string beside = library_folder().append(name);
+    std::string beside = library_folder().append(name);
     const std::string inside = library_folder().append("qor/").append(name);
     const auto look = [](const std::string& path) { return raw_file().open(path.c_str(), raw_file::access::regular); };
     const int reason = look(beside);
