@@ -68,7 +68,8 @@ class Outside(unittest.TestCase):
             subprocess.run([options.cmake, "--install", options.build, "--prefix", cls.installed], check=True,
                            stdout=subprocess.DEVNULL)
         # The private folder, wherever the folder of libraries is.
-        found = [path for path in (cls.installed.glob("lib*/**/qor.pc"))]
+        found = sorted({path.resolve() for pattern in ("lib*/pkgconfig/qor.pc", "lib*/*/pkgconfig/qor.pc")
+                        for path in cls.installed.glob(pattern)})
         cls.pc_folder = found[0].parent if found else None
         if options.zip:
             cls.library = cls.installed / "bin/libqor.dll"
