@@ -26,7 +26,7 @@ needs_tests=("golang-github-burntsushi-toml-dev=/usr/share/gocode/src/github.com
     "libmimalloc2.0=/usr/lib/$HOSTTYPE-linux-gnu/libmimalloc.so.2"
     "acl=getfacl" "attr=getfattr" "dbus=dbus-daemon" "python3-dbusmock=/usr/lib/python3/dist-packages/dbusmock/__init__.py"
     "systemd-journal-remote=/lib/systemd/systemd-journal-remote"
-    "elfutils=eu-addr2line" "heaptrack=heaptrack" "git=git" "sqlite3=sqlite3"
+    "meson=meson" "make=make" "pkgconf=pkg-config" "elfutils=eu-addr2line" "heaptrack=heaptrack" "git=git" "sqlite3=sqlite3"
     "chromium=chromium" "chromium-driver=chromedriver" "firefox-esr=firefox-esr" "fonts-dejavu-core=/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf"
     "protobuf-compiler=protoc" "golang-go=go" "python3-jsonschema=/usr/lib/python3/dist-packages/jsonschema/__init__.py"
     "golang-github-google-pprof-dev=/usr/share/gocode/src/github.com/google/pprof/proto/profile.proto"
