@@ -35,7 +35,7 @@ std::string action_of(const kind& of, const std::string& function) {
     if (words.empty())
         return named.empty() ? " " : named;
     return named.empty() ? '(' + words + ')'
-                         : "_alternative \"words:word:(" + words + ")\" \"files:file:" + named + '"';
+                         : "_alternative \"words\\:word\\:(" + words + ")\" \"files\\:file\\:" + named + '"';
 }
 
 // What is shown above the values.
@@ -81,7 +81,7 @@ std::string zsh_completion(const program& of, std::string script) {
         actions.append("        '").append(each.name).append(":").append(quoted(each.description)).append("'\n");
         arguments.append("                ")
             .append(each.name)
-            .append(")\n                    _arguments")
+            .append(")\n                    _arguments -S")
             .append(of.has_options_anywhere ? " $options" : " $framework");
         std::string own = option_specs(of, each.options, " ");
         arguments += replaced(own, "\n", "");
