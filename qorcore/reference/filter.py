@@ -7,6 +7,9 @@ programmers know them and left out."""
 
 import re
 import sys
+from pathlib import Path
+
+from families import HEADERS, family_of
 
 COMMENT = re.compile(r"( *)//(?: (.*))?$")
 TRAILING = re.compile(r"( *[^ /#].*[;,{]) +// (.*)$")
@@ -83,7 +86,14 @@ def filtered(text):
 
 def main():
     with open(sys.argv[1], encoding="utf-8") as header:
-        print("\n".join(filtered(header.read())))
+        lines = filtered(header.read())
+    family = family_of(Path(sys.argv[1]).resolve().relative_to(HEADERS).as_posix())
+    for line in lines:
+        print(line)
+        if family and line == "#pragma once":
+            print(f"/// @addtogroup {family}\n/// @{{")
+    if family:
+        print("/// @}")
 
 
 if __name__ == "__main__":
