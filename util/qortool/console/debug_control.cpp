@@ -66,7 +66,7 @@ struct debug_control::command_row {
 
 // The order is that of the search and of the help text.
 const debug_control::command_row debug_control::s_commands[] = {
-#define QOR_CONSOLE_COMMAND(name, handler, message) {name, message::console_##message, &debug_control::cmd_##handler},
+#define QOR_CONSOLE_COMMAND(name, handler, text) {name, message::console_##text, &debug_control::cmd_##handler},
 #include "command_line.def"
 };
 
