@@ -26,7 +26,7 @@ std::string offer_options(const std::string& pattern, const std::string& words) 
 }
 
 std::string options_by_action(const program& of) {
-    if (of.has_options_anywhere || of.runs_program)
+    if (of.has_options_anywhere || of.runs_program || of.actions.empty())
         return offer_options("*", option_words(of, all_options(of)));
     std::string made = offer_options("''", option_words(of, all_options(of)));
     for (const action& each : of.actions)
@@ -34,6 +34,26 @@ std::string options_by_action(const program& of) {
             made +=
                 offer_options(each.name, option_words(of, each.options) + ' ' + option_words(of, of.framework_options));
     return made + offer_options("*", option_words(of, of.framework_options));
+}
+
+// The cases that offer the arguments of an action.
+std::string cases_of(const std::string& function, const std::string& action, const std::vector<kind>& arguments) {
+    std::string made;
+    std::size_t at = 0;
+    for (const kind& each : arguments) {
+        if (each.is_known())
+            made.append("        ")
+                .append(action)
+                .append(":")
+                .append(each.is_repeated ? "*" : std::to_string(at))
+                .append(") _")
+                .append(function)
+                .append("_offer '")
+                .append(kind_text(each))
+                .append("' \"$1\" ;;\n");
+        ++at;
+    }
+    return made;
 }
 
 } // namespace
@@ -56,25 +76,18 @@ std::string bash_completion(const program& of, std::string script) {
         if (!has_equals_only(of, each))
             separate.append(separate.empty() ? "" : " | ").append(names_of(each, " | "));
     }
-    std::string arguments;
     std::string actions;
+    std::string arguments;
     for (const action& each : of.actions) {
         actions.append(actions.empty() ? "" : " ").append(each.name);
-        std::size_t at = 0;
-        for (const kind& argument : each.arguments) {
-            if (argument.is_known())
-                arguments.append("        ")
-                    .append(each.name)
-                    .append(":")
-                    .append(argument.is_repeated ? "*" : std::to_string(at))
-                    .append(") _")
-                    .append(name)
-                    .append("_offer '")
-                    .append(kind_text(argument))
-                    .append("' \"$1\" ;;\n");
-            ++at;
-        }
+        arguments += cases_of(name, each.name, each.arguments);
     }
+    // A program without actions is one itself.
+    const std::string start = of.actions.empty() ? of.name : "";
+    if (of.actions.empty())
+        arguments = cases_of(name, start, of.arguments);
+    else
+        arguments.insert(0, "        :*) COMPREPLY=($(compgen -W '" + actions + "' -- \"$cur\")) ;;\n");
     std::string first_word;
     std::string program_words;
     if (of.runs_program) {
@@ -101,7 +114,7 @@ std::string bash_completion(const program& of, std::string script) {
                                    {"@values@", values},
                                    {"@options@", options_by_action(of)},
                                    {"@program@", program_words},
-                                   {"@actions@", actions},
+                                   {"@start@", start},
                                    {"@arguments@", arguments},
                                    {"@name@", of.name}})
         script = replaced(script, from, to);

@@ -30,6 +30,16 @@ public:
         }
     }
 
+    // Of a program without actions.
+    void write_arguments() {
+        std::size_t at = 0;
+        for (const kind& argument : m_program.arguments) {
+            if (argument.is_known())
+                write("test (count (" + m_begin + "_words)) -eq " + std::to_string(at), offer_of(argument), "");
+            ++at;
+        }
+    }
+
     void write_program_words(const std::string& options_with_values) {
         std::string none;
         for (const action& each : m_program.actions)
@@ -103,6 +113,7 @@ std::string fish_completion(const program& of, std::string script) {
         for (const option& own : each.options)
             writer.write_option(own, writer.condition_of("at " + each.name + " '*'"));
     }
+    writer.write_arguments();
     if (of.runs_program)
         writer.write_program_words(separate);
     script += writer.text();

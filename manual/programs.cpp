@@ -178,9 +178,21 @@ program read_record(const kind_reader& kinds) {
     return made;
 }
 
+// It has one option and no table.
+program read_check(const kind_reader& kinds) {
+    program made;
+    made.name = "qor-check";
+    made.arguments = kinds.read("file");
+    made.options = {make_option(kinds, "--help", false, "", "--help", "Shows the usage.")};
+    made.exit_codes = {{0, "The program binds."},
+                       {1, "It does not bind, and would end with exit code 100."},
+                       {2, "It cannot be examined, or the command line is wrong."}};
+    return made;
+}
+
 } // namespace
 
 std::vector<program> qor::manual::read_tables(const std::vector<std::string>& languages) {
     const kind_reader kinds(languages);
-    return {read_qortool(kinds), read_heap(kinds), read_record(kinds), read_debug_user(kinds)};
+    return {read_qortool(kinds), read_heap(kinds), read_record(kinds), read_debug_user(kinds), read_check(kinds)};
 }

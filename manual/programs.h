@@ -49,6 +49,7 @@ struct exit_code {
 struct program {
     std::string name;
     std::vector<action> actions;
+    std::vector<kind> arguments; // of a program without actions
     std::vector<option> options;
     std::vector<option> framework_options;
     std::vector<exit_code> exit_codes;

@@ -90,6 +90,15 @@ std::string zsh_completion(const program& of, std::string script) {
             arguments.append(" ").append(argument(each_argument, name, ++place));
         arguments += " && ret=0\n                    ;;\n";
     }
+    // A program without actions has its arguments at once.
+    std::string words =
+        of.runs_program ? " '(-)1: :->action' '(-)*:: :->arguments'" : " '1: :->action' '*:: :->arguments'";
+    if (of.actions.empty()) {
+        words.clear();
+        std::size_t place = 0;
+        for (const kind& each : of.arguments)
+            words.append(" ").append(argument(each, name, ++place));
+    }
     std::string at_action = "            _describe -t actions action actions && ret=0\n";
     if (of.runs_program) {
         at_action +=
@@ -100,7 +109,7 @@ std::string zsh_completion(const program& of, std::string script) {
                                    {"@framework@", option_specs(of, of.framework_options, "        ")},
                                    {"@options@", option_specs(of, of.options, "        ")},
                                    {"@actions@", actions},
-                                   {"@first@", of.runs_program ? "(-)" : ""},
+                                   {"@words@", words},
                                    {"@at_action@", at_action},
                                    {"@arguments@", arguments},
                                    {"@name@", of.name}})

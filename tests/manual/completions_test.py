@@ -122,6 +122,14 @@ class Completions(unittest.TestCase):
         shell.ran("qortool --quiet mtrace stra", "LEAK at 0x1000 size 16")
 
     @in_each_shell
+    def test_a_program_without_actions(self, shell):
+        if not (options.bin / "qor-check").exists():
+            self.skipTest("qor-check is not built")
+        self.in_folder("some program")
+        shell.completed("qor-check --he", "qor-check --help")
+        shell.completed("qor-check so", r"qor-check (some\\ program|'some program')")
+
+    @in_each_shell
     def test_users_and_hosts(self, shell):
         shell.completed("qortool userinfo roo", "qortool userinfo root")
         shell.completed("qortool lookup printer.exa", "qortool lookup printer.example.test")

@@ -46,7 +46,9 @@ class Pages(unittest.TestCase):
         return subprocess.run(["man", "-l", path], capture_output=True, text=True, check=True, env=environment).stdout
 
     def test_every_program_has_a_page(self):
-        self.assertLessEqual({f"{program}.1" for program in PROGRAMS}, set(self.pages))
+        there = {path.name for path in options.bin.iterdir() if path.name.startswith("qor-") and os.access(path, os.X_OK)
+                 and path.is_file() and not path.suffix}
+        self.assertLessEqual({f"{program}.1" for program in {*PROGRAMS, *there}}, set(self.pages))
         self.assertGreaterEqual(len([name for name in self.pages if name.endswith(".5")]), 9)
 
     def test_nobody_warns(self):
@@ -103,6 +105,16 @@ class Pages(unittest.TestCase):
                 self.assertEqual(found, {2, 10, unknown_action})
                 self.assertLessEqual(found | {0, 1, 100}, listed)
         self.assertEqual(output_of(options.bin / "qor-record", "--nonsense")[0], 1)
+
+    def test_the_exit_codes_of_qor_check(self):
+        program = options.bin / "qor-check"
+        if not program.exists():
+            self.skipTest("qor-check is not built")
+        text = self.texts["qor-check.1"]
+        self.assertEqual(output_of(program, "--nonsense")[0], 2)
+        listed = re.findall(r"^ {7}(\d+) ", text.split("\nEXIT STATUS\n")[1].split("\nENVIRONMENT\n")[0], re.M)
+        said = re.search(r"Exit code: (.*?)\n\n|Exit code: (.*)", output_of(program, "--help")[1], re.S).group()
+        self.assertEqual(listed, re.findall(r"(\d) if", said))
 
     def test_references_lead_to_pages(self):
         for name, text in self.texts.items():
