@@ -24,6 +24,6 @@ def rows_of_help(program):
 
 def installed(options, component, prefix):
     """Installs a component of the build and returns the prefix."""
-    subprocess.run([options.cmake, "--install", options.build, "--component", component, "--prefix", prefix], check=True,
-                   stdout=subprocess.DEVNULL)
+    command = [options.cmake, "--install", options.build, "--component", component, "--prefix", prefix]
+    subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
     return prefix

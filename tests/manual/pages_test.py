@@ -21,7 +21,8 @@ PROGRAMS = ("qortool", "qor-heap", "qor-record", "qor-debug-user")
 
 
 def output_of(*command, **more):
-    done = subprocess.run([*map(str, command)], stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, **more)
+    done = subprocess.run([*map(str, command)], stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120,
+                          **more)
     return done.returncode, done.stdout + done.stderr
 
 
@@ -46,8 +47,8 @@ class Pages(unittest.TestCase):
         return subprocess.run(["man", "-l", path], capture_output=True, text=True, check=True, env=environment).stdout
 
     def test_every_program_has_a_page(self):
-        there = {path.name for path in options.bin.iterdir() if path.name.startswith("qor-") and os.access(path, os.X_OK)
-                 and path.is_file() and not path.suffix}
+        there = {path.name for path in options.bin.glob("qor-*")
+                 if path.is_file() and os.access(path, os.X_OK) and not path.suffix}
         self.assertLessEqual({f"{program}.1" for program in {*PROGRAMS, *there}}, set(self.pages))
         self.assertGreaterEqual(len([name for name in self.pages if name.endswith(".5")]), 9)
 
@@ -84,8 +85,8 @@ class Pages(unittest.TestCase):
             for row in rows:
                 with self.subTest(program=program, row=row.name):
                     syntax = re.sub("[<>]", "", row.syntax)
-                    self.assertTrue(any(line == syntax or line.startswith((f"{syntax} ", f"{syntax}, ")) for line in lines),
-                                    syntax)
+                    found = [line for line in lines if line == syntax or line.startswith((f"{syntax} ", f"{syntax}, "))]
+                    self.assertTrue(found, syntax)
                     self.assertIn(plain(row.description), plain(text))
 
     def test_every_variable_of_the_framework(self):
@@ -143,8 +144,8 @@ class Pages(unittest.TestCase):
         log = self.written("example.mtrace", self.example("qor-mtrace.5"))
         code, said = output_of(options.bin / "qortool", "--quiet", "mtrace", log)
         self.assertEqual(code, 0)
-        self.assertEqual(re.findall("^LEAK.*|^BAD.*|^WARN.*", said, re.M),
-                         ["LEAK at 0x55d0c5b1a2c0 size 17 type 0 caller [./app:(load+1d)[0x11a9]] type_name [] file [] line 0"])
+        leak = "LEAK at 0x55d0c5b1a2c0 size 17 type 0 caller [./app:(load+1d)[0x11a9]] type_name [] file [] line 0"
+        self.assertEqual(re.findall("^LEAK.*|^BAD.*|^WARN.*", said, re.M), [leak])
 
     def test_the_example_of_a_memcheck_log(self):
         log = self.written("example.memcheck", self.example("qor-memcheck.5"))
