@@ -36,22 +36,19 @@ std::string options_by_action(const program& of) {
     return made + offer_options("*", option_words(of, of.framework_options));
 }
 
+// A statement that offers the values of a kind, and the end of its case.
+std::string offer_of(const std::string& function, const kind& values) {
+    return '_' + function + "_offer '" + kind_text(values) + "' \"$1\" ;;\n";
+}
+
 // The cases that offer the arguments of an action.
 std::string cases_of(const std::string& function, const std::string& action, const std::vector<kind>& arguments) {
     std::string made;
     std::size_t at = 0;
     for (const kind& each : arguments) {
+        const std::string place = each.is_repeated ? "*" : std::to_string(at++);
         if (each.is_known())
-            made.append("        ")
-                .append(action)
-                .append(":")
-                .append(each.is_repeated ? "*" : std::to_string(at))
-                .append(") _")
-                .append(function)
-                .append("_offer '")
-                .append(kind_text(each))
-                .append("' \"$1\" ;;\n");
-        ++at;
+            made += "        " + action + ':' + place + ") " + offer_of(function, each);
     }
     return made;
 }
@@ -66,57 +63,27 @@ std::string bash_completion(const program& of, std::string script) {
         if (!each.has_value)
             continue;
         if (each.value.is_known())
-            values.append("            ")
-                .append(names_of(each, " | "))
-                .append(") _")
-                .append(name)
-                .append("_offer '")
-                .append(kind_text(each.value))
-                .append("' \"$1\" ;;\n");
+            values += "            " + names_of(each, " | ") + ") " + offer_of(name, each.value);
         if (!has_equals_only(of, each))
-            separate.append(separate.empty() ? "" : " | ").append(names_of(each, " | "));
+            separate.append(separate.empty() ? "" : " ").append(names_of(each, " "));
     }
+    // A program without actions is one itself.
+    const std::string start = of.actions.empty() ? of.name : "";
     std::string actions;
-    std::string arguments;
+    std::string arguments = cases_of(name, start, of.arguments);
     for (const action& each : of.actions) {
         actions.append(actions.empty() ? "" : " ").append(each.name);
         arguments += cases_of(name, each.name, each.arguments);
     }
-    // A program without actions is one itself.
-    const std::string start = of.actions.empty() ? of.name : "";
-    if (of.actions.empty())
-        arguments = cases_of(name, start, of.arguments);
-    else
-        arguments.insert(0, "        :*) COMPREPLY=($(compgen -W '" + actions + "' -- \"$cur\")) ;;\n");
-    std::string first_word;
-    std::string program_words;
-    if (of.runs_program) {
-        // Behind the options stands a command with words of its own; only as the first word is an action's name one.
-        first_word = "            if [[ ! $action && ($at -gt 1 || ${words[at]} != @(" + replaced(actions, " ", "|") +
-                     ")) ]]; then\n                _" + name + "_program $at\n                return\n            fi\n";
-        program_words = "    if [[ ! $action ]]; then\n        _" + name +
-                        "_program $cword\n"
-                        "        ((cword == 1)) && COMPREPLY+=($(compgen -W '" +
-                        actions +
-                        "' -- \"$cur\"))\n"
-                        "        return\n    fi\n";
-    }
-    std::string next_word;
-    std::string separate_case;
-    if (!separate.empty()) {
-        separate_case = "            " + separate + ") ((at++)) ;;\n";
-        next_word = "    [[ $prev == @(" + replaced(separate, " | ", "|") + ") && $at -gt $cword ]] && of=$prev\n";
-    }
     for (const auto& [from, to] : {std::pair<std::string, std::string>("@f@", name),
-                                   {"@first_word@", first_word},
-                                   {"@separate@", separate_case},
-                                   {"@next_word@", next_word},
+                                   {"@name@", of.name},
+                                   {"@separate@", separate},
+                                   {"@actions@", actions},
+                                   {"@runs@", of.runs_program ? "yes" : ""},
+                                   {"@start@", start},
                                    {"@values@", values},
                                    {"@options@", options_by_action(of)},
-                                   {"@program@", program_words},
-                                   {"@start@", start},
-                                   {"@arguments@", arguments},
-                                   {"@name@", of.name}})
+                                   {"@arguments@", arguments}})
         script = replaced(script, from, to);
     return script;
 }
