@@ -1,5 +1,7 @@
 #include "page.h"
 
+#include "completions.h"
+
 #include <algorithm>
 #include <functional>
 #include <set>
@@ -11,13 +13,13 @@ namespace qor::manual {
 
 namespace {
 
-// Text in roff. A hyphen becomes a minus, which can be searched for and copied. Names of variables are not to be parted
-// at the end of a line.
+// Text in roff. A hyphen becomes a minus, which can be searched for and copied. Names of options and
+// variables are not to be parted at the end of a line.
 std::string plain(std::string_view text) {
     std::string made;
     std::size_t begin = 0; // of the word
     for (const char c : text) {
-        if (c == '_' && made.compare(begin, 2, "\\%") != 0)
+        if ((c == '_' || (c == '-' && made.size() == begin)) && made.compare(begin, 2, "\\%") != 0)
             made.insert(begin, "\\%");
         if (c == '\\')
             made += "\\e";
@@ -232,7 +234,7 @@ std::string fill_in(const std::string& page, const std::string& version, const p
                 throw std::runtime_error("line " + std::to_string(number) + ": " + line + ": " + fault.what());
             }
         } else {
-            made.append(line).append("\n");
+            made.append(replaced(line, " \\-\\-", " \\%\\-\\-")).append("\n");
             if (line.starts_with(".TH "))
                 made += ".ad l\n";
         }
