@@ -8,7 +8,9 @@ import argparse
 import re
 import subprocess
 import sys
+import tempfile
 import unittest
+import urllib.parse
 from pathlib import Path
 
 TREE = Path(__file__).resolve().parents[2]
@@ -51,11 +53,32 @@ class Reference(unittest.TestCase):
     def test_operations_name_the_examples_that_use_them(self):
         self.assertIn('href="texts_8cpp-example.html', self.page("classqorString.html"))
 
+    def found_by(self, words):
+        """Returns the links that the search shows in a browser."""
+        with tempfile.TemporaryDirectory(prefix="qor.") as folder:
+            page = f"{(self.html / 'index.html').resolve().as_uri()}?find={urllib.parse.quote(words)}"
+            shown = subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu", f"--user-data-dir={folder}",
+                                    "--dump-dom", page], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+                                   check=True, timeout=300).stdout
+        return re.search('<ul id="found".*?</ul>', shown, re.S).group()
+
     def test_search(self):
-        self.assertIn("new SearchBox(", self.page("index.html"))
-        found = "".join(path.read_text() for path in (self.html / "search").glob("*.js"))
-        for name in ("qorString", "qorOpenObjectStore"):
-            self.assertIn(name.lower(), found.lower())
+        found = self.found_by("openobj")
+        self.assertIn('href="group__family__stores.html#', found)
+        self.assertIn(">qorOpenObjectStore</a>", found)
+        self.assertIn(">qorStoreWalk</a>", self.found_by("walk store"))
+        self.assertIn("Nothing has this name.", self.found_by("no such thing"))
+
+    def test_every_name_leads_to_a_page(self):
+        names = re.findall(r'^\["(?:[^"\\]|\\.)*", "([^"]*)"', self.page("names.js"), re.M)
+        self.assertGreater(len(names), 1500)
+        ids = {}
+        for link in names:
+            page, _, place = link.partition("#")
+            if page not in ids:
+                ids[page] = set(re.findall(r'\bid="([^"]+)"', self.page(page)))
+            if place:
+                self.assertIn(place, ids[page], page)
 
     def test_light_and_dark(self):
         self.assertIn('href="style.css"', self.page("index.html"))
