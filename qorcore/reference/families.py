@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Makes the pages of the reference that no header has: the first one, and one for each family with its examples.
+filter.py puts them behind qor/qor.h.
 
-    families.py OUTPUT      writes the pages, the examples, and Doxygen's layout with our titles
+    families.py OUTPUT      writes the examples, and Doxygen's layout with our titles
 
 Fails if a header has no family, or a family no example."""
 
@@ -113,27 +114,33 @@ def write_layout(path):
     path.write_text(text)
 
 
-def main():
-    output = Path(sys.argv[1])
-    families = read_families()
-    check(families)
-    examples = output / "examples"
-    examples.mkdir(parents=True, exist_ok=True)
-    pages, rows, shown = [], [], {}
-    for family in families:
+def pages():
+    """Returns the pages as one comment after the other, and {name of an example: its text}."""
+    made, rows, shown, texts = [], [], {}, {}
+    for family in read_families():
         headers = "\n".join(f"- `{header}`: {summary_of(header)}" for header in family.headers)
         parts = []
         for path in family.examples:
             name, text, document = read_example(path)
             assert shown.setdefault(name, path) == path, name
-            (examples / name).write_text(text)
+            texts[name] = text
             where = f" The guide `{document}` shows how it is built and what it prints." if document else ""
             parts.append(f"@par Example: {name}\n{where}\n@include {name}\n")
-        pages.append(FAMILY.format(name=family.name, title=family.title, summary=family.summary.capitalize() + ".", headers=headers, examples="\n".join(parts)))
+        made.append(FAMILY.format(name=family.name, title=family.title, summary=family.summary.capitalize() + ".",
+                                  headers=headers, examples="\n".join(parts)))
         names = " ".join(f"`{Path(header).name}`" for header in family.headers)
         rows.append(ROW.format(name=family.name, title=family.title, summary=family.summary, headers=names))
-    pages += [f"/** @example {name} */\n" for name in sorted(shown)]
-    (output / "families.dox").write_text(FIRST_PAGE % "".join(rows) + "\n".join(pages))
+    made += [f"/** @example {name} */\n" for name in sorted(shown)]
+    return FIRST_PAGE % "".join(rows) + "\n".join(made), texts
+
+
+def main():
+    output = Path(sys.argv[1])
+    check(read_families())
+    examples = output / "examples"
+    examples.mkdir(parents=True, exist_ok=True)
+    for name, text in pages()[1].items():
+        (examples / name).write_text(text)
     write_layout(output / "layout.xml")
 
 

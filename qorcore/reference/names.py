@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Makes one list of all names of the reference, for find.js, and removes Doxygen's search, which it replaces.
+"""Completes the pages of the reference: makes one list of all names, for find.js, removes Doxygen's search, which it
+replaces, and gives the pages of folders names that do not depend on where the tree lies.
 
     names.py HTML       the folder of the pages
 """
@@ -21,6 +22,21 @@ def read_names(folder):
                 yield html.unescape(name), link.removeprefix("../"), html.unescape(scope)
 
 
+def rename_folders(folder):
+    """"dir_<sum>.html", with the sum of the folder's whole path, becomes "dir_qor_system.html"."""
+    new = {}
+    for path in folder.glob("dir_*.html"):
+        title = re.search(r"<title>qor: (.*) Directory Reference</title>", path.read_text()).group(1)
+        new[path.stem] = "dir_" + re.sub(r"\W", "_", html.unescape(title))
+    for path in [*folder.glob("*.html"), *folder.glob("*.js")]:
+        text = path.read_text()
+        changed = re.sub(r"\bdir_[0-9a-f]{32}\b", lambda found: new[found.group()], text)
+        if changed != text:
+            path.write_text(changed)
+    for old, name in new.items():
+        (folder / f"{old}.html").rename(folder / f"{name}.html")
+
+
 class Pages:
     """Which places the pages have: Doxygen lists members of nameless structs at places that are not there."""
 
@@ -36,6 +52,7 @@ class Pages:
 
 def main():
     folder = Path(sys.argv[1])
+    rename_folders(folder)
     pages = Pages(folder)
     names = sorted({(name, pages.whole(link), scope) for name, link, scope in read_names(folder)})
     if len(names) < 1000:

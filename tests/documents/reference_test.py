@@ -80,6 +80,14 @@ class Reference(unittest.TestCase):
             if place:
                 self.assertIn(place, ids[page], page)
 
+    def test_no_page_tells_where_it_was_made(self):
+        for path in self.html.rglob("*"):
+            if path.is_file():
+                content = path.read_bytes() + path.name.encode()
+                for place in (TREE, options.build.resolve()):
+                    self.assertNotIn(bytes(place), content, path)
+                self.assertIsNone(re.search(rb"\bdir_[0-9a-f]{32}", content), path)
+
     def test_light_and_dark(self):
         self.assertIn('href="style.css"', self.page("index.html"))
         self.assertIn("prefers-color-scheme: dark", self.page("style.css"))
