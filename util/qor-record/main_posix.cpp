@@ -194,8 +194,10 @@ int record(const options& chosen) {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc >= 2 && std::strcmp(argv[1], "control") == 0)
-        return control(argc - 2, argv + 2);
+#define QOR_ACTION(name, usage, arguments)                                                                             \
+    if (argc >= 2 && std::strcmp(argv[1], #name) == 0)                                                                 \
+        return name(argc - 2, argv + 2);
+#include "command_line.def"
     options chosen;
     const int code = read_options(argc, argv, chosen);
     return code != no_exit_code ? code : record(chosen);
