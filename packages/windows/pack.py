@@ -134,7 +134,7 @@ def make(options, work):
     run(options.cmake, "--install", options.build, "--prefix", stage)
     run(options.cmake, "--install", options.build, "--prefix", debug, "--component", "debug")
 
-    entries = notices.read()
+    entries = notices.read(system="windows")
     (stage / "licences").mkdir()
     for name in notices.texts(entries):
         shutil.copyfile(notices.FOLDER / name, stage / "licences" / name)
