@@ -1,11 +1,11 @@
 # The documents that are installed beside programs and library.
-if(NOT WIN32)
+if(QOR_INSTALL AND NOT WIN32)
     install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
     install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
     find_package(Python3 3.9 QUIET COMPONENTS Interpreter)
     if(Python3_FOUND)
         file(GLOB licences CONFIGURE_DEPENDS packages/notices/*)
-        set(notices ${CMAKE_BINARY_DIR}/THIRD-PARTY-NOTICES)
+        set(notices ${PROJECT_BINARY_DIR}/THIRD-PARTY-NOTICES)
         add_custom_command(OUTPUT ${notices}
                            COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/packages/notices.py --system linux
                                    --title "qor ${PROJECT_VERSION}" --out ${notices}

@@ -27,7 +27,8 @@ KEPT = {"debian"}
 
 def version():
     """Returns the version of the tree and that of the packages: the changelog has to go on with that of the tree."""
-    tree = re.search(r"^project\(qor VERSION (\S+) ", (TREE / "CMakeLists.txt").read_text(), re.M).group(1)
+    header = (TREE / "qorcore/include/qor/system/Version.h").read_text()
+    tree = ".".join(re.findall(r"^#define QOR_VERSION_[A-Z]+ (\d+)$", header, re.M))
     first = (HERE / "changelog").read_text(encoding="utf-8").split("\n", 1)[0]
     entry = re.match(r"qor \((\S+)-([^\s-]+)\) ", first)
     if not entry or entry.group(1) != tree:
