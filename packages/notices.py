@@ -53,19 +53,20 @@ def texts(entries):
     return list(dict.fromkeys(name for entry in entries for name in entry["Text"]))
 
 
-def document(entries, title, where="below, and in the folder licences"):
-    """Returns the text of the file THIRD-PARTY-NOTICES, for entries of a system."""
-    out = [title, "", "It contains software of others, under the following licences. The whole texts are",
-           f"{where}.", ""]
+def document(entries, title, folder=""):
+    """Returns the text of the file THIRD-PARTY-NOTICES, for entries of a system. The folder has the texts, too."""
+    out = [title, "", "It contains software of others, under the following licences. The whole texts are below"
+           + (f", and in the folder\n{folder}." if folder else "."), ""]
+    place = f"{folder}/" if folder else ""
     for entry in entries:
         files = "all programs and libraries" if entry["In"] == ["all"] else ", ".join(entry["In"])
         out += ["-" * 80, "", entry["Name"], "", f"  Use:      {entry['Use']}", f"  In:       {files}",
                 f"  Licence:  {entry['Licence']}",
-                f"  Text:     {', '.join('licences/' + name for name in entry['Text'])}", ""]
+                f"  Text:     {', '.join(place + name for name in entry['Text'])}", ""]
         if entry["Files"]:
             out[-1:] = [f"  Files:    {', '.join(entry['Files'])}", ""]
     for name in texts(entries):
-        out += ["=" * 80, "", f"licences/{name}", "", (FOLDER / name).read_text(encoding="utf-8").rstrip(), ""]
+        out += ["=" * 80, "", f"{place}{name}", "", (FOLDER / name).read_text(encoding="utf-8").rstrip(), ""]
     return "\n".join(out)
 
 
@@ -83,7 +84,7 @@ def main():
         return 1
     if options.contained is not None:
         entries = [entry for entry in entries if entry["In"] == ["all"] or set(entry["In"]) & set(options.contained)]
-    options.out.write_text(document(entries, options.title, "below"), encoding="utf-8")
+    options.out.write_text(document(entries, options.title), encoding="utf-8")
     return 0
 
 

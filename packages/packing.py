@@ -34,7 +34,7 @@ def time_of_entries(first, last):
     return max(int(text), first)
 
 
-def main(make, *faults):
+def print_made(make, *faults):
     """Runs `make`, prints the paths of the packages that it returns, and returns the exit code."""
     try:
         made = make()

@@ -2,11 +2,12 @@
 """Makes the packages for Debian: copies the tree, puts this folder into the copy as `debian`, and builds there by
 Debian's tools.
 
-    pack.py --work FOLDER --out FOLDER [--jobs N]
+    pack.py --work FOLDER --out FOLDER [--jobs N] [--build FOLDER]
 
-WORK keeps the copy and its objects, so that only changed sources are compiled again. SOURCE_DATE_EPOCH, otherwise the
+With --build, the packages get the files of that finished build, compiled as it was; for tests of the packages. WORK keeps the copy and its objects, so that only changed sources are compiled again. SOURCE_DATE_EPOCH, otherwise the
 time of the newest entry of the changelog, is the time of the files in the packages. The same tree and the same time
-give the same packages, byte by byte, wherever WORK lies.
+give the same packages, byte by byte, wherever WORK lies; the lists of what was built and how (.buildinfo, .changes)
+name the host's own packages.
 """
 
 import argparse
@@ -19,7 +20,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path.append(str(HERE.parent))
-from packing import TREE, Fault, main, run  # noqa: E402  # in packages
+from packing import TREE, Fault, print_made, run  # noqa: E402  # in packages
 
 # What the copy has besides the files of the tree.
 KEPT = {"debian"}
@@ -93,6 +94,8 @@ def make(options):
 
     environment = {name: value for name, value in os.environ.items() if name not in ("DEB_BUILD_OPTIONS", "LANGUAGE")}
     environment |= {"LC_ALL": "C.UTF-8", "TZ": "UTC", "DEB_BUILD_OPTIONS": f"parallel={options.jobs}"}
+    if options.build:
+        environment["QOR_BUILD"] = str(options.build.resolve())
     os.umask(0o022)
     run("dpkg-buildpackage", "--build=binary", "--no-pre-clean", "--unsigned-changes", "--unsigned-buildinfo",
         cwd=source, env=environment)
@@ -107,6 +110,7 @@ def parse():
     parser.add_argument("--work", type=Path, required=True)
     parser.add_argument("--out", type=Path, required=True)
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
+    parser.add_argument("--build", type=Path)
     options = parser.parse_args()
     options.work, options.out = options.work.resolve(), options.out.resolve()
     return options
@@ -114,4 +118,4 @@ def parse():
 
 if __name__ == "__main__":
     parsed = parse()
-    sys.exit(main(lambda: make(parsed)))
+    sys.exit(print_made(lambda: make(parsed)))

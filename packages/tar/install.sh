@@ -75,7 +75,7 @@ has_library() { PATH=$PATH:/sbin:/usr/sbin ldconfig -p 2>/dev/null | grep -q "^[
 
 # check FOLDER: says which parts of qor cannot be used on this host. Fails if no program runs at all.
 check() {
-    reason=$("$1/bin/qortool" --quiet help 2>&1 >/dev/null) || {
+    reason=$("$1/bin/qortool" --quiet dow 1/1/2000 2>&1 >/dev/null) || {
         say "The programs do not run on this host:" "${reason:-qortool ends with an error.}"
         return 1
     }
@@ -110,7 +110,8 @@ remove_listed() {
         rm -f -- "$prefix/$path"
     done <"$1"
     sed -n 's/^folder //p' "$1" | LC_ALL=C sort -r | while read -r path; do
-        rmdir -- "$prefix/$path" 2>/dev/null || true
+        folder=$prefix/$path
+        rmdir -- "${folder%/.}" 2>/dev/null || true
     done
 }
 

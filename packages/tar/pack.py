@@ -17,7 +17,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path.append(str(HERE.parent))
-from packing import Fault, main, run, time_of_entries  # noqa: E402  # in packages
+from packing import Fault, print_made, run, time_of_entries  # noqa: E402  # in packages
 
 LAST_TIME = 2**32 - 1  # that the form of gzip knows
 
@@ -29,7 +29,8 @@ def write_tar(path, top, folder, when):
         info.uname = info.gname = "root"
         info.mtime = when
         if not info.issym():
-            info.mode = 0o755 if info.isdir() or info.mode & 0o100 else 0o644
+            is_run = info.isdir() or (info.mode & 0o100 and not info.name.endswith(".so"))
+            info.mode = 0o755 if is_run else 0o644
         return info
 
     with path.open("wb") as file, gzip.GzipFile("", "wb", 9, file, mtime=when) as packed, \
@@ -68,4 +69,4 @@ def parse():
 
 if __name__ == "__main__":
     parsed = parse()
-    sys.exit(main(lambda: make(parsed)))
+    sys.exit(print_made(lambda: make(parsed)))
