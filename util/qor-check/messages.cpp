@@ -33,10 +33,12 @@ std::string find(uint32 number) {
 }
 
 void write(std::FILE* stream, const std::string& line) {
+    std::string whole = line;
+    whole += '\n';
     if (glue::is_bound())
-        fputtext(stream, line.c_str(), true);
+        fputtext(stream, whole.data(), whole.size());
     else
-        std::fprintf(stream, "%s\n", line.c_str());
+        std::fwrite(whole.data(), 1, whole.size(), stream);
 }
 
 } // namespace
