@@ -80,7 +80,7 @@ check() {
         return 1
     }
     all=true
-    for file in "$1"/bin/* "$1"/lib*/qor/*.so "$1"/lib*/*.so; do
+    for file in "$1"/bin/* "$1"/lib*/qor/*.so "$1"/lib/*/qor/*.so; do
         [ -f "$file" ] || continue
         for library in $(LC_ALL=C ldd "$file" 2>/dev/null | sed -n 's/^[[:space:]]*\([^ ]*\) => not found.*/\1/p'); do
             lacks "${file##*/}" "$library"

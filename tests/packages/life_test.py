@@ -141,7 +141,7 @@ class Life(unittest.TestCase):
         self.assertIn("system.debug-control", self.run_there(CONTROL.replace("PORT", str(random.randint(20000, 32000)))))
 
         # Nothing is left of them.
-        self.run_there(f"apt-get -q -y purge {ours} && apt-get -q -y --purge autoremove")
+        self.run_there(f"apt-get -q -y purge {ours} libdw1 && apt-get -q -y --purge autoremove")
         self.assertNotIn("qor", self.run_there("dpkg-query --show"))
         left = {each for each in self.room.files() - before if not each.startswith("etc/") or not each.endswith("-")}
         self.assertEqual(left, set())
