@@ -66,6 +66,9 @@ class Life(unittest.TestCase):
         self.assertEqual(found, code, f"{script}\n{said}")
         return said
 
+    def installed(self):
+        return set(self.run_there("dpkg-query --show --showformat='${Package}\\n'").split())
+
     def version(self, name):
         return self.run_there(f"dpkg-query --show --showformat='${{Version}}' {name}")
 
@@ -110,13 +113,11 @@ class Life(unittest.TestCase):
         # The tools alone, on a host without OpenSSL and the others.
         start = time.monotonic()
         self.run_there("apt-get -q update")
-        self.assertNotIn("libssl3", self.run_there("dpkg-query --show --showformat='${Package}\\n'").split())
+        empty = self.installed()
         self.run_there("apt-get -q -y --no-install-recommends install /packages/older-*.deb")
         self.find_leak()
         print(f"From an empty Debian ({self.suite}) to a found leak: {time.monotonic() - start:.0f} s", file=sys.stderr)
-        installed = self.run_there("dpkg-query --show --showformat='${Package}\\n'").split()
-        for package in ("libssl3", "libmnl0", "libsqlite3-0", "libdw1"):
-            self.assertNotIn(package, installed)
+        self.assertEqual(self.installed() - empty, {"libqor", "qortool"})
         self.assertEqual(self.version("libqor"), older)
         self.assertIn("Sunday", self.run_there("qortool --quiet dow 28/3/2021"))
         self.assertIn("D41D8CD98F00B204E9800998ECF8427E", self.run_there("touch /tmp/e; qortool --quiet md5sum /tmp/e").upper())
