@@ -4,7 +4,9 @@ Debian's tools.
 
     pack.py --work FOLDER --out FOLDER [--jobs N] [--build FOLDER]
 
-With --build, the packages get the files of that finished build, compiled as it was; for tests of the packages. WORK keeps the copy and its objects, so that only changed sources are compiled again. SOURCE_DATE_EPOCH, otherwise the
+With --build, the packages get the files of that finished build, compiled as it was; for tests of the packages.
+
+WORK keeps the copy and its objects, so that only changed sources are compiled again. SOURCE_DATE_EPOCH, otherwise the
 time of the newest entry of the changelog, is the time of the files in the packages. The same tree and the same time
 give the same packages, byte by byte, wherever WORK lies; the lists of what was built and how (.buildinfo, .changes)
 name the host's own packages.
