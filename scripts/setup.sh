@@ -33,6 +33,9 @@ needs_tests=("golang-github-burntsushi-toml-dev=/usr/share/gocode/src/github.com
     "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer" "dwz=dwz" "debuginfod=debuginfod" "libc6-dbg=/usr/share/doc/libc6-dbg"
     "man-db=man" "groff-base=groff" "mandoc=mandoc" "zsh=zsh" "fish=fish"
     "bash-completion=/usr/share/bash-completion/bash_completion")
+needs_linux_packages=("debhelper=dh" "dpkg-dev=dpkg-buildpackage" "libssl-dev=/usr/include/openssl/evp.h"
+    "libpam0g-dev=/usr/include/security/pam_appl.h" "python3=python3")
+needs_packages_tests=("debhelper=dh" "dpkg-dev=dpkg-buildpackage" "lintian=lintian" "mmdebstrap=mmdebstrap")
 needs_fuzz=("clang-16=clang++-16" "libboost1.81-dev=/usr/include/boost/unordered/unordered_flat_map.hpp"
     "nlohmann-json3-dev=/usr/include/nlohmann/json.hpp" "libssl-dev=/usr/include/openssl/evp.h" "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer"
     "libclang-rt-16-dev=/usr/lib/llvm-16/lib/clang/16/lib/linux/libclang_rt.fuzzer-$HOSTTYPE.a")
