@@ -111,8 +111,8 @@ public:
     // why there is nothing to write to.
     int recover(const char* path) noexcept;
 
-    // Truncates a file that is open for writing to its first `size` bytes; write() goes on there. Does nothing for a file
-    // that has no size.
+    // Truncates a file that is open for writing to its first `size` bytes; write() goes on there. Does nothing for a
+    // file that has no size.
     void cut(std::uint64_t size) noexcept;
 
     // Takes over a handle or a descriptor that is open. Closes it on failure.
