@@ -34,7 +34,7 @@ needs_tests=("golang-github-burntsushi-toml-dev=/usr/share/gocode/src/github.com
     "man-db=man" "groff-base=groff" "mandoc=mandoc" "zsh=zsh" "fish=fish"
     "bash-completion=/usr/share/bash-completion/bash_completion")
 needs_linux_packages=("debhelper=dh" "dpkg-dev=dpkg-buildpackage" "libssl-dev=/usr/include/openssl/evp.h"
-    "libpam0g-dev=/usr/include/security/pam_appl.h" "python3=python3")
+    "libpam0g-dev=/usr/include/security/pam_appl.h" "python3=python3" "doxygen=doxygen")
 needs_packages_tests=("debhelper=dh" "dpkg-dev=dpkg-buildpackage" "lintian=lintian" "mmdebstrap=mmdebstrap")
 needs_fuzz=("clang-16=clang++-16" "libboost1.81-dev=/usr/include/boost/unordered/unordered_flat_map.hpp"
     "nlohmann-json3-dev=/usr/include/nlohmann/json.hpp" "libssl-dev=/usr/include/openssl/evp.h" "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer"

@@ -120,6 +120,10 @@ class Packages(linux.InFolder):
         if not any("/man/" in path for path in contents(linux.debian("qortool"))):
             # This build makes no manual pages at all.
             faults = [line for line in faults if ": no-manual-page " not in line]
+        if not linux.WHOLE:
+            # The build of the tests has its libraries in `lib`, not in a folder of its processor.
+            faults = [line for line in faults if not re.search(r": (arch-dependent-file-not-in-arch-specific-directory|"
+                                                               r"pkg-config-unavailable-for-cross-compilation) ", line)]
         self.assertEqual(faults, [])
         # Anything else than a list of findings is a failure of lintian itself.
         self.assertTrue(all(re.match(r"[EWIN]: ", line) for line in lines if line), done.stdout)
