@@ -1,4 +1,4 @@
-// Who may read the lines of a flood before they are in the file.
+// The lines of a flood are private before they are in the file.
 #include "platform/wide_windows.h"
 #include "qor/glue/own_rights_windows.h"
 #include "trace_flood.h"

@@ -68,7 +68,7 @@ TEST(windows_replacement, keeps_a_hidden_file_hidden) {
     }
 }
 
-// Whoever makes the new file first would keep the rights that the folder gives, or would be in the way for ever.
+// Another user could make the new file first: it would have the rights of the folder, or block every replacement.
 TEST(windows_replacement, has_no_name_that_can_be_guessed) {
     const qor::test::temp_folder folder;
     const std::string path = folder / "file";

@@ -129,7 +129,7 @@ TEST_F(access_list, whose_account_is_cut_off_is_not) {
     EXPECT_FALSE(is_private());
 }
 
-// Somebody who makes the lock's file first could hold the lock for ever.
+// Another user could make the file of the lock first and never release it.
 TEST(private_file_locks, of_others_are_refused) {
     const qor::test::temp_folder folder;
     const std::string path = folder / "accounts";

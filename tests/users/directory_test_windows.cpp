@@ -241,7 +241,7 @@ TEST_F(user_directory, a_domain_without_a_controller_is_told) {
     EXPECT_EQ(last_error().rfind("DsGetDcNameW: ", 0), 0u) << last_error();
 }
 
-// What the account may do at the controller is something else.
+// The rights of the account at the controller do not count.
 TEST_F(user_directory, rights_and_groups_are_those_of_this_computer) {
     m_world.priv = USER_PRIV_ADMIN;
     const account found = read(L"SALES\\jmiller");

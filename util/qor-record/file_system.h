@@ -1,4 +1,4 @@
-// Files and folders of the system, by paths in UTF-8. Errors are the system's numbers; 0 is none.
+// Files and folders of the system, by paths in UTF-8. Results are the system's error numbers, 0 for success.
 #pragma once
 
 #include <cstddef>

@@ -111,8 +111,7 @@ void qor::memory::allocation_log::add_number(unsigned long long value, int base)
     add({text, std::to_chars(text, text + sizeof text, value, base).ptr});
 }
 
-// The first word of a line. What stands behind the last whole line is that of a thread which the end of the process has
-// ended in the middle.
+// The first word of a line. If the end of the process has ended a thread in the middle of a line, that part is dropped.
 void qor::memory::allocation_log::add_address(char letter, const void* address) {
     m_whole = std::min(m_whole, m_buffer.size());
     m_buffer.erase(m_whole);

@@ -59,7 +59,7 @@ int __wrap_pthread_spin_lock(pthread_spinlock_t* which) {
     return __real_pthread_spin_lock(which);
 }
 
-// Nobody will ever wake this thread. What could go on without that has asked before (wait_for_others).
+// Nobody is left to wake this thread. Code that could go on without that has asked before (wait_for_others).
 int __wrap_pthread_cond_wait(pthread_cond_t* on, pthread_mutex_t* hold) {
     if (other_threads_are_gone())
         TerminateProcess(GetCurrentProcess(), EXIT_FAILURE);

@@ -88,7 +88,7 @@ public:
 
     std::wstring_view units() const noexcept { return {m_units, m_size}; }
 
-    // Returns the first `size` units in UTF-8. Of a character that is cut off, the first unit is kept for the next
+    // Returns the first `size` units in UTF-8. If they end within a character, its first unit is kept for the next
     // piece.
     std::string_view bytes(std::size_t size) noexcept {
         const bool is_cut = size == m_size && size != 0 && m_units[size - 1] >= 0xd800 && m_units[size - 1] < 0xdc00;

@@ -51,8 +51,8 @@ void divide(std::string_view text, ADD add) {
     }
 }
 
-// The terminal that is to show the text; -1: there is none, or the text needs no look. The system call costs as much as
-// checking some hundred bytes, so a short text is checked first. If it is plain, it means the same in every encoding
+// Returns the terminal that is to show the text; -1 without one, or if the text is plain. The system call costs as much
+// as checking some hundred bytes, so a short text is checked first. If it is plain, it means the same in every encoding
 // that a terminal may have.
 int64 terminal_for(IQORStreamSink& sink, std::string_view text) noexcept {
     constexpr std::size_t short_text = 512;

@@ -40,8 +40,9 @@ int exchange(unsigned threads, long rounds) {
     return 0;
 }
 
-// For ever, in a heap of its own without a lock: Wine 8 spins for ever at the end of a process if a thread is ended in
-// the instant in which it wakes another one, and threads of one heap do so all the time.
+// Allocates until the process ends, in a heap of its own without a lock: Wine 8 does not stop spinning at the end of a
+// process if a thread is ended in the instant in which it wakes another one, and threads of one heap do so all the
+// time.
 void churn_alone(std::atomic<int>& working) {
     void* blocks[64]{};
     const HANDLE heap = HeapCreate(HEAP_NO_SERIALIZE, 0, 0);

@@ -162,7 +162,7 @@ pe_file::function pe_file::function_of(uint64 place) const noexcept {
     return {number_or_0(place, 4), number_or_0(place + 4, 4), number_or_0(place + 8, 4)};
 }
 
-// The last one that begins at the address or before it. False: there is none.
+// Finds the last function that begins at the address or before it. Returns false without one.
 bool pe_file::find_function(uint64 address, function& last) const noexcept {
     uint32 begin = 0;
     for (uint32 end = m_function_count; begin < end;) {

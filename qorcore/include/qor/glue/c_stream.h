@@ -13,7 +13,7 @@
 // A C stream that is written. What fails sets no last error: GetFailure tells the reason.
 class IQORStreamSink : public IQORDataSink {
 public:
-    // The terminal behind the stream: its descriptor, or the handle of a console. -1: there is none.
+    // Returns the terminal behind the stream: its descriptor, or the handle of a console; -1 without one.
     virtual int64 GetTerminal() noexcept = 0;
     // Writes out what the stream has in its buffer; for standard error, that of standard output first.
     virtual bool Flush() noexcept = 0;
@@ -33,7 +33,7 @@ public:
     // Reads up to `size` bytes, and stops behind a newline. *count is less otherwise only at the end, or on a failure,
     // which returns false.
     [[nodiscard]] virtual bool ReadLine(char* bytes, uint32 size, uint32* count) noexcept = 0;
-    // The handle of the console behind the stream. -1: there is none, or lines come from the stream all the same.
+    // Returns the handle of the console behind the stream; -1 if the lines come from the stream itself.
     virtual int64 GetTerminal() noexcept = 0;
     // Like those of IQORStreamSink.
     virtual void Lock() noexcept = 0;

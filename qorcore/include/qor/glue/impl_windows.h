@@ -194,7 +194,7 @@ inline void flush_standard_output() noexcept {
 // process ends.
 inline void set_up_standard_error() noexcept { std::setvbuf(stderr, nullptr, _IONBF, 0); }
 
-// What the C library has read already comes first. Newer run-times do not show it.
+// The C library may have read some input already, which comes first. Newer run-times do not show it.
 template <class STREAM>
 int64 input_terminal(STREAM* stream) noexcept {
     if constexpr (requires { stream->_cnt; })
