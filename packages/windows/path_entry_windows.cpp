@@ -29,7 +29,7 @@ public:
 
     LSTATUS result() const noexcept { return m_result; }
 
-    // Gets an empty path if there is none.
+    // Without a path, the result is empty.
     LSTATUS read(std::wstring& path, DWORD& type) const {
         path.clear();
         type = REG_EXPAND_SZ;

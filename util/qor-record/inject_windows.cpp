@@ -33,7 +33,7 @@ public:
         SIZE_T done = 0;
         return WriteProcessMemory(m_process, reinterpret_cast<void*>(to), from, size, &done) && done == size;
     }
-    // Memory behind `begin` that 32 bits lead to from `base`; 0: there is none.
+    // Takes memory behind `begin` that a distance of 32 bits reaches from `base`. Returns 0 without such memory.
     std::uintptr_t take(std::uintptr_t base, std::uintptr_t begin, std::size_t size) const {
         constexpr std::uintptr_t step = 0x10000; // in which the system gives out addresses
         for (std::uintptr_t at = (begin + step - 1) / step * step; at < base + 0x7fff0000;) {

@@ -85,7 +85,6 @@ private:
     // summary.cpp
     void summarise();
     void summarise(recorded_process& of);
-    void summarise_memcheck(std::string& command);
 
     options m_options;
     const log_names& m_names;

@@ -48,7 +48,6 @@ private:
     void tell_failure(recorded_process& of);
     void summarise();
     void summarise(const recorded_process& of);
-    void summarise_memcheck(std::string& command);
 
     const options& m_options;
     const log_names& m_names;

@@ -37,24 +37,7 @@ void recorder::summarise(recorded_process& of) {
         say(message::replaced_program, {shown, count, of.program, stacks});
     else
         say(message::recorded_child, {shown, count, of.program, stacks});
-    if (of.log->lost() != 0)
-        say(message::lost_records, {shown, std::to_string(of.log->lost())});
-    if (of.log->has_given_up())
-        say(message::stopped_reading, {shown});
-}
-
-void recorder::summarise_memcheck(std::string& command) {
-    const std::string path = m_names.memcheck();
-    if (const long count = lines_of_memcheck(path); count >= 0) {
-        const std::string shown = m_names.shown(path);
-        say(message::memcheck_recorded, {shown, std::to_string(count)});
-        if (m_exit_code >= 128)
-            say(message::memcheck_cut_off, {shown, std::to_string(m_exit_code)});
-        command += ' ' + quoted(shown);
-    }
-    for (const std::string& each : m_names.memchecks_of_children())
-        if (const long count = lines_of_memcheck(each); count >= 0)
-            say(message::memcheck_recorded, {m_names.shown(each), std::to_string(count)});
+    say_losses(*of.log, shown);
 }
 
 void recorder::summarise() {
@@ -86,7 +69,9 @@ void recorder::summarise() {
         say(message::unnamed_executions, {std::to_string(m_unnamed_executions)});
     if (m_stacks_were_full)
         say(message::stacks_were_full, {m_names.shown(m_names.stacks())});
-    summarise_memcheck(command);
+    if (const std::string memcheck = say_memchecks(m_names, m_exit_code >= 128, std::to_string(m_exit_code));
+        !memcheck.empty())
+        command += ' ' + quoted(memcheck);
     // In the tree, where the tool is built by its own command.
     const bool is_in_tree = ::access("./run", X_OK) == 0 && ::access("util/qor-record", X_OK) == 0;
     say(message::next_command, {(is_in_tree ? "./run mtrace " : "qortool mtrace ") + command});

@@ -1,5 +1,8 @@
-// What the last lines of a recorder on every system are made of.
+// Parts of the recorder's last lines that are the same on all systems.
 #pragma once
+
+#include "log_names.h"
+#include "process_log.h"
 
 #include <cstdint>
 #include <string>
@@ -10,7 +13,11 @@ namespace qor::record {
 // "12, 13, 14"; of many the first ones.
 std::string list_of(const std::vector<std::int32_t>& processes);
 
-// The number of lines in the framework's log; -1: the file is missing or empty.
-long lines_of_memcheck(const std::string& path);
+// Says which records are missing in the log of a process; `shown` is its name.
+void say_losses(const process_log& log, const std::string& shown);
+
+// Says what the framework's own logs contain, and, if something ended the program, that its log is cut off. Returns the
+// name of the first process's log; empty without one.
+std::string say_memchecks(const log_names& names, bool was_ended, const std::string& exit_code);
 
 } // namespace qor::record

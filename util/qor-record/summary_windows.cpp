@@ -35,24 +35,7 @@ void recorder::summarise(const recorded_process& of) {
         say(message::recorded, {shown, count, stacks});
     else
         say(message::recorded_child, {shown, count, of.program, stacks});
-    if (of.log->lost() != 0)
-        say(message::lost_records, {shown, std::to_string(of.log->lost())});
-    if (of.log->has_given_up())
-        say(message::stopped_reading, {shown});
-}
-
-void recorder::summarise_memcheck(std::string& command) {
-    const std::string path = m_names.memcheck();
-    if (const long count = lines_of_memcheck(path); count >= 0) {
-        const std::string shown = m_names.shown(path);
-        say(message::memcheck_recorded, {shown, std::to_string(count)});
-        if (m_exit_code >= first_failure)
-            say(message::memcheck_cut_off, {shown, std::to_string(m_exit_code)});
-        command.append(" ").append(quoted(shown));
-    }
-    for (const std::string& each : m_names.memchecks_of_children())
-        if (const long count = lines_of_memcheck(each); count >= 0)
-            say(message::memcheck_recorded, {m_names.shown(each), std::to_string(count)});
+    say_losses(*of.log, shown);
 }
 
 void recorder::summarise() {
@@ -81,7 +64,9 @@ void recorder::summarise() {
     if (m_stacks_were_full)
         say(message::stacks_were_full, {m_names.shown(m_names.stacks())});
     std::string command = quoted(m_names.shown(first.log->log().path()));
-    summarise_memcheck(command);
+    const std::string exit_code = std::to_string(m_exit_code);
+    if (const std::string memcheck = say_memchecks(m_names, m_exit_code >= first_failure, exit_code); !memcheck.empty())
+        command.append(" ").append(quoted(memcheck));
     say(message::next_command, {"qortool mtrace " + command});
 }
 

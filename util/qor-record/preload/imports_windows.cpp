@@ -120,7 +120,7 @@ void hook_imports(const void* base) noexcept {
         shared.hooked_imports_of_program.fetch_add(count, std::memory_order_relaxed);
 }
 
-// Memory for jumps that 32 bits lead to from the image. Null: there is none.
+// Takes memory for jumps that a distance of 32 bits reaches from the image. Returns null without such memory.
 far_jump* jumps_near(const loaded_image& image) noexcept {
     constexpr std::uintptr_t step = 0x10000; // in which the system gives out addresses
     constexpr std::size_t size = runtime_function_count * sizeof(far_jump);
