@@ -18,8 +18,9 @@ import packed
 import notices  # in packages
 
 
-# The folders with the headers of others, and among them those of the compiler and of Windows.
-OTHERS = re.compile(r"(?:^headers|^include-toml|(?:^|/)[a-z]+-windows/include)/(.*)")
+# The folders with the headers of others, and among them those of the compiler and of Windows. The compiler names a
+# header by its link in the build or, where that is shorter, by the file that the link leads to.
+OTHERS = re.compile(r"(?:(?:^|/)(?:headers|include-toml|[a-z]+-windows/include)|^/usr/include)/(.*)")
 SYSTEM = re.compile(r"^/usr/(?:share/mingw-w64|x86_64-w64-mingw32|lib/gcc/x86_64-w64-mingw32/[^/]+)/"
                     r"include(?:-fixed)?/(.*)")
 
