@@ -22,9 +22,14 @@ if(WIN32)
 endif()
 target_link_options(qor_shipped INTERFACE LINKER:--gc-sections LINKER:-O1)
 
-# A client needs only the headers.
+# A client needs only the headers. Other projects name it as they do where the framework is installed.
 add_library(qor_client INTERFACE)
+add_library(qor::client ALIAS qor_client)
 target_include_directories(qor_client INTERFACE ${PROJECT_SOURCE_DIR}/qorcore/include)
+target_compile_features(qor_client INTERFACE cxx_std_20)
+if(NOT qor_relative_folder STREQUAL ../lib/qor) # the usual one, as in qor/glue/library_folder.h
+    target_compile_definitions(qor_client INTERFACE QOR_LIBRARY_FOLDER="${qor_relative_folder}")
+endif()
 
 # qor_platform_sources(RESULT PATTERNS...): the matching sources, without those for other platforms.
 function(qor_platform_sources result)

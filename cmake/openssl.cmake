@@ -2,7 +2,7 @@
 # installed.
 if(WIN32)
     # scripts/build-openssl-windows builds it; no package contains it.
-    set(OPENSSL_ROOT_DIR ${CMAKE_BINARY_DIR}/../openssl-windows)
+    set(OPENSSL_ROOT_DIR ${PROJECT_BINARY_DIR}/../openssl-windows)
     list(APPEND CMAKE_FIND_ROOT_PATH ${OPENSSL_ROOT_DIR})
     set(OPENSSL_USE_STATIC_LIBS ON)
 endif()

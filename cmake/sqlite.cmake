@@ -2,7 +2,7 @@
 # installed.
 if(WIN32)
     # scripts/build-sqlite-windows builds it; no package contains it.
-    list(APPEND CMAKE_FIND_ROOT_PATH ${CMAKE_BINARY_DIR}/../sqlite-windows)
+    list(APPEND CMAKE_FIND_ROOT_PATH ${PROJECT_BINARY_DIR}/../sqlite-windows)
 endif()
 if(QOR_SQLITE STREQUAL "AUTO")
     find_package(SQLite3 3.37 QUIET)

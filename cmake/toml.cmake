@@ -3,7 +3,7 @@
 if(NOT QOR_TOML STREQUAL "OFF")
     find_path(TOML_INCLUDE_DIR toml++/toml.h PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH)
     if(TOML_INCLUDE_DIR)
-        set(toml_include ${CMAKE_BINARY_DIR}/include-toml)
+        set(toml_include ${PROJECT_BINARY_DIR}/include-toml)
         file(MAKE_DIRECTORY ${toml_include})
         file(CREATE_LINK ${TOML_INCLUDE_DIR}/toml++ ${toml_include}/toml++ SYMBOLIC)
         add_library(TOML::TOML INTERFACE IMPORTED)

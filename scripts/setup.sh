@@ -26,11 +26,16 @@ needs_tests=("golang-github-burntsushi-toml-dev=/usr/share/gocode/src/github.com
     "libmimalloc2.0=/usr/lib/$HOSTTYPE-linux-gnu/libmimalloc.so.2"
     "acl=getfacl" "attr=getfattr" "dbus=dbus-daemon" "python3-dbusmock=/usr/lib/python3/dist-packages/dbusmock/__init__.py"
     "systemd-journal-remote=/lib/systemd/systemd-journal-remote"
-    "elfutils=eu-addr2line" "heaptrack=heaptrack" "git=git" "sqlite3=sqlite3"
+    "meson=meson" "make=make" "pkgconf=pkg-config" "elfutils=eu-addr2line" "heaptrack=heaptrack" "git=git" "sqlite3=sqlite3"
     "chromium=chromium" "chromium-driver=chromedriver" "firefox-esr=firefox-esr" "fonts-dejavu-core=/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf"
     "protobuf-compiler=protoc" "golang-go=go" "python3-jsonschema=/usr/lib/python3/dist-packages/jsonschema/__init__.py"
     "golang-github-google-pprof-dev=/usr/share/gocode/src/github.com/google/pprof/proto/profile.proto"
-    "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer" "dwz=dwz" "debuginfod=debuginfod" "libc6-dbg=/usr/share/doc/libc6-dbg")
+    "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer" "dwz=dwz" "debuginfod=debuginfod" "libc6-dbg=/usr/share/doc/libc6-dbg"
+    "man-db=man" "groff-base=groff" "mandoc=mandoc" "zsh=zsh" "fish=fish"
+    "bash-completion=/usr/share/bash-completion/bash_completion")
+needs_linux_packages=("debhelper=dh" "dpkg-dev=dpkg-buildpackage" "libssl-dev=/usr/include/openssl/evp.h"
+    "libpam0g-dev=/usr/include/security/pam_appl.h" "python3=python3" "doxygen=doxygen")
+needs_packages_tests=("debhelper=dh" "dpkg-dev=dpkg-buildpackage" "lintian=lintian" "mmdebstrap=mmdebstrap")
 needs_fuzz=("clang-16=clang++-16" "libboost1.81-dev=/usr/include/boost/unordered/unordered_flat_map.hpp"
     "nlohmann-json3-dev=/usr/include/nlohmann/json.hpp" "libssl-dev=/usr/include/openssl/evp.h" "llvm-16=/usr/lib/llvm-16/bin/llvm-symbolizer"
     "libclang-rt-16-dev=/usr/lib/llvm-16/lib/clang/16/lib/linux/libclang_rt.fuzzer-$HOSTTYPE.a")

@@ -14,7 +14,6 @@ import argparse
 import os
 import shlex
 import shutil
-import subprocess
 import sys
 import tempfile
 import time
@@ -22,24 +21,13 @@ import zipfile
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
-TREE = HERE.parents[1]
 sys.path.append(str(HERE.parent))
 import notices  # noqa: E402  # in packages
+from packing import TREE, Fault, files_in, print_made, run, time_of_entries  # noqa: E402  # in packages
 
 # The form of zip knows the years from 1980 to 2107.
 FIRST_TIME = 315532800
 LAST_TIME = 4354819199
-
-
-class Fault(Exception):
-    pass
-
-
-def run(*words, **more):
-    done = subprocess.run(list(map(str, words)), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, text=True, **more)
-    if done.returncode != 0:
-        raise Fault(f"{done.stdout}{words[0]} ends with {done.returncode}")
 
 
 def expected_files():
@@ -58,10 +46,6 @@ def expected_files():
             raise Fault(f"{HERE / 'files'}: line {number}: no file is {pattern}")
         found |= {place + path.relative_to(TREE / folder).as_posix() for path in paths}
     return found
-
-
-def files_in(folder):
-    return sorted(path.relative_to(folder).as_posix() for path in folder.rglob("*") if path.is_file())
 
 
 def compare(found):
@@ -107,13 +91,6 @@ def write_lists(names, stage, folder):
         (folder / f"{name}.nsh").write_text("".join(line + "\n" for line in lines), encoding="utf-8")
 
 
-def time_of_entries():
-    text = os.environ.get("SOURCE_DATE_EPOCH", str(FIRST_TIME))
-    if not text.isascii() or not text.isdecimal() or int(text) > LAST_TIME:
-        raise Fault(f"SOURCE_DATE_EPOCH: {text!r} is not a number of seconds up to {LAST_TIME}")
-    return max(int(text), FIRST_TIME)
-
-
 def signing_command():
     try:
         return shlex.split(os.environ.get("QOR_SIGN", ""))
@@ -128,19 +105,19 @@ def sign(path):
 
 
 def make(options, work):
-    when = time_of_entries()
+    when = time_of_entries(FIRST_TIME, LAST_TIME)
     environment = {**os.environ, "SOURCE_DATE_EPOCH": str(when)}
     stage, debug, lists = work / "stage", work / "debug", work / "lists"
     lists.mkdir()
     run(options.cmake, "--install", options.build, "--prefix", stage)
     run(options.cmake, "--install", options.build, "--prefix", debug, "--component", "debug")
 
-    entries = notices.read()
+    entries = notices.read(system="windows")
     (stage / "licences").mkdir()
     for name in notices.texts(entries):
         shutil.copyfile(notices.FOLDER / name, stage / "licences" / name)
     title = f"qor {options.version} for 64-bit Windows"
-    (stage / "THIRD-PARTY-NOTICES.txt").write_text(notices.document(entries, title), encoding="utf-8")
+    (stage / "THIRD-PARTY-NOTICES.txt").write_text(notices.document(entries, title, "licences"), encoding="utf-8")
 
     names = files_in(stage)
     compare(names)
@@ -182,15 +159,8 @@ def main():
     parser.add_argument("--cmake", default="cmake")
     options = parser.parse_args()
     options.build, options.out = options.build.resolve(), options.out.resolve()
-    try:
-        with tempfile.TemporaryDirectory(prefix="qor.") as work:
-            made = make(options, Path(work).resolve())
-    except (Fault, notices.Fault, OSError) as fault:
-        print(f"pack.py: {fault}", file=sys.stderr)
-        return 1
-    for each in made:
-        print(each)
-    return 0
+    with tempfile.TemporaryDirectory(prefix="qor.") as work:
+        return print_made(lambda: make(options, Path(work).resolve()), notices.Fault)
 
 
 if __name__ == "__main__":

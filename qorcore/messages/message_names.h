@@ -51,6 +51,13 @@ enum : uint32 {
 };
 } // namespace heap
 
+namespace check {
+inline constexpr char catalog[] = "qor-check";
+enum : uint32 {
+#include "qor-check.def"
+};
+} // namespace check
+
 } // namespace qor::messages
 
 #undef QOR_MESSAGE

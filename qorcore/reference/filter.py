@@ -7,6 +7,9 @@ programmers know them and left out."""
 
 import re
 import sys
+from pathlib import Path
+
+from families import HEADERS, family_of, pages
 
 COMMENT = re.compile(r"( *)//(?: (.*))?$")
 TRAILING = re.compile(r"( *[^ /#].*[;,{]) +// (.*)$")
@@ -83,7 +86,17 @@ def filtered(text):
 
 def main():
     with open(sys.argv[1], encoding="utf-8") as header:
-        print("\n".join(filtered(header.read())))
+        lines = filtered(header.read())
+    path = Path(sys.argv[1]).resolve().relative_to(HEADERS).as_posix()
+    family = family_of(path)
+    for line in lines:
+        print(line)
+        if family and line == "#pragma once":
+            print(f"/// @addtogroup {family}\n/// @{{")
+    if family:
+        print("/// @}")
+    if path == "qor/qor.h":
+        print(pages()[0])
 
 
 if __name__ == "__main__":

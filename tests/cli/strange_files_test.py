@@ -75,19 +75,22 @@ class StrangeFiles(unittest.TestCase):
         def check(kind):
             code, _, problem = self.run_program("--quiet", "netlist")
             reason = REASONS.get(kind, "it is not a regular file")
-            expected = f"'{module}' is missing." if kind == "link to nothing" else f"'{module}' cannot be loaded: {reason}."
+            expected = f"'{module}' cannot be loaded: {reason}."
+            if kind == "link to nothing":
+                expected = (f"'{module}' is missing. Install its package (on Debian libqor-network), or build the "
+                            "framework with what it needs.")
             self.assertEqual((code, problem), (1, f"Cannot list the network interfaces: The module {expected}\n"))
 
         self.each(module, check, module.read_bytes())
 
     def test_the_library(self):
-        """Nothing is printed, and the exit code is 100. If the library is also in the lib beside bin, that file is
-        used."""
+        """Nothing is printed, and the exit code is 100. If the library is also in the private folder of an
+        installation, that file is used."""
         library = self.bin / "libqor.so"
         expected = self.run_program("dow", "1/1/2000")
         self.each(library, lambda _: self.assertEqual(self.run_program("dow", "1/1/2000"), (100, "", "")), library.read_bytes())
-        (self.folder / "lib").mkdir()
-        shutil.copy(self.built / "libqor.so", self.folder / "lib")
+        (self.folder / "lib/qor").mkdir(parents=True)
+        shutil.copy(self.built / "libqor.so", self.folder / "lib/qor")
         self.each(library, lambda _: self.assertEqual(self.run_program("dow", "1/1/2000"), expected))
 
     # ---- files of the user

@@ -430,7 +430,7 @@ TEST(components, modules_that_do_not_fit_never_run) {
     } cases[] = {
         {"test-version", "it was compiled for version 4.0.0 of the framework, and this is 3.35.21"},
         {"test-longer", "it was compiled for a table of " + more + " operations, and this one has " + length},
-        {"test-missing", "it was compiled for operation 1, which this library does not have"},
+        {"test-missing", "it was compiled for operation 5, which this library does not have"},
         {"test-form", "it was compiled for another form of operation "},
         {"test-layout", "its description is damaged"},
     };

@@ -113,7 +113,7 @@ class Binding(WrongLibraries, unittest.TestCase):
         (folder / "libqor.so").write_bytes(self.real)
         self.check(BOUND, "", client=self.copy("client", folder))
 
-    # ---- installed: the client in bin, the library in lib
+    # ---- installed: the client in bin, the library in the private folder
 
     def test_installed(self):
         self.install(self.real)
@@ -142,9 +142,29 @@ class Binding(WrongLibraries, unittest.TestCase):
         self.assertEqual(installed[0], 1)
         self.assertIn(b"memcheck", b"".join(installed[1:]))
 
-    def install(self, image):
-        folder = self.root / "lib"
-        folder.mkdir()
+    def test_installed_in_another_folder(self):
+        """As the headers of an installation say, or the program's own compiler options."""
+        client = self.bin / "other"
+        source = Path(__file__).resolve().parent / "client.cpp"
+        for folder in ("../lib64/qor", "../deep/er/lib/x86_64-linux-gnu/qor", "inside"):
+            with self.subTest(folder):
+                subprocess.run([options.compiler, "-std=c++20", f'-DQOR_LIBRARY_FOLDER="{folder}"', "-I",
+                                options.include, source, "-o", client], check=True, timeout=300)
+                self.check(LOST, NOT_ANYWHERE, client=client)
+                self.install(self.real, self.bin / folder)
+                self.check(BOUND, "", client=client)
+
+    def test_not_above_the_root(self):
+        """More folders up than there are: nothing is found there, and nothing before the path is read."""
+        client = self.bin / "other"
+        source = Path(__file__).resolve().parent / "client.cpp"
+        subprocess.run([options.compiler, "-std=c++20", f'-DQOR_LIBRARY_FOLDER="{"../" * 60}lib"', "-I", options.include,
+                        source, "-o", client], check=True, timeout=300)
+        self.check(LOST, NOT_ANYWHERE, client=client)
+
+    def install(self, image, folder=None):
+        folder = folder or self.root / "lib/qor"
+        folder.mkdir(parents=True)
         (folder / "libqor.so").write_bytes(image)
 
     # ---- no loadable library

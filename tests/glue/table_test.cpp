@@ -66,6 +66,13 @@ TEST(table, holds_all_that_is_written_and_nothing_else) {
     EXPECT_EQ(covered, qor::glue::slot_count);
 }
 
+TEST(table, tells_its_version) {
+    EXPECT_STREQ(qorGetLibraryVersion(), QOR_VERSION);
+    EXPECT_STREQ(qor::glue::client.version, QOR_VERSION);
+    static_assert(QOR_VERSION_NUMBER == QOR_MAKE_VERSION(QOR_VERSION_MAJOR, QOR_VERSION_MINOR, QOR_VERSION_PATCH));
+    static_assert(QOR_VERSION_NUMBER < QOR_MAKE_VERSION(QOR_VERSION_MAJOR, QOR_VERSION_MINOR + 1, 0));
+}
+
 TEST(table, tells_its_length) { EXPECT_EQ(qor::glue::qorGetTableLength(), qor::glue::slot_count); }
 
 TEST(table, is_sufficient_with_every_written_operation) {

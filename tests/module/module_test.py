@@ -81,7 +81,9 @@ class Modules(DamagedLibraries, unittest.TestCase):
         self.check_works("md5")
 
     def check_missing(self, **more):
-        self.check_fails(f"The module '{self.quoted(self.module)}' is missing\\.", **more)
+        package = "" if options.runner else (" Install its package \\(on Debian libqor-openssl\\), or build the framework "
+                                             "with what it needs\\.")
+        self.check_fails(f"The module '{self.quoted(self.module)}' is missing\\.{package}", **more)
 
     def check_unusable(self, module=None, reason=".+", **more):
         self.check_fails(f"The module '{self.quoted(module or self.module)}' cannot be loaded: {reason}\\.", **more)
@@ -229,16 +231,39 @@ class ModulesPosix(Modules):
                     refused += 1
         self.assertGreater(refused, 0)
 
-    def test_installed(self):
-        """The library is in the lib beside the program's bin, and its modules are in lib/qor."""
-        lib = self.root / "lib"
-        shutil.move(self.bin / "qor", lib / "qor")
-        shutil.move(self.library, lib)
-        (lib / "qor" / self.module.name).write_bytes(self.real)
+    def install(self):
+        """Puts the library among its modules, in the private folder of an installation."""
+        private = self.root / "lib/qor"
+        private.parent.mkdir()
+        shutil.move(self.bin / "qor", private)
+        shutil.move(self.library, private)
+        self.module = private / self.module.name
         self.copy("digest", self.bin)
+
+    def digest_installed(self):
         run = subprocess.run([self.bin / "digest", "sha1", "text"], cwd=self.root, capture_output=True, timeout=120,
                              text=True)
-        self.assertEqual((run.returncode, run.stdout), (0, hashlib.sha1(TEXT).hexdigest() + "  text\n"), run.stderr)
+        return run.returncode, run.stdout, run.stderr
+
+    def test_installed(self):
+        self.install()
+        self.module.write_bytes(self.real)
+        self.assertEqual(self.digest_installed(), (0, hashlib.sha1(TEXT).hexdigest() + "  text\n", ""))
+
+    def test_installed_and_missing(self):
+        """The path in the message is that in the private folder."""
+        self.install()
+        code, _, problem = self.digest_installed()
+        self.assertEqual(code, 1)
+        self.assertTrue(problem.startswith(f"The module '{self.module}' is missing."), problem)
+
+    def test_in_a_program_folder_of_that_name(self):
+        """A program may lie in a folder with the name of the private one: its modules lie in a folder inside."""
+        self.bin = self.bin.rename(self.root / "qor")
+        module = self.bin / "qor" / self.module.name
+        module.write_bytes(self.real)
+        self.copy("digest", self.bin)
+        self.assertEqual(self.digest_installed(), (0, hashlib.sha1(TEXT).hexdigest() + "  text\n", ""))
 
 
 def main():

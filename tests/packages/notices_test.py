@@ -27,18 +27,20 @@ SYSTEM = re.compile(r"^/usr/(?:share/mingw-w64|x86_64-w64-mingw32|lib/gcc/x86_64
 
 def linked(text):
     """Returns the names of the archives and start-up objects of others that a map of the linker has taken something
-    from. Our own archives are named from the folder of the build."""
+    from. Our own archives are named from the folder of the build. The objects of g++ for code at any address count as
+    the others."""
     members, _, rest = text.partition("\nDiscarded input sections")
     archives = {Path(found).name for found in re.findall(r"^(\S+\.a)\([^)\n]*\)$", members, re.M)
                 if not re.match(r"(?:qorcore|util)/", found)}
-    return archives | {Path(found).name for found in re.findall(r"^LOAD (/\S+\.o)$", rest, re.M)}
+    objects = {Path(found).name for found in re.findall(r"^LOAD (/\S+\.o)$", rest, re.M)}
+    return archives | {re.sub(r"^(crtbegin|crtend)S", r"\1", name) for name in objects}
 
 
 class Notices(packed.Unpacked):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.entries = notices.read()
+        cls.entries = notices.read(system="windows")
 
     def all(self, field):
         return [word for entry in self.entries for word in entry[field]]
@@ -67,9 +69,9 @@ class Notices(packed.Unpacked):
         """The files that the list names for a library are those that contain it."""
         archives = self.maps()
         for entry in self.entries:
-            if entry["Archives"] and "every" not in entry["Use"]:
+            if entry["Archives"] and entry["In"] != ["all"]:
                 files = {file for file, each in archives.items() if each & set(entry["Archives"])}
-                self.assertEqual(files, set(re.findall(r"[\w-]+\.(?:exe|dll)", entry["Use"])), entry["Name"])
+                self.assertEqual(files, set(entry["In"]), entry["Name"])
 
     def test_what_is_compiled_in(self):
         known, used, own = self.names("Headers"), set(), 0
@@ -120,13 +122,14 @@ class Notices(packed.Unpacked):
 
 class Faults(unittest.TestCase):
     def test_a_list_with_a_fault(self):
-        good = "Name: a\nUse: b\nLicence: c\nText: d\n"
+        good = "Name: a\nUse: b\nLicence: c\nText: d\nLinux: all\n"
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         path = Path(folder.name, "list")
         path.write_text(good)
         self.assertEqual(notices.read(path)[0]["Text"], ["d"])
-        for wrong in good.replace("Use", "Uses"), good.replace("Text: d\n", ""), good + "Name: a\n":
+        for wrong in good.replace("Use", "Uses"), good.replace("Text: d\n", ""), good + "Name: a\n", \
+                good.replace("Linux: all\n", ""):
             path.write_text(wrong)
             with self.assertRaises(notices.Fault):
                 notices.read(path)

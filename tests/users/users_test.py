@@ -419,7 +419,8 @@ class Rules(RealAccount):
 
     def test_without_the_module(self):
         (self.bin / "qor" / "qor-pam.so").unlink()
-        self.check_refused(f"The module '{self.bin}/qor/qor-pam.so' is missing.")
+        self.check_refused(f"The module '{self.bin}/qor/qor-pam.so' is missing. Install its package (on Debian "
+                           "libqor-pam), or build the framework with what it needs.")
 
     def test_with_rules_that_are_no_file(self):
         for kind in KINDS:

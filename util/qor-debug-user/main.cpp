@@ -32,15 +32,17 @@ struct option_row {
     uint32 description;
 };
 
+void opt_file(settings& chosen, const qorString& value) {
+    chosen.file = value;
+    chosen.has_file = true;
+}
+
+void opt_generate(settings& chosen, const qorString&) { chosen.generate = true; }
+
 constexpr option_row options[] = {
-    {"file", true,
-     [](settings& chosen, const qorString& value) {
-         chosen.file = value;
-         chosen.has_file = true;
-     },
-     message::file_syntax, message::file_description},
-    {"generate", false, [](settings& chosen, const qorString&) { chosen.generate = true; }, message::generate_syntax,
-     message::generate_description},
+#define QOR_OPTION(name, messages, value)                                                                              \
+    {#name, *(value) != '\0', opt_##name, message::messages##_syntax, message::messages##_description},
+#include "command_line.def"
 };
 
 // Returns 0, or the exit code for an option that is unknown or wrong.
@@ -175,13 +177,9 @@ struct action_row {
 };
 
 constexpr action_row actions[] = {
-    {"add", act_add, 1, message::add_syntax, message::add_description},
-    {"password", act_password, 1, message::password_syntax, message::password_description},
-    {"remove", act_remove, 1, message::remove_syntax, message::remove_description},
-    {"list", act_list, 0, message::list_syntax, message::list_description},
-    {"fingerprint", act_fingerprint, 0, message::fingerprint_syntax, message::fingerprint_description},
-    {"trust", act_trust, 3, message::trust_syntax, message::trust_description},
-    {"help", act_help, 0, message::help_syntax, message::help_description},
+#define QOR_ACTION(name, count, messages, arguments)                                                                   \
+    {#name, act_##name, count, message::messages##_syntax, message::messages##_description},
+#include "command_line.def"
 };
 
 int act_help(const settings&, qorStringArray&) {

@@ -26,13 +26,9 @@ struct command_row {
 constexpr std::size_t any_number = ~std::size_t{0};
 
 constexpr command_row commands[] = {
-    {"sites", command::sites, 1, any_number, message::sites_syntax, message::sites_description},
-    {"diff", command::diff, 2, 2, message::diff_syntax, message::diff_description},
-    {"timeline", command::timeline, 1, any_number, message::timeline_syntax, message::timeline_description},
-    {"tree", command::tree, 1, any_number, message::tree_syntax, message::tree_description},
-    {"top", command::top, 1, 1, message::top_syntax, message::top_description},
-    {"page", command::page, 1, any_number, message::page_syntax, message::page_description},
-    {"export", command::exporting, 1, any_number, message::export_syntax, message::export_description},
+#define QOR_ACTION(name, value, fewest, most, messages, arguments)                                                     \
+    {name, command::value, fewest, most, message::messages##_syntax, message::messages##_description},
+#include "command_line.def"
 };
 
 bool bad_value(const char* option, const std::string& value) {
@@ -62,7 +58,10 @@ bool take_bytes(const char* option, const std::string& value, uint64& to) {
 }
 
 bool take_form(const char* option, const std::string& value, export_form& to) {
-    constexpr std::string_view names[] = {"folded", "json", "pprof", "csv"};
+    constexpr std::string_view names[] = {
+#define QOR_EXPORT_FORM(name) #name,
+#include "command_line.def"
+    };
     const auto found = std::ranges::find(names, value);
     if (found == std::end(names))
         return bad_value(option, value);
@@ -91,44 +90,10 @@ struct option_row {
     [](options& chosen, [[maybe_unused]] const char* name, const std::string& value) { return expression; }
 
 constexpr option_row rows[] = {
-    {"--peak", false, QOR_SETS(chosen.what = measure::at_peak), message::peak_syntax, message::peak_description},
-    {"--allocations", false, QOR_SETS(chosen.what = measure::allocated), message::allocations_syntax,
-     message::allocations_description},
-    {"--temporary", false, QOR_SETS(chosen.what = measure::temporary), message::temporary_syntax,
-     message::temporary_description},
-    {"--growing", false, QOR_SETS(chosen.only_growing = true), message::growing_syntax, message::growing_description},
-    {"--at", true, QOR_TAKES((chosen.has_last_record = take_number(name, value, chosen.last_record))),
-     message::at_syntax, message::at_description},
-    {"--bottom-up", false, QOR_SETS(chosen.is_bottom_up = true), message::bottom_up_syntax,
-     message::bottom_up_description},
-    {"--limit", true, QOR_TAKES(take_number(name, value, chosen.rows)), message::limit_syntax,
-     message::limit_description},
-    {"--frames", true, QOR_TAKES(take_number(name, value, chosen.frames)), message::frames_syntax,
-     message::frames_description},
-    {"--no-symbols", false, QOR_SETS(chosen.wants_symbols = false), message::no_symbols_syntax,
-     message::no_symbols_description},
-    {"--no-fetch", false, QOR_SETS(chosen.may_fetch = false), message::no_fetch_syntax, message::no_fetch_description},
-    {"--suppressions", true, QOR_TAKES((chosen.suppressions = value, true)), message::suppressions_syntax,
-     message::suppressions_description},
-    {"--no-suppressions", false, QOR_SETS(chosen.has_built_in_suppressions = false), message::no_suppressions_syntax,
-     message::no_suppressions_description},
-    {"--list-suppressions", false, nullptr, message::list_suppressions_syntax, message::list_suppressions_description},
-    {"--fail-on", true, QOR_TAKES((chosen.has_limit = take_bytes(name, value, chosen.limit))), message::fail_on_syntax,
-     message::fail_on_description},
-    {"--fail-on-bad-free", false, QOR_SETS(chosen.fails_on_bad_free = true), message::fail_on_bad_free_syntax,
-     message::fail_on_bad_free_description},
-    {"--count", true, QOR_TAKES(take_number(name, value, chosen.tables)), message::count_syntax,
-     message::count_description},
-    {"-o", true, QOR_TAKES((chosen.output = value, true)), message::output_syntax, message::output_description},
-    {"--compare", true, QOR_TAKES((chosen.compared = value, true)), message::compare_syntax,
-     message::compare_description},
-    {"--format", true, QOR_TAKES(take_form(name, value, chosen.form)), message::format_syntax,
-     message::format_description},
-    {"--label", true, QOR_TAKES(take_label(name, value, chosen)), message::label_syntax, message::label_description},
-    {"--anonymise", false, QOR_SETS(chosen.is_anonymous = true), message::anonymise_syntax,
-     message::anonymise_description},
-    {"--anonymize", false, QOR_SETS(chosen.is_anonymous = true), 0, 0},
-    {"--help", false, nullptr, message::help_syntax, message::help_description},
+#define QOR_OPTION(name, has_value, handler, messages, value)                                                          \
+    {name, has_value, handler, message::messages##_syntax, message::messages##_description},
+#define QOR_OTHER_NAME(name, has_value, handler) {name, has_value, handler, 0, 0},
+#include "command_line.def"
 };
 
 #undef QOR_SETS

@@ -11,8 +11,12 @@ namespace qor::heap_tool {
 
 enum class command : uint8 { none, sites, diff, timeline, tree, top, page, exporting };
 
-// The forms of an export. The order is that of the names in options.cpp.
-enum class export_form : uint8 { none, folded, json, pprof, csv };
+// The forms of an export.
+enum class export_form : uint8 {
+    none,
+#define QOR_EXPORT_FORM(name) name,
+#include "command_line.def"
+};
 
 struct options {
     heap_tool::command command = command::none;
@@ -40,10 +44,8 @@ struct options {
 };
 
 // Exit codes. Those of a wrong command line are the ones that the other programs use, see command_table.h.
-inline constexpr int exit_failure = 1;
-inline constexpr int exit_over_limit = 3; // --fail-on
-inline constexpr int exit_bad_frees = 4;  // --fail-on-bad-free
-inline constexpr int exit_interrupted = 130;
+#define QOR_EXIT_CODE(code, name, meaning) inline constexpr int exit_##name = code;
+#include "command_line.def"
 
 inline constexpr int no_exit_code = -1;
 

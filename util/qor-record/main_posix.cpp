@@ -5,6 +5,7 @@
 #include "control.h"
 #include "messages.h"
 #include "process_facts.h"
+#include "qor/qor.h"
 #include "recorder_posix.h"
 #include "shared/offer_posix.h"
 
@@ -30,17 +31,17 @@ constexpr int passed_on[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2}
 
 // The library to preload: beside this program, as it is built, or in the folder of libraries, as it is installed.
 std::string find_preload() {
-    char path[4096];
-    const ssize_t size = ::readlink("/proc/self/exe", path, sizeof path);
-    const std::string program(path, size > 0 ? static_cast<std::size_t>(size) : 0);
-    const std::string folder = program.substr(0, program.rfind('/'));
-    std::string beside = folder + "/libqor-record.so";
-    std::string installed = folder.substr(0, folder.rfind('/')) + "/lib/qor/libqor-record.so";
-    if (::access(beside.c_str(), R_OK) == 0)
-        return beside;
-    if (::access(installed.c_str(), R_OK) == 0)
-        return installed;
-    say(message::preload_missing, {installed});
+    constexpr const char* places[] = {"libqor-record.so", QOR_LIBRARY_FOLDER "/libqor-record.so"};
+    qor::glue::own_path program;
+    qor::glue::own_path path = "libqor-record.so";
+    if (qor::glue::get_own_path(program))
+        for (const char* const place : places) {
+            std::strcpy(path, program);
+            if (char* const slash = std::strrchr(path, '/');
+                slash != nullptr && qor::glue::make_library_path(path, slash, place) && ::access(path, R_OK) == 0)
+                return path;
+        }
+    say(message::preload_missing, {path});
     return {};
 }
 
@@ -193,8 +194,10 @@ int record(const options& chosen) {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc >= 2 && std::strcmp(argv[1], "control") == 0)
-        return control(argc - 2, argv + 2);
+#define QOR_ACTION(name, usage, arguments)                                                                             \
+    if (argc >= 2 && std::strcmp(argv[1], #name) == 0)                                                                 \
+        return name(argc - 2, argv + 2);
+#include "command_line.def"
     options chosen;
     const int code = read_options(argc, argv, chosen);
     return code != no_exit_code ? code : record(chosen);

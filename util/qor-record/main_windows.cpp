@@ -64,8 +64,10 @@ int wmain(int argc, wchar_t** argv) {
     std::vector<char*> pointers;
     for (std::string& word : words)
         pointers.push_back(word.data());
-    if (argc >= 2 && words[1] == "control")
-        return control(argc - 2, pointers.data() + 2);
+#define QOR_ACTION(name, usage, arguments)                                                                             \
+    if (argc >= 2 && words[1] == #name)                                                                                \
+        return name(argc - 2, pointers.data() + 2);
+#include "command_line.def"
     options chosen;
     const int code = read_options(argc, pointers.data(), chosen);
     return code != no_exit_code ? code : record(chosen);

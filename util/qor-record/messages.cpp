@@ -1,5 +1,6 @@
 #include "messages.h"
 
+#include "inserts.h"
 #include "terminal.h"
 
 #include "qor/qor.h"
@@ -42,20 +43,7 @@ std::string find(uint32 number) {
 } // namespace
 
 std::string text_of(uint32 number, std::initializer_list<std::string> inserts) {
-    const std::string text = find(number);
-    std::string result;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        const std::size_t insert = at + 2 < text.size() && text[at] == '{' && text[at + 2] == '}'
-                                       ? static_cast<std::size_t>(text[at + 1] - '1')
-                                       : inserts.size();
-        if (insert >= inserts.size()) {
-            result += text[at];
-            continue;
-        }
-        result += inserts.begin()[insert];
-        at += 2;
-    }
-    return result;
+    return with_inserts(find(number), inserts);
 }
 
 void say(uint32 number, std::initializer_list<std::string> inserts) {

@@ -31,22 +31,13 @@ bool take_compression(options& chosen, compression::format kind) {
 }
 
 constexpr option_row rows[] = {
-    {"-o", true, [](options& chosen, const std::string& value) { return chosen.prefix = value, true; },
-     message::output_syntax, message::output_description},
-    {"--depth", true, take_depth, message::depth_syntax, message::depth_description},
-    {"--no-children", false, [](options& chosen, const std::string&) { return chosen.follows_children = false, true; },
-     message::no_children_syntax, message::no_children_description},
-    {"--start-stopped", false, [](options& chosen, const std::string&) { return chosen.is_stopped = true; },
-     message::start_stopped_syntax, message::start_stopped_description},
-    {"--zstd", false,
-     [](options& chosen, const std::string&) { return take_compression(chosen, compression::format::zstd); },
-     message::zstd_syntax, message::zstd_description},
-    {"--gzip", false,
-     [](options& chosen, const std::string&) { return take_compression(chosen, compression::format::gzip); },
-     message::gzip_syntax, message::gzip_description},
-    {"--force", false, [](options& chosen, const std::string&) { return chosen.replaces_anything = true; },
-     message::force_syntax, message::force_description},
-    {"--help", false, nullptr, message::help_syntax, message::help_description},
+#define QOR_SETS(statement) [](options& chosen, const std::string&) { return statement, true; }
+#define QOR_TAKES(expression) [](options& chosen, [[maybe_unused]] const std::string& value) { return expression; }
+#define QOR_OPTION(name, has_value, handler, messages, value)                                                          \
+    {name, has_value, handler, message::messages##_syntax, message::messages##_description},
+#include "command_line.def"
+#undef QOR_SETS
+#undef QOR_TAKES
 };
 
 template <class Function>

@@ -5,8 +5,11 @@ namespace qor::record {
 
 std::span<const option_row> options_of_system() {
     static const option_row rows[] = {
-        {"--system-heap", false, [](options& chosen, const std::string&) { return chosen.wants_system_heap = true; },
-         message::system_heap_syntax, message::system_heap_description},
+#define QOR_SETS(statement) [](options& chosen, const std::string&) { return statement, true; }
+#define QOR_WINDOWS_OPTION(name, has_value, handler, messages, value)                                                  \
+    {name, has_value, handler, message::messages##_syntax, message::messages##_description},
+#include "command_line.def"
+#undef QOR_SETS
     };
     return rows;
 }

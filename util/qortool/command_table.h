@@ -6,9 +6,9 @@
 #include <cstring>
 
 // Exit codes of the dispatch itself; every other code comes from an action.
-inline constexpr int exit_unknown_option = 2;
-inline constexpr int exit_no_action = 10;
-inline constexpr int exit_unknown_action = 13;
+#define QOR_EXIT_CODE(code, name, meaning) inline constexpr int exit_##name = code;
+#include "exit_codes.def"
+#undef QOR_EXIT_CODE
 
 // Returns the first row with exactly this name; null if the table has no such row.
 template <class ROW, std::size_t COUNT>

@@ -28,30 +28,15 @@ struct qortool_app::action_row {
 };
 
 const qortool_app::option_row qortool_app::s_options[] = {
-    {"quiet", &qortool_app::opt_quiet, message::quiet_syntax, message::quiet_description},
+#define QOR_OPTION(name, handler, messages)                                                                            \
+    {name, &qortool_app::opt_##handler, message::messages##_syntax, message::messages##_description},
+#include "command_line.def"
 };
 
-// The order is that of the search and of the help text.
 const qortool_app::action_row qortool_app::s_actions[] = {
-    {"help", &qortool_app::func_help, message::help_syntax, message::help_description},
-    {"sysinfo", &qortool_app::func_sysinfo, message::sysinfo_syntax, message::sysinfo_description},
-    {"netlist", &qortool_app::func_netlist, message::netlist_syntax, message::netlist_description},
-    {"pwcrypt", &qortool_app::func_pwcrypt, message::pwcrypt_syntax, message::pwcrypt_description},
-    {"ttyinfo", &qortool_app::func_ttyinfo, message::ttyinfo_syntax, message::ttyinfo_description},
-    {"list-serial", &qortool_app::func_list_serial, message::list_serial_syntax, message::list_serial_description},
-    {"md5sum", &qortool_app::func_md5sum, message::md5sum_syntax, message::md5sum_description},
-    {"lookup", &qortool_app::func_lookup, message::lookup_syntax, message::lookup_description},
-    {"userinfo", &qortool_app::func_userinfo, message::userinfo_syntax, message::userinfo_description},
-    {"timer-check", &qortool_app::func_timer_check, message::timer_check_syntax, message::timer_check_description},
-    {"simd-test", &qortool_app::func_simd_test, message::simd_test_syntax, message::simd_test_description},
-    {"dow", &qortool_app::func_dow, message::dow_syntax, message::dow_description},
-    {"debug-control", &qortool_app::func_debug_control, message::debug_control_syntax,
-     message::debug_control_description},
-    {"mtrace", &qortool_app::func_mtrace, message::mtrace_syntax, message::mtrace_description},
-    {"memcheck", &qortool_app::func_memcheck, message::memcheck_syntax, message::memcheck_description},
-    {"tztest", &qortool_app::func_tztest, message::tztest_syntax, message::tztest_description},
-    {"path-list", &qortool_app::func_pathlist, message::path_list_syntax, message::path_list_description},
-    {"logon", &qortool_app::func_logon, message::logon_syntax, message::logon_description},
+#define QOR_ACTION(name, handler, messages, arguments)                                                                 \
+    {name, &qortool_app::func_##handler, message::messages##_syntax, message::messages##_description},
+#include "command_line.def"
 };
 
 qortool_app::qortool_app() : qorComponent2("qorcore.qortool.qortool_app") {

@@ -65,6 +65,7 @@
 #include "qor/system/User.h"
 #include "qor/system/Variant.h"
 #include "qor/system/Vector.h"
+#include "qor/system/Version.h"
 #include "qor/system/mt/NumericArray_impl.h"
 #include "qor/system/template/Array.h"
 #include "qor/system/template/Object.h"

@@ -33,6 +33,10 @@ constexpr message heap[] = {
 #include "qor-heap.def"
 };
 
+constexpr message check[] = {
+#include "qor-check.def"
+};
+
 constexpr message framework[] = {
 #define QOR_ERROR(number, name, error_class, text) {number, text},
 #include "qor/system/errors.def"
@@ -43,9 +47,13 @@ constexpr message framework[] = {
 #undef QOR_MESSAGE
 
 namespace messages = qor::messages;
-constexpr built_in catalogs[] = {{messages::framework::catalog, framework},   {messages::tool::catalog, tool},
-                                 {messages::debug_user::catalog, debug_user}, {messages::record::catalog, record},
-                                 {messages::heap_page::catalog, heap_page},   {messages::heap::catalog, heap}};
+constexpr built_in catalogs[] = {{messages::framework::catalog, framework},
+                                 {messages::tool::catalog, tool},
+                                 {messages::debug_user::catalog, debug_user},
+                                 {messages::record::catalog, record},
+                                 {messages::heap_page::catalog, heap_page},
+                                 {messages::heap::catalog, heap},
+                                 {messages::check::catalog, check}};
 
 // Look-ups are binary searches, and an empty text would count as a missing message.
 static_assert(std::ranges::all_of(catalogs, [](const built_in& each) {

@@ -4,6 +4,7 @@
 #include "error/error.h"
 #include "message_names.h"
 #include "platform/own_process.h"
+#include "platform/resources.h"
 #include "string/file_names.h"
 
 #include <iterator>
@@ -81,10 +82,8 @@ std::string qor::folder::find(qorFolderId id) {
     }
     case qorFolder_qor_library:
         return own_path(id, platform::library_folder());
-    case qorFolder_qor_catalogs: {
-        const std::string library = platform::library_folder();
-        return own_path(id, library.empty() ? library : library + "qor");
-    }
+    case qorFolder_qor_catalogs:
+        return own_path(id, platform::resource_folder());
     default:
         return system_path(id);
     }

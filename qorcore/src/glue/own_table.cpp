@@ -13,3 +13,4 @@ constinit const qor::glue::binding_table qor::glue::own_table = {
 };
 
 uint32 qor::glue::qorGetTableLength() noexcept { return slot_count; }
+const char* qor::glue::qorGetLibraryVersion() noexcept { return QOR_VERSION; }

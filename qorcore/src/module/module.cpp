@@ -71,10 +71,13 @@ private:
 refusal unread(int code) { return {qorError_module_damaged, error::system_reason(code), true}; }
 
 // Opens the file, which is done before the loader does it, because the loader would wait for a pipe.
-refusal open(const std::string& path, module_file& file, platform::file_status& status) {
-    int code = file.open(path);
-    if (platform::raw_file::is_missing(code))
-        return {qorError_module_missing};
+refusal open(const record& which, module_file& file, platform::file_status& status) {
+    int code = file.open(which.path);
+    if (platform::raw_file::is_missing(code)) {
+        const std::string package = package_of(which.name);
+        return {qorError_module_missing,
+                package.empty() ? package : message(framework::module_package, package.c_str())};
+    }
     if (code == platform::raw_file::not_regular)
         return {qorError_module_damaged, message(framework::not_a_plain_file)};
     if (code == 0)
@@ -116,7 +119,7 @@ bool is_same(const platform::file_status& left, const platform::file_status& rig
 void examine(record& which) {
     module_file file;
     platform::file_status status{};
-    refusal why = open(which.path, file, status);
+    refusal why = open(which, file, status);
     {
         const auto hold = take_lock();
         if (!which.loading.is_unmade() || (!why && which.is_examined && is_same(which.file, status)))
@@ -217,7 +220,7 @@ const glue::module_table* load_now(record& which, refusal& why, zetSmartPointer<
     platform::file_status status{};
     std::string section;
     description facts;
-    why = open(which.path, file, status);
+    why = open(which, file, status);
     if (!why)
         why = examine(file, which.name, section, facts);
     if (!why) {
@@ -244,10 +247,12 @@ const glue::module_table* load_now(record& which, refusal& why, zetSmartPointer<
     return nullptr;
 }
 
-// Whether the name of a file is that of a library, and not hidden.
-bool is_library(std::string_view file) noexcept {
+// Whether the name of a file can be that of a module: of a library that is not hidden, and is none of the framework's
+// other libraries, which lie beside its modules in an installation.
+bool is_candidate(std::string_view file) noexcept {
     const std::string_view extension = file_extension;
-    return file.size() > extension.size() && file.ends_with(extension) && file.front() != '.';
+    return file.size() > extension.size() && file.ends_with(extension) && file.front() != '.' &&
+           file.substr(0, file.size() - extension.size()) != "libqor" && !file.starts_with("libqor-");
 }
 
 // Adds the libraries of a folder, sorted by their names. One without such a folder is an empty one.
@@ -260,7 +265,7 @@ bool list_folder(const std::string& folder, std::vector<record*>& out) {
         return false;
     std::set<std::string> names;
     for (const qorFolderEntry& each : contents->Entries())
-        if (each.kind != qorFileKind::folder && is_library({each.text, each.length}))
+        if (each.kind != qorFileKind::folder && is_candidate({each.text, each.length}))
             names.emplace(each.text, each.length - std::strlen(file_extension));
     const auto hold = take_lock();
     for (const std::string& each : names)
@@ -278,7 +283,13 @@ record& record_of(const std::string& folder, const std::string& name) {
 }
 
 std::vector<std::string>& folders() {
-    static auto& list = *new std::vector<std::string>{platform::library_folder().append("qor/")};
+    static auto& list = *[] {
+        auto* const made = new std::vector<std::string>{platform::resource_folder()};
+        // A program's own folder may have the name of an installation's.
+        if (platform::is_installed(platform::library_folder()))
+            made->push_back(made->front() + "qor/");
+        return made;
+    }();
     return list;
 }
 

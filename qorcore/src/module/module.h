@@ -20,6 +20,10 @@ extern const char* const file_extension;
 // Each of these bytes stands between two names of a path.
 extern const char* const path_separators;
 
+// Returns the package that contains a module of the framework's own, under the name that it has in Debian; empty for
+// other modules, and where one package has them all.
+std::string package_of(const std::string& module);
+
 // Loads a library permanently. Returns null and sets `reason` on failure.
 void* load_library(const std::string& path, std::string& reason);
 

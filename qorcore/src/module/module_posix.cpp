@@ -10,6 +10,10 @@ namespace framework = qor::messages::framework;
 const char* const qor::module::file_extension = ".so";
 const char* const qor::module::path_separators = "/";
 
+std::string qor::module::package_of(const std::string& module) {
+    return module.starts_with("qor-") ? "lib" + module : std::string();
+}
+
 // RTLD_NOW reports unresolved symbols here, not later. RTLD_LOCAL keeps the symbols of the module to itself.
 void* qor::module::load_library(const std::string& path, std::string& reason) {
     if (!glue::is_whole(path.c_str())) {

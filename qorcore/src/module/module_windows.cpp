@@ -9,6 +9,8 @@
 const char* const qor::module::file_extension = ".dll";
 const char* const qor::module::path_separators = "/\\";
 
+std::string qor::module::package_of(const std::string&) { return {}; }
+
 void* qor::module::load_library(const std::string& path, std::string& reason) {
     std::wstring wide;
     if (!platform::to_wide(path.c_str(), wide)) {

@@ -85,46 +85,22 @@ struct option {
     const char* variable;
     const char* value_name;
     action carry_out;
-    int turn; // errors appear in the user's language, and the trace of the later options goes to the right file
+    int turn;
     qor::process::option_help help;
-    bool is_for_one_process = false; // applies to the variable; see claim()
+    bool is_for_one_process;
 };
 
-// In the order of the help text.
 constexpr option options[] = {
-    {"debug", "QOR_DEBUG", "NAMES", enable_codes, 3, {framework::debug_syntax, framework::debug_description}},
-    {"debug-file",
-     "QOR_DEBUG_FILE",
-     "FILE",
-     trace_to_file,
-     2,
-     {framework::debug_file_syntax, framework::debug_file_description}},
-    {"log", "QOR_LOG", "FILE|stderr|system", log_to, 7, {framework::log_syntax, framework::log_description}},
-    {"memcheck",
-     qor::memory::log_variable,
-     "FILE",
-     start_allocation_log,
-     6,
-     {framework::memcheck_syntax, framework::memcheck_description}},
-    {"debug-listen",
-     "QOR_DEBUG_LISTEN",
-     "[HOST:]PORT",
-     listen_for_debug_control,
-     5,
-     {framework::debug_listen_syntax, framework::debug_listen_description},
-     true},
-    {"debug-users",
-     "QOR_DEBUG_USERS",
-     "FILE",
-     take_users_file,
-     4,
-     {framework::debug_users_syntax, framework::debug_users_description}},
-    {"language",
-     "QOR_LANGUAGE",
-     "LIST",
-     set_language,
-     1,
-     {framework::language_syntax, framework::language_description}},
+#define QOR_FRAMEWORK_OPTION(name, variable, value_name, carry_out, turn, messages, is_for_one_process, value)         \
+    {name,                                                                                                             \
+     variable,                                                                                                         \
+     value_name,                                                                                                       \
+     carry_out,                                                                                                        \
+     turn,                                                                                                             \
+     {framework::messages##_syntax, framework::messages##_description},                                                \
+     is_for_one_process},
+#include "process/framework_options.def"
+#undef QOR_FRAMEWORK_OPTION
 };
 
 // Their places in the table, in the order in which they are carried out.

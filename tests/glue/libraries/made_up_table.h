@@ -1,4 +1,5 @@
 // Tables of libraries that are not libqor. A client must refuse each of them before it calls any row but the first.
+// The second is the version, for qor-check.
 #pragma once
 
 #include "qor/glue/binding.h"
@@ -15,6 +16,8 @@ struct made_up_table {
         for (made_up_row& row : rows)
             row = [] { std::abort(); };
         rows[0] = reinterpret_cast<made_up_row>(length);
+        rows[1] =
+            reinterpret_cast<made_up_row>(static_cast<const char* (*)() noexcept>([]() noexcept { return "3.2.1"; }));
     }
 };
 

@@ -7,6 +7,9 @@ namespace message = qor::messages::tool;
 
 namespace {
 
+#define QOR_ACTION_OPTION(action, name) constexpr char action##_option[] = name;
+#include "command_line.def"
+
 double mebibytes(uint64 bytes) { return static_cast<double>(bytes) * 9.5367431640625e-07; }
 
 } // namespace
@@ -14,7 +17,7 @@ double mebibytes(uint64 bytes) { return static_cast<double>(bytes) * 9.536743164
 int qortool_app::func_sysinfo(qorStringArray& args) {
     const qorDebugSeq trace(m_debug_code, "func_sysinfo");
     fputmsg(stdout, message::catalog, message::sysinfo_heading, true);
-    const action_arguments arguments(args, 0, "developer");
+    const action_arguments arguments(args, 0, sysinfo_option);
     if (!arguments.accept("sysinfo"))
         return 1;
 

@@ -66,12 +66,8 @@ struct debug_control::command_row {
 
 // The order is that of the search and of the help text.
 const debug_control::command_row debug_control::s_commands[] = {
-    {"help", message::console_help, &debug_control::cmd_help},
-    {"show-all", message::console_show_all, &debug_control::cmd_show_all},
-    {"show-enabled", message::console_show_enabled, &debug_control::cmd_show_enabled},
-    {"enable", message::console_enable, &debug_control::cmd_enable},
-    {"disable", message::console_disable, &debug_control::cmd_disable},
-    {"disable-all", message::console_disable_all, &debug_control::cmd_disable_all},
+#define QOR_CONSOLE_COMMAND(name, handler, text) {name, message::console_##text, &debug_control::cmd_##handler},
+#include "command_line.def"
 };
 
 debug_control::debug_control(bool quiet)

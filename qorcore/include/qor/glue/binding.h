@@ -9,7 +9,9 @@
 // around it throws std::bad_alloc in the caller's own code.
 #pragma once
 
+#include "qor/glue/library_folder.h"
 #include "qor/system/Types.h"
+#include "qor/system/Version.h"
 
 #include <atomic>
 #include <cstdarg>
@@ -155,27 +157,56 @@ struct binding_table {
 
 inline constexpr uint32 slot_count = sizeof(binding_table) / sizeof(unwritten);
 
-// Returns whether a library's table has every operation that this client was compiled for. The table of an older
-// library is shorter, or lacks some entries. The length is checked first, because nothing beyond it may be read.
-inline bool is_sufficient(const binding_table& table) noexcept {
-    constexpr uint16 written[] = {
-#define QOR_SLOT(number, result, op, parameters, arguments) number,
+// What a client says about itself, as data in its file, for whoever explains a binding (qor-check): what it needs of
+// the table, and where it looks for libqor. The binding uses the same data. Numbers are in the byte order of the
+// machine.
+struct client_description {
+    char magic[8] = {'q', 'o', 'r', ' ', 'a', 'p', 'p', '\n'};
+    uint32 layout = 1;
+    uint32 size = 0; // of all of it
+    uint32 table_length = slot_count;
+    char version[20] = QOR_VERSION; // of the headers
+    char folder[216] = QOR_LIBRARY_FOLDER;
+    uint8 needed[(slot_count + 7) / 8] = {}; // a bit for each row, 1 for one that has an operation
+};
+
+inline constexpr client_description client = [] {
+    client_description made;
+    made.size = sizeof made;
+#define QOR_SLOT(number, result, op, parameters, arguments)                                                            \
+    made.needed[(number) / 8] = static_cast<uint8>(made.needed[(number) / 8] | 1u << (number) % 8);
 #define QOR_RESERVED(number, op)
 #define QOR_FREE(first, count)
 #include "qor/glue/slots.def"
 #undef QOR_SLOT
 #undef QOR_RESERVED
 #undef QOR_FREE
-    };
-    if (table.qorGetTableLength == nullptr || table.qorGetTableLength() < slot_count)
-        return false;
-    for (const uint16 number : written) {
-        unwritten entry;
-        std::memcpy(&entry, reinterpret_cast<const char*>(&table) + number * sizeof entry, sizeof entry);
-        if (entry == nullptr)
-            return false;
+    return made;
+}();
+
+// Returns the first row that a client needs and a table lacks: the length of the table if that is too short, no_row if
+// it lacks none. The table of an older library is shorter, or lacks some entries. Its length is checked first, because
+// nothing beyond it may be read.
+inline constexpr uint32 no_row = 0xffffffff;
+inline uint32 missing_row(const void* table, uint32 length, const uint8* needed) noexcept {
+    uint32 had = 0;
+    unwritten entry;
+    std::memcpy(&entry, table, sizeof entry);
+    if (entry != nullptr)
+        had = reinterpret_cast<uint32 (*)() noexcept>(entry)();
+    if (had < length)
+        return had;
+    for (uint32 number = 0; number < length; ++number) {
+        std::memcpy(&entry, static_cast<const char*>(table) + number * sizeof entry, sizeof entry);
+        if ((needed[number / 8] >> number % 8 & 1) != 0 && entry == nullptr)
+            return number;
     }
-    return true;
+    return no_row;
+}
+
+// Returns whether a library's table has every operation that this client was compiled for.
+inline bool is_sufficient(const binding_table& table) noexcept {
+    return missing_row(&table, client.table_length, client.needed) == no_row;
 }
 
 // The one export of libqor has this type and the name glue_binding_point.

@@ -4,6 +4,7 @@
 
 #include "qor/glue/binding.h"
 #include "qor/glue/library_file_posix.h"
+#include "qor/glue/library_folder.h"
 
 #include <cerrno>
 #include <climits>
@@ -22,9 +23,9 @@ extern "C" void syslog(int priority, const char* format, ...);
 
 namespace qor::glue {
 
-// Gets the path of the executable; returns false if it is unknown. Without /proc, uses the path that the program was
-// started with, unless the process has more rights than its user: that user chose the path.
-using own_path = char[8192 + 32]; // with room for the name of a library
+// Gets the path of the executable, in which no link is left; returns false if it is unknown. Without /proc, uses the
+// path that the program was started with, unless the process has more rights than its user: that user chose the path.
+using own_path = char[8192 + 32 + sizeof QOR_LIBRARY_FOLDER]; // with room for the name of a library
 inline bool get_own_path(own_path& path) noexcept {
     static_assert(sizeof path >= PATH_MAX);
     const ssize_t length = readlink("/proc/self/exe", path, 8192);
@@ -53,23 +54,38 @@ inline void debugger_message(const char* text) noexcept {
     _exit(100);
 }
 
-// Loads libqor.so from the executable's own folder or, in an installation, from the lib folder beside its bin folder.
-// Returns null if it is in neither. A run path would find it as well, but the loader then searches that folder for
-// every library of the program: 22 failed look-ups at every start. RTLD_NOW makes a damaged library fail here, not
+// The two places where libqor.so is looked for first: the folder of the program, and that of an installation
+// (library_folder.h), seen from there.
+inline constexpr const char* library_places[] = {"libqor.so", QOR_LIBRARY_FOLDER "/libqor.so"};
+
+// Makes the path of a place from that of the executable, whose last slash is given. Each ".." takes a folder away, so
+// that names of files made from it are short; the path has no links. Returns false if there are not so many folders.
+inline bool make_library_path(char* path, char* slash, const char* place) noexcept {
+    for (; std::strncmp(place, "../", 3) == 0; place += 3) {
+        while (slash > path && *--slash != '/')
+            ;
+        if (*slash != '/')
+            return false;
+    }
+    std::strcpy(slash + 1, place);
+    return true;
+}
+
+// Loads libqor.so from the executable's own folder or, in an installation, from the private folder beside its bin
+// folder. Returns null if it is in neither. A run path would find it as well, but the loader then searches that folder
+// for every library of the program: 22 failed look-ups at every start. RTLD_NOW makes a damaged library fail here, not
 // later.
 inline void* load_beside_executable() noexcept {
-    constexpr const char* names[] = {"libqor.so", "../lib/libqor.so"};
     own_path path;
     if (!get_own_path(path))
         return nullptr;
-    char* const slash = std::strrchr(path, '/');
-    if (slash == nullptr)
-        return nullptr;
-    for (const char* const name : names) {
-        std::strcpy(slash + 1, name);
-        if (!is_whole(path))
+    char name[sizeof path];
+    for (const char* const place : library_places) {
+        std::strcpy(name, path);
+        char* const slash = std::strrchr(name, '/');
+        if (slash == nullptr || !make_library_path(name, slash, place) || !is_whole(name))
             continue;
-        if (void* const library = dlopen(path, RTLD_NOW | RTLD_LOCAL))
+        if (void* const library = dlopen(name, RTLD_NOW | RTLD_LOCAL))
             return library;
     }
     return nullptr;

@@ -11,8 +11,7 @@
 
 namespace qor::glue {
 
-// The framework's version. CMakeLists.txt checks that it is the project's.
-inline constexpr char framework_version[] = "3.35.21";
+inline constexpr char framework_version[] = QOR_VERSION;
 
 // The section of the description. A name of Windows has at most eight bytes there.
 #define QOR_MODULE_SECTION "qor_mod"

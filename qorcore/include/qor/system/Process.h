@@ -38,6 +38,10 @@ inline int qorCompareVersions(const char* left, const char* right) noexcept {
     return qor::glue::qorCompareVersions(left, right);
 }
 
+// The version of the library that this program runs with: dotted numbers, as in QOR_VERSION, which is that of the
+// headers it was compiled with.
+inline const char* qorGetLibraryVersion() noexcept { return qor::glue::qorGetLibraryVersion(); }
+
 // Sends process signals to `handler` instead of letting them end the process; null restores the earlier handling. The
 // framework holds a reference to the current handler. Signals that arrived earlier still go to the old handler. When
 // this call returns, all of them have been delivered, and no call of the old handler is running. So the caller must not
