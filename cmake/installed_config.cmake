@@ -10,7 +10,7 @@ configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/qorConfig.cmake.in ${P
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/qorConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 if(QOR_INSTALL)
     install(FILES ${PROJECT_BINARY_DIR}/qorConfig.cmake ${PROJECT_BINARY_DIR}/qorConfigVersion.cmake
-                  ${PROJECT_SOURCE_DIR}/cmake/qorProgram.cmake
+                  ${PROJECT_SOURCE_DIR}/cmake/qorProgram.cmake ${PROJECT_SOURCE_DIR}/cmake/qorCopy.cmake
             DESTINATION ${config_folder} COMPONENT dev)
 endif()
 
