@@ -70,9 +70,12 @@ class Outside(unittest.TestCase):
         elif options.packages:
             packages = [each for each in options.packages.glob("*.deb") if "-dbgsym_" not in each.name]
             assert packages, f"there are no packages in {options.packages}"
+            cls.installed = root / "usr"
             for each in packages:
-                subprocess.run(["dpkg-deb", "--extract", each, cls.installed], check=True)
-            cls.installed /= "usr"
+                subprocess.run(["dpkg-deb", "--extract", each, root], check=True)
+            # They are made for the host's own /usr, where this file names a folder without blanks.
+            for path in cls.installed.glob("lib/**/qor.pc"):
+                path.write_text(path.read_text().replace("prefix=/usr\n", f"prefix={cls.installed}\n"))
         else:
             subprocess.run([options.cmake, "--install", options.build, "--prefix", cls.installed], check=True,
                            stdout=subprocess.DEVNULL)
@@ -498,7 +501,7 @@ class Parent(Outside):
             self.skipTest("a project for Windows uses the same files of CMake")
 
     def check_parent(self):
-        build, text = self.configure_parent()
+        build, text = self.configure_parent(CMAKE_INSTALL_PREFIX="/usr", CMAKE_INSTALL_LIBDIR="lib/of-a-kind")
         # Nothing has leaked into the project, and nothing of the framework is built or installed unasked.
         self.assertIn(self.UNCHANGED, text)
         plan = self.planned(build, "all")
@@ -522,6 +525,11 @@ class Parent(Outside):
         self.for_linux()
         build = self.check_parent()
         self.check_copied(build)
+        # What is installed in /usr stays there. The run path leads through no folder that is for development.
+        made, = build.rglob("qor.pc")
+        for words, expected in (["--libs"], "-Wl,-rpath,/usr/lib/of-a-kind/qor"), (["--cflags"], ""):
+            code, text = run("pkg-config", *words, made)
+            self.assertEqual((code, text.strip()), (0, expected))
         if not os.environ.get("QOR_TEST_WHOLE"):
             return
         code, text = run(options.cmake, "--build", build)
