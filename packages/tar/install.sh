@@ -111,11 +111,8 @@ check() {
 # remove_listed FILE [KEPT]: removes the files that FILE lists, without those that KEPT lists, and then the folders that
 # are empty.
 remove_listed() {
-    while read -r kind path; do
-        [ "$kind" = file ] || continue
-        if [ $# -gt 1 ] && grep -qxF -- "file $path" "$2"; then continue; fi
-        rm -f -- "$prefix/$path"
-    done <"$1"
+    if [ $# -gt 1 ]; then grep -vxF -f "$2" -- "$1"; else cat -- "$1"; fi | sed -n 's/^file //p' |
+        while read -r path; do rm -f -- "$prefix/$path"; done
     sed -n 's/^folder //p' "$1" | LC_ALL=C sort -r | while read -r path; do
         folder=$prefix/$path
         rmdir -- "${folder%/.}" 2>/dev/null || true
@@ -156,7 +153,7 @@ install() {
 
     sed -n 's/^file //p' "$new" | while read -r path; do
         to=$prefix/$path
-        mkdir -p -- "${to%/*}"
+        [ -d "${to%/*}" ] || mkdir -p -- "${to%/*}"
         # A program that runs keeps the old file.
         cp -P -- "$here/$path" "$to.new" && { [ -h "$to.new" ] || chmod u=rwX,go=rX "$to.new"; } &&
             mv -f -- "$to.new" "$to" || exit 1
