@@ -58,8 +58,8 @@ class Reference(unittest.TestCase):
         with tempfile.TemporaryDirectory(prefix="qor.") as folder:
             page = f"{(self.html / 'index.html').resolve().as_uri()}?find={urllib.parse.quote(words)}"
             command = ["chromium", "--headless", "--no-sandbox", "--disable-gpu", f"--user-data-dir={folder}"]
-            shown = subprocess.run([*command, "--dump-dom", page], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
-                                   check=True, timeout=300).stdout
+            shown = subprocess.run([*command, "--dump-dom", page], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                                   text=True, check=True, timeout=300).stdout
         return re.search('<ul id="found".*?</ul>', shown, re.S).group()
 
     def test_search(self):
