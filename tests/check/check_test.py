@@ -213,6 +213,8 @@ class Check(unittest.TestCase):
                          (2, "", "Unknown option '--what'. 'qor-check --help' shows the usage.\n"))
         self.assertEqual(self.run_check("a", "b"),
                          (2, "", "One program at a time: 'qor-check --help' shows the usage.\n"))
+        odd = self.copy("client", self.root).rename(self.root / "--client")
+        self.assertIn(str(odd), self.run_check("--", odd)[1])
 
     def test_languages(self):
         """With a library, the texts are in the user's language; without one, in English."""
@@ -221,6 +223,12 @@ class Check(unittest.TestCase):
         for language, line in (("de", "Die Bibliothek hat alles, was das Programm braucht."),
                                ("fr", "La bibliothèque a tout ce qu'il faut au programme.")):
             self.assertIn(line, self.run_check(self.program, QOR_LANGUAGE=language, LC_ALL="C.UTF-8")[1])
+        german = {"QOR_LANGUAGE": "de", "LC_ALL": "C.UTF-8"}
+        self.assertTrue(self.run_check("--help", **german)[1].startswith("Aufruf: qor-check [PROGRAMM]\n"))
+        self.assertEqual(self.run_check("--what", **german),
+                         (2, "", "Unbekannte Option „--what“. „qor-check --help“ zeigt den Aufruf.\n"))
+        self.assertIn("kann nicht gelesen werden", self.run_check(self.root / "none", **german)[2])
+        self.assertIn("--qor-nonsense", self.run_check("--qor-nonsense", self.program)[2])
         self.library.unlink()
         self.assertIn(self.NOWHERE[0], self.run_check(self.program, QOR_LANGUAGE="de", LC_ALL="C.UTF-8")[1])
 
