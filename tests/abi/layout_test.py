@@ -16,6 +16,8 @@ import sys
 import tempfile
 from pathlib import Path
 
+import recorded
+
 SOURCE = """#include "qor/glue/module.h"
 #include "qor/qor.h"
 """
@@ -153,20 +155,7 @@ def main():
     if "clang" in subprocess.run([options.compiler, "--version"], capture_output=True, text=True).stdout:
         print("The record is that of g++; other compilers name types in other ways.")
         return 77
-    now = layout()
-    if options.update:
-        options.expected.write_text("".join(line + "\n" for line in now))
-        return 0
-    recorded = options.expected.read_text().splitlines()
-    gone, new = sorted(set(recorded) - set(now)), sorted(set(now) - set(recorded))
-    for line in gone:
-        print(f"changed or gone: {line}")
-    for line in new:
-        print(f"new: {line}")
-    if gone or new:
-        print(f"To record additions: {' '.join(map(str, sys.argv))} --update")
-    print(f"{len(now)} facts")
-    return 1 if gone or new or len(now) < 500 else 0
+    return recorded.compare(layout(), options.expected, options.update, 500)
 
 
 if __name__ == "__main__":
