@@ -1,112 +1,79 @@
-// Compares the memory routines with those of the C library, in one process and on the same memory.
+// Compares the memory routines with the best of all strategies, in one process and on the same memory.
 //
-//   simd_bench [--brief]
+//   simd_bench [--brief] [--only TEXT] [--all]
 //
-// Prints how many times faster ours are: the ratio of the medians of interleaved rounds, each called as a client calls
-// it. If a figure is below its limit, the exit code is 1. A brief run never fails because of a figure, since other
-// programs influence it too much.
+// Each row is one kind of work: an operation, a length, the state of the caches and the alignment. All strategies and
+// our routine run it in turn, in many short rounds; a figure is the ratio of two medians, and more than 1 means that we
+// are faster. A row misses its target if that happens in three runs out of three; then the exit code is 1. --only picks
+// the rows whose name contains TEXT; --all prints the figures of each strategy. A brief run never fails because of a
+// figure, since other programs influence it too much.
 #include "simd/simd.h"
+#include "memory/lengths.h"
+#include "memory/strategies.h"
 #include "qor/qor.h"
 
 #include <algorithm>
+#include <barrier>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <gnu/libc-version.h>
+#include <iterator>
+#include <random>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
-
-#if defined(__x86_64__)
-#include <emmintrin.h>
-#endif
 
 namespace {
 
-constexpr uint64 kib = 1024, mib = 1024 * kib;
-// Much larger than any cache of the measured classes, so that no cold round finds in a cache memory that an earlier
-// round touched.
-constexpr uint64 half_pool = 256 * mib;
+using strategies::strategy;
+using seconds = std::chrono::duration<double>;
+using watch = std::chrono::steady_clock;
 
-bool s_brief = false;
-bool s_missed = false;
+constexpr uint64 kib = 1024, mib = 1024 * kib;
+// Much larger than any cache, so that no cold round finds memory in a cache that an earlier round touched.
+constexpr uint64 pool = 512 * mib;
+
+constexpr uint64 lengths[] = {1,         8,   16,      32,      64,       100,      128,      256,
+                              512,       kib, 2 * kib, 4 * kib, 8 * kib,  16 * kib, 32 * kib, 64 * kib,
+                              256 * kib, mib, 2 * mib, 4 * mib, 16 * mib, 32 * mib, 64 * mib, 256 * mib};
+
+constexpr double of_best = 0.90, of_library = 0.95, of_library_mixed = 1.0, of_best_threads = 0.95;
+
+bool s_brief, s_all;
+std::string_view s_only;
+int s_rows, s_missed;
 char* s_to;
 char* s_from;
 
-using routine = void (*)(char* to, const char* from, uint64 length);
+// ---- what is compared
 
-// Hidden from the compiler, which would otherwise replace some of these calls by its own code.
-void* (*volatile library_copy)(void*, const void*, std::size_t) = std::memcpy;
-void* (*volatile library_fill)(void*, int, std::size_t) = std::memset;
+enum class operation { copy, zero };
+constexpr const char* operation_names[] = {"copy", "zero"};
 
-void their_copy(char* to, const char* from, uint64 length) { library_copy(to, from, length); }
 void our_copy(char* to, const char* from, uint64 length) { simd_memcpy_safe(to, from, length); }
-void their_fill(char* to, const char*, uint64 length) { library_fill(to, 7, length); }
-void our_fill(char* to, const char*, uint64 length) { simd_memset_u8(to, 7, length); }
-void their_zero(char* to, const char*, uint64 length) { library_fill(to, 0, length); }
-void our_zero(char* to, const char*, uint64 length) { simd_zero(to, length); }
-
-// Reads the memory that a routine has written, as its caller would.
-uint64 sum(const char* from, uint64 length) {
-    uint64 total[4] = {};
-    for (uint64 i = 0; i + 32 <= length; i += 32)
-        for (int k = 0; k < 4; ++k) {
-            uint64 word;
-            __builtin_memcpy(&word, from + i + k * 8, sizeof word);
-            total[k] += word;
-        }
-    return total[0] + total[1] + total[2] + total[3];
-}
-volatile uint64 s_sum;
-
-template <routine WRITE>
-void and_read(char* to, const char* from, uint64 length) {
-    WRITE(to, from, length);
-    s_sum = sum(to, length);
-}
-
-#if defined(__x86_64__)
-// The fastest way to write memory on this processor: only stores that bypass the caches.
-template <char VALUE>
-void write_ceiling(char* to, const char*, uint64 length) {
-    const __m128i value = _mm_set1_epi8(VALUE);
-    for (uint64 i = 0; i < length; i += sizeof value)
-        _mm_stream_si128(reinterpret_cast<__m128i*>(to + i), value);
-    _mm_sfence();
-}
-
-// The fastest of sixteen ways to copy memory that were tried on a Zen 5: its own instruction.
-void copy_ceiling(char* to, const char* from, uint64 length) {
-    asm volatile("rep movsb" : "+D"(to), "+S"(from), "+c"(length) : : "memory");
-}
-#endif
+void our_zero(char* to, char, uint64 length) { simd_zero(to, length); }
+constexpr strategy ours{"ours", our_copy, our_zero, 0};
 
 struct work {
+    operation what;
     uint64 length;
-    uint64 to_offset = 0, from_offset = 0;
-    bool cold = false;
-};
+    bool cold, read;
+    uint64 to_offset, from_offset;
 
-// Returns nanoseconds per call. A cold round continues through the pool; `place` keeps its position.
-double round_of(routine run, const work& what, uint64& place) {
-    using clock = std::chrono::steady_clock;
-    const uint64 stride = (what.length + 4 * kib) / (4 * kib) * (4 * kib) + 4 * kib;
-    const uint64 volume = s_brief ? mib / 4 : 8 * mib;
-    const uint64 calls = std::clamp<uint64>(volume / what.length, 1, s_brief ? 1000 : 20000);
-    const auto begin = clock::now();
-    for (uint64 i = 0; i < calls; ++i) {
-        if (what.cold)
-            place = place + 2 * stride <= half_pool ? place + stride : 0;
-        run(s_to + place + what.to_offset, s_from + place + what.from_offset, what.length);
+    void run(const strategy& by, uint64 place) const {
+        char* const to = s_to + place + to_offset;
+        if (what == operation::copy)
+            by.copy(to, s_from + place + from_offset, length);
+        else
+            by.fill(to, 0, length);
     }
-    return std::chrono::duration<double, std::nano>(clock::now() - begin).count() / static_cast<double>(calls);
-}
-
-double median(std::vector<double>& values) {
-    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
-    return values[values.size() / 2];
-}
+    std::string name() const;
+};
 
 std::string size_name(uint64 size) {
     return size >= mib   ? std::to_string(size / mib) + " MiB"
@@ -114,108 +81,247 @@ std::string size_name(uint64 size) {
                          : std::to_string(size) + " B";
 }
 
-// The two run in turn, and take turns in running first.
-double compare(const char* name, routine theirs, routine ours, const work& what, double limit) {
-    std::vector<double> their_times, our_times;
-    uint64 place = 0;
-    const int rounds = s_brief ? 3 : what.length >= mib ? 31 : 61;
+std::string work::name() const {
+    std::string text = operation_names[static_cast<int>(what)];
+    text.append(" ").append(size_name(length)).append(cold ? " cold" : " hot");
+    if (read)
+        text.append(" then read");
+    if (to_offset != 0 || from_offset != 0)
+        text.append(" to ").append(std::to_string(to_offset)).append(" from ").append(std::to_string(from_offset));
+    return text;
+}
+
+// Reads memory as a caller would that goes on to work with it.
+uint64 sum(const char* from, uint64 length) {
+    uint64 total[4] = {};
+    for (uint64 at = 0; at + 32 <= length; at += 32)
+        for (uint64 k = 0; k < 4; ++k) {
+            uint64 word;
+            std::memcpy(&word, from + at + k * 8, sizeof word);
+            total[k] += word;
+        }
+    return total[0] + total[1] + total[2] + total[3];
+}
+volatile uint64 s_sum;
+
+// ---- how it is compared
+
+double median(std::vector<double> values) {
+    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2), values.end());
+    return values[values.size() / 2];
+}
+
+// The seconds of one call, in a round. A cold round goes on through the pool; `place` keeps its position. A hot one
+// begins with both blocks in the caches, as far as they fit: whatever ran before must not decide.
+double round_of(const strategy& by, const work& what, uint64& place) {
+    const uint64 stride = (what.length + 2 * 4 * kib) / (4 * kib) * (4 * kib);
+    const uint64 calls = std::clamp<uint64>((s_brief ? mib / 4 : 8 * mib) / what.length, 1, s_brief ? 500 : 20000);
+    if (!what.cold) {
+        place = 0;
+        s_sum = sum(s_from, what.length + 64) + sum(s_to, what.length + 64);
+        what.run(by, place);
+    }
+    const auto begin = watch::now();
+    for (uint64 i = 0; i < calls; ++i) {
+        if (what.cold)
+            place = place + 2 * stride <= pool ? place + stride : 0;
+        what.run(by, place);
+        if (what.read)
+            s_sum = sum(s_to + place + what.to_offset, what.length);
+    }
+    return seconds(watch::now() - begin).count() / static_cast<double>(calls);
+}
+
+struct figures {
+    double ours, library, best; // seconds of one call
+    const char* best_name;
+    std::vector<double> each; // beside the list of peers
+};
+
+// All run in turn, and take turns in running first.
+template <class ROUND>
+figures race(const std::vector<strategy>& peers, const strategy& own, int rounds, const ROUND& round) {
+    std::vector<std::vector<double>> times(peers.size() + 1);
     for (int i = 0; i < rounds; ++i)
-        for (const bool us : {i % 2 == 0, i % 2 != 0})
-            (us ? our_times : their_times).push_back(round_of(us ? ours : theirs, what, place));
-    const double our_median = median(our_times);
-    const double ratio = median(their_times) / our_median;
-    const bool missed = limit > 0 && ratio < limit;
-    std::printf("%-34s %8s %s %8.1f GB/s %6.2f", name, size_name(what.length).c_str(), what.cold ? "cold" : "hot ",
-                static_cast<double>(what.length) / our_median, ratio);
-    if (limit > 0)
-        std::printf("  (at least %.2f)%s", limit, missed ? " MISSED" : "");
-    std::putchar('\n');
+        for (std::size_t k = 0; k < times.size(); ++k) {
+            const std::size_t turn = (k + static_cast<std::size_t>(i)) % times.size();
+            times[turn].push_back(round(turn == peers.size() ? own : peers[turn]));
+        }
+    figures found{};
+    for (const auto& one : times)
+        found.each.push_back(median(one));
+    found.ours = found.each.back();
+    found.each.pop_back();
+    found.library = found.each.front();
+    const auto best = std::ranges::min_element(found.each);
+    found.best = *best;
+    found.best_name = peers[static_cast<std::size_t>(best - found.each.begin())].name;
+    return found;
+}
+
+template <class ROUND>
+void row(const std::string& name, uint64 bytes, const std::vector<strategy>& peers, const strategy& own,
+         double best_limit, double library_limit, const ROUND& round) {
+    if (name.find(s_only) == std::string::npos)
+        return;
+    ++s_rows;
+    const int rounds = s_brief ? 3 : 15;
+    figures found{};
+    bool missed = true;
+    int runs = 0;
+    while (missed && runs < (s_brief ? 1 : 3)) {
+        found = race(peers, own, rounds, round);
+        missed = found.best / found.ours < best_limit || found.library / found.ours < library_limit;
+        ++runs;
+    }
+    s_missed += missed;
+    const auto speed = [&](double time) { return static_cast<double>(bytes) / time * 1e-9; };
+    std::printf("%-42s %7.1f GB/s  of best %5.2f  of C library %5.2f  best: %s%s\n", name.c_str(), speed(found.ours),
+                found.best / found.ours, found.library / found.ours, found.best_name, missed ? "  MISSED" : "");
+    if (s_all)
+        for (std::size_t k = 0; k < peers.size(); ++k)
+            std::printf("    %-38s %7.1f GB/s\n", peers[k].name, speed(found.each[k]));
     std::fflush(stdout);
-    s_missed |= missed;
-    return ratio;
 }
 
-std::vector<uint64> sizes(uint64 from, uint64 to) {
-    std::vector<uint64> all;
-    for (uint64 size = from; size <= to; size *= 2)
-        if (!s_brief || size == from || size == to)
-            all.push_back(size);
-    return all;
+std::vector<strategy> peers_for(operation what, uint64 length) {
+    std::vector<strategy> fit;
+    for (const strategy& one : strategies::available())
+        if (one.from <= length && (what == operation::copy ? one.copy != nullptr : one.fill != nullptr))
+            fit.push_back(one);
+    return fit;
 }
 
-void compare_copies() {
-    for (const uint64 size : sizes(16, 512))
-        compare("copy", their_copy, our_copy, {size}, 0.95);
-    for (const bool cold : {false, true})
-        for (const uint64 size : sizes(kib, 8 * mib))
-            compare("copy", their_copy, our_copy, {size, 0, 0, cold}, cold ? 0.9 : 0.95);
-    compare("copy", their_copy, our_copy, {16 * mib}, 1.2);
-    compare("copy", their_copy, our_copy, {64 * mib}, 1.6);
-    for (const uint64 size : {256 * uint64{1}, 4 * kib, 256 * kib, 4 * mib})
-        compare("copy, source at 1", their_copy, our_copy, {size, 0, 1}, 0.95);
-    compare("copy, source at 1", their_copy, our_copy, {64 * mib, 0, 1}, 1.6);
-#if defined(__x86_64__)
-    compare("copy, beside rep movsb", copy_ceiling, our_copy, {64 * mib}, 0.95);
-#endif
-    for (const uint64 ahead : {1, 16, 64})
-        for (const uint64 size : {64 * kib, 256 * kib}) {
-            const std::string name = "copy, destination " + std::to_string(ahead) + " ahead";
-            compare(name.c_str(), their_copy, our_copy, {size, ahead}, 0.95);
+// A strategy that does less work than the others would set a false mark.
+void check(const strategy& by) {
+    constexpr uint64 most = 80 * kib;
+    std::vector<char> from(most), to(most), expected(most);
+    std::mt19937 random(1);
+    std::ranges::generate(from, [&] { return static_cast<char>(random()); });
+    for (const uint64 length : {1, 31, 64, 200, 4095, 20000, 70000})
+        for (const uint64 offset : {0, 1, 63}) {
+            if (length < by.from)
+                continue;
+            const auto differs = [&](auto&& work, auto&& reference) {
+                std::ranges::fill(to, 'a'), std::ranges::fill(expected, 'a');
+                work(to.data() + offset), reference(expected.data() + offset);
+                return to != expected;
+            };
+            if ((by.copy != nullptr && differs([&](char* at) { by.copy(at, from.data() + 5, length); },
+                                               [&](char* at) { std::copy_n(from.data() + 5, length, at); })) ||
+                (by.fill != nullptr &&
+                 differs([&](char* at) { by.fill(at, 7, length); }, [&](char* at) { std::fill_n(at, length, 7); }))) {
+                std::fprintf(stderr, "%s: wrong result for %llu bytes at %llu\n", by.name, length, offset);
+                std::exit(2);
+            }
         }
 }
 
-void compare_fills() {
-    for (const uint64 size : sizes(16, 256))
-        compare("fill", their_fill, our_fill, {size}, 0);
-    for (const uint64 size : sizes(512, 16 * mib))
-        compare("fill", their_fill, our_fill, {size}, 0.9);
-    compare("fill", their_fill, our_fill, {64 * mib}, 0.95);
-#if defined(__x86_64__)
-    compare("fill, beside stores past the caches", write_ceiling<7>, our_fill, {64 * mib}, 0.95);
-#endif
-    for (const uint64 size : {32 * mib, 64 * mib})
-        compare("zero", their_zero, our_zero, {size}, 1.05);
-#if defined(__x86_64__)
-    compare("zero, beside stores past the caches", write_ceiling<0>, our_zero, {64 * mib}, 0.95);
-#endif
+// ---- the rows
+
+void compare(const work& what) {
+    uint64 place = 0;
+    row(what.name(), what.length, peers_for(what.what, what.length), ours, of_best, of_library,
+        [&](const strategy& by) { return round_of(by, what, place); });
 }
 
-void compare_with_reading() {
-    for (const uint64 size : sizes(16 * kib, 8 * mib))
-        compare("fill, then read", and_read<their_fill>, and_read<our_fill>, {size}, 0.93);
-    for (const uint64 size : sizes(16 * kib, 8 * mib))
-        compare("copy, then read", and_read<their_copy>, and_read<our_copy>, {size}, 0.93);
+void compare_lengths(operation what) {
+    struct offsets {
+        uint64 to, from;
+    };
+    for (const bool cold : {false, true})
+        for (const bool read : {false, true})
+            for (const offsets at : {offsets{0, 0}, offsets{3, 1}})
+                for (const uint64 length : lengths)
+                    if (!s_brief || length == 64 || length == 64 * kib || length == 64 * mib)
+                        compare({what, length, cold, read, at.to, what == operation::copy ? at.from : 0});
+}
+
+// Copies of up to 256 bytes in random order, their lengths distributed as in real programs: the processor cannot know
+// which branch comes next.
+void compare_mixed(const recorded_lengths& program) {
+    constexpr uint64 count = 1 << 16;
+    std::vector<uint16_t> order;
+    std::mt19937 random(1);
+    std::discrete_distribution<uint16_t> draw(std::begin(program.counts), std::end(program.counts));
+    std::generate_n(std::back_inserter(order), count, [&] { return draw(random); });
+    std::vector<strategy> peers{strategies::available().front()};
+    uint64 bytes = 0;
+    for (const uint16_t length : order)
+        bytes += length;
+    const auto round = [&](const strategy& by) {
+        const auto begin = watch::now();
+        uint64 at = 0;
+        for (const uint16_t length : order) {
+            by.copy(s_to + at, s_from + 8 * kib - at, length);
+            at = (at + length) % (4 * kib);
+        }
+        return seconds(watch::now() - begin).count();
+    };
+    row(std::string("copy up to 256 bytes as ").append(program.name), bytes, peers, ours, 0, of_library_mixed, round);
+}
+
+// Both threads begin together, each with a half of the pool; the time is that of the later one.
+void compare_threads(operation what) {
+    constexpr uint64 length = 64 * mib;
+    const auto round = [&](const strategy& by) {
+        std::barrier start(3);
+        const auto run = [&](uint64 place) {
+            start.arrive_and_wait();
+            work{what, length, true, false, 0, 0}.run(by, place);
+        };
+        std::thread one(run, 0), other(run, pool / 2);
+        start.arrive_and_wait();
+        const auto begin = watch::now();
+        one.join(), other.join();
+        return seconds(watch::now() - begin).count();
+    };
+    row(std::string(operation_names[static_cast<int>(what)]).append(" 64 MiB in two threads"), 2 * length,
+        peers_for(what, length), ours, of_best_threads, 0, round);
 }
 
 std::string processor() {
     std::ifstream file("/proc/cpuinfo");
-    for (std::string line; std::getline(file, line);)
-        if (line.starts_with("model name"))
-            return line.substr(line.find(':') + 2);
+    for (std::string text; std::getline(file, text);)
+        if (text.starts_with("model name"))
+            return text.substr(text.find(':') + 2);
     return "unknown processor";
 }
 
 char* allocate() {
-    void* const block = qor_do_malloc(2 * mib, half_pool + 2 * mib, true, "bench/simd", __LINE__);
-    std::memset(block, 1, half_pool + 2 * mib);
+    void* const block = qor_do_malloc(2 * mib, pool + 2 * mib, true, "bench/simd", __LINE__);
+    std::memset(block, 1, pool + 2 * mib);
     return static_cast<char*>(block);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    s_brief = argc == 2 && std::strcmp(argv[1], "--brief") == 0;
-    if (argc > 1 && !s_brief) {
-        std::fputs("usage: simd_bench [--brief]\n", stderr);
-        return 2;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view word = argv[i];
+        if (word == "--brief") {
+            s_brief = true;
+        } else if (word == "--all") {
+            s_all = true;
+        } else if (word == "--only" && i + 1 < argc) {
+            s_only = argv[++i];
+        } else {
+            std::fputs("usage: simd_bench [--brief] [--only TEXT] [--all]\n", stderr);
+            return 2;
+        }
     }
     const qor::simd::cache_sizes caches = qor::simd::read_cache_sizes();
     std::printf("%s; caches %llu KiB, %llu KiB, %llu KiB; C library %s\n", processor().c_str(), caches.first_data / kib,
                 caches.second / kib, caches.third / kib, gnu_get_libc_version());
+    std::ranges::for_each(strategies::available(), check);
     s_to = allocate();
     s_from = allocate();
-    compare_copies();
-    compare_fills();
-    compare_with_reading();
-    return s_brief || !s_missed ? 0 : 1;
+    compare_lengths(operation::copy);
+    compare_lengths(operation::zero);
+    for (const recorded_lengths& program : recorded)
+        compare_mixed(program);
+    compare_threads(operation::copy);
+    compare_threads(operation::zero);
+    std::printf("%d rows, %d missed\n", s_rows, s_missed);
+    return s_brief || s_missed == 0 ? 0 : 1;
 }
