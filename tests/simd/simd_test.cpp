@@ -18,6 +18,7 @@
 #include <span>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -45,8 +46,11 @@ limits low_limits(const limits& machine) {
         low.string_copy_from = low.string_fill_from = 1500;
         low.string_gap = 64;
     }
-    if (low.stream_copy_from != qor::simd::never)
+    if (low.stream_copy != nullptr) {
+        low.cold_copy_from = low.cold_fill_from = 2000;
+        low.is_cold = [](void*, uint64 length) noexcept { return length % 2 == 0; };
         low.stream_copy_from = low.stream_fill_from = 2500;
+    }
     return low;
 }
 
@@ -62,13 +66,18 @@ std::vector<way> all_ways() {
         if (set->stream_copy == nullptr)
             continue;
         add("low", low_limits(machine));
-        limits streams;
-        streams.stream_copy_from = streams.stream_fill_from = qor::simd::stream_minimum;
-        add("streams", streams);
+        for (const auto& [name, kernel] : {std::pair("streams", set->stream_copy), {"pages", set->stream_pages}}) {
+            limits streams;
+            streams.stream_copy = kernel;
+            streams.stream_fill = set->stream_fill;
+            streams.stream_copy_from = streams.stream_fill_from = qor::simd::stream_minimum;
+            add(name, streams);
+        }
         if (machine.string_copy != nullptr) {
             limits strings = machine;
             strings.string_copy_from = strings.string_fill_from = 0;
             strings.stream_copy_from = strings.stream_fill_from = qor::simd::never;
+            strings.cold_copy_from = strings.cold_fill_from = qor::simd::never;
             add("strings", strings);
         }
     }
@@ -177,7 +186,7 @@ TEST_P(simd, copies_every_alignment_and_length) {
 }
 
 TEST_P(simd, copies_around_every_limit) {
-    const std::vector<uint64> lengths = lengths_around({1500, 2500}, 70);
+    const std::vector<uint64> lengths = lengths_around({1500, 2000, 2500}, 70);
     constexpr uint64 room = 2500 + 70 + 64;
     bytes memory(room + 64 + 2 * guards, guard);
     uint8* const to = aligned_in(memory, 64);
@@ -246,7 +255,7 @@ TEST_P(simd, fills_every_alignment_and_length) {
 }
 
 TEST_P(simd, fills_around_every_limit) {
-    const std::vector<uint64> lengths = lengths_around({1500, 2500}, 70);
+    const std::vector<uint64> lengths = lengths_around({1500, 2000, 2500}, 70);
     constexpr uint64 room = 2500 + 70 + 64;
     bytes memory(room + 64 + 2 * guards, guard);
     uint8* const to = aligned_in(memory, 64);
@@ -264,7 +273,8 @@ TEST_P(simd, serves_the_limits_of_this_machine) {
     const limits& from = GetParam().by.large;
     std::vector<uint64> lengths;
     for (const uint64 limit :
-         {from.string_copy_from, from.string_fill_from, from.stream_copy_from, from.stream_fill_from})
+         {from.string_copy_from, from.string_fill_from, from.stream_copy_from, from.stream_fill_from,
+          from.cold_copy_from, from.cold_fill_from})
         if (limit != qor::simd::never && limit > 0) {
             lengths.push_back(limit);
             if (std::getenv("QOR_TEST_WHOLE") != nullptr)

@@ -87,19 +87,37 @@ struct kernels {
         VECTOR::store_aligned(to + 2 * width, c), VECTOR::store_aligned(to + 3 * width, d);
     }
 
+    // Stores a piece past the caches, at a multiple of `line`.
+    static constexpr uint64 line = qor::simd::alignment;
+    static constexpr uint64 piece = 2 * line > block ? 2 * line : block;
+    static void stream_piece(char* to, const char* from) noexcept {
+        for (uint64 at = 0; at < piece; at += 2 * width) {
+            const type a = VECTOR::load(from + at), b = VECTOR::load(from + at + width);
+            VECTOR::stream(to + at, a), VECTOR::stream(to + at + width, b);
+        }
+    }
+
+    // Copies what lies before the first line of the destination, and returns its size.
+    static uint64 copy_head(char* to, const char* from) noexcept {
+        for (uint64 at = 0; at < line; at += width)
+            copy_one(to + at, from + at);
+        return to_next(to, line);
+    }
+
     // Prefetches four kilobytes ahead: the processor's own prefetcher stops at the end of a page.
     static void stream_copy(void* destination, const void* source, uint64 length) noexcept {
-        constexpr uint64 line = qor::simd::alignment;
         char* to = static_cast<char*>(destination);
         const char* from = static_cast<const char*>(source);
         char* const last_to = to + length - block;
         const char* const last_from = from + length - block;
-        for (uint64 at = 0; at < line; at += width)
-            copy_one(to + at, from + at);
-        const uint64 head = to_next(to, line);
-        for (to += head, from += head; to < last_to; to += block, from += block) {
+        const uint64 head = copy_head(to, from);
+        stream_to_end(to + head, from + head, last_to, last_from);
+    }
+
+    static void stream_to_end(char* to, const char* from, char* last_to, const char* last_from) noexcept {
+        for (; to < last_to; to += block, from += block) {
             for (uint64 at = 0; at < block; at += line)
-                __builtin_prefetch(from + 4096 + at);
+                __builtin_prefetch(from + page + at);
             const type a = VECTOR::load(from), b = VECTOR::load(from + width);
             const type c = VECTOR::load(from + 2 * width), d = VECTOR::load(from + 3 * width);
             VECTOR::stream(to, a), VECTOR::stream(to + width, b);
@@ -107,6 +125,22 @@ struct kernels {
         }
         copy_block(last_to, last_from);
         VECTOR::fence();
+    }
+
+    // A piece of each of four pages in turn: the prefetcher follows each of them, and the memory has more to do at
+    // once.
+    static constexpr uint64 page = 4096, pages = 4;
+    static void stream_pages(void* destination, const void* source, uint64 length) noexcept {
+        char* to = static_cast<char*>(destination);
+        const char* from = static_cast<const char*>(source);
+        char* const last_to = to + length - block;
+        const char* const last_from = from + length - block;
+        const uint64 head = copy_head(to, from);
+        for (to += head, from += head; to + pages * page <= last_to; to += pages * page, from += pages * page)
+            for (uint64 at = 0; at < page; at += piece)
+                for (uint64 one = at; one < pages * page; one += page)
+                    stream_piece(to + one, from + one);
+        stream_to_end(to, from, last_to, last_from);
     }
 
     static void fill(void* destination, uint64 pattern, uint64 length) noexcept {
@@ -136,7 +170,6 @@ struct kernels {
     }
 
     static void stream_fill(void* destination, uint64 pattern, uint64 length) noexcept {
-        constexpr uint64 line = qor::simd::alignment;
         char* to = static_cast<char*>(destination);
         char* const last = to + length - block;
         const type begin = VECTOR::repeat(pattern);
@@ -153,7 +186,7 @@ struct kernels {
     }
 
     static constexpr qor::simd::instruction_set set(const char* name) noexcept {
-        return {name, copy, fill, stream_copy, stream_fill};
+        return {name, copy, fill, stream_copy, stream_pages, stream_fill};
     }
 };
 

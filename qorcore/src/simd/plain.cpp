@@ -21,5 +21,5 @@ struct words {
 
 } // namespace
 
-constinit const qor::simd::instruction_set qor::simd::plain = {"plain", kernels<words>::copy, kernels<words>::fill,
-                                                               nullptr, nullptr};
+constinit const qor::simd::instruction_set qor::simd::plain = {
+    "plain", kernels<words>::copy, kernels<words>::fill, nullptr, nullptr, nullptr};

@@ -59,9 +59,13 @@ qor::simd::limits qor::simd::find_limits(const instruction_set& set, const cache
         found.string_fill = string_fill;
         found.string_fill_from = second;
     }
-    // Streamed data is in no cache when it is next read. So streaming pays only for data that would not stay in a cache
-    // anyway.
+    // Streamed data is in no cache when it is next read. So streaming pays only where the data would not stay in a
+    // cache anyway, or where fetching the old contents of the destination costs more than that.
+    found.stream_copy = this_processor().wants_pages ? set.stream_pages : set.stream_copy;
+    found.stream_fill = set.stream_fill;
     found.stream_copy_from = third / 2;
     found.stream_fill_from = third;
+    found.is_cold = is_cold;
+    found.cold_copy_from = found.cold_fill_from = 32 << 10;
     return found;
 }

@@ -27,20 +27,20 @@ uint32 saved_state() noexcept {
 // AMD's processors before Zen 5 have the gap; Intel's have never had it.
 constexpr uint32 zen5 = 0x1a;
 
-bool has_gap(uint32 signature) noexcept {
-    uint32 a, b, c, d;
-    __cpuid(0, a, b, c, d);
+bool has_gap(uint32 vendor, uint32 signature) noexcept {
     const uint32 family = (signature >> 8 & 0xf) + (signature >> 20 & 0xff);
-    return b == signature_AMD_ebx && family < zen5;
+    return vendor == signature_AMD_ebx && family < zen5;
 }
 
 } // namespace
 
 qor::simd::processor qor::simd::read_processor() noexcept {
     uint32 a, b, c, d;
+    __cpuid(0, a, b, c, d);
+    const uint32 vendor = b;
     if (!__get_cpuid(1, &a, &b, &c, &d))
         return {};
-    const uint64 gap = has_gap(a) ? 64 : 0;
+    const uint64 gap = has_gap(vendor, a) ? 64 : 0;
     const uint32 saved = (c & os_uses_xsave) != 0 ? saved_state() : 0;
     if (!__get_cpuid_count(7, 0, &a, &b, &c, &d))
         return {};
@@ -50,5 +50,6 @@ qor::simd::processor qor::simd::read_processor() noexcept {
     return {.has_avx2 = keeps_avx && (b & avx2_bit) != 0,
             .has_avx512 = keeps_avx512 && (b & avx512_f_bit) != 0 && (c & avx512_vbmi2_bit) != 0,
             .has_fast_strings = (b & fast_strings_bit) != 0,
-            .string_gap = gap};
+            .string_gap = gap,
+            .wants_pages = vendor == signature_INTEL_ebx};
 }

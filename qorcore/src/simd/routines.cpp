@@ -12,6 +12,7 @@
 
 namespace {
 
+using qor::simd::limits;
 using qor::simd::plan;
 using qor::simd::small_limit;
 
@@ -105,7 +106,7 @@ void resolve_and_fill(void* destination, uint64 pattern, uint64 length) noexcept
     qor::glue::simd_memset_u64(destination, pattern, length);
 }
 
-constexpr qor::simd::instruction_set unresolved{"", resolve_and_copy, resolve_and_fill, nullptr, nullptr};
+constexpr qor::simd::instruction_set unresolved{"", resolve_and_copy, resolve_and_fill, nullptr, nullptr, nullptr};
 constinit const plan no_plan(unresolved, {});
 constinit std::atomic<const plan*> current{&no_plan};
 
@@ -115,19 +116,23 @@ bool is_in_gap(const plan& by, const void* destination, const void* source) noex
 }
 
 [[gnu::noinline]] void copy_large(const plan& by, void* destination, const void* source, uint64 length) noexcept {
-    if (length >= by.large.stream_copy_from)
-        by.set->stream_copy(destination, source, length);
-    else if (is_in_gap(by, destination, source))
+    const limits& large = by.large;
+    if (length >= large.stream_copy_from || (length >= large.cold_copy_from && large.is_cold(destination, length)))
+        large.stream_copy(destination, source, length);
+    else if (length < large.string_copy_from || is_in_gap(by, destination, source))
         by.copy(destination, source, length);
     else
-        by.large.string_copy(destination, source, length);
+        large.string_copy(destination, source, length);
 }
 
 [[gnu::noinline]] void fill_large(const plan& by, void* destination, uint64 pattern, uint64 length) noexcept {
-    if (length >= by.large.stream_fill_from)
-        by.set->stream_fill(destination, pattern, length);
+    const limits& large = by.large;
+    if (length >= large.stream_fill_from || (length >= large.cold_fill_from && large.is_cold(destination, length)))
+        large.stream_fill(destination, pattern, length);
+    else if (length < large.string_fill_from)
+        by.fill(destination, pattern, length);
     else
-        by.large.string_fill(destination, pattern, length);
+        large.string_fill(destination, pattern, length);
 }
 
 inline void copy(void* destination, const void* source, uint64 length) noexcept {

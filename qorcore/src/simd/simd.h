@@ -9,6 +9,8 @@
 
 #include "qor/system/Types.h"
 
+#include <algorithm>
+
 namespace qor::simd {
 
 // The alignment for all sets: a cache line, which is also the size of the widest vector.
@@ -29,6 +31,7 @@ struct instruction_set {
     // These bypass the caches. A thread that sees a later store of the caller also sees all that they wrote. Null if
     // the set has no such kernel.
     copy_kernel stream_copy;
+    copy_kernel stream_pages; // as stream_copy, with several pages of memory open at once
     fill_kernel stream_fill;
 };
 
@@ -41,17 +44,20 @@ struct limits {
     // If the destination lies between 1 and `string_gap` bytes after the source, modulo 4096, string_copy falls back to
     // single bytes and is ten times slower than anything else.
     uint64 string_gap = 0;
+    // Past the caches. From the lengths of the second line on, only if is_cold says so of the destination.
+    copy_kernel stream_copy = nullptr;
+    fill_kernel stream_fill = nullptr;
     uint64 stream_copy_from = never, stream_fill_from = never;
+    uint64 cold_copy_from = never, cold_fill_from = never;
+    bool (*is_cold)(void* block, uint64 length) noexcept = nullptr;
 };
 
 struct plan {
     constexpr plan(const instruction_set& chosen, const limits& from) noexcept
         : copy(chosen.copy), fill(chosen.fill),
-          large_copy_from(from.string_copy_from < from.stream_copy_from ? from.string_copy_from
-                                                                        : from.stream_copy_from),
-          large_fill_from(from.string_fill_from < from.stream_fill_from ? from.string_fill_from
-                                                                        : from.stream_fill_from),
-          set(&chosen), large(from) {}
+          large_copy_from(std::min({from.string_copy_from, from.stream_copy_from, from.cold_copy_from})),
+          large_fill_from(std::min({from.string_fill_from, from.stream_fill_from, from.cold_fill_from})), set(&chosen),
+          large(from) {}
 
     // The fields that an entry point reads first; they lie side by side.
     copy_kernel copy;
