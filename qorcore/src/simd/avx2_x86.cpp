@@ -11,7 +11,10 @@ struct avx2_vector {
     static type load(const void* at) noexcept { return _mm256_loadu_si256(static_cast<const type*>(at)); }
     static void store(void* at, type value) noexcept { _mm256_storeu_si256(static_cast<type*>(at), value); }
     static void store_aligned(void* at, type value) noexcept { _mm256_store_si256(static_cast<type*>(at), value); }
-    static void stream(void* at, type value) noexcept { _mm256_stream_si256(static_cast<type*>(at), value); }
+    static void stream(void* at, type first, type second) noexcept {
+        _mm256_stream_si256(static_cast<type*>(at), first);
+        _mm256_stream_si256(static_cast<type*>(at) + 1, second);
+    }
     static type repeat(uint64 pattern) noexcept { return _mm256_set1_epi64x(static_cast<long long>(pattern)); }
     static void fence() noexcept { _mm_sfence(); }
 };

@@ -11,7 +11,10 @@ struct avx512_vector {
     static type load(const void* at) noexcept { return _mm512_loadu_si512(at); }
     static void store(void* at, type value) noexcept { _mm512_storeu_si512(at, value); }
     static void store_aligned(void* at, type value) noexcept { _mm512_store_si512(at, value); }
-    static void stream(void* at, type value) noexcept { _mm512_stream_si512(static_cast<type*>(at), value); }
+    static void stream(void* at, type first, type second) noexcept {
+        _mm512_stream_si512(static_cast<type*>(at), first);
+        _mm512_stream_si512(static_cast<type*>(at) + 1, second);
+    }
     static type repeat(uint64 pattern) noexcept { return _mm512_set1_epi64(static_cast<long long>(pattern)); }
     static void fence() noexcept { _mm_sfence(); }
 };

@@ -2,8 +2,9 @@
 // unit that is compiled for that set and includes this file. Everything here has internal linkage: of a shared inline
 // function, the linker would keep one unit's version, perhaps one that this processor cannot run.
 //
-// VECTOR::type has these operations: load and store at any address, store_aligned and stream at a multiple of the
-// vector's size, repeat (makes the vector of a pattern) and fence (orders streamed stores before later ones).
+// VECTOR::type has these operations: load and store at any address, store_aligned at a multiple of the vector's size,
+// stream (stores two vectors past the caches, at a multiple of their size), repeat (makes the vector of a pattern) and
+// fence (orders streamed stores before later ones).
 #pragma once
 
 #include "simd/pattern.h"
@@ -93,7 +94,7 @@ struct kernels {
     static void stream_piece(char* to, const char* from) noexcept {
         for (uint64 at = 0; at < piece; at += 2 * width) {
             const type a = VECTOR::load(from + at), b = VECTOR::load(from + at + width);
-            VECTOR::stream(to + at, a), VECTOR::stream(to + at + width, b);
+            VECTOR::stream(to + at, a, b);
         }
     }
 
@@ -120,8 +121,7 @@ struct kernels {
                 __builtin_prefetch(from + page + at);
             const type a = VECTOR::load(from), b = VECTOR::load(from + width);
             const type c = VECTOR::load(from + 2 * width), d = VECTOR::load(from + 3 * width);
-            VECTOR::stream(to, a), VECTOR::stream(to + width, b);
-            VECTOR::stream(to + 2 * width, c), VECTOR::stream(to + 3 * width, d);
+            VECTOR::stream(to, a, b), VECTOR::stream(to + 2 * width, c, d);
         }
         copy_block(last_to, last_from);
         VECTOR::fence();
@@ -178,8 +178,7 @@ struct kernels {
         const uint64 head = to_next(to, line);
         const type middle = VECTOR::repeat(go_on(pattern, head));
         for (to += head; to < last; to += block) {
-            VECTOR::stream(to, middle), VECTOR::stream(to + width, middle);
-            VECTOR::stream(to + 2 * width, middle), VECTOR::stream(to + 3 * width, middle);
+            VECTOR::stream(to, middle, middle), VECTOR::stream(to + 2 * width, middle, middle);
         }
         fill_block(last, VECTOR::repeat(go_on(pattern, length)));
         VECTOR::fence();

@@ -160,7 +160,7 @@ const qor::simd::instruction_set& qor::simd::choose_set(const char* name) noexce
     if (name == nullptr)
         return *here.sets[0];
     // The names of all sets, the best first: if a set is not available here, the next one takes its place.
-    constexpr const char* names[] = {"avx512", "avx2", "sse2", "plain"};
+    constexpr const char* names[] = {"avx512", "avx2", "sse2", "neon", "plain"};
     const auto wanted = std::ranges::find_if(names, [&](const char* one) { return std::strcmp(one, name) == 0; });
     for (auto one = wanted; one != std::end(names); ++one)
         for (uint32 i = 0; i < here.count; ++i)

@@ -37,7 +37,7 @@ struct instruction_set {
 
 // The lengths from which another routine replaces the set's ordinary kernel, and these routines.
 struct limits {
-    // The processor's own string instructions. Null if they are not used for any length.
+    // The processor's own instructions for blocks. Null if they are not used for any length.
     copy_kernel string_copy = nullptr;
     fill_kernel string_fill = nullptr;
     uint64 string_copy_from = never, string_fill_from = never;
