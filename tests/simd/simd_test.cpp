@@ -60,7 +60,7 @@ std::vector<way> all_ways() {
     for (const instruction_set* set : std::span(here.sets, here.count)) {
         const limits machine = qor::simd::find_limits(*set, qor::simd::read_cache_sizes());
         const auto add = [&](const char* name, const limits& from) {
-            ways.push_back({std::string(set->name) + "_" + name, plan(*set, from)});
+            ways.push_back({std::string(set->name) + "_" + name, plan{set, from}});
         };
         add("machine", machine);
         if (set->stream_copy == nullptr)

@@ -7,6 +7,7 @@
 namespace {
 
 struct avx2_vector {
+    using half = avx2_vector;
     using type = __m256i;
     static type load(const void* at) noexcept { return _mm256_loadu_si256(static_cast<const type*>(at)); }
     static void store(void* at, type value) noexcept { _mm256_storeu_si256(static_cast<type*>(at), value); }

@@ -6,7 +6,14 @@
 
 namespace {
 
+struct half_vector {
+    using type = __m256i;
+    static type load(const void* at) noexcept { return _mm256_loadu_si256(static_cast<const type*>(at)); }
+    static void store(void* at, type value) noexcept { _mm256_storeu_si256(static_cast<type*>(at), value); }
+};
+
 struct avx512_vector {
+    using half = half_vector;
     using type = __m512i;
     static type load(const void* at) noexcept { return _mm512_loadu_si512(at); }
     static void store(void* at, type value) noexcept { _mm512_storeu_si512(at, value); }

@@ -9,6 +9,7 @@
 namespace {
 
 struct neon_vector {
+    using half = neon_vector;
     using type = uint64x2_t;
     static type load(const void* at) noexcept { return vld1q_u64(static_cast<const uint64_t*>(at)); }
     static void store(void* at, type value) noexcept { vst1q_u64(static_cast<uint64_t*>(at), value); }
@@ -37,10 +38,10 @@ void qor::simd::fill_by_blocks(void* destination, uint64 pattern, uint64 length)
     const uint64 size = cleared_at_once();
     const uint64 end = size + small_limit + 1; // what a kernel fills at each end, more than a block
     if (pattern != 0 || size == 0 || length < 2 * end)
-        return neon.fill(destination, pattern, length);
+        return neon.fill_loop(destination, pattern, length);
     char* const to = static_cast<char*>(destination);
-    neon.fill(to, 0, end);
-    neon.fill(to + length - end, 0, end);
+    neon.fill_loop(to, 0, end);
+    neon.fill_loop(to + length - end, 0, end);
     const auto begin = reinterpret_cast<std::uintptr_t>(to);
     for (uint64 at = -begin % size; at + size <= length; at += size)
         asm volatile("dc zva, %0" : : "r"(to + at) : "memory");

@@ -6,6 +6,7 @@
 namespace {
 
 struct words {
+    using half = words;
     struct type {
         uint64 low, high;
     };
@@ -22,4 +23,4 @@ struct words {
 } // namespace
 
 constinit const qor::simd::instruction_set qor::simd::plain = {
-    "plain", kernels<words>::copy, kernels<words>::fill, nullptr, nullptr, nullptr};
+    "plain", kernels<words>::rows(), kernels<words>::copy_loop, kernels<words>::fill_loop, nullptr, nullptr, nullptr};

@@ -11,6 +11,7 @@ constexpr uint32 os_uses_xsave = bit(27);
 constexpr uint32 avx2_bit = bit(5);
 constexpr uint32 fast_strings_bit = bit(9);
 constexpr uint32 avx512_f_bit = bit(16);
+constexpr uint32 avx512_vl_bit = bit(31);
 constexpr uint32 avx512_vbmi2_bit = bit(6);
 
 // The register state that the operating system saves at a thread switch: SSE and AVX; for AVX-512 also the masks and
@@ -48,7 +49,8 @@ qor::simd::processor qor::simd::read_processor() noexcept {
     const bool keeps_avx512 = (saved & avx512_state) == avx512_state;
     // The first processors with AVX-512 lower their clock for it. They can be recognised by their lack of VBMI2.
     return {.has_avx2 = keeps_avx && (b & avx2_bit) != 0,
-            .has_avx512 = keeps_avx512 && (b & avx512_f_bit) != 0 && (c & avx512_vbmi2_bit) != 0,
+            .has_avx512 =
+                keeps_avx512 && (b & avx512_f_bit) != 0 && (b & avx512_vl_bit) != 0 && (c & avx512_vbmi2_bit) != 0,
             .has_fast_strings = (b & fast_strings_bit) != 0,
             .string_gap = gap,
             .wants_pages = vendor == signature_INTEL_ebx};

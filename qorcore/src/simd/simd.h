@@ -1,15 +1,14 @@
 // Inside the SIMD routines: the kernels of an instruction set, and the plan that assigns them to lengths.
 //
-// The entry points (routines.cpp) handle up to `small_limit` bytes themselves, in plain C++, because a second call
-// would cost more than the work. For longer operations they use the plan: the kernel of the chosen set up to the length
-// where cache effects dominate, and from there the routine that is fastest on this machine.
+// The entry points (routines.cpp) jump to the kernels of the chosen set, which take any length. From the length on
+// where the caches decide, those turn to copy_large and fill_large, which do what is fastest on this machine.
 //
 // Patterns: a fill repeats the eight bytes of `pattern`, in memory order, from the first byte of the destination.
 #pragma once
 
 #include "qor/system/Types.h"
 
-#include <algorithm>
+#include <atomic>
 
 namespace qor::simd {
 
@@ -22,12 +21,23 @@ inline constexpr uint64 never = ~uint64{0};
 using copy_kernel = void (*)(void* destination, const void* source, uint64 length) noexcept;
 using fill_kernel = void (*)(void* destination, uint64 pattern, uint64 length) noexcept;
 
-// Kernels accept any address and need more than small_limit bytes; streaming kernels need at least stream_minimum
-// bytes.
+// The rows of the table of libqor, in their order there.
+struct entry_points {
+    void (*zero)(void* dst, uint64 length) noexcept;
+    void (*memset_u8)(void* dst, uint8 value, uint64 length) noexcept;
+    void (*memset_u16)(void* dst, uint16 value, uint64 length) noexcept;
+    void (*memset_u32)(void* dst, uint32 value, uint64 length) noexcept;
+    void (*memset_u64)(void* dst, uint64 value, uint64 length) noexcept;
+    copy_kernel memcpy_aligned, memcpy_safe;
+};
+
+// All accept any address. Streaming kernels need at least stream_minimum bytes.
 struct instruction_set {
     const char* name;
-    copy_kernel copy;
-    fill_kernel fill;
+    entry_points rows;
+    // Any length. The rows are the same up to large_copy_from and large_fill_from.
+    copy_kernel copy_loop;
+    fill_kernel fill_loop;
     // These bypass the caches. A thread that sees a later store of the caller also sees all that they wrote. Null if
     // the set has no such kernel.
     copy_kernel stream_copy;
@@ -53,19 +63,15 @@ struct limits {
 };
 
 struct plan {
-    constexpr plan(const instruction_set& chosen, const limits& from) noexcept
-        : copy(chosen.copy), fill(chosen.fill),
-          large_copy_from(std::min({from.string_copy_from, from.stream_copy_from, from.cold_copy_from})),
-          large_fill_from(std::min({from.string_fill_from, from.stream_fill_from, from.cold_fill_from})), set(&chosen),
-          large(from) {}
-
-    // The fields that an entry point reads first; they lie side by side.
-    copy_kernel copy;
-    fill_kernel fill;
-    uint64 large_copy_from, large_fill_from;
     const instruction_set* set;
     limits large;
 };
+
+// What the kernels ask in long operations. The lengths are those of the plan in use; before there is one, least_large.
+inline constexpr uint64 least_large = 4 << 10;
+extern constinit std::atomic<uint64> large_copy_from, large_fill_from;
+void copy_large(void* destination, const void* source, uint64 length) noexcept;
+void fill_large(void* destination, uint64 pattern, uint64 length) noexcept;
 
 extern const instruction_set plain;
 
@@ -87,8 +93,8 @@ limits find_limits(const instruction_set& set, const cache_sizes& caches) noexce
 // is unknown.
 const instruction_set& choose_set(const char* name) noexcept;
 
-// Makes the entry points use this plan, which must outlive them. If nobody calls this, the first use of an entry point
-// installs the plan for choose_set(QOR_SIMD) and read_cache_sizes().
+// Makes the entry points use this plan, which must outlive them. If nobody calls this, the first call installs
+// choose_set(QOR_SIMD), and the first large one its limits for read_cache_sizes().
 void install(const plan& chosen) noexcept;
 const plan& plan_in_use() noexcept;
 

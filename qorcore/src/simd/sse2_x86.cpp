@@ -6,6 +6,7 @@
 namespace {
 
 struct sse2_vector {
+    using half = sse2_vector;
     using type = __m128i;
     static type load(const void* at) noexcept { return _mm_loadu_si128(static_cast<const type*>(at)); }
     static void store(void* at, type value) noexcept { _mm_storeu_si128(static_cast<type*>(at), value); }
