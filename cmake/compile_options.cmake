@@ -27,6 +27,9 @@ add_library(qor_client INTERFACE)
 add_library(qor::client ALIAS qor_client)
 target_include_directories(qor_client INTERFACE ${PROJECT_SOURCE_DIR}/qorcore/include)
 target_compile_features(qor_client INTERFACE cxx_std_20)
+if(MINGW)
+    target_link_options(qor_client INTERFACE -static) # as above, for programs of other projects
+endif()
 if(NOT qor_relative_folder STREQUAL ../lib/qor) # the usual one, as in qor/glue/library_folder.h
     target_compile_definitions(qor_client INTERFACE QOR_LIBRARY_FOLDER="${qor_relative_folder}")
 endif()

@@ -10,15 +10,24 @@ configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/qorConfig.cmake.in ${P
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/qorConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 if(QOR_INSTALL)
     install(FILES ${PROJECT_BINARY_DIR}/qorConfig.cmake ${PROJECT_BINARY_DIR}/qorConfigVersion.cmake
-                  ${PROJECT_SOURCE_DIR}/cmake/qorProgram.cmake
+                  ${PROJECT_SOURCE_DIR}/cmake/qorProgram.cmake ${PROJECT_SOURCE_DIR}/cmake/qorCopy.cmake
             DESTINATION ${config_folder} COMPONENT dev)
 endif()
 
 if(NOT WIN32)
-    # Folders are relative to the file, so the tree can be moved, unless they were given as absolute ones.
     set(pc_folder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-    file(RELATIVE_PATH prefix_from_pc ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
-    string(REGEX REPLACE "/$" "" prefix_from_pc "${prefix_from_pc}")
+    if(CMAKE_INSTALL_PREFIX STREQUAL /usr OR IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
+        # These are not moved. The run path must not lead through the folder of qor.pc, because a host that only runs
+        # programs need not have it.
+        set(prefix_of_pc ${CMAKE_INSTALL_PREFIX})
+        set(privatedir_of_pc ${CMAKE_INSTALL_FULL_LIBDIR}/qor)
+        string(REGEX REPLACE "^/usr/" "\${prefix}/" privatedir_of_pc ${privatedir_of_pc})
+    else()
+        # Folders are relative to the file, so the tree can be moved.
+        file(RELATIVE_PATH prefix_of_pc ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+        string(REGEX REPLACE "/$" "" prefix_of_pc "\${pcfiledir}/${prefix_of_pc}")
+        set(privatedir_of_pc "\${pcfiledir}/../qor")
+    endif()
     set(includedir_of_pc ${CMAKE_INSTALL_INCLUDEDIR})
     if(NOT IS_ABSOLUTE ${includedir_of_pc})
         set(includedir_of_pc "\${prefix}/${includedir_of_pc}")

@@ -78,12 +78,16 @@ if(WIN32)
     add_custom_target(shipped)
 endif()
 # The same sources give the same files in any folder: there is no other name in them than this one. On Linux, debuggers
-# and tests read the sources' names in builds with debug information.
+# and tests read the sources' names in builds with debug information, unless these are for packages.
+option(QOR_PLAIN_NAMES "Debug information names the folder of the sources /qor, wherever it is" OFF)
 set(config Release)
 set(build package)
 if(WIN32)
     set(config RelWithDebInfo)
     set(build windows)
+endif()
+if(QOR_PLAIN_NAMES)
+    set(config ${CMAKE_BUILD_TYPE})
 endif()
 set(names "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=/qor/")
 cmake_path(IS_PREFIX PROJECT_SOURCE_DIR "${PROJECT_BINARY_DIR}" is_inside)

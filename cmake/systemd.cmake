@@ -9,6 +9,7 @@ if(NOT WIN32 AND NOT QOR_SYSTEMD STREQUAL "OFF")
                                                           INTERFACE_INCLUDE_DIRECTORIES ${SYSTEMD_INCLUDE_DIR})
     elseif(QOR_SYSTEMD STREQUAL "ON")
         message(FATAL_ERROR
-                "There is no libsystemd here (package libsystemd-dev), and QOR_SYSTEMD asks for the module qor-systemd.")
+                "There is no libsystemd here (package libsystemd-dev), and QOR_SYSTEMD asks for the module "
+                "qor-systemd.")
     endif()
 endif()

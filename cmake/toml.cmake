@@ -9,6 +9,7 @@ if(NOT QOR_TOML STREQUAL "OFF")
         add_library(TOML::TOML INTERFACE IMPORTED)
         target_include_directories(TOML::TOML SYSTEM INTERFACE ${toml_include})
     elseif(QOR_TOML STREQUAL "ON")
-        message(FATAL_ERROR "There is no toml++ here (package libtomlplusplus-dev), and QOR_TOML asks for the module qor-config.")
+        message(FATAL_ERROR
+                "There is no toml++ here (package libtomlplusplus-dev), and QOR_TOML asks for the module qor-config.")
     endif()
 endif()

@@ -1,7 +1,5 @@
 #include "page.h"
 
-#include "completions.h"
-
 #include <algorithm>
 #include <functional>
 #include <set>
@@ -13,14 +11,10 @@ namespace qor::manual {
 
 namespace {
 
-// Text in roff. A hyphen becomes a minus, which can be searched for and copied. Names of options and
-// variables are not to be parted at the end of a line.
+// Text in roff. A hyphen becomes a minus, which can be searched for and copied, and which does not end a line.
 std::string plain(std::string_view text) {
     std::string made;
-    std::size_t begin = 0; // of the word
     for (const char c : text) {
-        if ((c == '_' || (c == '-' && made.size() == begin)) && made.compare(begin, 2, "\\%") != 0)
-            made.insert(begin, "\\%");
         if (c == '\\')
             made += "\\e";
         else if (c == '-')
@@ -29,8 +23,6 @@ std::string plain(std::string_view text) {
             made += "\\(aq";
         else
             made += c;
-        if (c == ' ')
-            begin = made.size();
     }
     // At the beginning of a line, a dot would begin a macro.
     return made.starts_with('.') ? "\\&" + made : made;
@@ -234,9 +226,10 @@ std::string fill_in(const std::string& page, const std::string& version, const p
                 throw std::runtime_error("line " + std::to_string(number) + ": " + line + ": " + fault.what());
             }
         } else {
-            made.append(replaced(line, " \\-\\-", " \\%\\-\\-")).append("\n");
+            made.append(line).append("\n");
+            // A word that is parted can be neither searched for nor copied. Each heading takes the register again.
             if (line.starts_with(".TH "))
-                made += ".ad l\n";
+                made += ".ad l\n.nh\n.nr HY 0\n";
         }
     }
     writer.check();

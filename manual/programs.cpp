@@ -112,8 +112,10 @@ program read_qortool(const kind_reader& kinds) {
         ->options.push_back(make_option(kinds, "--" option_name, false, "", "--" option_name, ""));
 #define QOR_CONSOLE_COMMAND(name, handler, message) made.console_commands.push_back(tool_text::console_##message);
 #include "qortool/command_line.def"
-    made.exit_codes = {{0, "The action succeeded. A replay that finds leaks has succeeded."},
-                       {1, "The action failed, or it was 'help'."}};
+    made.exit_codes = {
+        {0, "The action succeeded. A replay that finds leaks has succeeded."},
+        {1, "The action failed, its arguments or options are wrong, an option of the framework is wrong, or the action "
+            "was 'help'."}};
     add_dispatch_codes(made);
     add_loading_code(made);
     made.framework_options = framework_options(kinds);
@@ -134,7 +136,8 @@ program read_debug_user(const kind_reader& kinds) {
                             kinds.read(arguments),                                                                     \
                             {}});
 #include "qor-debug-user/command_line.def"
-    made.exit_codes = {{0, "The action succeeded."}, {1, "The action failed."}};
+    made.exit_codes = {{0, "The action succeeded."},
+                       {1, "The action failed, its arguments are wrong, or an option of the framework is wrong."}};
     add_dispatch_codes(made);
     add_loading_code(made);
     made.framework_options = framework_options(kinds);
@@ -178,12 +181,13 @@ program read_record(const kind_reader& kinds) {
     return made;
 }
 
-// It has one option and no table.
+// It has one option of its own and no table.
 program read_check(const kind_reader& kinds) {
     program made;
     made.name = "qor-check";
     made.arguments = kinds.read("file");
     made.options = {make_option(kinds, "--help", false, "", "--help", "Shows the usage.")};
+    made.framework_options = framework_options(kinds);
     made.exit_codes = {{0, "The program binds."},
                        {1, "It does not bind, and would end with exit code 100."},
                        {2, "It cannot be examined, or the command line is wrong."}};

@@ -26,7 +26,10 @@ def files_in(folder):
                   if path.is_symlink() or path.is_file())
 
 
-def time_of_entries(first, last):
+LAST_TIME = 2**32 - 1  # that the form of gzip knows
+
+
+def time_of_entries(first=0, last=LAST_TIME):
     """Returns SOURCE_DATE_EPOCH, not before `first`."""
     text = os.environ.get("SOURCE_DATE_EPOCH", str(first))
     if not text.isascii() or not text.isdecimal() or int(text) > last:

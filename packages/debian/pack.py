@@ -22,7 +22,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path.append(str(HERE.parent))
-from packing import TREE, Fault, print_made, run  # noqa: E402  # in packages
+from packing import TREE, Fault, print_made, run, time_of_entries  # noqa: E402  # in packages
 
 # What the copy has besides the files of the tree.
 KEPT = {"debian"}
@@ -88,6 +88,7 @@ def copy_rules(to):
 
 def make(options):
     upstream, package_version = version()
+    time_of_entries()  # Debian's tools do not check it
     source = options.work / f"qor-{upstream}"
     copy_tree(source)
     copy_rules(source / "debian")

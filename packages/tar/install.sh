@@ -5,6 +5,7 @@
 #                                                 root into .local in his home
 #     install.sh --uninstall [--prefix FOLDER]    removes what was installed, and nothing else
 #     install.sh --check                          says what the host lacks, and changes nothing
+#     install.sh --help                           says this
 #
 # It is not necessary: the programs run in this folder, too.
 set -eu
@@ -18,19 +19,24 @@ die() {
     say "$@" >&2
     exit 1
 }
-usage() { die 'usage: install.sh [--prefix FOLDER] [--uninstall | --check]'; }
+usage='usage: install.sh [--prefix FOLDER] [--uninstall | --check]'
 
 while [ $# -gt 0 ]; do
     case $1 in
     --uninstall) action=uninstall ;;
     --check) action=check ;;
-    --prefix=*) prefix=${1#*=} ;;
+    --help)
+        say "$usage"
+        exit
+        ;;
+    --prefix=?*) prefix=${1#*=} ;;
     --prefix)
-        [ $# -gt 1 ] || usage
+        # An empty name is a mistake of the caller, and not the usual folder.
+        [ -n "${2-}" ] || die "$usage"
         prefix=$2
         shift
         ;;
-    *) usage ;;
+    *) die "$usage" ;;
     esac
     shift
 done
@@ -45,6 +51,7 @@ case $prefix in
 /*) ;;
 *) prefix=$PWD/$prefix ;;
 esac
+[ "$prefix" = / ] || prefix=${prefix%/}
 # What was installed: "file PATH" and "folder PATH", below the prefix.
 list=share/qor/installed
 
@@ -104,11 +111,8 @@ check() {
 # remove_listed FILE [KEPT]: removes the files that FILE lists, without those that KEPT lists, and then the folders that
 # are empty.
 remove_listed() {
-    while read -r kind path; do
-        [ "$kind" = file ] || continue
-        if [ $# -gt 1 ] && grep -qxF -- "file $path" "$2"; then continue; fi
-        rm -f -- "$prefix/$path"
-    done <"$1"
+    if [ $# -gt 1 ]; then grep -vxF -f "$2" -- "$1"; else cat -- "$1"; fi | sed -n 's/^file //p' |
+        while read -r path; do rm -f -- "$prefix/$path"; done
     sed -n 's/^folder //p' "$1" | LC_ALL=C sort -r | while read -r path; do
         folder=$prefix/$path
         rmdir -- "${folder%/.}" 2>/dev/null || true
@@ -141,14 +145,18 @@ install() {
             if [ ! -d "$prefix/$path" ] || grep -qxF -- "folder $path" "$old"; then say "folder $path"; fi
         done >"$new"
     (cd -- "$here" && find . ! -type d ! -path ./install.sh) | LC_ALL=C sort | sed 's,^\./,file ,' >>"$new"
+    # What root installs belongs to root, and everybody can use it: the files here are those of whoever unpacked them.
+    umask 022
     mkdir -p -- "$prefix/share/qor" || die "The folder $prefix cannot be written."
     # The list is there before the files, so that an installation that is cut off can be removed.
     cat "$old" "$new" | LC_ALL=C sort -u >"$prefix/$list" || die "The folder $prefix cannot be written."
 
     sed -n 's/^file //p' "$new" | while read -r path; do
-        mkdir -p -- "$prefix/$(dirname -- "$path")"
+        to=$prefix/$path
+        [ -d "${to%/*}" ] || mkdir -p -- "${to%/*}"
         # A program that runs keeps the old file.
-        cp -P -p -- "$here/$path" "$prefix/$path.new" && mv -f -- "$prefix/$path.new" "$prefix/$path" || exit 1
+        cp -P -- "$here/$path" "$to.new" && { [ -h "$to.new" ] || chmod u=rwX,go=rX "$to.new"; } &&
+            mv -f -- "$to.new" "$to" || exit 1
     done || die "qor is not completely installed in $prefix."
     remove_listed "$old" "$new"
     cat "$new" >"$prefix/$list"

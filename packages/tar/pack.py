@@ -17,10 +17,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path.append(str(HERE.parent))
-from packing import Fault, print_made, run, time_of_entries  # noqa: E402  # in packages
-
-LAST_TIME = 2**32 - 1  # that the form of gzip knows
-
+from packing import TREE, Fault, print_made, run, time_of_entries  # noqa: E402  # in packages
 
 def write_tar(path, top, folder, when):
     """Entries are in order, have the same time, and belong to root."""
@@ -41,15 +38,16 @@ def write_tar(path, top, folder, when):
 
 
 def make(options):
-    when = time_of_entries(0, LAST_TIME)
+    when = time_of_entries()
     top = f"qor-{options.version}-linux-{platform.machine()}"
     with tempfile.TemporaryDirectory(prefix="qor.") as work:
         stage = Path(work).resolve() / "stage"
         run(options.cmake, "--install", options.build, "--prefix", stage, "--strip")
-        for name in ("bin/qortool", "share/doc/qor/THIRD-PARTY-NOTICES"):
+        for name in ("bin/qortool", "share/doc/qor/THIRD-PARTY-NOTICES", "share/doc/qor/reference/index.html"):
             if not (stage / name).is_file():
                 raise Fault(f"{options.build} does not install {name}")
         shutil.copy(HERE / "install.sh", stage)
+        shutil.copy(TREE / "LICENCE", stage / "share/doc/qor")
         made = Path(work) / f"{top}.tar.gz"
         write_tar(made, top, stage, when)
         options.out.mkdir(parents=True, exist_ok=True)

@@ -22,12 +22,12 @@ The headers of a client. A program includes `qor/qor.h`, or single headers, and 
 library and binds to it. The guide `docs/library.md` begins with a program and the commands that build it.
 
 <table class="families">
-<tr><th>family</th><th>headers</th></tr>
+<tr><th>Family</th><th>Headers</th></tr>
 %s</table>
 */
 """
 
-ROW = "<tr><td>@ref family_{name} \"{title}\"<br/>{summary}</td><td>{headers}</td></tr>\n"
+ROW = "<tr><td>@ref family_{name} \"{title}\"<br/>{sentence}</td><td>{headers}</td></tr>\n"
 
 FAMILY = """\
 /** @defgroup family_{name} {title}
@@ -50,7 +50,7 @@ class Family(NamedTuple):
 
 def read_families():
     made = []
-    for line in (HERE / "families").read_text().splitlines():
+    for line in (HERE / "families").read_text().replace("\n    ", " ").splitlines():
         if line and not line.startswith("#"):
             name, title, summary, headers, examples = (cell.strip() for cell in line.split("|"))
             paths = [word if word.startswith("qor/") else f"qor/system/{word}" for word in headers.split()]
@@ -72,6 +72,10 @@ def check(families):
     faults += [f"the family {family.name} has no example" for family in families if not family.examples]
     if faults:
         sys.exit("qorcore/reference/families: " + "; ".join(faults))
+
+
+def sentence(words):
+    return words[0].upper() + words[1:] + "."
 
 
 def summary_of(header):
@@ -100,6 +104,9 @@ def write_layout(path):
                        ("examples", "Examples")):
         text, count = re.subn(rf'(<tab type="{tab}" [^>]*title=")"', rf'\1{title}"', text)
         assert count == 1, tab
+    for tab, words in (("modules", "The headers by their subjects:"), ("examples", "The programs of the families:")):
+        text, count = re.subn(rf'(<tab type="{tab}" [^>]*intro=")"', rf'\1{words}"', text)
+        assert count == 1, tab
     for tab in ("pages", "namespaces", "concepts"):
         text = re.sub(rf'<tab type="{tab}" visible="yes"', f'<tab type="{tab}" visible="no"', text)
     # What a family or a class is for stands before its members.
@@ -126,10 +133,10 @@ def pages():
             texts[name] = text
             where = f" The guide `{document}` shows how it is built and what it prints." if document else ""
             parts.append(f"@par Example: {name}\n{where}\n@include {name}\n")
-        made.append(FAMILY.format(name=family.name, title=family.title, summary=family.summary.capitalize() + ".",
+        made.append(FAMILY.format(name=family.name, title=family.title, summary=sentence(family.summary),
                                   headers=headers, examples="\n".join(parts)))
         names = " ".join(f"`{Path(header).name}`" for header in family.headers)
-        rows.append(ROW.format(name=family.name, title=family.title, summary=family.summary, headers=names))
+        rows.append(ROW.format(name=family.name, title=family.title, sentence=sentence(family.summary), headers=names))
     made += [f"/** @example {name} */\n" for name in sorted(shown)]
     return FIRST_PAGE % "".join(rows) + "\n".join(made), texts
 

@@ -12,6 +12,7 @@ from pathlib import Path
 from families import HEADERS, family_of, pages
 
 COMMENT = re.compile(r"( *)//(?: (.*))?$")
+HEADING = re.compile(r"-{3,} (\w)")
 TRAILING = re.compile(r"( *[^ /#].*[;,{]) +// (.*)$")
 AS_USUAL = re.compile(r" *(?:virtual )?~\w+\(|.*= (?:delete|default);$| *(\w+)\((?:const \1&|\1&&)|"
                       r" *(\w+)& operator=\((?:const \2&|\2&&|\2)(?: \w+)?\)| *(?:public|protected|private):$")
@@ -61,7 +62,8 @@ def filtered(text):
             if not fresh:
                 comment = []
             fresh = True
-            comment.append(f"{found[1]}/// {found[2] or ''}".rstrip())
+            words = HEADING.sub(lambda begin: begin[1].upper(), found[2] or "", count=1)
+            comment.append(f"{found[1]}/// {words}".rstrip())
             continue
         if not line.strip():
             comment, fresh = [], False

@@ -1,5 +1,5 @@
-// The search: finds names that have the typed words in them, while they are typed. names.js has all names. A page that is
-// opened with "?find=TEXT" begins with a search.
+// The search: finds names that have the typed words in them, while they are typed. names.js has all names. A page that
+// is opened with "?find=TEXT" begins with a search.
 "use strict";
 
 (function () {
@@ -7,7 +7,7 @@
     const field = document.createElement("input");
     field.id = "find";
     field.type = "search";
-    field.placeholder = "Search";
+    field.placeholder = "Search: press /";
     field.setAttribute("aria-label", "Search");
     document.getElementById("titlearea").append(field);
     const list = document.createElement("ul");
@@ -15,8 +15,8 @@
     list.hidden = true;
     document.body.append(list);
 
-    // The beginning of a name counts more than its middle, and a short name more than a long one. Names begin with words
-    // like "qor", so what follows them is a beginning, too.
+    // The beginning of a name counts more than its middle, and a short name more than a long one. Names begin with
+    // words like "qor", so what follows them is a beginning, too.
     function rank(name, text) {
         const at = name.indexOf(text);
         if (at < 0)

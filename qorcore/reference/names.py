@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Completes the pages of the reference: makes one list of all names, for find.js, removes Doxygen's search, which it
-replaces, and gives the pages of folders names that do not depend on where the tree lies.
+replaces, gives the pages of folders names that do not depend on where the tree lies, and takes wrong links away.
 
     names.py HTML       the folder of the pages
 """
@@ -11,6 +11,10 @@ import json
 import re
 import sys
 from pathlib import Path
+
+LINK_TO_VALUE = re.compile(r'<a class="(?:el|code hl_enumvalue)" href="[^"#]*#(?:gg)?a[0-9a-f]{32}a[0-9a-f]{32}">'
+                           r'((?!qor)[a-z]\w*)</a>')
+UNTYPED = re.compile(r'<td class="mem(Templ)?ItemLeft"([^>]*>(?:<a id="[^"]*" name="[^"]*"></a>)?\s*&#160;</td>)')
 
 
 def read_names(folder):
@@ -37,6 +41,17 @@ def rename_folders(folder):
         (folder / f"{old}.html").rename(folder / f"{name}.html")
 
 
+def correct(folder):
+    """Takes wrong links away: Doxygen takes parameters and members for values of scoped enumerations that have the same
+    name, though such a value always stands behind the name of its enumeration. The style gets to know where no type is.
+    """
+    for path in folder.glob("*.html"):
+        text = path.read_text()
+        changed = UNTYPED.sub(r'<td class="mem\1ItemLeft untyped"\2', LINK_TO_VALUE.sub(r"\1", text))
+        if changed != text:
+            path.write_text(changed)
+
+
 class Pages:
     """Which places the pages have: Doxygen lists members of nameless structs at places that are not there."""
 
@@ -53,6 +68,7 @@ class Pages:
 def main():
     folder = Path(sys.argv[1])
     rename_folders(folder)
+    correct(folder)
     pages = Pages(folder)
     names = sorted({(name, pages.whole(link), scope) for name, link, scope in read_names(folder)})
     if len(names) < 1000:

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Runs the kept client, and in it the kept module, with today's libqor. Both were built once, from the tree in which the
-promise of docs/stability.md begins.
+"""Runs the kept client, and in it the kept module, with today's libqor. Both were built once, from the tree in which
+the promise of docs/stability.md begins.
 
     base_test.py --bin FOLDER      with libqor.so and its folder
 """

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Runs the examples that the reference shows, and compares what they print with their first comment, or with the system.
+"""Runs the examples that the reference shows, and compares what they print with their first comment, or with the
+system.
 
     examples_test.py --source FOLDER --bin FOLDER
 """

@@ -5,6 +5,7 @@
 """
 
 import argparse
+import html
 import re
 import subprocess
 import sys
@@ -47,8 +48,7 @@ class Reference(unittest.TestCase):
                     self.assertIn(f"Example: {example}", text)
                     # The code is there as a whole: its last line is.
                     last = [line for line in source.splitlines() if line.strip()][-2]
-                    shown = last.strip().replace("&", "&amp;").replace("<", "&lt;").replace(">", "&gt;").replace('"', "&quot;")
-                    self.assertIn(shown, text.replace("&#39;", "'"))
+                    self.assertIn(last.strip(), html.unescape(text))
 
     def test_operations_name_the_examples_that_use_them(self):
         self.assertIn('href="texts_8cpp-example.html', self.page("classqorString.html"))
@@ -57,9 +57,9 @@ class Reference(unittest.TestCase):
         """Returns the links that the search shows in a browser."""
         with tempfile.TemporaryDirectory(prefix="qor.") as folder:
             page = f"{(self.html / 'index.html').resolve().as_uri()}?find={urllib.parse.quote(words)}"
-            shown = subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu", f"--user-data-dir={folder}",
-                                    "--dump-dom", page], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
-                                   check=True, timeout=300).stdout
+            command = ["chromium", "--headless", "--no-sandbox", "--disable-gpu", f"--user-data-dir={folder}"]
+            shown = subprocess.run([*command, "--dump-dom", page], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                                   text=True, check=True, timeout=300).stdout
         return re.search('<ul id="found".*?</ul>', shown, re.S).group()
 
     def test_search(self):
@@ -87,6 +87,22 @@ class Reference(unittest.TestCase):
                 for place in (TREE, options.build.resolve()):
                     self.assertNotIn(bytes(place), content, path)
                 self.assertIsNone(re.search(rb"\bdir_[0-9a-f]{32}", content), path)
+
+    def test_links_to_values_are_right(self):
+        """A parameter with the name of a value of a scoped enumeration is no link; a value is one."""
+        self.assertRegex(self.page("classqorString.html"), r"\(const char \*text, ")
+        whole = "".join(path.read_text() for path in self.html.glob("*.html"))
+        names = re.findall(r'#(?:gg)?a[0-9a-f]{32}a[0-9a-f]{32}">(\w[\w:]*)</a>', whole)
+        self.assertIn("qorConfigKind::text", names)
+        self.assertEqual({name for name in names if name.islower() and not name.startswith("qor")}, set())
+
+    def test_headings_of_groups_are_sentences(self):
+        self.assertIn("Searching: returns the position, or -1.", self.page("classqorString.html"))
+        pages = [path for path in self.html.glob("*.html") if not path.stem.endswith("_source")]
+        self.assertEqual([path.name for path in pages if "-&mdash;" in path.read_text()], [])
+
+    def test_names_keep_their_capitals(self):
+        self.assertIn("Files in TOML, with layers", self.page("group__family__configuration.html"))
 
     def test_light_and_dark(self):
         self.assertIn('href="style.css"', self.page("index.html"))

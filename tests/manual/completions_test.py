@@ -127,6 +127,7 @@ class Completions(unittest.TestCase):
             self.skipTest("qor-check is not built")
         self.in_folder("some program")
         shell.completed("qor-check --he", "qor-check --help")
+        shell.completed("qor-check --qor-lang", "qor-check --qor-language=")
         shell.completed("qor-check so", r"qor-check (some\\ program|'some program')")
 
     @in_each_shell

@@ -41,9 +41,9 @@ class Pages(unittest.TestCase):
         cls.texts = {name: cls.rendered(path) for name, path in cls.pages.items()}
 
     @staticmethod
-    def rendered(path):
-        """Returns the page as a reader sees it, in lines that are not broken."""
-        environment = {**os.environ, "MANWIDTH": "10000", "LC_ALL": "C.UTF-8", "MAN_KEEP_FORMATTING": ""}
+    def rendered(path, width=10000):
+        """Returns the page as a reader sees it; lines are usually not broken."""
+        environment = {**os.environ, "MANWIDTH": str(width), "LC_ALL": "C.UTF-8", "MAN_KEEP_FORMATTING": ""}
         return subprocess.run(["man", "-l", path], capture_output=True, text=True, check=True, env=environment).stdout
 
     def test_every_program_has_a_page(self):
@@ -75,6 +75,20 @@ class Pages(unittest.TestCase):
                 self.assertEqual(code, 0, said)
                 self.assertRegex(said, re.escape(f'{path}: "{name[:-2]} - ') + r'[a-z].*[^."]"\n$')
 
+    def test_no_word_is_parted(self):
+        """Names that are parted at the end of a line cannot be searched for."""
+        for name, path in self.pages.items():
+            for width in (60, 80):
+                text = plain(re.sub("\u2010\n *", "\u2010", self.rendered(path, width)))
+                words = set(text.split()) - set(plain(self.texts[name]).split())
+                with self.subTest(page=name, width=width):
+                    self.assertEqual({word for word in words if "-" in word}, set())
+
+    def test_a_blank_stands_between_words(self):
+        """Behind dots or a question mark that end no sentence, roff would write two."""
+        for name, text in self.texts.items():
+            self.assertEqual(re.findall(r".*(?:\.\.\.\]?|\?) {2,}\S.*", text), [], name)
+
     def test_every_row_of_help(self):
         for program in PROGRAMS:
             text = self.texts[f"{program}.1"]
@@ -92,7 +106,7 @@ class Pages(unittest.TestCase):
     def test_every_variable_of_the_framework(self):
         named = set(re.findall(r"\(or set (QOR_\w+)\)", output_of(options.bin / "qortool", "help")[1]))
         self.assertGreaterEqual(len(named), 7)
-        for program in ("qortool", "qor-heap", "qor-debug-user"):
+        for program in ("qortool", "qor-heap", "qor-debug-user", "qor-check"):
             environment = self.texts[f"{program}.1"].split("\nENVIRONMENT\n")[1].split("\nEXAMPLES\n")[0]
             self.assertLessEqual(named, set(re.findall(r"^ {7}(QOR_\w+)", environment, re.M)), program)
 
@@ -105,6 +119,9 @@ class Pages(unittest.TestCase):
                 found = {output_of(path, "--nonsense")[0], output_of(path)[0], output_of(path, "nonsense")[0]}
                 self.assertEqual(found, {2, 10, unknown_action})
                 self.assertLessEqual(found | {0, 1, 100}, listed)
+                # What a wrong command line gives that is not found out by the program's own parser.
+                self.assertEqual(output_of(path, "--qor-nonsense", "help")[0], 1)
+                self.assertIn("an option of the framework is wrong", re.search(r"^ {7}1 +(.*)", status, re.M).group(1))
         self.assertEqual(output_of(options.bin / "qor-record", "--nonsense")[0], 1)
 
     def test_the_exit_codes_of_qor_check(self):

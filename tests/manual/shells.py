@@ -28,7 +28,8 @@ class Shell:
 
     def start_bash(self, prefix):
         (self.home / "rc").write_text(f"PS1='{PROMPT}'\nbind 'set page-completions off'\nbind 'set bell-style none'\n"
-                                      "bind 'set completion-query-items 0'\n. /usr/share/bash-completion/bash_completion\n")
+                                      "bind 'set completion-query-items 0'\n"
+                                      ". /usr/share/bash-completion/bash_completion\n")
         return f"bash --noprofile --rcfile {shlex.quote(str(self.home / 'rc'))} -i"
 
     def start_zsh(self, prefix):
@@ -42,7 +43,8 @@ class Shell:
         # Otherwise it begins to read all manual pages.
         (self.home / ".local/share/fish/generated_completions").mkdir(parents=True)
         (self.home / "config/fish/config.fish").write_text(
-            f"set -g fish_greeting\nset -g fish_autosuggestion_enabled 0\nfunction fish_prompt; echo -n '{PROMPT}'; end\n")
+            f"set -g fish_greeting\nset -g fish_autosuggestion_enabled 0\n"
+            f"function fish_prompt; echo -n '{PROMPT}'; end\n")
         return "fish -i"
 
     def close(self):

@@ -6,18 +6,21 @@ docs/modules.md shows them, and projects that contain the framework.
 
 INSTALLATION is one of
     --build FOLDER               what `cmake --install` installs from this build
+    --packages FOLDER            what the packages for Debian there contain
     --prefix FOLDER              what is installed there, for instance /usr; nothing is written into it
     --zip FILE --runner PROGRAM  the zip for Windows, and what starts its programs; the toolchain file is that of
                                  docs/windows.md
 """
 
 import argparse
+import fcntl
 import os
 import re
 import shutil
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 import zipfile
 from pathlib import Path
@@ -64,6 +67,15 @@ class Outside(unittest.TestCase):
             cls.toolchain.write_text(re.search(r"`mingw\.cmake`[^`]*?:\n\n```cmake\n(.*?)```", page, re.S).group(1))
         elif options.prefix:
             cls.installed = options.prefix
+        elif options.packages:
+            packages = [each for each in options.packages.glob("*.deb") if "-dbgsym_" not in each.name]
+            assert packages, f"there are no packages in {options.packages}"
+            cls.installed = root / "usr"
+            for each in packages:
+                subprocess.run(["dpkg-deb", "--extract", each, root], check=True)
+            # They are made for the host's own /usr, where this file names a folder without blanks.
+            for path in cls.installed.glob("lib/**/qor.pc"):
+                path.write_text(path.read_text().replace("prefix=/usr\n", f"prefix={cls.installed}\n"))
         else:
             subprocess.run([options.cmake, "--install", options.build, "--prefix", cls.installed], check=True,
                            stdout=subprocess.DEVNULL)
@@ -193,12 +205,12 @@ class Programs(Outside):
                              "CXXFLAGS": " ".join(options.option)}
 
     def test_installed_programs_bind_at_once(self):
-        """So does a program that is put beside them. The system's log stays empty."""
+        """The system's log stays empty."""
         if options.zip:
             self.skipTest("Windows has no such log")
         recorder = self.folder / "fake_syslog.so"
-        code, text = run(options.compiler, "-std=c++20", "-fPIC", "-shared", SOURCE / "tests/glue/fake_syslog.cpp", "-o",
-                         recorder)
+        code, text = run(options.compiler, "-std=c++20", "-fPIC", "-shared", SOURCE / "tests/glue/fake_syslog.cpp",
+                         "-o", recorder)
         self.assertEqual(code, 0, text)
         log = self.folder / "log"
         environment = {"PATH": os.defpath, "LD_PRELOAD": str(recorder), "FAKE_SYSLOG": str(log)}
@@ -220,10 +232,9 @@ class Programs(Outside):
         code, text = run(moved / "bin/qor-check")
         self.assertEqual(code, 0, text)
         self.assertIn(f"{library}: used", text)
-        program = self.folder / "record_me"
         code, text = run(moved / "bin/qor-record", "-o", self.folder / "log", "--", "true")
         self.assertEqual(code, 0, text)
-        self.assertTrue((self.folder / "log.mtrace").exists(), program)
+        self.assertTrue((self.folder / "log.mtrace").exists())
         code, text = run(moved / "bin/qortool", "--quiet", "path-list")
         self.assertEqual(code, 0, text)
         self.assertRegex(text, rf"qor-catalogs += {re.escape(str(library.parent))}\n")
@@ -251,14 +262,17 @@ class Programs(Outside):
         finally:
             shutil.move(kept, module)
 
-    def asks_for(self, what):
+    def asks_for(self, what, then=""):
+        """Configures a project that asks for the framework. Returns the exit code and the output in one line."""
         source = self.folder / "asks"
         shutil.rmtree(source, ignore_errors=True)
         shutil.rmtree(self.folder / "build", ignore_errors=True)
         source.mkdir()
+        (source / "empty.cpp").write_text("int main() {}\n")
         (source / "CMakeLists.txt").write_text("cmake_minimum_required(VERSION 3.25)\nproject(asks LANGUAGES CXX)\n"
-                                               f"find_package(qor {what} REQUIRED)\n")
-        return self.configure(source)[1:]
+                                               f"find_package(qor {what} REQUIRED)\n{then}")
+        code, text = self.configure(source)[1:]
+        return code, re.sub(r"\s+", " ", text)
 
     def test_versions(self):
         """Those of the same major number up to the installed one fit."""
@@ -271,10 +285,104 @@ class Programs(Outside):
                 if not fits:
                     self.assertIn(f"version: {options.version}", text)
 
-    def test_a_component_that_does_not_exist(self):
-        code, text = self.asks_for(f"{options.version} COMPONENTS crystal")
+    def test_components_that_do_not_exist(self):
+        """All are named, but those that the project can do without."""
+        code, text = self.asks_for(f"{options.version} COMPONENTS crystal network glass OPTIONAL_COMPONENTS water")
         self.assertNotEqual(code, 0)
-        self.assertIn('qor has no component "crystal"', re.sub(r"\s+", " ", text))
+        for name in "crystal", "glass":
+            self.assertIn(f'qor has no component "{name}"', text)
+        self.assertNotIn("water", text)
+        code, text = self.asks_for(f"{options.version} OPTIONAL_COMPONENTS water")
+        self.assertEqual(code, 0, text)
+
+    def test_words_of_qor_add_program_that_are_wrong(self):
+        for words, told in (("a LIBRARY empty.cpp", "LIBRARY cannot be empty.cpp here"),
+                            ("a empty.cpp LIBRARY", "LIBRARY needs a value: RUN_PATH, COPY or NONE"),
+                            ("a LIBRARY COPY", "a program needs at least one source")):
+            with self.subTest(words):
+                code, text = self.asks_for(options.version, f"qor_add_program({words})\n")
+                self.assertNotEqual(code, 0)
+                self.assertIn(f"qor_add_program(a): {told}", text)
+
+    # ---- copies of the library for programs in one folder
+
+    def copies(self, folder):
+        return {path.relative_to(folder): path.read_bytes() for path in folder.rglob("*") if path.is_file()}
+
+    def expected_copies(self):
+        found = {Path(self.library.name): self.library.read_bytes()}
+        resources = self.library.parent / "qor" if options.zip else self.library.parent
+        for path in resources.rglob("*"):
+            if path.is_file() and path.name not in ("libqor.so", "libqor-record.so"):
+                found["qor" / path.relative_to(resources)] = path.read_bytes()
+        return found
+
+    def test_many_programs_in_one_folder(self):
+        """Their build makes the copies, one program at a time, and makes them again for another library."""
+        names = [f"one_of_many{i}" for i in range(8)]
+        code, text = self.asks_for(options.version, "".join(f"qor_add_program({name} LIBRARY COPY empty.cpp)\n"
+                                                            for name in names))
+        self.assertEqual(code, 0, text)
+        build = self.folder / "build"
+        words = [options.cmake, "--build", build, "--parallel", "16"]
+        with open(build / "qor-copy.lock", "w") as lock:
+            fcntl.lockf(lock, fcntl.LOCK_EX)
+            waiting = f":{os.fstat(lock.fileno()).st_ino} "
+            building = subprocess.Popen([str(word) for word in words], stdin=subprocess.DEVNULL,
+                                        stdout=subprocess.DEVNULL)
+            end = time.monotonic() + 300
+            while not re.search(f"-> .*{waiting}", Path("/proc/locks").read_text()):
+                self.assertIsNone(building.poll(), "the build did not wait for the lock")
+                self.assertLess(time.monotonic(), end)
+                time.sleep(0.02)
+            self.assertFalse((build / self.library.name).exists())
+        self.assertEqual(building.wait(timeout=300), 0)
+        inside = [path for path in build.iterdir() if path.name in (self.library.name, "qor")]
+        self.assertEqual(len(inside), 2)
+        together = self.folder / "together"
+        together.mkdir()
+        for each in inside:
+            each.rename(together / each.name)
+        self.assertEqual(self.copies(together), self.expected_copies())
+        if options.prefix:
+            return
+        kept = self.folder / "kept"
+        shutil.copy2(self.library, kept)
+        try:
+            with self.library.open("ab") as library:
+                library.write(b"another library")
+            code, text = run(*words)
+            self.assertEqual(code, 0, text)
+            self.assertEqual((build / self.library.name).read_bytes(), self.library.read_bytes())
+        finally:
+            shutil.copy2(kept, self.library)
+
+    # ---- the components of an installation
+
+    def test_components_of_an_installation(self):
+        """Each is installed by itself, and together they are all."""
+        if not options.build:
+            self.skipTest("this takes a build")
+        modules = [f"module-{path.stem[4:]}" for path in self.library.parent.glob("qor-*.so")]
+        self.assertIn("module-network", modules)
+        place = {}
+        for component in ["bin", "lib", "dev", "doc", "man", "completions", *modules]:
+            prefix = self.folder / component
+            code, text = run(options.cmake, "--install", options.build, "--prefix", prefix, "--component", component)
+            self.assertEqual(code, 0, text)
+            files = {path.relative_to(prefix).as_posix() for path in prefix.rglob("*") if not path.is_dir()}
+            self.assertTrue(files, component)
+            for file in files:
+                self.assertNotIn(file, place, f"in {component} and {place.get(file)}")
+                place[file] = component
+        installed = {path.relative_to(self.installed).as_posix() for path in self.installed.rglob("*")
+                     if not path.is_dir()}
+        self.assertEqual(set(place), installed)
+        folder = self.library.parent.relative_to(self.installed).as_posix()
+        for file, component in ((f"{folder}/libqor.so", "lib"), (f"{folder}/qorcore.de.msg", "lib"),
+                                (f"{folder}/libqor-record.so", "bin"), (f"{folder}/qor-network.so", "module-network"),
+                                ("bin/qortool", "bin"), ("bin/qor-check", "bin"), ("include/qor/qor.h", "dev")):
+            self.assertEqual(place.get(file), component, file)
 
 
 class Module(Outside):
@@ -300,7 +408,8 @@ class Module(Outside):
         elsewhere and is led to the library."""
         command = command.replace("$PWD", str(self.folder))
         words = command.split()
-        words = [str(self.folder) + word[7:] if options.prefix and word.startswith("DIR/bin/") else word for word in words]
+        if options.prefix:
+            words = [re.sub("^DIR/bin(?=/)", str(self.folder), word) for word in words]
         words = [word.replace("DIR", str(self.installed)) for word in words]
         variables = {}
         while "=" in words[0]:
@@ -369,13 +478,30 @@ class Parent(Outside):
         self.assertEqual(code, 0, text)
         return text
 
-    def setUp(self):
-        super().setUp()
+    def check_copied(self, build):
+        """The program with a copy is linked again, and so copies again, when the library or a module is built."""
+        code, text = run("ninja", "-C", build, "-t", "query", "copied")
+        self.assertEqual(code, 0, text)
+        for name in "libqor", "qor-network":
+            self.assertRegex(text, rf"\b{name}\.(so|dll)\n")
+        self.assertIn("qorCopy.cmake", self.planned(build, "copied"))
+
+    def test_for_windows(self):
+        """Its programs contain the run-time, too, which is no part of that system."""
+        if not options.zip:
+            self.skipTest("this takes the compiler for Windows")
+        build, text = self.configure_parent(QOR_SQLITE="OFF", QOR_OPENSSL="OFF")
+        self.assertIn(self.UNCHANGED, text)
+        linking, = [line for line in self.planned(build, "sorted.exe").splitlines() if "-o sorted.exe" in line]
+        self.assertIn(" -static ", linking)
+        self.assertIn("qorCopy.cmake", linking)
+
+    def for_linux(self):
         if options.zip:
             self.skipTest("a project for Windows uses the same files of CMake")
 
     def check_parent(self):
-        build, text = self.configure_parent()
+        build, text = self.configure_parent(CMAKE_INSTALL_PREFIX="/usr", CMAKE_INSTALL_LIBDIR="lib/of-a-kind")
         # Nothing has leaked into the project, and nothing of the framework is built or installed unasked.
         self.assertIn(self.UNCHANGED, text)
         plan = self.planned(build, "all")
@@ -396,7 +522,14 @@ class Parent(Outside):
         return build
 
     def test_as_a_folder(self):
+        self.for_linux()
         build = self.check_parent()
+        self.check_copied(build)
+        # What is installed in /usr stays there. The run path leads through no folder that is for development.
+        made, = build.rglob("qor.pc")
+        for words, expected in (["--libs"], "-Wl,-rpath,/usr/lib/of-a-kind/qor"), (["--cflags"], ""):
+            code, text = run("pkg-config", *words, made)
+            self.assertEqual((code, text.strip()), (0, expected))
         if not os.environ.get("QOR_TEST_WHOLE"):
             return
         code, text = run(options.cmake, "--build", build)
@@ -405,16 +538,28 @@ class Parent(Outside):
 
     def test_fetched_and_installed_to_another_folder_of_libraries(self):
         """Programs, headers, CMake and pkg-config agree on it."""
-        build, text = self.configure_parent(FETCHED="ON", CMAKE_INSTALL_LIBDIR="lib64/odd", QOR_INSTALL="ON")
+        self.for_linux()
+        build, text = self.configure_parent(FETCHED="ON", CMAKE_INSTALL_LIBDIR="lib64/odd", QOR_INSTALL="ON",
+                                            CMAKE_UNITY_BUILD="ON")
         self.assertIn(self.UNCHANGED, text)
         made, = build.rglob("qor.pc")
         own = made.parent
         self.assertIn('#define QOR_LIBRARY_FOLDER "../lib64/odd/qor"', (own / "library_folder.h").read_text())
-        self.assertRegex(self.planned(build, "sorted"), r'-DQOR_LIBRARY_FOLDER=\S*"../lib64/odd/qor')
+        plan = self.planned(build, "sorted")
+        self.assertRegex(plan, r'-DQOR_LIBRARY_FOLDER=\S*"../lib64/odd/qor')
+        self.assertIn("sorted.dir/Unity/", plan)
+        self.assertNotIn("qorcore_objects.dir/Unity/", plan)
         self.assertIn("lib64/odd/qor", (own / "qorConfig.cmake").read_text())
         self.assertIn("prefix=${pcfiledir}/../../..\n", made.read_text())
         code, text = run("pkg-config", "--libs", "--cflags", made)
         self.assertEqual(code, 0, text)
+
+    def test_a_generator_with_several_configurations(self):
+        self.for_linux()
+        code, text = run(options.cmake, "-G", "Ninja Multi-Config", "-S", HERE / "parent", "-B", self.folder / "build",
+                         f"-DQOR_SOURCE={SOURCE}", f"-DCMAKE_CXX_COMPILER={options.compiler}")
+        self.assertNotEqual(code, 0)
+        self.assertIn("qor takes a generator with one configuration", text)
 
 
 def main():
@@ -425,13 +570,14 @@ def main():
     parser.add_argument("--cmake", default="cmake")
     parser.add_argument("--build", type=Path)
     parser.add_argument("--prefix", type=Path)
+    parser.add_argument("--packages", type=Path)
     parser.add_argument("--zip")
     parser.add_argument("--runner", help="what starts the programs, where they are another system's")
     parser.add_argument("--option", action="append", default=[], help="for the compiler")
     options, rest = parser.parse_known_args()
-    if sum(each is not None for each in (options.build, options.prefix, options.zip)) != 1:
-        parser.error("one of --build, --prefix and --zip is needed")
-    for name in ("build", "prefix"):
+    if sum(each is not None for each in (options.build, options.packages, options.prefix, options.zip)) != 1:
+        parser.error("one of --build, --packages, --prefix and --zip is needed")
+    for name in ("build", "packages", "prefix"):
         if getattr(options, name):
             setattr(options, name, getattr(options, name).resolve())
     unittest.main(argv=[sys.argv[0], "-v", *rest])

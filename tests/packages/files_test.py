@@ -103,8 +103,9 @@ class Files(packed.Unpacked):
         self.assertEqual(settings(text)["requestedExecutionLevel"]["level"], "asInvoker")
 
     def test_the_version_is_that_of_the_tree(self):
-        first = re.search(r"^project\(qor VERSION (\S+) ", (packed.SOURCE / "CMakeLists.txt").read_text(), re.M)
-        self.assertEqual(first.group(1), packed.options.version)
+        header = (packed.SOURCE / "qorcore/include/qor/system/Version.h").read_text()
+        numbers = re.findall(r"^#define QOR_VERSION_(?:MAJOR|MINOR|PATCH) (\d+)$", header, re.M)
+        self.assertEqual(".".join(numbers), packed.options.version)
 
 
 class Debug(packed.Unpacked):

@@ -2,7 +2,8 @@
 """The life of the packages in a fresh Debian: installed in an older revision, used, upgraded, used with all modules,
 purged.
 
-    life_test.py --build FOLDER --packages FOLDER --version VERSION --cmake PROGRAM --ninja PROGRAM --compiler C++
+    life_test.py --build FOLDER --packages FOLDER --version VERSION --cmake PROGRAM --ninja PROGRAM
+                 --compiler C++
 """
 
 import random
@@ -36,7 +37,8 @@ peer=$!
 fingerprint=
 until fingerprint=$(qor-debug-user fingerprint 2>/dev/null); do kill -0 $peer || { cat /tmp/listener; exit 1; }; done
 for attempt in 1 2 3 4 5 6 7 8 9 10; do
-    printf 'ann\\n%s\\nshow-all\\n' "$password" | qortool --quiet debug-control 127.0.0.1 PORT >/tmp/shown 2>/tmp/warned || true
+    printf 'ann\\n%s\\nshow-all\\n' "$password" |
+        qortool --quiet debug-control 127.0.0.1 PORT >/tmp/shown 2>/tmp/warned || true
     grep -q system.debug-control /tmp/shown && break
     sleep 1
 done
@@ -106,8 +108,8 @@ class Life(unittest.TestCase):
             shutil.copy(path, self.room.folder / "packages")
         source = self.folder / "leaky.c"
         source.write_text(PROGRAM)
-        subprocess.run([linux.options.compiler, "-x", "c", "-g", "-O1", source, "-o", self.room.folder / "packages/leaky"],
-                       check=True)
+        leaky = self.room.folder / "packages/leaky"
+        subprocess.run([linux.options.compiler, "-x", "c", "-g", "-O1", source, "-o", leaky], check=True)
         older = [self.make_older(name) for name in ("libqor", "qortool")][0]
 
         # The tools alone, on a host without OpenSSL and the others.
@@ -115,15 +117,17 @@ class Life(unittest.TestCase):
         self.run_there("apt-get -q update")
         empty = self.installed()
         self.run_there("apt-get -q -y --no-install-recommends install /packages/older-*.deb")
-        self.find_leak()
+        self.assertIn("(Debian package: libdw1)", self.find_leak())
         print(f"From an empty Debian ({self.suite}) to a found leak: {time.monotonic() - start:.0f} s", file=sys.stderr)
         self.assertEqual(self.installed() - empty, {"libqor", "qortool"})
         self.assertEqual(self.version("libqor"), older)
         self.assertIn("Sunday", self.run_there("qortool --quiet dow 28/3/2021"))
-        self.assertIn("D41D8CD98F00B204E9800998ECF8427E", self.run_there("touch /tmp/e; qortool --quiet md5sum /tmp/e").upper())
+        digest = self.run_there("touch /tmp/e; qortool --quiet md5sum /tmp/e")
+        self.assertIn("D41D8CD98F00B204E9800998ECF8427E", digest.upper())
         self.run_there("set -e; qortool sysinfo; qortool path-list; qor-heap --help; qor-check /usr/bin/qortool")
         self.check_missing("qortool netlist", "qor-network")
         self.check_missing("qortool debug-control localhost 1", "qor-openssl")
+        self.check_missing("qortool logon root secret", "qor-pam")
 
         # Today's packages, all of them.
         self.run_there("rm /packages/older-*; apt-get -q -y --no-install-recommends install /packages/*.deb libdw1")
@@ -135,15 +139,23 @@ class Life(unittest.TestCase):
         self.assertIn("lo", self.run_there("qortool --quiet netlist"))
         self.assertIn("Wochentag", self.run_there("QOR_LANGUAGE=de qortool help", 1))
         self.run_there("qortool --quiet pwcrypt secret")
-        self.run_there("echo joe:x:4444:4444::/:/bin/sh >>/etc/passwd; "
-                       """echo "joe:$(perl -e 'print crypt("secret", "\\$6\\$abcdefgh\\$")'):19000::::::" >>/etc/shadow""")
+        self.run_there("echo joe:x:4444:4444::/:/bin/sh >>/etc/passwd")
+        self.run_there("""echo "joe:$(perl -e 'print crypt("secret", "\\$6\\$abcdefgh\\$")'):19000::::::" """
+                       ">>/etc/shadow")
         self.assertIn("joe", self.run_there("qortool --quiet logon joe secret"))
         self.run_there("qortool --quiet logon joe wrong", 1)
         self.run_there("sed -i /^joe:/d /etc/passwd /etc/shadow; [ -s /etc/shadow ] || rm /etc/shadow")
-        self.assertIn("system.debug-control", self.run_there(CONTROL.replace("PORT", str(random.randint(20000, 32000)))))
+        port = str(random.randint(20000, 32000))
+        self.assertIn("system.debug-control", self.run_there(CONTROL.replace("PORT", port)))
+
+        # All programs have found the library at once. One that has not says so in the system's log.
+        self.assertEqual([line for line in self.room.log if "libqor.so" in line], [])
+        self.run_there("mkdir -p /tmp/a/bin; cp /usr/bin/qortool /tmp/a/bin; /tmp/a/bin/qortool dow 28/3/2021", 100)
+        self.assertTrue([line for line in self.room.log if "FAILED dlopen() of libqor.so" in line], self.room.log)
 
         # Nothing is left of them.
-        self.run_there("apt-mark auto $(dpkg-query --show --showformat='${Package}\\n' 'libdw1*')")  # as it were recommended
+        # As if it were recommended.
+        self.run_there("apt-mark auto $(dpkg-query --show --showformat='${Package}\\n' 'libdw1*')")
         self.run_there(f"apt-get -q -y purge {ours} && apt-get -q -y --purge autoremove")
         self.assertNotIn("qor", self.run_there("dpkg-query --show"))
         left = {each for each in self.room.files() - before if not each.startswith("etc/") or not each.endswith("-")}

@@ -3,8 +3,10 @@ system, and with no file of the host in sight."""
 
 import os
 import shutil
+import socket
 import subprocess
 import tarfile
+import threading
 import time
 from pathlib import Path
 
@@ -44,7 +46,8 @@ def archive(suite, folder):
                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                                   timeout=1500)
             if done.returncode != 0:
-                raise NoRoom(f"no Debian {suite} can be made here: {done.stdout.strip() or 'mmdebstrap does not say why'}")
+                reason = done.stdout.strip() or "mmdebstrap does not say why"
+                raise NoRoom(f"no Debian {suite} can be made here: {reason}")
             half.rename(path)
         finally:
             half.unlink(missing_ok=True)
@@ -59,12 +62,22 @@ class Room:
             packed.extractall(self.folder)
         shutil.copy("/etc/resolv.conf", self.folder / "etc/resolv.conf")
         (self.folder / "packages").mkdir()
+        # What programs there write to the system's log.
+        self.log = []
+        place = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        place.bind(str(self.folder / "dev/log"))
+        threading.Thread(target=self.listen, args=[place], daemon=True).start()
+
+    def listen(self, place):
+        while True:
+            self.log.append(place.recv(65536).decode(errors="replace"))
 
     def run(self, script, text="", seconds=600):
         """Runs a script of sh, and ends what it has left running. Returns its exit code, and what it has printed."""
-        done = subprocess.run(["unshare", "--mount", "--pid", "--fork", "--kill-child", "--propagation", "private", "sh",
-                               "-ec", ENTER, "sh", self.folder, script], input=text, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True, errors="replace", timeout=seconds)
+        inside = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--propagation", "private"]
+        done = subprocess.run([*inside, "sh", "-ec", ENTER, "sh", self.folder, script], input=text,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace",
+                              timeout=seconds)
         return done.returncode, done.stdout
 
     def files(self):
@@ -72,6 +85,7 @@ class Room:
         found = set()
         for folder, folders, names in os.walk(self.folder):
             inside = Path(folder).relative_to(self.folder).as_posix()
-            folders[:] = [each for each in folders if f"{inside}/{each}".removeprefix("./") not in ("proc", "sys", "dev")]
+            folders[:] = [each for each in folders
+                          if f"{inside}/{each}".removeprefix("./") not in ("proc", "sys", "dev")]
             found |= {f"{inside}/{each}".removeprefix("./") for each in folders + names}
         return {each for each in found if not each.startswith(OF_APT)}

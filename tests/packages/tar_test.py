@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Unpacks the tar, uses it where it lies and elsewhere, installs, renews and removes it by install.sh.
 
-    tar_test.py --build FOLDER --packages FOLDER --version VERSION --cmake PROGRAM --ninja PROGRAM --compiler C++
+    tar_test.py --build FOLDER --packages FOLDER --version VERSION --cmake PROGRAM --ninja PROGRAM
+                --compiler C++
 """
 
 import os
@@ -50,10 +51,16 @@ class Tar(linux.InFolder):
 
     def test_contents(self):
         names = files_in(self.tree)
-        for name in ("install.sh", "bin/qortool", "bin/qor-heap", "bin/qor-record", "bin/qor-debug-user",
-                     "include/qor/qor.h", "share/doc/qor/README.md", "share/doc/qor/docs/library.md",
-                     "share/doc/qor/THIRD-PARTY-NOTICES"):
+        for name in ("install.sh", "include/qor/qor.h", "share/doc/qor/README.md", "share/doc/qor/docs/library.md",
+                     "share/doc/qor/LICENCE", "share/doc/qor/THIRD-PARTY-NOTICES",
+                     "share/doc/qor/reference/index.html"):
             self.assertIn(name, names)
+        programs = {"qortool", "qor-check", "qor-debug-user", "qor-heap", "qor-record"}
+        self.assertEqual({path.name for path in (self.tree / "bin").iterdir()}, programs)
+        for each in programs:
+            for name in (f"man/man1/{each}.1", f"bash-completion/completions/{each}", f"zsh/site-functions/_{each}",
+                         f"fish/vendor_completions.d/{each}.fish"):
+                self.assertIn(f"share/{name}", names)
         libraries = {name.rpartition("/")[2] for name in names if name.endswith(".so")}
         self.assertEqual(libraries, {"libqor.so", "libqor-record.so", *(f"qor-{each}.so" for each in MODULES)})
         for path in (self.tree / "bin").iterdir():
@@ -106,6 +113,20 @@ class Tar(linux.InFolder):
         self.run_program(*words, "--uninstall")
         self.assertEqual(files_in(home), set())
 
+    @unittest.skipUnless(os.geteuid() == 0, "this takes root")
+    def test_what_root_installs(self):
+        """It belongs to root, and everybody can use it, whoever has unpacked the tar."""
+        for path in [self.tree, *self.tree.rglob("*")]:
+            os.chown(path, 65534, 65534)
+            path.chmod(path.stat().st_mode & 0o700)
+        prefix = self.folder / "prefix"
+        self.run_program("sh", "-c", f"umask 077; {self.tree}/install.sh --prefix {prefix}")
+        for path in [prefix, *prefix.rglob("*")]:
+            found = path.stat()
+            self.assertEqual((found.st_uid, found.st_gid), (0, 0), path)
+            expected = 0o755 if path.is_dir() or path.parent.name == "bin" else 0o644
+            self.assertEqual(found.st_mode & 0o7777, expected, path)
+
     def test_a_newer_one(self):
         """It replaces the older one: files that it does not have any more are gone."""
         prefix = self.folder / "prefix"
@@ -146,13 +167,14 @@ class Tar(linux.InFolder):
         """The Debian package of a library that the loader does not find, here of all of them."""
         tools = self.folder / "tools"
         tools.mkdir()
-        (tools / "ldd").write_text("#!/bin/sh\ncase $1 in */qor-openssl.so) "
-                                   "printf '\\tlibcrypto.so.3 => not found\\n\\tlibc.so.6 => /lib/libc.so.6 (0x7)\\n' ;; esac\n")
+        (tools / "ldd").write_text("#!/bin/sh\ncase $1 in */qor-openssl.so) printf '\\tlibcrypto.so.3 => not found"
+                                   "\\n\\tlibc.so.6 => /lib/libc.so.6 (0x7)\\n' ;; esac\n")
         (tools / "ldconfig").write_text("#!/bin/sh\necho '\tlibz.so.1 (libc6) => /lib/libz.so.1'\n")
         for each in tools.iterdir():
             each.chmod(0o755)
         self.assertEqual(self.install("--check", PATH=f"{tools}:{os.environ['PATH']}"),
-                         "qor-openssl.so needs libcrypto.so.3, which is missing here. In Debian the package is libssl3.\n"
+                         "qor-openssl.so needs libcrypto.so.3, which is missing here. "
+                         "In Debian the package is libssl3.\n"
                          "What reads logs that zstd has compressed needs libzstd.so.1, which is missing here. "
                          "In Debian the package is libzstd1.\n"
                          "What reads functions and lines of addresses needs libdw.so.1, which is missing here. "
@@ -177,9 +199,10 @@ class Tar(linux.InFolder):
 
     def test_what_is_refused(self):
         usage = "usage: install.sh [--prefix FOLDER] [--uninstall | --check]\n"
-        for words in (("--prefix",), ("--remove",), ("somewhere",)):
+        for words in (("--prefix",), ("--prefix", ""), ("--prefix=",), ("--remove",), ("somewhere",)):
             with self.subTest(words=words):
                 self.assertEqual(self.install(*words, code=1), usage)
+        self.assertEqual(self.install("--help"), usage)
         self.assertEqual(self.install("--uninstall", "--prefix", self.folder, code=1),
                          f"There is no qor in {self.folder} that this script has installed.\n")
         self.assertIn("is the folder of this script", self.install("--prefix", self.tree, code=1))

@@ -184,53 +184,77 @@ void print_modules() {
                          each.state == qorModuleState::refused ? each.reason : text_of(message::module_fits));
 }
 
+// Starts the framework if it is bound: messages are then in the user's language.
+bool start_framework(int argc, char** argv) {
+    if (!qor::glue::is_bound())
+        return true;
+    qorStringArray args;
+    args.SetFromArgVec(argc, argv);
+    if (qorInitProcess("qor-check", args, 0))
+        return true;
+    fputerr(stderr, true);
+    return false;
+}
+
+constexpr const char* itself = "/proc/self/exe";
+
+// For what is said before a program is examined: binds like this program itself.
+bool bind_itself(int argc, char** argv) {
+    facts own;
+    std::string reason;
+    if (read_program(itself, own.examined, reason) == read_result::read)
+        bind_like(own);
+    return start_framework(argc, argv);
+}
+
+int show_usage(int argc, char** argv) {
+    if (!bind_itself(argc, argv))
+        return wrong_usage;
+    print(text_of(message::usage));
+    return binds;
+}
+
+int refuse(int argc, char** argv, uint32 number, std::initializer_list<std::string> inserts = {}) {
+    if (bind_itself(argc, argv))
+        complain(text_of(number, inserts));
+    return wrong_usage;
+}
+
 int run(int argc, char** argv) {
     std::string path;
+    bool has_options = true;
     for (int i = 1; i < argc; ++i) {
         const std::string word = argv[i];
-        if (word == "--help") {
-            print(text_of(message::usage));
-            return binds;
+        if (has_options && word.size() > 1 && word.front() == '-') {
+            if (word == "--help")
+                return show_usage(argc, argv);
+            if (word == "--")
+                has_options = false;
+            else if (!word.starts_with("--qor-")) // those of the framework are for qorInitProcess
+                return refuse(argc, argv, message::unknown_option, {word});
+            continue;
         }
-        if (word.starts_with("--qor-"))
-            continue; // the framework's own, for qorInitProcess
-        if (word.size() > 1 && word.front() == '-') {
-            complain(text_of(message::unknown_option, {word}));
-            return wrong_usage;
-        }
-        if (!path.empty()) {
-            complain(text_of(message::one_program));
-            return wrong_usage;
-        }
+        if (!path.empty())
+            return refuse(argc, argv, message::one_program);
         path = word;
     }
     facts known;
     std::string reason;
-    switch (read_program(path.empty() ? "/proc/self/exe" : path, known.examined, reason)) {
+    switch (read_program(path.empty() ? itself : path, known.examined, reason)) {
     case read_result::unreadable:
-        complain(text_of(message::cannot_read, {path, reason}));
-        return wrong_usage;
+        return refuse(argc, argv, message::cannot_read, {path, reason});
     case read_result::no_program:
-        complain(text_of(message::no_program, {path}));
-        return wrong_usage;
+        return refuse(argc, argv, message::no_program, {path});
     case read_result::read:
         break;
     }
     bind_like(known);
-    if (qor::glue::is_bound()) {
-        qorStringArray args;
-        args.SetFromArgVec(argc, argv);
-        if (!qorInitProcess("qor-check", args, 0)) {
-            fputerr(stderr, true);
-            return wrong_usage;
-        }
-    }
+    if (!start_framework(argc, argv))
+        return wrong_usage;
     print_search(known);
     const int code = print_library(known);
     if (known.table != nullptr)
         print_modules();
-    if (qor::glue::is_bound())
-        qorCleanup();
     return code;
 }
 
@@ -238,5 +262,7 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     const int code = run(argc, argv);
+    if (qor::glue::is_bound())
+        qorCleanup();
     return std::fflush(stdout) == 0 && std::ferror(stdout) == 0 ? code : wrong_usage;
 }

@@ -15,8 +15,10 @@ bool load_dw(std::string& reason) {
     if (is_loaded)
         return true;
     void* const library = compression::load_library("libdw.so.1", reason);
-    if (library == nullptr)
+    if (library == nullptr) {
+        reason += " (Debian package: libdw1)";
         return false;
+    }
 #define QOR_DW_FUNCTION(name)                                                                                          \
     functions.name = reinterpret_cast<decltype(::name)*>(compression::find_function(library, #name));                  \
     if (functions.name == nullptr) {                                                                                   \

@@ -4,6 +4,7 @@
 //     #if QOR_VERSION_NUMBER >= QOR_MAKE_VERSION(3, 36, 0)
 #pragma once
 
+// Only a new major version may break programs. A minor one adds to the interface, and a patch does neither.
 #define QOR_VERSION_MAJOR 3
 #define QOR_VERSION_MINOR 35
 #define QOR_VERSION_PATCH 21
