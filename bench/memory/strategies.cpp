@@ -34,7 +34,7 @@ bool has_movdir64b() {
 } // namespace
 
 std::vector<strategies::strategy> strategies::available() {
-    std::vector<strategy> all{{"C library", copy_by_library, fill_by_library, 0}};
+    std::vector<strategy> all{{library, copy_by_library, fill_by_library, 0}};
 #if defined(__x86_64__)
     all.push_back({"rep movsb", copy_string, nullptr, 1});
     all.push_back({"rep stosb", nullptr, fill_string, 1});

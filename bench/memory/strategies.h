@@ -15,7 +15,9 @@ struct strategy {
     uint64 from; // the shortest length for which it is worth a trial
 };
 
-// Those that this processor can run. The first is the C library.
+inline constexpr const char* library = "C library";
+
+// Those that this processor can run. The first is `library`.
 std::vector<strategy> available();
 
 // The parts of available(), each in a translation unit that is compiled for its instruction set.

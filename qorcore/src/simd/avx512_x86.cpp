@@ -10,6 +10,7 @@ struct half_vector {
     using type = __m256i;
     static type load(const void* at) noexcept { return _mm256_loadu_si256(static_cast<const type*>(at)); }
     static void store(void* at, type value) noexcept { _mm256_storeu_si256(static_cast<type*>(at), value); }
+    static type repeat(uint64 pattern) noexcept { return _mm256_set1_epi64x(static_cast<long long>(pattern)); }
 };
 
 struct avx512_vector {
@@ -24,6 +25,9 @@ struct avx512_vector {
     }
     static type repeat(uint64 pattern) noexcept { return _mm512_set1_epi64(static_cast<long long>(pattern)); }
     static void fence() noexcept { _mm_sfence(); }
+    static void store_some(void* at, type value, uint64 count) noexcept {
+        _mm512_mask_storeu_epi8(at, _bzhi_u64(~0ULL, static_cast<unsigned>(count)), value);
+    }
 };
 
 } // namespace

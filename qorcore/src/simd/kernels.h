@@ -4,8 +4,8 @@
 //
 // VECTOR::type has these operations: load and store at any address, store_aligned at a multiple of the vector's size,
 // stream (stores two vectors past the caches, at a multiple of their size), repeat (makes the vector of a pattern) and
-// fence (orders streamed stores before later ones). VECTOR::half has the same for vectors of 32 bytes, if its own are
-// wider; else it is VECTOR.
+// fence (orders streamed stores before later ones). VECTOR::half has load, store and repeat for vectors of 32 bytes, if
+// its own are wider; else it is VECTOR. VECTOR::store_some stores the first bytes of a vector, if a set can.
 #pragma once
 
 #include "simd/pattern.h"
@@ -13,41 +13,63 @@
 
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 namespace {
 
-// ---- up to 32 bytes: pieces from both ends, which may overlap in the middle
-struct piece {
+// Fewer bytes than a vector has, with its operations.
+template <class TYPE>
+struct scalar {
+    using type = TYPE;
+    static type load(const char* from) noexcept {
+        type value;
+        std::memcpy(&value, from, sizeof value);
+        return value;
+    }
+    static void store(char* to, const type& value) noexcept { std::memcpy(to, &value, sizeof value); }
+    static type repeat(uint64 pattern) noexcept {
+        const uint64 all[] = {pattern, pattern};
+        return load(reinterpret_cast<const char*>(all));
+    }
+};
+struct two_words {
     uint64 words[2];
 };
 
-template <class TYPE>
-TYPE get(const char* from) noexcept {
-    TYPE value;
-    std::memcpy(&value, from, sizeof value);
-    return value;
-}
-
-template <class TYPE>
-void put(char* to, const TYPE& value) noexcept {
-    std::memcpy(to, &value, sizeof value);
-}
-
-// Two pieces cover any length from one piece to two.
-template <class TYPE>
+// COUNT pieces at each end, which may overlap in the middle: any length from COUNT pieces to twice as many. All loads
+// come before the first store.
+template <class PIECE, uint64 COUNT = 1>
 void copy_ends(char* to, const char* from, uint64 length) noexcept {
-    const TYPE first = get<TYPE>(from);
-    const TYPE last = get<TYPE>(from + length - sizeof(TYPE));
-    put(to, first);
-    put(to + length - sizeof(TYPE), last);
+    constexpr uint64 width = sizeof(typename PIECE::type);
+    [&]<uint64... AT>(std::integer_sequence<uint64, AT...>) {
+        const char* const last = from + length - COUNT * width;
+        const typename PIECE::type front[] = {PIECE::load(from + AT * width)...};
+        const typename PIECE::type back[] = {PIECE::load(last + AT * width)...};
+        (PIECE::store(to + AT * width, front[AT]), ...);
+        (PIECE::store(to + length - (COUNT - AT) * width, back[AT]), ...);
+    }(std::make_integer_sequence<uint64, COUNT>());
 }
 
-// Stores the beginning of the pattern at the front, and its continuation at the end.
-template <class TYPE>
+// The same for a fill.
+template <class PIECE, uint64 COUNT = 1>
 void fill_ends(char* to, uint64 pattern, uint64 length) noexcept {
-    const uint64 end = go_on(pattern, length - sizeof(TYPE));
-    std::memcpy(to, &pattern, sizeof(TYPE));
-    std::memcpy(to + length - sizeof(TYPE), &end, sizeof(TYPE));
+    constexpr uint64 width = sizeof(typename PIECE::type);
+    [&]<uint64... AT>(std::integer_sequence<uint64, AT...>) {
+        const typename PIECE::type front = PIECE::repeat(pattern);
+        const typename PIECE::type back = PIECE::repeat(go_on(pattern, length - width % 8));
+        (PIECE::store(to + AT * width, front), ...);
+        (PIECE::store(to + length - (COUNT - AT) * width, back), ...);
+    }(std::make_integer_sequence<uint64, COUNT>());
+}
+
+// One to three bytes: the first, the middle one and the last, of which some are the same.
+inline void copy_up_to_3(char* to, const char* from, uint64 length) noexcept {
+    const char first = from[0], middle = from[length / 2], last = from[length - 1];
+    to[0] = first, to[length / 2] = middle, to[length - 1] = last;
+}
+inline void fill_up_to_3(char* to, uint64 pattern, uint64 length) noexcept {
+    for (const uint64 at : {uint64{0}, length / 2, length - 1})
+        scalar<char>::store(to + at, scalar<char>::repeat(go_on(pattern, at)));
 }
 
 template <class VECTOR>
@@ -55,6 +77,9 @@ struct kernels {
     using type = typename VECTOR::type;
     static constexpr uint64 width = sizeof(type);
     static constexpr uint64 block = 4 * width;
+    static constexpr uint64 page = 4096;
+    using half = typename VECTOR::half;
+    static constexpr uint64 half_width = sizeof(typename half::type);
     static_assert(qor::simd::small_limit >= width && qor::simd::stream_minimum >= block);
 
     // ---- blocks of four vectors or two, at any address
@@ -64,12 +89,10 @@ struct kernels {
         VECTOR::store(to, a), VECTOR::store(to + width, b);
         VECTOR::store(to + 2 * width, c), VECTOR::store(to + 3 * width, d);
     }
-    static void copy_pair(char* to, const char* from) noexcept {
-        const type a = VECTOR::load(from), b = VECTOR::load(from + width);
-        VECTOR::store(to, a), VECTOR::store(to + width, b);
+    static void fill_block(char* to, type value) noexcept {
+        VECTOR::store(to, value), VECTOR::store(to + width, value);
+        VECTOR::store(to + 2 * width, value), VECTOR::store(to + 3 * width, value);
     }
-    static void fill_pair(char* to, type value) noexcept { VECTOR::store(to, value), VECTOR::store(to + width, value); }
-    static void fill_block(char* to, type value) noexcept { fill_pair(to, value), fill_pair(to + 2 * width, value); }
 
     static void copy_one(char* to, const char* from) noexcept { VECTOR::store(to, VECTOR::load(from)); }
 
@@ -79,61 +102,36 @@ struct kernels {
     }
 
     // ---- any length
-    // The hints control the code layout: a taken jump costs about one of eight cycles.
+    // The hints control the code layout: the lengths of which most time is spent come without a taken jump.
     static void copy(void* destination, const void* source, uint64 length) noexcept {
         char* to = static_cast<char*>(destination);
         const char* from = static_cast<const char*>(source);
-        if (length <= qor::simd::small_limit) [[likely]] {
-            if (length >= sizeof(piece)) [[likely]] {
-                if (length <= 2 * sizeof(piece)) [[likely]]
-                    return copy_ends<piece>(to, from, length);
-                copy_up_to_64(to, from, length);
-            } else if (length >= 8) [[likely]] {
-                copy_ends<uint64>(to, from, length);
-            } else if (length >= 4) {
-                copy_ends<uint32>(to, from, length);
-            } else if (length >= 2) {
-                copy_ends<uint16>(to, from, length);
-            } else if (length != 0) {
-                *to = *from;
-            }
-        } else if (length <= 2 * block) [[likely]] {
-            copy_medium(to, from, length);
-        } else {
+        if (length >= 64) [[likely]] {
+            if (length <= 128) [[likely]]
+                return copy_ends<VECTOR, 64 / width>(to, from, length);
+            if constexpr (2 * block >= 256)
+                if (length <= 256) [[likely]]
+                    return copy_ends<VECTOR, 128 / width>(to, from, length);
+            if constexpr (2 * block >= 512)
+                if (length <= 512) [[likely]]
+                    return copy_ends<VECTOR, 256 / width>(to, from, length);
             copy_long(to, from, length);
+        } else if (length >= 32) [[likely]] {
+            copy_ends<half, 32 / half_width>(to, from, length);
+        } else if (length >= 16) [[likely]] {
+            copy_ends<scalar<two_words>>(to, from, length);
+        } else if (length >= 8) [[likely]] {
+            copy_ends<scalar<uint64>>(to, from, length);
+        } else if (length >= 4) [[likely]] {
+            copy_ends<scalar<uint32>>(to, from, length);
+        } else if (length != 0) {
+            copy_up_to_3(to, from, length);
         }
     }
 
-    static void copy_up_to_64(char* to, const char* from, uint64 length) noexcept {
-        using half = typename VECTOR::half;
-        constexpr uint64 half_width = sizeof(typename half::type);
-        if constexpr (half_width == 32) {
-            const auto a = half::load(from), b = half::load(from + length - half_width);
-            half::store(to, a), half::store(to + length - half_width, b);
-        } else {
-            const char* const last = from + length - 2 * width;
-            const type a = VECTOR::load(from), b = VECTOR::load(from + width);
-            const type c = VECTOR::load(last), d = VECTOR::load(last + width);
-            VECTOR::store(to, a), VECTOR::store(to + width, b);
-            VECTOR::store(to + length - 2 * width, c), VECTOR::store(to + length - width, d);
-        }
-    }
-
-    static void copy_medium(char* to, const char* from, uint64 length) noexcept {
-        char* const end_to = to + length;
-        const char* const end_from = from + length;
-        if (length <= 2 * width) [[likely]] {
-            const type a = VECTOR::load(from), b = VECTOR::load(end_from - width);
-            VECTOR::store(to, a), VECTOR::store(end_to - width, b);
-        } else if (length <= block) [[likely]] {
-            const type a = VECTOR::load(from), b = VECTOR::load(from + width);
-            const type c = VECTOR::load(end_from - 2 * width), d = VECTOR::load(end_from - width);
-            VECTOR::store(to, a), VECTOR::store(to + width, b);
-            VECTOR::store(end_to - 2 * width, c), VECTOR::store(end_to - width, d);
-        } else {
-            copy_block(to, from);
-            copy_block(end_to - block, end_from - block);
-        }
+    // The processor takes long to find out that it need not store a part of a vector that lies in a page of others.
+    static bool is_near_end_of_page(const char* at) noexcept {
+        return reinterpret_cast<std::uintptr_t>(at) % page > page - width;
     }
 
     static void copy_long(char* to, const char* from, uint64 length) noexcept {
@@ -188,40 +186,35 @@ struct kernels {
     // Inline, because a pattern of zeros takes much less work if the compiler knows it.
     [[gnu::always_inline]] static void fill_any(void* destination, uint64 pattern, uint64 length) noexcept {
         char* to = static_cast<char*>(destination);
-        if (length <= qor::simd::small_limit) [[likely]] {
-            if (length >= sizeof(piece)) [[likely]] {
-                const piece begin{{pattern, pattern}};
-                const uint64 phase = go_on(pattern, length);
-                const piece end{{phase, phase}};
-                char* const last = to + length - sizeof(piece);
-                if (length > 2 * sizeof(piece))
-                    put(to + sizeof(piece), begin), put(last - sizeof(piece), end);
-                put(to, begin), put(last, end);
-            } else if (length >= 8) {
-                fill_ends<uint64>(to, pattern, length);
-            } else if (length >= 4) {
-                fill_ends<uint32>(to, pattern, length);
-            } else if (length >= 2) {
-                fill_ends<uint16>(to, pattern, length);
-            } else if (length != 0) {
-                std::memcpy(to, &pattern, 1);
-            }
-        } else if (length <= 2 * block) [[likely]] {
-            char* const last = to + length - block;
-            const type begin = VECTOR::repeat(pattern);
-            const type end = VECTOR::repeat(go_on(pattern, length));
-            if (length <= 2 * width) [[likely]] {
-                VECTOR::store(to, begin);
-                VECTOR::store(last + 3 * width, end);
-            } else if (length <= block) [[likely]] {
-                fill_pair(to, begin);
-                fill_pair(last + 2 * width, end);
-            } else {
-                fill_block(to, begin);
-                fill_block(last, end);
-            }
-        } else {
+        if (length >= 64) [[likely]] {
+            if (length <= 128) [[likely]]
+                return fill_ends<VECTOR, 64 / width>(to, pattern, length);
+            if constexpr (2 * block >= 256)
+                if (length <= 256) [[likely]]
+                    return fill_ends<VECTOR, 128 / width>(to, pattern, length);
+            if constexpr (2 * block >= 512)
+                if (length <= 512) [[likely]]
+                    return fill_ends<VECTOR, 256 / width>(to, pattern, length);
             fill_long(to, pattern, length);
+        } else {
+            fill_short(to, pattern, length);
+        }
+    }
+
+    [[gnu::always_inline]] static void fill_short(char* to, uint64 pattern, uint64 length) noexcept {
+        if constexpr (requires { &VECTOR::store_some; })
+            if (!is_near_end_of_page(to)) [[likely]]
+                return VECTOR::store_some(to, VECTOR::repeat(pattern), length);
+        if (length >= 32) [[likely]] {
+            fill_ends<half, 32 / half_width>(to, pattern, length);
+        } else if (length >= 16) [[likely]] {
+            fill_ends<scalar<two_words>>(to, pattern, length);
+        } else if (length >= 8) [[likely]] {
+            fill_ends<scalar<uint64>>(to, pattern, length);
+        } else if (length >= 4) [[likely]] {
+            fill_ends<scalar<uint32>>(to, pattern, length);
+        } else if (length != 0) {
+            fill_up_to_3(to, pattern, length);
         }
     }
 
@@ -288,7 +281,7 @@ struct kernels {
 
     // A strip of each of four pages in turn: the prefetcher follows each of them, and the memory has more to do at
     // once.
-    static constexpr uint64 page = 4096, pages = 4;
+    static constexpr uint64 pages = 4;
     static void stream_pages(void* destination, const void* source, uint64 length) noexcept {
         char* to = static_cast<char*>(destination);
         const char* from = static_cast<const char*>(source);

@@ -14,28 +14,28 @@
 inline uint64 qor_get_simd_alignment() noexcept { return qor::glue::qor_get_simd_alignment(); }
 
 // Fills `length` bytes at any address with zeros.
-inline void simd_zero(void* dst, uint64 length) noexcept { qor::glue::simd_zero(dst, length); }
+[[gnu::noinline]] inline void simd_zero(void* dst, uint64 length) noexcept { qor::glue::simd_zero(dst, length); }
 
 // Fill `length` bytes at any address with the repeated value, in the byte order of this machine. The first byte of the
 // value comes first; the last repetition is cut off at the end.
-inline void simd_memset_u8(void* dst, uint8 value, uint64 length) noexcept {
+[[gnu::noinline]] inline void simd_memset_u8(void* dst, uint8 value, uint64 length) noexcept {
     qor::glue::simd_memset_u8(dst, value, length);
 }
-inline void simd_memset_u16(void* dst, uint16 value, uint64 length) noexcept {
+[[gnu::noinline]] inline void simd_memset_u16(void* dst, uint16 value, uint64 length) noexcept {
     qor::glue::simd_memset_u16(dst, value, length);
 }
-inline void simd_memset_u32(void* dst, uint32 value, uint64 length) noexcept {
+[[gnu::noinline]] inline void simd_memset_u32(void* dst, uint32 value, uint64 length) noexcept {
     qor::glue::simd_memset_u32(dst, value, length);
 }
-inline void simd_memset_u64(void* dst, uint64 value, uint64 length) noexcept {
+[[gnu::noinline]] inline void simd_memset_u64(void* dst, uint64 value, uint64 length) noexcept {
     qor::glue::simd_memset_u64(dst, value, length);
 }
 
 // Copy `length` bytes. The buffers must not overlap, but may be identical. simd_memcpy_aligned needs both buffers at
 // multiples of qor_get_simd_alignment(); simd_memcpy_safe takes any addresses.
-inline void simd_memcpy_aligned(void* dst, const void* src, uint64 length) noexcept {
+[[gnu::noinline]] inline void simd_memcpy_aligned(void* dst, const void* src, uint64 length) noexcept {
     qor::glue::simd_memcpy_aligned(dst, src, length);
 }
-inline void simd_memcpy_safe(void* dst, const void* src, uint64 length) noexcept {
+[[gnu::noinline]] inline void simd_memcpy_safe(void* dst, const void* src, uint64 length) noexcept {
     qor::glue::simd_memcpy_safe(dst, src, length);
 }
