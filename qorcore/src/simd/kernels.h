@@ -96,10 +96,12 @@ struct kernels {
 
     static void copy_one(char* to, const char* from) noexcept { VECTOR::store(to, VECTOR::load(from)); }
 
-    // The distance to the next multiple of `size`. Never 0, so that the head is always one whole piece.
-    static uint64 to_next(const char* at, uint64 size) noexcept {
-        return size - (reinterpret_cast<std::uintptr_t>(at) & (size - 1));
+    // The distances from the last and to the next multiple of `size`. The latter is never 0, so that the head is always
+    // one whole piece.
+    static uint64 since_last(const char* at, uint64 size) noexcept {
+        return reinterpret_cast<std::uintptr_t>(at) & (size - 1);
     }
+    static uint64 to_next(const char* at, uint64 size) noexcept { return size - since_last(at, size); }
 
     // ---- any length
     // The hints control the code layout: the lengths of which most time is spent come without a taken jump.
@@ -115,7 +117,9 @@ struct kernels {
             if constexpr (2 * block >= 512)
                 if (length <= 512) [[likely]]
                     return copy_ends<VECTOR, 256 / width>(to, from, length);
-            copy_long(to, from, length);
+            if (length >= qor::simd::large_copy_from.load(std::memory_order_acquire)) [[unlikely]]
+                return qor::simd::copy_large(to, from, length);
+            copy_blocks(to, from, length);
         } else if (length >= 32) [[likely]] {
             copy_ends<half, 32 / half_width>(to, from, length);
         } else if (length >= 16) [[likely]] {
@@ -134,12 +138,6 @@ struct kernels {
         return reinterpret_cast<std::uintptr_t>(at) % page > page - width;
     }
 
-    static void copy_long(char* to, const char* from, uint64 length) noexcept {
-        if (length >= qor::simd::large_copy_from.load(std::memory_order_acquire)) [[unlikely]]
-            return qor::simd::copy_large(to, from, length);
-        copy_loop(to, from, length);
-    }
-
     // A load waits for an earlier store if their addresses agree modulo 4096, because the processor mistakes it for
     // dependent. If the destination is shortly ahead of the source modulo 4096, this happens in every round of a
     // forward copy, but never in a backward copy. A copy that does not fit the first-level cache waits for the second
@@ -150,25 +148,26 @@ struct kernels {
     }
 
     static void copy_loop(void* destination, const void* source, uint64 length) noexcept {
-        char* to = static_cast<char*>(destination);
-        const char* from = static_cast<const char*>(source);
         if (length <= 2 * block)
-            return copy(to, from, length);
-        char* const last_to = to + length - block;
-        const char* const last_from = from + length - block;
+            return copy(destination, source, length);
+        copy_blocks(static_cast<char*>(destination), static_cast<const char*>(source), length);
+    }
+
+    // More than two blocks: a vector at each end, and between them whole blocks whose stores are aligned, of which the
+    // last may overlap the one before it.
+    [[gnu::always_inline]] static void copy_blocks(char* to, const char* from, uint64 length) noexcept {
+        copy_one(to, from);
+        copy_one(to + length - width, from + length - width);
+        const uint64 first = to_next(to, width);
+        const uint64 last = length - block - since_last(to + length, width);
         if (!runs_ahead(to, from, length)) {
-            copy_one(to, from);
-            const uint64 head = to_next(to, width);
-            for (to += head, from += head; to < last_to; to += block, from += block)
-                copy_block_aligned(to, from);
-            copy_block(last_to, last_from);
+            for (uint64 at = first; at < last; at += block)
+                copy_block_aligned(to + at, from + at);
+            copy_block_aligned(to + last, from + last);
         } else {
-            copy_one(last_to + 3 * width, last_from + 3 * width);
-            const uint64 tail = width - to_next(last_to, width);
-            char* at = last_to - tail;
-            for (const char* with = last_from - tail; at > to; at -= block, with -= block)
-                copy_block_aligned(at, with);
-            copy_block(to, from);
+            for (uint64 end = last + block; end > first + block; end -= block)
+                copy_block_aligned(to + end - block, from + end - block);
+            copy_block_aligned(to + first, from + first);
         }
     }
 
@@ -195,7 +194,9 @@ struct kernels {
             if constexpr (2 * block >= 512)
                 if (length <= 512) [[likely]]
                     return fill_ends<VECTOR, 256 / width>(to, pattern, length);
-            fill_long(to, pattern, length);
+            if (length >= qor::simd::large_fill_from.load(std::memory_order_acquire)) [[unlikely]]
+                return qor::simd::fill_large(to, pattern, length);
+            fill_blocks(to, pattern, length);
         } else {
             fill_short(to, pattern, length);
         }
@@ -218,25 +219,31 @@ struct kernels {
         }
     }
 
-    static void fill_long(char* to, uint64 pattern, uint64 length) noexcept {
-        if (length >= qor::simd::large_fill_from.load(std::memory_order_acquire)) [[unlikely]]
-            return qor::simd::fill_large(to, pattern, length);
-        fill_loop(to, pattern, length);
+    static void fill_loop(void* destination, uint64 pattern, uint64 length) noexcept {
+        if (length <= 2 * block)
+            return fill(destination, pattern, length);
+        fill_blocks(static_cast<char*>(destination), pattern, length);
     }
 
-    static void fill_loop(void* destination, uint64 pattern, uint64 length) noexcept {
-        char* to = static_cast<char*>(destination);
-        if (length <= 2 * block)
-            return fill(to, pattern, length);
-        char* const last = to + length - block;
+    [[gnu::always_inline]] static void fill_blocks(char* to, uint64 pattern, uint64 length) noexcept {
         VECTOR::store(to, VECTOR::repeat(pattern));
-        const uint64 head = to_next(to, width);
-        const type middle = VECTOR::repeat(go_on(pattern, head));
-        for (to += head; to < last; to += block) {
-            VECTOR::store_aligned(to, middle), VECTOR::store_aligned(to + width, middle);
-            VECTOR::store_aligned(to + 2 * width, middle), VECTOR::store_aligned(to + 3 * width, middle);
-        }
-        fill_block(last, VECTOR::repeat(go_on(pattern, length)));
+        const uint64 first = to_next(to, width);
+        const uint64 over = since_last(to + length, width);
+        const type middle = VECTOR::repeat(go_on(pattern, first));
+        // A store that ends in another page than it begins takes thirty times as long as others.
+        if constexpr (requires { &VECTOR::store_some; })
+            VECTOR::store_some(to + length - over, middle, over);
+        else
+            VECTOR::store(to + length - width, VECTOR::repeat(go_on(pattern, length)));
+        const uint64 last = length - over - block;
+        for (uint64 at = first; at < last; at += block)
+            fill_block_aligned(to + at, middle);
+        fill_block_aligned(to + last, middle);
+    }
+
+    static void fill_block_aligned(char* to, type value) noexcept {
+        VECTOR::store_aligned(to, value), VECTOR::store_aligned(to + width, value);
+        VECTOR::store_aligned(to + 2 * width, value), VECTOR::store_aligned(to + 3 * width, value);
     }
 
     // ---- past the caches, for at least stream_minimum bytes
