@@ -2,9 +2,11 @@
 """Makes the packages for Debian: copies the tree, puts this folder into the copy as `debian`, and builds there by
 Debian's tools.
 
-    pack.py --work FOLDER --out FOLDER [--jobs N] [--build FOLDER]
+    pack.py --work FOLDER --out FOLDER [--jobs N] [--build FOLDER | --arch NAME]
 
-With --build, the packages get the files of that finished build, compiled as it was; for tests of the packages.
+With --build, the packages get the files of that finished build, compiled as it was; for tests of the packages. With
+--arch, they are for the processor that Debian calls so, and are cross-built in a Debian that is made for it and goes away
+afterwards; those that are the same for all processors are not built then.
 
 WORK keeps the copy and its objects, so that only changed sources are compiled again. SOURCE_DATE_EPOCH, otherwise the
 time of the newest entry of the changelog, is the time of the files in the packages. The same tree and the same time
@@ -15,6 +17,7 @@ name the host's own packages.
 import argparse
 import os
 import re
+import shlex
 import shutil
 import subprocess
 import sys
@@ -26,6 +29,9 @@ from packing import TREE, Fault, print_made, run, time_of_entries  # noqa: E402 
 
 # What the copy has besides the files of the tree.
 KEPT = {"debian"}
+
+# The Debian whose packages others are cross-built with.
+SUITE = "bookworm"
 
 
 def version():
@@ -86,6 +92,29 @@ def copy_rules(to):
     path.write_text(path.read_text(encoding="utf-8").replace("@LICENCE@", field), encoding="utf-8")
 
 
+BUILD = ["dpkg-buildpackage", "--no-pre-clean", "--unsigned-changes", "--unsigned-buildinfo"]
+PROFILES = "cross,nocheck"
+
+
+def build_for(arch, options, source, environment):
+    """Cross-builds in a Debian with the libraries of both processors; the host keeps its own packages."""
+    own = run("dpkg", "--print-architecture").strip()
+    kept = ["env", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND=noninteractive"]
+    kept += [f"{name}={environment[name]}" for name in ("LC_ALL", "TZ", "DEB_BUILD_OPTIONS")]
+    kept += [f"SOURCE_DATE_EPOCH={os.environ['SOURCE_DATE_EPOCH']}"] if "SOURCE_DATE_EPOCH" in os.environ else []
+    folder = f"/work/{source.name}"
+    steps = [f"apt-get -y -qq -o Dpkg::Use-Pty=0 --host-architecture {arch} -P {PROFILES} build-dep {folder}",
+             f"cd {folder}", shlex.join([*BUILD, "--build=any", f"--host-arch={arch}", f"--build-profiles={PROFILES}"]),
+             f"mkdir /made && mv /work/*_{arch}.* /made"]
+    inside = shlex.join(["sh", "-ec", "\n".join(steps)])
+    run("mmdebstrap", "--quiet", "--variant=apt", "--format=null", "--dpkgopt=force-unsafe-io",
+        f"--architectures={own},{arch}", f"--include=crossbuild-essential-{arch},qemu-user",
+        "--customize-hook=mkdir \"$1/work\"",
+        f"--customize-hook=copy-in {shlex.quote(str(source))} /work",
+        f"--customize-hook={shlex.join(kept)} chroot \"$1\" {inside}",
+        f"--customize-hook=sync-out /made {shlex.quote(str(options.work))}", SUITE, "/dev/null")
+
+
 def make(options):
     upstream, package_version = version()
     time_of_entries()  # Debian's tools do not check it
@@ -100,8 +129,10 @@ def make(options):
     if options.build:
         environment["QOR_BUILD"] = str(options.build.resolve())
     os.umask(0o022)
-    run("dpkg-buildpackage", "--build=binary", "--no-pre-clean", "--unsigned-changes", "--unsigned-buildinfo",
-        cwd=source, env=environment)
+    if options.arch:
+        build_for(options.arch, options, source, environment)
+    else:
+        run(*BUILD, "--build=binary", cwd=source, env=environment)
 
     options.out.mkdir(parents=True, exist_ok=True)
     made = sorted(options.work.glob(f"*_{package_version}*"))
@@ -113,7 +144,9 @@ def parse():
     parser.add_argument("--work", type=Path, required=True)
     parser.add_argument("--out", type=Path, required=True)
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
-    parser.add_argument("--build", type=Path)
+    where = parser.add_mutually_exclusive_group()
+    where.add_argument("--build", type=Path)
+    where.add_argument("--arch")
     options = parser.parse_args()
     options.work, options.out = options.work.resolve(), options.out.resolve()
     return options
