@@ -1,12 +1,12 @@
-# A build for 64-bit ARM on another processor: Debian's cross compiler, the libraries of a Debian for ARM in the folder
-# QOR_ROOT, and qemu for the tests.
+# A build for 64-bit ARM on another processor: Debian's cross compiler, the libraries that scripts/build-arm64-root puts
+# into the folder QOR_ROOT, and qemu for the tests.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 
-set(QOR_ROOT ${CMAKE_CURRENT_LIST_DIR}/../build/debian-arm64 CACHE PATH "The root of a Debian for ARM")
+set(QOR_ROOT ${CMAKE_CURRENT_LIST_DIR}/../build/arm64-root CACHE PATH "The root of a Debian for ARM")
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES QOR_ROOT)
 get_filename_component(CMAKE_SYSROOT ${QOR_ROOT} ABSOLUTE)
 set(CMAKE_FIND_ROOT_PATH ${CMAKE_SYSROOT})

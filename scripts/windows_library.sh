@@ -7,9 +7,8 @@
 #     needs             the packages that the build needs, in the form that install_missing takes
 #     compile FOLDER DESTINATION    builds DESTINATION/LIBRARY from the sources in FOLDER
 #
-# The caller then calls `make_library "$@"`. The result is kept in $QOR_CACHE (otherwise ~/.cache/qor), where later calls
-# from any clone find it. --again builds it again, for instance after a security update. build/LIBRARY-windows is a link to
-# it. The scripts read the apt settings of the host and never change them; only their own download uses Debian's source
+# The caller then calls `make_library "$@"`. kept_result.sh says where it keeps the result, build/LIBRARY-windows. The
+# scripts read the apt settings of the host and never change them; only their own download uses Debian's source
 # repository.
 
 # Prints the host's Debian repositories as source repositories, for `apt-get source`. Those of other vendors seldom have
@@ -41,36 +40,10 @@ download() {
     return 1
 }
 
-# make_result RESULT MADE_BY: builds the library and puts it in the folder RESULT, with the stamp MADE_BY.
-make_result() {
-    say "Building $library for Windows; this may take some minutes ..."
-    work=$cache/work.$$
-    trap 'rm -rf "$work"' EXIT
-    mkdir -p "$work"
-    local log=$work/log
-    if ! { download "$work" && compile "$work/$source_package"-*/ "$work/root"; } >"$log" 2>&1 </dev/null; then
-        tail -n 30 "$log" >&2
-        die "$library for Windows could not be built."
-    fi
-    echo "$2" >"$work/root/$library/made-by"
-    rm -rf "$1"
-    mv "$work/root/$library" "$1"
+produce() {
+    download "$1" && compile "$1/$source_package"-*/ "$1/root" && mv "$1/root/$library" "$2"
 }
 
-make_library() {
-    [[ ${1:-} == --again || $# == 0 ]] || die "usage: $0 [--again]"
-    cache=${QOR_CACHE:-${HOME:+$HOME/.cache/qor}}
-    cache=${cache:-$builds/cache}
-    # A result is valid for the commands that made it, so a change of the scripts, except of comments, makes a new one.
-    local result=$cache/$library-windows made_by
-    made_by=$(grep -hv '^ *#' "$0" "${BASH_SOURCE[0]}" | cksum)
-    mkdir -p "$cache" "$builds"
-    {
-        flock 9
-        if [[ ${1:-} == --again || $(cat "$result/made-by" 2>/dev/null) != "$made_by" ]]; then
-            install_missing "${needs[@]}"
-            make_result "$result" "$made_by"
-        fi
-    } 9>"$cache/$library-windows.lock"
-    ln -sfn "$result" "$builds/$library-windows"
-}
+name=$library-windows what="$library for Windows"
+source "$tree/scripts/kept_result.sh"
+make_library() { keep_result "$@"; }
