@@ -88,6 +88,20 @@ class Reference(unittest.TestCase):
                     self.assertNotIn(bytes(place), content, path)
                 self.assertIsNone(re.search(rb"\bdir_[0-9a-f]{32}", content), path)
 
+    def test_folders_may_have_blanks(self):
+        with tempfile.TemporaryDirectory(prefix="qor.") as folder:
+            tree, made = Path(folder, "a tree"), Path(folder, "the pages")
+            tree.symlink_to(TREE)
+            made.mkdir()
+            settings = (options.build / "qorcore/reference/Doxyfile").read_text().replace(str(TREE), str(tree))
+            settings += f'OUTPUT_DIRECTORY = "{made}"\n'
+            done = subprocess.run(["doxygen", "-"], input=settings, text=True, stdout=subprocess.PIPE,
+                                  stderr=subprocess.STDOUT)
+            self.assertEqual((done.stdout, done.returncode), ("", 0))
+            subprocess.run([sys.executable, tree / "qorcore/reference/names.py", made / "html"], check=True)
+            self.assertEqual({path.name for path in (made / "html").iterdir()},
+                             {path.name for path in self.html.iterdir()})
+
     def test_links_to_values_are_right(self):
         """A parameter with the name of a value of a scoped enumeration is no link; a value is one."""
         self.assertRegex(self.page("classqorString.html"), r"\(const char \*text, ")
