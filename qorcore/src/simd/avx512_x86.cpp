@@ -26,8 +26,12 @@ struct avx512_vector {
     static type repeat(uint64 pattern) noexcept { return _mm512_set1_epi64(static_cast<long long>(pattern)); }
     static void fence() noexcept { _mm_sfence(); }
     static void store_some(void* at, type value, uint64 count) noexcept {
-        _mm512_mask_storeu_epi8(at, _bzhi_u64(~0ULL, static_cast<unsigned>(count)), value);
+        _mm512_mask_storeu_epi8(at, first(count), value);
     }
+    static void copy_some(void* to, const void* from, uint64 count) noexcept {
+        _mm512_mask_storeu_epi8(to, first(count), _mm512_maskz_loadu_epi8(first(count), from));
+    }
+    static __mmask64 first(uint64 count) noexcept { return _bzhi_u64(~0ULL, static_cast<unsigned>(count)); }
 };
 
 } // namespace

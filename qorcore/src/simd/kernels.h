@@ -5,12 +5,14 @@
 // VECTOR::type has these operations: load and store at any address, store_aligned at a multiple of the vector's size,
 // stream (stores two vectors past the caches, at a multiple of their size), repeat (makes the vector of a pattern) and
 // fence (orders streamed stores before later ones). VECTOR::half has load, store and repeat for vectors of 32 bytes, if
-// its own are wider; else it is VECTOR. VECTOR::store_some stores the first bytes of a vector, if a set can.
+// its own are wider; else it is VECTOR. VECTOR::store_some and copy_some store the first bytes of a
+// vector, if a set can.
 #pragma once
 
 #include "simd/pattern.h"
 #include "simd/simd.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <utility>
@@ -108,6 +110,7 @@ struct kernels {
     static void copy(void* destination, const void* source, uint64 length) noexcept {
         char* to = static_cast<char*>(destination);
         const char* from = static_cast<const char*>(source);
+        __builtin_prefetch(to, 1);
         if (length >= 64) [[likely]] {
             if (length <= 128) [[likely]]
                 return copy_ends<VECTOR, 64 / width>(to, from, length);
@@ -138,44 +141,47 @@ struct kernels {
         return reinterpret_cast<std::uintptr_t>(at) % page > page - width;
     }
 
-    // A load waits for an earlier store if their addresses agree modulo 4096, because the processor mistakes it for
-    // dependent. If the destination is shortly ahead of the source modulo 4096, this happens in every round of a
-    // forward copy, but never in a backward copy. A copy that does not fit the first-level cache waits for the second
-    // level anyway, and that one prefers the forward direction.
-    static bool runs_ahead(const char* to, const char* from, uint64 length) noexcept {
-        const uint64 ahead = static_cast<uint64>(to - from) % 4096;
-        return ahead != 0 && ahead < 1024 && length <= 16384;
-    }
-
     static void copy_loop(void* destination, const void* source, uint64 length) noexcept {
         if (length <= 2 * block)
             return copy(destination, source, length);
         copy_blocks(static_cast<char*>(destination), static_cast<const char*>(source), length);
     }
 
-    // More than two blocks: a vector at each end, and between them whole blocks whose stores are aligned, of which the
-    // last may overlap the one before it.
-    [[gnu::always_inline]] static void copy_blocks(char* to, const char* from, uint64 length) noexcept {
-        copy_one(to, from);
-        copy_one(to + length - width, from + length - width);
-        const uint64 first = to_next(to, width);
-        const uint64 last = length - block - since_last(to + length, width);
-        if (!runs_ahead(to, from, length)) {
-            for (uint64 at = first; at < last; at += block)
-                copy_block_aligned(to + at, from + at);
-            copy_block_aligned(to + last, from + last);
-        } else {
-            for (uint64 end = last + block; end > first + block; end -= block)
-                copy_block_aligned(to + end - block, from + end - block);
-            copy_block_aligned(to + first, from + first);
-        }
+    struct four {
+        type a, b, c, d;
+    };
+    static four load_block(const char* from) noexcept {
+        return {VECTOR::load(from), VECTOR::load(from + width), VECTOR::load(from + 2 * width),
+                VECTOR::load(from + 3 * width)};
+    }
+    static void store_block_aligned(char* to, const four& of) noexcept {
+        VECTOR::store_aligned(to, of.a), VECTOR::store_aligned(to + width, of.b);
+        VECTOR::store_aligned(to + 2 * width, of.c), VECTOR::store_aligned(to + 3 * width, of.d);
     }
 
-    static void copy_block_aligned(char* to, const char* from) noexcept {
-        const type a = VECTOR::load(from), b = VECTOR::load(from + width);
-        const type c = VECTOR::load(from + 2 * width), d = VECTOR::load(from + 3 * width);
-        VECTOR::store_aligned(to, a), VECTOR::store_aligned(to + width, b);
-        VECTOR::store_aligned(to + 2 * width, c), VECTOR::store_aligned(to + 3 * width, d);
+    // More than two blocks: a vector at each end, and between them whole blocks whose stores are aligned, of which the
+    // last may overlap the one before it.
+    //
+    // Each block is loaded before the one ahead of it is stored. A load waits for an earlier store if their addresses
+    // agree modulo 4096, because the processor mistakes it for dependent; so it would wait in every round if the
+    // destination is shortly ahead of the source modulo 4096, as it is for two pages at small offsets.
+    [[gnu::always_inline]] static void copy_blocks(char* to, const char* from, uint64 length) noexcept {
+        const uint64 over = since_last(to + length, width);
+        const uint64 last = length - over - block;
+        uint64 at = to_next(to, width);
+        copy_one(to, from);
+        four current = load_block(from + at);
+        for (; at < last; at += block) {
+            const four next = load_block(from + std::min(at + block, last));
+            store_block_aligned(to + at, current);
+            current = next;
+        }
+        store_block_aligned(to + last, current);
+        // A store that ends in another page than it begins takes thirty times as long as others.
+        if constexpr (requires { &VECTOR::copy_some; })
+            VECTOR::copy_some(to + length - over, from + length - over, over);
+        else
+            copy_one(to + length - width, from + length - width);
     }
 
     static void fill(void* destination, uint64 pattern, uint64 length) noexcept {
@@ -185,6 +191,7 @@ struct kernels {
     // Inline, because a pattern of zeros takes much less work if the compiler knows it.
     [[gnu::always_inline]] static void fill_any(void* destination, uint64 pattern, uint64 length) noexcept {
         char* to = static_cast<char*>(destination);
+        __builtin_prefetch(to, 1);
         if (length >= 64) [[likely]] {
             if (length <= 128) [[likely]]
                 return fill_ends<VECTOR, 64 / width>(to, pattern, length);
@@ -230,15 +237,14 @@ struct kernels {
         const uint64 first = to_next(to, width);
         const uint64 over = since_last(to + length, width);
         const type middle = VECTOR::repeat(go_on(pattern, first));
-        // A store that ends in another page than it begins takes thirty times as long as others.
-        if constexpr (requires { &VECTOR::store_some; })
-            VECTOR::store_some(to + length - over, middle, over);
-        else
-            VECTOR::store(to + length - width, VECTOR::repeat(go_on(pattern, length)));
         const uint64 last = length - over - block;
         for (uint64 at = first; at < last; at += block)
             fill_block_aligned(to + at, middle);
         fill_block_aligned(to + last, middle);
+        if constexpr (requires { &VECTOR::store_some; })
+            VECTOR::store_some(to + length - over, middle, over);
+        else
+            VECTOR::store(to + length - width, VECTOR::repeat(go_on(pattern, length)));
     }
 
     static void fill_block_aligned(char* to, type value) noexcept {

@@ -66,7 +66,6 @@ qor::simd::limits qor::simd::find_limits(const instruction_set& set, const cache
     found.stream_copy_from = third / 2;
     found.stream_fill_from = third;
     found.is_cold = is_cold;
-    found.cold_copy_from = 32 << 10;
-    found.cold_fill_from = 64 << 10;
+    found.cold_copy_from = found.cold_fill_from = 128 << 10;
     return found;
 }
