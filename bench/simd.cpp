@@ -150,15 +150,16 @@ template <class CALLS>
 }
 
 // The seconds of one call, in a round. A cold round goes on through the pool; `place` keeps its position. A hot one
-// begins with both blocks in the caches, as far as they fit, and with a call that is not measured: what another strategy
-// left there must not decide.
+// begins with both blocks in the caches, as far as they fit: what ran before must not decide. A large cache keeps data
+// only after several passes over them.
 template <class CALLS>
 double round_of(const CALLS& by, const work& what, uint64& place) {
     const uint64 calls = std::clamp<uint64>((s_brief ? mib / 4 : 8 * mib) / what.length, 1, s_brief ? 500 : 20000);
     const uint64 stride = what.cold ? (what.length + 2 * 4 * kib) / (4 * kib) * (4 * kib) : 0;
     if (!what.cold) {
         place = 0;
-        std::memset(s_to, 1, what.length + 64);
+        for (uint64 pass = 0; pass < 4 && what.length <= 64 * mib; ++pass)
+            std::memset(s_to, 1, what.length + 64);
         s_sum = sum(s_from, what.length + 64) + sum(s_to, what.length + 64);
         repeat(by, what, place, stride, 1);
     }

@@ -2,6 +2,7 @@
 #include "simd/pattern.h"
 #include "simd/sets_x86.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -54,7 +55,7 @@ qor::simd::limits qor::simd::find_limits(const instruction_set& set, const cache
         // For copies whose source and destination together exceed the first-level cache, and for fills that exceed the
         // second-level cache.
         found.string_copy = string_copy;
-        found.string_copy_from = first / 2;
+        found.string_copy_from = first;
         found.string_gap = this_processor().string_gap;
         found.string_fill = string_fill;
         found.string_fill_from = second;
@@ -63,7 +64,7 @@ qor::simd::limits qor::simd::find_limits(const instruction_set& set, const cache
     // cache anyway, or where fetching the old contents of the destination costs more than that.
     found.stream_copy = this_processor().wants_pages ? set.stream_pages : set.stream_copy;
     found.stream_fill = set.stream_fill;
-    found.stream_copy_from = third / 2;
+    found.stream_copy_from = std::min<uint64>(third / 2, 48 << 20);
     found.stream_fill_from = third;
     found.is_cold = is_cold;
     found.cold_copy_from = found.cold_fill_from = 128 << 10;
