@@ -265,7 +265,9 @@ void check(const strategy& by) {
 void compare(const work& what) {
     uint64 place = 0;
     row(what.name(), what.length, peers_for(what.what, what.length), ours, of_best, of_library,
-        [&](const strategy& by) { return call_by(by, [&](const auto& calls) { return round_of(calls, what, place); }); });
+        [&](const strategy& by) {
+            return call_by(by, [&](const auto& calls) { return round_of(calls, what, place); });
+        });
 }
 
 void compare_lengths(operation what) {

@@ -49,7 +49,8 @@ void copy_ends(char* to, const char* from, uint64 length) noexcept {
         const typename PIECE::type back[] = {PIECE::load(last + AT * width)...};
         (PIECE::store(to + AT * width, front[AT]), ...);
         (PIECE::store(to + length - (COUNT - AT) * width, back[AT]), ...);
-    }(std::make_integer_sequence<uint64, COUNT>());
+    }
+    (std::make_integer_sequence<uint64, COUNT>());
 }
 
 // The same for a fill.
@@ -61,7 +62,8 @@ void fill_ends(char* to, uint64 pattern, uint64 length) noexcept {
         const typename PIECE::type back = PIECE::repeat(go_on(pattern, length - width % 8));
         (PIECE::store(to + AT * width, front), ...);
         (PIECE::store(to + length - (COUNT - AT) * width, back), ...);
-    }(std::make_integer_sequence<uint64, COUNT>());
+    }
+    (std::make_integer_sequence<uint64, COUNT>());
 }
 
 // One to three bytes: the first, the middle one and the last, of which some are the same.
@@ -111,29 +113,31 @@ struct kernels {
         char* to = static_cast<char*>(destination);
         const char* from = static_cast<const char*>(source);
         __builtin_prefetch(to, 1);
-        if (length >= 64) [[likely]] {
-            if (length <= 128) [[likely]]
-                return copy_ends<VECTOR, 64 / width>(to, from, length);
-            if constexpr (2 * block >= 256)
-                if (length <= 256) [[likely]]
-                    return copy_ends<VECTOR, 128 / width>(to, from, length);
-            if constexpr (2 * block >= 512)
-                if (length <= 512) [[likely]]
-                    return copy_ends<VECTOR, 256 / width>(to, from, length);
-            if (length >= qor::simd::large_copy_from.load(std::memory_order_acquire)) [[unlikely]]
-                return qor::simd::copy_large(to, from, length);
-            copy_blocks(to, from, length);
-        } else if (length >= 32) [[likely]] {
-            copy_ends<half, 32 / half_width>(to, from, length);
-        } else if (length >= 16) [[likely]] {
-            copy_ends<scalar<two_words>>(to, from, length);
-        } else if (length >= 8) [[likely]] {
-            copy_ends<scalar<uint64>>(to, from, length);
-        } else if (length >= 4) [[likely]] {
-            copy_ends<scalar<uint32>>(to, from, length);
-        } else if (length != 0) {
-            copy_up_to_3(to, from, length);
+        // One comparison for a range: the lengths below it wrap around.
+        if (length - 16 <= 32 - 16) [[likely]]
+            return copy_ends<scalar<two_words>>(to, from, length);
+        if (length <= 64) [[likely]] {
+            if (length >= 16) [[likely]]
+                copy_ends<half, 32 / half_width>(to, from, length);
+            else if (length >= 8) [[likely]]
+                copy_ends<scalar<uint64>>(to, from, length);
+            else if (length >= 4) [[likely]]
+                copy_ends<scalar<uint32>>(to, from, length);
+            else if (length != 0)
+                copy_up_to_3(to, from, length);
+            return;
         }
+        if (length <= 128) [[likely]]
+            return copy_ends<VECTOR, 64 / width>(to, from, length);
+        if constexpr (2 * block >= 256)
+            if (length <= 256) [[likely]]
+                return copy_ends<VECTOR, 128 / width>(to, from, length);
+        if constexpr (2 * block >= 512)
+            if (length <= 512) [[likely]]
+                return copy_ends<VECTOR, 256 / width>(to, from, length);
+        if (length >= qor::simd::large_copy_from.load(std::memory_order_acquire)) [[unlikely]]
+            return qor::simd::copy_large(to, from, length);
+        copy_blocks(to, from, length);
     }
 
     // The processor takes long to find out that it need not store a part of a vector that lies in a page of others.
