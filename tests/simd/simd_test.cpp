@@ -42,15 +42,16 @@ void PrintTo(const way& one, std::ostream* out) { *out << one.name; }
 
 limits low_limits(const limits& machine) {
     limits low = machine;
-    if (low.string_copy != nullptr) {
-        low.string_copy_from = low.string_fill_from = 1500;
-        low.string_gap = 64;
-    }
-    if (low.stream_copy != nullptr) {
-        low.cold_copy_from = low.cold_fill_from = 2000;
-        low.is_cold = [](void*, uint64 length) noexcept { return length % 2 == 0; };
-        low.stream_copy_from = low.stream_fill_from = 2500;
-    }
+    low.is_cold = [](void*, uint64 length) noexcept { return length % 2 == 0; };
+    low.string_gap = 64;
+    if (low.string_copy != nullptr)
+        low.string_copy_from = 1500;
+    if (low.string_fill != nullptr)
+        low.string_fill_from = 1500;
+    if (low.stream_copy != nullptr)
+        low.cold_copy_from = 2000, low.stream_copy_from = 2500;
+    if (low.stream_fill != nullptr)
+        low.cold_fill_from = 2000, low.stream_fill_from = 2500;
     return low;
 }
 

@@ -107,7 +107,7 @@ bool qor::control::known_hosts::look_up(const std::string& host, uint16 port, co
 bool qor::control::known_hosts::remember(const std::string& host, uint16 port, const key_fingerprint& key) {
     // The host must not be able to break the format of its line.
     if (host.empty() || host.front() == '#' ||
-        std::any_of(host.begin(), host.end(), [](char c) { return c >= '\0' && c <= ' '; })) {
+        std::any_of(host.begin(), host.end(), [](char c) { return static_cast<unsigned char>(c) <= ' '; })) {
         qorSetLastError(qorError_no_such_host, host.c_str());
         return false;
     }
